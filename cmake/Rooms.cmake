@@ -1,0 +1,36 @@
+# A room is one folder below src/ and one library. Its headers are included as "room/file.h", and can be found
+# only by a target that links the room: each room has an include root of its own (a link to its folder) instead
+# of the common src/. So an include against the order of the rooms fails to build.
+#
+# trabex_room(NAME room SOURCES a.cpp b.cpp LINKS other rooms and libraries)
+function(trabex_room)
+  cmake_parse_arguments(ROOM "" "NAME" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  set(root ${CMAKE_BINARY_DIR}/rooms/${ROOM_NAME})
+  file(MAKE_DIRECTORY ${root})
+  file(CREATE_LINK ${CMAKE_SOURCE_DIR}/src/${ROOM_NAME} ${root}/${ROOM_NAME} SYMBOLIC)
+  if(NOT ROOM_SOURCES)
+    add_library(${ROOM_NAME} INTERFACE)
+    target_include_directories(${ROOM_NAME} INTERFACE ${root})
+    target_link_libraries(${ROOM_NAME} INTERFACE ${ROOM_LINKS})
+    return()
+  endif()
+  add_library(${ROOM_NAME} STATIC)
+  foreach(source IN LISTS ROOM_SOURCES)
+    target_sources(${ROOM_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/src/${ROOM_NAME}/${source})
+  endforeach()
+  target_include_directories(${ROOM_NAME} PUBLIC ${root})
+  target_link_libraries(${ROOM_NAME} PUBLIC ${ROOM_LINKS} PRIVATE ${ROOM_PRIVATE_LINKS})
+endfunction()
+
+# trabex_test(NAME base_text SOURCES unit/base/text_test.cpp LINKS base): one test program, known to ctest.
+function(trabex_test)
+  cmake_parse_arguments(TEST "" "NAME;TIMEOUT" "SOURCES;LINKS" ${ARGN})
+  if(NOT TEST_TIMEOUT)
+    set(TEST_TIMEOUT 120)
+  endif()
+  add_executable(${TEST_NAME} ${TEST_SOURCES})
+  target_link_libraries(${TEST_NAME} PRIVATE ${TEST_LINKS} GTest::gtest GTest::gmock GTest::gtest_main)
+  target_include_directories(${TEST_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/tests)
+  add_test(NAME ${TEST_NAME} COMMAND ${TEST_NAME})
+  set_tests_properties(${TEST_NAME} PROPERTIES TIMEOUT ${TEST_TIMEOUT})
+endfunction()

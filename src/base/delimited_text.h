@@ -1,0 +1,39 @@
+// Text with delimited parts: quoted words, addresses in angle brackets. The names are those of the design.
+//
+// A delimited part runs from an open delimiter to the next close delimiter; a close delimiter that another
+// one follows at once does not end the part (doubling escapes it). With an empty open delimiter there are no
+// delimited parts; an empty close delimiter means the same as the open one.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+#include <vector>
+
+namespace trabex::mCommon {
+
+// How separators, delimiters and search texts are compared.
+enum class Compare { kExact, kNoCase };
+
+// The text between `open` at its start and `close` at its end; doubled delimiters inside stay as they stand.
+// The view points into `text`. Raises 321 "Invalid delimited string \"<text>\"." (source "mCommon.Undelimit")
+// when a delimiter that is not empty is missing, or the text is shorter than both together.
+std::string_view Undelimit(std::string_view text, std::string_view open, std::string_view close,
+                           Compare compare = Compare::kExact);
+
+// The 1-based position of `search` (not empty) in `text` at or after `start` (1-based) and outside delimited
+// parts; 0 when there is none. Delimited parts are read from `start` on. Raises 321 "Unbalanced delimiters in
+// delimited string \"<text>\"." (source "mCommon.InstrOutsise") when a part that begins before the position
+// found has no end.
+std::size_t InstrOutsise(std::size_t start, std::string_view text, std::string_view search,
+                         std::string_view open, std::string_view close,
+                         Compare compareSearch = Compare::kExact,
+                         Compare compareDelimiters = Compare::kExact);
+
+// The pieces of `text` between separators outside delimited parts; they keep their delimiters and point into
+// `text`. `limit` is the greatest number of pieces (the last one is the rest), -1 for any. With `skipEmpty`
+// empty pieces are left out. Raises what InstrOutsise raises.
+std::vector<std::string_view> SplitOutside(std::string_view text, std::string_view separator,
+                                           std::string_view open, std::string_view close, int limit = -1,
+                                           Compare compareMode = Compare::kExact, bool skipEmpty = false);
+
+}  // namespace trabex::mCommon

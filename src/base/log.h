@@ -1,0 +1,31 @@
+// The log as every room sees it: somebody to whom a line can be given.
+#pragma once
+
+#include <string_view>
+
+#include "base/error.h"
+
+namespace trabex {
+
+// Takes finished lines. The implementation adds the time stamp and the line end, drops the line when logging
+// is off, and never fails towards the caller.
+class Log {
+ public:
+  virtual ~Log() = default;
+
+  // Writes one line. `message` may hold any bytes; they are written as they are, line breaks included.
+  virtual void LogLine(std::string_view message) = 0;
+
+  // Writes "Error <number> in <source>. <description>".
+  void LogError(int number, std::string_view description, std::string_view source);
+  void LogError(const Error& error) { LogError(error.Number(), error.Description(), error.Source()); }
+};
+
+// Runs `action` as the body of an event handler: an Error that leaves it, or another standard exception, is
+// written to `log` and goes no further. `source` names the handler for exceptions that carry no source.
+template <class Action>
+void RunLogged(Log& log, std::string_view source, Action&& action);
+
+}  // namespace trabex
+
+#include "base/log_inl.h"

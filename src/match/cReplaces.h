@@ -1,0 +1,86 @@
+// Rules that rewrite the text of a reply, and the macros in it.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "base/text.h"
+
+namespace trabex {
+
+// One search-and-replace rule.
+class cReplace {
+ public:
+  cReplace(std::string search, std::string replacement, bool case_sensitive);
+
+  const std::string& Search() const { return search_; }
+  const std::string& Replacement() const { return replacement_; }
+  bool CaseSensitive() const { return case_sensitive_; }
+
+  // Replaces every occurrence; an empty search text replaces the whole text.
+  void ApplyRule(std::string& text) const;
+  // The rule as a list entry of the initialization file: "<text>", "<search>=<text>" or "<search>==<text>".
+  std::string Format() const;
+
+ private:
+  std::string search_;
+  std::string match_;  // search_ with every "¶" (UTF-8, or the single byte B6) as CR LF
+  std::string replacement_;
+  bool case_sensitive_;
+};
+
+// What the macros stand for. A value is asked for only when its macro occurs.
+class MacroSource {
+ public:
+  virtual ~MacroSource() = default;
+  virtual std::string LocalHostName() const = 0;
+  virtual std::string RFCTime() const = 0;
+  virtual std::string RemoteHostName() const = 0;
+  virtual std::string RemoteHostIP() const = 0;
+  virtual std::string HeloDomain() const = 0;
+  virtual std::string BytesReceived() const = 0;
+  virtual std::string BytesSent() const = 0;
+  virtual std::string From() const = 0;
+  virtual std::string Rcpt() const = 0;
+  virtual std::string MaxSize() const = 0;
+  virtual std::string Size() const = 0;
+};
+
+// The rules of one reply name, in the order of the entries.
+class cReplaces {
+ public:
+  const cReplace& Add(std::string search, std::string replacement, bool case_sensitive);
+  const std::string& Name() const { return name_; }
+  void SetName(std::string name) { name_ = std::move(name); }
+  std::size_t Count() const { return rules_.size(); }
+  // The formatted rule, `index` from 0.
+  std::string Item(std::size_t index) const { return rules_[index].Format(); }
+  const std::vector<cReplace>& Rules() const { return rules_; }
+
+  // Rewrites `text`: each rule on the result of the one before it, the macros expanded after each. Failures
+  // carry the source "cReplaces.Apply".
+  void Apply(std::string& text, const MacroSource& macros) const;
+
+ private:
+  std::string name_;
+  std::vector<cReplace> rules_;
+};
+
+// The lists by reply name (any case), in the order of the file; only lists with rules are kept.
+class ResponseChangeTable {
+ public:
+  // Raises 457 when the name is there already (source "ResponseChangeTable.Add").
+  void Add(cReplaces replaces);
+  // nullptr when there is none; valid until the table changes.
+  const cReplaces* Find(std::string_view name) const;
+  const std::vector<cReplaces>& Lists() const { return lists_; }
+
+ private:
+  std::vector<cReplaces> lists_;
+  std::unordered_map<std::string, std::size_t, HashNoCase, SameNoCase> index_;
+};
+
+}  // namespace trabex

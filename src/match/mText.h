@@ -1,0 +1,83 @@
+// Text patterns and lists of them. Letter case is folded for ASCII only; `?` and `[...]` take one byte.
+//
+//   ?  any one byte        *  any run, also none     #  one digit
+//   [list], [!list]        one byte that is, or is not, in the list; low-high is a range, ascending; "-"
+//   first or last
+//                          stands for itself
+//   []                     the empty text
+//   []pattern              (three bytes and more) the opposite of matching pattern
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace trabex {
+
+// One entry of an expression list: one pattern, or several that must all match (an AND-group). An entry
+// without any pattern that is no group is empty and matches by the caller's default.
+struct ListEntry {
+  std::vector<std::string> patterns;
+  bool is_group = false;
+  friend bool operator==(const ListEntry&, const ListEntry&) = default;
+};
+
+// An ordered list of entries, compiled as it grows: entries without wildcards and those of the form `*` +
+// plain text are found by hash, the others are parsed once. Results are those of the linear scan. Copies
+// share the compiled form.
+class ExpressionList {
+ public:
+  ExpressionList();
+  ~ExpressionList();
+  ExpressionList(const ExpressionList&);
+  ExpressionList& operator=(const ExpressionList&);
+  ExpressionList(ExpressionList&&) noexcept;
+  ExpressionList& operator=(ExpressionList&&) noexcept;
+
+  // Appends an entry under `key` (compared without regard to case). Raises 457 "This key is already
+  // associated with an element of this collection" (source "mText.ExpressionList") when the key is there
+  // already; the list is unchanged.
+  void Add(std::string_view key, ListEntry entry);
+
+  const std::vector<ListEntry>& Entries() const;
+  std::size_t Count() const { return Entries().size(); }
+  bool Contains(std::string_view text) const;  // MatchList
+
+ private:
+  struct Impl;
+  std::shared_ptr<Impl> impl_;
+};
+
+namespace mText {
+
+// Whether `text` as a whole matches `pattern`, negation prefix included. Raises 93 (source "mText.LikeText")
+// "Invalid Regular Expression in string: \"<pattern>\"." when the pattern is malformed anywhere.
+bool LikeText(std::string_view text, std::string_view pattern);
+
+// The plain wildcard match: no negation prefix, case-sensitive. Raises 93 likewise, source "mText.PlainLike".
+bool PlainLike(std::string_view text, std::string_view pattern);
+
+// Whether `pattern` is malformed: an unclosed "[" or a descending range, anywhere in it.
+bool IsInvalidPattern(std::string_view pattern);
+
+// An empty entry gives `default_result`; a group without members false.
+bool MatchEntry(std::string_view text, const ListEntry& entry, bool default_result);
+// Whether any entry matches; false for an empty list.
+bool MatchList(std::string_view text, const ExpressionList& list);
+
+// How LikeTextComplex takes a pattern list apart.
+struct ComplexForm {
+  bool split_commas = false;
+  bool split_blanks = false;
+  std::string_view open_delimiter;
+  std::string_view close_delimiter;  // empty: the open one
+  bool undelimit = false;
+};
+// Matches against a pattern list given as one text, parsed on each call. An alternative without any part
+// matches nothing. Raises 93 or 321 with source "mText.LikeTextComplex".
+bool LikeTextComplex(std::string_view text, std::string_view patterns, const ComplexForm& form);
+
+}  // namespace mText
+}  // namespace trabex

@@ -1,0 +1,124 @@
+// The program's one network object: an event-driven, non-blocking IPv4 socket.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "net/byte_queue.h"
+#include "net/modSocketMaster.h"
+#include "platform/name_lookup.h"
+#include "platform/sockets.h"
+
+namespace trabex {
+
+enum class SocketState : int {
+  sckClosed = 0,
+  sckOpen = 1,
+  sckListening = 2,
+  sckResolvingHost = 4,
+  sckHostResolved = 5,
+  sckConnecting = 6,
+  sckConnected = 7,
+  sckClosing = 8,  // the peer has closed; the owner has not
+  sckError = 9,    // only CloseSck leaves it
+};
+
+enum class SocketProtocol : int { sckTCPProtocol = 0, sckUDPProtocol = 1 };
+
+// What an object tells its owner, from the loop or from inside a call that the owner makes (SendData may
+// raise SendComplete before it returns). A handler may call anything on the object, CloseSck included, and
+// may hand the object's owner to EventLoop::Retire; it must not destroy the object. An empty handler is
+// skipped. An Error that leaves a handler is written to the log at the border.
+struct CSocketMasterEvents {
+  std::function<void()> CloseSck;
+  std::function<void()> Connect;
+  std::function<void(std::int32_t requestID)> ConnectionRequest;
+  std::function<void()> DataArrival;
+  // cancel_display is preset true; a handler that sets it false gets the text shown on standard error.
+  std::function<void(int number, std::string& description, const std::string& source, bool& cancel_display)>
+      Error;
+  std::function<void()> SendComplete;
+  std::function<void(std::size_t bytes_sent, std::size_t bytes_remaining)> SendProgress;
+};
+
+// Members and their rules are those of the classic socket control. Methods raise Error: 40020 in the wrong
+// state, 40014 for a bad argument, 40006 for the wrong protocol or state, otherwise the number of the failing
+// call with its text; a failure that is found during network progress is reported by the Error event instead,
+// with State sckError first.
+//
+// Destroying the object closes its socket at once, without the orderly end that CloseSck gives it.
+class CSocketMaster final : public SocketSink {
+ public:
+  // `module` outlives the object.
+  explicit CSocketMaster(modSocketMaster& module);
+  ~CSocketMaster() override;
+  CSocketMaster(const CSocketMaster&) = delete;
+  CSocketMaster& operator=(const CSocketMaster&) = delete;
+
+  CSocketMasterEvents Events;
+
+  std::int32_t RemotePort() const;
+  void SetRemotePort(std::int32_t lngPort);
+  const std::string& RemoteHost() const;
+  void SetRemoteHost(std::string strHost);
+  const std::string& RemoteHostIP() const;
+  std::int32_t LocalPort() const;
+  void SetLocalPort(std::int32_t lngPort);
+  SocketState State() const;
+  // This machine's name. Raises the look-up's error, source "CSocketMaster.GetLocalHostName".
+  std::string LocalHostName(bool bNotCached = false);
+  // The peer's name as LookUpRemoteHostName found it. Raises that look-up's error (11002 while there is no
+  // answer), source "CSocketMaster.GetRemoteHostName".
+  std::string RemoteHostName(bool bNotCached = false);
+  // Asks for the peer's name; `done` is called once from the loop, within 5 seconds, also when there is none;
+  // not after CloseSck. A name with anything but letters, digits, "-", "_" and "." counts as none. One
+  // look-up at a time; a second call replaces the first one's `done`. Raises what reading the peer's address
+  // raises.
+  void LookUpRemoteHostName(std::function<void()> done);
+  std::string LocalIP();
+  std::int64_t BytesReceived() const;
+  std::int64_t BytesSent() const;
+  // A small number that names the socket to people, -1 when there is none.
+  std::int32_t SocketHandle() const;
+  const std::string& Tag() const;
+  void SetTag(std::string strTag);
+  SocketProtocol Protocol() const;
+  void SetProtocol(SocketProtocol enmProtocol);
+
+  // Closes in order: what SendData accepted still reaches the peer, even when data of the peer lies unread;
+  // the module goes on with that in the background for 5 seconds at most. No event follows.
+  void CloseSck();
+  // Absent arguments leave the properties as they are for the port, "" for the host.
+  void Connect(std::optional<std::string> RemoteHost = std::nullopt,
+               std::optional<std::int32_t> RemotePort = std::nullopt);
+  void Bind(std::optional<std::int32_t> LocalPort = std::nullopt, const std::string& LocalIP = {});
+  // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are.
+  void SendData(std::string_view Data);
+  // The bytes received, MaxLen at most (0: one chunk of the socket's receive buffer); returns their number.
+  // PeekData leaves them to be read again.
+  std::int32_t GetData(std::string& Data, std::int32_t MaxLen = 0);
+  std::int32_t PeekData(std::string& Data, std::int32_t MaxLen = 0);
+  // As PeekData, without a copy: the view is valid until the next call on this object.
+  std::string_view PeekView(std::int32_t MaxLen = 0);
+  // Listens so that no other process can on the same endpoint.
+  void Listen();
+  void Accept(std::int32_t requestID);
+  std::vector<std::string> GetLocalIPAddresses();
+
+  // Bytes accepted by SendData and not yet taken by the network.
+  std::size_t PendingBytes() const;
+
+  void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
+
+ private:
+  friend class modSocketMaster;
+  struct Rare;  // what only few sockets need, so that a session's stay small
+  // (filled in by the implementation)
+};
+
+}  // namespace trabex

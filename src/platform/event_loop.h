@@ -1,0 +1,88 @@
+// The one loop of the program: it waits for sockets, timers and end requests and calls their owners, one
+// after the other on one thread. Nothing may wait inside a call from the loop, and nobody may run the loop
+// from inside one (asserted).
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "platform/clock.h"
+
+namespace trabex {
+
+using Milliseconds = std::chrono::milliseconds;
+
+// Anything the loop may destroy later, see EventLoop::Retire.
+class Retired {
+ public:
+  virtual ~Retired() = default;
+};
+
+// What a descriptor-like thing of the system is watched for. Only platform/ and c-ares sockets use this;
+// sockets of ours are watched by platform/sockets.h.
+struct ForeignReadiness {
+  bool readable = false;
+  bool writable = false;
+};
+
+class EventLoop {
+ public:
+  // `clock` outlives the loop. Raises 57 "Device I/O error" when the system gives no event queue.
+  explicit EventLoop(const Clock& clock);
+  ~EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+
+  // Turns until Quit is called. Errors that leave a handler are a defect of the handler (asserted).
+  void Run();
+  // Ends Run after the current turn.
+  void Quit();
+  // One turn: waits `wait` at most for something to happen (0: does not wait), handles what is there, runs
+  // the turn end. Returns whether anything was called. For tests, and for the wait of a start for a name.
+  bool RunOnce(Milliseconds wait);
+
+  // Calls `action` once in the next turn (never inside this call).
+  void Post(std::function<void()> action);
+  // Calls `action` once at the end of this turn, after all events and before the loop sleeps: for work that
+  // is collected over a turn, such as writing the log.
+  void AtTurnEnd(std::function<void()> action);
+  // Takes `object` and destroys it at the end of this turn, so that no call that is still on the stack finds
+  // itself in a destroyed object. Outside of a turn it waits for the next turn's end, or the loop's own end.
+  void Retire(std::unique_ptr<Retired> object);
+
+  const Clock& GetClock() const;
+
+  // Internal seam to the files of platform/ and to Timer.
+  struct Impl;
+  Impl& GetImpl() { return *impl_; }
+
+ private:
+  std::unique_ptr<Impl> impl_;
+};
+
+// A timer that calls its owner every `interval` while enabled. Destroying it disables it, also inside its own
+// call. Ticks that were missed while the loop was busy are not made up for. A timer enabled inside a timer's
+// call is not called in the same turn, so timers cannot starve sockets.
+class Timer {
+ public:
+  // `loop` outlives the timer.
+  Timer(EventLoop& loop, Milliseconds interval, std::function<void()> tick);
+  ~Timer();
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  // Begins a whole new interval, also when it was enabled already.
+  void Enable();
+  void Disable();
+  bool Enabled() const;
+  // Takes effect at once: an enabled timer begins a whole new interval.
+  void SetInterval(Milliseconds interval);
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,29 @@
+// One instance per listening port, and the request that it end.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "platform/event_loop.h"
+
+namespace trabex {
+
+// Held as long as the object lives; it goes with the process, however that ends. Its scope is the network
+// namespace, as for the port itself.
+class InstanceLock {
+ public:
+  virtual ~InstanceLock() = default;
+};
+
+// The lock named `name`, or nothing when another instance holds it. `exit_requested` is called from the loop
+// when another process of the same user or of root asks for the end (RequestExit); requests of others are
+// dropped. Raises 57 "Device I/O error" when the system refuses for another reason.
+std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
+                                              std::function<void()> exit_requested);
+
+// Asks the instance named `name` to end; returns whether there is one that could be asked. Does not wait for
+// it.
+bool RequestExit(std::string_view name);
+
+}  // namespace trabex

@@ -1,0 +1,58 @@
+// Names and addresses of hosts, asked for without waiting: /etc/hosts first, then DNS.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/event_loop.h"
+
+namespace trabex {
+
+// The outcome of a look-up. `error` is 0 or one of 11001 to 11004 (no answer in time is 11002).
+struct AddressAnswer {
+  int error = 0;
+  std::vector<std::uint32_t> addresses;  // host order, at least one when error is 0
+};
+struct NameAnswer {
+  int error = 0;
+  std::string name;  // from DNS, so whatever the address's owner wants; without a trailing dot
+};
+
+using LookupId = std::uint64_t;  // 0: none
+
+// An interface, so that a test gives the answers.
+class NameLookup {
+ public:
+  virtual ~NameLookup() = default;
+
+  // `answer` is called once, from the loop, within 5 seconds, never from inside this call; not after Cancel.
+  // A dotted address resolves to itself, an empty name fails with 11001.
+  virtual LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) = 0;
+  virtual LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) = 0;
+  // An id that was answered already, or 0, is ignored.
+  virtual void Cancel(LookupId id) = 0;
+
+  // The addresses of `name` as far as they can be told without asking anybody: a dotted address, or
+  // /etc/hosts.
+  virtual std::optional<std::uint32_t> KnownAddress(std::string_view name) = 0;
+  // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
+  virtual NameAnswer LocalHostName() = 0;
+};
+
+// How the real one asks. The defaults are the system's own.
+struct NameLookupOptions {
+  std::string servers;     // "127.0.0.1:5353", several separated by commas; empty: those of resolv.conf
+  std::string hosts_file;  // empty: /etc/hosts
+  Milliseconds limit = std::chrono::seconds(5);  // for one look-up in all
+};
+
+// c-ares on the loop. `loop` outlives it. Raises 57 "Device I/O error" when c-ares cannot start.
+std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options = {});
+
+}  // namespace trabex

@@ -1,0 +1,135 @@
+// The system's IPv4 sockets behind handles and notifications.
+//
+// Watching a socket delivers five notifications to its sink, with the meaning of Windows Sockets'
+// asynchronous selection:
+//   FD_READ     when data is there, and again only after a receive was tried and more is there
+//   FD_WRITE    once after the connection stands, and after a send that would have blocked as soon as one can
+//   go on FD_ACCEPT   when a connection waits, and again after an accept when another one waits FD_CONNECT
+//   once, when a connect that was under way has succeeded or failed (error != 0) FD_CLOSE    once, after
+//   everything that the peer sent has been read; its error (0, or 10054 and the like) is a
+//               hint only
+// No notification is lost and none spins. They are delivered from the loop, never from inside one of these
+// calls.
+//
+// Every function returns 0 or the designed error number (10035 would block, ...); no errno leaves this room.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/event_loop.h"
+
+namespace trabex {
+
+// Names one socket: an index into a table and the generation of its use. A handle whose socket was closed is
+// stale: every call with it returns 10038 and no notification carries it, even after the index was given out
+// again.
+struct SocketHandle {
+  std::int32_t index = -1;  // 1 and up; small, so it also serves as the number shown to people. -1: none
+  std::uint32_t generation = 0;
+
+  bool IsNone() const { return index < 0; }
+  friend bool operator==(const SocketHandle&, const SocketHandle&) = default;
+};
+
+enum class Transport { kTcp, kUdp };
+
+// The values are those of the design.
+enum class SocketEvent : int { kRead = 1, kWrite = 2, kAccept = 8, kConnect = 16, kClose = 32 };
+
+// An address and port in host order; 127.0.0.1 is 0x7F000001.
+struct Endpoint {
+  std::uint32_t address = 0;
+  std::uint16_t port = 0;
+  friend bool operator==(const Endpoint&, const Endpoint&) = default;
+};
+
+class SocketSink {
+ public:
+  virtual ~SocketSink() = default;
+  // `error` is 0 or a designed error number. The sink may close the socket, and destroy itself only through
+  // EventLoop::Retire.
+  virtual void OnSocketEvent(SocketHandle socket, SocketEvent event, int error) = 0;
+};
+
+// The numbers of errors that callers tell apart.
+namespace socket_error {
+inline constexpr int kTooManyOpenFiles = 10024;
+inline constexpr int kWouldBlock = 10035;
+inline constexpr int kNotSocket = 10038;
+inline constexpr int kAddressFamily = 10047;
+inline constexpr int kAddressInUse = 10048;
+inline constexpr int kAddressNotAvailable = 10049;
+inline constexpr int kConnectionReset = 10054;
+inline constexpr int kNoBufferSpace = 10055;
+inline constexpr int kTimedOut = 10060;
+inline constexpr int kConnectionRefused = 10061;
+inline constexpr int kHostNotFound = 11001;
+inline constexpr int kTryAgain = 11002;
+inline constexpr int kNoRecovery = 11003;
+inline constexpr int kNoData = 11004;
+}  // namespace socket_error
+
+class Sockets {
+ public:
+  // `loop` outlives this object. Raises the soft limit of open files to the hard one and ignores SIGPIPE.
+  explicit Sockets(EventLoop& loop);
+  ~Sockets();  // closes what is still open
+  Sockets(const Sockets&) = delete;
+  Sockets& operator=(const Sockets&) = delete;
+
+  // A new non-blocking socket, not watched yet.
+  int Open(Transport transport, SocketHandle& socket);
+  // Closes it; its notifications end at once. Data not yet sent goes on being sent by the system, unless
+  // received data was left unread: then the system resets the connection (see net/ for the orderly way).
+  int Close(SocketHandle socket);
+  // Delivers notifications to `sink` from now on (nullptr: to nobody, until the next Watch; what was due then
+  // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
+  int Watch(SocketHandle socket, SocketSink* sink);
+
+  int Bind(SocketHandle socket, Endpoint local);
+  // Binds so that no other process listens on the same endpoint, and a new start may follow an old one at
+  // once.
+  int BindExclusively(SocketHandle socket, Endpoint local);
+  // `backlog` 0 asks for the platform's largest.
+  int Listen(SocketHandle socket, int backlog);
+  // The new socket is non-blocking, with TCP_NODELAY.
+  int Accept(SocketHandle listener, SocketHandle& accepted);
+  // 10035 while it is under way (FD_CONNECT follows); TCP_NODELAY is set. 0 is also followed by FD_CONNECT.
+  int Connect(SocketHandle socket, Endpoint remote);
+  // Ends our sending side; receiving goes on.
+  int ShutDownSending(SocketHandle socket);
+
+  // `sent` is how much of `data` the system took: 1 or more when 0 is returned.
+  int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent);
+  // `received` 0 with result 0 is the end of the peer's data.
+  int Receive(SocketHandle socket, std::span<char> room, std::size_t& received);
+  int SendTo(SocketHandle socket, std::span<const char> data, Endpoint to);
+  int ReceiveFrom(SocketHandle socket, std::span<char> room, bool peek, std::size_t& received,
+                  Endpoint& from);
+  // The bytes that a receive would give (UDP: the size of the next datagram).
+  int Available(SocketHandle socket, std::size_t& bytes);
+
+  int LocalEndpoint(SocketHandle socket, Endpoint& local);
+  int RemoteEndpoint(SocketHandle socket, Endpoint& remote);
+  int SendBufferSize(SocketHandle socket, int& bytes);
+  int ReceiveBufferSize(SocketHandle socket, int& bytes);
+  int AllowBroadcast(SocketHandle socket);
+
+  // The addresses of all interfaces that are up.
+  int LocalAddresses(std::vector<std::uint32_t>& addresses);
+
+  EventLoop& Loop() { return loop_; }
+
+ private:
+  struct Impl;
+  EventLoop& loop_;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,48 @@
+// The main window's picture on the terminal: status line, header, one row per connection.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/event_loop.h"
+
+namespace trabex {
+
+// What the view shows. It pulls: a text is asked for only while it is visible.
+class ViewContent {
+ public:
+  virtual ~ViewContent() = default;
+  virtual std::string Status() const = 0;
+  virtual std::string Version() const = 0;
+  virtual std::string Header() const = 0;
+  virtual std::size_t RowCount() const = 0;
+  // Row `index` (0 is the first) as it shall be shown; UTF-8, control characters are shown as "?".
+  virtual std::string RowText(std::size_t index) const = 0;
+};
+
+// The terminal never holds up the loop: what draws is a process of its own, and a terminal that does not read
+// costs frames.
+class TerminalView {
+ public:
+  virtual ~TerminalView() = default;  // restores the terminal
+  // Shows the content anew as soon as the terminal can take it; cheap to call often.
+  virtual void Refresh() = 0;
+};
+
+struct TerminalViewEvents {
+  std::function<void()> closed;             // the user closed the window
+  std::function<void(bool folded)> folded;  // the user folded it to the status line, or unfolded it
+};
+
+// The reason that there is no view, for people; empty when a view is possible now: standard output is a
+// terminal of a known kind and the program runs in the foreground.
+std::string WhyNoTerminalView();
+
+// Both references outlive the view; events come from the loop. Raises 57 "Device I/O error" when the terminal
+// or the drawing process cannot be had.
+std::unique_ptr<TerminalView> OpenTerminalView(EventLoop& loop, const ViewContent& content, bool folded,
+                                               TerminalViewEvents events);
+
+}  // namespace trabex

@@ -1,0 +1,37 @@
+// What a session needs of the program around it.
+#pragma once
+
+#include "base/log.h"
+#include "config/configuration.h"
+#include "net/modSocketMaster.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/name_lookup.h"
+#include "proxy/session_collection.h"
+
+namespace trabex {
+
+class cProxy;
+
+// The connection table, as sessions see it.
+class ConnectionTable {
+ public:
+  virtual ~ConnectionTable() = default;
+  // The row of a session that is in the collection from now on.
+  virtual void AddRow(cProxy& session) = 0;
+  virtual void RemoveRow(std::string_view key) = 0;
+};
+
+// References that outlive every session.
+struct SessionHost {
+  const Configuration& configuration;
+  Log& log;
+  const Clock& clock;
+  EventLoop& loop;
+  modSocketMaster& sockets;
+  NameLookup& names;
+  SessionCollection& sessions;
+  ConnectionTable& table;
+};
+
+}  // namespace trabex
