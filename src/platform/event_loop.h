@@ -37,7 +37,7 @@ class EventLoop {
 
   // Turns until Quit is called. Errors that leave a handler are a defect of the handler (asserted).
   void Run();
-  // Ends Run after the current turn.
+  // Ends Run after the current turn; a Quit that comes before Run ends it before its first turn.
   void Quit();
   // One turn: waits `wait` at most for something to happen (0: does not wait), handles what is there, runs
   // the turn end. Returns whether anything was called. For tests, and for the wait of a start for a name.

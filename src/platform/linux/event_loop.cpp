@@ -1,0 +1,171 @@
+// The event loop on epoll. One turn: wait, posts, events, timers, turn end.
+#include "platform/event_loop.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cassert>
+#include <cerrno>
+#include <chrono>
+#include <limits>
+#include <utility>
+
+#include "base/error.h"
+#include "platform/linux/event_loop_impl.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr Milliseconds kNoLimit{-1};
+
+// A negative interval counts as none.
+Milliseconds Sane(Milliseconds interval) {
+  return std::max(interval, Milliseconds{0});
+}
+
+}  // namespace
+
+EventLoop::Impl::Impl(const Clock& the_clock) : clock(the_clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
+  if (epoll < 0) throw Error(error_number::kDeviceIo, "EventLoop.EventLoop", "Device I/O error");
+  foreign_source = AddSource(foreign);
+}
+
+EventLoop::Impl::~Impl() {
+  close(epoll);
+}
+
+std::uint8_t EventLoop::Impl::AddSource(EventSource& source) {
+  auto slot = std::find(sources_.begin(), sources_.end(), nullptr);
+  if (slot == sources_.end()) {
+    assert(sources_.size() < 256);
+    slot = sources_.insert(slot, &source);
+  } else {
+    *slot = &source;
+  }
+  return static_cast<std::uint8_t>(slot - sources_.begin());
+}
+
+void EventLoop::Impl::RemoveSource(std::uint8_t id) {
+  sources_[id] = nullptr;
+  // The next source may get this id and the same indices, so the rest of this turn's events goes to nobody.
+  for (std::size_t i = 0; i < event_count_; ++i) {
+    if (EventTarget::Unpack(events_[i].data.u64).source == id) events_[i].events = 0;
+  }
+}
+
+int EventLoop::Impl::Control(int operation, int descriptor, std::uint32_t events, EventTarget target) {
+  epoll_event event{};
+  event.events = events;
+  event.data.u64 = target.Packed();
+  return epoll_ctl(epoll, operation, descriptor, &event) == 0 ? 0 : errno;
+}
+
+int EventLoop::Impl::EpollTimeout(Milliseconds wait) const {
+  if (work.Waiting()) return 0;
+  std::optional<Milliseconds> limit;
+  if (wait >= Milliseconds{0}) limit = wait;
+  if (const auto deadline = timers.NextDeadline()) {
+    // Rounded up: a turn that wakes just before its timer would find nothing to do.
+    const auto until =
+        std::max(Milliseconds{0}, std::chrono::ceil<Milliseconds>(*deadline - clock.Monotonic()));
+    limit = limit ? std::min(*limit, until) : until;
+  }
+  if (!limit) return -1;
+  return static_cast<int>(std::min<Milliseconds::rep>(limit->count(), std::numeric_limits<int>::max()));
+}
+
+std::size_t EventLoop::Impl::DispatchEvents() {
+  std::size_t calls = 0;
+  for (std::size_t i = 0; i < event_count_; ++i) {
+    if (events_[i].events == 0) continue;
+    const EventTarget target = EventTarget::Unpack(events_[i].data.u64);
+    EventSource* const source = target.source < sources_.size() ? sources_[target.source] : nullptr;
+    if (source != nullptr && source->OnReady(target.index, target.generation, events_[i].events)) ++calls;
+  }
+  event_count_ = 0;
+  return calls;
+}
+
+bool EventLoop::Impl::Turn(Milliseconds wait) {
+  assert(!in_turn && "the loop was run from inside one of its calls");
+  if (in_turn) return false;
+  in_turn = true;
+  const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
+  event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  std::size_t calls = work.CallPosts();
+  calls += DispatchEvents();
+  calls += timers.CallDue(clock.Monotonic());
+  calls += work.EndTurn();
+  in_turn = false;
+  return calls > 0;
+}
+
+EventLoop::EventLoop(const Clock& clock) : impl_(std::make_unique<Impl>(clock)) {}
+
+EventLoop::~EventLoop() {
+  impl_->work.Clear();
+}
+
+void EventLoop::Run() {
+  while (!impl_->quit) impl_->Turn(kNoLimit);
+  impl_->quit = false;
+}
+
+void EventLoop::Quit() {
+  impl_->quit = true;
+}
+
+bool EventLoop::RunOnce(Milliseconds wait) {
+  return impl_->Turn(Sane(wait));
+}
+
+void EventLoop::Post(std::function<void()> action) {
+  impl_->work.Post(std::move(action));
+}
+
+void EventLoop::AtTurnEnd(std::function<void()> action) {
+  impl_->work.AtTurnEnd(std::move(action));
+}
+
+void EventLoop::Retire(std::unique_ptr<Retired> object) {
+  impl_->work.Retire(std::move(object));
+}
+
+const Clock& EventLoop::GetClock() const {
+  return impl_->clock;
+}
+
+struct Timer::State {
+  EventLoop::Impl& loop;
+  TimerEntry entry;
+};
+
+Timer::Timer(EventLoop& loop, Milliseconds interval, std::function<void()> tick)
+    : state_(new State{loop.GetImpl(), {}}) {
+  state_->entry.interval = Sane(interval);
+  state_->entry.tick = std::move(tick);
+}
+
+Timer::~Timer() {
+  state_->loop.timers.Forget(state_->entry);
+}
+
+void Timer::Enable() {
+  state_->loop.timers.Arm(state_->entry, state_->loop.clock.Monotonic() + state_->entry.interval);
+}
+
+void Timer::Disable() {
+  state_->loop.timers.Disarm(state_->entry);
+}
+
+bool Timer::Enabled() const {
+  return state_->entry.position != TimerEntry::kNowhere;
+}
+
+void Timer::SetInterval(Milliseconds interval) {
+  state_->entry.interval = Sane(interval);
+  if (Enabled()) Enable();
+}
+
+}  // namespace trabex

@@ -1,0 +1,85 @@
+// The part of the event loop that needs no operating system: work that is put off to a point of the turn, and
+// the timers. The loop of each platform owns one and says when each point is reached.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/event_loop.h"
+
+namespace trabex {
+
+// Calls `action` where nobody is left to take an exception: one that leaves it is a defect of the handler, so
+// it stops a debug build; otherwise the loop goes on with the next call.
+void CallHandler(const std::function<void()>& action) noexcept;
+
+// One timer as the heap keeps it. Owned by its Timer, which takes it out of the heap before it goes.
+struct TimerEntry {
+  static constexpr std::size_t kNowhere = std::numeric_limits<std::size_t>::max();
+
+  Milliseconds interval{0};
+  std::function<void()> tick;
+  MonotonicTime deadline{};
+  std::uint64_t order = 0;          // of arming; tells timers of one deadline apart
+  std::size_t position = kNowhere;  // in the heap, kNowhere while disabled
+};
+
+// The armed timers, earliest first. Arming and disarming cost O(log n), finding the next one O(1).
+class TimerHeap {
+ public:
+  // Arms `entry` (again) for `deadline`.
+  void Arm(TimerEntry& entry, MonotonicTime deadline);
+  // A disarmed entry may be disarmed again.
+  void Disarm(TimerEntry& entry);
+  std::optional<MonotonicTime> NextDeadline() const;
+  // Calls what is due at `now` and arms it for its next interval. What is armed meanwhile waits for the next
+  // call of this function, due or not. Returns the number of calls.
+  std::size_t CallDue(MonotonicTime now);
+  // To be told before an entry is destroyed: it may be the one that is being called.
+  void Forget(TimerEntry& entry);
+
+ private:
+  static bool Earlier(const TimerEntry& a, const TimerEntry& b);
+  void Place(TimerEntry* entry, std::size_t position);
+  void MoveUp(std::size_t position);
+  void MoveDown(std::size_t position);
+
+  std::vector<TimerEntry*> heap_;
+  std::uint64_t next_order_ = 0;
+  TimerEntry* called_ = nullptr;  // the one whose tick runs, nullptr once that one is gone
+};
+
+// Posts, turn-end actions and retired objects.
+class TurnWork {
+ public:
+  void Post(std::function<void()> action) { posts_.push_back(std::move(action)); }
+  void AtTurnEnd(std::function<void()> action) { turn_end_.push_back(std::move(action)); }
+  void Retire(std::unique_ptr<Retired> object) {
+    if (object) retired_.push_back(std::move(object));
+  }
+
+  // Whether a turn has something to do without any event, so that it must not wait.
+  bool Waiting() const { return !posts_.empty() || !turn_end_.empty() || !retired_.empty(); }
+  // Calls what was posted before this call. Returns the number of calls.
+  std::size_t CallPosts();
+  // Runs the turn-end actions and destroys what was retired, also what these bring about, in that order until
+  // nothing is left; what then still brings forth more is left for the next turn. Returns the number of
+  // calls.
+  std::size_t EndTurn();
+  // Destroys what was retired and drops all actions; for the loop's end.
+  void Clear();
+
+ private:
+  std::vector<std::function<void()>> posts_;
+  std::vector<std::function<void()>> running_posts_;  // kept for its memory
+  std::vector<std::function<void()>> turn_end_;
+  std::vector<std::unique_ptr<Retired>> retired_;
+};
+
+}  // namespace trabex

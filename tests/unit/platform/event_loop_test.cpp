@@ -1,0 +1,476 @@
+#include "platform/event_loop.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/error.h"
+#include "platform/foreign_watch.h"
+#include "support/fake_clock.h"
+#include "support/loop_runner.h"
+
+namespace trabex {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr Milliseconds kNow{0};
+
+// Appends its text to a trace when it is destroyed.
+class Tombstone final : public Retired {
+ public:
+  Tombstone(std::string& trace, char mark) : trace_(trace), mark_(mark) {}
+  ~Tombstone() override { trace_ += mark_; }
+
+ private:
+  std::string& trace_;
+  char mark_;
+};
+
+class SocketPair {
+ public:
+  SocketPair() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends_.data()) != 0) std::abort();
+  }
+  ~SocketPair() {
+    CloseFar();
+    close(ends_[0]);
+  }
+  SocketPair(const SocketPair&) = delete;
+  SocketPair& operator=(const SocketPair&) = delete;
+
+  int Near() const { return ends_[0]; }
+  void WriteFar() const { ASSERT_EQ(write(ends_[1], "x", 1), 1); }
+  void ReadNear() const {
+    char byte = 0;
+    ASSERT_EQ(read(ends_[0], &byte, 1), 1);
+  }
+  void CloseFar() {
+    if (ends_[1] >= 0) close(ends_[1]);
+    ends_[1] = -1;
+  }
+
+ private:
+  std::array<int, 2> ends_{};
+};
+
+class EventLoopTest : public testing::Test {
+ protected:
+  FakeClock clock;
+  EventLoop loop{clock};
+  std::string trace;
+};
+
+TEST_F(EventLoopTest, PostRunsInTheNextTurnInOrder) {
+  loop.Post([this] {
+    trace += 'a';
+    loop.Post([this] { trace += 'c'; });
+  });
+  loop.Post([this] { trace += 'b'; });
+  EXPECT_EQ(trace, "");
+  EXPECT_TRUE(loop.RunOnce(kNow));
+  EXPECT_EQ(trace, "ab");
+  EXPECT_TRUE(loop.RunOnce(kNow));
+  EXPECT_EQ(trace, "abc");
+  EXPECT_FALSE(loop.RunOnce(kNow));
+}
+
+TEST_F(EventLoopTest, APostOutsideATurnKeepsItFromWaiting) {
+  loop.Post([this] { trace += 'p'; });
+  const auto start = std::chrono::steady_clock::now();
+  loop.RunOnce(std::chrono::minutes(5));
+  EXPECT_EQ(trace, "p");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::minutes(1));
+}
+
+TEST_F(EventLoopTest, TurnEndComesAfterEverythingElseAndBeforeTheLoopSleeps) {
+  Timer timer(loop, milliseconds(10), [this] { trace += 't'; });
+  timer.Enable();
+  clock.Advance(milliseconds(10));
+  loop.AtTurnEnd([this] { trace += 'e'; });
+  loop.Post([this] {
+    trace += 'p';
+    loop.AtTurnEnd([this] { trace += 'f'; });
+  });
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "ptef");
+  loop.AtTurnEnd([this] { trace += 'g'; });
+  loop.RunOnce(std::chrono::minutes(5));  // would outlast the test's limit if it slept
+  EXPECT_EQ(trace, "ptefg");
+}
+
+TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHoldItUp) {
+  loop.Post([this] {
+    loop.AtTurnEnd([this] { loop.AtTurnEnd([this] { trace += 'n'; }); });
+    loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+  });
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "rn");
+
+  int rounds = 0;
+  std::function<void()> again = [&] {
+    ++rounds;
+    loop.AtTurnEnd(again);
+  };
+  loop.AtTurnEnd(again);
+  loop.RunOnce(kNow);
+  EXPECT_GT(rounds, 1);
+  EXPECT_LT(rounds, 100);
+}
+
+TEST_F(EventLoopTest, RetiredObjectsOutliveTheCallsOfTheirTurn) {
+  loop.Post([this] {
+    loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+    trace += 'a';
+  });
+  loop.Post([this] { trace += 'b'; });
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "abr");
+}
+
+TEST_F(EventLoopTest, RetiredOutsideATurnGoesAtTheNextTurnsEndOrWithTheLoop) {
+  loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+  EXPECT_EQ(trace, "");
+  loop.RunOnce(std::chrono::minutes(5));
+  EXPECT_EQ(trace, "r");
+  {
+    EventLoop other(clock);
+    other.Retire(std::make_unique<Tombstone>(trace, 's'));
+    other.Retire(nullptr);
+    EXPECT_EQ(trace, "r");
+  }
+  EXPECT_EQ(trace, "rs");
+}
+
+TEST_F(EventLoopTest, QuitEndsRunAfterTheTurn) {
+  loop.Post([this] {
+    loop.Quit();
+    trace += 'q';
+    loop.Post([this] { trace += 'n'; });
+  });
+  loop.Post([this] { trace += 's'; });
+  loop.Run();
+  EXPECT_EQ(trace, "qs");
+  // The next Run is a new one.
+  loop.Post([this] { loop.Quit(); });
+  loop.Run();
+  EXPECT_EQ(trace, "qsn");
+}
+
+TEST_F(EventLoopTest, AQuitBeforeRunIsNotLost) {
+  loop.Quit();
+  loop.Run();
+  loop.Post([this] { trace += 'p'; });
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "p");
+}
+
+TEST_F(EventLoopTest, RunsWithoutAnyLiveTimer) {
+  Timer timer(loop, milliseconds(1), [this] { trace += 't'; });
+  timer.Enable();
+  timer.Disable();
+  SocketPair pair;
+  ForeignWatch watch(loop, pair.Near(), [this](ForeignReadiness) { loop.Quit(); });
+  watch.SetInterest({.readable = true});
+  pair.WriteFar();
+  loop.Run();
+  EXPECT_EQ(trace, "");
+}
+
+TEST_F(EventLoopTest, ATimerTicksEveryIntervalWhileEnabled) {
+  int ticks = 0;
+  Timer timer(loop, milliseconds(100), [&] { ++ticks; });
+  EXPECT_FALSE(timer.Enabled());
+  clock.Advance(milliseconds(1000));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 0);
+  timer.Enable();
+  EXPECT_TRUE(timer.Enabled());
+  clock.Advance(milliseconds(99));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 0);
+  clock.Advance(milliseconds(1));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 1);
+  clock.Advance(milliseconds(100));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 2);
+  timer.Disable();
+  clock.Advance(milliseconds(100));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 2);
+}
+
+TEST_F(EventLoopTest, MissedTicksAreNotMadeUpForAndLateOnesDoNotDrift) {
+  int ticks = 0;
+  Timer timer(loop, milliseconds(100), [&] { ++ticks; });
+  timer.Enable();
+  clock.Advance(milliseconds(950));
+  loop.RunOnce(kNow);
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 1);
+  clock.Advance(milliseconds(100));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 2);
+  clock.Advance(milliseconds(130));  // 30 late
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 3);
+  clock.Advance(milliseconds(70));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 4);
+}
+
+TEST_F(EventLoopTest, EnableAndSetIntervalBeginAWholeNewInterval) {
+  int ticks = 0;
+  Timer timer(loop, milliseconds(100), [&] { ++ticks; });
+  timer.Enable();
+  clock.Advance(milliseconds(60));
+  timer.Enable();
+  clock.Advance(milliseconds(60));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 0);
+  timer.SetInterval(milliseconds(50));
+  clock.Advance(milliseconds(49));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 0);
+  clock.Advance(milliseconds(1));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 1);
+  timer.Disable();
+  timer.SetInterval(milliseconds(1));
+  EXPECT_FALSE(timer.Enabled());
+}
+
+TEST_F(EventLoopTest, TimersTickInTheOrderOfTheirDeadlines) {
+  std::vector<std::unique_ptr<Timer>> timers;
+  for (const int after : {70, 10, 50, 30, 90, 20, 80, 40, 60}) {
+    timers.push_back(std::make_unique<Timer>(
+        loop, milliseconds(after), [this, after] { trace += static_cast<char>('0' + after / 10); }));
+    timers.back()->Enable();
+  }
+  timers[2].reset();     // 50
+  timers[5]->Disable();  // 20
+  clock.Advance(milliseconds(100));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "1346789");
+}
+
+TEST_F(EventLoopTest, ATimerStartedInATickWaitsForTheNextTurn) {
+  std::unique_ptr<Timer> second;
+  Timer first(loop, milliseconds(0), [&] {
+    trace += '1';
+    if (second) return;
+    second = std::make_unique<Timer>(loop, milliseconds(0), [&] { trace += '2'; });
+    second->Enable();
+  });
+  first.Enable();
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "1");
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "112");
+}
+
+TEST_F(EventLoopTest, ATimerMayBeDestroyedDisabledOrEnabledInItsOwnTick) {
+  auto text = std::make_shared<std::string>("alive");
+  auto timer = std::make_unique<Timer>(loop, milliseconds(10), nullptr);
+  timer = std::make_unique<Timer>(loop, milliseconds(10), [&, text] {
+    timer.reset();
+    trace += *text;  // what the tick holds is still there
+  });
+  timer->Enable();
+  clock.Advance(milliseconds(10));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "alive");
+  EXPECT_EQ(text.use_count(), 1);
+
+  int ticks = 0;
+  Timer once(loop, milliseconds(10), [&] {
+    ++ticks;
+    once.Disable();
+  });
+  once.Enable();
+  clock.Advance(milliseconds(10));
+  loop.RunOnce(kNow);
+  clock.Advance(milliseconds(10));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 1);
+  once.Enable();
+  clock.Advance(milliseconds(10));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(ticks, 2);
+}
+
+TEST_F(EventLoopTest, OneTickMayDestroyAnotherDueTimer) {
+  std::unique_ptr<Timer> victim;
+  Timer killer(loop, milliseconds(10), [&] { victim.reset(); });
+  victim = std::make_unique<Timer>(loop, milliseconds(10), [&] { trace += 'v'; });
+  killer.Enable();
+  victim->Enable();
+  clock.Advance(milliseconds(10));
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "");
+}
+
+TEST_F(EventLoopTest, WaitsForTheTimerOnTheMachinesClock) {
+  SystemClock system;
+  EventLoop real(system);
+  int ticks = 0;
+  Timer timer(real, milliseconds(20), [&] { ++ticks; });
+  timer.Enable();
+  const auto start = system.Monotonic();
+  EXPECT_TRUE(RunUntil(real, [&] { return ticks > 0; }));
+  EXPECT_GE(system.Monotonic() - start, milliseconds(20));
+}
+
+TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheTurns) {
+  SocketPair pair;
+  int reads = 0;
+  int ticks = 0;
+  int posts = 0;
+  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness) { ++reads; });  // never reads
+  watch.SetInterest({.readable = true});
+  pair.WriteFar();
+  Timer timer(loop, milliseconds(0), [&] { ++ticks; });
+  timer.Enable();
+  std::function<void()> post = [&] {
+    ++posts;
+    loop.Post(post);
+  };
+  loop.Post(post);
+  for (int turn = 0; turn < 10; ++turn) loop.RunOnce(kNow);
+  EXPECT_EQ(reads, 10);
+  EXPECT_EQ(ticks, 10);
+  EXPECT_EQ(posts, 10);
+}
+
+TEST_F(EventLoopTest, ForeignWatchTellsWhatIsReadyAsLongAsItIs) {
+  SocketPair pair;
+  int readable = 0;
+  int writable = 0;
+  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness ready) {
+    readable += ready.readable ? 1 : 0;
+    writable += ready.writable ? 1 : 0;
+  });
+  EXPECT_FALSE(loop.RunOnce(kNow));  // nothing is watched for yet
+  watch.SetInterest({.readable = true, .writable = true});
+  loop.RunOnce(kNow);
+  EXPECT_EQ(readable, 0);
+  EXPECT_EQ(writable, 1);
+  watch.SetInterest({.readable = true});
+  EXPECT_FALSE(loop.RunOnce(kNow));
+  pair.WriteFar();
+  loop.RunOnce(kNow);
+  loop.RunOnce(kNow);
+  EXPECT_EQ(readable, 2);
+  pair.ReadNear();
+  EXPECT_FALSE(loop.RunOnce(kNow));
+  EXPECT_EQ(writable, 1);
+}
+
+TEST_F(EventLoopTest, ForeignWatchTellsAHangUpAsWhatIsWatchedForAndNothingWithoutInterest) {
+  SocketPair pair;
+  int readable = 0;
+  int writable = 0;
+  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness ready) {
+    readable += ready.readable ? 1 : 0;
+    writable += ready.writable ? 1 : 0;
+  });
+  watch.SetInterest({.readable = true});
+  pair.CloseFar();
+  loop.RunOnce(kNow);
+  EXPECT_EQ(readable, 1);
+  watch.SetInterest({.writable = true});
+  loop.RunOnce(kNow);
+  EXPECT_EQ(writable, 1);
+  watch.SetInterest({});
+  EXPECT_FALSE(loop.RunOnce(kNow));
+  EXPECT_EQ(readable, 1);
+}
+
+TEST_F(EventLoopTest, ForeignWatchMayBeDestroyedInsideItsOwnCallAndByAnotherOne) {
+  SocketPair pair;
+  auto text = std::make_shared<std::string>("alive");
+  std::unique_ptr<ForeignWatch> watch;
+  watch = std::make_unique<ForeignWatch>(loop, pair.Near(), [&, text](ForeignReadiness) {
+    watch.reset();
+    // The place of the destroyed one may be taken at once.
+    SocketPair another;
+    ForeignWatch second(loop, another.Near(), [this](ForeignReadiness) { trace += "wrong"; });
+    trace += *text;
+  });
+  watch->SetInterest({.readable = true});
+  pair.WriteFar();
+  loop.RunOnce(kNow);
+  EXPECT_EQ(trace, "alive");
+  EXPECT_EQ(text.use_count(), 1);
+  EXPECT_FALSE(loop.RunOnce(kNow));
+
+  // Two are ready in one turn and each would destroy the other: exactly one is called.
+  std::array<SocketPair, 2> pairs;
+  std::array<std::unique_ptr<ForeignWatch>, 2> watches;
+  int calls = 0;
+  for (std::size_t i = 0; i < 2; ++i) {
+    watches[i] = std::make_unique<ForeignWatch>(loop, pairs[i].Near(), [&, i](ForeignReadiness) {
+      ++calls;
+      watches[1 - i].reset();
+    });
+    watches[i]->SetInterest({.readable = true});
+    pairs[i].WriteFar();
+  }
+  loop.RunOnce(kNow);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(EventLoopTest, ALateEventDoesNotReachAWatchThatTookTheSamePlace) {
+  std::array<SocketPair, 2> pairs;
+  std::array<std::unique_ptr<ForeignWatch>, 2> watches;
+  SocketPair idle;
+  std::unique_ptr<ForeignWatch> newcomer;
+  bool swapped = false;
+  for (std::size_t i = 0; i < 2; ++i) {
+    watches[i] = std::make_unique<ForeignWatch>(loop, pairs[i].Near(), [&, i](ForeignReadiness) {
+      if (swapped) return;
+      swapped = true;
+      watches[1 - i].reset();
+      newcomer =
+          std::make_unique<ForeignWatch>(loop, idle.Near(), [this](ForeignReadiness) { trace += "wrong"; });
+      newcomer->SetInterest({.readable = true});
+    });
+    watches[i]->SetInterest({.readable = true});
+    pairs[i].WriteFar();
+  }
+  loop.RunOnce(kNow);
+  loop.RunOnce(kNow);
+  EXPECT_TRUE(swapped);
+  EXPECT_EQ(trace, "");
+}
+
+TEST_F(EventLoopTest, AnErrorThatLeavesAHandlerIsADefectThatAReleaseSurvives) {
+  loop.Post([] { throw Error(321, "a handler", "left it"); });
+  loop.Post([this] { trace += 'n'; });
+  EXPECT_DEBUG_DEATH(loop.RunOnce(kNow), "left an event handler");
+}
+
+TEST_F(EventLoopTest, RunningTheLoopFromInsideItIsADefect) {
+  loop.Post([this] { loop.RunOnce(kNow); });
+  EXPECT_DEBUG_DEATH(loop.RunOnce(kNow), "from inside");
+}
+
+TEST_F(EventLoopTest, ForeignWatchOfSomethingThatCannotBeWatchedRaises) {
+  ForeignWatch watch(loop, 1 << 20, [](ForeignReadiness) {});
+  try {
+    watch.SetInterest({.readable = true});
+    FAIL() << "no error";
+  } catch (const Error& error) {
+    EXPECT_EQ(error.Number(), 57);
+    EXPECT_EQ(error.Description(), "Device I/O error");
+  }
+}
+
+}  // namespace
+}  // namespace trabex
