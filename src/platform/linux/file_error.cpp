@@ -1,0 +1,85 @@
+#include "platform/linux/file_error.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "base/error.h"
+#include "platform/files.h"
+#include "platform/linux/folder_of.h"
+
+namespace trabex {
+
+namespace {
+
+int FileErrorNumber(int code) {
+  switch (code) {
+    case ENOENT:
+      return error_number::kFileNotFound;
+    case ENOTDIR:
+      return error_number::kPathNotFound;
+    case EACCES:
+    case EPERM:
+      return error_number::kPermissionDenied;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+      return error_number::kDiskFull;
+    case EEXIST:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+    case ENOTEMPTY:
+    case ENXIO:
+    case EBUSY:
+    case ETXTBSY:
+    case EROFS:
+    case EXDEV:
+    case EINVAL:
+    case EMFILE:
+    case ENFILE:
+      return error_number::kPathFileAccess;
+    default:
+      return error_number::kDeviceIo;
+  }
+}
+
+const char* FileErrorText(int number) {
+  switch (number) {
+    case error_number::kFileNotFound:
+      return "File not found";
+    case error_number::kPathNotFound:
+      return "Path not found";
+    case error_number::kPermissionDenied:
+      return "Permission denied";
+    case error_number::kPathFileAccess:
+      return "Path/File access error";
+    case error_number::kDiskFull:
+      return "Disk full";
+    default:
+      return "Device I/O error";
+  }
+}
+
+}  // namespace
+
+void RaiseFileError(int code, std::string source) {
+  const int number = FileErrorNumber(code);
+  throw Error(number, std::move(source), FileErrorText(number));
+}
+
+void RaisePathError(int code, const std::string& path, const std::string& source) {
+  if (code == ENOENT) {
+    struct stat folder {};
+    if (stat(FolderOf(path).c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode)) code = ENOTDIR;
+  }
+  RaiseFileError(code, source);
+}
+
+void SurviveFileSizeLimit() {
+  static const auto before = signal(SIGXFSZ, SIG_IGN);
+  static_cast<void>(before);
+}
+
+}  // namespace trabex

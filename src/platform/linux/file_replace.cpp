@@ -1,0 +1,68 @@
+#include "platform/file_replace.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "platform/files.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/file_error.h"
+#include "platform/linux/folder_of.h"
+
+namespace trabex {
+
+namespace {
+
+// 0, or the system's code of what failed.
+int WriteAll(int file, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = write(file, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+int WriteAndSync(Descriptor& file, std::initializer_list<std::string_view> parts) {
+  for (const std::string_view part : parts) {
+    if (const int code = WriteAll(file.Get(), part); code != 0) return code;
+  }
+  if (fsync(file.Get()) != 0) return errno;
+  return file.Close() == 0 ? 0 : errno;
+}
+
+}  // namespace
+
+void WriteNewFile(const std::string& path, std::initializer_list<std::string_view> parts,
+                  const std::string& source) {
+  SurviveFileSizeLimit();
+  Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!file) RaisePathError(errno, path, source);
+  if (const int code = WriteAndSync(file, parts); code != 0) {
+    RemoveFile(path);
+    RaiseFileError(code, source);
+  }
+}
+
+void MoveFile(const std::string& from, const std::string& to, const std::string& source) {
+  if (std::rename(from.c_str(), to.c_str()) == 0) return;
+  const int code = errno;
+  RaisePathError(code, access(from.c_str(), F_OK) == 0 ? to : from, source);
+}
+
+void SyncFolderOf(const std::string& path, const std::string& source) {
+  const std::string folder = FolderOf(path);
+  const Descriptor opened(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!opened) RaisePathError(errno, path, source);
+  // Some file systems have nothing to sync for a folder and say so.
+  if (fsync(opened.Get()) != 0 && errno != EINVAL && errno != EROFS) RaiseFileError(errno, source);
+}
+
+bool RemoveFile(const std::string& path) {
+  return unlink(path.c_str()) == 0;
+}
+
+}  // namespace trabex

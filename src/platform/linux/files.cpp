@@ -1,0 +1,133 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "platform/linux/descriptor.h"
+#include "platform/linux/file_error.h"
+
+namespace trabex {
+
+namespace {
+
+// The executable's path as it was at the first call: the system appends a mark to it once the file is
+// replaced by a newer one.
+const std::string& ProgramPath() {
+  static const std::string path = [] {
+    std::array<char, PATH_MAX> room;
+    const ssize_t length = readlink("/proc/self/exe", room.data(), room.size());
+    if (length < 0) RaiseFileError(errno, "mFiles.ProgramPath");
+    std::string found(room.data(), static_cast<std::size_t>(length));
+    constexpr std::string_view kReplacedMark = " (deleted)";
+    if (found.ends_with(kReplacedMark) && access(found.c_str(), F_OK) != 0) {
+      found.resize(found.size() - kReplacedMark.size());
+    }
+    return found;
+  }();
+  return path;
+}
+
+// Opens a regular file; -1 with errno otherwise. What is none is not opened at all, since opening alone may
+// wait (a FIFO) or move something (a tape); the second look is for what took its place in between.
+Descriptor OpenRegularFile(const std::string& path, int flags) {
+  struct stat status {};
+  const bool exists = stat(path.c_str(), &status) == 0;
+  if (exists && !S_ISREG(status.st_mode)) {
+    errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
+    return Descriptor();
+  }
+  Descriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+  if (file && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    file.Close();
+    errno = ENXIO;
+  }
+  return file;
+}
+
+}  // namespace
+
+bool IsPathSeparator(char c) {
+  return c == '/' || c == '\\';
+}
+
+std::string ProgramDirectory() {
+  const std::string& path = ProgramPath();
+  return path.substr(0, path.find_last_of('/'));
+}
+
+std::string ProgramName() {
+  std::string name = ProgramPath().substr(ProgramPath().find_last_of('/') + 1);
+  const std::size_t dot = name.find_last_of('.');
+  if (dot != std::string::npos && dot > 0) name.resize(dot);
+  return name;
+}
+
+std::string NativePath(std::string_view path) {
+  std::string native(path);
+  std::replace(native.begin(), native.end(), '\\', kPathSeparator);
+  return native;
+}
+
+std::int64_t FileModificationStamp(const std::string& path, const std::string& source) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) RaisePathError(errno, path, source);
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+}
+
+bool CreateFolder(const std::string& path) {
+  return mkdir(path.c_str(), 0777) == 0;
+}
+
+bool AppendFile::Open(const std::string& path) {
+  Close();
+  SurviveFileSizeLimit();
+  Descriptor file = OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT);
+  descriptor_ = file.Release();
+  return IsOpen();
+}
+
+bool AppendFile::Write(std::string_view text) {
+  if (!IsOpen()) return false;
+  ssize_t written = 0;
+  do {
+    written = write(static_cast<int>(descriptor_), text.data(), text.size());
+  } while (written < 0 && errno == EINTR);
+  return written >= 0 && static_cast<std::size_t>(written) == text.size();
+}
+
+void AppendFile::Close() {
+  if (IsOpen()) close(static_cast<int>(descriptor_));
+  descriptor_ = -1;
+}
+
+std::string ReadWholeFile(const std::string& path, const std::string& source) {
+  const Descriptor file = OpenRegularFile(path, O_RDONLY);
+  if (!file) RaisePathError(errno, path, source);
+  struct stat status {};
+  if (fstat(file.Get(), &status) != 0) RaiseFileError(errno, source);
+  // One byte of room beyond the size, so that the end of a file that does not grow is seen without growing
+  // the text.
+  std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t got = read(file.Get(), content.data() + length, content.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) RaiseFileError(errno, source);
+    if (got == 0) break;
+    length += static_cast<std::size_t>(got);
+    if (length == content.size()) content.resize(content.size() * 2 + 4096);
+  }
+  content.resize(length);
+  return content;
+}
+
+}  // namespace trabex

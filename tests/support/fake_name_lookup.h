@@ -1,0 +1,132 @@
+// Host names and addresses whose answers a test sets.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "base/text.h"
+#include "platform/dotted_address.h"
+#include "platform/name_lookup.h"
+
+namespace trabex {
+
+// Answers in the loop's next turn, or, after HoldAnswers, only when the test says Deliver. What was not set
+// fails with 11001. An answer is that of the table at the moment it is given, so a test may set it while it
+// is held.
+class FakeNameLookup final : public NameLookup {
+ public:
+  // `loop` outlives this object.
+  explicit FakeNameLookup(EventLoop& loop) : loop_(loop) {}
+
+  void SetAddresses(std::string_view name, std::vector<std::uint32_t> addresses) {
+    addresses_[ToLower(name)] = AddressAnswer{0, std::move(addresses)};
+  }
+  void SetAddressError(std::string_view name, int error) {
+    addresses_[ToLower(name)] = AddressAnswer{error, {}};
+  }
+  void SetName(std::uint32_t address, std::string_view name) {
+    names_[address] = NameAnswer{0, std::string(name)};
+  }
+  void SetNameError(std::uint32_t address, int error) { names_[address] = NameAnswer{error, {}}; }
+  // A line of the hosts file: what KnownAddress tells. FindAddresses answers it too, unless set otherwise.
+  void SetKnownAddress(std::string_view name, std::uint32_t address) { known_[ToLower(name)] = address; }
+  void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
+  void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
+
+  // From now on nobody is answered before Deliver.
+  void HoldAnswers() { held_ = true; }
+  // Gives every waiting answer now, in the order of asking; those asked for meanwhile wait for the next time.
+  // Returns how many were given. Call it from outside of the code that asks.
+  std::size_t Deliver() {
+    const LookupId last = last_id_;
+    std::size_t given = 0;
+    while (!waiting_->empty() && waiting_->begin()->first <= last) {
+      Give(*waiting_, waiting_->begin());
+      ++given;
+    }
+    return given;
+  }
+
+  // How often something was asked for, cancelled ones included, and what still waits.
+  std::size_t AddressRequests() const { return asked_names_.size(); }
+  std::size_t NameRequests() const { return asked_addresses_.size(); }
+  std::size_t Requests() const { return AddressRequests() + NameRequests(); }
+  std::size_t Waiting() const { return waiting_->size(); }
+  std::size_t Cancelled() const { return cancelled_; }
+  // In the order of asking.
+  const std::vector<std::string>& AskedNames() const { return asked_names_; }
+  const std::vector<std::uint32_t>& AskedAddresses() const { return asked_addresses_; }
+
+  LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
+    asked_names_.emplace_back(name);
+    return Ask([this, name = std::string(name), answer = std::move(answer)] { answer(AddressesOf(name)); });
+  }
+  LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+    asked_addresses_.push_back(address);
+    return Ask([this, address, answer = std::move(answer)] { answer(NameOf(address)); });
+  }
+  void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
+
+  std::optional<std::uint32_t> KnownAddress(std::string_view name) override {
+    if (const auto address = ParseDottedAddress(name)) return address;
+    const auto found = known_.find(ToLower(name));
+    return found == known_.end() ? std::nullopt : std::optional(found->second);
+  }
+  NameAnswer LocalHostName() override { return local_; }
+
+ private:
+  using Waiting_ = std::map<LookupId, std::function<void()>>;  // in the order of asking
+
+  // Forgets the request first, so that the answer's receiver may cancel or ask anew.
+  static void Give(Waiting_& waiting, Waiting_::iterator request) {
+    const auto answer = std::move(request->second);
+    waiting.erase(request);
+    answer();
+  }
+
+  LookupId Ask(std::function<void()> answer) {
+    const LookupId id = ++last_id_;
+    waiting_->emplace(id, std::move(answer));
+    if (!held_) {
+      loop_.Post([waiting = std::weak_ptr(waiting_), id] {
+        const auto alive = waiting.lock();
+        if (!alive) return;
+        const auto found = alive->find(id);
+        if (found != alive->end()) Give(*alive, found);
+      });
+    }
+    return id;
+  }
+
+  AddressAnswer AddressesOf(const std::string& name) {
+    const auto set = addresses_.find(ToLower(name));
+    if (set != addresses_.end()) return set->second;
+    if (const auto known = KnownAddress(name)) return AddressAnswer{0, {*known}};
+    return AddressAnswer{11001, {}};
+  }
+  NameAnswer NameOf(std::uint32_t address) {
+    const auto set = names_.find(address);
+    return set == names_.end() ? NameAnswer{11001, {}} : set->second;
+  }
+
+  EventLoop& loop_;
+  std::map<std::string, AddressAnswer> addresses_;
+  std::map<std::uint32_t, NameAnswer> names_;
+  std::map<std::string, std::uint32_t> known_;
+  NameAnswer local_{0, "proxy.test"};
+  bool held_ = false;
+  LookupId last_id_ = 0;
+  std::shared_ptr<Waiting_> waiting_ = std::make_shared<Waiting_>();  // posts outlive this object
+  std::size_t cancelled_ = 0;
+  std::vector<std::string> asked_names_;
+  std::vector<std::uint32_t> asked_addresses_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,306 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+
+#include "base/error.h"
+#include "platform/file_replace.h"
+#include "support/temp_folder.h"
+
+namespace trabex {
+namespace {
+
+constexpr const char* kSource = "mTest.Files";
+
+// The error that `action` raises, as "number source description"; empty when it raises none.
+template <class Action>
+std::string ErrorOf(Action action) {
+  try {
+    action();
+  } catch (const Error& error) {
+    return std::to_string(error.Number()) + " " + error.Source() + " " + error.Description();
+  }
+  return "";
+}
+
+TEST(Files, BothSeparatorsSeparate) {
+  EXPECT_TRUE(IsPathSeparator('/'));
+  EXPECT_TRUE(IsPathSeparator('\\'));
+  EXPECT_FALSE(IsPathSeparator(':'));
+  EXPECT_EQ(NativePath("GreyListing\\x\\y.gldb"), "GreyListing/x/y.gldb");
+  EXPECT_EQ(NativePath("/a/b\\\\c"), "/a/b//c");
+  EXPECT_EQ(NativePath(""), "");
+}
+
+TEST(Files, ProgramPathIsThatOfTheExecutable) {
+  const auto path = std::filesystem::read_symlink("/proc/self/exe");
+  EXPECT_EQ(ProgramDirectory(), path.parent_path().string());
+  EXPECT_EQ(ProgramName(), path.stem().string());
+}
+
+TEST(Files, SystemCodesBecomeRunTimeErrors) {
+  const struct {
+    int code;
+    int number;
+    const char* text;
+  } cases[] = {
+      {ENOENT, 53, "File not found"},
+      {ENOTDIR, 76, "Path not found"},
+      {EACCES, 70, "Permission denied"},
+      {EPERM, 70, "Permission denied"},
+      {EISDIR, 75, "Path/File access error"},
+      {EEXIST, 75, "Path/File access error"},
+      {EROFS, 75, "Path/File access error"},
+      {EMFILE, 75, "Path/File access error"},
+      {ELOOP, 75, "Path/File access error"},
+      {ENOSPC, 61, "Disk full"},
+      {EDQUOT, 61, "Disk full"},
+      {EFBIG, 61, "Disk full"},
+      {EIO, 57, "Device I/O error"},
+      {12345, 57, "Device I/O error"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ErrorOf([&] { RaiseFileError(c.code, kSource); }),
+              std::to_string(c.number) + " mTest.Files " + c.text);
+  }
+}
+
+TEST(Files, WholeFileIsReadAsBytes) {
+  const TempFolder folder;
+  for (const std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 300000U}) {
+    std::string content(size, '\0');
+    for (std::size_t i = 0; i < size; ++i) content[i] = static_cast<char>(i * 7);
+    WriteFile(folder / "x", content);
+    EXPECT_TRUE(ReadWholeFile(folder / "x", kSource) == content) << size;
+  }
+}
+
+TEST(Files, FileWithoutAnnouncedSizeIsReadToItsEnd) {
+  const std::string own = ReadWholeFile("/proc/self/status", kSource);
+  EXPECT_NE(own.find("Pid:"), std::string::npos);
+}
+
+TEST(Files, UnreadableFilesRaise) {
+  const TempFolder folder;
+  ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+  std::filesystem::create_symlink("loop", folder / "loop");
+  WriteFile(folder / "file", "x");
+  const struct {
+    std::string path;
+    const char* error;
+  } cases[] = {
+      {folder / "missing", "53 mTest.Files File not found"},
+      {folder / "missing/x", "76 mTest.Files Path not found"},
+      {folder / "file/x", "76 mTest.Files Path not found"},
+      {"missing", "53 mTest.Files File not found"},
+      {"", "53 mTest.Files File not found"},
+      {folder.Path(), "75 mTest.Files Path/File access error"},
+      {folder / "fifo", "75 mTest.Files Path/File access error"},
+      {"/dev/null", "75 mTest.Files Path/File access error"},
+      {folder / "loop", "75 mTest.Files Path/File access error"},
+      {folder / std::string(300, 'x'), "75 mTest.Files Path/File access error"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ErrorOf([&] { ReadWholeFile(c.path, kSource); }), c.error) << c.path;
+  }
+}
+
+// In a child, since root may read everything.
+TEST(Files, ForbiddenFilesRaisePermissionDenied) {
+  const TempFolder folder;
+  const std::string path = folder / "file";
+  WriteFile(path, "x");
+  std::filesystem::permissions(path, std::filesystem::perms::none);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    constexpr uid_t kNobody = 65534;
+    if (geteuid() == 0 && setuid(kNobody) != 0) _exit(2);
+    AppendFile log;
+    const bool refused = ErrorOf([&] { ReadWholeFile(path, kSource); }) == "70 mTest.Files Permission denied";
+    _exit(refused && !log.Open(path) ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST(Files, ModificationStampFollowsTheFile) {
+  const TempFolder folder;
+  const std::string path = folder / "x.ini";
+  WriteFile(path, "a");
+  const std::int64_t first = FileModificationStamp(path, kSource);
+  EXPECT_EQ(FileModificationStamp(path, kSource), first);
+  const auto time = std::filesystem::last_write_time(path);
+  std::filesystem::last_write_time(path, time + std::chrono::nanoseconds(1));
+  EXPECT_EQ(FileModificationStamp(path, kSource), first + 1);
+  std::filesystem::last_write_time(path, time - std::chrono::hours(24));
+  EXPECT_LT(FileModificationStamp(path, kSource), first);
+
+  // The date is that of a link's target.
+  std::filesystem::create_symlink("x.ini", folder / "link");
+  EXPECT_EQ(FileModificationStamp(folder / "link", kSource), FileModificationStamp(path, kSource));
+  EXPECT_EQ(ErrorOf([&] { FileModificationStamp(folder / "missing", kSource); }),
+            "53 mTest.Files File not found");
+  EXPECT_EQ(ErrorOf([&] { FileModificationStamp(folder / "no/x", kSource); }),
+            "76 mTest.Files Path not found");
+}
+
+TEST(Files, FolderIsCreatedInOneLevel) {
+  const TempFolder folder;
+  EXPECT_TRUE(CreateFolder(folder / "Log"));
+  EXPECT_TRUE(std::filesystem::is_directory(folder / "Log"));
+  EXPECT_FALSE(CreateFolder(folder / "Log"));
+  EXPECT_FALSE(CreateFolder(folder / "a/b"));
+  EXPECT_FALSE(std::filesystem::exists(folder / "a"));
+}
+
+TEST(AppendFile, AppendsAndCreates) {
+  const TempFolder folder;
+  const std::string path = folder / "x.log";
+  AppendFile file;
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_FALSE(file.Write("lost"));
+  ASSERT_TRUE(file.Open(path));
+  EXPECT_TRUE(file.IsOpen());
+  EXPECT_TRUE(file.Write("one\r\n"));
+  EXPECT_EQ(ReadFile(path), "one\r\n");  // there at once
+  {
+    AppendFile other;  // another process, as it were
+    ASSERT_TRUE(other.Open(path));
+    EXPECT_TRUE(other.Write("two\r\n"));
+  }
+  EXPECT_TRUE(file.Write("three\r\n"));
+  file.Close();
+  EXPECT_FALSE(file.IsOpen());
+  file.Close();
+  ASSERT_TRUE(file.Open(path));
+  EXPECT_TRUE(file.Write(""));
+  EXPECT_TRUE(file.Write("four\r\n"));
+  EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\nthree\r\nfour\r\n");
+}
+
+TEST(AppendFile, OpensRegularFilesOnly) {
+  const TempFolder folder;
+  const std::string fifo = folder / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::filesystem::create_symlink(fifo, folder / "link");
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
+  AppendFile file;
+  for (const std::string& path : {fifo, folder / "link", folder.Path(), std::string("/dev/null"),
+                                  folder / "missing/x", std::string()}) {
+    EXPECT_FALSE(file.Open(path)) << path;
+    EXPECT_FALSE(file.IsOpen()) << path;
+  }
+  close(reader);
+  EXPECT_FALSE(file.Open(fifo));  // nor does it wait for a reader
+}
+
+TEST(AppendFile, IsNotInheritedByOtherPrograms) {
+  const TempFolder folder;
+  AppendFile file;
+  ASSERT_TRUE(file.Open(folder / "x"));
+  const std::filesystem::path target = std::filesystem::canonical(folder / "x");
+  int found = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path(), gone) != target) continue;
+    ++found;
+    EXPECT_NE(fcntl(std::stoi(entry.path().filename()), F_GETFD) & FD_CLOEXEC, 0);
+  }
+  EXPECT_EQ(found, 1);
+}
+
+TEST(FileReplace, NewFileIsWrittenWhole) {
+  const TempFolder folder;
+  const std::string path = folder / "db";
+  WriteNewFile(path, {std::string_view("\x3F\xC7\x6A\xA2", 4), "", std::string_view("a\0b", 3)}, kSource);
+  EXPECT_EQ(ReadFile(path), std::string("\x3F\xC7\x6A\xA2"
+                                        "a\0b",
+                                        7));
+  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
+}
+
+TEST(FileReplace, NothingIsOverwrittenAndNoLinkFollowed) {
+  const TempFolder folder;
+  WriteFile(folder / "file", "kept");
+  WriteFile(folder / "target", "kept");
+  std::filesystem::create_symlink("target", folder / "link");
+  std::filesystem::create_symlink("nowhere", folder / "dangling");
+  ASSERT_TRUE(CreateFolder(folder / "folder"));
+  for (const char* name : {"file", "link", "dangling", "folder"}) {
+    EXPECT_EQ(ErrorOf([&] { WriteNewFile(folder / name, {"new"}, kSource); }),
+              "75 mTest.Files Path/File access error")
+        << name;
+  }
+  EXPECT_EQ(ReadFile(folder / "file"), "kept");
+  EXPECT_EQ(ReadFile(folder / "target"), "kept");
+  EXPECT_FALSE(std::filesystem::exists(folder / "nowhere"));
+  EXPECT_EQ(ErrorOf([&] { WriteNewFile(folder / "no/db", {"new"}, kSource); }),
+            "76 mTest.Files Path not found");
+}
+
+// A file size limit stands for every way in which a disk takes no more: in a child, since it cannot be
+// lifted.
+TEST(FileReplace, FailedWriteLeavesNoFile) {
+  const TempFolder folder;
+  const std::string path = folder / "db";
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    const rlimit limit{1000, 1000};
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const std::string error = ErrorOf([&] { WriteNewFile(path, {std::string(2000, 'x')}, kSource); });
+    AppendFile log;
+    const bool lost = log.Open(path + ".log") && !log.Write(std::string(2000, 'x'));
+    _exit(error == "61 mTest.Files Disk full" && lost ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+TEST(FileReplace, MoveReplaces) {
+  const TempFolder folder;
+  WriteFile(folder / "new", "new");
+  WriteFile(folder / "db", "old");
+  MoveFile(folder / "new", folder / "db", kSource);
+  SyncFolderOf(folder / "db", kSource);
+  EXPECT_EQ(ReadFile(folder / "db"), "new");
+  EXPECT_FALSE(std::filesystem::exists(folder / "new"));
+  EXPECT_EQ(ErrorOf([&] { MoveFile(folder / "new", folder / "db", kSource); }),
+            "53 mTest.Files File not found");
+  EXPECT_EQ(ErrorOf([&] { MoveFile(folder / "db", folder / "no/db", kSource); }),
+            "76 mTest.Files Path not found");
+  EXPECT_EQ(ReadFile(folder / "db"), "new");
+  EXPECT_EQ(ErrorOf([&] { SyncFolderOf(folder / "no/db", kSource); }), "76 mTest.Files Path not found");
+  SyncFolderOf("relative", kSource);
+}
+
+TEST(FileReplace, RemoveTakesFilesAndLinksOnly) {
+  const TempFolder folder;
+  WriteFile(folder / "file", "x");
+  std::filesystem::create_symlink("file", folder / "link");
+  EXPECT_TRUE(RemoveFile(folder / "link"));
+  EXPECT_TRUE(std::filesystem::exists(folder / "file"));
+  EXPECT_TRUE(RemoveFile(folder / "file"));
+  EXPECT_FALSE(RemoveFile(folder / "file"));
+  ASSERT_TRUE(CreateFolder(folder / "folder"));
+  EXPECT_FALSE(RemoveFile(folder / "folder"));
+  EXPECT_TRUE(std::filesystem::exists(folder / "folder"));
+}
+
+}  // namespace
+}  // namespace trabex
