@@ -1,11 +1,12 @@
 // Text patterns and lists of them. Letter case is folded for ASCII only; `?` and `[...]` take one byte.
 //
-//   ?  any one byte        *  any run, also none     #  one digit
-//   [list], [!list]        one byte that is, or is not, in the list; low-high is a range, ascending; "-"
-//   first or last
-//                          stands for itself
-//   []                     the empty text
-//   []pattern              (three bytes and more) the opposite of matching pattern
+//   ?                one byte, any          *  any run of bytes, also none     #  one digit
+//   [list] [!list]   one byte that is, or is not, in the list; low-high is an ascending range, a "-" that is
+//                    first or last stands for itself
+//   []               the empty text
+//   []pattern        (three bytes and more) the opposite of matching pattern
+//
+// The finer points of lists stand in match/pattern.h.
 #pragma once
 
 #include <cstddef>
@@ -24,30 +25,37 @@ struct ListEntry {
   friend bool operator==(const ListEntry&, const ListEntry&) = default;
 };
 
-// An ordered list of entries, compiled as it grows: entries without wildcards and those of the form `*` +
-// plain text are found by hash, the others are parsed once. Results are those of the linear scan. Copies
-// share the compiled form.
+// An ordered list of entries, made for lists of any length: texts are kept once, adding takes constant time,
+// and entries without wildcards and those of the form `*` + plain text are found by hash, the others are
+// parsed once. Results are those of the scan from the first entry to the last. What is found by hash is made
+// at the first Contains; copies share it, and all of the list, until one of them grows.
 class ExpressionList {
  public:
   ExpressionList();
   ~ExpressionList();
   ExpressionList(const ExpressionList&);
   ExpressionList& operator=(const ExpressionList&);
-  ExpressionList(ExpressionList&&) noexcept;
+  ExpressionList(ExpressionList&&) noexcept;  // leaves an empty list
   ExpressionList& operator=(ExpressionList&&) noexcept;
 
   // Appends an entry under `key` (compared without regard to case). Raises 457 "This key is already
   // associated with an element of this collection" (source "mText.ExpressionList") when the key is there
-  // already; the list is unchanged.
+  // already, and 7 "Out of memory" when the texts of the list reach 4 GB; the list is unchanged then.
   void Add(std::string_view key, ListEntry entry);
 
+  // The entry at `index` (from 0, below Count()).
+  ListEntry Entry(std::size_t index) const;
+  // All entries; valid until the list changes or ends. They are unpacked at the first call and stay so, which
+  // takes several times the memory of the list: a pass over a long list takes Entry.
   const std::vector<ListEntry>& Entries() const;
-  std::size_t Count() const { return Entries().size(); }
-  bool Contains(std::string_view text) const;  // MatchList
+  std::size_t Count() const;
+  // MatchList. Raises what LikeText raises when the scan comes to a malformed pattern before an entry that
+  // matches.
+  bool Contains(std::string_view text) const;
 
  private:
   struct Impl;
-  std::shared_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;  // nullptr: empty
 };
 
 namespace mText {

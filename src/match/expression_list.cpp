@@ -1,0 +1,352 @@
+// The list of entries behind ExpressionList.
+//
+// Nearly every entry of a long list is one pattern that is its own key. Such an entry is a record of eight
+// bytes and its text in one common buffer, and one hash table serves three questions: whether a key is taken,
+// which entry is equal to a text, and which "*" entry ends a text. For the last one keys are hashed from
+// their last byte to the first: the hash of each ending of a text then comes for free on the way to that of
+// all of it, and one step more, for the "*", gives the hash of the entry's key. Only the lengths that endings
+// have in this list are looked up.
+#include <algorithm>
+#include <cassert>
+#include <cstdint>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "match/mText.h"
+#include "match/pattern.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::uint32_t kNone = std::numeric_limits<std::uint32_t>::max();
+
+// A hash of a text that is taken from its last byte to the first, without regard to case.
+class BackwardHash {
+ public:
+  void Take(char c) { state_ = Step(state_, c); }
+  std::uint32_t Value() const { return Finish(state_); }
+  // The value that taking `c` would give.
+  std::uint32_t ValueWith(char c) const { return Finish(Step(state_, c)); }
+
+  static std::uint32_t Of(std::string_view text) {
+    BackwardHash hash;
+    for (std::size_t at = text.size(); at > 0; --at) hash.Take(text[at - 1]);
+    return hash.Value();
+  }
+
+ private:
+  // FNV-1a; the last multiplication spreads it to the upper bits, which choose the place in the table.
+  static std::uint64_t Step(std::uint64_t state, char c) {
+    return (state ^ static_cast<unsigned char>(ToLower(c))) * 1099511628211ULL;
+  }
+  static std::uint32_t Finish(std::uint64_t state) {
+    return static_cast<std::uint32_t>((state * 0x9E3779B97F4A7C15ULL) >> 32);
+  }
+
+  std::uint64_t state_ = 14695981039346656037ULL;
+};
+
+// The numbers of the entries by the hash of their keys, open addressing with linear probing.
+class HashTable {
+ public:
+  // The entry of that hash that `is_it(entry)` accepts, or kNone.
+  template <class IsIt>
+  std::uint32_t Find(std::uint32_t hash, IsIt is_it) const {
+    if (slots_.empty()) return kNone;
+    for (std::size_t at = Home(hash); slots_[at].entry != kNone; at = Next(at)) {
+      if (slots_[at].hash == hash && is_it(slots_[at].entry)) return slots_[at].entry;
+    }
+    return kNone;
+  }
+
+  // Makes room for one more entry, so that Insert cannot fail.
+  void Reserve() {
+    // Up to three quarters full; a look-up then passes eight others or so.
+    if ((count_ + 1) * 4 <= slots_.size() * 3) return;
+    std::vector<Slot> old(slots_.empty() ? 8 : slots_.size() * 2);
+    old.swap(slots_);
+    shift_ = 32;
+    for (std::size_t size = slots_.size(); size > 1; size /= 2) --shift_;
+    for (const Slot& slot : old) {
+      if (slot.entry != kNone) Place(slot);
+    }
+  }
+
+  void Insert(std::uint32_t hash, std::uint32_t entry) {
+    Place({hash, entry});
+    ++count_;
+  }
+
+ private:
+  struct Slot {
+    std::uint32_t hash = 0;
+    std::uint32_t entry = kNone;
+  };
+
+  std::size_t Home(std::uint32_t hash) const { return hash >> shift_; }
+  std::size_t Next(std::size_t at) const { return (at + 1) & (slots_.size() - 1); }
+  void Place(const Slot& slot) {
+    std::size_t at = Home(slot.hash);
+    while (slots_[at].entry != kNone) at = Next(at);
+    slots_[at] = slot;
+  }
+
+  std::vector<Slot> slots_;  // a power of two, 8 and more
+  std::size_t count_ = 0;
+  int shift_ = 32;  // leaves as many upper bits of a hash as number the slots
+};
+
+[[noreturn]] void RaiseOutOfMemory() {
+  throw Error(error_number::kOutOfMemory, "mText.ExpressionList", "Out of memory");
+}
+
+}  // namespace
+
+struct ExpressionList::Impl {
+  std::size_t Count() const { return records_.size(); }
+  bool HasKey(std::uint32_t hash, std::string_view key) const {
+    return keys_.Find(hash, [&](std::uint32_t entry) { return EqualNoCase(Key(entry), key); }) != kNone;
+  }
+  void Add(std::uint32_t hash, std::string_view key, ListEntry&& entry);
+  ListEntry Entry(std::size_t index) const;
+  const std::vector<ListEntry>& Entries();
+  void ForgetEntries() { entries_.reset(); }
+  bool Contains(std::string_view text);
+
+ private:
+  enum class RecordKind : std::uint32_t { kText, kEnding, kOther, kSpecial };
+  struct Record {
+    std::uint32_t offset;  // into texts_; of kSpecial the index in specials_
+    std::uint32_t size : 30;
+    std::uint32_t kind : 2;
+    RecordKind Kind() const { return static_cast<RecordKind>(kind); }
+  };
+  // A group, an empty entry, or one whose key is not its pattern.
+  struct Special {
+    std::string key;
+    ListEntry entry;
+  };
+  // An entry that has to be tried: all of its programs must match.
+  struct Trial {
+    std::uint32_t entry;
+    std::uint32_t first_program;
+    std::uint32_t count;
+  };
+
+  std::string_view Text(const Record& record) const {
+    return std::string_view(texts_).substr(record.offset, record.size);
+  }
+  std::string_view Key(std::uint32_t entry) const {
+    const Record& record = records_[entry];
+    return record.Kind() == RecordKind::kSpecial ? specials_[record.offset].key : Text(record);
+  }
+  static RecordKind KindOf(std::string_view pattern);
+
+  void Compile();
+  void CompileRecord(std::uint32_t entry);
+  void AddProgram(std::string_view pattern);
+  std::uint32_t FindByHash(std::string_view text) const;
+  bool Matches(const Trial& trial, std::string_view text, std::string_view folded_text) const;
+
+  std::string texts_;
+  std::vector<Record> records_;
+  std::vector<Special> specials_;
+  HashTable keys_;
+  std::optional<std::vector<ListEntry>> entries_;  // what Entries() has unpacked
+
+  // Made of the first compiled_ records.
+  std::size_t compiled_ = 0;
+  bool has_texts_ = false;
+  std::vector<bool> ending_sizes_;  // by size: whether there is a "*" entry with an ending of that size
+  std::vector<Trial> trials_;       // in the order of the entries
+  std::vector<pattern::CodeStore::Program> programs_;
+  bool may_raise_ = false;  // one of them is malformed
+  pattern::CodeStore codes_;
+};
+
+ExpressionList::Impl::RecordKind ExpressionList::Impl::KindOf(std::string_view pattern) {
+  switch (pattern::Classify(pattern)) {
+    case pattern::Kind::kText:
+      return RecordKind::kText;
+    case pattern::Kind::kEnding:
+      return RecordKind::kEnding;
+    default:
+      return RecordKind::kOther;
+  }
+}
+
+void ExpressionList::Impl::Add(std::uint32_t hash, std::string_view key, ListEntry&& entry) {
+  constexpr std::size_t kGreatestSize = (std::size_t{1} << 30) - 1;
+  const bool is_plain = !entry.is_group && entry.patterns.size() == 1 && entry.patterns.front() == key;
+  if (records_.size() >= kNone - 1 ||
+      (is_plain && (key.size() > kGreatestSize || texts_.size() + key.size() > kNone))) {
+    RaiseOutOfMemory();
+  }
+  keys_.Reserve();
+  if (entries_) entries_->push_back(entry);
+  Record record{};
+  if (is_plain) {
+    record.offset = static_cast<std::uint32_t>(texts_.size());
+    record.size = static_cast<std::uint32_t>(key.size()) & kGreatestSize;
+    record.kind = static_cast<std::uint32_t>(KindOf(key)) & 3U;
+    texts_.append(key);
+  } else {
+    record.offset = static_cast<std::uint32_t>(specials_.size());
+    record.kind = static_cast<std::uint32_t>(RecordKind::kSpecial);
+    specials_.push_back({std::string(key), std::move(entry)});
+  }
+  records_.push_back(record);
+  keys_.Insert(hash, static_cast<std::uint32_t>(records_.size() - 1));
+}
+
+ListEntry ExpressionList::Impl::Entry(std::size_t index) const {
+  const Record& record = records_[index];
+  if (record.Kind() == RecordKind::kSpecial) return specials_[record.offset].entry;
+  return {{std::string(Text(record))}, false};
+}
+
+const std::vector<ListEntry>& ExpressionList::Impl::Entries() {
+  if (!entries_) {
+    std::vector<ListEntry> entries;
+    entries.reserve(Count());
+    for (std::size_t index = 0; index < Count(); ++index) entries.push_back(Entry(index));
+    entries_ = std::move(entries);
+  }
+  return *entries_;
+}
+
+void ExpressionList::Impl::AddProgram(std::string_view pattern) {
+  programs_.push_back(codes_.Parse(pattern));
+  may_raise_ = may_raise_ || programs_.back().malformed;
+}
+
+void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
+  const Record& record = records_[entry];
+  const auto first = static_cast<std::uint32_t>(programs_.size());
+  switch (record.Kind()) {
+    case RecordKind::kText:
+      has_texts_ = true;
+      return;
+    case RecordKind::kEnding:
+      if (ending_sizes_.size() < record.size) ending_sizes_.resize(record.size);
+      ending_sizes_[record.size - 1] = true;
+      return;
+    case RecordKind::kOther:
+      AddProgram(Text(record));
+      break;
+    case RecordKind::kSpecial:
+      // One without any pattern never matches.
+      for (const std::string& pattern : specials_[record.offset].entry.patterns) AddProgram(pattern);
+      break;
+  }
+  const auto count = static_cast<std::uint32_t>(programs_.size() - first);
+  if (count > 0) trials_.push_back({entry, first, count});
+}
+
+void ExpressionList::Impl::Compile() {
+  if (compiled_ == Count()) return;
+  // The list of a configuration is complete by now. Later growth is left its room, or a list that grows and
+  // is matched by turns would be copied at each turn.
+  if (compiled_ == 0) {
+    texts_.shrink_to_fit();
+    records_.shrink_to_fit();
+  }
+  for (; compiled_ < Count(); ++compiled_) CompileRecord(static_cast<std::uint32_t>(compiled_));
+}
+
+// The first of the entries that are found by hash and match, or kNone.
+std::uint32_t ExpressionList::Impl::FindByHash(std::string_view text) const {
+  std::uint32_t first = kNone;
+  BackwardHash hash;
+  for (std::size_t size = 0; size <= text.size(); ++size) {
+    if (size < ending_sizes_.size() && ending_sizes_[size]) {
+      const std::string_view ending = text.substr(text.size() - size);
+      const std::uint32_t found = keys_.Find(hash.ValueWith('*'), [&](std::uint32_t entry) {
+        const Record& record = records_[entry];
+        return record.Kind() == RecordKind::kEnding && EqualNoCase(Text(record).substr(1), ending);
+      });
+      first = std::min(first, found);
+      // Which one it was counts only where an entry before it could raise an error.
+      if (first != kNone && !may_raise_) return first;
+    }
+    if (size >= ending_sizes_.size() && !has_texts_) return first;
+    if (size < text.size()) hash.Take(text[text.size() - size - 1]);
+  }
+  if (!has_texts_) return first;
+  const std::uint32_t found = keys_.Find(hash.Value(), [&](std::uint32_t entry) {
+    const Record& record = records_[entry];
+    return record.Kind() == RecordKind::kText && EqualNoCase(Text(record), text);
+  });
+  return std::min(first, found);
+}
+
+bool ExpressionList::Impl::Matches(const Trial& trial, std::string_view text,
+                                   std::string_view folded_text) const {
+  for (std::uint32_t at = 0; at < trial.count; ++at) {
+    const auto& program = programs_[trial.first_program + at];
+    // LikeText raises the error of a malformed pattern.
+    const bool matches = program.malformed ? mText::LikeText(text, Entry(trial.entry).patterns[at])
+                                           : codes_.Matches(program, folded_text);
+    if (!matches) return false;
+  }
+  return true;
+}
+
+bool ExpressionList::Impl::Contains(std::string_view text) {
+  Compile();
+  const std::uint32_t found = FindByHash(text);
+  if (found != kNone && !may_raise_) return true;
+  if (trials_.empty()) return found != kNone;
+  const std::string folded_text = ToLower(text);
+  for (const Trial& trial : trials_) {
+    if (trial.entry > found) break;
+    if (Matches(trial, text, folded_text)) return true;
+  }
+  return found != kNone;
+}
+
+ExpressionList::ExpressionList() = default;
+ExpressionList::~ExpressionList() = default;
+ExpressionList::ExpressionList(const ExpressionList&) = default;
+ExpressionList& ExpressionList::operator=(const ExpressionList&) = default;
+ExpressionList::ExpressionList(ExpressionList&&) noexcept = default;
+ExpressionList& ExpressionList::operator=(ExpressionList&&) noexcept = default;
+
+void ExpressionList::Add(std::string_view key, ListEntry entry) {
+  const std::uint32_t hash = BackwardHash::Of(key);
+  if (impl_ && impl_->HasKey(hash, key)) {
+    throw Error(error_number::kDuplicateKey, "mText.ExpressionList",
+                "This key is already associated with an element of this collection");
+  }
+  if (!impl_) {
+    impl_ = std::make_shared<Impl>();
+  } else if (impl_.use_count() > 1) {
+    impl_ = std::make_shared<Impl>(*impl_);
+    impl_->ForgetEntries();
+  }
+  impl_->Add(hash, key, std::move(entry));
+}
+
+ListEntry ExpressionList::Entry(std::size_t index) const {
+  assert(index < Count());
+  return impl_->Entry(index);
+}
+
+const std::vector<ListEntry>& ExpressionList::Entries() const {
+  static const std::vector<ListEntry> kEmpty;
+  return impl_ ? impl_->Entries() : kEmpty;
+}
+
+std::size_t ExpressionList::Count() const {
+  return impl_ ? impl_->Count() : 0;
+}
+
+bool ExpressionList::Contains(std::string_view text) const {
+  return impl_ && impl_->Contains(text);
+}
+
+}  // namespace trabex

@@ -1,0 +1,235 @@
+#include "match/pattern.h"
+
+#include "base/text.h"
+
+namespace trabex::pattern {
+
+namespace {
+
+constexpr std::size_t kNone = std::string_view::npos;
+
+// One element of a pattern as it is written.
+struct Element {
+  enum class Kind : std::uint8_t { kByte, kAny, kRun, kDigit, kList, kNotList, kEmpty, kUnclosed };
+  Kind kind = Kind::kByte;
+  char byte = 0;          // of kByte
+  std::string_view list;  // of kList and kNotList: what stands between the brackets, without the "!"
+  std::size_t next = 0;   // where the next element begins
+};
+
+Element ReadList(std::string_view pattern, std::size_t at) {
+  const std::size_t close = pattern.find(']', at + 1);
+  if (close == kNone) return {Element::Kind::kUnclosed, 0, {}, pattern.size()};
+  const std::string_view list = pattern.substr(at + 1, close - at - 1);
+  if (list.empty()) return {Element::Kind::kEmpty, 0, {}, close + 1};
+  if (list == "!") return {Element::Kind::kByte, '!', {}, close + 1};
+  if (list.front() == '!') return {Element::Kind::kNotList, 0, list.substr(1), close + 1};
+  return {Element::Kind::kList, 0, list, close + 1};
+}
+
+Element ReadElement(std::string_view pattern, std::size_t at) {
+  switch (pattern[at]) {
+    case '?':
+      return {Element::Kind::kAny, 0, {}, at + 1};
+    case '*':
+      return {Element::Kind::kRun, 0, {}, at + 1};
+    case '#':
+      return {Element::Kind::kDigit, 0, {}, at + 1};
+    case '[':
+      return ReadList(pattern, at);
+    default:
+      return {Element::Kind::kByte, pattern[at], {}, at + 1};
+  }
+}
+
+unsigned char Folded(char c, Case compare) {
+  return static_cast<unsigned char>(compare == Case::kFolded ? ToLower(c) : c);
+}
+
+// Calls `visit(low, high)` for each byte or range of a list until it returns false; the result is whether it
+// never did.
+template <class Visit>
+bool EachRange(std::string_view list, Case compare, Visit visit) {
+  for (std::size_t at = 0; at < list.size();) {
+    const bool is_range = list.size() - at >= 3 && list[at + 1] == '-';
+    if (!visit(Folded(list[at], compare), Folded(list[is_range ? at + 2 : at], compare))) return false;
+    at += is_range ? 3 : 1;
+  }
+  return true;
+}
+
+bool ListHolds(std::string_view list, char c, Case compare) {
+  const unsigned char byte = Folded(c, compare);
+  return !EachRange(list, compare,
+                    [byte](unsigned char low, unsigned char high) { return byte < low || byte > high; });
+}
+
+bool IsMalformedElement(const Element& element, Case compare) {
+  if (element.kind == Element::Kind::kUnclosed) return true;
+  return !EachRange(element.list, compare, [](unsigned char low, unsigned char high) { return low <= high; });
+}
+
+// The match itself, for patterns in either form. Only the last run passed is ever tried longer: what stands
+// before it has matched at its earliest place, so a longer earlier run could gain nothing.
+template <class Codes>
+bool Run(std::string_view text, const Codes& codes, std::size_t position, std::size_t end) {
+  std::size_t at = 0;
+  std::size_t resume_position = kNone;
+  std::size_t resume_at = 0;
+  while (true) {
+    if (position != end) {
+      const auto code = codes.Read(position);
+      if (codes.IsRun(code)) {
+        position = codes.Next(code, position);
+        if (position == end) return true;
+        resume_position = position;
+        resume_at = at;
+        continue;
+      }
+      if (codes.IsEmpty(code)) {
+        position = codes.Next(code, position);
+        continue;
+      }
+      // A byte is missing; with a longer run there would be fewer left still.
+      if (at == text.size()) return false;
+      if (codes.Takes(code, text[at])) {
+        ++at;
+        position = codes.Next(code, position);
+        continue;
+      }
+    } else if (at == text.size()) {
+      return true;
+    }
+    if (resume_position == kNone) return false;
+    at = ++resume_at;
+    position = resume_position;
+  }
+}
+
+// A pattern as it is written.
+struct WrittenCodes {
+  std::string_view pattern;
+  Case compare;
+
+  Element Read(std::size_t position) const { return ReadElement(pattern, position); }
+  static std::size_t Next(const Element& element, std::size_t /*position*/) { return element.next; }
+  static bool IsRun(const Element& element) { return element.kind == Element::Kind::kRun; }
+  static bool IsEmpty(const Element& element) { return element.kind == Element::Kind::kEmpty; }
+  bool Takes(const Element& element, char c) const {
+    switch (element.kind) {
+      case Element::Kind::kByte:
+        return Folded(element.byte, compare) == Folded(c, compare);
+      case Element::Kind::kAny:
+        return true;
+      case Element::Kind::kDigit:
+        return IsDigit(c);
+      case Element::Kind::kList:
+        return ListHolds(element.list, c, compare);
+      case Element::Kind::kNotList:
+        return !ListHolds(element.list, c, compare);
+      default:
+        return false;
+    }
+  }
+};
+
+// Codes of parsed patterns; those below are bytes, those from kFirstList on are lists.
+constexpr std::uint32_t kAnyCode = 256;
+constexpr std::uint32_t kDigitCode = 257;
+constexpr std::uint32_t kRunCode = 258;
+constexpr std::uint32_t kFirstList = 259;
+
+}  // namespace
+
+bool IsMalformed(std::string_view pattern, Case compare) {
+  for (std::size_t at = pattern.find('['); at != kNone; at = pattern.find('[', at)) {
+    const Element element = ReadList(pattern, at);
+    if (IsMalformedElement(element, compare)) return true;
+    at = element.next;
+  }
+  return false;
+}
+
+bool Matches(std::string_view text, std::string_view pattern, Case compare) {
+  return Run(text, WrittenCodes{pattern, compare}, 0, pattern.size());
+}
+
+Kind Classify(std::string_view pattern) {
+  const std::size_t wildcard = pattern.find_first_of("?*#[");
+  if (wildcard == kNone) return Kind::kText;
+  if (wildcard != 0 || pattern[0] != '*') return Kind::kOther;
+  return pattern.find_first_of("?*#[", 1) == kNone ? Kind::kEnding : Kind::kOther;
+}
+
+struct CodeStore::Codes {
+  const CodeStore& store;
+
+  std::uint32_t Read(std::size_t position) const { return store.codes_[position]; }
+  static std::size_t Next(std::uint32_t /*code*/, std::size_t position) { return position + 1; }
+  static bool IsRun(std::uint32_t code) { return code == kRunCode; }
+  static bool IsEmpty(std::uint32_t /*code*/) { return false; }
+  bool Takes(std::uint32_t code, char c) const {
+    if (code < kAnyCode) return code == static_cast<unsigned char>(c);
+    if (code == kAnyCode) return true;
+    if (code == kDigitCode) return IsDigit(c);
+    return store.lists_[code - kFirstList][static_cast<unsigned char>(c)];
+  }
+};
+
+std::uint32_t CodeStore::ListCode(std::string_view list, bool negated) {
+  const auto next = static_cast<std::uint32_t>(kFirstList + lists_.size());
+  const auto [known, is_new] = list_codes_.try_emplace((negated ? "!" : "=") + std::string(list), next);
+  if (!is_new) return known->second;
+  std::bitset<256> bytes;
+  for (unsigned byte = 0; byte < 256; ++byte) {
+    bytes[byte] = ListHolds(list, static_cast<char>(byte), Case::kFolded) != negated;
+  }
+  lists_.push_back(bytes);
+  return next;
+}
+
+CodeStore::Program CodeStore::Parse(std::string_view pattern) {
+  Program program;
+  program.malformed = IsMalformed(pattern, Case::kFolded);
+  if (program.malformed) return program;
+  program.negated = IsNegated(pattern);
+  if (program.negated) pattern.remove_prefix(2);
+  program.begin = static_cast<std::uint32_t>(codes_.size());
+  for (std::size_t at = 0; at < pattern.size();) {
+    const Element element = ReadElement(pattern, at);
+    at = element.next;
+    if (element.kind == Element::Kind::kEmpty) continue;
+    if (element.kind == Element::Kind::kRun) {
+      // Runs in a row are one.
+      if (codes_.size() == program.begin || codes_.back() != kRunCode) codes_.push_back(kRunCode);
+      program.has_run = true;
+      continue;
+    }
+    ++program.least_size;
+    if (element.kind == Element::Kind::kByte) {
+      codes_.push_back(Folded(element.byte, Case::kFolded));
+    } else if (element.kind == Element::Kind::kAny) {
+      codes_.push_back(kAnyCode);
+    } else if (element.kind == Element::Kind::kDigit) {
+      codes_.push_back(kDigitCode);
+    } else {
+      codes_.push_back(ListCode(element.list, element.kind == Element::Kind::kNotList));
+    }
+  }
+  program.end = static_cast<std::uint32_t>(codes_.size());
+  return program;
+}
+
+bool CodeStore::Matches(const Program& program, std::string_view folded_text) const {
+  const Codes codes{*this};
+  const std::size_t size = folded_text.size();
+  // Most texts fail by their size or their last byte, so these are looked at first.
+  bool possible = program.has_run ? size >= program.least_size : size == program.least_size;
+  if (possible && program.least_size > 0) {
+    const std::uint32_t last = codes_[program.end - 1];
+    possible = last == kRunCode || codes.Takes(last, folded_text.back());
+  }
+  return (possible && Run(folded_text, codes, program.begin, program.end)) != program.negated;
+}
+
+}  // namespace trabex::pattern

@@ -1,0 +1,74 @@
+// The wildcard language of text patterns: its grammar, and two ways to match. A pattern that is used once is
+// matched as it is written, without any allocation; the patterns of a list are parsed once into codes.
+//
+// Inside [...] every byte stands for itself, apart from a "!" in front and a "-" between two others:
+//   - "low-high" takes the bytes from low to high; what follows a range begins anew, so "[a-c-e]" holds a to
+//   c,
+//     "-" and "e";
+//   - a "-" that begins or ends the list, or stands where a new byte or range would begin, is a plain "-";
+//   - "[]" is the empty text wherever it stands, "[!]" is a plain "!";
+//   - "]" ends the list always, so it cannot be in one; outside brackets it is a plain "]".
+// Malformed are a "[" without its "]" and a range whose ends descend. With folded case both ends and the byte
+// are compared as lower case: "[A-z]" is all letters and nothing else, "[Z-a]" descends.
+#pragma once
+
+#include <bitset>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace trabex::pattern {
+
+enum class Case { kExact, kFolded };
+
+// Whether `pattern` is malformed anywhere.
+bool IsMalformed(std::string_view pattern, Case compare);
+
+// Whether `text` as a whole matches `pattern`, which is well-formed. Takes time in proportion to the product
+// of both sizes at worst.
+bool Matches(std::string_view text, std::string_view pattern, Case compare);
+
+// Whether `pattern` has the prefix "[]" that stands for "not": "[]" alone is the empty text.
+inline bool IsNegated(std::string_view pattern) {
+  return pattern.size() >= 3 && pattern[0] == '[' && pattern[1] == ']';
+}
+
+// How a pattern can be found in a list.
+enum class Kind : std::uint8_t {
+  kText,    // no wildcards: equal to the text
+  kEnding,  // "*" and plain text: the end of the text
+  kOther,   // has to be tried, or is malformed
+};
+Kind Classify(std::string_view pattern);
+
+// Parsed patterns with their case folded, in one place.
+class CodeStore {
+ public:
+  // One parsed pattern, negation prefix included.
+  struct Program {
+    std::uint32_t begin = 0;
+    std::uint32_t end = 0;
+    std::uint32_t least_size = 0;  // bytes that a matching text has at least
+    bool has_run = false;          // matching texts may be longer than that
+    bool negated = false;
+    bool malformed = false;  // cannot be matched
+  };
+
+  Program Parse(std::string_view pattern);
+  // Whether a text, given in lower case, matches `program` (not malformed).
+  bool Matches(const Program& program, std::string_view folded_text) const;
+
+ private:
+  struct Codes;
+
+  std::uint32_t ListCode(std::string_view list, bool negated);
+
+  std::vector<std::uint32_t> codes_;
+  std::vector<std::bitset<256>> lists_;
+  std::unordered_map<std::string, std::uint32_t> list_codes_;  // lists by how they are written
+};
+
+}  // namespace trabex::pattern
