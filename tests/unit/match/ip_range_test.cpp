@@ -1,0 +1,227 @@
+#include "match/ip_range.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "unit/match/error_check.h"
+
+namespace trabex {
+namespace {
+
+using mCommon::BitsToMask;
+using mCommon::CLngIP;
+using mCommon::FormatIP;
+using mCommon::InitIPRange;
+using mCommon::MaskToBits;
+
+TEST(CLngIP, ReadsFourParts) {
+  const struct {
+    const char* text;
+    IPNumber ip;
+  } rows[] = {
+      {"1.2.3.4", 0x01020304},         {"0.0.0.0", 0},
+      {"255.255.255.255", 0xFFFFFFFF}, {"128.0.0.0", 0x80000000},
+      {"010.0.0.1", 0x0A000001},     // no octal numbers
+      {" 1. 2 .3 .4 ", 0x01020304},  // blanks, signs and zeros as in every number
+      {"+1.-0.3.004", 0x01000304},
+  };
+  for (const auto& row : rows) EXPECT_EQ(CLngIP(row.text), row.ip) << row.text;
+}
+
+TEST(CLngIP, RefusesEverythingElse) {
+  for (const char* text :
+       {"",         "1",         "1.2.3",       "1.2.3.",    ".1.2.3",
+        "1..2.3",   "1.2.3.4.5", "1.2.3.4.",    "...",       "1.2.3.256",
+        "1.2.3.-1", "1.2.3.x",   "1.2.3.0x4",   "1.2.3.4/8", "1.2.3.1e1",
+        "1.2.3. ",  "1,2,3,4",   "1.2.3.4\r\n", "::1",       "1.2.3.99999999999999999999"}) {
+    ExpectError([&] { CLngIP(text); }, 380, "mCommon.CLngIP",
+                "Invalid IP address: \"" + std::string(text) + "\".");
+  }
+}
+
+TEST(FormatIP, IsTheInverse) {
+  for (const char* text : {"0.0.0.0", "1.2.3.4", "200.1.10.100", "255.255.255.255"}) {
+    EXPECT_EQ(FormatIP(CLngIP(text)), text);
+  }
+}
+
+TEST(Masks, AreOnesFromTheTop) {
+  EXPECT_EQ(BitsToMask(32), 0xFFFFFFFFU);
+  EXPECT_EQ(BitsToMask(1), 0x80000000U);
+  EXPECT_EQ(BitsToMask(24), 0xFFFFFF00U);
+  EXPECT_EQ(BitsToMask(0), 0U);
+  EXPECT_EQ(BitsToMask(33), 0U);
+  EXPECT_EQ(BitsToMask(255), 0U);
+  for (int bits = 0; bits <= 32; ++bits) EXPECT_EQ(MaskToBits(BitsToMask(bits)), bits);
+  for (const char* mask : {"255.0.255.0", "0.0.0.1", "127.255.255.255", "255.255.255.253", "0.255.0.0"}) {
+    ExpectError([&] { MaskToBits(CLngIP(mask)); }, 380, "mCommon.MaskToBits",
+                "Invalid subnet mask: \"" + std::string(mask) + "\".");
+  }
+}
+
+TEST(InitIPRange, ReadsItsForms) {
+  const struct {
+    const char* text;
+    const char* low;
+    const char* high;
+  } rows[] = {
+      {"10.0.0.0/8", "10.0.0.0", "10.255.255.255"},
+      {"0.0.0.0/0", "0.0.0.0", "255.255.255.255"},
+      {"255.255.255.255/32", "255.255.255.255", "255.255.255.255"},
+      {"128.0.0.0/1", "128.0.0.0", "255.255.255.255"},
+      {"192.168.1.0/24", "192.168.1.0", "192.168.1.255"},
+      {"192.168.1.0/255.255.255.0", "192.168.1.0", "192.168.1.255"},
+      {"0.0.0.0/0.0.0.0", "0.0.0.0", "255.255.255.255"},
+      {"10.0.0.0/ 8 ", "10.0.0.0", "10.255.255.255"},
+      {"10.0.0.0 /+8", "10.0.0.0", "10.255.255.255"},
+      {"1.2.3.4", "1.2.3.4", "1.2.3.4"},
+      {"10.0.0.1-10.0.0.1", "10.0.0.1", "10.0.0.1"},
+      {"10.0.0.1-10.0.0.5", "10.0.0.1", "10.0.0.5"},
+      {"10.0.0.1 - 10.0.0.5", "10.0.0.1", "10.0.0.5"},
+      {"127.0.0.0-200.0.0.0", "127.0.0.0", "200.0.0.0"},  // unsigned
+      {"0.0.0.0-255.255.255.255", "0.0.0.0", "255.255.255.255"},
+  };
+  for (const auto& row : rows) {
+    const IPRange range = InitIPRange(row.text);
+    EXPECT_EQ(FormatIP(range.low), row.low) << row.text;
+    EXPECT_EQ(FormatIP(range.high), row.high) << row.text;
+  }
+}
+
+TEST(InitIPRange, NamesWhatIsWrong) {
+  const auto range = [](const std::string& text) { return "Invalid IP address range: \"" + text + "\"."; };
+  const auto address = [](const std::string& text) { return "Invalid IP address: \"" + text + "\"."; };
+  const struct {
+    const char* text;
+    const char* source;
+    std::string description;
+  } rows[] = {
+      {"", "mCommon.CLngIP", address("")},
+      {"x", "mCommon.CLngIP", address("x")},
+      {"1.2.3", "mCommon.CLngIP", address("1.2.3")},
+      {"1.2.3.256", "mCommon.CLngIP", address("1.2.3.256")},
+      // Prefix lengths.
+      {"10.0.0.0/33", "mCommon.InitIPRange", range("10.0.0.0/33")},
+      {"10.0.0.0/256", "mCommon.InitIPRange", range("10.0.0.0/256")},
+      {"10.0.0.0/-1", "mCommon.InitIPRange", range("10.0.0.0/-1")},
+      {"10.0.0.0/", "mCommon.InitIPRange", range("10.0.0.0/")},
+      {"10.0.0.0/x", "mCommon.InitIPRange", range("10.0.0.0/x")},
+      {"10.0.0.0/8x", "mCommon.InitIPRange", range("10.0.0.0/8x")},
+      {"10.0.0.0/.5", "mCommon.InitIPRange", range("10.0.0.0/.5")},  // a leading "." makes no mask
+      {"10.0.0.0/8/8", "mCommon.InitIPRange", range("10.0.0.0/8/8")},
+      {"/", "mCommon.InitIPRange", range("/")},
+      // Masks.
+      {"10.0.0.0/8.0", "mCommon.CLngIP", address("8.0")},
+      {"10.0.0.0/8.", "mCommon.CLngIP", address("8.")},
+      {"10.0.0.0/255.0.0.256", "mCommon.CLngIP", address("255.0.0.256")},
+      {"192.168.1.0/255.0.255.0", "mCommon.MaskToBits", "Invalid subnet mask: \"255.0.255.0\"."},
+      // The part behind the "/" is read before the address.
+      {"x/33", "mCommon.InitIPRange", range("x/33")},
+      {"x/255.0.255.0", "mCommon.MaskToBits", "Invalid subnet mask: \"255.0.255.0\"."},
+      {"x/8", "mCommon.CLngIP", address("x")},
+      {"/8", "mCommon.CLngIP", address("")},
+      {"10.0.0.1-10.0.0.5/8", "mCommon.CLngIP", address("10.0.0.1-10.0.0.5")},
+      // Bits outside the mask.
+      {"10.0.0.1/8", "mCommon.InitIPRange", "Subnet mask \"8\" is inadmissible for IP address \"10.0.0.1\"."},
+      {"10.0.0.1/255.0.0.0", "mCommon.InitIPRange",
+       "Subnet mask \"255.0.0.0\" is inadmissible for IP address \"10.0.0.1\"."},
+      {"0.0.0.1/0", "mCommon.InitIPRange", "Subnet mask \"0\" is inadmissible for IP address \"0.0.0.1\"."},
+      // Two ends.
+      {"10.0.0.5-10.0.0.1", "mCommon.InitIPRange", range("10.0.0.5-10.0.0.1")},
+      {"200.0.0.0-127.0.0.0", "mCommon.InitIPRange", range("200.0.0.0-127.0.0.0")},
+      {"1.1.1.1-2.2.2.2-3.3.3.3", "mCommon.InitIPRange", range("1.1.1.1-2.2.2.2-3.3.3.3")},
+      {"x-y-z", "mCommon.InitIPRange", range("x-y-z")},
+      {"x-y", "mCommon.CLngIP", address("x")},
+      {"1.1.1.1-y", "mCommon.CLngIP", address("y")},
+      {"1.1.1.1-", "mCommon.CLngIP", address("")},
+      {"-1.1.1.1", "mCommon.CLngIP", address("")},
+  };
+  for (const auto& row : rows) ExpectError([&] { InitIPRange(row.text); }, 380, row.source, row.description);
+}
+
+TEST(CompareIP, IsUnsigned) {
+  EXPECT_EQ(mCommon::CompareIP(CLngIP("127.255.255.255"), CLngIP("128.0.0.0")), -1);
+  EXPECT_EQ(mCommon::CompareIP(CLngIP("128.0.0.0"), CLngIP("127.255.255.255")), 1);
+  EXPECT_EQ(mCommon::CompareIP(CLngIP("200.1.1.1"), CLngIP("200.1.1.1")), 0);
+  EXPECT_TRUE(mCommon::IPInRange(CLngIP("200.1.1.1"), InitIPRange("128.0.0.0-255.255.255.255")));
+  EXPECT_TRUE(mCommon::IPInRange(CLngIP("10.0.0.1"), InitIPRange("10.0.0.1-10.0.0.2")));
+  EXPECT_TRUE(mCommon::IPInRange(CLngIP("10.0.0.2"), InitIPRange("10.0.0.1-10.0.0.2")));
+  EXPECT_FALSE(mCommon::IPInRange(CLngIP("10.0.0.3"), InitIPRange("10.0.0.1-10.0.0.2")));
+  EXPECT_FALSE(mCommon::IPInRange(CLngIP("10.0.0.0"), InitIPRange("10.0.0.1-10.0.0.2")));
+}
+
+IPRangeList ListOf(const std::vector<const char*>& texts) {
+  std::vector<IPRange> ranges;
+  for (const char* text : texts) ranges.push_back(InitIPRange(text));
+  return IPRangeList(std::move(ranges));
+}
+
+TEST(IPRangeList, HoldsItsRanges) {
+  EXPECT_FALSE(IPRangeList().Contains(0));
+  EXPECT_EQ(IPRangeList().Count(), 0U);
+  const IPRangeList list =
+      ListOf({"192.168.0.0/16", "10.0.0.0/8", "10.1.0.0/16", "255.255.255.255", "0.0.0.0"});
+  EXPECT_EQ(list.Count(), 5U);
+  EXPECT_EQ(list.Ranges()[0], InitIPRange("192.168.0.0/16")) << "the order of the entries";
+  const struct {
+    const char* ip;
+    bool held;
+  } rows[] = {
+      {"0.0.0.0", true},          {"0.0.0.1", false},        {"9.255.255.255", false},
+      {"10.0.0.0", true},         {"10.255.255.255", true},  {"11.0.0.0", false},
+      {"192.168.0.0", true},      {"192.168.255.255", true}, {"192.169.0.0", false},
+      {"255.255.255.254", false}, {"255.255.255.255", true},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(mCommon::IPInRangeList(CLngIP(row.ip), list), row.held) << row.ip;
+  }
+  EXPECT_TRUE(ListOf({"0.0.0.0/0"}).Contains(CLngIP("200.1.1.1")));
+}
+
+TEST(IPRangeList, IsTheScanForRandomRanges) {
+  std::mt19937 random(4);
+  for (int round = 0; round < 2000; ++round) {
+    // Few different ends, so that ranges overlap, touch, repeat and meet both ends of the number space.
+    const auto end = [&] {
+      const auto value = static_cast<IPNumber>(random() % 24);
+      return random() % 2 == 0 ? value : ~value;
+    };
+    std::vector<IPRange> ranges;
+    for (auto count = random() % 8; count > 0; --count) {
+      const IPNumber low = end();
+      const IPNumber high = end();
+      // Also ranges that no entry gives: their high end below the low one, holding nothing.
+      ranges.push_back(random() % 8 == 0 ? IPRange{low, high}
+                                         : IPRange{std::min(low, high), std::max(low, high)});
+    }
+    const IPRangeList list(ranges);
+    EXPECT_EQ(list.Ranges(), ranges);
+    for (IPNumber value = 0; value < 26; ++value) {
+      for (IPNumber ip : {value, ~value, value + 0x7FFFFFF0}) {
+        const bool scanned = std::any_of(ranges.begin(), ranges.end(), [ip](const IPRange& range) {
+          return mCommon::IPInRange(ip, range);
+        });
+        ASSERT_EQ(list.Contains(ip), scanned) << FormatIP(ip) << " in round " << round;
+      }
+    }
+  }
+}
+
+TEST(IsOwnAddress, KnowsLoopbackAndTheMachine) {
+  const std::vector<IPNumber> own = {CLngIP("192.0.2.1"), CLngIP("203.0.113.9")};
+  for (const char* text : {"127.0.0.1", "127.0.0.0", "127.255.255.255", "192.0.2.1", "203.0.113.9"}) {
+    EXPECT_TRUE(mCommon::IsOwnAddress(text, own)) << text;
+  }
+  for (const char* text : {"126.255.255.255", "128.0.0.0", "192.0.2.2", "0.0.0.0"}) {
+    EXPECT_FALSE(mCommon::IsOwnAddress(text, own)) << text;
+  }
+  ExpectError([&] { mCommon::IsOwnAddress("localhost", own); }, 380, "mCommon.CLngIP",
+              "Invalid IP address: \"localhost\".");
+}
+
+}  // namespace
+}  // namespace trabex
