@@ -60,8 +60,9 @@ class cReplaces {
   std::string Item(std::size_t index) const { return rules_[index].Format(); }
   const std::vector<cReplace>& Rules() const { return rules_; }
 
-  // Rewrites `text`: each rule on the result of the one before it, the macros expanded after each. Failures
-  // carry the source "cReplaces.Apply".
+  // Rewrites `text`: each rule on the result of the one before it, the macros expanded after each. A macro
+  // that would make it more than 64 KB longer than it was stays as it is written. Failures carry the source
+  // "cReplaces.Apply" and leave `text` unchanged.
   void Apply(std::string& text, const MacroSource& macros) const;
 
  private:
@@ -72,7 +73,8 @@ class cReplaces {
 // The lists by reply name (any case), in the order of the file; only lists with rules are kept.
 class ResponseChangeTable {
  public:
-  // Raises 457 when the name is there already (source "ResponseChangeTable.Add").
+  // Raises 457 when the name is there already (source "ResponseChangeTable.Add"). A list without rules is
+  // left out.
   void Add(cReplaces replaces);
   // nullptr when there is none; valid until the table changes.
   const cReplaces* Find(std::string_view name) const;

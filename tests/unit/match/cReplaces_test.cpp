@@ -1,0 +1,334 @@
+#include "match/cReplaces.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "match/address_replacement.h"
+#include "unit/match/error_check.h"
+
+namespace trabex {
+namespace {
+
+std::string Ruled(const cReplace& rule, std::string text) {
+  rule.ApplyRule(text);
+  return text;
+}
+
+TEST(cReplace, ReplacesEveryOccurrence) {
+  const struct {
+    const char* search;
+    const char* replacement;
+    bool case_sensitive;
+    const char* text;
+    const char* result;
+  } rows[] = {
+      {"a", "b", false, "xaAy", "xbby"},
+      {"a", "b", true, "xaAy", "xbAy"},
+      {"A", "b", false, "aaa", "bbb"},
+      {"a", "aa", false, "aa", "aaaa"},  // what was put in is not searched again
+      {"aa", "b", false, "aaa", "ba"},
+      {"a", "", false, "banana", "bnn"},
+      {"z", "b", false, "banana", "banana"},
+      {"User", "X", true, "user User", "user X"},
+      {"a", "b", false, "", ""},
+      // An empty search text takes the whole.
+      {"", "new", false, "old", "new"},
+      {"", "new", true, "old", "new"},
+      {"", "", true, "old", ""},
+      {"", "new", true, "", "new"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(Ruled(cReplace(row.search, row.replacement, row.case_sensitive), row.text), row.result)
+        << row.search << " in " << row.text;
+  }
+}
+
+TEST(cReplace, TheParagraphSignIsALineBreak) {
+  const struct {
+    std::string search;
+    std::string text;
+    std::string result;
+  } rows[] = {
+      {"a\xC2\xB6"
+       "b",
+       "a\r\nb", "!"},
+      {"a\xB6"
+       "b",
+       "a\r\nb", "!"},
+      {"\xC2\xB6\xC2\xB6", "\r\n\r\n", "!"},
+      {"\xB6\xB6", "\r\n\r\n", "!"},
+      {"\xC2\xB6\xB6", "\r\n\r\n", "!"},
+      {"\xC2\xB6", "\xC2\xB6", "\xC2\xB6"},  // the sign itself is not found
+      // B6 as a part of other characters: U+00F6, U+20B6, U+D6B6, U+1F6B6, U+36C0.
+      {"\xC3\xB6", "\xC3\xB6", "!"},
+      {"\xE2\x82\xB6", "\xE2\x82\xB6", "!"},
+      {"\xED\x9A\xB6", "\xED\x9A\xB6", "!"},
+      {"\xF0\x9F\x9A\xB6", "\xF0\x9F\x9A\xB6", "!"},
+      {"\xE3\x9B\x80", "\xE3\x9B\x80", "!"},
+      {"\xE3\xB6\x80", "\xE3\xB6\x80", "!"},
+      {"\xF0\xB6\xB6\xB6", "\xF0\xB6\xB6\xB6", "!"},
+      {"\xF4\x8F\xB6\xB6", "\xF4\x8F\xB6\xB6", "!"},
+      // B6 in what is no character: overlong, a surrogate, beyond the last one, cut off.
+      {"\xC1\xB6", "\xC1\r\n", "!"},
+      {"\xE0\x82\xB6", "\xE0\x82\r\n", "!"},
+      {"\xED\xA0\xB6", "\xED\xA0\r\n", "!"},
+      {"\xF0\x80\x80\xB6", "\xF0\x80\x80\r\n", "!"},
+      {"\xF4\x90\x80\xB6", "\xF4\x90\x80\r\n", "!"},
+      {"\xF5\x80\x80\xB6", "\xF5\x80\x80\r\n", "!"},
+      {"\xE2\xB6", "\xE2\r\n", "!"},
+      {"\xF0\x9F\xB6", "\xF0\x9F\r\n", "!"},
+      {"\xC2", "\xC2", "!"},
+      {"\xC2\xC2\xB6", "\xC2\r\n", "!"},
+      {"\xC3\xB6\xB6", "\xC3\xB6\r\n", "!"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(Ruled(cReplace(row.search, "!", true), row.text), row.result) << row.search;
+    EXPECT_EQ(Ruled(cReplace(row.search, "!", false), row.text), row.result) << row.search;
+  }
+  EXPECT_EQ(Ruled(cReplace("a", "\xC2\xB6", false), "a"), "\xC2\xB6") << "the replacement keeps it";
+}
+
+TEST(cReplace, FormatsAsItIsWritten) {
+  EXPECT_EQ(cReplace("", "new", true).Format(), "<new>");
+  EXPECT_EQ(cReplace("", "new", false).Format(), "<new>");
+  EXPECT_EQ(cReplace("old", "new", false).Format(), "<old>=<new>");
+  EXPECT_EQ(cReplace("old", "", true).Format(), "<old>==<>");
+  EXPECT_EQ(cReplace("a\xC2\xB6", "b", false).Format(), "<a\xC2\xB6>=<b>");
+}
+
+// Values that tell where they come from, and how often each was asked for.
+class CountingSource : public MacroSource {
+ public:
+  std::string LocalHostName() const override { return Value("LocalHostName"); }
+  std::string RFCTime() const override { return Value("RFCTime"); }
+  std::string RemoteHostName() const override { return Value("RemoteHostName"); }
+  std::string RemoteHostIP() const override { return Value("RemoteHostIP"); }
+  std::string HeloDomain() const override { return Value("HeloDomain"); }
+  std::string BytesReceived() const override { return Value("BytesReceived"); }
+  std::string BytesSent() const override { return Value("BytesSent"); }
+  std::string From() const override { return Value("From"); }
+  std::string Rcpt() const override { return Value("Rcpt"); }
+  std::string MaxSize() const override { return Value("MaxSize"); }
+  std::string Size() const override { return Value("Size"); }
+
+  std::map<std::string, std::string> values;  // instead of the name
+  mutable std::map<std::string, int> asked;
+
+ private:
+  std::string Value(const std::string& name) const {
+    ++asked[name];
+    const auto found = values.find(name);
+    return found == values.end() ? "(" + name + ")" : found->second;
+  }
+};
+
+struct RuleText {
+  std::string search;
+  std::string replacement;
+  bool case_sensitive = false;
+};
+
+cReplaces ListOf(const std::vector<RuleText>& rules) {
+  cReplaces list;
+  for (const RuleText& rule : rules) list.Add(rule.search, rule.replacement, rule.case_sensitive);
+  return list;
+}
+
+std::string Applied(const std::vector<RuleText>& rules, std::string text, const MacroSource& macros) {
+  ListOf(rules).Apply(text, macros);
+  return text;
+}
+
+TEST(cReplaces, HoldsItsRulesInOrder) {
+  cReplaces list;
+  EXPECT_EQ(list.Count(), 0U);
+  list.SetName("RCPT.550");
+  EXPECT_EQ(list.Add("a", "b", true).Format(), "<a>==<b>");
+  list.Add("", "c", false);
+  EXPECT_EQ(list.Name(), "RCPT.550");
+  EXPECT_EQ(list.Count(), 2U);
+  EXPECT_EQ(list.Item(0), "<a>==<b>");
+  EXPECT_EQ(list.Item(1), "<c>");
+}
+
+TEST(cReplaces, AppliesRulesOneAfterTheOther) {
+  const CountingSource source;
+  EXPECT_EQ(Applied({{"", "250 ok"}}, "550 no", source), "250 ok");
+  EXPECT_EQ(Applied({{"a", "b"}, {"b", "c"}}, "ab", source), "cc");
+  EXPECT_EQ(Applied({{"No", "yes", true}}, "NO No no", source), "NO yes no");
+  EXPECT_EQ(Applied({{"a\xC2\xB6", "x"}}, "a\r\nb", source), "xb");
+  EXPECT_EQ(Applied({{"SERVER", "{%localhostname%}"}}, "server Server", source),
+            "(LocalHostName) (LocalHostName)");
+  EXPECT_EQ(Applied({}, "{%crlf%}", source), "{%crlf%}") << "without rules nothing is expanded";
+}
+
+TEST(cReplaces, ExpandsEveryMacro) {
+  const struct {
+    const char* macro;
+    const char* expansion;
+  } rows[] = {
+      {"{%original%}", "550 no"},
+      {"{%localhostname%}", "(LocalHostName)"},
+      {"{%rfctime%}", "(RFCTime)"},
+      {"{%crlf%}", "\r\n"},
+      {"{%remotehostname%}", "(RemoteHostName)"},
+      {"{%remotehostip%}", "(RemoteHostIP)"},
+      {"{%helodomain%}", "(HeloDomain)"},
+      {"{%bytesreceived%}", "(BytesReceived)"},
+      {"{%bytessent%}", "(BytesSent)"},
+      {"{%from%}", "a@b@from.test"},
+      {"{%rcpt%}", "c@rcpt.test"},
+      {"{%fromdomain%}", "from.test"},
+      {"{%rcptdomain%}", "rcpt.test"},
+      {"{%maxsize%}", "(MaxSize)"},
+      {"{%size%}", "(Size)"},
+      {"{%unknown%}", "{%unknown%}"},
+      {"{%from}", "{%from}"},
+  };
+  CountingSource source;
+  source.values = {{"From", "a@b@from.test"}, {"Rcpt", "c@rcpt.test"}};
+  for (const auto& row : rows) {
+    const std::string macro = row.macro;
+    const std::string expansion = row.expansion;
+    EXPECT_EQ(Applied({{"", "x" + macro + ToUpper(macro) + "y"}}, "550 no", source),
+              expansion[0] == '{' ? "x" + macro + ToUpper(macro) + "y" : "x" + expansion + expansion + "y");
+  }
+}
+
+TEST(cReplaces, TheDomainOfAnAddressWithoutAtIsAllOfIt) {
+  CountingSource source;
+  source.values = {{"From", ""}, {"Rcpt", "postmaster"}};
+  EXPECT_EQ(Applied({{"", "[{%fromdomain%}][{%rcptdomain%}]"}}, "", source), "[][postmaster]");
+  source.values = {{"From", "a@"}, {"Rcpt", "@b"}};
+  EXPECT_EQ(Applied({{"", "[{%fromdomain%}][{%rcptdomain%}]"}}, "", source), "[][b]");
+}
+
+TEST(cReplaces, AsksOnlyForMacrosThatOccur) {
+  const CountingSource source;
+  EXPECT_EQ(Applied({{"a", "b"}, {"", "{%crlf%}{%original%} {% from %}"}}, "a", source), "\r\na {% from %}");
+  EXPECT_TRUE(source.asked.empty());
+  Applied({{"", "{%SIZE%}{%size%}{%FromDomain%}"}}, "a", source);
+  EXPECT_EQ(source.asked, (std::map<std::string, int>{{"Size", 1}, {"From", 1}}));
+}
+
+TEST(cReplaces, ExpandsAfterEveryRule) {
+  CountingSource source;
+  source.values["RemoteHostIP"] = "192.0.2.1";
+  // The second rule sees what the first one's macro stands for.
+  EXPECT_EQ(Applied({{"", "from {%remotehostip%}"}, {"192.0.2.1", "here"}}, "x", source), "from here");
+  // Also in a text that no rule changed.
+  EXPECT_EQ(Applied({{"absent", "y"}}, "at {%remotehostip%}", source), "at 192.0.2.1");
+  // The original is the text before any rule.
+  EXPECT_EQ(Applied({{"a", "b"}, {"b", "<{%original%}>"}, {"x", "{%original%}"}}, "ax", source), "<aax>ax");
+}
+
+TEST(cReplaces, MacrosAreExpandedInTheirOrder) {
+  CountingSource source;
+  // What a macro brings in is seen by those behind it, not by those before it or by itself.
+  source.values = {{"HeloDomain", "{%from%}"}, {"From", "{%helodomain%}{%from%}"}};
+  EXPECT_EQ(Applied({{"", "{%helodomain%}"}}, "", source), "{%helodomain%}{%from%}");
+  source.values = {{"From", "{%crlf%}"}};
+  EXPECT_EQ(Applied({{"", "{%from%}"}}, "", source), "{%crlf%}");
+  EXPECT_EQ(Applied({{"", "{%from%}"}, {"absent", ""}}, "", source), "\r\n");
+  EXPECT_EQ(Applied({{"", "{%original%}"}}, "a{%crlf%}b{%original%}", source), "a\r\nb{%original%}");
+}
+
+TEST(cReplaces, AClientCannotBlowUpAReply) {
+  CountingSource source;
+  std::string from;
+  for (int count = 0; count < 400; ++count) from += "{%from%}{%rcpt%}";
+  source.values = {{"HeloDomain", from}, {"From", from}, {"Rcpt", from}};
+  std::vector<RuleText> rules = {{"", "{%helodomain%}"}};
+  for (int count = 0; count < 20; ++count) rules.push_back({"absent", ""});
+  const std::string original = "550 no";
+  const std::string result = Applied(rules, original, source);
+  EXPECT_LE(result.size(), original.size() + 65536);
+  EXPECT_GT(result.size(), 60000U);
+  // Expansions as long as the bound allows are whole.
+  source.values = {{"From", std::string(65000, 'f')}};
+  EXPECT_EQ(Applied({{"", "{%from%}{%size%}"}}, original, source), std::string(65000, 'f') + "(Size)");
+  // A long reply can still be repeated.
+  const std::string longer(100000, 'o');
+  EXPECT_EQ(Applied({{"", "{%original%}!"}}, longer, source), longer + "!");
+}
+
+TEST(cReplaces, FailuresCarryItsSourceAndChangeNothing) {
+  class FailingSource : public CountingSource {
+    std::string RFCTime() const override { throw Error(5, "RFCDate", "No clock."); }
+  };
+  const FailingSource source;
+  const cReplaces list = ListOf({{"a", "b"}, {"", "{%rfctime%}"}});
+  std::string text = "a";
+  ExpectError([&] { list.Apply(text, source); }, 5, "cReplaces.Apply", "No clock.");
+  EXPECT_EQ(text, "a");
+}
+
+TEST(ResponseChangeTable, KeepsListsWithRulesByName) {
+  ResponseChangeTable table;
+  for (const char* name : {"RCPT.550", "BadSeq"}) {
+    cReplaces list = ListOf({{"", name}});
+    list.SetName(name);
+    table.Add(std::move(list));
+  }
+  cReplaces without_rules;
+  without_rules.SetName("Empty");
+  table.Add(without_rules);
+  EXPECT_EQ(table.Lists().size(), 2U);
+  EXPECT_EQ(table.Lists()[0].Name(), "RCPT.550");
+  ASSERT_NE(table.Find("badseq"), nullptr);
+  EXPECT_EQ(table.Find("badseq")->Item(0), "<BadSeq>");
+  EXPECT_EQ(table.Find("rcpt.550"), &table.Lists()[0]);
+  EXPECT_EQ(table.Find("Empty"), nullptr);
+  EXPECT_EQ(table.Find(""), nullptr);
+
+  cReplaces twice = ListOf({{"", "x"}});
+  twice.SetName("BADSEQ");
+  ExpectError([&] { table.Add(twice); }, 457, "ResponseChangeTable.Add",
+              "This key is already associated with an element of this collection");
+  EXPECT_EQ(table.Lists().size(), 2U);
+
+  const ResponseChangeTable copy = table;
+  EXPECT_EQ(copy.Find("BadSeq"), &copy.Lists()[1]);
+}
+
+TEST(FindAddressReplacement, TakesTheFirstKeyThatMatches) {
+  const ReplacementTable table{{
+      {"a@x.test", "first@y.test"},
+      {"*@x.test []b*", "second@y.test"},
+      {"\"odd, one@x.test\",b2@x.test", "third@y.test"},
+      {"*@x.test", "fourth@y.test"},
+      {"\"\"", "empty@y.test"},
+  }};
+  const struct {
+    const char* address;
+    std::optional<std::string> value;
+  } rows[] = {
+      {"A@X.test", "first@y.test"},  {"c@x.test", "second@y.test"},        {"b1@x.test", "fourth@y.test"},
+      {"b2@x.test", "third@y.test"}, {"odd, one@x.test", "second@y.test"}, {"a@z.test", std::nullopt},
+      {"", "empty@y.test"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(FindAddressReplacement(row.address, table), row.value) << row.address;
+  EXPECT_EQ(FindAddressReplacement("a", ReplacementTable{}), std::nullopt);
+}
+
+TEST(FindAddressReplacement, EmptyPiecesOfAKeyMatchNothing) {
+  const ReplacementTable table{{{"a,,b", "x"}, {"", "y"}, {" , ", "z"}}};
+  EXPECT_EQ(FindAddressReplacement("", table), std::nullopt);
+  EXPECT_EQ(FindAddressReplacement("other", table), std::nullopt);
+  EXPECT_EQ(FindAddressReplacement("b", table), "x");
+}
+
+TEST(FindAddressReplacement, PassesFailuresOn) {
+  ExpectError(
+      [] {
+        FindAddressReplacement("a", {{{"b[", "x"}}});
+      },
+      93, "mText.LikeTextComplex", "Invalid Regular Expression in string: \"b[\".");
+}
+
+}  // namespace
+}  // namespace trabex
