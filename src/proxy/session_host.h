@@ -1,12 +1,15 @@
 // What a session needs of the program around it.
 #pragma once
 
+#include <string_view>
+
 #include "base/log.h"
 #include "config/configuration.h"
 #include "net/modSocketMaster.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/name_lookup.h"
+#include "proxy/greylist_check.h"
 #include "proxy/session_collection.h"
 
 namespace trabex {
@@ -32,6 +35,7 @@ struct SessionHost {
   NameLookup& names;
   SessionCollection& sessions;
   ConnectionTable& table;
+  GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
 };
 
 }  // namespace trabex

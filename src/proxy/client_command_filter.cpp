@@ -1,0 +1,474 @@
+#include "proxy/client_command_filter.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+
+#include "base/text.h"
+#include "proxy/mailbox.h"
+#include "proxy/received_header.h"
+#include "proxy/response_changes.h"
+#include "proxy/session_log.h"
+
+namespace trabex {
+
+namespace {
+
+using Action = LineDecision::Action;
+
+// Bits of ValidateHELO.
+constexpr std::int32_t kDnsLocal = 1;
+constexpr std::int32_t kDnsRemote = 2;
+constexpr std::int32_t kBlackListLocal = 4;
+constexpr std::int32_t kBlackListRemote = 8;
+
+// CallbackSenderAction.
+constexpr std::int32_t kRefuseAtData = 1;
+constexpr std::int32_t kRefuseNow = 2;
+constexpr std::int32_t kBreakAtData = 3;
+
+bool IsBlank(char byte) {
+  return byte == ' ' || byte == '\t';
+}
+
+std::string_view WithoutLeadingBlanks(std::string_view text) {
+  const auto first = std::find_if_not(text.begin(), text.end(), IsBlank);
+  return text.substr(static_cast<std::size_t>(first - text.begin()));
+}
+
+std::string_view WithoutLineEnd(std::string_view line) {
+  return line.ends_with(kCrLf) ? line.substr(0, line.size() - kCrLf.size()) : line;
+}
+
+bool HoldsControl(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), [](char byte) { return IsControl(byte) && byte != '\t'; });
+}
+
+// The word at the front of `rest`, which begins with a blank (or is empty).
+std::string_view FirstParameter(std::string_view rest) {
+  return FirstWord(Trim(rest));
+}
+
+// An octet count as BDAT and XEXCH50 take it: digits up to the limit.
+std::optional<std::uint64_t> OctetCount(std::string_view word) {
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+  if (word.empty() || error != std::errc() || end != word.data() + word.size()) return std::nullopt;
+  if (value > ClientCommandFilter::kMaxOctets) return std::nullopt;
+  return value;
+}
+
+// Whether a BDAT line (its rest) is marked as the last one.
+bool IsLastChunk(std::string_view rest) {
+  constexpr std::string_view kLast = " LAST";
+  const std::size_t at = FindNoCase(rest, kLast);
+  if (at == std::string_view::npos) return false;
+  const std::size_t behind = at + kLast.size();
+  return behind == rest.size() || rest[behind] == ' ';
+}
+
+// A three-list test refuses a value that is neither in the white list nor in the allow list without being
+// black-listed.
+bool RefusedByLists(std::string_view value, const ExpressionList& white, const ExpressionList& allow,
+                    const ExpressionList& black) {
+  if (mText::MatchList(value, white)) return false;
+  return !mText::MatchList(value, allow) || mText::MatchList(value, black);
+}
+
+// The greatest of the SIZE= values that consist of digits (RFC 1870): of several, servers take one or the
+// other.
+std::optional<FixedPoint> DeclaredSize(std::string_view parameters) {
+  constexpr std::string_view kSize = " SIZE=";
+  std::optional<FixedPoint> greatest;
+  for (std::size_t at = FindNoCase(parameters, kSize); at != std::string_view::npos;
+       at = FindNoCase(parameters, kSize, at + 1)) {
+    const std::string_view digits = FirstWord(parameters.substr(at + kSize.size()));
+    if (digits.empty() || !std::all_of(digits.begin(), digits.end(), IsDigit)) continue;
+    constexpr FixedPoint kMost = std::numeric_limits<FixedPoint>::max();
+    const FixedPoint size = ParseFixedPoint(digits, 1).value_or(kMost - kMost % kFixedPointOne);
+    greatest = std::max(greatest.value_or(0), size);
+  }
+  return greatest;
+}
+
+}  // namespace
+
+ClientCommandFilter::ClientCommandFilter(const Configuration& configuration, const Clock& clock,
+                                         const SessionFacts& facts, SessionState& state,
+                                         GreylistCheck* greylisting)
+    : configuration_(configuration),
+      clock_(clock),
+      facts_(facts),
+      state_(state),
+      greylisting_(greylisting),
+      macros_(configuration, clock, facts, state) {}
+
+ClientCommandFilter::Line ClientCommandFilter::TakeApart(std::string_view line) {
+  line = WithoutLeadingBlanks(WithoutLineEnd(line));
+  const auto verb_end =
+      static_cast<std::size_t>(std::find_if(line.begin(), line.end(), IsBlank) - line.begin());
+  const std::string_view rest = WithoutLeadingBlanks(line.substr(verb_end));
+  Line result;
+  result.text = line.substr(0, verb_end);
+  result.verb = ToUpper(result.text);
+  if (!rest.empty()) result.text.append(" ").append(rest);
+  std::replace(result.text.begin(), result.text.end(), '\t', ' ');
+  result.row = &FindCommand(result.verb);
+  return result;
+}
+
+LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view text) {
+  if (state_.AuthenticationData) return ProcessAuthenticationData(text);
+  const Line line = TakeApart(text);
+  state_.CurrentVerb = line.verb;
+  const auto octets = line.row->command == Command::kBdat ? OctetCount(FirstParameter(line.Rest()))
+                                                          : std::optional<std::uint64_t>(0);
+  // A count between control characters is no count; where the content of a BDAT ends must be beyond doubt.
+  if (!octets || (line.row->command == Command::kBdat && HoldsControl(WithoutLineEnd(text)))) {
+    return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
+  }
+  LineDecision decision;
+  if (HoldsControl(WithoutLineEnd(text))) {
+    decision = Answer({ReplyKind::kBadSyntax, ""});
+  } else if (line.row->never_forwarded) {
+    decision = Answer({ReplyKind::kNotImplemented, ""});
+  } else if (facts_.Refused()) {
+    decision = ProcessRefusedSession(line);
+  } else if (const MaybeRefusal refusal = CheckOrder(line)) {
+    decision = Answer(*refusal);
+  } else if (line.row->command == Command::kBdat) {
+    decision = ProcessBdat(line, *octets);
+  } else {
+    decision = ProcessPolicy(line);
+  }
+  // The octets of a refused BDAT follow all the same (RFC 3030), and are no commands.
+  if (line.row->command == Command::kBdat && decision.action == Action::kAnswer)
+    state_.Content.BeginDrop(*octets);
+  return decision;
+}
+
+LineDecision ClientCommandFilter::ProcessPolicy(const Line& line) {
+  switch (line.row->command) {
+    case Command::kEhlo:
+    case Command::kHelo:
+      return ProcessHelo(line);
+    // SEND, SOML and SAML (RFC 821) open a transaction just as MAIL does.
+    case Command::kMail:
+    case Command::kSend:
+    case Command::kSoml:
+    case Command::kSaml:
+      return ProcessMail(line);
+    case Command::kRcpt:
+      return ProcessRcpt(line);
+    case Command::kData:
+      return ProcessData(line);
+    case Command::kXexch50:
+      return ProcessXexch50(line);
+    default:
+      return ForwardAsIs(line);
+  }
+}
+
+// --- the form of a line
+
+LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view line) {
+  // Answered in any case; the server's reply says whether more is asked for.
+  state_.AuthenticationData = false;
+  if (HoldsControl(WithoutLineEnd(line))) return Closing(Answer({ReplyKind::kBadSyntax, ""}));
+  LineDecision decision;
+  decision.text = line;
+  decision.logged = std::string(kSecret).append(kCrLf);
+  state_.Expected = ReplyExpected::kCommand;
+  return decision;
+}
+
+std::optional<LineDecision> ClientCommandFilter::RefuseLongLine(std::string_view begin) {
+  const bool authentication = state_.AuthenticationData ||
+                              StartsWithNoCase(WithoutLeadingBlanks(begin.substr(0, kMaxLine)), "AUTH ") ||
+                              StartsWithNoCase(WithoutLeadingBlanks(begin.substr(0, kMaxLine)), "AUTH\t");
+  const std::size_t most = authentication ? kMaxAuthenticationLine : kMaxLine;
+  const std::size_t end = begin.find(kCrLf);
+  const std::size_t length = end == std::string_view::npos ? begin.size() : end + kCrLf.size();
+  // A line without its end has at least one octet more to come.
+  if (length < most || (length == most && end != std::string_view::npos)) return std::nullopt;
+  return Answer({ReplyKind::kLineTooLong, ""});
+}
+
+LineDecision ClientCommandFilter::RefuseAmbiguousEnd() {
+  return Answer({ReplyKind::kDataAmbiguousEnd, ""});
+}
+
+std::string ClientCommandFilter::LoggedForm(std::string_view line) const {
+  const std::string_view text = WithoutLineEnd(line);
+  const std::string_view line_end = line.substr(text.size());
+  if (state_.AuthenticationData) return std::string(kSecret).append(line_end);
+  const std::string_view command = WithoutLeadingBlanks(text);
+  if (!StartsWithNoCase(command, "AUTH") || (command.size() > 4 && !IsBlank(command[4])))
+    return std::string(line);
+  const std::string_view rest = WithoutLeadingBlanks(command.substr(4));
+  const auto mechanism_end = std::find_if(rest.begin(), rest.end(), IsBlank);
+  const std::string_view secret =
+      WithoutLeadingBlanks(rest.substr(static_cast<std::size_t>(mechanism_end - rest.begin())));
+  if (secret.empty()) return std::string(line);
+  return std::string(text.substr(0, text.size() - secret.size())).append(kSecret).append(line_end);
+}
+
+LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line) {
+  if (line.row->command == Command::kQuit) return Answer({ReplyKind::kQuitBadIP, ""});
+  return Answer({ReplyKind::kBadSequenceBadIP, ""});
+}
+
+// --- order
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line) const {
+  if (!state_.GreetingDone && !line.row->before_greeting) return Refusal{ReplyKind::kBadSequenceNoHelo, ""};
+  return CheckTransactionOrder(line);
+}
+
+// One after the other; when several refuse, the last one answers.
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(const Line& line) const {
+  const CommandRow& row = *line.row;
+  MaybeRefusal refusal;
+  if (state_.TransactionOpen) {
+    const bool extension_missing = !row.extension.empty() && !state_.Extensions.Has(row.extension);
+    if (row.place == Place::kOpensTransaction || extension_missing) {
+      refusal = {ReplyKind::kBadSequence, "BadSeq.Transaction"};
+    }
+  } else if (row.place == Place::kInTransaction && !(row.command == Command::kBdat && state_.ChunkSequence)) {
+    refusal = {ReplyKind::kBadSequence, "BadSeq.NoTransaction"};
+  }
+  if (state_.ChunkSequence && !row.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
+  return refusal;
+}
+
+// --- HELO and EHLO
+
+LineDecision ClientCommandFilter::ProcessHelo(const Line& line) {
+  state_.EhloUsed = line.row->command == Command::kEhlo;
+  state_.HeloDomain = FirstParameter(line.Rest());
+  if (const MaybeRefusal refusal = CheckHeloBlackList()) return Answer(*refusal);
+  const std::int32_t dns_check = facts_.IsLocalClient() ? kDnsLocal : kDnsRemote;
+  if ((configuration_.ValidateHELO & dns_check) == 0 || HeloMatchesHostName()) return ForwardAsIs(line);
+  if (state_.HeloDomain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""});
+  waiting_line_ = line.text;
+  LineDecision decision;
+  decision.action = Action::kWaitForName;
+  decision.text = state_.HeloDomain;
+  // An address literal (RFC 5321, 4.1.3) resolves to the address inside.
+  if (decision.text.size() > 2 && decision.text.front() == '[' && decision.text.back() == ']') {
+    decision.text = decision.text.substr(1, decision.text.size() - 2);
+  }
+  return decision;
+}
+
+LineDecision ClientCommandFilter::ProcessNameAnswer(const AddressAnswer& answer) {
+  const Line line = TakeApart(waiting_line_);
+  waiting_line_.clear();
+  if (answer.error != 0) return Answer({ReplyKind::kHeloDNSError, ""});
+  const IPNumber client = mCommon::CLngIP(facts_.ClientIP());
+  const bool confirmed =
+      std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
+  return confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""});
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList() const {
+  const std::int32_t check = facts_.IsLocalClient() ? kBlackListLocal : kBlackListRemote;
+  if ((configuration_.ValidateHELO & check) == 0) return std::nullopt;
+  if (!mText::MatchList(state_.HeloDomain, configuration_.HELOBlackList)) return std::nullopt;
+  return Refusal{state_.HeloDomain.empty() ? ReplyKind::kHeloNoDomain : ReplyKind::kHeloBlackList, ""};
+}
+
+bool ClientCommandFilter::HeloMatchesHostName() const {
+  const std::string& domain = state_.HeloDomain;
+  const std::string host = facts_.ClientHostNameOrUnknown();
+  return EqualNoCase(domain, host) || EndsWithNoCase(domain, "." + host) ||
+         EndsWithNoCase(host, "." + domain);
+}
+
+// --- MAIL
+
+LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
+  constexpr std::string_view kFrom = " FROM:";
+  if (!StartsWithNoCase(line.Rest(), kFrom)) return Answer({ReplyKind::kMailAddressSyntax, ""});
+  const PathArgument path =
+      ParsePath(line.Rest().substr(kFrom.size()),
+                static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+  if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
+    state_.BeginTransaction(path.address);
+    return ForwardAsIs(line);
+  }
+  const auto address =
+      path.verdict == PathArgument::Verdict::kTaken ? NormalizeMailbox(path.address) : std::nullopt;
+  if (!address) return Answer({ReplyKind::kMailAddressSyntax, ""});
+  state_.Sender = *address;
+  if (const MaybeRefusal refusal = CheckMail(path.parameters)) return Answer(*refusal);
+
+  const ReplacementTable& table = facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
+                                                         : configuration_.SenderReplacementsRemote;
+  const std::string sender = FindAddressReplacement(*address, table).value_or(*address);
+  state_.BeginTransaction(*address);
+  return Forward(line, line.verb + " FROM:<" + sender + ">" + std::string(path.parameters));
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(std::string_view parameters) {
+  ++state_.TransactionCount;
+  const std::int32_t most =
+      facts_.IsLocalClient() ? configuration_.MaxTransactionsLocal : configuration_.MaxTransactionsRemote;
+  if (most != 0 && state_.TransactionCount > most) return Refusal{ReplyKind::kMailTooManyTransactions, ""};
+  if (!state_.Sender.empty() &&
+      RefusedByLists(state_.Sender, configuration_.SendersWhiteList, configuration_.SendersAllowList,
+                     configuration_.SendersBlackList)) {
+    return Refusal{ReplyKind::kMailBlackList, ""};
+  }
+  return CheckSize(parameters);
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckSize(std::string_view parameters) {
+  state_.DeclaredSize = 0;
+  if (state_.SizeLimit == 0) return std::nullopt;
+  const auto size = DeclaredSize(parameters);
+  if (!size) return std::nullopt;
+  state_.DeclaredSize = *size;
+  if (*size <= state_.SizeLimit) return std::nullopt;
+  return Refusal{ReplyKind::kMailSize, ""};
+}
+
+// --- RCPT
+
+LineDecision ClientCommandFilter::ProcessRcpt(const Line& line) {
+  constexpr std::string_view kTo = " TO:";
+  if (!StartsWithNoCase(line.Rest(), kTo)) return Answer({ReplyKind::kRcptAddressSyntax, ""});
+  const PathArgument path =
+      ParsePath(line.Rest().substr(kTo.size()),
+                static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+  if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
+    ++state_.RecipientCount;
+    return ForwardAsIs(line);
+  }
+  const auto address =
+      path.verdict == PathArgument::Verdict::kTaken ? NormalizeMailbox(path.address) : std::nullopt;
+  if (!address) return Answer({ReplyKind::kRcptAddressSyntax, ""});
+  state_.Recipient = *address;
+  ++state_.RecipientCount;
+  if (const MaybeRefusal refusal = CheckRecipient()) return Answer(*refusal);
+  if (const MaybeRefusal refusal = CheckGreylisting()) return Answer(*refusal);
+
+  const ReplacementTable& table = facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
+                                                         : configuration_.RecipientReplacementsRemote;
+  const std::string recipient = FindAddressReplacement(*address, table).value_or(*address);
+  return Forward(line, "RCPT TO:<" + recipient + ">" + std::string(path.parameters));
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient() const {
+  const Configuration& c = configuration_;
+  const bool local_client = facts_.IsLocalClient();
+  const std::int32_t most = local_client ? c.MaxRecipientsLocal : c.MaxRecipientsRemote;
+  if (most != 0 && state_.RecipientCount > most) return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
+
+  const std::string& recipient = state_.Recipient;
+  const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
+  if (local_client) {
+    if (!local_domain && mText::MatchList(state_.Sender, c.RestrictedSenders)) {
+      return Refusal{ReplyKind::kRcptRestricted, ""};
+    }
+    if (RefusedByLists(recipient, c.RecipientsWhiteListLocal, c.RecipientsAllowListLocal,
+                       c.RecipientsBlackListLocal)) {
+      return Refusal{ReplyKind::kRcptBlackListLocal, ""};
+    }
+    return std::nullopt;
+  }
+  if (!local_domain || HasRouteInLocalPart(recipient)) return Refusal{ReplyKind::kRcptRelaying, ""};
+  if (RefusedByLists(recipient, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote,
+                     c.RecipientsBlackListRemote)) {
+    return Refusal{ReplyKind::kRcptBlackListRemote, ""};
+  }
+  if (mText::MatchList(recipient, c.PrivateRecipients)) return Refusal{ReplyKind::kRcptPrivate, ""};
+  return std::nullopt;
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckGreylisting() {
+  const GreyListingSettings& settings = configuration_.GreyListing;
+  if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return std::nullopt;
+  if (!greylisting_->Delays(facts_.ClientHostName(), facts_.ClientIP(), state_.Sender, state_.Recipient)) {
+    return std::nullopt;
+  }
+  const bool callback = mText::MatchList(state_.Sender, settings.CallbackSendersList);
+  if (!callback || settings.CallbackSenderAction == kRefuseNow)
+    return Refusal{ReplyKind::kRcptGreylisted, ""};
+  // A callback only asks whether the recipient exists; it is let through and refused when it wants to send.
+  if (settings.CallbackSenderAction == kRefuseAtData || settings.CallbackSenderAction == kBreakAtData) {
+    state_.Greylisted = true;
+  }
+  return std::nullopt;
+}
+
+// --- content
+
+LineDecision ClientCommandFilter::ProcessData(const Line& line) {
+  if (!state_.Greylisted) return ForwardAsIs(line);
+  if (configuration_.GreyListing.CallbackSenderAction == kBreakAtData) return Break();
+  return Answer({ReplyKind::kDataGreylisted, ""});
+}
+
+LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t octets) {
+  if (state_.Greylisted) return Break();
+  const bool first_chunk = !state_.ChunkSequence;
+  state_.LastChunk = IsLastChunk(line.Rest());
+  state_.ChunkSequence = !state_.LastChunk;
+  state_.Content.BeginOctets(octets);
+  if (!first_chunk || state_.RecipientCount == 0 || !configuration_.AddReceived) return ForwardAsIs(line);
+  std::string header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
+  const std::string_view count_and_rest = Trim(line.Rest());
+  const std::string_view behind_count = count_and_rest.substr(FirstWord(count_and_rest).size());
+  return Forward(line, "BDAT " + std::to_string(octets + header.size()) + std::string(behind_count),
+                 std::move(header));
+}
+
+LineDecision ClientCommandFilter::ProcessXexch50(const Line& line) {
+  const auto octets = OctetCount(FirstParameter(line.Rest()));
+  if (!octets) return Answer({ReplyKind::kBadSequence, "BadSeq.Transaction"});
+  state_.AnnouncedOctets = *octets;
+  return ForwardAsIs(line);
+}
+
+// --- the ends of a line's way
+
+LineDecision ClientCommandFilter::Forward(const Line& line, std::string text, std::string extra) {
+  state_.Forward(line.verb, line.row->command);
+  LineDecision decision;
+  decision.text = std::move(text.append(kCrLf));
+  decision.extra = std::move(extra);
+  if (line.row->command == Command::kAuth) decision.logged = LoggedForm(decision.text);
+  return decision;
+}
+
+LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) {
+  return Forward(line, line.text);
+}
+
+LineDecision ClientCommandFilter::Answer(const Refusal& refusal) {
+  const PolicyReply& row = FindPolicyReply(refusal.kind);
+  if (row.counts_as_bad_sequence) ++state_.BadSequenceCount;
+  LineDecision decision;
+  decision.action = Action::kAnswer;
+  decision.text = BuildPolicyReply(refusal.kind, macros_, configuration_.EnhancedStatusCodes);
+  ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? row.key : refusal.key, state_.CurrentVerb,
+                     decision.text, configuration_, macros_);
+  decision.close_when_sent = row.after == AfterReply::kCloseWhenSent;
+  decision.too_many_bad_sequences = state_.BadSequenceCount > configuration_.MaxBadSeq;
+  return decision;
+}
+
+LineDecision ClientCommandFilter::Break() {
+  LineDecision decision;
+  decision.action = Action::kBreak;
+  decision.text = "Connection broken due to Greylisting";
+  return decision;
+}
+
+LineDecision ClientCommandFilter::Closing(LineDecision decision) {
+  decision.close_when_sent = true;
+  return decision;
+}
+
+}  // namespace trabex

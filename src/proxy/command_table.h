@@ -1,0 +1,56 @@
+// Everything the program knows about a command, one row each. No other file compares verbs.
+#pragma once
+
+#include <string_view>
+
+namespace trabex {
+
+enum class Command {
+  kOther,  // any verb without a row of its own
+  kAtrn,
+  kAuth,
+  kBdat,
+  kData,
+  kEhlo,
+  kExpn,
+  kHelo,
+  kHelp,
+  kMail,
+  kNoop,
+  kQuit,
+  kRcpt,
+  kRset,
+  kSaml,
+  kSend,
+  kSoml,
+  kStarttls,
+  kTurn,
+  kVrfy,
+  kXclient,
+  kXexch50,
+  kXforward,
+};
+
+// Where in the dialogue a command has its place.
+enum class Place {
+  kAnywhere,
+  kOpensTransaction,  // RFC 5321, 4.1.4: not while a transaction is open
+  kInTransaction,     // only while a transaction is open
+};
+
+struct CommandRow {
+  std::string_view verb;  // upper case
+  Command command;
+  bool before_greeting;  // taken before HELO or EHLO
+  Place place;
+  bool in_chunk_sequence;  // taken between two BDAT of one message, RFC 3030
+  std::string_view
+      extension;  // EHLO keyword without which the command is out of order in a transaction; "" for none
+  bool never_forwarded;  // would hand the connection, or the client's identity, to the server unchecked
+};
+
+// The row of `verb` (upper case). Verbs that begin with "X" and have no row of their own, and all others
+// without one, get a general row.
+const CommandRow& FindCommand(std::string_view verb);
+
+}  // namespace trabex

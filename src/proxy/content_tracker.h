@@ -1,0 +1,64 @@
+// Where message content ends: at the line with the single dot after DATA (RFC 5321, 4.1.1.4), after a count
+// of octets with BDAT (RFC 3030) and XEXCH50. Nothing after the end of content may reach the server as if it
+// belonged to it, and nothing of the content may be taken for a command.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace trabex {
+
+class ContentTracker {
+ public:
+  // What became of the bytes given to Scan.
+  enum class Outcome {
+    kGoesOn,     // content goes on behind them
+    kEnded,      // their last byte is the last one of the content
+    kAmbiguous,  // a dot follows that only some servers take for the end; none of the bytes may follow it
+  };
+  struct Step {
+    std::size_t bytes =
+        0;  // how many from the front are content; the others must be given again, with what follows
+    Outcome outcome = Outcome::kGoesOn;
+  };
+
+  // Whether content is expected from the client at all.
+  bool Active() const { return mode_ != Mode::kNone; }
+  // Whether the content is to be read and thrown away: that of a refused BDAT.
+  bool Dropping() const { return mode_ == Mode::kDrop; }
+  // Whether it is content that ends with a dot, that is, after DATA.
+  bool EndsWithDot() const { return mode_ == Mode::kDot; }
+
+  void BeginDot();
+  // `count` 0 ends at once: Active() is false then.
+  void BeginOctets(std::uint64_t count);
+  void BeginDrop(std::uint64_t count);
+  void Stop() { mode_ = Mode::kNone; }
+
+  // Looks at the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
+  // it stays where it is. A CR behind a dot that may be the last one is held back (bytes is smaller than what
+  // was given) until its next byte is there.
+  Step Scan(std::string_view bytes);
+
+ private:
+  enum class Mode { kNone, kDot, kOctets, kDrop };
+  // What the byte before the one looked at means for a dot.
+  enum class Before {
+    kLineStart,  // the start of the content, or CR LF
+    kOther,
+    kCr,           // a CR (a LF makes it kLineStart)
+    kBareLf,       // a LF without CR
+    kDot,          // a dot at kLineStart
+    kDoubtfulDot,  // a dot at kCr or kBareLf
+  };
+
+  Step ScanOctets(std::string_view bytes);
+  Step ScanDot(std::string_view bytes);
+
+  Mode mode_ = Mode::kNone;
+  Before before_ = Before::kLineStart;
+  std::uint64_t left_ = 0;
+};
+
+}  // namespace trabex

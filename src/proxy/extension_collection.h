@@ -1,0 +1,31 @@
+// The extension lines of a server's EHLO reply (RFC 5321, 4.1.1.1), in order, by keyword.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace trabex {
+
+// Keywords compare without regard to case. A reply has few lines, so look-ups walk.
+class ExtensionCollection {
+ public:
+  // Adds the extension of every line of `text` (lines end in CR LF) that begins with "250": its text from the
+  // fifth byte on. Returns whether the last such line was the final one of its reply (a blank after the
+  // code).
+  bool ParseLines(std::string_view text);
+  // Appends `line` (keyword and parameters); an entry with the same keyword is removed first.
+  void AddExtension(std::string_view line);
+  void RemoveExtension(std::string_view keyword);
+  // The whole line, "" when there is none. Valid until the collection changes.
+  std::string_view GetExtension(std::string_view keyword) const;
+  bool Has(std::string_view keyword) const;
+
+  void Clear() { lines_.clear(); }
+  const std::vector<std::string>& Lines() const { return lines_; }
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,140 @@
+#include "proxy/mailbox.h"
+
+#include <algorithm>
+
+#include "base/delimited_text.h"
+#include "base/error.h"
+#include "base/text.h"
+
+namespace trabex {
+
+namespace {
+
+// Bytes that stand for themselves, unquoted, in every server's reading.
+bool IsPlain(char byte) {
+  return byte != ' ' && !IsControl(byte) &&
+         std::string_view("()<>[]:;,\\\"@").find(byte) == std::string_view::npos;
+}
+
+bool AllPlain(std::string_view text) {
+  return std::all_of(text.begin(), text.end(), IsPlain);
+}
+
+// Words of plain bytes between single dots: the dot-string of RFC 5321.
+bool IsDotted(std::string_view text) {
+  return !text.empty() && AllPlain(text) && text.front() != '.' && text.back() != '.' &&
+         text.find("..") == std::string_view::npos;
+}
+
+bool IsDomain(std::string_view text) {
+  if (text.size() > 2 && text.front() == '[' && text.back() == ']') {
+    const std::string_view literal = text.substr(1, text.size() - 2);
+    // An IPv6 literal has colons.
+    return std::all_of(literal.begin(), literal.end(),
+                       [](char byte) { return byte == ':' || IsPlain(byte); });
+  }
+  return IsDotted(text);
+}
+
+bool IsQuoted(std::string_view text) {
+  return text.size() >= 2 && text.front() == '"' && text.back() == '"';
+}
+
+std::string_view WithoutQuotes(std::string_view text) {
+  return IsQuoted(text) ? text.substr(1, text.size() - 2) : text;
+}
+
+// The length of the local part: up to the "@" that is not inside a quoted string at the front.
+std::size_t LocalPartLength(std::string_view address) {
+  std::size_t from = 0;
+  if (!address.empty() && address.front() == '"') {
+    const std::size_t close = address.find('"', 1);
+    if (close == std::string_view::npos) return address.size();
+    from = close + 1;
+  }
+  return std::min(address.find('@', from), address.size());
+}
+
+bool HoldsRoute(std::string_view local_part) {
+  return local_part.find_first_of("@%!") != std::string_view::npos;
+}
+
+// Without its route: "@a,@b:x@c" is x@c.
+std::string_view WithoutSourceRoute(std::string_view address) {
+  if (address.empty() || address.front() != '@') return address;
+  const std::size_t colon = address.find(':');
+  if (colon == std::string_view::npos) return address;
+  const std::string_view route = address.substr(0, colon);
+  for (std::string_view hop : Split(route, ',')) {
+    hop = Trim(hop);
+    if (hop.empty() || hop.front() != '@' || !IsDomain(hop.substr(1))) return address;
+  }
+  return Trim(address.substr(colon + 1));
+}
+
+}  // namespace
+
+PathArgument ParsePath(std::string_view text, BareAddresses bare) {
+  text = Trim(text);
+  PathArgument result;
+  std::string_view part;
+  try {
+    const std::size_t blank = mCommon::InstrOutsise(1, text, " ", "<", ">");
+    const std::size_t length = blank == 0 ? text.size() : blank - 1;
+    part = text.substr(0, length);
+    result.parameters = text.substr(length);
+    result.address = Trim(mCommon::Undelimit(part, "<", ">"));
+    result.verdict = PathArgument::Verdict::kTaken;
+    return result;
+  } catch (const Error&) {
+    // Not in angle brackets, or they are unbalanced: the setting decides.
+  }
+  if (bare == BareAddresses::kRefuse) return result;
+  if (bare == BareAddresses::kForwardUnchecked) {
+    result.verdict = PathArgument::Verdict::kForwardUnchecked;
+    return result;
+  }
+  if (part.empty()) {
+    part = FirstWord(text);
+    result.parameters = text.substr(part.size());
+  }
+  // One bracket without the other is what servers drop too.
+  if (part.starts_with('<')) {
+    part.remove_prefix(1);
+  } else if (part.ends_with('>')) {
+    part.remove_suffix(1);
+  }
+  result.address = Trim(part);
+  result.verdict = PathArgument::Verdict::kTaken;
+  return result;
+}
+
+std::optional<std::string> NormalizeMailbox(std::string_view address) {
+  address = WithoutSourceRoute(address);
+  if (address.empty()) return std::string();
+  const std::size_t local_length = LocalPartLength(address);
+  std::string_view local = address.substr(0, local_length);
+  const bool has_domain = local_length < address.size();
+  std::string_view domain = has_domain ? address.substr(local_length + 1) : std::string_view();
+
+  if (IsQuoted(local)) {
+    const std::string_view inside = WithoutQuotes(local);
+    if (inside.find_first_of("\"\\") != std::string_view::npos) return std::nullopt;
+    if (std::any_of(inside.begin(), inside.end(), IsControl)) return std::nullopt;
+    if (IsDotted(inside)) local = inside;
+  } else if (local.empty() || !AllPlain(local)) {
+    return std::nullopt;
+  }
+  if (!has_domain) {
+    return HoldsRoute(WithoutQuotes(local)) ? std::nullopt : std::optional<std::string>(local);
+  }
+  if (domain.size() > 1 && domain.back() == '.') domain.remove_suffix(1);
+  if (!IsDomain(domain)) return std::nullopt;
+  return std::string(local).append("@").append(domain);
+}
+
+bool HasRouteInLocalPart(std::string_view address) {
+  return HoldsRoute(WithoutQuotes(address.substr(0, LocalPartLength(address))));
+}
+
+}  // namespace trabex

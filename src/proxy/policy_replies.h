@@ -1,0 +1,73 @@
+// The replies that the proxy gives by itself. One row of data each; the row's number is the reply kind.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "match/cReplaces.h"
+
+namespace trabex {
+
+enum class ReplyKind : int {
+  kQuitBadIP = 0,
+  kBadSequence = 1,
+  kBadSequenceBadIP = 2,
+  kBadSequenceNoHelo = 3,
+  kHeloBlackList = 4,
+  kHeloInvalid = 5,
+  kHeloNoDomain = 6,
+  kHeloDNSError = 7,
+  kMailTooManyTransactions = 8,
+  kMailBlackList = 9,
+  kMailSize = 10,
+  kMailAddressSyntax = 11,
+  kRcptTooManyRecipients = 12,
+  kRcptRestricted = 13,
+  kRcptRelaying = 14,
+  kRcptPrivate = 15,
+  kRcptBlackListLocal = 16,
+  kRcptBlackListRemote = 17,
+  kRcptAddressSyntax = 18,
+  kRcptGreylisted = 19,
+  kDataGreylisted = 20,
+  kTooManyConnections = 21,
+  kIPBlackList = 22,
+  kHostsBlackList = 23,
+  kNoPtr = 24,
+  kShutdown = 25,
+  kServerError = 26,
+  kBadSyntax = 27,
+  kLineTooLong = 28,
+  kDataAmbiguousEnd = 29,
+  kNotImplemented = 30,
+};
+inline constexpr int kReplyKinds = 31;
+
+// What becomes of the session behind the reply; the session itself sees to it.
+enum class AfterReply { kGoOn, kCloseWhenSent, kCloseAtOnce, kProxyOnly };
+
+// In `text`, names in angle brackets stand for values of the session: <LocalHostName>, <helo>, <ip>, <host>,
+// <from>, <rcpt>, <rcptdomain>, <size> and <max>.
+struct PolicyReply {
+  ReplyKind kind;
+  std::string_view key;  // the response key; that of the family where there are several
+  std::string_view code;
+  std::string_view enhanced;  // RFC 2034, 3463; "" for none
+  std::string_view text;
+  AfterReply after;
+  bool counts_as_bad_sequence;
+};
+
+const PolicyReply& FindPolicyReply(ReplyKind kind);
+
+// The reply line of `kind` without CR LF. An override that is not empty takes the place of the table's field.
+// The enhanced code is left out when it is empty or `enhanced_status_codes` is off.
+std::string BuildPolicyReply(ReplyKind kind, const MacroSource& values, bool enhanced_status_codes,
+                             std::string_view code_override = {}, std::string_view enhanced_override = {},
+                             std::string_view text_override = {});
+
+// The part of an address after its last "@"; all of it when there is none.
+std::string_view AddressDomain(std::string_view address);
+
+}  // namespace trabex

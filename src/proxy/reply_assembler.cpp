@@ -1,0 +1,36 @@
+#include "proxy/reply_assembler.h"
+
+#include <utility>
+
+#include "base/text.h"
+
+namespace trabex {
+
+std::optional<std::string> ReplyAssembler::NextReply() {
+  for (;;) {
+    const std::size_t line_end = buffer_.find(kCrLf, line_start_);
+    if (line_end == std::string::npos) return std::nullopt;
+    const bool continues = line_end >= line_start_ + 4 && buffer_[line_start_ + 3] == '-';
+    line_start_ = line_end + kCrLf.size();
+    if (continues) continue;
+    std::string reply;
+    if (line_start_ == buffer_.size()) {
+      reply = std::exchange(buffer_, {});
+    } else {
+      reply = buffer_.substr(0, line_start_);
+      buffer_.erase(0, line_start_);
+    }
+    line_start_ = 0;
+    return reply;
+  }
+}
+
+std::string ReplyAssembler::TakeWholeLines() {
+  const std::size_t end = buffer_.rfind(kCrLf);
+  std::string lines = end == std::string::npos ? std::string() : buffer_.substr(0, end + kCrLf.size());
+  buffer_.clear();
+  line_start_ = 0;
+  return lines;
+}
+
+}  // namespace trabex

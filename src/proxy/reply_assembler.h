@@ -1,0 +1,32 @@
+// Cuts what the server sends into whole replies (RFC 5321, 4.2.1), so that nothing depends on how the network
+// split them.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace trabex {
+
+// A reply ends with the first line that has no "-" after its code; lines end in CR LF.
+class ReplyAssembler {
+ public:
+  // A server that sends more than this without ending its reply is broken: replies of real servers stay below
+  // a few kilobytes, and a session must not hold whatever it is sent.
+  static constexpr std::size_t kMaxReplyBytes = 65536;
+
+  void Append(std::string_view bytes) { buffer_.append(bytes); }
+  // The next complete reply with its line ends, or nothing when it has not come whole.
+  std::optional<std::string> NextReply();
+  // More than kMaxReplyBytes are there without a complete reply.
+  bool TooLong() const { return buffer_.size() > kMaxReplyBytes; }
+  // The whole lines of a reply that will not be completed any more.
+  std::string TakeWholeLines();
+
+ private:
+  std::string buffer_;
+  std::size_t line_start_ = 0;  // of the first line that was not complete when last looked at
+};
+
+}  // namespace trabex

@@ -1,0 +1,48 @@
+#include "proxy/response_changes.h"
+
+#include <exception>
+
+namespace trabex {
+
+bool ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
+                          const MacroSource& macros) {
+  const cReplaces* replaces = configuration.ResponseChanges.Find(key);
+  if (!replaces) return false;
+  std::string changed = reply;
+  try {
+    replaces->Apply(changed, macros);
+    reply = std::move(changed);
+  } catch (const std::exception&) {
+    // A rule that fails must not cost the client its reply.
+  }
+  return true;
+}
+
+void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view verb, std::string& reply,
+                        const Configuration& configuration, const MacroSource& macros) {
+  const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
+  switch (kind) {
+    case ReplyKind::kBadSequence:
+    case ReplyKind::kBadSequenceBadIP:
+    case ReplyKind::kBadSequenceNoHelo:
+      apply("BadSeq");
+      apply(key);
+      apply(std::string(verb).append(".").append(key));
+      break;
+    case ReplyKind::kRcptRestricted:
+      apply(key);
+      apply(std::string(key).append(".").append(macros.From()));
+      break;
+    case ReplyKind::kRcptBlackListLocal:
+    case ReplyKind::kRcptBlackListRemote:
+    case ReplyKind::kRcptPrivate:
+    case ReplyKind::kRcptGreylisted:
+      apply(key);
+      apply(std::string(key).append(".").append(macros.Rcpt()));
+      break;
+    default:
+      apply(key);
+  }
+}
+
+}  // namespace trabex

@@ -1,0 +1,196 @@
+#include "proxy/server_reply_filter.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/text.h"
+#include "proxy/received_header.h"
+#include "proxy/response_changes.h"
+
+namespace trabex {
+
+namespace {
+
+// Keywords that never reach a client: the filter could not read what they lead to, or the server would take
+// the client's word for who it is.
+constexpr std::string_view kNeverOffered[] = {"ATRN", "PIPELINING", "STARTTLS", "TURN",
+                                              "OK",   "XCLIENT",    "XFORWARD"};
+
+std::string_view CodeOf(std::string_view line) {
+  return line.substr(0, 3);
+}
+
+// Whether every line of `reply` has the code of the first one. A reply that has not says nothing that could
+// be relied on.
+bool HasOneCode(std::string_view reply) {
+  const std::string_view code = CodeOf(reply);
+  while (!reply.empty()) {
+    if (CodeOf(reply) != code) return false;
+    const std::size_t end = reply.find(kCrLf);
+    if (end == std::string_view::npos) return true;
+    reply.remove_prefix(end + kCrLf.size());
+  }
+  return true;
+}
+
+std::string_view LastLine(std::string_view reply) {
+  const std::size_t end = reply.rfind(kCrLf);
+  return end == std::string_view::npos ? reply : reply.substr(end + kCrLf.size());
+}
+
+// The number in a SIZE extension line (RFC 1870); 0 when there is none to be read.
+FixedPoint OfferedSize(std::string_view line) {
+  constexpr std::string_view kSize = "SIZE ";
+  if (!StartsWithNoCase(line, kSize)) return 0;
+  const std::string_view digits = FirstWord(Trim(line.substr(kSize.size())));
+  if (!std::all_of(digits.begin(), digits.end(), IsDigit)) return 0;
+  return ParseFixedPoint(digits, 1).value_or(0);
+}
+
+}  // namespace
+
+ServerReplyFilter::ServerReplyFilter(const Configuration& configuration, const Clock& clock,
+                                     const SessionFacts& facts, SessionState& state)
+    : configuration_(configuration),
+      clock_(clock),
+      facts_(facts),
+      state_(state),
+      macros_(configuration, clock, facts, state) {}
+
+ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply) {
+  const std::string_view text = reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
+  const std::string_view code = CodeOf(text);
+  const bool answers_ehlo = state_.Expected == ReplyExpected::kCommand &&
+                            state_.Forwarded == Command::kEhlo && code == "250" && HasOneCode(text);
+  ReplyDecision decision;
+  FollowReply(code, text, decision);
+
+  std::string changed = answers_ehlo ? RewriteEhloReply(text) : std::string(text);
+  bool rewritten = answers_ehlo;
+  rewritten |= ApplyResponseChanges(code, changed, configuration_, macros_);
+  rewritten |= ApplyResponseChanges(std::string(state_.ForwardedVerb).append(".").append(code), changed,
+                                    configuration_, macros_);
+  decision.text = rewritten ? changed.append(kCrLf) : std::string(reply);
+  return decision;
+}
+
+void ServerReplyFilter::FollowReply(std::string_view code, std::string_view reply, ReplyDecision& decision) {
+  const ReplyExpected expected = std::exchange(state_.Expected, ReplyExpected::kNone);
+  if (state_.Content.EndsWithDot()) {
+    // The server spoke before the dot: what the client goes on sending is neither content nor command any
+    // more.
+    state_.Content.Stop();
+    decision.content_cut_off = true;
+    return;
+  }
+  if (expected != ReplyExpected::kCommand) return;
+  if (state_.Forwarded == Command::kAuth && CodeOf(LastLine(reply)) == "334") {
+    state_.AuthenticationData = true;
+    return;
+  }
+  if (!HasOneCode(reply)) return;
+  if (code == "250") FollowAccepted();
+  if (code == "354") FollowContentWanted(decision);
+  if (code == "355" && state_.Forwarded == Command::kMail) state_.TransactionOpen = true;
+}
+
+void ServerReplyFilter::FollowAccepted() {
+  switch (state_.Forwarded) {
+    case Command::kMail:
+    case Command::kSend:
+    case Command::kSoml:
+    case Command::kSaml:
+      state_.TransactionOpen = true;
+      break;
+    case Command::kRset:
+      state_.ResetTransaction();
+      break;
+    case Command::kHelo:
+      state_.Extensions.Clear();
+      state_.GreetingDone = true;
+      state_.ResetTransaction();
+      break;
+    case Command::kEhlo:
+      state_.GreetingDone = true;
+      state_.ResetTransaction();
+      break;
+    case Command::kBdat:
+      if (state_.LastChunk) state_.EndTransaction();
+      break;
+    default:
+      break;
+  }
+}
+
+void ServerReplyFilter::FollowContentWanted(ReplyDecision& decision) {
+  if (state_.Forwarded == Command::kXexch50) {
+    state_.Content.BeginOctets(state_.AnnouncedOctets);
+    state_.Expected = ReplyExpected::kContent;
+  }
+  if (state_.Forwarded != Command::kData) return;
+  state_.EndTransaction();
+  state_.Content.BeginDot();
+  state_.Expected = ReplyExpected::kContent;
+  if (state_.RecipientCount != 0 && configuration_.AddReceived) {
+    decision.header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
+  }
+}
+
+std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply) {
+  const std::size_t first_end = std::min(reply.find(kCrLf), reply.size());
+  const std::string_view first_line = reply.substr(0, first_end);
+  state_.Extensions.Clear();
+  state_.Extensions.ParseLines(reply.substr(first_end));
+  for (std::string_view keyword : kNeverOffered) state_.Extensions.RemoveExtension(keyword);
+  LimitSize();
+  ApplyExtensionLists();
+
+  const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
+  const auto& lines = state_.Extensions.Lines();
+  if (lines.empty()) return std::string("250 ").append(greeting);
+  std::string result = std::string("250-").append(greeting);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    result.append(kCrLf).append(i + 1 < lines.size() ? "250-" : "250 ").append(lines[i]);
+  }
+  return result;
+}
+
+void ServerReplyFilter::LimitSize() {
+  const FixedPoint server = OfferedSize(state_.Extensions.GetExtension("SIZE"));
+  const FixedPoint own = configuration_.MaxSize;
+  constexpr FixedPoint kServersOwnLine =
+      -kFixedPointOne;  // MaxSize = -1: no limit of ours, the server's line stays
+  FixedPoint limit = 0;
+  bool remove = false;
+  if (server > 0) {
+    if (own > 0) {
+      limit = std::min(server, own);
+    } else if (own == 0) {
+      limit = server;
+    } else {
+      remove = own != kServersOwnLine;
+    }
+  } else {
+    limit = std::max<FixedPoint>(own, 0);
+    remove = limit == 0;
+  }
+  if (remove) state_.Extensions.RemoveExtension("SIZE");
+  if (limit != 0) state_.Extensions.AddExtension("SIZE " + FormatWhole(limit));
+  state_.SizeLimit = limit;
+}
+
+void ServerReplyFilter::ApplyExtensionLists() {
+  const bool local = facts_.IsLocalClient();
+  const ExpressionList& removed =
+      local ? configuration_.RemoveSMTPExtensionsLocal : configuration_.RemoveSMTPExtensionsRemote;
+  const ExpressionList& added =
+      local ? configuration_.AddSMTPExtensionsLocal : configuration_.AddSMTPExtensionsRemote;
+  for (const ListEntry& entry : removed.Entries()) {
+    for (const std::string& keyword : entry.patterns) state_.Extensions.RemoveExtension(FirstWord(keyword));
+  }
+  for (const ListEntry& entry : added.Entries()) {
+    for (const std::string& line : entry.patterns) state_.Extensions.AddExtension(line);
+  }
+}
+
+}  // namespace trabex

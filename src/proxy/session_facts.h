@@ -1,0 +1,29 @@
+// What the filters may know of a session beyond its protocol state. They see no socket.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace trabex {
+
+class SessionFacts {
+ public:
+  virtual ~SessionFacts() = default;
+  virtual std::string ClientIP() const = 0;
+  // Whether the client's address lies in LocalIPs.
+  virtual bool IsLocalClient() const = 0;
+  // The client's name from DNS; "" when it has none. Known before the first command line is looked at.
+  virtual std::string ClientHostName() const = 0;
+  std::string ClientHostNameOrUnknown() const {
+    std::string name = ClientHostName();
+    return name.empty() ? "Unknown" : name;
+  }
+  // Octets on the client's connection so far.
+  virtual std::int64_t BytesReceived() const = 0;
+  virtual std::int64_t BytesSent() const = 0;
+  // The session has no connection to the server and never gets one: its client was refused.
+  virtual bool Refused() const = 0;
+};
+
+}  // namespace trabex

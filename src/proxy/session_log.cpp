@@ -1,0 +1,56 @@
+#include "proxy/session_log.h"
+
+#include "base/text.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::string_view kLineBreakSign = "\xC2\xB6";
+constexpr std::size_t kHandleWidth = 6;
+constexpr std::size_t kAddressWidth = 15;
+
+void AppendAligned(std::string& line, std::string_view text, std::size_t width) {
+  if (text.size() < width) line.append(width - text.size(), ' ');
+  line.append(text);
+}
+
+void AppendVisible(std::string& line, std::string_view text) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::size_t from = 0;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char byte = text[at];
+    if (!IsControl(byte)) continue;
+    line.append(text.substr(from, at - from));
+    if (byte == '\r' && at + 1 < text.size() && text[at + 1] == '\n') {
+      line.append(kLineBreakSign);
+      ++at;
+    } else {
+      const auto value = static_cast<unsigned char>(byte);
+      line.append("\\x").append(1, kHex[value >> 4]).append(1, kHex[value & 15]);
+    }
+    from = at + 1;
+  }
+  line.append(text.substr(from));
+}
+
+}  // namespace
+
+std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
+                              std::string_view text) {
+  std::string line;
+  line.reserve(side_tag.size() + text.size() + 32);
+  line.append(side_tag).append("{");
+  AppendAligned(line, std::to_string(handle), kHandleWidth);
+  line.append("} [");
+  if (address.empty()) {
+    line.append("   Undefined   ");
+  } else {
+    AppendAligned(line, address, kAddressWidth);
+  }
+  line.append("] ");
+  AppendVisible(line, text);
+  return line;
+}
+
+}  // namespace trabex

@@ -1,0 +1,29 @@
+// The two session log writers: every event and protocol line of a session goes to the log through them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "base/log.h"
+
+namespace trabex {
+
+// Bits of LogLevelServer and LogLevelRemote. The callers test them; the writers write what they are given.
+namespace log_level {
+inline constexpr std::int32_t kErrors = 1;
+inline constexpr std::int32_t kReceived = 2;
+inline constexpr std::int32_t kSent = 4;
+inline constexpr std::int32_t kConnection = 8;
+}  // namespace log_level
+
+// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" while there is none), text. In `text`
+// every CR LF becomes "¶", so that a multi-line block stays on one line, and every other control character
+// "\xHH", so that no peer forges a line or reaches the terminal of who reads it.
+std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
+                              std::string_view text);
+
+// What follows the mechanism in an AUTH command, as the log shows it.
+inline constexpr std::string_view kSecret = "***";
+
+}  // namespace trabex
