@@ -1,0 +1,37 @@
+// The command line: switches that select the port, the files and the window, or ask for something else than a
+// start. Each argument is one token, as the shell has split them; "/PORT", "-port" and "--port" are the same,
+// in any case of letters.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace trabex {
+
+// What a command line asks for. An argument that is a path is kept as typed, without surrounding quotes; an
+// empty one counts as not given.
+struct CommandLine {
+  enum class Result {
+    kStart,    // go on with the fields below
+    kShow,     // show `message` and end well: help or version
+    kRefused,  // `message` says what is wrong
+  };
+  Result result = Result::kStart;
+  std::string message;
+
+  std::optional<std::int32_t> port;     // 1 to 65535; the key BindPort is then not read
+  std::optional<std::string> ini_file;  // not resolved yet
+  std::optional<std::string> log_path;  // the key LogPath is then not read, and Log is 1
+  bool minimized = false;
+  bool hidden = false;
+  bool exit_request = false;
+};
+
+// Reads the arguments in order and stops at the first that cannot be taken. `arguments` is without the
+// program's own name.
+CommandLine ParseCommandLine(std::span<const std::string_view> arguments);
+
+}  // namespace trabex

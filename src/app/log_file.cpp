@@ -1,0 +1,92 @@
+#include "app/log_file.h"
+
+#include <cmath>
+#include <utility>
+
+#include "base/text.h"
+
+namespace trabex {
+
+namespace {
+
+// More than this is not kept back until the end of the turn.
+constexpr std::size_t kMaxCollectedBytes = 64 * 1024;
+
+}  // namespace
+
+LogFile::LogFile(const Configuration& configuration, const Clock& clock, std::string program_name)
+    : configuration_(configuration), clock_(clock), program_name_(std::move(program_name)) {}
+
+void LogFile::LogLine(std::string_view message) {
+  if (observer_) observer_(message);
+  if (configuration_.Log == 0) return;
+  const DateTime now = clock_.Now();
+  if (!EnsureOpen(now)) return;
+  RestartTimer();
+  collected_.append(Stamp(now)).append(" ").append(message).append(kCrLf);
+  Collected();
+}
+
+void LogFile::WriteLines(std::string_view lines) {
+  if (configuration_.Log == 0 || !EnsureOpen(clock_.Now())) return;
+  RestartTimer();
+  collected_.append(lines);
+  Collected();
+}
+
+void LogFile::Close() {
+  Flush();
+  file_.Close();
+  reserve_.Hold();
+}
+
+void LogFile::CollectOn(EventLoop* loop) {
+  Flush();
+  flush_is_due_ = false;
+  loop_ = loop;
+}
+
+bool LogFile::EnsureOpen(DateTime now) {
+  if (file_.IsOpen()) return true;
+  std::string path = NativePath(configuration_.LogPath);
+  CreateFolder(path);
+  if (!path.ends_with(kPathSeparator)) path += kPathSeparator;
+  path += program_name_ + "-" + std::to_string(configuration_.BindPort) + "-" + FormatFileDate(now) + ".log";
+  reserve_.Release();
+  if (file_.Open(path)) return true;
+  reserve_.Hold();
+  return false;
+}
+
+// A busy log writes many lines a second, so the text is made once for all of them.
+const std::string& LogFile::Stamp(DateTime now) {
+  const std::int64_t second = std::llround((now - kUnixEpoch) * kSecondsPerDay);
+  if (second != stamp_second_) {
+    stamp_ = FormatLogStamp(now);
+    stamp_second_ = second;
+  }
+  return stamp_;
+}
+
+// Once for all lines of a turn: time does not pass for timers inside it.
+void LogFile::RestartTimer() {
+  if (timer_ != nullptr && (!flush_is_due_ || !timer_->Enabled())) timer_->Enable();
+}
+
+void LogFile::Collected() {
+  if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) return Flush();
+  if (flush_is_due_) return;
+  flush_is_due_ = true;
+  loop_->AtTurnEnd([this] {
+    flush_is_due_ = false;
+    Flush();
+  });
+}
+
+void LogFile::Flush() {
+  if (collected_.empty()) return;
+  if (file_.IsOpen()) file_.Write(collected_);
+  collected_.clear();
+}
+
+}  // namespace trabex

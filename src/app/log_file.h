@@ -1,0 +1,76 @@
+// The log: one file per day and port, to which every room writes through the interface Log.
+//
+// A file is opened by the first line and closed after five seconds without one, so that it can be read, moved
+// or deleted while the program runs. Its name is settled when it is opened: "<program>-<port>-<yymmdd>.log" of
+// that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
+//
+// Lines are collected and written with one system call at the end of the turn of the loop that wrote them, or
+// as soon as much has collected. A log that cannot be opened or written loses its lines and tells nobody: the
+// mail goes on.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "base/log.h"
+#include "config/configuration.h"
+#include "platform/clock.h"
+#include "platform/descriptor_reserve.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+
+namespace trabex {
+
+class LogFile final : public Log {
+ public:
+  static constexpr Milliseconds kCloseAfter{5000};
+
+  // Both outlive the log; `Log`, `LogPath` and `BindPort` are read at each use. `program_name` begins the
+  // files' names.
+  LogFile(const Configuration& configuration, const Clock& clock, std::string program_name = ProgramName());
+  ~LogFile() override { Close(); }
+  LogFile(const LogFile&) = delete;
+  LogFile& operator=(const LogFile&) = delete;
+
+  // Drops the line when `Log` is 0.
+  void LogLine(std::string_view message) override;
+  // Writes whole lines as they are, without time stamps; otherwise like LogLine. For the dump of the
+  // configuration.
+  void WriteLines(std::string_view lines);
+  // Writes what has collected and closes the file; the next line opens one again.
+  void Close();
+
+  // `timer` begins its interval anew with each line; nullptr: none does. It outlives its use here.
+  void SetTimer(Timer* timer) { timer_ = timer; }
+  // From now on lines wait for the end of the turn of `loop`; nullptr: each is written at once.
+  void CollectOn(EventLoop* loop);
+  // `observer` sees every message that LogLine gets, also those that are dropped; empty: nobody does.
+  void SetObserver(std::function<void(std::string_view message)> observer) {
+    observer_ = std::move(observer);
+  }
+
+ private:
+  bool EnsureOpen(DateTime now);
+  const std::string& Stamp(DateTime now);
+  void RestartTimer();
+  void Collected();
+  void Flush();
+
+  const Configuration& configuration_;
+  const Clock& clock_;
+  std::string program_name_;
+  AppendFile file_;
+  DescriptorReserve reserve_;  // held while the file is closed
+  std::string collected_;
+  bool flush_is_due_ = false;  // at the end of this turn
+  EventLoop* loop_ = nullptr;
+  Timer* timer_ = nullptr;
+  std::function<void(std::string_view)> observer_;
+  std::string stamp_;
+  std::int64_t stamp_second_ = -1;  // since 1970, local
+};
+
+}  // namespace trabex

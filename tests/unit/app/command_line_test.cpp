@@ -1,0 +1,178 @@
+#include "app/command_line.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace trabex {
+namespace {
+
+using Result = CommandLine::Result;
+
+CommandLine Parse(const std::vector<std::string_view>& arguments) {
+  return ParseCommandLine(arguments);
+}
+
+TEST(CommandLine, EmptyMeansAStartWithNothingSet) {
+  const CommandLine line = Parse({});
+  EXPECT_EQ(line.result, Result::kStart);
+  EXPECT_FALSE(line.port || line.ini_file || line.log_path);
+  EXPECT_FALSE(line.minimized || line.hidden || line.exit_request);
+}
+
+TEST(CommandLine, EverySwitchHasItsSpellings) {
+  struct Row {
+    std::vector<std::string_view> spellings;
+    bool CommandLine::* set;
+  };
+  const Row rows[] = {
+      {{"/M", "/MINIMIZE", "-m", "--m", "-minimize", "--minimize", "/Minimize", " /m "}, &CommandLine::minimized},
+      {{"/HI", "/HIDE", "-hi", "--hi", "-hide", "--hide", "/hide"}, &CommandLine::hidden},
+      {{"/X", "/EXIT", "-x", "--x", "-exit", "--exit", "/Exit"}, &CommandLine::exit_request},
+  };
+  for (const Row& row : rows) {
+    for (const std::string_view spelling : row.spellings) {
+      const CommandLine line = Parse({spelling});
+      EXPECT_EQ(line.result, Result::kStart) << spelling;
+      EXPECT_TRUE(line.*row.set) << spelling;
+      EXPECT_EQ(line.minimized + line.hidden + line.exit_request, 1) << spelling;
+    }
+  }
+}
+
+TEST(CommandLine, PortIsTakenFromTheNextArgument) {
+  for (const std::string_view spelling : {"/P", "/p", "/PORT", "-p", "--p", "-port", "--port", "--PORT"}) {
+    EXPECT_EQ(Parse({spelling, "2525"}).port, 2525) << spelling;
+  }
+  EXPECT_EQ(Parse({"/P", "1"}).port, 1);
+  EXPECT_EQ(Parse({"/P", "65535"}).port, 65535);
+  EXPECT_EQ(Parse({"/P", " 25 "}).port, 25);
+  EXPECT_EQ(Parse({"/P", "25", "/P", "26"}).port, 26);
+}
+
+TEST(CommandLine, BadPortsAreRefused) {
+  struct Row {
+    std::vector<std::string_view> arguments;
+    std::string_view message;
+  };
+  const Row rows[] = {
+      {{"/P", "0"}, "Invalid port number \"0\"."},
+      {{"/P", "70000"}, "Invalid port number \"70000\"."},
+      {{"/P", "65536"}, "Invalid port number \"65536\"."},
+      {{"--port", "-1"}, "Invalid port number \"-1\"."},
+      {{"/P", " smtp "}, "Invalid port number \"smtp\"."},
+      {{"/P", "99999999999"}, "Invalid port number \"99999999999\"."},
+      {{"/P", ""}, "Invalid port number \"\"."},
+      {{"/P"}, "Invalid port number \"\"."},
+      {{"/P", "25", "/P", "0"}, "Invalid port number \"0\"."},
+      {{"/P", "/HI"}, "Invalid port number \"/HI\"."},
+  };
+  for (const Row& row : rows) {
+    const CommandLine line = Parse(row.arguments);
+    EXPECT_EQ(line.result, Result::kRefused);
+    EXPECT_EQ(line.message, row.message);
+  }
+}
+
+TEST(CommandLine, TextThatIsNoNumberLeavesAnEarlierPort) {
+  EXPECT_EQ(Parse({"/P", "25", "/P", "smtp"}).port, 25);
+  EXPECT_EQ(Parse({"/P", "25", "/P"}).port, 25);
+}
+
+TEST(CommandLine, PathsLoseSurroundingQuotes) {
+  using Value = std::optional<std::string>;
+  struct Row {
+    std::string_view argument;
+    Value expected;
+  };
+  const Row rows[] = {
+      {"x.ini", "x.ini"},
+      {"\"C:\\My Files\\x.ini\"", "C:\\My Files\\x.ini"},
+      {" /etc/My Files/x.ini ", "/etc/My Files/x.ini"},
+      {"\"half", "\"half"},
+      {"\"", "\""},
+      {"/P", "/P"},
+      {"", std::nullopt},
+      {"\"\"", std::nullopt},
+  };
+  for (const Row& row : rows) {
+    for (const std::string_view spelling : {"/I", "/INIFILE", "-i", "--inifile", "--IniFile"}) {
+      EXPECT_EQ(Parse({spelling, row.argument}).ini_file, row.expected) << spelling << " " << row.argument;
+    }
+    for (const std::string_view spelling : {"/L", "/LOGPATH", "-l", "--logpath", "--LogPath"}) {
+      EXPECT_EQ(Parse({spelling, row.argument}).log_path, row.expected) << spelling << " " << row.argument;
+    }
+  }
+}
+
+TEST(CommandLine, PathSwitchThatStandsLastIsIgnored) {
+  for (const std::string_view spelling : {"/I", "/L"}) {
+    const CommandLine line = Parse({"/M", spelling});
+    EXPECT_EQ(line.result, Result::kStart);
+    EXPECT_TRUE(line.minimized);
+    EXPECT_FALSE(line.ini_file || line.log_path);
+  }
+}
+
+TEST(CommandLine, HelpTextIsComplete) {
+  const std::string expected =
+      "Command line switches:\r\n"
+      "\r\n"
+      "/P <portnumber>, /PORT <portnumber> - specify port to listen;\r\n"
+      "/M, /MINIMIZE - run minimized;\r\n"
+      "/HI, /HIDE - run hidden;\r\n"
+      "/I <ini file pathname>, /INIFILE <ini file pathname> - specify initialization file;\r\n"
+      "/L <log dir>, /LOGPATH <log dir> - specify log directory;\r\n"
+      "/X, /EXIT - close another instance;\r\n"
+      "/H, /?, /HELP - show this message.";
+  for (const std::string_view spelling : {"/H", "/?", "/HELP", "-h", "-?", "--help", "--h", "--?", "/help"}) {
+    const CommandLine line = Parse({spelling});
+    EXPECT_EQ(line.result, Result::kShow) << spelling;
+    EXPECT_EQ(line.message, expected) << spelling;
+  }
+}
+
+TEST(CommandLine, VersionHasOneSpelling) {
+  EXPECT_EQ(Parse({"--version"}).result, Result::kShow);
+  EXPECT_EQ(Parse({"--version"}).message, "Trabex 3.04.012");
+  EXPECT_EQ(Parse({"/VERSION"}).message, "Invalid switch \"/VERSION\".");
+}
+
+TEST(CommandLine, AnythingElseIsAnInvalidSwitch) {
+  struct Row {
+    std::string_view argument;
+    std::string_view message;
+  };
+  const Row rows[] = {
+      {"/Q", "Invalid switch \"/Q\"."},         {" /q ", "Invalid switch \"/q\"."},
+      {"P", "Invalid switch \"P\"."},           {"/", "Invalid switch \"/\"."},
+      {"-", "Invalid switch \"-\"."},           {"--", "Invalid switch \"--\"."},
+      {"---port", "Invalid switch \"---port\"."}, {"/-p", "Invalid switch \"/-p\"."},
+      {"-/p", "Invalid switch \"-/p\"."},       {"/P2525", "Invalid switch \"/P2525\"."},
+      {"--port=25", "Invalid switch \"--port=25\"."}, {"\"/M\"", "Invalid switch \"\"/M\"\"."},
+  };
+  for (const Row& row : rows) {
+    const CommandLine line = Parse({row.argument});
+    EXPECT_EQ(line.result, Result::kRefused) << row.argument;
+    EXPECT_EQ(line.message, row.message);
+  }
+}
+
+TEST(CommandLine, FirstArgumentThatCannotBeTakenEndsTheReading) {
+  EXPECT_EQ(Parse({"/Q", "/H"}).message, "Invalid switch \"/Q\".");
+  EXPECT_EQ(Parse({"/H", "/Q"}).result, Result::kShow);
+  EXPECT_EQ(Parse({"/P", "0", "/H"}).message, "Invalid port number \"0\".");
+}
+
+TEST(CommandLine, EmptyArgumentsAreSkipped) {
+  const CommandLine line = Parse({"", "/HI", "  ", "/M"});
+  EXPECT_EQ(line.result, Result::kStart);
+  EXPECT_TRUE(line.hidden);
+  EXPECT_TRUE(line.minimized);
+}
+
+}  // namespace
+}  // namespace trabex
