@@ -30,13 +30,13 @@ struct SwitchName {
 };
 
 constexpr std::array kSwitchNames = {
-    SwitchName{"P", Switch::kPort},        SwitchName{"PORT", Switch::kPort},
-    SwitchName{"M", Switch::kMinimize},    SwitchName{"MINIMIZE", Switch::kMinimize},
-    SwitchName{"HI", Switch::kHide},       SwitchName{"HIDE", Switch::kHide},
-    SwitchName{"I", Switch::kIniFile},     SwitchName{"INIFILE", Switch::kIniFile},
-    SwitchName{"L", Switch::kLogPath},     SwitchName{"LOGPATH", Switch::kLogPath},
-    SwitchName{"X", Switch::kExit},        SwitchName{"EXIT", Switch::kExit},
-    SwitchName{"H", Switch::kHelp},        SwitchName{"?", Switch::kHelp},
+    SwitchName{"P", Switch::kPort},     SwitchName{"PORT", Switch::kPort},
+    SwitchName{"M", Switch::kMinimize}, SwitchName{"MINIMIZE", Switch::kMinimize},
+    SwitchName{"HI", Switch::kHide},    SwitchName{"HIDE", Switch::kHide},
+    SwitchName{"I", Switch::kIniFile},  SwitchName{"INIFILE", Switch::kIniFile},
+    SwitchName{"L", Switch::kLogPath},  SwitchName{"LOGPATH", Switch::kLogPath},
+    SwitchName{"X", Switch::kExit},     SwitchName{"EXIT", Switch::kExit},
+    SwitchName{"H", Switch::kHelp},     SwitchName{"?", Switch::kHelp},
     SwitchName{"HELP", Switch::kHelp},
 };
 
@@ -51,9 +51,9 @@ std::optional<Switch> FindSwitch(std::string_view token) {
   } else {
     return std::nullopt;
   }
-  const auto* found = std::find_if(kSwitchNames.begin(), kSwitchNames.end(), [&](const SwitchName& candidate) {
-    return EqualNoCase(candidate.name, token);
-  });
+  const auto* found =
+      std::find_if(kSwitchNames.begin(), kSwitchNames.end(),
+                   [&](const SwitchName& candidate) { return EqualNoCase(candidate.name, token); });
   if (found == kSwitchNames.end()) return std::nullopt;
   return found->what;
 }

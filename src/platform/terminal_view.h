@@ -26,22 +26,30 @@ class ViewContent {
 // costs frames.
 class TerminalView {
  public:
-  virtual ~TerminalView() = default;  // restores the terminal
+  // Restores the terminal; waits half a second at most for one that does not read.
+  virtual ~TerminalView() = default;
   // Shows the content anew as soon as the terminal can take it; cheap to call often.
   virtual void Refresh() = 0;
 };
 
+// What the user, or the terminal, does to the view. A handler may destroy the view; an empty one is skipped.
 struct TerminalViewEvents {
   std::function<void()> closed;             // the user closed the window
   std::function<void(bool folded)> folded;  // the user folded it to the status line, or unfolded it
+  // The terminal or what draws on it has gone; nothing is shown any more.
+  std::function<void()> lost;
 };
+
+// Whether there is anybody to whom a view or a reason for none could be shown.
+bool StandardOutputIsTerminal();
 
 // The reason that there is no view, for people; empty when a view is possible now: standard output is a
 // terminal of a known kind and the program runs in the foreground.
 std::string WhyNoTerminalView();
 
-// Both references outlive the view; events come from the loop. Raises 57 "Device I/O error" when the terminal
-// or the drawing process cannot be had.
+// Both references outlive the view; events come from the loop. While it is open the program cannot be stopped
+// from the terminal (Ctrl-Z); that would stop the mail. One view at a time. Raises 57 "Device I/O error" when
+// the terminal or the drawing process cannot be had.
 std::unique_ptr<TerminalView> OpenTerminalView(EventLoop& loop, const ViewContent& content, bool folded,
                                                TerminalViewEvents events);
 

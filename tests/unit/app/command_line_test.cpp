@@ -26,10 +26,11 @@ TEST(CommandLine, EmptyMeansAStartWithNothingSet) {
 TEST(CommandLine, EverySwitchHasItsSpellings) {
   struct Row {
     std::vector<std::string_view> spellings;
-    bool CommandLine::* set;
+    bool CommandLine::*set;
   };
   const Row rows[] = {
-      {{"/M", "/MINIMIZE", "-m", "--m", "-minimize", "--minimize", "/Minimize", " /m "}, &CommandLine::minimized},
+      {{"/M", "/MINIMIZE", "-m", "--m", "-minimize", "--minimize", "/Minimize", " /m "},
+       &CommandLine::minimized},
       {{"/HI", "/HIDE", "-hi", "--hi", "-hide", "--hide", "/hide"}, &CommandLine::hidden},
       {{"/X", "/EXIT", "-x", "--x", "-exit", "--exit", "/Exit"}, &CommandLine::exit_request},
   };
@@ -147,12 +148,18 @@ TEST(CommandLine, AnythingElseIsAnInvalidSwitch) {
     std::string_view message;
   };
   const Row rows[] = {
-      {"/Q", "Invalid switch \"/Q\"."},         {" /q ", "Invalid switch \"/q\"."},
-      {"P", "Invalid switch \"P\"."},           {"/", "Invalid switch \"/\"."},
-      {"-", "Invalid switch \"-\"."},           {"--", "Invalid switch \"--\"."},
-      {"---port", "Invalid switch \"---port\"."}, {"/-p", "Invalid switch \"/-p\"."},
-      {"-/p", "Invalid switch \"-/p\"."},       {"/P2525", "Invalid switch \"/P2525\"."},
-      {"--port=25", "Invalid switch \"--port=25\"."}, {"\"/M\"", "Invalid switch \"\"/M\"\"."},
+      {"/Q", "Invalid switch \"/Q\"."},
+      {" /q ", "Invalid switch \"/q\"."},
+      {"P", "Invalid switch \"P\"."},
+      {"/", "Invalid switch \"/\"."},
+      {"-", "Invalid switch \"-\"."},
+      {"--", "Invalid switch \"--\"."},
+      {"---port", "Invalid switch \"---port\"."},
+      {"/-p", "Invalid switch \"/-p\"."},
+      {"-/p", "Invalid switch \"-/p\"."},
+      {"/P2525", "Invalid switch \"/P2525\"."},
+      {"--port=25", "Invalid switch \"--port=25\"."},
+      {"\"/M\"", "Invalid switch \"\"/M\"\"."},
   };
   for (const Row& row : rows) {
     const CommandLine line = Parse({row.argument});

@@ -1,0 +1,255 @@
+// One process, one job: wait for a key, a frame or a new size, and draw. It may stand still in a write as
+// long as the terminal does; nothing but the picture depends on it.
+#define NCURSES_NOMACROS 1
+#define NCURSES_WIDECHAR 1
+
+#include "platform/linux/terminal_painter.h"
+
+#include <curses.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <utility>
+
+#include "platform/linux/terminal_wire.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr int kSocket = 3;
+constexpr int kStatusLines = 1;
+constexpr int kHeaderLines = 1;
+constexpr int kCtrlC = 3;
+constexpr int kEscapeDelayMilliseconds = 25;
+
+class Painter {
+ public:
+  explicit Painter(bool folded) { report_.folded = folded ? 1 : 0; }
+
+  void Run() {
+    Measure();
+    Draw();
+    Report();
+    while (Wait()) {
+    }
+  }
+
+  // Tells the program that the terminal is its own again.
+  void ReportRestored() {
+    report_.restored = 1;
+    Report();
+  }
+
+ private:
+  // Handles what comes next; returns whether to go on.
+  bool Wait() {
+    // A new size interrupts the wait, and only that: so none is missed between two waits.
+    sigset_t nothing_blocked;
+    sigemptyset(&nothing_blocked);
+    pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {kSocket, POLLIN, 0}};
+    const int ready = ppoll(watched, 2, nullptr, &nothing_blocked);
+    if (ready < 0) return errno == EINTR && TakeKeys();
+    if (watched[1].revents != 0 && !TakeFrames()) return false;
+    if ((watched[0].revents & POLLIN) != 0) return TakeKeys() && TerminalIsOurs();
+    return watched[0].revents == 0;
+  }
+
+  // After a key could be read: false when the terminal has hung up, or when the program has been moved to the
+  // background, where nothing can be read.
+  bool TerminalIsOurs() {
+    int unread = 0;
+    const bool hung_up = !any_key_ && ioctl(STDIN_FILENO, FIONREAD, &unread) == 0 && unread == 0;
+    return !hung_up && tcgetpgrp(STDIN_FILENO) == getpgrp();
+  }
+
+  bool TakeFrames() {
+    char bytes[16 * 1024];
+    const ssize_t count = recv(kSocket, bytes, sizeof bytes, MSG_DONTWAIT);
+    if (count == 0) return false;
+    if (count < 0) return errno == EAGAIN || errno == EINTR;
+    frames_.Append({bytes, static_cast<std::size_t>(count)});
+    if (std::optional<ViewFrame> frame = frames_.TakeLatest()) {
+      frame_ = std::move(*frame);
+      report_.frames_drawn = frames_.Taken();
+      MoveTo(report_.top);
+      Draw();
+      return Report();
+    }
+    return true;
+  }
+
+  bool TakeKeys() {
+    any_key_ = false;
+    bool changed = false;
+    for (int key = getch(); key != ERR; key = getch()) {
+      any_key_ = any_key_ || key != KEY_RESIZE;
+      changed = TakeKey(key) || changed;
+    }
+    if (!changed) return true;
+    Draw();
+    return Report();
+  }
+
+  // Returns whether the state has changed.
+  bool TakeKey(int key) {
+    const auto page = static_cast<std::int64_t>(std::max<std::uint32_t>(report_.visible_rows, 1));
+    const auto top = static_cast<std::int64_t>(report_.top);
+    switch (key) {
+      case KEY_UP:
+        return MoveTo(top - 1);
+      case KEY_DOWN:
+        return MoveTo(top + 1);
+      case KEY_PPAGE:
+        return MoveTo(top - page);
+      case KEY_NPAGE:
+        return MoveTo(top + page);
+      case KEY_HOME:
+        return MoveTo(0);
+      case KEY_END:
+        return MoveTo(frame_.total_rows);
+      case KEY_RESIZE:
+        clearok(curscr, TRUE);
+        Measure();
+        return true;
+      case 'm':
+        report_.folded = 1 - report_.folded;
+        Measure();
+        return true;
+      case 'q':
+      case kCtrlC:
+        report_.closed = 1;
+        return true;
+      default:
+        return false;
+    }
+  }
+
+  // Scrolls as far towards `top` as there are rows.
+  bool MoveTo(std::int64_t top) {
+    const std::int64_t last =
+        std::max<std::int64_t>(std::int64_t{frame_.total_rows} - report_.visible_rows, 0);
+    const auto reached = static_cast<std::uint32_t>(std::clamp<std::int64_t>(top, 0, last));
+    return std::exchange(report_.top, reached) != reached;
+  }
+
+  void Measure() {
+    report_.columns = static_cast<std::uint32_t>(std::max(getmaxx(stdscr), 1));
+    const int rows = report_.folded != 0 ? 0 : getmaxy(stdscr) - kStatusLines - kHeaderLines;
+    report_.visible_rows = static_cast<std::uint32_t>(std::max(rows, 0));
+  }
+
+  void Draw() {
+    erase();
+    DrawStatus();
+    if (report_.folded == 0) {
+      attr_on(A_BOLD, nullptr);
+      DrawText(kStatusLines, 0, PrintableText(frame_.header, report_.columns));
+      attr_off(A_BOLD, nullptr);
+      int line = kStatusLines + kHeaderLines;
+      for (const std::string& row : frame_.rows) {
+        if (line >= getmaxy(stdscr)) break;
+        DrawText(line++, 0, PrintableText(row, report_.columns));
+      }
+    }
+    refresh();
+  }
+
+  void DrawStatus() {
+    attr_on(A_REVERSE, nullptr);
+    mvhline(0, 0, ' ', static_cast<int>(report_.columns));
+    const std::wstring status = PrintableText(frame_.status, report_.columns);
+    DrawText(0, 0, status);
+    const std::wstring version = PrintableText(frame_.version, report_.columns);
+    // On a narrow terminal the status says more than the version.
+    if (ColumnsOf(status) + 1 + ColumnsOf(version) <= report_.columns) {
+      DrawText(0, static_cast<int>(report_.columns - ColumnsOf(version)), version);
+    }
+    attr_off(A_REVERSE, nullptr);
+  }
+
+  static void DrawText(int line, int column, const std::wstring& text) {
+    mvaddnwstr(line, column, text.data(), static_cast<int>(text.size()));
+  }
+
+  bool Report() const {
+    return send(kSocket, &report_, sizeof report_, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof report_);
+  }
+
+  PainterReport report_;
+  FrameReader frames_;
+  ViewFrame frame_;
+  bool any_key_ = false;
+};
+
+// The signals that end or stop a program reach this one too, since it shares the terminal with its parent. It
+// leaves them to the parent and ends with it: so the terminal is restored in every case.
+void SetSignals() {
+  struct sigaction action {};
+  action.sa_handler = SIG_IGN;
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGTTIN, SIGTTOU, SIGPIPE}) {
+    sigaction(number, &action, nullptr);
+  }
+  action.sa_handler = SIG_DFL;
+  sigaction(SIGWINCH, &action, nullptr);  // ncurses takes it over
+  sigset_t blocked;
+  sigemptyset(&blocked);
+  sigaddset(&blocked, SIGWINCH);
+  sigprocmask(SIG_SETMASK, &blocked, nullptr);
+}
+
+// Leaves the terminal as standard input and output, and the socket.
+bool SetDescriptors(int socket) {
+  const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
+  const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (terminal < 0 || nowhere < 0) return false;
+  // Above those that they are copied to, so that no copy overwrites another one's source.
+  const int terminal_copy = fcntl(terminal, F_DUPFD, kSocket + 1);
+  const int nowhere_copy = fcntl(nowhere, F_DUPFD, kSocket + 1);
+  const int socket_copy = fcntl(socket, F_DUPFD, kSocket + 1);
+  return terminal_copy >= 0 && nowhere_copy >= 0 && socket_copy >= 0 &&
+         dup2(terminal_copy, STDIN_FILENO) >= 0 && dup2(terminal_copy, STDOUT_FILENO) >= 0 &&
+         dup2(nowhere_copy, STDERR_FILENO) >= 0 && dup2(socket_copy, kSocket) >= 0 &&
+         close_range(kSocket + 1, ~0U, 0) == 0;
+}
+
+bool BeginDrawing() {
+  // The terminal is taken to be a UTF-8 one, whatever the locale of the environment says.
+  if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) std::setlocale(LC_CTYPE, "");
+  if (newterm(nullptr, stdout, stdin) == nullptr) return false;
+  raw();  // Ctrl-C and Ctrl-Z are keys
+  noecho();
+  nonl();
+  nodelay(stdscr, TRUE);
+  keypad(stdscr, TRUE);
+  leaveok(stdscr, TRUE);
+  set_escdelay(kEscapeDelayMilliseconds);
+  curs_set(0);
+  return true;
+}
+
+}  // namespace
+
+void RunTerminalPainter(int socket, bool folded) {
+  SetSignals();
+  prctl(PR_SET_NAME, "Trabex-view");
+  if (!SetDescriptors(socket) || !BeginDrawing()) _exit(1);
+  Painter painter(folded);
+  painter.Run();
+  // In the background the terminal belongs to somebody else, who has set it up as they need it.
+  if (tcgetpgrp(STDIN_FILENO) == getpgrp()) endwin();
+  painter.ReportRestored();
+  _exit(0);
+}
+
+}  // namespace trabex

@@ -1,0 +1,265 @@
+// The program's side of the view: it hands frames to the process that draws and hears from it. See
+// terminal_wire.h for how the two talk.
+#include "platform/terminal_view.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <optional>
+#include <utility>
+
+#include "base/error.h"
+#include "platform/foreign_watch.h"
+#include "platform/linux/terminal_painter.h"
+#include "platform/linux/terminal_state.h"
+#include "platform/linux/terminal_wire.h"
+
+namespace trabex {
+
+namespace {
+
+// How long the end of a view waits for a terminal to take the last picture.
+constexpr std::chrono::milliseconds kEndLimit{500};
+// A character takes no more bytes than this in UTF-8.
+constexpr std::size_t kMaxBytesPerColumn = 4;
+
+[[noreturn]] void Fail() {
+  throw Error(error_number::kDeviceIo, "TerminalView.OpenTerminalView", "Device I/O error");
+}
+
+// Signals of the terminal that would stop the program, ignored for a while. SIGCHLD gets its usual meaning:
+// where it was ignored, the number of an ended painter could be given out again unnoticed.
+class SignalGuard {
+ public:
+  SignalGuard() {
+    for (Saved& saved : saved_) {
+      struct sigaction action {};
+      action.sa_handler = saved.number == SIGCHLD ? SIG_DFL : SIG_IGN;
+      sigaction(saved.number, &action, &saved.before);
+    }
+  }
+  ~SignalGuard() {
+    for (const Saved& saved : saved_) sigaction(saved.number, &saved.before, nullptr);
+  }
+  SignalGuard(const SignalGuard&) = delete;
+  SignalGuard& operator=(const SignalGuard&) = delete;
+
+ private:
+  struct Saved {
+    int number;
+    struct sigaction before {};
+  };
+  std::array<Saved, 4> saved_{{{SIGTSTP}, {SIGTTIN}, {SIGTTOU}, {SIGCHLD}}};
+};
+
+// The process that draws, and our end of the socket pair to it.
+class PainterProcess {
+ public:
+  explicit PainterProcess(bool folded) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) Fail();
+    // The child must not run our handlers before it has its own.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &before);
+    process_ = fork();
+    if (process_ == 0) RunTerminalPainter(pair[1], folded);
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    close(pair[1]);
+    socket_ = pair[0];
+    if (process_ < 0) {
+      close(socket_);
+      Fail();
+    }
+  }
+  ~PainterProcess() {
+    close(socket_);
+    kill(process_, SIGKILL);
+    while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  PainterProcess(const PainterProcess&) = delete;
+  PainterProcess& operator=(const PainterProcess&) = delete;
+
+  int Socket() const { return socket_; }
+
+  // Reads what the painter has said so far into `report`, which stays as it was when that is nothing new.
+  // Returns whether more may come.
+  bool Read(PainterReport& report) {
+    for (;;) {
+      char* const room = reinterpret_cast<char*>(&partial_) + partial_bytes_;
+      const ssize_t count = recv(socket_, room, sizeof partial_ - partial_bytes_, MSG_DONTWAIT);
+      if (count == 0) return false;
+      if (count < 0 && errno == EINTR) continue;
+      if (count < 0) return errno == EAGAIN;
+      partial_bytes_ += static_cast<std::size_t>(count);
+      if (partial_bytes_ < sizeof partial_) continue;
+      report = partial_;
+      partial_bytes_ = 0;
+    }
+  }
+
+  // Asks the painter to end and waits `limit` at most until it has restored the terminal.
+  void End(PainterReport& report, std::chrono::milliseconds limit) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    shutdown(socket_, SHUT_WR);
+    while (Read(report) && report.restored == 0) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return;
+      pollfd watched{socket_, POLLIN, 0};
+      poll(&watched, 1, static_cast<int>(left.count()));
+    }
+  }
+
+ private:
+  pid_t process_ = -1;
+  int socket_ = -1;
+  PainterReport partial_;
+  std::size_t partial_bytes_ = 0;
+};
+
+class LinuxTerminalView final : public TerminalView {
+ public:
+  LinuxTerminalView(EventLoop& loop, const ViewContent& content, bool folded, TerminalViewEvents events)
+      : content_(content), events_(std::move(events)), painter_(std::in_place, folded) {
+    report_.folded = folded ? 1 : 0;
+    watch_.emplace(loop, painter_->Socket(), [this](ForeignReadiness) { OnReady(); });
+    watch_->SetInterest({.readable = true, .writable = false});
+  }
+  ~LinuxTerminalView() override { EndPainter(kEndLimit); }
+  LinuxTerminalView(const LinuxTerminalView&) = delete;
+  LinuxTerminalView& operator=(const LinuxTerminalView&) = delete;
+
+  void Refresh() override {
+    stale_ = true;
+    SendFrame();
+  }
+
+ private:
+  struct Place {
+    std::uint32_t columns = 0;
+    std::uint32_t visible_rows = 0;
+    std::uint32_t top = 0;
+    friend bool operator==(const Place&, const Place&) = default;
+  };
+
+  static Place PlaceOf(const PainterReport& report) {
+    return {report.columns, report.visible_rows, report.top};
+  }
+
+  void OnReady() {
+    const PainterReport before = report_;
+    const bool alive = painter_->Read(report_);
+    if (alive) {
+      stale_ = stale_ || PlaceOf(report_) != shown_;
+      SendPending();
+      SendFrame();
+    } else {
+      EndPainter(std::chrono::milliseconds(0));
+    }
+    TellEvents(before, alive);
+  }
+
+  // The handlers may destroy this object, so they are the last that is done here, and only copies are used.
+  void TellEvents(const PainterReport& before, bool alive) {
+    const TerminalViewEvents events = events_;
+    const PainterReport now = report_;
+    const std::weak_ptr<char> still_here = here_;
+    if (now.folded != before.folded && events.folded) events.folded(now.folded != 0);
+    if (now.closed != before.closed && events.closed && !still_here.expired()) events.closed();
+    if (!alive && events.lost && !still_here.expired()) events.lost();
+  }
+
+  void SendFrame() {
+    if (!stale_ || !painter_ || report_.columns == 0 || report_.frames_drawn != frames_sent_) return;
+    AppendFrame(MakeFrame(), pending_);
+    ++frames_sent_;
+    stale_ = false;
+    SendPending();
+  }
+
+  ViewFrame MakeFrame() {
+    ViewFrame frame;
+    const std::size_t total = content_.RowCount();
+    const std::size_t visible = std::min<std::size_t>(report_.visible_rows, total);
+    const std::size_t top = std::min<std::size_t>(report_.top, total - visible);
+    frame.total_rows = static_cast<std::uint32_t>(total);
+    frame.top = static_cast<std::uint32_t>(top);
+    frame.status = Cut(content_.Status());
+    frame.version = Cut(content_.Version());
+    if (report_.folded == 0) {
+      frame.header = Cut(content_.Header());
+      frame.rows.reserve(visible);
+      for (std::size_t i = 0; i < visible; ++i) frame.rows.push_back(Cut(content_.RowText(top + i)));
+    }
+    shown_ = {report_.columns, report_.visible_rows, frame.top};
+    return frame;
+  }
+
+  std::string Cut(std::string text) const {
+    text.resize(std::min<std::size_t>(text.size(), report_.columns * kMaxBytesPerColumn));
+    return text;
+  }
+
+  void SendPending() {
+    while (!pending_.empty()) {
+      const ssize_t sent =
+          send(painter_->Socket(), pending_.data(), pending_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent < 0) break;  // no room now, or the painter has gone: the socket tells which
+      pending_.erase(0, static_cast<std::size_t>(sent));
+    }
+    watch_->SetInterest({.readable = true, .writable = !pending_.empty()});
+  }
+
+  void EndPainter(std::chrono::milliseconds limit) {
+    if (!painter_) return;
+    watch_.reset();
+    painter_->End(report_, limit);
+    painter_.reset();
+    if (report_.restored == 0) terminal_.Restore();
+  }
+
+  const ViewContent& content_;
+  TerminalViewEvents events_;
+  SignalGuard signals_;
+  TerminalState terminal_;
+  std::optional<PainterProcess> painter_;  // nothing once it has ended
+  std::optional<ForeignWatch> watch_;
+  PainterReport report_;
+  Place shown_;  // as the last frame has it
+  std::uint32_t frames_sent_ = 0;
+  bool stale_ = true;  // something has changed since the last frame was made
+  std::string pending_;
+  std::shared_ptr<char> here_ = std::make_shared<char>();
+};
+
+}  // namespace
+
+bool StandardOutputIsTerminal() {
+  return isatty(STDOUT_FILENO) != 0;
+}
+
+std::string WhyNoTerminalView() {
+  if (!StandardOutputIsTerminal()) return "Standard output is no terminal.";
+  const pid_t foreground = tcgetpgrp(STDOUT_FILENO);
+  if (foreground < 0) return "The terminal is not the one that controls the program.";
+  if (foreground != getpgrp()) return "The program runs in the background.";
+  return WhyTerminalTypeUnusable();
+}
+
+std::unique_ptr<TerminalView> OpenTerminalView(EventLoop& loop, const ViewContent& content, bool folded,
+                                               TerminalViewEvents events) {
+  return std::make_unique<LinuxTerminalView>(loop, content, folded, std::move(events));
+}
+
+}  // namespace trabex
