@@ -19,8 +19,10 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <utility>
 
+#include "platform/linux/terminal_state.h"
 #include "platform/linux/terminal_wire.h"
 
 namespace trabex {
@@ -67,7 +69,7 @@ class Painter {
 
   // After a key could be read: false when the terminal has hung up, or when the program has been moved to the
   // background, where nothing can be read.
-  bool TerminalIsOurs() {
+  bool TerminalIsOurs() const {
     int unread = 0;
     const bool hung_up = !any_key_ && ioctl(STDIN_FILENO, FIONREAD, &unread) == 0 && unread == 0;
     return !hung_up && tcgetpgrp(STDIN_FILENO) == getpgrp();
@@ -240,16 +242,25 @@ bool BeginDrawing() {
 
 }  // namespace
 
-void RunTerminalPainter(int socket, bool folded) {
+void RunTerminalPainter(int socket, bool folded) try {
   SetSignals();
   prctl(PR_SET_NAME, "Trabex-view");
-  if (!SetDescriptors(socket) || !BeginDrawing()) _exit(1);
+  if (!SetDescriptors(socket)) _exit(1);
+  TerminalState terminal;
+  if (!BeginDrawing()) _exit(1);
+  terminal.NoteDrawing();
   Painter painter(folded);
   painter.Run();
-  // In the background the terminal belongs to somebody else, who has set it up as they need it.
-  if (tcgetpgrp(STDIN_FILENO) == getpgrp()) endwin();
+  if (terminal.IsDrawing()) {
+    endwin();
+  } else {
+    terminal.Restore();
+  }
   painter.ReportRestored();
   _exit(0);
+} catch (const std::exception&) {
+  // Nothing of the program must run on in this process.
+  _exit(1);
 }
 
 }  // namespace trabex

@@ -7,7 +7,9 @@
 #include <term.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 #include "base/error.h"
 
@@ -43,6 +45,11 @@ class TerminalType {
   bool known_ = false;
 };
 
+bool SameModes(const termios& a, const termios& b) {
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag && std::equal(std::begin(a.c_cc), std::end(a.c_cc), std::begin(b.c_cc));
+}
+
 }  // namespace
 
 std::string WhyTerminalTypeUnusable() {
@@ -69,9 +76,20 @@ TerminalState::~TerminalState() {
   close(terminal_);
 }
 
+void TerminalState::NoteDrawing() {
+  termios modes{};
+  if (tcgetattr(terminal_, &modes) == 0) drawing_modes_ = modes;
+}
+
+bool TerminalState::IsDrawing() const {
+  // Whoever died before it could say in which modes it draws has hardly changed them.
+  if (!drawing_modes_) return tcgetpgrp(terminal_) == getpgrp();
+  termios now{};
+  return tcgetattr(terminal_, &now) == 0 && SameModes(now, *drawing_modes_);
+}
+
 void TerminalState::Restore() const {
-  if (tcgetpgrp(terminal_) != getpgrp()) return;
-  tcsetattr(terminal_, TCSANOW, &modes_);
+  if (IsDrawing()) tcsetattr(terminal_, TCSANOW, &modes_);
   // What the terminal does not take at once it would not take later either.
   [[maybe_unused]] const ssize_t written = write(terminal_, leave_.data(), leave_.size());
 }

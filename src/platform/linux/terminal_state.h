@@ -3,6 +3,7 @@
 
 #include <termios.h>
 
+#include <optional>
 #include <string>
 
 namespace trabex {
@@ -10,8 +11,7 @@ namespace trabex {
 // Empty when the kind of terminal that TERM names can show a view; otherwise what is wrong with it.
 std::string WhyTerminalTypeUnusable();
 
-// Puts the controlling terminal back when the process that drew on it can no longer do so itself. Never waits
-// for the terminal.
+// Puts the controlling terminal back. Never waits for the terminal.
 class TerminalState {
  public:
   // Notes the state as it is now. Raises 57 "Device I/O error" when there is no controlling terminal.
@@ -20,12 +20,18 @@ class TerminalState {
   TerminalState(const TerminalState&) = delete;
   TerminalState& operator=(const TerminalState&) = delete;
 
-  // Does nothing while the program is in the background: the terminal is somebody else's then.
+  // Notes the modes in which the view draws.
+  void NoteDrawing();
+  // Whether the modes are still those. Others are somebody else's: of a shell that has taken the terminal
+  // back.
+  bool IsDrawing() const;
+  // Leaves the full screen and puts back the modes, unless they are somebody else's.
   void Restore() const;
 
  private:
   int terminal_ = -1;
   termios modes_{};
+  std::optional<termios> drawing_modes_;
   std::string leave_;  // the terminal's commands for: normal screen, cursor and attributes
 };
 

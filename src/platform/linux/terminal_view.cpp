@@ -160,6 +160,7 @@ class LinuxTerminalView final : public TerminalView {
     const PainterReport before = report_;
     const bool alive = painter_->Read(report_);
     if (alive) {
+      if (before.columns == 0) terminal_.NoteDrawing();
       stale_ = stale_ || PlaceOf(report_) != shown_;
       SendPending();
       SendFrame();
