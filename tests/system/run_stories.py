@@ -1,0 +1,67 @@
+#!/usr/bin/env python3
+"""Runs the stories of this folder, several at a time; the last line counts their cases.
+
+    ./run_stories.py                         all of them with build/release
+    ./run_stories.py --build build/asan test_relay.py
+"""
+
+import argparse
+import os
+import re
+import subprocess
+import sys
+import time
+from concurrent.futures import ThreadPoolExecutor, as_completed
+from pathlib import Path
+
+from trabex_system import add_options
+
+FOLDER = Path(__file__).resolve().parent
+STORY_SECONDS = 300
+
+
+def run_story(story, arguments):
+    """Runs one story; returns (passed, failed, skipped), its output and its time."""
+    begun = time.monotonic()
+    command = [sys.executable, str(FOLDER / story), "--build", str(arguments.build), "--through", arguments.through,
+               "--patience", str(arguments.patience), *(["--keep"] if arguments.keep else [])]
+    child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                             text=True, errors="replace")
+    try:
+        said, _ = child.communicate(timeout=STORY_SECONDS * arguments.patience)
+    except subprocess.TimeoutExpired:
+        # So it can put away what it has started.
+        child.terminate()
+        said, _ = child.communicate()
+        said += "  the story did not end in time\n"
+    last = re.search(r"^(\d+) passed, (\d+) failed, (\d+) skipped\n\Z", said, re.MULTILINE)
+    count = list(map(int, last.groups())) if last else [0, 1, 0]
+    if child.returncode != 0 and count[1] == 0:
+        count[1] = 1
+    return count, said, time.monotonic() - begun
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("stories", nargs="*", help="names of scripts; all when none is given")
+    parser.add_argument("-j", "--jobs", type=int, default=2 * len(os.sched_getaffinity(0)), help="stories at a time")
+    add_options(parser)
+    arguments = parser.parse_args()
+    stories = arguments.stories or sorted(path.name for path in FOLDER.glob("test_*.py"))
+    total = [0, 0, 0]
+    with ThreadPoolExecutor(arguments.jobs) as pool:
+        running = {pool.submit(run_story, story, arguments): story for story in stories}
+        for done in as_completed(running):
+            count, said, seconds = done.result()
+            total = [a + b for a, b in zip(total, count)]
+            print(f"{'FAILED' if count[1] else 'passed'} {seconds:6.1f} s  {running[done]}: "
+                  f"{count[0]} passed, {count[1]} failed, {count[2]} skipped")
+            if count[1]:
+                print(said)
+            sys.stdout.flush()
+    print(f"{total[0]} passed, {total[1]} failed, {total[2]} skipped")
+    sys.exit(1 if total[1] else 0)
+
+
+if __name__ == "__main__":
+    main()
