@@ -1,0 +1,155 @@
+// The instance lock is a datagram socket bound in the abstract namespace: the name is free again the moment
+// the process is gone, and nothing is left in a file system. A message on it is the exit request.
+#include "platform/instance_lock.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstring>
+#include <string>
+
+#include "base/error.h"
+#include "platform/foreign_watch.h"
+#include "platform/linux/descriptor.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::string_view kExitMessage = "exit";
+
+// After a message the lock does not listen for this long, so that somebody who floods it costs next to
+// nothing: the system keeps a handful of messages and holds up their sender.
+constexpr Milliseconds kPause{100};
+constexpr int kMessagesInOneGo = 32;
+// How long an exit request waits for its place among others.
+constexpr timeval kMostWaitForPlace{1, 0};
+
+struct AbstractAddress {
+  sockaddr_un address{};
+  socklen_t length = 0;
+};
+
+AbstractAddress AddressOf(std::string_view name) {
+  AbstractAddress result;
+  result.address.sun_family = AF_UNIX;
+  // The NUL before the name is what makes it an abstract one.
+  const std::size_t length = std::min(name.size(), sizeof result.address.sun_path - 1);
+  std::copy_n(name.data(), length, result.address.sun_path + 1);
+  result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length);
+  return result;
+}
+
+[[noreturn]] void RaiseDeviceError() {
+  throw Error(error_number::kDeviceIo, "mInstanceLock.TryLockInstance", "Device I/O error");
+}
+
+// What one message says. Its sender's identity comes from the system; nobody can forge it but root.
+struct Message {
+  std::string text;
+  bool from_us_or_root = false;
+};
+
+void ReadSender(msghdr& header, Message& message) {
+  for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
+    if (part->cmsg_level != SOL_SOCKET || part->cmsg_type != SCM_CREDENTIALS) continue;
+    if (part->cmsg_len < CMSG_LEN(sizeof(ucred))) continue;
+    ucred sender{};
+    std::memcpy(&sender, CMSG_DATA(part), sizeof sender);
+    message.from_us_or_root = sender.uid == 0 || sender.uid == geteuid();
+  }
+}
+
+// False when nothing waits.
+bool ReceiveMessage(int socket, Message& message) {
+  std::array<char, 16> text;
+  iovec room{text.data(), text.size()};
+  // Exactly the room of the credentials: file descriptors that somebody attaches find none and are closed by
+  // the system.
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control;
+  msghdr header{};
+  header.msg_iov = &room;
+  header.msg_iovlen = 1;
+  header.msg_control = control.data();
+  header.msg_controllen = control.size();
+  const ssize_t length = recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
+  if (length < 0) return false;
+  // A longer message is cut, which makes it no exit request either.
+  if ((header.msg_flags & MSG_TRUNC) == 0) message.text.assign(text.data(), static_cast<std::size_t>(length));
+  ReadSender(header, message);
+  return true;
+}
+
+class SocketInstanceLock final : public InstanceLock {
+ public:
+  SocketInstanceLock(EventLoop& loop, Descriptor socket, std::function<void()> exit_requested)
+      : exit_requested_(std::move(exit_requested)),
+        socket_(std::move(socket)),
+        watch_(loop, socket_.Get(), [this](ForeignReadiness) { OnReady(); }),
+        pause_(loop, kPause, [this] { GoOn(); }) {
+    watch_.SetInterest({.readable = true});
+  }
+
+ private:
+  void OnReady() {
+    bool asked = false;
+    for (int i = 0; i < kMessagesInOneGo; ++i) {
+      Message message;
+      if (!ReceiveMessage(socket_.Get(), message)) break;
+      if (message.from_us_or_root && message.text == kExitMessage) asked = true;
+    }
+    watch_.SetInterest({});
+    pause_.Enable();
+    if (!asked) return;
+    const auto exit_requested = exit_requested_;  // this object may go in the call
+    exit_requested();
+  }
+
+  void GoOn() {
+    try {
+      watch_.SetInterest({.readable = true});
+      pause_.Disable();
+    } catch (const Error&) {
+      // Short of memory: the timer tries again.
+    }
+  }
+
+  std::function<void()> exit_requested_;
+  Descriptor socket_;
+  ForeignWatch watch_;
+  Timer pause_;
+};
+
+}  // namespace
+
+std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
+                                              std::function<void()> exit_requested) {
+  Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  if (!socket) RaiseDeviceError();
+  const int yes = 1;
+  if (setsockopt(socket.Get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes) != 0) RaiseDeviceError();
+  const AbstractAddress bound = AddressOf(name);
+  if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&bound.address), bound.length) != 0) {
+    if (errno == EADDRINUSE) return nullptr;
+    RaiseDeviceError();
+  }
+  return std::make_unique<SocketInstanceLock>(loop, std::move(socket), std::move(exit_requested));
+}
+
+bool RequestExit(std::string_view name) {
+  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket) return false;
+  setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kMostWaitForPlace, sizeof kMostWaitForPlace);
+  const AbstractAddress instance = AddressOf(name);
+  const ssize_t sent = sendto(socket.Get(), kExitMessage.data(), kExitMessage.size(), MSG_NOSIGNAL,
+                              reinterpret_cast<const sockaddr*>(&instance.address), instance.length);
+  return sent == static_cast<ssize_t>(kExitMessage.size());
+}
+
+}  // namespace trabex
