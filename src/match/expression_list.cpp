@@ -249,13 +249,16 @@ void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
 
 void ExpressionList::Impl::Compile() {
   if (compiled_ == Count()) return;
+  const bool is_first_time = compiled_ == 0;
+  for (; compiled_ < Count(); ++compiled_) CompileRecord(static_cast<std::uint32_t>(compiled_));
   // The list of a configuration is complete by now. Later growth is left its room, or a list that grows and
   // is matched by turns would be copied at each turn.
-  if (compiled_ == 0) {
-    texts_.shrink_to_fit();
-    records_.shrink_to_fit();
-  }
-  for (; compiled_ < Count(); ++compiled_) CompileRecord(static_cast<std::uint32_t>(compiled_));
+  if (!is_first_time) return;
+  texts_.shrink_to_fit();
+  records_.shrink_to_fit();
+  trials_.shrink_to_fit();
+  programs_.shrink_to_fit();
+  codes_.Shrink();
 }
 
 // The first of the entries that are found by hash and match, or kNone.

@@ -1,5 +1,9 @@
 #include "match/pattern.h"
 
+#include <algorithm>
+#include <limits>
+
+#include "base/error.h"
 #include "base/text.h"
 
 namespace trabex::pattern {
@@ -83,7 +87,7 @@ bool Run(std::string_view text, const Codes& codes, std::size_t position, std::s
         position = codes.Next(code, position);
         if (position == end) return true;
         resume_position = position;
-        resume_at = at;
+        at = resume_at = codes.Seek(position, text, at);
         continue;
       }
       if (codes.IsEmpty(code)) {
@@ -101,7 +105,7 @@ bool Run(std::string_view text, const Codes& codes, std::size_t position, std::s
       return true;
     }
     if (resume_position == kNone) return false;
-    at = ++resume_at;
+    at = resume_at = codes.Seek(resume_position, text, resume_at + 1);
     position = resume_position;
   }
 }
@@ -113,6 +117,8 @@ struct WrittenCodes {
 
   Element Read(std::size_t position) const { return ReadElement(pattern, position); }
   static std::size_t Next(const Element& element, std::size_t /*position*/) { return element.next; }
+  // Where from `at` on a run may end at the soonest.
+  static std::size_t Seek(std::size_t /*position*/, std::string_view /*text*/, std::size_t at) { return at; }
   static bool IsRun(const Element& element) { return element.kind == Element::Kind::kRun; }
   static bool IsEmpty(const Element& element) { return element.kind == Element::Kind::kEmpty; }
   bool Takes(const Element& element, char c) const {
@@ -133,11 +139,15 @@ struct WrittenCodes {
   }
 };
 
-// Codes of parsed patterns; those below are bytes, those from kFirstList on are lists.
-constexpr std::uint32_t kAnyCode = 256;
-constexpr std::uint32_t kDigitCode = 257;
-constexpr std::uint32_t kRunCode = 258;
-constexpr std::uint32_t kFirstList = 259;
+// Codes of parsed patterns as they are read: a byte, a wildcard by its own character above the bytes, or a
+// list. They are stored in one byte each, a list in five. No byte is taken for a wildcard then, since a
+// pattern can have a plain "?", "*", "#" or "[" inside brackets only.
+constexpr std::uint32_t kWildcard = 256;
+constexpr std::uint32_t kAnyCode = kWildcard + '?';
+constexpr std::uint32_t kDigitCode = kWildcard + '#';
+constexpr std::uint32_t kRunCode = kWildcard + '*';
+constexpr std::uint32_t kFirstList = 2 * kWildcard;
+constexpr std::size_t kStoredListSize = 5;
 
 }  // namespace
 
@@ -164,12 +174,36 @@ Kind Classify(std::string_view pattern) {
 struct CodeStore::Codes {
   const CodeStore& store;
 
-  std::uint32_t Read(std::size_t position) const { return store.codes_[position]; }
-  static std::size_t Next(std::uint32_t /*code*/, std::size_t position) { return position + 1; }
+  std::uint32_t Read(std::size_t position) const {
+    const char c = store.codes_[position];
+    switch (c) {
+      case '?':
+        return kAnyCode;
+      case '#':
+        return kDigitCode;
+      case '*':
+        return kRunCode;
+      case '[': {
+        std::uint32_t list = 0;
+        store.codes_.copy(reinterpret_cast<char*>(&list), sizeof list, position + 1);
+        return kFirstList + list;
+      }
+      default:
+        return static_cast<unsigned char>(c);
+    }
+  }
+  static std::size_t Next(std::uint32_t code, std::size_t position) {
+    return position + (code < kFirstList ? 1 : kStoredListSize);
+  }
+  // The place of the byte that follows the run.
+  std::size_t Seek(std::size_t position, std::string_view text, std::size_t at) const {
+    const std::uint32_t code = Read(position);
+    return code < kWildcard ? std::min(text.find(static_cast<char>(code), at), text.size()) : at;
+  }
   static bool IsRun(std::uint32_t code) { return code == kRunCode; }
   static bool IsEmpty(std::uint32_t /*code*/) { return false; }
   bool Takes(std::uint32_t code, char c) const {
-    if (code < kAnyCode) return code == static_cast<unsigned char>(c);
+    if (code < kWildcard) return code == static_cast<unsigned char>(c);
     if (code == kAnyCode) return true;
     if (code == kDigitCode) return IsDigit(c);
     return store.lists_[code - kFirstList][static_cast<unsigned char>(c)];
@@ -177,44 +211,59 @@ struct CodeStore::Codes {
 };
 
 std::uint32_t CodeStore::ListCode(std::string_view list, bool negated) {
-  const auto next = static_cast<std::uint32_t>(kFirstList + lists_.size());
+  const auto next = static_cast<std::uint32_t>(lists_.size());
   const auto [known, is_new] = list_codes_.try_emplace((negated ? "!" : "=") + std::string(list), next);
-  if (!is_new) return known->second;
+  if (!is_new) return kFirstList + known->second;
   std::bitset<256> bytes;
   for (unsigned byte = 0; byte < 256; ++byte) {
     bytes[byte] = ListHolds(list, static_cast<char>(byte), Case::kFolded) != negated;
   }
   lists_.push_back(bytes);
-  return next;
+  return kFirstList + next;
+}
+
+std::uint32_t CodeStore::CodeOf(std::string_view pattern, std::size_t at) {
+  const Element element = ReadElement(pattern, at);
+  switch (element.kind) {
+    case Element::Kind::kByte:
+      return Folded(element.byte, Case::kFolded);
+    case Element::Kind::kList:
+    case Element::Kind::kNotList:
+      return ListCode(element.list, element.kind == Element::Kind::kNotList);
+    default:
+      return kWildcard + static_cast<unsigned char>(pattern[at]);
+  }
+}
+
+void CodeStore::Store(std::uint32_t code) {
+  if (code < kFirstList) {
+    codes_.push_back(static_cast<char>(code % kWildcard));
+    return;
+  }
+  const std::uint32_t list = code - kFirstList;
+  codes_.push_back('[');
+  codes_.append(reinterpret_cast<const char*>(&list), sizeof list);
 }
 
 CodeStore::Program CodeStore::Parse(std::string_view pattern) {
   Program program;
   program.malformed = IsMalformed(pattern, Case::kFolded);
   if (program.malformed) return program;
+  if (codes_.size() + kStoredListSize * pattern.size() > std::numeric_limits<std::uint32_t>::max()) {
+    throw Error(error_number::kOutOfMemory, "mText.ExpressionList", "Out of memory");
+  }
   program.negated = IsNegated(pattern);
   if (program.negated) pattern.remove_prefix(2);
   program.begin = static_cast<std::uint32_t>(codes_.size());
-  for (std::size_t at = 0; at < pattern.size();) {
-    const Element element = ReadElement(pattern, at);
-    at = element.next;
-    if (element.kind == Element::Kind::kEmpty) continue;
-    if (element.kind == Element::Kind::kRun) {
-      // Runs in a row are one.
-      if (codes_.size() == program.begin || codes_.back() != kRunCode) codes_.push_back(kRunCode);
-      program.has_run = true;
-      continue;
-    }
-    ++program.least_size;
-    if (element.kind == Element::Kind::kByte) {
-      codes_.push_back(Folded(element.byte, Case::kFolded));
-    } else if (element.kind == Element::Kind::kAny) {
-      codes_.push_back(kAnyCode);
-    } else if (element.kind == Element::Kind::kDigit) {
-      codes_.push_back(kDigitCode);
-    } else {
-      codes_.push_back(ListCode(element.list, element.kind == Element::Kind::kNotList));
-    }
+  for (std::size_t at = 0; at < pattern.size(); at = ReadElement(pattern, at).next) {
+    if (ReadElement(pattern, at).kind == Element::Kind::kEmpty) continue;
+    const std::uint32_t code = CodeOf(pattern, at);
+    // Runs in a row are one.
+    if (code == kRunCode && program.last == kRunCode) continue;
+    Store(code);
+    program.last = code;
+    program.has_run = program.has_run || code == kRunCode;
+    if (code != kRunCode) ++program.least_size;
   }
   program.end = static_cast<std::uint32_t>(codes_.size());
   return program;
@@ -225,9 +274,8 @@ bool CodeStore::Matches(const Program& program, std::string_view folded_text) co
   const std::size_t size = folded_text.size();
   // Most texts fail by their size or their last byte, so these are looked at first.
   bool possible = program.has_run ? size >= program.least_size : size == program.least_size;
-  if (possible && program.least_size > 0) {
-    const std::uint32_t last = codes_[program.end - 1];
-    possible = last == kRunCode || codes.Takes(last, folded_text.back());
+  if (possible && program.least_size > 0 && program.last != kRunCode) {
+    possible = codes.Takes(program.last, folded_text.back());
   }
   return (possible && Run(folded_text, codes, program.begin, program.end)) != program.negated;
 }

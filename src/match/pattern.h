@@ -51,13 +51,17 @@ class CodeStore {
   struct Program {
     std::uint32_t begin = 0;
     std::uint32_t end = 0;
+    std::uint32_t last = 0;        // the last code
     std::uint32_t least_size = 0;  // bytes that a matching text has at least
     bool has_run = false;          // matching texts may be longer than that
     bool negated = false;
     bool malformed = false;  // cannot be matched
   };
 
+  // Raises 7 "Out of memory" (source "mText.ExpressionList") when the patterns reach 4 GB.
   Program Parse(std::string_view pattern);
+  // Gives back room that was kept for more patterns.
+  void Shrink() { codes_.shrink_to_fit(); }
   // Whether a text, given in lower case, matches `program` (not malformed).
   bool Matches(const Program& program, std::string_view folded_text) const;
 
@@ -65,8 +69,10 @@ class CodeStore {
   struct Codes;
 
   std::uint32_t ListCode(std::string_view list, bool negated);
+  std::uint32_t CodeOf(std::string_view pattern, std::size_t at);
+  void Store(std::uint32_t code);
 
-  std::vector<std::uint32_t> codes_;
+  std::string codes_;
   std::vector<std::bitset<256>> lists_;
   std::unordered_map<std::string, std::uint32_t> list_codes_;  // lists by how they are written
 };

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "match/address_replacement.h"
-#include "unit/match/error_check.h"
+#include "support/expect_error.h"
 
 namespace trabex {
 namespace {

@@ -9,7 +9,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "match/mText.h"
-#include "unit/match/error_check.h"
+#include "support/expect_error.h"
 
 namespace trabex {
 namespace {
@@ -125,6 +125,27 @@ TEST(ExpressionList, KeepsItsEntriesInOrderAndAsWritten) {
   Add(list, "late");
   ASSERT_EQ(list.Entries().size(), 6U) << "entries that come after the first call";
   EXPECT_EQ(list.Entries()[5], (ListEntry{{"late"}, false}));
+}
+
+TEST(ExpressionList, KeepsManyListsOfBytesApart) {
+  ExpressionList list;
+  const auto pair = [](int number) {
+    return std::string{static_cast<char>('a' + number / 20), static_cast<char>('a' + number % 20)};
+  };
+  for (int number = 0; number < 400; ++number) {
+    // The same bytes in as many different lists, before and after a run.
+    const std::string two = pair(number);
+    const std::string name = std::to_string(number);
+    Add(list, name + ":[" + two + "-]*[!" + two + "]" + name);
+  }
+  for (int number = 0; number < 400; ++number) {
+    const std::string two = pair(number);
+    const std::string name = std::to_string(number);
+    EXPECT_TRUE(list.Contains(name + ":" + two[0] + "z" + name)) << number;
+    EXPECT_TRUE(list.Contains(name + ":" + two[1] + two + "z" + name)) << number;
+    EXPECT_FALSE(list.Contains(name + ":" + two[0] + two[1] + name)) << number;
+    EXPECT_FALSE(list.Contains(name + ":zz" + name)) << number;
+  }
 }
 
 TEST(ExpressionList, GrowsAfterItWasMatched) {

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "unit/match/error_check.h"
+#include "support/expect_error.h"
 
 namespace trabex {
 namespace {
