@@ -4,10 +4,11 @@
 // asynchronous selection:
 //   FD_READ     when data is there, and again only after a receive was tried and more is there
 //   FD_WRITE    once after the connection stands, and after a send that would have blocked as soon as one can
-//   go on FD_ACCEPT   when a connection waits, and again after an accept when another one waits FD_CONNECT
-//   once, when a connect that was under way has succeeded or failed (error != 0) FD_CLOSE    once, after
-//   everything that the peer sent has been read; its error (0, or 10054 and the like) is a
-//               hint only
+//               go on
+//   FD_ACCEPT   when a connection waits, and again after an accept when another one waits
+//   FD_CONNECT  once, when a connect that was under way has succeeded or failed (error != 0)
+//   FD_CLOSE    once, after everything that the peer sent has been read; its error (0, or 10054 and the like)
+//               is a hint only
 // No notification is lost and none spins. They are delivered from the loop, never from inside one of these
 // calls.
 //
@@ -98,16 +99,19 @@ class Sockets {
   int BindExclusively(SocketHandle socket, Endpoint local);
   // `backlog` 0 asks for the platform's largest.
   int Listen(SocketHandle socket, int backlog);
-  // The new socket is non-blocking, with TCP_NODELAY.
-  int Accept(SocketHandle listener, SocketHandle& accepted);
+  // The new socket is non-blocking, with TCP_NODELAY. `peer`, when wanted, is the caller's address, known
+  // also when the caller has gone already.
+  int Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer = nullptr);
   // 10035 while it is under way (FD_CONNECT follows); TCP_NODELAY is set. 0 is also followed by FD_CONNECT.
   int Connect(SocketHandle socket, Endpoint remote);
   // Ends our sending side; receiving goes on.
   int ShutDownSending(SocketHandle socket);
 
-  // `sent` is how much of `data` the system took: 1 or more when 0 is returned.
+  // `sent` is how much of `data` (not empty) the system took: 1 or more when 0 is returned. A send that took
+  // less than all counts as one that would have blocked, so that nobody has to try again just to learn it.
   int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent);
-  // `received` 0 with result 0 is the end of the peer's data.
+  // `received` 0 with result 0 is the end of the peer's data (`room` is not empty). 10035 is also the answer
+  // without asking the system when the last receive took everything and nothing has been heard since.
   int Receive(SocketHandle socket, std::span<char> room, std::size_t& received);
   int SendTo(SocketHandle socket, std::span<const char> data, Endpoint to);
   int ReceiveFrom(SocketHandle socket, std::span<char> room, bool peek, std::size_t& received,

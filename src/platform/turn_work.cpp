@@ -1,7 +1,5 @@
 #include "platform/turn_work.h"
 
-#include <cassert>
-
 namespace trabex {
 
 namespace {
@@ -10,14 +8,6 @@ namespace {
 constexpr int kTurnEndRounds = 16;
 
 }  // namespace
-
-void CallHandler(const std::function<void()>& action) noexcept {
-  try {
-    action();
-  } catch (...) {
-    assert(false && "an exception left an event handler");
-  }
-}
 
 bool TimerHeap::Earlier(const TimerEntry& a, const TimerEntry& b) {
   if (a.deadline != b.deadline) return a.deadline < b.deadline;

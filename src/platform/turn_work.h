@@ -2,6 +2,7 @@
 // the timers. The loop of each platform owns one and says when each point is reached.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -17,7 +18,14 @@ namespace trabex {
 
 // Calls `action` where nobody is left to take an exception: one that leaves it is a defect of the handler, so
 // it stops a debug build; otherwise the loop goes on with the next call.
-void CallHandler(const std::function<void()>& action) noexcept;
+template <class Action>
+void CallHandler(const Action& action) noexcept {
+  try {
+    action();
+  } catch (...) {
+    assert(false && "an exception left an event handler");
+  }
+}
 
 // One timer as the heap keeps it. Owned by its Timer, which takes it out of the heap before it goes.
 struct TimerEntry {

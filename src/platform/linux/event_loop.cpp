@@ -91,6 +91,10 @@ bool EventLoop::Impl::Turn(Milliseconds wait) {
   assert(!in_turn && "the loop was run from inside one of its calls");
   if (in_turn) return false;
   in_turn = true;
+  for (EventSource* const source : sources_) {
+    if (source != nullptr) source->BeforeWait();
+  }
+  ++turn;
   const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
   event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
   std::size_t calls = work.CallPosts();

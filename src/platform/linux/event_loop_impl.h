@@ -21,6 +21,8 @@ class EventSource {
   virtual ~EventSource() = default;
   // `events` are epoll's. Returns whether anybody was called (false for a stale event).
   virtual bool OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) = 0;
+  // Called before the loop asks the kernel for events: the place for work that changes what it will say.
+  virtual void BeforeWait() {}
 };
 
 // Where an event goes, packed into the 64 bits that epoll keeps for us.
@@ -91,6 +93,7 @@ struct EventLoop::Impl {
   TurnWork work;
   bool in_turn = false;
   bool quit = false;
+  std::uint32_t turn = 0;  // counts the waits: events and work of one turn come after the same wait
   ForeignTable foreign;
   std::uint8_t foreign_source = 0;
 

@@ -1,0 +1,254 @@
+// What the socket layer promises of Linux itself: flags of descriptors, errno, urgent data, descriptor limit.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <set>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/linux/socket_errno.h"
+#include "platform/sockets.h"
+#include "support/loop_runner.h"
+
+namespace trabex {
+namespace {
+
+constexpr std::uint32_t kLoopback = 0x7F000001;
+
+std::set<int> OpenDescriptors() {
+  std::set<int> result;
+  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) >= 0) result.insert(descriptor);
+  }
+  return result;
+}
+
+class Sink final : public SocketSink {
+ public:
+  void OnSocketEvent(SocketHandle, SocketEvent event, int) override {
+    if (event == SocketEvent::kRead) ++reads;
+    if (event == SocketEvent::kClose) ++closes;
+    if (event == SocketEvent::kWrite) ++writes;
+  }
+  int reads = 0;
+  int closes = 0;
+  int writes = 0;
+};
+
+class LinuxSocketsTest : public testing::Test {
+ protected:
+  // A listener of ours and a client that the test drives by itself.
+  void ConnectRaw() {
+    SocketHandle listener;
+    Endpoint address;
+    ASSERT_EQ(sockets.Open(Transport::kTcp, listener), 0);
+    ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
+    ASSERT_EQ(sockets.Listen(listener, 0), 0);
+    ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
+    raw = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(address.port);
+    to.sin_addr.s_addr = htonl(address.address);
+    setsockopt(raw, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
+    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
+    int result = 0;
+    RunUntil(loop, [&] { return (result = sockets.Accept(listener, ours)) != 10035; });
+    ASSERT_EQ(result, 0);
+  }
+  void TearDown() override {
+    if (raw >= 0) close(raw);
+  }
+
+  SystemClock clock;
+  EventLoop loop{clock};
+  Sockets sockets{loop};
+  Sink sink;
+  SocketHandle ours;
+  int raw = -1;
+  int receive_buffer = 1 << 20;
+};
+
+TEST_F(LinuxSocketsTest, EveryDescriptorIsNonBlockingAndClosedOnExec) {
+  const std::set<int> before = OpenDescriptors();
+  ConnectRaw();
+  SocketHandle client;
+  ASSERT_EQ(sockets.Open(Transport::kTcp, client), 0);
+  sockets.Connect(client, {kLoopback, 1});
+  SocketHandle datagram;
+  ASSERT_EQ(sockets.Open(Transport::kUdp, datagram), 0);
+  EventLoop another(clock);
+  int seen = 0;
+  int without_delay = 0;
+  for (const int descriptor : OpenDescriptors()) {
+    if (before.count(descriptor) != 0 || descriptor == raw) continue;
+    ++seen;
+    EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0) << descriptor;
+    int type = 0;
+    socklen_t size = sizeof type;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) != 0) continue;  // the event queue
+    EXPECT_NE(fcntl(descriptor, F_GETFL) & O_NONBLOCK, 0) << descriptor;
+    if (type != SOCK_STREAM) continue;
+    int on = 0;
+    size = sizeof on;
+    EXPECT_EQ(getsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &on, &size), 0);
+    EXPECT_NE(on, 0) << descriptor;
+    ++without_delay;
+  }
+  EXPECT_EQ(seen, 5);           // listener, accepted, client, datagram, event queue
+  EXPECT_EQ(without_delay, 3);  // listener, accepted, client
+}
+
+TEST_F(LinuxSocketsTest, UrgentDataInTheStreamStallsNothing) {
+  ConnectRaw();
+  sockets.Watch(ours, &sink);
+  RunUntilIdle(loop);
+  ASSERT_EQ(send(raw, "ab", 2, 0), 2);
+  ASSERT_EQ(send(raw, "c", 1, MSG_OOB), 1);
+  ASSERT_EQ(send(raw, "def", 3, 0), 3);
+  shutdown(raw, SHUT_WR);
+  std::string got;
+  int reads = 0;
+  EXPECT_TRUE(RunUntil(loop, [&] {
+    if (sink.reads > reads) {
+      reads = sink.reads;
+      char room[100];
+      std::size_t received = 0;
+      if (sockets.Receive(ours, room, received) == 0) got.append(room, received);
+    }
+    return sink.closes == 1;
+  }));
+  EXPECT_EQ(got, "abdef");  // the urgent byte is not part of the stream
+}
+
+TEST_F(LinuxSocketsTest, UrgentDataIsFollowedByMoreWithoutAnEnd) {
+  ConnectRaw();
+  sockets.Watch(ours, &sink);
+  RunUntilIdle(loop);
+  ASSERT_EQ(send(raw, "ab", 2, 0), 2);
+  ASSERT_EQ(send(raw, "c", 1, MSG_OOB), 1);
+  ASSERT_EQ(send(raw, "def", 3, 0), 3);
+  std::string got;
+  int reads = 0;
+  EXPECT_TRUE(RunUntil(loop, [&] {
+    if (sink.reads > reads) {
+      reads = sink.reads;
+      char room[100];
+      std::size_t received = 0;
+      if (sockets.Receive(ours, room, received) == 0) got.append(room, received);
+    }
+    return got == "abdef";
+  }));
+}
+
+TEST_F(LinuxSocketsTest, ASendThatTookNothingIsFollowedByFdWrite) {
+  // Small buffers, so that single bytes, which are taken whole or not at all, fill them soon.
+  receive_buffer = 1;
+  const std::set<int> before = OpenDescriptors();
+  ConnectRaw();
+  const int smallest = 1;
+  for (const int descriptor : OpenDescriptors()) {
+    if (before.count(descriptor) == 0)
+      setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
+  }
+  sockets.Watch(ours, &sink);
+  RunUntilIdle(loop);
+  ASSERT_EQ(sink.writes, 1);
+  std::size_t total = 0;
+  std::size_t sent = 0;
+  int result = 0;
+  while ((result = sockets.Send(ours, std::string(1, 'f'), sent)) == 0) total += sent;
+  EXPECT_EQ(result, socket_error::kWouldBlock);
+  EXPECT_EQ(sent, 0U);
+  while (total > 0) {
+    char room[4096];
+    const ssize_t count = recv(raw, room, sizeof room, 0);
+    ASSERT_GT(count, 0);
+    total -= static_cast<std::size_t>(count);
+  }
+  EXPECT_TRUE(RunUntil(loop, [&] { return sink.writes == 2; }));
+}
+
+TEST_F(LinuxSocketsTest, SocketsOfADestroyedTableAreClosed) {
+  const std::set<int> before = OpenDescriptors();
+  {
+    Sockets other(loop);
+    SocketHandle handle;
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(other.Open(Transport::kUdp, handle), 0);
+    other.Watch(handle, &sink);
+  }
+  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_FALSE(loop.RunOnce(Milliseconds{0}));
+}
+
+TEST_F(LinuxSocketsTest, SigpipeIsIgnored) {
+  struct sigaction action {};
+  ASSERT_EQ(sigaction(SIGPIPE, nullptr, &action), 0);
+  EXPECT_EQ(action.sa_handler, SIG_IGN);
+}
+
+TEST_F(LinuxSocketsTest, TheSoftDescriptorLimitIsRaisedToTheHardOne) {
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit low = before;
+  low.rlim_cur = 100;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
+  const Sockets other(loop);
+  rlimit after{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &after), 0);
+  EXPECT_EQ(after.rlim_cur, before.rlim_max);
+  setrlimit(RLIMIT_NOFILE, &before);
+}
+
+TEST_F(LinuxSocketsTest, WithoutDescriptorsOpenAndAcceptSaySo) {
+  ConnectRaw();
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  rlimit none = before;
+  none.rlim_cur = 3;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  SocketHandle handle;
+  const int result = sockets.Open(Transport::kTcp, handle);
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(result, socket_error::kTooManyOpenFiles);
+  EXPECT_TRUE(handle.IsNone());
+}
+
+struct ErrnoRow {
+  int code;
+  int number;
+};
+
+class SocketErrno : public testing::TestWithParam<ErrnoRow> {};
+
+TEST_P(SocketErrno, HasItsDesignedNumber) {
+  EXPECT_EQ(DesignedSocketError(GetParam().code), GetParam().number);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, SocketErrno,
+    testing::Values(ErrnoRow{0, 0}, ErrnoRow{EINTR, 10004}, ErrnoRow{EACCES, 10013}, ErrnoRow{EPERM, 10013},
+                    ErrnoRow{EFAULT, 10014}, ErrnoRow{EINVAL, 10022}, ErrnoRow{EMFILE, 10024},
+                    ErrnoRow{ENFILE, 10024}, ErrnoRow{EAGAIN, 10035}, ErrnoRow{EINPROGRESS, 10036},
+                    ErrnoRow{EALREADY, 10037}, ErrnoRow{ENOTSOCK, 10038}, ErrnoRow{EBADF, 10038},
+                    ErrnoRow{EDESTADDRREQ, 10039}, ErrnoRow{EMSGSIZE, 10040}, ErrnoRow{EPROTOTYPE, 10041},
+                    ErrnoRow{ENOPROTOOPT, 10042}, ErrnoRow{EPROTONOSUPPORT, 10043},
+                    ErrnoRow{ESOCKTNOSUPPORT, 10044}, ErrnoRow{EOPNOTSUPP, 10045},
+                    ErrnoRow{EPFNOSUPPORT, 10046}, ErrnoRow{EAFNOSUPPORT, 10047}, ErrnoRow{EADDRINUSE, 10048},
+                    ErrnoRow{EADDRNOTAVAIL, 10049}, ErrnoRow{ENETDOWN, 10050}, ErrnoRow{ENETUNREACH, 10051},
+                    ErrnoRow{ENETRESET, 10052}, ErrnoRow{ECONNABORTED, 10053}, ErrnoRow{ECONNRESET, 10054},
+                    ErrnoRow{EPIPE, 10054}, ErrnoRow{ENOBUFS, 10055}, ErrnoRow{ENOMEM, 10055},
+                    ErrnoRow{EISCONN, 10056}, ErrnoRow{ENOTCONN, 10057}, ErrnoRow{ESHUTDOWN, 10058},
+                    ErrnoRow{ETIMEDOUT, 10060}, ErrnoRow{ECONNREFUSED, 10061}, ErrnoRow{EHOSTUNREACH, 10065},
+                    ErrnoRow{EHOSTDOWN, 10065}, ErrnoRow{EUSERS, 10067}, ErrnoRow{EXDEV, 10107}));
+
+}  // namespace
+}  // namespace trabex
