@@ -1,0 +1,37 @@
+// The four settings that must be known before anything else: IgnoreIniErrors, Log, LogPath, BindPort of
+// section Common. They are taken straight from the file, by rules of their own: bad lines are passed over,
+// the first occurrence of a key counts, and a value has at most 255 characters and may stand in single or
+// double quotes.
+#pragma once
+
+#include <string>
+
+#include "base/log.h"
+#include "config/configuration.h"
+
+namespace trabex {
+
+struct EarlyKeyInputs {
+  std::string ini_path;
+  std::string program_directory;
+  bool log_path_given = false;  // "/L": Configuration::LogPath is set already
+  bool port_given = false;      // "/P": Configuration::BindPort is set already
+  bool reload = false;
+};
+
+enum class EarlyKeysResult {
+  kRead,
+  kUnchanged,  // only at a reload: the file is missing or cannot be read; one line is logged
+  kFailed,     // a bad value, and errors are not ignored; the keys before it have their new values
+};
+
+// Reads the early keys into `configuration`. At a start a file that is missing counts as empty. A folder
+// given with "/L" forces Log to 1 whatever the file says; LogPath is read only while none is set. Errors are
+// written to `log`; those of IgnoreIniErrors itself are never ignored. Raises none.
+EarlyKeysResult ReadEarlyKeys(const EarlyKeyInputs& inputs, Configuration& configuration, Log& log);
+
+// The same from the file's text. Raises what ReportConfigError raises.
+void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, Configuration& configuration,
+                           Log& log);
+
+}  // namespace trabex

@@ -1,0 +1,24 @@
+// Which files the settings mean. Both "/" and "\" separate; none of these touches the disk.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace trabex::mCommon {
+
+// `base` and `name` with one separator between them: one of two is dropped, a missing one is the platform's.
+std::string JoinPath(std::string_view base, std::string_view name);
+
+// The initialization file's path. `given` is that of the command line, as typed and without quotes, or empty:
+// then it is the program's name with ".ini" in the program's directory. A path that is absolute ("/x",
+// "C:\x",
+// "\\x") or begins with "./", "../", ".\" or "..\" stays as it is; any other lies under the program's
+// directory.
+std::string ResolveIniPath(std::string_view given, std::string_view program_directory,
+                           std::string_view program_name);
+
+// The greylisting database's path by the setting `Database`: as it stands when it holds a separator,
+// otherwise in the folder GreyListing under the program's directory; empty means GreyListing.gldb there.
+std::string ResolveDatabasePath(std::string_view setting, std::string_view program_directory);
+
+}  // namespace trabex::mCommon

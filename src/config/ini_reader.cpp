@@ -1,0 +1,113 @@
+#include "config/ini_reader.h"
+
+#include <utility>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "config/ini_lines.h"
+#include "config/settings_table.h"
+#include "platform/files.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr const char* kSource = "mCommon.ReadIniFile";
+
+[[noreturn]] void RaiseBadContent(std::string description) {
+  throw Error(error_number::kBadFileContent, kSource, std::move(description));
+}
+
+std::string Quoted(std::string_view text) {
+  return "\"" + std::string(text) + "\"";
+}
+
+// Takes line by line. An Error leaves out the line it is about and nothing else.
+class LineTaker {
+ public:
+  explicit LineTaker(SectionStore& store) : store_(store) {}
+
+  void Take(std::string_view line) {
+    if (line.empty() || line.front() == ';') return;
+    if (line.front() == '[') {
+      TakeHeader(line);
+    } else {
+      TakeKey(line);
+    }
+  }
+
+ private:
+  void TakeHeader(std::string_view line) {
+    // First of all, so that the keys below a bad header never get into the section above it.
+    section_ = nullptr;
+    if (line.back() != ']') RaiseBadContent("Invalid line: " + Quoted(line) + ".");
+    written_name_ = line.substr(1, line.size() - 2);
+    section_ = store_.Find(written_name_);
+    if (section_ == nullptr) RaiseBadContent("Invalid section name: " + Quoted(written_name_) + ".");
+  }
+
+  void TakeKey(std::string_view line) {
+    if (section_ == nullptr) RaiseBadContent("Section name expected: " + Quoted(line) + ".");
+    const std::size_t equals = line.find('=');
+    if (equals == std::string_view::npos) RaiseBadContent("Invalid line: " + Quoted(line) + ".");
+    const std::string_view key = Trim(line.substr(0, equals));
+    const std::string_view value = Trim(line.substr(equals + 1));
+    SectionTable::Entry* const entry = section_->Find(key);
+    if (entry == nullptr) {
+      section_->AddKey(key, value, mCommon::IsListKey(section_->Name(), key));
+    } else if (entry->is_list) {
+      entry->further_values.push_back(value);
+    } else {
+      RaiseBadContent("Key " + Quoted(key) + "  in section " + Quoted(written_name_) +
+                      " defined more than once.");
+    }
+  }
+
+  SectionStore& store_;
+  SectionTable* section_ = nullptr;
+  std::string_view written_name_;
+};
+
+}  // namespace
+
+namespace mCommon {
+
+bool ReadIniText(std::string_view path, std::string text, SectionStore& store, const IniErrors& errors) {
+  IniLines lines(store.KeepText(std::move(text)));
+  LineTaker taker(store);
+  for (std::string_view line; lines.Next(line);) {
+    try {
+      taker.Take(line);
+    } catch (const Error& error) {
+      errors.log.LogLine(
+          "Error reading initialization file " + Quoted(path) + ", line " + std::to_string(lines.Number()) +
+          ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description());
+      if (!errors.ignore) return false;
+    }
+  }
+  return true;
+}
+
+void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error) {
+  log.LogLine("Error reading initialization file " + Quoted(path) +
+              ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description());
+}
+
+IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const IniErrors& errors) {
+  std::int64_t stamp = 0;
+  std::string text;
+  try {
+    const std::string native_path = NativePath(file.path);
+    stamp = FileModificationStamp(native_path, kSource);
+    text = ReadWholeFile(native_path, kSource);
+  } catch (const Error& error) {
+    LogUnreadableIniFile(errors.log, file.path, error);
+    return IniReadResult::kUnreadable;
+  }
+  if (!ReadIniText(file.path, std::move(text), store, errors)) return IniReadResult::kAbandoned;
+  file.stamp = stamp;
+  return IniReadResult::kRead;
+}
+
+}  // namespace mCommon
+}  // namespace trabex

@@ -1,0 +1,41 @@
+// Reads the initialization file into the section store: "[section]", "key = value" and ";" comment lines.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "config/ini_errors.h"
+#include "config/section_store.h"
+
+namespace trabex {
+
+// The initialization file of the program.
+struct InitializationFile {
+  std::string path;
+  // When it was last changed, as of the last successful read (FileModificationStamp); nothing when the file
+  // was missing then.
+  std::optional<std::int64_t> stamp;
+};
+
+enum class IniReadResult {
+  kRead,        // the store is filled; bad lines were left out if errors are ignored
+  kUnreadable,  // the file is missing or cannot be read; the store is empty, one line is logged
+  kAbandoned,   // a bad line, and errors are not ignored
+};
+
+namespace mCommon {
+
+// Fills the empty `store` from the file and, if that succeeds, records its stamp. Errors are written to the
+// log; raises none. The stamp is taken before the text, so that a change while reading shows later.
+IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const IniErrors& errors);
+
+// The same from a text; `path` is for messages. False: abandoned.
+bool ReadIniText(std::string_view path, std::string text, SectionStore& store, const IniErrors& errors);
+
+// Writes the line about a file that is missing or cannot be read.
+void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error);
+
+}  // namespace mCommon
+}  // namespace trabex

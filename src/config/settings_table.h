@@ -1,0 +1,80 @@
+// Every setting in one table, a row each, in reading order. Loading, the dump and the reference of settings
+// all go by it.
+#pragma once
+
+#include <cassert>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <variant>
+
+#include "config/configuration.h"
+
+namespace trabex {
+
+enum class SettingKind {
+  kText,
+  kAddress,    // text of the form of an IPv4 address; empty means 0.0.0.0
+  kHostName,   // text; empty means the machine's own name
+  kDatabase,   // path; ResolveDatabasePath
+  kLogFolder,  // path; empty means the folder Log in the program's directory
+  kInteger,
+  kBoolean,      // 0 or 1
+  kMinutes,      // kept in days
+  kLifetime,     // minutes, more than the greater one of Delay and BlackListDelay; kept in days
+  kSize,         // bytes, with suffixes
+  kAddressList,  // the list forms of list_readers.h
+  kPlainList,
+  kExtensionList,
+  kRangeList,
+};
+
+// Whether the key may stand on several lines.
+bool IsListKind(SettingKind kind);
+
+// Where the value lies: in Configuration itself, or in its part for greylisting.
+template <class... Values>
+using FieldOfEither = std::variant<Values Configuration::*..., Values GreyListingSettings::*...>;
+using SettingField =
+    FieldOfEither<std::string, std::int32_t, bool, double, FixedPoint, ExpressionList, IPRangeList>;
+
+struct Setting {
+  std::string_view section;  // Common or GreyListing
+  std::string_view key;
+  SettingKind kind;
+  SettingField field;
+  // What an absent key stands for, written as in the file; never checked.
+  std::string_view default_text;
+  // Of the numbers; both belong to the range. The lower end of kLifetime is computed.
+  std::int64_t min = 0;
+  std::int64_t max = 0;
+  // Read before all others, by ReadEarlyKeys.
+  bool is_early = false;
+};
+
+// The early keys, then Common, then GreyListing.
+std::span<const Setting> AllSettings();
+
+// Names without regard to case; nullptr when there is none.
+const Setting* FindSetting(std::string_view section, std::string_view key);
+
+// The field of `setting` in `configuration` (const or not), which is a Value.
+template <class Value, class AConfiguration>
+auto& FieldOf(AConfiguration& configuration, const Setting& setting) {
+  if (const auto* const field = std::get_if<Value GreyListingSettings::*>(&setting.field)) {
+    return configuration.GreyListing.*(*field);
+  }
+  const auto* const field = std::get_if<Value Configuration::*>(&setting.field);
+  assert(field != nullptr);
+  return configuration.*(*field);
+}
+
+namespace mCommon {
+
+// Whether the key may stand on several lines: the list settings, and every key of ResponseChanges. Names
+// without regard to case.
+bool IsListKey(std::string_view section, std::string_view key);
+
+}  // namespace mCommon
+}  // namespace trabex

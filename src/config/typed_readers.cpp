@@ -1,0 +1,132 @@
+#include "config/typed_readers.h"
+
+#include <optional>
+#include <utility>
+
+#include "base/delimited_text.h"
+#include "base/error.h"
+#include "base/text.h"
+#include "match/mText.h"
+
+namespace trabex::mCommon {
+
+namespace {
+
+std::string RangeText(std::string_view value, const std::string& min, const std::string& max) {
+  return "Value " + std::string(value) + " lies out of allowed range: from " + min + " to " + max + ".";
+}
+
+std::string NoNumberText(std::string_view value) {
+  return "Value is not a number: \"" + std::string(value) + "\".";
+}
+
+constexpr std::string_view kEmptyNumberText = "Integer value expected.";
+
+// 0 when `suffix` is none.
+std::int64_t Multiplier(char suffix) {
+  switch (ToUpper(suffix)) {
+    case 'K':
+      return 1024;
+    case 'M':
+      return 1024 * 1024;
+    case 'G':
+      return 1024 * 1024 * 1024;
+    default:
+      return 0;
+  }
+}
+
+// Whether `key` as a whole and each pattern in it is well-formed, so that no look-up in the table can fail.
+bool IsPatternList(std::string_view key) {
+  if (mText::IsInvalidPattern(key)) return false;
+  try {
+    for (std::string_view alternative : SplitOutside(key, ",", "\"", "\"")) {
+      for (std::string_view part :
+           SplitOutside(Trim(alternative), " ", "\"", "\"", -1, Compare::kExact, true)) {
+        if (part.front() == '"') part = Undelimit(part, "\"", "\"");
+        if (mText::IsInvalidPattern(part)) return false;
+      }
+    }
+  } catch (const Error&) {
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+std::string GetString(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                      std::string_view default_value, std::string_view pattern, PatternKind pattern_kind) {
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) return std::string(default_value);
+  const std::string_view value = entry->first_value;
+  if (!value.empty() && !pattern.empty()) {
+    const bool matches = pattern_kind == PatternKind::kPlainLike ? mText::PlainLike(value, pattern)
+                                                                 : mText::LikeText(value, pattern);
+    if (!matches) {
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
+                        "Inadmissible string: \"" + std::string(value) + "\".");
+      return std::string(default_value);
+    }
+  }
+  return std::string(value);
+}
+
+std::int32_t ConvertInteger(const IniErrors& errors, std::string_view section, std::string_view key,
+                            std::string_view value, std::int32_t default_value, std::int64_t min,
+                            std::int64_t max) {
+  const auto bad = [&](std::string_view description) {
+    ReportConfigError(errors, section, key, error_number::kBadValue, description);
+    return default_value;
+  };
+  if (value.empty()) return bad(kEmptyNumberText);
+  const std::optional<std::int32_t> number = ParseInteger(value);
+  if (!number) return bad(NoNumberText(value));
+  if (*number < min || *number > max) return bad(RangeText(value, std::to_string(min), std::to_string(max)));
+  return *number;
+}
+
+std::int32_t GetInteger(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                        std::int32_t default_value, std::int64_t min, std::int64_t max) {
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) return default_value;
+  return ConvertInteger(errors, section.Name(), key, entry->first_value, default_value, min, max);
+}
+
+FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                   FixedPoint default_value, FixedPoint min, FixedPoint max) {
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) return default_value;
+  const auto bad = [&](std::string_view description) {
+    ReportConfigError(errors, section.Name(), key, error_number::kBadValue, description);
+    return default_value;
+  };
+  std::string_view value = entry->first_value;
+  if (value.empty()) return bad(kEmptyNumberText);
+  std::int64_t multiplier = Multiplier(value.back());
+  if (multiplier == 0) {
+    multiplier = 1;
+  } else {
+    value.remove_suffix(1);
+  }
+  const std::optional<FixedPoint> size = ParseFixedPoint(value, multiplier);
+  if (!size) return bad(NoNumberText(value));
+  if (*size < min || *size > max) return bad(RangeText(value, FormatWhole(min), FormatWhole(max)));
+  return *size;
+}
+
+ReplacementTable GetReplacementTable(const IniErrors& errors, const SectionTable& section) {
+  ReplacementTable table;
+  table.rules.reserve(section.Entries().size());
+  for (const SectionTable::Entry& entry : section.Entries()) {
+    if (!IsPatternList(entry.key)) {
+      ReportConfigError(errors, section.Name(), entry.key, error_number::kBadPattern,
+                        "Invalid Regular Expression in key name.");
+      continue;
+    }
+    table.rules.push_back({std::string(entry.key), std::string(entry.first_value)});
+  }
+  return table;
+}
+
+}  // namespace trabex::mCommon

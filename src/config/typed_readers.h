@@ -1,0 +1,48 @@
+// The readers that turn raw values into numbers, sizes and texts. The names are those of the design.
+//
+// An absent key gives the default, unchecked. A bad value is reported with ReportConfigError, which raises
+// unless errors are ignored; then the default is given. What they return owns its memory.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "base/numbers.h"
+#include "config/ini_errors.h"
+#include "config/section_store.h"
+#include "match/address_replacement.h"
+
+namespace trabex::mCommon {
+
+// How GetString matches its pattern.
+enum class PatternKind {
+  kPlainLike,  // case-sensitive, no negation prefix
+  kLikeText,
+};
+
+// A value that is not empty has to match `pattern`, unless that is empty: "Inadmissible string" (380).
+std::string GetString(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                      std::string_view default_value, std::string_view pattern = {},
+                      PatternKind pattern_kind = PatternKind::kPlainLike);
+
+// `min` and `max` belong to the range; all errors are 380, and the empty value is one.
+std::int32_t GetInteger(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                        std::int32_t default_value, std::int64_t min, std::int64_t max);
+
+// The part of GetInteger behind the look-up, for a value that was found otherwise.
+std::int32_t ConvertInteger(const IniErrors& errors, std::string_view section, std::string_view key,
+                            std::string_view value, std::int32_t default_value, std::int64_t min,
+                            std::int64_t max);
+
+// A number that may have a fraction and one of the suffixes K, M, G (1024, its square and cube; any case).
+// Messages show the value without its suffix, and `min` and `max` (both belong to the range) as whole
+// numbers.
+FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                   FixedPoint default_value, FixedPoint min, FixedPoint max);
+
+// All keys of an address-replacement section, in the order of the file. A key that is no pattern list
+// (a pattern in it is malformed, or a delimited part has no end) is reported with 93 and left out.
+ReplacementTable GetReplacementTable(const IniErrors& errors, const SectionTable& section);
+
+}  // namespace trabex::mCommon
