@@ -1,0 +1,353 @@
+#include "config/configuration_dump.h"
+
+#include <array>
+#include <cassert>
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <unordered_set>
+
+#include "base/date_time.h"
+#include "base/error.h"
+#include "base/numbers.h"
+#include "base/text.h"
+#include "config/section_store.h"
+#include "config/settings_table.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr auto kCommonOrder = std::to_array<std::string_view>({
+    "Log",
+    "LogPath",
+    "LogLevelServer",
+    "LogLevelRemote",
+    "AutoReload",
+    "IgnoreIniErrors",
+    "BindIP",
+    "BindPort",
+    "ServerIP",
+    "ServerPort",
+    "LocalIPs",
+    "LocalDomains",
+    "LocalHostName",
+    "EnhancedStatusCodes",
+    "MaxConnections",
+    "Timeout",
+    "ProcessAddressesWithoutBrackets",
+    "IPWhiteList",
+    "IPAllowList",
+    "IPBlackList",
+    "MaxBadSeq",
+    "ValidateRDNS",
+    "HostsWhiteList",
+    "HostsAllowList",
+    "HostsBlackList",
+    "RemoveSMTPExtensionsLocal",
+    "RemoveSMTPExtensionsRemote",
+    "AddSMTPExtensionsLocal",
+    "AddSMTPExtensionsRemote",
+    "ValidateHELO",
+    "HELOBlackList",
+    "MaxTransactionsLocal",
+    "MaxTransactionsRemote",
+    "MaxSize",
+    "SendersWhiteList",
+    "SendersAllowList",
+    "SendersBlackList",
+    "MaxRecipientsLocal",
+    "MaxRecipientsRemote",
+    "RecipientsWhiteListLocal",
+    "RecipientsAllowListLocal",
+    "RecipientsBlackListLocal",
+    "RecipientsWhiteListRemote",
+    "RecipientsAllowListRemote",
+    "RecipientsBlackListRemote",
+    "PrivateRecipients",
+    "RestrictedSenders",
+    "AddReceived",
+});
+
+constexpr auto kGreyListingOrder = std::to_array<std::string_view>({
+    "Enabled",
+    "Log",
+    "Database",
+    "MinCount",
+    "BlackListMinCount",
+    "Delay",
+    "BlackListDelay",
+    "TTL",
+    "ShortTTL",
+    "SaveInterval",
+    "IPWhiteList",
+    "HostsWhiteList",
+    "IPBlackList",
+    "HostsBlackList",
+    "CallbackSendersList",
+    "CallbackSenderAction",
+});
+
+std::string Quoted(std::string_view text) {
+  return "\"" + std::string(text) + "\"";
+}
+
+// Bytes with the largest suffix that divides them.
+std::string FormatSize(FixedPoint size) {
+  struct Suffix {
+    std::int64_t bytes;
+    char letter;
+  };
+  constexpr std::array<Suffix, 3> kSuffixes = {{{1073741824, 'G'}, {1048576, 'M'}, {1024, 'K'}}};
+  const std::int64_t bytes = size / kFixedPointOne;
+  if (bytes > 0) {
+    for (const Suffix& suffix : kSuffixes) {
+      if (bytes % suffix.bytes == 0) return std::to_string(bytes / suffix.bytes) + suffix.letter;
+    }
+  }
+  return FormatWhole(size);
+}
+
+// A range in the shortest of its notations.
+std::string FormatRange(const IPRange& range) {
+  if (range.low == range.high) return mCommon::FormatIP(range.low);
+  const IPNumber host_bits = range.low ^ range.high;
+  const bool is_block = (host_bits & (host_bits + 1)) == 0 && (range.low & host_bits) == 0;
+  if (is_block) return mCommon::FormatIP(range.low) + "/" + std::to_string(mCommon::MaskToBits(~host_bits));
+  return mCommon::FormatIP(range.low) + "-" + mCommon::FormatIP(range.high);
+}
+
+// Writes lines; several for a list, each of them beginning with its key.
+class Writer {
+ public:
+  explicit Writer(const std::function<void(std::string_view)>& write_line) : write_line_(write_line) {}
+
+  void Line(std::string_view line) { write_line_(line); }
+  void Separator(char c) { Line(";" + std::string(74, c)); }
+  void Header(std::string_view section) { Line("[" + std::string(section) + "]"); }
+  void Scalar(std::string_view key, std::string_view value) {
+    Line(std::string(key).append(" = ").append(value));
+  }
+
+  void BeginList(std::string_view key) {
+    key_ = key;
+    line_.clear();
+  }
+  void Entry(std::string_view entry) {
+    constexpr std::size_t kGreatestLength = 100;
+    constexpr std::string_view kComma = ", ";
+    if (!line_.empty() && line_.size() + kComma.size() + entry.size() <= kGreatestLength) {
+      line_.append(kComma).append(entry);
+      return;
+    }
+    if (!line_.empty()) Line(line_);
+    line_.assign(key_).append(" = ").append(entry);
+  }
+  void EndList() {
+    if (line_.empty()) line_.assign(key_).append(" =");
+    Line(line_);
+  }
+
+ private:
+  const std::function<void(std::string_view)>& write_line_;
+  std::string_view key_;
+  std::string line_;
+};
+
+// Writes the entries of one expression list, so that they read back as the same ones.
+class ExpressionWriter {
+ public:
+  ExpressionWriter(Writer& writer, SettingKind kind, const ExpressionList& list)
+      : writer_(writer),
+        list_(list),
+        knows_quotes_(kind != SettingKind::kPlainList),
+        splits_on_blanks_(kind != SettingKind::kExtensionList) {}
+
+  void Write() {
+    if (splits_on_blanks_) TakeSingleKeys();
+    for (std::size_t index = 0; index < list_.Count(); ++index) {
+      const ListEntry entry = list_.Entry(index);
+      if (entry.is_group) {
+        WriteGroup(entry);
+      } else {
+        writer_.Entry(AsNeeded(entry.patterns.front()));
+      }
+    }
+  }
+
+ private:
+  // A group and a single entry with blanks, or two groups, may be written alike though they were not when
+  // they were read. The second of them then takes all the quotes that it can have.
+  void WriteGroup(const ListEntry& entry) {
+    std::string text = Group(entry, false);
+    if (!taken_keys_.insert(text).second) {
+      text = Group(entry, true);
+      // What is still alike is the same group once more.
+      if (!taken_keys_.insert(text).second) return;
+    }
+    writer_.Entry(text);
+  }
+
+  void TakeSingleKeys() {
+    for (std::size_t index = 0; index < list_.Count(); ++index) {
+      const ListEntry entry = list_.Entry(index);
+      if (entry.is_group) continue;
+      const std::string& text = entry.patterns.front();
+      if (text.find(' ') != std::string::npos) taken_keys_.insert(text);
+    }
+  }
+
+  // Where a list knows no quotes, no entry needs them: it cannot hold what they would be for.
+  std::string AsNeeded(const std::string& text) const {
+    const bool needs_quotes = text.empty() || text.front() == ' ' || text.back() == ' ' ||
+                              text.front() == '"' || text.find(',') != std::string::npos ||
+                              (splits_on_blanks_ && text.find(' ') != std::string::npos);
+    return knows_quotes_ && needs_quotes ? Quoted(text) : text;
+  }
+
+  std::string Group(const ListEntry& entry, bool all_quoted) const {
+    std::string text;
+    for (const std::string& pattern : entry.patterns) {
+      if (&pattern != &entry.patterns.front()) text += ' ';
+      text += all_quoted && knows_quotes_ ? Quoted(pattern) : AsNeeded(pattern);
+    }
+    return text;
+  }
+
+  Writer& writer_;
+  const ExpressionList& list_;
+  bool knows_quotes_;
+  bool splits_on_blanks_;
+  // Under what entries with a blank will be stored when they are read.
+  std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys_;
+};
+
+void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionList& list) {
+  writer.BeginList(setting.key);
+  ExpressionWriter(writer, setting.kind, list).Write();
+  writer.EndList();
+}
+
+void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
+  writer.BeginList(setting.key);
+  std::unordered_set<std::uint64_t> written;
+  for (const IPRange& range : list.Ranges()) {
+    const bool is_new = written.insert(std::uint64_t{range.low} << 32 | range.high).second;
+    if (is_new) writer.Entry(FormatRange(range));
+  }
+  writer.EndList();
+}
+
+void WriteSetting(Writer& writer, const Setting& setting, const Configuration& configuration) {
+  const auto scalar = [&](const std::string& value) { writer.Scalar(setting.key, value); };
+  switch (setting.kind) {
+    case SettingKind::kText:
+    case SettingKind::kAddress:
+    case SettingKind::kHostName:
+    case SettingKind::kDatabase:
+    case SettingKind::kLogFolder:
+      scalar(FieldOf<std::string>(configuration, setting));
+      break;
+    case SettingKind::kInteger:
+      scalar(std::to_string(FieldOf<std::int32_t>(configuration, setting)));
+      break;
+    case SettingKind::kBoolean:
+      scalar(FieldOf<bool>(configuration, setting) ? "1" : "0");
+      break;
+    case SettingKind::kMinutes:
+    case SettingKind::kLifetime:
+      scalar(std::to_string(std::llround(FieldOf<double>(configuration, setting) * kMinutesPerDay)));
+      break;
+    case SettingKind::kSize:
+      scalar(FormatSize(FieldOf<FixedPoint>(configuration, setting)));
+      break;
+    case SettingKind::kAddressList:
+    case SettingKind::kPlainList:
+    case SettingKind::kExtensionList:
+      WriteExpressions(writer, setting, FieldOf<ExpressionList>(configuration, setting));
+      break;
+    case SettingKind::kRangeList:
+      WriteRanges(writer, setting, FieldOf<IPRangeList>(configuration, setting));
+      break;
+  }
+}
+
+void WriteSection(Writer& writer, std::string_view section, const Configuration& configuration) {
+  writer.Header(section);
+  for (std::string_view key : DumpOrder(section)) {
+    const Setting* const setting = FindSetting(section, key);
+    assert(setting != nullptr);
+    WriteSetting(writer, *setting, configuration);
+  }
+}
+
+// The rule with blanks between its parts, which mean nothing.
+std::string Spaced(const cReplace& rule, std::size_t blanks) {
+  const bool is_exact = rule.CaseSensitive() && !rule.Search().empty();
+  return "<" + rule.Search() + ">" + std::string(blanks, ' ') + (is_exact ? "==<" : "=<") +
+         rule.Replacement() + ">";
+}
+
+void WriteResponseChanges(Writer& writer, const ResponseChangeTable& table) {
+  writer.Header(section_name::kResponseChanges);
+  for (const cReplaces& replaces : table.Lists()) {
+    writer.BeginList(replaces.Name());
+    // A rule that stands twice, each time with other blanks, has to keep both places: the order counts.
+    std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys;
+    for (const cReplace& rule : replaces.Rules()) {
+      std::string text = rule.Format();
+      for (std::size_t blanks = 0; !taken_keys.insert(text).second; ++blanks) text = Spaced(rule, blanks);
+      writer.Entry(text);
+    }
+    writer.EndList();
+  }
+}
+
+void WriteReplacements(Writer& writer, std::string_view section, const ReplacementTable& table) {
+  writer.Separator('-');
+  writer.Header(section);
+  for (const ReplacementTable::Rule& rule : table.rules) writer.Scalar(rule.key, rule.value);
+}
+
+void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configuration& configuration) {
+  writer.Separator('=');
+  writer.Line("; Initialization file: " + std::string(ini_path));
+  writer.Line("; Current configuration:");
+  writer.Separator('=');
+  WriteSection(writer, section_name::kCommon, configuration);
+  writer.Separator('-');
+  WriteSection(writer, section_name::kGreyListing, configuration);
+  writer.Separator('-');
+  WriteResponseChanges(writer, configuration.ResponseChanges);
+  WriteReplacements(writer, section_name::kSenderReplacementsLocal, configuration.SenderReplacementsLocal);
+  WriteReplacements(writer, section_name::kSenderReplacementsRemote, configuration.SenderReplacementsRemote);
+  WriteReplacements(writer, section_name::kRecipientReplacementsLocal,
+                    configuration.RecipientReplacementsLocal);
+  WriteReplacements(writer, section_name::kRecipientReplacementsRemote,
+                    configuration.RecipientReplacementsRemote);
+  writer.Separator('=');
+}
+
+}  // namespace
+
+std::span<const std::string_view> DumpOrder(std::string_view section) {
+  if (section == section_name::kCommon) return kCommonOrder;
+  assert(section == section_name::kGreyListing);
+  return kGreyListingOrder;
+}
+
+namespace mCommon {
+
+void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
+                      const std::function<void(std::string_view line)>& write_line) {
+  if (configuration.Log == 0) return;
+  try {
+    Writer writer(write_line);
+    WriteConfiguration(writer, ini_path, configuration);
+  } catch (const Error& error) {
+    log.LogError(error.Number(), error.Description(), "mCommon.LogConfiguration");
+  }
+}
+
+}  // namespace mCommon
+}  // namespace trabex

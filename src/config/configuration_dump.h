@@ -1,0 +1,27 @@
+// The configuration in force, written in the syntax of the initialization file, so that the operator sees the
+// values after defaults and corrections, and can load them again.
+#pragma once
+
+#include <functional>
+#include <span>
+#include <string_view>
+
+#include "base/log.h"
+#include "config/configuration.h"
+
+namespace trabex {
+
+namespace mCommon {
+
+// Gives the lines of the dump, without their ends, to `write_line`, one by one (a view lives for the call).
+// Nothing when `Log` is 0. An Error that `write_line` raises ends the dump and is written to `log` with the
+// source "mCommon.LogConfiguration".
+void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
+                      const std::function<void(std::string_view line)>& write_line);
+
+}  // namespace mCommon
+
+// The order of the dump, made for reading: the keys of one section (Common or GreyListing).
+std::span<const std::string_view> DumpOrder(std::string_view section);
+
+}  // namespace trabex

@@ -1,0 +1,242 @@
+#include "config/configuration_dump.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "config/settings_table.h"
+#include "config_support.h"
+
+namespace trabex {
+namespace {
+
+TEST(LogConfiguration, WritesTheWholeConfiguration) {
+  LoadedText loaded(
+      "[Common]\nBindIP=192.0.2.1\nMaxSize=10M\nLocalDomains=a.test b.test,c.test\nSendersBlackList=\"x "
+      "y\",\"p,q\" r\n"
+      "[GreyListing]\nEnabled=1\nDelay=30\n[ResponseChanges]\nRCPT.Greylisted=<later>\nMAIL.250=<a>=<b>,<c>=="
+      "<d>\n"
+      "[SenderReplacements.Local]\n*@a.test=x@b.test\nz=\n[RecipientReplacements.Remote]\n\"a b\",c=d\n",
+      false);
+  ASSERT_TRUE(loaded.result);
+  loaded.configuration.LogPath = "/var/log";
+  loaded.configuration.Log = 2;
+  const std::string equals = ";" + std::string(74, '=') + "\n";
+  const std::string dashes = ";" + std::string(74, '-') + "\n";
+  EXPECT_EQ(Joined(DumpLines(loaded.configuration)),
+            equals +
+                "; Initialization file: x.ini\n"
+                "; Current configuration:\n" +
+                equals +
+                "[Common]\n"
+                "Log = 2\n"
+                "LogPath = /var/log\n"
+                "LogLevelServer = 15\n"
+                "LogLevelRemote = 15\n"
+                "AutoReload = 1\n"
+                "IgnoreIniErrors = 0\n"
+                "BindIP = 192.0.2.1\n"
+                "BindPort = 25\n"
+                "ServerIP = 127.0.0.1\n"
+                "ServerPort = 25\n"
+                "LocalIPs = 127.0.0.0/8, 10.0.0.0/8, 172.16.0.0/12, 192.168.0.0/16, 169.254.0.0/16\n"
+                "LocalDomains = a.test b.test, c.test\n"
+                "LocalHostName = proxy.test\n"
+                "EnhancedStatusCodes = 1\n"
+                "MaxConnections = 0\n"
+                "Timeout = 300\n"
+                "ProcessAddressesWithoutBrackets = 0\n"
+                "IPWhiteList =\n"
+                "IPAllowList = 0.0.0.0/0\n"
+                "IPBlackList =\n"
+                "MaxBadSeq = 10\n"
+                "ValidateRDNS = 0\n"
+                "HostsWhiteList =\n"
+                "HostsAllowList = *\n"
+                "HostsBlackList =\n"
+                "RemoveSMTPExtensionsLocal =\n"
+                "RemoveSMTPExtensionsRemote =\n"
+                "AddSMTPExtensionsLocal =\n"
+                "AddSMTPExtensionsRemote =\n"
+                "ValidateHELO = 0\n"
+                "HELOBlackList =\n"
+                "MaxTransactionsLocal = 0\n"
+                "MaxTransactionsRemote = 0\n"
+                "MaxSize = 10M\n"
+                "SendersWhiteList =\n"
+                "SendersAllowList = *\n"
+                "SendersBlackList = \"x y\", \"p,q\" r\n"
+                "MaxRecipientsLocal = 0\n"
+                "MaxRecipientsRemote = 0\n"
+                "RecipientsWhiteListLocal =\n"
+                "RecipientsAllowListLocal = *\n"
+                "RecipientsBlackListLocal =\n"
+                "RecipientsWhiteListRemote =\n"
+                "RecipientsAllowListRemote = *\n"
+                "RecipientsBlackListRemote =\n"
+                "PrivateRecipients =\n"
+                "RestrictedSenders =\n"
+                "AddReceived = 1\n" +
+                dashes +
+                "[GreyListing]\n"
+                "Enabled = 1\n"
+                "Log = 0\n"
+                "Database = /opt/trabex/GreyListing/GreyListing.gldb\n"
+                "MinCount = 1\n"
+                "BlackListMinCount = 2\n"
+                "Delay = 30\n"
+                "BlackListDelay = 64\n"
+                "TTL = 51840\n"
+                "ShortTTL = 240\n"
+                "SaveInterval = 120\n"
+                "IPWhiteList =\n"
+                "HostsWhiteList =\n"
+                "IPBlackList =\n"
+                "HostsBlackList = []\n"
+                "CallbackSendersList = [], postmaster@*\n"
+                "CallbackSenderAction = 1\n" +
+                dashes +
+                "[ResponseChanges]\n"
+                "RCPT.Greylisted = <later>\n"
+                "MAIL.250 = <a>=<b>, <c>==<d>\n" +
+                dashes +
+                "[SenderReplacements.Local]\n"
+                "*@a.test = x@b.test\n"
+                "z = \n" +
+                dashes + "[SenderReplacements.Remote]\n" + dashes + "[RecipientReplacements.Local]\n" +
+                dashes +
+                "[RecipientReplacements.Remote]\n"
+                "\"a b\",c = d\n" +
+                equals);
+}
+
+TEST(LogConfiguration, WritesNothingWithTheLogOff) {
+  Configuration configuration;
+  configuration.Log = 0;
+  EXPECT_EQ(DumpLines(configuration), Lines{});
+}
+
+TEST(LogConfiguration, LogsAFailureOfItsWriter) {
+  RecordedLog log;
+  int lines = 0;
+  mCommon::LogConfiguration(Configuration(), "x.ini", log, [&](std::string_view) {
+    if (++lines == 3) throw Error(61, "somewhere", "Disk full");
+  });
+  EXPECT_EQ(lines, 3);
+  EXPECT_EQ(log.Lines(), (Lines{"Error 61 in mCommon.LogConfiguration. Disk full"}));
+}
+
+TEST(LogConfiguration, WritesSizesWithTheLargestSuffix) {
+  const struct {
+    const char* value;
+    const char* dumped;
+  } rows[] = {{"0", "0"},       {"-1", "-1"},
+              {"-2", "-2"},     {"1", "1"},
+              {"1023", "1023"}, {"1024", "1K"},
+              {"1025", "1025"}, {"1048576", "1M"},
+              {"1024K", "1M"},  {"1.5M", "1536K"},
+              {"1024M", "1G"},  {"1073741825", "1073741825"},
+              {"3G", "3G"},     {"922337203685476", "922337203685476"}};
+  for (const auto& row : rows) {
+    const LoadedText loaded("[Common]\nMaxSize=" + std::string(row.value) + "\n", false);
+    EXPECT_EQ(DumpedValue(loaded.configuration, "Common", "MaxSize"), row.dumped);
+  }
+}
+
+TEST(LogConfiguration, WritesRangesInTheirShortestForm) {
+  const struct {
+    const char* value;
+    const char* dumped;
+  } rows[] = {{"1.2.3.4", "1.2.3.4"},
+              {"1.2.3.4/32", "1.2.3.4"},
+              {"1.2.3.4-1.2.3.4", "1.2.3.4"},
+              {"10.0.0.0/255.0.0.0", "10.0.0.0/8"},
+              {"10.0.0.0-10.255.255.255", "10.0.0.0/8"},
+              {"0.0.0.0-255.255.255.255", "0.0.0.0/0"},
+              {"128.0.0.0/1", "128.0.0.0/1"},
+              {"1.2.3.4-1.2.3.5", "1.2.3.4/31"},
+              {"1.2.3.5-1.2.3.6", "1.2.3.5-1.2.3.6"},
+              {"1.2.3.4-1.2.3.6", "1.2.3.4-1.2.3.6"},
+              {"10.0.0.0/8,10.0.0.0/255.0.0.0,11.0.0.0/8", "10.0.0.0/8, 11.0.0.0/8"}};  // once
+  for (const auto& row : rows) {
+    const LoadedText loaded("[Common]\nIPBlackList=" + std::string(row.value) + "\n", false);
+    EXPECT_EQ(DumpedValue(loaded.configuration, "Common", "IPBlackList"), row.dumped);
+  }
+}
+
+TEST(LogConfiguration, QuotesWhatWouldNotReadBack) {
+  const struct {
+    const char* key;
+    const char* value;
+    const char* dumped;
+  } rows[] = {
+      {"SendersBlackList", "\"\"", "\"\""},
+      {"SendersBlackList", "\" a\",\"a \"", "\" a\", \"a \""},
+      {"SendersBlackList", "\"a,b\"", "\"a,b\""},
+      {"SendersBlackList", "\"a b\"", "\"a b\""},
+      {"SendersBlackList", "\"a\"", "a"},
+      {"SendersBlackList", "a\"b", ""},  // not balanced, so not in the list
+      {"SendersBlackList", "a\"b\"c", "a\"b\"c"},
+      {"SendersBlackList", "\"\"\"a\"\"\"", "\"\"\"a\"\"\""},
+      {"SendersBlackList", "a b", "a b"},
+      {"SendersBlackList", "\"a b\" \"\" \"c,d\" e", "\"a b\" \"\" \"c,d\" e"},
+      // Two groups, and a group and a single entry, that would be written alike.
+      {"SendersBlackList", "\"a\" b,a b", "a b, \"a\" \"b\""},
+      {"SendersBlackList", "\"a\" b,\"a b\"", "\"a\" \"b\", \"a b\""},
+      {"SendersBlackList", "\"a b\",\"a\" b", "\"a b\", \"a\" \"b\""},
+      {"AddSMTPExtensionsLocal", "SIZE 1,\"X a,b\",\" Y\"", "SIZE 1, \"X a,b\", \" Y\""},
+      {"LocalDomains", "\"a b\",c  d", "\"a b\", c  d"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.value);
+    const LoadedText loaded("[Common]\n" + std::string(row.key) + "=" + row.value + "\n");
+    const std::string dumped = DumpedValue(loaded.configuration, "Common", row.key);
+    EXPECT_EQ(dumped, row.dumped);
+    const LoadedText again("[Common]\n" + std::string(row.key) + "=" + dumped + "\n", false);
+    EXPECT_TRUE(again.result);
+    const Setting& setting = *FindSetting("Common", row.key);
+    EXPECT_EQ(Entries(FieldOf<ExpressionList>(again.configuration, setting)),
+              Entries(FieldOf<ExpressionList>(loaded.configuration, setting)));
+  }
+}
+
+TEST(LogConfiguration, KeepsRulesApartThatAreWrittenAlike) {
+  const LoadedText loaded("[ResponseChanges]\na=<x>=<1>,<x> =<1>,<>=<t>,<t>,<b>==<2>,<b>= =<2>\n", false);
+  ASSERT_TRUE(loaded.result) << loaded.log.Lines()[0];
+  EXPECT_EQ(DumpedValue(loaded.configuration, "ResponseChanges", "a"),
+            "<x>=<1>, <x> =<1>, <t>, <>=<t>, <b>==<2>, <b> ==<2>");
+}
+
+TEST(LogConfiguration, BreaksListLinesAtAHundredCharacters) {
+  // "IPWhiteList = " and eight of these addresses make 100 characters.
+  const LoadedText eight(
+      "[Common]\nIPWhiteList=1.1.1.100,1.1.1.101,1.1.1.102,1.1.1.103,1.1.1.104,1.1.1.105,1.1.1.106,1.1.1.107,"
+      "1.1.1.1\n",
+      false);
+  EXPECT_EQ(
+      DumpedLines(eight.configuration, "Common", "IPWhiteList"),
+      (Lines{"IPWhiteList = 1.1.1.100, 1.1.1.101, 1.1.1.102, 1.1.1.103, 1.1.1.104, 1.1.1.105, 1.1.1.106, "
+             "1.1.1.107",
+             "IPWhiteList = 1.1.1.1"}));
+
+  const std::string head = "HELOBlackList = ";
+  for (const std::size_t length : {99U, 100U, 101U}) {
+    // One entry of one character, and one that makes the line just that long.
+    const std::string second(length - head.size() - 3, 'b');
+    const LoadedText loaded("[Common]\nHELOBlackList=a," + second + ",c\n", false);
+    const Lines lines = DumpedLines(loaded.configuration, "Common", "HELOBlackList");
+    if (length <= 100) {
+      EXPECT_EQ(lines, (Lines{head + "a, " + second, head + "c"})) << length;
+    } else {
+      EXPECT_EQ(lines, (Lines{head + "a", head + second, head + "c"})) << length;
+    }
+  }
+
+  const std::string longest(150, 'x');
+  const LoadedText loaded("[Common]\nHELOBlackList=a," + longest + ",b,\"" + longest + ",\"\n", false);
+  EXPECT_EQ(DumpedLines(loaded.configuration, "Common", "HELOBlackList"),
+            (Lines{head + "a", head + longest, head + "b", head + "\"" + longest + ",\""}));
+}
+
+}  // namespace
+}  // namespace trabex
