@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <clocale>
 #include <csignal>
+#include <initializer_list>
 #include <cstdint>
 #include <cstdio>
 #include <exception>

@@ -1,0 +1,12 @@
+// What the process does before anything else.
+#pragma once
+
+namespace trabex {
+
+// Opens the standard streams that are closed, on nothing: otherwise files and sockets would get their
+// numbers, and what is meant for standard error would reach a client. From now on a signal that asks for the
+// end waits until WatchEndRequest listens (or the process has ended), so that it never ends the process on
+// the spot.
+void PrepareProcess();
+
+}  // namespace trabex

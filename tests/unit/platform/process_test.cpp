@@ -1,0 +1,59 @@
+#include "platform/process.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "support/child_process.h"
+
+namespace trabex {
+namespace {
+
+bool IsOpen(int descriptor) {
+  return fcntl(descriptor, F_GETFD) >= 0;
+}
+
+TEST(Process, ClosedStandardStreamsAreOpenedOnNothing) {
+  for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    ChildProcess child([number] {
+      close(number);
+      const int before = open("/dev/null", O_RDONLY);  // takes the free number
+      close(before);
+      PrepareProcess();
+      const int next = open("/dev/null", O_RDONLY);
+      return before == number && IsOpen(number) && next > STDERR_FILENO ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0) << number;
+  }
+}
+
+TEST(Process, OpenStandardStreamsStayAsTheyAre) {
+  ChildProcess child([] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
+    const int next = dup(ends[0]);
+    close(next);
+    PrepareProcess();
+    char byte = 0;
+    const bool same = write(STDOUT_FILENO, "x", 1) == 1 && read(ends[0], &byte, 1) == 1 && byte == 'x';
+    return same && dup(ends[0]) == next ? 0 : 2;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(Process, SignalsThatAskForTheEndWait) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    ChildProcess child([number] {
+      PrepareProcess();
+      raise(number);
+      sigset_t waiting;
+      sigpending(&waiting);
+      return sigismember(&waiting, number) == 1 ? 0 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 0) << number;
+  }
+}
+
+}  // namespace
+}  // namespace trabex
