@@ -121,7 +121,7 @@ class SampleServerStory(Story):
         for line in ("MAIL FROM:<>", "RCPT TO:<a@test.example>", "DATA"):
             client.command(line)
         client.send(b"half a message\r\n")
-        wait_until(lambda: list(self.server.mail.glob("*.part")), "the part")
+        wait_until(lambda: any(part.stat().st_size for part in self.server.mail.glob("*.part")), "the part")
         self.assertEqual(self.server.process.end(), 0)
         self.assertEqual(client.read_to_end(), b"421 4.3.2 sample.example is shutting down\r\n")
         self.assertEqual(os.listdir(self.server.mail), [])

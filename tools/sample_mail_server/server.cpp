@@ -46,6 +46,14 @@ std::string AddressText(const sockaddr_in& address) {
   return std::string(text.data()) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
+// Reads away what has arrived: a connection that is closed with unread input is reset, and what was said last
+// would not reach the client. Stops after a while, for a client that never stops.
+void DropInput(int socket_number) {
+  std::array<char, kReadBytes> buffer;
+  for (int i = 0; i < 16 && ::recv(socket_number, buffer.data(), buffer.size(), 0) > 0; ++i) {
+  }
+}
+
 }  // namespace
 
 Descriptor::~Descriptor() {
@@ -103,6 +111,7 @@ void Server::Run(int end_descriptor) {
   for (Client& client : clients_) {
     client.output.append("421 4.3.2 sample.example is shutting down\r\n");
     Write(client);
+    DropInput(client.socket.Number());
   }
   clients_.clear();
 }
@@ -135,7 +144,9 @@ bool Server::Write(Client& client) {
     if (count < 0) return WouldBlock();
     client.output.erase(0, static_cast<std::size_t>(count));
   }
-  return !client.session.Ended();
+  if (!client.session.Ended()) return true;
+  DropInput(client.socket.Number());
+  return false;
 }
 
 }  // namespace sample
