@@ -123,7 +123,8 @@ class Postfix:
         (self._configuration / "master.cf").write_text("".join(
             f"{line}\n" for line in (
                 f"{LOOPBACK}:{self.port} inet n - n - - smtpd",
-                "cleanup unix n - n - 0 cleanup", "qmgr unix n - n 300 1 qmgr", "rewrite unix - - n - - trivial-rewrite",
+                "cleanup unix n - n - 0 cleanup", "qmgr unix n - n 300 1 qmgr",
+                "rewrite unix - - n - - trivial-rewrite",
                 "bounce unix - - n - 0 bounce", "defer unix - - n - 0 bounce", "trace unix - - n - 0 bounce",
                 "verify unix - - n - 1 verify", "flush unix n - n 1000? 0 flush", "proxymap unix - - n - - proxymap",
                 "proxywrite unix - - n - 1 proxymap", "smtp unix - - n - - smtp", "relay unix - - n - - smtp",
@@ -159,7 +160,8 @@ class Postfix:
     @staticmethod
     def _split(content):
         """Recipient and content, without the lines that Postfix puts in front."""
-        head = re.match(rb"Return-Path: .*\nX-Original-To: (.*)\nDelivered-To: .*\nReceived: .*\n(?:[ \t].*\n)*", content)
+        head = re.match(rb"Return-Path: .*\nX-Original-To: (.*)\nDelivered-To: .*\nReceived: .*\n(?:[ \t].*\n)*",
+                        content)
         if not head:
             raise AssertionError(f"not as Postfix delivers: {content[:400]!r}")
         return head.group(1).decode("ascii"), content[head.end():]

@@ -40,7 +40,8 @@ class Lists(Story):
             self.assertAdmitted(proxy, source)
 
     def test_allow_list(self):
-        proxy = self.trabex(self.server.port, {"IPAllowList": "127.0.0.1,127.0.0.4-127.0.0.5", "IPBlackList": "127.0.0.5"})
+        proxy = self.trabex(self.server.port, {"IPAllowList": "127.0.0.1,127.0.0.4-127.0.0.5",
+                                               "IPBlackList": "127.0.0.5"})
         for source in ("127.0.0.1", "127.0.0.4"):
             self.assertAdmitted(proxy, source)
         for source in ("127.0.0.2", "127.0.0.5", "127.0.0.6"):
@@ -147,7 +148,7 @@ class Time(Story):
     """Timeout."""
 
     def test_refused_but_open(self):
-        """A client that only the proxy speaks with is closed; one that reached the server is not, though it waits longer."""
+        """A client that only the proxy speaks with is closed; an older one that reached the server is not."""
         proxy = self.trabex(self.sample_server().port, {"Timeout": 1, "ValidateRDNS": 2, "HostsBlackList": "*",
                                                         "LocalIPs": "127.0.0.1"})
         relayed = self.connect(proxy.address)
@@ -233,7 +234,8 @@ class LocalAndRemote(Story):
         with Smtp(proxy.address) as local:
             local.ehlo()
             self.assertEqual(local.docmd(f"MAIL FROM:<s@{DOMAIN}> SIZE=10241"),
-                             (552, b"5.3.4 Message size (10241 bytes) exceeds fixed maximium message size (10240 bytes)."))
+                             (552, b"5.3.4 Message size (10241 bytes) exceeds fixed maximium message size "
+                                   b"(10240 bytes)."))
             for _ in range(3):
                 local.sendmail(f"s@{DOMAIN}", [f"r{number}@{DOMAIN}" for number in range(5)], text_message(1))
 

@@ -10,8 +10,8 @@ from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, bound, main, without_re
 class BehindIsPostfix(Story):
     def setUp(self):
         super().setUp()
-        self.server = self.postfix({"smtpd_recipient_restrictions":
-                                    f"check_recipient_access inline:{{{{refused@{DOMAIN} = 550 5.1.1 Nobody here}}}}, permit"})
+        refused = f"inline:{{{{refused@{DOMAIN} = 550 5.1.1 Nobody here}}}}"
+        self.server = self.postfix({"smtpd_recipient_restrictions": f"check_recipient_access {refused}, permit"})
         self.proxy = self.front(self.server.port)
 
     def as_delivered(self, content):

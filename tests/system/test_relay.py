@@ -35,8 +35,9 @@ class Clients(Story):
         return done.stdout
 
     def test_swaks(self):
-        self.run_client("swaks", "--server", f"{LOOPBACK}:{self.proxy.port}", "--helo", "swaks.example", "--from", SENDER,
-                        "--to", RECIPIENT, "--body", "Hello from swaks.", "--header", "Subject: first mail")
+        self.run_client("swaks", "--server", f"{LOOPBACK}:{self.proxy.port}", "--helo", "swaks.example",
+                        "--from", SENDER, "--to", RECIPIENT, "--body", "Hello from swaks.",
+                        "--header", "Subject: first mail")
         message = self.the_message()
         self.assertEqual((message.sender, message.recipients), (SENDER, [RECIPIENT]))
         self.assertIn(b"\r\nSubject: first mail\r\n", message.content)
@@ -132,7 +133,8 @@ class Content(Story):
         with Smtp(self.proxy.address) as client:
             for chunks in cases:
                 client.bdat(SENDER, [RECIPIENT], chunks)
-                self.assertSame(b"".join(chunks), without_received(self.server.messages()[-1].content), f"{chunks[0][:20]!r}")
+                self.assertSame(b"".join(chunks), without_received(self.server.messages()[-1].content),
+                                f"{chunks[0][:20]!r}")
         self.assertEqual(self.server.count(), len(cases))
 
     def test_several_messages_in_a_session(self):
@@ -187,8 +189,8 @@ class Pipelined(Story):
         server = self.sample_server()
         proxy = self.front(server.port)
         client = self.connect(proxy.address)
-        client.send(b"EHLO client.example\r\nMAIL FROM:<>\r\nRCPT TO:<a@test.example>\r\nBDAT 6\r\nQUIT\r\nBDAT 5 LAST\r\nNOOP."
-                    b"NOOP\r\nQUIT\r\n")
+        client.send(b"EHLO client.example\r\nMAIL FROM:<>\r\nRCPT TO:<a@test.example>\r\n"
+                    b"BDAT 6\r\nQUIT\r\nBDAT 5 LAST\r\nNOOP.NOOP\r\nQUIT\r\n")
         codes = [client.read_reply()[:3] for _ in range(8)]
         self.assertEqual(codes, ["220", "250", "250", "250", "250", "250", "250", "221"])
         self.assertEqual(client.read_to_end(), b"")
@@ -245,7 +247,8 @@ class Header(Story):
         """What the proxy cannot let pass is not offered."""
         content = []
         server = self.scripted_server(polite_server(
-            ["PIPELINING", "8BITMIME", "STARTTLS", "XCLIENT NAME ADDR", "XFORWARD NAME", "SIZE 1000", "TURN", "ATRN"], content))
+            ["PIPELINING", "8BITMIME", "STARTTLS", "XCLIENT NAME ADDR", "XFORWARD NAME", "SIZE 1000", "TURN", "ATRN"],
+            content))
         proxy = self.trabex(server.port)
         client = self.connect(proxy.address)
         client.read_reply()

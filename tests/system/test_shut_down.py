@@ -165,7 +165,8 @@ class Kept(Story):
     def test_greylisting_database(self):
         server = self.sample_server()
         proxy = self.trabex(server.port, {"LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN},
-                            sections={"GreyListing": {"Enabled": 1, "Log": 1, "Database": self.place.folder / "grey.gldb"}})
+                            sections={"GreyListing": {"Enabled": 1, "Log": 1,
+                                                      "Database": self.place.folder / "grey.gldb"}})
         for attempt in range(1, 4):
             client = self.connect(proxy.address)
             client.read_reply()

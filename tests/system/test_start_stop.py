@@ -5,8 +5,8 @@ import os
 import socket
 import subprocess
 
-from trabex_system import (LOOPBACK, Process, Story, bound, free_port, ini_text, is_listening, main, program, run_trabex,
-                           wait_until)
+from trabex_system import (LOOPBACK, Process, Story, bound, free_port, ini_text, is_listening, main, program,
+                           run_trabex, wait_until)
 
 HELP = """Command line switches:
 
@@ -34,7 +34,8 @@ class CommandLine(Story):
 
     def test_errors(self):
         for arguments, message in (
-                (["/Q"], 'Invalid switch "/Q".'), (["/quiet"], 'Invalid switch "/quiet".'), (["x"], 'Invalid switch "x".'),
+                (["/Q"], 'Invalid switch "/Q".'), (["/quiet"], 'Invalid switch "/quiet".'),
+                (["x"], 'Invalid switch "x".'),
                 (["/P", "0"], 'Invalid port number "0".'), (["/PORT", "70000"], 'Invalid port number "70000".'),
                 (["/p", "abc"], 'Invalid port number "abc".'), (["--port", "-5"], 'Invalid port number "-5".'),
                 (["/HI", "/Q", "/H"], 'Invalid switch "/Q".')):
@@ -229,7 +230,8 @@ class BadStart(Story):
         self.assertEqual(proxy.log_lines()[:5], [
             f'{place}{text.index("novalue") + 1}. Error number: 321, Description: Invalid line: "novalue".',
             f'{place}{text.index("[Other]") + 1}. Error number: 321, Description: Invalid section name: "Other".',
-            f'{place}{text.index("key=value") + 1}. Error number: 321, Description: Section name expected: "key=value".',
+            f'{place}{text.index("key=value") + 1}. Error number: 321, Description: '
+            'Section name expected: "key=value".',
             f'{wrong}"Timeout", Error number: 380, Description: Value is not a number: "abc".',
             f'{wrong}"MaxBadSeq", Error number: 380, Description: Integer value expected.'])
         first = self.connect(proxy.address)
@@ -251,7 +253,7 @@ class BadStart(Story):
 
     def test_hostile_files(self):
         """A file of anything is no reason to fall over."""
-        for content in (b"\0" * 10_000, bytes(range(256)) * 100, b"[Common]\n" + b"IPBlackList=" + b"1.2.3.4-," * 50_000,
+        for content in (b"\0" * 10_000, bytes(range(256)) * 100, b"IPBlackList=" + b"1.2.3.4-," * 50_000,
                         b"[" * 100_000, b"\xef\xbb\xbf[Common]\nnovalue", os.urandom(100_000)):
             self.run_bad(b"[Common]\nIgnoreIniErrors=0\n" + content, free_port())
 
