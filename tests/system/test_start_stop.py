@@ -226,7 +226,7 @@ class BadStart(Story):
         text = proxy.ini.read_text().splitlines()
         place = f'Error reading initialization file "{proxy.ini}", line '
         wrong = "Error parsing initialization file. Section: \"Common\", Key name: "
-        # The port is read before everything else; all in the order of the table of settings.
+        proxy.wait_for_log("Listen on: ")
         self.assertEqual(proxy.log_lines()[:5], [
             f'{place}{text.index("novalue") + 1}. Error number: 321, Description: Invalid line: "novalue".',
             f'{place}{text.index("[Other]") + 1}. Error number: 321, Description: Invalid section name: "Other".',
