@@ -21,17 +21,11 @@ void LogFile::LogLine(std::string_view message) {
   if (observer_) observer_(message);
   if (configuration_.Log == 0) return;
   const DateTime now = clock_.Now();
-  if (!EnsureOpen(now)) return;
-  RestartTimer();
-  collected_.append(Stamp(now)).append(" ").append(message).append(kCrLf);
-  Collected();
+  if (EnsureOpen(now)) Append(Stamp(now), message);
 }
 
-void LogFile::WriteLines(std::string_view lines) {
-  if (configuration_.Log == 0 || !EnsureOpen(clock_.Now())) return;
-  RestartTimer();
-  collected_.append(lines);
-  Collected();
+void LogFile::WriteUnstamped(std::string_view line) {
+  if (configuration_.Log != 0 && EnsureOpen(clock_.Now())) Append({}, line);
 }
 
 void LogFile::Close() {
@@ -58,11 +52,12 @@ bool LogFile::EnsureOpen(DateTime now) {
   return false;
 }
 
-// A busy log writes many lines a second, so the text is made once for all of them.
+// What stands before a message. A busy log writes many lines a second, so the text is made once for all of
+// them.
 const std::string& LogFile::Stamp(DateTime now) {
   const std::int64_t second = std::llround((now - kUnixEpoch) * kSecondsPerDay);
   if (second != stamp_second_) {
-    stamp_ = FormatLogStamp(now);
+    stamp_ = FormatLogStamp(now) + " ";
     stamp_second_ = second;
   }
   return stamp_;
@@ -73,7 +68,9 @@ void LogFile::RestartTimer() {
   if (timer_ != nullptr && (!flush_is_due_ || !timer_->Enabled())) timer_->Enable();
 }
 
-void LogFile::Collected() {
+void LogFile::Append(std::string_view stamp, std::string_view text) {
+  RestartTimer();
+  collected_.append(stamp).append(text).append(kCrLf);
   if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) return Flush();
   if (flush_is_due_) return;
   flush_is_due_ = true;

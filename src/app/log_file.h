@@ -37,9 +37,8 @@ class LogFile final : public Log {
 
   // Drops the line when `Log` is 0.
   void LogLine(std::string_view message) override;
-  // Writes whole lines as they are, without time stamps; otherwise like LogLine. For the dump of the
-  // configuration.
-  void WriteLines(std::string_view lines);
+  // Writes one line without a time stamp; otherwise like LogLine. For the dump of the configuration.
+  void WriteUnstamped(std::string_view line);
   // Writes what has collected and closes the file; the next line opens one again.
   void Close();
 
@@ -55,8 +54,8 @@ class LogFile final : public Log {
  private:
   bool EnsureOpen(DateTime now);
   const std::string& Stamp(DateTime now);
+  void Append(std::string_view stamp, std::string_view text);
   void RestartTimer();
-  void Collected();
   void Flush();
 
   const Configuration& configuration_;

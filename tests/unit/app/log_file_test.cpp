@@ -105,7 +105,7 @@ TEST_F(LogFileTest, ErrorsHaveNumberSourceAndDescription) {
 TEST_F(LogFileTest, NothingIsWrittenWithoutLogging) {
   configuration_.Log = 0;
   log_.LogLine("a");
-  log_.WriteLines("b\r\n");
+  log_.WriteUnstamped("b");
   EXPECT_FALSE(fs::exists(configuration_.LogPath));
   configuration_.Log = 2;
   log_.LogLine("c");
@@ -167,7 +167,8 @@ TEST_F(LogFileTest, FoldersAndPortsAreReadWhenTheFileIsOpened) {
 
 TEST_F(LogFileTest, WholeLinesAreWrittenWithoutAStamp) {
   log_.LogLine("a");
-  log_.WriteLines("[Common]\r\nLog = 2\r\n");
+  log_.WriteUnstamped("[Common]");
+  log_.WriteUnstamped("Log = 2");
   EXPECT_EQ(File("Trabex-25-261115.log"), "15/11/26 13:54:24 a\r\n[Common]\r\nLog = 2\r\n");
 }
 
