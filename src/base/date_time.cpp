@@ -99,7 +99,9 @@ std::string FormatFileDate(DateTime local) {
 }
 
 std::string FormatDuration(double days) {
-  const auto seconds = days > 0 ? static_cast<std::int64_t>(std::llround(days * kSecondsPerDay)) : 0;
+  // Whole days are dropped first, so that no span is too long for the seconds.
+  const bool is_span = days > 0 && std::isfinite(days);
+  const std::int64_t seconds = is_span ? std::llround(std::fmod(days, 1.0) * kSecondsPerDay) : 0;
   CalendarTime time;
   time.hour = static_cast<int>(seconds / 3600 % 24);
   time.minute = static_cast<int>(seconds / 60 % 60);

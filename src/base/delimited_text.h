@@ -2,7 +2,8 @@
 //
 // A delimited part runs from an open delimiter to the next close delimiter; a close delimiter that another
 // one follows at once does not end the part (doubling escapes it). With an empty open delimiter there are no
-// delimited parts; an empty close delimiter means the same as the open one.
+// delimited parts; an empty close delimiter means the same as the open one (not in Undelimit, where it means
+// that there is none).
 #pragma once
 
 #include <cstddef>

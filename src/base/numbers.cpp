@@ -84,8 +84,9 @@ std::optional<FixedPoint> ParseFixedPoint(std::string_view text, std::int64_t mu
   }
   if (number->fraction.size() > kPlaces) value = RoundHalfEven(*value, number->fraction.substr(kPlaces));
   using Limits = std::numeric_limits<FixedPoint>;
-  // Bounded before the product, so that the product stays within the wide type.
-  if (*value > Limits::max()) return std::nullopt;
+  // Bounded before the product, so that the product stays within the wide type. The least number is one
+  // further from zero than the greatest.
+  if (*value > Wide{Limits::max()} + 1) return std::nullopt;
   value = *value * multiplier;
   if (number->negative) value = -*value;
   if (*value < Limits::min() || *value > Limits::max()) return std::nullopt;

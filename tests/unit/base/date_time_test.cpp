@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <string>
+
 namespace trabex {
 namespace {
 
@@ -32,6 +35,67 @@ TEST(DateTime, CalendarFieldsComeBack) {
   EXPECT_EQ(ToCalendar(At(2024, 2, 29, 0, 0, 0) + 1).month, 3);
 }
 
+TEST(DateTime, EveryDayFollowsTheOneBefore) {
+  CalendarTime before = ToCalendar(At(1899, 12, 31, 12, 0, 0));
+  for (int day = 2; day < 90000; ++day) {
+    const CalendarTime time = ToCalendar(day + 0.5);
+    ASSERT_EQ(time.weekday, (before.weekday + 1) % 7) << day;
+    if (time.day != 1) {
+      ASSERT_EQ(time.day, before.day + 1) << day;
+    } else if (time.month != 1) {
+      ASSERT_EQ(time.month, before.month + 1) << day;
+    } else {
+      ASSERT_EQ(time.year, before.year + 1) << day;
+    }
+    ASSERT_EQ(FromCalendar(time), day + 0.5);
+    before = time;
+  }
+  EXPECT_EQ(before.year, 2146);
+}
+
+TEST(DateTime, LeapYearsAndFarYears) {
+  for (int year : {1600, 2000, 2024}) EXPECT_EQ(ToCalendar(At(year, 2, 28, 0, 0, 0) + 1).month, 2) << year;
+  for (int year : {100, 1900, 2023, 9999})
+    EXPECT_EQ(ToCalendar(At(year, 2, 28, 0, 0, 0) + 1).month, 3) << year;
+  EXPECT_EQ(ToCalendar(At(9999, 12, 31, 23, 59, 59)).year, 9999);
+  EXPECT_EQ(ToCalendar(At(1899, 12, 29, 6, 0, 0)).day, 29);
+  EXPECT_EQ(ToCalendar(At(1899, 12, 29, 6, 0, 0)).hour, 6);
+}
+
+TEST(DateTime, IsRoundedToTheNearestSecond) {
+  const DateTime time = At(2026, 12, 31, 23, 59, 59);
+  EXPECT_EQ(FormatGeneralDate(time + 0.4 / kSecondsPerDay), "31/12/2026 23:59:59");
+  EXPECT_EQ(FormatGeneralDate(time + 0.6 / kSecondsPerDay), "01/01/2027 00:00:00");
+  EXPECT_EQ(FormatFileDate(time + 0.6 / kSecondsPerDay), "270101");
+  // No second of a day is lost or doubled on the way to days and back.
+  for (int second = 0; second < 86400; ++second) {
+    const CalendarTime back = ToCalendar(FromUnix(1794700800 + second, 0));
+    ASSERT_EQ(back.hour * 3600 + back.minute * 60 + back.second, second);
+  }
+}
+
+TEST(DateTime, NumbersThatAreNoTimeGiveSomeText) {
+  // Such as a damaged file may hold.
+  for (double time : {std::nan(""), HUGE_VAL, -HUGE_VAL, 1e300, -1e300, 1e15, -1e6}) {
+    EXPECT_FALSE(FormatGeneralDate(time).empty());
+    EXPECT_FALSE(FormatRFCDate(time, 60).empty());
+    EXPECT_EQ(FormatDuration(time).size(), 8U) << time;
+  }
+}
+
+TEST(RFCDate, NamesEveryDayAndMonth) {
+  const char* const days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+  const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  for (int day = 0; day < 7; ++day) {
+    // 15 November 2026 is a Sunday.
+    EXPECT_EQ(FormatRFCDate(At(2026, 11, 15 + day, 0, 0, 0), 0).substr(0, 5), std::string(days[day]) + ", ");
+  }
+  for (int month = 1; month <= 12; ++month) {
+    EXPECT_EQ(FormatRFCDate(At(2026, month, 1, 0, 0, 0), 0).substr(8, 3), months[month - 1]);
+  }
+}
+
 TEST(RFCDate, HasANumericZone) {
   const DateTime time = At(2026, 11, 15, 16, 54, 24);
   EXPECT_EQ(FormatRFCDate(time, -180), "Sun, 15 Nov 2026 16:54:24 +0300");
@@ -52,6 +116,9 @@ TEST(Duration, ShowsHoursWithinTheDay) {
   EXPECT_EQ(FormatDuration(3661 / kSecondsPerDay), "01:01:01");
   EXPECT_EQ(FormatDuration(1.5), "12:00:00");
   EXPECT_EQ(FormatDuration(-1), "00:00:00");
+  EXPECT_EQ(FormatDuration(86399.4 / kSecondsPerDay), "23:59:59");
+  EXPECT_EQ(FormatDuration(86399.6 / kSecondsPerDay), "00:00:00");
+  EXPECT_EQ(FormatDuration(5 / kMinutesPerDay), "00:05:00");
 }
 
 }  // namespace
