@@ -131,7 +131,7 @@ void cReplace::ApplyRule(std::string& text) const {
 }
 
 std::string cReplace::Format() const {
-  const std::string replacement = "<" + replacement_ + ">";
+  std::string replacement = "<" + replacement_ + ">";
   if (search_.empty()) return replacement;
   return "<" + search_ + (case_sensitive_ ? ">==" : ">=") + replacement;
 }
