@@ -31,7 +31,8 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare);
 std::optional<std::string> NormalizeMailbox(std::string_view address);
 
 // Whether a server that trusts the sender may route the address on to a domain inside its local part: that,
-// without its quotes, holds "@", "%" or "!". `address` has the form of NormalizeMailbox.
+// without its quotes, holds "@", "%" or "!". `address` may be any: its local part is what stands between a
+// source route and the last "@", so that of x@evil.test@local.test, which has no one form, is x@evil.test.
 bool HasRouteInLocalPart(std::string_view address);
 
 }  // namespace trabex
