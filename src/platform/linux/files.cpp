@@ -23,7 +23,7 @@ namespace {
 // replaced by a newer one.
 const std::string& ProgramPath() {
   static const std::string path = [] {
-    std::array<char, PATH_MAX> room;
+    std::array<char, PATH_MAX> room{};
     const ssize_t length = readlink("/proc/self/exe", room.data(), room.size());
     if (length < 0) RaiseFileError(errno, "mFiles.ProgramPath");
     std::string found(room.data(), static_cast<std::size_t>(length));

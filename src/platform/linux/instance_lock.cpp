@@ -68,11 +68,11 @@ void ReadSender(msghdr& header, Message& message) {
 
 // False when nothing waits.
 bool ReceiveMessage(int socket, Message& message) {
-  std::array<char, 16> text;
+  std::array<char, 16> text{};
   iovec room{text.data(), text.size()};
   // Exactly the room of the credentials: file descriptors that somebody attaches find none and are closed by
   // the system.
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control;
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
   msghdr header{};
   header.msg_iov = &room;
   header.msg_iovlen = 1;
