@@ -90,10 +90,6 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     // Not in angle brackets, or they are unbalanced: the setting decides.
   }
   if (bare == BareAddresses::kRefuse) return result;
-  if (bare == BareAddresses::kForwardUnchecked) {
-    result.verdict = PathArgument::Verdict::kForwardUnchecked;
-    return result;
-  }
   if (part.empty()) {
     part = FirstWord(text);
     result.parameters = text.substr(part.size());
@@ -105,7 +101,8 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
-  result.verdict = PathArgument::Verdict::kTaken;
+  result.verdict =
+      bare == BareAddresses::kTake ? PathArgument::Verdict::kTaken : PathArgument::Verdict::kForwardUnchecked;
   return result;
 }
 

@@ -14,7 +14,9 @@ enum class BareAddresses : int { kTake = 0, kRefuse = 1, kForwardUnchecked = 2 }
 struct PathArgument {
   enum class Verdict { kTaken, kSyntaxError, kForwardUnchecked };
   Verdict verdict = Verdict::kSyntaxError;
-  std::string address;  // without brackets, blanks around it dropped; not yet in its one form
+  // Without brackets, blanks around it dropped; not yet in its one form. What is forwarded unchecked has one
+  // too, as well as it can be told.
+  std::string address;
   std::string_view
       parameters;  // what follows the address, with the blank before it; points into the argument
 };
