@@ -95,8 +95,8 @@ class FolderWatch final : public ChangeWatch {
       for (ssize_t at = 0; at < length;) {
         inotify_event event{};
         std::memcpy(&event, room.data() + at, sizeof event);
-        // Lost events (an overflow) may have been anything.
-        if ((event.mask & (kChanged | IN_Q_OVERFLOW | IN_UNMOUNT)) != 0) changed = true;
+        // What is left are notes on watches and on lost events; the latter stand behind many that count.
+        if ((event.mask & (kChanged | IN_UNMOUNT)) != 0) changed = true;
         at += static_cast<ssize_t>(sizeof event + event.len);
       }
     }

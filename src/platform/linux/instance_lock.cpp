@@ -80,8 +80,7 @@ bool ReceiveMessage(int socket, Message& message) {
   header.msg_controllen = control.size();
   const ssize_t length = recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   if (length < 0) return false;
-  // A longer message is cut, which makes it no exit request either.
-  if ((header.msg_flags & MSG_TRUNC) == 0) message.text.assign(text.data(), static_cast<std::size_t>(length));
+  message.text.assign(text.data(), static_cast<std::size_t>(length));  // cut, but still longer than ours
   ReadSender(header, message);
   return true;
 }

@@ -121,8 +121,11 @@ TEST(HostsFile, UnreadableFileKeepsWhatWasKnown) {
   ASSERT_TRUE(std::filesystem::create_directory(path));  // opens for nobody as a file
   clock.Advance(std::chrono::seconds(1));
   EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  // Once it can be read again it counts, even if its date is still the same.
+  const auto date = std::filesystem::last_write_time(path);
   std::filesystem::remove(path);
   WriteFile(path, "192.0.2.2 a\n");
+  std::filesystem::last_write_time(path, date);
   clock.Advance(std::chrono::seconds(1));
   EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000202});
 }

@@ -616,6 +616,8 @@ TEST_F(NameLookupTest, ThousandsThatHangEndInTime) {
   clock_.Advance(seconds(1));
   RunUntilIdle(loop_);
   EXPECT_LE(OpenDescriptors(), before) << "what nobody waits for is dropped";
+  clock_.Advance(seconds(1));
+  EXPECT_FALSE(loop_.RunOnce(milliseconds(0))) << "nothing is left to do";
 }
 
 // A fixed port would leave only the number of the question to be guessed by one who forges answers.
@@ -626,6 +628,38 @@ TEST_F(NameLookupTest, QuestionsComeFromChangingPorts) {
     ports.insert(server_.LastPort());
   }
   EXPECT_GT(ports.size(), 10U);
+  // Nor does it stay for long where one question follows the other and the socket is never idle.
+  server_.SetSilent("silent.test");
+  std::string silent;
+  Ask("silent.test", silent);
+  ports.clear();
+  for (int i = 0; i < 1100; ++i) {
+    ASSERT_EQ(Outcome("missing.test"), "11001");
+    ports.insert(server_.LastPort());
+  }
+  EXPECT_GT(ports.size(), 1U);
+  EXPECT_EQ(silent, "");
+}
+
+TEST_F(NameLookupTest, SocketGoesWithTheLastThatWaits) {
+  server_.SetSilent("silent.test");
+  const auto socket_of_next = [&] {
+    EXPECT_EQ(Outcome("missing.test"), "11001");
+    return server_.LastPort();
+  };
+  std::string silent;
+  const LookupId first = Ask("silent.test", silent);
+  Ask("silent.test", silent);
+  ASSERT_TRUE(Asked("silent.test", 2));
+  const std::uint16_t port = server_.LastPort();
+  lookup_->Cancel(first);
+  clock_.Advance(milliseconds(200));
+  RunUntilIdle(loop_);
+  EXPECT_EQ(socket_of_next(), port);
+  clock_.Advance(seconds(5));
+  RunUntilIdle(loop_);
+  EXPECT_EQ(silent, "11002");
+  EXPECT_NE(socket_of_next(), port);
 }
 
 // Uses up all descriptors of the process while it lives.
@@ -635,7 +669,7 @@ class NoDescriptorsLeft {
     getrlimit(RLIMIT_NOFILE, &before_);
     const rlimit limit{std::min<rlim_t>(256, before_.rlim_max), before_.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limit);
-    for (int number = Another(); number >= 0; number = Another()) taken_.push_back(number);
+    TakeRest();
     EXPECT_EQ(errno, EMFILE);
   }
   ~NoDescriptorsLeft() {
@@ -645,6 +679,11 @@ class NoDescriptorsLeft {
   NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
   NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
 
+  // Also those that were given back meanwhile.
+  void TakeRest() {
+    for (int number = Another(); number >= 0; number = Another()) taken_.push_back(number);
+  }
+
  private:
   static int Another() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
 
@@ -653,10 +692,19 @@ class NoDescriptorsLeft {
 };
 
 TEST_F(NameLookupTest, DescriptorsUsedUpBySessionsDoNotStopLookups) {
-  server_.SetAddresses("one.test", {kAddress1});
-  const NoDescriptorsLeft all_taken;
+  // The servers must be read from the file then; without it the first address of loopback would be asked.
+  DnsServer server(loop_, "127.0.0.2", server_.Port());
+  server.SetAddresses("one.test", {kAddress1});
+  const std::string path = folder_ / "resolv.conf";
+  WriteFile(path, "nameserver " + server.Host() + "\n");
+  lookup_ =
+      MakeNameLookup(loop_, {.hosts_file = folder_ / "hosts", .resolver_file = path, .port = server.Port()});
+  NoDescriptorsLeft all_taken;
   // More than one channel takes, so that some begin meanwhile.
-  for (int i = 0; i < 2500; ++i) ASSERT_EQ(Outcome("one.test"), "192.0.2.1") << i;
+  for (int i = 0; i < 2500; ++i) {
+    ASSERT_EQ(Outcome("one.test"), "192.0.2.1") << i;
+    all_taken.TakeRest();
+  }
 }
 
 TEST_F(NameLookupTest, ChangedServersAreAsked) {
