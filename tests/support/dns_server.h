@@ -89,17 +89,23 @@ inline std::string NameAnswer(const DnsQuestion& question, const std::vector<std
 
 class DnsServer {
  public:
+  // For a second server on the same port.
+  static constexpr const char* kOtherHost = "127.0.0.2";
+
   // The messages to send back, in this order; none: silence.
   using Rule = std::function<std::vector<std::string>(const DnsQuestion&)>;
 
-  // `loop` outlives the server. `host` is one of loopback's addresses, `port` 0 any that is free.
-  explicit DnsServer(EventLoop& loop, std::string host = "127.0.0.1", std::uint16_t port = 0)
+  // `loop` outlives the server.
+  explicit DnsServer(EventLoop& loop) : DnsServer(loop, "127.0.0.1", FreePort()) {}
+  // `host` is 127.0.0.1 or kOtherHost.
+  DnsServer(EventLoop& loop, std::string host, std::uint16_t port)
       : loop_(loop),
         host_(std::move(host)),
-        udp_(BoundSocket(SOCK_DGRAM, port)),
-        listener_(BoundSocket(SOCK_STREAM, Port())),
+        udp_(BoundSocket(SOCK_DGRAM, host_, port)),
+        listener_(BoundSocket(SOCK_STREAM, host_, port)),
         udp_watch_(loop, udp_, [this](ForeignReadiness) { ReadQuestions(); }),
         listener_watch_(loop, listener_, [this](ForeignReadiness) { AcceptConnection(); }) {
+    EXPECT_GE(udp_, 0) << "no port for the DNS server";
     EXPECT_EQ(listen(listener_, 16), 0);
     udp_watch_.SetInterest({.readable = true});
     listener_watch_.SetInterest({.readable = true});
@@ -116,12 +122,7 @@ class DnsServer {
   // "127.0.0.1:port", and the parts.
   std::string Address() const { return host_ + ":" + std::to_string(Port()); }
   const std::string& Host() const { return host_; }
-  std::uint16_t Port() const {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(udp_, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin_port);
-  }
+  std::uint16_t Port() const { return PortOf(udp_); }
 
   // What happens for `name`; for anything else "no such name" is answered.
   void Set(std::string_view name, Rule rule) { rules_[ToLower(name)] = std::move(rule); }
@@ -183,14 +184,40 @@ class DnsServer {
     ForeignWatch watch;
   };
 
-  int BoundSocket(int type, std::uint16_t port) const {
+  // -1 when the port is taken.
+  static int BoundSocket(int type, const std::string& host, std::uint16_t port) {
     const int number = socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    inet_pton(AF_INET, host_.c_str(), &address.sin_addr);
+    inet_pton(AF_INET, host.c_str(), &address.sin_addr);
     address.sin_port = htons(port);
-    EXPECT_EQ(bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return number;
+    if (bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return number;
+    close(number);
+    return -1;
+  }
+  static std::uint16_t PortOf(int number) {
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    getsockname(number, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+  }
+  // A port that nobody has, on either host and with either transport.
+  static std::uint16_t FreePort() {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+      const int udp = BoundSocket(SOCK_DGRAM, "127.0.0.1", 0);
+      const std::uint16_t port = PortOf(udp);
+      const std::array<int, 3> others{BoundSocket(SOCK_STREAM, "127.0.0.1", port),
+                                      BoundSocket(SOCK_DGRAM, kOtherHost, port),
+                                      BoundSocket(SOCK_STREAM, kOtherHost, port)};
+      bool free = true;
+      for (const int number : others) {
+        if (number < 0) free = false;
+        close(number);
+      }
+      close(udp);
+      if (free) return port;
+    }
+    return 0;
   }
 
   static DnsQuestion Parsed(std::string packet, bool over_tcp) {

@@ -693,7 +693,7 @@ class NoDescriptorsLeft {
 
 TEST_F(NameLookupTest, DescriptorsUsedUpBySessionsDoNotStopLookups) {
   // The servers must be read from the file then; without it the first address of loopback would be asked.
-  DnsServer server(loop_, "127.0.0.2", server_.Port());
+  DnsServer server(loop_, DnsServer::kOtherHost, server_.Port());
   server.SetAddresses("one.test", {kAddress1});
   const std::string path = folder_ / "resolv.conf";
   WriteFile(path, "nameserver " + server.Host() + "\n");
@@ -708,7 +708,7 @@ TEST_F(NameLookupTest, DescriptorsUsedUpBySessionsDoNotStopLookups) {
 }
 
 TEST_F(NameLookupTest, ChangedServersAreAsked) {
-  DnsServer other(loop_, "127.0.0.2", server_.Port());
+  DnsServer other(loop_, DnsServer::kOtherHost, server_.Port());
   server_.SetAddresses("x.test", {kAddress1});
   server_.SetSilent("slow.test");
   other.SetAddresses("x.test", {kAddress2});
