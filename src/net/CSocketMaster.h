@@ -116,9 +116,69 @@ class CSocketMaster final : public SocketSink {
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
 
  private:
-  friend class modSocketMaster;
   struct Rare;  // what only few sockets need, so that a session's stay small
-  // (filled in by the implementation)
+  struct PeerIdentity {
+    std::int32_t port = 0;
+    std::string host_ip;
+    std::string host;
+  };
+
+  bool SocketExists();
+  void ProcessOptions();
+  bool BindInternal(std::optional<std::int32_t> port, const std::string& ip);
+  // The address, or nothing after starting a look-up of the name.
+  std::optional<std::uint32_t> ResolveIfHostname(const std::string& host);
+  void OnHostAnswer(const AddressAnswer& answer);
+  void ConnectToIP(std::uint32_t address, int error);
+  bool BindForConnect();
+  void CancelLookups();
+  void ForgetPeerName();
+  void OnNameAnswer(const NameAnswer& answer);
+  std::string GetLocalHostName();
+  std::string GetLocalIP();
+
+  void PostSocket(SocketEvent event, int error);
+  void OnRead();
+  void OnAccept();
+  void OnConnected();
+
+  std::size_t SendPieces(std::string_view data, int& error);
+  void FinishFlush(std::size_t sent, int error);
+  void FlushPending();
+  void SendBufferedDataUDP(std::string_view data);
+  std::size_t SendChunk();
+  std::size_t ReceiveChunk();
+  // `source` names the caller in errors.
+  void CheckReadable(std::int32_t max_length, const char* source) const;
+  template <class Take>
+  std::size_t ReceiveUpTo(std::size_t limit, Take take);
+  std::int32_t RecvData(std::string& data, bool peek, std::int32_t max_length);
+
+  template <class Handler, class... Arguments>
+  void Raise(const Handler& handler, std::string_view source, Arguments&&... arguments);
+  void ReportError(int number, const char* source);
+  Rare& GetRare();
+
+  modSocketMaster& module_;
+  trabex::SocketHandle socket_;
+  SocketState state_ = SocketState::sckClosed;
+  SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
+  bool established_ = false;     // the connection has stood since the socket was created
+  bool ask_local_port_ = false;  // the system chose it; it is asked for when somebody wants to know
+  std::int32_t remote_port_ = 0;
+  std::int32_t local_port_ = 0;        // as requested
+  std::int32_t bound_local_port_ = 0;  // as the system chose it, 0: not known
+  std::uint32_t remote_address_ = 0;   // that a connect is under way to
+  std::int32_t send_chunk_ = 0;        // 0: not asked for yet, as for the next
+  std::int32_t receive_chunk_ = 0;
+  std::int64_t bytes_received_ = 0;
+  std::int64_t bytes_sent_ = 0;
+  std::string remote_host_;
+  std::string remote_host_ip_;
+  ByteQueue send_;     // accepted and not sent
+  ByteQueue receive_;  // received and not consumed: what PeekData left
+  LookupId host_lookup_ = 0;
+  std::unique_ptr<Rare> rare_;
 };
 
 }  // namespace trabex

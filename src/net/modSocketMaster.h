@@ -6,10 +6,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
+#include <optional>
+#include <span>
 #include <string_view>
+#include <vector>
 
 #include "base/log.h"
+#include "net/accept_pause.h"
+#include "net/lingering_sockets.h"
 #include "platform/name_lookup.h"
 #include "platform/sockets.h"
 
@@ -22,8 +26,8 @@ std::string_view SocketErrorText(int number);
 
 class modSocketMaster {
  public:
-  // All references outlive this object. `log` gets errors that leave an event handler, and the line that says
-  // that descriptors have run out.
+  // All references outlive this object, and it outlives every CSocketMaster. `log` gets errors that leave an
+  // event handler, and the line that says that descriptors have run out.
   modSocketMaster(Sockets& sockets, NameLookup& names, Log& log);
   ~modSocketMaster();
   modSocketMaster(const modSocketMaster&) = delete;
@@ -35,9 +39,40 @@ class modSocketMaster {
   // there is none.
   void WhenNoneLingers(std::function<void()> emptied);
 
+  // The service runs from the first socket object's creation to the last one's release; it is what they
+  // share: one buffer to receive into.
+  bool ServiceStarted() const { return scratch_ != nullptr; }
+  std::size_t ObjectCount() const { return object_count_; }
+
  private:
   friend class CSocketMaster;
-  // (filled in by the implementation)
+
+  // A connection that was accepted and waits for its owner, as long as its ConnectionRequest is raised.
+  struct Unclaimed {
+    SocketHandle socket;
+    Endpoint peer;
+  };
+
+  static constexpr std::size_t kScratchBytes = 65536;
+
+  void InitiateProcesses();
+  void FinalizeProcesses();
+  std::span<char> Scratch() { return {scratch_.get(), kScratchBytes}; }
+
+  void Keep(const Unclaimed& connection) { unclaimed_.push_back(connection); }
+  // Takes the connection that `requestID` names out of those kept.
+  std::optional<Unclaimed> Claim(std::int32_t requestID);
+  // Every socket of this room is closed here, or lingers first.
+  void CloseSocket(SocketHandle socket);
+
+  Sockets& sockets_;
+  NameLookup& names_;
+  Log& log_;
+  std::vector<Unclaimed> unclaimed_;
+  AcceptPause pause_;
+  LingeringSockets lingering_;
+  std::size_t object_count_ = 0;
+  std::unique_ptr<char[]> scratch_;
 };
 
 }  // namespace trabex

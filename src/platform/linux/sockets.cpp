@@ -135,8 +135,8 @@ int Sockets::BindExclusively(SocketHandle socket, Endpoint local) {
 int Sockets::Listen(SocketHandle socket, int backlog) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  // Accepted sockets have this option from their listener.
-  if (const int error = SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
+  // Accepted sockets have this option from their listener. Where it fails, listen says why.
+  SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY);
   const int length =
       backlog > 0 ? backlog : std::numeric_limits<int>::max();  // the kernel cuts it to its own
   if (const int error = Outcome(listen(entry->descriptor, length)); error != 0) return error;

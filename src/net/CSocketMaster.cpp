@@ -1,0 +1,336 @@
+// The socket object's properties and methods. What happens from the loop stands in socket_progress.cpp,
+// sending and receiving in socket_data.cpp.
+#include "net/CSocketMaster.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "net/CSocketMaster_impl.h"
+#include "net/known_host.h"
+#include "platform/dotted_address.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::int32_t kGreatestPort = 65535;
+constexpr const char* kAnyAddress = "0.0.0.0";
+
+const std::string& NoText() {
+  static const std::string none;
+  return none;
+}
+
+bool IsPort(std::int32_t port) {
+  return port >= 0 && port <= kGreatestPort;
+}
+
+// A name from DNS is whatever the address's owner wants; only plain ones count.
+bool IsPlainHostName(std::string_view name) {
+  return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
+           c == '_' || c == '.';
+  });
+}
+
+}  // namespace
+
+CSocketMaster::CSocketMaster(modSocketMaster& module) : module_(module) {
+  module_.InitiateProcesses();
+}
+
+CSocketMaster::~CSocketMaster() {
+  CancelLookups();
+  if (!socket_.IsNone()) {
+    module_.pause_.Forget(socket_);
+    module_.CloseSocket(socket_);
+  }
+  module_.FinalizeProcesses();
+}
+
+CSocketMaster::Rare& CSocketMaster::GetRare() {
+  if (!rare_) rare_ = std::make_unique<Rare>();
+  return *rare_;
+}
+
+std::int32_t CSocketMaster::RemotePort() const {
+  return remote_port_;
+}
+
+void CSocketMaster::SetRemotePort(std::int32_t lngPort) {
+  if (protocol_ == SocketProtocol::sckTCPProtocol && state_ != SocketState::sckClosed) {
+    RaiseInvalidState("CSocketMaster.RemotePort");
+  }
+  if (!IsPort(lngPort)) RaiseBadArgument("CSocketMaster.RemotePort");
+  remote_port_ = lngPort;
+}
+
+const std::string& CSocketMaster::RemoteHost() const {
+  return remote_host_;
+}
+
+void CSocketMaster::SetRemoteHost(std::string strHost) {
+  if (protocol_ == SocketProtocol::sckTCPProtocol && state_ != SocketState::sckClosed) {
+    RaiseInvalidState("CSocketMaster.RemoteHost");
+  }
+  remote_host_ = std::move(strHost);
+}
+
+const std::string& CSocketMaster::RemoteHostIP() const {
+  return remote_host_ip_;
+}
+
+std::int32_t CSocketMaster::LocalPort() const {
+  if (bound_local_port_ != 0) return bound_local_port_;
+  Endpoint local;
+  if (ask_local_port_ && module_.sockets_.LocalEndpoint(socket_, local) == 0 && local.port != 0) {
+    return local.port;
+  }
+  return local_port_;
+}
+
+void CSocketMaster::SetLocalPort(std::int32_t lngPort) {
+  if (state_ != SocketState::sckClosed) RaiseInvalidState("CSocketMaster.LocalPort");
+  if (!IsPort(lngPort)) RaiseBadArgument("CSocketMaster.LocalPort");
+  local_port_ = lngPort;
+}
+
+SocketState CSocketMaster::State() const {
+  return state_;
+}
+
+std::string CSocketMaster::LocalHostName(bool bNotCached) {
+  Rare& rare = GetRare();
+  if (bNotCached || !rare.local_host_name_valid) {
+    rare.local_host_name = GetLocalHostName();
+    rare.local_host_name_valid = true;
+  }
+  return rare.local_host_name;
+}
+
+std::string CSocketMaster::GetLocalHostName() {
+  const NameAnswer answer = module_.names_.LocalHostName();
+  Check(answer.error, "CSocketMaster.GetLocalHostName");
+  return answer.name;
+}
+
+// Nothing here may wait for a name, so both ways of asking give the answer of the last look-up.
+std::string CSocketMaster::RemoteHostName(bool /*bNotCached*/) {
+  Check(rare_ ? rare_->remote_host_name_error : socket_error::kTryAgain, "CSocketMaster.GetRemoteHostName");
+  return rare_->remote_host_name;
+}
+
+void CSocketMaster::LookUpRemoteHostName(std::function<void()> done) {
+  Endpoint peer;
+  Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
+  Rare& rare = GetRare();
+  rare.name_done = std::move(done);
+  if (rare.name_lookup != 0) return;
+  rare.name_lookup =
+      module_.names_.FindName(peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer); });
+}
+
+void CSocketMaster::OnNameAnswer(const NameAnswer& answer) {
+  Rare& rare = GetRare();
+  rare.name_lookup = 0;
+  const bool named = answer.error == 0 && IsPlainHostName(answer.name);
+  rare.remote_host_name = named ? answer.name : std::string();
+  rare.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
+  const auto done = std::exchange(rare.name_done, nullptr);
+  Raise(done, "CSocketMaster.LookUpRemoteHostName");
+}
+
+std::string CSocketMaster::LocalIP() {
+  if (state_ == SocketState::sckOpen || state_ == SocketState::sckListening) return GetRare().local_ip;
+  return GetLocalIP();
+}
+
+std::string CSocketMaster::GetLocalIP() {
+  constexpr const char* kSource = "CSocketMaster.GetLocalIP";
+  const NameAnswer name = module_.names_.LocalHostName();
+  Check(name.error, kSource);
+  const HostAddress address = LookUpKnownHost(module_.names_, name.name);
+  Check(address.error, kSource);
+  return address.text;
+}
+
+std::int64_t CSocketMaster::BytesReceived() const {
+  return bytes_received_;
+}
+
+std::int64_t CSocketMaster::BytesSent() const {
+  return bytes_sent_;
+}
+
+std::int32_t CSocketMaster::SocketHandle() const {
+  return socket_.index;
+}
+
+const std::string& CSocketMaster::Tag() const {
+  return rare_ ? rare_->tag : NoText();
+}
+
+void CSocketMaster::SetTag(std::string strTag) {
+  GetRare().tag = std::move(strTag);
+}
+
+SocketProtocol CSocketMaster::Protocol() const {
+  return protocol_;
+}
+
+void CSocketMaster::SetProtocol(SocketProtocol enmProtocol) {
+  if (state_ != SocketState::sckClosed) RaiseInvalidState("CSocketMaster.Protocol");
+  protocol_ = enmProtocol;
+}
+
+void CSocketMaster::CloseSck() {
+  if (socket_.IsNone()) return;
+  const SocketState before = std::exchange(state_, SocketState::sckClosing);
+  CancelLookups();
+  const bool peer_ended = before == SocketState::sckClosing;
+  // A connection that failed has nobody left to be polite to.
+  const bool linger = established_ && before != SocketState::sckError && !(peer_ended && send_.Empty());
+  const trabex::SocketHandle socket = std::exchange(socket_, {});
+  module_.pause_.Forget(socket);
+  if (linger) {
+    module_.lingering_.Take(socket, std::move(send_), peer_ended);
+  } else {
+    module_.CloseSocket(socket);
+  }
+  established_ = false;
+  ask_local_port_ = false;
+  bound_local_port_ = 0;
+  remote_host_ip_.clear();
+  send_.Clear();
+  receive_.Clear();
+  bytes_received_ = 0;
+  bytes_sent_ = 0;
+  send_chunk_ = 0;
+  receive_chunk_ = 0;
+  state_ = SocketState::sckClosed;
+}
+
+void CSocketMaster::CancelLookups() {
+  module_.names_.Cancel(std::exchange(host_lookup_, 0));
+  if (!rare_) return;
+  module_.names_.Cancel(std::exchange(rare_->name_lookup, 0));
+  rare_->name_done = nullptr;
+}
+
+void CSocketMaster::ForgetPeerName() {
+  if (!rare_) return;
+  rare_->remote_host_name.clear();
+  rare_->remote_host_name_error = socket_error::kTryAgain;
+}
+
+void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional<std::int32_t> RemotePort) {
+  constexpr const char* kSource = "CSocketMaster.Connect";
+  if (state_ != SocketState::sckClosed) RaiseInvalidState(kSource);
+  remote_host_ = std::move(RemoteHost).value_or(std::string());
+  if (RemotePort) {
+    if (*RemotePort == 0 || !IsPort(*RemotePort)) RaiseBadArgument(kSource);
+    remote_port_ = *RemotePort;
+  }
+  ForgetPeerName();
+  if (!SocketExists()) return;
+  if (protocol_ == SocketProtocol::sckUDPProtocol) {
+    if (BindInternal(std::nullopt, {})) state_ = SocketState::sckOpen;
+    return;
+  }
+  if (const auto address = ResolveIfHostname(remote_host_)) {
+    remote_host_ip_ = DottedAddress(*address);
+    ConnectToIP(*address, 0);
+  }
+}
+
+void CSocketMaster::Bind(std::optional<std::int32_t> LocalPort, const std::string& LocalIP) {
+  if (state_ != SocketState::sckClosed) RaiseInvalidState("CSocketMaster.Bind");
+  if (BindInternal(LocalPort, LocalIP)) state_ = SocketState::sckOpen;
+}
+
+bool CSocketMaster::SocketExists() {
+  if (!socket_.IsNone()) return true;
+  const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
+  if (const int error = module_.sockets_.Open(tcp ? Transport::kTcp : Transport::kUdp, socket_); error != 0) {
+    ReportError(error, "CSocketMaster.SocketExists");
+    return false;
+  }
+  ProcessOptions();
+  Check(module_.sockets_.Watch(socket_, this), "modSocketMaster.RegisterSocket");
+  return true;
+}
+
+// The sizes of the buffers are asked for when they are needed: most sockets never need them.
+void CSocketMaster::ProcessOptions() {
+  if (protocol_ == SocketProtocol::sckTCPProtocol) return;
+  Check(module_.sockets_.AllowBroadcast(socket_), "CSocketMaster.ProcessOptions");
+}
+
+bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::string& ip) {
+  constexpr const char* kSource = "CSocketMaster.BindInternal";
+  if (state_ == SocketState::sckOpen) return true;
+  const std::int32_t wanted = port.value_or(local_port_);
+  if (!IsPort(wanted)) RaiseBadArgument(kSource);
+  const HostAddress address = LookUpKnownHost(module_.names_, ip.empty() ? kAnyAddress : ip);
+  if (address.error != 0) RaiseBadAddress(kSource);
+  if (!SocketExists()) return false;
+  const Endpoint local{address.address, static_cast<std::uint16_t>(wanted)};
+  const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
+  Check(tcp ? module_.sockets_.BindExclusively(socket_, local) : module_.sockets_.Bind(socket_, local),
+        kSource);
+  GetRare().local_ip = address.text;
+  if (wanted != 0) {
+    local_port_ = wanted;
+    return true;
+  }
+  Endpoint bound;
+  Check(module_.sockets_.LocalEndpoint(socket_, bound), kSource);
+  bound_local_port_ = bound.port;
+  return true;
+}
+
+void CSocketMaster::Listen() {
+  constexpr const char* kSource = "CSocketMaster.Listen";
+  if (state_ != SocketState::sckClosed && state_ != SocketState::sckOpen) RaiseInvalidState(kSource);
+  if (!SocketExists()) return;
+  if (!BindInternal(std::nullopt, {})) return;
+  Check(module_.sockets_.Listen(socket_, 0), kSource);
+  state_ = SocketState::sckListening;
+}
+
+void CSocketMaster::Accept(std::int32_t requestID) {
+  constexpr const char* kSource = "CSocketMaster.Accept";
+  if (state_ != SocketState::sckClosed) RaiseInvalidState(kSource);
+  const auto connection = module_.Claim(requestID);
+  if (!connection) RaiseWrongProtocolOrState(kSource);
+  if (const int error = module_.sockets_.Watch(connection->socket, this); error != 0) {
+    module_.CloseSocket(connection->socket);
+    RaiseSocketError(error, "modSocketMaster.RegisterSocket");
+  }
+  if (!socket_.IsNone()) module_.CloseSocket(socket_);  // one that a failed Bind left
+  socket_ = connection->socket;
+  protocol_ = SocketProtocol::sckTCPProtocol;
+  bound_local_port_ = 0;
+  ask_local_port_ = true;
+  remote_port_ = connection->peer.port;
+  remote_host_ip_ = DottedAddress(connection->peer.address);
+  remote_host_.clear();
+  ForgetPeerName();
+  established_ = true;
+  state_ = SocketState::sckConnected;
+}
+
+std::vector<std::string> CSocketMaster::GetLocalIPAddresses() {
+  std::vector<std::uint32_t> addresses;
+  Check(module_.sockets_.LocalAddresses(addresses), "CSocketMaster.GetLocalIPAddresses");
+  std::vector<std::string> texts;
+  texts.reserve(addresses.size());
+  for (const std::uint32_t address : addresses) texts.push_back(DottedAddress(address));
+  return texts;
+}
+
+std::size_t CSocketMaster::PendingBytes() const {
+  return send_.Size();
+}
+
+}  // namespace trabex

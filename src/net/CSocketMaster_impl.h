@@ -1,0 +1,34 @@
+// What the files of CSocketMaster share.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "base/log.h"
+#include "net/CSocketMaster.h"
+#include "net/socket_errors.h"
+
+namespace trabex {
+
+struct CSocketMaster::Rare {
+  std::string tag;
+  std::string local_ip;  // that the socket was bound to, dotted
+  std::string local_host_name;
+  bool local_host_name_valid = false;
+  // The peer's name: the answer of the last look-up, or its error.
+  std::string remote_host_name;
+  int remote_host_name_error = socket_error::kTryAgain;
+  LookupId name_lookup = 0;
+  std::function<void()> name_done;
+};
+
+// Every event is a border: an error of the owner's handler is logged, and this object goes on.
+template <class Handler, class... Arguments>
+void CSocketMaster::Raise(const Handler& handler, std::string_view source, Arguments&&... arguments) {
+  if (!handler) return;
+  RunLogged(module_.log_, source, [&] { handler(std::forward<Arguments>(arguments)...); });
+}
+
+}  // namespace trabex

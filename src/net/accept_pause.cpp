@@ -1,0 +1,58 @@
+#include "net/accept_pause.h"
+
+#include <string>
+#include <utility>
+
+#include "net/modSocketMaster.h"
+
+namespace trabex {
+
+AcceptPause::AcceptPause(Sockets& sockets, Log& log)
+    : sockets_(sockets), log_(log), retry_(sockets.Loop(), kRetryInterval, [this] { Resume(); }) {}
+
+bool AcceptPause::IsExhaustion(int error) {
+  return error == socket_error::kTooManyOpenFiles || error == socket_error::kNoBufferSpace;
+}
+
+void AcceptPause::Pause(SocketHandle listener, SocketSink& sink, int error) {
+  sockets_.Watch(listener, nullptr);
+  paused_.push_back({listener, &sink});
+  retry_.Enable();
+  ++attempts_;
+  if (std::exchange(exhausted_, true)) return;
+  std::string line = "L: Error " + std::to_string(error) + ". ";
+  line.append(SocketErrorText(error)).append(" Accepting pauses until a session ends.");
+  log_.LogLine(line);
+}
+
+void AcceptPause::Forget(SocketHandle listener) {
+  std::erase_if(paused_, [&](const Listener& paused) { return paused.socket == listener; });
+}
+
+void AcceptPause::Accepted() {
+  if (!exhausted_) return;
+  ++attempts_;
+  WatchForEnd();
+}
+
+void AcceptPause::SocketClosed() {
+  if (!paused_.empty()) Resume();
+}
+
+void AcceptPause::Resume() {
+  retry_.Disable();
+  for (const Listener& listener : std::exchange(paused_, {})) sockets_.Watch(listener.socket, listener.sink);
+  WatchForEnd();
+}
+
+void AcceptPause::WatchForEnd() {
+  // A connection that waits is told in the next turn.
+  EventLoop& loop = sockets_.Loop();
+  loop.Post([this, &loop, attempts = attempts_, alive = std::weak_ptr<bool>(alive_)] {
+    loop.AtTurnEnd([this, attempts, alive] {
+      if (!alive.expired() && attempts == attempts_ && paused_.empty()) exhausted_ = false;
+    });
+  });
+}
+
+}  // namespace trabex

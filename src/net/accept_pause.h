@@ -1,0 +1,58 @@
+// What happens when a connection waits and the process or the system has no descriptor for it: the listener
+// pauses, instead of failing again and again, and goes on when one may be had.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "base/log.h"
+#include "platform/event_loop.h"
+#include "platform/sockets.h"
+
+namespace trabex {
+
+class AcceptPause {
+ public:
+  // The other ways in which descriptors become free (other processes, files) are not told to us, so it tries
+  // again by itself as well.
+  static constexpr Milliseconds kRetryInterval{1000};
+
+  // References outlive this object.
+  AcceptPause(Sockets& sockets, Log& log);
+  AcceptPause(const AcceptPause&) = delete;
+  AcceptPause& operator=(const AcceptPause&) = delete;
+
+  // Whether `error` of an accept means this.
+  static bool IsExhaustion(int error);
+
+  // Stops notifying `sink` of `listener`, which just failed to accept with `error`. Writes one line to the
+  // log for the whole period in which descriptors are short.
+  void Pause(SocketHandle listener, SocketSink& sink, int error);
+  // `listener` is closed.
+  void Forget(SocketHandle listener);
+  // A connection has been accepted.
+  void Accepted();
+  // A descriptor has become free: goes on.
+  void SocketClosed();
+
+ private:
+  struct Listener {
+    SocketHandle socket;
+    SocketSink* sink;
+  };
+
+  void Resume();
+  // Ends the period when a whole turn passes in which nobody waits to be accepted.
+  void WatchForEnd();
+
+  Sockets& sockets_;
+  Log& log_;
+  std::vector<Listener> paused_;
+  bool exhausted_ = false;      // from the first failure to the turn in which nobody waits any more
+  std::uint64_t attempts_ = 0;  // accepts, failed or not, while exhausted
+  Timer retry_;
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+};
+
+}  // namespace trabex

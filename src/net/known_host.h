@@ -1,0 +1,22 @@
+// Addresses of hosts as far as they can be told at once.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "platform/name_lookup.h"
+
+namespace trabex {
+
+struct HostAddress {
+  int error = 0;  // a socket error number; the rest counts when it is 0
+  std::uint32_t address = 0;
+  std::string text;  // dotted
+};
+
+// The address of `host` without asking anybody: a dotted address, or a name in the machine's own table. An
+// empty text gives 10047, an unknown name 11001.
+HostAddress LookUpKnownHost(NameLookup& names, std::string_view host);
+
+}  // namespace trabex

@@ -1,0 +1,183 @@
+// Sending and receiving of the socket object.
+#include <algorithm>
+#include <utility>
+
+#include "net/CSocketMaster_impl.h"
+#include "net/known_host.h"
+#include "platform/dotted_address.h"
+
+namespace trabex {
+
+namespace {
+
+// No system's send buffer is smaller, so a send of this size needs no look at it.
+constexpr std::size_t kAlwaysFits = 4096;
+
+}  // namespace
+
+void CSocketMaster::SendData(std::string_view Data) {
+  if (protocol_ == SocketProtocol::sckUDPProtocol) {
+    if (!SocketExists() || !BindInternal(std::nullopt, {})) return;
+    state_ = SocketState::sckOpen;
+    return SendBufferedDataUDP(Data);
+  }
+  if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
+  if (!send_.Empty()) return send_.Append(Data);
+  // Sent from where it lies; only what the network does not take is kept.
+  int error = 0;
+  const std::size_t sent = SendPieces(Data, error);
+  send_.Append(Data.substr(sent));
+  FinishFlush(sent, error);
+}
+
+std::size_t CSocketMaster::SendChunk() {
+  if (send_chunk_ == 0) {
+    int bytes = 0;
+    Check(module_.sockets_.SendBufferSize(socket_, bytes), "CSocketMaster.ProcessOptions");
+    send_chunk_ = std::max(bytes, 1);
+  }
+  return static_cast<std::size_t>(send_chunk_);
+}
+
+std::size_t CSocketMaster::ReceiveChunk() {
+  if (receive_chunk_ == 0) {
+    int bytes = 0;
+    Check(module_.sockets_.ReceiveBufferSize(socket_, bytes), "CSocketMaster.ProcessOptions");
+    receive_chunk_ = std::max(bytes, 1);
+  }
+  return static_cast<std::size_t>(receive_chunk_);
+}
+
+// Returns how much the network took; `error` is 0 when that is everything or the network is full.
+std::size_t CSocketMaster::SendPieces(std::string_view data, int& error) {
+  std::size_t total = 0;
+  while (total < data.size()) {
+    const std::size_t left = data.size() - total;
+    const std::size_t piece = left <= kAlwaysFits ? left : std::min(left, SendChunk());
+    std::size_t sent = 0;
+    const int result = module_.sockets_.Send(socket_, data.substr(total, piece), sent);
+    total += sent;
+    if (result != 0 && result != socket_error::kWouldBlock) error = result;
+    if (result != 0 || sent < piece) break;
+  }
+  return total;
+}
+
+void CSocketMaster::FinishFlush(std::size_t sent, int error) {
+  bytes_sent_ += static_cast<std::int64_t>(sent);
+  if (error != 0) return ReportError(error, "CSocketMaster.SendBufferedData");
+  if (sent == 0) return;
+  const trabex::SocketHandle socket = socket_;
+  const bool complete = send_.Empty();
+  Raise(Events.SendProgress, "CSocketMaster.SendProgress", sent, send_.Size());
+  // The handler may have closed, or begun another send that will complete by itself.
+  if (complete && socket == socket_ && send_.Empty()) {
+    Raise(Events.SendComplete, "CSocketMaster.SendComplete");
+  }
+}
+
+void CSocketMaster::FlushPending() {
+  int error = 0;
+  const std::size_t sent = SendPieces(send_.View(), error);
+  send_.RemoveFront(sent);
+  FinishFlush(sent, error);
+}
+
+void CSocketMaster::SendBufferedDataUDP(std::string_view data) {
+  constexpr const char* kSource = "CSocketMaster.SendBufferedDataUDP";
+  const HostAddress target = LookUpKnownHost(module_.names_, remote_host_);
+  if (target.error == socket_error::kAddressFamily) RaiseSocketError(target.error, kSource);
+  if (target.error != 0) RaiseBadAddress(kSource);
+  const Endpoint to{target.address, static_cast<std::uint16_t>(remote_port_)};
+  if (const int error = module_.sockets_.SendTo(socket_, data, to); error != 0)
+    return ReportError(error, kSource);
+  bytes_sent_ += static_cast<std::int64_t>(data.size());
+}
+
+void CSocketMaster::CheckReadable(std::int32_t max_length, const char* source) const {
+  const auto needed =
+      protocol_ == SocketProtocol::sckTCPProtocol ? SocketState::sckConnected : SocketState::sckOpen;
+  if (state_ != needed) RaiseWrongProtocolOrState(source);
+  if (max_length < 0) RaiseBadArgument(source);
+}
+
+// Receives up to `limit` bytes and hands each portion to `take`; returns their number. An error counts only
+// when there is nothing else to give, neither from here nor from before.
+template <class Take>
+std::size_t CSocketMaster::ReceiveUpTo(std::size_t limit, Take take) {
+  std::size_t total = 0;
+  while (total < limit) {
+    const std::span<char> whole = module_.Scratch();
+    const std::span<char> room = whole.first(std::min(whole.size(), limit - total));
+    std::size_t received = 0;
+    const int error = module_.sockets_.Receive(socket_, room, received);
+    if (error != 0 && error != socket_error::kWouldBlock && total == 0 && receive_.Empty()) {
+      state_ = SocketState::sckError;
+      RaiseSocketError(error, "CSocketMaster.RecvDataToBuffer");
+    }
+    if (error != 0 || received == 0) break;
+    take(std::string_view(room.data(), received));
+    total += received;
+    if (received < room.size()) break;
+  }
+  return total;
+}
+
+std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
+  CheckReadable(MaxLen, "CSocketMaster.GetData");
+  std::int32_t count = 0;
+  if (protocol_ == SocketProtocol::sckUDPProtocol) {
+    count = RecvData(Data, false, MaxLen);
+  } else {
+    const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
+    const std::size_t buffered = std::min(receive_.Size(), wanted);
+    Data.assign(receive_.View().substr(0, buffered));
+    if (wanted > buffered) ReceiveUpTo(wanted - buffered, [&](std::string_view part) { Data.append(part); });
+    receive_.RemoveFront(buffered);
+    count = static_cast<std::int32_t>(Data.size());
+  }
+  bytes_received_ += count;
+  return count;
+}
+
+std::string_view CSocketMaster::PeekView(std::int32_t MaxLen) {
+  CheckReadable(MaxLen, "CSocketMaster.PeekData");
+  if (protocol_ == SocketProtocol::sckUDPProtocol) {
+    std::string datagram;
+    RecvData(datagram, true, MaxLen);
+    receive_.Clear();
+    receive_.Append(datagram);
+    return receive_.View();
+  }
+  const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
+  if (wanted > receive_.Size()) {
+    ReceiveUpTo(wanted - receive_.Size(), [&](std::string_view part) { receive_.Append(part); });
+  }
+  return receive_.View().substr(0, wanted);
+}
+
+std::int32_t CSocketMaster::PeekData(std::string& Data, std::int32_t MaxLen) {
+  Data.assign(PeekView(MaxLen));
+  return static_cast<std::int32_t>(Data.size());
+}
+
+std::int32_t CSocketMaster::RecvData(std::string& data, bool peek, std::int32_t max_length) {
+  std::size_t waiting = 0;
+  data.clear();
+  if (module_.sockets_.Available(socket_, waiting) != 0 || waiting == 0) return 0;
+  data.resize(waiting);
+  std::size_t received = 0;
+  Endpoint from;
+  const int error = module_.sockets_.ReceiveFrom(socket_, data, peek, received, from);
+  data.resize(received);
+  Check(error, "CSocketMaster.RecvData");
+  remote_port_ = from.port;
+  remote_host_ip_ = DottedAddress(from.address);
+  remote_host_.clear();
+  if (max_length > 0 && data.size() > static_cast<std::size_t>(max_length)) {
+    data.resize(static_cast<std::size_t>(max_length));
+  }
+  return static_cast<std::int32_t>(data.size());
+}
+
+}  // namespace trabex

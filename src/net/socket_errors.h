@@ -1,0 +1,27 @@
+// The errors that socket objects raise to their callers.
+#pragma once
+
+#include <string>
+
+#include "base/error.h"
+#include "net/modSocketMaster.h"
+
+namespace trabex {
+
+// 40020 "Invalid operation at current state".
+[[noreturn]] void RaiseInvalidState(const char* source);
+// 40014, for a value out of its range.
+[[noreturn]] void RaiseBadArgument(const char* source);
+// 40014, for an address that cannot be had.
+[[noreturn]] void RaiseBadAddress(const char* source);
+// 40006, for the wrong protocol or state.
+[[noreturn]] void RaiseWrongProtocolOrState(const char* source);
+// The number of a failed socket call or look-up with its text.
+[[noreturn]] void RaiseSocketError(int number, const char* source);
+
+// Raises `error` unless it is 0.
+inline void Check(int error, const char* source) {
+  if (error != 0) RaiseSocketError(error, source);
+}
+
+}  // namespace trabex

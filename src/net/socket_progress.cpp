@@ -1,0 +1,138 @@
+// What happens to a socket object from the loop: its five notifications, and the answer of a host look-up.
+#include <utility>
+
+#include "net/CSocketMaster_impl.h"
+#include "platform/dotted_address.h"
+#include "platform/message.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::uint32_t kAllOnes = 0xFFFFFFFF;  // 255.255.255.255
+
+}  // namespace
+
+void CSocketMaster::ReportError(int number, const char* source) {
+  state_ = SocketState::sckError;
+  std::string description(SocketErrorText(number));
+  const std::string source_text(source);
+  bool cancel_display = true;
+  Raise(Events.Error, "CSocketMaster.Error", number, description, source_text, cancel_display);
+  if (!cancel_display) ShowMessage(source_text + ": " + description + "\n");
+}
+
+std::optional<std::uint32_t> CSocketMaster::ResolveIfHostname(const std::string& host) {
+  // The classic reader of addresses cannot tell all ones from its failure, so that one goes the way of names.
+  const auto address = ParseDottedAddress(host);
+  if (address && *address != kAllOnes) return address;
+  state_ = SocketState::sckResolvingHost;
+  host_lookup_ =
+      module_.names_.FindAddresses(host, [this](const AddressAnswer& answer) { OnHostAnswer(answer); });
+  if (host_lookup_ == 0) ReportError(socket_error::kNoRecovery, "CSocketMaster.ResolveIfHostname");
+  return std::nullopt;
+}
+
+void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
+  host_lookup_ = 0;
+  if (state_ != SocketState::sckResolvingHost) return;
+  RunLogged(module_.log_, "CSocketMaster.WndProc", [&] {
+    if (answer.error != 0) return ConnectToIP(0, answer.error);
+    state_ = SocketState::sckHostResolved;
+    ConnectToIP(answer.addresses.front(), 0);
+  });
+}
+
+// A connection whose local port is left open needs no bind of its own: connecting chooses one, and then one
+// port can serve connections to different servers.
+bool CSocketMaster::BindForConnect() {
+  if (local_port_ != 0) return BindInternal(std::nullopt, {});
+  ask_local_port_ = true;
+  return true;
+}
+
+void CSocketMaster::ConnectToIP(std::uint32_t address, int error) {
+  constexpr const char* kSource = "CSocketMaster.ConnectToIP";
+  if (error != 0) return ReportError(error, kSource);
+  if (!BindForConnect()) return;
+  state_ = SocketState::sckConnecting;
+  remote_address_ = address;
+  const int result = module_.sockets_.Connect(socket_, {address, static_cast<std::uint16_t>(remote_port_)});
+  if (result == 0 || result == socket_error::kWouldBlock) return;
+  if (result == socket_error::kAddressNotAvailable) RaiseSocketError(result, kSource);
+  ReportError(result, kSource);
+}
+
+void CSocketMaster::OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) {
+  if (socket != socket_) return;
+  RunLogged(module_.log_, "CSocketMaster.WndProc", [&] { PostSocket(event, error); });
+}
+
+void CSocketMaster::PostSocket(SocketEvent event, int error) {
+  if (error != 0) return ReportError(error, "CSocketMaster.PostSocket");
+  switch (event) {
+    case SocketEvent::kRead:
+      return OnRead();
+    case SocketEvent::kWrite:
+      if (state_ == SocketState::sckConnected && !send_.Empty()) FlushPending();
+      return;
+    case SocketEvent::kAccept:
+      if (state_ == SocketState::sckListening) OnAccept();
+      return;
+    case SocketEvent::kConnect:
+      if (state_ == SocketState::sckConnecting) OnConnected();
+      return;
+    case SocketEvent::kClose:
+      if (state_ != SocketState::sckConnected) return;
+      state_ = SocketState::sckClosing;
+      return Raise(Events.CloseSck, "CSocketMaster.CloseSck");
+  }
+}
+
+void CSocketMaster::OnRead() {
+  if (protocol_ == SocketProtocol::sckTCPProtocol) {
+    if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "CSocketMaster.DataArrival");
+    return;
+  }
+  if (state_ != SocketState::sckOpen) return;
+  const trabex::SocketHandle socket = socket_;
+  std::size_t waiting = 0;
+  if (module_.sockets_.Available(socket, waiting) == 0 && waiting > 0) {
+    Raise(Events.DataArrival, "CSocketMaster.DataArrival");
+  }
+  // Reading one byte drops the datagram that the owner left lying.
+  char byte = 0;
+  std::size_t received = 0;
+  module_.sockets_.Receive(socket, {&byte, 1}, received);
+}
+
+void CSocketMaster::OnAccept() {
+  modSocketMaster::Unclaimed connection;
+  const int error = module_.sockets_.Accept(socket_, connection.socket, &connection.peer);
+  if (error == socket_error::kWouldBlock) return;  // it has gone again
+  if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, *this, error);
+  Check(error, "CSocketMaster.PostSocket");
+  module_.pause_.Accepted();
+  module_.Keep(connection);
+  // While the event runs, the listener's own properties tell who calls.
+  PeerIdentity before{remote_port_, std::move(remote_host_ip_), std::move(remote_host_)};
+  remote_port_ = connection.peer.port;
+  remote_host_ip_ = DottedAddress(connection.peer.address);
+  remote_host_.clear();
+  Raise(Events.ConnectionRequest, "CSocketMaster.ConnectionRequest", connection.socket.index);
+  if (state_ == SocketState::sckListening) {
+    remote_port_ = before.port;
+    remote_host_ip_ = std::move(before.host_ip);
+    remote_host_ = std::move(before.host);
+  }
+  if (const auto unclaimed = module_.Claim(connection.socket.index)) module_.CloseSocket(unclaimed->socket);
+}
+
+void CSocketMaster::OnConnected() {
+  remote_host_ip_ = DottedAddress(remote_address_);
+  established_ = true;
+  state_ = SocketState::sckConnected;
+  Raise(Events.Connect, "CSocketMaster.Connect");
+}
+
+}  // namespace trabex

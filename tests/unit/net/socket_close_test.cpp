@@ -1,0 +1,414 @@
+// Closing: inside every event, in order towards a peer that has not read or not been read, and in the
+// background.
+#include "net_fixture.h"
+
+namespace trabex {
+namespace {
+
+class CloseTest : public NetTest {
+ protected:
+  CSocketMaster& Ours() { return **accepted; }
+  void CloseIn(TracedSocket& socket, const std::string& event) {
+    socket.On(event, [&socket] {
+      socket->CloseSck();
+      EXPECT_EQ(socket->State(), SocketState::sckClosed);
+      EXPECT_EQ(socket->SocketHandle(), -1);
+    });
+  }
+  void ExpectGone() {
+    EXPECT_TRUE(RunUntil(loop, [&] { return module.LingeringCount() == 0; }));
+  }
+};
+
+using CloseInsideTest = CloseTest;
+
+TEST_F(CloseInsideTest, Connect) {
+  PeerListener server(loop);
+  TracedSocket socket(module);
+  CloseIn(socket, "Connect");
+  socket->Connect("127.0.0.1", server.port);
+  const auto other = server.Accept();
+  EXPECT_EQ(other->ReceiveToEnd(), "");
+  ExpectEvents(socket, "Connect");
+}
+
+TEST_F(CloseInsideTest, DataArrival) {
+  Connection();
+  CloseIn(*accepted, "DataArrival");
+  peer->Send("hello");
+  ExpectEvents(*accepted, "DataArrival");
+  EXPECT_EQ(peer->ReceiveToEnd(), "");
+}
+
+TEST_F(CloseInsideTest, DataArrivalWithTheEndBehindIt) {
+  Connection();
+  CloseIn(*accepted, "DataArrival");
+  ASSERT_EQ(peer->SendSome("hello"), 5U);
+  peer->EndSending();
+  ExpectEvents(*accepted, "DataArrival");
+  EXPECT_EQ(peer->ReceiveToEnd(), "");
+  ExpectGone();
+}
+
+TEST_F(CloseInsideTest, SendProgress) {
+  Connection();
+  CloseIn(*accepted, "SendProgress");
+  Ours().SendData("hello");
+  EXPECT_EQ(accepted->Take(), "SendProgress(5,0)");
+  EXPECT_EQ(peer->ReceiveToEnd(), "hello");
+}
+
+TEST_F(CloseInsideTest, SendComplete) {
+  Connection();
+  CloseIn(*accepted, "SendComplete");
+  Ours().SendData("hello");
+  EXPECT_EQ(accepted->Take(), "SendProgress(5,0) SendComplete");
+  EXPECT_EQ(peer->ReceiveToEnd(), "hello");
+  ExpectEvents(*accepted, "");
+}
+
+TEST_F(CloseInsideTest, SendCompleteFromTheLoop) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  CloseIn(*accepted, "SendComplete");
+  const std::string all(6 << 20, 'x');
+  Ours().SendData(all);
+  EXPECT_EQ(peer->ReceiveToEnd().size(), all.size());
+  EXPECT_EQ(Ours().State(), SocketState::sckClosed);
+}
+
+TEST_F(CloseInsideTest, CloseSck) {
+  Connection();
+  CloseIn(*accepted, "CloseSck");
+  peer->Close();
+  ExpectEvents(*accepted, "CloseSck");
+  EXPECT_EQ(module.LingeringCount(), 0U);
+}
+
+TEST_F(CloseInsideTest, Error) {
+  Connection();
+  CloseIn(*accepted, "Error");
+  peer->Reset();
+  ExpectEvents(*accepted, "Error(10054)");
+  EXPECT_EQ(module.LingeringCount(), 0U);
+}
+
+TEST_F(CloseInsideTest, ErrorOfALookUp) {
+  TracedSocket socket(module);
+  CloseIn(socket, "Error");
+  socket->Connect("unknown.test", 25);
+  ExpectEvents(socket, "Error(11001)");
+}
+
+TEST_F(CloseInsideTest, ErrorInsideSendData) {
+  Connection();
+  CloseIn(*accepted, "Error");
+  peer->Reset();
+  const SocketHandle handle{Ours().SocketHandle(), 0};
+  Endpoint nobody;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (sockets.RemoteEndpoint(handle, nobody) == 0) ASSERT_LT(std::chrono::steady_clock::now(), end);
+  Ours().SendData("hello");
+  EXPECT_EQ(accepted->Take(), "Error(10054)");
+  EXPECT_EQ(Ours().State(), SocketState::sckClosed);
+}
+
+TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
+  // Two connections have data; the first one told closes both.
+  Connection();
+  auto first = std::move(accepted);
+  Peer second_peer(loop);
+  second_peer.Connect((*listener)->LocalPort());
+  ASSERT_TRUE(RunUntil(loop, [&] { return accepted != nullptr; }));
+  RunUntilIdle(loop);
+  int told = 0;
+  const auto close_both = [&] {
+    ++told;
+    (*first)->CloseSck();
+    Ours().CloseSck();
+  };
+  first->On("DataArrival", close_both);
+  accepted->On("DataArrival", close_both);
+  peer->Send("x");
+  second_peer.Send("y");
+  ASSERT_TRUE(RunUntil(loop, [&] { return told > 0; }));
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(CloseInsideTest, TheOwnerMayBeRetired) {
+  struct Owner final : Retired {
+    explicit Owner(modSocketMaster& module) : socket(module) {}
+    TracedSocket socket;
+  };
+  StartListener();
+  auto owner = std::make_unique<Owner>(module);
+  Owner* const borrowed = owner.get();
+  listener->On("ConnectionRequest", [&] { borrowed->socket->Accept(listener->request); });
+  std::string got;
+  borrowed->socket.On("DataArrival", [&] {
+    loop.Retire(std::move(owner));
+    borrowed->socket->GetData(got);
+    borrowed->socket->SendData("answer");
+    borrowed->socket->CloseSck();
+  });
+  peer = std::make_unique<Peer>(loop);
+  peer->Connect((*listener)->LocalPort());
+  ASSERT_EQ(peer->SendSome("hello"), 5U);
+  EXPECT_EQ(peer->ReceiveToEnd(), "answer");
+  EXPECT_EQ(got, "hello");
+}
+
+using OrderlyCloseTest = CloseTest;
+
+TEST_F(OrderlyCloseTest, WhatWasSaidReachesAPeerWhoseInputLiesUnread) {
+  Connection();
+  peer->Send("input that nobody will read");
+  AllHere();
+  Ours().SendData("421 bye\r\n");
+  Ours().CloseSck();
+  EXPECT_EQ(Ours().State(), SocketState::sckClosed);
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  accepted->Take();
+  peer->Send("more input");
+  EXPECT_EQ(peer->ReceiveToEnd(), "421 bye\r\n");
+  EXPECT_FALSE(peer->reset);
+  peer->Close();
+  ExpectGone();
+  EXPECT_EQ(accepted->Take(), "");
+}
+
+TEST_F(OrderlyCloseTest, MegabytesThatWaitStillReachThePeer) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  peer->Send("unread");
+  const std::string all(8 << 20, 'm');
+  Ours().SendData(all);
+  EXPECT_GT(Ours().PendingBytes(), 0U);
+  Ours().CloseSck();
+  EXPECT_EQ(Ours().PendingBytes(), 0U);
+  accepted.reset();  // the object is not needed for it
+  EXPECT_EQ(peer->ReceiveToEnd().size(), all.size());
+  peer->Close();
+  ExpectGone();
+}
+
+TEST_F(OrderlyCloseTest, APeerThatBothSendsAndReadsMuchIsNeitherBlockedNorReset) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  const std::string all(4 << 20, 'm');
+  Ours().SendData(all);
+  Ours().CloseSck();
+  // It reads only after everything of its own is gone, so somebody has to take that.
+  peer->Send(std::string(8 << 20, 'p'));
+  EXPECT_EQ(peer->ReceiveToEnd().size(), all.size());
+  peer->Close();
+  ExpectGone();
+}
+
+TEST_F(OrderlyCloseTest, AfterThePeersEndWithNothingToSendTheSocketIsClosedAtOnce) {
+  Connection();
+  peer->EndSending();
+  ExpectEvents(*accepted, "CloseSck");
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 0U);
+  EXPECT_EQ(peer->ReceiveToEnd(), "");
+}
+
+TEST_F(OrderlyCloseTest, AnEndThatIsThereButNotToldYetNeedsNoLingeringEither) {
+  Connection();
+  peer->Send("x");
+  peer->EndSending();
+  ExpectEvents(*accepted, "DataArrival");
+  std::string data;
+  Ours().GetData(data);
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 0U);
+  EXPECT_EQ(peer->ReceiveToEnd(), "");
+}
+
+TEST_F(OrderlyCloseTest, APeerThatEndedItsSendingStillGetsWhatWaits) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  const std::string all(16 << 20, 'm');
+  Ours().SendData(all);
+  peer->EndSending();
+  ASSERT_TRUE(RunUntil(loop, [&] { return Ours().State() == SocketState::sckClosing; }));
+  // The network can take more now, but nobody listens in this state.
+  std::string got = peer->ReceiveNow();
+  RunUntilIdle(loop);
+  got += peer->ReceiveNow();
+  RunUntilIdle(loop);
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  got += peer->ReceiveToEnd();
+  EXPECT_EQ(got.size(), all.size());
+  ExpectGone();
+}
+
+TEST_F(OrderlyCloseTest, EndsAfterFiveSecondsWhateverThePeerDoes) {
+  Connection();
+  Ours().SendData("bye");
+  Ours().CloseSck();
+  clock.Advance(std::chrono::seconds(2));
+  RunUntilIdle(loop);
+  accepted.reset();
+  Peer second(loop);
+  second.Connect((*listener)->LocalPort());
+  ASSERT_TRUE(RunUntil(loop, [&] { return accepted != nullptr; }));
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 2U);
+  clock.Advance(Milliseconds{2999});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 2U);
+  clock.Advance(Milliseconds{1});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  clock.Advance(Milliseconds{1999});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  clock.Advance(Milliseconds{1});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 0U);
+  // And once more, after a pause without any.
+  clock.Advance(std::chrono::seconds(60));
+  RunUntilIdle(loop);
+  accepted.reset();
+  Peer third(loop);
+  third.Connect((*listener)->LocalPort());
+  ASSERT_TRUE(RunUntil(loop, [&] { return accepted != nullptr; }));
+  Ours().CloseSck();
+  clock.Advance(Milliseconds{4999});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  clock.Advance(Milliseconds{1});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 0U);
+}
+
+TEST_F(OrderlyCloseTest, OneThatEndsEarlyDoesNotShortenTheTimeOfTheNext) {
+  Connection();
+  Ours().CloseSck();
+  peer->Close();
+  ExpectGone();
+  clock.Advance(Milliseconds{3000});
+  peer.reset();
+  Connection();
+  Ours().CloseSck();
+  clock.Advance(Milliseconds{4999});
+  RunUntilIdle(loop);
+  EXPECT_EQ(module.LingeringCount(), 1U);
+}
+
+TEST_F(OrderlyCloseTest, AResetEndsItAtOnce) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  Ours().SendData(std::string(4 << 20, 'm'));
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  peer->Reset();
+  ExpectGone();
+  peer.reset();
+  Connection();
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  peer->Reset();
+  ExpectGone();
+}
+
+TEST_F(OrderlyCloseTest, SocketsThatWereNeverConnectedAreClosedAtOnce) {
+  StartListener();
+  (*listener)->CloseSck();
+  TracedSocket connecting(module);
+  PeerListener server(loop);
+  connecting->Connect("127.0.0.1", server.port);
+  connecting->CloseSck();
+  TracedSocket datagrams(module);
+  datagrams->SetProtocol(SocketProtocol::sckUDPProtocol);
+  datagrams->Bind(0, "127.0.0.1");
+  datagrams->CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 0U);
+}
+
+TEST_F(OrderlyCloseTest, AnObjectThatIsDestroyedClosesWithoutIt) {
+  Connection();
+  accepted.reset();
+  EXPECT_EQ(module.LingeringCount(), 0U);
+  EXPECT_EQ(peer->ReceiveToEnd(), "");
+}
+
+TEST_F(OrderlyCloseTest, TheObjectMayBeUsedAgainMeanwhile) {
+  Connection();
+  Ours().SendData("old");
+  Ours().CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  PeerListener server(loop);
+  Ours().Connect("127.0.0.1", server.port);
+  accepted->Take();
+  ExpectEvents(*accepted, "Connect");
+  const auto other = server.Accept();
+  Ours().SendData("new");
+  EXPECT_EQ(other->Receive(3), "new");
+  EXPECT_EQ(peer->ReceiveToEnd(), "old");
+}
+
+TEST_F(OrderlyCloseTest, IsToldWhenNobodyIsLeft) {
+  int told = 0;
+  module.WhenNoneLingers([&] { ++told; });
+  EXPECT_EQ(told, 0);
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 1);
+
+  Connection();
+  Ours().CloseSck();
+  module.WhenNoneLingers([&] { told += 10; });
+  module.WhenNoneLingers([&] { told += 100; });
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 1);
+  peer->Close();
+  EXPECT_TRUE(RunUntil(loop, [&] { return told == 111; }));
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 111);
+}
+
+TEST_F(OrderlyCloseTest, IsToldOnlyWhenReallyNobodyIsLeft) {
+  Connection();
+  int told = 0;
+  module.WhenNoneLingers([&] { ++told; });
+  Ours().CloseSck();  // before the loop could tell
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 0);
+  clock.Advance(LingeringSockets::kLongest);
+  RunUntilIdle(loop);
+  EXPECT_EQ(told, 1);
+}
+
+TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndTellsNobody) {
+  bool told = false;
+  Peer client(loop);
+  {
+    modSocketMaster other(sockets, names, log);
+    TracedSocket server(other);
+    TracedSocket session(other);
+    server->Bind(0, "127.0.0.1");
+    server->Listen();
+    server.On("ConnectionRequest", [&] { session->Accept(server.request); });
+    client.Connect(server->LocalPort());
+    ExpectEvents(server, "ConnectionRequest");
+    session->CloseSck();
+    EXPECT_EQ(other.LingeringCount(), 1U);
+    server->CloseSck();
+    other.WhenNoneLingers([&] { told = true; });
+  }
+  RunUntilIdle(loop);
+  EXPECT_EQ(client.ReceiveToEnd(), "");
+  EXPECT_FALSE(told);
+}
+
+}  // namespace
+}  // namespace trabex
