@@ -47,12 +47,17 @@ class NameLookup {
 
 // How the real one asks. The defaults are the system's own.
 struct NameLookupOptions {
-  std::string servers;     // "127.0.0.1:5353", several separated by commas; empty: those of resolv.conf
-  std::string hosts_file;  // empty: /etc/hosts
+  std::string servers{};        // "127.0.0.1:5353", several separated by commas; empty: those of resolv.conf
+  std::string hosts_file{};     // empty: /etc/hosts
+  std::string resolver_file{};  // empty: /etc/resolv.conf
+  std::uint16_t port = 0;       // of the servers that resolver_file names; 0: 53
   Milliseconds limit = std::chrono::seconds(5);  // for one look-up in all
 };
 
-// c-ares on the loop. `loop` outlives it. Raises 57 "Device I/O error" when c-ares cannot start.
+// c-ares on the loop. `loop` outlives it. A changed hosts file or resolv.conf counts for the look-ups that
+// begin a second later. A name without a dot is also looked for in the domains that resolv.conf searches; any
+// other is asked for as it is. "localhost" is 127.0.0.1 without being asked for (RFC 6761, 6.3). What cannot
+// be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares cannot start.
 std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options = {});
 
 }  // namespace trabex

@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <limits>
+#include <utility>
 
 #include "base/text.h"
+#include "platform/dotted_address.h"
 #include "proxy/mailbox.h"
 #include "proxy/received_header.h"
 #include "proxy/response_changes.h"
@@ -47,6 +49,15 @@ bool HoldsControl(std::string_view text) {
 // The word at the front of `rest`, which begins with a blank (or is empty).
 std::string_view FirstParameter(std::string_view rest) {
   return FirstWord(Trim(rest));
+}
+
+// An address literal (RFC 5321, 4.1.3) resolves to the address inside.
+std::string_view NameToLookUp(std::string_view helo_domain) {
+  if (helo_domain.size() > 2 && helo_domain.front() == '[' && helo_domain.back() == ']') {
+    const std::string_view inside = helo_domain.substr(1, helo_domain.size() - 2);
+    if (ParseDottedAddress(inside)) return inside;
+  }
+  return helo_domain;
 }
 
 // An octet count as BDAT and XEXCH50 take it: digits up to the limit.
@@ -117,16 +128,19 @@ ClientCommandFilter::Line ClientCommandFilter::TakeApart(std::string_view line) 
   return result;
 }
 
-LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view text) {
+LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view line) {
+  return Complete(ProcessLine(line));
+}
+
+LineDecision ClientCommandFilter::ProcessLine(std::string_view text) {
   if (state_.AuthenticationData) return ProcessAuthenticationData(text);
   const Line line = TakeApart(text);
   state_.CurrentVerb = line.verb;
-  const auto octets = line.row->command == Command::kBdat ? OctetCount(FirstParameter(line.Rest()))
-                                                          : std::optional<std::uint64_t>(0);
-  // A count between control characters is no count; where the content of a BDAT ends must be beyond doubt.
-  if (!octets || (line.row->command == Command::kBdat && HoldsControl(WithoutLineEnd(text)))) {
-    return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
-  }
+  const bool is_bdat = line.row->command == Command::kBdat;
+  const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::optional<std::uint64_t>(0);
+  // Nobody can tell where the content ends.
+  if (!octets) return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
+
   LineDecision decision;
   if (HoldsControl(WithoutLineEnd(text))) {
     decision = Answer({ReplyKind::kBadSyntax, ""});
@@ -136,14 +150,13 @@ LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view text) {
     decision = ProcessRefusedSession(line);
   } else if (const MaybeRefusal refusal = CheckOrder(line)) {
     decision = Answer(*refusal);
-  } else if (line.row->command == Command::kBdat) {
+  } else if (is_bdat) {
     decision = ProcessBdat(line, *octets);
   } else {
     decision = ProcessPolicy(line);
   }
   // The octets of a refused BDAT follow all the same (RFC 3030), and are no commands.
-  if (line.row->command == Command::kBdat && decision.action == Action::kAnswer)
-    state_.Content.BeginDrop(*octets);
+  if (is_bdat && decision.action == Action::kAnswer) state_.Content.BeginDrop(*octets);
   return decision;
 }
 
@@ -253,22 +266,17 @@ LineDecision ClientCommandFilter::ProcessHelo(const Line& line) {
   waiting_line_ = line.text;
   LineDecision decision;
   decision.action = Action::kWaitForName;
-  decision.text = state_.HeloDomain;
-  // An address literal (RFC 5321, 4.1.3) resolves to the address inside.
-  if (decision.text.size() > 2 && decision.text.front() == '[' && decision.text.back() == ']') {
-    decision.text = decision.text.substr(1, decision.text.size() - 2);
-  }
+  decision.text = NameToLookUp(state_.HeloDomain);
   return decision;
 }
 
 LineDecision ClientCommandFilter::ProcessNameAnswer(const AddressAnswer& answer) {
-  const Line line = TakeApart(waiting_line_);
-  waiting_line_.clear();
-  if (answer.error != 0) return Answer({ReplyKind::kHeloDNSError, ""});
+  const Line line = TakeApart(std::exchange(waiting_line_, {}));
+  if (answer.error != 0) return Complete(Answer({ReplyKind::kHeloDNSError, ""}));
   const IPNumber client = mCommon::CLngIP(facts_.ClientIP());
   const bool confirmed =
       std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
-  return confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""});
+  return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}));
 }
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList() const {
@@ -293,19 +301,22 @@ LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
   const PathArgument path =
       ParsePath(line.Rest().substr(kFrom.size()),
                 static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+  state_.DeclaredSize = 0;
+  const auto address = NormalizeMailbox(path.address);
   if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
-    state_.BeginTransaction(path.address);
+    ++state_.TransactionCount;
+    state_.BeginTransaction(address.value_or(path.address));
     return ForwardAsIs(line);
   }
-  const auto address =
-      path.verdict == PathArgument::Verdict::kTaken ? NormalizeMailbox(path.address) : std::nullopt;
-  if (!address) return Answer({ReplyKind::kMailAddressSyntax, ""});
+  if (path.verdict == PathArgument::Verdict::kSyntaxError || !address) {
+    return Answer({ReplyKind::kMailAddressSyntax, ""});
+  }
   state_.Sender = *address;
   if (const MaybeRefusal refusal = CheckMail(path.parameters)) return Answer(*refusal);
 
-  const ReplacementTable& table = facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
-                                                         : configuration_.SenderReplacementsRemote;
-  const std::string sender = FindAddressReplacement(*address, table).value_or(*address);
+  const std::string sender =
+      Replaced(*address, facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
+                                                : configuration_.SenderReplacementsRemote);
   state_.BeginTransaction(*address);
   return Forward(line, line.verb + " FROM:<" + sender + ">" + std::string(path.parameters));
 }
@@ -324,7 +335,6 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(std::string_vie
 }
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckSize(std::string_view parameters) {
-  state_.DeclaredSize = 0;
   if (state_.SizeLimit == 0) return std::nullopt;
   const auto size = DeclaredSize(parameters);
   if (!size) return std::nullopt;
@@ -341,21 +351,25 @@ LineDecision ClientCommandFilter::ProcessRcpt(const Line& line) {
   const PathArgument path =
       ParsePath(line.Rest().substr(kTo.size()),
                 static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+  const auto address = NormalizeMailbox(path.address);
   if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
     ++state_.RecipientCount;
+    state_.Recipient = address.value_or(path.address);
     return ForwardAsIs(line);
   }
-  const auto address =
-      path.verdict == PathArgument::Verdict::kTaken ? NormalizeMailbox(path.address) : std::nullopt;
-  if (!address) return Answer({ReplyKind::kRcptAddressSyntax, ""});
-  state_.Recipient = *address;
+  // An address that is routed on needs no one form: the relaying test refuses it.
+  const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(path.address);
+  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(address || relayed)) {
+    return Answer({ReplyKind::kRcptAddressSyntax, ""});
+  }
+  state_.Recipient = address.value_or(path.address);
   ++state_.RecipientCount;
   if (const MaybeRefusal refusal = CheckRecipient()) return Answer(*refusal);
   if (const MaybeRefusal refusal = CheckGreylisting()) return Answer(*refusal);
 
-  const ReplacementTable& table = facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
-                                                         : configuration_.RecipientReplacementsRemote;
-  const std::string recipient = FindAddressReplacement(*address, table).value_or(*address);
+  const std::string recipient =
+      Replaced(state_.Recipient, facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
+                                                        : configuration_.RecipientReplacementsRemote);
   return Forward(line, "RCPT TO:<" + recipient + ">" + std::string(path.parameters));
 }
 
@@ -416,19 +430,38 @@ LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t oc
   state_.LastChunk = IsLastChunk(line.Rest());
   state_.ChunkSequence = !state_.LastChunk;
   state_.Content.BeginOctets(octets);
-  if (!first_chunk || state_.RecipientCount == 0 || !configuration_.AddReceived) return ForwardAsIs(line);
-  std::string header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
-  const std::string_view count_and_rest = Trim(line.Rest());
-  const std::string_view behind_count = count_and_rest.substr(FirstWord(count_and_rest).size());
-  return Forward(line, "BDAT " + std::to_string(octets + header.size()) + std::string(behind_count),
-                 std::move(header));
+  std::string header;
+  if (first_chunk && state_.RecipientCount != 0 && configuration_.AddReceived) {
+    header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
+  }
+  std::string command = WithCount(line, octets + header.size());
+  return Forward(line, std::move(command), std::move(header));
 }
 
 LineDecision ClientCommandFilter::ProcessXexch50(const Line& line) {
   const auto octets = OctetCount(FirstParameter(line.Rest()));
   if (!octets) return Answer({ReplyKind::kBadSequence, "BadSeq.Transaction"});
   state_.AnnouncedOctets = *octets;
-  return ForwardAsIs(line);
+  return Forward(line, WithCount(line, *octets));
+}
+
+// --- rewriting
+
+std::string ClientCommandFilter::Replaced(const std::string& address, const ReplacementTable& table) {
+  try {
+    return FindAddressReplacement(address, table).value_or(address);
+  } catch (const Error& error) {
+    // A key may be a good pattern as a whole and bad in its parts. The mail goes on without replacement.
+    failure_ = error;
+    return address;
+  }
+}
+
+// Without zeros in front, which some servers take for the sign of an octal number.
+std::string ClientCommandFilter::WithCount(const Line& line, std::uint64_t octets) {
+  const std::string_view parameters = line.Rest().substr(1);
+  return line.verb + " " + std::to_string(octets) +
+         std::string(parameters.substr(FirstWord(parameters).size()));
 }
 
 // --- the ends of a line's way
@@ -455,7 +488,6 @@ LineDecision ClientCommandFilter::Answer(const Refusal& refusal) {
   ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? row.key : refusal.key, state_.CurrentVerb,
                      decision.text, configuration_, macros_);
   decision.close_when_sent = row.after == AfterReply::kCloseWhenSent;
-  decision.too_many_bad_sequences = state_.BadSequenceCount > configuration_.MaxBadSeq;
   return decision;
 }
 
@@ -468,6 +500,14 @@ LineDecision ClientCommandFilter::Break() {
 
 LineDecision ClientCommandFilter::Closing(LineDecision decision) {
   decision.close_when_sent = true;
+  return decision;
+}
+
+// What is looked at after every line.
+LineDecision ClientCommandFilter::Complete(LineDecision decision) {
+  const bool goes_on = decision.action == Action::kForward || decision.action == Action::kAnswer;
+  decision.too_many_bad_sequences = goes_on && state_.BadSequenceCount > configuration_.MaxBadSeq;
+  decision.failure = std::exchange(failure_, std::nullopt);
   return decision;
 }
 

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/error.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
 #include "platform/name_lookup.h"
@@ -42,6 +43,7 @@ struct LineDecision {
       logged;  // kForward: what the log shows in place of `text`, when that is secret; otherwise empty
   bool close_when_sent = false;         // kAnswer: the session ends behind the reply
   bool too_many_bad_sequences = false;  // the session ends after a pause
+  std::optional<Error> failure;         // to be logged: what went wrong without stopping the line
 };
 
 class ClientCommandFilter {
@@ -96,6 +98,7 @@ class ClientCommandFilter {
   MaybeRefusal CheckRecipient() const;
   MaybeRefusal CheckGreylisting();
 
+  LineDecision ProcessLine(std::string_view line);
   LineDecision ProcessAuthenticationData(std::string_view line);
   LineDecision ProcessRefusedSession(const Line& line);
   LineDecision ProcessHelo(const Line& line);
@@ -106,11 +109,16 @@ class ClientCommandFilter {
   LineDecision ProcessXexch50(const Line& line);
   LineDecision ProcessPolicy(const Line& line);
 
+  std::string Replaced(const std::string& address, const ReplacementTable& table);
+  // `line` with its first parameter, an octet count, as `octets`.
+  static std::string WithCount(const Line& line, std::uint64_t octets);
+
   LineDecision Forward(const Line& line, std::string text, std::string extra = {});
   LineDecision ForwardAsIs(const Line& line);
   LineDecision Answer(const Refusal& refusal);
   LineDecision Break();
-  LineDecision Closing(LineDecision decision);
+  static LineDecision Closing(LineDecision decision);
+  LineDecision Complete(LineDecision decision);
 
   const Configuration& configuration_;
   const Clock& clock_;
@@ -118,7 +126,8 @@ class ClientCommandFilter {
   SessionState& state_;
   GreylistCheck* greylisting_;
   SessionMacros macros_;
-  std::string waiting_line_;  // HELO or EHLO whose name is looked up
+  std::string waiting_line_;      // HELO or EHLO whose name is looked up
+  std::optional<Error> failure_;  // of the line being looked at
 };
 
 }  // namespace trabex

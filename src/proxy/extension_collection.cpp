@@ -21,7 +21,7 @@ bool ExtensionCollection::ParseLines(std::string_view text) {
     const std::string_view line = text.substr(0, end);
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + kCrLf.size());
     if (!line.starts_with("250")) continue;
-    final_line = line.size() < 4 || line[3] == ' ';
+    final_line = line.size() > 3 && line[3] == ' ';
     if (line.size() > 4) AddExtension(line.substr(4));
   }
   return final_line;

@@ -44,15 +44,15 @@ std::string_view WithoutQuotes(std::string_view text) {
   return IsQuoted(text) ? text.substr(1, text.size() - 2) : text;
 }
 
-// The length of the local part: up to the "@" that is not inside a quoted string at the front.
+// Where the quoted string at the front ends; 0 when there is none, or it is not closed.
+std::size_t BehindQuotes(std::string_view address) {
+  if (!address.starts_with('"')) return 0;
+  return address.find('"', 1) + 1;
+}
+
+// The length of the local part: up to the first "@" behind the quoted string at the front.
 std::size_t LocalPartLength(std::string_view address) {
-  std::size_t from = 0;
-  if (!address.empty() && address.front() == '"') {
-    const std::size_t close = address.find('"', 1);
-    if (close == std::string_view::npos) return address.size();
-    from = close + 1;
-  }
-  return std::min(address.find('@', from), address.size());
+  return std::min(address.find('@', BehindQuotes(address)), address.size());
 }
 
 bool HoldsRoute(std::string_view local_part) {
@@ -90,10 +90,6 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     // Not in angle brackets, or they are unbalanced: the setting decides.
   }
   if (bare == BareAddresses::kRefuse) return result;
-  if (bare == BareAddresses::kForwardUnchecked) {
-    result.verdict = PathArgument::Verdict::kForwardUnchecked;
-    return result;
-  }
   if (part.empty()) {
     part = FirstWord(text);
     result.parameters = text.substr(part.size());
@@ -105,7 +101,8 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
-  result.verdict = PathArgument::Verdict::kTaken;
+  result.verdict =
+      bare == BareAddresses::kTake ? PathArgument::Verdict::kTaken : PathArgument::Verdict::kForwardUnchecked;
   return result;
 }
 
@@ -134,7 +131,10 @@ std::optional<std::string> NormalizeMailbox(std::string_view address) {
 }
 
 bool HasRouteInLocalPart(std::string_view address) {
-  return HoldsRoute(WithoutQuotes(address.substr(0, LocalPartLength(address))));
+  address = WithoutSourceRoute(address);
+  const std::size_t last_at = address.rfind('@');
+  const bool has_domain = last_at != std::string_view::npos && last_at >= BehindQuotes(address);
+  return HoldsRoute(WithoutQuotes(has_domain ? address.substr(0, last_at) : address));
 }
 
 }  // namespace trabex

@@ -14,7 +14,9 @@ enum class BareAddresses : int { kTake = 0, kRefuse = 1, kForwardUnchecked = 2 }
 struct PathArgument {
   enum class Verdict { kTaken, kSyntaxError, kForwardUnchecked };
   Verdict verdict = Verdict::kSyntaxError;
-  std::string address;  // without brackets, blanks around it dropped; not yet in its one form
+  // Without brackets, blanks around it dropped; not yet in its one form. What is forwarded unchecked has one
+  // too, as well as it can be told.
+  std::string address;
   std::string_view
       parameters;  // what follows the address, with the blank before it; points into the argument
 };
@@ -31,7 +33,8 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare);
 std::optional<std::string> NormalizeMailbox(std::string_view address);
 
 // Whether a server that trusts the sender may route the address on to a domain inside its local part: that,
-// without its quotes, holds "@", "%" or "!". `address` has the form of NormalizeMailbox.
+// without its quotes, holds "@", "%" or "!". `address` may be any: its local part is what stands between a
+// source route and the last "@", so that of x@evil.test@local.test, which has no one form, is x@evil.test.
 bool HasRouteInLocalPart(std::string_view address);
 
 }  // namespace trabex

@@ -20,8 +20,11 @@ std::string_view CodeOf(std::string_view line) {
   return line.substr(0, 3);
 }
 
-// Whether every line of `reply` has the code of the first one. A reply that has not says nothing that could
-// be relied on.
+std::string_view LastLine(std::string_view reply) {
+  const std::size_t end = reply.rfind(kCrLf);
+  return end == std::string_view::npos ? reply : reply.substr(end + kCrLf.size());
+}
+
 bool HasOneCode(std::string_view reply) {
   const std::string_view code = CodeOf(reply);
   while (!reply.empty()) {
@@ -33,9 +36,10 @@ bool HasOneCode(std::string_view reply) {
   return true;
 }
 
-std::string_view LastLine(std::string_view reply) {
-  const std::size_t end = reply.rfind(kCrLf);
-  return end == std::string_view::npos ? reply : reply.substr(end + kCrLf.size());
+// Whether `reply` says what its first code says: one with several codes says nothing that could be relied on.
+// Between the first and the last line of a reply to EHLO, lines with another code are just no extensions.
+bool CanBeReliedOn(std::string_view reply, Command command) {
+  return command == Command::kEhlo ? CodeOf(LastLine(reply)) == CodeOf(reply) : HasOneCode(reply);
 }
 
 // The number in a SIZE extension line (RFC 1870); 0 when there is none to be read.
@@ -61,7 +65,8 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply) {
   const std::string_view text = reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
   const std::string_view code = CodeOf(text);
   const bool answers_ehlo = state_.Expected == ReplyExpected::kCommand &&
-                            state_.Forwarded == Command::kEhlo && code == "250" && HasOneCode(text);
+                            state_.Forwarded == Command::kEhlo && code == "250" &&
+                            CanBeReliedOn(text, Command::kEhlo);
   ReplyDecision decision;
   FollowReply(code, text, decision);
 
@@ -88,7 +93,7 @@ void ServerReplyFilter::FollowReply(std::string_view code, std::string_view repl
     state_.AuthenticationData = true;
     return;
   }
-  if (!HasOneCode(reply)) return;
+  if (!CanBeReliedOn(reply, state_.Forwarded)) return;
   if (code == "250") FollowAccepted();
   if (code == "354") FollowContentWanted(decision);
   if (code == "355" && state_.Forwarded == Command::kMail) state_.TransactionOpen = true;
@@ -157,7 +162,9 @@ std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply) {
 
 void ServerReplyFilter::LimitSize() {
   const FixedPoint server = OfferedSize(state_.Extensions.GetExtension("SIZE"));
-  const FixedPoint own = configuration_.MaxSize;
+  // A fraction of a byte is none.
+  const FixedPoint own =
+      configuration_.MaxSize - std::max<FixedPoint>(configuration_.MaxSize, 0) % kFixedPointOne;
   constexpr FixedPoint kServersOwnLine =
       -kFixedPointOne;  // MaxSize = -1: no limit of ours, the server's line stays
   FixedPoint limit = 0;

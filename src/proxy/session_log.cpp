@@ -15,21 +15,41 @@ void AppendAligned(std::string& line, std::string_view text, std::size_t width) 
   line.append(text);
 }
 
-void AppendVisible(std::string& line, std::string_view text) {
+// How many bytes of a control character `text` begins with: 0 for none. Those of U+0080 to U+009F have two
+// in UTF-8 and act on a terminal just as ESC does.
+std::size_t ControlSize(std::string_view text) {
+  if (IsControl(text[0])) return 1;
+  const bool two_bytes =
+      text[0] == '\xC2' && text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0) == 0x80;
+  return two_bytes ? 2 : 0;
+}
+
+void AppendHex(std::string& line, std::string_view bytes) {
   static constexpr char kHex[] = "0123456789ABCDEF";
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    line.append("\\x").append(1, kHex[value >> 4]).append(1, kHex[value & 15]);
+  }
+}
+
+void AppendVisible(std::string& line, std::string_view text) {
   std::size_t from = 0;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    const char byte = text[at];
-    if (!IsControl(byte)) continue;
-    line.append(text.substr(from, at - from));
-    if (byte == '\r' && at + 1 < text.size() && text[at + 1] == '\n') {
-      line.append(kLineBreakSign);
+  for (std::size_t at = 0; at < text.size();) {
+    const std::string_view rest = text.substr(at);
+    std::size_t size = ControlSize(rest);
+    if (size == 0) {
       ++at;
-    } else {
-      const auto value = static_cast<unsigned char>(byte);
-      line.append("\\x").append(1, kHex[value >> 4]).append(1, kHex[value & 15]);
+      continue;
     }
-    from = at + 1;
+    line.append(text.substr(from, at - from));
+    if (rest.starts_with(kCrLf)) {
+      line.append(kLineBreakSign);
+      size = kCrLf.size();
+    } else {
+      AppendHex(line, rest.substr(0, size));
+    }
+    at += size;
+    from = at;
   }
   line.append(text.substr(from));
 }

@@ -35,6 +35,7 @@ from mail_servers import (Direct, HaProxy, Postfix, SampleServer, ScriptedServer
 from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound, connections_to,  # noqa: F401
                        free_port, is_listening, program, queued_bytes, wait_until)
 from terminal import Terminal  # noqa: F401
+from unpacked_servers import Exim, EximClient, OpenSmtpd  # noqa: F401
 
 _STAMP = re.compile(r"^\d\d/\d\d/\d\d \d\d:\d\d:\d\d ")
 
@@ -138,7 +139,7 @@ class Story(unittest.TestCase):
     def setUp(self):
         self.place = Place(self._testMethodName)
         self._fronts = []
-        self._postfixes = []
+        self._mail_servers = []
         # Clean-ups run from the last to the first. A failure in end_all() is the case's failure.
         self.addCleanup(self.place.remove)
         self.addCleanup(self.place.end_all)
@@ -169,9 +170,17 @@ class Story(unittest.TestCase):
         return ScriptedServer(self.place, dialogue)
 
     def postfix(self, settings=None):
-        postfix = Postfix(self.place, settings)
-        self._postfixes.append(postfix)
-        return postfix
+        return self._mail_server(Postfix(self.place, settings))
+
+    def exim(self, settings=None):
+        return self._mail_server(Exim(self.place, settings))
+
+    def opensmtpd(self, settings=()):
+        return self._mail_server(OpenSmtpd(self.place, settings))
+
+    def _mail_server(self, server):
+        self._mail_servers.append(server)
+        return server
 
     def connect(self, address, **more):
         connection = connect(address, **more)
@@ -191,8 +200,9 @@ class Story(unittest.TestCase):
             if front.process:
                 print(f"    --- Trabex's status {front.process.status()}, standard error:\n"
                       f"{front.process.stderr()}")
-        for postfix in self._postfixes:
-            print("\n".join(["    --- Postfix's log:", *(f"    {line}" for line in postfix.log().splitlines()[-20:])]))
+        for server in self._mail_servers:
+            print("\n".join([f"    --- {type(server).__name__}'s log:",
+                             *(f"    {line}" for line in server.log().splitlines()[-20:])]))
 
 
 class _Result(unittest.TestResult):

@@ -23,7 +23,7 @@ constexpr std::uint32_t kChanged =
 
 // What a symbolic link at `path` leads to; empty when there is none.
 std::string LinkTarget(const std::string& path) {
-  std::array<char, PATH_MAX> room;
+  std::array<char, PATH_MAX> room{};
   const ssize_t length = readlink(path.c_str(), room.data(), room.size());
   if (length <= 0) return "";
   const std::string target(room.data(), static_cast<std::size_t>(length));
@@ -88,15 +88,15 @@ class FolderWatch final : public ChangeWatch {
   // Takes what is waiting; whether a change was among it.
   bool ReadEvents() {
     bool changed = false;
-    alignas(inotify_event) std::array<char, 4096> room;
+    alignas(inotify_event) std::array<char, 4096> room{};
     for (;;) {
       const ssize_t length = read(inotify_.Get(), room.data(), room.size());
       if (length <= 0) return changed;
       for (ssize_t at = 0; at < length;) {
-        inotify_event event;
+        inotify_event event{};
         std::memcpy(&event, room.data() + at, sizeof event);
-        // Lost events (an overflow) may have been anything.
-        if ((event.mask & (kChanged | IN_Q_OVERFLOW | IN_UNMOUNT)) != 0) changed = true;
+        // What is left are notes on watches and on lost events; the latter stand behind many that count.
+        if ((event.mask & (kChanged | IN_UNMOUNT)) != 0) changed = true;
         at += static_cast<ssize_t>(sizeof event + event.len);
       }
     }

@@ -60,7 +60,7 @@ class SignalEndRequest final : public EndRequest {
   // Whether there were any.
   bool TakeSignals() {
     bool any = false;
-    signalfd_siginfo signal;
+    signalfd_siginfo signal{};
     while (read(descriptor_.Get(), &signal, sizeof signal) == sizeof signal) any = true;
     return any;
   }

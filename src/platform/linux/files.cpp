@@ -13,6 +13,7 @@
 #include "base/text.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/file_error.h"
+#include "platform/linux/regular_file.h"
 
 namespace trabex {
 
@@ -22,7 +23,7 @@ namespace {
 // replaced by a newer one.
 const std::string& ProgramPath() {
   static const std::string path = [] {
-    std::array<char, PATH_MAX> room;
+    std::array<char, PATH_MAX> room{};
     const ssize_t length = readlink("/proc/self/exe", room.data(), room.size());
     if (length < 0) RaiseFileError(errno, "mFiles.ProgramPath");
     std::string found(room.data(), static_cast<std::size_t>(length));
@@ -33,23 +34,6 @@ const std::string& ProgramPath() {
     return found;
   }();
   return path;
-}
-
-// Opens a regular file; -1 with errno otherwise. What is none is not opened at all, since opening alone may
-// wait (a FIFO) or move something (a tape); the second look is for what took its place in between.
-Descriptor OpenRegularFile(const std::string& path, int flags) {
-  struct stat status {};
-  const bool exists = stat(path.c_str(), &status) == 0;
-  if (exists && !S_ISREG(status.st_mode)) {
-    errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
-    return Descriptor();
-  }
-  Descriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
-  if (file && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
-    file.Close();
-    errno = ENXIO;
-  }
-  return file;
 }
 
 }  // namespace

@@ -68,11 +68,11 @@ void ReadSender(msghdr& header, Message& message) {
 
 // False when nothing waits.
 bool ReceiveMessage(int socket, Message& message) {
-  std::array<char, 16> text;
+  std::array<char, 16> text{};
   iovec room{text.data(), text.size()};
   // Exactly the room of the credentials: file descriptors that somebody attaches find none and are closed by
   // the system.
-  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control;
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
   msghdr header{};
   header.msg_iov = &room;
   header.msg_iovlen = 1;
@@ -80,8 +80,7 @@ bool ReceiveMessage(int socket, Message& message) {
   header.msg_controllen = control.size();
   const ssize_t length = recvmsg(socket, &header, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
   if (length < 0) return false;
-  // A longer message is cut, which makes it no exit request either.
-  if ((header.msg_flags & MSG_TRUNC) == 0) message.text.assign(text.data(), static_cast<std::size_t>(length));
+  message.text.assign(text.data(), static_cast<std::size_t>(length));  // cut, but still longer than ours
   ReadSender(header, message);
   return true;
 }

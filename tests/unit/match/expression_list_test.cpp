@@ -79,6 +79,8 @@ TEST(ExpressionList, WildcardsOfTheTextAreText) {
   EXPECT_FALSE(ListOf({"a[*]b"}).Contains("aXb"));
   // The key of an "*" entry is no plain entry.
   EXPECT_FALSE(ListOf({"*ab", "x"}).Contains("*a"));
+  // Nor is a text that is written like a pattern found by it.
+  EXPECT_FALSE(ListOf({"[ab]", "plain"}).Contains("[ab]"));
 }
 
 TEST(ExpressionList, GroupsAndKeysOfTheirOwn) {
@@ -88,6 +90,7 @@ TEST(ExpressionList, GroupsAndKeysOfTheirOwn) {
   list.Add("empty", {{}, false});
   list.Add("empty group", {{}, true});
   list.Add("single", {{"*@b"}, true});
+  Add(list, "plain");
   EXPECT_TRUE(list.Contains("x@a"));
   EXPECT_FALSE(list.Contains("y@a"));
   EXPECT_FALSE(list.Contains("*@a x*")) << "a group's key is no pattern";
@@ -95,7 +98,7 @@ TEST(ExpressionList, GroupsAndKeysOfTheirOwn) {
   EXPECT_FALSE(list.Contains("SIZE"));
   EXPECT_FALSE(list.Contains("empty"));
   EXPECT_TRUE(list.Contains("c@b"));
-  EXPECT_EQ(list.Count(), 5U);
+  EXPECT_EQ(list.Count(), 6U);
 }
 
 TEST(ExpressionList, RefusesAKeyThatIsThere) {

@@ -1,0 +1,64 @@
+#include "greylist/database_file.h"
+
+#include <filesystem>
+#include <new>
+#include <string_view>
+
+#include "base/error.h"
+#include "greylist/database_format.h"
+#include "platform/file_replace.h"
+#include "platform/file_stream.h"
+#include "platform/files.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr const char* kLoadSource = "mGreyListing.LoadGreyListingDatabase";
+constexpr const char* kSaveSource = "mGreyListing.SaveGreyListingDatabase";
+
+// A folder that we may write to but not read cannot be synced; the file in it is in place all the same.
+void SyncFolder(const std::string& path) {
+  try {
+    SyncFolderOf(path, kSaveSource);
+  } catch (const Error& error) {
+    if (error.Number() != error_number::kPermissionDenied) throw;
+  }
+}
+
+}  // namespace
+
+std::string BackupPath(const std::string& path) {
+  return path + "bak";
+}
+
+GreyListingDatabase LoadDatabaseFile(const std::string& path) {
+  InputFile file(NativePath(path), kLoadSource);
+  try {
+    return ReadDatabase([&file](char* buffer, std::size_t size) { return file.Read(buffer, size); },
+                        file.Size());
+  } catch (const std::bad_alloc&) {
+    throw Error(error_number::kOutOfMemory, kLoadSource, "Out of memory");
+  }
+}
+
+void SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now) {
+  const std::string place = NativePath(path);
+  const std::size_t folder_end = place.find_last_of(kPathSeparator);
+  if (folder_end != std::string::npos && folder_end > 0) CreateFolder(place.substr(0, folder_end));
+  // It would be moved away as readily as a file.
+  std::error_code ignored;
+  if (std::filesystem::is_directory(place, ignored)) {
+    throw Error(error_number::kPathFileAccess, kSaveSource, "Path/File access error");
+  }
+
+  const std::string fresh = place + "new";
+  NewFile file(fresh, kSaveSource);
+  WriteDatabase(database, now, [&file](std::string_view bytes) { file.Write(bytes); });
+  file.Sync();
+  ReplaceFile(fresh, place, BackupPath(place), kSaveSource);
+  file.Release();
+  SyncFolder(place);
+}
+
+}  // namespace trabex

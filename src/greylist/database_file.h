@@ -1,0 +1,28 @@
+// The greylisting database file and its backup on the disk.
+#pragma once
+
+#include <string>
+
+#include "base/date_time.h"
+#include "greylist/greylisting_database.h"
+
+namespace trabex {
+
+// Paths as people write them, with either separator.
+
+// The file that was in place before the last save.
+std::string BackupPath(const std::string& path);
+
+// The records of the file at `path`. Raises 321 "The file is corrupted", 457 for a duplicate key, 7 when the
+// memory does not suffice, and the numbers of platform/files.h.
+GreyListingDatabase LoadDatabaseFile(const std::string& path);
+
+// Writes the records that have not expired at `now` to a new file (`path` with "new" appended), and only when
+// that is whole and on the disk makes the file at `path` the backup and the new one the file at `path`
+// (ReplaceFile in platform/file_replace.h tells what stands where at which moment). Creates the last level of
+// the folder when it is missing. Raises the numbers of platform/files.h and 380 as WriteDatabase does; both
+// files are then as they were, but for 57 from a folder that cannot be synced although the files in it were
+// moved.
+void SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now);
+
+}  // namespace trabex

@@ -1,0 +1,135 @@
+#include "greylist/database_format.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "base/error.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::string_view kMagic = "\x3F\xC7\x6A\xA2";
+constexpr std::size_t kHeaderSize = 8;
+constexpr std::string_view kReadSource = "mGreyListing.LoadGreyListingDatabase";
+
+// The dates that have a text of four-digit years; nothing else comes out of a clock plus the longest
+// settings.
+constexpr DateTime kEarliestDate = -657434;  // 1 January 100
+constexpr DateTime kLatestDate = 2958466;    // 1 January 10000
+
+// The names of one record's properties: its number, then a letter.
+class RecordName {
+ public:
+  explicit RecordName(std::int32_t number) {
+    letter_ = std::to_chars(text_.data(), text_.data() + text_.size(), number).ptr;
+  }
+  std::string_view With(char letter) {
+    *letter_ = letter;
+    return {text_.data(), Size()};
+  }
+  std::size_t Size() const { return static_cast<std::size_t>(letter_ - text_.data()) + 1; }
+
+ private:
+  std::array<char, 12> text_{};  // "2147483647R"
+  char* letter_;
+};
+
+std::size_t RecordSize(std::size_t name_size, std::size_t key_size) {
+  using Bag = PropertyBagWriter;
+  return Bag::IntegerSize(name_size) + 2 * Bag::DateSize(name_size) + Bag::BytesSize(name_size, key_size);
+}
+
+// How many records will be written, and the payload's length with them.
+struct Extent {
+  std::int32_t count = 0;
+  std::uint64_t length = PropertyBagWriter::IntegerSize(1) + PropertyBagWriter::kEndSize;
+};
+
+Extent Measure(const GreyListingDatabase& database, DateTime now) {
+  Extent extent;
+  for (const cGreyListingData& record : database.All()) {
+    if (now >= record.ExpireAt()) continue;
+    ++extent.count;
+    extent.length += RecordSize(RecordName(extent.count).Size(), record.Key().size());
+    if (extent.length > std::numeric_limits<std::uint32_t>::max()) {
+      throw Error(error_number::kBadValue, "mGreyListing.SaveGreyListingDatabase",
+                  "The database is larger than 4 GB");
+    }
+  }
+  return extent;
+}
+
+DateTime ReadDateOf(PropertyBagReader& bag, std::string_view name) {
+  const DateTime date = bag.ReadDate(name);
+  if (!(date >= kEarliestDate && date < kLatestDate)) RaiseCorruptedFile(std::string(kReadSource));
+  return date;
+}
+
+// The payload's length; raises 321 when the header is not ours or does not fit a content of `size` bytes.
+std::uint64_t ReadHeader(const BytesIn& in, std::uint64_t size) {
+  std::array<char, kHeaderSize> header{};
+  std::size_t got = 0;
+  while (got < header.size()) {
+    const std::size_t more = in(header.data() + got, header.size() - got);
+    if (more == 0) RaiseCorruptedFile(std::string(kReadSource));
+    got += more;
+  }
+  if (std::string_view(header.data(), kMagic.size()) != kMagic) RaiseCorruptedFile(std::string(kReadSource));
+  std::uint64_t length = 0;
+  for (std::size_t i = kHeaderSize; i > kMagic.size(); --i) {
+    length = (length << 8) | static_cast<unsigned char>(header[i - 1]);
+  }
+  if (size != kHeaderSize + length) RaiseCorruptedFile(std::string(kReadSource));
+  return length;
+}
+
+}  // namespace
+
+void WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out) {
+  const Extent extent = Measure(database, now);
+  std::string header(kMagic);
+  for (int shift = 0; shift < 32; shift += 8) header += static_cast<char>((extent.length >> shift) & 0xFF);
+  out(header);
+
+  PropertyBagWriter bag(out);
+  bag.WriteInteger("C", extent.count);
+  std::int32_t number = 0;
+  for (const cGreyListingData& record : database.All()) {
+    if (now >= record.ExpireAt()) continue;
+    RecordName name(++number);
+    bag.WriteInteger(name.With('R'), record.Count());
+    bag.WriteDate(name.With('D'), record.DelayedUntil());
+    bag.WriteDate(name.With('X'), record.ExpireAt());
+    bag.WriteBytes(name.With('K'), record.Key());
+  }
+  bag.Finish();
+}
+
+GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size) {
+  const std::uint64_t length = ReadHeader(in, size);
+  PropertyBagReader bag(std::move(in), length);
+  const std::int32_t count = bag.ReadInteger("C");
+  // Before anything is reserved for that many records: could the file hold them at all?
+  if (count < 0 || static_cast<std::uint64_t>(count) * RecordSize(2, 0) > length) {
+    RaiseCorruptedFile(std::string(kReadSource));
+  }
+  GreyListingDatabase database;
+  database.Reserve(static_cast<std::size_t>(count));
+  for (std::int32_t number = 1; number <= count; ++number) {
+    RecordName name(number);
+    const std::int32_t attempts = bag.ReadInteger(name.With('R'));
+    const DateTime delayed_until = ReadDateOf(bag, name.With('D'));
+    const DateTime expire_at = ReadDateOf(bag, name.With('X'));
+    database.Add({std::string(bag.ReadBytes(name.With('K'))), expire_at, delayed_until, attempts});
+  }
+  bag.Finish();
+  return database;
+}
+
+}  // namespace trabex

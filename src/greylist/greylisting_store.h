@@ -1,0 +1,90 @@
+// When the greylisting database is loaded and saved, and what the log says about it.
+//
+// The mail must not wait for a save, and a million records take about a second to write and, on a slow disk,
+// longer still to sync. So the periodic save is made by a forked copy of the process
+// (platform/snapshot_job.h). Writing a slice in each turn of the loop was the other choice; it cannot keep
+// its promise, because a sync, and a write once the system's buffers are full, takes as long as the disk
+// likes, and the file would mix records of different moments. The copy sees all records as they were at one
+// moment. The costs are bounded: forking takes a few milliseconds for a million records, memory is doubled
+// only for what changes during the save, and the copy drops every socket at once and dies with the program.
+// What the check changes meanwhile sets the changed flag anew and is for the next save. Expired records leave
+// our own memory after the save, some in each turn.
+//
+// At the program's end and before a reload the save has to be complete, so there it is made in place. A
+// background save under way is then given up, as it would only write older records to the same place first.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "base/log.h"
+#include "config/configuration.h"
+#include "greylist/greylisting_database.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/snapshot_job.h"
+
+namespace trabex {
+
+struct GreyListingSaveResult {
+  enum class Kind {
+    kUnchanged,  // nothing to save, nothing written
+    kSaved,
+    kFailed,  // logged; the old files are in place and the changed flag is set
+  };
+  Kind kind = Kind::kUnchanged;
+  DateTime time = 0;  // universal; the moment whose records were, or were to be, saved
+};
+
+class GreyListingStore {
+ public:
+  // All outlive this object. Settings are read at each use.
+  GreyListingStore(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop,
+                   GreyListingDatabase& database);
+  // Gives up a save in the background.
+  ~GreyListingStore() = default;
+  GreyListingStore(const GreyListingStore&) = delete;
+  GreyListingStore& operator=(const GreyListingStore&) = delete;
+
+  // Replaces the records by those of the file at the Database setting, or with `from_backup` of its backup.
+  // When that fails the reason is logged and the backup is loaded, after that an empty database begun. That
+  // path is the one that later saves go to, even when the setting changes. Waits for a save in the background
+  // first.
+  void LoadGreyListingDatabase(bool from_backup = false);
+
+  // Removes the expired records and writes the others, if something has changed. On return the files are on
+  // the disk, or the reason is logged. A save in the background is given up; its `done` is not called.
+  GreyListingSaveResult SaveGreyListingDatabase();
+
+  // As SaveGreyListingDatabase, but the loop goes on meanwhile; expired records leave the memory in the turns
+  // after the save. `done` is called from the loop with kSaved or kFailed. When the system gives no process
+  // for it, the save is made in place after all (better a held-up loop than lost records), and `done` called
+  // before this returns. False when nothing has changed or such a save is under way already; `done` is not
+  // called then.
+  bool SaveInBackground(std::function<void(const GreyListingSaveResult&)> done);
+  bool SavingInBackground() const { return job_.Running(); }
+
+  // Drops all records, for greylisting disabled. Waits for a save in the background first.
+  void ClearGreyListingDatabase();
+
+ private:
+  // Where saves go.
+  const std::string& Path() const { return path_ ? *path_ : settings_.Database; }
+  void Drop();
+  GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
+  GreyListingSaveResult Conclude(DateTime now, const JobResult& result);
+  void BeginSweep(DateTime now);
+  void SweepSome();
+
+  const GreyListingSettings& settings_;
+  Log& log_;
+  const Clock& clock_;
+  GreyListingDatabase& database_;
+  std::optional<std::string> path_;  // that of the last load
+  std::optional<GreyListingDatabase::Sweep> sweep_;
+  Timer sweep_timer_;
+  SnapshotJob job_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,111 @@
+#include "greylist/mGreyListing.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <limits>
+
+#include "base/date_time.h"
+#include "base/text.h"
+#include "greylist/property_bag.h"
+#include "match/ip_range.h"
+#include "match/mText.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::array<std::string_view, 5> kOutcomeTexts = {"New, Delayed.", "Expired, Delayed.", "Delayed.",
+                                                           "Accepted.", "Whitelisted."};
+
+// "<first three octets> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
+// none outside a quoted local part. The cut is never reached (a command line is far shorter); it is there
+// because the database file cannot hold a longer key.
+std::string TripleKey(std::string_view ip_text, std::string_view sender, std::string_view recipient) {
+  const std::string_view network = ip_text.substr(0, ip_text.rfind('.'));
+  std::string key;
+  key.reserve(network.size() + sender.size() + recipient.size() + 2);
+  key.append(network).append(" ").append(sender).append(" ").append(recipient);
+  std::transform(key.begin(), key.end(), key.begin(), [](char c) { return ToLower(c); });
+  if (key.size() > kLongestBytesProperty) key.resize(kLongestBytesProperty);
+  return key;
+}
+
+// Makes an attempt's negative count the positive one of an accepted triple.
+std::int32_t AcceptedCount(const cGreyListingData& record) {
+  return static_cast<std::int32_t>(
+      std::min<std::int64_t>(record.Attempts(), std::numeric_limits<std::int32_t>::max()));
+}
+
+}  // namespace
+
+GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, std::string_view ip_text,
+                                                  std::string_view sender, std::string_view recipient) {
+  const IPNumber ip = mCommon::CLngIP(ip_text);
+  if (mCommon::IPInRangeList(ip, settings_.IPWhiteList) ||
+      mText::MatchList(host_name, settings_.HostsWhiteList)) {
+    LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
+    return GreyListingOutcome::kWhitelisted;
+  }
+  std::string key = TripleKey(ip_text, sender, recipient);
+  cGreyListingData* record = database_.Find(key);
+  const DateTime now = clock_.UniversalNow();
+  const Terms terms = TermsFor(ip, host_name);
+
+  auto outcome = GreyListingOutcome::kNew;
+  if (record == nullptr) {
+    record = &database_.Add({std::move(key), now + settings_.ShortTTL, now + terms.delay, -1});
+  } else {
+    outcome = Judge(*record, terms, now);
+  }
+  database_.SetChanged(true);
+  LogOutcome(outcome, terms.blacklisted, record);
+  return outcome;
+}
+
+mGreyListing::Terms mGreyListing::TermsFor(IPNumber ip, std::string_view host_name) const {
+  if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
+      mText::MatchList(host_name, settings_.HostsBlackList)) {
+    return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
+  }
+  return {false, settings_.Delay, settings_.MinCount};
+}
+
+// The order of these steps is what makes an expired triple pass at once: its count of 0 becomes 1, and a
+// positive count is an accepted one. Whoever retried before is no stranger, and the long life time begins
+// again.
+GreyListingOutcome mGreyListing::Judge(cGreyListingData& record, const Terms& terms, DateTime now) const {
+  if (now > record.ExpireAt()) {
+    record.SetCount(0);
+    record.SetExpireAt(now + settings_.ShortTTL);
+    record.SetDelayedUntil(now + terms.delay);
+  }
+  record.IncrementAttempts();
+  if (record.Count() > 0) {
+    record.SetExpireAt(now + settings_.TTL);
+    return GreyListingOutcome::kAccepted;
+  }
+  if (now < record.DelayedUntil()) return GreyListingOutcome::kDelayed;
+  if (record.Attempts() <= terms.min_count) return GreyListingOutcome::kDelayed;
+  record.SetCount(AcceptedCount(record));
+  record.SetExpireAt(now + settings_.TTL);
+  return GreyListingOutcome::kAccepted;
+}
+
+void mGreyListing::LogOutcome(GreyListingOutcome outcome, bool blacklisted,
+                              const cGreyListingData* record) const {
+  if (settings_.Log == 0) return;
+  const double bias = clock_.TimeZoneBias() / kMinutesPerDay;
+  std::string line = "Greylisting: ";
+  if (blacklisted) line += "Blacklisted, ";
+  line += kOutcomeTexts[static_cast<std::size_t>(outcome)];
+  if (record != nullptr) {
+    line += " Attempts: " + std::to_string(record->Attempts());
+    line += "; Will expire at: " + FormatGeneralDate(record->ExpireAt() - bias);
+    if (IsDelayed(outcome)) line += "; Delayed until: " + FormatGeneralDate(record->DelayedUntil() - bias);
+    line += ".";
+  }
+  log_.LogLine(line);
+}
+
+}  // namespace trabex

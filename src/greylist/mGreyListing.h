@@ -1,0 +1,65 @@
+// The greylisting decision.
+//
+// Mail from a triple of client network, sender and recipient that was not seen before is refused for now.
+// Real mail servers come again; once the delay has passed and enough attempts were made the triple is
+// accepted for a long time. The session asks here for each recipient of a remote client while greylisting is
+// enabled.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "base/log.h"
+#include "config/configuration.h"
+#include "greylist/greylisting_database.h"
+#include "platform/clock.h"
+
+namespace trabex {
+
+// The first three mean "not yet".
+enum class GreyListingOutcome {
+  kNew = 0,          // new triple, delayed
+  kExpired = 1,      // expired triple, delayed; never the outcome, since such a triple passes at once
+  kDelayed = 2,      // known triple, still delayed
+  kAccepted = 3,     // the recipient may pass
+  kWhitelisted = 4,  // likewise, and no record is kept
+};
+
+inline bool IsDelayed(GreyListingOutcome outcome) {
+  return outcome <= GreyListingOutcome::kDelayed;
+}
+
+class mGreyListing {
+ public:
+  // All outlive this object. Settings are read at each use.
+  mGreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock,
+               GreyListingDatabase& database)
+      : settings_(settings), log_(log), clock_(clock), database_(database) {}
+
+  // `host_name` is the client's name as resolved for the session, or empty; `ip_text` its address as a dotted
+  // quad; `sender` and `recipient` are addresses without angle brackets, letter case as it may be. Creates or
+  // refreshes the triple's record, sets the database's changed flag and, where the settings say so, writes
+  // one log line; a whitelisted client has the log line only. Raises 380 (source "mCommon.CLngIP") when
+  // `ip_text` is no address.
+  GreyListingOutcome GreyListingCheck(std::string_view host_name, std::string_view ip_text,
+                                      std::string_view sender, std::string_view recipient);
+
+ private:
+  // What the client's address and name decide.
+  struct Terms {
+    bool blacklisted;
+    double delay;            // days
+    std::int32_t min_count;  // more attempts than these are needed
+  };
+
+  Terms TermsFor(IPNumber ip, std::string_view host_name) const;
+  GreyListingOutcome Judge(cGreyListingData& record, const Terms& terms, DateTime now) const;
+  void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
+
+  const GreyListingSettings& settings_;
+  Log& log_;
+  const Clock& clock_;
+  GreyListingDatabase& database_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,137 @@
+#include "greylist/property_bag.h"
+
+#include <algorithm>
+#include <bit>
+#include <cassert>
+#include <cstring>
+#include <utility>
+
+#include "base/error.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr char kInteger = 'i';
+constexpr char kDate = 'd';
+constexpr char kBytes = 'b';
+
+constexpr std::size_t kBufferSize = 128 * 1024;
+static_assert(kBufferSize > kLongestBytesProperty);
+
+}  // namespace
+
+void RaiseCorruptedFile(std::string source) {
+  throw Error(error_number::kBadFileContent, std::move(source), "The file is corrupted");
+}
+
+void PropertyBagWriter::WriteInteger(std::string_view name, std::int32_t value) {
+  Begin(name, kInteger);
+  Number(static_cast<std::uint32_t>(value), 4);
+}
+
+void PropertyBagWriter::WriteDate(std::string_view name, DateTime value) {
+  Begin(name, kDate);
+  Number(std::bit_cast<std::uint64_t>(value), 8);
+}
+
+void PropertyBagWriter::WriteBytes(std::string_view name, std::string_view value) {
+  assert(value.size() <= kLongestBytesProperty);
+  Begin(name, kBytes);
+  Number(value.size(), 2);
+  buffer_.append(value);
+}
+
+void PropertyBagWriter::Finish() {
+  checksum_.Add(buffer_);
+  const std::uint32_t sum = checksum_.Value();
+  out_(buffer_);
+  buffer_.clear();
+  Number(sum, 4);
+  out_(buffer_);
+  buffer_.clear();
+}
+
+void PropertyBagWriter::Begin(std::string_view name, char type) {
+  assert(name.size() <= 255);
+  if (buffer_.size() >= kBufferSize) HandOut();
+  buffer_ += static_cast<char>(name.size());
+  buffer_.append(name);
+  buffer_ += type;
+}
+
+void PropertyBagWriter::Number(std::uint64_t value, int bytes) {
+  for (; bytes > 0; --bytes, value >>= 8) buffer_ += static_cast<char>(value & 0xFF);
+}
+
+void PropertyBagWriter::HandOut() {
+  checksum_.Add(buffer_);
+  out_(buffer_);
+  buffer_.clear();
+}
+
+PropertyBagReader::PropertyBagReader(BytesIn in, std::uint64_t size)
+    : in_(std::move(in)),
+      left_(size),
+      buffer_(static_cast<std::size_t>(std::min<std::uint64_t>(size, kBufferSize)), '\0') {}
+
+std::int32_t PropertyBagReader::ReadInteger(std::string_view name) {
+  Expect(name, kInteger);
+  return static_cast<std::int32_t>(static_cast<std::uint32_t>(Number(4)));
+}
+
+DateTime PropertyBagReader::ReadDate(std::string_view name) {
+  Expect(name, kDate);
+  return std::bit_cast<DateTime>(Number(8));
+}
+
+std::string_view PropertyBagReader::ReadBytes(std::string_view name) {
+  Expect(name, kBytes);
+  return Take(static_cast<std::size_t>(Number(2)));
+}
+
+void PropertyBagReader::Finish() {
+  checksum_.Add({buffer_.data() + checked_, begin_ - checked_});
+  checked_ = begin_;
+  const std::uint32_t expected = checksum_.Value();
+  if (Number(PropertyBagWriter::kEndSize) != expected || begin_ != end_ || left_ != 0) {
+    RaiseCorruptedFile("PropertyBag.Read");
+  }
+}
+
+std::string_view PropertyBagReader::Take(std::size_t size) {
+  if (end_ - begin_ < size) {
+    // What was read goes into the checksum and makes room.
+    checksum_.Add({buffer_.data() + checked_, begin_ - checked_});
+    std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+    end_ -= begin_;
+    begin_ = checked_ = 0;
+    while (end_ < size) {
+      const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(left_, buffer_.size() - end_));
+      const std::size_t got = wanted > 0 ? in_(buffer_.data() + end_, wanted) : 0;
+      if (got == 0) RaiseCorruptedFile("PropertyBag.Read");
+      end_ += got;
+      left_ -= got;
+    }
+  }
+  begin_ += size;
+  return {buffer_.data() + begin_ - size, size};
+}
+
+void PropertyBagReader::Expect(std::string_view name, char type) {
+  const auto length = static_cast<std::size_t>(Number(1));
+  if (length != name.size() || Take(length) != name || Take(1)[0] != type) {
+    RaiseCorruptedFile("PropertyBag.Read");
+  }
+}
+
+std::uint64_t PropertyBagReader::Number(int bytes) {
+  const std::string_view text = Take(static_cast<std::size_t>(bytes));
+  std::uint64_t value = 0;
+  for (std::size_t i = text.size(); i > 0; --i) {
+    value = (value << 8) | static_cast<unsigned char>(text[i - 1]);
+  }
+  return value;
+}
+
+}  // namespace trabex

@@ -1,0 +1,224 @@
+#include "platform/dns_channel.h"
+
+#include <ares.h>
+#include <ares_nameser.h>
+#if __has_include(<netdb.h>)  // elsewhere ares.h brings what is needed
+#include <netdb.h>
+#endif
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "base/error.h"
+#include "platform/dotted_address.h"
+#include "platform/sockets.h"
+
+namespace trabex {
+
+namespace {
+
+// Questions that one channel takes in its life.
+constexpr int kMostQuestions = 1024;
+// How often each server is asked. The bound of a look-up is not c-ares's business; a later answer finds
+// nobody.
+constexpr int kTries = 3;
+// Room for the answers of a burst of questions; the system gives as much of it as it likes.
+constexpr int kReceiveBufferBytes = 1 << 20;
+// No sane host has more addresses; an answer over TCP could hold some thousands.
+constexpr int kMostAddresses = 256;
+
+[[noreturn]] void RaiseDeviceError() {
+  throw Error(error_number::kDeviceIo, "mNameLookup.DnsChannel", "Device I/O error");
+}
+
+int LookupError(int status) {
+  switch (status) {
+    case ARES_ENOTFOUND:
+    case ARES_EBADNAME:
+      return socket_error::kHostNotFound;
+    case ARES_ENODATA:
+      return socket_error::kNoData;
+    case ARES_EFORMERR:
+    case ARES_EBADRESP:
+      return socket_error::kNoRecovery;
+    default:  // no answer, no server, servers that failed or refused: another time they may do
+      return socket_error::kTryAgain;
+  }
+}
+
+std::uint32_t HostOrder(const in_addr& address) {
+  unsigned char bytes[4];
+  std::memcpy(bytes, &address, sizeof bytes);
+  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
+         bytes[3];
+}
+
+// The address's bytes in the order of the net, and the name under which DNS keeps its names.
+std::array<unsigned char, 4> NetOrder(std::uint32_t address) {
+  return {static_cast<unsigned char>(address >> 24), static_cast<unsigned char>(address >> 16),
+          static_cast<unsigned char>(address >> 8), static_cast<unsigned char>(address)};
+}
+
+std::string ReverseName(std::uint32_t address) {
+  const auto bytes = NetOrder(address);
+  std::string name;
+  for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) name += std::to_string(*byte) + ".";
+  return name + "in-addr.arpa";
+}
+
+DnsReply ReadAddresses(const unsigned char* message, int length) {
+  DnsReply reply;
+  std::array<ares_addrttl, kMostAddresses> found{};
+  int count = kMostAddresses;
+  const int status = ares_parse_a_reply(message, length, nullptr, found.data(), &count);
+  if (status != ARES_SUCCESS) {
+    reply.error = LookupError(status);
+    return reply;
+  }
+  for (int i = 0; i < count; ++i)
+    reply.addresses.push_back(HostOrder(found[static_cast<std::size_t>(i)].ipaddr));
+  // An answer may lead from alias to alias and end without an address.
+  if (reply.addresses.empty()) reply.error = socket_error::kNoData;
+  return reply;
+}
+
+DnsReply ReadName(const unsigned char* message, int length, std::uint32_t address) {
+  DnsReply reply;
+  const auto bytes = NetOrder(address);
+  hostent* host = nullptr;
+  const int status =
+      ares_parse_ptr_reply(message, length, bytes.data(), static_cast<int>(bytes.size()), AF_INET, &host);
+  if (status != ARES_SUCCESS) {
+    reply.error = LookupError(status);
+    return reply;
+  }
+  const std::unique_ptr<hostent, decltype(&ares_free_hostent)> owner(host, ares_free_hostent);
+  // With several names the first one counts; c-ares has the last one as the name and all of them here.
+  const char* const first = host->h_aliases != nullptr ? host->h_aliases[0] : nullptr;
+  if (const char* const name = first != nullptr ? first : host->h_name) reply.name = name;
+  if (reply.name.ends_with('.')) reply.name.pop_back();
+  if (reply.name.empty()) reply.error = socket_error::kNoData;
+  return reply;
+}
+
+}  // namespace
+
+// One question; c-ares holds it until it calls back, which it does exactly once for each.
+struct DnsChannel::Question {
+  DnsChannel& channel;
+  LookupId id;
+  bool for_name;
+  std::uint32_t address;
+};
+
+struct DnsChannel::Callbacks {
+  static void OnAnswer(void* argument, int status, int /*timeouts*/, unsigned char* message, int length) {
+    const std::unique_ptr<Question> question(static_cast<Question*>(argument));
+    DnsChannel& channel = question->channel;
+    --channel.under_way_;
+    if (status == ARES_ECANCELLED || status == ARES_EDESTRUCTION) return;
+    DnsReply reply;
+    if (status != ARES_SUCCESS) {
+      reply.error = LookupError(status);
+    } else if (question->for_name) {
+      reply = ReadName(message, length, question->address);
+    } else {
+      reply = ReadAddresses(message, length);
+    }
+    channel.sink_.OnDnsReply(question->id, std::move(reply));
+  }
+
+  static void OnSocketState(void* argument, ares_socket_t socket, int readable, int writable) {
+    static_cast<DnsChannel*>(argument)->WatchSocket(static_cast<std::intptr_t>(socket),
+                                                    {.readable = readable != 0, .writable = writable != 0});
+  }
+};
+
+DnsChannel::DnsChannel(EventLoop& loop, const DnsSettings& settings, DnsSink& sink)
+    : loop_(loop), sink_(sink), room_(kMostQuestions) {
+  ares_options options{};
+  // Names come from strangers: they are not to be looked up in an alias file of the environment.
+  options.flags = ARES_FLAG_NOALIASES;
+  options.timeout = static_cast<int>(std::max<Milliseconds::rep>(settings.first_wait.count(), 1));
+  options.tries = kTries;
+  options.socket_receive_buffer_size = kReceiveBufferBytes;
+  options.sock_state_cb = Callbacks::OnSocketState;
+  options.sock_state_cb_data = this;
+  std::string resolver_file = settings.resolver_file;
+  options.resolvconf_path = resolver_file.data();
+  int given =
+      ARES_OPT_FLAGS | ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_RCVBUF | ARES_OPT_SOCK_STATE_CB;
+  if (!resolver_file.empty()) given |= ARES_OPT_RESOLVCONF;
+  options.udp_port = settings.port;
+  options.tcp_port = settings.port;
+  if (settings.port != 0) given |= ARES_OPT_UDP_PORT | ARES_OPT_TCP_PORT;
+  if (ares_library_init(ARES_LIB_INIT_ALL) != ARES_SUCCESS) RaiseDeviceError();
+  const int status = ares_init_options(&channel_, &options, given);
+  if (status != ARES_SUCCESS ||
+      (!settings.servers.empty() &&
+       ares_set_servers_ports_csv(channel_, settings.servers.c_str()) != ARES_SUCCESS)) {
+    if (status == ARES_SUCCESS) ares_destroy(channel_);
+    ares_library_cleanup();
+    RaiseDeviceError();
+  }
+}
+
+DnsChannel::~DnsChannel() {
+  ares_destroy(channel_);  // calls back for every question, and for every socket
+  ares_library_cleanup();
+}
+
+DnsChannel::Question* DnsChannel::NewQuestion(LookupId id, bool for_name, std::uint32_t address) {
+  --room_;
+  ++wanted_;
+  ++under_way_;
+  return std::make_unique<Question>(Question{*this, id, for_name, address}).release();
+}
+
+void DnsChannel::AskAddresses(const std::string& name, bool search, LookupId id) {
+  Question* const question = NewQuestion(id, false, 0);
+  if (search) {
+    ares_search(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, question);
+  } else {
+    ares_query(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, question);
+  }
+}
+
+void DnsChannel::AskName(std::uint32_t address, LookupId id) {
+  ares_query(channel_, ReverseName(address).c_str(), C_IN, T_PTR, Callbacks::OnAnswer,
+             NewQuestion(id, true, address));
+}
+
+void DnsChannel::HandleTimeouts() {
+  ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);
+}
+
+void DnsChannel::DropUnwanted() {
+  if (!IsWanted() && under_way_ > 0) ares_cancel(channel_);
+}
+
+void DnsChannel::OnReady(std::intptr_t socket, ForeignReadiness readiness) {
+  const auto native = static_cast<ares_socket_t>(socket);
+  ares_process_fd(channel_, readiness.readable ? native : ARES_SOCKET_BAD,
+                  readiness.writable ? native : ARES_SOCKET_BAD);
+}
+
+// Called by c-ares whenever it waits for something else on a socket; for nothing right before it closes it.
+void DnsChannel::WatchSocket(std::intptr_t socket, ForeignReadiness interest) {
+  if (!interest.readable && !interest.writable) {
+    watches_.erase(socket);
+    return;
+  }
+  const auto watch = watches_.try_emplace(
+      socket, loop_, socket, [this, socket](ForeignReadiness readiness) { OnReady(socket, readiness); });
+  try {
+    watch.first->second.SetInterest(interest);
+  } catch (const Error&) {
+    // Nothing may be thrown through c-ares. Answers on this socket are not seen, so their look-ups time out.
+    watches_.erase(watch.first);
+  }
+}
+
+}  // namespace trabex

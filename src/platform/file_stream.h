@@ -1,0 +1,59 @@
+// Files that are read or written piece by piece, for those that are too large to be held in memory beside
+// what they are made of.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace trabex {
+
+// Each call raises the numbers of files.h with the `source` given to the constructor; paths are as the system
+// takes them (NativePath).
+
+// Reads a file from its beginning.
+class InputFile {
+ public:
+  // Only regular files are opened (75): a FIFO or a device would hold up the caller.
+  InputFile(const std::string& path, std::string source);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  // In bytes, at the time of opening.
+  std::uint64_t Size() const { return size_; }
+  // Puts up to `size` bytes at `buffer` and returns their number; 0 is the end.
+  std::size_t Read(char* buffer, std::size_t size);
+
+ private:
+  std::string source_;
+  std::intptr_t descriptor_;
+  std::uint64_t size_ = 0;
+};
+
+// Writes a new file under a temporary name, to be moved into its place. Unless Release is called, the file is
+// removed with this object.
+class NewFile {
+ public:
+  // Creates `path`, readable for its owner only, following no symbolic link. A file of that name that
+  // somebody died over is removed first; one that another process is writing right now is left alone (70).
+  NewFile(const std::string& path, std::string source);
+  ~NewFile();
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  void Write(std::string_view bytes);
+  // Returns when all of it is on the disk.
+  void Sync();
+  // The file has got its final name: what is called `path` now is no longer this one.
+  void Release() { released_ = true; }
+
+ private:
+  std::string path_;
+  std::string source_;
+  std::intptr_t descriptor_;
+  bool released_ = false;
+};
+
+}  // namespace trabex

@@ -1,0 +1,14 @@
+// Opening nothing but regular files.
+#pragma once
+
+#include <string>
+
+#include "platform/linux/descriptor.h"
+
+namespace trabex {
+
+// Opens a regular file; empty with errno otherwise. What is none is not opened at all, since opening alone
+// may wait (a FIFO) or move something (a tape); the second look is for what took its place in between.
+Descriptor OpenRegularFile(const std::string& path, int flags);
+
+}  // namespace trabex

@@ -1,0 +1,312 @@
+// Look-ups of names and addresses: the hosts file is read here, DNS is asked through c-ares. Every answer is
+// posted to the loop; c-ares's own callbacks only note what they were told, so whoever is answered may do
+// anything, ending all look-ups included.
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include "base/error.h"
+#include "base/text.h"
+#include "platform/descriptor_reserve.h"
+#include "platform/dns_channel.h"
+#include "platform/dotted_address.h"
+#include "platform/host_settings.h"
+#include "platform/hosts_file.h"
+#include "platform/name_lookup.h"
+#include "platform/sockets.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::size_t kMostNameBytes = 253;  // RFC 1035, 2.3.4, without the dots at both ends
+constexpr std::uint32_t kLoopback = 0x7F000001;
+
+// The time for all tries of one question, in waits for the first: each wait is twice the one before.
+constexpr int kFirstWaitsInLimit = 5;
+// How finely the end of a look-up is timed; it is never later than the limit.
+constexpr int kTicksInLimit = 50;
+
+bool IsHostNameByte(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
+}
+
+// Whether a host could have this name; DNS allows more, but nobody needs to be asked for it.
+bool IsHostName(std::string_view name) {
+  if (name.size() > kMostNameBytes) return false;
+  const auto labels = Split(name, '.');
+  return std::all_of(labels.begin(), labels.end(), [](std::string_view label) {
+    return !label.empty() && std::all_of(label.begin(), label.end(), IsHostNameByte);
+  });
+}
+
+// RFC 6761, 6.3: these are never asked for.
+bool IsLocalhost(std::string_view name) {
+  return EqualNoCase(name, "localhost") || EndsWithNoCase(name, ".localhost");
+}
+
+class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookups> {
+ public:
+  using AddressReceiver = std::function<void(const AddressAnswer&)>;
+  using NameReceiver = std::function<void(const NameAnswer&)>;
+
+  Lookups(EventLoop& loop, const NameLookupOptions& options)
+      : loop_(loop),
+        limit_(options.limit),
+        tick_length_(std::max(options.limit / kTicksInLimit, Milliseconds{1})),
+        tick_(loop, tick_length_, [this] { Tick(); }),
+        hosts_(options.hosts_file.empty() ? DefaultHostsPath() : options.hosts_file),
+        dns_{options.servers, options.resolver_file, options.port, options.limit / kFirstWaitsInLimit},
+        resolver_change_(options.resolver_file.empty() ? ResolverSettingsPath() : options.resolver_file) {
+    ResolverChanged();
+    NewChannel();
+  }
+
+  // Nobody is answered any more. The object itself may live on for a moment, below the call that ended it.
+  void Close() {
+    tick_.Disable();
+    requests_.clear();
+    channels_.clear();
+  }
+
+  LookupId FindAddresses(std::string_view name, AddressReceiver receiver) {
+    const LookupId id = NewRequest(std::move(receiver));
+    const bool absolute = name.ends_with('.');
+    const std::string host(name.substr(0, name.size() - (absolute ? 1 : 0)));
+    if (const auto address = ParseDottedAddress(name)) {
+      Finish(id, {0, {*address}, {}});
+    } else if (!IsHostName(host)) {
+      Finish(id, {socket_error::kHostNotFound, {}, {}});
+    } else if (auto known = KnownAddresses(host); !known.empty()) {
+      Finish(id, {0, std::move(known), {}});
+    } else {
+      // The domains of the system are searched for a plain name only: a stranger's "x.test" is never taken
+      // for "x.test.example.org", even if everything below that exists.
+      const bool search = !absolute && host.find('.') == std::string::npos;
+      AskDns(id, [&](DnsChannel& channel) { channel.AskAddresses(host, search, id); });
+    }
+    return id;
+  }
+
+  LookupId FindName(std::uint32_t address, NameReceiver receiver) {
+    const LookupId id = NewRequest(std::move(receiver));
+    const std::string& known = hosts_.Table(Now()).Name(address);
+    if (!known.empty()) {
+      Finish(id, {0, {}, known});
+    } else {
+      AskDns(id, [&](DnsChannel& channel) { channel.AskName(address, id); });
+    }
+    return id;
+  }
+
+  void Cancel(LookupId id) {
+    const auto found = requests_.find(id);
+    if (found == requests_.end()) return;
+    if (found->second.channel != nullptr) found->second.channel->Unwant();
+    requests_.erase(found);
+  }
+
+  std::vector<std::uint32_t> KnownAddresses(std::string_view host) {
+    const auto& known = hosts_.Table(Now()).Addresses(host);
+    if (known.empty() && IsLocalhost(host)) return {kLoopback};
+    return known;
+  }
+
+  std::string HostsText() const { return hosts_.Text(); }
+
+ private:
+  struct Request {
+    std::variant<AddressReceiver, NameReceiver> receiver;
+    DnsChannel* channel = nullptr;  // that was asked and has not replied yet
+    DnsReply reply;
+  };
+
+  MonotonicTime Now() const { return loop_.GetClock().Monotonic(); }
+
+  LookupId NewRequest(std::variant<AddressReceiver, NameReceiver> receiver) {
+    requests_.emplace(++last_id_, Request{std::move(receiver), nullptr, {}});
+    return last_id_;
+  }
+
+  // A channel reads files when it starts. It must find a descriptor for that even when sessions have used up
+  // all others, or it would ask the wrong server with numbers that can be guessed.
+  void NewChannel() {
+    for_files_.Release();
+    try {
+      channels_.push_back(std::make_unique<DnsChannel>(loop_, dns_, *this));
+    } catch (...) {
+      for_files_.Hold();
+      throw;
+    }
+    for_files_.Hold();
+  }
+
+  bool ResolverChanged() {
+    return dns_.servers.empty() && !resolver_change_.Path().empty() && resolver_change_.Changed(Now());
+  }
+
+  // The last channel is the one that is asked; those before it only wait for their replies.
+  DnsChannel& CurrentChannel() {
+    if (ResolverChanged() || !channels_.back()->HasRoom()) {
+      try {
+        NewChannel();
+      } catch (const Error&) {
+        resolver_change_.Forget();
+        throw;
+      }
+    }
+    return *channels_.back();
+  }
+
+  template <class Ask>
+  void AskDns(LookupId id, Ask ask) {
+    DnsChannel* channel = nullptr;
+    try {
+      channel = &CurrentChannel();
+    } catch (const Error&) {
+      Finish(id, {socket_error::kTryAgain, {}, {}});
+      return;
+    }
+    requests_.find(id)->second.channel = channel;
+    deadlines_.push_back({Now() + limit_, id});
+    if (!tick_.Enabled()) tick_.Enable();
+    if (!HasSocket()) for_socket_.Release();
+    ask(*channel);
+    KeepSocketReserve();
+  }
+
+  bool HasSocket() const {
+    return std::any_of(channels_.begin(), channels_.end(),
+                       [](const auto& channel) { return channel->HasSocket(); });
+  }
+  // While DNS is not being asked a descriptor is kept for the next question.
+  void KeepSocketReserve() {
+    if (!HasSocket()) for_socket_.Hold();
+  }
+
+  void OnDnsReply(LookupId id, DnsReply reply) override { Finish(id, std::move(reply)); }
+
+  // Notes the outcome; its receiver gets it from the loop.
+  void Finish(LookupId id, DnsReply reply) {
+    const auto found = requests_.find(id);
+    if (found == requests_.end()) return;  // too late
+    Request& request = found->second;
+    if (request.channel != nullptr) std::exchange(request.channel, nullptr)->Unwant();
+    request.reply = std::move(reply);
+    loop_.Post([weak = weak_from_this(), id] {
+      if (const auto self = weak.lock()) self->Answer(id);
+    });
+  }
+
+  void Answer(LookupId id) {
+    KeepSocketReserve();
+    const auto found = requests_.find(id);
+    if (found == requests_.end()) return;  // cancelled meanwhile
+    const Request request = std::move(found->second);
+    requests_.erase(found);
+    Give(request);
+  }
+
+  static void Give(const Request& request) {
+    const DnsReply& reply = request.reply;
+    if (const auto* const receiver = std::get_if<AddressReceiver>(&request.receiver)) {
+      (*receiver)({reply.error, reply.addresses});
+    } else {
+      std::get<NameReceiver>(request.receiver)({reply.error, reply.name});
+    }
+  }
+
+  void Tick() {
+    for (const auto& channel : channels_) {
+      if (channel->IsWanted()) channel->HandleTimeouts();
+    }
+    // What would be late by the next tick has failed now.
+    const MonotonicTime late = Now() + tick_length_;
+    while (!deadlines_.empty() && deadlines_.front().time <= late) {
+      const LookupId id = deadlines_.front().id;
+      deadlines_.pop_front();
+      const auto found = requests_.find(id);
+      if (found != requests_.end() && found->second.channel != nullptr) {
+        Finish(id, {socket_error::kTryAgain, {}, {}});
+      }
+    }
+    for (const auto& channel : channels_) channel->DropUnwanted();
+    const DnsChannel* const current = channels_.back().get();
+    std::erase_if(channels_, [current](const auto& channel) {
+      return channel.get() != current && !channel->IsWanted();
+    });
+    KeepSocketReserve();
+    if (channels_.size() == 1 && !current->IsWanted()) {
+      deadlines_.clear();
+      tick_.Disable();
+    }
+  }
+
+  struct Deadline {
+    MonotonicTime time;
+    LookupId id;
+  };
+
+  EventLoop& loop_;
+  const Milliseconds limit_;
+  const Milliseconds tick_length_;
+  Timer tick_;  // runs while DNS is being asked
+  HostsFile hosts_;
+  const DnsSettings dns_;
+  FileChange resolver_change_;
+  DescriptorReserve for_files_;
+  DescriptorReserve for_socket_;
+  std::vector<std::unique_ptr<DnsChannel>> channels_;
+  std::unordered_map<LookupId, Request> requests_;
+  std::deque<Deadline> deadlines_;  // all look-ups have the same time, so they end in the order of asking
+  LookupId last_id_ = 0;
+};
+
+class CaresNameLookup final : public NameLookup {
+ public:
+  CaresNameLookup(EventLoop& loop, const NameLookupOptions& options)
+      : lookups_(std::make_shared<Lookups>(loop, options)) {}
+  ~CaresNameLookup() override { lookups_->Close(); }
+  CaresNameLookup(const CaresNameLookup&) = delete;
+  CaresNameLookup& operator=(const CaresNameLookup&) = delete;
+
+  LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
+    return lookups_->FindAddresses(name, std::move(answer));
+  }
+  LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+    return lookups_->FindName(address, std::move(answer));
+  }
+  void Cancel(LookupId id) override { lookups_->Cancel(id); }
+
+  std::optional<std::uint32_t> KnownAddress(std::string_view name) override {
+    if (const auto address = ParseDottedAddress(name)) return address;
+    if (name.ends_with('.')) name.remove_suffix(1);
+    const auto known = lookups_->KnownAddresses(name);
+    return known.empty() ? std::nullopt : std::optional(known.front());
+  }
+
+  NameAnswer LocalHostName() override {
+    const std::string name = MachineName();
+    if (name.empty()) return {socket_error::kHostNotFound, ""};
+    const std::string full = FullNameInHosts(lookups_->HostsText(), name);
+    return {0, full.empty() ? name : full};
+  }
+
+ private:
+  std::shared_ptr<Lookups> lookups_;  // the loop's calls may hold it for a moment longer
+};
+
+}  // namespace
+
+std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options) {
+  return std::make_unique<CaresNameLookup>(loop, options);
+}
+
+}  // namespace trabex

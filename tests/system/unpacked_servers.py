@@ -1,0 +1,276 @@
+"""Exim and OpenSMTPD for the stories.
+
+Their Debian packages exclude that of Postfix and each other, so they are not installed: the packages are unpacked, and
+each server runs with a folder of its own as its "/". That folder holds its program, the libraries that this loads, its
+users, its configuration, its queue, its log and its mailbox.
+"""
+
+import contextlib
+import fcntl
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+from processes import LOOPBACK, Process, bound, free_port, wait_until
+
+# Ids that no distribution gives to anybody.
+_USER_ID = 64901
+
+
+def unpacked_package(name):
+    """The folder with the files of a Debian package, which is downloaded when it is not there yet.
+
+    It stays, in the user's cache, for the next run.
+    """
+    cache = Path(os.environ.get("XDG_CACHE_HOME") or Path.home() / ".cache") / "trabex-tests"
+    cache.mkdir(parents=True, exist_ok=True)
+    folder = cache / name
+    with open(cache / f"{name}.lock", "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not folder.exists():
+            with tempfile.TemporaryDirectory(dir=cache) as work:
+                _download(name, work)
+                archive, = Path(work).glob("*.deb")
+                _run("dpkg", "-x", archive, Path(work) / "files")
+                (Path(work) / "files").rename(folder)
+    return folder
+
+
+def _download(name, folder):
+    download = ["apt-get", "download", "--quiet", "-o", "APT::Sandbox::User=root", name]
+    with contextlib.suppress(AssertionError):
+        _run(*download, cwd=folder)
+        return
+    # The lists of packages are missing or old.
+    _run("apt-get", "update", "--quiet")
+    _run(*download, cwd=folder)
+
+
+def _run(*command, cwd=None):
+    done = subprocess.run(list(map(str, command)), cwd=cwd, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          errors="replace", timeout=bound(300), check=False)
+    if done.returncode != 0:
+        raise AssertionError(f"{command[0]} failed:\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+class Root:
+    """A folder that is "/" to the programs of one package.
+
+    `programs` are those whose libraries it needs, `users` the names of accounts. The program of the story runs in it
+    with run() or start().
+    """
+
+    def __init__(self, place, package, programs, users):
+        if os.geteuid() != 0:
+            raise unittest.SkipTest(f"{package} runs as root only")
+        self.folder = place.new_folder(package)
+        self._place = place
+        self._package = package
+        for path in ("dev", "etc", "tmp", "usr/bin", "usr/lib", "usr/lib64", "usr/sbin", "var/mail", "var/run"):
+            (self.folder / path).mkdir(parents=True)
+        for name in ("bin", "lib", "lib64", "sbin"):
+            (self.folder / name).symlink_to(f"usr/{name}")
+        (self.folder / "tmp").chmod(0o1777)
+        self._make_null_device()
+        self._make_users(users)
+        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n")
+        shutil.copytree(unpacked_package(package) / "usr", self.folder / "usr", symlinks=True, dirs_exist_ok=True,
+                        ignore=shutil.ignore_patterns("share"))
+        shutil.copy("/bin/sh", self.folder / "bin" / "sh")
+        for program in ("bin/sh", *programs):
+            self._copy_libraries(self.folder / program)
+
+    def _make_null_device(self):
+        null = self.folder / "dev" / "null"
+        os.mknod(null, 0o20666, os.makedev(1, 3))
+        null.chmod(0o666)
+        try:
+            null.open("r+b").close()
+        except PermissionError:
+            # A file system for temporary files may know no devices. Nobody reads there what was written.
+            null.unlink()
+            null.touch()
+            null.chmod(0o666)
+
+    def _make_users(self, names):
+        users = {"root": 0, **{name: _USER_ID + i for i, name in enumerate(names)}}
+        etc = self.folder / "etc"
+        (etc / "passwd").write_text("".join(f"{name}:x:{number}:{number}::/var/mail/{name}:/bin/sh\n"
+                                            for name, number in users.items()))
+        (etc / "group").write_text("".join(f"{name}:x:{number}:\n" for name, number in users.items()))
+        self._users = users
+
+    def _copy_libraries(self, program):
+        needed = _run("ldd", program)
+        missing = re.findall(r"(\S+) => not found", needed)
+        if missing:
+            raise AssertionError(f"{self._package} needs libraries that are not installed: {', '.join(missing)}")
+        for library in re.findall(r"(/\S+) \(0x", needed):
+            copy = self.folder / library.lstrip("/")
+            copy.parent.mkdir(parents=True, exist_ok=True)
+            if not copy.exists():
+                shutil.copy(library, copy)
+
+    def new_folder(self, path, user="root"):
+        folder = self.folder / path
+        folder.mkdir(parents=True)
+        os.chown(folder, self._users[user], self._users[user])
+        return folder
+
+    def start(self, name, *command):
+        process = Process(self._place, name, ["chroot", self.folder, *command])
+        self._place.on_leaving(self._leave, process)
+        return process
+
+    def _leave(self, process):
+        if process.status() is None:
+            process.end()
+        # Those that it had started end when they see it gone, or have done their piece of work.
+        wait_until(lambda: not self._processes(), f"{process.name} to be gone")
+
+    def _processes(self):
+        found = []
+        for link in Path("/proc").glob("[0-9]*/root"):
+            with contextlib.suppress(OSError):
+                if os.readlink(link) == str(self.folder):
+                    found.append(link.parent.name)
+        return found
+
+    def run(self, *command, text=b""):
+        """Runs a program to its end with `text` as its input; returns (status, what it said)."""
+        done = subprocess.run(["chroot", str(self.folder), *map(str, command)], input=text, stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, timeout=bound(120), check=False)
+        return done.returncode, done.stdout.decode(errors="replace")
+
+
+class _MaildirServer:
+    """What a server has that runs in a Root and delivers everything into one Maildir there.
+
+    `_head` matches what it puts in front of a message; its group is the recipient.
+    """
+
+    _head = None
+
+    def count(self):
+        return len(list(self.maildir.glob("new/*")))
+
+    def wait_for_messages(self, count, seconds=120):
+        """Waits for `count` messages and returns (recipient, content) of each; the lines end in LF here."""
+        wait_until(lambda: self.count() >= count, f"{count} messages in the Maildir", seconds)
+        return [self._split(path.read_bytes()) for path in self.maildir.glob("new/*")]
+
+    def _split(self, content):
+        head = self._head.match(content)
+        if not head:
+            raise AssertionError(f"not as {type(self).__name__} delivers: {content[:400]!r}")
+        return head.group(1).decode("ascii"), content[head.end():]
+
+
+class Exim(_MaildirServer):
+    """An Exim that takes mail from loopback for any domain and delivers it into one Maildir.
+
+    `settings` are main options beside (or instead of) those below; a value of None stands for no value. With
+    `queue_only` it keeps what it takes in its queue.
+    """
+
+    _head = re.compile(rb"Return-path: .*\nEnvelope-to: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
+
+    def __init__(self, place, settings=None):
+        self._root = Root(place, "exim4-daemon-light", ["usr/sbin/exim4"], ["Debian-exim"])
+        self.port = free_port()
+        self.address = (LOOPBACK, self.port)
+        self.queue = self._root.new_folder("var/spool/exim4", "Debian-exim")
+        self._log = self._root.new_folder("var/log/exim4", "Debian-exim") / "mainlog"
+        self.maildir = self._root.new_folder("var/mail/box", "Debian-exim")
+        main = {
+            "primary_hostname": "server.example", "exim_path": "/usr/sbin/exim4", "local_interfaces": LOOPBACK,
+            "daemon_smtp_ports": self.port, "acl_smtp_rcpt": "accept", "acl_smtp_data": "accept",
+            "log_selector": "+all -subject -msg_id", "host_lookup": "", "rfc1413_query_timeout": "0s",
+            "deliver_drop_privilege": "true", "keep_environment": "", "tls_advertise_hosts": "",
+            "chunking_advertise_hosts": "*", "accept_8bitmime": "true", "message_size_limit": 0,
+            "smtp_accept_max": 200, "smtp_load_reserve": 1000, "check_spool_space": 0, "check_spool_inodes": 0,
+        }
+        main.update(settings or {})
+        authenticators = main.pop("authenticators", "")
+        configuration = self._root.new_folder("etc/exim4") / "exim4.conf"
+        configuration.write_text(
+            "".join(f"{key} = {value}\n" for key, value in main.items()) +
+            "begin routers\nbox:\n  driver = accept\n  transport = box\n"
+            "begin transports\nbox:\n  driver = appendfile\n  directory = /var/mail/box\n  maildir_format\n"
+            "  create_directory\n  user = Debian-exim\n  envelope_to_add\n  return_path_add\n"
+            "begin authenticators\n" + authenticators)
+        self.process = self._root.start("exim", "/usr/sbin/exim4", "-bdf")
+        self.process.wait_listening(self.port)
+
+    def log(self):
+        return self._log.read_text(errors="surrogateescape") if self._log.exists() else ""
+
+
+class EximClient:
+    """An Exim that sends what it is given to one address, each message over a connection of its own, with BDAT where
+    the server offers it. `source` is its own address."""
+
+    def __init__(self, place, address, source):
+        self._root = Root(place, "exim4-daemon-light", ["usr/sbin/exim4"], ["Debian-exim"])
+        self._root.new_folder("var/spool/exim4", "Debian-exim")
+        self._log = self._root.new_folder("var/log/exim4", "Debian-exim") / "mainlog"
+        (self._root.new_folder("etc/exim4") / "exim4.conf").write_text(
+            "primary_hostname = client.example\nexim_path = /usr/sbin/exim4\nkeep_environment =\n"
+            "deliver_drop_privilege = true\nlog_selector = +all\nmessage_size_limit = 0\n"
+            "check_spool_space = 0\ncheck_spool_inodes = 0\n"
+            "begin routers\nproxy:\n  driver = manualroute\n"
+            f"  route_data = {address[0]}\n  self = send\n  transport = smtp\n"
+            f"begin transports\nsmtp:\n  driver = smtp\n  port = {address[1]}\n  interface = {source}\n"
+            "  allow_localhost\n  hosts_try_chunking = *\n  hosts_try_fastopen =\n  hosts_avoid_tls = *\n"
+            "begin retry\n* * F,1h,1m\n")
+
+    def send(self, sender, recipient, content):
+        """Takes a message and tries to deliver it at once."""
+        return self._root.run("/usr/sbin/exim4", "-odf", "-oi", "-f", sender, recipient,
+                              text=content.replace(b"\r\n", b"\n"))
+
+    def retry(self):
+        """Tries again with everything that it still has."""
+        return self._root.run("/usr/sbin/exim4", "-qff")
+
+    def waiting(self):
+        """How many messages it has not got rid of."""
+        status, said = self._root.run("/usr/sbin/exim4", "-bpc")
+        if status != 0:
+            raise AssertionError(said)
+        return int(said)
+
+    def log(self):
+        return self._log.read_text(errors="surrogateescape")
+
+
+class OpenSmtpd(_MaildirServer):
+    """An OpenSMTPD that takes mail from anywhere for any domain and delivers it into one Maildir."""
+
+    _head = re.compile(rb"Return-Path: .*\nDelivered-To: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
+
+    def __init__(self, place, settings=()):
+        users = ["opensmtpd", "opensmtpq", "box"]
+        self._root = Root(place, "opensmtpd",
+                          ["usr/sbin/smtpd", "usr/sbin/smtpctl", "usr/libexec/opensmtpd/mail.maildir"], users)
+        self.port = free_port()
+        self.address = (LOOPBACK, self.port)
+        self._root.new_folder("var/lib/opensmtpd/empty")
+        self._spool = self._root.new_folder("var/spool/smtpd")
+        self._spool.chmod(0o711)
+        self.maildir = self._root.new_folder("var/mail/box", "box")
+        (self._root.folder / "etc" / "smtpd.conf").write_text(
+            "".join(f"{line}\n" for line in settings) +
+            f"listen on {LOOPBACK} port {self.port} hostname server.example\n"
+            'action "box" maildir "/var/mail/box" virtual { "@" = "box" }\n'
+            'match from any for any action "box"\n')
+        self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d")
+        self.process.wait_listening(self.port)
+
+    def log(self):
+        return self.process.stderr()

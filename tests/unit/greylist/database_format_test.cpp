@@ -1,0 +1,274 @@
+#include "greylist/database_format.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "greylist/crc32.h"
+#include "unit/greylist/greylist_support.h"
+
+namespace trabex {
+namespace {
+
+using namespace std::string_literals;
+
+const std::string kCorrupted = "321 The file is corrupted";
+
+std::string Number(std::uint64_t value, int bytes) {
+  std::string text;
+  for (; bytes > 0; --bytes, value >>= 8) text += static_cast<char>(value & 0xFF);
+  return text;
+}
+
+// A file around these properties, with the right length and checksum.
+std::string FileOf(const std::string& properties) {
+  Crc32 crc;
+  crc.Add(properties);
+  const std::string payload = properties + Number(crc.Value(), 4);
+  return "\x3F\xC7\x6A\xA2"s + Number(payload.size(), 4) + payload;
+}
+
+std::string Property(const std::string& name, char type, const std::string& value) {
+  return Number(name.size(), 1) + name + type + value;
+}
+std::string Integer(const std::string& name, std::uint32_t value) {
+  return Property(name, 'i', Number(value, 4));
+}
+// 1.0 is 3FF0000000000000, 2.0 is 4000000000000000.
+std::string Date(const std::string& name, std::uint64_t bits) {
+  return Property(name, 'd', Number(bits, 8));
+}
+std::string Bytes(const std::string& name, const std::string& value) {
+  return Property(name, 'b', Number(value.size(), 2) + value);
+}
+constexpr std::uint64_t kOne = 0x3FF0000000000000;
+constexpr std::uint64_t kTwo = 0x4000000000000000;
+
+std::string Record(const std::string& number, const std::string& key) {
+  return Integer(number + "R", 0xFFFFFFFF) + Date(number + "D", kOne) + Date(number + "X", kTwo) +
+         Bytes(number + "K", key);
+}
+
+TEST(DatabaseFormat, IsAsDocumented) {
+  GreyListingDatabase database;
+  database.Add({"k\xE9y", 2, 1, -1});
+  // The example of docs/greylisting-database.md.
+  const std::string expected =
+      "\x3F\xC7\x6A\xA2"s
+      "\x34\x00\x00\x00"s
+      "\x01"s
+      "C"s
+      "i"s
+      "\x01\x00\x00\x00"s
+      "\x02"s
+      "1R"s
+      "i"s
+      "\xFF\xFF\xFF\xFF"s
+      "\x02"s
+      "1D"s
+      "d"s
+      "\x00\x00\x00\x00\x00\x00\xF0\x3F"s
+      "\x02"s
+      "1X"s
+      "d"s
+      "\x00\x00\x00\x00\x00\x00\x00\x40"s
+      "\x02"s
+      "1K"s
+      "b"s
+      "\x03\x00"s
+      "k\xE9y"s;
+  const std::string content = ContentOf(database, 0);
+  ASSERT_EQ(content.size(), expected.size() + 4);
+  EXPECT_EQ(content.substr(0, expected.size()), expected);
+  EXPECT_EQ(content, FileOf(expected.substr(8)));
+  EXPECT_EQ(content, FileOf(Integer("C", 1) + Record("1", "k\xE9y")));
+}
+
+TEST(DatabaseFormat, HoldsOnlyWhatHasNotExpired) {
+  GreyListingDatabase database;
+  AddAll(database, {{"a", 9, 1, -1}, {"b", 10.5, 1, -1}, {"c", 10, 1, -1}, {"d", 11, 1, -1}});
+  EXPECT_EQ(Plain(DatabaseOf(ContentOf(database, 10))),
+            (std::vector<PlainRecord>{{"b", 10.5, 1, -1}, {"d", 11, 1, -1}}));
+  // Writing changes nothing in memory.
+  EXPECT_EQ(database.Count(), 4U);
+}
+
+TEST(DatabaseFormat, ExpiredRecordsAreRead) {
+  EXPECT_EQ(Plain(DatabaseOf(FileOf(Integer("C", 1) + Record("1", "old")))),
+            (std::vector<PlainRecord>{{"old", 2, 1, -1}}));
+}
+
+TEST(DatabaseFormat, AnEmptyDatabaseComesBack) {
+  const std::string content = ContentOf(GreyListingDatabase());
+  EXPECT_EQ(content, FileOf(Integer("C", 0)));
+  EXPECT_EQ(DatabaseOf(content).Count(), 0U);
+}
+
+TEST(DatabaseFormat, EveryByteInAKeyComesBack) {
+  std::string key;
+  for (int byte = 0; byte < 256; ++byte) key += static_cast<char>(byte);
+  const std::vector<PlainRecord> records = {{key, kSomeNow + 1, kSomeNow, -1}};
+  EXPECT_EQ(Plain(DatabaseOf(ContentOf(records))), records);
+}
+
+TEST(DatabaseFormat, LimitsComeBack) {
+  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
+  constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+  const std::vector<PlainRecord> records = {
+      {"", 2958465.9, -657434, kMost},
+      {std::string(kLongestBytesProperty, 'k'), std::nextafter(kSomeNow, 1e9), 0, kLeast},
+      {"z", kSomeNow + 1, std::numeric_limits<double>::denorm_min(), 0},
+  };
+  EXPECT_EQ(Plain(DatabaseOf(ContentOf(records))), records);
+}
+
+struct BadFile {
+  const char* what;
+  std::string content;
+  std::string error = kCorrupted;
+};
+
+TEST(DatabaseFormat, WhatIsNoDatabaseIsRefused) {
+  const std::string good = FileOf(Integer("C", 1) + Record("1", "key"));
+  ASSERT_EQ(DatabaseOf(good).Count(), 1U);
+  const std::string nan = Date("1X", 0x7FF8000000000000);
+  const std::string infinite = Date("1X", 0x7FF0000000000000);
+  const std::string far_away = Date("1X", 0x7FEFFFFFFFFFFFFF);
+  const std::string start = Integer("C", 1) + Integer("1R", 1) + Date("1D", kOne);
+  const BadFile cases[] = {
+      {"nothing", ""},
+      {"half a header", good.substr(0, 5)},
+      {"a header alone", good.substr(0, 8)},
+      {"a header of no payload", "\x3F\xC7\x6A\xA2\0\0\0\0"s},
+      {"another magic", "\x40" + good.substr(1)},
+      {"the magic reversed", "\xA2\x6A\xC7\x3F" + good.substr(4)},
+      {"a length of 4 GB in a file of 20 bytes", "\x3F\xC7\x6A\xA2\xFF\xFF\xFF\xFF"s + good.substr(8, 12)},
+      {"a length too long by one", "\x3F\xC7\x6A\xA2"s + Number(good.size() - 7, 4) + good.substr(8)},
+      {"a length too short by one", "\x3F\xC7\x6A\xA2"s + Number(good.size() - 9, 4) + good.substr(8)},
+      {"a byte behind the payload", good + '\0'},
+      {"a byte less", good.substr(0, good.size() - 1)},
+      {"a checksum of zeros", good.substr(0, good.size() - 4) + "\0\0\0\0"s},
+      {"no properties", FileOf("")},
+      {"no C", FileOf(Record("1", "key"))},
+      {"C of another type", FileOf(Date("C", kOne))},
+      {"C in lower case", FileOf(Integer("c", 0))},
+      {"a negative C", FileOf(Integer("C", 0xFFFFFFFF))},
+      {"the lowest C", FileOf(Integer("C", 0x80000000))},
+      {"the highest C", FileOf(Integer("C", 0x7FFFFFFF) + Record("1", "key"))},
+      {"C too high by one", FileOf(Integer("C", 2) + Record("1", "key"))},
+      {"C too low by one", FileOf(Integer("C", 1) + Record("1", "a") + Record("2", "b"))},
+      {"C twice", FileOf(Integer("C", 0) + Integer("C", 0))},
+      {"a record without R", FileOf(Integer("C", 1) + Record("1", "a").substr(8))},
+      {"a record numbered from 0", FileOf(Integer("C", 1) + Record("0", "a"))},
+      {"a padded number", FileOf(Integer("C", 1) + Record("01", "a"))},
+      {"the same number twice", FileOf(Integer("C", 2) + Record("1", "a") + Record("1", "b"))},
+      {"properties in another order",
+       FileOf(Integer("C", 1) + Date("1D", kOne) + Integer("1R", 1) + Date("1X", kTwo) + Bytes("1K", "k"))},
+      {"an unknown type", FileOf(Property("C", 'x', Number(0, 4)))},
+      {"R as a date",
+       FileOf(Integer("C", 1) + Date("1R", kOne) + Date("1D", kOne) + Date("1X", kTwo) + Bytes("1K", "k"))},
+      {"a key longer than the file", FileOf(start + Date("1X", kTwo) + Property("1K", 'b', "\xFF\xFFk"s))},
+      {"a date that is no number", FileOf(start + nan + Bytes("1K", "k"))},
+      {"an infinite date", FileOf(start + infinite + Bytes("1K", "k"))},
+      {"a date beyond all calendars", FileOf(start + far_away + Bytes("1K", "k"))},
+      {"a key twice", FileOf(Integer("C", 2) + Record("1", "key") + Record("2", "key")),
+       "457 This key is already associated with an element of this collection"},
+  };
+  for (const BadFile& file : cases) {
+    EXPECT_EQ(ErrorOf([&] { DatabaseOf(file.content); }), file.error) << file.what;
+  }
+}
+
+TEST(DatabaseFormat, EveryTruncationIsRefused) {
+  const std::string content = ContentOf(SomeRecords("s", 3));
+  for (std::size_t size = 0; size < content.size(); ++size) {
+    const std::string part = content.substr(0, size);
+    ASSERT_EQ(ErrorOf([&] { DatabaseOf(part); }), kCorrupted) << size;
+    if (size < 8) continue;
+    // Also with a header that knows of it.
+    const std::string fitting = part.substr(0, 4) + Number(size - 8, 4) + part.substr(8);
+    ASSERT_EQ(ErrorOf([&] { DatabaseOf(fitting); }), kCorrupted) << size;
+  }
+}
+
+TEST(DatabaseFormat, EveryChangedBitIsFound) {
+  const std::string content = ContentOf(SomeRecords("s", 2));
+  for (std::size_t bit = 0; bit < content.size() * 8; ++bit) {
+    std::string damaged = content;
+    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
+    ASSERT_EQ(ErrorOf([&] { DatabaseOf(damaged); }), kCorrupted) << bit;
+  }
+}
+
+// A file that gets shorter while it is read.
+TEST(DatabaseFormat, AnEndBeforeTheSizeIsRefused) {
+  const std::string content = ContentOf(SomeRecords("s", 3));
+  for (std::size_t size = 0; size < content.size(); ++size) {
+    std::string_view rest = std::string_view(content).substr(0, size);
+    const auto in = [&rest](char* buffer, std::size_t room) {
+      const std::size_t got = rest.copy(buffer, room);
+      rest.remove_prefix(got);
+      return got;
+    };
+    ASSERT_EQ(ErrorOf([&] { ReadDatabase(in, content.size()); }), kCorrupted) << size;
+  }
+}
+
+TEST(DatabaseFormat, ComesInAnyPieces) {
+  const std::vector<PlainRecord> records = SomeRecords("s", 20);
+  const std::string content = ContentOf(records);
+  for (const std::size_t piece : {1U, 2U, 3U, 7U, 100U}) {
+    std::string_view rest = content;
+    const auto in = [&rest, piece](char* buffer, std::size_t room) {
+      const std::size_t got = rest.copy(buffer, std::min(room, piece));
+      rest.remove_prefix(got);
+      return got;
+    };
+    EXPECT_EQ(Plain(ReadDatabase(in, content.size())), records) << piece;
+  }
+}
+
+TEST(DatabaseFormat, RandomBytesAreRefused) {
+  std::mt19937_64 random(20261115);
+  for (int round = 0; round < 20000; ++round) {
+    std::string content(random() % 300, '\0');
+    for (char& byte : content) byte = static_cast<char>(random());
+    // Most of them get as far as a header can get them.
+    if (round % 4 != 0 && content.size() >= 8) {
+      content.replace(0, 8, "\x3F\xC7\x6A\xA2"s + Number(content.size() - 8, 4));
+    }
+    if (round % 4 == 2 && content.size() >= 15)
+      content.replace(8, 3,
+                      "\x01"s
+                      "Ci");
+    ASSERT_EQ(ErrorOf([&] { DatabaseOf(content); }), kCorrupted) << round;
+  }
+}
+
+TEST(DatabaseFormat, RandomDatabasesComeBack) {
+  std::mt19937_64 random(15112026);
+  for (int round = 0; round < 40; ++round) {
+    GreyListingDatabase database;
+    const std::size_t count = random() % 2000;
+    while (database.Count() < count) {
+      std::string key(random() % 10 == 0 ? random() % 5000 : random() % 120, '\0');
+      for (char& byte : key) byte = static_cast<char>(random());
+      if (database.Find(key) != nullptr) continue;
+      const auto date = [&random] { return 46000 + static_cast<double>(random() % 1000000) / 1e4; };
+      const DateTime expire_at = date();
+      database.Add({key, expire_at, date(), static_cast<std::int32_t>(random())});
+    }
+    GreyListingDatabase read = DatabaseOf(ContentOf(database, 46050));
+    database.RemoveExpired(46050);
+    ASSERT_EQ(Plain(read), Plain(database)) << round;
+    EXPECT_FALSE(read.Changed());
+  }
+}
+
+}  // namespace
+}  // namespace trabex

@@ -1,0 +1,116 @@
+// What several tests of this folder need: databases to compare, and code that runs in a process of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+#include <initializer_list>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "base/error.h"
+#include "greylist/database_format.h"
+#include "greylist/greylisting_database.h"
+
+namespace trabex {
+
+// A record as plain values: key, expires, delayed until, count.
+using PlainRecord = std::tuple<std::string, DateTime, DateTime, std::int32_t>;
+
+inline std::vector<PlainRecord> Plain(const GreyListingDatabase& database) {
+  std::vector<PlainRecord> records;
+  for (const cGreyListingData& record : database.All()) {
+    records.emplace_back(record.Key(), record.ExpireAt(), record.DelayedUntil(), record.Count());
+  }
+  return records;
+}
+
+inline void AddAll(GreyListingDatabase& database, const std::vector<PlainRecord>& records) {
+  for (const auto& [key, expire_at, delayed_until, count] : records) {
+    database.Add({key, expire_at, delayed_until, count});
+  }
+}
+
+// Some moment; records with a later date have not expired at it.
+inline constexpr DateTime kSomeNow = 46000.5;
+
+// `count` records that are told apart by `mark`, none of them expired at kSomeNow.
+inline std::vector<PlainRecord> SomeRecords(const std::string& mark, int count) {
+  std::vector<PlainRecord> records;
+  for (int i = 1; i <= count; ++i) {
+    records.emplace_back("192.0.2 " + mark + std::to_string(i) + "@a.test r@b.test", kSomeNow + i, kSomeNow,
+                         -i);
+  }
+  return records;
+}
+
+// The content of a file with these records.
+inline std::string ContentOf(const GreyListingDatabase& database, DateTime now = kSomeNow) {
+  std::string content;
+  WriteDatabase(database, now, [&content](std::string_view bytes) { content.append(bytes); });
+  return content;
+}
+inline std::string ContentOf(const std::vector<PlainRecord>& records) {
+  GreyListingDatabase database;
+  AddAll(database, records);
+  return ContentOf(database);
+}
+
+inline GreyListingDatabase DatabaseOf(std::string_view content) {
+  return ReadDatabase(
+      [rest = content](char* buffer, std::size_t size) mutable {
+        const std::size_t got = rest.copy(buffer, size);
+        rest.remove_prefix(got);
+        return got;
+      },
+      content.size());
+}
+
+// "<number> <description>" of the Error that `action` raises, "" when there is none.
+inline std::string ErrorOf(const std::function<void()>& action) {
+  try {
+    action();
+    return "";
+  } catch (const Error& error) {
+    return std::to_string(error.Number()) + " " + error.Description();
+  }
+}
+
+// What `work` returns when it runs in a forked process, for tests that change something for the whole
+// process: user, mounts, permitted system calls.
+inline std::string InChild(const std::function<std::string()>& work) {
+  std::array<int, 2> ends{};
+  if (pipe(ends.data()) != 0) return "no pipe";
+  const pid_t child = fork();
+  if (child < 0) return "no process";
+  if (child == 0) {
+    close(ends[0]);
+    std::string text;
+    try {
+      text = work();
+    } catch (const std::exception& error) {
+      text = std::string("exception: ") + error.what();
+    }
+    const bool all = write(ends[1], text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    _exit(all ? 0 : 1);
+  }
+  close(ends[1]);
+  std::string text;
+  std::array<char, 4096> buffer;
+  for (ssize_t got = 0; (got = read(ends[0], buffer.data(), buffer.size())) > 0;) {
+    text.append(buffer.data(), static_cast<std::size_t>(got));
+  }
+  close(ends[0]);
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    text += " (died, status " + std::to_string(status) + ")";
+  return text;
+}
+
+}  // namespace trabex

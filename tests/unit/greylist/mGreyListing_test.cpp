@@ -1,0 +1,351 @@
+#include "greylist/mGreyListing.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "support/fake_clock.h"
+#include "support/recorded_log.h"
+#include "unit/greylist/greylist_support.h"
+
+namespace trabex {
+namespace {
+
+using enum GreyListingOutcome;
+
+constexpr double kMinute = 1 / kMinutesPerDay;
+constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+
+// 15 November 2026, 12:00:00 universal time, an exact number of days and halves.
+const DateTime kNoon = FromCalendar({.year = 2026, .month = 11, .day = 15, .hour = 12});
+
+ExpressionList Patterns(std::initializer_list<const char*> patterns) {
+  ExpressionList list;
+  for (const char* pattern : patterns) list.Add(pattern, {{pattern}, false});
+  return list;
+}
+
+IPRangeList Range(const char* text) {
+  return IPRangeList({mCommon::InitIPRange(text)});
+}
+
+// The defaults of the initialization file, except that the host black list is empty.
+class GreyListing : public testing::Test {
+ protected:
+  GreyListing() {
+    settings_.Enabled = true;
+    settings_.Delay = 16 * kMinute;
+    settings_.BlackListDelay = 64 * kMinute;
+    settings_.TTL = 51840 * kMinute;
+    settings_.ShortTTL = 240 * kMinute;
+    settings_.MinCount = 1;
+    settings_.BlackListMinCount = 2;
+    SetTime(kNoon);
+  }
+
+  // Universal time; the machine is three hours east of Greenwich.
+  void SetTime(DateTime time) {
+    clock_.SetBias(-180);
+    clock_.SetNow(time + 180 * kMinute);
+    // The way back is not always exact.
+    EXPECT_NEAR(clock_.UniversalNow(), time, 1e-10);
+  }
+  // So that now is exactly `time`.
+  void SetTimeExactly(DateTime time) {
+    clock_.SetBias(0);
+    clock_.SetNow(time);
+  }
+
+  GreyListingOutcome Check(std::string_view ip = "10.1.2.3", std::string_view host = "mail.a.test",
+                           std::string_view sender = "s@a.test", std::string_view recipient = "r@b.test") {
+    return grey_.GreyListingCheck(host, ip, sender, recipient);
+  }
+  const cGreyListingData& Record(std::string_view key = "10.1.2 s@a.test r@b.test") {
+    const cGreyListingData* record = database_.Find(key);
+    if (record == nullptr) throw std::runtime_error("no record " + std::string(key));
+    return *record;
+  }
+
+  GreyListingSettings settings_;
+  RecordedLog log_;
+  FakeClock clock_;
+  GreyListingDatabase database_;
+  mGreyListing grey_{settings_, log_, clock_, database_};
+};
+
+TEST_F(GreyListing, ANewTripleIsDelayed) {
+  EXPECT_EQ(Check(), kNew);
+  EXPECT_EQ(Record().Count(), -1);
+  const DateTime now = clock_.UniversalNow();
+  EXPECT_EQ(Record().ExpireAt(), now + 240 * kMinute);
+  EXPECT_EQ(Record().DelayedUntil(), now + 16 * kMinute);
+  EXPECT_TRUE(database_.Changed());
+}
+
+TEST_F(GreyListing, OutcomesAreTheDesignedNumbers) {
+  EXPECT_EQ(static_cast<int>(kNew), 0);
+  EXPECT_EQ(static_cast<int>(kExpired), 1);
+  EXPECT_EQ(static_cast<int>(kDelayed), 2);
+  EXPECT_EQ(static_cast<int>(kAccepted), 3);
+  EXPECT_EQ(static_cast<int>(kWhitelisted), 4);
+  EXPECT_TRUE(IsDelayed(kNew));
+  EXPECT_TRUE(IsDelayed(kExpired));
+  EXPECT_TRUE(IsDelayed(kDelayed));
+  EXPECT_FALSE(IsDelayed(kAccepted));
+  EXPECT_FALSE(IsDelayed(kWhitelisted));
+}
+
+TEST_F(GreyListing, PassesAtTheFirstRetryAfterTheDelay) {
+  EXPECT_EQ(Check(), kNew);
+  SetTime(kNoon + 5 * kMinute);
+  EXPECT_EQ(Check(), kDelayed);
+  EXPECT_EQ(Record().Count(), -2);
+  SetTime(kNoon + 15.9 * kMinute);
+  EXPECT_EQ(Check(), kDelayed);
+  EXPECT_EQ(Record().Count(), -3);
+  // Neither date moves while it is delayed.
+  EXPECT_NEAR(Record().ExpireAt(), kNoon + 240 * kMinute, 1e-9);
+  EXPECT_NEAR(Record().DelayedUntil(), kNoon + 16 * kMinute, 1e-9);
+  SetTime(kNoon + 17 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  EXPECT_EQ(Record().Count(), 4);
+  EXPECT_NEAR(Record().ExpireAt(), kNoon + (17 + 51840) * kMinute, 1e-9);
+  SetTime(kNoon + 20 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  EXPECT_EQ(Record().Count(), 5);
+  EXPECT_NEAR(Record().ExpireAt(), kNoon + (20 + 51840) * kMinute, 1e-9);
+}
+
+// What becomes of a record, now being kSomeNow, Delay 16, BlackListDelay 64, TTL 51840 and ShortTTL 240
+// minutes.
+struct Row {
+  const char* what;
+  std::int32_t count;
+  double expire_at;      // minutes from now
+  double delayed_until;  // minutes from now
+  std::int32_t min_count;
+  bool blacklisted;
+  GreyListingOutcome outcome;
+  std::int32_t new_count;
+  double new_expire_at;
+  double new_delayed_until;
+};
+
+TEST_F(GreyListing, DecidesByTheRecord) {
+  constexpr double kTiny = 1e-7;  // minutes; more than the steps of a date at this distance
+  const Row rows[] = {
+      {"retry before the delay", -1, 200, 5, 1, false, kDelayed, -2, 200, 5},
+      {"retry at the delay's end", -1, 200, 0, 1, false, kAccepted, 2, 51840, 0},
+      {"retry just before it", -1, 200, kTiny, 1, false, kDelayed, -2, 200, kTiny},
+      {"retry just after it", -1, 200, -kTiny, 1, false, kAccepted, 2, 51840, -kTiny},
+      {"attempts equal to the minimum", -1, 200, -5, 2, false, kDelayed, -2, 200, -5},
+      {"one attempt more", -2, 200, -5, 2, false, kAccepted, 3, 51840, -5},
+      {"the largest minimum count", kLeast + 2, 200, -5, kMost, false, kDelayed, kLeast + 1, 200, -5},
+      {"more attempts than it", kLeast + 1, 200, -5, kMost, false, kAccepted, kMost, 51840, -5},
+      {"the attempts are at their end", kLeast, 200, -5, 1, false, kAccepted, kMost, 51840, -5},
+      {"delayed with the attempts at their end", kLeast, 200, 5, 1, false, kDelayed, kLeast, 200, 5},
+      {"accepted before", 4, 200, -500, 1, false, kAccepted, 5, 51840, -500},
+      {"accepted before, whatever the delay", 4, 200, 500, 9, false, kAccepted, 5, 51840, 500},
+      {"the count of acceptances is at its end", kMost, 200, -500, 1, false, kAccepted, kMost, 51840, -500},
+      {"a count of 0", 0, 200, 5, 9, false, kAccepted, 1, 51840, 5},
+      {"at its expiry, still delayed", -1, 0, 5, 1, false, kDelayed, -2, 0, 5},
+      {"at its expiry, delay over", -1, 0, -5, 1, false, kAccepted, 2, 51840, -5},
+      {"at its expiry, accepted before", 7, 0, -5, 1, false, kAccepted, 8, 51840, -5},
+      {"just expired", -1, -kTiny, -5, 1, false, kAccepted, 1, 51840, 16},
+      {"expired while delayed", -3, -5, 5, 9, false, kAccepted, 1, 51840, 16},
+      {"expired after acceptance", 7, -5, -500, 9, false, kAccepted, 1, 51840, 16},
+      {"expired, blacklisted client", -1, -5, -500, 9, true, kAccepted, 1, 51840, 64},
+      {"blacklisted: own minimum count", -1, 200, -5, 1, true, kDelayed, -2, 200, -5},
+      {"blacklisted: one attempt more", -2, 200, -5, 9, true, kAccepted, 3, 51840, -5},
+      {"blacklisted: the record's delay counts", -2, 200, 5, 1, true, kDelayed, -3, 200, 5},
+  };
+  settings_.IPBlackList = Range("10.1.0.0/16");
+  SetTimeExactly(kSomeNow);
+  for (const Row& row : rows) {
+    database_.Clear();
+    database_.SetChanged(false);
+    settings_.MinCount = row.min_count;
+    const char* ip = row.blacklisted ? "10.1.2.3" : "10.2.2.3";
+    const std::string key = std::string(row.blacklisted ? "10.1.2" : "10.2.2") + " s@a.test r@b.test";
+    const auto date = [](double minutes) { return kSomeNow + minutes * kMinute; };
+    database_.Add({key, date(row.expire_at), date(row.delayed_until), row.count});
+    EXPECT_EQ(Check(ip), row.outcome) << row.what;
+    EXPECT_EQ(Record(key).Count(), row.new_count) << row.what;
+    EXPECT_EQ(Record(key).ExpireAt(), date(row.new_expire_at)) << row.what;
+    EXPECT_EQ(Record(key).DelayedUntil(), date(row.new_delayed_until)) << row.what;
+    EXPECT_EQ(database_.Count(), 1U) << row.what;
+    EXPECT_TRUE(database_.Changed()) << row.what;
+  }
+}
+
+TEST_F(GreyListing, ANewTripleIsDelayedEvenWithoutADelay) {
+  settings_.Delay = 0;
+  EXPECT_EQ(Check(), kNew);
+  EXPECT_EQ(Check(), kAccepted);
+}
+
+TEST_F(GreyListing, AnAcceptedTripleIsAcceptedAfterItsTimeToo) {
+  EXPECT_EQ(Check(), kNew);
+  SetTime(kNoon + 20 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  SetTime(kNoon + (20 + 51840 + 1) * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  EXPECT_EQ(Record().Count(), 1);
+  EXPECT_NEAR(Record().ExpireAt(), kNoon + (20 + 51840 + 1 + 51840) * kMinute, 1e-9);
+}
+
+TEST_F(GreyListing, WhitelistedClientsLeaveNoRecord) {
+  settings_.IPWhiteList = Range("10.1.2.0/25");
+  settings_.HostsWhiteList = Patterns({"*.good.test"});
+  // A white list wins over a black one.
+  settings_.IPBlackList = Range("0.0.0.0/0");
+  EXPECT_EQ(Check("10.1.2.127"), kWhitelisted);
+  EXPECT_EQ(Check("192.0.2.1", "mail.good.test"), kWhitelisted);
+  EXPECT_EQ(database_.Count(), 0U);
+  EXPECT_FALSE(database_.Changed());
+  EXPECT_EQ(Check("10.1.2.128"), kNew);
+  // Its neighbours' record is neither read nor changed.
+  database_.SetChanged(false);
+  EXPECT_EQ(Check("10.1.2.127"), kWhitelisted);
+  EXPECT_EQ(Record().Count(), -1);
+  EXPECT_FALSE(database_.Changed());
+}
+
+TEST_F(GreyListing, BlacklistedClientsWaitLonger) {
+  settings_.IPBlackList = Range("10.1.2.3");
+  settings_.HostsBlackList = Patterns({"[]"});
+  struct {
+    const char* ip;
+    const char* host;
+    bool blacklisted;
+  } const cases[] = {
+      {"10.1.2.3", "mail.a.test", true},
+      {"10.1.3.3", "", true},  // the pattern of the empty name
+      {"10.1.4.3", "mail.a.test", false},
+  };
+  for (const auto& client : cases) {
+    database_.Clear();
+    SetTimeExactly(kNoon);
+    EXPECT_EQ(Check(client.ip, client.host), kNew) << client.ip;
+    const std::string key = std::string(client.ip, 6) + " s@a.test r@b.test";
+    EXPECT_EQ(Record(key).DelayedUntil(), kNoon + (client.blacklisted ? 64 : 16) * kMinute) << client.ip;
+    EXPECT_EQ(Record(key).ExpireAt(), kNoon + 240 * kMinute) << client.ip;
+  }
+}
+
+TEST_F(GreyListing, KeysAreNetworkAndLowerCaseAddresses) {
+  struct {
+    const char* ip;
+    const char* sender;
+    const char* recipient;
+    const char* key;
+  } const cases[] = {
+      {"10.1.2.3", "s@a.test", "r@b.test", "10.1.2 s@a.test r@b.test"},
+      {"10.1.2.255", "S@A.Test", "R@B.TEST", "10.1.2 s@a.test r@b.test"},
+      {"255.255.255.0", "", "r@b.test", "255.255.255  r@b.test"},
+      {"1.2.3.4", "\"A B\"@c.test", "Postmaster", "1.2.3 \"a b\"@c.test postmaster"},
+      {"1.2.3.4", "\xC3\x84@c.test", "r@b.test", "1.2.3 \xC3\x84@c.test r@b.test"},  // ASCII only
+  };
+  for (const auto& triple : cases) {
+    database_.Clear();
+    EXPECT_EQ(Check(triple.ip, "h", triple.sender, triple.recipient), kNew) << triple.key;
+    EXPECT_EQ(database_.All().front().Key(), triple.key);
+  }
+}
+
+TEST_F(GreyListing, OneRecordForANetworkAndAnyCase) {
+  EXPECT_EQ(Check("10.1.2.3", "a", "s@a.test", "r@b.test"), kNew);
+  EXPECT_EQ(Check("10.1.2.4", "b", "S@A.TEST", "R@b.Test"), kDelayed);
+  EXPECT_EQ(Check("10.1.3.3", "a", "s@a.test", "r@b.test"), kNew);
+  EXPECT_EQ(Check("10.1.2.3", "a", "s2@a.test", "r@b.test"), kNew);
+  EXPECT_EQ(Check("10.1.2.3", "a", "s@a.test", "r2@b.test"), kNew);
+  EXPECT_EQ(database_.Count(), 4U);
+}
+
+TEST_F(GreyListing, ALongerKeyThanTheFileHoldsIsCut) {
+  EXPECT_EQ(Check("10.1.2.3", "a", std::string(100000, 's'), "r@b.test"), kNew);
+  EXPECT_EQ(database_.All().front().Key().size(), kLongestBytesProperty);
+  EXPECT_EQ(Plain(DatabaseOf(ContentOf(database_, kSomeNow))), Plain(database_));
+}
+
+TEST_F(GreyListing, WhatIsNoAddressIsRefused) {
+  for (const char* ip : {"", "10.1.2", "10.1.2.256", "::1", "mail.a.test"}) {
+    EXPECT_EQ(ErrorOf([&] { Check(ip); }), "380 Invalid IP address: \"" + std::string(ip) + "\".");
+  }
+  EXPECT_EQ(database_.Count(), 0U);
+  EXPECT_FALSE(database_.Changed());
+}
+
+TEST_F(GreyListing, SettingsCountFromTheNextCheckOn) {
+  EXPECT_EQ(Check(), kNew);
+  settings_.MinCount = 5;
+  SetTime(kNoon + 20 * kMinute);
+  EXPECT_EQ(Check(), kDelayed);
+  settings_.MinCount = 1;
+  settings_.TTL = 600 * kMinute;
+  EXPECT_EQ(Check(), kAccepted);
+  EXPECT_NEAR(Record().ExpireAt(), kNoon + 620 * kMinute, 1e-9);
+  settings_.HostsWhiteList = Patterns({"*"});
+  EXPECT_EQ(Check(), kWhitelisted);
+}
+
+// All log lines show local time, three hours ahead.
+TEST_F(GreyListing, LogsOneLinePerDecision) {
+  settings_.Log = 1;
+  settings_.HostsWhiteList = Patterns({"*.good.test"});
+  settings_.HostsBlackList = Patterns({"*.bad.test"});
+  EXPECT_EQ(Check(), kNew);
+  SetTime(kNoon + 5 * kMinute);
+  EXPECT_EQ(Check(), kDelayed);
+  SetTime(kNoon + 17 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  SetTime(kNoon + (17 + 51840 + 1) * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  SetTime(kNoon);
+  EXPECT_EQ(Check("10.9.9.9", "mail.good.test"), kWhitelisted);
+  EXPECT_EQ(Check("10.9.9.9", "mail.bad.test"), kNew);
+  EXPECT_EQ(Check("10.9.9.9", "mail.bad.test"), kDelayed);
+  SetTime(kNoon + 65 * kMinute);
+  EXPECT_EQ(Check("10.9.9.9", "mail.bad.test"), kAccepted);
+  EXPECT_EQ(
+      log_.Lines(),
+      (std::vector<std::string>{
+          "Greylisting: New, Delayed. Attempts: 1; Will expire at: 15/11/2026 19:00:00; Delayed until: "
+          "15/11/2026 15:16:00.",
+          "Greylisting: Delayed. Attempts: 2; Will expire at: 15/11/2026 19:00:00; Delayed until: "
+          "15/11/2026 15:16:00.",
+          "Greylisting: Accepted. Attempts: 3; Will expire at: 21/12/2026 15:17:00.",
+          "Greylisting: Accepted. Attempts: 1; Will expire at: 26/01/2027 15:18:00.",
+          "Greylisting: Whitelisted.",
+          "Greylisting: Blacklisted, New, Delayed. Attempts: 1; Will expire at: 15/11/2026 19:00:00; Delayed "
+          "until: 15/11/2026 16:04:00.",
+          "Greylisting: Blacklisted, Delayed. Attempts: 2; Will expire at: 15/11/2026 19:00:00; Delayed "
+          "until: "
+          "15/11/2026 16:04:00.",
+          "Greylisting: Blacklisted, Accepted. Attempts: 3; Will expire at: 21/12/2026 16:05:00.",
+      }));
+}
+
+TEST_F(GreyListing, LogsNothingUnlessAsked) {
+  settings_.HostsWhiteList = Patterns({"*.good.test"});
+  EXPECT_EQ(Check(), kNew);
+  EXPECT_EQ(Check("10.9.9.9", "mail.good.test"), kWhitelisted);
+  EXPECT_TRUE(log_.Lines().empty());
+}
+
+TEST_F(GreyListing, LogsTheMagnitudeOfTheLowestCount) {
+  settings_.Log = 1;
+  SetTimeExactly(kNoon);
+  database_.Add({"10.1.2 s@a.test r@b.test", kNoon + 1, kNoon + 0.5, kLeast});
+  EXPECT_EQ(Check(), kDelayed);
+  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{
+                              "Greylisting: Delayed. Attempts: 2147483648; Will expire at: 16/11/2026 "
+                              "12:00:00; Delayed until: 16/11/2026 00:00:00."}));
+}
+
+}  // namespace
+}  // namespace trabex

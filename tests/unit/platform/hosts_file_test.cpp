@@ -1,0 +1,134 @@
+#include "platform/hosts_file.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+
+#include "support/fake_clock.h"
+#include "support/temp_folder.h"
+
+namespace trabex {
+namespace {
+
+using Addresses = std::vector<std::uint32_t>;
+
+constexpr const char* kHosts =
+    "# a comment\n"
+    "127.0.0.1\tlocalhost loopback # 127.0.0.2 not-this\r\n"
+    "\n"
+    "  192.0.2.1   Mail.Example.test mail\n"
+    "192.0.2.2 mail.example.test. mail mail\n"
+    "192.0.2.1 second.example.test\n"
+    "::1 six.example.test six\n"
+    "fe80::1%lo0 six\n"
+    "127.1 odd.example.test\n"
+    "0x7f.0.0.1 hex.example.test\n"
+    "192.0.2.9\n"
+    "words without an address\n"
+    "#192.0.2.7 off.example.test\n"
+    "192.0.2.8 last.example.test";
+
+TEST(HostsTable, NamesHaveAllTheirAddresses) {
+  const HostsTable table(kHosts);
+  const struct {
+    const char* name;
+    Addresses addresses;
+  } cases[] = {
+      {"localhost", {0x7F000001}},
+      {"loopback", {0x7F000001}},
+      {"mail", {0xC0000201, 0xC0000202}},
+      {"mail.example.test", {0xC0000201, 0xC0000202}},
+      {"MAIL.example.TEST.", {0xC0000201, 0xC0000202}},
+      {"last.example.test", {0xC0000208}},
+      {"not-this", {}},
+      {"six", {}},
+      {"odd.example.test", {}},
+      {"hex.example.test", {}},
+      {"without", {}},
+      {"off.example.test", {}},
+      {"", {}},
+      {".", {}},
+  };
+  for (const auto& c : cases) EXPECT_EQ(table.Addresses(c.name), c.addresses) << c.name;
+}
+
+TEST(HostsTable, AddressHasTheFirstNameOfItsFirstLine) {
+  const HostsTable table(kHosts);
+  EXPECT_EQ(table.Name(0xC0000201), "Mail.Example.test");
+  EXPECT_EQ(table.Name(0xC0000202), "mail.example.test");
+  EXPECT_EQ(table.Name(0x7F000001), "localhost");
+  EXPECT_EQ(table.Name(0xC0000209), "");
+  EXPECT_EQ(table.Name(0xC0000207), "");
+  EXPECT_EQ(HostsTable().Name(0), "");
+}
+
+TEST(HostsTable, FullNameStandsOnTheSameLine) {
+  const struct {
+    const char* text;
+    const char* host;
+    const char* full;
+  } cases[] = {
+      {"127.0.1.1 box.example.test box\n", "box", "box.example.test"},
+      {"127.0.1.1 box box.example.test.\n", "box", "box.example.test"},
+      {"::1 Box.example.test BOX\n", "box", "Box.example.test"},
+      {"127.0.0.1 localhost.localdomain localhost box\n", "box", ""},  // another name is not ours
+      {"127.0.0.1 box\n192.0.2.1 box.example.test box\n", "box", "box.example.test"},
+      {"192.0.2.1 box.example.test\n", "box", ""},
+      {"192.0.2.1 boxes.example.test box\n", "box", ""},
+      {"192.0.2.1 box. box\n", "box", ""},
+      {"192.0.2.1 box.example.test box\n", "box.example.test", ""},
+      {"", "box", ""},
+      {"192.0.2.1 .x x\n", "", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(FullNameInHosts(c.text, c.host), c.full) << c.text;
+}
+
+TEST(HostsFile, ChangeIsSeenWithinASecond) {
+  const TempFolder folder;
+  const std::string path = folder / "hosts";
+  FakeClock clock;
+  HostsFile file(path);
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{});
+  WriteFile(path, "192.0.2.1 a\n");
+  clock.Advance(std::chrono::milliseconds(999));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{});
+  clock.Advance(std::chrono::milliseconds(1));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+
+  WriteFile(path, "192.0.2.2 a\n");
+  std::filesystem::last_write_time(path,
+                                   std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000202});
+  EXPECT_EQ(file.Text(), "192.0.2.2 a\n");
+
+  std::filesystem::remove(path);
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{});
+  EXPECT_EQ(file.Text(), "");
+}
+
+// What cannot be read for the moment is not taken for an empty file.
+TEST(HostsFile, UnreadableFileKeepsWhatWasKnown) {
+  const TempFolder folder;
+  const std::string path = folder / "hosts";
+  WriteFile(path, "192.0.2.1 a\n");
+  FakeClock clock;
+  HostsFile file(path);
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  std::filesystem::remove(path);
+  ASSERT_TRUE(std::filesystem::create_directory(path));  // opens for nobody as a file
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  // Once it can be read again it counts, even if its date is still the same.
+  const auto date = std::filesystem::last_write_time(path);
+  std::filesystem::remove(path);
+  WriteFile(path, "192.0.2.2 a\n");
+  std::filesystem::last_write_time(path, date);
+  clock.Advance(std::chrono::seconds(1));
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000202});
+}
+
+}  // namespace
+}  // namespace trabex

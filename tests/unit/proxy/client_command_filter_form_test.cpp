@@ -1,0 +1,405 @@
+// The form of a line, the commands that never go to the server, refused sessions, and the end of a session
+// that sends too much out of order.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "base/text.h"
+#include "unit/proxy/dialogue.h"
+
+namespace trabex {
+namespace {
+
+constexpr const char* kBadSyntax = "<- 500 5.5.2 Invalid character in command line.";
+constexpr const char* kNotImplemented = "<- 502 5.5.1 Command not implemented.";
+
+TEST(ClientLine, IsBroughtIntoOneForm) {
+  const struct {
+    const char* line;
+    const char* outcome;
+  } rows[] = {
+      {"NOOP", "-> NOOP"},
+      {"noop", "-> noop"},
+      {"NoOp text", "-> NoOp text"},
+      {"NOOP  text  more ", "-> NOOP text  more\\x20"},
+      {"NOOP ", "-> NOOP"},
+      {"NOOP   ", "-> NOOP"},
+      {"  NOOP", "-> NOOP"},
+      {R"(\t \tNOOP)", "-> NOOP"},
+      {R"(NOOP\ttext)", "-> NOOP text"},
+      {R"(NOOP\t \ttext\tmore)", "-> NOOP text more"},
+      {R"(NOOP\t)", "-> NOOP"},
+      {"", "->"},
+      {"   ", "->"},
+      {"VRFY \xC3\xA4", R"(-> VRFY \xC3\xA4)"},
+      {"FOO bar", "-> FOO bar"},
+      {R"(MAIL\tFROM:<a@b>\tBODY=8BITMIME)", "-> MAIL FROM:<a@b> BODY=8BITMIME"},
+      {R"(  mail   from:<a@b>)", "-> MAIL FROM:<a@b>"},
+      {R"(EHLO\tclient.test)", "-> EHLO client.test"},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(Unescape(row.line)), row.outcome) << row.line;
+    const std::string_view sent = Trim(std::string_view(row.outcome).substr(2));
+    EXPECT_EQ(d.state.ForwardedVerb, ToUpper(FirstWord(sent))) << row.line;
+  }
+}
+
+TEST(ClientLine, WithAControlCharacterGoesNowhere) {
+  for (int byte = 0; byte < 128; ++byte) {
+    if (byte >= 32 && byte != 127) continue;
+    const std::string character(1, static_cast<char>(byte));
+    for (const std::string& line :
+         {"NOOP" + character, character + "NOOP", "NO" + character + "OP", "NOOP a" + character + "b",
+          "MAIL FROM:<a" + character + "@b>", "STARTTLS" + character, "QUIT" + character, character}) {
+      if (byte == '\t') continue;
+      Dialogue d;
+      d.Greet();
+      EXPECT_EQ(d.Says(line), kBadSyntax) << Escape(line);
+      EXPECT_EQ(d.state.BadSequenceCount, 1);
+      EXPECT_FALSE(d.state.TransactionOpen);
+      EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+    }
+  }
+}
+
+TEST(ClientLine, WithAnEightBitCharacterIsText) {
+  Dialogue d;
+  d.Greet();
+  EXPECT_EQ(d.Says("NOOP \x80\x8A\x8D\xFF"), R"(-> NOOP \x80\x8A\x8D\xFF)");
+}
+
+TEST(NeverForwarded, CommandsThatWouldHandTheServerOver) {
+  for (const char* line : {"STARTTLS", "starttls", "STARTTLS x", "TURN", "Turn", "ATRN a,b",
+                           "XCLIENT ADDR=127.0.0.1", "xclient NAME=localhost", "XFORWARD ADDR=127.0.0.1",
+                           "  XCLIENT ADDR=127.0.0.1", "\tXFORWARD\tNAME=x"}) {
+    {
+      SCOPED_TRACE("before the greeting");
+      Dialogue d;
+      EXPECT_EQ(d.Says(line), kNotImplemented) << line;
+    }
+    {
+      SCOPED_TRACE("in a transaction");
+      Dialogue d;
+      d.GreetMailAndRcpt();
+      EXPECT_EQ(d.Says(line), kNotImplemented) << line;
+      EXPECT_EQ(d.state.BadSequenceCount, 1);
+      EXPECT_TRUE(d.state.TransactionOpen);
+    }
+    {
+      SCOPED_TRACE("in a refused session");
+      Dialogue d;
+      d.facts.refused = true;
+      EXPECT_EQ(d.Says(line), kNotImplemented) << line;
+    }
+  }
+}
+
+TEST(NeverForwarded, OnlyTheseVerbs) {
+  for (const char* line : {"STARTTLSX", "XCLIENTS", "X-CLIENT", "TURNS", "XFORWARD2 a", "ETRN example"}) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(line), std::string("-> ") + line);
+  }
+}
+
+TEST(RefusedSession, IsTalkedToByTheProxyAlone) {
+  Dialogue d;
+  d.facts.refused = true;
+  d.configuration.ResponseChanges.Add(Appended("BadSeq", " 1"));
+  d.configuration.ResponseChanges.Add(Appended("BadSeq.BadIP", " 2"));
+  d.configuration.ResponseChanges.Add(Appended("EHLO.BadSeq.BadIP", " 3"));
+  d.Run(R"(
+    C: EHLO client.test
+    <- 503 Bad sequence of commands. 1 2 3
+    C: NOOP
+    <- 503 Bad sequence of commands. 1 2
+    C: RSET
+    <- 503 Bad sequence of commands. 1 2
+    C: MAIL FROM:<a@b>
+    <- 503 Bad sequence of commands. 1 2
+    C: DATA
+    <- 503 Bad sequence of commands. 1 2
+    C: quit
+    <- 221 2.0.0 proxy.test closing connection.
+    close)");
+  EXPECT_EQ(d.state.BadSequenceCount, 5);
+  EXPECT_TRUE(d.greylisting.asked.empty());
+}
+
+TEST(RefusedSession, DropsWhatABdatBrings) {
+  Dialogue d;
+  d.facts.refused = true;
+  d.Run(R"(
+    C: BDAT 6 LAST
+    <- 503 Bad sequence of commands.
+    C+ QUIT\r\n
+    end)");
+}
+
+TEST(RefusedSession, QuitIsChangedByItsKey) {
+  Dialogue d;
+  d.facts.refused = true;
+  d.configuration.EnhancedStatusCodes = false;
+  d.configuration.ResponseChanges.Add(Appended("QUIT.BadIP", " Bye."));
+  d.Run(R"(
+    C: QUIT
+    <- 221 proxy.test closing connection. Bye.
+    close)");
+}
+
+TEST(BadSequences, OneMoreThanTheLimitEndTheSession) {
+  Dialogue d;
+  for (int i = 1; i <= 10; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.") << i;
+  EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.; pause");
+}
+
+TEST(BadSequences, EveryKindThatCountsDoes) {
+  const struct {
+    const char* line;
+    bool counts;
+  } rows[] = {
+      {"DATA", true},      {"MAIL FROM:<a@b>", true}, {"RCPT TO:<u@local.test>", true},
+      {"NOOP \x01", true}, {"STARTTLS", true},        {"BDAT 1", true},
+      {"NOOP", false},     {"VRFY x", false},         {"EHLO black.test", false},
+      {"HELO", false},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.configuration.MaxBadSeq = 0;
+    d.configuration.ValidateHELO = 15;
+    d.configuration.HELOBlackList = ListOf({"black.test", "[]"});
+    EXPECT_EQ(d.Says(row.line).ends_with("pause"), row.counts) << row.line;
+  }
+}
+
+TEST(BadSequences, AreLookedAtAfterEveryLine) {
+  Dialogue d;
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.");
+  // The limit goes down while the session is open.
+  d.configuration.MaxBadSeq = 2;
+  EXPECT_EQ(d.Says("NOOP"), "-> NOOP; pause");
+}
+
+TEST(BadSequences, RefusalsByPolicyDoNotCount) {
+  Dialogue d;
+  d.configuration.MaxBadSeq = 0;
+  d.configuration.SendersBlackList = ListOf({"*"});
+  d.Greet();
+  EXPECT_EQ(d.Says("MAIL FROM:<a@b>"), "<- 550 5.7.1 Mail from a@b not allowed.");
+  EXPECT_EQ(d.Says("MAIL TO:<a@b>"), "<- 501 5.5.4 Invalid syntax of address in MAIL command.");
+  EXPECT_EQ(d.state.BadSequenceCount, 0);
+}
+
+// --- long lines
+
+std::string Refusal(Dialogue& d, std::string_view begin) {
+  const auto decision = d.commands.RefuseLongLine(begin);
+  if (!decision) return "none";
+  EXPECT_EQ(decision->action, LineDecision::Action::kAnswer);
+  return decision->text + (decision->close_when_sent ? ", close" : "");
+}
+
+TEST(LongLine, IsRefusedWithoutWaitingForItsEnd) {
+  constexpr const char* kRefused = "500 5.5.6 Line too long., close";
+  const auto line_of = [](std::string_view begin, std::size_t octets) {
+    std::string line(begin);
+    line.resize(octets, 'x');
+    return line;
+  };
+  const auto ended = [&](std::string_view begin, std::size_t octets) {
+    return line_of(begin, octets - 2) + "\r\n";
+  };
+  const struct {
+    std::string begin;
+    const char* outcome;
+  } rows[] = {
+      {"", "none"},
+      {"NOOP\r\n", "none"},
+      {ended("NOOP ", 4095), "none"},
+      {ended("NOOP ", 4096), "none"},
+      {ended("NOOP ", 4097), kRefused},
+      // Without its end: the line has at least one octet more.
+      {line_of("NOOP ", 4095), "none"},
+      {line_of("NOOP ", 4094) + "\r", "none"},
+      {line_of("NOOP ", 4096), kRefused},
+      {line_of("NOOP ", 4095) + "\r", kRefused},
+      {line_of("NOOP ", 60000), kRefused},
+      // Only the first line counts.
+      {"NOOP\r\n" + line_of("x", 60000), "none"},
+      {ended("NOOP ", 4096) + line_of("x", 5000), "none"},
+      // Another line end is none.
+      {line_of("NOOP\n", 4096), kRefused},
+      {line_of("NOOP\r", 4096), kRefused},
+      // AUTH has more room.
+      {ended("AUTH PLAIN ", 12288), "none"},
+      {ended("AUTH PLAIN ", 12289), kRefused},
+      {line_of("AUTH PLAIN ", 12287), "none"},
+      {line_of("AUTH PLAIN ", 12288), kRefused},
+      {ended("auth\tPLAIN ", 12288), "none"},
+      {ended(" \t AUTH PLAIN ", 12288), "none"},
+      {ended("AUTHX PLAIN ", 4097), kRefused},
+      {ended("XAUTH PLAIN ", 4097), kRefused},
+      {ended("AUTH", 4097), kRefused},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    EXPECT_EQ(Refusal(d, row.begin), row.outcome) << row.begin.substr(0, 20) << " of " << row.begin.size();
+    EXPECT_EQ(d.state.BadSequenceCount, 0);
+  }
+}
+
+TEST(LongLine, AuthenticationDataHasMoreRoom) {
+  Dialogue d;
+  d.state.AuthenticationData = true;
+  EXPECT_EQ(Refusal(d, std::string(12286, 'x') + "\r\n"), "none");
+  EXPECT_EQ(Refusal(d, std::string(12287, 'x') + "\r\n"), "500 5.5.6 Line too long., close");
+  EXPECT_EQ(Refusal(d, std::string(12287, 'x')), "none");
+  EXPECT_EQ(Refusal(d, std::string(12288, 'x')), "500 5.5.6 Line too long., close");
+}
+
+TEST(LongLine, TheReplyIsChangedByItsKey) {
+  Dialogue d;
+  d.configuration.ResponseChanges.Add(WholeReply("LineTooLong", "500 No."));
+  EXPECT_EQ(Refusal(d, std::string(5000, 'x')), "500 No., close");
+}
+
+// --- authentication
+
+TEST(Authentication, DataGoesToTheServerAsItIs) {
+  Dialogue d;
+  d.Greet();
+  d.Run(R"(
+    C: AUTH LOGIN
+    -> AUTH LOGIN
+    S: 334 VXNlcm5hbWU6
+    <- 334 VXNlcm5hbWU6
+    C: STARTTLS
+    -> STARTTLS
+    S: 334 UGFzc3dvcmQ6
+    <- 334 UGFzc3dvcmQ6
+    C: a\tb  c
+    -> a\tb  c
+    S: 235 welcome
+    <- 235 welcome
+    C: STARTTLS
+    <- 502 5.5.1 Command not implemented.)");
+}
+
+// The script drops blanks at the front; here they count.
+TEST(Authentication, DataKeepsItsBlanks) {
+  Dialogue d;
+  d.state.AuthenticationData = true;
+  EXPECT_EQ(d.Says(" x "), "->  x\\x20");
+  d.state.AuthenticationData = true;
+  EXPECT_EQ(d.Says(""), "->");
+}
+
+TEST(Authentication, IsOverWithAnyOtherReply) {
+  for (const char* reply : {"235 ok", "535 no", "501 no", "250 ok", "454 later", "3340 x"}) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says("AUTH PLAIN AGEAYg=="), "-> AUTH PLAIN AGEAYg==");
+    d.replies.ProcessOutgoingData(std::string(reply) + "\r\n");
+    EXPECT_EQ(d.state.AuthenticationData, std::string_view(reply).starts_with("334")) << reply;
+  }
+}
+
+TEST(Authentication, OnlyTheLastLineOfTheReplyAsksForData) {
+  const struct {
+    const char* reply;
+    bool data;
+  } rows[] = {
+      {R"(334-a\r\n334 b\r\n)", true},
+      {R"(250-a\r\n334 b\r\n)", true},
+      {R"(334-a\r\n250 b\r\n)", false},
+      {R"(334\r\n)", true},
+      {R"(334 \r\n)", true},
+      {R"(33\r\n)", false},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says("AUTH LOGIN"), "-> AUTH LOGIN");
+    d.replies.ProcessOutgoingData(Unescape(row.reply));
+    EXPECT_EQ(d.state.AuthenticationData, row.data) << row.reply;
+  }
+}
+
+TEST(Authentication, OnlyAReplyToAuthAsksForData) {
+  Dialogue d;
+  d.Greet();
+  d.Run(R"(
+    C: NOOP
+    -> NOOP
+    S: 334 VXNlcm5hbWU6
+    <- 334 VXNlcm5hbWU6
+    C: XCLIENT ADDR=127.0.0.1
+    <- 502 5.5.1 Command not implemented.
+    C: AUTH LOGIN
+    -> AUTH LOGIN
+    S: 535 no
+    <- 535 no
+    # Unasked for.
+    S: 334 VXNlcm5hbWU6
+    <- 334 VXNlcm5hbWU6
+    C: XCLIENT ADDR=127.0.0.1
+    <- 502 5.5.1 Command not implemented.)");
+}
+
+TEST(Authentication, DataWithAControlCharacterEndsTheSession) {
+  Dialogue d;
+  d.Greet();
+  d.Run(R"(
+    C: AUTH LOGIN
+    -> AUTH LOGIN
+    S: 334 VXNlcm5hbWU6
+    <- 334 VXNlcm5hbWU6
+    C: dXNlcg==\nXCLIENT ADDR=127.0.0.1
+    <- 500 5.5.2 Invalid character in command line.
+    close)");
+  EXPECT_EQ(d.state.BadSequenceCount, 1);
+}
+
+TEST(Authentication, IsNotInTheLog) {
+  const struct {
+    bool data;
+    const char* line;
+    const char* shown;
+  } rows[] = {
+      {false, R"(AUTH PLAIN AGEAYg==\r\n)", R"(AUTH PLAIN ***\r\n)"},
+      {false, R"(auth plain AGEAYg==\r\n)", R"(auth plain ***\r\n)"},
+      {false, R"(AUTH   PLAIN   a b c\r\n)", R"(AUTH   PLAIN   ***\r\n)"},
+      {false, R"(\t AUTH\tPLAIN\tsecret\r\n)", R"(\t AUTH\tPLAIN\t***\r\n)"},
+      {false, R"(AUTH PLAIN =\r\n)", R"(AUTH PLAIN ***\r\n)"},
+      {false, R"(AUTH PLAIN \x01secret\r\n)", R"(AUTH PLAIN ***\r\n)"},
+      {false, R"(AUTH PLAIN secret)", R"(AUTH PLAIN ***)"},
+      {false, R"(AUTH PLAIN\r\n)", R"(AUTH PLAIN\r\n)"},
+      {false, R"(AUTH PLAIN  \r\n)", R"(AUTH PLAIN  \r\n)"},
+      {false, R"(AUTH\r\n)", R"(AUTH\r\n)"},
+      {false, R"(AUTH)", R"(AUTH)"},
+      {false, R"(AUTHOR x y\r\n)", R"(AUTHOR x y\r\n)"},
+      {false, R"(MAIL FROM:<a@b> AUTH=<>\r\n)", R"(MAIL FROM:<a@b> AUTH=<>\r\n)"},
+      {true, R"(c2VjcmV0\r\n)", R"(***\r\n)"},
+      {true, R"(\r\n)", R"(***\r\n)"},
+      {true, R"(AUTH PLAIN\r\n)", R"(***\r\n)"},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.state.AuthenticationData = row.data;
+    EXPECT_EQ(Escape(d.commands.LoggedForm(Unescape(row.line))), row.shown) << row.line;
+  }
+}
+
+TEST(Authentication, IsNotInTheLogOfWhatIsForwarded) {
+  Dialogue d;
+  d.Greet();
+  EXPECT_EQ(d.commands.ProcessIncomingData("auth  PLAIN\tAGEAYg==\r\n").logged, "auth PLAIN ***\r\n");
+  d.state.AuthenticationData = true;
+  EXPECT_EQ(d.commands.ProcessIncomingData("AGEAYg==\r\n").logged, "***\r\n");
+  EXPECT_EQ(d.commands.ProcessIncomingData("NOOP\r\n").logged, "");
+}
+
+}  // namespace
+}  // namespace trabex

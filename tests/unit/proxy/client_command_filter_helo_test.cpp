@@ -1,0 +1,216 @@
+// HELO and EHLO: black list, and the check of the domain in DNS.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "unit/proxy/dialogue.h"
+
+namespace trabex {
+namespace {
+
+TEST(Helo, IsRemembered) {
+  const struct {
+    const char* line;
+    const char* domain;
+    bool ehlo;
+  } rows[] = {
+      {"HELO client.test", "client.test", false},
+      {"EHLO client.test", "client.test", true},
+      {"ehlo   Client.Test  more", "Client.Test", true},
+      {"EHLO", "", true},
+      {"HELO ", "", false},
+      {"EHLO [192.0.2.7]", "[192.0.2.7]", true},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.state.EhloUsed = !row.ehlo;
+    EXPECT_TRUE(d.Says(row.line).starts_with("->"));
+    EXPECT_EQ(d.state.HeloDomain, row.domain) << row.line;
+    EXPECT_EQ(d.state.EhloUsed, row.ehlo) << row.line;
+    EXPECT_FALSE(d.state.GreetingDone) << "only the server's reply makes it so";
+  }
+}
+
+TEST(Helo, WhichCheckIsMadeForWhom) {
+  constexpr const char* kForwarded = "-> EHLO black.test";
+  constexpr const char* kBlack = "<- 550 Disallowed domain name: black.test.";
+  constexpr const char* kLookUp = "wait black.test";
+  struct {
+    const char* remote;
+    const char* local;
+  } rows[16];
+  for (int bits = 0; bits < 16; ++bits) {
+    rows[bits].local = (bits & 4) != 0 ? kBlack : (bits & 1) != 0 ? kLookUp : kForwarded;
+    rows[bits].remote = (bits & 8) != 0 ? kBlack : (bits & 2) != 0 ? kLookUp : kForwarded;
+  }
+  // Some of them as they are written in a manual.
+  EXPECT_EQ(rows[0].remote, kForwarded);
+  EXPECT_EQ(rows[2].remote, kLookUp);
+  EXPECT_EQ(rows[2].local, kForwarded);
+  EXPECT_EQ(rows[9].local, kLookUp);
+  EXPECT_EQ(rows[9].remote, kBlack);
+  for (int bits = 0; bits < 16; ++bits) {
+    for (const bool local : {false, true}) {
+      Dialogue d;
+      d.configuration.ValidateHELO = bits;
+      d.configuration.HELOBlackList = ListOf({"black.test"});
+      d.facts.local = local;
+      EXPECT_EQ(d.Says("EHLO black.test"), local ? rows[bits].local : rows[bits].remote) << bits;
+    }
+  }
+}
+
+TEST(Helo, BlackListedDomains) {
+  const struct {
+    const char* line;
+    const char* outcome;
+  } rows[] = {
+      {"HELO black.test", "<- 550 Disallowed domain name: black.test."},
+      {"EHLO BLACK.test", "<- 550 Disallowed domain name: BLACK.test."},
+      {"EHLO x.spam.test", "<- 550 Disallowed domain name: x.spam.test."},
+      {"EHLO spam.test", "-> EHLO spam.test"},
+      {"EHLO white.test black.test", "-> EHLO white.test black.test"},
+      {"EHLO", "<- 501 Domain name not specified."},
+      {"HELO  ", "<- 501 Domain name not specified."},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.configuration.ValidateHELO = 8;
+    d.configuration.HELOBlackList = ListOf({"black.test", "*.spam.test", "[]"});
+    EXPECT_EQ(d.Says(row.line), row.outcome) << row.line;
+  }
+  // An empty domain is refused by the list only where the list names it.
+  Dialogue d;
+  d.configuration.ValidateHELO = 8;
+  d.configuration.HELOBlackList = ListOf({"black.test"});
+  EXPECT_EQ(d.Says("EHLO"), "-> EHLO");
+}
+
+TEST(Helo, TheNameOfTheClientNeedsNoLookUp) {
+  const struct {
+    const char* host;
+    const char* domain;
+    bool accepted;
+  } rows[] = {
+      {"mail.client.test", "mail.client.test", true},
+      {"mail.client.test", "MAIL.Client.TEST", true},
+      {"mail.client.test", "client.test", true},
+      {"mail.client.test", "a.mail.client.test", true},
+      {"mail.client.test", "xmail.client.test", false},
+      {"mail.client.test", "ient.test", false},
+      {"mail.client.test", "other.test", false},
+      {"mail.client.test", "mail.client.test.", false},
+      {"mail.client.test", ".mail.client.test", true},
+      // A client without a name has the name "Unknown".
+      {"", "Unknown", true},
+      {"", "unknown", true},
+      {"", "x.unknown", true},
+      {"", "mail.client.test", false},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.configuration.ValidateHELO = 2;
+    d.facts.host = row.host;
+    EXPECT_EQ(d.Says(std::string("EHLO ") + row.domain),
+              row.accepted ? std::string("-> EHLO ") + row.domain : std::string("wait ") + row.domain);
+  }
+}
+
+TEST(Helo, WhatIsLookedUp) {
+  const struct {
+    const char* line;
+    const char* outcome;
+  } rows[] = {
+      {"EHLO other.test", "wait other.test"},
+      {"EHLO other.test more", "wait other.test"},
+      {"EHLO [192.0.2.9]", "wait 192.0.2.9"},
+      {"EHLO 192.0.2.9", "wait 192.0.2.9"},
+      // No address literals.
+      {"EHLO [other.test]", "wait [other.test]"},
+      {"EHLO [IPv6:2001:db8::1]", "wait [IPv6:2001:db8::1]"},
+      {"EHLO []", "wait []"},
+      {"EHLO [", "wait ["},
+      {"EHLO", "<- 501 Domain name not specified."},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.configuration.ValidateHELO = 2;
+    EXPECT_EQ(d.Says(row.line), row.outcome) << row.line;
+  }
+}
+
+TEST(Helo, TheAnswerDecides) {
+  constexpr std::uint32_t kClient = 0xC0000207;  // 192.0.2.7
+  const struct {
+    AddressAnswer answer;
+    const char* outcome;
+  } rows[] = {
+      {{0, {kClient}}, "-> ehlo other.test"},
+      {{0, {1, 2, kClient, 3}}, "-> ehlo other.test"},
+      {{0, {1}}, "<- 550 Domain other.test doesn't correspond to IP address 192.0.2.7."},
+      {{11001, {}}, "<- 450 Unable to verify domain name other.test in DNS."},
+      {{11002, {}}, "<- 450 Unable to verify domain name other.test in DNS."},
+      {{11004, {}}, "<- 450 Unable to verify domain name other.test in DNS."},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.configuration.ValidateHELO = 2;
+    d.Run(R"(
+      S: 220 ready
+      <- 220 ready
+      C: ehlo\tother.test
+      wait other.test)");
+    EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+    d.Answer(row.answer);
+    d.Run(row.outcome);
+    EXPECT_FALSE(d.state.GreetingDone);
+  }
+}
+
+TEST(Helo, ARefusedOneChangesNothingForTheServer) {
+  Dialogue d;
+  d.GreetMailAndRcpt();
+  d.configuration.ValidateHELO = 8;
+  d.configuration.HELOBlackList = ListOf({"black.test"});
+  d.Run(R"(
+    C: EHLO black.test
+    <- 550 Disallowed domain name: black.test.
+    C: DATA
+    -> DATA)");
+  EXPECT_TRUE(d.state.GreetingDone);
+  EXPECT_TRUE(d.state.TransactionOpen);
+}
+
+TEST(Helo, TheBlackListComesBeforeDns) {
+  Dialogue d;
+  d.configuration.ValidateHELO = 15;
+  d.configuration.HELOBlackList = ListOf({"mail.client.test"});
+  EXPECT_EQ(d.Says("EHLO mail.client.test"), "<- 550 Disallowed domain name: mail.client.test.");
+}
+
+TEST(Helo, RepliesAreChangedByTheirKeys) {
+  Dialogue d;
+  d.configuration.ValidateHELO = 2 + 8;
+  d.configuration.HELOBlackList = ListOf({"black.test"});
+  d.configuration.ResponseChanges.Add(WholeReply("HELO.BlackList", "1 {%helodomain%}"));
+  d.configuration.ResponseChanges.Add(WholeReply("HELO.NoDomain", "2 {%helodomain%}"));
+  d.configuration.ResponseChanges.Add(WholeReply("HELO.DNSError", "3 {%helodomain%}"));
+  d.configuration.ResponseChanges.Add(WholeReply("HELO.Invalid", "4 {%helodomain%} {%remotehostip%}"));
+  d.Run(R"(
+    C: EHLO black.test
+    <- 1 black.test
+    C: EHLO
+    <- 2\x20
+    C: EHLO a.test
+    wait a.test)");
+  d.Answer({11001, {}});
+  d.Run(R"(
+    <- 3 a.test
+    C: EHLO b.test
+    wait b.test)");
+  d.Answer({0, {1}});
+  d.Run("<- 4 b.test 192.0.2.7");
+}
+
+}  // namespace
+}  // namespace trabex

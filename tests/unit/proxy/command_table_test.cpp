@@ -1,0 +1,67 @@
+#include "proxy/command_table.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace trabex {
+namespace {
+
+TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
+  constexpr auto kAnywhere = Place::kAnywhere;
+  constexpr auto kOpens = Place::kOpensTransaction;
+  constexpr auto kInside = Place::kInTransaction;
+  const struct {
+    const char* verb;
+    bool before_greeting;
+    Place place;
+    bool in_chunk_sequence;
+    const char* extension;
+    bool never_forwarded;
+  } rows[] = {
+      {"EHLO", true, kAnywhere, false, "", false},
+      {"HELO", true, kAnywhere, false, "", false},
+      {"RSET", true, kAnywhere, true, "", false},
+      {"QUIT", true, kAnywhere, true, "", false},
+      {"VRFY", true, kAnywhere, false, "", false},
+      {"HELP", true, kAnywhere, false, "", false},
+      {"NOOP", true, kAnywhere, false, "", false},
+      {"EXPN", true, kAnywhere, false, "", false},
+      {"MAIL", false, kOpens, false, "", false},
+      {"SEND", false, kOpens, false, "", false},
+      {"SOML", false, kOpens, false, "", false},
+      {"SAML", false, kOpens, false, "", false},
+      {"RCPT", false, kInside, false, "", false},
+      {"DATA", false, kInside, false, "", false},
+      {"BDAT", false, kInside, true, "CHUNKING", false},
+      {"XEXCH50", true, kInside, false, "XEXCH50", false},
+      {"AUTH", false, kAnywhere, false, "", false},
+      {"STARTTLS", false, kAnywhere, false, "", true},
+      {"TURN", false, kAnywhere, false, "", true},
+      {"ATRN", false, kAnywhere, false, "", true},
+      {"XCLIENT", true, kAnywhere, false, "", true},
+      {"XFORWARD", true, kAnywhere, false, "", true},
+      // Without a row of their own: the extension verbs, and the others.
+      {"X", true, kAnywhere, false, "", false},
+      {"X-EXPS", true, kAnywhere, false, "", false},
+      {"XADR", true, kAnywhere, false, "", false},
+      {"XZZZ{", true, kAnywhere, false, "", false},
+      {"ETRN", false, kAnywhere, false, "", false},
+      {"WXYZ", false, kAnywhere, false, "", false},
+      {"YXZ", false, kAnywhere, false, "", false},
+      {"", false, kAnywhere, false, "", false},
+      {"MAILX", false, kAnywhere, false, "", false},
+      {"mail", false, kAnywhere, false, "", false},  // asked for in upper case only
+  };
+  for (const auto& row : rows) {
+    const CommandRow& command = FindCommand(row.verb);
+    EXPECT_EQ(command.before_greeting, row.before_greeting) << row.verb;
+    EXPECT_EQ(command.place, row.place) << row.verb;
+    EXPECT_EQ(command.in_chunk_sequence, row.in_chunk_sequence) << row.verb;
+    EXPECT_EQ(command.extension, row.extension) << row.verb;
+    EXPECT_EQ(command.never_forwarded, row.never_forwarded) << row.verb;
+  }
+}
+
+}  // namespace
+}  // namespace trabex

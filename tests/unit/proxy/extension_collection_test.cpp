@@ -1,0 +1,73 @@
+#include "proxy/extension_collection.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "unit/proxy/dialogue.h"
+
+namespace trabex {
+namespace {
+
+TEST(ExtensionCollection, ReadsTheLinesOfAnEhloReply) {
+  const struct {
+    const char* text;
+    bool final_line;
+    std::vector<std::string> lines;
+  } rows[] = {
+      {"", false, {}},
+      {R"(250-SIZE 10\r\n250 HELP\r\n)", true, {"SIZE 10", "HELP"}},
+      {R"(250-SIZE 10\r\n250 HELP)", true, {"SIZE 10", "HELP"}},
+      {R"(\r\n250-SIZE 10\r\n250 HELP)", true, {"SIZE 10", "HELP"}},
+      {R"(250-SIZE 10\r\n250-HELP\r\n)", false, {"SIZE 10", "HELP"}},
+      // The last of the lines that count decides.
+      {R"(250 HELP\r\n250-SIZE 10\r\n)", false, {"HELP", "SIZE 10"}},
+      {R"(250 HELP\r\n550 no\r\n)", true, {"HELP"}},
+      {R"(250-HELP\r\n550 no\r\n)", false, {"HELP"}},
+      // Others are skipped.
+      {R"(251-SIZE 10\r\n 250-X\r\n250 HELP)", true, {"HELP"}},
+      {R"(550 no)", false, {}},
+      // The text begins with the fifth byte, whatever the fourth one is.
+      {R"(250_X Y\r\n250 Z)", true, {"X Y", "Z"}},
+      {R"(250)", false, {}},
+      {R"(250-A\r\n250)", false, {"A"}},
+      {R"(250-\r\n250 )", true, {}},
+      // Of two with one keyword the later one stays, in its own place.
+      {R"(250-SIZE 10\r\n250-HELP\r\n250 size 20)", true, {"HELP", "size 20"}},
+      {R"(250-AUTH LOGIN\r\n250 AUTH=LOGIN)", true, {"AUTH LOGIN", "AUTH=LOGIN"}},
+  };
+  for (const auto& row : rows) {
+    ExtensionCollection extensions;
+    EXPECT_EQ(extensions.ParseLines(Unescape(row.text)), row.final_line) << row.text;
+    EXPECT_EQ(extensions.Lines(), row.lines) << row.text;
+  }
+}
+
+TEST(ExtensionCollection, KeepsOneLinePerKeyword) {
+  ExtensionCollection extensions;
+  extensions.AddExtension("SIZE 10");
+  extensions.AddExtension("8BITMIME");
+  extensions.AddExtension("Auth LOGIN PLAIN");
+  EXPECT_EQ(extensions.GetExtension("size"), "SIZE 10");
+  EXPECT_EQ(extensions.GetExtension("AUTH"), "Auth LOGIN PLAIN");
+  EXPECT_EQ(extensions.GetExtension("SIZ"), "");
+  EXPECT_EQ(extensions.GetExtension("SIZE 10"), "");
+  EXPECT_TRUE(extensions.Has("8bitmime"));
+  EXPECT_FALSE(extensions.Has("8BIT"));
+
+  // Replaced, and at the end from then on.
+  extensions.AddExtension("size 20");
+  EXPECT_EQ(extensions.Lines(), (std::vector<std::string>{"8BITMIME", "Auth LOGIN PLAIN", "size 20"}));
+
+  extensions.RemoveExtension("auth");
+  extensions.RemoveExtension("absent");
+  EXPECT_EQ(extensions.Lines(), (std::vector<std::string>{"8BITMIME", "size 20"}));
+
+  extensions.Clear();
+  EXPECT_FALSE(extensions.Has("SIZE"));
+  EXPECT_TRUE(extensions.Lines().empty());
+}
+
+}  // namespace
+}  // namespace trabex
