@@ -1,38 +1,154 @@
 // One SMTP session: a client's connection and the one that the proxy opens to the real server on its behalf.
-// (The interface that the main window uses; the session's own members follow with its implementation.)
+//
+// The life of a session, and what happens when either side closes:
+//   admission    the client was accepted; count, IP lists, and where it applies its name from DNS are looked
+//   at. The client
+//                closes: the session ends.
+//   refused      the client's name was refused: only the proxy talks to it, until QUIT or the time-out.
+//   connecting   the server is being connected. It fails: 421 to the client, the end. The client's data
+//   waits. relaying     from the server's connection on. Either side closes: what was said so far still
+//   reaches the other one,
+//                then the session ends.
+// The filters decide and the session acts: it takes one command line at a time, and the next one when the
+// complete reply to it has gone to the client; it relays message content; it has one send under way per
+// direction, and what comes meanwhile waits in the socket. Everything runs on the loop; a session that has
+// ended takes no further event, and is destroyed at the end of the loop's turn.
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 
+#include "net/CSocketMaster.h"
 #include "platform/event_loop.h"
+#include "platform/name_lookup.h"
+#include "proxy/client_command_filter.h"
+#include "proxy/reply_assembler.h"
+#include "proxy/server_reply_filter.h"
+#include "proxy/session_facts.h"
 #include "proxy/session_host.h"
+#include "proxy/session_state.h"
 
 namespace trabex {
 
-class cProxy final : public Retired {
+class cProxy final : public Retired, private SessionFacts {
  public:
+  // The pause before a session is closed for commands out of order.
+  static constexpr Milliseconds kBadSequencePause{500};
+
   explicit cProxy(SessionHost& host);
   ~cProxy() override;
+  cProxy(const cProxy&) = delete;
+  cProxy& operator=(const cProxy&) = delete;
 
   // Takes the connection request of the listener: admission, then the connection to the server. The session
   // is in the collection before; it may have left it when this returns.
   void Init(std::int32_t requestID);
-  // Ends the session when it was silent too long before its server connection stood.
+  // Ends the session when its client was silent for longer than Timeout before the server connection stood.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
+  // Ends the session: both sockets close in order, it leaves the collection and the table. Every end goes
+  // through it.
   void Close();
 
   // The key in the collection.
-  const std::string& Key() const;
+  const std::string& Key() const { return key_; }
   // For the connection table.
-  std::int32_t Handle() const;
-  std::int64_t BytesReceived() const;
-  std::int64_t BytesSent() const;
+  std::int32_t Handle() const { return Receiver.SocketHandle(); }
+  std::int64_t BytesReceived() const override { return Receiver.BytesReceived(); }
+  std::int64_t BytesSent() const override { return Receiver.BytesSent(); }
   double Duration() const;  // days
-  std::string ClientIP() const;
-  std::string HostNameOrUnknown() const;
+  std::string ClientIP() const override { return Receiver.RemoteHostIP(); }
+  std::string HostNameOrUnknown() const { return ClientHostNameOrUnknown(); }
+
+ private:
+  enum class Stage { kAdmission, kRefused, kConnecting, kRelaying, kClosed };
+
+  bool IsLocalClient() const override;
+  std::string ClientHostName() const override { return HostName; }
+  bool Refused() const override { return stage_ == Stage::kRefused; }
+
+  // Admission, in this order; each returns whether the session goes on.
+  bool AdmitByCount();
+  bool AdmitByAddress();
+  void LookUpClientName();
+  void ClientNameKnown();
+  bool AdmitByName();
+  bool NameAdmissionApplies() const;
+  void ConnectServer();
+
+  void Receiver_Connect();
+  void Receiver_DataArrival();
+  void Receiver_SendComplete();
+  void Receiver_Error(int number, const std::string& description);
+  void Receiver_CloseSck();
+  void Sender_Connect();
+  void Sender_DataArrival();
+  void Sender_SendComplete();
+  void Sender_Error(int number, const std::string& description);
+  void Sender_CloseSck();
+
+  // From the client: as long as there is data that may be taken now.
+  void TakeClientData();
+  bool MayTakeContent() const;
+  bool MayTakeLine() const;
+  void TakeContent();
+  void TakeLine();
+  void ActOnLine(LineDecision decision);
+  void ActOnNameAnswer(const AddressAnswer& answer);
+  void EndAfterPause();
+
+  // From the server.
+  void TakeServerData();
+  void RelayReply(std::string_view reply);
+  bool RelayBeginOfReply();
+  void GiveUpServer(std::string_view reason);
+
+  // The two exits; the protocol log is written there.
+  void SendToClient(std::string_view text);  // with its line ends
+  void SendToServer(std::string_view text);
+  void SendPolicyReply(ReplyKind kind);
+
+  void CloseSender();
+  void CloseReceiver();
+  void LogSender(std::int32_t level, std::string_view text);
+  void LogReceiver(std::int32_t level, std::string_view text);
+  // The body of an event handler: not run when the session has ended; errors that leave it are logged.
+  template <class Body>
+  void RunHandler(const char* source, Body body);
+
+  SessionHost& host_;
+  std::string key_;
+  Stage stage_ = Stage::kAdmission;
+
+  CSocketMaster Receiver;  // towards the client
+  CSocketMaster Sender;    // towards the real server
+
+  double TimeoutSpan = 0;  // days; 0: no time-out
+  MonotonicTime LastActivity{};
+  MonotonicTime StartTime{};
+  bool ReceiverSending = false;    // a send towards the client is under way
+  bool ServerDataPending = false;  // the server's data waits in its socket
+  bool SenderSending = false;
+  bool ClientDataPending = false;
+  bool SenderConnected = false;
+  bool Whitelisted = false;
+  bool CloseAfterSend = false;
+  bool HostNameKnown = false;
+  mutable std::optional<bool> IsLocal;  // asked for once
+  bool taking_ = false;                 // TakeClientData is on the stack
+  bool deaf_ = false;                   // nothing more is read from the client
+  std::string HostName;
+  LookupId name_lookup_ = 0;  // of the HELO or EHLO that waits
+
+  SessionState state_;
+  ClientCommandFilter commands_;
+  ServerReplyFilter replies_;
+  ReplyAssembler assembler_;
+  std::unique_ptr<Timer> pause_;
 };
 
 }  // namespace trabex

@@ -26,9 +26,10 @@ std::optional<std::string> ReplyAssembler::NextReply() {
 }
 
 std::string ReplyAssembler::TakeWholeLines() {
-  const std::size_t end = buffer_.rfind(kCrLf);
-  std::string lines = end == std::string::npos ? std::string() : buffer_.substr(0, end + kCrLf.size());
-  buffer_.clear();
+  const std::size_t last = buffer_.rfind(kCrLf);
+  const std::size_t end = last == std::string::npos ? 0 : last + kCrLf.size();
+  std::string lines = buffer_.substr(0, end);
+  buffer_.erase(0, end);
   line_start_ = 0;
   return lines;
 }

@@ -12,8 +12,8 @@ namespace trabex {
 // A reply ends with the first line that has no "-" after its code; lines end in CR LF.
 class ReplyAssembler {
  public:
-  // A server that sends more than this without ending its reply is broken: replies of real servers stay below
-  // a few kilobytes, and a session must not hold whatever it is sent.
+  // Replies of real servers stay below a few kilobytes. Of one that is longer than this no more is held: a
+  // session must not hold whatever it is sent.
   static constexpr std::size_t kMaxReplyBytes = 65536;
 
   void Append(std::string_view bytes) { buffer_.append(bytes); }
@@ -21,7 +21,7 @@ class ReplyAssembler {
   std::optional<std::string> NextReply();
   // More than kMaxReplyBytes are there without a complete reply.
   bool TooLong() const { return buffer_.size() > kMaxReplyBytes; }
-  // The whole lines of a reply that will not be completed any more.
+  // Takes the whole lines of a reply whose end has not come; NextReply goes on behind them.
   std::string TakeWholeLines();
 
  private:

@@ -130,9 +130,10 @@ TEST(ReplyAssembler, WholeLinesOfABrokenReplyCanBeTaken) {
     assembler.Append(Unescape(row.received));
     EXPECT_FALSE(assembler.NextReply());
     EXPECT_EQ(Escape(assembler.TakeWholeLines()), row.lines);
-    // It begins anew.
+    // It goes on behind them.
+    const std::string rest = Unescape(row.received).substr(Unescape(row.lines).size());
     assembler.Append("250 x\r\n");
-    EXPECT_EQ(assembler.NextReply(), "250 x\r\n");
+    EXPECT_EQ(assembler.NextReply(), rest + "250 x\r\n");
   }
 }
 

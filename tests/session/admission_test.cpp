@@ -1,0 +1,221 @@
+// Who is let in, and what a client hears that is not.
+#include <gtest/gtest.h>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+constexpr std::uint32_t kLocalhost = 0x7F000001;
+constexpr std::uint32_t kRemote = 0x7F000009;  // outside LocalIPs of the tests
+
+TEST(Admission, GreetingComesFromTheServer) {
+  PlayBothWays({}, R"(
+    C= nothing
+    S> 220 server ready
+    C= 220 server ready
+    log R: {*} [      127.0.0.1] Connection Request.
+    log S: {*} [      127.0.0.1] Connected.
+    log S: {*} [      127.0.0.1] < 220 server ready¶
+    log R: {*} [      127.0.0.1] > 220 server ready)");
+}
+
+TEST(Admission, OneConnectionTooMany) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 1; }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    connect
+    C= 421 proxy.test is too busy. Try later.
+    closed C
+    log R: {*} [      127.0.0.1] > 421 proxy.test is too busy. Try later.)");
+}
+
+TEST(Admission, TheCountIncludesTheNewSession) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 2; }, R"(
+    S> 220 first
+    C= 220 first
+    connect
+    S> 220 second
+    C= 220 second)");
+}
+
+TEST(Admission, BlackListedAddress) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.IPBlackList = IPRangeList({{kLocalhost, kLocalhost}});
+      },
+      R"(
+    C= 554 Connection from 127.0.0.1 not allowed.
+    closed C
+    log R: {*] Disconnected. Bytes received/sent: 0/*)");
+}
+
+TEST(Admission, AddressOutsideTheAllowList) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.IPAllowList = IPRangeList({{1, 2}});
+      },
+      R"(
+    C= 554 Connection from 127.0.0.1 not allowed.
+    closed C)");
+}
+
+TEST(Admission, WhiteListWinsOverBlackListAndSkipsTheName) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.IPBlackList = IPRangeList({{kLocalhost, kLocalhost}});
+        world.Settings.IPWhiteList = IPRangeList({{kLocalhost, kLocalhost}});
+        world.Settings.ValidateRDNS = 3;
+      },
+      "S> 220 server ready\nC= 220 server ready");
+}
+
+TEST(Admission, NoNameIsRefusedButStaysOpen) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, R"(
+    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+    C> EHLO client.test
+    C= 503 Bad sequence of commands.
+    C> MAIL FROM:<a@b.test>
+    C= 503 Bad sequence of commands.
+    C> QUIT
+    C= 221 2.0.0 proxy.test closing connection.
+    closed C)");
+}
+
+TEST(Admission, RemoteOnlyCheckLetsALocalClientWithoutNameIn) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 2; }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    connect 127.0.0.9
+    C= 454 Unable to verify DNS PTR record for 127.0.0.9.)");
+}
+
+TEST(Admission, BlackListedName) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateRDNS = 1;
+    world.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
+    world.Names.SetName(kLocalhost, "mail.bad.test");
+  };
+  PlayBothWays(configure, R"(
+    C= 554 Connection from mail.bad.test [127.0.0.1] not allowed.
+    C> NOOP
+    C= 503 Bad sequence of commands.)");
+}
+
+TEST(Admission, WhiteListedNameWins) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateRDNS = 1;
+    world.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
+    world.Settings.HostsWhiteList.Add("mail.*", {.patterns = {"mail.*"}});
+    world.Names.SetName(kLocalhost, "mail.bad.test");
+  };
+  PlayBothWays(configure, "S> 220 server ready\nC= 220 server ready");
+}
+
+TEST(Admission, NameListsCountOnlyWhereNamesAreChecked) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateRDNS = 2;
+    world.Settings.HostsBlackList.Add("*", {.patterns = {"*"}});
+    world.Names.SetName(kLocalhost, "mail.bad.test");
+  };
+  PlayBothWays(configure, "S> 220 server ready\nC= 220 server ready");
+}
+
+TEST(Admission, WaitsForTheNameWhereItDecides) {
+  SessionWorld world;
+  world.Settings.ValidateRDNS = 1;
+  world.Names.SetName(kLocalhost, "good.test");
+  world.Names.HoldAnswers();
+  EXPECT_EQ(world.Play(R"(
+    C! EHLO client.test\r\n
+    C= nothing
+    names arrive
+    S> 220 server ready
+    C= 220 server ready
+    S= EHLO client.test)"),
+            "");
+}
+
+TEST(Admission, OtherwiseOnlyTheFirstCommandWaitsForTheName) {
+  SessionWorld world;
+  world.Names.HoldAnswers();
+  EXPECT_EQ(world.Play(R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO client.test
+    S= nothing
+    names arrive
+    S= EHLO client.test)"),
+            "");
+}
+
+TEST(Admission, LookUpEndsWithItsSession) {
+  SessionWorld world;
+  world.Settings.ValidateRDNS = 1;
+  world.Names.HoldAnswers();
+  EXPECT_EQ(world.Play("C closes"), "");
+  EXPECT_EQ(world.Sessions().Count(), 0U);
+  world.Names.Deliver();
+  world.Settle();
+}
+
+TEST(TimeOut, EndsASessionThatGetsNoServer) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.ValidateRDNS = 1;
+        world.Settings.Timeout = 60;
+      },
+      R"(
+    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+    wait 50000
+    timeouts are checked
+    C> NOOP
+    C= 503 Bad sequence of commands.
+    wait 59000
+    timeouts are checked
+    C> NOOP
+    C= 503 Bad sequence of commands.
+    wait 61000
+    timeouts are checked
+    closed C
+    log R: {*] Timeout exceeded. Closing connection.)");
+}
+
+TEST(TimeOut, NeverEndsASessionWithAServer) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.Timeout = 60; }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    wait 100000000
+    timeouts are checked
+    C> NOOP
+    S= NOOP)");
+}
+
+TEST(TimeOut, ZeroMeansNone) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.ValidateRDNS = 1;
+        world.Settings.Timeout = 0;
+      },
+      R"(
+    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+    wait 100000000
+    timeouts are checked
+    C> NOOP
+    C= 503 Bad sequence of commands.)");
+}
+
+TEST(Rows, AreThereAsLongAsTheirSession) {
+  SessionWorld world;
+  EXPECT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  ASSERT_EQ(world.Rows().size(), 1U);
+  EXPECT_NE(world.Sessions().Find(world.Rows()[0]), nullptr);
+  EXPECT_EQ(world.Rows()[0][0], ' ');
+  EXPECT_EQ(world.Play("C closes\nclosed S"), "");
+  EXPECT_TRUE(world.Rows().empty());
+  EXPECT_EQ(world.Sessions().Count(), 0U);
+}
+
+}  // namespace
+}  // namespace trabex

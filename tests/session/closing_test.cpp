@@ -1,0 +1,122 @@
+// How sessions end: what was said still arrives, and nothing is left behind.
+#include <gtest/gtest.h>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+TEST(Closing, TheClientHangsUp) {
+  PlayBothWays({}, Greeted() + R"(
+    C closes
+    closed S
+    log R: {*] Disconnected. Bytes received/sent: 18/*
+    log S: {*] Disconnected. Bytes received/sent: *)");
+}
+
+TEST(Closing, TheServerHangsUp) {
+  PlayBothWays({}, Greeted() + "S closes\nclosed C");
+}
+
+TEST(Closing, TheServersLastWordsReachTheClient) {
+  PlayBothWays({}, Greeted() + R"(
+    C> NOOP
+    S= NOOP
+    S> 421 too late
+    S closes
+    C= 421 too late
+    closed C)");
+}
+
+TEST(Closing, SoDoWholeLinesOfABrokenReply) {
+  PlayBothWays({}, Greeted() + R"(
+    S! 421-first\r\n421-sec
+    S closes
+    C= 421-first
+    closed C)");
+}
+
+TEST(Closing, WhatTheClientSentAheadDoesNotCostItTheReply) {
+  PlayBothWays({}, Greeted() + R"(
+    C! NOOP\r\nNOOP\r\nNOOP\r\n
+    S= NOOP
+    S> 421 too late
+    S closes
+    C= 421 too late
+    closed C)");
+}
+
+TEST(Closing, TheServerResets) {
+  PlayBothWays({}, Greeted() + R"(
+    S resets
+    C= *
+    )");
+}
+
+TEST(Closing, TheServerRefuses) {
+  PlayBothWays([](SessionWorld& world) { world.Server().Close(); }, R"(
+    C= 421 proxy.test is temporarily unavailable.
+    closed C
+    log S: {*] Error 10061. Connection refused.)");
+}
+
+TEST(Closing, TheServersNameIsUnknown) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.ServerIP = "nowhere.test"; }, R"(
+    C= 421 proxy.test is temporarily unavailable.
+    closed C
+    log S: {*] Error 11001. Host not found.)");
+}
+
+TEST(Closing, ANamedServerIsFound) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.ServerIP = "server.test";
+        world.Names.SetAddresses("server.test", {0x7F000001});
+      },
+      "S> 220 server ready\nC= 220 server ready");
+}
+
+TEST(Closing, ShutDownTellsTheClients) {
+  PlayBothWays({}, Greeted() + R"(
+    C! NOOP\r\nNOOP\r\n
+    S= NOOP
+    shutdown
+    C= 421 4.3.2 proxy.test is shutting down.
+    closed both)");
+}
+
+TEST(Closing, TooManyCommandsOutOfOrder) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.MaxBadSeq = 2; }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> DATA
+    C= 503 Bad sequence of commands.
+    C> DATA
+    C= 503 Bad sequence of commands.
+    C! DATA\r\nNOOP\r\n
+    C= 503 Bad sequence of commands.
+    wait 400
+    C= nothing
+    wait 200
+    closed both
+    log R: {*] Maximum out-of-order commands exceeded. Closing connection.)");
+}
+
+TEST(Closing, ALineThatIsTooLong) {
+  const std::string longest = "NOOP " + std::string(4096 - 7, 'x');
+  PlayBothWays({}, "S> 220 server ready\nC= 220 server ready\nC> " + longest + "\nS= " + longest +
+                       "\nS> 250 ok\nC= 250 ok\nC! " + longest +
+                       "xx\nC= 500 5.5.6 Line too long.\nclosed both");
+}
+
+TEST(Closing, AnAmbiguousEndBreaksTheMessageOff) {
+  PlayBothWays({}, InContent() + R"(
+    C! text\r\n.\nMAIL FROM:<evil@b.test>\r\n
+    C= 554 5.6.0 Ambiguous end of message content.
+    S= text
+    closed C)");
+}
+
+}  // namespace
+}  // namespace trabex

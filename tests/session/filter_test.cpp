@@ -1,0 +1,351 @@
+// The filters in whole sessions: what is refused, rewritten, and followed.
+#include <gtest/gtest.h>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+void AddPattern(ExpressionList& list, const char* pattern) {
+  list.Add(pattern, {.patterns = {pattern}});
+}
+
+// The client counts as remote.
+void Remote(SessionWorld& world) {
+  world.Settings.LocalIPs = IPRangeList();
+}
+
+TEST(Ehlo, ReplyIsRewritten) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.MaxSize = 1000 * kFixedPointOne;
+        AddPattern(world.Settings.RemoveSMTPExtensionsLocal, "VRFY");
+        world.Settings.AddSMTPExtensionsLocal.Add("XTRA", {.patterns = {"XTRA 1 2"}});
+      },
+      R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO client.test
+    S= EHLO client.test
+    S> 250-server greets
+    S> 250-PIPELINING
+    S> 250-VRFY
+    S> 250-starttls
+    C= nothing
+    S> 250-SIZE 5000
+    S> 250-XCLIENT NAME ADDR
+    S> 250 8BITMIME
+    C= 250-server greets
+    C= 250-8BITMIME
+    C= 250-SIZE 1000
+    C= 250 XTRA 1 2
+    C> MAIL FROM:<a@b.test> SIZE=1001
+    C= 552 5.3.4 Message size (1001 bytes) exceeds fixed maximium message size (1000 bytes).
+    C> MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME
+    S= MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME)");
+}
+
+TEST(Ehlo, SecondOneStartsAnew) {
+  PlayBothWays({}, InTransaction() + R"(
+    C> EHLO again.test
+    S= EHLO again.test
+    S> 250 server
+    C= 250 server
+    C> RCPT TO:<u@local.test>
+    C= 503 5.5.1 Bad sequence of commands.
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> BDAT 3 LAST
+    C! abc
+    C= 503 5.5.1 Bad sequence of commands.
+    C> NOOP
+    S= NOOP)");
+}
+
+TEST(Helo, HeaderSaysSmtp) {
+  PlayBothWays([](SessionWorld& world) { world.Names.SetName(0x7F000001, "client.example"); }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> helo  client.test
+    S= helo client.test
+    S> 250 server
+    C= 250 server
+    C> MAIL FROM:<>
+    S= MAIL FROM:<>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    S= RCPT TO:<u@local.test>
+    S> 250 ok
+    C= 250 ok
+    C> DATA
+    S= DATA
+    S> 354 go on
+    S= Received: from client.test (client.example [127.0.0.1]) by proxy.test
+    S=       with SMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    C= 354 go on)");
+}
+
+TEST(Helo, IsCheckedInDns) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateHELO = 1;
+    world.Names.SetAddresses("right.test", {0x7F000002, 0x7F000001});
+    world.Names.SetAddresses("wrong.test", {0x7F000002});
+    world.Names.SetAddresses("127.0.0.1", {0x7F000001});
+  };
+  PlayBothWays(configure, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO nowhere.test
+    C= 450 Unable to verify domain name nowhere.test in DNS.
+    C> EHLO wrong.test
+    C= 550 Domain wrong.test doesn't correspond to IP address 127.0.0.1.
+    C> EHLO
+    C= 501 Domain name not specified.
+    C! EHLO right.test\r\nNOOP\r\n
+    S= EHLO right.test
+    S> 250 server
+    C= 250 server
+    S= NOOP
+    S> 250 ok
+    C= 250 ok
+    C> HELO [127.0.0.1]
+    S= HELO [127.0.0.1])");
+}
+
+TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
+  SessionWorld world;
+  world.Settings.ValidateHELO = 1;
+  world.Names.SetAddresses("right.test", {0x7F000001});
+  EXPECT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  world.Names.HoldAnswers();
+  EXPECT_EQ(world.Play(R"(
+    C! EHLO right.test\r\nNOOP\r\n
+    S= nothing
+    C= nothing
+    names arrive
+    S= EHLO right.test
+    S> 250 server
+    C= 250 server
+    S= NOOP)"),
+            "");
+}
+
+TEST(Helo, OwnHostNameNeedsNoLookUp) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateHELO = 1;
+    world.Names.SetName(0x7F000001, "mail.example.test");
+  };
+  PlayBothWays(configure, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO EXAMPLE.test
+    S= EHLO EXAMPLE.test)");
+}
+
+TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
+  PlayBothWays(Remote, Greeted() + R"(
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<x@other.test>
+    C= 550 5.7.1 Relaying to other.test not allowed.
+    C> RCPT TO:<x%other.test@local.test>
+    C= 550 5.7.1 Relaying to local.test not allowed.
+    C> RCPT TO:<"x@other.test"@local.test>
+    C= 550 5.7.1 Relaying to local.test not allowed.
+    C> RCPT TO:<other.test!x@local.test>
+    C= 550 5.7.1 Relaying to local.test not allowed.
+    C> RCPT TO:<x@other.test@local.test>
+    C= 550 5.7.1 Relaying to local.test not allowed.
+    C> RCPT TO:<@other.test:u@local.test.> NOTIFY=NEVER
+    S= RCPT TO:<u@local.test> NOTIFY=NEVER)");
+}
+
+TEST(Rcpt, AddressesAreReplaced) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.SenderReplacementsLocal.rules = {{"a@*", "z@out.test"}};
+        world.Settings.RecipientReplacementsLocal.rules = {{"nobody@*", "n@x"},
+                                                           {"\"u@local.test\"", "v@local.test"}};
+      },
+      Greeted() + R"(
+    C> MAIL FROM:<a@b.test> BODY=8BITMIME
+    S= MAIL FROM:<z@out.test> BODY=8BITMIME
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    S= RCPT TO:<v@local.test>)");
+}
+
+struct DelayAll : GreylistCheck {
+  bool Delays(std::string_view, std::string_view, std::string_view, std::string_view) override {
+    return true;
+  }
+};
+
+TEST(Greylisting, RefusesAtRcpt) {
+  DelayAll greylisting;
+  PlayBothWays(
+      [&](SessionWorld& world) {
+        Remote(world);
+        world.Greylisting = &greylisting;
+        world.Settings.GreyListing.Enabled = true;
+      },
+      Greeted() + R"(
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    C= 451 4.7.1 Greylisted. Delivery delayed.
+    C> QUIT
+    S= QUIT)");
+}
+
+TEST(Greylisting, CallbackSenderIsRefusedAtData) {
+  DelayAll greylisting;
+  const auto configure = [&](SessionWorld& world) {
+    Remote(world);
+    world.Greylisting = &greylisting;
+    world.Settings.GreyListing.Enabled = true;
+    AddPattern(world.Settings.GreyListing.CallbackSendersList, "[]");
+  };
+  const std::string opening = Greeted() + R"(
+    C> MAIL FROM:<>
+    S= MAIL FROM:<>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    S= RCPT TO:<u@local.test>
+    S> 250 ok
+    C= 250 ok
+    C> DATA
+)";
+  PlayBothWays(configure, opening + R"(
+    C= 451 4.7.1 Greylisted. Delivery delayed.
+    C> RSET
+    S= RSET
+    S> 250 ok
+    C= 250 ok)");
+  PlayBothWays(
+      [&](SessionWorld& world) {
+        configure(world);
+        world.Settings.GreyListing.CallbackSenderAction = 3;
+      },
+      opening + R"(
+    closed both
+    log R: {*] Connection broken due to Greylisting)");
+}
+
+TEST(Responses, OwnAndServersAreChanged) {
+  PlayBothWays(
+      [](SessionWorld& world) {
+        const auto add = [&](const char* name, const char* search, const char* text) {
+          cReplaces replaces;
+          replaces.Add(search, text, false);
+          replaces.SetName(name);
+          world.Settings.ResponseChanges.Add(replaces);
+        };
+        add(".220", "server", "{%localhostname%}");
+        add("BadSeq", "Bad", "Very bad");
+        add("DATA.BadSeq.NoHelo", "", "500 Say hello first{%crlf%}");
+        add("NOOP.250", "ok", "fine, {%remotehostip%}");
+      },
+      R"(
+    S> 220 server ready
+    C= 220 proxy.test ready
+    C> MAIL FROM:<a@b>
+    C= 503 Very bad sequence of commands.
+    C> DATA
+    C= 500 Say hello first
+    C=
+    C> NOOP
+    S= NOOP
+    S> 250 ok
+    C= 250 fine, 127.0.0.1)");
+}
+
+TEST(Auth, DataIsNoCommandAndStaysSecret) {
+  PlayBothWays({}, Greeted() + R"(
+    C> AUTH PLAIN c2VjcmV0
+    S= AUTH PLAIN c2VjcmV0
+    S> 334 go on
+    C= 334 go on
+    C> DATA
+    S= DATA
+    S> 235 welcome
+    C= 235 welcome
+    C> DATA
+    C= 503 5.5.1 Bad sequence of commands.
+    log R: {*] < AUTH PLAIN ***¶
+    log S: {*] > AUTH PLAIN ***¶
+    log S: {*] > ***¶
+    log R: {*] < ***¶)");
+}
+
+TEST(Form, OddLinesAreRefusedOrPutRight) {
+  PlayBothWays({}, Greeted() + R"(
+    C! NOOP\rRSET\r\n
+    C= 500 5.5.2 Invalid character in command line.
+    C! NOOP\nRSET\r\n
+    C= 500 5.5.2 Invalid character in command line.
+    C! NOOP\0\r\n
+    C= 500 5.5.2 Invalid character in command line.
+    C! \t mail \t FROM:<a@b.test>\r\n
+    S= MAIL FROM:<a@b.test>
+    log R: {*] < NOOP\x0DRSET¶)");
+}
+
+TEST(Bdat, RefusedOctetsAreNoCommands) {
+  PlayBothWays({}, Greeted() + R"(
+    C! BDAT 14\r\nMAIL FROM:<a>\nRSET\r\n
+    C= 503 5.5.1 Bad sequence of commands.
+    S= RSET)");
+}
+
+TEST(Bdat, WithoutACountTheSessionEnds) {
+  PlayBothWays({}, InTransaction() + R"(
+    C! BDAT 2000000001\r\nRSET\r\n
+    C= 503 5.5.1 Bad sequence of commands.
+    closed both)");
+}
+
+TEST(Bdat, TwoMessagesInChunks) {
+  const std::string message = R"(
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    S= RCPT TO:<u@local.test>
+    S> 250 ok
+    C= 250 ok
+    C! BDAT 6\r\none\r\n.
+    S= BDAT 121
+    S= Received: from client.test (Unknown [127.0.0.1]) by proxy.test
+    S=       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    S= one
+    C> NOOP
+    S> 250 got it
+    C= 250 got it
+    C= 503 5.5.1 Bad sequence of commands.
+    C! BDAT 3 LAST\r\n\r\nx
+    S= .BDAT 3 LAST
+    S=
+    S! 250 queued\r\n
+    C= 250 queued
+    C! NOOP\r\n
+    S= xNOOP
+    S> 250 ok
+    C= 250 ok
+)";
+  PlayBothWays({}, Greeted() + message + message);
+}
+
+}  // namespace
+}  // namespace trabex

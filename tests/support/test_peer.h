@@ -1,0 +1,65 @@
+// One end of a TCP connection as a test holds it: plain system sockets, so that the program's own socket
+// layer is not tested against itself.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace trabex {
+
+// Non-blocking; owns its descriptor.
+class TestPeer {
+ public:
+  TestPeer() = default;
+  explicit TestPeer(int descriptor);
+  ~TestPeer();
+  TestPeer(TestPeer&& other) noexcept;
+  TestPeer& operator=(TestPeer&& other) noexcept;
+
+  // Connects to 127.0.0.1:`port` from `from` (host order); the connection stands when this returns.
+  static TestPeer Connect(std::uint16_t port, std::uint32_t from = 0x7F000001);
+
+  bool Open() const { return descriptor_ >= 0; }
+  // Takes what has come; call it as often as you like.
+  void Poll();
+  // What came so far and was not taken yet.
+  std::string& Received() { return received_; }
+  // The other end has closed, and everything before that is in Received.
+  bool AtEnd() const { return at_end_; }
+  // The other end has reset the connection.
+  bool WasReset() const { return was_reset_; }
+  // Hands `bytes` to the system as far as it takes them; returns how many.
+  std::size_t Send(std::string_view bytes);
+  void ShutDownSending();
+  void Close();
+  // Closes so that the other end sees a reset.
+  void Reset();
+
+ private:
+  int descriptor_ = -1;
+  std::string received_;
+  bool at_end_ = false;
+  bool was_reset_ = false;
+};
+
+// Listens on 127.0.0.1 on a port of the system's choice.
+class TestListener {
+ public:
+  TestListener();
+  ~TestListener();
+  TestListener(const TestListener&) = delete;
+  TestListener& operator=(const TestListener&) = delete;
+
+  std::uint16_t Port() const { return port_; }
+  // The next connection, not open when none waits.
+  TestPeer Accept();
+  // Refuses connections from now on.
+  void Close();
+
+ private:
+  int descriptor_ = -1;
+  std::uint16_t port_ = 0;
+};
+
+}  // namespace trabex
