@@ -8,7 +8,6 @@ namespace trabex {
 namespace {
 
 constexpr std::uint32_t kLocalhost = 0x7F000001;
-constexpr std::uint32_t kRemote = 0x7F000009;  // outside LocalIPs of the tests
 
 TEST(Admission, GreetingComesFromTheServer) {
   PlayBothWays({}, R"(
