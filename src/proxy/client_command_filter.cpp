@@ -7,6 +7,7 @@
 
 #include "base/text.h"
 #include "platform/dotted_address.h"
+#include "proxy/control_characters.h"
 #include "proxy/mailbox.h"
 #include "proxy/received_header.h"
 #include "proxy/response_changes.h"
@@ -42,8 +43,10 @@ std::string_view WithoutLineEnd(std::string_view line) {
   return line.ends_with(kCrLf) ? line.substr(0, line.size() - kCrLf.size()) : line;
 }
 
-bool HoldsControl(std::string_view text) {
-  return std::any_of(text.begin(), text.end(), [](char byte) { return IsControl(byte) && byte != '\t'; });
+// A verb is ASCII. Other bytes in one are a blank to servers that drop the eighth bit, or know more blanks.
+bool IsAscii(std::string_view verb) {
+  return std::all_of(verb.begin(), verb.end(),
+                     [](char byte) { return static_cast<unsigned char>(byte) < 128; });
 }
 
 // The word at the front of `rest`, which begins with a blank (or is empty).
@@ -142,7 +145,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text) {
   if (!octets) return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
 
   LineDecision decision;
-  if (HoldsControl(WithoutLineEnd(text))) {
+  if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""});
   } else if (line.row->never_forwarded) {
     decision = Answer({ReplyKind::kNotImplemented, ""});

@@ -1,6 +1,7 @@
 #include "proxy/session_log.h"
 
 #include "base/text.h"
+#include "proxy/control_characters.h"
 
 namespace trabex {
 
@@ -13,15 +14,6 @@ constexpr std::size_t kAddressWidth = 15;
 void AppendAligned(std::string& line, std::string_view text, std::size_t width) {
   if (text.size() < width) line.append(width - text.size(), ' ');
   line.append(text);
-}
-
-// How many bytes of a control character `text` begins with: 0 for none. Those of U+0080 to U+009F have two
-// in UTF-8 and act on a terminal just as ESC does.
-std::size_t ControlSize(std::string_view text) {
-  if (IsControl(text[0])) return 1;
-  const bool two_bytes =
-      text[0] == '\xC2' && text.size() > 1 && (static_cast<unsigned char>(text[1]) & 0xE0) == 0x80;
-  return two_bytes ? 2 : 0;
 }
 
 void AppendHex(std::string& line, std::string_view bytes) {

@@ -64,10 +64,30 @@ TEST(ClientLine, WithAControlCharacterGoesNowhere) {
   }
 }
 
-TEST(ClientLine, WithAnEightBitCharacterIsText) {
-  Dialogue d;
-  d.Greet();
-  EXPECT_EQ(d.Says("NOOP \x80\x8A\x8D\xFF"), R"(-> NOOP \x80\x8A\x8D\xFF)");
+TEST(ClientLine, EightBitCharactersAreTextBehindTheVerb) {
+  const struct {
+    const char* line;
+    bool forwarded;
+  } rows[] = {
+      {R"(NOOP \xC3\xA4\xE2\x82\xAC)", true},
+      {R"(NOOP \x80\x8A\x8D\xA0\xFF)", true},
+      {R"(NOOP \xC2\xA0x)", true},
+      {R"(NOOP x\xC2)", true},
+      // Blanks to some servers.
+      {R"(NOOP\xA0x)", false},
+      {R"(RCPT\xC2\xA0TO:<u@far.test>)", false},
+      {R"(\xA0NOOP)", false},
+      {R"(N\xC3\x96\xC3\x96P)", false},
+      // Control characters of two bytes; U+0085 ends a line.
+      {R"(NOOP \xC2\x85XCLIENT a)", false},
+      {R"(NOOP \xC2\x80)", false},
+      {R"(NOOP \xC2\x9F)", false},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(Unescape(row.line)), row.forwarded ? std::string("-> ") + row.line : kBadSyntax);
+  }
 }
 
 TEST(NeverForwarded, CommandsThatWouldHandTheServerOver) {
