@@ -1,7 +1,7 @@
 // What a server sends. The first line holds the commands that it was sent, with blanks between them; each
-// waits for the reply of the one before it, "-" is none. The rest is the server's bytes. However they are
-// split, they give the same replies, and the session believes what the server said to a command and nothing
-// else.
+// waits for the reply of the one before it, "-" is none; where the server expects content, one stands for the
+// end of that. The rest is the server's bytes. However they are split, they give the same replies, and the
+// session believes what the server said to a command and nothing else.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -89,7 +89,14 @@ class Session {
     configuration_.MaxSize = 1000 * kFixedPointOne;
   }
 
-  void Gets(std::string_view verb) { state_.Forward(verb, FindCommand(verb).command); }
+  // A command, or, where content is expected, the rest of it.
+  void Gets(std::string_view verb) {
+    if (state_.Content.Active()) {
+      state_.Content.Stop();
+    } else {
+      state_.Forward(verb, FindCommand(verb).command);
+    }
+  }
 
   void Says(const std::string& reply) {
     const bool greeted = state_.GreetingDone;
