@@ -1,20 +1,12 @@
 // Pieces of replacing a file so that a crash or a full disk at any moment leaves a whole file behind: write a
-// new one beside it, sync it, then move it into its place.
+// new one beside it and sync it (NewFile in file_stream.h), then move it into its place.
 #pragma once
 
-#include <initializer_list>
 #include <string>
-#include <string_view>
 
 namespace trabex {
 
 // Each raises the numbers of files.h with `source`; paths are as the system takes them (NativePath).
-
-// Creates `path`, writes `parts` one after the other and returns when all of it is on the disk. The file is
-// readable for its owner only. It must not exist in any form: nothing is overwritten and no symbolic link is
-// followed (75). After a failure there is no file.
-void WriteNewFile(const std::string& path, std::initializer_list<std::string_view> parts,
-                  const std::string& source);
 
 // Gives the file `from` the name `to` in one step; a file of that name is replaced.
 void MoveFile(const std::string& from, const std::string& to, const std::string& source);

@@ -16,25 +16,6 @@ namespace trabex {
 
 namespace {
 
-// 0, or the system's code of what failed.
-int WriteAll(int file, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = write(file, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
-}
-
-int WriteAndSync(Descriptor& file, std::initializer_list<std::string_view> parts) {
-  for (const std::string_view part : parts) {
-    if (const int code = WriteAll(file.Get(), part); code != 0) return code;
-  }
-  if (fsync(file.Get()) != 0) return errno;
-  return file.Close() == 0 ? 0 : errno;
-}
-
 bool TryToMove(const std::string& from, const std::string& to) {
   return std::rename(from.c_str(), to.c_str()) == 0;
 }
@@ -59,17 +40,6 @@ void ReplaceWithoutLinks(const std::string& fresh, const std::string& path, cons
 }
 
 }  // namespace
-
-void WriteNewFile(const std::string& path, std::initializer_list<std::string_view> parts,
-                  const std::string& source) {
-  SurviveFileSizeLimit();
-  Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-  if (!file) RaisePathError(errno, path, source);
-  if (const int code = WriteAndSync(file, parts); code != 0) {
-    RemoveFile(path);
-    RaiseFileError(code, source);
-  }
-}
 
 void MoveFile(const std::string& from, const std::string& to, const std::string& source) {
   if (std::rename(from.c_str(), to.c_str()) == 0) return;

@@ -13,6 +13,7 @@
 
 #include "base/error.h"
 #include "platform/file_replace.h"
+#include "platform/file_stream.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
@@ -221,35 +222,6 @@ TEST(AppendFile, IsNotInheritedByOtherPrograms) {
   EXPECT_EQ(found, 1);
 }
 
-TEST(FileReplace, NewFileIsWrittenWhole) {
-  const TempFolder folder;
-  const std::string path = folder / "db";
-  WriteNewFile(path, {std::string_view("\x3F\xC7\x6A\xA2", 4), "", std::string_view("a\0b", 3)}, kSource);
-  EXPECT_EQ(ReadFile(path), std::string("\x3F\xC7\x6A\xA2"
-                                        "a\0b",
-                                        7));
-  EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms(0600));
-}
-
-TEST(FileReplace, NothingIsOverwrittenAndNoLinkFollowed) {
-  const TempFolder folder;
-  WriteFile(folder / "file", "kept");
-  WriteFile(folder / "target", "kept");
-  std::filesystem::create_symlink("target", folder / "link");
-  std::filesystem::create_symlink("nowhere", folder / "dangling");
-  ASSERT_TRUE(CreateFolder(folder / "folder"));
-  for (const char* name : {"file", "link", "dangling", "folder"}) {
-    EXPECT_EQ(ErrorOf([&] { WriteNewFile(folder / name, {"new"}, kSource); }),
-              "75 mTest.Files Path/File access error")
-        << name;
-  }
-  EXPECT_EQ(ReadFile(folder / "file"), "kept");
-  EXPECT_EQ(ReadFile(folder / "target"), "kept");
-  EXPECT_FALSE(std::filesystem::exists(folder / "nowhere"));
-  EXPECT_EQ(ErrorOf([&] { WriteNewFile(folder / "no/db", {"new"}, kSource); }),
-            "76 mTest.Files Path not found");
-}
-
 // A file size limit stands for every way in which a disk takes no more: in a child, since it cannot be
 // lifted.
 TEST(FileReplace, FailedWriteLeavesNoFile) {
@@ -260,7 +232,11 @@ TEST(FileReplace, FailedWriteLeavesNoFile) {
   if (child == 0) {
     const rlimit limit{1000, 1000};
     setrlimit(RLIMIT_FSIZE, &limit);
-    const std::string error = ErrorOf([&] { WriteNewFile(path, {std::string(2000, 'x')}, kSource); });
+    const std::string error = ErrorOf([&] {
+      NewFile file(path, kSource);
+      file.Write(std::string(2000, 'x'));
+      file.Release();
+    });
     AppendFile log;
     const bool lost = log.Open(path + ".log") && !log.Write(std::string(2000, 'x'));
     _exit(error == "61 mTest.Files Disk full" && lost ? 0 : 1);
@@ -287,6 +263,57 @@ TEST(FileReplace, MoveReplaces) {
   EXPECT_EQ(ReadFile(folder / "db"), "new");
   EXPECT_EQ(ErrorOf([&] { SyncFolderOf(folder / "no/db", kSource); }), "76 mTest.Files Path not found");
   SyncFolderOf("relative", kSource);
+}
+
+// What stands at "db", "dbbak" and "dbold" in `folder`.
+std::string TripleIn(const TempFolder& folder) {
+  std::string text;
+  for (const char* name : {"db", "dbbak", "dbold"}) {
+    const std::string path = folder / name;
+    text += std::filesystem::is_directory(path) ? "folder"
+            : std::filesystem::exists(path)     ? ReadFile(path)
+                                                : "-";
+    text += " ";
+  }
+  return text;
+}
+
+TEST(FileReplace, TheReplacedFileBecomesTheBackup) {
+  const TempFolder folder;
+  const auto replace = [&](const char* content) {
+    WriteFile(folder / "new", content);
+    ReplaceFile(folder / "new", folder / "db", folder / "dbbak", kSource);
+  };
+  replace("1");
+  EXPECT_EQ(TripleIn(folder), "1 - - ");
+  replace("2");
+  EXPECT_EQ(TripleIn(folder), "2 1 - ");
+  WriteFile(folder / "dbold", "left over");
+  replace("3");
+  EXPECT_EQ(TripleIn(folder), "3 2 - ");
+  // Without a file to replace the backup stays.
+  RemoveFile(folder / "db");
+  replace("4");
+  EXPECT_EQ(TripleIn(folder), "4 2 - ");
+  // Both names of one file.
+  RemoveFile(folder / "dbbak");
+  std::filesystem::create_hard_link(folder / "db", folder / "dbbak");
+  replace("5");
+  EXPECT_EQ(TripleIn(folder), "5 4 - ");
+  RemoveFile(folder / "dbbak");
+  std::filesystem::create_directories(folder / "dbbak/inside");
+  replace("6");
+  EXPECT_EQ(TripleIn(folder), "6 folder - ");
+  EXPECT_FALSE(std::filesystem::exists(folder / "new"));
+}
+
+TEST(FileReplace, AFailedReplacementChangesNothing) {
+  const TempFolder folder;
+  WriteFile(folder / "db", "2");
+  WriteFile(folder / "dbbak", "1");
+  EXPECT_EQ(ErrorOf([&] { ReplaceFile(folder / "new", folder / "db", folder / "dbbak", kSource); }),
+            "53 mTest.Files File not found");
+  EXPECT_EQ(TripleIn(folder), "2 1 - ");
 }
 
 TEST(FileReplace, RemoveTakesFilesAndLinksOnly) {
