@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+#include "greylist/little_endian.h"
+
 namespace trabex {
 
 namespace {
@@ -29,22 +31,15 @@ constexpr Tables MakeTables() {
 
 constexpr Tables kTables = MakeTables();
 
-std::uint32_t Word(const char* bytes) {
-  std::uint32_t word = 0;
-  for (int i = 0; i < 4; ++i) word |= std::uint32_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
-  return word;
-}
-
 }  // namespace
 
 void Crc32::Add(std::string_view bytes) {
   std::uint32_t value = state_;
   for (; bytes.size() >= 8; bytes.remove_prefix(8)) {
-    const std::uint32_t first = Word(bytes.data()) ^ value;
-    const std::uint32_t second = Word(bytes.data() + 4);
-    value = kTables[7][first & 0xFF] ^ kTables[6][(first >> 8) & 0xFF] ^ kTables[5][(first >> 16) & 0xFF] ^
-            kTables[4][first >> 24] ^ kTables[3][second & 0xFF] ^ kTables[2][(second >> 8) & 0xFF] ^
-            kTables[1][(second >> 16) & 0xFF] ^ kTables[0][second >> 24];
+    const std::uint64_t word = EightFromLittleEndian(bytes.data()) ^ value;
+    value = kTables[7][word & 0xFF] ^ kTables[6][(word >> 8) & 0xFF] ^ kTables[5][(word >> 16) & 0xFF] ^
+            kTables[4][(word >> 24) & 0xFF] ^ kTables[3][(word >> 32) & 0xFF] ^
+            kTables[2][(word >> 40) & 0xFF] ^ kTables[1][(word >> 48) & 0xFF] ^ kTables[0][word >> 56];
   }
   for (const char byte : bytes) {
     value = (value >> 8) ^ kTables[0][(value ^ static_cast<unsigned char>(byte)) & 0xFF];

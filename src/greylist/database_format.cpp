@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "greylist/little_endian.h"
 
 namespace trabex {
 
@@ -81,10 +82,7 @@ std::uint64_t ReadHeader(const BytesIn& in, std::uint64_t size) {
     got += more;
   }
   if (std::string_view(header.data(), kMagic.size()) != kMagic) RaiseCorruptedFile(std::string(kReadSource));
-  std::uint64_t length = 0;
-  for (std::size_t i = kHeaderSize; i > kMagic.size(); --i) {
-    length = (length << 8) | static_cast<unsigned char>(header[i - 1]);
-  }
+  const std::uint64_t length = FromLittleEndian({header.data() + kMagic.size(), kHeaderSize - kMagic.size()});
   if (size != kHeaderSize + length) RaiseCorruptedFile(std::string(kReadSource));
   return length;
 }
@@ -94,7 +92,7 @@ std::uint64_t ReadHeader(const BytesIn& in, std::uint64_t size) {
 void WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out) {
   const Extent extent = Measure(database, now);
   std::string header(kMagic);
-  for (int shift = 0; shift < 32; shift += 8) header += static_cast<char>((extent.length >> shift) & 0xFF);
+  AppendLittleEndian(header, extent.length, 4);
   out(header);
 
   PropertyBagWriter bag(out);

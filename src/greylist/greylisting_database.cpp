@@ -7,65 +7,68 @@
 namespace trabex {
 
 cGreyListingData* GreyListingDatabase::Find(std::string_view key) {
-  const Wanted wanted = Want(key);
-  const Shard& shard = ShardOf(wanted.hash);
-  const auto found = shard.find(wanted);
-  return found == shard.end() ? nullptr : &*found->record;
+  const std::uint32_t number = NumberOf(key, HashOf(key));
+  return number == kNone ? nullptr : &At(number).record;
 }
 
 cGreyListingData& GreyListingDatabase::Add(cGreyListingData record) {
-  const Wanted wanted = Want(record.Key());
-  Shard& shard = ShardOf(wanted.hash);
-  if (shard.find(wanted) != shard.end()) {
+  const std::uint64_t hash = HashOf(record.Key());
+  if (NumberOf(record.Key(), hash) != kNone) {
     throw Error(error_number::kDuplicateKey, "GreyListingDatabase.Add",
                 "This key is already associated with an element of this collection");
   }
-  records_.push_back(std::move(record));
-  const auto added = std::prev(records_.end());
-  try {
-    shard.insert({wanted.hash, added});
-  } catch (...) {
-    records_.pop_back();
-    throw;
+  const std::uint32_t number = TakePlace(std::move(record));
+  index_.Add(hash, number);
+  (last_ == kNone ? first_ : At(last_).after) = number;
+  last_ = number;
+  ++count_;
+  return At(number).record;
+}
+
+// The place is not linked to its neighbours yet, but knows those it will have.
+std::uint32_t GreyListingDatabase::TakePlace(cGreyListingData record) {
+  if (free_ != kNone) {
+    const std::uint32_t number = free_;
+    free_ = At(number).after;
+    At(number) = {std::move(record), last_, kNone};
+    return number;
   }
-  return *added;
+  if (blocks_.empty() || blocks_.back().size() == kBlockSize) blocks_.emplace_back().reserve(kBlockSize);
+  blocks_.back().push_back({std::move(record), last_, kNone});
+  return static_cast<std::uint32_t>((blocks_.size() - 1) * kBlockSize + blocks_.back().size() - 1);
 }
 
-void GreyListingDatabase::Reserve(std::size_t count) {
-  // A little more than the even share, since no hash divides evenly.
-  const std::size_t share = count / kShards;
-  for (Shard& shard : shards_) shard.reserve(share + share / 8);
-}
-
-GreyListingDatabase::Records::iterator GreyListingDatabase::Remove(Records::iterator record) {
-  const Wanted wanted = Want(record->Key());
-  Shard& shard = ShardOf(wanted.hash);
-  shard.erase(shard.find(wanted));
-  return records_.erase(record);
+void GreyListingDatabase::Remove(std::uint32_t number) {
+  Place& place = At(number);
+  index_.Remove(HashOf(place.record.Key()), number);
+  (place.before == kNone ? first_ : At(place.before).after) = place.after;
+  (place.after == kNone ? last_ : At(place.after).before) = place.before;
+  --count_;
+  // Gives the key's memory back.
+  place = {cGreyListingData(std::string(), 0, 0, 0), kNone, free_};
+  free_ = number;
 }
 
 std::size_t GreyListingDatabase::RemoveExpired(DateTime now) {
   const std::size_t before = Count();
-  Sweep sweep(*this, now);
-  while (sweep.Step(before + 1)) continue;
+  Sweep(*this, now).Step(before);
   return before - Count();
 }
 
 void GreyListingDatabase::Clear() {
-  for (Shard& shard : shards_) shard = Shard();
-  records_.clear();
+  blocks_ = {};
+  index_.Clear();
+  count_ = 0;
+  first_ = last_ = free_ = kNone;
 }
 
 bool GreyListingDatabase::Sweep::Step(std::size_t limit) {
-  const auto end = database_->records_.end();
-  for (; limit > 0 && next_ != end; --limit) {
-    if (now_ < next_->ExpireAt()) {
-      ++next_;
-    } else {
-      next_ = database_->Remove(next_);
-    }
+  for (; limit > 0 && next_ != kNone; --limit) {
+    const std::uint32_t number = next_;
+    next_ = database_->At(number).after;
+    if (now_ >= database_->At(number).record.ExpireAt()) database_->Remove(number);
   }
-  return next_ != end;
+  return next_ != kNone;
 }
 
 }  // namespace trabex

@@ -1,21 +1,13 @@
 #include "greylist/keyed_hash.h"
 
 #include <bit>
-#include <cstddef>
 #include <random>
+
+#include "greylist/little_endian.h"
 
 namespace trabex {
 
 namespace {
-
-// `count` bytes (up to 8), the first one lowest.
-std::uint64_t LittleEndian(std::string_view bytes) {
-  std::uint64_t word = 0;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    word |= std::uint64_t{static_cast<unsigned char>(bytes[i])} << (8 * i);
-  }
-  return word;
-}
 
 struct State {
   std::uint64_t v0;
@@ -57,8 +49,8 @@ std::uint64_t KeyedHash(const HashSecret& secret, std::string_view text) {
   State state{secret.low ^ 0x736F6D6570736575, secret.high ^ 0x646F72616E646F6D,
               secret.low ^ 0x6C7967656E657261, secret.high ^ 0x7465646279746573};
   const std::uint64_t length_mark = std::uint64_t{text.size()} << 56;
-  for (; text.size() >= 8; text.remove_prefix(8)) state.Take(LittleEndian(text.substr(0, 8)));
-  state.Take(length_mark | LittleEndian(text));
+  for (; text.size() >= 8; text.remove_prefix(8)) state.Take(EightFromLittleEndian(text.data()));
+  state.Take(length_mark | FromLittleEndian(text));
   state.v2 ^= 0xFF;
   for (int i = 0; i < 4; ++i) state.Round();
   return state.v0 ^ state.v1 ^ state.v2 ^ state.v3;

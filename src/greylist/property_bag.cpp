@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "greylist/little_endian.h"
 
 namespace trabex {
 
@@ -61,7 +62,7 @@ void PropertyBagWriter::Begin(std::string_view name, char type) {
 }
 
 void PropertyBagWriter::Number(std::uint64_t value, int bytes) {
-  for (; bytes > 0; --bytes, value >>= 8) buffer_ += static_cast<char>(value & 0xFF);
+  AppendLittleEndian(buffer_, value, bytes);
 }
 
 void PropertyBagWriter::HandOut() {
@@ -126,12 +127,7 @@ void PropertyBagReader::Expect(std::string_view name, char type) {
 }
 
 std::uint64_t PropertyBagReader::Number(int bytes) {
-  const std::string_view text = Take(static_cast<std::size_t>(bytes));
-  std::uint64_t value = 0;
-  for (std::size_t i = text.size(); i > 0; --i) {
-    value = (value << 8) | static_cast<unsigned char>(text[i - 1]);
-  }
-  return value;
+  return FromLittleEndian(Take(static_cast<std::size_t>(bytes)));
 }
 
 }  // namespace trabex

@@ -254,7 +254,7 @@ TEST(DatabaseFormat, RandomDatabasesComeBack) {
   std::mt19937_64 random(15112026);
   for (int round = 0; round < 40; ++round) {
     GreyListingDatabase database;
-    const std::size_t count = random() % 2000;
+    const std::size_t count = random() % 600;
     while (database.Count() < count) {
       std::string key(random() % 10 == 0 ? random() % 5000 : random() % 120, '\0');
       for (char& byte : key) byte = static_cast<char>(random());

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
+#include <random>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -114,6 +117,31 @@ TEST(GreyListingDatabase, ClearedIsEmpty) {
   EXPECT_TRUE(database.Changed());
   AddAll(database, SomeRecords("s", 10));
   EXPECT_EQ(Plain(database), SomeRecords("s", 10));
+}
+
+// Against a plain list of records, in any sequence of additions and removals.
+TEST(GreyListingDatabase, IsRightAfterAnySequence) {
+  std::mt19937 random(3);
+  GreyListingDatabase database;
+  std::vector<PlainRecord> expected;
+  DateTime now = 0;
+  for (int step = 0; step < 10000; ++step) {
+    const std::string key = "key" + std::to_string(random() % 500);
+    const bool known = std::any_of(expected.begin(), expected.end(),
+                                   [&](const PlainRecord& record) { return std::get<0>(record) == key; });
+    ASSERT_EQ(database.Find(key) != nullptr, known) << step;
+    if (!known) {
+      const DateTime expire_at = now + static_cast<double>(random() % 1000);
+      database.Add({key, expire_at, now, step});
+      expected.emplace_back(key, expire_at, now, step);
+    }
+    if (random() % 100 != 0) continue;
+    now += static_cast<double>(random() % 20);
+    database.RemoveExpired(now);
+    std::erase_if(expected, [&](const PlainRecord& record) { return std::get<1>(record) <= now; });
+    ASSERT_EQ(Plain(database), expected) << step;
+    ASSERT_EQ(database.Count(), expected.size());
+  }
 }
 
 TEST(GreyListingDatabase, MovedIsWhole) {

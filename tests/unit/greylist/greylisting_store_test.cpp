@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <optional>
@@ -546,6 +548,27 @@ TEST_F(Store, AFailedBackgroundSaveIsTriedAgain) {
   fs::create_directories(folder_ / "a");
   EXPECT_EQ(SaveBeside().kind, Kind::kSaved);
   EXPECT_EQ(InFile(folder_ / "a/b/db"), SomeRecords("s", 2));
+}
+
+TEST_F(Store, ASavingProcessThatIsEndedIsAFailedSave) {
+  const std::string children = "/proc/self/task/" + std::to_string(getpid()) + "/children";
+  bool ended = false;
+  // It may be faster than we are.
+  for (int attempt = 0; attempt < 100 && !ended; ++attempt) {
+    Have(SomeRecords("s", 5000));
+    std::optional<GreyListingSaveResult> result;
+    ASSERT_TRUE(store_.SaveInBackground([&](const GreyListingSaveResult& r) { result = r; }));
+    const int process = std::atoi(ReadFile(children).c_str());
+    ASSERT_GT(process, 0);
+    kill(process, SIGKILL);
+    ASSERT_TRUE(RunUntil(loop_, [&] { return result.has_value(); }));
+    ended = result->kind == Kind::kFailed;
+  }
+  EXPECT_TRUE(ended);
+  EXPECT_EQ(log_.Take(),
+            (Lines{"Unable to save GreyListing database. Error 57. The process that saves it was ended."}));
+  EXPECT_TRUE(database_.Changed());
+  EXPECT_EQ(SaveBeside().kind, Kind::kSaved);
 }
 
 TEST_F(Store, ACompleteSaveOvertakesOneInTheBackground) {

@@ -146,6 +146,25 @@ TEST_F(InterruptedSave, KilledAtAnyCallLeavesOldOrNew) {
   }
 }
 
+// What is moved into place is on the disk before, and the names are at the end.
+TEST_F(InterruptedSave, SyncsBeforeAndAfterMoving) {
+  PrepareFiles();
+  std::string calls;
+  const TraceResult result = RunTraced([this] { return Save(); },
+                                       [&calls](const TraceStop& stop) {
+                                         if (!stop.before) return TraceAction();
+                                         if (stop.call == SYS_write && !calls.ends_with("write "))
+                                           calls += "write ";
+                                         if (stop.call == SYS_fsync) calls += "fsync ";
+                                         if (stop.call == SYS_link) calls += "link ";
+                                         if (stop.call == SYS_rename) calls += "rename ";
+                                         return TraceAction();
+                                       });
+  if (!result.permitted) GTEST_SKIP() << "this system does not permit tracing a process";
+  EXPECT_EQ(result.exit_status, 0);
+  EXPECT_EQ(calls, "write fsync link rename rename fsync ");
+}
+
 // The file was damaged, so the records come from the backup. Until the new file is in place nothing may touch
 // that.
 TEST_F(InterruptedSave, TheOnlyGoodCopyIsNeverLost) {

@@ -253,7 +253,7 @@ TEST_F(GreyListing, KeysAreNetworkAndLowerCaseAddresses) {
   for (const auto& triple : cases) {
     database_.Clear();
     EXPECT_EQ(Check(triple.ip, "h", triple.sender, triple.recipient), kNew) << triple.key;
-    EXPECT_EQ(database_.All().front().Key(), triple.key);
+    EXPECT_EQ(database_.All().begin()->Key(), triple.key);
   }
 }
 
@@ -268,7 +268,7 @@ TEST_F(GreyListing, OneRecordForANetworkAndAnyCase) {
 
 TEST_F(GreyListing, ALongerKeyThanTheFileHoldsIsCut) {
   EXPECT_EQ(Check("10.1.2.3", "a", std::string(100000, 's'), "r@b.test"), kNew);
-  EXPECT_EQ(database_.All().front().Key().size(), kLongestBytesProperty);
+  EXPECT_EQ(database_.All().begin()->Key().size(), kLongestBytesProperty);
   EXPECT_EQ(Plain(DatabaseOf(ContentOf(database_, kSomeNow))), Plain(database_));
 }
 

@@ -12,7 +12,6 @@
 
 #include <cerrno>
 #include <functional>
-#include <optional>
 #include <string>
 
 namespace trabex {
@@ -58,7 +57,7 @@ inline TraceResult RunTraced(const std::function<int()>& body,
   }
   ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
   bool before = true;
-  std::optional<int> failing;
+  int failing = 0;  // the error that the call under way gets
   int signal_to_pass = 0;
   for (;;) {
     ptrace(PTRACE_SYSCALL, child, nullptr, signal_to_pass);
@@ -78,10 +77,10 @@ inline TraceResult RunTraced(const std::function<int()>& body,
     }
     user_regs_struct registers{};
     ptrace(PTRACE_GETREGS, child, nullptr, &registers);
-    if (!before && failing) {
-      registers.rax = static_cast<unsigned long long>(-static_cast<long long>(*failing));
+    if (!before && failing != 0) {
+      registers.rax = static_cast<unsigned long long>(-static_cast<long long>(failing));
       ptrace(PTRACE_SETREGS, child, nullptr, &registers);
-      failing.reset();
+      failing = 0;
     }
     const TraceAction action = decide({static_cast<long>(registers.orig_rax), before});
     if (action.kill) {
