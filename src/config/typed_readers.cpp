@@ -24,13 +24,14 @@ constexpr std::string_view kEmptyNumberText = "Integer value expected.";
 
 // 0 when `suffix` is none.
 std::int64_t Multiplier(char suffix) {
+  constexpr std::int64_t kKilo = 1024;
   switch (ToUpper(suffix)) {
     case 'K':
-      return 1024;
+      return kKilo;
     case 'M':
-      return 1024 * 1024;
+      return kKilo * kKilo;
     case 'G':
-      return 1024 * 1024 * 1024;
+      return kKilo * kKilo * kKilo;
     default:
       return 0;
   }
