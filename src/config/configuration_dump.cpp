@@ -231,6 +231,7 @@ void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionLi
 void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
   writer.BeginList(setting.key);
   std::unordered_set<std::uint64_t> written;
+  written.reserve(list.Count());
   for (const IPRange& range : list.Ranges()) {
     const bool is_new = written.insert(std::uint64_t{range.low} << 32 | range.high).second;
     if (is_new) writer.Entry(FormatRange(range));
