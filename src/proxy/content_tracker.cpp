@@ -63,9 +63,8 @@ ContentTracker::Step ContentTracker::ScanDot(std::string_view bytes) {
         const void* dot = std::memchr(bytes.data() + at, '.', bytes.size() - at);
         const std::size_t next =
             dot ? static_cast<std::size_t>(static_cast<const char*>(dot) - bytes.data()) : bytes.size();
-        if (next > at + 3) {
+        if (next > at + 2) {
           at = next - 2;
-          before_ = bytes[at - 1] == '\r' ? Before::kCr : Before::kOther;
           continue;
         }
       }

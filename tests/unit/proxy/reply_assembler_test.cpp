@@ -48,6 +48,9 @@ const struct {
     // Lines that are no replies end one all the same, unless they say that they go on.
     {R"(\r\n)", {R"(\r\n)"}},
     {R"(2\r\n250 a\r\n)", {R"(2\r\n)", R"(250 a\r\n)"}},
+    // What a line says of itself does not stand in the next one.
+    {R"(2\r\n-x\r\n)", {R"(2\r\n)", R"(-x\r\n)"}},
+    {R"(\r\n2-\r\n)", {R"(\r\n)", R"(2-\r\n)"}},
     {R"(hello\r\n)", {R"(hello\r\n)"}},
     {R"(250\r\n)", {R"(250\r\n)"}},
     {R"(250_a\r\n)", {R"(250_a\r\n)"}},

@@ -387,6 +387,29 @@ TEST(ServerReply, ARefusedDataLeavesTheTransactionOpen) {
     -> RCPT TO:<v@local.test>)");
 }
 
+TEST(ServerReply, TheReplyToContentIsAwaitedAndIsNone354) {
+  for (const char* reply : {"250 accepted\r\n", "554 no\r\n", "354 more\r\n"}) {
+    Dialogue d;
+    d.configuration.AddReceived = false;
+    d.GreetMailAndRcpt();
+    d.Run(R"(
+      C: DATA
+      -> DATA
+      S: 354 go on
+      <- 354 go on)");
+    EXPECT_EQ(d.state.Expected, ReplyExpected::kContent);
+    d.Run(R"(
+      C+ .\r\n
+      *> .\r\n
+      end)");
+    EXPECT_EQ(d.state.Expected, ReplyExpected::kContent);
+    d.replies.ProcessOutgoingData(reply);
+    EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+    EXPECT_FALSE(d.state.Content.Active()) << reply;
+    EXPECT_FALSE(d.state.TransactionOpen);
+  }
+}
+
 TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
   Dialogue d;
   d.configuration.AddReceived = false;
