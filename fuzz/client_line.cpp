@@ -12,6 +12,7 @@
 #include "base/text.h"
 #include "platform/clock.h"
 #include "proxy/client_command_filter.h"
+#include "proxy/command_parameters.h"
 #include "proxy/server_reply_filter.h"
 #include "proxy/session_log.h"
 
@@ -177,7 +178,7 @@ class Session {
   void CheckBdat(std::string_view text, std::string_view header) {
     const std::string_view parameters = text.substr(5);
     const std::uint64_t count = std::stoull(std::string(FirstWord(parameters)));
-    Require(count >= header.size() && count <= ClientCommandFilter::kMaxOctets + 5000);
+    Require(count >= header.size() && count <= kMaxOctets + 5000);
     Require(header.empty() || (configuration_.AddReceived && header.ends_with(kCrLf)));
     Require(state_.Content.Active() == (count > header.size()));
     Require(!state_.Greylisted);

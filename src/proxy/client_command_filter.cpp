@@ -1,12 +1,11 @@
 #include "proxy/client_command_filter.h"
 
 #include <algorithm>
-#include <charconv>
-#include <limits>
 #include <utility>
 
 #include "base/text.h"
 #include "platform/dotted_address.h"
+#include "proxy/command_parameters.h"
 #include "proxy/control_characters.h"
 #include "proxy/mailbox.h"
 #include "proxy/received_header.h"
@@ -49,11 +48,6 @@ bool IsAscii(std::string_view verb) {
                      [](char byte) { return static_cast<unsigned char>(byte) < 128; });
 }
 
-// The word at the front of `rest`, which begins with a blank (or is empty).
-std::string_view FirstParameter(std::string_view rest) {
-  return FirstWord(Trim(rest));
-}
-
 // An address literal (RFC 5321, 4.1.3) resolves to the address inside.
 std::string_view NameToLookUp(std::string_view helo_domain) {
   if (helo_domain.size() > 2 && helo_domain.front() == '[' && helo_domain.back() == ']') {
@@ -63,46 +57,12 @@ std::string_view NameToLookUp(std::string_view helo_domain) {
   return helo_domain;
 }
 
-// An octet count as BDAT and XEXCH50 take it: digits up to the limit.
-std::optional<std::uint64_t> OctetCount(std::string_view word) {
-  std::uint64_t value = 0;
-  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-  if (word.empty() || error != std::errc() || end != word.data() + word.size()) return std::nullopt;
-  if (value > ClientCommandFilter::kMaxOctets) return std::nullopt;
-  return value;
-}
-
-// Whether a BDAT line (its rest) is marked as the last one.
-bool IsLastChunk(std::string_view rest) {
-  constexpr std::string_view kLast = " LAST";
-  const std::size_t at = FindNoCase(rest, kLast);
-  if (at == std::string_view::npos) return false;
-  const std::size_t behind = at + kLast.size();
-  return behind == rest.size() || rest[behind] == ' ';
-}
-
 // A three-list test refuses a value that is neither in the white list nor in the allow list without being
 // black-listed.
 bool RefusedByLists(std::string_view value, const ExpressionList& white, const ExpressionList& allow,
                     const ExpressionList& black) {
   if (mText::MatchList(value, white)) return false;
   return !mText::MatchList(value, allow) || mText::MatchList(value, black);
-}
-
-// The greatest of the SIZE= values that consist of digits (RFC 1870): of several, servers take one or the
-// other.
-std::optional<FixedPoint> DeclaredSize(std::string_view parameters) {
-  constexpr std::string_view kSize = " SIZE=";
-  std::optional<FixedPoint> greatest;
-  for (std::size_t at = FindNoCase(parameters, kSize); at != std::string_view::npos;
-       at = FindNoCase(parameters, kSize, at + 1)) {
-    const std::string_view digits = FirstWord(parameters.substr(at + kSize.size()));
-    if (digits.empty() || !std::all_of(digits.begin(), digits.end(), IsDigit)) continue;
-    constexpr FixedPoint kMost = std::numeric_limits<FixedPoint>::max();
-    const FixedPoint size = ParseFixedPoint(digits, 1).value_or(kMost - kMost % kFixedPointOne);
-    greatest = std::max(greatest.value_or(0), size);
-  }
-  return greatest;
 }
 
 }  // namespace

@@ -51,8 +51,6 @@ class ClientCommandFilter {
   // Octets of a command line with its CR LF, and of authentication data (RFC 5321, 4.5.3.1.4; RFC 4954, 4).
   static constexpr std::size_t kMaxLine = 4096;
   static constexpr std::size_t kMaxAuthenticationLine = 12288;
-  // The greatest count of a BDAT: some servers keep it in 32 bits.
-  static constexpr std::uint64_t kMaxOctets = 2000000000;
 
   // All references outlive the filter. `greylisting` may be nullptr: then nothing is greylisted.
   ClientCommandFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,

@@ -1,0 +1,46 @@
+#include "proxy/command_parameters.h"
+
+#include <algorithm>
+#include <charconv>
+#include <limits>
+#include <system_error>
+
+#include "base/text.h"
+
+namespace trabex {
+
+std::string_view FirstParameter(std::string_view rest) {
+  return FirstWord(Trim(rest));
+}
+
+std::optional<std::uint64_t> OctetCount(std::string_view word) {
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+  if (word.empty() || error != std::errc() || end != word.data() + word.size()) return std::nullopt;
+  if (value > kMaxOctets) return std::nullopt;
+  return value;
+}
+
+bool IsLastChunk(std::string_view rest) {
+  constexpr std::string_view kLast = " LAST";
+  const std::size_t at = FindNoCase(rest, kLast);
+  if (at == std::string_view::npos) return false;
+  const std::size_t behind = at + kLast.size();
+  return behind == rest.size() || rest[behind] == ' ';
+}
+
+std::optional<FixedPoint> DeclaredSize(std::string_view parameters) {
+  constexpr std::string_view kSize = " SIZE=";
+  std::optional<FixedPoint> greatest;
+  for (std::size_t at = FindNoCase(parameters, kSize); at != std::string_view::npos;
+       at = FindNoCase(parameters, kSize, at + 1)) {
+    const std::string_view digits = FirstWord(parameters.substr(at + kSize.size()));
+    if (digits.empty() || !std::all_of(digits.begin(), digits.end(), IsDigit)) continue;
+    constexpr FixedPoint kMost = std::numeric_limits<FixedPoint>::max();
+    const FixedPoint size = ParseFixedPoint(digits, 1).value_or(kMost - kMost % kFixedPointOne);
+    greatest = std::max(greatest.value_or(0), size);
+  }
+  return greatest;
+}
+
+}  // namespace trabex

@@ -1,0 +1,29 @@
+// What stands behind the verb of a command, apart from addresses.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "base/numbers.h"
+
+namespace trabex {
+
+// The greatest octet count that is taken: some servers keep it in 32 bits and begin anew beyond.
+inline constexpr std::uint64_t kMaxOctets = 2000000000;
+
+// The first word of `rest`, which is what follows a verb, with its blank.
+std::string_view FirstParameter(std::string_view rest);
+
+// An octet count as BDAT and XEXCH50 take it: digits, at most kMaxOctets.
+std::optional<std::uint64_t> OctetCount(std::string_view word);
+
+// Whether a BDAT line is marked as the last one (RFC 3030): its `rest` holds " LAST", in any case, and the
+// first of them is followed by nothing or a blank.
+bool IsLastChunk(std::string_view rest);
+
+// The greatest of the SIZE= values in `parameters` that consist of digits (RFC 1870): of several, servers
+// take one or the other. What is beyond the type counts as the greatest whole number in it.
+std::optional<FixedPoint> DeclaredSize(std::string_view parameters);
+
+}  // namespace trabex
