@@ -8,13 +8,15 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <string>
+#include <utility>
 
 namespace trabex {
 
 class PlainSocket {
  public:
   PlainSocket() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-  ~PlainSocket() { close(socket_); }
+  ~PlainSocket() { Close(); }
   PlainSocket(const PlainSocket&) = delete;
   PlainSocket& operator=(const PlainSocket&) = delete;
 
@@ -30,6 +32,15 @@ class PlainSocket {
   bool Connect(int port) {
     const sockaddr_in address = Address(port);
     return connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+  // What has arrived by now.
+  std::string ReadNow() {
+    char bytes[4096];
+    const ssize_t count = recv(socket_, bytes, sizeof bytes, MSG_DONTWAIT);
+    return {bytes, count > 0 ? static_cast<std::size_t>(count) : 0};
+  }
+  void Close() {
+    if (socket_ >= 0) close(std::exchange(socket_, -1));
   }
 
  private:

@@ -1,0 +1,263 @@
+#include "app/frmMain.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "app/connection_row.h"
+#include "app/log_file.h"
+#include "app/program.h"
+#include "app/version.h"
+#include "base/error.h"
+#include "match/ip_range.h"
+#include "platform/message.h"
+#include "proxy/cProxy.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr Milliseconds kStatusInterval{500};
+constexpr Milliseconds kSaveInterval{60000};
+// The look-up is answered long before; the loop just has to be turned until then.
+constexpr Milliseconds kTurn{1000};
+// Two times that are an interval apart may differ by less than it when they are kept in days.
+constexpr double kRounding = 0.001 / kSecondsPerDay;
+
+// The bit of the log level word that asks for the dump of the configuration.
+constexpr std::int32_t kLogDump = 2;
+
+constexpr std::string_view kAnyAddress = "0.0.0.0";
+
+std::string BindIPInForce(const Configuration& configuration) {
+  return configuration.BindIP.empty() ? std::string(kAnyAddress) : configuration.BindIP;
+}
+
+std::string BindAddress(const Configuration& configuration) {
+  return BindIPInForce(configuration) + ":" + std::to_string(configuration.BindPort);
+}
+
+std::string ServerAddress(const Configuration& configuration) {
+  return configuration.ServerIP + ":" + std::to_string(configuration.ServerPort);
+}
+
+}  // namespace
+
+frmMain::frmMain(Program& program)
+    : program_(program),
+      session_host_{.configuration = program.configuration,
+                    .log = program.log,
+                    .clock = program.surroundings.clock,
+                    .loop = program.loop,
+                    .sockets = program.socket_module,
+                    .names = *program.names,
+                    .sessions = sessions_,
+                    .table = *this,
+                    .greylisting = &program.greylisting},
+      tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
+      tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
+      tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }) {
+  tmrStatus.Enable();
+  tmrLog.Enable();
+}
+
+frmMain::~frmMain() {
+  Form_Unload();
+}
+
+bool frmMain::Form_Load() {
+  end_request_ = WatchEndRequest(program_.loop, [this] { Form_Unload(); });
+  program_.log.LogLine(TitleAndVersion() + " started.");
+  if ((program_.configuration.Log & kLogDump) != 0) program_.LogConfiguration();
+  if (!WaitForListening()) return false;
+  ShowAddresses();
+  program_.log.SetTimer(&tmrLog);
+  EnableGreyListingTimer();
+  last_greylisting_save_ = program_.surroundings.clock.UniversalNow();
+  return true;
+}
+
+bool frmMain::WaitForListening() {
+  bool answered = false;
+  bool listening = false;
+  StartListening([&](bool result) {
+    answered = true;
+    listening = result;
+  });
+  while (!answered && !unloaded_) program_.loop.RunOnce(kTurn);
+  return listening && !unloaded_;
+}
+
+void frmMain::Show(bool minimized) {
+  if (unloaded_ || !StandardOutputIsTerminal()) return;
+  std::string why_not = WhyNoTerminalView();
+  if (why_not.empty()) {
+    try {
+      view_ = OpenTerminalView(
+          program_.loop, *this, minimized,
+          {.closed = [this] { Form_Unload(); }, .folded = {}, .lost = [this] { ViewLost(); }});
+      return;
+    } catch (const Error& error) {
+      why_not = error.Description();
+    }
+  }
+  program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not << '\n';
+}
+
+void frmMain::Form_Unload() {
+  if (unloaded_) return;
+  unloaded_ = true;
+  tmrStatus.Disable();
+  tmrSaveGreyListing.Disable();
+  tmrLog.Disable();
+  program_.log.SetTimer(nullptr);
+  view_.reset();
+  // The listener itself may be the caller, so it stays until the window goes.
+  program_.names->Cancel(std::exchange(server_lookup_, 0));
+  if (listener_) listener_->CloseSck();
+  sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
+  if (program_.configuration.GreyListing.Enabled) program_.greylisting_hooks.save();
+  program_.log.LogLine(TitleAndVersion() + " stopped.");
+  program_.log.Close();
+  program_.instance_lock.reset();
+  program_.socket_module.WhenNoneLingers([&loop = program_.loop] { loop.Quit(); });
+}
+
+void frmMain::StartListening(std::function<void(bool listening)> done) {
+  program_.names->Cancel(std::exchange(server_lookup_, 0));
+  if (program_.configuration.ServerPort != program_.configuration.BindPort) {
+    done(Listen());
+    return;
+  }
+  server_lookup_ = program_.names->FindAddresses(
+      program_.configuration.ServerIP, [this, done = std::move(done)](const AddressAnswer& answer) {
+        server_lookup_ = 0;
+        try {
+          if (answer.error != 0) {
+            throw Error(answer.error, "frmMain.StartListening", std::string(SocketErrorText(answer.error)));
+          }
+          if (LoopsBack(answer.addresses)) {
+            program_.log.LogLine(
+                "Loop detected: Server IP address and port point to listening address and port.");
+            done(false);
+            return;
+          }
+        } catch (const Error& error) {
+          done(ReportListenError(error));
+          return;
+        }
+        done(Listen());
+      });
+}
+
+bool frmMain::Listen() {
+  try {
+    // First the old one, which may have the same port.
+    listener_.reset();
+    listener_ = std::make_unique<CSocketMaster>(program_.socket_module);
+    listener_->Events.ConnectionRequest = [this](std::int32_t requestID) {
+      Listener_ConnectionRequest(requestID);
+    };
+    listener_->Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
+      Listener_Error(number, description);
+    };
+    listener_->Bind(program_.configuration.BindPort, BindIPInForce(program_.configuration));
+    listener_->Listen();
+    return true;
+  } catch (const Error& error) {
+    return ReportListenError(error);
+  }
+}
+
+// Whether a connection to one of the addresses would come back to the listener, given that the ports are
+// equal.
+bool frmMain::LoopsBack(const std::vector<std::uint32_t>& server_addresses) const {
+  const std::uint32_t bound = mCommon::CLngIP(BindIPInForce(program_.configuration));
+  std::vector<std::uint32_t> own;
+  if (bound == 0) {
+    const int error = program_.sockets.LocalAddresses(own);
+    if (error != 0) throw Error(error, "frmMain.StartListening", std::string(SocketErrorText(error)));
+  }
+  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](std::uint32_t address) {
+    if (address == 0) return true;  // the system takes it for this machine
+    return bound == 0 ? mCommon::IsOwnAddress(mCommon::FormatIP(address), own) : address == bound;
+  });
+}
+
+bool frmMain::ReportListenError(const Error& error) {
+  program_.log.LogLine("Error " + std::to_string(error.Number()) + " binding to " +
+                       BindAddress(program_.configuration) + ". " + error.Description());
+  return false;
+}
+
+void frmMain::ShowAddresses() {
+  const std::string bound = BindAddress(program_.configuration);
+  const std::string server = ServerAddress(program_.configuration);
+  program_.log.LogLine("Listen on: " + bound + "; Connect to: " + server + ".");
+  status_ = bound + " --> " + server;
+  if (view_) view_->Refresh();
+}
+
+void frmMain::EnableGreyListingTimer() {
+  if (program_.configuration.GreyListing.Enabled) {
+    tmrSaveGreyListing.Enable();
+  } else {
+    tmrSaveGreyListing.Disable();
+  }
+}
+
+void frmMain::Listener_ConnectionRequest(std::int32_t requestID) {
+  sessions_.Add(std::make_unique<cProxy>(session_host_)).Init(requestID);
+}
+
+void frmMain::Listener_Error(int number, const std::string& description) {
+  program_.log.LogLine("L: Error " + std::to_string(number) + ". " + description);
+  program_.exit_status = 1;
+  Form_Unload();
+}
+
+// The view is refreshed here only, not with each row that comes or goes: a flood of connections costs two
+// pictures a second.
+void frmMain::AddRow(cProxy&) {}
+
+void frmMain::RemoveRow(std::string_view) {}
+
+std::string frmMain::Version() const {
+  return "v. " + VersionText();
+}
+
+std::string frmMain::Header() const {
+  return std::string(kConnectionHeader);
+}
+
+std::string frmMain::RowText(std::size_t index) const {
+  const cProxy& session = sessions_.At(index);
+  return ConnectionRow(session.Handle(), session.BytesReceived(), session.BytesSent(), session.Duration(),
+                       session.ClientIP(), session.HostNameOrUnknown());
+}
+
+void frmMain::tmrStatus_Timer() {
+  if (view_) view_->Refresh();
+  sessions_.ForEach([](cProxy& session) { session.CheckTimeout(); });
+}
+
+void frmMain::tmrLog_Timer() {
+  tmrLog.Disable();
+  program_.log.Close();
+}
+
+void frmMain::tmrSaveGreyListing_Timer() {
+  const DateTime now = program_.surroundings.clock.UniversalNow();
+  if (now - last_greylisting_save_ + kRounding < program_.configuration.GreyListing.SaveInterval) return;
+  program_.greylisting_hooks.save_in_background([this](DateTime time) { last_greylisting_save_ = time; });
+}
+
+void frmMain::ViewLost() {
+  view_.reset();
+  const std::string_view text =
+      "The window has gone with its terminal or the process that drew it; running on "
+      "without one.";
+  program_.log.LogLine(text);
+  ShowMessage(std::string(kApplicationTitle) + ": " + std::string(text) + "\n");
+}
+
+}  // namespace trabex

@@ -1,0 +1,96 @@
+// The main window: it owns the listener, the sessions and the timers, and shows the open connections. Its
+// load is the second half of a start, its unload the whole shut-down; the program runs as long as it is
+// loaded.
+//
+// The window is there whether it is shown or not. Shown, it is a view on the terminal, which asks for the
+// text of the rows that it displays; nobody else makes row texts.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "net/CSocketMaster.h"
+#include "platform/end_request.h"
+#include "platform/event_loop.h"
+#include "platform/terminal_view.h"
+#include "proxy/session_collection.h"
+#include "proxy/session_host.h"
+
+namespace trabex {
+
+struct Program;
+
+class frmMain final : public ConnectionTable, private ViewContent {
+ public:
+  // `program` outlives the window.
+  explicit frmMain(Program& program);
+  ~frmMain() override;
+  frmMain(const frmMain&) = delete;
+  frmMain& operator=(const frmMain&) = delete;
+
+  // The duties of a start, in order, the listener among them. False when that could not be started; the
+  // reason is logged. Turns the loop while it waits for the look-up of a server's name: the end of the
+  // program may be asked for meanwhile (see Unloaded). Not called from inside the loop.
+  bool Form_Load();
+  // Puts the view on the terminal, where there is one that can show it; `minimized` folds it.
+  void Show(bool minimized);
+  // The shut-down, in order; the second call does nothing. May be called in any handler. The loop quits when
+  // everything that was said to the clients has been sent, 5 seconds later at most.
+  void Form_Unload();
+  bool Unloaded() const { return unloaded_; }
+
+  // Listens anew with the settings in force, after the test that the server is not this listener itself.
+  // `done` is told whether that succeeded (if not, the reason is logged): inside this call, or from the loop
+  // when a name has to be looked up first; then the listener from before goes on meanwhile. A second call
+  // replaces the first.
+  void StartListening(std::function<void(bool listening)> done);
+  // Logs the addresses in force and shows them in the status line.
+  void ShowAddresses();
+  // Enables the save timer exactly when greylisting is on.
+  void EnableGreyListingTimer();
+
+  void AddRow(cProxy& session) override;
+  void RemoveRow(std::string_view key) override;
+
+  const SessionCollection& Sessions() const { return sessions_; }
+
+ private:
+  // The view's content.
+  std::string Status() const override { return status_; }
+  std::string Version() const override;
+  std::string Header() const override;
+  std::size_t RowCount() const override { return sessions_.Count(); }
+  std::string RowText(std::size_t index) const override;
+
+  bool WaitForListening();
+  bool Listen();
+  bool LoopsBack(const std::vector<std::uint32_t>& server_addresses) const;
+  bool ReportListenError(const Error& error);
+
+  void Listener_ConnectionRequest(std::int32_t requestID);
+  void Listener_Error(int number, const std::string& description);
+  void tmrStatus_Timer();
+  void tmrLog_Timer();
+  void tmrSaveGreyListing_Timer();
+  void ViewLost();
+
+  Program& program_;
+  mutable SessionCollection sessions_;  // its quick access by index notes where it stopped
+  SessionHost session_host_;
+  std::unique_ptr<CSocketMaster> listener_;
+  LookupId server_lookup_ = 0;
+  std::string status_;
+  DateTime last_greylisting_save_ = 0;  // universal
+  bool unloaded_ = false;
+  Timer tmrStatus;
+  Timer tmrLog;
+  Timer tmrSaveGreyListing;
+  std::unique_ptr<EndRequest> end_request_;
+  std::unique_ptr<TerminalView> view_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,27 @@
+#include "app/greylisting.h"
+
+#include <utility>
+
+namespace trabex {
+
+GreyListing::GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop)
+    : decision_(settings, log, clock, database_), store_(settings, log, clock, loop, database_) {}
+
+bool GreyListing::Delays(std::string_view host_name, std::string_view ip, std::string_view sender,
+                         std::string_view recipient) {
+  return IsDelayed(decision_.GreyListingCheck(host_name, ip, sender, recipient));
+}
+
+GreyListingHooks GreyListing::MakeHooks() {
+  return {.load = [this] { store_.LoadGreyListingDatabase(); },
+          .clear = [this] { store_.ClearGreyListingDatabase(); },
+          .save = [this] { store_.SaveGreyListingDatabase(); },
+          .save_in_background =
+              [this](std::function<void(DateTime)> saved) {
+                store_.SaveInBackground([saved = std::move(saved)](const GreyListingSaveResult& result) {
+                  if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
+                });
+              }};
+}
+
+}  // namespace trabex

@@ -1,0 +1,46 @@
+// The greylisting of this program: the records in memory, who judges by them, and who keeps them in the file.
+#pragma once
+
+#include <functional>
+#include <string_view>
+
+#include "base/log.h"
+#include "config/configuration.h"
+#include "greylist/greylisting_database.h"
+#include "greylist/greylisting_store.h"
+#include "greylist/mGreyListing.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "proxy/greylist_check.h"
+
+namespace trabex {
+
+// When the program loads, saves and forgets the records; how is the store's matter. A test puts its own in
+// place. They log their own failures.
+struct GreyListingHooks {
+  std::function<void()> load;
+  std::function<void()> clear;
+  // Complete when it returns.
+  std::function<void()> save;
+  // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
+  std::function<void(std::function<void(DateTime time)> saved)> save_in_background;
+};
+
+class GreyListing final : public GreylistCheck {
+ public:
+  // All outlive this object.
+  GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop);
+
+  bool Delays(std::string_view host_name, std::string_view ip, std::string_view sender,
+              std::string_view recipient) override;
+
+  // They refer to this object.
+  GreyListingHooks MakeHooks();
+
+ private:
+  GreyListingDatabase database_;
+  mGreyListing decision_;
+  GreyListingStore store_;
+};
+
+}  // namespace trabex

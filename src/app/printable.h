@@ -1,0 +1,12 @@
+// Text that a person's terminal may be given, whatever it is made of.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace trabex {
+
+// `text` as UTF-8 without control characters: those, and bytes that are no UTF-8, become "\xHH".
+std::string Printable(std::string_view text);
+
+}  // namespace trabex

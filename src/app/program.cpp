@@ -1,0 +1,82 @@
+#include "app/program.h"
+
+#include <string_view>
+#include <utility>
+
+#include "app/frmMain.h"
+#include "base/error.h"
+#include "config/configuration_dump.h"
+#include "net/CSocketMaster.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::string_view kInstanceIdentifier = "5B0E7C19D4A24F36A1F863D20C97BE48";
+
+}  // namespace
+
+Program::Program(Surroundings the_surroundings)
+    : surroundings(std::move(the_surroundings)),
+      log(configuration, surroundings.clock, surroundings.program_name),
+      loop(surroundings.clock),
+      sockets(loop),
+      names(surroundings.make_names(loop)),
+      socket_module(sockets, *names, log),
+      greylisting(configuration.GreyListing, log, surroundings.clock, loop),
+      greylisting_hooks(greylisting.MakeHooks()) {}
+
+Program::~Program() {
+  if (!window) return;
+  window->Form_Unload();
+  // Sessions are destroyed at the end of a turn, and need what is destroyed before the loop.
+  loop.RunOnce(Milliseconds(0));
+}
+
+EarlyKeysResult Program::ReadEarlyKeys(bool reload) {
+  return trabex::ReadEarlyKeys({.ini_path = ini_file.path,
+                                .program_directory = surroundings.program_directory,
+                                .log_path_given = log_path_given,
+                                .port_given = port_given,
+                                .reload = reload},
+                               configuration, log);
+}
+
+bool Program::LockInstance() {
+  instance_lock.reset();
+  try {
+    instance_lock = TryLockInstance(loop, InstanceName(configuration.BindPort), [this] {
+      if (window) window->Form_Unload();
+    });
+  } catch (const Error& error) {
+    log.LogError(error);
+    return false;
+  }
+  if (!instance_lock) {
+    log.LogLine("The instance of this application listening on the same port already running.");
+  }
+  return instance_lock != nullptr;
+}
+
+void Program::LogConfiguration() {
+  mCommon::LogConfiguration(configuration, ini_file.path, log,
+                            [this](std::string_view line) { log.WriteUnstamped(line); });
+}
+
+LoadEnvironment Program::MakeLoadEnvironment() {
+  return {.file = ini_file,
+          .program_directory = surroundings.program_directory,
+          .log = log,
+          .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
+          .dump_configuration = [this] { LogConfiguration(); },
+          // The store itself remembers where the records came from.
+          .save_greylisting = [this](const std::string&) { greylisting_hooks.save(); },
+          .load_greylisting = greylisting_hooks.load,
+          .clear_greylisting = greylisting_hooks.clear};
+}
+
+std::string InstanceName(std::int32_t port) {
+  return std::string(kInstanceIdentifier) + std::to_string(port);
+}
+
+}  // namespace trabex

@@ -1,0 +1,77 @@
+// Everything that lives as long as the program does. main builds one; a test builds as many as it likes.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "app/greylisting.h"
+#include "app/log_file.h"
+#include "config/configuration.h"
+#include "config/early_keys.h"
+#include "config/ini_reader.h"
+#include "config/load_configuration.h"
+#include "net/modSocketMaster.h"
+#include "platform/clock.h"
+#include "platform/event_loop.h"
+#include "platform/files.h"
+#include "platform/instance_lock.h"
+#include "platform/name_lookup.h"
+#include "platform/sockets.h"
+
+namespace trabex {
+
+class frmMain;
+
+// What the program finds around itself. A test puts its own in place.
+struct Surroundings {
+  const Clock& clock;
+  std::ostream& out;
+  std::ostream& err;
+  std::string program_directory = ProgramDirectory();
+  std::string program_name = ProgramName();  // without extension; begins the names of its files
+  std::function<std::unique_ptr<NameLookup>(EventLoop&)> make_names = [](EventLoop& loop) {
+    return MakeNameLookup(loop);
+  };
+};
+
+struct Program {
+  explicit Program(Surroundings the_surroundings);
+  // Unloads the window, should it still be loaded. Not inside the loop.
+  ~Program();
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  // Reads the early keys into the configuration; a failure is logged.
+  EarlyKeysResult ReadEarlyKeys(bool reload);
+  // Takes the lock of the instance that listens on `BindPort`, after giving back the one that is held. False
+  // when another instance has it, or the system refuses; the reason is logged.
+  bool LockInstance();
+  // Writes the configuration in force into the log file.
+  void LogConfiguration();
+  // What a load of the configuration needs of this program.
+  LoadEnvironment MakeLoadEnvironment();
+
+  Surroundings surroundings;
+  Configuration configuration;
+  InitializationFile ini_file;
+  bool port_given = false;      // on the command line: the key is not read
+  bool log_path_given = false;  // likewise
+  int exit_status = 0;
+
+  LogFile log;
+  EventLoop loop;
+  Sockets sockets;
+  std::unique_ptr<NameLookup> names;
+  modSocketMaster socket_module;
+  GreyListing greylisting;
+  GreyListingHooks greylisting_hooks;
+  std::unique_ptr<InstanceLock> instance_lock;
+  std::unique_ptr<frmMain> window;
+};
+
+// The name of the instance that listens on `port`: a fixed identifier and the port.
+std::string InstanceName(std::int32_t port);
+
+}  // namespace trabex

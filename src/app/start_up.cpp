@@ -1,0 +1,115 @@
+#include "app/start_up.h"
+
+#include <string>
+#include <utility>
+
+#include "app/command_line.h"
+#include "app/frmMain.h"
+#include "app/printable.h"
+#include "app/version.h"
+#include "config/ini_paths.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr int kOrderlyEnd = 0;
+constexpr int kFailed = 1;
+constexpr int kBadCommandLine = 2;
+
+// The steps of a start, each taken only when those before it succeeded.
+class StartUp {
+ public:
+  StartUp(Program& program, const CommandLine& line) : program_(program), line_(line) {
+    TakeCommandLine();
+    // The line that tells why a start failed is the last one that was logged, whether logging is on or not.
+    program_.log.SetObserver([this](std::string_view message) { last_message_ = message; });
+  }
+  ~StartUp() { program_.log.SetObserver({}); }
+  StartUp(const StartUp&) = delete;
+  StartUp& operator=(const StartUp&) = delete;
+
+  int Run() {
+    if (program_.ReadEarlyKeys(false) == EarlyKeysResult::kFailed) return Failed();
+    if (line_.exit_request) {
+      RequestExit(InstanceName(program_.configuration.BindPort));
+      return kOrderlyEnd;
+    }
+    if (!program_.LockInstance()) return Failed();
+    if (LoadConfiguration(program_.MakeLoadEnvironment(), program_.configuration, false) ==
+        LoadResult::kFailed) {
+      return ConfigurationFailed();
+    }
+    program_.window = std::make_unique<frmMain>(program_);
+    if (!program_.window->Form_Load() && !program_.window->Unloaded()) return ListenerFailed();
+    if (!line_.hidden) program_.window->Show(line_.minimized);
+    program_.log.SetObserver({});
+    program_.log.CollectOn(&program_.loop);
+    program_.loop.Run();
+    program_.log.CollectOn(nullptr);
+    return program_.exit_status;
+  }
+
+ private:
+  void TakeCommandLine() {
+    const Surroundings& around = program_.surroundings;
+    program_.ini_file.path = mCommon::ResolveIniPath(line_.ini_file.value_or(std::string()),
+                                                     around.program_directory, around.program_name);
+    program_.port_given = line_.port.has_value();
+    if (line_.port) program_.configuration.BindPort = *line_.port;
+    program_.log_path_given = line_.log_path.has_value();
+    if (line_.log_path) {
+      program_.configuration.LogPath = *line_.log_path;
+      program_.configuration.Log = 1;
+    }
+  }
+
+  int Failed() {
+    Tell(last_message_);
+    return kFailed;
+  }
+
+  int ConfigurationFailed() {
+    Tell(last_message_);
+    program_.log.LogLine(TitleAndVersion() + " not started due to an error in initialization file.");
+    program_.log.Close();
+    program_.instance_lock.reset();
+    return Failed();
+  }
+
+  int ListenerFailed() {
+    const std::string reason = std::exchange(last_message_, {});
+    program_.window->Form_Unload();
+    Tell(reason);
+    return kFailed;
+  }
+
+  void Tell(std::string_view message) {
+    if (!message.empty())
+      program_.surroundings.err << kApplicationTitle << ": " << Printable(message) << '\n';
+  }
+
+  Program& program_;
+  const CommandLine& line_;
+  std::string last_message_;
+};
+
+}  // namespace
+
+int RunProgram(std::span<const std::string_view> arguments, Surroundings surroundings) {
+  const CommandLine line = ParseCommandLine(arguments);
+  switch (line.result) {
+    case CommandLine::Result::kShow:
+      surroundings.out << line.message << '\n';
+      return kOrderlyEnd;
+    case CommandLine::Result::kRefused:
+      surroundings.err << kApplicationTitle << ": " << Printable(line.message) << '\n';
+      return kBadCommandLine;
+    case CommandLine::Result::kStart:
+      break;
+  }
+  Program program(std::move(surroundings));
+  return StartUp(program, line).Run();
+}
+
+}  // namespace trabex

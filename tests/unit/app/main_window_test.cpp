@@ -1,0 +1,404 @@
+// The main window on loopback, with a clock and with names that the test sets.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/frmMain.h"
+#include "app/program.h"
+#include "base/text.h"
+#include "match/ip_range.h"
+#include "support/fake_clock.h"
+#include "support/fake_name_lookup.h"
+#include "support/loop_runner.h"
+#include "support/plain_socket.h"
+#include "support/temp_folder.h"
+
+namespace trabex {
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+
+class MainWindowTest : public testing::Test {
+ protected:
+  MainWindowTest()
+      : program_(Surroundings{.clock = clock_,
+                              .out = out_,
+                              .err = err_,
+                              .program_directory = folder_.Path(),
+                              .program_name = "Trabex",
+                              .make_names = [this](EventLoop& loop) {
+                                auto names = std::make_unique<FakeNameLookup>(loop);
+                                names_ = names.get();
+                                return names;
+                              }}) {
+    Settings().LogPath = folder_ / "Log";
+    Settings().BindIP = "127.0.0.1";
+    Settings().BindPort = FreePort();
+    Settings().ServerPort = Settings().BindPort == 25 ? 26 : 25;
+    Settings().IPAllowList = IPRangeList({{.low = 0, .high = 0xFFFFFFFF}});
+    program_.log.SetObserver([this](std::string_view message) { log_.emplace_back(message); });
+    program_.window = std::make_unique<frmMain>(program_);
+  }
+
+  Configuration& Settings() { return program_.configuration; }
+  frmMain& Window() { return *program_.window; }
+  std::string Bound() { return Settings().BindIP + ":" + std::to_string(Settings().BindPort); }
+  // Starts to listen and waits for the outcome.
+  bool Listens() {
+    std::optional<bool> result;
+    Window().StartListening([&result](bool listening) { result = listening; });
+    EXPECT_TRUE(RunUntil(program_.loop, [&result] { return result.has_value(); }));
+    return result.value_or(false);
+  }
+  void Pass(Milliseconds span) {
+    clock_.Advance(span);
+    RunUntilIdle(program_.loop);
+  }
+
+  TempFolder folder_;
+  FakeClock clock_;
+  std::ostringstream out_;
+  std::ostringstream err_;
+  FakeNameLookup* names_ = nullptr;
+  std::vector<std::string> log_;  // the messages
+  Program program_;
+};
+
+TEST_F(MainWindowTest, LoadLogsTheStartAndTheAddresses) {
+  Settings().ServerIP = "192.0.2.7";
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_EQ(log_, (std::vector<std::string>{"Trabex 3.04.012 started.",
+                                            "Listen on: " + Bound() + "; Connect to: 192.0.2.7:" +
+                                                std::to_string(Settings().ServerPort) + "."}));
+  EXPECT_TRUE(PlainSocket().Connect(Settings().BindPort));
+}
+
+TEST_F(MainWindowTest, DumpIsWrittenBetweenTheTwo) {
+  Settings().Log = 2;
+  ASSERT_TRUE(Window().Form_Load());
+  program_.log.Close();
+  std::string text;
+  for (const auto& entry : std::filesystem::directory_iterator(Settings().LogPath))
+    text = ReadFile(entry.path());
+  const std::size_t started = text.find("Trabex 3.04.012 started.\r\n");
+  const std::size_t dump = text.find("\r\n; Current configuration:\r\n");
+  const std::size_t section = text.find("\r\n[Common]\r\nLog = 2\r\n");
+  const std::size_t listens = text.find("Listen on: ");
+  ASSERT_NE(listens, std::string::npos);
+  EXPECT_LT(started, dump);
+  EXPECT_LT(dump, section);
+  EXPECT_LT(section, listens);
+}
+
+TEST_F(MainWindowTest, NoDumpAtTheOtherLevels) {
+  ASSERT_TRUE(Window().Form_Load());
+  program_.log.Close();
+  for (const auto& entry : std::filesystem::directory_iterator(Settings().LogPath)) {
+    EXPECT_EQ(ReadFile(entry.path()).find("[Common]"), std::string::npos);
+  }
+}
+
+TEST_F(MainWindowTest, PortInUseIsReportedWithItsNumberAndText) {
+  PlainSocket other;
+  Settings().BindPort = other.Bind();
+  other.Listen();
+  EXPECT_FALSE(Window().Form_Load());
+  EXPECT_FALSE(Window().Unloaded());
+  ASSERT_EQ(log_.size(), 2U);
+  EXPECT_EQ(log_[1], "Error 10048 binding to " + Bound() + ". " + std::string(SocketErrorText(10048)));
+}
+
+TEST_F(MainWindowTest, AddressThatIsNotOursIsReported) {
+  Settings().BindIP = "192.0.2.1";
+  EXPECT_FALSE(Listens());
+  ASSERT_EQ(log_.size(), 1U);
+  EXPECT_EQ(log_[0], "Error 10049 binding to " + Bound() + ". " + std::string(SocketErrorText(10049)));
+}
+
+// The port is taken, so that the test does not listen for the whole network.
+TEST_F(MainWindowTest, EmptyBindIPIsEveryAddress) {
+  PlainSocket other;
+  Settings().BindPort = other.Bind();
+  other.Listen();
+  Settings().BindIP.clear();
+  EXPECT_FALSE(Listens());
+  Window().ShowAddresses();
+  ASSERT_EQ(log_.size(), 2U);
+  EXPECT_THAT(log_[0], StartsWith("Error 10048 binding to 0.0.0.0:"));
+  EXPECT_THAT(log_[1], StartsWith("Listen on: 0.0.0.0:"));
+}
+
+constexpr std::string_view kLoopMessage =
+    "Loop detected: Server IP address and port point to listening address and port.";
+
+// What is no loop ends at the port, which is taken.
+TEST_F(MainWindowTest, ServerThatIsTheListenerIsALoop) {
+  std::vector<std::uint32_t> own;
+  ASSERT_EQ(program_.sockets.LocalAddresses(own), 0);
+  ASSERT_FALSE(own.empty());
+  PlainSocket other;
+  Settings().BindPort = other.Bind();
+  other.Listen();
+  struct Row {
+    std::string bind_ip;
+    std::string server_ip;
+    std::vector<std::uint32_t> resolved;
+    bool loop;
+  };
+  const Row rows[] = {
+      {"0.0.0.0", "127.0.0.1", {0x7F000001}, true},
+      {"0.0.0.0", "127.9.9.9", {0x7F090909}, true},
+      {"", "127.0.0.1", {0x7F000001}, true},
+      {"0.0.0.0", "own", {own.back()}, true},
+      {"0.0.0.0", "0.0.0.0", {0}, true},
+      {"0.0.0.0", "localhost", {0x7F000001}, true},
+      {"0.0.0.0", "two", {0xC0000207, 0x7F000001}, true},  // any of its addresses
+      {"0.0.0.0", "192.0.2.7", {0xC0000207}, false},
+      {"127.0.0.1", "127.0.0.1", {0x7F000001}, true},
+      {"127.0.0.1", "0.0.0.0", {0}, true},
+      {"127.0.0.1", "two", {0xC0000207, 0x7F000001}, true},
+      {"127.0.0.1", "127.0.0.2", {0x7F000002}, false},
+      {"127.0.0.1", "192.0.2.7", {0xC0000207}, false},
+  };
+  Settings().ServerPort = Settings().BindPort;
+  for (const Row& row : rows) {
+    Settings().BindIP = row.bind_ip;
+    Settings().ServerIP = row.server_ip;
+    names_->SetAddresses(row.server_ip, row.resolved);
+    log_.clear();
+    EXPECT_FALSE(Listens());
+    const std::string expected = row.loop ? std::string(kLoopMessage) : "Error 10048 binding to ";
+    EXPECT_THAT(log_, ElementsAre(StartsWith(expected))) << row.bind_ip << " " << row.server_ip;
+  }
+}
+
+TEST_F(MainWindowTest, AnotherPortIsNeverALoopAndNeedsNoLookUp) {
+  Settings().ServerIP = "127.0.0.1";
+  EXPECT_TRUE(Listens());
+  EXPECT_EQ(names_->Requests(), 0U);
+}
+
+TEST_F(MainWindowTest, ServerNameWithoutAnAddressEndsTheStart) {
+  Settings().ServerPort = Settings().BindPort;
+  Settings().ServerIP = "nowhere.test";
+  names_->SetAddressError("nowhere.test", 11002);
+  EXPECT_FALSE(Window().Form_Load());
+  EXPECT_EQ(log_.back(), "Error 11002 binding to " + Bound() + ". " + std::string(SocketErrorText(11002)));
+}
+
+TEST_F(MainWindowTest, ListenerGoesOnWhileANameIsLookedUp) {
+  ASSERT_TRUE(Listens());
+  const int first_port = Settings().BindPort;
+  Settings().BindPort = FreePort();
+  Settings().ServerPort = Settings().BindPort;
+  Settings().ServerIP = "server.test";
+  names_->SetAddresses("server.test", {0xC0000207});
+  names_->HoldAnswers();
+  std::optional<bool> result;
+  Window().StartListening([&result](bool listening) { result = listening; });
+  RunUntilIdle(program_.loop);
+  EXPECT_FALSE(result.has_value());
+  EXPECT_TRUE(PlainSocket().Connect(first_port));
+  names_->Deliver();
+  ASSERT_TRUE(result.has_value());
+  EXPECT_TRUE(*result);
+  EXPECT_FALSE(PlainSocket().Connect(first_port));
+  EXPECT_TRUE(PlainSocket().Connect(Settings().BindPort));
+}
+
+TEST_F(MainWindowTest, EndAskedForDuringTheLookUpEndsTheStart) {
+  Settings().ServerPort = Settings().BindPort;
+  names_->HoldAnswers();
+  program_.loop.Post([] { kill(getpid(), SIGTERM); });
+  EXPECT_FALSE(Window().Form_Load());
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_EQ(names_->Cancelled(), 1U);
+  EXPECT_EQ(program_.exit_status, 0);
+  EXPECT_EQ(log_, (std::vector<std::string>{"Trabex 3.04.012 started.", "Trabex 3.04.012 stopped."}));
+  program_.loop.Run();
+}
+
+TEST_F(MainWindowTest, UnloadStopsListeningAndEndsTheLoop) {
+  ASSERT_TRUE(program_.LockInstance());
+  ASSERT_TRUE(Window().Form_Load());
+  Window().Form_Unload();
+  EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
+  EXPECT_FALSE(program_.instance_lock);
+  EXPECT_FALSE(PlainSocket().Connect(Settings().BindPort));
+  const std::size_t lines = log_.size();
+  Window().Form_Unload();
+  EXPECT_EQ(log_.size(), lines);
+  program_.loop.Run();  // returns, since nobody lingers
+  EXPECT_EQ(program_.exit_status, 0);
+}
+
+TEST_F(MainWindowTest, UnloadTellsEveryClientAndWaitsUntilItHasHeard) {
+  PlainSocket server;
+  Settings().ServerPort = server.Bind();
+  server.Listen();
+  ASSERT_TRUE(Window().Form_Load());
+  PlainSocket client;
+  ASSERT_TRUE(client.Connect(Settings().BindPort));
+  ASSERT_TRUE(RunUntil(program_.loop, [this] { return Window().Sessions().Count() == 1; }));
+  Window().Form_Unload();
+  EXPECT_EQ(Window().Sessions().Count(), 0U);
+  std::string heard;
+  ASSERT_TRUE(RunUntil(program_.loop, [&] {
+    heard += client.ReadNow();
+    return heard.ends_with("\r\n");
+  }));
+  EXPECT_THAT(heard, StartsWith("421 "));
+  EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
+  client.Close();
+  program_.loop.Run();
+}
+
+TEST_F(MainWindowTest, StatusTimerEndsSessionsThatTimeOut) {
+  Settings().Timeout = 2;
+  Settings().ServerIP = "server.test";
+  names_->HoldAnswers();
+  ASSERT_TRUE(Window().Form_Load());
+  PlainSocket client;
+  ASSERT_TRUE(client.Connect(Settings().BindPort));
+  ASSERT_TRUE(RunUntil(program_.loop, [this] { return Window().Sessions().Count() == 1; }));
+  Pass(Milliseconds(1900));
+  EXPECT_EQ(Window().Sessions().Count(), 1U);
+  Pass(Milliseconds(600));
+  EXPECT_EQ(Window().Sessions().Count(), 0U);
+}
+
+TEST_F(MainWindowTest, EachEndingSignalUnloads) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    program_.window = std::make_unique<frmMain>(program_);
+    ASSERT_TRUE(Window().Form_Load());
+    kill(getpid(), number);
+    program_.loop.Run();
+    EXPECT_TRUE(Window().Unloaded()) << number;
+    EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
+  }
+}
+
+TEST_F(MainWindowTest, ExitRequestOfAnotherInstanceUnloads) {
+  ASSERT_TRUE(program_.LockInstance());
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_FALSE(RequestExit(InstanceName(1)));
+  EXPECT_TRUE(RequestExit(InstanceName(Settings().BindPort)));
+  program_.loop.Run();
+  EXPECT_TRUE(Window().Unloaded());
+}
+
+TEST_F(MainWindowTest, SecondInstanceOnThePortIsRefusedAndSaysSo) {
+  Program second(program_.surroundings);
+  second.configuration.BindPort = Settings().BindPort;
+  second.configuration.Log = 0;
+  std::vector<std::string> messages;
+  second.log.SetObserver([&messages](std::string_view message) { messages.emplace_back(message); });
+  ASSERT_TRUE(program_.LockInstance());
+  EXPECT_FALSE(second.LockInstance());
+  EXPECT_EQ(messages, std::vector<std::string>{
+                          "The instance of this application listening on the same port already running."});
+  second.configuration.BindPort = FreePort();
+  EXPECT_TRUE(second.LockInstance());
+  // The own lock is no obstacle, and is given back with the change of the port.
+  EXPECT_TRUE(program_.LockInstance());
+  Settings().BindPort = FreePort();
+  EXPECT_TRUE(program_.LockInstance());
+}
+
+TEST_F(MainWindowTest, IdleLogFileIsClosed) {
+  ASSERT_TRUE(Window().Form_Load());
+  const auto open_logs = [this] {
+    std::size_t count = 0;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      count += std::filesystem::read_symlink(entry.path(), gone).parent_path() == Settings().LogPath;
+    }
+    return count;
+  };
+  EXPECT_EQ(open_logs(), 1U);
+  Pass(Milliseconds(4999));
+  EXPECT_EQ(open_logs(), 1U);
+  Pass(Milliseconds(1));
+  EXPECT_EQ(open_logs(), 0U);
+}
+
+class GreyListingTimerTest : public MainWindowTest {
+ protected:
+  GreyListingTimerTest() {
+    Settings().GreyListing.SaveInterval = 10 / kMinutesPerDay;
+    program_.greylisting_hooks.save_in_background = [this](std::function<void(DateTime)> saved) {
+      ++background_saves_;
+      if (save_succeeds_) saved(clock_.UniversalNow());
+    };
+    program_.greylisting_hooks.save = [this] { saved_after_.push_back(log_.back()); };
+  }
+  ~GreyListingTimerTest() override { Window().Form_Unload(); }
+
+  // The minutes, counted from the load, whose ticks save.
+  std::vector<int> SavingMinutes(int count) {
+    std::vector<int> minutes;
+    for (int minute = 1; minute <= count; ++minute) {
+      const int before = background_saves_;
+      Pass(std::chrono::minutes(1));
+      if (background_saves_ != before) minutes.push_back(minute);
+    }
+    return minutes;
+  }
+
+  int background_saves_ = 0;
+  bool save_succeeds_ = true;
+  std::vector<std::string> saved_after_;  // the last log line at each save at the end
+};
+
+TEST_F(GreyListingTimerTest, SavesAtTheFirstTickAfterTheInterval) {
+  Settings().GreyListing.Enabled = true;
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_EQ(SavingMinutes(35), (std::vector<int>{10, 20, 30}));
+}
+
+TEST_F(GreyListingTimerTest, FailedSaveIsTriedAgainAtTheNextTick) {
+  Settings().GreyListing.Enabled = true;
+  ASSERT_TRUE(Window().Form_Load());
+  save_succeeds_ = false;
+  EXPECT_EQ(SavingMinutes(12), (std::vector<int>{10, 11, 12}));
+  save_succeeds_ = true;
+  EXPECT_EQ(SavingMinutes(12), (std::vector<int>{1, 11}));
+}
+
+TEST_F(GreyListingTimerTest, NothingIsSavedWithoutGreylisting) {
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_EQ(SavingMinutes(12), std::vector<int>{});
+  Window().Form_Unload();
+  EXPECT_THAT(saved_after_, ElementsAre());
+}
+
+TEST_F(GreyListingTimerTest, TimerFollowsTheSetting) {
+  ASSERT_TRUE(Window().Form_Load());
+  Settings().GreyListing.Enabled = true;
+  Window().EnableGreyListingTimer();
+  EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
+  Settings().GreyListing.Enabled = false;
+  Window().EnableGreyListingTimer();
+  EXPECT_EQ(SavingMinutes(12), std::vector<int>{});
+}
+
+TEST_F(GreyListingTimerTest, UnloadSavesBeforeItSaysStopped) {
+  Settings().GreyListing.Enabled = true;
+  ASSERT_TRUE(Window().Form_Load());
+  Window().Form_Unload();
+  EXPECT_THAT(saved_after_, ElementsAre(StartsWith("Listen on")));
+  EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
+}
+
+}  // namespace
+}  // namespace trabex

@@ -1,0 +1,272 @@
+// Whole runs of the program inside the test's process: those that end by themselves, and, with an end request
+// that waits from the beginning, those that start.
+#include "app/start_up.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/text.h"
+#include "platform/instance_lock.h"
+#include "support/fake_clock.h"
+#include "support/fake_name_lookup.h"
+#include "support/plain_socket.h"
+#include "support/temp_folder.h"
+
+namespace trabex {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+// A SIGTERM that waits for whoever takes end requests.
+class WaitingEndRequest {
+ public:
+  WaitingEndRequest() {
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals_, &before_);
+    raise(SIGTERM);
+  }
+  ~WaitingEndRequest() {
+    const timespec at_once{};
+    sigtimedwait(&signals_, nullptr, &at_once);
+    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  }
+  WaitingEndRequest(const WaitingEndRequest&) = delete;
+  WaitingEndRequest& operator=(const WaitingEndRequest&) = delete;
+
+ private:
+  sigset_t signals_{};
+  sigset_t before_{};
+};
+
+class StartUpTest : public testing::Test {
+ protected:
+  StartUpTest() : port_(FreePort()), port_text_(std::to_string(port_)) {}
+
+  // The initialization file beside the program; the port is in it.
+  void WriteIni(std::string_view lines) {
+    WriteFile(folder_ / "Trabex.ini",
+              "[Common]\nBindIP=127.0.0.1\nBindPort=" + port_text_ + "\n" + std::string(lines));
+  }
+  int Run(const std::vector<std::string_view>& arguments) {
+    out_.str("");
+    err_.str("");
+    return RunProgram(arguments,
+                      {.clock = clock_,
+                       .out = out_,
+                       .err = err_,
+                       .program_directory = folder_.Path(),
+                       .program_name = "Trabex",
+                       .make_names = [](EventLoop& loop) { return std::make_unique<FakeNameLookup>(loop); }});
+  }
+  // A run that starts, serves and is asked to end.
+  int RunAndEnd(const std::vector<std::string_view>& arguments) {
+    const WaitingEndRequest end;
+    return Run(arguments);
+  }
+
+  std::string LogText(const std::string& folder = "Log") const {
+    std::string text;
+    if (!fs::exists(folder_ / folder)) return text;
+    for (const auto& entry : fs::directory_iterator(folder_ / folder)) text += ReadFile(entry.path());
+    return text;
+  }
+  // The messages without their time stamps.
+  std::vector<std::string> LogLines(const std::string& folder = "Log") const {
+    std::vector<std::string> lines;
+    const std::string text = ReplaceAll(LogText(folder), kCrLf, "\n");
+    for (const std::string_view line : Split(text, '\n')) {
+      if (line.size() > 18) lines.emplace_back(line.substr(18));
+    }
+    return lines;
+  }
+  std::string ListenLine() const {
+    return "Listen on: 127.0.0.1:" + port_text_ + "; Connect to: 127.0.0.1:25.";
+  }
+
+  TempFolder folder_;
+  FakeClock clock_;
+  int port_;
+  std::string port_text_;
+  std::ostringstream out_;
+  std::ostringstream err_;
+};
+
+constexpr std::string_view kStarted = "Trabex 3.04.012 started.";
+constexpr std::string_view kStopped = "Trabex 3.04.012 stopped.";
+constexpr std::string_view kNotStarted =
+    "Trabex 3.04.012 not started due to an error in initialization file.";
+
+TEST_F(StartUpTest, HelpAndVersionGoToStandardOutput) {
+  EXPECT_EQ(Run({"/?"}), 0);
+  EXPECT_THAT(out_.str(), StartsWith("Command line switches:\r\n\r\n/P "));
+  EXPECT_EQ(err_.str(), "");
+  EXPECT_EQ(Run({"--version"}), 0);
+  EXPECT_EQ(out_.str(), "Trabex 3.04.012\n");
+  EXPECT_EQ(err_.str(), "");
+  EXPECT_TRUE(fs::is_empty(folder_.Path()));
+}
+
+TEST_F(StartUpTest, CommandLineErrorsGoToStandardError) {
+  EXPECT_EQ(Run({"/Q"}), 2);
+  EXPECT_EQ(err_.str(), "Trabex: Invalid switch \"/Q\".\n");
+  EXPECT_EQ(Run({"/P", "70000"}), 2);
+  EXPECT_EQ(err_.str(), "Trabex: Invalid port number \"70000\".\n");
+  EXPECT_EQ(out_.str(), "");
+  EXPECT_TRUE(fs::is_empty(folder_.Path()));
+}
+
+TEST_F(StartUpTest, OrderlyRun) {
+  WriteIni("");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_THAT(LogLines(), ElementsAre(kStarted, ListenLine(), kStopped));
+  EXPECT_EQ(out_.str() + err_.str(), "");
+  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+}
+
+TEST_F(StartUpTest, PortOfTheCommandLineWins) {
+  const int file_port = port_;
+  WriteIni("");
+  port_text_ = std::to_string(FreePort());
+  EXPECT_EQ(RunAndEnd({"/HI", "/P", port_text_}), 0);
+  EXPECT_THAT(LogLines(), ElementsAre(kStarted, ListenLine(), kStopped));
+  ASSERT_NE(std::to_string(file_port), port_text_);
+}
+
+TEST_F(StartUpTest, DumpIsAskedForByTheFileOnly) {
+  WriteIni("Log=2\n");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_THAT(LogText(), HasSubstr("\r\n[Common]\r\nLog = 2\r\n"));
+  const std::string other = folder_ / "other";
+  EXPECT_EQ(RunAndEnd({"/HI", "/L", other}), 0);
+  EXPECT_THAT(LogLines("other"), ElementsAre(kStarted, ListenLine(), kStopped));
+}
+
+TEST_F(StartUpTest, LogPathOfTheCommandLineSwitchesLoggingOn) {
+  WriteIni("Log=0\n");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_FALSE(fs::exists(folder_ / "Log"));
+  EXPECT_EQ(RunAndEnd({"/HI", "/L", folder_ / "other"}), 0);
+  EXPECT_THAT(LogLines("other"), ElementsAre(kStarted, ListenLine(), kStopped));
+}
+
+TEST_F(StartUpTest, BadEarlyKeyEndsTheStartWithItsLineOnly) {
+  WriteIni("IgnoreIniErrors=0\nLog=3\n");
+  EXPECT_EQ(Run({"/HI", "/L", folder_ / "Log"}), 1);
+  const std::string line =
+      "Error parsing initialization file. Section: \"Common\", Key name: \"Log\", Error number: 380, "
+      "Description: "
+      "Value 3 lies out of allowed range: from 0 to 2.";
+  EXPECT_EQ(err_.str(), "Trabex: " + line + "\n");
+}
+
+TEST_F(StartUpTest, BadSettingEndsTheStart) {
+  WriteIni("IgnoreIniErrors=0\nTimeout=abc\n");
+  EXPECT_EQ(Run({"/HI"}), 1);
+  const std::string line =
+      "Error parsing initialization file. Section: \"Common\", Key name: \"Timeout\", Error number: 380, "
+      "Description: Value is not a number: \"abc\".";
+  EXPECT_THAT(LogLines(), ElementsAre(line, kNotStarted));
+  EXPECT_EQ(err_.str(), "Trabex: " + line + "\nTrabex: " + std::string(kNotStarted) + "\n");
+  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+}
+
+TEST_F(StartUpTest, ReasonIsToldAlsoWithoutALog) {
+  WriteIni("IgnoreIniErrors=0\nLog=0\nnovalue\n");
+  EXPECT_EQ(Run({"/HI"}), 1);
+  EXPECT_FALSE(fs::exists(folder_ / "Log"));
+  EXPECT_THAT(err_.str(), HasSubstr("Invalid line: \"novalue\"."));
+  EXPECT_THAT(err_.str(), EndsWith("\nTrabex: " + std::string(kNotStarted) + "\n"));
+}
+
+TEST_F(StartUpTest, IgnoredErrorsAreLoggedAndTheStartGoesOn) {
+  WriteIni("Timeout=abc\n");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_THAT(LogLines(),
+              ElementsAre(HasSubstr("Value is not a number: \"abc\"."), kStarted, ListenLine(), kStopped));
+  EXPECT_EQ(err_.str(), "");
+}
+
+TEST_F(StartUpTest, SecondInstanceOnThePortIsRefused) {
+  WriteIni("");
+  EventLoop loop(clock_);
+  const std::unique_ptr<InstanceLock> lock = TryLockInstance(loop, InstanceName(port_), [] {});
+  const std::string line = "The instance of this application listening on the same port already running.";
+  EXPECT_EQ(Run({"/HI"}), 1);
+  EXPECT_EQ(err_.str(), "Trabex: " + line + "\n");
+  EXPECT_THAT(LogLines(), ElementsAre(line));
+  port_text_ = std::to_string(FreePort());
+  EXPECT_EQ(RunAndEnd({"/HI", "/P", port_text_}), 0) << "another port is another instance";
+}
+
+TEST_F(StartUpTest, ExitRequestStartsNothingAndIsForThePort) {
+  WriteIni("");
+  EventLoop loop(clock_);
+  int requests = 0;
+  const std::unique_ptr<InstanceLock> lock =
+      TryLockInstance(loop, InstanceName(port_), [&requests] { ++requests; });
+  EXPECT_EQ(Run({"/X", "/P", std::to_string(FreePort())}), 0);
+  while (loop.RunOnce(Milliseconds(0))) {
+  }
+  EXPECT_EQ(requests, 0);
+  EXPECT_EQ(Run({"/X"}), 0);
+  while (loop.RunOnce(Milliseconds(0))) {
+  }
+  EXPECT_EQ(requests, 1);
+  EXPECT_EQ(out_.str() + err_.str(), "");
+  EXPECT_FALSE(fs::exists(folder_ / "Log"));
+}
+
+TEST_F(StartUpTest, ListenerThatCannotStartEndsTheProgram) {
+  PlainSocket other;
+  port_ = other.Bind();
+  other.Listen();
+  port_text_ = std::to_string(port_);
+  WriteIni("");
+  EXPECT_EQ(Run({"/HI"}), 1);
+  const std::string reason = "Error 10048 binding to 127.0.0.1:" + port_text_ + ". ";
+  EXPECT_THAT(LogLines(), ElementsAre(kStarted, StartsWith(reason), kStopped));
+  EXPECT_THAT(err_.str(), StartsWith("Trabex: " + reason));
+  EXPECT_THAT(err_.str(), Not(HasSubstr("stopped")));
+  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+}
+
+TEST_F(StartUpTest, LoopEndsTheProgram) {
+  WriteIni("ServerIP=127.0.0.1\nServerPort=" + port_text_ + "\n");
+  EXPECT_EQ(Run({"/HI"}), 1);
+  const std::string line = "Loop detected: Server IP address and port point to listening address and port.";
+  EXPECT_THAT(LogLines(), ElementsAre(kStarted, line, kStopped));
+  EXPECT_EQ(err_.str(), "Trabex: " + line + "\n");
+}
+
+// The port is taken, so that the test does not listen for the whole network.
+TEST_F(StartUpTest, MissingFileMeansTheDefaults) {
+  PlainSocket other;
+  port_text_ = std::to_string(other.Bind());
+  other.Listen();
+  EXPECT_EQ(Run({"/HI", "/P", port_text_}), 1);
+  EXPECT_THAT(LogLines(), ElementsAre(HasSubstr("Error number: 53, Description: File not found"), kStarted,
+                                      StartsWith("Error 10048 binding to 0.0.0.0:" + port_text_), kStopped));
+}
+
+TEST_F(StartUpTest, LogThatCannotBeWrittenIsNoReasonNotToServe) {
+  WriteIni("LogPath=" + (folder_ / "no/parent") + "\n");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_EQ(err_.str(), "");
+}
+
+}  // namespace
+}  // namespace trabex
