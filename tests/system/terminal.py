@@ -1,6 +1,7 @@
 """A terminal for programs that draw on one."""
 
 import os
+import signal
 import subprocess
 
 from processes import bound, wait_until
@@ -57,9 +58,15 @@ class Terminal:
         return self.wait_for(lambda lines: any(text in line for line in lines), f"{text!r} on the screen", seconds)
 
     def status(self):
-        """The exit status of the command, or None while it runs."""
-        dead, status = self._tmux("display-message", "-p", "#{pane_dead} #{pane_dead_status}").rstrip("\n").split(" ")
-        return int(status) if dead == "1" else None
+        """The exit status of the command, or None while it runs; the negative signal number when a signal ended it."""
+        dead, status, number, server = self._tmux(
+            "display-message", "-p", "#{pane_dead}/#{pane_dead_status}/#{pane_dead_signal}/#{pid}").strip().split("/")
+        if number:
+            return -int(number)
+        if dead == "1" and not status:
+            # The command's last word has come, its end not yet; tmux misses that now and then until it is told again.
+            os.kill(int(server), signal.SIGCHLD)
+        return int(status) if status else None
 
     def wait(self, seconds=20):
         wait_until(lambda: self.status() is not None, "the command to end", seconds)

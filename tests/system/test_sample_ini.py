@@ -18,7 +18,7 @@ class SampleIni(Story):
         proxy.start()
         self.assertEqual(proxy.end(), 0)
         log = proxy.log()
-        self.assertNotIn("Error", log)
+        self.assertNotIn("Error ", log)
         lines = log[log.index("[Common]"):].split("\r\n")
         section = ""
         values = {}
