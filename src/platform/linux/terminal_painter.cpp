@@ -17,10 +17,10 @@
 #include <cerrno>
 #include <clocale>
 #include <csignal>
-#include <initializer_list>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <initializer_list>
 #include <utility>
 
 #include "platform/linux/terminal_state.h"
