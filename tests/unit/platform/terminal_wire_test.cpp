@@ -84,8 +84,10 @@ TEST(TerminalWire, TextShowsNoControlCharactersAndEndsWithTheColumns) {
       {"h\xC3\xA4user", 3, L"h\u00E4u"},
       {"\xC2\x9B"
        "31m",
-       80, L"?31m"},                               // the control sequence introducer beyond ASCII
-      {"bad \xFF\xC3(", 80, L"bad ?" L"?("},           // bytes that are no UTF-8
+       80, L"?31m"},  // the control sequence introducer beyond ASCII
+      {"bad \xFF\xC3(", 80,
+       L"bad ?"
+       L"?("},                                     // bytes that are no UTF-8
       {"cut \xE4\xBD", 80, L"cut ??"},             // a character without its end
       {"\xE4\xBD\xA0\xE5\xA5\xBD", 3, L"\u4F60"},  // two columns each
   };
