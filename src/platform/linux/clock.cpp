@@ -6,16 +6,14 @@
 
 namespace trabex {
 
-namespace {
-
-// Universal minus local time in seconds at `now`.
-long BiasSeconds(std::time_t now) {
+long SystemClock::BiasSeconds(std::int64_t now) const {
+  if (now == bias_second_) return bias_;
+  const auto second = static_cast<std::time_t>(now);
   std::tm local{};
-  localtime_r(&now, &local);
-  return -local.tm_gmtoff;
+  localtime_r(&second, &local);
+  bias_second_ = now;
+  return bias_ = -local.tm_gmtoff;
 }
-
-}  // namespace
 
 DateTime SystemClock::Now() const {
   timeval now{};

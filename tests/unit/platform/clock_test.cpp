@@ -53,9 +53,9 @@ TEST(SystemClock, BiasIsNegativeEastOfGreenwich) {
       {"UTC0", 0, "-0000"},        {"MSK-3", -180, "+0300"},  {"EST5", 300, "-0500"},
       {"IST-5:30", -330, "+0530"}, {"NST3:30", 210, "-0330"},
   };
-  const SystemClock clock;
   for (const auto& c : cases) {
     const TimeZone zone(c.zone);
+    const SystemClock clock;
     EXPECT_EQ(clock.TimeZoneBias(), c.bias) << c.zone;
     const std::string date = clock.RFCDate();
     EXPECT_EQ(date.substr(date.size() - 5), c.rfc_zone) << c.zone;
@@ -63,21 +63,22 @@ TEST(SystemClock, BiasIsNegativeEastOfGreenwich) {
 }
 
 TEST(SystemClock, DaylightSavingIsPartOfTheBias) {
-  const SystemClock clock;
   {
     const TimeZone zone(ZoneWithDaylightSaving(true));
+    const SystemClock clock;
     EXPECT_EQ(clock.TimeZoneBias(), 240);
   }
   {
     const TimeZone zone(ZoneWithDaylightSaving(false));
+    const SystemClock clock;
     EXPECT_EQ(clock.TimeZoneBias(), 300);
   }
 }
 
 TEST(SystemClock, LocalTimePlusBiasIsUniversalTime) {
-  const SystemClock clock;
   for (const char* name : {"UTC0", "MSK-3", "EST5"}) {
     const TimeZone zone(name);
+    const SystemClock clock;
     const DateTime before = FromUnix(std::time(nullptr), 0);
     const DateTime universal = clock.UniversalNow();
     const DateTime after = FromUnix(std::time(nullptr) + 1, 0);
