@@ -55,7 +55,8 @@ frmMain::frmMain(Program& program)
                     .greylisting = &program.greylisting},
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
-      tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }) {
+      tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
+      auto_reload_(program, *this) {
   tmrStatus.Enable();
   tmrLog.Enable();
 }
@@ -71,6 +72,7 @@ bool frmMain::Form_Load() {
   if (!WaitForListening()) return false;
   ShowAddresses();
   program_.log.SetTimer(&tmrLog);
+  auto_reload_.Begin();
   EnableGreyListingTimer();
   last_greylisting_save_ = program_.surroundings.clock.UniversalNow();
   return true;
@@ -106,6 +108,7 @@ void frmMain::Show(bool minimized) {
 void frmMain::Form_Unload() {
   if (unloaded_) return;
   unloaded_ = true;
+  auto_reload_.End();
   tmrStatus.Disable();
   tmrSaveGreyListing.Disable();
   tmrLog.Disable();
@@ -123,30 +126,34 @@ void frmMain::Form_Unload() {
 }
 
 void frmMain::StartListening(std::function<void(bool listening)> done) {
+  TestForLoop([this, done = std::move(done)](bool passed) { done(passed && Listen()); });
+}
+
+void frmMain::TestForLoop(std::function<void(bool passed)> done) {
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   if (program_.configuration.ServerPort != program_.configuration.BindPort) {
-    done(Listen());
+    done(true);
     return;
   }
-  server_lookup_ = program_.names->FindAddresses(
-      program_.configuration.ServerIP, [this, done = std::move(done)](const AddressAnswer& answer) {
-        server_lookup_ = 0;
-        try {
-          if (answer.error != 0) {
-            throw Error(answer.error, "frmMain.StartListening", std::string(SocketErrorText(answer.error)));
-          }
-          if (LoopsBack(answer.addresses)) {
-            program_.log.LogLine(
-                "Loop detected: Server IP address and port point to listening address and port.");
-            done(false);
-            return;
-          }
-        } catch (const Error& error) {
-          done(ReportListenError(error));
-          return;
-        }
-        done(Listen());
-      });
+  server_lookup_ = program_.names->FindAddresses(program_.configuration.ServerIP,
+                                                 [this, done = std::move(done)](const AddressAnswer& answer) {
+                                                   server_lookup_ = 0;
+                                                   done(PassesLoopTest(answer));
+                                                 });
+}
+
+// Failures are logged.
+bool frmMain::PassesLoopTest(const AddressAnswer& server) {
+  try {
+    if (server.error != 0) {
+      throw Error(server.error, "frmMain.StartListening", std::string(SocketErrorText(server.error)));
+    }
+    if (!LoopsBack(server.addresses)) return true;
+    program_.log.LogLine("Loop detected: Server IP address and port point to listening address and port.");
+    return false;
+  } catch (const Error& error) {
+    return ReportListenError(error);
+  }
 }
 
 bool frmMain::Listen() {

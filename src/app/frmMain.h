@@ -13,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/auto_reload.h"
 #include "net/CSocketMaster.h"
 #include "platform/end_request.h"
 #include "platform/event_loop.h"
@@ -48,6 +49,8 @@ class frmMain final : public ConnectionTable, private ViewContent {
   // when a name has to be looked up first; then the listener from before goes on meanwhile. A second call
   // replaces the first.
   void StartListening(std::function<void(bool listening)> done);
+  // Only the test that the server is not this listener itself; `done` as above.
+  void TestForLoop(std::function<void(bool passed)> done);
   // Logs the addresses in force and shows them in the status line.
   void ShowAddresses();
   // Enables the save timer exactly when greylisting is on.
@@ -68,6 +71,7 @@ class frmMain final : public ConnectionTable, private ViewContent {
 
   bool WaitForListening();
   bool Listen();
+  bool PassesLoopTest(const AddressAnswer& server);
   bool LoopsBack(const std::vector<std::uint32_t>& server_addresses) const;
   bool ReportListenError(const Error& error);
 
@@ -89,6 +93,7 @@ class frmMain final : public ConnectionTable, private ViewContent {
   Timer tmrStatus;
   Timer tmrLog;
   Timer tmrSaveGreyListing;
+  AutoReload auto_reload_;
   std::unique_ptr<EndRequest> end_request_;
   std::unique_ptr<TerminalView> view_;
 };
