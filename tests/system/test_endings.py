@@ -57,7 +57,8 @@ class Server(Story):
             client.command("EHLO client.example")
             client.send(b"NOOP\r\n" + b"VRFY somebody\r\n" * 100)
             self.assertEqual(client.read_reply(), "421 leaving")
-            self.assertEqual(client.read_to_end(), b"")
+            # The next line may have been on its way to the server already; it has a reply of its own then.
+            self.assertIn(client.read_to_end(), (b"", UNAVAILABLE.encode("ascii") + b"\r\n"))
 
     def test_hangs_up_in_the_content(self):
         def breaks_off(connection, line):
@@ -70,9 +71,14 @@ class Server(Story):
         client.read_reply()
         for line in ("EHLO client.example", f"MAIL FROM:<s@{DOMAIN}>", f"RCPT TO:<r@{DOMAIN}>", "DATA"):
             client.command(line)
-        with self.assertRaises(ConnectionError):
-            for _ in range(100_000):
+        # How far the client gets is a matter of buffers; but it is told, or finds the connection at its end.
+        try:
+            for _ in range(2000):
                 client.send(b"x" * 70 + b"\r\n" * 1000)
+            told = client.read_to_end()
+        except ConnectionError:
+            told = b""
+        self.assertIn(told, (b"", UNAVAILABLE.encode("ascii") + b"\r\n"))
 
     def test_resets(self):
         def resets(connection, line):
