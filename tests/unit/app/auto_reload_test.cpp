@@ -1,0 +1,265 @@
+// The automatic reload, with a clock that the test sets; the files are real ones.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app/frmMain.h"
+#include "app/program.h"
+#include "support/fake_clock.h"
+#include "support/fake_name_lookup.h"
+#include "support/loop_runner.h"
+#include "support/plain_socket.h"
+#include "support/temp_folder.h"
+
+namespace trabex {
+namespace {
+
+using std::chrono::seconds;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr const char* kReloaded = "Configuration reloaded because date/time of initialization file changed.";
+
+class AutoReloadTest : public testing::Test {
+ protected:
+  AutoReloadTest() : port_(FreePort()) {
+    WriteIni("Timeout=100\n");
+    program_ = std::make_unique<Program>(Surroundings{.clock = clock_,
+                                                      .out = out_,
+                                                      .err = err_,
+                                                      .program_directory = folder_.Path(),
+                                                      .program_name = "Trabex",
+                                                      .make_names = [this](EventLoop& loop) {
+                                                        auto names = std::make_unique<FakeNameLookup>(loop);
+                                                        names_ = names.get();
+                                                        return names;
+                                                      }});
+    program_->log.SetObserver([this](std::string_view message) { log_.emplace_back(message); });
+    program_->ini_file.path = ini_;
+  }
+
+  // Section Common with the test's addresses and `more`.
+  std::string Ini(const std::string& more) const {
+    return "[Common]\nBindIP=127.0.0.1\nBindPort=" + std::to_string(port_) +
+           "\nServerPort=" + std::to_string(port_ == 25 ? 26 : 25) + "\nLogPath=" + (folder_ / "Log") + "\n" +
+           more;
+  }
+  void WriteIni(const std::string& more) { Write(ini_, Ini(more)); }
+  // The file's date is that of the system's clock, which does not stand still between two writes of a test
+  // for long enough; so it is set.
+  void Write(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::trunc) << text;
+    std::filesystem::last_write_time(path, next_date_ += seconds(10));
+  }
+  void Start() {
+    ASSERT_EQ(program_->ReadEarlyKeys(false), EarlyKeysResult::kRead);
+    ASSERT_TRUE(program_->LockInstance());
+    ASSERT_EQ(LoadConfiguration(program_->MakeLoadEnvironment(), Settings(), false), LoadResult::kLoaded);
+    program_->window = std::make_unique<frmMain>(*program_);
+    ASSERT_TRUE(program_->window->Form_Load());
+    log_.clear();
+  }
+  // Lets the clock run, second by second.
+  void Pass(int count) {
+    for (int i = 0; i < count; ++i) {
+      clock_.Advance(seconds(1));
+      RunUntilIdle(program_->loop);
+    }
+  }
+  long Reloads() const { return std::count(log_.begin(), log_.end(), kReloaded); }
+  Configuration& Settings() { return program_->configuration; }
+  frmMain& Window() { return *program_->window; }
+
+  TempFolder folder_;
+  const std::string ini_ = folder_ / "Trabex.ini";
+  const int port_;
+  FakeClock clock_;
+  std::filesystem::file_time_type next_date_ = std::filesystem::file_time_type::clock::now();
+  std::ostringstream out_;
+  std::ostringstream err_;
+  FakeNameLookup* names_ = nullptr;
+  std::vector<std::string> log_;
+  std::unique_ptr<Program> program_;
+};
+
+TEST_F(AutoReloadTest, ReloadsHalfAMinuteAfterTheChange) {
+  Start();
+  WriteIni("Timeout=200\n");
+  Pass(30);
+  EXPECT_EQ(Settings().Timeout, 100);
+  Pass(2);
+  EXPECT_EQ(Settings().Timeout, 200);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_THAT(log_.back(), StartsWith("Listen on: 127.0.0.1:" + std::to_string(port_)));
+  Pass(120);
+  EXPECT_EQ(Reloads(), 1);
+}
+
+TEST_F(AutoReloadTest, AChangeInTheFirstSecondsCounts) {
+  Start();
+  Pass(3);
+  WriteIni("Timeout=200\n");
+  Pass(50);
+  EXPECT_EQ(Settings().Timeout, 200);
+}
+
+TEST_F(AutoReloadTest, TwoChangesWithinTheDelayAreOneReload) {
+  Start();
+  WriteIni("Timeout=200\n");
+  Pass(20);
+  WriteIni("Timeout=300\n");
+  Pass(29);
+  EXPECT_EQ(Reloads(), 0);
+  Pass(20);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_EQ(Settings().Timeout, 300);
+}
+
+TEST_F(AutoReloadTest, AnotherFileInTheFolderIsNoChange) {
+  Start();
+  Pass(20);
+  Write(folder_ / "other.ini", "[Common]\n");
+  Pass(120);
+  EXPECT_EQ(Reloads(), 0);
+}
+
+TEST_F(AutoReloadTest, AFileRenamedOverItIsAChange) {
+  Start();
+  Pass(20);
+  Write(folder_ / "Trabex.ini.tmp", Ini("Timeout=200\n"));
+  std::filesystem::rename(folder_ / "Trabex.ini.tmp", ini_);
+  Pass(60);
+  EXPECT_EQ(Settings().Timeout, 200);
+  EXPECT_EQ(Reloads(), 1);
+}
+
+TEST_F(AutoReloadTest, AnotherDateAloneIsAChange) {
+  Start();
+  Pass(20);
+  std::filesystem::last_write_time(ini_, next_date_ += seconds(100));
+  Pass(60);
+  EXPECT_EQ(Reloads(), 1);
+}
+
+TEST_F(AutoReloadTest, AClockSetBackDoesNotPutTheCheckOff) {
+  Start();
+  Pass(20);
+  clock_.SetNow(clock_.Now() - 1);
+  WriteIni("Timeout=200\n");
+  Pass(40);
+  EXPECT_EQ(Settings().Timeout, 200);
+}
+
+TEST_F(AutoReloadTest, SwitchedOffNothingIsWatched) {
+  WriteIni("AutoReload=0\n");
+  Start();
+  WriteIni("Timeout=200\n");
+  Pass(120);
+  EXPECT_EQ(Settings().Timeout, 300);  // the default
+}
+
+TEST_F(AutoReloadTest, AMissingFileIsNoChange) {
+  Start();
+  Pass(20);
+  WriteIni("Timeout=200\n");
+  Pass(16);
+  std::filesystem::remove(ini_);
+  Pass(60);
+  EXPECT_EQ(Reloads(), 0);
+  EXPECT_EQ(Settings().Timeout, 100);
+  EXPECT_FALSE(Window().Unloaded());
+  EXPECT_THAT(log_, Contains(HasSubstr("Error reading initialization file")));
+}
+
+TEST_F(AutoReloadTest, ABadValueEndsTheProgram) {
+  Start();
+  WriteIni("IgnoreIniErrors=0\nTimeout=many\n");
+  Pass(60);
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_EQ(program_->exit_status, 1);
+  EXPECT_THAT(log_, Contains(HasSubstr("Value is not a number: \"many\".")));
+}
+
+TEST_F(AutoReloadTest, ASyntaxErrorEndsTheProgram) {
+  Start();
+  WriteIni("IgnoreIniErrors=0\nnonsense\n");
+  Pass(60);
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_THAT(log_, Contains(HasSubstr("Invalid line: \"nonsense\".")));
+}
+
+TEST_F(AutoReloadTest, AnotherPortMovesListenerAndLock) {
+  Start();
+  const int other = FreePort();
+  std::string text = Ini("");
+  text.replace(text.find("BindPort=" + std::to_string(port_)), 9 + std::to_string(port_).size(),
+               "BindPort=" + std::to_string(other));
+  Write(ini_, text);
+  Pass(60);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_TRUE(PlainSocket().Connect(other));
+  EXPECT_FALSE(PlainSocket().Connect(port_));
+  EXPECT_NE(TryLockInstance(program_->loop, InstanceName(port_), [] {}), nullptr);
+  EXPECT_EQ(TryLockInstance(program_->loop, InstanceName(other), [] {}), nullptr);
+}
+
+TEST_F(AutoReloadTest, APortThatAnotherInstanceHasEndsTheProgram) {
+  Start();
+  const int other = FreePort();
+  const auto lock = TryLockInstance(program_->loop, InstanceName(other), [] {});
+  ASSERT_NE(lock, nullptr);
+  std::string text = Ini("");
+  text.replace(text.find("BindPort=" + std::to_string(port_)), 9 + std::to_string(port_).size(),
+               "BindPort=" + std::to_string(other));
+  Write(ini_, text);
+  Pass(60);
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_EQ(program_->exit_status, 1);
+  EXPECT_THAT(log_, Contains("The instance of this application listening on the same port already running."));
+}
+
+TEST_F(AutoReloadTest, AServerThatIsTheListenerEndsTheProgram) {
+  Start();
+  std::string text = Ini("ServerIP=127.0.0.1\n");
+  const std::string server_port = "ServerPort=" + std::to_string(port_ == 25 ? 26 : 25);
+  text.replace(text.find(server_port), server_port.size(), "ServerPort=" + std::to_string(port_));
+  Write(ini_, text);
+  names_->SetAddresses("127.0.0.1", {0x7F000001});
+  Pass(60);
+  EXPECT_THAT(log_, Contains(StartsWith("Loop detected")));
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_EQ(program_->exit_status, 1);
+}
+
+TEST_F(AutoReloadTest, AnotherServerDoesNotTouchTheListener) {
+  Start();
+  PlainSocket waiting;
+  ASSERT_TRUE(waiting.Connect(port_));
+  WriteIni("ServerIP=127.0.0.77\n");
+  Pass(60);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_EQ(Settings().ServerIP, "127.0.0.77");
+  EXPECT_THAT(log_.back(), HasSubstr("Connect to: 127.0.0.77:"));
+  EXPECT_TRUE(PlainSocket().Connect(port_));
+}
+
+TEST_F(AutoReloadTest, GreylistingSwitchedOnIsInForce) {
+  Start();
+  WriteIni("[GreyListing]\nEnabled=1\n");
+  Pass(60);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_TRUE(Settings().GreyListing.Enabled);
+  EXPECT_FALSE(Window().Unloaded());
+}
+
+}  // namespace
+}  // namespace trabex
