@@ -30,6 +30,18 @@ std::string KeyOf(const cProxy* session) {
   return (identity < 0 ? "" : " ") + std::to_string(identity);
 }
 
+// Sets a mark for as long as it lives.
+class Taking {
+ public:
+  explicit Taking(bool& mark) : mark_(mark) { mark_ = true; }
+  ~Taking() { mark_ = false; }
+  Taking(const Taking&) = delete;
+  Taking& operator=(const Taking&) = delete;
+
+ private:
+  bool& mark_;
+};
+
 double Days(MonotonicTime::duration span) {
   return std::chrono::duration<double>(span).count() / kSecondsPerDay;
 }
@@ -214,7 +226,7 @@ void cProxy::Receiver_CloseSck() {
 
 void cProxy::TakeClientData() {
   if (taking_) return;  // the one below on the stack goes on
-  taking_ = true;
+  const Taking on_the_stack(taking_);
   int lines = 0;
   while (ClientDataPending && stage_ != Stage::kClosed) {
     if (state_.Content.Active()) {
@@ -233,7 +245,6 @@ void cProxy::TakeClientData() {
       TakeLine();
     }
   }
-  taking_ = false;
 }
 
 bool cProxy::MayTakeContent() const {
@@ -291,6 +302,7 @@ void cProxy::TakeLine() {
 }
 
 void cProxy::ActOnLine(LineDecision decision) {
+  if (decision.failure) host_.log.LogError(*decision.failure);
   switch (decision.action) {
     case LineDecision::Action::kForward:
       if (host_.configuration.LogLevelServer & log_level::kSent) {

@@ -16,6 +16,8 @@ namespace {
 constexpr std::string_view kNeverOffered[] = {"ATRN", "PIPELINING", "STARTTLS", "TURN",
                                               "OK",   "XCLIENT",    "XFORWARD"};
 
+constexpr std::string_view kChunking = "CHUNKING";
+
 std::string_view CodeOf(std::string_view line) {
   return line.substr(0, 3);
 }
@@ -192,11 +194,17 @@ void ServerReplyFilter::ApplyExtensionLists() {
       local ? configuration_.RemoveSMTPExtensionsLocal : configuration_.RemoveSMTPExtensionsRemote;
   const ExpressionList& added =
       local ? configuration_.AddSMTPExtensionsLocal : configuration_.AddSMTPExtensionsRemote;
+  // The octets of a BDAT follow it without waiting for an answer (RFC 3030): a server that does not know the
+  // command would read them as commands. So it cannot be offered on the server's behalf.
+  const bool server_takes_chunks = state_.Extensions.Has(kChunking);
   for (const ListEntry& entry : removed.Entries()) {
     for (const std::string& keyword : entry.patterns) state_.Extensions.RemoveExtension(FirstWord(keyword));
   }
   for (const ListEntry& entry : added.Entries()) {
-    for (const std::string& line : entry.patterns) state_.Extensions.AddExtension(line);
+    for (const std::string& line : entry.patterns) {
+      if (server_takes_chunks || !EqualNoCase(FirstWord(line), kChunking))
+        state_.Extensions.AddExtension(line);
+    }
   }
 }
 

@@ -46,6 +46,25 @@ TEST(Ehlo, ReplyIsRewritten) {
     S= MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME)");
 }
 
+TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
+  PlayBothWays([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO client.test
+    S= EHLO client.test
+    S> 250-server
+    S> 250 8BITMIME
+    C= 250-server
+    C= 250 8BITMIME
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C! BDAT 6 LAST\r\nRSET\r\n
+    C= 503 5.5.1 Bad sequence of commands.
+    S= nothing)");
+}
+
 TEST(Ehlo, SecondOneStartsAnew) {
   PlayBothWays({}, InTransaction() + R"(
     C> EHLO again.test
