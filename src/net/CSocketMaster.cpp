@@ -80,10 +80,10 @@ const std::string& CSocketMaster::RemoteHostIP() const {
   return remote_host_ip_;
 }
 
+// The port the system chose is asked for when somebody wants to know it.
 std::int32_t CSocketMaster::LocalPort() const {
-  if (bound_local_port_ != 0) return bound_local_port_;
   Endpoint local;
-  if (ask_local_port_ && module_.sockets_.LocalEndpoint(socket_, local) == 0 && local.port != 0) {
+  if (!socket_.IsNone() && module_.sockets_.LocalEndpoint(socket_, local) == 0 && local.port != 0) {
     return local.port;
   }
   return local_port_;
@@ -198,8 +198,6 @@ void CSocketMaster::CloseSck() {
     module_.CloseSocket(socket);
   }
   established_ = false;
-  ask_local_port_ = false;
-  bound_local_port_ = 0;
   remote_host_ip_.clear();
   send_.Clear();
   receive_.Clear();
@@ -279,13 +277,7 @@ bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::st
   Check(tcp ? module_.sockets_.BindExclusively(socket_, local) : module_.sockets_.Bind(socket_, local),
         kSource);
   GetRare().local_ip = address.text;
-  if (wanted != 0) {
-    local_port_ = wanted;
-    return true;
-  }
-  Endpoint bound;
-  Check(module_.sockets_.LocalEndpoint(socket_, bound), kSource);
-  bound_local_port_ = bound.port;
+  if (wanted != 0) local_port_ = wanted;
   return true;
 }
 
@@ -310,8 +302,6 @@ void CSocketMaster::Accept(std::int32_t requestID) {
   if (!socket_.IsNone()) module_.CloseSocket(socket_);  // one that a failed Bind left
   socket_ = connection->socket;
   protocol_ = SocketProtocol::sckTCPProtocol;
-  bound_local_port_ = 0;
-  ask_local_port_ = true;
   remote_port_ = connection->peer.port;
   remote_host_ip_ = DottedAddress(connection->peer.address);
   remote_host_.clear();

@@ -163,13 +163,11 @@ class CSocketMaster final : public SocketSink {
   trabex::SocketHandle socket_;
   SocketState state_ = SocketState::sckClosed;
   SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
-  bool established_ = false;     // the connection has stood since the socket was created
-  bool ask_local_port_ = false;  // the system chose it; it is asked for when somebody wants to know
+  bool established_ = false;  // the connection has stood since the socket was created
   std::int32_t remote_port_ = 0;
-  std::int32_t local_port_ = 0;        // as requested
-  std::int32_t bound_local_port_ = 0;  // as the system chose it, 0: not known
-  std::uint32_t remote_address_ = 0;   // that a connect is under way to
-  std::int32_t send_chunk_ = 0;        // 0: not asked for yet, as for the next
+  std::int32_t local_port_ = 0;       // as requested
+  std::uint32_t remote_address_ = 0;  // that a connect is under way to
+  std::int32_t send_chunk_ = 0;       // 0: not asked for yet, as for the next
   std::int32_t receive_chunk_ = 0;
   std::int64_t bytes_received_ = 0;
   std::int64_t bytes_sent_ = 0;

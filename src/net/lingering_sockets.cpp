@@ -27,10 +27,7 @@ void LingeringSockets::Take(SocketHandle socket, ByteQueue unsent, bool peer_end
   Holder& holder = holders_[socket.index];
   holder = {socket, std::move(unsent), false, peer_ended};
   deadlines_.push_back({sockets_.Loop().GetClock().Monotonic() + kLongest, socket});
-  if (!timer_.Enabled()) {
-    timer_.SetInterval(kLongest);
-    timer_.Enable();
-  }
+  if (!timer_.Enabled()) timer_.Enable();
   // Notifications that the former owner was told and did not answer are not told again, so both directions
   // are tried once.
   const bool usable = Flush(holder) && (holder.peer_ended || Drop(holder));

@@ -132,7 +132,7 @@ std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
     const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
     const std::size_t buffered = std::min(receive_.Size(), wanted);
     Data.assign(receive_.View().substr(0, buffered));
-    if (wanted > buffered) ReceiveUpTo(wanted - buffered, [&](std::string_view part) { Data.append(part); });
+    ReceiveUpTo(wanted - buffered, [&](std::string_view part) { Data.append(part); });
     receive_.RemoveFront(buffered);
     count = static_cast<std::int32_t>(Data.size());
   }

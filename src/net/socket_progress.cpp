@@ -46,9 +46,7 @@ void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
 // A connection whose local port is left open needs no bind of its own: connecting chooses one, and then one
 // port can serve connections to different servers.
 bool CSocketMaster::BindForConnect() {
-  if (local_port_ != 0) return BindInternal(std::nullopt, {});
-  ask_local_port_ = true;
-  return true;
+  return local_port_ == 0 || BindInternal(std::nullopt, {});
 }
 
 void CSocketMaster::ConnectToIP(std::uint32_t address, int error) {

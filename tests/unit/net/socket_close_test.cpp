@@ -179,6 +179,22 @@ TEST_F(OrderlyCloseTest, WhatWasSaidReachesAPeerWhoseInputLiesUnread) {
   EXPECT_EQ(accepted->Take(), "");
 }
 
+TEST_F(OrderlyCloseTest, HoldsForConnectionsThatWeBegan) {
+  PeerListener server(loop);
+  TracedSocket socket(module);
+  socket->Connect("127.0.0.1", server.port);
+  ExpectEvents(socket, "Connect");
+  const auto other = server.Accept();
+  other->Send("input that nobody will read");
+  ExpectEvents(socket, "DataArrival");
+  socket->SendData("QUIT\r\n");
+  socket->CloseSck();
+  EXPECT_EQ(module.LingeringCount(), 1U);
+  EXPECT_EQ(other->ReceiveToEnd(), "QUIT\r\n");
+  other->Close();
+  ExpectGone();
+}
+
 TEST_F(OrderlyCloseTest, MegabytesThatWaitStillReachThePeer) {
   peer = std::make_unique<Peer>(loop);
   peer->ReceiveLittle();
@@ -238,11 +254,13 @@ TEST_F(OrderlyCloseTest, APeerThatEndedItsSendingStillGetsWhatWaits) {
   Ours().SendData(all);
   peer->EndSending();
   ASSERT_TRUE(RunUntil(loop, [&] { return Ours().State() == SocketState::sckClosing; }));
+  accepted->Take();
   // The network can take more now, but nobody listens in this state.
   std::string got = peer->ReceiveNow();
   RunUntilIdle(loop);
   got += peer->ReceiveNow();
   RunUntilIdle(loop);
+  EXPECT_EQ(accepted->Take(), "");
   Ours().CloseSck();
   EXPECT_EQ(module.LingeringCount(), 1U);
   got += peer->ReceiveToEnd();
@@ -391,6 +409,7 @@ TEST_F(OrderlyCloseTest, IsToldOnlyWhenReallyNobodyIsLeft) {
 TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndTellsNobody) {
   bool told = false;
   Peer client(loop);
+  SocketHandle lingering;
   {
     modSocketMaster other(sockets, names, log);
     TracedSocket server(other);
@@ -400,12 +419,17 @@ TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndTellsNobody) {
     server.On("ConnectionRequest", [&] { session->Accept(server.request); });
     client.Connect(server->LocalPort());
     ExpectEvents(server, "ConnectionRequest");
+    lingering = {session->SocketHandle(), 0};
     session->CloseSck();
     EXPECT_EQ(other.LingeringCount(), 1U);
+    Endpoint peer_of_it;
+    EXPECT_EQ(sockets.RemoteEndpoint(lingering, peer_of_it), 0);
     server->CloseSck();
     other.WhenNoneLingers([&] { told = true; });
   }
   RunUntilIdle(loop);
+  Endpoint nobody;
+  EXPECT_EQ(sockets.RemoteEndpoint(lingering, nobody), socket_error::kNotSocket);
   EXPECT_EQ(client.ReceiveToEnd(), "");
   EXPECT_FALSE(told);
 }

@@ -97,6 +97,33 @@ TEST_F(ConnectTest, AFailedLookUpIsAnErrorEventOfConnectToIP) {
   }
 }
 
+TEST_F(ConnectTest, AnAnswerAfterAnErrorIsIgnored) {
+  names.SetAddresses("server.test", {kLoopback});
+  names.HoldAnswers();
+  socket->Connect("server.test", server.port);
+  socket->OnSocketEvent({socket->SocketHandle(), 0}, SocketEvent::kConnect, 10050);
+  EXPECT_EQ(names.Deliver(), 1U);
+  ExpectEvents(socket, "Error(10050)");
+  EXPECT_EQ(socket->State(), SocketState::sckError);
+}
+
+TEST_F(ConnectTest, ALookUpThatCannotBeginIsAnErrorEvent) {
+  class NoLookup final : public NameLookup {
+   public:
+    LookupId FindAddresses(std::string_view, std::function<void(const AddressAnswer&)>) override { return 0; }
+    LookupId FindName(std::uint32_t, std::function<void(const NameAnswer&)>) override { return 0; }
+    void Cancel(LookupId) override {}
+    std::optional<std::uint32_t> KnownAddress(std::string_view) override { return std::nullopt; }
+    NameAnswer LocalHostName() override { return {11003, {}}; }
+  };
+  NoLookup none;
+  modSocketMaster other(sockets, none, log);
+  TracedSocket lost(other);
+  lost->Connect("server.test", 25);
+  EXPECT_EQ(lost.Take(), "Error(11003)");
+  EXPECT_EQ(lost.error_source, "CSocketMaster.ResolveIfHostname");
+}
+
 TEST_F(ConnectTest, AnAnswerAfterCloseSckReachesNobody) {
   names.SetAddresses("server.test", {kLoopback});
   names.HoldAnswers();
@@ -150,6 +177,28 @@ TEST_F(ConnectTest, ARefusalTheSystemTellsAtOnceIsAnErrorEventOfConnectToIP) {
   EXPECT_EQ(socket.error_source, "CSocketMaster.ConnectToIP");
 }
 
+TEST_F(ConnectTest, AnAddressThatIsNotAvailableIsRaisedToTheCaller) {
+  // The same two endpoints can be connected once only.
+  TracedSocket second(module);
+  WithFreePort([&](int port) {
+    socket->SetLocalPort(port);
+    socket->Connect("127.0.0.1", server.port);
+    second->SetLocalPort(port);
+  });
+  ExpectEvents(socket, "Connect");
+  ExpectError([&] { second->Connect("127.0.0.1", server.port); }, 10049, "CSocketMaster.ConnectToIP",
+              "Cannot assign requested address.");
+  EXPECT_EQ(second.Take(), "");
+  EXPECT_EQ(second->State(), SocketState::sckConnecting);
+  second->CloseSck();
+  // After a look-up the caller is the loop, so it goes to the log.
+  names.SetAddresses("server.test", {kLoopback});
+  second->Connect("server.test", server.port);
+  ASSERT_TRUE(RunUntil(loop, [&] { return !log.Lines().empty(); }));
+  EXPECT_EQ(log.Lines().at(0), "Error 10049 in CSocketMaster.ConnectToIP. Cannot assign requested address.");
+  EXPECT_EQ(second.Take(), "");
+}
+
 TEST_F(ConnectTest, WithoutADescriptorTheErrorEventSaysSo) {
   // Before the limit: a sanitizer needs descriptors for its first look at an object.
   socket->Connect("unknown.test", server.port);
@@ -194,6 +243,7 @@ TEST_F(ConnectTest, NotificationsInTheWrongStateAreDropped) {
   EXPECT_EQ(socket.Take(), "Error(10053)");
   EXPECT_EQ(socket.error_source, "CSocketMaster.PostSocket");
   EXPECT_EQ(socket.error_description, "Software caused connection abort.");
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(ConnectTest, NotificationsOfAnotherSocketAreDropped) {

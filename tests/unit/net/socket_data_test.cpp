@@ -112,6 +112,20 @@ TEST_F(SendTest, WhatDoesNotFitWaitsAndMoreIsOnlyAppended) {
   EXPECT_EQ(events.find("SendComplete"), events.rfind("SendComplete"));
 }
 
+TEST_F(SendTest, NothingOvertakesWhatWaits) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  std::string all = FillUp();
+  // There is room again, and the loop has not said so yet.
+  std::string got;
+  for (int i = 0; i < 1000; ++i) got += peer->ReceiveNow();
+  Ours().SendData("the last");
+  all += "the last";
+  got += peer->Receive(all.size() - got.size());
+  EXPECT_TRUE(got == all);
+}
+
 TEST_F(SendTest, ASlowReaderGetsMegabytesInOrder) {
   peer = std::make_unique<Peer>(loop);
   peer->ReceiveLittle();

@@ -97,12 +97,19 @@ TEST_F(ListenTest, AcceptReplacesASocketThatAFailedBindLeft) {
   StartListener();
   accepted = std::make_unique<TracedSocket>(module);
   EXPECT_THROW((*accepted)->Bind(0, "192.0.2.1"), Error);
+  const SocketHandle left{(*accepted)->SocketHandle(), 0};
   (*accepted)->SetProtocol(SocketProtocol::sckUDPProtocol);
+  (*accepted)->SetRemoteHost("old.test");
+  (*accepted)->SetLocalPort(99);
   listener->On("ConnectionRequest", [this] { (*accepted)->Accept(listener->request); });
   peer = std::make_unique<Peer>(loop);
   peer->Connect((*listener)->LocalPort());
   ExpectEvents(*listener, "ConnectionRequest");
+  Endpoint nowhere;
+  EXPECT_EQ(sockets.LocalEndpoint(left, nowhere), socket_error::kNotSocket);
   EXPECT_EQ((*accepted)->Protocol(), SocketProtocol::sckTCPProtocol);
+  EXPECT_EQ((*accepted)->RemoteHost(), "");
+  EXPECT_EQ((*accepted)->LocalPort(), (*listener)->LocalPort());
   peer->Send("hello");
   ExpectEvents(*accepted, "DataArrival");
 }
@@ -134,7 +141,10 @@ TEST_F(ListenTest, ManyWaitingConnectionsAreAllTold) {
 }
 
 TEST_F(ListenTest, TheListenerMayCloseInsideTheEvent) {
-  StartListener();
+  listener = std::make_unique<TracedSocket>(module);
+  (*listener)->SetRemoteHost("kept.test");
+  (*listener)->SetRemotePort(99);
+  (*listener)->Listen();
   listener->On("ConnectionRequest", [this] {
     (*listener)->CloseSck();
     EXPECT_EQ((*listener)->State(), SocketState::sckClosed);
@@ -143,7 +153,10 @@ TEST_F(ListenTest, TheListenerMayCloseInsideTheEvent) {
   peer = std::make_unique<Peer>(loop);
   peer->Connect(port);
   ExpectEvents(*listener, "ConnectionRequest");
+  // Only a listener that listens on gets its own values back.
   EXPECT_EQ((*listener)->RemoteHostIP(), "");
+  EXPECT_EQ((*listener)->RemoteHost(), "");
+  EXPECT_EQ((*listener)->RemotePort(), peer->Port());
   EXPECT_EQ(peer->ReceiveToEnd(), "");  // unclaimed, so closed
 }
 
@@ -162,6 +175,13 @@ TEST_F(ListenTest, TheListenerMayListenAnewInsideTheEvent) {
   Peer second(loop);
   second.Connect((*listener)->LocalPort());
   ExpectEvents(*listener, "ConnectionRequest");
+}
+
+TEST_F(ListenTest, AConnectionThatHasGoneAgainIsNoError) {
+  StartListener();
+  (*listener)->OnSocketEvent({(*listener)->SocketHandle(), 0}, SocketEvent::kAccept, 0);
+  EXPECT_EQ(listener->Take(), "");
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(ListenTest, AnErrorOfTheHandlerIsLoggedAndTheConnectionClosed) {
@@ -256,6 +276,12 @@ TEST_F(ExhaustionTest, TheListenerPausesWithOneLineAndGoesOnWhenASocketCloses) {
   EXPECT_EQ(listener->trace.find("Error"), std::string::npos);
 }
 
+TEST_F(ExhaustionTest, IsWhatTheseErrorsMean) {
+  EXPECT_TRUE(AcceptPause::IsExhaustion(10024));
+  EXPECT_TRUE(AcceptPause::IsExhaustion(10055));
+  for (const int other : {0, 10013, 10035, 10053, 10054}) EXPECT_FALSE(AcceptPause::IsExhaustion(other));
+}
+
 TEST_F(ExhaustionTest, ALaterPeriodHasItsOwnLine) {
   NewClients(2);
   Exhaust(1);
@@ -298,6 +324,9 @@ TEST_F(ExhaustionTest, ItTriesAgainByItselfWhenDescriptorsBecomeFreeElsewhere) {
   clock.Advance(AcceptPause::kRetryInterval);
   EXPECT_TRUE(Sessions(1));
   EXPECT_EQ(log.Take(), std::vector<std::string>{kLine});
+  // Then it is over: nothing wakes the loop any more.
+  clock.Advance(std::chrono::hours(1));
+  EXPECT_FALSE(loop.RunOnce(Milliseconds{0}));
 }
 
 TEST_F(ExhaustionTest, APausedListenerMayBeClosed) {
@@ -311,7 +340,13 @@ TEST_F(ExhaustionTest, APausedListenerMayBeClosed) {
   EXPECT_EQ(sessions.size(), 0U);
   (*listener)->Bind(0, "127.0.0.1");
   (*listener)->Listen();
+  // What comes now is another period.
+  log.Take();
   NewClients(1);
+  Exhaust(0);
+  ASSERT_TRUE(RunUntil(loop, [&] { return !log.Lines().empty(); }));
+  Free();
+  clock.Advance(AcceptPause::kRetryInterval);
   EXPECT_TRUE(Sessions(1));
 }
 

@@ -247,10 +247,24 @@ TEST_F(RemoteNameTest, TheNameOfAnEarlierPeerIsForgottenByTheNextConnection) {
   bool done = false;
   (*accepted)->LookUpRemoteHostName([&] { done = true; });
   EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
-  (*accepted)->CloseSck();
-  EXPECT_EQ((*accepted)->RemoteHostName(), "client.test");
-  (*accepted)->Connect("127.0.0.1", (*listener)->LocalPort());
-  ExpectError([&] { (*accepted)->RemoteHostName(); }, 11002, "CSocketMaster.GetRemoteHostName",
+  const auto ours = std::move(accepted);
+  (*ours)->CloseSck();
+  EXPECT_EQ((*ours)->RemoteHostName(), "client.test");
+  // Accepted anew.
+  listener->On("ConnectionRequest", [&] { (*ours)->Accept(listener->request); });
+  Peer another(loop);
+  another.Connect((*listener)->LocalPort());
+  ASSERT_TRUE(RunUntil(loop, [&] { return (*ours)->State() == SocketState::sckConnected; }));
+  ExpectError([&] { (*ours)->RemoteHostName(); }, 11002, "CSocketMaster.GetRemoteHostName",
+              "Nonauthoritative host not found.");
+  done = false;
+  (*ours)->LookUpRemoteHostName([&] { done = true; });
+  EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
+  EXPECT_EQ((*ours)->RemoteHostName(), "client.test");
+  // And connected anew.
+  (*ours)->CloseSck();
+  (*ours)->Connect("127.0.0.1", (*listener)->LocalPort());
+  ExpectError([&] { (*ours)->RemoteHostName(); }, 11002, "CSocketMaster.GetRemoteHostName",
               "Nonauthoritative host not found.");
 }
 

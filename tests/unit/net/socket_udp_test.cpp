@@ -137,12 +137,32 @@ TEST_F(UdpTest, TargetsAreAddressesOrKnownNames) {
   EXPECT_EQ(sender->BytesSent(), 2);
 }
 
+TEST_F(UdpTest, BroadcastsAreAllowed) {
+  sender->SetRemoteHost("127.255.255.255");
+  sender->SendData("x");
+  EXPECT_EQ(sender.Take(), "");
+  EXPECT_EQ(sender->BytesSent(), 1);
+}
+
 TEST_F(UdpTest, WhatTheSystemRefusesToSendIsAnErrorEvent) {
   sender->SendData(std::string(70000, 'x'));  // more than a datagram holds
   EXPECT_EQ(sender.Take(), "Error(10040)");
   EXPECT_EQ(sender.error_source, "CSocketMaster.SendBufferedDataUDP");
   EXPECT_EQ(sender.error_description, "Message too long.");
   EXPECT_EQ(sender->State(), SocketState::sckError);
+}
+
+TEST_F(UdpTest, WhatComesInTheErrorStateIsNotTold) {
+  sender->SendData(std::string(70000, 'x'));
+  ASSERT_EQ(sender->State(), SocketState::sckError);
+  sender.Take();
+  receiver->SetRemoteHost("127.0.0.1");
+  receiver->SetRemotePort(sender->LocalPort());
+  receiver->SendData("hello");
+  ExpectEvents(sender, "");
+  std::size_t bytes = 0;
+  EXPECT_EQ(sockets.Available({sender->SocketHandle(), 0}, bytes), 0);
+  EXPECT_EQ(bytes, 5U);  // nor taken
 }
 
 TEST_F(UdpTest, ReadsWithoutWaitingForTheEvent) {
