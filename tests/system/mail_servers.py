@@ -5,13 +5,15 @@ import os
 import re
 import shutil
 import signal
+import smtplib
 import socket
 import threading
+import time
 import traceback
 import unittest
 
 from dialogue import Connection, HungUp
-from processes import DOMAIN, LOOPBACK, Process, bound, free_port, program, wait_until
+from processes import DOMAIN, LOOPBACK, Process, bound, connections_to, free_port, program, wait_until
 
 
 class StoredMessage:
@@ -147,7 +149,22 @@ class Postfix:
         self.process.wait()
 
     def log(self):
-        return self._log.read_text(errors="replace") if self._log.exists() else ""
+        return self._log.read_text(errors="surrogateescape") if self._log.exists() else ""
+
+    def settle(self):
+        """Waits until nobody is connected any more, the queue is empty and what there was to log is in the log."""
+        wait_until(lambda: connections_to(self.port) == 0, "Postfix's sessions to end")
+        # Its processes write the log through one other process: what a message leaves there comes behind all before.
+        sender = f"settled{time.monotonic_ns()}@{DOMAIN}"
+        with smtplib.SMTP(*self.address, local_hostname="localhost", timeout=bound(60)) as client:
+            client.sendmail(sender, [f"settled@{DOMAIN}"], b"")
+        wait_until(lambda: f"from=<{sender}>" in self.log() and not self.queued(), "Postfix's queue to be empty")
+
+    def queued(self):
+        """The text of the queue files."""
+        return "\n".join(path.read_text(errors="surrogateescape")
+                         for folder in ("maildrop", "incoming", "active", "deferred", "hold")
+                         for path in (self._queue / folder).rglob("*") if path.is_file())
 
     def count(self):
         return len(list(self.maildir.glob("new/*")))

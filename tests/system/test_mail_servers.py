@@ -10,7 +10,7 @@ import smtplib
 import subprocess
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, EximClient, Options, Smtp, Story, bound, main, without_received
+from trabex_system import DOMAIN, LOOPBACK, EximClient, Smtp, Story, bound, main, without_received
 
 # The clients' address; only LOCAL counts as local, so this is a remote one. smtp-source cannot choose its own.
 REMOTE = "127.0.0.2"
@@ -27,11 +27,6 @@ class Behind:
 
     def start_server(self, size_limit=0):
         raise NotImplementedError
-
-    def setUp(self):
-        super().setUp()
-        if Options.through == "trabex" and not (Options.build / "Trabex").exists():
-            self.skipTest("Trabex has not been built")
 
     def start(self):
         self.server = self.start_server()
@@ -209,15 +204,16 @@ class Behind:
             # sendmail() would declare the size, and be refused at once.
             client.mail(SENDER)
             client.rcpt(f"large@{DOMAIN}")
-            self.assertEqual(client.data(text_message(7, 100_000))[0], 552)
+            self.assertIn(client.data(text_message(7, 100_000))[0], (552, 554))
             client.sendmail(SENDER, [f"small@{DOMAIN}"], text_message(8, 30_000))
         self.assertArrived({f"small@{DOMAIN}": text_message(8, 30_000)})
 
     def test_greylisting(self):
         """Whoever comes back is let in."""
         database = self.place.new_folder("database") / "greylisting.gldb"
+        # The clients have no name in DNS, which is reason enough for the greylisting's own black list.
         self.start_trabex(sections={"GreyListing": {"Enabled": 1, "Log": 1, "Delay": 0, "BlackListDelay": 0,
-                                                    "MinCount": 1, "Database": database}})
+                                                    "BlackListMinCount": 1, "Database": database}})
         content = text_message(9)
         sent = {}
         for number, client in enumerate((self.with_swaks, self.with_curl, self.with_msmtp, self.with_python)):
@@ -238,8 +234,8 @@ class Behind:
         self.assertEqual(exim.waiting(), 0, exim.log())
         self.assertEqual(sorted(recipient for recipient, _ in self.server.wait_for_messages(6)),
                          sorted([*sent, f"r0@{DOMAIN}", f"exim@{DOMAIN}"]))
-        self.proxy.wait_for_log("Greylisting: New, Delayed.", 5)
-        self.proxy.wait_for_log("Greylisting: Accepted.", 6)
+        self.proxy.wait_for_log("Greylisting: Blacklisted, New, Delayed.", 5)
+        self.proxy.wait_for_log("Greylisting: Blacklisted, Accepted.", 6)
 
 
 class Postfix(Behind, Story):

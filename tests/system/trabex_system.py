@@ -175,8 +175,8 @@ class Story(unittest.TestCase):
     def exim(self, settings=None):
         return self._mail_server(Exim(self.place, settings))
 
-    def opensmtpd(self, settings=()):
-        return self._mail_server(OpenSmtpd(self.place, settings))
+    def opensmtpd(self, settings=(), arguments=()):
+        return self._mail_server(OpenSmtpd(self.place, settings, arguments))
 
     def _mail_server(self, server):
         self._mail_servers.append(server)

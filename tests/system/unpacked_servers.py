@@ -10,6 +10,7 @@ import fcntl
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -78,7 +79,9 @@ class Root:
         (self.folder / "tmp").chmod(0o1777)
         self._make_null_device()
         self._make_users(users)
-        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n")
+        # No server of this machine's is to be asked for names.
+        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n127.0.0.2 client.test\n127.0.0.9 local.test\n")
+        (self.folder / "etc" / "resolv.conf").write_text("lookup file\n")
         shutil.copytree(unpacked_package(package) / "usr", self.folder / "usr", symlinks=True, dirs_exist_ok=True,
                         ignore=shutil.ignore_patterns("share"))
         shutil.copy("/bin/sh", self.folder / "bin" / "sh")
@@ -130,15 +133,19 @@ class Root:
     def _leave(self, process):
         if process.status() is None:
             process.end()
-        # Those that it had started end when they see it gone, or have done their piece of work.
-        wait_until(lambda: not self._processes(), f"{process.name} to be gone")
+        # Those that it has started may be waiting for a client that is gone.
+        for number in self.processes():
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(number, signal.SIGTERM)
+        wait_until(lambda: not self.processes(), f"{process.name} to be gone")
 
-    def _processes(self):
+    def processes(self):
+        """The ids of all processes that live in it."""
         found = []
         for link in Path("/proc").glob("[0-9]*/root"):
             with contextlib.suppress(OSError):
                 if os.readlink(link) == str(self.folder):
-                    found.append(link.parent.name)
+                    found.append(int(link.parent.name))
         return found
 
     def run(self, *command, text=b""):
@@ -146,6 +153,11 @@ class Root:
         done = subprocess.run(["chroot", str(self.folder), *map(str, command)], input=text, stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, timeout=bound(120), check=False)
         return done.returncode, done.stdout.decode(errors="replace")
+
+
+def _texts_of(folder, pattern):
+    """The texts of all files below a folder with such names."""
+    return "\n".join(path.read_text(errors="surrogateescape") for path in sorted(folder.rglob(pattern)))
 
 
 class _MaildirServer:
@@ -210,6 +222,14 @@ class Exim(_MaildirServer):
     def log(self):
         return self._log.read_text(errors="surrogateescape") if self._log.exists() else ""
 
+    def settle(self):
+        """Waits until nobody is connected any more and what there was to log is in the log."""
+        wait_until(lambda: self._root.processes() == [self.process.pid], "Exim's sessions to end")
+
+    def queued(self):
+        """The text of the envelopes and headers of everything in the queue."""
+        return _texts_of(self._root.folder / "var/spool/exim4/input", "*-H")
+
 
 class EximClient:
     """An Exim that sends what it is given to one address, each message over a connection of its own, with BDAT where
@@ -250,11 +270,15 @@ class EximClient:
 
 
 class OpenSmtpd(_MaildirServer):
-    """An OpenSMTPD that takes mail from anywhere for any domain and delivers it into one Maildir."""
+    """An OpenSMTPD that takes mail from anywhere for any domain and delivers it into one Maildir.
+
+    Its backlog is 5: of more clients that come at once, some wait for seconds.
+    With the arguments "-P", "mda" it keeps what it takes in its queue.
+    """
 
     _head = re.compile(rb"Return-Path: .*\nDelivered-To: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
 
-    def __init__(self, place, settings=()):
+    def __init__(self, place, settings=(), arguments=()):
         users = ["opensmtpd", "opensmtpq", "box"]
         self._root = Root(place, "opensmtpd",
                           ["usr/sbin/smtpd", "usr/sbin/smtpctl", "usr/libexec/opensmtpd/mail.maildir"], users)
@@ -269,8 +293,20 @@ class OpenSmtpd(_MaildirServer):
             f"listen on {LOOPBACK} port {self.port} hostname server.example\n"
             'action "box" maildir "/var/mail/box" virtual { "@" = "box" }\n'
             'match from any for any action "box"\n')
-        self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d")
+        self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d", *arguments)
         self.process.wait_listening(self.port)
 
     def log(self):
         return self.process.stderr()
+
+    def settle(self):
+        """Waits until nobody is connected any more and what there was to log is in the log."""
+        def all_gone():
+            log = self.log()
+            return log.count(" smtp connected ") == log.count(" smtp disconnected ")
+
+        wait_until(all_gone, "OpenSMTPD's sessions to end")
+
+    def queued(self):
+        """The text of the envelopes of everything in the queue."""
+        return _texts_of(self._spool / "queue", "*/*/????????????????")
