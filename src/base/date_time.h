@@ -45,8 +45,8 @@ std::string FormatLogStamp(DateTime local);
 std::string FormatGeneralDate(DateTime local);
 // "yymmdd", the date in a log file's name.
 std::string FormatFileDate(DateTime local);
-// "hh:mm:ss" of a span in days; the hours are those within the day (0 to 23). A negative span, and one that is no
-// number, counts as 0.
+// "hh:mm:ss" of a span in days; the hours are those within the day (0 to 23). A negative span, and one that
+// is no number, counts as 0.
 std::string FormatDuration(double days);
 
 }  // namespace trabex
