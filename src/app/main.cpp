@@ -7,8 +7,10 @@
 #include "app/version.h"
 #include "platform/clock.h"
 #include "platform/process.h"
+#include "platform/terminal_view.h"
 
 int main(int argc, char** argv) {
+  trabex::DrawIfStartedToDraw(argc, argv);
   trabex::PrepareProcess();
   try {
     const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);

@@ -40,6 +40,10 @@ struct TerminalViewEvents {
   std::function<void()> lost;
 };
 
+// What draws is a process of this same executable. To be called first in main: in that process it draws and
+// does not return.
+void DrawIfStartedToDraw(int argc, char* const* argv);
+
 // Whether there is anybody to whom a view or a reason for none could be shown.
 bool StandardOutputIsTerminal();
 

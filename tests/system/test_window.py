@@ -245,6 +245,18 @@ class Keys(Window):
         terminal.keys("Enter")
         self.assertRestored(terminal, 128 + signal.SIGKILL)
 
+    def test_painter_has_nothing_of_the_program(self):
+        """Neither its memory nor its files and sockets: a session ends when the program closes it."""
+        terminal = self.open()
+        terminal.wait_for_text(HEADER)
+        self.clients(3)
+        painter = self.painter_of(terminal.pid)
+        self.assertEqual(Path(f"/proc/{painter}/cmdline").read_bytes().split(b"\0")[0], b"Trabex-view")
+        files = [os.readlink(file) for file in Path(f"/proc/{painter}/fd").iterdir()]
+        self.assertEqual(len([file for file in files if file.startswith("socket:")]), 1, files)
+        self.assertLessEqual({file for file in files if not file.startswith("socket:")},
+                             {"/dev/tty", "/dev/null", os.readlink(f"/proc/{terminal.pid}/fd/1")})
+
     def test_painter_killed(self):
         """Costs the window, not the service."""
         terminal = self.open_in_shell(self.SCRIPT)

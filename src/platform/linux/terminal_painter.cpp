@@ -21,15 +21,23 @@
 #include <cstdio>
 #include <exception>
 #include <initializer_list>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "platform/linux/terminal_state.h"
 #include "platform/linux/terminal_wire.h"
+#include "platform/terminal_view.h"
 
 namespace trabex {
 
 namespace {
 
+// How the process is called, and what it is told, on its command line.
+constexpr const char* kPainterName = "Trabex-view";
+constexpr const char* kFolded = "folded";
+constexpr const char* kUnfolded = "unfolded";
+// Where it finds the socket pair's end.
 constexpr int kSocket = 3;
 constexpr int kStatusLines = 1;
 constexpr int kHeaderLines = 1;
@@ -212,17 +220,15 @@ void SetSignals() {
 }
 
 // Leaves the terminal as standard input and output, and the socket.
-bool SetDescriptors(int socket) {
+bool SetDescriptors() {
   const int terminal = open("/dev/tty", O_RDWR | O_CLOEXEC);
   const int nowhere = open("/dev/null", O_RDWR | O_CLOEXEC);
   if (terminal < 0 || nowhere < 0) return false;
   // Above those that they are copied to, so that no copy overwrites another one's source.
   const int terminal_copy = fcntl(terminal, F_DUPFD, kSocket + 1);
   const int nowhere_copy = fcntl(nowhere, F_DUPFD, kSocket + 1);
-  const int socket_copy = fcntl(socket, F_DUPFD, kSocket + 1);
-  return terminal_copy >= 0 && nowhere_copy >= 0 && socket_copy >= 0 &&
-         dup2(terminal_copy, STDIN_FILENO) >= 0 && dup2(terminal_copy, STDOUT_FILENO) >= 0 &&
-         dup2(nowhere_copy, STDERR_FILENO) >= 0 && dup2(socket_copy, kSocket) >= 0 &&
+  return terminal_copy >= 0 && nowhere_copy >= 0 && dup2(terminal_copy, STDIN_FILENO) >= 0 &&
+         dup2(terminal_copy, STDOUT_FILENO) >= 0 && dup2(nowhere_copy, STDERR_FILENO) >= 0 &&
          close_range(kSocket + 1, ~0U, 0) == 0;
 }
 
@@ -241,12 +247,10 @@ bool BeginDrawing() {
   return true;
 }
 
-}  // namespace
-
-void RunTerminalPainter(int socket, bool folded) try {
+[[noreturn]] void DrawUntilTheEnd(bool folded) try {
   SetSignals();
-  prctl(PR_SET_NAME, "Trabex-view");
-  if (!SetDescriptors(socket)) _exit(1);
+  prctl(PR_SET_NAME, kPainterName);
+  if (!SetDescriptors()) _exit(1);
   TerminalState terminal;
   if (!BeginDrawing()) _exit(1);
   terminal.NoteDrawing();
@@ -262,6 +266,25 @@ void RunTerminalPainter(int socket, bool folded) try {
 } catch (const std::exception&) {
   // Nothing of the program must run on in this process.
   _exit(1);
+}
+
+}  // namespace
+
+void BecomeTerminalPainter(int socket, bool folded) {
+  // By way of another number, because a copy onto itself would stay closed for the new program.
+  const int copy = fcntl(socket, F_DUPFD_CLOEXEC, kSocket + 1);
+  if (copy < 0 || dup2(copy, kSocket) < 0) _exit(1);
+  std::string name = kPainterName;
+  std::string state = folded ? kFolded : kUnfolded;
+  char* const arguments[] = {name.data(), state.data(), nullptr};
+  execv("/proc/self/exe", arguments);
+  // A copy of the memory then, better than no window.
+  DrawUntilTheEnd(folded);
+}
+
+void DrawIfStartedToDraw(int argc, char* const* argv) {
+  if (argc == 2 && std::string_view(argv[0]) == kPainterName)
+    DrawUntilTheEnd(std::string_view(argv[1]) == kFolded);
 }
 
 }  // namespace trabex

@@ -3,9 +3,10 @@
 
 namespace trabex {
 
-// Draws on the controlling terminal what arrives on `socket` (terminal_wire.h) until the other end is closed,
-// the user closes the window or the terminal goes; then restores the terminal and ends the process. Called in
-// a child that was just forked with all signals blocked; closes every other descriptor.
-[[noreturn]] void RunTerminalPainter(int socket, bool folded);
+// To be called in a child that was just forked with all signals blocked. Makes it a fresh process of the same
+// executable that draws on the controlling terminal what arrives on `socket` (terminal_wire.h), until the
+// other end is closed or the terminal goes, and then restores the terminal. Fresh, because a mere fork would
+// keep a copy of all memory that the program changes from now on. Closes every other descriptor.
+[[noreturn]] void BecomeTerminalPainter(int socket, bool folded);
 
 }  // namespace trabex

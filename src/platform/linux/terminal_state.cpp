@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <iterator>
 
@@ -32,7 +33,7 @@ class TerminalType {
   std::string Command(const char* name) const {
     const char* const text = known_ ? tigetstr(name) : nullptr;
     // tigetstr says "no such name" with an address that is none.
-    if (text == nullptr || text == reinterpret_cast<const char*>(-1)) return {};
+    if (text == nullptr || reinterpret_cast<std::intptr_t>(text) == -1) return {};
     std::string command(text);
     for (std::size_t begin = command.find("$<"); begin != std::string::npos; begin = command.find("$<")) {
       command.erase(begin, command.find('>', begin) - begin + 1);

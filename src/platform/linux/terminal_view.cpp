@@ -72,7 +72,7 @@ class PainterProcess {
     sigfillset(&all);
     sigprocmask(SIG_SETMASK, &all, &before);
     process_ = fork();
-    if (process_ == 0) RunTerminalPainter(pair[1], folded);
+    if (process_ == 0) BecomeTerminalPainter(pair[1], folded);
     sigprocmask(SIG_SETMASK, &before, nullptr);
     close(pair[1]);
     socket_ = pair[0];
