@@ -56,6 +56,10 @@ class frmMain final : public ConnectionTable, private ViewContent {
   // Enables the save timer exactly when greylisting is on.
   void EnableGreyListingTimer();
 
+  // The listener's events. An error ends the program, with the exit status 1.
+  void Listener_ConnectionRequest(std::int32_t requestID);
+  void Listener_Error(int number, const std::string& description);
+
   void AddRow(cProxy& session) override;
   void RemoveRow(std::string_view key) override;
 
@@ -75,8 +79,6 @@ class frmMain final : public ConnectionTable, private ViewContent {
   bool LoopsBack(const std::vector<std::uint32_t>& server_addresses) const;
   bool ReportListenError(const Error& error);
 
-  void Listener_ConnectionRequest(std::int32_t requestID);
-  void Listener_Error(int number, const std::string& description);
   void tmrStatus_Timer();
   void tmrLog_Timer();
   void tmrSaveGreyListing_Timer();

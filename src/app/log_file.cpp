@@ -10,7 +10,7 @@ namespace trabex {
 namespace {
 
 // More than this is not kept back until the end of the turn.
-constexpr std::size_t kMaxCollectedBytes = 64 * 1024;
+constexpr std::size_t kMaxCollectedBytes = std::size_t{64} * 1024;
 
 }  // namespace
 

@@ -277,6 +277,16 @@ TEST_F(MainWindowTest, StatusTimerEndsSessionsThatTimeOut) {
   EXPECT_EQ(Window().Sessions().Count(), 0U);
 }
 
+TEST_F(MainWindowTest, ErrorOfTheListenerEndsTheProgramWithAStatus) {
+  ASSERT_TRUE(Window().Form_Load());
+  Window().Listener_Error(10050, "Network is down.");
+  program_.loop.Run();
+  ASSERT_EQ(log_.size(), 4U);
+  EXPECT_EQ(log_[2], "L: Error 10050. Network is down.");
+  EXPECT_EQ(log_[3], "Trabex 3.04.012 stopped.");
+  EXPECT_EQ(program_.exit_status, 1);
+}
+
 TEST_F(MainWindowTest, EachEndingSignalUnloads) {
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     program_.window = std::make_unique<frmMain>(program_);
