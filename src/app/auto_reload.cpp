@@ -29,7 +29,7 @@ AutoReload::AutoReload(Program& program, frmMain& window)
 
 void AutoReload::Begin() {
   if (!program_.configuration.AutoReload) return;
-  watch_ = WatchFolderOf(program_.ini_file.path);
+  watch_ = WatchFolderOf(NativePath(program_.ini_file.path));
   if (watch_) tmrAutoReload.Enable();
 }
 
@@ -59,7 +59,8 @@ bool AutoReload::ChangeCheck() {
   watch_->Rearm();
   last_date_check_ = now;
   try {
-    return FileModificationStamp(program_.ini_file.path, "mCommon.ChangeCheck") != program_.ini_file.stamp;
+    return FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck") !=
+           program_.ini_file.stamp;
   } catch (const Error&) {
     return false;  // a file that cannot be asked counts as unchanged
   }

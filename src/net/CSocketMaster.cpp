@@ -200,6 +200,7 @@ void CSocketMaster::CloseSck() {
   established_ = false;
   remote_host_ip_.clear();
   send_.Clear();
+  send_broken_ = false;
   receive_.Clear();
   bytes_received_ = 0;
   bytes_sent_ = 0;

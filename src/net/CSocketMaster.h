@@ -173,8 +173,9 @@ class CSocketMaster final : public SocketSink {
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
   std::string remote_host_ip_;
-  ByteQueue send_;     // accepted and not sent
-  ByteQueue receive_;  // received and not consumed: what PeekData left
+  ByteQueue send_;            // accepted and not sent
+  bool send_broken_ = false;  // the peer broke the connection while something it said waits to be read
+  ByteQueue receive_;         // received and not consumed: what PeekData left
   LookupId host_lookup_ = 0;
   std::unique_ptr<Rare> rare_;
 };

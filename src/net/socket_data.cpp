@@ -22,6 +22,7 @@ void CSocketMaster::SendData(std::string_view Data) {
     return SendBufferedDataUDP(Data);
   }
   if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
+  if (send_broken_) return;  // lost with the connection, whose end is told soon
   if (!send_.Empty()) return send_.Append(Data);
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
@@ -65,7 +66,16 @@ std::size_t CSocketMaster::SendPieces(std::string_view data, int& error) {
 
 void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   bytes_sent_ += static_cast<std::int64_t>(sent);
-  if (error != 0) return ReportError(error, "CSocketMaster.SendBufferedData");
+  if (error != 0) {
+    // What the peer said before it broke the connection is read first; its end is told behind that.
+    std::size_t waiting = 0;
+    if (module_.sockets_.Available(socket_, waiting) == 0 && waiting > 0) {
+      send_.Clear();
+      send_broken_ = true;
+      return;
+    }
+    return ReportError(error, "CSocketMaster.SendBufferedData");
+  }
   if (sent == 0) return;
   const trabex::SocketHandle socket = socket_;
   const bool complete = send_.Empty();

@@ -39,7 +39,12 @@ void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
   RunLogged(module_.log_, "CSocketMaster.WndProc", [&] {
     if (answer.error != 0) return ConnectToIP(0, answer.error);
     state_ = SocketState::sckHostResolved;
-    ConnectToIP(answer.addresses.front(), 0);
+    try {
+      ConnectToIP(answer.addresses.front(), 0);
+    } catch (const Error& error) {
+      // There is no caller to raise it to any more, and the owner must not wait for ever.
+      ReportError(error.Number(), "CSocketMaster.ConnectToIP");
+    }
   });
 }
 

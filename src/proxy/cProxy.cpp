@@ -199,7 +199,11 @@ void cProxy::Receiver_Connect() {
 }
 
 void cProxy::Receiver_DataArrival() {
-  if (TimeoutSpan != 0) LastActivity = host_.clock.Monotonic();
+  if (TimeoutSpan != 0) {
+    LastActivity = host_.clock.Monotonic();
+    // Looked at although it may have to wait: the next arrival is told only after a receive.
+    Receiver.PeekView(kLineRoom);
+  }
   ClientDataPending = true;
   TakeClientData();
 }
@@ -325,7 +329,7 @@ void cProxy::ActOnLine(LineDecision decision) {
       Close();
       break;
   }
-  if (decision.too_many_bad_sequences && !CloseAfterSend) EndAfterPause();
+  if (decision.too_many_bad_sequences && !CloseAfterSend && stage_ != Stage::kClosed) EndAfterPause();
 }
 
 void cProxy::ActOnNameAnswer(const AddressAnswer& answer) {
@@ -365,18 +369,29 @@ void cProxy::Sender_SendComplete() {
 
 void cProxy::Sender_Error(int number, const std::string& description) {
   LogSender(log_level::kErrors, "Error " + std::to_string(number) + ". " + description);
-  SendPolicyReply(ReplyKind::kServerError);
-  CloseSender();
-  Close();
+  RelayLastLines();
+  EndWithoutServer();
 }
 
 void cProxy::Sender_CloseSck() {
-  // What the server said last reaches the client, even if it broke off inside a reply.
+  RelayLastLines();
+  Close();
+}
+
+// What the server said last reaches the client, even if it broke off inside a reply.
+void cProxy::RelayLastLines() {
   const std::string lines = assembler_.TakeWholeLines();
-  if (!lines.empty()) {
-    LogSender(log_level::kReceived, "< " + lines);
-    SendToClient(lines);
-  }
+  if (lines.empty()) return;
+  LogSender(log_level::kReceived, "< " + lines);
+  SendToClient(lines);
+}
+
+// Tells the client that the server is gone, and ends the session.
+void cProxy::EndWithoutServer() {
+  deaf_ = true;  // what the client sent ahead is nobody's any more
+  ServerDataPending = false;
+  SendPolicyReply(ReplyKind::kServerError);
+  CloseSender();
   Close();
 }
 
@@ -387,10 +402,15 @@ void cProxy::TakeServerData() {
   std::string data;
   Sender.GetData(data);
   assembler_.Append(data);
-  while (stage_ != Stage::kClosed) {
-    const auto reply = assembler_.NextReply();
-    if (!reply) break;
-    RelayReply(*reply);
+  {
+    // The client's next line is taken when all of them are relayed: none may be read as the answer to it.
+    std::optional<Taking> hold;
+    if (!taking_) hold.emplace(taking_);
+    while (stage_ != Stage::kClosed) {
+      const auto reply = assembler_.NextReply();
+      if (!reply) break;
+      RelayReply(*reply);
+    }
   }
   if (stage_ == Stage::kClosed) return;
   if (assembler_.TooLong() && !RelayBeginOfReply()) {
@@ -426,9 +446,7 @@ bool cProxy::RelayBeginOfReply() {
 
 void cProxy::GiveUpServer(std::string_view reason) {
   LogSender(log_level::kErrors, reason);
-  SendPolicyReply(ReplyKind::kServerError);
-  CloseSender();
-  Close();
+  EndWithoutServer();
 }
 
 // --- the two exits
@@ -466,6 +484,8 @@ void cProxy::CheckTimeout() {
 }
 
 void cProxy::Shutdown() {
+  deaf_ = true;
+  ServerDataPending = false;
   RunHandler("cProxy.Shutdown", [this] { SendPolicyReply(ReplyKind::kShutdown); });
   Close();
 }
@@ -482,6 +502,7 @@ void cProxy::Close() {
 }
 
 void cProxy::CloseSender() {
+  ServerDataPending = false;
   if (Sender.State() == SocketState::sckClosed) return;
   if (SenderConnected) {
     LogSender(log_level::kConnection,

@@ -105,6 +105,8 @@ class cProxy final : public Retired, private SessionFacts {
   void TakeServerData();
   void RelayReply(std::string_view reply);
   bool RelayBeginOfReply();
+  void RelayLastLines();
+  void EndWithoutServer();
   void GiveUpServer(std::string_view reason);
 
   // The two exits; the protocol log is written there.

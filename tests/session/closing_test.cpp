@@ -68,6 +68,45 @@ TEST(Closing, TheServersNameIsUnknown) {
     log S: {*] Error 11001. Host not found.)");
 }
 
+TEST(Closing, ARefusalInsideTheContentReachesTheClientThoughTheServerResets) {
+  SessionWorld world;
+  ASSERT_EQ(world.Play(InContent()), "");
+  // The server speaks and breaks the connection with content unread; the client's next content is there
+  // first.
+  world.ClientPeer().Send("more content\r\n");
+  world.Settle();
+  world.ServerPeer().Send("552 too much\r\n");
+  world.ClientPeer().Send("and more\r\n");
+  world.ServerPeer().Close();
+  EXPECT_EQ(world.Play("C= 552 too much\nclosed C"), "");
+}
+
+TEST(Closing, TheEndInsideTheContentIsNotForgottenWhileTheServerHadSpoken) {
+  SessionWorld world;
+  ASSERT_EQ(world.Play(InContent()), "");
+  world.ClientPeer().Send("text\r\n.\n");
+  world.ServerPeer().Send("421 too slow\r\n");
+  EXPECT_TRUE(world.Until([&] { return world.ServerPeer().AtEnd() && world.ClientPeer().AtEnd(); }));
+  EXPECT_EQ(world.Sessions().Count(), 0U);
+}
+
+TEST(Closing, ASecondReplyIsNotTakenForTheAnswerToTheNextCommand) {
+  SessionWorld world;
+  EXPECT_EQ(world.Play(Greeted() + R"(
+    C! NOOP\r\nMAIL FROM:<a@b.test>\r\nRCPT TO:<u@local.test>\r\n
+    S= NOOP
+    S! 250 ok\r\n250 unasked\r\n
+    C= 250 ok
+    C= 250 unasked
+    S= MAIL FROM:<a@b.test>
+    C= nothing
+    S= nothing
+    S> 550 no
+    C= 550 no
+    C= 503 5.5.1 Bad sequence of commands.)"),
+            "");
+}
+
 TEST(Closing, ANamedServerIsFound) {
   PlayBothWays(
       [](SessionWorld& world) {

@@ -15,6 +15,9 @@ void PrepareProcess() {
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = dup(descriptor);
   if (descriptor >= 0) close(descriptor);
 
+  // A terminal must not stop the service, whether a window is shown on it or not.
+  for (const int number : {SIGTSTP, SIGTTIN, SIGTTOU}) signal(number, SIG_IGN);
+
   sigset_t signals;
   sigemptyset(&signals);
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, number);

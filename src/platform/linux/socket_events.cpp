@@ -218,7 +218,8 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
   bool called = false;
   const Entry& before = *Find(socket);
   // Somebody may have read everything since the kernel reported this; whatever came later is reported anew.
-  const bool stale_read = before.drained && before.drained_turn == loop.turn && (events & kEnd) == 0;
+  const bool stale_read =
+      before.drained && before.drained_turn == loop.turn && (events & (kEnd | EPOLLPRI)) == 0;
   if ((events & (EPOLLIN | EPOLLPRI | kEnd)) != 0 && !stale_read) {
     Entry& entry = *Find(socket);
     entry.drained = false;

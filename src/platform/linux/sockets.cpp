@@ -168,6 +168,8 @@ int Sockets::Connect(SocketHandle socket, Endpoint remote) {
   sockaddr_in address = ToSystem(remote);
   const int result = connect(entry->descriptor, Generic(address), sizeof address);
   const bool under_way = result < 0 && errno == EINPROGRESS;
+  // No port is left to connect from: nothing is under way, so nothing would follow.
+  if (result < 0 && errno == EAGAIN) return socket_error::kNoBufferSpace;
   if (result < 0 && !under_way) return DesignedSocketError(errno);
   entry->role = Impl::Role::kConnecting;
   if (const int error = impl_->Register(socket, *entry); error != 0) return error;

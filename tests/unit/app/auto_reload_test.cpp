@@ -147,6 +147,15 @@ TEST_F(AutoReloadTest, AFileRenamedOverItIsAChange) {
   EXPECT_EQ(Reloads(), 1);
 }
 
+TEST_F(AutoReloadTest, APathWithBackslashesIsWatchedToo) {
+  program_->ini_file.path = folder_.Path() + "\\Trabex.ini";
+  Start();
+  WriteIni("Timeout=200\n");
+  Pass(60);
+  EXPECT_EQ(Settings().Timeout, 200);
+  EXPECT_EQ(Reloads(), 1);
+}
+
 TEST_F(AutoReloadTest, AnotherDateAloneIsAChange) {
   Start();
   Pass(20);
