@@ -32,7 +32,7 @@ void ByteQueue::MakeRoom(std::size_t count) {
     return;
   }
   const std::size_t capacity = std::max({needed, size_ * 2, kSmallestBlock});
-  std::unique_ptr<char[]> block(new char[capacity]);  // not zeroed, as make_unique would
+  auto block = std::make_unique_for_overwrite<char[]>(capacity);
   if (size_ > 0) std::memcpy(block.get(), block_.get() + begin_, size_);
   block_ = std::move(block);
   capacity_ = capacity;

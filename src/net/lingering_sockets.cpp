@@ -1,6 +1,5 @@
 #include "net/lingering_sockets.h"
 
-#include <array>
 #include <utility>
 
 namespace trabex {
@@ -49,7 +48,7 @@ bool LingeringSockets::Flush(Holder& holder) {
 }
 
 bool LingeringSockets::Drop(Holder& holder) {
-  std::array<char, kDropBytes> room;
+  char room[kDropBytes];
   std::size_t received = 0;
   const int error = sockets_.Receive(holder.socket, room, received);
   if (error == socket_error::kWouldBlock) return true;

@@ -25,7 +25,7 @@ void modSocketMaster::WhenNoneLingers(std::function<void()> emptied) {
 
 void modSocketMaster::InitiateProcesses() {
   ++object_count_;
-  if (!scratch_) scratch_.reset(new char[kScratchBytes]);
+  if (!scratch_) scratch_ = std::make_unique_for_overwrite<char[]>(kScratchBytes);
 }
 
 void modSocketMaster::FinalizeProcesses() {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -147,6 +148,30 @@ TEST_F(LinuxSocketsTest, UrgentDataIsFollowedByMoreWithoutAnEnd) {
     }
     return got == "abdef";
   }));
+}
+
+TEST_F(LinuxSocketsTest, UrgentDataStopsAReceiveThatCameBeforeTheNotification) {
+  ConnectRaw();
+  sockets.Watch(ours, &sink);
+  RunUntilIdle(loop);
+  ASSERT_EQ(send(raw, "ab", 2, 0), 2);
+  ASSERT_EQ(send(raw, "c", 1, MSG_OOB), 1);
+  ASSERT_EQ(send(raw, "def", 3, 0), 3);
+  int left = 0;
+  while (ioctl(raw, TIOCOUTQ, &left) == 0 && left > 0) {
+  }
+  std::string got;
+  const auto receive = [&] {
+    char room[100];
+    std::size_t received = 0;
+    if (sockets.Receive(ours, room, received) == 0) got.append(room, received);
+  };
+  loop.Post(receive);  // after the wait, before the events
+  loop.RunOnce(Milliseconds{0});
+  EXPECT_EQ(got, "ab");
+  EXPECT_TRUE(RunUntil(loop, [&] { return sink.reads > 0; }));
+  receive();
+  EXPECT_EQ(got, "abdef");
 }
 
 TEST_F(LinuxSocketsTest, ASendThatTookNothingIsFollowedByFdWrite) {
