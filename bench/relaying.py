@@ -1,0 +1,86 @@
+"""What the benchmarks of relaying share: messages through Trabex and through HAProxy in turn, and the table of ratios.
+
+Messages of 4 KB go from smtp-source to smtp-sink, 20 sessions at a time, once with a connection for each message and
+once over connections that stay; through Trabex and through HAProxy with one thread, in turn. The ratio is that of the
+messages per second in one round; the table shows the median of the rounds.
+"""
+
+import argparse
+import resource
+import statistics
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "system"))
+from trabex_system import LOOPBACK, HaProxy, Options, Place, SmtpSink  # noqa: E402
+
+SENDER = "sender@test.example"
+RECIPIENT = "recipient@test.example"
+KINDS = {"a connection per message": [], "connections that stay": ["-d"]}
+
+
+def arguments_of(description):
+    """Reads the command line, and prepares this process for many connections."""
+    parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", type=Path, default=Options.build, help="the build folder with Trabex")
+    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--messages", type=int, default=5000, help="messages of a run")
+    parser.add_argument("--sessions", type=int, default=20, help="sessions at a time")
+    parser.add_argument("--size", type=int, default=4096, help="bytes of a message")
+    arguments = parser.parse_args()
+    Options.build = arguments.build.resolve()
+    _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
+    return arguments
+
+
+def in_place(work):
+    """work(place) with a place of its own."""
+    place = Place("bench")
+    try:
+        return work(place)
+    finally:
+        place.leave()
+
+
+def messages_per_second(proxy, arguments, more):
+    command = ["smtp-source", "-M", "localhost", "-m", arguments.messages, "-s", arguments.sessions,
+               "-l", arguments.size, "-f", SENDER, "-t", RECIPIENT, *more, f"inet:{LOOPBACK}:{proxy.port}"]
+    begun = time.perf_counter()
+    done = subprocess.run([str(part) for part in command], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=300, check=False)
+    seconds = time.perf_counter() - begun
+    if done.returncode != 0 or done.stderr:
+        raise SystemExit(f"smtp-source failed: {done.stderr}")
+    return arguments.messages / seconds
+
+
+def measure_relaying(place, arguments, make_trabex):
+    """Returns for each kind the rates of Trabex and of HAProxy, round by round."""
+    sink = SmtpSink(place)
+    proxies = {"Trabex": make_trabex(place, sink.port), "HAProxy": HaProxy(place, sink.port)}
+    rates = {kind: {name: [] for name in proxies} for kind in KINDS}
+    for number in range(arguments.rounds + 1):
+        for kind, more in KINDS.items():
+            # Who is first changes from round to round.
+            names = list(proxies) if number % 2 else list(reversed(proxies))
+            for name in names:
+                rate = messages_per_second(proxies[name], arguments, more)
+                if number > 0:  # the first round warms up
+                    rates[kind][name].append(rate)
+    return rates
+
+
+def print_ratios(rates, least):
+    """Prints the table; returns whether every ratio is at least `least`."""
+    good = True
+    print(f"{'':28}{'Trabex':>12}{'HAProxy':>12}{'ratio':>8}   of the rounds")
+    for kind, by_name in rates.items():
+        ratios = [ours / theirs for ours, theirs in zip(by_name["Trabex"], by_name["HAProxy"])]
+        ratio = statistics.median(ratios)
+        good &= ratio >= least
+        print(f"{kind:28}{statistics.median(by_name['Trabex']):10.0f}/s{statistics.median(by_name['HAProxy']):10.0f}/s"
+              f"{ratio:8.2f}   {min(ratios):.2f} to {max(ratios):.2f}")
+    return good

@@ -1,0 +1,183 @@
+"""Plays hostile sessions: how a session is delivered, and what its client sees."""
+
+import asyncio
+import socket
+import struct
+
+from hostile_sessions import PLACEHOLDER, End, Reset, Send, Wait
+from processes import LOOPBACK, bound
+from recording_server import until_read
+
+# A remote client's address: the one that has a name without anybody having to ask DNS.
+CLIENT = LOOPBACK
+
+_DIGITS = "0123456789abcdefghijklmnopqrstuvwxyz"
+_NOTHING = "(nothing more)"
+# How long a reply may take at the start of a session, and how long a session may take to end.
+_PATIENT_SECONDS = 20
+_ENDING_SECONDS = 2
+_BYTES = 300
+
+
+class Play:
+    """One session, delivered in one way to one address.
+
+    `delivery` is "once", "bytes" (each byte by itself) or a cut of the session. A reply that the session waits for is
+    waited for `patience` seconds. When `exactly`, each must come and be the expected one; `complaints` tells what was
+    not so. `unguarded` says that Trabex is not there, and so there may be more replies than the session waits for.
+    """
+
+    numbers = 0
+
+    def __init__(self, session, delivery, patience, exactly, unguarded):
+        self.session = session
+        self.delivery = delivery
+        self.complaints = []
+        self._patience = patience
+        self._exactly = exactly
+        self._unguarded = unguarded
+        number = Play.numbers
+        Play.numbers += 1
+        self.number = "".join(_DIGITS[number // 36 ** place % 36] for place in (2, 1, 0))
+        self._reader = self._writer = None
+        self._port = None
+
+    def __str__(self):
+        how = self.delivery if isinstance(self.delivery, str) else "step {} cut at {}".format(*self.delivery)
+        return f"{self.session.name} ({how})"
+
+    async def run(self, address):
+        try:
+            self._reader, self._writer = await asyncio.open_connection(*address, local_addr=(CLIENT, 0))
+            self._port = address[1]
+            await self._open()
+            for number, step in enumerate(self.session.steps):
+                await self._take(number, step)
+            if not isinstance(self.session.steps[-1], End):
+                await self._complete()
+            await self._close()
+        except AssertionError as error:
+            self.complaints.append(str(error))
+        except OSError:
+            # The other side has closed while something was sent.
+            pass
+        finally:
+            if self._writer:
+                self._writer.close()
+
+    async def _open(self):
+        opening = self.session.opening()
+        if opening:
+            await self._wait(220, bound(_PATIENT_SECONDS), True)
+        for line, code in opening:
+            self._writer.write(self._numbered(line.encode("ascii") + b"\r\n"))
+            await self._wait(code, bound(_PATIENT_SECONDS), True)
+
+    async def _take(self, number, step):
+        if isinstance(step, Send):
+            await self._send(number, self._numbered(step.data))
+        elif isinstance(step, Wait):
+            if step.expected is None:
+                await self._wait_for_end()
+            else:
+                await self._wait(step.expected, self._patience, self._exactly)
+        elif isinstance(step, Reset):
+            self._reset()
+            raise ConnectionResetError
+
+    def _reset(self):
+        connection = self._writer.get_extra_info("socket")
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self._writer.transport.abort()
+
+    def _numbered(self, data):
+        return data.replace(PLACEHOLDER, self.number.encode("ascii"))
+
+    async def _send(self, number, data):
+        if self.delivery == "bytes":
+            # Of a very long line the middle leaves at once.
+            ends = [*range(1, _BYTES), *range(max(_BYTES, len(data) - _BYTES), len(data) + 1)]
+            for begin, end in zip([0, *ends], ends):
+                self._writer.write(data[begin:end])
+                await asyncio.sleep(0)
+                if self._writer.is_closing():
+                    raise ConnectionResetError
+        elif self.delivery != "once" and self.delivery[0] == number:
+            cut = self.delivery[1]
+            self._writer.write(data[:cut])
+            await until_read(self._port, self._writer.get_extra_info("sockname")[1])
+            self._writer.write(data[cut:])
+        else:
+            self._writer.write(data)
+        await self._writer.drain()
+
+    async def _reply(self, seconds):
+        """The next reply; what there is of it when the connection ends, or nothing comes in that time."""
+        lines = [b""]
+        try:
+            while not lines[-1] or lines[-1][3:4] == b"-":
+                lines.append(await asyncio.wait_for(self._reader.readuntil(b"\r\n"), seconds))
+        except asyncio.TimeoutError:
+            lines.append(_NOTHING.encode("ascii"))
+        except asyncio.IncompleteReadError as cut_off:
+            lines.append(cut_off.partial)
+        return b"".join(lines).decode("latin-1")
+
+    async def _wait(self, expected, seconds, exactly):
+        got = await self._reply(seconds)
+        if exactly and not got.startswith(str(expected)):
+            self.complaints.append(f"waited for {expected}, got {got!r}")
+
+    async def _wait_for_end(self):
+        try:
+            rest = await asyncio.wait_for(self._reader.read(), self._patience)
+        except asyncio.TimeoutError:
+            rest = "no end"
+        if self._exactly and rest:
+            self.complaints.append(f"waited for the end of the connection, got {rest!r}")
+
+    async def _complete(self):
+        """Sends an open transaction off; servers say in their logs what they have taken, not what they would take."""
+        if self._unguarded:
+            while await self._reply(0.3) not in ("", _NOTHING):
+                pass
+        for line in (b"", b"RCPT TO:<good@local.test>", b"DATA"):
+            self._writer.write(line + b"\r\n")
+            reply = await self._reply(0.3)
+            # Somebody who says nothing is reading content.
+            if not reply or reply == _NOTHING or reply.startswith("354"):
+                break
+        self._writer.write(b".\r\n")
+        # Who hangs up now takes the message back.
+        await self._reply(0.3)
+
+    async def _close(self):
+        """Ends this side; when the other one does not follow, breaks off."""
+        self._writer.write_eof()
+        try:
+            await asyncio.wait_for(self._reader.read(), bound(_ENDING_SECONDS))
+        except asyncio.TimeoutError:
+            self._reset()
+
+
+def plays(session, patience, exactly):
+    """All the ways to play a session through Trabex."""
+    deliveries = ["once", "bytes", *session.cuts()]
+    return [Play(session, delivery, patience, exactly, unguarded=False) for delivery in deliveries]
+
+
+def unguarded_play(session):
+    """The way to play it without Trabex."""
+    return Play(session, "once", 0.3, exactly=False, unguarded=True)
+
+
+async def run_all(all_plays, address_of, at_a_time, before=lambda play: None):
+    """Runs plays, several at a time; `address_of` gives the address for a session, before(play) is called first."""
+    limit = asyncio.Semaphore(at_a_time)
+
+    async def run(play):
+        async with limit:
+            before(play)
+            await play.run(address_of(play.session))
+
+    await asyncio.gather(*map(run, all_plays))

@@ -1,0 +1,210 @@
+#!/usr/bin/env python3
+"""Hostile sessions: whatever a remote client sends, no server behind Trabex gets to see an address that is to be refused.
+
+The sessions are the files of the folder hostile/ (hostile_sessions.py tells how they read). Each is played as it is, byte
+by byte, and with a cut at each place that it names; against a scripted server that keeps what it gets, and against
+Postfix, Exim and OpenSMTPD, which trust the proxy and take mail for everybody. And each is played without Trabex, to see
+that it does reach the servers that it says it reaches.
+"""
+
+import asyncio
+import re
+
+from hostile_plays import plays, run_all, unguarded_play
+from hostile_sessions import SERVERS, all_sessions
+from recording_server import MARKER, RecordingServer, command_violations
+from trabex_system import LOOPBACK, HaProxy, Options, Story, bound, main
+
+LEAST_SESSIONS = 150
+# More at a time than OpenSMTPD's backlog holds would wait for seconds.
+LANES = 6
+AT_A_TIME = {"scripted": 16, "postfix": 16, "exim": 16, "opensmtpd": 4}
+SETTINGS = {"LocalIPs": "127.0.0.9", "LocalDomains": "local.test", "SendersBlackList": "*@black.test",
+            "RecipientsBlackListRemote": "black-*@local.test", "ValidateHELO": 8, "HELOBlackList": "black-*",
+            "MaxSize": 50000}
+
+# What ordinary servers have switched off is switched on here: the more they understand, the better.
+POSTFIX = {"mydestination": "local.test", "virtual_mailbox_domains": "", "local_transport": "discard:",
+           "default_transport": "discard:", "smtpd_authorized_xclient_hosts": "127.0.0.0/8",
+           "smtpd_authorized_xforward_hosts": "127.0.0.0/8", "smtpd_forbid_bare_newline": "no",
+           "smtpd_error_sleep_time": "0", "smtpd_soft_error_limit": "1000", "smtpd_hard_error_limit": "1000",
+           "smtpd_junk_command_limit": "1000", "smtpd_forbidden_commands": ""}
+EXIM = {"queue_only": "true", "percent_hack_domains": "*", "strip_trailing_dot": "true", "allow_domain_literals": "true",
+        "strip_excess_angle_brackets": "true", "pipelining_advertise_hosts": "*", "smtp_enforce_sync": "false",
+        "helo_accept_junk_hosts": "*", "acl_smtp_vrfy": "accept", "acl_smtp_expn": "accept", "acl_smtp_etrn": "accept",
+        "smtp_max_synprot_errors": 1000, "smtp_max_unknown_commands": 1000, "smtp_receive_timeout": "5s", "acl_smtp_auth": "accept",
+        "authenticators": "login:\n  driver = plaintext\n  public_name = LOGIN\n  server_prompts = Name : Secret\n"
+                          "  server_condition = false\n"}
+
+# In logs: addresses that are remarks of the client and receive or send nothing, and a command that is complained of.
+_HARMLESS = re.compile(r"(?:sasl_sender=|dsn-orcpt: |ignoring AUTH=)\S*")
+_QUOTED = re.compile(r'(?:command=| error in )"(.*?)"(?: H=| result=|$)')
+_CLIENT = re.compile(rb"client-(\w{3})\.test")
+
+
+class Hostile(Story):
+    """Plays the sessions against all four servers at a time, and looks at what has reached them."""
+
+    def setUp(self):
+        super().setUp()
+        self.sessions = all_sessions()
+
+    def fronts(self, port):
+        """A function that gives the address that a session goes to, for the server on the port."""
+        raise NotImplementedError
+
+    def plays_of(self, session, server):
+        raise NotImplementedError
+
+    def real_server(self, name):
+        if name == "postfix":
+            return self.postfix(POSTFIX)
+        if name == "exim":
+            return self.exim(EXIM)
+        return self.opensmtpd(arguments=["-P", "mda", "-P", "mta"])
+
+    def play_all(self):
+        """Plays everything; returns for each server its plays, and those that reached it with what shows it."""
+        real = {name: self.real_server(name) for name in SERVERS if name != "scripted"}
+        all_plays = {name: [play for session in self.sessions if name == "scripted" or not session.replies
+                            for play in self.plays_of(session, name)] for name in SERVERS}
+
+        async def play():
+            recorders, *_ = await asyncio.gather(
+                self.play_scripted(all_plays["scripted"]),
+                *(run_all(all_plays[name], self.fronts(server.port), AT_A_TIME[name])
+                  for name, server in real.items()))
+            return recorders
+
+        recorders = asyncio.run(play())
+        reached = {name: self.marked(server, all_plays[name]) for name, server in real.items()}
+        reached["scripted"] = self.recorded(recorders, all_plays["scripted"])
+        return all_plays, reached
+
+    async def play_scripted(self, all_plays):
+        """Plays against scripted servers; returns these."""
+        own_replies = [play for play in all_plays if play.session.replies]
+        others = [play for play in all_plays if not play.session.replies]
+        # Where the server's replies are the play's affair it is the only one, so several servers share these plays.
+        lanes = [others, *(own_replies[first::LANES] for first in range(LANES))]
+        return await asyncio.gather(*(self.play_recorded(lane, AT_A_TIME["scripted"] if lane is others else 1)
+                                      for lane in lanes))
+
+    async def play_recorded(self, all_plays, at_a_time):
+        recorder = RecordingServer()
+        await recorder.start()
+
+        def before(play):
+            recorder.script = play.session.replies
+
+        try:
+            await run_all(all_plays, self.fronts(recorder.port), at_a_time, before)
+        finally:
+            await recorder.stop()
+        return recorder
+
+    @staticmethod
+    def marked(server, all_plays):
+        """The plays that have left their mark in a real server's log or queue, with a line that shows it."""
+        server.settle()
+        by_number = {play.number: play for play in all_plays}
+        reached = {}
+        for line in (server.log() + "\n" + server.queued()).splitlines():
+            for number in MARKER.findall(_HARMLESS.sub("", line).encode("utf-8", errors="surrogateescape")):
+                # A command that the server complains of is what it took for one, with all that stood in its line.
+                quoted = _QUOTED.search(line)
+                if not quoted or command_violations(quoted.group(1).encode("utf-8", errors="surrogateescape")):
+                    reached.setdefault(by_number[number.decode("ascii").lower()], line)
+        return reached
+
+    @staticmethod
+    def recorded(recorders, all_plays):
+        """The plays of which a scripted server got what must not come, with what that is."""
+        by_number = {play.number: play for play in all_plays}
+        reached = {}
+        for record in (record for recorder in recorders for record in recorder.records):
+            everything = b"\n".join(data for _, data in record.pieces)
+            numbers = _CLIENT.findall(everything) + MARKER.findall(everything)
+            play = by_number[numbers[0].decode("ascii").lower()] if numbers else None
+            for violation in record.violations():
+                reached[play] = f"{violation}\n{record.text()}"
+            if not record.ended and play:
+                play.complaints.append("the connection to the server stays when the client is gone")
+        return reached
+
+
+class ThroughTrabex(Hostile):
+    def setUp(self):
+        super().setUp()
+        if Options.through != "trabex":
+            self.skipTest("needs Trabex itself")
+
+    def fronts(self, port):
+        """Trabex with the settings of each session."""
+        by_settings = {}
+
+        def address_of(session):
+            own = tuple(sorted(session.settings.items()))
+            if own not in by_settings:
+                by_settings[own] = self.trabex(port, {**SETTINGS, **dict(own)})
+            return by_settings[own].address
+
+        for session in self.sessions:
+            address_of(session)
+        return address_of
+
+    def plays_of(self, session, server):
+        exactly = server == "scripted"
+        return plays(session, bound(10 if exactly else 1), exactly)
+
+    def test_nothing_gets_through(self):
+        all_plays, reached = self.play_all()
+        counted = {server: [play for play in all_plays[server] if not play.session.open] for server in SERVERS}
+        tried = sum(map(len, counted.values()))
+        through = sum(play in reached[server] for server in SERVERS for play in counted[server])
+        print(f"hostile sessions: {tried} tried, {through} got through ({len(self.sessions)} files)")
+        for server in SERVERS:
+            self.assertNotIn(None, reached[server], "somebody's session")
+            for play in counted[server]:
+                with self.subTest(server=server, play=str(play)):
+                    self.assertNotIn(play, reached[server], reached[server].get(play))
+                    self.assertEqual(play.complaints, [])
+        for session in filter(lambda session: session.open, self.sessions):
+            print(f"not counted: {session.name}: {session.open}")
+            with self.subTest(session=session.name):
+                self.assertTrue(any(play in reached[server] or play.complaints for server in SERVERS
+                                    for play in all_plays[server] if play.session is session), "not open any more")
+
+
+class WithoutTrabex(Hostile):
+    """The sessions are hostile indeed, and the check sees it: each reaches the servers that it names."""
+
+    def fronts(self, port):
+        # HAProxy in between makes no difference; it is no filter.
+        address = HaProxy(self.place, port).address if Options.through == "haproxy" else (LOOPBACK, port)
+        return lambda session: address
+
+    def plays_of(self, session, server):
+        return [unguarded_play(session)]
+
+    def test_each_reaches_the_servers_it_names(self):
+        all_plays, reached = self.play_all()
+        for server in SERVERS:
+            for play in all_plays[server]:
+                with self.subTest(server=server, session=play.session.name):
+                    self.assertEqual(play.complaints, [])
+                    if server in play.session.direct:
+                        self.assertIn(play, reached[server])
+
+
+class Corpus(Hostile):
+    def test_it_is_large_enough(self):
+        self.assertGreaterEqual(len(self.sessions), LEAST_SESSIONS)
+
+    def test_every_server_is_reached_by_many(self):
+        for server in SERVERS:
+            self.assertGreater(sum(server in session.direct for session in self.sessions), LEAST_SESSIONS, server)
+
+
+if __name__ == "__main__":
+    main()
