@@ -1,0 +1,1 @@
+// Nothing of its own: the build compiles the tests' common headers along with it.
