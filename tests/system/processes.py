@@ -3,6 +3,7 @@
 import contextlib
 import os
 import random
+import re
 import shutil
 import signal
 import socket
@@ -212,6 +213,12 @@ class Process:
 
     def peak_bytes(self):
         return self._memory_bytes("VmHWM:")
+
+
+def keeps_freed_memory():
+    """Whether the build under test is one with sanitizers, whose memory figures say nothing of the program's own use."""
+    cache = (Options.build / "CMakeCache.txt").read_text(encoding="utf-8")
+    return bool(re.search(r"^TRABEX_SANITIZE:\w+=.", cache, re.MULTILINE))
 
 
 def program(name):
