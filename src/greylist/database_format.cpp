@@ -1,5 +1,6 @@
 #include "greylist/database_format.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
@@ -17,6 +18,7 @@ namespace {
 
 constexpr std::string_view kMagic = "\x3F\xC7\x6A\xA2";
 constexpr std::size_t kHeaderSize = 8;
+constexpr std::size_t kMostReserved = 250'000;
 constexpr std::string_view kReadSource = "mGreyListing.LoadGreyListingDatabase";
 
 // The dates that have a text of four-digit years; nothing else comes out of a clock plus the longest
@@ -113,12 +115,14 @@ GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size) {
   const std::uint64_t length = ReadHeader(in, size);
   PropertyBagReader bag(std::move(in), length);
   const std::int32_t count = bag.ReadInteger("C");
-  // Before anything is reserved for that many records: could the file hold them at all?
+  // Could the file hold that many records at all?
   if (count < 0 || static_cast<std::uint64_t>(count) * RecordSize(2, 0) > length) {
     RaiseCorruptedFile(std::string(kReadSource));
   }
   GreyListingDatabase database;
-  database.Reserve(static_cast<std::size_t>(count));
+  // A file with holes in it may be as long as its count needs and have nothing of it on the disk, so no room
+  // is made for more than a few megabytes; beyond that the index grows with what is read.
+  database.Reserve(std::min(static_cast<std::size_t>(count), kMostReserved));
   for (std::int32_t number = 1; number <= count; ++number) {
     RecordName name(number);
     const std::int32_t attempts = bag.ReadInteger(name.With('R'));

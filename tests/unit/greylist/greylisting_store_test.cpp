@@ -185,10 +185,15 @@ TEST_F(Store, TellsOfADuplicateKey) {
 }
 
 // A header that promises 4 GB must cost neither memory nor time, and neither must a file that is as long as
-// it says but holds nothing.
+// it says but holds nothing, or nothing but the number of records that it would have room for.
 TEST_F(Store, AHugeLengthCostsNoMemory) {
   const std::string header("\x3F\xC7\x6A\xA2\xFF\xFF\xFF\xFF", 8);
-  WriteFile(path_, header + std::string(12, '\0'));
+  const std::string a_hundred_million_records(
+      "\x01"
+      "Ci\x00\xE1\xF5\x05",
+      7);
+  WriteFile(path_, header + a_hundred_million_records);
+  fs::resize_file(path_, 8 + 0xFFFFFFFFULL);
   WriteFile(backup_, header);
   fs::resize_file(backup_, 8 + 0xFFFFFFFFULL);
   const std::string told = InChild([&] {
