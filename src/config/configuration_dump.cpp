@@ -92,6 +92,14 @@ std::string Quoted(std::string_view text) {
   return "\"" + std::string(text) + "\"";
 }
 
+// The early keys lose blanks around them, and one pair of quotes around those.
+std::string AsProfileValue(const std::string& text) {
+  if (text.empty()) return text;
+  const bool is_quoted =
+      text.size() >= 2 && (text.front() == '"' || text.front() == '\'') && text.front() == text.back();
+  return is_quoted || text.front() == ' ' || text.back() == ' ' ? Quoted(text) : text;
+}
+
 // Bytes with the largest suffix that divides them.
 std::string FormatSize(FixedPoint size) {
   struct Suffix {
@@ -202,14 +210,31 @@ class ExpressionWriter {
     const bool needs_quotes = text.empty() || text.front() == ' ' || text.back() == ' ' ||
                               text.front() == '"' || text.find(',') != std::string::npos ||
                               (splits_on_blanks_ && text.find(' ') != std::string::npos);
-    return knows_quotes_ && needs_quotes ? Quoted(text) : text;
+    return knows_quotes_ && needs_quotes && !HoldsTogether(text) ? Quoted(text) : text;
+  }
+
+  // Whether quotes inside `text` keep its commas and blanks from dividing it. Quotes around it would turn
+  // these inside out.
+  bool HoldsTogether(std::string_view text) const {
+    if (text.empty() || text.front() == '"' || text.front() == ' ' || text.back() == ' ') return false;
+    bool holds = false;
+    bool is_inside = false;
+    for (const char c : text) {
+      if (c == '"') {
+        is_inside = !is_inside;  // a doubled one changes it twice
+      } else if (c == ',' || (c == ' ' && splits_on_blanks_)) {
+        if (!is_inside) return false;
+        holds = true;
+      }
+    }
+    return holds;
   }
 
   std::string Group(const ListEntry& entry, bool all_quoted) const {
     std::string text;
     for (const std::string& pattern : entry.patterns) {
       if (&pattern != &entry.patterns.front()) text += ' ';
-      text += all_quoted && knows_quotes_ ? Quoted(pattern) : AsNeeded(pattern);
+      text += all_quoted && knows_quotes_ && !HoldsTogether(pattern) ? Quoted(pattern) : AsNeeded(pattern);
     }
     return text;
   }
@@ -246,8 +271,10 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kAddress:
     case SettingKind::kHostName:
     case SettingKind::kDatabase:
-    case SettingKind::kLogFolder:
       scalar(FieldOf<std::string>(configuration, setting));
+      break;
+    case SettingKind::kLogFolder:
+      scalar(AsProfileValue(FieldOf<std::string>(configuration, setting)));
       break;
     case SettingKind::kInteger:
       scalar(std::to_string(FieldOf<std::int32_t>(configuration, setting)));

@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "config/early_keys.h"
 #include "config/settings_table.h"
 #include "config_support.h"
 
@@ -177,6 +178,11 @@ TEST(LogConfiguration, QuotesWhatWouldNotReadBack) {
       {"SendersBlackList", "\"a\"", "a"},
       {"SendersBlackList", "a\"b", ""},  // not balanced, so not in the list
       {"SendersBlackList", "a\"b\"c", "a\"b\"c"},
+      // The quotes inside hold these together; quotes around them would take them apart.
+      {"SendersBlackList", "a\"b,c\"d,x\" \"y", "a\"b,c\"d, x\" \"y"},
+      {"SendersBlackList", "a\", \"b,\"a,\"\"b\"", "a\", \"b, \"a,\"\"b\""},
+      {"SendersBlackList", "x\"a b\" c,x\"a b\"  c", "x\"a b\" c, x\"a b\" \"c\""},
+      {"AddSMTPExtensionsLocal", "X \"a,b\",Y \"a b\"", "X \"a,b\", Y \"a b\""},
       {"SendersBlackList", "\"\"\"a\"\"\"", "\"\"\"a\"\"\""},
       {"SendersBlackList", "a b", "a b"},
       {"SendersBlackList", "\"a b\" \"\" \"c,d\" e", "\"a b\" \"\" \"c,d\" e"},
@@ -197,6 +203,28 @@ TEST(LogConfiguration, QuotesWhatWouldNotReadBack) {
     const Setting& setting = *FindSetting("Common", row.key);
     EXPECT_EQ(Entries(FieldOf<ExpressionList>(again.configuration, setting)),
               Entries(FieldOf<ExpressionList>(loaded.configuration, setting)));
+  }
+}
+
+TEST(LogConfiguration, WritesTheLogFolderSoThatItReadsBack) {
+  const struct {
+    const char* folder;
+    const char* dumped;
+  } rows[] = {{"/var/log/trabex", "/var/log/trabex"},
+              {"/a b", "/a b"},
+              {" a", "\" a\""},
+              {"a ", "\"a \""},
+              {"\"a\"", "\"\"a\"\""},
+              {"'a'", "\"'a'\""},
+              {"a'", "a'"}};
+  for (const auto& row : rows) {
+    Configuration configuration;
+    configuration.LogPath = row.folder;
+    EXPECT_EQ(DumpedValue(configuration, "Common", "LogPath"), row.dumped);
+    Configuration again;
+    RecordedLog log;
+    ReadEarlyKeysFromText(Joined(DumpLines(configuration)), {}, again, log);
+    EXPECT_EQ(again.LogPath, row.folder);
   }
 }
 

@@ -55,7 +55,9 @@ class RandomFile {
   std::string Quoted() {
     return "\"" + Pick({"", " ", "a b", "x,y", ",", "Z"}) + Pick({"", " ", Word().c_str()}) + "\"";
   }
-  std::string Expression() { return Below(3) == 0 ? Quoted() : Pattern(); }
+  // Quotes inside an expression hold commas and blanks together as those around it do.
+  std::string HalfQuoted() { return Pattern() + Quoted() + Pick({"", "y", "\"\"", "\"\"z"}); }
+  std::string Expression() { return Below(3) == 0 ? Quoted() : Below(4) == 0 ? HalfQuoted() : Pattern(); }
   std::string PlainExpression() {
     std::string text = Pattern();
     while (text.find(',') != std::string::npos) text = Pattern();
@@ -115,7 +117,9 @@ class RandomFile {
         });
         break;
       case SettingKind::kExtensionList:
-        AddLines(text, key, [this] { return Below(3) == 0 ? Quoted() : Word() + " " + Word(); });
+        AddLines(text, key, [this] {
+          return Below(3) == 0 ? Quoted() : Word() + " " + (Below(4) == 0 ? HalfQuoted() : Word());
+        });
         break;
       case SettingKind::kRangeList:
         AddLines(text, key, [this] { return Range(); });
