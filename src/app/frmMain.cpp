@@ -255,7 +255,7 @@ void frmMain::tmrLog_Timer() {
 void frmMain::tmrSaveGreyListing_Timer() {
   const DateTime now = program_.surroundings.clock.UniversalNow();
   if (now - last_greylisting_save_ + kRounding < program_.configuration.GreyListing.SaveInterval) return;
-  program_.greylisting_hooks.save_in_background([this](DateTime time) { last_greylisting_save_ = time; });
+  program_.greylisting_hooks.save_in_background([this](DateTime time) { GreyListingSaved(time); });
 }
 
 void frmMain::ViewLost() {

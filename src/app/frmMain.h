@@ -55,6 +55,8 @@ class frmMain final : public ConnectionTable, private ViewContent {
   void ShowAddresses();
   // Enables the save timer exactly when greylisting is on.
   void EnableGreyListingTimer();
+  // The next save is due when its interval has passed since `time` (universal), that of the last one.
+  void GreyListingSaved(DateTime time) { last_greylisting_save_ = time; }
 
   // The listener's events. An error ends the program, with the exit status 1.
   void Listener_ConnectionRequest(std::int32_t requestID);

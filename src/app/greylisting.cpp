@@ -15,7 +15,7 @@ bool GreyListing::Delays(std::string_view host_name, std::string_view ip, std::s
 GreyListingHooks GreyListing::MakeHooks() {
   return {.load = [this] { store_.LoadGreyListingDatabase(); },
           .clear = [this] { store_.ClearGreyListingDatabase(); },
-          .save = [this] { store_.SaveGreyListingDatabase(); },
+          .save = [this] { return store_.SaveGreyListingDatabase(); },
           .save_in_background =
               [this](std::function<void(DateTime)> saved) {
                 store_.SaveInBackground([saved = std::move(saved)](const GreyListingSaveResult& result) {

@@ -21,7 +21,7 @@ struct GreyListingHooks {
   std::function<void()> load;
   std::function<void()> clear;
   // Complete when it returns.
-  std::function<void()> save;
+  std::function<GreyListingSaveResult()> save;
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
   std::function<void(std::function<void(DateTime time)> saved)> save_in_background;
 };

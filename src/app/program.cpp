@@ -63,6 +63,12 @@ void Program::LogConfiguration() {
                             [this](std::string_view line) { log.WriteUnstamped(line); });
 }
 
+bool Program::SaveGreyListing() {
+  const GreyListingSaveResult result = greylisting_hooks.save();
+  if (window && result.kind == GreyListingSaveResult::Kind::kSaved) window->GreyListingSaved(result.time);
+  return result.kind != GreyListingSaveResult::Kind::kFailed;
+}
+
 LoadEnvironment Program::MakeLoadEnvironment() {
   return {.file = ini_file,
           .program_directory = surroundings.program_directory,
@@ -70,7 +76,7 @@ LoadEnvironment Program::MakeLoadEnvironment() {
           .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
           .dump_configuration = [this] { LogConfiguration(); },
           // The store itself remembers where the records came from.
-          .save_greylisting = [this](const std::string&) { greylisting_hooks.save(); },
+          .save_greylisting = [this](const std::string&) { return SaveGreyListing(); },
           .load_greylisting = greylisting_hooks.load,
           .clear_greylisting = greylisting_hooks.clear};
 }

@@ -50,6 +50,8 @@ struct Program {
   bool LockInstance();
   // Writes the configuration in force into the log file.
   void LogConfiguration();
+  // Saves the greylisting data; false when that failed, with the reason in the log.
+  bool SaveGreyListing();
   // What a load of the configuration needs of this program.
   LoadEnvironment MakeLoadEnvironment();
 

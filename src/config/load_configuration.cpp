@@ -196,7 +196,9 @@ LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& 
   if (reload) {
     environment.log.LogLine("Configuration reloaded because date/time of initialization file changed.");
     if ((configuration.Log & 2) != 0) Call(environment.dump_configuration);
-    if (was_enabled && environment.save_greylisting) environment.save_greylisting(database_before);
+    const bool saved =
+        !was_enabled || !environment.save_greylisting || environment.save_greylisting(database_before);
+    if (!saved && configuration.GreyListing.Enabled) return LoadResult::kLoaded;
   }
   FollowGreyListing(environment, configuration);
   return LoadResult::kLoaded;

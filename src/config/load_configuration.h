@@ -22,8 +22,8 @@ struct LoadEnvironment {
 
   // Writes the dump of the configuration; called after a reload if `Log` asks for it.
   std::function<void()> dump_configuration = {};
-  // Saves the greylisting data to `database`.
-  std::function<void(const std::string& database)> save_greylisting = {};
+  // Saves the greylisting data to `database`; false when that failed.
+  std::function<bool(const std::string& database)> save_greylisting = {};
   // Loads them from the configuration's database; forgets those in memory.
   std::function<void()> load_greylisting = {};
   std::function<void()> clear_greylisting = {};
@@ -41,7 +41,8 @@ enum class LoadResult {
 //
 // Then, at a reload, greylisting data are saved to the database that was in force before, if greylisting was
 // on. Last, also when the file had a syntax error, but not after a bad value, the data are loaded, or
-// forgotten with greylisting off.
+// forgotten with greylisting off. Data that could not be saved stay as they are while greylisting is on: a
+// load would replace them by older ones.
 LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration, bool reload);
 
 // The part that reads the settings. Raises what ReportConfigError raises.

@@ -13,6 +13,7 @@
 
 #include "app/frmMain.h"
 #include "app/program.h"
+#include "greylist/database_file.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/loop_runner.h"
@@ -273,6 +274,24 @@ TEST_F(AutoReloadTest, GreylistingSwitchedOnIsInForce) {
   EXPECT_EQ(Reloads(), 1);
   EXPECT_TRUE(Settings().GreyListing.Enabled);
   EXPECT_FALSE(Window().Unloaded());
+}
+
+TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
+  WriteIni("[GreyListing]\nEnabled=1\n");
+  Start();
+  EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+  const std::string database = Settings().GreyListing.Database;
+  const std::filesystem::path in_the_way = database + "new";
+  std::filesystem::create_directories(in_the_way);
+  WriteIni("Timeout=200\n[GreyListing]\nEnabled=1\n");
+  Pass(60);
+  ASSERT_EQ(Reloads(), 1);
+  EXPECT_EQ(Settings().Timeout, 200);
+  EXPECT_THAT(log_, Contains(StartsWith("Unable to save GreyListing database. Error 75.")));
+
+  std::filesystem::remove(in_the_way);
+  Window().Form_Unload();
+  EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
 }
 
 // A client and a server that speak to each other through the program while it reloads.

@@ -350,7 +350,10 @@ class GreyListingTimerTest : public MainWindowTest {
       ++background_saves_;
       if (save_succeeds_) saved(clock_.UniversalNow());
     };
-    program_.greylisting_hooks.save = [this] { saved_after_.push_back(log_.back()); };
+    program_.greylisting_hooks.save = [this] {
+      saved_after_.push_back(log_.back());
+      return GreyListingSaveResult{GreyListingSaveResult::Kind::kSaved, clock_.UniversalNow()};
+    };
   }
   ~GreyListingTimerTest() override { Window().Form_Unload(); }
 
@@ -383,6 +386,14 @@ TEST_F(GreyListingTimerTest, FailedSaveIsTriedAgainAtTheNextTick) {
   EXPECT_EQ(SavingMinutes(12), (std::vector<int>{10, 11, 12}));
   save_succeeds_ = true;
   EXPECT_EQ(SavingMinutes(12), (std::vector<int>{1, 11}));
+}
+
+TEST_F(GreyListingTimerTest, SaveBeforeAReloadCountsAsTheLastOne) {
+  Settings().GreyListing.Enabled = true;
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
+  EXPECT_TRUE(program_.SaveGreyListing());
+  EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
 }
 
 TEST_F(GreyListingTimerTest, NothingIsSavedWithoutGreylisting) {

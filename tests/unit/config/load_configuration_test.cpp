@@ -160,7 +160,11 @@ class LoadConfigurationTest : public testing::Test {
           return "proxy.test";
         },
         .dump_configuration = [this] { log_.LogLine("(dump)"); },
-        .save_greylisting = [this](const std::string& path) { log_.LogLine("(save " + path + ")"); },
+        .save_greylisting =
+            [this](const std::string& path) {
+              log_.LogLine("(save " + path + ")");
+              return can_save_;
+            },
         .load_greylisting = [this] { log_.LogLine("(load " + configuration_.GreyListing.Database + ")"); },
         .clear_greylisting = [this] { log_.LogLine("(clear)"); }};
     return LoadConfiguration(environment, configuration_, reload);
@@ -180,6 +184,7 @@ class LoadConfigurationTest : public testing::Test {
   RecordedLog log_;
   Configuration configuration_;
   int host_error_ = 0;
+  bool can_save_ = true;
 };
 
 constexpr const char* kReloaded = "Configuration reloaded because date/time of initialization file changed.";
@@ -221,6 +226,19 @@ TEST_F(LoadConfigurationTest, SavesToTheOldDatabaseAtAReload) {
   Write("[GreyListing]\nEnabled=1\nDatabase=/new\n");
   EXPECT_EQ(Load(true), LoadResult::kLoaded);
   EXPECT_EQ(log_.Take(), (Lines{kReloaded, "(save /old)", "(load /new)"}));
+}
+
+TEST_F(LoadConfigurationTest, LoadsNothingOverWhatCouldNotBeSaved) {
+  Write("[GreyListing]\nEnabled=1\nDatabase=/old\n");
+  Load();
+  log_.Take();
+  can_save_ = false;
+  Write("[GreyListing]\nEnabled=1\nDatabase=/new\n");
+  EXPECT_EQ(Load(true), LoadResult::kLoaded);
+  EXPECT_EQ(log_.Take(), (Lines{kReloaded, "(save /old)"}));
+  Write("");
+  EXPECT_EQ(Load(true), LoadResult::kLoaded);
+  EXPECT_EQ(log_.Take(), (Lines{kReloaded, "(save /new)", "(clear)"}));
 }
 
 TEST_F(LoadConfigurationTest, FollowsGreylistingSwitchedOffAndOn) {
