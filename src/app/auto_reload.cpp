@@ -59,8 +59,13 @@ bool AutoReload::ChangeCheck() {
   watch_->Rearm();
   last_date_check_ = now;
   try {
-    return FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck") !=
-           program_.ini_file.stamp;
+    const std::int64_t stamp =
+        FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
+    if (stamp == program_.ini_file.stamp) return false;
+    // Another file of the folder, a log perhaps, must not put the reload off for as long as it is written to.
+    if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return false;
+    awaited_stamp_ = stamp;
+    return true;
   } catch (const Error&) {
     return false;  // a file that cannot be asked counts as unchanged
   }

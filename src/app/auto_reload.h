@@ -2,6 +2,7 @@
 // stayed as it is for half a minute. Open sessions go on; a setting acts from its next use on.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -39,7 +40,8 @@ class AutoReload {
 
   void tmrAutoReload_Timer();
   void tmrAutoReloadDelay_Timer();
-  // Whether the file has another date than at the last successful read. Asked at most every 15 seconds.
+  // Whether the file has another date than at the last successful read, and not the one that the delay runs
+  // for already. Asked at most every 15 seconds.
   bool ChangeCheck();
   // Reads everything again and acts on what has changed; false when that failed, with the reason in the log.
   bool Reload();
@@ -54,6 +56,7 @@ class AutoReload {
   frmMain& window_;
   std::unique_ptr<ChangeWatch> watch_;
   std::optional<DateTime> last_date_check_;  // local time
+  std::int64_t awaited_stamp_ = 0;           // of the file that the delay runs for
   Timer tmrAutoReload;
   Timer tmrAutoReloadDelay;
 };

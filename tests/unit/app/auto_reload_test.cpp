@@ -138,6 +138,18 @@ TEST_F(AutoReloadTest, AnotherFileInTheFolderIsNoChange) {
   EXPECT_EQ(Reloads(), 0);
 }
 
+TEST_F(AutoReloadTest, OtherFilesDoNotPutTheReloadOff) {
+  Start();
+  Pass(20);
+  WriteIni("Timeout=200\n");
+  for (int i = 0; i < 4; ++i) {
+    Pass(8);
+    Write(folder_ / "Trabex-25.log", "a line more\n");
+  }
+  EXPECT_EQ(Settings().Timeout, 200);
+  EXPECT_EQ(Reloads(), 1);
+}
+
 TEST_F(AutoReloadTest, AFileRenamedOverItIsAChange) {
   Start();
   Pass(20);
