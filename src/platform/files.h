@@ -51,7 +51,11 @@ class AppendFile {
   std::intptr_t descriptor_ = -1;
 };
 
-// The whole file as bytes. Raises the numbers above with `source`.
+// The most that ReadWholeFile takes into memory: far more than any file that people write.
+inline constexpr std::uint64_t kGreatestWholeFile_bytes = std::uint64_t{256} * 1024 * 1024;
+
+// The whole file as bytes. Raises the numbers above with `source`, and 7 "Out of memory" for one that is
+// larger than the limit or than the memory there is.
 std::string ReadWholeFile(const std::string& path, const std::string& source);
 
 }  // namespace trabex

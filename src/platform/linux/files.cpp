@@ -8,6 +8,7 @@
 #include <array>
 #include <cerrno>
 #include <climits>
+#include <new>
 
 #include "base/error.h"
 #include "base/text.h"
@@ -34,6 +35,26 @@ const std::string& ProgramPath() {
     return found;
   }();
   return path;
+}
+
+// What is left of an open file of about `size` bytes. Raises std::bad_alloc when that is too much.
+std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
+  if (size > kGreatestWholeFile_bytes) throw std::bad_alloc();
+  // One byte of room beyond the size, so that the end of a file that does not grow is seen without growing
+  // the text.
+  std::string content(static_cast<std::size_t>(size) + 1, '\0');
+  std::size_t length = 0;
+  for (;;) {
+    const ssize_t got = read(file, content.data() + length, content.size() - length);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) RaiseFileError(errno, source);
+    if (got == 0) break;
+    length += static_cast<std::size_t>(got);
+    if (length > kGreatestWholeFile_bytes) throw std::bad_alloc();
+    if (length == content.size()) content.resize(content.size() * 2 + 4096);
+  }
+  content.resize(length);
+  return content;
 }
 
 }  // namespace
@@ -98,20 +119,11 @@ std::string ReadWholeFile(const std::string& path, const std::string& source) {
   if (!file) RaisePathError(errno, path, source);
   struct stat status {};
   if (fstat(file.Get(), &status) != 0) RaiseFileError(errno, source);
-  // One byte of room beyond the size, so that the end of a file that does not grow is seen without growing
-  // the text.
-  std::string content(static_cast<std::size_t>(status.st_size) + 1, '\0');
-  std::size_t length = 0;
-  for (;;) {
-    const ssize_t got = read(file.Get(), content.data() + length, content.size() - length);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) RaiseFileError(errno, source);
-    if (got == 0) break;
-    length += static_cast<std::size_t>(got);
-    if (length == content.size()) content.resize(content.size() * 2 + 4096);
+  try {
+    return ReadToEnd(file.Get(), static_cast<std::uint64_t>(status.st_size), source);
+  } catch (const std::bad_alloc&) {
+    throw Error(error_number::kOutOfMemory, source, "Out of memory");
   }
-  content.resize(length);
-  return content;
 }
 
 }  // namespace trabex

@@ -89,6 +89,15 @@ TEST(Files, FileWithoutAnnouncedSizeIsReadToItsEnd) {
   EXPECT_NE(own.find("Pid:"), std::string::npos);
 }
 
+TEST(Files, FileThatIsNoTextAnyMoreIsNotRead) {
+  const TempFolder folder;
+  WriteFile(folder / "x", "[Common]\n");
+  for (const std::uintmax_t size : {kGreatestWholeFile_bytes + 1, std::uintmax_t{1} << 42}) {
+    std::filesystem::resize_file(folder / "x", size);
+    EXPECT_EQ(ErrorOf([&] { ReadWholeFile(folder / "x", kSource); }), "7 mTest.Files Out of memory") << size;
+  }
+}
+
 TEST(Files, UnreadableFilesRaise) {
   const TempFolder folder;
   ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
