@@ -401,6 +401,17 @@ TEST(Xexch50, WhatIsACount) {
   }
 }
 
+TEST(Xexch50, WithoutACountItsReplyIsChangedLikeOthers) {
+  Dialogue d;
+  BringToTransaction(d);
+  for (const char* key : {"BadSeq", "BadSeq.Transaction", "XEXCH50.BadSeq.Transaction"}) {
+    d.configuration.ResponseChanges.Add(Appended(key, std::string(" > ") + key));
+  }
+  EXPECT_EQ(d.Says("XEXCH50 x 2"),
+            "<- 503 5.5.1 Bad sequence of commands. > BadSeq > BadSeq.Transaction > "
+            "XEXCH50.BadSeq.Transaction");
+}
+
 TEST(Xexch50, NoOctetsAreNoContent) {
   Dialogue d;
   BringToTransaction(d);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 
 #include "unit/proxy/dialogue.h"
@@ -94,6 +95,30 @@ TEST(ResponseChanges, AClientWithoutANameIsUnknown) {
   session.facts.host.clear();
   session.configuration.ResponseChanges.Add(WholeReply("NoPtr", "{%remotehostname%}"));
   EXPECT_EQ(session.Changed("NoPtr", "454 x"), "Unknown");
+}
+
+// The client gets its reply as it was built when a value in the changed wording cannot be had.
+TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
+  class NoAddress final : public SessionFacts {
+   public:
+    std::string ClientIP() const override { throw Error(40006, "test", "The client is gone."); }
+    bool IsLocalClient() const override { return false; }
+    std::string ClientHostName() const override { return ""; }
+    std::int64_t BytesReceived() const override { return 0; }
+    std::int64_t BytesSent() const override { return 0; }
+    bool Refused() const override { return false; }
+  };
+  Session session;
+  cReplaces replaces;
+  replaces.SetName("550");
+  replaces.Add("no", "never", false);
+  replaces.Add("never", "{%remotehostip%}", false);
+  session.configuration.ResponseChanges.Add(replaces);
+  const NoAddress facts;
+  const SessionMacros macros(session.configuration, session.clock, facts, session.state);
+  std::string reply = "550 no";
+  EXPECT_TRUE(ApplyResponseChanges("550", reply, session.configuration, macros));
+  EXPECT_EQ(reply, "550 no");
 }
 
 // Every key appends itself to the reply, so that the reply tells which ones were applied, and in which order.

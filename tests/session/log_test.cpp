@@ -1,0 +1,218 @@
+// Which lines of a session the level words let into the log.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+// Side and text of each line: "R > 250 ok".
+std::vector<std::string> Logged(int server_level, int client_level,
+                                const std::function<void(SessionWorld&)>& play) {
+  SessionWorld world;
+  world.Settings.LogLevelServer = server_level;
+  world.Settings.LogLevelRemote = client_level;
+  play(world);
+  std::vector<std::string> lines;
+  for (const std::string& line : world.LogLines()) {
+    lines.push_back(line.substr(0, 1) + line.substr(line.find(']') + 1));
+  }
+  return lines;
+}
+
+struct Line {
+  int bit;
+  const char* text;
+};
+
+// Every pair of levels lets in the lines of its bits, in their order, and no others.
+void ExpectLines(const std::vector<Line>& all, const std::function<void(SessionWorld&)>& play) {
+  for (const int server_level : {0, 1, 2, 4, 8, 15, 14, 13, 11, 7}) {
+    for (const int client_level : {0, 1, 2, 4, 8, 15, 14, 13, 11, 7}) {
+      std::vector<std::string> wanted;
+      for (const Line& line : all) {
+        if (line.bit & (line.text[0] == 'S' ? server_level : client_level)) wanted.emplace_back(line.text);
+      }
+      EXPECT_EQ(Logged(server_level, client_level, play), wanted) << server_level << " " << client_level;
+    }
+  }
+}
+
+TEST(LogLevels, OfAnOrdinarySession) {
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {8, "S Connected."},
+          {2, "S < 220 server ready\u00B6"},
+          {4, "R > 220 server ready"},
+          {2, "R < DATA\u00B6"},
+          {4, "R > 503 Bad sequence of commands."},
+          {2, "R < NOOP\u00B6"},
+          {4, "S > NOOP\u00B6"},
+          {2, "S < 250 ok\u00B6"},
+          {4, "R > 250 ok"},
+          {8, "R Disconnected. Bytes received/sent: 12/57"},
+          {8, "S Disconnected. Bytes received/sent: 26/6"},
+      },
+      [](SessionWorld& world) {
+        EXPECT_EQ(world.Play(R"(
+          S> 220 server ready
+          C= 220 server ready
+          C> DATA
+          C= 503 Bad sequence of commands.
+          C> NOOP
+          S= NOOP
+          S> 250 ok
+          C= 250 ok
+          C closes
+          closed S)"),
+                  "");
+      });
+}
+
+TEST(LogLevels, OfTooManyCommandsOutOfOrder) {
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {8, "S Connected."},
+          {2, "S < 220 server ready\u00B6"},
+          {4, "R > 220 server ready"},
+          {2, "R < DATA\u00B6"},
+          {4, "R > 503 Bad sequence of commands."},
+          {1, "R Maximum out-of-order commands exceeded. Closing connection."},
+          {8, "R Disconnected. Bytes received/sent: 6/49"},
+          {8, "S Disconnected. Bytes received/sent: 18/0"},
+      },
+      [](SessionWorld& world) {
+        world.Settings.MaxBadSeq = 0;
+        EXPECT_EQ(world.Play(R"(
+          S> 220 server ready
+          C= 220 server ready
+          C> DATA
+          C= 503 Bad sequence of commands.
+          wait 500
+          closed both)"),
+                  "");
+      });
+}
+
+struct DelayAll : GreylistCheck {
+  bool Delays(std::string_view, std::string_view, std::string_view, std::string_view) override {
+    return true;
+  }
+};
+
+TEST(LogLevels, OfAGreylistedCallback) {
+  DelayAll greylisting;
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {8, "S Connected."},
+          {2, "S < 220 server ready\u00B6"},
+          {4, "R > 220 server ready"},
+          {2, "R < HELO client.test\u00B6"},
+          {4, "S > HELO client.test\u00B6"},
+          {2, "S < 250 ok\u00B6"},
+          {4, "R > 250 ok"},
+          {2, "R < MAIL FROM:<>\u00B6"},
+          {4, "S > MAIL FROM:<>\u00B6"},
+          {2, "S < 250 ok\u00B6"},
+          {4, "R > 250 ok"},
+          {2, "R < RCPT TO:<u@local.test>\u00B6"},
+          {4, "S > RCPT TO:<u@local.test>\u00B6"},
+          {2, "S < 250 ok\u00B6"},
+          {4, "R > 250 ok"},
+          {2, "R < DATA\u00B6"},
+          {1, "R Connection broken due to Greylisting"},
+          {8, "R Disconnected. Bytes received/sent: 62/42"},
+          {8, "S Disconnected. Bytes received/sent: 42/56"},
+      },
+      [&](SessionWorld& world) {
+        world.Settings.LocalIPs = IPRangeList();
+        world.Greylisting = &greylisting;
+        world.Settings.GreyListing.Enabled = true;
+        world.Settings.GreyListing.CallbackSendersList.Add("[]", {.patterns = {"[]"}});
+        world.Settings.GreyListing.CallbackSenderAction = 3;
+        EXPECT_EQ(world.Play(R"(
+          S> 220 server ready
+          C= 220 server ready
+          C> HELO client.test
+          S= HELO client.test
+          S> 250 ok
+          C= 250 ok
+          C> MAIL FROM:<>
+          S= MAIL FROM:<>
+          S> 250 ok
+          C= 250 ok
+          C> RCPT TO:<u@local.test>
+          S= RCPT TO:<u@local.test>
+          S> 250 ok
+          C= 250 ok
+          C> DATA
+          closed both)"),
+                  "");
+      });
+}
+
+TEST(LogLevels, OfAServerThatRefuses) {
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {1, "S Error 10061. Connection refused."},
+          {4, "R > 421 proxy.test is temporarily unavailable."},
+          {8, "R Disconnected. Bytes received/sent: 0/44"},
+      },
+      [](SessionWorld& world) {
+        world.Server().Close();
+        EXPECT_EQ(world.Play("C= 421 proxy.test is temporarily unavailable.\nclosed C"), "");
+      });
+}
+
+TEST(LogLevels, OfATimeOut) {
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {4, "R > 454 Unable to verify DNS PTR record for 127.0.0.1."},
+          {1, "R Timeout exceeded. Closing connection."},
+          {8, "R Disconnected. Bytes received/sent: 0/52"},
+      },
+      [](SessionWorld& world) {
+        world.Settings.ValidateRDNS = 1;
+        world.Settings.Timeout = 10;
+        EXPECT_EQ(world.Play(R"(
+          C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+          wait 11000
+          timeouts are checked
+          closed C)"),
+                  "");
+      });
+}
+
+TEST(LogLevels, OfAClientThatResets) {
+  ExpectLines(
+      {
+          {8, "R Connection Request."},
+          {8, "S Connected."},
+          {2, "S < 220 server ready\u00B6"},
+          {4, "R > 220 server ready"},
+          {1, "R Error 10054. Connection reset by peer."},
+          {8, "R Disconnected. Bytes received/sent: 0/18"},
+          {8, "S Disconnected. Bytes received/sent: 18/0"},
+      },
+      [](SessionWorld& world) {
+        EXPECT_EQ(world.Play(R"(
+          S> 220 server ready
+          C= 220 server ready
+          C resets
+          closed S)"),
+                  "");
+      });
+}
+
+}  // namespace
+}  // namespace trabex
