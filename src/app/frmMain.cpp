@@ -1,6 +1,7 @@
 #include "app/frmMain.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "app/connection_row.h"
@@ -254,7 +255,9 @@ void frmMain::tmrLog_Timer() {
 
 void frmMain::tmrSaveGreyListing_Timer() {
   const DateTime now = program_.surroundings.clock.UniversalNow();
-  if (now - last_greylisting_save_ + kRounding < program_.configuration.GreyListing.SaveInterval) return;
+  // In either direction: a clock that was set back by days must not put the save off for as long.
+  const double passed = std::abs(now - last_greylisting_save_);
+  if (passed + kRounding < program_.configuration.GreyListing.SaveInterval) return;
   program_.greylisting_hooks.save_in_background([this](DateTime time) { GreyListingSaved(time); });
 }
 

@@ -388,6 +388,14 @@ TEST_F(GreyListingTimerTest, FailedSaveIsTriedAgainAtTheNextTick) {
   EXPECT_EQ(SavingMinutes(12), (std::vector<int>{1, 11}));
 }
 
+TEST_F(GreyListingTimerTest, ClockSetBackDoesNotPutTheSaveOff) {
+  Settings().GreyListing.Enabled = true;
+  ASSERT_TRUE(Window().Form_Load());
+  EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
+  clock_.SetNow(clock_.Now() - 1);
+  EXPECT_EQ(SavingMinutes(12), (std::vector<int>{1, 11}));
+}
+
 TEST_F(GreyListingTimerTest, SaveBeforeAReloadCountsAsTheLastOne) {
   Settings().GreyListing.Enabled = true;
   ASSERT_TRUE(Window().Form_Load());
