@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """The automatic reload for real: half a minute after the initialization file was saved, and with mail under way."""
 
-from trabex_system import DOMAIN, Story, main, without_received
+import os
+import subprocess
+
+from trabex_system import DOMAIN, LOOPBACK, Story, free_port, is_listening, main, run_trabex, without_received
 
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
 # The delay, two polls, and what a busy machine adds.
@@ -29,6 +32,59 @@ class Reload(Story):
         for line, code in ((f"MAIL FROM:<s@{DOMAIN}>", "250"), (f"RCPT TO:<r@{DOMAIN}>", "250"),
                            (f"RCPT TO:<q@{DOMAIN}>", "452"), ("QUIT", "221")):
             self.assertEqual(client.command(line)[:3], code, line)
+
+    def test_every_way_of_saving_and_what_follows(self):
+        # All at the same time, since each takes three quarters of a minute.
+        server = self.sample_server()
+        proxies = {way: self.trabex(server.port, {"Timeout": 100, "Log": 2}, start=False)
+                   for way in ("in place", "appended", "renamed", "stream editor", "touched", "link's target",
+                               "another port", "bad")}
+        target = self.place.new_folder("target") / "Trabex.ini"
+        linked = proxies["link's target"].ini
+        linked.rename(target)
+        linked.symlink_to(target)
+        for proxy in proxies.values():
+            proxy.start()
+
+        def text_of(way):
+            return proxies[way].ini.read_text(encoding="utf-8").replace("Timeout=100", "Timeout=200")
+
+        proxies["in place"].ini.write_text(text_of("in place"), encoding="utf-8")
+        with open(proxies["appended"].ini, "a", encoding="utf-8") as ini:
+            ini.write("MaxBadSeq=3\n")
+        proxies["renamed"].write_ini(Timeout=200)
+        subprocess.run(["sed", "-i", "s/Timeout=100/Timeout=200/", proxies["stream editor"].ini], check=True)
+        os.utime(proxies["touched"].ini)
+        target.write_text(text_of("link's target"), encoding="utf-8")
+        moved = proxies["another port"]
+        old_port, moved.port = moved.port, free_port()
+        session = self.connect((LOOPBACK, old_port))
+        self.assertEqual(session.read_reply()[:3], "220")
+        moved.write_ini(BindPort=moved.port)
+        told = self.connect(proxies["bad"].address)
+        self.assertEqual(told.read_reply()[:3], "220")
+        proxies["bad"].write_ini(IgnoreIniErrors=0, Timeout="soon")
+
+        for way, (key, value) in {"in place": ("Timeout", 200), "appended": ("MaxBadSeq", 3),
+                                  "renamed": ("Timeout", 200), "stream editor": ("Timeout", 200),
+                                  "touched": ("Timeout", 100), "link's target": ("Timeout", 200)}.items():
+            with self.subTest(way):
+                proxies[way].wait_for_log(RELOADED, 1, SECONDS)
+                dumped = proxies[way].log().split(RELOADED)[1]
+                self.assertIn(f"\r\n{key} = {value}\r\n", dumped)
+        with self.subTest("another port"):
+            moved.wait_for_log(f"Listen on: {LOOPBACK}:{moved.port}; ", 1, SECONDS)
+            self.assertTrue(is_listening(moved.port))
+            self.assertFalse(is_listening(old_port))
+            self.assertEqual(session.command("NOOP")[:3], "250", "the session from before goes on")
+            self.assertEqual(run_trabex("/X", "/P", moved.port)[0], 0)
+            self.assertEqual(moved.process.wait(), 0, "the exit request finds it by its new port")
+        with self.subTest("bad"):
+            self.assertEqual(told.read_reply()[:3], "421")
+            self.assertEqual(proxies["bad"].process.wait(SECONDS), 1)
+            log = proxies["bad"].log()
+            self.assertIn("Value is not a number: \"soon\".", log)
+            self.assertTrue(log.endswith(" stopped.\r\n"), log[-300:])
 
 
 if __name__ == "__main__":
