@@ -99,6 +99,10 @@ class CSocketMaster final : public SocketSink {
   void Bind(std::optional<std::int32_t> LocalPort = std::nullopt, const std::string& LocalIP = {});
   // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are.
   void SendData(std::string_view Data);
+  // Whether the last words of a peer that broke the connection are read although a send failed: the send is
+  // taken for lost then, and the end is told behind them. False at first: a failed send is an Error at once.
+  // Only for an owner that goes on reading whatever becomes of its sends.
+  void SetHearsOut(bool blnHearsOut) { hears_out_ = blnHearsOut; }
   // The bytes received, MaxLen at most (0: one chunk of the socket's receive buffer); returns their number.
   // PeekData leaves them to be read again.
   std::int32_t GetData(std::string& Data, std::int32_t MaxLen = 0);
@@ -173,9 +177,11 @@ class CSocketMaster final : public SocketSink {
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
   std::string remote_host_ip_;
-  ByteQueue send_;            // accepted and not sent
-  bool send_broken_ = false;  // the peer broke the connection while something it said waits to be read
-  ByteQueue receive_;         // received and not consumed: what PeekData left
+  ByteQueue send_;  // accepted and not sent
+  bool hears_out_ = false;
+  // With hears_out_: the peer broke the connection while something it said waits to be read.
+  bool send_broken_ = false;
+  ByteQueue receive_;  // received and not consumed: what PeekData left
   LookupId host_lookup_ = 0;
   std::unique_ptr<Rare> rare_;
 };

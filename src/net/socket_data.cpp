@@ -67,9 +67,8 @@ std::size_t CSocketMaster::SendPieces(std::string_view data, int& error) {
 void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   bytes_sent_ += static_cast<std::int64_t>(sent);
   if (error != 0) {
-    // What the peer said before it broke the connection is read first; its end is told behind that.
     std::size_t waiting = 0;
-    if (module_.sockets_.Available(socket_, waiting) == 0 && waiting > 0) {
+    if (hears_out_ && module_.sockets_.Available(socket_, waiting) == 0 && waiting > 0) {
       send_.Clear();
       send_broken_ = true;
       return;

@@ -61,6 +61,8 @@ cProxy::cProxy(SessionHost& host)
       Sender(host.sockets),
       commands_(host.configuration, host.clock, *this, state_, host.greylisting),
       replies_(host.configuration, host.clock, *this, state_) {
+  // What it said explains its going, and is for the client; a client that is gone has nobody to answer to.
+  Sender.SetHearsOut(true);
   Receiver.Events.Connect = [this] { RunHandler("cProxy.Receiver_Connect", [this] { Receiver_Connect(); }); };
   Receiver.Events.DataArrival = [this] {
     RunHandler("cProxy.Receiver_DataArrival", [this] { Receiver_DataArrival(); });

@@ -15,6 +15,21 @@ TEST(Closing, TheClientHangsUp) {
     log S: {*] Disconnected. Bytes received/sent: *)");
 }
 
+TEST(Closing, AClientThatSentAheadAndBreaksOffEndsTheSession) {
+  // Before the greeting, and while a reply is owed: it fails to reach the client, whose next lines are not taken.
+  PlayBothWays({}, R"(
+    C! EHLO c.test\r\nNOOP\r\n
+    C resets
+    S> 220 ready
+    closed S)");
+  PlayBothWays({}, Greeted() + R"(
+    C! NOOP\r\nNOOP\r\n
+    S= NOOP
+    C resets
+    S> 250 ok
+    closed S)");
+}
+
 TEST(Closing, TheServerHangsUp) {
   PlayBothWays({}, Greeted() + "S closes\nclosed C");
 }

@@ -186,8 +186,18 @@ TEST_F(SendTest, ToAConnectionThatWasResetIsAnErrorEvent) {
   EXPECT_EQ(module.LingeringCount(), 0U);
 }
 
+TEST_F(SendTest, ToAConnectionThatWasResetIsAnErrorThoughSomethingWaits) {
+  Connection();
+  peer->Send("last words");
+  ExpectEvents(*accepted, "DataArrival");
+  ResetHere();
+  Ours().SendData("hello");
+  EXPECT_EQ(accepted->Take(), "Error(10054)");
+}
+
 TEST_F(SendTest, ToAConnectionThatWasResetLetsWhatThePeerSaidBeforeBeReadFirst) {
   Connection();
+  Ours().SetHearsOut(true);
   peer->Send("last words");
   ExpectEvents(*accepted, "DataArrival");
   ResetHere();
