@@ -271,7 +271,8 @@ LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
     state_.BeginTransaction(address.value_or(path.address));
     return ForwardAsIs(line);
   }
-  if (path.verdict == PathArgument::Verdict::kSyntaxError || !address) {
+  if (path.verdict == PathArgument::Verdict::kSyntaxError || !address ||
+      !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kMailAddressSyntax, ""});
   }
   state_.Sender = *address;
@@ -322,7 +323,8 @@ LineDecision ClientCommandFilter::ProcessRcpt(const Line& line) {
   }
   // An address that is routed on needs no one form: the relaying test refuses it.
   const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(path.address);
-  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(address || relayed)) {
+  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(address || relayed) ||
+      !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kRcptAddressSyntax, ""});
   }
   state_.Recipient = address.value_or(path.address);

@@ -9,6 +9,14 @@
 
 namespace trabex {
 
+namespace {
+
+bool IsKeywordByte(char byte) {
+  return IsDigit(byte) || (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') || byte == '-';
+}
+
+}  // namespace
+
 std::string_view FirstParameter(std::string_view rest) {
   return FirstWord(Trim(rest));
 }
@@ -27,6 +35,17 @@ bool IsLastChunk(std::string_view rest) {
   if (at == std::string_view::npos) return false;
   const std::size_t behind = at + kLast.size();
   return behind == rest.size() || rest[behind] == ' ';
+}
+
+bool AreKeywordParameters(std::string_view parameters) {
+  while (!(parameters = Trim(parameters)).empty()) {
+    const std::string_view word = FirstWord(parameters);
+    const std::string_view keyword = word.substr(0, word.find('='));
+    if (keyword.empty() || keyword.front() == '-') return false;
+    if (!std::all_of(keyword.begin(), keyword.end(), IsKeywordByte)) return false;
+    parameters.remove_prefix(word.size());
+  }
+  return true;
 }
 
 std::optional<FixedPoint> DeclaredSize(std::string_view parameters) {

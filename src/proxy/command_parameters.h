@@ -22,6 +22,11 @@ std::optional<std::uint64_t> OctetCount(std::string_view word);
 // first of them is followed by nothing or a blank.
 bool IsLastChunk(std::string_view rest);
 
+// Whether `parameters`, which is what follows an address with the blank before it, is a list of words as RFC
+// 5321 section 4.1.2 has them: each a keyword (letters, digits, "-", a letter or digit first), alone or with
+// "=" and a value. The value may be empty and hold anything, which is more than the RFC lets it.
+bool AreKeywordParameters(std::string_view parameters);
+
 // The greatest of the SIZE= values in `parameters` that consist of digits (RFC 1870): of several, servers
 // take one or the other. What is beyond the type counts as the greatest whole number in it.
 std::optional<FixedPoint> DeclaredSize(std::string_view parameters);

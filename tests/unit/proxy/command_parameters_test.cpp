@@ -31,6 +31,18 @@ TEST(CommandParameters, TheLastChunk) {
     EXPECT_FALSE(IsLastChunk(rest)) << rest;
 }
 
+TEST(CommandParameters, Keywords) {
+  for (const char* parameters :
+       {"", " ", " A", " SIZE=5", " SIZE=12abc", "  BODY=8BITMIME   X-Y=z  ", " AUTH=<>", " A= 8BITMIME",
+        " ORCPT=rfc822;a+3Db@c.test", " A=B=C", " RET=\xC3\xA4"}) {
+    EXPECT_TRUE(AreKeywordParameters(parameters)) << parameters;
+  }
+  for (const char* parameters : {" <a@b>", " a@b", " SIZE=5 <a@b>", " (SIZE=5)", " =5", " A =5", " -A",
+                                 " A_B=1", " \"A\"", " ,", " \xC3\xA4=1", " A B: C"}) {
+    EXPECT_FALSE(AreKeywordParameters(parameters)) << parameters;
+  }
+}
+
 TEST(CommandParameters, DeclaredSizes) {
   constexpr FixedPoint kGreatest =
       std::numeric_limits<FixedPoint>::max() - std::numeric_limits<FixedPoint>::max() % kFixedPointOne;
