@@ -13,7 +13,8 @@ The head: what stands after "#" is comment;
                 a remote one, its sender good@local.test, its recipient good@local.test
     direct:     the servers that the trick reaches when nothing stands in front, of scripted, postfix, exim and
                 opensmtpd; or none
-    open:       why it is let through, or stalls, for the time being; not counted, but told
+    owes:       what the scripted server never says; the client's end is heard behind it only, so that the session is
+                left to that server's patience
     set:        a setting that it needs (Key=Value), beside the common ones; any number
     on X:       what the scripted server says to the command X instead ("greeting": at the start, "content": after the
                 content, "BDAT!": before it has read the octets); the first line counts for the first X and so on.
@@ -101,7 +102,7 @@ class HostileSession:
         self.comment = ""
         self.after = None
         self.direct = None
-        self.open = None
+        self.owes = None
         self.settings = {}
         self.replies = {}  # command to the list of what the scripted server says, each a list of segments
         self.steps = []
@@ -139,8 +140,8 @@ class HostileSession:
             self.direct = set() if value == "none" else set(value.split(", "))
             if not self.direct <= set(SERVERS):
                 raise ValueError("no such server")
-        elif key == "open":
-            self.open = value
+        elif key == "owes":
+            self.owes = value
         elif key == "set":
             name, setting = value.split("=", 1)
             self.settings[name] = setting

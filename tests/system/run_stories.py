@@ -58,6 +58,11 @@ def main():
                   f"{count[0]} passed, {count[1]} failed, {count[2]} skipped")
             if count[1]:
                 print(said)
+            else:
+                # What a story has to say beside how its cases went.
+                for line in said.splitlines()[:-1]:
+                    if not line.startswith(" "):
+                        print(f"    {running[done]}: {line}")
             sys.stdout.flush()
     print(f"{total[0]} passed, {total[1]} failed, {total[2]} skipped")
     sys.exit(1 if total[1] else 0)

@@ -301,11 +301,15 @@ class OpenSmtpd(_MaildirServer):
 
     def settle(self):
         """Waits until nobody is connected any more and what there was to log is in the log."""
-        def all_gone():
-            log = self.log()
-            return log.count(" smtp connected ") == log.count(" smtp disconnected ")
+        def sessions(event):
+            return set(re.findall(rf"^(\w+) smtp {event} ", self.log(), re.MULTILINE))
 
-        wait_until(all_gone, "OpenSMTPD's sessions to end")
+        try:
+            wait_until(lambda: sessions("connected") == sessions("disconnected"), "OpenSMTPD's sessions to end")
+        except AssertionError as late:
+            left = tuple(sessions("connected") - sessions("disconnected"))
+            lines = "\n".join(line for line in self.log().splitlines() if line.startswith(left))
+            raise AssertionError(f"{late}:\n{lines}") from None
 
     def queued(self):
         """The text of the envelopes of everything in the queue."""
