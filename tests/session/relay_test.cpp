@@ -1,6 +1,12 @@
 // What goes through, in which order, and when it waits.
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <utility>
+
 #include "base/text.h"
 #include "session/dialogues.h"
 #include "session/transcript.h"
@@ -197,6 +203,39 @@ TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
     S= NOOP
     S= nothing
     C= nothing)");
+}
+
+// Its lines wait in its own connection, and none of the proxy's memory goes to replies that nobody takes.
+TEST(Relay, AClientThatDoesNotReadIsHeld) {
+  constexpr std::size_t kMost_bytes = std::size_t{64} << 20;
+  SessionWorld world;
+  world.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
+  const std::string reply = "503 " + std::string(2000, 'x');
+  cReplaces replaces;
+  replaces.SetName("BadSeq");
+  replaces.Add("", reply, true);
+  world.Settings.ResponseChanges.Add(replaces);
+  ASSERT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  TestPeer client = std::move(world.ClientPeer());  // nobody else reads it now
+  const std::string line = "RCPT " + std::string(1000, 'x') + "\r\n";
+  std::size_t sent = 0;
+  for (std::size_t more = 1; more > 0 && sent < kMost_bytes; sent += more) {
+    more = client.Send(std::string_view(line).substr(sent % line.size()));
+    if (more == 0) {
+      world.Settle();
+      more = client.Send(std::string_view(line).substr(sent % line.size()));
+    }
+  }
+  EXPECT_LT(sent, kMost_bytes);
+
+  // As soon as it reads, it gets every reply.
+  const std::size_t wanted_bytes = sent / line.size() * (reply.size() + 2);
+  const auto all_there = [&] {
+    client.Poll();
+    return client.Received().size() >= wanted_bytes;
+  };
+  EXPECT_TRUE(world.Until(all_there)) << client.Received().size() << " of " << wanted_bytes;
+  EXPECT_EQ(client.Received().size(), wanted_bytes);
 }
 
 TEST(Relay, AnUnaskedReplyReachesTheClientAndChangesNothing) {
