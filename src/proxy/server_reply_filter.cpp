@@ -1,6 +1,8 @@
 #include "proxy/server_reply_filter.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <utility>
 
 #include "base/text.h"
@@ -99,6 +101,10 @@ void ServerReplyFilter::FollowReply(std::string_view code, std::string_view repl
   if (code == "250") FollowAccepted();
   if (code == "354") FollowContentWanted(decision);
   if (code == "355" && state_.Forwarded == Command::kMail) state_.TransactionOpen = true;
+  // The server closes now; what the client still sends is for nobody.
+  if (code == "221" && state_.Forwarded == Command::kQuit) {
+    state_.Content.BeginDrop(std::numeric_limits<std::uint64_t>::max());
+  }
 }
 
 void ServerReplyFilter::FollowAccepted() {

@@ -62,6 +62,31 @@ TEST(Closing, WhatTheClientSentAheadDoesNotCostItTheReply) {
     closed C)");
 }
 
+// The server is about to close: whatever follows would only bring a second farewell, of an error.
+TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
+  const std::string good_bye = Greeted() + R"(
+    C! QUIT\r\nNOOP\r\nDATA\r\n
+    S= QUIT
+    S> 221 bye
+    C= 221 bye
+    C> NOOP
+    S= nothing
+    C= nothing
+)";
+  PlayBothWays({}, good_bye + "S closes\nclosed C");
+  // It need not be the server that hangs up.
+  PlayBothWays({}, good_bye + "C closes\nclosed S");
+}
+
+TEST(Closing, AServerThatDoesNotSayGoodByeIsStillThere) {
+  PlayBothWays({}, Greeted() + R"(
+    C! QUIT\r\nNOOP\r\n
+    S= QUIT
+    S> 500 stay
+    C= 500 stay
+    S= NOOP)");
+}
+
 TEST(Closing, TheServerResets) {
   PlayBothWays({}, Greeted() + R"(
     S resets

@@ -427,6 +427,25 @@ TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
   EXPECT_FALSE(d.state.Content.Active());
 }
 
+TEST(ServerReply, AfterTheGoodByeWhatTheClientSendsIsDropped) {
+  const struct {
+    const char* command;
+    const char* reply;
+    bool dropped;
+  } rows[] = {
+      {"QUIT", "221 bye\r\n", true},   {"quit", "221-bye\r\n221 bye\r\n", true},
+      {"QUIT", "500 stay\r\n", false}, {"QUIT", "221-bye\r\n500 stay\r\n", false},
+      {"NOOP", "221 bye\r\n", false},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(row.command), std::string("-> ") + row.command);
+    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
+    EXPECT_EQ(d.state.Content.Dropping(), row.dropped) << row.command << " " << row.reply;
+  }
+}
+
 // --- response changes
 
 TEST(ServerReply, IsChangedByCodeThenByCommandAndCode) {
