@@ -14,7 +14,7 @@ class Clock {
  public:
   virtual ~Clock() = default;
 
-  // The local date and time.
+  // The local date and time, in whole seconds: the second that is running.
   virtual DateTime Now() const = 0;
   // Universal minus local time in minutes, daylight saving included; -180 east of Greenwich by three hours.
   virtual int TimeZoneBias() const = 0;

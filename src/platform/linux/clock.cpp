@@ -15,10 +15,11 @@ long SystemClock::BiasSeconds(std::int64_t now) const {
   return bias_ = -local.tm_gmtoff;
 }
 
+// Texts of a time are rounded to the nearest second; without its fraction none of them is ahead of the time.
 DateTime SystemClock::Now() const {
   timeval now{};
   gettimeofday(&now, nullptr);
-  return FromUnix(now.tv_sec - BiasSeconds(now.tv_sec), static_cast<int>(now.tv_usec));
+  return FromUnix(now.tv_sec - BiasSeconds(now.tv_sec), 0);
 }
 
 int SystemClock::TimeZoneBias() const {

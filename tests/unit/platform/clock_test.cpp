@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <ctime>
 #include <optional>
@@ -86,6 +87,13 @@ TEST(SystemClock, LocalTimePlusBiasIsUniversalTime) {
     EXPECT_GE(universal, before - kRounding) << name;
     EXPECT_LE(universal, after + kRounding) << name;
   }
+}
+
+// A fraction would be rounded: half of all log lines and dates of messages would be a second ahead.
+TEST(SystemClock, GivesTheSecondThatIsRunning) {
+  const SystemClock clock;
+  const double seconds = (clock.Now() - kUnixEpoch) * kSecondsPerDay;
+  EXPECT_NEAR(seconds, std::round(seconds), 0.0001);
 }
 
 TEST(SystemClock, MonotonicTimeNeverGoesBack) {
