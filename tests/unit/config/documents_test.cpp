@@ -1,6 +1,7 @@
-// The reference of settings and the sample file say what the program does.
+// The reference of settings, the sample file and the table of folders say what there is.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -122,6 +123,21 @@ TEST(SampleFile, ShowsEverySettingAndTheDefaultOfWhatIsCommentedOut) {
     keys.erase(name);
   }
   for (const auto& [name, line] : keys) ADD_FAILURE() << name << " is no setting";
+}
+
+TEST(Readme, NamesEveryFolder) {
+  const std::string text = SourceFile("README.md");
+  for (const char* parent : {"", "src", "tests"}) {
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::string(TRABEX_SOURCE_DIR "/") + parent)) {
+      const std::string name = entry.path().lexically_relative(TRABEX_SOURCE_DIR);
+      // What is hidden or built is no part of the sources; some of the others stand with what they hold.
+      if (!entry.is_directory() || name.starts_with('.') || name == "build" || name == "cmake") continue;
+      const bool named = text.find("`" + name + "`") != std::string::npos ||
+                         text.find("`" + name + "/") != std::string::npos;
+      EXPECT_TRUE(named) << name;
+    }
+  }
 }
 
 TEST(SampleFile, LoadsWithoutAnyError) {
