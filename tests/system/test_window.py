@@ -158,6 +158,9 @@ class Content(Window):
         self.wait_for_rows(terminal, 3)
         terminal.resize(20, 2)
         terminal.wait_for(lambda lines: lines[0] == self.status_line()[:20].rstrip(), "a narrow status line")
+        # Where nothing can be shown, and there is nowhere to scroll.
+        terminal.resize(1, 1)
+        terminal.keys("Down", "NPage", "End", "Home", "m", "m")
         terminal.resize(100, 30)
         self.wait_for_rows(terminal, 20)
         self.assertServes()
