@@ -92,8 +92,11 @@ void ServerReplyFilter::FollowReply(std::string_view code, std::string_view repl
     decision.content_cut_off = true;
     return;
   }
+  const bool asks_for_data = CodeOf(LastLine(reply)) == "334";
+  // A server that speaks again instead of waiting for the data has given up, and reads commands.
+  if (!asks_for_data) state_.AuthenticationData = false;
   if (expected != ReplyExpected::kCommand) return;
-  if (state_.Forwarded == Command::kAuth && CodeOf(LastLine(reply)) == "334") {
+  if (state_.Forwarded == Command::kAuth && asks_for_data) {
     state_.AuthenticationData = true;
     return;
   }

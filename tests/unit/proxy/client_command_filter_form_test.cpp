@@ -368,6 +368,29 @@ TEST(Authentication, OnlyAReplyToAuthAsksForData) {
     <- 502 5.5.1 Command not implemented.)");
 }
 
+// It has given up: what it reads next, it reads as a command.
+TEST(Authentication, AServerThatSpeaksAgainWaitsForNoData) {
+  const struct {
+    const char* reply;
+    bool data;
+  } rows[] = {
+      {"535 too slow\r\n", false},     {"421-too\r\n421 slow\r\n", false},
+      {"334-a\r\n250 b\r\n", false},   {"\r\n", false},
+      {"334 still waiting\r\n", true},
+  };
+  for (const auto& row : rows) {
+    Dialogue d;
+    d.Greet();
+    d.Run(R"(
+      C: AUTH LOGIN
+      -> AUTH LOGIN
+      S: 334 VXNlcm5hbWU6
+      <- 334 VXNlcm5hbWU6)");
+    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
+    EXPECT_EQ(d.Says("XCLIENT ADDR=127.0.0.1"), row.data ? "-> XCLIENT ADDR=127.0.0.1" : kNotImplemented);
+  }
+}
+
 TEST(Authentication, DataWithAControlCharacterEndsTheSession) {
   Dialogue d;
   d.Greet();
