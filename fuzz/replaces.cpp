@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                                       : lines[line].substr(equals + (case_sensitive ? 2 : 1)));
     // A rule alone may multiply a text as its author likes; only what the macros do is bounded.
     replaces.Add(search, replacement.substr(0, 40), case_sensitive);
-    table.rules.push_back({search, replacement});
+    table.Add(search, replacement);
     cReplaces alone;
     alone.Add("", replacement, case_sensitive);
     std::string text = original;

@@ -334,7 +334,7 @@ void WriteResponseChanges(Writer& writer, const ResponseChangeTable& table) {
 void WriteReplacements(Writer& writer, std::string_view section, const ReplacementTable& table) {
   writer.Separator('-');
   writer.Header(section);
-  for (const ReplacementTable::Rule& rule : table.rules) writer.Scalar(rule.key, rule.value);
+  for (const ReplacementTable::Rule& rule : table.Rules()) writer.Scalar(rule.key, rule.value);
 }
 
 void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configuration& configuration) {

@@ -118,14 +118,13 @@ FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::st
 
 ReplacementTable GetReplacementTable(const IniErrors& errors, const SectionTable& section) {
   ReplacementTable table;
-  table.rules.reserve(section.Entries().size());
   for (const SectionTable::Entry& entry : section.Entries()) {
     if (!IsPatternList(entry.key)) {
       ReportConfigError(errors, section.Name(), entry.key, error_number::kBadPattern,
                         "Invalid Regular Expression in key name.");
       continue;
     }
-    table.rules.push_back({std::string(entry.key), std::string(entry.first_value)});
+    table.Add(std::string(entry.key), std::string(entry.first_value));
   }
   return table;
 }

@@ -188,9 +188,9 @@ TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
 TEST(Rcpt, AddressesAreReplaced) {
   PlayBothWays(
       [](SessionWorld& world) {
-        world.Settings.SenderReplacementsLocal.rules = {{"a@*", "z@out.test"}};
-        world.Settings.RecipientReplacementsLocal.rules = {{"nobody@*", "n@x"},
-                                                           {"\"u@local.test\"", "v@local.test"}};
+        world.Settings.SenderReplacementsLocal = {{"a@*", "z@out.test"}};
+        world.Settings.RecipientReplacementsLocal = {{"nobody@*", "n@x"},
+                                                     {"\"u@local.test\"", "v@local.test"}};
       },
       Greeted() + R"(
     C> MAIL FROM:<a@b.test> BODY=8BITMIME

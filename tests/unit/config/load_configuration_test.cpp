@@ -95,10 +95,10 @@ TEST(ReadSettings, ReadsTheSectionsOfRules) {
   ASSERT_TRUE(loaded.result);
   EXPECT_NE(loaded.configuration.ResponseChanges.Find("rcpt.greylisted"), nullptr);
   using Rules = std::vector<ReplacementTable::Rule>;
-  EXPECT_EQ(loaded.configuration.SenderReplacementsLocal.rules, (Rules{{"a", "1"}}));
-  EXPECT_EQ(loaded.configuration.SenderReplacementsRemote.rules, (Rules{{"b", "2"}}));
-  EXPECT_EQ(loaded.configuration.RecipientReplacementsLocal.rules, (Rules{{"c", "3"}}));
-  EXPECT_EQ(loaded.configuration.RecipientReplacementsRemote.rules, (Rules{{"d", "4"}}));
+  EXPECT_EQ(loaded.configuration.SenderReplacementsLocal.Rules(), (Rules{{"a", "1"}}));
+  EXPECT_EQ(loaded.configuration.SenderReplacementsRemote.Rules(), (Rules{{"b", "2"}}));
+  EXPECT_EQ(loaded.configuration.RecipientReplacementsLocal.Rules(), (Rules{{"c", "3"}}));
+  EXPECT_EQ(loaded.configuration.RecipientReplacementsRemote.Rules(), (Rules{{"d", "4"}}));
 }
 
 TEST(ReadSettings, PassesOverUnknownKeys) {
@@ -141,8 +141,8 @@ TEST(ReadSettings, LeavesALoadThatStopsHalfWayAsItIs) {
                            now.GreyListing.Enabled,
                            now.GreyListing.Delay == 2 / 1440.0,
                            now.ResponseChanges.Find("a")->Item(0) == "<2>",
-                           now.SenderReplacementsLocal.rules[0].value == "2",
-                           now.RecipientReplacementsLocal.rules[0].value == "2"};
+                           now.SenderReplacementsLocal.Rules()[0].value == "2",
+                           now.RecipientReplacementsLocal.Rules()[0].value == "2"};
     for (int index = 0; index < 8; ++index) EXPECT_EQ(is_new[index], index < row.changed) << index;
   }
 }

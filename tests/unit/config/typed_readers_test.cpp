@@ -200,7 +200,7 @@ TEST(GetReplacementTable, KeepsTheOrderOfTheFileAndLeavesOutBadKeys) {
 
   ReadText read(text + bad_keys, false);
   ASSERT_TRUE(read.result);
-  EXPECT_EQ(mCommon::GetReplacementTable({read.log, true}, read.store.Section(section)).rules, good);
+  EXPECT_EQ(mCommon::GetReplacementTable({read.log, true}, read.store.Section(section)).Rules(), good);
   Lines reports;
   for (const char* key : {"x[bad", "fine,x[z-a]", "\"open", "x\"y", "x[a,b]", "\"a\"b\"c"}) {
     reports.push_back(ConfigErrorLine(section, key, 93, "Invalid Regular Expression in key name."));

@@ -3,10 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
+#include "base/error.h"
 #include "match/address_replacement.h"
+#include "match/mText.h"
 #include "support/expect_error.h"
 
 namespace trabex {
@@ -295,13 +299,13 @@ TEST(ResponseChangeTable, KeepsListsWithRulesByName) {
 }
 
 TEST(FindAddressReplacement, TakesTheFirstKeyThatMatches) {
-  const ReplacementTable table{{
+  const ReplacementTable table{
       {"a@x.test", "first@y.test"},
       {"*@x.test []b*", "second@y.test"},
       {"\"odd, one@x.test\",b2@x.test", "third@y.test"},
       {"*@x.test", "fourth@y.test"},
       {"\"\"", "empty@y.test"},
-  }};
+  };
   const struct {
     const char* address;
     std::optional<std::string> value;
@@ -316,16 +320,53 @@ TEST(FindAddressReplacement, TakesTheFirstKeyThatMatches) {
 }
 
 TEST(FindAddressReplacement, EmptyPiecesOfAKeyMatchNothing) {
-  const ReplacementTable table{{{"a,,b", "x"}, {"", "y"}, {" , ", "z"}}};
+  const ReplacementTable table{{"a,,b", "x"}, {"", "y"}, {" , ", "z"}};
   EXPECT_EQ(FindAddressReplacement("", table), std::nullopt);
   EXPECT_EQ(FindAddressReplacement("other", table), std::nullopt);
   EXPECT_EQ(FindAddressReplacement("b", table), "x");
 }
 
+// As if all keys were tried in their order.
+TEST(FindAddressReplacement, FindsPlainKeysAsIfTheyWereTried) {
+  const std::vector<std::string> pieces = {"a",  "B",    "@",  ".", "*", "?",  "#",
+                                           "[]", "[ab]", "[!", ",", " ", "\"", ""};
+  const mText::ComplexForm form{true, true, "\"", "\"", true};
+  std::mt19937 random(7);
+  const auto some = [&](std::size_t kinds) {
+    std::string text;
+    for (int count = 0; count < 3; ++count) text += pieces[random() % kinds];
+    return text;
+  };
+  int found = 0;
+  for (int round = 0; round < 20000; ++round) {
+    ReplacementTable table;
+    for (std::size_t number = 0; number < 6; ++number) {
+      const std::string key = some(random() % 2 ? 4 : pieces.size());
+      if (mText::IsInvalidPattern(key)) continue;
+      table.Add(key, std::to_string(number));
+    }
+    const std::string address = some(4);
+    std::optional<std::string> expected;
+    try {
+      for (const ReplacementTable::Rule& rule : table.Rules()) {
+        if (!mText::LikeTextComplex(address, rule.key, form)) continue;
+        expected = rule.value;
+        break;
+      }
+    } catch (const Error&) {
+      EXPECT_THROW(FindAddressReplacement(address, table), Error);
+      continue;
+    }
+    ASSERT_EQ(FindAddressReplacement(address, table), expected) << address;
+    found += expected.has_value() ? 1 : 0;
+  }
+  EXPECT_GT(found, 1000);
+}
+
 TEST(FindAddressReplacement, PassesFailuresOn) {
   ExpectError(
       [] {
-        FindAddressReplacement("a", {{{"b[", "x"}}});
+        FindAddressReplacement("a", {{"b[", "x"}});
       },
       93, "mText.LikeTextComplex", "Invalid Regular Expression in string: \"b[\".");
 }

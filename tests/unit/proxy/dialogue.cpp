@@ -46,7 +46,7 @@ ExpressionList ListOf(std::initializer_list<std::string_view> patterns) {
 }
 
 ReplacementTable TableOf(std::initializer_list<ReplacementTable::Rule> rules) {
-  return ReplacementTable{rules};
+  return ReplacementTable(rules);
 }
 
 cReplaces WholeReply(std::string name, std::string text) {
