@@ -106,6 +106,12 @@ def queued_bytes(port):
             sum(row.unread for row in rows if row.local_port == port))
 
 
+def unread_bytes(*ports):
+    """What the clients of the servers on these ports have not read yet, for each port."""
+    rows = [row for row in sockets_of_system() if row.state == SystemSocket.ESTABLISHED]
+    return tuple(sum(row.unread for row in rows if row.remote_port == port) for port in ports)
+
+
 class Place:
     """A temporary folder and everything that has to be put away, in reverse order, when it is left."""
 

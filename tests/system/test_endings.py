@@ -6,7 +6,7 @@ import threading
 
 from messages import binary_lines, text_message
 from trabex_system import (DOMAIN, LOOPBACK, HungUp, Options, Smtp, Story, bound, connections_to, describe_difference,
-                           free_port, keeps_freed_memory, main, polite_server, queued_bytes, wait_until)
+                           free_port, keeps_freed_memory, main, polite_server, queued_bytes, unread_bytes, wait_until)
 
 UNAVAILABLE = "421 proxy.example is temporarily unavailable."
 
@@ -244,17 +244,26 @@ class Client(Story):
         self.assertEqual(server.count(), 1)
 
     def test_reads_slowly(self):
-        """A long reply to a client with a small buffer."""
-        lines = "".join(f"250-line {number} of a long reply\r\n" for number in range(20_000)) + "250 end\r\n"
+        """A reply that is longer than all buffers between, to a client that reads late."""
+        lines = "".join(f"250-line {number} of a long reply\r\n" for number in range(400_000)) + "250 end\r\n"
 
         def long_reply(connection, line):
             connection.send(lines.encode("ascii"))
 
-        proxy = self.front(self.scripted_server(polite_server(replies={"HELP": long_reply})).port)
+        server = self.scripted_server(polite_server(replies={"HELP": long_reply}))
+        proxy = self.front(server.port)
         client = self.connect(proxy.address, receive_buffer=4096)
         client.read_reply()
         client.command("EHLO client.example")
-        reply = client.command("HELP").replace("\n", "\r\n") + "\r\n"
+        client.send_line("HELP")
+        seen = []
+
+        def standstill():
+            seen.append(unread_bytes(proxy.port, server.port))
+            return len(seen) > 20 and min(seen[-1]) > 0 and len(set(seen[-20:])) == 1
+
+        wait_until(standstill, "the server to be held")
+        reply = client.read_reply().replace("\n", "\r\n") + "\r\n"
         self.assertEqual(describe_difference(lines, reply), "")
         self.assertEqual(client.command("QUIT"), "221 bye")
 
