@@ -102,6 +102,19 @@ TEST(Admission, BlackListedName) {
     C= 503 Bad sequence of commands.)");
 }
 
+TEST(Admission, NameOutsideTheAllowList) {
+  const auto configure = [](SessionWorld& world) {
+    world.Settings.ValidateRDNS = 1;
+    world.Settings.HostsAllowList = ExpressionList();
+    world.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
+    world.Names.SetName(kLocalhost, "mail.other.test");
+  };
+  PlayBothWays(configure, R"(
+    C= 554 Connection from mail.other.test [127.0.0.1] not allowed.
+    C> NOOP
+    C= 503 Bad sequence of commands.)");
+}
+
 TEST(Admission, WhiteListedNameWins) {
   const auto configure = [](SessionWorld& world) {
     world.Settings.ValidateRDNS = 1;

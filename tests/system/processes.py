@@ -165,7 +165,9 @@ class Process:
         with open(self.folder / "stdout", "wb") as out, open(self.folder / "stderr", "wb") as err:
             self._child = subprocess.Popen(
                 self.command, stdin=subprocess.DEVNULL, stdout=out, stderr=err, cwd=cwd,
-                env={**os.environ, **(environment or {})}, start_new_session=True)
+                env={**os.environ, **(environment or {})}, start_new_session=True,
+                # The tests themselves may run under nohup.
+                preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_DFL))
         self.pid = self._child.pid
 
     def stdout(self):

@@ -312,8 +312,7 @@ class BareTerminal:
 
         def take_terminal():
             fcntl.ioctl(0, termios.TIOCSCTTY, 0)
-            if ignore_hang_up:
-                signal.signal(signal.SIGHUP, signal.SIG_IGN)
+            signal.signal(signal.SIGHUP, signal.SIG_IGN if ignore_hang_up else signal.SIG_DFL)
 
         self._child = subprocess.Popen(
             [str(part) for part in command], stdin=self._programs_side, stdout=self._programs_side,

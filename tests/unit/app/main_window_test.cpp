@@ -16,6 +16,7 @@
 #include "app/program.h"
 #include "base/text.h"
 #include "match/ip_range.h"
+#include "support/default_hang_up.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/loop_runner.h"
@@ -26,6 +27,7 @@ namespace trabex {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::StartsWith;
 
 class MainWindowTest : public testing::Test {
@@ -288,6 +290,7 @@ TEST_F(MainWindowTest, ErrorOfTheListenerEndsTheProgramWithAStatus) {
 }
 
 TEST_F(MainWindowTest, EachEndingSignalUnloads) {
+  const DefaultHangUp hang_up;
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     program_.window = std::make_unique<frmMain>(program_);
     ASSERT_TRUE(Window().Form_Load());
@@ -336,6 +339,8 @@ TEST_F(MainWindowTest, IdleLogFileIsClosed) {
     return count;
   };
   EXPECT_EQ(open_logs(), 1U);
+  Pass(Milliseconds(4000));
+  program_.log.LogLine("another line");  // the five seconds begin anew
   Pass(Milliseconds(4999));
   EXPECT_EQ(open_logs(), 1U);
   Pass(Milliseconds(1));
@@ -421,11 +426,17 @@ TEST_F(GreyListingTimerTest, TimerFollowsTheSetting) {
   EXPECT_EQ(SavingMinutes(12), std::vector<int>{});
 }
 
-TEST_F(GreyListingTimerTest, UnloadSavesBeforeItSaysStopped) {
+TEST_F(GreyListingTimerTest, UnloadSavesBetweenTheSessionsEndAndItsLastLine) {
+  PlainSocket server;
+  Settings().ServerPort = server.Bind();
+  server.Listen();
   Settings().GreyListing.Enabled = true;
   ASSERT_TRUE(Window().Form_Load());
+  PlainSocket client;
+  ASSERT_TRUE(client.Connect(Settings().BindPort));
+  ASSERT_TRUE(RunUntil(program_.loop, [this] { return Window().Sessions().Count() == 1; }));
   Window().Form_Unload();
-  EXPECT_THAT(saved_after_, ElementsAre(StartsWith("Listen on")));
+  EXPECT_THAT(saved_after_, ElementsAre(HasSubstr("Disconnected.")));
   EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
 }
 

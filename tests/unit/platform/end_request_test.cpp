@@ -5,6 +5,7 @@
 
 #include "platform/clock.h"
 #include "support/child_process.h"
+#include "support/default_hang_up.h"
 #include "support/fake_clock.h"
 #include "support/loop_runner.h"
 
@@ -12,6 +13,7 @@ namespace trabex {
 namespace {
 
 TEST(EndRequest, EverySignalOfTheEndIsReported) {
+  const DefaultHangUp hang_up;
   FakeClock clock;
   EventLoop loop(clock);
   int requests = 0;

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "support/child_process.h"
+#include "support/default_hang_up.h"
 
 namespace trabex {
 namespace {
@@ -43,6 +44,7 @@ TEST(Process, OpenStandardStreamsStayAsTheyAre) {
 }
 
 TEST(Process, SignalsThatAskForTheEndWait) {
+  const DefaultHangUp hang_up;
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
     ChildProcess child([number] {
       PrepareProcess();
