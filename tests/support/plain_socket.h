@@ -5,8 +5,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <utility>
@@ -27,6 +29,13 @@ class PlainSocket {
     socklen_t length = sizeof address;
     getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
+  }
+  // Whether a listener may have the port, whatever earlier connections have left of it.
+  bool CanListenOn(int port) {
+    const int on = 1;
+    setsockopt(socket_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    const sockaddr_in address = Address(port);
+    return bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   }
   void Listen() { EXPECT_EQ(listen(socket_, 5), 0); }
   bool Connect(int port) {
@@ -55,10 +64,54 @@ class PlainSocket {
   int socket_;
 };
 
-// A port of 127.0.0.1 on which nobody listens. Somebody may take it before it is used; the system gives out
-// others first.
+// Ports for the listeners of this process alone. They lie below those that the system gives out by itself: of
+// these there may be few left, and then several processes are given the same one. A socket name marks them as
+// taken for as long as the process lives.
+class OwnPorts {
+ public:
+  OwnPorts() : marker_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    for (int block = 0; block < kBlocks && first_ == 0; ++block) {
+      if (Take(block)) first_ = kFirst + block * kSize;
+    }
+    EXPECT_NE(first_, 0) << "no ports are left";
+  }
+  ~OwnPorts() { close(marker_); }
+  OwnPorts(const OwnPorts&) = delete;
+  OwnPorts& operator=(const OwnPorts&) = delete;
+
+  // One on which nobody listens; 0 when there is none. All others come before the same one again.
+  int Next() {
+    for (int tries = 0; tries < kSize; ++tries) {
+      const int port = first_ + next_++ % kSize;
+      if (PlainSocket().CanListenOn(port)) return port;
+    }
+    ADD_FAILURE() << "all own ports are in use";
+    return 0;
+  }
+
+ private:
+  static constexpr int kFirst = 5000;
+  static constexpr int kSize = 100;
+  static constexpr int kBlocks = 70;
+
+  bool Take(int block) const {
+    const std::string name = "ports of a test " + std::to_string(block);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, name.size());  // behind a NUL: no file
+    const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
+    return bind(marker_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
+  }
+
+  int marker_;
+  int first_ = 0;
+  int next_ = 0;
+};
+
+// A port of 127.0.0.1 on which nobody listens, and that no other test process takes.
 inline int FreePort() {
-  return PlainSocket().Bind();
+  static OwnPorts ports;
+  return ports.Next();
 }
 
 }  // namespace trabex
