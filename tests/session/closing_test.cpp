@@ -16,7 +16,8 @@ TEST(Closing, TheClientHangsUp) {
 }
 
 TEST(Closing, AClientThatSentAheadAndBreaksOffEndsTheSession) {
-  // Before the greeting, and while a reply is owed: it fails to reach the client, whose next lines are not taken.
+  // Before the greeting, and while a reply is owed: it fails to reach the client, whose next lines are not
+  // taken.
   PlayBothWays({}, R"(
     C! EHLO c.test\r\nNOOP\r\n
     C resets

@@ -111,16 +111,7 @@ void TestPeer::Reset() {
   Close();
 }
 
-TestListener::TestListener() : descriptor_(NewSocket()) {
-  const sockaddr_in local = Address(0x7F000001, 0);
-  if (bind(descriptor_, Plain(local), sizeof local) != 0 || listen(descriptor_, 128) != 0) {
-    throw std::runtime_error("test cannot listen");
-  }
-  sockaddr_in bound{};
-  socklen_t size = sizeof bound;
-  getsockname(descriptor_, reinterpret_cast<sockaddr*>(&bound), &size);
-  port_ = ntohs(bound.sin_port);
-}
+TestListener::TestListener() : descriptor_(port_.Listen(128)) {}
 
 TestListener::~TestListener() {
   Close();

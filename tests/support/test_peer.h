@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "support/held_port.h"
+
 namespace trabex {
 
 // Non-blocking; owns its descriptor.
@@ -51,15 +53,15 @@ class TestListener {
   TestListener(const TestListener&) = delete;
   TestListener& operator=(const TestListener&) = delete;
 
-  std::uint16_t Port() const { return port_; }
+  std::uint16_t Port() const { return port_.Port(); }
   // The next connection, not open when none waits.
   TestPeer Accept();
   // Refuses connections from now on.
   void Close();
 
  private:
-  int descriptor_ = -1;
-  std::uint16_t port_ = 0;
+  HeldPort port_;
+  int descriptor_;
 };
 
 }  // namespace trabex

@@ -22,6 +22,7 @@
 #include "support/expect_error.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
+#include "support/held_port.h"
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
 #include "support/recorded_log.h"
@@ -202,16 +203,8 @@ class Peer {
 // A listening plain socket, for sockets of ours to connect to.
 class PeerListener {
  public:
-  explicit PeerListener(EventLoop& loop)
-      : loop_(loop), descriptor_(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(kLoopback);
-    EXPECT_EQ(bind(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    EXPECT_EQ(listen(descriptor_, 100), 0);
-    socklen_t size = sizeof address;
-    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
+  explicit PeerListener(EventLoop& loop) : loop_(loop), descriptor_(held_.Listen(100)) {
+    port = held_.Port();
   }
   ~PeerListener() { Close(); }
   PeerListener(const PeerListener&) = delete;
@@ -230,6 +223,7 @@ class PeerListener {
     EXPECT_GE(accepted, 0);
     return std::make_unique<Peer>(loop_, accepted);
   }
+  // Refuses connections from now on.
   void Close() {
     if (descriptor_ >= 0) close(descriptor_);
     descriptor_ = -1;
@@ -239,6 +233,7 @@ class PeerListener {
 
  private:
   EventLoop& loop_;
+  HeldPort held_;
   int descriptor_;
 };
 
