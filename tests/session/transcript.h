@@ -1,16 +1,23 @@
 // Whole sessions over loopback in one process: a scripted client, the proxy, a scripted server.
 //
 // A transcript is lines of a mark and a text:
-//   C> text    the client sends text and CR LF          S> text    the server does
-//   C! text    the client sends text as it is            S! text    (escapes: \r \n \t \0 \\ \xHH)
-//   C= text    the client must receive this line next    S= text    ("*" stands for any text; the line must
-//   come) C= nothing the client has received nothing more      S= nothing C closes   the client closes S
-//   closes C resets, C shuts, S resets ...                      a reset; the end of sending only closed C the
-//   client finds its connection closed, everything before it taken; closed S, closed both connect    a new
-//   client connects (the first one does by itself); its session is the one spoken with from now on connect
-//   127.0.0.9                                    from this address S accepts  the server gets its connection
-//   (by itself before the first S line) wait 500   the clock goes on by so many milliseconds log text   a log
-//   line with this text has been written ("*" as above)
+//
+// clang-format off
+//   C> text       the client sends text and CR LF            S> text       the server does
+//   C! text       the client sends text as it is             S! text       (escapes: \r \n \t \0 \\ \xHH)
+//   C= text       the client must receive this line next     S= text       ("*" stands for any text; it must come)
+//   C= nothing    the client has received nothing more       S= nothing
+//   C closes      the client closes                          S closes
+//   C resets      a reset                                    S resets
+//   C shuts       the end of sending only                    S shuts
+//   closed C      the client finds its connection closed, everything before it taken; closed S, closed both
+//   connect       a new client connects (the first one does by itself); its session is the one spoken with from now on
+//   connect 127.0.0.9    from this address
+//   S accepts     the server gets its connection (by itself before the first S line)
+//   wait 500      the clock goes on by so many milliseconds
+//   log text      a log line with this text has been written ("*" as above)
+// clang-format on
+//
 // Blank lines and those that begin with "--" are comments.
 #pragma once
 
@@ -60,6 +67,8 @@ class SessionWorld : private ConnectionTable {
   const std::vector<std::string>& LogLines() const { return log_.lines; }
   const std::vector<std::string>& Rows() const { return rows_; }
   modSocketMaster& Sockets_() { return module_; }
+  // Accepts the server's connection, unless it has been; false when none comes.
+  bool NeedServer();
   // Connects the client, unless it is connected.
   void Start();
   // Turns the loop until `done` or the bound; returns done().
@@ -87,7 +96,6 @@ class SessionWorld : private ConnectionTable {
   bool ExpectLine(char who, std::string_view wanted);
   bool ExpectClosed(char who);
   TestPeer& Peer(char who) { return who == 'C' ? client_ : server_; }
-  bool NeedServer();
   bool Fail(std::string reason);
 
   Delivery delivery_;
