@@ -173,7 +173,7 @@ TEST(Splits, MakeNoDifferenceToEitherSide) {
       EXPECT_EQ(split.to_server, whole.to_server);
       EXPECT_EQ(split.to_client, whole.to_client);
     };
-    expect_same(Play(session, random, [](std::size_t) { return 1; }));
+    expect_same(Play(session, random, [](std::size_t) -> std::size_t { return 1; }));
     for (const std::size_t most : {7U, 40U, 900U}) {
       expect_same(Play(session, random,
                        [&](std::size_t size) { return std::min<std::size_t>(size, 1 + random() % most); }));
