@@ -83,6 +83,7 @@ SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
 }
 
 SessionWorld::~SessionWorld() {
+  if (listener_) listener_->CloseSck();
   // Sessions end on the loop that they live on.
   sessions_.ForEach([](cProxy& session) { session.Close(); });
   Loop.RunOnce(Milliseconds(0));
