@@ -2,16 +2,15 @@
 
 #include <utility>
 
-#include "match/mText.h"
-#include "match/pattern.h"
+#include "base/error.h"
 
 namespace trabex {
 
 namespace {
 
-bool IsPlain(std::string_view key) {
-  return !key.empty() && key.find_first_of(", \"") == std::string_view::npos &&
-         pattern::Classify(key) == pattern::Kind::kText;
+// What stands for itself in a pattern list, without commas, blanks and quotes.
+bool IsSinglePattern(std::string_view key) {
+  return !key.empty() && key.find_first_of(", \"") == std::string_view::npos && !mText::IsInvalidPattern(key);
 }
 
 }  // namespace
@@ -21,10 +20,15 @@ ReplacementTable::ReplacementTable(std::initializer_list<Rule> rules) {
 }
 
 void ReplacementTable::Add(std::string key, std::string value) {
-  if (IsPlain(key)) {
-    plain_.try_emplace(key, rules_.size());
+  if (!IsSinglePattern(key)) {
+    other_rules_.push_back(rules_.size());
   } else {
-    patterns_.push_back(rules_.size());
+    try {
+      single_.Add(key, {.patterns = {key}});
+      single_rules_.push_back(rules_.size());
+    } catch (const Error& error) {
+      if (error.Number() != error_number::kDuplicateKey) throw;  // never found: the first one matches as well
+    }
   }
   rules_.push_back({std::move(key), std::move(value)});
 }
@@ -35,15 +39,14 @@ std::optional<std::string> FindAddressReplacement(std::string_view address, cons
                                 .open_delimiter = "\"",
                                 .close_delimiter = "\"",
                                 .undelimit = true};
-  const auto plain = table.plain_.find(address);
-  const std::size_t first = plain == table.plain_.end() ? table.rules_.size() : plain->second;
-  for (const std::size_t index : table.patterns_) {
-    if (index > first) break;
-    const ReplacementTable::Rule& rule = table.rules_[index];
-    if (mText::LikeTextComplex(address, rule.key, form)) return rule.value;
+  const auto single = table.single_.Find(address);
+  const std::size_t found = single ? table.single_rules_[*single] : table.rules_.size();
+  for (const std::size_t rule : table.other_rules_) {
+    if (rule > found) break;
+    if (mText::LikeTextComplex(address, table.rules_[rule].key, form)) return table.rules_[rule].value;
   }
-  if (plain == table.plain_.end()) return std::nullopt;
-  return table.rules_[first].value;
+  if (!single) return std::nullopt;
+  return table.rules_[found].value;
 }
 
 }  // namespace trabex

@@ -6,15 +6,15 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
-#include "base/text.h"
+#include "match/mText.h"
 
 namespace trabex {
 
-// One section's rules in file order; each key name is a pattern list. A key that is one plain address is
-// found by its hash, so that a table of aliases may be long; the others are tried one after the other.
+// One section's rules in file order; each key name is a pattern list. Most keys are one pattern, which are
+// found as those of an expression list are, so that a table of aliases may be long; the others are tried in
+// turn.
 class ReplacementTable {
  public:
   struct Rule {
@@ -36,8 +36,9 @@ class ReplacementTable {
                                                            const ReplacementTable& table);
 
   std::vector<Rule> rules_;
-  std::unordered_map<std::string, std::size_t, HashNoCase, SameNoCase> plain_;  // the first rule of each key
-  std::vector<std::size_t> patterns_;                                           // the other rules
+  ExpressionList single_;                  // the keys of one well-formed pattern, each once
+  std::vector<std::size_t> single_rules_;  // their rules
+  std::vector<std::size_t> other_rules_;
 };
 
 // The value under the first key that `address` matches. Raises what mText::LikeTextComplex raises.

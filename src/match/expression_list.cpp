@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <unordered_map>
 #include <utility>
 
 #include "base/error.h"
@@ -115,7 +116,9 @@ struct ExpressionList::Impl {
   ListEntry Entry(std::size_t index) const;
   const std::vector<ListEntry>& Entries();
   void ForgetEntries() { entries_.reset(); }
-  bool Contains(std::string_view text);
+  // The number of the first entry that matches, or kNone.
+  std::uint32_t Find(std::string_view text) { return Search(text, true); }
+  bool Contains(std::string_view text) { return Search(text, false) != kNone; }
 
  private:
   enum class RecordKind : std::uint32_t { kText, kEnding, kOther, kSpecial };
@@ -137,6 +140,13 @@ struct ExpressionList::Impl {
     std::uint32_t count;
   };
 
+  // Entries to be tried whose texts begin alike, in their order: most texts begin otherwise, and all of them
+  // are passed by at once.
+  struct Group {
+    std::uint32_t beginning;
+    std::vector<Trial> trials;
+  };
+
   std::string_view Text(const Record& record) const {
     return std::string_view(texts_).substr(record.offset, record.size);
   }
@@ -148,8 +158,13 @@ struct ExpressionList::Impl {
 
   void Compile();
   void CompileRecord(std::uint32_t entry);
-  void AddProgram(std::string_view pattern);
-  std::uint32_t FindByHash(std::string_view text) const;
+  bool AddProgram(std::string_view pattern);
+  void AddTrial(const Trial& trial);
+  // Of what matches the first entry, or any one when `first` is not asked for.
+  std::uint32_t Search(std::string_view text, bool first);
+  std::uint32_t SearchByHash(std::string_view text, bool first) const;
+  std::uint32_t SearchGroups(std::string_view text, std::string_view folded_text, std::uint32_t found,
+                             bool first) const;
   bool Matches(const Trial& trial, std::string_view text, std::string_view folded_text) const;
 
   std::string texts_;
@@ -162,9 +177,10 @@ struct ExpressionList::Impl {
   std::size_t compiled_ = 0;
   bool has_texts_ = false;
   std::vector<bool> ending_sizes_;  // by size: whether there is a "*" entry with an ending of that size
-  std::vector<Trial> trials_;       // in the order of the entries
+  std::vector<Group> groups_;
+  std::unordered_map<std::uint32_t, std::uint32_t> group_of_;  // by the beginning
+  std::vector<Trial> raising_;                                 // entries with a malformed pattern
   std::vector<pattern::CodeStore::Program> programs_;
-  bool may_raise_ = false;  // one of them is malformed
   pattern::CodeStore codes_;
 };
 
@@ -219,14 +235,28 @@ const std::vector<ListEntry>& ExpressionList::Impl::Entries() {
   return *entries_;
 }
 
-void ExpressionList::Impl::AddProgram(std::string_view pattern) {
+// Whether the pattern is well-formed.
+bool ExpressionList::Impl::AddProgram(std::string_view pattern) {
   programs_.push_back(codes_.Parse(pattern));
-  may_raise_ = may_raise_ || programs_.back().malformed;
+  return !programs_.back().malformed;
+}
+
+void ExpressionList::Impl::AddTrial(const Trial& trial) {
+  // With very many beginnings there is nothing to be gained any more.
+  constexpr std::size_t kMostGroups = 512;
+  std::uint32_t beginning = codes_.Beginning(programs_[trial.first_program]);
+  if (groups_.size() >= kMostGroups && !group_of_.contains(beginning)) {
+    beginning = pattern::CodeStore::kAnyBeginning;
+  }
+  const auto [group, is_new] = group_of_.try_emplace(beginning, static_cast<std::uint32_t>(groups_.size()));
+  if (is_new) groups_.push_back({beginning, {}});
+  groups_[group->second].trials.push_back(trial);
 }
 
 void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
   const Record& record = records_[entry];
   const auto first = static_cast<std::uint32_t>(programs_.size());
+  bool well_formed = true;
   switch (record.Kind()) {
     case RecordKind::kText:
       has_texts_ = true;
@@ -236,15 +266,23 @@ void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
       ending_sizes_[record.size - 1] = true;
       return;
     case RecordKind::kOther:
-      AddProgram(Text(record));
+      well_formed = AddProgram(Text(record));
       break;
     case RecordKind::kSpecial:
       // One without any pattern never matches.
-      for (const std::string& pattern : specials_[record.offset].entry.patterns) AddProgram(pattern);
+      for (const std::string& pattern : specials_[record.offset].entry.patterns) {
+        well_formed = AddProgram(pattern) && well_formed;
+      }
       break;
   }
   const auto count = static_cast<std::uint32_t>(programs_.size() - first);
-  if (count > 0) trials_.push_back({entry, first, count});
+  if (count == 0) return;
+  const Trial trial{entry, first, count};
+  if (well_formed) {
+    AddTrial(trial);
+  } else {
+    raising_.push_back(trial);
+  }
 }
 
 void ExpressionList::Impl::Compile() {
@@ -256,35 +294,47 @@ void ExpressionList::Impl::Compile() {
   if (!is_first_time) return;
   texts_.shrink_to_fit();
   records_.shrink_to_fit();
-  trials_.shrink_to_fit();
+  for (Group& group : groups_) group.trials.shrink_to_fit();
   programs_.shrink_to_fit();
   codes_.Shrink();
 }
 
-// The first of the entries that are found by hash and match, or kNone.
-std::uint32_t ExpressionList::Impl::FindByHash(std::string_view text) const {
-  std::uint32_t first = kNone;
+std::uint32_t ExpressionList::Impl::SearchByHash(std::string_view text, bool first) const {
+  std::uint32_t found = kNone;
   BackwardHash hash;
   for (std::size_t size = 0; size <= text.size(); ++size) {
     if (size < ending_sizes_.size() && ending_sizes_[size]) {
       const std::string_view ending = text.substr(text.size() - size);
-      const std::uint32_t found = keys_.Find(hash.ValueWith('*'), [&](std::uint32_t entry) {
+      found = std::min(found, keys_.Find(hash.ValueWith('*'), [&](std::uint32_t entry) {
         const Record& record = records_[entry];
         return record.Kind() == RecordKind::kEnding && EqualNoCase(Text(record).substr(1), ending);
-      });
-      first = std::min(first, found);
-      // Which one it was counts only where an entry before it could raise an error.
-      if (first != kNone && !may_raise_) return first;
+      }));
+      if (found != kNone && !first) return found;
     }
-    if (size >= ending_sizes_.size() && !has_texts_) return first;
+    if (size >= ending_sizes_.size() && !has_texts_) return found;
     if (size < text.size()) hash.Take(text[text.size() - size - 1]);
   }
-  if (!has_texts_) return first;
-  const std::uint32_t found = keys_.Find(hash.Value(), [&](std::uint32_t entry) {
+  if (!has_texts_) return found;
+  return std::min(found, keys_.Find(hash.Value(), [&](std::uint32_t entry) {
     const Record& record = records_[entry];
     return record.Kind() == RecordKind::kText && EqualNoCase(Text(record), text);
-  });
-  return std::min(first, found);
+  }));
+}
+
+// `found` has been found so far; what comes behind it is not looked at.
+std::uint32_t ExpressionList::Impl::SearchGroups(std::string_view text, std::string_view folded_text,
+                                                 std::uint32_t found, bool first) const {
+  for (const Group& group : groups_) {
+    if (!codes_.MayBegin(group.beginning, folded_text)) continue;
+    for (const Trial& trial : group.trials) {
+      if (trial.entry > found) break;
+      if (!Matches(trial, text, folded_text)) continue;
+      found = trial.entry;
+      if (!first) return found;
+      break;
+    }
+  }
+  return found;
 }
 
 bool ExpressionList::Impl::Matches(const Trial& trial, std::string_view text,
@@ -299,17 +349,19 @@ bool ExpressionList::Impl::Matches(const Trial& trial, std::string_view text,
   return true;
 }
 
-bool ExpressionList::Impl::Contains(std::string_view text) {
+std::uint32_t ExpressionList::Impl::Search(std::string_view text, bool first) {
   Compile();
-  const std::uint32_t found = FindByHash(text);
-  if (found != kNone && !may_raise_) return true;
-  if (trials_.empty()) return found != kNone;
+  // Whether an entry that raises comes first matters in any case.
+  first = first || !raising_.empty();
+  std::uint32_t found = SearchByHash(text, first);
+  if ((found != kNone && !first) || (groups_.empty() && raising_.empty())) return found;
   const std::string folded_text = ToLower(text);
-  for (const Trial& trial : trials_) {
+  found = SearchGroups(text, folded_text, found, first);
+  for (const Trial& trial : raising_) {
     if (trial.entry > found) break;
-    if (Matches(trial, text, folded_text)) return true;
+    if (Matches(trial, text, folded_text)) return trial.entry;
   }
-  return found != kNone;
+  return found;
 }
 
 ExpressionList::ExpressionList() = default;
@@ -350,6 +402,12 @@ std::size_t ExpressionList::Count() const {
 
 bool ExpressionList::Contains(std::string_view text) const {
   return impl_ && impl_->Contains(text);
+}
+
+std::optional<std::size_t> ExpressionList::Find(std::string_view text) const {
+  const std::uint32_t found = impl_ ? impl_->Find(text) : kNone;
+  if (found == kNone) return std::nullopt;
+  return found;
 }
 
 }  // namespace trabex

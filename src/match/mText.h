@@ -11,6 +11,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -52,6 +53,8 @@ class ExpressionList {
   // MatchList. Raises what LikeText raises when the scan comes to a malformed pattern before an entry that
   // matches.
   bool Contains(std::string_view text) const;
+  // The index of the first entry that matches. Raises likewise.
+  std::optional<std::size_t> Find(std::string_view text) const;
 
  private:
   struct Impl;

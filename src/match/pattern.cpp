@@ -269,6 +269,17 @@ CodeStore::Program CodeStore::Parse(std::string_view pattern) {
   return program;
 }
 
+std::uint32_t CodeStore::Beginning(const Program& program) const {
+  if (program.negated || program.begin == program.end) return kAnyBeginning;
+  const std::uint32_t code = Codes{*this}.Read(program.begin);
+  return code == kRunCode ? kAnyBeginning : code;
+}
+
+bool CodeStore::MayBegin(std::uint32_t beginning, std::string_view folded_text) const {
+  if (beginning == kAnyBeginning) return true;
+  return !folded_text.empty() && Codes{*this}.Takes(beginning, folded_text.front());
+}
+
 bool CodeStore::Matches(const Program& program, std::string_view folded_text) const {
   const Codes codes{*this};
   const std::size_t size = folded_text.size();

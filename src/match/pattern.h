@@ -15,6 +15,7 @@
 #include <bitset>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -60,6 +61,13 @@ class CodeStore {
 
   // Raises 7 "Out of memory" (source "mText.ExpressionList") when the patterns reach 4 GB.
   Program Parse(std::string_view pattern);
+  // What a text that matches `program` (not malformed) begins with: programs that begin alike have the same
+  // value.
+  std::uint32_t Beginning(const Program& program) const;
+  // Whether a text, given in lower case, can match a program with that beginning.
+  bool MayBegin(std::uint32_t beginning, std::string_view folded_text) const;
+  // The value of Beginning for programs of which nothing is known.
+  static constexpr std::uint32_t kAnyBeginning = std::numeric_limits<std::uint32_t>::max();
   // Gives back room that was kept for more patterns.
   void Shrink() { codes_.shrink_to_fit(); }
   // Whether a text, given in lower case, matches `program` (not malformed).

@@ -295,6 +295,16 @@ TEST(ExpressionList, IsTheScanForRandomLists) {
       const Outcome expected = Scan(text, entries);
       ASSERT_EQ(OutcomeOf([&] { return list.Contains(text); }), expected)
           << "\"" << text << "\" in round " << round;
+      std::optional<std::size_t> found;
+      const Outcome finding = OutcomeOf([&] { return (found = list.Find(text)).has_value(); });
+      ASSERT_EQ(finding, expected) << "\"" << text << "\" in round " << round;
+      if (found) {
+        // The first one: none before it matches.
+        EXPECT_TRUE(mText::MatchEntry(text, entries[*found], false)) << text;
+        EXPECT_EQ(Scan(text, {entries.begin(), entries.begin() + static_cast<std::ptrdiff_t>(*found)}),
+                  Outcome(false, ""))
+            << text;
+      }
       if (expected.first) ++hits;
       if (!expected.second.empty()) ++errors;
     }
