@@ -97,8 +97,9 @@ class CSocketMaster final : public SocketSink {
   void Connect(std::optional<std::string> RemoteHost = std::nullopt,
                std::optional<std::int32_t> RemotePort = std::nullopt);
   void Bind(std::optional<std::int32_t> LocalPort = std::nullopt, const std::string& LocalIP = {});
-  // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are.
-  void SendData(std::string_view Data);
+  // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are. With
+  // blnMoreFollows the system may wait a fifth of a second for what is sent next, to pack both together.
+  void SendData(std::string_view Data, bool blnMoreFollows = false);
   // Whether the last words of a peer that broke the connection are read although a send failed: the send is
   // taken for lost then, and the end is told behind them. False at first: a failed send is an Error at once.
   // Only for an owner that goes on reading whatever becomes of its sends.
@@ -146,7 +147,7 @@ class CSocketMaster final : public SocketSink {
   void OnAccept();
   void OnConnected();
 
-  std::size_t SendPieces(std::string_view data, int& error);
+  std::size_t SendPieces(std::string_view data, int& error, bool more_follows = false);
   void FinishFlush(std::size_t sent, int error);
   void FlushPending();
   void SendBufferedDataUDP(std::string_view data);

@@ -15,7 +15,7 @@ constexpr std::size_t kAlwaysFits = 4096;
 
 }  // namespace
 
-void CSocketMaster::SendData(std::string_view Data) {
+void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   if (protocol_ == SocketProtocol::sckUDPProtocol) {
     if (!SocketExists() || !BindInternal(std::nullopt, {})) return;
     state_ = SocketState::sckOpen;
@@ -26,7 +26,7 @@ void CSocketMaster::SendData(std::string_view Data) {
   if (!send_.Empty()) return send_.Append(Data);
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
-  const std::size_t sent = SendPieces(Data, error);
+  const std::size_t sent = SendPieces(Data, error, blnMoreFollows);
   send_.Append(Data.substr(sent));
   FinishFlush(sent, error);
 }
@@ -50,13 +50,13 @@ std::size_t CSocketMaster::ReceiveChunk() {
 }
 
 // Returns how much the network took; `error` is 0 when that is everything or the network is full.
-std::size_t CSocketMaster::SendPieces(std::string_view data, int& error) {
+std::size_t CSocketMaster::SendPieces(std::string_view data, int& error, bool more_follows) {
   std::size_t total = 0;
   while (total < data.size()) {
     const std::size_t left = data.size() - total;
     const std::size_t piece = left <= kAlwaysFits ? left : std::min(left, SendChunk());
     std::size_t sent = 0;
-    const int result = module_.sockets_.Send(socket_, data.substr(total, piece), sent);
+    const int result = module_.sockets_.Send(socket_, data.substr(total, piece), sent, more_follows);
     total += sent;
     if (result != 0 && result != socket_error::kWouldBlock) error = result;
     if (result != 0 || sent < piece) break;

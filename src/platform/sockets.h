@@ -109,7 +109,9 @@ class Sockets {
 
   // `sent` is how much of `data` (not empty) the system took: 1 or more when 0 is returned. A send that took
   // less than all counts as one that would have blocked, so that nobody has to try again just to learn it.
-  int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent);
+  // `more_follows` is a hint: the system may wait a fifth of a second for the next send, to pack both
+  // together.
+  int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows = false);
   // `received` 0 with result 0 is the end of the peer's data (`room` is not empty). 10035 is also the answer
   // without asking the system when the last receive took everything and nothing has been heard since.
   int Receive(SocketHandle socket, std::span<char> room, std::size_t& received);

@@ -427,7 +427,8 @@ void cProxy::RelayReply(std::string_view reply) {
     LogSender(log_level::kReceived, std::string("< ").append(reply));
   }
   const ReplyDecision decision = replies_.ProcessOutgoingData(reply);
-  if (!decision.header.empty()) SendToServer(decision.header);
+  // The content is what the client says next.
+  if (!decision.header.empty()) SendToServer(decision.header, true);
   if (stage_ == Stage::kClosed) return;
   if (decision.content_cut_off) {
     deaf_ = true;
@@ -463,10 +464,10 @@ void cProxy::SendToClient(std::string_view text) {
   Receiver.SendData(text);
 }
 
-void cProxy::SendToServer(std::string_view text) {
+void cProxy::SendToServer(std::string_view text, bool more_follows) {
   if (Sender.State() != SocketState::sckConnected) return;
   SenderSending = true;
-  Sender.SendData(text);
+  Sender.SendData(text, more_follows);
 }
 
 void cProxy::SendPolicyReply(ReplyKind kind) {

@@ -111,7 +111,7 @@ class cProxy final : public Retired, private SessionFacts {
 
   // The two exits; the protocol log is written there.
   void SendToClient(std::string_view text);  // with its line ends
-  void SendToServer(std::string_view text);
+  void SendToServer(std::string_view text, bool more_follows = false);
   void SendPolicyReply(ReplyKind kind);
 
   void CloseSender();

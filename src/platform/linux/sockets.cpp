@@ -184,12 +184,13 @@ int Sockets::ShutDownSending(SocketHandle socket) {
   return error;
 }
 
-int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& sent) {
+int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows) {
   sent = 0;
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
+  const int flags = MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0);
   const ssize_t count =
-      Uninterrupted([&] { return send(entry->descriptor, data.data(), data.size(), MSG_NOSIGNAL); });
+      Uninterrupted([&] { return send(entry->descriptor, data.data(), data.size(), flags); });
   if (count < 0) {
     const int code = errno;
     if (code == EAGAIN) entry->write_armed = true;
