@@ -86,7 +86,9 @@ class SystemSocket:
 
 def sockets_of_system():
     with open("/proc/net/tcp", encoding="ascii") as table:
-        return [SystemSocket(row) for row in table.readlines()[1:]]
+        rows = table.readlines()[1:]
+    # A table that changes while it is read may show a socket twice.
+    return [SystemSocket(row) for row in {tuple(row.split()[1:3]): row for row in rows}.values()]
 
 
 def is_listening(port):
