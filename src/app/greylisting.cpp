@@ -18,9 +18,10 @@ GreyListingHooks GreyListing::MakeHooks() {
           .save = [this] { return store_.SaveGreyListingDatabase(); },
           .save_in_background =
               [this](std::function<void(DateTime)> saved) {
-                store_.SaveInBackground([saved = std::move(saved)](const GreyListingSaveResult& result) {
+                const auto done = [saved = std::move(saved)](const GreyListingSaveResult& result) {
                   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
-                });
+                };
+                return store_.SaveInBackground(done) || store_.SavingInBackground();
               }};
 }
 

@@ -23,7 +23,8 @@ struct GreyListingHooks {
   // Complete when it returns.
   std::function<GreyListingSaveResult()> save;
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
-  std::function<void(std::function<void(DateTime time)> saved)> save_in_background;
+  // False when there is nothing to save.
+  std::function<bool(std::function<void(DateTime time)> saved)> save_in_background;
 };
 
 class GreyListing final : public GreylistCheck {

@@ -63,9 +63,17 @@ void Program::LogConfiguration() {
                             [this](std::string_view line) { log.WriteUnstamped(line); });
 }
 
-bool Program::SaveGreyListing() {
+bool Program::SaveGreyListing(const std::string& database) {
+  const GreyListingSettings& settings = configuration.GreyListing;
+  const auto saved = [this](DateTime time) {
+    if (window) window->GreyListingSaved(time);
+  };
+  // A save in place and a load would hold up the sessions, with a million records for most of a second.
+  if (settings.Enabled && settings.Database == database && greylisting_hooks.save_in_background(saved)) {
+    return false;
+  }
   const GreyListingSaveResult result = greylisting_hooks.save();
-  if (window && result.kind == GreyListingSaveResult::Kind::kSaved) window->GreyListingSaved(result.time);
+  if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;
 }
 
@@ -75,8 +83,7 @@ LoadEnvironment Program::MakeLoadEnvironment() {
           .log = log,
           .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
           .dump_configuration = [this] { LogConfiguration(); },
-          // The store itself remembers where the records came from.
-          .save_greylisting = [this](const std::string&) { return SaveGreyListing(); },
+          .save_greylisting = [this](const std::string& database) { return SaveGreyListing(database); },
           .load_greylisting = greylisting_hooks.load,
           .clear_greylisting = greylisting_hooks.clear};
 }

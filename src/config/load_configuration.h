@@ -22,7 +22,8 @@ struct LoadEnvironment {
 
   // Writes the dump of the configuration; called after a reload if `Log` asks for it.
   std::function<void()> dump_configuration = {};
-  // Saves the greylisting data to `database`; false when that failed.
+  // Saves the greylisting data to `database`; false when they are not in it on return, which a load would
+  // lose.
   std::function<bool(const std::string& database)> save_greylisting = {};
   // Loads them from the configuration's database; forgets those in memory.
   std::function<void()> load_greylisting = {};

@@ -288,22 +288,44 @@ TEST_F(AutoReloadTest, GreylistingSwitchedOnIsInForce) {
   EXPECT_FALSE(Window().Unloaded());
 }
 
-TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
-  WriteIni("[GreyListing]\nEnabled=1\n");
+TEST_F(AutoReloadTest, RecordsGoOnThroughAReloadAndAreSaved) {
+  WriteIni("[GreyListing]\nEnabled=1\nDelay=0\n");
   Start();
-  EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+  EXPECT_TRUE(program_->greylisting.Delays("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
   const std::string database = Settings().GreyListing.Database;
-  const std::filesystem::path in_the_way = database + "new";
-  std::filesystem::create_directories(in_the_way);
-  WriteIni("Timeout=200\n[GreyListing]\nEnabled=1\n");
+  WriteIni("Timeout=200\n[GreyListing]\nEnabled=1\nDelay=0\n");
   Pass(60);
   ASSERT_EQ(Reloads(), 1);
   EXPECT_EQ(Settings().Timeout, 200);
-  EXPECT_THAT(log_, Contains(StartsWith("Unable to save GreyListing database. Error 75.")));
-
-  std::filesystem::remove(in_the_way);
-  Window().Form_Unload();
+  EXPECT_TRUE(RunUntil(program_->loop, [&] { return std::filesystem::exists(database); }));
   EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
+  EXPECT_FALSE(program_->greylisting.Delays("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+}
+
+TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
+  // Where the database stays the save is made in the background, else before the load.
+  for (const char* other_database : {"", "Database=other.gldb\n"}) {
+    SCOPED_TRACE(other_database);
+    WriteIni("[GreyListing]\nEnabled=1\n");
+    Start();
+    EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    const std::string database = Settings().GreyListing.Database;
+    const std::filesystem::path in_the_way = database + "new";
+    std::filesystem::create_directories(in_the_way);
+    log_.clear();
+    WriteIni(std::string("Timeout=200\n[GreyListing]\nEnabled=1\n") + other_database);
+    Pass(60);
+    ASSERT_EQ(Reloads(), 1);
+    EXPECT_EQ(Settings().Timeout, 200);
+    EXPECT_TRUE(RunUntil(program_->loop, [&] {
+      return testing::Matches(Contains(StartsWith("Unable to save GreyListing database. Error 75.")))(log_);
+    }));
+
+    std::filesystem::remove(in_the_way);
+    Window().Form_Unload();
+    EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
+    std::filesystem::remove(database);
+  }
 }
 
 // A client and a server that speak to each other through the program while it reloads.

@@ -352,8 +352,10 @@ class GreyListingTimerTest : public MainWindowTest {
   GreyListingTimerTest() {
     Settings().GreyListing.SaveInterval = 10 / kMinutesPerDay;
     program_.greylisting_hooks.save_in_background = [this](std::function<void(DateTime)> saved) {
+      if (!has_changed_) return false;
       ++background_saves_;
       if (save_succeeds_) saved(clock_.UniversalNow());
+      return true;
     };
     program_.greylisting_hooks.save = [this] {
       saved_after_.push_back(log_.back());
@@ -375,6 +377,7 @@ class GreyListingTimerTest : public MainWindowTest {
 
   int background_saves_ = 0;
   bool save_succeeds_ = true;
+  bool has_changed_ = true;
   std::vector<std::string> saved_after_;  // the last log line at each save at the end
 };
 
@@ -405,8 +408,38 @@ TEST_F(GreyListingTimerTest, SaveBeforeAReloadCountsAsTheLastOne) {
   Settings().GreyListing.Enabled = true;
   ASSERT_TRUE(Window().Form_Load());
   EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
-  EXPECT_TRUE(program_.SaveGreyListing());
+  EXPECT_TRUE(program_.SaveGreyListing("elsewhere.gldb"));
   EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
+  EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
+  EXPECT_FALSE(program_.SaveGreyListing(Settings().GreyListing.Database));
+  EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
+}
+
+TEST_F(GreyListingTimerTest, ReloadSavesInTheBackgroundWhereTheDatabaseStays) {
+  Settings().GreyListing.Database = "here.gldb";
+  const struct {
+    bool enabled;
+    bool has_changed;
+    const char* database;
+    bool in_background;
+  } rows[] = {
+      {true, true, "here.gldb", true},
+      {true, true, "there.gldb", false},
+      {true, false, "here.gldb", false},
+      {false, true, "here.gldb", false},
+  };
+  log_.emplace_back("a line");
+  for (const auto& row : rows) {
+    Settings().GreyListing.Enabled = row.enabled;
+    has_changed_ = row.has_changed;
+    background_saves_ = 0;
+    saved_after_.clear();
+    // What is saved in the background is not to be loaded.
+    EXPECT_EQ(program_.SaveGreyListing(row.database), !row.in_background);
+    EXPECT_EQ(background_saves_, row.in_background ? 1 : 0);
+    EXPECT_EQ(saved_after_.size(), row.in_background ? 0U : 1U);
+  }
+  Settings().GreyListing.Enabled = false;
 }
 
 TEST_F(GreyListingTimerTest, NothingIsSavedWithoutGreylisting) {
