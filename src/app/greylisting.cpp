@@ -22,7 +22,8 @@ GreyListingHooks GreyListing::MakeHooks() {
                   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
                 };
                 return store_.SaveInBackground(done) || store_.SavingInBackground();
-              }};
+              },
+          .database = [this] { return store_.Path(); }};
 }
 
 }  // namespace trabex

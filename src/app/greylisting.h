@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <string>
 #include <string_view>
 
 #include "base/log.h"
@@ -25,6 +26,9 @@ struct GreyListingHooks {
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
   // False when there is nothing to save.
   std::function<bool(std::function<void(DateTime time)> saved)> save_in_background;
+  // The database that the records are saved to; another one than the setting's while a reload that changed
+  // that could not save them.
+  std::function<std::string()> database;
 };
 
 class GreyListing final : public GreylistCheck {

@@ -83,7 +83,9 @@ LoadEnvironment Program::MakeLoadEnvironment() {
           .log = log,
           .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
           .dump_configuration = [this] { LogConfiguration(); },
-          .save_greylisting = [this](const std::string& database) { return SaveGreyListing(database); },
+          // Not the setting's value of before: a change that could not be followed then is followed now.
+          .save_greylisting =
+              [this](const std::string&) { return SaveGreyListing(greylisting_hooks.database()); },
           .load_greylisting = greylisting_hooks.load,
           .clear_greylisting = greylisting_hooks.clear};
 }

@@ -68,9 +68,10 @@ class GreyListingStore {
   // Drops all records, for greylisting disabled. Waits for a save in the background first.
   void ClearGreyListingDatabase();
 
- private:
   // Where saves go.
   const std::string& Path() const { return path_ ? *path_ : settings_.Database; }
+
+ private:
   void Drop();
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
   GreyListingSaveResult Conclude(DateTime now, const JobResult& result);

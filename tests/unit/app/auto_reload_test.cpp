@@ -328,6 +328,31 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
   }
 }
 
+// Else all later saves would go to the old place, where the next start does not look.
+TEST_F(AutoReloadTest, AMoveOfTheDatabaseThatFailedIsMadeByTheNextReload) {
+  WriteIni("[GreyListing]\nEnabled=1\n");
+  Start();
+  EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+  const std::string before = Settings().GreyListing.Database;
+  const std::filesystem::path in_the_way = before + "new";
+  std::filesystem::create_directories(in_the_way);
+  WriteIni("[GreyListing]\nEnabled=1\nDatabase=other.gldb\n");
+  Pass(60);
+  ASSERT_EQ(Reloads(), 1);
+  ASSERT_FALSE(std::filesystem::exists(before));
+
+  std::filesystem::remove(in_the_way);
+  WriteIni("Timeout=200\n[GreyListing]\nEnabled=1\nDatabase=other.gldb\n");
+  Pass(60);
+  ASSERT_EQ(Reloads(), 2);
+  EXPECT_EQ(LoadDatabaseFile(before).Count(), 1U);
+  EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "new@remote.test", "r@local.test"));
+  Window().Form_Unload();
+  EXPECT_EQ(LoadDatabaseFile(before).Count(), 1U);
+  ASSERT_TRUE(std::filesystem::exists(Settings().GreyListing.Database));
+  EXPECT_EQ(LoadDatabaseFile(Settings().GreyListing.Database).Count(), 1U);
+}
+
 // A client and a server that speak to each other through the program while it reloads.
 TEST_F(AutoReloadTest, OpenSessionsGoOnAndNewSettingsActInThem) {
   TestListener server_listener;
