@@ -5,40 +5,18 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "base/text.h"
-#include "platform/clock.h"
+#include "filter_surroundings.h"
 #include "proxy/reply_assembler.h"
 #include "proxy/server_reply_filter.h"
 
 namespace {
 
 using namespace trabex;
-
-void Require(bool condition) {
-  if (!condition) std::abort();
-}
-
-class StandingClock final : public Clock {
- public:
-  DateTime Now() const override { return 46341.70444; }
-  int TimeZoneBias() const override { return -180; }
-  MonotonicTime Monotonic() const override { return {}; }
-};
-
-class Facts final : public SessionFacts {
- public:
-  std::string ClientIP() const override { return "192.0.2.7"; }
-  bool IsLocalClient() const override { return false; }
-  std::string ClientHostName() const override { return "mail.client.test"; }
-  std::int64_t BytesReceived() const override { return 0; }
-  std::int64_t BytesSent() const override { return 0; }
-  bool Refused() const override { return false; }
-};
 
 std::vector<std::string> Assemble(std::string_view bytes, std::size_t step) {
   ReplyAssembler assembler;

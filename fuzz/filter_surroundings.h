@@ -1,0 +1,38 @@
+// What the targets of the filters put around them: a clock that stands, and a client.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "platform/clock.h"
+#include "proxy/session_facts.h"
+
+namespace trabex {
+
+// Ends the run, as a finding, where the condition does not hold.
+inline void Require(bool condition) {
+  if (!condition) std::abort();
+}
+
+class StandingClock final : public Clock {
+ public:
+  DateTime Now() const override { return 46341.70444; }
+  int TimeZoneBias() const override { return -180; }
+  MonotonicTime Monotonic() const override { return {}; }
+};
+
+class Facts final : public SessionFacts {
+ public:
+  std::string ClientIP() const override { return "192.0.2.7"; }
+  bool IsLocalClient() const override { return local; }
+  std::string ClientHostName() const override { return "mail.client.test"; }
+  std::int64_t BytesReceived() const override { return 0; }
+  std::int64_t BytesSent() const override { return 0; }
+  bool Refused() const override { return refused; }
+
+  bool local = false;
+  bool refused = false;
+};
+
+}  // namespace trabex
