@@ -1,14 +1,17 @@
 // One SMTP session: a client's connection and the one that the proxy opens to the real server on its behalf.
 //
 // The life of a session, and what happens when either side closes:
-//   admission    the client was accepted; count, IP lists, and where it applies its name from DNS are looked
-//   at. The client
-//                closes: the session ends.
-//   refused      the client's name was refused: only the proxy talks to it, until QUIT or the time-out.
-//   connecting   the server is being connected. It fails: 421 to the client, the end. The client's data
-//   waits. relaying     from the server's connection on. Either side closes: what was said so far still
-//   reaches the other one,
-//                then the session ends.
+//
+// - admission: the client was accepted; count, IP lists, and where it applies its name from DNS are asked.
+//   The client closes: the session ends.
+//
+// - refused: the client's name was refused; only the proxy talks to it, until QUIT or the time-out.
+//
+// - connecting: the server is being connected, the client's data waits. It fails: 421 to the client, the end.
+//
+// - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
+//   other one, then the session ends.
+//
 // The filters decide and the session acts: it takes one command line at a time, and the next one when the
 // complete reply to it has gone to the client; it relays message content; it has one send under way per
 // direction, and what comes meanwhile waits in the socket. Everything runs on the loop; a session that has
@@ -21,6 +24,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/log.h"
 #include "net/CSocketMaster.h"
 #include "platform/event_loop.h"
 #include "platform/name_lookup.h"
@@ -152,5 +156,11 @@ class cProxy final : public Retired, private SessionFacts {
   ReplyAssembler assembler_;
   std::unique_ptr<Timer> pause_;
 };
+
+template <class Body>
+void cProxy::RunHandler(const char* source, Body body) {
+  if (stage_ == Stage::kClosed) return;
+  RunLogged(host_.log, source, body);
+}
 
 }  // namespace trabex

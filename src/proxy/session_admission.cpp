@@ -1,0 +1,114 @@
+// How a session begins: who may come in by the number of sessions, by address and by name, and the way to the
+// server.
+#include "base/error.h"
+#include "match/ip_range.h"
+#include "match/mText.h"
+#include "proxy/cProxy.h"
+#include "proxy/session_log.h"
+
+namespace trabex {
+
+namespace {
+
+// ValidateRDNS.
+constexpr std::int32_t kCheckLocal = 1;
+constexpr std::int32_t kCheckRemote = 2;
+
+}  // namespace
+
+void cProxy::Init(std::int32_t requestID) {
+  TimeoutSpan = host_.configuration.Timeout / kSecondsPerDay;
+  try {
+    Receiver.Accept(requestID);
+  } catch (const Error& error) {
+    // Without its client the session has no purpose.
+    host_.log.LogError(error);
+    Close();
+    return;
+  }
+  if (stage_ == Stage::kClosed) return;
+  RunHandler("cProxy.Init", [this] {
+    StartTime = LastActivity = host_.clock.Monotonic();
+    LogReceiver(log_level::kConnection, "Connection Request.");
+    host_.table.AddRow(*this);
+    if (!AdmitByCount() || !AdmitByAddress()) return;
+    const bool name_decides = NameAdmissionApplies();
+    LookUpClientName();
+    if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
+  });
+}
+
+bool cProxy::AdmitByCount() {
+  const auto most = static_cast<std::size_t>(host_.configuration.MaxConnections);
+  if (most == 0 || host_.sessions.Count() <= most) return true;
+  SendPolicyReply(ReplyKind::kTooManyConnections);
+  Close();
+  return false;
+}
+
+bool cProxy::AdmitByAddress() {
+  const Configuration& c = host_.configuration;
+  const IPNumber ip = mCommon::CLngIP(Receiver.RemoteHostIP());
+  Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
+  if (Whitelisted) return true;
+  if (mCommon::IPInRangeList(ip, c.IPAllowList) && !mCommon::IPInRangeList(ip, c.IPBlackList)) return true;
+  SendPolicyReply(ReplyKind::kIPBlackList);
+  Close();
+  return false;
+}
+
+void cProxy::LookUpClientName() {
+  try {
+    Receiver.LookUpRemoteHostName([this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); });
+  } catch (const Error&) {
+    // The client is gone already; its name is as good as none.
+    ClientNameKnown();
+  }
+}
+
+void cProxy::ClientNameKnown() {
+  try {
+    HostName = Receiver.RemoteHostName();
+  } catch (const Error&) {
+    HostName.clear();
+  }
+  HostNameKnown = true;
+  if (stage_ == Stage::kAdmission) {
+    if (AdmitByName()) ConnectServer();
+  }
+  TakeClientData();
+}
+
+bool cProxy::NameAdmissionApplies() const {
+  const std::int32_t check = IsLocalClient() ? kCheckLocal : kCheckRemote;
+  return (host_.configuration.ValidateRDNS & check) != 0 && !Whitelisted;
+}
+
+bool cProxy::AdmitByName() {
+  const Configuration& c = host_.configuration;
+  if (!NameAdmissionApplies() || mText::MatchList(HostName, c.HostsWhiteList)) return true;
+  // The allow list's "*" is meant for names; a client that has none does not pass by it.
+  const bool allowed = !HostName.empty() && mText::MatchList(HostName, c.HostsAllowList);
+  if (allowed && !mText::MatchList(HostName, c.HostsBlackList)) return true;
+  stage_ = Stage::kRefused;
+  SendPolicyReply(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList);
+  return false;
+}
+
+void cProxy::ConnectServer() {
+  stage_ = Stage::kConnecting;
+  try {
+    Sender.Connect(host_.configuration.ServerIP, host_.configuration.ServerPort);
+  } catch (const Error& error) {
+    // Whichever way the connection fails, the client is told.
+    Sender_Error(error.Number(), error.Description());
+  }
+}
+
+bool cProxy::IsLocalClient() const {
+  if (!IsLocal)
+    IsLocal = mCommon::IPInRangeList(mCommon::CLngIP(Receiver.RemoteHostIP()), host_.configuration.LocalIPs);
+  return *IsLocal;
+}
+
+}  // namespace trabex
