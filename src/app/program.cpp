@@ -63,15 +63,15 @@ void Program::LogConfiguration() {
                             [this](std::string_view line) { log.WriteUnstamped(line); });
 }
 
-bool Program::SaveGreyListing(const std::string& database) {
+bool Program::SaveGreyListing() {
   const GreyListingSettings& settings = configuration.GreyListing;
   const auto saved = [this](DateTime time) {
     if (window) window->GreyListingSaved(time);
   };
-  // A save in place and a load would hold up the sessions, with a million records for most of a second.
-  if (settings.Enabled && settings.Database == database && greylisting_hooks.save_in_background(saved)) {
-    return false;
-  }
+  // A save in place and a load would hold up the sessions, with a million records for most of a second. Not
+  // the setting's value of before counts: a change that could not be followed then is followed now.
+  const bool stays = settings.Enabled && settings.Database == greylisting_hooks.database();
+  if (stays && greylisting_hooks.save_in_background(saved)) return false;
   const GreyListingSaveResult result = greylisting_hooks.save();
   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;
@@ -83,9 +83,8 @@ LoadEnvironment Program::MakeLoadEnvironment() {
           .log = log,
           .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
           .dump_configuration = [this] { LogConfiguration(); },
-          // Not the setting's value of before: a change that could not be followed then is followed now.
-          .save_greylisting =
-              [this](const std::string&) { return SaveGreyListing(greylisting_hooks.database()); },
+          // The store itself remembers where the records came from.
+          .save_greylisting = [this](const std::string&) { return SaveGreyListing(); },
           .load_greylisting = greylisting_hooks.load,
           .clear_greylisting = greylisting_hooks.clear};
 }

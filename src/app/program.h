@@ -50,10 +50,10 @@ struct Program {
   bool LockInstance();
   // Writes the configuration in force into the log file.
   void LogConfiguration();
-  // Saves the greylisting data at a reload, before which they were kept in `database`. False when the file
-  // does not hold them yet, so that they are not to be loaded from it: they go on in memory, as they do when
-  // the save has failed (the log says so), or is made in the background because their file remains the same.
-  bool SaveGreyListing(const std::string& database);
+  // Saves the greylisting data at a reload. False when the file does not hold them yet, so that they are not
+  // to be loaded from it: they go on in memory, as they do when the save has failed (the log says so), or is
+  // made in the background because the setting still names the database that they are saved to.
+  bool SaveGreyListing();
   // What a load of the configuration needs of this program.
   LoadEnvironment MakeLoadEnvironment();
 

@@ -357,6 +357,7 @@ class GreyListingTimerTest : public MainWindowTest {
       if (save_succeeds_) saved(clock_.UniversalNow());
       return true;
     };
+    program_.greylisting_hooks.database = [this] { return kept_in_; };
     program_.greylisting_hooks.save = [this] {
       saved_after_.push_back(log_.back());
       return GreyListingSaveResult{GreyListingSaveResult::Kind::kSaved, clock_.UniversalNow()};
@@ -378,6 +379,7 @@ class GreyListingTimerTest : public MainWindowTest {
   int background_saves_ = 0;
   bool save_succeeds_ = true;
   bool has_changed_ = true;
+  std::string kept_in_;                   // the database that the records are saved to
   std::vector<std::string> saved_after_;  // the last log line at each save at the end
 };
 
@@ -408,10 +410,12 @@ TEST_F(GreyListingTimerTest, SaveBeforeAReloadCountsAsTheLastOne) {
   Settings().GreyListing.Enabled = true;
   ASSERT_TRUE(Window().Form_Load());
   EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
-  EXPECT_TRUE(program_.SaveGreyListing("elsewhere.gldb"));
+  kept_in_ = "elsewhere.gldb";
+  EXPECT_TRUE(program_.SaveGreyListing());
   EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
   EXPECT_EQ(SavingMinutes(4), std::vector<int>{});
-  EXPECT_FALSE(program_.SaveGreyListing(Settings().GreyListing.Database));
+  kept_in_ = Settings().GreyListing.Database;
+  EXPECT_FALSE(program_.SaveGreyListing());
   EXPECT_EQ(SavingMinutes(12), std::vector<int>{10});
 }
 
@@ -435,7 +439,8 @@ TEST_F(GreyListingTimerTest, ReloadSavesInTheBackgroundWhereTheDatabaseStays) {
     background_saves_ = 0;
     saved_after_.clear();
     // What is saved in the background is not to be loaded.
-    EXPECT_EQ(program_.SaveGreyListing(row.database), !row.in_background);
+    kept_in_ = row.database;
+    EXPECT_EQ(program_.SaveGreyListing(), !row.in_background);
     EXPECT_EQ(background_saves_, row.in_background ? 1 : 0);
     EXPECT_EQ(saved_after_.size(), row.in_background ? 0U : 1U);
   }
