@@ -30,6 +30,9 @@ struct GreyListingSettings {
   std::int32_t BlackListMinCount = 2;
   ExpressionList CallbackSendersList;
   std::int32_t CallbackSenderAction = 1;
+  // Records that were never accepted: of all clients, and of one network.
+  std::int32_t MaxPending = 500000;
+  std::int32_t MaxPendingPerNetwork = 20000;
 };
 
 // A load assigns field by field; one that stops at an error leaves the later fields as they were. Readers
@@ -86,6 +89,7 @@ struct Configuration {
   std::int32_t Timeout = 300;       // seconds; 0: none
   std::int32_t MaxBadSeq = 10;
   bool AutoReload = true;
+  bool ConfirmHostNames = false;
 
   GreyListingSettings GreyListing;
   ResponseChangeTable ResponseChanges;

@@ -67,6 +67,7 @@ constexpr auto kCommonOrder = std::to_array<std::string_view>({
     "PrivateRecipients",
     "RestrictedSenders",
     "AddReceived",
+    "ConfirmHostNames",
 });
 
 constexpr auto kGreyListingOrder = std::to_array<std::string_view>({
@@ -86,6 +87,8 @@ constexpr auto kGreyListingOrder = std::to_array<std::string_view>({
     "HostsBlackList",
     "CallbackSendersList",
     "CallbackSenderAction",
+    "MaxPending",
+    "MaxPendingPerNetwork",
 });
 
 std::string Quoted(std::string_view text) {
@@ -265,7 +268,9 @@ void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list
 }
 
 void WriteSetting(Writer& writer, const Setting& setting, const Configuration& configuration) {
-  const auto scalar = [&](const std::string& value) { writer.Scalar(setting.key, value); };
+  const auto scalar = [&](const std::string& value) {
+    if (setting.shown_at_default || value != setting.default_text) writer.Scalar(setting.key, value);
+  };
   switch (setting.kind) {
     case SettingKind::kText:
     case SettingKind::kAddress:

@@ -42,6 +42,12 @@ constexpr Setting Grey(std::string_view key, SettingKind kind, SettingField fiel
   return {section_name::kGreyListing, key, kind, field, default_text, min, max};
 }
 
+// One that came later.
+constexpr Setting Later(Setting setting) {
+  setting.shown_at_default = false;
+  return setting;
+}
+
 constexpr auto kSettings = std::to_array<Setting>({
     Early("IgnoreIniErrors", kBoolean, &C::IgnoreIniErrors, "1"),
     Early("Log", kInteger, &C::Log, "1", 0, 2),
@@ -93,6 +99,7 @@ constexpr auto kSettings = std::to_array<Setting>({
     Common("Timeout", kInteger, &C::Timeout, "300", 0, kGreatest),
     Common("MaxBadSeq", kInteger, &C::MaxBadSeq, "10", 0, kGreatestCount),
     Common("AutoReload", kBoolean, &C::AutoReload, "1", 0, 1),
+    Later(Common("ConfirmHostNames", kBoolean, &C::ConfirmHostNames, "0", 0, 1)),
 
     Grey("Enabled", kBoolean, &G::Enabled, "0", 0, 1),
     Grey("Log", kInteger, &G::Log, "0", 0, 1),
@@ -110,6 +117,8 @@ constexpr auto kSettings = std::to_array<Setting>({
     Grey("BlackListMinCount", kInteger, &G::BlackListMinCount, "2", 1, kGreatest),
     Grey("CallbackSendersList", kPlainList, &G::CallbackSendersList, "[],postmaster@*"),
     Grey("CallbackSenderAction", kInteger, &G::CallbackSenderAction, "1", 0, 3),
+    Later(Grey("MaxPending", kInteger, &G::MaxPending, "500000", 100, kGreatest)),
+    Later(Grey("MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kGreatest)),
 });
 
 }  // namespace

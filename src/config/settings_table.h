@@ -51,6 +51,9 @@ struct Setting {
   std::int64_t max = 0;
   // Read before all others, by ReadEarlyKeys.
   bool is_early = false;
+  // Whether the dump shows it while it has its default. A setting that came later does not, so that the dump
+  // of a file without it stays what it was. Numbers only.
+  bool shown_at_default = true;
 };
 
 // The early keys, then Common, then GreyListing.

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 
 #include "config/early_keys.h"
@@ -109,6 +110,33 @@ TEST(LogConfiguration, WritesTheWholeConfiguration) {
                 "[RecipientReplacements.Remote]\n"
                 "\"a b\",c = d\n" +
                 equals);
+}
+
+// A dump from before they came stays as it was.
+TEST(LogConfiguration, ShowsLaterSettingsOnlyWhenTheyDifferFromTheirDefault) {
+  const struct {
+    const char* section;
+    const char* key;
+    const char* default_value;
+    const char* other_value;
+    const char* line_before;
+  } rows[] = {{"Common", "ConfirmHostNames", "0", "1", "AddReceived = 1"},
+              {"GreyListing", "MaxPending", "500000", "100", "CallbackSenderAction = 1"},
+              {"GreyListing", "MaxPendingPerNetwork", "20000", "2147483647", "CallbackSenderAction = 1"}};
+  const Lines without = DumpLines(LoadedText("", false).configuration);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.key);
+    const auto dump_with = [&](const char* value) {
+      return DumpLines(
+          LoadedText("[" + std::string(row.section) + "]\n" + row.key + "=" + value + "\n", false)
+              .configuration);
+    };
+    EXPECT_EQ(dump_with(row.default_value), without);
+    Lines expected = without;
+    expected.insert(std::find(expected.begin(), expected.end(), row.line_before) + 1,
+                    std::string(row.key) + " = " + row.other_value);
+    EXPECT_EQ(dump_with(row.other_value), expected);
+  }
 }
 
 TEST(LogConfiguration, WritesNothingWithTheLogOff) {

@@ -69,6 +69,7 @@ const Row kCommonRows[] = {
     {"Timeout", 'i', "300", "0", kGreatest},
     {"MaxBadSeq", 'i', "10", "0", kCount},
     {"AutoReload", 'b', "1", "0", "1"},
+    {"ConfirmHostNames", 'b', "0", "0", "1"},
 };
 
 const Row kGreyListingRows[] = {
@@ -88,6 +89,8 @@ const Row kGreyListingRows[] = {
     {"BlackListMinCount", 'i', "2", "1", kGreatest},
     {"CallbackSendersList", 'p', "[], postmaster@*"},
     {"CallbackSenderAction", 'i', "1", "0", "3"},
+    {"MaxPending", 'i', "500000", "100", kGreatest},
+    {"MaxPendingPerNetwork", 'i', "20000", "100", kGreatest},
 };
 
 struct PlacedRow {
