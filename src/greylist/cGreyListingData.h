@@ -30,6 +30,9 @@ class cGreyListingData {
   std::int32_t Count() const { return count_; }
   void SetCount(std::int32_t count) { count_ = count; }
 
+  // Whether it was never accepted so far. Once accepted a record stays so.
+  bool Pending() const { return count_ <= 0; }
+
   // The magnitude of Count; wider than it, since that of the lowest count has no positive counterpart.
   std::int64_t Attempts() const { return count_ < 0 ? -std::int64_t{count_} : count_; }
 

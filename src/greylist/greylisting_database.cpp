@@ -1,5 +1,6 @@
 #include "greylist/greylisting_database.h"
 
+#include <cassert>
 #include <utility>
 
 #include "base/error.h"
@@ -17,12 +18,46 @@ cGreyListingData& GreyListingDatabase::Add(cGreyListingData record) {
     throw Error(error_number::kDuplicateKey, "GreyListingDatabase.Add",
                 "This key is already associated with an element of this collection");
   }
+  const bool pending = record.Pending();
+  const std::uint64_t network = pending ? NetworkHashOf(record.Key()) : 0;
+  if (pending) MakeRoom(network);
   const std::uint32_t number = TakePlace(std::move(record));
   index_.Add(hash, number);
+  if (pending) At(number).pending = pending_.Add(network, number);
   (last_ == kNone ? first_ : At(last_).after) = number;
   last_ = number;
   ++count_;
   return At(number).record;
+}
+
+void GreyListingDatabase::Accepted(const cGreyListingData& record) {
+  const std::uint32_t number = NumberOf(record.Key(), HashOf(record.Key()));
+  assert(number != kNone);
+  LeaveQueue(At(number));
+}
+
+// The network first: what it gives up may be all the room that is needed.
+void GreyListingDatabase::MakeRoom(std::uint64_t network) {
+  std::size_t left = kMostDroppedAtOnce;
+  const auto drop = [&](std::uint32_t number) {
+    Remove(number);
+    --left;
+  };
+  for (std::size_t count = pending_.CountOf(network); left > 0 && count > 0 && count >= limits_.per_network;
+       --count) {
+    drop(pending_.OldestOf(network));
+    ++dropped_.by_limit_per_network;
+  }
+  while (left > 0 && pending_.Count() > 0 && pending_.Count() >= limits_.in_all) {
+    drop(pending_.Oldest());
+    ++dropped_.by_limit_in_all;
+  }
+}
+
+void GreyListingDatabase::LeaveQueue(Place& place) {
+  if (place.pending == kNone) return;
+  pending_.Remove(place.pending);
+  place.pending = kNone;
 }
 
 // The place is not linked to its neighbours yet, but knows those it will have.
@@ -30,45 +65,56 @@ std::uint32_t GreyListingDatabase::TakePlace(cGreyListingData record) {
   if (free_ != kNone) {
     const std::uint32_t number = free_;
     free_ = At(number).after;
-    At(number) = {std::move(record), last_, kNone};
+    At(number) = {std::move(record), last_, kNone, kNone};
     return number;
   }
   if (blocks_.empty() || blocks_.back().size() == kBlockSize) blocks_.emplace_back().reserve(kBlockSize);
-  blocks_.back().push_back({std::move(record), last_, kNone});
+  blocks_.back().push_back({std::move(record), last_, kNone, kNone});
   return static_cast<std::uint32_t>((blocks_.size() - 1) * kBlockSize + blocks_.back().size() - 1);
 }
 
 void GreyListingDatabase::Remove(std::uint32_t number) {
   Place& place = At(number);
+  if (sweep_next_ == number) sweep_next_ = place.after;
+  LeaveQueue(place);
   index_.Remove(HashOf(place.record.Key()), number);
   (place.before == kNone ? first_ : At(place.before).after) = place.after;
   (place.after == kNone ? last_ : At(place.after).before) = place.before;
   --count_;
-  // Gives the key's memory back.
-  place = {cGreyListingData(std::string(), 0, 0, 0), kNone, free_};
+  // Moved out, the key gives its memory back; a short one assigned to it would leave it there.
+  { const cGreyListingData gone = std::move(place.record); }
+  place.before = kNone;
+  place.after = free_;
   free_ = number;
 }
 
 std::size_t GreyListingDatabase::RemoveExpired(DateTime now) {
   const std::size_t before = Count();
-  Sweep(*this, now).Step(before);
+  BeginSweep(now);
+  SweepSome(before);
   return before - Count();
 }
 
 void GreyListingDatabase::Clear() {
   blocks_ = {};
   index_.Clear();
+  pending_.Clear();
   count_ = 0;
-  first_ = last_ = free_ = kNone;
+  first_ = last_ = free_ = sweep_next_ = kNone;
 }
 
-bool GreyListingDatabase::Sweep::Step(std::size_t limit) {
-  for (; limit > 0 && next_ != kNone; --limit) {
-    const std::uint32_t number = next_;
-    next_ = database_->At(number).after;
-    if (now_ >= database_->At(number).record.ExpireAt()) database_->Remove(number);
+void GreyListingDatabase::BeginSweep(DateTime now) {
+  sweep_next_ = first_;
+  sweep_now_ = now;
+}
+
+bool GreyListingDatabase::SweepSome(std::size_t limit) {
+  for (; limit > 0 && sweep_next_ != kNone; --limit) {
+    const std::uint32_t number = sweep_next_;
+    sweep_next_ = At(number).after;
+    if (sweep_now_ >= At(number).record.ExpireAt()) Remove(number);
   }
-  return next_ != kNone;
+  return sweep_next_ != kNone;
 }
 
 }  // namespace trabex

@@ -1,20 +1,43 @@
 // The greylisting records in memory.
 //
 // Records lie in large blocks and stay where they are; each is linked to the ones added before and after it.
-// With keys of usual length a record takes some 160 bytes in all.
+// With keys of usual length a record takes some 170 bytes in all, a pending one some 200.
+//
+// A record is pending until it is accepted. Anybody can bring about as many of them as he likes, so their
+// number is bounded, in all and for each network: one more drops the oldest. The oldest is the one that was
+// added first, not the one whose last attempt is longest ago, because then whoever repeats his own attempts
+// would push out all others; and the order of adding is also that in the file and needs no clock, which may
+// be set back. It is nearly always the one that would expire first as well.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <limits>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "greylist/cGreyListingData.h"
 #include "greylist/key_index.h"
 #include "greylist/keyed_hash.h"
+#include "greylist/pending_queue.h"
 
 namespace trabex {
+
+// The most pending records that are kept.
+struct PendingLimits {
+  std::size_t in_all = std::numeric_limits<std::size_t>::max();
+  std::size_t per_network = std::numeric_limits<std::size_t>::max();
+};
+
+// How many were dropped, by the limit that demanded it.
+struct DroppedPending {
+  std::size_t by_limit_in_all = 0;
+  std::size_t by_limit_per_network = 0;
+
+  std::size_t Count() const { return by_limit_in_all + by_limit_per_network; }
+};
 
 class GreyListingDatabase {
  public:
@@ -29,37 +52,41 @@ class GreyListingDatabase {
   Records All() const;
   std::size_t Count() const { return count_; }
 
-  // nullptr when there is none. A record stays where it is until it is removed.
+  // nullptr when there is none. A record stays where it is until it is removed. Whoever makes a pending one
+  // an accepted one has to call Accepted.
   cGreyListingData* Find(std::string_view key);
-  // Adds it behind all others. Raises 457 "This key is already associated with an element of this collection"
-  // (source "GreyListingDatabase.Add") when its key is there already; nothing is changed then.
+  // Adds it behind all others. A pending one makes room for itself: while there are as many as the limits
+  // permit the oldest is dropped, first of its network, then of all. After limits were lowered that takes
+  // several additions, as each drops kMostDroppedAtOnce at most, so that none takes long. Raises 457 "This
+  // key is already associated with an element of this collection" (source "GreyListingDatabase.Add") when its
+  // key is there already; nothing is changed then.
   cGreyListingData& Add(cGreyListingData record);
+  // To be told when `record`, one of this database, was pending and now is not.
+  void Accepted(const cGreyListingData& record);
+
+  // They act on the next Add.
+  void SetLimits(const PendingLimits& limits) { limits_ = limits; }
+  std::size_t PendingCount() const { return pending_.Count(); }
+  // What Add has dropped since the last call.
+  DroppedPending TakeDropped() { return std::exchange(dropped_, DroppedPending()); }
+  static constexpr std::size_t kMostDroppedAtOnce = 1000;
+
   // Makes room in the index for `count` records in all.
   void Reserve(std::size_t count) { index_.Reserve(count); }
   // Removes every record that has reached its ExpireAt at `now`. Returns their number.
   std::size_t RemoveExpired(DateTime now);
-  // Removes all records; the changed flag stays.
+  // Removes all records; the changed flag and the limits stay.
   void Clear();
 
   // Whether there is something that the file does not hold yet.
   bool Changed() const { return changed_; }
   void SetChanged(bool changed) { changed_ = changed; }
 
-  // RemoveExpired over several turns of the loop. Records may be added and changed between two steps, but not
-  // removed in any other way.
-  class Sweep {
-   public:
-    // `database` outlives the sweep.
-    Sweep(GreyListingDatabase& database, DateTime now)
-        : database_(&database), next_(database.first_), now_(now) {}
-    // Looks at `limit` records at most. Returns whether there are more.
-    bool Step(std::size_t limit);
-
-   private:
-    GreyListingDatabase* database_;
-    std::uint32_t next_;
-    DateTime now_;
-  };
+  // RemoveExpired over several turns of the loop, one at a time. Between two steps records may be added,
+  // changed and removed.
+  void BeginSweep(DateTime now);
+  // Looks at `limit` records at most. Returns whether there are more.
+  bool SweepSome(std::size_t limit);
 
  private:
   static constexpr std::uint32_t kNone = KeyIndex::kNone;
@@ -69,8 +96,9 @@ class GreyListingDatabase {
   // A record, or a free place for one. Places are numbered; the number says in which block and where in it.
   struct Place {
     cGreyListingData record;
-    std::uint32_t before;  // the record added before it
-    std::uint32_t after;   // the one added after it; of a free place the next free one
+    std::uint32_t before;   // the record added before it
+    std::uint32_t after;    // the one added after it; of a free place the next free one
+    std::uint32_t pending;  // its entry in the queue of the pending ones; kNone when it is none of them
   };
 
   Place& At(std::uint32_t number) { return blocks_[number >> kBlockBits][number & (kBlockSize - 1)]; }
@@ -78,19 +106,28 @@ class GreyListingDatabase {
     return blocks_[number >> kBlockBits][number & (kBlockSize - 1)];
   }
   std::uint64_t HashOf(std::string_view key) const { return KeyedHash(secret_, key); }
+  // That of the key's network: what stands before its first blank.
+  std::uint64_t NetworkHashOf(std::string_view key) const { return HashOf(key.substr(0, key.find(' '))); }
   std::uint32_t NumberOf(std::string_view key, std::uint64_t hash) const {
     return index_.Find(hash, [&](std::uint32_t number) { return At(number).record.Key() == key; });
   }
   std::uint32_t TakePlace(cGreyListingData record);
   void Remove(std::uint32_t number);
+  void MakeRoom(std::uint64_t network);
+  void LeaveQueue(Place& place);
 
   HashSecret secret_ = HashSecret::Random();
   std::vector<std::vector<Place>> blocks_;  // each has room for kBlockSize from the start, so it never moves
   KeyIndex index_;
+  PendingQueue pending_;
+  PendingLimits limits_;
+  DroppedPending dropped_;
   std::size_t count_ = 0;
   std::uint32_t first_ = kNone;
   std::uint32_t last_ = kNone;
   std::uint32_t free_ = kNone;
+  std::uint32_t sweep_next_ = kNone;  // what a sweep looks at next
+  DateTime sweep_now_ = 0;
   bool changed_ = false;
 };
 

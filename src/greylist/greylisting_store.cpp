@@ -69,7 +69,6 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   if (!database_.Changed()) return {};
   const DateTime now = clock_.UniversalNow();
   sweep_timer_.Disable();
-  sweep_.reset();
   database_.RemoveExpired(now);
   try {
     SaveDatabaseFile(Path(), database_, now);
@@ -103,7 +102,6 @@ void GreyListingStore::ClearGreyListingDatabase() {
 
 void GreyListingStore::Drop() {
   sweep_timer_.Disable();
-  sweep_.reset();
   database_.Clear();
   database_.SetChanged(false);
 }
@@ -127,14 +125,12 @@ GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const JobResult& 
 }
 
 void GreyListingStore::BeginSweep(DateTime now) {
-  sweep_.emplace(database_, now);
+  database_.BeginSweep(now);
   sweep_timer_.Enable();
 }
 
 void GreyListingStore::SweepSome() {
-  if (sweep_->Step(kSweptPerTurn)) return;
-  sweep_timer_.Disable();
-  sweep_.reset();
+  if (!database_.SweepSome(kSweptPerTurn)) sweep_timer_.Disable();
 }
 
 }  // namespace trabex

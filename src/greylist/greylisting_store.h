@@ -83,7 +83,6 @@ class GreyListingStore {
   const Clock& clock_;
   GreyListingDatabase& database_;
   std::optional<std::string> path_;  // that of the last load
-  std::optional<GreyListingDatabase::Sweep> sweep_;
   Timer sweep_timer_;
   SnapshotJob job_;
 };

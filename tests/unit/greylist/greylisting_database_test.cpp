@@ -1,6 +1,7 @@
 #include "greylist/greylisting_database.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <limits>
@@ -94,15 +95,15 @@ TEST(GreyListingDatabase, RemovesWhatHasReachedItsDate) {
 TEST(GreyListingDatabase, SweepsInSteps) {
   GreyListingDatabase database;
   AddAll(database, {{"a", 9, 1, -1}, {"b", 11, 1, -1}, {"c", 9, 1, -1}, {"d", 9, 1, -1}});
-  GreyListingDatabase::Sweep sweep(database, 10);
-  EXPECT_TRUE(sweep.Step(1));
+  database.BeginSweep(10);
+  EXPECT_TRUE(database.SweepSome(1));
   EXPECT_EQ(database.Count(), 3U);
-  EXPECT_TRUE(sweep.Step(1));
+  EXPECT_TRUE(database.SweepSome(1));
   EXPECT_EQ(database.Count(), 3U);
   // What comes and what is renewed between two steps stays.
   database.Add({"e", 12, 1, -1});
   database.Find("d")->SetExpireAt(12);
-  EXPECT_FALSE(sweep.Step(10));
+  EXPECT_FALSE(database.SweepSome(10));
   EXPECT_EQ(Plain(database),
             (std::vector<PlainRecord>{{"b", 11, 1, -1}, {"d", 12, 1, -1}, {"e", 12, 1, -1}}));
 }
@@ -117,6 +118,207 @@ TEST(GreyListingDatabase, ClearedIsEmpty) {
   EXPECT_TRUE(database.Changed());
   AddAll(database, SomeRecords("s", 10));
   EXPECT_EQ(Plain(database), SomeRecords("s", 10));
+}
+
+// The keys of what is left, and what was dropped by which limit.
+using Keys = std::vector<std::string>;
+Keys KeysOf(const GreyListingDatabase& database) {
+  Keys keys;
+  for (const cGreyListingData& record : database.All()) keys.push_back(record.Key());
+  return keys;
+}
+std::string TakeDropped(GreyListingDatabase& database) {
+  const DroppedPending dropped = database.TakeDropped();
+  return std::to_string(dropped.by_limit_in_all) + " in all, " +
+         std::to_string(dropped.by_limit_per_network) + " per network";
+}
+
+void AddPending(GreyListingDatabase& database, const Keys& keys) {
+  for (const std::string& key : keys) database.Add({key, 100, 1, -1});
+}
+
+TEST(PendingRecords, OneMoreDropsTheOldestOfItsNetwork) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 100, .per_network = 2});
+  AddPending(database, {"10.1.2 a", "10.1.3 a", "10.1.2 b", "10.1.20 a"});
+  EXPECT_EQ(TakeDropped(database), "0 in all, 0 per network");
+  EXPECT_EQ(database.PendingCount(), 4U);
+  AddPending(database, {"10.1.2 c"});
+  EXPECT_EQ(KeysOf(database), (Keys{"10.1.3 a", "10.1.2 b", "10.1.20 a", "10.1.2 c"}));
+  EXPECT_EQ(database.Find("10.1.2 a"), nullptr);
+  EXPECT_EQ(TakeDropped(database), "0 in all, 1 per network");
+  EXPECT_EQ(TakeDropped(database), "0 in all, 0 per network");
+  EXPECT_EQ(database.PendingCount(), 4U);
+}
+
+TEST(PendingRecords, OneMoreDropsTheOldestOfAll) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 3, .per_network = 2});
+  AddPending(database, {"10.1.1 a", "10.1.2 a", "10.1.3 a", "10.1.4 a"});
+  EXPECT_EQ(KeysOf(database), (Keys{"10.1.2 a", "10.1.3 a", "10.1.4 a"}));
+  EXPECT_EQ(TakeDropped(database), "1 in all, 0 per network");
+  // What its own network gives up is room enough.
+  AddPending(database, {"10.1.3 b", "10.1.3 c"});
+  EXPECT_EQ(KeysOf(database), (Keys{"10.1.4 a", "10.1.3 b", "10.1.3 c"}));
+  EXPECT_EQ(TakeDropped(database), "1 in all, 1 per network");
+}
+
+// Whatever the dates say: the clock may have been set back.
+TEST(PendingRecords, TheOldestIsTheOneAddedFirst) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 2, .per_network = 2});
+  AddAll(database, {{"n a", 1000, 900, -1}, {"n b", 500, 400, -1}, {"n c", 700, 600, -1}});
+  EXPECT_EQ(KeysOf(database), (Keys{"n b", "n c"}));
+  // An attempt makes it no younger.
+  database.Find("n b")->IncrementAttempts();
+  AddPending(database, {"n d"});
+  EXPECT_EQ(KeysOf(database), (Keys{"n c", "n d"}));
+}
+
+TEST(PendingRecords, AcceptedOnesNeverGo) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 2, .per_network = 2});
+  AddAll(database, {{"n accepted", 100, 1, 1}, {"n a", 100, 1, -1}, {"n b", 100, 1, 0}});
+  EXPECT_EQ(database.PendingCount(), 2U);
+  // One that is accepted makes room.
+  cGreyListingData* record = database.Find("n a");
+  record->SetCount(2);
+  database.Accepted(*record);
+  EXPECT_EQ(database.PendingCount(), 1U);
+  database.Accepted(*record);
+  EXPECT_EQ(database.PendingCount(), 1U);
+  AddPending(database, {"n c"});
+  EXPECT_EQ(TakeDropped(database), "0 in all, 0 per network");
+  AddPending(database, {"n d", "n e"});
+  EXPECT_EQ(KeysOf(database), (Keys{"n accepted", "n a", "n d", "n e"}));
+  // Accepted ones need no room.
+  AddAll(database, {{"n f", 100, 1, 5}, {"n g", 100, 1, 5}});
+  EXPECT_EQ(database.Count(), 6U);
+  EXPECT_EQ(TakeDropped(database), "0 in all, 2 per network");
+}
+
+TEST(PendingRecords, ExpiredOnesLeaveTheQueue) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 3, .per_network = 2});
+  AddAll(database, {{"n a", 5, 1, -1}, {"n b", 20, 1, -1}, {"m a", 5, 1, -1}});
+  EXPECT_EQ(database.RemoveExpired(10), 2U);
+  EXPECT_EQ(database.PendingCount(), 1U);
+  AddPending(database, {"n c", "m b"});
+  EXPECT_EQ(KeysOf(database), (Keys{"n b", "n c", "m b"}));
+  EXPECT_EQ(TakeDropped(database), "0 in all, 0 per network");
+}
+
+TEST(PendingRecords, LoweredLimitsActOnTheNextAdditions) {
+  constexpr std::size_t kMany = GreyListingDatabase::kMostDroppedAtOnce * 5 / 2;
+  GreyListingDatabase database;
+  for (std::size_t i = 0; i < kMany; ++i) AddPending(database, {"n " + std::to_string(i)});
+  AddPending(database, {"m a", "m b", "m c"});
+  database.SetLimits({.in_all = 100, .per_network = 2});
+  // Some at a time, so that no decision takes long.
+  AddPending(database, {"n x"});
+  EXPECT_EQ(database.PendingCount(), kMany + 4 - 1000);
+  AddPending(database, {"m d"});
+  EXPECT_EQ(database.Find("m b"), nullptr);
+  EXPECT_NE(database.Find("m c"), nullptr);
+  EXPECT_EQ(database.PendingCount(), kMany + 5 - 2000);
+  AddPending(database, {"n y"});
+  EXPECT_EQ(KeysOf(database), (Keys{"m c", "n x", "m d", "n y"}));
+  EXPECT_EQ(TakeDropped(database), "998 in all, 1504 per network");
+}
+
+TEST(PendingRecords, WhatASweepComesToMayBeDropped) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 4, .per_network = 4});
+  AddAll(database, {{"n a", 20, 1, -1}, {"n b", 20, 1, -1}, {"n c", 20, 1, -1}, {"n d", 5, 1, -1}});
+  database.BeginSweep(10);
+  EXPECT_TRUE(database.SweepSome(1));
+  AddPending(database, {"n e", "n f"});  // drops a and b, which it comes to next
+  EXPECT_FALSE(database.SweepSome(100));
+  EXPECT_EQ(KeysOf(database), (Keys{"n c", "n e", "n f"}));
+  database.BeginSweep(10);
+  database.Clear();
+  EXPECT_FALSE(database.SweepSome(1));
+}
+
+TEST(PendingRecords, ClearedAndMovedOnesAreCountedToo) {
+  GreyListingDatabase database;
+  database.SetLimits({.in_all = 2, .per_network = 2});
+  AddPending(database, {"n a", "n b"});
+  database.Clear();
+  EXPECT_EQ(database.PendingCount(), 0U);
+  AddPending(database, {"n a", "n b"});
+  GreyListingDatabase moved;
+  moved = std::move(database);
+  AddPending(moved, {"n c"});
+  EXPECT_EQ(KeysOf(moved), (Keys{"n b", "n c"}));
+}
+
+// Against a plain list, in any sequence of additions, acceptances and removals.
+TEST(PendingRecords, AreRightAfterAnySequence) {
+  std::mt19937 random(8);
+  const auto network_of = [](const PlainRecord& record) { return std::get<0>(record).substr(0, 2); };
+  const auto pending = [](const PlainRecord& record) { return std::get<3>(record) <= 0; };
+  GreyListingDatabase database;
+  std::vector<PlainRecord> expected;
+  PendingLimits limits{.in_all = 60, .per_network = 15};
+  database.SetLimits(limits);
+  // Drops the first pending one, of `network` unless that is empty, while there are `limit` of them.
+  const auto make_room = [&](const std::string& network, std::size_t limit) {
+    const auto counts = [&](const PlainRecord& record) {
+      return pending(record) && (network.empty() || network_of(record) == network);
+    };
+    while (static_cast<std::size_t>(std::count_if(expected.begin(), expected.end(), counts)) >= limit) {
+      expected.erase(std::find_if(expected.begin(), expected.end(), counts));
+    }
+  };
+  DateTime now = 0;
+  for (int step = 0; step < 4000; ++step) {
+    if (step % 500 == 499) {
+      limits = {.in_all = 1 + random() % 80, .per_network = 1 + random() % 30};
+      database.SetLimits(limits);
+    }
+    const std::string key = std::to_string(random() % 10) + "  " + std::to_string(random() % 60);
+    const auto known = std::find_if(expected.begin(), expected.end(),
+                                    [&](const PlainRecord& record) { return std::get<0>(record) == key; });
+    if (known == expected.end()) {
+      const std::int32_t count = random() % 10 == 0 ? 1 : -1;
+      const PlainRecord record = {key, now + static_cast<double>(random() % 3000), now, count};
+      if (count < 0) {
+        make_room(network_of(record), limits.per_network);
+        make_room("", limits.in_all);
+      }
+      expected.push_back(record);
+      AddAll(database, {record});
+    } else if (random() % 4 == 0) {
+      std::get<3>(*known) = 7;
+      cGreyListingData* record = database.Find(key);
+      ASSERT_NE(record, nullptr) << step;
+      record->SetCount(7);
+      database.Accepted(*record);
+    }
+    if (random() % 50 == 0) {
+      now += static_cast<double>(random() % 200);
+      database.RemoveExpired(now);
+      std::erase_if(expected, [&](const PlainRecord& record) { return std::get<1>(record) <= now; });
+    }
+    ASSERT_EQ(Plain(database), expected) << step;
+    ASSERT_EQ(database.PendingCount(),
+              static_cast<std::size_t>(std::count_if(expected.begin(), expected.end(), pending)));
+  }
+}
+
+// Of the memory that the program asked for; 0 where a sanitizer's own allocator gives it.
+std::size_t HeapInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+
+TEST(GreyListingDatabase, ARemovedRecordGivesItsMemoryBack) {
+  GreyListingDatabase database;
+  const std::size_t before = HeapInUse();
+  for (int i = 0; i < 1000; ++i) database.Add({std::string(20000, 'k') + std::to_string(i), 5, 1, -1});
+  EXPECT_EQ(database.RemoveExpired(10), 1000U);
+  EXPECT_LT(HeapInUse(), before + 1'000'000);
 }
 
 // Against a plain list of records, in any sequence of additions and removals.

@@ -1,0 +1,106 @@
+#include "greylist/pending_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <vector>
+
+namespace trabex {
+namespace {
+
+constexpr std::uint32_t kNone = PendingQueue::kNone;
+
+// Takes everything out, the oldest first.
+std::vector<std::uint32_t> Emptied(PendingQueue& queue, std::vector<std::uint32_t> entries_by_number) {
+  std::vector<std::uint32_t> order;
+  while (queue.Oldest() != kNone) {
+    order.push_back(queue.Oldest());
+    queue.Remove(entries_by_number[queue.Oldest()]);
+  }
+  return order;
+}
+
+TEST(PendingQueue, AnEmptyOneHasNobody) {
+  const PendingQueue queue;
+  EXPECT_EQ(queue.Count(), 0U);
+  EXPECT_EQ(queue.CountOf(7), 0U);
+  EXPECT_EQ(queue.Oldest(), kNone);
+  EXPECT_EQ(queue.OldestOf(7), kNone);
+}
+
+TEST(PendingQueue, KeepsTheOrderOfArrival) {
+  PendingQueue queue;
+  std::vector<std::uint32_t> entries;
+  for (std::uint32_t number = 0; number < 6; ++number) entries.push_back(queue.Add(number % 2, number));
+  EXPECT_EQ(queue.Count(), 6U);
+  EXPECT_EQ(queue.CountOf(0), 3U);
+  EXPECT_EQ(queue.OldestOf(0), 0U);
+  EXPECT_EQ(queue.OldestOf(1), 1U);
+  // From the front, the middle and the end.
+  queue.Remove(entries[0]);
+  queue.Remove(entries[3]);
+  queue.Remove(entries[5]);
+  EXPECT_EQ(queue.OldestOf(0), 2U);
+  EXPECT_EQ(queue.OldestOf(1), 1U);
+  EXPECT_EQ(queue.CountOf(1), 1U);
+  EXPECT_EQ(Emptied(queue, entries), (std::vector<std::uint32_t>{1, 2, 4}));
+  EXPECT_EQ(queue.Count(), 0U);
+  EXPECT_EQ(queue.CountOf(0), 0U);
+}
+
+// Hashes of which the index looks at the same part only.
+TEST(PendingQueue, TellsNetworksApartByTheWholeHash) {
+  PendingQueue queue;
+  queue.Add(0x0100000000000007, 1);
+  queue.Add(0x0100000100000007, 2);
+  EXPECT_EQ(queue.OldestOf(0x0100000000000007), 1U);
+  EXPECT_EQ(queue.OldestOf(0x0100000100000007), 2U);
+  EXPECT_EQ(queue.OldestOf(0x0100000200000007), kNone);
+}
+
+TEST(PendingQueue, ClearedIsEmpty) {
+  PendingQueue queue;
+  for (std::uint32_t number = 0; number < 1000; ++number) queue.Add(number % 7, number);
+  queue.Clear();
+  EXPECT_EQ(queue.Count(), 0U);
+  EXPECT_EQ(queue.Oldest(), kNone);
+  EXPECT_EQ(queue.CountOf(3), 0U);
+  queue.Add(3, 5);
+  EXPECT_EQ(queue.OldestOf(3), 5U);
+}
+
+// Against a plain list, in any sequence of arrivals and departures.
+TEST(PendingQueue, IsRightAfterAnySequence) {
+  struct Waiting {
+    std::uint64_t network;
+    std::uint32_t number;
+    std::uint32_t entry;
+  };
+  std::mt19937 random(11);
+  PendingQueue queue;
+  std::vector<Waiting> expected;
+  for (std::uint32_t step = 0; step < 20000; ++step) {
+    // Grows for a while, then shrinks, again and again.
+    if (expected.empty() || random() % 100 < (step / 500 % 2 == 0 ? 70U : 30U)) {
+      const std::uint64_t network = random() % 20;
+      expected.push_back({network, step, queue.Add(network, step)});
+    } else {
+      const auto gone = expected.begin() + static_cast<std::ptrdiff_t>(random() % expected.size());
+      queue.Remove(gone->entry);
+      expected.erase(gone);
+    }
+    ASSERT_EQ(queue.Count(), expected.size()) << step;
+    ASSERT_EQ(queue.Oldest(), expected.empty() ? kNone : expected.front().number) << step;
+    const std::uint64_t network = random() % 20;
+    const auto of_network = [network](const Waiting& waiting) { return waiting.network == network; };
+    const auto oldest = std::find_if(expected.begin(), expected.end(), of_network);
+    ASSERT_EQ(queue.OldestOf(network), oldest == expected.end() ? kNone : oldest->number) << step;
+    ASSERT_EQ(queue.CountOf(network),
+              static_cast<std::size_t>(std::count_if(expected.begin(), expected.end(), of_network)))
+        << step;
+  }
+}
+
+}  // namespace
+}  // namespace trabex
