@@ -158,8 +158,9 @@ int main(int argc, char** argv) {
   SystemClock clock;
   EventLoop loop(clock);
   GreyListingDatabase database;
-  mGreyListing grey(settings, log, clock, database);
-  GreyListingStore store(settings, log, clock, loop, database);
+  PendingWarning warning(log, loop);
+  mGreyListing grey(settings, log, clock, database, warning);
+  GreyListingStore store(settings, log, clock, loop, database, warning);
 
   std::size_t key_bytes = 0;
   double check_ms = 0;

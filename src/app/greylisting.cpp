@@ -5,7 +5,9 @@
 namespace trabex {
 
 GreyListing::GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop)
-    : decision_(settings, log, clock, database_), store_(settings, log, clock, loop, database_) {}
+    : warning_(log, loop),
+      decision_(settings, log, clock, database_, warning_),
+      store_(settings, log, clock, loop, database_, warning_) {}
 
 bool GreyListing::Delays(std::string_view host_name, std::string_view ip, std::string_view sender,
                          std::string_view recipient) {

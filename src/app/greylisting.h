@@ -10,6 +10,7 @@
 #include "greylist/greylisting_database.h"
 #include "greylist/greylisting_store.h"
 #include "greylist/mGreyListing.h"
+#include "greylist/pending_warning.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "proxy/greylist_check.h"
@@ -44,6 +45,7 @@ class GreyListing final : public GreylistCheck {
 
  private:
   GreyListingDatabase database_;
+  PendingWarning warning_;
   mGreyListing decision_;
   GreyListingStore store_;
 };

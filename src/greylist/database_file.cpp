@@ -32,17 +32,18 @@ std::string BackupPath(const std::string& path) {
   return path + "bak";
 }
 
-GreyListingDatabase LoadDatabaseFile(const std::string& path) {
+GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimits& limits) {
   InputFile file(NativePath(path), kLoadSource);
   try {
     return ReadDatabase([&file](char* buffer, std::size_t size) { return file.Read(buffer, size); },
-                        file.Size());
+                        file.Size(), limits);
   } catch (const std::bad_alloc&) {
     throw Error(error_number::kOutOfMemory, kLoadSource, "Out of memory");
   }
 }
 
-void SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now) {
+std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
+                             std::uint64_t longest) {
   const std::string place = NativePath(path);
   const std::size_t folder_end = place.find_last_of(kPathSeparator);
   if (folder_end != std::string::npos && folder_end > 0) CreateFolder(place.substr(0, folder_end));
@@ -54,11 +55,13 @@ void SaveDatabaseFile(const std::string& path, const GreyListingDatabase& databa
 
   const std::string fresh = place + "new";
   NewFile file(fresh, kSaveSource);
-  WriteDatabase(database, now, [&file](std::string_view bytes) { file.Write(bytes); });
+  const std::size_t left_out = WriteDatabase(
+      database, now, [&file](std::string_view bytes) { file.Write(bytes); }, longest);
   file.Sync();
   ReplaceFile(fresh, place, BackupPath(place), kSaveSource);
   file.Release();
   SyncFolder(place);
+  return left_out;
 }
 
 }  // namespace trabex

@@ -1,9 +1,12 @@
 // The greylisting database file and its backup on the disk.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include "base/date_time.h"
+#include "greylist/database_format.h"
 #include "greylist/greylisting_database.h"
 
 namespace trabex {
@@ -13,16 +16,18 @@ namespace trabex {
 // The file that was in place before the last save.
 std::string BackupPath(const std::string& path);
 
-// The records of the file at `path`. Raises 321 "The file is corrupted", 457 for a duplicate key, 7 when the
-// memory does not suffice, and the numbers of platform/files.h.
-GreyListingDatabase LoadDatabaseFile(const std::string& path);
+// The records of the file at `path`; of the pending ones the last that `limits` permit (ReadDatabase). Raises
+// 321 "The file is corrupted", 457 for a duplicate key, 7 when the memory does not suffice, and the numbers
+// of platform/files.h.
+GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimits& limits = {});
 
 // Writes the records that have not expired at `now` to a new file (`path` with "new" appended), and only when
 // that is whole and on the disk makes the file at `path` the backup and the new one the file at `path`
 // (ReplaceFile in platform/file_replace.h tells what stands where at which moment). Creates the last level of
-// the folder when it is missing. Raises the numbers of platform/files.h and 380 as WriteDatabase does; both
-// files are then as they were, but for 57 from a folder that cannot be synced although the files in it were
-// moved.
-void SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now);
+// the folder when it is missing. Returns how many records are left out because the payload would be longer
+// than `longest` (WriteDatabase). Raises the numbers of platform/files.h; both files are then as they were,
+// but for 57 from a folder that cannot be synced although the files in it were moved.
+std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
+                             std::uint64_t longest = kLongestPayload);
 
 }  // namespace trabex

@@ -4,7 +4,6 @@
 #include <array>
 #include <charconv>
 #include <cmath>
-#include <limits>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -43,28 +42,57 @@ class RecordName {
   char* letter_;
 };
 
+constexpr std::size_t kPropertiesOfRecord = 4;
+
 std::size_t RecordSize(std::size_t name_size, std::size_t key_size) {
   using Bag = PropertyBagWriter;
   return Bag::IntegerSize(name_size) + 2 * Bag::DateSize(name_size) + Bag::BytesSize(name_size, key_size);
 }
 
-// How many records will be written, and the payload's length with them.
+// The length of a payload with `count` records whose keys have `key_bytes` in all.
+std::uint64_t PayloadLength(std::uint64_t count, std::uint64_t key_bytes) {
+  // The letters; then one digit for the numbers from 1 on, another for those from 10 on, and so forth.
+  std::uint64_t names = count;
+  for (std::uint64_t from = 1; from <= count; from *= 10) names += count - from + 1;
+  return PropertyBagWriter::IntegerSize(1) + count * RecordSize(0, 0) + names * kPropertiesOfRecord +
+         key_bytes + PropertyBagWriter::kEndSize;
+}
+
+// What will be written, and how many of the records that have not expired will not.
 struct Extent {
-  std::int32_t count = 0;
-  std::uint64_t length = PropertyBagWriter::IntegerSize(1) + PropertyBagWriter::kEndSize;
+  std::uint64_t count = 0;
+  std::uint64_t key_bytes = 0;
+  std::size_t pending_left_out = 0;   // the first ones
+  std::size_t accepted_left_out = 0;  // likewise
+
+  std::uint64_t Length() const { return PayloadLength(count, key_bytes); }
 };
 
-Extent Measure(const GreyListingDatabase& database, DateTime now) {
+// Counts out the first records, of the pending or of the accepted ones, until the others fit. Returns how
+// many.
+std::size_t LeaveOut(const GreyListingDatabase& database, DateTime now, bool pending, std::uint64_t longest,
+                     Extent& extent) {
+  std::size_t left_out = 0;
+  for (const cGreyListingData& record : database.All()) {
+    if (extent.Length() <= longest) break;
+    if (now >= record.ExpireAt() || record.Pending() != pending) continue;
+    --extent.count;
+    extent.key_bytes -= record.Key().size();
+    ++left_out;
+  }
+  return left_out;
+}
+
+Extent Measure(const GreyListingDatabase& database, DateTime now, std::uint64_t longest) {
   Extent extent;
   for (const cGreyListingData& record : database.All()) {
     if (now >= record.ExpireAt()) continue;
     ++extent.count;
-    extent.length += RecordSize(RecordName(extent.count).Size(), record.Key().size());
-    if (extent.length > std::numeric_limits<std::uint32_t>::max()) {
-      throw Error(error_number::kBadValue, "mGreyListing.SaveGreyListingDatabase",
-                  "The database is larger than 4 GB");
-    }
+    extent.key_bytes += record.Key().size();
   }
+  if (extent.Length() <= longest) return extent;
+  extent.pending_left_out = LeaveOut(database, now, true, longest, extent);
+  extent.accepted_left_out = LeaveOut(database, now, false, longest, extent);
   return extent;
 }
 
@@ -91,17 +119,24 @@ std::uint64_t ReadHeader(const BytesIn& in, std::uint64_t size) {
 
 }  // namespace
 
-void WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out) {
-  const Extent extent = Measure(database, now);
+std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out,
+                          std::uint64_t longest) {
+  const Extent extent = Measure(database, now, longest);
   std::string header(kMagic);
-  AppendLittleEndian(header, extent.length, 4);
+  AppendLittleEndian(header, extent.Length(), 4);
   out(header);
 
   PropertyBagWriter bag(out);
-  bag.WriteInteger("C", extent.count);
+  bag.WriteInteger("C", static_cast<std::int32_t>(extent.count));
+  std::size_t pending_to_pass = extent.pending_left_out;
+  std::size_t accepted_to_pass = extent.accepted_left_out;
   std::int32_t number = 0;
   for (const cGreyListingData& record : database.All()) {
     if (now >= record.ExpireAt()) continue;
+    if (std::size_t& to_pass = record.Pending() ? pending_to_pass : accepted_to_pass; to_pass > 0) {
+      --to_pass;
+      continue;
+    }
     RecordName name(++number);
     bag.WriteInteger(name.With('R'), record.Count());
     bag.WriteDate(name.With('D'), record.DelayedUntil());
@@ -109,9 +144,10 @@ void WriteDatabase(const GreyListingDatabase& database, DateTime now, const Byte
     bag.WriteBytes(name.With('K'), record.Key());
   }
   bag.Finish();
+  return extent.pending_left_out + extent.accepted_left_out;
 }
 
-GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size) {
+GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size, const PendingLimits& limits) {
   const std::uint64_t length = ReadHeader(in, size);
   PropertyBagReader bag(std::move(in), length);
   const std::int32_t count = bag.ReadInteger("C");
@@ -120,6 +156,7 @@ GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size) {
     RaiseCorruptedFile(std::string(kReadSource));
   }
   GreyListingDatabase database;
+  database.SetLimits(limits);
   // A file with holes in it may be as long as its count needs and have nothing of it on the disk, so no room
   // is made for more than a few megabytes; beyond that the index grows with what is read.
   database.Reserve(std::min(static_cast<std::size_t>(count), kMostReserved));

@@ -2,20 +2,30 @@
 // as a property bag. docs/greylisting-database.md describes it byte by byte.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 
 #include "greylist/greylisting_database.h"
 #include "greylist/property_bag.h"
 
 namespace trabex {
 
-// Hands the whole content to `out`, with those records of `database` that have not expired at `now`. Raises
-// 380 when they no longer fit into the 32-bit length (some 30 million records), and whatever `out` raises.
-void WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out);
+// The longest payload: its length has 32 bits. Some 30 million records of usual length fit.
+inline constexpr std::uint64_t kLongestPayload = std::numeric_limits<std::uint32_t>::max();
 
-// The records of a content of `size` bytes, expired ones included; the changed flag is not set. Memory is
-// taken for what was really read only. Raises 321 "The file is corrupted" for anything that WriteDatabase
-// cannot have written, 457 for a key that comes twice, and whatever `in` raises.
-GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size);
+// Hands the whole content to `out`, with those records of `database` that have not expired at `now`. What
+// does not fit into a payload of `longest` bytes is left out: the pending records in the order in which they
+// were added, and only when all of these are, the accepted ones likewise. Returns how many are left out.
+// Raises whatever `out` raises.
+std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out,
+                          std::uint64_t longest = kLongestPayload);
+
+// The records of a content of `size` bytes, expired ones included; the changed flag is not set. Of the
+// pending ones the last stay that `limits` permit; they are the limits of what is returned, which also tells
+// what was dropped. Memory is taken for what was really read only, and kept for what stays. Raises 321 "The
+// file is corrupted" for anything that WriteDatabase cannot have written, 457 for a key that comes twice, and
+// whatever `in` raises.
+GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size, const PendingLimits& limits = {});
 
 }  // namespace trabex

@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
-#include <limits>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -21,23 +20,10 @@
 #include "greylist/cGreyListingData.h"
 #include "greylist/key_index.h"
 #include "greylist/keyed_hash.h"
+#include "greylist/pending_limits.h"
 #include "greylist/pending_queue.h"
 
 namespace trabex {
-
-// The most pending records that are kept.
-struct PendingLimits {
-  std::size_t in_all = std::numeric_limits<std::size_t>::max();
-  std::size_t per_network = std::numeric_limits<std::size_t>::max();
-};
-
-// How many were dropped, by the limit that demanded it.
-struct DroppedPending {
-  std::size_t by_limit_in_all = 0;
-  std::size_t by_limit_per_network = 0;
-
-  std::size_t Count() const { return by_limit_in_all + by_limit_per_network; }
-};
 
 class GreyListingDatabase {
  public:

@@ -1,6 +1,8 @@
 #include "greylist/greylisting_store.h"
 
+#include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
@@ -20,12 +22,20 @@ std::string ErrorText(std::string_view action, int number, std::string_view desc
   return text.append(description).append(".");
 }
 
-// What a background save returns: nothing when it succeeded, otherwise the error's number, a blank and its
-// description.
-std::string SaveAndReport(const std::string& path, const GreyListingDatabase& database, DateTime now) {
+// Of digits only, as SaveAndReport writes it.
+template <class Number>
+Number NumberOf(std::string_view text) {
+  Number number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+// What a background save returns: the error's number, a blank and its description; after a success 0, a blank
+// and how many records it left out.
+std::string SaveAndReport(const std::string& path, const GreyListingDatabase& database, DateTime now,
+                          std::uint64_t longest) {
   try {
-    SaveDatabaseFile(path, database, now);
-    return "";
+    return "0 " + std::to_string(SaveDatabaseFile(path, database, now, longest));
   } catch (const Error& error) {
     return std::to_string(error.Number()) + " " + error.Description();
   }
@@ -34,11 +44,14 @@ std::string SaveAndReport(const std::string& path, const GreyListingDatabase& da
 }  // namespace
 
 GreyListingStore::GreyListingStore(const GreyListingSettings& settings, Log& log, const Clock& clock,
-                                   EventLoop& loop, GreyListingDatabase& database)
+                                   EventLoop& loop, GreyListingDatabase& database, PendingWarning& warning,
+                                   std::uint64_t longest_payload)
     : settings_(settings),
       log_(log),
       clock_(clock),
       database_(database),
+      warning_(warning),
+      longest_payload_(longest_payload),
       sweep_timer_(loop, Milliseconds{0}, [this] { SweepSome(); }),
       job_(loop) {}
 
@@ -48,7 +61,9 @@ void GreyListingStore::LoadGreyListingDatabase(bool from_backup) {
   Drop();
   path_ = settings_.Database;
   try {
-    database_ = LoadDatabaseFile(from_backup ? BackupPath(*path_) : *path_);
+    database_ = LoadDatabaseFile(from_backup ? BackupPath(*path_) : *path_, PendingLimitsOf(settings_));
+    // The file may hold anything as a network, which is nothing for the log.
+    warning_.Dropped(database_.TakeDropped(), "");
   } catch (const Error& error) {
     if (!from_backup) {
       log_.LogLine(ErrorText("load GreyListing database", error.Number(), error.Description()) +
@@ -71,19 +86,19 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   sweep_timer_.Disable();
   database_.RemoveExpired(now);
   try {
-    SaveDatabaseFile(Path(), database_, now);
+    const std::size_t left_out = SaveDatabaseFile(Path(), database_, now, longest_payload_);
+    database_.SetChanged(false);
+    return Saved(now, left_out);
   } catch (const Error& error) {
     return Failed(now, error.Number(), error.Description());
   }
-  database_.SetChanged(false);
-  return {GreyListingSaveResult::Kind::kSaved, now};
 }
 
 bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSaveResult&)> done) {
   if (!database_.Changed() || job_.Running()) return false;
   const DateTime now = clock_.UniversalNow();
   const bool started =
-      job_.Start([&] { return SaveAndReport(Path(), database_, now); },
+      job_.Start([&] { return SaveAndReport(Path(), database_, now, longest_payload_); },
                  [this, now, done](const JobResult& result) { done(Conclude(now, result)); });
   if (!started) {
     done(SaveGreyListingDatabase());
@@ -106,6 +121,16 @@ void GreyListingStore::Drop() {
   database_.SetChanged(false);
 }
 
+GreyListingSaveResult GreyListingStore::Saved(DateTime now, std::size_t left_out) {
+  const MonotonicTime moment = clock_.Monotonic();
+  if (left_out > 0 && (!left_out_told_ || moment - *left_out_told_ >= std::chrono::hours(1))) {
+    log_.LogLine(
+        "Greylisting: Too many records for the database file. Left out: " + std::to_string(left_out) + ".");
+    left_out_told_ = moment;
+  }
+  return {GreyListingSaveResult::Kind::kSaved, now};
+}
+
 GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::string_view description) {
   log_.LogLine(ErrorText("save GreyListing database", number, description));
   database_.SetChanged(true);
@@ -115,13 +140,12 @@ GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::st
 GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const JobResult& result) {
   BeginSweep(now);
   if (!result.ended) return Failed(now, error_number::kDeviceIo, "The process that saves it was ended");
-  if (result.text.empty()) return {GreyListingSaveResult::Kind::kSaved, now};
-  int number = 0;
   const std::string_view text = result.text;
-  const auto number_end = std::from_chars(text.data(), text.data() + text.size(), number).ptr;
-  std::string_view description = text.substr(static_cast<std::size_t>(number_end - text.data()));
-  if (description.starts_with(' ')) description.remove_prefix(1);
-  return Failed(now, number, description);
+  const std::size_t blank = std::min(text.find(' '), text.size());
+  const std::string_view description = text.substr(std::min(blank + 1, text.size()));
+  const auto number = NumberOf<int>(text.substr(0, blank));
+  if (number != 0) return Failed(now, number, description);
+  return Saved(now, NumberOf<std::size_t>(description));
 }
 
 void GreyListingStore::BeginSweep(DateTime now) {

@@ -10,17 +10,26 @@
 // What the check changes meanwhile sets the changed flag anew and is for the next save. Expired records leave
 // our own memory after the save, some in each turn.
 //
+// A save never fails for the number of records: what the file format cannot hold is left out, the oldest
+// pending ones first. It stays in memory, where it is of use until the program ends; the log tells of it once
+// an hour at most. That takes some 30 million records and would come of accepted ones, as the pending ones
+// are bounded.
+//
 // At the program's end and before a reload the save has to be complete, so there it is made in place. A
 // background save under way is then given up, as it would only write older records to the same place first.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
 #include "base/log.h"
 #include "config/configuration.h"
+#include "greylist/database_format.h"
 #include "greylist/greylisting_database.h"
+#include "greylist/pending_warning.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
 #include "platform/snapshot_job.h"
@@ -39,18 +48,21 @@ struct GreyListingSaveResult {
 
 class GreyListingStore {
  public:
-  // All outlive this object. Settings are read at each use.
+  // All outlive this object. Settings are read at each use. `longest_payload` is the file format's; a test
+  // sets another.
   GreyListingStore(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop,
-                   GreyListingDatabase& database);
+                   GreyListingDatabase& database, PendingWarning& warning,
+                   std::uint64_t longest_payload = kLongestPayload);
   // Gives up a save in the background.
   ~GreyListingStore() = default;
   GreyListingStore(const GreyListingStore&) = delete;
   GreyListingStore& operator=(const GreyListingStore&) = delete;
 
   // Replaces the records by those of the file at the Database setting, or with `from_backup` of its backup.
-  // When that fails the reason is logged and the backup is loaded, after that an empty database begun. That
-  // path is the one that later saves go to, even when the setting changes. Waits for a save in the background
-  // first.
+  // Of pending ones beyond MaxPending and MaxPendingPerNetwork the oldest are dropped while the file is read,
+  // and the warning told. When that fails the reason is logged and the backup is loaded, after that an empty
+  // database begun. That path is the one that later saves go to, even when the setting changes. Waits for a
+  // save in the background first.
   void LoadGreyListingDatabase(bool from_backup = false);
 
   // Removes the expired records and writes the others, if something has changed. On return the files are on
@@ -73,6 +85,7 @@ class GreyListingStore {
 
  private:
   void Drop();
+  GreyListingSaveResult Saved(DateTime now, std::size_t left_out);
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
   GreyListingSaveResult Conclude(DateTime now, const JobResult& result);
   void BeginSweep(DateTime now);
@@ -82,7 +95,10 @@ class GreyListingStore {
   Log& log_;
   const Clock& clock_;
   GreyListingDatabase& database_;
-  std::optional<std::string> path_;  // that of the last load
+  PendingWarning& warning_;
+  const std::uint64_t longest_payload_;
+  std::optional<MonotonicTime> left_out_told_;  // when the log was told last
+  std::optional<std::string> path_;             // that of the last load
   Timer sweep_timer_;
   SnapshotJob job_;
 };

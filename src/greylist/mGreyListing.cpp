@@ -18,11 +18,16 @@ namespace {
 constexpr std::array<std::string_view, 5> kOutcomeTexts = {"New, Delayed.", "Expired, Delayed.", "Delayed.",
                                                            "Accepted.", "Whitelisted."};
 
-// "<first three octets> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
+// The first three octets of a dotted quad.
+std::string_view NetworkOf(std::string_view ip_text) {
+  return ip_text.substr(0, ip_text.rfind('.'));
+}
+
+// "<network> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
 // none outside a quoted local part. The cut is never reached (a command line is far shorter); it is there
 // because the database file cannot hold a longer key.
 std::string TripleKey(std::string_view ip_text, std::string_view sender, std::string_view recipient) {
-  const std::string_view network = ip_text.substr(0, ip_text.rfind('.'));
+  const std::string_view network = NetworkOf(ip_text);
   std::string key;
   key.reserve(network.size() + sender.size() + recipient.size() + 2);
   key.append(network).append(" ").append(sender).append(" ").append(recipient);
@@ -54,13 +59,23 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, st
 
   auto outcome = GreyListingOutcome::kNew;
   if (record == nullptr) {
-    record = &database_.Add({std::move(key), now + settings_.ShortTTL, now + terms.delay, -1});
+    record = &NewRecord(std::move(key), NetworkOf(ip_text), terms, now);
   } else {
+    const bool was_pending = record->Pending();
     outcome = Judge(*record, terms, now);
+    if (was_pending && !record->Pending()) database_.Accepted(*record);
   }
   database_.SetChanged(true);
   LogOutcome(outcome, terms.blacklisted, record);
   return outcome;
+}
+
+cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view network, const Terms& terms,
+                                          DateTime now) {
+  database_.SetLimits(PendingLimitsOf(settings_));
+  cGreyListingData& record = database_.Add({std::move(key), now + settings_.ShortTTL, now + terms.delay, -1});
+  warning_.Dropped(database_.TakeDropped(), network);
+  return record;
 }
 
 mGreyListing::Terms mGreyListing::TermsFor(IPNumber ip, std::string_view host_name) const {

@@ -12,6 +12,7 @@
 #include "base/log.h"
 #include "config/configuration.h"
 #include "greylist/greylisting_database.h"
+#include "greylist/pending_warning.h"
 #include "platform/clock.h"
 
 namespace trabex {
@@ -33,13 +34,14 @@ class mGreyListing {
  public:
   // All outlive this object. Settings are read at each use.
   mGreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock,
-               GreyListingDatabase& database)
-      : settings_(settings), log_(log), clock_(clock), database_(database) {}
+               GreyListingDatabase& database, PendingWarning& warning)
+      : settings_(settings), log_(log), clock_(clock), database_(database), warning_(warning) {}
 
   // `host_name` is the client's name as resolved for the session, or empty; `ip_text` its address as a dotted
   // quad; `sender` and `recipient` are addresses without angle brackets, letter case as it may be. Creates or
   // refreshes the triple's record, sets the database's changed flag and, where the settings say so, writes
-  // one log line; a whitelisted client has the log line only. Raises 380 (source "mCommon.CLngIP") when
+  // one log line; a whitelisted client has the log line only. For a new record older pending ones may have to
+  // go (MaxPending, MaxPendingPerNetwork). Raises 380 (source "mCommon.CLngIP") when
   // `ip_text` is no address.
   GreyListingOutcome GreyListingCheck(std::string_view host_name, std::string_view ip_text,
                                       std::string_view sender, std::string_view recipient);
@@ -52,6 +54,7 @@ class mGreyListing {
     std::int32_t min_count;  // more attempts than these are needed
   };
 
+  cGreyListingData& NewRecord(std::string key, std::string_view network, const Terms& terms, DateTime now);
   Terms TermsFor(IPNumber ip, std::string_view host_name) const;
   GreyListingOutcome Judge(cGreyListingData& record, const Terms& terms, DateTime now) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
@@ -60,6 +63,7 @@ class mGreyListing {
   Log& log_;
   const Clock& clock_;
   GreyListingDatabase& database_;
+  PendingWarning& warning_;
 };
 
 }  // namespace trabex

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -231,6 +232,108 @@ TEST(DatabaseFormat, ComesInAnyPieces) {
     };
     EXPECT_EQ(Plain(ReadDatabase(in, content.size())), records) << piece;
   }
+}
+
+// A content with a payload of `longest` bytes at most, and how many records it lacks.
+struct Shortened {
+  std::string content;
+  std::size_t left_out = 0;
+};
+Shortened ShortenedTo(std::uint64_t longest, const GreyListingDatabase& database, DateTime now = kSomeNow) {
+  Shortened result;
+  const auto out = [&result](std::string_view bytes) { result.content.append(bytes); };
+  result.left_out = WriteDatabase(database, now, out, longest);
+  return result;
+}
+
+TEST(DatabaseFormat, WhatFitsIsNeverLeftOut) {
+  for (const int count : {0, 1, 9, 10, 99, 100, 1234}) {
+    GreyListingDatabase database;
+    AddAll(database, SomeRecords("s", count));
+    const std::uint64_t whole = ContentOf(database).size() - 8;
+    EXPECT_EQ(ShortenedTo(whole, database).left_out, 0U) << count;
+    EXPECT_EQ(ShortenedTo(whole, database).content, ContentOf(database)) << count;
+    EXPECT_EQ(ShortenedTo(whole - 1, database).left_out, count > 0 ? 1U : 0U) << count;
+  }
+}
+
+TEST(DatabaseFormat, ThePendingOnesAddedFirstAreLeftOut) {
+  GreyListingDatabase database;
+  AddAll(database, {{"expired", 9, 1, -1},
+                    {"accepted", 90, 1, 5},
+                    {"a", 95, 90, -1},
+                    {"b", 90, 1, -1},
+                    {"accepted later", 90, 1, 1},
+                    {"c", 90, 1, -7}});
+  const std::vector<std::string> cases[] = {
+      {"accepted", "a", "b", "accepted later", "c"},
+      {"accepted", "b", "accepted later", "c"},
+      {"accepted", "accepted later", "c"},
+      {"accepted", "accepted later"},
+      // Only then those.
+      {"accepted later"},
+      {},
+  };
+  std::uint64_t longest = std::numeric_limits<std::uint32_t>::max();
+  std::size_t left_out = 0;
+  for (const std::vector<std::string>& keys : cases) {
+    const Shortened shortened = ShortenedTo(longest, database, 10);
+    EXPECT_EQ(KeysOf(DatabaseOf(shortened.content)), keys);
+    EXPECT_EQ(shortened.left_out, left_out++);
+    longest = shortened.content.size() - 8 - 1;
+  }
+  EXPECT_EQ(database.Count(), 6U);
+}
+
+// Whatever is permitted: it is kept to, nothing more is left out than has to be, and the file is good.
+TEST(DatabaseFormat, LeavesOutNoMoreThanItHasTo) {
+  GreyListingDatabase database;
+  std::mt19937 random(4);
+  std::size_t accepted = 0;
+  for (int i = 0; i < 30; ++i) {
+    const std::int32_t count = random() % 3 == 0 ? 1 : -1;
+    accepted += count > 0 ? 1 : 0;
+    database.Add({std::string(random() % 40, 'k') + std::to_string(i), kSomeNow + 1, kSomeNow, count});
+  }
+  const std::uint64_t whole = ContentOf(database).size() - 8;
+  std::size_t left_out_before = 0;
+  std::uint64_t room_wanted = whole;  // for one more than were left out last
+  for (std::uint64_t longest = whole; longest > 11; --longest) {
+    const Shortened shortened = ShortenedTo(longest, database);
+    ASSERT_LE(shortened.content.size() - 8, longest);
+    const std::vector<PlainRecord> kept = Plain(DatabaseOf(shortened.content));
+    ASSERT_EQ(kept.size() + shortened.left_out, 30U);
+    if (shortened.left_out > left_out_before) {
+      // The length before was just enough for those.
+      ASSERT_EQ(longest + 1, room_wanted);
+      ASSERT_EQ(shortened.left_out, left_out_before + 1);
+      left_out_before = shortened.left_out;
+      room_wanted = shortened.content.size() - 8;
+    }
+    const auto kept_accepted = static_cast<std::size_t>(std::count_if(
+        kept.begin(), kept.end(), [](const PlainRecord& record) { return std::get<3>(record) > 0; }));
+    ASSERT_EQ(kept_accepted, std::min(accepted, kept.size())) << longest;
+  }
+}
+
+TEST(DatabaseFormat, OfThePendingOnesTheLastAreRead) {
+  GreyListingDatabase database;
+  AddAll(database, {{"1.1.1 a", 90, 1, -1},
+                    {"1.1.1 b", 90, 1, 3},
+                    {"1.1.2 a", 90, 1, -1},
+                    {"1.1.1 c", 80, 1, -1},
+                    {"1.1.1 d", 70, 1, -1},
+                    {"1.1.3 a", 90, 1, -1}});
+  const std::string content = ContentOf(database, 10);
+  GreyListingDatabase read = DatabaseOf(content, {.in_all = 3, .per_network = 2});
+  EXPECT_EQ(KeysOf(read), (std::vector<std::string>{"1.1.1 b", "1.1.1 c", "1.1.1 d", "1.1.3 a"}));
+  EXPECT_EQ(read.PendingCount(), 3U);
+  const DroppedPending dropped = read.TakeDropped();
+  EXPECT_EQ(dropped.by_limit_in_all, 1U);
+  EXPECT_EQ(dropped.by_limit_per_network, 1U);
+  // They belong to their networks as new ones do.
+  read.Add({"1.1.1 e", 90, 1, -1});
+  EXPECT_EQ(read.Find("1.1.1 c"), nullptr);
 }
 
 TEST(DatabaseFormat, RandomBytesAreRefused) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -49,6 +50,12 @@ inline std::vector<PlainRecord> SomeRecords(const std::string& mark, int count) 
   return records;
 }
 
+inline std::vector<std::string> KeysOf(const GreyListingDatabase& database) {
+  std::vector<std::string> keys;
+  for (const cGreyListingData& record : database.All()) keys.push_back(record.Key());
+  return keys;
+}
+
 // The content of a file with these records.
 inline std::string ContentOf(const GreyListingDatabase& database, DateTime now = kSomeNow) {
   std::string content;
@@ -61,14 +68,14 @@ inline std::string ContentOf(const std::vector<PlainRecord>& records) {
   return ContentOf(database);
 }
 
-inline GreyListingDatabase DatabaseOf(std::string_view content) {
+inline GreyListingDatabase DatabaseOf(std::string_view content, const PendingLimits& limits = {}) {
   return ReadDatabase(
       [rest = content](char* buffer, std::size_t size) mutable {
         const std::size_t got = rest.copy(buffer, size);
         rest.remove_prefix(got);
         return got;
       },
-      content.size());
+      content.size(), limits);
 }
 
 // "<number> <description>" of the Error that `action` raises, "" when there is none.
@@ -79,6 +86,18 @@ inline std::string ErrorOf(const std::function<void()>& action) {
   } catch (const Error& error) {
     return std::to_string(error.Number()) + " " + error.Description();
   }
+}
+
+// The memory that was asked for and not given back, as the system's allocator counts it.
+inline std::size_t HeapInUse() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
+// A sanitizer's allocator counts nothing there, and keeps what was given back.
+inline bool CountsMemory() {
+  const std::size_t before = HeapInUse();
+  const std::vector<char> some(10000);
+  return HeapInUse() >= before + some.size();
 }
 
 // What `work` returns when it runs in a forked process, for tests that change something for the whole

@@ -82,7 +82,8 @@ class Store : public testing::Test {
   SystemClock system_clock_;
   EventLoop loop_{system_clock_};
   GreyListingDatabase database_;
-  GreyListingStore store_{settings_, log_, clock_, loop_, database_};
+  PendingWarning warning_{log_, loop_};
+  GreyListingStore store_{settings_, log_, clock_, loop_, database_, warning_};
 };
 
 const std::string kNoMain =
@@ -622,6 +623,109 @@ TEST_F(Store, WithoutAProcessItSavesInPlace) {
     return text;
   });
   EXPECT_EQ(told, "saved at once, 10");
+}
+
+// --- more than there is room for
+
+const std::string kTooManyPending = "Greylisting: Too many pending records. Dropped: ";
+const std::string kLeftOut = "Greylisting: Too many records for the database file. Left out: ";
+
+// A store whose file holds some 14 of SomeRecords.
+class CrampedStore : public Store {
+ protected:
+  GreyListingStore cramped_{settings_, log_, clock_, loop_, database_, warning_, 1000};
+
+  // The log after a save in place or in the background.
+  Lines LinesOfSave(bool background) {
+    database_.SetChanged(true);
+    std::optional<GreyListingSaveResult> result;
+    if (background) {
+      EXPECT_TRUE(cramped_.SaveInBackground([&](const GreyListingSaveResult& r) { result = r; }));
+      EXPECT_TRUE(cramped_.SavingInBackground());
+      EXPECT_TRUE(RunUntil(loop_, [&] { return result.has_value(); }));
+    } else {
+      result = cramped_.SaveGreyListingDatabase();
+    }
+    EXPECT_EQ(result->kind, Kind::kSaved);
+    EXPECT_FALSE(database_.Changed());
+    return log_.Take();
+  }
+};
+
+TEST_F(CrampedStore, ASaveNeverFailsForTheNumberOfRecords) {
+  for (const bool background : {false, true}) {
+    std::vector<PlainRecord> records = SomeRecords("s", 30);
+    std::get<3>(records[2]) = 4;
+    Have(records);
+    EXPECT_EQ(LinesOfSave(background), Lines{kLeftOut + "16."});
+    EXPECT_LE(fs::file_size(path_), 1008U);
+    const std::vector<PlainRecord> kept = InFile(path_);
+    EXPECT_EQ(kept.size(), 14U);
+    EXPECT_EQ(kept.front(), records[2]);
+    EXPECT_EQ(kept.back(), records[29]);
+    // They are of use until the program ends.
+    EXPECT_EQ(Plain(database_), records);
+    clock_.Advance(std::chrono::hours(1));
+  }
+}
+
+TEST_F(CrampedStore, TellsWhatIsLeftOutOnceAnHour) {
+  Have(SomeRecords("s", 30));
+  EXPECT_EQ(LinesOfSave(false).size(), 1U);
+  EXPECT_EQ(LinesOfSave(true), Lines{});
+  clock_.Advance(std::chrono::minutes(59));
+  EXPECT_EQ(LinesOfSave(false), Lines{});
+  clock_.Advance(std::chrono::minutes(1));
+  EXPECT_EQ(LinesOfSave(true), Lines{kLeftOut + "16."});
+  // What fits is nothing to tell.
+  clock_.Advance(std::chrono::hours(1));
+  Have(SomeRecords("s", 10));
+  EXPECT_EQ(LinesOfSave(true), Lines{});
+  EXPECT_EQ(InFile(path_), SomeRecords("s", 10));
+}
+
+TEST_F(Store, ALoadKeepsToTheBounds) {
+  settings_.MaxPending = 4;
+  WriteFile(path_, ContentOf(SomeRecords("s", 10)));
+  EXPECT_EQ(LoadAndTell(), kTooManyPending + "6.\n4 records");
+  std::vector<PlainRecord> last = SomeRecords("s", 10);
+  last.erase(last.begin(), last.begin() + 6);
+  EXPECT_EQ(Plain(database_), last);
+  EXPECT_FALSE(database_.Changed());
+  // Also the backup, and within the hour the log is not told again.
+  fs::rename(path_, backup_);
+  settings_.MaxPending = 100;
+  settings_.MaxPendingPerNetwork = 3;
+  EXPECT_EQ(LoadAndTell(), kNoMain + "3 records");
+  EXPECT_EQ(database_.PendingCount(), 3U);
+}
+
+// Many more than are kept, of the longest keys, as a flood of before may have left them.
+TEST_F(Store, ALoadTakesNoMemoryForWhatIsDropped) {
+  if (!CountsMemory()) GTEST_SKIP() << "a sanitizer's memory says nothing";
+  const std::string told = InChild([&] {
+    {
+      GreyListingDatabase flood;
+      for (int i = 0; i < 1000; ++i) {
+        flood.Add({"10.1.2 " + std::string(60000, 'k') + std::to_string(i), kSomeNow + 1, kSomeNow, -1});
+      }
+      SaveDatabaseFile(path_, flood, kSomeNow);
+    }
+    settings_.MaxPendingPerNetwork = 100;
+    return InChild([&] {
+      WriteFile("/proc/self/clear_refs", "5");  // the peak begins anew
+      const auto peak = [] {
+        const std::string status = ReadFile("/proc/self/status");
+        return std::atol(status.c_str() + status.find("VmHWM:") + 6);
+      };
+      const long peak_before = peak();
+      std::string text = LoadAndTell();
+      const long grown_kilobytes = peak() - peak_before;
+      if (grown_kilobytes > 16 * 1024) text += ", grown by " + std::to_string(grown_kilobytes) + " KB";
+      return text;
+    });
+  });
+  EXPECT_EQ(told, kTooManyPending + "900.\n100 records");
 }
 
 }  // namespace

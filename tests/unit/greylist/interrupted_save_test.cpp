@@ -60,7 +60,8 @@ class InterruptedSave : public testing::Test {
     FakeClock clock;
     EventLoop loop(clock);
     GreyListingDatabase database;
-    GreyListingStore(settings, log, clock, loop, database).LoadGreyListingDatabase();
+    PendingWarning warning(log, loop);
+    GreyListingStore(settings, log, clock, loop, database, warning).LoadGreyListingDatabase();
     const std::vector<PlainRecord> records = Plain(database);
     return records == old_ ? "old" : records == older_ ? "older" : records == new_ ? "new" : "neither";
   }

@@ -74,7 +74,9 @@ class GreyListing : public testing::Test {
   RecordedLog log_;
   FakeClock clock_;
   GreyListingDatabase database_;
-  mGreyListing grey_{settings_, log_, clock_, database_};
+  EventLoop loop_{clock_};
+  PendingWarning warning_{log_, loop_};
+  mGreyListing grey_{settings_, log_, clock_, database_, warning_};
 };
 
 TEST_F(GreyListing, ANewTripleIsDelayed) {
@@ -345,6 +347,78 @@ TEST_F(GreyListing, LogsTheMagnitudeOfTheLowestCount) {
   EXPECT_EQ(log_.Lines(), (std::vector<std::string>{
                               "Greylisting: Delayed. Attempts: 2147483648; Will expire at: 16/11/2026 "
                               "12:00:00; Delayed until: 16/11/2026 00:00:00."}));
+}
+
+// --- the bounds of what was never accepted
+
+TEST_F(GreyListing, OneMoreOfANetworkDropsItsOldest) {
+  settings_.MaxPendingPerNetwork = 3;
+  EXPECT_EQ(Check("10.1.3.1", "", "s@a.test", "other@b.test"), kNew);
+  for (const char* recipient : {"1@b.test", "2@b.test", "3@b.test", "4@b.test", "5@b.test"}) {
+    EXPECT_EQ(Check("10.1.2.3", "", "", recipient), kNew) << recipient;
+  }
+  EXPECT_EQ(KeysOf(database_), (std::vector<std::string>{"10.1.3 s@a.test other@b.test", "10.1.2  3@b.test",
+                                                         "10.1.2  4@b.test", "10.1.2  5@b.test"}));
+  // Known still, and new again.
+  EXPECT_EQ(Check("10.1.2.3", "", "", "3@b.test"), kDelayed);
+  EXPECT_EQ(Check("10.1.2.3", "", "", "1@b.test"), kNew);
+  // An operator is to know, whether or not decisions are logged; the second time within the hour is not told.
+  EXPECT_EQ(
+      log_.Take(),
+      (std::vector<std::string>{"Greylisting: Too many pending records. Dropped: 1; Network: 10.1.2."}));
+}
+
+TEST_F(GreyListing, OneMoreOfAllDropsTheOldest) {
+  settings_.MaxPending = 3;
+  for (const char* ip : {"10.1.1.1", "10.1.2.1", "10.1.3.1", "10.1.4.1"}) EXPECT_EQ(Check(ip), kNew);
+  EXPECT_EQ(KeysOf(database_),
+            (std::vector<std::string>{"10.1.2 s@a.test r@b.test", "10.1.3 s@a.test r@b.test",
+                                      "10.1.4 s@a.test r@b.test"}));
+  EXPECT_EQ(log_.Take(), (std::vector<std::string>{"Greylisting: Too many pending records. Dropped: 1."}));
+}
+
+TEST_F(GreyListing, AnAcceptedTripleIsNeverDropped) {
+  settings_.MaxPending = 2;
+  settings_.MaxPendingPerNetwork = 2;
+  const auto flood = [this] {
+    for (int i = 0; i < 20; ++i) Check("10.1.2.9", "", "s@a.test", std::to_string(i) + "@b.test");
+  };
+  EXPECT_EQ(Check(), kNew);
+  SetTime(kNoon + 17 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
+  flood();
+  EXPECT_EQ(Check(), kAccepted);
+  // Nor is it when it has expired, and nor is one that was pending when it expired, and came again.
+  EXPECT_EQ(Check("10.1.2.3", "", "again@a.test"), kNew);
+  SetTime(kNoon + 60000 * kMinute);
+  EXPECT_EQ(Check("10.1.2.3", "", "again@a.test"), kAccepted);
+  flood();
+  EXPECT_EQ(Check(), kAccepted);
+  EXPECT_EQ(Check("10.1.2.3", "", "again@a.test"), kAccepted);
+  EXPECT_EQ(database_.Count(), 4U);
+  EXPECT_EQ(database_.PendingCount(), 2U);
+}
+
+TEST_F(GreyListing, ALoweredBoundActsOnTheNextTriple) {
+  for (int i = 0; i < 10; ++i) Check("10.1.2.9", "", "s@a.test", std::to_string(i) + "@b.test");
+  settings_.MaxPending = 3;
+  EXPECT_EQ(Check("10.1.2.9", "", "s@a.test", "9@b.test"), kDelayed);
+  EXPECT_EQ(database_.Count(), 10U);
+  EXPECT_EQ(Check("10.1.2.9", "", "s@a.test", "10@b.test"), kNew);
+  EXPECT_EQ(KeysOf(database_),
+            (std::vector<std::string>{"10.1.2 s@a.test 8@b.test", "10.1.2 s@a.test 9@b.test",
+                                      "10.1.2 s@a.test 10@b.test"}));
+}
+
+// New records would be older than all others by their dates, and the next to go.
+TEST_F(GreyListing, AClockSetBackLetsNewTriplesPass) {
+  settings_.MaxPending = 3;
+  for (int i = 0; i < 3; ++i) Check("10.1.2.9", "", "s@a.test", std::to_string(i) + "@b.test");
+  SetTime(kNoon - 1);
+  EXPECT_EQ(Check(), kNew);
+  EXPECT_EQ(Check("10.1.2.9", "", "s@a.test", "4@b.test"), kNew);
+  SetTime(kNoon - 1 + 17 * kMinute);
+  EXPECT_EQ(Check(), kAccepted);
 }
 
 }  // namespace
