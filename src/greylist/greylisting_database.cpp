@@ -1,5 +1,6 @@
 #include "greylist/greylisting_database.h"
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
@@ -20,13 +21,15 @@ cGreyListingData& GreyListingDatabase::Add(cGreyListingData record) {
   }
   const bool pending = record.Pending();
   const std::uint64_t network = pending ? NetworkHashOf(record.Key()) : 0;
-  if (pending) MakeRoom(network);
   const std::uint32_t number = TakePlace(std::move(record));
   index_.Add(hash, number);
-  if (pending) At(number).pending = pending_.Add(network, number);
   (last_ == kNone ? first_ : At(last_).after) = number;
   last_ = number;
   ++count_;
+  if (pending) {
+    At(number).pending = pending_.Add(network, number);
+    DropFor(number);
+  }
   return At(number).record;
 }
 
@@ -36,21 +39,19 @@ void GreyListingDatabase::Accepted(const cGreyListingData& record) {
   LeaveQueue(At(number));
 }
 
-// The network first: what it gives up may be all the room that is needed.
-void GreyListingDatabase::MakeRoom(std::uint64_t network) {
+// The network first: what it gives up may be all the room that is needed. The new record itself never goes.
+void GreyListingDatabase::DropFor(std::uint32_t number) {
+  const std::uint32_t entry = At(number).pending;
   std::size_t left = kMostDroppedAtOnce;
-  const auto drop = [&](std::uint32_t number) {
-    Remove(number);
-    --left;
-  };
-  for (std::size_t count = pending_.CountOf(network); left > 0 && count > 0 && count >= limits_.per_network;
-       --count) {
-    drop(pending_.OldestOf(network));
+  while (left > 0 && pending_.CountBeside(entry) > std::max<std::size_t>(limits_.per_network, 1)) {
+    Remove(pending_.OldestBeside(entry));
     ++dropped_.by_limit_per_network;
+    --left;
   }
-  while (left > 0 && pending_.Count() > 0 && pending_.Count() >= limits_.in_all) {
-    drop(pending_.Oldest());
+  while (left > 0 && pending_.Count() > std::max<std::size_t>(limits_.in_all, 1)) {
+    Remove(pending_.Oldest());
     ++dropped_.by_limit_in_all;
+    --left;
   }
 }
 

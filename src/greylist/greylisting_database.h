@@ -41,11 +41,11 @@ class GreyListingDatabase {
   // nullptr when there is none. A record stays where it is until it is removed. Whoever makes a pending one
   // an accepted one has to call Accepted.
   cGreyListingData* Find(std::string_view key);
-  // Adds it behind all others. A pending one makes room for itself: while there are as many as the limits
-  // permit the oldest is dropped, first of its network, then of all. After limits were lowered that takes
-  // several additions, as each drops kMostDroppedAtOnce at most, so that none takes long. Raises 457 "This
-  // key is already associated with an element of this collection" (source "GreyListingDatabase.Add") when its
-  // key is there already; nothing is changed then.
+  // Adds it behind all others. When it is a pending one and there are now more than the limits permit, the
+  // oldest are dropped, first of its network, then of all, but never itself. After limits were lowered that
+  // takes several additions, as each drops kMostDroppedAtOnce at most, so that none takes long. Raises 457
+  // "This key is already associated with an element of this collection" (source "GreyListingDatabase.Add")
+  // when its key is there already; nothing is changed then.
   cGreyListingData& Add(cGreyListingData record);
   // To be told when `record`, one of this database, was pending and now is not.
   void Accepted(const cGreyListingData& record);
@@ -99,7 +99,7 @@ class GreyListingDatabase {
   }
   std::uint32_t TakePlace(cGreyListingData record);
   void Remove(std::uint32_t number);
-  void MakeRoom(std::uint64_t network);
+  void DropFor(std::uint32_t number);
   void LeaveQueue(Place& place);
 
   HashSecret secret_ = HashSecret::Random();

@@ -40,16 +40,6 @@ void PendingQueue::Clear() {
   *this = PendingQueue();
 }
 
-std::size_t PendingQueue::CountOf(std::uint64_t network) const {
-  const std::uint32_t place = FindNetwork(network);
-  return place == kNone ? 0 : networks_[place].count;
-}
-
-std::uint32_t PendingQueue::OldestOf(std::uint64_t network) const {
-  const std::uint32_t place = FindNetwork(network);
-  return place == kNone ? kNone : entries_[networks_[place].first].number;
-}
-
 void PendingQueue::Append(Ring ring, std::uint32_t& first, std::uint32_t entry) {
   Links& links = entries_[entry].*ring;
   if (first == kNone) {

@@ -26,10 +26,14 @@ class PendingQueue {
   void Clear();
 
   std::size_t Count() const { return count_; }
-  std::size_t CountOf(std::uint64_t network) const;
+  // Of the network of `entry`, itself included.
+  std::size_t CountBeside(std::uint32_t entry) const { return networks_[entries_[entry].network].count; }
   // The number added first of those that are left; kNone when there is none.
   std::uint32_t Oldest() const { return first_ == kNone ? kNone : entries_[first_].number; }
-  std::uint32_t OldestOf(std::uint64_t network) const;
+  // That of the network of `entry`; itself when it is alone.
+  std::uint32_t OldestBeside(std::uint32_t entry) const {
+    return entries_[networks_[entries_[entry].network].first].number;
+  }
 
  private:
   // The neighbours of an entry in a ring: the one before the first is the last.
