@@ -12,8 +12,7 @@
 //
 // A save never fails for the number of records: what the file format cannot hold is left out, the oldest
 // pending ones first. It stays in memory, where it is of use until the program ends; the log tells of it once
-// an hour at most. That takes some 30 million records and would come of accepted ones, as the pending ones
-// are bounded.
+// an hour at most. It takes some 30 million records to get there.
 //
 // At the program's end and before a reload the save has to be complete, so there it is made in place. A
 // background save under way is then given up, as it would only write older records to the same place first.
