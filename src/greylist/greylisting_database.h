@@ -59,7 +59,7 @@ class GreyListingDatabase {
 
   // Makes room in the index for `count` records in all.
   void Reserve(std::size_t count) { index_.Reserve(count); }
-  // Removes every record that has reached its ExpireAt at `now`. Returns their number.
+  // Removes every record that has reached its ExpireAt at `now`, and ends a sweep. Returns their number.
   std::size_t RemoveExpired(DateTime now);
   // Removes all records; the changed flag and the limits stay.
   void Clear();
