@@ -62,7 +62,6 @@ class Session {
   Session() {
     state_.HeloDomain = "client.test";
     state_.RecipientCount = 1;
-    state_.LastChunk = true;
     configuration_.LocalHostName = "proxy.test";
     configuration_.MaxSize = 1000 * kFixedPointOne;
   }
@@ -72,6 +71,8 @@ class Session {
     if (state_.Content.Active()) {
       state_.Content.Stop();
     } else {
+      // Every chunk is a last one.
+      state_.LastChunk = verb == "BDAT";
       state_.Forward(verb, FindCommand(verb).command);
     }
   }
@@ -85,6 +86,7 @@ class Session {
     const auto is = [&](std::initializer_list<std::string_view> verbs, std::string_view wanted) {
       return asked && code == wanted && std::find(verbs.begin(), verbs.end(), verb) != verbs.end();
     };
+    const bool ends_message = asked && verb == "BDAT";
     const ReplyDecision decision = replies_.ProcessOutgoingData(reply);
 
     Require(state_.Expected == ReplyExpected::kNone || state_.Expected == ReplyExpected::kContent);
@@ -92,8 +94,9 @@ class Session {
     if (state_.TransactionOpen && !open)
       Require(is({"MAIL", "SEND", "SOML", "SAML"}, "250") || is({"MAIL"}, "355"));
     if (!state_.TransactionOpen && open) {
-      Require(is({"EHLO", "HELO", "RSET", "BDAT"}, "250") || is({"DATA"}, "354"));
+      Require(is({"EHLO", "HELO", "RSET"}, "250") || is({"DATA"}, "354") || ends_message);
     }
+    if (ends_message) Require(!state_.TransactionOpen && !state_.LastChunk);
     if (!decision.header.empty()) Require(is({"DATA"}, "354") && state_.Content.EndsWithDot());
     if (state_.AuthenticationData) Require(asked && verb == "AUTH");
     state_.AuthenticationData = false;

@@ -71,6 +71,7 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply) {
   const bool answers_ehlo = state_.Expected == ReplyExpected::kCommand &&
                             state_.Forwarded == Command::kEhlo && code == "250" &&
                             CanBeReliedOn(text, Command::kEhlo);
+  const bool refuses_message = AnswersLastChunk() && !(code == "250" && HasOneCode(text));
   ReplyDecision decision;
   FollowReply(code, text, decision);
 
@@ -79,11 +80,19 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply) {
   rewritten |= ApplyResponseChanges(code, changed, configuration_, macros_);
   rewritten |= ApplyResponseChanges(std::string(state_.ForwardedVerb).append(".").append(code), changed,
                                     configuration_, macros_);
+  // The refusal may still name the message's addresses, which nobody needs behind it.
+  if (refuses_message) state_.ResetTransaction();
   decision.text = rewritten ? changed.append(kCrLf) : std::string(reply);
   return decision;
 }
 
+bool ServerReplyFilter::AnswersLastChunk() const {
+  return state_.Expected == ReplyExpected::kCommand && state_.Forwarded == Command::kBdat && state_.LastChunk;
+}
+
 void ServerReplyFilter::FollowReply(std::string_view code, std::string_view reply, ReplyDecision& decision) {
+  // Whatever the reply is: the server has taken the message or thrown it away.
+  if (AnswersLastChunk()) state_.EndTransaction();
   const ReplyExpected expected = std::exchange(state_.Expected, ReplyExpected::kNone);
   if (state_.Content.EndsWithDot()) {
     // The server spoke before the dot: what the client goes on sending is neither content nor command any
@@ -129,9 +138,6 @@ void ServerReplyFilter::FollowAccepted() {
     case Command::kEhlo:
       state_.GreetingDone = true;
       state_.ResetTransaction();
-      break;
-    case Command::kBdat:
-      if (state_.LastChunk) state_.EndTransaction();
       break;
     default:
       break;

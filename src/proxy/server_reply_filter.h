@@ -31,6 +31,8 @@ class ServerReplyFilter {
   ReplyDecision ProcessOutgoingData(std::string_view reply);
 
  private:
+  // Whether the next reply is the one to the last chunk of a message.
+  bool AnswersLastChunk() const;
   void FollowReply(std::string_view code, std::string_view reply, ReplyDecision& decision);
   void FollowAccepted();
   void FollowContentWanted(ReplyDecision& decision);

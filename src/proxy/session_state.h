@@ -1,11 +1,11 @@
 // The protocol state of one session, which both filters share. It changes only through the transitions named
 // here.
 //
-//   greeting ──► EHLO/HELO accepted (GreetingDone) ──► MAIL accepted (TransactionOpen) ──► RCPT … ──► DATA,
-//   354 ──► content
-//                                                             ▲                                BDAT … BDAT
-//                                                             LAST, 250 ─┐ └────────── RSET, EHLO or HELO
-//                                                             accepted ◄────────────────┘
+//   greeting ──► EHLO/HELO accepted (GreetingDone) ──► MAIL accepted (TransactionOpen) ──► RCPT …
+//                          ▲                                                                  │
+//                          ├─────── DATA, 354 ──► content ◄───────────────────────────────────┤
+//                          ├─────── BDAT … BDAT LAST, any reply ◄─────────────────────────────┤
+//                          └─────── RSET, EHLO or HELO accepted ◄─────────────────────────────┘
 //
 // What opens, ends or resets a transaction is always a complete reply of the server to the command in
 // question, never the command itself: the proxy's view of the dialogue is that of the server.
@@ -67,7 +67,8 @@ struct SessionState {
   void BeginTransaction(std::string_view sender);
   // What EHLO, HELO and RSET leave behind.
   void ResetTransaction();
-  // 354 to DATA, or 250 to the last chunk: the server takes the message, the next one needs a new MAIL.
+  // 354 to DATA, or any reply to the last chunk: the server is done with the transaction, the next message
+  // needs a new MAIL. The addresses stay, for what is still said about this one.
   void EndTransaction();
 
   // A command goes to the server.

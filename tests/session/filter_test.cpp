@@ -366,5 +366,23 @@ TEST(Bdat, TwoMessagesInChunks) {
   PlayBothWays({}, Greeted() + message + message);
 }
 
+// A server that looks at the content says no only now.
+TEST(Bdat, ARefusedMessageIsOver) {
+  const std::string refused = R"(
+    C! BDAT 3 LAST\r\nabcMAIL FROM:<next@b.test>\r\n
+    S= BDAT 118 LAST
+    S= Received: from client.test (Unknown [127.0.0.1]) by proxy.test
+    S=       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    S! 550 5.7.1 denied\r\n
+    C= 550 5.7.1 denied
+    S= abcMAIL FROM:<next@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<v@local.test>
+    S= RCPT TO:<v@local.test>
+)";
+  PlayBothWays({}, InTransaction() + refused);
+}
+
 }  // namespace
 }  // namespace trabex

@@ -245,8 +245,26 @@ class Postfix(Behind, Story):
 
 
 class Exim(Behind, Story):
+    settings = {}
+
     def start_server(self, size_limit=0):
-        return self.exim({"message_size_limit": size_limit})
+        return self.exim({"message_size_limit": size_limit, **self.settings})
+
+    def test_the_session_goes_on_behind_a_refused_message(self):
+        """Exim looks at the content behind the last chunk, and is ready for the next message whatever it says."""
+        self.settings = {"acl_smtp_data": "${if match{$message_body}{forbidden}{deny}{accept}}"}
+        self.start()
+        refused = b"Subject: x\r\n\r\nforbidden\r\n"
+        sent = {f"r{number}@{DOMAIN}": text_message(number) for number in range(2)}
+        with Smtp(self.proxy.address, REMOTE) as client:
+            for recipient, content in sent.items():
+                for chunks in ([refused], [refused[:5], refused[5:]], [refused, b""]):
+                    with self.assertRaises(smtplib.SMTPResponseException) as raised:
+                        client.bdat(f"refused@{DOMAIN}", [f"nobody@{DOMAIN}"], chunks)
+                    self.assertEqual(raised.exception.smtp_code, 550)
+                self.assertEqual(client.rcpt(recipient)[0], 503)
+                client.bdat(SENDER, [recipient], [content])
+        self.assertArrived(sent)
 
 
 class OpenSmtpd(Behind, Story):

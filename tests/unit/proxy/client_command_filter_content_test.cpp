@@ -238,15 +238,15 @@ TEST(Bdat, NoHeaderWithoutRecipientsOrWithTheSettingOff) {
   }
 }
 
-TEST(Bdat, OnlyThe250ToTheLastChunkEndsTheTransaction) {
+TEST(Bdat, OnlyTheLastChunkEndsTheTransaction) {
   const struct {
     const char* line;
     const char* reply;
     bool open;
   } rows[] = {
-      {"BDAT 0 LAST", "250 ok\r\n", false}, {"BDAT 0 LAST", "451 no\r\n", true},
-      {"BDAT 0 LAST", "554 no\r\n", true},  {"BDAT 0 LAST", "354 what\r\n", true},
-      {"BDAT 0", "250 ok\r\n", true},
+      {"BDAT 0 LAST", "250 ok\r\n", false}, {"BDAT 0 LAST", "451 no\r\n", false},
+      {"BDAT 0 LAST", "554 no\r\n", false}, {"BDAT 0 LAST", "354 what\r\n", false},
+      {"BDAT 0", "250 ok\r\n", true},       {"BDAT 0", "554 no\r\n", true},
   };
   for (const auto& row : rows) {
     Dialogue d;

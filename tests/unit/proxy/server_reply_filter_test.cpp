@@ -387,6 +387,116 @@ TEST(ServerReply, ARefusedDataLeavesTheTransactionOpen) {
     -> RCPT TO:<v@local.test>)");
 }
 
+TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
+  const struct {
+    const char* reply;
+    bool refused;
+  } rows[] = {
+      {"250 queued\r\n", false},
+      {"250-queued\r\n250 as 1\r\n", false},
+      {"251 queued\r\n", true},
+      {"354 go on\r\n", true},
+      {"421 closing\r\n", true},
+      {"452 later\r\n", true},
+      {"503 no recipients\r\n", true},
+      {"550 5.7.1 denied\r\n", true},
+      {"550-denied\r\n550 see above\r\n", true},
+      {"554 no\r\n", true},
+      // What cannot be understood is no acceptance.
+      {"250-queued\r\n550 no\r\n", true},
+      {"550-no\r\n250 queued\r\n", true},
+      {"25\r\n", true},
+      {"\r\n", true},
+  };
+  for (const auto& row : rows) {
+    for (const char* chunks : {"BDAT 3 LAST", "BDAT 3; BDAT 3 LAST"}) {
+      Dialogue d;
+      d.configuration.AddReceived = false;
+      d.GreetMailAndRcpt();
+      if (std::string_view(chunks).find(';') != std::string_view::npos) {
+        d.Run(R"(
+          C: BDAT 3
+          -> BDAT 3
+          C+ one
+          *> one
+          end
+          S: 250 more
+          <- 250 more)");
+      }
+      d.Run(R"(
+        C: BDAT 3 LAST
+        -> BDAT 3 LAST
+        C+ two
+        *> two
+        end)");
+      EXPECT_TRUE(d.state.TransactionOpen);
+      EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
+      EXPECT_FALSE(d.state.TransactionOpen) << row.reply;
+      EXPECT_FALSE(d.state.ChunkSequence) << row.reply;
+      EXPECT_FALSE(d.state.LastChunk) << row.reply;
+      if (row.refused) {
+        EXPECT_EQ(d.state.Sender, "") << row.reply;
+        EXPECT_EQ(d.state.Recipient, "") << row.reply;
+        EXPECT_EQ(d.state.RecipientCount, 0) << row.reply;
+      }
+      d.Run(R"(
+        C: RCPT TO:<v@local.test>
+        <- 503 5.5.1 Bad sequence of commands.
+        C: BDAT 0 LAST
+        <- 503 5.5.1 Bad sequence of commands.
+        C: MAIL FROM:<t@sender.test>
+        -> MAIL FROM:<t@sender.test>
+        S: 250 ok
+        <- 250 ok
+        C: RCPT TO:<v@local.test>
+        -> RCPT TO:<v@local.test>)");
+      EXPECT_EQ(d.state.Sender, "t@sender.test");
+      EXPECT_EQ(d.state.RecipientCount, 1);
+    }
+  }
+}
+
+// RFC 3030, 2: after any other chunk that failed it is the client who ends the transaction.
+TEST(ServerReply, ARefusedChunkThatIsNotTheLastLeavesTheTransactionOpen) {
+  for (const char* reply : {"452 later\r\n", "550 no\r\n", "250-ok\r\n550 no\r\n"}) {
+    Dialogue d;
+    d.configuration.AddReceived = false;
+    d.GreetMailAndRcpt();
+    EXPECT_EQ(d.Says("BDAT 0"), "-> BDAT 0");
+    d.replies.ProcessOutgoingData(reply);
+    EXPECT_TRUE(d.state.TransactionOpen) << reply;
+    EXPECT_TRUE(d.state.ChunkSequence) << reply;
+    EXPECT_EQ(d.state.Sender, "s@sender.test") << reply;
+    d.Run(R"(
+      C: MAIL FROM:<t@sender.test>
+      <- 503 5.5.1 Bad sequence of commands.
+      C: RSET
+      -> RSET
+      S: 250 ok
+      <- 250 ok
+      C: MAIL FROM:<t@sender.test>
+      -> MAIL FROM:<t@sender.test>)");
+  }
+}
+
+// What is said about the message may still name its addresses; what is said later may not.
+TEST(ServerReply, TheRefusalOfTheLastChunkStillKnowsTheSender) {
+  Dialogue d;
+  d.configuration.AddReceived = false;
+  d.configuration.ResponseChanges.Add(WholeReply("BDAT.550", "550 {%from%} {%rcpt%}"));
+  d.configuration.ResponseChanges.Add(WholeReply("NOOP.250", "250 [{%from%}{%rcpt%}]"));
+  d.GreetMailAndRcpt();
+  d.Run(R"(
+    C: BDAT 0 LAST
+    -> BDAT 0 LAST
+    S: 550 no
+    <- 550 s@sender.test u@local.test
+    C: NOOP
+    -> NOOP
+    S: 250 ok
+    <- 250 [])");
+}
+
 TEST(ServerReply, TheReplyToContentIsAwaitedAndIsNone354) {
   for (const char* reply : {"250 accepted\r\n", "554 no\r\n", "354 more\r\n"}) {
     Dialogue d;

@@ -70,7 +70,7 @@ TEST(SessionState, WhereEachCommandAndReplyLead) {
       {"RCPT TO:<u@local.test>", "-", "-", "TTTT", "-"},
       {"DATA", "-", "-", "TMTT", "-"},
       {"BDAT 0", "-", "-", "CCCC", "CCCC"},
-      {"BDAT 0 LAST", "-", "-", "GTTT", "GTTT"},
+      {"BDAT 0 LAST", "-", "-", "GGGG", "GGGG"},
       {"XEXCH50 5 2", "-", "-", "TXTT", "-"},
       {"RSET", "0000", "GGGG", "GTTT", "GCCC"},
       {"QUIT", "0000", "GGGG", "TTTT", "CCCC"},
@@ -122,9 +122,12 @@ class Server {
     answered_ = false;
   }
 
-  // `reply` in full; the first one counts, unless its lines disagree.
+  // `reply` in full; the first one counts, unless its lines disagree. Whatever it is, with the last chunk the
+  // message is over.
   void Says(const std::string& reply, bool lines_agree) {
-    if (std::exchange(answered_, true) || !lines_agree) return;
+    if (std::exchange(answered_, true)) return;
+    if (Is({"BDAT"}) && last_chunk_) open = false;
+    if (!lines_agree) return;
     const std::string code = reply.substr(0, 3);
     if (code == "250" && Is({"EHLO", "HELO"})) {
       greeted = true;
@@ -134,7 +137,6 @@ class Server {
     if (code == "355" && Is({"MAIL"})) open = true;
     if (code == "250" && Is({"EHLO", "HELO", "RSET"})) open = chunks = false;
     if (code == "354" && Is({"DATA"})) open = false;
-    if (code == "250" && Is({"BDAT"}) && last_chunk_) open = false;
   }
 
   bool greeted = false;
