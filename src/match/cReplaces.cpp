@@ -1,5 +1,9 @@
 #include "match/cReplaces.h"
 
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <optional>
 #include <utility>
 
 #include "base/error.h"
@@ -8,9 +12,9 @@ namespace trabex {
 
 namespace {
 
-// How much longer than the original the macros may make a text. Some stand for what the client sent, which
-// may itself be full of macros, and each rule expands anew: without a bound one short command could be blown
-// up to gigabytes. No reply comes near it (RFC 5321, 4.5.3.1.5: 512 octets a line).
+// How much longer than the original the macros may make a text. Rules find what those before them have put
+// in, and part of that is the client's: without a bound a few rules could blow one short command up to
+// gigabytes. No reply comes near it (RFC 5321, 4.5.3.1.5: 512 octets a line).
 constexpr std::size_t kMaxGrowth_bytes = 65536;
 
 bool IsIn(unsigned char byte, unsigned char low, unsigned char high) {
@@ -58,18 +62,70 @@ std::string Domain(const std::string& address) {
   return at == std::string::npos ? address : address.substr(at + 1);
 }
 
+// The lines of `text`, which end in CR LF, CR or LF; the last one is what stands behind the last line end.
+std::vector<std::string_view> LinesOf(std::string_view text) {
+  std::vector<std::string_view> lines;
+  for (;;) {
+    const std::size_t end = text.find_first_of(kCrLf);
+    lines.push_back(text.substr(0, end));
+    if (end == std::string_view::npos) return lines;
+    text.remove_prefix(end);
+    text.remove_prefix(text.starts_with(kCrLf) ? kCrLf.size() : 1);
+  }
+}
+
+// The code that `line` begins with when it is the line of a reply (RFC 5321, 4.2.1), or "".
+std::string_view ReplyCode(std::string_view line) {
+  const std::string_view code = line.substr(0, 3);
+  const bool is_code = code.size() == 3 && std::all_of(code.begin(), code.end(), IsDigit) &&
+                       (line.size() == 3 || line[3] == ' ' || line[3] == '-');
+  return is_code ? code : std::string_view();
+}
+
+// Whether `text` is one reply as it stands: every line but the last one announces another one.
+bool IsOneReply(std::string_view text) {
+  const auto lines = LinesOf(text);
+  const std::string_view code = ReplyCode(lines[0]);
+  std::size_t size = (lines.size() - 1) * kCrLf.size();
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    const bool goes_on = lines[i].size() > code.size() && lines[i][code.size()] == '-';
+    if (code.empty() || ReplyCode(lines[i]) != code || goes_on != (i + 1 < lines.size())) return false;
+    size += lines[i].size();
+  }
+  return size == text.size();  // otherwise some line ends in less than CR LF
+}
+
+// `value` in one line, so that it cannot end a line of the reply that it is put into: what stands behind
+// would be another line, or another reply. Of a reply in several lines the texts are left, one behind the
+// other; the "-" behind the first code, which announces more lines, goes with the codes of these.
+std::string InOneLine(std::string value) {
+  if (value.find_first_of(kCrLf) == std::string::npos) return value;
+  const auto lines = LinesOf(value);
+  const std::string_view code = ReplyCode(lines[0]);
+  std::string result(lines[0]);
+  if (!code.empty() && result.size() > code.size()) result[code.size()] = ' ';
+  for (std::size_t i = 1; i < lines.size(); ++i) {
+    const bool same_reply = !code.empty() && ReplyCode(lines[i]) == code;
+    result += ' ';
+    result.append(lines[i].substr(same_reply ? std::min(code.size() + 1, lines[i].size()) : 0));
+  }
+  return result;
+}
+
 struct Macro {
   std::string_view name;
+  // Nothing for the one that is a line end of the rule's own.
   std::string (*value)(const MacroSource& macros, const std::string& original);
 };
 
-// In the order of their expansion: what one brings in, those after it expand.
+constexpr std::string_view kMacroStart = "{%";
+constexpr std::string_view kOriginal = "{%original%}";
 constexpr Macro kMacros[] = {
-    {"{%original%}", [](const MacroSource&, const std::string& original) { return original; }},
+    {kOriginal, [](const MacroSource&, const std::string& original) { return original; }},
     {"{%localhostname%}",
      [](const MacroSource& macros, const std::string&) { return macros.LocalHostName(); }},
     {"{%rfctime%}", [](const MacroSource& macros, const std::string&) { return macros.RFCTime(); }},
-    {"{%crlf%}", [](const MacroSource&, const std::string&) { return std::string(kCrLf); }},
+    {"{%crlf%}", nullptr},
     {"{%remotehostname%}",
      [](const MacroSource& macros, const std::string&) { return macros.RemoteHostName(); }},
     {"{%remotehostip%}", [](const MacroSource& macros, const std::string&) { return macros.RemoteHostIP(); }},
@@ -85,31 +141,38 @@ constexpr Macro kMacros[] = {
     {"{%size%}", [](const MacroSource& macros, const std::string&) { return macros.Size(); }},
 };
 
-// Replaces the occurrences of `name`, the first of which is at `at`. One that would make the text longer than
-// `limit` stays as it is written.
-void ReplaceMacro(std::string& text, std::size_t at, std::string_view name, std::string_view value,
-                  std::size_t limit) {
+// `words` with each macro's value in its place, from left to right: what is put in is never looked at again.
+// `begins_reply` says that they begin a reply, and not somewhere in it. A whole reply that begins a line
+// keeps its own lines; any other value is put in as one. Nothing when the result would be longer than
+// `limit`.
+std::optional<std::string> ExpandMacros(std::string_view words, bool begins_reply,
+                                        const std::string& original, const MacroSource& macros,
+                                        std::size_t limit) {
+  std::array<std::optional<std::string>, std::size(kMacros)> values;  // each is asked for once
   std::string result;
-  std::size_t from = 0;
-  std::size_t size = text.size();
-  for (; at != std::string::npos; at = FindNoCase(text, name, from)) {
-    if (value.size() > name.size() && size + (value.size() - name.size()) > limit) break;
-    size = size + value.size() - name.size();
-    result.append(text, from, at - from).append(value);
-    from = at + name.size();
+  while (result.size() <= limit) {
+    const std::size_t start = words.find(kMacroStart);
+    result.append(words.substr(0, start));
+    if (start == std::string_view::npos) return result;
+    words.remove_prefix(start);
+    const auto macro = std::find_if(std::begin(kMacros), std::end(kMacros),
+                                    [&](const Macro& row) { return StartsWithNoCase(words, row.name); });
+    if (macro == std::end(kMacros)) {
+      result.append(kMacroStart);
+      words.remove_prefix(kMacroStart.size());
+      continue;
+    }
+    words.remove_prefix(macro->name.size());
+    const bool begins_line = result.empty() ? begins_reply : result.ends_with(kCrLf);
+    if (begins_line && macro->name == kOriginal && IsOneReply(original)) {
+      result.append(original);
+      continue;
+    }
+    auto& value = values[static_cast<std::size_t>(macro - std::begin(kMacros))];
+    if (!value) value = macro->value ? InOneLine(macro->value(macros, original)) : std::string(kCrLf);
+    result.append(*value);
   }
-  text = result.append(text, from);
-}
-
-void ExpandMacros(std::string& text, const std::string& original, const MacroSource& macros) {
-  const std::size_t limit = original.size() + kMaxGrowth_bytes;
-  for (const Macro& macro : kMacros) {
-    // Every macro begins so, and most texts hold none.
-    const std::size_t first = text.find("{%");
-    if (first == std::string::npos) return;
-    const std::size_t at = FindNoCase(text, macro.name, first);
-    if (at != std::string::npos) ReplaceMacro(text, at, macro.name, macro.value(macros, original), limit);
-  }
+  return std::nullopt;
 }
 
 }  // namespace
@@ -121,12 +184,37 @@ cReplace::cReplace(std::string search, std::string replacement, bool case_sensit
       case_sensitive_(case_sensitive) {}
 
 void cReplace::ApplyRule(std::string& text) const {
+  Replace(text, replacement_);
+}
+
+void cReplace::ApplyRule(std::string& text, const std::string& original, const MacroSource& macros) const {
+  if (replacement_.find(kMacroStart) == std::string::npos) return ApplyRule(text);
+  const std::size_t occurrences = CountIn(text);
+  if (occurrences == 0) return;
+  const std::size_t limit = original.size() + kMaxGrowth_bytes;
+  const auto expanded = ExpandMacros(replacement_, match_.empty(), original, macros, limit);
+  const std::size_t kept = match_.empty() ? 0 : text.size() - occurrences * match_.size();
+  const bool fits = expanded && kept + occurrences * expanded->size() <= limit;
+  Replace(text, fits ? *expanded : replacement_);
+}
+
+std::size_t cReplace::CountIn(std::string_view text) const {
+  if (match_.empty()) return 1;
+  const auto find = [&](std::size_t from) {
+    return case_sensitive_ ? text.find(match_, from) : FindNoCase(text, match_, from);
+  };
+  std::size_t count = 0;
+  for (std::size_t at = find(0); at != std::string_view::npos; at = find(at + match_.size())) ++count;
+  return count;
+}
+
+void cReplace::Replace(std::string& text, std::string_view replacement) const {
   if (match_.empty()) {
-    text = replacement_;
+    text = replacement;
   } else if (case_sensitive_) {
-    text = ReplaceAll(text, match_, replacement_);
+    text = ReplaceAll(text, match_, replacement);
   } else {
-    text = ReplaceAllNoCase(text, match_, replacement_);
+    text = ReplaceAllNoCase(text, match_, replacement);
   }
 }
 
@@ -143,10 +231,7 @@ const cReplace& cReplaces::Add(std::string search, std::string replacement, bool
 void cReplaces::Apply(std::string& text, const MacroSource& macros) const {
   try {
     std::string result = text;
-    for (const cReplace& rule : rules_) {
-      rule.ApplyRule(result);
-      ExpandMacros(result, text, macros);
-    }
+    for (const cReplace& rule : rules_) rule.ApplyRule(result, text, macros);
     text = std::move(result);
   } catch (const Error& error) {
     throw Error(error.Number(), "cReplaces.Apply", error.Description());

@@ -11,27 +11,6 @@
 
 namespace trabex {
 
-// One search-and-replace rule.
-class cReplace {
- public:
-  cReplace(std::string search, std::string replacement, bool case_sensitive);
-
-  const std::string& Search() const { return search_; }
-  const std::string& Replacement() const { return replacement_; }
-  bool CaseSensitive() const { return case_sensitive_; }
-
-  // Replaces every occurrence; an empty search text replaces the whole text.
-  void ApplyRule(std::string& text) const;
-  // The rule as a list entry of the initialization file: "<text>", "<search>=<text>" or "<search>==<text>".
-  std::string Format() const;
-
- private:
-  std::string search_;
-  std::string match_;  // search_ with every "¶" (UTF-8, or the single byte B6) as CR LF
-  std::string replacement_;
-  bool case_sensitive_;
-};
-
 // What the macros stand for. A value is asked for only when its macro occurs.
 class MacroSource {
  public:
@@ -49,6 +28,36 @@ class MacroSource {
   virtual std::string Size() const = 0;
 };
 
+// One search-and-replace rule.
+class cReplace {
+ public:
+  cReplace(std::string search, std::string replacement, bool case_sensitive);
+
+  const std::string& Search() const { return search_; }
+  const std::string& Replacement() const { return replacement_; }
+  bool CaseSensitive() const { return case_sensitive_; }
+
+  // Replaces every occurrence; an empty search text replaces the whole text.
+  void ApplyRule(std::string& text) const;
+  // The same with the values of the macros in the replacement, {%original%} being `original`. Only the rule's
+  // own words are looked through for macros: a value is text, and so is what the client or the server wrote.
+  // A value is put in as one line, so {%crlf%} alone ends one; only an original that is one reply in several
+  // lines keeps them where it begins a line of the new text. A replacement whose values would make the text
+  // more than 64 KB longer than `original` is put in as it is written.
+  void ApplyRule(std::string& text, const std::string& original, const MacroSource& macros) const;
+  // The rule as a list entry of the initialization file: "<text>", "<search>=<text>" or "<search>==<text>".
+  std::string Format() const;
+
+ private:
+  std::size_t CountIn(std::string_view text) const;
+  void Replace(std::string& text, std::string_view replacement) const;
+
+  std::string search_;
+  std::string match_;  // search_ with every "¶" (UTF-8, or the single byte B6) as CR LF
+  std::string replacement_;
+  bool case_sensitive_;
+};
+
 // The rules of one reply name, in the order of the entries.
 class cReplaces {
  public:
@@ -60,9 +69,8 @@ class cReplaces {
   std::string Item(std::size_t index) const { return rules_[index].Format(); }
   const std::vector<cReplace>& Rules() const { return rules_; }
 
-  // Rewrites `text`: each rule on the result of the one before it, the macros expanded after each. A macro
-  // that would make it more than 64 KB longer than it was stays as it is written. Failures carry the source
-  // "cReplaces.Apply" and leave `text` unchanged.
+  // Rewrites `text`: each rule on the result of the one before it, {%original%} being `text` before the
+  // first. Failures carry the source "cReplaces.Apply" and leave `text` unchanged.
   void Apply(std::string& text, const MacroSource& macros) const;
 
  private:

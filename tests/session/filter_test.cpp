@@ -16,6 +16,13 @@ void Remote(SessionWorld& world) {
   world.Settings.LocalIPs = IPRangeList();
 }
 
+void AddChange(SessionWorld& world, const char* name, const char* search, const char* text) {
+  cReplaces replaces;
+  replaces.Add(search, text, false);
+  replaces.SetName(name);
+  world.Settings.ResponseChanges.Add(replaces);
+}
+
 TEST(Ehlo, ReplyIsRewritten) {
   PlayBothWays(
       [](SessionWorld& world) {
@@ -264,16 +271,10 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
 TEST(Responses, OwnAndServersAreChanged) {
   PlayBothWays(
       [](SessionWorld& world) {
-        const auto add = [&](const char* name, const char* search, const char* text) {
-          cReplaces replaces;
-          replaces.Add(search, text, false);
-          replaces.SetName(name);
-          world.Settings.ResponseChanges.Add(replaces);
-        };
-        add(".220", "server", "{%localhostname%}");
-        add("BadSeq", "Bad", "Very bad");
-        add("DATA.BadSeq.NoHelo", "", "500 Say hello first{%crlf%}");
-        add("NOOP.250", "ok", "fine, {%remotehostip%}");
+        AddChange(world, ".220", "server", "{%localhostname%}");
+        AddChange(world, "BadSeq", "Bad", "Very bad");
+        AddChange(world, "DATA.BadSeq.NoHelo", "", "500 Say hello first{%crlf%}");
+        AddChange(world, "NOOP.250", "ok", "fine, {%remotehostip%}");
       },
       R"(
     S> 220 server ready
@@ -287,6 +288,36 @@ TEST(Responses, OwnAndServersAreChanged) {
     S= NOOP
     S> 250 ok
     C= 250 fine, 127.0.0.1)");
+}
+
+// Macros are the administrator's: what the client wrote is text, in the proxy's own replies and in the
+// server's.
+TEST(Responses, MacrosOfAPeerStayText) {
+  const auto configure = [](SessionWorld& world) {
+    Remote(world);
+    world.Settings.ValidateHELO = 8;
+    AddPattern(world.Settings.HELOBlackList, "evil*");
+    AddChange(world, "RCPT.Relaying", "", "550 no: {%original%}");
+    AddChange(world, "HELO.BlackList", "name", "host {%helodomain%},");
+    AddChange(world, "NOOP.550", "never", "not");
+    AddChange(world, "VRFY.550", "", "550-{%helodomain%} asks:{%crlf%}550 {%original%}");
+  };
+  PlayBothWays(configure, InTransaction() + R"(
+    C> RCPT TO:<x@{%crlf%}250-2.1.5_ok{%crlf%}250.y>
+    C= 550 no: 550 5.7.1 Relaying to {%crlf%}250-2.1.5_ok{%crlf%}250.y not allowed.
+    C> EHLO evil{%crlf%}250{%original%}
+    C= 550 Disallowed domain host evil{%crlf%}250{%original%},: evil{%crlf%}250{%original%}.
+    C> NOOP {%crlf%}250 ok
+    S= NOOP {%crlf%}250 ok
+    S> 550 {%crlf%}250 ok: no such thing
+    C= 550 {%crlf%}250 ok: no such thing
+    C> VRFY {%crlf%}
+    S= VRFY {%crlf%}
+    S> 550-{%crlf%}
+    S> 550 who?
+    C= 550-evil{%crlf%}250{%original%} asks:
+    C= 550 550 {%crlf%} who?
+    C= nothing)");
 }
 
 TEST(Auth, DataIsNoCommandAndStaysSecret) {

@@ -15,7 +15,7 @@ The head: what stands after "#" is comment;
                 opensmtpd; or none
     owes:       what the scripted server never says; the client's end is heard behind it only, so that the session is
                 left to that server's patience
-    set:        a setting that it needs (Key=Value), beside the common ones; any number
+    set:        a setting that it needs (Key=Value), beside the common ones; any number. "set X:" is one of section X
     on X:       what the scripted server says to the command X instead ("greeting": at the start, "content": after the
                 content, "BDAT!": before it has read the octets); the first line counts for the first X and so on.
                 A "|" cuts what it says into segments, and "(nothing)" is silence. Such a session is played against the
@@ -103,7 +103,7 @@ class HostileSession:
         self.after = None
         self.direct = None
         self.owes = None
-        self.settings = {}
+        self.settings = {}  # (section, key) to value
         self.replies = {}  # command to the list of what the scripted server says, each a list of segments
         self.steps = []
         for number, line in enumerate(path.read_text(encoding="ascii").splitlines(), 1):
@@ -142,9 +142,9 @@ class HostileSession:
                 raise ValueError("no such server")
         elif key == "owes":
             self.owes = value
-        elif key == "set":
+        elif key == "set" or key.startswith("set "):
             name, setting = value.split("=", 1)
-            self.settings[name] = setting
+            self.settings[key[4:] or "Common", name] = setting
         elif key.startswith("on "):
             segments = [] if value == "(nothing)" else unescape(value)[0].split(_CUT)
             self.replies.setdefault(key[3:], []).append(segments)

@@ -142,7 +142,10 @@ class ThroughTrabex(Hostile):
         def address_of(session):
             own = tuple(sorted(session.settings.items()))
             if own not in by_settings:
-                by_settings[own] = self.trabex(port, {**SETTINGS, **dict(own)})
+                sections = {"Common": dict(SETTINGS)}
+                for (section, key), value in own:
+                    sections.setdefault(section, {})[key] = value
+                by_settings[own] = self.trabex(port, sections.pop("Common"), sections=sections)
             return by_settings[own].address
 
         for session in sessions:

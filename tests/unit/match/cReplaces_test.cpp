@@ -218,42 +218,200 @@ TEST(cReplaces, AsksOnlyForMacrosThatOccur) {
   EXPECT_EQ(source.asked, (std::map<std::string, int>{{"Size", 1}, {"From", 1}}));
 }
 
-TEST(cReplaces, ExpandsAfterEveryRule) {
+TEST(cReplaces, ExpandsWhatARulePutsIn) {
   CountingSource source;
   source.values["RemoteHostIP"] = "192.0.2.1";
   // The second rule sees what the first one's macro stands for.
   EXPECT_EQ(Applied({{"", "from {%remotehostip%}"}, {"192.0.2.1", "here"}}, "x", source), "from here");
-  // Also in a text that no rule changed.
-  EXPECT_EQ(Applied({{"absent", "y"}}, "at {%remotehostip%}", source), "at 192.0.2.1");
   // The original is the text before any rule.
-  EXPECT_EQ(Applied({{"a", "b"}, {"b", "<{%original%}>"}, {"x", "{%original%}"}}, "ax", source), "<aax>ax");
+  EXPECT_EQ(Applied({{"a", "b"}, {"b", "<{%original%}>"}, {"x", "!"}}, "ax", source), "<a!>!");
+  // What is no macro stays, one that begins inside of it counts.
+  EXPECT_EQ(Applied({{"", "{%{%size%}{%x%}{%size{%"}}, "", source), "{%(Size){%x%}{%size{%");
+  // The words of one rule alone make a macro.
+  EXPECT_EQ(Applied({{"", "{%si-"}, {"-", "ze%}"}}, "", source), "{%size%}");
+  EXPECT_EQ(Applied({{"{%size%}", "x"}}, "a {%size%}", source), "a x") << "in a search text it is just text";
 }
 
-TEST(cReplaces, MacrosAreExpandedInTheirOrder) {
-  CountingSource source;
-  // What a macro brings in is seen by those behind it, not by those before it or by itself.
-  source.values = {{"HeloDomain", "{%from%}"}, {"From", "{%helodomain%}{%from%}"}};
-  EXPECT_EQ(Applied({{"", "{%helodomain%}"}}, "", source), "{%helodomain%}{%from%}");
-  source.values = {{"From", "{%crlf%}"}};
-  EXPECT_EQ(Applied({{"", "{%from%}"}}, "", source), "{%crlf%}");
-  EXPECT_EQ(Applied({{"", "{%from%}"}, {"absent", ""}}, "", source), "\r\n");
-  EXPECT_EQ(Applied({{"", "{%original%}"}}, "a{%crlf%}b{%original%}", source), "a\r\nb{%original%}");
+// What a peer wrote is text, whatever it looks like.
+TEST(cReplaces, MacrosInTheTextThatIsRewrittenStayAsTheyAre) {
+  const CountingSource source;
+  const std::string text = "550 <x@{%crlf%}250-ok{%remotehostip%}250.y>: {%original%}";
+  EXPECT_EQ(Applied({{"absent", "y"}}, text, source), text);
+  EXPECT_EQ(Applied({{"550", "551"}}, text, source),
+            "551 <x@{%crlf%}250-ok{%remotehostip%}250.y>: {%original%}");
+  EXPECT_EQ(Applied({{"", "{%original%}!"}}, text, source), text + "!");
+  EXPECT_EQ(Applied({{"@", "(at){%size%}"}}, text, source),
+            "550 <x(at)(Size){%crlf%}250-ok{%remotehostip%}250.y>: {%original%}");
+  // Nor do words of the rule and of the text make one together.
+  EXPECT_EQ(Applied({{"X", "{%"}, {"Y", "%}"}}, "XsizeY", source), "{%size%}");
+  EXPECT_EQ(source.asked, (std::map<std::string, int>{{"Size", 1}}));
+}
+
+TEST(cReplaces, AValueIsNeverLookedAtAgain) {
+  const std::string hostile = "{%crlf%}250 {%original%}{%from%}{%rcpt%}{%helodomain%}{%size%}";
+  const struct {
+    const char* macro;
+    const char* value;
+  } rows[] = {
+      {"{%localhostname%}", "LocalHostName"},
+      {"{%rfctime%}", "RFCTime"},
+      {"{%remotehostname%}", "RemoteHostName"},
+      {"{%remotehostip%}", "RemoteHostIP"},
+      {"{%helodomain%}", "HeloDomain"},
+      {"{%bytesreceived%}", "BytesReceived"},
+      {"{%bytessent%}", "BytesSent"},
+      {"{%from%}", "From"},
+      {"{%rcpt%}", "Rcpt"},
+      {"{%fromdomain%}", "From"},
+      {"{%rcptdomain%}", "Rcpt"},
+      {"{%maxsize%}", "MaxSize"},
+      {"{%size%}", "Size"},
+  };
+  for (const auto& row : rows) {
+    CountingSource source;
+    source.values = {{row.value, hostile}};
+    const std::string macro = row.macro;
+    EXPECT_EQ(Applied({{"", "550 " + macro + "!"}}, "x", source), "550 " + hostile + "!") << macro;
+    // Not by the macros of later rules either, which see it as text.
+    EXPECT_EQ(Applied({{"", macro}, {"absent", "{%crlf%}"}, {"250 {", "251 {%original%}{"}}, "x", source),
+              "{%crlf%}251 x{%original%}{%from%}{%rcpt%}{%helodomain%}{%size%}")
+        << macro;
+    // A macro that begins in the rule and ends in a value is none.
+    source.values = {{row.value, "crlf%}"}};
+    EXPECT_EQ(Applied({{"", "{%" + macro}, {"absent", ""}}, "x", source), "{%crlf%}") << macro;
+  }
+  EXPECT_EQ(Applied({{"", "{%original%}"}, {"absent", ""}}, hostile, CountingSource()), hostile);
+}
+
+TEST(cReplaces, ValuesBringNoLineEnds) {
+  const struct {
+    const char* original;
+    const char* in_one_line;
+  } rows[] = {
+      {"550 no", "550 no"},
+      {"550-no", "550-no"},
+      {"550-no\r\n550 way", "550 no way"},
+      {"550-5.7.1 no\r\n550-5.7.1 way\r\n550 5.7.1 here", "550 5.7.1 no 5.7.1 way 5.7.1 here"},
+      {"550-\r\n550", "550  "},
+      // Other codes are text.
+      {"550-no\r\n250 way", "550 no 250 way"},
+      {"550 no\r\n250 way\r\n550 out", "550 no 250 way out"},
+      {"550 no\r\n5500 way", "550 no 5500 way"},
+      {"abc-no\r\nabc way", "abc-no abc way"},
+      {"no\r\nway", "no way"},
+      {"no\nway\rout\n\rthere\r\n", "no way out  there "},
+      {"\r\n", " "},
+      {"55\r\n55", "55 55"},
+  };
+  for (const auto& row : rows) {
+    const CountingSource source;
+    EXPECT_EQ(Applied({{"", " {%original%}"}}, row.original, source), std::string(" ") + row.in_one_line);
+    EXPECT_EQ(Applied({{"", "551-x{%crlf%}551 {%original%}{%crlf%}"}}, row.original, source),
+              std::string("551-x\r\n551 ") + row.in_one_line + "\r\n");
+    CountingSource other;
+    other.values = {{"From", row.original}};
+    EXPECT_EQ(Applied({{"", "{%from%}"}}, "x", other), row.in_one_line) << row.original;
+    // The text itself keeps its lines.
+    EXPECT_EQ(Applied({{"absent", "{%original%}"}}, row.original, source), row.original);
+  }
+}
+
+// "<{%original%} more>" adds to a reply, and makes no other one of it.
+TEST(cReplaces, AWholeReplyThatBeginsALineKeepsItsLines) {
+  const struct {
+    const char* original;
+    bool kept;
+  } rows[] = {
+      {"250-a\r\n250 b", true},
+      {"250-a\r\n250-b\r\n250", true},
+      {"250-\r\n250-\r\n250 ", true},
+      // Two replies, parts of one, several codes, lines that end in less.
+      {"250 a\r\n250 b", false},
+      {"250-a\r\n250-b", false},
+      {"250-a\r\n251 b", false},
+      {"250-a\r\n251-b\r\n250 c", false},
+      {"250-a\r\n250b", false},
+      {"250-a\r\n\r\n250 b", false},
+      {"250-a\n250 b", false},
+      {"250-a\r250 b", false},
+      {"250-a\r\n250 b\r", false},
+      {"250-a\r\n250 b\r\n", false},
+      {"250-a\rb\r\n250 c", false},
+      {"abc-a\r\nabc b", false},
+      {"25\r\n25", false},
+  };
+  for (const auto& row : rows) {
+    const CountingSource source;
+    const std::string in_one_line = Applied({{"", " {%original%}"}}, row.original, source).substr(1);
+    EXPECT_EQ(in_one_line.find_first_of("\r\n"), std::string::npos);
+    const std::string put_in = row.kept ? row.original : in_one_line;
+    EXPECT_EQ(Applied({{"", "{%original%} (more)"}}, row.original, source), put_in + " (more)");
+    EXPECT_EQ(Applied({{"", "250-x{%crlf%}{%Original%}{%crlf%}"}}, row.original, source),
+              "250-x\r\n" + put_in + "\r\n");
+    // Elsewhere it is a value like the others.
+    EXPECT_EQ(Applied({{"", "550 {%original%}"}}, row.original, source), "550 " + in_one_line);
+    EXPECT_EQ(Applied({{"", "{%x%}{%original%}"}}, row.original, source), "{%x%}" + in_one_line);
+    if (std::string_view(row.original).starts_with("250-a")) {
+      EXPECT_EQ(Applied({{"a", "{%original%}", true}}, row.original, source),
+                "250-" + in_one_line + std::string(row.original).substr(5));
+    }
+    CountingSource other;
+    other.values = {{"From", row.original}};
+    EXPECT_EQ(Applied({{"", "{%from%}"}}, "x", other), in_one_line);
+  }
+}
+
+// Whatever the values are, the reply has the lines that the rules' author gave it, and begins each with his
+// code.
+TEST(cReplaces, ValuesLeaveAReplyItsOneCode) {
+  const std::vector<std::string> pieces = {"{%crlf%}", "{%original%}", "{%from%}", "\r\n", "\r", "\n",
+                                           "250 ok",   "250-",         "550",      "{%",   "%}", "crlf",
+                                           " ",        "\xC2\xB6",     "\xB6",     "x"};
+  std::mt19937 random(1);
+  const auto text = [&] {
+    std::string made;
+    for (auto count = random() % 8; count > 0; --count) made += pieces[random() % pieces.size()];
+    return made;
+  };
+  for (int round = 0; round < 1000; ++round) {
+    CountingSource source;
+    for (const char* name : {"From", "Rcpt", "HeloDomain", "RemoteHostName"}) source.values[name] = text();
+    const std::string result = Applied({{"", "550-a {%from%}{%crlf%}550-b {%original%}{%rcpt%}{%crlf%}550 c"},
+                                        {" c", " {%helodomain%}{%remotehostname%}"},
+                                        {"absent", "{%crlf%}"}},
+                                       text(), source);
+    std::size_t line_ends = 0;
+    for (std::size_t at = result.find_first_of("\r\n"); at != std::string::npos;
+         at = result.find_first_of("\r\n", at + 2)) {
+      EXPECT_EQ(result.substr(at, 5), "\r\n550") << result;
+      ++line_ends;
+    }
+    EXPECT_EQ(line_ends, 2U) << result;
+    if (HasFailure()) return;
+  }
 }
 
 TEST(cReplaces, AClientCannotBlowUpAReply) {
   CountingSource source;
-  std::string from;
-  for (int count = 0; count < 400; ++count) from += "{%from%}{%rcpt%}";
-  source.values = {{"HeloDomain", from}, {"From", from}, {"Rcpt", from}};
-  std::vector<RuleText> rules = {{"", "{%helodomain%}"}};
-  for (int count = 0; count < 20; ++count) rules.push_back({"absent", ""});
+  const std::string from(4000, 'a');
+  source.values = {{"From", from}, {"Rcpt", from}};
   const std::string original = "550 no";
-  const std::string result = Applied(rules, original, source);
-  EXPECT_LE(result.size(), original.size() + 65536);
-  EXPECT_GT(result.size(), 60000U);
-  // Expansions as long as the bound allows are whole.
-  source.values = {{"From", std::string(65000, 'f')}};
-  EXPECT_EQ(Applied({{"", "{%from%}{%size%}"}}, original, source), std::string(65000, 'f') + "(Size)");
+  // Each rule finds what the one before it has put in.
+  std::vector<RuleText> rules = {{"", "{%from%}"}};
+  for (int count = 0; count < 20; ++count) rules.push_back({"a", "{%from%}"});
+  for (int count = 0; count < 20; ++count) rules.push_back({"aa", "{%from%}{%rcpt%}"});
+  EXPECT_LE(Applied(rules, original, source).size(), original.size() + 65536);
+  // The words of a rule whose values are too long stand as they are written.
+  EXPECT_EQ(Applied({{"", "aa"}, {"a", "x{%from%}"}}, original, source), "x" + from + "x" + from);
+  EXPECT_EQ(Applied({{"", std::string(20, 'a')}, {"a", "x{%from%}"}}, original, source).substr(0, 20),
+            "x{%from%}x{%from%}x{");
+  // Values as long as the bound allows are whole.
+  source.values = {{"From", std::string(65536, 'f')}};
+  EXPECT_EQ(Applied({{"", "550 no{%from%}"}}, original, source), "550 no" + std::string(65536, 'f'));
+  EXPECT_EQ(Applied({{"", "550 no!{%from%}"}}, original, source), "550 no!{%from%}");
+  EXPECT_EQ(Applied({{"550", "551"}, {"no", "no{%from%}"}}, original, source),
+            "551 no" + std::string(65536, 'f'));
+  EXPECT_EQ(Applied({{"no", "!no{%from%}"}}, original, source), "550 !no{%from%}");
   // A long reply can still be repeated.
   const std::string longer(100000, 'o');
   EXPECT_EQ(Applied({{"", "{%original%}!"}}, longer, source), longer + "!");

@@ -52,7 +52,8 @@ TEST(ClientLine, WithAControlCharacterGoesNowhere) {
     const std::string character(1, static_cast<char>(byte));
     for (const std::string& line :
          {"NOOP" + character, character + "NOOP", "NO" + character + "OP", "NOOP a" + character + "b",
-          "MAIL FROM:<a" + character + "@b>", "STARTTLS" + character, "QUIT" + character, character}) {
+          "MAIL FROM:<a" + character + "@b>", "RCPT TO:<a@b" + character + ">", "EHLO a" + character + "b",
+          "HELO " + character, "STARTTLS" + character, "QUIT" + character, character}) {
       if (byte == '\t') continue;
       Dialogue d;
       d.Greet();
@@ -60,6 +61,9 @@ TEST(ClientLine, WithAControlCharacterGoesNowhere) {
       EXPECT_EQ(d.state.BadSequenceCount, 1);
       EXPECT_FALSE(d.state.TransactionOpen);
       EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+      // Nothing of it can be put into a reply.
+      EXPECT_EQ(d.state.HeloDomain, "client.test");
+      EXPECT_EQ(d.state.Sender + d.state.Recipient, "");
     }
   }
 }
