@@ -120,20 +120,24 @@ std::string CSocketMaster::RemoteHostName(bool /*bNotCached*/) {
   return rare_->remote_host_name;
 }
 
-void CSocketMaster::LookUpRemoteHostName(std::function<void()> done) {
+void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed) {
   Endpoint peer;
   Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
   Rare& rare = GetRare();
   rare.name_done = std::move(done);
   if (rare.name_lookup != 0) return;
+  NameLookup& names = module_.names_;
   rare.name_lookup =
-      module_.names_.FindName(peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer); });
+      blnConfirmed
+          ? names.FindConfirmedName(
+                peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer, answer.confirmed); })
+          : names.FindName(peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer, true); });
 }
 
-void CSocketMaster::OnNameAnswer(const NameAnswer& answer) {
+void CSocketMaster::OnNameAnswer(const NameAnswer& answer, bool counts) {
   Rare& rare = GetRare();
   rare.name_lookup = 0;
-  const bool named = answer.error == 0 && IsPlainHostName(answer.name);
+  const bool named = answer.error == 0 && counts && IsPlainHostName(answer.name);
   rare.remote_host_name = named ? answer.name : std::string();
   rare.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
   const auto done = std::exchange(rare.name_done, nullptr);

@@ -76,10 +76,10 @@ class CSocketMaster final : public SocketSink {
   // answer), source "CSocketMaster.GetRemoteHostName".
   std::string RemoteHostName(bool bNotCached = false);
   // Asks for the peer's name; `done` is called once from the loop, within 5 seconds, also when there is none;
-  // not after CloseSck. A name with anything but letters, digits, "-", "_" and "." counts as none. One
-  // look-up at a time; a second call replaces the first one's `done`. Raises what reading the peer's address
-  // raises.
-  void LookUpRemoteHostName(std::function<void()> done);
+  // not after CloseSck. A name with anything but letters, digits, "-", "_" and "." counts as none, with
+  // blnConfirmed also one that has not the peer's address among its own. One look-up at a time; a second call
+  // replaces the first one's `done`. Raises what reading the peer's address raises.
+  void LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed = false);
   std::string LocalIP();
   std::int64_t BytesReceived() const;
   std::int64_t BytesSent() const;
@@ -138,7 +138,7 @@ class CSocketMaster final : public SocketSink {
   bool BindForConnect();
   void CancelLookups();
   void ForgetPeerName();
-  void OnNameAnswer(const NameAnswer& answer);
+  void OnNameAnswer(const NameAnswer& answer, bool counts);
   std::string GetLocalHostName();
   std::string GetLocalIP();
 

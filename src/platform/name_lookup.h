@@ -22,6 +22,8 @@ struct AddressAnswer {
 struct NameAnswer {
   int error = 0;
   std::string name;  // from DNS, so whatever the address's owner wants; without a trailing dot
+  // FindConfirmedName: one of the name's own addresses is the one that was asked about (RFC 8601, 3).
+  bool confirmed = false;
 };
 
 using LookupId = std::uint64_t;  // 0: none
@@ -35,6 +37,10 @@ class NameLookup {
   // A dotted address resolves to itself, an empty name fails with 11001.
   virtual LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) = 0;
   virtual LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) = 0;
+  // The same, and then whether the name leads back to the address; both within the 5 seconds. A name that
+  // does not, or not in time, is answered all the same.
+  virtual LookupId FindConfirmedName(std::uint32_t address,
+                                     std::function<void(const NameAnswer&)> answer) = 0;
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 

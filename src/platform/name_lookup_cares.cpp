@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -95,8 +96,9 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     return id;
   }
 
-  LookupId FindName(std::uint32_t address, NameReceiver receiver) {
+  LookupId FindName(std::uint32_t address, bool confirm, NameReceiver receiver) {
     const LookupId id = NewRequest(std::move(receiver));
+    if (confirm) requests_.find(id)->second.to_confirm = address;
     const std::string& known = hosts_.Table(Now()).Name(address);
     if (!known.empty()) {
       Finish(id, {0, {}, known});
@@ -124,14 +126,17 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
  private:
   struct Request {
     std::variant<AddressReceiver, NameReceiver> receiver;
+    MonotonicTime deadline;
     DnsChannel* channel = nullptr;  // that was asked and has not replied yet
     DnsReply reply;
+    std::optional<std::uint32_t> to_confirm;  // the address that the name shall lead back to
+    std::string name;                         // that was found, while its addresses are asked for
   };
 
   MonotonicTime Now() const { return loop_.GetClock().Monotonic(); }
 
   LookupId NewRequest(std::variant<AddressReceiver, NameReceiver> receiver) {
-    requests_.emplace(++last_id_, Request{std::move(receiver), nullptr, {}});
+    requests_.emplace(++last_id_, Request{std::move(receiver), Now() + limit_, nullptr, {}, {}, {}});
     return last_id_;
   }
 
@@ -174,8 +179,9 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
       Finish(id, {socket_error::kTryAgain, {}, {}});
       return;
     }
-    requests_.find(id)->second.channel = channel;
-    deadlines_.push_back({Now() + limit_, id});
+    Request& request = requests_.find(id)->second;
+    request.channel = channel;
+    AddDeadline({request.deadline, id});
     if (!tick_.Enabled()) tick_.Enable();
     if (!HasSocket()) for_socket_.Release();
     ask(*channel);
@@ -209,6 +215,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     KeepSocketReserve();
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;  // cancelled meanwhile
+    if (AskForConfirmation(id, found->second)) return;
     const Request request = std::move(found->second);
     requests_.erase(found);
     Give(request);
@@ -218,18 +225,37 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     const DnsReply& reply = request.reply;
     if (const auto* const receiver = std::get_if<AddressReceiver>(&request.receiver)) {
       (*receiver)({reply.error, reply.addresses});
-    } else {
-      std::get<NameReceiver>(request.receiver)({reply.error, reply.name});
+      return;
     }
+    NameAnswer answer{reply.error, reply.name, false};
+    if (!request.name.empty()) answer = {0, request.name, Holds(reply.addresses, *request.to_confirm)};
+    std::get<NameReceiver>(request.receiver)(answer);
+  }
+
+  static bool Holds(const std::vector<std::uint32_t>& addresses, std::uint32_t address) {
+    return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+  }
+
+  // Goes on with the addresses of a name that was found and is to be confirmed; false when there is nothing
+  // to wait for. Never in the domains that the system searches: in these a stranger's name is one of ours.
+  bool AskForConfirmation(LookupId id, Request& request) {
+    if (!request.to_confirm || !request.name.empty() || request.reply.error != 0) return false;
+    request.name = std::exchange(request.reply, {}).name;
+    // An address is no name, whatever it leads to.
+    if (!IsHostName(request.name) || ParseDottedAddress(request.name)) return false;
+    request.reply.addresses = KnownAddresses(request.name);
+    // Where both know the name, either may confirm it.
+    if (Holds(request.reply.addresses, *request.to_confirm) || IsLocalhost(request.name)) return false;
+    if (IsLate(request.deadline)) return false;
+    AskDns(id, [&](DnsChannel& channel) { channel.AskAddresses(request.name, false, id); });
+    return true;
   }
 
   void Tick() {
     for (const auto& channel : channels_) {
       if (channel->IsWanted()) channel->HandleTimeouts();
     }
-    // What would be late by the next tick has failed now.
-    const MonotonicTime late = Now() + tick_length_;
-    while (!deadlines_.empty() && deadlines_.front().time <= late) {
+    while (!deadlines_.empty() && IsLate(deadlines_.front().time)) {
       const LookupId id = deadlines_.front().id;
       deadlines_.pop_front();
       const auto found = requests_.find(id);
@@ -249,10 +275,20 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     }
   }
 
+  // What would be late by the next tick has failed now.
+  bool IsLate(MonotonicTime deadline) const { return deadline <= Now() + tick_length_; }
+
   struct Deadline {
     MonotonicTime time;
     LookupId id;
   };
+
+  // Nearly always at the end: only the second question of a look-up has less time than one that is new.
+  void AddDeadline(Deadline deadline) {
+    const auto after = std::upper_bound(deadlines_.begin(), deadlines_.end(), deadline,
+                                        [](const Deadline& a, const Deadline& b) { return a.time < b.time; });
+    deadlines_.insert(after, deadline);
+  }
 
   EventLoop& loop_;
   const Milliseconds limit_;
@@ -265,7 +301,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
   DescriptorReserve for_socket_;
   std::vector<std::unique_ptr<DnsChannel>> channels_;
   std::unordered_map<LookupId, Request> requests_;
-  std::deque<Deadline> deadlines_;  // all look-ups have the same time, so they end in the order of asking
+  std::deque<Deadline> deadlines_;  // the next one first
   LookupId last_id_ = 0;
 };
 
@@ -281,7 +317,10 @@ class CaresNameLookup final : public NameLookup {
     return lookups_->FindAddresses(name, std::move(answer));
   }
   LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
-    return lookups_->FindName(address, std::move(answer));
+    return lookups_->FindName(address, false, std::move(answer));
+  }
+  LookupId FindConfirmedName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+    return lookups_->FindName(address, true, std::move(answer));
   }
   void Cancel(LookupId id) override { lookups_->Cancel(id); }
 

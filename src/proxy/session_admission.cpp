@@ -59,7 +59,8 @@ bool cProxy::AdmitByAddress() {
 
 void cProxy::LookUpClientName() {
   try {
-    Receiver.LookUpRemoteHostName([this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); });
+    Receiver.LookUpRemoteHostName([this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
+                                  host_.configuration.ConfirmHostNames);
   } catch (const Error&) {
     // The client is gone already; its name is as good as none.
     ClientNameKnown();

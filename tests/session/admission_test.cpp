@@ -172,6 +172,114 @@ TEST(Admission, LookUpEndsWithItsSession) {
   world.Settle();
 }
 
+// The name is what the owner of the address says; only its own addresses tell whether it is the client's.
+TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
+  const struct {
+    const char* name;
+    std::vector<std::uint32_t> addresses;
+    const char* transcript;
+  } rows[] = {
+      {"mail.good.test", {0x0A000001, kLocalhost}, "S> 220 server ready\nC= 220 server ready"},
+      {"mail.good.test", {0x0A000001}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.good.test", {}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.other.test", {kLocalhost}, "C= 554 Connection from mail.other.test [127.0.0.1] not allowed."},
+      {"mail.other.test", {0x0A000001}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      // No list sees a name that is not the client's.
+      {"mail.white.test", {kLocalhost}, "S> 220 server ready\nC= 220 server ready"},
+      {"mail.white.test", {}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+  };
+  for (const auto& row : rows) {
+    const auto configure = [&](SessionWorld& world) {
+      world.Settings.ConfirmHostNames = true;
+      world.Settings.ValidateRDNS = 1;
+      world.Settings.HostsAllowList = ExpressionList();
+      world.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
+      world.Settings.HostsWhiteList.Add("*.white.test", {.patterns = {"*.white.test"}});
+      world.Names.SetName(kLocalhost, row.name);
+      world.Names.SetAddresses(row.name, row.addresses);
+    };
+    SCOPED_TRACE(std::string(row.name) + " with " + std::to_string(row.addresses.size()));
+    PlayBothWays(configure, row.transcript);
+  }
+}
+
+TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
+  class Greylisting final : public GreylistCheck {
+   public:
+    bool Delays(std::string_view host_name, std::string_view, std::string_view, std::string_view) override {
+      names.emplace_back(host_name);
+      return false;
+    }
+    std::vector<std::string> names;
+  };
+  for (const bool confirm : {false, true}) {
+    for (const bool leads_back : {false, true}) {
+      Greylisting greylisting;
+      SessionWorld world;
+      world.Settings.ConfirmHostNames = confirm;
+      world.Settings.LocalIPs = IPRangeList();
+      world.Settings.GreyListing.Enabled = true;
+      world.Settings.ValidateHELO = 2;
+      world.Greylisting = &greylisting;
+      world.Names.SetName(kLocalhost, "mail.client.test");
+      world.Names.SetAddresses("mail.client.test", {leads_back ? kLocalhost : 0x0A000001});
+      cReplaces replaces;
+      replaces.SetName("NOOP.250");
+      replaces.Add("", "250 {%remotehostname%}", false);
+      world.Settings.ResponseChanges.Add(replaces);
+      const bool named = leads_back || !confirm;
+      const std::string name = named ? "mail.client.test" : "Unknown";
+      // Named so it need not be looked up; without a name HELO's own is, and is another's.
+      EXPECT_EQ(world.Play(std::string(
+                               "S> 220 server ready\nC= 220 server ready\nC> HELO mail.client.test\n") +
+                           (named ? "" :
+                                  R"(
+    C= 550 Domain mail.client.test doesn't correspond to IP address 127.0.0.1.
+    C> HELO [127.0.0.1]
+)") + "S= HELO *\nS> 250 ok\nC= 250 ok\n" +
+                           R"(
+    C> NOOP
+    S= NOOP
+    S> 250 ok
+    C= 250 )" + name + R"(
+    C> MAIL FROM:<a@b.test>
+    S= MAIL FROM:<a@b.test>
+    S> 250 ok
+    C= 250 ok
+    C> RCPT TO:<u@local.test>
+    S= RCPT TO:<u@local.test>
+    S> 250 ok
+    C= 250 ok
+    C> DATA
+    S= DATA
+    S> 354 go on
+    C! text\r\n
+    S= Received: from * ()" +
+                           name + R"( [127.0.0.1]) by proxy.test)"),
+                "");
+      EXPECT_EQ(greylisting.names, std::vector<std::string>{named ? "mail.client.test" : ""});
+      EXPECT_EQ(world.Names.ConfirmedNameRequests(), confirm ? 1U : 0U);
+      EXPECT_EQ(world.Names.NameRequests(), 1U);
+      EXPECT_EQ(world.Names.AddressRequests(), named ? 0U : 2U);
+    }
+  }
+}
+
+TEST(ConfirmedName, ItsLookUpEndsWithItsSession) {
+  for (const std::int32_t checked : {0, 1}) {
+    SessionWorld world;
+    world.Settings.ConfirmHostNames = true;
+    world.Settings.ValidateRDNS = checked;
+    world.Names.HoldAnswers();
+    world.Start();
+    EXPECT_TRUE(world.Until([&] { return world.Names.Waiting() == 1; }));
+    EXPECT_EQ(world.Play("C closes"), "");
+    EXPECT_TRUE(world.Until([&] { return world.Sessions().Count() == 0; }));
+    EXPECT_EQ(world.Names.Waiting(), 0U);
+    EXPECT_EQ(world.Names.Cancelled(), 1U);
+  }
+}
+
 TEST(TimeOut, EndsASessionThatGetsNoServer) {
   PlayBothWays(
       [](SessionWorld& world) {

@@ -1,6 +1,7 @@
 // Host names and addresses whose answers a test sets.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -57,6 +58,8 @@ class FakeNameLookup final : public NameLookup {
   // How often something was asked for, cancelled ones included, and what still waits.
   std::size_t AddressRequests() const { return asked_names_.size(); }
   std::size_t NameRequests() const { return asked_addresses_.size(); }
+  // How many of these asked for confirmed names.
+  std::size_t ConfirmedNameRequests() const { return confirmed_requests_; }
   std::size_t Requests() const { return AddressRequests() + NameRequests(); }
   std::size_t Waiting() const { return waiting_->size(); }
   std::size_t Cancelled() const { return cancelled_; }
@@ -71,6 +74,17 @@ class FakeNameLookup final : public NameLookup {
   LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
     asked_addresses_.push_back(address);
     return Ask([this, address, answer = std::move(answer)] { answer(NameOf(address)); });
+  }
+  // A name is confirmed by what SetAddresses and SetKnownAddress have set for it.
+  LookupId FindConfirmedName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+    asked_addresses_.push_back(address);
+    ++confirmed_requests_;
+    return Ask([this, address, answer = std::move(answer)] {
+      NameAnswer found = NameOf(address);
+      const auto addresses = AddressesOf(found.name).addresses;
+      found.confirmed = std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+      answer(found);
+    });
   }
   void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
 
@@ -125,6 +139,7 @@ class FakeNameLookup final : public NameLookup {
   LookupId last_id_ = 0;
   std::shared_ptr<Waiting_> waiting_ = std::make_shared<Waiting_>();  // posts outlive this object
   std::size_t cancelled_ = 0;
+  std::size_t confirmed_requests_ = 0;
   std::vector<std::string> asked_names_;
   std::vector<std::uint32_t> asked_addresses_;
 };

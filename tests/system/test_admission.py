@@ -121,6 +121,11 @@ class Names(Story):
         self.assertRefusedButOpen(self.connect(proxy.address),
                                   f"554 Connection from {self.name} [127.0.0.1] not allowed.")
 
+    def test_a_name_in_the_machines_own_table_leads_back(self):
+        proxy = self.trabex(self.server.port, {"ConfirmHostNames": 1, "ValidateRDNS": 1, "HostsBlackList": self.name})
+        self.assertRefusedButOpen(self.connect(proxy.address),
+                                  f"554 Connection from {self.name} [127.0.0.1] not allowed.")
+
     def test_white_list(self):
         proxy = self.trabex(self.server.port, {"ValidateRDNS": 1, "HostsAllowList": "x", "HostsBlackList": "*",
                                                "HostsWhiteList": self.name.upper()})

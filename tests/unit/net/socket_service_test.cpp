@@ -180,6 +180,41 @@ TEST_F(RemoteNameTest, ANameThatIsNoPlainHostNameCountsAsNone) {
   }
 }
 
+TEST_F(RemoteNameTest, AConfirmedNameHasThePeersAddress) {
+  struct Row {
+    const char* name;
+    std::vector<std::uint32_t> addresses;
+    bool confirmed;
+  };
+  for (const Row& row :
+       {Row{"client.test", {kLoopback}, true}, Row{"client.test", {1, kLoopback, 2}, true},
+        Row{"client.test", {1, 2}, false}, Row{"client.test", {}, false}, Row{"a b", {kLoopback}, false}}) {
+    for (const bool wanted : {false, true}) {
+      peer.reset();
+      Connection();
+      names.SetName(kLoopback, row.name);
+      names.SetAddresses(row.name, row.addresses);
+      bool done = false;
+      (*accepted)->LookUpRemoteHostName([&] { done = true; }, wanted);
+      EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
+      if ((row.confirmed || !wanted) && std::string_view(row.name) != "a b") {
+        EXPECT_EQ((*accepted)->RemoteHostName(), row.name);
+      } else {
+        ExpectError([&] { (*accepted)->RemoteHostName(); }, 11004, "CSocketMaster.GetRemoteHostName",
+                    "Valid name, no data record of requested type.");
+      }
+    }
+  }
+  EXPECT_EQ(names.NameRequests(), 10U);
+  EXPECT_EQ(names.ConfirmedNameRequests(), 5U);
+  names.SetNameError(kLoopback, 11003);
+  bool done = false;
+  (*accepted)->LookUpRemoteHostName([&] { done = true; }, true);
+  EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
+  ExpectError([&] { (*accepted)->RemoteHostName(); }, 11003, "CSocketMaster.GetRemoteHostName",
+              "This is a nonrecoverable error.");
+}
+
 TEST_F(RemoteNameTest, ASecondRequestReplacesWhoIsTold) {
   Connection();
   names.HoldAnswers();
