@@ -261,26 +261,26 @@ void cProxy::Sender_SendComplete() {
 
 void cProxy::Sender_Error(int number, const std::string& description) {
   LogSender(log_level::kErrors, "Error " + std::to_string(number) + ". " + description);
-  RelayLastLines();
+  RelayLastWords();
   EndWithoutServer();
 }
 
 void cProxy::Sender_CloseSck() {
-  RelayLastLines();
+  RelayLastWords();
   Close();
 }
 
-// What the server said last reaches the client, even if it broke off inside a reply.
-void cProxy::RelayLastLines() {
-  const std::string lines = assembler_.TakeWholeLines();
-  if (lines.empty()) return;
-  LogSender(log_level::kReceived, "< " + lines);
-  SendToClient(lines);
+// What the server said last reaches the client, even if it broke off inside a line or a reply.
+void cProxy::RelayLastWords() {
+  deaf_ = true;  // what the client sent ahead is nobody's any more
+  assembler_.EndLine();
+  RelayReplies();
+  if (stage_ != Stage::kClosed) RelayWholeLines();
 }
 
 // Tells the client that the server is gone, and ends the session.
 void cProxy::EndWithoutServer() {
-  deaf_ = true;  // what the client sent ahead is nobody's any more
+  deaf_ = true;
   ServerDataPending = false;
   SendPolicyReply(ReplyKind::kServerError);
   CloseSender();
@@ -294,22 +294,24 @@ void cProxy::TakeServerData() {
   std::string data;
   Sender.GetData(data);
   assembler_.Append(data);
-  {
-    // The client's next line is taken when all of them are relayed: none may be read as the answer to it.
-    std::optional<Taking> hold;
-    if (!taking_) hold.emplace(taking_);
-    while (stage_ != Stage::kClosed) {
-      const auto reply = assembler_.NextReply();
-      if (!reply) break;
-      RelayReply(*reply);
-    }
-  }
+  RelayReplies();
   if (stage_ == Stage::kClosed) return;
   if (assembler_.TooLong() && !RelayBeginOfReply()) {
     GiveUpServer("Reply too long. Closing connection.");
     return;
   }
   TakeClientData();
+}
+
+void cProxy::RelayReplies() {
+  // The client's next line is taken when all of them are relayed: none may be read as the answer to it.
+  std::optional<Taking> hold;
+  if (!taking_) hold.emplace(taking_);
+  while (stage_ != Stage::kClosed) {
+    const auto reply = assembler_.NextReply();
+    if (!reply) break;
+    RelayReply(*reply);
+  }
 }
 
 void cProxy::RelayReply(std::string_view reply) {
@@ -330,6 +332,11 @@ void cProxy::RelayReply(std::string_view reply) {
 // A reply that is longer than any that is rewritten passes as it comes; what it means is told by its end.
 bool cProxy::RelayBeginOfReply() {
   if (state_.Expected == ReplyExpected::kCommand && state_.Forwarded == Command::kEhlo) return false;
+  return RelayWholeLines();
+}
+
+// Of a reply whose end has not come; false when there are none.
+bool cProxy::RelayWholeLines() {
   const std::string lines = assembler_.TakeWholeLines();
   if (lines.empty()) return false;
   LogSender(log_level::kReceived, "< " + lines);

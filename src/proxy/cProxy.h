@@ -107,9 +107,11 @@ class cProxy final : public Retired, private SessionFacts {
 
   // From the server.
   void TakeServerData();
+  void RelayReplies();
   void RelayReply(std::string_view reply);
+  bool RelayWholeLines();
   bool RelayBeginOfReply();
-  void RelayLastLines();
+  void RelayLastWords();
   void EndWithoutServer();
   void GiveUpServer(std::string_view reason);
 

@@ -25,6 +25,11 @@ std::optional<std::string> ReplyAssembler::NextReply() {
   }
 }
 
+void ReplyAssembler::EndLine() {
+  if (buffer_.empty() || buffer_.ends_with(kCrLf)) return;
+  buffer_.append(buffer_.ends_with('\r') ? kCrLf.substr(1) : kCrLf);
+}
+
 std::string ReplyAssembler::TakeWholeLines() {
   const std::size_t last = buffer_.rfind(kCrLf);
   const std::size_t end = last == std::string::npos ? 0 : last + kCrLf.size();

@@ -21,6 +21,8 @@ class ReplyAssembler {
   std::optional<std::string> NextReply();
   // More than kMaxReplyBytes are there without a complete reply.
   bool TooLong() const { return buffer_.size() > kMaxReplyBytes; }
+  // The server says no more: a last line without its end gets it.
+  void EndLine();
   // Takes the whole lines of a reply whose end has not come; NextReply goes on behind them.
   std::string TakeWholeLines();
 

@@ -45,11 +45,71 @@ TEST(Closing, TheServersLastWordsReachTheClient) {
     closed C)");
 }
 
-TEST(Closing, SoDoWholeLinesOfABrokenReply) {
+// The server closed, or broke off, before its last line had its end.
+TEST(Closing, SoDoLastWordsWithoutTheirLineEnd) {
+  const struct {
+    const char* what;
+    std::string before;
+    const char* said;
+    std::string heard;
+  } kRows[] = {
+      {"in the greeting", "S accepts", "421 not today", "C= 421 not today"},
+      {"in the greeting's code", "S accepts", "42", "C= 42"},
+      {"between two commands", Greeted(), "421 time is up", "C= 421 time is up"},
+      {"instead of a reply", Greeted() + "C> NOOP\nS= NOOP", "421 time is up", "C= 421 time is up"},
+      {"behind a reply", Greeted() + "C> NOOP\nS= NOOP", R"(250 ok\r\n421 up)", "C= 250 ok\nC= 421 up"},
+      {"in a further line of a reply", Greeted(), R"(421-first\r\n421-sec)", "C= 421-first\nC= 421-sec"},
+      {"in the last line of a reply", Greeted(), R"(250-a\r\n250 b)", "C= 250-a\nC= 250 b"},
+      {"inside the line end", Greeted(), R"(421 time is up\r)", "C= 421 time is up"},
+      {"behind a line feed alone", Greeted(), R"(421 up\n)", R"(C= 421 up\n)"},
+      {"with a NUL", Greeted(), R"(421 a\0b)", R"(C= 421 a\0b)"},
+      {"in the content", InContent() + "C> half of\nS= half of", "421 leaving", "C= 421 leaving"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.what);
+    const std::string said = row.before + "\nS! " + row.said;
+    PlayBothWays({}, said + "\nS closes\n" + row.heard + "\nclosed C");
+    // A server that spoke inside the content is gone for the client as soon as that is said.
+    const bool in_content = row.before.starts_with(InContent());
+    PlayBothWays({}, said + "\nwait 0\nS resets\n" + row.heard +
+                         (in_content ? "" : "\nC= 421 proxy.test is temporarily unavailable.") + R"(
+      closed C
+      log S: {*] Error 10054. *)");
+  }
+}
+
+TEST(Closing, LastWordsWithoutTheirLineEndAreLoggedAsOthersAre) {
   PlayBothWays({}, Greeted() + R"(
-    S! 421-first\r\n421-sec
+    S! 421 time is up
     S closes
-    C= 421-first
+    C= 421 time is up
+    closed C
+    log S: {*] < 421 time is up¶
+    log R: {*] > 421 time is up)");
+}
+
+// Only their line end is missing; they are changed as other replies are.
+TEST(Closing, LastWordsWithoutTheirLineEndPassTheFilter) {
+  const auto configure = [](SessionWorld& world) {
+    cReplaces replaces;
+    replaces.SetName("421");
+    replaces.Add("", "421 come again", true);
+    world.Settings.ResponseChanges.Add(replaces);
+  };
+  PlayBothWays(configure, Greeted() + R"(
+    S! 421 server.inside.test is leaving
+    S closes
+    C= 421 come again
+    closed C)");
+  PlayBothWays({}, R"(
+    S> 220 server ready
+    C= 220 server ready
+    C> EHLO client.test
+    S= EHLO client.test
+    S! 250-server\r\n250-STARTTLS\r\n250 8BITM
+    S closes
+    C= 250-server
+    C= 250 8BITM
     closed C)");
 }
 

@@ -44,6 +44,11 @@ class Server(Story):
         proxy = self.front(self.scripted_server(lambda connection: None).port)
         self.assertEqual(self.connect(proxy.address).read_to_end(), b"")
 
+    def test_hangs_up_inside_a_line(self):
+        for said in (b"421 no time", b"220-wait\r\n220 for", b"2"):
+            proxy = self.trabex(self.scripted_server(lambda connection, said=said: connection.send(said)).port)
+            self.assertEqual(self.connect(proxy.address).read_to_end(), said + b"\r\n")
+
     def test_hangs_up_after_a_reply(self):
         """What it has said reaches the client, though the client has sent more that nobody reads any more."""
         def quits(connection, line):

@@ -140,5 +140,35 @@ TEST(ReplyAssembler, WholeLinesOfABrokenReplyCanBeTaken) {
   }
 }
 
+TEST(ReplyAssembler, ALastLineGetsWhatIsMissingOfItsEnd) {
+  const struct {
+    const char* received;
+    std::vector<std::string> replies;
+    const char* rest;
+  } rows[] = {
+      {"", {}, ""},
+      {R"(421 goodbye)", {R"(421 goodbye\r\n)"}, ""},
+      {R"(421 goodbye\r)", {R"(421 goodbye\r\n)"}, ""},
+      {R"(421 goodbye\n)", {R"(421 goodbye\n\r\n)"}, ""},
+      {R"(421 goodbye\r\n)", {R"(421 goodbye\r\n)"}, ""},
+      {R"(4)", {R"(4\r\n)"}, ""},
+      {R"(250 ok\r\n421)", {R"(250 ok\r\n)", R"(421\r\n)"}, ""},
+      {R"(250-a\r\n250 b)", {R"(250-a\r\n250 b\r\n)"}, ""},
+      // A reply that goes on is none yet.
+      {R"(250-a)", {}, R"(250-a\r\n)"},
+      {R"(250-a\r\n)", {}, R"(250-a\r\n)"},
+      {R"(250-a\r\n250-b)", {}, R"(250-a\r\n250-b\r\n)"},
+  };
+  for (const auto& row : rows) {
+    ReplyAssembler assembler;
+    assembler.Append(Unescape(row.received));
+    assembler.EndLine();
+    std::vector<std::string> replies;
+    while (const auto reply = assembler.NextReply()) replies.push_back(Escape(*reply));
+    EXPECT_EQ(replies, row.replies) << row.received;
+    EXPECT_EQ(Escape(assembler.TakeWholeLines()), row.rest) << row.received;
+  }
+}
+
 }  // namespace
 }  // namespace trabex
