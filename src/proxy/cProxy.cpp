@@ -1,5 +1,6 @@
 #include "proxy/cProxy.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -91,13 +92,20 @@ void cProxy::Receiver_Connect() {
 }
 
 void cProxy::Receiver_DataArrival() {
-  if (TimeoutSpan != 0) {
-    LastActivity = host_.clock.Monotonic();
-    // Looked at although it may have to wait: the next arrival is told only after a receive.
-    Receiver.PeekView(kLineRoom);
-  }
+  if (TimeoutSpan != 0 && LineHasCome()) LastActivity = host_.clock.Monotonic();
   ClientDataPending = true;
   TakeClientData();
+}
+
+// Whether the client has completed a line since this was asked last. Looks at it although it may have to
+// wait: the next arrival is told only after a receive.
+bool cProxy::LineHasCome() {
+  const std::string_view there = Receiver.PeekView(kLineRoom);
+  const std::int64_t begin = Receiver.BytesReceived();
+  // The last byte that was there before may be the CR of this line's end.
+  const std::int64_t from = std::clamp<std::int64_t>(looked_to_ - begin - 1, 0, std::ssize(there));
+  looked_to_ = begin + std::ssize(there);
+  return there.find(kCrLf, static_cast<std::size_t>(from)) != std::string_view::npos;
 }
 
 void cProxy::Receiver_SendComplete() {

@@ -12,6 +12,8 @@
 // - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
 //   other one, then the session ends.
 //
+// Up to the server's connection a client that completes no line for Timeout seconds is closed.
+//
 // The filters decide and the session acts: it takes one command line at a time, and the next one when the
 // complete reply to it has gone to the client; it relays message content; it has one send under way per
 // direction, and what comes meanwhile waits in the socket. Everything runs on the loop; a session that has
@@ -50,7 +52,8 @@ class cProxy final : public Retired, private SessionFacts {
   // Takes the connection request of the listener: admission, then the connection to the server. The session
   // is in the collection before; it may have left it when this returns.
   void Init(std::int32_t requestID);
-  // Ends the session when its client was silent for longer than Timeout before the server connection stood.
+  // Ends the session when its client completed no line for longer than Timeout before the server connection
+  // stood.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
@@ -89,6 +92,7 @@ class cProxy final : public Retired, private SessionFacts {
   void Receiver_SendComplete();
   void Receiver_Error(int number, const std::string& description);
   void Receiver_CloseSck();
+  bool LineHasCome();
   void Sender_Connect();
   void Sender_DataArrival();
   void Sender_SendComplete();
@@ -137,6 +141,7 @@ class cProxy final : public Retired, private SessionFacts {
 
   double TimeoutSpan = 0;  // days; 0: no time-out
   MonotonicTime LastActivity{};
+  std::int64_t looked_to_ = 0;  // how far the client's bytes have been looked at for a line's end
   MonotonicTime StartTime{};
   bool ReceiverSending = false;    // a send towards the client is under way
   bool ServerDataPending = false;  // the server's data waits in its socket

@@ -302,6 +302,83 @@ TEST(TimeOut, EndsASessionThatGetsNoServer) {
     log R: {*] Timeout exceeded. Closing connection.)");
 }
 
+// `line` every ten seconds, for so many seconds.
+std::string EveryTenSeconds(const std::string& line, int seconds) {
+  std::string result;
+  for (int passed = 0; passed < seconds; passed += 10) {
+    result.append(line).append("\nwait 10000\ntimeouts are checked\n");
+  }
+  return result;
+}
+
+// The stages of a session in which the time-out counts, each for as long as the test likes.
+const struct {
+  const char* name;
+  void (*configure)(SessionWorld&);
+  const char* begin;
+  const char* answer;  // to a line
+} kTimedStages[] = {
+    {"refused",
+     [](SessionWorld& world) {
+       world.Settings.ValidateRDNS = 1;
+       world.Settings.Timeout = 60;
+       world.Settings.MaxBadSeq = 1000;
+     },
+     "C= 454 Unable to verify DNS PTR record for 127.0.0.1.\n", "C= 503 Bad sequence of commands.\n"},
+    {"its name decides, and is being looked up",
+     [](SessionWorld& world) {
+       world.Settings.ValidateRDNS = 1;
+       world.Settings.Timeout = 60;
+       world.Names.HoldAnswers();
+     },
+     "", ""},
+    {"the server is being connected",
+     [](SessionWorld& world) {
+       world.Settings.ServerIP = "server.test";
+       world.Settings.Timeout = 60;
+       world.Names.HoldAnswers();
+     },
+     "", ""},
+};
+
+constexpr const char* kTimedOut = R"(
+    closed C
+    log R: {*] Timeout exceeded. Closing connection.)";
+
+TEST(TimeOut, BytesThatMakeNoLineDoNotRenewIt) {
+  for (const auto& stage : kTimedStages) {
+    SCOPED_TRACE(stage.name);
+    for (const char* piece : {R"(C! x)", R"(C! \r)", R"(C! \n)"}) {
+      PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(piece, 60) + "C= nothing\n" +
+                                        EveryTenSeconds(piece, 10) + kTimedOut);
+    }
+  }
+}
+
+TEST(TimeOut, ACompleteLineRenewsIt) {
+  for (const auto& stage : kTimedStages) {
+    SCOPED_TRACE(stage.name);
+    const std::string answer = stage.answer;
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C> NOOP\n" + answer, 200) +
+                                      EveryTenSeconds("C= nothing", 60) + kTimedOut);
+    // At the moment that its end comes, and once.
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(R"(C! NOOP\r)", 10) +
+                                      EveryTenSeconds("C= nothing", 40) + "C! \\n\n" + answer +
+                                      EveryTenSeconds("C! x", 60) + "C= nothing\n" +
+                                      EveryTenSeconds("C! x", 10) + kTimedOut);
+  }
+}
+
+TEST(TimeOut, LinesSentAheadRenewItOnce) {
+  for (const auto& stage : kTimedStages) {
+    SCOPED_TRACE(stage.name);
+    const std::string answer = stage.answer;
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C! x", 50) + "C! \\r\\nNOOP\\r\\nNOO\n" +
+                                      answer + answer + EveryTenSeconds("C! x", 60) + "C= nothing\n" +
+                                      EveryTenSeconds("C! x", 10) + kTimedOut);
+  }
+}
+
 TEST(TimeOut, NeverEndsASessionWithAServer) {
   PlayBothWays([](SessionWorld& world) { world.Settings.Timeout = 60; }, R"(
     S> 220 server ready
