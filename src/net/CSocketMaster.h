@@ -117,6 +117,14 @@ class CSocketMaster final : public SocketSink {
 
   // Bytes accepted by SendData and not yet taken by the network.
   std::size_t PendingBytes() const;
+  // How far the bytes of SendData have come since the connection began: grows with each one that the network
+  // takes and again when the peer's system acknowledges it, and with nothing else. Asks the system.
+  std::int64_t SendProgressMade() const;
+  // Bytes that GetData would give. Asks the system.
+  std::size_t UnreadBytes() const;
+  // Whether the peer has ended or broken the connection: UnreadBytes are its last. CloseSck or Error is
+  // raised when they have been read.
+  bool PeerEnded() const;
 
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
 

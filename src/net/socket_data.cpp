@@ -132,6 +132,22 @@ std::size_t CSocketMaster::ReceiveUpTo(std::size_t limit, Take take) {
   return total;
 }
 
+std::int64_t CSocketMaster::SendProgressMade() const {
+  std::size_t under_way = 0;
+  module_.sockets_.Unacknowledged(socket_, under_way);
+  return 2 * bytes_sent_ - static_cast<std::int64_t>(under_way);
+}
+
+std::size_t CSocketMaster::UnreadBytes() const {
+  std::size_t waiting = 0;
+  module_.sockets_.Available(socket_, waiting);
+  return receive_.Size() + waiting;
+}
+
+bool CSocketMaster::PeerEnded() const {
+  return module_.sockets_.PeerEnded(socket_);
+}
+
 std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
   CheckReadable(MaxLen, "CSocketMaster.GetData");
   std::int32_t count = 0;

@@ -120,6 +120,11 @@ class Sockets {
                   Endpoint& from);
   // The bytes that a receive would give (UDP: the size of the next datagram).
   int Available(SocketHandle socket, std::size_t& bytes);
+  // The bytes that sends took and the peer's system has not acknowledged yet (TCP).
+  int Unacknowledged(SocketHandle socket, std::size_t& bytes);
+  // Whether the peer has ended or broken the connection: nothing comes beyond what is there to be received.
+  // FD_CLOSE tells the same only when all of that has been. False also for a stale handle.
+  bool PeerEnded(SocketHandle socket) const;
 
   int LocalEndpoint(SocketHandle socket, Endpoint& local);
   int RemoteEndpoint(SocketHandle socket, Endpoint& remote);

@@ -17,6 +17,10 @@ constexpr std::int32_t kLineRoom = 16384;
 constexpr std::int32_t kContentChunk = 65536;
 // Command lines answered in one turn of the loop, for the same reason.
 constexpr int kLinesPerTurn = 32;
+// So much of what a server says last is taken although the client does not take it.
+constexpr std::size_t kLastWords = 65536;
+
+constexpr std::string_view kSendTimeOut = "Send time-out. Closing connection.";
 
 // The session's identity in decimal, with a place for the sign.
 std::string KeyOf(const cProxy* session) {
@@ -275,7 +279,7 @@ void cProxy::Sender_Error(int number, const std::string& description) {
 
 void cProxy::Sender_CloseSck() {
   RelayLastWords();
-  Close();
+  EndWhenSaid();
 }
 
 // What the server said last reaches the client, even if it broke off inside a line or a reply.
@@ -292,12 +296,29 @@ void cProxy::EndWithoutServer() {
   ServerDataPending = false;
   SendPolicyReply(ReplyKind::kServerError);
   CloseSender();
-  Close();
+  EndWhenSaid();
+}
+
+// Ends the session, at once or when the client has taken what waits for it. The server is not kept for that.
+void cProxy::EndWhenSaid() {
+  if (stage_ == Stage::kClosed) return;
+  if (!ReceiverSending) return Close();
+  CloseAfterSend = true;
+  CloseSender();
 }
 
 void cProxy::TakeServerData() {
   // What comes during a send waits in the socket, so that a client that does not read holds up its server.
-  if (ReceiverSending) return;
+  if (!ReceiverSending) RelayServerData();
+}
+
+// A server that will say no more, and whose last words wait behind a send, need not be kept until the client
+// takes them. Long ones stay in the socket, so that a session holds no more than it should.
+void cProxy::HearServerOut() {
+  if (ServerDataPending && Sender.UnreadBytes() <= kLastWords) RelayServerData();
+}
+
+void cProxy::RelayServerData() {
   ServerDataPending = false;
   std::string data;
   Sender.GetData(data);
@@ -385,10 +406,33 @@ void cProxy::SendPolicyReply(ReplyKind kind) {
 // --- the end
 
 void cProxy::CheckTimeout() {
-  if (stage_ == Stage::kClosed || TimeoutSpan == 0) return;
-  if (Days(host_.clock.Monotonic() - LastActivity) <= TimeoutSpan) return;
+  RunHandler("cProxy.CheckTimeout", [this] {
+    if (EndSilent() || EndStuck()) return;
+    // What is unread hides the end behind it.
+    if (ServerDataPending && Sender.PeerEnded()) HearServerOut();
+  });
+}
+
+bool cProxy::EndSilent() {
+  if (TimeoutSpan == 0 || Days(host_.clock.Monotonic() - LastActivity) <= TimeoutSpan) return false;
   LogReceiver(log_level::kErrors, "Timeout exceeded. Closing connection.");
   Close();
+  return true;
+}
+
+bool cProxy::EndStuck() {
+  const MonotonicTime now = host_.clock.Monotonic();
+  if (receiver_stall_.Look(Receiver, now)) {
+    LogReceiver(log_level::kErrors, kSendTimeOut);
+    Close();
+    return true;
+  }
+  if (!sender_stall_.Look(Sender, now)) return false;
+  LogSender(log_level::kErrors, kSendTimeOut);
+  HearServerOut();
+  RelayLastWords();
+  EndWithoutServer();
+  return true;
 }
 
 void cProxy::Shutdown() {

@@ -10,9 +10,11 @@
 // - connecting: the server is being connected, the client's data waits. It fails: 421 to the client, the end.
 //
 // - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
-//   other one, then the session ends.
+//   other one, then the session ends. When the client has not taken all of it yet, the server's connection
+//   is closed all the same, and the session goes on for the client alone.
 //
-// Up to the server's connection a client that completes no line for Timeout seconds is closed.
+// Up to the server's connection a client that completes no line for Timeout seconds is closed. A send to
+// either side that makes no progress (see SendStall) ends the session at any time.
 //
 // The filters decide and the session acts: it takes one command line at a time, and the next one when the
 // complete reply to it has gone to the client; it relays message content; it has one send under way per
@@ -28,6 +30,7 @@
 
 #include "base/log.h"
 #include "net/CSocketMaster.h"
+#include "net/send_stall.h"
 #include "platform/event_loop.h"
 #include "platform/name_lookup.h"
 #include "proxy/client_command_filter.h"
@@ -52,8 +55,8 @@ class cProxy final : public Retired, private SessionFacts {
   // Takes the connection request of the listener: admission, then the connection to the server. The session
   // is in the collection before; it may have left it when this returns.
   void Init(std::int32_t requestID);
-  // Ends the session when its client completed no line for longer than Timeout before the server connection
-  // stood.
+  // The periodic tick: ends the session when its client completed no line for longer than Timeout before the
+  // server connection stood, or when a send is stuck. Lets a server go that has gone.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
@@ -111,12 +114,15 @@ class cProxy final : public Retired, private SessionFacts {
 
   // From the server.
   void TakeServerData();
+  void RelayServerData();
   void RelayReplies();
   void RelayReply(std::string_view reply);
   bool RelayWholeLines();
   bool RelayBeginOfReply();
+  void HearServerOut();
   void RelayLastWords();
   void EndWithoutServer();
+  void EndWhenSaid();
   void GiveUpServer(std::string_view reason);
 
   // The two exits; the protocol log is written there.
@@ -124,6 +130,9 @@ class cProxy final : public Retired, private SessionFacts {
   void SendToServer(std::string_view text, bool more_follows = false);
   void SendPolicyReply(ReplyKind kind);
 
+  // Whether the session has ended.
+  bool EndSilent();
+  bool EndStuck();
   void CloseSender();
   void CloseReceiver();
   void LogSender(std::int32_t level, std::string_view text);
@@ -162,6 +171,8 @@ class cProxy final : public Retired, private SessionFacts {
   ServerReplyFilter replies_;
   ReplyAssembler assembler_;
   std::unique_ptr<Timer> pause_;
+  SendStall receiver_stall_;
+  SendStall sender_stall_;
 };
 
 template <class Body>

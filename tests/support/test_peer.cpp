@@ -4,11 +4,14 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <limits>
 #include <stdexcept>
 #include <utility>
 
@@ -80,23 +83,40 @@ TestPeer TestPeer::Connect(std::uint16_t port, std::uint32_t from) {
 }
 
 void TestPeer::Poll() {
+  Take(std::numeric_limits<std::size_t>::max());
+}
+
+std::size_t TestPeer::Take(std::size_t most) {
   std::array<char, 65536> room;
-  while (descriptor_ >= 0 && !at_end_) {
-    const ssize_t count = recv(descriptor_, room.data(), room.size(), 0);
+  std::size_t total = 0;
+  while (descriptor_ >= 0 && !at_end_ && total < most) {
+    const ssize_t count = recv(descriptor_, room.data(), std::min(room.size(), most - total), 0);
     if (count > 0) {
       received_.append(room.data(), static_cast<std::size_t>(count));
+      total += static_cast<std::size_t>(count);
     } else if (count == 0) {
       at_end_ = true;
     } else {
       if (errno == ECONNRESET) at_end_ = was_reset_ = true;
-      return;
+      break;
     }
   }
+  return total;
+}
+
+std::size_t TestPeer::Untaken() const {
+  int bytes = 0;
+  return ioctl(descriptor_, FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
 std::size_t TestPeer::Send(std::string_view bytes) {
   const ssize_t count = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   return count > 0 ? static_cast<std::size_t>(count) : 0;
+}
+
+void TestPeer::HoldLittle() {
+  const int bytes = 32768;
+  setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
 }
 
 void TestPeer::ShutDownSending() {

@@ -25,14 +25,20 @@ class TestPeer {
   bool Open() const { return descriptor_ >= 0; }
   // Takes what has come; call it as often as you like.
   void Poll();
+  // The same, but `most` bytes at most; returns how many.
+  std::size_t Take(std::size_t most);
   // What came so far and was not taken yet.
   std::string& Received() { return received_; }
   // The other end has closed, and everything before that is in Received.
   bool AtEnd() const { return at_end_; }
   // The other end has reset the connection.
   bool WasReset() const { return was_reset_; }
+  // Bytes that have come and were not taken, neither by Poll nor by Take.
+  std::size_t Untaken() const;
   // Hands `bytes` to the system as far as it takes them; returns how many.
   std::size_t Send(std::string_view bytes);
+  // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
+  void HoldLittle();
   void ShutDownSending();
   void Close();
   // Closes so that the other end sees a reset.

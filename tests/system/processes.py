@@ -74,7 +74,7 @@ def free_port():
 class SystemSocket:
     """One row of the system's table of IPv4 sockets."""
 
-    ESTABLISHED, LISTEN = "01", "0A"
+    ESTABLISHED, CLOSE_WAIT, LISTEN = "01", "08", "0A"
 
     def __init__(self, row):
         _, local, remote, self.state, queues = row.split()[:5]
@@ -99,6 +99,13 @@ def is_listening(port):
 def connections_to(port):
     """How many established connections the server on the port has."""
     return sum(row.local_port == port and row.state == SystemSocket.ESTABLISHED for row in sockets_of_system())
+
+
+def connections_not_closed(port):
+    """How many connections to the server on the port their clients keep: all of them, and those it has closed."""
+    states = [row.state for row in sockets_of_system() if row.remote_port == port]
+    return (sum(state in (SystemSocket.ESTABLISHED, SystemSocket.CLOSE_WAIT) for state in states),
+            states.count(SystemSocket.CLOSE_WAIT))
 
 
 def queued_bytes(port):

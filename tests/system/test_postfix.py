@@ -4,7 +4,8 @@
 import subprocess
 
 from messages import binary_lines, text_message
-from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, bound, main, without_received
+from trabex_system import (DOMAIN, LOOPBACK, Smtp, Story, bound, connections_not_closed, connections_to, main,
+                           wait_until, without_received)
 
 
 class BehindIsPostfix(Story):
@@ -62,6 +63,60 @@ class BehindIsPostfix(Story):
             client.data(text_message(1))
         (recipient, _), = self.server.wait_for_messages(1)
         self.assertEqual(recipient, f"taken@{DOMAIN}")
+
+
+class HangsUp(Story):
+    """A Postfix that has no patience with idle clients, as every server has some time."""
+
+    CLIENTS = 20
+
+    def held_client(self, proxy):
+        """A client that sends commands, and reads nothing behind the greeting."""
+        client = self.connect(proxy.address, receive_buffer=4096)
+        client.read_reply()
+        return client
+
+    def fill(self, clients):
+        """Until nothing goes any more, neither from the clients nor to them."""
+        line = b"RCPT TO:<" + b"x" * 1000 + b">\r\n"
+        quiet = 0
+        for client in clients:
+            client.socket.setblocking(False)
+        sent = dict.fromkeys(clients, 0)
+
+        def send_on(client):
+            try:
+                while True:
+                    sent[client] += client.socket.send(line[sent[client] % len(line):])
+            except BlockingIOError:
+                return sent[client]
+
+        def all_held():
+            nonlocal quiet
+            before = sum(sent.values())
+            after = sum(send_on(client) for client in clients)
+            quiet = quiet + 1 if before == after else 0
+            return quiet > 20
+
+        wait_until(all_held, "the clients to be held")
+
+    def test_deaf_clients_keep_no_connection(self):
+        server = self.postfix({"smtpd_timeout": f"{bound(5):.0f}s"})
+        proxy = self.trabex(server.port, {"MaxBadSeq": 2147483646, "LogLevelRemote": 9, "LogLevelServer": 9},
+                            sections={"ResponseChanges": {"BadSeq": f"<503 {'x' * 2000}>"}})
+        clients = [self.held_client(proxy) for _ in range(self.CLIENTS)]
+        self.fill(clients)
+        self.assertEqual(connections_not_closed(server.port), (self.CLIENTS, 0))
+        # Postfix tells each of them that its time is up, and closes.
+        wait_until(lambda: connections_to(server.port) == 0, "Postfix to hang up")
+        wait_until(lambda: connections_not_closed(server.port) == (0, 0), "its connections to be closed")
+        # Whoever reads at last gets everything that was said, the last words too.
+        clients[0].socket.settimeout(bound(30))
+        said = clients[0].read_to_end().decode("ascii").split("\r\n")
+        self.assertEqual(set(said[:-2]), {f"503 {'x' * 2000}"})
+        self.assertRegex(said[-2], r"^421 4\.4\.2 server\.example Error: timeout exceeded$")
+        self.assertEqual(said[-1], "")
+        self.assertGreater(len(said), 100)
 
 
 if __name__ == "__main__":

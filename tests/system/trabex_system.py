@@ -32,8 +32,8 @@ from dialogue import (Connection, HungUp, Smtp, connect, describe_difference, re
                       without_received)
 from mail_servers import (Direct, HaProxy, Postfix, SampleServer, ScriptedServer, SmtpSink,  # noqa: F401
                           polite_server)
-from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound, connections_to,  # noqa: F401
-                       free_port, is_listening, keeps_freed_memory, program, queued_bytes, unread_bytes, wait_until)
+from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound,  # noqa: F401
+                       connections_not_closed, connections_to, free_port, is_listening, keeps_freed_memory, program, queued_bytes, unread_bytes, wait_until)
 from terminal import Terminal  # noqa: F401
 from unpacked_servers import Exim, EximClient, OpenSmtpd  # noqa: F401
 

@@ -3,6 +3,7 @@
 
 #include <arpa/inet.h>
 #include <ifaddrs.h>
+#include <linux/sockios.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -256,6 +257,21 @@ int Sockets::Available(SocketHandle socket, std::size_t& bytes) {
   if (ioctl(entry->descriptor, FIONREAD, &count) != 0) return DesignedSocketError(errno);
   bytes = static_cast<std::size_t>(count);
   return 0;
+}
+
+int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
+  bytes = 0;
+  Impl::Entry* const entry = impl_->Find(socket);
+  if (entry == nullptr) return kNotSocket;
+  int count = 0;
+  if (ioctl(entry->descriptor, SIOCOUTQ, &count) != 0) return DesignedSocketError(errno);
+  bytes = static_cast<std::size_t>(count);
+  return 0;
+}
+
+bool Sockets::PeerEnded(SocketHandle socket) const {
+  const Impl::Entry* const entry = impl_->Find(socket);
+  return entry != nullptr && entry->end_seen;
 }
 
 int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {

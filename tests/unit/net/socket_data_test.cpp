@@ -462,5 +462,36 @@ TEST_F(EndTest, CountersBeginAnewAfterCloseSck) {
   EXPECT_EQ(Get(), "");  // nothing of the earlier connection is left
 }
 
+// The end that is hidden behind what the owner has not read.
+TEST_F(EndTest, IsKnownBeforeEverythingHasBeenRead) {
+  Connection();
+  peer->Send("last words");
+  ExpectEvents(*accepted, "DataArrival");
+  EXPECT_FALSE(Ours().PeerEnded());
+  EXPECT_EQ(Ours().UnreadBytes(), 10U);
+  peer->EndSending();
+  ExpectEvents(*accepted, "");
+  EXPECT_TRUE(Ours().PeerEnded());
+  EXPECT_EQ(Peek(4), "last");
+  EXPECT_EQ(Ours().UnreadBytes(), 10U);
+  EXPECT_EQ(Get(), "last words");
+  EXPECT_EQ(Ours().UnreadBytes(), 0U);
+  ExpectEvents(*accepted, "CloseSck");
+  Ours().CloseSck();
+  EXPECT_FALSE(Ours().PeerEnded());
+  EXPECT_EQ(Ours().UnreadBytes(), 0U);
+}
+
+TEST_F(EndTest, AResetIsKnownBeforeEverythingHasBeenRead) {
+  Connection();
+  peer->Send("last words");
+  ExpectEvents(*accepted, "DataArrival");
+  peer->Reset();
+  ExpectEvents(*accepted, "");
+  EXPECT_TRUE(Ours().PeerEnded());
+  EXPECT_EQ(Get(), "last words");
+  ExpectEvents(*accepted, "Error(10054)");
+}
+
 }  // namespace
 }  // namespace trabex

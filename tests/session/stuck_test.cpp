@@ -1,0 +1,326 @@
+// Peers that do not read: what waits for them is bounded in time, and holds nobody else.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+// No system holds this much for a peer that does not read.
+constexpr std::size_t kMost_bytes = std::size_t{64} << 20;
+// Who has read this much shows it: TCP announces free room in portions (RFC 1122, 4.2.3.3).
+constexpr std::size_t kVisible_bytes = std::size_t{256} << 10;
+
+// A session of which one peer does not read. Its ticks are those of the program.
+class StuckSession {
+ public:
+  StuckSession() {
+    world.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
+    cReplaces replaces;
+    replaces.SetName("BadSeq");
+    replaces.Add("", Reply(), true);
+    world.Settings.ResponseChanges.Add(replaces);
+  }
+
+  // The client sends commands and reads no reply, until one waits for it.
+  void HoldClient() {
+    ASSERT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+    client = std::move(world.ClientPeer());  // nobody else reads it now
+    client.HoldLittle();
+    SendCommands();
+  }
+  void SendCommands() {
+    const std::string line = "RCPT " + std::string(1000, 'x') + "\r\n";
+    commands_bytes_ += SendUntilHeld(client, line);
+    // The last one may not have been sent whole.
+    for (std::size_t i = replies.size() / (Reply().size() + 2); i < commands_bytes_ / line.size(); ++i) {
+      replies.append(Reply()).append("\r\n");
+    }
+    ASSERT_LT(Session().BytesSent(), static_cast<std::int64_t>(replies.size()));
+  }
+
+  // The server reads no content, until some waits for it.
+  void HoldServer() {
+    ASSERT_EQ(world.Play(InContent()), "");
+    server = std::move(world.ServerPeer());
+    server.HoldLittle();
+    SendUntilHeld(world.ClientPeer(), std::string(998, 'x') + "\r\n");
+  }
+
+  void Pass(int seconds) {
+    for (int half = 0; half < 2 * seconds; ++half) {
+      world.Time.Advance(Milliseconds(500));
+      world.CheckTimeouts();
+      world.Settle();
+    }
+  }
+
+  // Goes on until the session ends; returns how many seconds `held` had got nothing more by then. The
+  // system may still move a little of what it has, in its own time.
+  int SecondsToTheEnd(const TestPeer& held) {
+    std::size_t there = held.Untaken();
+    int seconds = 0;
+    for (int all = 0; !Ended() && all < 10000; ++all, ++seconds) {
+      Pass(1);
+      if (const std::size_t now = held.Untaken(); now != there) {
+        there = now;
+        seconds = 0;
+      }
+    }
+    EXPECT_TRUE(Ended());
+    return seconds;
+  }
+
+  // `peer` reads enough for everybody to see that it does.
+  void ReadVisibly(TestPeer& peer) {
+    std::size_t taken = 0;
+    EXPECT_TRUE(world.Until([&] { return (taken += peer.Take(kVisible_bytes - taken)) == kVisible_bytes; }));
+  }
+  // What the client gets when it reads to the end.
+  std::string ReadToEnd() {
+    EXPECT_TRUE(world.Until([this] {
+      client.Poll();
+      return client.AtEnd();
+    }));
+    EXPECT_FALSE(client.WasReset());
+    return std::exchange(client.Received(), {});
+  }
+  // The same without the replies to its commands, which must come first, whole, and none left out.
+  std::string ReadBehindReplies() {
+    const std::string got = ReadToEnd();
+    const std::string reply = Reply() + "\r\n";
+    std::size_t at = 0;
+    while (std::string_view(got).substr(at, reply.size()) == reply) at += reply.size();
+    EXPECT_GT(at, kVisible_bytes);
+    return got.substr(at);
+  }
+
+  cProxy& Session() { return world.Sessions().At(0); }
+  bool Ended() { return world.Sessions().Count() == 0; }
+
+  static std::string Reply() { return "503 " + std::string(2000, 'x'); }
+
+  SessionWorld world;
+  TestPeer client;
+  TestPeer server;
+  std::string replies;  // to the commands sent
+
+ private:
+  // Sends `text` again and again until nothing moves any more; returns how many bytes went.
+  std::size_t SendUntilHeld(TestPeer& peer, std::string_view text) {
+    std::size_t sent = 0;
+    for (int tries = 0; tries < 2 && sent < kMost_bytes;) {
+      const std::size_t more = peer.Send(text.substr(sent % text.size()));
+      sent += more;
+      tries = more == 0 ? tries + 1 : 0;
+      if (more == 0) world.Settle();
+    }
+    EXPECT_LT(sent, kMost_bytes);
+    return sent;
+  }
+
+  std::size_t commands_bytes_ = 0;
+};
+
+TEST(Stuck, AClientThatDoesNotReadLosesItsSession) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  EXPECT_GE(stuck.SecondsToTheEnd(stuck.client), 300);
+  EXPECT_EQ(stuck.world.Play("log R: {*] Send time-out. Closing connection.\nclosed S"), "");
+  stuck.Pass(6);
+  EXPECT_EQ(stuck.world.Sockets_().LingeringCount(), 0U);
+}
+
+// Long before a send can go on, the acknowledgements show that the client reads.
+TEST(Stuck, AClientThatReadsSlowlyKeepsItsSession) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  const std::int64_t taken = stuck.Session().BytesSent();
+  int acknowledged_only = 0;
+  for (int step = 0; step < 10; ++step) {
+    stuck.ReadVisibly(stuck.client);
+    stuck.Pass(299);
+    ASSERT_FALSE(stuck.Ended()) << "in step " << step;
+    if (stuck.Session().BytesSent() == taken) ++acknowledged_only;
+  }
+  EXPECT_GT(acknowledged_only, 1);
+  stuck.SecondsToTheEnd(stuck.client);
+}
+
+TEST(Stuck, AServerThatDoesNotReadLosesItsSession) {
+  StuckSession stuck;
+  stuck.HoldServer();
+  EXPECT_GE(stuck.SecondsToTheEnd(stuck.server), 300);
+  EXPECT_EQ(stuck.world.Play(R"(
+    C= 421 proxy.test is temporarily unavailable.
+    closed C
+    log S: {*] Send time-out. Closing connection.)"),
+            "");
+}
+
+TEST(Stuck, AServerThatReadsSlowlyKeepsItsSession) {
+  StuckSession stuck;
+  stuck.HoldServer();
+  const std::int64_t taken = stuck.Session().BytesReceived();
+  int acknowledged_only = 0;
+  for (int step = 0; step < 10; ++step) {
+    stuck.ReadVisibly(stuck.server);
+    stuck.Pass(299);
+    ASSERT_FALSE(stuck.Ended()) << "in step " << step;
+    if (stuck.Session().BytesReceived() == taken) ++acknowledged_only;
+  }
+  EXPECT_GT(acknowledged_only, 1);
+  stuck.SecondsToTheEnd(stuck.server);
+}
+
+// It began to say why, and was stuck with that too.
+TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirst) {
+  StuckSession stuck;
+  stuck.HoldServer();
+  stuck.server.Send("452-no\r\n452 disk fu");
+  stuck.SecondsToTheEnd(stuck.server);
+  EXPECT_EQ(stuck.world.Play(R"(
+    C= 452-no
+    C= 452 disk fu
+    closed C)"),
+            "");
+}
+
+TEST(Stuck, ASessionInWhichNothingWaitsMayBeIdle) {
+  StuckSession stuck;
+  ASSERT_EQ(stuck.world.Play(Greeted()), "");
+  stuck.Pass(1000);
+  EXPECT_EQ(stuck.world.Play("C> NOOP\nS= NOOP"), "");
+  stuck.Pass(1000);
+  EXPECT_EQ(stuck.world.Play("S> 250 ok\nC= 250 ok"), "");
+}
+
+TEST(Stuck, EachSendHasItsOwnTime) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  stuck.Pass(200);
+  EXPECT_TRUE(stuck.world.Until([&] {
+    stuck.client.Poll();
+    return stuck.client.Received().size() >= stuck.replies.size();
+  }));
+  stuck.Pass(200);
+  stuck.SendCommands();
+  EXPECT_GE(stuck.SecondsToTheEnd(stuck.client), 300);
+}
+
+// --- the server goes while the client does not read
+
+TEST(Stuck, AServerThatHangsUpIsLetGo) {
+  for (const std::string_view words : {"421 time is up\r\n", "421 time is up", ""}) {
+    SCOPED_TRACE(words);
+    StuckSession stuck;
+    stuck.HoldClient();
+    stuck.world.ServerPeer().Send(words);
+    stuck.world.ServerPeer().ShutDownSending();
+    stuck.world.Settle();
+    stuck.Pass(1);
+    EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
+    EXPECT_FALSE(stuck.world.ServerPeer().WasReset());
+    // The client may still read, at any time while the rest makes progress.
+    stuck.Pass(250);
+    ASSERT_FALSE(stuck.Ended());
+    stuck.ReadVisibly(stuck.client);
+    stuck.Pass(250);
+    ASSERT_FALSE(stuck.Ended());
+    EXPECT_EQ(stuck.ReadBehindReplies(), words.empty() ? "" : "421 time is up\r\n");
+    EXPECT_TRUE(stuck.Ended());
+  }
+}
+
+TEST(Stuck, AServerThatBreaksOffIsLetGo) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  stuck.world.ServerPeer().Send("421 time is up\r\n421 bye");
+  stuck.world.Settle();
+  stuck.world.ServerPeer().Reset();
+  stuck.world.Settle();
+  stuck.Pass(1);
+  EXPECT_EQ(stuck.world.Play("log S: {*] Disconnected. *"), "");
+  EXPECT_FALSE(stuck.Ended());
+  EXPECT_EQ(stuck.ReadBehindReplies(),
+            "421 time is up\r\n421 bye\r\n421 proxy.test is temporarily unavailable.\r\n");
+  EXPECT_TRUE(stuck.Ended());
+}
+
+// Replies that come while the client does not read are no less filtered than others.
+TEST(Stuck, LastRepliesPassTheFilter) {
+  StuckSession stuck;
+  cReplaces replaces;
+  replaces.SetName("421");
+  replaces.Add("", "421 come again", true);
+  stuck.world.Settings.ResponseChanges.Add(replaces);
+  stuck.HoldClient();
+  stuck.world.ServerPeer().Send("421-server.inside.test\r\n421 is leaving\r\n");
+  stuck.world.ServerPeer().Close();
+  stuck.world.Settle();
+  stuck.Pass(1);
+  EXPECT_EQ(stuck.ReadBehindReplies(), "421 come again\r\n");
+}
+
+// What a session holds for a client that does not read is bounded; the rest stays with the server's socket
+// until the client reads.
+TEST(Stuck, LongLastWordsWaitForTheClient) {
+  std::string words;
+  while (words.size() < 90000) words.append("214-").append(std::string(500, 'w')).append("\r\n");
+  words.append("214 end\r\n");
+  StuckSession stuck;
+  stuck.HoldClient();
+  ASSERT_EQ(stuck.world.ServerPeer().Send(words), words.size());
+  stuck.world.ServerPeer().ShutDownSending();
+  stuck.world.Settle();
+  stuck.Pass(1);
+  EXPECT_FALSE(stuck.world.ServerPeer().AtEnd());
+  // Its next commands may be answered before the end is found behind these words.
+  EXPECT_TRUE(stuck.ReadBehindReplies().starts_with(words));
+  EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
+  EXPECT_TRUE(stuck.Ended());
+}
+
+TEST(Stuck, NobodyWaitsForEverForAClientWhoseServerHasGone) {
+  for (const bool long_words : {false, true}) {
+    SCOPED_TRACE(long_words);
+    StuckSession stuck;
+    stuck.HoldClient();
+    stuck.world.ServerPeer().Send(std::string(long_words ? 90000 : 9, 'w'));
+    stuck.world.ServerPeer().ShutDownSending();
+    EXPECT_GE(stuck.SecondsToTheEnd(stuck.client), 300);
+    EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
+  }
+}
+
+TEST(Stuck, AClientThatBreaksOffBehindItsServerEndsTheSession) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  stuck.world.ServerPeer().Close();
+  stuck.Pass(1);
+  EXPECT_FALSE(stuck.Ended());
+  stuck.client.Reset();
+  stuck.world.Settle();
+  EXPECT_TRUE(stuck.Ended());
+}
+
+TEST(Stuck, ShutDownDoesNotWaitForAClientWhoseServerHasGone) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  stuck.world.ServerPeer().Close();
+  stuck.Pass(1);
+  stuck.world.Shutdown();
+  stuck.world.Settle();
+  EXPECT_TRUE(stuck.Ended());
+}
+
+}  // namespace
+}  // namespace trabex
