@@ -6,7 +6,8 @@
 
 namespace trabex {
 
-// `text` as UTF-8 without control characters: those, and bytes that are no UTF-8, become "\xHH".
+// `text` as UTF-8 of visible characters (base/visible_text.h): the bytes of others, and those that are no
+// UTF-8, become "\xHH".
 std::string Printable(std::string_view text);
 
 }  // namespace trabex

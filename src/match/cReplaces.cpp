@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "base/utf8.h"
 
 namespace trabex {
 
@@ -17,38 +18,13 @@ namespace {
 // gigabytes. No reply comes near it (RFC 5321, 4.5.3.1.5: 512 octets a line).
 constexpr std::size_t kMaxGrowth_bytes = 65536;
 
-bool IsIn(unsigned char byte, unsigned char low, unsigned char high) {
-  return low <= byte && byte <= high;
-}
-
-// The length of the well-formed UTF-8 character that `text` begins with (RFC 3629, section 4), or 1 for any
-// other byte.
-std::size_t CharacterSize(std::string_view text) {
-  const auto byte = [&](std::size_t at) {
-    return at < text.size() ? static_cast<unsigned char>(text[at]) : static_cast<unsigned char>(0);
-  };
-  const auto continues = [&](std::size_t at) { return IsIn(byte(at), 0x80, 0xBF); };
-  const unsigned char lead = byte(0);
-  if (IsIn(lead, 0xC2, 0xDF)) return continues(1) ? 2 : 1;
-  if (IsIn(lead, 0xE0, 0xEF)) {
-    // No overlong forms, no surrogates.
-    const bool second = IsIn(byte(1), lead == 0xE0 ? 0xA0 : 0x80, lead == 0xED ? 0x9F : 0xBF);
-    return second && continues(2) ? 3 : 1;
-  }
-  if (IsIn(lead, 0xF0, 0xF4)) {
-    // No overlong forms, nothing beyond U+10FFFF.
-    const bool second = IsIn(byte(1), lead == 0xF0 ? 0x90 : 0x80, lead == 0xF4 ? 0x8F : 0xBF);
-    return second && continues(2) && continues(3) ? 4 : 1;
-  }
-  return 1;
-}
-
 // `text` with every "¶" as CR LF. The single byte B6 is that sign too, but only where it is no part of
 // another character.
 std::string WithLineBreaks(std::string_view text) {
   std::string result;
   while (!text.empty()) {
-    const std::string_view character = text.substr(0, CharacterSize(text));
+    const std::string_view character =
+        text.substr(0, std::max<std::size_t>(FirstUtf8Character(text).size, 1));
     const bool is_sign = character == "\xC2\xB6" || character == "\xB6";
     result.append(is_sign ? kCrLf : character);
     text.remove_prefix(character.size());

@@ -18,7 +18,8 @@ class ViewContent {
   virtual std::string Version() const = 0;
   virtual std::string Header() const = 0;
   virtual std::size_t RowCount() const = 0;
-  // Row `index` (0 is the first) as it shall be shown; UTF-8, control characters are shown as "?".
+  // Row `index` (0 is the first) as it shall be shown; UTF-8, characters that are not visible
+  // (base/visible_text.h) are shown as "?".
   virtual std::string RowText(std::size_t index) const = 0;
 };
 

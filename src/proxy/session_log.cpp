@@ -1,7 +1,7 @@
 #include "proxy/session_log.h"
 
 #include "base/text.h"
-#include "proxy/control_characters.h"
+#include "base/visible_text.h"
 
 namespace trabex {
 
@@ -24,13 +24,23 @@ void AppendHex(std::string& line, std::string_view bytes) {
   }
 }
 
+// Most of what a peer sends is this.
+bool IsPlain(char c) {
+  return c >= ' ' && c <= '~';
+}
+
 void AppendVisible(std::string& line, std::string_view text) {
   std::size_t from = 0;
   for (std::size_t at = 0; at < text.size();) {
-    const std::string_view rest = text.substr(at);
-    std::size_t size = ControlSize(rest);
-    if (size == 0) {
+    if (IsPlain(text[at])) {
       ++at;
+      continue;
+    }
+    const std::string_view rest = text.substr(at);
+    const TextPiece piece = FirstPiece(rest);
+    std::size_t size = piece.size;
+    if (piece.visible) {
+      at += size;
       continue;
     }
     line.append(text.substr(from, at - from));

@@ -18,8 +18,9 @@ inline constexpr std::int32_t kConnection = 8;
 }  // namespace log_level
 
 // One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" while there is none), text. In `text`
-// every CR LF becomes "¶", so that a multi-line block stays on one line, and every other control character
-// "\xHH", so that no peer forges a line or reaches the terminal of who reads it.
+// every CR LF becomes "¶", so that a multi-line block stays on one line, and each byte of every other
+// character that is not visible (base/visible_text.h) "\xHH", so that no peer forges a line or reaches the
+// terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
                               std::string_view text);
 

@@ -129,11 +129,18 @@ class Hostile(Story):
         client.read_reply()
         client.send(b"EHLO a\x1b[2J\r\nEHLO a\n15/11/26 13:54:24 forged\r\nEHLO a\rb\0c\x7f\r\nNOOP\r\n")
         self.assertEqual([client.read_reply()[:3] for _ in range(4)], ["500", "500", "500", "250"])
+        # A command of a terminal in one byte, a line separator, another direction of writing, a tag.
+        client.send(b"NOOP \x9b2J\r\n" + "NOOP \u2028\u202e\U000e0041\r\n".encode())
+        self.assertEqual([client.read_reply()[:3] for _ in range(2)], ["250", "250"])
+        proxy.wait_for_log("\\x81")
         log = proxy.log()
         self.assertNotRegex(log, r"[\x00-\x09\x0b\x0c\x0e-\x1f\x7f]")
         self.assertNotRegex(log, r"(?<!\r)\n")
         self.assertNotRegex(log, r"\r(?!\n)")
         self.assertIn("< EHLO a\\x1B[2J¶", log)
+        for side, sign in (("R", "<"), ("S", ">")):
+            for shown in ("\\x9B2J", "\\xE2\\x80\\xA8\\xE2\\x80\\xAE\\xF3\\xA0\\x81\\x81"):
+                self.assertRegex(log, f"{side}: .*" + re.escape(f"] {sign} NOOP {shown}¶"))
         self.assertNotRegex(log, r"(?m)^.{17} forged")
 
     def test_secrets(self):

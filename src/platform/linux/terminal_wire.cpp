@@ -5,6 +5,8 @@
 #include <cwctype>
 #include <utility>
 
+#include "base/visible_text.h"
+
 namespace trabex {
 
 namespace {
@@ -87,23 +89,16 @@ std::optional<ViewFrame> FrameReader::TakeLatest() {
 std::wstring PrintableText(std::string_view text, std::size_t columns) {
   std::wstring result;
   std::size_t used = 0;
-  std::mbstate_t state{};
   while (!text.empty()) {
-    wchar_t character = L'?';
-    std::size_t length = std::mbrtowc(&character, text.data(), text.size(), &state);
-    if (length == 0 || length > text.size()) {
-      // A NUL, a byte that begins no character, or one cut off at the end.
-      character = L'?';
-      length = 1;
-      state = {};
-    } else if (std::iswprint(static_cast<std::wint_t>(character)) == 0) {
-      character = L'?';
-    }
+    const TextPiece piece = FirstPiece(text);
+    const bool printable =
+        piece.is_character && piece.visible && std::iswprint(static_cast<std::wint_t>(piece.code)) != 0;
+    const wchar_t character = printable ? static_cast<wchar_t>(piece.code) : L'?';
     const int width = wcwidth(character);
     used += width < 0 ? 0 : static_cast<std::size_t>(width);
     if (used > columns) break;
     result += character;
-    text.remove_prefix(length);
+    text.remove_prefix(piece.size);
   }
   return result;
 }

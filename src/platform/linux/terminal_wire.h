@@ -54,8 +54,8 @@ class FrameReader {
   std::uint32_t taken_ = 0;
 };
 
-// `text` for a terminal of `columns`: bytes that are no UTF-8, and characters that are not printable, as "?";
-// cut where the columns end. Needs a UTF-8 locale.
+// `text` for a terminal of `columns`: bytes that are no UTF-8, and characters that are not visible
+// (base/visible_text.h) or not printable, as "?"; cut where the columns end. Needs a UTF-8 locale.
 std::wstring PrintableText(std::string_view text, std::size_t columns);
 // The columns that `text` takes.
 std::size_t ColumnsOf(const std::wstring& text);

@@ -24,7 +24,9 @@ TEST(Printable, OnlyWhatCanBeShownStays) {
       {"\xFF\xFE", "\\xFF\\xFE"},
       {"\xC2\x9B", "\\xC2\\x9B"},  // a control character above ASCII
       {"\x80\xBF", "\\x80\\xBF"},  // a continuation of nothing
-      {"\xC3", "\\xC3"},           // nothing to continue it
+      {"a\u2028\u202Eb\u061C", "a\\xE2\\x80\\xA8\\xE2\\x80\\xAEb\\xD8\\x9C"},
+      {"\U000E0041", "\\xF3\\xA0\\x81\\x81"},
+      {"\xC3", "\\xC3"},  // nothing to continue it
       {"\xE2\x82", "\\xE2\\x82"},
       {"\xC3(", "\\xC3("},
       {"\xC0\xAF", "\\xC0\\xAF"},  // longer than needed

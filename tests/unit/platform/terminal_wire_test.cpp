@@ -90,6 +90,12 @@ TEST(TerminalWire, TextShowsNoControlCharactersAndEndsWithTheColumns) {
        L"?("},                                     // bytes that are no UTF-8
       {"cut \xE4\xBD", 80, L"cut ??"},             // a character without its end
       {"\xE4\xBD\xA0\xE5\xA5\xBD", 3, L"\u4F60"},  // two columns each
+      {"\x80\x9B\xA0", 80, L"???"},
+      {"a\u2028b\u2029", 80, L"a?b?"},
+      {"\u061C\u200E\u200F\u202A\u202E\u2066\u2069", 80, L"???????"},
+      {"a\U000E0000\U000E0041\U000E007Fb", 80, L"a???b"},
+      {"\u202E\u202Ex", 2, L"??"},
+      {"\u061B\u2027\u2010", 80, L"\u061B\u2027\u2010"},
   };
   for (const Row& row : rows) EXPECT_EQ(PrintableText(row.text, row.columns), row.shown) << row.text;
   EXPECT_EQ(ColumnsOf(PrintableText("a\xE4\xBD\xA0", 80)), 3U);

@@ -53,11 +53,28 @@ TEST(SessionLog, NoByteOfAPeerLeavesTheLine) {
       // Control characters of a terminal that are written with two bytes.
       {R"(\xC2\x9B2J)", R"(\xC2\x9B2J)"},
       {R"(a\xC2\x80\xC2\x85\xC2\x9F)", R"(a\xC2\x80\xC2\x85\xC2\x9F)"},
+      // The same as single bytes, wherever they are part of no character.
+      {R"(a\x80\x85\x9Bb)", R"(a\x80\x85\x9Bb)"},
+      {R"(\x9B)", R"(\x9B)"},
+      {"\xC2\xA0\xA0\x9B", "\xC2\xA0\xA0\\x9B"},
+      {"\xE2\x82", "\xE2\\x82"},
+      {"\xE2\x82x", "\xE2\\x82x"},
+      {"\xC0\x9B", "\xC0\\x9B"},
+      {"\xED\xA0\x80", "\xED\xA0\\x80"},
+      {"\xF4\x90\x80\x80", "\xF4\\x90\\x80\\x80"},
+      {"\xF0\x9F\x93\r\n", "\xF0\\x9F\\x93\u00B6"},
+      // Line ends, directions of writing, tags.
+      {"a\u2028b\u2029c", R"(a\xE2\x80\xA8b\xE2\x80\xA9c)"},
+      {"\u061Ca\u200Eb\u200Fc", R"(\xD8\x9Ca\xE2\x80\x8Eb\xE2\x80\x8Fc)"},
+      {"\u202Aa\u202Eb\u2066c\u2069", R"(\xE2\x80\xAAa\xE2\x80\xAEb\xE2\x81\xA6c\xE2\x81\xA9)"},
+      {"\U000E0000a\U000E0041b\U000E007F", R"(\xF3\xA0\x80\x80a\xF3\xA0\x81\x81b\xF3\xA0\x81\xBF)"},
   };
   for (const auto& row : rows) EXPECT_EQ(Shown(Unescape(row.text)), row.shown) << row.text;
   // What is text stays text.
-  for (const char* text : {"", "plain \\x41", "\xC3\xA4\xC3\xB6\xC3\xBC", "\xC2\xA0\xC2\xB6", "\xE2\x82\xAC",
-                           "\xE2\x80\x9B", "\xC2", "\x9B\xC2"}) {
+  for (const char* text :
+       {"", "plain \\x41", "\xC3\xA4\xC3\xB6\xC3\xBC", "\xC2\xA0\xC2\xB6", "\xE2\x82\xAC", "\xE2\x80\x9B",
+        "\xC2", "\xA0\xC2", "\xFF\xFE", "\u061B\u061D\u200D\u2010\u2027\u202F\u2065\u206A",
+        "\U000DFFFF\U000E0080\U0001F4E7"}) {
     EXPECT_EQ(Shown(text), text);
   }
 }

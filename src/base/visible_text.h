@@ -1,0 +1,25 @@
+// What of a text that somebody else wrote may be shown as it is. A terminal takes some characters for
+// commands, and some make a line look like two, or like another one.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace trabex {
+
+// One character of a text, or one byte that is part of none.
+struct TextPiece {
+  std::size_t size = 1;       // in bytes
+  char32_t code = 0;          // of a character
+  bool is_character = false;  // as UTF-8
+  // Not visible are control characters (below 32, DEL, U+0080 to U+009F, and the bytes 80 to 9F alone, which
+  // terminals take for the same), the line and paragraph separators (U+2028, U+2029), the controls of the
+  // writing direction (U+061C, U+200E, U+200F, U+202A to U+202E, U+2066 to U+2069) and the tag characters
+  // (U+E0000 to U+E007F).
+  bool visible = true;
+};
+
+// What `text` (not empty) begins with.
+TextPiece FirstPiece(std::string_view text);
+
+}  // namespace trabex
