@@ -1,12 +1,13 @@
 #include "app/auto_reload.h"
 
 #include <cmath>
-#include <string_view>
+#include <utility>
 
 #include "app/frmMain.h"
 #include "app/program.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "config/ini_lines.h"
 #include "platform/files.h"
 
 namespace trabex {
@@ -16,7 +17,9 @@ namespace {
 constexpr Milliseconds kPollInterval{1000};
 // Whoever edits the file has this long to save it again before it is read.
 constexpr Milliseconds kDelay{30000};
-// The file's date is not asked for more often.
+// The file's date is not asked for more often, and a file that looked unfinished is looked at again after as
+// long.
+constexpr Milliseconds kBetweenLooks{15000};
 constexpr double kBetweenDateChecks = 15 / kSecondsPerDay;
 
 }  // namespace
@@ -28,8 +31,9 @@ AutoReload::AutoReload(Program& program, frmMain& window)
       tmrAutoReloadDelay(program.loop, kDelay, [this] { tmrAutoReloadDelay_Timer(); }) {}
 
 void AutoReload::Begin() {
-  if (!program_.configuration.AutoReload) return;
+  if (!program_.configuration.AutoReload || watch_) return;
   watch_ = WatchFolderOf(NativePath(program_.ini_file.path));
+  last_date_check_.reset();
   if (watch_) tmrAutoReload.Enable();
 }
 
@@ -39,6 +43,16 @@ void AutoReload::End() {
   tmrAutoReloadDelay.Disable();
 }
 
+void AutoReload::Request() {
+  if (settling_) {
+    requested_ = true;
+    return;
+  }
+  tmrAutoReloadDelay.Disable();
+  unfinished_stamp_.reset();
+  if (std::optional<IniText> ini = TakeFile()) Reload(std::move(*ini));
+}
+
 void AutoReload::tmrAutoReload_Timer() {
   if (!program_.configuration.AutoReload) {
     watch_.reset();
@@ -46,88 +60,107 @@ void AutoReload::tmrAutoReload_Timer() {
     return;
   }
   // Every further change restarts the delay.
-  if (ChangeCheck()) tmrAutoReloadDelay.Enable();
+  if (const std::optional<std::int64_t> stamp = ChangeCheck()) AwaitQuiet(*stamp);
 }
 
-bool AutoReload::ChangeCheck() {
+std::optional<std::int64_t> AutoReload::ChangeCheck() {
   // The first check asks in any case: the file may have changed while the program started.
-  if (last_date_check_ && !watch_->Signalled()) return false;
+  if (last_date_check_ && !watch_->Signalled()) return std::nullopt;
   const DateTime now = program_.surroundings.clock.Now();
   // In either direction, so that a clock that was set back does not put the check off.
-  if (last_date_check_ && std::abs(now - *last_date_check_) <= kBetweenDateChecks) return false;
+  if (last_date_check_ && std::abs(now - *last_date_check_) <= kBetweenDateChecks) return std::nullopt;
   // Armed before the date is read: what is written from here on is signalled anew.
   watch_->Rearm();
   last_date_check_ = now;
   try {
     const std::int64_t stamp =
         FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
-    if (stamp == program_.ini_file.stamp) return false;
+    if (stamp == program_.ini_file.stamp || stamp == refused_stamp_) return std::nullopt;
     // Another file of the folder, a log perhaps, must not put the reload off for as long as it is written to.
-    if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return false;
-    awaited_stamp_ = stamp;
-    return true;
+    if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return std::nullopt;
+    return stamp;
   } catch (const Error&) {
-    return false;  // a file that cannot be asked counts as unchanged
+    return std::nullopt;  // a file that cannot be asked counts as unchanged
   }
+}
+
+void AutoReload::AwaitQuiet(std::int64_t stamp) {
+  awaited_stamp_ = stamp;
+  unfinished_stamp_.reset();
+  tmrAutoReloadDelay.SetInterval(kDelay);
+  tmrAutoReloadDelay.Enable();
 }
 
 void AutoReload::tmrAutoReloadDelay_Timer() {
   tmrAutoReloadDelay.Disable();
-  if (!Reload()) Failed();
+  std::optional<IniText> ini = TakeFile();
+  if (ini && !LooksUnfinished(*ini)) Reload(std::move(*ini));
 }
 
-bool AutoReload::Reload() {
+std::optional<IniText> AutoReload::TakeFile() {
+  const std::string& path = program_.ini_file.path;
+  try {
+    IniText ini = mCommon::TakeIniFile(path);
+    if (mCommon::HasSection(ini.text)) return ini;
+    refused_stamp_ = ini.stamp;
+    throw Error(error_number::kBadFileContent, "AutoReload.TakeFile",
+                "It has no section; the configuration in force stays.");
+  } catch (const Error& error) {
+    mCommon::LogUnreadableIniFile(program_.log, path, error);
+  }
+  unfinished_stamp_.reset();
+  return std::nullopt;
+}
+
+bool AutoReload::LooksUnfinished(const IniText& ini) {
+  const std::optional<std::int64_t> seen = std::exchange(unfinished_stamp_, std::nullopt);
+  if (seen && *seen != ini.stamp) {
+    AwaitQuiet(ini.stamp);
+    return true;
+  }
+  if (seen || LastLineHasEnd(ini.text)) return false;
+  program_.log.LogLine("Initialization file \"" + program_.ini_file.path +
+                       "\" is not read yet because its last line has no line end.");
+  unfinished_stamp_ = awaited_stamp_ = ini.stamp;
+  tmrAutoReloadDelay.SetInterval(kBetweenLooks);
+  tmrAutoReloadDelay.Enable();
+  return true;
+}
+
+void AutoReload::Reload(IniText ini) {
   const Addresses before = InForce();
-  bool changed = false;
-  if (!ReadAgain(before, changed)) return false;
-  if (changed) ActOnAddresses(before);
-  return true;
+  if (!ReadAgain(std::move(ini))) return Failed();
+  settling_ = true;
+  ActOnAddresses(before);
 }
 
-bool AutoReload::ReadAgain(const Addresses& before, bool& changed) {
-  Configuration& configuration = program_.configuration;
-  const bool ignore_errors = configuration.IgnoreIniErrors;
-  const std::int32_t log_level = configuration.Log;
-  switch (program_.ReadEarlyKeys(true)) {
-    case EarlyKeysResult::kUnchanged:
-      return true;
-    case EarlyKeysResult::kFailed:
-      return false;
-    case EarlyKeysResult::kRead:
-      break;
-  }
-  const bool other_port = configuration.BindPort != before.bind_port;
-  if (other_port && !program_.LockInstance()) return false;
-  switch (LoadConfiguration(program_.MakeLoadEnvironment(), configuration, true)) {
-    case LoadResult::kFailed:
-      return false;
-    case LoadResult::kUnchanged:
-      // The file went between the two reads: what was in force stays, the early keys too.
-      configuration.IgnoreIniErrors = ignore_errors;
-      configuration.Log = log_level;
-      configuration.BindPort = before.bind_port;
-      return !other_port || program_.LockInstance();
-    case LoadResult::kLoaded:
-      changed = true;
-  }
-  return true;
+bool AutoReload::ReadAgain(IniText ini) {
+  const std::int32_t port_before = program_.configuration.BindPort;
+  if (program_.ReadEarlyKeysAgain(ini.text) == EarlyKeysResult::kFailed) return false;
+  if (program_.configuration.BindPort != port_before && !program_.LockInstance()) return false;
+  return ReloadConfiguration(program_.MakeLoadEnvironment(), std::move(ini), program_.configuration) ==
+         LoadResult::kLoaded;
 }
 
 void AutoReload::ActOnAddresses(const Addresses& before) {
   const Addresses now = InForce();
-  const auto done = [this](bool succeeded) { succeeded ? Succeeded() : Failed(); };
+  const auto done = [this](bool succeeded) { Settled(succeeded); };
   if (!EqualNoCase(now.bind_ip, before.bind_ip) || now.bind_port != before.bind_port) {
     window_.StartListening(done);
   } else if (now.server_ip != before.server_ip || now.server_port != before.server_port) {
     window_.TestForLoop(done);
   } else {
-    Succeeded();
+    Settled(true);
   }
 }
 
-void AutoReload::Succeeded() {
+void AutoReload::Settled(bool succeeded) {
+  settling_ = false;
+  if (!succeeded) return Failed();
   window_.EnableGreyListingTimer();
   window_.ShowAddresses();
+  Begin();  // it may have been switched on
+  if (std::exchange(requested_, false)) Request();
 }
 
 void AutoReload::Failed() {

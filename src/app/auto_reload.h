@@ -1,5 +1,9 @@
-// The automatic reload: it watches the initialization file and reads it again when it has changed and then
-// stayed as it is for half a minute. Open sessions go on; a setting acts from its next use on.
+// The reload: the initialization file is read again when it has changed and then stayed as it is for half a
+// minute, or when somebody asks for it. Open sessions go on; a setting acts from its next use on.
+//
+// What is in force is better than half a file: one that cannot be read, or that has no section, is left alone
+// (the log says so), and one whose last line has no end, as if its writer were not done, is looked at once
+// more.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +12,7 @@
 #include <string>
 
 #include "base/date_time.h"
+#include "config/ini_reader.h"
 #include "platform/change_watch.h"
 #include "platform/event_loop.h"
 
@@ -28,6 +33,9 @@ class AutoReload {
   void Begin();
   // Ends the watch, and a reload that is due.
   void End();
+  // Reads the file now, whether it has changed or not, and whatever AutoReload says; who asks has finished
+  // writing it. A reload that was due is made with it.
+  void Request();
 
  private:
   // What a reload may change and what then has consequences outside of the configuration.
@@ -40,23 +48,33 @@ class AutoReload {
 
   void tmrAutoReload_Timer();
   void tmrAutoReloadDelay_Timer();
-  // Whether the file has another date than at the last successful read, and not the one that the delay runs
-  // for already. Asked at most every 15 seconds.
-  bool ChangeCheck();
-  // Reads everything again and acts on what has changed; false when that failed, with the reason in the log.
-  bool Reload();
-  bool ReadAgain(const Addresses& before, bool& changed);
+  // The file's date if that is another one than at the last successful read, and not the one that the delay
+  // runs for already, nor that of a file that was refused. Asked at most every 15 seconds.
+  std::optional<std::int64_t> ChangeCheck();
+  // Begins the delay (anew) for the file of this date.
+  void AwaitQuiet(std::int64_t stamp);
+  // The file, or nothing when it cannot be used; the log says why.
+  std::optional<IniText> TakeFile();
+  // Whether the file may not be complete yet; then it is looked at again later.
+  bool LooksUnfinished(const IniText& ini);
+  // Reads everything again and acts on what has changed. Ends the program when that failed, with the reason
+  // in the log.
+  void Reload(IniText ini);
+  bool ReadAgain(IniText ini);
   void ActOnAddresses(const Addresses& before);
-  void Succeeded();
-  // A failed reload ends the program.
+  void Settled(bool succeeded);
   void Failed();
   Addresses InForce() const;
 
   Program& program_;
   frmMain& window_;
   std::unique_ptr<ChangeWatch> watch_;
-  std::optional<DateTime> last_date_check_;  // local time
-  std::int64_t awaited_stamp_ = 0;           // of the file that the delay runs for
+  std::optional<DateTime> last_date_check_;       // local time
+  std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
+  std::optional<std::int64_t> refused_stamp_;     // of a file that was no initialization file
+  std::optional<std::int64_t> unfinished_stamp_;  // of the file that is looked at once more
+  bool settling_ = false;   // the new addresses are being put in force, which may take a look-up
+  bool requested_ = false;  // meanwhile
   Timer tmrAutoReload;
   Timer tmrAutoReloadDelay;
 };

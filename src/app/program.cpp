@@ -33,13 +33,12 @@ Program::~Program() {
   loop.RunOnce(Milliseconds(0));
 }
 
-EarlyKeysResult Program::ReadEarlyKeys(bool reload) {
-  return trabex::ReadEarlyKeys({.ini_path = ini_file.path,
-                                .program_directory = surroundings.program_directory,
-                                .log_path_given = log_path_given,
-                                .port_given = port_given,
-                                .reload = reload},
-                               configuration, log);
+EarlyKeysResult Program::ReadEarlyKeys() {
+  return trabex::ReadEarlyKeys(MakeEarlyKeyInputs(), configuration, log);
+}
+
+EarlyKeysResult Program::ReadEarlyKeysAgain(std::string_view text) {
+  return trabex::ReadEarlyKeysAgain(text, MakeEarlyKeyInputs(), configuration, log);
 }
 
 bool Program::LockInstance() {
@@ -75,6 +74,13 @@ bool Program::SaveGreyListing() {
   const GreyListingSaveResult result = greylisting_hooks.save();
   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;
+}
+
+EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
+  return {.ini_path = ini_file.path,
+          .program_directory = surroundings.program_directory,
+          .log_path_given = log_path_given,
+          .port_given = port_given};
 }
 
 LoadEnvironment Program::MakeLoadEnvironment() {

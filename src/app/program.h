@@ -5,6 +5,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "app/greylisting.h"
 #include "app/log_file.h"
@@ -43,8 +44,10 @@ struct Program {
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
-  // Reads the early keys into the configuration; a failure is logged.
-  EarlyKeysResult ReadEarlyKeys(bool reload);
+  // Reads the early keys into the configuration: from the file, or at a reload from its text. A failure is
+  // logged.
+  EarlyKeysResult ReadEarlyKeys();
+  EarlyKeysResult ReadEarlyKeysAgain(std::string_view text);
   // Takes the lock of the instance that listens on `BindPort`, after giving back the one that is held. False
   // when another instance has it, or the system refuses; the reason is logged.
   bool LockInstance();
@@ -54,7 +57,8 @@ struct Program {
   // to be loaded from it: they go on in memory, as they do when the save has failed (the log says so), or is
   // made in the background because the setting still names the database that they are saved to.
   bool SaveGreyListing();
-  // What a load of the configuration needs of this program.
+  // What the early keys and a load of the configuration need of this program.
+  EarlyKeyInputs MakeEarlyKeyInputs() const;
   LoadEnvironment MakeLoadEnvironment();
 
   Surroundings surroundings;

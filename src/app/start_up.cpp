@@ -30,14 +30,13 @@ class StartUp {
   StartUp& operator=(const StartUp&) = delete;
 
   int Run() {
-    if (program_.ReadEarlyKeys(false) == EarlyKeysResult::kFailed) return Failed();
+    if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return Failed();
     if (line_.exit_request) {
       RequestExit(InstanceName(program_.configuration.BindPort));
       return kOrderlyEnd;
     }
     if (!program_.LockInstance()) return Failed();
-    if (LoadConfiguration(program_.MakeLoadEnvironment(), program_.configuration, false) ==
-        LoadResult::kFailed) {
+    if (LoadConfiguration(program_.MakeLoadEnvironment(), program_.configuration) == LoadResult::kFailed) {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);

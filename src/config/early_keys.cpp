@@ -92,22 +92,24 @@ void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, 
   if (!inputs.port_given) configuration.BindPort = EarlyInteger(errors, texts, kBindPort);
 }
 
-EarlyKeysResult ReadEarlyKeys(const EarlyKeyInputs& inputs, Configuration& configuration, Log& log) {
-  std::string text;
-  try {
-    text = ReadWholeFile(NativePath(inputs.ini_path), "mCommon.ReadEarlyKeys");
-  } catch (const Error& error) {
-    if (inputs.reload) {
-      mCommon::LogUnreadableIniFile(log, inputs.ini_path, error);
-      return EarlyKeysResult::kUnchanged;
-    }
-  }
+EarlyKeysResult ReadEarlyKeysAgain(std::string_view text, const EarlyKeyInputs& inputs,
+                                   Configuration& configuration, Log& log) {
   try {
     ReadEarlyKeysFromText(text, inputs, configuration, log);
   } catch (const Error&) {
     return EarlyKeysResult::kFailed;  // reported where it was found
   }
   return EarlyKeysResult::kRead;
+}
+
+EarlyKeysResult ReadEarlyKeys(const EarlyKeyInputs& inputs, Configuration& configuration, Log& log) {
+  std::string text;
+  try {
+    text = ReadWholeFile(NativePath(inputs.ini_path), "mCommon.ReadEarlyKeys");
+  } catch (const Error&) {
+    // The load of all settings, which comes next, reports it.
+  }
+  return ReadEarlyKeysAgain(text, inputs, configuration, log);
 }
 
 }  // namespace trabex

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/log.h"
 #include "config/configuration.h"
@@ -16,21 +17,23 @@ struct EarlyKeyInputs {
   std::string program_directory;
   bool log_path_given = false;  // "/L": Configuration::LogPath is set already
   bool port_given = false;      // "/P": Configuration::BindPort is set already
-  bool reload = false;
 };
 
 enum class EarlyKeysResult {
   kRead,
-  kUnchanged,  // only at a reload: the file is missing or cannot be read; one line is logged
-  kFailed,     // a bad value, and errors are not ignored; the keys before it have their new values
+  kFailed,  // a bad value, and errors are not ignored; the keys before it have their new values
 };
 
-// Reads the early keys into `configuration`. At a start a file that is missing counts as empty. A folder
+// Reads the early keys from the file into `configuration`; one that is missing counts as empty. A folder
 // given with "/L" forces Log to 1 whatever the file says; LogPath is read only while none is set. Errors are
 // written to `log`; those of IgnoreIniErrors itself are never ignored. Raises none.
 EarlyKeysResult ReadEarlyKeys(const EarlyKeyInputs& inputs, Configuration& configuration, Log& log);
 
-// The same from the file's text. Raises what ReportConfigError raises.
+// The same from the file's text.
+EarlyKeysResult ReadEarlyKeysAgain(std::string_view text, const EarlyKeyInputs& inputs,
+                                   Configuration& configuration, Log& log);
+
+// The same, but raises what ReportConfigError raises.
 void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, Configuration& configuration,
                            Log& log);
 

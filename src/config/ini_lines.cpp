@@ -21,4 +21,8 @@ bool IniLines::Next(std::string_view& line) {
   return true;
 }
 
+bool LastLineHasEnd(std::string_view text) {
+  return text.ends_with('\n') || text.ends_with('\r');
+}
+
 }  // namespace trabex

@@ -23,4 +23,8 @@ class IniLines {
   std::size_t number_ = 0;
 };
 
+// Whether the last line of `text` has its end, as a file that was written to its end has it. An empty text
+// has no last line: false.
+bool LastLineHasEnd(std::string_view text);
+
 }  // namespace trabex

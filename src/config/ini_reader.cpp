@@ -1,5 +1,6 @@
 #include "config/ini_reader.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "base/error.h"
@@ -22,6 +23,15 @@ std::string Quoted(std::string_view text) {
   return "\"" + std::string(text) + "\"";
 }
 
+// Whether a line that begins with "[" is complete as a header; its name is what stands between the brackets.
+bool IsHeader(std::string_view line) {
+  return line.size() >= 2 && line.front() == '[' && line.back() == ']';
+}
+
+std::string_view HeaderName(std::string_view line) {
+  return line.substr(1, line.size() - 2);
+}
+
 // Takes line by line. An Error leaves out the line it is about and nothing else.
 class LineTaker {
  public:
@@ -40,8 +50,8 @@ class LineTaker {
   void TakeHeader(std::string_view line) {
     // First of all, so that the keys below a bad header never get into the section above it.
     section_ = nullptr;
-    if (line.back() != ']') RaiseBadContent("Invalid line: " + Quoted(line) + ".");
-    written_name_ = line.substr(1, line.size() - 2);
+    if (!IsHeader(line)) RaiseBadContent("Invalid line: " + Quoted(line) + ".");
+    written_name_ = HeaderName(line);
     section_ = store_.Find(written_name_);
     if (section_ == nullptr) RaiseBadContent("Invalid section name: " + Quoted(written_name_) + ".");
   }
@@ -93,19 +103,34 @@ void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error) {
               ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description());
 }
 
+IniText TakeIniFile(std::string_view path) {
+  const std::string native_path = NativePath(path);
+  const std::int64_t stamp = FileModificationStamp(native_path, kSource);
+  return {ReadWholeFile(native_path, kSource), stamp};
+}
+
+bool HasSection(std::string_view text) {
+  IniLines lines(text);
+  for (std::string_view line; lines.Next(line);) {
+    if (!IsHeader(line)) continue;
+    const auto is_its_name = [name = HeaderName(line)](std::string_view known) {
+      return EqualNoCase(known, name);
+    };
+    if (std::any_of(kSectionNames.begin(), kSectionNames.end(), is_its_name)) return true;
+  }
+  return false;
+}
+
 IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const IniErrors& errors) {
-  std::int64_t stamp = 0;
-  std::string text;
+  IniText ini;
   try {
-    const std::string native_path = NativePath(file.path);
-    stamp = FileModificationStamp(native_path, kSource);
-    text = ReadWholeFile(native_path, kSource);
+    ini = TakeIniFile(file.path);
   } catch (const Error& error) {
     LogUnreadableIniFile(errors.log, file.path, error);
     return IniReadResult::kUnreadable;
   }
-  if (!ReadIniText(file.path, std::move(text), store, errors)) return IniReadResult::kAbandoned;
-  file.stamp = stamp;
+  if (!ReadIniText(file.path, std::move(ini.text), store, errors)) return IniReadResult::kAbandoned;
+  file.stamp = ini.stamp;
   return IniReadResult::kRead;
 }
 

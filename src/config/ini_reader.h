@@ -19,6 +19,12 @@ struct InitializationFile {
   std::optional<std::int64_t> stamp;
 };
 
+// The file as it was at one moment.
+struct IniText {
+  std::string text;
+  std::int64_t stamp = 0;  // FileModificationStamp
+};
+
 enum class IniReadResult {
   kRead,        // the store is filled; bad lines were left out if errors are ignored
   kUnreadable,  // the file is missing or cannot be read; the store is empty, one line is logged
@@ -27,8 +33,16 @@ enum class IniReadResult {
 
 namespace mCommon {
 
+// The file at `path`. The stamp is taken before the text, so that a change while reading shows later. Raises
+// what ReadWholeFile raises.
+IniText TakeIniFile(std::string_view path);
+
+// Whether `text` has the header of any section that there is. One without is empty, cut off, or no
+// initialization file at all.
+bool HasSection(std::string_view text);
+
 // Fills the empty `store` from the file and, if that succeeds, records its stamp. Errors are written to the
-// log; raises none. The stamp is taken before the text, so that a change while reading shows later.
+// log; raises none.
 IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const IniErrors& errors);
 
 // The same from a text; `path` is for messages. False: abandoned.

@@ -4,6 +4,7 @@
 #include <cassert>
 #include <cmath>
 #include <cstdint>
+#include <utility>
 
 #include "base/date_time.h"
 #include "base/error.h"
@@ -156,6 +157,17 @@ void FollowGreyListing(const LoadEnvironment& environment, const Configuration& 
   Call(configuration.GreyListing.Enabled ? environment.load_greylisting : environment.clear_greylisting);
 }
 
+// False at a bad value, which is reported where it was found.
+bool AssignSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,
+                    Configuration& configuration) {
+  try {
+    ReadSettings(store, errors, environment, configuration);
+    return true;
+  } catch (const Error&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 void ReadSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,
@@ -175,32 +187,43 @@ void ReadSettings(const SectionStore& store, const IniErrors& errors, const Load
   configuration.RecipientReplacementsRemote = replacements(section_name::kRecipientReplacementsRemote);
 }
 
-LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration, bool reload) {
+LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration) {
   const IniErrors errors{environment.log, configuration.IgnoreIniErrors};
-  const bool was_enabled = configuration.GreyListing.Enabled;
-  const std::string database_before = configuration.GreyListing.Database;
   {
     SectionStore store;
     const IniReadResult read = mCommon::ReadIniFile(environment.file, store, errors);
-    if (read == IniReadResult::kUnreadable && reload) return LoadResult::kUnchanged;
     if (read == IniReadResult::kAbandoned || (read == IniReadResult::kUnreadable && !errors.ignore)) {
       FollowGreyListing(environment, configuration);
       return LoadResult::kFailed;
     }
-    try {
-      ReadSettings(store, errors, environment, configuration);
-    } catch (const Error&) {
-      return LoadResult::kFailed;  // reported where it was found
-    }
-  }
-  if (reload) {
-    environment.log.LogLine("Configuration reloaded because date/time of initialization file changed.");
-    if ((configuration.Log & 2) != 0) Call(environment.dump_configuration);
-    const bool saved =
-        !was_enabled || !environment.save_greylisting || environment.save_greylisting(database_before);
-    if (!saved && configuration.GreyListing.Enabled) return LoadResult::kLoaded;
+    if (!AssignSettings(store, errors, environment, configuration)) return LoadResult::kFailed;
   }
   FollowGreyListing(environment, configuration);
+  return LoadResult::kLoaded;
+}
+
+LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini,
+                               Configuration& configuration) {
+  const IniErrors errors{environment.log, configuration.IgnoreIniErrors};
+  const bool was_enabled = configuration.GreyListing.Enabled;
+  const std::string database_before = configuration.GreyListing.Database;
+  const bool other_stamp = environment.file.stamp != ini.stamp;
+  {
+    SectionStore store;
+    if (!mCommon::ReadIniText(environment.file.path, std::move(ini.text), store, errors)) {
+      FollowGreyListing(environment, configuration);
+      return LoadResult::kFailed;
+    }
+    environment.file.stamp = ini.stamp;
+    if (!AssignSettings(store, errors, environment, configuration)) return LoadResult::kFailed;
+  }
+  environment.log.LogLine(other_stamp
+                              ? "Configuration reloaded because date/time of initialization file changed."
+                              : "Configuration reloaded; date/time of initialization file has not changed.");
+  if ((configuration.Log & 2) != 0) Call(environment.dump_configuration);
+  const bool saved =
+      !was_enabled || !environment.save_greylisting || environment.save_greylisting(database_before);
+  if (saved || !configuration.GreyListing.Enabled) FollowGreyListing(environment, configuration);
   return LoadResult::kLoaded;
 }
 

@@ -32,19 +32,21 @@ struct LoadEnvironment {
 
 enum class LoadResult {
   kLoaded,
-  kUnchanged,  // only at a reload: the file is missing or cannot be read; one line is logged, nothing else
-               // done
-  kFailed,     // the log says why
+  kFailed,  // the log says why
 };
 
 // Reads all settings but the early keys, which are in `configuration` already, and assigns them one by one: a
 // load that fails at a bad value leaves the settings before it new and those behind it as they were.
 //
-// Then, at a reload, greylisting data are saved to the database that was in force before, if greylisting was
-// on. Last, also when the file had a syntax error, but not after a bad value, the data are loaded, or
-// forgotten with greylisting off. Data that could not be saved stay as they are while greylisting is on: a
-// load would replace them by older ones.
-LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration, bool reload);
+// Last, also when the file had a syntax error, but not after a bad value, the greylisting data are loaded, or
+// forgotten with greylisting off.
+LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration);
+
+// The same at a reload, from the file as it was taken; one line is logged when the settings are read. Before
+// the greylisting data are loaded they are saved to the database that was in force before, if greylisting was
+// on. Data that could not be saved stay as they are while greylisting is on: a load would replace them by
+// older ones.
+LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini, Configuration& configuration);
 
 // The part that reads the settings. Raises what ReportConfigError raises.
 void ReadSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,

@@ -166,9 +166,9 @@ TEST(EarlyKeys, KeepTheLogFolderAtAReload) {
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kRead);
   EXPECT_FALSE(configuration.IgnoreIniErrors);
 
-  inputs.reload = true;
-  WriteFile(inputs.ini_path, "[Common]\nLogPath=/second\nLog=2\nBindPort=2526\n");
-  EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kRead);
+  EXPECT_EQ(
+      ReadEarlyKeysAgain("[Common]\nLogPath=/second\nLog=2\nBindPort=2526\n", inputs, configuration, log),
+      EarlyKeysResult::kRead);
   EXPECT_EQ(configuration.LogPath, "/first");
   EXPECT_EQ(configuration.Log, 2);
   EXPECT_EQ(configuration.BindPort, 2526);
@@ -184,11 +184,13 @@ TEST(EarlyKeys, OfABadFileFail) {
   RecordedLog log;
   Configuration configuration;
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kFailed);
-  EXPECT_EQ(log.Lines(),
-            (Lines{ConfigErrorLine("Common", "IgnoreIniErrors", 380, "Value is not a number: \"x\".")}));
+  EXPECT_EQ(ReadEarlyKeysAgain("[Common]\nIgnoreIniErrors=x\n", inputs, configuration, log),
+            EarlyKeysResult::kFailed);
+  const std::string line = ConfigErrorLine("Common", "IgnoreIniErrors", 380, "Value is not a number: \"x\".");
+  EXPECT_EQ(log.Lines(), (Lines{line, line}));
 }
 
-TEST(EarlyKeys, OfAMissingFileAreDefaultsAtAStartOnly) {
+TEST(EarlyKeys, OfAMissingFileAreDefaults) {
   TempFolder folder;
   EarlyKeyInputs inputs = Inputs();
   inputs.ini_path = folder / "x.ini";
@@ -198,15 +200,6 @@ TEST(EarlyKeys, OfAMissingFileAreDefaultsAtAStartOnly) {
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kRead);
   EXPECT_EQ(configuration.BindPort, 25);
   EXPECT_EQ(log.Lines(), Lines{});
-
-  inputs.reload = true;
-  configuration.BindPort = 2525;
-  configuration.Log = 2;
-  EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kUnchanged);
-  EXPECT_EQ(configuration.BindPort, 2525);
-  EXPECT_EQ(configuration.Log, 2);
-  EXPECT_EQ(log.Lines(), (Lines{"Error reading initialization file \"" + inputs.ini_path +
-                                "\". Error number: 53, Description: File not found"}));
 }
 
 }  // namespace

@@ -49,5 +49,13 @@ TEST(IniLines, MayHoldAnyByteAndBeOfAnyLength) {
   EXPECT_EQ(LinesOf(long_line + "\n" + long_line), (NumberedLines{{1, long_line}, {2, long_line}}));
 }
 
+TEST(IniLines, LastLineMayHaveNoEnd) {
+  for (const char* text : {"a\n", "a\r\n", "a\r", "\n", "\xEF\xBB\xBF\n"})
+    EXPECT_TRUE(LastLineHasEnd(text)) << text;
+  for (const char* text : {"", "a", "a\nb", "a\n ", "a\r\n\t", "\xEF\xBB\xBF"}) {
+    EXPECT_FALSE(LastLineHasEnd(text)) << text;
+  }
+}
+
 }  // namespace
 }  // namespace trabex

@@ -140,6 +140,40 @@ TEST(ReadIniText, TakesNulBytesAndLongLinesAsText) {
   EXPECT_EQ(read.log.Lines(), (Lines{SyntaxErrorLine(3, "Invalid line: \"" + nul + "\".")}));
 }
 
+TEST(IniText, HasASectionOnlyWithACompleteHeaderOfOneThatThereIs) {
+  struct Row {
+    std::string text;
+    bool has;
+  };
+  const Row rows[] = {
+      {"", false},
+      {"\xEF\xBB\xBF", false},
+      {" \n\r\n\t\r", false},
+      {std::string(4096, '\0'), false},
+      {"; [Common]\n;[Common]\n", false},
+      {"Timeout=60\nBindPort=25\n", false},
+      {"x=[Common]\n", false},
+      {"[", false},
+      {"[]", false},
+      {"[]\n", false},
+      {"[Comm", false},
+      {"[Common", false},
+      {"[Common\nTimeout=60\n", false},
+      {"[Common] x\n", false},
+      {"[Other]\nTimeout=60\n", false},
+      {std::string("[\0C\0o\0m\0", 8), false},
+      {"[Common]", true},
+      {"\xEF\xBB\xBF[Common]\n", true},
+      {"  [cOMMON]  \r\nTimeout=60", true},
+      {"x=1\n; text\n[Other]\n[GreyListing]\n", true},
+      {"[SenderReplacements.Local]\r", true},
+  };
+  for (const Row& row : rows) EXPECT_EQ(mCommon::HasSection(row.text), row.has) << row.text;
+  for (const std::string_view name : kSectionNames) {
+    EXPECT_TRUE(mCommon::HasSection("[" + std::string(name) + "]\n")) << name;
+  }
+}
+
 TEST(ReadIniFile, RecordsWhenTheFileWasChanged) {
   TempFolder folder;
   InitializationFile file{folder / "x.ini", std::nullopt};

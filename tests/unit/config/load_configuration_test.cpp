@@ -151,7 +151,16 @@ TEST(ReadSettings, LeavesALoadThatStopsHalfWayAsItIs) {
 class LoadConfigurationTest : public testing::Test {
  protected:
   LoadResult Load(bool reload = false) {
-    const LoadEnvironment environment{
+    if (!reload) return LoadConfiguration(Environment(), configuration_);
+    IniText ini = mCommon::TakeIniFile(file_.path);
+    ini.stamp += ++reloads_;  // changed since, however fast the test is
+    return Reload(std::move(ini));
+  }
+  LoadResult Reload(IniText ini) {
+    return ReloadConfiguration(Environment(), std::move(ini), configuration_);
+  }
+  LoadEnvironment Environment() {
+    return {
         .file = file_,
         .program_directory = "/opt/trabex",
         .log = log_,
@@ -167,7 +176,6 @@ class LoadConfigurationTest : public testing::Test {
             },
         .load_greylisting = [this] { log_.LogLine("(load " + configuration_.GreyListing.Database + ")"); },
         .clear_greylisting = [this] { log_.LogLine("(clear)"); }};
-    return LoadConfiguration(environment, configuration_, reload);
   }
   void Write(const std::string& text) { WriteFile(file_.path, text); }
   std::string Unreadable() const {
@@ -184,6 +192,7 @@ class LoadConfigurationTest : public testing::Test {
   RecordedLog log_;
   Configuration configuration_;
   int host_error_ = 0;
+  int reloads_ = 0;
   bool can_save_ = true;
 };
 
@@ -301,21 +310,24 @@ TEST_F(LoadConfigurationTest, GoesOnAfterErrorsThatAreIgnored) {
   EXPECT_EQ(configuration_.MaxBadSeq, 3);
 }
 
-TEST_F(LoadConfigurationTest, TakesAMissingFileForNoChangeAtAReload) {
-  Write("[Common]\nTimeout=60\n[GreyListing]\nEnabled=1\n");
-  for (const bool ignore : {false, true}) {
-    configuration_.IgnoreIniErrors = ignore;
-    Write("[Common]\nTimeout=60\n[GreyListing]\nEnabled=1\n");
-    ASSERT_EQ(Load(), LoadResult::kLoaded);
-    log_.Take();
-    const auto stamp = file_.stamp;
-    std::filesystem::remove(file_.path);
-    EXPECT_EQ(Load(true), LoadResult::kUnchanged);
-    EXPECT_EQ(log_.Take(), (Lines{Unreadable()}));
-    EXPECT_EQ(configuration_.Timeout, 60);
-    EXPECT_TRUE(configuration_.GreyListing.Enabled);
-    EXPECT_EQ(file_.stamp, stamp);
-  }
+TEST_F(LoadConfigurationTest, ReloadsTheTextThatItIsGiven) {
+  Write("[Common]\nTimeout=60\n");
+  ASSERT_EQ(Load(), LoadResult::kLoaded);
+  const IniText taken = mCommon::TakeIniFile(file_.path);
+  std::filesystem::remove(file_.path);
+  EXPECT_EQ(Reload({"[Common]\nTimeout=70\n", taken.stamp + 1}), LoadResult::kLoaded);
+  EXPECT_EQ(configuration_.Timeout, 70);
+  EXPECT_EQ(file_.stamp, taken.stamp + 1);
+  EXPECT_EQ(log_.Take(), (Lines{"(clear)", kReloaded, "(clear)"}));
+}
+
+TEST_F(LoadConfigurationTest, DoesNotSayThatAFileChangedWhichDidNot) {
+  Write("[Common]\nTimeout=60\n");
+  ASSERT_EQ(Load(), LoadResult::kLoaded);
+  log_.Take();
+  EXPECT_EQ(Reload(mCommon::TakeIniFile(file_.path)), LoadResult::kLoaded);
+  EXPECT_EQ(log_.Take(),
+            (Lines{"Configuration reloaded; date/time of initialization file has not changed.", "(clear)"}));
 }
 
 TEST_F(LoadConfigurationTest, AsksForTheHostNameOnlyWhenNoneIsSet) {
@@ -342,7 +354,8 @@ TEST_F(LoadConfigurationTest, DoesWithoutHooks) {
   configuration_.GreyListing.Enabled = true;
   const LoadEnvironment environment{
       .file = file_, .program_directory = "/opt/trabex", .log = log_, .local_host_name = [] { return "h"; }};
-  EXPECT_EQ(LoadConfiguration(environment, configuration_, true), LoadResult::kLoaded);
+  EXPECT_EQ(ReloadConfiguration(environment, {"[GreyListing]\nEnabled=1\n", 1}, configuration_),
+            LoadResult::kLoaded);
   EXPECT_EQ(log_.Take(), (Lines{kReloaded}));
 }
 
