@@ -66,8 +66,11 @@ frmMain::~frmMain() {
   Form_Unload();
 }
 
-bool frmMain::Form_Load() {
-  end_request_ = WatchEndRequest(program_.loop, [this] { Form_Unload(); });
+bool frmMain::Form_Load(bool to_be_shown) {
+  view_is_due_ = to_be_shown && WhyNoTerminalView().empty();
+  system_requests_ = WatchSystemRequests(program_.loop, {.end = [this] { Form_Unload(); },
+                                                         .hang_up = [this] { HangUp(); },
+                                                         .reopen_log = [this] { ReopenLog(); }});
   program_.log.LogLine(TitleAndVersion() + " started.");
   if ((program_.configuration.Log & kLogDump) != 0) program_.LogConfiguration();
   if (!WaitForListening()) return false;
@@ -76,6 +79,8 @@ bool frmMain::Form_Load() {
   auto_reload_.Begin();
   EnableGreyListingTimer();
   last_greylisting_save_ = program_.surroundings.clock.UniversalNow();
+  loaded_ = true;
+  if (std::exchange(reload_is_due_, false)) auto_reload_.Request();
   return true;
 }
 
@@ -91,13 +96,22 @@ bool frmMain::WaitForListening() {
 }
 
 void frmMain::Show(bool minimized) {
-  if (unloaded_ || !StandardOutputIsTerminal()) return;
+  if (unloaded_) return;
+  const bool was_due = std::exchange(view_is_due_, false);
+  if (StandardOutputIsTerminal()) OpenView(minimized);
+  // It went in between.
+  if (was_due && !view_ && !StandardOutputIsTerminal()) TerminalGone();
+}
+
+void frmMain::OpenView(bool minimized) {
   std::string why_not = WhyNoTerminalView();
   if (why_not.empty()) {
     try {
-      view_ = OpenTerminalView(
-          program_.loop, *this, minimized,
-          {.closed = [this] { Form_Unload(); }, .folded = {}, .lost = [this] { ViewLost(); }});
+      view_ = OpenTerminalView(program_.loop, *this, minimized,
+                               {.closed = [this] { Form_Unload(); },
+                                .folded = {},
+                                .lost = [this] { ViewLost(); },
+                                .hung_up = [this] { TerminalGone(); }});
       return;
     } catch (const Error& error) {
       why_not = error.Description();
@@ -259,6 +273,25 @@ void frmMain::tmrSaveGreyListing_Timer() {
   const double passed = std::abs(now - last_greylisting_save_);
   if (passed + kRounding < program_.configuration.GreyListing.SaveInterval) return;
   program_.greylisting_hooks.save_in_background([this](DateTime time) { GreyListingSaved(time); });
+}
+
+// The signal that says the same comes now or has come. Not waiting for it here, so that it is not taken for a
+// request of somebody who sees no window.
+void frmMain::TerminalGone() {
+  HangUpIsIgnored() ? ViewLost() : Form_Unload();
+}
+
+void frmMain::HangUp() {
+  if (unloaded_) return;
+  if (view_ || view_is_due_) return Form_Unload();
+  if (loaded_) return auto_reload_.Request();
+  reload_is_due_ = true;
+}
+
+void frmMain::ReopenLog() {
+  if (unloaded_) return;
+  program_.log.Close();
+  program_.log.LogLine("Log file reopened.");
 }
 
 void frmMain::ViewLost() {

@@ -15,8 +15,8 @@
 
 #include "app/auto_reload.h"
 #include "net/CSocketMaster.h"
-#include "platform/end_request.h"
 #include "platform/event_loop.h"
+#include "platform/system_requests.h"
 #include "platform/terminal_view.h"
 #include "proxy/session_collection.h"
 #include "proxy/session_host.h"
@@ -35,8 +35,9 @@ class frmMain final : public ConnectionTable, private ViewContent {
 
   // The duties of a start, in order, the listener among them. False when that could not be started; the
   // reason is logged. Turns the loop while it waits for the look-up of a server's name: the end of the
-  // program may be asked for meanwhile (see Unloaded). Not called from inside the loop.
-  bool Form_Load();
+  // program may be asked for meanwhile (see Unloaded). Not called from inside the loop. `to_be_shown`: Show
+  // comes next.
+  bool Form_Load(bool to_be_shown = false);
   // Puts the view on the terminal, where there is one that can show it; `minimized` folds it.
   void Show(bool minimized);
   // The shut-down, in order; the second call does nothing. May be called in any handler. The loop quits when
@@ -84,7 +85,12 @@ class frmMain final : public ConnectionTable, private ViewContent {
   void tmrStatus_Timer();
   void tmrLog_Timer();
   void tmrSaveGreyListing_Timer();
+  void OpenView(bool minimized);
   void ViewLost();
+  void TerminalGone();
+  // What the system asks for (system_requests.h).
+  void HangUp();
+  void ReopenLog();
 
   Program& program_;
   mutable SessionCollection sessions_;  // its quick access by index notes where it stopped
@@ -93,12 +99,15 @@ class frmMain final : public ConnectionTable, private ViewContent {
   LookupId server_lookup_ = 0;
   std::string status_;
   DateTime last_greylisting_save_ = 0;  // universal
+  bool loaded_ = false;                 // Form_Load is done
   bool unloaded_ = false;
+  bool view_is_due_ = false;    // the terminal can show a view, and Show is still to come
+  bool reload_is_due_ = false;  // at the end of Form_Load
   Timer tmrStatus;
   Timer tmrLog;
   Timer tmrSaveGreyListing;
   AutoReload auto_reload_;
-  std::unique_ptr<EndRequest> end_request_;
+  std::unique_ptr<SystemRequests> system_requests_;
   std::unique_ptr<TerminalView> view_;
 };
 

@@ -40,7 +40,7 @@ class StartUp {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);
-    if (!program_.window->Form_Load() && !program_.window->Unloaded()) return ListenerFailed();
+    if (!program_.window->Form_Load(!line_.hidden) && !program_.window->Unloaded()) return ListenerFailed();
     if (!line_.hidden) program_.window->Show(line_.minimized);
     program_.log.SetObserver({});
     program_.log.CollectOn(&program_.loop);

@@ -37,8 +37,10 @@ class TerminalView {
 struct TerminalViewEvents {
   std::function<void()> closed;             // the user closed the window
   std::function<void(bool folded)> folded;  // the user folded it to the status line, or unfolded it
-  // The terminal or what draws on it has gone; nothing is shown any more.
+  // Nothing is shown any more: what draws has gone, or has left the terminal to somebody else.
   std::function<void()> lost;
+  // Likewise, because the terminal itself has gone (a closed ssh).
+  std::function<void()> hung_up;
 };
 
 // What draws is a process of this same executable. To be called first in main: in that process it draws and

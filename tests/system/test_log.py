@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
 """What the log says of a session, word for word, and what it never says."""
 
+import os
 import re
+import shutil
+import signal
+from pathlib import Path
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, main, polite_server
+from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, main, polite_server, wait_until
 
 # Side, handle, address, text.
 SESSION_LINE = re.compile(r"^([RS]): \{([ \d-]{6})\} \[([ .\w]{15})\] (.*)$")
@@ -120,6 +124,67 @@ class OneSession(Story):
                       if any(level & (server_level if side == "S" else client_level) and text.startswith(beginnings)
                              for level, beginnings in classes.items())]
             self.assertEqual(self.without_counts(self.session_lines(proxy)), wanted, (server_level, client_level))
+
+
+class Moved(Story):
+    """SIGUSR1 lets go of a file that was moved."""
+
+    def open_files(self, proxy):
+        return {os.readlink(file) for file in Path(f"/proc/{proxy.process.pid}/fd").iterdir()}
+
+    def say(self, proxy, client, text):
+        self.assertEqual(client.command(f"NOOP {text}")[:3], "250")
+        wait_until(lambda: f"< NOOP {text}" in proxy.log(), f"the log line with {text}")
+
+    def test_file_is_let_go(self):
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        self.say(proxy, client, "one")
+        file, = proxy.log_folder.iterdir()
+        moved = proxy.folder / "moved.log"
+        file.rename(moved)
+        # It is written to as long as nobody says anything.
+        self.assertEqual(client.command("NOOP two")[:3], "250")
+        wait_until(lambda: b"NOOP two" in moved.read_bytes(), "the line in the moved file")
+        proxy.process.send_signal(signal.SIGUSR1)
+        proxy.wait_for_log("Log file reopened.")
+        self.assertNotIn(str(moved), self.open_files(proxy))
+        old = moved.read_bytes()
+        self.say(proxy, client, "three")
+        self.assertEqual(moved.read_bytes(), old)
+        self.assertEqual(proxy.log_lines()[0], "Log file reopened.")
+        client.close()
+        self.assertEqual(proxy.end(), 0)
+        # Every line is in one of the two.
+        for text in (b"one", b"two", b"three"):
+            self.assertEqual((old + file.read_bytes()).count(b"< NOOP " + text), 1, text)
+
+    def test_folder_has_gone(self):
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        self.say(proxy, client, "one")
+        shutil.rmtree(proxy.log_folder)
+        proxy.process.send_signal(signal.SIGUSR1)
+        proxy.wait_for_log("Log file reopened.")
+        # Not even the folder above it is there: the lines are lost, the mail goes on.
+        shutil.rmtree(proxy.folder)
+        proxy.process.send_signal(signal.SIGUSR1)
+        self.assertEqual(client.command("NOOP")[:3], "250")
+        wait_until(lambda: not any(str(proxy.folder) in name for name in self.open_files(proxy)),
+                   "the deleted file to be let go")
+        proxy.folder.mkdir()
+        self.say(proxy, client, "two")
+
+    def test_without_a_log(self):
+        proxy = self.trabex(self.sample_server().port, {"Log": 0})
+        for _ in range(3):
+            proxy.process.send_signal(signal.SIGUSR1)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        self.assertEqual(client.command("NOOP")[:3], "250")
+        self.assertFalse(proxy.log_folder.exists())
 
 
 class Hostile(Story):

@@ -1,10 +1,12 @@
 #!/usr/bin/env python3
-"""The automatic reload for real: half a minute after the initialization file was saved, and with mail under way."""
+"""The reload for real: half a minute after the initialization file was saved, at once on request, with mail under way."""
 
 import os
+import signal
 import subprocess
 
-from trabex_system import DOMAIN, LOOPBACK, Story, free_port, is_listening, main, run_trabex, without_received
+from trabex_system import (DOMAIN, LOOPBACK, Story, free_port, is_listening, main, run_trabex, wait_until,
+                           without_received)
 
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
 # The delay, two polls, and what a busy machine adds.
@@ -38,7 +40,7 @@ class Reload(Story):
         server = self.sample_server()
         proxies = {way: self.trabex(server.port, {"Timeout": 100, "Log": 2}, start=False)
                    for way in ("in place", "appended", "renamed", "stream editor", "touched", "link's target",
-                               "another port", "bad")}
+                               "another port", "bad", "emptied", "cut")}
         target = self.place.new_folder("target") / "Trabex.ini"
         linked = proxies["link's target"].ini
         linked.rename(target)
@@ -64,6 +66,8 @@ class Reload(Story):
         told = self.connect(proxies["bad"].address)
         self.assertEqual(told.read_reply()[:3], "220")
         proxies["bad"].write_ini(IgnoreIniErrors=0, Timeout="soon")
+        proxies["emptied"].ini.write_text("", encoding="utf-8")
+        proxies["cut"].ini.write_text(text_of("cut").rstrip("\n"), encoding="utf-8")
 
         for way, (key, value) in {"in place": ("Timeout", 200), "appended": ("MaxBadSeq", 3),
                                   "renamed": ("Timeout", 200), "stream editor": ("Timeout", 200),
@@ -85,6 +89,66 @@ class Reload(Story):
             log = proxies["bad"].log()
             self.assertIn("Value is not a number: \"soon\".", log)
             self.assertTrue(log.endswith(" stopped.\r\n"), log[-300:])
+        with self.subTest("emptied"):
+            proxies["emptied"].wait_for_log("It has no section; the configuration in force stays.", 1, SECONDS)
+            self.assertTrue(is_listening(proxies["emptied"].port))
+            self.assertNotIn("reloaded", proxies["emptied"].log())
+        with self.subTest("cut"):
+            proxies["cut"].wait_for_log("is not read yet because its last line has no line end.", 1, SECONDS)
+            proxies["cut"].wait_for_log(RELOADED, 1, SECONDS)
+            self.assertIn("\r\nTimeout = 200\r\n", proxies["cut"].log().split(RELOADED)[1])
+
+
+class OnRequest(Story):
+    """SIGHUP, where no window is shown."""
+
+    def test_at_once_and_without_the_automatic_one(self):
+        proxy = self.trabex(self.sample_server().port, {"AutoReload": 0, "Timeout": 100, "Log": 2})
+        client = self.connect(proxy.address)
+        self.assertEqual(client.read_reply()[:3], "220")
+        proxy.write_ini(Timeout=200)
+        proxy.process.send_signal(signal.SIGHUP)
+        # Far less than the delay of the automatic one, and than the watch takes to notice.
+        proxy.wait_for_log(RELOADED, 1, 5)
+        self.assertIn("\r\nTimeout = 200\r\n", proxy.log().split(RELOADED)[1])
+        self.assertEqual(client.command("NOOP")[:3], "250", "the session goes on")
+        proxy.process.send_signal(signal.SIGHUP)
+        proxy.wait_for_log("Configuration reloaded; date/time of initialization file has not changed.", 1, 5)
+        self.assertEqual(client.command("NOOP")[:3], "250")
+        client.close()
+        self.assertEqual(proxy.end(), 0)
+
+    def test_another_port(self):
+        proxy = self.trabex(self.sample_server().port)
+        old_port, proxy.port = proxy.port, free_port()
+        proxy.write_ini(BindPort=proxy.port)
+        proxy.process.send_signal(signal.SIGHUP)
+        wait_until(lambda: is_listening(proxy.port), "Trabex to listen on the new port", 5)
+        self.assertFalse(is_listening(old_port))
+
+    def test_what_is_no_initialization_file(self):
+        proxy = self.trabex(self.sample_server().port)
+        before = proxy.ini.read_text(encoding="utf-8")
+        for number, text in enumerate(("", "; [Common]\n", "[Comm"), 1):
+            proxy.ini.write_text(text, encoding="utf-8")
+            proxy.process.send_signal(signal.SIGHUP)
+            proxy.wait_for_log("It has no section; the configuration in force stays.", number, 5)
+        self.assertTrue(is_listening(proxy.port))
+        proxy.ini.write_text(before.rstrip("\n"), encoding="utf-8")
+        proxy.process.send_signal(signal.SIGHUP)
+        proxy.wait_for_log(RELOADED, 1, 5)
+        self.assertIn(f"Listen on: {LOOPBACK}:{proxy.port}; ", proxy.log_lines()[-1])
+
+    def test_one_that_fails(self):
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        self.assertEqual(client.read_reply()[:3], "220")
+        proxy.write_ini(IgnoreIniErrors=0, Timeout="soon")
+        proxy.process.send_signal(signal.SIGHUP)
+        self.assertEqual(client.read_reply()[:3], "421")
+        client.close()
+        self.assertEqual(proxy.process.wait(), 1)
+        self.assertTrue(proxy.log().endswith(" stopped.\r\n"))
 
 
 if __name__ == "__main__":

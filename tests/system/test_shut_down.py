@@ -55,13 +55,15 @@ class InSessions(Story):
 class BySignal(Story):
     def test_signals(self):
         server = self.sample_server()
-        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        for number in (signal.SIGTERM, signal.SIGINT, signal.SIGQUIT):
             with self.subTest(number=number):
                 proxy = self.trabex(server.port)
                 client = self.connect(proxy.address)
                 client.read_reply()
-                self.assertEqual(proxy.end(number), 0)
+                proxy.process.send_signal(number)
                 self.assertEqual(client.read_to_end().decode(), GOODBYE + "\r\n")
+                client.close()
+                self.assertEqual(proxy.process.wait(), 0)
                 self.assertEqual(proxy.log_lines()[-1], "Trabex 3.04.012 stopped.")
                 self.assertEqual((proxy.process.stdout(), proxy.process.stderr()), ("", ""))
 
@@ -70,13 +72,53 @@ class BySignal(Story):
         proxy = self.trabex(self.sample_server().port, start=False)
         proxy.wrapper = ["nohup"]
         proxy.start()
+        before = proxy.log()
         proxy.process.send_signal(signal.SIGHUP)
         # It has seen the signal when it answers to something that came later.
         client = self.connect(proxy.address)
         self.assertEqual(client.read_reply()[:3], "220")
         self.assertEqual(client.command("NOOP")[:3], "250")
         self.assertIsNone(proxy.process.status())
+        self.assertTrue(proxy.log().startswith(before))
+        self.assertNotIn("reload", proxy.log(), "neither the end nor a request")
         self.assertEqual(proxy.end(), 0)
+
+    def test_signals_without_meaning(self):
+        """Sent to every process of it, in the middle of a session."""
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        self.assertEqual(client.command("NOOP")[:3], "250")
+        before = proxy.log()
+        for number in (signal.SIGUSR2, signal.SIGALRM, signal.SIGVTALRM, signal.SIGIO, signal.SIGPIPE,
+                       signal.SIGTSTP, signal.SIGTTIN, signal.SIGTTOU):
+            with self.subTest(number=number):
+                os.killpg(proxy.process.pid, number)
+                self.assertEqual(client.command("NOOP")[:3], "250")
+                self.assertIsNone(proxy.process.status())
+        added = proxy.log()[len(before):].splitlines()
+        self.assertTrue(all("NOOP" in line or " 250 " in line for line in added), added)
+        client.close()
+        self.assertEqual(proxy.end(), 0)
+
+    def test_quit_key(self):
+        """Ctrl-\\ reaches every process of it, the one that saves the greylisting records too: none is lost."""
+        database = self.place.folder / "grey.gldb"
+        proxy = self.trabex(self.sample_server().port, {"LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN},
+                            sections={"GreyListing": {"Enabled": 1, "Database": database}})
+        client = self.connect(proxy.address)
+        client.read_reply()
+        for line, code in (("EHLO client.example", "250"), ("MAIL FROM:<s@elsewhere.invalid>", "250"),
+                           (f"RCPT TO:<r@{DOMAIN}>", "451")):
+            self.assertEqual(client.command(line)[:3], code)
+        # The reload saves in the background.
+        proxy.process.send_signal(signal.SIGHUP)
+        proxy.wait_for_log("Configuration reloaded")
+        os.killpg(proxy.process.pid, signal.SIGQUIT)
+        self.assertEqual(client.read_to_end().decode(), GOODBYE + "\r\n")
+        client.close()
+        self.assertEqual(proxy.process.wait(), 0)
+        self.assertIn(b"elsewhere.invalid", database.read_bytes())
 
     def test_twice(self):
         """An impatient second signal changes nothing."""

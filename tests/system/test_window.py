@@ -236,6 +236,44 @@ class Keys(Window):
         os.kill(self.trabex_of(terminal.pid), signal.SIGTERM)
         self.assertRestored(terminal)
 
+    def test_signals_that_end_in_order(self):
+        """Sent to both processes, as to a process group; the one that draws goes with the other one only."""
+        for number in (signal.SIGQUIT, signal.SIGHUP, signal.SIGINT):
+            with self.subTest(number=number):
+                terminal = self.open_in_shell(self.SCRIPT)
+                terminal.wait_for_text(HEADER)
+                trabex = self.trabex_of(terminal.pid)
+                os.kill(self.painter_of(trabex), number)
+                client, = self.clients(1)
+                self.wait_for_rows(terminal, 1)
+                os.kill(trabex, number)
+                self.assertEndsWellFor(client)
+                self.assertRestored(terminal)
+                self.assertEqual(self.proxy.log_lines()[-1], "Trabex 3.04.012 stopped.")
+                self.assertNotIn(GONE, self.proxy.log())
+
+    def test_signals_without_meaning(self):
+        terminal = self.open()
+        terminal.wait_for_text(HEADER)
+        painter = self.painter_of(terminal.pid)
+        for number in (signal.SIGUSR2, signal.SIGALRM, signal.SIGVTALRM, signal.SIGIO, signal.SIGPIPE, signal.SIGUSR1):
+            os.killpg(terminal.pid, number)
+        self.proxy.wait_for_log("Log file reopened.")
+        self.clients(1)
+        self.wait_for_rows(terminal, 1)
+        self.assertTrue(is_alive(painter))
+        self.assertNotIn("reloaded", self.proxy.log())
+        self.assertNotIn(GONE, self.proxy.log())
+
+    def test_hang_up_without_a_window(self):
+        """Is a request: nobody has lost anything."""
+        terminal = self.open("/HI")
+        os.kill(terminal.pid, signal.SIGHUP)
+        self.proxy.wait_for_log("Configuration reloaded")
+        self.assertServes()
+        os.kill(terminal.pid, signal.SIGQUIT)
+        self.assertEqual(terminal.wait(), 0)
+
     def test_killed(self):
         """Nobody is left to restore the terminal but the process that draws."""
         # What a shell writes at once may still go to the full screen.
@@ -412,6 +450,24 @@ class DeafTerminal(Window):
         self.assertEqual(client.read_to_end()[:3], b"421")
         client.close()
         self.assertEqual(terminal.wait(), 0)
+
+    def test_hang_up_under_a_shell(self):
+        """The system tells the shell only. One that waits for its command passes nothing on: the window notices."""
+        for script in ('"$@"; exit', 'trap : HUP; "$@"; exit'):
+            with self.subTest(script):
+                terminal = BareTerminal(self.place, ["sh", "-c", script, "sh", *self.proxy.command()])
+                trabex = wait_until(lambda shell=terminal: children(shell.pid), "the shell's child")[0]
+                terminal.read_until("Handle")
+                client, = self.clients(1)
+                terminal.hang_up()
+                self.assertEqual(client.read_to_end()[:3], b"421")
+                client.close()
+                wait_until(lambda process=trabex: not is_alive(process), "Trabex to end")
+                terminal.wait()
+                log = self.proxy.log()
+                self.assertNotIn(GONE, log)
+                self.assertNotIn("reloaded", log)
+                self.assertEqual(self.proxy.log_lines()[-1], "Trabex 3.04.012 stopped.")
 
     def test_hang_up_may_be_ignored(self):
         terminal = self.open_bare(ignore_hang_up=True)

@@ -5,7 +5,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <initializer_list>
+
+#include "platform/linux/signals.h"
 
 namespace trabex {
 
@@ -15,13 +16,10 @@ void PrepareProcess() {
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = dup(descriptor);
   if (descriptor >= 0) close(descriptor);
 
-  // A terminal must not stop the service, whether a window is shown on it or not.
-  for (const int number : {SIGTSTP, SIGTTIN, SIGTTOU}) signal(number, SIG_IGN);
-
-  sigset_t signals;
-  sigemptyset(&signals);
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) sigaddset(&signals, number);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  for (const int number : kStopSignals) signal(number, SIG_IGN);
+  for (const int number : kSignalsWithoutMeaning) signal(number, SIG_IGN);
+  const sigset_t waiting = RequestSignals();
+  pthread_sigmask(SIG_BLOCK, &waiting, nullptr);
 }
 
 }  // namespace trabex

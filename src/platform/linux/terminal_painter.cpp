@@ -20,11 +20,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "platform/linux/signals.h"
 #include "platform/linux/terminal_state.h"
 #include "platform/linux/terminal_wire.h"
 #include "platform/terminal_view.h"
@@ -203,14 +203,14 @@ class Painter {
   bool any_key_ = false;
 };
 
-// The signals that end or stop a program reach this one too, since it shares the terminal with its parent. It
-// leaves them to the parent and ends with it: so the terminal is restored in every case.
+// The signals that end or stop a program reach this one too, since it shares terminal and process group with
+// its parent. It leaves them to the parent and ends with it: so the terminal is restored in every case.
 void SetSignals() {
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGTTIN, SIGTTOU, SIGPIPE}) {
-    sigaction(number, &action, nullptr);
-  }
+  for (const int number : kRequestSignals) sigaction(number, &action, nullptr);
+  for (const int number : kSignalsWithoutMeaning) sigaction(number, &action, nullptr);
+  for (const int number : kStopSignals) sigaction(number, &action, nullptr);
   action.sa_handler = SIG_DFL;
   sigaction(SIGWINCH, &action, nullptr);  // ncurses takes it over
   sigset_t blocked;

@@ -89,6 +89,11 @@ bool TerminalState::IsDrawing() const {
   return tcgetattr(terminal_, &now) == 0 && SameModes(now, *drawing_modes_);
 }
 
+bool TerminalState::HungUp() const {
+  termios now{};
+  return tcgetattr(terminal_, &now) != 0;
+}
+
 void TerminalState::Restore() const {
   if (IsDrawing()) tcsetattr(terminal_, TCSANOW, &modes_);
   // What the terminal does not take at once it would not take later either.

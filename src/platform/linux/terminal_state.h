@@ -25,6 +25,8 @@ class TerminalState {
   // Whether the modes are still those. Others are somebody else's: of a shell that has taken the terminal
   // back.
   bool IsDrawing() const;
+  // Whether the terminal itself has gone: its line was hung up.
+  bool HungUp() const;
   // Leaves the full screen and puts back the modes, unless they are somebody else's.
   void Restore() const;
 

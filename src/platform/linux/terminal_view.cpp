@@ -174,10 +174,11 @@ class LinuxTerminalView final : public TerminalView {
   void TellEvents(const PainterReport& before, bool alive) {
     const TerminalViewEvents events = events_;
     const PainterReport now = report_;
+    const auto gone = terminal_.HungUp() ? events.hung_up : events.lost;
     const std::weak_ptr<char> still_here = here_;
     if (now.folded != before.folded && events.folded) events.folded(now.folded != 0);
     if (now.closed != before.closed && events.closed && !still_here.expired()) events.closed();
-    if (!alive && events.lost && !still_here.expired()) events.lost();
+    if (!alive && gone && !still_here.expired()) gone();
   }
 
   void SendFrame() {

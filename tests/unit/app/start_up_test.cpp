@@ -8,6 +8,7 @@
 #include <signal.h>
 
 #include <filesystem>
+#include <initializer_list>
 #include <memory>
 #include <sstream>
 #include <string>
@@ -30,22 +31,22 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// A SIGTERM that waits for whoever takes end requests.
-class WaitingEndRequest {
+// Signals that wait for whoever takes them.
+class WaitingSignals {
  public:
-  WaitingEndRequest() {
+  explicit WaitingSignals(std::initializer_list<int> numbers) {
     sigemptyset(&signals_);
-    sigaddset(&signals_, SIGTERM);
+    for (const int number : numbers) sigaddset(&signals_, number);
     pthread_sigmask(SIG_BLOCK, &signals_, &before_);
-    raise(SIGTERM);
+    for (const int number : numbers) raise(number);
   }
-  ~WaitingEndRequest() {
+  ~WaitingSignals() {
     const timespec at_once{};
-    sigtimedwait(&signals_, nullptr, &at_once);
+    while (sigtimedwait(&signals_, nullptr, &at_once) > 0) continue;
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
   }
-  WaitingEndRequest(const WaitingEndRequest&) = delete;
-  WaitingEndRequest& operator=(const WaitingEndRequest&) = delete;
+  WaitingSignals(const WaitingSignals&) = delete;
+  WaitingSignals& operator=(const WaitingSignals&) = delete;
 
  private:
   sigset_t signals_{};
@@ -74,7 +75,7 @@ class StartUpTest : public testing::Test {
   }
   // A run that starts, serves and is asked to end.
   int RunAndEnd(const std::vector<std::string_view>& arguments) {
-    const WaitingEndRequest end;
+    const WaitingSignals end({SIGTERM});
     return Run(arguments);
   }
 
@@ -135,6 +136,17 @@ TEST_F(StartUpTest, OrderlyRun) {
   EXPECT_THAT(LogLines(), ElementsAre(kStarted, ListenLine(), kStopped));
   EXPECT_EQ(out_.str() + err_.str(), "");
   EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+}
+
+TEST_F(StartUpTest, SignalsOfBeforeTheStartCount) {
+  WriteIni("");
+  for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
+    const WaitingSignals end({SIGUSR1, number});
+    EXPECT_EQ(Run({"/HI", "/L", folder_ / std::to_string(number)}), 0) << number;
+    EXPECT_THAT(LogLines(std::to_string(number)),
+                ElementsAre(kStarted, ListenLine(), "Log file reopened.", kStopped))
+        << number;
+  }
 }
 
 TEST_F(StartUpTest, PortOfTheCommandLineWins) {

@@ -43,9 +43,9 @@ TEST(Process, OpenStandardStreamsStayAsTheyAre) {
   EXPECT_EQ(child.Wait(), 0);
 }
 
-TEST(Process, SignalsThatAskForTheEndWait) {
+TEST(Process, SignalsThatAskForSomethingWait) {
   const DefaultHangUp hang_up;
-  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+  for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1}) {
     ChildProcess child([number] {
       PrepareProcess();
       raise(number);
@@ -54,6 +54,19 @@ TEST(Process, SignalsThatAskForTheEndWait) {
       return sigismember(&waiting, number) == 1 ? 0 : 1;
     });
     EXPECT_EQ(child.Wait(), 0) << number;
+  }
+}
+
+TEST(Process, SignalsWithoutMeaningDoNothing) {
+  for (const int number : {SIGUSR2, SIGALRM, SIGVTALRM, SIGIO, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) {
+    ChildProcess child([number] {
+      PrepareProcess();
+      raise(number);
+      sigset_t waiting;
+      sigpending(&waiting);
+      return sigismember(&waiting, number) == 0 ? 7 : 1;
+    });
+    EXPECT_EQ(child.Wait(), 7) << number;
   }
 }
 

@@ -1,0 +1,26 @@
+// The signals of this program, each kind in one place.
+#pragma once
+
+#include <signal.h>
+
+#include <array>
+
+namespace trabex {
+
+// They ask the program for something, and wait until it has time for them (system_requests.h).
+inline constexpr std::array kRequestSignals = {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1};
+
+// They mean nothing here, but by default end a process on the spot.
+inline constexpr std::array kSignalsWithoutMeaning = {SIGUSR2, SIGALRM, SIGVTALRM, SIGIO, SIGPIPE};
+
+// A terminal must not stop the program with them: that would stop the mail.
+inline constexpr std::array kStopSignals = {SIGTSTP, SIGTTIN, SIGTTOU};
+
+inline sigset_t RequestSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int number : kRequestSignals) sigaddset(&signals, number);
+  return signals;
+}
+
+}  // namespace trabex
