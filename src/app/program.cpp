@@ -51,10 +51,15 @@ bool Program::LockInstance() {
     log.LogError(error);
     return false;
   }
-  if (!instance_lock) {
+  if (instance_lock) return true;
+  if (const auto user = OtherUserHolding(InstanceName(configuration.BindPort))) {
+    log.LogLine(
+        "A process of another user (" + *user +
+        ") holds the name of the instance listening on the same port; no instance of our own user runs.");
+  } else {
     log.LogLine("The instance of this application listening on the same port already running.");
   }
-  return instance_lock != nullptr;
+  return false;
 }
 
 void Program::LogConfiguration() {

@@ -3,6 +3,8 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
 #include <string_view>
 
 #include "platform/event_loop.h"
@@ -21,6 +23,11 @@ class InstanceLock {
 // dropped. Raises 57 "Device I/O error" when the system refuses for another reason.
 std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
                                               std::function<void()> exit_requested);
+
+// Who keeps us from the lock named `name`, when that is not our own user: the name of the user whose process
+// holds it, or "uid <number>". Anybody can take the name first, so that is no instance of ours. Nothing when
+// our own user holds it, nobody does, or the system does not tell.
+std::optional<std::string> OtherUserHolding(std::string_view name);
 
 // Asks the instance named `name` to end; returns whether there is one that could be asked. Does not wait for
 // it.

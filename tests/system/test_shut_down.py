@@ -3,6 +3,7 @@
 
 import os
 import signal
+import socket
 
 from trabex_system import (DOMAIN, Process, Story, connections_to, is_listening, main, run_trabex, wait_until)
 
@@ -183,6 +184,37 @@ class Instances(Story):
         request = Process(self.place, "request", ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                                                   copy, "/X", "/P", proxy.port])
         self.assertEqual(request.wait(), 0)
+        self.assertAlive(proxy)
+
+    def test_name_taken_by_another_user(self):
+        """Anybody can take it; that is no instance of ours, and the start says so."""
+        if os.geteuid() != 0:
+            self.skipTest("needs root to become somebody else")
+        proxy = self.trabex(self.server.port, start=False)
+        script = ("import signal, socket, sys; taken = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM); "
+                  "taken.bind(chr(0) + sys.argv[1]); print('taken', flush=True); signal.pause()")
+        name = f"5B0E7C19D4A24F36A1F863D20C97BE48{proxy.port}"
+        for user, told in ((65534, "nobody"), (54321, "uid 54321")):
+            with self.subTest(user=user):
+                stranger = Process(self.place, "stranger", ["setpriv", f"--reuid={user}", f"--regid={user}",
+                                                            "--clear-groups", "/usr/bin/python3", "-c", script, name])
+                self.place.on_leaving(stranger.end)
+                wait_until(lambda process=stranger: "taken" in process.stdout(), "the name to be taken")
+                message = (f"A process of another user ({told}) holds the name of the instance listening on the same "
+                           "port; no instance of our own user runs.")
+                self.assertEqual(run_trabex("/I", proxy.ini, "/HI"), (1, "", f"Trabex: {message}\n"))
+                self.assertEqual(proxy.log_lines()[-1], message)
+                # It never reads; when the system keeps no more for it, a request holds nobody up.
+                with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender, \
+                        self.assertRaises(BlockingIOError):
+                    sender.setblocking(False)
+                    while True:
+                        sender.sendto(b"exit", f"\0{name}")
+                self.assertEqual(run_trabex("/X", "/P", proxy.port), (0, "", ""))
+                self.assertIsNone(stranger.status())
+                stranger.send_signal(signal.SIGKILL)
+                stranger.wait()
+        proxy.start()
         self.assertAlive(proxy)
 
     def test_the_port_is_free_again_at_once(self):

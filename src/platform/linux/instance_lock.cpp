@@ -2,6 +2,7 @@
 // the process is gone, and nothing is left in a file system. A message on it is the exit request.
 #include "platform/instance_lock.h"
 
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,10 +14,12 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "base/error.h"
 #include "platform/foreign_watch.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/unix_socket_table.h"
 
 namespace trabex {
 
@@ -85,6 +88,16 @@ bool ReceiveMessage(int socket, Message& message) {
   return true;
 }
 
+std::string UserName(uid_t number) {
+  std::vector<char> room(1024);
+  passwd entry{};
+  passwd* found = nullptr;
+  while (getpwuid_r(number, &entry, room.data(), room.size(), &found) == ERANGE) {
+    room.resize(room.size() * 2);
+  }
+  return found != nullptr ? found->pw_name : "uid " + std::to_string(number);
+}
+
 class SocketInstanceLock final : public InstanceLock {
  public:
   SocketInstanceLock(EventLoop& loop, Descriptor socket, std::function<void()> exit_requested)
@@ -139,6 +152,12 @@ std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view 
     RaiseDeviceError();
   }
   return std::make_unique<SocketInstanceLock>(loop, std::move(socket), std::move(exit_requested));
+}
+
+std::optional<std::string> OtherUserHolding(std::string_view name) {
+  const std::optional<uid_t> owner = OwnerOfDatagramSocket(name);
+  if (!owner || *owner == geteuid()) return std::nullopt;
+  return UserName(*owner);
 }
 
 bool RequestExit(std::string_view name) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <initializer_list>
@@ -17,6 +18,7 @@
 
 #include "base/text.h"
 #include "platform/instance_lock.h"
+#include "support/child_process.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/plain_socket.h"
@@ -222,6 +224,29 @@ TEST_F(StartUpTest, SecondInstanceOnThePortIsRefused) {
   EXPECT_THAT(LogLines(), ElementsAre(line));
   port_text_ = std::to_string(FreePort());
   EXPECT_EQ(RunAndEnd({"/HI", "/P", port_text_}), 0) << "another port is another instance";
+}
+
+TEST_F(StartUpTest, NameTakenByAnotherUserIsNoSecondInstance) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  WriteIni("");
+  Notice locked;
+  ChildProcess stranger([&] {
+    if (setuid(54321) != 0) return 1;
+    EventLoop loop(clock_);
+    const std::unique_ptr<InstanceLock> lock = TryLockInstance(loop, InstanceName(port_), [] {});
+    locked.Give();
+    for (;;) pause();
+    return 0;
+  });
+  locked.Await();
+  const std::string line =
+      "A process of another user (uid 54321) holds the name of the instance listening on the same port; no "
+      "instance of our own user runs.";
+  EXPECT_EQ(Run({"/HI"}), 1);
+  EXPECT_EQ(err_.str(), "Trabex: " + line + "\n");
+  EXPECT_THAT(LogLines(), ElementsAre(line));
+  EXPECT_EQ(Run({"/X"}), 0);
+  EXPECT_EQ(out_.str() + err_.str(), "");
 }
 
 TEST_F(StartUpTest, ExitRequestStartsNothingAndIsForThePort) {

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/sockios.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -11,10 +12,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/error.h"
 #include "platform/clock.h"
+#include "platform/linux/descriptor.h"
 #include "support/child_process.h"
 #include "support/loop_runner.h"
 
@@ -212,6 +217,88 @@ TEST_F(InstanceLockTest, RequestOfAnotherUserIsDropped) {
     return 0;
   });
   EXPECT_EQ(holder.Wait(), 0);
+}
+
+// A socket of the name that is bound and nothing else.
+Descriptor Bound(const std::string& name, int type) {
+  Descriptor own(socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::memcpy(address.sun_path + 1, name.data(), name.size());
+  const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+  return bind(own.Get(), reinterpret_cast<const sockaddr*>(&address), length) == 0 ? std::move(own)
+                                                                                   : Descriptor();
+}
+
+TEST_F(InstanceLockTest, OwnUserIsNoOtherOne) {
+  const std::string name = OwnName("own");
+  EXPECT_EQ(OtherUserHolding(name), std::nullopt) << "nobody";
+  const auto lock = TryLock(name);
+  ASSERT_NE(lock, nullptr);
+  EXPECT_EQ(OtherUserHolding(name), std::nullopt);
+}
+
+TEST_F(InstanceLockTest, OtherUserIsTold) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  const passwd* const nobody = getpwnam("nobody");
+  ASSERT_NE(nobody, nullptr);
+  constexpr uid_t kNameless = 54321;
+  ASSERT_EQ(getpwuid(kNameless), nullptr);
+  const struct {
+    uid_t user;
+    std::string told;
+  } rows[] = {{nobody->pw_uid, "nobody"}, {kNameless, "uid 54321"}};
+  for (const auto& row : rows) {
+    const std::string name = OwnName("other-" + row.told);
+    Notice bound;
+    ChildProcess holder([&] {
+      if (setuid(row.user) != 0) return 1;
+      const Descriptor own = Bound(name, SOCK_DGRAM);
+      bound.Give();
+      for (;;) pause();
+      return 0;
+    });
+    bound.Await();
+    EXPECT_EQ(TryLock(name), nullptr);
+    EXPECT_EQ(OtherUserHolding(name), row.told);
+    // Whoever looks: that one itself, and a third one, are users of their own.
+    ChildProcess same([&] { return setuid(row.user) == 0 && !OtherUserHolding(name) ? 0 : 1; });
+    EXPECT_EQ(same.Wait(), 0);
+    ChildProcess third([&] { return setuid(12345) == 0 && OtherUserHolding(name) == row.told ? 0 : 1; });
+    EXPECT_EQ(third.Wait(), 0);
+    EXPECT_EQ(OtherUserHolding(name + "2"), std::nullopt);
+    EXPECT_EQ(OtherUserHolding(name.substr(0, name.size() - 1)), std::nullopt);
+  }
+  const std::string name = OwnName("root");
+  const auto lock = TryLock(name);
+  ChildProcess other([&] { return setuid(nobody->pw_uid) == 0 && OtherUserHolding(name) == "root" ? 0 : 1; });
+  EXPECT_EQ(other.Wait(), 0);
+}
+
+TEST_F(InstanceLockTest, OtherUserIsFoundAmongManySockets) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  const std::string name = OwnName("many");
+  std::vector<Descriptor> sockets;
+  for (int i = 0; i < 1000; ++i) sockets.push_back(Bound(name + std::to_string(i), SOCK_DGRAM));
+  Notice bound;
+  ChildProcess holder([&] {
+    if (setuid(54321) != 0) return 1;
+    const Descriptor own = Bound(name, SOCK_DGRAM);
+    bound.Give();
+    for (;;) pause();
+    return 0;
+  });
+  bound.Await();
+  EXPECT_EQ(OtherUserHolding(name), "uid 54321");
+}
+
+// Each type of socket has names of its own.
+TEST_F(InstanceLockTest, SocketsOfOtherTypesAreNotInTheWay) {
+  const std::string name = OwnName("types");
+  const Descriptor stream = Bound(name, SOCK_STREAM);
+  const Descriptor packets = Bound(name, SOCK_SEQPACKET);
+  ASSERT_TRUE(stream && packets);
+  EXPECT_NE(TryLock(name), nullptr);
 }
 
 TEST_F(InstanceLockTest, FloodDoesNotSpinTheLoop) {

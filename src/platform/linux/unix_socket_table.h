@@ -1,0 +1,16 @@
+// The kernel's table of Unix sockets.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string_view>
+
+namespace trabex {
+
+// The user of the process that made the datagram socket with this name in the abstract namespace, without the
+// NUL before it. Other than a peer's credentials that is known of a socket that nobody listens on. Nothing
+// when there is none, or when the kernel does not tell (Linux before 5.3).
+std::optional<uid_t> OwnerOfDatagramSocket(std::string_view abstract_name);
+
+}  // namespace trabex
