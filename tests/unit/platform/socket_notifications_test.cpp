@@ -522,26 +522,43 @@ TEST(NotificationsTest, EventsOfManySocketsAllArrive) {
 }
 
 TEST(NotificationsTest, ABusySocketDoesNotStarveAnotherOne) {
-  // One socket whose owner takes one byte at a time of very many, another one with a single message.
+  // One socket whose owner takes one byte at a time of very many, and so is told of more at once, for ever.
   Bench bench;
   bench.Connection();
   const SocketHandle busy = bench.ours;
   bench.PeerSends(60000);
   bench.Arrived(60000);
+  const auto take_one = [&] {
+    char byte = 0;
+    std::size_t received = 0;
+    Bench::Must(bench.sockets.Receive(busy, {&byte, 1}, received));
+    EXPECT_EQ(received, 1U);
+  };
   int busy_reads = 0;
   bench.recorder.action = [&](SocketHandle socket, SocketEvent event) {
-    if (event != SocketEvent::kRead) return;
     ASSERT_EQ(socket, busy);
+    if (event != SocketEvent::kRead) return;
     ++busy_reads;
-    bench.Receive(1, 1);
+    take_one();
   };
+  // Another one with a single message.
   bench.peer = bench.NewClient();
   bench.AcceptOurs();
   bench.PeerSends(1);
   bench.Arrived(1);
+
+  // From here on the first one is busy, and its turn comes first.
+  take_one();
   bench.sockets.Watch(bench.ours, &bench.second);
   EXPECT_TRUE(RunUntil(bench.loop, [&] { return bench.second.told == "READ WRITE"; }));
   EXPECT_LT(busy_reads, 10);
+
+  // It was busy all the time: it still is.
+  std::size_t left = 0;
+  Bench::Must(bench.sockets.Available(busy, left));
+  EXPECT_GT(left, 0U);
+  const int reads_until_then = busy_reads;
+  EXPECT_TRUE(RunUntil(bench.loop, [&] { return busy_reads > reads_until_then + 10; }));
 }
 
 TEST(NotificationsTest, DatagramsAreToldOneByOne) {
