@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What ./run and ./test are made of: who installs what, and who configures what."""
+"""What ./run and ./test are made of: who installs what, who configures what, and how the counts are added up."""
 
 import os
 import re
@@ -29,12 +29,13 @@ class Packages(Story):
         lines = [line for line in (REPO / "packages.txt").read_text(encoding="utf-8").splitlines()
                  if line and not line.startswith("#")]
         sections = [line for line in lines if line.startswith("[")]
-        self.assertEqual(sections, ["[run]", "[test]"])
-        self.assertEqual(packages_of("run", "test"), [line for line in lines if line not in sections])
+        self.assertEqual(sections, ["[run]", "[test]", "[fresh]"])
+        self.assertEqual(packages_of("run", "test", "fresh"), [line for line in lines if line not in sections])
 
     def test_nothing_is_installed_twice(self):
-        packages = packages_of("run", "test")
-        self.assertEqual(sorted(set(packages)), sorted(packages))
+        for sections in (["run", "test"], ["fresh"]):
+            packages = packages_of(*sections)
+            self.assertEqual(sorted(set(packages)), sorted(packages))
 
     def test_running_needs_nothing_of_the_tests(self):
         packages = packages_of("run")
@@ -97,6 +98,29 @@ class Builds(Story):
             status, said = run("scripts/build", *arguments, cwd=self.folder, environment={"CCACHE_DISABLE": "1"})
             self.assertEqual(status, 1)
             self.assertIn("error: #error this line is wrong", said)
+
+
+class Counts(Story):
+    """What the build service is told."""
+
+    def test_both_commands_count(self):
+        # (what ./test says, its status, what ./test --fresh says, its status; the last line, the status in all)
+        cases = [("10 passed, 0 failed", 0, "5 passed, 0 failed", 0, "15 passed, 0 failed", 0),
+                 ("10 passed, 0 failed, 2 skipped", 0, "5 passed, 0 failed", 0, "15 passed, 0 failed", 0),
+                 ("9 passed, 1 failed", 1, "5 passed, 0 failed", 0, "14 passed, 1 failed", 1),
+                 ("10 passed, 0 failed", 0, "3 passed, 2 failed", 1, "13 passed, 2 failed", 1),
+                 ("10 passed, 0 failed", 1, "5 passed, 0 failed", 0, "15 passed, 1 failed", 1),
+                 ("no compiler", 1, "5 passed, 0 failed", 0, "5 passed, 1 failed", 1),
+                 ("10 passed, 0 failed", 0, "not root", 1, "10 passed, 1 failed", 1)]
+        folder = self.place.new_folder("checkout")
+        shutil.copytree(REPO / ".ci", folder / ".ci")
+        for all_said, all_status, fresh_said, fresh_status, last, status in cases:
+            with self.subTest(all_said=all_said, all_status=all_status, fresh_said=fresh_said):
+                test = folder / "test"
+                test.write_text(f'#!/bin/sh\nif [ "$1" = --fresh ]; then echo "{fresh_said}"; exit {fresh_status}; fi\n'
+                                f'echo "{all_said}"; exit {all_status}\n', encoding="utf-8")
+                test.chmod(0o755)
+                self.assertEqual(run("bash", ".ci/run", cwd=folder), (status, f"{all_said}\n{fresh_said}\n{last}\n"))
 
 
 if __name__ == "__main__":
