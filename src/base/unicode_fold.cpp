@@ -1,0 +1,168 @@
+#include "base/unicode_fold.h"
+
+#include <utf8proc.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "base/text.h"
+
+namespace trabex {
+
+namespace {
+
+struct Free {
+  void operator()(utf8proc_uint8_t* text) const { std::free(text); }
+};
+
+const utf8proc_uint8_t* Bytes(std::string_view text) {
+  return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+}
+
+// The character that `text` (not empty) begins with, and its length; a length of 0 for what is no character.
+struct Character {
+  utf8proc_int32_t code_point = 0;
+  std::size_t size = 0;
+};
+
+Character FirstCharacter(std::string_view text) {
+  Character character;
+  const utf8proc_ssize_t size =
+      utf8proc_iterate(Bytes(text), static_cast<utf8proc_ssize_t>(text.size()), &character.code_point);
+  character.size = size > 0 ? static_cast<std::size_t>(size) : 0;
+  return character;
+}
+
+// The length of the well-formed run at the front of `text`.
+std::size_t WellFormedLength(std::string_view text) {
+  std::size_t at = 0;
+  while (at < text.size()) {
+    const std::size_t size = FirstCharacter(text.substr(at)).size;
+    if (size == 0) break;
+    at += size;
+  }
+  return at;
+}
+
+// Whether `holds(code point)` for every character of `text`, which has to be well-formed.
+template <class Holds>
+bool AllCharacters(std::string_view text, Holds holds) {
+  while (!text.empty()) {
+    const Character character = FirstCharacter(text);
+    if (character.size == 0 || !holds(character.code_point)) return false;
+    text.remove_prefix(character.size);
+  }
+  return true;
+}
+
+constexpr int kDecompose = UTF8PROC_STABLE | UTF8PROC_DECOMPOSE;
+constexpr int kFold = UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_COMPAT | UTF8PROC_CASEFOLD;
+
+// `text` is well-formed.
+std::string Mapped(std::string_view text, int options) {
+  if (text.empty()) return {};
+  utf8proc_uint8_t* result = nullptr;
+  const utf8proc_ssize_t size = utf8proc_map(Bytes(text), static_cast<utf8proc_ssize_t>(text.size()), &result,
+                                             static_cast<utf8proc_option_t>(options));
+  const std::unique_ptr<utf8proc_uint8_t, Free> owner(result);
+  // A well-formed text fails for lack of memory only.
+  if (size < 0) throw std::bad_alloc();
+  return {reinterpret_cast<const char*>(result), static_cast<std::size_t>(size)};
+}
+
+// Marks are brought into their order first: U+0345 folds to a letter, behind which they would stay as they
+// are (D147 of the Unicode Standard).
+std::string FoldWellFormed(std::string_view text, int more_options) {
+  return Mapped(Mapped(text, kDecompose), kFold | more_options);
+}
+
+// Nothing is dropped here: the bytes on both sides of what is dropped could make up a new character.
+std::string FoldRuns(std::string_view text) {
+  std::string result;
+  while (!text.empty()) {
+    const std::size_t run = WellFormedLength(text);
+    result.append(FoldWellFormed(text.substr(0, run), 0));
+    text.remove_prefix(run);
+    if (text.empty()) break;
+    result.push_back(text.front());
+    text.remove_prefix(1);
+  }
+  return result;
+}
+
+bool IsIn(utf8proc_int32_t code_point, utf8proc_int32_t first, utf8proc_int32_t last) {
+  return first <= code_point && code_point <= last;
+}
+
+// They turn the text around them about, so that a log shows another address than it holds.
+bool IsBidiControl(utf8proc_int32_t code_point) {
+  return code_point == 0x061C || IsIn(code_point, 0x200E, 0x200F) || IsIn(code_point, 0x202A, 0x202E) ||
+         IsIn(code_point, 0x2066, 0x2069);
+}
+
+// They repeat ASCII, unseen.
+bool IsTag(utf8proc_int32_t code_point) {
+  return IsIn(code_point, 0xE0000, 0xE007F);
+}
+
+bool IsAddressCharacter(utf8proc_int32_t code_point) {
+  if (code_point < 128) return true;
+  switch (utf8proc_category(code_point)) {
+    case UTF8PROC_CATEGORY_CN:
+    case UTF8PROC_CATEGORY_CC:
+    case UTF8PROC_CATEGORY_CS:
+    case UTF8PROC_CATEGORY_CO:
+    case UTF8PROC_CATEGORY_ZS:
+    case UTF8PROC_CATEGORY_ZL:
+    case UTF8PROC_CATEGORY_ZP:
+      return false;
+    default:
+      return !IsBidiControl(code_point) && !IsTag(code_point);
+  }
+}
+
+}  // namespace
+
+bool IsAscii(std::string_view text) {
+  constexpr std::uint64_t kHighBits = 0x8080808080808080ULL;
+  std::uint64_t bits = 0;
+  std::size_t at = 0;
+  for (; at + sizeof bits <= text.size(); at += sizeof bits) {
+    std::uint64_t eight = 0;
+    std::memcpy(&eight, text.data() + at, sizeof eight);
+    bits |= eight;
+  }
+  for (; at < text.size(); ++at) bits |= static_cast<unsigned char>(text[at]);
+  return (bits & kHighBits) == 0;
+}
+
+std::string FoldText(std::string_view text) {
+  if (IsAscii(text)) return ToLower(text);
+  if (WellFormedLength(text) == text.size()) return FoldWellFormed(text, UTF8PROC_IGNORE);
+  return FoldRuns(text);
+}
+
+bool EqualFolded(std::string_view a, std::string_view b) {
+  if (IsAscii(a) && IsAscii(b)) return EqualNoCase(a, b);
+  return FoldText(a) == FoldText(b);
+}
+
+bool EndsWithFolded(std::string_view text, std::string_view suffix) {
+  if (IsAscii(text) && IsAscii(suffix)) return EndsWithNoCase(text, suffix);
+  return FoldText(text).ends_with(FoldText(suffix));
+}
+
+bool HoldsAddressCharacters(std::string_view text) {
+  return IsAscii(text) || AllCharacters(text, IsAddressCharacter);
+}
+
+bool HoldsIgnorable(std::string_view text) {
+  return !IsAscii(text) && !AllCharacters(text, [](utf8proc_int32_t code_point) {
+    return utf8proc_get_property(code_point)->ignorable == 0;
+  });
+}
+
+}  // namespace trabex
