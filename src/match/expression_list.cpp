@@ -6,16 +6,21 @@
 // their last byte to the first: the hash of each ending of a text then comes for free on the way to that of
 // all of it, and one step more, for the "*", gives the hash of the entry's key. Only the lengths that endings
 // have in this list are looked up.
+//
+// An entry with letters beyond ASCII is found by its folded pattern, in tables of its own; a text with such
+// letters is folded before it is looked for. Keys stay what they are.
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <utility>
 
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "match/mText.h"
 #include "match/pattern.h"
 
@@ -116,7 +121,7 @@ struct ExpressionList::Impl {
   ListEntry Entry(std::size_t index) const;
   const std::vector<ListEntry>& Entries();
   void ForgetEntries() { entries_.reset(); }
-  // The number of the first entry that matches, or kNone.
+  // The number of the first entry that matches, or kNone. A text with bytes from 80 on has been folded.
   std::uint32_t Find(std::string_view text) { return Search(text, true); }
   bool Contains(std::string_view text) { return Search(text, false) != kNone; }
 
@@ -147,6 +152,9 @@ struct ExpressionList::Impl {
     std::vector<Trial> trials;
   };
 
+  // The first entry of each text or ending that entries with letters beyond ASCII fold to.
+  using FoldedEntries = std::unordered_map<std::string, std::uint32_t, HashNoCase, SameNoCase>;
+
   std::string_view Text(const Record& record) const {
     return std::string_view(texts_).substr(record.offset, record.size);
   }
@@ -158,11 +166,13 @@ struct ExpressionList::Impl {
 
   void Compile();
   void CompileRecord(std::uint32_t entry);
+  void CompileFolded(std::uint32_t entry);
   bool AddProgram(std::string_view pattern);
   void AddTrial(const Trial& trial);
   // Of what matches the first entry, or any one when `first` is not asked for.
   std::uint32_t Search(std::string_view text, bool first);
   std::uint32_t SearchByHash(std::string_view text, bool first) const;
+  std::uint32_t SearchFolded(std::string_view text) const;
   std::uint32_t SearchGroups(std::string_view text, std::string_view folded_text, std::uint32_t found,
                              bool first) const;
   bool Matches(const Trial& trial, std::string_view text, std::string_view folded_text) const;
@@ -177,6 +187,9 @@ struct ExpressionList::Impl {
   std::size_t compiled_ = 0;
   bool has_texts_ = false;
   std::vector<bool> ending_sizes_;  // by size: whether there is a "*" entry with an ending of that size
+  FoldedEntries folded_texts_;
+  FoldedEntries folded_endings_;
+  std::vector<std::size_t> folded_ending_sizes_;  // each once
   std::vector<Group> groups_;
   std::unordered_map<std::uint32_t, std::uint32_t> group_of_;  // by the beginning
   std::vector<Trial> raising_;                                 // entries with a malformed pattern
@@ -237,7 +250,11 @@ const std::vector<ListEntry>& ExpressionList::Impl::Entries() {
 
 // Whether the pattern is well-formed.
 bool ExpressionList::Impl::AddProgram(std::string_view pattern) {
-  programs_.push_back(codes_.Parse(pattern));
+  if (IsAscii(pattern) || mText::IsInvalidPattern(pattern)) {
+    programs_.push_back(codes_.Parse(pattern));
+  } else {
+    programs_.push_back(codes_.Parse(pattern::FoldPattern(pattern)));
+  }
   return !programs_.back().malformed;
 }
 
@@ -255,6 +272,11 @@ void ExpressionList::Impl::AddTrial(const Trial& trial) {
 
 void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
   const Record& record = records_[entry];
+  const bool is_short_cut = record.Kind() == RecordKind::kText || record.Kind() == RecordKind::kEnding;
+  if (is_short_cut && !IsAscii(Text(record))) {
+    CompileFolded(entry);
+    return;
+  }
   const auto first = static_cast<std::uint32_t>(programs_.size());
   bool well_formed = true;
   switch (record.Kind()) {
@@ -282,6 +304,31 @@ void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
     AddTrial(trial);
   } else {
     raising_.push_back(trial);
+  }
+}
+
+// A text or an ending with letters beyond ASCII.
+void ExpressionList::Impl::CompileFolded(std::uint32_t entry) {
+  const std::string folded = pattern::FoldPattern(Text(records_[entry]));
+  switch (pattern::Classify(folded)) {
+    case pattern::Kind::kText:
+      folded_texts_.try_emplace(folded, entry);
+      break;
+    case pattern::Kind::kEnding: {
+      const std::size_t size = folded.size() - 1;
+      folded_endings_.try_emplace(folded.substr(1), entry);
+      if (std::find(folded_ending_sizes_.begin(), folded_ending_sizes_.end(), size) ==
+          folded_ending_sizes_.end()) {
+        folded_ending_sizes_.push_back(size);
+      }
+      break;
+    }
+    case pattern::Kind::kOther: {
+      const auto program = static_cast<std::uint32_t>(programs_.size());
+      programs_.push_back(codes_.Parse(folded));
+      AddTrial({entry, program, 1});
+      break;
+    }
   }
 }
 
@@ -321,6 +368,19 @@ std::uint32_t ExpressionList::Impl::SearchByHash(std::string_view text, bool fir
   }));
 }
 
+std::uint32_t ExpressionList::Impl::SearchFolded(std::string_view text) const {
+  std::uint32_t found = kNone;
+  const auto look_up = [&found](const FoldedEntries& entries, std::string_view what) {
+    const auto entry = entries.find(what);
+    if (entry != entries.end()) found = std::min(found, entry->second);
+  };
+  look_up(folded_texts_, text);
+  for (const std::size_t size : folded_ending_sizes_) {
+    if (size <= text.size()) look_up(folded_endings_, text.substr(text.size() - size));
+  }
+  return found;
+}
+
 // `found` has been found so far; what comes behind it is not looked at.
 std::uint32_t ExpressionList::Impl::SearchGroups(std::string_view text, std::string_view folded_text,
                                                  std::uint32_t found, bool first) const {
@@ -354,6 +414,7 @@ std::uint32_t ExpressionList::Impl::Search(std::string_view text, bool first) {
   // Whether an entry that raises comes first matters in any case.
   first = first || !raising_.empty();
   std::uint32_t found = SearchByHash(text, first);
+  if (!folded_texts_.empty() || !folded_endings_.empty()) found = std::min(found, SearchFolded(text));
   if ((found != kNone && !first) || (groups_.empty() && raising_.empty())) return found;
   const std::string folded_text = ToLower(text);
   found = SearchGroups(text, folded_text, found, first);
@@ -401,11 +462,12 @@ std::size_t ExpressionList::Count() const {
 }
 
 bool ExpressionList::Contains(std::string_view text) const {
-  return impl_ && impl_->Contains(text);
+  return impl_ && (IsAscii(text) ? impl_->Contains(text) : impl_->Contains(FoldText(text)));
 }
 
 std::optional<std::size_t> ExpressionList::Find(std::string_view text) const {
-  const std::uint32_t found = impl_ ? impl_->Find(text) : kNone;
+  if (!impl_) return std::nullopt;
+  const std::uint32_t found = IsAscii(text) ? impl_->Find(text) : impl_->Find(FoldText(text));
   if (found == kNone) return std::nullopt;
   return found;
 }

@@ -6,6 +6,7 @@
 #include "base/delimited_text.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "match/pattern.h"
 
 namespace trabex::mText {
@@ -18,6 +19,12 @@ void CheckPattern(std::string_view pattern, Case compare, const char* source) {
   if (!pattern::IsMalformed(pattern, compare)) return;
   throw Error(error_number::kBadPattern, source,
               "Invalid Regular Expression in string: \"" + std::string(pattern) + "\".");
+}
+
+// Negation prefix included.
+bool MatchesFolded(std::string_view text, std::string_view pattern) {
+  if (!pattern::IsNegated(pattern)) return pattern::Matches(text, pattern, Case::kFolded);
+  return !pattern::Matches(text, pattern.substr(2), Case::kFolded);
 }
 
 // A pattern list with its form, the close delimiter filled in.
@@ -72,8 +79,8 @@ class ComplexPattern {
 
 bool LikeText(std::string_view text, std::string_view pattern) {
   CheckPattern(pattern, Case::kFolded, "mText.LikeText");
-  if (!pattern::IsNegated(pattern)) return pattern::Matches(text, pattern, Case::kFolded);
-  return !pattern::Matches(text, pattern.substr(2), Case::kFolded);
+  if (IsAscii(text) && IsAscii(pattern)) return MatchesFolded(text, pattern);
+  return MatchesFolded(FoldText(text), pattern::FoldPattern(pattern));
 }
 
 bool PlainLike(std::string_view text, std::string_view pattern) {

@@ -1,4 +1,6 @@
-// Text patterns and lists of them. Letter case is folded for ASCII only; `?` and `[...]` take one byte.
+// Text patterns and lists of them. The case of ASCII letters does not count; a text or pattern with bytes
+// from 80 on is folded first, and so is the other (see base/unicode_fold.h). `?` and `[...]` take one byte,
+// of the folded text.
 //
 //   ?                one byte, any          *  any run of bytes, also none     #  one digit
 //   [list] [!list]   one byte that is, or is not, in the list; low-high is an ascending range, a "-" that is
@@ -67,7 +69,8 @@ namespace mText {
 // "Invalid Regular Expression in string: \"<pattern>\"." when the pattern is malformed anywhere.
 bool LikeText(std::string_view text, std::string_view pattern);
 
-// The plain wildcard match: no negation prefix, case-sensitive. Raises 93 likewise, source "mText.PlainLike".
+// The plain wildcard match: no negation prefix, case-sensitive, nothing folded. Raises 93 likewise, source
+// "mText.PlainLike".
 bool PlainLike(std::string_view text, std::string_view pattern);
 
 // Whether `pattern` is malformed: an unclosed "[" or a descending range, anywhere in it.

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 
 namespace trabex::pattern {
 
@@ -162,6 +164,34 @@ bool IsMalformed(std::string_view pattern, Case compare) {
 
 bool Matches(std::string_view text, std::string_view pattern, Case compare) {
   return Run(text, WrittenCodes{pattern, compare}, 0, pattern.size());
+}
+
+std::string FoldPattern(std::string_view pattern) {
+  std::string result;
+  std::string plain;
+  const auto fold_plain = [&] {
+    for (const char c : FoldText(std::exchange(plain, {}))) {
+      if (std::string_view("?*#[").find(c) != kNone) {
+        result.append("[").append(1, c).append("]");
+      } else {
+        result.push_back(c);
+      }
+    }
+  };
+  for (std::size_t at = 0; at < pattern.size();) {
+    const Element element = ReadElement(pattern, at);
+    if (element.kind == Element::Kind::kByte) {
+      plain.push_back(element.byte);
+    } else {
+      fold_plain();
+      result.append(pattern.substr(at, element.next - at));
+    }
+    at = element.next;
+  }
+  fold_plain();
+  // What is not that of which nothing is left is not empty.
+  if (IsNegated(pattern) && result == "[]") result.append("[]");
+  return result;
 }
 
 Kind Classify(std::string_view pattern) {

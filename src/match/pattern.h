@@ -37,6 +37,11 @@ inline bool IsNegated(std::string_view pattern) {
   return pattern.size() >= 3 && pattern[0] == '[' && pattern[1] == ']';
 }
 
+// The pattern for folded texts (see base/unicode_fold.h) that `pattern`, which is well-formed, stands for:
+// what stands between its wildcards is folded, and what becomes a "?", "*", "#" or "[" by that stands for
+// itself. Lists in brackets stay as they are, since each takes one byte.
+std::string FoldPattern(std::string_view pattern);
+
 // How a pattern can be found in a list.
 enum class Kind : std::uint8_t {
   kText,    // no wildcards: equal to the text

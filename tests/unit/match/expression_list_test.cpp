@@ -8,6 +8,7 @@
 
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "match/mText.h"
 #include "support/expect_error.h"
 
@@ -245,11 +246,34 @@ TEST(ExpressionList, IsTheScanForRandomLists) {
     for (auto size = random() % (longest + 1); size > 0; --size) result += pick(from);
     return result;
   };
+  const auto letters = [&](unsigned most) {
+    static const std::string kLetters[] = {"a",
+                                           "B",
+                                           ".",
+                                           "\xC3\xA4",
+                                           "\xC3\x84",
+                                           "\xEF\xBD\x81",
+                                           "\xE1\xB4\xAE",
+                                           "\xEF\xBC\x8A",
+                                           "\xEF\xBC\x8E",
+                                           "\xC2\xAD",
+                                           "\xC3",
+                                           "a\xCC\x88"};
+    std::string result;
+    for (auto count = random() % (most + 1); count > 0; --count)
+      result += kLetters[random() % std::size(kLetters)];
+    return result;
+  };
   const auto pattern = [&]() -> std::string {
-    switch (random() % 8) {
+    switch (random() % 10) {
       case 0:
       case 1:
         return word("abAB.", 4);
+      // Letters beyond ASCII, whole ones and others.
+      case 8:
+        return letters(3);
+      case 9:
+        return (random() % 3 == 0 ? "[]*" : "*") + letters(2) + word("ab*", 1) + letters(1);
       case 2:
       case 3:
         return "*" + word("abAB.", 3);
@@ -264,6 +288,7 @@ TEST(ExpressionList, IsTheScanForRandomLists) {
     }
   };
   int hits = 0;
+  int hits_beyond_ascii = 0;
   int errors = 0;
   for (int round = 0; round < 5000; ++round) {
     ExpressionList list;
@@ -291,7 +316,7 @@ TEST(ExpressionList, IsTheScanForRandomLists) {
     }
     ASSERT_EQ(list.Entries(), entries);
     for (int text_count = 0; text_count < 20; ++text_count) {
-      const std::string text = word("abAB.*", 5);
+      const std::string text = text_count % 3 == 0 ? letters(4) : word("abAB.*", 5);
       const Outcome expected = Scan(text, entries);
       ASSERT_EQ(OutcomeOf([&] { return list.Contains(text); }), expected)
           << "\"" << text << "\" in round " << round;
@@ -306,10 +331,12 @@ TEST(ExpressionList, IsTheScanForRandomLists) {
             << text;
       }
       if (expected.first) ++hits;
+      if (expected.first && !IsAscii(text)) ++hits_beyond_ascii;
       if (!expected.second.empty()) ++errors;
     }
   }
   EXPECT_GT(hits, 10000);
+  EXPECT_GT(hits_beyond_ascii, 1000);
   EXPECT_GT(errors, 1000);
 }
 

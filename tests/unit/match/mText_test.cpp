@@ -35,7 +35,8 @@ const Row kRows[] = {
     {"xUSER@HOST", "user@host", false},
     {"USER@HOSTx", "user@host", false},
     {"\xC3\xA4", "\xC3\xA4", true},
-    {"\xC3\xA4", "\xC3\x84", false},  // case is folded for ASCII only
+    {"\xC3\xA4", "\xC3\x84", true},
+    {"\xC3\xA4", "\xC3\xB6", false},
     // ? takes one byte.
     {"a", "?", true},
     {"", "?", false},
