@@ -7,6 +7,7 @@
 
 #include "base/date_time.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "greylist/property_bag.h"
 #include "match/ip_range.h"
 #include "match/mText.h"
@@ -24,13 +25,22 @@ std::string_view NetworkOf(std::string_view ip_text) {
 }
 
 // "<network> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
-// none outside a quoted local part. The cut is never reached (a command line is far shorter); it is there
-// because the database file cannot hold a longer key.
+// none outside a quoted local part. Addresses with letters beyond ASCII are folded, so that no other spelling
+// is another triple; keys without such letters are what they always were. The cut is never reached (a command
+// line is far shorter); it is there because the database file cannot hold a longer key.
 std::string TripleKey(std::string_view ip_text, std::string_view sender, std::string_view recipient) {
   const std::string_view network = NetworkOf(ip_text);
   std::string key;
   key.reserve(network.size() + sender.size() + recipient.size() + 2);
-  key.append(network).append(" ").append(sender).append(" ").append(recipient);
+  key.append(network);
+  for (const std::string_view address : {sender, recipient}) {
+    key.append(" ");
+    if (IsAscii(address)) {
+      key.append(address);
+    } else {
+      key.append(FoldText(address));
+    }
+  }
   std::transform(key.begin(), key.end(), key.begin(), [](char c) { return ToLower(c); });
   if (key.size() > kLongestBytesProperty) key.resize(kLongestBytesProperty);
   return key;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "base/unicode_fold.h"
 #include "base/utf8.h"
 
 namespace trabex {
@@ -221,10 +222,16 @@ void ResponseChangeTable::Add(cReplaces replaces) {
                 "This key is already associated with an element of this collection");
   }
   index_.emplace(replaces.Name(), lists_.size());
+  folded_index_.try_emplace(FoldText(replaces.Name()), lists_.size());
+  has_names_beyond_ascii_ = has_names_beyond_ascii_ || !IsAscii(replaces.Name());
   lists_.push_back(std::move(replaces));
 }
 
 const cReplaces* ResponseChangeTable::Find(std::string_view name) const {
+  if (has_names_beyond_ascii_ || !IsAscii(name)) {
+    const auto found = folded_index_.find(FoldText(name));
+    return found == folded_index_.end() ? nullptr : &lists_[found->second];
+  }
   const auto found = index_.find(name);
   return found == index_.end() ? nullptr : &lists_[found->second];
 }

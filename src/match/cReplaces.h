@@ -78,7 +78,9 @@ class cReplaces {
   std::vector<cReplace> rules_;
 };
 
-// The lists by reply name (any case), in the order of the file; only lists with rules are kept.
+// The lists by reply name (any case), in the order of the file; only lists with rules are kept. A name may
+// hold an address, so names are found as addresses are compared (see base/unicode_fold.h), and the first of
+// several that fold to the same text is found.
 class ResponseChangeTable {
  public:
   // Raises 457 when the name is there already (source "ResponseChangeTable.Add"). A list without rules is
@@ -91,6 +93,8 @@ class ResponseChangeTable {
  private:
   std::vector<cReplaces> lists_;
   std::unordered_map<std::string, std::size_t, HashNoCase, SameNoCase> index_;
+  std::unordered_map<std::string, std::size_t> folded_index_;
+  bool has_names_beyond_ascii_ = false;
 };
 
 }  // namespace trabex

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "platform/dotted_address.h"
 #include "proxy/command_parameters.h"
 #include "proxy/control_characters.h"
@@ -40,12 +41,6 @@ std::string_view WithoutLeadingBlanks(std::string_view text) {
 
 std::string_view WithoutLineEnd(std::string_view line) {
   return line.ends_with(kCrLf) ? line.substr(0, line.size() - kCrLf.size()) : line;
-}
-
-// A verb is ASCII. Other bytes in one are a blank to servers that drop the eighth bit, or know more blanks.
-bool IsAscii(std::string_view verb) {
-  return std::all_of(verb.begin(), verb.end(),
-                     [](char byte) { return static_cast<unsigned char>(byte) < 128; });
 }
 
 // An address literal (RFC 5321, 4.1.3) resolves to the address inside.
@@ -105,6 +100,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text) {
   if (!octets) return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
 
   LineDecision decision;
+  // Bytes beyond ASCII in a verb are a blank to servers that drop the eighth bit, or know more blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""});
   } else if (line.row->never_forwarded) {
@@ -252,8 +248,8 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList() cons
 bool ClientCommandFilter::HeloMatchesHostName() const {
   const std::string& domain = state_.HeloDomain;
   const std::string host = facts_.ClientHostNameOrUnknown();
-  return EqualNoCase(domain, host) || EndsWithNoCase(domain, "." + host) ||
-         EndsWithNoCase(host, "." + domain);
+  return EqualFolded(domain, host) || EndsWithFolded(domain, "." + host) ||
+         EndsWithFolded(host, "." + domain);
 }
 
 // --- MAIL
@@ -266,13 +262,14 @@ LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
                 static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
   state_.DeclaredSize = 0;
   const auto address = NormalizeMailbox(path.address);
+  const bool smtp_utf8 = AsksForSmtpUtf8(path.parameters);
   if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
     ++state_.TransactionCount;
-    state_.BeginTransaction(address.value_or(path.address));
+    state_.BeginTransaction(address.value_or(path.address), smtp_utf8);
     return ForwardAsIs(line);
   }
   if (path.verdict == PathArgument::Verdict::kSyntaxError || !address ||
-      !AreKeywordParameters(path.parameters)) {
+      !(smtp_utf8 || IsAscii(path.address)) || !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kMailAddressSyntax, ""});
   }
   state_.Sender = *address;
@@ -281,8 +278,13 @@ LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
   const std::string sender =
       Replaced(*address, facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
                                                 : configuration_.SenderReplacementsRemote);
-  state_.BeginTransaction(*address);
+  state_.BeginTransaction(*address, smtp_utf8);
   return Forward(line, line.verb + " FROM:<" + sender + ">" + std::string(path.parameters));
+}
+
+// Whether the transaction that a MAIL with these parameters begins may have addresses beyond ASCII.
+bool ClientCommandFilter::AsksForSmtpUtf8(std::string_view parameters) const {
+  return state_.SmtpUtf8Offered && HasKeyword(parameters, "SMTPUTF8");
 }
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(std::string_view parameters) {
@@ -321,13 +323,15 @@ LineDecision ClientCommandFilter::ProcessRcpt(const Line& line) {
     state_.Recipient = address.value_or(path.address);
     return ForwardAsIs(line);
   }
+  const bool taken = address && (state_.SmtpUtf8 || IsAscii(path.address));
+  const std::string recipient_address = address.value_or(path.address);
   // An address that is routed on needs no one form: the relaying test refuses it.
-  const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(path.address);
-  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(address || relayed) ||
+  const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(recipient_address);
+  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(taken || relayed) ||
       !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kRcptAddressSyntax, ""});
   }
-  state_.Recipient = address.value_or(path.address);
+  state_.Recipient = recipient_address;
   ++state_.RecipientCount;
   if (const MaybeRefusal refusal = CheckRecipient()) return Answer(*refusal);
   if (const MaybeRefusal refusal = CheckGreylisting()) return Answer(*refusal);

@@ -91,6 +91,7 @@ class ClientCommandFilter {
   MaybeRefusal CheckTransactionOrder(const Line& line) const;
   MaybeRefusal CheckHeloBlackList() const;
   bool HeloMatchesHostName() const;
+  bool AsksForSmtpUtf8(std::string_view parameters) const;
   MaybeRefusal CheckMail(std::string_view parameters);
   MaybeRefusal CheckSize(std::string_view parameters);
   MaybeRefusal CheckRecipient() const;

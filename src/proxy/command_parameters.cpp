@@ -48,6 +48,12 @@ bool AreKeywordParameters(std::string_view parameters) {
   return true;
 }
 
+bool HasKeyword(std::string_view parameters, std::string_view keyword) {
+  const auto words = Split(parameters, ' ');
+  return std::any_of(words.begin(), words.end(),
+                     [keyword](std::string_view word) { return EqualNoCase(word, keyword); });
+}
+
 std::optional<FixedPoint> DeclaredSize(std::string_view parameters) {
   constexpr std::string_view kSize = " SIZE=";
   std::optional<FixedPoint> greatest;

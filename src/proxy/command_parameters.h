@@ -27,6 +27,9 @@ bool IsLastChunk(std::string_view rest);
 // "=" and a value. The value may be empty and hold anything, which is more than the RFC lets it.
 bool AreKeywordParameters(std::string_view parameters);
 
+// Whether one of the words of `parameters` is `keyword` without a value, in any case.
+bool HasKeyword(std::string_view parameters, std::string_view keyword);
+
 // The greatest of the SIZE= values in `parameters` that consist of digits (RFC 1870): of several, servers
 // take one or the other. What is beyond the type counts as the greatest whole number in it.
 std::optional<FixedPoint> DeclaredSize(std::string_view parameters);

@@ -1,10 +1,12 @@
 #include "proxy/mailbox.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "base/delimited_text.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "base/unicode_fold.h"
 
 namespace trabex {
 
@@ -72,11 +74,74 @@ std::string_view WithoutSourceRoute(std::string_view address) {
   return Trim(address.substr(colon + 1));
 }
 
+// NormalizeMailbox for the bytes as they are.
+std::optional<std::string> OneForm(std::string_view address) {
+  address = WithoutSourceRoute(address);
+  if (address.empty()) return std::string();
+  const std::size_t local_length = LocalPartLength(address);
+  std::string_view local = address.substr(0, local_length);
+  const bool has_domain = local_length < address.size();
+  std::string_view domain = has_domain ? address.substr(local_length + 1) : std::string_view();
+
+  if (IsQuoted(local)) {
+    const std::string_view inside = WithoutQuotes(local);
+    if (inside.find_first_of("\"\\") != std::string_view::npos) return std::nullopt;
+    if (std::any_of(inside.begin(), inside.end(), IsControl)) return std::nullopt;
+    if (IsDotted(inside)) local = inside;
+  } else if (local.empty() || !AllPlain(local)) {
+    return std::nullopt;
+  }
+  if (!has_domain) {
+    return HoldsRoute(WithoutQuotes(local)) ? std::nullopt : std::optional<std::string>(local);
+  }
+  if (domain.size() > 1 && domain.back() == '.') domain.remove_suffix(1);
+  if (!IsDomain(domain)) return std::nullopt;
+  return std::string(local).append("@").append(domain);
+}
+
+// The domain of an address in its one form.
+std::string_view DomainOf(std::string_view form) {
+  return form.substr(std::min(LocalPartLength(form) + 1, form.size()));
+}
+
+bool IsWithinLimits(std::string_view form) {
+  return form.size() <= kMaxMailbox && DomainOf(form).size() <= kMaxDomain;
+}
+
+// The bytes that make out the structure of an address, in their order.
+std::string Structure(std::string_view address) {
+  std::string structure;
+  std::copy_if(address.begin(), address.end(), std::back_inserter(structure),
+               [](char byte) { return !IsPlain(byte) || byte == '.' || byte == '%' || byte == '!'; });
+  return structure;
+}
+
+// Whether a form with letters beyond ASCII is the same mailbox to servers that fold and to those that do not.
+bool IsReadAlikeFolded(std::string_view form) {
+  constexpr std::string_view kIdeographicFullStop = "\xE3\x80\x82";  // a dot to IDNA (UTS #46)
+  const std::string folded = FoldText(form);
+  // Nothing at all would be the null sender.
+  if (folded.empty()) return false;
+  if (Structure(folded) != Structure(form) || OneForm(folded) != folded || !IsWithinLimits(folded))
+    return false;
+  const std::string_view domain = DomainOf(form);
+  if (domain.starts_with('[')) return IsAscii(domain);
+  return !HoldsIgnorable(domain) && DomainOf(folded).find(kIdeographicFullStop) == std::string_view::npos;
+}
+
+bool HoldsRouteAsItIs(std::string_view address) {
+  address = WithoutSourceRoute(address);
+  const std::size_t last_at = address.rfind('@');
+  const bool has_domain = last_at != std::string_view::npos && last_at >= BehindQuotes(address);
+  return HoldsRoute(WithoutQuotes(has_domain ? address.substr(0, last_at) : address));
+}
+
 }  // namespace
 
 PathArgument ParsePath(std::string_view text, BareAddresses bare) {
   text = Trim(text);
   PathArgument result;
+  if (text.empty()) return result;
   std::string_view part;
   try {
     const std::size_t blank = mCommon::InstrOutsise(1, text, " ", "<", ">");
@@ -101,40 +166,22 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
+  if (part.empty() && bare == BareAddresses::kTake) return result;
   result.verdict =
       bare == BareAddresses::kTake ? PathArgument::Verdict::kTaken : PathArgument::Verdict::kForwardUnchecked;
   return result;
 }
 
 std::optional<std::string> NormalizeMailbox(std::string_view address) {
-  address = WithoutSourceRoute(address);
-  if (address.empty()) return std::string();
-  const std::size_t local_length = LocalPartLength(address);
-  std::string_view local = address.substr(0, local_length);
-  const bool has_domain = local_length < address.size();
-  std::string_view domain = has_domain ? address.substr(local_length + 1) : std::string_view();
-
-  if (IsQuoted(local)) {
-    const std::string_view inside = WithoutQuotes(local);
-    if (inside.find_first_of("\"\\") != std::string_view::npos) return std::nullopt;
-    if (std::any_of(inside.begin(), inside.end(), IsControl)) return std::nullopt;
-    if (IsDotted(inside)) local = inside;
-  } else if (local.empty() || !AllPlain(local)) {
-    return std::nullopt;
-  }
-  if (!has_domain) {
-    return HoldsRoute(WithoutQuotes(local)) ? std::nullopt : std::optional<std::string>(local);
-  }
-  if (domain.size() > 1 && domain.back() == '.') domain.remove_suffix(1);
-  if (!IsDomain(domain)) return std::nullopt;
-  return std::string(local).append("@").append(domain);
+  if (!HoldsAddressCharacters(address)) return std::nullopt;
+  auto form = OneForm(address);
+  if (!form || !IsWithinLimits(*form)) return std::nullopt;
+  if (!IsAscii(*form) && !IsReadAlikeFolded(*form)) return std::nullopt;
+  return form;
 }
 
 bool HasRouteInLocalPart(std::string_view address) {
-  address = WithoutSourceRoute(address);
-  const std::size_t last_at = address.rfind('@');
-  const bool has_domain = last_at != std::string_view::npos && last_at >= BehindQuotes(address);
-  return HoldsRoute(WithoutQuotes(has_domain ? address.substr(0, last_at) : address));
+  return HoldsRouteAsItIs(address) || (!IsAscii(address) && HoldsRouteAsItIs(FoldText(address)));
 }
 
 }  // namespace trabex

@@ -2,6 +2,7 @@
 // remembered and forwarded, so that what the filter checked is the mailbox that the server delivers to.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,13 @@ struct PathArgument {
       parameters;  // what follows the address, with the blank before it; points into the argument
 };
 
+// The most octets that an address and its domain have (RFC 5321, 4.5.3.1: 64, the "@" and 255).
+inline constexpr std::size_t kMaxMailbox = 320;
+inline constexpr std::size_t kMaxDomain = 255;
+
 // Reads what follows "FROM:" or "TO:". The address goes up to the first blank that is not inside "<"…">".
+// Where nothing stands there is no address: that is a syntax error in every mode, and a lone bracket is one
+// where it would be dropped.
 PathArgument ParsePath(std::string_view text, BareAddresses bare);
 
 // The one form of an address: no source route ("@a,@b:" in front, RFC 5321 appendix C), no dot at the end of
@@ -29,12 +36,20 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare);
 // mailbox that servers read alike: a local part (one quoted string without a backslash, or bytes other than
 // blanks, control characters and
 // ()<>[]:;,\"@), with or without "@" and a domain (labels of such bytes between single dots, or a literal in
-// brackets). Without a domain the local part holds no "@", "%" or "!", not even in quotes.
+// brackets). Without a domain the local part holds no "@", "%" or "!", not even in quotes. And nothing when
+// it is longer than the limits above.
+//
+// With letters beyond ASCII there is more to it, since servers fold and map them: `address` holds nothing but
+// address characters (see HoldsAddressCharacters); the folded mailbox is one with the same structure, that is
+// with the same "@", dots, quotes and the like at the same places, and within the limits too; and in the
+// domain, which is no literal then, stand none of the characters that some servers drop (RFC 5891 keeps
+// joiners, UTS #46 of old does not) or take for a dot.
 std::optional<std::string> NormalizeMailbox(std::string_view address);
 
 // Whether a server that trusts the sender may route the address on to a domain inside its local part: that,
-// without its quotes, holds "@", "%" or "!". `address` may be any: its local part is what stands between a
-// source route and the last "@", so that of x@evil.test@local.test, which has no one form, is x@evil.test.
+// without its quotes, holds "@", "%" or "!", as it is or folded. `address` may be any: its local part is what
+// stands between a source route and the last "@", so that of x@evil.test@local.test, which has no one form,
+// is x@evil.test.
 bool HasRouteInLocalPart(std::string_view address);
 
 }  // namespace trabex

@@ -19,6 +19,7 @@ constexpr std::string_view kNeverOffered[] = {"ATRN", "PIPELINING", "STARTTLS", 
                                               "OK",   "XCLIENT",    "XFORWARD"};
 
 constexpr std::string_view kChunking = "CHUNKING";
+constexpr std::string_view kSmtpUtf8 = "SMTPUTF8";
 
 std::string_view CodeOf(std::string_view line) {
   return line.substr(0, 3);
@@ -132,6 +133,7 @@ void ServerReplyFilter::FollowAccepted() {
       break;
     case Command::kHelo:
       state_.Extensions.Clear();
+      state_.SmtpUtf8Offered = false;
       state_.GreetingDone = true;
       state_.ResetTransaction();
       break;
@@ -215,6 +217,8 @@ void ServerReplyFilter::ApplyExtensionLists() {
   for (const ListEntry& entry : removed.Entries()) {
     for (const std::string& keyword : entry.patterns) state_.Extensions.RemoveExtension(FirstWord(keyword));
   }
+  // What is added is our word, not the server's.
+  state_.SmtpUtf8Offered = state_.Extensions.Has(kSmtpUtf8);
   for (const ListEntry& entry : added.Entries()) {
     for (const std::string& line : entry.patterns) {
       if (server_takes_chunks || !EqualNoCase(FirstWord(line), kChunking))

@@ -2,8 +2,9 @@
 
 namespace trabex {
 
-void SessionState::BeginTransaction(std::string_view sender) {
+void SessionState::BeginTransaction(std::string_view sender, bool smtp_utf8) {
   Sender = sender;
+  SmtpUtf8 = smtp_utf8;
   Recipient.clear();
   RecipientCount = 0;
   Greylisted = false;
@@ -12,6 +13,7 @@ void SessionState::BeginTransaction(std::string_view sender) {
 void SessionState::ResetTransaction() {
   TransactionOpen = false;
   Sender.clear();
+  SmtpUtf8 = false;
   Recipient.clear();
   RecipientCount = 0;
   Greylisted = false;

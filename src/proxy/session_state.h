@@ -44,6 +44,7 @@ struct SessionState {
   bool EhloUsed = false;      // the last greeting was EHLO
   std::string HeloDomain;
   ExtensionCollection Extensions;  // what the server offered, rewritten; empty after HELO
+  bool SmtpUtf8Offered = false;    // by the server itself (RFC 6531), and left in its reply
   FixedPoint SizeLimit = 0;        // bytes for a message of this session; 0: none
 
   // Transaction.
@@ -52,6 +53,7 @@ struct SessionState {
   std::string Recipient;            // mailbox of the last RCPT
   FixedPoint DeclaredSize = 0;      // SIZE= of MAIL
   std::int64_t RecipientCount = 0;  // RCPT commands of the transaction, refused ones too
+  bool SmtpUtf8 = false;            // its MAIL carries SMTPUTF8, which the server offered
   bool Greylisted = false;          // let through so far, refused at DATA
   bool ChunkSequence = false;       // between the first BDAT of a message and its LAST
   bool LastChunk = false;           // the BDAT under way is the last one
@@ -64,7 +66,7 @@ struct SessionState {
   ContentTracker Content;
 
   // A MAIL that goes to the server begins a transaction; whether one is open, the server says.
-  void BeginTransaction(std::string_view sender);
+  void BeginTransaction(std::string_view sender, bool smtp_utf8);
   // What EHLO, HELO and RSET leave behind.
   void ResetTransaction();
   // 354 to DATA, or any reply to the last chunk: the server is done with the transaction, the next message

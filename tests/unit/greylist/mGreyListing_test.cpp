@@ -250,7 +250,10 @@ TEST_F(GreyListing, KeysAreNetworkAndLowerCaseAddresses) {
       {"10.1.2.255", "S@A.Test", "R@B.TEST", "10.1.2 s@a.test r@b.test"},
       {"255.255.255.0", "", "r@b.test", "255.255.255  r@b.test"},
       {"1.2.3.4", "\"A B\"@c.test", "Postmaster", "1.2.3 \"a b\"@c.test postmaster"},
-      {"1.2.3.4", "\xC3\x84@c.test", "r@b.test", "1.2.3 \xC3\x84@c.test r@b.test"},  // ASCII only
+      {"1.2.3.4", "Ä@c.test", "R@b.test", "1.2.3 ä@c.test r@b.test"},
+      // Every spelling is the same triple, also the one that always was ASCII.
+      {"1.2.3.4", "s@c.test", "ſales@local.teﬆ", "1.2.3 s@c.test sales@local.test"},
+      {"1.2.3.4", "\uFF33@c.test", "sa\u00ADle\u200Bs@local.test", "1.2.3 s@c.test sales@local.test"},
   };
   for (const auto& triple : cases) {
     database_.Clear();

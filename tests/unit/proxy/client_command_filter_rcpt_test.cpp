@@ -56,6 +56,8 @@ TEST(Rcpt, AddressesOfALocalClient) {
       {"RCPT TO:<u@far.test> v@far.test", kSyntax, kSyntax, kSyntax},
       {"RCPT TO:u@far.test (<v@far.test>)", kSyntax, kSyntax, "-> RCPT TO:u@far.test (<v@far.test>)"},
       {"RCPT FROM:<u@far.test>", kSyntax, kSyntax, kSyntax},
+      {"RCPT TO:", kSyntax, kSyntax, kSyntax},
+      {"RCPT TO: ", kSyntax, kSyntax, kSyntax},
       {"RCPT TO :<u@far.test>", kSyntax, kSyntax, kSyntax},
       {"RCPT", kSyntax, kSyntax, kSyntax},
       {"RCPT <u@far.test>", kSyntax, kSyntax, kSyntax},
@@ -93,7 +95,9 @@ TEST(Rcpt, ARemoteClientMayWriteToLocalDomainsOnly) {
       // No domain at all.
       {"RCPT TO:<postmaster>", relaying("postmaster")},
       {"RCPT TO:<>", relaying("")},
-      {"RCPT TO:", relaying("")},
+      {"RCPT TO:", kSyntax},
+      {"RCPT TO:  ", kSyntax},
+      {"RCPT TO:<", kSyntax},
       // Servers that trust the proxy route these on.
       {"RCPT TO:<x%evil.test@local.test>", relaying("local.test")},
       {R"(RCPT TO:<"x@evil.test"@local.test>)", relaying("local.test")},
