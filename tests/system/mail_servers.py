@@ -181,7 +181,7 @@ class Postfix:
                         content)
         if not head:
             raise AssertionError(f"not as Postfix delivers: {content[:400]!r}")
-        return head.group(1).decode("ascii"), content[head.end():]
+        return head.group(1).decode("utf-8"), content[head.end():]
 
 
 class ScriptedServer:
