@@ -35,7 +35,7 @@ the session is also played with a cut at each place, each part sent when the one
 
 In whatever is sent, "nnn" becomes the number of the play, so that a log tells which one it was. Addresses that may never
 reach a server begin with "evil-nnn" (a recipient elsewhere) or "black-nnn" (a sender, recipient or name that is
-black-listed).
+black-listed), in whatever letters.
 """
 
 import re

@@ -7,11 +7,12 @@ the end of the content.
 
 import asyncio
 import re
+import unicodedata
 
 from hostile_sessions import PLACEHOLDER
 from processes import LOOPBACK, bound
 
-MARKER = re.compile(rb"(?i:evil|black)-(\w{%d})" % len(PLACEHOLDER))
+_MARKER = re.compile(rb"(?i:evil|black)-(\w{%d})" % len(PLACEHOLDER))
 
 _LINE_ENDS = re.compile(rb"[\r\n\0\v\f]+")
 _BLANKS = b" \t\x08\x1b\x7f\xa0"
@@ -25,7 +26,8 @@ _BDAT = re.compile(rb"(?i:BDAT)(?![A-Za-z0-9])")
 _PLAIN_BDAT = re.compile(rb"BDAT (0|[1-9][0-9]{0,9})(?: .*)?\Z")
 _DOT = re.compile(rb"(?:\A|[\r\n])\.[\r\n\0]")
 
-_EXTENSIONS = ["SIZE 100000", "8BITMIME", "CHUNKING", "PIPELINING", "STARTTLS", "XCLIENT ADDR", "XFORWARD ADDR"]
+_EXTENSIONS = ["SIZE 100000", "8BITMIME", "CHUNKING", "PIPELINING", "STARTTLS", "XCLIENT ADDR", "XFORWARD ADDR",
+               "SMTPUTF8"]
 
 
 class Record:
@@ -49,6 +51,17 @@ class Record:
         return "\n".join(f"    {kind}: {data[:300]!r}" for kind, data in self.pieces)
 
 
+def markers(data):
+    """The numbers of the plays whose mark stands in the bytes, as it is or in letters that servers fold to it."""
+    if data.isascii():
+        return _MARKER.findall(data)
+    text = unicodedata.normalize("NFKC", data.decode("utf-8", errors="surrogateescape").casefold()).casefold()
+    # What nobody sees is dropped.
+    text = "".join(letter for letter in text
+                   if unicodedata.category(letter) != "Cf" and not "\ufe00" <= letter <= "\ufe0f")
+    return _MARKER.findall(data) + _MARKER.findall(text.encode("utf-8", errors="surrogateescape"))
+
+
 def command_violations(data):
     """What a server that takes anything for a line end finds in a command line, and must not, in words."""
     found = []
@@ -56,7 +69,7 @@ def command_violations(data):
         line = line.strip(_BLANKS)
         if _NEVER.match(line):
             found.append(f"a command that is never forwarded: {line!r}")
-        elif _CHECKED.match(line) and MARKER.search(_HARMLESS.sub(b"", line)):
+        elif _CHECKED.match(line) and markers(_HARMLESS.sub(b"", line)):
             found.append(f"an address that was to be refused: {line!r}")
         elif _BDAT.match(line) and not (_PLAIN_BDAT.match(line) and int(line.split()[1]) < 1 << 31):
             found.append(f"a count that may be read in several ways: {line!r}")

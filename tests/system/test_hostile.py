@@ -12,7 +12,7 @@ import re
 
 from hostile_plays import plays, run_all, unguarded_play
 from hostile_sessions import SERVERS, all_sessions
-from recording_server import MARKER, RecordingServer, command_violations
+from recording_server import RecordingServer, command_violations, markers
 from trabex_system import LOOPBACK, HaProxy, Options, Story, bound, main
 
 LEAST_SESSIONS = 150
@@ -106,7 +106,7 @@ class Hostile(Story):
         by_number = {play.number: play for play in all_plays}
         reached = {}
         for line in (server.log() + "\n" + server.queued()).splitlines():
-            for number in MARKER.findall(_HARMLESS.sub("", line).encode("utf-8", errors="surrogateescape")):
+            for number in markers(_HARMLESS.sub("", line).encode("utf-8", errors="surrogateescape")):
                 # A command that the server complains of is what it took for one, with all that stood in its line.
                 quoted = _QUOTED.search(line)
                 if not quoted or command_violations(quoted.group(1).encode("utf-8", errors="surrogateescape")):
@@ -120,7 +120,7 @@ class Hostile(Story):
         reached = {}
         for record in (record for recorder in recorders for record in recorder.records):
             everything = b"\n".join(data for _, data in record.pieces)
-            numbers = _CLIENT.findall(everything) + MARKER.findall(everything)
+            numbers = _CLIENT.findall(everything) + markers(everything)
             play = by_number[numbers[0].decode("ascii").lower()] if numbers else None
             for violation in record.violations():
                 reached[play] = f"{violation}\n{record.text()}"
