@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "base/text.h"
+#include "base/unicode_fold.h"
 #include "filter_surroundings.h"
 #include "proxy/client_command_filter.h"
 #include "proxy/command_parameters.h"
@@ -72,6 +73,8 @@ class Session {
     state_.ChunkSequence = has('c');
     state_.AuthenticationData = has('a');
     state_.RecipientCount = has('t');
+    state_.SmtpUtf8Offered = has('u');
+    state_.SmtpUtf8 = has('u');
     state_.SizeLimit = has('s') ? 1000 * kFixedPointOne : 0;
     if (!has('x')) {
       state_.Extensions.AddExtension("CHUNKING");
@@ -138,8 +141,7 @@ class Session {
     Require(!HasControlByte(text));
     const std::string verb = ToUpper(FirstWord(text));
     const std::string_view rest = text.substr(verb.size());
-    Require(std::all_of(verb.begin(), verb.end(),
-                        [](char byte) { return static_cast<unsigned char>(byte) < 128; }));
+    Require(IsAscii(verb));
     Require(!text.starts_with(' ') && rest != " " && !rest.starts_with("  "));
     for (std::string_view never : {"STARTTLS", "TURN", "ATRN", "XCLIENT", "XFORWARD"}) Require(verb != never);
     Require(verb == state_.ForwardedVerb);
@@ -161,8 +163,13 @@ class Session {
 
   void CheckRecipient(std::string_view text) {
     Require(text.starts_with("RCPT TO:<"));
+    const std::string_view written = AddressIn(text.substr(9));
+    Require(IsAscii(written) || state_.SmtpUtf8);
+    Require(written.size() <= 320);
     if (facts_.local) return;
-    const std::string_view address = AddressIn(text.substr(9));
+    // As servers fold it.
+    const std::string folded = FoldText(written);
+    const std::string_view address = folded;
     // One without "@" is its own domain.
     if (EqualNoCase(address, "local.test")) return;
     const std::size_t at = address.rfind('@');
@@ -174,7 +181,9 @@ class Session {
 
   void CheckSender(std::string_view text) {
     Require(text.substr(4, 7) == " FROM:<");
-    Require(!EndsWithNoCase(AddressIn(text.substr(11)), "@black.test"));
+    const std::string_view address = AddressIn(text.substr(11));
+    Require(IsAscii(address) || state_.SmtpUtf8Offered);
+    Require(address.size() <= 320 && !EndsWithFolded(address, "@black.test"));
   }
 
   Configuration configuration_;
