@@ -9,6 +9,8 @@
 #include <new>
 
 #include "base/text.h"
+#include "base/utf8.h"
+#include "base/visible_text.h"
 
 namespace trabex {
 
@@ -22,25 +24,11 @@ const utf8proc_uint8_t* Bytes(std::string_view text) {
   return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
 }
 
-// The character that `text` (not empty) begins with, and its length; a length of 0 for what is no character.
-struct Character {
-  utf8proc_int32_t code_point = 0;
-  std::size_t size = 0;
-};
-
-Character FirstCharacter(std::string_view text) {
-  Character character;
-  const utf8proc_ssize_t size =
-      utf8proc_iterate(Bytes(text), static_cast<utf8proc_ssize_t>(text.size()), &character.code_point);
-  character.size = size > 0 ? static_cast<std::size_t>(size) : 0;
-  return character;
-}
-
 // The length of the well-formed run at the front of `text`.
 std::size_t WellFormedLength(std::string_view text) {
   std::size_t at = 0;
   while (at < text.size()) {
-    const std::size_t size = FirstCharacter(text.substr(at)).size;
+    const std::size_t size = FirstUtf8Character(text.substr(at)).size;
     if (size == 0) break;
     at += size;
   }
@@ -51,8 +39,8 @@ std::size_t WellFormedLength(std::string_view text) {
 template <class Holds>
 bool AllCharacters(std::string_view text, Holds holds) {
   while (!text.empty()) {
-    const Character character = FirstCharacter(text);
-    if (character.size == 0 || !holds(character.code_point)) return false;
+    const Utf8Character character = FirstUtf8Character(text);
+    if (character.size == 0 || !holds(static_cast<utf8proc_int32_t>(character.code))) return false;
     text.remove_prefix(character.size);
   }
   return true;
@@ -93,21 +81,6 @@ std::string FoldRuns(std::string_view text) {
   return result;
 }
 
-bool IsIn(utf8proc_int32_t code_point, utf8proc_int32_t first, utf8proc_int32_t last) {
-  return first <= code_point && code_point <= last;
-}
-
-// They turn the text around them about, so that a log shows another address than it holds.
-bool IsBidiControl(utf8proc_int32_t code_point) {
-  return code_point == 0x061C || IsIn(code_point, 0x200E, 0x200F) || IsIn(code_point, 0x202A, 0x202E) ||
-         IsIn(code_point, 0x2066, 0x2069);
-}
-
-// They repeat ASCII, unseen.
-bool IsTag(utf8proc_int32_t code_point) {
-  return IsIn(code_point, 0xE0000, 0xE007F);
-}
-
 bool IsAddressCharacter(utf8proc_int32_t code_point) {
   if (code_point < 128) return true;
   switch (utf8proc_category(code_point)) {
@@ -120,7 +93,8 @@ bool IsAddressCharacter(utf8proc_int32_t code_point) {
     case UTF8PROC_CATEGORY_ZP:
       return false;
     default:
-      return !IsBidiControl(code_point) && !IsTag(code_point);
+      // The others that a log does not show turn the text around them about, or repeat ASCII unseen.
+      return IsVisible(static_cast<char32_t>(code_point));
   }
 }
 

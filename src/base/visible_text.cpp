@@ -17,12 +17,12 @@ struct CodeRange {
 constexpr CodeRange kInvisible[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0x061C, 0x061C},  {0x200E, 0x200F},
                                     {0x2028, 0x202E}, {0x2066, 0x2069}, {0xE0000, 0xE007F}};
 
+}  // namespace
+
 bool IsVisible(char32_t code) {
   return std::none_of(std::begin(kInvisible), std::end(kInvisible),
                       [&](const CodeRange& range) { return code >= range.first && code <= range.last; });
 }
-
-}  // namespace
 
 TextPiece FirstPiece(std::string_view text) {
   const Utf8Character character = FirstUtf8Character(text);

@@ -19,6 +19,9 @@ struct TextPiece {
   bool visible = true;
 };
 
+// Whether the character is visible in this sense.
+bool IsVisible(char32_t code);
+
 // What `text` (not empty) begins with.
 TextPiece FirstPiece(std::string_view text);
 
