@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "support/ascii_spellings.h"
 #include "support/fake_clock.h"
 #include "support/recorded_log.h"
+#include "support/utf8.h"
 #include "unit/greylist/greylist_support.h"
 
 namespace trabex {
@@ -269,6 +271,21 @@ TEST_F(GreyListing, OneRecordForANetworkAndAnyCase) {
   EXPECT_EQ(Check("10.1.2.3", "a", "s2@a.test", "r@b.test"), kNew);
   EXPECT_EQ(Check("10.1.2.3", "a", "s@a.test", "r2@b.test"), kNew);
   EXPECT_EQ(database_.Count(), 4U);
+}
+
+// No spelling gives a client a new triple, and so a new first attempt.
+TEST_F(GreyListing, EveryAsciiSpellingIsTheSameTriple) {
+  for (const AsciiSpelling& row : kAsciiSpellings) {
+    const std::string folded = row.folded;
+    database_.Clear();
+    EXPECT_EQ(Check("10.1.2.3", "h", "x" + folded + "@a.test", folded + "y@b.test"), kNew) << folded;
+    for (const char32_t* character = row.characters; *character != 0; ++character) {
+      const std::string written = Utf8(*character);
+      EXPECT_EQ(Check("10.1.2.3", "h", "x" + written + "@a.test", folded + "y@b.test"), kDelayed) << written;
+      EXPECT_EQ(Check("10.1.2.3", "h", "x" + folded + "@a.test", written + "y@b.test"), kDelayed) << written;
+    }
+    EXPECT_EQ(database_.Count(), 1U) << folded;
+  }
 }
 
 TEST_F(GreyListing, ALongerKeyThanTheFileHoldsIsCut) {

@@ -455,6 +455,19 @@ TEST_F(EveryAsciiSpelling, Replacements) {
   EXPECT_EQ(d_.Says("RCPT TO:<another@local.test>"), "-> RCPT TO:<another@local.test>");
 }
 
+TEST_F(EveryAsciiSpelling, KeysOfResponses) {
+  MailWithSmtpUtf8(d_);
+  d_.configuration.PrivateRecipients = ListOf({"*"});
+  for (const Spelling& spelling : spellings_) {
+    const std::string key = "RCPT.Private." + spelling.folded + "@local.test";
+    if (!d_.configuration.ResponseChanges.Find(key)) {
+      d_.configuration.ResponseChanges.Add(WholeReply(key, "550 ours"));
+    }
+  }
+  ExpectAnswer("RCPT TO:<", "@local.test>", "<- 550 ours");
+  EXPECT_TRUE(d_.Says("RCPT TO:<another@local.test>").starts_with("<- 550 5.2.1 "));
+}
+
 // A list may hold the spelling, and the host's name or the address be ASCII.
 TEST_F(EveryAsciiSpelling, InTheListItself) {
   for (const Spelling& spelling : spellings_) {
