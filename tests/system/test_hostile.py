@@ -32,7 +32,7 @@ POSTFIX = {"mydestination": "local.test", "virtual_mailbox_domains": "", "local_
 EXIM = {"queue_only": "true", "percent_hack_domains": "*", "strip_trailing_dot": "true", "allow_domain_literals": "true",
         "strip_excess_angle_brackets": "true", "pipelining_advertise_hosts": "*", "smtp_enforce_sync": "false",
         "helo_accept_junk_hosts": "*", "acl_smtp_vrfy": "accept", "acl_smtp_expn": "accept", "acl_smtp_etrn": "accept",
-        "smtp_max_synprot_errors": 1000, "smtp_max_unknown_commands": 1000, "smtp_receive_timeout": "5s", "acl_smtp_auth": "accept",
+        "smtp_max_synprot_errors": 1000, "smtp_max_unknown_commands": 1000, "smtp_receive_timeout": "12s", "acl_smtp_auth": "accept",
         "authenticators": "login:\n  driver = plaintext\n  public_name = LOGIN\n  server_prompts = Name : Secret\n"
                           "  server_condition = false\n"}
 
