@@ -133,7 +133,10 @@ void frmMain::Form_Unload() {
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   if (listener_) listener_->CloseSck();
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
-  if (program_.configuration.GreyListing.Enabled) program_.greylisting_hooks.save();
+  // A reload may have switched greylisting off and not saved the records.
+  if (program_.configuration.GreyListing.Enabled || !program_.greylisting_hooks.database().empty()) {
+    program_.greylisting_hooks.save();
+  }
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
   program_.instance_lock.reset();

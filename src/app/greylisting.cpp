@@ -25,7 +25,7 @@ GreyListingHooks GreyListing::MakeHooks() {
                 };
                 return store_.SaveInBackground(done) || store_.SavingInBackground();
               },
-          .database = [this] { return store_.Path(); }};
+          .database = [this] { return store_.LoadedPath().value_or(""); }};
 }
 
 }  // namespace trabex

@@ -27,8 +27,8 @@ struct GreyListingHooks {
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
   // False when there is nothing to save.
   std::function<bool(std::function<void(DateTime time)> saved)> save_in_background;
-  // The database that the records are saved to; another one than the setting's while a reload that changed
-  // that could not save them.
+  // The database that the records in memory are saved to; empty when there are none because greylisting is
+  // off. While a reload could not save them it is another one than the setting's, or greylisting is off.
   std::function<std::string()> database;
 };
 

@@ -74,8 +74,10 @@ bool Program::SaveGreyListing() {
   };
   // A save in place and a load would hold up the sessions, with a million records for most of a second. Not
   // the setting's value of before counts: a change that could not be followed then is followed now.
-  const bool stays = settings.Enabled && settings.Database == greylisting_hooks.database();
-  if (stays && greylisting_hooks.save_in_background(saved)) return false;
+  if (settings.Enabled && settings.Database == greylisting_hooks.database()) {
+    greylisting_hooks.save_in_background(saved);
+    return false;
+  }
   const GreyListingSaveResult result = greylisting_hooks.save();
   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;

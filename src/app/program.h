@@ -53,9 +53,9 @@ struct Program {
   bool LockInstance();
   // Writes the configuration in force into the log file.
   void LogConfiguration();
-  // Saves the greylisting data at a reload. False when the file does not hold them yet, so that they are not
-  // to be loaded from it: they go on in memory, as they do when the save has failed (the log says so), or is
-  // made in the background because the setting still names the database that they are saved to.
+  // Saves the greylisting data at a reload. False when they are to go on in memory: the setting still names
+  // the database that they are saved to (then the save is made in the background), or the save has failed
+  // (the log says so).
   bool SaveGreyListing();
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;

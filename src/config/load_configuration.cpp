@@ -157,6 +157,13 @@ void FollowGreyListing(const LoadEnvironment& environment, const Configuration& 
   Call(configuration.GreyListing.Enabled ? environment.load_greylisting : environment.clear_greylisting);
 }
 
+// The same where there may be records in memory.
+void FollowGreyListingAgain(const LoadEnvironment& environment, const Configuration& configuration,
+                            const std::string& database_before) {
+  if (environment.save_greylisting && !environment.save_greylisting(database_before)) return;
+  FollowGreyListing(environment, configuration);
+}
+
 // False at a bad value, which is reported where it was found.
 bool AssignSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,
                     Configuration& configuration) {
@@ -205,13 +212,12 @@ LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& 
 LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini,
                                Configuration& configuration) {
   const IniErrors errors{environment.log, configuration.IgnoreIniErrors};
-  const bool was_enabled = configuration.GreyListing.Enabled;
   const std::string database_before = configuration.GreyListing.Database;
   const bool other_stamp = environment.file.stamp != ini.stamp;
   {
     SectionStore store;
     if (!mCommon::ReadIniText(environment.file.path, std::move(ini.text), store, errors)) {
-      FollowGreyListing(environment, configuration);
+      FollowGreyListingAgain(environment, configuration, database_before);
       return LoadResult::kFailed;
     }
     environment.file.stamp = ini.stamp;
@@ -221,9 +227,7 @@ LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini,
                               ? "Configuration reloaded because date/time of initialization file changed."
                               : "Configuration reloaded; date/time of initialization file has not changed.");
   if ((configuration.Log & 2) != 0) Call(environment.dump_configuration);
-  const bool saved =
-      !was_enabled || !environment.save_greylisting || environment.save_greylisting(database_before);
-  if (saved || !configuration.GreyListing.Enabled) FollowGreyListing(environment, configuration);
+  FollowGreyListingAgain(environment, configuration, database_before);
   return LoadResult::kLoaded;
 }
 

@@ -22,8 +22,8 @@ struct LoadEnvironment {
 
   // Writes the dump of the configuration; called after a reload if `Log` asks for it.
   std::function<void()> dump_configuration = {};
-  // Saves the greylisting data to `database`; false when they are not in it on return, which a load would
-  // lose.
+  // Saves the greylisting data, if there are any in memory, to `database`; false when they are to go on in
+  // memory, since a load would lose some or bring nothing new.
   std::function<bool(const std::string& database)> save_greylisting = {};
   // Loads them from the configuration's database; forgets those in memory.
   std::function<void()> load_greylisting = {};
@@ -43,9 +43,8 @@ enum class LoadResult {
 LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration);
 
 // The same at a reload, from the file as it was taken; one line is logged when the settings are read. Before
-// the greylisting data are loaded they are saved to the database that was in force before, if greylisting was
-// on. Data that could not be saved stay as they are while greylisting is on: a load would replace them by
-// older ones.
+// the greylisting data are loaded or forgotten they are saved to the database that was in force before. What
+// could not be saved stays in memory.
 LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini, Configuration& configuration);
 
 // The part that reads the settings. Raises what ReportConfigError raises.

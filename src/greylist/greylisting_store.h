@@ -79,10 +79,11 @@ class GreyListingStore {
   // Drops all records, for greylisting disabled. Waits for a save in the background first.
   void ClearGreyListingDatabase();
 
-  // Where saves go.
-  const std::string& Path() const { return path_ ? *path_ : settings_.Database; }
+  // Where the records are saved to; nothing before the first load and after they were dropped.
+  const std::optional<std::string>& LoadedPath() const { return path_; }
 
  private:
+  const std::string& Path() const { return path_ ? *path_ : settings_.Database; }
   void Drop();
   GreyListingSaveResult Saved(DateTime now, std::size_t left_out);
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);

@@ -331,6 +331,67 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
   }
 }
 
+TEST_F(AutoReloadTest, RecordsAreNotLoadedAnewWhereTheDatabaseStays) {
+  const std::string greylisting = "[GreyListing]\nEnabled=1\nDelay=0\n";
+  WriteIni(greylisting);
+  Start();
+  EXPECT_TRUE(program_->greylisting.Delays("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+  ASSERT_EQ(program_->greylisting_hooks.save().kind, GreyListingSaveResult::Kind::kSaved);
+  std::filesystem::remove(Settings().GreyListing.Database);
+  log_.clear();
+  WriteIni("Timeout=200\n" + greylisting);
+  Pass(60);
+  ASSERT_EQ(Reloads(), 1);
+  EXPECT_THAT(log_, Not(Contains(HasSubstr("GreyListing database"))));
+  EXPECT_FALSE(program_->greylisting.Delays("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+}
+
+TEST_F(AutoReloadTest, RecordsOutliveAReloadThatFails) {
+  for (const char* bad : {"nonsense\n[GreyListing]\nEnabled=1\n", "[GreyListing]\nEnabled=1\nTTL=x\n",
+                          "[GreyListing]\nEnabled=0\nTTL=x\n"}) {
+    SCOPED_TRACE(bad);
+    WriteIni("[GreyListing]\nEnabled=1\n");
+    Start();
+    EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    const std::string database = folder_ / "GreyListing/GreyListing.gldb";
+    WriteIni(std::string("IgnoreIniErrors=0\n") + bad);
+    Pass(60);
+    EXPECT_TRUE(Window().Unloaded());
+    EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
+    program_->greylisting_hooks.clear();
+    std::filesystem::remove(database);
+  }
+}
+
+// Switched off nothing is judged by them, but they are there when it is switched on again.
+TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayWithGreylistingOff) {
+  const std::string in_force = "[GreyListing]\nEnabled=1\nDelay=0\n";
+  for (const std::string& next : {std::string(), in_force, in_force + "Database=other.gldb\n"}) {
+    SCOPED_TRACE(next);
+    WriteIni(in_force);
+    Start();
+    EXPECT_TRUE(program_->greylisting.Delays("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    const std::string database = Settings().GreyListing.Database;
+    const std::filesystem::path in_the_way = database + "new";
+    std::filesystem::create_directories(in_the_way);
+    WriteIni("");
+    Pass(60);
+    ASSERT_EQ(Reloads(), 1);
+    EXPECT_THAT(log_, Contains(StartsWith("Unable to save GreyListing database. Error 75.")));
+
+    std::filesystem::remove(in_the_way);
+    if (!next.empty()) {
+      WriteIni(next);
+      Pass(60);
+      ASSERT_EQ(Reloads(), 2);
+    }
+    Window().Form_Unload();
+    EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
+    program_->greylisting_hooks.clear();
+    std::filesystem::remove(database);
+  }
+}
+
 // Else all later saves would go to the old place, where the next start does not look.
 TEST_F(AutoReloadTest, AMoveOfTheDatabaseThatFailedIsMadeByTheNextReload) {
   WriteIni("[GreyListing]\nEnabled=1\n");

@@ -423,12 +423,14 @@ TEST_F(GreyListingTimerTest, ReloadSavesInTheBackgroundWhereTheDatabaseStays) {
     bool enabled;
     bool has_changed;
     const char* database;
-    bool in_background;
+    bool loads;  // what is saved in the background is not to be loaded, nor what has not changed
+    int in_background;
+    std::size_t in_place;
   } rows[] = {
-      {true, true, "here.gldb", true},
-      {true, true, "there.gldb", false},
-      {true, false, "here.gldb", false},
-      {false, true, "here.gldb", false},
+      {true, true, "here.gldb", false, 1, 0},
+      {true, true, "there.gldb", true, 0, 1},
+      {true, false, "here.gldb", false, 0, 0},
+      {false, true, "here.gldb", true, 0, 1},
   };
   log_.emplace_back("a line");
   for (const auto& row : rows) {
@@ -436,11 +438,10 @@ TEST_F(GreyListingTimerTest, ReloadSavesInTheBackgroundWhereTheDatabaseStays) {
     has_changed_ = row.has_changed;
     background_saves_ = 0;
     saved_after_.clear();
-    // What is saved in the background is not to be loaded.
     kept_in_ = row.database;
-    EXPECT_EQ(program_.SaveGreyListing(), !row.in_background);
-    EXPECT_EQ(background_saves_, row.in_background ? 1 : 0);
-    EXPECT_EQ(saved_after_.size(), row.in_background ? 0U : 1U);
+    EXPECT_EQ(program_.SaveGreyListing(), row.loads);
+    EXPECT_EQ(background_saves_, row.in_background);
+    EXPECT_EQ(saved_after_.size(), row.in_place);
   }
   Settings().GreyListing.Enabled = false;
 }
