@@ -50,6 +50,7 @@ void AutoReload::Request() {
   }
   tmrAutoReloadDelay.Disable();
   unfinished_stamp_.reset();
+  reported_stamp_.reset();
   if (std::optional<IniText> ini = TakeFile()) Reload(std::move(*ini));
 }
 
@@ -101,12 +102,17 @@ std::optional<IniText> AutoReload::TakeFile() {
   const std::string& path = program_.ini_file.path;
   try {
     IniText ini = mCommon::TakeIniFile(path);
-    if (mCommon::HasSection(ini.text)) return ini;
+    if (mCommon::HasSection(ini.text)) {
+      reported_stamp_.reset();
+      return ini;
+    }
     refused_stamp_ = ini.stamp;
     throw Error(error_number::kBadFileContent, "AutoReload.TakeFile",
                 "It has no section; the configuration in force stays.");
   } catch (const Error& error) {
-    mCommon::LogUnreadableIniFile(program_.log, path, error);
+    // One that cannot be read is tried again at each change in its folder, which may be a line of the log.
+    if (reported_stamp_ != awaited_stamp_) mCommon::LogUnreadableIniFile(program_.log, path, error);
+    reported_stamp_ = awaited_stamp_;
   }
   unfinished_stamp_.reset();
   return std::nullopt;

@@ -53,7 +53,7 @@ class AutoReload {
   std::optional<std::int64_t> ChangeCheck();
   // Begins the delay (anew) for the file of this date.
   void AwaitQuiet(std::int64_t stamp);
-  // The file, or nothing when it cannot be used; the log says why.
+  // The file, or nothing when it cannot be used; the log says why, once for each date that was awaited.
   std::optional<IniText> TakeFile();
   // Whether the file may not be complete yet; then it is looked at again later.
   bool LooksUnfinished(const IniText& ini);
@@ -72,6 +72,7 @@ class AutoReload {
   std::optional<DateTime> last_date_check_;       // local time
   std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
   std::optional<std::int64_t> refused_stamp_;     // of a file that was no initialization file
+  std::optional<std::int64_t> reported_stamp_;    // of a file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is looked at once more
   bool settling_ = false;   // the new addresses are being put in force, which may take a look-up
   bool requested_ = false;  // meanwhile

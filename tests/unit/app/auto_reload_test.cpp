@@ -466,6 +466,24 @@ TEST_F(AutoReloadTest, ARefusedFileIsReportedOnce) {
   EXPECT_EQ(Settings().Timeout, 200);
 }
 
+TEST_F(AutoReloadTest, AFileThatCannotBeReadIsReportedOnceAndReadWhenItCan) {
+  Start();
+  std::filesystem::remove(ini_);
+  std::filesystem::create_directory(ini_);
+  const auto date = next_date_ += seconds(10);
+  std::filesystem::last_write_time(ini_, date);
+  for (int i = 0; i < 10; ++i) {
+    Pass(20);
+    Write(folder_ / "Trabex-25.log", "a line more\n");
+  }
+  EXPECT_THAT(log_, ElementsAre(HasSubstr("Error reading initialization file")));
+  std::filesystem::remove(ini_);
+  WriteIni("Timeout=200\n");
+  std::filesystem::last_write_time(ini_, date);
+  Pass(60);
+  EXPECT_EQ(Settings().Timeout, 200);
+}
+
 TEST_F(AutoReloadTest, ALastLineWithoutItsEndIsWaitedForOnce) {
   Start();
   Pass(20);
