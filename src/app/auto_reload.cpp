@@ -49,7 +49,6 @@ void AutoReload::Request() {
     return;
   }
   tmrAutoReloadDelay.Disable();
-  unfinished_stamp_.reset();
   reported_stamp_.reset();
   if (std::optional<IniText> ini = TakeFile()) Reload(std::move(*ini));
 }
@@ -73,15 +72,18 @@ std::optional<std::int64_t> AutoReload::ChangeCheck() {
   // Armed before the date is read: what is written from here on is signalled anew.
   watch_->Rearm();
   last_date_check_ = now;
+  const std::optional<std::int64_t> stamp = StampNow();
+  if (stamp == program_.ini_file.stamp) return std::nullopt;
+  // Another file of the folder, a log perhaps, must not put the reload off for as long as it is written to.
+  if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return std::nullopt;
+  return stamp;
+}
+
+std::optional<std::int64_t> AutoReload::StampNow() const {
   try {
-    const std::int64_t stamp =
-        FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
-    if (stamp == program_.ini_file.stamp || stamp == refused_stamp_) return std::nullopt;
-    // Another file of the folder, a log perhaps, must not put the reload off for as long as it is written to.
-    if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return std::nullopt;
-    return stamp;
+    return FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
   } catch (const Error&) {
-    return std::nullopt;  // a file that cannot be asked counts as unchanged
+    return std::nullopt;
   }
 }
 
@@ -102,19 +104,15 @@ std::optional<IniText> AutoReload::TakeFile() {
   const std::string& path = program_.ini_file.path;
   try {
     IniText ini = mCommon::TakeIniFile(path);
-    if (mCommon::HasSection(ini.text)) {
-      reported_stamp_.reset();
-      return ini;
-    }
-    refused_stamp_ = ini.stamp;
+    if (mCommon::HasSection(ini.text)) return ini;
     throw Error(error_number::kBadFileContent, "AutoReload.TakeFile",
                 "It has no section; the configuration in force stays.");
   } catch (const Error& error) {
-    // One that cannot be read is tried again at each change in its folder, which may be a line of the log.
-    if (reported_stamp_ != awaited_stamp_) mCommon::LogUnreadableIniFile(program_.log, path, error);
-    reported_stamp_ = awaited_stamp_;
+    // It is tried again at each change in its folder, and that may be the line of the log itself.
+    const std::optional<std::int64_t> stamp = StampNow();
+    if (!stamp || stamp != reported_stamp_) mCommon::LogUnreadableIniFile(program_.log, path, error);
+    reported_stamp_ = stamp;
   }
-  unfinished_stamp_.reset();
   return std::nullopt;
 }
 

@@ -49,11 +49,13 @@ class AutoReload {
   void tmrAutoReload_Timer();
   void tmrAutoReloadDelay_Timer();
   // The file's date if that is another one than at the last successful read, and not the one that the delay
-  // runs for already, nor that of a file that was refused. Asked at most every 15 seconds.
+  // runs for already. Asked at most every 15 seconds.
   std::optional<std::int64_t> ChangeCheck();
+  // The file's date; nothing when it cannot be asked for.
+  std::optional<std::int64_t> StampNow() const;
   // Begins the delay (anew) for the file of this date.
   void AwaitQuiet(std::int64_t stamp);
-  // The file, or nothing when it cannot be used; the log says why, once for each date that was awaited.
+  // The file, or nothing when it cannot be used; the log says why, once for each date.
   std::optional<IniText> TakeFile();
   // Whether the file may not be complete yet; then it is looked at again later.
   bool LooksUnfinished(const IniText& ini);
@@ -71,8 +73,7 @@ class AutoReload {
   std::unique_ptr<ChangeWatch> watch_;
   std::optional<DateTime> last_date_check_;       // local time
   std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
-  std::optional<std::int64_t> refused_stamp_;     // of a file that was no initialization file
-  std::optional<std::int64_t> reported_stamp_;    // of a file of which the log says why it was not taken
+  std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is looked at once more
   bool settling_ = false;   // the new addresses are being put in force, which may take a look-up
   bool requested_ = false;  // meanwhile

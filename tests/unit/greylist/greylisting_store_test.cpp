@@ -675,6 +675,11 @@ TEST_F(CrampedStore, TellsWhatIsLeftOutOnceAnHour) {
   EXPECT_EQ(LinesOfSave(true), Lines{});
   clock_.Advance(std::chrono::minutes(59));
   EXPECT_EQ(LinesOfSave(false), Lines{});
+  // Only the time that has really passed counts.
+  for (const double days : {0.1, -0.1}) {
+    clock_.SetNow(clock_.Now() + days);
+    EXPECT_EQ(LinesOfSave(false), Lines{});
+  }
   clock_.Advance(std::chrono::minutes(1));
   EXPECT_EQ(LinesOfSave(true), Lines{kLeftOut + "16."});
   // What fits is nothing to tell.

@@ -6,6 +6,8 @@
 #include <random>
 #include <vector>
 
+#include "greylist_support.h"
+
 namespace trabex {
 namespace {
 
@@ -65,6 +67,15 @@ TEST(PendingQueue, ClearedIsEmpty) {
   const std::uint32_t entry = queue.Add(3, 5);
   EXPECT_EQ(queue.OldestBeside(entry), 5U);
   EXPECT_EQ(queue.CountBeside(entry), 1U);
+}
+
+// As with clients that come from another network each time.
+TEST(PendingQueue, UsesThePlacesOfThoseThatLeftAgain) {
+  if (!CountsMemory()) GTEST_SKIP() << "a sanitizer's memory says nothing";
+  PendingQueue queue;
+  const std::size_t before = HeapInUse();
+  for (std::uint32_t number = 0; number < 200'000; ++number) queue.Remove(queue.Add(number, number));
+  EXPECT_LT(HeapInUse(), before + 100'000);
 }
 
 // Against a plain list, in any sequence of arrivals and departures.
