@@ -5,7 +5,6 @@
 namespace trabex {
 
 std::string Printable(std::string_view text) {
-  static constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string result;
   result.reserve(text.size());
   while (!text.empty()) {
@@ -14,11 +13,7 @@ std::string Printable(std::string_view text) {
     if (piece.is_character && piece.visible) {
       result += bytes;
     } else {
-      for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        result.append("\\x") += kDigits[byte >> 4];
-        result += kDigits[byte & 0xF];
-      }
+      AppendHex(result, bytes);
     }
     text.remove_prefix(piece.size);
   }

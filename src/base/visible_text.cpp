@@ -30,4 +30,13 @@ TextPiece FirstPiece(std::string_view text) {
   return {1, 0, false, IsVisible(static_cast<unsigned char>(text[0]))};
 }
 
+void AppendHex(std::string& text, std::string_view bytes) {
+  static constexpr std::string_view kDigits = "0123456789ABCDEF";
+  for (const char c : bytes) {
+    const auto byte = static_cast<unsigned char>(c);
+    text.append("\\x") += kDigits[byte >> 4];
+    text += kDigits[byte & 0xF];
+  }
+}
+
 }  // namespace trabex

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace trabex {
@@ -24,5 +25,8 @@ bool IsVisible(char32_t code);
 
 // What `text` (not empty) begins with.
 TextPiece FirstPiece(std::string_view text);
+
+// Appends each byte as "\xHH", which is what is shown of one that is not to be shown as it is.
+void AppendHex(std::string& text, std::string_view bytes);
 
 }  // namespace trabex

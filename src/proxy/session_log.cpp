@@ -16,14 +16,6 @@ void AppendAligned(std::string& line, std::string_view text, std::size_t width) 
   line.append(text);
 }
 
-void AppendHex(std::string& line, std::string_view bytes) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    line.append("\\x").append(1, kHex[value >> 4]).append(1, kHex[value & 15]);
-  }
-}
-
 // Most of what a peer sends is this.
 bool IsPlain(char c) {
   return c >= ' ' && c <= '~';

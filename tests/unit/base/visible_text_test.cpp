@@ -5,19 +5,10 @@
 #include <cstdint>
 #include <string>
 
+#include "support/utf8.h"
+
 namespace trabex {
 namespace {
-
-std::string Utf8(std::uint32_t code) {
-  const auto part = [&](unsigned lead, int shift) {
-    return static_cast<char>(lead | ((code >> shift) & 0x3F));
-  };
-  const auto first = [&](unsigned lead, int shift) { return static_cast<char>(lead | (code >> shift)); };
-  if (code < 0x80) return {static_cast<char>(code)};
-  if (code < 0x800) return {first(0xC0, 6), part(0x80, 0)};
-  if (code < 0x10000) return {first(0xE0, 12), part(0x80, 6), part(0x80, 0)};
-  return {first(0xF0, 18), part(0x80, 12), part(0x80, 6), part(0x80, 0)};
-}
 
 TEST(VisibleText, CharactersThatCommandOrMisleadAreNotVisible) {
   for (std::uint32_t code = 0; code <= 0x10FFFF; ++code) {
@@ -45,6 +36,12 @@ TEST(VisibleText, BytesThatAreNoCharacterComeOneByOne) {
       EXPECT_EQ(piece.visible, byte >= 0xA0) << byte;
     }
   }
+}
+
+TEST(VisibleText, HexIsOfEachByte) {
+  std::string text = "a";
+  AppendHex(text, std::string_view("\x00\x7F\x9B\xFF", 4));
+  EXPECT_EQ(text, "a\\x00\\x7F\\x9B\\xFF");
 }
 
 }  // namespace
