@@ -107,9 +107,12 @@ bool cProxy::LineHasCome() {
   const std::string_view there = Receiver.PeekView(kLineRoom);
   const std::int64_t begin = Receiver.BytesReceived();
   // The last byte that was there before may be the CR of this line's end.
-  const std::int64_t from = std::clamp<std::int64_t>(looked_to_ - begin - 1, 0, std::ssize(there));
+  const auto seen =
+      static_cast<std::size_t>(std::clamp<std::int64_t>(looked_to_ - begin - 1, 0, std::ssize(there)));
   looked_to_ = begin + std::ssize(there);
-  return there.find(kCrLf, static_cast<std::size_t>(from)) != std::string_view::npos;
+  // Octets that are thrown away hold no lines.
+  const std::uint64_t dropped = std::min<std::uint64_t>(state_.Content.OctetsToDrop(), there.size());
+  return there.find(kCrLf, std::max(seen, static_cast<std::size_t>(dropped))) != std::string_view::npos;
 }
 
 void cProxy::Receiver_SendComplete() {

@@ -27,6 +27,8 @@ class ContentTracker {
   bool Active() const { return mode_ != Mode::kNone; }
   // Whether the content is to be read and thrown away: that of a refused BDAT.
   bool Dropping() const { return mode_ == Mode::kDrop; }
+  // How much of it is still to come; 0 for any other content.
+  std::uint64_t OctetsToDrop() const { return Dropping() ? left_ : 0; }
   // Whether it is content that ends with a dot, that is, after DATA.
   bool EndsWithDot() const { return mode_ == Mode::kDot; }
 

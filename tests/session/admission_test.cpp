@@ -379,6 +379,22 @@ TEST(TimeOut, LinesSentAheadRenewItOnce) {
   }
 }
 
+// The octets of a refused BDAT are no commands, so there are no lines among them.
+TEST(TimeOut, DroppedOctetsDoNotRenewIt) {
+  const auto& refused = kTimedStages[0];
+  const std::string bad_sequence = refused.answer;
+  PlayBothWays(refused.configure, refused.begin + ("C> BDAT 2000000000\n" + bad_sequence) +
+                                      EveryTenSeconds(R"(C! x\r\n)", 60) + "C= nothing\n" +
+                                      EveryTenSeconds(R"(C! \r\n)", 10) + kTimedOut);
+  // A line behind them does, also one that comes with the last of them.
+  for (const int seconds : {20, 30}) {
+    PlayBothWays(refused.configure,
+                 refused.begin + ("C> BDAT 6\n" + bad_sequence) + EveryTenSeconds(R"(C! \r\n)", seconds) +
+                     (seconds == 20 ? "C! \\r\\nNOOP\\r\\n\n" : "C> NOOP\n") + bad_sequence +
+                     EveryTenSeconds("C! x", 60) + "C= nothing\n" + EveryTenSeconds("C! x", 10) + kTimedOut);
+  }
+}
+
 TEST(TimeOut, NeverEndsASessionWithAServer) {
   PlayBothWays([](SessionWorld& world) { world.Settings.Timeout = 60; }, R"(
     S> 220 server ready
