@@ -351,14 +351,14 @@ void cProxy::RelayReply(std::string_view reply) {
     LogSender(log_level::kReceived, std::string("< ").append(reply));
   }
   const ReplyDecision decision = replies_.ProcessOutgoingData(reply);
-  // The content is what the client says next.
-  if (!decision.header.empty()) SendToServer(decision.header, true);
-  if (stage_ == Stage::kClosed) return;
   if (decision.content_cut_off) {
     deaf_ = true;
     CloseAfterSend = true;
   }
   SendToClient(decision.text);
+  // The content is what the client says next. A server that takes no header has gone, and the client hears
+  // that behind the reply.
+  if (stage_ != Stage::kClosed && !decision.header.empty()) SendToServer(decision.header, true);
 }
 
 // A reply that is longer than any that is rewritten passes as it comes; what it means is told by its end.

@@ -78,6 +78,20 @@ TEST(Closing, SoDoLastWordsWithoutTheirLineEnd) {
   }
 }
 
+// The server asks for the content and is gone before it gets the first of it.
+TEST(Closing, LastWordsComeInTheOrderInWhichTheyWereSaid) {
+  SessionWorld world;
+  EXPECT_EQ(world.Play(InTransaction() + R"(
+    C> DATA
+    S= DATA
+    S! 354 go on\r\n421 time is up
+    S resets
+    C= 354 go on
+    C= 421 time is up
+    closed C)"),
+            "");
+}
+
 TEST(Closing, LastWordsWithoutTheirLineEndAreLoggedAsOthersAre) {
   PlayBothWays({}, Greeted() + R"(
     S! 421 time is up
