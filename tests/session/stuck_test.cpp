@@ -47,6 +47,22 @@ class StuckSession {
     ASSERT_LT(Session().BytesSent(), static_cast<std::int64_t>(replies.size()));
   }
 
+  // The server sends replies inside a chunk, and the client reads none, until some wait for it.
+  void HoldClientInChunk() {
+    ASSERT_EQ(world.Play(InTransaction() + "C> BDAT 1000000000\nS= BDAT *\nC! x\nS= Received: *"), "");
+    client = std::move(world.ClientPeer());
+    client.HoldLittle();
+    std::string said;
+    while (said.size() < 30000) said.append("250 ").append(std::string(500, 'w')).append("\r\n");
+    std::size_t all = 0;
+    for (std::size_t lines = 0; lines != world.LogLines().size() && all < kMost_bytes; all += said.size()) {
+      lines = world.LogLines().size();
+      ASSERT_EQ(world.ServerPeer().Send(said), said.size());
+      world.Settle();
+    }
+    ASSERT_LT(all, kMost_bytes);
+  }
+
   // The server reads no content, until some waits for it.
   void HoldServer() {
     ASSERT_EQ(world.Play(InContent()), "");
@@ -103,6 +119,7 @@ class StuckSession {
     return got.substr(at);
   }
 
+  bool ServerIsLetGo() const { return world.LogLines().back().find("] Disconnected. ") != std::string::npos; }
   cProxy& Session() { return world.Sessions().At(0); }
   bool Ended() { return world.Sessions().Count() == 0; }
 
@@ -253,6 +270,29 @@ TEST(Stuck, AServerThatBreaksOffIsLetGo) {
   EXPECT_EQ(stuck.ReadBehindReplies(),
             "421 time is up\r\n421 bye\r\n421 proxy.test is temporarily unavailable.\r\n");
   EXPECT_TRUE(stuck.Ended());
+}
+
+TEST(Stuck, AServerThatIsThereWaitsForTheClient) {
+  StuckSession stuck;
+  stuck.HoldClient();
+  stuck.world.ServerPeer().Send("250 later\r\n");
+  stuck.world.Settle();
+  stuck.Pass(10);
+  for (const std::string& line : stuck.world.LogLines()) EXPECT_EQ(line.find("later"), std::string::npos);
+}
+
+// There is no server for what the client goes on sending.
+TEST(Stuck, ContentIsNotTakenWhenTheServerHasGone) {
+  StuckSession stuck;
+  stuck.HoldClientInChunk();
+  stuck.world.ServerPeer().ShutDownSending();
+  stuck.world.Settle();
+  stuck.Pass(1);
+  EXPECT_TRUE(stuck.ServerIsLetGo());
+  const std::size_t lines = stuck.world.LogLines().size();
+  stuck.client.Send("more of it");
+  stuck.world.Settle();
+  EXPECT_EQ(stuck.world.LogLines().size(), lines);
 }
 
 // Replies that come while the client does not read are no less filtered than others.
