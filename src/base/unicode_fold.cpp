@@ -2,11 +2,11 @@
 
 #include <utf8proc.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <new>
+#include <vector>
 
 #include "base/text.h"
 #include "base/utf8.h"
@@ -15,14 +15,6 @@
 namespace trabex {
 
 namespace {
-
-struct Free {
-  void operator()(utf8proc_uint8_t* text) const { std::free(text); }
-};
-
-const utf8proc_uint8_t* Bytes(std::string_view text) {
-  return reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-}
 
 // The length of the well-formed run at the front of `text`.
 std::size_t WellFormedLength(std::string_view text) {
@@ -47,24 +39,72 @@ bool AllCharacters(std::string_view text, Holds holds) {
 }
 
 constexpr int kDecompose = UTF8PROC_STABLE | UTF8PROC_DECOMPOSE;
-constexpr int kFold = UTF8PROC_STABLE | UTF8PROC_COMPOSE | UTF8PROC_COMPAT | UTF8PROC_CASEFOLD;
+constexpr int kCompose = UTF8PROC_STABLE | UTF8PROC_COMPOSE;
+constexpr int kFold = kCompose | UTF8PROC_COMPAT | UTF8PROC_CASEFOLD;
+
+utf8proc_option_t Options(int options) {
+  return static_cast<utf8proc_option_t>(options);
+}
 
 // `text` is well-formed.
-std::string Mapped(std::string_view text, int options) {
-  if (text.empty()) return {};
-  utf8proc_uint8_t* result = nullptr;
-  const utf8proc_ssize_t size = utf8proc_map(Bytes(text), static_cast<utf8proc_ssize_t>(text.size()), &result,
-                                             static_cast<utf8proc_option_t>(options));
-  const std::unique_ptr<utf8proc_uint8_t, Free> owner(result);
-  // A well-formed text fails for lack of memory only.
-  if (size < 0) throw std::bad_alloc();
-  return {reinterpret_cast<const char*>(result), static_cast<std::size_t>(size)};
+std::u32string CharactersOf(std::string_view text) {
+  std::u32string characters;
+  for (; !text.empty(); text.remove_prefix(FirstUtf8Character(text).size)) {
+    characters.push_back(FirstUtf8Character(text).code);
+  }
+  return characters;
+}
+
+// Puts the marks behind each letter in canonical order (D109 of the Unicode Standard). utf8proc_map would
+// take quadratic time for many marks.
+void OrderMarks(std::vector<utf8proc_int32_t>& characters) {
+  const auto order = [](utf8proc_int32_t code_point) {
+    return utf8proc_get_property(code_point)->combining_class;
+  };
+  const auto is_mark = [order](utf8proc_int32_t code_point) { return order(code_point) != 0; };
+  const auto by_order = [order](utf8proc_int32_t a, utf8proc_int32_t b) { return order(a) < order(b); };
+  for (auto at = characters.begin(); at != characters.end();) {
+    at = std::find_if(at, characters.end(), is_mark);
+    const auto end = std::find_if_not(at, characters.end(), is_mark);
+    if (end - at > 1) std::stable_sort(at, end, by_order);
+    at = end;
+  }
+}
+
+// What each of the characters stands for by the options, in canonical order.
+template <class Characters>
+std::vector<utf8proc_int32_t> Decomposed(const Characters& characters, int options) {
+  std::array<utf8proc_int32_t, 32> parts{};  // one character has 18 at most
+  std::vector<utf8proc_int32_t> result;
+  result.reserve(characters.size());
+  int boundary = UTF8PROC_BOUNDCLASS_START;
+  for (const auto character : characters) {
+    const utf8proc_ssize_t count =
+        utf8proc_decompose_char(static_cast<utf8proc_int32_t>(character), parts.data(),
+                                static_cast<utf8proc_ssize_t>(parts.size()), Options(options), &boundary);
+    result.insert(result.end(), parts.begin(), parts.begin() + count);
+  }
+  OrderMarks(result);
+  return result;
+}
+
+// `characters` with letters and marks made one where that is a character of its own, as UTF-8.
+std::string Composed(std::vector<utf8proc_int32_t> characters) {
+  characters.resize(static_cast<std::size_t>(utf8proc_normalize_utf32(
+      characters.data(), static_cast<utf8proc_ssize_t>(characters.size()), Options(kCompose))));
+  std::string result;
+  std::array<utf8proc_uint8_t, 4> bytes{};
+  for (const utf8proc_int32_t character : characters) {
+    const auto size = static_cast<std::size_t>(utf8proc_encode_char(character, bytes.data()));
+    result.append(reinterpret_cast<const char*>(bytes.data()), size);
+  }
+  return result;
 }
 
 // Marks are brought into their order first: U+0345 folds to a letter, behind which they would stay as they
 // are (D147 of the Unicode Standard).
 std::string FoldWellFormed(std::string_view text, int more_options) {
-  return Mapped(Mapped(text, kDecompose), kFold | more_options);
+  return Composed(Decomposed(Decomposed(CharactersOf(text), kDecompose), kFold | more_options));
 }
 
 // Nothing is dropped here: the bytes on both sides of what is dropped could make up a new character.
