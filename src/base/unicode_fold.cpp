@@ -88,10 +88,7 @@ std::vector<utf8proc_int32_t> Decomposed(const Characters& characters, int optio
   return result;
 }
 
-// `characters` with letters and marks made one where that is a character of its own, as UTF-8.
-std::string Composed(std::vector<utf8proc_int32_t> characters) {
-  characters.resize(static_cast<std::size_t>(utf8proc_normalize_utf32(
-      characters.data(), static_cast<utf8proc_ssize_t>(characters.size()), Options(kCompose))));
+std::string Encoded(const std::vector<utf8proc_int32_t>& characters) {
   std::string result;
   std::array<utf8proc_uint8_t, 4> bytes{};
   for (const utf8proc_int32_t character : characters) {
@@ -99,6 +96,13 @@ std::string Composed(std::vector<utf8proc_int32_t> characters) {
     result.append(reinterpret_cast<const char*>(bytes.data()), size);
   }
   return result;
+}
+
+// As UTF-8, with letters and marks made one where that is a character of its own.
+std::string Composed(std::vector<utf8proc_int32_t> characters) {
+  characters.resize(static_cast<std::size_t>(utf8proc_normalize_utf32(
+      characters.data(), static_cast<utf8proc_ssize_t>(characters.size()), Options(kCompose))));
+  return Encoded(characters);
 }
 
 // Marks are brought into their order first: U+0345 folds to a letter, behind which they would stay as they
@@ -157,6 +161,12 @@ std::string FoldText(std::string_view text) {
   if (IsAscii(text)) return ToLower(text);
   if (WellFormedLength(text) == text.size()) return FoldWellFormed(text, UTF8PROC_IGNORE);
   return FoldRuns(text);
+}
+
+bool FoldsLikeItsCaseFolding(std::string_view text) {
+  if (IsAscii(text)) return true;
+  return FoldText(Encoded(Decomposed(CharactersOf(text), UTF8PROC_STABLE | UTF8PROC_CASEFOLD))) ==
+         FoldText(text);
 }
 
 bool EqualFolded(std::string_view a, std::string_view b) {

@@ -18,6 +18,10 @@ bool IsAscii(std::string_view text);
 // dropping any character, and the other bytes stay as they are. Raises std::bad_alloc only.
 std::string FoldText(std::string_view text);
 
+// Whether `text` (well-formed UTF-8) folds to the same as after folding only its case, as servers do that do
+// not order marks: a mark behind a letter with U+0345 is one of that letter, but of an iota to them.
+bool FoldsLikeItsCaseFolding(std::string_view text);
+
 // Whether the folded texts are equal; for texts in ASCII, whether they are without regard to case.
 bool EqualFolded(std::string_view a, std::string_view b);
 // Likewise for the end of `text`.

@@ -124,6 +124,7 @@ bool IsReadAlikeFolded(std::string_view form) {
   if (folded.empty()) return false;
   if (Structure(folded) != Structure(form) || OneForm(folded) != folded || !IsWithinLimits(folded))
     return false;
+  if (!FoldsLikeItsCaseFolding(form)) return false;
   const std::string_view domain = DomainOf(form);
   if (domain.starts_with('[')) return IsAscii(domain);
   return !HoldsIgnorable(domain) && DomainOf(folded).find(kIdeographicFullStop) == std::string_view::npos;

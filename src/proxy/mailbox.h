@@ -41,7 +41,8 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare);
 //
 // With letters beyond ASCII there is more to it, since servers fold and map them: `address` holds nothing but
 // address characters (see HoldsAddressCharacters); the folded mailbox is one with the same structure, that is
-// with the same "@", dots, quotes and the like at the same places, and within the limits too; and in the
+// with the same "@", dots, quotes and the like at the same places, and within the limits too; it is the same
+// mailbox to servers that fold nothing but its case (see FoldsLikeItsCaseFolding); and in the
 // domain, which is no literal then, stand none of the characters that some servers drop (RFC 5891 keeps
 // joiners, UTS #46 of old does not) or take for a dot.
 std::optional<std::string> NormalizeMailbox(std::string_view address);

@@ -125,6 +125,29 @@ TEST(FoldText, ManyMarksTakeNoLongerThanManyLetters) {
   EXPECT_EQ(FoldText("q" + above + repeated("\xEF\xBE\x9E")), "q" + repeated("\xE3\x82\x99") + above);
 }
 
+TEST(FoldsLikeItsCaseFolding, SeesMarksBehindAnIotaBelow) {
+  // All single characters do.
+  for (char32_t code_point = 1; code_point < 0x110000; ++code_point) {
+    if (code_point >= 0xD800 && code_point < 0xE000) continue;
+    ASSERT_TRUE(FoldsLikeItsCaseFolding(Utf8(code_point)))
+        << std::hex << static_cast<std::uint32_t>(code_point);
+  }
+  const struct {
+    const char* text;
+    bool alike;
+  } rows[] = {
+      {"", true},
+      {"Mail", true},
+      {"JU\xCC\x88RGEN", true},
+      {"\xCE\xB1\xCC\x81\xCD\x85", true},   // alpha, acute, iota below
+      {"\xCE\xB1\xCD\x85\xCC\x81", false},  // alpha, iota below, acute
+      {"\xE1\xBE\xB3\xCC\x81", false},      // alpha with iota below, acute
+      {"\xE1\xBE\xB3.\xCC\x81", true},
+      {"a\xE1\xBE\xB3\xCC\x84z", false},  // macron
+  };
+  for (const auto& row : rows) EXPECT_EQ(FoldsLikeItsCaseFolding(row.text), row.alike) << row.text;
+}
+
 TEST(EqualFolded, ComparesAsFoldedTextsDo) {
   EXPECT_TRUE(EqualFolded("Mail.Test", "mAIL.tEST"));
   EXPECT_TRUE(EqualFolded("mail.te\xEF\xAC\x86", "Mail.Test"));

@@ -252,6 +252,10 @@ TEST(NormalizeMailbox, LettersBeyondAsciiKeepTheStructure) {
       {"☺@☺.test", "☺@☺.test"},
       {"a。b@c", "a。b@c"},  // in a local part it is no dot
       {"＋-＿/a＝@b", "＋-＿/a＝@b"},
+      // The acute accent is the alpha's, and the iota's to a server that only folds case.
+      {"ᾳ\u0301@b", kRefused},
+      {"a@ᾳ\u0301", kRefused},
+      {"ᾴ@b", "ᾴ@b"},
       // What folds to an "@", a dot, a quote, a route, a blank, a bracket.
       {"a＠b", kRefused},
       {"a＠b@c", kRefused},
