@@ -104,6 +104,18 @@ class BehindIsPostfix(Story):
         mailboxes = {name for _, name in taken}
         wait_until(lambda: len(list(secret.glob("new/*"))) == len(mailboxes), f"mail for {mailboxes}")
 
+    def test_accent_behind_an_iota(self):
+        """In canonical order the accent is the alpha's, but the server takes it for the iota's."""
+        mailbox, other = f"\u03b1\u03b9\u0301@{DOMAIN}", f"\u1fb3\u0301@{DOMAIN}"
+        self.start({"PrivateRecipients": mailbox}, {mailbox: "secret/"}, {"virtual_mailbox_maps": "texthash:{table}"})
+        lines = [f"MAIL FROM:<s@{DOMAIN}> SMTPUTF8", f"RCPT TO:<{mailbox}>", f"RCPT TO:<{other}>"]
+        _, listed, spelled = self.replies(self.proxy.address, lines)
+        self.assertRegex(listed, "^550 5.2.1 ")
+        self.assertEqual(spelled, "501 5.5.4 Invalid syntax of address in RCPT command.")
+        self.assertEqual([reply[:3] for reply in self.replies(self.server.address, lines)], ["250", "250", "250"])
+        self.assertEqual(self.replies(self.server.address, [lines[0], f"RCPT TO:<\u03b1\u0301\u03b9@{DOMAIN}>"])[1][:3],
+                         "550")
+
     def test_senders_black_list(self):
         names = spellings()
         self.start({"SendersBlackList": lines_of([*(f"*@{name}.test" for _, _, name in names),
