@@ -182,7 +182,8 @@ std::string FoldPattern(std::string_view pattern) {
     const Element element = ReadElement(pattern, at);
     if (element.kind == Element::Kind::kByte) {
       plain.push_back(element.byte);
-    } else {
+    } else if (element.kind != Element::Kind::kEmpty || at == 0) {
+      // Elsewhere "[]" matches nothing, and would turn the pattern round if all before it were dropped.
       fold_plain();
       result.append(pattern.substr(at, element.next - at));
     }

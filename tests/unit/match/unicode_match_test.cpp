@@ -27,7 +27,10 @@ TEST(FoldPattern, FoldsWhatStandsBetweenTheWildcards) {
       {"*@BÜCHER.test", "*@bücher.test"},
       {"ſ?ſ#ſ*K", "s?s#s*k"},
       {"[]ſ", "[]s"},
-      {"a[]ſ", "a[]s"},
+      {"a[]ſ", "as"},
+      {"[][]ſ", "[]s"},
+      // What stood behind something is no sign of the opposite.
+      {"\u00AD[]ſ", "s"},
       // What becomes a wildcard is none.
       {"？＊＃［］", "[?][*][#][[]]"},
       {"＊", "[*]"},
@@ -76,6 +79,8 @@ const struct {
     {"sales", "[]ſ*", false},
     {"", "[]\u00AD", false},
     {"x", "[]\u00AD", true},
+    {"s", "\u00AD[]ſ", true},
+    {"x", "\u00AD[]ſ", false},
     // ? and lists take one byte of the folded text.
     {"ſ", "?", true},
     {"\u00AD", "?", false},
