@@ -167,9 +167,11 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
-  if (part.empty() && bare == BareAddresses::kTake) return result;
-  result.verdict =
-      bare == BareAddresses::kTake ? PathArgument::Verdict::kTaken : PathArgument::Verdict::kForwardUnchecked;
+  if (bare == BareAddresses::kTake) {
+    if (!part.empty()) result.verdict = PathArgument::Verdict::kTaken;
+  } else if (result.address.size() <= kMaxMailbox) {
+    result.verdict = PathArgument::Verdict::kForwardUnchecked;
+  }
   return result;
 }
 

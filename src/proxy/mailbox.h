@@ -28,7 +28,8 @@ inline constexpr std::size_t kMaxDomain = 255;
 
 // Reads what follows "FROM:" or "TO:". The address goes up to the first blank that is not inside "<"…">".
 // Where nothing stands there is no address: that is a syntax error in every mode, and a lone bracket is one
-// where it would be dropped.
+// where it would be dropped. What is forwarded unchecked is remembered all the same, so a longer address than
+// the limit is a syntax error there too.
 PathArgument ParsePath(std::string_view text, BareAddresses bare);
 
 // The one form of an address: no source route ("@a,@b:" in front, RFC 5321 appendix C), no dot at the end of

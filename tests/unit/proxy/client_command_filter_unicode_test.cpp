@@ -230,6 +230,21 @@ TEST(Rcpt, AnAddressThatIsTooLongIsNone) {
   EXPECT_EQ(d.Says("MAIL FROM:<a@" + std::string(256, 'b') + ">"), kMailSyntax);
 }
 
+// It is remembered, and may be kept for weeks in a greylisting key.
+TEST(Rcpt, AnAddressThatIsTooLongIsNoneToBeForwardedUncheckedEither) {
+  Dialogue d;
+  d.configuration.ProcessAddressesWithoutBrackets = 2;
+  d.Greet();
+  const std::string longest(320, 'a');
+  EXPECT_EQ(d.Says("MAIL FROM:" + longest + " x"), "-> MAIL FROM:" + longest + " x");
+  EXPECT_EQ(d.Says("MAIL FROM:" + longest + "a"), kMailSyntax);
+  EXPECT_EQ(d.state.Sender, longest);
+  d.state.TransactionOpen = true;
+  EXPECT_EQ(d.Says("RCPT TO:" + longest + " x"), "-> RCPT TO:" + longest + " x");
+  EXPECT_EQ(d.Says("RCPT TO:" + longest + "a"), kRcptSyntax);
+  EXPECT_EQ(d.state.Recipient, longest);
+}
+
 TEST(Helo, NamesBeyondAsciiAreComparedFolded) {
   Dialogue d;
   d.configuration.ValidateHELO = 10;
