@@ -41,6 +41,12 @@ class Window(Story):
         super().setUp()
         self.server = self.sample_server()
         self.proxy = self.trabex(self.server.port, start=False, arguments=())
+        self.place.on_leaving(self.end_instance)
+
+    def end_instance(self):
+        """Asks the instance to end if there is one still: without a window it outlives its terminal."""
+        subprocess.run([*map(str, self.proxy.command()), "/X"], check=True, timeout=bound(20))
+        wait_until(lambda: not is_listening(self.proxy.port), "the instance to end")
 
     def open(self, *arguments, **more):
         """Opens a terminal in which Trabex is all that runs; returns it when Trabex listens."""
