@@ -40,7 +40,7 @@ constexpr std::array kSwitchNames = {
     SwitchName{"HELP", Switch::kHelp},
 };
 
-// There is no designed spelling of this one, so it has the usual one only.
+// It has this one spelling only.
 constexpr std::string_view kVersionSwitch = "--version";
 
 std::optional<Switch> FindSwitch(std::string_view token) {

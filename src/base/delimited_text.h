@@ -1,4 +1,4 @@
-// Text with delimited parts: quoted words, addresses in angle brackets. The names are those of the design.
+// Text with delimited parts: quoted words, addresses in angle brackets.
 //
 // A delimited part runs from an open delimiter to the next close delimiter; a close delimiter that another
 // one follows at once does not end the part (doubling escapes it). With an empty open delimiter there are no

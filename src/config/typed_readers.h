@@ -1,4 +1,4 @@
-// The readers that turn raw values into numbers, sizes and texts. The names are those of the design.
+// The readers that turn raw values into numbers, sizes and texts.
 //
 // An absent key gives the default, unchecked. A bad value is reported with ReportConfigError, which raises
 // unless errors are ignored; then the default is given. What they return owns its memory.

@@ -9,7 +9,7 @@
 
 namespace trabex {
 
-// a.b.c.d is a*2^24 + b*2^16 + c*2^8 + d; unsigned, so comparisons are those of the design.
+// a.b.c.d is a*2^24 + b*2^16 + c*2^8 + d; unsigned, so that addresses from 128.0.0.0 on are the greater ones.
 using IPNumber = std::uint32_t;
 
 // Both ends belong to it.

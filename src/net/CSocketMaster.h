@@ -46,10 +46,9 @@ struct CSocketMasterEvents {
   std::function<void(std::size_t bytes_sent, std::size_t bytes_remaining)> SendProgress;
 };
 
-// Members and their rules are those of the classic socket control. Methods raise Error: 40020 in the wrong
-// state, 40014 for a bad argument, 40006 for the wrong protocol or state, otherwise the number of the failing
-// call with its text; a failure that is found during network progress is reported by the Error event instead,
-// with State sckError first.
+// Methods raise Error: 40020 in the wrong state, 40014 for a bad argument, 40006 for the wrong protocol or
+// state, otherwise the number of the failing call with its text; a failure that is found during network
+// progress is reported by the Error event instead, with State sckError first.
 //
 // Destroying the object closes its socket at once, without the orderly end that CloseSck gives it.
 class CSocketMaster final : public SocketSink {

@@ -23,7 +23,7 @@ void CSocketMaster::ReportError(int number, const char* source) {
 }
 
 std::optional<std::uint32_t> CSocketMaster::ResolveIfHostname(const std::string& host) {
-  // The classic reader of addresses cannot tell all ones from its failure, so that one goes the way of names.
+  // 255.255.255.255 is no server's address, so it is looked up like a name.
   const auto address = ParseDottedAddress(host);
   if (address && *address != kAllOnes) return address;
   state_ = SocketState::sckResolvingHost;

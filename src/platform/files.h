@@ -1,4 +1,4 @@
-// What the program needs of the file system beyond the standard library, with the designed error numbers.
+// What the program needs of the file system beyond the standard library, with our error numbers.
 #pragma once
 
 #include <cstdint>

@@ -12,7 +12,7 @@
 // No notification is lost and none spins. They are delivered from the loop, never from inside one of these
 // calls.
 //
-// Every function returns 0 or the designed error number (10035 would block, ...); no errno leaves this room.
+// Every function returns 0 or our error number (10035 would block, ...); no errno leaves this room.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +40,7 @@ struct SocketHandle {
 
 enum class Transport { kTcp, kUdp };
 
-// The values are those of the design.
+// One bit each.
 enum class SocketEvent : int { kRead = 1, kWrite = 2, kAccept = 8, kConnect = 16, kClose = 32 };
 
 // An address and port in host order; 127.0.0.1 is 0x7F000001.
@@ -53,7 +53,7 @@ struct Endpoint {
 class SocketSink {
  public:
   virtual ~SocketSink() = default;
-  // `error` is 0 or a designed error number. The sink may close the socket, and destroy itself only through
+  // `error` is 0 or one of our error numbers. The sink may close the socket, and destroy itself only through
   // EventLoop::Retire.
   virtual void OnSocketEvent(SocketHandle socket, SocketEvent event, int error) = 0;
 };

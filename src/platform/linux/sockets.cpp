@@ -45,7 +45,7 @@ sockaddr* Generic(sockaddr_in& address) {
   return reinterpret_cast<sockaddr*>(&address);
 }
 
-// The designed error of a call that returned `result`: 0 unless that is negative.
+// Our error number for a call that returned `result`: 0 unless that is negative.
 int Outcome(long result) {
   return result < 0 ? DesignedSocketError(errno) : 0;
 }

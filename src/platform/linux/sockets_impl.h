@@ -54,7 +54,7 @@ struct Sockets::Impl final : EventSource {
   Entry* Find(SocketHandle socket);
   SocketHandle Add(int descriptor, Role role);
   void Remove(SocketHandle socket);
-  // Puts the socket into the epoll set. Returns 0 or the designed error.
+  // Puts the socket into the epoll set. Returns 0 or our error number.
   int Register(SocketHandle socket, Entry& entry);
   // Has the kernel report anew what is so, before the next wait.
   void LookAgain(SocketHandle socket, Entry& entry);

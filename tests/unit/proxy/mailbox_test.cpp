@@ -516,7 +516,7 @@ TEST(ParsePath, AForwardedPathReadsAsItWasChecked) {
     ++taken;
     const std::string forwarded = "<" + *form + ">" + std::string(path.parameters);
     const PathArgument again = ParsePath(forwarded, BareAddresses::kRefuse);
-    // A quoted local part may hold brackets and blanks, which the designed parse does not see as quoted.
+    // A quoted local part may hold brackets and blanks, which ParsePath does not see as quoted.
     if (form->find_first_of("<> ") != std::string::npos) continue;
     ASSERT_EQ(again.verdict, PathArgument::Verdict::kTaken) << Escape(forwarded);
     EXPECT_EQ(again.address, *form) << Escape(forwarded);
