@@ -107,8 +107,12 @@ class CSocketMaster final : public SocketSink {
   // PeekData leaves them to be read again.
   std::int32_t GetData(std::string& Data, std::int32_t MaxLen = 0);
   std::int32_t PeekData(std::string& Data, std::int32_t MaxLen = 0);
-  // As PeekData, without a copy: the view is valid until the next call on this object.
+  // As PeekData, without a copy. The view is valid until this object reads again (PeekView, PeekData,
+  // GetData), consumes or closes; it may be handed to another object's SendData.
   std::string_view PeekView(std::int32_t MaxLen = 0);
+  // Takes the first count of what the last PeekView gave, as GetData would, without a copy. TCP only. Does
+  // nothing when the object was closed meanwhile. Raises 40014 when it is more than was peeked.
+  void Consume(std::int32_t count);
   // Listens so that no other process can on the same endpoint.
   void Listen();
   void Accept(std::int32_t requestID);

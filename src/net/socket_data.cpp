@@ -181,6 +181,15 @@ std::string_view CSocketMaster::PeekView(std::int32_t MaxLen) {
   return receive_.View().substr(0, wanted);
 }
 
+void CSocketMaster::Consume(std::int32_t count) {
+  constexpr const char* kSource = "CSocketMaster.Consume";
+  if (protocol_ != SocketProtocol::sckTCPProtocol) RaiseWrongProtocolOrState(kSource);
+  if (socket_.IsNone()) return;
+  if (count < 0 || static_cast<std::size_t>(count) > receive_.Size()) RaiseBadArgument(kSource);
+  receive_.RemoveFront(static_cast<std::size_t>(count));
+  bytes_received_ += count;
+}
+
 std::int32_t CSocketMaster::PeekData(std::string& Data, std::int32_t MaxLen) {
   Data.assign(PeekView(MaxLen));
   return static_cast<std::int32_t>(Data.size());

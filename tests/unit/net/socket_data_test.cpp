@@ -297,6 +297,45 @@ TEST_F(ReceiveTest, APeekLeavesTheBytesToBeReadAndCountsThemOnce) {
   EXPECT_EQ(Ours().PeekView(), "");
 }
 
+TEST_F(ReceiveTest, ConsumeTakesWhatWasPeekedAndCountsIt) {
+  Connection();
+  peer->Send("hello world");
+  AllHere();
+  ExpectEvents(*accepted, "DataArrival");
+  EXPECT_EQ(Ours().PeekView(), "hello world");
+  Ours().Consume(0);
+  EXPECT_EQ(Ours().BytesReceived(), 0);
+  Ours().Consume(6);
+  EXPECT_EQ(Ours().BytesReceived(), 6);
+  EXPECT_EQ(Ours().UnreadBytes(), 5U);
+  EXPECT_EQ(Ours().PeekView(), "world");
+  EXPECT_EQ(Get(2), "wo");
+  Ours().Consume(3);
+  EXPECT_EQ(Ours().BytesReceived(), 11);
+  EXPECT_EQ(Ours().PeekView(), "");
+}
+
+TEST_F(ReceiveTest, NoMoreThanWasPeekedCanBeConsumed) {
+  Connection();
+  peer->Send("hello");
+  AllHere();
+  ExpectError([&] { Ours().Consume(1); }, 40014, "CSocketMaster.Consume", kBadArgument);
+  EXPECT_EQ(Ours().PeekView(3), "hel");
+  ExpectError([&] { Ours().Consume(4); }, 40014, "CSocketMaster.Consume", kBadArgument);
+  ExpectError([&] { Ours().Consume(-1); }, 40014, "CSocketMaster.Consume", kBadArgument);
+  EXPECT_EQ(Get(), "hello");
+}
+
+TEST_F(ReceiveTest, ConsumeDoesNothingOnceTheObjectIsClosed) {
+  Connection();
+  peer->Send("hello");
+  AllHere();
+  EXPECT_EQ(Ours().PeekView(), "hello");
+  Ours().CloseSck();
+  Ours().Consume(5);
+  EXPECT_EQ(Ours().BytesReceived(), 0);
+}
+
 TEST_F(ReceiveTest, WhatWasPeekedComesBeforeWhatCameLater) {
   Connection();
   peer->Send("abc");
