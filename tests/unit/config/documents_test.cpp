@@ -10,15 +10,10 @@
 #include "config/early_keys.h"
 #include "config/settings_table.h"
 #include "config_support.h"
-#include "support/temp_folder.h"
+#include "support/source_documents.h"
 
 namespace trabex {
 namespace {
-
-// A file of the source tree.
-std::string SourceFile(const std::string& name) {
-  return ReadFile(std::string(TRABEX_SOURCE_DIR "/") + name);
-}
 
 std::string ValuesText(const Setting& setting) {
   const std::string range = std::to_string(setting.min) + " to " + std::to_string(setting.max);
@@ -55,13 +50,6 @@ std::string ValuesText(const Setting& setting) {
 std::string DefaultText(const Setting& setting) {
   if (setting.kind == SettingKind::kLogFolder) return "`Log`";
   return setting.default_text.empty() ? "" : "`" + std::string(setting.default_text) + "`";
-}
-
-// "| a | b |" as {"a", "b"}.
-std::vector<std::string> Cells(std::string_view line) {
-  std::vector<std::string> cells;
-  for (std::string_view cell : Split(line.substr(1, line.size() - 2), '|')) cells.emplace_back(Trim(cell));
-  return cells;
 }
 
 TEST(SettingsReference, ListsEverySettingInTheOrderOfTheDump) {
