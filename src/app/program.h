@@ -18,8 +18,8 @@
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/instance_lock.h"
-#include "platform/name_lookup.h"
 #include "platform/sockets.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

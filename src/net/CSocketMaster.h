@@ -11,8 +11,8 @@
 
 #include "net/byte_queue.h"
 #include "net/modSocketMaster.h"
-#include "platform/name_lookup.h"
 #include "platform/sockets.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/name_lookup.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

@@ -14,8 +14,8 @@
 #include "base/log.h"
 #include "net/accept_pause.h"
 #include "net/lingering_sockets.h"
-#include "platform/name_lookup.h"
 #include "platform/sockets.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

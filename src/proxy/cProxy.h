@@ -32,13 +32,13 @@
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
 #include "platform/event_loop.h"
-#include "platform/name_lookup.h"
 #include "proxy/client_command_filter.h"
 #include "proxy/reply_assembler.h"
 #include "proxy/server_reply_filter.h"
 #include "proxy/session_facts.h"
 #include "proxy/session_host.h"
 #include "proxy/session_state.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

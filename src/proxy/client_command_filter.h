@@ -18,13 +18,13 @@
 #include "base/error.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
-#include "platform/name_lookup.h"
 #include "proxy/command_table.h"
 #include "proxy/greylist_check.h"
 #include "proxy/policy_replies.h"
 #include "proxy/session_facts.h"
 #include "proxy/session_macros.h"
 #include "proxy/session_state.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

@@ -8,9 +8,9 @@
 #include "net/modSocketMaster.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
-#include "platform/name_lookup.h"
 #include "proxy/greylist_check.h"
 #include "proxy/session_collection.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

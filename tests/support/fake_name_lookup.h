@@ -14,7 +14,7 @@
 
 #include "base/text.h"
 #include "platform/dotted_address.h"
-#include "platform/name_lookup.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 

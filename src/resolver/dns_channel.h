@@ -9,7 +9,7 @@
 
 #include "platform/event_loop.h"
 #include "platform/foreign_watch.h"
-#include "platform/name_lookup.h"
+#include "resolver/name_lookup.h"
 
 struct ares_channeldata;
 

@@ -1,4 +1,4 @@
-#include "platform/file_change.h"
+#include "resolver/file_change.h"
 
 #include <chrono>
 

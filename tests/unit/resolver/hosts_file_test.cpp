@@ -1,4 +1,4 @@
-#include "platform/hosts_file.h"
+#include "resolver/hosts_file.h"
 
 #include <gtest/gtest.h>
 

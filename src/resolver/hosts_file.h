@@ -9,7 +9,7 @@
 
 #include "base/text.h"
 #include "platform/clock.h"
-#include "platform/file_change.h"
+#include "resolver/file_change.h"
 
 namespace trabex {
 

@@ -1,4 +1,4 @@
-#include "platform/dns_channel.h"
+#include "resolver/dns_channel.h"
 
 #include <ares.h>
 #include <ares_nameser.h>

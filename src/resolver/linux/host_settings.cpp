@@ -1,4 +1,4 @@
-#include "platform/host_settings.h"
+#include "resolver/host_settings.h"
 
 #include <unistd.h>
 

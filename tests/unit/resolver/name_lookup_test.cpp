@@ -1,6 +1,6 @@
 // Look-ups against a DNS server of the test's own. Where time matters the loop's clock is the test's; c-ares
 // keeps its own time for asking again.
-#include "platform/name_lookup.h"
+#include "resolver/name_lookup.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@
 
 #include "base/error.h"
 #include "platform/dotted_address.h"
-#include "platform/host_settings.h"
+#include "resolver/host_settings.h"
 #include "support/dns_server.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"

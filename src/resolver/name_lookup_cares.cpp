@@ -16,12 +16,12 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "platform/descriptor_reserve.h"
-#include "platform/dns_channel.h"
 #include "platform/dotted_address.h"
-#include "platform/host_settings.h"
-#include "platform/hosts_file.h"
-#include "platform/name_lookup.h"
 #include "platform/sockets.h"
+#include "resolver/dns_channel.h"
+#include "resolver/host_settings.h"
+#include "resolver/hosts_file.h"
+#include "resolver/name_lookup.h"
 
 namespace trabex {
 
