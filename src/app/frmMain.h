@@ -14,10 +14,10 @@
 #include <vector>
 
 #include "app/auto_reload.h"
+#include "console/terminal_view.h"
 #include "net/CSocketMaster.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
-#include "platform/terminal_view.h"
 #include "proxy/session_collection.h"
 #include "proxy/session_host.h"
 

@@ -5,9 +5,9 @@
 
 #include "app/start_up.h"
 #include "app/version.h"
+#include "console/terminal_view.h"
 #include "platform/clock.h"
 #include "platform/process.h"
-#include "platform/terminal_view.h"
 
 int main(int argc, char** argv) {
   trabex::DrawIfStartedToDraw(argc, argv);

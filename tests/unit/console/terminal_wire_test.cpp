@@ -1,4 +1,4 @@
-#include "platform/linux/terminal_wire.h"
+#include "console/linux/terminal_wire.h"
 
 #include <gtest/gtest.h>
 

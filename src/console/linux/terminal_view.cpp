@@ -1,6 +1,6 @@
 // The program's side of the view: it hands frames to the process that draws and hears from it. See
 // terminal_wire.h for how the two talk.
-#include "platform/terminal_view.h"
+#include "console/terminal_view.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -17,10 +17,10 @@
 #include <utility>
 
 #include "base/error.h"
+#include "console/linux/terminal_painter.h"
+#include "console/linux/terminal_state.h"
+#include "console/linux/terminal_wire.h"
 #include "platform/foreign_watch.h"
-#include "platform/linux/terminal_painter.h"
-#include "platform/linux/terminal_state.h"
-#include "platform/linux/terminal_wire.h"
 
 namespace trabex {
 

@@ -3,7 +3,7 @@
 #define NCURSES_NOMACROS 1
 #define NCURSES_WIDECHAR 1
 
-#include "platform/linux/terminal_painter.h"
+#include "console/linux/terminal_painter.h"
 
 #include <curses.h>
 #include <fcntl.h>
@@ -24,10 +24,10 @@
 #include <string_view>
 #include <utility>
 
+#include "console/linux/terminal_state.h"
+#include "console/linux/terminal_wire.h"
+#include "console/terminal_view.h"
 #include "platform/linux/signals.h"
-#include "platform/linux/terminal_state.h"
-#include "platform/linux/terminal_wire.h"
-#include "platform/terminal_view.h"
 
 namespace trabex {
 

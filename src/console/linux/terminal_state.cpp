@@ -1,6 +1,6 @@
 #define NCURSES_NOMACROS 1
 
-#include "platform/linux/terminal_state.h"
+#include "console/linux/terminal_state.h"
 
 #include <curses.h>
 #include <fcntl.h>
