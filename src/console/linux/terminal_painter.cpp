@@ -27,7 +27,7 @@
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
 #include "console/terminal_view.h"
-#include "platform/linux/signals.h"
+#include "platform/linux/process/signals.h"
 
 namespace trabex {
 

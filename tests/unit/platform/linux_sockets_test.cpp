@@ -15,7 +15,7 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/linux/socket_errno.h"
+#include "platform/linux/sockets/socket_errno.h"
 #include "platform/sockets.h"
 #include "support/loop_runner.h"
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "platform/linux/signals.h"
+#include "platform/linux/process/signals.h"
 #include "support/child_process.h"
 #include "support/default_hang_up.h"
 #include "support/fake_clock.h"

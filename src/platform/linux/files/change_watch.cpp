@@ -10,7 +10,7 @@
 #include <cstring>
 
 #include "platform/linux/descriptor.h"
-#include "platform/linux/folder_of.h"
+#include "platform/linux/files/folder_of.h"
 
 namespace trabex {
 

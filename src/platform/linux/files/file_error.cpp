@@ -1,4 +1,4 @@
-#include "platform/linux/file_error.h"
+#include "platform/linux/files/file_error.h"
 
 #include <signal.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 
 #include "base/error.h"
 #include "platform/files.h"
-#include "platform/linux/folder_of.h"
+#include "platform/linux/files/folder_of.h"
 
 namespace trabex {
 

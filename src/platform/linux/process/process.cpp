@@ -6,7 +6,7 @@
 
 #include <csignal>
 
-#include "platform/linux/signals.h"
+#include "platform/linux/process/signals.h"
 
 namespace trabex {
 

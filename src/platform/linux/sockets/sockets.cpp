@@ -17,8 +17,8 @@
 #include <limits>
 #include <memory>
 
-#include "platform/linux/socket_errno.h"
-#include "platform/linux/sockets_impl.h"
+#include "platform/linux/sockets/socket_errno.h"
+#include "platform/linux/sockets/sockets_impl.h"
 
 namespace trabex {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/regular_file.h"
+#include "platform/linux/files/regular_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -11,8 +11,8 @@
 #include "platform/file_replace.h"
 #include "platform/files.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/file_error.h"
-#include "platform/linux/regular_file.h"
+#include "platform/linux/files/file_error.h"
+#include "platform/linux/files/regular_file.h"
 
 namespace trabex {
 

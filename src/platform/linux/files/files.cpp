@@ -13,8 +13,8 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/file_error.h"
-#include "platform/linux/regular_file.h"
+#include "platform/linux/files/file_error.h"
+#include "platform/linux/files/regular_file.h"
 
 namespace trabex {
 

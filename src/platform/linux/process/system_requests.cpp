@@ -10,7 +10,7 @@
 #include "base/error.h"
 #include "platform/foreign_watch.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/signals.h"
+#include "platform/linux/process/signals.h"
 
 namespace trabex {
 

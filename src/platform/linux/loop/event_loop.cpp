@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "base/error.h"
-#include "platform/linux/event_loop_impl.h"
+#include "platform/linux/loop/event_loop_impl.h"
 
 namespace trabex {
 

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/linux/socket_errno.h"
-#include "platform/linux/sockets_impl.h"
+#include "platform/linux/sockets/socket_errno.h"
+#include "platform/linux/sockets/sockets_impl.h"
 
 namespace trabex {
 

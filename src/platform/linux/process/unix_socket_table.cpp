@@ -1,4 +1,4 @@
-#include "platform/linux/unix_socket_table.h"
+#include "platform/linux/process/unix_socket_table.h"
 
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>

@@ -1,4 +1,4 @@
-#include "platform/turn_work.h"
+#include "platform/common/turn_work.h"
 
 namespace trabex {
 

@@ -9,8 +9,8 @@
 #include "base/error.h"
 #include "platform/files.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/file_error.h"
-#include "platform/linux/folder_of.h"
+#include "platform/linux/files/file_error.h"
+#include "platform/linux/files/folder_of.h"
 
 namespace trabex {
 

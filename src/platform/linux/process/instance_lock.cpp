@@ -19,7 +19,7 @@
 #include "base/error.h"
 #include "platform/foreign_watch.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/unix_socket_table.h"
+#include "platform/linux/process/unix_socket_table.h"
 
 namespace trabex {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/socket_errno.h"
+#include "platform/linux/sockets/socket_errno.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "platform/linux/event_loop_impl.h"
+#include "platform/linux/loop/event_loop_impl.h"
 #include "platform/sockets.h"
 
 namespace trabex {

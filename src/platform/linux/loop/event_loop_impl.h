@@ -9,8 +9,8 @@
 #include <functional>
 #include <vector>
 
+#include "platform/common/turn_work.h"
 #include "platform/event_loop.h"
-#include "platform/turn_work.h"
 
 namespace trabex {
 
