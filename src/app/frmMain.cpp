@@ -24,9 +24,6 @@ constexpr Milliseconds kTurn{1000};
 // Two times that are an interval apart may differ by less than it when they are kept in days.
 constexpr double kRounding = 0.001 / kSecondsPerDay;
 
-// The bit of the log level word that asks for the dump of the configuration.
-constexpr std::int32_t kLogDump = 2;
-
 constexpr std::string_view kAnyAddress = "0.0.0.0";
 
 std::string BindIPInForce(const Configuration& configuration) {
@@ -72,7 +69,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
                                                          .hang_up = [this] { HangUp(); },
                                                          .reopen_log = [this] { ReopenLog(); }});
   program_.log.LogLine(TitleAndVersion() + " started.");
-  if ((program_.configuration.Log & kLogDump) != 0) program_.LogConfiguration();
+  if (program_.configuration.Log == log_mode::kWithConfiguration) program_.LogConfiguration();
   if (!WaitForListening()) return false;
   ShowAddresses();
   program_.log.SetTimer(&tmrLog);

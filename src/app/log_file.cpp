@@ -19,13 +19,13 @@ LogFile::LogFile(const Configuration& configuration, const Clock& clock, std::st
 
 void LogFile::LogLine(std::string_view message) {
   if (observer_) observer_(message);
-  if (configuration_.Log == 0) return;
+  if (configuration_.Log == log_mode::kOff) return;
   const DateTime now = clock_.Now();
   if (EnsureOpen(now)) Append(Stamp(now), message);
 }
 
 void LogFile::WriteUnstamped(std::string_view line) {
-  if (configuration_.Log != 0 && EnsureOpen(clock_.Now())) Append({}, line);
+  if (configuration_.Log != log_mode::kOff && EnsureOpen(clock_.Now())) Append({}, line);
 }
 
 void LogFile::Close() {

@@ -59,7 +59,7 @@ class StartUp {
     program_.log_path_given = line_.log_path.has_value();
     if (line_.log_path) {
       program_.configuration.LogPath = *line_.log_path;
-      program_.configuration.Log = 1;
+      program_.configuration.Log = log_mode::kOn;
     }
   }
 

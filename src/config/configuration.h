@@ -12,6 +12,52 @@
 
 namespace trabex {
 
+// What the numbers of some settings mean.
+
+// Log. At the start and after each reload the log may also show the configuration in force.
+namespace log_mode {
+inline constexpr std::int32_t kOff = 0;
+inline constexpr std::int32_t kOn = 1;
+inline constexpr std::int32_t kWithConfiguration = 2;
+}  // namespace log_mode
+
+// Bits of LogLevelServer and LogLevelRemote: what of one side of a session is logged.
+namespace log_level {
+inline constexpr std::int32_t kErrors = 1;
+inline constexpr std::int32_t kReceived = 2;
+inline constexpr std::int32_t kSent = 4;
+inline constexpr std::int32_t kConnection = 8;
+}  // namespace log_level
+
+// Bits of ValidateRDNS: whose names are admitted by the lists of host names only.
+namespace validate_rdns {
+inline constexpr std::int32_t kLocalClients = 1;
+inline constexpr std::int32_t kRemoteClients = 2;
+}  // namespace validate_rdns
+
+// Bits of ValidateHELO: checks of the name in HELO and EHLO, by kind of client.
+namespace validate_helo {
+inline constexpr std::int32_t kDnsLocal = 1;
+inline constexpr std::int32_t kDnsRemote = 2;
+inline constexpr std::int32_t kBlackListLocal = 4;
+inline constexpr std::int32_t kBlackListRemote = 8;
+}  // namespace validate_helo
+
+// The values of MaxSize that are no size, in bytes like the others.
+namespace max_size {
+inline constexpr FixedPoint kAsServer = 0;                  // the server's limit holds
+inline constexpr FixedPoint kNone = -kFixedPointOne;        // no limit; the server's SIZE line stays
+inline constexpr FixedPoint kHidden = -2 * kFixedPointOne;  // no limit; no SIZE line
+}  // namespace max_size
+
+// CallbackSenderAction: what a sender in CallbackSendersList gets for a recipient that is to wait.
+namespace callback_sender_action {
+inline constexpr std::int32_t kAccept = 0;
+inline constexpr std::int32_t kRefuseAtData = 1;
+inline constexpr std::int32_t kRefuse = 2;  // like every other sender
+inline constexpr std::int32_t kCloseAtData = 3;
+}  // namespace callback_sender_action
+
 // Section GreyListing. Durations are in days (minutes / 1440), to be added to date-times.
 struct GreyListingSettings {
   bool Enabled = false;
@@ -29,7 +75,7 @@ struct GreyListingSettings {
   std::int32_t MinCount = 1;
   std::int32_t BlackListMinCount = 2;
   ExpressionList CallbackSendersList;
-  std::int32_t CallbackSenderAction = 1;
+  std::int32_t CallbackSenderAction = 1;  // callback_sender_action
   // Records that were never accepted: of all clients, and of one network.
   std::int32_t MaxPending = 500000;
   std::int32_t MaxPendingPerNetwork = 20000;
@@ -40,7 +86,7 @@ struct GreyListingSettings {
 struct Configuration {
   // The early keys, read before all others.
   bool IgnoreIniErrors = false;
-  std::int32_t Log = 1;
+  std::int32_t Log = 1;  // log_mode
   std::string LogPath;
   std::int32_t BindPort = 25;
 
@@ -61,14 +107,14 @@ struct Configuration {
   ExpressionList HostsWhiteList;
   ExpressionList HostsAllowList;
   ExpressionList HostsBlackList;
-  std::int32_t ValidateRDNS = 0;  // 1 local clients, 2 remote clients
-  std::int32_t ValidateHELO = 0;  // 1 DNS local, 2 DNS remote, 4 black list local, 8 black list remote
+  std::int32_t ValidateRDNS = 0;  // bits: validate_rdns
+  std::int32_t ValidateHELO = 0;  // bits: validate_helo
   ExpressionList HELOBlackList;
-  std::int32_t LogLevelServer = 15;
+  std::int32_t LogLevelServer = 15;  // bits: log_level
   std::int32_t LogLevelRemote = 15;
   bool AddReceived = true;
   bool EnhancedStatusCodes = true;
-  std::int32_t ProcessAddressesWithoutBrackets = 0;
+  std::int32_t ProcessAddressesWithoutBrackets = 0;  // BareAddresses of the proxy
   ExpressionList RemoveSMTPExtensionsLocal;
   ExpressionList RemoveSMTPExtensionsRemote;
   ExpressionList AddSMTPExtensionsLocal;
@@ -85,7 +131,7 @@ struct Configuration {
   std::int32_t MaxTransactionsLocal = 0;
   std::int32_t MaxTransactionsRemote = 0;
   std::int32_t MaxConnections = 0;  // 0: no limit
-  FixedPoint MaxSize = 0;           // bytes; 0 and below: see the server reply filter
+  FixedPoint MaxSize = 0;           // bytes, or one of max_size
   std::int32_t Timeout = 300;       // seconds; 0: none
   std::int32_t MaxBadSeq = 10;
   bool AutoReload = true;

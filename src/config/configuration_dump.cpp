@@ -373,7 +373,7 @@ namespace mCommon {
 
 void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
                       const std::function<void(std::string_view line)>& write_line) {
-  if (configuration.Log == 0) return;
+  if (configuration.Log == log_mode::kOff) return;
   try {
     Writer writer(write_line);
     WriteConfiguration(writer, ini_path, configuration);

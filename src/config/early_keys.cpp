@@ -82,7 +82,7 @@ void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, 
   const IniErrors errors{log, configuration.IgnoreIniErrors};
   configuration.Log = EarlyInteger(errors, texts, kLog);
   if (inputs.log_path_given) {
-    configuration.Log = 1;
+    configuration.Log = log_mode::kOn;
   } else if (configuration.LogPath.empty()) {
     configuration.LogPath = texts[kLogPath].value_or("");
     if (configuration.LogPath.empty()) {

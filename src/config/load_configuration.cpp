@@ -226,7 +226,7 @@ LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini,
   environment.log.LogLine(other_stamp
                               ? "Configuration reloaded because date/time of initialization file changed."
                               : "Configuration reloaded; date/time of initialization file has not changed.");
-  if ((configuration.Log & 2) != 0) Call(environment.dump_configuration);
+  if (configuration.Log == log_mode::kWithConfiguration) Call(environment.dump_configuration);
   FollowGreyListingAgain(environment, configuration, database_before);
   return LoadResult::kLoaded;
 }

@@ -19,17 +19,6 @@ namespace {
 
 using Action = LineDecision::Action;
 
-// Bits of ValidateHELO.
-constexpr std::int32_t kDnsLocal = 1;
-constexpr std::int32_t kDnsRemote = 2;
-constexpr std::int32_t kBlackListLocal = 4;
-constexpr std::int32_t kBlackListRemote = 8;
-
-// CallbackSenderAction.
-constexpr std::int32_t kRefuseAtData = 1;
-constexpr std::int32_t kRefuseNow = 2;
-constexpr std::int32_t kBreakAtData = 3;
-
 bool IsBlank(char byte) {
   return byte == ' ' || byte == '\t';
 }
@@ -219,7 +208,8 @@ LineDecision ClientCommandFilter::ProcessHelo(const Line& line) {
   state_.EhloUsed = line.row->command == Command::kEhlo;
   state_.HeloDomain = FirstParameter(line.Rest());
   if (const MaybeRefusal refusal = CheckHeloBlackList()) return Answer(*refusal);
-  const std::int32_t dns_check = facts_.IsLocalClient() ? kDnsLocal : kDnsRemote;
+  const std::int32_t dns_check =
+      facts_.IsLocalClient() ? validate_helo::kDnsLocal : validate_helo::kDnsRemote;
   if ((configuration_.ValidateHELO & dns_check) == 0 || HeloMatchesHostName()) return ForwardAsIs(line);
   if (state_.HeloDomain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""});
   waiting_line_ = line.text;
@@ -239,7 +229,8 @@ LineDecision ClientCommandFilter::ProcessNameAnswer(const AddressAnswer& answer)
 }
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList() const {
-  const std::int32_t check = facts_.IsLocalClient() ? kBlackListLocal : kBlackListRemote;
+  const std::int32_t check =
+      facts_.IsLocalClient() ? validate_helo::kBlackListLocal : validate_helo::kBlackListRemote;
   if ((configuration_.ValidateHELO & check) == 0) return std::nullopt;
   if (!mText::MatchList(state_.HeloDomain, configuration_.HELOBlackList)) return std::nullopt;
   return Refusal{state_.HeloDomain.empty() ? ReplyKind::kHeloNoDomain : ReplyKind::kHeloBlackList, ""};
@@ -376,10 +367,11 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckGreylisting() {
     return std::nullopt;
   }
   const bool callback = mText::MatchList(state_.Sender, settings.CallbackSendersList);
-  if (!callback || settings.CallbackSenderAction == kRefuseNow)
+  if (!callback || settings.CallbackSenderAction == callback_sender_action::kRefuse)
     return Refusal{ReplyKind::kRcptGreylisted, ""};
   // A callback only asks whether the recipient exists; it is let through and refused when it wants to send.
-  if (settings.CallbackSenderAction == kRefuseAtData || settings.CallbackSenderAction == kBreakAtData) {
+  if (settings.CallbackSenderAction == callback_sender_action::kRefuseAtData ||
+      settings.CallbackSenderAction == callback_sender_action::kCloseAtData) {
     state_.Greylisted = true;
   }
   return std::nullopt;
@@ -389,7 +381,7 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckGreylisting() {
 
 LineDecision ClientCommandFilter::ProcessData(const Line& line) {
   if (!state_.Greylisted) return ForwardAsIs(line);
-  if (configuration_.GreyListing.CallbackSenderAction == kBreakAtData) return Break();
+  if (configuration_.GreyListing.CallbackSenderAction == callback_sender_action::kCloseAtData) return Break();
   return Answer({ReplyKind::kDataGreylisted, ""});
 }
 

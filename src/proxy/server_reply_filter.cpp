@@ -184,17 +184,15 @@ void ServerReplyFilter::LimitSize() {
   // A fraction of a byte is none.
   const FixedPoint own =
       configuration_.MaxSize - std::max<FixedPoint>(configuration_.MaxSize, 0) % kFixedPointOne;
-  constexpr FixedPoint kServersOwnLine =
-      -kFixedPointOne;  // MaxSize = -1: no limit of ours, the server's line stays
   FixedPoint limit = 0;
   bool remove = false;
   if (server > 0) {
     if (own > 0) {
       limit = std::min(server, own);
-    } else if (own == 0) {
+    } else if (own == max_size::kAsServer) {
       limit = server;
     } else {
-      remove = own != kServersOwnLine;
+      remove = own != max_size::kNone;
     }
   } else {
     limit = std::max<FixedPoint>(own, 0);

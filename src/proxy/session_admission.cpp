@@ -8,14 +8,6 @@
 
 namespace trabex {
 
-namespace {
-
-// ValidateRDNS.
-constexpr std::int32_t kCheckLocal = 1;
-constexpr std::int32_t kCheckRemote = 2;
-
-}  // namespace
-
 void cProxy::Init(std::int32_t requestID) {
   TimeoutSpan = host_.configuration.Timeout / kSecondsPerDay;
   try {
@@ -81,7 +73,7 @@ void cProxy::ClientNameKnown() {
 }
 
 bool cProxy::NameAdmissionApplies() const {
-  const std::int32_t check = IsLocalClient() ? kCheckLocal : kCheckRemote;
+  const std::int32_t check = IsLocalClient() ? validate_rdns::kLocalClients : validate_rdns::kRemoteClients;
   return (host_.configuration.ValidateRDNS & check) != 0 && !Whitelisted;
 }
 

@@ -9,14 +9,6 @@
 
 namespace trabex {
 
-// Bits of LogLevelServer and LogLevelRemote. The callers test them; the writers write what they are given.
-namespace log_level {
-inline constexpr std::int32_t kErrors = 1;
-inline constexpr std::int32_t kReceived = 2;
-inline constexpr std::int32_t kSent = 4;
-inline constexpr std::int32_t kConnection = 8;
-}  // namespace log_level
-
 // One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" while there is none), text. In `text`
 // every CR LF becomes "¶", so that a multi-line block stays on one line, and each byte of every other
 // character that is not visible (base/visible_text.h) "\xHH", so that no peer forges a line or reaches the
