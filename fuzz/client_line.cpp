@@ -22,7 +22,7 @@ using namespace trabex;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool Delays(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
     return delays;
   }
 

@@ -363,7 +363,8 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient() const {
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckGreylisting() {
   const GreyListingSettings& settings = configuration_.GreyListing;
   if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return std::nullopt;
-  if (!greylisting_->Delays(facts_.ClientHostName(), facts_.ClientIP(), state_.Sender, state_.Recipient)) {
+  if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), state_.Sender,
+                                 state_.Recipient)) {
     return std::nullopt;
   }
   const bool callback = mText::MatchList(state_.Sender, settings.CallbackSendersList);

@@ -8,9 +8,11 @@ namespace trabex {
 class GreylistCheck {
  public:
   virtual ~GreylistCheck() = default;
-  // Counts the attempt; returns whether the recipient is refused for now.
-  virtual bool Delays(std::string_view host_name, std::string_view ip, std::string_view sender,
-                      std::string_view recipient) = 0;
+  // Counts the attempt; returns whether the recipient is to be deferred (RFC 6647), that is refused for now.
+  // `ip` is the client's address as a dotted quad, otherwise error 380 is raised; `host_name` is empty when
+  // the client has none.
+  virtual bool ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+                           std::string_view recipient) = 0;
 };
 
 }  // namespace trabex

@@ -206,7 +206,8 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
 TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
   class Greylisting final : public GreylistCheck {
    public:
-    bool Delays(std::string_view host_name, std::string_view, std::string_view, std::string_view) override {
+    bool ShouldDefer(std::string_view host_name, std::string_view, std::string_view,
+                     std::string_view) override {
       names.emplace_back(host_name);
       return false;
     }

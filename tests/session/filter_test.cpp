@@ -209,7 +209,7 @@ TEST(Rcpt, AddressesAreReplaced) {
 }
 
 struct DelayAll : GreylistCheck {
-  bool Delays(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
     return true;
   }
 };

@@ -59,8 +59,8 @@ class FakeFacts final : public SessionFacts {
 
 class FakeGreylisting final : public GreylistCheck {
  public:
-  bool Delays(std::string_view host_name, std::string_view ip, std::string_view sender,
-              std::string_view recipient) override;
+  bool ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+                   std::string_view recipient) override;
 
   bool delays = false;
   std::vector<std::string> asked;  // "host|ip|sender|recipient"
