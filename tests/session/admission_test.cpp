@@ -11,9 +11,9 @@ constexpr std::uint32_t kLocalhost = 0x7F000001;
 
 TEST(Admission, GreetingComesFromTheServer) {
   PlayBothWays({}, R"(
-    C= nothing
-    S> 220 server ready
-    C= 220 server ready
+    <- nothing
+    S: 220 server ready
+    <- 220 server ready
     log R: {*} [      127.0.0.1] Connection Request.
     log S: {*} [      127.0.0.1] Connected.
     log S: {*} [      127.0.0.1] < 220 server ready¶
@@ -22,21 +22,21 @@ TEST(Admission, GreetingComesFromTheServer) {
 
 TEST(Admission, OneConnectionTooMany) {
   PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 1; }, R"(
-    S> 220 server ready
-    C= 220 server ready
+    S: 220 server ready
+    <- 220 server ready
     connect
-    C= 421 proxy.test is too busy. Try later.
+    <- 421 proxy.test is too busy. Try later.
     closed C
     log R: {*} [      127.0.0.1] > 421 proxy.test is too busy. Try later.)");
 }
 
 TEST(Admission, TheCountIncludesTheNewSession) {
   PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 2; }, R"(
-    S> 220 first
-    C= 220 first
+    S: 220 first
+    <- 220 first
     connect
-    S> 220 second
-    C= 220 second)");
+    S: 220 second
+    <- 220 second)");
 }
 
 TEST(Admission, BlackListedAddress) {
@@ -45,7 +45,7 @@ TEST(Admission, BlackListedAddress) {
         world.Settings.IPBlackList = IPRangeList({{kLocalhost, kLocalhost}});
       },
       R"(
-    C= 554 Connection from 127.0.0.1 not allowed.
+    <- 554 Connection from 127.0.0.1 not allowed.
     closed C
     log R: {*] Disconnected. Bytes received/sent: 0/*)");
 }
@@ -56,7 +56,7 @@ TEST(Admission, AddressOutsideTheAllowList) {
         world.Settings.IPAllowList = IPRangeList({{1, 2}});
       },
       R"(
-    C= 554 Connection from 127.0.0.1 not allowed.
+    <- 554 Connection from 127.0.0.1 not allowed.
     closed C)");
 }
 
@@ -67,27 +67,27 @@ TEST(Admission, WhiteListWinsOverBlackListAndSkipsTheName) {
         world.Settings.IPWhiteList = IPRangeList({{kLocalhost, kLocalhost}});
         world.Settings.ValidateRDNS = 3;
       },
-      "S> 220 server ready\nC= 220 server ready");
+      "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, NoNameIsRefusedButStaysOpen) {
   PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, R"(
-    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
-    C> EHLO client.test
-    C= 503 Bad sequence of commands.
-    C> MAIL FROM:<a@b.test>
-    C= 503 Bad sequence of commands.
-    C> QUIT
-    C= 221 2.0.0 proxy.test closing connection.
+    <- 454 Unable to verify DNS PTR record for 127.0.0.1.
+    C: EHLO client.test
+    <- 503 Bad sequence of commands.
+    C: MAIL FROM:<a@b.test>
+    <- 503 Bad sequence of commands.
+    C: QUIT
+    <- 221 2.0.0 proxy.test closing connection.
     closed C)");
 }
 
 TEST(Admission, RemoteOnlyCheckLetsALocalClientWithoutNameIn) {
   PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 2; }, R"(
-    S> 220 server ready
-    C= 220 server ready
+    S: 220 server ready
+    <- 220 server ready
     connect 127.0.0.9
-    C= 454 Unable to verify DNS PTR record for 127.0.0.9.)");
+    <- 454 Unable to verify DNS PTR record for 127.0.0.9.)");
 }
 
 TEST(Admission, BlackListedName) {
@@ -97,9 +97,9 @@ TEST(Admission, BlackListedName) {
     world.Names.SetName(kLocalhost, "mail.bad.test");
   };
   PlayBothWays(configure, R"(
-    C= 554 Connection from mail.bad.test [127.0.0.1] not allowed.
-    C> NOOP
-    C= 503 Bad sequence of commands.)");
+    <- 554 Connection from mail.bad.test [127.0.0.1] not allowed.
+    C: NOOP
+    <- 503 Bad sequence of commands.)");
 }
 
 TEST(Admission, NameOutsideTheAllowList) {
@@ -110,9 +110,9 @@ TEST(Admission, NameOutsideTheAllowList) {
     world.Names.SetName(kLocalhost, "mail.other.test");
   };
   PlayBothWays(configure, R"(
-    C= 554 Connection from mail.other.test [127.0.0.1] not allowed.
-    C> NOOP
-    C= 503 Bad sequence of commands.)");
+    <- 554 Connection from mail.other.test [127.0.0.1] not allowed.
+    C: NOOP
+    <- 503 Bad sequence of commands.)");
 }
 
 TEST(Admission, WhiteListedNameWins) {
@@ -122,7 +122,7 @@ TEST(Admission, WhiteListedNameWins) {
     world.Settings.HostsWhiteList.Add("mail.*", {.patterns = {"mail.*"}});
     world.Names.SetName(kLocalhost, "mail.bad.test");
   };
-  PlayBothWays(configure, "S> 220 server ready\nC= 220 server ready");
+  PlayBothWays(configure, "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, NameListsCountOnlyWhereNamesAreChecked) {
@@ -131,7 +131,7 @@ TEST(Admission, NameListsCountOnlyWhereNamesAreChecked) {
     world.Settings.HostsBlackList.Add("*", {.patterns = {"*"}});
     world.Names.SetName(kLocalhost, "mail.bad.test");
   };
-  PlayBothWays(configure, "S> 220 server ready\nC= 220 server ready");
+  PlayBothWays(configure, "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, WaitsForTheNameWhereItDecides) {
@@ -140,25 +140,25 @@ TEST(Admission, WaitsForTheNameWhereItDecides) {
   world.Names.SetName(kLocalhost, "good.test");
   world.Names.HoldAnswers();
   EXPECT_EQ(world.Play(R"(
-    C! EHLO client.test\r\n
-    C= nothing
-    names arrive
-    S> 220 server ready
-    C= 220 server ready
-    S= EHLO client.test)"),
+    C+ EHLO client.test\r\n
+    <- nothing
+    answer
+    S: 220 server ready
+    <- 220 server ready
+    -> EHLO client.test)"),
             "");
 }
 
-TEST(Admission, OtherwiseOnlyTheFirstCommandWaitsForTheName) {
+TEST(Admission, OnlyTheFirstCommandWaitsForANameThatDecidesNothing) {
   SessionWorld world;
   world.Names.HoldAnswers();
   EXPECT_EQ(world.Play(R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO client.test
-    S= nothing
-    names arrive
-    S= EHLO client.test)"),
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO client.test
+    -> nothing
+    answer
+    -> EHLO client.test)"),
             "");
 }
 
@@ -179,14 +179,14 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
     std::vector<std::uint32_t> addresses;
     const char* transcript;
   } rows[] = {
-      {"mail.good.test", {0x0A000001, kLocalhost}, "S> 220 server ready\nC= 220 server ready"},
-      {"mail.good.test", {0x0A000001}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
-      {"mail.good.test", {}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
-      {"mail.other.test", {kLocalhost}, "C= 554 Connection from mail.other.test [127.0.0.1] not allowed."},
-      {"mail.other.test", {0x0A000001}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.good.test", {0x0A000001, kLocalhost}, "S: 220 server ready\n<- 220 server ready"},
+      {"mail.good.test", {0x0A000001}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.good.test", {}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.other.test", {kLocalhost}, "<- 554 Connection from mail.other.test [127.0.0.1] not allowed."},
+      {"mail.other.test", {0x0A000001}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
       // No list sees a name that is not the client's.
-      {"mail.white.test", {kLocalhost}, "S> 220 server ready\nC= 220 server ready"},
-      {"mail.white.test", {}, "C= 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.white.test", {kLocalhost}, "S: 220 server ready\n<- 220 server ready"},
+      {"mail.white.test", {}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
   };
   for (const auto& row : rows) {
     const auto configure = [&](SessionWorld& world) {
@@ -231,33 +231,26 @@ TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
       const bool named = leads_back || !confirm;
       const std::string name = named ? "mail.client.test" : "Unknown";
       // Named so it need not be looked up; without a name HELO's own is, and is another's.
-      EXPECT_EQ(world.Play(std::string(
-                               "S> 220 server ready\nC= 220 server ready\nC> HELO mail.client.test\n") +
-                           (named ? "" :
-                                  R"(
-    C= 550 Domain mail.client.test doesn't correspond to IP address 127.0.0.1.
-    C> HELO [127.0.0.1]
-)") + "S= HELO *\nS> 250 ok\nC= 250 ok\n" +
-                           R"(
-    C> NOOP
-    S= NOOP
-    S> 250 ok
-    C= 250 )" + name + R"(
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<u@local.test>
-    S> 250 ok
-    C= 250 ok
-    C> DATA
-    S= DATA
-    S> 354 go on
-    C! text\r\n
-    S= Received: from * ()" +
-                           name + R"( [127.0.0.1]) by proxy.test)"),
-                "");
+      EXPECT_EQ(
+          world.Play(std::string("S: 220 server ready\n<- 220 server ready\nC: HELO mail.client.test\n") +
+                     (named ? "" :
+                            R"(
+    <- 550 Domain mail.client.test doesn't correspond to IP address 127.0.0.1.
+    C: HELO [127.0.0.1]
+)") + "-> HELO *\nS: 250 ok\n<- 250 ok\n" +
+                     R"(
+    C: NOOP
+    -> NOOP
+    S: 250 ok
+    <- 250 )" + name +
+                     "\n" + MailAndRcpt() + R"(
+    C: DATA
+    -> DATA
+    S: 354 go on
+    C+ text\r\n
+    -> Received: from * ()" +
+                     name + R"( [127.0.0.1]) by proxy.test)"),
+          "");
       EXPECT_EQ(greylisting.names, std::vector<std::string>{named ? "mail.client.test" : ""});
       EXPECT_EQ(world.Names.ConfirmedNameRequests(), confirm ? 1U : 0U);
       EXPECT_EQ(world.Names.NameRequests(), 1U);
@@ -288,15 +281,15 @@ TEST(TimeOut, EndsASessionThatGetsNoServer) {
         world.Settings.Timeout = 60;
       },
       R"(
-    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+    <- 454 Unable to verify DNS PTR record for 127.0.0.1.
     wait 50000
     timeouts are checked
-    C> NOOP
-    C= 503 Bad sequence of commands.
+    C: NOOP
+    <- 503 Bad sequence of commands.
     wait 59000
     timeouts are checked
-    C> NOOP
-    C= 503 Bad sequence of commands.
+    C: NOOP
+    <- 503 Bad sequence of commands.
     wait 61000
     timeouts are checked
     closed C
@@ -325,7 +318,7 @@ const struct {
        world.Settings.Timeout = 60;
        world.Settings.MaxBadSeq = 1000;
      },
-     "C= 454 Unable to verify DNS PTR record for 127.0.0.1.\n", "C= 503 Bad sequence of commands.\n"},
+     "<- 454 Unable to verify DNS PTR record for 127.0.0.1.\n", "<- 503 Bad sequence of commands.\n"},
     {"its name decides, and is being looked up",
      [](SessionWorld& world) {
        world.Settings.ValidateRDNS = 1;
@@ -349,8 +342,8 @@ constexpr const char* kTimedOut = R"(
 TEST(TimeOut, BytesThatMakeNoLineDoNotRenewIt) {
   for (const auto& stage : kTimedStages) {
     SCOPED_TRACE(stage.name);
-    for (const char* piece : {R"(C! x)", R"(C! \r)", R"(C! \n)"}) {
-      PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(piece, 60) + "C= nothing\n" +
+    for (const char* piece : {R"(C+ x)", R"(C+ \r)", R"(C+ \n)"}) {
+      PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(piece, 60) + "<- nothing\n" +
                                         EveryTenSeconds(piece, 10) + kTimedOut);
     }
   }
@@ -360,13 +353,13 @@ TEST(TimeOut, ACompleteLineRenewsIt) {
   for (const auto& stage : kTimedStages) {
     SCOPED_TRACE(stage.name);
     const std::string answer = stage.answer;
-    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C> NOOP\n" + answer, 200) +
-                                      EveryTenSeconds("C= nothing", 60) + kTimedOut);
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C: NOOP\n" + answer, 200) +
+                                      EveryTenSeconds("<- nothing", 60) + kTimedOut);
     // At the moment that its end comes, and once.
-    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(R"(C! NOOP\r)", 10) +
-                                      EveryTenSeconds("C= nothing", 40) + "C! \\n\n" + answer +
-                                      EveryTenSeconds("C! x", 60) + "C= nothing\n" +
-                                      EveryTenSeconds("C! x", 10) + kTimedOut);
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds(R"(C+ NOOP\r)", 10) +
+                                      EveryTenSeconds("<- nothing", 40) + "C+ \\n\n" + answer +
+                                      EveryTenSeconds("C+ x", 60) + "<- nothing\n" +
+                                      EveryTenSeconds("C+ x", 10) + kTimedOut);
   }
 }
 
@@ -374,9 +367,9 @@ TEST(TimeOut, LinesSentAheadRenewItOnce) {
   for (const auto& stage : kTimedStages) {
     SCOPED_TRACE(stage.name);
     const std::string answer = stage.answer;
-    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C! x", 50) + "C! \\r\\nNOOP\\r\\nNOO\n" +
-                                      answer + answer + EveryTenSeconds("C! x", 60) + "C= nothing\n" +
-                                      EveryTenSeconds("C! x", 10) + kTimedOut);
+    PlayBothWays(stage.configure, stage.begin + EveryTenSeconds("C+ x", 50) + "C+ \\r\\nNOOP\\r\\nNOO\n" +
+                                      answer + answer + EveryTenSeconds("C+ x", 60) + "<- nothing\n" +
+                                      EveryTenSeconds("C+ x", 10) + kTimedOut);
   }
 }
 
@@ -384,26 +377,26 @@ TEST(TimeOut, LinesSentAheadRenewItOnce) {
 TEST(TimeOut, DroppedOctetsDoNotRenewIt) {
   const auto& refused = kTimedStages[0];
   const std::string bad_sequence = refused.answer;
-  PlayBothWays(refused.configure, refused.begin + ("C> BDAT 2000000000\n" + bad_sequence) +
-                                      EveryTenSeconds(R"(C! x\r\n)", 60) + "C= nothing\n" +
-                                      EveryTenSeconds(R"(C! \r\n)", 10) + kTimedOut);
+  PlayBothWays(refused.configure, refused.begin + ("C: BDAT 2000000000\n" + bad_sequence) +
+                                      EveryTenSeconds(R"(C+ x\r\n)", 60) + "<- nothing\n" +
+                                      EveryTenSeconds(R"(C+ \r\n)", 10) + kTimedOut);
   // A line behind them does, also one that comes with the last of them.
   for (const int seconds : {20, 30}) {
     PlayBothWays(refused.configure,
-                 refused.begin + ("C> BDAT 6\n" + bad_sequence) + EveryTenSeconds(R"(C! \r\n)", seconds) +
-                     (seconds == 20 ? "C! \\r\\nNOOP\\r\\n\n" : "C> NOOP\n") + bad_sequence +
-                     EveryTenSeconds("C! x", 60) + "C= nothing\n" + EveryTenSeconds("C! x", 10) + kTimedOut);
+                 refused.begin + ("C: BDAT 6\n" + bad_sequence) + EveryTenSeconds(R"(C+ \r\n)", seconds) +
+                     (seconds == 20 ? "C+ \\r\\nNOOP\\r\\n\n" : "C: NOOP\n") + bad_sequence +
+                     EveryTenSeconds("C+ x", 60) + "<- nothing\n" + EveryTenSeconds("C+ x", 10) + kTimedOut);
   }
 }
 
 TEST(TimeOut, NeverEndsASessionWithAServer) {
   PlayBothWays([](SessionWorld& world) { world.Settings.Timeout = 60; }, R"(
-    S> 220 server ready
-    C= 220 server ready
+    S: 220 server ready
+    <- 220 server ready
     wait 100000000
     timeouts are checked
-    C> NOOP
-    S= NOOP)");
+    C: NOOP
+    -> NOOP)");
 }
 
 TEST(TimeOut, ZeroMeansNone) {
@@ -413,16 +406,16 @@ TEST(TimeOut, ZeroMeansNone) {
         world.Settings.Timeout = 0;
       },
       R"(
-    C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+    <- 454 Unable to verify DNS PTR record for 127.0.0.1.
     wait 100000000
     timeouts are checked
-    C> NOOP
-    C= 503 Bad sequence of commands.)");
+    C: NOOP
+    <- 503 Bad sequence of commands.)");
 }
 
 TEST(Rows, AreThereAsLongAsTheirSession) {
   SessionWorld world;
-  EXPECT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  EXPECT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
   ASSERT_EQ(world.Rows().size(), 1U);
   EXPECT_NE(world.Sessions().Find(world.Rows()[0]), nullptr);
   EXPECT_EQ(world.Rows()[0][0], ' ');

@@ -19,15 +19,15 @@ TEST(Closing, AClientThatSentAheadAndBreaksOffEndsTheSession) {
   // Before the greeting, and while a reply is owed: it fails to reach the client, whose next lines are not
   // taken.
   PlayBothWays({}, R"(
-    C! EHLO c.test\r\nNOOP\r\n
+    C+ EHLO c.test\r\nNOOP\r\n
     C resets
-    S> 220 ready
+    S: 220 ready
     closed S)");
   PlayBothWays({}, Greeted() + R"(
-    C! NOOP\r\nNOOP\r\n
-    S= NOOP
+    C+ NOOP\r\nNOOP\r\n
+    -> NOOP
     C resets
-    S> 250 ok
+    S: 250 ok
     closed S)");
 }
 
@@ -37,42 +37,42 @@ TEST(Closing, TheServerHangsUp) {
 
 TEST(Closing, TheServersLastWordsReachTheClient) {
   PlayBothWays({}, Greeted() + R"(
-    C> NOOP
-    S= NOOP
-    S> 421 too late
+    C: NOOP
+    -> NOOP
+    S: 421 too late
     S closes
-    C= 421 too late
+    <- 421 too late
     closed C)");
 }
 
 // The server closed, or broke off, before its last line had its end.
-TEST(Closing, SoDoLastWordsWithoutTheirLineEnd) {
+TEST(Closing, LastWordsWithoutTheirLineEndReachTheClientToo) {
   const struct {
     const char* what;
     std::string before;
     const char* said;
     std::string heard;
   } kRows[] = {
-      {"in the greeting", "S accepts", "421 not today", "C= 421 not today"},
-      {"in the greeting's code", "S accepts", "42", "C= 42"},
-      {"between two commands", Greeted(), "421 time is up", "C= 421 time is up"},
-      {"instead of a reply", Greeted() + "C> NOOP\nS= NOOP", "421 time is up", "C= 421 time is up"},
-      {"behind a reply", Greeted() + "C> NOOP\nS= NOOP", R"(250 ok\r\n421 up)", "C= 250 ok\nC= 421 up"},
-      {"in a further line of a reply", Greeted(), R"(421-first\r\n421-sec)", "C= 421-first\nC= 421-sec"},
-      {"in the last line of a reply", Greeted(), R"(250-a\r\n250 b)", "C= 250-a\nC= 250 b"},
-      {"inside the line end", Greeted(), R"(421 time is up\r)", "C= 421 time is up"},
-      {"behind a line feed alone", Greeted(), R"(421 up\n)", R"(C= 421 up\n)"},
-      {"with a NUL", Greeted(), R"(421 a\0b)", R"(C= 421 a\0b)"},
-      {"in the content", InContent() + "C> half of\nS= half of", "421 leaving", "C= 421 leaving"},
+      {"in the greeting", "S accepts", "421 not today", "<- 421 not today"},
+      {"in the greeting's code", "S accepts", "42", "<- 42"},
+      {"between two commands", Greeted(), "421 time is up", "<- 421 time is up"},
+      {"instead of a reply", Greeted() + "C: NOOP\n-> NOOP", "421 time is up", "<- 421 time is up"},
+      {"behind a reply", Greeted() + "C: NOOP\n-> NOOP", R"(250 ok\r\n421 up)", "<- 250 ok\n<- 421 up"},
+      {"in a further line of a reply", Greeted(), R"(421-first\r\n421-sec)", "<- 421-first\n<- 421-sec"},
+      {"in the last line of a reply", Greeted(), R"(250-a\r\n250 b)", "<- 250-a\n<- 250 b"},
+      {"inside the line end", Greeted(), R"(421 time is up\r)", "<- 421 time is up"},
+      {"behind a line feed alone", Greeted(), R"(421 up\n)", R"(<- 421 up\n)"},
+      {"with a NUL", Greeted(), R"(421 a\0b)", R"(<- 421 a\0b)"},
+      {"in the content", InContent() + "C: half of\n-> half of", "421 leaving", "<- 421 leaving"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
-    const std::string said = row.before + "\nS! " + row.said;
+    const std::string said = row.before + "\nS+ " + row.said;
     PlayBothWays({}, said + "\nS closes\n" + row.heard + "\nclosed C");
     // A server that spoke inside the content is gone for the client as soon as that is said.
     const bool in_content = row.before.starts_with(InContent());
     PlayBothWays({}, said + "\nwait 0\nS resets\n" + row.heard +
-                         (in_content ? "" : "\nC= 421 proxy.test is temporarily unavailable.") + R"(
+                         (in_content ? "" : "\n<- 421 proxy.test is temporarily unavailable.") + R"(
       closed C
       log S: {*] Error 10054. *)");
   }
@@ -82,21 +82,21 @@ TEST(Closing, SoDoLastWordsWithoutTheirLineEnd) {
 TEST(Closing, LastWordsComeInTheOrderInWhichTheyWereSaid) {
   SessionWorld world;
   EXPECT_EQ(world.Play(InTransaction() + R"(
-    C> DATA
-    S= DATA
-    S! 354 go on\r\n421 time is up
+    C: DATA
+    -> DATA
+    S+ 354 go on\r\n421 time is up
     S resets
-    C= 354 go on
-    C= 421 time is up
+    <- 354 go on
+    <- 421 time is up
     closed C)"),
             "");
 }
 
 TEST(Closing, LastWordsWithoutTheirLineEndAreLoggedAsOthersAre) {
   PlayBothWays({}, Greeted() + R"(
-    S! 421 time is up
+    S+ 421 time is up
     S closes
-    C= 421 time is up
+    <- 421 time is up
     closed C
     log S: {*] < 421 time is up¶
     log R: {*] > 421 time is up)");
@@ -111,42 +111,42 @@ TEST(Closing, LastWordsWithoutTheirLineEndPassTheFilter) {
     world.Settings.ResponseChanges.Add(replaces);
   };
   PlayBothWays(configure, Greeted() + R"(
-    S! 421 server.inside.test is leaving
+    S+ 421 server.inside.test is leaving
     S closes
-    C= 421 come again
+    <- 421 come again
     closed C)");
   PlayBothWays({}, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO client.test
-    S= EHLO client.test
-    S! 250-server\r\n250-STARTTLS\r\n250 8BITM
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO client.test
+    -> EHLO client.test
+    S+ 250-server\r\n250-STARTTLS\r\n250 8BITM
     S closes
-    C= 250-server
-    C= 250 8BITM
+    <- 250-server
+    <- 250 8BITM
     closed C)");
 }
 
 TEST(Closing, WhatTheClientSentAheadDoesNotCostItTheReply) {
   PlayBothWays({}, Greeted() + R"(
-    C! NOOP\r\nNOOP\r\nNOOP\r\n
-    S= NOOP
-    S> 421 too late
+    C+ NOOP\r\nNOOP\r\nNOOP\r\n
+    -> NOOP
+    S: 421 too late
     S closes
-    C= 421 too late
+    <- 421 too late
     closed C)");
 }
 
 // The server is about to close: whatever follows would only bring a second farewell, of an error.
 TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
   const std::string good_bye = Greeted() + R"(
-    C! QUIT\r\nNOOP\r\nDATA\r\n
-    S= QUIT
-    S> 221 bye
-    C= 221 bye
-    C> NOOP
-    S= nothing
-    C= nothing
+    C+ QUIT\r\nNOOP\r\nDATA\r\n
+    -> QUIT
+    S: 221 bye
+    <- 221 bye
+    C: NOOP
+    -> nothing
+    <- nothing
 )";
   PlayBothWays({}, good_bye + "S closes\nclosed C");
   // It need not be the server that hangs up.
@@ -155,30 +155,30 @@ TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
 
 TEST(Closing, AServerThatDoesNotSayGoodByeIsStillThere) {
   PlayBothWays({}, Greeted() + R"(
-    C! QUIT\r\nNOOP\r\n
-    S= QUIT
-    S> 500 stay
-    C= 500 stay
-    S= NOOP)");
+    C+ QUIT\r\nNOOP\r\n
+    -> QUIT
+    S: 500 stay
+    <- 500 stay
+    -> NOOP)");
 }
 
 TEST(Closing, TheServerResets) {
   PlayBothWays({}, Greeted() + R"(
     S resets
-    C= *
+    <- *
     )");
 }
 
 TEST(Closing, TheServerRefuses) {
   PlayBothWays([](SessionWorld& world) { world.Server().Close(); }, R"(
-    C= 421 proxy.test is temporarily unavailable.
+    <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Error 10061. Connection refused.)");
 }
 
 TEST(Closing, TheServersNameIsUnknown) {
   PlayBothWays([](SessionWorld& world) { world.Settings.ServerIP = "nowhere.test"; }, R"(
-    C= 421 proxy.test is temporarily unavailable.
+    <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Error 11001. Host not found.)");
 }
@@ -193,7 +193,7 @@ TEST(Closing, ARefusalInsideTheContentReachesTheClientThoughTheServerResets) {
   world.ServerPeer().Send("552 too much\r\n");
   world.ClientPeer().Send("and more\r\n");
   world.ServerPeer().Close();
-  EXPECT_EQ(world.Play("C= 552 too much\nclosed C"), "");
+  EXPECT_EQ(world.Play("<- 552 too much\nclosed C"), "");
 }
 
 TEST(Closing, TheEndInsideTheContentIsNotForgottenWhileTheServerHadSpoken) {
@@ -208,17 +208,17 @@ TEST(Closing, TheEndInsideTheContentIsNotForgottenWhileTheServerHadSpoken) {
 TEST(Closing, ASecondReplyIsNotTakenForTheAnswerToTheNextCommand) {
   SessionWorld world;
   EXPECT_EQ(world.Play(Greeted() + R"(
-    C! NOOP\r\nMAIL FROM:<a@b.test>\r\nRCPT TO:<u@local.test>\r\n
-    S= NOOP
-    S! 250 ok\r\n250 unasked\r\n
-    C= 250 ok
-    C= 250 unasked
-    S= MAIL FROM:<a@b.test>
-    C= nothing
-    S= nothing
-    S> 550 no
-    C= 550 no
-    C= 503 5.5.1 Bad sequence of commands.)"),
+    C+ NOOP\r\nMAIL FROM:<a@b.test>\r\nRCPT TO:<u@local.test>\r\n
+    -> NOOP
+    S+ 250 ok\r\n250 unasked\r\n
+    <- 250 ok
+    <- 250 unasked
+    -> MAIL FROM:<a@b.test>
+    <- nothing
+    -> nothing
+    S: 550 no
+    <- 550 no
+    <- 503 5.5.1 Bad sequence of commands.)"),
             "");
 }
 
@@ -228,30 +228,30 @@ TEST(Closing, ANamedServerIsFound) {
         world.Settings.ServerIP = "server.test";
         world.Names.SetAddresses("server.test", {0x7F000001});
       },
-      "S> 220 server ready\nC= 220 server ready");
+      "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Closing, ShutDownTellsTheClients) {
   PlayBothWays({}, Greeted() + R"(
-    C! NOOP\r\nNOOP\r\n
-    S= NOOP
+    C+ NOOP\r\nNOOP\r\n
+    -> NOOP
     shutdown
-    C= 421 4.3.2 proxy.test is shutting down.
+    <- 421 4.3.2 proxy.test is shutting down.
     closed both)");
 }
 
 TEST(Closing, TooManyCommandsOutOfOrder) {
   PlayBothWays([](SessionWorld& world) { world.Settings.MaxBadSeq = 2; }, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> DATA
-    C= 503 Bad sequence of commands.
-    C> DATA
-    C= 503 Bad sequence of commands.
-    C! DATA\r\nNOOP\r\n
-    C= 503 Bad sequence of commands.
+    S: 220 server ready
+    <- 220 server ready
+    C: DATA
+    <- 503 Bad sequence of commands.
+    C: DATA
+    <- 503 Bad sequence of commands.
+    C+ DATA\r\nNOOP\r\n
+    <- 503 Bad sequence of commands.
     wait 400
-    C= nothing
+    <- nothing
     wait 200
     closed both
     log R: {*] Maximum out-of-order commands exceeded. Closing connection.)");
@@ -259,16 +259,16 @@ TEST(Closing, TooManyCommandsOutOfOrder) {
 
 TEST(Closing, ALineThatIsTooLong) {
   const std::string longest = "NOOP " + std::string(4096 - 7, 'x');
-  PlayBothWays({}, "S> 220 server ready\nC= 220 server ready\nC> " + longest + "\nS= " + longest +
-                       "\nS> 250 ok\nC= 250 ok\nC! " + longest +
-                       "xx\nC= 500 5.5.6 Line too long.\nclosed both");
+  PlayBothWays({}, "S: 220 server ready\n<- 220 server ready\nC: " + longest + "\n-> " + longest +
+                       "\nS: 250 ok\n<- 250 ok\nC+ " + longest +
+                       "xx\n<- 500 5.5.6 Line too long.\nclosed both");
 }
 
 TEST(Closing, AnAmbiguousEndBreaksTheMessageOff) {
   PlayBothWays({}, InContent() + R"(
-    C! text\r\n.\nMAIL FROM:<evil@b.test>\r\n
-    C= 554 5.6.0 Ambiguous end of message content.
-    S= text
+    C+ text\r\n.\nMAIL FROM:<evil@b.test>\r\n
+    <- 554 5.6.0 Ambiguous end of message content.
+    -> text
     closed C)");
 }
 

@@ -31,88 +31,81 @@ TEST(Ehlo, ReplyIsRewritten) {
         world.Settings.AddSMTPExtensionsLocal.Add("XTRA", {.patterns = {"XTRA 1 2"}});
       },
       R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO client.test
-    S= EHLO client.test
-    S> 250-server greets
-    S> 250-PIPELINING
-    S> 250-VRFY
-    S> 250-starttls
-    C= nothing
-    S> 250-SIZE 5000
-    S> 250-XCLIENT NAME ADDR
-    S> 250 8BITMIME
-    C= 250-server greets
-    C= 250-8BITMIME
-    C= 250-SIZE 1000
-    C= 250 XTRA 1 2
-    C> MAIL FROM:<a@b.test> SIZE=1001
-    C= 552 5.3.4 Message size (1001 bytes) exceeds fixed maximium message size (1000 bytes).
-    C> MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME
-    S= MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME)");
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250-server greets
+    S: 250-PIPELINING
+    S: 250-VRFY
+    S: 250-starttls
+    <- nothing
+    S: 250-SIZE 5000
+    S: 250-XCLIENT NAME ADDR
+    S: 250 8BITMIME
+    <- 250-server greets
+    <- 250-8BITMIME
+    <- 250-SIZE 1000
+    <- 250 XTRA 1 2
+    C: MAIL FROM:<a@b.test> SIZE=1001
+    <- 552 5.3.4 Message size (1001 bytes) exceeds fixed maximium message size (1000 bytes).
+    C: MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME
+    -> MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME)");
 }
 
 TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
   PlayBothWays([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO client.test
-    S= EHLO client.test
-    S> 250-server
-    S> 250 8BITMIME
-    C= 250-server
-    C= 250 8BITMIME
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C! BDAT 6 LAST\r\nRSET\r\n
-    C= 503 5.5.1 Bad sequence of commands.
-    S= nothing)");
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250-server
+    S: 250 8BITMIME
+    <- 250-server
+    <- 250 8BITMIME
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>
+    S: 250 ok
+    <- 250 ok
+    C+ BDAT 6 LAST\r\nRSET\r\n
+    <- 503 5.5.1 Bad sequence of commands.
+    -> nothing)");
 }
 
 TEST(Ehlo, SecondOneStartsAnew) {
   PlayBothWays({}, InTransaction() + R"(
-    C> EHLO again.test
-    S= EHLO again.test
-    S> 250 server
-    C= 250 server
-    C> RCPT TO:<u@local.test>
-    C= 503 5.5.1 Bad sequence of commands.
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> BDAT 3 LAST
-    C! abc
-    C= 503 5.5.1 Bad sequence of commands.
-    C> NOOP
-    S= NOOP)");
+    C: EHLO again.test
+    -> EHLO again.test
+    S: 250 server
+    <- 250 server
+    C: RCPT TO:<u@local.test>
+    <- 503 5.5.1 Bad sequence of commands.
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>
+    S: 250 ok
+    <- 250 ok
+    C: BDAT 3 LAST
+    C+ abc
+    <- 503 5.5.1 Bad sequence of commands.
+    C: NOOP
+    -> NOOP)");
 }
 
 TEST(Helo, HeaderSaysSmtp) {
   PlayBothWays([](SessionWorld& world) { world.Names.SetName(0x7F000001, "client.example"); }, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> helo  client.test
-    S= helo client.test
-    S> 250 server
-    C= 250 server
-    C> MAIL FROM:<>
-    S= MAIL FROM:<>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<u@local.test>
-    S> 250 ok
-    C= 250 ok
-    C> DATA
-    S= DATA
-    S> 354 go on
-    S= Received: from client.test (client.example [127.0.0.1]) by proxy.test
-    S=       with SMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    C= 354 go on)");
+    S: 220 server ready
+    <- 220 server ready
+    C: helo  client.test
+    -> helo client.test
+    S: 250 server
+    <- 250 server
+)" + MailAndRcpt("") + R"(
+    C: DATA
+    -> DATA
+    S: 354 go on
+    -> Received: from client.test (client.example [127.0.0.1]) by proxy.test
+    ->       with SMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    <- 354 go on)");
 }
 
 TEST(Helo, IsCheckedInDns) {
@@ -123,40 +116,40 @@ TEST(Helo, IsCheckedInDns) {
     world.Names.SetAddresses("127.0.0.1", {0x7F000001});
   };
   PlayBothWays(configure, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO nowhere.test
-    C= 450 Unable to verify domain name nowhere.test in DNS.
-    C> EHLO wrong.test
-    C= 550 Domain wrong.test doesn't correspond to IP address 127.0.0.1.
-    C> EHLO
-    C= 501 Domain name not specified.
-    C! EHLO right.test\r\nNOOP\r\n
-    S= EHLO right.test
-    S> 250 server
-    C= 250 server
-    S= NOOP
-    S> 250 ok
-    C= 250 ok
-    C> HELO [127.0.0.1]
-    S= HELO [127.0.0.1])");
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO nowhere.test
+    <- 450 Unable to verify domain name nowhere.test in DNS.
+    C: EHLO wrong.test
+    <- 550 Domain wrong.test doesn't correspond to IP address 127.0.0.1.
+    C: EHLO
+    <- 501 Domain name not specified.
+    C+ EHLO right.test\r\nNOOP\r\n
+    -> EHLO right.test
+    S: 250 server
+    <- 250 server
+    -> NOOP
+    S: 250 ok
+    <- 250 ok
+    C: HELO [127.0.0.1]
+    -> HELO [127.0.0.1])");
 }
 
 TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
   SessionWorld world;
   world.Settings.ValidateHELO = 1;
   world.Names.SetAddresses("right.test", {0x7F000001});
-  EXPECT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  EXPECT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
   world.Names.HoldAnswers();
   EXPECT_EQ(world.Play(R"(
-    C! EHLO right.test\r\nNOOP\r\n
-    S= nothing
-    C= nothing
-    names arrive
-    S= EHLO right.test
-    S> 250 server
-    C= 250 server
-    S= NOOP)"),
+    C+ EHLO right.test\r\nNOOP\r\n
+    -> nothing
+    <- nothing
+    answer
+    -> EHLO right.test
+    S: 250 server
+    <- 250 server
+    -> NOOP)"),
             "");
 }
 
@@ -166,30 +159,30 @@ TEST(Helo, OwnHostNameNeedsNoLookUp) {
     world.Names.SetName(0x7F000001, "mail.example.test");
   };
   PlayBothWays(configure, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C> EHLO EXAMPLE.test
-    S= EHLO EXAMPLE.test)");
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO EXAMPLE.test
+    -> EHLO EXAMPLE.test)");
 }
 
 TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
   PlayBothWays(Remote, Greeted() + R"(
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<x@other.test>
-    C= 550 5.7.1 Relaying to other.test not allowed.
-    C> RCPT TO:<x%other.test@local.test>
-    C= 550 5.7.1 Relaying to local.test not allowed.
-    C> RCPT TO:<"x@other.test"@local.test>
-    C= 550 5.7.1 Relaying to local.test not allowed.
-    C> RCPT TO:<other.test!x@local.test>
-    C= 550 5.7.1 Relaying to local.test not allowed.
-    C> RCPT TO:<x@other.test@local.test>
-    C= 550 5.7.1 Relaying to local.test not allowed.
-    C> RCPT TO:<@other.test:u@local.test.> NOTIFY=NEVER
-    S= RCPT TO:<u@local.test> NOTIFY=NEVER)");
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>
+    S: 250 ok
+    <- 250 ok
+    C: RCPT TO:<x@other.test>
+    <- 550 5.7.1 Relaying to other.test not allowed.
+    C: RCPT TO:<x%other.test@local.test>
+    <- 550 5.7.1 Relaying to local.test not allowed.
+    C: RCPT TO:<"x@other.test"@local.test>
+    <- 550 5.7.1 Relaying to local.test not allowed.
+    C: RCPT TO:<other.test!x@local.test>
+    <- 550 5.7.1 Relaying to local.test not allowed.
+    C: RCPT TO:<x@other.test@local.test>
+    <- 550 5.7.1 Relaying to local.test not allowed.
+    C: RCPT TO:<@other.test:u@local.test.> NOTIFY=NEVER
+    -> RCPT TO:<u@local.test> NOTIFY=NEVER)");
 }
 
 TEST(Rcpt, AddressesAreReplaced) {
@@ -200,12 +193,12 @@ TEST(Rcpt, AddressesAreReplaced) {
                                                      {"\"u@local.test\"", "v@local.test"}};
       },
       Greeted() + R"(
-    C> MAIL FROM:<a@b.test> BODY=8BITMIME
-    S= MAIL FROM:<z@out.test> BODY=8BITMIME
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<v@local.test>)");
+    C: MAIL FROM:<a@b.test> BODY=8BITMIME
+    -> MAIL FROM:<z@out.test> BODY=8BITMIME
+    S: 250 ok
+    <- 250 ok
+    C: RCPT TO:<u@local.test>
+    -> RCPT TO:<v@local.test>)");
 }
 
 struct DelayAll : GreylistCheck {
@@ -223,14 +216,14 @@ TEST(Greylisting, RefusesAtRcpt) {
         world.Settings.GreyListing.Enabled = true;
       },
       Greeted() + R"(
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    C= 451 4.7.1 Greylisted. Delivery delayed.
-    C> QUIT
-    S= QUIT)");
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>
+    S: 250 ok
+    <- 250 ok
+    C: RCPT TO:<u@local.test>
+    <- 451 4.7.1 Greylisted. Delivery delayed.
+    C: QUIT
+    -> QUIT)");
 }
 
 TEST(Greylisting, CallbackSenderIsRefusedAtData) {
@@ -241,23 +234,13 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
     world.Settings.GreyListing.Enabled = true;
     AddPattern(world.Settings.GreyListing.CallbackSendersList, "[]");
   };
-  const std::string opening = Greeted() + R"(
-    C> MAIL FROM:<>
-    S= MAIL FROM:<>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<u@local.test>
-    S> 250 ok
-    C= 250 ok
-    C> DATA
-)";
+  const std::string opening = Greeted() + MailAndRcpt("") + "C: DATA\n";
   PlayBothWays(configure, opening + R"(
-    C= 451 4.7.1 Greylisted. Delivery delayed.
-    C> RSET
-    S= RSET
-    S> 250 ok
-    C= 250 ok)");
+    <- 451 4.7.1 Greylisted. Delivery delayed.
+    C: RSET
+    -> RSET
+    S: 250 ok
+    <- 250 ok)");
   PlayBothWays(
       [&](SessionWorld& world) {
         configure(world);
@@ -277,17 +260,17 @@ TEST(Responses, OwnAndServersAreChanged) {
         AddChange(world, "NOOP.250", "ok", "fine, {%remotehostip%}");
       },
       R"(
-    S> 220 server ready
-    C= 220 proxy.test ready
-    C> MAIL FROM:<a@b>
-    C= 503 Very bad sequence of commands.
-    C> DATA
-    C= 500 Say hello first
-    C=
-    C> NOOP
-    S= NOOP
-    S> 250 ok
-    C= 250 fine, 127.0.0.1)");
+    S: 220 server ready
+    <- 220 proxy.test ready
+    C: MAIL FROM:<a@b>
+    <- 503 Very bad sequence of commands.
+    C: DATA
+    <- 500 Say hello first
+    <-
+    C: NOOP
+    -> NOOP
+    S: 250 ok
+    <- 250 fine, 127.0.0.1)");
 }
 
 // Macros are the administrator's: what the client wrote is text, in the proxy's own replies and in the
@@ -303,35 +286,35 @@ TEST(Responses, MacrosOfAPeerStayText) {
     AddChange(world, "VRFY.550", "", "550-{%helodomain%} asks:{%crlf%}550 {%original%}");
   };
   PlayBothWays(configure, InTransaction() + R"(
-    C> RCPT TO:<x@{%crlf%}250-2.1.5_ok{%crlf%}250.y>
-    C= 550 no: 550 5.7.1 Relaying to {%crlf%}250-2.1.5_ok{%crlf%}250.y not allowed.
-    C> EHLO evil{%crlf%}250{%original%}
-    C= 550 Disallowed domain host evil{%crlf%}250{%original%},: evil{%crlf%}250{%original%}.
-    C> NOOP {%crlf%}250 ok
-    S= NOOP {%crlf%}250 ok
-    S> 550 {%crlf%}250 ok: no such thing
-    C= 550 {%crlf%}250 ok: no such thing
-    C> VRFY {%crlf%}
-    S= VRFY {%crlf%}
-    S> 550-{%crlf%}
-    S> 550 who?
-    C= 550-evil{%crlf%}250{%original%} asks:
-    C= 550 550 {%crlf%} who?
-    C= nothing)");
+    C: RCPT TO:<x@{%crlf%}250-2.1.5_ok{%crlf%}250.y>
+    <- 550 no: 550 5.7.1 Relaying to {%crlf%}250-2.1.5_ok{%crlf%}250.y not allowed.
+    C: EHLO evil{%crlf%}250{%original%}
+    <- 550 Disallowed domain host evil{%crlf%}250{%original%},: evil{%crlf%}250{%original%}.
+    C: NOOP {%crlf%}250 ok
+    -> NOOP {%crlf%}250 ok
+    S: 550 {%crlf%}250 ok: no such thing
+    <- 550 {%crlf%}250 ok: no such thing
+    C: VRFY {%crlf%}
+    -> VRFY {%crlf%}
+    S: 550-{%crlf%}
+    S: 550 who?
+    <- 550-evil{%crlf%}250{%original%} asks:
+    <- 550 550 {%crlf%} who?
+    <- nothing)");
 }
 
 TEST(Auth, DataIsNoCommandAndStaysSecret) {
   PlayBothWays({}, Greeted() + R"(
-    C> AUTH PLAIN c2VjcmV0
-    S= AUTH PLAIN c2VjcmV0
-    S> 334 go on
-    C= 334 go on
-    C> DATA
-    S= DATA
-    S> 235 welcome
-    C= 235 welcome
-    C> DATA
-    C= 503 5.5.1 Bad sequence of commands.
+    C: AUTH PLAIN c2VjcmV0
+    -> AUTH PLAIN c2VjcmV0
+    S: 334 go on
+    <- 334 go on
+    C: DATA
+    -> DATA
+    S: 235 welcome
+    <- 235 welcome
+    C: DATA
+    <- 503 5.5.1 Bad sequence of commands.
     log R: {*] < AUTH PLAIN ***¶
     log S: {*] > AUTH PLAIN ***¶
     log S: {*] > ***¶
@@ -340,59 +323,51 @@ TEST(Auth, DataIsNoCommandAndStaysSecret) {
 
 TEST(Form, OddLinesAreRefusedOrPutRight) {
   PlayBothWays({}, Greeted() + R"(
-    C! NOOP\rRSET\r\n
-    C= 500 5.5.2 Invalid character in command line.
-    C! NOOP\nRSET\r\n
-    C= 500 5.5.2 Invalid character in command line.
-    C! NOOP\0\r\n
-    C= 500 5.5.2 Invalid character in command line.
-    C! \t mail \t FROM:<a@b.test>\r\n
-    S= MAIL FROM:<a@b.test>
-    log R: {*] < NOOP\x0DRSET¶)");
+    C+ NOOP\rRSET\r\n
+    <- 500 5.5.2 Invalid character in command line.
+    C+ NOOP\nRSET\r\n
+    <- 500 5.5.2 Invalid character in command line.
+    C+ NOOP\0\r\n
+    <- 500 5.5.2 Invalid character in command line.
+    C+ \t mail \t FROM:<a@b.test>\r\n
+    -> MAIL FROM:<a@b.test>
+    log R: {*] < NOOP\\x0DRSET¶)");
 }
 
 TEST(Bdat, RefusedOctetsAreNoCommands) {
   PlayBothWays({}, Greeted() + R"(
-    C! BDAT 14\r\nMAIL FROM:<a>\nRSET\r\n
-    C= 503 5.5.1 Bad sequence of commands.
-    S= RSET)");
+    C+ BDAT 14\r\nMAIL FROM:<a>\nRSET\r\n
+    <- 503 5.5.1 Bad sequence of commands.
+    -> RSET)");
 }
 
 TEST(Bdat, WithoutACountTheSessionEnds) {
   PlayBothWays({}, InTransaction() + R"(
-    C! BDAT 2000000001\r\nRSET\r\n
-    C= 503 5.5.1 Bad sequence of commands.
+    C+ BDAT 2000000001\r\nRSET\r\n
+    <- 503 5.5.1 Bad sequence of commands.
     closed both)");
 }
 
 TEST(Bdat, TwoMessagesInChunks) {
-  const std::string message = R"(
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<u@local.test>
-    S> 250 ok
-    C= 250 ok
-    C! BDAT 6\r\none\r\n.
-    S= BDAT 121
-    S= Received: from client.test (Unknown [127.0.0.1]) by proxy.test
-    S=       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    S= one
-    C> NOOP
-    S> 250 got it
-    C= 250 got it
-    C= 503 5.5.1 Bad sequence of commands.
-    C! BDAT 3 LAST\r\n\r\nx
-    S= .BDAT 3 LAST
-    S=
-    S! 250 queued\r\n
-    C= 250 queued
-    C! NOOP\r\n
-    S= xNOOP
-    S> 250 ok
-    C= 250 ok
+  const std::string message = MailAndRcpt() + R"(
+    C+ BDAT 6\r\none\r\n.
+    -> BDAT 121
+    -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
+    ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    -> one
+    C: NOOP
+    S: 250 got it
+    <- 250 got it
+    <- 503 5.5.1 Bad sequence of commands.
+    C+ BDAT 3 LAST\r\n\r\nx
+    -> .BDAT 3 LAST
+    ->
+    S+ 250 queued\r\n
+    <- 250 queued
+    C+ NOOP\r\n
+    -> xNOOP
+    S: 250 ok
+    <- 250 ok
 )";
   PlayBothWays({}, Greeted() + message + message);
 }
@@ -400,17 +375,17 @@ TEST(Bdat, TwoMessagesInChunks) {
 // A server that looks at the content says no only now.
 TEST(Bdat, ARefusedMessageIsOver) {
   const std::string refused = R"(
-    C! BDAT 3 LAST\r\nabcMAIL FROM:<next@b.test>\r\n
-    S= BDAT 118 LAST
-    S= Received: from client.test (Unknown [127.0.0.1]) by proxy.test
-    S=       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    S! 550 5.7.1 denied\r\n
-    C= 550 5.7.1 denied
-    S= abcMAIL FROM:<next@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<v@local.test>
-    S= RCPT TO:<v@local.test>
+    C+ BDAT 3 LAST\r\nabcMAIL FROM:<next@b.test>\r\n
+    -> BDAT 118 LAST
+    -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
+    ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    S+ 550 5.7.1 denied\r\n
+    <- 550 5.7.1 denied
+    -> abcMAIL FROM:<next@b.test>
+    S: 250 ok
+    <- 250 ok
+    C: RCPT TO:<v@local.test>
+    -> RCPT TO:<v@local.test>
 )";
   PlayBothWays({}, InTransaction() + refused);
 }

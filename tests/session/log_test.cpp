@@ -61,14 +61,14 @@ TEST(LogLevels, OfAnOrdinarySession) {
       },
       [](SessionWorld& world) {
         EXPECT_EQ(world.Play(R"(
-          S> 220 server ready
-          C= 220 server ready
-          C> DATA
-          C= 503 Bad sequence of commands.
-          C> NOOP
-          S= NOOP
-          S> 250 ok
-          C= 250 ok
+          S: 220 server ready
+          <- 220 server ready
+          C: DATA
+          <- 503 Bad sequence of commands.
+          C: NOOP
+          -> NOOP
+          S: 250 ok
+          <- 250 ok
           C closes
           closed S)"),
                   "");
@@ -91,10 +91,10 @@ TEST(LogLevels, OfTooManyCommandsOutOfOrder) {
       [](SessionWorld& world) {
         world.Settings.MaxBadSeq = 0;
         EXPECT_EQ(world.Play(R"(
-          S> 220 server ready
-          C= 220 server ready
-          C> DATA
-          C= 503 Bad sequence of commands.
+          S: 220 server ready
+          <- 220 server ready
+          C: DATA
+          <- 503 Bad sequence of commands.
           wait 500
           closed both)"),
                   "");
@@ -139,21 +139,14 @@ TEST(LogLevels, OfAGreylistedCallback) {
         world.Settings.GreyListing.CallbackSendersList.Add("[]", {.patterns = {"[]"}});
         world.Settings.GreyListing.CallbackSenderAction = 3;
         EXPECT_EQ(world.Play(R"(
-          S> 220 server ready
-          C= 220 server ready
-          C> HELO client.test
-          S= HELO client.test
-          S> 250 ok
-          C= 250 ok
-          C> MAIL FROM:<>
-          S= MAIL FROM:<>
-          S> 250 ok
-          C= 250 ok
-          C> RCPT TO:<u@local.test>
-          S= RCPT TO:<u@local.test>
-          S> 250 ok
-          C= 250 ok
-          C> DATA
+          S: 220 server ready
+          <- 220 server ready
+          C: HELO client.test
+          -> HELO client.test
+          S: 250 ok
+          <- 250 ok
+)" + MailAndRcpt("") + R"(
+          C: DATA
           closed both)"),
                   "");
       });
@@ -169,7 +162,7 @@ TEST(LogLevels, OfAServerThatRefuses) {
       },
       [](SessionWorld& world) {
         world.Server().Close();
-        EXPECT_EQ(world.Play("C= 421 proxy.test is temporarily unavailable.\nclosed C"), "");
+        EXPECT_EQ(world.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "");
       });
 }
 
@@ -185,7 +178,7 @@ TEST(LogLevels, OfATimeOut) {
         world.Settings.ValidateRDNS = 1;
         world.Settings.Timeout = 10;
         EXPECT_EQ(world.Play(R"(
-          C= 454 Unable to verify DNS PTR record for 127.0.0.1.
+          <- 454 Unable to verify DNS PTR record for 127.0.0.1.
           wait 11000
           timeouts are checked
           closed C)"),
@@ -206,8 +199,8 @@ TEST(LogLevels, OfAClientThatResets) {
       },
       [](SessionWorld& world) {
         EXPECT_EQ(world.Play(R"(
-          S> 220 server ready
-          C= 220 server ready
+          S: 220 server ready
+          <- 220 server ready
           C resets
           closed S)"),
                   "");

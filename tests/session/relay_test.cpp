@@ -16,127 +16,119 @@ namespace {
 
 TEST(Relay, AMessageByData) {
   PlayBothWays({}, InContent() + R"(
-    C> Subject: hello
-    S= Subject: hello
-    C>
-    S=
-    C> ..dot
-    S= ..dot
-    C> .
-    S= .
-    S> 250 queued
-    C= 250 queued
-    C> QUIT
-    S= QUIT
-    S> 221 bye
-    C= 221 bye
+    C: Subject: hello
+    -> Subject: hello
+    C:
+    ->
+    C: ..dot
+    -> ..dot
+    C: .
+    -> .
+    S: 250 queued
+    <- 250 queued
+    C: QUIT
+    -> QUIT
+    S: 221 bye
+    <- 221 bye
     S closes
     closed C)");
 }
 
 TEST(Relay, TwoMessagesInOneSession) {
-  const std::string message = R"(
-    C> MAIL FROM:<a@b.test>
-    S= MAIL FROM:<a@b.test>
-    S> 250 ok
-    C= 250 ok
-    C> RCPT TO:<u@local.test>
-    S= RCPT TO:<u@local.test>
-    S> 250 ok
-    C= 250 ok
-    C> DATA
-    S= DATA
-    S> 354 go on
-    S= Received: *
-    S=       with ESMTP; *
-    C= 354 go on
-    C> text
-    C> .
-    S= text
-    S= .
-    S> 250 queued
-    C= 250 queued
+  const std::string message = MailAndRcpt() + R"(
+    C: DATA
+    -> DATA
+    S: 354 go on
+    -> Received: *
+    ->       with ESMTP; *
+    <- 354 go on
+    C: text
+    C: .
+    -> text
+    -> .
+    S: 250 queued
+    <- 250 queued
 )";
   PlayBothWays({}, Greeted() + message + message);
 }
 
 TEST(Relay, AMessageWithoutReceivedHeader) {
   PlayBothWays([](SessionWorld& world) { world.Settings.AddReceived = false; }, InTransaction() + R"(
-    C> DATA
-    S= DATA
-    S> 354 go on
-    C= 354 go on
-    S= nothing
-    C> .
-    S= .)");
+    C: DATA
+    -> DATA
+    S: 354 go on
+    <- 354 go on
+    -> nothing
+    C: .
+    -> .)");
 }
 
 TEST(Relay, EveryReplyComesInOrderToAClientThatSendsAhead) {
   PlayBothWays({}, Greeted() + R"(
-    C! MAIL FROM:<a@b.test>\r\nRCPT TO:<x@other.test>\r\nFOO\r\nRCPT TO:<u@local.test>\r\nDATA\r\n
-    S= MAIL FROM:<a@b.test>
-    S= nothing
-    S> 250 sender ok
-    C= 250 sender ok
-    S= RCPT TO:<x@other.test>
-    S> 550-no
-    S= nothing
-    S> 550 such user
-    C= 550-no
-    C= 550 such user
-    S= FOO
-    S> 500 what
-    C= 500 what
-    S= RCPT TO:<u@local.test>
-    S> 250 recipient ok
-    C= 250 recipient ok
-    S= DATA)");
+    C+ MAIL FROM:<a@b.test>\r\nRCPT TO:<x@other.test>\r\nFOO\r\nRCPT TO:<u@local.test>\r\nDATA\r\n
+    -> MAIL FROM:<a@b.test>
+    -> nothing
+    S: 250 sender ok
+    <- 250 sender ok
+    -> RCPT TO:<x@other.test>
+    S: 550-no
+    -> nothing
+    S: 550 such user
+    <- 550-no
+    <- 550 such user
+    -> FOO
+    S: 500 what
+    <- 500 what
+    -> RCPT TO:<u@local.test>
+    S: 250 recipient ok
+    <- 250 recipient ok
+    -> DATA)");
 }
 
 TEST(Relay, LinesAnsweredByTheProxyDoNotStallThoseBehindThem) {
   PlayBothWays({}, R"(
-    C! MAIL FROM:<a@b.test>\r\nSTARTTLS\r\nRCPT TO:<u@local.test>\r\nNOOP\r\n
-    S> 220 server ready
-    C= 220 server ready
-    C= 503 Bad sequence of commands.
-    C= 502 5.5.1 Command not implemented.
-    C= 503 Bad sequence of commands.
-    S= NOOP)");
+    C+ MAIL FROM:<a@b.test>\r\nSTARTTLS\r\nRCPT TO:<u@local.test>\r\nNOOP\r\n
+    S: 220 server ready
+    <- 220 server ready
+    <- 503 Bad sequence of commands.
+    <- 502 5.5.1 Command not implemented.
+    <- 503 Bad sequence of commands.
+    -> NOOP)");
 }
 
 TEST(Relay, NothingIsTakenBeforeTheGreeting) {
   PlayBothWays({}, R"(
-    C> EHLO client.test
+    C: EHLO client.test
     S accepts
-    S= nothing
-    S> 220-wait
-    S= nothing
-    S> 220 server ready
-    C= 220-wait
-    C= 220 server ready
-    S= EHLO client.test)");
+    -> nothing
+    S: 220-wait
+    -> nothing
+    S: 220 server ready
+    <- 220-wait
+    <- 220 server ready
+    -> EHLO client.test)");
 }
 
 TEST(Relay, ALineWithoutItsEndWaits) {
   PlayBothWays({}, R"(
-    S> 220 server ready
-    C= 220 server ready
-    C! NOO
-    S= nothing
-    C! P\r
-    S= nothing
-    C! \n
-    S= NOOP)");
+    S: 220 server ready
+    <- 220 server ready
+    C+ NOO
+    -> nothing
+    C+ P\r
+    -> nothing
+    C+ \n
+    -> NOOP)");
 }
 
 TEST(Relay, AReplyWithoutItsEndWaits) {
   PlayBothWays({}, R"(
-    S! 220 server
-    C= nothing
-    S! \r
-    C= nothing
-    S! \n
-    C= 220 server)");
+    S+ 220 server
+    <- nothing
+    S+ \r
+    <- nothing
+    S+ \n
+    <- 220 server)");
 }
 
 // A reply of `lines` lines, as the transcript's lines of `mark`.
@@ -150,59 +142,59 @@ std::string LongReply(const char* mark, int lines) {
 
 TEST(Relay, AReplyThatIsLongerThanAnyPassesInPieces) {
   SessionWorld world;
-  EXPECT_EQ(world.Play(Greeted() + "C> HELP\nS= HELP\n" + LongReply("S>", 400) + LongReply("C=", 400) + R"(
-    C> NOOP
-    S= NOOP)"),
+  EXPECT_EQ(world.Play(Greeted() + "C: HELP\n-> HELP\n" + LongReply("S:", 400) + LongReply("<-", 400) + R"(
+    C: NOOP
+    -> NOOP)"),
             "");
 }
 
 TEST(Relay, AnEhloReplyThatIsLongerThanAnyEndsTheSession) {
-  std::string reply = LongReply("S>", 400);
+  std::string reply = LongReply("S:", 400);
   reply = ReplaceAll(reply, "214", "250");
   SessionWorld world;
-  const std::string failure = world.Play("S> 220 hi\nC= 220 hi\nC> EHLO x\nS= EHLO x\n" + reply);
+  const std::string failure = world.Play("S: 220 hi\n<- 220 hi\nC: EHLO x\n-> EHLO x\n" + reply);
   world.Settle();
-  EXPECT_EQ(world.Play("C= 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
+  EXPECT_EQ(world.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
 }
 
 TEST(Relay, WhatFollowsTheContentWaitsForTheReply) {
   PlayBothWays({}, InContent() + R"(
-    C! text\r\n.\r\nRSET\r\nMAIL FROM:<c@d.test>\r\n
-    S= text
-    S= .
-    S= nothing
-    S> 250 queued
-    C= 250 queued
-    S= RSET
-    S= nothing
-    S> 250 reset
-    C= 250 reset
-    S= MAIL FROM:<c@d.test>)");
+    C+ text\r\n.\r\nRSET\r\nMAIL FROM:<c@d.test>\r\n
+    -> text
+    -> .
+    -> nothing
+    S: 250 queued
+    <- 250 queued
+    -> RSET
+    -> nothing
+    S: 250 reset
+    <- 250 reset
+    -> MAIL FROM:<c@d.test>)");
 }
 
 TEST(Relay, BdatOctetsAreContentWhateverTheyHold) {
   PlayBothWays({}, InTransaction() + R"(
-    C! BDAT 12\r\nQUIT\r\n.\r\nab\0BDAT 2 LAST\r\nx\nNOOP\r\n
-    S= BDAT 127
-    S= Received: from client.test (Unknown [127.0.0.1]) by proxy.test
-    S=       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    S= QUIT
-    S= .
-    S> 250 ok
-    C= 250 ok
-    S= ab\0BDAT 2 LAST
-    S> 250 queued
-    C= 250 queued
-    S= x\nNOOP)");
+    C+ BDAT 12\r\nQUIT\r\n.\r\nab\0BDAT 2 LAST\r\nx\nNOOP\r\n
+    -> BDAT 127
+    -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
+    ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
+    -> QUIT
+    -> .
+    S: 250 ok
+    <- 250 ok
+    -> ab\0BDAT 2 LAST
+    S: 250 queued
+    <- 250 queued
+    -> x\nNOOP)");
 }
 
 TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
   PlayBothWays({}, Greeted() + R"(
-    C> NOOP
-    C> RSET
-    S= NOOP
-    S= nothing
-    C= nothing)");
+    C: NOOP
+    C: RSET
+    -> NOOP
+    -> nothing
+    <- nothing)");
 }
 
 // Its lines wait in its own connection, and none of the proxy's memory goes to replies that nobody takes.
@@ -215,7 +207,7 @@ TEST(Relay, AClientThatDoesNotReadIsHeld) {
   replaces.SetName("BadSeq");
   replaces.Add("", reply, true);
   world.Settings.ResponseChanges.Add(replaces);
-  ASSERT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
   TestPeer client = std::move(world.ClientPeer());  // nobody else reads it now
   const std::string line = "RCPT " + std::string(1000, 'x') + "\r\n";
   std::size_t sent = 0;
@@ -240,18 +232,18 @@ TEST(Relay, AClientThatDoesNotReadIsHeld) {
 
 TEST(Relay, AnUnaskedReplyReachesTheClientAndChangesNothing) {
   PlayBothWays({}, Greeted() + R"(
-    S> 250 hello again
-    C= 250 hello again
-    C> RCPT TO:<u@local.test>
-    C= 503 5.5.1 Bad sequence of commands.)");
+    S: 250 hello again
+    <- 250 hello again
+    C: RCPT TO:<u@local.test>
+    <- 503 5.5.1 Bad sequence of commands.)");
 }
 
 TEST(Relay, AServerThatAnswersInsideTheContentEndsTheSession) {
   PlayBothWays({}, InContent() + R"(
-    C> half of
-    S= half of
-    S> 452 disk full
-    C= 452 disk full
+    C: half of
+    -> half of
+    S: 452 disk full
+    <- 452 disk full
     closed both)");
 }
 

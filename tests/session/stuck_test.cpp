@@ -32,7 +32,7 @@ class StuckSession {
 
   // The client sends commands and reads no reply, until one waits for it.
   void HoldClient() {
-    ASSERT_EQ(world.Play("S> 220 server ready\nC= 220 server ready"), "");
+    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
     client = std::move(world.ClientPeer());  // nobody else reads it now
     client.HoldLittle();
     SendCommands();
@@ -49,7 +49,7 @@ class StuckSession {
 
   // The server sends replies inside a chunk, and the client reads none, until some wait for it.
   void HoldClientInChunk() {
-    ASSERT_EQ(world.Play(InTransaction() + "C> BDAT 1000000000\nS= BDAT *\nC! x\nS= Received: *"), "");
+    ASSERT_EQ(world.Play(InTransaction() + "C: BDAT 1000000000\n-> BDAT *\nC+ x\n-> Received: *"), "");
     client = std::move(world.ClientPeer());
     client.HoldLittle();
     std::string said;
@@ -177,7 +177,7 @@ TEST(Stuck, AServerThatDoesNotReadLosesItsSession) {
   stuck.HoldServer();
   EXPECT_GE(stuck.SecondsToTheEnd(stuck.server), 300);
   EXPECT_EQ(stuck.world.Play(R"(
-    C= 421 proxy.test is temporarily unavailable.
+    <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Send time-out. Closing connection.)"),
             "");
@@ -205,8 +205,8 @@ TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirst) {
   stuck.server.Send("452-no\r\n452 disk fu");
   stuck.SecondsToTheEnd(stuck.server);
   EXPECT_EQ(stuck.world.Play(R"(
-    C= 452-no
-    C= 452 disk fu
+    <- 452-no
+    <- 452 disk fu
     closed C)"),
             "");
 }
@@ -215,9 +215,9 @@ TEST(Stuck, ASessionInWhichNothingWaitsMayBeIdle) {
   StuckSession stuck;
   ASSERT_EQ(stuck.world.Play(Greeted()), "");
   stuck.Pass(1000);
-  EXPECT_EQ(stuck.world.Play("C> NOOP\nS= NOOP"), "");
+  EXPECT_EQ(stuck.world.Play("C: NOOP\n-> NOOP"), "");
   stuck.Pass(1000);
-  EXPECT_EQ(stuck.world.Play("S> 250 ok\nC= 250 ok"), "");
+  EXPECT_EQ(stuck.world.Play("S: 250 ok\n<- 250 ok"), "");
 }
 
 TEST(Stuck, EachSendHasItsOwnTime) {

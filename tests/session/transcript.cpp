@@ -2,10 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <charconv>
-
 #include "base/text.h"
 #include "match/ip_range.h"
+#include "script/escapes.h"
 
 namespace trabex {
 
@@ -14,59 +13,7 @@ namespace {
 // The bound of every wait; nothing here takes a thousandth of it.
 constexpr std::chrono::seconds kBound{10};
 
-int HexDigit(char c) {
-  return c <= '9' ? c - '0' : ToUpper(c) - 'A' + 10;
-}
-
-std::string Unescape(std::string_view text) {
-  std::string result;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] != '\\' || at + 1 == text.size()) {
-      result += text[at];
-      continue;
-    }
-    switch (text[++at]) {
-      case 'r':
-        result += '\r';
-        break;
-      case 'n':
-        result += '\n';
-        break;
-      case 't':
-        result += '\t';
-        break;
-      case '0':
-        result += '\0';
-        break;
-      case 'x':
-        result += static_cast<char>(HexDigit(text[at + 1]) * 16 + HexDigit(text[at + 2]));
-        at += 2;
-        break;
-      default:
-        result += text[at];
-    }
-  }
-  return result;
-}
-
-// Without the indentation that a transcript has in a source file.
-std::string_view Unindented(std::string_view line) {
-  return Trim(line);
-}
-
 }  // namespace
-
-bool HasForm(std::string_view text, std::string_view pattern) {
-  const std::size_t star = pattern.find('*');
-  if (star == std::string_view::npos) return text == pattern;
-  if (!text.starts_with(pattern.substr(0, star))) return false;
-  text.remove_prefix(star);
-  pattern.remove_prefix(star + 1);
-  for (std::size_t from = 0; from <= text.size(); ++from) {
-    if (HasForm(text.substr(from), pattern)) return true;
-  }
-  return false;
-}
 
 SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
   Settings.BindIP = "127.0.0.1";
@@ -142,80 +89,82 @@ void SessionWorld::Shutdown() {
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
 }
 
-std::string SessionWorld::Play(std::string_view transcript) {
+std::string SessionWorld::Play(std::string_view text) {
   Start();
-  while (!transcript.empty()) {
-    const std::size_t end = transcript.find('\n');
-    const std::string_view line = Unindented(transcript.substr(0, end));
-    transcript = end == std::string_view::npos ? std::string_view() : transcript.substr(end + 1);
-    if (line.empty() || line.starts_with("--")) continue;
-    dialogue_.append("    ").append(line).append("\n");
-    if (!PlayLine(line)) return failure_ + "\n  the dialogue so far:\n" + dialogue_;
+  std::vector<script::Step> steps;
+  try {
+    steps = script::ReadScript(text).steps;
+  } catch (const script::ScriptError& error) {
+    return error.what();
+  }
+  for (const script::Step& step : steps) {
+    dialogue_.append("    ").append(step.source).append("\n");
+    if (!PlayStep(step)) return failure_ + "\n  the dialogue so far:\n" + dialogue_;
   }
   return {};
 }
 
-bool SessionWorld::PlayLine(std::string_view line) {
-  const char who = line[0];
-  if ((who == 'C' || who == 'S') && line.size() > 2 &&
-      std::string_view("!>=").find(line[1]) != std::string_view::npos) {
-    return PlayPeer(who, line[1], line.substr(line.size() > 3 ? 3 : 2));
+bool SessionWorld::PlayStep(const script::Step& step) {
+  using script::StepKind;
+  // To find that there is nothing, the server need not be connected.
+  const bool of_server = step.side == script::Side::kServer && step.kind != StepKind::kGetNothing;
+  if (of_server && !NeedServer()) return Fail("the server got no connection");
+  TestPeer& peer = Peer(step.side);
+  switch (step.kind) {
+    case StepKind::kSend:
+      return Send(peer, step.sending);
+    case StepKind::kGetLine:
+      return ExpectLine(step.side, step.pattern);
+    case StepKind::kGetNothing:
+      return ExpectNothing(step.side);
+    case StepKind::kGetBytes:
+      return ExpectBytes(step.side, step.bytes);
+    case StepKind::kClose:
+      return peer.Close(), Settle(), true;
+    case StepKind::kReset:
+      return peer.Reset(), Settle(), true;
+    case StepKind::kShutDown:
+      return peer.ShutDownSending(), Settle(), true;
+    case StepKind::kClosed:
+      return ExpectClosed(step.side);
+    case StepKind::kConnect:
+      return Connect(step.bytes.empty() ? 0x7F000001 : mCommon::CLngIP(step.bytes)), true;
+    case StepKind::kAccept:
+      return true;
+    case StepKind::kWait:
+      return Settle(), Time.Advance(Milliseconds(step.milliseconds)), Settle(), true;
+    case StepKind::kLog:
+      return ExpectLogged(step.pattern);
+    case StepKind::kAskName:
+      return Until([&] { return Names.IsWaitingFor(step.bytes); }) || Fail("nobody asks for the name");
+    case StepKind::kAnswer:
+      return Answer(step.answers);
+    case StepKind::kCheckTimeouts:
+      return CheckTimeouts(), Settle(), true;
+    case StepKind::kStop:
+      return Shutdown(), Settle(), true;
   }
-  if ((who == 'C' || who == 'S') && line.size() == 2 && (line[1] == '>' || line[1] == '=')) {
-    return PlayPeer(who, line[1], "");
-  }
-  return PlayWord(line);
+  return false;
 }
 
-bool SessionWorld::PlayPeer(char who, char what, std::string_view text) {
-  if (who == 'S' && text != "nothing" && !NeedServer()) return Fail("the server got no connection");
-  switch (what) {
-    case '>':
-      return Deliver(Peer(who), std::string(text) + "\r\n");
-    case '!':
-      return Deliver(Peer(who), Unescape(text));
-    default:
-      return ExpectLine(who, text);
+bool SessionWorld::Answer(const script::NameAnswers& answers) {
+  if (answers.error) Names.SetAddressError(Names.AskedNames().back(), *answers.error);
+  if (!answers.addresses.empty()) {
+    std::vector<std::uint32_t> addresses;
+    for (const std::string& address : answers.addresses) addresses.push_back(mCommon::CLngIP(address));
+    Names.SetAddresses(Names.AskedNames().back(), std::move(addresses));
   }
+  return Names.Deliver(), Settle(), true;
 }
 
-bool SessionWorld::PlayWord(std::string_view line) {
-  if (line.starts_with("connect")) {
-    const std::string_view from = Trim(line.substr(7));
-    Connect(from.empty() ? 0x7F000001 : mCommon::CLngIP(from));
-    return true;
+bool SessionWorld::ExpectLogged(const script::Pattern& wanted) {
+  Settle();
+  std::string all = "no such log line; there are:";
+  for (const std::string& written : LogLines()) {
+    if (wanted.Matches(written)) return true;
+    all.append("\n    ").append(written);
   }
-  if (line == "S accepts") return NeedServer() || Fail("the server got no connection");
-  if (line == "C closes") return client_.Close(), Settle(), true;
-  if (line == "S closes") return NeedServer() && (server_.Close(), Settle(), true);
-  if (line == "C resets") return client_.Reset(), Settle(), true;
-  if (line == "S resets") return NeedServer() && (server_.Reset(), Settle(), true);
-  if (line == "C shuts") return client_.ShutDownSending(), Settle(), true;
-  if (line == "S shuts") return NeedServer() && (server_.ShutDownSending(), Settle(), true);
-  if (line == "closed C") return ExpectClosed('C');
-  if (line == "closed S") return ExpectClosed('S');
-  if (line == "closed both") return ExpectClosed('C') && ExpectClosed('S');
-  if (line == "timeouts are checked") return CheckTimeouts(), Settle(), true;
-  if (line == "shutdown") return Shutdown(), Settle(), true;
-  if (line == "names arrive") return Names.Deliver(), Settle(), true;
-  if (line.starts_with("wait ")) {
-    int milliseconds = 0;
-    std::from_chars(line.data() + 5, line.data() + line.size(), milliseconds);
-    Settle();
-    Time.Advance(Milliseconds(milliseconds));
-    Settle();
-    return true;
-  }
-  if (line.starts_with("log ")) {
-    Settle();
-    for (const std::string& written : log_.lines) {
-      if (HasForm(written, line.substr(4))) return true;
-    }
-    std::string all = "no such log line; there are:";
-    for (const std::string& written : log_.lines) all.append("\n    ").append(written);
-    return Fail(all);
-  }
-  return Fail("the transcript's line is not understood");
+  return Fail(all);
 }
 
 bool SessionWorld::NeedServer() {
@@ -223,6 +172,16 @@ bool SessionWorld::NeedServer() {
            server_ = server_listener_.Accept();
            return server_.Open();
          });
+}
+
+bool SessionWorld::Send(TestPeer& peer, const script::Sending& sending) {
+  std::size_t begin = 0;
+  for (const std::size_t end : sending.segments) {
+    if (!Deliver(peer, std::string_view(sending.bytes).substr(begin, end - begin))) return false;
+    Settle();
+    begin = end;
+  }
+  return Deliver(peer, std::string_view(sending.bytes).substr(begin));
 }
 
 bool SessionWorld::Deliver(TestPeer& peer, std::string_view bytes) {
@@ -237,26 +196,38 @@ bool SessionWorld::Deliver(TestPeer& peer, std::string_view bytes) {
   return true;
 }
 
-bool SessionWorld::ExpectLine(char who, std::string_view wanted) {
-  std::string& received = Peer(who).Received();
-  if (wanted == "nothing") {
-    Settle();
-    return received.empty() || Fail("there is something: \"" + received + "\"");
-  }
-  const bool complete = Until([&] { return received.find(kCrLf) != std::string::npos || Peer(who).AtEnd(); });
+bool SessionWorld::ExpectLine(script::Side side, const script::Pattern& wanted) {
+  TestPeer& peer = Peer(side);
+  std::string& received = peer.Received();
+  const bool complete = Until([&] { return received.find(kCrLf) != std::string::npos || peer.AtEnd(); });
   const std::size_t end = received.find(kCrLf);
   if (!complete || end == std::string::npos)
-    return Fail("got no such line; what there is: \"" + received + "\"");
+    return Fail("got no such line; what there is: \"" + script::Escape(received) + "\"");
   const std::string line = received.substr(0, end);
   received.erase(0, end + kCrLf.size());
-  return HasForm(line, Unescape(wanted)) || Fail("got  \"" + line + "\"");
+  return wanted.Matches(line) || Fail("got  \"" + script::Escape(line) + "\"");
 }
 
-bool SessionWorld::ExpectClosed(char who) {
-  if (who == 'S' && !NeedServer()) return Fail("the server got no connection");
-  if (!Until([&] { return Peer(who).AtEnd(); })) return Fail("it is not closed");
-  if (Peer(who).WasReset()) return Fail("it was reset");
-  return Peer(who).Received().empty() || Fail("before the end came \"" + Peer(who).Received() + "\"");
+bool SessionWorld::ExpectNothing(script::Side side) {
+  Settle();
+  const std::string& received = Peer(side).Received();
+  return received.empty() || Fail("there is something: \"" + script::Escape(received) + "\"");
+}
+
+bool SessionWorld::ExpectBytes(script::Side side, std::string_view wanted) {
+  TestPeer& peer = Peer(side);
+  std::string& received = peer.Received();
+  Until([&] { return received.size() >= wanted.size() || peer.AtEnd(); });
+  if (!received.starts_with(wanted)) return Fail("what there is: \"" + script::Escape(received) + "\"");
+  received.erase(0, wanted.size());
+  return true;
+}
+
+bool SessionWorld::ExpectClosed(script::Side side) {
+  TestPeer& peer = Peer(side);
+  if (!Until([&] { return peer.AtEnd(); })) return Fail("it is not closed");
+  if (peer.WasReset()) return Fail("it was reset");
+  return peer.Received().empty() || Fail("before the end came \"" + script::Escape(peer.Received()) + "\"");
 }
 
 bool SessionWorld::Fail(std::string reason) {

@@ -1,24 +1,5 @@
 // Whole sessions over loopback in one process: a scripted client, the proxy, a scripted server.
-//
-// A transcript is lines of a mark and a text:
-//
-// clang-format off
-//   C> text       the client sends text and CR LF            S> text       the server does
-//   C! text       the client sends text as it is             S! text       (escapes: \r \n \t \0 \\ \xHH)
-//   C= text       the client must receive this line next     S= text       ("*" stands for any text; it must come)
-//   C= nothing    the client has received nothing more       S= nothing
-//   C closes      the client closes                          S closes
-//   C resets      a reset                                    S resets
-//   C shuts       the end of sending only                    S shuts
-//   closed C      the client finds its connection closed, everything before it taken; closed S, closed both
-//   connect       a new client connects (the first one does by itself); its session is the one spoken with from now on
-//   connect 127.0.0.9    from this address
-//   S accepts     the server gets its connection (by itself before the first S line)
-//   wait 500      the clock goes on by so many milliseconds
-//   log text      a log line with this text has been written ("*" as above)
-// clang-format on
-//
-// Blank lines and those that begin with "--" are comments.
+// What they say is a script (script/README.md).
 #pragma once
 
 #include <cstdint>
@@ -27,7 +8,6 @@
 #include <string_view>
 #include <vector>
 
-#include "base/log.h"
 #include "config/configuration.h"
 #include "net/CSocketMaster.h"
 #include "net/modSocketMaster.h"
@@ -35,8 +15,10 @@
 #include "proxy/cProxy.h"
 #include "proxy/session_collection.h"
 #include "proxy/session_host.h"
+#include "script/script.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
+#include "support/recorded_log.h"
 #include "support/test_peer.h"
 
 namespace trabex {
@@ -55,8 +37,8 @@ class SessionWorld : private ConnectionTable {
   FakeNameLookup Names{Loop};
   GreylistCheck* Greylisting = nullptr;
 
-  // Plays the transcript. Returns "" or what went wrong, with the dialogue so far.
-  std::string Play(std::string_view transcript);
+  // Plays the script. Returns "" or what went wrong, with the dialogue so far.
+  std::string Play(std::string_view text);
 
   // For tests that are more than a dialogue.
   std::uint16_t Port() const { return static_cast<std::uint16_t>(listener_->LocalPort()); }
@@ -64,7 +46,7 @@ class SessionWorld : private ConnectionTable {
   TestPeer& ClientPeer() { return client_; }
   TestPeer& ServerPeer() { return server_; }
   SessionCollection& Sessions() { return sessions_; }
-  const std::vector<std::string>& LogLines() const { return log_.lines; }
+  const std::vector<std::string>& LogLines() const { return log_.Lines(); }
   const std::vector<std::string>& Rows() const { return rows_; }
   modSocketMaster& Sockets_() { return module_; }
   // Accepts the server's connection, unless it has been; false when none comes.
@@ -79,28 +61,26 @@ class SessionWorld : private ConnectionTable {
   void Shutdown();
 
  private:
-  struct RecordingLog : Log {
-    std::vector<std::string> lines;
-    void LogLine(std::string_view message) override { lines.emplace_back(message); }
-  };
-
   void AddRow(cProxy& session) override { rows_.push_back(session.Key()); }
   void RemoveRow(std::string_view key) override { std::erase(rows_, key); }
 
   void Connect(std::uint32_t from);
   void Poll();
-  bool PlayLine(std::string_view line);
-  bool PlayPeer(char who, char what, std::string_view text);
-  bool PlayWord(std::string_view line);
+  bool PlayStep(const script::Step& step);
+  bool Send(TestPeer& peer, const script::Sending& sending);
   bool Deliver(TestPeer& peer, std::string_view bytes);
-  bool ExpectLine(char who, std::string_view wanted);
-  bool ExpectClosed(char who);
-  TestPeer& Peer(char who) { return who == 'C' ? client_ : server_; }
+  bool ExpectLine(script::Side side, const script::Pattern& wanted);
+  bool ExpectNothing(script::Side side);
+  bool ExpectBytes(script::Side side, std::string_view wanted);
+  bool ExpectClosed(script::Side side);
+  bool ExpectLogged(const script::Pattern& wanted);
+  bool Answer(const script::NameAnswers& answers);
+  TestPeer& Peer(script::Side side) { return side == script::Side::kClient ? client_ : server_; }
   bool Fail(std::string reason);
 
   Delivery delivery_;
   Sockets sockets_{Loop};
-  RecordingLog log_;
+  RecordedLog log_;
   modSocketMaster module_{sockets_, Names, log_};
   SessionCollection sessions_;
   std::vector<std::string> rows_;
@@ -113,9 +93,6 @@ class SessionWorld : private ConnectionTable {
   std::string dialogue_;           // what was played, for the report of a failure
   std::string failure_;
 };
-
-// Whether `text` has the form of `pattern`, in which "*" stands for any text.
-bool HasForm(std::string_view text, std::string_view pattern);
 
 // A test that plays `text` with the settings that `configure` makes, once as it stands and once byte by byte.
 void PlayBothWays(const std::function<void(SessionWorld&)>& configure, std::string_view text);

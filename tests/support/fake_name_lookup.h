@@ -63,6 +63,10 @@ class FakeNameLookup final : public NameLookup {
   std::size_t Requests() const { return AddressRequests() + NameRequests(); }
   std::size_t Waiting() const { return waiting_->size(); }
   std::size_t Cancelled() const { return cancelled_; }
+  // Whether the name was the last one asked for, and its answer is owed.
+  bool IsWaitingFor(std::string_view name) const {
+    return Waiting() > 0 && !asked_names_.empty() && asked_names_.back() == name;
+  }
   // In the order of asking.
   const std::vector<std::string>& AskedNames() const { return asked_names_; }
   const std::vector<std::uint32_t>& AskedAddresses() const { return asked_addresses_; }
