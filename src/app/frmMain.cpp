@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <utility>
+#include <variant>
 
 #include "app/connection_row.h"
 #include "app/log_file.h"
@@ -64,7 +65,7 @@ frmMain::~frmMain() {
 }
 
 bool frmMain::Form_Load(bool to_be_shown) {
-  view_is_due_ = to_be_shown && WhyNoTerminalView().empty();
+  view_is_due_ = to_be_shown && !WhyNoView();
   system_requests_ = WatchSystemRequests(program_.loop, {.end = [this] { Form_Unload(); },
                                                          .hang_up = [this] { HangUp(); },
                                                          .reopen_log = [this] { ReopenLog(); }});
@@ -95,26 +96,21 @@ bool frmMain::WaitForListening() {
 void frmMain::Show(bool minimized) {
   if (unloaded_) return;
   const bool was_due = std::exchange(view_is_due_, false);
-  if (StandardOutputIsTerminal()) OpenView(minimized);
-  // It went in between.
-  if (was_due && !view_ && !StandardOutputIsTerminal()) TerminalGone();
-}
-
-void frmMain::OpenView(bool minimized) {
-  std::string why_not = WhyNoTerminalView();
-  if (why_not.empty()) {
-    try {
-      view_ = OpenTerminalView(program_.loop, *this, minimized,
-                               {.closed = [this] { Form_Unload(); },
-                                .folded = {},
-                                .lost = [this] { ViewLost(); },
-                                .hung_up = [this] { TerminalGone(); }});
-      return;
-    } catch (const Error& error) {
-      why_not = error.Description();
-    }
+  auto opened = OpenView(program_.loop, *this, minimized,
+                         {.closed = [this] { Form_Unload(); },
+                          .folded = {},
+                          .lost = [this] { ViewLost(); },
+                          .screen_gone = [this] { ScreenGone(); }});
+  if (auto* const view = std::get_if<std::unique_ptr<MainView>>(&opened)) {
+    view_ = std::move(*view);
+    return;
   }
-  program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not << '\n';
+  const NoView& why_not = std::get<NoView>(opened);
+  if (why_not.kind != NoView::Kind::kNoScreen) {
+    program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not.text << '\n';
+  }
+  // It was there when the start began.
+  if (was_due && why_not.kind != NoView::Kind::kUnusable) ScreenGone();
 }
 
 void frmMain::Form_Unload() {
@@ -275,9 +271,9 @@ void frmMain::tmrSaveGreyListing_Timer() {
   program_.greylisting_hooks.save_in_background([this](DateTime time) { GreyListingSaved(time); });
 }
 
-// The signal that says the same comes now or has come. Not waiting for it here, so that it is not taken for a
-// request of somebody who sees no window.
-void frmMain::TerminalGone() {
+// The system's own word of the same comes now or has come. Not waiting for it here, so that it is not taken
+// for a request of somebody who sees no window.
+void frmMain::ScreenGone() {
   HangUpIsIgnored() ? ViewLost() : Form_Unload();
 }
 
@@ -296,11 +292,9 @@ void frmMain::ReopenLog() {
 
 void frmMain::ViewLost() {
   view_.reset();
-  const std::string_view text =
-      "The window has gone with its terminal or the process that drew it; running on "
-      "without one.";
+  const std::string text = std::string(LostViewText()) + "; running on without one.";
   program_.log.LogLine(text);
-  ShowMessage(std::string(kApplicationTitle) + ": " + std::string(text) + "\n");
+  ShowMessage(std::string(kApplicationTitle) + ": " + text + "\n");
 }
 
 }  // namespace trabex

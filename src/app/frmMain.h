@@ -2,7 +2,7 @@
 // load is the second half of a start, its unload the whole shut-down; the program runs as long as it is
 // loaded.
 //
-// The window is there whether it is shown or not. Shown, it is a view on the terminal, which asks for the
+// The window is there whether it is shown or not. Shown, it has a view, which asks for the
 // text of the rows that it displays; nobody else makes row texts.
 #pragma once
 
@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "app/auto_reload.h"
-#include "console/terminal_view.h"
+#include "console/main_view.h"
 #include "net/CSocketMaster.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
@@ -38,7 +38,7 @@ class frmMain final : public ConnectionTable, private ViewContent {
   // program may be asked for meanwhile (see Unloaded). Not called from inside the loop. `to_be_shown`: Show
   // comes next.
   bool Form_Load(bool to_be_shown = false);
-  // Puts the view on the terminal, where there is one that can show it; `minimized` folds it.
+  // Opens the view where there is a screen that can show it; `minimized` folds it.
   void Show(bool minimized);
   // The shut-down, in order; the second call does nothing. May be called in any handler. The loop quits when
   // everything that was said to the clients has been sent, 5 seconds later at most.
@@ -85,9 +85,8 @@ class frmMain final : public ConnectionTable, private ViewContent {
   void tmrStatus_Timer();
   void tmrLog_Timer();
   void tmrSaveGreyListing_Timer();
-  void OpenView(bool minimized);
   void ViewLost();
-  void TerminalGone();
+  void ScreenGone();
   // What the system asks for (system_requests.h).
   void HangUp();
   void ReopenLog();
@@ -101,14 +100,14 @@ class frmMain final : public ConnectionTable, private ViewContent {
   DateTime last_greylisting_save_ = 0;  // universal
   bool loaded_ = false;                 // Form_Load is done
   bool unloaded_ = false;
-  bool view_is_due_ = false;    // the terminal can show a view, and Show is still to come
+  bool view_is_due_ = false;    // a view can be shown, and Show is still to come
   bool reload_is_due_ = false;  // at the end of Form_Load
   Timer tmrStatus;
   Timer tmrLog;
   Timer tmrSaveGreyListing;
   AutoReload auto_reload_;
   std::unique_ptr<SystemRequests> system_requests_;
-  std::unique_ptr<TerminalView> view_;
+  std::unique_ptr<MainView> view_;
 };
 
 }  // namespace trabex

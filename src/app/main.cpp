@@ -5,13 +5,11 @@
 
 #include "app/start_up.h"
 #include "app/version.h"
-#include "console/terminal_view.h"
+#include "console/main_view.h"
 #include "platform/clock.h"
-#include "platform/process.h"
 
 int main(int argc, char** argv) {
-  trabex::DrawIfStartedToDraw(argc, argv);
-  trabex::PrepareProcess();
+  trabex::PrepareProcess(argc, argv);
   try {
     const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
     const trabex::SystemClock clock;

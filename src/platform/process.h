@@ -3,11 +3,11 @@
 
 namespace trabex {
 
-// Opens the standard streams that are closed, on nothing: otherwise files and sockets would get their
-// numbers, and what is meant for standard error would reach a client. From now on a signal that asks for
-// something waits until WatchSystemRequests listens (or the process has ended), so that it never ends the
-// process on the spot; SIGUSR2, SIGALRM, SIGVTALRM, SIGIO and SIGPIPE, which mean nothing here, are ignored,
-// and so are those by which a terminal stops a process.
-void PrepareProcess();
+// Opens the standard streams that are closed, on nothing: otherwise files and sockets would take their place,
+// and what is meant for standard error would reach a client. From now on what the system asks of the program
+// waits until WatchSystemRequests listens (or the process has ended), so that it never ends the process on
+// the spot. What would end or stop the process though it means nothing here is ignored (on Linux SIGUSR2,
+// SIGALRM, SIGVTALRM, SIGIO, SIGPIPE and the signals by which a terminal stops a process).
+void PrepareStreamsAndRequests();
 
 }  // namespace trabex

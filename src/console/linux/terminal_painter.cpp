@@ -26,8 +26,9 @@
 
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
-#include "console/terminal_view.h"
+#include "console/main_view.h"
 #include "platform/linux/process/signals.h"
+#include "platform/process.h"
 
 namespace trabex {
 
@@ -282,9 +283,11 @@ void BecomeTerminalPainter(int socket, bool folded) {
   DrawUntilTheEnd(folded);
 }
 
-void DrawIfStartedToDraw(int argc, char* const* argv) {
-  if (argc == 2 && std::string_view(argv[0]) == kPainterName)
+void PrepareProcess(int argc, char* const* argv) {
+  if (argc == 2 && std::string_view(argv[0]) == kPainterName) {
     DrawUntilTheEnd(std::string_view(argv[1]) == kFolded);
+  }
+  PrepareStreamsAndRequests();
 }
 
 }  // namespace trabex

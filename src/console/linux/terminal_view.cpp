@@ -1,6 +1,6 @@
 // The program's side of the view: it hands frames to the process that draws and hears from it. See
 // terminal_wire.h for how the two talk.
-#include "console/terminal_view.h"
+#include "console/main_view.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -127,17 +127,17 @@ class PainterProcess {
   std::size_t partial_bytes_ = 0;
 };
 
-class LinuxTerminalView final : public TerminalView {
+class TerminalView final : public MainView {
  public:
-  LinuxTerminalView(EventLoop& loop, const ViewContent& content, bool folded, TerminalViewEvents events)
+  TerminalView(EventLoop& loop, const ViewContent& content, bool folded, MainViewEvents events)
       : content_(content), events_(std::move(events)), painter_(std::in_place, folded) {
     report_.folded = folded ? 1 : 0;
     watch_.emplace(loop, painter_->Socket(), [this](ForeignReadiness) { OnReady(); });
     watch_->SetInterest({.readable = true, .writable = false});
   }
-  ~LinuxTerminalView() override { EndPainter(kEndLimit); }
-  LinuxTerminalView(const LinuxTerminalView&) = delete;
-  LinuxTerminalView& operator=(const LinuxTerminalView&) = delete;
+  ~TerminalView() override { EndPainter(kEndLimit); }
+  TerminalView(const TerminalView&) = delete;
+  TerminalView& operator=(const TerminalView&) = delete;
 
   void Refresh() override {
     stale_ = true;
@@ -172,9 +172,9 @@ class LinuxTerminalView final : public TerminalView {
 
   // The handlers may destroy this object, so they are the last that is done here, and only copies are used.
   void TellEvents(const PainterReport& before, bool alive) {
-    const TerminalViewEvents events = events_;
+    const MainViewEvents events = events_;
     const PainterReport now = report_;
-    const auto gone = terminal_.HungUp() ? events.hung_up : events.lost;
+    const auto gone = terminal_.HungUp() ? events.screen_gone : events.lost;
     const std::weak_ptr<char> still_here = here_;
     if (now.folded != before.folded && events.folded) events.folded(now.folded != 0);
     if (now.closed != before.closed && events.closed && !still_here.expired()) events.closed();
@@ -232,7 +232,7 @@ class LinuxTerminalView final : public TerminalView {
   }
 
   const ViewContent& content_;
-  TerminalViewEvents events_;
+  MainViewEvents events_;
   SignalGuard signals_;
   TerminalState terminal_;
   std::optional<PainterProcess> painter_;  // nothing once it has ended
@@ -245,23 +245,43 @@ class LinuxTerminalView final : public TerminalView {
   std::shared_ptr<char> here_ = std::make_shared<char>();
 };
 
-}  // namespace
-
 bool StandardOutputIsTerminal() {
   return isatty(STDOUT_FILENO) != 0;
 }
 
-std::string WhyNoTerminalView() {
-  if (!StandardOutputIsTerminal()) return "Standard output is no terminal.";
+// Of a standard output that is a terminal.
+std::string WhyTerminalUnusable() {
   const pid_t foreground = tcgetpgrp(STDOUT_FILENO);
   if (foreground < 0) return "The terminal is not the one that controls the program.";
   if (foreground != getpgrp()) return "The program runs in the background.";
   return WhyTerminalTypeUnusable();
 }
 
-std::unique_ptr<TerminalView> OpenTerminalView(EventLoop& loop, const ViewContent& content, bool folded,
-                                               TerminalViewEvents events) {
-  return std::make_unique<LinuxTerminalView>(loop, content, folded, std::move(events));
+NoView Unusable(std::string why) {
+  return {StandardOutputIsTerminal() ? NoView::Kind::kUnusable : NoView::Kind::kScreenGone, std::move(why)};
+}
+
+}  // namespace
+
+std::optional<NoView> WhyNoView() {
+  if (!StandardOutputIsTerminal()) return NoView{NoView::Kind::kNoScreen, "Standard output is no terminal."};
+  std::string why = WhyTerminalUnusable();
+  if (why.empty()) return std::nullopt;
+  return Unusable(std::move(why));
+}
+
+std::variant<std::unique_ptr<MainView>, NoView> OpenView(EventLoop& loop, const ViewContent& content,
+                                                         bool folded, MainViewEvents events) {
+  if (std::optional<NoView> why_not = WhyNoView()) return *std::move(why_not);
+  try {
+    return std::make_unique<TerminalView>(loop, content, folded, std::move(events));
+  } catch (const Error& error) {
+    return Unusable(error.Description());
+  }
+}
+
+std::string_view LostViewText() {
+  return "The window has gone with its terminal or the process that drew it";
 }
 
 }  // namespace trabex

@@ -21,7 +21,7 @@ TEST(Process, ClosedStandardStreamsAreOpenedOnNothing) {
       close(number);
       const int before = open("/dev/null", O_RDONLY);  // takes the free number
       close(before);
-      PrepareProcess();
+      PrepareStreamsAndRequests();
       const int next = open("/dev/null", O_RDONLY);
       return before == number && IsOpen(number) && next > STDERR_FILENO ? 0 : 1;
     });
@@ -35,7 +35,7 @@ TEST(Process, OpenStandardStreamsStayAsTheyAre) {
     if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) return 1;
     const int next = dup(ends[0]);
     close(next);
-    PrepareProcess();
+    PrepareStreamsAndRequests();
     char byte = 0;
     const bool same = write(STDOUT_FILENO, "x", 1) == 1 && read(ends[0], &byte, 1) == 1 && byte == 'x';
     return same && dup(ends[0]) == next ? 0 : 2;
@@ -47,7 +47,7 @@ TEST(Process, SignalsThatAskForSomethingWait) {
   const DefaultHangUp hang_up;
   for (const int number : {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1}) {
     ChildProcess child([number] {
-      PrepareProcess();
+      PrepareStreamsAndRequests();
       raise(number);
       sigset_t waiting;
       sigpending(&waiting);
@@ -60,7 +60,7 @@ TEST(Process, SignalsThatAskForSomethingWait) {
 TEST(Process, SignalsWithoutMeaningDoNothing) {
   for (const int number : {SIGUSR2, SIGALRM, SIGVTALRM, SIGIO, SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU}) {
     ChildProcess child([number] {
-      PrepareProcess();
+      PrepareStreamsAndRequests();
       raise(number);
       sigset_t waiting;
       sigpending(&waiting);

@@ -10,7 +10,7 @@
 
 namespace trabex {
 
-void PrepareProcess() {
+void PrepareStreamsAndRequests() {
   // The lowest free number is given out, so this goes through 0, 1 and 2 at most.
   int descriptor = open("/dev/null", O_RDWR);
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = dup(descriptor);
