@@ -11,9 +11,9 @@
 #include "base/text.h"
 #include "base/unicode_fold.h"
 #include "filter_surroundings.h"
-#include "proxy/client_command_filter.h"
-#include "proxy/command_parameters.h"
-#include "proxy/server_reply_filter.h"
+#include "proxy/dialogue/client_command_filter.h"
+#include "proxy/dialogue/command_parameters.h"
+#include "proxy/dialogue/server_reply_filter.h"
 #include "proxy/session_log.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "proxy/session_facts.h"
+#include "proxy/dialogue/session_facts.h"
 
 namespace trabex {
 

@@ -11,7 +11,7 @@
 #include "base/unicode_fold.h"
 #include "filter_surroundings.h"
 #include "match/mText.h"
-#include "proxy/mailbox.h"
+#include "proxy/dialogue/mailbox.h"
 
 namespace {
 

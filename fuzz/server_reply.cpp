@@ -11,8 +11,8 @@
 
 #include "base/text.h"
 #include "filter_surroundings.h"
-#include "proxy/reply_assembler.h"
-#include "proxy/server_reply_filter.h"
+#include "proxy/dialogue/reply_assembler.h"
+#include "proxy/dialogue/server_reply_filter.h"
 
 namespace {
 

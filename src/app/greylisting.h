@@ -13,7 +13,7 @@
 #include "greylist/pending_warning.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
-#include "proxy/greylist_check.h"
+#include "proxy/dialogue/greylist_check.h"
 
 namespace trabex {
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <utility>
 
-#include "proxy/response_changes.h"
+#include "proxy/dialogue/response_changes.h"
 #include "proxy/session_log.h"
 
 namespace trabex {

@@ -32,12 +32,12 @@
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
 #include "platform/event_loop.h"
-#include "proxy/client_command_filter.h"
-#include "proxy/reply_assembler.h"
-#include "proxy/server_reply_filter.h"
-#include "proxy/session_facts.h"
+#include "proxy/dialogue/client_command_filter.h"
+#include "proxy/dialogue/reply_assembler.h"
+#include "proxy/dialogue/server_reply_filter.h"
+#include "proxy/dialogue/session_facts.h"
+#include "proxy/dialogue/session_state.h"
 #include "proxy/session_host.h"
-#include "proxy/session_state.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {

@@ -8,7 +8,7 @@
 #include "net/modSocketMaster.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
-#include "proxy/greylist_check.h"
+#include "proxy/dialogue/greylist_check.h"
 #include "proxy/session_collection.h"
 #include "resolver/name_lookup.h"
 

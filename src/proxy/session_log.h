@@ -5,8 +5,6 @@
 #include <string>
 #include <string_view>
 
-#include "base/log.h"
-
 namespace trabex {
 
 // One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" while there is none), text. In `text`
@@ -15,8 +13,5 @@ namespace trabex {
 // terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
                               std::string_view text);
-
-// What follows the mechanism in an AUTH command, as the log shows it.
-inline constexpr std::string_view kSecret = "***";
 
 }  // namespace trabex

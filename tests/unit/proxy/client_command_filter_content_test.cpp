@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "proxy/received_header.h"
+#include "proxy/dialogue/received_header.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {

@@ -1,4 +1,4 @@
-#include "proxy/content_tracker.h"
+#include "proxy/dialogue/content_tracker.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "proxy/control_characters.h"
+#include "proxy/dialogue/control_characters.h"
 
 #include <gtest/gtest.h>
 

@@ -27,8 +27,8 @@
 #include <string_view>
 #include <vector>
 
-#include "proxy/client_command_filter.h"
-#include "proxy/server_reply_filter.h"
+#include "proxy/dialogue/client_command_filter.h"
+#include "proxy/dialogue/server_reply_filter.h"
 #include "support/fake_clock.h"
 
 namespace trabex {

@@ -1,4 +1,4 @@
-#include "proxy/mailbox.h"
+#include "proxy/dialogue/mailbox.h"
 
 #include <gtest/gtest.h>
 

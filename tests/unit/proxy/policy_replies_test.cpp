@@ -1,4 +1,4 @@
-#include "proxy/policy_replies.h"
+#include "proxy/dialogue/policy_replies.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "proxy/received_header.h"
+#include "proxy/dialogue/received_header.h"
 
 #include <gtest/gtest.h>
 

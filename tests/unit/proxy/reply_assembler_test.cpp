@@ -1,4 +1,4 @@
-#include "proxy/reply_assembler.h"
+#include "proxy/dialogue/reply_assembler.h"
 
 #include <gtest/gtest.h>
 

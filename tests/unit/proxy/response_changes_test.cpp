@@ -1,4 +1,4 @@
-#include "proxy/response_changes.h"
+#include "proxy/dialogue/response_changes.h"
 
 #include <gtest/gtest.h>
 

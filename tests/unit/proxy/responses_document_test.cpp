@@ -9,8 +9,8 @@
 
 #include "base/text.h"
 #include "config/settings_table.h"
-#include "proxy/policy_replies.h"
-#include "proxy/response_changes.h"
+#include "proxy/dialogue/policy_replies.h"
+#include "proxy/dialogue/response_changes.h"
 #include "support/source_documents.h"
 
 namespace trabex {

@@ -1,4 +1,4 @@
-#include "proxy/server_reply_filter.h"
+#include "proxy/dialogue/server_reply_filter.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // What the session knows of the dialogue: which state each command and reply lead to, and that no sequence of
 // them makes it believe what the server has not said.
-#include "proxy/session_state.h"
+#include "proxy/dialogue/session_state.h"
 
 #include <gtest/gtest.h>
 

@@ -6,8 +6,8 @@
 #include "config/configuration.h"
 #include "match/cReplaces.h"
 #include "platform/clock.h"
-#include "proxy/session_facts.h"
-#include "proxy/session_state.h"
+#include "proxy/dialogue/session_facts.h"
+#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 

@@ -7,9 +7,9 @@
 
 #include "config/configuration.h"
 #include "platform/clock.h"
-#include "proxy/session_facts.h"
-#include "proxy/session_macros.h"
-#include "proxy/session_state.h"
+#include "proxy/dialogue/session_facts.h"
+#include "proxy/dialogue/session_macros.h"
+#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 

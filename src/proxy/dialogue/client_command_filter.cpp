@@ -1,4 +1,4 @@
-#include "proxy/client_command_filter.h"
+#include "proxy/dialogue/client_command_filter.h"
 
 #include <algorithm>
 #include <utility>
@@ -6,18 +6,20 @@
 #include "base/text.h"
 #include "base/unicode_fold.h"
 #include "platform/dotted_address.h"
-#include "proxy/command_parameters.h"
-#include "proxy/control_characters.h"
-#include "proxy/mailbox.h"
-#include "proxy/received_header.h"
-#include "proxy/response_changes.h"
-#include "proxy/session_log.h"
+#include "proxy/dialogue/command_parameters.h"
+#include "proxy/dialogue/control_characters.h"
+#include "proxy/dialogue/mailbox.h"
+#include "proxy/dialogue/received_header.h"
+#include "proxy/dialogue/response_changes.h"
 
 namespace trabex {
 
 namespace {
 
 using Action = LineDecision::Action;
+
+// What the log shows of authentication data.
+constexpr std::string_view kSecret = "***";
 
 bool IsBlank(char byte) {
   return byte == ' ' || byte == '\t';

@@ -18,12 +18,12 @@
 #include "base/error.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
-#include "proxy/command_table.h"
-#include "proxy/greylist_check.h"
-#include "proxy/policy_replies.h"
-#include "proxy/session_facts.h"
-#include "proxy/session_macros.h"
-#include "proxy/session_state.h"
+#include "proxy/dialogue/command_table.h"
+#include "proxy/dialogue/greylist_check.h"
+#include "proxy/dialogue/policy_replies.h"
+#include "proxy/dialogue/session_facts.h"
+#include "proxy/dialogue/session_macros.h"
+#include "proxy/dialogue/session_state.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {

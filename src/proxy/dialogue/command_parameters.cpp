@@ -1,4 +1,4 @@
-#include "proxy/command_parameters.h"
+#include "proxy/dialogue/command_parameters.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,4 +1,4 @@
-#include "proxy/command_table.h"
+#include "proxy/dialogue/command_table.h"
 
 #include <algorithm>
 #include <array>

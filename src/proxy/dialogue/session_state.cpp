@@ -1,4 +1,4 @@
-#include "proxy/session_state.h"
+#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 

@@ -1,4 +1,4 @@
-#include "proxy/server_reply_filter.h"
+#include "proxy/dialogue/server_reply_filter.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "base/text.h"
-#include "proxy/received_header.h"
-#include "proxy/response_changes.h"
+#include "proxy/dialogue/received_header.h"
+#include "proxy/dialogue/response_changes.h"
 
 namespace trabex {
 

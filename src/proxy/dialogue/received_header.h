@@ -5,8 +5,8 @@
 
 #include "config/configuration.h"
 #include "platform/clock.h"
-#include "proxy/session_facts.h"
-#include "proxy/session_state.h"
+#include "proxy/dialogue/session_facts.h"
+#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 

@@ -1,4 +1,4 @@
-#include "proxy/extension_collection.h"
+#include "proxy/dialogue/extension_collection.h"
 
 #include <algorithm>
 

@@ -16,9 +16,9 @@
 #include <string_view>
 
 #include "base/numbers.h"
-#include "proxy/command_table.h"
-#include "proxy/content_tracker.h"
-#include "proxy/extension_collection.h"
+#include "proxy/dialogue/command_table.h"
+#include "proxy/dialogue/content_tracker.h"
+#include "proxy/dialogue/extension_collection.h"
 
 namespace trabex {
 

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "config/configuration.h"
-#include "proxy/policy_replies.h"
+#include "proxy/dialogue/policy_replies.h"
 
 namespace trabex {
 
