@@ -11,6 +11,7 @@
 #include "app/version.h"
 #include "base/error.h"
 #include "match/ip_range.h"
+#include "net/socket_errors.h"
 #include "platform/message.h"
 #include "proxy/cProxy.h"
 

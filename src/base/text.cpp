@@ -36,6 +36,10 @@ bool IsControl(char c) {
   return static_cast<unsigned char>(c) < 32 || c == 127;
 }
 
+bool IsHostNameByte(char c) {
+  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
+}
+
 std::string ToLower(std::string_view text) {
   std::string result(text);
   for (char& c : result) c = ToLower(c);

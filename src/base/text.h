@@ -17,6 +17,8 @@ char ToUpper(char c);
 bool IsDigit(char c);
 // A control character: below 32, or DEL (127). A tab is one.
 bool IsControl(char c);
+// Whether `c` occurs in the names of hosts between the dots: an ASCII letter or digit, "-" or "_".
+bool IsHostNameByte(char c);
 
 std::string ToLower(std::string_view text);
 std::string ToUpper(std::string_view text);

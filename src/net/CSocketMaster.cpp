@@ -1,10 +1,11 @@
-// The socket object's properties and methods. What happens from the loop stands in socket_progress.cpp,
-// sending and receiving in socket_data.cpp.
+// The socket object's properties and methods. socket_progress.cpp has what the loop calls, socket_data.cpp
+// sending and receiving, socket_udp.cpp and socket_members.cpp what no session needs.
 #include "net/CSocketMaster.h"
 
 #include <algorithm>
 #include <utility>
 
+#include "base/text.h"
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"
 #include "platform/dotted_address.h"
@@ -16,21 +17,14 @@ namespace {
 constexpr std::int32_t kGreatestPort = 65535;
 constexpr const char* kAnyAddress = "0.0.0.0";
 
-const std::string& NoText() {
-  static const std::string none;
-  return none;
-}
-
 bool IsPort(std::int32_t port) {
   return port >= 0 && port <= kGreatestPort;
 }
 
 // A name from DNS is whatever the address's owner wants; only plain ones count.
 bool IsPlainHostName(std::string_view name) {
-  return !name.empty() && std::all_of(name.begin(), name.end(), [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-           c == '_' || c == '.';
-  });
+  return !name.empty() &&
+         std::all_of(name.begin(), name.end(), [](char c) { return c == '.' || IsHostNameByte(c); });
 }
 
 }  // namespace
@@ -48,9 +42,9 @@ CSocketMaster::~CSocketMaster() {
   module_.FinalizeProcesses();
 }
 
-CSocketMaster::Rare& CSocketMaster::GetRare() {
-  if (!rare_) rare_ = std::make_unique<Rare>();
-  return *rare_;
+CSocketMaster::ColdState& CSocketMaster::GetColdState() {
+  if (!cold_) cold_ = std::make_unique<ColdState>();
+  return *cold_;
 }
 
 std::int32_t CSocketMaster::RemotePort() const {
@@ -99,35 +93,20 @@ SocketState CSocketMaster::State() const {
   return state_;
 }
 
-std::string CSocketMaster::LocalHostName(bool bNotCached) {
-  Rare& rare = GetRare();
-  if (bNotCached || !rare.local_host_name_valid) {
-    rare.local_host_name = GetLocalHostName();
-    rare.local_host_name_valid = true;
-  }
-  return rare.local_host_name;
-}
-
-std::string CSocketMaster::GetLocalHostName() {
-  const NameAnswer answer = module_.names_.LocalHostName();
-  Check(answer.error, "CSocketMaster.GetLocalHostName");
-  return answer.name;
-}
-
 // Nothing here may wait for a name, so both ways of asking give the answer of the last look-up.
 std::string CSocketMaster::RemoteHostName(bool /*bNotCached*/) {
-  Check(rare_ ? rare_->remote_host_name_error : socket_error::kTryAgain, "CSocketMaster.GetRemoteHostName");
-  return rare_->remote_host_name;
+  Check(cold_ ? cold_->remote_host_name_error : socket_error::kTryAgain, "CSocketMaster.GetRemoteHostName");
+  return cold_->remote_host_name;
 }
 
 void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed) {
   Endpoint peer;
   Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
-  Rare& rare = GetRare();
-  rare.name_done = std::move(done);
-  if (rare.name_lookup != 0) return;
+  ColdState& cold = GetColdState();
+  cold.name_done = std::move(done);
+  if (cold.name_lookup != 0) return;
   NameLookup& names = module_.names_;
-  rare.name_lookup =
+  cold.name_lookup =
       blnConfirmed
           ? names.FindConfirmedName(
                 peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer, answer.confirmed); })
@@ -135,27 +114,13 @@ void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnCon
 }
 
 void CSocketMaster::OnNameAnswer(const NameAnswer& answer, bool counts) {
-  Rare& rare = GetRare();
-  rare.name_lookup = 0;
+  ColdState& cold = GetColdState();
+  cold.name_lookup = 0;
   const bool named = answer.error == 0 && counts && IsPlainHostName(answer.name);
-  rare.remote_host_name = named ? answer.name : std::string();
-  rare.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
-  const auto done = std::exchange(rare.name_done, nullptr);
+  cold.remote_host_name = named ? answer.name : std::string();
+  cold.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
+  const auto done = std::exchange(cold.name_done, nullptr);
   Raise(done, "CSocketMaster.LookUpRemoteHostName");
-}
-
-std::string CSocketMaster::LocalIP() {
-  if (state_ == SocketState::sckOpen || state_ == SocketState::sckListening) return GetRare().local_ip;
-  return GetLocalIP();
-}
-
-std::string CSocketMaster::GetLocalIP() {
-  constexpr const char* kSource = "CSocketMaster.GetLocalIP";
-  const NameAnswer name = module_.names_.LocalHostName();
-  Check(name.error, kSource);
-  const HostAddress address = LookUpKnownHost(module_.names_, name.name);
-  Check(address.error, kSource);
-  return address.text;
 }
 
 std::int64_t CSocketMaster::BytesReceived() const {
@@ -168,14 +133,6 @@ std::int64_t CSocketMaster::BytesSent() const {
 
 std::int32_t CSocketMaster::SocketHandle() const {
   return socket_.index;
-}
-
-const std::string& CSocketMaster::Tag() const {
-  return rare_ ? rare_->tag : NoText();
-}
-
-void CSocketMaster::SetTag(std::string strTag) {
-  GetRare().tag = std::move(strTag);
 }
 
 SocketProtocol CSocketMaster::Protocol() const {
@@ -215,15 +172,15 @@ void CSocketMaster::CloseSck() {
 
 void CSocketMaster::CancelLookups() {
   module_.names_.Cancel(std::exchange(host_lookup_, 0));
-  if (!rare_) return;
-  module_.names_.Cancel(std::exchange(rare_->name_lookup, 0));
-  rare_->name_done = nullptr;
+  if (!cold_) return;
+  module_.names_.Cancel(std::exchange(cold_->name_lookup, 0));
+  cold_->name_done = nullptr;
 }
 
 void CSocketMaster::ForgetPeerName() {
-  if (!rare_) return;
-  rare_->remote_host_name.clear();
-  rare_->remote_host_name_error = socket_error::kTryAgain;
+  if (!cold_) return;
+  cold_->remote_host_name.clear();
+  cold_->remote_host_name_error = socket_error::kTryAgain;
 }
 
 void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional<std::int32_t> RemotePort) {
@@ -281,7 +238,7 @@ bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::st
   const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
   Check(tcp ? module_.sockets_.BindExclusively(socket_, local) : module_.sockets_.Bind(socket_, local),
         kSource);
-  GetRare().local_ip = address.text;
+  GetColdState().local_ip = address.text;
   if (wanted != 0) local_port_ = wanted;
   return true;
 }
@@ -313,15 +270,6 @@ void CSocketMaster::Accept(std::int32_t requestID) {
   ForgetPeerName();
   established_ = true;
   state_ = SocketState::sckConnected;
-}
-
-std::vector<std::string> CSocketMaster::GetLocalIPAddresses() {
-  std::vector<std::uint32_t> addresses;
-  Check(module_.sockets_.LocalAddresses(addresses), "CSocketMaster.GetLocalIPAddresses");
-  std::vector<std::string> texts;
-  texts.reserve(addresses.size());
-  for (const std::uint32_t address : addresses) texts.push_back(DottedAddress(address));
-  return texts;
 }
 
 std::size_t CSocketMaster::PendingBytes() const {

@@ -132,7 +132,7 @@ class CSocketMaster final : public SocketSink {
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
 
  private:
-  struct Rare;  // what only few sockets need, so that a session's stay small
+  struct ColdState;  // what only few sockets need; kept apart so that a session's stay small
   struct PeerIdentity {
     std::int32_t port = 0;
     std::string host_ip;
@@ -161,19 +161,23 @@ class CSocketMaster final : public SocketSink {
   std::size_t SendPieces(std::string_view data, int& error, bool more_follows = false);
   void FinishFlush(std::size_t sent, int error);
   void FlushPending();
-  void SendBufferedDataUDP(std::string_view data);
   std::size_t SendChunk();
   std::size_t ReceiveChunk();
   // `source` names the caller in errors.
   void CheckReadable(std::int32_t max_length, const char* source) const;
   template <class Take>
   std::size_t ReceiveUpTo(std::size_t limit, Take take);
+
+  // Datagrams.
+  void SendBufferedDataUDP(std::string_view data);
+  void OnDatagram();
+  std::string_view PeekDatagram(std::int32_t max_length);
   std::int32_t RecvData(std::string& data, bool peek, std::int32_t max_length);
 
   template <class Handler, class... Arguments>
   void Raise(const Handler& handler, std::string_view source, Arguments&&... arguments);
   void ReportError(int number, const char* source);
-  Rare& GetRare();
+  ColdState& GetColdState();
 
   modSocketMaster& module_;
   trabex::SocketHandle socket_;
@@ -195,7 +199,7 @@ class CSocketMaster final : public SocketSink {
   bool send_broken_ = false;
   ByteQueue receive_;  // received and not consumed: what PeekData left
   LookupId host_lookup_ = 0;
-  std::unique_ptr<Rare> rare_;
+  std::unique_ptr<ColdState> cold_;
 };
 
 }  // namespace trabex

@@ -12,7 +12,7 @@
 
 namespace trabex {
 
-struct CSocketMaster::Rare {
+struct CSocketMaster::ColdState {
   std::string tag;
   std::string local_ip;  // that the socket was bound to, dotted
   std::string local_host_name;

@@ -3,7 +3,7 @@
 #include <string>
 #include <utility>
 
-#include "net/modSocketMaster.h"
+#include "net/socket_errors.h"
 
 namespace trabex {
 

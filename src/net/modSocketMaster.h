@@ -1,5 +1,5 @@
 // The machinery under every CSocketMaster: the registry that maps a socket to its object, connections that
-// were accepted and not yet claimed, sockets that are closing in the background, and the error texts.
+// were accepted and not yet claimed, and sockets that are closing in the background.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,6 @@
 #include <memory>
 #include <optional>
 #include <span>
-#include <string_view>
 #include <vector>
 
 #include "base/log.h"
@@ -20,9 +19,6 @@
 namespace trabex {
 
 class CSocketMaster;
-
-// The text of a socket error number; "Unknown error." for any other.
-std::string_view SocketErrorText(int number);
 
 class modSocketMaster {
  public:

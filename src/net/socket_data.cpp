@@ -1,10 +1,8 @@
-// Sending and receiving of the socket object.
+// Sending and receiving of a TCP socket object.
 #include <algorithm>
 #include <utility>
 
 #include "net/CSocketMaster_impl.h"
-#include "net/known_host.h"
-#include "platform/dotted_address.h"
 
 namespace trabex {
 
@@ -16,11 +14,7 @@ constexpr std::size_t kAlwaysFits = 4096;
 }  // namespace
 
 void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
-  if (protocol_ == SocketProtocol::sckUDPProtocol) {
-    if (!SocketExists() || !BindInternal(std::nullopt, {})) return;
-    state_ = SocketState::sckOpen;
-    return SendBufferedDataUDP(Data);
-  }
+  if (protocol_ == SocketProtocol::sckUDPProtocol) return SendBufferedDataUDP(Data);
   if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
   if (send_broken_) return;  // lost with the connection, whose end is told soon
   if (!send_.Empty()) return send_.Append(Data);
@@ -92,17 +86,6 @@ void CSocketMaster::FlushPending() {
   FinishFlush(sent, error);
 }
 
-void CSocketMaster::SendBufferedDataUDP(std::string_view data) {
-  constexpr const char* kSource = "CSocketMaster.SendBufferedDataUDP";
-  const HostAddress target = LookUpKnownHost(module_.names_, remote_host_);
-  if (target.error == socket_error::kAddressFamily) RaiseSocketError(target.error, kSource);
-  if (target.error != 0) RaiseBadAddress(kSource);
-  const Endpoint to{target.address, static_cast<std::uint16_t>(remote_port_)};
-  if (const int error = module_.sockets_.SendTo(socket_, data, to); error != 0)
-    return ReportError(error, kSource);
-  bytes_sent_ += static_cast<std::int64_t>(data.size());
-}
-
 void CSocketMaster::CheckReadable(std::int32_t max_length, const char* source) const {
   const auto needed =
       protocol_ == SocketProtocol::sckTCPProtocol ? SocketState::sckConnected : SocketState::sckOpen;
@@ -167,13 +150,7 @@ std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
 
 std::string_view CSocketMaster::PeekView(std::int32_t MaxLen) {
   CheckReadable(MaxLen, "CSocketMaster.PeekData");
-  if (protocol_ == SocketProtocol::sckUDPProtocol) {
-    std::string datagram;
-    RecvData(datagram, true, MaxLen);
-    receive_.Clear();
-    receive_.Append(datagram);
-    return receive_.View();
-  }
+  if (protocol_ == SocketProtocol::sckUDPProtocol) return PeekDatagram(MaxLen);
   const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
   if (wanted > receive_.Size()) {
     ReceiveUpTo(wanted - receive_.Size(), [&](std::string_view part) { receive_.Append(part); });
@@ -193,25 +170,6 @@ void CSocketMaster::Consume(std::int32_t count) {
 std::int32_t CSocketMaster::PeekData(std::string& Data, std::int32_t MaxLen) {
   Data.assign(PeekView(MaxLen));
   return static_cast<std::int32_t>(Data.size());
-}
-
-std::int32_t CSocketMaster::RecvData(std::string& data, bool peek, std::int32_t max_length) {
-  std::size_t waiting = 0;
-  data.clear();
-  if (module_.sockets_.Available(socket_, waiting) != 0 || waiting == 0) return 0;
-  data.resize(waiting);
-  std::size_t received = 0;
-  Endpoint from;
-  const int error = module_.sockets_.ReceiveFrom(socket_, data, peek, received, from);
-  data.resize(received);
-  Check(error, "CSocketMaster.RecvData");
-  remote_port_ = from.port;
-  remote_host_ip_ = DottedAddress(from.address);
-  remote_host_.clear();
-  if (max_length > 0 && data.size() > static_cast<std::size_t>(max_length)) {
-    data.resize(static_cast<std::size_t>(max_length));
-  }
-  return static_cast<std::int32_t>(data.size());
 }
 
 }  // namespace trabex

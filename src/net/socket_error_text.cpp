@@ -3,7 +3,7 @@
 #include <iterator>
 #include <string_view>
 
-#include "net/modSocketMaster.h"
+#include "net/socket_errors.h"
 
 namespace trabex {
 

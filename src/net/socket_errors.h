@@ -1,12 +1,15 @@
-// The errors that socket objects raise to their callers.
+// The texts of socket errors, and the errors that socket objects raise to their callers.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "base/error.h"
-#include "net/modSocketMaster.h"
 
 namespace trabex {
+
+// The text of a socket error number; "Unknown error." for any other.
+std::string_view SocketErrorText(int number);
 
 // 40020 "Invalid operation at current state".
 [[noreturn]] void RaiseInvalidState(const char* source);

@@ -93,20 +93,8 @@ void CSocketMaster::PostSocket(SocketEvent event, int error) {
 }
 
 void CSocketMaster::OnRead() {
-  if (protocol_ == SocketProtocol::sckTCPProtocol) {
-    if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "CSocketMaster.DataArrival");
-    return;
-  }
-  if (state_ != SocketState::sckOpen) return;
-  const trabex::SocketHandle socket = socket_;
-  std::size_t waiting = 0;
-  if (module_.sockets_.Available(socket, waiting) == 0 && waiting > 0) {
-    Raise(Events.DataArrival, "CSocketMaster.DataArrival");
-  }
-  // Reading one byte drops the datagram that the owner left lying.
-  char byte = 0;
-  std::size_t received = 0;
-  module_.sockets_.Receive(socket, {&byte, 1}, received);
+  if (protocol_ == SocketProtocol::sckUDPProtocol) return OnDatagram();
+  if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "CSocketMaster.DataArrival");
 }
 
 void CSocketMaster::OnAccept() {

@@ -35,10 +35,6 @@ constexpr int kFirstWaitsInLimit = 5;
 // How finely the end of a look-up is timed; it is never later than the limit.
 constexpr int kTicksInLimit = 50;
 
-bool IsHostNameByte(char c) {
-  return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' || c == '_';
-}
-
 // Whether a host could have this name; DNS allows more, but nobody needs to be asked for it.
 bool IsHostName(std::string_view name) {
   if (name.size() > kMostNameBytes) return false;

@@ -16,6 +16,7 @@
 #include "app/program.h"
 #include "base/text.h"
 #include "match/ip_range.h"
+#include "net/socket_errors.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/loop_runner.h"

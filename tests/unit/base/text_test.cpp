@@ -41,6 +41,8 @@ TEST(Text, SingleBytes) {
   EXPECT_FALSE(IsDigit('/') || IsDigit(':') || IsDigit('\xB2'));
   for (char c : {'\0', '\t', '\r', '\x1F', '\x7F'}) EXPECT_TRUE(IsControl(c));
   for (char c : {' ', '~', '\x80', '\xFF'}) EXPECT_FALSE(IsControl(c));
+  for (char c : {'0', '9', 'a', 'z', 'A', 'Z', '-', '_'}) EXPECT_TRUE(IsHostNameByte(c)) << c;
+  for (char c : {'.', '/', ':', '@', '[', '`', '{', ' ', '\0', '\xE9'}) EXPECT_FALSE(IsHostNameByte(c)) << c;
 }
 
 TEST(Text, EndsAndBeginningsOfShortTexts) {

@@ -1,6 +1,7 @@
 // Connecting: addresses, names, refusals, and what happens when the owner closes meanwhile.
 #include <sys/resource.h>
 
+#include "net/socket_errors.h"
 #include "net_fixture.h"
 
 namespace trabex {

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "net/known_host.h"
+#include "net/socket_errors.h"
 #include "net_fixture.h"
 
 namespace trabex {
