@@ -1,7 +1,6 @@
 #include "config/configuration_dump.h"
 
 #include <array>
-#include <cassert>
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -17,79 +16,6 @@
 namespace trabex {
 
 namespace {
-
-constexpr auto kCommonOrder = std::to_array<std::string_view>({
-    "Log",
-    "LogPath",
-    "LogLevelServer",
-    "LogLevelRemote",
-    "AutoReload",
-    "IgnoreIniErrors",
-    "BindIP",
-    "BindPort",
-    "ServerIP",
-    "ServerPort",
-    "LocalIPs",
-    "LocalDomains",
-    "LocalHostName",
-    "EnhancedStatusCodes",
-    "MaxConnections",
-    "Timeout",
-    "ProcessAddressesWithoutBrackets",
-    "IPWhiteList",
-    "IPAllowList",
-    "IPBlackList",
-    "MaxBadSeq",
-    "ValidateRDNS",
-    "HostsWhiteList",
-    "HostsAllowList",
-    "HostsBlackList",
-    "RemoveSMTPExtensionsLocal",
-    "RemoveSMTPExtensionsRemote",
-    "AddSMTPExtensionsLocal",
-    "AddSMTPExtensionsRemote",
-    "ValidateHELO",
-    "HELOBlackList",
-    "MaxTransactionsLocal",
-    "MaxTransactionsRemote",
-    "MaxSize",
-    "SendersWhiteList",
-    "SendersAllowList",
-    "SendersBlackList",
-    "MaxRecipientsLocal",
-    "MaxRecipientsRemote",
-    "RecipientsWhiteListLocal",
-    "RecipientsAllowListLocal",
-    "RecipientsBlackListLocal",
-    "RecipientsWhiteListRemote",
-    "RecipientsAllowListRemote",
-    "RecipientsBlackListRemote",
-    "PrivateRecipients",
-    "RestrictedSenders",
-    "AddReceived",
-    "ConfirmHostNames",
-});
-
-constexpr auto kGreyListingOrder = std::to_array<std::string_view>({
-    "Enabled",
-    "Log",
-    "Database",
-    "MinCount",
-    "BlackListMinCount",
-    "Delay",
-    "BlackListDelay",
-    "TTL",
-    "ShortTTL",
-    "SaveInterval",
-    "IPWhiteList",
-    "HostsWhiteList",
-    "IPBlackList",
-    "HostsBlackList",
-    "CallbackSendersList",
-    "CallbackSenderAction",
-    "MaxPending",
-    "MaxPendingPerNetwork",
-});
 
 std::string Quoted(std::string_view text) {
   return "\"" + std::string(text) + "\"";
@@ -307,9 +233,7 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
 
 void WriteSection(Writer& writer, std::string_view section, const Configuration& configuration) {
   writer.Header(section);
-  for (std::string_view key : DumpOrder(section)) {
-    const Setting* const setting = FindSetting(section, key);
-    assert(setting != nullptr);
+  for (const Setting* const setting : SettingsInDumpOrder(section)) {
     WriteSetting(writer, *setting, configuration);
   }
 }
@@ -362,12 +286,6 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
 }
 
 }  // namespace
-
-std::span<const std::string_view> DumpOrder(std::string_view section) {
-  if (section == section_name::kCommon) return kCommonOrder;
-  assert(section == section_name::kGreyListing);
-  return kGreyListingOrder;
-}
 
 namespace mCommon {
 

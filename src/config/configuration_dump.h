@@ -4,7 +4,6 @@
 #pragma once
 
 #include <functional>
-#include <span>
 #include <string_view>
 
 #include "base/log.h"
@@ -21,8 +20,5 @@ void LogConfiguration(const Configuration& configuration, std::string_view ini_p
                       const std::function<void(std::string_view line)>& write_line);
 
 }  // namespace mCommon
-
-// The order of the dump, made for reading: the keys of one section (Common or GreyListing).
-std::span<const std::string_view> DumpOrder(std::string_view section);
 
 }  // namespace trabex

@@ -21,25 +21,17 @@ constexpr std::int64_t kGreatestCount = kGreatest - 1;
 // Whole bytes, as far as the fixed-point type goes.
 constexpr std::int64_t kGreatestSize = 922337203685476;
 
-constexpr Setting Early(std::string_view key, SettingKind kind, SettingField field,
+constexpr Setting Early(int dump_order, std::string_view key, SettingKind kind, SettingField field,
                         std::string_view default_text, std::int64_t min = 0, std::int64_t max = 1) {
-  return {section_name::kCommon, key, kind, field, default_text, min, max, true};
+  return {section_name::kCommon, key, kind, field, default_text, dump_order, min, max, true};
 }
-constexpr Setting Common(std::string_view key, SettingKind kind, SettingField field,
-                         std::string_view default_text = {}) {
-  return {section_name::kCommon, key, kind, field, default_text};
+constexpr Setting Common(int dump_order, std::string_view key, SettingKind kind, SettingField field,
+                         std::string_view default_text = {}, std::int64_t min = 0, std::int64_t max = 0) {
+  return {section_name::kCommon, key, kind, field, default_text, dump_order, min, max};
 }
-constexpr Setting Common(std::string_view key, SettingKind kind, SettingField field,
-                         std::string_view default_text, std::int64_t min, std::int64_t max) {
-  return {section_name::kCommon, key, kind, field, default_text, min, max};
-}
-constexpr Setting Grey(std::string_view key, SettingKind kind, SettingField field,
-                       std::string_view default_text = {}) {
-  return {section_name::kGreyListing, key, kind, field, default_text};
-}
-constexpr Setting Grey(std::string_view key, SettingKind kind, SettingField field,
-                       std::string_view default_text, std::int64_t min, std::int64_t max) {
-  return {section_name::kGreyListing, key, kind, field, default_text, min, max};
+constexpr Setting Grey(int dump_order, std::string_view key, SettingKind kind, SettingField field,
+                       std::string_view default_text = {}, std::int64_t min = 0, std::int64_t max = 0) {
+  return {section_name::kGreyListing, key, kind, field, default_text, dump_order, min, max};
 }
 
 // One that came later.
@@ -48,77 +40,79 @@ constexpr Setting Later(Setting setting) {
   return setting;
 }
 
+// The columns: place in the dump, key, kind, field, default, range. The places go up in tens, so that there
+// is room for another setting between any two.
 constexpr auto kSettings = std::to_array<Setting>({
-    Early("IgnoreIniErrors", kBoolean, &C::IgnoreIniErrors, "1"),
-    Early("Log", kInteger, &C::Log, "1", 0, 2),
-    Early("LogPath", kLogFolder, &C::LogPath, ""),
-    Early("BindPort", kInteger, &C::BindPort, "25", 0, 65535),
+    Early(60, "IgnoreIniErrors", kBoolean, &C::IgnoreIniErrors, "1"),
+    Early(10, "Log", kInteger, &C::Log, "1", 0, 2),
+    Early(20, "LogPath", kLogFolder, &C::LogPath, ""),
+    Early(80, "BindPort", kInteger, &C::BindPort, "25", 0, 65535),
 
-    Common("BindIP", kAddress, &C::BindIP, "0.0.0.0"),
-    Common("ServerPort", kInteger, &C::ServerPort, "25", 1, 65535),
-    Common("ServerIP", kText, &C::ServerIP, "127.0.0.1"),
-    Common("LocalIPs", kRangeList, &C::LocalIPs,
+    Common(70, "BindIP", kAddress, &C::BindIP, "0.0.0.0"),
+    Common(100, "ServerPort", kInteger, &C::ServerPort, "25", 1, 65535),
+    Common(90, "ServerIP", kText, &C::ServerIP, "127.0.0.1"),
+    Common(110, "LocalIPs", kRangeList, &C::LocalIPs,
            "127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,169.254.0.0/16"),
-    Common("LocalDomains", kPlainList, &C::LocalDomains),
-    Common("LocalHostName", kHostName, &C::LocalHostName),
-    Common("IPBlackList", kRangeList, &C::IPBlackList),
-    Common("IPAllowList", kRangeList, &C::IPAllowList, "0.0.0.0/0"),
-    Common("IPWhiteList", kRangeList, &C::IPWhiteList),
-    Common("SendersBlackList", kAddressList, &C::SendersBlackList),
-    Common("SendersWhiteList", kAddressList, &C::SendersWhiteList),
-    Common("SendersAllowList", kAddressList, &C::SendersAllowList, "*"),
-    Common("RestrictedSenders", kAddressList, &C::RestrictedSenders),
-    Common("HostsWhiteList", kAddressList, &C::HostsWhiteList),
-    Common("HostsAllowList", kAddressList, &C::HostsAllowList, "*"),
-    Common("HostsBlackList", kAddressList, &C::HostsBlackList),
-    Common("ValidateRDNS", kInteger, &C::ValidateRDNS, "0", 0, 3),
-    Common("ValidateHELO", kInteger, &C::ValidateHELO, "0", 0, 15),
-    Common("HELOBlackList", kAddressList, &C::HELOBlackList),
-    Common("LogLevelServer", kInteger, &C::LogLevelServer, "15", 0, 15),
-    Common("LogLevelRemote", kInteger, &C::LogLevelRemote, "15", 0, 15),
-    Common("AddReceived", kBoolean, &C::AddReceived, "1", 0, 1),
-    Common("EnhancedStatusCodes", kBoolean, &C::EnhancedStatusCodes, "1", 0, 1),
-    Common("ProcessAddressesWithoutBrackets", kInteger, &C::ProcessAddressesWithoutBrackets, "0", 0, 2),
-    Common("RemoveSMTPExtensionsLocal", kExtensionList, &C::RemoveSMTPExtensionsLocal),
-    Common("RemoveSMTPExtensionsRemote", kExtensionList, &C::RemoveSMTPExtensionsRemote),
-    Common("AddSMTPExtensionsLocal", kExtensionList, &C::AddSMTPExtensionsLocal),
-    Common("AddSMTPExtensionsRemote", kExtensionList, &C::AddSMTPExtensionsRemote),
-    Common("RecipientsAllowListLocal", kAddressList, &C::RecipientsAllowListLocal, "*"),
-    Common("RecipientsBlackListLocal", kAddressList, &C::RecipientsBlackListLocal),
-    Common("RecipientsWhiteListLocal", kAddressList, &C::RecipientsWhiteListLocal),
-    Common("RecipientsAllowListRemote", kAddressList, &C::RecipientsAllowListRemote, "*"),
-    Common("RecipientsBlackListRemote", kAddressList, &C::RecipientsBlackListRemote),
-    Common("RecipientsWhiteListRemote", kAddressList, &C::RecipientsWhiteListRemote),
-    Common("PrivateRecipients", kAddressList, &C::PrivateRecipients),
-    Common("MaxRecipientsLocal", kInteger, &C::MaxRecipientsLocal, "0", 0, kGreatestCount),
-    Common("MaxRecipientsRemote", kInteger, &C::MaxRecipientsRemote, "0", 0, kGreatestCount),
-    Common("MaxTransactionsLocal", kInteger, &C::MaxTransactionsLocal, "0", 0, kGreatestCount),
-    Common("MaxTransactionsRemote", kInteger, &C::MaxTransactionsRemote, "0", 0, kGreatestCount),
-    Common("MaxConnections", kInteger, &C::MaxConnections, "0", 0, 65535),
-    Common("MaxSize", kSize, &C::MaxSize, "0", -2, kGreatestSize),
-    Common("Timeout", kInteger, &C::Timeout, "300", 0, kGreatest),
-    Common("MaxBadSeq", kInteger, &C::MaxBadSeq, "10", 0, kGreatestCount),
-    Common("AutoReload", kBoolean, &C::AutoReload, "1", 0, 1),
-    Later(Common("ConfirmHostNames", kBoolean, &C::ConfirmHostNames, "0", 0, 1)),
+    Common(120, "LocalDomains", kPlainList, &C::LocalDomains),
+    Common(130, "LocalHostName", kHostName, &C::LocalHostName),
+    Common(200, "IPBlackList", kRangeList, &C::IPBlackList),
+    Common(190, "IPAllowList", kRangeList, &C::IPAllowList, "0.0.0.0/0"),
+    Common(180, "IPWhiteList", kRangeList, &C::IPWhiteList),
+    Common(370, "SendersBlackList", kAddressList, &C::SendersBlackList),
+    Common(350, "SendersWhiteList", kAddressList, &C::SendersWhiteList),
+    Common(360, "SendersAllowList", kAddressList, &C::SendersAllowList, "*"),
+    Common(470, "RestrictedSenders", kAddressList, &C::RestrictedSenders),
+    Common(230, "HostsWhiteList", kAddressList, &C::HostsWhiteList),
+    Common(240, "HostsAllowList", kAddressList, &C::HostsAllowList, "*"),
+    Common(250, "HostsBlackList", kAddressList, &C::HostsBlackList),
+    Common(220, "ValidateRDNS", kInteger, &C::ValidateRDNS, "0", 0, 3),
+    Common(300, "ValidateHELO", kInteger, &C::ValidateHELO, "0", 0, 15),
+    Common(310, "HELOBlackList", kAddressList, &C::HELOBlackList),
+    Common(30, "LogLevelServer", kInteger, &C::LogLevelServer, "15", 0, 15),
+    Common(40, "LogLevelRemote", kInteger, &C::LogLevelRemote, "15", 0, 15),
+    Common(480, "AddReceived", kBoolean, &C::AddReceived, "1", 0, 1),
+    Common(140, "EnhancedStatusCodes", kBoolean, &C::EnhancedStatusCodes, "1", 0, 1),
+    Common(170, "ProcessAddressesWithoutBrackets", kInteger, &C::ProcessAddressesWithoutBrackets, "0", 0, 2),
+    Common(260, "RemoveSMTPExtensionsLocal", kExtensionList, &C::RemoveSMTPExtensionsLocal),
+    Common(270, "RemoveSMTPExtensionsRemote", kExtensionList, &C::RemoveSMTPExtensionsRemote),
+    Common(280, "AddSMTPExtensionsLocal", kExtensionList, &C::AddSMTPExtensionsLocal),
+    Common(290, "AddSMTPExtensionsRemote", kExtensionList, &C::AddSMTPExtensionsRemote),
+    Common(410, "RecipientsAllowListLocal", kAddressList, &C::RecipientsAllowListLocal, "*"),
+    Common(420, "RecipientsBlackListLocal", kAddressList, &C::RecipientsBlackListLocal),
+    Common(400, "RecipientsWhiteListLocal", kAddressList, &C::RecipientsWhiteListLocal),
+    Common(440, "RecipientsAllowListRemote", kAddressList, &C::RecipientsAllowListRemote, "*"),
+    Common(450, "RecipientsBlackListRemote", kAddressList, &C::RecipientsBlackListRemote),
+    Common(430, "RecipientsWhiteListRemote", kAddressList, &C::RecipientsWhiteListRemote),
+    Common(460, "PrivateRecipients", kAddressList, &C::PrivateRecipients),
+    Common(380, "MaxRecipientsLocal", kInteger, &C::MaxRecipientsLocal, "0", 0, kGreatestCount),
+    Common(390, "MaxRecipientsRemote", kInteger, &C::MaxRecipientsRemote, "0", 0, kGreatestCount),
+    Common(320, "MaxTransactionsLocal", kInteger, &C::MaxTransactionsLocal, "0", 0, kGreatestCount),
+    Common(330, "MaxTransactionsRemote", kInteger, &C::MaxTransactionsRemote, "0", 0, kGreatestCount),
+    Common(150, "MaxConnections", kInteger, &C::MaxConnections, "0", 0, 65535),
+    Common(340, "MaxSize", kSize, &C::MaxSize, "0", -2, kGreatestSize),
+    Common(160, "Timeout", kInteger, &C::Timeout, "300", 0, kGreatest),
+    Common(210, "MaxBadSeq", kInteger, &C::MaxBadSeq, "10", 0, kGreatestCount),
+    Common(50, "AutoReload", kBoolean, &C::AutoReload, "1", 0, 1),
+    Later(Common(490, "ConfirmHostNames", kBoolean, &C::ConfirmHostNames, "0", 0, 1)),
 
-    Grey("Enabled", kBoolean, &G::Enabled, "0", 0, 1),
-    Grey("Log", kInteger, &G::Log, "0", 0, 1),
-    Grey("Database", kDatabase, &G::Database),
-    Grey("Delay", kMinutes, &G::Delay, "16", 0, kGreatest),
-    Grey("BlackListDelay", kMinutes, &G::BlackListDelay, "64", 0, kGreatest),
-    Grey("TTL", kLifetime, &G::TTL, "51840", 0, kGreatest),
-    Grey("ShortTTL", kLifetime, &G::ShortTTL, "240", 0, kGreatest),
-    Grey("SaveInterval", kMinutes, &G::SaveInterval, "120", 10, kGreatest),
-    Grey("IPWhiteList", kRangeList, &G::IPWhiteList),
-    Grey("HostsWhiteList", kAddressList, &G::HostsWhiteList),
-    Grey("IPBlackList", kRangeList, &G::IPBlackList),
-    Grey("HostsBlackList", kAddressList, &G::HostsBlackList, "[]"),
-    Grey("MinCount", kInteger, &G::MinCount, "1", 1, kGreatest),
-    Grey("BlackListMinCount", kInteger, &G::BlackListMinCount, "2", 1, kGreatest),
-    Grey("CallbackSendersList", kPlainList, &G::CallbackSendersList, "[],postmaster@*"),
-    Grey("CallbackSenderAction", kInteger, &G::CallbackSenderAction, "1", 0, 3),
-    Later(Grey("MaxPending", kInteger, &G::MaxPending, "500000", 100, kGreatest)),
-    Later(Grey("MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kGreatest)),
+    Grey(10, "Enabled", kBoolean, &G::Enabled, "0", 0, 1),
+    Grey(20, "Log", kInteger, &G::Log, "0", 0, 1),
+    Grey(30, "Database", kDatabase, &G::Database),
+    Grey(60, "Delay", kMinutes, &G::Delay, "16", 0, kGreatest),
+    Grey(70, "BlackListDelay", kMinutes, &G::BlackListDelay, "64", 0, kGreatest),
+    Grey(80, "TTL", kLifetime, &G::TTL, "51840", 0, kGreatest),
+    Grey(90, "ShortTTL", kLifetime, &G::ShortTTL, "240", 0, kGreatest),
+    Grey(100, "SaveInterval", kMinutes, &G::SaveInterval, "120", 10, kGreatest),
+    Grey(110, "IPWhiteList", kRangeList, &G::IPWhiteList),
+    Grey(120, "HostsWhiteList", kAddressList, &G::HostsWhiteList),
+    Grey(130, "IPBlackList", kRangeList, &G::IPBlackList),
+    Grey(140, "HostsBlackList", kAddressList, &G::HostsBlackList, "[]"),
+    Grey(40, "MinCount", kInteger, &G::MinCount, "1", 1, kGreatest),
+    Grey(50, "BlackListMinCount", kInteger, &G::BlackListMinCount, "2", 1, kGreatest),
+    Grey(150, "CallbackSendersList", kPlainList, &G::CallbackSendersList, "[],postmaster@*"),
+    Grey(160, "CallbackSenderAction", kInteger, &G::CallbackSenderAction, "1", 0, 3),
+    Later(Grey(170, "MaxPending", kInteger, &G::MaxPending, "500000", 100, kGreatest)),
+    Later(Grey(180, "MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kGreatest)),
 });
 
 }  // namespace
@@ -136,6 +130,16 @@ const Setting* FindSetting(std::string_view section, std::string_view key) {
     return EqualNoCase(setting.key, key) && EqualNoCase(setting.section, section);
   });
   return found == kSettings.end() ? nullptr : &*found;
+}
+
+std::vector<const Setting*> SettingsInDumpOrder(std::string_view section) {
+  std::vector<const Setting*> settings;
+  for (const Setting& setting : kSettings) {
+    if (setting.section == section) settings.push_back(&setting);
+  }
+  std::sort(settings.begin(), settings.end(),
+            [](const Setting* a, const Setting* b) { return a->dump_order < b->dump_order; });
+  return settings;
 }
 
 namespace mCommon {

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <variant>
+#include <vector>
 
 #include "config/configuration.h"
 
@@ -46,6 +47,8 @@ struct Setting {
   SettingField field;
   // What an absent key stands for, written as in the file; never checked.
   std::string_view default_text;
+  // Its place among the settings of the section where the configuration is shown: the lowest comes first.
+  int dump_order = 0;
   // Of the numbers; both belong to the range. The lower end of kLifetime is computed.
   std::int64_t min = 0;
   std::int64_t max = 0;
@@ -61,6 +64,9 @@ std::span<const Setting> AllSettings();
 
 // Names without regard to case; nullptr when there is none.
 const Setting* FindSetting(std::string_view section, std::string_view key);
+
+// The settings of a section (Common or GreyListing) in the order of the dump, which is made for reading.
+std::vector<const Setting*> SettingsInDumpOrder(std::string_view section);
 
 // The field of `setting` in `configuration` (const or not), which is a Value.
 template <class Value, class AConfiguration>

@@ -66,10 +66,9 @@ TEST(SettingsReference, ListsEverySettingInTheOrderOfTheDump) {
   }
   for (const char* name : {"Common", "GreyListing"}) {
     std::vector<std::string> expected;
-    for (std::string_view key : DumpOrder(name)) {
-      const Setting& setting = *FindSetting(name, key);
-      expected.push_back("`" + std::string(key) + "` | " + DefaultText(setting) + " | " +
-                         ValuesText(setting));
+    for (const Setting* setting : SettingsInDumpOrder(name)) {
+      expected.push_back("`" + std::string(setting->key) + "` | " + DefaultText(*setting) + " | " +
+                         ValuesText(*setting));
     }
     EXPECT_EQ(tables["Section " + std::string(name)], expected);
   }
