@@ -129,7 +129,8 @@ constexpr std::size_t kManyPending = 500000;
 // What a check takes that finds `pending` records and the bound reached, so that the oldest has to go, in
 // nanoseconds: the better of two rounds. `one_network`: all of one network, whose own bound it is.
 double NewTripleAt(std::size_t pending, bool one_network) {
-  GreyListingSettings settings;
+  GreyListingSettings settings = DefaultConfiguration().GreyListing;
+  settings.HostsBlackList = {};
   settings.Delay = 16 / kMinutesPerDay;
   settings.ShortTTL = 240 / kMinutesPerDay;
   (one_network ? settings.MaxPendingPerNetwork : settings.MaxPending) = static_cast<std::int32_t>(pending);
@@ -219,7 +220,8 @@ int main(int argc, char** argv) {
   const std::string path = folder + "/bench_greylist.gldb";
 
   std::mt19937 random(1);
-  GreyListingSettings settings;
+  GreyListingSettings settings = DefaultConfiguration().GreyListing;
+  settings.HostsBlackList = {};
   settings.Database = path;
   settings.Delay = 16 / kMinutesPerDay;
   settings.ShortTTL = 240 / kMinutesPerDay;

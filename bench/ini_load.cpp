@@ -12,7 +12,7 @@
 #include "config/configuration_dump.h"
 #include "config/early_keys.h"
 #include "config/ini_reader.h"
-#include "config/load_configuration.h"
+#include "config/read_settings.h"
 #include "match/ip_range.h"
 
 namespace {
@@ -123,14 +123,12 @@ const struct Shape {
 };
 
 void Load(std::string text, Configuration& configuration, CountingLog& log) {
-  InitializationFile file;
-  const LoadEnvironment environment{
-      .file = file, .program_directory = "/", .log = log, .local_host_name = [] { return std::string("h"); }};
+  const SettingContext context{.program_directory = "/", .local_host_name = [] { return std::string("h"); }};
   const IniErrors errors{log, true};
   ReadEarlyKeysFromText(text, {}, configuration, log);
   SectionStore store;
   mCommon::ReadIniText("x.ini", std::move(text), store, errors);
-  ReadSettings(store, errors, environment, configuration);
+  ReadSettings(store, errors, context, configuration);
 }
 
 double CpuNanoseconds() {
@@ -160,7 +158,7 @@ double BytesInUse() {
 double BytesKept(const std::string& text, int count) {
   const double before = BytesInUse();
   CountingLog log;
-  const auto configuration = std::make_unique<Configuration>();
+  const auto configuration = std::make_unique<Configuration>(DefaultConfiguration());
   Load(text, *configuration, log);
   return (BytesInUse() - before) / count;
 }
@@ -176,9 +174,9 @@ void Measure(const Shape& shape) {
   for (int count : {kFew, kMany}) {
     const std::string text = shape.text(count);
     CountingLog log;
-    Configuration configuration;
+    Configuration configuration = DefaultConfiguration();
     load[index] = NanosecondsPerEntry(count, [&] {
-      configuration = {};
+      configuration = DefaultConfiguration();
       Load(text, configuration, log);
     });
     configuration.Log = 2;
@@ -186,7 +184,7 @@ void Measure(const Shape& shape) {
       mCommon::LogConfiguration(configuration, "x.ini", log,
                                 [&](std::string_view line) { log.LogLine(line); });
     });
-    configuration = {};
+    configuration = DefaultConfiguration();
     bytes = BytesKept(text, count);
     text_bytes = static_cast<double>(text.size()) / count;
     ++index;

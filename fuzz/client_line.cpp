@@ -51,12 +51,8 @@ class Session {
     const auto has = [&](char letter) { return letters.find(letter) != std::string_view::npos; };
     configuration_.LocalHostName = "proxy.test";
     configuration_.LocalDomains = OneEntry("local.test");
-    configuration_.SendersAllowList = OneEntry("*");
     configuration_.SendersBlackList = OneEntry("*@black.test");
-    configuration_.RecipientsAllowListLocal = OneEntry("*");
-    configuration_.RecipientsAllowListRemote = OneEntry("*");
     configuration_.PrivateRecipients = OneEntry("private@*");
-    configuration_.GreyListing.CallbackSendersList = OneEntry("[]");
     configuration_.MaxBadSeq = 2000000000;
     configuration_.ProcessAddressesWithoutBrackets = has('2') ? 2 : has('1') ? 1 : 0;
     configuration_.ValidateHELO = has('h') ? 15 : 0;
@@ -186,7 +182,7 @@ class Session {
     Require(address.size() <= 320 && !EndsWithFolded(address, "@black.test"));
   }
 
-  Configuration configuration_;
+  Configuration configuration_ = DefaultConfiguration();
   StandingClock clock_;
   Facts facts_;
   Greylisting greylisting_;

@@ -8,7 +8,7 @@
 #include "config/configuration_dump.h"
 #include "config/early_keys.h"
 #include "config/ini_reader.h"
-#include "config/load_configuration.h"
+#include "config/read_settings.h"
 
 namespace {
 
@@ -30,16 +30,12 @@ class CountingLog final : public Log {
 
 // Whether nothing was wrong, or errors are ignored.
 bool Load(const std::string& text, bool ignore, Configuration& configuration, CountingLog& log) {
-  InitializationFile file;
-  const LoadEnvironment environment{
-      .file = file, .program_directory = "/p", .log = log, .local_host_name = [] {
-        return std::string("h");
-      }};
+  const SettingContext context{.program_directory = "/p", .local_host_name = [] { return std::string("h"); }};
   const IniErrors errors{log, ignore};
   SectionStore store;
   if (!mCommon::ReadIniText("x.ini", text, store, errors)) return false;
   try {
-    ReadSettings(store, errors, environment, configuration);
+    ReadSettings(store, errors, context, configuration);
   } catch (const Error&) {
     return false;
   }
@@ -60,12 +56,12 @@ std::string Dump(const Configuration& configuration) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   CountingLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   Require(Load(text, true, configuration, log));
 
   // Errors that count end the load exactly when there was something to report.
   CountingLog strict_log;
-  Configuration strict;
+  Configuration strict = DefaultConfiguration();
   Require(Load(text, false, strict, strict_log) == (log.lines_ == 0));
   Require(strict_log.lines_ == (log.lines_ == 0 ? 0 : 1));
 
@@ -84,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   configuration.Log = 2;
   const std::string dump = Dump(configuration);
   CountingLog dump_log;
-  Configuration again;
+  Configuration again = DefaultConfiguration();
   Require(Load(dump, true, again, dump_log));
   Require(dump_log.syntax_errors_ == 0);
   return 0;

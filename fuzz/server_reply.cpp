@@ -111,7 +111,7 @@ class Session {
   }
 
  private:
-  Configuration configuration_;
+  Configuration configuration_ = DefaultConfiguration();
   StandingClock clock_;
   Facts facts_;
   SessionState state_;

@@ -71,7 +71,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
                                                          .hang_up = [this] { HangUp(); },
                                                          .reopen_log = [this] { ReopenLog(); }});
   program_.log.LogLine(TitleAndVersion() + " started.");
-  if (program_.configuration.Log == log_mode::kWithConfiguration) program_.LogConfiguration();
+  if (program_.configuration.Log == log_mode::kWithConfiguration) program_.DumpConfiguration();
   if (!WaitForListening()) return false;
   ShowAddresses();
   program_.log.SetTimer(&tmrLog);

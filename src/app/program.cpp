@@ -62,7 +62,7 @@ bool Program::LockInstance() {
   return false;
 }
 
-void Program::LogConfiguration() {
+void Program::DumpConfiguration() {
   mCommon::LogConfiguration(configuration, ini_file.path, log,
                             [this](std::string_view line) { log.WriteUnstamped(line); });
 }
@@ -83,6 +83,14 @@ bool Program::SaveGreyListing() {
   return result.kind != GreyListingSaveResult::Kind::kFailed;
 }
 
+void Program::LoadGreyListing() {
+  greylisting_hooks.load();
+}
+
+void Program::ClearGreyListing() {
+  greylisting_hooks.clear();
+}
+
 EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
   return {.ini_path = ini_file.path,
           .program_directory = surroundings.program_directory,
@@ -92,14 +100,10 @@ EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
 
 LoadEnvironment Program::MakeLoadEnvironment() {
   return {.file = ini_file,
-          .program_directory = surroundings.program_directory,
+          .context = {.program_directory = surroundings.program_directory,
+                      .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); }},
           .log = log,
-          .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
-          .dump_configuration = [this] { LogConfiguration(); },
-          // The store itself remembers where the records came from.
-          .save_greylisting = [this](const std::string&) { return SaveGreyListing(); },
-          .load_greylisting = greylisting_hooks.load,
-          .clear_greylisting = greylisting_hooks.clear};
+          .host = *this};
 }
 
 std::string InstanceName(std::int32_t port) {

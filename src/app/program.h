@@ -37,10 +37,10 @@ struct Surroundings {
   };
 };
 
-struct Program {
+struct Program final : LoadHost {
   explicit Program(Surroundings the_surroundings);
   // Unloads the window, should it still be loaded. Not inside the loop.
-  ~Program();
+  ~Program() override;
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
@@ -52,17 +52,19 @@ struct Program {
   // when another instance has it, or the system refuses; the reason is logged.
   bool LockInstance();
   // Writes the configuration in force into the log file.
-  void LogConfiguration();
+  void DumpConfiguration() override;
   // Saves the greylisting data at a reload. False when they are to go on in memory: the setting still names
   // the database that they are saved to (then the save is made in the background), or the save has failed
   // (the log says so).
-  bool SaveGreyListing();
+  bool SaveGreyListing() override;
+  void LoadGreyListing() override;
+  void ClearGreyListing() override;
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;
   LoadEnvironment MakeLoadEnvironment();
 
   Surroundings surroundings;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   InitializationFile ini_file;
   bool port_given = false;      // on the command line: the key is not read
   bool log_path_given = false;  // likewise

@@ -58,42 +58,52 @@ inline constexpr std::int32_t kRefuse = 2;  // like every other sender
 inline constexpr std::int32_t kCloseAtData = 3;
 }  // namespace callback_sender_action
 
+struct Configuration;
+
+// The only way to a new configuration: every setting has the default of the settings table. Those that depend
+// on the machine (LogPath, LocalHostName, Database) are empty.
+Configuration DefaultConfiguration();
+
 // Section GreyListing. Durations are in days (minutes / 1440), to be added to date-times.
 struct GreyListingSettings {
-  bool Enabled = false;
-  std::int32_t Log = 0;
+  bool Enabled;
+  std::int32_t Log;
   std::string Database;  // resolved path
-  double Delay = 0;
-  double BlackListDelay = 0;
-  double TTL = 0;
-  double ShortTTL = 0;
-  double SaveInterval = 0;
+  double Delay;
+  double BlackListDelay;
+  double TTL;
+  double ShortTTL;
+  double SaveInterval;
   IPRangeList IPWhiteList;
   ExpressionList HostsWhiteList;
   IPRangeList IPBlackList;
   ExpressionList HostsBlackList;
-  std::int32_t MinCount = 1;
-  std::int32_t BlackListMinCount = 2;
+  std::int32_t MinCount;
+  std::int32_t BlackListMinCount;
   ExpressionList CallbackSendersList;
-  std::int32_t CallbackSenderAction = 1;  // callback_sender_action
+  std::int32_t CallbackSenderAction;  // callback_sender_action
   // Records that were never accepted: of all clients, and of one network.
-  std::int32_t MaxPending = 500000;
-  std::int32_t MaxPendingPerNetwork = 20000;
+  std::int32_t MaxPending;
+  std::int32_t MaxPendingPerNetwork;
+
+ private:
+  GreyListingSettings() = default;
+  friend struct Configuration;
 };
 
 // A load assigns field by field; one that stops at an error leaves the later fields as they were. Readers
 // take it by const reference and read a setting at each use, so that a reload acts at once.
 struct Configuration {
   // The early keys, read before all others.
-  bool IgnoreIniErrors = false;
-  std::int32_t Log = 1;  // log_mode
+  bool IgnoreIniErrors;
+  std::int32_t Log;  // log_mode
   std::string LogPath;
-  std::int32_t BindPort = 25;
+  std::int32_t BindPort;
 
   // Section Common.
-  std::string BindIP = "0.0.0.0";
-  std::int32_t ServerPort = 25;
-  std::string ServerIP = "127.0.0.1";
+  std::string BindIP;
+  std::int32_t ServerPort;
+  std::string ServerIP;
   IPRangeList LocalIPs;
   ExpressionList LocalDomains;
   std::string LocalHostName;
@@ -107,14 +117,14 @@ struct Configuration {
   ExpressionList HostsWhiteList;
   ExpressionList HostsAllowList;
   ExpressionList HostsBlackList;
-  std::int32_t ValidateRDNS = 0;  // bits: validate_rdns
-  std::int32_t ValidateHELO = 0;  // bits: validate_helo
+  std::int32_t ValidateRDNS;  // bits: validate_rdns
+  std::int32_t ValidateHELO;  // bits: validate_helo
   ExpressionList HELOBlackList;
-  std::int32_t LogLevelServer = 15;  // bits: log_level
-  std::int32_t LogLevelRemote = 15;
-  bool AddReceived = true;
-  bool EnhancedStatusCodes = true;
-  std::int32_t ProcessAddressesWithoutBrackets = 0;  // BareAddresses of the proxy
+  std::int32_t LogLevelServer;  // bits: log_level
+  std::int32_t LogLevelRemote;
+  bool AddReceived;
+  bool EnhancedStatusCodes;
+  std::int32_t ProcessAddressesWithoutBrackets;  // BareAddresses of the proxy
   ExpressionList RemoveSMTPExtensionsLocal;
   ExpressionList RemoveSMTPExtensionsRemote;
   ExpressionList AddSMTPExtensionsLocal;
@@ -126,16 +136,16 @@ struct Configuration {
   ExpressionList RecipientsBlackListRemote;
   ExpressionList RecipientsWhiteListRemote;
   ExpressionList PrivateRecipients;
-  std::int32_t MaxRecipientsLocal = 0;
-  std::int32_t MaxRecipientsRemote = 0;
-  std::int32_t MaxTransactionsLocal = 0;
-  std::int32_t MaxTransactionsRemote = 0;
-  std::int32_t MaxConnections = 0;  // 0: no limit
-  FixedPoint MaxSize = 0;           // bytes, or one of max_size
-  std::int32_t Timeout = 300;       // seconds; 0: none
-  std::int32_t MaxBadSeq = 10;
-  bool AutoReload = true;
-  bool ConfirmHostNames = false;
+  std::int32_t MaxRecipientsLocal;
+  std::int32_t MaxRecipientsRemote;
+  std::int32_t MaxTransactionsLocal;
+  std::int32_t MaxTransactionsRemote;
+  std::int32_t MaxConnections;  // 0: no limit
+  FixedPoint MaxSize;           // bytes, or one of max_size
+  std::int32_t Timeout;         // seconds; 0: none
+  std::int32_t MaxBadSeq;
+  bool AutoReload;
+  bool ConfirmHostNames;
 
   GreyListingSettings GreyListing;
   ResponseChangeTable ResponseChanges;
@@ -143,6 +153,10 @@ struct Configuration {
   ReplacementTable SenderReplacementsRemote;
   ReplacementTable RecipientReplacementsLocal;
   ReplacementTable RecipientReplacementsRemote;
+
+ private:
+  Configuration() = default;
+  friend Configuration DefaultConfiguration();
 };
 
 }  // namespace trabex

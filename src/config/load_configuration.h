@@ -1,33 +1,34 @@
 // Turns the initialization file into the configuration in force.
 #pragma once
 
-#include <functional>
-#include <string>
-
 #include "base/log.h"
 #include "config/configuration.h"
-#include "config/ini_errors.h"
 #include "config/ini_reader.h"
-#include "config/section_store.h"
+#include "config/read_settings.h"
 
 namespace trabex {
 
-// What a load needs of the program around it. Hooks may be empty, and log their own failures.
-struct LoadEnvironment {
-  InitializationFile& file;  // its stamp is set by a successful read
-  std::string program_directory;
-  Log& log;
-  // The machine's own name; raises an Error when there is none.
-  std::function<std::string()> local_host_name;
+// The program whose configuration is loaded. Its members log their own failures and raise none.
+class LoadHost {
+ public:
+  virtual ~LoadHost() = default;
 
   // Writes the dump of the configuration; called after a reload if `Log` asks for it.
-  std::function<void()> dump_configuration = {};
-  // Saves the greylisting data, if there are any in memory, to `database`; false when they are to go on in
-  // memory, since a load would lose some or bring nothing new.
-  std::function<bool(const std::string& database)> save_greylisting = {};
+  virtual void DumpConfiguration() = 0;
+  // Saves the greylisting data, if there are any in memory, to the database that they belong to; false when
+  // they are to go on in memory, since a load would lose some or bring nothing new.
+  virtual bool SaveGreyListing() = 0;
   // Loads them from the configuration's database; forgets those in memory.
-  std::function<void()> load_greylisting = {};
-  std::function<void()> clear_greylisting = {};
+  virtual void LoadGreyListing() = 0;
+  virtual void ClearGreyListing() = 0;
+};
+
+// What a load needs of the program around it.
+struct LoadEnvironment {
+  InitializationFile& file;  // its stamp is set by a successful read
+  SettingContext context;
+  Log& log;
+  LoadHost& host;
 };
 
 enum class LoadResult {
@@ -36,19 +37,14 @@ enum class LoadResult {
 };
 
 // Reads all settings but the early keys, which are in `configuration` already, and assigns them one by one: a
-// load that fails at a bad value leaves the settings before it new and those behind it as they were.
+// load that fails at a bad value leaves the settings before it new and those after it as they were.
 //
 // Last, also when the file had a syntax error, but not after a bad value, the greylisting data are loaded, or
 // forgotten with greylisting off.
 LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration);
 
 // The same at a reload, from the file as it was taken; one line is logged when the settings are read. Before
-// the greylisting data are loaded or forgotten they are saved to the database that was in force before. What
-// could not be saved stays in memory.
+// the greylisting data are loaded or forgotten they are saved. What could not be saved stays in memory.
 LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini, Configuration& configuration);
-
-// The part that reads the settings. Raises what ReportConfigError raises.
-void ReadSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,
-                  Configuration& configuration);
 
 }  // namespace trabex

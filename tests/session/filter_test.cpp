@@ -232,7 +232,6 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
     Remote(world);
     world.Greylisting = &greylisting;
     world.Settings.GreyListing.Enabled = true;
-    AddPattern(world.Settings.GreyListing.CallbackSendersList, "[]");
   };
   const std::string opening = Greeted() + MailAndRcpt("") + "C: DATA\n";
   PlayBothWays(configure, opening + R"(

@@ -136,7 +136,6 @@ TEST(LogLevels, OfAGreylistedCallback) {
         world.Settings.LocalIPs = IPRangeList();
         world.Greylisting = &greylisting;
         world.Settings.GreyListing.Enabled = true;
-        world.Settings.GreyListing.CallbackSendersList.Add("[]", {.patterns = {"[]"}});
         world.Settings.GreyListing.CallbackSenderAction = 3;
         EXPECT_EQ(world.Play(R"(
           S: 220 server ready

@@ -17,15 +17,9 @@ constexpr std::chrono::seconds kBound{10};
 
 SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
   Settings.BindIP = "127.0.0.1";
-  Settings.ServerIP = "127.0.0.1";
   Settings.ServerPort = server_listener_.Port();
   Settings.LocalHostName = "proxy.test";
-  Settings.IPAllowList = IPRangeList({{0, 0xFFFFFFFF}});
   Settings.LocalIPs = IPRangeList({{0x7F000001, 0x7F000001}});
-  for (ExpressionList* list : {&Settings.SendersAllowList, &Settings.HostsAllowList,
-                               &Settings.RecipientsAllowListLocal, &Settings.RecipientsAllowListRemote}) {
-    list->Add("*", {.patterns = {"*"}});
-  }
   Settings.LocalDomains.Add("local.test", {.patterns = {"local.test"}});
 }
 

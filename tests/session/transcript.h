@@ -31,7 +31,7 @@ class SessionWorld : private ConnectionTable {
   explicit SessionWorld(Delivery delivery = Delivery::kWhole);
   ~SessionWorld() override;
 
-  Configuration Settings;  // set what the test needs before Run
+  Configuration Settings = DefaultConfiguration();  // set what the test needs before Run
   FakeClock Time;
   EventLoop Loop{Time};
   FakeNameLookup Names{Loop};

@@ -66,7 +66,7 @@ class LogFileTest : public testing::Test {
   }
 
   TempFolder folder_;
-  Configuration configuration_;
+  Configuration configuration_ = DefaultConfiguration();
   FakeClock clock_;
   LogFile log_{configuration_, clock_, "Trabex"};
 };

@@ -47,7 +47,6 @@ class MainWindowTest : public testing::Test {
     Settings().BindIP = "127.0.0.1";
     Settings().BindPort = FreePort();
     Settings().ServerPort = Settings().BindPort == 25 ? 26 : 25;
-    Settings().IPAllowList = IPRangeList({{.low = 0, .high = 0xFFFFFFFF}});
     program_.log.SetObserver([this](std::string_view message) { log_.emplace_back(message); });
     program_.window = std::make_unique<frmMain>(program_);
   }

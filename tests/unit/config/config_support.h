@@ -12,7 +12,7 @@
 #include "config/configuration.h"
 #include "config/configuration_dump.h"
 #include "config/ini_reader.h"
-#include "config/load_configuration.h"
+#include "config/read_settings.h"
 #include "config/settings_table.h"
 #include "support/recorded_log.h"
 
@@ -49,24 +49,21 @@ struct LoadedText {
 
   // Once more, into the same configuration.
   void Load(std::string text) {
-    InitializationFile file;
-    const LoadEnvironment environment{
-        .file = file, .program_directory = "/opt/trabex", .log = log, .local_host_name = [] {
-          return std::string("proxy.test");
-        }};
+    const SettingContext context{.program_directory = "/opt/trabex",
+                                 .local_host_name = [] { return std::string("proxy.test"); }};
     const IniErrors errors{log, configuration.IgnoreIniErrors};
     SectionStore store;
     result = mCommon::ReadIniText("x.ini", std::move(text), store, errors);
     if (!result) return;
     try {
-      ReadSettings(store, errors, environment, configuration);
+      ReadSettings(store, errors, context, configuration);
     } catch (const Error&) {
       result = false;
     }
   }
 
   RecordedLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   bool result = false;
 };
 

@@ -140,7 +140,7 @@ TEST(LogConfiguration, ShowsLaterSettingsOnlyWhenTheyDifferFromTheirDefault) {
 }
 
 TEST(LogConfiguration, WritesNothingWithTheLogOff) {
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   configuration.Log = 0;
   EXPECT_EQ(DumpLines(configuration), Lines{});
 }
@@ -148,7 +148,7 @@ TEST(LogConfiguration, WritesNothingWithTheLogOff) {
 TEST(LogConfiguration, LogsAFailureOfItsWriter) {
   RecordedLog log;
   int lines = 0;
-  mCommon::LogConfiguration(Configuration(), "x.ini", log, [&](std::string_view) {
+  mCommon::LogConfiguration(DefaultConfiguration(), "x.ini", log, [&](std::string_view) {
     if (++lines == 3) throw Error(61, "somewhere", "Disk full");
   });
   EXPECT_EQ(lines, 3);
@@ -246,10 +246,10 @@ TEST(LogConfiguration, WritesTheLogFolderSoThatItReadsBack) {
               {"'a'", "\"'a'\""},
               {"a'", "a'"}};
   for (const auto& row : rows) {
-    Configuration configuration;
+    Configuration configuration = DefaultConfiguration();
     configuration.LogPath = row.folder;
     EXPECT_EQ(DumpedValue(configuration, "Common", "LogPath"), row.dumped);
-    Configuration again;
+    Configuration again = DefaultConfiguration();
     RecordedLog log;
     ReadEarlyKeysFromText(Joined(DumpLines(configuration)), {}, again, log);
     EXPECT_EQ(again.LogPath, row.folder);

@@ -23,7 +23,7 @@ struct ReadEarly {
     }
   }
   RecordedLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   bool failed = false;
 };
 
@@ -144,7 +144,7 @@ TEST(EarlyKeys, GiveWayToTheCommandLine) {
     inputs.log_path_given = true;
     inputs.port_given = true;
     RecordedLog log;
-    Configuration configuration;
+    Configuration configuration = DefaultConfiguration();
     configuration.LogPath = "/given";
     configuration.BindPort = 2525;
     ReadEarlyKeysFromText("[Common]\nLog=" + std::string(level) + "\nLogPath=/a\nBindPort=70000\n", inputs,
@@ -161,7 +161,7 @@ TEST(EarlyKeys, KeepTheLogFolderAtAReload) {
   EarlyKeyInputs inputs = Inputs();
   inputs.ini_path = folder / "x.ini";
   RecordedLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   WriteFile(inputs.ini_path, "[Common]\nLogPath=/first\nLog=0\nBindPort=2525\nIgnoreIniErrors=0\n");
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kRead);
   EXPECT_FALSE(configuration.IgnoreIniErrors);
@@ -182,7 +182,7 @@ TEST(EarlyKeys, OfABadFileFail) {
   inputs.ini_path = folder / "x.ini";
   WriteFile(inputs.ini_path, "[Common]\nIgnoreIniErrors=x\n");
   RecordedLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kFailed);
   EXPECT_EQ(ReadEarlyKeysAgain("[Common]\nIgnoreIniErrors=x\n", inputs, configuration, log),
             EarlyKeysResult::kFailed);
@@ -195,7 +195,7 @@ TEST(EarlyKeys, OfAMissingFileAreDefaults) {
   EarlyKeyInputs inputs = Inputs();
   inputs.ini_path = folder / "x.ini";
   RecordedLog log;
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   configuration.BindPort = 2525;
   EXPECT_EQ(ReadEarlyKeys(inputs, configuration, log), EarlyKeysResult::kRead);
   EXPECT_EQ(configuration.BindPort, 25);

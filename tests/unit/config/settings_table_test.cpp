@@ -145,6 +145,21 @@ TEST(SettingsTable, TellsListKeys) {
   EXPECT_TRUE(mCommon::IsListKey("ResponseChanges", "Unknown"));
 }
 
+// The record that the program and every test begin with.
+TEST(Settings, HaveTheirDefaultsBeforeAnyFileIsRead) {
+  const Configuration defaults = DefaultConfiguration();
+  for (const PlacedRow& placed : AllRows()) {
+    const std::string_view key = placed.row.key;
+    const bool is_the_machines = key == "LocalHostName" || key == "Database";
+    EXPECT_EQ(DumpedValue(defaults, placed.section, key), is_the_machines ? "" : placed.row.default_value)
+        << key;
+  }
+  EXPECT_TRUE(defaults.IgnoreIniErrors);
+  EXPECT_EQ(defaults.Log, log_mode::kOn);
+  EXPECT_EQ(defaults.LogPath, "");
+  EXPECT_EQ(defaults.BindPort, 25);
+}
+
 TEST(Settings, HaveTheirDefaults) {
   const LoadedText loaded("", false);
   ASSERT_TRUE(loaded.result);

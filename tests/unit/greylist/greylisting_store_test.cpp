@@ -76,7 +76,7 @@ class Store : public testing::Test {
   const TempFolder folder_;
   const std::string path_ = folder_ / "GreyListing.gldb";
   const std::string backup_ = path_ + "bak";
-  GreyListingSettings settings_;
+  GreyListingSettings settings_ = DefaultConfiguration().GreyListing;
   RecordedLog log_;
   FakeClock clock_;
   SystemClock system_clock_;

@@ -54,7 +54,7 @@ class InterruptedSave : public testing::Test {
 
   // What a start finds.
   std::string Loaded() const {
-    GreyListingSettings settings;
+    GreyListingSettings settings = DefaultConfiguration().GreyListing;
     settings.Database = path_;
     RecordedLog log;
     FakeClock clock;

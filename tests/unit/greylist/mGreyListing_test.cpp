@@ -72,7 +72,7 @@ class GreyListing : public testing::Test {
     return *record;
   }
 
-  GreyListingSettings settings_;
+  GreyListingSettings settings_ = DefaultConfiguration().GreyListing;
   RecordedLog log_;
   FakeClock clock_;
   GreyListingDatabase database_;

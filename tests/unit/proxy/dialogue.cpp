@@ -67,15 +67,10 @@ bool FakeGreylisting::ShouldDefer(std::string_view host_name, std::string_view i
   return delays;
 }
 
-Configuration DefaultConfiguration() {
-  Configuration c;
+Configuration TestConfiguration() {
+  Configuration c = DefaultConfiguration();
   c.LocalHostName = "proxy.test";
   c.LocalDomains = ListOf({"local.test"});
-  c.SendersAllowList = ListOf({"*"});
-  c.HostsAllowList = ListOf({"*"});
-  c.RecipientsAllowListLocal = ListOf({"*"});
-  c.RecipientsAllowListRemote = ListOf({"*"});
-  c.GreyListing.CallbackSendersList = ListOf({"[]", "postmaster@*"});
   return c;
 }
 

@@ -66,8 +66,8 @@ class FakeGreylisting final : public GreylistCheck {
   std::vector<std::string> asked;  // "host|ip|sender|recipient"
 };
 
-// The settings that stand in an empty initialization file, with the domain local.test as the local one.
-Configuration DefaultConfiguration();
+// The default settings of the machine proxy.test, with the domain local.test as the local one.
+Configuration TestConfiguration();
 
 // Bytes written with the escapes of a script, and the way back.
 std::string Unescape(std::string_view text);
@@ -94,7 +94,7 @@ class Dialogue {
   // The outcome of one client line (without its CR LF) as a script has it, lines joined by "; ".
   std::string Says(std::string_view client_line);
 
-  Configuration configuration = DefaultConfiguration();
+  Configuration configuration = TestConfiguration();
   FakeClock clock;
   FakeFacts facts;
   FakeGreylisting greylisting;

@@ -28,7 +28,7 @@ struct Session {
     return reply;
   }
 
-  Configuration configuration = DefaultConfiguration();
+  Configuration configuration = TestConfiguration();
   FakeClock clock;
   FakeFacts facts;
   SessionState state;

@@ -83,7 +83,7 @@ Words OwnKeys(ReplyKind kind) {
 // rule that puts the key's name at the end of the reply.
 Words KeysInOrder(ReplyKind kind, const std::string& key, const MacroSource& values) {
   const std::string code(FindPolicyReply(kind).code);
-  Configuration configuration;
+  Configuration configuration = DefaultConfiguration();
   for (const std::string& candidate : {std::string("BadSeq"), key, code}) {
     for (const std::string& name :
          {candidate, "<VERB>." + candidate, candidate + ".<from>", candidate + ".<rcpt>"}) {

@@ -1,0 +1,197 @@
+#include "config/read_settings.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <cstdint>
+#include <string_view>
+
+#include "base/date_time.h"
+#include "base/error.h"
+#include "base/numbers.h"
+#include "config/ini_paths.h"
+#include "config/list_readers.h"
+#include "config/settings_table.h"
+#include "config/typed_readers.h"
+
+namespace trabex {
+
+namespace {
+
+std::int32_t DefaultNumber(const Setting& setting) {
+  const auto number = ParseInteger(setting.default_text);
+  assert(number);
+  return *number;
+}
+
+std::int64_t Minutes(double days) {
+  return std::llround(days * kMinutesPerDay);
+}
+
+// `size` without its fraction of a byte.
+FixedPoint RoundedDown(FixedPoint size) {
+  const FixedPoint rest = size % kFixedPointOne;
+  return size - (rest < 0 ? rest + kFixedPointOne : rest);
+}
+
+// Reads single settings of one load.
+class SettingReader {
+ public:
+  SettingReader(const SectionStore& store, const IniErrors& errors, const SettingContext& context,
+                Configuration& configuration)
+      : store_(store), errors_(errors), context_(context), configuration_(configuration) {}
+
+  void Read(const Setting& setting) {
+    switch (setting.kind) {
+      case SettingKind::kText:
+        Field<std::string>(setting) = Text(setting);
+        break;
+      case SettingKind::kAddress:
+        Field<std::string>(setting) = Address(setting);
+        break;
+      case SettingKind::kHostName:
+        Field<std::string>(setting) = HostName(setting);
+        break;
+      case SettingKind::kDatabase:
+        Field<std::string>(setting) = mCommon::ResolveDatabasePath(Text(setting), context_.program_directory);
+        break;
+      case SettingKind::kLogFolder:
+        assert(false);  // early keys only
+        break;
+      case SettingKind::kInteger:
+        Field<std::int32_t>(setting) = Integer(setting, setting.min);
+        break;
+      case SettingKind::kBoolean:
+        Field<bool>(setting) = Integer(setting, setting.min) != 0;
+        break;
+      case SettingKind::kMinutes:
+        Field<double>(setting) = Integer(setting, setting.min) / kMinutesPerDay;
+        break;
+      case SettingKind::kLifetime:
+        Field<double>(setting) = Integer(setting, LeastLifetime()) / kMinutesPerDay;
+        break;
+      case SettingKind::kSize:
+        Field<FixedPoint>(setting) = Size(setting);
+        break;
+      case SettingKind::kAddressList:
+        ReadList(setting, mCommon::kAddressListForm);
+        break;
+      case SettingKind::kPlainList:
+        ReadList(setting, mCommon::kPlainListForm);
+        break;
+      case SettingKind::kExtensionList:
+        ReadList(setting, mCommon::kExtensionListForm);
+        break;
+      case SettingKind::kRangeList:
+        Field<IPRangeList>(setting) =
+            mCommon::GetIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
+        break;
+    }
+  }
+
+ private:
+  template <class Value>
+  Value& Field(const Setting& setting) {
+    return FieldOf<Value>(configuration_, setting);
+  }
+  const SectionTable& Section(const Setting& setting) const { return store_.Section(setting.section); }
+
+  std::string Text(const Setting& setting) const {
+    return mCommon::GetString(errors_, Section(setting), setting.key, setting.default_text);
+  }
+
+  std::string Address(const Setting& setting) const {
+    constexpr std::string_view kPattern = "*#.*#.*#.*#";
+    std::string address =
+        mCommon::GetString(errors_, Section(setting), setting.key, setting.default_text, kPattern);
+    return address.empty() ? std::string(setting.default_text) : address;
+  }
+
+  std::string HostName(const Setting& setting) const {
+    std::string name = Text(setting);
+    if (!name.empty()) return name;
+    try {
+      return context_.local_host_name();
+    } catch (const Error& error) {
+      errors_.log.LogLine("Unable to get local host name. Error number: " + std::to_string(error.Number()) +
+                          ", Description: " + error.Description());
+      return "localhost";
+    }
+  }
+
+  std::int32_t Integer(const Setting& setting, std::int64_t min) const {
+    return mCommon::GetInteger(errors_, Section(setting), setting.key, DefaultNumber(setting), min,
+                               setting.max);
+  }
+
+  // Computed in 64 bits: the delays may be the greatest number of minutes there is.
+  std::int64_t LeastLifetime() const {
+    const GreyListingSettings& grey = configuration_.GreyListing;
+    return Minutes(std::max(grey.Delay, grey.BlackListDelay)) + 1;
+  }
+
+  FixedPoint Size(const Setting& setting) const {
+    return RoundedDown(mCommon::GetSize(errors_, Section(setting), setting.key,
+                                        DefaultNumber(setting) * kFixedPointOne, setting.min * kFixedPointOne,
+                                        setting.max * kFixedPointOne));
+  }
+
+  void ReadList(const Setting& setting, const mCommon::ListForm& form) {
+    Field<ExpressionList>(setting) =
+        mCommon::GetList(errors_, setting.key, Section(setting), setting.default_text, form);
+  }
+
+  const SectionStore& store_;
+  const IniErrors& errors_;
+  const SettingContext& context_;
+  Configuration& configuration_;
+};
+
+// Takes what is wrong with the defaults: nothing.
+class NoErrors final : public Log {
+ public:
+  void LogLine(std::string_view /*message*/) override { assert(false); }
+};
+
+}  // namespace
+
+void ReadSettings(const SectionStore& store, const IniErrors& errors, const SettingContext& context,
+                  Configuration& configuration) {
+  SettingReader reader(store, errors, context, configuration);
+  for (const Setting& setting : AllSettings()) {
+    if (!setting.is_early) reader.Read(setting);
+  }
+  configuration.ResponseChanges =
+      mCommon::GetResponseChanges(errors, store.Section(section_name::kResponseChanges));
+  const auto replacements = [&](std::string_view section) {
+    return mCommon::GetReplacementTable(errors, store.Section(section));
+  };
+  configuration.SenderReplacementsLocal = replacements(section_name::kSenderReplacementsLocal);
+  configuration.SenderReplacementsRemote = replacements(section_name::kSenderReplacementsRemote);
+  configuration.RecipientReplacementsLocal = replacements(section_name::kRecipientReplacementsLocal);
+  configuration.RecipientReplacementsRemote = replacements(section_name::kRecipientReplacementsRemote);
+}
+
+Configuration DefaultConfiguration() {
+  const SectionStore empty;
+  NoErrors log;
+  const IniErrors errors{log, false};
+  const SettingContext context;
+  Configuration configuration{};
+  SettingReader reader(empty, errors, context, configuration);
+  for (const Setting& setting : AllSettings()) {
+    switch (setting.kind) {
+      case SettingKind::kHostName:
+      case SettingKind::kDatabase:
+      case SettingKind::kLogFolder:
+        FieldOf<std::string>(configuration, setting) = setting.default_text;
+        break;
+      default:
+        reader.Read(setting);
+        break;
+    }
+  }
+  return configuration;
+}
+
+}  // namespace trabex

@@ -1,0 +1,25 @@
+// The values of all settings but the early keys, out of the sections of an initialization file.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "config/configuration.h"
+#include "config/ini_errors.h"
+#include "config/section_store.h"
+
+namespace trabex {
+
+// What the defaults of some settings depend on.
+struct SettingContext {
+  std::string program_directory;
+  // The machine's own name; raises an Error when there is none.
+  std::function<std::string()> local_host_name;
+};
+
+// Assigns the settings one by one, in the order of the settings table. A bad value is reported with
+// ReportConfigError; where that raises, the settings before it are new and those after it as they were.
+void ReadSettings(const SectionStore& store, const IniErrors& errors, const SettingContext& context,
+                  Configuration& configuration);
+
+}  // namespace trabex
