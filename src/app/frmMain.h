@@ -34,7 +34,7 @@ class frmMain final : public ConnectionTable, private ViewContent {
   frmMain& operator=(const frmMain&) = delete;
 
   // The duties of a start, in order, the listener among them. False when that could not be started; the
-  // reason is logged. Turns the loop while it waits for the look-up of a server's name: the end of the
+  // reason is logged. Runs the loop while it waits for the look-up of a server's name: the end of the
   // program may be asked for meanwhile (see Unloaded). Not called from inside the loop. `to_be_shown`: Show
   // comes next.
   bool Form_Load(bool to_be_shown = false);

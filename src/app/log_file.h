@@ -4,7 +4,7 @@
 // or deleted while the program runs. Its name is settled when it is opened: "<program>-<port>-<yymmdd>.log"
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
-// Lines are collected and written with one system call at the end of the turn of the loop that wrote them, or
+// Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
 // as soon as much has collected. A log that cannot be opened or written loses its lines and tells nobody: the
 // mail goes on.
 #pragma once
@@ -44,7 +44,7 @@ class LogFile final : public Log {
 
   // `timer` begins its interval anew with each line; nullptr: none does. It outlives its use here.
   void SetTimer(Timer* timer) { timer_ = timer; }
-  // From now on lines wait for the end of the turn of `loop`; nullptr: each is written at once.
+  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
   void CollectOn(EventLoop* loop);
   // `observer` sees every message that LogLine gets, also those that are dropped; empty: nobody does.
   void SetObserver(std::function<void(std::string_view message)> observer) {
@@ -64,7 +64,7 @@ class LogFile final : public Log {
   AppendFile file_;
   DescriptorReserve reserve_;  // held while the file is closed
   std::string collected_;
-  bool flush_is_due_ = false;  // at the end of this turn
+  bool flush_is_due_ = false;  // at the end of this iteration
   EventLoop* loop_ = nullptr;
   Timer* timer_ = nullptr;
   std::function<void(std::string_view)> observer_;

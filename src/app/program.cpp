@@ -29,7 +29,7 @@ Program::Program(Surroundings the_surroundings)
 Program::~Program() {
   if (!window) return;
   window->Form_Unload();
-  // Sessions are destroyed at the end of a turn, and need what is destroyed before the loop.
+  // Sessions are destroyed at the end of a loop iteration, and need what is destroyed before the loop.
   loop.RunOnce(Milliseconds(0));
 }
 

@@ -68,7 +68,7 @@ class GreyListingDatabase {
   bool Changed() const { return changed_; }
   void SetChanged(bool changed) { changed_ = changed; }
 
-  // RemoveExpired over several turns of the loop, one at a time. Between two steps records may be added,
+  // RemoveExpired over several loop iterations, one at a time. Between two steps records may be added,
   // changed and removed.
   void BeginSweep(DateTime now);
   // Looks at `limit` records at most. Returns whether there are more.

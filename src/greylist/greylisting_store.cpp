@@ -13,8 +13,8 @@ namespace trabex {
 
 namespace {
 
-// Looked at in one turn of the loop: well below a millisecond.
-constexpr std::size_t kSweptPerTurn = 2000;
+// Looked at in one loop iteration: well below a millisecond.
+constexpr std::size_t kSweptPerIteration = 2000;
 
 std::string ErrorText(std::string_view action, int number, std::string_view description) {
   std::string text = "Unable to ";
@@ -154,7 +154,7 @@ void GreyListingStore::BeginSweep(DateTime now) {
 }
 
 void GreyListingStore::SweepSome() {
-  if (!database_.SweepSome(kSweptPerTurn)) sweep_timer_.Disable();
+  if (!database_.SweepSome(kSweptPerIteration)) sweep_timer_.Disable();
 }
 
 }  // namespace trabex

@@ -2,13 +2,13 @@
 //
 // The mail must not wait for a save, and a million records take about a second to write and, on a slow disk,
 // longer still to sync. So the periodic save is made by a forked copy of the process
-// (platform/snapshot_job.h). Writing a slice in each turn of the loop was the other choice; it cannot keep
+// (platform/snapshot_job.h). Writing a slice in each loop iteration was the other choice; it cannot keep
 // its promise, because a sync, and a write once the system's buffers are full, takes as long as the disk
 // likes, and the file would mix records of different moments. The copy sees all records as they were at one
 // moment. The costs are bounded: forking takes a few milliseconds for a million records, memory is doubled
 // only for what changes during the save, and the copy drops every socket at once and dies with the program.
 // What the check changes meanwhile sets the changed flag anew and is for the next save. Expired records leave
-// our own memory after the save, some in each turn.
+// our own memory after the save, some in each iteration.
 //
 // A save never fails for the number of records: what the file format cannot hold is left out, the oldest
 // pending ones first. It stays in memory, where it is of use until the program ends; the log tells of it once
@@ -68,11 +68,11 @@ class GreyListingStore {
   // the disk, or the reason is logged. A save in the background is given up; its `done` is not called.
   GreyListingSaveResult SaveGreyListingDatabase();
 
-  // As SaveGreyListingDatabase, but the loop goes on meanwhile; expired records leave the memory in the turns
-  // after the save. `done` is called from the loop with kSaved or kFailed. When the system gives no process
-  // for it, the save is made in place after all (better a held-up loop than lost records), and `done` called
-  // before this returns. False when nothing has changed or such a save is under way already; `done` is not
-  // called then.
+  // As SaveGreyListingDatabase, but the loop goes on meanwhile; expired records leave the memory in the
+  // iterations after the save. `done` is called from the loop with kSaved or kFailed. When the system gives
+  // no process for it, the save is made in place after all (better a held-up loop than lost records), and
+  // `done` called before this returns. False when nothing has changed or such a save is under way already;
+  // `done` is not called then.
   bool SaveInBackground(std::function<void(const GreyListingSaveResult&)> done);
   bool SavingInBackground() const { return job_.Running(); }
 

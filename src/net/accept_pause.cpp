@@ -46,10 +46,10 @@ void AcceptPause::Resume() {
 }
 
 void AcceptPause::WatchForEnd() {
-  // A connection that waits is told in the next turn.
+  // A connection that waits is notified in the next loop iteration.
   EventLoop& loop = sockets_.Loop();
   loop.Post([this, &loop, attempts = attempts_, alive = std::weak_ptr<bool>(alive_)] {
-    loop.AtTurnEnd([this, attempts, alive] {
+    loop.OnIterationEnd([this, attempts, alive] {
       if (!alive.expired() && attempts == attempts_ && paused_.empty()) exhausted_ = false;
     });
   });

@@ -43,13 +43,13 @@ class AcceptPause {
   };
 
   void Resume();
-  // Ends the period when a whole turn passes in which nobody waits to be accepted.
+  // Ends the period when a whole loop iteration passes in which nobody waits to be accepted.
   void WatchForEnd();
 
   Sockets& sockets_;
   Log& log_;
   std::vector<Listener> paused_;
-  bool exhausted_ = false;      // from the first failure to the turn in which nobody waits any more
+  bool exhausted_ = false;      // from the first failure to the iteration in which nobody waits any more
   std::uint64_t attempts_ = 0;  // accepts, failed or not, while exhausted
   Timer retry_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

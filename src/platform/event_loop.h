@@ -1,6 +1,9 @@
 // The one loop of the program: it waits for sockets, timers and end requests and calls their owners, one
 // after the other on one thread. Nothing may wait inside a call from the loop, and nobody may run the loop
 // from inside one (asserted).
+//
+// A loop iteration is one wait and what follows from it, in this order: posted actions, events of sockets and
+// descriptors, timers, then its end: the actions of OnIterationEnd and the objects of DeferredDelete.
 #pragma once
 
 #include <chrono>
@@ -14,15 +17,15 @@ namespace trabex {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// Anything the loop may destroy later, see EventLoop::Retire.
-class Retired {
+// What the loop can destroy later, see EventLoop::DeferredDelete.
+class DeferredDeletable {
  public:
-  virtual ~Retired() = default;
+  virtual ~DeferredDeletable() = default;
 };
 
-// What a descriptor-like thing of the system is watched for. Only platform/ and c-ares sockets use this;
-// sockets of ours are watched by platform/sockets.h.
-struct ForeignReadiness {
+// What a descriptor of the system is watched for (platform/fd_watcher.h); sockets of ours are watched by
+// platform/sockets.h.
+struct FdReadiness {
   bool readable = false;
   bool writable = false;
 };
@@ -35,22 +38,23 @@ class EventLoop {
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
-  // Turns until Quit is called. Errors that leave a handler are a defect of the handler (asserted).
+  // Iterates until Quit is called. An exception that leaves a handler is a defect of the handler (asserted).
   void Run();
-  // Ends Run after the current turn; a Quit that comes before Run ends it before its first turn.
+  // Ends Run after the current iteration; a Quit that comes before Run ends it before its first iteration.
   void Quit();
-  // One turn: waits `wait` at most for something to happen (0: does not wait), handles what is there, runs
-  // the turn end. Returns whether anything was called. For tests, and for the wait of a start for a name.
+  // One iteration, which waits `wait` at most for something to happen (0: does not wait). Returns whether
+  // anything was called. For tests, and for the wait of a start for a name.
   bool RunOnce(Milliseconds wait);
 
-  // Calls `action` once in the next turn (never inside this call).
+  // Calls `action` once in the next iteration (never inside this call).
   void Post(std::function<void()> action);
-  // Calls `action` once at the end of this turn, after all events and before the loop sleeps: for work that
-  // is collected over a turn, such as writing the log.
-  void AtTurnEnd(std::function<void()> action);
-  // Takes `object` and destroys it at the end of this turn, so that no call that is still on the stack finds
-  // itself in a destroyed object. Outside of a turn it waits for the next turn's end, or the loop's own end.
-  void Retire(std::unique_ptr<Retired> object);
+  // Calls `action` once at the end of this iteration, after all events and before the loop waits: for work
+  // that is collected over an iteration, such as writing the log.
+  void OnIterationEnd(std::function<void()> action);
+  // Takes `object` and destroys it at the end of this iteration, so that no call that is still on the stack
+  // finds itself in a destroyed object. Outside of an iteration the object is destroyed at the end of the
+  // next one, or with the loop.
+  void DeferredDelete(std::unique_ptr<DeferredDeletable> object);
 
   const Clock& GetClock() const;
 
@@ -64,7 +68,7 @@ class EventLoop {
 
 // A timer that calls its owner every `interval` while enabled. Destroying it disables it, also inside its own
 // call. Ticks that were missed while the loop was busy are not made up for. A timer enabled inside a timer's
-// call is not called in the same turn, so timers cannot starve sockets.
+// call is not called in the same iteration, so timers cannot starve sockets.
 class Timer {
  public:
   // `loop` outlives the timer.

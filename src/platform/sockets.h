@@ -54,7 +54,7 @@ class SocketSink {
  public:
   virtual ~SocketSink() = default;
   // `error` is 0 or one of our error numbers. The sink may close the socket, and destroy itself only through
-  // EventLoop::Retire.
+  // EventLoop::DeferredDelete.
   virtual void OnSocketEvent(SocketHandle socket, SocketEvent event, int error) = 0;
 };
 

@@ -15,7 +15,7 @@ namespace {
 constexpr std::int32_t kLineRoom = 16384;
 // Message content taken at a time, so that one busy session does not hold up the others.
 constexpr std::int32_t kContentChunk = 65536;
-// Command lines answered in one turn of the loop, for the same reason.
+// Command lines answered in one loop iteration, for the same reason.
 constexpr int kLinesPerTurn = 32;
 // So much of what a server says last is taken although the client does not take it.
 constexpr std::size_t kLastWords = 65536;
@@ -453,7 +453,7 @@ void cProxy::Close() {
   host_.names.Cancel(std::exchange(name_lookup_, 0));
   pause_.reset();
   host_.table.RemoveRow(key_);
-  if (auto self = host_.sessions.Remove(key_)) host_.loop.Retire(std::move(self));
+  if (auto self = host_.sessions.Remove(key_)) host_.loop.DeferredDelete(std::move(self));
 }
 
 void cProxy::CloseSender() {

@@ -19,7 +19,7 @@
 // The filters decide and the session acts: it takes one command line at a time, and the next one when the
 // complete reply to it has gone to the client; it relays message content; it has one send under way per
 // direction, and what comes meanwhile waits in the socket. Everything runs on the loop; a session that has
-// ended takes no further event, and is destroyed at the end of the loop's turn.
+// ended takes no further event, and is destroyed at the end of the loop iteration.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,7 @@
 
 namespace trabex {
 
-class cProxy final : public Retired, private SessionFacts {
+class cProxy final : public DeferredDeletable, private SessionFacts {
  public:
   // The pause before a session is closed for commands out of order.
   static constexpr Milliseconds kBadSequencePause{500};

@@ -199,20 +199,20 @@ void DnsChannel::DropUnwanted() {
   if (!IsWanted() && under_way_ > 0) ares_cancel(channel_);
 }
 
-void DnsChannel::OnReady(std::intptr_t socket, ForeignReadiness readiness) {
+void DnsChannel::OnReady(std::intptr_t socket, FdReadiness readiness) {
   const auto native = static_cast<ares_socket_t>(socket);
   ares_process_fd(channel_, readiness.readable ? native : ARES_SOCKET_BAD,
                   readiness.writable ? native : ARES_SOCKET_BAD);
 }
 
 // Called by c-ares whenever it waits for something else on a socket; for nothing right before it closes it.
-void DnsChannel::WatchSocket(std::intptr_t socket, ForeignReadiness interest) {
+void DnsChannel::WatchSocket(std::intptr_t socket, FdReadiness interest) {
   if (!interest.readable && !interest.writable) {
     watches_.erase(socket);
     return;
   }
   const auto watch = watches_.try_emplace(
-      socket, loop_, socket, [this, socket](ForeignReadiness readiness) { OnReady(socket, readiness); });
+      socket, loop_, socket, [this, socket](FdReadiness readiness) { OnReady(socket, readiness); });
   try {
     watch.first->second.SetInterest(interest);
   } catch (const Error&) {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/event_loop.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 #include "resolver/name_lookup.h"
 
 struct ares_channeldata;
@@ -70,13 +70,13 @@ class DnsChannel {
 
   // The argument of c-ares for a new question.
   Question* NewQuestion(LookupId id, bool for_name, std::uint32_t address);
-  void OnReady(std::intptr_t socket, ForeignReadiness readiness);
-  void WatchSocket(std::intptr_t socket, ForeignReadiness interest);
+  void OnReady(std::intptr_t socket, FdReadiness readiness);
+  void WatchSocket(std::intptr_t socket, FdReadiness interest);
 
   EventLoop& loop_;
   DnsSink& sink_;
   ares_channeldata* channel_ = nullptr;
-  std::map<std::intptr_t, ForeignWatch> watches_;
+  std::map<std::intptr_t, FdWatcher> watches_;
   int room_;
   int wanted_ = 0;     // questions that somebody waits for
   int under_way_ = 0;  // questions that c-ares has

@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "base/text.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 
 namespace trabex {
 
@@ -103,8 +103,8 @@ class DnsServer {
         host_(std::move(host)),
         udp_(BoundSocket(SOCK_DGRAM, host_, port)),
         listener_(BoundSocket(SOCK_STREAM, host_, port)),
-        udp_watch_(loop, udp_, [this](ForeignReadiness) { ReadQuestions(); }),
-        listener_watch_(loop, listener_, [this](ForeignReadiness) { AcceptConnection(); }) {
+        udp_watch_(loop, udp_, [this](FdReadiness) { ReadQuestions(); }),
+        listener_watch_(loop, listener_, [this](FdReadiness) { AcceptConnection(); }) {
     EXPECT_GE(udp_, 0) << "no port for the DNS server";
     EXPECT_EQ(listen(listener_, 16), 0);
     udp_watch_.SetInterest({.readable = true});
@@ -169,7 +169,7 @@ class DnsServer {
   struct Connection {
     Connection(EventLoop& loop, int number, DnsServer& server)
         : socket(number),
-          watch(loop, number, [this, &server](ForeignReadiness) { server.ReadConnection(*this); }) {
+          watch(loop, number, [this, &server](FdReadiness) { server.ReadConnection(*this); }) {
       watch.SetInterest({.readable = true});
     }
     ~Connection() {
@@ -181,7 +181,7 @@ class DnsServer {
 
     int socket;
     std::string received;
-    ForeignWatch watch;
+    FdWatcher watch;
   };
 
   // -1 when the port is taken.
@@ -298,8 +298,8 @@ class DnsServer {
   const std::string host_;
   int udp_;
   int listener_;
-  ForeignWatch udp_watch_;
-  ForeignWatch listener_watch_;
+  FdWatcher udp_watch_;
+  FdWatcher listener_watch_;
   std::vector<std::unique_ptr<Connection>> connections_;
   std::map<std::string, Rule> rules_;
   Rule default_ = [](const DnsQuestion& question) {

@@ -20,7 +20,7 @@
 #include "console/linux/terminal_painter.h"
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 
 namespace trabex {
 
@@ -32,7 +32,7 @@ constexpr std::chrono::milliseconds kEndLimit{500};
 constexpr std::size_t kMaxBytesPerColumn = 4;
 
 [[noreturn]] void Fail() {
-  throw Error(error_number::kDeviceIo, "TerminalView.OpenTerminalView", "Device I/O error");
+  throw Error(error_number::kDeviceIo, "MainView.OpenView", "Device I/O error");
 }
 
 // Signals of the terminal that would stop the program, ignored for a while. SIGCHLD gets its usual meaning:
@@ -132,7 +132,7 @@ class TerminalView final : public MainView {
   TerminalView(EventLoop& loop, const ViewContent& content, bool folded, MainViewEvents events)
       : content_(content), events_(std::move(events)), painter_(std::in_place, folded) {
     report_.folded = folded ? 1 : 0;
-    watch_.emplace(loop, painter_->Socket(), [this](ForeignReadiness) { OnReady(); });
+    watch_.emplace(loop, painter_->Socket(), [this](FdReadiness) { OnReady(); });
     watch_->SetInterest({.readable = true, .writable = false});
   }
   ~TerminalView() override { EndPainter(kEndLimit); }
@@ -236,7 +236,7 @@ class TerminalView final : public MainView {
   SignalGuard signals_;
   TerminalState terminal_;
   std::optional<PainterProcess> painter_;  // nothing once it has ended
-  std::optional<ForeignWatch> watch_;
+  std::optional<FdWatcher> watch_;
   PainterReport report_;
   Place shown_;  // as the last frame has it
   std::uint32_t frames_sent_ = 0;

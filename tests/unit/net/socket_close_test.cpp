@@ -138,7 +138,7 @@ TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
 }
 
 TEST_F(CloseInsideTest, TheOwnerMayBeRetired) {
-  struct Owner final : Retired {
+  struct Owner final : DeferredDeletable {
     explicit Owner(modSocketMaster& module) : socket(module) {}
     TracedSocket socket;
   };
@@ -148,7 +148,7 @@ TEST_F(CloseInsideTest, TheOwnerMayBeRetired) {
   listener->On("ConnectionRequest", [&] { borrowed->socket->Accept(listener->request); });
   std::string got;
   borrowed->socket.On("DataArrival", [&] {
-    loop.Retire(std::move(owner));
+    loop.DeferredDelete(std::move(owner));
     borrowed->socket->GetData(got);
     borrowed->socket->SendData("answer");
     borrowed->socket->CloseSck();

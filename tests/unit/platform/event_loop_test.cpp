@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/error.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 #include "support/fake_clock.h"
 #include "support/loop_runner.h"
 
@@ -22,7 +22,7 @@ using std::chrono::milliseconds;
 constexpr Milliseconds kNow{0};
 
 // Appends its text to a trace when it is destroyed.
-class Tombstone final : public Retired {
+class Tombstone final : public DeferredDeletable {
  public:
   Tombstone(std::string& trace, char mark) : trace_(trace), mark_(mark) {}
   ~Tombstone() override { trace_ += mark_; }
@@ -92,22 +92,22 @@ TEST_F(EventLoopTest, TurnEndComesAfterEverythingElseAndBeforeTheLoopSleeps) {
   Timer timer(loop, milliseconds(10), [this] { trace += 't'; });
   timer.Enable();
   clock.Advance(milliseconds(10));
-  loop.AtTurnEnd([this] { trace += 'e'; });
+  loop.OnIterationEnd([this] { trace += 'e'; });
   loop.Post([this] {
     trace += 'p';
-    loop.AtTurnEnd([this] { trace += 'f'; });
+    loop.OnIterationEnd([this] { trace += 'f'; });
   });
   loop.RunOnce(kNow);
   EXPECT_EQ(trace, "ptef");
-  loop.AtTurnEnd([this] { trace += 'g'; });
+  loop.OnIterationEnd([this] { trace += 'g'; });
   loop.RunOnce(std::chrono::minutes(5));  // would outlast the test's limit if it slept
   EXPECT_EQ(trace, "ptefg");
 }
 
 TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHoldItUp) {
   loop.Post([this] {
-    loop.AtTurnEnd([this] { loop.AtTurnEnd([this] { trace += 'n'; }); });
-    loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+    loop.OnIterationEnd([this] { loop.OnIterationEnd([this] { trace += 'n'; }); });
+    loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
   });
   loop.RunOnce(kNow);
   EXPECT_EQ(trace, "rn");
@@ -115,9 +115,9 @@ TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHold
   int rounds = 0;
   std::function<void()> again = [&] {
     ++rounds;
-    loop.AtTurnEnd(again);
+    loop.OnIterationEnd(again);
   };
-  loop.AtTurnEnd(again);
+  loop.OnIterationEnd(again);
   loop.RunOnce(kNow);
   EXPECT_GT(rounds, 1);
   EXPECT_LT(rounds, 100);
@@ -125,7 +125,7 @@ TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHold
 
 TEST_F(EventLoopTest, RetiredObjectsOutliveTheCallsOfTheirTurn) {
   loop.Post([this] {
-    loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+    loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
     trace += 'a';
   });
   loop.Post([this] { trace += 'b'; });
@@ -134,14 +134,14 @@ TEST_F(EventLoopTest, RetiredObjectsOutliveTheCallsOfTheirTurn) {
 }
 
 TEST_F(EventLoopTest, RetiredOutsideATurnGoesAtTheNextTurnsEndOrWithTheLoop) {
-  loop.Retire(std::make_unique<Tombstone>(trace, 'r'));
+  loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
   EXPECT_EQ(trace, "");
   loop.RunOnce(std::chrono::minutes(5));
   EXPECT_EQ(trace, "r");
   {
     EventLoop other(clock);
-    other.Retire(std::make_unique<Tombstone>(trace, 's'));
-    other.Retire(nullptr);
+    other.DeferredDelete(std::make_unique<Tombstone>(trace, 's'));
+    other.DeferredDelete(nullptr);
     EXPECT_EQ(trace, "r");
   }
   EXPECT_EQ(trace, "rs");
@@ -175,7 +175,7 @@ TEST_F(EventLoopTest, RunsWithoutAnyLiveTimer) {
   timer.Enable();
   timer.Disable();
   SocketPair pair;
-  ForeignWatch watch(loop, pair.Near(), [this](ForeignReadiness) { loop.Quit(); });
+  FdWatcher watch(loop, pair.Near(), [this](FdReadiness) { loop.Quit(); });
   watch.SetInterest({.readable = true});
   pair.WriteFar();
   loop.Run();
@@ -332,7 +332,7 @@ TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheTurns) {
   int reads = 0;
   int ticks = 0;
   int posts = 0;
-  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness) { ++reads; });  // never reads
+  FdWatcher watch(loop, pair.Near(), [&](FdReadiness) { ++reads; });  // never reads
   watch.SetInterest({.readable = true});
   pair.WriteFar();
   Timer timer(loop, milliseconds(0), [&] { ++ticks; });
@@ -342,7 +342,7 @@ TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheTurns) {
     loop.Post(post);
   };
   loop.Post(post);
-  for (int turn = 0; turn < 10; ++turn) loop.RunOnce(kNow);
+  for (int i = 0; i < 10; ++i) loop.RunOnce(kNow);
   EXPECT_EQ(reads, 10);
   EXPECT_EQ(ticks, 10);
   EXPECT_EQ(posts, 10);
@@ -352,7 +352,7 @@ TEST_F(EventLoopTest, ForeignWatchTellsWhatIsReadyAsLongAsItIs) {
   SocketPair pair;
   int readable = 0;
   int writable = 0;
-  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness ready) {
+  FdWatcher watch(loop, pair.Near(), [&](FdReadiness ready) {
     readable += ready.readable ? 1 : 0;
     writable += ready.writable ? 1 : 0;
   });
@@ -376,7 +376,7 @@ TEST_F(EventLoopTest, ForeignWatchTellsAHangUpAsWhatIsWatchedForAndNothingWithou
   SocketPair pair;
   int readable = 0;
   int writable = 0;
-  ForeignWatch watch(loop, pair.Near(), [&](ForeignReadiness ready) {
+  FdWatcher watch(loop, pair.Near(), [&](FdReadiness ready) {
     readable += ready.readable ? 1 : 0;
     writable += ready.writable ? 1 : 0;
   });
@@ -395,12 +395,12 @@ TEST_F(EventLoopTest, ForeignWatchTellsAHangUpAsWhatIsWatchedForAndNothingWithou
 TEST_F(EventLoopTest, ForeignWatchMayBeDestroyedInsideItsOwnCallAndByAnotherOne) {
   SocketPair pair;
   auto text = std::make_shared<std::string>("alive");
-  std::unique_ptr<ForeignWatch> watch;
-  watch = std::make_unique<ForeignWatch>(loop, pair.Near(), [&, text](ForeignReadiness) {
+  std::unique_ptr<FdWatcher> watch;
+  watch = std::make_unique<FdWatcher>(loop, pair.Near(), [&, text](FdReadiness) {
     watch.reset();
     // The place of the destroyed one may be taken at once.
     SocketPair another;
-    ForeignWatch second(loop, another.Near(), [this](ForeignReadiness) { trace += "wrong"; });
+    FdWatcher second(loop, another.Near(), [this](FdReadiness) { trace += "wrong"; });
     trace += *text;
   });
   watch->SetInterest({.readable = true});
@@ -410,12 +410,12 @@ TEST_F(EventLoopTest, ForeignWatchMayBeDestroyedInsideItsOwnCallAndByAnotherOne)
   EXPECT_EQ(text.use_count(), 1);
   EXPECT_FALSE(loop.RunOnce(kNow));
 
-  // Two are ready in one turn and each would destroy the other: exactly one is called.
+  // Two are ready in one iteration and each would destroy the other: exactly one is called.
   std::array<SocketPair, 2> pairs;
-  std::array<std::unique_ptr<ForeignWatch>, 2> watches;
+  std::array<std::unique_ptr<FdWatcher>, 2> watches;
   int calls = 0;
   for (std::size_t i = 0; i < 2; ++i) {
-    watches[i] = std::make_unique<ForeignWatch>(loop, pairs[i].Near(), [&, i](ForeignReadiness) {
+    watches[i] = std::make_unique<FdWatcher>(loop, pairs[i].Near(), [&, i](FdReadiness) {
       ++calls;
       watches[1 - i].reset();
     });
@@ -428,17 +428,16 @@ TEST_F(EventLoopTest, ForeignWatchMayBeDestroyedInsideItsOwnCallAndByAnotherOne)
 
 TEST_F(EventLoopTest, ALateEventDoesNotReachAWatchThatTookTheSamePlace) {
   std::array<SocketPair, 2> pairs;
-  std::array<std::unique_ptr<ForeignWatch>, 2> watches;
+  std::array<std::unique_ptr<FdWatcher>, 2> watches;
   SocketPair idle;
-  std::unique_ptr<ForeignWatch> newcomer;
+  std::unique_ptr<FdWatcher> newcomer;
   bool swapped = false;
   for (std::size_t i = 0; i < 2; ++i) {
-    watches[i] = std::make_unique<ForeignWatch>(loop, pairs[i].Near(), [&, i](ForeignReadiness) {
+    watches[i] = std::make_unique<FdWatcher>(loop, pairs[i].Near(), [&, i](FdReadiness) {
       if (swapped) return;
       swapped = true;
       watches[1 - i].reset();
-      newcomer =
-          std::make_unique<ForeignWatch>(loop, idle.Near(), [this](ForeignReadiness) { trace += "wrong"; });
+      newcomer = std::make_unique<FdWatcher>(loop, idle.Near(), [this](FdReadiness) { trace += "wrong"; });
       newcomer->SetInterest({.readable = true});
     });
     watches[i]->SetInterest({.readable = true});
@@ -462,7 +461,7 @@ TEST_F(EventLoopTest, RunningTheLoopFromInsideItIsADefect) {
 }
 
 TEST_F(EventLoopTest, ForeignWatchOfSomethingThatCannotBeWatchedRaises) {
-  ForeignWatch watch(loop, 1 << 20, [](ForeignReadiness) {});
+  FdWatcher watch(loop, 1 << 20, [](FdReadiness) {});
   try {
     watch.SetInterest({.readable = true});
     FAIL() << "no error";

@@ -501,7 +501,7 @@ TEST(NotificationsTest, ARefusedConnectIsToldOnceWithItsError) {
 }
 
 TEST(NotificationsTest, EventsOfManySocketsAllArrive) {
-  // More than one turn takes at once.
+  // More than one iteration takes at once.
   Bench bench;
   constexpr int kCount = 300;
   std::vector<SocketHandle> clients;

@@ -1,4 +1,4 @@
-// The event loop on epoll. One turn: wait, posts, events, timers, turn end.
+// The event loop on epoll.
 #include "platform/event_loop.h"
 
 #include <unistd.h>
@@ -28,7 +28,7 @@ Milliseconds Sane(Milliseconds interval) {
 
 EventLoop::Impl::Impl(const Clock& the_clock) : clock(the_clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
   if (epoll < 0) throw Error(error_number::kDeviceIo, "EventLoop.EventLoop", "Device I/O error");
-  foreign_source = AddSource(foreign);
+  fd_source = AddSource(watched_fds);
 }
 
 EventLoop::Impl::~Impl() {
@@ -48,7 +48,8 @@ std::uint8_t EventLoop::Impl::AddSource(EventSource& source) {
 
 void EventLoop::Impl::RemoveSource(std::uint8_t id) {
   sources_[id] = nullptr;
-  // The next source may get this id and the same indices, so the rest of this turn's events goes to nobody.
+  // The next source may get this id and the same indices, so the rest of this iteration's events goes to
+  // nobody.
   for (std::size_t i = 0; i < event_count_; ++i) {
     if (EventTarget::Unpack(events_[i].data.u64).source == id) events_[i].events = 0;
   }
@@ -66,7 +67,7 @@ int EventLoop::Impl::EpollTimeout(Milliseconds wait) const {
   std::optional<Milliseconds> limit;
   if (wait >= Milliseconds{0}) limit = wait;
   if (const auto deadline = timers.NextDeadline()) {
-    // Rounded up: a turn that wakes just before its timer would find nothing to do.
+    // Rounded up: an iteration that wakes just before its timer would find nothing to do.
     const auto until =
         std::max(Milliseconds{0}, std::chrono::ceil<Milliseconds>(*deadline - clock.Monotonic()));
     limit = limit ? std::min(*limit, until) : until;
@@ -87,21 +88,21 @@ std::size_t EventLoop::Impl::DispatchEvents() {
   return calls;
 }
 
-bool EventLoop::Impl::Turn(Milliseconds wait) {
-  assert(!in_turn && "the loop was run from inside one of its calls");
-  if (in_turn) return false;
-  in_turn = true;
+bool EventLoop::Impl::Iterate(Milliseconds wait) {
+  assert(!in_iteration && "the loop was run from inside one of its calls");
+  if (in_iteration) return false;
+  in_iteration = true;
   for (EventSource* const source : sources_) {
     if (source != nullptr) source->BeforeWait();
   }
-  ++turn;
+  ++iteration;
   const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
   event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
   std::size_t calls = work.CallPosts();
   calls += DispatchEvents();
   calls += timers.CallDue(clock.Monotonic());
-  calls += work.EndTurn();
-  in_turn = false;
+  calls += work.EndIteration();
+  in_iteration = false;
   return calls > 0;
 }
 
@@ -112,7 +113,7 @@ EventLoop::~EventLoop() {
 }
 
 void EventLoop::Run() {
-  while (!impl_->quit) impl_->Turn(kNoLimit);
+  while (!impl_->quit) impl_->Iterate(kNoLimit);
   impl_->quit = false;
 }
 
@@ -121,19 +122,19 @@ void EventLoop::Quit() {
 }
 
 bool EventLoop::RunOnce(Milliseconds wait) {
-  return impl_->Turn(Sane(wait));
+  return impl_->Iterate(Sane(wait));
 }
 
 void EventLoop::Post(std::function<void()> action) {
   impl_->work.Post(std::move(action));
 }
 
-void EventLoop::AtTurnEnd(std::function<void()> action) {
-  impl_->work.AtTurnEnd(std::move(action));
+void EventLoop::OnIterationEnd(std::function<void()> action) {
+  impl_->work.OnIterationEnd(std::move(action));
 }
 
-void EventLoop::Retire(std::unique_ptr<Retired> object) {
-  impl_->work.Retire(std::move(object));
+void EventLoop::DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
+  impl_->work.DeferredDelete(std::move(object));
 }
 
 const Clock& EventLoop::GetClock() const {

@@ -9,13 +9,13 @@
 #include <functional>
 #include <vector>
 
-#include "platform/common/turn_work.h"
+#include "platform/common/deferred_tasks.h"
 #include "platform/event_loop.h"
 
 namespace trabex {
 
-// Somebody who has descriptors in the loop's epoll set and tells them apart by an index into a table and the
-// generation of its use, so that an event for a descriptor that is gone reaches nobody.
+// An owner of descriptors in the loop's epoll set, each addressed by its index in the owner's table and the
+// generation of that entry, so that an event for a descriptor that is gone reaches nobody.
 class EventSource {
  public:
   virtual ~EventSource() = default;
@@ -43,15 +43,15 @@ struct EventTarget {
   }
 };
 
-// The watches of foreign descriptors, which share one source.
-class ForeignTable final : public EventSource {
+// The descriptors of all FdWatchers, which share one source.
+class FdTable final : public EventSource {
  public:
-  using Ready = std::function<void(ForeignReadiness)>;
+  using Ready = std::function<void(FdReadiness)>;
 
   struct Slot {
     int descriptor = -1;  // -1: free
     std::uint32_t generation = 0;
-    ForeignReadiness interest;
+    FdReadiness interest;
     bool in_set = false;
     Ready ready;
   };
@@ -72,34 +72,34 @@ struct EventLoop::Impl {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // `source` stays until RemoveSource, which also drops its events of the turn under way. At most 256.
+  // `source` stays until RemoveSource, which also drops its events of the iteration under way. At most 256.
   std::uint8_t AddSource(EventSource& source);
   void RemoveSource(std::uint8_t id);
   // epoll_ctl; returns 0 or errno.
   int Control(int operation, int descriptor, std::uint32_t events, EventTarget target);
 
-  // One turn; `wait` negative: until something happens.
-  bool Turn(Milliseconds wait);
+  // One iteration; `wait` negative: until something happens.
+  bool Iterate(Milliseconds wait);
   int EpollTimeout(Milliseconds wait) const;
   std::size_t DispatchEvents();
 
-  // Bounds the events of one turn, so that timers and posts have their turn too. What is left stays in the
+  // Bounds the events of one iteration, so that timers and posts are not held up. What is left stays in the
   // kernel's list, behind which served descriptors queue up again.
-  static constexpr std::size_t kEventsPerTurn = 256;
+  static constexpr std::size_t kMaxEventsPerIteration = 256;
 
   const Clock& clock;
   int epoll = -1;
   TimerHeap timers;
-  TurnWork work;
-  bool in_turn = false;
+  DeferredTasks work;
+  bool in_iteration = false;
   bool quit = false;
-  std::uint32_t turn = 0;  // counts the waits: events and work of one turn come after the same wait
-  ForeignTable foreign;
-  std::uint8_t foreign_source = 0;
+  std::uint32_t iteration = 0;  // counts the iterations
+  FdTable watched_fds;
+  std::uint8_t fd_source = 0;
 
  private:
   std::vector<EventSource*> sources_;
-  std::array<epoll_event, kEventsPerTurn> events_{};
+  std::array<epoll_event, kMaxEventsPerIteration> events_{};
   std::size_t event_count_ = 0;
 };
 

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "base/error.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/unix_socket_table.h"
 
@@ -103,7 +103,7 @@ class SocketInstanceLock final : public InstanceLock {
   SocketInstanceLock(EventLoop& loop, Descriptor socket, std::function<void()> exit_requested)
       : exit_requested_(std::move(exit_requested)),
         socket_(std::move(socket)),
-        watch_(loop, socket_.Get(), [this](ForeignReadiness) { OnReady(); }),
+        watch_(loop, socket_.Get(), [this](FdReadiness) { OnReady(); }),
         pause_(loop, kPause, [this] { GoOn(); }) {
     watch_.SetInterest({.readable = true});
   }
@@ -134,7 +134,7 @@ class SocketInstanceLock final : public InstanceLock {
 
   std::function<void()> exit_requested_;
   Descriptor socket_;
-  ForeignWatch watch_;
+  FdWatcher watch_;
   Timer pause_;
 };
 

@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "base/error.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
 
 namespace trabex {
@@ -78,7 +78,7 @@ struct SnapshotJob::State {
   pid_t process = -1;  // -1: none
   Descriptor result;   // reading end of the pipe that the job writes to; does not block
   std::string text;    // what came out of it
-  std::optional<ForeignWatch> watch;
+  std::optional<FdWatcher> watch;
   std::function<void(const JobResult&)> done;
 
   // The process is gone, or about to be.
@@ -146,7 +146,7 @@ bool SnapshotJob::Start(const std::function<std::string()>& work,
   state_->result = std::move(reading);
   state_->text.clear();
   state_->done = std::move(done);
-  state_->watch.emplace(state_->loop, state_->result.Get(), [this](ForeignReadiness) { state_->Read(); });
+  state_->watch.emplace(state_->loop, state_->result.Get(), [this](FdReadiness) { state_->Read(); });
   try {
     state_->watch->SetInterest({.readable = true});
   } catch (const Error&) {

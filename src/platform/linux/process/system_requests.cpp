@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "base/error.h"
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/signals.h"
 
@@ -54,7 +54,7 @@ class SignalRequests final : public SystemRequests {
       : events_(std::move(events)),
         blocked_(signals),
         descriptor_(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC)),
-        watch_(loop, descriptor_.Get(), [this](ForeignReadiness) { OnReady(); }) {
+        watch_(loop, descriptor_.Get(), [this](FdReadiness) { OnReady(); }) {
     if (!descriptor_) {
       throw Error(error_number::kDeviceIo, "mSystemRequests.WatchSystemRequests", "Device I/O error");
     }
@@ -92,7 +92,7 @@ class SignalRequests final : public SystemRequests {
   SystemRequestEvents events_;
   BlockedSignals blocked_;
   Descriptor descriptor_;
-  ForeignWatch watch_;
+  FdWatcher watch_;
   std::shared_ptr<char> here_ = std::make_shared<char>();
 };
 

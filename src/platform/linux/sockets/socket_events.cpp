@@ -104,7 +104,7 @@ void Sockets::Impl::Unpark(SocketHandle socket, Entry& entry) {
 
 void Sockets::Impl::SetDrained(Entry& entry) {
   entry.drained = entry.registered;  // else nobody would hear of what comes later
-  entry.drained_turn = loop.turn;
+  entry.drained_iteration = loop.iteration;
 }
 
 void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t count, std::size_t room,
@@ -219,7 +219,7 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
   const Entry& before = *Find(socket);
   // Somebody may have read everything since the kernel reported this; whatever came later is reported anew.
   const bool stale_read =
-      before.drained && before.drained_turn == loop.turn && (events & (kEnd | EPOLLPRI)) == 0;
+      before.drained && before.drained_iteration == loop.iteration && (events & (kEnd | EPOLLPRI)) == 0;
   if ((events & (EPOLLIN | EPOLLPRI | kEnd)) != 0 && !stale_read) {
     Entry& entry = *Find(socket);
     entry.drained = false;

@@ -28,8 +28,8 @@ struct Sockets::Impl final : EventSource {
     int descriptor = -1;  // -1: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
-    std::uint32_t drained_turn = 0;  // the loop's turn in which `drained` was set
-    int close_error = 0;             // what a receive found when the connection broke; the hint of FD_CLOSE
+    std::uint32_t drained_iteration = 0;  // the loop iteration in which `drained` was set
+    int close_error = 0;  // what a receive found when the connection broke; the hint of FD_CLOSE
     Role role = Role::kFresh;
     bool registered = false;    // in the epoll set
     bool read_armed = true;     // a receive was tried since FD_READ was told

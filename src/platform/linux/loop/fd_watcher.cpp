@@ -1,4 +1,4 @@
-#include "platform/foreign_watch.h"
+#include "platform/fd_watcher.h"
 
 #include <cassert>
 #include <utility>
@@ -8,7 +8,7 @@
 
 namespace trabex {
 
-std::uint32_t ForeignTable::Add(int descriptor, Ready ready) {
+std::uint32_t FdTable::Add(int descriptor, Ready ready) {
   if (free_.empty()) {
     slots_.emplace_back();
     free_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
@@ -23,7 +23,7 @@ std::uint32_t ForeignTable::Add(int descriptor, Ready ready) {
   return index;
 }
 
-void ForeignTable::Remove(std::uint32_t index) {
+void FdTable::Remove(std::uint32_t index) {
   Slot& slot = slots_[index];
   slot.descriptor = -1;
   ++slot.generation;
@@ -31,11 +31,11 @@ void ForeignTable::Remove(std::uint32_t index) {
   free_.push_back(index);
 }
 
-bool ForeignTable::OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) {
+bool FdTable::OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) {
   if (index >= slots_.size()) return false;
   Slot& slot = slots_[index];
   if (slot.descriptor < 0 || slot.generation != generation) return false;
-  ForeignReadiness readiness;
+  FdReadiness readiness;
   readiness.readable =
       slot.interest.readable && (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR | EPOLLPRI)) != 0;
   readiness.writable = slot.interest.writable && (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0;
@@ -48,29 +48,28 @@ bool ForeignTable::OnReady(std::uint32_t index, std::uint32_t generation, std::u
   return true;
 }
 
-struct ForeignWatch::State {
+struct FdWatcher::State {
   EventLoop::Impl& loop;
   std::uint32_t index;
 };
 
-ForeignWatch::ForeignWatch(EventLoop& loop, std::intptr_t native_socket,
-                           std::function<void(ForeignReadiness)> ready)
+FdWatcher::FdWatcher(EventLoop& loop, std::intptr_t native_socket, std::function<void(FdReadiness)> ready)
     : state_(new State{loop.GetImpl(), 0}) {
-  state_->index = state_->loop.foreign.Add(static_cast<int>(native_socket), std::move(ready));
+  state_->index = state_->loop.watched_fds.Add(static_cast<int>(native_socket), std::move(ready));
 }
 
-ForeignWatch::~ForeignWatch() {
+FdWatcher::~FdWatcher() {
   SetInterest({});
-  state_->loop.foreign.Remove(state_->index);
+  state_->loop.watched_fds.Remove(state_->index);
 }
 
-void ForeignWatch::SetInterest(ForeignReadiness interest) {
+void FdWatcher::SetInterest(FdReadiness interest) {
   EventLoop::Impl& loop = state_->loop;
-  ForeignTable::Slot& slot = loop.foreign.At(state_->index);
+  FdTable::Slot& slot = loop.watched_fds.At(state_->index);
   slot.interest = interest;
   const std::uint32_t events =
       (interest.readable ? std::uint32_t{EPOLLIN} : 0U) | (interest.writable ? std::uint32_t{EPOLLOUT} : 0U);
-  const EventTarget target{loop.foreign_source, state_->index, slot.generation};
+  const EventTarget target{loop.fd_source, state_->index, slot.generation};
   if (events == 0) {
     // Without interest it leaves the set: a hang-up would be reported again and again otherwise.
     if (slot.in_set) loop.Control(EPOLL_CTL_DEL, slot.descriptor, 0, target);
@@ -78,7 +77,7 @@ void ForeignWatch::SetInterest(ForeignReadiness interest) {
     return;
   }
   if (loop.Control(slot.in_set ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, slot.descriptor, events, target) != 0) {
-    throw Error(error_number::kDeviceIo, "ForeignWatch.SetInterest", "Device I/O error");
+    throw Error(error_number::kDeviceIo, "FdWatcher.SetInterest", "Device I/O error");
   }
   slot.in_set = true;
 }

@@ -1,11 +1,11 @@
-#include "platform/common/turn_work.h"
+#include "platform/common/deferred_tasks.h"
 
 namespace trabex {
 
 namespace {
 
-// Rounds of turn-end work in one turn; more than one only when the end of a turn makes new work.
-constexpr int kTurnEndRounds = 16;
+// How often the end of an iteration runs; more than once only when it adds new work itself.
+constexpr int kMaxEndRounds = 16;
 
 }  // namespace
 
@@ -94,7 +94,7 @@ void TimerHeap::Forget(TimerEntry& entry) {
   if (called_ == &entry) called_ = nullptr;
 }
 
-std::size_t TurnWork::CallPosts() {
+std::size_t DeferredTasks::CallPosts() {
   if (posts_.empty()) return 0;
   running_posts_.swap(posts_);
   for (const auto& action : running_posts_) CallHandler(action);
@@ -103,28 +103,28 @@ std::size_t TurnWork::CallPosts() {
   return calls;
 }
 
-std::size_t TurnWork::EndTurn() {
+std::size_t DeferredTasks::EndIteration() {
   std::size_t calls = 0;
-  for (int round = 0; round < kTurnEndRounds && (!turn_end_.empty() || !retired_.empty()); ++round) {
+  for (int round = 0; round < kMaxEndRounds && (!iteration_end_.empty() || !to_delete_.empty()); ++round) {
     std::vector<std::function<void()>> actions;
-    actions.swap(turn_end_);
+    actions.swap(iteration_end_);
     for (const auto& action : actions) CallHandler(action);
     calls += actions.size();
-    std::vector<std::unique_ptr<Retired>> objects;
-    objects.swap(retired_);
+    std::vector<std::unique_ptr<DeferredDeletable>> objects;
+    objects.swap(to_delete_);
     for (auto& object : objects) object.reset();  // in the order in which they were given
   }
   return calls;
 }
 
-void TurnWork::Clear() {
-  while (!retired_.empty()) {
-    std::vector<std::unique_ptr<Retired>> objects;
-    objects.swap(retired_);
+void DeferredTasks::Clear() {
+  while (!to_delete_.empty()) {
+    std::vector<std::unique_ptr<DeferredDeletable>> objects;
+    objects.swap(to_delete_);
     for (auto& object : objects) object.reset();
   }
   posts_.clear();
-  turn_end_.clear();
+  iteration_end_.clear();
 }
 
 }  // namespace trabex

@@ -1,5 +1,5 @@
-// The part of the event loop that needs no operating system: work that is put off to a point of the turn, and
-// the timers. The loop of each platform owns one and says when each point is reached.
+// The part of the event loop that needs no operating system: what is put off to a point of the loop
+// iteration, and the timers. The loop of each platform owns one and says when each point is reached.
 #pragma once
 
 #include <cassert>
@@ -63,31 +63,31 @@ class TimerHeap {
   TimerEntry* called_ = nullptr;  // the one whose tick runs, nullptr once that one is gone
 };
 
-// Posts, turn-end actions and retired objects.
-class TurnWork {
+// Posted actions, those of the iteration's end, and objects to be deleted then.
+class DeferredTasks {
  public:
   void Post(std::function<void()> action) { posts_.push_back(std::move(action)); }
-  void AtTurnEnd(std::function<void()> action) { turn_end_.push_back(std::move(action)); }
-  void Retire(std::unique_ptr<Retired> object) {
-    if (object) retired_.push_back(std::move(object));
+  void OnIterationEnd(std::function<void()> action) { iteration_end_.push_back(std::move(action)); }
+  void DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
+    if (object) to_delete_.push_back(std::move(object));
   }
 
-  // Whether a turn has something to do without any event, so that it must not wait.
-  bool Waiting() const { return !posts_.empty() || !turn_end_.empty() || !retired_.empty(); }
+  // Whether an iteration has something to do without any event, so that it must not wait.
+  bool Waiting() const { return !posts_.empty() || !iteration_end_.empty() || !to_delete_.empty(); }
   // Calls what was posted before this call. Returns the number of calls.
   std::size_t CallPosts();
-  // Runs the turn-end actions and destroys what was retired, also what these bring about, in that order until
-  // nothing is left; what then still brings forth more is left for the next turn. Returns the number of
-  // calls.
-  std::size_t EndTurn();
-  // Destroys what was retired and drops all actions; for the loop's end.
+  // Runs the actions of the iteration's end and then deletes the objects, again and again while these add
+  // more of either, but not for ever: what is left then waits for the next iteration. Returns the number of
+  // actions.
+  std::size_t EndIteration();
+  // Deletes the objects and drops all actions; for the loop's end.
   void Clear();
 
  private:
   std::vector<std::function<void()>> posts_;
   std::vector<std::function<void()>> running_posts_;  // kept for its memory
-  std::vector<std::function<void()>> turn_end_;
-  std::vector<std::unique_ptr<Retired>> retired_;
+  std::vector<std::function<void()>> iteration_end_;
+  std::vector<std::unique_ptr<DeferredDeletable>> to_delete_;
 };
 
 }  // namespace trabex
