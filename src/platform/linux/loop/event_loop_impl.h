@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/common/deferred_tasks.h"
+#include "platform/common/timer_heap.h"
 #include "platform/event_loop.h"
 
 namespace trabex {

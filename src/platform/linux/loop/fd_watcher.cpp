@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "platform/common/call_handler.h"
 #include "platform/linux/loop/event_loop_impl.h"
 
 namespace trabex {

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "platform/common/call_handler.h"
 #include "platform/linux/sockets/socket_errno.h"
 #include "platform/linux/sockets/sockets_impl.h"
 
