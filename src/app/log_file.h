@@ -18,9 +18,9 @@
 #include "base/log.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
-#include "platform/descriptor_reserve.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
+#include "platform/open_file_reserve.h"
 
 namespace trabex {
 
@@ -62,7 +62,7 @@ class LogFile final : public Log {
   const Clock& clock_;
   std::string program_name_;
   AppendFile file_;
-  DescriptorReserve reserve_;  // held while the file is closed
+  OpenFileReserve reserve_;  // held while the file is closed
   std::string collected_;
   bool flush_is_due_ = false;  // at the end of this iteration
   EventLoop* loop_ = nullptr;

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/native_file.h"
+
 namespace trabex {
 
 // Each call raises the numbers of files.h with the `source` given to the constructor; paths are as the system
@@ -17,9 +19,6 @@ class InputFile {
  public:
   // Only regular files are opened (75): a FIFO or a device would hold up the caller.
   InputFile(const std::string& path, std::string source);
-  ~InputFile();
-  InputFile(const InputFile&) = delete;
-  InputFile& operator=(const InputFile&) = delete;
 
   // In bytes, at the time of opening.
   std::uint64_t Size() const { return size_; }
@@ -28,7 +27,7 @@ class InputFile {
 
  private:
   std::string source_;
-  std::intptr_t descriptor_;
+  NativeFile file_;
   std::uint64_t size_ = 0;
 };
 
@@ -36,8 +35,9 @@ class InputFile {
 // removed with this object.
 class NewFile {
  public:
-  // Creates `path`, readable for its owner only, following no symbolic link. A file of that name that
-  // somebody died over is removed first; one that another process is writing right now is left alone (70).
+  // Creates `path`, readable for its owner only, following no symbolic link. A file of that name that was
+  // left over when its writer died is removed first; one that another process is writing right now is left
+  // alone (70).
   NewFile(const std::string& path, std::string source);
   ~NewFile();
   NewFile(const NewFile&) = delete;
@@ -52,7 +52,7 @@ class NewFile {
  private:
   std::string path_;
   std::string source_;
-  std::intptr_t descriptor_;
+  NativeFile file_;
   bool released_ = false;
 };
 

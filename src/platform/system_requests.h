@@ -1,4 +1,4 @@
-// What the system, or somebody through it, asks of the running program. On Linux these are signals.
+// What the system, or somebody through it, asks of the running program.
 #pragma once
 
 #include <functional>
@@ -9,24 +9,26 @@
 namespace trabex {
 
 // Called from the loop, several times when several things are asked for; an empty one is skipped. A handler
-// may destroy the watch; no other one is called then.
+// may destroy the watch; no other one is called then. What a system cannot ask for is never called there.
 struct SystemRequestEvents {
-  std::function<void()> end;  // SIGTERM, SIGINT, SIGQUIT
-  // SIGHUP: the terminal has gone, or somebody asks for a reload. One that was ignored when the program
-  // started stays ignored.
+  // The program is to end in order. On Linux SIGTERM, SIGINT, SIGQUIT.
+  std::function<void()> end;
+  // The screen has gone, or somebody asks for a reload; who is called knows which it can be. On Linux SIGHUP.
+  // A program that was started so that it ignores this (HangUpIsIgnored) is not asked.
   std::function<void()> hang_up;
-  std::function<void()> reopen_log;  // SIGUSR1: somebody has moved the log file
+  // Somebody has moved the log file. On Linux SIGUSR1.
+  std::function<void()> reopen_log;
 };
 
 class SystemRequests {
  public:
-  virtual ~SystemRequests() = default;  // the signals act as before again
+  virtual ~SystemRequests() = default;  // nobody listens any more; the requests act as before
 };
 
 // `loop` outlives the watch. Raises 57 "Device I/O error" when the system gives none.
 std::unique_ptr<SystemRequests> WatchSystemRequests(EventLoop& loop, SystemRequestEvents events);
 
-// Whether SIGHUP was ignored when the program started (nohup).
+// Whether the program was started to go on without its screen (on Linux by nohup).
 bool HangUpIsIgnored();
 
 }  // namespace trabex

@@ -15,8 +15,8 @@
 
 #include "base/error.h"
 #include "base/text.h"
-#include "platform/descriptor_reserve.h"
 #include "platform/dotted_address.h"
+#include "platform/open_file_reserve.h"
 #include "platform/sockets.h"
 #include "resolver/dns_channel.h"
 #include "resolver/host_settings.h"
@@ -293,8 +293,8 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
   HostsFile hosts_;
   const DnsSettings dns_;
   FileChange resolver_change_;
-  DescriptorReserve for_files_;
-  DescriptorReserve for_socket_;
+  OpenFileReserve for_files_;
+  OpenFileReserve for_socket_;
   std::vector<std::unique_ptr<DnsChannel>> channels_;
   std::unordered_map<LookupId, Request> requests_;
   std::deque<Deadline> deadlines_;  // the next one first

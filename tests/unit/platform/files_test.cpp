@@ -14,6 +14,7 @@
 #include "base/error.h"
 #include "platform/file_replace.h"
 #include "platform/file_stream.h"
+#include "platform/linux/files/file_error.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
@@ -92,7 +93,7 @@ TEST(Files, FileWithoutAnnouncedSizeIsReadToItsEnd) {
 TEST(Files, FileThatIsNoTextAnyMoreIsNotRead) {
   const TempFolder folder;
   WriteFile(folder / "x", "[Common]\n");
-  for (const std::uintmax_t size : {kGreatestWholeFile_bytes + 1, std::uintmax_t{1} << 42}) {
+  for (const std::uintmax_t size : {kMaxWholeFileBytes + 1, std::uintmax_t{1} << 42}) {
     std::filesystem::resize_file(folder / "x", size);
     EXPECT_EQ(ErrorOf([&] { ReadWholeFile(folder / "x", kSource); }), "7 mTest.Files Out of memory") << size;
   }

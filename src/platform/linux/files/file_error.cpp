@@ -6,7 +6,6 @@
 #include <cerrno>
 
 #include "base/error.h"
-#include "platform/files.h"
 #include "platform/linux/files/folder_of.h"
 
 namespace trabex {

@@ -1,12 +1,14 @@
-// Errors of calls on a path.
+// The run-time errors of files for the system's own codes.
 #pragma once
 
 #include <string>
 
 namespace trabex {
 
-// As RaiseFileError (files.h), but tells a missing file (53) from a missing folder (76), which the system's
-// own code does not.
+// Raises the error (files.h) for `code`, the errno of the last failed call.
+[[noreturn]] void RaiseFileError(int code, std::string source);
+
+// As RaiseFileError, but tells a missing file (53) from a missing folder (76), which errno does not.
 [[noreturn]] void RaisePathError(int code, const std::string& path, const std::string& source);
 
 // A write beyond the process's limit for the size of a file then fails (61 "Disk full") instead of ending the

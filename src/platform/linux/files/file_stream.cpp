@@ -50,16 +50,12 @@ InputFile::InputFile(const std::string& path, std::string source) : source_(std:
   struct stat status {};
   if (fstat(file.Get(), &status) != 0) RaiseFileError(errno, source_);
   size_ = static_cast<std::uint64_t>(status.st_size);
-  descriptor_ = file.Release();
-}
-
-InputFile::~InputFile() {
-  close(static_cast<int>(descriptor_));
+  file_ = NativeFile(file.Release());
 }
 
 std::size_t InputFile::Read(char* buffer, std::size_t size) {
   for (;;) {
-    const ssize_t got = read(static_cast<int>(descriptor_), buffer, size);
+    const ssize_t got = read(static_cast<int>(file_.Value()), buffer, size);
     if (got >= 0) return static_cast<std::size_t>(got);
     if (errno != EINTR) RaiseFileError(errno, source_);
   }
@@ -72,17 +68,16 @@ NewFile::NewFile(const std::string& path, std::string source) : path_(path), sou
   if (!file) RaisePathError(errno, path_, source_);
   // Another process that came in between took it for a left-over one.
   if (!Lock(file.Get()) || !IsStill(path_, file.Get())) RaiseFileError(EACCES, source_);
-  descriptor_ = file.Release();
+  file_ = NativeFile(file.Release());
 }
 
 NewFile::~NewFile() {
   if (!released_) RemoveFile(path_);
-  close(static_cast<int>(descriptor_));
 }
 
 void NewFile::Write(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t written = write(static_cast<int>(descriptor_), bytes.data(), bytes.size());
+    const ssize_t written = write(static_cast<int>(file_.Value()), bytes.data(), bytes.size());
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) RaiseFileError(errno, source_);
     bytes.remove_prefix(static_cast<std::size_t>(written));
@@ -90,7 +85,7 @@ void NewFile::Write(std::string_view bytes) {
 }
 
 void NewFile::Sync() {
-  if (fsync(static_cast<int>(descriptor_)) != 0) RaiseFileError(errno, source_);
+  if (fsync(static_cast<int>(file_.Value())) != 0) RaiseFileError(errno, source_);
 }
 
 }  // namespace trabex

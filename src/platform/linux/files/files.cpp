@@ -39,7 +39,7 @@ const std::string& ProgramPath() {
 
 // What is left of an open file of about `size` bytes. Raises std::bad_alloc when that is too much.
 std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
-  if (size > kGreatestWholeFile_bytes) throw std::bad_alloc();
+  if (size > kMaxWholeFileBytes) throw std::bad_alloc();
   // One byte of room beyond the size, so that the end of a file that does not grow is seen without growing
   // the text.
   std::string content(static_cast<std::size_t>(size) + 1, '\0');
@@ -50,7 +50,7 @@ std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
     if (got < 0) RaiseFileError(errno, source);
     if (got == 0) break;
     length += static_cast<std::size_t>(got);
-    if (length > kGreatestWholeFile_bytes) throw std::bad_alloc();
+    if (length > kMaxWholeFileBytes) throw std::bad_alloc();
     if (length == content.size()) content.resize(content.size() * 2 + 4096);
   }
   content.resize(length);
@@ -58,6 +58,8 @@ std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
 }
 
 }  // namespace
+
+const char kPathSeparator = '/';
 
 bool IsPathSeparator(char c) {
   return c == '/' || c == '\\';
@@ -95,8 +97,7 @@ bool CreateFolder(const std::string& path) {
 bool AppendFile::Open(const std::string& path) {
   Close();
   SurviveFileSizeLimit();
-  Descriptor file = OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT);
-  descriptor_ = file.Release();
+  file_ = NativeFile(OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT).Release());
   return IsOpen();
 }
 
@@ -104,14 +105,9 @@ bool AppendFile::Write(std::string_view text) {
   if (!IsOpen()) return false;
   ssize_t written = 0;
   do {
-    written = write(static_cast<int>(descriptor_), text.data(), text.size());
+    written = write(static_cast<int>(file_.Value()), text.data(), text.size());
   } while (written < 0 && errno == EINTR);
   return written >= 0 && static_cast<std::size_t>(written) == text.size();
-}
-
-void AppendFile::Close() {
-  if (IsOpen()) close(static_cast<int>(descriptor_));
-  descriptor_ = -1;
 }
 
 std::string ReadWholeFile(const std::string& path, const std::string& source) {
