@@ -53,10 +53,10 @@ GreyListingStore::GreyListingStore(const GreyListingSettings& settings, Log& log
       warning_(warning),
       longest_payload_(longest_payload),
       sweep_timer_(loop, Milliseconds{0}, [this] { SweepSome(); }),
-      job_(loop) {}
+      task_(loop) {}
 
 void GreyListingStore::LoadGreyListingDatabase(bool from_backup) {
-  job_.Wait();
+  task_.Wait();
   // The old records go first, so that never both are in memory.
   Drop();
   path_ = settings_.Database;
@@ -77,8 +77,8 @@ void GreyListingStore::LoadGreyListingDatabase(bool from_backup) {
 }
 
 GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
-  if (job_.Running()) {
-    job_.Cancel();
+  if (task_.Running()) {
+    task_.Cancel();
     database_.SetChanged(true);
   }
   if (!database_.Changed()) return {};
@@ -95,11 +95,11 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
 }
 
 bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSaveResult&)> done) {
-  if (!database_.Changed() || job_.Running()) return false;
+  if (!database_.Changed() || task_.Running()) return false;
   const DateTime now = clock_.UniversalNow();
   const bool started =
-      job_.Start([&] { return SaveAndReport(Path(), database_, now, longest_payload_); },
-                 [this, now, done](const JobResult& result) { done(Conclude(now, result)); });
+      task_.Start([&] { return SaveAndReport(Path(), database_, now, longest_payload_); },
+                  [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
   if (!started) {
     done(SaveGreyListingDatabase());
     return true;
@@ -110,7 +110,7 @@ bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSave
 }
 
 void GreyListingStore::ClearGreyListingDatabase() {
-  job_.Wait();
+  task_.Wait();
   Drop();
   path_.reset();
 }
@@ -137,7 +137,7 @@ GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::st
   return {GreyListingSaveResult::Kind::kFailed, now};
 }
 
-GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const JobResult& result) {
+GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const TaskResult& result) {
   BeginSweep(now);
   if (!result.ended) return Failed(now, error_number::kDeviceIo, "The process that saves it was ended");
   const std::string_view text = result.text;

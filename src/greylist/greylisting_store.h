@@ -2,7 +2,7 @@
 //
 // The mail must not wait for a save, and a million records take about a second to write and, on a slow disk,
 // longer still to sync. So the periodic save is made by a forked copy of the process
-// (platform/snapshot_job.h). Writing a slice in each loop iteration was the other choice; it cannot keep
+// (platform/background_task.h). Writing a slice in each loop iteration was the other choice; it cannot keep
 // its promise, because a sync, and a write once the system's buffers are full, takes as long as the disk
 // likes, and the file would mix records of different moments. The copy sees all records as they were at one
 // moment. The costs are bounded: forking takes a few milliseconds for a million records, memory is doubled
@@ -29,9 +29,9 @@
 #include "greylist/database_format.h"
 #include "greylist/greylisting_database.h"
 #include "greylist/pending_warning.h"
+#include "platform/background_task.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
-#include "platform/snapshot_job.h"
 
 namespace trabex {
 
@@ -74,7 +74,7 @@ class GreyListingStore {
   // `done` called before this returns. False when nothing has changed or such a save is under way already;
   // `done` is not called then.
   bool SaveInBackground(std::function<void(const GreyListingSaveResult&)> done);
-  bool SavingInBackground() const { return job_.Running(); }
+  bool SavingInBackground() const { return task_.Running(); }
 
   // Drops all records, for greylisting disabled. Waits for a save in the background first.
   void ClearGreyListingDatabase();
@@ -87,7 +87,7 @@ class GreyListingStore {
   void Drop();
   GreyListingSaveResult Saved(DateTime now, std::size_t left_out);
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
-  GreyListingSaveResult Conclude(DateTime now, const JobResult& result);
+  GreyListingSaveResult Conclude(DateTime now, const TaskResult& result);
   void BeginSweep(DateTime now);
   void SweepSome();
 
@@ -100,7 +100,7 @@ class GreyListingStore {
   std::optional<MonotonicTime> left_out_told_;  // when the log was told last
   std::optional<std::string> path_;             // that of the last load
   Timer sweep_timer_;
-  SnapshotJob job_;
+  BackgroundTask task_;
 };
 
 }  // namespace trabex

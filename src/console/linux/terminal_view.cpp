@@ -21,6 +21,7 @@
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
 #include "platform/fd_watcher.h"
+#include "platform/linux/process/signals.h"
 
 namespace trabex {
 
@@ -66,14 +67,12 @@ class PainterProcess {
   explicit PainterProcess(bool folded) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) Fail();
-    // The child must not run our handlers before it has its own.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &before);
-    process_ = fork();
-    if (process_ == 0) BecomeTerminalPainter(pair[1], folded);
-    sigprocmask(SIG_SETMASK, &before, nullptr);
+    {
+      // The child must not run our handlers before it has its own.
+      const BlockedSignals blocked(AllSignals());
+      process_ = fork();
+      if (process_ == 0) BecomeTerminalPainter(pair[1], folded);
+    }
     close(pair[1]);
     socket_ = pair[0];
     if (process_ < 0) {

@@ -23,4 +23,22 @@ inline sigset_t RequestSignals() {
   return signals;
 }
 
+inline sigset_t AllSignals() {
+  sigset_t signals;
+  sigfillset(&signals);
+  return signals;
+}
+
+// Keeps signals from taking effect while it lives; those that come meanwhile take it afterwards.
+class BlockedSignals {
+ public:
+  explicit BlockedSignals(const sigset_t& signals) { pthread_sigmask(SIG_BLOCK, &signals, &before_); }
+  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  BlockedSignals(const BlockedSignals&) = delete;
+  BlockedSignals& operator=(const BlockedSignals&) = delete;
+
+ private:
+  sigset_t before_{};
+};
+
 }  // namespace trabex

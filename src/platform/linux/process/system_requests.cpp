@@ -22,18 +22,6 @@ sigset_t SignalsToWatch() {
   return signals;
 }
 
-// Keeps signals from their usual effect while it lives.
-class BlockedSignals {
- public:
-  explicit BlockedSignals(const sigset_t& signals) { pthread_sigmask(SIG_BLOCK, &signals, &before_); }
-  ~BlockedSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  BlockedSignals(const BlockedSignals&) = delete;
-  BlockedSignals& operator=(const BlockedSignals&) = delete;
-
- private:
-  sigset_t before_{};
-};
-
 class SignalRequests final : public SystemRequests {
  public:
   SignalRequests(EventLoop& loop, SystemRequestEvents events)

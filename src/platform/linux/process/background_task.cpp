@@ -1,4 +1,4 @@
-#include "platform/snapshot_job.h"
+#include "platform/background_task.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -19,35 +19,19 @@
 #include "base/error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/process/signals.h"
 
 namespace trabex {
 
 namespace {
 
-// No more than a pipe takes at once, so the job never waits for us to read.
-constexpr std::size_t kLongestResult = 4096;
+// No more than a pipe takes at once, so the task never waits for us to read.
+constexpr std::size_t kMaxResultBytes = 4096;
 constexpr int kNiceness = 10;
 constexpr char kEndMark = '.';
 
-// All signals are held back while it lives: between fork and exit a handler of ours must not run in the copy,
-// where its descriptors may be those of the job's own files.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_BLOCK, &all, &before_);
-  }
-  ~SignalsBlocked() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
- private:
-  sigset_t before_{};
-};
-
-// Closes all descriptors but the standard ones and `kept`. The standard ones stay, so that no file of the job
-// gets the number of one and something written to it.
+// Closes all descriptors but the standard ones and `kept`. The standard ones stay, so that no file of the
+// task gets the number of one and something written to it.
 void CloseOthers(int kept) {
   const auto number = static_cast<unsigned>(kept);
   if (number > 3) close_range(3, number - 1, 0);
@@ -61,7 +45,7 @@ void CloseOthers(int kept) {
   static_cast<void>(nice(kNiceness));             // the mail goes first
   try {
     std::string text = work();
-    text.resize(std::min(text.size(), kLongestResult - 1));
+    text.resize(std::min(text.size(), kMaxResultBytes - 1));
     text += kEndMark;
     if (write(result, text.data(), text.size()) == static_cast<ssize_t>(text.size())) _exit(EXIT_SUCCESS);
   } catch (...) {
@@ -71,15 +55,15 @@ void CloseOthers(int kept) {
 
 }  // namespace
 
-struct SnapshotJob::State {
+struct BackgroundTask::State {
   explicit State(EventLoop& the_loop) : loop(the_loop) {}
 
   EventLoop& loop;
   pid_t process = -1;  // -1: none
-  Descriptor result;   // reading end of the pipe that the job writes to; does not block
+  Descriptor result;   // reading end of the pipe that the task writes to; does not block
   std::string text;    // what came out of it
   std::optional<FdWatcher> watch;
-  std::function<void(const JobResult&)> done;
+  std::function<void(const TaskResult&)> done;
 
   // The process is gone, or about to be.
   void Reap() {
@@ -93,7 +77,7 @@ struct SnapshotJob::State {
   // Takes what the pipe holds. The pipe ends with the process, which by then has given its memory back;
   // waiting for that here would hold up the loop.
   void Read() {
-    std::array<char, kLongestResult> buffer;
+    std::array<char, kMaxResultBytes> buffer;
     for (;;) {
       const ssize_t got = read(result.Get(), buffer.data(), buffer.size());
       if (got > 0) {
@@ -106,10 +90,10 @@ struct SnapshotJob::State {
     }
   }
 
-  // A job that ended wrote its text and the mark; one that died, nothing.
+  // A task that ended wrote its text and the mark; one that died, nothing.
   void Finish() {
     Reap();
-    JobResult outcome;
+    TaskResult outcome;
     outcome.ended = !text.empty() && text.back() == kEndMark;
     if (outcome.ended) {
       text.pop_back();
@@ -119,14 +103,14 @@ struct SnapshotJob::State {
   }
 };
 
-SnapshotJob::SnapshotJob(EventLoop& loop) : state_(std::make_unique<State>(loop)) {}
+BackgroundTask::BackgroundTask(EventLoop& loop) : state_(std::make_unique<State>(loop)) {}
 
-SnapshotJob::~SnapshotJob() {
+BackgroundTask::~BackgroundTask() {
   Cancel();
 }
 
-bool SnapshotJob::Start(const std::function<std::string()>& work,
-                        std::function<void(const JobResult&)> done) {
+bool BackgroundTask::Start(const std::function<std::string()>& work,
+                           std::function<void(const TaskResult&)> done) {
   assert(!Running());
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;
@@ -136,7 +120,9 @@ bool SnapshotJob::Start(const std::function<std::string()>& work,
   const pid_t program = getpid();
   pid_t process = -1;
   {
-    const SignalsBlocked blocked;
+    // Between fork and exit a handler of ours must not run in the copy, where its descriptors may be those of
+    // the task's own files.
+    const BlockedSignals blocked(AllSignals());
     process = fork();
     if (process == 0) RunCopy(work, program, writing.Get());
   }
@@ -156,11 +142,11 @@ bool SnapshotJob::Start(const std::function<std::string()>& work,
   return true;
 }
 
-bool SnapshotJob::Running() const {
+bool BackgroundTask::Running() const {
   return state_->process > 0;
 }
 
-void SnapshotJob::Wait() {
+void BackgroundTask::Wait() {
   const pid_t awaited = state_->process;
   while (Running() && state_->process == awaited) {  // `done` may have started the next one
     pollfd waiting{state_->result.Get(), POLLIN, 0};
@@ -169,7 +155,7 @@ void SnapshotJob::Wait() {
   }
 }
 
-void SnapshotJob::Cancel() {
+void BackgroundTask::Cancel() {
   if (!Running()) return;
   kill(state_->process, SIGKILL);
   state_->Reap();

@@ -1,4 +1,4 @@
-#include "platform/snapshot_job.h"
+#include "platform/background_task.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -25,13 +25,13 @@
 namespace trabex {
 namespace {
 
-// What a job and its test both see, unlike all other memory.
+// What a task and its test both see, unlike all other memory.
 struct Shared {
   std::atomic<bool> started{false};
   std::atomic<bool> may_end{false};
   std::atomic<pid_t> process{0};
 
-  // Turns of a job that waits; it polls, since no descriptor of ours is open there.
+  // In the task: waits until it may end. It polls, since no descriptor of ours is open there.
   void AwaitEnd() {
     process = getpid();
     started = true;
@@ -64,10 +64,10 @@ bool Becomes(Predicate predicate) {
   return false;
 }
 
-class SnapshotJobTest : public testing::Test {
+class BackgroundTaskTest : public testing::Test {
  protected:
-  std::function<void(const JobResult&)> Keep() {
-    return [this](const JobResult& result) { result_ = result; };
+  std::function<void(const TaskResult&)> Keep() {
+    return [this](const TaskResult& result) { result_ = result; };
   }
   bool RunToEnd() {
     return RunUntil(loop_, [this] { return result_.has_value(); });
@@ -75,38 +75,38 @@ class SnapshotJobTest : public testing::Test {
 
   SystemClock clock_;
   EventLoop loop_{clock_};
-  SnapshotJob job_{loop_};
+  BackgroundTask task_{loop_};
   SharedMemory shared_;
-  std::optional<JobResult> result_;
+  std::optional<TaskResult> result_;
 };
 
-TEST_F(SnapshotJobTest, TellsWhatTheWorkReturned) {
+TEST_F(BackgroundTaskTest, TellsWhatTheWorkReturned) {
   for (const std::string& text : {std::string(), std::string("a result"), std::string("\0.\n", 3)}) {
     result_.reset();
-    ASSERT_TRUE(job_.Start([&] { return text; }, Keep()));
-    EXPECT_TRUE(job_.Running());
+    ASSERT_TRUE(task_.Start([&] { return text; }, Keep()));
+    EXPECT_TRUE(task_.Running());
     EXPECT_FALSE(result_.has_value());
     ASSERT_TRUE(RunToEnd());
-    EXPECT_FALSE(job_.Running());
+    EXPECT_FALSE(task_.Running());
     EXPECT_TRUE(result_->ended);
     EXPECT_EQ(result_->text, text);
   }
 }
 
-TEST_F(SnapshotJobTest, ALongResultIsCut) {
-  ASSERT_TRUE(job_.Start([] { return std::string(100000, 'x'); }, Keep()));
+TEST_F(BackgroundTaskTest, ALongResultIsCut) {
+  ASSERT_TRUE(task_.Start([] { return std::string(100000, 'x'); }, Keep()));
   ASSERT_TRUE(RunToEnd());
   EXPECT_TRUE(result_->ended);
   EXPECT_EQ(result_->text, std::string(4095, 'x'));
 }
 
-TEST_F(SnapshotJobTest, MemoryIsThatOfTheStart) {
+TEST_F(BackgroundTaskTest, MemoryIsThatOfTheStart) {
   std::string value = "before";
-  ASSERT_TRUE(job_.Start(
+  ASSERT_TRUE(task_.Start(
       [&] {
         shared_->AwaitEnd();
         std::string seen = value;
-        value = "changed by the job";
+        value = "changed by the task";
         return seen;
       },
       Keep()));
@@ -117,7 +117,7 @@ TEST_F(SnapshotJobTest, MemoryIsThatOfTheStart) {
   EXPECT_EQ(value, "after");
 }
 
-TEST_F(SnapshotJobTest, AJobThatDiesIsToldFromOneThatEnds) {
+TEST_F(BackgroundTaskTest, ATaskThatDiesIsToldFromOneThatEnds) {
   const std::function<std::string()> deaths[] = {
       []() -> std::string { _exit(0); },
       []() -> std::string {
@@ -128,18 +128,18 @@ TEST_F(SnapshotJobTest, AJobThatDiesIsToldFromOneThatEnds) {
   };
   for (const auto& death : deaths) {
     result_.reset();
-    ASSERT_TRUE(job_.Start(death, Keep()));
+    ASSERT_TRUE(task_.Start(death, Keep()));
     ASSERT_TRUE(RunToEnd());
     EXPECT_FALSE(result_->ended);
     EXPECT_EQ(result_->text, "");
   }
 }
 
-// The peer of a connection must see it close while the job still runs.
-TEST_F(SnapshotJobTest, HoldsNoConnectionOpen) {
+// The peer of a connection must see it close while the task still runs.
+TEST_F(BackgroundTaskTest, HoldsNoConnectionOpen) {
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-  ASSERT_TRUE(job_.Start(
+  ASSERT_TRUE(task_.Start(
       [&] {
         shared_->AwaitEnd();
         return std::string();
@@ -150,16 +150,16 @@ TEST_F(SnapshotJobTest, HoldsNoConnectionOpen) {
   char byte = 0;
   EXPECT_EQ(recv(ends[1], &byte, 1, MSG_DONTWAIT), 0);
   close(ends[1]);
-  EXPECT_TRUE(job_.Running());
+  EXPECT_TRUE(task_.Running());
   shared_->may_end = true;
   ASSERT_TRUE(RunToEnd());
 }
 
-// But the standard ones stay taken, so that no file of the job gets the number of one.
-TEST_F(SnapshotJobTest, HasOnlyTheStandardDescriptorsAndItsPipe) {
+// But the standard ones stay taken, so that no file of the task gets the number of one.
+TEST_F(BackgroundTaskTest, HasOnlyTheStandardDescriptorsAndItsPipe) {
   std::vector<int> extra;
   for (int i = 0; i < 20; ++i) extra.push_back(dup(STDERR_FILENO));
-  ASSERT_TRUE(job_.Start(
+  ASSERT_TRUE(task_.Start(
       [] {
         std::string open_ones;
         int others = 0;
@@ -181,12 +181,12 @@ TEST_F(SnapshotJobTest, HasOnlyTheStandardDescriptorsAndItsPipe) {
 
 std::atomic<int> handled_signals{0};
 
-TEST_F(SnapshotJobTest, SignalsToTheGroupDoNotDisturbIt) {
+TEST_F(BackgroundTaskTest, SignalsToTheGroupDoNotDisturbIt) {
   struct sigaction before {};
   struct sigaction counting {};
   counting.sa_handler = [](int) { ++handled_signals; };
   ASSERT_EQ(sigaction(SIGTERM, &counting, &before), 0);
-  ASSERT_TRUE(job_.Start(
+  ASSERT_TRUE(task_.Start(
       [&] {
         shared_->AwaitEnd();
         return std::to_string(handled_signals);
@@ -205,30 +205,30 @@ TEST_F(SnapshotJobTest, SignalsToTheGroupDoNotDisturbIt) {
   EXPECT_EQ(result_->text, "0");
 }
 
-TEST_F(SnapshotJobTest, CancelEndsItWithoutACall) {
-  ASSERT_TRUE(job_.Start(
+TEST_F(BackgroundTaskTest, CancelEndsItWithoutACall) {
+  ASSERT_TRUE(task_.Start(
       [&] {
         shared_->AwaitEnd();
         return std::string();
       },
       Keep()));
   ASSERT_TRUE(Becomes([&] { return shared_->started.load(); }));
-  job_.Cancel();
-  EXPECT_FALSE(job_.Running());
+  task_.Cancel();
+  EXPECT_FALSE(task_.Running());
   // Gone, and waited for: no process of that number is left.
   EXPECT_EQ(kill(shared_->process, 0), -1);
   RunUntilIdle(loop_);
   EXPECT_FALSE(result_.has_value());
-  job_.Cancel();  // nothing to end
-  ASSERT_TRUE(job_.Start([] { return std::string("next"); }, Keep()));
+  task_.Cancel();  // nothing to end
+  ASSERT_TRUE(task_.Start([] { return std::string("next"); }, Keep()));
   ASSERT_TRUE(RunToEnd());
   EXPECT_EQ(result_->text, "next");
 }
 
-TEST_F(SnapshotJobTest, DestructionEndsIt) {
+TEST_F(BackgroundTaskTest, DestructionEndsIt) {
   {
-    SnapshotJob job(loop_);
-    ASSERT_TRUE(job.Start(
+    BackgroundTask task(loop_);
+    ASSERT_TRUE(task.Start(
         [&] {
           shared_->AwaitEnd();
           return std::string();
@@ -241,47 +241,47 @@ TEST_F(SnapshotJobTest, DestructionEndsIt) {
   EXPECT_FALSE(result_.has_value());
 }
 
-TEST_F(SnapshotJobTest, WaitReturnsAfterTheCall) {
-  job_.Wait();  // nothing to wait for
-  ASSERT_TRUE(job_.Start(
+TEST_F(BackgroundTaskTest, WaitReturnsAfterTheCall) {
+  task_.Wait();  // nothing to wait for
+  ASSERT_TRUE(task_.Start(
       [] {
         poll(nullptr, 0, 20);
         return std::string("waited for");
       },
       Keep()));
-  job_.Wait();
+  task_.Wait();
   ASSERT_TRUE(result_.has_value());
   EXPECT_EQ(result_->text, "waited for");
-  EXPECT_FALSE(job_.Running());
+  EXPECT_FALSE(task_.Running());
   result_.reset();
   RunUntilIdle(loop_);
   EXPECT_FALSE(result_.has_value());
 }
 
-TEST_F(SnapshotJobTest, TheNextMayStartInsideTheCall) {
+TEST_F(BackgroundTaskTest, TheNextMayStartInsideTheCall) {
   bool second_started = false;
-  ASSERT_TRUE(job_.Start([] { return std::string("first"); },
-                         [&](const JobResult& result) {
-                           EXPECT_EQ(result.text, "first");
-                           second_started = job_.Start([] { return std::string("second"); }, Keep());
-                         }));
+  ASSERT_TRUE(task_.Start([] { return std::string("first"); },
+                          [&](const TaskResult& result) {
+                            EXPECT_EQ(result.text, "first");
+                            second_started = task_.Start([] { return std::string("second"); }, Keep());
+                          }));
   ASSERT_TRUE(RunToEnd());
   EXPECT_TRUE(second_started);
   EXPECT_EQ(result_->text, "second");
 }
 
-// A job must not go on writing once another program may have taken over its file.
-TEST_F(SnapshotJobTest, DiesWithTheProgram) {
+// A task must not go on writing once another program may have taken over its file.
+TEST_F(BackgroundTaskTest, DiesWithTheProgram) {
   ChildProcess program([this] {
     SystemClock clock;
     EventLoop loop(clock);
-    SnapshotJob job(loop);
-    const bool started = job.Start(
+    BackgroundTask task(loop);
+    const bool started = task.Start(
         [this] {
           shared_->AwaitEnd();
           return std::string();
         },
-        [](const JobResult&) {});
+        [](const TaskResult&) {});
     if (!started || !Becomes([this] { return shared_->started.load(); })) return 1;
     raise(SIGKILL);
     return 2;
@@ -300,13 +300,13 @@ TEST_F(SnapshotJobTest, DiesWithTheProgram) {
   }));
 }
 
-TEST_F(SnapshotJobTest, WithoutAProcessItDoesNotStart) {
+TEST_F(BackgroundTaskTest, WithoutAProcessItDoesNotStart) {
   ChildProcess limited([this] {
     if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return 1;
     const rlimit none{0, 0};
     setrlimit(RLIMIT_NPROC, &none);
-    if (job_.Start([] { return std::string(); }, Keep())) return 2;
-    if (job_.Running() || result_.has_value()) return 3;
+    if (task_.Start([] { return std::string(); }, Keep())) return 2;
+    if (task_.Running() || result_.has_value()) return 3;
     return 0;
   });
   EXPECT_EQ(limited.Wait(), 0);
