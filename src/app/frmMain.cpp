@@ -235,7 +235,7 @@ void frmMain::Listener_Error(int number, const std::string& description) {
 }
 
 // The view is refreshed here only, not with each row that comes or goes: a flood of connections costs two
-// pictures a second.
+// frames a second.
 void frmMain::AddRow(cProxy&) {}
 
 void frmMain::RemoveRow(std::string_view) {}

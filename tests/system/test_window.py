@@ -326,7 +326,7 @@ class WithoutWindow(Window):
     def assertSaysOnce(self, terminal, why):
         terminal.wait_for_text(f"Trabex: Running without a window. {why}")
         self.assertServes()
-        # As much time as five pictures would take.
+        # As much time as five frames would take.
         self.assertEqual("\n".join(terminal.screen()).count("without a window"), 1)
 
     def test_background(self):

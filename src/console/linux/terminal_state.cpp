@@ -83,7 +83,7 @@ void TerminalState::NoteDrawing() {
 }
 
 bool TerminalState::IsDrawing() const {
-  // Whoever died before it could say in which modes it draws has hardly changed them.
+  // A renderer that died before its modes were noted has hardly changed them.
   if (!drawing_modes_) return tcgetpgrp(terminal_) == getpgrp();
   termios now{};
   return tcgetattr(terminal_, &now) == 0 && SameModes(now, *drawing_modes_);

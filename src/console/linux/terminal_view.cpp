@@ -1,5 +1,5 @@
-// The program's side of the view: it hands frames to the process that draws and hears from it. See
-// terminal_wire.h for how the two talk.
+// The program's side of the view: it sends frames to the process that draws and receives its reports
+// (terminal_wire.h).
 #include "console/main_view.h"
 
 #include <fcntl.h>
@@ -17,7 +17,7 @@
 #include <utility>
 
 #include "base/error.h"
-#include "console/linux/terminal_painter.h"
+#include "console/linux/terminal_renderer.h"
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
 #include "platform/fd_watcher.h"
@@ -27,7 +27,7 @@ namespace trabex {
 
 namespace {
 
-// How long the end of a view waits for a terminal to take the last picture.
+// How long the end of a view waits for a terminal to take the last frame.
 constexpr std::chrono::milliseconds kEndLimit{500};
 // A character takes no more bytes than this in UTF-8.
 constexpr std::size_t kMaxBytesPerColumn = 4;
@@ -37,7 +37,7 @@ constexpr std::size_t kMaxBytesPerColumn = 4;
 }
 
 // Signals of the terminal that would stop the program, ignored for a while. SIGCHLD gets its usual meaning:
-// where it was ignored, the number of an ended painter could be given out again unnoticed.
+// where it was ignored, the number of an ended renderer could be given out again unnoticed.
 class SignalGuard {
  public:
   SignalGuard() {
@@ -62,16 +62,16 @@ class SignalGuard {
 };
 
 // The process that draws, and our end of the socket pair to it.
-class PainterProcess {
+class RendererProcess {
  public:
-  explicit PainterProcess(bool folded) {
+  explicit RendererProcess(bool folded) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) Fail();
     {
       // The child must not run our handlers before it has its own.
       const BlockedSignals blocked(AllSignals());
       process_ = fork();
-      if (process_ == 0) BecomeTerminalPainter(pair[1], folded);
+      if (process_ == 0) BecomeTerminalRenderer(pair[1], folded);
     }
     close(pair[1]);
     socket_ = pair[0];
@@ -80,20 +80,20 @@ class PainterProcess {
       Fail();
     }
   }
-  ~PainterProcess() {
+  ~RendererProcess() {
     close(socket_);
     kill(process_, SIGKILL);
     while (waitpid(process_, nullptr, 0) < 0 && errno == EINTR) {
     }
   }
-  PainterProcess(const PainterProcess&) = delete;
-  PainterProcess& operator=(const PainterProcess&) = delete;
+  RendererProcess(const RendererProcess&) = delete;
+  RendererProcess& operator=(const RendererProcess&) = delete;
 
   int Socket() const { return socket_; }
 
-  // Reads what the painter has said so far into `report`, which stays as it was when that is nothing new.
+  // Reads the renderer's latest report into `report`, which stays as it was when there is no new one.
   // Returns whether more may come.
-  bool Read(PainterReport& report) {
+  bool Read(RendererReport& report) {
     for (;;) {
       char* const room = reinterpret_cast<char*>(&partial_) + partial_bytes_;
       const ssize_t count = recv(socket_, room, sizeof partial_ - partial_bytes_, MSG_DONTWAIT);
@@ -107,8 +107,8 @@ class PainterProcess {
     }
   }
 
-  // Asks the painter to end and waits `limit` at most until it has restored the terminal.
-  void End(PainterReport& report, std::chrono::milliseconds limit) {
+  // Asks the renderer to end and waits `limit` at most until it has restored the terminal.
+  void End(RendererReport& report, std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     shutdown(socket_, SHUT_WR);
     while (Read(report) && report.restored == 0) {
@@ -122,19 +122,19 @@ class PainterProcess {
  private:
   pid_t process_ = -1;
   int socket_ = -1;
-  PainterReport partial_;
+  RendererReport partial_;
   std::size_t partial_bytes_ = 0;
 };
 
 class TerminalView final : public MainView {
  public:
   TerminalView(EventLoop& loop, const ViewContent& content, bool folded, MainViewEvents events)
-      : content_(content), events_(std::move(events)), painter_(std::in_place, folded) {
+      : content_(content), events_(std::move(events)), renderer_(std::in_place, folded) {
     report_.folded = folded ? 1 : 0;
-    watch_.emplace(loop, painter_->Socket(), [this](FdReadiness) { OnReady(); });
+    watch_.emplace(loop, renderer_->Socket(), [this](FdReadiness) { OnReady(); });
     watch_->SetInterest({.readable = true, .writable = false});
   }
-  ~TerminalView() override { EndPainter(kEndLimit); }
+  ~TerminalView() override { EndRenderer(kEndLimit); }
   TerminalView(const TerminalView&) = delete;
   TerminalView& operator=(const TerminalView&) = delete;
 
@@ -144,35 +144,35 @@ class TerminalView final : public MainView {
   }
 
  private:
-  struct Place {
+  struct Viewport {
     std::uint32_t columns = 0;
     std::uint32_t visible_rows = 0;
     std::uint32_t top = 0;
-    friend bool operator==(const Place&, const Place&) = default;
+    friend bool operator==(const Viewport&, const Viewport&) = default;
   };
 
-  static Place PlaceOf(const PainterReport& report) {
+  static Viewport ViewportOf(const RendererReport& report) {
     return {report.columns, report.visible_rows, report.top};
   }
 
   void OnReady() {
-    const PainterReport before = report_;
-    const bool alive = painter_->Read(report_);
+    const RendererReport before = report_;
+    const bool alive = renderer_->Read(report_);
     if (alive) {
       if (before.columns == 0) terminal_.NoteDrawing();
-      stale_ = stale_ || PlaceOf(report_) != shown_;
+      stale_ = stale_ || ViewportOf(report_) != shown_;
       SendPending();
       SendFrame();
     } else {
-      EndPainter(std::chrono::milliseconds(0));
+      EndRenderer(std::chrono::milliseconds(0));
     }
-    TellEvents(before, alive);
+    RaiseEvents(before, alive);
   }
 
   // The handlers may destroy this object, so they are the last that is done here, and only copies are used.
-  void TellEvents(const PainterReport& before, bool alive) {
+  void RaiseEvents(const RendererReport& before, bool alive) {
     const MainViewEvents events = events_;
-    const PainterReport now = report_;
+    const RendererReport now = report_;
     const auto gone = terminal_.HungUp() ? events.screen_gone : events.lost;
     const std::weak_ptr<char> still_here = here_;
     if (now.folded != before.folded && events.folded) events.folded(now.folded != 0);
@@ -181,7 +181,7 @@ class TerminalView final : public MainView {
   }
 
   void SendFrame() {
-    if (!stale_ || !painter_ || report_.columns == 0 || report_.frames_drawn != frames_sent_) return;
+    if (!stale_ || !renderer_ || report_.columns == 0 || report_.frames_drawn != frames_sent_) return;
     AppendFrame(MakeFrame(), pending_);
     ++frames_sent_;
     stale_ = false;
@@ -214,19 +214,19 @@ class TerminalView final : public MainView {
   void SendPending() {
     while (!pending_.empty()) {
       const ssize_t sent =
-          send(painter_->Socket(), pending_.data(), pending_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+          send(renderer_->Socket(), pending_.data(), pending_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
-      if (sent < 0) break;  // no room now, or the painter has gone: the socket tells which
+      if (sent < 0) break;  // no room now, or the renderer has gone: the socket tells which
       pending_.erase(0, static_cast<std::size_t>(sent));
     }
     watch_->SetInterest({.readable = true, .writable = !pending_.empty()});
   }
 
-  void EndPainter(std::chrono::milliseconds limit) {
-    if (!painter_) return;
+  void EndRenderer(std::chrono::milliseconds limit) {
+    if (!renderer_) return;
     watch_.reset();
-    painter_->End(report_, limit);
-    painter_.reset();
+    renderer_->End(report_, limit);
+    renderer_.reset();
     if (report_.restored == 0) terminal_.Restore();
   }
 
@@ -234,10 +234,10 @@ class TerminalView final : public MainView {
   MainViewEvents events_;
   SignalGuard signals_;
   TerminalState terminal_;
-  std::optional<PainterProcess> painter_;  // nothing once it has ended
+  std::optional<RendererProcess> renderer_;  // nothing once it has ended
   std::optional<FdWatcher> watch_;
-  PainterReport report_;
-  Place shown_;  // as the last frame has it
+  RendererReport report_;
+  Viewport shown_;  // as the last frame has it
   std::uint32_t frames_sent_ = 0;
   bool stale_ = true;  // something has changed since the last frame was made
   std::string pending_;

@@ -1,7 +1,7 @@
-// What the program and the process that draws say to each other over their socket pair. Both are the same
-// executable, so plain structs in the machine's own form do.
+// What the program and the renderer, the process that draws, send each other over their socket pair. Both are
+// the same executable, so plain structs in the machine's own form do.
 //
-// The painter reports its state whenever that changes and after each frame it has drawn. The program sends
+// The renderer reports its state whenever that changes and after each frame it has drawn. The program sends
 // the next frame only when the one before it is drawn: so a terminal that does not read holds one frame,
 // however long it stands still.
 #pragma once
@@ -16,18 +16,18 @@
 
 namespace trabex {
 
-// The painter's whole state; the latest report counts.
-struct PainterReport {
+// The renderer's whole state; the latest report counts.
+struct RendererReport {
   std::uint32_t frames_drawn = 0;
   std::uint32_t columns = 0;       // of the terminal
   std::uint32_t visible_rows = 0;  // table rows that fit on it; 0 while folded
   std::uint32_t top = 0;           // the first row that the user wants to see
   std::uint32_t folded = 0;        // 0 or 1, as the next two
   std::uint32_t closed = 0;        // the user closed the window
-  std::uint32_t restored = 0;      // the terminal is as it was; the painter ends
+  std::uint32_t restored = 0;      // the terminal is as it was; the renderer ends
 };
 
-// One picture.
+// What is drawn at one time.
 struct ViewFrame {
   std::uint32_t total_rows = 0;
   std::uint32_t top = 0;  // index of rows[0]
@@ -37,7 +37,7 @@ struct ViewFrame {
   std::vector<std::string> rows;
 };
 
-// Appends the frame as bytes: its length, then its fields, each text behind its own length.
+// Appends the frame as bytes: its length, then its fields, each text after its own length.
 void AppendFrame(const ViewFrame& frame, std::string& out);
 
 // Takes frames out of a stream of bytes.
@@ -46,7 +46,7 @@ class FrameReader {
   void Append(std::string_view bytes) { bytes_ += bytes; }
   // The latest complete frame; those before it are skipped.
   std::optional<ViewFrame> TakeLatest();
-  // How many frames TakeLatest has taken out so far, the skipped ones included.
+  // How many frames TakeLatest has taken out, the skipped ones included.
   std::uint32_t Taken() const { return taken_; }
 
  private:

@@ -1,9 +1,9 @@
-// One process, one job: wait for a key, a frame or a new size, and draw. It may stand still in a write as
-// long as the terminal does; nothing but the picture depends on it.
+// The renderer: a process that waits for a key, a frame or a new size, and draws. It may stand still in a
+// write as long as the terminal does; nothing but what is shown depends on it.
 #define NCURSES_NOMACROS 1
 #define NCURSES_WIDECHAR 1
 
-#include "console/linux/terminal_painter.h"
+#include "console/linux/terminal_renderer.h"
 
 #include <curses.h>
 #include <fcntl.h>
@@ -34,8 +34,8 @@ namespace trabex {
 
 namespace {
 
-// How the process is called, and what it is told, on its command line.
-constexpr const char* kPainterName = "Trabex-view";
+// The process's name and its one argument, on its command line.
+constexpr const char* kRendererName = "Trabex-view";
 constexpr const char* kFolded = "folded";
 constexpr const char* kUnfolded = "unfolded";
 // Where it finds the socket pair's end.
@@ -45,9 +45,9 @@ constexpr int kHeaderLines = 1;
 constexpr int kCtrlC = 3;
 constexpr int kEscapeDelayMilliseconds = 25;
 
-class Painter {
+class Renderer {
  public:
-  explicit Painter(bool folded) { report_.folded = folded ? 1 : 0; }
+  explicit Renderer(bool folded) { report_.folded = folded ? 1 : 0; }
 
   void Run() {
     Measure();
@@ -66,7 +66,8 @@ class Painter {
  private:
   // Handles what comes next; returns whether to go on.
   bool Wait() {
-    // A new size interrupts the wait, and only that: so none is missed between two waits.
+    // Only a new size interrupts the wait (SIGWINCH is blocked elsewhere), so none is missed between two
+    // waits.
     sigset_t nothing_blocked;
     sigemptyset(&nothing_blocked);
     pollfd watched[] = {{STDIN_FILENO, POLLIN, 0}, {kSocket, POLLIN, 0}};
@@ -198,14 +199,14 @@ class Painter {
     return send(kSocket, &report_, sizeof report_, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof report_);
   }
 
-  PainterReport report_;
+  RendererReport report_;
   FrameReader frames_;
   ViewFrame frame_;
   bool any_key_ = false;
 };
 
-// The signals that end or stop a program reach this one too, since it shares terminal and process group with
-// its parent. It leaves them to the parent and ends with it: so the terminal is restored in every case.
+// The signals that end or stop a program reach this process too, since it shares terminal and process group
+// with its parent. It ignores them and ends when the parent does, so that the terminal is always restored.
 void SetSignals() {
   struct sigaction action {};
   action.sa_handler = SIG_IGN;
@@ -250,19 +251,19 @@ bool BeginDrawing() {
 
 [[noreturn]] void DrawUntilTheEnd(bool folded) try {
   SetSignals();
-  prctl(PR_SET_NAME, kPainterName);
+  prctl(PR_SET_NAME, kRendererName);
   if (!SetDescriptors()) _exit(1);
   TerminalState terminal;
   if (!BeginDrawing()) _exit(1);
   terminal.NoteDrawing();
-  Painter painter(folded);
-  painter.Run();
+  Renderer renderer(folded);
+  renderer.Run();
   if (terminal.IsDrawing()) {
     endwin();
   } else {
     terminal.Restore();
   }
-  painter.ReportRestored();
+  renderer.ReportRestored();
   _exit(0);
 } catch (const std::exception&) {
   // Nothing of the program must run on in this process.
@@ -271,11 +272,11 @@ bool BeginDrawing() {
 
 }  // namespace
 
-void BecomeTerminalPainter(int socket, bool folded) {
+void BecomeTerminalRenderer(int socket, bool folded) {
   // By way of another number, because a copy onto itself would stay closed for the new program.
   const int copy = fcntl(socket, F_DUPFD_CLOEXEC, kSocket + 1);
   if (copy < 0 || dup2(copy, kSocket) < 0) _exit(1);
-  std::string name = kPainterName;
+  std::string name = kRendererName;
   std::string state = folded ? kFolded : kUnfolded;
   char* const arguments[] = {name.data(), state.data(), nullptr};
   execv("/proc/self/exe", arguments);
@@ -284,7 +285,7 @@ void BecomeTerminalPainter(int socket, bool folded) {
 }
 
 void PrepareProcess(int argc, char* const* argv) {
-  if (argc == 2 && std::string_view(argv[0]) == kPainterName) {
+  if (argc == 2 && std::string_view(argv[0]) == kRendererName) {
     DrawUntilTheEnd(std::string_view(argv[1]) == kFolded);
   }
   PrepareStreamsAndRequests();

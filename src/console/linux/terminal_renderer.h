@@ -7,6 +7,6 @@ namespace trabex {
 // executable that draws on the controlling terminal what arrives on `socket` (terminal_wire.h), until the
 // other end is closed or the terminal goes, and then restores the terminal. Fresh, because a mere fork would
 // keep a copy of all memory that the program changes from now on. Closes every other descriptor.
-[[noreturn]] void BecomeTerminalPainter(int socket, bool folded);
+[[noreturn]] void BecomeTerminalRenderer(int socket, bool folded);
 
 }  // namespace trabex
