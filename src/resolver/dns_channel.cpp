@@ -19,15 +19,15 @@ namespace trabex {
 
 namespace {
 
-// Questions that one channel takes in its life.
-constexpr int kMostQuestions = 1024;
-// How often each server is asked. The bound of a look-up is not c-ares's business; a later answer finds
-// nobody.
+// Queries that one channel takes in its life.
+constexpr int kMaxQueries = 1024;
+// How often each server is asked. The bound of a look-up is kept by its owner, not by c-ares; an answer that
+// comes later is dropped.
 constexpr int kTries = 3;
-// Room for the answers of a burst of questions; the system gives as much of it as it likes.
+// Room for the answers of a burst of queries; the system gives as much of it as it likes.
 constexpr int kReceiveBufferBytes = 1 << 20;
 // No sane host has more addresses; an answer over TCP could hold some thousands.
-constexpr int kMostAddresses = 256;
+constexpr int kMaxAddresses = 256;
 
 [[noreturn]] void RaiseDeviceError() {
   throw Error(error_number::kDeviceIo, "mNameLookup.DnsChannel", "Device I/O error");
@@ -70,8 +70,8 @@ std::string ReverseName(std::uint32_t address) {
 
 DnsReply ReadAddresses(const unsigned char* message, int length) {
   DnsReply reply;
-  std::array<ares_addrttl, kMostAddresses> found{};
-  int count = kMostAddresses;
+  std::array<ares_addrttl, kMaxAddresses> found{};
+  int count = kMaxAddresses;
   const int status = ares_parse_a_reply(message, length, nullptr, found.data(), &count);
   if (status != ARES_SUCCESS) {
     reply.error = LookupError(status);
@@ -105,8 +105,8 @@ DnsReply ReadName(const unsigned char* message, int length, std::uint32_t addres
 
 }  // namespace
 
-// One question; c-ares holds it until it calls back, which it does exactly once for each.
-struct DnsChannel::Question {
+// One query; c-ares holds it until it calls back, which it does exactly once for each.
+struct DnsChannel::Query {
   DnsChannel& channel;
   LookupId id;
   bool for_name;
@@ -115,19 +115,19 @@ struct DnsChannel::Question {
 
 struct DnsChannel::Callbacks {
   static void OnAnswer(void* argument, int status, int /*timeouts*/, unsigned char* message, int length) {
-    const std::unique_ptr<Question> question(static_cast<Question*>(argument));
-    DnsChannel& channel = question->channel;
-    --channel.under_way_;
+    const std::unique_ptr<Query> query(static_cast<Query*>(argument));
+    DnsChannel& channel = query->channel;
+    --channel.in_flight_;
     if (status == ARES_ECANCELLED || status == ARES_EDESTRUCTION) return;
     DnsReply reply;
     if (status != ARES_SUCCESS) {
       reply.error = LookupError(status);
-    } else if (question->for_name) {
-      reply = ReadName(message, length, question->address);
+    } else if (query->for_name) {
+      reply = ReadName(message, length, query->address);
     } else {
       reply = ReadAddresses(message, length);
     }
-    channel.sink_.OnDnsReply(question->id, std::move(reply));
+    channel.sink_.OnDnsReply(query->id, std::move(reply));
   }
 
   static void OnSocketState(void* argument, ares_socket_t socket, int readable, int writable) {
@@ -137,7 +137,7 @@ struct DnsChannel::Callbacks {
 };
 
 DnsChannel::DnsChannel(EventLoop& loop, const DnsSettings& settings, DnsSink& sink)
-    : loop_(loop), sink_(sink), room_(kMostQuestions) {
+    : loop_(loop), sink_(sink), queries_left_(kMaxQueries) {
   ares_options options{};
   // Names come from strangers: they are not to be looked up in an alias file of the environment.
   options.flags = ARES_FLAG_NOALIASES;
@@ -166,37 +166,37 @@ DnsChannel::DnsChannel(EventLoop& loop, const DnsSettings& settings, DnsSink& si
 }
 
 DnsChannel::~DnsChannel() {
-  ares_destroy(channel_);  // calls back for every question, and for every socket
+  ares_destroy(channel_);  // calls back for every query, and for every socket
   ares_library_cleanup();
 }
 
-DnsChannel::Question* DnsChannel::NewQuestion(LookupId id, bool for_name, std::uint32_t address) {
-  --room_;
-  ++wanted_;
-  ++under_way_;
-  return std::make_unique<Question>(Question{*this, id, for_name, address}).release();
+DnsChannel::Query* DnsChannel::NewQuery(LookupId id, bool for_name, std::uint32_t address) {
+  --queries_left_;
+  ++pending_;
+  ++in_flight_;
+  return std::make_unique<Query>(Query{*this, id, for_name, address}).release();
 }
 
 void DnsChannel::AskAddresses(const std::string& name, bool search, LookupId id) {
-  Question* const question = NewQuestion(id, false, 0);
+  Query* const query = NewQuery(id, false, 0);
   if (search) {
-    ares_search(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, question);
+    ares_search(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, query);
   } else {
-    ares_query(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, question);
+    ares_query(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, query);
   }
 }
 
 void DnsChannel::AskName(std::uint32_t address, LookupId id) {
   ares_query(channel_, ReverseName(address).c_str(), C_IN, T_PTR, Callbacks::OnAnswer,
-             NewQuestion(id, true, address));
+             NewQuery(id, true, address));
 }
 
 void DnsChannel::HandleTimeouts() {
   ares_process_fd(channel_, ARES_SOCKET_BAD, ARES_SOCKET_BAD);
 }
 
-void DnsChannel::DropUnwanted() {
-  if (!IsWanted() && under_way_ > 0) ares_cancel(channel_);
+void DnsChannel::DropAbandoned() {
+  if (!HasPending() && in_flight_ > 0) ares_cancel(channel_);
 }
 
 void DnsChannel::OnReady(std::intptr_t socket, FdReadiness readiness) {

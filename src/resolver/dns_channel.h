@@ -1,4 +1,4 @@
-// Questions to DNS through c-ares: one channel with the sockets and the questions that are under way on it.
+// Queries to DNS through c-ares: one channel with the sockets and the queries that are under way on it.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct ares_channeldata;
 
 namespace trabex {
 
-// What became of a question: `error` is 0 or one of 11001 to 11004.
+// What became of a query: `error` is 0 or one of 11001 to 11004.
 struct DnsReply {
   int error = 0;
   std::vector<std::uint32_t> addresses;  // at least one, or
@@ -25,7 +25,7 @@ struct DnsReply {
 class DnsSink {
  public:
   virtual ~DnsSink() = default;
-  // The reply to the question asked as `id`. It may come from inside the asking call. Neither the channel nor
+  // The reply to the query asked as `id`. It may come from inside the asking call. Neither the channel nor
   // anything on it may be destroyed in this call.
   virtual void OnDnsReply(LookupId id, DnsReply reply) = 0;
 };
@@ -37,10 +37,9 @@ struct DnsSettings {
   Milliseconds first_wait{1000};  // for an answer, before it asks again; longer and longer then
 };
 
-// c-ares cannot take a single question back. So each is either wanted or not any more, and the channel drops
-// all that it has as soon as none is wanted. It also takes only so many questions in its life: the next ones
-// go to another channel, which has other ports, so that who wants to forge answers cannot learn them, and
-// numbers of questions never run short.
+// c-ares cannot cancel one query. So the owner abandons each query that it no longer waits for, and the
+// channel cancels all of them once none is pending. A channel takes 1024 queries in its life, and the next
+// ones go to another channel, which has other ports, so that ports and ids stay unpredictable.
 class DnsChannel {
  public:
   // Both references outlive the channel. Raises 57 "Device I/O error" when c-ares cannot start.
@@ -50,26 +49,29 @@ class DnsChannel {
   DnsChannel(const DnsChannel&) = delete;
   DnsChannel& operator=(const DnsChannel&) = delete;
 
-  bool HasRoom() const { return room_ > 0; }
+  // Whether it takes another query.
+  bool HasQueriesLeft() const { return queries_left_ > 0; }
+  // Whether a socket is open.
   bool HasSocket() const { return !watches_.empty(); }
   // Asks for the addresses of `name`; with `search` also below the domains that the system searches.
   void AskAddresses(const std::string& name, bool search, LookupId id);
   void AskName(std::uint32_t address, LookupId id);
 
-  // To be told once for each question: its reply came or nobody waits for it any more.
-  void Unwant() { --wanted_; }
-  bool IsWanted() const { return wanted_ > 0; }
+  // To be called once for each query: when its reply has come, or when nobody waits for it any more.
+  void Abandon() { --pending_; }
+  // Whether somebody waits for a reply.
+  bool HasPending() const { return pending_ > 0; }
   // Asks again where no answer came in time; to be called every now and then.
   void HandleTimeouts();
-  // Without wanted questions: drops the others and closes the sockets.
-  void DropUnwanted();
+  // When none is pending: cancels the abandoned ones and closes the sockets.
+  void DropAbandoned();
 
  private:
-  struct Question;
+  struct Query;
   struct Callbacks;
 
-  // The argument of c-ares for a new question.
-  Question* NewQuestion(LookupId id, bool for_name, std::uint32_t address);
+  // The argument of c-ares for a new query.
+  Query* NewQuery(LookupId id, bool for_name, std::uint32_t address);
   void OnReady(std::intptr_t socket, FdReadiness readiness);
   void WatchSocket(std::intptr_t socket, FdReadiness interest);
 
@@ -77,9 +79,9 @@ class DnsChannel {
   DnsSink& sink_;
   ares_channeldata* channel_ = nullptr;
   std::map<std::intptr_t, FdWatcher> watches_;
-  int room_;
-  int wanted_ = 0;     // questions that somebody waits for
-  int under_way_ = 0;  // questions that c-ares has
+  int queries_left_;
+  int pending_ = 0;    // queries that somebody waits for
+  int in_flight_ = 0;  // queries that c-ares has
 };
 
 }  // namespace trabex

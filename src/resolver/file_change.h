@@ -19,7 +19,7 @@ class FileChange {
   // Whether the file has another date than when this was last asked, or has come or gone; true the first
   // time. `now` is the clock's monotonic time.
   bool Changed(MonotonicTime now);
-  // Makes the next question true, in a second at the earliest: the change could not be followed yet.
+  // A change that could not be applied: makes the next check true, a second from now at the earliest.
   void Forget() { stamp_ = kNeverSeen; }
 
  private:

@@ -1,4 +1,4 @@
-// Names and addresses of hosts, asked for without waiting: /etc/hosts first, then DNS.
+// Names and addresses of hosts, looked up without waiting: /etc/hosts first, then DNS.
 #pragma once
 
 #include <chrono>
@@ -44,9 +44,9 @@ class NameLookup {
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 
-  // The addresses of `name` as far as they can be told without asking anybody: a dotted address, or
+  // An address of `name`, if one is known without asking DNS: a dotted address is its own, others are in
   // /etc/hosts.
-  virtual std::optional<std::uint32_t> KnownAddress(std::string_view name) = 0;
+  virtual std::optional<std::uint32_t> ResolveLocally(std::string_view name) = 0;
   // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
   virtual NameAnswer LocalHostName() = 0;
 };

@@ -1,6 +1,6 @@
 // Look-ups of names and addresses: the hosts file is read here, DNS is asked through c-ares. Every answer is
-// posted to the loop; c-ares's own callbacks only note what they were told, so whoever is answered may do
-// anything, ending all look-ups included.
+// posted to the loop, and c-ares's own callbacks only record what they are given; so a receiver of an answer
+// may do anything, ending all look-ups included.
 #include <algorithm>
 #include <chrono>
 #include <deque>
@@ -27,17 +27,17 @@ namespace trabex {
 
 namespace {
 
-constexpr std::size_t kMostNameBytes = 253;  // RFC 1035, 2.3.4, without the dots at both ends
+constexpr std::size_t kMaxNameBytes = 253;  // RFC 1035, 2.3.4, without the dots at both ends
 constexpr std::uint32_t kLoopback = 0x7F000001;
 
-// The time for all tries of one question, in waits for the first: each wait is twice the one before.
+// The time for all tries of one query, in waits for the first: each wait is twice the one before.
 constexpr int kFirstWaitsInLimit = 5;
 // How finely the end of a look-up is timed; it is never later than the limit.
 constexpr int kTicksInLimit = 50;
 
 // Whether a host could have this name; DNS allows more, but nobody needs to be asked for it.
 bool IsHostName(std::string_view name) {
-  if (name.size() > kMostNameBytes) return false;
+  if (name.size() > kMaxNameBytes) return false;
   const auto labels = Split(name, '.');
   return std::all_of(labels.begin(), labels.end(), [](std::string_view label) {
     return !label.empty() && std::all_of(label.begin(), label.end(), IsHostNameByte);
@@ -66,7 +66,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     NewChannel();
   }
 
-  // Nobody is answered any more. The object itself may live on for a moment, below the call that ended it.
+  // No receiver is called any more. The object itself may live on for a moment, below the call that ended it.
   void Close() {
     tick_.Disable();
     requests_.clear();
@@ -81,7 +81,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
       Finish(id, {0, {*address}, {}});
     } else if (!IsHostName(host)) {
       Finish(id, {socket_error::kHostNotFound, {}, {}});
-    } else if (auto known = KnownAddresses(host); !known.empty()) {
+    } else if (auto known = ResolveLocally(host); !known.empty()) {
       Finish(id, {0, std::move(known), {}});
     } else {
       // The domains of the system are searched for a plain name only: a stranger's "x.test" is never taken
@@ -107,11 +107,11 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
   void Cancel(LookupId id) {
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;
-    if (found->second.channel != nullptr) found->second.channel->Unwant();
+    if (found->second.channel != nullptr) found->second.channel->Abandon();
     requests_.erase(found);
   }
 
-  std::vector<std::uint32_t> KnownAddresses(std::string_view host) {
+  std::vector<std::uint32_t> ResolveLocally(std::string_view host) {
     const auto& known = hosts_.Table(Now()).Addresses(host);
     if (known.empty() && IsLocalhost(host)) return {kLoopback};
     return known;
@@ -136,8 +136,8 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     return last_id_;
   }
 
-  // A channel reads files when it starts. It must find a descriptor for that even when sessions have used up
-  // all others, or it would ask the wrong server with numbers that can be guessed.
+  // A channel reads files when it starts. It must be able to open them even when sessions have used up all
+  // descriptors, or it would ask the wrong server with numbers that can be guessed.
   void NewChannel() {
     for_files_.Release();
     try {
@@ -155,7 +155,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
 
   // The last channel is the one that is asked; those before it only wait for their replies.
   DnsChannel& CurrentChannel() {
-    if (ResolverChanged() || !channels_.back()->HasRoom()) {
+    if (ResolverChanged() || !channels_.back()->HasQueriesLeft()) {
       try {
         NewChannel();
       } catch (const Error&) {
@@ -188,19 +188,19 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     return std::any_of(channels_.begin(), channels_.end(),
                        [](const auto& channel) { return channel->HasSocket(); });
   }
-  // While DNS is not being asked a descriptor is kept for the next question.
+  // While no query needs a socket, the right to open one is kept for the next query.
   void KeepSocketReserve() {
     if (!HasSocket()) for_socket_.Hold();
   }
 
   void OnDnsReply(LookupId id, DnsReply reply) override { Finish(id, std::move(reply)); }
 
-  // Notes the outcome; its receiver gets it from the loop.
+  // Records the outcome; its receiver is called from the loop.
   void Finish(LookupId id, DnsReply reply) {
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;  // too late
     Request& request = found->second;
-    if (request.channel != nullptr) std::exchange(request.channel, nullptr)->Unwant();
+    if (request.channel != nullptr) std::exchange(request.channel, nullptr)->Abandon();
     request.reply = std::move(reply);
     loop_.Post([weak = weak_from_this(), id] {
       if (const auto self = weak.lock()) self->Answer(id);
@@ -239,7 +239,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     request.name = std::exchange(request.reply, {}).name;
     // An address is no name, whatever it leads to.
     if (!IsHostName(request.name) || ParseDottedAddress(request.name)) return false;
-    request.reply.addresses = KnownAddresses(request.name);
+    request.reply.addresses = ResolveLocally(request.name);
     // Where both know the name, either may confirm it.
     if (Holds(request.reply.addresses, *request.to_confirm) || IsLocalhost(request.name)) return false;
     if (IsLate(request.deadline)) return false;
@@ -249,7 +249,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
 
   void Tick() {
     for (const auto& channel : channels_) {
-      if (channel->IsWanted()) channel->HandleTimeouts();
+      if (channel->HasPending()) channel->HandleTimeouts();
     }
     while (!deadlines_.empty() && IsLate(deadlines_.front().time)) {
       const LookupId id = deadlines_.front().id;
@@ -259,13 +259,13 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
         Finish(id, {socket_error::kTryAgain, {}, {}});
       }
     }
-    for (const auto& channel : channels_) channel->DropUnwanted();
+    for (const auto& channel : channels_) channel->DropAbandoned();
     const DnsChannel* const current = channels_.back().get();
     std::erase_if(channels_, [current](const auto& channel) {
-      return channel.get() != current && !channel->IsWanted();
+      return channel.get() != current && !channel->HasPending();
     });
     KeepSocketReserve();
-    if (channels_.size() == 1 && !current->IsWanted()) {
+    if (channels_.size() == 1 && !current->HasPending()) {
       deadlines_.clear();
       tick_.Disable();
     }
@@ -279,7 +279,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     LookupId id;
   };
 
-  // Nearly always at the end: only the second question of a look-up has less time than one that is new.
+  // Nearly always at the end: only the second query of a look-up has less time than one that is new.
   void AddDeadline(Deadline deadline) {
     const auto after = std::upper_bound(deadlines_.begin(), deadlines_.end(), deadline,
                                         [](const Deadline& a, const Deadline& b) { return a.time < b.time; });
@@ -320,10 +320,10 @@ class CaresNameLookup final : public NameLookup {
   }
   void Cancel(LookupId id) override { lookups_->Cancel(id); }
 
-  std::optional<std::uint32_t> KnownAddress(std::string_view name) override {
+  std::optional<std::uint32_t> ResolveLocally(std::string_view name) override {
     if (const auto address = ParseDottedAddress(name)) return address;
     if (name.ends_with('.')) name.remove_suffix(1);
-    const auto known = lookups_->KnownAddresses(name);
+    const auto known = lookups_->ResolveLocally(name);
     return known.empty() ? std::nullopt : std::optional(known.front());
   }
 

@@ -36,8 +36,8 @@ class FakeNameLookup final : public NameLookup {
     names_[address] = NameAnswer{0, std::string(name)};
   }
   void SetNameError(std::uint32_t address, int error) { names_[address] = NameAnswer{error, {}}; }
-  // A line of the hosts file: what KnownAddress tells. FindAddresses answers it too, unless set otherwise.
-  void SetKnownAddress(std::string_view name, std::uint32_t address) { known_[ToLower(name)] = address; }
+  // A line of the hosts file: what ResolveLocally tells. FindAddresses answers it too, unless set otherwise.
+  void SetLocalAddress(std::string_view name, std::uint32_t address) { known_[ToLower(name)] = address; }
   void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
   void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
 
@@ -79,7 +79,7 @@ class FakeNameLookup final : public NameLookup {
     asked_addresses_.push_back(address);
     return Ask([this, address, answer = std::move(answer)] { answer(NameOf(address)); });
   }
-  // A name is confirmed by what SetAddresses and SetKnownAddress have set for it.
+  // A name is confirmed by what SetAddresses and SetLocalAddress have set for it.
   LookupId FindConfirmedName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
     asked_addresses_.push_back(address);
     ++confirmed_requests_;
@@ -92,7 +92,7 @@ class FakeNameLookup final : public NameLookup {
   }
   void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
 
-  std::optional<std::uint32_t> KnownAddress(std::string_view name) override {
+  std::optional<std::uint32_t> ResolveLocally(std::string_view name) override {
     if (const auto address = ParseDottedAddress(name)) return address;
     const auto found = known_.find(ToLower(name));
     return found == known_.end() ? std::nullopt : std::optional(found->second);
@@ -126,7 +126,7 @@ class FakeNameLookup final : public NameLookup {
   AddressAnswer AddressesOf(const std::string& name) {
     const auto set = addresses_.find(ToLower(name));
     if (set != addresses_.end()) return set->second;
-    if (const auto known = KnownAddress(name)) return AddressAnswer{0, {*known}};
+    if (const auto known = ResolveLocally(name)) return AddressAnswer{0, {*known}};
     return AddressAnswer{11001, {}};
   }
   NameAnswer NameOf(std::uint32_t address) {

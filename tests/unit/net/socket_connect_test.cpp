@@ -115,7 +115,7 @@ TEST_F(ConnectTest, ALookUpThatCannotBeginIsAnErrorEvent) {
     LookupId FindName(std::uint32_t, std::function<void(const NameAnswer&)>) override { return 0; }
     LookupId FindConfirmedName(std::uint32_t, std::function<void(const NameAnswer&)>) override { return 0; }
     void Cancel(LookupId) override {}
-    std::optional<std::uint32_t> KnownAddress(std::string_view) override { return std::nullopt; }
+    std::optional<std::uint32_t> ResolveLocally(std::string_view) override { return std::nullopt; }
     NameAnswer LocalHostName() override { return {11003, {}}; }
   };
   NoLookup none;

@@ -249,7 +249,7 @@ TEST_F(MembersTest, BindTakesTheRequestedPort) {
 }
 
 TEST_F(MembersTest, BindTakesKnownNamesAndRefusesOthersWithoutWaiting) {
-  names.SetKnownAddress("loop.test", kLoopback);
+  names.SetLocalAddress("loop.test", kLoopback);
   names.SetAddresses("dns.test", {kLoopback});
   CSocketMaster socket(module);
   socket.Bind(0, "loop.test");

@@ -67,7 +67,7 @@ TEST_F(ServiceTest, AnObjectOfASessionIsSmallAndHoldsNoBuffers) {
 }
 
 TEST_F(ServiceTest, KnownHosts) {
-  names.SetKnownAddress("mail.test", 0xC0000219);
+  names.SetLocalAddress("mail.test", 0xC0000219);
   struct Row {
     const char* host;
     int error;
@@ -104,7 +104,7 @@ TEST_F(ServiceTest, LocalIPIsThatOfTheBoundSocketOrOfTheMachinesName) {
   CSocketMaster socket(module);
   names.SetLocalHostName("proxy.test");
   ExpectError([&] { socket.LocalIP(); }, 11001, "CSocketMaster.GetLocalIP", "Host not found.");
-  names.SetKnownAddress("proxy.test", 0xC0000201);
+  names.SetLocalAddress("proxy.test", 0xC0000201);
   EXPECT_EQ(socket.LocalIP(), "192.0.2.1");
   socket.Bind(0, "127.0.0.1");
   EXPECT_EQ(socket.LocalIP(), "127.0.0.1");

@@ -121,7 +121,7 @@ TEST_F(UdpTest, ReadingNeedsAnOpenSocket) {
 }
 
 TEST_F(UdpTest, TargetsAreAddressesOrKnownNames) {
-  names.SetKnownAddress("near.test", kLoopback);
+  names.SetLocalAddress("near.test", kLoopback);
   sender->SetRemoteHost("near.test");
   sender->SendData("x");
   ExpectEvents(receiver, "DataArrival");

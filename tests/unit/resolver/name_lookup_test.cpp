@@ -155,7 +155,7 @@ TEST_F(NameLookupTest, FailuresHaveTheirNumbers) {
 TEST_F(NameLookupTest, DottedAddressResolvesToItself) {
   for (const char* address : {"192.0.2.1", "0.0.0.0", "255.255.255.255", "127.0.0.1"}) {
     EXPECT_EQ(Outcome(address), address);
-    EXPECT_EQ(lookup_->KnownAddress(address), ParseDottedAddress(address));
+    EXPECT_EQ(lookup_->ResolveLocally(address), ParseDottedAddress(address));
   }
   EXPECT_EQ(server_.Questions(), 0U);
 }
@@ -164,7 +164,7 @@ TEST_F(NameLookupTest, OddFormsOfAddressesAreNames) {
   for (const char* name : {"127.1", "0x7f.1", "1.2.3.256", "1.2.3.4.5", "0x7f.0.0.1"}) {
     EXPECT_EQ(Outcome(name), "11001") << name;
     EXPECT_EQ(server_.Questions(name), 1U) << name;
-    EXPECT_EQ(lookup_->KnownAddress(name), std::nullopt) << name;
+    EXPECT_EQ(lookup_->ResolveLocally(name), std::nullopt) << name;
   }
   server_.SetAddresses("1", {kAddress1});
   EXPECT_EQ(Outcome("1"), "192.0.2.1");
@@ -200,27 +200,27 @@ TEST_F(NameLookupTest, HostsFileComesFirst) {
   EXPECT_EQ(Outcome("known.test."), "192.0.2.77 192.0.2.78");
   EXPECT_EQ(Outcome("known"), "192.0.2.77");
   EXPECT_EQ(Outcome(std::uint32_t{0xC000024D}), "Known.test");
-  EXPECT_EQ(lookup_->KnownAddress("known.TEST"), 0xC000024DU);
-  EXPECT_EQ(lookup_->KnownAddress("known.test."), 0xC000024DU);
-  EXPECT_EQ(lookup_->KnownAddress("unknown.test"), std::nullopt);
-  EXPECT_EQ(lookup_->KnownAddress(""), std::nullopt);
+  EXPECT_EQ(lookup_->ResolveLocally("known.TEST"), 0xC000024DU);
+  EXPECT_EQ(lookup_->ResolveLocally("known.test."), 0xC000024DU);
+  EXPECT_EQ(lookup_->ResolveLocally("unknown.test"), std::nullopt);
+  EXPECT_EQ(lookup_->ResolveLocally(""), std::nullopt);
   EXPECT_EQ(server_.Questions(), 0U);
 }
 
 TEST_F(NameLookupTest, ChangedHostsFileCounts) {
-  EXPECT_EQ(lookup_->KnownAddress("known"), 0xC000024DU);
+  EXPECT_EQ(lookup_->ResolveLocally("known"), 0xC000024DU);
   WriteFile(folder_ / "hosts", "192.0.2.99 known\n");
   std::filesystem::last_write_time(folder_ / "hosts",
                                    std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
   clock_.Advance(seconds(1));
-  EXPECT_EQ(lookup_->KnownAddress("known"), 0xC0000263U);
+  EXPECT_EQ(lookup_->ResolveLocally("known"), 0xC0000263U);
   EXPECT_EQ(Outcome("known"), "192.0.2.99");
 }
 
 TEST_F(NameLookupTest, LocalhostIsNeverAskedFor) {
   EXPECT_EQ(Outcome("localhost"), "127.0.0.1");
   EXPECT_EQ(Outcome("x.LocalHost."), "127.0.0.1");
-  EXPECT_EQ(lookup_->KnownAddress("localhost"), 0x7F000001U);
+  EXPECT_EQ(lookup_->ResolveLocally("localhost"), 0x7F000001U);
   EXPECT_EQ(server_.Questions(), 0U);
 }
 
@@ -1018,7 +1018,7 @@ TEST(FakeNameLookup, AnswersFromTheLoopOrWhenTold) {
   fake->SetAddressError("b.test", 11002);
   fake->SetName(kAddress1, "a.test");
   fake->SetNameError(kAddress2, 11004);
-  fake->SetKnownAddress("known.test", kAddress2);
+  fake->SetLocalAddress("known.test", kAddress2);
   std::string log;
   const auto ask = [&](const char* name) {
     return fake->FindAddresses(name, [&](const AddressAnswer& answer) { log += Shown(answer) + ";"; });
