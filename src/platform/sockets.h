@@ -3,7 +3,8 @@
 // Watching a socket delivers five notifications to its sink, with the meaning of Windows Sockets'
 // asynchronous selection:
 //   FD_READ     when data is there, and again only after a receive was tried and more is there
-//   FD_WRITE    once after the connection stands, and after a send that would have blocked as soon as one can
+//   FD_WRITE    once after the connection is made, and after a send that would have blocked as soon as one
+//   can
 //               go on
 //   FD_ACCEPT   when a connection waits, and again after an accept when another one waits
 //   FD_CONNECT  once, when a connect that was under way has succeeded or failed (error != 0)
@@ -12,7 +13,7 @@
 // No notification is lost and none spins. They are delivered from the loop, never from inside one of these
 // calls.
 //
-// Every function returns 0 or our error number (10035 would block, ...); no errno leaves this room.
+// Every function returns 0 or our error number (10035 would block, ...), never an errno.
 #pragma once
 
 #include <cstddef>
@@ -112,11 +113,11 @@ class Sockets {
   // `more_follows` is a hint: the system may wait a fifth of a second for the next send, to pack both
   // together.
   int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows = false);
-  // `received` 0 with result 0 is the end of the peer's data (`room` is not empty). 10035 is also the answer
-  // without asking the system when the last receive took everything and nothing has been heard since.
-  int Receive(SocketHandle socket, std::span<char> room, std::size_t& received);
+  // `received` 0 with result 0 is the end of the peer's data (`buffer` is not empty). 10035 is also the
+  // result, without asking the system, when the last receive took everything and no event has come since.
+  int Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received);
   int SendTo(SocketHandle socket, std::span<const char> data, Endpoint to);
-  int ReceiveFrom(SocketHandle socket, std::span<char> room, bool peek, std::size_t& received,
+  int ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek, std::size_t& received,
                   Endpoint& from);
   // The bytes that a receive would give (UDP: the size of the next datagram).
   int Available(SocketHandle socket, std::size_t& bytes);

@@ -299,7 +299,7 @@ struct ErrnoRow {
 class SocketErrno : public testing::TestWithParam<ErrnoRow> {};
 
 TEST_P(SocketErrno, HasItsDesignedNumber) {
-  EXPECT_EQ(DesignedSocketError(GetParam().code), GetParam().number);
+  EXPECT_EQ(SocketErrorOfErrno(GetParam().code), GetParam().number);
 }
 
 INSTANTIATE_TEST_SUITE_P(

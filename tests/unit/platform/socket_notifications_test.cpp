@@ -18,13 +18,13 @@ namespace {
 
 constexpr std::uint32_t kLoopback = 0x7F000001;
 
-// Writes down what it is told: "READ", "CLOSE(10054)" ..., and may act on it.
+// Records its notifications: "READ", "CLOSE(10054)" ..., and may act on it.
 class Recorder final : public SocketSink {
  public:
   void OnSocketEvent(SocketHandle socket, SocketEvent event, int error) override {
-    if (!told.empty()) told += ' ';
-    told += Name(event);
-    if (error != 0) told += "(" + std::to_string(error) + ")";
+    if (!notified.empty()) notified += ' ';
+    notified += Name(event);
+    if (error != 0) notified += "(" + std::to_string(error) + ")";
     if (action) action(socket, event);
   }
 
@@ -44,7 +44,7 @@ class Recorder final : public SocketSink {
     return "?";
   }
 
-  std::string told;
+  std::string notified;
   std::function<void(SocketHandle, SocketEvent)> action;
 };
 
@@ -58,13 +58,13 @@ class Bench {
     Must(sockets.LocalEndpoint(listener, address));
   }
 
-  // Everything else begins with this: the connection stands and is watched, and its first FD_WRITE is told.
+  // Everything else begins with this: the connection stands and is watched, and has had its first FD_WRITE.
   void Connection() {
     peer = NewClient();
     AcceptOurs();
     sockets.Watch(ours, &recorder);
     Until("WRITE");
-    recorder.told.clear();
+    recorder.notified.clear();
   }
 
   SocketHandle NewClient() {
@@ -131,13 +131,13 @@ class Bench {
     EXPECT_EQ(result, socket_error::kWouldBlock);
   }
 
-  // Runs until `recorder` has been told this, and on until nothing is left to do.
+  // Runs until `of` has been notified of this, and on until nothing is left to do.
   void Until(const std::string& expected, const Recorder* from = nullptr) {
     const Recorder& of = from != nullptr ? *from : recorder;
     RunUntil(
-        loop, [&] { return of.told.size() >= expected.size(); }, std::chrono::seconds(5));
+        loop, [&] { return of.notified.size() >= expected.size(); }, std::chrono::seconds(5));
     RunUntilIdle(loop);
-    EXPECT_EQ(of.told, expected);
+    EXPECT_EQ(of.notified, expected);
   }
   // A loop that has nothing to do sleeps.
   void ExpectSleep() {
@@ -162,7 +162,7 @@ class Bench {
 
 struct Step {
   std::function<void(Bench&)> act;
-  std::string told;  // all that has been told since the connection stood, once this step has had its effect
+  std::string notified;  // all notifications since the connection was made, once this step has had its effect
 };
 
 struct Row {
@@ -451,7 +451,7 @@ const Row kRows[] = {
          b.sockets.Watch(b.ours, &b.recorder);
        },
        "READ"},
-      {[](Bench& b) { EXPECT_EQ(b.second.told, ""); }, "READ"}}},
+      {[](Bench& b) { EXPECT_EQ(b.second.notified, ""); }, "READ"}}},
     {"ANotificationMayUnwatchAndTheRestIsToldLater",
      {{[](Bench& b) {
          b.peer = b.NewClient();
@@ -475,10 +475,10 @@ TEST_P(Notifications, AreToldAsTheyAreMeant) {
   for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
     SCOPED_TRACE("step " + std::to_string(i + 1));
     GetParam().steps[i].act(bench);
-    bench.Until(GetParam().steps[i].told);
+    bench.Until(GetParam().steps[i].notified);
   }
   bench.ExpectSleep();
-  EXPECT_EQ(bench.recorder.told, GetParam().steps.back().told);
+  EXPECT_EQ(bench.recorder.notified, GetParam().steps.back().notified);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Notifications, testing::ValuesIn(kRows),
@@ -522,7 +522,7 @@ TEST(NotificationsTest, EventsOfManySocketsAllArrive) {
 }
 
 TEST(NotificationsTest, ABusySocketDoesNotStarveAnotherOne) {
-  // One socket whose owner takes one byte at a time of very many, and so is told of more at once, for ever.
+  // One socket whose owner takes one byte at a time of very many, and so is notified again at once, for ever.
   Bench bench;
   bench.Connection();
   const SocketHandle busy = bench.ours;
@@ -550,7 +550,7 @@ TEST(NotificationsTest, ABusySocketDoesNotStarveAnotherOne) {
   // From here on the first one is busy, and its turn comes first.
   take_one();
   bench.sockets.Watch(bench.ours, &bench.second);
-  EXPECT_TRUE(RunUntil(bench.loop, [&] { return bench.second.told == "READ WRITE"; }));
+  EXPECT_TRUE(RunUntil(bench.loop, [&] { return bench.second.notified == "READ WRITE"; }));
   EXPECT_LT(busy_reads, 10);
 
   // It was busy all the time: it still is.

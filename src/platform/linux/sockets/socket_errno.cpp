@@ -47,10 +47,10 @@ constexpr Row kTable[] = {
     {ECONNABORTED, 10053},
     {EPROTO, 10053},  // a connection that broke while it waited to be accepted
     {ECONNRESET, 10054},
-    {EPIPE, 10054},  // the peer reset the connection and that error was told already
+    {EPIPE, 10054},  // the peer reset the connection and that error was reported already
     {ENOBUFS, 10055},
     {ENOMEM, 10055},
-    {ENOSPC, 10055},  // no room for another watch
+    {ENOSPC, 10055},  // no space for another watch
     {EISCONN, 10056},
     {ENOTCONN, 10057},
     {ESHUTDOWN, 10058},
@@ -63,7 +63,7 @@ constexpr Row kTable[] = {
 
 }  // namespace
 
-int DesignedSocketError(int code) {
+int SocketErrorOfErrno(int code) {
   const auto* const row =
       std::find_if(std::begin(kTable), std::end(kTable), [&](const Row& r) { return r.code == code; });
   return row == std::end(kTable) ? kSystemCallFailure : row->number;

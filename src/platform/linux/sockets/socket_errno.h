@@ -3,8 +3,8 @@
 
 namespace trabex {
 
-// Our number for `code`, an errno of a socket call; 0 for 0. A code that has no number of its own
-// becomes 10107 "system call failure", which the error texts do not know.
-int DesignedSocketError(int code);
+// Our number for `code`, the errno of a socket call; 0 for 0. A code that has no number of its own becomes
+// 10107 "system call failure", for which the log has no text.
+int SocketErrorOfErrno(int code);
 
 }  // namespace trabex

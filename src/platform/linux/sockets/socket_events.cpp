@@ -1,4 +1,4 @@
-// From epoll's readiness to the five notifications; the rules stand in sockets_impl.h.
+// From epoll's readiness to the five notifications; the rules are in sockets_impl.h.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -71,54 +71,54 @@ int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
   if (entry.registered) return 0;
   const std::uint32_t events = entry.role == Role::kListening ? kListenerEvents : kStreamEvents;
   const int code = loop.Control(EPOLL_CTL_ADD, entry.descriptor, events, Target(socket));
-  if (code != 0) return DesignedSocketError(code);
+  if (code != 0) return SocketErrorOfErrno(code);
   entry.registered = true;
   return 0;
 }
 
-void Sockets::Impl::LookAgain(SocketHandle socket, Entry& entry) {
-  if (entry.look_again || !entry.registered) return;
-  entry.look_again = true;
-  to_look_again.push_back(socket);
+void Sockets::Impl::Rearm(SocketHandle socket, Entry& entry) {
+  if (entry.rearm_due || !entry.registered) return;
+  entry.rearm_due = true;
+  to_rearm.push_back(socket);
 }
 
 void Sockets::Impl::BeforeWait() {
-  for (const SocketHandle socket : to_look_again) {
+  for (const SocketHandle socket : to_rearm) {
     Entry* const entry = Find(socket);
-    if (entry == nullptr || !entry->look_again) continue;
-    entry->look_again = false;
+    if (entry == nullptr || !entry->rearm_due) continue;
+    entry->rearm_due = false;
     loop.Control(EPOLL_CTL_MOD, entry->descriptor, kStreamEvents, Target(socket));
   }
-  to_look_again.clear();
+  to_rearm.clear();
 }
 
-void Sockets::Impl::Park(SocketHandle socket, Entry& entry) {
-  entry.parked = true;
+void Sockets::Impl::DisarmListener(SocketHandle socket, Entry& entry) {
+  entry.disarmed = true;
   loop.Control(EPOLL_CTL_MOD, entry.descriptor, 0, Target(socket));
 }
 
-void Sockets::Impl::Unpark(SocketHandle socket, Entry& entry) {
-  if (!entry.parked) return;
-  entry.parked = false;
+void Sockets::Impl::ArmListener(SocketHandle socket, Entry& entry) {
+  if (!entry.disarmed) return;
+  entry.disarmed = false;
   loop.Control(EPOLL_CTL_MOD, entry.descriptor, kListenerEvents, Target(socket));
 }
 
 void Sockets::Impl::SetDrained(Entry& entry) {
-  entry.drained = entry.registered;  // else nobody would hear of what comes later
+  entry.drained = entry.registered;  // otherwise nothing would tell of what comes later
   entry.drained_iteration = loop.iteration;
 }
 
-void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t count, std::size_t room,
+void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t count, std::size_t size,
                                 int code) {
   entry.read_armed = true;
   if (entry.role == Role::kDatagram) {
-    if (count >= 0) LookAgain(socket, entry);  // its size says nothing about the next one
+    if (count >= 0) Rearm(socket, entry);  // its size says nothing about the next one
     return;
   }
   if (count > 0) {
-    const bool more = static_cast<std::size_t>(count) == room || entry.end_seen || entry.urgent;
+    const bool more = static_cast<std::size_t>(count) == size || entry.end_seen || entry.urgent;
     if (more) {
-      LookAgain(socket, entry);
+      Rearm(socket, entry);
     } else {
       SetDrained(entry);
     }
@@ -128,13 +128,13 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t 
     SetDrained(entry);
     return;
   }
-  // The end. It is told from the loop, also when the owner has seen it here.
+  // The end. FD_CLOSE comes from the loop, also when the owner has seen the end here.
   entry.end_seen = true;
-  if (count < 0) entry.close_error = DesignedSocketError(code);
-  LookAgain(socket, entry);
+  if (count < 0) entry.close_error = SocketErrorOfErrno(code);
+  Rearm(socket, entry);
 }
 
-bool Sockets::Impl::Tell(SocketHandle socket, SocketEvent event, int error) {
+bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {
   Entry* const entry = Find(socket);
   if (entry == nullptr || entry->sink == nullptr) return false;
   SocketSink* const sink = entry->sink;
@@ -147,10 +147,10 @@ bool Sockets::Impl::OnReady(std::uint32_t index, std::uint32_t generation, std::
   Entry* const entry = Find(socket);
   if (entry == nullptr) return false;
   if (entry->sink == nullptr) {
-    // Nothing is settled, so that the next one who watches finds all of it.
-    entry->missed = true;
+    // No flag is cleared, so that the next sink is notified of all of it.
+    entry->pending_unwatched = true;
     entry->drained = false;
-    if (entry->role == Role::kListening) Park(socket, *entry);
+    if (entry->role == Role::kListening) DisarmListener(socket, *entry);
     return false;
   }
   switch (entry->role) {
@@ -173,11 +173,11 @@ bool Sockets::Impl::OnListenerReady(SocketHandle socket, std::uint32_t events) {
   Entry& entry = *Find(socket);
   if ((events & EPOLLIN) == 0) return false;
   if (!entry.accept_armed) {
-    Park(socket, entry);
+    DisarmListener(socket, entry);
     return false;
   }
   entry.accept_armed = false;
-  return Tell(socket, SocketEvent::kAccept, 0);
+  return Notify(socket, SocketEvent::kAccept, 0);
 }
 
 bool Sockets::Impl::OnDatagramReady(SocketHandle socket, std::uint32_t events) {
@@ -186,8 +186,8 @@ bool Sockets::Impl::OnDatagramReady(SocketHandle socket, std::uint32_t events) {
   const bool read = entry.read_armed && (events & EPOLLIN) != 0;
   if (write) entry.write_armed = false;
   if (read) entry.read_armed = false;
-  bool called = read && Tell(socket, SocketEvent::kRead, 0);
-  if (write && Tell(socket, SocketEvent::kWrite, 0)) called = true;
+  bool called = read && Notify(socket, SocketEvent::kRead, 0);
+  if (write && Notify(socket, SocketEvent::kWrite, 0)) called = true;
   return called;
 }
 
@@ -199,14 +199,14 @@ bool Sockets::Impl::OnConnectReady(SocketHandle socket, std::uint32_t events) {
   if (getsockopt(entry.descriptor, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
   if (code != 0) {
     entry.role = Role::kFailed;
-    return Tell(socket, SocketEvent::kConnect, DesignedSocketError(code));
+    return Notify(socket, SocketEvent::kConnect, SocketErrorOfErrno(code));
   }
   entry.role = Role::kStream;
   entry.write_armed = true;
-  const bool called = Tell(socket, SocketEvent::kConnect, 0);
+  const bool called = Notify(socket, SocketEvent::kConnect, 0);
   if (Entry* const after = Find(socket)) {
     if (after->sink == nullptr) {
-      after->missed = true;
+      after->pending_unwatched = true;
     } else {
       OnStreamReady(socket, events);
     }
@@ -214,11 +214,11 @@ bool Sockets::Impl::OnConnectReady(SocketHandle socket, std::uint32_t events) {
   return called;
 }
 
-// Reading comes first, so that what the peer said before it broke the connection is heard.
+// Reading comes first, so that what the peer sent before it broke the connection is received.
 bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
   bool called = false;
   const Entry& before = *Find(socket);
-  // Somebody may have read everything since the kernel reported this; whatever came later is reported anew.
+  // Everything may have been received since the kernel reported this; whatever came later is reported anew.
   const bool stale_read =
       before.drained && before.drained_iteration == loop.iteration && (events & (kEnd | EPOLLPRI)) == 0;
   if ((events & (EPOLLIN | EPOLLPRI | kEnd)) != 0 && !stale_read) {
@@ -226,17 +226,17 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
     entry.drained = false;
     if ((events & kEnd) != 0) entry.end_seen = true;
     if ((events & EPOLLPRI) != 0) entry.urgent = true;
-    if (entry.read_armed && !entry.close_told) called = OnStreamReadable(socket);
+    if (entry.read_armed && !entry.close_notified) called = OnStreamReadable(socket);
   }
   Entry* const entry = Find(socket);
   if (entry == nullptr) return called;
   if (entry->write_armed && (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) {
     if (entry->sink == nullptr) {
-      entry->missed = true;
+      entry->pending_unwatched = true;
       return called;
     }
     entry->write_armed = false;
-    if (Tell(socket, SocketEvent::kWrite, 0)) called = true;
+    if (Notify(socket, SocketEvent::kWrite, 0)) called = true;
   }
   return called;
 }
@@ -253,13 +253,13 @@ bool Sockets::Impl::OnStreamReadable(SocketHandle socket) {
       return false;
     }
     if (count <= 0) {
-      if (code != 0) entry.close_error = DesignedSocketError(code);
-      entry.close_told = true;
-      return Tell(socket, SocketEvent::kClose, entry.close_error);
+      if (code != 0) entry.close_error = SocketErrorOfErrno(code);
+      entry.close_notified = true;
+      return Notify(socket, SocketEvent::kClose, entry.close_error);
     }
   }
   entry.read_armed = false;
-  return Tell(socket, SocketEvent::kRead, 0);
+  return Notify(socket, SocketEvent::kRead, 0);
 }
 
 }  // namespace trabex

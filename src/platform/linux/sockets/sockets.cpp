@@ -47,7 +47,7 @@ sockaddr* Generic(sockaddr_in& address) {
 
 // Our error number for a call that returned `result`: 0 unless that is negative.
 int Outcome(long result) {
-  return result < 0 ? DesignedSocketError(errno) : 0;
+  return result < 0 ? SocketErrorOfErrno(errno) : 0;
 }
 
 int SetOption(int descriptor, int level, int option) {
@@ -90,7 +90,7 @@ int Sockets::Open(Transport transport, SocketHandle& socket) {
   const bool tcp = transport == Transport::kTcp;
   const int descriptor = ::socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC,
                                   tcp ? IPPROTO_TCP : IPPROTO_UDP);
-  if (descriptor < 0) return DesignedSocketError(errno);
+  if (descriptor < 0) return SocketErrorOfErrno(errno);
   socket = impl_->Add(descriptor, tcp ? Impl::Role::kFresh : Impl::Role::kDatagram);
   return 0;
 }
@@ -107,10 +107,10 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   entry->sink = sink;
   if (sink == nullptr) return 0;
   if (entry->role == Impl::Role::kListening) {
-    impl_->Unpark(socket, *entry);
-  } else if (entry->missed) {
-    entry->missed = false;
-    impl_->LookAgain(socket, *entry);
+    impl_->ArmListener(socket, *entry);
+  } else if (entry->pending_unwatched) {
+    entry->pending_unwatched = false;
+    impl_->Rearm(socket, *entry);
   }
   // An accepted socket, or one for datagrams, is put into the set by the first who watches it.
   const bool ready_to_watch = entry->role == Impl::Role::kStream || entry->role == Impl::Role::kDatagram;
@@ -154,7 +154,7 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
       [&] { return accept4(entry->descriptor, Generic(address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC); });
   const int error = Outcome(descriptor);
   entry->accept_armed = true;
-  if (entry->sink != nullptr) impl_->Unpark(listener, *entry);
+  if (entry->sink != nullptr) impl_->ArmListener(listener, *entry);
   if (error != 0) return error;
   accepted = impl_->Add(descriptor, Impl::Role::kStream);
   impl_->Find(accepted)->write_armed = true;
@@ -169,9 +169,9 @@ int Sockets::Connect(SocketHandle socket, Endpoint remote) {
   sockaddr_in address = ToSystem(remote);
   const int result = connect(entry->descriptor, Generic(address), sizeof address);
   const bool under_way = result < 0 && errno == EINPROGRESS;
-  // No port is left to connect from: nothing is under way, so nothing would follow.
+  // No port is left to connect from: nothing is under way, so no event would follow.
   if (result < 0 && errno == EAGAIN) return socket_error::kNoBufferSpace;
-  if (result < 0 && !under_way) return DesignedSocketError(errno);
+  if (result < 0 && !under_way) return SocketErrorOfErrno(errno);
   entry->role = Impl::Role::kConnecting;
   if (const int error = impl_->Register(socket, *entry); error != 0) return error;
   return under_way ? kWouldBlock : 0;
@@ -195,22 +195,23 @@ int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& 
   if (count < 0) {
     const int code = errno;
     if (code == EAGAIN) entry->write_armed = true;
-    return code == EPIPE && entry->sending_shut ? kSendAfterShutdown : DesignedSocketError(code);
+    return code == EPIPE && entry->sending_shut ? kSendAfterShutdown : SocketErrorOfErrno(code);
   }
   sent = static_cast<std::size_t>(count);
   if (sent < data.size()) entry->write_armed = true;
   return 0;
 }
 
-int Sockets::Receive(SocketHandle socket, std::span<char> room, std::size_t& received) {
+int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received) {
   received = 0;
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (entry->drained) return kWouldBlock;
-  const ssize_t count = Uninterrupted([&] { return recv(entry->descriptor, room.data(), room.size(), 0); });
+  const ssize_t count =
+      Uninterrupted([&] { return recv(entry->descriptor, buffer.data(), buffer.size(), 0); });
   const int code = count < 0 ? errno : 0;
-  impl_->NoteReceive(socket, *entry, count, room.size(), code);
-  if (count < 0) return DesignedSocketError(code);
+  impl_->NoteReceive(socket, *entry, count, buffer.size(), code);
+  if (count < 0) return SocketErrorOfErrno(code);
   received = static_cast<std::size_t>(count);
   return 0;
 }
@@ -230,7 +231,7 @@ int Sockets::SendTo(SocketHandle socket, std::span<const char> data, Endpoint to
   return Outcome(count);
 }
 
-int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> room, bool peek, std::size_t& received,
+int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek, std::size_t& received,
                          Endpoint& from) {
   received = 0;
   Impl::Entry* const entry = impl_->Find(socket);
@@ -238,12 +239,12 @@ int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> room, bool peek, s
   sockaddr_in address{};
   socklen_t size = sizeof address;
   const ssize_t count = Uninterrupted([&] {
-    return recvfrom(entry->descriptor, room.data(), room.size(), peek ? MSG_PEEK : 0, Generic(address),
+    return recvfrom(entry->descriptor, buffer.data(), buffer.size(), peek ? MSG_PEEK : 0, Generic(address),
                     &size);
   });
   const int code = count < 0 ? errno : 0;
-  impl_->NoteReceive(socket, *entry, count, room.size(), code);
-  if (count < 0) return DesignedSocketError(code);
+  impl_->NoteReceive(socket, *entry, count, buffer.size(), code);
+  if (count < 0) return SocketErrorOfErrno(code);
   received = static_cast<std::size_t>(count);
   from = FromSystem(address);
   return 0;
@@ -254,7 +255,7 @@ int Sockets::Available(SocketHandle socket, std::size_t& bytes) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   int count = 0;
-  if (ioctl(entry->descriptor, FIONREAD, &count) != 0) return DesignedSocketError(errno);
+  if (ioctl(entry->descriptor, FIONREAD, &count) != 0) return SocketErrorOfErrno(errno);
   bytes = static_cast<std::size_t>(count);
   return 0;
 }
@@ -264,7 +265,7 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   int count = 0;
-  if (ioctl(entry->descriptor, SIOCOUTQ, &count) != 0) return DesignedSocketError(errno);
+  if (ioctl(entry->descriptor, SIOCOUTQ, &count) != 0) return SocketErrorOfErrno(errno);
   bytes = static_cast<std::size_t>(count);
   return 0;
 }
@@ -279,7 +280,7 @@ int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {
   if (entry == nullptr) return kNotSocket;
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  if (getsockname(entry->descriptor, Generic(address), &size) != 0) return DesignedSocketError(errno);
+  if (getsockname(entry->descriptor, Generic(address), &size) != 0) return SocketErrorOfErrno(errno);
   local = FromSystem(address);
   return 0;
 }
@@ -289,7 +290,7 @@ int Sockets::RemoteEndpoint(SocketHandle socket, Endpoint& remote) {
   if (entry == nullptr) return kNotSocket;
   sockaddr_in address{};
   socklen_t size = sizeof address;
-  if (getpeername(entry->descriptor, Generic(address), &size) != 0) return DesignedSocketError(errno);
+  if (getpeername(entry->descriptor, Generic(address), &size) != 0) return SocketErrorOfErrno(errno);
   remote = FromSystem(address);
   return 0;
 }
@@ -312,7 +313,7 @@ int Sockets::AllowBroadcast(SocketHandle socket) {
 int Sockets::LocalAddresses(std::vector<std::uint32_t>& addresses) {
   addresses.clear();
   ifaddrs* list = nullptr;
-  if (getifaddrs(&list) != 0) return DesignedSocketError(errno);
+  if (getifaddrs(&list) != 0) return SocketErrorOfErrno(errno);
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
   for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
     if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
