@@ -1,4 +1,4 @@
-// Tells that something in a folder was written.
+// Whether something in a folder was written.
 #pragma once
 
 #include <memory>

@@ -16,25 +16,25 @@ namespace trabex {
 
 namespace {
 
-// Written in place, created or linked, moved into the folder, its date set; and the folder itself taken away,
-// since then a file of the same path may stand elsewhere.
+// Written in place, created or linked, moved into the folder, its date set; and the folder itself removed or
+// moved, because then the path names another file.
 constexpr std::uint32_t kChanged =
     IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
 
 // What a symbolic link at `path` leads to; empty when there is none.
 std::string LinkTarget(const std::string& path) {
-  std::array<char, PATH_MAX> room{};
-  const ssize_t length = readlink(path.c_str(), room.data(), room.size());
+  std::array<char, PATH_MAX> buffer{};
+  const ssize_t length = readlink(path.c_str(), buffer.data(), buffer.size());
   if (length <= 0) return "";
-  const std::string target(room.data(), static_cast<std::size_t>(length));
+  const std::string target(buffer.data(), static_cast<std::size_t>(length));
   return target.front() == '/' ? target : FolderOf(path) + "/" + target;
 }
 
 // The folders in which `path` and, link by link, what it leads to are named.
 std::vector<std::string> FoldersOf(std::string path) {
-  constexpr int kMostLinks = 40;  // as the system allows
+  constexpr int kMaxLinks = 40;  // as the system allows
   std::vector<std::string> folders;
-  for (int link = 0; link <= kMostLinks && !path.empty(); ++link) {
+  for (int link = 0; link <= kMaxLinks && !path.empty(); ++link) {
     folders.push_back(FolderOf(path));
     path = LinkTarget(path);
   }
@@ -88,14 +88,14 @@ class FolderWatch final : public ChangeWatch {
   // Takes what is waiting; whether a change was among it.
   bool ReadEvents() {
     bool changed = false;
-    alignas(inotify_event) std::array<char, 4096> room{};
+    alignas(inotify_event) std::array<char, 4096> buffer{};
     for (;;) {
-      const ssize_t length = read(inotify_.Get(), room.data(), room.size());
+      const ssize_t length = read(inotify_.Get(), buffer.data(), buffer.size());
       if (length <= 0) return changed;
       for (ssize_t at = 0; at < length;) {
         inotify_event event{};
-        std::memcpy(&event, room.data() + at, sizeof event);
-        // What is left are notes on watches and on lost events; the latter stand behind many that count.
+        std::memcpy(&event, buffer.data() + at, sizeof event);
+        // Other events are about watches, or say that events were lost; those come after many that count.
         if ((event.mask & (kChanged | IN_UNMOUNT)) != 0) changed = true;
         at += static_cast<ssize_t>(sizeof event + event.len);
       }

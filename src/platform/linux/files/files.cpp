@@ -24,10 +24,10 @@ namespace {
 // replaced by a newer one.
 const std::string& ProgramPath() {
   static const std::string path = [] {
-    std::array<char, PATH_MAX> room{};
-    const ssize_t length = readlink("/proc/self/exe", room.data(), room.size());
+    std::array<char, PATH_MAX> buffer{};
+    const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
     if (length < 0) RaiseFileError(errno, "mFiles.ProgramPath");
-    std::string found(room.data(), static_cast<std::size_t>(length));
+    std::string found(buffer.data(), static_cast<std::size_t>(length));
     constexpr std::string_view kReplacedMark = " (deleted)";
     if (found.ends_with(kReplacedMark) && access(found.c_str(), F_OK) != 0) {
       found.resize(found.size() - kReplacedMark.size());
@@ -40,7 +40,7 @@ const std::string& ProgramPath() {
 // What is left of an open file of about `size` bytes. Raises std::bad_alloc when that is too much.
 std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
   if (size > kMaxWholeFileBytes) throw std::bad_alloc();
-  // One byte of room beyond the size, so that the end of a file that does not grow is seen without growing
+  // One byte more than the size, so that the end of a file that does not grow is seen without growing
   // the text.
   std::string content(static_cast<std::size_t>(size) + 1, '\0');
   std::size_t length = 0;

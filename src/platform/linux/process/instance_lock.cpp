@@ -27,12 +27,12 @@ namespace {
 
 constexpr std::string_view kExitMessage = "exit";
 
-// After a message the lock does not listen for this long, so that somebody who floods it costs next to
-// nothing: the system keeps a handful of messages and holds up their sender.
+// After a message the lock does not listen for this long, so that a flood of messages costs next to nothing:
+// the system queues a handful and holds up their sender.
 constexpr Milliseconds kPause{100};
-constexpr int kMessagesInOneGo = 32;
-// How long an exit request waits for its place among others.
-constexpr timeval kMostWaitForPlace{1, 0};
+constexpr int kMaxMessagesAtOnce = 32;
+// How long an exit request waits while the queue of the lock is full.
+constexpr timeval kMaxSendWait{1, 0};
 
 struct AbstractAddress {
   sockaddr_un address{};
@@ -72,12 +72,12 @@ void ReadSender(msghdr& header, Message& message) {
 // False when nothing waits.
 bool ReceiveMessage(int socket, Message& message) {
   std::array<char, 16> text{};
-  iovec room{text.data(), text.size()};
-  // Exactly the room of the credentials: file descriptors that somebody attaches find none and are closed by
-  // the system.
+  iovec buffer{text.data(), text.size()};
+  // Exactly the size of the credentials: there is no space for file descriptors that a sender attaches, so
+  // the system closes them.
   alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(ucred))> control{};
   msghdr header{};
-  header.msg_iov = &room;
+  header.msg_iov = &buffer;
   header.msg_iovlen = 1;
   header.msg_control = control.data();
   header.msg_controllen = control.size();
@@ -89,11 +89,11 @@ bool ReceiveMessage(int socket, Message& message) {
 }
 
 std::string UserName(uid_t number) {
-  std::vector<char> room(1024);
+  std::vector<char> buffer(1024);
   passwd entry{};
   passwd* found = nullptr;
-  while (getpwuid_r(number, &entry, room.data(), room.size(), &found) == ERANGE) {
-    room.resize(room.size() * 2);
+  while (getpwuid_r(number, &entry, buffer.data(), buffer.size(), &found) == ERANGE) {
+    buffer.resize(buffer.size() * 2);
   }
   return found != nullptr ? found->pw_name : "uid " + std::to_string(number);
 }
@@ -111,7 +111,7 @@ class SocketInstanceLock final : public InstanceLock {
  private:
   void OnReady() {
     bool asked = false;
-    for (int i = 0; i < kMessagesInOneGo; ++i) {
+    for (int i = 0; i < kMaxMessagesAtOnce; ++i) {
       Message message;
       if (!ReceiveMessage(socket_.Get(), message)) break;
       if (message.from_us_or_root && message.text == kExitMessage) asked = true;
@@ -163,7 +163,7 @@ std::optional<std::string> OtherUserHolding(std::string_view name) {
 bool RequestExit(std::string_view name) {
   const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) return false;
-  setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kMostWaitForPlace, sizeof kMostWaitForPlace);
+  setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kMaxSendWait, sizeof kMaxSendWait);
   const AbstractAddress instance = AddressOf(name);
   const ssize_t sent = sendto(socket.Get(), kExitMessage.data(), kExitMessage.size(), MSG_NOSIGNAL,
                               reinterpret_cast<const sockaddr*>(&instance.address), instance.length);

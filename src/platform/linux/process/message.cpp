@@ -7,15 +7,16 @@
 namespace trabex {
 
 void ShowMessage(std::string_view text) {
-  // Opened anew, because whether a descriptor waits is shared with everybody who has it. A socket cannot be.
+  // Opened anew, because O_NONBLOCK would hold for every process that shares the descriptor. A socket cannot
+  // be opened so.
   const int own = open("/proc/self/fd/2", O_WRONLY | O_NOCTTY | O_NONBLOCK | O_APPEND | O_CLOEXEC);
   if (own >= 0) {
     [[maybe_unused]] const ssize_t written = write(own, text.data(), text.size());
     close(own);
     return;
   }
-  pollfd room{STDERR_FILENO, POLLOUT, 0};
-  if (poll(&room, 1, 0) == 1 && room.revents == POLLOUT) {
+  pollfd writable{STDERR_FILENO, POLLOUT, 0};
+  if (poll(&writable, 1, 0) == 1 && writable.revents == POLLOUT) {
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
   }
 }

@@ -19,10 +19,10 @@ namespace trabex {
 
 namespace {
 
-// What the kernel puts into one answer at most, with room to spare.
-constexpr std::size_t kAnswerRoom = std::size_t{64} * 1024;
+// More than the kernel puts into one answer.
+constexpr std::size_t kMaxAnswerBytes = std::size_t{64} * 1024;
 // It answers at once; this is for a kernel that does not know the question.
-constexpr timeval kMostWait{1, 0};
+constexpr timeval kMaxWait{1, 0};
 
 struct Question {
   nlmsghdr header{};
@@ -77,14 +77,14 @@ std::optional<uid_t> OwnerIn(std::string_view message, std::string_view abstract
 std::optional<uid_t> OwnerOfDatagramSocket(std::string_view abstract_name) {
   const Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG));
   if (!socket) return std::nullopt;
-  setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kMostWait, sizeof kMostWait);
+  setsockopt(socket.Get(), SOL_SOCKET, SO_RCVTIMEO, &kMaxWait, sizeof kMaxWait);
   if (!AskForAll(socket.Get())) return std::nullopt;
-  std::array<char, kAnswerRoom> room;
+  std::array<char, kMaxAnswerBytes> buffer;
   for (;;) {
-    const ssize_t length = recv(socket.Get(), room.data(), room.size(), 0);
+    const ssize_t length = recv(socket.Get(), buffer.data(), buffer.size(), 0);
     if (length < 0 && errno == EINTR) continue;
     if (length <= 0) return std::nullopt;
-    std::string_view answer(room.data(), static_cast<std::size_t>(length));
+    std::string_view answer(buffer.data(), static_cast<std::size_t>(length));
     nlmsghdr header{};
     for (std::string_view rest = answer; TakePart(rest, header, NLMSG_HDRLEN); rest = answer) {
       if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY || header.nlmsg_len < NLMSG_HDRLEN) return std::nullopt;
