@@ -18,7 +18,7 @@ class InstanceLock {
   virtual ~InstanceLock() = default;
 };
 
-// The lock named `name` (its first 107 bytes count), or nothing when another instance holds it.
+// The lock named `name` (on Linux its first 107 bytes count), or nothing when another instance holds it.
 // `exit_requested` is called from the loop when another process of the same user or of root asks for the end
 // (RequestExit); requests of others are dropped. Raises 57 "Device I/O error" when the system refuses for
 // another reason.

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "platform/device_error.h"
 #include "platform/dotted_address.h"
 #include "platform/sockets.h"
 
@@ -29,9 +30,7 @@ constexpr int kReceiveBufferBytes = 1 << 20;
 // No sane host has more addresses; an answer over TCP could hold some thousands.
 constexpr int kMaxAddresses = 256;
 
-[[noreturn]] void RaiseDeviceError() {
-  throw Error(error_number::kDeviceIo, "mNameLookup.DnsChannel", "Device I/O error");
-}
+constexpr const char* kSource = "mNameLookup.DnsChannel";
 
 int LookupError(int status) {
   switch (status) {
@@ -154,14 +153,14 @@ DnsChannel::DnsChannel(EventLoop& loop, const DnsSettings& settings, DnsSink& si
   options.udp_port = settings.port;
   options.tcp_port = settings.port;
   if (settings.port != 0) given |= ARES_OPT_UDP_PORT | ARES_OPT_TCP_PORT;
-  if (ares_library_init(ARES_LIB_INIT_ALL) != ARES_SUCCESS) RaiseDeviceError();
+  if (ares_library_init(ARES_LIB_INIT_ALL) != ARES_SUCCESS) RaiseDeviceError(kSource);
   const int status = ares_init_options(&channel_, &options, given);
   if (status != ARES_SUCCESS ||
       (!settings.servers.empty() &&
        ares_set_servers_ports_csv(channel_, settings.servers.c_str()) != ARES_SUCCESS)) {
     if (status == ARES_SUCCESS) ares_destroy(channel_);
     ares_library_cleanup();
-    RaiseDeviceError();
+    RaiseDeviceError(kSource);
   }
 }
 

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <clocale>
 #include <csignal>
 #include <cstdint>
@@ -43,7 +44,8 @@ constexpr int kSocket = 3;
 constexpr int kStatusLines = 1;
 constexpr int kHeaderLines = 1;
 constexpr int kCtrlC = 3;
-constexpr int kEscapeDelayMilliseconds = 25;
+// How long after an ESC the rest of a key's sequence may come.
+constexpr std::chrono::milliseconds kEscapeDelay{25};
 
 class Renderer {
  public:
@@ -244,7 +246,7 @@ bool BeginDrawing() {
   nodelay(stdscr, TRUE);
   keypad(stdscr, TRUE);
   leaveok(stdscr, TRUE);
-  set_escdelay(kEscapeDelayMilliseconds);
+  set_escdelay(static_cast<int>(kEscapeDelay.count()));
   curs_set(0);
   return true;
 }

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "base/error.h"
+#include "platform/device_error.h"
 
 namespace trabex {
 
@@ -67,7 +67,7 @@ std::string WhyTerminalTypeUnusable() {
 TerminalState::TerminalState() : terminal_(open("/dev/tty", O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC)) {
   if (terminal_ < 0 || tcgetattr(terminal_, &modes_) != 0) {
     if (terminal_ >= 0) close(terminal_);
-    throw Error(error_number::kDeviceIo, "TerminalState.TerminalState", "Device I/O error");
+    RaiseDeviceError("TerminalState.TerminalState");
   }
   const TerminalType type;
   for (const char* const command : {"rmkx", "sgr0", "rmcup", "cnorm"}) leave_ += type.Command(command);

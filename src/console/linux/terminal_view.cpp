@@ -20,6 +20,7 @@
 #include "console/linux/terminal_renderer.h"
 #include "console/linux/terminal_state.h"
 #include "console/linux/terminal_wire.h"
+#include "platform/device_error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/process/signals.h"
 
@@ -32,9 +33,7 @@ constexpr std::chrono::milliseconds kEndLimit{500};
 // A character takes no more bytes than this in UTF-8.
 constexpr std::size_t kMaxBytesPerColumn = 4;
 
-[[noreturn]] void Fail() {
-  throw Error(error_number::kDeviceIo, "MainView.OpenView", "Device I/O error");
-}
+constexpr const char* kSource = "MainView.OpenView";
 
 // Signals of the terminal that would stop the program, ignored for a while. SIGCHLD gets its usual meaning:
 // where it was ignored, the number of an ended renderer could be given out again unnoticed.
@@ -66,7 +65,7 @@ class RendererProcess {
  public:
   explicit RendererProcess(bool folded) {
     int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) Fail();
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) RaiseDeviceError(kSource);
     {
       // The child must not run our handlers before it has its own.
       const BlockedSignals blocked(AllSignals());
@@ -77,7 +76,7 @@ class RendererProcess {
     socket_ = pair[0];
     if (process_ < 0) {
       close(socket_);
-      Fail();
+      RaiseDeviceError(kSource);
     }
   }
   ~RendererProcess() {
@@ -95,8 +94,8 @@ class RendererProcess {
   // Returns whether more may come.
   bool Read(RendererReport& report) {
     for (;;) {
-      char* const room = reinterpret_cast<char*>(&partial_) + partial_bytes_;
-      const ssize_t count = recv(socket_, room, sizeof partial_ - partial_bytes_, MSG_DONTWAIT);
+      char* const rest = reinterpret_cast<char*>(&partial_) + partial_bytes_;
+      const ssize_t count = recv(socket_, rest, sizeof partial_ - partial_bytes_, MSG_DONTWAIT);
       if (count == 0) return false;
       if (count < 0 && errno == EINTR) continue;
       if (count < 0) return errno == EAGAIN;
@@ -216,7 +215,7 @@ class TerminalView final : public MainView {
       const ssize_t sent =
           send(renderer_->Socket(), pending_.data(), pending_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
-      if (sent < 0) break;  // no room now, or the renderer has gone: the socket tells which
+      if (sent < 0) break;  // it would block, or the renderer has gone: the socket's next event tells which
       pending_.erase(0, static_cast<std::size_t>(sent));
     }
     watch_->SetInterest({.readable = true, .writable = !pending_.empty()});

@@ -10,7 +10,7 @@
 #include <limits>
 #include <utility>
 
-#include "base/error.h"
+#include "platform/device_error.h"
 #include "platform/linux/loop/event_loop_impl.h"
 
 namespace trabex {
@@ -27,7 +27,7 @@ Milliseconds Sane(Milliseconds interval) {
 }  // namespace
 
 EventLoop::Impl::Impl(const Clock& the_clock) : clock(the_clock), epoll(epoll_create1(EPOLL_CLOEXEC)) {
-  if (epoll < 0) throw Error(error_number::kDeviceIo, "EventLoop.EventLoop", "Device I/O error");
+  if (epoll < 0) RaiseDeviceError("EventLoop.EventLoop");
   fd_source = AddSource(watched_fds);
 }
 

@@ -3,8 +3,8 @@
 #include <cassert>
 #include <utility>
 
-#include "base/error.h"
 #include "platform/common/call_handler.h"
+#include "platform/device_error.h"
 #include "platform/linux/loop/event_loop_impl.h"
 
 namespace trabex {
@@ -78,7 +78,7 @@ void FdWatcher::SetInterest(FdReadiness interest) {
     return;
   }
   if (loop.Control(slot.in_set ? EPOLL_CTL_MOD : EPOLL_CTL_ADD, slot.descriptor, events, target) != 0) {
-    throw Error(error_number::kDeviceIo, "FdWatcher.SetInterest", "Device I/O error");
+    RaiseDeviceError("FdWatcher.SetInterest");
   }
   slot.in_set = true;
 }

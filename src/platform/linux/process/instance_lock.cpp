@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/error.h"
+#include "platform/device_error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/unix_socket_table.h"
@@ -49,9 +50,7 @@ AbstractAddress AddressOf(std::string_view name) {
   return result;
 }
 
-[[noreturn]] void RaiseDeviceError() {
-  throw Error(error_number::kDeviceIo, "mInstanceLock.TryLockInstance", "Device I/O error");
-}
+constexpr const char* kLockSource = "mInstanceLock.TryLockInstance";
 
 // What one message says. Its sender's identity comes from the system; nobody can forge it but root.
 struct Message {
@@ -143,13 +142,13 @@ class SocketInstanceLock final : public InstanceLock {
 std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
                                               std::function<void()> exit_requested) {
   Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  if (!socket) RaiseDeviceError();
+  if (!socket) RaiseDeviceError(kLockSource);
   const int yes = 1;
-  if (setsockopt(socket.Get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes) != 0) RaiseDeviceError();
+  if (setsockopt(socket.Get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes) != 0) RaiseDeviceError(kLockSource);
   const AbstractAddress bound = AddressOf(name);
   if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&bound.address), bound.length) != 0) {
     if (errno == EADDRINUSE) return nullptr;
-    RaiseDeviceError();
+    RaiseDeviceError(kLockSource);
   }
   return std::make_unique<SocketInstanceLock>(loop, std::move(socket), std::move(exit_requested));
 }

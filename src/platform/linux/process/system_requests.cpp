@@ -7,7 +7,7 @@
 
 #include <utility>
 
-#include "base/error.h"
+#include "platform/device_error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/signals.h"
@@ -44,7 +44,7 @@ class SignalRequests final : public SystemRequests {
         descriptor_(signalfd(-1, &signals, SFD_NONBLOCK | SFD_CLOEXEC)),
         watch_(loop, descriptor_.Get(), [this](FdReadiness) { OnReady(); }) {
     if (!descriptor_) {
-      throw Error(error_number::kDeviceIo, "mSystemRequests.WatchSystemRequests", "Device I/O error");
+      RaiseDeviceError("mSystemRequests.WatchSystemRequests");
     }
     watch_.SetInterest({.readable = true});
   }

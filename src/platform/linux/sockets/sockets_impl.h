@@ -3,14 +3,14 @@
 // A connected socket is registered once, edge-triggered, for everything, so that arming a notification again
 // costs no system call. What keeps that right:
 //   - An edge comes whenever data arrives after a receive that took everything, so a short receive needs no
-//     second one that finds nothing (epoll(7)). Only a receive that filled its room leaves the question open;
-//     the socket is then re-armed before the next wait: registered anew, which makes the kernel report again
-//     what is there.
+//     second one that finds nothing (epoll(7)). Only a receive that filled its buffer leaves the question
+//     open; the socket is then re-armed before the next wait: registered anew, which makes the kernel report
+//     again what is there.
 //   - Once the peer's end was seen no further edge comes, so from then on the socket is re-armed after every
 //     receive, and each report asks with a peek whether data or the end comes next.
 //   - Urgent data ends a receive early as well; the socket of a peer that sends any is re-armed after every
 //     receive.
-//   - A send that took less than all makes the kernel report when there is room again.
+//   - A send that took less than all makes the kernel report when the next one is possible.
 // A listener is level-triggered: after an accept the kernel reports the next connection by itself. When
 // nobody accepts, it is disarmed (left in the epoll set without any interest) until somebody does.
 #pragma once
