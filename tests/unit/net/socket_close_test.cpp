@@ -137,7 +137,7 @@ TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
   EXPECT_EQ(told, 1);
 }
 
-TEST_F(CloseInsideTest, TheOwnerMayBeRetired) {
+TEST_F(CloseInsideTest, TheOwnerMayBeDeletedLater) {
   struct Owner final : DeferredDeletable {
     explicit Owner(modSocketMaster& module) : socket(module) {}
     TracedSocket socket;

@@ -348,7 +348,7 @@ TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheTurns) {
   EXPECT_EQ(posts, 10);
 }
 
-TEST_F(EventLoopTest, ForeignWatchTellsWhatIsReadyAsLongAsItIs) {
+TEST_F(EventLoopTest, FdWatcherTellsWhatIsReadyAsLongAsItIs) {
   SocketPair pair;
   int readable = 0;
   int writable = 0;
@@ -372,7 +372,7 @@ TEST_F(EventLoopTest, ForeignWatchTellsWhatIsReadyAsLongAsItIs) {
   EXPECT_EQ(writable, 1);
 }
 
-TEST_F(EventLoopTest, ForeignWatchTellsAHangUpAsWhatIsWatchedForAndNothingWithoutInterest) {
+TEST_F(EventLoopTest, FdWatcherTellsAHangUpAsWhatIsWatchedForAndNothingWithoutInterest) {
   SocketPair pair;
   int readable = 0;
   int writable = 0;
@@ -392,7 +392,7 @@ TEST_F(EventLoopTest, ForeignWatchTellsAHangUpAsWhatIsWatchedForAndNothingWithou
   EXPECT_EQ(readable, 1);
 }
 
-TEST_F(EventLoopTest, ForeignWatchMayBeDestroyedInsideItsOwnCallAndByAnotherOne) {
+TEST_F(EventLoopTest, FdWatcherMayBeDestroyedInsideItsOwnCallAndByAnotherOne) {
   SocketPair pair;
   auto text = std::make_shared<std::string>("alive");
   std::unique_ptr<FdWatcher> watch;
@@ -460,7 +460,7 @@ TEST_F(EventLoopTest, RunningTheLoopFromInsideItIsADefect) {
   EXPECT_DEBUG_DEATH(loop.RunOnce(kNow), "from inside");
 }
 
-TEST_F(EventLoopTest, ForeignWatchOfSomethingThatCannotBeWatchedRaises) {
+TEST_F(EventLoopTest, FdWatcherOfSomethingThatCannotBeWatchedRaises) {
   FdWatcher watch(loop, 1 << 20, [](FdReadiness) {});
   try {
     watch.SetInterest({.readable = true});
