@@ -60,11 +60,11 @@ std::size_t Resident() {
 // memory of the benchmark's own would count as that of the program (forking takes the longer the more there
 // is).
 struct Triple {
-  std::string ip;
+  IPAddress ip;
   std::string sender;
   std::string recipient;
 
-  std::string Key() const { return ip.substr(0, ip.rfind('.')) + " " + sender + " " + recipient; }
+  std::string Key() const { return FormatIPv4Parts(ip, 3) + " " + sender + " " + recipient; }
 };
 
 Triple MakeTriple(std::size_t number) {
@@ -73,8 +73,8 @@ Triple MakeTriple(std::size_t number) {
   const std::uint64_t mixed = (number + 1) * 0x9E3779B97F4A7C15;
   const auto part = [mixed](int shift, std::uint64_t below) { return (mixed >> shift) % below; };
   Triple triple;
-  triple.ip = std::to_string(1 + part(56, 223)) + "." + std::to_string(part(48, 256)) + "." +
-              std::to_string(part(40, 256)) + ".9";
+  triple.ip = IPAddress::IPv4(
+      static_cast<std::uint32_t>((1 + part(56, 223)) << 24 | part(48, 256) << 16 | part(40, 256) << 8 | 9));
   triple.sender = "sender" + std::to_string(number) + "@" + kHosts[part(32, kHosts.size())];
   triple.recipient = "user" + std::to_string(part(16, 5000)) + "@local.test";
   return triple;
@@ -144,7 +144,7 @@ double NewTripleAt(std::size_t pending, bool one_network) {
   std::size_t number = 0;
   const auto check = [&] {
     Triple triple = MakeTriple(number++);
-    if (one_network) triple.ip = "192.0.2.9";
+    if (one_network) triple.ip = IPAddress::IPv4(0xC0000209);
     return TimeOf([&] { grey.GreyListingCheck("mail.test", triple.ip, triple.sender, triple.recipient); });
   };
   while (number < pending) check();

@@ -81,13 +81,13 @@ const struct Shape {
     {"IP addresses, a line each",
      [](int count) {
        return "[Common]\n" + Lines("IPBlackList=", count, [](int number) {
-                return mCommon::FormatIP(static_cast<IPNumber>(number) * 2654435761U);
+                return FormatIPAddress(IPAddress::IPv4(static_cast<std::uint32_t>(number) * 2654435761U));
               });
      }},
     {"IP addresses, one line",
      [](int count) {
        return "[Common]\n" + OneLine("IPBlackList=", count, [](int number) {
-                return mCommon::FormatIP(static_cast<IPNumber>(number) * 2654435761U);
+                return FormatIPAddress(IPAddress::IPv4(static_cast<std::uint32_t>(number) * 2654435761U));
               });
      }},
     {"IP duplicates, one line",

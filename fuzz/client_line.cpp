@@ -22,7 +22,7 @@ using namespace trabex;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
     return delays;
   }
 
@@ -101,7 +101,7 @@ class Session {
     if (over_) return bytes.size();
 
     const std::string_view line = bytes.substr(0, size);
-    const std::string logged = FormatSessionLine("R: ", 1, "192.0.2.7", "< " + commands_.LoggedForm(line));
+    const std::string logged = FormatSessionLine("R: ", 1, kIPv4Loopback, "< " + commands_.LoggedForm(line));
     Require(!HasControlByte(logged));
     const bool data = state_.AuthenticationData;
     Require(!data || logged.find("***") != std::string::npos);

@@ -24,7 +24,7 @@ class StandingClock final : public Clock {
 
 class Facts final : public SessionFacts {
  public:
-  std::string ClientIP() const override { return "192.0.2.7"; }
+  IPAddress ClientIP() const override { return IPAddress::IPv4(0xC0000207); }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return "mail.client.test"; }
   std::int64_t BytesReceived() const override { return 0; }

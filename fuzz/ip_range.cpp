@@ -27,8 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     try {
       const IPRange range = mCommon::InitIPRange(line);
       Require(range.low <= range.high);
-      Require(mCommon::InitIPRange(mCommon::FormatIP(range.low) + "-" + mCommon::FormatIP(range.high)) ==
-              range);
+      Require(mCommon::InitIPRange(FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high)) == range);
       ranges.push_back(range);
     } catch (const Error& error) {
       Require(error.Number() == error_number::kBadValue);
@@ -36,7 +35,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   }
   const IPRangeList list(ranges);
   for (const IPRange& range : ranges) {
-    for (IPNumber ip : {range.low - 1, range.low, range.high, range.high + 1}) {
+    const std::uint32_t low = range.low.Number();
+    const std::uint32_t high = range.high.Number();
+    for (const std::uint32_t number : {low - 1, low, high, high + 1}) {
+      const IPAddress ip = IPAddress::IPv4(number);
       Require(list.Contains(ip) == std::any_of(ranges.begin(), ranges.end(), [ip](const IPRange& held) {
                 return mCommon::IPInRange(ip, held);
               }));

@@ -6,12 +6,12 @@
 namespace trabex {
 
 std::string ConnectionRow(std::int32_t handle, std::int64_t bytes_received, std::int64_t bytes_sent,
-                          double duration, std::string_view client_ip, std::string_view host_name) {
+                          double duration, const IPAddress& client_ip, std::string_view host_name) {
   std::string row = " " + AlignRight(std::to_string(handle), 6);
   row += " " + AlignRight(std::to_string(bytes_received), 8);
   row += " " + AlignRight(std::to_string(bytes_sent), 8);
   row += " " + FormatDuration(duration);
-  row += " " + AlignRight(client_ip, 15);
+  row += " " + AlignRight(FormatIPAddress(client_ip), 15);
   row.append(" ").append(host_name);
   return row;
 }

@@ -5,6 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/ip_address.h"
+
 namespace trabex {
 
 inline constexpr std::string_view kConnectionHeader =
@@ -13,6 +15,6 @@ inline constexpr std::string_view kConnectionHeader =
 // One row: 51 characters up to the host name as long as every value has its width; a wider one moves the rest
 // to the right. `duration` is in days, shown as hours (0 to 23), minutes and seconds.
 std::string ConnectionRow(std::int32_t handle, std::int64_t bytes_received, std::int64_t bytes_sent,
-                          double duration, std::string_view client_ip, std::string_view host_name);
+                          double duration, const IPAddress& client_ip, std::string_view host_name);
 
 }  // namespace trabex

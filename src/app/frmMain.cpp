@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <utility>
 #include <variant>
 
@@ -190,15 +191,18 @@ bool frmMain::Listen() {
 // Whether a connection to one of the addresses would come back to the listener, given that the ports are
 // equal.
 bool frmMain::LoopsBack(const std::vector<std::uint32_t>& server_addresses) const {
-  const std::uint32_t bound = mCommon::CLngIP(BindIPInForce(program_.configuration));
-  std::vector<std::uint32_t> own;
-  if (bound == 0) {
-    const int error = program_.sockets.LocalAddresses(own);
+  const IPAddress bound = mCommon::CLngIP(BindIPInForce(program_.configuration));
+  std::vector<IPAddress> own;
+  if (bound.IsUnspecified()) {
+    std::vector<std::uint32_t> numbers;
+    const int error = program_.sockets.LocalAddresses(numbers);
     if (error != 0) throw Error(error, "frmMain.StartListening", std::string(SocketErrorText(error)));
+    std::transform(numbers.begin(), numbers.end(), std::back_inserter(own), IPAddress::IPv4);
   }
-  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](std::uint32_t address) {
-    if (address == 0) return true;  // the system takes it for this machine
-    return bound == 0 ? mCommon::IsOwnAddress(mCommon::FormatIP(address), own) : address == bound;
+  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](std::uint32_t number) {
+    const IPAddress address = IPAddress::IPv4(number);
+    if (address.IsUnspecified()) return true;  // the system takes it for this machine
+    return bound.IsUnspecified() ? mCommon::IsOwnAddress(address, own) : address == bound;
   });
 }
 

@@ -9,7 +9,7 @@ GreyListing::GreyListing(const GreyListingSettings& settings, Log& log, const Cl
       decision_(settings, log, clock, database_, warning_),
       store_(settings, log, clock, loop, database_, warning_) {}
 
-bool GreyListing::ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+bool GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                               std::string_view recipient) {
   return IsDelayed(decision_.GreyListingCheck(host_name, ip, sender, recipient));
 }

@@ -37,7 +37,7 @@ class GreyListing final : public GreylistCheck {
   // All outlive this object.
   GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop);
 
-  bool ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+  bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                    std::string_view recipient) override;
 
   // They refer to this object.

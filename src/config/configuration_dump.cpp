@@ -47,11 +47,11 @@ std::string FormatSize(FixedPoint size) {
 
 // A range in the shortest of its notations.
 std::string FormatRange(const IPRange& range) {
-  if (range.low == range.high) return mCommon::FormatIP(range.low);
-  const IPNumber host_bits = range.low ^ range.high;
-  const bool is_block = (host_bits & (host_bits + 1)) == 0 && (range.low & host_bits) == 0;
-  if (is_block) return mCommon::FormatIP(range.low) + "/" + std::to_string(mCommon::MaskToBits(~host_bits));
-  return mCommon::FormatIP(range.low) + "-" + mCommon::FormatIP(range.high);
+  if (range.low == range.high) return FormatIPAddress(range.low);
+  const int bits = range.low.CommonBits(range.high);
+  const bool is_block = range.low == range.low.Prefix(bits) && range.high == range.low.PrefixEnd(bits);
+  if (is_block) return FormatIPAddress(range.low) + "/" + std::to_string(bits);
+  return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
 }
 
 // Writes lines; several for a list, each of them beginning with its key.
@@ -184,11 +184,11 @@ void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionLi
 
 void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
   writer.BeginList(setting.key);
-  std::unordered_set<std::uint64_t> written;
+  std::unordered_set<std::string> written;
   written.reserve(list.Count());
   for (const IPRange& range : list.Ranges()) {
-    const bool is_new = written.insert(std::uint64_t{range.low} << 32 | range.high).second;
-    if (is_new) writer.Entry(FormatRange(range));
+    const auto [text, is_new] = written.insert(FormatRange(range));
+    if (is_new) writer.Entry(*text);
   }
   writer.EndList();
 }

@@ -177,8 +177,7 @@ IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const 
       ReportConfigError(errors, section.Name(), key, error.Number(), error.Description());
     }
   }
-  ranges.shrink_to_fit();
-  return IPRangeList(std::move(ranges));
+  return IPRangeList(ranges);
 }
 
 ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTable& section) {

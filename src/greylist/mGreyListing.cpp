@@ -19,17 +19,16 @@ namespace {
 constexpr std::array<std::string_view, 5> kOutcomeTexts = {"New, Delayed.", "Expired, Delayed.", "Delayed.",
                                                            "Accepted.", "Whitelisted."};
 
-// The first three octets of a dotted quad.
-std::string_view NetworkOf(std::string_view ip_text) {
-  return ip_text.substr(0, ip_text.rfind('.'));
+// The client's /24: mail servers of one sender often share it.
+std::string NetworkOf(const IPAddress& ip) {
+  return FormatIPv4Parts(ip, 3);
 }
 
 // "<network> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
 // none outside a quoted local part. Addresses with letters beyond ASCII are folded, so that no other spelling
 // is another triple; keys without such letters are what they always were. The cut is never reached (a command
 // line is far shorter); it is there because the database file cannot hold a longer key.
-std::string TripleKey(std::string_view ip_text, std::string_view sender, std::string_view recipient) {
-  const std::string_view network = NetworkOf(ip_text);
+std::string TripleKey(std::string_view network, std::string_view sender, std::string_view recipient) {
   std::string key;
   key.reserve(network.size() + sender.size() + recipient.size() + 2);
   key.append(network);
@@ -54,22 +53,22 @@ std::int32_t AcceptedCount(const cGreyListingData& record) {
 
 }  // namespace
 
-GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, std::string_view ip_text,
+GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, const IPAddress& ip,
                                                   std::string_view sender, std::string_view recipient) {
-  const IPNumber ip = mCommon::CLngIP(ip_text);
   if (mCommon::IPInRangeList(ip, settings_.IPWhiteList) ||
       mText::MatchList(host_name, settings_.HostsWhiteList)) {
     LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
     return GreyListingOutcome::kWhitelisted;
   }
-  std::string key = TripleKey(ip_text, sender, recipient);
+  const std::string network = NetworkOf(ip);
+  std::string key = TripleKey(network, sender, recipient);
   cGreyListingData* record = database_.Find(key);
   const DateTime now = clock_.UniversalNow();
   const Terms terms = TermsFor(ip, host_name);
 
   auto outcome = GreyListingOutcome::kNew;
   if (record == nullptr) {
-    record = &NewRecord(std::move(key), NetworkOf(ip_text), terms, now);
+    record = &NewRecord(std::move(key), network, terms, now);
   } else {
     const bool was_pending = record->Pending();
     outcome = Judge(*record, terms, now);
@@ -88,7 +87,7 @@ cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view netw
   return record;
 }
 
-mGreyListing::Terms mGreyListing::TermsFor(IPNumber ip, std::string_view host_name) const {
+mGreyListing::Terms mGreyListing::TermsFor(const IPAddress& ip, std::string_view host_name) const {
   if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
       mText::MatchList(host_name, settings_.HostsBlackList)) {
     return {true, settings_.BlackListDelay, settings_.BlackListMinCount};

@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/ip_address.h"
 #include "base/log.h"
 #include "config/configuration.h"
 #include "greylist/greylisting_database.h"
@@ -37,13 +38,12 @@ class mGreyListing {
                GreyListingDatabase& database, PendingWarning& warning)
       : settings_(settings), log_(log), clock_(clock), database_(database), warning_(warning) {}
 
-  // `host_name` is the client's name as resolved for the session, or empty; `ip_text` its address as a dotted
-  // quad; `sender` and `recipient` are addresses without angle brackets, letter case as it may be. Creates or
-  // refreshes the triple's record, sets the database's changed flag and, where the settings say so, writes
-  // one log line; a whitelisted client has the log line only. For a new record older pending ones may have to
-  // go (MaxPending, MaxPendingPerNetwork). Raises 380 (source "mCommon.CLngIP") when
-  // `ip_text` is no address.
-  GreyListingOutcome GreyListingCheck(std::string_view host_name, std::string_view ip_text,
+  // `host_name` is the client's name as resolved for the session, or empty; `ip` its address; `sender` and
+  // `recipient` are addresses without angle brackets, letter case as it may be. Creates or refreshes the
+  // triple's record, sets the database's changed flag and, where the settings say so, writes one log line; a
+  // whitelisted client has the log line only. For a new record older pending ones may have to go (MaxPending,
+  // MaxPendingPerNetwork).
+  GreyListingOutcome GreyListingCheck(std::string_view host_name, const IPAddress& ip,
                                       std::string_view sender, std::string_view recipient);
 
  private:
@@ -55,7 +55,7 @@ class mGreyListing {
   };
 
   cGreyListingData& NewRecord(std::string key, std::string_view network, const Terms& terms, DateTime now);
-  Terms TermsFor(IPNumber ip, std::string_view host_name) const;
+  Terms TermsFor(const IPAddress& ip, std::string_view host_name) const;
   GreyListingOutcome Judge(cGreyListingData& record, const Terms& terms, DateTime now) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
 

@@ -1,62 +1,67 @@
-// IPv4 addresses as numbers, the range notations of the IP list keys, and lists of ranges.
+// The range notations of the IP list keys, which are those of IPv4, and lists of ranges.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <string>
 #include <string_view>
 #include <vector>
 
-namespace trabex {
+#include "base/ip_address.h"
 
-// a.b.c.d is a*2^24 + b*2^16 + c*2^8 + d; unsigned, so that addresses from 128.0.0.0 on are the greater ones.
-using IPNumber = std::uint32_t;
+namespace trabex {
 
 // Both ends belong to it.
 struct IPRange {
-  IPNumber low = 0;
-  IPNumber high = 0;
+  IPAddress low;
+  IPAddress high;
   friend bool operator==(const IPRange&, const IPRange&) = default;
 };
 
-// Ranges in the order of their entries, with a sorted and merged copy for look-ups. The empty list matches
-// nothing.
+// Ranges of IPv4 addresses in the order of their entries, with a sorted and merged copy for look-ups; 16
+// bytes for each entry, since a list may have a million. The empty list matches nothing.
 class IPRangeList {
  public:
   IPRangeList() = default;
-  explicit IPRangeList(std::vector<IPRange> ranges);
+  // Both ends of each range are IPv4 addresses.
+  explicit IPRangeList(const std::vector<IPRange>& ranges);
 
-  const std::vector<IPRange>& Ranges() const { return ranges_; }
+  std::vector<IPRange> Ranges() const;
   std::size_t Count() const { return ranges_.size(); }
   // Whether one of the ranges holds `ip`; logarithmic in their number.
-  bool Contains(IPNumber ip) const;
+  bool Contains(const IPAddress& ip) const;
 
  private:
-  std::vector<IPRange> ranges_;
-  std::vector<IPRange> merged_;  // ascending, disjoint, not adjacent
+  struct Numbers {
+    std::uint32_t low;
+    std::uint32_t high;
+  };
+  // The same addresses in ascending ranges that neither overlap nor touch.
+  static std::vector<Numbers> Merged(std::vector<Numbers> ranges);
+
+  std::vector<Numbers> ranges_;
+  std::vector<Numbers> merged_;
 };
 
 namespace mCommon {
 
-// Raises 380 (source "mCommon.CLngIP") "Invalid IP address: \"<text>\"." unless `text` is four parts of 0 to
-// 255, each written as ParseInteger reads it.
-IPNumber CLngIP(std::string_view text);
-// "a.b.c.d".
-std::string FormatIP(IPNumber ip);
+// The IPv4 address that `text` is in the form kNumbers. Raises 380 (source "mCommon.CLngIP") "Invalid IP
+// address:
+// \"<text>\"." when it is none.
+IPAddress CLngIP(std::string_view text);
 // 0 to 32. Raises 380 (source "mCommon.MaskToBits") "Invalid subnet mask: \"<a.b.c.d>\"." unless the ones of
 // `mask` are its first bits.
-int MaskToBits(IPNumber mask);
+int MaskToBits(const IPAddress& mask);
 // `bits` ones from the top; 0 and anything above 32 give 0.
-IPNumber BitsToMask(int bits);
+IPAddress BitsToMask(int bits);
 // Reads "a.b.c.d", "a.b.c.d/bits", "a.b.c.d/mask" or "a.b.c.d-a.b.c.d" (no blanks around). Raises 380 with
 // source "mCommon.InitIPRange" or that of the function that refused a part.
 IPRange InitIPRange(std::string_view text);
 // -1, 0 or 1.
-int CompareIP(IPNumber a, IPNumber b);
-bool IPInRange(IPNumber ip, const IPRange& range);
-bool IPInRangeList(IPNumber ip, const IPRangeList& list);
-// Whether `address` (a dotted quad; raises what CLngIP raises) is in 127.0.0.0/8 or one of `own_addresses`.
-bool IsOwnAddress(std::string_view address, const std::vector<IPNumber>& own_addresses);
+int CompareIP(const IPAddress& a, const IPAddress& b);
+bool IPInRange(const IPAddress& ip, const IPRange& range);
+bool IPInRangeList(const IPAddress& ip, const IPRangeList& list);
+// Whether `address` is a loopback address or one of `own_addresses`.
+bool IsOwnAddress(const IPAddress& address, const std::vector<IPAddress>& own_addresses);
 
 }  // namespace mCommon
 }  // namespace trabex

@@ -70,8 +70,12 @@ void CSocketMaster::SetRemoteHost(std::string strHost) {
   remote_host_ = std::move(strHost);
 }
 
-const std::string& CSocketMaster::RemoteHostIP() const {
-  return remote_host_ip_;
+std::string CSocketMaster::RemoteHostIP() const {
+  return FormatIPAddress(remote_address_);
+}
+
+const IPAddress& CSocketMaster::RemoteAddress() const {
+  return remote_address_;
 }
 
 // The port the system chose is asked for when somebody wants to know it.
@@ -159,7 +163,7 @@ void CSocketMaster::CloseSck() {
     module_.CloseSocket(socket);
   }
   established_ = false;
-  remote_host_ip_.clear();
+  remote_address_ = {};
   send_.Clear();
   send_broken_ = false;
   receive_.Clear();
@@ -198,7 +202,7 @@ void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional
     return;
   }
   if (const auto address = ResolveIfHostname(remote_host_)) {
-    remote_host_ip_ = DottedAddress(*address);
+    remote_address_ = IPAddress::IPv4(*address);
     ConnectToIP(*address, 0);
   }
 }
@@ -265,7 +269,7 @@ void CSocketMaster::Accept(std::int32_t requestID) {
   socket_ = connection->socket;
   protocol_ = SocketProtocol::sckTCPProtocol;
   remote_port_ = connection->peer.port;
-  remote_host_ip_ = DottedAddress(connection->peer.address);
+  remote_address_ = IPAddress::IPv4(connection->peer.address);
   remote_host_.clear();
   ForgetPeerName();
   established_ = true;

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "net/byte_queue.h"
 #include "net/modSocketMaster.h"
 #include "platform/sockets.h"
@@ -65,7 +66,9 @@ class CSocketMaster final : public SocketSink {
   void SetRemotePort(std::int32_t lngPort);
   const std::string& RemoteHost() const;
   void SetRemoteHost(std::string strHost);
-  const std::string& RemoteHostIP() const;
+  // The peer's address as a text, "" while there is none; and as a value.
+  std::string RemoteHostIP() const;
+  const IPAddress& RemoteAddress() const;
   std::int32_t LocalPort() const;
   void SetLocalPort(std::int32_t lngPort);
   SocketState State() const;
@@ -135,7 +138,7 @@ class CSocketMaster final : public SocketSink {
   struct ColdState;  // what only few sockets need; kept apart so that a session's stay small
   struct PeerIdentity {
     std::int32_t port = 0;
-    std::string host_ip;
+    IPAddress address;
     std::string host;
   };
 
@@ -185,14 +188,14 @@ class CSocketMaster final : public SocketSink {
   SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
   bool established_ = false;  // the connection has stood since the socket was created
   std::int32_t remote_port_ = 0;
-  std::int32_t local_port_ = 0;       // as requested
-  std::uint32_t remote_address_ = 0;  // that a connect is under way to
-  std::int32_t send_chunk_ = 0;       // 0: not asked for yet, as for the next
+  std::int32_t local_port_ = 0;  // as requested
+  IPAddress connect_address_;    // that a connect is under way to
+  std::int32_t send_chunk_ = 0;  // 0: not asked for yet, as for the next
   std::int32_t receive_chunk_ = 0;
   std::int64_t bytes_received_ = 0;
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
-  std::string remote_host_ip_;
+  IPAddress remote_address_;
   ByteQueue send_;  // accepted and not sent
   bool hears_out_ = false;
   // With hears_out_: the peer broke the connection while something it said waits to be read.

@@ -59,7 +59,7 @@ void CSocketMaster::ConnectToIP(std::uint32_t address, int error) {
   if (error != 0) return ReportError(error, kSource);
   if (!BindForConnect()) return;
   state_ = SocketState::sckConnecting;
-  remote_address_ = address;
+  connect_address_ = IPAddress::IPv4(address);
   const int result = module_.sockets_.Connect(socket_, {address, static_cast<std::uint16_t>(remote_port_)});
   if (result == 0 || result == socket_error::kWouldBlock) return;
   if (result == socket_error::kAddressNotAvailable) RaiseSocketError(result, kSource);
@@ -106,21 +106,21 @@ void CSocketMaster::OnAccept() {
   module_.pause_.Accepted();
   module_.Keep(connection);
   // While the event runs, the listener's own properties tell who calls.
-  PeerIdentity before{remote_port_, std::move(remote_host_ip_), std::move(remote_host_)};
+  PeerIdentity before{remote_port_, remote_address_, std::move(remote_host_)};
   remote_port_ = connection.peer.port;
-  remote_host_ip_ = DottedAddress(connection.peer.address);
+  remote_address_ = IPAddress::IPv4(connection.peer.address);
   remote_host_.clear();
   Raise(Events.ConnectionRequest, "CSocketMaster.ConnectionRequest", connection.socket.index);
   if (state_ == SocketState::sckListening) {
     remote_port_ = before.port;
-    remote_host_ip_ = std::move(before.host_ip);
+    remote_address_ = before.address;
     remote_host_ = std::move(before.host);
   }
   if (const auto unclaimed = module_.Claim(connection.socket.index)) module_.CloseSocket(unclaimed->socket);
 }
 
 void CSocketMaster::OnConnected() {
-  remote_host_ip_ = DottedAddress(remote_address_);
+  remote_address_ = connect_address_;
   established_ = true;
   state_ = SocketState::sckConnected;
   Raise(Events.Connect, "CSocketMaster.Connect");

@@ -477,12 +477,12 @@ void cProxy::CloseReceiver() {
 
 void cProxy::LogSender(std::int32_t level, std::string_view text) {
   if ((host_.configuration.LogLevelServer & level) == 0) return;
-  host_.log.LogLine(FormatSessionLine("S: ", Sender.SocketHandle(), Sender.RemoteHostIP(), text));
+  host_.log.LogLine(FormatSessionLine("S: ", Sender.SocketHandle(), Sender.RemoteAddress(), text));
 }
 
 void cProxy::LogReceiver(std::int32_t level, std::string_view text) {
   if ((host_.configuration.LogLevelRemote & level) == 0) return;
-  host_.log.LogLine(FormatSessionLine("R: ", Receiver.SocketHandle(), Receiver.RemoteHostIP(), text));
+  host_.log.LogLine(FormatSessionLine("R: ", Receiver.SocketHandle(), Receiver.RemoteAddress(), text));
 }
 
 }  // namespace trabex

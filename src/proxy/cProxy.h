@@ -71,7 +71,7 @@ class cProxy final : public DeferredDeletable, private SessionFacts {
   std::int64_t BytesReceived() const override { return Receiver.BytesReceived(); }
   std::int64_t BytesSent() const override { return Receiver.BytesSent(); }
   double Duration() const;  // days
-  std::string ClientIP() const override { return Receiver.RemoteHostIP(); }
+  IPAddress ClientIP() const override { return Receiver.RemoteAddress(); }
   std::string HostNameOrUnknown() const { return ClientHostNameOrUnknown(); }
 
  private:

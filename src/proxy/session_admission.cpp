@@ -40,7 +40,7 @@ bool cProxy::AdmitByCount() {
 
 bool cProxy::AdmitByAddress() {
   const Configuration& c = host_.configuration;
-  const IPNumber ip = mCommon::CLngIP(Receiver.RemoteHostIP());
+  const IPAddress ip = ClientIP();
   Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
   if (Whitelisted) return true;
   if (mCommon::IPInRangeList(ip, c.IPAllowList) && !mCommon::IPInRangeList(ip, c.IPBlackList)) return true;
@@ -99,8 +99,7 @@ void cProxy::ConnectServer() {
 }
 
 bool cProxy::IsLocalClient() const {
-  if (!IsLocal)
-    IsLocal = mCommon::IPInRangeList(mCommon::CLngIP(Receiver.RemoteHostIP()), host_.configuration.LocalIPs);
+  if (!IsLocal) IsLocal = mCommon::IPInRangeList(ClientIP(), host_.configuration.LocalIPs);
   return *IsLocal;
 }
 

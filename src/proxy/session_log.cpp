@@ -50,17 +50,17 @@ void AppendVisible(std::string& line, std::string_view text) {
 
 }  // namespace
 
-std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
+std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text) {
   std::string line;
   line.reserve(side_tag.size() + text.size() + 32);
   line.append(side_tag).append("{");
   AppendAligned(line, std::to_string(handle), kHandleWidth);
   line.append("} [");
-  if (address.empty()) {
+  if (address.IsNone()) {
     line.append("   Undefined   ");
   } else {
-    AppendAligned(line, address, kAddressWidth);
+    AppendAligned(line, FormatIPAddress(address), kAddressWidth);
   }
   line.append("] ");
   AppendVisible(line, text);

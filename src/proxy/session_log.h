@@ -5,13 +5,15 @@
 #include <string>
 #include <string_view>
 
+#include "base/ip_address.h"
+
 namespace trabex {
 
-// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" while there is none), text. In `text`
+// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), text. In `text`
 // every CR LF becomes "¶", so that a multi-line block stays on one line, and each byte of every other
 // character that is not visible (base/visible_text.h) "\xHH", so that no peer forges a line or reaches the
 // terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
-std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, std::string_view address,
+std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text);
 
 }  // namespace trabex

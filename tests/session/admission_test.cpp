@@ -7,7 +7,7 @@
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kLocalhost = 0x7F000001;
+constexpr std::uint32_t kLocalhost = kIPv4Loopback.Number();
 
 TEST(Admission, GreetingComesFromTheServer) {
   PlayBothWays({}, R"(
@@ -42,7 +42,7 @@ TEST(Admission, TheCountIncludesTheNewSession) {
 TEST(Admission, BlackListedAddress) {
   PlayBothWays(
       [](SessionWorld& world) {
-        world.Settings.IPBlackList = IPRangeList({{kLocalhost, kLocalhost}});
+        world.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
       },
       R"(
     <- 554 Connection from 127.0.0.1 not allowed.
@@ -53,7 +53,7 @@ TEST(Admission, BlackListedAddress) {
 TEST(Admission, AddressOutsideTheAllowList) {
   PlayBothWays(
       [](SessionWorld& world) {
-        world.Settings.IPAllowList = IPRangeList({{1, 2}});
+        world.Settings.IPAllowList = IPRangeList({{IPAddress::IPv4(1), IPAddress::IPv4(2)}});
       },
       R"(
     <- 554 Connection from 127.0.0.1 not allowed.
@@ -63,8 +63,8 @@ TEST(Admission, AddressOutsideTheAllowList) {
 TEST(Admission, WhiteListWinsOverBlackListAndSkipsTheName) {
   PlayBothWays(
       [](SessionWorld& world) {
-        world.Settings.IPBlackList = IPRangeList({{kLocalhost, kLocalhost}});
-        world.Settings.IPWhiteList = IPRangeList({{kLocalhost, kLocalhost}});
+        world.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+        world.Settings.IPWhiteList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
         world.Settings.ValidateRDNS = 3;
       },
       "S: 220 server ready\n<- 220 server ready");
@@ -206,7 +206,7 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
 TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
   class Greylisting final : public GreylistCheck {
    public:
-    bool ShouldDefer(std::string_view host_name, std::string_view, std::string_view,
+    bool ShouldDefer(std::string_view host_name, const IPAddress&, std::string_view,
                      std::string_view) override {
       names.emplace_back(host_name);
       return false;

@@ -202,7 +202,7 @@ TEST(Rcpt, AddressesAreReplaced) {
 }
 
 struct DelayAll : GreylistCheck {
-  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
     return true;
   }
 };

@@ -102,7 +102,7 @@ TEST(LogLevels, OfTooManyCommandsOutOfOrder) {
 }
 
 struct DelayAll : GreylistCheck {
-  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
     return true;
   }
 };

@@ -19,7 +19,7 @@ SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
   Settings.BindIP = "127.0.0.1";
   Settings.ServerPort = server_listener_.Port();
   Settings.LocalHostName = "proxy.test";
-  Settings.LocalIPs = IPRangeList({{0x7F000001, 0x7F000001}});
+  Settings.LocalIPs = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
   Settings.LocalDomains.Add("local.test", {.patterns = {"local.test"}});
 }
 
@@ -122,7 +122,8 @@ bool SessionWorld::PlayStep(const script::Step& step) {
     case StepKind::kClosed:
       return ExpectClosed(step.side);
     case StepKind::kConnect:
-      return Connect(step.bytes.empty() ? 0x7F000001 : mCommon::CLngIP(step.bytes)), true;
+      return Connect(step.bytes.empty() ? kIPv4Loopback.Number() : mCommon::CLngIP(step.bytes).Number()),
+             true;
     case StepKind::kAccept:
       return true;
     case StepKind::kWait:
@@ -145,7 +146,8 @@ bool SessionWorld::Answer(const script::NameAnswers& answers) {
   if (answers.error) Names.SetAddressError(Names.AskedNames().back(), *answers.error);
   if (!answers.addresses.empty()) {
     std::vector<std::uint32_t> addresses;
-    for (const std::string& address : answers.addresses) addresses.push_back(mCommon::CLngIP(address));
+    for (const std::string& address : answers.addresses)
+      addresses.push_back(mCommon::CLngIP(address).Number());
     Names.SetAddresses(Names.AskedNames().back(), std::move(addresses));
   }
   return Names.Deliver(), Settle(), true;

@@ -5,7 +5,6 @@
 
 #include "base/text.h"
 #include "base/unicode_fold.h"
-#include "platform/dotted_address.h"
 #include "proxy/dialogue/command_parameters.h"
 #include "proxy/dialogue/control_characters.h"
 #include "proxy/dialogue/mailbox.h"
@@ -38,7 +37,7 @@ std::string_view WithoutLineEnd(std::string_view line) {
 std::string_view NameToLookUp(std::string_view helo_domain) {
   if (helo_domain.size() > 2 && helo_domain.front() == '[' && helo_domain.back() == ']') {
     const std::string_view inside = helo_domain.substr(1, helo_domain.size() - 2);
-    if (ParseDottedAddress(inside)) return inside;
+    if (ParseIPv4Address(inside)) return inside;
   }
   return helo_domain;
 }
@@ -224,7 +223,7 @@ LineDecision ClientCommandFilter::ProcessHelo(const Line& line) {
 LineDecision ClientCommandFilter::ProcessNameAnswer(const AddressAnswer& answer) {
   const Line line = TakeApart(std::exchange(waiting_line_, {}));
   if (answer.error != 0) return Complete(Answer({ReplyKind::kHeloDNSError, ""}));
-  const IPNumber client = mCommon::CLngIP(facts_.ClientIP());
+  const std::uint32_t client = facts_.ClientIP().Number();
   const bool confirmed =
       std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
   return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}));

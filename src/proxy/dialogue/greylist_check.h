@@ -3,15 +3,16 @@
 
 #include <string_view>
 
+#include "base/ip_address.h"
+
 namespace trabex {
 
 class GreylistCheck {
  public:
   virtual ~GreylistCheck() = default;
   // Counts the attempt; returns whether the recipient is to be deferred (RFC 6647), that is refused for now.
-  // `ip` is the client's address as a dotted quad, otherwise error 380 is raised; `host_name` is empty when
-  // the client has none.
-  virtual bool ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+  // `ip` is the client's address; `host_name` is empty when the client has none.
+  virtual bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                            std::string_view recipient) = 0;
 };
 

@@ -5,12 +5,15 @@
 #include <string>
 #include <vector>
 
+#include "base/ip_address.h"
+
 namespace trabex {
 
 class SessionFacts {
  public:
   virtual ~SessionFacts() = default;
-  virtual std::string ClientIP() const = 0;
+  // None once the connection to the client is closed.
+  virtual IPAddress ClientIP() const = 0;
   // Whether the client's address lies in LocalIPs.
   virtual bool IsLocalClient() const = 0;
   // The client's name from DNS; "" when it has none. Known before the first command line is looked at.

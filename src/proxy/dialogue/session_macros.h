@@ -21,7 +21,7 @@ class SessionMacros final : public MacroSource {
   std::string LocalHostName() const override { return configuration_.LocalHostName; }
   std::string RFCTime() const override { return clock_.RFCDate(); }
   std::string RemoteHostName() const override { return facts_.ClientHostNameOrUnknown(); }
-  std::string RemoteHostIP() const override { return facts_.ClientIP(); }
+  std::string RemoteHostIP() const override { return FormatIPAddress(facts_.ClientIP()); }
   std::string HeloDomain() const override { return state_.HeloDomain; }
   std::string BytesReceived() const override { return std::to_string(facts_.BytesReceived()); }
   std::string BytesSent() const override { return std::to_string(facts_.BytesSent()); }

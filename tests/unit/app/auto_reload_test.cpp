@@ -18,6 +18,7 @@
 #include "support/default_hang_up.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
+#include "support/ip_address.h"
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
 #include "support/temp_folder.h"
@@ -294,7 +295,8 @@ TEST_F(AutoReloadTest, GreylistingSwitchedOnIsInForce) {
 TEST_F(AutoReloadTest, RecordsGoOnThroughAReloadAndAreSaved) {
   WriteIni("[GreyListing]\nEnabled=1\nDelay=0\n");
   Start();
-  EXPECT_TRUE(program_->greylisting.ShouldDefer("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+  EXPECT_TRUE(
+      program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
   const std::string database = Settings().GreyListing.Database;
   WriteIni("Timeout=200\n[GreyListing]\nEnabled=1\nDelay=0\n");
   Pass(60);
@@ -303,7 +305,7 @@ TEST_F(AutoReloadTest, RecordsGoOnThroughAReloadAndAreSaved) {
   EXPECT_TRUE(RunUntil(program_->loop, [&] { return std::filesystem::exists(database); }));
   EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
   EXPECT_FALSE(
-      program_->greylisting.ShouldDefer("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+      program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
 }
 
 TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
@@ -312,7 +314,7 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {
     SCOPED_TRACE(other_database);
     WriteIni("[GreyListing]\nEnabled=1\n");
     Start();
-    EXPECT_TRUE(program_->greylisting.ShouldDefer("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    EXPECT_TRUE(program_->greylisting.ShouldDefer("", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
     const std::string database = Settings().GreyListing.Database;
     const std::filesystem::path in_the_way = database + "new";
     std::filesystem::create_directories(in_the_way);
@@ -336,7 +338,8 @@ TEST_F(AutoReloadTest, RecordsAreNotLoadedAnewWhereTheDatabaseStays) {
   const std::string greylisting = "[GreyListing]\nEnabled=1\nDelay=0\n";
   WriteIni(greylisting);
   Start();
-  EXPECT_TRUE(program_->greylisting.ShouldDefer("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+  EXPECT_TRUE(
+      program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
   ASSERT_EQ(program_->greylisting_hooks.save().kind, GreyListingSaveResult::Kind::kSaved);
   std::filesystem::remove(Settings().GreyListing.Database);
   log_.clear();
@@ -345,7 +348,7 @@ TEST_F(AutoReloadTest, RecordsAreNotLoadedAnewWhereTheDatabaseStays) {
   ASSERT_EQ(Reloads(), 1);
   EXPECT_THAT(log_, Not(Contains(HasSubstr("GreyListing database"))));
   EXPECT_FALSE(
-      program_->greylisting.ShouldDefer("client.test", "192.0.2.1", "s@remote.test", "r@local.test"));
+      program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
 }
 
 TEST_F(AutoReloadTest, RecordsOutliveAReloadThatFails) {
@@ -354,7 +357,7 @@ TEST_F(AutoReloadTest, RecordsOutliveAReloadThatFails) {
     SCOPED_TRACE(bad);
     WriteIni("[GreyListing]\nEnabled=1\n");
     Start();
-    EXPECT_TRUE(program_->greylisting.ShouldDefer("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    EXPECT_TRUE(program_->greylisting.ShouldDefer("", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
     const std::string database = folder_ / "GreyListing/GreyListing.gldb";
     WriteIni(std::string("IgnoreIniErrors=0\n") + bad);
     Pass(60);
@@ -372,7 +375,7 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayWithGreylistingOff) {
     SCOPED_TRACE(next);
     WriteIni(in_force);
     Start();
-    EXPECT_TRUE(program_->greylisting.ShouldDefer("", "192.0.2.1", "s@remote.test", "r@local.test"));
+    EXPECT_TRUE(program_->greylisting.ShouldDefer("", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
     const std::string database = Settings().GreyListing.Database;
     const std::filesystem::path in_the_way = database + "new";
     std::filesystem::create_directories(in_the_way);
@@ -398,7 +401,7 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayWithGreylistingOff) {
 TEST_F(AutoReloadTest, AMoveOfTheDatabaseThatFailedIsMadeByTheNextReload) {
   WriteIni("[GreyListing]\nEnabled=1\n");
   Start();
-  EXPECT_TRUE(program_->greylisting.ShouldDefer("", "192.0.2.1", "s@remote.test", "r@local.test"));
+  EXPECT_TRUE(program_->greylisting.ShouldDefer("", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
   const std::string before = Settings().GreyListing.Database;
   const std::filesystem::path in_the_way = before + "new";
   std::filesystem::create_directories(in_the_way);
@@ -412,7 +415,7 @@ TEST_F(AutoReloadTest, AMoveOfTheDatabaseThatFailedIsMadeByTheNextReload) {
   Pass(60);
   ASSERT_EQ(Reloads(), 2);
   EXPECT_EQ(LoadDatabaseFile(before).Count(), 1U);
-  EXPECT_TRUE(program_->greylisting.ShouldDefer("", "192.0.2.1", "new@remote.test", "r@local.test"));
+  EXPECT_TRUE(program_->greylisting.ShouldDefer("", IP("192.0.2.1"), "new@remote.test", "r@local.test"));
   Window().Form_Unload();
   EXPECT_EQ(LoadDatabaseFile(before).Count(), 1U);
   ASSERT_TRUE(std::filesystem::exists(Settings().GreyListing.Database));

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "config_support.h"
+#include "support/ip_address.h"
 
 namespace trabex {
 namespace {
@@ -176,9 +177,9 @@ TEST(GetIPRangeList, KeepsTheGoodRangesInOrder) {
       false);
   const SectionTable& section = read.store.Section("Common");
   const IPRangeList list = mCommon::GetIPRangeList({read.log, true}, "IPAllowList", section, "0.0.0.0/0");
-  EXPECT_EQ(
-      list.Ranges(),
-      (std::vector<IPRange>{{0x0A000005, 0x0A000005}, {0xC0000200, 0xC00002FF}, {0x09090909, 0x0909090A}}));
+  EXPECT_EQ(list.Ranges(), (std::vector<IPRange>{{IP("10.0.0.5"), IP("10.0.0.5")},
+                                                 {IP("192.0.2.0"), IP("192.0.2.255")},
+                                                 {IP("9.9.9.9"), IP("9.9.9.10")}}));
   const auto line = [](int number, const char* text) {
     return ConfigErrorLine("Common", "IPAllowList", number, text);
   };
@@ -193,7 +194,7 @@ TEST(GetIPRangeList, KeepsTheGoodRangesInOrder) {
   EXPECT_EQ(read.log.Take().size(), 1U);
 
   const IPRangeList all = mCommon::GetIPRangeList({read.log, false}, "IPWhiteList", section, "0.0.0.0/0");
-  EXPECT_EQ(all.Ranges(), (std::vector<IPRange>{{0, 0xFFFFFFFF}}));
+  EXPECT_EQ(all.Ranges(), (std::vector<IPRange>{{kIPv4Any, kIPv4Broadcast}}));
 }
 
 TEST(GetIPRangeList, IsEmptyWhenNoRangeIsGood) {

@@ -60,10 +60,15 @@ cReplaces Appended(std::string name, std::string text) {
   return WholeReply(std::move(name), "{%original%}" + text);
 }
 
-bool FakeGreylisting::ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+bool FakeGreylisting::ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                                   std::string_view recipient) {
-  asked.push_back(
-      std::string(host_name).append("|").append(ip).append("|").append(sender).append("|").append(recipient));
+  asked.push_back(std::string(host_name)
+                      .append("|")
+                      .append(FormatIPAddress(ip))
+                      .append("|")
+                      .append(sender)
+                      .append("|")
+                      .append(recipient));
   return delays;
 }
 

@@ -42,14 +42,14 @@ cReplaces Appended(std::string name, std::string text);
 
 class FakeFacts final : public SessionFacts {
  public:
-  std::string ClientIP() const override { return ip; }
+  IPAddress ClientIP() const override { return ip; }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return host; }
   std::int64_t BytesReceived() const override { return received; }
   std::int64_t BytesSent() const override { return sent; }
   bool Refused() const override { return refused; }
 
-  std::string ip = "192.0.2.7";
+  IPAddress ip = IPAddress::IPv4(0xC0000207);  // 192.0.2.7
   std::string host = "mail.client.test";
   bool local = false;
   bool refused = false;
@@ -59,7 +59,7 @@ class FakeFacts final : public SessionFacts {
 
 class FakeGreylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view host_name, std::string_view ip, std::string_view sender,
+  bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                    std::string_view recipient) override;
 
   bool delays = false;

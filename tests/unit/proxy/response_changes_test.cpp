@@ -101,7 +101,7 @@ TEST(ResponseChanges, AClientWithoutANameIsUnknown) {
 TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
   class NoAddress final : public SessionFacts {
    public:
-    std::string ClientIP() const override { throw Error(40006, "test", "The client is gone."); }
+    IPAddress ClientIP() const override { throw Error(40006, "test", "The client is gone."); }
     bool IsLocalClient() const override { return false; }
     std::string ClientHostName() const override { return ""; }
     std::int64_t BytesReceived() const override { return 0; }

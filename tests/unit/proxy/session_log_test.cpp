@@ -25,12 +25,13 @@ TEST(SessionLog, TheLineHasItsFieldsInTheirWidths) {
        "S: {    -1} [   Undefined   ] Error 10061. Connection is forcefully rejected."},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(FormatSessionLine(row.tag, row.handle, row.address, row.text), row.line);
+    const IPAddress address = ParseIPAddress(row.address).value_or(IPAddress());
+    EXPECT_EQ(FormatSessionLine(row.tag, row.handle, address, row.text), row.line);
   }
 }
 
 std::string Shown(std::string_view text) {
-  const std::string line = FormatSessionLine("R: ", 1, "", text);
+  const std::string line = FormatSessionLine("R: ", 1, IPAddress(), text);
   return line.substr(std::string("R: {     1} [   Undefined   ] ").size());
 }
 
