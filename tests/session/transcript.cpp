@@ -53,6 +53,44 @@ void SessionWorld::Connect(std::uint32_t from) {
 void SessionWorld::Poll() {
   if (client_.Open()) client_.Poll();
   if (server_.Open()) server_.Poll();
+  if (attended_ != nullptr) PollAttended();
+}
+
+void SessionWorld::PollAttended() {
+  // Turns of the loop in which the session takes a segment before the next one of the same reply comes.
+  constexpr int kTurns = 3;
+  if (!server_.Open()) server_ = server_listener_.Accept();
+  if (!server_.Open()) return;
+  std::string& received = server_.Received();
+  moves_ += received.size();
+  if (!received.empty()) polls_since_segment_ = kTurns;
+  attended_->Take(std::exchange(received, {}));
+  if (++polls_since_segment_ >= kTurns) {
+    const std::string segment = attended_->NextSegment();
+    moves_ += segment.size();
+    if (!segment.empty()) {
+      server_.Send(segment);
+      polls_since_segment_ = 0;
+    } else if (attended_->HasHungUp()) {
+      server_listener_.Close();
+      server_.Close();
+    }
+  }
+  if (server_.AtEnd()) attended_->TakeEnd();
+}
+
+std::string SessionWorld::NextReply() {
+  std::string reply;
+  std::string& received = client_.Received();
+  for (bool goes_on = true; goes_on;) {
+    Until([&] { return received.find(kCrLf) != std::string::npos || client_.AtEnd(); });
+    const std::size_t end = received.find(kCrLf);
+    if (end == std::string::npos) return reply + "(no more than \"" + script::Escape(received) + "\")";
+    goes_on = end > 3 && received[3] == '-';
+    reply += received.substr(0, end + kCrLf.size());
+    received.erase(0, end + kCrLf.size());
+  }
+  return reply;
 }
 
 bool SessionWorld::Until(const std::function<bool()>& done) {
@@ -68,10 +106,11 @@ bool SessionWorld::Until(const std::function<bool()>& done) {
 void SessionWorld::Settle() {
   // Loopback hands data over at once, so a few turns in which nothing happens mean that nothing is under way.
   for (int quiet = 0; quiet < 3;) {
-    const std::size_t before = client_.Received().size() + server_.Received().size();
+    const auto moved = [this] { return client_.Received().size() + server_.Received().size() + moves_; };
+    const std::size_t before = moved();
     const bool busy = Loop.RunOnce(Milliseconds(0));
     Poll();
-    quiet = busy || client_.Received().size() + server_.Received().size() != before ? 0 : quiet + 1;
+    quiet = busy || moved() != before ? 0 : quiet + 1;
   }
 }
 
@@ -84,13 +123,15 @@ void SessionWorld::Shutdown() {
 }
 
 std::string SessionWorld::Play(std::string_view text) {
-  Start();
-  std::vector<script::Step> steps;
   try {
-    steps = script::ReadScript(text).steps;
+    return Play(script::ReadScript(text).steps);
   } catch (const script::ScriptError& error) {
     return error.what();
   }
+}
+
+std::string SessionWorld::Play(const std::vector<script::Step>& steps) {
+  Start();
   for (const script::Step& step : steps) {
     dialogue_.append("    ").append(step.source).append("\n");
     if (!PlayStep(step)) return failure_ + "\n  the dialogue so far:\n" + dialogue_;

@@ -19,6 +19,7 @@
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/recorded_log.h"
+#include "support/scripted_server.h"
 #include "support/test_peer.h"
 
 namespace trabex {
@@ -39,6 +40,12 @@ class SessionWorld : private ConnectionTable {
 
   // Plays the script. Returns "" or what went wrong, with the dialogue so far.
   std::string Play(std::string_view text);
+  std::string Play(const std::vector<script::Step>& steps);
+
+  // From now on `server` answers in the place of the server's steps. It outlives this object.
+  void Attend(ScriptedServer& server) { attended_ = &server; }
+  // The client's next reply, all of its lines; what there is of it when it does not come.
+  std::string NextReply();
 
   // For tests that are more than a dialogue.
   std::uint16_t Port() const { return static_cast<std::uint16_t>(listener_->LocalPort()); }
@@ -66,6 +73,7 @@ class SessionWorld : private ConnectionTable {
 
   void Connect(std::uint32_t from);
   void Poll();
+  void PollAttended();
   bool PlayStep(const script::Step& step);
   bool Send(TestPeer& peer, const script::Sending& sending);
   bool Deliver(TestPeer& peer, std::string_view bytes);
@@ -90,7 +98,10 @@ class SessionWorld : private ConnectionTable {
   TestPeer client_;
   TestPeer server_;
   std::vector<TestPeer> earlier_;  // those of the sessions before a "connect"
-  std::string dialogue_;           // what was played, for the report of a failure
+  ScriptedServer* attended_ = nullptr;
+  int polls_since_segment_ = 0;
+  std::size_t moves_ = 0;  // of the attended server
+  std::string dialogue_;   // what was played, for the report of a failure
   std::string failure_;
 };
 

@@ -1,22 +1,62 @@
-"""Plays hostile sessions: how a session is delivered, and what its client sees."""
+"""Plays hostile sessions: how a session is delivered, and what its client sees.
+
+The sessions are the files of the folder hostile/; tests/script/README.md tells how they read. The program print_scripts,
+which the tests of the build bring along, reads them.
+"""
 
 import asyncio
+import json
+import re
 import socket
 import struct
+import subprocess
+from pathlib import Path
 
-from hostile_sessions import PLACEHOLDER, End, Reset, Send, Wait
-from processes import LOOPBACK, bound
-from recording_server import until_read
+from processes import LOOPBACK, Options, bound
+from recording_server import PLACEHOLDER, until_read
+
+FOLDER = Path(__file__).resolve().parent / "hostile"
+SERVERS = ("scripted", "postfix", "exim", "opensmtpd")
 
 # A remote client's address: the one that has a name without anybody having to ask DNS.
 CLIENT = LOOPBACK
 
 _DIGITS = "0123456789abcdefghijklmnopqrstuvwxyz"
 _NOTHING = "(nothing more)"
+# Any text in a line.
+_ANY = r"(?:(?!\r\n).)*"
 # How long a reply may take at the start of a session, and how long a session may take to end.
 _PATIENT_SECONDS = 20
 _ENDING_SECONDS = 2
 _BYTES = 300
+
+
+class HostileSession:
+    """One file, as print_scripts gives it."""
+
+    def __init__(self, read):
+        self.name = read["name"]
+        self.opening = read["opening"]  # lines of the ordinary dialogue before the trick, with the codes that answer them
+        self.direct = read["direct"]
+        self.owes = read["owes"]
+        self.settings = {(section, key): value for section, key, value in read["settings"]}
+        # Command to the list of what the scripted server says, each a list of segments.
+        self.replies = {command: [[_bytes(segment) for segment in segments] for segments in replies]
+                        for command, replies in read["replies"]}
+        self.steps = read["steps"]
+
+    def cuts(self):
+        """Every way to send it with one cut: (number of the step, place)."""
+        return [(number, cut) for number, step in enumerate(self.steps) for cut in step.get("cuts", ())]
+
+
+def all_sessions():
+    printed = subprocess.run([Options.build / "tests" / "print_scripts", FOLDER], stdout=subprocess.PIPE, check=True)
+    return [HostileSession(read) for read in json.loads(printed.stdout)]
+
+
+def _bytes(text):
+    return text.encode("latin-1")
 
 
 class Play:
@@ -53,7 +93,7 @@ class Play:
             await self._open()
             for number, step in enumerate(self.session.steps):
                 await self._take(number, step)
-            if not isinstance(self.session.steps[-1], End):
+            if self.session.steps[-1]["do"] != "shut":
                 await self._complete()
             await self._close()
         except AssertionError as error:
@@ -66,22 +106,21 @@ class Play:
                 self._writer.close()
 
     async def _open(self):
-        opening = self.session.opening()
-        if opening:
-            await self._wait(220, bound(_PATIENT_SECONDS), True)
-        for line, code in opening:
-            self._writer.write(self._numbered(line.encode("ascii") + b"\r\n"))
-            await self._wait(code, bound(_PATIENT_SECONDS), True)
+        for line, code in self.session.opening:
+            if line:
+                self._writer.write(self._numbered(_bytes(line) + b"\r\n"))
+            got = await self._reply(bound(_PATIENT_SECONDS))
+            if not got.startswith(code):
+                self.complaints.append(f"waited for {code}, got {got!r}")
 
     async def _take(self, number, step):
-        if isinstance(step, Send):
-            await self._send(number, self._numbered(step.data))
-        elif isinstance(step, Wait):
-            if step.expected is None:
-                await self._wait_for_end()
-            else:
-                await self._wait(step.expected, self._patience, self._exactly)
-        elif isinstance(step, Reset):
+        if step["do"] == "send":
+            await self._send(number, self._numbered(_bytes(step["bytes"])))
+        elif step["do"] == "reply":
+            await self._wait(step["lines"], self._patience, self._exactly)
+        elif step["do"] == "closed":
+            await self._wait_for_end()
+        elif step["do"] == "reset":
             self._reset()
             raise ConnectionResetError
 
@@ -123,10 +162,12 @@ class Play:
             lines.append(cut_off.partial)
         return b"".join(lines).decode("latin-1")
 
-    async def _wait(self, expected, seconds, exactly):
+    async def _wait(self, lines, seconds, exactly):
+        """Waits for a reply of these lines, each a list of the pieces that stand in it with any text in between."""
         got = await self._reply(seconds)
-        if exactly and not got.startswith(str(expected)):
-            self.complaints.append(f"waited for {expected}, got {got!r}")
+        form = "".join(_ANY.join(map(re.escape, pieces)) + "\r\n" for pieces in lines)
+        if exactly and not re.fullmatch(form, got, re.DOTALL):
+            self.complaints.append(f"waited for {lines}, got {got!r}")
 
     async def _wait_for_end(self):
         try:

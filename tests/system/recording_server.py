@@ -9,9 +9,10 @@ import asyncio
 import re
 import unicodedata
 
-from hostile_sessions import PLACEHOLDER
 from processes import LOOPBACK, bound
 
+# What stands for the number of the play in a file.
+PLACEHOLDER = b"nnn"
 _MARKER = re.compile(rb"(?i:evil|black)-(\w{%d})" % len(PLACEHOLDER))
 
 _LINE_ENDS = re.compile(rb"[\r\n\0\v\f]+")

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Hostile sessions: whatever a remote client sends, no server behind Trabex gets to see an address that is to be refused.
 
-The sessions are the files of the folder hostile/ (hostile_sessions.py tells how they read). Each is played as it is, byte
+The sessions are the files of the folder hostile/ (tests/script/README.md tells how they read). Each is played as it is, byte
 by byte, and with a cut at each place that it names; against a scripted server that keeps what it gets, and against
 Postfix, Exim and OpenSMTPD, which trust the proxy and take mail for everybody. And each is played without Trabex, to see
 that it does reach the servers that it says it reaches.
@@ -10,8 +10,7 @@ that it does reach the servers that it says it reaches.
 import asyncio
 import re
 
-from hostile_plays import plays, run_all, unguarded_play
-from hostile_sessions import SERVERS, all_sessions
+from hostile_plays import SERVERS, all_sessions, plays, run_all, unguarded_play
 from recording_server import RecordingServer, command_violations, markers
 from trabex_system import LOOPBACK, HaProxy, Options, Story, bound, main
 

@@ -1,0 +1,129 @@
+// The hostile files in front of a scripted server: their client gets the replies that they name, and nothing
+// that is to be refused reaches the server.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "config/ini_reader.h"
+#include "config/read_settings.h"
+#include "script/hostile_files.h"
+#include "session/transcript.h"
+#include "support/scripted_server.h"
+
+namespace trabex {
+namespace {
+
+constexpr std::uint32_t kLocalhost = 0x7F000001;
+
+// The settings that all of them are played with, and those that the file names.
+Configuration SettingsFor(const script::Head& head) {
+  std::string ini =
+      "[Common]\nBindIP=127.0.0.1\nServerIP=127.0.0.1\nLocalIPs=127.0.0.9\nLocalDomains=local.test\n"
+      "SendersBlackList=*@black.test\nRecipientsBlackListRemote=black-*@local.test\nValidateHELO=8\n"
+      "HELOBlackList=black-*\nMaxSize=50000\n";
+  for (const script::SettingLine& line : head.settings) {
+    ini += "[" + line.section + "]\n" + line.key + "=" + line.value + "\n";
+  }
+  RecordedLog log;
+  const IniErrors errors{log, false};
+  const SettingContext context{.program_directory = "/",
+                               .local_host_name = [] { return std::string("proxy.example"); }};
+  SectionStore store;
+  Configuration settings = DefaultConfiguration();
+  EXPECT_TRUE(mCommon::ReadIniText("x.ini", ini, store, errors)) << ini;
+  ReadSettings(store, errors, context, settings);
+  return settings;
+}
+
+// One way to play a file: `cut` is a place in the sending that is the step `cut_step`; none when that is no
+// step.
+struct Play {
+  Delivery delivery = Delivery::kWhole;
+  std::size_t cut_step = static_cast<std::size_t>(-1);
+  std::size_t cut = 0;
+};
+
+std::vector<Play> PlaysOf(const script::HostileFile& file) {
+  std::vector<Play> plays = {{Delivery::kWhole}, {Delivery::kByteByByte}};
+  for (std::size_t step = 0; step < file.script.steps.size(); ++step) {
+    for (const std::size_t cut : file.script.steps[step].sending.cuts) {
+      plays.push_back({Delivery::kWhole, step, cut});
+    }
+  }
+  return plays;
+}
+
+// What went wrong; "" for nothing.
+std::string PlayOpening(SessionWorld& world, const script::HostileFile& file) {
+  for (const auto& [line, code] : script::OpeningOf(file)) {
+    if (!line.empty()) world.ClientPeer().Send(line + "\r\n");
+    const std::string reply = world.NextReply();
+    if (!reply.starts_with(code)) return "before the trick, to \"" + line + "\": " + reply;
+  }
+  return {};
+}
+
+std::string PlayFile(const script::HostileFile& file, const Play& play) {
+  ScriptedServer server(file.script.head.replies);
+  SessionWorld world(play.delivery);
+  const std::int32_t port = world.Settings.ServerPort;
+  world.Settings = SettingsFor(file.script.head);
+  world.Settings.ServerPort = port;
+  world.Names.SetName(kLocalhost, "localhost");
+  world.Attend(server);
+  world.Start();
+  std::string failure = PlayOpening(world, file);
+  if (!failure.empty()) return failure;
+
+  std::vector<script::Step> steps = file.script.steps;
+  if (play.cut_step < steps.size()) steps[play.cut_step].sending.segments.push_back(play.cut);
+  failure = world.Play(steps);
+  // The client ends in order, and breaks off where that is not heard because of what it sent ahead.
+  world.ClientPeer().ShutDownSending();
+  world.Settle();
+  world.ClientPeer().Reset();
+  const bool ended = world.Until([&] {
+    world.Time.Advance(Milliseconds(100));
+    return world.Sessions().Count() == 0 || file.script.head.owes;
+  });
+  if (!ended) failure += "\nthe session stays when the client is gone";
+  for (const std::string& violation : server.Violations()) failure += "\n" + violation;
+  return failure;
+}
+
+TEST(HostileFiles, NothingGetsThrough) {
+  std::size_t plays = 0;
+  for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
+    for (const Play& play : PlaysOf(file)) {
+      SCOPED_TRACE(file.name + (play.delivery == Delivery::kByteByByte ? ", byte by byte" : "") +
+                   (play.cut > 0 ? ", cut at " + std::to_string(play.cut) : ""));
+      EXPECT_EQ(PlayFile(file, play), "");
+      ++plays;
+    }
+  }
+  EXPECT_GT(plays, 1000U);
+}
+
+// The same without the proxy: the check sees what the files say that reaches a scripted server.
+TEST(HostileFiles, ReachAServerThatStandsAlone) {
+  for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
+    const auto& direct = *file.script.head.direct;
+    if (std::find(direct.begin(), direct.end(), "scripted") == direct.end()) continue;
+    ScriptedServer server(file.script.head.replies);
+    for (const auto& [line, code] : script::OpeningOf(file)) {
+      if (!line.empty()) server.Take(line + "\r\n");
+    }
+    for (const script::Step& step : file.script.steps) server.Take(step.sending.bytes);
+    server.Take("\r\nRCPT TO:<good@local.test>\r\nDATA\r\n.\r\n");
+    server.TakeEnd();
+    EXPECT_FALSE(server.Violations().empty()) << file.name;
+  }
+}
+
+}  // namespace
+}  // namespace trabex
