@@ -53,6 +53,48 @@ TEST(Ehlo, ReplyIsRewritten) {
     -> MAIL FROM:<a@b.test> size=1000 BODY=8BITMIME)");
 }
 
+// What the client declares is compared with the limit, and what the server offers. The content is the
+// server's to measure.
+TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
+  const std::string content = "C: " + std::string(300, 'x') + "\n-> " + std::string(300, 'x') + "\n";
+  PlayBothWays(
+      [](SessionWorld& world) {
+        world.Settings.MaxSize = 200 * kFixedPointOne;
+        world.Settings.AddReceived = false;
+      },
+      R"(
+    S: 220 server ready
+    <- 220 server ready
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250-server
+    S: 250 SIZE 1000
+    <- 250-server
+    <- 250 SIZE 200
+    C: MAIL FROM:<a@b.test> SIZE=201
+    <- 552 5.3.4 Message size (201 bytes) exceeds fixed maximium message size (200 bytes).
+    C: MAIL FROM:<a@b.test> SIZE=200
+    -> MAIL FROM:<a@b.test> SIZE=200
+    S: 250 ok
+    <- 250 ok
+    C: RCPT TO:<u@local.test>
+    -> RCPT TO:<u@local.test>
+    S: 250 ok
+    <- 250 ok
+    C: DATA
+    -> DATA
+    S: 354 go on
+    <- 354 go on
+)" + content +
+          R"(
+    C: .
+    -> .
+    S: 250 queued
+    <- 250 queued
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>)");
+}
+
 TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
   PlayBothWays([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
     S: 220 server ready

@@ -1,0 +1,185 @@
+// Clients that send much at a time get all their answers, and do not keep those of others waiting.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "session/dialogues.h"
+#include "session/transcript.h"
+
+namespace trabex {
+namespace {
+
+// So many lines of one session are taken before the others have their turn.
+constexpr int kLinesPerTurn = 32;
+
+// The proxy answers every line itself, and each answer names its line.
+void RefuseAll(SessionWorld& world) {
+  world.Settings.ValidateHELO = 4;
+  world.Settings.HELOBlackList.Add("*", {.patterns = {"*"}});
+}
+
+std::string Greeting(const std::string& name) {
+  return "EHLO " + name + "\r\n";
+}
+
+std::string Answer(const std::string& name) {
+  return "550 Disallowed domain name: " + name + ".\r\n";
+}
+
+// A session's own lines, in one segment, and the answers to them.
+std::pair<std::string, std::string> Lines(const std::string& who, int count) {
+  std::pair<std::string, std::string> result;
+  for (int i = 1; i <= count; ++i) {
+    const std::string name = who + "-" + std::to_string(i);
+    result.first += Greeting(name);
+    result.second += Answer(name);
+  }
+  return result;
+}
+
+// Which log line says that the client's line with `name` was taken.
+std::size_t Taken(const SessionWorld& world, const std::string& name) {
+  const auto& lines = world.LogLines();
+  const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+    return line.find("< EHLO " + name + "\u00B6") != std::string::npos;
+  });
+  EXPECT_NE(found, lines.end()) << name;
+  return static_cast<std::size_t>(found - lines.begin());
+}
+
+TEST(Turns, AllLinesOfOneSegmentAreAnsweredInOrder) {
+  for (const int count : {kLinesPerTurn, kLinesPerTurn + 1, 40, 2 * kLinesPerTurn, 2 * kLinesPerTurn + 1}) {
+    SCOPED_TRACE(count);
+    SessionWorld world;
+    RefuseAll(world);
+    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+    const auto [lines, answers] = Lines("a", count);
+    ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
+    // Nothing else happens that could wake the session.
+    EXPECT_TRUE(world.Until([&] { return world.ClientPeer().Received().size() >= answers.size(); }));
+    EXPECT_EQ(world.ClientPeer().Received(), answers);
+  }
+}
+
+TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
+  SessionWorld world;
+  RefuseAll(world);
+  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+  TestPeer first = std::move(world.ClientPeer());
+  const TestPeer first_server = std::move(world.ServerPeer());
+  ASSERT_EQ(world.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+
+  const auto [lines, answers] = Lines("a", 3 * kLinesPerTurn);
+  ASSERT_EQ(first.Send(lines), lines.size());
+  ASSERT_EQ(world.ClientPeer().Send(Greeting("other")), Greeting("other").size());
+  EXPECT_TRUE(world.Until([&] {
+    first.Poll();
+    return first.Received().size() >= answers.size();
+  }));
+  EXPECT_EQ(first.Received(), answers);
+  EXPECT_EQ(world.ClientPeer().Received(), Answer("other"));
+  EXPECT_LT(Taken(world, "a-" + std::to_string(kLinesPerTurn)), Taken(world, "other"));
+  EXPECT_LT(Taken(world, "other"), Taken(world, "a-" + std::to_string(kLinesPerTurn + 1)));
+}
+
+// Two clients that both send much take turns.
+TEST(Turns, SessionsAlternate) {
+  SessionWorld world;
+  RefuseAll(world);
+  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+  TestPeer first = std::move(world.ClientPeer());
+  const TestPeer first_server = std::move(world.ServerPeer());
+  ASSERT_EQ(world.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+
+  const auto [a_lines, a_answers] = Lines("a", 3 * kLinesPerTurn);
+  const auto [b_lines, b_answers] = Lines("b", 3 * kLinesPerTurn);
+  ASSERT_EQ(first.Send(a_lines), a_lines.size());
+  ASSERT_EQ(world.ClientPeer().Send(b_lines), b_lines.size());
+  EXPECT_TRUE(world.Until([&] {
+    first.Poll();
+    return first.Received().size() >= a_answers.size() &&
+           world.ClientPeer().Received().size() >= b_answers.size();
+  }));
+  EXPECT_EQ(first.Received(), a_answers);
+  EXPECT_EQ(world.ClientPeer().Received(), b_answers);
+  for (int turn = 1; turn < 3; ++turn) {
+    const std::string last = std::to_string(turn * kLinesPerTurn);
+    const std::string next = std::to_string(turn * kLinesPerTurn + 1);
+    EXPECT_LT(Taken(world, "a-" + last), Taken(world, "b-" + next));
+    EXPECT_LT(Taken(world, "b-" + last), Taken(world, "a-" + next));
+  }
+}
+
+// The octets of refused chunks lie between the lines; they are no lines, and cost no answer.
+TEST(Turns, DroppedOctetsBetweenTheLinesChangeNothing) {
+  SessionWorld world;
+  RefuseAll(world);
+  world.Settings.MaxBadSeq = 1000;
+  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+  std::string lines;
+  std::string answers;
+  for (int i = 0; i < 2 * kLinesPerTurn; ++i) {
+    const std::string name = "a-" + std::to_string(i);
+    lines += "BDAT 11\r\nEHLO evil\r\n" + Greeting(name);
+    answers += "503 Bad sequence of commands.\r\n" + Answer(name);
+  }
+  ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
+  EXPECT_TRUE(world.Until([&] { return world.ClientPeer().Received().size() >= answers.size(); }));
+  EXPECT_EQ(world.ClientPeer().Received(), answers);
+}
+
+// Lines that the server answers among them: each waits for its reply, and those behind it wait too.
+TEST(Turns, ForwardedLinesKeepTheirPlaceAmongTheRefused) {
+  std::string sent;
+  std::string dialogue;
+  for (int i = 0; i < 50; ++i) {
+    if (i % 20 == 15) {
+      sent += "NOOP\\r\\n";
+      dialogue += "-> NOOP\n-> nothing\n<- nothing\nS: 250 ok\n<- 250 ok\n";
+    } else {
+      sent += "RCPT TO:<u@local.test>\\r\\n";
+      dialogue += "<- 503 Bad sequence of commands.\n";
+    }
+  }
+  PlayBothWays([](SessionWorld& world) { world.Settings.MaxBadSeq = 1000; },
+               "S: 220 server ready\n<- 220 server ready\nC+ " + sent + "\n" + dialogue);
+}
+
+// The session has gone before its next turn.
+TEST(Turns, NoLineIsTakenAfterTheEnd) {
+  for (const char* end : {"C resets", "S closes", "shutdown"}) {
+    SCOPED_TRACE(end);
+    SessionWorld world;
+    RefuseAll(world);
+    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+    const std::string lines = Lines("a", 10 * kLinesPerTurn).first;
+    ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
+    world.Loop.RunOnce(Milliseconds(1000));
+    ASSERT_LT(Taken(world, "a-1"), world.LogLines().size());
+    EXPECT_EQ(world.Play(end), "");
+    EXPECT_EQ(world.Sessions().Count(), 0U);
+    const auto& log = world.LogLines();
+    const auto closed = std::find_if(log.begin(), log.end(), [](const std::string& line) {
+      return line.find("Disconnected. ") != std::string::npos;
+    });
+    EXPECT_TRUE(std::none_of(
+        closed, log.end(), [](const std::string& line) { return line.find("< EHLO") != std::string::npos; }));
+  }
+}
+
+// Whoever ends within the turn that others wait for is not waited for.
+TEST(Turns, LinesBehindQuitAreNotAnsweredWhereOnlyTheProxyTalks) {
+  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, R"(
+    <- 454 Unable to verify DNS PTR record for 127.0.0.1.
+    C+ NOOP\r\nQUIT\r\nNOOP\r\n
+    <- 503 Bad sequence of commands.
+    <- 221 2.0.0 proxy.test closing connection.
+    closed C)");
+}
+
+}  // namespace
+}  // namespace trabex
