@@ -190,7 +190,7 @@ TEST(ExpressionList, CopiesAreIndependent) {
 TEST(ExpressionList, AMovedListIsEmpty) {
   ExpressionList first = ListOf({"a"});
   const ExpressionList second = std::move(first);
-  EXPECT_EQ(first.Count(), 0U);  // NOLINT(bugprone-use-after-move): what the header promises
+  EXPECT_EQ(first.Count(), 0U);  // as the header promises
   EXPECT_FALSE(first.Contains("a"));
   EXPECT_TRUE(second.Contains("a"));
 }

@@ -58,7 +58,7 @@ TEST(ByteQueueTest, MovesItsContentTogetherWithItsMemory) {
   queue.RemoveFront(2);
   ByteQueue other(std::move(queue));
   EXPECT_EQ(other.View(), "cdef");
-  EXPECT_TRUE(queue.Empty());  // NOLINT(bugprone-use-after-move): empty is what is promised
+  EXPECT_TRUE(queue.Empty());  // as the header promises
   EXPECT_EQ(queue.Capacity(), 0U);
   queue.Append("new");
   other = std::move(queue);
