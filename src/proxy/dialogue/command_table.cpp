@@ -45,4 +45,8 @@ const CommandRow& FindCommand(std::string_view verb) {
   return verb.starts_with('X') ? kExtensionVerb : kUnknownVerb;
 }
 
+std::span<const CommandRow> AllCommands() {
+  return kCommands;
+}
+
 }  // namespace trabex

@@ -1,6 +1,7 @@
 // Everything the program knows about a command, one row each. No other file compares verbs.
 #pragma once
 
+#include <span>
 #include <string_view>
 
 namespace trabex {
@@ -52,5 +53,7 @@ struct CommandRow {
 // The row of `verb` (upper case). Verbs that begin with "X" and have no row of their own, and all others
 // without one, get a general row.
 const CommandRow& FindCommand(std::string_view verb);
+// The rows of those that have one.
+std::span<const CommandRow> AllCommands();
 
 }  // namespace trabex

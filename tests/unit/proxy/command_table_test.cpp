@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
 
 namespace trabex {
@@ -60,6 +62,11 @@ TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
     EXPECT_EQ(command.in_chunk_sequence, row.in_chunk_sequence) << row.verb;
     EXPECT_EQ(command.extension, row.extension) << row.verb;
     EXPECT_EQ(command.never_forwarded, row.never_forwarded) << row.verb;
+  }
+  for (const CommandRow& command : AllCommands()) {
+    const bool tested = std::any_of(std::begin(rows), std::end(rows),
+                                    [&](const auto& row) { return row.verb == command.verb; });
+    EXPECT_TRUE(tested) << command.verb;
   }
 }
 
