@@ -1,4 +1,4 @@
-// What the targets of the filters put around them: a clock that stands, and a client.
+// What the targets of the filters put around them: a clock that does not move, and a client.
 #pragma once
 
 #include <cstdint>

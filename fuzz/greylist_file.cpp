@@ -1,5 +1,5 @@
 // The greylisting database file: the input as a whole file, and as the properties of a file with the right
-// header and checksum, so that what lies behind those is reached too. There is one file for a database: what
+// header and checksum, so that what follows those is reached too. There is one file for a database: what
 // is read gives, when it is written, the same bytes again.
 #include <algorithm>
 #include <cstddef>

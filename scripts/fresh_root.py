@@ -1,7 +1,7 @@
 """A bare Debian 12 in a folder, in which commands run as on a machine of its own, but for the network.
 
 What runs in it has process ids, mounts and terminals of its own, which end with the first process there. Nothing of this
-machine's is mounted into it, and it gets none of its files but apt's set-up and what names are looked up with.
+machine's is mounted into it, and of its files it gets only apt's set-up and what names are looked up with.
 """
 
 import contextlib
@@ -124,7 +124,7 @@ class FreshRoot:
             raise Failed(f"the root's own file systems could not be mounted:\n{mounted.stdout}")
 
     def _open_namespaces(self):
-        # The first process lives as long as this one, whose end closes the pipe; a shell collects those that are nobody's.
+        # The first process lives as long as this one, whose end closes the pipe; a shell collects the orphans.
         self._space = subprocess.Popen(
             ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "sh", "-c", "echo there; cat; :"],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, start_new_session=True)

@@ -1,4 +1,4 @@
-"""The servers that stand behind Trabex in the system tests, and the relays that can stand in its place."""
+"""The servers that Trabex relays to in the system tests, and the relays that can take its place."""
 
 import contextlib
 import os
@@ -152,9 +152,9 @@ class Postfix:
         return self._log.read_text(errors="surrogateescape") if self._log.exists() else ""
 
     def settle(self):
-        """Waits until nobody is connected any more, the queue is empty and what there was to log is in the log."""
+        """Waits until no client is connected any more, the queue is empty and what there was to log is in the log."""
         wait_until(lambda: connections_to(self.port) == 0, "Postfix's sessions to end")
-        # Its processes write the log through one other process: what a message leaves there comes behind all before.
+        # Its processes write the log through one other process: what a message leaves there comes after everything before.
         sender = f"settled{time.monotonic_ns()}@{DOMAIN}"
         with smtplib.SMTP(*self.address, local_hostname="localhost", timeout=bound(60)) as client:
             client.sendmail(sender, [f"settled@{DOMAIN}"], b"")

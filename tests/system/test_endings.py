@@ -50,7 +50,7 @@ class Server(Story):
             self.assertEqual(self.connect(proxy.address).read_to_end(), said + b"\r\n")
 
     def test_hangs_up_after_a_reply(self):
-        """What it has said reaches the client, though the client has sent more that nobody reads any more."""
+        """What it has said reaches the client, though the client has sent more that is never read."""
         def quits(connection, line):
             connection.send_line("421 leaving")
             raise HungUp
@@ -230,7 +230,7 @@ class Client(Story):
         self.assertEqual(server.count(), 1)
 
     def test_does_not_read(self):
-        """A client that sends commands and reads no reply is held, and stands in nobody's way."""
+        """A client that sends commands and reads no reply is held back, and holds up no other session."""
         server = self.sample_server()
         proxy = self.front(server.port)
         deaf = self.connect(proxy.address, receive_buffer=4096)

@@ -144,7 +144,7 @@ class Moved(Story):
         file, = proxy.log_folder.iterdir()
         moved = proxy.folder / "moved.log"
         file.rename(moved)
-        # It is written to as long as nobody says anything.
+        # It is written to as long as no client says anything.
         self.assertEqual(client.command("NOOP two")[:3], "250")
         wait_until(lambda: b"NOOP two" in moved.read_bytes(), "the line in the moved file")
         proxy.process.send_signal(signal.SIGUSR1)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Postfix, Exim and OpenSMTPD stand behind, and mail comes from swaks, curl, msmtp, smtp-source, Python and Exim.
+"""Postfix, Exim and OpenSMTPD are the servers, and mail comes from swaks, curl, msmtp, smtp-source, Python and Exim.
 
 Whatever server it is: a message arrives complete, with Trabex's header once in front, and what Trabex refuses the
 server never hears of.
@@ -251,7 +251,7 @@ class Exim(Behind, Story):
         return self.exim({"message_size_limit": size_limit, **self.settings})
 
     def test_the_session_goes_on_behind_a_refused_message(self):
-        """Exim looks at the content behind the last chunk, and is ready for the next message whatever it says."""
+        """Exim looks at the content after the last chunk, and is ready for the next message whatever it says."""
         self.settings = {"acl_smtp_data": "${if match{$message_body}{forbidden}{deny}{accept}}"}
         self.start()
         refused = b"Subject: x\r\n\r\nforbidden\r\n"

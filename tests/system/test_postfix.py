@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A Postfix stands behind: real mail reaches a real mailbox."""
+"""A Postfix is the server: real mail reaches a real mailbox."""
 
 import subprocess
 
@@ -71,7 +71,7 @@ class HangsUp(Story):
     CLIENTS = 20
 
     def held_client(self, proxy):
-        """A client that sends commands, and reads nothing behind the greeting."""
+        """A client that sends commands, and reads nothing after the greeting."""
         client = self.connect(proxy.address, receive_buffer=4096)
         client.read_reply()
         return client

@@ -151,7 +151,7 @@ class Content(Story):
 
 
 class Pipelined(Story):
-    """Clients that send ahead, though nobody offered them to."""
+    """Clients that send ahead, though PIPELINING was not offered."""
 
     def everything_at_once(self, proxy, messages):
         """The whole session as one text, and the codes that it has to get."""

@@ -204,7 +204,7 @@ class Instances(Story):
                            "port; no instance of our own user runs.")
                 self.assertEqual(run_trabex("/I", proxy.ini, "/HI"), (1, "", f"Trabex: {message}\n"))
                 self.assertEqual(proxy.log_lines()[-1], message)
-                # It never reads; when the system keeps no more for it, a request holds nobody up.
+                # It never reads; when the system buffers no more for it, a request does not block.
                 with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender, \
                         self.assertRaises(BlockingIOError):
                     sender.setblocking(False)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""A Postfix with its default settings stands behind, to which many spellings beyond ASCII are one mailbox.
+"""A Postfix with its default settings is the server, to which many spellings beyond ASCII are one mailbox.
 
 Every character that Unicode folds to ASCII is played at each place of a name: no such address reaches the Postfix where
 the list of the case refuses the name. Without Trabex several do, and are delivered.
@@ -93,7 +93,7 @@ class BehindIsPostfix(Story):
         self.server.settle()
         # One more is the message by which the server tells that it has settled.
         self.assertEqual((self.server.count(), secret.exists()), (2, False))
-        # Nobody has asked the server either.
+        # The server was not asked either.
         self.assertNotIn("yz@", self.server.log())
 
         # Without Trabex: which of them does the server take for the mailbox?

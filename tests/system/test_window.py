@@ -272,7 +272,7 @@ class Keys(Window):
         self.assertNotIn(GONE, self.proxy.log())
 
     def test_hang_up_without_a_window(self):
-        """Is a request: nobody has lost anything."""
+        """Is a request: no user has lost anything."""
         terminal = self.open("/HI")
         os.kill(terminal.pid, signal.SIGHUP)
         self.proxy.wait_for_log("Configuration reloaded")
@@ -281,7 +281,7 @@ class Keys(Window):
         self.assertEqual(terminal.wait(), 0)
 
     def test_killed(self):
-        """Nobody is left to restore the terminal but the process that draws."""
+        """Only the process that draws is left to restore the terminal."""
         # What a shell writes at once may still go to the full screen.
         terminal = self.open_in_shell('echo before; "$@"; status=$?; read -r _; echo "status $status"; stty -a; read -r _')
         terminal.wait_for_text(HEADER)
@@ -348,7 +348,7 @@ class WithoutWindow(Window):
 
 
 class BareTerminal:
-    """A terminal that nobody shows; it can be stopped, and then takes nothing, like one behind a hung line."""
+    """A terminal without a display; it can be stopped, and then takes nothing, like one on a hung line."""
 
     def __init__(self, place, command, columns=200, rows=60, ignore_hang_up=False):
         self._master, self._programs_side = os.openpty()

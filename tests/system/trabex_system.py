@@ -156,7 +156,7 @@ class Story(unittest.TestCase):
         return trabex
 
     def front(self, server_port, settings=None, **more):
-        """What stands between the clients and the server in this run: Trabex, unless --through says otherwise."""
+        """What relays between the clients and the server in this run: Trabex, unless --through says otherwise."""
         if Options.through == "direct":
             return Direct(server_port)
         if Options.through == "haproxy":

@@ -95,7 +95,7 @@ class Root:
         try:
             null.open("r+b").close()
         except PermissionError:
-            # A file system for temporary files may know no devices. Nobody reads there what was written.
+            # A file system for temporary files may know no devices. None of the servers reads what it wrote there.
             null.unlink()
             null.touch()
             null.chmod(0o666)
@@ -186,7 +186,7 @@ class _MaildirServer:
 class Exim(_MaildirServer):
     """An Exim that takes mail from loopback for any domain and delivers it into one Maildir.
 
-    `settings` are main options beside (or instead of) those below; a value of None stands for no value. With
+    `settings` are main options beside (or instead of) those below; None means that there is no value. With
     `queue_only` it keeps what it takes in its queue.
     """
 
@@ -223,7 +223,7 @@ class Exim(_MaildirServer):
         return self._log.read_text(errors="surrogateescape") if self._log.exists() else ""
 
     def settle(self):
-        """Waits until nobody is connected any more and what there was to log is in the log."""
+        """Waits until no client is connected any more and what there was to log is in the log."""
         wait_until(lambda: self._root.processes() == [self.process.pid], "Exim's sessions to end")
 
     def queued(self):
@@ -300,7 +300,7 @@ class OpenSmtpd(_MaildirServer):
         return self.process.stderr()
 
     def settle(self):
-        """Waits until nobody is connected any more and what there was to log is in the log."""
+        """Waits until no client is connected any more and what there was to log is in the log."""
         def sessions(event):
             return set(re.findall(rf"^(\w+) smtp {event} ", self.log(), re.MULTILINE))
 

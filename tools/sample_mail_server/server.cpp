@@ -35,7 +35,7 @@ int NewListener() {
   return Checked(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
 }
 
-// Nothing is there now, but the connection stands.
+// Nothing can be read or written now, but the connection is open.
 bool WouldBlock() {
   return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }

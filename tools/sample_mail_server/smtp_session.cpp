@@ -28,7 +28,7 @@ std::optional<std::size_t> Number(std::string_view text) {
   return number;
 }
 
-// What stands behind "FROM:" or "TO:".
+// What follows "FROM:" or "TO:".
 struct PathAndParameters {
   std::string_view path;
   std::string_view parameters;

@@ -36,7 +36,7 @@ class SmtpSession {
 
  private:
   enum class Phase { kCommand, kTooLongLine, kData, kBdat, kEnded };
-  // Where in a line of content after DATA the next byte stands.
+  // The position of the next byte in a line of the content after DATA.
   enum class DataState { kLineStart, kDot, kDotCr, kInLine, kCr };
 
   std::string_view TakeCommandBytes(std::string_view input, std::string& output);
