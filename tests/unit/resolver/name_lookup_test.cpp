@@ -14,9 +14,9 @@
 #include <set>
 
 #include "base/error.h"
+#include "dns_server.h"
 #include "platform/dotted_address.h"
 #include "resolver/host_settings.h"
-#include "support/dns_server.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/loop_runner.h"
