@@ -47,7 +47,7 @@ struct MainViewEvents {
 // Why there is no view.
 struct NoView {
   enum class Kind {
-    kNoScreen,    // nobody could see a view, or be told why there is none
+    kNoScreen,    // there is no screen, on which a view or the reason for none could be seen
     kUnusable,    // there is a screen, but no view can be shown on it
     kScreenGone,  // the screen went while the view was opened
   };

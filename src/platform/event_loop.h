@@ -1,5 +1,5 @@
 // The one loop of the program: it waits for sockets, timers and end requests and calls their owners, one
-// after the other on one thread. Nothing may wait inside a call from the loop, and nobody may run the loop
+// after the other on one thread. Nothing may wait inside a call from the loop, and the loop must not be run
 // from inside one (asserted).
 //
 // A loop iteration is one wait and what follows from it, in this order: posted actions, events of sockets and

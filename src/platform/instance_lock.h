@@ -26,8 +26,8 @@ std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view 
                                               std::function<void()> exit_requested);
 
 // Who keeps us from the lock named `name`, when that is not our own user: the name of the user whose process
-// holds it, or "uid <number>". Anybody can take the name first, so that is no instance of ours. Nothing when
-// our own user holds it, nobody does, or the system does not tell.
+// holds it, or "uid <number>". Any process can take the name first, so that is no instance of ours.
+// Nothing when our own user holds it, when it is free, or when the system does not tell.
 std::optional<std::string> OtherUserHolding(std::string_view name);
 
 // Asks the instance named `name` to end; returns whether there is one that could be asked. Does not wait for

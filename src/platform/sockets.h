@@ -90,7 +90,7 @@ class Sockets {
   // Closes it; its notifications end at once. Data not yet sent goes on being sent by the system, unless
   // received data was left unread: then the system resets the connection (see net/ for the orderly way).
   int Close(SocketHandle socket);
-  // Delivers notifications to `sink` from now on (nullptr: to nobody, until the next Watch; what was due then
+  // Delivers notifications to `sink` from now on (nullptr: to none, until the next Watch; what was due then
   // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
   int Watch(SocketHandle socket, SocketSink* sink);
 
@@ -109,7 +109,7 @@ class Sockets {
   int ShutDownSending(SocketHandle socket);
 
   // `sent` is how much of `data` (not empty) the system took: 1 or more when 0 is returned. A send that took
-  // less than all counts as one that would have blocked, so that nobody has to try again just to learn it.
+  // less than all counts as one that would have blocked, so that no second try is needed to learn it.
   // `more_follows` is a hint: the system may wait a fifth of a second for the next send, to pack both
   // together.
   int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows = false);

@@ -1,4 +1,4 @@
-// What the system, or somebody through it, asks of the running program.
+// What the system, or a user by way of it, asks of the running program.
 #pragma once
 
 #include <functional>
@@ -22,7 +22,7 @@ struct SystemRequestEvents {
 
 class SystemRequests {
  public:
-  virtual ~SystemRequests() = default;  // nobody listens any more; the requests act as before
+  virtual ~SystemRequests() = default;  // the requests act as before the watch
 };
 
 // `loop` outlives the watch. Raises 57 "Device I/O error" when the system gives none.

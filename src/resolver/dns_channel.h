@@ -39,7 +39,8 @@ struct DnsSettings {
 
 // c-ares cannot cancel one query. So the owner abandons each query that it no longer waits for, and the
 // channel cancels all of them once none is pending. A channel takes 1024 queries in its life, and the next
-// ones go to another channel, which has other ports, so that ports and ids stay unpredictable.
+// ones go to another channel, which has other ports, so that ports and ids stay unpredictable. (Newer
+// versions of c-ares can limit the queries of one port themselves; that of Debian 12, 1.18, cannot.)
 class DnsChannel {
  public:
   // Both references outlive the channel. Raises 57 "Device I/O error" when c-ares cannot start.
@@ -57,9 +58,9 @@ class DnsChannel {
   void AskAddresses(const std::string& name, bool search, LookupId id);
   void AskName(std::uint32_t address, LookupId id);
 
-  // To be called once for each query: when its reply has come, or when nobody waits for it any more.
+  // To be called once for each query: when its reply has come, or when it is no longer waited for.
   void Abandon() { --pending_; }
-  // Whether somebody waits for a reply.
+  // Whether a reply is waited for.
   bool HasPending() const { return pending_ > 0; }
   // Asks again where no answer came in time; to be called every now and then.
   void HandleTimeouts();
@@ -80,7 +81,7 @@ class DnsChannel {
   ares_channeldata* channel_ = nullptr;
   std::map<std::intptr_t, FdWatcher> watches_;
   int queries_left_;
-  int pending_ = 0;    // queries that somebody waits for
+  int pending_ = 0;    // queries that were not abandoned
   int in_flight_ = 0;  // queries that c-ares has
 };
 

@@ -34,7 +34,8 @@ class HostsTable {
 // line, whatever the line's address; empty when there is none or `host` has a dot itself.
 std::string FullNameInHosts(std::string_view text, std::string_view host);
 
-// A hosts file that may change while the program runs.
+// A hosts file that may change while the program runs. c-ares 1.18 could look into the file too, but reads it
+// anew for each look-up.
 class HostsFile {
  public:
   explicit HostsFile(std::string path) : change_(std::move(path)) {}

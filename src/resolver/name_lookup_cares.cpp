@@ -35,7 +35,7 @@ constexpr int kFirstWaitsInLimit = 5;
 // How finely the end of a look-up is timed; it is never later than the limit.
 constexpr int kTicksInLimit = 50;
 
-// Whether a host could have this name; DNS allows more, but nobody needs to be asked for it.
+// Whether a host could have this name. DNS allows more, but no host is called so.
 bool IsHostName(std::string_view name) {
   if (name.size() > kMaxNameBytes) return false;
   const auto labels = Split(name, '.');

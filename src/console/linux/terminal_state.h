@@ -22,12 +22,12 @@ class TerminalState {
 
   // Notes the modes in which the view draws.
   void NoteDrawing();
-  // Whether the modes are still those. Others are somebody else's: of a shell that has taken the terminal
-  // back.
+  // Whether the modes are still those. Others were set by another process, such as a shell that has taken the
+  // terminal back.
   bool IsDrawing() const;
   // Whether the terminal itself has gone: its line was hung up.
   bool HungUp() const;
-  // Leaves the full screen and puts back the modes, unless they are somebody else's.
+  // Leaves the full screen and puts back the modes, unless another process has set others.
   void Restore() const;
 
  private:

@@ -18,8 +18,8 @@ namespace trabex {
 
 namespace {
 
-// Whoever writes a temporary file holds this lock on it, and the system takes the lock away with the process.
-// False when somebody else holds it; a file system without locks counts as free.
+// The writer of a temporary file holds this lock on it, and the system takes the lock away with the process.
+// False when another process holds it; a file system without locks counts as free.
 bool Lock(int file) {
   return flock(file, LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }

@@ -48,8 +48,8 @@ std::uint8_t EventLoop::Impl::AddSource(EventSource& source) {
 
 void EventLoop::Impl::RemoveSource(std::uint8_t id) {
   sources_[id] = nullptr;
-  // The next source may get this id and the same indices, so the rest of this iteration's events goes to
-  // nobody.
+  // The next source may get this id and the same indices, so the rest of this iteration's events is
+  // dropped.
   for (std::size_t i = 0; i < event_count_; ++i) {
     if (EventTarget::Unpack(events_[i].data.u64).source == id) events_[i].events = 0;
   }

@@ -16,7 +16,7 @@
 namespace trabex {
 
 // An owner of descriptors in the loop's epoll set, each addressed by its index in the owner's table and the
-// generation of that entry, so that an event for a descriptor that is gone reaches nobody.
+// generation of that entry, so that an event for a descriptor that is gone is dropped.
 class EventSource {
  public:
   virtual ~EventSource() = default;

@@ -52,7 +52,7 @@ AbstractAddress AddressOf(std::string_view name) {
 
 constexpr const char* kLockSource = "mInstanceLock.TryLockInstance";
 
-// What one message says. Its sender's identity comes from the system; nobody can forge it but root.
+// What one message says. Its sender's identity comes from the system; only root can forge it.
 struct Message {
   std::string text;
   bool from_us_or_root = false;

@@ -128,7 +128,7 @@ int Sockets::BindExclusively(SocketHandle socket, Endpoint local) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   // On this system the option passes over connections of an earlier process that are still in TIME_WAIT, and
-  // no more: while somebody listens on the endpoint, binding to it fails as without it.
+  // no more: while another socket listens on the endpoint, binding to it fails as without it.
   const int error = SetOption(entry->descriptor, SOL_SOCKET, SO_REUSEADDR);
   return error != 0 ? error : Bind(socket, local);
 }

@@ -12,7 +12,7 @@
 //     receive.
 //   - A send that took less than all makes the kernel report when the next one is possible.
 // A listener is level-triggered: after an accept the kernel reports the next connection by itself. When
-// nobody accepts, it is disarmed (left in the epoll set without any interest) until somebody does.
+// none is accepted, it is disarmed (left in the epoll set without any interest) until one is.
 #pragma once
 
 #include <cstdint>
@@ -42,7 +42,7 @@ struct Sockets::Impl final : EventSource {
     bool end_seen = false;           // the peer ended or broke the connection
     bool close_notified = false;     // FD_CLOSE was notified
     bool urgent = false;             // the peer sends urgent data
-    bool pending_unwatched = false;  // an event came while nobody watched
+    bool pending_unwatched = false;  // an event came while there was no sink
     bool rearm_due = false;          // queued to be re-armed
     bool sending_shut = false;       // ShutDownSending was called
   };
