@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "base/error.h"
 #include "base/text.h"
@@ -20,17 +22,19 @@ using namespace trabex;
 class Client : public MacroSource {
  public:
   explicit Client(std::string_view said) : said_(said) {}
-  std::string LocalHostName() const override { return "mail.example.test"; }
-  std::string RFCTime() const override { return "Sun, 15 Nov 2026 16:54:24 +0300"; }
-  std::string RemoteHostName() const override { return said_; }
-  std::string RemoteHostIP() const override { return "192.0.2.1"; }
-  std::string HeloDomain() const override { return said_; }
-  std::string BytesReceived() const override { return "12"; }
-  std::string BytesSent() const override { return "34"; }
-  std::string From() const override { return said_; }
-  std::string Rcpt() const override { return said_; }
-  std::string MaxSize() const override { return "0"; }
-  std::string Size() const override { return "5"; }
+  std::optional<std::string> Value(std::string_view name) const override {
+    for (const std::string_view own : {"from", "rcpt", "helodomain", "remotehostname"}) {
+      if (EqualNoCase(name, own)) return said_;
+    }
+    for (const std::string_view own : {"fromdomain", "rcptdomain"}) {
+      if (EqualNoCase(name, own)) return std::string(AddressDomain(said_));
+    }
+    if (EqualNoCase(name, "rfctime")) return "Sun, 15 Nov 2026 16:54:24 +0300";
+    for (const std::string_view own : {"localhostname", "remotehostip", "size"}) {
+      if (EqualNoCase(name, own)) return std::string(own);
+    }
+    return std::nullopt;
+  }
 
  private:
   std::string said_;

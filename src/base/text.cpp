@@ -105,10 +105,23 @@ std::string_view FirstWord(std::string_view text) {
   return text.substr(0, text.find(' '));
 }
 
+std::string_view AddressDomain(std::string_view address) {
+  return address.substr(address.rfind('@') + 1);
+}
+
+std::string Quoted(std::string_view text) {
+  return std::string("\"").append(text).append("\"");
+}
+
 std::string AlignRight(std::string_view text, std::size_t width) {
-  std::string result(text.size() < width ? width - text.size() : 0, ' ');
-  result.append(text);
+  std::string result;
+  AppendAlignedRight(result, text, width);
   return result;
+}
+
+void AppendAlignedRight(std::string& line, std::string_view text, std::size_t width) {
+  if (text.size() < width) line.append(width - text.size(), ' ');
+  line.append(text);
 }
 
 std::string ZeroPadded(long long number, std::size_t width) {

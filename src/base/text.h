@@ -45,8 +45,16 @@ std::vector<std::string_view> Split(std::string_view text, char separator);
 // The text before the first blank (all of it when there is none).
 std::string_view FirstWord(std::string_view text);
 
+// The domain of a mail address: what follows its last "@"; all of it when there is none.
+std::string_view AddressDomain(std::string_view address);
+
+// `text` in double quotes; those inside stay as they are.
+std::string Quoted(std::string_view text);
+
 // `text` right-aligned in `width` bytes; a longer text is not cut.
 std::string AlignRight(std::string_view text, std::size_t width);
+// The same at the end of `line`.
+void AppendAlignedRight(std::string& line, std::string_view text, std::size_t width);
 // `number` (0 or more) with at least `width` digits.
 std::string ZeroPadded(long long number, std::size_t width);
 

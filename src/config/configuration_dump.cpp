@@ -17,10 +17,6 @@ namespace trabex {
 
 namespace {
 
-std::string Quoted(std::string_view text) {
-  return "\"" + std::string(text) + "\"";
-}
-
 // The early keys lose blanks around them, and one pair of quotes around those.
 std::string AsProfileValue(const std::string& text) {
   if (text.empty()) return text;

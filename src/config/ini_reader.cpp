@@ -19,10 +19,6 @@ constexpr const char* kSource = "mCommon.ReadIniFile";
   throw Error(error_number::kBadFileContent, kSource, std::move(description));
 }
 
-std::string Quoted(std::string_view text) {
-  return "\"" + std::string(text) + "\"";
-}
-
 // Whether a line that begins with "[" is complete as a header; its name is what stands between the brackets.
 bool IsHeader(std::string_view line) {
   return line.size() >= 2 && line.front() == '[' && line.back() == ']';

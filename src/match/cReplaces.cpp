@@ -1,8 +1,6 @@
 #include "match/cReplaces.h"
 
 #include <algorithm>
-#include <array>
-#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -31,12 +29,6 @@ std::string WithLineBreaks(std::string_view text) {
     text.remove_prefix(character.size());
   }
   return result;
-}
-
-// The part of an address behind its last "@"; all of it when there is none.
-std::string Domain(const std::string& address) {
-  const std::size_t at = address.rfind('@');
-  return at == std::string::npos ? address : address.substr(at + 1);
 }
 
 // The lines of `text`, which end in CR LF, CR or LF; the last one is what stands behind the last line end.
@@ -89,65 +81,72 @@ std::string InOneLine(std::string value) {
   return result;
 }
 
-struct Macro {
-  std::string_view name;
-  // Nothing for the one that is a line end of the rule's own.
-  std::string (*value)(const MacroSource& macros, const std::string& original);
-};
-
 constexpr std::string_view kMacroStart = "{%";
-constexpr std::string_view kOriginal = "{%original%}";
-constexpr Macro kMacros[] = {
-    {kOriginal, [](const MacroSource&, const std::string& original) { return original; }},
-    {"{%localhostname%}",
-     [](const MacroSource& macros, const std::string&) { return macros.LocalHostName(); }},
-    {"{%rfctime%}", [](const MacroSource& macros, const std::string&) { return macros.RFCTime(); }},
-    {"{%crlf%}", nullptr},
-    {"{%remotehostname%}",
-     [](const MacroSource& macros, const std::string&) { return macros.RemoteHostName(); }},
-    {"{%remotehostip%}", [](const MacroSource& macros, const std::string&) { return macros.RemoteHostIP(); }},
-    {"{%helodomain%}", [](const MacroSource& macros, const std::string&) { return macros.HeloDomain(); }},
-    {"{%bytesreceived%}",
-     [](const MacroSource& macros, const std::string&) { return macros.BytesReceived(); }},
-    {"{%bytessent%}", [](const MacroSource& macros, const std::string&) { return macros.BytesSent(); }},
-    {"{%from%}", [](const MacroSource& macros, const std::string&) { return macros.From(); }},
-    {"{%rcpt%}", [](const MacroSource& macros, const std::string&) { return macros.Rcpt(); }},
-    {"{%fromdomain%}", [](const MacroSource& macros, const std::string&) { return Domain(macros.From()); }},
-    {"{%rcptdomain%}", [](const MacroSource& macros, const std::string&) { return Domain(macros.Rcpt()); }},
-    {"{%maxsize%}", [](const MacroSource& macros, const std::string&) { return macros.MaxSize(); }},
-    {"{%size%}", [](const MacroSource& macros, const std::string&) { return macros.Size(); }},
+constexpr std::string_view kMacroEnd = "%}";
+constexpr std::size_t kMaxMacroName = 32;  // longer than any source has
+
+// The name of the macro that `words` begin with; "" when they begin with none.
+std::string_view MacroName(std::string_view words) {
+  const std::string_view name = words.substr(kMacroStart.size(), kMaxMacroName + kMacroEnd.size());
+  const std::size_t end = name.find(kMacroEnd);
+  return end == std::string_view::npos ? std::string_view() : name.substr(0, end);
+}
+
+// The macros of one rule. Each value is taken from its source once.
+class Macros {
+ public:
+  Macros(const std::string& original, const MacroSource& source) : original_(original), source_(source) {}
+
+  // What stands in the place of {%name%}, or nullptr when there is no such macro. `at_line_begin` says that
+  // it begins a line, where an original that is one reply keeps its own lines; any other value is one line.
+  // Valid until the next call.
+  const std::string* Value(std::string_view name, bool at_line_begin) {
+    static const std::string kLineEnd(kCrLf);
+    if (EqualNoCase(name, "crlf")) return &kLineEnd;
+    const bool is_original = EqualNoCase(name, "original");
+    if (is_original && at_line_begin && IsOneReply(original_)) return &original_;
+    for (const Known& known : known_) {
+      if (EqualNoCase(known.name, name)) return &known.value;
+    }
+    std::optional<std::string> value = is_original ? original_ : source_.Value(name);
+    if (!value) return nullptr;
+    return &known_.emplace_back(name, InOneLine(std::move(*value))).value;
+  }
+
+ private:
+  struct Known {
+    Known(std::string_view its_name, std::string its_value) : name(its_name), value(std::move(its_value)) {}
+    std::string_view name;
+    std::string value;
+  };
+
+  const std::string& original_;
+  const MacroSource& source_;
+  std::vector<Known> known_;
 };
 
 // `words` with each macro's value in its place, from left to right: what is put in is never looked at again.
-// `begins_reply` says that they begin a reply, and not somewhere in it. A whole reply that begins a line
-// keeps its own lines; any other value is put in as one. Nothing when the result would be longer than
-// `limit`.
+// `begins_reply` says that they begin a reply, and not somewhere in it. Nothing when the result would be
+// longer than `limit`.
 std::optional<std::string> ExpandMacros(std::string_view words, bool begins_reply,
-                                        const std::string& original, const MacroSource& macros,
+                                        const std::string& original, const MacroSource& source,
                                         std::size_t limit) {
-  std::array<std::optional<std::string>, std::size(kMacros)> values;  // each is asked for once
+  Macros macros(original, source);
   std::string result;
   while (result.size() <= limit) {
     const std::size_t start = words.find(kMacroStart);
     result.append(words.substr(0, start));
     if (start == std::string_view::npos) return result;
     words.remove_prefix(start);
-    const auto macro = std::find_if(std::begin(kMacros), std::end(kMacros),
-                                    [&](const Macro& row) { return StartsWithNoCase(words, row.name); });
-    if (macro == std::end(kMacros)) {
+    const std::string_view name = MacroName(words);
+    const bool begins_line = result.empty() ? begins_reply : result.ends_with(kCrLf);
+    if (const std::string* const value = name.empty() ? nullptr : macros.Value(name, begins_line)) {
+      result.append(*value);
+      words.remove_prefix(kMacroStart.size() + name.size() + kMacroEnd.size());
+    } else {
       result.append(kMacroStart);
       words.remove_prefix(kMacroStart.size());
-      continue;
     }
-    words.remove_prefix(macro->name.size());
-    const bool begins_line = result.empty() ? begins_reply : result.ends_with(kCrLf);
-    if (begins_line && macro->name == kOriginal && IsOneReply(original)) {
-      result.append(original);
-      continue;
-    }
-    auto& value = values[static_cast<std::size_t>(macro - std::begin(kMacros))];
-    if (!value) value = macro->value ? InOneLine(macro->value(macros, original)) : std::string(kCrLf);
-    result.append(*value);
   }
   return std::nullopt;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -11,21 +12,13 @@
 
 namespace trabex {
 
-// What the macros stand for. A value is asked for only when its macro occurs.
+// What the macros stand for, but for those that mean the same everywhere: {%original%} and {%crlf%}.
 class MacroSource {
  public:
   virtual ~MacroSource() = default;
-  virtual std::string LocalHostName() const = 0;
-  virtual std::string RFCTime() const = 0;
-  virtual std::string RemoteHostName() const = 0;
-  virtual std::string RemoteHostIP() const = 0;
-  virtual std::string HeloDomain() const = 0;
-  virtual std::string BytesReceived() const = 0;
-  virtual std::string BytesSent() const = 0;
-  virtual std::string From() const = 0;
-  virtual std::string Rcpt() const = 0;
-  virtual std::string MaxSize() const = 0;
-  virtual std::string Size() const = 0;
+  // The value of the macro {%name%}, or nothing when there is no such macro. `name` is written in any case.
+  // It is asked for only when the macro occurs, and once by each rule. Raises what the value's owner raises.
+  virtual std::optional<std::string> Value(std::string_view name) const = 0;
 };
 
 // One search-and-replace rule.

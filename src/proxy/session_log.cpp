@@ -11,11 +11,6 @@ constexpr std::string_view kLineBreakSign = "\xC2\xB6";
 constexpr std::size_t kHandleWidth = 6;
 constexpr std::size_t kAddressWidth = 15;
 
-void AppendAligned(std::string& line, std::string_view text, std::size_t width) {
-  if (text.size() < width) line.append(width - text.size(), ' ');
-  line.append(text);
-}
-
 // Most of what a peer sends is this.
 bool IsPlain(char c) {
   return c >= ' ' && c <= '~';
@@ -55,12 +50,12 @@ std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, co
   std::string line;
   line.reserve(side_tag.size() + text.size() + 32);
   line.append(side_tag).append("{");
-  AppendAligned(line, std::to_string(handle), kHandleWidth);
+  AppendAlignedRight(line, std::to_string(handle), kHandleWidth);
   line.append("} [");
   if (address.IsNone()) {
     line.append("   Undefined   ");
   } else {
-    AppendAligned(line, FormatIPAddress(address), kAddressWidth);
+    AppendAlignedRight(line, FormatIPAddress(address), kAddressWidth);
   }
   line.append("] ");
   AppendVisible(line, text);

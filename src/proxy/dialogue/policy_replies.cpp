@@ -64,7 +64,7 @@ static_assert([] {
   return true;
 }());
 
-std::string ValueOf(std::string_view name, const MacroSource& values) {
+std::string ValueOf(std::string_view name, const SessionValues& values) {
   if (name == "LocalHostName") return values.LocalHostName();
   if (name == "helo") return values.HeloDomain();
   if (name == "ip") return values.RemoteHostIP();
@@ -78,7 +78,7 @@ std::string ValueOf(std::string_view name, const MacroSource& values) {
 }
 
 // A row's text with its names replaced. A value is never looked through for names itself.
-std::string FillIn(std::string_view text, const MacroSource& values) {
+std::string FillIn(std::string_view text, const SessionValues& values) {
   std::string result;
   for (;;) {
     const std::size_t open = text.find('<');
@@ -96,7 +96,7 @@ const PolicyReply& FindPolicyReply(ReplyKind kind) {
   return kReplies[static_cast<std::size_t>(kind)];
 }
 
-std::string BuildPolicyReply(ReplyKind kind, const MacroSource& values, bool enhanced_status_codes,
+std::string BuildPolicyReply(ReplyKind kind, const SessionValues& values, bool enhanced_status_codes,
                              std::string_view code_override, std::string_view enhanced_override,
                              std::string_view text_override) {
   const PolicyReply& row = FindPolicyReply(kind);
@@ -105,10 +105,6 @@ std::string BuildPolicyReply(ReplyKind kind, const MacroSource& values, bool enh
   if (enhanced_status_codes && !enhanced.empty()) reply.append(" ").append(enhanced);
   reply += ' ';
   return reply += text_override.empty() ? FillIn(row.text, values) : std::string(text_override);
-}
-
-std::string_view AddressDomain(std::string_view address) {
-  return address.substr(address.rfind('@') + 1);
 }
 
 }  // namespace trabex

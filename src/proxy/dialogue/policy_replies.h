@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "match/cReplaces.h"
+#include "proxy/dialogue/session_macros.h"
 
 namespace trabex {
 
@@ -63,11 +63,8 @@ const PolicyReply& FindPolicyReply(ReplyKind kind);
 
 // The reply line of `kind` without CR LF. An override that is not empty takes the place of the table's field.
 // The enhanced code is left out when it is empty or `enhanced_status_codes` is off.
-std::string BuildPolicyReply(ReplyKind kind, const MacroSource& values, bool enhanced_status_codes,
+std::string BuildPolicyReply(ReplyKind kind, const SessionValues& values, bool enhanced_status_codes,
                              std::string_view code_override = {}, std::string_view enhanced_override = {},
                              std::string_view text_override = {});
-
-// The part of an address after its last "@"; all of it when there is none.
-std::string_view AddressDomain(std::string_view address);
 
 }  // namespace trabex

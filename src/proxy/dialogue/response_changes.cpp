@@ -19,7 +19,7 @@ bool ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 }
 
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view verb, std::string& reply,
-                        const Configuration& configuration, const MacroSource& macros) {
+                        const Configuration& configuration, const SessionValues& macros) {
   const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
   switch (kind) {
     case ReplyKind::kBadSequence:

@@ -18,6 +18,6 @@ bool ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 // this order. `key` is the reply's own key (for kind 1 one of "BadSeq.Transaction", "BadSeq.NoTransaction",
 // "BadSeq.BDAT"), `verb` the command as the client sent it, in upper case.
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view verb, std::string& reply,
-                        const Configuration& configuration, const MacroSource& macros);
+                        const Configuration& configuration, const SessionValues& macros);
 
 }  // namespace trabex

@@ -1,7 +1,9 @@
 // The values of a session that replies and their changes name.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include "config/configuration.h"
 #include "match/cReplaces.h"
@@ -11,8 +13,26 @@
 
 namespace trabex {
 
+// By the names of the macros: those of the functions, in any case, and FromDomain and RcptDomain.
+class SessionValues : public MacroSource {
+ public:
+  virtual std::string LocalHostName() const = 0;
+  virtual std::string RFCTime() const = 0;
+  virtual std::string RemoteHostName() const = 0;
+  virtual std::string RemoteHostIP() const = 0;
+  virtual std::string HeloDomain() const = 0;
+  virtual std::string BytesReceived() const = 0;
+  virtual std::string BytesSent() const = 0;
+  virtual std::string From() const = 0;
+  virtual std::string Rcpt() const = 0;
+  virtual std::string MaxSize() const = 0;
+  virtual std::string Size() const = 0;
+
+  std::optional<std::string> Value(std::string_view name) const final;
+};
+
 // All references outlive it; it holds nothing itself.
-class SessionMacros final : public MacroSource {
+class SessionMacros final : public SessionValues {
  public:
   SessionMacros(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
                 const SessionState& state)

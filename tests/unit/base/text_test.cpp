@@ -90,6 +90,11 @@ TEST(Text, Fields) {
   EXPECT_EQ(AlignRight("1234567", 6), "1234567");
   EXPECT_EQ(AlignRight("123456", 6), "123456");
   EXPECT_EQ(AlignRight("", 2), "  ");
+  std::string line = "row";
+  AppendAlignedRight(line, "12", 4);
+  AppendAlignedRight(line, "345", 2);
+  EXPECT_EQ(line, "row  12345");
+  EXPECT_EQ(Quoted("a \"b"), "\"a \"b\"");
   EXPECT_EQ(ZeroPadded(0, 2), "00");
   EXPECT_EQ(ZeroPadded(4, 2), "04");
   EXPECT_EQ(ZeroPadded(123, 2), "123");
@@ -97,6 +102,15 @@ TEST(Text, Fields) {
   EXPECT_EQ(FirstWord("SIZE"), "SIZE");
   EXPECT_EQ(FirstWord(" SIZE"), "");
   EXPECT_EQ(FirstWord(""), "");
+}
+
+TEST(Text, TheDomainOfAnAddressStandsBehindItsLastAt) {
+  EXPECT_EQ(AddressDomain("a@b"), "b");
+  EXPECT_EQ(AddressDomain("a@b@c"), "c");
+  EXPECT_EQ(AddressDomain("\"x@y\"@c"), "c");
+  EXPECT_EQ(AddressDomain("a"), "a");
+  EXPECT_EQ(AddressDomain("a@"), "");
+  EXPECT_EQ(AddressDomain(""), "");
 }
 
 TEST(Text, ContainersWithoutRegardToCase) {

@@ -10,7 +10,7 @@
 namespace trabex {
 namespace {
 
-class Values final : public MacroSource {
+class Values final : public SessionValues {
  public:
   std::string LocalHostName() const override { return "proxy.test"; }
   std::string RFCTime() const override { return "(time)"; }
@@ -145,15 +145,6 @@ TEST(PolicyReplies, KeysAreDistinct) {
   for (int kind = 0; kind < kReplyKinds; ++kind) {
     EXPECT_TRUE(keys.insert(ToLower(FindPolicyReply(static_cast<ReplyKind>(kind)).key)).second) << kind;
   }
-}
-
-TEST(PolicyReplies, TheDomainOfAnAddressStandsBehindItsLastAt) {
-  EXPECT_EQ(AddressDomain("a@b"), "b");
-  EXPECT_EQ(AddressDomain("a@b@c"), "c");
-  EXPECT_EQ(AddressDomain("\"x@y\"@c"), "c");
-  EXPECT_EQ(AddressDomain("a"), "a");
-  EXPECT_EQ(AddressDomain("a@"), "");
-  EXPECT_EQ(AddressDomain(""), "");
 }
 
 }  // namespace

@@ -90,6 +90,17 @@ TEST(ResponseChanges, MacrosStandForTheSession) {
   }
 }
 
+TEST(ResponseChanges, TheDomainOfAnAddressWithoutAtIsAllOfIt) {
+  Session session;
+  session.configuration.ResponseChanges.Add(WholeReply("550", "[{%fromdomain%}][{%rcptdomain%}]"));
+  session.state.Sender = "";
+  session.state.Recipient = "postmaster";
+  EXPECT_EQ(session.Changed("550", "550 no"), "[][postmaster]");
+  session.state.Sender = "a@";
+  session.state.Recipient = "@b";
+  EXPECT_EQ(session.Changed("550", "550 no"), "[][b]");
+}
+
 TEST(ResponseChanges, AClientWithoutANameIsUnknown) {
   Session session;
   session.facts.host.clear();

@@ -19,7 +19,7 @@ namespace {
 using Words = std::vector<std::string>;
 
 // Every value is its own name in the document, so that the replies made of them read as they stand there.
-class NamesAsValues final : public MacroSource {
+class NamesAsValues final : public SessionValues {
  public:
   std::string LocalHostName() const override { return "<LocalHostName>"; }
   std::string RFCTime() const override { return "<time>"; }
@@ -81,7 +81,7 @@ Words OwnKeys(ReplyKind kind) {
 
 // The keys by which a reply of `kind` is changed, in their order. Each of those that there might be has a
 // rule that puts the key's name at the end of the reply.
-Words KeysInOrder(ReplyKind kind, const std::string& key, const MacroSource& values) {
+Words KeysInOrder(ReplyKind kind, const std::string& key, const SessionValues& values) {
   const std::string code(FindPolicyReply(kind).code);
   Configuration configuration = DefaultConfiguration();
   for (const std::string& candidate : {std::string("BadSeq"), key, code}) {
