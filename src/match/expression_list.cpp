@@ -3,9 +3,9 @@
 // Nearly every entry of a long list is one pattern that is its own key. Such an entry is a record of eight
 // bytes and its text in one common buffer, and one hash table serves three questions: whether a key is taken,
 // which entry is equal to a text, and which "*" entry ends a text. For the last one keys are hashed from
-// their last byte to the first: the hash of each ending of a text then comes for free on the way to that of
-// all of it, and one step more, for the "*", gives the hash of the entry's key. Only the lengths that endings
-// have in this list are looked up.
+// their last byte to the first: the hash of each suffix of a text then comes for free on the way to that of
+// all of it, and one step more, for the "*", gives the hash of the entry's key. Only the lengths that
+// suffixes have in this list are looked up.
 //
 // An entry with letters beyond ASCII is found by its folded pattern, in tables of its own; a text with such
 // letters is folded before it is looked for. Keys stay what they are.
@@ -126,7 +126,7 @@ struct ExpressionList::Impl {
   bool Contains(std::string_view text) { return Search(text, false) != kNone; }
 
  private:
-  enum class RecordKind : std::uint32_t { kText, kEnding, kOther, kSpecial };
+  enum class RecordKind : std::uint32_t { kText, kSuffix, kOther, kSpecial };
   struct Record {
     std::uint32_t offset;  // into texts_; of kSpecial the index in specials_
     std::uint32_t size : 30;
@@ -139,20 +139,20 @@ struct ExpressionList::Impl {
     ListEntry entry;
   };
   // An entry that has to be tried: all of its programs must match.
-  struct Trial {
+  struct Candidate {
     std::uint32_t entry;
-    std::uint32_t first_program;
+    std::uint32_t first_pattern;
     std::uint32_t count;
   };
 
   // Entries to be tried whose texts begin alike, in their order: most texts begin otherwise, and all of them
   // are passed by at once.
   struct Group {
-    std::uint32_t beginning;
-    std::vector<Trial> trials;
+    std::uint32_t first_byte;
+    std::vector<Candidate> candidates;
   };
 
-  // The first entry of each text or ending that entries with letters beyond ASCII fold to.
+  // The first entry of each text or suffix that entries with letters beyond ASCII fold to.
   using FoldedEntries = std::unordered_map<std::string, std::uint32_t, HashNoCase, SameNoCase>;
 
   std::string_view Text(const Record& record) const {
@@ -167,15 +167,15 @@ struct ExpressionList::Impl {
   void Compile();
   void CompileRecord(std::uint32_t entry);
   void CompileFolded(std::uint32_t entry);
-  bool AddProgram(std::string_view pattern);
-  void AddTrial(const Trial& trial);
+  bool AddPattern(std::string_view pattern);
+  void AddCandidate(const Candidate& candidate);
   // Of what matches the first entry, or any one when `first` is not asked for.
   std::uint32_t Search(std::string_view text, bool first);
   std::uint32_t SearchByHash(std::string_view text, bool first) const;
   std::uint32_t SearchFolded(std::string_view text) const;
   std::uint32_t SearchGroups(std::string_view text, std::string_view folded_text, std::uint32_t found,
                              bool first) const;
-  bool Matches(const Trial& trial, std::string_view text, std::string_view folded_text) const;
+  bool Matches(const Candidate& candidate, std::string_view text, std::string_view folded_text) const;
 
   std::string texts_;
   std::vector<Record> records_;
@@ -186,33 +186,33 @@ struct ExpressionList::Impl {
   // Made of the first compiled_ records.
   std::size_t compiled_ = 0;
   bool has_texts_ = false;
-  std::vector<bool> ending_sizes_;  // by size: whether there is a "*" entry with an ending of that size
+  std::vector<bool> suffix_sizes_;  // by size: whether there is a "*" entry with a suffix of that size
   FoldedEntries folded_texts_;
-  FoldedEntries folded_endings_;
-  std::vector<std::size_t> folded_ending_sizes_;  // each once
+  FoldedEntries folded_suffixes_;
+  std::vector<std::size_t> folded_suffix_sizes_;  // each once
   std::vector<Group> groups_;
-  std::unordered_map<std::uint32_t, std::uint32_t> group_of_;  // by the beginning
-  std::vector<Trial> raising_;                                 // entries with a malformed pattern
-  std::vector<pattern::CodeStore::Program> programs_;
-  pattern::CodeStore codes_;
+  std::unordered_map<std::uint32_t, std::uint32_t> group_of_;  // by the class of the first byte
+  std::vector<Candidate> malformed_;                           // entries with a malformed pattern
+  std::vector<pattern::CompiledPattern> patterns_;
+  pattern::PatternStore compiled_patterns_;
 };
 
 ExpressionList::Impl::RecordKind ExpressionList::Impl::KindOf(std::string_view pattern) {
   switch (pattern::Classify(pattern)) {
     case pattern::Kind::kText:
       return RecordKind::kText;
-    case pattern::Kind::kEnding:
-      return RecordKind::kEnding;
+    case pattern::Kind::kSuffix:
+      return RecordKind::kSuffix;
     default:
       return RecordKind::kOther;
   }
 }
 
 void ExpressionList::Impl::Add(std::uint32_t hash, std::string_view key, ListEntry&& entry) {
-  constexpr std::size_t kGreatestSize = (std::size_t{1} << 30) - 1;
+  constexpr std::size_t kMaxSize = (std::size_t{1} << 30) - 1;
   const bool is_plain = !entry.is_group && entry.patterns.size() == 1 && entry.patterns.front() == key;
   if (records_.size() >= kNone - 1 ||
-      (is_plain && (key.size() > kGreatestSize || texts_.size() + key.size() > kNone))) {
+      (is_plain && (key.size() > kMaxSize || texts_.size() + key.size() > kNone))) {
     RaiseOutOfMemory();
   }
   keys_.Reserve();
@@ -220,7 +220,7 @@ void ExpressionList::Impl::Add(std::uint32_t hash, std::string_view key, ListEnt
   Record record{};
   if (is_plain) {
     record.offset = static_cast<std::uint32_t>(texts_.size());
-    record.size = static_cast<std::uint32_t>(key.size()) & kGreatestSize;
+    record.size = static_cast<std::uint32_t>(key.size()) & kMaxSize;
     record.kind = static_cast<std::uint32_t>(KindOf(key)) & 3U;
     texts_.append(key);
   } else {
@@ -249,84 +249,84 @@ const std::vector<ListEntry>& ExpressionList::Impl::Entries() {
 }
 
 // Whether the pattern is well-formed.
-bool ExpressionList::Impl::AddProgram(std::string_view pattern) {
+bool ExpressionList::Impl::AddPattern(std::string_view pattern) {
   if (IsAscii(pattern) || mText::IsInvalidPattern(pattern)) {
-    programs_.push_back(codes_.Parse(pattern));
+    patterns_.push_back(compiled_patterns_.Compile(pattern));
   } else {
-    programs_.push_back(codes_.Parse(pattern::FoldPattern(pattern)));
+    patterns_.push_back(compiled_patterns_.Compile(pattern::FoldPattern(pattern)));
   }
-  return !programs_.back().malformed;
+  return !patterns_.back().malformed;
 }
 
-void ExpressionList::Impl::AddTrial(const Trial& trial) {
-  // With very many beginnings there is nothing to be gained any more.
-  constexpr std::size_t kMostGroups = 512;
-  std::uint32_t beginning = codes_.Beginning(programs_[trial.first_program]);
-  if (groups_.size() >= kMostGroups && !group_of_.contains(beginning)) {
-    beginning = pattern::CodeStore::kAnyBeginning;
+void ExpressionList::Impl::AddCandidate(const Candidate& candidate) {
+  // With very many first bytes there is nothing to be gained any more.
+  constexpr std::size_t kMaxGroups = 512;
+  std::uint32_t first_byte = compiled_patterns_.FirstByteClass(patterns_[candidate.first_pattern]);
+  if (groups_.size() >= kMaxGroups && !group_of_.contains(first_byte)) {
+    first_byte = pattern::PatternStore::kAnyFirstByte;
   }
-  const auto [group, is_new] = group_of_.try_emplace(beginning, static_cast<std::uint32_t>(groups_.size()));
-  if (is_new) groups_.push_back({beginning, {}});
-  groups_[group->second].trials.push_back(trial);
+  const auto [group, is_new] = group_of_.try_emplace(first_byte, static_cast<std::uint32_t>(groups_.size()));
+  if (is_new) groups_.push_back({first_byte, {}});
+  groups_[group->second].candidates.push_back(candidate);
 }
 
 void ExpressionList::Impl::CompileRecord(std::uint32_t entry) {
   const Record& record = records_[entry];
-  const bool is_short_cut = record.Kind() == RecordKind::kText || record.Kind() == RecordKind::kEnding;
+  const bool is_short_cut = record.Kind() == RecordKind::kText || record.Kind() == RecordKind::kSuffix;
   if (is_short_cut && !IsAscii(Text(record))) {
     CompileFolded(entry);
     return;
   }
-  const auto first = static_cast<std::uint32_t>(programs_.size());
+  const auto first = static_cast<std::uint32_t>(patterns_.size());
   bool well_formed = true;
   switch (record.Kind()) {
     case RecordKind::kText:
       has_texts_ = true;
       return;
-    case RecordKind::kEnding:
-      if (ending_sizes_.size() < record.size) ending_sizes_.resize(record.size);
-      ending_sizes_[record.size - 1] = true;
+    case RecordKind::kSuffix:
+      if (suffix_sizes_.size() < record.size) suffix_sizes_.resize(record.size);
+      suffix_sizes_[record.size - 1] = true;
       return;
     case RecordKind::kOther:
-      well_formed = AddProgram(Text(record));
+      well_formed = AddPattern(Text(record));
       break;
     case RecordKind::kSpecial:
       // One without any pattern never matches.
       for (const std::string& pattern : specials_[record.offset].entry.patterns) {
-        well_formed = AddProgram(pattern) && well_formed;
+        well_formed = AddPattern(pattern) && well_formed;
       }
       break;
   }
-  const auto count = static_cast<std::uint32_t>(programs_.size() - first);
+  const auto count = static_cast<std::uint32_t>(patterns_.size() - first);
   if (count == 0) return;
-  const Trial trial{entry, first, count};
+  const Candidate candidate{entry, first, count};
   if (well_formed) {
-    AddTrial(trial);
+    AddCandidate(candidate);
   } else {
-    raising_.push_back(trial);
+    malformed_.push_back(candidate);
   }
 }
 
-// A text or an ending with letters beyond ASCII.
+// A text or a suffix with letters beyond ASCII.
 void ExpressionList::Impl::CompileFolded(std::uint32_t entry) {
   const std::string folded = pattern::FoldPattern(Text(records_[entry]));
   switch (pattern::Classify(folded)) {
     case pattern::Kind::kText:
       folded_texts_.try_emplace(folded, entry);
       break;
-    case pattern::Kind::kEnding: {
+    case pattern::Kind::kSuffix: {
       const std::size_t size = folded.size() - 1;
-      folded_endings_.try_emplace(folded.substr(1), entry);
-      if (std::find(folded_ending_sizes_.begin(), folded_ending_sizes_.end(), size) ==
-          folded_ending_sizes_.end()) {
-        folded_ending_sizes_.push_back(size);
+      folded_suffixes_.try_emplace(folded.substr(1), entry);
+      if (std::find(folded_suffix_sizes_.begin(), folded_suffix_sizes_.end(), size) ==
+          folded_suffix_sizes_.end()) {
+        folded_suffix_sizes_.push_back(size);
       }
       break;
     }
     case pattern::Kind::kOther: {
-      const auto program = static_cast<std::uint32_t>(programs_.size());
-      programs_.push_back(codes_.Parse(folded));
-      AddTrial({entry, program, 1});
+      const auto pattern = static_cast<std::uint32_t>(patterns_.size());
+      patterns_.push_back(compiled_patterns_.Compile(folded));
+      AddCandidate({entry, pattern, 1});
       break;
     }
   }
@@ -341,24 +341,24 @@ void ExpressionList::Impl::Compile() {
   if (!is_first_time) return;
   texts_.shrink_to_fit();
   records_.shrink_to_fit();
-  for (Group& group : groups_) group.trials.shrink_to_fit();
-  programs_.shrink_to_fit();
-  codes_.Shrink();
+  for (Group& group : groups_) group.candidates.shrink_to_fit();
+  patterns_.shrink_to_fit();
+  compiled_patterns_.Shrink();
 }
 
 std::uint32_t ExpressionList::Impl::SearchByHash(std::string_view text, bool first) const {
   std::uint32_t found = kNone;
   BackwardHash hash;
   for (std::size_t size = 0; size <= text.size(); ++size) {
-    if (size < ending_sizes_.size() && ending_sizes_[size]) {
-      const std::string_view ending = text.substr(text.size() - size);
+    if (size < suffix_sizes_.size() && suffix_sizes_[size]) {
+      const std::string_view suffix = text.substr(text.size() - size);
       found = std::min(found, keys_.Find(hash.ValueWith('*'), [&](std::uint32_t entry) {
         const Record& record = records_[entry];
-        return record.Kind() == RecordKind::kEnding && EqualNoCase(Text(record).substr(1), ending);
+        return record.Kind() == RecordKind::kSuffix && EqualNoCase(Text(record).substr(1), suffix);
       }));
       if (found != kNone && !first) return found;
     }
-    if (size >= ending_sizes_.size() && !has_texts_) return found;
+    if (size >= suffix_sizes_.size() && !has_texts_) return found;
     if (size < text.size()) hash.Take(text[text.size() - size - 1]);
   }
   if (!has_texts_) return found;
@@ -375,8 +375,8 @@ std::uint32_t ExpressionList::Impl::SearchFolded(std::string_view text) const {
     if (entry != entries.end()) found = std::min(found, entry->second);
   };
   look_up(folded_texts_, text);
-  for (const std::size_t size : folded_ending_sizes_) {
-    if (size <= text.size()) look_up(folded_endings_, text.substr(text.size() - size));
+  for (const std::size_t size : folded_suffix_sizes_) {
+    if (size <= text.size()) look_up(folded_suffixes_, text.substr(text.size() - size));
   }
   return found;
 }
@@ -385,11 +385,11 @@ std::uint32_t ExpressionList::Impl::SearchFolded(std::string_view text) const {
 std::uint32_t ExpressionList::Impl::SearchGroups(std::string_view text, std::string_view folded_text,
                                                  std::uint32_t found, bool first) const {
   for (const Group& group : groups_) {
-    if (!codes_.MayBegin(group.beginning, folded_text)) continue;
-    for (const Trial& trial : group.trials) {
-      if (trial.entry > found) break;
-      if (!Matches(trial, text, folded_text)) continue;
-      found = trial.entry;
+    if (!compiled_patterns_.BeginsWith(folded_text, group.first_byte)) continue;
+    for (const Candidate& candidate : group.candidates) {
+      if (candidate.entry > found) break;
+      if (!Matches(candidate, text, folded_text)) continue;
+      found = candidate.entry;
       if (!first) return found;
       break;
     }
@@ -397,13 +397,13 @@ std::uint32_t ExpressionList::Impl::SearchGroups(std::string_view text, std::str
   return found;
 }
 
-bool ExpressionList::Impl::Matches(const Trial& trial, std::string_view text,
+bool ExpressionList::Impl::Matches(const Candidate& candidate, std::string_view text,
                                    std::string_view folded_text) const {
-  for (std::uint32_t at = 0; at < trial.count; ++at) {
-    const auto& program = programs_[trial.first_program + at];
+  for (std::uint32_t at = 0; at < candidate.count; ++at) {
+    const auto& pattern = patterns_[candidate.first_pattern + at];
     // LikeText raises the error of a malformed pattern.
-    const bool matches = program.malformed ? mText::LikeText(text, Entry(trial.entry).patterns[at])
-                                           : codes_.Matches(program, folded_text);
+    const bool matches = pattern.malformed ? mText::LikeText(text, Entry(candidate.entry).patterns[at])
+                                           : compiled_patterns_.Matches(pattern, folded_text);
     if (!matches) return false;
   }
   return true;
@@ -412,15 +412,15 @@ bool ExpressionList::Impl::Matches(const Trial& trial, std::string_view text,
 std::uint32_t ExpressionList::Impl::Search(std::string_view text, bool first) {
   Compile();
   // Whether an entry that raises comes first matters in any case.
-  first = first || !raising_.empty();
+  first = first || !malformed_.empty();
   std::uint32_t found = SearchByHash(text, first);
-  if (!folded_texts_.empty() || !folded_endings_.empty()) found = std::min(found, SearchFolded(text));
-  if ((found != kNone && !first) || (groups_.empty() && raising_.empty())) return found;
+  if (!folded_texts_.empty() || !folded_suffixes_.empty()) found = std::min(found, SearchFolded(text));
+  if ((found != kNone && !first) || (groups_.empty() && malformed_.empty())) return found;
   const std::string folded_text = ToLower(text);
   found = SearchGroups(text, folded_text, found, first);
-  for (const Trial& trial : raising_) {
-    if (trial.entry > found) break;
-    if (Matches(trial, text, folded_text)) return trial.entry;
+  for (const Candidate& candidate : malformed_) {
+    if (candidate.entry > found) break;
+    if (Matches(candidate, text, folded_text)) return candidate.entry;
   }
   return found;
 }

@@ -75,45 +75,46 @@ bool IsMalformedElement(const Element& element, Case compare) {
   return !EachRange(element.list, compare, [](unsigned char low, unsigned char high) { return low <= high; });
 }
 
-// The match itself, for patterns in either form. Only the last run passed is ever tried longer: what stands
-// before it has matched at its earliest place, so a longer earlier run could gain nothing.
-template <class Codes>
-bool Run(std::string_view text, const Codes& codes, std::size_t position, std::size_t end) {
+// The match itself, for patterns in either form: greedy, with backtracking to the last run only. That is
+// enough, because what comes before the run has matched at its earliest place, so a longer earlier run gains
+// nothing.
+template <class Form>
+bool Run(std::string_view text, const Form& form, std::size_t position, std::size_t end) {
   std::size_t at = 0;
   std::size_t resume_position = kNone;
   std::size_t resume_at = 0;
   while (true) {
     if (position != end) {
-      const auto code = codes.Read(position);
-      if (codes.IsRun(code)) {
-        position = codes.Next(code, position);
+      const auto code = form.Read(position);
+      if (form.IsRun(code)) {
+        position = form.Next(code, position);
         if (position == end) return true;
         resume_position = position;
-        at = resume_at = codes.Seek(position, text, at);
+        at = resume_at = form.Seek(position, text, at);
         continue;
       }
-      if (codes.IsEmpty(code)) {
-        position = codes.Next(code, position);
+      if (form.IsEmpty(code)) {
+        position = form.Next(code, position);
         continue;
       }
       // A byte is missing; with a longer run there would be fewer left still.
       if (at == text.size()) return false;
-      if (codes.Takes(code, text[at])) {
+      if (form.Takes(code, text[at])) {
         ++at;
-        position = codes.Next(code, position);
+        position = form.Next(code, position);
         continue;
       }
     } else if (at == text.size()) {
       return true;
     }
     if (resume_position == kNone) return false;
-    at = resume_at = codes.Seek(resume_position, text, resume_at + 1);
+    at = resume_at = form.Seek(resume_position, text, resume_at + 1);
     position = resume_position;
   }
 }
 
 // A pattern as it is written.
-struct WrittenCodes {
+struct WrittenForm {
   std::string_view pattern;
   Case compare;
 
@@ -141,7 +142,7 @@ struct WrittenCodes {
   }
 };
 
-// Codes of parsed patterns as they are read: a byte, a wildcard by its own character above the bytes, or a
+// Codes of compiled patterns as they are read: a byte, a wildcard by its own character above the bytes, or a
 // list. They are stored in one byte each, a list in five. No byte is taken for a wildcard then, since a
 // pattern can have a plain "?", "*", "#" or "[" inside brackets only.
 constexpr std::uint32_t kWildcard = 256;
@@ -163,7 +164,7 @@ bool IsMalformed(std::string_view pattern, Case compare) {
 }
 
 bool Matches(std::string_view text, std::string_view pattern, Case compare) {
-  return Run(text, WrittenCodes{pattern, compare}, 0, pattern.size());
+  return Run(text, WrittenForm{pattern, compare}, 0, pattern.size());
 }
 
 std::string FoldPattern(std::string_view pattern) {
@@ -199,14 +200,14 @@ Kind Classify(std::string_view pattern) {
   const std::size_t wildcard = pattern.find_first_of("?*#[");
   if (wildcard == kNone) return Kind::kText;
   if (wildcard != 0 || pattern[0] != '*') return Kind::kOther;
-  return pattern.find_first_of("?*#[", 1) == kNone ? Kind::kEnding : Kind::kOther;
+  return pattern.find_first_of("?*#[", 1) == kNone ? Kind::kSuffix : Kind::kOther;
 }
 
-struct CodeStore::Codes {
-  const CodeStore& store;
+struct PatternStore::CompiledForm {
+  const PatternStore& store;
 
   std::uint32_t Read(std::size_t position) const {
-    const char c = store.codes_[position];
+    const char c = store.bytes_[position];
     switch (c) {
       case '?':
         return kAnyCode;
@@ -216,7 +217,7 @@ struct CodeStore::Codes {
         return kRunCode;
       case '[': {
         std::uint32_t list = 0;
-        store.codes_.copy(reinterpret_cast<char*>(&list), sizeof list, position + 1);
+        store.bytes_.copy(reinterpret_cast<char*>(&list), sizeof list, position + 1);
         return kFirstList + list;
       }
       default:
@@ -241,7 +242,7 @@ struct CodeStore::Codes {
   }
 };
 
-std::uint32_t CodeStore::ListCode(std::string_view list, bool negated) {
+std::uint32_t PatternStore::ListCode(std::string_view list, bool negated) {
   const auto next = static_cast<std::uint32_t>(lists_.size());
   const auto [known, is_new] = list_codes_.try_emplace((negated ? "!" : "=") + std::string(list), next);
   if (!is_new) return kFirstList + known->second;
@@ -253,7 +254,7 @@ std::uint32_t CodeStore::ListCode(std::string_view list, bool negated) {
   return kFirstList + next;
 }
 
-std::uint32_t CodeStore::CodeOf(std::string_view pattern, std::size_t at) {
+std::uint32_t PatternStore::CodeOf(std::string_view pattern, std::size_t at) {
   const Element element = ReadElement(pattern, at);
   switch (element.kind) {
     case Element::Kind::kByte:
@@ -266,60 +267,60 @@ std::uint32_t CodeStore::CodeOf(std::string_view pattern, std::size_t at) {
   }
 }
 
-void CodeStore::Store(std::uint32_t code) {
+void PatternStore::Store(std::uint32_t code) {
   if (code < kFirstList) {
-    codes_.push_back(static_cast<char>(code % kWildcard));
+    bytes_.push_back(static_cast<char>(code % kWildcard));
     return;
   }
   const std::uint32_t list = code - kFirstList;
-  codes_.push_back('[');
-  codes_.append(reinterpret_cast<const char*>(&list), sizeof list);
+  bytes_.push_back('[');
+  bytes_.append(reinterpret_cast<const char*>(&list), sizeof list);
 }
 
-CodeStore::Program CodeStore::Parse(std::string_view pattern) {
-  Program program;
-  program.malformed = IsMalformed(pattern, Case::kFolded);
-  if (program.malformed) return program;
-  if (codes_.size() + kStoredListSize * pattern.size() > std::numeric_limits<std::uint32_t>::max()) {
+CompiledPattern PatternStore::Compile(std::string_view pattern) {
+  CompiledPattern compiled;
+  compiled.malformed = IsMalformed(pattern, Case::kFolded);
+  if (compiled.malformed) return compiled;
+  if (bytes_.size() + kStoredListSize * pattern.size() > std::numeric_limits<std::uint32_t>::max()) {
     throw Error(error_number::kOutOfMemory, "mText.ExpressionList", "Out of memory");
   }
-  program.negated = IsNegated(pattern);
-  if (program.negated) pattern.remove_prefix(2);
-  program.begin = static_cast<std::uint32_t>(codes_.size());
+  compiled.negated = IsNegated(pattern);
+  if (compiled.negated) pattern.remove_prefix(2);
+  compiled.begin = static_cast<std::uint32_t>(bytes_.size());
   for (std::size_t at = 0; at < pattern.size(); at = ReadElement(pattern, at).next) {
     if (ReadElement(pattern, at).kind == Element::Kind::kEmpty) continue;
     const std::uint32_t code = CodeOf(pattern, at);
     // Runs in a row are one.
-    if (code == kRunCode && program.last == kRunCode) continue;
+    if (code == kRunCode && compiled.last == kRunCode) continue;
     Store(code);
-    program.last = code;
-    program.has_run = program.has_run || code == kRunCode;
-    if (code != kRunCode) ++program.least_size;
+    compiled.last = code;
+    compiled.has_run = compiled.has_run || code == kRunCode;
+    if (code != kRunCode) ++compiled.min_size;
   }
-  program.end = static_cast<std::uint32_t>(codes_.size());
-  return program;
+  compiled.end = static_cast<std::uint32_t>(bytes_.size());
+  return compiled;
 }
 
-std::uint32_t CodeStore::Beginning(const Program& program) const {
-  if (program.negated || program.begin == program.end) return kAnyBeginning;
-  const std::uint32_t code = Codes{*this}.Read(program.begin);
-  return code == kRunCode ? kAnyBeginning : code;
+std::uint32_t PatternStore::FirstByteClass(const CompiledPattern& compiled) const {
+  if (compiled.negated || compiled.begin == compiled.end) return kAnyFirstByte;
+  const std::uint32_t code = CompiledForm{*this}.Read(compiled.begin);
+  return code == kRunCode ? kAnyFirstByte : code;
 }
 
-bool CodeStore::MayBegin(std::uint32_t beginning, std::string_view folded_text) const {
-  if (beginning == kAnyBeginning) return true;
-  return !folded_text.empty() && Codes{*this}.Takes(beginning, folded_text.front());
+bool PatternStore::BeginsWith(std::string_view folded_text, std::uint32_t first_byte_class) const {
+  if (first_byte_class == kAnyFirstByte) return true;
+  return !folded_text.empty() && CompiledForm{*this}.Takes(first_byte_class, folded_text.front());
 }
 
-bool CodeStore::Matches(const Program& program, std::string_view folded_text) const {
-  const Codes codes{*this};
+bool PatternStore::Matches(const CompiledPattern& compiled, std::string_view folded_text) const {
+  const CompiledForm form{*this};
   const std::size_t size = folded_text.size();
   // Most texts fail by their size or their last byte, so these are looked at first.
-  bool possible = program.has_run ? size >= program.least_size : size == program.least_size;
-  if (possible && program.least_size > 0 && program.last != kRunCode) {
-    possible = codes.Takes(program.last, folded_text.back());
+  bool possible = compiled.has_run ? size >= compiled.min_size : size == compiled.min_size;
+  if (possible && compiled.min_size > 0 && compiled.last != kRunCode) {
+    possible = form.Takes(compiled.last, folded_text.back());
   }
-  return (possible && Run(folded_text, codes, program.begin, program.end)) != program.negated;
+  return (possible && Run(folded_text, form, compiled.begin, compiled.end)) != compiled.negated;
 }
 
 }  // namespace trabex::pattern

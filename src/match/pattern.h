@@ -1,10 +1,9 @@
 // The wildcard language of text patterns: its grammar, and two ways to match. A pattern that is used once is
-// matched as it is written, without any allocation; the patterns of a list are parsed once into codes.
+// matched as it is written, without any allocation; the patterns of a list are compiled once.
 //
 // Inside [...] every byte stands for itself, apart from a "!" in front and a "-" between two others:
-//   - "low-high" takes the bytes from low to high; what follows a range begins anew, so "[a-c-e]" holds a to
-//   c,
-//     "-" and "e";
+//   - "low-high" takes the bytes from low to high;
+//   - what follows a range begins anew, so "[a-c-e]" holds a to c, "-" and "e";
 //   - a "-" that begins or ends the list, or stands where a new byte or range would begin, is a plain "-";
 //   - "[]" is the empty text wherever it stands, "[!]" is a plain "!";
 //   - "]" ends the list always, so it cannot be in one; outside brackets it is a plain "]".
@@ -45,47 +44,47 @@ std::string FoldPattern(std::string_view pattern);
 // How a pattern can be found in a list.
 enum class Kind : std::uint8_t {
   kText,    // no wildcards: equal to the text
-  kEnding,  // "*" and plain text: the end of the text
+  kSuffix,  // "*" and plain text: the end of the text
   kOther,   // has to be tried, or is malformed
 };
 Kind Classify(std::string_view pattern);
 
-// Parsed patterns with their case folded, in one place.
-class CodeStore {
- public:
-  // One parsed pattern, negation prefix included.
-  struct Program {
-    std::uint32_t begin = 0;
-    std::uint32_t end = 0;
-    std::uint32_t last = 0;        // the last code
-    std::uint32_t least_size = 0;  // bytes that a matching text has at least
-    bool has_run = false;          // matching texts may be longer than that
-    bool negated = false;
-    bool malformed = false;  // cannot be matched
-  };
+// One compiled pattern, negation prefix included. Its codes lie in the store that compiled it.
+struct CompiledPattern {
+  std::uint32_t begin = 0;
+  std::uint32_t end = 0;
+  std::uint32_t last = 0;      // the last code
+  std::uint32_t min_size = 0;  // bytes that a matching text has at least
+  bool has_run = false;        // matching texts may be longer than that
+  bool negated = false;
+  bool malformed = false;  // cannot be matched
+};
 
+// Compiled patterns with their case folded, in one place. Those that it is given back are its own.
+class PatternStore {
+ public:
   // Raises 7 "Out of memory" (source "mText.ExpressionList") when the patterns reach 4 GB.
-  Program Parse(std::string_view pattern);
-  // What a text that matches `program` (not malformed) begins with: programs that begin alike have the same
-  // value.
-  std::uint32_t Beginning(const Program& program) const;
-  // Whether a text, given in lower case, can match a program with that beginning.
-  bool MayBegin(std::uint32_t beginning, std::string_view folded_text) const;
-  // The value of Beginning for programs of which nothing is known.
-  static constexpr std::uint32_t kAnyBeginning = std::numeric_limits<std::uint32_t>::max();
+  CompiledPattern Compile(std::string_view pattern);
+  // The class of bytes that a text which matches `compiled` (not malformed) begins with: the same value for
+  // patterns that begin alike.
+  std::uint32_t FirstByteClass(const CompiledPattern& compiled) const;
+  // Whether a text, given in lower case, begins with a byte of that class.
+  bool BeginsWith(std::string_view folded_text, std::uint32_t first_byte_class) const;
+  // The class of patterns that may match a text whatever its first byte, and a text without any.
+  static constexpr std::uint32_t kAnyFirstByte = std::numeric_limits<std::uint32_t>::max();
   // Gives back room that was kept for more patterns.
-  void Shrink() { codes_.shrink_to_fit(); }
-  // Whether a text, given in lower case, matches `program` (not malformed).
-  bool Matches(const Program& program, std::string_view folded_text) const;
+  void Shrink() { bytes_.shrink_to_fit(); }
+  // Whether a text, given in lower case, matches `compiled` (not malformed).
+  bool Matches(const CompiledPattern& compiled, std::string_view folded_text) const;
 
  private:
-  struct Codes;
+  struct CompiledForm;
 
   std::uint32_t ListCode(std::string_view list, bool negated);
   std::uint32_t CodeOf(std::string_view pattern, std::size_t at);
   void Store(std::uint32_t code);
 
-  std::string codes_;
+  std::string bytes_;  // the codes of all patterns
   std::vector<std::bitset<256>> lists_;
   std::unordered_map<std::string, std::uint32_t> list_codes_;  // lists by how they are written
 };
