@@ -15,7 +15,7 @@ struct Form {
 constexpr Form kForms[] = {
     {0x80, 0x00, 1, 0}, {0xE0, 0xC0, 2, 0x80}, {0xF0, 0xE0, 3, 0x800}, {0xF8, 0xF0, 4, 0x10000}};
 
-constexpr char32_t kGreatest = 0x10FFFF;
+constexpr char32_t kMaxCode = 0x10FFFF;
 
 bool IsSurrogate(char32_t code) {
   return code >= 0xD800 && code <= 0xDFFF;
@@ -35,7 +35,7 @@ Utf8Character FirstUtf8Character(std::string_view text) {
       if ((byte & 0xC0) != 0x80) return {};
       code = code << 6 | (byte & 0x3F);
     }
-    if (code < form.least || code > kGreatest || IsSurrogate(code)) return {};
+    if (code < form.least || code > kMaxCode || IsSurrogate(code)) return {};
     return {code, form.size};
   }
   return {};

@@ -67,9 +67,9 @@ class Writer {
     line_.clear();
   }
   void Entry(std::string_view entry) {
-    constexpr std::size_t kGreatestLength = 100;
+    constexpr std::size_t kMaxLength = 100;
     constexpr std::string_view kComma = ", ";
-    if (!line_.empty() && line_.size() + kComma.size() + entry.size() <= kGreatestLength) {
+    if (!line_.empty() && line_.size() + kComma.size() + entry.size() <= kMaxLength) {
       line_.append(kComma).append(entry);
       return;
     }

@@ -27,12 +27,12 @@ using EarlyTexts = std::array<std::optional<std::string_view>, kEarlyKeys.size()
 
 // The value of a line as profile strings are read.
 std::string_view ProfileValue(std::string_view value) {
-  constexpr std::size_t kGreatestLength = 255;
+  constexpr std::size_t kMaxLength = 255;
   value = Trim(value);
   if (value.size() >= 2 && (value.front() == '"' || value.front() == '\'') && value.back() == value.front()) {
     value = value.substr(1, value.size() - 2);
   }
-  return value.substr(0, kGreatestLength);
+  return value.substr(0, kMaxLength);
 }
 
 // The first occurrence of each key in section Common.

@@ -15,11 +15,11 @@ using C = Configuration;
 using G = GreyListingSettings;
 using enum SettingKind;
 
-constexpr std::int64_t kGreatest = std::numeric_limits<std::int32_t>::max();
+constexpr std::int64_t kMaxInteger = std::numeric_limits<std::int32_t>::max();
 // The counters stop one below it.
-constexpr std::int64_t kGreatestCount = kGreatest - 1;
+constexpr std::int64_t kMaxCount = kMaxInteger - 1;
 // Whole bytes, as far as the fixed-point type goes.
-constexpr std::int64_t kGreatestSize = 922337203685476;
+constexpr std::int64_t kMaxBytes = 922337203685476;
 
 constexpr Setting Early(int dump_order, std::string_view key, SettingKind kind, SettingField field,
                         std::string_view default_text, std::int64_t min = 0, std::int64_t max = 1) {
@@ -84,35 +84,35 @@ constexpr auto kSettings = std::to_array<Setting>({
     Common(450, "RecipientsBlackListRemote", kAddressList, &C::RecipientsBlackListRemote),
     Common(430, "RecipientsWhiteListRemote", kAddressList, &C::RecipientsWhiteListRemote),
     Common(460, "PrivateRecipients", kAddressList, &C::PrivateRecipients),
-    Common(380, "MaxRecipientsLocal", kInteger, &C::MaxRecipientsLocal, "0", 0, kGreatestCount),
-    Common(390, "MaxRecipientsRemote", kInteger, &C::MaxRecipientsRemote, "0", 0, kGreatestCount),
-    Common(320, "MaxTransactionsLocal", kInteger, &C::MaxTransactionsLocal, "0", 0, kGreatestCount),
-    Common(330, "MaxTransactionsRemote", kInteger, &C::MaxTransactionsRemote, "0", 0, kGreatestCount),
+    Common(380, "MaxRecipientsLocal", kInteger, &C::MaxRecipientsLocal, "0", 0, kMaxCount),
+    Common(390, "MaxRecipientsRemote", kInteger, &C::MaxRecipientsRemote, "0", 0, kMaxCount),
+    Common(320, "MaxTransactionsLocal", kInteger, &C::MaxTransactionsLocal, "0", 0, kMaxCount),
+    Common(330, "MaxTransactionsRemote", kInteger, &C::MaxTransactionsRemote, "0", 0, kMaxCount),
     Common(150, "MaxConnections", kInteger, &C::MaxConnections, "0", 0, 65535),
-    Common(340, "MaxSize", kSize, &C::MaxSize, "0", -2, kGreatestSize),
-    Common(160, "Timeout", kInteger, &C::Timeout, "300", 0, kGreatest),
-    Common(210, "MaxBadSeq", kInteger, &C::MaxBadSeq, "10", 0, kGreatestCount),
+    Common(340, "MaxSize", kSize, &C::MaxSize, "0", -2, kMaxBytes),
+    Common(160, "Timeout", kInteger, &C::Timeout, "300", 0, kMaxInteger),
+    Common(210, "MaxBadSeq", kInteger, &C::MaxBadSeq, "10", 0, kMaxCount),
     Common(50, "AutoReload", kBoolean, &C::AutoReload, "1", 0, 1),
     Later(Common(490, "ConfirmHostNames", kBoolean, &C::ConfirmHostNames, "0", 0, 1)),
 
     Grey(10, "Enabled", kBoolean, &G::Enabled, "0", 0, 1),
     Grey(20, "Log", kInteger, &G::Log, "0", 0, 1),
     Grey(30, "Database", kDatabase, &G::Database),
-    Grey(60, "Delay", kMinutes, &G::Delay, "16", 0, kGreatest),
-    Grey(70, "BlackListDelay", kMinutes, &G::BlackListDelay, "64", 0, kGreatest),
-    Grey(80, "TTL", kLifetime, &G::TTL, "51840", 0, kGreatest),
-    Grey(90, "ShortTTL", kLifetime, &G::ShortTTL, "240", 0, kGreatest),
-    Grey(100, "SaveInterval", kMinutes, &G::SaveInterval, "120", 10, kGreatest),
+    Grey(60, "Delay", kMinutes, &G::Delay, "16", 0, kMaxInteger),
+    Grey(70, "BlackListDelay", kMinutes, &G::BlackListDelay, "64", 0, kMaxInteger),
+    Grey(80, "TTL", kLifetime, &G::TTL, "51840", 0, kMaxInteger),
+    Grey(90, "ShortTTL", kLifetime, &G::ShortTTL, "240", 0, kMaxInteger),
+    Grey(100, "SaveInterval", kMinutes, &G::SaveInterval, "120", 10, kMaxInteger),
     Grey(110, "IPWhiteList", kRangeList, &G::IPWhiteList),
     Grey(120, "HostsWhiteList", kAddressList, &G::HostsWhiteList),
     Grey(130, "IPBlackList", kRangeList, &G::IPBlackList),
     Grey(140, "HostsBlackList", kAddressList, &G::HostsBlackList, "[]"),
-    Grey(40, "MinCount", kInteger, &G::MinCount, "1", 1, kGreatest),
-    Grey(50, "BlackListMinCount", kInteger, &G::BlackListMinCount, "2", 1, kGreatest),
+    Grey(40, "MinCount", kInteger, &G::MinCount, "1", 1, kMaxInteger),
+    Grey(50, "BlackListMinCount", kInteger, &G::BlackListMinCount, "2", 1, kMaxInteger),
     Grey(150, "CallbackSendersList", kPlainList, &G::CallbackSendersList, "[],postmaster@*"),
     Grey(160, "CallbackSenderAction", kInteger, &G::CallbackSenderAction, "1", 0, 3),
-    Later(Grey(170, "MaxPending", kInteger, &G::MaxPending, "500000", 100, kGreatest)),
-    Later(Grey(180, "MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kGreatest)),
+    Later(Grey(170, "MaxPending", kInteger, &G::MaxPending, "500000", 100, kMaxInteger)),
+    Later(Grey(180, "MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kMaxInteger)),
 });
 
 }  // namespace

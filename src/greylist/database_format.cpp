@@ -17,7 +17,7 @@ namespace {
 
 constexpr std::string_view kMagic = "\x3F\xC7\x6A\xA2";
 constexpr std::size_t kHeaderSize = 8;
-constexpr std::size_t kMostReserved = 250'000;
+constexpr std::size_t kMaxReserved = 250'000;
 constexpr std::string_view kReadSource = "mGreyListing.LoadGreyListingDatabase";
 
 // The dates that have a text of four-digit years; nothing else comes out of a clock plus the longest
@@ -70,11 +70,11 @@ struct Extent {
 
 // Counts out the first records, of the pending or of the accepted ones, until the others fit. Returns how
 // many.
-std::size_t LeaveOut(const GreyListingDatabase& database, DateTime now, bool pending, std::uint64_t longest,
-                     Extent& extent) {
+std::size_t LeaveOut(const GreyListingDatabase& database, DateTime now, bool pending,
+                     std::uint64_t max_payload, Extent& extent) {
   std::size_t left_out = 0;
   for (const cGreyListingData& record : database.All()) {
-    if (extent.Length() <= longest) break;
+    if (extent.Length() <= max_payload) break;
     if (now >= record.ExpireAt() || record.Pending() != pending) continue;
     --extent.count;
     extent.key_bytes -= record.Key().size();
@@ -83,16 +83,16 @@ std::size_t LeaveOut(const GreyListingDatabase& database, DateTime now, bool pen
   return left_out;
 }
 
-Extent Measure(const GreyListingDatabase& database, DateTime now, std::uint64_t longest) {
+Extent Measure(const GreyListingDatabase& database, DateTime now, std::uint64_t max_payload) {
   Extent extent;
   for (const cGreyListingData& record : database.All()) {
     if (now >= record.ExpireAt()) continue;
     ++extent.count;
     extent.key_bytes += record.Key().size();
   }
-  if (extent.Length() <= longest) return extent;
-  extent.pending_left_out = LeaveOut(database, now, true, longest, extent);
-  extent.accepted_left_out = LeaveOut(database, now, false, longest, extent);
+  if (extent.Length() <= max_payload) return extent;
+  extent.pending_left_out = LeaveOut(database, now, true, max_payload, extent);
+  extent.accepted_left_out = LeaveOut(database, now, false, max_payload, extent);
   return extent;
 }
 
@@ -120,8 +120,8 @@ std::uint64_t ReadHeader(const BytesIn& in, std::uint64_t size) {
 }  // namespace
 
 std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, const BytesOut& out,
-                          std::uint64_t longest) {
-  const Extent extent = Measure(database, now, longest);
+                          std::uint64_t max_payload) {
+  const Extent extent = Measure(database, now, max_payload);
   std::string header(kMagic);
   AppendLittleEndian(header, extent.Length(), 4);
   out(header);
@@ -159,7 +159,7 @@ GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size, const PendingLi
   database.SetLimits(limits);
   // A file with holes in it may be as long as its count needs and have nothing of it on the disk, so no room
   // is made for more than a few megabytes; beyond that the index grows with what is read.
-  database.Reserve(std::min(static_cast<std::size_t>(count), kMostReserved));
+  database.Reserve(std::min(static_cast<std::size_t>(count), kMaxReserved));
   for (std::int32_t number = 1; number <= count; ++number) {
     RecordName name(number);
     const std::int32_t attempts = bag.ReadInteger(name.With('R'));

@@ -42,7 +42,7 @@ void GreyListingDatabase::Accepted(const cGreyListingData& record) {
 // The network first: what it gives up may be all the room that is needed. The new record itself never goes.
 void GreyListingDatabase::DropFor(std::uint32_t number) {
   const std::uint32_t entry = At(number).pending;
-  std::size_t left = kMostDroppedAtOnce;
+  std::size_t left = kMaxDroppedAtOnce;
   while (left > 0 && pending_.CountBeside(entry) > std::max<std::size_t>(limits_.per_network, 1)) {
     Remove(pending_.OldestBeside(entry));
     ++dropped_.by_limit_per_network;

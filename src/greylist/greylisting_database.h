@@ -43,7 +43,7 @@ class GreyListingDatabase {
   cGreyListingData* Find(std::string_view key);
   // Adds it behind all others. When it is a pending one and there are now more than the limits permit, the
   // oldest are dropped, first of its network, then of all, but never itself. After limits were lowered that
-  // takes several additions, as each drops kMostDroppedAtOnce at most, so that none takes long. Raises 457
+  // takes several additions, as each drops kMaxDroppedAtOnce at most, so that none takes long. Raises 457
   // "This key is already associated with an element of this collection" (source "GreyListingDatabase.Add")
   // when its key is there already; nothing is changed then.
   cGreyListingData& Add(cGreyListingData record);
@@ -55,7 +55,7 @@ class GreyListingDatabase {
   std::size_t PendingCount() const { return pending_.Count(); }
   // What Add has dropped since the last call.
   DroppedPending TakeDropped() { return std::exchange(dropped_, DroppedPending()); }
-  static constexpr std::size_t kMostDroppedAtOnce = 1000;
+  static constexpr std::size_t kMaxDroppedAtOnce = 1000;
 
   // Makes room in the index for `count` records in all.
   void Reserve(std::size_t count) { index_.Reserve(count); }

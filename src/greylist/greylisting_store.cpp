@@ -33,9 +33,9 @@ Number NumberOf(std::string_view text) {
 // What a background save returns: the error's number, a blank and its description; after a success 0, a blank
 // and how many records it left out.
 std::string SaveAndReport(const std::string& path, const GreyListingDatabase& database, DateTime now,
-                          std::uint64_t longest) {
+                          std::uint64_t max_payload) {
   try {
-    return "0 " + std::to_string(SaveDatabaseFile(path, database, now, longest));
+    return "0 " + std::to_string(SaveDatabaseFile(path, database, now, max_payload));
   } catch (const Error& error) {
     return std::to_string(error.Number()) + " " + error.Description();
   }
@@ -45,13 +45,13 @@ std::string SaveAndReport(const std::string& path, const GreyListingDatabase& da
 
 GreyListingStore::GreyListingStore(const GreyListingSettings& settings, Log& log, const Clock& clock,
                                    EventLoop& loop, GreyListingDatabase& database, PendingWarning& warning,
-                                   std::uint64_t longest_payload)
+                                   std::uint64_t max_payload)
     : settings_(settings),
       log_(log),
       clock_(clock),
       database_(database),
       warning_(warning),
-      longest_payload_(longest_payload),
+      max_payload_(max_payload),
       sweep_timer_(loop, Milliseconds{0}, [this] { SweepSome(); }),
       task_(loop) {}
 
@@ -86,7 +86,7 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   sweep_timer_.Disable();
   database_.RemoveExpired(now);
   try {
-    const std::size_t left_out = SaveDatabaseFile(Path(), database_, now, longest_payload_);
+    const std::size_t left_out = SaveDatabaseFile(Path(), database_, now, max_payload_);
     database_.SetChanged(false);
     return Saved(now, left_out);
   } catch (const Error& error) {
@@ -98,7 +98,7 @@ bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSave
   if (!database_.Changed() || task_.Running()) return false;
   const DateTime now = clock_.UniversalNow();
   const bool started =
-      task_.Start([&] { return SaveAndReport(Path(), database_, now, longest_payload_); },
+      task_.Start([&] { return SaveAndReport(Path(), database_, now, max_payload_); },
                   [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
   if (!started) {
     done(SaveGreyListingDatabase());

@@ -47,11 +47,11 @@ struct GreyListingSaveResult {
 
 class GreyListingStore {
  public:
-  // All outlive this object. Settings are read at each use. `longest_payload` is the file format's; a test
+  // All outlive this object. Settings are read at each use. `max_payload` is the file format's; a test
   // sets another.
   GreyListingStore(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop,
                    GreyListingDatabase& database, PendingWarning& warning,
-                   std::uint64_t longest_payload = kLongestPayload);
+                   std::uint64_t max_payload = kMaxPayload);
   // Gives up a save in the background.
   ~GreyListingStore() = default;
   GreyListingStore(const GreyListingStore&) = delete;
@@ -96,7 +96,7 @@ class GreyListingStore {
   const Clock& clock_;
   GreyListingDatabase& database_;
   PendingWarning& warning_;
-  const std::uint64_t longest_payload_;
+  const std::uint64_t max_payload_;
   std::optional<MonotonicTime> left_out_told_;  // when the log was told last
   std::optional<std::string> path_;             // that of the last load
   Timer sweep_timer_;

@@ -41,7 +41,7 @@ std::string TripleKey(std::string_view network, std::string_view sender, std::st
     }
   }
   std::transform(key.begin(), key.end(), key.begin(), [](char c) { return ToLower(c); });
-  if (key.size() > kLongestBytesProperty) key.resize(kLongestBytesProperty);
+  if (key.size() > kMaxTaggedBytes) key.resize(kMaxTaggedBytes);
   return key;
 }
 

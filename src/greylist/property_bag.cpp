@@ -18,7 +18,7 @@ constexpr char kDate = 'd';
 constexpr char kBytes = 'b';
 
 constexpr std::size_t kBufferSize = 128 * 1024;
-static_assert(kBufferSize > kLongestBytesProperty);
+static_assert(kBufferSize > kMaxTaggedBytes);
 
 }  // namespace
 
@@ -37,7 +37,7 @@ void PropertyBagWriter::WriteDate(std::string_view name, DateTime value) {
 }
 
 void PropertyBagWriter::WriteBytes(std::string_view name, std::string_view value) {
-  assert(value.size() <= kLongestBytesProperty);
+  assert(value.size() <= kMaxTaggedBytes);
   Begin(name, kBytes);
   Number(value.size(), 2);
   buffer_.append(value);

@@ -21,7 +21,7 @@
 namespace trabex {
 
 // The most that one property's bytes can hold.
-inline constexpr std::size_t kLongestBytesProperty = 65535;
+inline constexpr std::size_t kMaxTaggedBytes = 65535;
 
 // Takes what was written so far, in pieces. May raise an Error, which leaves the writer's call.
 using BytesOut = std::function<void(std::string_view)>;
@@ -33,7 +33,7 @@ class PropertyBagWriter {
  public:
   explicit PropertyBagWriter(BytesOut out) : out_(std::move(out)) {}
 
-  // `name` has at most 255 bytes, the bytes of a value at most kLongestBytesProperty (asserted).
+  // `name` has at most 255 bytes, the bytes of a value at most kMaxTaggedBytes (asserted).
   void WriteInteger(std::string_view name, std::int32_t value);
   void WriteDate(std::string_view name, DateTime value);
   void WriteBytes(std::string_view name, std::string_view value);

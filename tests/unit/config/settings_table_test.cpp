@@ -21,8 +21,8 @@ struct Row {
   const char* max = "";
 };
 
-constexpr const char* kCount = "2147483646";
-constexpr const char* kGreatest = "2147483647";
+constexpr const char* kMaxCount = "2147483646";
+constexpr const char* kMaxInteger = "2147483647";
 
 const Row kCommonRows[] = {
     {"BindIP", 't', "0.0.0.0"},
@@ -60,14 +60,14 @@ const Row kCommonRows[] = {
     {"RecipientsBlackListRemote", 'a', ""},
     {"RecipientsWhiteListRemote", 'a', ""},
     {"PrivateRecipients", 'a', ""},
-    {"MaxRecipientsLocal", 'i', "0", "0", kCount},
-    {"MaxRecipientsRemote", 'i', "0", "0", kCount},
-    {"MaxTransactionsLocal", 'i', "0", "0", kCount},
-    {"MaxTransactionsRemote", 'i', "0", "0", kCount},
+    {"MaxRecipientsLocal", 'i', "0", "0", kMaxCount},
+    {"MaxRecipientsRemote", 'i', "0", "0", kMaxCount},
+    {"MaxTransactionsLocal", 'i', "0", "0", kMaxCount},
+    {"MaxTransactionsRemote", 'i', "0", "0", kMaxCount},
     {"MaxConnections", 'i', "0", "0", "65535"},
     {"MaxSize", 's', "0", "-2", "922337203685476"},
-    {"Timeout", 'i', "300", "0", kGreatest},
-    {"MaxBadSeq", 'i', "10", "0", kCount},
+    {"Timeout", 'i', "300", "0", kMaxInteger},
+    {"MaxBadSeq", 'i', "10", "0", kMaxCount},
     {"AutoReload", 'b', "1", "0", "1"},
     {"ConfirmHostNames", 'b', "0", "0", "1"},
 };
@@ -76,21 +76,21 @@ const Row kGreyListingRows[] = {
     {"Enabled", 'b', "0", "0", "1"},
     {"Log", 'i', "0", "0", "1"},
     {"Database", 't', "/opt/trabex/GreyListing/GreyListing.gldb"},
-    {"Delay", 'd', "16", "0", kGreatest},
-    {"BlackListDelay", 'd', "64", "0", kGreatest},
-    {"TTL", 'd', "51840", "65", kGreatest},
-    {"ShortTTL", 'd', "240", "65", kGreatest},
-    {"SaveInterval", 'd', "120", "10", kGreatest},
+    {"Delay", 'd', "16", "0", kMaxInteger},
+    {"BlackListDelay", 'd', "64", "0", kMaxInteger},
+    {"TTL", 'd', "51840", "65", kMaxInteger},
+    {"ShortTTL", 'd', "240", "65", kMaxInteger},
+    {"SaveInterval", 'd', "120", "10", kMaxInteger},
     {"IPWhiteList", 'r', ""},
     {"HostsWhiteList", 'a', ""},
     {"IPBlackList", 'r', ""},
     {"HostsBlackList", 'a', "[]"},
-    {"MinCount", 'i', "1", "1", kGreatest},
-    {"BlackListMinCount", 'i', "2", "1", kGreatest},
+    {"MinCount", 'i', "1", "1", kMaxInteger},
+    {"BlackListMinCount", 'i', "2", "1", kMaxInteger},
     {"CallbackSendersList", 'p', "[], postmaster@*"},
     {"CallbackSenderAction", 'i', "1", "0", "3"},
-    {"MaxPending", 'i', "500000", "100", kGreatest},
-    {"MaxPendingPerNetwork", 'i', "20000", "100", kGreatest},
+    {"MaxPending", 'i', "500000", "100", kMaxInteger},
+    {"MaxPendingPerNetwork", 'i', "20000", "100", kMaxInteger},
 };
 
 struct PlacedRow {

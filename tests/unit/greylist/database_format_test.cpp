@@ -118,11 +118,11 @@ TEST(DatabaseFormat, EveryByteInAKeyComesBack) {
 }
 
 TEST(DatabaseFormat, LimitsComeBack) {
-  constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-  constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+  constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+  constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
   const std::vector<PlainRecord> records = {
-      {"", 2958465.9, -657434, kMost},
-      {std::string(kLongestBytesProperty, 'k'), std::nextafter(kSomeNow, 1e9), 0, kLeast},
+      {"", 2958465.9, -657434, kMax},
+      {std::string(kMaxTaggedBytes, 'k'), std::nextafter(kSomeNow, 1e9), 0, kMin},
       {"z", kSomeNow + 1, std::numeric_limits<double>::denorm_min(), 0},
   };
   EXPECT_EQ(Plain(DatabaseOf(ContentOf(records))), records);
@@ -234,15 +234,16 @@ TEST(DatabaseFormat, ComesInAnyPieces) {
   }
 }
 
-// A content with a payload of `longest` bytes at most, and how many records it lacks.
+// A content with a payload of `max_payload` bytes at most, and how many records it lacks.
 struct Shortened {
   std::string content;
   std::size_t left_out = 0;
 };
-Shortened ShortenedTo(std::uint64_t longest, const GreyListingDatabase& database, DateTime now = kSomeNow) {
+Shortened ShortenedTo(std::uint64_t max_payload, const GreyListingDatabase& database,
+                      DateTime now = kSomeNow) {
   Shortened result;
   const auto out = [&result](std::string_view bytes) { result.content.append(bytes); };
-  result.left_out = WriteDatabase(database, now, out, longest);
+  result.left_out = WriteDatabase(database, now, out, max_payload);
   return result;
 }
 
@@ -274,13 +275,13 @@ TEST(DatabaseFormat, ThePendingOnesAddedFirstAreLeftOut) {
       {"accepted later"},
       {},
   };
-  std::uint64_t longest = std::numeric_limits<std::uint32_t>::max();
+  std::uint64_t max_payload = std::numeric_limits<std::uint32_t>::max();
   std::size_t left_out = 0;
   for (const std::vector<std::string>& keys : cases) {
-    const Shortened shortened = ShortenedTo(longest, database, 10);
+    const Shortened shortened = ShortenedTo(max_payload, database, 10);
     EXPECT_EQ(KeysOf(DatabaseOf(shortened.content)), keys);
     EXPECT_EQ(shortened.left_out, left_out++);
-    longest = shortened.content.size() - 8 - 1;
+    max_payload = shortened.content.size() - 8 - 1;
   }
   EXPECT_EQ(database.Count(), 6U);
 }
@@ -298,21 +299,21 @@ TEST(DatabaseFormat, LeavesOutNoMoreThanItHasTo) {
   const std::uint64_t whole = ContentOf(database).size() - 8;
   std::size_t left_out_before = 0;
   std::uint64_t room_wanted = whole;  // for one more than were left out last
-  for (std::uint64_t longest = whole; longest > 11; --longest) {
-    const Shortened shortened = ShortenedTo(longest, database);
-    ASSERT_LE(shortened.content.size() - 8, longest);
+  for (std::uint64_t max_payload = whole; max_payload > 11; --max_payload) {
+    const Shortened shortened = ShortenedTo(max_payload, database);
+    ASSERT_LE(shortened.content.size() - 8, max_payload);
     const std::vector<PlainRecord> kept = Plain(DatabaseOf(shortened.content));
     ASSERT_EQ(kept.size() + shortened.left_out, 30U);
     if (shortened.left_out > left_out_before) {
       // The length before was just enough for those.
-      ASSERT_EQ(longest + 1, room_wanted);
+      ASSERT_EQ(max_payload + 1, room_wanted);
       ASSERT_EQ(shortened.left_out, left_out_before + 1);
       left_out_before = shortened.left_out;
       room_wanted = shortened.content.size() - 8;
     }
     const auto kept_accepted = static_cast<std::size_t>(std::count_if(
         kept.begin(), kept.end(), [](const PlainRecord& record) { return std::get<3>(record) > 0; }));
-    ASSERT_EQ(kept_accepted, std::min(accepted, kept.size())) << longest;
+    ASSERT_EQ(kept_accepted, std::min(accepted, kept.size())) << max_payload;
   }
 }
 

@@ -14,13 +14,12 @@
 namespace trabex {
 namespace {
 
-constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
 
 TEST(GreyListingRecord, CountsAttemptsAwayFromZero) {
   const std::pair<std::int32_t, std::int32_t> cases[] = {
-      {0, 1},   {1, 2},   {kMost - 1, kMost},   {kMost, kMost},
-      {-1, -2}, {-2, -3}, {kLeast + 1, kLeast}, {kLeast, kLeast},
+      {0, 1}, {1, 2}, {kMax - 1, kMax}, {kMax, kMax}, {-1, -2}, {-2, -3}, {kMin + 1, kMin}, {kMin, kMin},
   };
   for (const auto& [before, after] : cases) {
     cGreyListingData record("key", 2, 1, before);
@@ -32,7 +31,7 @@ TEST(GreyListingRecord, CountsAttemptsAwayFromZero) {
 TEST(GreyListingRecord, AttemptsAreTheMagnitude) {
   EXPECT_EQ(cGreyListingData("key", 2, 1, -3).Attempts(), 3);
   EXPECT_EQ(cGreyListingData("key", 2, 1, 3).Attempts(), 3);
-  EXPECT_EQ(cGreyListingData("key", 2, 1, kLeast).Attempts(), 2147483648);
+  EXPECT_EQ(cGreyListingData("key", 2, 1, kMin).Attempts(), 2147483648);
 }
 
 TEST(GreyListingRecord, HoldsWhatIsSet) {
@@ -204,7 +203,7 @@ TEST(PendingRecords, ExpiredOnesLeaveTheQueue) {
 }
 
 TEST(PendingRecords, LoweredLimitsActOnTheNextAdditions) {
-  constexpr std::size_t kMany = GreyListingDatabase::kMostDroppedAtOnce * 5 / 2;
+  constexpr std::size_t kMany = GreyListingDatabase::kMaxDroppedAtOnce * 5 / 2;
   GreyListingDatabase database;
   for (std::size_t i = 0; i < kMany; ++i) AddPending(database, {"n " + std::to_string(i)});
   AddPending(database, {"m a", "m b", "m c"});

@@ -20,8 +20,8 @@ namespace {
 using enum GreyListingOutcome;
 
 constexpr double kMinute = 1 / kMinutesPerDay;
-constexpr std::int32_t kMost = std::numeric_limits<std::int32_t>::max();
-constexpr std::int32_t kLeast = std::numeric_limits<std::int32_t>::min();
+constexpr std::int32_t kMax = std::numeric_limits<std::int32_t>::max();
+constexpr std::int32_t kMin = std::numeric_limits<std::int32_t>::min();
 
 // 15 November 2026, 12:00:00 universal time, an exact number of days and halves.
 const DateTime kNoon = FromCalendar({.year = 2026, .month = 11, .day = 15, .hour = 12});
@@ -149,13 +149,13 @@ TEST_F(GreyListing, DecidesByTheRecord) {
       {"retry just after it", -1, 200, -kTiny, 1, false, kAccepted, 2, 51840, -kTiny},
       {"attempts equal to the minimum", -1, 200, -5, 2, false, kDelayed, -2, 200, -5},
       {"one attempt more", -2, 200, -5, 2, false, kAccepted, 3, 51840, -5},
-      {"the largest minimum count", kLeast + 2, 200, -5, kMost, false, kDelayed, kLeast + 1, 200, -5},
-      {"more attempts than it", kLeast + 1, 200, -5, kMost, false, kAccepted, kMost, 51840, -5},
-      {"the attempts are at their end", kLeast, 200, -5, 1, false, kAccepted, kMost, 51840, -5},
-      {"delayed with the attempts at their end", kLeast, 200, 5, 1, false, kDelayed, kLeast, 200, 5},
+      {"the largest minimum count", kMin + 2, 200, -5, kMax, false, kDelayed, kMin + 1, 200, -5},
+      {"more attempts than it", kMin + 1, 200, -5, kMax, false, kAccepted, kMax, 51840, -5},
+      {"the attempts are at their end", kMin, 200, -5, 1, false, kAccepted, kMax, 51840, -5},
+      {"delayed with the attempts at their end", kMin, 200, 5, 1, false, kDelayed, kMin, 200, 5},
       {"accepted before", 4, 200, -500, 1, false, kAccepted, 5, 51840, -500},
       {"accepted before, whatever the delay", 4, 200, 500, 9, false, kAccepted, 5, 51840, 500},
-      {"the count of acceptances is at its end", kMost, 200, -500, 1, false, kAccepted, kMost, 51840, -500},
+      {"the count of acceptances is at its end", kMax, 200, -500, 1, false, kAccepted, kMax, 51840, -500},
       {"a count of 0", 0, 200, 5, 9, false, kAccepted, 1, 51840, 5},
       {"at its expiry, still delayed", -1, 0, 5, 1, false, kDelayed, -2, 0, 5},
       {"at its expiry, delay over", -1, 0, -5, 1, false, kAccepted, 2, 51840, -5},
@@ -291,7 +291,7 @@ TEST_F(GreyListing, EveryAsciiSpellingIsTheSameTriple) {
 
 TEST_F(GreyListing, ALongerKeyThanTheFileHoldsIsCut) {
   EXPECT_EQ(Check("10.1.2.3", "a", std::string(100000, 's'), "r@b.test"), kNew);
-  EXPECT_EQ(database_.All().begin()->Key().size(), kLongestBytesProperty);
+  EXPECT_EQ(database_.All().begin()->Key().size(), kMaxTaggedBytes);
   EXPECT_EQ(Plain(DatabaseOf(ContentOf(database_, kSomeNow))), Plain(database_));
 }
 
@@ -355,7 +355,7 @@ TEST_F(GreyListing, LogsNothingUnlessAsked) {
 TEST_F(GreyListing, LogsTheMagnitudeOfTheLowestCount) {
   settings_.Log = 1;
   SetTimeExactly(kNoon);
-  database_.Add({"10.1.2 s@a.test r@b.test", kNoon + 1, kNoon + 0.5, kLeast});
+  database_.Add({"10.1.2 s@a.test r@b.test", kNoon + 1, kNoon + 0.5, kMin});
   EXPECT_EQ(Check(), kDelayed);
   EXPECT_EQ(log_.Lines(), (std::vector<std::string>{
                               "Greylisting: Delayed. Attempts: 2147483648; Will expire at: 16/11/2026 "
