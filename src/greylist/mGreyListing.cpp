@@ -64,30 +64,32 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, co
   std::string key = TripleKey(network, sender, recipient);
   cGreyListingData* record = database_.Find(key);
   const DateTime now = clock_.UniversalNow();
-  const Terms terms = TermsFor(ip, host_name);
+  const DelayPolicy policy = DelayPolicyFor(ip, host_name);
 
   auto outcome = GreyListingOutcome::kNew;
   if (record == nullptr) {
-    record = &NewRecord(std::move(key), network, terms, now);
+    record = &NewRecord(std::move(key), network, policy, now);
   } else {
     const bool was_pending = record->Pending();
-    outcome = Judge(*record, terms, now);
+    outcome = Evaluate(*record, policy, now);
     if (was_pending && !record->Pending()) database_.Accepted(*record);
   }
   database_.SetChanged(true);
-  LogOutcome(outcome, terms.blacklisted, record);
+  LogOutcome(outcome, policy.blacklisted, record);
   return outcome;
 }
 
-cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view network, const Terms& terms,
-                                          DateTime now) {
+cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view network,
+                                          const DelayPolicy& policy, DateTime now) {
   database_.SetLimits(PendingLimitsOf(settings_));
-  cGreyListingData& record = database_.Add({std::move(key), now + settings_.ShortTTL, now + terms.delay, -1});
+  cGreyListingData& record =
+      database_.Add({std::move(key), now + settings_.ShortTTL, now + policy.delay, -1});
   warning_.Dropped(database_.TakeDropped(), network);
   return record;
 }
 
-mGreyListing::Terms mGreyListing::TermsFor(const IPAddress& ip, std::string_view host_name) const {
+mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
+                                                       std::string_view host_name) const {
   if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
       mText::MatchList(host_name, settings_.HostsBlackList)) {
     return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
@@ -98,11 +100,12 @@ mGreyListing::Terms mGreyListing::TermsFor(const IPAddress& ip, std::string_view
 // The order of these steps is what makes an expired triple pass at once: its count of 0 becomes 1, and a
 // positive count is an accepted one. Whoever retried before is no stranger, and the long life time begins
 // again.
-GreyListingOutcome mGreyListing::Judge(cGreyListingData& record, const Terms& terms, DateTime now) const {
+GreyListingOutcome mGreyListing::Evaluate(cGreyListingData& record, const DelayPolicy& policy,
+                                          DateTime now) const {
   if (now > record.ExpireAt()) {
     record.SetCount(0);
     record.SetExpireAt(now + settings_.ShortTTL);
-    record.SetDelayedUntil(now + terms.delay);
+    record.SetDelayedUntil(now + policy.delay);
   }
   record.IncrementAttempts();
   if (record.Count() > 0) {
@@ -110,7 +113,7 @@ GreyListingOutcome mGreyListing::Judge(cGreyListingData& record, const Terms& te
     return GreyListingOutcome::kAccepted;
   }
   if (now < record.DelayedUntil()) return GreyListingOutcome::kDelayed;
-  if (record.Attempts() <= terms.min_count) return GreyListingOutcome::kDelayed;
+  if (record.Attempts() <= policy.min_count) return GreyListingOutcome::kDelayed;
   record.SetCount(AcceptedCount(record));
   record.SetExpireAt(now + settings_.TTL);
   return GreyListingOutcome::kAccepted;

@@ -48,15 +48,16 @@ class mGreyListing {
 
  private:
   // What the client's address and name decide.
-  struct Terms {
+  struct DelayPolicy {
     bool blacklisted;
     double delay;            // days
     std::int32_t min_count;  // more attempts than these are needed
   };
 
-  cGreyListingData& NewRecord(std::string key, std::string_view network, const Terms& terms, DateTime now);
-  Terms TermsFor(const IPAddress& ip, std::string_view host_name) const;
-  GreyListingOutcome Judge(cGreyListingData& record, const Terms& terms, DateTime now) const;
+  cGreyListingData& NewRecord(std::string key, std::string_view network, const DelayPolicy& policy,
+                              DateTime now);
+  DelayPolicy DelayPolicyFor(const IPAddress& ip, std::string_view host_name) const;
+  GreyListingOutcome Evaluate(cGreyListingData& record, const DelayPolicy& policy, DateTime now) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
 
   const GreyListingSettings& settings_;
