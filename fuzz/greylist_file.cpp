@@ -49,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   Crc32 checksum;
   checksum.Add(input);
   std::string file = "\x3F\xC7\x6A\xA2";
-  AppendLittleEndian(file, input.size() + PropertyBagWriter::kEndSize, 4);
+  AppendLittleEndian(file, input.size() + TaggedRecordWriter::kEndSize, 4);
   file += input;
   AppendLittleEndian(file, checksum.Value(), 4);
   CheckFile(file, 1 + size % 16);

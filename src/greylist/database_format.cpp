@@ -45,8 +45,9 @@ class RecordName {
 constexpr std::size_t kPropertiesOfRecord = 4;
 
 std::size_t RecordSize(std::size_t name_size, std::size_t key_size) {
-  using Bag = PropertyBagWriter;
-  return Bag::IntegerSize(name_size) + 2 * Bag::DateSize(name_size) + Bag::BytesSize(name_size, key_size);
+  using Writer = TaggedRecordWriter;
+  return Writer::IntegerSize(name_size) + 2 * Writer::DateSize(name_size) +
+         Writer::BytesSize(name_size, key_size);
 }
 
 // The length of a payload with `count` records whose keys have `key_bytes` in all.
@@ -54,8 +55,8 @@ std::uint64_t PayloadLength(std::uint64_t count, std::uint64_t key_bytes) {
   // The letters; then one digit for the numbers from 1 on, another for those from 10 on, and so forth.
   std::uint64_t names = count;
   for (std::uint64_t from = 1; from <= count; from *= 10) names += count - from + 1;
-  return PropertyBagWriter::IntegerSize(1) + count * RecordSize(0, 0) + names * kPropertiesOfRecord +
-         key_bytes + PropertyBagWriter::kEndSize;
+  return TaggedRecordWriter::IntegerSize(1) + count * RecordSize(0, 0) + names * kPropertiesOfRecord +
+         key_bytes + TaggedRecordWriter::kEndSize;
 }
 
 // What will be written, and how many of the records that have not expired will not.
@@ -96,8 +97,8 @@ Extent Measure(const GreyListingDatabase& database, DateTime now, std::uint64_t 
   return extent;
 }
 
-DateTime ReadDateOf(PropertyBagReader& bag, std::string_view name) {
-  const DateTime date = bag.ReadDate(name);
+DateTime ReadDateOf(TaggedRecordReader& reader, std::string_view name) {
+  const DateTime date = reader.ReadDate(name);
   if (!(date >= kEarliestDate && date < kLatestDate)) RaiseCorruptedFile(std::string(kReadSource));
   return date;
 }
@@ -126,8 +127,8 @@ std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, con
   AppendLittleEndian(header, extent.Length(), 4);
   out(header);
 
-  PropertyBagWriter bag(out);
-  bag.WriteInteger("C", static_cast<std::int32_t>(extent.count));
+  TaggedRecordWriter writer(out);
+  writer.WriteInteger("C", static_cast<std::int32_t>(extent.count));
   std::size_t pending_to_pass = extent.pending_left_out;
   std::size_t accepted_to_pass = extent.accepted_left_out;
   std::int32_t number = 0;
@@ -138,19 +139,19 @@ std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, con
       continue;
     }
     RecordName name(++number);
-    bag.WriteInteger(name.With('R'), record.Count());
-    bag.WriteDate(name.With('D'), record.DelayedUntil());
-    bag.WriteDate(name.With('X'), record.ExpireAt());
-    bag.WriteBytes(name.With('K'), record.Key());
+    writer.WriteInteger(name.With('R'), record.Count());
+    writer.WriteDate(name.With('D'), record.DelayedUntil());
+    writer.WriteDate(name.With('X'), record.ExpireAt());
+    writer.WriteBytes(name.With('K'), record.Key());
   }
-  bag.Finish();
+  writer.Finish();
   return extent.pending_left_out + extent.accepted_left_out;
 }
 
 GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size, const PendingLimits& limits) {
   const std::uint64_t length = ReadHeader(in, size);
-  PropertyBagReader bag(std::move(in), length);
-  const std::int32_t count = bag.ReadInteger("C");
+  TaggedRecordReader reader(std::move(in), length);
+  const std::int32_t count = reader.ReadInteger("C");
   // Could the file hold that many records at all?
   if (count < 0 || static_cast<std::uint64_t>(count) * RecordSize(2, 0) > length) {
     RaiseCorruptedFile(std::string(kReadSource));
@@ -162,12 +163,12 @@ GreyListingDatabase ReadDatabase(BytesIn in, std::uint64_t size, const PendingLi
   database.Reserve(std::min(static_cast<std::size_t>(count), kMaxReserved));
   for (std::int32_t number = 1; number <= count; ++number) {
     RecordName name(number);
-    const std::int32_t attempts = bag.ReadInteger(name.With('R'));
-    const DateTime delayed_until = ReadDateOf(bag, name.With('D'));
-    const DateTime expire_at = ReadDateOf(bag, name.With('X'));
-    database.Add({std::string(bag.ReadBytes(name.With('K'))), expire_at, delayed_until, attempts});
+    const std::int32_t attempts = reader.ReadInteger(name.With('R'));
+    const DateTime delayed_until = ReadDateOf(reader, name.With('D'));
+    const DateTime expire_at = ReadDateOf(reader, name.With('X'));
+    database.Add({std::string(reader.ReadBytes(name.With('K'))), expire_at, delayed_until, attempts});
   }
-  bag.Finish();
+  reader.Finish();
   return database;
 }
 

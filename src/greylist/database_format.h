@@ -1,5 +1,5 @@
 // The content of the greylisting database file: a header of magic number and payload length, and the records
-// as a property bag. docs/greylisting-database.md describes it byte by byte.
+// as tagged records. docs/greylisting-database.md describes it byte by byte.
 #pragma once
 
 #include <cstddef>
@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "greylist/greylisting_database.h"
-#include "greylist/property_bag.h"
+#include "greylist/tagged_records.h"
 
 namespace trabex {
 

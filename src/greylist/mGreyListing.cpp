@@ -8,7 +8,7 @@
 #include "base/date_time.h"
 #include "base/text.h"
 #include "base/unicode_fold.h"
-#include "greylist/property_bag.h"
+#include "greylist/tagged_records.h"
 #include "match/ip_range.h"
 #include "match/mText.h"
 

@@ -1,9 +1,10 @@
-// Named, typed values as one run of bytes, written and read in order.
+// Tagged records: named, typed values as one run of bytes, written and read in order.
 //
-// A property is its name (one byte of length, then the text), one byte for the type ("i", "d" or "b") and the
-// value: "i" a signed number of 32 bits, "d" a date-time as a 64-bit IEEE double, "b" a run of bytes (two
-// bytes of length, then the bytes). Behind the last property stands the CRC-32 of everything before it. All
-// numbers are little-endian. docs/greylisting-database.md shows an example.
+// A record, called a property here to tell it from those of greylisting, is its name (one byte of length,
+// then the text), one byte for the type ("i", "d" or "b") and the value: "i" a signed number of 32 bits, "d"
+// a date-time as a 64-bit IEEE double, "b" a run of bytes (two bytes of length, then the bytes). After the
+// last property comes the CRC-32 of everything before it. All numbers are little-endian.
+// docs/greylisting-database.md shows an example.
 //
 // The reader takes a file for what it is: bytes that anybody may have written. It knows how many there are,
 // never believes a length beyond that, and needs the same small buffer for every file.
@@ -29,9 +30,9 @@ using BytesOut = std::function<void(std::string_view)>;
 // leaves the reader's call.
 using BytesIn = std::function<std::size_t(char* buffer, std::size_t size)>;
 
-class PropertyBagWriter {
+class TaggedRecordWriter {
  public:
-  explicit PropertyBagWriter(BytesOut out) : out_(std::move(out)) {}
+  explicit TaggedRecordWriter(BytesOut out) : out_(std::move(out)) {}
 
   // `name` has at most 255 bytes, the bytes of a value at most kMaxTaggedBytes (asserted).
   void WriteInteger(std::string_view name, std::int32_t value);
@@ -58,12 +59,12 @@ class PropertyBagWriter {
   Crc32 checksum_;
 };
 
-// Every reading function raises 321 "The file is corrupted" (source "PropertyBag.Read") when the next
+// Every reading function raises 321 "The file is corrupted" (source "TaggedRecords.Read") when the next
 // property has another name or type, or the bytes end inside it.
-class PropertyBagReader {
+class TaggedRecordReader {
  public:
   // Reads `size` bytes of `in` in all.
-  PropertyBagReader(BytesIn in, std::uint64_t size);
+  TaggedRecordReader(BytesIn in, std::uint64_t size);
 
   std::int32_t ReadInteger(std::string_view name);
   DateTime ReadDate(std::string_view name);
@@ -80,7 +81,7 @@ class PropertyBagReader {
   std::uint64_t Number(int bytes);
 
   BytesIn in_;
-  std::uint64_t left_;  // bytes of the bag that are not in the buffer yet
+  std::uint64_t left_;  // bytes of the content that are not in the buffer yet
   std::string buffer_;
   std::size_t begin_ = 0;  // what is buffered and not read
   std::size_t end_ = 0;
