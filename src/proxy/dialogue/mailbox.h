@@ -15,11 +15,11 @@ enum class BareAddresses : int { kTake = 0, kRefuse = 1, kForwardUnchecked = 2 }
 struct PathArgument {
   enum class Verdict { kTaken, kSyntaxError, kForwardUnchecked };
   Verdict verdict = Verdict::kSyntaxError;
-  // Without brackets, blanks around it dropped; not yet in its one form. What is forwarded unchecked has one
-  // too, as well as it can be told.
+  // Without brackets, blanks around it dropped; not yet in its canonical form. What is forwarded unchecked has
+  // an address by best effort.
   std::string address;
-  std::string_view
-      parameters;  // what follows the address, with the blank before it; points into the argument
+  // What follows the address, with the blank before it; points into the argument.
+  std::string_view parameters;
 };
 
 // The most octets that an address and its domain have (RFC 5321, 4.5.3.1: 64, the "@" and 255).
@@ -32,13 +32,16 @@ inline constexpr std::size_t kMaxDomain = 255;
 // the limit is a syntax error there too.
 PathArgument ParsePath(std::string_view text, BareAddresses bare);
 
-// The one form of an address: no source route ("@a,@b:" in front, RFC 5321 appendix C), no dot at the end of
-// the domain, no quotes around a local part that needs none. Nothing when what remains is not empty and is no
-// mailbox that servers read alike: a local part (one quoted string without a backslash, or bytes other than
-// blanks, control characters and
-// ()<>[]:;,\"@), with or without "@" and a domain (labels of such bytes between single dots, or a literal in
-// brackets). Without a domain the local part holds no "@", "%" or "!", not even in quotes. And nothing when
-// it is longer than the limits above.
+// The canonical form of an address: no source route ("@a,@b:" in front, RFC 5321 appendix C), no dot at the
+// end of the domain, no quotes around a local part that needs none. Nothing when what remains is longer than
+// the limits above, or is neither empty nor a mailbox that servers read alike:
+//
+//   mailbox     local-part [ "@" domain ]
+//   local-part  bytes, or one quoted string without a backslash
+//   domain      labels of bytes between single dots, or a literal in brackets
+//   bytes       other than blanks, control characters and ()<>[]:;,\"@
+//
+// Without a domain the local part holds no "@", "%" or "!", not even in quotes.
 //
 // With letters beyond ASCII there is more to it, since servers fold and map them: `address` holds nothing but
 // address characters (see HoldsAddressCharacters); the folded mailbox is one with the same structure, that is
