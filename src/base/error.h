@@ -27,7 +27,7 @@ class Error : public std::exception {
   std::string description_;
 };
 
-// Error numbers that more than one room uses. Those of the socket layer stand in net/.
+// Error numbers that more than one library uses. Those of the socket layer are in net/.
 namespace error_number {
 inline constexpr int kOutOfMemory = 7;
 inline constexpr int kFileNotFound = 53;

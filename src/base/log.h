@@ -1,4 +1,4 @@
-// The log as every room sees it: somebody to whom a line can be given.
+// The log as every library sees it: an interface that takes lines.
 #pragma once
 
 #include <string_view>
@@ -22,7 +22,8 @@ class Log {
 };
 
 // Runs `action` as the body of an event handler: an Error that leaves it, or another standard exception, is
-// written to `log` and goes no further. `source` names the handler for exceptions that carry no source.
+// written to `log` and goes no further. An exception that is no Error is logged as number 7, out of memory,
+// whatever it was, with `source`, which names the handler.
 template <class Action>
 void RunLogged(Log& log, std::string_view source, Action&& action);
 
