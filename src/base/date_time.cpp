@@ -1,6 +1,7 @@
 #include "base/date_time.h"
 
 #include <array>
+#include <chrono>
 #include <cmath>
 #include <string_view>
 
@@ -10,30 +11,6 @@ namespace trabex {
 
 namespace {
 
-// Days between 1 January 1970 and a civil date of the proleptic Gregorian calendar. Years begin in March
-// here, so that the leap day is the last day of a year.
-std::int64_t DaysFromCivil(int year, int month, int day) {
-  const std::int64_t y = month <= 2 ? year - 1 : year;
-  const std::int64_t era = (y >= 0 ? y : y - 399) / 400;
-  const std::int64_t year_of_era = y - era * 400;
-  const std::int64_t day_of_year = (153 * (month + (month > 2 ? -3 : 9)) + 2) / 5 + day - 1;
-  const std::int64_t day_of_era = year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year;
-  return era * 146097 + day_of_era - 719468;
-}
-
-void CivilFromDays(std::int64_t days, CalendarTime& time) {
-  days += 719468;
-  const std::int64_t era = (days >= 0 ? days : days - 146096) / 146097;
-  const std::int64_t day_of_era = days - era * 146097;
-  const std::int64_t year_of_era =
-      (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
-  const std::int64_t day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
-  const std::int64_t shifted_month = (5 * day_of_year + 2) / 153;
-  time.day = static_cast<int>(day_of_year - (153 * shifted_month + 2) / 5 + 1);
-  time.month = static_cast<int>(shifted_month < 10 ? shifted_month + 3 : shifted_month - 9);
-  time.year = static_cast<int>(year_of_era + era * 400 + (time.month <= 2 ? 1 : 0));
-}
-
 std::string Time(const CalendarTime& time) {
   return ZeroPadded(time.hour, 2) + ":" + ZeroPadded(time.minute, 2) + ":" + ZeroPadded(time.second, 2);
 }
@@ -41,26 +18,26 @@ std::string Time(const CalendarTime& time) {
 }  // namespace
 
 CalendarTime ToCalendar(DateTime time) {
-  const auto seconds = static_cast<std::int64_t>(std::llround((time - kUnixEpoch) * kSecondsPerDay));
-  std::int64_t days = seconds / 86400;
-  std::int64_t rest = seconds % 86400;
-  if (rest < 0) {
-    rest += 86400;
-    --days;
-  }
-  CalendarTime result;
-  CivilFromDays(days, result);
-  // 1 January 1970 was a Thursday.
-  result.weekday = static_cast<int>(((days + 4) % 7 + 7) % 7);
-  result.hour = static_cast<int>(rest / 3600);
-  result.minute = static_cast<int>(rest / 60 % 60);
-  result.second = static_cast<int>(rest % 60);
-  return result;
+  using namespace std::chrono;
+  const sys_seconds moment{seconds(std::llround((time - kUnixEpoch) * kSecondsPerDay))};
+  const auto day = floor<days>(moment);
+  const year_month_day date(day);
+  const hh_mm_ss clock(moment - day);
+  return {.year = static_cast<int>(date.year()),
+          .month = static_cast<int>(static_cast<unsigned>(date.month())),
+          .day = static_cast<int>(static_cast<unsigned>(date.day())),
+          .weekday = static_cast<int>(weekday(day).c_encoding()),
+          .hour = static_cast<int>(clock.hours().count()),
+          .minute = static_cast<int>(clock.minutes().count()),
+          .second = static_cast<int>(clock.seconds().count())};
 }
 
 DateTime FromCalendar(const CalendarTime& time) {
-  const auto days = static_cast<double>(DaysFromCivil(time.year, time.month, time.day));
-  return kUnixEpoch + days + (time.hour * 3600 + time.minute * 60 + time.second) / kSecondsPerDay;
+  using namespace std::chrono;
+  const year_month_day date(year(time.year), month(static_cast<unsigned>(time.month)),
+                            day(static_cast<unsigned>(time.day)));
+  const auto days_from_epoch = static_cast<double>(sys_days(date).time_since_epoch().count());
+  return kUnixEpoch + days_from_epoch + (time.hour * 3600 + time.minute * 60 + time.second) / kSecondsPerDay;
 }
 
 DateTime FromUnix(std::int64_t seconds, int microseconds) {
