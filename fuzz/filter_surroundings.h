@@ -27,12 +27,9 @@ class Facts final : public SessionFacts {
   IPAddress ClientIP() const override { return IPAddress::IPv4(0xC0000207); }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return "mail.client.test"; }
-  std::int64_t BytesReceived() const override { return 0; }
   std::int64_t BytesSent() const override { return 0; }
-  bool Refused() const override { return refused; }
 
   bool local = false;
-  bool refused = false;
 };
 
 }  // namespace trabex

@@ -11,8 +11,8 @@
 
 #include "base/text.h"
 #include "filter_surroundings.h"
+#include "proxy/dialogue/dialogue.h"
 #include "proxy/dialogue/reply_assembler.h"
-#include "proxy/dialogue/server_reply_filter.h"
 
 namespace {
 
@@ -57,65 +57,80 @@ void CheckEhloReply(std::string_view text) {
   }
 }
 
-class Session {
+class ServerSession final : private DialogueActions {
  public:
-  Session() {
-    state_.HeloDomain = "client.test";
-    state_.RecipientCount = 1;
+  ServerSession() {
+    state_.phase = Phase::kCommand;
+    state_.requested.HeloDomain = "client.test";
+    state_.requested.RecipientCount = 1;
     configuration_.LocalHostName = "proxy.test";
     configuration_.MaxSize = 1000 * kFixedPointOne;
   }
 
-  // A command, or, where content is expected, the rest of it.
+  // A command, or, where content is expected, the rest of it. Every chunk is a last one.
   void Gets(std::string_view verb) {
-    if (state_.Content.Active()) {
-      state_.Content.Stop();
-    } else {
-      // Every chunk is a last one.
-      state_.LastChunk = verb == "BDAT";
-      state_.Forward(verb, FindCommand(verb).command);
+    if (ExpectedBytes(state_.phase) == ClientBytes::kContent) {
+      state_.phase = Phase::kContentReply;
+      return;
     }
+    state_.phase = Phase::kReply;
+    state_.forwarded = {std::string(verb), FindCommand(verb).command, verb == "BDAT", 0};
   }
 
   void Says(const std::string& reply) {
-    const bool greeted = state_.GreetingDone;
-    const bool open = state_.TransactionOpen;
-    const bool asked = state_.Expected == ReplyExpected::kCommand && !state_.Content.EndsWithDot();
+    const bool greeted = Greeted();
+    const bool open = Open();
+    const bool asked = state_.phase == Phase::kReply;
     const std::string code = reply.substr(0, 3);
-    const std::string& verb = state_.ForwardedVerb;
+    const std::string verb = state_.forwarded.ForwardedVerb;
     const auto is = [&](std::initializer_list<std::string_view> verbs, std::string_view wanted) {
       return asked && code == wanted && std::find(verbs.begin(), verbs.end(), verb) != verbs.end();
     };
     const bool ends_message = asked && verb == "BDAT";
-    const ReplyDecision decision = replies_.ProcessOutgoingData(reply);
+    to_client_.clear();
+    to_server_.clear();
+    Dialogue dialogue(configuration_, clock_, facts_, nullptr, state_);
+    dialogue.OnServerBytes(reply, *this);
+    state_ = dialogue.State();
 
-    Require(state_.Expected == ReplyExpected::kNone || state_.Expected == ReplyExpected::kContent);
-    if (state_.GreetingDone != greeted) Require(is({"EHLO", "HELO"}, "250"));
-    if (state_.TransactionOpen && !open)
-      Require(is({"MAIL", "SEND", "SOML", "SAML"}, "250") || is({"MAIL"}, "355"));
-    if (!state_.TransactionOpen && open) {
+    Require(state_.phase != Phase::kReply);
+    if (Greeted() != greeted) Require(is({"EHLO", "HELO"}, "250"));
+    if (Open() && !open) Require(is({"MAIL", "SEND", "SOML", "SAML"}, "250") || is({"MAIL"}, "355"));
+    if (!Open() && open) {
       Require(is({"EHLO", "HELO", "RSET"}, "250") || is({"DATA"}, "354") || ends_message);
     }
-    if (ends_message) Require(!state_.TransactionOpen && !state_.LastChunk);
-    if (!decision.header.empty()) Require(is({"DATA"}, "354") && state_.Content.EndsWithDot());
-    if (state_.AuthenticationData) Require(asked && verb == "AUTH");
-    state_.AuthenticationData = false;
+    if (ends_message) Require(!Open());
+    if (!to_server_.empty()) Require(is({"DATA"}, "354") && state_.phase == Phase::kDotContent);
+    if (state_.phase == Phase::kAuthData) Require(asked && verb == "AUTH");
+    if (state_.phase == Phase::kAuthData) state_.phase = Phase::kCommand;
 
     const auto lines = LinesOf(reply);
     if (is({"EHLO"}, "250") && lines.back().starts_with("250")) {
-      Require(state_.GreetingDone);
-      CheckEhloReply(decision.text);
+      Require(Greeted());
+      CheckEhloReply(to_client_);
     } else {
-      Require(decision.text == reply);
+      Require(to_client_ == reply);
     }
   }
 
  private:
+  bool Greeted() const { return state_.transaction >= Transaction::kGreeted; }
+  bool Open() const { return state_.transaction >= Transaction::kOpen; }
+
+  void ToServer(std::string_view bytes, bool) override { to_server_.append(bytes); }
+  void ToClient(std::string_view reply) override { to_client_.append(reply); }
+  void AskForAddresses(std::string_view) override {}
+  void CloseServer() override {}
+  void EndAfterPause() override {}
+  void Log(Side, std::int32_t, std::string_view) override {}
+  void LogFailure(const Error&) override {}
+
   Configuration configuration_ = DefaultConfiguration();
   StandingClock clock_;
   Facts facts_;
-  SessionState state_;
-  ServerReplyFilter replies_{configuration_, clock_, facts_, state_};
+  DialogueState state_;
+  std::string to_client_;
+  std::string to_server_;
 };
 
 }  // namespace
@@ -127,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string_view bytes = input.substr(std::min(end + 1, input.size()));
   const auto replies = Assemble(bytes, bytes.size() + 1);
   Require(replies == Assemble(bytes, 1) && replies == Assemble(bytes, 7));
-  Session session;
+  ServerSession session;
   for (std::size_t i = 0; i < replies.size(); ++i) {
     if (i < commands.size() && commands[i] != "-") session.Gets(commands[i]);
     session.Says(replies[i]);

@@ -260,7 +260,6 @@ std::string frmMain::RowText(std::size_t index) const {
 
 void frmMain::tmrStatus_Timer() {
   if (view_) view_->Refresh();
-  sessions_.ForEach([](cProxy& session) { session.CheckTimeout(); });
 }
 
 void frmMain::tmrLog_Timer() {

@@ -1,33 +1,12 @@
-// Time as the program sees it. It is passed in, so that a test sets it.
+// The machine's own clock and time zone.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
-#include "base/date_time.h"
+#include "base/clock.h"
 
 namespace trabex {
 
-using MonotonicTime = std::chrono::steady_clock::time_point;
-
-class Clock {
- public:
-  virtual ~Clock() = default;
-
-  // The local date and time, in whole seconds: the second that is running.
-  virtual DateTime Now() const = 0;
-  // Universal minus local time in minutes, daylight saving included; -180 east of Greenwich by three hours.
-  virtual int TimeZoneBias() const = 0;
-  // A time that never goes back and counts on while the machine runs; timers use it.
-  virtual MonotonicTime Monotonic() const = 0;
-
-  // Universal time: the local time plus the bias.
-  DateTime UniversalNow() const { return Now() + TimeZoneBias() / kMinutesPerDay; }
-  // The current local time as an RFC 822 date-time with a numeric zone.
-  std::string RFCDate() const { return FormatRFCDate(Now(), TimeZoneBias()); }
-};
-
-// The machine's own clock and time zone.
 class SystemClock final : public Clock {
  public:
   DateTime Now() const override;

@@ -16,12 +16,13 @@
 // Up to the server's connection a client that completes no line for Timeout seconds is closed. A send to
 // either side that makes no progress (see SendStall) ends the session at any time.
 //
-// The filters decide and the session acts: it takes one command line at a time, and the next one when the
-// complete reply to it has gone to the client; it relays message content; it has one send under way per
+// The dialogue decides and the session moves bytes: each event notes a fact at the side that it is about, and
+// one pump then lets the dialogue take what is there until nothing moves. There is one send under way per
 // direction, and what comes meanwhile waits in the socket. Everything runs on the loop; a session that has
 // ended takes no further event, and is destroyed at the end of the loop iteration.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,23 +30,23 @@
 #include <string_view>
 
 #include "base/log.h"
-#include "net/CSocketMaster.h"
-#include "net/send_stall.h"
 #include "platform/event_loop.h"
-#include "proxy/dialogue/client_command_filter.h"
-#include "proxy/dialogue/reply_assembler.h"
-#include "proxy/dialogue/server_reply_filter.h"
-#include "proxy/dialogue/session_facts.h"
-#include "proxy/dialogue/session_state.h"
+#include "proxy/dialogue/dialogue.h"
 #include "proxy/session_host.h"
+#include "proxy/session_side.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
 
-class cProxy final : public DeferredDeletable, private SessionFacts {
+class cProxy final : public DeferredDeletable,
+                     private SessionFacts,
+                     private DialogueActions,
+                     private SessionSide::Owner {
  public:
   // The pause before a session is closed for commands out of order.
   static constexpr Milliseconds kBadSequencePause{500};
+  // How often a session is looked at whose send waits.
+  static constexpr Milliseconds kStallInterval{500};
 
   explicit cProxy(SessionHost& host);
   ~cProxy() override;
@@ -55,8 +56,8 @@ class cProxy final : public DeferredDeletable, private SessionFacts {
   // Takes the connection request of the listener: admission, then the connection to the server. The session
   // is in the collection before; it may have left it when this returns.
   void Init(std::int32_t requestID);
-  // The periodic tick: ends the session when its client completed no line for longer than Timeout before the
-  // server connection stood, or when a send is stuck. Lets a server go that has gone.
+  // Ends the session when its client completed no line for longer than Timeout before the server connection
+  // stood, or when a send is stuck. Lets a server go that has gone. The session's own timers call it.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
@@ -66,20 +67,19 @@ class cProxy final : public DeferredDeletable, private SessionFacts {
 
   // The key in the collection.
   const std::string& Key() const { return key_; }
-  // For the connection table.
-  std::int32_t Handle() const { return Receiver.SocketHandle(); }
-  std::int64_t BytesReceived() const override { return Receiver.BytesReceived(); }
-  std::int64_t BytesSent() const override { return Receiver.BytesSent(); }
+  // For the connection table. -1 after Close.
+  std::int32_t Handle() const { return Receiver.Socket().SocketHandle(); }
+  std::int64_t BytesReceived() const { return Receiver.Socket().BytesReceived(); }
+  std::int64_t BytesSent() const override { return Receiver.Socket().BytesSent(); }
   double Duration() const;  // days
-  IPAddress ClientIP() const override { return Receiver.RemoteAddress(); }
+  IPAddress ClientIP() const override { return Receiver.Socket().RemoteAddress(); }
   std::string HostNameOrUnknown() const { return ClientHostNameOrUnknown(); }
 
  private:
-  enum class Stage { kAdmission, kRefused, kConnecting, kRelaying, kClosed };
+  enum class Stage { kAdmission, kConnecting, kRelaying, kClosed };
 
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
-  bool Refused() const override { return stage_ == Stage::kRefused; }
 
   // Admission, in this order; each returns whether the session goes on.
   bool AdmitByCount();
@@ -90,53 +90,38 @@ class cProxy final : public DeferredDeletable, private SessionFacts {
   bool NameAdmissionApplies() const;
   void ConnectServer();
 
-  void Receiver_Connect();
-  void Receiver_DataArrival();
-  void Receiver_SendComplete();
-  void Receiver_Error(int number, const std::string& description);
-  void Receiver_CloseSck();
+  void OnSideEvent(SessionSide& side, SessionSide::Event event) override;
+  void ServerConnected();
+
+  // Moves what can be moved, and ends the session when that is due. Never called from inside itself: a send
+  // that completes inside its call is only noted.
+  void Pump();
+  // Runs Pump in the loop's next iteration, unless the session has ended by then.
+  void PumpLater(const char* source);
+  bool MayTakeClientBytes() const;
+  void TakeClientBytes();
+  void TakeServerBytes();
+  void EndServer(const SessionSide::End& end);
+  // Whether nothing more is said to the client: it is gone, or it was told the last.
+  bool IsOver() const;
+
+  // What the dialogue wants.
+  void ToServer(std::string_view bytes, bool more_follows) override;
+  void ToClient(std::string_view reply) override;
+  void AskForAddresses(std::string_view host_name) override;
+  void CloseServer() override { Sender.Close(); }
+  void EndAfterPause() override;
+  void Log(Side side, std::int32_t level, std::string_view text) override;
+  void LogFailure(const Error& error) override { host_.log.LogError(error); }
+
+  // Time.
   bool LineHasCome();
-  void Sender_Connect();
-  void Sender_DataArrival();
-  void Sender_SendComplete();
-  void Sender_Error(int number, const std::string& description);
-  void Sender_CloseSck();
-
-  // From the client: as long as there is data that may be taken now.
-  void TakeClientData();
-  bool MayTakeContent() const;
-  bool MayTakeLine() const;
-  void TakeContent();
-  void TakeLine();
-  void ActOnLine(LineDecision decision);
-  void ActOnNameAnswer(const AddressAnswer& answer);
-  void EndAfterPause();
-
-  // From the server.
-  void TakeServerData();
-  void RelayServerData();
-  void RelayReplies();
-  void RelayReply(std::string_view reply);
-  bool RelayWholeLines();
-  bool RelayBeginOfReply();
-  void HearServerOut();
-  void RelayLastWords();
-  void EndWithoutServer();
-  void EndWhenSaid();
-  void GiveUpServer(std::string_view reason);
-
-  // The two exits; the protocol log is written there.
-  void SendToClient(std::string_view text);  // with its line ends
-  void SendToServer(std::string_view text, bool more_follows = false);
-  void SendPolicyReply(ReplyKind kind);
-
-  // Whether the session has ended.
+  void ArmTimeout();
   bool EndSilent();
   bool EndStuck();
-  void CloseSender();
-  void CloseReceiver();
-  void LogSender(std::int32_t level, std::string_view text);
-  void LogReceiver(std::int32_t level, std::string_view text);
+  void TakeLastWords();
+  void WatchSends();
+
   // The body of an event handler: not run when the session has ended; errors that leave it are logged.
   template <class Body>
   void RunHandler(const char* source, Body body);
@@ -145,34 +130,22 @@ class cProxy final : public DeferredDeletable, private SessionFacts {
   std::string key_;
   Stage stage_ = Stage::kAdmission;
 
-  CSocketMaster Receiver;  // towards the client
-  CSocketMaster Sender;    // towards the real server
+  SessionSide Receiver;  // towards the client
+  SessionSide Sender;    // towards the real server
+  Dialogue dialogue_;
 
-  double TimeoutSpan = 0;  // days; 0: no time-out
+  std::chrono::seconds TimeoutSpan{0};  // 0: no time-out
   MonotonicTime LastActivity{};
   std::int64_t looked_to_ = 0;  // how far the client's bytes have been looked at for a line's end
   MonotonicTime StartTime{};
-  bool ReceiverSending = false;    // a send towards the client is under way
-  bool ServerDataPending = false;  // the server's data waits in its socket
-  bool SenderSending = false;
-  bool ClientDataPending = false;
-  bool SenderConnected = false;
   bool Whitelisted = false;
-  bool CloseAfterSend = false;
   bool HostNameKnown = false;
   mutable std::optional<bool> IsLocal;  // asked for once
-  bool taking_ = false;                 // TakeClientData is on the stack
-  bool deaf_ = false;                   // nothing more is read from the client
   std::string HostName;
-  LookupId name_lookup_ = 0;  // of the HELO or EHLO that waits
-
-  SessionState state_;
-  ClientCommandFilter commands_;
-  ServerReplyFilter replies_;
-  ReplyAssembler assembler_;
-  std::unique_ptr<Timer> pause_;
-  SendStall receiver_stall_;
-  SendStall sender_stall_;
+  LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits
+  std::unique_ptr<Timer> pause_;        // the session ends when it has passed
+  std::unique_ptr<Timer> timeout_;      // until the server's connection stands
+  std::unique_ptr<Timer> stall_timer_;  // enabled while a send waits
 };
 
 template <class Body>

@@ -4,14 +4,13 @@
 #include "match/ip_range.h"
 #include "match/mText.h"
 #include "proxy/cProxy.h"
-#include "proxy/session_log.h"
 
 namespace trabex {
 
 void cProxy::Init(std::int32_t requestID) {
-  TimeoutSpan = host_.configuration.Timeout / kSecondsPerDay;
+  TimeoutSpan = std::chrono::seconds(host_.configuration.Timeout);
   try {
-    Receiver.Accept(requestID);
+    Receiver.Socket().Accept(requestID);
   } catch (const Error& error) {
     // Without its client the session has no purpose.
     host_.log.LogError(error);
@@ -21,19 +20,21 @@ void cProxy::Init(std::int32_t requestID) {
   if (stage_ == Stage::kClosed) return;
   RunHandler("cProxy.Init", [this] {
     StartTime = LastActivity = host_.clock.Monotonic();
-    LogReceiver(log_level::kConnection, "Connection Request.");
+    Receiver.Log(log_level::kConnection, "Connection Request.");
     host_.table.AddRow(*this);
     if (!AdmitByCount() || !AdmitByAddress()) return;
+    if (TimeoutSpan.count() != 0) ArmTimeout();
     const bool name_decides = NameAdmissionApplies();
     LookUpClientName();
     if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
+    Pump();
   });
 }
 
 bool cProxy::AdmitByCount() {
   const auto most = static_cast<std::size_t>(host_.configuration.MaxConnections);
   if (most == 0 || host_.sessions.Count() <= most) return true;
-  SendPolicyReply(ReplyKind::kTooManyConnections);
+  dialogue_.Say(ReplyKind::kTooManyConnections, *this);
   Close();
   return false;
 }
@@ -44,15 +45,16 @@ bool cProxy::AdmitByAddress() {
   Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
   if (Whitelisted) return true;
   if (mCommon::IPInRangeList(ip, c.IPAllowList) && !mCommon::IPInRangeList(ip, c.IPBlackList)) return true;
-  SendPolicyReply(ReplyKind::kIPBlackList);
+  dialogue_.Say(ReplyKind::kIPBlackList, *this);
   Close();
   return false;
 }
 
 void cProxy::LookUpClientName() {
   try {
-    Receiver.LookUpRemoteHostName([this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
-                                  host_.configuration.ConfirmHostNames);
+    Receiver.Socket().LookUpRemoteHostName(
+        [this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
+        host_.configuration.ConfirmHostNames);
   } catch (const Error&) {
     // The client is gone already; its name is as good as none.
     ClientNameKnown();
@@ -61,7 +63,7 @@ void cProxy::LookUpClientName() {
 
 void cProxy::ClientNameKnown() {
   try {
-    HostName = Receiver.RemoteHostName();
+    HostName = Receiver.Socket().RemoteHostName();
   } catch (const Error&) {
     HostName.clear();
   }
@@ -69,7 +71,7 @@ void cProxy::ClientNameKnown() {
   if (stage_ == Stage::kAdmission) {
     if (AdmitByName()) ConnectServer();
   }
-  TakeClientData();
+  Pump();
 }
 
 bool cProxy::NameAdmissionApplies() const {
@@ -83,18 +85,17 @@ bool cProxy::AdmitByName() {
   // The allow list's "*" is meant for names; a client that has none does not pass by it.
   const bool allowed = !HostName.empty() && mText::MatchList(HostName, c.HostsAllowList);
   if (allowed && !mText::MatchList(HostName, c.HostsBlackList)) return true;
-  stage_ = Stage::kRefused;
-  SendPolicyReply(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList);
+  dialogue_.Say(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList, *this);
   return false;
 }
 
 void cProxy::ConnectServer() {
   stage_ = Stage::kConnecting;
   try {
-    Sender.Connect(host_.configuration.ServerIP, host_.configuration.ServerPort);
+    Sender.Socket().Connect(host_.configuration.ServerIP, host_.configuration.ServerPort);
   } catch (const Error& error) {
     // Whichever way the connection fails, the client is told.
-    Sender_Error(error.Number(), error.Description());
+    Sender.NoteEnd({error.Number(), error.Description()});
   }
 }
 

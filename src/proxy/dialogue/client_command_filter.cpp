@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/ip_address.h"
 #include "base/text.h"
 #include "base/unicode_fold.h"
 #include "proxy/dialogue/command_parameters.h"
@@ -53,16 +54,10 @@ bool RefusedByLists(std::string_view value, const ExpressionList& white, const E
 }  // namespace
 
 ClientCommandFilter::ClientCommandFilter(const Configuration& configuration, const Clock& clock,
-                                         const SessionFacts& facts, SessionState& state,
-                                         GreylistCheck* greylisting)
-    : configuration_(configuration),
-      clock_(clock),
-      facts_(facts),
-      state_(state),
-      greylisting_(greylisting),
-      macros_(configuration, clock, facts, state) {}
+                                         const SessionFacts& facts, GreylistCheck* greylisting)
+    : configuration_(configuration), clock_(clock), facts_(facts), greylisting_(greylisting) {}
 
-ClientCommandFilter::Line ClientCommandFilter::TakeApart(std::string_view line) {
+ClientCommandFilter::Line ClientCommandFilter::ParseCommandLine(std::string_view line) {
   line = WithoutLeadingBlanks(WithoutLineEnd(line));
   const auto verb_end =
       static_cast<std::size_t>(std::find_if(line.begin(), line.end(), IsBlank) - line.begin());
@@ -76,56 +71,58 @@ ClientCommandFilter::Line ClientCommandFilter::TakeApart(std::string_view line) 
   return result;
 }
 
-LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view line) {
-  return Complete(ProcessLine(line));
+LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view line,
+                                                      const DialogueState& state) const {
+  Draft draft(state);
+  return Complete(ProcessLine(line, draft), draft);
 }
 
-LineDecision ClientCommandFilter::ProcessLine(std::string_view text) {
-  if (state_.AuthenticationData) return ProcessAuthenticationData(text);
-  const Line line = TakeApart(text);
-  state_.CurrentVerb = line.verb;
+LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draft) const {
+  if (draft.state.phase == Phase::kAuthData) return ProcessAuthenticationData(text, draft);
+  const Line line = ParseCommandLine(text);
+  draft.requested.CurrentVerb = line.verb;
   const bool is_bdat = line.row->command == Command::kBdat;
-  const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::optional<std::uint64_t>(0);
-  // Nobody can tell where the content ends.
-  if (!octets) return Closing(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}));
+  const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::nullopt;
+  // Without a count nobody can tell where the content ends.
+  if (is_bdat && !octets) return Ending(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}, draft));
 
   LineDecision decision;
   // Bytes beyond ASCII in a verb are a blank to servers that drop the eighth bit, or know more blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
-    decision = Answer({ReplyKind::kBadSyntax, ""});
+    decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
   } else if (line.row->never_forwarded) {
-    decision = Answer({ReplyKind::kNotImplemented, ""});
-  } else if (facts_.Refused()) {
-    decision = ProcessRefusedSession(line);
-  } else if (const MaybeRefusal refusal = CheckOrder(line)) {
-    decision = Answer(*refusal);
+    decision = Answer({ReplyKind::kNotImplemented, ""}, draft);
+  } else if (draft.state.transaction == Transaction::kRefused) {
+    decision = ProcessRefusedSession(line, draft);
+  } else if (const MaybeRefusal refusal = CheckOrder(line, draft.state)) {
+    decision = Answer(*refusal, draft);
   } else if (is_bdat) {
-    decision = ProcessBdat(line, *octets);
+    decision = ProcessBdat(line, *octets, draft);
   } else {
-    decision = ProcessPolicy(line);
+    decision = ProcessPolicy(line, draft);
   }
   // The octets of a refused BDAT follow all the same (RFC 3030), and are no commands.
-  if (is_bdat && decision.action == Action::kAnswer) state_.Content.BeginDrop(*octets);
+  decision.octets_follow = octets;
   return decision;
 }
 
-LineDecision ClientCommandFilter::ProcessPolicy(const Line& line) {
+LineDecision ClientCommandFilter::ProcessPolicy(const Line& line, Draft& draft) const {
   switch (line.row->command) {
     case Command::kEhlo:
     case Command::kHelo:
-      return ProcessHelo(line);
+      return ProcessHelo(line, draft);
     // SEND, SOML and SAML (RFC 821) open a transaction just as MAIL does.
     case Command::kMail:
     case Command::kSend:
     case Command::kSoml:
     case Command::kSaml:
-      return ProcessMail(line);
+      return ProcessMail(line, draft);
     case Command::kRcpt:
-      return ProcessRcpt(line);
+      return ProcessRcpt(line, draft);
     case Command::kData:
-      return ProcessData(line);
+      return ProcessData(line, draft);
     case Command::kXexch50:
-      return ProcessXexch50(line);
+      return ProcessXexch50(line, draft);
     default:
       return ForwardAsIs(line);
   }
@@ -133,37 +130,36 @@ LineDecision ClientCommandFilter::ProcessPolicy(const Line& line) {
 
 // --- the form of a line
 
-LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view line) {
-  // Answered in any case; the server's reply says whether more is asked for.
-  state_.AuthenticationData = false;
-  if (HoldsControl(WithoutLineEnd(line))) return Closing(Answer({ReplyKind::kBadSyntax, ""}));
+LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view line, Draft& draft) const {
+  if (HoldsControl(WithoutLineEnd(line))) return Ending(Answer({ReplyKind::kBadSyntax, ""}, draft));
   LineDecision decision;
   decision.text = line;
   decision.logged = std::string(kSecret).append(kCrLf);
-  state_.Expected = ReplyExpected::kCommand;
   return decision;
 }
 
-std::optional<LineDecision> ClientCommandFilter::RefuseLongLine(std::string_view begin) {
-  const bool authentication = state_.AuthenticationData ||
-                              StartsWithNoCase(WithoutLeadingBlanks(begin.substr(0, kMaxLine)), "AUTH ") ||
-                              StartsWithNoCase(WithoutLeadingBlanks(begin.substr(0, kMaxLine)), "AUTH\t");
-  const std::size_t most = authentication ? kMaxAuthenticationLine : kMaxLine;
-  const std::size_t end = begin.find(kCrLf);
-  const std::size_t length = end == std::string_view::npos ? begin.size() : end + kCrLf.size();
+std::optional<LineDecision> ClientCommandFilter::RefuseLongLine(std::string_view line, bool whole,
+                                                                const DialogueState& state) const {
   // A line without its end has at least one octet more to come.
-  if (length < most || (length == most && end != std::string_view::npos)) return std::nullopt;
-  return Answer({ReplyKind::kLineTooLong, ""});
+  const std::size_t least = line.size() + (whole ? 0 : 1);
+  if (least <= kMaxLine) return std::nullopt;
+  const std::string_view command = WithoutLeadingBlanks(line.substr(0, kMaxLine));
+  const bool authentication = state.phase == Phase::kAuthData || StartsWithNoCase(command, "AUTH ") ||
+                              StartsWithNoCase(command, "AUTH\t");
+  if (authentication && least <= kMaxAuthenticationLine) return std::nullopt;
+  Draft draft(state);
+  return Complete(Answer({ReplyKind::kLineTooLong, ""}, draft), draft);
 }
 
-LineDecision ClientCommandFilter::RefuseAmbiguousEnd() {
-  return Answer({ReplyKind::kDataAmbiguousEnd, ""});
+LineDecision ClientCommandFilter::RefuseAmbiguousEnd(const DialogueState& state) const {
+  Draft draft(state);
+  return Complete(Answer({ReplyKind::kDataAmbiguousEnd, ""}, draft), draft);
 }
 
-std::string ClientCommandFilter::LoggedForm(std::string_view line) const {
+std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) const {
   const std::string_view text = WithoutLineEnd(line);
   const std::string_view line_end = line.substr(text.size());
-  if (state_.AuthenticationData) return std::string(kSecret).append(line_end);
+  if (phase == Phase::kAuthData) return std::string(kSecret).append(line_end);
   const std::string_view command = WithoutLeadingBlanks(text);
   if (!StartsWithNoCase(command, "AUTH") || (command.size() > 4 && !IsBlank(command[4])))
     return std::string(line);
@@ -175,175 +171,179 @@ std::string ClientCommandFilter::LoggedForm(std::string_view line) const {
   return std::string(text.substr(0, text.size() - secret.size())).append(kSecret).append(line_end);
 }
 
-LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line) {
-  if (line.row->command == Command::kQuit) return Answer({ReplyKind::kQuitBadIP, ""});
-  return Answer({ReplyKind::kBadSequenceBadIP, ""});
+LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft& draft) const {
+  const bool quits = line.row->command == Command::kQuit;
+  return Answer({quits ? ReplyKind::kQuitBadIP : ReplyKind::kBadSequenceBadIP, ""}, draft);
 }
 
 // --- order
 
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line) const {
-  if (!state_.GreetingDone && !line.row->before_greeting) return Refusal{ReplyKind::kBadSequenceNoHelo, ""};
-  return CheckTransactionOrder(line);
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line,
+                                                                  const DialogueState& state) const {
+  if (state.transaction == Transaction::kNoGreeting && !line.row->before_greeting) {
+    return Refusal{ReplyKind::kBadSequenceNoHelo, ""};
+  }
+  return CheckTransactionOrder(line, state);
 }
 
 // One after the other; when several refuse, the last one answers.
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(const Line& line) const {
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
+    const Line& line, const DialogueState& state) const {
   const CommandRow& row = *line.row;
+  const bool chunks = state.transaction == Transaction::kChunks;
   MaybeRefusal refusal;
-  if (state_.TransactionOpen) {
-    const bool extension_missing = !row.extension.empty() && !state_.Extensions.Has(row.extension);
+  if (state.transaction == Transaction::kOpen || chunks) {
+    const bool extension_missing = !row.extension.empty() && !state.offered.Extensions.Has(row.extension);
     if (row.place == Place::kOpensTransaction || extension_missing) {
       refusal = {ReplyKind::kBadSequence, "BadSeq.Transaction"};
     }
-  } else if (row.place == Place::kInTransaction && !(row.command == Command::kBdat && state_.ChunkSequence)) {
+  } else if (row.place == Place::kInTransaction) {
     refusal = {ReplyKind::kBadSequence, "BadSeq.NoTransaction"};
   }
-  if (state_.ChunkSequence && !row.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
+  if (chunks && !row.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
   return refusal;
 }
 
 // --- HELO and EHLO
 
-LineDecision ClientCommandFilter::ProcessHelo(const Line& line) {
-  state_.EhloUsed = line.row->command == Command::kEhlo;
-  state_.HeloDomain = FirstParameter(line.Rest());
-  if (const MaybeRefusal refusal = CheckHeloBlackList()) return Answer(*refusal);
+LineDecision ClientCommandFilter::ProcessHelo(const Line& line, Draft& draft) const {
+  std::string& domain = draft.requested.HeloDomain;
+  draft.requested.EhloUsed = line.row->command == Command::kEhlo;
+  domain = FirstParameter(line.Rest());
+  if (const MaybeRefusal refusal = CheckHeloBlackList(domain)) return Answer(*refusal, draft);
   const std::int32_t dns_check =
       facts_.IsLocalClient() ? validate_helo::kDnsLocal : validate_helo::kDnsRemote;
-  if ((configuration_.ValidateHELO & dns_check) == 0 || HeloMatchesHostName()) return ForwardAsIs(line);
-  if (state_.HeloDomain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""});
-  waiting_line_ = line.text;
+  if ((configuration_.ValidateHELO & dns_check) == 0 || HeloMatchesHostName(domain)) return ForwardAsIs(line);
+  if (domain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""}, draft);
   LineDecision decision;
-  decision.action = Action::kWaitForName;
-  decision.text = NameToLookUp(state_.HeloDomain);
+  decision.action = Action::kAskForAddresses;
+  decision.asking_line = line.text;
+  decision.text = NameToLookUp(domain);
   return decision;
 }
 
-LineDecision ClientCommandFilter::ProcessNameAnswer(const AddressAnswer& answer) {
-  const Line line = TakeApart(std::exchange(waiting_line_, {}));
-  if (answer.error != 0) return Complete(Answer({ReplyKind::kHeloDNSError, ""}));
+LineDecision ClientCommandFilter::ProcessAddresses(std::string_view asking_line, const HostAddresses& answer,
+                                                   const DialogueState& state) const {
+  Draft draft(state);
+  const Line line = ParseCommandLine(asking_line);
+  if (!answer.found) return Complete(Answer({ReplyKind::kHeloDNSError, ""}, draft), draft);
   const std::uint32_t client = facts_.ClientIP().Number();
   const bool confirmed =
       std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
-  return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}));
+  return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}, draft), draft);
 }
 
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList() const {
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList(std::string_view domain) const {
   const std::int32_t check =
       facts_.IsLocalClient() ? validate_helo::kBlackListLocal : validate_helo::kBlackListRemote;
   if ((configuration_.ValidateHELO & check) == 0) return std::nullopt;
-  if (!mText::MatchList(state_.HeloDomain, configuration_.HELOBlackList)) return std::nullopt;
-  return Refusal{state_.HeloDomain.empty() ? ReplyKind::kHeloNoDomain : ReplyKind::kHeloBlackList, ""};
+  if (!mText::MatchList(domain, configuration_.HELOBlackList)) return std::nullopt;
+  return Refusal{domain.empty() ? ReplyKind::kHeloNoDomain : ReplyKind::kHeloBlackList, ""};
 }
 
-bool ClientCommandFilter::HeloMatchesHostName() const {
-  const std::string& domain = state_.HeloDomain;
+bool ClientCommandFilter::HeloMatchesHostName(std::string_view domain) const {
   const std::string host = facts_.ClientHostNameOrUnknown();
   return EqualFolded(domain, host) || EndsWithFolded(domain, "." + host) ||
-         EndsWithFolded(host, "." + domain);
+         EndsWithFolded(host, std::string(".").append(domain));
 }
 
 // --- MAIL
 
-LineDecision ClientCommandFilter::ProcessMail(const Line& line) {
+LineDecision ClientCommandFilter::ProcessMail(const Line& line, Draft& draft) const {
   constexpr std::string_view kFrom = " FROM:";
-  if (!StartsWithNoCase(line.Rest(), kFrom)) return Answer({ReplyKind::kMailAddressSyntax, ""});
+  if (!StartsWithNoCase(line.Rest(), kFrom)) return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
   const PathArgument path =
       ParsePath(line.Rest().substr(kFrom.size()),
                 static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
-  state_.DeclaredSize = 0;
+  RequestedState& requested = draft.requested;
+  requested.DeclaredSize = 0;
   const auto address = NormalizeMailbox(path.address);
-  const bool smtp_utf8 = AsksForSmtpUtf8(path.parameters);
+  // Whether the transaction that it begins may have addresses beyond ASCII.
+  const bool smtp_utf8 = draft.state.offered.SmtpUtf8Offered && HasKeyword(path.parameters, "SMTPUTF8");
   if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
-    ++state_.TransactionCount;
-    state_.BeginTransaction(address.value_or(path.address), smtp_utf8);
+    ++requested.TransactionCount;
+    requested.BeginTransaction(address.value_or(path.address), smtp_utf8);
     return ForwardAsIs(line);
   }
   if (path.verdict == PathArgument::Verdict::kSyntaxError || !address ||
       !(smtp_utf8 || IsAscii(path.address)) || !AreKeywordParameters(path.parameters)) {
-    return Answer({ReplyKind::kMailAddressSyntax, ""});
+    return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
   }
-  state_.Sender = *address;
-  if (const MaybeRefusal refusal = CheckMail(path.parameters)) return Answer(*refusal);
+  requested.Sender = *address;
+  ++requested.TransactionCount;
+  if (const MaybeRefusal refusal = CheckMail(requested)) return Answer(*refusal, draft);
+  if (const auto size = DeclaredSize(path.parameters); size && draft.state.offered.SizeLimit != 0) {
+    requested.DeclaredSize = *size;
+    if (*size > draft.state.offered.SizeLimit) return Answer({ReplyKind::kMailSize, ""}, draft);
+  }
 
-  const std::string sender =
-      Replaced(*address, facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
-                                                : configuration_.SenderReplacementsRemote);
-  state_.BeginTransaction(*address, smtp_utf8);
+  const std::string sender = Replaced(*address,
+                                      facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
+                                                             : configuration_.SenderReplacementsRemote,
+                                      draft);
+  requested.BeginTransaction(*address, smtp_utf8);
   return Forward(line, line.verb + " FROM:<" + sender + ">" + std::string(path.parameters));
 }
 
-// Whether the transaction that a MAIL with these parameters begins may have addresses beyond ASCII.
-bool ClientCommandFilter::AsksForSmtpUtf8(std::string_view parameters) const {
-  return state_.SmtpUtf8Offered && HasKeyword(parameters, "SMTPUTF8");
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(std::string_view parameters) {
-  ++state_.TransactionCount;
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(const RequestedState& requested) const {
   const std::int32_t most =
       facts_.IsLocalClient() ? configuration_.MaxTransactionsLocal : configuration_.MaxTransactionsRemote;
-  if (most != 0 && state_.TransactionCount > most) return Refusal{ReplyKind::kMailTooManyTransactions, ""};
-  if (!state_.Sender.empty() &&
-      RefusedByLists(state_.Sender, configuration_.SendersWhiteList, configuration_.SendersAllowList,
+  if (most != 0 && requested.TransactionCount > most) return Refusal{ReplyKind::kMailTooManyTransactions, ""};
+  if (!requested.Sender.empty() &&
+      RefusedByLists(requested.Sender, configuration_.SendersWhiteList, configuration_.SendersAllowList,
                      configuration_.SendersBlackList)) {
     return Refusal{ReplyKind::kMailBlackList, ""};
   }
-  return CheckSize(parameters);
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckSize(std::string_view parameters) {
-  if (state_.SizeLimit == 0) return std::nullopt;
-  const auto size = DeclaredSize(parameters);
-  if (!size) return std::nullopt;
-  state_.DeclaredSize = *size;
-  if (*size <= state_.SizeLimit) return std::nullopt;
-  return Refusal{ReplyKind::kMailSize, ""};
+  return std::nullopt;
 }
 
 // --- RCPT
 
-LineDecision ClientCommandFilter::ProcessRcpt(const Line& line) {
+LineDecision ClientCommandFilter::ProcessRcpt(const Line& line, Draft& draft) const {
   constexpr std::string_view kTo = " TO:";
-  if (!StartsWithNoCase(line.Rest(), kTo)) return Answer({ReplyKind::kRcptAddressSyntax, ""});
+  if (!StartsWithNoCase(line.Rest(), kTo)) return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
   const PathArgument path =
       ParsePath(line.Rest().substr(kTo.size()),
                 static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+  RequestedState& requested = draft.requested;
   const auto address = NormalizeMailbox(path.address);
   if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
-    ++state_.RecipientCount;
-    state_.Recipient = address.value_or(path.address);
+    ++requested.RecipientCount;
+    requested.Recipient = address.value_or(path.address);
     return ForwardAsIs(line);
   }
-  const bool taken = address && (state_.SmtpUtf8 || IsAscii(path.address));
+  const bool taken = address && (requested.SmtpUtf8 || IsAscii(path.address));
   const std::string recipient_address = address.value_or(path.address);
-  // An address that is routed on needs no one form: the relaying test refuses it.
+  // An address that is routed on needs no canonical form: the relaying test refuses it.
   const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(recipient_address);
   if (path.verdict == PathArgument::Verdict::kSyntaxError || !(taken || relayed) ||
       !AreKeywordParameters(path.parameters)) {
-    return Answer({ReplyKind::kRcptAddressSyntax, ""});
+    return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
   }
-  state_.Recipient = recipient_address;
-  ++state_.RecipientCount;
-  if (const MaybeRefusal refusal = CheckRecipient()) return Answer(*refusal);
-  if (const MaybeRefusal refusal = CheckGreylisting()) return Answer(*refusal);
+  requested.Recipient = recipient_address;
+  ++requested.RecipientCount;
+  if (const MaybeRefusal refusal = CheckRecipient(requested)) return Answer(*refusal, draft);
+  const Greylisting greylisting = CheckGreylisting(requested);
+  if (greylisting == Greylisting::kRefused) return Answer({ReplyKind::kRcptGreylisted, ""}, draft);
+  if (greylisting == Greylisting::kPassesUntilData) requested.Greylisted = true;
 
-  const std::string recipient =
-      Replaced(state_.Recipient, facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
-                                                        : configuration_.RecipientReplacementsRemote);
+  const std::string recipient = Replaced(requested.Recipient,
+                                         facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
+                                                                : configuration_.RecipientReplacementsRemote,
+                                         draft);
   return Forward(line, "RCPT TO:<" + recipient + ">" + std::string(path.parameters));
 }
 
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient() const {
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient(const RequestedState& requested) const {
   const Configuration& c = configuration_;
   const bool local_client = facts_.IsLocalClient();
   const std::int32_t most = local_client ? c.MaxRecipientsLocal : c.MaxRecipientsRemote;
-  if (most != 0 && state_.RecipientCount > most) return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
+  if (most != 0 && requested.RecipientCount > most) return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
 
-  const std::string& recipient = state_.Recipient;
+  const std::string& recipient = requested.Recipient;
   const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
   if (local_client) {
-    if (!local_domain && mText::MatchList(state_.Sender, c.RestrictedSenders)) {
+    if (!local_domain && mText::MatchList(requested.Sender, c.RestrictedSenders)) {
       return Refusal{ReplyKind::kRcptRestricted, ""};
     }
     if (RefusedByLists(recipient, c.RecipientsWhiteListLocal, c.RecipientsAllowListLocal,
@@ -361,61 +361,62 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient() const {
   return std::nullopt;
 }
 
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckGreylisting() {
+ClientCommandFilter::Greylisting ClientCommandFilter::CheckGreylisting(
+    const RequestedState& requested) const {
   const GreyListingSettings& settings = configuration_.GreyListing;
-  if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return std::nullopt;
-  if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), state_.Sender,
-                                 state_.Recipient)) {
-    return std::nullopt;
+  if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return Greylisting::kPasses;
+  if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), requested.Sender,
+                                 requested.Recipient)) {
+    return Greylisting::kPasses;
   }
-  const bool callback = mText::MatchList(state_.Sender, settings.CallbackSendersList);
+  const bool callback = mText::MatchList(requested.Sender, settings.CallbackSendersList);
   if (!callback || settings.CallbackSenderAction == callback_sender_action::kRefuse)
-    return Refusal{ReplyKind::kRcptGreylisted, ""};
+    return Greylisting::kRefused;
   // A callback only asks whether the recipient exists; it is let through and refused when it wants to send.
-  if (settings.CallbackSenderAction == callback_sender_action::kRefuseAtData ||
-      settings.CallbackSenderAction == callback_sender_action::kCloseAtData) {
-    state_.Greylisted = true;
-  }
-  return std::nullopt;
+  const bool until_data = settings.CallbackSenderAction == callback_sender_action::kRefuseAtData ||
+                          settings.CallbackSenderAction == callback_sender_action::kCloseAtData;
+  return until_data ? Greylisting::kPassesUntilData : Greylisting::kPasses;
 }
 
 // --- content
 
-LineDecision ClientCommandFilter::ProcessData(const Line& line) {
-  if (!state_.Greylisted) return ForwardAsIs(line);
+LineDecision ClientCommandFilter::ProcessData(const Line& line, Draft& draft) const {
+  if (!draft.requested.Greylisted) return ForwardAsIs(line);
   if (configuration_.GreyListing.CallbackSenderAction == callback_sender_action::kCloseAtData) return Break();
-  return Answer({ReplyKind::kDataGreylisted, ""});
+  return Answer({ReplyKind::kDataGreylisted, ""}, draft);
 }
 
-LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t octets) {
-  if (state_.Greylisted) return Break();
-  const bool first_chunk = !state_.ChunkSequence;
-  state_.LastChunk = IsLastChunk(line.Rest());
-  state_.ChunkSequence = !state_.LastChunk;
-  state_.Content.BeginOctets(octets);
+LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t octets,
+                                              const Draft& draft) const {
+  if (draft.requested.Greylisted) return Break();
+  const bool first_chunk = draft.state.transaction != Transaction::kChunks;
   std::string header;
-  if (first_chunk && state_.RecipientCount != 0 && configuration_.AddReceived) {
-    header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
+  if (first_chunk && draft.requested.RecipientCount != 0 && configuration_.AddReceived) {
+    header = GenerateReceivedHeader(configuration_, clock_, facts_, draft.requested).append(kCrLf);
   }
   std::string command = WithCount(line, octets + header.size());
-  return Forward(line, std::move(command), std::move(header));
+  LineDecision decision = Forward(line, std::move(command), std::move(header));
+  decision.forwarded->last_chunk = IsLastChunk(line.Rest());
+  return decision;
 }
 
-LineDecision ClientCommandFilter::ProcessXexch50(const Line& line) {
+LineDecision ClientCommandFilter::ProcessXexch50(const Line& line, Draft& draft) const {
   const auto octets = OctetCount(FirstParameter(line.Rest()));
-  if (!octets) return Answer({ReplyKind::kBadSequence, "BadSeq.Transaction"});
-  state_.AnnouncedOctets = *octets;
-  return Forward(line, WithCount(line, *octets));
+  if (!octets) return Answer({ReplyKind::kBadSequence, "BadSeq.Transaction"}, draft);
+  LineDecision decision = Forward(line, WithCount(line, *octets));
+  decision.forwarded->octets = *octets;
+  return decision;
 }
 
 // --- rewriting
 
-std::string ClientCommandFilter::Replaced(const std::string& address, const ReplacementTable& table) {
+std::string ClientCommandFilter::Replaced(const std::string& address, const ReplacementTable& table,
+                                          Draft& draft) {
   try {
     return FindAddressReplacement(address, table).value_or(address);
   } catch (const Error& error) {
     // A key may be a good pattern as a whole and bad in its parts. The mail goes on without replacement.
-    failure_ = error;
+    draft.failure = error;
     return address;
   }
 }
@@ -429,29 +430,44 @@ std::string ClientCommandFilter::WithCount(const Line& line, std::uint64_t octet
 
 // --- the ends of a line's way
 
-LineDecision ClientCommandFilter::Forward(const Line& line, std::string text, std::string extra) {
-  state_.Forward(line.verb, line.row->command);
+LineDecision ClientCommandFilter::Forward(const Line& line, std::string text, std::string extra) const {
   LineDecision decision;
   decision.text = std::move(text.append(kCrLf));
   decision.extra = std::move(extra);
-  if (line.row->command == Command::kAuth) decision.logged = LoggedForm(decision.text);
+  decision.forwarded = ForwardedCommand{line.verb, line.row->command};
+  if (line.row->command == Command::kAuth) decision.logged = LoggedForm(decision.text, Phase::kCommand);
   return decision;
 }
 
-LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) {
+LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) const {
   return Forward(line, line.text);
 }
 
-LineDecision ClientCommandFilter::Answer(const Refusal& refusal) {
+SessionMacros ClientCommandFilter::Macros(const RequestedState& requested, const DialogueState& state) const {
+  return {configuration_, clock_, facts_, requested, state.offered, state.BytesReceived};
+}
+
+LineDecision ClientCommandFilter::Answer(const Refusal& refusal, Draft& draft) const {
   const PolicyReply& row = FindPolicyReply(refusal.kind);
-  if (row.counts_as_bad_sequence) ++state_.BadSequenceCount;
+  if (row.counts_as_bad_sequence) ++draft.requested.BadSequenceCount;
   LineDecision decision;
   decision.action = Action::kAnswer;
-  decision.text = BuildPolicyReply(refusal.kind, macros_, configuration_.EnhancedStatusCodes);
-  ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? row.key : refusal.key, state_.CurrentVerb,
-                     decision.text, configuration_, macros_);
-  decision.close_when_sent = row.after == AfterReply::kCloseWhenSent;
+  decision.text = BuildReply(refusal, draft.requested, draft.state);
+  decision.end = row.after == AfterReply::kCloseWhenSent;
   return decision;
+}
+
+std::string ClientCommandFilter::BuildReply(ReplyKind kind, const DialogueState& state) const {
+  return BuildReply(Refusal{kind, ""}, state.requested, state);
+}
+
+std::string ClientCommandFilter::BuildReply(const Refusal& refusal, const RequestedState& requested,
+                                            const DialogueState& state) const {
+  const SessionMacros macros = Macros(requested, state);
+  std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
+  ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? FindPolicyReply(refusal.kind).key : refusal.key,
+                     requested.CurrentVerb, reply, configuration_, macros);
+  return reply;
 }
 
 LineDecision ClientCommandFilter::Break() {
@@ -461,16 +477,17 @@ LineDecision ClientCommandFilter::Break() {
   return decision;
 }
 
-LineDecision ClientCommandFilter::Closing(LineDecision decision) {
-  decision.close_when_sent = true;
+LineDecision ClientCommandFilter::Ending(LineDecision decision) {
+  decision.end = true;
   return decision;
 }
 
 // What is looked at after every line.
-LineDecision ClientCommandFilter::Complete(LineDecision decision) {
+LineDecision ClientCommandFilter::Complete(LineDecision decision, Draft& draft) const {
   const bool goes_on = decision.action == Action::kForward || decision.action == Action::kAnswer;
-  decision.too_many_bad_sequences = goes_on && state_.BadSequenceCount > configuration_.MaxBadSeq;
-  decision.failure = std::exchange(failure_, std::nullopt);
+  decision.too_many_bad_sequences = goes_on && draft.requested.BadSequenceCount > configuration_.MaxBadSeq;
+  decision.failure = std::move(draft.failure);
+  decision.requested = std::move(draft.requested);
   return decision;
 }
 

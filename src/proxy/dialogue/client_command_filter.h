@@ -1,5 +1,5 @@
 // Decides about each command line of the client: it goes to the server, as it is or rewritten, or the proxy
-// answers it. The filter sees no socket and sends nothing; the session acts on what it returns.
+// answers it. The filter sets and sends nothing; the dialogue acts on what it returns.
 //
 // A line passes these stages in this order; the first one that refuses it answers:
 //   form       control characters, length, blanks: what servers might read in another way than the filter
@@ -12,38 +12,49 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
+#include "base/clock.h"
 #include "base/error.h"
 #include "config/configuration.h"
-#include "platform/clock.h"
 #include "proxy/dialogue/command_table.h"
+#include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/dialogue/policy_replies.h"
 #include "proxy/dialogue/session_facts.h"
 #include "proxy/dialogue/session_macros.h"
-#include "proxy/dialogue/session_state.h"
-#include "resolver/name_lookup.h"
 
 namespace trabex {
 
-// What the session is to do with a line.
+// What a look-up of a host's addresses has found.
+struct HostAddresses {
+  bool found = false;
+  std::span<const std::uint32_t> addresses;
+};
+
+// What the dialogue is to do with a line, and what it is to remember.
 struct LineDecision {
   enum class Action {
-    kForward,      // send `text`, then `extra` (may be empty), to the server
-    kAnswer,       // send `text` and CR LF to the client; the server gets nothing
-    kWaitForName,  // look up `text` and call ProcessNameAnswer; no further line meanwhile
-    kBreak,        // log `text` and close without a reply
+    kForward,          // send `text`, then `extra` (may be empty), to the server
+    kAnswer,           // send `text` and CR LF to the client; the server gets nothing
+    kAskForAddresses,  // look up `text`, and call ProcessAddresses with `asking_line`; no further line
+                       // meanwhile
+    kBreak,            // log `text` and close without a reply
   };
   Action action = Action::kForward;
   std::string text;
   std::string extra;
   std::string
       logged;  // kForward: what the log shows in place of `text`, when that is secret; otherwise empty
-  bool close_when_sent = false;         // kAnswer: the session ends behind the reply
-  bool too_many_bad_sequences = false;  // the session ends after a pause
-  std::optional<Error> failure;         // to be logged: what went wrong without stopping the line
+  std::string asking_line;
+  RequestedState requested;                    // as it is after the line
+  std::optional<ForwardedCommand> forwarded;   // kForward: the command, unless the line was none
+  std::optional<std::uint64_t> octets_follow;  // of a BDAT: so many octets of the client are content
+  bool end = false;                            // kAnswer: the session ends after the reply
+  bool too_many_bad_sequences = false;         // the session ends after a pause
+  std::optional<Error> failure;                // to be logged: what went wrong without stopping the line
 };
 
 class ClientCommandFilter {
@@ -54,19 +65,23 @@ class ClientCommandFilter {
 
   // All references outlive the filter. `greylisting` may be nullptr: then nothing is greylisted.
   ClientCommandFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-                      SessionState& state, GreylistCheck* greylisting);
+                      GreylistCheck* greylisting);
 
   // `line` is one line with its CR LF, as the client sent it.
-  LineDecision ProcessIncomingData(std::string_view line);
-  // Goes on with the line that waits for a name.
-  LineDecision ProcessNameAnswer(const AddressAnswer& answer);
-  // The line that `begin` begins is longer than any that is taken: what to answer. Nothing while it may still
-  // end in time. `begin` is what was received of it.
-  std::optional<LineDecision> RefuseLongLine(std::string_view begin);
+  LineDecision ProcessIncomingData(std::string_view line, const DialogueState& state) const;
+  // Goes on with the line that asked for a name's addresses.
+  LineDecision ProcessAddresses(std::string_view asking_line, const HostAddresses& answer,
+                                const DialogueState& state) const;
+  // The refusal of a line that is longer than any that is taken, whole or as far as it has come; nothing
+  // while it may still end in time.
+  std::optional<LineDecision> RefuseLongLine(std::string_view line, bool whole,
+                                             const DialogueState& state) const;
   // The content breaks off at a dot that servers read differently.
-  LineDecision RefuseAmbiguousEnd();
+  LineDecision RefuseAmbiguousEnd(const DialogueState& state) const;
+  // A reply that the proxy gives by itself, with its changes and without CR LF.
+  std::string BuildReply(ReplyKind kind, const DialogueState& state) const;
   // `line` as the log may show it: without authentication data.
-  std::string LoggedForm(std::string_view line) const;
+  std::string LoggedForm(std::string_view line, Phase phase) const;
 
  private:
   // A line in its parts: verb in upper case, and the rest behind it, which begins with its blank, without CR
@@ -85,48 +100,55 @@ class ClientCommandFilter {
   };
   using MaybeRefusal = std::optional<Refusal>;
 
-  static Line TakeApart(std::string_view line);
+  // A line under way: the state that it meets, and what it makes of what the client asked for.
+  struct Draft {
+    explicit Draft(const DialogueState& met) : state(met), requested(met.requested) {}
 
-  MaybeRefusal CheckOrder(const Line& line) const;
-  MaybeRefusal CheckTransactionOrder(const Line& line) const;
-  MaybeRefusal CheckHeloBlackList() const;
-  bool HeloMatchesHostName() const;
-  bool AsksForSmtpUtf8(std::string_view parameters) const;
-  MaybeRefusal CheckMail(std::string_view parameters);
-  MaybeRefusal CheckSize(std::string_view parameters);
-  MaybeRefusal CheckRecipient() const;
-  MaybeRefusal CheckGreylisting();
+    const DialogueState& state;
+    RequestedState requested;
+    std::optional<Error> failure;
+  };
+  enum class Greylisting { kPasses, kRefused, kPassesUntilData };
 
-  LineDecision ProcessLine(std::string_view line);
-  LineDecision ProcessAuthenticationData(std::string_view line);
-  LineDecision ProcessRefusedSession(const Line& line);
-  LineDecision ProcessHelo(const Line& line);
-  LineDecision ProcessMail(const Line& line);
-  LineDecision ProcessRcpt(const Line& line);
-  LineDecision ProcessData(const Line& line);
-  LineDecision ProcessBdat(const Line& line, std::uint64_t octets);
-  LineDecision ProcessXexch50(const Line& line);
-  LineDecision ProcessPolicy(const Line& line);
+  static Line ParseCommandLine(std::string_view line);
 
-  std::string Replaced(const std::string& address, const ReplacementTable& table);
+  MaybeRefusal CheckOrder(const Line& line, const DialogueState& state) const;
+  MaybeRefusal CheckTransactionOrder(const Line& line, const DialogueState& state) const;
+  MaybeRefusal CheckHeloBlackList(std::string_view domain) const;
+  bool HeloMatchesHostName(std::string_view domain) const;
+  MaybeRefusal CheckMail(const RequestedState& requested) const;
+  MaybeRefusal CheckRecipient(const RequestedState& requested) const;
+  Greylisting CheckGreylisting(const RequestedState& requested) const;
+
+  LineDecision ProcessLine(std::string_view line, Draft& draft) const;
+  LineDecision ProcessAuthenticationData(std::string_view line, Draft& draft) const;
+  LineDecision ProcessRefusedSession(const Line& line, Draft& draft) const;
+  LineDecision ProcessHelo(const Line& line, Draft& draft) const;
+  LineDecision ProcessMail(const Line& line, Draft& draft) const;
+  LineDecision ProcessRcpt(const Line& line, Draft& draft) const;
+  LineDecision ProcessData(const Line& line, Draft& draft) const;
+  LineDecision ProcessBdat(const Line& line, std::uint64_t octets, const Draft& draft) const;
+  LineDecision ProcessXexch50(const Line& line, Draft& draft) const;
+  LineDecision ProcessPolicy(const Line& line, Draft& draft) const;
+
+  static std::string Replaced(const std::string& address, const ReplacementTable& table, Draft& draft);
   // `line` with its first parameter, an octet count, as `octets`.
   static std::string WithCount(const Line& line, std::uint64_t octets);
 
-  LineDecision Forward(const Line& line, std::string text, std::string extra = {});
-  LineDecision ForwardAsIs(const Line& line);
-  LineDecision Answer(const Refusal& refusal);
-  LineDecision Break();
-  static LineDecision Closing(LineDecision decision);
-  LineDecision Complete(LineDecision decision);
+  std::string BuildReply(const Refusal& refusal, const RequestedState& requested,
+                         const DialogueState& state) const;
+  SessionMacros Macros(const RequestedState& requested, const DialogueState& state) const;
+  LineDecision Forward(const Line& line, std::string text, std::string extra = {}) const;
+  LineDecision ForwardAsIs(const Line& line) const;
+  LineDecision Answer(const Refusal& refusal, Draft& draft) const;
+  static LineDecision Break();
+  static LineDecision Ending(LineDecision decision);
+  LineDecision Complete(LineDecision decision, Draft& draft) const;
 
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;
-  SessionState& state_;
   GreylistCheck* greylisting_;
-  SessionMacros macros_;
-  std::string waiting_line_;      // HELO or EHLO whose name is looked up
-  std::optional<Error> failure_;  // of the line being looked at
 };
 
 }  // namespace trabex

@@ -15,11 +15,6 @@ void ContentTracker::BeginOctets(std::uint64_t count) {
   left_ = count;
 }
 
-void ContentTracker::BeginDrop(std::uint64_t count) {
-  mode_ = count > 0 ? Mode::kDrop : Mode::kNone;
-  left_ = count;
-}
-
 ContentTracker::Step ContentTracker::Scan(std::string_view bytes) {
   return mode_ == Mode::kDot ? ScanDot(bytes) : ScanOctets(bytes);
 }

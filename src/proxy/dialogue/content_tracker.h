@@ -23,20 +23,14 @@ class ContentTracker {
     Outcome outcome = Outcome::kGoesOn;
   };
 
-  // Whether content is expected from the client at all.
+  // Whether content is expected at all.
   bool Active() const { return mode_ != Mode::kNone; }
-  // Whether the content is to be read and thrown away: that of a refused BDAT.
-  bool Dropping() const { return mode_ == Mode::kDrop; }
-  // How much of it is still to come; 0 for any other content.
-  std::uint64_t OctetsToDrop() const { return Dropping() ? left_ : 0; }
-  // Whether it is content that ends with a dot, that is, after DATA.
-  bool EndsWithDot() const { return mode_ == Mode::kDot; }
+  // Octets that are still to come; 0 for content that ends with a dot.
+  std::uint64_t OctetsLeft() const { return mode_ == Mode::kOctets ? left_ : 0; }
 
   void BeginDot();
   // `count` 0 ends at once: Active() is false then.
   void BeginOctets(std::uint64_t count);
-  void BeginDrop(std::uint64_t count);
-  void Stop() { mode_ = Mode::kNone; }
 
   // Looks at the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
   // it stays where it is. A CR behind a dot that may be the last one is held back (bytes is smaller than what
@@ -44,7 +38,7 @@ class ContentTracker {
   Step Scan(std::string_view bytes);
 
  private:
-  enum class Mode { kNone, kDot, kOctets, kDrop };
+  enum class Mode { kNone, kDot, kOctets };
   // What the byte before the one looked at means for a dot.
   enum class Before {
     kLineStart,  // the start of the content, or CR LF

@@ -3,11 +3,11 @@
 namespace trabex {
 
 std::string GenerateReceivedHeader(const Configuration& configuration, const Clock& clock,
-                                   const SessionFacts& facts, const SessionState& state) {
-  std::string header = "Received: from " + state.HeloDomain;
+                                   const SessionFacts& facts, const RequestedState& requested) {
+  std::string header = "Received: from " + requested.HeloDomain;
   header += " (" + facts.ClientHostNameOrUnknown() + " " + FormatAddressLiteral(facts.ClientIP()) + ") by ";
   header += configuration.LocalHostName + "\r\n      with ";
-  header += state.EhloUsed ? "ESMTP" : "SMTP";
+  header += requested.EhloUsed ? "ESMTP" : "SMTP";
   return header + "; " + clock.RFCDate();
 }
 

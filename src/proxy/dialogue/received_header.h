@@ -3,15 +3,15 @@
 
 #include <string>
 
+#include "base/clock.h"
 #include "config/configuration.h"
-#include "platform/clock.h"
+#include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/session_facts.h"
-#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 
 // Two physical lines, without the last CR LF.
 std::string GenerateReceivedHeader(const Configuration& configuration, const Clock& clock,
-                                   const SessionFacts& facts, const SessionState& state);
+                                   const SessionFacts& facts, const RequestedState& requested);
 
 }  // namespace trabex

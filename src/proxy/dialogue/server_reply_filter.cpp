@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <limits>
 #include <utility>
 
 #include "base/text.h"
@@ -41,10 +40,16 @@ bool HasOneCode(std::string_view reply) {
   return true;
 }
 
-// Whether `reply` says what its first code says: one with several codes says nothing that could be relied on.
-// Between the first and the last line of a reply to EHLO, lines with another code are just no extensions.
+// Whether `reply` means what its first code says. One whose lines have several codes means nothing; in a
+// reply to EHLO the first and the last line count, and lines with another code between them are no
+// extensions.
 bool CanBeReliedOn(std::string_view reply, Command command) {
   return command == Command::kEhlo ? CodeOf(LastLine(reply)) == CodeOf(reply) : HasOneCode(reply);
+}
+
+// Whether the next reply is the one to the command that was forwarded last.
+bool AnswersCommand(Phase phase) {
+  return phase == Phase::kReply || phase == Phase::kChunk;
 }
 
 // The number in a SIZE extension line (RFC 1870); 0 when there is none to be read.
@@ -59,118 +64,79 @@ FixedPoint OfferedSize(std::string_view line) {
 }  // namespace
 
 ServerReplyFilter::ServerReplyFilter(const Configuration& configuration, const Clock& clock,
-                                     const SessionFacts& facts, SessionState& state)
-    : configuration_(configuration),
-      clock_(clock),
-      facts_(facts),
-      state_(state),
-      macros_(configuration, clock, facts, state) {}
+                                     const SessionFacts& facts)
+    : configuration_(configuration), clock_(clock), facts_(facts) {}
 
-ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply) {
+ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
+                                                     const DialogueState& state) const {
   const std::string_view text = reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
   const std::string_view code = CodeOf(text);
-  const bool answers_ehlo = state_.Expected == ReplyExpected::kCommand &&
-                            state_.Forwarded == Command::kEhlo && code == "250" &&
-                            CanBeReliedOn(text, Command::kEhlo);
-  const bool refuses_message = AnswersLastChunk() && !(code == "250" && HasOneCode(text));
+  const ForwardedCommand& forwarded = state.forwarded;
   ReplyDecision decision;
-  FollowReply(code, text, decision);
+  decision.event = EventOf(text, code, state);
+  decision.transaction = state.transaction;
+  std::string changed(text);
+  bool rewritten = false;
+  bool refuses_message = false;
+  if (AnswersCommand(state.phase)) {
+    const std::string_view meant = CanBeReliedOn(text, forwarded.command) ? code : "";
+    decision.transaction = NextTransaction(state.transaction, forwarded.command, forwarded.last_chunk, meant);
+    if (meant == "250") FollowAccepted(state, decision);
+    rewritten = meant == "250" && forwarded.command == Command::kEhlo;
+    if (rewritten) changed = RewriteEhloReply(text, decision.offered.emplace());
+    refuses_message = forwarded.last_chunk && !(code == "250" && HasOneCode(text));
+  }
+  if (decision.event == PhaseEvent::kContentWanted && state.requested.RecipientCount != 0 &&
+      configuration_.AddReceived) {
+    decision.header = GenerateReceivedHeader(configuration_, clock_, facts_, state.requested).append(kCrLf);
+  }
 
-  std::string changed = answers_ehlo ? RewriteEhloReply(text) : std::string(text);
-  bool rewritten = answers_ehlo;
-  rewritten |= ApplyResponseChanges(code, changed, configuration_, macros_);
-  rewritten |= ApplyResponseChanges(std::string(state_.ForwardedVerb).append(".").append(code), changed,
-                                    configuration_, macros_);
-  // The refusal may still name the message's addresses, which nobody needs behind it.
-  if (refuses_message) state_.ResetTransaction();
+  const SessionMacros macros(configuration_, clock_, facts_,
+                             decision.requested ? *decision.requested : state.requested,
+                             decision.offered ? *decision.offered : state.offered, state.BytesReceived);
+  rewritten |= ApplyResponseChanges(code, changed, configuration_, macros);
+  rewritten |= ApplyResponseChanges(std::string(forwarded.ForwardedVerb).append(".").append(code), changed,
+                                    configuration_, macros);
+  // The refusal may still name the message's addresses, which nobody needs after it.
+  if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
   decision.text = rewritten ? changed.append(kCrLf) : std::string(reply);
   return decision;
 }
 
-bool ServerReplyFilter::AnswersLastChunk() const {
-  return state_.Expected == ReplyExpected::kCommand && state_.Forwarded == Command::kBdat && state_.LastChunk;
-}
-
-void ServerReplyFilter::FollowReply(std::string_view code, std::string_view reply, ReplyDecision& decision) {
-  // Whatever the reply is: the server has taken the message or thrown it away.
-  if (AnswersLastChunk()) state_.EndTransaction();
-  const ReplyExpected expected = std::exchange(state_.Expected, ReplyExpected::kNone);
-  if (state_.Content.EndsWithDot()) {
-    // The server spoke before the dot: what the client goes on sending is neither content nor command any
-    // more.
-    state_.Content.Stop();
-    decision.content_cut_off = true;
-    return;
-  }
+PhaseEvent ServerReplyFilter::EventOf(std::string_view reply, std::string_view code,
+                                      const DialogueState& state) {
+  const Command command = state.forwarded.command;
   const bool asks_for_data = CodeOf(LastLine(reply)) == "334";
-  // A server that speaks again instead of waiting for the data has given up, and reads commands.
-  if (!asks_for_data) state_.AuthenticationData = false;
-  if (expected != ReplyExpected::kCommand) return;
-  if (state_.Forwarded == Command::kAuth && asks_for_data) {
-    state_.AuthenticationData = true;
-    return;
-  }
-  if (!CanBeReliedOn(reply, state_.Forwarded)) return;
-  if (code == "250") FollowAccepted();
-  if (code == "354") FollowContentWanted(decision);
-  if (code == "355" && state_.Forwarded == Command::kMail) state_.TransactionOpen = true;
-  // The server closes now; what the client still sends is for nobody.
-  if (code == "221" && state_.Forwarded == Command::kQuit) {
-    state_.Content.BeginDrop(std::numeric_limits<std::uint64_t>::max());
-  }
+  // One 334 more asks for the same data.
+  if (state.phase == Phase::kAuthData && asks_for_data) return PhaseEvent::kAuthDataWanted;
+  if (state.phase != Phase::kReply) return PhaseEvent::kReply;
+  if (command == Command::kAuth && asks_for_data) return PhaseEvent::kAuthDataWanted;
+  if (!CanBeReliedOn(reply, command)) return PhaseEvent::kReply;
+  if (command == Command::kData && code == "354") return PhaseEvent::kContentWanted;
+  if (command == Command::kXexch50 && code == "354") return PhaseEvent::kOctetsWanted;
+  if (command == Command::kQuit && code == "221") return PhaseEvent::kQuitAccepted;
+  return PhaseEvent::kReply;
 }
 
-void ServerReplyFilter::FollowAccepted() {
-  switch (state_.Forwarded) {
-    case Command::kMail:
-    case Command::kSend:
-    case Command::kSoml:
-    case Command::kSaml:
-      state_.TransactionOpen = true;
-      break;
-    case Command::kRset:
-      state_.ResetTransaction();
-      break;
-    case Command::kHelo:
-      state_.Extensions.Clear();
-      state_.SmtpUtf8Offered = false;
-      state_.GreetingDone = true;
-      state_.ResetTransaction();
-      break;
-    case Command::kEhlo:
-      state_.GreetingDone = true;
-      state_.ResetTransaction();
-      break;
-    default:
-      break;
-  }
+void ServerReplyFilter::FollowAccepted(const DialogueState& state, ReplyDecision& decision) {
+  const Command command = state.forwarded.command;
+  if (command != Command::kEhlo && command != Command::kHelo && command != Command::kRset) return;
+  (decision.requested = state.requested)->ResetTransaction();
+  if (command != Command::kHelo) return;
+  // The limit is ours as well, so it stays.
+  decision.offered.emplace().SizeLimit = state.offered.SizeLimit;
 }
 
-void ServerReplyFilter::FollowContentWanted(ReplyDecision& decision) {
-  if (state_.Forwarded == Command::kXexch50) {
-    state_.Content.BeginOctets(state_.AnnouncedOctets);
-    state_.Expected = ReplyExpected::kContent;
-  }
-  if (state_.Forwarded != Command::kData) return;
-  state_.EndTransaction();
-  state_.Content.BeginDot();
-  state_.Expected = ReplyExpected::kContent;
-  if (state_.RecipientCount != 0 && configuration_.AddReceived) {
-    decision.header = GenerateReceivedHeader(configuration_, clock_, facts_, state_).append(kCrLf);
-  }
-}
-
-std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply) {
+std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedState& offered) const {
   const std::size_t first_end = std::min(reply.find(kCrLf), reply.size());
   const std::string_view first_line = reply.substr(0, first_end);
-  state_.Extensions.Clear();
-  state_.Extensions.ParseLines(reply.substr(first_end));
-  for (std::string_view keyword : kNeverOffered) state_.Extensions.RemoveExtension(keyword);
-  LimitSize();
-  ApplyExtensionLists();
+  offered.Extensions.ParseLines(reply.substr(first_end));
+  for (std::string_view keyword : kNeverOffered) offered.Extensions.RemoveExtension(keyword);
+  LimitSize(offered);
+  ApplyExtensionLists(offered);
 
   const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
-  const auto& lines = state_.Extensions.Lines();
+  const auto& lines = offered.Extensions.Lines();
   if (lines.empty()) return std::string("250 ").append(greeting);
   std::string result = std::string("250-").append(greeting);
   for (std::size_t i = 0; i < lines.size(); ++i) {
@@ -179,8 +145,8 @@ std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply) {
   return result;
 }
 
-void ServerReplyFilter::LimitSize() {
-  const FixedPoint server = OfferedSize(state_.Extensions.GetExtension("SIZE"));
+void ServerReplyFilter::LimitSize(OfferedState& offered) const {
+  const FixedPoint server = OfferedSize(offered.Extensions.GetExtension("SIZE"));
   // A fraction of a byte is none.
   const FixedPoint own =
       configuration_.MaxSize - std::max<FixedPoint>(configuration_.MaxSize, 0) % kFixedPointOne;
@@ -198,12 +164,12 @@ void ServerReplyFilter::LimitSize() {
     limit = std::max<FixedPoint>(own, 0);
     remove = limit == 0;
   }
-  if (remove) state_.Extensions.RemoveExtension("SIZE");
-  if (limit != 0) state_.Extensions.AddExtension("SIZE " + FormatWhole(limit));
-  state_.SizeLimit = limit;
+  if (remove) offered.Extensions.RemoveExtension("SIZE");
+  if (limit != 0) offered.Extensions.AddExtension("SIZE " + FormatWhole(limit));
+  offered.SizeLimit = limit;
 }
 
-void ServerReplyFilter::ApplyExtensionLists() {
+void ServerReplyFilter::ApplyExtensionLists(OfferedState& offered) const {
   const bool local = facts_.IsLocalClient();
   const ExpressionList& removed =
       local ? configuration_.RemoveSMTPExtensionsLocal : configuration_.RemoveSMTPExtensionsRemote;
@@ -211,16 +177,16 @@ void ServerReplyFilter::ApplyExtensionLists() {
       local ? configuration_.AddSMTPExtensionsLocal : configuration_.AddSMTPExtensionsRemote;
   // The octets of a BDAT follow it without waiting for an answer (RFC 3030): a server that does not know the
   // command would read them as commands. So it cannot be offered on the server's behalf.
-  const bool server_takes_chunks = state_.Extensions.Has(kChunking);
+  const bool server_takes_chunks = offered.Extensions.Has(kChunking);
   for (const ListEntry& entry : removed.Entries()) {
-    for (const std::string& keyword : entry.patterns) state_.Extensions.RemoveExtension(FirstWord(keyword));
+    for (const std::string& keyword : entry.patterns) offered.Extensions.RemoveExtension(FirstWord(keyword));
   }
   // What is added is our word, not the server's.
-  state_.SmtpUtf8Offered = state_.Extensions.Has(kSmtpUtf8);
+  offered.SmtpUtf8Offered = offered.Extensions.Has(kSmtpUtf8);
   for (const ListEntry& entry : added.Entries()) {
     for (const std::string& line : entry.patterns) {
       if (server_takes_chunks || !EqualNoCase(FirstWord(line), kChunking))
-        state_.Extensions.AddExtension(line);
+        offered.Extensions.AddExtension(line);
     }
   }
 }

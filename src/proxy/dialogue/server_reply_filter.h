@@ -1,51 +1,49 @@
-// Follows the server's replies, so that the session's state is what the server said, and rewrites them for
-// the client. The filter sees no socket and sends nothing; the session acts on what it returns.
+// Reads what the server's replies mean, and rewrites them for the client. The filter sets and sends nothing;
+// the dialogue acts on what it returns.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/clock.h"
 #include "config/configuration.h"
-#include "platform/clock.h"
+#include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/session_facts.h"
 #include "proxy/dialogue/session_macros.h"
-#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 
-// What the session is to do with a reply.
+// What the dialogue is to do with a reply, and what it is to remember.
 struct ReplyDecision {
   std::string text;    // for the client, with its line ends
-  std::string header;  // for the server first, when not empty: it opens the message content
-  bool content_cut_off =
-      false;  // the server answered before the content was complete: the session ends behind the reply
+  std::string header;  // for the server, when not empty: it opens the message content
+  PhaseEvent event = PhaseEvent::kReply;
+  Transaction transaction = Transaction::kNoGreeting;
+  std::optional<RequestedState> requested;  // when it changes
+  std::optional<OfferedState> offered;
 };
 
 class ServerReplyFilter {
  public:
   // All references outlive the filter.
-  ServerReplyFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-                    SessionState& state);
+  ServerReplyFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts);
 
   // `reply` is one complete reply with its line ends.
-  ReplyDecision ProcessOutgoingData(std::string_view reply);
+  ReplyDecision ProcessOutgoingData(std::string_view reply, const DialogueState& state) const;
 
  private:
-  // Whether the next reply is the one to the last chunk of a message.
-  bool AnswersLastChunk() const;
-  void FollowReply(std::string_view code, std::string_view reply, ReplyDecision& decision);
-  void FollowAccepted();
-  void FollowContentWanted(ReplyDecision& decision);
-  // The reply to EHLO as the client shall see it, without the last CR LF.
-  std::string RewriteEhloReply(std::string_view reply);
-  void LimitSize();
-  void ApplyExtensionLists();
+  static PhaseEvent EventOf(std::string_view reply, std::string_view code, const DialogueState& state);
+  // What an accepted greeting or RSET leaves behind.
+  static void FollowAccepted(const DialogueState& state, ReplyDecision& decision);
+  // The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
+  std::string RewriteEhloReply(std::string_view reply, OfferedState& offered) const;
+  void LimitSize(OfferedState& offered) const;
+  void ApplyExtensionLists(OfferedState& offered) const;
 
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;
-  SessionState& state_;
-  SessionMacros macros_;
 };
 
 }  // namespace trabex

@@ -1,4 +1,4 @@
-// What the filters may know of a session beyond its protocol state. They see no socket.
+// What a dialogue may know of its session beyond the protocol.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +22,8 @@ class SessionFacts {
     std::string name = ClientHostName();
     return name.empty() ? "Unknown" : name;
   }
-  // Octets on the client's connection so far.
-  virtual std::int64_t BytesReceived() const = 0;
+  // Octets that the client's connection has taken so far.
   virtual std::int64_t BytesSent() const = 0;
-  // The session has no connection to the server and never gets one: its client was refused.
-  virtual bool Refused() const = 0;
 };
 
 }  // namespace trabex

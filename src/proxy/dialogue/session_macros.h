@@ -1,15 +1,17 @@
 // The values of a session that replies and their changes name.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "base/clock.h"
 #include "config/configuration.h"
 #include "match/cReplaces.h"
-#include "platform/clock.h"
+
+#include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/session_facts.h"
-#include "proxy/dialogue/session_state.h"
 
 namespace trabex {
 
@@ -35,26 +37,33 @@ class SessionValues : public MacroSource {
 class SessionMacros final : public SessionValues {
  public:
   SessionMacros(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-                const SessionState& state)
-      : configuration_(configuration), clock_(clock), facts_(facts), state_(state) {}
+                const RequestedState& requested, const OfferedState& offered, std::int64_t bytes_received)
+      : configuration_(configuration),
+        clock_(clock),
+        facts_(facts),
+        requested_(requested),
+        offered_(offered),
+        bytes_received_(bytes_received) {}
 
   std::string LocalHostName() const override { return configuration_.LocalHostName; }
   std::string RFCTime() const override { return clock_.RFCDate(); }
   std::string RemoteHostName() const override { return facts_.ClientHostNameOrUnknown(); }
   std::string RemoteHostIP() const override { return FormatIPAddress(facts_.ClientIP()); }
-  std::string HeloDomain() const override { return state_.HeloDomain; }
-  std::string BytesReceived() const override { return std::to_string(facts_.BytesReceived()); }
+  std::string HeloDomain() const override { return requested_.HeloDomain; }
+  std::string BytesReceived() const override { return std::to_string(bytes_received_); }
   std::string BytesSent() const override { return std::to_string(facts_.BytesSent()); }
-  std::string From() const override { return state_.Sender; }
-  std::string Rcpt() const override { return state_.Recipient; }
-  std::string MaxSize() const override { return FormatWhole(state_.SizeLimit); }
-  std::string Size() const override { return FormatWhole(state_.DeclaredSize); }
+  std::string From() const override { return requested_.Sender; }
+  std::string Rcpt() const override { return requested_.Recipient; }
+  std::string MaxSize() const override { return FormatWhole(offered_.SizeLimit); }
+  std::string Size() const override { return FormatWhole(requested_.DeclaredSize); }
 
  private:
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;
-  const SessionState& state_;
+  const RequestedState& requested_;
+  const OfferedState& offered_;
+  std::int64_t bytes_received_;
 };
 
 }  // namespace trabex

@@ -12,26 +12,26 @@ namespace {
 constexpr const char* kClosed = "<- 503 5.5.1 Bad sequence of commands.; close";
 
 // A session in a transaction, without the dialogue that led there.
-void BringToTransaction(Dialogue& d) {
-  d.state.Expected = ReplyExpected::kNone;
-  d.state.GreetingDone = true;
-  d.state.EhloUsed = true;
-  d.state.HeloDomain = "client.test";
-  d.state.TransactionOpen = true;
-  d.state.Extensions.AddExtension("CHUNKING");
-  d.state.Extensions.AddExtension("XEXCH50");
+void BringToTransaction(TestDialogue& d) {
+  d.state.phase = Phase::kCommand;
+  d.state.transaction = Transaction::kGreeted;
+  d.state.requested.EhloUsed = true;
+  d.state.requested.HeloDomain = "client.test";
+  d.state.transaction = Transaction::kOpen;
+  d.state.offered.Extensions.AddExtension("CHUNKING");
+  d.state.offered.Extensions.AddExtension("XEXCH50");
 }
 
 TEST(Data, ContentEndsAtTheDot) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetMailAndRcpt();
   d.Run(R"(
     C: DATA
     -> DATA
     S: 354 go on
+    <- 354 go on
     -> Received: from client.test (mail.client.test [192.0.2.7]) by proxy.test
     ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    <- 354 go on
     C+ Subject: x\r\n\r\ntext
     *> Subject: x\r\n\r\ntext
     C+ \r\n.\r\nRSET\r\n
@@ -47,7 +47,7 @@ TEST(Data, ContentEndsAtTheDot) {
 }
 
 TEST(Data, AnAmbiguousDotBreaksTheMessageOff) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.AddReceived = false;
   d.configuration.ResponseChanges.Add(Appended("DATA.AmbiguousEnd", " Bye."));
   d.GreetMailAndRcpt();
@@ -58,11 +58,8 @@ TEST(Data, AnAmbiguousDotBreaksTheMessageOff) {
     <- 354 go on
     C+ text\n.\r\nMAIL FROM:<x@y>\r\n
     *> text\n.
-    ambiguous)");
-  const LineDecision decision = d.commands.RefuseAmbiguousEnd();
-  EXPECT_EQ(decision.action, LineDecision::Action::kAnswer);
-  EXPECT_EQ(decision.text, "554 5.6.0 Ambiguous end of message content. Bye.");
-  EXPECT_TRUE(decision.close_when_sent);
+    <- 554 5.6.0 Ambiguous end of message content. Bye.
+    close)");
 }
 
 TEST(Bdat, WhatIsACount) {
@@ -99,27 +96,27 @@ TEST(Bdat, WhatIsACount) {
       {R"(BDAT \x001)", kClosed, false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     EXPECT_EQ(d.Says(Unescape(row.line)), row.outcome) << row.line;
-    EXPECT_EQ(d.state.Content.Active(), row.content) << row.line;
-    EXPECT_FALSE(d.state.Content.Dropping()) << row.line;
+    EXPECT_EQ(d.TakesContent(), row.content) << row.line;
+    EXPECT_FALSE(d.Discards()) << row.line;
   }
 }
 
 TEST(Bdat, WithoutACountTheSessionEndsWhereverItIs) {
   for (const bool refused : {false, true}) {
-    Dialogue d;
-    d.facts.refused = refused;
+    TestDialogue d;
+    if (refused) d.Refuse();
     d.configuration.ResponseChanges.Add(Appended("BDAT.BadSeq.BDAT", " Bye."));
     EXPECT_EQ(d.Says("BDAT x"), "<- 503 5.5.1 Bad sequence of commands. Bye.; close");
-    EXPECT_EQ(d.state.BadSequenceCount, 1);
+    EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
   }
 }
 
 // The count is beyond doubt, so its octets can be read and the session goes on.
 TEST(Bdat, WithAControlCharacterBehindItsCountIsRefusedLikeOthers) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: BDAT 6 LA\x01ST
@@ -127,8 +124,8 @@ TEST(Bdat, WithAControlCharacterBehindItsCountIsRefusedLikeOthers) {
     C+ RSET\r\nNOOP
     end
     left over: NOOP)");
-  EXPECT_EQ(d.state.BadSequenceCount, 1);
-  EXPECT_FALSE(d.state.ChunkSequence);
+  EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
+  EXPECT_FALSE(d.InChunks());
 }
 
 TEST(Bdat, WhenASequenceEnds) {
@@ -156,20 +153,28 @@ TEST(Bdat, WhenASequenceEnds) {
   };
   for (const auto& row : rows) {
     for (const bool under_way : {false, true}) {
-      Dialogue d;
+      TestDialogue d;
       BringToTransaction(d);
-      d.state.ChunkSequence = under_way;
+      if (under_way) d.state.transaction = Transaction::kChunks;
       EXPECT_TRUE(d.Says(Unescape(row.line)).starts_with("-> BDAT ")) << row.line;
-      EXPECT_EQ(d.state.ChunkSequence, !row.last) << row.line;
-      EXPECT_EQ(d.state.LastChunk, row.last) << row.line;
+      EXPECT_EQ(d.state.forwarded.last_chunk, row.last) << row.line;
+      if (d.TakesContent()) {
+        d.Run(R"(
+          C+ x
+          *> x
+          end)");
+      }
+      d.Reply("250 ok\r\n");
+      EXPECT_EQ(d.InChunks(), !row.last) << row.line;
     }
   }
 }
 
 TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetMailAndRcpt();
-  const std::string header = GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state) + "\r\n";
+  const std::string header =
+      GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state.requested) + "\r\n";
   EXPECT_EQ(header.size(), 124u);
   d.Run(R"(
     C: bdat  010 X
@@ -181,7 +186,7 @@ TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
     C+ \r
     *> \r
     end)");
-  EXPECT_TRUE(d.state.TransactionOpen);
+  EXPECT_TRUE(d.TransactionOpen());
   d.Run(R"(
     S: 250 ok
     <- 250 ok
@@ -203,7 +208,7 @@ TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
 }
 
 TEST(Bdat, TheHeaderIsAddedOnceForEveryMessage) {
-  Dialogue d;
+  TestDialogue d;
   for (int message = 0; message < 2; ++message) {
     if (message == 0) {
       d.GreetMailAndRcpt();
@@ -230,10 +235,10 @@ TEST(Bdat, TheHeaderIsAddedOnceForEveryMessage) {
 
 TEST(Bdat, NoHeaderWithoutRecipientsOrWithTheSettingOff) {
   for (const bool recipients : {false, true}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.configuration.AddReceived = !recipients;
-    d.state.RecipientCount = recipients ? 1 : 0;
+    d.state.requested.RecipientCount = recipients ? 1 : 0;
     EXPECT_EQ(d.Says("BDAT 5 LAST"), "-> BDAT 5 LAST");
   }
 }
@@ -249,17 +254,17 @@ TEST(Bdat, OnlyTheLastChunkEndsTheTransaction) {
       {"BDAT 0", "250 ok\r\n", true},       {"BDAT 0", "554 no\r\n", true},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     EXPECT_TRUE(d.Says(row.line).starts_with("-> BDAT 0")) << row.line;
-    d.replies.ProcessOutgoingData(row.reply);
-    EXPECT_EQ(d.state.TransactionOpen, row.open) << row.line << " " << row.reply;
-    EXPECT_FALSE(d.state.Content.Active());
+    d.Reply(row.reply);
+    EXPECT_EQ(d.TransactionOpen(), row.open) << row.line << " " << row.reply;
+    EXPECT_FALSE(d.TakesContent());
   }
 }
 
 TEST(Bdat, AChunkGoesOnWhateverTheServerSays) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: BDAT 10
@@ -277,41 +282,40 @@ TEST(Bdat, AChunkGoesOnWhateverTheServerSays) {
 TEST(Bdat, ARefusedOneIsReadAndDropped) {
   const struct {
     const char* name;
-    void (*bring)(Dialogue&);
+    void (*bring)(TestDialogue&);
     const char* answer;
   } rows[] = {
-      {"before the greeting", [](Dialogue&) {}, "<- 503 Bad sequence of commands."},
-      {"without a transaction", [](Dialogue& d) { d.state.GreetingDone = true; },
+      {"before the greeting", [](TestDialogue&) {}, "<- 503 Bad sequence of commands."},
+      {"without a transaction", [](TestDialogue& d) { d.state.transaction = Transaction::kGreeted; },
        "<- 503 5.5.1 Bad sequence of commands."},
       {"not offered",
-       [](Dialogue& d) {
+       [](TestDialogue& d) {
          BringToTransaction(d);
-         d.state.Extensions.RemoveExtension("CHUNKING");
+         d.state.offered.Extensions.RemoveExtension("CHUNKING");
        },
        "<- 503 5.5.1 Bad sequence of commands."},
-      {"in a refused session", [](Dialogue& d) { d.facts.refused = true; },
-       "<- 503 Bad sequence of commands."},
+      {"in a refused session", [](TestDialogue& d) { d.Refuse(); }, "<- 503 Bad sequence of commands."},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    Dialogue d;
+    TestDialogue d;
     row.bring(d);
     EXPECT_EQ(d.Says("BDAT 8 LAST"), row.answer);
-    EXPECT_TRUE(d.state.Content.Dropping());
+    EXPECT_TRUE(d.Discards());
     d.Run(R"(
       C+ MAIL
       C+ 1234QUIT\r\n
       end
       left over: QUIT\r\n)");
-    EXPECT_FALSE(d.state.ChunkSequence);
+    EXPECT_FALSE(d.InChunks());
     // Nothing to drop.
     EXPECT_EQ(d.Says("BDAT 0 LAST"), row.answer);
-    EXPECT_FALSE(d.state.Content.Active());
+    EXPECT_FALSE(d.TakesContent());
   }
 }
 
 TEST(Bdat, ResetAndQuitLeaveASequence) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: BDAT 1
@@ -342,7 +346,7 @@ TEST(Bdat, ResetAndQuitLeaveASequence) {
 }
 
 TEST(Xexch50, ItsOctetsFollowThe354) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: xexch50  0010 2
@@ -362,7 +366,7 @@ TEST(Xexch50, ItsOctetsFollowThe354) {
 }
 
 TEST(Xexch50, ARefusedOneHasNoOctets) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: XEXCH50 5 2
@@ -373,7 +377,7 @@ TEST(Xexch50, ARefusedOneHasNoOctets) {
     -> DATA
     S: 503 no
     <- 503 no)");
-  EXPECT_FALSE(d.state.Content.Active());
+  EXPECT_FALSE(d.TakesContent());
 }
 
 TEST(Xexch50, WhatIsACount) {
@@ -393,16 +397,16 @@ TEST(Xexch50, WhatIsACount) {
       {"XEXCH50 ,5 2", kRefused},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     EXPECT_EQ(d.Says(row.line), row.outcome) << row.line;
-    EXPECT_FALSE(d.state.Content.Active());
-    EXPECT_EQ(d.state.BadSequenceCount, row.outcome == kRefused ? 1 : 0);
+    EXPECT_FALSE(d.TakesContent());
+    EXPECT_EQ(d.state.requested.BadSequenceCount, row.outcome == kRefused ? 1 : 0);
   }
 }
 
 TEST(Xexch50, WithoutACountItsReplyIsChangedLikeOthers) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   for (const char* key : {"BadSeq", "BadSeq.Transaction", "XEXCH50.BadSeq.Transaction"}) {
     d.configuration.ResponseChanges.Add(Appended(key, std::string(" > ") + key));
@@ -413,15 +417,15 @@ TEST(Xexch50, WithoutACountItsReplyIsChangedLikeOthers) {
 }
 
 TEST(Xexch50, NoOctetsAreNoContent) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(
     C: XEXCH50 0 2
     -> XEXCH50 0 2
     S: 354 send it
     <- 354 send it)");
-  EXPECT_FALSE(d.state.Content.Active());
-  EXPECT_EQ(d.state.Expected, ReplyExpected::kContent);
+  EXPECT_FALSE(d.TakesContent());
+  EXPECT_EQ(d.state.phase, Phase::kContentReply);
 }
 
 }  // namespace

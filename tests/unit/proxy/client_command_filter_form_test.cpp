@@ -38,11 +38,11 @@ TEST(ClientLine, IsBroughtIntoOneForm) {
       {R"(EHLO\tclient.test)", "-> EHLO client.test"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says(Unescape(row.line)), row.outcome) << row.line;
     const std::string_view sent = Trim(std::string_view(row.outcome).substr(2));
-    EXPECT_EQ(d.state.ForwardedVerb, ToUpper(FirstWord(sent))) << row.line;
+    EXPECT_EQ(d.state.forwarded.ForwardedVerb, ToUpper(FirstWord(sent))) << row.line;
   }
 }
 
@@ -55,15 +55,15 @@ TEST(ClientLine, WithAControlCharacterGoesNowhere) {
           "MAIL FROM:<a" + character + "@b>", "RCPT TO:<a@b" + character + ">", "EHLO a" + character + "b",
           "HELO " + character, "STARTTLS" + character, "QUIT" + character, character}) {
       if (byte == '\t') continue;
-      Dialogue d;
+      TestDialogue d;
       d.Greet();
       EXPECT_EQ(d.Says(line), kBadSyntax) << Escape(line);
-      EXPECT_EQ(d.state.BadSequenceCount, 1);
-      EXPECT_FALSE(d.state.TransactionOpen);
-      EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+      EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
+      EXPECT_FALSE(d.TransactionOpen());
+      EXPECT_EQ(d.state.phase, Phase::kCommand);
       // Nothing of it can be put into a reply.
-      EXPECT_EQ(d.state.HeloDomain, "client.test");
-      EXPECT_EQ(d.state.Sender + d.state.Recipient, "");
+      EXPECT_EQ(d.state.requested.HeloDomain, "client.test");
+      EXPECT_EQ(d.state.requested.Sender + d.state.requested.Recipient, "");
     }
   }
 }
@@ -88,7 +88,7 @@ TEST(ClientLine, EightBitCharactersAreTextBehindTheVerb) {
       {R"(NOOP \xC2\x9F)", false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says(Unescape(row.line)), row.forwarded ? std::string("-> ") + row.line : kBadSyntax);
   }
@@ -100,21 +100,21 @@ TEST(NeverForwarded, CommandsThatWouldHandTheServerOver) {
                            "  XCLIENT ADDR=127.0.0.1", "\tXFORWARD\tNAME=x"}) {
     {
       SCOPED_TRACE("before the greeting");
-      Dialogue d;
+      TestDialogue d;
       EXPECT_EQ(d.Says(line), kNotImplemented) << line;
     }
     {
       SCOPED_TRACE("in a transaction");
-      Dialogue d;
+      TestDialogue d;
       d.GreetMailAndRcpt();
       EXPECT_EQ(d.Says(line), kNotImplemented) << line;
-      EXPECT_EQ(d.state.BadSequenceCount, 1);
-      EXPECT_TRUE(d.state.TransactionOpen);
+      EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
+      EXPECT_TRUE(d.TransactionOpen());
     }
     {
       SCOPED_TRACE("in a refused session");
-      Dialogue d;
-      d.facts.refused = true;
+      TestDialogue d;
+      d.Refuse();
       EXPECT_EQ(d.Says(line), kNotImplemented) << line;
     }
   }
@@ -122,15 +122,15 @@ TEST(NeverForwarded, CommandsThatWouldHandTheServerOver) {
 
 TEST(NeverForwarded, OnlyTheseVerbs) {
   for (const char* line : {"STARTTLSX", "XCLIENTS", "X-CLIENT", "TURNS", "XFORWARD2 a", "ETRN example"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says(line), std::string("-> ") + line);
   }
 }
 
 TEST(RefusedSession, IsTalkedToByTheProxyAlone) {
-  Dialogue d;
-  d.facts.refused = true;
+  TestDialogue d;
+  d.Refuse();
   d.configuration.ResponseChanges.Add(Appended("BadSeq", " 1"));
   d.configuration.ResponseChanges.Add(Appended("BadSeq.BadIP", " 2"));
   d.configuration.ResponseChanges.Add(Appended("EHLO.BadSeq.BadIP", " 3"));
@@ -148,13 +148,13 @@ TEST(RefusedSession, IsTalkedToByTheProxyAlone) {
     C: quit
     <- 221 2.0.0 proxy.test closing connection.
     close)");
-  EXPECT_EQ(d.state.BadSequenceCount, 5);
+  EXPECT_EQ(d.state.requested.BadSequenceCount, 5);
   EXPECT_TRUE(d.greylisting.asked.empty());
 }
 
 TEST(RefusedSession, DropsWhatABdatBrings) {
-  Dialogue d;
-  d.facts.refused = true;
+  TestDialogue d;
+  d.Refuse();
   d.Run(R"(
     C: BDAT 6 LAST
     <- 503 Bad sequence of commands.
@@ -163,8 +163,8 @@ TEST(RefusedSession, DropsWhatABdatBrings) {
 }
 
 TEST(RefusedSession, QuitIsChangedByItsKey) {
-  Dialogue d;
-  d.facts.refused = true;
+  TestDialogue d;
+  d.Refuse();
   d.configuration.EnhancedStatusCodes = false;
   d.configuration.ResponseChanges.Add(Appended("QUIT.BadIP", " Bye."));
   d.Run(R"(
@@ -174,7 +174,7 @@ TEST(RefusedSession, QuitIsChangedByItsKey) {
 }
 
 TEST(BadSequences, OneMoreThanTheLimitEndTheSession) {
-  Dialogue d;
+  TestDialogue d;
   for (int i = 1; i <= 10; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.") << i;
   EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.; pause");
 }
@@ -190,7 +190,7 @@ TEST(BadSequences, EveryKindThatCountsDoes) {
       {"HELO", false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.configuration.MaxBadSeq = 0;
     d.configuration.ValidateHELO = 15;
     d.configuration.HELOBlackList = ListOf({"black.test", "[]"});
@@ -199,7 +199,7 @@ TEST(BadSequences, EveryKindThatCountsDoes) {
 }
 
 TEST(BadSequences, AreLookedAtAfterEveryLine) {
-  Dialogue d;
+  TestDialogue d;
   for (int i = 0; i < 3; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.");
   // The limit goes down while the session is open.
   d.configuration.MaxBadSeq = 2;
@@ -207,22 +207,25 @@ TEST(BadSequences, AreLookedAtAfterEveryLine) {
 }
 
 TEST(BadSequences, RefusalsByPolicyDoNotCount) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.MaxBadSeq = 0;
   d.configuration.SendersBlackList = ListOf({"*"});
   d.Greet();
   EXPECT_EQ(d.Says("MAIL FROM:<a@b>"), "<- 550 5.7.1 Mail from a@b not allowed.");
   EXPECT_EQ(d.Says("MAIL TO:<a@b>"), "<- 501 5.5.4 Invalid syntax of address in MAIL command.");
-  EXPECT_EQ(d.state.BadSequenceCount, 0);
+  EXPECT_EQ(d.state.requested.BadSequenceCount, 0);
 }
 
 // --- long lines
 
-std::string Refusal(Dialogue& d, std::string_view begin) {
-  const auto decision = d.commands.RefuseLongLine(begin);
+std::string Refusal(TestDialogue& d, std::string_view begin) {
+  const std::size_t end = begin.find(kCrLf);
+  const bool whole = end != std::string_view::npos;
+  const auto decision =
+      d.commands.RefuseLongLine(whole ? begin.substr(0, end + kCrLf.size()) : begin, whole, d.state);
   if (!decision) return "none";
   EXPECT_EQ(decision->action, LineDecision::Action::kAnswer);
-  return decision->text + (decision->close_when_sent ? ", close" : "");
+  return decision->text + (decision->end ? ", close" : "");
 }
 
 TEST(LongLine, IsRefusedWithoutWaitingForItsEnd) {
@@ -268,15 +271,15 @@ TEST(LongLine, IsRefusedWithoutWaitingForItsEnd) {
       {ended("AUTH", 4097), kRefused},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     EXPECT_EQ(Refusal(d, row.begin), row.outcome) << row.begin.substr(0, 20) << " of " << row.begin.size();
-    EXPECT_EQ(d.state.BadSequenceCount, 0);
+    EXPECT_EQ(d.state.requested.BadSequenceCount, 0);
   }
 }
 
 TEST(LongLine, AuthenticationDataHasMoreRoom) {
-  Dialogue d;
-  d.state.AuthenticationData = true;
+  TestDialogue d;
+  d.state.phase = Phase::kAuthData;
   EXPECT_EQ(Refusal(d, std::string(12286, 'x') + "\r\n"), "none");
   EXPECT_EQ(Refusal(d, std::string(12287, 'x') + "\r\n"), "500 5.5.6 Line too long., close");
   EXPECT_EQ(Refusal(d, std::string(12287, 'x')), "none");
@@ -284,7 +287,7 @@ TEST(LongLine, AuthenticationDataHasMoreRoom) {
 }
 
 TEST(LongLine, TheReplyIsChangedByItsKey) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ResponseChanges.Add(WholeReply("LineTooLong", "500 No."));
   EXPECT_EQ(Refusal(d, std::string(5000, 'x')), "500 No., close");
 }
@@ -292,7 +295,7 @@ TEST(LongLine, TheReplyIsChangedByItsKey) {
 // --- authentication
 
 TEST(Authentication, DataGoesToTheServerAsItIs) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.Run(R"(
     C: AUTH LOGIN
@@ -313,20 +316,20 @@ TEST(Authentication, DataGoesToTheServerAsItIs) {
 
 // The script drops blanks at the front; here they count.
 TEST(Authentication, DataKeepsItsBlanks) {
-  Dialogue d;
-  d.state.AuthenticationData = true;
+  TestDialogue d;
+  d.state.phase = Phase::kAuthData;
   EXPECT_EQ(d.Says(" x "), "->  x\\x20");
-  d.state.AuthenticationData = true;
+  d.state.phase = Phase::kAuthData;
   EXPECT_EQ(d.Says(""), "->");
 }
 
 TEST(Authentication, IsOverWithAnyOtherReply) {
   for (const char* reply : {"235 ok", "535 no", "501 no", "250 ok", "454 later", "3340 x"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says("AUTH PLAIN AGEAYg=="), "-> AUTH PLAIN AGEAYg==");
-    d.replies.ProcessOutgoingData(std::string(reply) + "\r\n");
-    EXPECT_EQ(d.state.AuthenticationData, std::string_view(reply).starts_with("334")) << reply;
+    d.Reply(std::string(reply) + "\r\n");
+    EXPECT_EQ(d.state.phase == Phase::kAuthData, std::string_view(reply).starts_with("334")) << reply;
   }
 }
 
@@ -343,16 +346,16 @@ TEST(Authentication, OnlyTheLastLineOfTheReplyAsksForData) {
       {R"(33\r\n)", false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says("AUTH LOGIN"), "-> AUTH LOGIN");
-    d.replies.ProcessOutgoingData(Unescape(row.reply));
-    EXPECT_EQ(d.state.AuthenticationData, row.data) << row.reply;
+    d.Reply(Unescape(row.reply));
+    EXPECT_EQ(d.state.phase == Phase::kAuthData, row.data) << row.reply;
   }
 }
 
 TEST(Authentication, OnlyAReplyToAuthAsksForData) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.Run(R"(
     C: NOOP
@@ -383,20 +386,20 @@ TEST(Authentication, AServerThatSpeaksAgainWaitsForNoData) {
       {"334 still waiting\r\n", true},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     d.Run(R"(
       C: AUTH LOGIN
       -> AUTH LOGIN
       S: 334 VXNlcm5hbWU6
       <- 334 VXNlcm5hbWU6)");
-    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
+    EXPECT_EQ(d.Reply(row.reply).text, row.reply);
     EXPECT_EQ(d.Says("XCLIENT ADDR=127.0.0.1"), row.data ? "-> XCLIENT ADDR=127.0.0.1" : kNotImplemented);
   }
 }
 
 TEST(Authentication, DataWithAControlCharacterEndsTheSession) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.Run(R"(
     C: AUTH LOGIN
@@ -406,7 +409,7 @@ TEST(Authentication, DataWithAControlCharacterEndsTheSession) {
     C: dXNlcg==\nXCLIENT ADDR=127.0.0.1
     <- 500 5.5.2 Invalid character in command line.
     close)");
-  EXPECT_EQ(d.state.BadSequenceCount, 1);
+  EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
 }
 
 TEST(Authentication, IsNotInTheLog) {
@@ -433,19 +436,19 @@ TEST(Authentication, IsNotInTheLog) {
       {true, R"(AUTH PLAIN\r\n)", R"(***\r\n)"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
-    d.state.AuthenticationData = row.data;
-    EXPECT_EQ(Escape(d.commands.LoggedForm(Unescape(row.line))), row.shown) << row.line;
+    TestDialogue d;
+    d.state.phase = row.data ? Phase::kAuthData : Phase::kCommand;
+    EXPECT_EQ(Escape(d.commands.LoggedForm(Unescape(row.line), d.state.phase)), row.shown) << row.line;
   }
 }
 
 TEST(Authentication, IsNotInTheLogOfWhatIsForwarded) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
-  EXPECT_EQ(d.commands.ProcessIncomingData("auth  PLAIN\tAGEAYg==\r\n").logged, "auth PLAIN ***\r\n");
-  d.state.AuthenticationData = true;
-  EXPECT_EQ(d.commands.ProcessIncomingData("AGEAYg==\r\n").logged, "***\r\n");
-  EXPECT_EQ(d.commands.ProcessIncomingData("NOOP\r\n").logged, "");
+  EXPECT_EQ(d.Line("auth  PLAIN\tAGEAYg==\r\n").logged, "auth PLAIN ***\r\n");
+  d.state.phase = Phase::kAuthData;
+  EXPECT_EQ(d.Line("AGEAYg==\r\n").logged, "***\r\n");
+  EXPECT_EQ(d.Line("NOOP\r\n").logged, "");
 }
 
 }  // namespace

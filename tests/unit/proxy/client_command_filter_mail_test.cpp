@@ -12,9 +12,9 @@ constexpr const char* kSyntax = "<- 501 5.5.4 Invalid syntax of address in MAIL 
 
 // A session that is greeted, with `bare` for ProcessAddressesWithoutBrackets.
 std::string Mail(int bare, std::string_view line) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ProcessAddressesWithoutBrackets = bare;
-  d.state.GreetingDone = true;
+  d.state.transaction = Transaction::kGreeted;
   return d.Says(Unescape(line));
 }
 
@@ -104,26 +104,26 @@ TEST(Mail, AddressesWithoutBrackets) {
 }
 
 TEST(Mail, AnUncheckedOneSkipsTheOtherChecks) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.configuration.ProcessAddressesWithoutBrackets = 2;
   d.configuration.SendersBlackList = ListOf({"*"});
   d.configuration.MaxTransactionsRemote = 1;
   d.configuration.SenderReplacementsRemote = TableOf({{"*", "new@b"}});
-  d.state.SizeLimit = kFixedPointOne;
+  d.state.offered.SizeLimit = kFixedPointOne;
   EXPECT_EQ(d.Says("MAIL FROM:a@b SIZE=9"), "-> MAIL FROM:a@b SIZE=9");
   EXPECT_EQ(d.Says("MAIL FROM:a@b SIZE=9"), "-> MAIL FROM:a@b SIZE=9");
   // It was a transaction all the same, and its sender is the one that the later checks see.
-  EXPECT_EQ(d.state.TransactionCount, 2);
-  EXPECT_EQ(d.state.Sender, "a@b");
-  EXPECT_EQ(d.state.DeclaredSize, 0);
+  EXPECT_EQ(d.state.requested.TransactionCount, 2);
+  EXPECT_EQ(d.state.requested.Sender, "a@b");
+  EXPECT_EQ(d.state.requested.DeclaredSize, 0);
   EXPECT_EQ(d.Says("MAIL FROM:<a@b>"), "<- 452 4.5.0 Too many transactions during one session.");
 }
 
 TEST(Mail, ARestrictedSenderIsRestrictedWithoutBracketsToo) {
   for (const char* line : {"MAIL FROM:boss@local.test", "MAIL FROM:<boss@local.test",
                            "MAIL FROM:<boss@local.test>", "MAIL FROM:\"boss\"@local.test SIZE=1"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     d.facts.local = true;
     d.configuration.ProcessAddressesWithoutBrackets = 2;
@@ -139,7 +139,7 @@ TEST(Mail, ARestrictedSenderIsRestrictedWithoutBracketsToo) {
 
 TEST(Mail, TransactionsAreCounted) {
   for (const bool local : {false, true}) {
-    Dialogue d;
+    TestDialogue d;
     d.facts.local = local;
     (local ? d.configuration.MaxTransactionsLocal : d.configuration.MaxTransactionsRemote) = 2;
     (local ? d.configuration.MaxTransactionsRemote : d.configuration.MaxTransactionsLocal) = 1;
@@ -167,12 +167,12 @@ TEST(Mail, TransactionsAreCounted) {
       <- 452 4.5.0 Too many transactions during one session.
       C: SEND FROM:<a@b>
       <- 452 4.5.0 Too many transactions during one session.)");
-    EXPECT_EQ(d.state.TransactionCount, 4);
+    EXPECT_EQ(d.state.requested.TransactionCount, 4);
   }
 }
 
 TEST(Mail, NoLimitOfTransactions) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   for (int i = 0; i < 100; ++i) EXPECT_EQ(d.Says("MAIL FROM:<a@b>"), "-> MAIL FROM:<a@b>");
 }
@@ -190,7 +190,7 @@ TEST(Mail, SendersAreTestedWithThreeLists) {
   };
   for (const auto& row : rows) {
     for (const bool local : {false, true}) {
-      Dialogue d;
+      TestDialogue d;
       d.Greet();
       d.facts.local = local;
       const auto list = [](bool listed) { return listed ? ListOf({"x@y", "A@b"}) : ListOf({"x@y"}); };
@@ -209,7 +209,7 @@ TEST(Mail, EverySpellingOfASenderIsTested) {
         "MAIL FROM:<\"s\"@black.test>", "MAIL FROM:<@white.test:s@black.test>", "MAIL FROM:s@black.test",
         "MAIL FROM:<s@black.test", "MAIL FROM:< s@black.test >", "SEND FROM:<s@black.test>",
         "MAIL FROM:<@white.test:\"s\"@black.test.> SIZE=1"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     d.configuration.SendersBlackList = ListOf({"s@black.test"});
     EXPECT_TRUE(d.Says(line).starts_with("<- 550 5.7.1 Mail from ")) << line;
@@ -217,7 +217,7 @@ TEST(Mail, EverySpellingOfASenderIsTested) {
 }
 
 TEST(Mail, TheNullSenderIsInNoList) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.configuration.SendersAllowList = ExpressionList();
   d.configuration.SendersBlackList = ListOf({"*", "[]"});
@@ -261,21 +261,21 @@ TEST(Mail, TheSizeIsLimited) {
       {" SIZE=SIZE=1001", "", 0},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
-    d.state.SizeLimit = 1000 * kFixedPointOne;
+    d.state.offered.SizeLimit = 1000 * kFixedPointOne;
     const std::string line = std::string("MAIL FROM:<a@b>") + row.parameters;
     EXPECT_EQ(d.Says(line), *row.outcome ? row.outcome : "-> " + line);
-    EXPECT_EQ(d.state.DeclaredSize, row.declared * kFixedPointOne) << row.parameters;
+    EXPECT_EQ(d.state.requested.DeclaredSize, row.declared * kFixedPointOne) << row.parameters;
   }
 }
 
 TEST(Mail, HugeSizesAreTooBig) {
   for (const char* digits : {"922337203685477", "922337203685478", "9223372036854775807",
                              "18446744073709551616", "99999999999999999999999999999999999999999"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
-    d.state.SizeLimit = 922337203685476 * kFixedPointOne;
+    d.state.offered.SizeLimit = 922337203685476 * kFixedPointOne;
     EXPECT_TRUE(
         d.Says(std::string("MAIL FROM:<a@b> SIZE=") + digits).starts_with("<- 552 5.3.4 Message size (92"))
         << digits;
@@ -283,19 +283,19 @@ TEST(Mail, HugeSizesAreTooBig) {
 }
 
 TEST(Mail, WithoutALimitNoSizeIsDeclared) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
-  d.state.DeclaredSize = 5 * kFixedPointOne;
+  d.state.requested.DeclaredSize = 5 * kFixedPointOne;
   EXPECT_EQ(d.Says("MAIL FROM:<a@b> SIZE=99999999999999999999999"),
             "-> MAIL FROM:<a@b> SIZE=99999999999999999999999");
-  EXPECT_EQ(d.state.DeclaredSize, 0);
+  EXPECT_EQ(d.state.requested.DeclaredSize, 0);
 }
 
 // The size belongs to one MAIL: a later one that is refused for another reason does not name it.
 TEST(Mail, ARefusedOneForgetsTheSizeOfTheOneBefore) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
-  d.state.SizeLimit = 1000 * kFixedPointOne;
+  d.state.offered.SizeLimit = 1000 * kFixedPointOne;
   EXPECT_EQ(d.Says("MAIL FROM:<a@b> SIZE=7"), "-> MAIL FROM:<a@b> SIZE=7");
   d.configuration.SendersBlackList = ListOf({"*"});
   d.configuration.ResponseChanges.Add(WholeReply("MAIL.BlackList", "550 {%size%}"));
@@ -303,9 +303,9 @@ TEST(Mail, ARefusedOneForgetsTheSizeOfTheOneBefore) {
 }
 
 TEST(Mail, TheListsComeBeforeTheSize) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
-  d.state.SizeLimit = kFixedPointOne;
+  d.state.offered.SizeLimit = kFixedPointOne;
   d.configuration.SendersBlackList = ListOf({"a@b"});
   EXPECT_EQ(d.Says("MAIL FROM:<a@b> SIZE=9"), "<- 550 5.7.1 Mail from a@b not allowed.");
   EXPECT_EQ(d.Says("MAIL FROM:<a@c> SIZE=9"),
@@ -314,7 +314,7 @@ TEST(Mail, TheListsComeBeforeTheSize) {
 
 TEST(Mail, SendersAreReplaced) {
   for (const bool local : {false, true}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     d.facts.local = local;
     (local ? d.configuration.SenderReplacementsLocal : d.configuration.SenderReplacementsRemote) =
@@ -323,7 +323,7 @@ TEST(Mail, SendersAreReplaced) {
         TableOf({{"*", "wrong@c"}});
     EXPECT_EQ(d.Says("MAIL FROM:<A@b> SIZE=1"), "-> MAIL FROM:<new@c> SIZE=1");
     // The session goes on with the sender that the client gave.
-    EXPECT_EQ(d.state.Sender, "A@b");
+    EXPECT_EQ(d.state.requested.Sender, "A@b");
     EXPECT_EQ(d.Says("MAIL FROM:<x@b>"), "-> MAIL FROM:<any@c>");
     EXPECT_EQ(d.Says("MAIL FROM:<x@c>"), "-> MAIL FROM:<x@c>");
     EXPECT_EQ(d.Says("MAIL FROM:<>"), "-> MAIL FROM:<null@c>");
@@ -332,34 +332,34 @@ TEST(Mail, SendersAreReplaced) {
 
 // A pattern that is good as a whole may be bad in its parts. That costs the replacement, not the mail.
 TEST(Mail, ABadReplacementKeyLeavesTheSender) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.configuration.SenderReplacementsRemote = TableOf({{"a@b", "new@c"}, {"[x,y]*@b", "any@c"}});
-  const LineDecision decision = d.commands.ProcessIncomingData("MAIL FROM:<x@b>\r\n");
+  const LineDecision decision = d.Line("MAIL FROM:<x@b>\r\n");
   EXPECT_EQ(decision.text, "MAIL FROM:<x@b>\r\n");
   ASSERT_TRUE(decision.failure);
   EXPECT_EQ(decision.failure->Number(), error_number::kBadPattern);
-  EXPECT_EQ(d.state.Expected, ReplyExpected::kCommand);
+  EXPECT_EQ(d.state.phase, Phase::kReply);
   // It is told once.
-  EXPECT_FALSE(d.commands.ProcessIncomingData("MAIL FROM:<a@b>\r\n").failure);
+  EXPECT_FALSE(d.Line("MAIL FROM:<a@b>\r\n").failure);
 }
 
 TEST(Mail, BeginsANewTransaction) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
-  d.state.Recipient = "old@local.test";
-  d.state.RecipientCount = 7;
-  d.state.Greylisted = true;
+  d.state.requested.Recipient = "old@local.test";
+  d.state.requested.RecipientCount = 7;
+  d.state.requested.Greylisted = true;
   EXPECT_EQ(d.Says("MAIL FROM:<a@b>"), "-> MAIL FROM:<a@b>");
-  EXPECT_EQ(d.state.Sender, "a@b");
-  EXPECT_EQ(d.state.Recipient, "");
-  EXPECT_EQ(d.state.RecipientCount, 0);
-  EXPECT_FALSE(d.state.Greylisted);
-  EXPECT_FALSE(d.state.TransactionOpen) << "only the server's reply makes it so";
+  EXPECT_EQ(d.state.requested.Sender, "a@b");
+  EXPECT_EQ(d.state.requested.Recipient, "");
+  EXPECT_EQ(d.state.requested.RecipientCount, 0);
+  EXPECT_FALSE(d.state.requested.Greylisted);
+  EXPECT_FALSE(d.TransactionOpen()) << "only the server's reply makes it so";
 }
 
 TEST(Mail, RepliesAreChangedByTheirKeys) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   for (const char* key : {"MAIL.AddressSyntax", "MAIL.BlackList", "MAIL.Size", "MAIL.TooManyTransactions"}) {
     d.configuration.ResponseChanges.Add(
@@ -367,7 +367,7 @@ TEST(Mail, RepliesAreChangedByTheirKeys) {
   }
   d.configuration.SendersBlackList = ListOf({"a@b"});
   d.configuration.MaxTransactionsRemote = 2;
-  d.state.SizeLimit = 10 * kFixedPointOne;
+  d.state.offered.SizeLimit = 10 * kFixedPointOne;
   d.Run(R"(
     C: MAIL FROM:<a@b> SIZE=5
     <- MAIL.BlackList a@b b 0 10

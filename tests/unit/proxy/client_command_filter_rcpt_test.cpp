@@ -11,15 +11,14 @@ namespace {
 constexpr const char* kSyntax = "<- 501 5.5.4 Invalid syntax of address in RCPT command.";
 
 // A session in a transaction of s@sender.test, without the dialogue that led there.
-void BringToTransaction(Dialogue& d) {
-  d.state.Expected = ReplyExpected::kNone;
-  d.state.GreetingDone = true;
-  d.state.TransactionOpen = true;
-  d.state.Sender = "s@sender.test";
+void BringToTransaction(TestDialogue& d) {
+  d.state.phase = Phase::kCommand;
+  d.state.transaction = Transaction::kOpen;
+  d.state.requested.Sender = "s@sender.test";
 }
 
 std::string Rcpt(bool local, int bare, std::string_view line) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.facts.local = local;
   d.configuration.ProcessAddressesWithoutBrackets = bare;
@@ -127,7 +126,7 @@ TEST(Rcpt, ARemoteClientMayWriteToLocalDomainsOnly) {
 TEST(Rcpt, RelayingIsRefusedWhateverTheListsSay) {
   for (const char* line :
        {"RCPT TO:<u@far.test>", "RCPT TO:<x%far.test@local.test>", "RCPT TO:<x@far.test@local.test>"}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.configuration.RecipientsWhiteListRemote = ListOf({"*"});
     EXPECT_TRUE(d.Says(line).starts_with("<- 550 5.7.1 Relaying to ")) << line;
@@ -136,21 +135,21 @@ TEST(Rcpt, RelayingIsRefusedWhateverTheListsSay) {
 }
 
 TEST(Rcpt, AnUncheckedOneSkipsTheOtherChecks) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.configuration.ProcessAddressesWithoutBrackets = 2;
   d.configuration.MaxRecipientsRemote = 1;
   d.configuration.RecipientReplacementsRemote = TableOf({{"*", "new@b"}});
   EXPECT_EQ(d.Says("rcpt  to:u@far.test"), "-> rcpt to:u@far.test");
   EXPECT_EQ(d.Says("RCPT TO:v@far.test A=B"), "-> RCPT TO:v@far.test A=B");
-  EXPECT_EQ(d.state.RecipientCount, 2);
-  EXPECT_EQ(d.state.Recipient, "v@far.test");
+  EXPECT_EQ(d.state.requested.RecipientCount, 2);
+  EXPECT_EQ(d.state.requested.Recipient, "v@far.test");
   EXPECT_EQ(d.Says("RCPT TO:<v@local.test>"), "<- 452 4.5.3 Too many recipients.");
 }
 
 TEST(Rcpt, RecipientsAreCounted) {
   for (const bool local : {false, true}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.facts.local = local;
     (local ? d.configuration.MaxRecipientsLocal : d.configuration.MaxRecipientsRemote) = 3;
@@ -165,7 +164,7 @@ TEST(Rcpt, RecipientsAreCounted) {
     EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "<- 452 4.5.3 Too many recipients.");
     // Before the relaying test.
     EXPECT_EQ(d.Says("RCPT TO:<u@far.test>"), "<- 452 4.5.3 Too many recipients.");
-    EXPECT_EQ(d.state.RecipientCount, 5);
+    EXPECT_EQ(d.state.requested.RecipientCount, 5);
   }
 }
 
@@ -183,7 +182,7 @@ TEST(Rcpt, RecipientsAreTestedWithThreeLists) {
   for (const auto& row : rows) {
     const auto list = [](bool listed) { return listed ? ListOf({"x@y", "U@local.test"}) : ListOf({"x@y"}); };
     {
-      Dialogue d;
+      TestDialogue d;
       BringToTransaction(d);
       d.configuration.RecipientsWhiteListRemote = list(row.white);
       d.configuration.RecipientsAllowListRemote = list(row.allowed);
@@ -193,7 +192,7 @@ TEST(Rcpt, RecipientsAreTestedWithThreeLists) {
                            : "<- 550 5.1.1 Unknown or invalid recipient: u@local.test.");
     }
     {
-      Dialogue d;
+      TestDialogue d;
       BringToTransaction(d);
       d.facts.local = true;
       d.configuration.RecipientsWhiteListLocal = list(row.white);
@@ -223,10 +222,10 @@ TEST(Rcpt, RestrictedSendersWriteToLocalDomainsOnly) {
       {false, "boss@local.test", "RCPT TO:<u@local.test>", "-> RCPT TO:<u@local.test>"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.facts.local = row.local_client;
-    d.state.Sender = row.sender;
+    d.state.requested.Sender = row.sender;
     d.configuration.RestrictedSenders = ListOf({"boss@*", "[]"});
     d.configuration.RecipientsWhiteListLocal = ListOf({"*"});  // does not help
     EXPECT_EQ(d.Says(row.line), row.outcome) << row.sender;
@@ -237,7 +236,7 @@ TEST(Rcpt, PrivateRecipientsAreForLocalClients) {
   for (const char* line :
        {"RCPT TO:<private@local.test>", "RCPT TO:<PRIVATE@local.test.>", "RCPT TO:<\"private\"@local.test>",
         "RCPT TO:private@local.test", "RCPT TO:<@r:private@local.test>"}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.configuration.PrivateRecipients = ListOf({"private@*"});
     d.configuration.RecipientsWhiteListRemote = ListOf({"*"});  // does not help
@@ -250,7 +249,7 @@ TEST(Rcpt, PrivateRecipientsAreForLocalClients) {
 }
 
 TEST(Rcpt, TheBlackListComesBeforeThePrivateRecipients) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.configuration.PrivateRecipients = ListOf({"u@*"});
   d.configuration.RecipientsBlackListRemote = ListOf({"u@*"});
@@ -259,7 +258,7 @@ TEST(Rcpt, TheBlackListComesBeforeThePrivateRecipients) {
 
 TEST(Rcpt, RecipientsAreReplaced) {
   for (const bool local : {false, true}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.facts.local = local;
     (local ? d.configuration.RecipientReplacementsLocal : d.configuration.RecipientReplacementsRemote) =
@@ -269,16 +268,16 @@ TEST(Rcpt, RecipientsAreReplaced) {
     d.configuration.SenderReplacementsLocal = d.configuration.SenderReplacementsRemote =
         TableOf({{"*", "wrong@c"}});
     EXPECT_EQ(d.Says("RCPT TO:<\"U\"@local.test> A=B"), "-> RCPT TO:<new@far.test> A=B");
-    EXPECT_EQ(d.state.Recipient, "U@local.test");
+    EXPECT_EQ(d.state.requested.Recipient, "U@local.test");
     EXPECT_EQ(d.Says("RCPT TO:<x@local.test>"), "-> RCPT TO:<any@far.test>");
   }
 }
 
 TEST(Rcpt, ABadReplacementKeyLeavesTheRecipient) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.configuration.RecipientReplacementsRemote = TableOf({{"[x,y]*@b", "any@c"}});
-  const LineDecision decision = d.commands.ProcessIncomingData("RCPT TO:<u@local.test>\r\n");
+  const LineDecision decision = d.Line("RCPT TO:<u@local.test>\r\n");
   EXPECT_EQ(decision.text, "RCPT TO:<u@local.test>\r\n");
   EXPECT_TRUE(decision.failure);
 }
@@ -286,7 +285,7 @@ TEST(Rcpt, ABadReplacementKeyLeavesTheRecipient) {
 // --- greylisting
 
 TEST(Greylisting, AsksForTheTriple) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.configuration.GreyListing.Enabled = true;
   EXPECT_EQ(d.Says("RCPT TO:<\"U\"@local.test.>"), "-> RCPT TO:<U@local.test>");
@@ -294,7 +293,7 @@ TEST(Greylisting, AsksForTheTriple) {
             std::vector<std::string>{"mail.client.test|192.0.2.7|s@sender.test|U@local.test"});
   // The name as it is known: a client without one has an empty one.
   d.facts.host.clear();
-  d.state.Sender.clear();
+  d.state.requested.Sender.clear();
   EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>");
   EXPECT_EQ(d.greylisting.asked.back(), "|192.0.2.7||u@local.test");
 }
@@ -310,7 +309,7 @@ TEST(Greylisting, IsNotAskedWhenItDoesNotMatter) {
       {true, false, "RCPT TO:<black@local.test>"}, {true, false, "RCPT TO:<>"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
     d.greylisting.delays = true;
     d.configuration.GreyListing.Enabled = row.enabled;
@@ -322,11 +321,12 @@ TEST(Greylisting, IsNotAskedWhenItDoesNotMatter) {
 }
 
 TEST(Greylisting, CanBeMissing) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   d.configuration.GreyListing.Enabled = true;
-  ClientCommandFilter without(d.configuration, d.clock, d.facts, d.state, nullptr);
-  EXPECT_EQ(without.ProcessIncomingData("RCPT TO:<u@local.test>\r\n").text, "RCPT TO:<u@local.test>\r\n");
+  const ClientCommandFilter without(d.configuration, d.clock, d.facts, nullptr);
+  EXPECT_EQ(without.ProcessIncomingData("RCPT TO:<u@local.test>\r\n", d.state).text,
+            "RCPT TO:<u@local.test>\r\n");
 }
 
 TEST(Greylisting, WhatBecomesOfADelayedRecipient) {
@@ -354,10 +354,10 @@ TEST(Greylisting, WhatBecomesOfADelayedRecipient) {
   };
   for (const auto& row : rows) {
     for (const bool with_bdat : {false, true}) {
-      Dialogue d;
+      TestDialogue d;
       BringToTransaction(d);
-      d.state.Sender = row.sender;
-      d.state.Extensions.AddExtension("CHUNKING");
+      d.state.requested.Sender = row.sender;
+      d.state.offered.Extensions.AddExtension("CHUNKING");
       d.configuration.AddReceived = false;
       d.configuration.GreyListing.Enabled = true;
       d.configuration.GreyListing.CallbackSenderAction = row.action;
@@ -371,9 +371,9 @@ TEST(Greylisting, WhatBecomesOfADelayedRecipient) {
 
 TEST(Greylisting, WhoIsAcceptedPasses) {
   for (const int action : {0, 1, 2, 3}) {
-    Dialogue d;
+    TestDialogue d;
     BringToTransaction(d);
-    d.state.Sender.clear();
+    d.state.requested.Sender.clear();
     d.configuration.GreyListing.Enabled = true;
     d.configuration.GreyListing.CallbackSenderAction = action;
     EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>");
@@ -382,7 +382,7 @@ TEST(Greylisting, WhoIsAcceptedPasses) {
 }
 
 TEST(Greylisting, TheMarkIsThatOfOneTransaction) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.GreyListing.Enabled = true;
   d.greylisting.delays = true;
   d.configuration.AddReceived = false;
@@ -418,9 +418,9 @@ TEST(Greylisting, TheMarkIsThatOfOneTransaction) {
 }
 
 TEST(Greylisting, OneMarkedRecipientIsEnough) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
-  d.state.Sender.clear();
+  d.state.requested.Sender.clear();
   d.configuration.GreyListing.Enabled = true;
   d.greylisting.delays = true;
   EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>");
@@ -430,7 +430,7 @@ TEST(Greylisting, OneMarkedRecipientIsEnough) {
 }
 
 TEST(Rcpt, RepliesAreChangedByTheirKeys) {
-  Dialogue d;
+  TestDialogue d;
   BringToTransaction(d);
   for (const char* key :
        {"RCPT.AddressSyntax", "RCPT.TooManyRecipients", "RCPT.Restricted", "RCPT.Restricted.s@sender.test",
@@ -466,7 +466,7 @@ TEST(Rcpt, RepliesAreChangedByTheirKeys) {
     C: RCPT TO:<u@local.test>
     <- 452 Too many recipients. > RCPT.TooManyRecipients u@local.test local.test)");
   d.facts.local = true;
-  d.state.Greylisted = true;
+  d.state.requested.Greylisted = true;
   d.Run(R"(
     C: RCPT TO:<x@far.test>
     <- 550 Sending mail to external recipients not allowed for s@sender.test. > RCPT.Restricted x@far.test far.test > RCPT.Restricted.s@sender.test x@far.test far.test

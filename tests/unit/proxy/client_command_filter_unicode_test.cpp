@@ -18,7 +18,7 @@ constexpr const char* kMailSyntax = "<- 501 5.5.4 Invalid syntax of address in M
 constexpr const char* kRcptSyntax = "<- 501 5.5.4 Invalid syntax of address in RCPT command.";
 
 // After an EHLO to a server that offers SMTPUTF8.
-void GreetWithSmtpUtf8(Dialogue& d) {
+void GreetWithSmtpUtf8(TestDialogue& d) {
   d.Run(R"(
       S: 220 ready
       <- 220 ready
@@ -32,7 +32,7 @@ void GreetWithSmtpUtf8(Dialogue& d) {
 }
 
 // In a transaction of s@sender.test, too, whose MAIL carries it.
-void MailWithSmtpUtf8(Dialogue& d) {
+void MailWithSmtpUtf8(TestDialogue& d) {
   GreetWithSmtpUtf8(d);
   d.Run(R"(
       C: MAIL FROM:<s@sender.test> SMTPUTF8
@@ -69,14 +69,14 @@ TEST(SmtpUtf8, AMailHasToCarryIt) {
       {"MAIL FROM:<u@b.test>", "-> MAIL FROM:<u@b.test>"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     GreetWithSmtpUtf8(d);
     EXPECT_EQ(Unescape(d.Says(row.line)), row.outcome) << row.line;
   }
 }
 
 TEST(SmtpUtf8, TheMailOfTheRecipientHasToCarryIt) {
-  Dialogue d;
+  TestDialogue d;
   MailWithSmtpUtf8(d);
   EXPECT_EQ(Unescape(d.Says("RCPT TO:<ü@local.test>")), "-> RCPT TO:<ü@local.test>");
   EXPECT_EQ(Unescape(d.Says("RCPT TO:<ü@LOCAL.teﬆ>")), "-> RCPT TO:<ü@LOCAL.teﬆ>");
@@ -88,7 +88,7 @@ TEST(SmtpUtf8, TheMailOfTheRecipientHasToCarryIt) {
 }
 
 TEST(SmtpUtf8, ARefusedMailGivesNothing) {
-  Dialogue d;
+  TestDialogue d;
   GreetWithSmtpUtf8(d);
   d.Run(R"(
       C: MAIL FROM:<s@sender.test>
@@ -104,16 +104,16 @@ TEST(SmtpUtf8, ARefusedMailGivesNothing) {
 
 TEST(SmtpUtf8, ItEndsWithItsTransaction) {
   for (const char* command : {"RSET", "EHLO client.test", "HELO client.test"}) {
-    Dialogue d;
+    TestDialogue d;
     MailWithSmtpUtf8(d);
-    EXPECT_TRUE(d.state.SmtpUtf8);
+    EXPECT_TRUE(d.state.requested.SmtpUtf8);
     EXPECT_EQ(d.Says(command), std::string("-> ") + command);
-    EXPECT_TRUE(d.state.SmtpUtf8) << command;
+    EXPECT_TRUE(d.state.requested.SmtpUtf8) << command;
     d.Run("S: 250 ok\n<- 250 ok");
-    EXPECT_FALSE(d.state.SmtpUtf8) << command;
+    EXPECT_FALSE(d.state.requested.SmtpUtf8) << command;
   }
   // The next one does not have it from the last.
-  Dialogue d;
+  TestDialogue d;
   MailWithSmtpUtf8(d);
   d.Run(R"(
       C: RCPT TO:<u@local.test>
@@ -171,7 +171,7 @@ TEST(SmtpUtf8, TheServerItselfHasToOfferIt) {
        false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     if (*row.added != 0) d.configuration.AddSMTPExtensionsRemote = ListOf({row.added});
     if (*row.removed != 0) d.configuration.RemoveSMTPExtensionsRemote = ListOf({row.removed});
     d.Run("S: 220 ready\n<- 220 ready\n" + std::string(row.greeting));
@@ -183,12 +183,12 @@ TEST(SmtpUtf8, TheServerItselfHasToOfferIt) {
 }
 
 TEST(SmtpUtf8, WhatIsForwardedUncheckedStaysUnchecked) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ProcessAddressesWithoutBrackets = 2;
   d.Greet();
   EXPECT_EQ(d.Says("MAIL FROM:\xFC@b.test"), "-> MAIL FROM:\\xFC@b.test");
   EXPECT_EQ(d.Says("MAIL FROM:<\xFC@b.test>"), kMailSyntax);
-  d.state.TransactionOpen = true;
+  d.state.transaction = Transaction::kOpen;
   EXPECT_EQ(d.Says("RCPT TO:\xFC@b.test"), "-> RCPT TO:\\xFC@b.test");
   EXPECT_EQ(d.Says("RCPT TO:<\xFC@b.test>"), kRcptSyntax);
 }
@@ -197,7 +197,7 @@ TEST(Rcpt, ARoutedAddressIsRelayingHoweverTheRouteIsSpelled) {
   for (const char* address : {"x％evil.test@local.test", "x﹪evil.test@local.test", "evil.test！x@local.test",
                               "x＠evil.test@local.test", "x@evil.test＠local.test", "x％evil.test@local.teﬆ",
                               "\xFFx％evil.test@local.test"}) {
-    Dialogue d;
+    TestDialogue d;
     MailWithSmtpUtf8(d);
     EXPECT_TRUE(d.Says("RCPT TO:<" + std::string(address) + ">").starts_with("<- 550 5.7.1 Relaying to "))
         << address;
@@ -208,14 +208,14 @@ TEST(Rcpt, ARoutedAddressIsRelayingHoweverTheRouteIsSpelled) {
 
 // A route in the source route is dropped with it and makes no routed address of one that is not to be taken.
 TEST(Rcpt, ASourceRouteBeyondAsciiNeedsSmtpUtf8Too) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetAndMail();
   EXPECT_EQ(d.Says("RCPT TO:<@r％x:u@local.test>"), kRcptSyntax);
   EXPECT_EQ(d.Says("RCPT TO:<@r＠x:u@local.test>"), kRcptSyntax);
 }
 
 TEST(Rcpt, AnAddressThatIsTooLongIsNone) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetAndMail();
   const std::string domain = "@local.test";
   EXPECT_EQ(d.Says("RCPT TO:<" + std::string(309, 'a') + domain + ">"),
@@ -225,30 +225,30 @@ TEST(Rcpt, AnAddressThatIsTooLongIsNone) {
   // For a remote client a route comes before the form.
   EXPECT_TRUE(
       d.Says("RCPT TO:<" + std::string(310, '%') + domain + ">").starts_with("<- 550 5.7.1 Relaying to "));
-  d.state.TransactionOpen = false;
+  d.state.transaction = Transaction::kGreeted;
   EXPECT_EQ(d.Says("MAIL FROM:<" + std::string(310, 'a') + domain + ">"), kMailSyntax);
   EXPECT_EQ(d.Says("MAIL FROM:<a@" + std::string(256, 'b') + ">"), kMailSyntax);
 }
 
 // It is remembered, and may be kept for weeks in a greylisting key.
 TEST(Rcpt, AnAddressThatIsTooLongIsNoneToBeForwardedUncheckedEither) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ProcessAddressesWithoutBrackets = 2;
   d.Greet();
   const std::string longest(320, 'a');
   EXPECT_EQ(d.Says("MAIL FROM:" + longest + " x"), "-> MAIL FROM:" + longest + " x");
   EXPECT_EQ(d.Says("MAIL FROM:" + longest + "a"), kMailSyntax);
-  EXPECT_EQ(d.state.Sender, longest);
-  d.state.TransactionOpen = true;
+  EXPECT_EQ(d.state.requested.Sender, longest);
+  d.state.transaction = Transaction::kOpen;
   EXPECT_EQ(d.Says("RCPT TO:" + longest + " x"), "-> RCPT TO:" + longest + " x");
   EXPECT_EQ(d.Says("RCPT TO:" + longest + "a"), kRcptSyntax);
-  EXPECT_EQ(d.state.Recipient, longest);
+  EXPECT_EQ(d.state.requested.Recipient, longest);
 }
 
 TEST(Helo, NamesBeyondAsciiAreComparedFolded) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ValidateHELO = 10;
-  d.state.GreetingDone = true;
+  d.state.transaction = Transaction::kGreeted;
   d.facts.host = "mail.client.test";
   d.configuration.HELOBlackList = ListOf({"black.*", "grüß*", "lat\xFCn"});
   for (const char* name : {"blac\u212A.test", "ⓑlack.test", "GRÜẞE", "gru\u0308sse", "LAT\xFCn"}) {
@@ -261,7 +261,7 @@ TEST(Helo, NamesBeyondAsciiAreComparedFolded) {
 }
 
 TEST(ResponseChanges, AKeyHoldsItsAddressInAnySpelling) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.PrivateRecipients = ListOf({"*"});
   d.configuration.ResponseChanges.Add(WholeReply("RCPT.Private.sales@local.test", "550 ours"));
   MailWithSmtpUtf8(d);
@@ -277,12 +277,12 @@ TEST(ResponseChanges, AKeyHoldsItsAddressInAnySpelling) {
 }
 
 TEST(Rcpt, WhatIsForwardedIsNotFolded) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.RecipientReplacementsRemote = TableOf({{"sales@local.test", "Vertrieb＋@Ｘ.test"}});
   MailWithSmtpUtf8(d);
   EXPECT_EQ(Unescape(d.Says("RCPT TO:<ſales@local.test>")), "-> RCPT TO:<Vertrieb＋@Ｘ.test>");
   EXPECT_EQ(Unescape(d.Says("RCPT TO:<SALEZ＋ß@LOCAL.teﬆ>")), "-> RCPT TO:<SALEZ＋ß@LOCAL.teﬆ>");
-  EXPECT_EQ(d.state.Recipient, "SALEZ＋ß@LOCAL.teﬆ");
+  EXPECT_EQ(d.state.requested.Recipient, "SALEZ＋ß@LOCAL.teﬆ");
 }
 
 // --- every character that folds to ASCII, at each place of an address, for each list
@@ -379,7 +379,7 @@ class EveryAsciiSpelling : public testing::Test {
   }
 
   const std::vector<Spelling> spellings_ = Spellings();
-  Dialogue d_;
+  TestDialogue d_;
 };
 
 TEST_F(EveryAsciiSpelling, PrivateRecipients) {
@@ -422,10 +422,10 @@ TEST_F(EveryAsciiSpelling, RestrictedSenders) {
   d_.facts.local = true;
   d_.configuration.RestrictedSenders = ListOfFolded(spellings_, "", "@local.test");
   for (const Spelling& spelling : spellings_) {
-    d_.state.TransactionOpen = false;
+    d_.state.transaction = Transaction::kGreeted;
     EXPECT_TRUE(d_.Says("MAIL FROM:<" + spelling.written + "@local.test> SMTPUTF8").starts_with("-> "))
         << spelling.written;
-    d_.state.TransactionOpen = true;
+    d_.state.transaction = Transaction::kOpen;
     EXPECT_TRUE(d_.Says("RCPT TO:<u@far.test>").starts_with("<- 550 5.7.1 Sending mail to external "))
         << spelling.written;
   }
@@ -438,11 +438,11 @@ TEST_F(EveryAsciiSpelling, CallbackSenders) {
   d_.configuration.GreyListing.CallbackSendersList = ListOfFolded(spellings_, "", "@far.test");
   d_.greylisting.delays = true;
   for (const Spelling& spelling : spellings_) {
-    d_.state.TransactionOpen = false;
+    d_.state.transaction = Transaction::kGreeted;
     d_.Says("MAIL FROM:<" + spelling.written + "@far.test> SMTPUTF8");
-    d_.state.TransactionOpen = true;
+    d_.state.transaction = Transaction::kOpen;
     EXPECT_EQ(d_.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>") << spelling.written;
-    EXPECT_TRUE(d_.state.Greylisted) << spelling.written;
+    EXPECT_TRUE(d_.state.requested.Greylisted) << spelling.written;
   }
 }
 
@@ -498,7 +498,7 @@ TEST_F(EveryAsciiSpelling, WithoutSmtpUtf8NoneIsTaken) {
   d_.GreetAndMail();
   ExpectAnswer("RCPT TO:<", "@local.test>", kRcptSyntax);
   ExpectAnswer("RCPT TO:<u@", ".test>", kRcptSyntax);
-  d_.state.TransactionOpen = false;
+  d_.state.transaction = Transaction::kGreeted;
   ExpectAnswer("MAIL FROM:<", "@b.test> SMTPUTF8", kMailSyntax);
 }
 

@@ -220,8 +220,6 @@ TEST(ContentTracker, ANewMessageBeginsAtALineStart) {
   ContentTracker tracker;
   tracker.BeginDot();
   EXPECT_EQ(tracker.Scan("text").outcome, Outcome::kGoesOn);
-  tracker.Stop();
-  EXPECT_FALSE(tracker.Active());
   tracker.BeginDot();
   EXPECT_EQ(tracker.Scan(".\r\n").outcome, Outcome::kEnded);
 }
@@ -232,8 +230,7 @@ TEST(ContentTracker, OctetsAreCountedAndNothingElse) {
     ContentTracker tracker;
     tracker.BeginOctets(count);
     EXPECT_TRUE(tracker.Active());
-    EXPECT_FALSE(tracker.Dropping());
-    EXPECT_FALSE(tracker.EndsWithDot());
+    EXPECT_EQ(tracker.OctetsLeft(), count);
     const ContentTracker::Step step = tracker.Scan(content);
     EXPECT_EQ(step.bytes, count);
     EXPECT_EQ(step.outcome, Outcome::kEnded);
@@ -269,22 +266,20 @@ TEST(ContentTracker, NoOctetsAreNoContent) {
   EXPECT_FALSE(tracker.Active());
   tracker.BeginOctets(0);
   EXPECT_FALSE(tracker.Active());
-  tracker.BeginDrop(0);
-  EXPECT_FALSE(tracker.Active());
-  EXPECT_FALSE(tracker.Dropping());
+  EXPECT_EQ(tracker.OctetsLeft(), 0u);
 }
 
-TEST(ContentTracker, DroppedOctetsAreCountedToo) {
+TEST(ContentTracker, TellsHowManyOctetsAreLeft) {
   ContentTracker tracker;
-  tracker.BeginDrop(5);
-  EXPECT_TRUE(tracker.Active());
-  EXPECT_TRUE(tracker.Dropping());
+  tracker.BeginOctets(5);
   EXPECT_EQ(tracker.Scan("abc").bytes, 3u);
-  EXPECT_TRUE(tracker.Dropping());
+  EXPECT_EQ(tracker.OctetsLeft(), 2u);
   const ContentTracker::Step step = tracker.Scan("deRSET\r\n");
   EXPECT_EQ(step.bytes, 2u);
   EXPECT_EQ(step.outcome, Outcome::kEnded);
-  EXPECT_FALSE(tracker.Active());
+  EXPECT_EQ(tracker.OctetsLeft(), 0u);
+  tracker.BeginDot();
+  EXPECT_EQ(tracker.OctetsLeft(), 0u);
 }
 
 }  // namespace

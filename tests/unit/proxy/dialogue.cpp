@@ -118,7 +118,7 @@ std::string Escape(std::string_view bytes) {
   return text;
 }
 
-void Dialogue::Run(std::string_view script) {
+void TestDialogue::Run(std::string_view script) {
   std::string so_far;
   const auto expect_all_named = [&] {
     if (outcome_.empty()) return true;
@@ -134,15 +134,15 @@ void Dialogue::Run(std::string_view script) {
     const std::string text = line.size() > 3 ? Unescape(line.substr(3)) : "";
     if (mark == "C:") {
       if (!expect_all_named()) return;
-      outcome_ = Outcome(commands.ProcessIncomingData(text + "\r\n"));
+      outcome_ = OutcomeOfLine(text + "\r\n");
     } else if (mark == "C+") {
       if (!expect_all_named()) return;
-      outcome_ = TakeContent(text);
+      outcome_ = OutcomeOfContent(text);
     } else if (mark == "S:") {
       if (!expect_all_named()) return;
       reply_.append(text).append(kCrLf);
       if (text.size() > 3 && text[3] == '-') continue;
-      outcome_ = Outcome(replies.ProcessOutgoingData(std::exchange(reply_, {})));
+      outcome_ = OutcomeOfReply(std::exchange(reply_, {}));
     } else if (!outcome_.empty() && outcome_.front() == line) {
       outcome_.erase(outcome_.begin());
     } else {
@@ -156,12 +156,12 @@ void Dialogue::Run(std::string_view script) {
   expect_all_named();
 }
 
-void Dialogue::Answer(const AddressAnswer& answer) {
+void TestDialogue::Answer(const HostAddresses& answer) {
   ASSERT_TRUE(outcome_.empty()) << Joined(outcome_);
-  outcome_ = Outcome(commands.ProcessNameAnswer(answer));
+  outcome_ = Outcome([&](Dialogue& dialogue) { dialogue.OnAddresses(answer, *this); });
 }
 
-void Dialogue::Greet() {
+void TestDialogue::Greet() {
   Run(R"(
     S: 220 server.test ESMTP
     <- 220 server.test ESMTP
@@ -175,7 +175,7 @@ void Dialogue::Greet() {
     <- 250 XEXCH50)");
 }
 
-void Dialogue::GreetAndMail() {
+void TestDialogue::GreetAndMail() {
   Greet();
   Run(R"(
     C: MAIL FROM:<s@sender.test>
@@ -184,7 +184,7 @@ void Dialogue::GreetAndMail() {
     <- 250 sender ok)");
 }
 
-void Dialogue::GreetMailAndRcpt() {
+void TestDialogue::GreetMailAndRcpt() {
   GreetAndMail();
   Run(R"(
     C: RCPT TO:<u@local.test>
@@ -193,51 +193,90 @@ void Dialogue::GreetMailAndRcpt() {
     <- 250 recipient ok)");
 }
 
-std::string Dialogue::Says(std::string_view client_line) {
-  return Joined(Outcome(commands.ProcessIncomingData(std::string(client_line).append(kCrLf))));
+void TestDialogue::Refuse() {
+  state.transaction = Transaction::kRefused;
+  state.phase = Phase::kCommand;
 }
 
-std::vector<std::string> Dialogue::Outcome(const LineDecision& decision) {
-  std::vector<std::string> outcome;
-  switch (decision.action) {
-    case LineDecision::Action::kForward:
-      AddLines(outcome, "->", decision.text);
-      AddLines(outcome, "->", decision.extra);
-      break;
-    case LineDecision::Action::kAnswer:
-      AddLines(outcome, "<-", decision.text + "\r\n");
-      break;
-    case LineDecision::Action::kWaitForName:
-      outcome.push_back(ScriptLine("wait", decision.text));
-      break;
-    case LineDecision::Action::kBreak:
-      outcome.push_back(ScriptLine("break", decision.text));
-      break;
+void TestDialogue::Say(ReplyKind kind) {
+  Outcome([&](Dialogue& dialogue) { dialogue.Say(kind, *this); });
+}
+
+std::string TestDialogue::Says(std::string_view client_line) {
+  return Joined(OutcomeOfLine(std::string(client_line).append(kCrLf)));
+}
+
+LineDecision TestDialogue::Line(std::string_view line_with_end) {
+  LineDecision decision = commands.ProcessIncomingData(line_with_end, state);
+  OutcomeOfLine(line_with_end);
+  return decision;
+}
+
+ReplyDecision TestDialogue::Reply(std::string_view reply) {
+  ReplyDecision decision = replies.ProcessOutgoingData(reply, state);
+  OutcomeOfReply(reply);
+  return decision;
+}
+
+void TestDialogue::ToServer(std::string_view bytes, bool) {
+  if (content_) {
+    actions_.push_back(ScriptLine("*>", bytes));
+  } else {
+    AddLines(actions_, "->", bytes);
   }
-  if (decision.close_when_sent) outcome.push_back("close");
-  if (decision.too_many_bad_sequences) outcome.push_back("pause");
-  return outcome;
 }
 
-std::vector<std::string> Dialogue::Outcome(const ReplyDecision& decision) {
-  std::vector<std::string> outcome;
-  AddLines(outcome, "->", decision.header);
-  AddLines(outcome, "<-", decision.text);
-  if (decision.content_cut_off) outcome.push_back("close");
-  return outcome;
+void TestDialogue::ToClient(std::string_view reply) {
+  AddLines(actions_, "<-", reply);
 }
 
-std::vector<std::string> Dialogue::TakeContent(std::string_view bytes) {
-  std::vector<std::string> outcome;
-  if (!state.Content.Active()) return {"no content is expected"};
-  const bool dropping = state.Content.Dropping();
-  const ContentTracker::Step step = state.Content.Scan(bytes);
-  if (step.bytes > 0 && !dropping) outcome.push_back(ScriptLine("*>", bytes.substr(0, step.bytes)));
-  if (step.outcome == ContentTracker::Outcome::kEnded) {
+void TestDialogue::AskForAddresses(std::string_view host_name) {
+  actions_.push_back(ScriptLine("wait", host_name));
+}
+
+void TestDialogue::EndAfterPause() {
+  actions_.push_back("pause");
+}
+
+void TestDialogue::Log(Side side, std::int32_t level, std::string_view text) {
+  if (side == Side::kClient && level == log_level::kErrors) actions_.push_back(ScriptLine("break", text));
+}
+
+template <class Step>
+std::vector<std::string> TestDialogue::Outcome(Step step) {
+  Dialogue dialogue(configuration, clock, facts, &greylisting, state);
+  const bool ending = state.phase == Phase::kEnding;
+  content_ = dialogue.Expected() == ClientBytes::kContent;
+  actions_.clear();
+  step(dialogue);
+  state = dialogue.State();
+  const bool broken = !actions_.empty() && actions_.back().starts_with("break");
+  if (state.phase == Phase::kEnding && !ending && !broken) actions_.push_back("close");
+  return std::move(actions_);
+}
+
+std::vector<std::string> TestDialogue::OutcomeOfLine(std::string_view line) {
+  if (state.phase == Phase::kReply) state.phase = Phase::kCommand;
+  if (ExpectedBytes(state.phase) != ClientBytes::kLine) return {"no line is expected"};
+  return Outcome([&](Dialogue& dialogue) { dialogue.OnClientBytes(line, *this); });
+}
+
+std::vector<std::string> TestDialogue::OutcomeOfReply(std::string_view reply) {
+  return Outcome([&](Dialogue& dialogue) { dialogue.OnServerBytes(reply, *this); });
+}
+
+std::vector<std::string> TestDialogue::OutcomeOfContent(std::string_view bytes) {
+  const ClientBytes expected = ExpectedBytes(state.phase);
+  if (expected != ClientBytes::kContent && expected != ClientBytes::kDiscarded)
+    return {"no content is expected"};
+  std::size_t used = 0;
+  const Phase before = state.phase;
+  std::vector<std::string> outcome =
+      Outcome([&](Dialogue& dialogue) { used = dialogue.OnClientBytes(bytes, *this); });
+  if (state.phase != before && state.phase != Phase::kEnding) {
     outcome.push_back("end");
-    if (step.bytes < bytes.size()) outcome.push_back("left over: " + Escape(bytes.substr(step.bytes)));
+    if (used < bytes.size()) outcome.push_back("left over: " + Escape(bytes.substr(used)));
   }
-  if (step.outcome == ContentTracker::Outcome::kAmbiguous) outcome.push_back("ambiguous");
   return outcome;
 }
 

@@ -1,4 +1,4 @@
-// A session's two filters without its sockets, and dialogues to run through them.
+// A session's dialogue without its sockets, and scripts to run through it.
 //
 // A script is a dialogue, one line each:
 //   C: text      the client sends the line
@@ -7,13 +7,13 @@
 //   -> text      the server gets the line (or the whole header that opens the content)
 //   *> text      the server gets content
 //   <- text      the client gets the line
-//   wait name    a name is looked up; the test answers with Dialogue::Answer
+//   wait name    a name is looked up; the test answers with TestDialogue::Answer
 //   break text   the session ends without a reply, and this is logged
 //   close        the session ends behind the reply
 //   pause        it ends after a pause: too many commands out of order
 //   end          the content is complete
-//   ambiguous    the content has a dot that servers read in different ways
 //   # text       a remark
+// A line may come although the reply to the one before was left out.
 // In every text \r \n \t \0 \\ and \xHH stand for bytes. Everything that the filters do must be in the
 // script.
 #pragma once
@@ -27,8 +27,7 @@
 #include <string_view>
 #include <vector>
 
-#include "proxy/dialogue/client_command_filter.h"
-#include "proxy/dialogue/server_reply_filter.h"
+#include "proxy/dialogue/dialogue.h"
 #include "support/fake_clock.h"
 
 namespace trabex {
@@ -45,15 +44,11 @@ class FakeFacts final : public SessionFacts {
   IPAddress ClientIP() const override { return ip; }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return host; }
-  std::int64_t BytesReceived() const override { return received; }
   std::int64_t BytesSent() const override { return sent; }
-  bool Refused() const override { return refused; }
 
   IPAddress ip = IPAddress::IPv4(0xC0000207);  // 192.0.2.7
   std::string host = "mail.client.test";
   bool local = false;
-  bool refused = false;
-  std::int64_t received = 0;
   std::int64_t sent = 0;
 };
 
@@ -73,42 +68,74 @@ Configuration TestConfiguration();
 std::string Unescape(std::string_view text);
 std::string Escape(std::string_view bytes);
 
-class Dialogue {
+// A dialogue, the actions that it asks for, and a state that a test may set before each step.
+class TestDialogue final : private DialogueActions {
  public:
-  Dialogue() = default;
-  explicit Dialogue(const Configuration& settings) : configuration(settings) {}
-  Dialogue(const Dialogue&) = delete;
-  Dialogue& operator=(const Dialogue&) = delete;
+  // The server has greeted.
+  TestDialogue() { state.phase = Phase::kCommand; }
+  explicit TestDialogue(const Configuration& settings) : configuration(settings) {
+    state.phase = Phase::kCommand;
+  }
+  TestDialogue(const TestDialogue&) = delete;
+  TestDialogue& operator=(const TestDialogue&) = delete;
 
   // Runs the script; what differs fails the test with the dialogue so far.
   void Run(std::string_view script);
   // The look-up that was waited for has an answer.
-  void Answer(const AddressAnswer& answer);
+  void Answer(const HostAddresses& answer);
   // EHLO, accepted by a server that offers CHUNKING and XEXCH50.
   void Greet();
   // Greet and MAIL FROM:<s@sender.test>.
   void GreetAndMail();
   // GreetAndMail and RCPT TO:<u@local.test>.
   void GreetMailAndRcpt();
+  // The client was not admitted: it hears only the proxy.
+  void Refuse();
+  // The client hears the proxy's own reply.
+  void Say(ReplyKind kind);
+
+  bool Greeted() const { return state.transaction > Transaction::kNoGreeting; }
+  bool TransactionOpen() const { return state.transaction >= Transaction::kOpen; }
+  bool InChunks() const { return state.transaction == Transaction::kChunks; }
+  bool TakesContent() const { return ExpectedBytes(state.phase) == ClientBytes::kContent; }
+  bool Discards() const { return ExpectedBytes(state.phase) == ClientBytes::kDiscarded; }
 
   // The outcome of one client line (without its CR LF) as a script has it, lines joined by "; ".
   std::string Says(std::string_view client_line);
+  // The same lines and replies, with what the filters decide about them; the dialogue goes on accordingly.
+  LineDecision Line(std::string_view line_with_end);
+  ReplyDecision Reply(std::string_view reply);
+  // What the client sends where content is expected.
+  void Content(std::string_view bytes) { OutcomeOfContent(bytes); }
 
   Configuration configuration = TestConfiguration();
   FakeClock clock;
   FakeFacts facts;
   FakeGreylisting greylisting;
-  SessionState state;
-  ClientCommandFilter commands{configuration, clock, facts, state, &greylisting};
-  ServerReplyFilter replies{configuration, clock, facts, state};
+  DialogueState state;
+  ClientCommandFilter commands{configuration, clock, facts, &greylisting};
+  ServerReplyFilter replies{configuration, clock, facts};
 
  private:
-  std::vector<std::string> Outcome(const LineDecision& decision);
-  std::vector<std::string> Outcome(const ReplyDecision& decision);
-  std::vector<std::string> TakeContent(std::string_view bytes);
+  void ToServer(std::string_view bytes, bool more_follows) override;
+  void ToClient(std::string_view reply) override;
+  void AskForAddresses(std::string_view host_name) override;
+  void CloseServer() override {}
+  void EndAfterPause() override;
+  void Log(Side side, std::int32_t level, std::string_view text) override;
+  void LogFailure(const Error&) override {}
+
+  // What one step makes of the state, and what it asks for.
+  template <class Step>
+  std::vector<std::string> Outcome(Step step);
+  std::vector<std::string> OutcomeOfLine(std::string_view line);
+  std::vector<std::string> OutcomeOfContent(std::string_view bytes);
+  std::vector<std::string> OutcomeOfReply(std::string_view reply);
 
   std::string reply_;                 // lines of a server reply that goes on
   std::vector<std::string> outcome_;  // what the script has not named yet
+  std::vector<std::string> actions_;  // of the step under way
+  bool content_ = false;              // the step under way takes content
 };
 
 }  // namespace trabex

@@ -28,12 +28,12 @@ TEST(ReceivedHeader, TellsWhoSentTheMessageAndHow) {
        "      with SMTP; Sun, 15 Nov 2026 16:54:24 +0300"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.clock.SetBias(-180);
     d.facts.host = row.host;
-    d.state.HeloDomain = row.helo;
-    d.state.EhloUsed = row.ehlo;
-    EXPECT_EQ(GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state), row.header);
+    d.state.requested.HeloDomain = row.helo;
+    d.state.requested.EhloUsed = row.ehlo;
+    EXPECT_EQ(GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state.requested), row.header);
   }
 }
 

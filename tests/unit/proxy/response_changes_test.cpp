@@ -13,13 +13,12 @@ namespace {
 // A session whose every value shows where it goes.
 struct Session {
   Session() {
-    facts.received = 123;
     facts.sent = 45;
-    state.HeloDomain = "helo.test";
-    state.Sender = "s@sender.test";
-    state.Recipient = "u@local.test";
-    state.DeclaredSize = 2000 * kFixedPointOne;
-    state.SizeLimit = 1000 * kFixedPointOne;
+    state.requested.HeloDomain = "helo.test";
+    state.requested.Sender = "s@sender.test";
+    state.requested.Recipient = "u@local.test";
+    state.requested.DeclaredSize = 2000 * kFixedPointOne;
+    state.offered.SizeLimit = 1000 * kFixedPointOne;
     clock.SetBias(-180);
   }
 
@@ -31,8 +30,8 @@ struct Session {
   Configuration configuration = TestConfiguration();
   FakeClock clock;
   FakeFacts facts;
-  SessionState state;
-  SessionMacros macros{configuration, clock, facts, state};
+  DialogueState state;
+  SessionMacros macros{configuration, clock, facts, state.requested, state.offered, 123};
 };
 
 TEST(ResponseChanges, AReplyWithoutRulesStaysAsItIs) {
@@ -93,11 +92,11 @@ TEST(ResponseChanges, MacrosStandForTheSession) {
 TEST(ResponseChanges, TheDomainOfAnAddressWithoutAtIsAllOfIt) {
   Session session;
   session.configuration.ResponseChanges.Add(WholeReply("550", "[{%fromdomain%}][{%rcptdomain%}]"));
-  session.state.Sender = "";
-  session.state.Recipient = "postmaster";
+  session.state.requested.Sender = "";
+  session.state.requested.Recipient = "postmaster";
   EXPECT_EQ(session.Changed("550", "550 no"), "[][postmaster]");
-  session.state.Sender = "a@";
-  session.state.Recipient = "@b";
+  session.state.requested.Sender = "a@";
+  session.state.requested.Recipient = "@b";
   EXPECT_EQ(session.Changed("550", "550 no"), "[][b]");
 }
 
@@ -115,9 +114,7 @@ TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
     IPAddress ClientIP() const override { throw Error(40006, "test", "The client is gone."); }
     bool IsLocalClient() const override { return false; }
     std::string ClientHostName() const override { return ""; }
-    std::int64_t BytesReceived() const override { return 0; }
     std::int64_t BytesSent() const override { return 0; }
-    bool Refused() const override { return false; }
   };
   Session session;
   cReplaces replaces;
@@ -126,7 +123,8 @@ TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
   replaces.Add("never", "{%remotehostip%}", false);
   session.configuration.ResponseChanges.Add(replaces);
   const NoAddress facts;
-  const SessionMacros macros(session.configuration, session.clock, facts, session.state);
+  const SessionMacros macros(session.configuration, session.clock, facts, session.state.requested,
+                             session.state.offered, 0);
   std::string reply = "550 no";
   EXPECT_TRUE(ApplyResponseChanges("550", reply, session.configuration, macros));
   EXPECT_EQ(reply, "550 no");

@@ -10,13 +10,13 @@ namespace trabex {
 namespace {
 
 // What the client gets for the reply (lines of `reply` end in "|") to an EHLO, in the same form.
-std::string EhloReply(Dialogue& d, std::string_view reply) {
+std::string EhloReply(TestDialogue& d, std::string_view reply) {
   EXPECT_EQ(d.Says("EHLO client.test"), "-> EHLO client.test");
   std::string text(reply);
   for (std::size_t at = text.find('|'); at != std::string::npos; at = text.find('|', at)) {
     text.replace(at, 1, "\r\n");
   }
-  std::string got = d.replies.ProcessOutgoingData(text).text;
+  std::string got = d.Reply(text).text;
   for (std::size_t at = got.find("\r\n"); at != std::string::npos; at = got.find("\r\n", at)) {
     got.replace(at, 2, "|");
   }
@@ -51,19 +51,19 @@ TEST(EhloReply, IsRewritten) {
       {"250-server.test|250-HELP|250|", "250-server.test|250 HELP|"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     EXPECT_EQ(EhloReply(d, row.server), row.client);
-    EXPECT_TRUE(d.state.GreetingDone) << row.server;
+    EXPECT_TRUE(d.Greeted()) << row.server;
   }
 }
 
 TEST(EhloReply, ARefusalStaysAsItIs) {
   for (const char* reply : {"550 no|", "421-busy|421 later|", "500-server.test|500 STARTTLS|", "220 ok|",
                             "250-server.test|250-HELP|550 no|", "550-server.test|250 HELP|"}) {
-    Dialogue d;
+    TestDialogue d;
     EXPECT_EQ(EhloReply(d, reply), reply);
-    EXPECT_FALSE(d.state.GreetingDone) << reply;
-    EXPECT_TRUE(d.state.Extensions.Lines().empty());
+    EXPECT_FALSE(d.Greeted()) << reply;
+    EXPECT_TRUE(d.state.offered.Extensions.Lines().empty());
   }
 }
 
@@ -78,7 +78,7 @@ TEST(EhloReply, ExtensionsAreRemovedAndAdded) {
       {true, "250-server.test|250-SIZE 1000|250-AUTH LOGIN|250-dsn new|250 XLOCAL|"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.facts.local = row.local;
     d.configuration.RemoveSMTPExtensionsRemote = ListOf({"auth", "ABSENT"});
     d.configuration.AddSMTPExtensionsRemote = ListOf({"XREMOTE a", "STARTTLS"});
@@ -88,18 +88,17 @@ TEST(EhloReply, ExtensionsAreRemovedAndAdded) {
     EXPECT_EQ(EhloReply(d, kServer), row.client);
   }
   // Also to a reply without any.
-  Dialogue d;
+  TestDialogue d;
   d.configuration.AddSMTPExtensionsRemote = ListOf({"X"});
   EXPECT_EQ(EhloReply(d, "250 server.test|"), "250-server.test|250 X|");
 }
 
 TEST(EhloReply, WhatTheListsMakeOfItIsWhatTheFilterGoesBy) {
-  Dialogue d;
-  d.state.GreetingDone = true;
-  d.state.TransactionOpen = true;
+  TestDialogue d;
+  d.state.transaction = Transaction::kOpen;
   d.configuration.RemoveSMTPExtensionsRemote = ListOf({"CHUNKING"});
   EXPECT_EQ(EhloReply(d, "250-server.test|250-CHUNKING|250 XEXCH50|"), "250-server.test|250 XEXCH50|");
-  d.state.TransactionOpen = true;
+  d.state.transaction = Transaction::kOpen;
   EXPECT_EQ(d.Says("BDAT 0 LAST"), "<- 503 5.5.1 Bad sequence of commands.");
   EXPECT_EQ(d.Says("XEXCH50 0"), "-> XEXCH50 0");
 }
@@ -150,7 +149,7 @@ TEST(EhloReply, TheSizeIsTheSmallerOfTwo) {
       {"SIZE 1001", 1000 * kOne + kOne - 1, "SIZE 1000", 1000 * kOne},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.configuration.MaxSize = row.own;
     const std::string server = std::string("250-server.test|250-DSN|") +
                                (*row.server ? std::string("250-") + row.server + "|" : "") + "250 HELP|";
@@ -163,40 +162,40 @@ TEST(EhloReply, TheSizeIsTheSmallerOfTwo) {
         : size.empty() ? "250-server.test|250-DSN|250 HELP|"
                        : "250-server.test|250-DSN|250-HELP|250 " + std::string(row.client) + "|";
     EXPECT_EQ(client, expected) << row.server << " with " << row.own;
-    EXPECT_EQ(d.state.SizeLimit, row.limit) << row.server << " with " << row.own;
+    EXPECT_EQ(d.state.offered.SizeLimit, row.limit) << row.server << " with " << row.own;
   }
 }
 
 TEST(EhloReply, EachBeginsAnew) {
-  Dialogue d;
+  TestDialogue d;
   EXPECT_EQ(EhloReply(d, "250-server.test|250-CHUNKING|250 SIZE 1000|"),
             "250-server.test|250-CHUNKING|250 SIZE 1000|");
   EXPECT_EQ(EhloReply(d, "250-server.test|250 SIZE 2000|"), "250-server.test|250 SIZE 2000|");
-  EXPECT_EQ(d.state.SizeLimit, 2000 * kFixedPointOne);
-  EXPECT_FALSE(d.state.Extensions.Has("CHUNKING"));
+  EXPECT_EQ(d.state.offered.SizeLimit, 2000 * kFixedPointOne);
+  EXPECT_FALSE(d.state.offered.Extensions.Has("CHUNKING"));
   EXPECT_EQ(EhloReply(d, "250 server.test|"), "250 server.test|");
-  EXPECT_EQ(d.state.SizeLimit, 0);
+  EXPECT_EQ(d.state.offered.SizeLimit, 0);
 }
 
 // What the server offered before is still in force when it refuses another EHLO.
 TEST(EhloReply, ARefusedOneLeavesTheExtensions) {
-  Dialogue d;
+  TestDialogue d;
   EXPECT_EQ(EhloReply(d, "250-server.test|250-CHUNKING|250 SIZE 1000|"),
             "250-server.test|250-CHUNKING|250 SIZE 1000|");
   EXPECT_EQ(EhloReply(d, "550 no|"), "550 no|");
-  EXPECT_TRUE(d.state.Extensions.Has("CHUNKING"));
-  EXPECT_EQ(d.state.SizeLimit, 1000 * kFixedPointOne);
+  EXPECT_TRUE(d.state.offered.Extensions.Has("CHUNKING"));
+  EXPECT_EQ(d.state.offered.SizeLimit, 1000 * kFixedPointOne);
 }
 
 TEST(HeloReply, PassesAndEmptiesTheExtensions) {
-  Dialogue d;
+  TestDialogue d;
   d.Greet();
   d.Run(R"(
     C: HELO client.test
     -> HELO client.test
     S: 550 no
     <- 550 no)");
-  EXPECT_TRUE(d.state.Extensions.Has("CHUNKING"));
+  EXPECT_TRUE(d.state.offered.Extensions.Has("CHUNKING"));
   d.Run(R"(
     C: HELO client.test
     -> HELO client.test
@@ -206,8 +205,8 @@ TEST(HeloReply, PassesAndEmptiesTheExtensions) {
     <- 250-server.test
     <- 250-STARTTLS
     <- 250 SIZE 5)");
-  EXPECT_TRUE(d.state.Extensions.Lines().empty());
-  EXPECT_TRUE(d.state.GreetingDone);
+  EXPECT_TRUE(d.state.offered.Extensions.Lines().empty());
+  EXPECT_TRUE(d.Greeted());
 }
 
 TEST(ServerReply, EachCommandIsFollowed) {
@@ -258,24 +257,25 @@ TEST(ServerReply, EachCommandIsFollowed) {
       {"FOO", "250 ok", true, false, {true, false}},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.configuration.AddReceived = false;
-    d.state.GreetingDone = row.greeted;
-    d.state.TransactionOpen = row.open;
+    d.state.transaction = row.open      ? Transaction::kOpen
+                          : row.greeted ? Transaction::kGreeted
+                                        : Transaction::kNoGreeting;
     EXPECT_TRUE(d.Says(row.command).starts_with("-> ")) << row.command;
-    EXPECT_EQ(d.state.GreetingDone, row.greeted) << row.command;
-    EXPECT_EQ(d.state.TransactionOpen, row.open) << row.command;
+    EXPECT_EQ(d.Greeted(), row.greeted) << row.command;
+    EXPECT_EQ(d.TransactionOpen(), row.open) << row.command;
     const std::string reply = std::string(row.reply) + "\r\n";
-    EXPECT_EQ(d.replies.ProcessOutgoingData(reply).text, reply);
-    EXPECT_EQ(d.state.GreetingDone, row.after.greeting_done) << row.command << " " << row.reply;
-    EXPECT_EQ(d.state.TransactionOpen, row.after.transaction_open) << row.command << " " << row.reply;
+    EXPECT_EQ(d.Reply(reply).text, reply);
+    EXPECT_EQ(d.Greeted(), row.after.greeting_done) << row.command << " " << row.reply;
+    EXPECT_EQ(d.TransactionOpen(), row.after.transaction_open) << row.command << " " << row.reply;
     // What the server says without being asked changes nothing.
     for (const char* unasked : {"250 ok\r\n", "354 ok\r\n", "355 ok\r\n"}) {
-      if (d.state.Content.Active()) break;
-      d.replies.ProcessOutgoingData(unasked);
-      EXPECT_EQ(d.state.GreetingDone, row.after.greeting_done) << row.command << " " << unasked;
-      EXPECT_EQ(d.state.TransactionOpen, row.after.transaction_open) << row.command << " " << unasked;
-      EXPECT_FALSE(d.state.Content.Active());
+      if (d.TakesContent()) break;
+      d.Reply(unasked);
+      EXPECT_EQ(d.Greeted(), row.after.greeting_done) << row.command << " " << unasked;
+      EXPECT_EQ(d.TransactionOpen(), row.after.transaction_open) << row.command << " " << unasked;
+      EXPECT_FALSE(d.TakesContent());
     }
   }
 }
@@ -298,37 +298,38 @@ TEST(ServerReply, WithSeveralCodesSaysNothing) {
       {"DATA", "554-no\r\n354 go\r\n"},
   };
   for (const auto& row : rows) {
-    Dialogue d;
-    d.state.GreetingDone = std::string_view(row.command) != "HELO x";
-    d.state.TransactionOpen = std::string_view(row.command) == "DATA";
-    const bool greeted = d.state.GreetingDone;
-    const bool open = d.state.TransactionOpen;
+    TestDialogue d;
+    d.state.transaction = std::string_view(row.command) == "HELO x" ? Transaction::kNoGreeting
+                          : std::string_view(row.command) == "DATA" ? Transaction::kOpen
+                                                                    : Transaction::kGreeted;
+    const bool greeted = d.Greeted();
+    const bool open = d.TransactionOpen();
     EXPECT_TRUE(d.Says(row.command).starts_with("-> ")) << row.command;
-    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
-    EXPECT_EQ(d.state.GreetingDone, greeted) << row.reply;
-    EXPECT_EQ(d.state.TransactionOpen, open) << row.reply;
-    EXPECT_FALSE(d.state.Content.Active());
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+    EXPECT_EQ(d.Reply(row.reply).text, row.reply);
+    EXPECT_EQ(d.Greeted(), greeted) << row.reply;
+    EXPECT_EQ(d.TransactionOpen(), open) << row.reply;
+    EXPECT_FALSE(d.TakesContent());
+    EXPECT_EQ(d.state.phase, Phase::kCommand);
   }
 }
 
 TEST(ServerReply, ResetClearsTheTransaction) {
   for (const char* command : {"RSET", "EHLO x", "HELO x"}) {
-    Dialogue d;
+    TestDialogue d;
     d.GreetMailAndRcpt();
-    d.state.Greylisted = true;
+    d.state.requested.Greylisted = true;
     EXPECT_TRUE(d.Says(command).starts_with("-> "));
     // Not yet.
-    EXPECT_EQ(d.state.Sender, "s@sender.test");
-    EXPECT_EQ(d.state.RecipientCount, 1);
-    EXPECT_TRUE(d.state.Greylisted);
-    d.replies.ProcessOutgoingData("250 ok\r\n");
-    EXPECT_FALSE(d.state.TransactionOpen);
-    EXPECT_EQ(d.state.Sender, "");
-    EXPECT_EQ(d.state.Recipient, "");
-    EXPECT_EQ(d.state.RecipientCount, 0);
-    EXPECT_FALSE(d.state.Greylisted);
-    EXPECT_TRUE(d.state.GreetingDone);
+    EXPECT_EQ(d.state.requested.Sender, "s@sender.test");
+    EXPECT_EQ(d.state.requested.RecipientCount, 1);
+    EXPECT_TRUE(d.state.requested.Greylisted);
+    d.Reply("250 ok\r\n");
+    EXPECT_FALSE(d.TransactionOpen());
+    EXPECT_EQ(d.state.requested.Sender, "");
+    EXPECT_EQ(d.state.requested.Recipient, "");
+    EXPECT_EQ(d.state.requested.RecipientCount, 0);
+    EXPECT_FALSE(d.state.requested.Greylisted);
+    EXPECT_TRUE(d.Greeted());
   }
 }
 
@@ -345,14 +346,13 @@ TEST(ServerReply, TheHeaderOpensContentAt354Only) {
       {true, 1, "353 ok\r\n", false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
-    d.state.GreetingDone = true;
-    d.state.TransactionOpen = true;
-    d.state.HeloDomain = "client.test";
-    d.state.RecipientCount = row.recipients;
+    TestDialogue d;
+    d.state.transaction = Transaction::kOpen;
+    d.state.requested.HeloDomain = "client.test";
+    d.state.requested.RecipientCount = row.recipients;
     d.configuration.AddReceived = row.add;
     EXPECT_EQ(d.Says("DATA"), "-> DATA");
-    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).header,
+    EXPECT_EQ(d.Reply(row.reply).header,
               row.header ? "Received: from client.test (mail.client.test [192.0.2.7]) by proxy.test\r\n"
                            "      with SMTP; Sun, 15 Nov 2026 16:54:24 -0000\r\n"
                          : "")
@@ -362,7 +362,7 @@ TEST(ServerReply, TheHeaderOpensContentAt354Only) {
 
 // The recipients that were refused count: the number is that of the RCPT commands.
 TEST(ServerReply, TheHeaderIsAddedWhenAllRecipientsWereRefused) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetAndMail();
   d.Run(R"(
     C: RCPT TO:<u@far.test>
@@ -370,13 +370,13 @@ TEST(ServerReply, TheHeaderIsAddedWhenAllRecipientsWereRefused) {
     C: DATA
     -> DATA
     S: 354 go on
+    <- 354 go on
     -> Received: from client.test (mail.client.test [192.0.2.7]) by proxy.test
-    ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
-    <- 354 go on)");
+    ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000)");
 }
 
 TEST(ServerReply, ARefusedDataLeavesTheTransactionOpen) {
-  Dialogue d;
+  TestDialogue d;
   d.GreetMailAndRcpt();
   d.Run(R"(
     C: DATA
@@ -410,7 +410,7 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
   };
   for (const auto& row : rows) {
     for (const char* chunks : {"BDAT 3 LAST", "BDAT 3; BDAT 3 LAST"}) {
-      Dialogue d;
+      TestDialogue d;
       d.configuration.AddReceived = false;
       d.GreetMailAndRcpt();
       if (std::string_view(chunks).find(';') != std::string_view::npos) {
@@ -429,15 +429,14 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
         C+ two
         *> two
         end)");
-      EXPECT_TRUE(d.state.TransactionOpen);
-      EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
-      EXPECT_FALSE(d.state.TransactionOpen) << row.reply;
-      EXPECT_FALSE(d.state.ChunkSequence) << row.reply;
-      EXPECT_FALSE(d.state.LastChunk) << row.reply;
+      EXPECT_TRUE(d.TransactionOpen());
+      EXPECT_EQ(d.Reply(row.reply).text, row.reply);
+      EXPECT_FALSE(d.TransactionOpen()) << row.reply;
+      EXPECT_FALSE(d.InChunks()) << row.reply;
       if (row.refused) {
-        EXPECT_EQ(d.state.Sender, "") << row.reply;
-        EXPECT_EQ(d.state.Recipient, "") << row.reply;
-        EXPECT_EQ(d.state.RecipientCount, 0) << row.reply;
+        EXPECT_EQ(d.state.requested.Sender, "") << row.reply;
+        EXPECT_EQ(d.state.requested.Recipient, "") << row.reply;
+        EXPECT_EQ(d.state.requested.RecipientCount, 0) << row.reply;
       }
       d.Run(R"(
         C: RCPT TO:<v@local.test>
@@ -450,8 +449,8 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
         <- 250 ok
         C: RCPT TO:<v@local.test>
         -> RCPT TO:<v@local.test>)");
-      EXPECT_EQ(d.state.Sender, "t@sender.test");
-      EXPECT_EQ(d.state.RecipientCount, 1);
+      EXPECT_EQ(d.state.requested.Sender, "t@sender.test");
+      EXPECT_EQ(d.state.requested.RecipientCount, 1);
     }
   }
 }
@@ -459,14 +458,14 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
 // RFC 3030, 2: after any other chunk that failed it is the client who ends the transaction.
 TEST(ServerReply, ARefusedChunkThatIsNotTheLastLeavesTheTransactionOpen) {
   for (const char* reply : {"452 later\r\n", "550 no\r\n", "250-ok\r\n550 no\r\n"}) {
-    Dialogue d;
+    TestDialogue d;
     d.configuration.AddReceived = false;
     d.GreetMailAndRcpt();
     EXPECT_EQ(d.Says("BDAT 0"), "-> BDAT 0");
-    d.replies.ProcessOutgoingData(reply);
-    EXPECT_TRUE(d.state.TransactionOpen) << reply;
-    EXPECT_TRUE(d.state.ChunkSequence) << reply;
-    EXPECT_EQ(d.state.Sender, "s@sender.test") << reply;
+    d.Reply(reply);
+    EXPECT_TRUE(d.TransactionOpen()) << reply;
+    EXPECT_TRUE(d.InChunks()) << reply;
+    EXPECT_EQ(d.state.requested.Sender, "s@sender.test") << reply;
     d.Run(R"(
       C: MAIL FROM:<t@sender.test>
       <- 503 5.5.1 Bad sequence of commands.
@@ -481,7 +480,7 @@ TEST(ServerReply, ARefusedChunkThatIsNotTheLastLeavesTheTransactionOpen) {
 
 // What is said about the message may still name its addresses; what is said later may not.
 TEST(ServerReply, TheRefusalOfTheLastChunkStillKnowsTheSender) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.AddReceived = false;
   d.configuration.ResponseChanges.Add(WholeReply("BDAT.550", "550 {%from%} {%rcpt%}"));
   d.configuration.ResponseChanges.Add(WholeReply("NOOP.250", "250 [{%from%}{%rcpt%}]"));
@@ -499,7 +498,7 @@ TEST(ServerReply, TheRefusalOfTheLastChunkStillKnowsTheSender) {
 
 TEST(ServerReply, TheReplyToContentIsAwaitedAndIsNone354) {
   for (const char* reply : {"250 accepted\r\n", "554 no\r\n", "354 more\r\n"}) {
-    Dialogue d;
+    TestDialogue d;
     d.configuration.AddReceived = false;
     d.GreetMailAndRcpt();
     d.Run(R"(
@@ -507,21 +506,21 @@ TEST(ServerReply, TheReplyToContentIsAwaitedAndIsNone354) {
       -> DATA
       S: 354 go on
       <- 354 go on)");
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kContent);
+    EXPECT_EQ(d.state.phase, Phase::kDotContent);
     d.Run(R"(
       C+ .\r\n
       *> .\r\n
       end)");
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kContent);
-    d.replies.ProcessOutgoingData(reply);
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
-    EXPECT_FALSE(d.state.Content.Active()) << reply;
-    EXPECT_FALSE(d.state.TransactionOpen);
+    EXPECT_EQ(d.state.phase, Phase::kContentReply);
+    d.Reply(reply);
+    EXPECT_EQ(d.state.phase, Phase::kCommand);
+    EXPECT_FALSE(d.TakesContent()) << reply;
+    EXPECT_FALSE(d.TransactionOpen());
   }
 }
 
 TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.AddReceived = false;
   d.GreetMailAndRcpt();
   d.Run(R"(
@@ -534,7 +533,7 @@ TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
     S: 421 closing
     <- 421 closing
     close)");
-  EXPECT_FALSE(d.state.Content.Active());
+  EXPECT_FALSE(d.TakesContent());
 }
 
 TEST(ServerReply, AfterTheGoodByeWhatTheClientSendsIsDropped) {
@@ -548,18 +547,18 @@ TEST(ServerReply, AfterTheGoodByeWhatTheClientSendsIsDropped) {
       {"NOOP", "221 bye\r\n", false},
   };
   for (const auto& row : rows) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says(row.command), std::string("-> ") + row.command);
-    EXPECT_EQ(d.replies.ProcessOutgoingData(row.reply).text, row.reply);
-    EXPECT_EQ(d.state.Content.Dropping(), row.dropped) << row.command << " " << row.reply;
+    EXPECT_EQ(d.Reply(row.reply).text, row.reply);
+    EXPECT_EQ(d.Discards(), row.dropped) << row.command << " " << row.reply;
   }
 }
 
 // --- response changes
 
 TEST(ServerReply, IsChangedByCodeThenByCommandAndCode) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.AddReceived = false;
   for (const char* key : {"220", ".220", "250", "EHLO.250", "MAIL.250", "RCPT.550", "550", "DATA.250",
                           "DATA.354", "NOOP", "NOOP.", "mail.552"}) {
@@ -608,11 +607,11 @@ TEST(ServerReply, IsChangedByCodeThenByCommandAndCode) {
     -> NOOP
     S: 251 x
     <- 251 x)");
-  EXPECT_FALSE(d.state.TransactionOpen);
+  EXPECT_FALSE(d.TransactionOpen());
 }
 
 TEST(ServerReply, AChangeOfTheTextChangesNothingElse) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ResponseChanges.Add(WholeReply("MAIL.550", "250 fine"));
   d.configuration.ResponseChanges.Add(WholeReply("RCPT.250", "550-one{%crlf%}550 two"));
   d.Greet();
@@ -637,7 +636,7 @@ TEST(ServerReply, AChangeOfTheTextChangesNothingElse) {
 }
 
 TEST(ServerReply, MacrosStandForTheSession) {
-  Dialogue d;
+  TestDialogue d;
   d.configuration.ResponseChanges.Add(
       WholeReply("RCPT.550", "550 {%rcpt%} {%from%} {%helodomain%} {%remotehostip%}"));
   d.GreetAndMail();
@@ -651,10 +650,10 @@ TEST(ServerReply, MacrosStandForTheSession) {
 TEST(ServerReply, WithoutRulesItsBytesGoOutUnchanged) {
   for (const char* reply :
        {"250-a\r\n250 b\r\n", "250 a\nb\r\n", "250\r\n", "\r\n", "x\r\n", "999 \xFF\r\n"}) {
-    Dialogue d;
+    TestDialogue d;
     d.Greet();
     EXPECT_EQ(d.Says("NOOP"), "-> NOOP");
-    EXPECT_EQ(d.replies.ProcessOutgoingData(reply).text, reply);
+    EXPECT_EQ(d.Reply(reply).text, reply);
   }
 }
 

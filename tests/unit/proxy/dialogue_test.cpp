@@ -1,6 +1,6 @@
 // What the session knows of the dialogue: which state each command and reply lead to, and that no sequence of
 // them makes it believe what the server has not said.
-#include "proxy/dialogue/session_state.h"
+#include "proxy/dialogue/dialogue.h"
 
 #include <gtest/gtest.h>
 
@@ -17,42 +17,49 @@ namespace {
 
 // '0' nothing yet, 'G' greeted, 'T' in a transaction, 'C' between two chunks, 'M' in content after DATA, 'X'
 // in that after XEXCH50.
-char StateOf(const SessionState& state) {
-  if (state.Content.EndsWithDot()) return 'M';
-  if (state.Content.Active()) return 'X';
-  if (state.ChunkSequence) return 'C';
-  if (state.TransactionOpen) return 'T';
-  return state.GreetingDone ? 'G' : '0';
+char StateOf(const DialogueState& state) {
+  if (state.phase == Phase::kDotContent) return 'M';
+  if (state.phase == Phase::kOctets) return 'X';
+  switch (state.transaction) {
+    case Transaction::kChunks:
+      return 'C';
+    case Transaction::kOpen:
+      return 'T';
+    case Transaction::kGreeted:
+      return 'G';
+    default:
+      return '0';
+  }
 }
 
-void BringTo(Dialogue& d, char state) {
+void BringTo(TestDialogue& d, char state) {
   d.configuration.AddReceived = false;
-  d.state.Expected = ReplyExpected::kNone;
-  d.state.GreetingDone = state != '0';
-  d.state.TransactionOpen = state == 'T' || state == 'C';
-  d.state.ChunkSequence = state == 'C';
-  d.state.Extensions.AddExtension("CHUNKING");
-  d.state.Extensions.AddExtension("XEXCH50");
+  d.state.transaction = state == '0'   ? Transaction::kNoGreeting
+                        : state == 'G' ? Transaction::kGreeted
+                        : state == 'T' ? Transaction::kOpen
+                                       : Transaction::kChunks;
+  d.state.offered.Extensions.AddExtension("CHUNKING");
+  d.state.offered.Extensions.AddExtension("XEXCH50");
 }
 
 // The states that the replies 250, 354, 355 and 550 to the command lead to; "-" when it is not forwarded.
 std::string After(char state, const std::string& command) {
   std::string after;
   for (const char* reply : {"250 a\r\n", "354 a\r\n", "355 a\r\n", "550 a\r\n"}) {
-    Dialogue d;
+    TestDialogue d;
     BringTo(d, state);
     EXPECT_EQ(StateOf(d.state), state);
     if (!d.Says(command).starts_with("->")) {
       EXPECT_EQ(StateOf(d.state), state) << command;
       return "-";
     }
-    d.replies.ProcessOutgoingData(reply);
+    d.Reply(reply);
     after += StateOf(d.state);
   }
   return after;
 }
 
-TEST(SessionState, WhereEachCommandAndReplyLead) {
+TEST(Dialogue, WhereEachCommandAndReplyLead) {
   const struct {
     const char* command;
     const char* from_nothing;
@@ -92,14 +99,13 @@ TEST(SessionState, WhereEachCommandAndReplyLead) {
   }
 }
 
-TEST(SessionState, TheGreetingOfTheServerIsNoReplyToACommand) {
+TEST(Dialogue, TheGreetingOfTheServerIsNoReplyToACommand) {
   for (const char* greeting : {"250 ok\r\n", "220 ok\r\n", "354 ok\r\n", "334 ok\r\n"}) {
-    Dialogue d;
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kGreeting);
-    d.replies.ProcessOutgoingData(greeting);
+    TestDialogue d;
+    d.state.phase = Phase::kServerGreeting;
+    d.Reply(greeting);
     EXPECT_EQ(StateOf(d.state), '0');
-    EXPECT_FALSE(d.state.AuthenticationData);
-    EXPECT_EQ(d.state.Expected, ReplyExpected::kNone);
+    EXPECT_EQ(d.state.phase, Phase::kCommand);
   }
 }
 
@@ -115,10 +121,7 @@ class Server {
     EXPECT_TRUE(open || !Is({"RCPT", "DATA", "BDAT", "XEXCH50"})) << Escape(command_line);
     EXPECT_TRUE(!chunks || Is({"BDAT", "RSET", "QUIT"})) << Escape(command_line);
     EXPECT_FALSE(Is({"STARTTLS", "TURN", "ATRN", "XCLIENT", "XFORWARD"})) << Escape(command_line);
-    if (command_ == "BDAT") {
-      EXPECT_TRUE(offers_chunks) << Escape(command_line);
-      chunks = !last_chunk_;
-    }
+    EXPECT_TRUE(offers_chunks || command_ != "BDAT") << Escape(command_line);
     answered_ = false;
   }
 
@@ -126,6 +129,7 @@ class Server {
   // message is over.
   void Says(const std::string& reply, bool lines_agree) {
     if (std::exchange(answered_, true)) return;
+    if (Is({"BDAT"})) chunks = !last_chunk_;
     if (Is({"BDAT"}) && last_chunk_) open = false;
     if (!lines_agree) return;
     const std::string code = reply.substr(0, 3);
@@ -168,9 +172,9 @@ class RandomSession {
   void Run(int steps) {
     for (int step = 0; step < steps && !over_; ++step) {
       Step();
-      EXPECT_EQ(d_.state.GreetingDone, server_.greeted) << transcript_;
-      EXPECT_EQ(d_.state.TransactionOpen, server_.open) << transcript_;
-      EXPECT_EQ(d_.state.ChunkSequence, server_.chunks) << transcript_;
+      EXPECT_EQ(d_.Greeted(), server_.greeted) << transcript_;
+      EXPECT_EQ(d_.TransactionOpen(), server_.open) << transcript_;
+      EXPECT_EQ(d_.InChunks(), server_.chunks) << transcript_;
       if (testing::Test::HasFailure()) return;
     }
   }
@@ -185,15 +189,17 @@ class RandomSession {
   }
 
   void Step() {
-    if (d_.state.Content.Active() && random_() % 4 != 0) {
+    const ClientBytes expected = ExpectedBytes(d_.state.phase);
+    const bool content = expected == ClientBytes::kContent || expected == ClientBytes::kDiscarded;
+    if (content && random_() % 4 != 0) {
       ClientSendsContent();
-    } else if (d_.state.Content.Active() || d_.state.Expected != ReplyExpected::kNone || random_() % 8 == 0) {
+    } else if (content || expected == ClientBytes::kWait || random_() % 8 == 0) {
       ServerReplies();
     } else {
       ClientSendsLine();
     }
-    reached_transaction_ |= d_.state.TransactionOpen;
-    reached_content_ |= d_.state.Content.Active();
+    reached_transaction_ |= d_.TransactionOpen();
+    reached_content_ |= d_.TakesContent();
   }
 
   void ClientSendsLine() {
@@ -255,18 +261,18 @@ class RandomSession {
     static const std::vector<std::string> kOpening = {"MAIL FROM:<a@b>", "SEND FROM:<a@b>", "MAIL FROM:<>"};
     static const std::vector<std::string> kGoingOn = {"RCPT TO:<u@local.test>", "DATA", "BDAT 5",
                                                       "BDAT 5 LAST", "XEXCH50 5"};
-    const std::vector<std::string>& next = !d_.state.GreetingDone      ? kGreeting
-                                           : !d_.state.TransactionOpen ? kOpening
-                                                                       : kGoingOn;
+    const std::vector<std::string>& next = !d_.Greeted()           ? kGreeting
+                                           : !d_.TransactionOpen() ? kOpening
+                                                                   : kGoingOn;
     const std::string line = OneOf(random_() % 2 == 0 ? next : kLines);
     transcript_ += "C: " + Escape(line) + "\n";
-    const bool data = d_.state.AuthenticationData;
-    const LineDecision decision = d_.commands.ProcessIncomingData(line + "\r\n");
+    const bool data = d_.state.phase == Phase::kAuthData;
+    const LineDecision decision = d_.Line(line + "\r\n");
     if (decision.action == LineDecision::Action::kForward) {
       transcript_ += "-> " + Escape(decision.text) + "\n";
       if (!data) server_.Gets(decision.text);
     } else {
-      over_ = decision.close_when_sent || decision.action == LineDecision::Action::kBreak;
+      over_ = d_.state.phase == Phase::kEnding;
     }
   }
 
@@ -274,8 +280,8 @@ class RandomSession {
     static const std::vector<std::string> kContent = {"text", "\r\n.\r\n", "RSET\r\n", "\r\n",
                                                       "MAIL FROM:<a@b>\r\n"};
     const std::string content = OneOf(kContent);
-    const ContentTracker::Step step = d_.state.Content.Scan(content);
-    over_ = step.outcome == ContentTracker::Outcome::kAmbiguous;
+    d_.Content(content);
+    over_ = d_.state.phase == Phase::kEnding;
     transcript_ += "C+ " + Escape(content) + "\n";
   }
 
@@ -284,7 +290,7 @@ class RandomSession {
                                                     "550", "451", "334", "220", "235", "221", "25",  ""};
     static const std::vector<std::string> kTexts = {"ok", "CHUNKING", "XEXCH50", "STARTTLS", "250 ok", ""};
     const bool wants_content =
-        d_.state.Forwarded == Command::kData || d_.state.Forwarded == Command::kXexch50;
+        d_.state.forwarded.command == Command::kData || d_.state.forwarded.command == Command::kXexch50;
     const std::string code = random_() % 2 == 0 ? OneOf(kCodes) : wants_content ? "354" : "250";
     std::string reply;
     bool same = true;
@@ -302,12 +308,12 @@ class RandomSession {
     for (std::size_t at = heard.find("CHUNKING"); at < first_end; at = heard.find("CHUNKING", at + 1))
       heard[at] = '-';
     server_.Says(heard, same);
-    const ReplyDecision decision = d_.replies.ProcessOutgoingData(reply);
-    over_ = decision.content_cut_off;
+    d_.Reply(reply);
+    over_ = d_.state.phase == Phase::kEnding;
   }
 
   std::mt19937 random_;
-  Dialogue d_;
+  TestDialogue d_;
   Server server_;
   std::string transcript_;
   bool over_ = false;
@@ -315,7 +321,7 @@ class RandomSession {
   bool reached_content_ = false;
 };
 
-TEST(SessionState, BelievesWhatTheServerSaidAndNothingElse) {
+TEST(Dialogue, BelievesWhatTheServerSaidAndNothingElse) {
   int transactions = 0;
   int contents = 0;
   for (std::uint32_t seed = 0; seed < 2000 && !HasFailure(); ++seed) {

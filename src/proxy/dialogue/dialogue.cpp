@@ -1,0 +1,208 @@
+#include "proxy/dialogue/dialogue.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/text.h"
+
+namespace trabex {
+
+using Side = DialogueActions::Side;
+
+Dialogue::Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
+                   GreylistCheck* greylisting, DialogueState state)
+    : configuration_(configuration),
+      commands_(configuration, clock, facts, greylisting),
+      replies_(configuration, clock, facts),
+      state_(std::move(state)) {}
+
+// --- the client's side
+
+std::size_t Dialogue::OnClientBytes(std::string_view bytes, DialogueActions& actions) {
+  switch (Expected()) {
+    case ClientBytes::kLine:
+      return TakeLine(bytes, actions);
+    case ClientBytes::kContent:
+    case ClientBytes::kDiscarded:
+      return TakeContent(bytes, actions);
+    case ClientBytes::kWait:
+      break;
+  }
+  return 0;
+}
+
+std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions) {
+  const std::size_t line_end = bytes.find(kCrLf);
+  const bool whole = line_end != std::string_view::npos;
+  const std::string_view line = whole ? bytes.substr(0, line_end + kCrLf.size()) : bytes;
+  const bool logged = (configuration_.LogLevelRemote & log_level::kReceived) != 0;
+  if (auto refusal = commands_.RefuseLongLine(line, whole, state_)) {
+    if (logged) {
+      const std::string_view begin = bytes.substr(0, ClientCommandFilter::kMaxLine);
+      actions.Log(Side::kClient, log_level::kReceived,
+                  "< " + commands_.LoggedForm(begin, state_.phase) + "...");
+    }
+    Act(std::move(*refusal), actions);
+    return 0;
+  }
+  if (!whole) return 0;
+  state_.BytesReceived += std::ssize(line);
+  if (logged)
+    actions.Log(Side::kClient, log_level::kReceived, "< " + commands_.LoggedForm(line, state_.phase));
+  Act(commands_.ProcessIncomingData(line, state_), actions);
+  return line.size();
+}
+
+std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actions) {
+  if (bytes.empty()) return 0;
+  ContentTracker::Step step{bytes.size(), ContentTracker::Outcome::kGoesOn};
+  if (state_.phase != Phase::kFarewell) step = state_.content.Scan(bytes);
+  state_.BytesReceived += static_cast<std::int64_t>(step.bytes);
+  if (step.bytes > 0 && Expected() == ClientBytes::kContent) {
+    actions.ToServer(bytes.substr(0, step.bytes), false);
+  }
+  if (step.outcome == ContentTracker::Outcome::kEnded) Enter(PhaseEvent::kContentComplete);
+  if (step.outcome == ContentTracker::Outcome::kAmbiguous) {
+    actions.CloseServer();
+    Act(commands_.RefuseAmbiguousEnd(state_), actions);
+  }
+  return step.bytes;
+}
+
+void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
+  if (decision.failure) actions.LogFailure(*decision.failure);
+  state_.requested = std::move(decision.requested);
+  switch (decision.action) {
+    case LineDecision::Action::kForward:
+      Forward(decision, actions);
+      break;
+    case LineDecision::Action::kAnswer:
+      actions.ToClient(decision.text.append(kCrLf));
+      if (decision.end) {
+        Enter(PhaseEvent::kEnd);
+      } else if (decision.octets_follow) {
+        EnterOctets(PhaseEvent::kBdatAnswered, *decision.octets_follow);
+      } else {
+        Enter(PhaseEvent::kAnswered);
+      }
+      break;
+    case LineDecision::Action::kAskForAddresses:
+      state_.asking_line = std::move(decision.asking_line);
+      Enter(PhaseEvent::kAsked);
+      actions.AskForAddresses(decision.text);
+      break;
+    case LineDecision::Action::kBreak:
+      actions.Log(Side::kClient, log_level::kErrors, decision.text);
+      Enter(PhaseEvent::kEnd);
+      break;
+  }
+  if (decision.too_many_bad_sequences && state_.phase != Phase::kEnding) actions.EndAfterPause();
+}
+
+void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
+  if (decision.forwarded) state_.forwarded = std::move(*decision.forwarded);
+  if (decision.octets_follow) {
+    EnterOctets(PhaseEvent::kBdatForwarded, *decision.octets_follow);
+  } else {
+    Enter(PhaseEvent::kForwarded);
+  }
+  if (configuration_.LogLevelServer & log_level::kSent) {
+    actions.Log(Side::kServer, log_level::kSent,
+                "> " + (decision.logged.empty() ? decision.text : decision.logged));
+  }
+  actions.ToServer(decision.text.append(decision.extra), false);
+}
+
+void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions) {
+  if (state_.phase != Phase::kAsking) return;
+  Act(commands_.ProcessAddresses(std::exchange(state_.asking_line, {}), answer, state_), actions);
+}
+
+// --- the server's side
+
+void Dialogue::OnServerBytes(std::string_view bytes, DialogueActions& actions) {
+  assembler_.Append(bytes);
+  RelayReplies(actions);
+  if (assembler_.TooLong() && !RelayBeginOfReply(actions)) {
+    actions.Log(Side::kServer, log_level::kErrors, "Reply too long. Closing connection.");
+    EndWithoutServer(actions);
+  }
+}
+
+void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
+  assembler_.EndLine();
+  RelayReplies(actions);
+  RelayWholeLines(actions);
+  if (how == ServerEnd::kFailed) return EndWithoutServer(actions);
+  Enter(PhaseEvent::kEnd);
+}
+
+void Dialogue::RelayReplies(DialogueActions& actions) {
+  while (const auto reply = assembler_.NextReply()) RelayReply(*reply, actions);
+}
+
+void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
+  if (configuration_.LogLevelServer & log_level::kReceived) {
+    actions.Log(Side::kServer, log_level::kReceived, std::string("< ").append(reply));
+  }
+  ReplyDecision decision = replies_.ProcessOutgoingData(reply, state_);
+  if (decision.requested) state_.requested = std::move(*decision.requested);
+  if (decision.offered) state_.offered = std::move(*decision.offered);
+  state_.transaction = decision.transaction;
+  actions.ToClient(decision.text);
+  if (decision.event == PhaseEvent::kOctetsWanted) {
+    EnterOctets(decision.event, state_.forwarded.octets);
+  } else {
+    Enter(decision.event);
+  }
+  // The content is what the client says next. A server that takes no header has gone, and the client hears
+  // that behind the reply.
+  if (!decision.header.empty()) actions.ToServer(decision.header, true);
+}
+
+// A reply that is longer than any that is rewritten passes as it comes; its last line says what it means.
+bool Dialogue::RelayBeginOfReply(DialogueActions& actions) {
+  if (state_.phase == Phase::kReply && state_.forwarded.command == Command::kEhlo) return false;
+  return RelayWholeLines(actions);
+}
+
+// Of a reply whose end has not come; false when there are none.
+bool Dialogue::RelayWholeLines(DialogueActions& actions) {
+  const std::string lines = assembler_.TakeWholeLines();
+  if (lines.empty()) return false;
+  actions.Log(Side::kServer, log_level::kReceived, "< " + lines);
+  actions.ToClient(lines);
+  return true;
+}
+
+// Tells the client that the server is gone, and ends the session.
+void Dialogue::EndWithoutServer(DialogueActions& actions) {
+  actions.ToClient(commands_.BuildReply(ReplyKind::kServerError, state_).append(kCrLf));
+  actions.CloseServer();
+  Enter(PhaseEvent::kEnd);
+}
+
+void Dialogue::Say(ReplyKind kind, DialogueActions& actions) {
+  actions.ToClient(commands_.BuildReply(kind, state_).append(kCrLf));
+  if (FindPolicyReply(kind).after == AfterReply::kProxyOnly) {
+    state_.transaction = Transaction::kRefused;
+    Enter(PhaseEvent::kNoServer);
+  } else {
+    Enter(PhaseEvent::kEnd);
+  }
+}
+
+// --- the state
+
+void Dialogue::Enter(PhaseEvent event) {
+  state_.phase = NextPhase(state_.phase, event);
+  if (state_.phase == Phase::kDotContent) state_.content.BeginDot();
+}
+
+void Dialogue::EnterOctets(PhaseEvent event, std::uint64_t octets) {
+  Enter(event);
+  state_.content.BeginOctets(octets);
+  if (octets == 0) Enter(PhaseEvent::kContentComplete);
+}
+
+}  // namespace trabex

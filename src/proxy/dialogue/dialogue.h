@@ -1,0 +1,101 @@
+// The protocol of one session, without a socket, a loop or a timer: bytes of the client, bytes of the server,
+// answers and ends go in, and what is to be done comes out. The program, a test and a fuzzer use the same
+// object.
+//
+// Commands go one at a time: the next one is taken when the complete reply to it has gone to the client, so
+// no reply is ever taken for that of another command. Where the dialogue stands, its phase says
+// (dialogue_phase.h).
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "base/clock.h"
+#include "base/error.h"
+#include "config/configuration.h"
+#include "proxy/dialogue/client_command_filter.h"
+#include "proxy/dialogue/dialogue_state.h"
+#include "proxy/dialogue/greylist_check.h"
+#include "proxy/dialogue/policy_replies.h"
+#include "proxy/dialogue/reply_assembler.h"
+#include "proxy/dialogue/server_reply_filter.h"
+#include "proxy/dialogue/session_facts.h"
+
+namespace trabex {
+
+// What a dialogue wants to be done, in this order, each at once. Texts are valid during the call only.
+class DialogueActions {
+ public:
+  enum class Side { kClient, kServer };
+
+  virtual ~DialogueActions() = default;
+  // Sends a command line, or content. With `more_follows` the next bytes come soon, and may share a packet.
+  virtual void ToServer(std::string_view bytes, bool more_follows) = 0;
+  // Sends replies, or lines of one, with their line ends.
+  virtual void ToClient(std::string_view reply) = 0;
+  // Looks for the addresses of `host_name`; Dialogue::OnAddresses takes them.
+  virtual void AskForAddresses(std::string_view host_name) = 0;
+  // Closes the server's connection; the client's goes on.
+  virtual void CloseServer() = 0;
+  // Takes nothing more of the client, and ends the session a short time later.
+  virtual void EndAfterPause() = 0;
+  // A line for the protocol log of that side, at one of the levels of log_level.
+  virtual void Log(Side side, std::int32_t level, std::string_view text) = 0;
+  virtual void LogFailure(const Error& error) = 0;
+};
+
+class Dialogue {
+ public:
+  // How the server's connection ended.
+  enum class ServerEnd { kClosed, kFailed };
+
+  // All references outlive the dialogue. `greylisting` may be nullptr: then nothing is greylisted. A test may
+  // begin in any state.
+  Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
+           GreylistCheck* greylisting, DialogueState state = {});
+
+  // In kEnding the session is over as soon as what was said has been sent.
+  Phase phase() const { return state_.phase; }
+  const DialogueState& State() const { return state_; }
+  ClientBytes Expected() const { return ExpectedBytes(state_.phase); }
+
+  // Takes one command line, or content, from the front of `bytes`, which are the client's next ones; returns
+  // how many it has used. 0: nothing is taken now, or a line or an end of content has not come whole.
+  std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
+  // Takes what the server said: whole replies are relayed, the rest is kept until it is whole.
+  void OnServerBytes(std::string_view bytes, DialogueActions& actions);
+  // The answer to AskForAddresses.
+  void OnAddresses(const HostAddresses& answer, DialogueActions& actions);
+  // The server says no more. Its last words reach the client, even if they broke off inside a line; one whose
+  // server failed is told so behind them.
+  void OnServerEnd(ServerEnd how, DialogueActions& actions);
+  // The client hears `kind`, from the proxy itself; what becomes of the session, the table of replies says.
+  // For what is no command's refusal: the client is not admitted, or the service stops.
+  void Say(ReplyKind kind, DialogueActions& actions);
+
+ private:
+  std::size_t TakeLine(std::string_view bytes, DialogueActions& actions);
+  std::size_t TakeContent(std::string_view bytes, DialogueActions& actions);
+  void Act(LineDecision&& decision, DialogueActions& actions);
+  void Forward(LineDecision& decision, DialogueActions& actions);
+
+  void RelayReplies(DialogueActions& actions);
+  void RelayReply(std::string_view reply, DialogueActions& actions);
+  bool RelayBeginOfReply(DialogueActions& actions);
+  bool RelayWholeLines(DialogueActions& actions);
+  void EndWithoutServer(DialogueActions& actions);
+
+  void Enter(PhaseEvent event);
+  // Where `octets` follow; none of them is the same as all of them taken.
+  void EnterOctets(PhaseEvent event, std::uint64_t octets);
+
+  const Configuration& configuration_;
+  ClientCommandFilter commands_;
+  ServerReplyFilter replies_;
+  ReplyAssembler assembler_;
+  DialogueState state_;
+};
+
+}  // namespace trabex

@@ -1,0 +1,111 @@
+#include "proxy/dialogue/dialogue_phase.h"
+
+#include <algorithm>
+
+namespace trabex {
+
+namespace {
+
+using enum Phase;
+
+// clang-format off
+constexpr PhaseTransition kPhaseTransitions[] = {
+    // from            event                         to
+    {kServerGreeting, PhaseEvent::kReply,           kCommand},
+    {kServerGreeting, PhaseEvent::kNoServer,        kCommand},
+    {kCommand,        PhaseEvent::kForwarded,       kReply},
+    {kCommand,        PhaseEvent::kAnswered,        kCommand},
+    {kCommand,        PhaseEvent::kAsked,           kAsking},
+    {kCommand,        PhaseEvent::kBdatForwarded,   kChunk},
+    {kCommand,        PhaseEvent::kBdatAnswered,    kDiscard},
+    {kAsking,         PhaseEvent::kForwarded,       kReply},
+    {kAsking,         PhaseEvent::kAnswered,        kCommand},
+    {kReply,          PhaseEvent::kReply,           kCommand},
+    {kReply,          PhaseEvent::kAuthDataWanted,  kAuthData},
+    {kReply,          PhaseEvent::kContentWanted,   kDotContent},
+    {kReply,          PhaseEvent::kOctetsWanted,    kOctets},
+    {kReply,          PhaseEvent::kQuitAccepted,    kFarewell},
+    {kAuthData,       PhaseEvent::kForwarded,       kReply},
+    // A server that speaks again instead of waiting for the data has given up, and reads commands.
+    {kAuthData,       PhaseEvent::kReply,           kCommand},
+    {kDotContent,     PhaseEvent::kContentComplete, kContentReply},
+    // The server spoke before the dot: what the client goes on sending is neither content nor command.
+    {kDotContent,     PhaseEvent::kReply,           kEnding},
+    {kChunk,          PhaseEvent::kContentComplete, kReply},
+    {kChunk,          PhaseEvent::kReply,           kAnsweredOctets},
+    {kOctets,         PhaseEvent::kContentComplete, kContentReply},
+    {kOctets,         PhaseEvent::kReply,           kAnsweredOctets},
+    {kAnsweredOctets, PhaseEvent::kContentComplete, kCommand},
+    {kContentReply,   PhaseEvent::kReply,           kCommand},
+    {kDiscard,        PhaseEvent::kContentComplete, kCommand},
+    {std::nullopt,    PhaseEvent::kEnd,             kEnding},
+};
+
+constexpr TransactionTransition kTransactionTransitions[] = {
+    // command        last chunk  code   to                     greets
+    {Command::kEhlo, false,      "250", Transaction::kGreeted, true},
+    {Command::kHelo, false,      "250", Transaction::kGreeted, true},
+    {Command::kMail, false,      "250", Transaction::kOpen,    false},
+    {Command::kMail, false,      "355", Transaction::kOpen,    false},
+    {Command::kSend, false,      "250", Transaction::kOpen,    false},
+    {Command::kSoml, false,      "250", Transaction::kOpen,    false},
+    {Command::kSaml, false,      "250", Transaction::kOpen,    false},
+    {Command::kRset, false,      "250", Transaction::kGreeted, false},
+    {Command::kData, false,      "354", Transaction::kGreeted, false},
+    // Whatever it says: the server has the chunk or does not take the message any more, which only RSET ends.
+    {Command::kBdat, false,      "",    Transaction::kChunks,  false},
+    // Whatever it says: the server has taken the message or thrown it away.
+    {Command::kBdat, true,       "",    Transaction::kGreeted, false},
+};
+// clang-format on
+
+}  // namespace
+
+ClientBytes ExpectedBytes(Phase phase) {
+  switch (phase) {
+    case kCommand:
+    case kAuthData:
+      return ClientBytes::kLine;
+    case kDotContent:
+    case kChunk:
+    case kOctets:
+    case kAnsweredOctets:
+      return ClientBytes::kContent;
+    case kDiscard:
+    case kFarewell:
+      return ClientBytes::kDiscarded;
+    case kServerGreeting:
+    case kAsking:
+    case kReply:
+    case kContentReply:
+    case kEnding:
+      break;
+  }
+  return ClientBytes::kWait;
+}
+
+std::span<const PhaseTransition> PhaseTransitions() {
+  return kPhaseTransitions;
+}
+
+Phase NextPhase(Phase from, PhaseEvent event) {
+  const auto* row = std::find_if(
+      std::begin(kPhaseTransitions), std::end(kPhaseTransitions),
+      [&](const PhaseTransition& t) { return t.event == event && (!t.from || *t.from == from); });
+  return row == std::end(kPhaseTransitions) ? from : row->to;
+}
+
+std::span<const TransactionTransition> TransactionTransitions() {
+  return kTransactionTransitions;
+}
+
+Transaction NextTransaction(Transaction from, Command command, bool last_chunk, std::string_view code) {
+  for (const TransactionTransition& row : kTransactionTransitions) {
+    if (row.command != command || row.last_chunk != last_chunk) continue;
+    if (!row.code.empty() && row.code != code) continue;
+    return from == Transaction::kNoGreeting && !row.greets ? from : row.to;
+  }
+  return from;
+}
+
+}  // namespace trabex

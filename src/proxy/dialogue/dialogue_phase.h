@@ -1,0 +1,87 @@
+// Where a session's dialogue stands: who may speak next and what the client's next bytes are (Phase), and
+// what the server has accepted (Transaction). Both change by the rows of two tables and in no other way;
+// docs/design.md shows them, and each row has its test.
+#pragma once
+
+#include <optional>
+#include <span>
+#include <string_view>
+
+#include "proxy/dialogue/command_table.h"
+
+namespace trabex {
+
+enum class Phase {
+  kServerGreeting,  // the server has not greeted yet (RFC 5321, 3.1); what the client sends waits
+  kCommand,         // the client's next line is a command
+  kAsking,          // a command waits for an answer from elsewhere: a name in DNS
+  kReply,           // the server owes the reply to a command
+  kAuthData,        // the client's next line is authentication data (RFC 4954), no command
+  kDotContent,      // message content up to the line with the dot (RFC 5321, 4.1.1.4)
+  kChunk,           // the octets of a BDAT (RFC 3030), whose reply the server owes
+  kOctets,          // the octets of an XEXCH50
+  kAnsweredOctets,  // the rest of such octets, to which the server has replied already
+  kContentReply,    // the server owes the reply to the content after DATA or XEXCH50
+  kDiscard,         // the octets of a BDAT that was refused
+  kFarewell,        // the server has said 221 to QUIT: whatever the client still sends is for nobody
+  kEnding,          // nothing more is taken; the session ends when what was said has been sent
+};
+
+// What becomes of the client's next bytes.
+enum class ClientBytes {
+  kWait,       // left where they are
+  kLine,       // one line, which is looked at
+  kContent,    // content for the server
+  kDiscarded,  // read and thrown away
+};
+ClientBytes ExpectedBytes(Phase phase);
+
+enum class PhaseEvent {
+  kNoServer,         // the client was refused, and hears only the proxy from now on
+  kAnswered,         // a command was answered by the proxy
+  kBdatAnswered,     // a BDAT was: its octets follow all the same
+  kForwarded,        // a command or authentication data has gone to the server
+  kBdatForwarded,    // a BDAT has, and its octets follow
+  kAsked,            // a question was asked on behalf of a command
+  kReply,            // a complete reply of the server, other than the following
+  kAuthDataWanted,   // 334 to AUTH
+  kContentWanted,    // 354 to DATA
+  kOctetsWanted,     // 354 to XEXCH50
+  kQuitAccepted,     // 221 to QUIT
+  kContentComplete,  // the content's last byte was taken
+  kEnd,              // the proxy ends the session, or one of the peers has
+};
+
+struct PhaseTransition {
+  std::optional<Phase> from;  // nothing: any
+  PhaseEvent event;
+  Phase to;
+};
+std::span<const PhaseTransition> PhaseTransitions();
+// Where `event` leads. Without a row it leads nowhere: a reply that nobody waits for is relayed, and changes
+// nothing.
+Phase NextPhase(Phase from, PhaseEvent event);
+
+// What the server has accepted.
+enum class Transaction {
+  kRefused,     // nothing ever: the client was refused, and has no server
+  kNoGreeting,  // no EHLO or HELO yet
+  kGreeted,     // an EHLO or HELO
+  kOpen,        // a MAIL
+  kChunks,      // a transaction's content in chunks, of which the last has not come (RFC 3030)
+};
+
+// The reply to a command opens, ends or resets a transaction, never the command itself: what the session
+// believes is never ahead of the server.
+struct TransactionTransition {
+  Command command;
+  bool last_chunk;        // of a BDAT: whether it was the last one
+  std::string_view code;  // of the reply, which has this code in each line that counts; "": any reply
+  Transaction to;
+  bool greets;  // also where nobody was greeted yet
+};
+std::span<const TransactionTransition> TransactionTransitions();
+// Where a reply with this code leads ("": one without a code that can be relied on).
+Transaction NextTransaction(Transaction from, Command command, bool last_chunk, std::string_view code);
+
+}  // namespace trabex

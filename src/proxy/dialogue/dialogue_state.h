@@ -1,0 +1,79 @@
+// What a dialogue remembers. Only Dialogue writes it: the filters read it, and say in their decisions what it
+// is to become.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "base/numbers.h"
+#include "proxy/dialogue/command_table.h"
+#include "proxy/dialogue/content_tracker.h"
+#include "proxy/dialogue/dialogue_phase.h"
+#include "proxy/dialogue/extension_collection.h"
+
+namespace trabex {
+
+// What the client asked for, whether it was accepted or not. Replies and the Received header name it: after
+// an EHLO that was accepted and a HELO that was refused the domain is that of the HELO.
+struct RequestedState {
+  std::string CurrentVerb;  // of the latest command line, upper case, whoever answers it
+
+  // Greeting.
+  bool EhloUsed = false;  // the latest greeting was an EHLO
+  std::string HeloDomain;
+
+  // Transaction.
+  std::string Sender;               // mailbox of MAIL, without brackets
+  std::string Recipient;            // mailbox of the latest RCPT
+  FixedPoint DeclaredSize = 0;      // SIZE= of MAIL
+  std::int64_t RecipientCount = 0;  // RCPT commands of the transaction, refused ones too
+  bool SmtpUtf8 = false;            // MAIL carries SMTPUTF8, which the server offers
+  bool Greylisted = false;          // a recipient was let through so far; DATA and BDAT are refused
+
+  // Session.
+  std::int64_t TransactionCount = 0;  // MAIL commands
+  std::int64_t BadSequenceCount = 0;
+
+  // A MAIL that goes to the server begins a transaction; whether one is open, the server says.
+  void BeginTransaction(std::string_view sender, bool smtp_utf8) {
+    ResetTransaction();
+    Sender = sender;
+    SmtpUtf8 = smtp_utf8;
+  }
+  // What EHLO, HELO and RSET leave behind when they are accepted, and a message that is refused.
+  void ResetTransaction() {
+    Sender.clear();
+    SmtpUtf8 = false;
+    Recipient.clear();
+    RecipientCount = 0;
+    Greylisted = false;
+  }
+};
+
+// What the server offered in its reply to the greeting that it accepted last.
+struct OfferedState {
+  ExtensionCollection Extensions;  // as rewritten for the client; empty after HELO
+  bool SmtpUtf8Offered = false;    // by the server itself (RFC 6531), and left in its reply
+  FixedPoint SizeLimit = 0;        // bytes for a message of this session; 0: none. HELO leaves it
+};
+
+// The last command that went to the server: the reply that is owed, or the latest one, is its.
+struct ForwardedCommand {
+  std::string ForwardedVerb;
+  Command command = Command::kOther;
+  bool last_chunk = false;   // of a BDAT: it is marked as the last one
+  std::uint64_t octets = 0;  // that follow a BDAT, or will follow an XEXCH50 that is accepted
+};
+
+struct DialogueState {
+  Phase phase = Phase::kServerGreeting;
+  Transaction transaction = Transaction::kNoGreeting;
+  RequestedState requested;
+  OfferedState offered;
+  ForwardedCommand forwarded;
+  ContentTracker content;          // in the phases with content
+  std::string asking_line;         // in kAsking: the line that waits for the answer
+  std::int64_t BytesReceived = 0;  // octets of the client that were taken
+};
+
+}  // namespace trabex

@@ -1,0 +1,104 @@
+#include "proxy/session_side.h"
+
+#include <array>
+#include <utility>
+
+#include "proxy/session_log.h"
+
+namespace trabex {
+
+namespace {
+
+// The sources under which the log knows the handlers of both sides, by event.
+constexpr std::array<std::array<std::string_view, 5>, 2> kSources = {{
+    {"cProxy.Receiver_Connect", "cProxy.Receiver_DataArrival", "cProxy.Receiver_SendComplete",
+     "cProxy.Receiver_Error", "cProxy.Receiver_CloseSck"},
+    {"cProxy.Sender_Connect", "cProxy.Sender_DataArrival", "cProxy.Sender_SendComplete",
+     "cProxy.Sender_Error", "cProxy.Sender_CloseSck"},
+}};
+
+}  // namespace
+
+SessionSide::SessionSide(Peer peer, SessionHost& host, Owner& owner)
+    : peer_(peer), host_(host), owner_(owner), socket_(host.sockets) {
+  socket_.Events.Connect = [this] { Notify(Event::kConnect); };
+  socket_.Events.DataArrival = [this] {
+    readable_ = true;
+    Notify(Event::kDataArrival);
+  };
+  // One that completes inside Send is only noted.
+  socket_.Events.SendComplete = [this] {
+    send_complete_ = true;
+    if (std::exchange(sending_, false)) Notify(Event::kSendComplete);
+  };
+  socket_.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
+    NoteEnd({number, description});
+    Notify(Event::kError);
+  };
+  socket_.Events.CloseSck = [this] {
+    NoteEnd({});
+    Notify(Event::kCloseSck);
+  };
+}
+
+void SessionSide::Notify(Event event) {
+  if (event == Event::kConnect) connected_ = true;
+  RunLogged(host_.log, kSources[static_cast<std::size_t>(peer_)][static_cast<std::size_t>(event)],
+            [&] { owner_.OnSideEvent(*this, event); });
+}
+
+std::string_view SessionSide::Peek(std::int32_t room) {
+  return socket_.PeekView(room);
+}
+
+void SessionSide::Take(std::size_t used, std::size_t size) {
+  readable_ = used > 0 && used < size;
+  if (used > 0) socket_.Consume(static_cast<std::int32_t>(used));
+}
+
+std::string SessionSide::TakeAll() {
+  readable_ = false;
+  std::string data;
+  socket_.GetData(data);
+  return data;
+}
+
+void SessionSide::Send(std::string_view bytes, bool more_follows) {
+  if (!IsConnected()) return;
+  send_complete_ = false;
+  socket_.SendData(bytes, more_follows);
+  if (!send_complete_) sending_ = true;
+}
+
+void SessionSide::NoteEnd(End end) {
+  if (!end_) end_ = std::move(end);
+}
+
+std::optional<SessionSide::End> SessionSide::TakeEnd() {
+  return std::exchange(end_, std::nullopt);
+}
+
+void SessionSide::Close() {
+  readable_ = false;
+  end_.reset();
+  if (socket_.State() == SocketState::sckClosed) return;
+  if (connected_ || peer_ == Peer::kClient) {
+    Log(log_level::kConnection,
+        "Disconnected. Bytes received/sent: " + std::to_string(socket_.BytesReceived()) + "/" +
+            std::to_string(socket_.BytesSent()));
+  }
+  socket_.CloseSck();
+}
+
+bool SessionSide::Logs(std::int32_t level) const {
+  const Configuration& c = host_.configuration;
+  return ((peer_ == Peer::kClient ? c.LogLevelRemote : c.LogLevelServer) & level) != 0;
+}
+
+void SessionSide::Log(std::int32_t level, std::string_view text) const {
+  if (!Logs(level)) return;
+  host_.log.LogLine(FormatSessionLine(peer_ == Peer::kClient ? "R: " : "S: ", socket_.SocketHandle(),
+                                      socket_.RemoteAddress(), text));
+}
+
+}  // namespace trabex

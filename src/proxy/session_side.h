@@ -1,0 +1,89 @@
+// One peer of a session: its socket, what the session has been notified of and has not dealt with yet, and
+// its part of the log.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "net/CSocketMaster.h"
+#include "net/send_stall.h"
+#include "proxy/session_host.h"
+
+namespace trabex {
+
+class SessionSide {
+ public:
+  enum class Peer { kClient, kServer };
+  // What the socket notifies its session of.
+  enum class Event { kConnect, kDataArrival, kSendComplete, kError, kCloseSck };
+
+  class Owner {
+   public:
+    virtual ~Owner() = default;
+    // The fact is noted already. Errors that leave the call are logged. An error may be notified from inside
+    // Send; the other events come from the loop only.
+    virtual void OnSideEvent(SessionSide& side, Event event) = 0;
+  };
+
+  // How the peer's connection ended.
+  struct End {
+    int error = 0;  // 0: the peer closed it
+    std::string description;
+  };
+
+  // `host` and `owner` outlive the object.
+  SessionSide(Peer peer, SessionHost& host, Owner& owner);
+
+  CSocketMaster& Socket() { return socket_; }
+  const CSocketMaster& Socket() const { return socket_; }
+
+  // Whether unread bytes of the peer are there, as far as it is known.
+  bool Readable() const { return readable_; }
+  // The next unread bytes, `room` at most; valid until this object is used for reading again.
+  std::string_view Peek(std::int32_t room);
+  // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
+  // at once when any were used; otherwise it waits for more.
+  void Take(std::size_t used, std::size_t size);
+  // Takes all that is there, one chunk of the socket's receive buffer at most.
+  std::string TakeAll();
+
+  // Whether bytes wait to be sent.
+  bool Sending() const { return sending_; }
+  // Nothing is sent when the connection does not stand.
+  void Send(std::string_view bytes, bool more_follows = false);
+  bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
+
+  // The end, once: nothing when it has not come, or was taken already.
+  std::optional<End> TakeEnd();
+  bool HasEnded() const { return end_.has_value(); }
+  void NoteEnd(End end);
+
+  // Whether a send is stuck (see SendStall). To be asked now and then while Sending().
+  bool IsStuck(MonotonicTime now) { return stall_.Look(socket_, now); }
+
+  // Closes the connection in order, and logs that when it stood. Nothing is notified any more.
+  void Close();
+
+  bool Logs(std::int32_t level) const;
+  // A line of this side, if it is logged at `level`.
+  void Log(std::int32_t level, std::string_view text) const;
+
+ private:
+  void Notify(Event event);
+
+  const Peer peer_;
+  SessionHost& host_;
+  Owner& owner_;
+  CSocketMaster socket_;
+  SendStall stall_;
+  std::optional<End> end_;
+  bool connected_ = false;  // the connection has stood
+  bool readable_ = false;
+  bool sending_ = false;
+  bool send_complete_ = false;  // the latest send was complete before it returned
+};
+
+}  // namespace trabex
