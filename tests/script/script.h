@@ -16,6 +16,9 @@ namespace trabex::script {
 
 enum class Side { kClient, kServer };
 
+// How a player hands over the bytes that both sides send.
+enum class Delivery { kWhole, kByteByByte };
+
 enum class StepKind {
   kSend,           // `side` sends `sending`
   kGetLine,        // `side` gets a line of the form `pattern`

@@ -39,14 +39,14 @@ TEST(Asked, ARefusedHeloIsNamedInTheHeaderAndCostsNoExtension) {
     C: HELO evil.test
     <- 550 Disallowed domain name: evil.test.
 )";
-  PlayBothWays(RefuseEvil, after_helo + kTransaction + R"(
+  PlayEveryWay(RefuseEvil, after_helo + kTransaction + R"(
     C: DATA
     -> DATA
     S: 354 go on)" + kHeaderOfHelo +
                                R"(
     <- 354 go on)");
   // A server that took EHLO takes chunks, and limits the size.
-  PlayBothWays(RefuseEvil, after_helo + R"(
+  PlayEveryWay(RefuseEvil, after_helo + R"(
     C: MAIL FROM:<a@b.test> SIZE=10000001
     <- 552 5.3.4 *
 )" + kTransaction + R"(
@@ -59,7 +59,7 @@ TEST(Asked, ARefusedHeloIsNamedInTheHeaderAndCostsNoExtension) {
 
 // The same when it is the server that refuses, and the other way round.
 TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: HELO evil.test
     -> HELO evil.test
     S: 550 no
@@ -70,7 +70,7 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
     S: 354 go on)" + kHeaderOfHelo +
                        R"(
     <- 354 go on)");
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     S: 220 server ready
     <- 220 server ready
     C: HELO client.test
@@ -93,7 +93,7 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
 
 // A transaction is the server's: only its own 250 to EHLO or HELO begins anew.
 TEST(Asked, ARefusedGreetingLeavesTheTransactionOpen) {
-  PlayBothWays(RefuseEvil, InTransaction() + R"(
+  PlayEveryWay(RefuseEvil, InTransaction() + R"(
     C: EHLO evil.test
     <- 550 Disallowed domain name: evil.test.
     C: RCPT TO:<v@local.test>
@@ -122,7 +122,7 @@ TEST(Asked, ARefusedMailIsNamedInReplies) {
     return "\nC: VRFY x\n-> VRFY x\nS: 252 perhaps\n<- 252 " + values + "\n";
   };
   const std::string no_transaction = "\nC: RCPT TO:<u@local.test>\n<- 503 5.5.1 Bad sequence of commands.\n";
-  PlayBothWays(configure, Greeted() + named(" 0") + R"(
+  PlayEveryWay(configure, Greeted() + named(" 0") + R"(
     C: MAIL FROM:<evil@b.test> SIZE=100
     <- 550 5.7.1 Mail from evil@b.test not allowed.
 )" + named("evil@b.test 0") + no_transaction +
@@ -146,7 +146,7 @@ TEST(Asked, ARefusedMailIsNamedInReplies) {
 
 // RCPT counts when it is asked for, so that a client cannot try addresses without end.
 TEST(Asked, RefusedRecipientsCount) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.MaxRecipientsLocal = 3; }, InTransaction() + R"(
+  PlayEveryWay([](SessionWorld& world) { world.Settings.MaxRecipientsLocal = 3; }, InTransaction() + R"(
     C: RCPT TO:<v@local.test>
     -> RCPT TO:<v@local.test>
     S: 550 no
@@ -173,14 +173,14 @@ TEST(Asked, AChunkThatTheServerRefusesIsUnderWay) {
     C: NOOP
     <- 503 5.5.1 Bad sequence of commands.
 )";
-  PlayBothWays({}, refused + R"(
+  PlayEveryWay({}, refused + R"(
     C: RSET
     -> abcRSET
     S: 250 ok
     <- 250 ok
     C: NOOP
     -> NOOP)");
-  PlayBothWays({}, refused + R"(
+  PlayEveryWay({}, refused + R"(
     C: BDAT 0 LAST
     -> abcBDAT 0 LAST
     S: 503 no
@@ -200,7 +200,7 @@ TEST(Asked, CommandsBehindAGreetingThatRefusesGoToTheServer) {
     C: EHLO client.test
     -> EHLO client.test
 )";
-  PlayBothWays({}, refused + R"(
+  PlayEveryWay({}, refused + R"(
     S: 503 go away
     <- 503 go away
     C: MAIL FROM:<a@b.test>
@@ -216,9 +216,9 @@ TEST(Asked, CommandsBehindAGreetingThatRefusesGoToTheServer) {
     S closes
     closed C)");
   // One that accepts EHLO all the same is believed.
-  PlayBothWays({}, refused + "S: 250 server\n<- 250 server\n" + kTransaction);
+  PlayEveryWay({}, refused + "S: 250 server\n<- 250 server\n" + kTransaction);
   // So is one that was sent ahead.
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     C+ EHLO client.test\r\nQUIT\r\n
     S: 554 no service
     <- 554 no service

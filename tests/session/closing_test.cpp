@@ -18,12 +18,12 @@ TEST(Closing, TheClientHangsUp) {
 TEST(Closing, AClientThatSentAheadAndBreaksOffEndsTheSession) {
   // Before the greeting, and while a reply is owed: it fails to reach the client, whose next lines are not
   // taken.
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     C+ EHLO c.test\r\nNOOP\r\n
     C resets
     S: 220 ready
     closed S)");
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\r\nNOOP\r\n
     -> NOOP
     C resets
@@ -32,11 +32,11 @@ TEST(Closing, AClientThatSentAheadAndBreaksOffEndsTheSession) {
 }
 
 TEST(Closing, TheServerHangsUp) {
-  PlayBothWays({}, Greeted() + "S closes\nclosed C");
+  PlayEveryWay({}, Greeted() + "S closes\nclosed C");
 }
 
 TEST(Closing, TheServersLastWordsReachTheClient) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: NOOP
     -> NOOP
     S: 421 too late
@@ -68,7 +68,7 @@ TEST(Closing, LastWordsWithoutTheirLineEndReachTheClientToo) {
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
     const std::string said = row.before + "\nS+ " + row.said;
-    PlayBothWays({}, said + "\nS closes\n" + row.heard + "\nclosed C");
+    PlayEveryWay({}, said + "\nS closes\n" + row.heard + "\nclosed C");
     // A server that spoke inside the content is gone for the client as soon as that is said.
     const bool in_content = row.before.starts_with(InContent());
     PlayBothWays({}, said + "\nwait 0\nS resets\n" + row.heard +
@@ -110,12 +110,12 @@ TEST(Closing, LastWordsWithoutTheirLineEndPassTheFilter) {
     replaces.Add("", "421 come again", true);
     world.Settings.ResponseChanges.Add(replaces);
   };
-  PlayBothWays(configure, Greeted() + R"(
+  PlayEveryWay(configure, Greeted() + R"(
     S+ 421 server.inside.test is leaving
     S closes
     <- 421 come again
     closed C)");
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO client.test
@@ -128,7 +128,7 @@ TEST(Closing, LastWordsWithoutTheirLineEndPassTheFilter) {
 }
 
 TEST(Closing, WhatTheClientSentAheadDoesNotCostItTheReply) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\r\nNOOP\r\nNOOP\r\n
     -> NOOP
     S: 421 too late
@@ -148,13 +148,13 @@ TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
     -> nothing
     <- nothing
 )";
-  PlayBothWays({}, good_bye + "S closes\nclosed C");
+  PlayEveryWay({}, good_bye + "S closes\nclosed C");
   // It need not be the server that hangs up.
-  PlayBothWays({}, good_bye + "C closes\nclosed S");
+  PlayEveryWay({}, good_bye + "C closes\nclosed S");
 }
 
 TEST(Closing, AServerThatDoesNotSayGoodByeIsStillThere) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ QUIT\r\nNOOP\r\n
     -> QUIT
     S: 500 stay
@@ -163,7 +163,7 @@ TEST(Closing, AServerThatDoesNotSayGoodByeIsStillThere) {
 }
 
 TEST(Closing, TheServerResets) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     S resets
     <- *
     )");
@@ -223,7 +223,7 @@ TEST(Closing, ASecondReplyIsNotTakenForTheAnswerToTheNextCommand) {
 }
 
 TEST(Closing, ANamedServerIsFound) {
-  PlayBothWays(
+  PlayEveryWay(
       [](SessionWorld& world) {
         world.Settings.ServerIP = "server.test";
         world.Names.SetAddresses("server.test", {0x7F000001});
@@ -232,7 +232,7 @@ TEST(Closing, ANamedServerIsFound) {
 }
 
 TEST(Closing, ShutDownTellsTheClients) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\r\nNOOP\r\n
     -> NOOP
     shutdown
@@ -259,13 +259,13 @@ TEST(Closing, TooManyCommandsOutOfOrder) {
 
 TEST(Closing, ALineThatIsTooLong) {
   const std::string longest = "NOOP " + std::string(4096 - 7, 'x');
-  PlayBothWays({}, "S: 220 server ready\n<- 220 server ready\nC: " + longest + "\n-> " + longest +
+  PlayEveryWay({}, "S: 220 server ready\n<- 220 server ready\nC: " + longest + "\n-> " + longest +
                        "\nS: 250 ok\n<- 250 ok\nC+ " + longest +
                        "xx\n<- 500 5.5.6 Line too long.\nclosed both");
 }
 
 TEST(Closing, AnAmbiguousEndBreaksTheMessageOff) {
-  PlayBothWays({}, InContent() + R"(
+  PlayEveryWay({}, InContent() + R"(
     C+ text\r\n.\nMAIL FROM:<evil@b.test>\r\n
     <- 554 5.6.0 Ambiguous end of message content.
     -> text

@@ -24,7 +24,7 @@ void AddChange(SessionWorld& world, const char* name, const char* search, const 
 }
 
 TEST(Ehlo, ReplyIsRewritten) {
-  PlayBothWays(
+  PlayEveryWay(
       [](SessionWorld& world) {
         world.Settings.MaxSize = 1000 * kFixedPointOne;
         AddPattern(world.Settings.RemoveSMTPExtensionsLocal, "VRFY");
@@ -96,7 +96,7 @@ TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
 }
 
 TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
-  PlayBothWays([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
+  PlayEveryWay([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO client.test
@@ -115,7 +115,7 @@ TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
 }
 
 TEST(Ehlo, SecondOneStartsAnew) {
-  PlayBothWays({}, InTransaction() + R"(
+  PlayEveryWay({}, InTransaction() + R"(
     C: EHLO again.test
     -> EHLO again.test
     S: 250 server
@@ -134,7 +134,7 @@ TEST(Ehlo, SecondOneStartsAnew) {
 }
 
 TEST(Helo, HeaderSaysSmtp) {
-  PlayBothWays([](SessionWorld& world) { world.Names.SetName(0x7F000001, "client.example"); }, R"(
+  PlayEveryWay([](SessionWorld& world) { world.Names.SetName(0x7F000001, "client.example"); }, R"(
     S: 220 server ready
     <- 220 server ready
     C: helo  client.test
@@ -157,7 +157,7 @@ TEST(Helo, IsCheckedInDns) {
     world.Names.SetAddresses("wrong.test", {0x7F000002});
     world.Names.SetAddresses("127.0.0.1", {0x7F000001});
   };
-  PlayBothWays(configure, R"(
+  PlayEveryWay(configure, R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO nowhere.test
@@ -200,7 +200,7 @@ TEST(Helo, OwnHostNameNeedsNoLookUp) {
     world.Settings.ValidateHELO = 1;
     world.Names.SetName(0x7F000001, "mail.example.test");
   };
-  PlayBothWays(configure, R"(
+  PlayEveryWay(configure, R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO EXAMPLE.test
@@ -208,7 +208,7 @@ TEST(Helo, OwnHostNameNeedsNoLookUp) {
 }
 
 TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
-  PlayBothWays(Remote, Greeted() + R"(
+  PlayEveryWay(Remote, Greeted() + R"(
     C: MAIL FROM:<a@b.test>
     -> MAIL FROM:<a@b.test>
     S: 250 ok
@@ -228,7 +228,7 @@ TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
 }
 
 TEST(Rcpt, AddressesAreReplaced) {
-  PlayBothWays(
+  PlayEveryWay(
       [](SessionWorld& world) {
         world.Settings.SenderReplacementsLocal = {{"a@*", "z@out.test"}};
         world.Settings.RecipientReplacementsLocal = {{"nobody@*", "n@x"},
@@ -251,7 +251,7 @@ struct DelayAll : GreylistCheck {
 
 TEST(Greylisting, RefusesAtRcpt) {
   DelayAll greylisting;
-  PlayBothWays(
+  PlayEveryWay(
       [&](SessionWorld& world) {
         Remote(world);
         world.Greylisting = &greylisting;
@@ -276,13 +276,13 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
     world.Settings.GreyListing.Enabled = true;
   };
   const std::string opening = Greeted() + MailAndRcpt("") + "C: DATA\n";
-  PlayBothWays(configure, opening + R"(
+  PlayEveryWay(configure, opening + R"(
     <- 451 4.7.1 Greylisted. Delivery delayed.
     C: RSET
     -> RSET
     S: 250 ok
     <- 250 ok)");
-  PlayBothWays(
+  PlayEveryWay(
       [&](SessionWorld& world) {
         configure(world);
         world.Settings.GreyListing.CallbackSenderAction = 3;
@@ -293,7 +293,7 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
 }
 
 TEST(Responses, OwnAndServersAreChanged) {
-  PlayBothWays(
+  PlayEveryWay(
       [](SessionWorld& world) {
         AddChange(world, ".220", "server", "{%localhostname%}");
         AddChange(world, "BadSeq", "Bad", "Very bad");
@@ -326,7 +326,7 @@ TEST(Responses, MacrosOfAPeerStayText) {
     AddChange(world, "NOOP.550", "never", "not");
     AddChange(world, "VRFY.550", "", "550-{%helodomain%} asks:{%crlf%}550 {%original%}");
   };
-  PlayBothWays(configure, InTransaction() + R"(
+  PlayEveryWay(configure, InTransaction() + R"(
     C: RCPT TO:<x@{%crlf%}250-2.1.5_ok{%crlf%}250.y>
     <- 550 no: 550 5.7.1 Relaying to {%crlf%}250-2.1.5_ok{%crlf%}250.y not allowed.
     C: EHLO evil{%crlf%}250{%original%}
@@ -345,7 +345,7 @@ TEST(Responses, MacrosOfAPeerStayText) {
 }
 
 TEST(Auth, DataIsNoCommandAndStaysSecret) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: AUTH PLAIN c2VjcmV0
     -> AUTH PLAIN c2VjcmV0
     S: 334 go on
@@ -363,7 +363,7 @@ TEST(Auth, DataIsNoCommandAndStaysSecret) {
 }
 
 TEST(Form, OddLinesAreRefusedOrPutRight) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\rRSET\r\n
     <- 500 5.5.2 Invalid character in command line.
     C+ NOOP\nRSET\r\n
@@ -376,14 +376,14 @@ TEST(Form, OddLinesAreRefusedOrPutRight) {
 }
 
 TEST(Bdat, RefusedOctetsAreNoCommands) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ BDAT 14\r\nMAIL FROM:<a>\nRSET\r\n
     <- 503 5.5.1 Bad sequence of commands.
     -> RSET)");
 }
 
 TEST(Bdat, WithoutACountTheSessionEnds) {
-  PlayBothWays({}, InTransaction() + R"(
+  PlayEveryWay({}, InTransaction() + R"(
     C+ BDAT 2000000001\r\nRSET\r\n
     <- 503 5.5.1 Bad sequence of commands.
     closed both)");
@@ -410,7 +410,7 @@ TEST(Bdat, TwoMessagesInChunks) {
     S: 250 ok
     <- 250 ok
 )";
-  PlayBothWays({}, Greeted() + message + message);
+  PlayEveryWay({}, Greeted() + message + message);
 }
 
 // A server that looks at the content says no only now.
@@ -428,7 +428,7 @@ TEST(Bdat, ARefusedMessageIsOver) {
     C: RCPT TO:<v@local.test>
     -> RCPT TO:<v@local.test>
 )";
-  PlayBothWays({}, InTransaction() + refused);
+  PlayEveryWay({}, InTransaction() + refused);
 }
 
 }  // namespace

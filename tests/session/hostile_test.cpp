@@ -13,6 +13,7 @@
 #include "config/read_settings.h"
 #include "script/hostile_files.h"
 #include "session/transcript.h"
+#include "support/dialogue_player.h"
 #include "support/scripted_server.h"
 
 namespace trabex {
@@ -58,17 +59,27 @@ std::vector<Play> PlaysOf(const script::HostileFile& file) {
   return plays;
 }
 
-// What went wrong; "" for nothing.
-std::string PlayOpening(SessionWorld& world, const script::HostileFile& file) {
+// Plays the ordinary dialogue and then the trick; `send` sends what its client says. Returns what went wrong,
+// "" for nothing.
+template <class Player, class Send>
+std::string PlaySteps(Player& player, Send send, const script::HostileFile& file, const Play& play) {
   for (const auto& [line, code] : script::OpeningOf(file)) {
-    if (!line.empty()) world.ClientPeer().Send(line + "\r\n");
-    const std::string reply = world.NextReply();
+    if (!line.empty()) send(line + "\r\n");
+    const std::string reply = player.NextReply();
     if (!reply.starts_with(code)) return "before the trick, to \"" + line + "\": " + reply;
   }
-  return {};
+  std::vector<script::Step> steps = file.script.steps;
+  if (play.cut_step < steps.size()) steps[play.cut_step].sending.segments.push_back(play.cut);
+  return player.Play(steps);
 }
 
-std::string PlayFile(const script::HostileFile& file, const Play& play) {
+std::string Violations(const ScriptedServer& server) {
+  std::string all;
+  for (const std::string& violation : server.Violations()) all += "\n" + violation;
+  return all;
+}
+
+std::string PlayOverLoopback(const script::HostileFile& file, const Play& play) {
   ScriptedServer server(file.script.head.replies);
   SessionWorld world(play.delivery);
   const std::int32_t port = world.Settings.ServerPort;
@@ -77,12 +88,8 @@ std::string PlayFile(const script::HostileFile& file, const Play& play) {
   world.Names.SetName(kLocalhost, "localhost");
   world.Attend(server);
   world.Start();
-  std::string failure = PlayOpening(world, file);
-  if (!failure.empty()) return failure;
-
-  std::vector<script::Step> steps = file.script.steps;
-  if (play.cut_step < steps.size()) steps[play.cut_step].sending.segments.push_back(play.cut);
-  failure = world.Play(steps);
+  std::string failure = PlaySteps(
+      world, [&](std::string_view bytes) { world.ClientPeer().Send(bytes); }, file, play);
   // The client ends in order, and breaks off where that is not heard because of what it sent ahead.
   world.ClientPeer().ShutDownSending();
   world.Settle();
@@ -92,21 +99,43 @@ std::string PlayFile(const script::HostileFile& file, const Play& play) {
     return world.Sessions().Count() == 0 || file.script.head.owes;
   });
   if (!ended) failure += "\nthe session stays when the client is gone";
-  for (const std::string& violation : server.Violations()) failure += "\n" + violation;
-  return failure;
+  return failure + Violations(server);
 }
 
-TEST(HostileFiles, NothingGetsThrough) {
+std::string PlayOnDialogue(const script::HostileFile& file, const Play& play) {
+  const Configuration settings = SettingsFor(file.script.head);
+  ScriptedServer server(file.script.head.replies);
+  FakeClock clock;
+  DialoguePlayer player(settings, clock, {.host_name = "localhost", .is_local = false});
+  player.SetDelivery(play.delivery);
+  player.Attend(server);
+  std::string failure = PlaySteps(
+      player, [&](std::string_view bytes) { player.ClientSends(bytes); }, file, play);
+  player.EndClient();
+  if (!player.IsOver() && !file.script.head.owes) failure += "\nthe session stays when the client is gone";
+  return failure + Violations(server);
+}
+
+// Plays every file in every way.
+void PlayAll(std::string (*play_one)(const script::HostileFile&, const Play&)) {
   std::size_t plays = 0;
   for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
     for (const Play& play : PlaysOf(file)) {
       SCOPED_TRACE(file.name + (play.delivery == Delivery::kByteByByte ? ", byte by byte" : "") +
                    (play.cut > 0 ? ", cut at " + std::to_string(play.cut) : ""));
-      EXPECT_EQ(PlayFile(file, play), "");
+      EXPECT_EQ(play_one(file, play), "");
       ++plays;
     }
   }
   EXPECT_GT(plays, 1000U);
+}
+
+TEST(HostileFiles, NothingGetsThroughASession) {
+  PlayAll(PlayOverLoopback);
+}
+
+TEST(HostileFiles, NothingGetsThroughADialogueAlone) {
+  PlayAll(PlayOnDialogue);
 }
 
 // The same without the proxy: the check sees what the files say that reaches a scripted server.

@@ -23,7 +23,7 @@ constexpr const char* kConnected = R"(
 // --- greeting
 
 TEST(Greeting, OneOfSeveralLinesAndFurtherRepliesReachTheClientInOrder) {
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     C: NOOP
     S+ 220-a\r\n220 b\r\n421 later\r\n
     <- 220-a
@@ -37,7 +37,7 @@ TEST(Greeting, AnyReplyEndsTheWaitForIt) {
        {"421 later", "500 what", "250 ok", "354 go on", "334 go on", "221 bye", "no code"}) {
     SCOPED_TRACE(greeting);
     // Nobody asked for content, data or the end yet.
-    PlayBothWays({}, "C: NOOP\nS: " + std::string(greeting) + "\n<- " + greeting + R"(
+    PlayEveryWay({}, "C: NOOP\nS: " + std::string(greeting) + "\n<- " + greeting + R"(
       -> NOOP
       S: 250 ok
       <- 250 ok
@@ -51,14 +51,14 @@ TEST(Greeting, AnyReplyEndsTheWaitForIt) {
 TEST(Command, ARefusalThatNobodyAskedForChangesNothing) {
   for (const char* reply : {"421 time is up", "221 bye", "354 go on", "334 go on", "250 ok", "554 no"}) {
     SCOPED_TRACE(reply);
-    PlayBothWays({}, InTransaction() + "S: " + reply + "\n<- " + reply + R"(
+    PlayEveryWay({}, InTransaction() + "S: " + reply + "\n<- " + reply + R"(
       C: RCPT TO:<v@local.test>
       -> RCPT TO:<v@local.test>)");
   }
 }
 
 TEST(Command, AFarewellInsteadOfAReplyLeavesTheSessionToTheServer) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\r\nRSET\r\n
     -> NOOP
     S: 421 time is up
@@ -140,7 +140,7 @@ TEST(NameCheck, EndsWithTheSession) {
 // --- authentication
 
 TEST(AuthPhase, DataSentAheadIsTakenWhenItIsAskedFor) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ AUTH LOGIN\r\nDATA\r\nQUIT\r\nNOOP\r\n
     -> AUTH LOGIN
     -> nothing
@@ -158,7 +158,7 @@ TEST(AuthPhase, DataSentAheadIsTakenWhenItIsAskedFor) {
 }
 
 TEST(AuthPhase, AServerThatSpeaksAgainReadsCommands) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: AUTH LOGIN
     -> AUTH LOGIN
     S+ 334 VXNlcg==\r\n421 too slow\r\n
@@ -169,7 +169,7 @@ TEST(AuthPhase, AServerThatSpeaksAgainReadsCommands) {
 }
 
 TEST(AuthPhase, DataWithAControlCharacterEndsTheSession) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: AUTH LOGIN
     -> AUTH LOGIN
     S: 334 VXNlcg==
@@ -182,7 +182,7 @@ TEST(AuthPhase, DataWithAControlCharacterEndsTheSession) {
 // --- content
 
 TEST(ContentPhase, AReplyBehind354InTheSameSegmentEndsTheSession) {
-  PlayBothWays(WithoutHeader, InTransaction() + R"(
+  PlayEveryWay(WithoutHeader, InTransaction() + R"(
     C: DATA
     -> DATA
     S+ 354 go on\r\n421 too late\r\n
@@ -192,7 +192,7 @@ TEST(ContentPhase, AReplyBehind354InTheSameSegmentEndsTheSession) {
 }
 
 TEST(ContentPhase, AReplyThatRefusesDataLeavesTheTransactionOpen) {
-  PlayBothWays({}, InTransaction() + R"(
+  PlayEveryWay({}, InTransaction() + R"(
     C+ DATA\r\nRCPT TO:<v@local.test>\r\n
     -> DATA
     S: 452 not now
@@ -203,7 +203,7 @@ TEST(ContentPhase, AReplyThatRefusesDataLeavesTheTransactionOpen) {
 TEST(ContentPhase, AnyReplyToTheContentIsItsAnswer) {
   for (const char* reply : {"250 queued", "554 no", "354 go on", "334 go on", "221 bye", "what"}) {
     SCOPED_TRACE(reply);
-    PlayBothWays(WithoutHeader, InTransaction() + R"(
+    PlayEveryWay(WithoutHeader, InTransaction() + R"(
       C: DATA
       -> DATA
       S: 354 go on
@@ -223,7 +223,7 @@ TEST(ContentPhase, AnyReplyToTheContentIsItsAnswer) {
 }
 
 TEST(ChunkPhase, AnEarlyReplyIsRelayedAndTheOctetsGoOn) {
-  PlayBothWays(WithoutHeader, InTransaction() + R"(
+  PlayEveryWay(WithoutHeader, InTransaction() + R"(
     C+ BDAT 11 LAST\r\nQUIT\r\n
     -> BDAT 11 LAST
     -> QUIT
@@ -241,7 +241,7 @@ TEST(ChunkPhase, AnEarlyReplyIsRelayedAndTheOctetsGoOn) {
 }
 
 TEST(ChunkPhase, EveryReplyMeanwhileIsRelayed) {
-  PlayBothWays(WithoutHeader, InTransaction() + R"(
+  PlayEveryWay(WithoutHeader, InTransaction() + R"(
     C+ BDAT 6\r\na\r\n
     -> BDAT 6
     -> a
@@ -269,7 +269,7 @@ std::string InTransactionWithXexch50() {
 }
 
 TEST(ChunkPhase, OctetsOfXexch50FollowIts354AndHaveAReply) {
-  PlayBothWays({}, InTransactionWithXexch50() + R"(
+  PlayEveryWay({}, InTransactionWithXexch50() + R"(
     C+ XEXCH50 6 2\r\n
     -> XEXCH50 6 2
     C+ a\r\n.\r\nNOOP\r\n
@@ -285,7 +285,7 @@ TEST(ChunkPhase, OctetsOfXexch50FollowIts354AndHaveAReply) {
 }
 
 TEST(ChunkPhase, ARefusedXexch50HasNoOctets) {
-  PlayBothWays({}, InTransactionWithXexch50() + R"(
+  PlayEveryWay({}, InTransactionWithXexch50() + R"(
     C+ XEXCH50 6 2\r\nRSET\r\n
     -> XEXCH50 6 2
     -> nothing
@@ -330,13 +330,13 @@ TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillHeard) {
     <- 503 Bad sequence of commands.
     C: NOOP
 )";
-  PlayBothWays(configure, paused + R"(
+  PlayEveryWay(configure, paused + R"(
     wait 499
     <- nothing
     -> nothing
     wait 1
     closed both)");
-  PlayBothWays(configure, paused + R"(
+  PlayEveryWay(configure, paused + R"(
     S: 421 time is up
     <- 421 time is up
     -> nothing
@@ -345,16 +345,16 @@ TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillHeard) {
     wait 1
     closed both)");
   // Whoever goes is not waited for.
-  PlayBothWays(configure, paused + "S closes\nclosed C");
-  PlayBothWays(configure,
+  PlayEveryWay(configure, paused + "S closes\nclosed C");
+  PlayEveryWay(configure,
                std::string(kConnected) + "C: DATA\n<- 503 Bad sequence of commands.\nC closes\nclosed S");
-  PlayBothWays(configure, paused + "shutdown\n<- 421 4.3.2 *\nclosed both");
+  PlayEveryWay(configure, paused + "shutdown\n<- 421 4.3.2 *\nclosed both");
 }
 
 // --- the farewell
 
 TEST(Farewell, WhatTheServerSaysBehindItIsRelayed) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: QUIT
     -> QUIT
     S+ 221-bye\r\n221 now\r\n250 one more\r\n

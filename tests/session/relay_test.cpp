@@ -15,7 +15,7 @@ namespace trabex {
 namespace {
 
 TEST(Relay, AMessageByData) {
-  PlayBothWays({}, InContent() + R"(
+  PlayEveryWay({}, InContent() + R"(
     C: Subject: hello
     -> Subject: hello
     C:
@@ -49,11 +49,11 @@ TEST(Relay, TwoMessagesInOneSession) {
     S: 250 queued
     <- 250 queued
 )";
-  PlayBothWays({}, Greeted() + message + message);
+  PlayEveryWay({}, Greeted() + message + message);
 }
 
 TEST(Relay, AMessageWithoutReceivedHeader) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.AddReceived = false; }, InTransaction() + R"(
+  PlayEveryWay([](SessionWorld& world) { world.Settings.AddReceived = false; }, InTransaction() + R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -64,7 +64,7 @@ TEST(Relay, AMessageWithoutReceivedHeader) {
 }
 
 TEST(Relay, EveryReplyComesInOrderToAClientThatSendsAhead) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C+ MAIL FROM:<a@b.test>\r\nRCPT TO:<x@other.test>\r\nFOO\r\nRCPT TO:<u@local.test>\r\nDATA\r\n
     -> MAIL FROM:<a@b.test>
     -> nothing
@@ -86,7 +86,7 @@ TEST(Relay, EveryReplyComesInOrderToAClientThatSendsAhead) {
 }
 
 TEST(Relay, LinesAnsweredByTheProxyDoNotStallThoseBehindThem) {
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     C+ MAIL FROM:<a@b.test>\r\nSTARTTLS\r\nRCPT TO:<u@local.test>\r\nNOOP\r\n
     S: 220 server ready
     <- 220 server ready
@@ -97,7 +97,7 @@ TEST(Relay, LinesAnsweredByTheProxyDoNotStallThoseBehindThem) {
 }
 
 TEST(Relay, NothingIsTakenBeforeTheGreeting) {
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     C: EHLO client.test
     S accepts
     -> nothing
@@ -110,7 +110,7 @@ TEST(Relay, NothingIsTakenBeforeTheGreeting) {
 }
 
 TEST(Relay, ALineWithoutItsEndWaits) {
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     S: 220 server ready
     <- 220 server ready
     C+ NOO
@@ -122,7 +122,7 @@ TEST(Relay, ALineWithoutItsEndWaits) {
 }
 
 TEST(Relay, AReplyWithoutItsEndWaits) {
-  PlayBothWays({}, R"(
+  PlayEveryWay({}, R"(
     S+ 220 server
     <- nothing
     S+ \r
@@ -158,7 +158,7 @@ TEST(Relay, AnEhloReplyThatIsLongerThanAnyEndsTheSession) {
 }
 
 TEST(Relay, WhatFollowsTheContentWaitsForTheReply) {
-  PlayBothWays({}, InContent() + R"(
+  PlayEveryWay({}, InContent() + R"(
     C+ text\r\n.\r\nRSET\r\nMAIL FROM:<c@d.test>\r\n
     -> text
     -> .
@@ -173,7 +173,7 @@ TEST(Relay, WhatFollowsTheContentWaitsForTheReply) {
 }
 
 TEST(Relay, BdatOctetsAreContentWhateverTheyHold) {
-  PlayBothWays({}, InTransaction() + R"(
+  PlayEveryWay({}, InTransaction() + R"(
     C+ BDAT 12\r\nQUIT\r\n.\r\nab\0BDAT 2 LAST\r\nx\nNOOP\r\n
     -> BDAT 127
     -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
@@ -189,7 +189,7 @@ TEST(Relay, BdatOctetsAreContentWhateverTheyHold) {
 }
 
 TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     C: NOOP
     C: RSET
     -> NOOP
@@ -231,7 +231,7 @@ TEST(Relay, AClientThatDoesNotReadIsHeld) {
 }
 
 TEST(Relay, AnUnaskedReplyReachesTheClientAndChangesNothing) {
-  PlayBothWays({}, Greeted() + R"(
+  PlayEveryWay({}, Greeted() + R"(
     S: 250 hello again
     <- 250 hello again
     C: RCPT TO:<u@local.test>
@@ -239,7 +239,7 @@ TEST(Relay, AnUnaskedReplyReachesTheClientAndChangesNothing) {
 }
 
 TEST(Relay, AServerThatAnswersInsideTheContentEndsTheSession) {
-  PlayBothWays({}, InContent() + R"(
+  PlayEveryWay({}, InContent() + R"(
     C: half of
     -> half of
     S: 452 disk full

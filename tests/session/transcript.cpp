@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "match/ip_range.h"
 #include "script/escapes.h"
+#include "support/dialogue_player.h"
 
 namespace trabex {
 
@@ -137,6 +138,24 @@ std::string SessionWorld::Play(const std::vector<script::Step>& steps) {
     if (!PlayStep(step)) return failure_ + "\n  the dialogue so far:\n" + dialogue_;
   }
   return {};
+}
+
+std::string SessionWorld::PlayOnDialogue(Delivery delivery, std::string_view text) {
+  DialoguePlayer::Client client;
+  client.is_local = mCommon::IPInRangeList(kIPv4Loopback, Settings.LocalIPs);
+  Names.FindName(kIPv4Loopback.Number(), [&](const NameAnswer& answer) { client.host_name = answer.name; });
+  Names.Deliver();
+  DialoguePlayer player(Settings, Time, client, Greylisting);
+  player.SetDelivery(delivery);
+  player.SetNames([this](std::string_view name) {
+    std::optional<DialoguePlayer::Addresses> addresses;
+    Names.FindAddresses(name, [&](const AddressAnswer& answer) {
+      if (answer.error == 0) addresses = answer.addresses;
+    });
+    Names.Deliver();
+    return addresses;
+  });
+  return player.Play(text);
 }
 
 bool SessionWorld::PlayStep(const script::Step& step) {
@@ -278,6 +297,16 @@ void PlayBothWays(const std::function<void(SessionWorld&)>& configure, std::stri
     if (configure) configure(world);
     const std::string failure = world.Play(text);
     EXPECT_EQ(failure, "") << (delivery == Delivery::kWhole ? "as written" : "byte by byte");
+  }
+}
+
+void PlayEveryWay(const std::function<void(SessionWorld&)>& configure, std::string_view text) {
+  PlayBothWays(configure, text);
+  for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
+    SessionWorld world;
+    if (configure) configure(world);
+    EXPECT_EQ(world.PlayOnDialogue(delivery, text), "")
+        << (delivery == Delivery::kWhole ? "on the dialogue" : "on the dialogue, byte by byte");
   }
 }
 

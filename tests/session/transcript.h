@@ -24,8 +24,7 @@
 
 namespace trabex {
 
-// How the bytes of both peers are delivered.
-enum class Delivery { kWhole, kByteByByte };
+using script::Delivery;
 
 class SessionWorld : private ConnectionTable {
  public:
@@ -41,6 +40,9 @@ class SessionWorld : private ConnectionTable {
   // Plays the script. Returns "" or what went wrong, with the dialogue so far.
   std::string Play(std::string_view text);
   std::string Play(const std::vector<script::Step>& steps);
+
+  // Plays the script on a dialogue alone, with these settings, names and clock; no session begins.
+  std::string PlayOnDialogue(Delivery delivery, std::string_view text);
 
   // From now on `server` answers in the place of the server's steps. It outlives this object.
   void Attend(ScriptedServer& server) { attended_ = &server; }
@@ -107,5 +109,9 @@ class SessionWorld : private ConnectionTable {
 
 // A test that plays `text` with the settings that `configure` makes, once as it stands and once byte by byte.
 void PlayBothWays(const std::function<void(SessionWorld&)>& configure, std::string_view text);
+
+// The same, and once more both ways on the dialogue alone: for what is about the dialogue and not about
+// connections.
+void PlayEveryWay(const std::function<void(SessionWorld&)>& configure, std::string_view text);
 
 }  // namespace trabex

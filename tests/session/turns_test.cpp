@@ -145,7 +145,7 @@ TEST(Turns, ForwardedLinesKeepTheirPlaceAmongTheRefused) {
       dialogue += "<- 503 Bad sequence of commands.\n";
     }
   }
-  PlayBothWays([](SessionWorld& world) { world.Settings.MaxBadSeq = 1000; },
+  PlayEveryWay([](SessionWorld& world) { world.Settings.MaxBadSeq = 1000; },
                "S: 220 server ready\n<- 220 server ready\nC+ " + sent + "\n" + dialogue);
 }
 
