@@ -9,7 +9,7 @@
 namespace trabex {
 namespace {
 
-constexpr const char* kClosed = "<- 503 5.5.1 Bad sequence of commands.; close";
+constexpr const char* kClosed = "<- 503 5.5.1 Bad sequence of commands.; closed C";
 
 // A session in a transaction, without the dialogue that led there.
 void BringToTransaction(TestDialogue& d) {
@@ -35,9 +35,9 @@ TEST(Data, ContentEndsAtTheDot) {
     C+ Subject: x\r\n\r\ntext
     *> Subject: x\r\n\r\ntext
     C+ \r\n.\r\nRSET\r\n
-    *> \r\n.\r\n
-    end
-    left over: RSET\r\n
+    *> \r\n.\r\n)");
+  EXPECT_EQ(d.LeftOver(), Unescape(R"(RSET\r\n)"));
+  d.Run(R"(
     S: 250 accepted
     <- 250 accepted
     C: RCPT TO:<u@local.test>
@@ -59,7 +59,7 @@ TEST(Data, AnAmbiguousDotBreaksTheMessageOff) {
     C+ text\n.\r\nMAIL FROM:<x@y>\r\n
     *> text\n.
     <- 554 5.6.0 Ambiguous end of message content. Bye.
-    close)");
+    closed C)");
 }
 
 TEST(Bdat, WhatIsACount) {
@@ -109,7 +109,7 @@ TEST(Bdat, WithoutACountTheSessionEndsWhereverItIs) {
     TestDialogue d;
     if (refused) d.Refuse();
     d.configuration.ResponseChanges.Add(Appended("BDAT.BadSeq.BDAT", " Bye."));
-    EXPECT_EQ(d.Says("BDAT x"), "<- 503 5.5.1 Bad sequence of commands. Bye.; close");
+    EXPECT_EQ(d.Says("BDAT x"), "<- 503 5.5.1 Bad sequence of commands. Bye.; closed C");
     EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
   }
 }
@@ -121,9 +121,8 @@ TEST(Bdat, WithAControlCharacterBehindItsCountIsRefusedLikeOthers) {
   d.Run(R"(
     C: BDAT 6 LA\x01ST
     <- 500 5.5.2 Invalid character in command line.
-    C+ RSET\r\nNOOP
-    end
-    left over: NOOP)");
+    C+ RSET\r\nNOOP)");
+  EXPECT_EQ(d.LeftOver(), "NOOP");
   EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
   EXPECT_FALSE(d.InChunks());
 }
@@ -161,8 +160,8 @@ TEST(Bdat, WhenASequenceEnds) {
       if (d.TakesContent()) {
         d.Run(R"(
           C+ x
-          *> x
-          end)");
+          *> x)");
+        EXPECT_EQ(d.LeftOver(), "");
       }
       d.Reply("250 ok\r\n");
       EXPECT_EQ(d.InChunks(), !row.last) << row.line;
@@ -184,8 +183,8 @@ TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
     C+ Subject:x
     *> Subject:x
     C+ \r
-    *> \r
-    end)");
+    *> \r)");
+  EXPECT_EQ(d.LeftOver(), "");
   EXPECT_TRUE(d.TransactionOpen());
   d.Run(R"(
     S: 250 ok
@@ -193,8 +192,9 @@ TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
     C: BDAT 2
     -> BDAT 2
     C+ \n.
-    *> \n.
-    end
+    *> \n.)");
+  EXPECT_EQ(d.LeftOver(), "");
+  d.Run(R"(
     S: 250 ok
     <- 250 ok
     C: BDAT 0 LAST
@@ -274,9 +274,8 @@ TEST(Bdat, AChunkGoesOnWhateverTheServerSays) {
     S: 452 no room
     <- 452 no room
     C+ RSET\r\nxNOOP
-    *> RSET\r\nx
-    end
-    left over: NOOP)");
+    *> RSET\r\nx)");
+  EXPECT_EQ(d.LeftOver(), "NOOP");
 }
 
 TEST(Bdat, ARefusedOneIsReadAndDropped) {
@@ -304,9 +303,8 @@ TEST(Bdat, ARefusedOneIsReadAndDropped) {
     EXPECT_TRUE(d.Discards());
     d.Run(R"(
       C+ MAIL
-      C+ 1234QUIT\r\n
-      end
-      left over: QUIT\r\n)");
+      C+ 1234QUIT\r\n)");
+    EXPECT_EQ(d.LeftOver(), Unescape(R"(QUIT\r\n)"));
     EXPECT_FALSE(d.InChunks());
     // Nothing to drop.
     EXPECT_EQ(d.Says("BDAT 0 LAST"), row.answer);
@@ -321,8 +319,9 @@ TEST(Bdat, ResetAndQuitLeaveASequence) {
     C: BDAT 1
     -> BDAT 1
     C+ x
-    *> x
-    end
+    *> x)");
+  EXPECT_EQ(d.LeftOver(), "");
+  d.Run(R"(
     S: 250 ok
     <- 250 ok
     C: MAIL FROM:<a@b>
@@ -356,9 +355,9 @@ TEST(Xexch50, ItsOctetsFollowThe354) {
     C+ RSET\r\n.\r\n
     *> RSET\r\n.\r\n
     C+ xNOOP\r\n
-    *> x
-    end
-    left over: NOOP\r\n
+    *> x)");
+  EXPECT_EQ(d.LeftOver(), Unescape(R"(NOOP\r\n)"));
+  d.Run(R"(
     S: 250 ok
     <- 250 ok
     C: DATA

@@ -147,7 +147,7 @@ TEST(RefusedSession, IsTalkedToByTheProxyAlone) {
     <- 503 Bad sequence of commands. 1 2
     C: quit
     <- 221 2.0.0 proxy.test closing connection.
-    close)");
+    closed C)");
   EXPECT_EQ(d.state.requested.BadSequenceCount, 5);
   EXPECT_TRUE(d.greylisting.asked.empty());
 }
@@ -158,8 +158,8 @@ TEST(RefusedSession, DropsWhatABdatBrings) {
   d.Run(R"(
     C: BDAT 6 LAST
     <- 503 Bad sequence of commands.
-    C+ QUIT\r\n
-    end)");
+    C+ QUIT\r\n)");
+  EXPECT_EQ(d.LeftOver(), "");
 }
 
 TEST(RefusedSession, QuitIsChangedByItsKey) {
@@ -170,13 +170,13 @@ TEST(RefusedSession, QuitIsChangedByItsKey) {
   d.Run(R"(
     C: QUIT
     <- 221 proxy.test closing connection. Bye.
-    close)");
+    closed C)");
 }
 
 TEST(BadSequences, OneMoreThanTheLimitEndTheSession) {
   TestDialogue d;
   for (int i = 1; i <= 10; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.") << i;
-  EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.; pause");
+  EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.; wait 500; closed C");
 }
 
 TEST(BadSequences, EveryKindThatCountsDoes) {
@@ -194,7 +194,7 @@ TEST(BadSequences, EveryKindThatCountsDoes) {
     d.configuration.MaxBadSeq = 0;
     d.configuration.ValidateHELO = 15;
     d.configuration.HELOBlackList = ListOf({"black.test", "[]"});
-    EXPECT_EQ(d.Says(row.line).ends_with("pause"), row.counts) << row.line;
+    EXPECT_EQ(d.Says(row.line).ends_with("wait 500; closed C"), row.counts) << row.line;
   }
 }
 
@@ -203,7 +203,7 @@ TEST(BadSequences, AreLookedAtAfterEveryLine) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(d.Says("DATA"), "<- 503 Bad sequence of commands.");
   // The limit goes down while the session is open.
   d.configuration.MaxBadSeq = 2;
-  EXPECT_EQ(d.Says("NOOP"), "-> NOOP; pause");
+  EXPECT_EQ(d.Says("NOOP"), "-> NOOP; wait 500; closed C");
 }
 
 TEST(BadSequences, RefusalsByPolicyDoNotCount) {
@@ -408,7 +408,7 @@ TEST(Authentication, DataWithAControlCharacterEndsTheSession) {
     <- 334 VXNlcm5hbWU6
     C: dXNlcg==\nXCLIENT ADDR=127.0.0.1
     <- 500 5.5.2 Invalid character in command line.
-    close)");
+    closed C)");
   EXPECT_EQ(d.state.requested.BadSequenceCount, 1);
 }
 

@@ -36,7 +36,7 @@ TEST(Helo, IsRemembered) {
 TEST(Helo, WhichCheckIsMadeForWhom) {
   constexpr const char* kForwarded = "-> EHLO black.test";
   constexpr const char* kBlack = "<- 550 Disallowed domain name: black.test.";
-  constexpr const char* kLookUp = "wait black.test";
+  constexpr const char* kLookUp = "asks name black.test";
   struct {
     const char* remote;
     const char* local;
@@ -114,7 +114,7 @@ TEST(Helo, TheNameOfTheClientNeedsNoLookUp) {
     d.configuration.ValidateHELO = 2;
     d.facts.host = row.host;
     EXPECT_EQ(d.Says(std::string("EHLO ") + row.domain),
-              row.accepted ? std::string("-> EHLO ") + row.domain : std::string("wait ") + row.domain);
+              row.accepted ? std::string("-> EHLO ") + row.domain : std::string("asks name ") + row.domain);
   }
 }
 
@@ -123,15 +123,15 @@ TEST(Helo, WhatIsLookedUp) {
     const char* line;
     const char* outcome;
   } rows[] = {
-      {"EHLO other.test", "wait other.test"},
-      {"EHLO other.test more", "wait other.test"},
-      {"EHLO [192.0.2.9]", "wait 192.0.2.9"},
-      {"EHLO 192.0.2.9", "wait 192.0.2.9"},
+      {"EHLO other.test", "asks name other.test"},
+      {"EHLO other.test more", "asks name other.test"},
+      {"EHLO [192.0.2.9]", "asks name 192.0.2.9"},
+      {"EHLO 192.0.2.9", "asks name 192.0.2.9"},
       // No address literals.
-      {"EHLO [other.test]", "wait [other.test]"},
-      {"EHLO [IPv6:2001:db8::1]", "wait [IPv6:2001:db8::1]"},
-      {"EHLO []", "wait []"},
-      {"EHLO [", "wait ["},
+      {"EHLO [other.test]", "asks name [other.test]"},
+      {"EHLO [IPv6:2001:db8::1]", "asks name [IPv6:2001:db8::1]"},
+      {"EHLO []", "asks name []"},
+      {"EHLO [", "asks name ["},
       {"EHLO", "<- 501 Domain name not specified."},
   };
   for (const auto& row : rows) {
@@ -159,7 +159,7 @@ TEST(Helo, TheAnswerDecides) {
       S: 220 ready
       <- 220 ready
       C: ehlo\tother.test
-      wait other.test)");
+      asks name other.test)");
     EXPECT_EQ(d.state.phase, Phase::kAsking);
     d.Answer({!row.addresses.empty(), row.addresses});
     d.Run(row.outcome);
@@ -202,12 +202,12 @@ TEST(Helo, RepliesAreChangedByTheirKeys) {
     C: EHLO
     <- 2\x20
     C: EHLO a.test
-    wait a.test)");
+    asks name a.test)");
   d.Answer({});
   d.Run(R"(
     <- 3 a.test
     C: EHLO b.test
-    wait b.test)");
+    asks name b.test)");
   d.Answer({true, kOther});
   d.Run("<- 4 b.test 192.0.2.7");
 }

@@ -135,8 +135,9 @@ TEST(CommandOrder, RepliesAreChangedFromTheGeneralToTheCommand) {
     C: BDAT 1
     -> BDAT 1
     C+ x
-    *> x
-    end
+    *> x)");
+  EXPECT_EQ(d.LeftOver(), "");
+  d.Run(R"(
     S: 250 ok
     <- 250 ok
     C: NOOP

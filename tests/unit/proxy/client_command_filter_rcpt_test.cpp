@@ -332,7 +332,7 @@ TEST(Greylisting, CanBeMissing) {
 TEST(Greylisting, WhatBecomesOfADelayedRecipient) {
   constexpr const char* kDelayed = "<- 451 4.7.1 Greylisted. Delivery delayed.";
   constexpr const char* kPasses = "-> RCPT TO:<u@local.test>";
-  constexpr const char* kBroken = "break Connection broken due to Greylisting";
+  constexpr const char* kBroken = "log Connection broken due to Greylisting; closed C";
   const struct {
     const char* sender;
     int action;

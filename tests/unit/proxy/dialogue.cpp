@@ -8,8 +8,6 @@ namespace trabex {
 
 namespace {
 
-constexpr std::string_view kHexDigits = "0123456789ABCDEF";
-
 // A line of a script: a blank at its end shows.
 std::string ScriptLine(std::string_view mark, std::string_view text) {
   std::string line = std::string(mark).append(" ").append(Escape(text));
@@ -28,6 +26,32 @@ void AddLines(std::vector<std::string>& outcome, std::string_view mark, std::str
     }
     outcome.push_back(ScriptLine(mark, text.substr(0, end)));
     text.remove_prefix(end + kCrLf.size());
+  }
+}
+
+// Whether `outcome` is what the step expects.
+bool IsOutcome(const script::Step& step, std::string_view outcome) {
+  using script::StepKind;
+  const auto text_after = [&](std::string_view mark) {
+    return Unescape(outcome.substr(std::min(outcome.size(), mark.size() + 1)));
+  };
+  switch (step.kind) {
+    case StepKind::kGetLine: {
+      const std::string_view mark = step.side == script::Side::kServer ? "->" : "<-";
+      return outcome.starts_with(mark) && step.pattern.Matches(text_after(mark));
+    }
+    case StepKind::kGetBytes:
+      return outcome.starts_with("*>") && text_after("*>") == step.bytes;
+    case StepKind::kAskName:
+      return outcome == ScriptLine("asks name", step.bytes);
+    case StepKind::kLog:
+      return outcome.starts_with("log ") && step.pattern.Matches(text_after("log"));
+    case StepKind::kWait:
+      return outcome == "wait " + std::to_string(step.milliseconds);
+    case StepKind::kClosed:
+      return outcome == "closed C" && step.side == script::Side::kClient;
+    default:
+      return false;
   }
 }
 
@@ -79,81 +103,47 @@ Configuration TestConfiguration() {
   return c;
 }
 
-std::string Unescape(std::string_view text) {
-  std::string bytes;
-  for (std::size_t at = 0; at < text.size(); ++at) {
-    if (text[at] != '\\') {
-      bytes += text[at];
-      continue;
-    }
-    const char kind = text.at(++at);
-    if (kind == 'x') {
-      const auto high = kHexDigits.find(text.at(at + 1));
-      const auto low = kHexDigits.find(text.at(at + 2));
-      bytes += static_cast<char>(high * 16 + low);
-      at += 2;
-    } else {
-      bytes += kind == 'r' ? '\r' : kind == 'n' ? '\n' : kind == 't' ? '\t' : kind == '0' ? '\0' : kind;
-    }
-  }
-  return bytes;
-}
-
-std::string Escape(std::string_view bytes) {
-  std::string text;
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    if (byte == '\\') {
-      text += "\\\\";
-    } else if (byte == '\r' || byte == '\n' || byte == '\t') {
-      text += byte == '\r' ? "\\r" : byte == '\n' ? "\\n" : "\\t";
-    } else if (byte == '\0') {
-      text += "\\0";
-    } else if (value < 32 || value > 126) {
-      text.append("\\x").append(1, kHexDigits[value >> 4]).append(1, kHexDigits[value & 15]);
-    } else {
-      text += byte;
-    }
-  }
-  return text;
-}
-
-void TestDialogue::Run(std::string_view script) {
+void TestDialogue::Run(std::string_view text) {
   std::string so_far;
-  const auto expect_all_named = [&] {
-    if (outcome_.empty()) return true;
-    ADD_FAILURE() << "not in the script: " << Joined(outcome_) << "\nthe dialogue:\n" << so_far;
-    outcome_.clear();
-    return false;
-  };
-  for (std::string_view line : Split(script, '\n')) {
-    line = Trim(line);
-    if (line.empty() || line.front() == '#') continue;
-    so_far.append(line).append("\n");
-    const std::string_view mark = line.substr(0, 2);
-    const std::string text = line.size() > 3 ? Unescape(line.substr(3)) : "";
-    if (mark == "C:") {
-      if (!expect_all_named()) return;
-      outcome_ = OutcomeOfLine(text + "\r\n");
-    } else if (mark == "C+") {
-      if (!expect_all_named()) return;
-      outcome_ = OutcomeOfContent(text);
-    } else if (mark == "S:") {
-      if (!expect_all_named()) return;
-      reply_.append(text).append(kCrLf);
-      if (text.size() > 3 && text[3] == '-') continue;
-      outcome_ = OutcomeOfReply(std::exchange(reply_, {}));
-    } else if (!outcome_.empty() && outcome_.front() == line) {
-      outcome_.erase(outcome_.begin());
-    } else {
-      ADD_FAILURE() << "got: " << (outcome_.empty() ? "nothing" : Joined(outcome_)) << "\nwant: " << line
-                    << "\nthe dialogue:\n"
-                    << so_far;
-      outcome_.clear();
-      return;
+  std::string wrong;
+  try {
+    for (const script::Step& step : script::ReadScript(text).steps) {
+      so_far.append(step.source).append("\n");
+      wrong = Take(step);
+      if (!wrong.empty()) break;
     }
+  } catch (const script::ScriptError& error) {
+    wrong = error.what();
   }
-  expect_all_named();
+  if (wrong.empty() && !outcome_.empty()) wrong = "not in the script: " + Joined(outcome_);
+  if (!wrong.empty()) ADD_FAILURE() << wrong << "\nthe dialogue:\n" << so_far;
+  outcome_.clear();
+}
+
+std::string TestDialogue::Take(const script::Step& step) {
+  if (step.kind == script::StepKind::kSend) {
+    if (!outcome_.empty()) return "not in the script: " + Joined(outcome_);
+    Send(step);
+    return {};
+  }
+  if (outcome_.empty() || !IsOutcome(step, outcome_.front())) {
+    return "got: " + (outcome_.empty() ? "nothing" : Joined(outcome_)) + "\nwant: " + step.source;
+  }
+  outcome_.erase(outcome_.begin());
+  return {};
+}
+
+void TestDialogue::Send(const script::Step& step) {
+  const std::string& bytes = step.sending.bytes;
+  if (step.side == script::Side::kServer) {
+    reply_ += bytes;
+    // The last line of a reply has no "-" after its code.
+    if (bytes.size() <= 3 || bytes[3] != '-') outcome_ = OutcomeOfReply(std::exchange(reply_, {}));
+  } else if (TakesContent() || Discards()) {
+    outcome_ = OutcomeOfContent(bytes);
+  } else {
+    outcome_ = OutcomeOfLine(bytes);
+  }
 }
 
 void TestDialogue::Answer(const HostAddresses& answer) {
@@ -231,15 +221,15 @@ void TestDialogue::ToClient(std::string_view reply) {
 }
 
 void TestDialogue::AskForAddresses(std::string_view host_name) {
-  actions_.push_back(ScriptLine("wait", host_name));
+  actions_.push_back(ScriptLine("asks name", host_name));
 }
 
 void TestDialogue::EndAfterPause() {
-  actions_.push_back("pause");
+  actions_.insert(actions_.end(), {"wait 500", "closed C"});
 }
 
 void TestDialogue::Log(Side side, std::int32_t level, std::string_view text) {
-  if (side == Side::kClient && level == log_level::kErrors) actions_.push_back(ScriptLine("break", text));
+  if (side == Side::kClient && level == log_level::kErrors) actions_.push_back(ScriptLine("log", text));
 }
 
 template <class Step>
@@ -250,8 +240,7 @@ std::vector<std::string> TestDialogue::Outcome(Step step) {
   actions_.clear();
   step(dialogue);
   state = dialogue.State();
-  const bool broken = !actions_.empty() && actions_.back().starts_with("break");
-  if (state.phase == Phase::kEnding && !ending && !broken) actions_.push_back("close");
+  if (state.phase == Phase::kEnding && !ending) actions_.push_back("closed C");
   return std::move(actions_);
 }
 
@@ -266,17 +255,13 @@ std::vector<std::string> TestDialogue::OutcomeOfReply(std::string_view reply) {
 }
 
 std::vector<std::string> TestDialogue::OutcomeOfContent(std::string_view bytes) {
-  const ClientBytes expected = ExpectedBytes(state.phase);
-  if (expected != ClientBytes::kContent && expected != ClientBytes::kDiscarded)
-    return {"no content is expected"};
+  if (!TakesContent() && !Discards()) return {"no content is expected"};
   std::size_t used = 0;
   const Phase before = state.phase;
+  left_over_.reset();
   std::vector<std::string> outcome =
       Outcome([&](Dialogue& dialogue) { used = dialogue.OnClientBytes(bytes, *this); });
-  if (state.phase != before && state.phase != Phase::kEnding) {
-    outcome.push_back("end");
-    if (used < bytes.size()) outcome.push_back("left over: " + Escape(bytes.substr(used)));
-  }
+  if (state.phase != before && state.phase != Phase::kEnding) left_over_ = bytes.substr(used);
   return outcome;
 }
 

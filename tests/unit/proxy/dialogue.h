@@ -1,21 +1,9 @@
-// A session's dialogue without its sockets, and scripts to run through it.
+// A session's dialogue without its sockets, for the tests of what decides in it: scripts (script/README.md)
+// run through it step by step, and a test may look at its state, and set it, in between.
 //
-// A script is a dialogue, one line each:
-//   C: text      the client sends the line
-//   S: text      the server sends it; with a "-" after the code, the reply goes on in the next S: line
-//   C+ text      the client sends message content, without a line end
-//   -> text      the server gets the line (or the whole header that opens the content)
-//   *> text      the server gets content
-//   <- text      the client gets the line
-//   wait name    a name is looked up; the test answers with TestDialogue::Answer
-//   break text   the session ends without a reply, and this is logged
-//   close        the session ends behind the reply
-//   pause        it ends after a pause: too many commands out of order
-//   end          the content is complete
-//   # text       a remark
-// A line may come although the reply to the one before was left out.
-// In every text \r \n \t \0 \\ and \xHH stand for bytes. Everything that the filters do must be in the
-// script.
+// Everything that the dialogue does must be in the script, in its order. A line may come although the reply
+// to the one before was left out; the lines of a reply are heard when its last one has come. Of what only a
+// session does there is "wait 500" and "closed C" where it is to end after that pause.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -28,6 +16,8 @@
 #include <vector>
 
 #include "proxy/dialogue/dialogue.h"
+#include "script/escapes.h"
+#include "script/script.h"
 #include "support/fake_clock.h"
 
 namespace trabex {
@@ -64,9 +54,8 @@ class FakeGreylisting final : public GreylistCheck {
 // The default settings of the machine proxy.test, with the domain local.test as the local one.
 Configuration TestConfiguration();
 
-// Bytes written with the escapes of a script, and the way back.
-std::string Unescape(std::string_view text);
-std::string Escape(std::string_view bytes);
+using script::Escape;
+using script::Unescape;
 
 // A dialogue, the actions that it asks for, and a state that a test may set before each step.
 class TestDialogue final : private DialogueActions {
@@ -81,6 +70,8 @@ class TestDialogue final : private DialogueActions {
 
   // Runs the script; what differs fails the test with the dialogue so far.
   void Run(std::string_view script);
+  // What followed the end of the content in the latest C+ of a script; nothing when the content goes on.
+  const std::optional<std::string>& LeftOver() const { return left_over_; }
   // The look-up that was waited for has an answer.
   void Answer(const HostAddresses& answer);
   // EHLO, accepted by a server that offers CHUNKING and XEXCH50.
@@ -131,11 +122,15 @@ class TestDialogue final : private DialogueActions {
   std::vector<std::string> OutcomeOfLine(std::string_view line);
   std::vector<std::string> OutcomeOfContent(std::string_view bytes);
   std::vector<std::string> OutcomeOfReply(std::string_view reply);
+  // Plays one step of a script, or takes it as the next outcome; returns "" or what is wrong.
+  std::string Take(const script::Step& step);
+  void Send(const script::Step& step);
 
   std::string reply_;                 // lines of a server reply that goes on
   std::vector<std::string> outcome_;  // what the script has not named yet
   std::vector<std::string> actions_;  // of the step under way
-  bool content_ = false;              // the step under way takes content
+  std::optional<std::string> left_over_;
+  bool content_ = false;  // the step under way takes content
 };
 
 }  // namespace trabex

@@ -418,8 +418,9 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
           C: BDAT 3
           -> BDAT 3
           C+ one
-          *> one
-          end
+          *> one)");
+        EXPECT_EQ(d.LeftOver(), "");
+        d.Run(R"(
           S: 250 more
           <- 250 more)");
       }
@@ -427,8 +428,8 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
         C: BDAT 3 LAST
         -> BDAT 3 LAST
         C+ two
-        *> two
-        end)");
+        *> two)");
+      EXPECT_EQ(d.LeftOver(), "");
       EXPECT_TRUE(d.TransactionOpen());
       EXPECT_EQ(d.Reply(row.reply).text, row.reply);
       EXPECT_FALSE(d.TransactionOpen()) << row.reply;
@@ -509,8 +510,8 @@ TEST(ServerReply, TheReplyToContentIsAwaitedAndIsNone354) {
     EXPECT_EQ(d.state.phase, Phase::kDotContent);
     d.Run(R"(
       C+ .\r\n
-      *> .\r\n
-      end)");
+      *> .\r\n)");
+    EXPECT_EQ(d.LeftOver(), "");
     EXPECT_EQ(d.state.phase, Phase::kContentReply);
     d.Reply(reply);
     EXPECT_EQ(d.state.phase, Phase::kCommand);
@@ -532,7 +533,7 @@ TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
     *> text
     S: 421 closing
     <- 421 closing
-    close)");
+    closed C)");
   EXPECT_FALSE(d.TakesContent());
 }
 
@@ -599,8 +600,9 @@ TEST(ServerReply, IsChangedByCodeThenByCommandAndCode) {
     S: 354 go on
     <- 354 go on > DATA.354
     C+ .\r\n
-    *> .\r\n
-    end
+    *> .\r\n)");
+  EXPECT_EQ(d.LeftOver(), "");
+  d.Run(R"(
     S: 250 accepted
     <- 250 accepted > 250 > DATA.250
     C: NOOP
