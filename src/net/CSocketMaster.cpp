@@ -14,11 +14,11 @@ namespace trabex {
 
 namespace {
 
-constexpr std::int32_t kGreatestPort = 65535;
+constexpr std::int32_t kMaxPort = 65535;
 constexpr const char* kAnyAddress = "0.0.0.0";
 
 bool IsPort(std::int32_t port) {
-  return port >= 0 && port <= kGreatestPort;
+  return port >= 0 && port <= kMaxPort;
 }
 
 // A name from DNS is whatever the address's owner wants; only plain ones count.
@@ -35,6 +35,7 @@ CSocketMaster::CSocketMaster(modSocketMaster& module) : module_(module) {
 
 CSocketMaster::~CSocketMaster() {
   CancelLookups();
+  module_.received_->Discard(receive_);
   if (!socket_.IsNone()) {
     module_.pause_.Forget(socket_);
     module_.CloseSocket(socket_);
@@ -124,7 +125,7 @@ void CSocketMaster::OnNameAnswer(const NameAnswer& answer, bool counts) {
   cold.remote_host_name = named ? answer.name : std::string();
   cold.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
   const auto done = std::exchange(cold.name_done, nullptr);
-  Raise(done, "CSocketMaster.LookUpRemoteHostName");
+  Raise(done, "LookUpRemoteHostName");
 }
 
 std::int64_t CSocketMaster::BytesReceived() const {
@@ -153,20 +154,21 @@ void CSocketMaster::CloseSck() {
   const SocketState before = std::exchange(state_, SocketState::sckClosing);
   CancelLookups();
   const bool peer_ended = before == SocketState::sckClosing;
-  // A connection that failed has nobody left to be polite to.
+  // On a connection that failed there is nobody left to take anything.
   const bool linger = established_ && before != SocketState::sckError && !(peer_ended && send_.Empty());
   const trabex::SocketHandle socket = std::exchange(socket_, {});
   module_.pause_.Forget(socket);
   if (linger) {
-    module_.lingering_.Take(socket, std::move(send_), peer_ended);
+    module_.lingering_.Take(socket, std::move(stream_), std::move(send_), peer_ended);
   } else {
     module_.CloseSocket(socket);
   }
   established_ = false;
   remote_address_ = {};
   send_.Clear();
-  send_broken_ = false;
-  receive_.Clear();
+  write_failed_ = false;
+  module_.received_->Discard(receive_);
+  DropStream();
   bytes_received_ = 0;
   bytes_sent_ = 0;
   send_chunk_ = 0;

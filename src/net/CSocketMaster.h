@@ -12,6 +12,7 @@
 #include "base/ip_address.h"
 #include "net/byte_queue.h"
 #include "net/modSocketMaster.h"
+#include "net/stream.h"
 #include "platform/sockets.h"
 #include "resolver/name_lookup.h"
 
@@ -45,6 +46,11 @@ struct CSocketMasterEvents {
       Error;
   std::function<void()> SendComplete;
   std::function<void(std::size_t bytes_sent, std::size_t bytes_remaining)> SendProgress;
+
+  // Who handles them, such as "cProxy.Receiver"; lives as long as the object. An exception without a source
+  // that leaves a handler is logged as one of "cProxy.Receiver_DataArrival"; without it, of
+  // "CSocketMaster.DataArrival".
+  const char* Owner = nullptr;
 };
 
 // Methods raise Error: 40020 in the wrong state, 40014 for a bad argument, 40006 for the wrong protocol or
@@ -95,23 +101,26 @@ class CSocketMaster final : public SocketSink {
   // Closes in order: what SendData accepted still reaches the peer, even when data of the peer lies unread;
   // the module goes on with that in the background for 5 seconds at most. No event follows.
   void CloseSck();
-  // Absent arguments leave the properties as they are for the port, "" for the host.
+  // Without an argument the port stays as it is, and the host becomes "".
   void Connect(std::optional<std::string> RemoteHost = std::nullopt,
                std::optional<std::int32_t> RemotePort = std::nullopt);
   void Bind(std::optional<std::int32_t> LocalPort = std::nullopt, const std::string& LocalIP = {});
   // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are. With
   // blnMoreFollows the system may wait a fifth of a second for what is sent next, to pack both together.
   void SendData(std::string_view Data, bool blnMoreFollows = false);
-  // Whether the last words of a peer that broke the connection are read although a send failed: the send is
-  // taken for lost then, and the end is told behind them. False at first: a failed send is an Error at once.
-  // Only for an owner that goes on reading whatever becomes of its sends.
-  void SetHearsOut(bool blnHearsOut) { hears_out_ = blnHearsOut; }
+  // If set, a failed send is reported only after what the peer had sent before was read: the send counts as
+  // lost, and CloseSck or Error follows the last of the input. Not set at first: a failed send is an Error at
+  // once. Only for an owner that goes on reading whatever becomes of its sends.
+  void SetDrainBeforeSendError(bool drain) { drain_before_send_error_ = drain; }
+  // The same, by its former name.
+  void SetHearsOut(bool drain) { SetDrainBeforeSendError(drain); }
   // The bytes received, MaxLen at most (0: one chunk of the socket's receive buffer); returns their number.
   // PeekData leaves them to be read again.
   std::int32_t GetData(std::string& Data, std::int32_t MaxLen = 0);
   std::int32_t PeekData(std::string& Data, std::int32_t MaxLen = 0);
-  // As PeekData, without a copy. The view is valid until this object reads again (PeekView, PeekData,
-  // GetData), consumes or closes; it may be handed to another object's SendData.
+  // As PeekData, without a copy. The view is valid until this object consumes or closes, or any object reads
+  // (PeekView, PeekData, GetData), for all receive into one buffer; it may be handed to another object's
+  // SendData. What is not consumed is kept.
   std::string_view PeekView(std::int32_t MaxLen = 0);
   // Takes the first count of what the last PeekView gave, as GetData would, without a copy. TCP only. Does
   // nothing when the object was closed meanwhile. Raises 40014 when it is more than was peeked.
@@ -131,6 +140,11 @@ class CSocketMaster final : public SocketSink {
   // Whether the peer has ended or broken the connection: UnreadBytes are its last. CloseSck or Error is
   // raised when they have been read.
   bool PeerEnded() const;
+
+  // From now on `stream` carries the bytes of the connection, both ways, until CloseSck has ended it in
+  // order. Returns what was received through the one before and not consumed, for `stream` to begin with; it
+  // can not be read any more. Raises 40006 unless connected, or while bytes wait to be sent.
+  [[nodiscard]] std::string SetStream(std::unique_ptr<Stream> stream);
 
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
 
@@ -156,8 +170,10 @@ class CSocketMaster final : public SocketSink {
   std::string GetLocalHostName();
   std::string GetLocalIP();
 
-  void PostSocket(SocketEvent event, int error);
+  void OnNotification(SocketEvent event, int error);
   void OnRead();
+  void OnWrite();
+  void OnClose(int error);
   void OnAccept();
   void OnConnected();
 
@@ -166,10 +182,20 @@ class CSocketMaster final : public SocketSink {
   void FlushPending();
   std::size_t SendChunk();
   std::size_t ReceiveChunk();
+  // `max_length` of a reading call in bytes.
+  std::size_t PortionSize(std::int32_t max_length);
   // `source` names the caller in errors.
   void CheckReadable(std::int32_t max_length, const char* source) const;
-  template <class Take>
-  std::size_t ReceiveUpTo(std::size_t limit, Take take);
+  // What was received and not consumed.
+  std::string_view Received() const;
+  std::string_view ReceiveUpTo(std::size_t wanted);
+
+  Stream& GetStream() const { return stream_ ? *stream_ : module_.plain_; }
+  void DropStream();
+  // Only with a stream_: has the owner notified of input that the stream holds, or of the end behind it.
+  void FollowUp();
+  void OnFollowUp();
+  void HoldClose(int error);
 
   // Datagrams.
   void SendBufferedDataUDP(std::string_view data);
@@ -177,8 +203,11 @@ class CSocketMaster final : public SocketSink {
   std::string_view PeekDatagram(std::int32_t max_length);
   std::int32_t RecvData(std::string& data, bool peek, std::int32_t max_length);
 
+  // Calls the owner's handler of `event`.
   template <class Handler, class... Arguments>
-  void Raise(const Handler& handler, std::string_view source, Arguments&&... arguments);
+  void Raise(const Handler& handler, const char* event, Arguments&&... arguments);
+  // In a catch clause.
+  void LogHandlerError(const char* event);
   void ReportError(int number, const char* source);
   ColdState& GetColdState();
 
@@ -186,7 +215,10 @@ class CSocketMaster final : public SocketSink {
   trabex::SocketHandle socket_;
   SocketState state_ = SocketState::sckClosed;
   SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
-  bool established_ = false;  // the connection has stood since the socket was created
+  bool established_ = false;  // connected at least once since the socket was created
+  bool drain_before_send_error_ = false;
+  // With drain_before_send_error_: a send failed while input of the peer waits to be read.
+  bool write_failed_ = false;
   std::int32_t remote_port_ = 0;
   std::int32_t local_port_ = 0;  // as requested
   IPAddress connect_address_;    // that a connect is under way to
@@ -196,11 +228,9 @@ class CSocketMaster final : public SocketSink {
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
   IPAddress remote_address_;
-  ByteQueue send_;  // accepted and not sent
-  bool hears_out_ = false;
-  // With hears_out_: the peer broke the connection while something it said waits to be read.
-  bool send_broken_ = false;
-  ByteQueue receive_;  // received and not consumed: what PeekData left
+  ByteQueue send_;                  // accepted and not sent
+  ByteQueue receive_;               // received and not consumed, as far as it is not in module_.received_
+  std::unique_ptr<Stream> stream_;  // nullptr: the plain one
   LookupId host_lookup_ = 0;
   std::unique_ptr<ColdState> cold_;
 };

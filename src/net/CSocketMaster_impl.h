@@ -2,6 +2,8 @@
 #pragma once
 
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -22,13 +24,20 @@ struct CSocketMaster::ColdState {
   int remote_host_name_error = socket_error::kTryAgain;
   LookupId name_lookup = 0;
   std::function<void()> name_done;
+  // Of a stream that is not plain.
+  std::optional<int> held_close;    // FD_CLOSE with this error, which waits until the input was read
+  std::shared_ptr<bool> follow_up;  // while a posted follow-up is under way
 };
 
 // Every event is a border: an error of the owner's handler is logged, and this object goes on.
 template <class Handler, class... Arguments>
-void CSocketMaster::Raise(const Handler& handler, std::string_view source, Arguments&&... arguments) {
+void CSocketMaster::Raise(const Handler& handler, const char* event, Arguments&&... arguments) {
   if (!handler) return;
-  RunLogged(module_.log_, source, [&] { handler(std::forward<Arguments>(arguments)...); });
+  try {
+    handler(std::forward<Arguments>(arguments)...);
+  } catch (...) {
+    LogHandlerError(event);
+  }
 }
 
 }  // namespace trabex

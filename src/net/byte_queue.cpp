@@ -8,7 +8,7 @@ namespace trabex {
 
 namespace {
 
-constexpr std::size_t kSmallestBlock = 64;
+constexpr std::size_t kMinBlock = 64;
 
 }  // namespace
 
@@ -31,7 +31,7 @@ void ByteQueue::MakeRoom(std::size_t count) {
     begin_ = 0;
     return;
   }
-  const std::size_t capacity = std::max({needed, size_ * 2, kSmallestBlock});
+  const std::size_t capacity = std::max({needed, size_ * 2, kMinBlock});
   auto block = std::make_unique_for_overwrite<char[]>(capacity);
   if (size_ > 0) std::memcpy(block.get(), block_.get() + begin_, size_);
   block_ = std::move(block);

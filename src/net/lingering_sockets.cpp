@@ -11,24 +11,27 @@ constexpr std::size_t kDropBytes = 16384;
 
 }  // namespace
 
-LingeringSockets::LingeringSockets(Sockets& sockets, Log& log, std::function<void()> socket_closed)
+LingeringSockets::LingeringSockets(Sockets& sockets, Stream& plain, Log& log,
+                                   std::function<void()> socket_closed)
     : sockets_(sockets),
+      plain_(plain),
       log_(log),
       socket_closed_(std::move(socket_closed)),
-      timer_(sockets.Loop(), kLongest, [this] { CloseOverdue(); }) {}
+      timer_(sockets.Loop(), kMaxDuration, [this] { CloseOverdue(); }) {}
 
 LingeringSockets::~LingeringSockets() {
   for (const auto& [index, holder] : holders_) sockets_.Close(holder.socket);
 }
 
-void LingeringSockets::Take(SocketHandle socket, ByteQueue unsent, bool peer_ended) {
+void LingeringSockets::Take(SocketHandle socket, std::unique_ptr<Stream> stream, ByteQueue unsent,
+                            bool peer_ended) {
   sockets_.Watch(socket, this);
   Holder& holder = holders_[socket.index];
-  holder = {socket, std::move(unsent), false, peer_ended};
-  deadlines_.push_back({sockets_.Loop().GetClock().Monotonic() + kLongest, socket});
+  holder = {socket, std::move(stream), std::move(unsent), false, peer_ended};
+  deadlines_.push_back({sockets_.Loop().GetClock().Monotonic() + kMaxDuration, socket});
   if (!timer_.Enabled()) timer_.Enable();
-  // Notifications that the former owner was told and did not answer are not told again, so both directions
-  // are tried once.
+  // The previous owner may have had a notification and not acted on it; it is not delivered again. So both
+  // directions are tried once.
   const bool usable = Flush(holder) && (holder.peer_ended || Drop(holder));
   Proceed(holder, usable);
 }
@@ -37,7 +40,7 @@ bool LingeringSockets::Flush(Holder& holder) {
   while (!holder.unsent.Empty()) {
     const std::string_view rest = holder.unsent.View();
     std::size_t sent = 0;
-    const int error = sockets_.Send(holder.socket, rest, sent);
+    const int error = StreamOf(holder).Write(holder.socket, rest, sent, false);
     if (error == socket_error::kWouldBlock) return true;
     if (error != 0) return false;
     const bool blocked = sent < rest.size();
@@ -48,19 +51,29 @@ bool LingeringSockets::Flush(Holder& holder) {
 }
 
 bool LingeringSockets::Drop(Holder& holder) {
-  char room[kDropBytes];
+  char dropped[kDropBytes];
   std::size_t received = 0;
-  const int error = sockets_.Receive(holder.socket, room, received);
+  Stream& stream = StreamOf(holder);
+  const int error = stream.Read(holder.socket, dropped, received);
   if (error == socket_error::kWouldBlock) return true;
   if (error != 0) return false;
   if (received == 0) holder.peer_ended = true;
+  if (received > 0 && stream.HoldsInput()) DropAgain(holder.socket);
   return true;
+}
+
+// Not at once, so that a peer that goes on sending does not hold up the others.
+void LingeringSockets::DropAgain(SocketHandle socket) {
+  sockets_.Loop().Post([this, socket, alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired()) OnSocketEvent(socket, SocketEvent::kRead, 0);
+  });
 }
 
 void LingeringSockets::Proceed(Holder& holder, bool usable) {
   if (usable && holder.unsent.Empty() && !holder.peer_ended && !holder.sending_ended) {
-    usable = sockets_.ShutDownSending(holder.socket) == 0;
-    holder.sending_ended = true;
+    const int error = StreamOf(holder).ShutDownWrite(holder.socket);
+    usable = error == 0 || error == socket_error::kWouldBlock;
+    holder.sending_ended = error == 0;
   }
   if (!usable || (holder.unsent.Empty() && holder.peer_ended)) Close(holder.socket);
 }
@@ -70,8 +83,13 @@ void LingeringSockets::OnSocketEvent(SocketHandle socket, SocketEvent event, int
   if (found == holders_.end() || found->second.socket != socket) return;
   Holder& holder = found->second;
   bool usable = error == 0;
-  if (usable && event == SocketEvent::kWrite) usable = Flush(holder);
-  if (usable && event == SocketEvent::kRead) usable = Drop(holder);
+  const Stream& stream = StreamOf(holder);
+  const bool read =
+      event == SocketEvent::kRead || (event == SocketEvent::kWrite && stream.ReadWaitsForWrite());
+  const bool write =
+      event == SocketEvent::kWrite || (event == SocketEvent::kRead && stream.WriteWaitsForRead());
+  if (usable && write) usable = Flush(holder);
+  if (usable && read) usable = Drop(holder);
   if (event == SocketEvent::kClose) holder.peer_ended = true;
   Proceed(holder, usable);
 }
@@ -103,11 +121,11 @@ void LingeringSockets::WhenNone(std::function<void()> emptied) {
   if (emptied) waiting_.push_back(std::move(emptied));
   if (!holders_.empty()) return;
   sockets_.Loop().Post([this, alive = std::weak_ptr<bool>(alive_)] {
-    if (!alive.expired()) TellEmpty();
+    if (!alive.expired()) NotifyEmpty();
   });
 }
 
-void LingeringSockets::TellEmpty() {
+void LingeringSockets::NotifyEmpty() {
   if (!holders_.empty()) return;  // another one has come meanwhile
   for (const auto& emptied : std::exchange(waiting_, {}))
     RunLogged(log_, "modSocketMaster.WhenNoneLingers", emptied);

@@ -16,6 +16,7 @@
 
 #include "base/log.h"
 #include "net/byte_queue.h"
+#include "net/stream.h"
 #include "platform/event_loop.h"
 #include "platform/sockets.h"
 
@@ -24,17 +25,17 @@ namespace trabex {
 class LingeringSockets final : public SocketSink {
  public:
   // However slow the peer is, its socket is closed after this time.
-  static constexpr Milliseconds kLongest{5000};
+  static constexpr Milliseconds kMaxDuration{5000};
 
   // References outlive this object. `socket_closed` is called after each socket that was closed here.
-  LingeringSockets(Sockets& sockets, Log& log, std::function<void()> socket_closed);
+  LingeringSockets(Sockets& sockets, Stream& plain, Log& log, std::function<void()> socket_closed);
   ~LingeringSockets() override;  // closes the rest at once
   LingeringSockets(const LingeringSockets&) = delete;
   LingeringSockets& operator=(const LingeringSockets&) = delete;
 
-  // Takes a socket over that was connected, with what it has not sent yet. `peer_ended`: FD_CLOSE has been
-  // told. May be done with it at once.
-  void Take(SocketHandle socket, ByteQueue unsent, bool peer_ended);
+  // Takes over a socket that was connected, with what it has not sent yet and the stream that carries it
+  // (nullptr: the plain one). `peer_ended`: its owner has had FD_CLOSE. May be done with it at once.
+  void Take(SocketHandle socket, std::unique_ptr<Stream> stream, ByteQueue unsent, bool peer_ended);
   std::size_t Count() const { return holders_.size(); }
   // Calls `emptied` once from the loop as soon as none is left.
   void WhenNone(std::function<void()> emptied);
@@ -44,6 +45,7 @@ class LingeringSockets final : public SocketSink {
  private:
   struct Holder {
     SocketHandle socket;
+    std::unique_ptr<Stream> stream;  // nullptr: the plain one
     ByteQueue unsent;
     bool sending_ended = false;
     bool peer_ended = false;
@@ -56,13 +58,16 @@ class LingeringSockets final : public SocketSink {
   // Each returns false when the connection is of no use any more.
   bool Flush(Holder& holder);
   bool Drop(Holder& holder);
+  void DropAgain(SocketHandle socket);
   // Goes on as far as it can, and closes what is done.
   void Proceed(Holder& holder, bool usable);
   void Close(SocketHandle socket);
   void CloseOverdue();
-  void TellEmpty();
+  void NotifyEmpty();
+  Stream& StreamOf(const Holder& holder) { return holder.stream ? *holder.stream : plain_; }
 
   Sockets& sockets_;
+  Stream& plain_;
   Log& log_;
   std::function<void()> socket_closed_;
   std::unordered_map<std::int32_t, Holder> holders_;  // by index

@@ -7,9 +7,12 @@
 namespace trabex {
 
 modSocketMaster::modSocketMaster(Sockets& sockets, NameLookup& names, Log& log)
-    : sockets_(sockets), names_(names), log_(log), pause_(sockets, log), lingering_(sockets, log, [this] {
-        pause_.SocketClosed();
-      }) {}
+    : sockets_(sockets),
+      names_(names),
+      log_(log),
+      plain_(sockets),
+      pause_(sockets, log),
+      lingering_(sockets, plain_, log, [this] { pause_.SocketClosed(); }) {}
 
 modSocketMaster::~modSocketMaster() {
   assert(object_count_ == 0 && "a socket object outlives its module");
@@ -25,12 +28,12 @@ void modSocketMaster::WhenNoneLingers(std::function<void()> emptied) {
 
 void modSocketMaster::InitiateProcesses() {
   ++object_count_;
-  if (!scratch_) scratch_ = std::make_unique_for_overwrite<char[]>(kScratchBytes);
+  if (!received_) received_ = std::make_unique<ReceiveBuffer>();
 }
 
 void modSocketMaster::FinalizeProcesses() {
   --object_count_;
-  if (object_count_ == 0) scratch_.reset();
+  if (object_count_ == 0) received_.reset();
 }
 
 std::optional<modSocketMaster::Unclaimed> modSocketMaster::Claim(std::int32_t requestID) {

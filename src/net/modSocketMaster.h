@@ -7,12 +7,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <span>
 #include <vector>
 
 #include "base/log.h"
 #include "net/accept_pause.h"
 #include "net/lingering_sockets.h"
+#include "net/receive_buffer.h"
+#include "net/stream.h"
 #include "platform/sockets.h"
 #include "resolver/name_lookup.h"
 
@@ -37,7 +38,7 @@ class modSocketMaster {
 
   // The service runs from the first socket object's creation to the last one's release; it is what they
   // share: one buffer to receive into.
-  bool ServiceStarted() const { return scratch_ != nullptr; }
+  bool ServiceStarted() const { return received_ != nullptr; }
   std::size_t ObjectCount() const { return object_count_; }
 
  private:
@@ -49,11 +50,8 @@ class modSocketMaster {
     Endpoint peer;
   };
 
-  static constexpr std::size_t kScratchBytes = 65536;
-
   void InitiateProcesses();
   void FinalizeProcesses();
-  std::span<char> Scratch() { return {scratch_.get(), kScratchBytes}; }
 
   void Keep(const Unclaimed& connection) { unclaimed_.push_back(connection); }
   // Takes the connection that `requestID` names out of those kept.
@@ -65,10 +63,11 @@ class modSocketMaster {
   NameLookup& names_;
   Log& log_;
   std::vector<Unclaimed> unclaimed_;
+  PlainStream plain_;
   AcceptPause pause_;
   LingeringSockets lingering_;
   std::size_t object_count_ = 0;
-  std::unique_ptr<char[]> scratch_;
+  std::unique_ptr<ReceiveBuffer> received_;
 };
 
 }  // namespace trabex

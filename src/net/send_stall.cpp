@@ -12,7 +12,7 @@ bool SendStall::Look(std::optional<std::int64_t> progress, MonotonicTime now) {
     since_ = now;
     return false;
   }
-  return now - since_ >= kLongest;
+  return now - since_ >= kMaxStall;
 }
 
 }  // namespace trabex

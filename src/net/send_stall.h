@@ -23,11 +23,11 @@ namespace trabex {
 
 class SendStall {
  public:
-  // The longest time without progress.
-  static constexpr Milliseconds kLongest{300000};
+  // The most time that may pass without progress.
+  static constexpr Milliseconds kMaxStall{300000};
 
   // Looks at what the socket has to send, at the time `now`, which never goes back. True when it has made no
-  // progress for kLongest, counted from the look that saw the last.
+  // progress for kMaxStall, counted from the look that saw the last.
   bool Look(const CSocketMaster& socket, MonotonicTime now);
   // The same for a send of which `progress` is what CSocketMaster::SendProgressMade gives; nothing when none
   // waits.

@@ -1,6 +1,5 @@
 // Sending and receiving of a TCP socket object.
 #include <algorithm>
-#include <utility>
 
 #include "net/CSocketMaster_impl.h"
 
@@ -16,7 +15,7 @@ constexpr std::size_t kAlwaysFits = 4096;
 void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return SendBufferedDataUDP(Data);
   if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
-  if (send_broken_) return;  // lost with the connection, whose end is told soon
+  if (write_failed_) return;  // lost with the connection, whose end follows soon
   if (!send_.Empty()) return send_.Append(Data);
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
@@ -50,7 +49,7 @@ std::size_t CSocketMaster::SendPieces(std::string_view data, int& error, bool mo
     const std::size_t left = data.size() - total;
     const std::size_t piece = left <= kAlwaysFits ? left : std::min(left, SendChunk());
     std::size_t sent = 0;
-    const int result = module_.sockets_.Send(socket_, data.substr(total, piece), sent, more_follows);
+    const int result = GetStream().Write(socket_, data.substr(total, piece), sent, more_follows);
     total += sent;
     if (result != 0 && result != socket_error::kWouldBlock) error = result;
     if (result != 0 || sent < piece) break;
@@ -61,10 +60,9 @@ std::size_t CSocketMaster::SendPieces(std::string_view data, int& error, bool mo
 void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   bytes_sent_ += static_cast<std::int64_t>(sent);
   if (error != 0) {
-    std::size_t waiting = 0;
-    if (hears_out_ && module_.sockets_.Available(socket_, waiting) == 0 && waiting > 0) {
+    if (drain_before_send_error_ && GetStream().Pending(socket_) > 0) {
       send_.Clear();
-      send_broken_ = true;
+      write_failed_ = true;
       return;
     }
     return ReportError(error, "CSocketMaster.SendBufferedData");
@@ -72,14 +70,15 @@ void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   if (sent == 0) return;
   const trabex::SocketHandle socket = socket_;
   const bool complete = send_.Empty();
-  Raise(Events.SendProgress, "CSocketMaster.SendProgress", sent, send_.Size());
+  Raise(Events.SendProgress, "SendProgress", sent, send_.Size());
   // The handler may have closed, or begun another send that will complete by itself.
   if (complete && socket == socket_ && send_.Empty()) {
-    Raise(Events.SendComplete, "CSocketMaster.SendComplete");
+    Raise(Events.SendComplete, "SendComplete");
   }
 }
 
 void CSocketMaster::FlushPending() {
+  if (state_ != SocketState::sckConnected || send_.Empty()) return;
   int error = 0;
   const std::size_t sent = SendPieces(send_.View(), error);
   send_.RemoveFront(sent);
@@ -93,26 +92,31 @@ void CSocketMaster::CheckReadable(std::int32_t max_length, const char* source) c
   if (max_length < 0) RaiseBadArgument(source);
 }
 
-// Receives up to `limit` bytes and hands each portion to `take`; returns their number. An error counts only
-// when there is nothing else to give, neither from here nor from before.
-template <class Take>
-std::size_t CSocketMaster::ReceiveUpTo(std::size_t limit, Take take) {
-  std::size_t total = 0;
-  while (total < limit) {
-    const std::span<char> whole = module_.Scratch();
-    const std::span<char> room = whole.first(std::min(whole.size(), limit - total));
+std::string_view CSocketMaster::Received() const {
+  return module_.received_->View(receive_);
+}
+
+// Receives until `wanted` bytes are there or no more come, and returns what is there, at most as much. An
+// error counts only when nothing is there.
+std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
+  Stream& stream = GetStream();
+  std::size_t there = Received().size();
+  while (there < wanted) {
+    const std::span<char> room = module_.received_->Room(receive_, wanted - there);
     std::size_t received = 0;
-    const int error = module_.sockets_.Receive(socket_, room, received);
-    if (error != 0 && error != socket_error::kWouldBlock && total == 0 && receive_.Empty()) {
+    const int error = stream.Read(socket_, room, received);
+    if (error != 0 && error != socket_error::kWouldBlock && there == 0) {
       state_ = SocketState::sckError;
       RaiseSocketError(error, "CSocketMaster.RecvDataToBuffer");
     }
+    if (error == 0 && received == 0 && stream_) HoldClose(0);
     if (error != 0 || received == 0) break;
-    take(std::string_view(room.data(), received));
-    total += received;
-    if (received < room.size()) break;
+    module_.received_->Add(receive_, received);
+    there += received;
+    if (received < room.size() && !stream.HoldsInput()) break;
   }
-  return total;
+  if (stream_) FollowUp();
+  return Received().substr(0, wanted);
 }
 
 std::int64_t CSocketMaster::SendProgressMade() const {
@@ -122,13 +126,15 @@ std::int64_t CSocketMaster::SendProgressMade() const {
 }
 
 std::size_t CSocketMaster::UnreadBytes() const {
-  std::size_t waiting = 0;
-  module_.sockets_.Available(socket_, waiting);
-  return receive_.Size() + waiting;
+  return Received().size() + GetStream().Pending(socket_);
 }
 
 bool CSocketMaster::PeerEnded() const {
   return module_.sockets_.PeerEnded(socket_);
+}
+
+std::size_t CSocketMaster::PortionSize(std::int32_t max_length) {
+  return max_length > 0 ? static_cast<std::size_t>(max_length) : ReceiveChunk();
 }
 
 std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
@@ -137,11 +143,8 @@ std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
   if (protocol_ == SocketProtocol::sckUDPProtocol) {
     count = RecvData(Data, false, MaxLen);
   } else {
-    const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
-    const std::size_t buffered = std::min(receive_.Size(), wanted);
-    Data.assign(receive_.View().substr(0, buffered));
-    ReceiveUpTo(wanted - buffered, [&](std::string_view part) { Data.append(part); });
-    receive_.RemoveFront(buffered);
+    Data.assign(ReceiveUpTo(PortionSize(MaxLen)));
+    module_.received_->Consume(receive_, Data.size());
     count = static_cast<std::int32_t>(Data.size());
   }
   bytes_received_ += count;
@@ -151,19 +154,15 @@ std::int32_t CSocketMaster::GetData(std::string& Data, std::int32_t MaxLen) {
 std::string_view CSocketMaster::PeekView(std::int32_t MaxLen) {
   CheckReadable(MaxLen, "CSocketMaster.PeekData");
   if (protocol_ == SocketProtocol::sckUDPProtocol) return PeekDatagram(MaxLen);
-  const std::size_t wanted = MaxLen > 0 ? static_cast<std::size_t>(MaxLen) : ReceiveChunk();
-  if (wanted > receive_.Size()) {
-    ReceiveUpTo(wanted - receive_.Size(), [&](std::string_view part) { receive_.Append(part); });
-  }
-  return receive_.View().substr(0, wanted);
+  return ReceiveUpTo(PortionSize(MaxLen));
 }
 
 void CSocketMaster::Consume(std::int32_t count) {
   constexpr const char* kSource = "CSocketMaster.Consume";
   if (protocol_ != SocketProtocol::sckTCPProtocol) RaiseWrongProtocolOrState(kSource);
   if (socket_.IsNone()) return;
-  if (count < 0 || static_cast<std::size_t>(count) > receive_.Size()) RaiseBadArgument(kSource);
-  receive_.RemoveFront(static_cast<std::size_t>(count));
+  if (count < 0 || static_cast<std::size_t>(count) > Received().size()) RaiseBadArgument(kSource);
+  module_.received_->Consume(receive_, static_cast<std::size_t>(count));
   bytes_received_ += count;
 }
 

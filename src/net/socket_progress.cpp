@@ -11,14 +11,24 @@ namespace {
 
 constexpr std::uint32_t kAllOnes = 0xFFFFFFFF;  // 255.255.255.255
 
+// Names under which errors of this file are reported; they are part of the log's texts.
+constexpr const char* kProgressSource = "CSocketMaster.WndProc";
+constexpr const char* kNotificationSource = "CSocketMaster.PostSocket";
+
 }  // namespace
+
+void CSocketMaster::LogHandlerError(const char* event) {
+  const std::string source = Events.Owner != nullptr ? std::string(Events.Owner) + "_" + event
+                                                     : std::string("CSocketMaster.") + event;
+  RunLogged(module_.log_, source, [] { throw; });
+}
 
 void CSocketMaster::ReportError(int number, const char* source) {
   state_ = SocketState::sckError;
   std::string description(SocketErrorText(number));
   const std::string source_text(source);
   bool cancel_display = true;
-  Raise(Events.Error, "CSocketMaster.Error", number, description, source_text, cancel_display);
+  Raise(Events.Error, "Error", number, description, source_text, cancel_display);
   if (!cancel_display) ShowMessage(source_text + ": " + description + "\n");
 }
 
@@ -36,7 +46,7 @@ std::optional<std::uint32_t> CSocketMaster::ResolveIfHostname(const std::string&
 void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
   host_lookup_ = 0;
   if (state_ != SocketState::sckResolvingHost) return;
-  RunLogged(module_.log_, "CSocketMaster.WndProc", [&] {
+  RunLogged(module_.log_, kProgressSource, [&] {
     if (answer.error != 0) return ConnectToIP(0, answer.error);
     state_ = SocketState::sckHostResolved;
     try {
@@ -68,17 +78,17 @@ void CSocketMaster::ConnectToIP(std::uint32_t address, int error) {
 
 void CSocketMaster::OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) {
   if (socket != socket_) return;
-  RunLogged(module_.log_, "CSocketMaster.WndProc", [&] { PostSocket(event, error); });
+  RunLogged(module_.log_, kProgressSource, [&] { OnNotification(event, error); });
 }
 
-void CSocketMaster::PostSocket(SocketEvent event, int error) {
-  if (error != 0) return ReportError(error, "CSocketMaster.PostSocket");
+void CSocketMaster::OnNotification(SocketEvent event, int error) {
+  if (event == SocketEvent::kClose) return OnClose(error);
+  if (error != 0) return ReportError(error, kNotificationSource);
   switch (event) {
     case SocketEvent::kRead:
       return OnRead();
     case SocketEvent::kWrite:
-      if (state_ == SocketState::sckConnected && !send_.Empty()) FlushPending();
-      return;
+      return OnWrite();
     case SocketEvent::kAccept:
       if (state_ == SocketState::sckListening) OnAccept();
       return;
@@ -86,15 +96,32 @@ void CSocketMaster::PostSocket(SocketEvent event, int error) {
       if (state_ == SocketState::sckConnecting) OnConnected();
       return;
     case SocketEvent::kClose:
-      if (state_ != SocketState::sckConnected) return;
-      state_ = SocketState::sckClosing;
-      return Raise(Events.CloseSck, "CSocketMaster.CloseSck");
+      break;
   }
 }
 
 void CSocketMaster::OnRead() {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return OnDatagram();
-  if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "CSocketMaster.DataArrival");
+  if (stream_ && stream_->WriteWaitsForRead()) FlushPending();
+  if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "DataArrival");
+}
+
+void CSocketMaster::OnWrite() {
+  if (stream_ && stream_->ReadWaitsForWrite() && state_ == SocketState::sckConnected) {
+    Raise(Events.DataArrival, "DataArrival");
+  }
+  FlushPending();
+}
+
+void CSocketMaster::OnClose(int error) {
+  if (stream_ && stream_->HoldsInput() && state_ == SocketState::sckConnected) {
+    HoldClose(error);
+    return FollowUp();
+  }
+  if (error != 0) return ReportError(error, kNotificationSource);
+  if (state_ != SocketState::sckConnected) return;
+  state_ = SocketState::sckClosing;
+  Raise(Events.CloseSck, "CloseSck");
 }
 
 void CSocketMaster::OnAccept() {
@@ -102,15 +129,15 @@ void CSocketMaster::OnAccept() {
   const int error = module_.sockets_.Accept(socket_, connection.socket, &connection.peer);
   if (error == socket_error::kWouldBlock) return;  // it has gone again
   if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, *this, error);
-  Check(error, "CSocketMaster.PostSocket");
+  Check(error, kNotificationSource);
   module_.pause_.Accepted();
   module_.Keep(connection);
-  // While the event runs, the listener's own properties tell who calls.
+  // While the event runs, the listener's own properties are those of the caller.
   PeerIdentity before{remote_port_, remote_address_, std::move(remote_host_)};
   remote_port_ = connection.peer.port;
   remote_address_ = IPAddress::IPv4(connection.peer.address);
   remote_host_.clear();
-  Raise(Events.ConnectionRequest, "CSocketMaster.ConnectionRequest", connection.socket.index);
+  Raise(Events.ConnectionRequest, "ConnectionRequest", connection.socket.index);
   if (state_ == SocketState::sckListening) {
     remote_port_ = before.port;
     remote_address_ = before.address;
@@ -123,7 +150,7 @@ void CSocketMaster::OnConnected() {
   remote_address_ = connect_address_;
   established_ = true;
   state_ = SocketState::sckConnected;
-  Raise(Events.Connect, "CSocketMaster.Connect");
+  Raise(Events.Connect, "Connect");
 }
 
 }  // namespace trabex

@@ -25,7 +25,7 @@ void CSocketMaster::OnDatagram() {
   const trabex::SocketHandle socket = socket_;
   std::size_t waiting = 0;
   if (module_.sockets_.Available(socket, waiting) == 0 && waiting > 0) {
-    Raise(Events.DataArrival, "CSocketMaster.DataArrival");
+    Raise(Events.DataArrival, "DataArrival");
   }
   // Reading one byte drops the datagram that the owner left lying.
   char byte = 0;

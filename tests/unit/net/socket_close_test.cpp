@@ -401,7 +401,7 @@ TEST_F(OrderlyCloseTest, IsToldOnlyWhenReallyNobodyIsLeft) {
   Ours().CloseSck();  // before the loop could tell
   RunUntilIdle(loop);
   EXPECT_EQ(told, 0);
-  clock.Advance(LingeringSockets::kLongest);
+  clock.Advance(LingeringSockets::kMaxDuration);
   RunUntilIdle(loop);
   EXPECT_EQ(told, 1);
 }

@@ -284,6 +284,10 @@ TEST_F(ConnectTest, AnErrorOfAHandlerIsLoggedAndTheSocketGoesOn) {
   socket->Events.SendComplete = [] { throw Error(1, "a.b", "c"); };
   socket->SendData("y");  // the handler runs inside, its error stays there
   EXPECT_EQ(log.Take(), std::vector<std::string>{"Error 1 in a.b. c"});
+  socket->Events.Owner = "cProxy.Sender";
+  socket->Events.SendComplete = [] { throw std::runtime_error("deep trouble"); };
+  socket->SendData("z");
+  EXPECT_EQ(log.Take(), std::vector<std::string>{"Error 7 in cProxy.Sender_SendComplete. deep trouble"});
 }
 
 TEST_F(ConnectTest, ASocketWithoutHandlersStillWorks) {

@@ -197,7 +197,7 @@ TEST_F(SendTest, ToAConnectionThatWasResetIsAnErrorThoughSomethingWaits) {
 
 TEST_F(SendTest, ToAConnectionThatWasResetLetsWhatThePeerSaidBeforeBeReadFirst) {
   Connection();
-  Ours().SetHearsOut(true);
+  Ours().SetDrainBeforeSendError(true);
   peer->Send("last words");
   ExpectEvents(*accepted, "DataArrival");
   ResetHere();
@@ -313,6 +313,60 @@ TEST_F(ReceiveTest, ConsumeTakesWhatWasPeekedAndCountsIt) {
   Ours().Consume(3);
   EXPECT_EQ(Ours().BytesReceived(), 11);
   EXPECT_EQ(Ours().PeekView(), "");
+}
+
+// What is received and passed on at once lies in the one buffer that all objects share, and nowhere else.
+TEST_F(ReceiveTest, WhatIsPassedOnIsNotCopied) {
+  Connection();
+  const auto first_peer = std::move(peer);
+  const auto first = std::move(accepted);
+  Connection();
+  const void* place = nullptr;
+  const auto pass_on = [&](CSocketMaster& from, Peer& from_peer, CSocketMaster& to, Peer& to_peer) {
+    const std::string content = Pattern(40000);
+    from_peer.Send(content);
+    ASSERT_TRUE(RunUntil(loop, [&] { return from_peer.AllDelivered(); }));
+    RunUntilIdle(loop);
+    const std::string_view view = from.PeekView();
+    ASSERT_TRUE(view == content);
+    if (place == nullptr) place = view.data();
+    EXPECT_EQ(view.data(), place);
+    to.SendData(view);
+    EXPECT_EQ(to.PendingBytes(), 0U);
+    from.Consume(static_cast<std::int32_t>(view.size()));
+    EXPECT_EQ(from.UnreadBytes(), 0U);
+    EXPECT_TRUE(to_peer.Receive(content.size()) == content);
+  };
+  for (int round = 0; round < 3; ++round) {
+    pass_on(**first, *first_peer, Ours(), *peer);
+    pass_on(Ours(), *peer, **first, *first_peer);
+  }
+}
+
+TEST_F(ReceiveTest, WhatIsLeftOverIsKeptWhileOthersRead) {
+  Connection();
+  const auto first_peer = std::move(peer);
+  const auto first = std::move(accepted);
+  Connection();
+  first_peer->Send("QUIT\r\nleft ");
+  peer->Send("other");
+  AllHere();
+  ASSERT_TRUE(RunUntil(loop, [&] { return first_peer->AllDelivered(); }));
+  RunUntilIdle(loop);
+  EXPECT_EQ((*first)->PeekView(), "QUIT\r\nleft ");
+  (*first)->Consume(6);
+  EXPECT_EQ(Ours().PeekView(3), "oth");
+  EXPECT_EQ((*first)->UnreadBytes(), 5U);
+  EXPECT_EQ(Ours().UnreadBytes(), 5U);
+  first_peer->Send("over");
+  ASSERT_TRUE(RunUntil(loop, [&] { return first_peer->AllDelivered(); }));
+  RunUntilIdle(loop);
+  EXPECT_EQ((*first)->PeekView(), "left over");
+  EXPECT_EQ(Get(), "other");
+  std::string data;
+  EXPECT_EQ((*first)->GetData(data), 9);
+  EXPECT_EQ(data, "left over");
+  EXPECT_EQ((*first)->BytesReceived(), 15);
 }
 
 TEST_F(ReceiveTest, NoMoreThanWasPeekedCanBeConsumed) {

@@ -1,0 +1,60 @@
+// What carries the bytes of a connection between a socket object and the system's socket: as they are, or
+// encrypted. The object, and the orderly end that follows it, send, receive and end the sending through a
+// stream alone, so their owner need not know which one it is.
+#pragma once
+
+#include <cstddef>
+#include <span>
+#include <string_view>
+
+#include "platform/sockets.h"
+
+namespace trabex {
+
+// Each call is for one and the same connected TCP socket in a stream's life, unless the stream holds no state
+// (PlainStream). Results are 0 or a socket error number; 10035: nothing can be done now, and the socket's
+// FD_READ (Read) or FD_WRITE (the others) follows when it can go on.
+class Stream {
+ public:
+  virtual ~Stream() = default;
+
+  // `received` 0 with result 0 is the end of what the peer says (`room` is not empty).
+  virtual int Read(SocketHandle socket, std::span<char> room, std::size_t& received) = 0;
+  // `sent` is how much of `data` (not empty) was taken. Less than all, with result 0, counts as 10035 for the
+  // rest. What was not taken is given again with the next call, which may have more behind it and lie
+  // somewhere else.
+  virtual int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) = 0;
+  // Ends sending; receiving goes on.
+  virtual int ShutDownWrite(SocketHandle socket) = 0;
+  // How many bytes Read would give now.
+  virtual std::size_t Pending(SocketHandle socket) = 0;
+
+  // Whether Read may give more although the socket announces nothing: the stream has received more than it
+  // has given, and did not find the socket empty since.
+  virtual bool HoldsInput() const { return false; }
+  // The last 10035 of a Read was because something must be sent first: FD_WRITE tells when to try again.
+  virtual bool ReadWaitsForWrite() const { return false; }
+  // The last 10035 of a Write was because something must be received first: FD_READ tells when.
+  virtual bool WriteWaitsForRead() const { return false; }
+};
+
+// The bytes as they are. One serves all sockets.
+class PlainStream final : public Stream {
+ public:
+  // `sockets` outlives the stream.
+  explicit PlainStream(Sockets& sockets) : sockets_(sockets) {}
+
+  int Read(SocketHandle socket, std::span<char> room, std::size_t& received) override {
+    return sockets_.Receive(socket, room, received);
+  }
+  int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) override {
+    return sockets_.Send(socket, data, sent, more_follows);
+  }
+  int ShutDownWrite(SocketHandle socket) override { return sockets_.ShutDownSending(socket); }
+  std::size_t Pending(SocketHandle socket) override;
+
+ private:
+  Sockets& sockets_;
+};
+
+}  // namespace trabex
