@@ -32,10 +32,10 @@ enum class SocketState : int {
 
 enum class SocketProtocol : int { sckTCPProtocol = 0, sckUDPProtocol = 1 };
 
-// What an object tells its owner, from the loop or from inside a call that the owner makes (SendData may
-// raise SendComplete before it returns). A handler may call anything on the object, CloseSck included, and
-// may hand the object's owner to EventLoop::DeferredDelete; it must not destroy the object. An empty handler
-// is skipped. An Error that leaves a handler is written to the log at the border.
+// What an object notifies its owner of, from the loop or from inside a call that the owner makes (SendData
+// may raise SendComplete before it returns). A handler may call anything on the object, CloseSck included,
+// and may hand the object's owner to EventLoop::DeferredDelete; it must not destroy the object. An empty
+// handler is skipped. An Error that leaves a handler is written to the log at the border.
 struct CSocketMasterEvents {
   std::function<void()> CloseSck;
   std::function<void()> Connect;

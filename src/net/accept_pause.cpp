@@ -46,7 +46,7 @@ void AcceptPause::Resume() {
 }
 
 void AcceptPause::WatchForEnd() {
-  // A connection that waits is notified in the next loop iteration.
+  // A connection that waits is announced in the next loop iteration.
   EventLoop& loop = sockets_.Loop();
   loop.Post([this, &loop, attempts = attempts_, alive = std::weak_ptr<bool>(alive_)] {
     loop.OnIterationEnd([this, attempts, alive] {

@@ -14,8 +14,7 @@ namespace trabex {
 
 class AcceptPause {
  public:
-  // The other ways in which descriptors become free (other processes, files) are not told to us, so it tries
-  // again by itself as well.
+  // Descriptors may also be freed elsewhere (other processes, files), so it retries on a timer as well.
   static constexpr Milliseconds kRetryInterval{1000};
 
   // References outlive this object.
@@ -43,13 +42,13 @@ class AcceptPause {
   };
 
   void Resume();
-  // Ends the period when a whole loop iteration passes in which nobody waits to be accepted.
+  // Ends the period when a whole loop iteration passes without a connection that waits.
   void WatchForEnd();
 
   Sockets& sockets_;
   Log& log_;
   std::vector<Listener> paused_;
-  bool exhausted_ = false;      // from the first failure to the iteration in which nobody waits any more
+  bool exhausted_ = false;      // from the first failure until no connection waits any more
   std::uint64_t attempts_ = 0;  // accepts, failed or not, while exhausted
   Timer retry_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -1,4 +1,4 @@
-// Addresses of hosts as far as they can be told at once.
+// Addresses of hosts as far as they are known without asking DNS.
 #pragma once
 
 #include <cstdint>

@@ -56,7 +56,7 @@ class modSocketMaster {
   void Keep(const Unclaimed& connection) { unclaimed_.push_back(connection); }
   // Takes the connection that `requestID` names out of those kept.
   std::optional<Unclaimed> Claim(std::int32_t requestID);
-  // Every socket of this room is closed here, or lingers first.
+  // Every socket of this library is closed here, or lingers first.
   void CloseSocket(SocketHandle socket);
 
   Sockets& sockets_;

@@ -13,7 +13,7 @@ std::string_view ReceiveBuffer::View(const ByteQueue& queue) const {
   return holder_ == &queue ? std::string_view(block_.get() + begin_, size_) : queue.View();
 }
 
-std::span<char> ReceiveBuffer::Room(ByteQueue& queue, std::size_t limit) {
+std::span<char> ReceiveBuffer::Space(ByteQueue& queue, std::size_t limit) {
   if (holder_ != &queue) {
     MoveOut();
     if (queue.Size() < kCapacity) TakeIn(queue);

@@ -27,8 +27,8 @@ class ReceiveBuffer {
   // What was received and not consumed. Valid until a call that is not const, for whichever queue.
   std::string_view View(const ByteQueue& queue) const;
   // Where the next bytes can be received: `limit` bytes at most, at least one (`limit` is not 0).
-  std::span<char> Room(ByteQueue& queue, std::size_t limit);
-  // `count` bytes were received into what Room gave.
+  std::span<char> Space(ByteQueue& queue, std::size_t limit);
+  // `count` bytes were received into what Space gave.
   void Add(ByteQueue& queue, std::size_t count);
   // Drops the first `count` bytes of View.
   void Consume(ByteQueue& queue, std::size_t count);

@@ -102,9 +102,9 @@ std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
   Stream& stream = GetStream();
   std::size_t there = Received().size();
   while (there < wanted) {
-    const std::span<char> room = module_.received_->Room(receive_, wanted - there);
+    const std::span<char> space = module_.received_->Space(receive_, wanted - there);
     std::size_t received = 0;
-    const int error = stream.Read(socket_, room, received);
+    const int error = stream.Read(socket_, space, received);
     if (error != 0 && error != socket_error::kWouldBlock && there == 0) {
       state_ = SocketState::sckError;
       RaiseSocketError(error, "CSocketMaster.RecvDataToBuffer");
@@ -113,7 +113,7 @@ std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
     if (error != 0 || received == 0) break;
     module_.received_->Add(receive_, received);
     there += received;
-    if (received < room.size() && !stream.HoldsInput()) break;
+    if (received < space.size() && !stream.HoldsInput()) break;
   }
   if (stream_) FollowUp();
   return Received().substr(0, wanted);

@@ -1,4 +1,4 @@
-// Members of the socket object that nothing in this program calls: the tag, and what it tells of this
+// Members of the socket object that nothing in this program calls: the tag, and what it says of this
 // machine.
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"

@@ -18,8 +18,8 @@ class Stream {
  public:
   virtual ~Stream() = default;
 
-  // `received` 0 with result 0 is the end of what the peer says (`room` is not empty).
-  virtual int Read(SocketHandle socket, std::span<char> room, std::size_t& received) = 0;
+  // `received` 0 with result 0 is the end of what the peer says (`space` is not empty).
+  virtual int Read(SocketHandle socket, std::span<char> space, std::size_t& received) = 0;
   // `sent` is how much of `data` (not empty) was taken. Less than all, with result 0, counts as 10035 for the
   // rest. What was not taken is given again with the next call, which may have more behind it and lie
   // somewhere else.
@@ -32,9 +32,9 @@ class Stream {
   // Whether Read may give more although the socket announces nothing: the stream has received more than it
   // has given, and did not find the socket empty since.
   virtual bool HoldsInput() const { return false; }
-  // The last 10035 of a Read was because something must be sent first: FD_WRITE tells when to try again.
+  // The last 10035 of a Read was because something must be sent first: it may go on at FD_WRITE.
   virtual bool ReadWaitsForWrite() const { return false; }
-  // The last 10035 of a Write was because something must be received first: FD_READ tells when.
+  // The last 10035 of a Write was because something must be received first: it may go on at FD_READ.
   virtual bool WriteWaitsForRead() const { return false; }
 };
 
@@ -44,8 +44,8 @@ class PlainStream final : public Stream {
   // `sockets` outlives the stream.
   explicit PlainStream(Sockets& sockets) : sockets_(sockets) {}
 
-  int Read(SocketHandle socket, std::span<char> room, std::size_t& received) override {
-    return sockets_.Receive(socket, room, received);
+  int Read(SocketHandle socket, std::span<char> space, std::size_t& received) override {
+    return sockets_.Receive(socket, space, received);
   }
   int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) override {
     return sockets_.Send(socket, data, sent, more_follows);

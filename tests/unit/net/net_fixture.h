@@ -132,11 +132,11 @@ class Peer {
   // Takes what has come, without waiting. Sets ended and reset.
   std::string ReceiveNow() {
     std::string result;
-    char room[65536];
+    char space[65536];
     for (;;) {
-      const ssize_t count = recv(descriptor_, room, sizeof room, 0);
+      const ssize_t count = recv(descriptor_, space, sizeof space, 0);
       if (count > 0) {
-        result.append(room, static_cast<std::size_t>(count));
+        result.append(space, static_cast<std::size_t>(count));
         continue;
       }
       if (count == 0) ended = true;

@@ -12,10 +12,10 @@ class ReceiveBufferTest : public testing::Test {
  protected:
   // As if `text` came for the object of `queue`, which takes `limit` bytes at most.
   void Receive(ByteQueue& queue, std::string_view text, std::size_t limit) {
-    const std::span<char> room = buffer.Room(queue, limit);
-    ASSERT_LE(room.size(), limit);
-    ASSERT_GE(room.size(), text.size());
-    std::copy(text.begin(), text.end(), room.begin());
+    const std::span<char> space = buffer.Space(queue, limit);
+    ASSERT_LE(space.size(), limit);
+    ASSERT_GE(space.size(), text.size());
+    std::copy(text.begin(), text.end(), space.begin());
     buffer.Add(queue, text.size());
   }
   void Receive(ByteQueue& queue, std::string_view text) { Receive(queue, text, text.size()); }
@@ -117,9 +117,9 @@ TEST_F(ReceiveBufferTest, AnyOrderGivesEachReaderItsOwnBytes) {
     switch (random(5)) {
       case 0:
       case 1: {
-        const std::span<char> room = buffer.Room(reader.queue, 1 + random(random(10) == 0 ? 100000 : 300));
-        const std::size_t count = random(room.size() + 1);
-        std::fill_n(room.begin(), count, static_cast<char>(step));
+        const std::span<char> space = buffer.Space(reader.queue, 1 + random(random(10) == 0 ? 100000 : 300));
+        const std::size_t count = random(space.size() + 1);
+        std::fill_n(space.begin(), count, static_cast<char>(step));
         buffer.Add(reader.queue, count);
         reader.expected.append(count, static_cast<char>(step));
         break;

@@ -115,16 +115,16 @@ TEST_F(CloseInsideTest, ErrorInsideSendData) {
 }
 
 TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
-  // Two connections have data; the first one told closes both.
+  // Two connections have data; the first one notified closes both.
   Connection();
   auto first = std::move(accepted);
   Peer second_peer(loop);
   second_peer.Connect((*listener)->LocalPort());
   ASSERT_TRUE(RunUntil(loop, [&] { return accepted != nullptr; }));
   RunUntilIdle(loop);
-  int told = 0;
+  int notified = 0;
   const auto close_both = [&] {
-    ++told;
+    ++notified;
     (*first)->CloseSck();
     Ours().CloseSck();
   };
@@ -132,9 +132,9 @@ TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
   accepted->On("DataArrival", close_both);
   peer->Send("x");
   second_peer.Send("y");
-  ASSERT_TRUE(RunUntil(loop, [&] { return told > 0; }));
+  ASSERT_TRUE(RunUntil(loop, [&] { return notified > 0; }));
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 1);
+  EXPECT_EQ(notified, 1);
 }
 
 TEST_F(CloseInsideTest, TheOwnerMayBeDeletedLater) {
@@ -234,7 +234,7 @@ TEST_F(OrderlyCloseTest, AfterThePeersEndWithNothingToSendTheSocketIsClosedAtOnc
   EXPECT_EQ(peer->ReceiveToEnd(), "");
 }
 
-TEST_F(OrderlyCloseTest, AnEndThatIsThereButNotToldYetNeedsNoLingeringEither) {
+TEST_F(OrderlyCloseTest, AnEndThatIsThereButNotAnnouncedYetNeedsNoLingeringEither) {
   Connection();
   peer->Send("x");
   peer->EndSending();
@@ -375,39 +375,39 @@ TEST_F(OrderlyCloseTest, TheObjectMayBeUsedAgainMeanwhile) {
   EXPECT_EQ(peer->ReceiveToEnd(), "old");
 }
 
-TEST_F(OrderlyCloseTest, IsToldWhenNobodyIsLeft) {
-  int told = 0;
-  module.WhenNoneLingers([&] { ++told; });
-  EXPECT_EQ(told, 0);
+TEST_F(OrderlyCloseTest, IsNotifiedWhenNoneIsLeft) {
+  int notified = 0;
+  module.WhenNoneLingers([&] { ++notified; });
+  EXPECT_EQ(notified, 0);
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 1);
+  EXPECT_EQ(notified, 1);
 
   Connection();
   Ours().CloseSck();
-  module.WhenNoneLingers([&] { told += 10; });
-  module.WhenNoneLingers([&] { told += 100; });
+  module.WhenNoneLingers([&] { notified += 10; });
+  module.WhenNoneLingers([&] { notified += 100; });
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 1);
+  EXPECT_EQ(notified, 1);
   peer->Close();
-  EXPECT_TRUE(RunUntil(loop, [&] { return told == 111; }));
+  EXPECT_TRUE(RunUntil(loop, [&] { return notified == 111; }));
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 111);
+  EXPECT_EQ(notified, 111);
 }
 
-TEST_F(OrderlyCloseTest, IsToldOnlyWhenReallyNobodyIsLeft) {
+TEST_F(OrderlyCloseTest, IsNotifiedOnlyWhenReallyNoneIsLeft) {
   Connection();
-  int told = 0;
-  module.WhenNoneLingers([&] { ++told; });
-  Ours().CloseSck();  // before the loop could tell
+  int notified = 0;
+  module.WhenNoneLingers([&] { ++notified; });
+  Ours().CloseSck();  // before the loop could notify
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 0);
+  EXPECT_EQ(notified, 0);
   clock.Advance(LingeringSockets::kMaxDuration);
   RunUntilIdle(loop);
-  EXPECT_EQ(told, 1);
+  EXPECT_EQ(notified, 1);
 }
 
-TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndTellsNobody) {
-  bool told = false;
+TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndNotifiesNobody) {
+  bool notified = false;
   Peer client(loop);
   SocketHandle lingering;
   {
@@ -425,13 +425,13 @@ TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndTellsNobody) {
     Endpoint peer_of_it;
     EXPECT_EQ(sockets.RemoteEndpoint(lingering, peer_of_it), 0);
     server->CloseSck();
-    other.WhenNoneLingers([&] { told = true; });
+    other.WhenNoneLingers([&] { notified = true; });
   }
   RunUntilIdle(loop);
   Endpoint nobody;
   EXPECT_EQ(sockets.RemoteEndpoint(lingering, nobody), socket_error::kNotSocket);
   EXPECT_EQ(client.ReceiveToEnd(), "");
-  EXPECT_FALSE(told);
+  EXPECT_FALSE(notified);
 }
 
 }  // namespace

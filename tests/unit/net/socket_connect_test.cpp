@@ -193,7 +193,7 @@ TEST_F(ConnectTest, AnAddressThatIsNotAvailableIsRaisedToTheCaller) {
   EXPECT_EQ(second.Take(), "");
   EXPECT_EQ(second->State(), SocketState::sckConnecting);
   second->CloseSck();
-  // After a look-up there is no caller, so the event tells it.
+  // After a look-up there is no caller, so the event reports it.
   names.SetAddresses("server.test", {kLoopback});
   second->Connect("server.test", server.port);
   ASSERT_TRUE(RunUntil(loop, [&] { return second->State() == SocketState::sckError; }));

@@ -1,4 +1,4 @@
-// Sending, receiving, and how a connection's end is told.
+// Sending, receiving, and how a connection's end is notified.
 #include "net_fixture.h"
 
 namespace trabex {
@@ -134,10 +134,10 @@ TEST_F(SendTest, ASlowReaderGetsMegabytesInOrder) {
   Ours().SendData(all);
   EXPECT_GT(Ours().PendingBytes(), 0U);
   std::string got;
-  char room[20011];
+  char space[20011];
   peer->RunWith([&] {
-    const ssize_t count = recv(peer->Descriptor(), room, sizeof room, 0);
-    if (count > 0) got.append(room, static_cast<std::size_t>(count));
+    const ssize_t count = recv(peer->Descriptor(), space, sizeof space, 0);
+    if (count > 0) got.append(space, static_cast<std::size_t>(count));
     return got.size() >= all.size();
   });
   EXPECT_TRUE(got == all);
@@ -213,7 +213,7 @@ TEST_F(SendTest, ToAConnectionThatWasResetLetsWhatThePeerSaidBeforeBeReadFirst) 
   ASSERT_TRUE(RunUntil(loop, [&] { return Ours().State() != SocketState::sckConnected; }));
   const std::string end = accepted->Take();
   EXPECT_TRUE(end == "CloseSck" || end == "Error(10054)")
-      << end;  // the system may have told its error before
+      << end;  // the system may have reported its error before
   // The next connection of the object is whole again.
   Ours().CloseSck();
   PeerListener server(loop);
@@ -258,7 +258,7 @@ TEST_F(ReceiveTest, DataArrivalIsRaisedOnceUntilDataIsTaken) {
   EXPECT_EQ(Ours().BytesReceived(), 11);
 }
 
-TEST_F(ReceiveTest, WhatIsLeftIsToldAgain) {
+TEST_F(ReceiveTest, WhatIsLeftIsAnnouncedAgain) {
   Connection();
   peer->Send("onetwo");
   AllHere();
@@ -472,7 +472,7 @@ TEST_F(EndTest, CloseSckIsRaisedOnceAndTheSocketStaysUntilTheOwnerCloses) {
   EXPECT_EQ(Ours().State(), SocketState::sckClosed);
 }
 
-TEST_F(EndTest, ThePeersLastWordsAreReadBeforeItsEndIsTold) {
+TEST_F(EndTest, ThePeersLastWordsAreReadBeforeTheEndIsNotified) {
   Connection();
   peer->Send("last words");
   peer->Close();
@@ -483,7 +483,7 @@ TEST_F(EndTest, ThePeersLastWordsAreReadBeforeItsEndIsTold) {
   ExpectEvents(*accepted, "CloseSck");
 }
 
-TEST_F(EndTest, AnEndFoundByReadingIsToldFromTheLoop) {
+TEST_F(EndTest, AnEndFoundByReadingIsNotifiedFromTheLoop) {
   Connection();
   peer->Send("x");
   peer->Close();

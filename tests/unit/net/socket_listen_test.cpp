@@ -114,7 +114,7 @@ TEST_F(ListenTest, AcceptReplacesASocketThatAFailedBindLeft) {
   ExpectEvents(*accepted, "DataArrival");
 }
 
-TEST_F(ListenTest, DataThatCameBeforeTheAcceptIsTold) {
+TEST_F(ListenTest, DataThatCameBeforeTheAcceptIsAnnounced) {
   StartListener();
   peer = std::make_unique<Peer>(loop);
   peer->Connect((*listener)->LocalPort());
@@ -128,7 +128,7 @@ TEST_F(ListenTest, DataThatCameBeforeTheAcceptIsTold) {
   ExpectEvents(*accepted, "CloseSck");
 }
 
-TEST_F(ListenTest, ManyWaitingConnectionsAreAllTold) {
+TEST_F(ListenTest, ManyWaitingConnectionsAreAllAnnounced) {
   StartListener();
   std::vector<std::unique_ptr<TracedSocket>> all;
   listener->On("ConnectionRequest", [&] {

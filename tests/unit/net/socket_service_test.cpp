@@ -216,52 +216,52 @@ TEST_F(RemoteNameTest, AConfirmedNameHasThePeersAddress) {
               "This is a nonrecoverable error.");
 }
 
-TEST_F(RemoteNameTest, ASecondRequestReplacesWhoIsTold) {
+TEST_F(RemoteNameTest, ASecondRequestReplacesWhoIsNotified) {
   Connection();
   names.HoldAnswers();
   names.SetName(kLoopback, "client.test");
-  std::string told;
-  (*accepted)->LookUpRemoteHostName([&] { told += "first "; });
-  (*accepted)->LookUpRemoteHostName([&] { told += "second "; });
+  std::string notified;
+  (*accepted)->LookUpRemoteHostName([&] { notified += "first "; });
+  (*accepted)->LookUpRemoteHostName([&] { notified += "second "; });
   EXPECT_EQ(names.Deliver(), 1U);
-  EXPECT_EQ(told, "second ");
+  EXPECT_EQ(notified, "second ");
   // And a later one asks anew.
   names.SetName(kLoopback, "other.test");
-  (*accepted)->LookUpRemoteHostName([&] { told += "third"; });
+  (*accepted)->LookUpRemoteHostName([&] { notified += "third"; });
   EXPECT_EQ(names.Deliver(), 1U);
-  EXPECT_EQ(told, "second third");
+  EXPECT_EQ(notified, "second third");
   EXPECT_EQ((*accepted)->RemoteHostName(), "other.test");
 }
 
-TEST_F(RemoteNameTest, NobodyIsToldAfterCloseSckOrTheObjectsEnd) {
+TEST_F(RemoteNameTest, NobodyIsNotifiedAfterCloseSckOrTheObjectsEnd) {
   Connection();
   names.HoldAnswers();
-  bool told = false;
-  (*accepted)->LookUpRemoteHostName([&] { told = true; });
+  bool notified = false;
+  (*accepted)->LookUpRemoteHostName([&] { notified = true; });
   (*accepted)->CloseSck();
   EXPECT_EQ(names.Waiting(), 0U);
   peer.reset();
   Connection();
-  (*accepted)->LookUpRemoteHostName([&] { told = true; });
+  (*accepted)->LookUpRemoteHostName([&] { notified = true; });
   accepted.reset();
   EXPECT_EQ(names.Waiting(), 0U);
   EXPECT_EQ(names.Deliver(), 0U);
-  EXPECT_FALSE(told);
+  EXPECT_FALSE(notified);
 }
 
-TEST_F(RemoteNameTest, TheObjectMayBeClosedWhenTheAnswerIsTold) {
+TEST_F(RemoteNameTest, TheObjectMayBeClosedWhenTheAnswerComes) {
   Connection();
   names.SetName(kLoopback, "client.test");
-  bool told = false;
+  bool notified = false;
   (*accepted)->LookUpRemoteHostName([&] {
-    told = true;
+    notified = true;
     (*accepted)->CloseSck();
   });
-  EXPECT_TRUE(RunUntil(loop, [&] { return told; }));
+  EXPECT_TRUE(RunUntil(loop, [&] { return notified; }));
   EXPECT_EQ((*accepted)->RemoteHostName(), "client.test");
 }
 
-TEST_F(RemoteNameTest, AnErrorOfTheOneWhoIsToldIsLogged) {
+TEST_F(RemoteNameTest, AnErrorOfTheOneWhoIsNotifiedIsLogged) {
   Connection();
   (*accepted)->LookUpRemoteHostName([] { throw Error(321, "a.handler", "Broken."); });
   EXPECT_TRUE(RunUntil(loop, [&] { return !log.Lines().empty(); }));

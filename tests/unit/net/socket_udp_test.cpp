@@ -152,7 +152,7 @@ TEST_F(UdpTest, WhatTheSystemRefusesToSendIsAnErrorEvent) {
   EXPECT_EQ(sender->State(), SocketState::sckError);
 }
 
-TEST_F(UdpTest, WhatComesInTheErrorStateIsNotTold) {
+TEST_F(UdpTest, WhatComesInTheErrorStateIsNotAnnounced) {
   sender->SendData(std::string(70000, 'x'));
   ASSERT_EQ(sender->State(), SocketState::sckError);
   sender.Take();

@@ -56,14 +56,14 @@ class RecordStream final : public Stream {
   // Nothing is read before these bytes are sent.
   void ReadOnlyAfterSending(std::string bytes) { first_ = std::move(bytes); }
 
-  int Read(SocketHandle socket, std::span<char> room, std::size_t& received) override {
+  int Read(SocketHandle socket, std::span<char> space, std::size_t& received) override {
     received = 0;
     drained_ = true;
     if (!Flush(socket, first_)) return socket_error::kWouldBlock;
     if (text_.empty() && !ended_) {
       if (const int error = NextRecord(socket); error != 0) return error;
     }
-    received = text_.copy(room.data(), room.size());
+    received = text_.copy(space.data(), space.size());
     text_.erase(0, received);
     drained_ = ended_;
     return 0;
@@ -113,15 +113,15 @@ class RecordStream final : public Stream {
   int NextRecord(SocketHandle socket) {
     std::size_t size = 0;
     while ((size = RecordSize(input_)) == 0) {
-      char room[4096];
+      char space[4096];
       std::size_t received = 0;
-      const int error = sockets_.Receive(socket, room, received);
+      const int error = sockets_.Receive(socket, space, received);
       if (error != 0) return error;
       if (received == 0) {
         ended_ = true;
         return 0;
       }
-      input_.append(room, received);
+      input_.append(space, received);
     }
     text_ = Text(std::string_view(input_).substr(0, size));
     input_.erase(0, size);
