@@ -40,6 +40,9 @@ class modSocketMaster {
   // share: one buffer to receive into.
   bool ServiceStarted() const { return received_ != nullptr; }
   std::size_t ObjectCount() const { return object_count_; }
+  // How many received bytes were copied since the service began, because an object had left them unread when
+  // another one was read, or wanted more at a time than the buffer takes.
+  std::uint64_t CopiedBytes() const { return received_ ? received_->CopiedBytes() : 0; }
 
  private:
   friend class CSocketMaster;

@@ -35,6 +35,7 @@ void ReceiveBuffer::Add(ByteQueue& queue, std::size_t count) {
     size_ += count;
   } else {
     queue.Append({block_.get(), count});
+    copied_ += count;
   }
 }
 
@@ -60,12 +61,14 @@ void ReceiveBuffer::TakeIn(ByteQueue& queue) {
   holder_ = &queue;
   begin_ = 0;
   size_ = bytes.size();
+  copied_ += size_;
   queue.Clear();
 }
 
 void ReceiveBuffer::MoveOut() {
   if (holder_ == nullptr) return;
   holder_->Append({block_.get() + begin_, size_});
+  copied_ += size_;
   holder_ = nullptr;
   begin_ = 0;
   size_ = 0;

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <string_view>
@@ -35,6 +36,9 @@ class ReceiveBuffer {
   // Drops all of them; `queue` may be destroyed afterwards.
   void Discard(ByteQueue& queue);
 
+  // How many bytes have been copied between the block and queues so far.
+  std::uint64_t CopiedBytes() const { return copied_; }
+
  private:
   void TakeIn(ByteQueue& queue);
   void MoveOut();
@@ -44,6 +48,7 @@ class ReceiveBuffer {
   ByteQueue* holder_ = nullptr;  // whose bytes lie in the block; its queue is empty
   std::size_t begin_ = 0;
   std::size_t size_ = 0;
+  std::uint64_t copied_ = 0;
 };
 
 }  // namespace trabex

@@ -36,6 +36,7 @@ TEST_F(ReceiveBufferTest, BytesThatAreConsumedBeforeAnotherReadsTouchNoQueue) {
     EXPECT_EQ(buffer.View(*queue), "");
     EXPECT_EQ(one.Capacity() + two.Capacity(), 0U);
   }
+  EXPECT_EQ(buffer.CopiedBytes(), 0U);
 }
 
 TEST_F(ReceiveBufferTest, ALeftOverMovesToItsQueueWhenAnotherReadsAndBackAfterwards) {
