@@ -215,19 +215,19 @@ class CSocketMaster final : public SocketSink {
   trabex::SocketHandle socket_;
   SocketState state_ = SocketState::sckClosed;
   SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
+  std::int32_t remote_port_ = 0;
+  std::int32_t local_port_ = 0;  // as requested
+  std::int32_t send_chunk_ = 0;  // 0: not asked for yet, as for the next
+  std::int32_t receive_chunk_ = 0;
+  IPAddress connect_address_;  // that a connect is under way to
+  IPAddress remote_address_;
   bool established_ = false;  // connected at least once since the socket was created
   bool drain_before_send_error_ = false;
   // With drain_before_send_error_: a send failed while input of the peer waits to be read.
   bool write_failed_ = false;
-  std::int32_t remote_port_ = 0;
-  std::int32_t local_port_ = 0;  // as requested
-  IPAddress connect_address_;    // that a connect is under way to
-  std::int32_t send_chunk_ = 0;  // 0: not asked for yet, as for the next
-  std::int32_t receive_chunk_ = 0;
   std::int64_t bytes_received_ = 0;
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
-  IPAddress remote_address_;
   ByteQueue send_;                  // accepted and not sent
   ByteQueue receive_;               // received and not consumed, as far as it is not in module_.received_
   std::unique_ptr<Stream> stream_;  // nullptr: the plain one
