@@ -112,8 +112,6 @@ class CSocketMaster final : public SocketSink {
   // lost, and CloseSck or Error follows the last of the input. Not set at first: a failed send is an Error at
   // once. Only for an owner that goes on reading whatever becomes of its sends.
   void SetDrainBeforeSendError(bool drain) { drain_before_send_error_ = drain; }
-  // The same, by its former name.
-  void SetHearsOut(bool drain) { SetDrainBeforeSendError(drain); }
   // The bytes received, MaxLen at most (0: one chunk of the socket's receive buffer); returns their number.
   // PeekData leaves them to be read again.
   std::int32_t GetData(std::string& Data, std::int32_t MaxLen = 0);

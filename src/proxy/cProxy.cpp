@@ -35,7 +35,7 @@ cProxy::cProxy(SessionHost& host)
       Sender(SessionSide::Peer::kServer, host, *this),
       dialogue_(host.configuration, host.clock, *this, host.greylisting) {
   // If the server closes, what it said before is delivered; a client that is gone has nobody to answer to.
-  Sender.Socket().SetHearsOut(true);
+  Sender.Socket().SetDrainBeforeSendError(true);
 }
 
 cProxy::~cProxy() {
