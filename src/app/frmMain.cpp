@@ -4,9 +4,7 @@
 #include <cmath>
 #include <iterator>
 #include <utility>
-#include <variant>
 
-#include "app/connection_row.h"
 #include "app/log_file.h"
 #include "app/program.h"
 #include "app/version.h"
@@ -57,7 +55,8 @@ frmMain::frmMain(Program& program)
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
       tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
-      auto_reload_(program, *this) {
+      auto_reload_(program, *this),
+      view_(program.loop, sessions_) {
   tmrStatus.Enable();
   tmrLog.Enable();
 }
@@ -98,21 +97,16 @@ bool frmMain::WaitForListening() {
 void frmMain::Show(bool minimized) {
   if (unloaded_) return;
   const bool was_due = std::exchange(view_is_due_, false);
-  auto opened = OpenView(program_.loop, *this, minimized,
-                         {.closed = [this] { Form_Unload(); },
-                          .folded = {},
-                          .lost = [this] { ViewLost(); },
-                          .screen_gone = [this] { ScreenGone(); }});
-  if (auto* const view = std::get_if<std::unique_ptr<MainView>>(&opened)) {
-    view_ = std::move(*view);
-    return;
-  }
-  const NoView& why_not = std::get<NoView>(opened);
-  if (why_not.kind != NoView::Kind::kNoScreen) {
-    program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not.text << '\n';
+  const auto why_not = view_.Show(minimized, {.closed = [this] { Form_Unload(); },
+                                              .folded = {},
+                                              .lost = [this] { ViewLost(); },
+                                              .screen_gone = [this] { ScreenGone(); }});
+  if (!why_not) return;
+  if (why_not->kind != NoView::Kind::kNoScreen) {
+    program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not->text << '\n';
   }
   // It was there when the start began.
-  if (was_due && why_not.kind != NoView::Kind::kUnusable) ScreenGone();
+  if (was_due && why_not->kind != NoView::Kind::kUnusable) ScreenGone();
 }
 
 void frmMain::Form_Unload() {
@@ -123,7 +117,7 @@ void frmMain::Form_Unload() {
   tmrSaveGreyListing.Disable();
   tmrLog.Disable();
   program_.log.SetTimer(nullptr);
-  view_.reset();
+  view_.Hide();
   // The listener itself may be the caller, so it stays until the window goes.
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   if (listener_) listener_->CloseSck();
@@ -216,8 +210,7 @@ void frmMain::ShowAddresses() {
   const std::string bound = BindAddress(program_.configuration);
   const std::string server = ServerAddress(program_.configuration);
   program_.log.LogLine("Listen on: " + bound + "; Connect to: " + server + ".");
-  status_ = bound + " --> " + server;
-  if (view_) view_->Refresh();
+  view_.SetStatus(bound + " --> " + server);
 }
 
 void frmMain::EnableGreyListingTimer() {
@@ -238,28 +231,13 @@ void frmMain::Listener_Error(int number, const std::string& description) {
   Form_Unload();
 }
 
-// The view is refreshed here only, not with each row that comes or goes: a flood of connections costs two
-// frames a second.
+// The view is refreshed by tmrStatus alone.
 void frmMain::AddRow(cProxy&) {}
 
 void frmMain::RemoveRow(std::string_view) {}
 
-std::string frmMain::Version() const {
-  return "v. " + VersionText();
-}
-
-std::string frmMain::Header() const {
-  return std::string(kConnectionHeader);
-}
-
-std::string frmMain::RowText(std::size_t index) const {
-  const cProxy& session = sessions_.At(index);
-  return ConnectionRow(session.Handle(), session.BytesReceived(), session.BytesSent(), session.Duration(),
-                       session.ClientIP(), session.HostNameOrUnknown());
-}
-
 void frmMain::tmrStatus_Timer() {
-  if (view_) view_->Refresh();
+  view_.Refresh();
 }
 
 void frmMain::tmrLog_Timer() {
@@ -283,7 +261,7 @@ void frmMain::ScreenGone() {
 
 void frmMain::HangUp() {
   if (unloaded_) return;
-  if (view_ || view_is_due_) return Form_Unload();
+  if (view_.Shown() || view_is_due_) return Form_Unload();
   if (loaded_) return auto_reload_.Request();
   reload_is_due_ = true;
 }
@@ -295,7 +273,7 @@ void frmMain::ReopenLog() {
 }
 
 void frmMain::ViewLost() {
-  view_.reset();
+  view_.Hide();
   const std::string text = std::string(LostViewText()) + "; running on without one.";
   program_.log.LogLine(text);
   ShowMessage(std::string(kApplicationTitle) + ": " + text + "\n");

@@ -1,9 +1,6 @@
-// The main window: it owns the listener, the sessions and the timers, and shows the open connections. Its
-// load is the second half of a start, its unload the whole shut-down; the program runs as long as it is
-// loaded.
-//
-// The window is there whether it is shown or not. Shown, it has a view, which asks for the
-// text of the rows that it displays; nobody else makes row texts.
+// The main window, which is the program at work: it owns the listener, the sessions and the timers. Its load
+// is the second half of a start, its unload the whole shut-down; the program runs as long as it is loaded,
+// whether the open connections are shown (connection_view.h) or not.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +11,7 @@
 #include <vector>
 
 #include "app/auto_reload.h"
-#include "console/main_view.h"
+#include "app/connection_view.h"
 #include "net/CSocketMaster.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
@@ -25,7 +22,7 @@ namespace trabex {
 
 struct Program;
 
-class frmMain final : public ConnectionTable, private ViewContent {
+class frmMain final : public ConnectionTable {
  public:
   // `program` outlives the window.
   explicit frmMain(Program& program);
@@ -69,13 +66,6 @@ class frmMain final : public ConnectionTable, private ViewContent {
   const SessionCollection& Sessions() const { return sessions_; }
 
  private:
-  // The view's content.
-  std::string Status() const override { return status_; }
-  std::string Version() const override;
-  std::string Header() const override;
-  std::size_t RowCount() const override { return sessions_.Count(); }
-  std::string RowText(std::size_t index) const override;
-
   bool WaitForListening();
   bool Listen();
   bool PassesLoopTest(const AddressAnswer& server);
@@ -92,11 +82,10 @@ class frmMain final : public ConnectionTable, private ViewContent {
   void ReopenLog();
 
   Program& program_;
-  mutable SessionCollection sessions_;  // its quick access by index notes where it stopped
+  SessionCollection sessions_;
   SessionHost session_host_;
   std::unique_ptr<CSocketMaster> listener_;
   LookupId server_lookup_ = 0;
-  std::string status_;
   DateTime last_greylisting_save_ = 0;  // universal
   bool loaded_ = false;                 // Form_Load is done
   bool unloaded_ = false;
@@ -107,7 +96,7 @@ class frmMain final : public ConnectionTable, private ViewContent {
   Timer tmrSaveGreyListing;
   AutoReload auto_reload_;
   std::unique_ptr<SystemRequests> system_requests_;
-  std::unique_ptr<MainView> view_;
+  ConnectionView view_;
 };
 
 }  // namespace trabex
