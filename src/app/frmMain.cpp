@@ -123,8 +123,8 @@ void frmMain::Form_Unload() {
   if (listener_) listener_->CloseSck();
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
   // A reload may have switched greylisting off and not saved the records.
-  if (program_.configuration.GreyListing.Enabled || !program_.greylisting_hooks.database().empty()) {
-    program_.greylisting_hooks.save();
+  if (program_.configuration.GreyListing.Enabled || !program_.greylisting_records->Database().empty()) {
+    program_.greylisting_records->Save();
   }
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
@@ -250,7 +250,7 @@ void frmMain::tmrSaveGreyListing_Timer() {
   // In either direction: a clock that was set back by days must not put the save off for as long.
   const double passed = std::abs(now - last_greylisting_save_);
   if (passed + kRounding < program_.configuration.GreyListing.SaveInterval) return;
-  program_.greylisting_hooks.save_in_background([this](DateTime time) { GreyListingSaved(time); });
+  program_.greylisting_records->SaveInBackground([this](DateTime time) { GreyListingSaved(time); });
 }
 
 // The system's own word of the same comes now or has come. Not waiting for it here, so that it is not taken

@@ -14,18 +14,27 @@ bool GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip, s
   return IsDelayed(decision_.GreyListingCheck(host_name, ip, sender, recipient));
 }
 
-GreyListingHooks GreyListing::MakeHooks() {
-  return {.load = [this] { store_.LoadGreyListingDatabase(); },
-          .clear = [this] { store_.ClearGreyListingDatabase(); },
-          .save = [this] { return store_.SaveGreyListingDatabase(); },
-          .save_in_background =
-              [this](std::function<void(DateTime)> saved) {
-                const auto done = [saved = std::move(saved)](const GreyListingSaveResult& result) {
-                  if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
-                };
-                return store_.SaveInBackground(done) || store_.SavingInBackground();
-              },
-          .database = [this] { return store_.LoadedPath().value_or(""); }};
+void GreyListing::Load() {
+  store_.LoadGreyListingDatabase();
+}
+
+void GreyListing::Clear() {
+  store_.ClearGreyListingDatabase();
+}
+
+GreyListingSaveResult GreyListing::Save() {
+  return store_.SaveGreyListingDatabase();
+}
+
+bool GreyListing::SaveInBackground(std::function<void(DateTime time)> saved) {
+  const auto done = [saved = std::move(saved)](const GreyListingSaveResult& result) {
+    if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
+  };
+  return store_.SaveInBackground(done) || store_.SavingInBackground();
+}
+
+std::string GreyListing::Database() const {
+  return store_.LoadedPath().value_or("");
 }
 
 }  // namespace trabex

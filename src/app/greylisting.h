@@ -17,22 +17,24 @@
 
 namespace trabex {
 
-// When the program loads, saves and forgets the records; how is the store's matter. A test puts its own in
-// place. They log their own failures.
-struct GreyListingHooks {
-  std::function<void()> load;
-  std::function<void()> clear;
+// The records between memory and the database: the program says when they are loaded, saved and forgotten,
+// and how is the store's matter. Failures are logged, not raised. A test puts its own in place.
+class GreyListingRecords {
+ public:
+  virtual ~GreyListingRecords() = default;
+  virtual void Load() = 0;
+  virtual void Clear() = 0;
   // Complete when it returns.
-  std::function<GreyListingSaveResult()> save;
+  virtual GreyListingSaveResult Save() = 0;
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
   // False when there is nothing to save.
-  std::function<bool(std::function<void(DateTime time)> saved)> save_in_background;
+  virtual bool SaveInBackground(std::function<void(DateTime time)> saved) = 0;
   // The database that the records in memory are saved to; empty when there are none because greylisting is
   // off. While a reload could not save them it is another one than the setting's, or greylisting is off.
-  std::function<std::string()> database;
+  virtual std::string Database() const = 0;
 };
 
-class GreyListing final : public GreylistCheck {
+class GreyListing final : public GreylistCheck, public GreyListingRecords {
  public:
   // All outlive this object.
   GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop);
@@ -40,8 +42,11 @@ class GreyListing final : public GreylistCheck {
   bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
                    std::string_view recipient) override;
 
-  // They refer to this object.
-  GreyListingHooks MakeHooks();
+  void Load() override;
+  void Clear() override;
+  GreyListingSaveResult Save() override;
+  bool SaveInBackground(std::function<void(DateTime time)> saved) override;
+  std::string Database() const override;
 
  private:
   GreyListingDatabase database_;

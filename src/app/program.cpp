@@ -23,8 +23,7 @@ Program::Program(Surroundings the_surroundings)
       sockets(loop),
       names(surroundings.make_names(loop)),
       socket_module(sockets, *names, log),
-      greylisting(configuration.GreyListing, log, surroundings.clock, loop),
-      greylisting_hooks(greylisting.MakeHooks()) {}
+      greylisting(configuration.GreyListing, log, surroundings.clock, loop) {}
 
 Program::~Program() {
   if (!window) return;
@@ -74,21 +73,21 @@ bool Program::SaveGreyListing() {
   };
   // A save in place and a load would hold up the sessions, with a million records for most of a second. Not
   // the setting's value of before counts: a change that could not be followed then is followed now.
-  if (settings.Enabled && settings.Database == greylisting_hooks.database()) {
-    greylisting_hooks.save_in_background(saved);
+  if (settings.Enabled && settings.Database == greylisting_records->Database()) {
+    greylisting_records->SaveInBackground(saved);
     return false;
   }
-  const GreyListingSaveResult result = greylisting_hooks.save();
+  const GreyListingSaveResult result = greylisting_records->Save();
   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;
 }
 
 void Program::LoadGreyListing() {
-  greylisting_hooks.load();
+  greylisting_records->Load();
 }
 
 void Program::ClearGreyListing() {
-  greylisting_hooks.clear();
+  greylisting_records->Clear();
 }
 
 EarlyKeyInputs Program::MakeEarlyKeyInputs() const {

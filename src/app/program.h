@@ -76,7 +76,7 @@ struct Program final : LoadHost {
   std::unique_ptr<NameLookup> names;
   modSocketMaster socket_module;
   GreyListing greylisting;
-  GreyListingHooks greylisting_hooks;
+  GreyListingRecords* greylisting_records = &greylisting;  // never nullptr
   std::unique_ptr<InstanceLock> instance_lock;
   std::unique_ptr<frmMain> window;
 };

@@ -340,7 +340,7 @@ TEST_F(AutoReloadTest, RecordsAreNotLoadedAnewWhereTheDatabaseStays) {
   Start();
   EXPECT_TRUE(
       program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
-  ASSERT_EQ(program_->greylisting_hooks.save().kind, GreyListingSaveResult::Kind::kSaved);
+  ASSERT_EQ(program_->greylisting.Save().kind, GreyListingSaveResult::Kind::kSaved);
   std::filesystem::remove(Settings().GreyListing.Database);
   log_.clear();
   WriteIni("Timeout=200\n" + greylisting);
@@ -363,7 +363,7 @@ TEST_F(AutoReloadTest, RecordsOutliveAReloadThatFails) {
     Pass(60);
     EXPECT_TRUE(Window().Unloaded());
     EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
-    program_->greylisting_hooks.clear();
+    program_->greylisting.Clear();
     std::filesystem::remove(database);
   }
 }
@@ -392,7 +392,7 @@ TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayWithGreylistingOff) {
     }
     Window().Form_Unload();
     EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
-    program_->greylisting_hooks.clear();
+    program_->greylisting.Clear();
     std::filesystem::remove(database);
   }
 }

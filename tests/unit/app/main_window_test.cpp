@@ -345,21 +345,11 @@ TEST_F(MainWindowTest, IdleLogFileIsClosed) {
   EXPECT_EQ(open_logs(), 0U);
 }
 
-class GreyListingTimerTest : public MainWindowTest {
+class GreyListingTimerTest : public MainWindowTest, private GreyListingRecords {
  protected:
   GreyListingTimerTest() {
     Settings().GreyListing.SaveInterval = 10 / kMinutesPerDay;
-    program_.greylisting_hooks.save_in_background = [this](std::function<void(DateTime)> saved) {
-      if (!has_changed_) return false;
-      ++background_saves_;
-      if (save_succeeds_) saved(clock_.UniversalNow());
-      return true;
-    };
-    program_.greylisting_hooks.database = [this] { return kept_in_; };
-    program_.greylisting_hooks.save = [this] {
-      saved_after_.push_back(log_.back());
-      return GreyListingSaveResult{GreyListingSaveResult::Kind::kSaved, clock_.UniversalNow()};
-    };
+    program_.greylisting_records = this;
   }
   ~GreyListingTimerTest() override { Window().Form_Unload(); }
 
@@ -379,6 +369,21 @@ class GreyListingTimerTest : public MainWindowTest {
   bool has_changed_ = true;
   std::string kept_in_;                   // the database that the records are saved to
   std::vector<std::string> saved_after_;  // the last log line at each save at the end
+
+ private:
+  void Load() override {}
+  void Clear() override {}
+  bool SaveInBackground(std::function<void(DateTime)> saved) override {
+    if (!has_changed_) return false;
+    ++background_saves_;
+    if (save_succeeds_) saved(clock_.UniversalNow());
+    return true;
+  }
+  std::string Database() const override { return kept_in_; }
+  GreyListingSaveResult Save() override {
+    saved_after_.push_back(log_.back());
+    return {GreyListingSaveResult::Kind::kSaved, clock_.UniversalNow()};
+  }
 };
 
 TEST_F(GreyListingTimerTest, SavesAtTheFirstTickAfterTheInterval) {
