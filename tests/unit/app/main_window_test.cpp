@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,11 +16,9 @@
 #include "base/text.h"
 #include "match/ip_range.h"
 #include "net/socket_errors.h"
-#include "support/fake_clock.h"
-#include "support/fake_name_lookup.h"
+#include "program_fixture.h"
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
-#include "support/temp_folder.h"
 
 namespace trabex {
 namespace {
@@ -30,24 +27,14 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class MainWindowTest : public testing::Test {
+class MainWindowTest : public ProgramTest {
  protected:
-  MainWindowTest()
-      : program_(Surroundings{.clock = clock_,
-                              .out = out_,
-                              .err = err_,
-                              .program_directory = folder_.Path(),
-                              .program_name = "Trabex",
-                              .make_names = [this](EventLoop& loop) {
-                                auto names = std::make_unique<FakeNameLookup>(loop);
-                                names_ = names.get();
-                                return names;
-                              }}) {
+  MainWindowTest() {
     Settings().LogPath = folder_ / "Log";
     Settings().BindIP = "127.0.0.1";
     Settings().BindPort = FreePort();
     Settings().ServerPort = Settings().BindPort == 25 ? 26 : 25;
-    program_.log.SetObserver([this](std::string_view message) { log_.emplace_back(message); });
+    ObserveLog(program_);
     program_.window = std::make_unique<frmMain>(program_);
   }
 
@@ -66,13 +53,7 @@ class MainWindowTest : public testing::Test {
     RunUntilIdle(program_.loop);
   }
 
-  TempFolder folder_;
-  FakeClock clock_;
-  std::ostringstream out_;
-  std::ostringstream err_;
-  FakeNameLookup* names_ = nullptr;
-  std::vector<std::string> log_;  // the messages
-  Program program_;
+  Program program_{MakeSurroundings()};
 };
 
 TEST_F(MainWindowTest, LoadLogsTheStartAndTheAddresses) {
