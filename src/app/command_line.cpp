@@ -25,7 +25,7 @@ constexpr std::string_view kHelpText =
 enum class Switch { kPort, kMinimize, kHide, kIniFile, kLogPath, kExit, kHelp };
 
 struct SwitchName {
-  std::string_view name;  // behind the slash or the hyphens
+  std::string_view name;  // after the slash or the hyphens
   Switch what;
 };
 

@@ -20,8 +20,8 @@ namespace {
 
 constexpr Milliseconds kStatusInterval{500};
 constexpr Milliseconds kSaveInterval{60000};
-// The look-up is answered long before; the loop just has to be turned until then.
-constexpr Milliseconds kTurn{1000};
+// How long an iteration of the loop may wait during the start. The look-up is answered long before.
+constexpr Milliseconds kMaxWait{1000};
 // Two times that are an interval apart may differ by less than it when they are kept in days.
 constexpr double kRounding = 0.001 / kSecondsPerDay;
 
@@ -90,7 +90,7 @@ bool frmMain::WaitForListening() {
     answered = true;
     listening = result;
   });
-  while (!answered && !unloaded_) program_.loop.RunOnce(kTurn);
+  while (!answered && !unloaded_) program_.loop.RunOnce(kMaxWait);
   return listening && !unloaded_;
 }
 

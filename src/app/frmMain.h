@@ -43,7 +43,7 @@ class frmMain final : public ConnectionTable {
   bool Unloaded() const { return unloaded_; }
 
   // Listens anew with the settings in force, after the test that the server is not this listener itself.
-  // `done` is told whether that succeeded (if not, the reason is logged): inside this call, or from the loop
+  // `done` gets whether that succeeded (if not, the reason is logged): inside this call, or from the loop
   // when a name has to be looked up first; then the listener from before goes on meanwhile. A second call
   // replaces the first.
   void StartListening(std::function<void(bool listening)> done);

@@ -30,7 +30,8 @@ class GreyListingRecords {
   // False when there is nothing to save.
   virtual bool SaveInBackground(std::function<void(DateTime time)> saved) = 0;
   // The database that the records in memory are saved to; empty when there are none because greylisting is
-  // off. While a reload could not save them it is another one than the setting's, or greylisting is off.
+  // off. When a reload that moves them or switches greylisting off could not save them, it is still the one
+  // from before.
   virtual std::string Database() const = 0;
 };
 

@@ -52,7 +52,7 @@ bool LogFile::EnsureOpen(DateTime now) {
   return false;
 }
 
-// What stands before a message. A busy log writes many lines a second, so the text is made once for all of
+// The prefix of a message. A busy log writes many lines a second, so the text is made once for all of
 // them.
 const std::string& LogFile::Stamp(DateTime now) {
   const std::int64_t second = std::llround((now - kUnixEpoch) * kSecondsPerDay);

@@ -1,11 +1,11 @@
-// The log: one file per day and port, to which every room writes through the interface Log.
+// The log: one file per day and port, to which every library writes through the interface Log.
 //
 // A file is opened by the first line and closed after five seconds without one, so that it can be read, moved
 // or deleted while the program runs. Its name is settled when it is opened: "<program>-<port>-<yymmdd>.log"
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
 // Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
-// as soon as much has collected. A log that cannot be opened or written loses its lines and tells nobody: the
+// as soon as much has collected. A log that cannot be opened or written loses its lines silently: the
 // mail goes on.
 #pragma once
 

@@ -71,8 +71,9 @@ bool Program::SaveGreyListing() {
   const auto saved = [this](DateTime time) {
     if (window) window->GreyListingSaved(time);
   };
-  // A save in place and a load would hold up the sessions, with a million records for most of a second. Not
-  // the setting's value of before counts: a change that could not be followed then is followed now.
+  // To save and to load them anew would hold up the sessions, with a million records for most of a second.
+  // Compared with the database in use, not with the setting from before: a move that failed at an earlier
+  // reload is made now.
   if (settings.Enabled && settings.Database == greylisting_records->Database()) {
     greylisting_records->SaveInBackground(saved);
     return false;

@@ -64,12 +64,12 @@ class StartUp {
   }
 
   int Failed() {
-    Tell(last_message_);
+    PrintReason(last_message_);
     return kFailed;
   }
 
   int ConfigurationFailed() {
-    Tell(last_message_);
+    PrintReason(last_message_);
     program_.log.LogLine(TitleAndVersion() + " not started due to an error in initialization file.");
     program_.log.Close();
     program_.instance_lock.reset();
@@ -79,11 +79,11 @@ class StartUp {
   int ListenerFailed() {
     const std::string reason = std::exchange(last_message_, {});
     program_.window->Form_Unload();
-    Tell(reason);
+    PrintReason(reason);
     return kFailed;
   }
 
-  void Tell(std::string_view message) {
+  void PrintReason(std::string_view message) {
     if (!message.empty())
       program_.surroundings.err << kApplicationTitle << ": " << Printable(message) << '\n';
   }

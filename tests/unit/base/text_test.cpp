@@ -9,6 +9,7 @@
 
 #include "base/error.h"
 #include "base/log.h"
+#include "support/recorded_log.h"
 
 namespace trabex {
 namespace {
@@ -123,25 +124,20 @@ TEST(Text, ContainersWithoutRegardToCase) {
   EXPECT_NE(HashNoCase{}("ab"), HashNoCase{}("ba"));
 }
 
-struct RecordingLog : Log {
-  std::vector<std::string> lines;
-  void LogLine(std::string_view message) override { lines.emplace_back(message); }
-};
-
 TEST(Log, ErrorLineNamesNumberAndSource) {
-  RecordingLog log;
+  RecordedLog log;
   log.LogError(321, "Bad.", "mCommon.ReadIniFile");
   RunLogged(log, "cProxy.Init", [] { throw Error(93, "mText.LikeText", "Oops."); });
-  EXPECT_EQ(log.lines, (std::vector<std::string>{"Error 321 in mCommon.ReadIniFile. Bad.",
-                                                 "Error 93 in mText.LikeText. Oops."}));
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"Error 321 in mCommon.ReadIniFile. Bad.",
+                                                   "Error 93 in mText.LikeText. Oops."}));
 }
 
 TEST(Log, OtherExceptionsAreLoggedUnderTheHandlersName) {
-  RecordingLog log;
+  RecordedLog log;
   RunLogged(log, "cProxy.Init", [] { throw std::runtime_error("No memory."); });
-  EXPECT_EQ(log.lines, (std::vector<std::string>{"Error 7 in cProxy.Init. No memory."}));
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{"Error 7 in cProxy.Init. No memory."}));
   RunLogged(log, "cProxy.Init", [] {});
-  EXPECT_EQ(log.lines.size(), 1U) << "nothing to log";
+  EXPECT_EQ(log.Lines().size(), 1U) << "nothing to log";
 }
 
 }  // namespace
