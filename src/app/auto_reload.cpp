@@ -66,7 +66,7 @@ void AutoReload::tmrAutoReload_Timer() {
 std::optional<std::int64_t> AutoReload::ChangeCheck() {
   // The first check asks in any case: the file may have changed while the program started.
   if (last_date_check_ && !watch_->Signalled()) return std::nullopt;
-  const DateTime now = program_.surroundings.clock.Now();
+  const DateTime now = program_.dependencies.clock.Now();
   // In either direction, so that a clock that was set back does not put the check off.
   if (last_date_check_ && std::abs(now - *last_date_check_) <= kBetweenDateChecks) return std::nullopt;
   // Armed before the date is read: what is written from here on is signalled anew.

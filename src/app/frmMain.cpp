@@ -45,7 +45,7 @@ frmMain::frmMain(Program& program)
     : program_(program),
       session_host_{.configuration = program.configuration,
                     .log = program.log,
-                    .clock = program.surroundings.clock,
+                    .clock = program.dependencies.clock,
                     .loop = program.loop,
                     .sockets = program.socket_module,
                     .names = *program.names,
@@ -77,7 +77,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
   program_.log.SetTimer(&tmrLog);
   auto_reload_.Begin();
   EnableGreyListingTimer();
-  last_greylisting_save_ = program_.surroundings.clock.UniversalNow();
+  last_greylisting_save_ = program_.dependencies.clock.UniversalNow();
   loaded_ = true;
   if (std::exchange(reload_is_due_, false)) auto_reload_.Request();
   return true;
@@ -103,7 +103,7 @@ void frmMain::Show(bool minimized) {
                                               .screen_gone = [this] { ScreenGone(); }});
   if (!why_not) return;
   if (why_not->kind != NoView::Kind::kNoScreen) {
-    program_.surroundings.err << kApplicationTitle << ": Running without a window. " << why_not->text << '\n';
+    program_.dependencies.err << kApplicationTitle << ": Running without a window. " << why_not->text << '\n';
   }
   // It was there when the start began.
   if (was_due && why_not->kind != NoView::Kind::kUnusable) ScreenGone();
@@ -246,7 +246,7 @@ void frmMain::tmrLog_Timer() {
 }
 
 void frmMain::tmrSaveGreyListing_Timer() {
-  const DateTime now = program_.surroundings.clock.UniversalNow();
+  const DateTime now = program_.dependencies.clock.UniversalNow();
   // In either direction: a clock that was set back by days must not put the save off for as long.
   const double passed = std::abs(now - last_greylisting_save_);
   if (passed + kRounding < program_.configuration.GreyListing.SaveInterval) return;

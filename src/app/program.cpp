@@ -16,14 +16,14 @@ constexpr std::string_view kInstanceIdentifier = "5B0E7C19D4A24F36A1F863D20C97BE
 
 }  // namespace
 
-Program::Program(Surroundings the_surroundings)
-    : surroundings(std::move(the_surroundings)),
-      log(configuration, surroundings.clock, surroundings.program_name),
-      loop(surroundings.clock),
+Program::Program(Dependencies the_dependencies)
+    : dependencies(std::move(the_dependencies)),
+      log(configuration, dependencies.clock, dependencies.program_name),
+      loop(dependencies.clock),
       sockets(loop),
-      names(surroundings.make_names(loop)),
+      names(dependencies.make_names(loop)),
       socket_module(sockets, *names, log),
-      greylisting(configuration.GreyListing, log, surroundings.clock, loop) {}
+      greylisting(configuration.GreyListing, log, dependencies.clock, loop) {}
 
 Program::~Program() {
   if (!window) return;
@@ -93,14 +93,14 @@ void Program::ClearGreyListing() {
 
 EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
   return {.ini_path = ini_file.path,
-          .program_directory = surroundings.program_directory,
+          .program_directory = dependencies.program_directory,
           .log_path_given = log_path_given,
           .port_given = port_given};
 }
 
 LoadEnvironment Program::MakeLoadEnvironment() {
   return {.file = ini_file,
-          .context = {.program_directory = surroundings.program_directory,
+          .context = {.program_directory = dependencies.program_directory,
                       .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); }},
           .log = log,
           .host = *this};

@@ -26,7 +26,7 @@ namespace trabex {
 class frmMain;
 
 // What the program finds around itself. A test puts its own in place.
-struct Surroundings {
+struct Dependencies {
   const Clock& clock;
   std::ostream& out;
   std::ostream& err;
@@ -38,7 +38,7 @@ struct Surroundings {
 };
 
 struct Program final : LoadHost {
-  explicit Program(Surroundings the_surroundings);
+  explicit Program(Dependencies the_dependencies);
   // Unloads the window, should it still be loaded. Not inside the loop.
   ~Program() override;
   Program(const Program&) = delete;
@@ -63,7 +63,7 @@ struct Program final : LoadHost {
   EarlyKeyInputs MakeEarlyKeyInputs() const;
   LoadEnvironment MakeLoadEnvironment();
 
-  Surroundings surroundings;
+  Dependencies dependencies;
   Configuration configuration = DefaultConfiguration();
   InitializationFile ini_file;
   bool port_given = false;      // on the command line: the key is not read

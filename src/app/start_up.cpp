@@ -51,7 +51,7 @@ class StartUp {
 
  private:
   void TakeCommandLine() {
-    const Surroundings& around = program_.surroundings;
+    const Dependencies& around = program_.dependencies;
     program_.ini_file.path = mCommon::ResolveIniPath(line_.ini_file.value_or(std::string()),
                                                      around.program_directory, around.program_name);
     program_.port_given = line_.port.has_value();
@@ -85,7 +85,7 @@ class StartUp {
 
   void PrintReason(std::string_view message) {
     if (!message.empty())
-      program_.surroundings.err << kApplicationTitle << ": " << Printable(message) << '\n';
+      program_.dependencies.err << kApplicationTitle << ": " << Printable(message) << '\n';
   }
 
   Program& program_;
@@ -95,19 +95,19 @@ class StartUp {
 
 }  // namespace
 
-int RunProgram(std::span<const std::string_view> arguments, Surroundings surroundings) {
+int RunProgram(std::span<const std::string_view> arguments, Dependencies dependencies) {
   const CommandLine line = ParseCommandLine(arguments);
   switch (line.result) {
     case CommandLine::Result::kShow:
-      surroundings.out << line.message << '\n';
+      dependencies.out << line.message << '\n';
       return kOrderlyEnd;
     case CommandLine::Result::kRefused:
-      surroundings.err << kApplicationTitle << ": " << Printable(line.message) << '\n';
+      dependencies.err << kApplicationTitle << ": " << Printable(line.message) << '\n';
       return kBadCommandLine;
     case CommandLine::Result::kStart:
       break;
   }
-  Program program(std::move(surroundings));
+  Program program(std::move(dependencies));
   return StartUp(program, line).Run();
 }
 

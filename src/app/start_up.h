@@ -12,6 +12,6 @@ namespace trabex {
 // that another instance end; 1 for a start that failed (the reason is in the log and on standard error), a
 // listener that failed or a reload that failed; 2 for a command line that cannot be read. `arguments` is
 // without the program's own name.
-int RunProgram(std::span<const std::string_view> arguments, Surroundings surroundings);
+int RunProgram(std::span<const std::string_view> arguments, Dependencies dependencies);
 
 }  // namespace trabex

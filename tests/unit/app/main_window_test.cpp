@@ -53,7 +53,7 @@ class MainWindowTest : public ProgramTest {
     RunUntilIdle(program_.loop);
   }
 
-  Program program_{MakeSurroundings()};
+  Program program_{MakeDependencies()};
 };
 
 TEST_F(MainWindowTest, LoadLogsTheStartAndTheAddresses) {
@@ -290,7 +290,7 @@ TEST_F(MainWindowTest, ExitRequestOfAnotherInstanceUnloads) {
 }
 
 TEST_F(MainWindowTest, SecondInstanceOnThePortIsRefusedAndSaysSo) {
-  Program second(program_.surroundings);
+  Program second(program_.dependencies);
   second.configuration.BindPort = Settings().BindPort;
   second.configuration.Log = 0;
   std::vector<std::string> messages;

@@ -19,7 +19,7 @@ namespace trabex {
 class ProgramTest : public testing::Test {
  protected:
   // All of them outlive a program of the derived class.
-  Surroundings MakeSurroundings() {
+  Dependencies MakeDependencies() {
     return {.clock = clock_,
             .out = out_,
             .err = err_,

@@ -23,7 +23,7 @@ class AutoReloadTest : public ProgramTest {
  protected:
   AutoReloadTest() : port_(FreePort()) {
     WriteIni("Timeout=100\n");
-    program_ = std::make_unique<Program>(MakeSurroundings());
+    program_ = std::make_unique<Program>(MakeDependencies());
     ObserveLog(*program_);
     program_->ini_file.path = ini_;
   }
