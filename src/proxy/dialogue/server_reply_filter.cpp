@@ -31,13 +31,12 @@ std::string_view LastLine(std::string_view reply) {
 
 bool HasOneCode(std::string_view reply) {
   const std::string_view code = CodeOf(reply);
-  while (!reply.empty()) {
+  for (;;) {
     if (CodeOf(reply) != code) return false;
     const std::size_t end = reply.find(kCrLf);
     if (end == std::string_view::npos) return true;
     reply.remove_prefix(end + kCrLf.size());
   }
-  return true;
 }
 
 // Whether `reply` means what its first code says. One whose lines have several codes means nothing; in a

@@ -288,6 +288,8 @@ TEST(ServerReply, WithSeveralCodesSaysNothing) {
       {"MAIL FROM:<a@b>", "250-ok\r\n550 no\r\n"},
       {"MAIL FROM:<a@b>", "550-no\r\n250 ok\r\n"},
       {"MAIL FROM:<a@b>", "250-ok\r\n25\r\n"},
+      {"MAIL FROM:<a@b>", "250-ok\r\n\r\n"},
+      {"HELO x", "250-ok\r\n\r\n"},
       {"MAIL FROM:<a@b>", "250-ok\r\n251-ok\r\n250 ok\r\n"},
       {"HELO x", "250-ok\r\n550 no\r\n"},
       {"HELO x", "550-no\r\n250 ok\r\n"},
