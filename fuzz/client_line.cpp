@@ -22,7 +22,7 @@ using namespace trabex;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
     return defers;
   }
 
@@ -70,7 +70,7 @@ class ClientSession final : private DialogueActions {
       Require(used <= bytes.size());
       bytes.remove_prefix(used);
       if (dialogue_->phase() == Phase::kAsking) {
-        const std::uint32_t client[] = {0xC0000207};
+        const std::uint32_t client[] = {kClientAddress.Number()};
         dialogue_->OnAddresses({true, client}, *this);
       } else if (used == 0) {
         return;
@@ -94,7 +94,7 @@ class ClientSession final : private DialogueActions {
   void CloseServer() override {}
   void EndAfterPause() override {}
   void Log(Side side, std::int32_t, std::string_view text) override {
-    Require(!HasControlByte(FormatSessionLine("R: ", 1, "192.0.2.7", text)));
+    Require(!HasControlByte(FormatSessionLine("R: ", 1, kClientAddress, text)));
     if (authentication_data_ && text.starts_with("< ") && side == Side::kClient) {
       Require(text.find("***") != std::string_view::npos);
     }

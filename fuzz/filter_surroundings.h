@@ -22,9 +22,11 @@ class StandingClock final : public Clock {
   MonotonicTime Monotonic() const override { return {}; }
 };
 
+inline constexpr IPAddress kClientAddress = IPAddress::IPv4(0xC0000207);  // 192.0.2.7
+
 class Facts final : public SessionFacts {
  public:
-  IPAddress ClientIP() const override { return IPAddress::IPv4(0xC0000207); }
+  IPAddress ClientIP() const override { return kClientAddress; }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return "mail.client.test"; }
   std::int64_t BytesSent() const override { return 0; }

@@ -40,7 +40,7 @@ constexpr std::size_t kMaxSteps = 100000;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view, std::string_view, std::string_view, std::string_view) override {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
     return true;
   }
 };
@@ -213,7 +213,7 @@ class Peers final : private DialogueActions {
       case 'n':
       case 'm':
         if (dialogue_.phase() == Phase::kAsking) {
-          const std::uint32_t client[] = {0xC0000207};
+          const std::uint32_t client[] = {kClientAddress.Number()};
           dialogue_.OnAddresses({kind == 'n', client}, *this);
         }
         break;
@@ -309,7 +309,7 @@ class Peers final : private DialogueActions {
   void CloseServer() override { server_ = false; }
   void EndAfterPause() override { pausing_ = true; }
   void Log(Side side, std::int32_t level, std::string_view text) override {
-    Require(!HasControlByte(FormatSessionLine("R: ", 1, "192.0.2.7", text)));
+    Require(!HasControlByte(FormatSessionLine("R: ", 1, kClientAddress, text)));
     if (side == Side::kServer && level == log_level::kReceived) return HearReply(text.substr(2));
     if (side == Side::kClient && level == log_level::kReceived) {
       was_auth_data_ = dialogue_.phase() == Phase::kAuthData;
