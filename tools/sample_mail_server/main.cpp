@@ -1,6 +1,6 @@
 // The sample mail server: takes mail on a loopback port and stores each message in a folder. For first steps
-// with Trabex (./run puts Trabex in front of it) and for tests that compare byte for byte what was sent with what
-// arrives.
+// with Trabex (./run puts Trabex in front of it) and for tests that compare byte for byte what was sent with
+// what arrives.
 #include <sys/signalfd.h>
 
 #include <charconv>
