@@ -101,11 +101,13 @@ void DialoguePlayer::Deliver(script::Side side, std::string_view bytes) {
 }
 
 void DialoguePlayer::ClientSends(std::string_view bytes) {
+  if (heard_) heard_(script::Side::kClient, bytes);
   from_client_ += bytes;
   Pump();
 }
 
 void DialoguePlayer::ServerSends(std::string_view bytes) {
+  if (heard_) heard_(script::Side::kServer, bytes);
   from_server_ += bytes;
   Pump();
 }
@@ -218,6 +220,7 @@ bool DialoguePlayer::ServeOnce() {
   }
   const std::string segment = attended_->NextSegment();
   if (segment.empty() && !attended_->HasHungUp()) return false;
+  if (heard_ && !segment.empty()) heard_(script::Side::kServer, segment);
   from_server_ += segment;
   if (segment.empty()) server_end_ = Dialogue::ServerEnd::kClosed;
   return true;

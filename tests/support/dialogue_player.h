@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "base/ip_address.h"
@@ -44,6 +45,10 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   // Names are answered from the table as soon as they are asked for. Without one they wait for a step
   // "answer".
   void SetNames(NameTable names) { names_ = std::move(names); }
+  // From now on `heard` is told of whatever either side sends, as it reaches the dialogue.
+  void Overhear(std::function<void(script::Side side, std::string_view bytes)> heard) {
+    heard_ = std::move(heard);
+  }
   // From now on `server` answers in the place of the server's steps.
   void Attend(ScriptedServer& server);
 
@@ -101,6 +106,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   script::Delivery delivery_ = script::Delivery::kWhole;
   NameTable names_;
   ScriptedServer* attended_ = nullptr;
+  std::function<void(script::Side, std::string_view)> heard_;
 
   std::string from_client_;  // not taken yet
   std::string from_server_;
