@@ -1,10 +1,18 @@
-// Openings that many transcripts share.
+// What many transcripts share: openings, and a greylisting that defers everybody.
 #pragma once
 
 #include <string>
 #include <string_view>
 
+#include "proxy/dialogue/greylist_check.h"
+
 namespace trabex {
+
+struct DelayAll : GreylistCheck {
+  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
+    return true;
+  }
+};
 
 inline std::string Greeted() {
   return R"(

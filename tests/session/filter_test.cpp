@@ -243,12 +243,6 @@ TEST(Rcpt, AddressesAreReplaced) {
     -> RCPT TO:<v@local.test>)");
 }
 
-struct DelayAll : GreylistCheck {
-  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
-    return true;
-  }
-};
-
 TEST(Greylisting, RefusesAtRcpt) {
   DelayAll greylisting;
   PlayEveryWay(

@@ -101,12 +101,6 @@ TEST(LogLevels, OfTooManyCommandsOutOfOrder) {
       });
 }
 
-struct DelayAll : GreylistCheck {
-  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
-    return true;
-  }
-};
-
 TEST(LogLevels, OfAGreylistedCallback) {
   DelayAll greylisting;
   ExpectLines(
