@@ -1,4 +1,4 @@
-// What the tests of this room share: loading from a text, and looking into the dump.
+// What the tests of this library share: loading from a text, and looking into the dump.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,31 +1,31 @@
-# A room is one folder below src/ and one library. Its headers are included as "room/file.h", and can be found
-# only by a target that links the room: each room has an include root of its own (a link to its folder) instead
-# of the common src/. So an include against the order of the rooms fails to build.
+# trabex_library(NAME base SOURCES a.cpp b.cpp LINKS other libraries): the library of one folder of src/.
 #
-# trabex_room(NAME room SOURCES a.cpp b.cpp LINKS other rooms and libraries)
+# Its headers are included as "base/file.h", and only a target that links the library finds them: each library has an
+# include root of its own (a link to its folder) instead of the common src/. So an include against the order of the
+# libraries fails to build.
 #
-# FOLDER says where below src/ it lies, when that is not its name.
-function(trabex_room)
-  cmake_parse_arguments(ROOM "" "NAME;FOLDER" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
-  if(NOT ROOM_FOLDER)
-    set(ROOM_FOLDER ${ROOM_NAME})
+# FOLDER is the folder below src/, when that is not the name.
+function(trabex_library)
+  cmake_parse_arguments(LIBRARY "" "NAME;FOLDER" "SOURCES;LINKS;PRIVATE_LINKS" ${ARGN})
+  if(NOT LIBRARY_FOLDER)
+    set(LIBRARY_FOLDER ${LIBRARY_NAME})
   endif()
-  set(root ${CMAKE_BINARY_DIR}/rooms/${ROOM_NAME})
-  cmake_path(GET ROOM_FOLDER PARENT_PATH parent)
+  set(root ${CMAKE_BINARY_DIR}/libraries/${LIBRARY_NAME})
+  cmake_path(GET LIBRARY_FOLDER PARENT_PATH parent)
   file(MAKE_DIRECTORY ${root}/${parent})
-  file(CREATE_LINK ${CMAKE_SOURCE_DIR}/src/${ROOM_FOLDER} ${root}/${ROOM_FOLDER} SYMBOLIC)
-  if(NOT ROOM_SOURCES)
-    add_library(${ROOM_NAME} INTERFACE)
-    target_include_directories(${ROOM_NAME} INTERFACE ${root})
-    target_link_libraries(${ROOM_NAME} INTERFACE ${ROOM_LINKS})
+  file(CREATE_LINK ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER} ${root}/${LIBRARY_FOLDER} SYMBOLIC)
+  if(NOT LIBRARY_SOURCES)
+    add_library(${LIBRARY_NAME} INTERFACE)
+    target_include_directories(${LIBRARY_NAME} INTERFACE ${root})
+    target_link_libraries(${LIBRARY_NAME} INTERFACE ${LIBRARY_LINKS})
     return()
   endif()
-  add_library(${ROOM_NAME} STATIC)
-  foreach(source IN LISTS ROOM_SOURCES)
-    target_sources(${ROOM_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/src/${ROOM_FOLDER}/${source})
+  add_library(${LIBRARY_NAME} STATIC)
+  foreach(source IN LISTS LIBRARY_SOURCES)
+    target_sources(${LIBRARY_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER}/${source})
   endforeach()
-  target_include_directories(${ROOM_NAME} PUBLIC ${root})
-  target_link_libraries(${ROOM_NAME} PUBLIC ${ROOM_LINKS} PRIVATE ${ROOM_PRIVATE_LINKS})
+  target_include_directories(${LIBRARY_NAME} PUBLIC ${root})
+  target_link_libraries(${LIBRARY_NAME} PUBLIC ${LIBRARY_LINKS} PRIVATE ${LIBRARY_PRIVATE_LINKS})
 endfunction()
 
 # The tests themselves are compiled without optimisation in every preset, which halves the time of a build; what they test
@@ -33,7 +33,7 @@ endfunction()
 set(TRABEX_TEST_OPTIONS -O0 "$<IF:$<CXX_COMPILER_ID:GNU>,-fpch-preprocess,SHELL:-Xclang -fno-pch-timestamp>")
 
 # What every test includes, compiled once: without it most of the time of a build goes into these headers. Each file
-# still includes what it uses; the rooms themselves are built without.
+# still includes what it uses; the libraries are built without.
 function(trabex_test_headers)
   add_library(test_headers OBJECT ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
   target_link_libraries(test_headers PRIVATE GTest::gtest GTest::gmock)
