@@ -124,7 +124,7 @@ struct Configuration {
   std::int32_t LogLevelRemote;
   bool AddReceived;
   bool EnhancedStatusCodes;
-  std::int32_t ProcessAddressesWithoutBrackets;  // BareAddresses of the proxy
+  std::int32_t ProcessAddressesWithoutBrackets;  // AddressesWithoutBrackets of the proxy
   ExpressionList RemoveSMTPExtensionsLocal;
   ExpressionList RemoveSMTPExtensionsRemote;
   ExpressionList AddSMTPExtensionsLocal;

@@ -252,20 +252,20 @@ bool ClientCommandFilter::HeloMatchesHostName(std::string_view domain) const {
 LineDecision ClientCommandFilter::ProcessMail(const Line& line, Draft& draft) const {
   constexpr std::string_view kFrom = " FROM:";
   if (!StartsWithNoCase(line.Rest(), kFrom)) return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
-  const PathArgument path =
+  const ParsedPath path =
       ParsePath(line.Rest().substr(kFrom.size()),
-                static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+                static_cast<AddressesWithoutBrackets>(configuration_.ProcessAddressesWithoutBrackets));
   RequestedState& requested = draft.requested;
   requested.DeclaredSize = 0;
   const auto address = NormalizeMailbox(path.address);
   // Whether the transaction that it begins may have addresses beyond ASCII.
   const bool smtp_utf8 = draft.state.offered.SmtpUtf8Offered && HasKeyword(path.parameters, "SMTPUTF8");
-  if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
+  if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
     ++requested.TransactionCount;
     requested.BeginTransaction(address.value_or(path.address), smtp_utf8);
     return ForwardAsIs(line);
   }
-  if (path.verdict == PathArgument::Verdict::kSyntaxError || !address ||
+  if (path.verdict == ParsedPath::Verdict::kSyntaxError || !address ||
       !(smtp_utf8 || IsAscii(path.address)) || !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
   }
@@ -302,12 +302,12 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(const Requested
 LineDecision ClientCommandFilter::ProcessRcpt(const Line& line, Draft& draft) const {
   constexpr std::string_view kTo = " TO:";
   if (!StartsWithNoCase(line.Rest(), kTo)) return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
-  const PathArgument path =
+  const ParsedPath path =
       ParsePath(line.Rest().substr(kTo.size()),
-                static_cast<BareAddresses>(configuration_.ProcessAddressesWithoutBrackets));
+                static_cast<AddressesWithoutBrackets>(configuration_.ProcessAddressesWithoutBrackets));
   RequestedState& requested = draft.requested;
   const auto address = NormalizeMailbox(path.address);
-  if (path.verdict == PathArgument::Verdict::kForwardUnchecked) {
+  if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
     ++requested.RecipientCount;
     requested.Recipient = address.value_or(path.address);
     return ForwardAsIs(line);
@@ -316,7 +316,7 @@ LineDecision ClientCommandFilter::ProcessRcpt(const Line& line, Draft& draft) co
   const std::string recipient_address = address.value_or(path.address);
   // An address that is routed on needs no canonical form: the relaying test refuses it.
   const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(recipient_address);
-  if (path.verdict == PathArgument::Verdict::kSyntaxError || !(taken || relayed) ||
+  if (path.verdict == ParsedPath::Verdict::kSyntaxError || !(taken || relayed) ||
       !AreKeywordParameters(path.parameters)) {
     return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
   }

@@ -75,7 +75,7 @@ std::string_view WithoutSourceRoute(std::string_view address) {
 }
 
 // NormalizeMailbox for the bytes as they are.
-std::optional<std::string> OneForm(std::string_view address) {
+std::optional<std::string> CanonicalForm(std::string_view address) {
   address = WithoutSourceRoute(address);
   if (address.empty()) return std::string();
   const std::size_t local_length = LocalPartLength(address);
@@ -99,7 +99,7 @@ std::optional<std::string> OneForm(std::string_view address) {
   return std::string(local).append("@").append(domain);
 }
 
-// The domain of an address in its one form.
+// The domain of an address in its canonical form.
 std::string_view DomainOf(std::string_view form) {
   return form.substr(std::min(LocalPartLength(form) + 1, form.size()));
 }
@@ -122,7 +122,7 @@ bool IsReadAlikeFolded(std::string_view form) {
   const std::string folded = FoldText(form);
   // Nothing at all would be the null sender.
   if (folded.empty()) return false;
-  if (Structure(folded) != Structure(form) || OneForm(folded) != folded || !IsWithinLimits(folded))
+  if (Structure(folded) != Structure(form) || CanonicalForm(folded) != folded || !IsWithinLimits(folded))
     return false;
   if (!FoldsLikeItsCaseFolding(form)) return false;
   const std::string_view domain = DomainOf(form);
@@ -139,9 +139,9 @@ bool HoldsRouteAsItIs(std::string_view address) {
 
 }  // namespace
 
-PathArgument ParsePath(std::string_view text, BareAddresses bare) {
+ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets bare) {
   text = Trim(text);
-  PathArgument result;
+  ParsedPath result;
   if (text.empty()) return result;
   std::string_view part;
   try {
@@ -150,12 +150,12 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part = text.substr(0, length);
     result.parameters = text.substr(length);
     result.address = Trim(mCommon::Undelimit(part, "<", ">"));
-    result.verdict = PathArgument::Verdict::kTaken;
+    result.verdict = ParsedPath::Verdict::kTaken;
     return result;
   } catch (const Error&) {
     // Not in angle brackets, or they are unbalanced: the setting decides.
   }
-  if (bare == BareAddresses::kRefuse) return result;
+  if (bare == AddressesWithoutBrackets::kRefuse) return result;
   if (part.empty()) {
     part = FirstWord(text);
     result.parameters = text.substr(part.size());
@@ -167,17 +167,17 @@ PathArgument ParsePath(std::string_view text, BareAddresses bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
-  if (bare == BareAddresses::kTake) {
-    if (!part.empty()) result.verdict = PathArgument::Verdict::kTaken;
+  if (bare == AddressesWithoutBrackets::kTake) {
+    if (!part.empty()) result.verdict = ParsedPath::Verdict::kTaken;
   } else if (result.address.size() <= kMaxMailbox) {
-    result.verdict = PathArgument::Verdict::kForwardUnchecked;
+    result.verdict = ParsedPath::Verdict::kForwardUnchecked;
   }
   return result;
 }
 
 std::optional<std::string> NormalizeMailbox(std::string_view address) {
   if (!HoldsAddressCharacters(address)) return std::nullopt;
-  auto form = OneForm(address);
+  auto form = CanonicalForm(address);
   if (!form || !IsWithinLimits(*form)) return std::nullopt;
   if (!IsAscii(*form) && !IsReadAlikeFolded(*form)) return std::nullopt;
   return form;

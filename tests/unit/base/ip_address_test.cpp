@@ -106,7 +106,7 @@ TEST(IPv4Text, PartsAreWrittenFromTheFirst) {
   EXPECT_EQ(FormatIPv4Parts(IPAddress(), 3), "");
 }
 
-TEST(IPv6Text, IsReadAndWrittenInItsOneForm) {
+TEST(IPv6Text, IsReadAndWrittenInItsCanonicalForm) {
   const struct {
     const char* text;
     const char* written;

@@ -13,7 +13,7 @@ namespace {
 constexpr const char* kBadSyntax = "<- 500 5.5.2 Invalid character in command line.";
 constexpr const char* kNotImplemented = "<- 502 5.5.1 Command not implemented.";
 
-TEST(ClientLine, IsBroughtIntoOneForm) {
+TEST(ClientLine, IsBroughtIntoItsCanonicalForm) {
   const struct {
     const char* line;
     const char* outcome;

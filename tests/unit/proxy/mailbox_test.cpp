@@ -14,14 +14,14 @@ namespace trabex {
 namespace {
 
 // A path argument as "address|parameters", or what becomes of it.
-std::string Parsed(std::string_view text, BareAddresses bare) {
-  const PathArgument path = ParsePath(text, bare);
+std::string Parsed(std::string_view text, AddressesWithoutBrackets bare) {
+  const ParsedPath path = ParsePath(text, bare);
   switch (path.verdict) {
-    case PathArgument::Verdict::kSyntaxError:
+    case ParsedPath::Verdict::kSyntaxError:
       return "refused";
-    case PathArgument::Verdict::kForwardUnchecked:
+    case ParsedPath::Verdict::kForwardUnchecked:
       return "unchecked";
-    case PathArgument::Verdict::kTaken:
+    case ParsedPath::Verdict::kTaken:
       break;
   }
   return path.address + "|" + std::string(path.parameters);
@@ -51,7 +51,8 @@ TEST(ParsePath, AddressesInBracketsAreTakenInEveryMode) {
       {"<<a@b>", "<a@b|"},
   };
   for (const auto& row : rows) {
-    for (const auto bare : {BareAddresses::kTake, BareAddresses::kRefuse, BareAddresses::kForwardUnchecked}) {
+    for (const auto bare : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
+                            AddressesWithoutBrackets::kForwardUnchecked}) {
       EXPECT_EQ(Parsed(row.text, bare), row.parsed) << row.text;
     }
   }
@@ -83,24 +84,25 @@ TEST(ParsePath, TheSettingDecidesAboutAllOthers) {
       {"a@b <c", "a@b| <c"},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(Parsed(row.text, BareAddresses::kTake), row.taken) << row.text;
-    EXPECT_EQ(Parsed(row.text, BareAddresses::kRefuse), "refused") << row.text;
-    EXPECT_EQ(Parsed(row.text, BareAddresses::kForwardUnchecked), "unchecked") << row.text;
+    EXPECT_EQ(Parsed(row.text, AddressesWithoutBrackets::kTake), row.taken) << row.text;
+    EXPECT_EQ(Parsed(row.text, AddressesWithoutBrackets::kRefuse), "refused") << row.text;
+    EXPECT_EQ(Parsed(row.text, AddressesWithoutBrackets::kForwardUnchecked), "unchecked") << row.text;
   }
 }
 
 TEST(ParsePath, NothingIsNoAddress) {
-  for (const auto bare : {BareAddresses::kTake, BareAddresses::kRefuse, BareAddresses::kForwardUnchecked}) {
+  for (const auto bare : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
+                          AddressesWithoutBrackets::kForwardUnchecked}) {
     for (const char* text : {"", " ", "   "}) EXPECT_EQ(Parsed(text, bare), "refused") << text;
   }
   for (const char* bracket : {"<", ">", " < "}) {
-    EXPECT_EQ(Parsed(bracket, BareAddresses::kTake), "refused") << bracket;
-    EXPECT_EQ(Parsed(bracket, BareAddresses::kRefuse), "refused") << bracket;
-    EXPECT_EQ(Parsed(bracket, BareAddresses::kForwardUnchecked), "unchecked") << bracket;
+    EXPECT_EQ(Parsed(bracket, AddressesWithoutBrackets::kTake), "refused") << bracket;
+    EXPECT_EQ(Parsed(bracket, AddressesWithoutBrackets::kRefuse), "refused") << bracket;
+    EXPECT_EQ(Parsed(bracket, AddressesWithoutBrackets::kForwardUnchecked), "unchecked") << bracket;
   }
 }
 
-TEST(NormalizeMailbox, GivesEveryMailboxOneForm) {
+TEST(NormalizeMailbox, GivesEveryMailboxItsCanonicalForm) {
   constexpr const char* kRefused = nullptr;
   const struct {
     const char* address;
@@ -503,9 +505,9 @@ TEST(ParsePath, AForwardedPathReadsAsItWasChecked) {
   for (int round = 0; round < 200000; ++round) {
     const std::string text = AnyAddress(random);
     const std::string given = random() % 2 == 0 ? "<" + text + ">" : text;
-    const PathArgument path = ParsePath(given, BareAddresses::kTake);
+    const ParsedPath path = ParsePath(given, AddressesWithoutBrackets::kTake);
     const std::string_view first = FirstWord(Trim(given));
-    const bool is_nothing = path.verdict == PathArgument::Verdict::kSyntaxError;
+    const bool is_nothing = path.verdict == ParsedPath::Verdict::kSyntaxError;
     if (is_nothing) {
       EXPECT_TRUE(first.empty() || first == ">" || first == "<") << Escape(given);
     }
@@ -515,10 +517,10 @@ TEST(ParsePath, AForwardedPathReadsAsItWasChecked) {
     if (!form) continue;
     ++taken;
     const std::string forwarded = "<" + *form + ">" + std::string(path.parameters);
-    const PathArgument again = ParsePath(forwarded, BareAddresses::kRefuse);
+    const ParsedPath again = ParsePath(forwarded, AddressesWithoutBrackets::kRefuse);
     // A quoted local part may hold brackets and blanks, which ParsePath does not see as quoted.
     if (form->find_first_of("<> ") != std::string::npos) continue;
-    ASSERT_EQ(again.verdict, PathArgument::Verdict::kTaken) << Escape(forwarded);
+    ASSERT_EQ(again.verdict, ParsedPath::Verdict::kTaken) << Escape(forwarded);
     EXPECT_EQ(again.address, *form) << Escape(forwarded);
     EXPECT_EQ(again.parameters, Trim(path.parameters).empty() ? "" : path.parameters) << Escape(forwarded);
   }
