@@ -74,7 +74,7 @@ class ServerSession final : private DialogueActions {
       return;
     }
     state_.phase = Phase::kReply;
-    state_.forwarded = {std::string(verb), FindCommand(verb).command, verb == "BDAT", 0};
+    state_.forwarded = {std::string(verb), FindCommand(verb).id, verb == "BDAT", 0};
   }
 
   void Says(const std::string& reply) {

@@ -67,7 +67,7 @@ ClientCommandFilter::Line ClientCommandFilter::ParseCommandLine(std::string_view
   result.verb = ToUpper(result.text);
   if (!rest.empty()) result.text.append(" ").append(rest);
   std::replace(result.text.begin(), result.text.end(), '\t', ' ');
-  result.row = &FindCommand(result.verb);
+  result.command = &FindCommand(result.verb);
   return result;
 }
 
@@ -81,7 +81,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
   if (draft.state.phase == Phase::kAuthData) return ProcessAuthenticationData(text, draft);
   const Line line = ParseCommandLine(text);
   draft.requested.CurrentVerb = line.verb;
-  const bool is_bdat = line.row->command == Command::kBdat;
+  const bool is_bdat = line.command->id == Command::kBdat;
   const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::nullopt;
   // Without a count nobody can tell where the content ends.
   if (is_bdat && !octets) return Ending(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}, draft));
@@ -90,7 +90,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
   // Bytes beyond ASCII in a verb are a blank to servers that drop the eighth bit, or know more blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
-  } else if (line.row->never_forwarded) {
+  } else if (line.command->blocked) {
     decision = Answer({ReplyKind::kNotImplemented, ""}, draft);
   } else if (draft.state.transaction == Transaction::kRefused) {
     decision = ProcessRefusedSession(line, draft);
@@ -107,7 +107,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
 }
 
 LineDecision ClientCommandFilter::ProcessPolicy(const Line& line, Draft& draft) const {
-  switch (line.row->command) {
+  switch (line.command->id) {
     case Command::kEhlo:
     case Command::kHelo:
       return ProcessHelo(line, draft);
@@ -172,7 +172,7 @@ std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) 
 }
 
 LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft& draft) const {
-  const bool quits = line.row->command == Command::kQuit;
+  const bool quits = line.command->id == Command::kQuit;
   return Answer({quits ? ReplyKind::kQuitBadIP : ReplyKind::kBadSequenceBadIP, ""}, draft);
 }
 
@@ -180,7 +180,7 @@ LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft&
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line,
                                                                   const DialogueState& state) const {
-  if (state.transaction == Transaction::kNoGreeting && !line.row->before_greeting) {
+  if (state.transaction == Transaction::kNoGreeting && !line.command->before_greeting) {
     return Refusal{ReplyKind::kBadSequenceNoHelo, ""};
   }
   return CheckTransactionOrder(line, state);
@@ -189,18 +189,19 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& li
 // One after the other; when several refuse, the last one answers.
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
     const Line& line, const DialogueState& state) const {
-  const CommandRow& row = *line.row;
+  const CommandRow& command = *line.command;
   const bool chunks = state.transaction == Transaction::kChunks;
   MaybeRefusal refusal;
   if (state.transaction == Transaction::kOpen || chunks) {
-    const bool extension_missing = !row.extension.empty() && !state.offered.Extensions.Has(row.extension);
-    if (row.place == Place::kOpensTransaction || extension_missing) {
+    const bool extension_missing =
+        !command.extension.empty() && !state.offered.Extensions.Has(command.extension);
+    if (command.transaction == TransactionRule::kOpensTransaction || extension_missing) {
       refusal = {ReplyKind::kBadSequence, "BadSeq.Transaction"};
     }
-  } else if (row.place == Place::kInTransaction) {
+  } else if (command.transaction == TransactionRule::kInTransaction) {
     refusal = {ReplyKind::kBadSequence, "BadSeq.NoTransaction"};
   }
-  if (chunks && !row.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
+  if (chunks && !command.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
   return refusal;
 }
 
@@ -208,7 +209,7 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
 
 LineDecision ClientCommandFilter::ProcessHelo(const Line& line, Draft& draft) const {
   std::string& domain = draft.requested.HeloDomain;
-  draft.requested.EhloUsed = line.row->command == Command::kEhlo;
+  draft.requested.EhloUsed = line.command->id == Command::kEhlo;
   domain = FirstParameter(line.Rest());
   if (const MaybeRefusal refusal = CheckHeloBlackList(domain)) return Answer(*refusal, draft);
   const std::int32_t dns_check =
@@ -434,8 +435,8 @@ LineDecision ClientCommandFilter::Forward(const Line& line, std::string text, st
   LineDecision decision;
   decision.text = std::move(text.append(kCrLf));
   decision.extra = std::move(extra);
-  decision.forwarded = ForwardedCommand{line.verb, line.row->command};
-  if (line.row->command == Command::kAuth) decision.logged = LoggedForm(decision.text, Phase::kCommand);
+  decision.forwarded = ForwardedCommand{line.verb, line.command->id};
+  if (line.command->id == Command::kAuth) decision.logged = LoggedForm(decision.text, Phase::kCommand);
   return decision;
 }
 

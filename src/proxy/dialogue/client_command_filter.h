@@ -89,7 +89,7 @@ class ClientCommandFilter {
   struct Line {
     std::string text;  // verb as written, one blank, rest
     std::string verb;
-    const CommandRow* row = nullptr;
+    const CommandRow* command = nullptr;
 
     std::string_view Rest() const { return std::string_view(text).substr(verb.size()); }
   };

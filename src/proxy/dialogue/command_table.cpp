@@ -8,33 +8,33 @@ namespace trabex {
 namespace {
 
 constexpr std::array kCommands = {
-    //         verb        command              before  place                     chunks  extension   never
-    CommandRow{"ATRN", Command::kAtrn, false, Place::kAnywhere, false, "", true},
-    CommandRow{"AUTH", Command::kAuth, false, Place::kAnywhere, false, "", false},
-    CommandRow{"BDAT", Command::kBdat, false, Place::kInTransaction, true, "CHUNKING", false},
-    CommandRow{"DATA", Command::kData, false, Place::kInTransaction, false, "", false},
-    CommandRow{"EHLO", Command::kEhlo, true, Place::kAnywhere, false, "", false},
-    CommandRow{"EXPN", Command::kExpn, true, Place::kAnywhere, false, "", false},
-    CommandRow{"HELO", Command::kHelo, true, Place::kAnywhere, false, "", false},
-    CommandRow{"HELP", Command::kHelp, true, Place::kAnywhere, false, "", false},
-    CommandRow{"MAIL", Command::kMail, false, Place::kOpensTransaction, false, "", false},
-    CommandRow{"NOOP", Command::kNoop, true, Place::kAnywhere, false, "", false},
-    CommandRow{"QUIT", Command::kQuit, true, Place::kAnywhere, true, "", false},
-    CommandRow{"RCPT", Command::kRcpt, false, Place::kInTransaction, false, "", false},
-    CommandRow{"RSET", Command::kRset, true, Place::kAnywhere, true, "", false},
-    CommandRow{"SAML", Command::kSaml, false, Place::kOpensTransaction, false, "", false},
-    CommandRow{"SEND", Command::kSend, false, Place::kOpensTransaction, false, "", false},
-    CommandRow{"SOML", Command::kSoml, false, Place::kOpensTransaction, false, "", false},
-    CommandRow{"STARTTLS", Command::kStarttls, false, Place::kAnywhere, false, "", true},
-    CommandRow{"TURN", Command::kTurn, false, Place::kAnywhere, false, "", true},
-    CommandRow{"VRFY", Command::kVrfy, true, Place::kAnywhere, false, "", false},
-    CommandRow{"XCLIENT", Command::kXclient, true, Place::kAnywhere, false, "", true},
-    CommandRow{"XEXCH50", Command::kXexch50, true, Place::kInTransaction, false, "XEXCH50", false},
-    CommandRow{"XFORWARD", Command::kXforward, true, Place::kAnywhere, false, "", true},
+    // verb, id, before_greeting, transaction, in_chunk_sequence, extension, blocked
+    CommandRow{"ATRN", Command::kAtrn, false, TransactionRule::kAnywhere, false, "", true},
+    CommandRow{"AUTH", Command::kAuth, false, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"BDAT", Command::kBdat, false, TransactionRule::kInTransaction, true, "CHUNKING", false},
+    CommandRow{"DATA", Command::kData, false, TransactionRule::kInTransaction, false, "", false},
+    CommandRow{"EHLO", Command::kEhlo, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"EXPN", Command::kExpn, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"HELO", Command::kHelo, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"HELP", Command::kHelp, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"MAIL", Command::kMail, false, TransactionRule::kOpensTransaction, false, "", false},
+    CommandRow{"NOOP", Command::kNoop, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"QUIT", Command::kQuit, true, TransactionRule::kAnywhere, true, "", false},
+    CommandRow{"RCPT", Command::kRcpt, false, TransactionRule::kInTransaction, false, "", false},
+    CommandRow{"RSET", Command::kRset, true, TransactionRule::kAnywhere, true, "", false},
+    CommandRow{"SAML", Command::kSaml, false, TransactionRule::kOpensTransaction, false, "", false},
+    CommandRow{"SEND", Command::kSend, false, TransactionRule::kOpensTransaction, false, "", false},
+    CommandRow{"SOML", Command::kSoml, false, TransactionRule::kOpensTransaction, false, "", false},
+    CommandRow{"STARTTLS", Command::kStarttls, false, TransactionRule::kAnywhere, false, "", true},
+    CommandRow{"TURN", Command::kTurn, false, TransactionRule::kAnywhere, false, "", true},
+    CommandRow{"VRFY", Command::kVrfy, true, TransactionRule::kAnywhere, false, "", false},
+    CommandRow{"XCLIENT", Command::kXclient, true, TransactionRule::kAnywhere, false, "", true},
+    CommandRow{"XEXCH50", Command::kXexch50, true, TransactionRule::kInTransaction, false, "XEXCH50", false},
+    CommandRow{"XFORWARD", Command::kXforward, true, TransactionRule::kAnywhere, false, "", true},
 };
 
-constexpr CommandRow kExtensionVerb{"", Command::kOther, true, Place::kAnywhere, false, "", false};
-constexpr CommandRow kUnknownVerb{"", Command::kOther, false, Place::kAnywhere, false, "", false};
+constexpr CommandRow kExtensionVerb{"", Command::kOther, true, TransactionRule::kAnywhere, false, "", false};
+constexpr CommandRow kUnknownVerb{"", Command::kOther, false, TransactionRule::kAnywhere, false, "", false};
 
 }  // namespace
 

@@ -32,8 +32,8 @@ enum class Command {
   kXforward,
 };
 
-// Where in the dialogue a command has its place.
-enum class Place {
+// What a command asks of the mail transaction.
+enum class TransactionRule {
   kAnywhere,
   kOpensTransaction,  // RFC 5321, 4.1.4: not while a transaction is open
   kInTransaction,     // only while a transaction is open
@@ -41,13 +41,14 @@ enum class Place {
 
 struct CommandRow {
   std::string_view verb;  // upper case
-  Command command;
+  Command id;
   bool before_greeting;  // taken before HELO or EHLO
-  Place place;
+  TransactionRule transaction;
   bool in_chunk_sequence;  // taken between two BDAT of one message, RFC 3030
-  std::string_view
-      extension;  // EHLO keyword without which the command is out of order in a transaction; "" for none
-  bool never_forwarded;  // would hand the connection, or the client's identity, to the server unchecked
+  // The EHLO keyword without which the command is out of order in a transaction; "" when it needs none.
+  std::string_view extension;
+  // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked.
+  bool blocked;
 };
 
 // The row of `verb` (upper case). Verbs that begin with "X" and have no row of their own, and all others

@@ -10,16 +10,16 @@ namespace trabex {
 namespace {
 
 TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
-  constexpr auto kAnywhere = Place::kAnywhere;
-  constexpr auto kOpens = Place::kOpensTransaction;
-  constexpr auto kInside = Place::kInTransaction;
+  constexpr auto kAnywhere = TransactionRule::kAnywhere;
+  constexpr auto kOpens = TransactionRule::kOpensTransaction;
+  constexpr auto kInside = TransactionRule::kInTransaction;
   const struct {
     const char* verb;
     bool before_greeting;
-    Place place;
+    TransactionRule transaction;
     bool in_chunk_sequence;
     const char* extension;
-    bool never_forwarded;
+    bool blocked;
   } rows[] = {
       {"EHLO", true, kAnywhere, false, "", false},
       {"HELO", true, kAnywhere, false, "", false},
@@ -58,10 +58,10 @@ TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
   for (const auto& row : rows) {
     const CommandRow& command = FindCommand(row.verb);
     EXPECT_EQ(command.before_greeting, row.before_greeting) << row.verb;
-    EXPECT_EQ(command.place, row.place) << row.verb;
+    EXPECT_EQ(command.transaction, row.transaction) << row.verb;
     EXPECT_EQ(command.in_chunk_sequence, row.in_chunk_sequence) << row.verb;
     EXPECT_EQ(command.extension, row.extension) << row.verb;
-    EXPECT_EQ(command.never_forwarded, row.never_forwarded) << row.verb;
+    EXPECT_EQ(command.blocked, row.blocked) << row.verb;
   }
   for (const CommandRow& command : AllCommands()) {
     const bool tested = std::any_of(std::begin(rows), std::end(rows),
