@@ -1,5 +1,4 @@
-// The readers of list keys: expression lists, address ranges, response changes. The names are those of the
-// design.
+// The readers of list keys: expression lists, address ranges, response changes.
 //
 // An absent key gives what the default text says. A bad entry is reported with ReportConfigError, which
 // raises unless errors are ignored; then the good entries are kept. Time and memory grow in proportion to the

@@ -91,7 +91,7 @@ TEST_F(GreyListing, ANewTripleIsDelayed) {
   EXPECT_TRUE(database_.Changed());
 }
 
-TEST_F(GreyListing, OutcomesAreTheDesignedNumbers) {
+TEST_F(GreyListing, OutcomesHaveNumbersOfTheirOwn) {
   EXPECT_EQ(static_cast<int>(kNew), 0);
   EXPECT_EQ(static_cast<int>(kExpired), 1);
   EXPECT_EQ(static_cast<int>(kDelayed), 2);

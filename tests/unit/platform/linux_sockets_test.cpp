@@ -298,7 +298,7 @@ struct ErrnoRow {
 
 class SocketErrno : public testing::TestWithParam<ErrnoRow> {};
 
-TEST_P(SocketErrno, HasItsDesignedNumber) {
+TEST_P(SocketErrno, HasANumberOfOurs) {
   EXPECT_EQ(SocketErrorOfErrno(GetParam().code), GetParam().number);
 }
 
