@@ -1,5 +1,5 @@
 // A greylisting database of a million records: how long it takes to load, what memory a record takes, and how
-// long a turn of the loop gets while the database is saved and mail goes on. Then a flood of new triples at
+// long an iteration of the loop gets while the database is saved and mail goes on. Then a flood of new triples at
 // the bounds: how much longer one takes among many pending ones than among few. Each figure has a limit of
 // its own and stands beside a peer: plain reading and std::unordered_map, and a loop that saves nothing.
 //
@@ -185,31 +185,32 @@ double PlainNewTripleAt(std::size_t pending) {
   return best_ms * 1e6 / 200000;
 }
 
-// Turns the loop, each turn with the checks of a busy server, while `more()`. The longest turn and their
+// Runs iterations of the loop, each with the checks of a busy server, while `more()`. The longest one and their
 // number.
-struct Turns {
+struct Iterations {
   double longest_ms = 0;
   std::size_t count = 0;
   double total_ms = 0;
 };
 
 template <class More>
-Turns RunTurns(EventLoop& loop, mGreyListing& grey, std::size_t records, std::mt19937& random, More more) {
-  Turns turns;
+Iterations RunIterations(EventLoop& loop, mGreyListing& grey, std::size_t records, std::mt19937& random,
+                         More more) {
+  Iterations iterations;
   const auto start = SteadyClock::now();
   while (more()) {
-    const double turn = TimeOf([&] {
+    const double iteration = TimeOf([&] {
       for (int i = 0; i < 20; ++i) {
         const Triple triple = MakeTriple(random() % records);
         grey.GreyListingCheck("mail.test", triple.ip, triple.sender, triple.recipient);
       }
       loop.RunOnce(Milliseconds{0});
     });
-    turns.longest_ms = std::max(turns.longest_ms, turn);
-    ++turns.count;
+    iterations.longest_ms = std::max(iterations.longest_ms, iteration);
+    ++iterations.count;
   }
-  turns.total_ms = Milliseconds_(SteadyClock::now() - start);
-  return turns;
+  iterations.total_ms = Milliseconds_(SteadyClock::now() - start);
+  return iterations;
 }
 
 }  // namespace
@@ -310,18 +311,20 @@ int main(int argc, char** argv) {
         if (result.kind != GreyListingSaveResult::Kind::kSaved) std::printf("the save failed\n");
       });
     });
-    // The sweep takes some hundred turns more.
+    // The sweep takes some hundred iterations more.
     int after = 0;
-    const Turns saving = RunTurns(loop, grey, records, random, [&] { return !done || after++ < 1000; });
+    const Iterations saving =
+        RunIterations(loop, grey, records, random, [&] { return !done || after++ < 1000; });
     longest_ms = std::min(longest_ms, std::max(saving.longest_ms, begin_ms));
     const auto idle_end = SteadyClock::now() + std::chrono::milliseconds(static_cast<int>(saving.total_ms));
-    const Turns idle = RunTurns(loop, grey, records, random, [&] { return SteadyClock::now() < idle_end; });
+    const Iterations idle =
+        RunIterations(loop, grey, records, random, [&] { return SteadyClock::now() < idle_end; });
     idle_ms = std::min(idle_ms, idle.longest_ms);
-    std::printf("save %zu: %.0f ms, %.1f ms of it to begin; %zu turns meanwhile, the longest %.1f ms\n",
+    std::printf("save %zu: %.0f ms, %.1f ms of it to begin; %zu iterations meanwhile, the longest %.1f ms\n",
                 round + 1, save_ms, begin_ms, saving.count, saving.longest_ms);
   }
   std::printf("a save in place takes %.0f ms\n", complete_ms);
-  Print("longest turn while saving", longest_ms, "ms", 50, idle_ms, "ms without a save");
+  Print("longest iteration while saving", longest_ms, "ms", 50, idle_ms, "ms without a save");
 
   database.Clear();
   malloc_trim(0);

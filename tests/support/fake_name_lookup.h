@@ -18,7 +18,7 @@
 
 namespace trabex {
 
-// Answers in the loop's next turn, or, after HoldAnswers, only when the test says Deliver. What was not set
+// Answers in the loop's next iteration, or, after HoldAnswers, only when the test says Deliver. What was not set
 // fails with 11001. An answer is that of the table at the moment it is given, so a test may set it while it
 // is held.
 class FakeNameLookup final : public NameLookup {

@@ -8,7 +8,7 @@
 
 namespace trabex {
 
-// Turns `loop` until `predicate()` holds, for `bound` of real time at most. Returns whether it holds. What
+// Runs `loop` until `predicate()` holds, for `bound` of real time at most. Returns whether it holds. What
 // the predicate looks at may also change without the loop (the other end of a connection), so it is looked at
 // now and then while the loop has nothing to do.
 template <class Predicate>
@@ -22,7 +22,7 @@ bool RunUntil(EventLoop& loop, Predicate predicate, Milliseconds bound = std::ch
   return true;
 }
 
-// Turns `loop` until it has nothing left to do at once: what is under way inside this machine has happened
+// Runs `loop` until it has nothing left to do at once: what is under way inside this machine has happened
 // then, as far as the kernel delivers it without delay (loopback does).
 inline void RunUntilIdle(EventLoop& loop) {
   while (loop.RunOnce(Milliseconds{0})) {

@@ -219,8 +219,8 @@ class LogFileInLoopTest : public LogFileTest {
     log_.SetTimer(nullptr);
   }
 
-  // One turn in which `action` is called.
-  void InTurn(std::function<void()> action) {
+  // One iteration in which `action` is called.
+  void InIteration(std::function<void()> action) {
     loop_.Post(std::move(action));
     loop_.RunOnce(Milliseconds(0));
   }
@@ -236,9 +236,9 @@ class LogFileInLoopTest : public LogFileTest {
                }};
 };
 
-TEST_F(LogFileInLoopTest, LinesAreInTheFileAtTheEndOfTheirTurn) {
+TEST_F(LogFileInLoopTest, LinesAreInTheFileAtTheEndOfTheirIteration) {
   std::string during;
-  InTurn([&] {
+  InIteration([&] {
     log_.LogLine("a");
     log_.LogLine("b");
     during = File("Trabex-25-261115.log");
@@ -247,9 +247,9 @@ TEST_F(LogFileInLoopTest, LinesAreInTheFileAtTheEndOfTheirTurn) {
   EXPECT_EQ(File("Trabex-25-261115.log"), "15/11/26 13:54:24 a\r\n15/11/26 13:54:24 b\r\n");
 }
 
-TEST_F(LogFileInLoopTest, MuchIsWrittenBeforeTheEndOfTheTurn) {
+TEST_F(LogFileInLoopTest, MuchIsWrittenBeforeTheEndOfTheIteration) {
   std::size_t during = 0;
-  InTurn([&] {
+  InIteration([&] {
     log_.LogLine(std::string(70000, 'x'));
     during = File("Trabex-25-261115.log").size();
     log_.LogLine("b");
@@ -260,7 +260,7 @@ TEST_F(LogFileInLoopTest, MuchIsWrittenBeforeTheEndOfTheTurn) {
 
 TEST_F(LogFileInLoopTest, ClosingWritesWhatHasCollected) {
   std::string during;
-  InTurn([&] {
+  InIteration([&] {
     log_.LogLine("a");
     log_.Close();
     during = File("Trabex-25-261115.log");
@@ -275,9 +275,9 @@ TEST_F(LogFileInLoopTest, LinesLeftWhenCollectingEndsAreWritten) {
 }
 
 TEST_F(LogFileInLoopTest, FileIsClosedAfterFiveQuietSeconds) {
-  InTurn([this] { log_.LogLine("a"); });
+  InIteration([this] { log_.LogLine("a"); });
   Pass(Milliseconds(4000));
-  InTurn([this] { log_.LogLine("b"); });
+  InIteration([this] { log_.LogLine("b"); });
   Pass(Milliseconds(4999));
   EXPECT_TRUE(HasOpenFile());
   Pass(Milliseconds(1));
@@ -286,12 +286,12 @@ TEST_F(LogFileInLoopTest, FileIsClosedAfterFiveQuietSeconds) {
 }
 
 TEST_F(LogFileInLoopTest, LinesTenSecondsApartOpenTheFileTwice) {
-  InTurn([this] { log_.LogLine("a"); });
+  InIteration([this] { log_.LogLine("a"); });
   EXPECT_TRUE(HasOpenFile());
   Pass(Milliseconds(5000));
   EXPECT_FALSE(HasOpenFile());
   Pass(Milliseconds(5000));
-  InTurn([this] { log_.LogLine("b"); });
+  InIteration([this] { log_.LogLine("b"); });
   EXPECT_TRUE(HasOpenFile());
   Pass(Milliseconds(5000));
   EXPECT_FALSE(HasOpenFile());
@@ -300,18 +300,18 @@ TEST_F(LogFileInLoopTest, LinesTenSecondsApartOpenTheFileTwice) {
 
 TEST_F(LogFileInLoopTest, NewDayBeginsAfterAPauseOnly) {
   SetTime(2026, 11, 15, 23, 59, 58);
-  InTurn([this] { log_.LogLine("before midnight"); });
+  InIteration([this] { log_.LogLine("before midnight"); });
   Pass(Milliseconds(3000));
-  InTurn([this] { log_.LogLine("after midnight"); });
+  InIteration([this] { log_.LogLine("after midnight"); });
   EXPECT_EQ(File("Trabex-25-261115.log"),
             "15/11/26 23:59:58 before midnight\r\n16/11/26 00:00:01 after midnight\r\n");
   Pass(Milliseconds(9000));
-  InTurn([this] { log_.LogLine("after the pause"); });
+  InIteration([this] { log_.LogLine("after the pause"); });
   EXPECT_EQ(File("Trabex-25-261116.log"), "16/11/26 00:00:10 after the pause\r\n");
 }
 
-TEST_F(LogFileInLoopTest, FileOpenedAgainInATurnThatHadLinesIsStillClosed) {
-  InTurn([this] {
+TEST_F(LogFileInLoopTest, FileOpenedAgainInAnIterationThatHadLinesIsStillClosed) {
+  InIteration([this] {
     log_.LogLine("a");
     timer_.Disable();
     log_.Close();
@@ -326,7 +326,7 @@ TEST_F(LogFileInLoopTest, LostLineRestartsNoTimer) {
   Pass(Milliseconds(5000));
   ASSERT_FALSE(timer_.Enabled());
   configuration_.LogPath = folder_ / "none/Log";
-  InTurn([this] { log_.LogLine("lost"); });
+  InIteration([this] { log_.LogLine("lost"); });
   EXPECT_FALSE(timer_.Enabled());
 }
 

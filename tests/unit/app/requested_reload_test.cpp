@@ -167,11 +167,11 @@ TEST_F(RequestedReloadTest, OfTheTimeOfTheStartIsMadeAfterIt) {
   names_->SetAddresses("server.test", {0x0A000001});
   names_->HoldAnswers();
   // In the loop, while the start waits for the name of the server.
-  int turns = 0;
+  int iterations = 0;
   Timer turning(program_->loop, Milliseconds(0), [&] {
-    ++turns;
-    if (turns == 1) raise(SIGHUP);
-    if (turns < 3) return;
+    ++iterations;
+    if (iterations == 1) raise(SIGHUP);
+    if (iterations < 3) return;
     EXPECT_EQ(Settings().Timeout, 100);
     EXPECT_EQ(Reloads(), 0);
     turning.Disable();

@@ -62,7 +62,7 @@ class Store : public testing::Test {
     for (const std::string& line : log_.Take()) text += "\n" + line;
     return text;
   }
-  // Starts a background save and turns the loop until it is over.
+  // Starts a background save and runs the loop until it is over.
   GreyListingSaveResult SaveBeside() {
     std::optional<GreyListingSaveResult> result;
     EXPECT_TRUE(store_.SaveInBackground([&](const GreyListingSaveResult& r) { result = r; }));

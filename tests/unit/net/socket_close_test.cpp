@@ -114,7 +114,7 @@ TEST_F(CloseInsideTest, ErrorInsideSendData) {
   EXPECT_EQ(Ours().State(), SocketState::sckClosed);
 }
 
-TEST_F(CloseInsideTest, AnotherSocketOfTheSameTurn) {
+TEST_F(CloseInsideTest, AnotherSocketOfTheSameIteration) {
   // Two connections have data; the first one notified closes both.
   Connection();
   auto first = std::move(accepted);

@@ -66,7 +66,7 @@ class EventLoopTest : public testing::Test {
   std::string trace;
 };
 
-TEST_F(EventLoopTest, PostRunsInTheNextTurnInOrder) {
+TEST_F(EventLoopTest, PostRunsInTheNextIterationInOrder) {
   loop.Post([this] {
     trace += 'a';
     loop.Post([this] { trace += 'c'; });
@@ -80,7 +80,7 @@ TEST_F(EventLoopTest, PostRunsInTheNextTurnInOrder) {
   EXPECT_FALSE(loop.RunOnce(kNow));
 }
 
-TEST_F(EventLoopTest, APostOutsideATurnKeepsItFromWaiting) {
+TEST_F(EventLoopTest, APostOutsideAnIterationKeepsItFromWaiting) {
   loop.Post([this] { trace += 'p'; });
   const auto start = std::chrono::steady_clock::now();
   loop.RunOnce(std::chrono::minutes(5));
@@ -88,7 +88,7 @@ TEST_F(EventLoopTest, APostOutsideATurnKeepsItFromWaiting) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::minutes(1));
 }
 
-TEST_F(EventLoopTest, TurnEndComesAfterEverythingElseAndBeforeTheLoopSleeps) {
+TEST_F(EventLoopTest, IterationEndComesAfterEverythingElseAndBeforeTheLoopSleeps) {
   Timer timer(loop, milliseconds(10), [this] { trace += 't'; });
   timer.Enable();
   clock.Advance(milliseconds(10));
@@ -104,7 +104,7 @@ TEST_F(EventLoopTest, TurnEndComesAfterEverythingElseAndBeforeTheLoopSleeps) {
   EXPECT_EQ(trace, "ptefg");
 }
 
-TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHoldItUp) {
+TEST_F(EventLoopTest, IterationEndActionsMadeAtTheIterationEndRunInTheSameOneAndCannotHoldItUp) {
   loop.Post([this] {
     loop.OnIterationEnd([this] { loop.OnIterationEnd([this] { trace += 'n'; }); });
     loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
@@ -123,7 +123,7 @@ TEST_F(EventLoopTest, TurnEndActionsMadeAtTheTurnEndRunInTheSameOneAndCannotHold
   EXPECT_LT(rounds, 100);
 }
 
-TEST_F(EventLoopTest, RetiredObjectsOutliveTheCallsOfTheirTurn) {
+TEST_F(EventLoopTest, DeferredDeletedObjectsOutliveTheCallsOfTheirIteration) {
   loop.Post([this] {
     loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
     trace += 'a';
@@ -133,7 +133,7 @@ TEST_F(EventLoopTest, RetiredObjectsOutliveTheCallsOfTheirTurn) {
   EXPECT_EQ(trace, "abr");
 }
 
-TEST_F(EventLoopTest, RetiredOutsideATurnGoesAtTheNextTurnsEndOrWithTheLoop) {
+TEST_F(EventLoopTest, DeferredDeletedOutsideAnIterationGoesAtTheNextIterationsEndOrWithTheLoop) {
   loop.DeferredDelete(std::make_unique<Tombstone>(trace, 'r'));
   EXPECT_EQ(trace, "");
   loop.RunOnce(std::chrono::minutes(5));
@@ -147,7 +147,7 @@ TEST_F(EventLoopTest, RetiredOutsideATurnGoesAtTheNextTurnsEndOrWithTheLoop) {
   EXPECT_EQ(trace, "rs");
 }
 
-TEST_F(EventLoopTest, QuitEndsRunAfterTheTurn) {
+TEST_F(EventLoopTest, QuitEndsRunAfterTheIteration) {
   loop.Post([this] {
     loop.Quit();
     trace += 'q';
@@ -260,7 +260,7 @@ TEST_F(EventLoopTest, TimersTickInTheOrderOfTheirDeadlines) {
   EXPECT_EQ(trace, "1346789");
 }
 
-TEST_F(EventLoopTest, ATimerStartedInATickWaitsForTheNextTurn) {
+TEST_F(EventLoopTest, ATimerStartedInATickWaitsForTheNextIteration) {
   std::unique_ptr<Timer> second;
   Timer first(loop, milliseconds(0), [&] {
     trace += '1';
@@ -327,7 +327,7 @@ TEST_F(EventLoopTest, WaitsForTheTimerOnTheMachinesClock) {
   EXPECT_GE(system.Monotonic() - start, milliseconds(20));
 }
 
-TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheTurns) {
+TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheIterations) {
   SocketPair pair;
   int reads = 0;
   int ticks = 0;

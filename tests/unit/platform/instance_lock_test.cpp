@@ -86,7 +86,7 @@ class InstanceLockTest : public testing::Test {
   std::unique_ptr<InstanceLock> TryLock(const std::string& name) {
     return TryLockInstance(loop_, name, [this] { ++requests_; });
   }
-  // Turns the loop until the lock has read what was sent to it by now, whoever sent it: messages keep their
+  // Runs the loop until the lock has read what was sent to it by now, whoever sent it: messages keep their
   // order, so it has once it read another one.
   bool AllIsRead(const std::string& name) {
     Sender last(name);
@@ -315,15 +315,15 @@ TEST_F(InstanceLockTest, FloodDoesNotSpinTheLoop) {
   int ticks = 0;
   Timer timer(loop_, milliseconds(10), [&] { ++ticks; });
   timer.Enable();
-  int turns = 0;
+  int iterations = 0;
   requests_ = 0;
   ASSERT_TRUE(RunUntil(loop_, [&] {
-    ++turns;
+    ++iterations;
     return ticks >= 50;
   }));
   EXPECT_GT(requests_, 0);
   EXPECT_LT(requests_, 15) << "in half a second, with a pause of a tenth";
-  EXPECT_LT(turns, 200);
+  EXPECT_LT(iterations, 200);
   flooding.Kill();
   ASSERT_TRUE(AllIsRead(name));
   const int before = requests_;

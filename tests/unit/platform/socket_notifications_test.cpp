@@ -243,7 +243,7 @@ const Row kRows[] = {
          b.sockets.Watch(b.ours, &b.recorder);
        },
        "READ WRITE"}}},
-    {"SeveralReceivesBetweenTwoTurnsTellNothingOfTheirOwn",
+    {"SeveralReceivesBetweenTwoIterationsTellNothingOfTheirOwn",
      {{Connection, ""},
       {PeerSends(10), "READ"},
       {[](Bench& b) {
@@ -264,7 +264,7 @@ const Row kRows[] = {
        },
        "READ READ"},
       {Receive(100, 4), "READ READ"}}},
-    {"NoReadForDataThatSomebodyTookInTheSameTurn",
+    {"NoReadForDataThatSomebodyTookInTheSameIteration",
      {{Connection, ""},
       {[](Bench& b) {
          b.PeerSends(5);

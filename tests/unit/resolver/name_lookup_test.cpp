@@ -70,7 +70,7 @@ class NameLookupTest : public testing::Test {
   LookupId Ask(std::uint32_t address, std::string& outcome) {
     return lookup_->FindName(address, [&](const NameAnswer& answer) { outcome += Shown(answer); });
   }
-  // Asks and turns the loop until the answer is there.
+  // Asks and runs the loop until the answer is there.
   template <class What>
   std::string Outcome(What what) {
     std::string outcome;
@@ -79,7 +79,7 @@ class NameLookupTest : public testing::Test {
     EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
     return outcome;
   }
-  // Turns the loop until `name` has been asked for `times`.
+  // Runs the loop until `name` has been asked for `times`.
   bool Asked(std::string_view name, std::size_t times = 1) {
     return RunUntil(loop_, [&] { return server_.Questions(name) >= times; });
   }
@@ -416,12 +416,12 @@ TEST_F(ConfirmedNameTest, CancelledBetweenAndInBothQuestions) {
   lookup_->Cancel(id);
   server_.Release();
   RunUntilIdle(loop_);
-  // At each turn in between.
-  for (int turns = 0; turns < 12; ++turns) {
+  // At each iteration in between.
+  for (int iterations = 0; iterations < 12; ++iterations) {
     id = AskConfirmed(kAddress1, outcome);
     ASSERT_TRUE(held(1));
     server_.Release();
-    for (int turn = 0; turn < turns; ++turn) loop_.RunOnce(milliseconds(0));
+    for (int i = 0; i < iterations; ++i) loop_.RunOnce(milliseconds(0));
     lookup_->Cancel(id);
     server_.Release();
     RunUntilIdle(loop_);
@@ -437,9 +437,9 @@ TEST_F(ConfirmedNameTest, EndsBetweenTheQuestions) {
   server_.SetNames(kReverse1, {"one.test"});
   server_.SetAddresses("one.test", {kAddress1});
   std::string outcome;
-  for (int turns = 0; turns < 12; ++turns) {
+  for (int iterations = 0; iterations < 12; ++iterations) {
     AskConfirmed(kAddress1, outcome);
-    for (int turn = 0; turn < turns; ++turn) loop_.RunOnce(milliseconds(1));
+    for (int i = 0; i < iterations; ++i) loop_.RunOnce(milliseconds(1));
     const std::string before = outcome;
     lookup_ = MakeNameLookup(loop_, {.servers = server_.Address(), .hosts_file = folder_ / "hosts"});
     RunUntilIdle(loop_);
@@ -479,7 +479,7 @@ TEST_F(NameLookupTest, AnswerAfterTheLimitFindsNobody) {
   EXPECT_EQ(outcome, "11002");
 }
 
-// The answer may come from inside a turn in which everything has stood still for longer than the limit.
+// The answer may come from inside an iteration in which everything has stood still for longer than the limit.
 TEST_F(NameLookupTest, LateAnswerThatIsThereCounts) {
   server_.SetAddresses("late.test", {kAddress1});
   server_.Hold();
