@@ -86,7 +86,7 @@ class Window(Story):
         """The process of the Trabex that a shell has started."""
         return wait_until(lambda: children(shell), "the shell's child")[0]
 
-    def painter_of(self, trabex):
+    def renderer_of(self, trabex):
         return wait_until(lambda: children(trabex), "the process that draws")[0]
 
     def status_line(self):
@@ -249,7 +249,7 @@ class Keys(Window):
                 terminal = self.open_in_shell(self.SCRIPT)
                 terminal.wait_for_text(HEADER)
                 trabex = self.trabex_of(terminal.pid)
-                os.kill(self.painter_of(trabex), number)
+                os.kill(self.renderer_of(trabex), number)
                 client, = self.clients(1)
                 self.wait_for_rows(terminal, 1)
                 os.kill(trabex, number)
@@ -261,13 +261,13 @@ class Keys(Window):
     def test_signals_without_meaning(self):
         terminal = self.open()
         terminal.wait_for_text(HEADER)
-        painter = self.painter_of(terminal.pid)
+        renderer = self.renderer_of(terminal.pid)
         for number in (signal.SIGUSR2, signal.SIGALRM, signal.SIGVTALRM, signal.SIGIO, signal.SIGPIPE, signal.SIGUSR1):
             os.killpg(terminal.pid, number)
         self.proxy.wait_for_log("Log file reopened.")
         self.clients(1)
         self.wait_for_rows(terminal, 1)
-        self.assertTrue(is_alive(painter))
+        self.assertTrue(is_alive(renderer))
         self.assertNotIn("reloaded", self.proxy.log())
         self.assertNotIn(GONE, self.proxy.log())
 
@@ -286,30 +286,30 @@ class Keys(Window):
         terminal = self.open_in_shell('echo before; "$@"; status=$?; read -r _; echo "status $status"; stty -a; read -r _')
         terminal.wait_for_text(HEADER)
         trabex = self.trabex_of(terminal.pid)
-        painter = self.painter_of(trabex)
+        renderer = self.renderer_of(trabex)
         os.kill(trabex, signal.SIGKILL)
-        wait_until(lambda: not is_alive(painter), "the process that draws to end")
+        wait_until(lambda: not is_alive(renderer), "the process that draws to end")
         terminal.keys("Enter")
         self.assertRestored(terminal, 128 + signal.SIGKILL)
 
-    def test_painter_has_nothing_of_the_program(self):
+    def test_renderer_has_nothing_of_the_program(self):
         """Neither its memory nor its files and sockets: a session ends when the program closes it."""
         terminal = self.open()
         terminal.wait_for_text(HEADER)
         self.clients(3)
-        painter = self.painter_of(terminal.pid)
-        self.assertEqual(Path(f"/proc/{painter}/cmdline").read_bytes().split(b"\0")[0], b"Trabex-view")
-        files = [os.readlink(file) for file in Path(f"/proc/{painter}/fd").iterdir()]
+        renderer = self.renderer_of(terminal.pid)
+        self.assertEqual(Path(f"/proc/{renderer}/cmdline").read_bytes().split(b"\0")[0], b"Trabex-view")
+        files = [os.readlink(file) for file in Path(f"/proc/{renderer}/fd").iterdir()]
         self.assertEqual(len([file for file in files if file.startswith("socket:")]), 1, files)
         self.assertLessEqual({file for file in files if not file.startswith("socket:")},
                              {"/dev/tty", "/dev/null", os.readlink(f"/proc/{terminal.pid}/fd/1")})
 
-    def test_painter_killed(self):
+    def test_renderer_killed(self):
         """Costs the window, not the service."""
         terminal = self.open_in_shell(self.SCRIPT)
         terminal.wait_for_text(HEADER)
         trabex = self.trabex_of(terminal.pid)
-        os.kill(self.painter_of(trabex), signal.SIGKILL)
+        os.kill(self.renderer_of(trabex), signal.SIGKILL)
         lines = terminal.wait_for_text("Trabex: The window has gone")
         self.assertIn("before", lines)
         self.assertNotIn(HEADER, lines)
@@ -410,22 +410,22 @@ class DeafTerminal(Window):
     def stop(self, terminal):
         """Stops the terminal and waits until the process that draws stands still in its write."""
         terminal.stop()
-        painter = self.painter_of(terminal.pid)
+        renderer = self.renderer_of(terminal.pid)
         write = "1"
-        wait_until(lambda: Path(f"/proc/{painter}/syscall").read_text(encoding="ascii").split()[0] == write,
+        wait_until(lambda: Path(f"/proc/{renderer}/syscall").read_text(encoding="ascii").split()[0] == write,
                    "the process that draws to stand still")
-        return painter
+        return renderer
 
     def test_mail_goes_on(self):
         terminal = self.open_bare()
         clients = self.clients(20)
         terminal.read_until("Handle")
-        painter = self.stop(terminal)
+        renderer = self.stop(terminal)
         for _ in range(20):
             self.assertServes()
         late = self.connect(self.proxy.address, source="127.0.0.77")
         self.assertEqual(late.read_reply()[:3], "220")
-        self.assertTrue(is_alive(painter))
+        self.assertTrue(is_alive(renderer))
         # When it goes on it shows what is so now.
         terminal.go_on()
         terminal.read_until("127.0.0.77")
@@ -440,12 +440,12 @@ class DeafTerminal(Window):
         client, = self.clients(1)
         terminal.read_until("Handle")
         self.assertFalse(terminal.modes() & (termios.ICANON | termios.ECHO | termios.ISIG))
-        painter = self.stop(terminal)
+        renderer = self.stop(terminal)
         os.kill(terminal.pid, signal.SIGTERM)
         self.assertEqual(client.read_to_end()[:3], b"421")
         client.close()
         self.assertEqual(terminal.wait(), 0)
-        self.assertFalse(is_alive(painter))
+        self.assertFalse(is_alive(renderer))
         for mode in (termios.ICANON, termios.ECHO, termios.ISIG):
             self.assertTrue(terminal.modes() & mode)
 
@@ -477,10 +477,10 @@ class DeafTerminal(Window):
 
     def test_hang_up_may_be_ignored(self):
         terminal = self.open_bare(ignore_hang_up=True)
-        painter = self.painter_of(terminal.pid)
+        renderer = self.renderer_of(terminal.pid)
         terminal.hang_up()
         self.proxy.wait_for_log(GONE)
-        wait_until(lambda: not is_alive(painter), "the process that draws to end")
+        wait_until(lambda: not is_alive(renderer), "the process that draws to end")
         self.assertServes()
         self.assertEqual(children(terminal.pid), [])
         os.kill(terminal.pid, signal.SIGTERM)
