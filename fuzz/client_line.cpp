@@ -12,7 +12,7 @@
 #include "base/ip_address.h"
 #include "base/text.h"
 #include "command_checks.h"
-#include "filter_surroundings.h"
+#include "filter_dependencies.h"
 #include "proxy/dialogue/dialogue.h"
 #include "proxy/session_log.h"
 

@@ -10,7 +10,7 @@
 #include "base/text.h"
 #include "base/unicode_fold.h"
 #include "config/configuration.h"
-#include "filter_surroundings.h"
+#include "filter_dependencies.h"
 #include "proxy/dialogue/command_parameters.h"
 #include "proxy/dialogue/dialogue_state.h"
 

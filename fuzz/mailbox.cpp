@@ -9,7 +9,7 @@
 
 #include "base/text.h"
 #include "base/unicode_fold.h"
-#include "filter_surroundings.h"
+#include "filter_dependencies.h"
 #include "match/mText.h"
 #include "proxy/dialogue/mailbox.h"
 

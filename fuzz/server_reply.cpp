@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "base/text.h"
-#include "filter_surroundings.h"
+#include "filter_dependencies.h"
 #include "proxy/dialogue/dialogue.h"
 #include "proxy/dialogue/reply_assembler.h"
 
