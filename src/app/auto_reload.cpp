@@ -142,7 +142,7 @@ bool AutoReload::ReadAgain(IniText ini) {
   const std::int32_t port_before = program_.configuration.BindPort;
   if (program_.ReadEarlyKeysAgain(ini.text) == EarlyKeysResult::kFailed) return false;
   if (program_.configuration.BindPort != port_before && !program_.LockInstance()) return false;
-  return ReloadConfiguration(program_.MakeLoadEnvironment(), std::move(ini), program_.configuration) ==
+  return ReloadConfiguration(program_.MakeLoadDependencies(), std::move(ini), program_.configuration) ==
          LoadResult::kLoaded;
 }
 

@@ -43,15 +43,15 @@ std::string ServerAddress(const Configuration& configuration) {
 
 frmMain::frmMain(Program& program)
     : program_(program),
-      session_host_{.configuration = program.configuration,
-                    .log = program.log,
-                    .clock = program.dependencies.clock,
-                    .loop = program.loop,
-                    .sockets = program.socket_module,
-                    .names = *program.names,
-                    .sessions = sessions_,
-                    .table = *this,
-                    .greylisting = &program.greylisting},
+      session_dependencies_{.configuration = program.configuration,
+                            .log = program.log,
+                            .clock = program.dependencies.clock,
+                            .loop = program.loop,
+                            .sockets = program.socket_module,
+                            .names = *program.names,
+                            .sessions = sessions_,
+                            .table = *this,
+                            .greylisting = &program.greylisting},
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
       tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
@@ -222,7 +222,7 @@ void frmMain::EnableGreyListingTimer() {
 }
 
 void frmMain::Listener_ConnectionRequest(std::int32_t requestID) {
-  sessions_.Add(std::make_unique<cProxy>(session_host_)).Init(requestID);
+  sessions_.Add(std::make_unique<cProxy>(session_dependencies_)).Init(requestID);
 }
 
 void frmMain::Listener_Error(int number, const std::string& description) {

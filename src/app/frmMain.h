@@ -16,7 +16,7 @@
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
 #include "proxy/session_collection.h"
-#include "proxy/session_host.h"
+#include "proxy/session_dependencies.h"
 
 namespace trabex {
 
@@ -83,7 +83,7 @@ class frmMain final : public ConnectionTable {
 
   Program& program_;
   SessionCollection sessions_;
-  SessionHost session_host_;
+  SessionDependencies session_dependencies_;
   std::unique_ptr<CSocketMaster> listener_;
   LookupId server_lookup_ = 0;
   DateTime last_greylisting_save_ = 0;  // universal

@@ -98,7 +98,7 @@ EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
           .port_given = port_given};
 }
 
-LoadEnvironment Program::MakeLoadEnvironment() {
+LoadDependencies Program::MakeLoadDependencies() {
   return {.file = ini_file,
           .context = {.program_directory = dependencies.program_directory,
                       .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); }},

@@ -61,7 +61,7 @@ struct Program final : LoadHost {
   void ClearGreyListing() override;
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;
-  LoadEnvironment MakeLoadEnvironment();
+  LoadDependencies MakeLoadDependencies();
 
   Dependencies dependencies;
   Configuration configuration = DefaultConfiguration();

@@ -36,7 +36,7 @@ class StartUp {
       return kOrderlyEnd;
     }
     if (!program_.LockInstance()) return Failed();
-    if (LoadConfiguration(program_.MakeLoadEnvironment(), program_.configuration) == LoadResult::kFailed) {
+    if (LoadConfiguration(program_.MakeLoadDependencies(), program_.configuration) == LoadResult::kFailed) {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);

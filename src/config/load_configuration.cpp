@@ -9,24 +9,24 @@ namespace trabex {
 namespace {
 
 // The greylisting data as the setting says now.
-void FollowGreyListing(const LoadEnvironment& environment, const Configuration& configuration) {
+void FollowGreyListing(const LoadDependencies& dependencies, const Configuration& configuration) {
   if (configuration.GreyListing.Enabled) {
-    environment.host.LoadGreyListing();
+    dependencies.host.LoadGreyListing();
   } else {
-    environment.host.ClearGreyListing();
+    dependencies.host.ClearGreyListing();
   }
 }
 
 // The same where there may be records in memory.
-void FollowGreyListingAgain(const LoadEnvironment& environment, const Configuration& configuration) {
-  if (environment.host.SaveGreyListing()) FollowGreyListing(environment, configuration);
+void FollowGreyListingAgain(const LoadDependencies& dependencies, const Configuration& configuration) {
+  if (dependencies.host.SaveGreyListing()) FollowGreyListing(dependencies, configuration);
 }
 
 // False at a bad value, which is reported where it was found.
-bool AssignSettings(const SectionStore& store, const IniErrors& errors, const LoadEnvironment& environment,
+bool AssignSettings(const SectionStore& store, const IniErrors& errors, const LoadDependencies& dependencies,
                     Configuration& configuration) {
   try {
-    ReadSettings(store, errors, environment.context, configuration);
+    ReadSettings(store, errors, dependencies.context, configuration);
     return true;
   } catch (const Error&) {
     return false;
@@ -35,39 +35,39 @@ bool AssignSettings(const SectionStore& store, const IniErrors& errors, const Lo
 
 }  // namespace
 
-LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration) {
-  const IniErrors errors{environment.log, configuration.IgnoreIniErrors};
+LoadResult LoadConfiguration(const LoadDependencies& dependencies, Configuration& configuration) {
+  const IniErrors errors{dependencies.log, configuration.IgnoreIniErrors};
   {
     SectionStore store;
-    const IniReadResult read = mCommon::ReadIniFile(environment.file, store, errors);
+    const IniReadResult read = mCommon::ReadIniFile(dependencies.file, store, errors);
     if (read == IniReadResult::kAbandoned || (read == IniReadResult::kUnreadable && !errors.ignore)) {
-      FollowGreyListing(environment, configuration);
+      FollowGreyListing(dependencies, configuration);
       return LoadResult::kFailed;
     }
-    if (!AssignSettings(store, errors, environment, configuration)) return LoadResult::kFailed;
+    if (!AssignSettings(store, errors, dependencies, configuration)) return LoadResult::kFailed;
   }
-  FollowGreyListing(environment, configuration);
+  FollowGreyListing(dependencies, configuration);
   return LoadResult::kLoaded;
 }
 
-LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini,
+LoadResult ReloadConfiguration(const LoadDependencies& dependencies, IniText ini,
                                Configuration& configuration) {
-  const IniErrors errors{environment.log, configuration.IgnoreIniErrors};
-  const bool other_stamp = environment.file.stamp != ini.stamp;
+  const IniErrors errors{dependencies.log, configuration.IgnoreIniErrors};
+  const bool other_stamp = dependencies.file.stamp != ini.stamp;
   {
     SectionStore store;
-    if (!mCommon::ReadIniText(environment.file.path, std::move(ini.text), store, errors)) {
-      FollowGreyListingAgain(environment, configuration);
+    if (!mCommon::ReadIniText(dependencies.file.path, std::move(ini.text), store, errors)) {
+      FollowGreyListingAgain(dependencies, configuration);
       return LoadResult::kFailed;
     }
-    environment.file.stamp = ini.stamp;
-    if (!AssignSettings(store, errors, environment, configuration)) return LoadResult::kFailed;
+    dependencies.file.stamp = ini.stamp;
+    if (!AssignSettings(store, errors, dependencies, configuration)) return LoadResult::kFailed;
   }
-  environment.log.LogLine(other_stamp
-                              ? "Configuration reloaded because date/time of initialization file changed."
-                              : "Configuration reloaded; date/time of initialization file has not changed.");
-  if (configuration.Log == log_mode::kWithConfiguration) environment.host.DumpConfiguration();
-  FollowGreyListingAgain(environment, configuration);
+  dependencies.log.LogLine(other_stamp
+                               ? "Configuration reloaded because date/time of initialization file changed."
+                               : "Configuration reloaded; date/time of initialization file has not changed.");
+  if (configuration.Log == log_mode::kWithConfiguration) dependencies.host.DumpConfiguration();
+  FollowGreyListingAgain(dependencies, configuration);
   return LoadResult::kLoaded;
 }
 

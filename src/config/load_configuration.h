@@ -23,8 +23,8 @@ class LoadHost {
   virtual void ClearGreyListing() = 0;
 };
 
-// What a load needs of the program around it.
-struct LoadEnvironment {
+// What a load needs of the program.
+struct LoadDependencies {
   InitializationFile& file;  // its stamp is set by a successful read
   SettingContext context;
   Log& log;
@@ -41,10 +41,11 @@ enum class LoadResult {
 //
 // Last, also when the file had a syntax error, but not after a bad value, the greylisting data are loaded, or
 // forgotten with greylisting off.
-LoadResult LoadConfiguration(const LoadEnvironment& environment, Configuration& configuration);
+LoadResult LoadConfiguration(const LoadDependencies& dependencies, Configuration& configuration);
 
 // The same at a reload, from the file as it was taken; one line is logged when the settings are read. Before
 // the greylisting data are loaded or forgotten they are saved. What could not be saved stays in memory.
-LoadResult ReloadConfiguration(const LoadEnvironment& environment, IniText ini, Configuration& configuration);
+LoadResult ReloadConfiguration(const LoadDependencies& dependencies, IniText ini,
+                               Configuration& configuration);
 
 }  // namespace trabex

@@ -28,22 +28,22 @@ std::string KeyOf(const cProxy* session) {
 
 }  // namespace
 
-cProxy::cProxy(SessionHost& host)
-    : host_(host),
+cProxy::cProxy(SessionDependencies& dependencies)
+    : dependencies_(dependencies),
       key_(KeyOf(this)),
-      Receiver(SessionSide::Peer::kClient, host, *this),
-      Sender(SessionSide::Peer::kServer, host, *this),
-      dialogue_(host.configuration, host.clock, *this, host.greylisting) {
+      Receiver(SessionSide::Peer::kClient, dependencies, *this),
+      Sender(SessionSide::Peer::kServer, dependencies, *this),
+      dialogue_(dependencies.configuration, dependencies.clock, *this, dependencies.greylisting) {
   // If the server closes, what it said before is delivered; a client that is gone has nobody to answer to.
   Sender.Socket().SetDrainBeforeSendError(true);
 }
 
 cProxy::~cProxy() {
-  host_.names.Cancel(name_lookup_);
+  dependencies_.names.Cancel(name_lookup_);
 }
 
 double cProxy::Duration() const {
-  return std::chrono::duration<double>(host_.clock.Monotonic() - StartTime).count() / kSecondsPerDay;
+  return std::chrono::duration<double>(dependencies_.clock.Monotonic() - StartTime).count() / kSecondsPerDay;
 }
 
 // --- events
@@ -57,7 +57,7 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
       break;
     case SessionSide::Event::kDataArrival:
       if (&side == &Receiver && TimeoutSpan.count() != 0 && LineHasCome()) {
-        LastActivity = host_.clock.Monotonic();
+        LastActivity = dependencies_.clock.Monotonic();
       }
       break;
     case SessionSide::Event::kError:
@@ -109,8 +109,9 @@ void cProxy::Pump() {
 }
 
 void cProxy::PumpLater(const char* source) {
-  host_.loop.Post([&host = host_, key = key_, source] {
-    if (cProxy* session = host.sessions.Find(key)) session->RunHandler(source, [&] { session->Pump(); });
+  dependencies_.loop.Post([&dependencies = dependencies_, key = key_, source] {
+    if (cProxy* session = dependencies.sessions.Find(key))
+      session->RunHandler(source, [&] { session->Pump(); });
   });
 }
 
@@ -169,7 +170,7 @@ void cProxy::ToClient(std::string_view reply) {
 }
 
 void cProxy::AskForAddresses(std::string_view host_name) {
-  name_lookup_ = host_.names.FindAddresses(host_name, [this](const AddressAnswer& answer) {
+  name_lookup_ = dependencies_.names.FindAddresses(host_name, [this](const AddressAnswer& answer) {
     RunHandler("cProxy.ProcessIncomingData", [&] {
       name_lookup_ = 0;
       dialogue_.OnAddresses({answer.error == 0, answer.addresses}, *this);
@@ -181,7 +182,7 @@ void cProxy::AskForAddresses(std::string_view host_name) {
 void cProxy::EndAfterPause() {
   if (IsOver() || Sender.HasEnded()) return;
   Receiver.Log(log_level::kErrors, "Maximum out-of-order commands exceeded. Closing connection.");
-  pause_ = std::make_unique<Timer>(host_.loop, kBadSequencePause, [this] {
+  pause_ = std::make_unique<Timer>(dependencies_.loop, kBadSequencePause, [this] {
     RunHandler("cProxy.Receiver_DataArrival", [this] { Close(); });
   });
   pause_->Enable();
@@ -212,10 +213,10 @@ bool cProxy::LineHasCome() {
 }
 
 void cProxy::ArmTimeout() {
-  const auto left = TimeoutSpan - (host_.clock.Monotonic() - LastActivity);
+  const auto left = TimeoutSpan - (dependencies_.clock.Monotonic() - LastActivity);
   const auto wait = std::max(std::chrono::floor<Milliseconds>(left), Milliseconds(0)) + Milliseconds(1);
   if (!timeout_) {
-    timeout_ = std::make_unique<Timer>(host_.loop, wait, [this] { CheckTimeout(); });
+    timeout_ = std::make_unique<Timer>(dependencies_.loop, wait, [this] { CheckTimeout(); });
     timeout_->Enable();
   } else {
     timeout_->SetInterval(wait);
@@ -234,7 +235,7 @@ void cProxy::CheckTimeout() {
 
 bool cProxy::EndSilent() {
   if (TimeoutSpan.count() == 0) return false;
-  if (host_.clock.Monotonic() - LastActivity <= TimeoutSpan) {
+  if (dependencies_.clock.Monotonic() - LastActivity <= TimeoutSpan) {
     ArmTimeout();
     return false;
   }
@@ -244,7 +245,7 @@ bool cProxy::EndSilent() {
 }
 
 bool cProxy::EndStuck() {
-  const MonotonicTime now = host_.clock.Monotonic();
+  const MonotonicTime now = dependencies_.clock.Monotonic();
   if (Receiver.IsStuck(now)) {
     Receiver.Log(log_level::kErrors, kSendTimeOut);
     Close();
@@ -268,7 +269,7 @@ void cProxy::WatchSends() {
   if (!Receiver.Sending() && !Sender.Sending()) return;
   if (stall_timer_ && stall_timer_->Enabled()) return;
   if (!stall_timer_) {
-    stall_timer_ = std::make_unique<Timer>(host_.loop, kStallInterval, [this] { CheckTimeout(); });
+    stall_timer_ = std::make_unique<Timer>(dependencies_.loop, kStallInterval, [this] { CheckTimeout(); });
   }
   stall_timer_->Enable();
 }
@@ -283,14 +284,14 @@ void cProxy::Shutdown() {
 void cProxy::Close() {
   if (stage_ == Stage::kClosed) return;
   stage_ = Stage::kClosed;
-  RunLogged(host_.log, "cProxy.CloseReceiver", [this] { Receiver.Close(); });
-  RunLogged(host_.log, "cProxy.CloseSender", [this] { Sender.Close(); });
-  host_.names.Cancel(std::exchange(name_lookup_, 0));
+  RunLogged(dependencies_.log, "cProxy.CloseReceiver", [this] { Receiver.Close(); });
+  RunLogged(dependencies_.log, "cProxy.CloseSender", [this] { Sender.Close(); });
+  dependencies_.names.Cancel(std::exchange(name_lookup_, 0));
   pause_.reset();
   timeout_.reset();
   stall_timer_.reset();
-  host_.table.RemoveRow(key_);
-  if (auto self = host_.sessions.Remove(key_)) host_.loop.DeferredDelete(std::move(self));
+  dependencies_.table.RemoveRow(key_);
+  if (auto self = dependencies_.sessions.Remove(key_)) dependencies_.loop.DeferredDelete(std::move(self));
 }
 
 }  // namespace trabex

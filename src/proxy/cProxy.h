@@ -32,7 +32,7 @@
 #include "base/log.h"
 #include "platform/event_loop.h"
 #include "proxy/dialogue/dialogue.h"
-#include "proxy/session_host.h"
+#include "proxy/session_dependencies.h"
 #include "proxy/session_side.h"
 #include "resolver/name_lookup.h"
 
@@ -48,7 +48,7 @@ class cProxy final : public DeferredDeletable,
   // How often a session is looked at whose send waits.
   static constexpr Milliseconds kStallInterval{500};
 
-  explicit cProxy(SessionHost& host);
+  explicit cProxy(SessionDependencies& dependencies);
   ~cProxy() override;
   cProxy(const cProxy&) = delete;
   cProxy& operator=(const cProxy&) = delete;
@@ -112,7 +112,7 @@ class cProxy final : public DeferredDeletable,
   void CloseServer() override { Sender.Close(); }
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;
-  void LogFailure(const Error& error) override { host_.log.LogError(error); }
+  void LogFailure(const Error& error) override { dependencies_.log.LogError(error); }
 
   // Time.
   bool LineHasCome();
@@ -126,7 +126,7 @@ class cProxy final : public DeferredDeletable,
   template <class Body>
   void RunHandler(const char* source, Body body);
 
-  SessionHost& host_;
+  SessionDependencies& dependencies_;
   std::string key_;
   Stage stage_ = Stage::kAdmission;
 
@@ -151,7 +151,7 @@ class cProxy final : public DeferredDeletable,
 template <class Body>
 void cProxy::RunHandler(const char* source, Body body) {
   if (stage_ == Stage::kClosed) return;
-  RunLogged(host_.log, source, body);
+  RunLogged(dependencies_.log, source, body);
 }
 
 }  // namespace trabex

@@ -8,20 +8,20 @@
 namespace trabex {
 
 void cProxy::Init(std::int32_t requestID) {
-  TimeoutSpan = std::chrono::seconds(host_.configuration.Timeout);
+  TimeoutSpan = std::chrono::seconds(dependencies_.configuration.Timeout);
   try {
     Receiver.Socket().Accept(requestID);
   } catch (const Error& error) {
     // Without its client the session has no purpose.
-    host_.log.LogError(error);
+    dependencies_.log.LogError(error);
     Close();
     return;
   }
   if (stage_ == Stage::kClosed) return;
   RunHandler("cProxy.Init", [this] {
-    StartTime = LastActivity = host_.clock.Monotonic();
+    StartTime = LastActivity = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
-    host_.table.AddRow(*this);
+    dependencies_.table.AddRow(*this);
     if (!AdmitByCount() || !AdmitByAddress()) return;
     if (TimeoutSpan.count() != 0) ArmTimeout();
     const bool name_decides = NameAdmissionApplies();
@@ -32,15 +32,15 @@ void cProxy::Init(std::int32_t requestID) {
 }
 
 bool cProxy::AdmitByCount() {
-  const auto most = static_cast<std::size_t>(host_.configuration.MaxConnections);
-  if (most == 0 || host_.sessions.Count() <= most) return true;
+  const auto most = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
+  if (most == 0 || dependencies_.sessions.Count() <= most) return true;
   dialogue_.Say(ReplyKind::kTooManyConnections, *this);
   Close();
   return false;
 }
 
 bool cProxy::AdmitByAddress() {
-  const Configuration& c = host_.configuration;
+  const Configuration& c = dependencies_.configuration;
   const IPAddress ip = ClientIP();
   Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
   if (Whitelisted) return true;
@@ -54,7 +54,7 @@ void cProxy::LookUpClientName() {
   try {
     Receiver.Socket().LookUpRemoteHostName(
         [this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
-        host_.configuration.ConfirmHostNames);
+        dependencies_.configuration.ConfirmHostNames);
   } catch (const Error&) {
     // The client is gone already; its name is as good as none.
     ClientNameKnown();
@@ -76,11 +76,11 @@ void cProxy::ClientNameKnown() {
 
 bool cProxy::NameAdmissionApplies() const {
   const std::int32_t check = IsLocalClient() ? validate_rdns::kLocalClients : validate_rdns::kRemoteClients;
-  return (host_.configuration.ValidateRDNS & check) != 0 && !Whitelisted;
+  return (dependencies_.configuration.ValidateRDNS & check) != 0 && !Whitelisted;
 }
 
 bool cProxy::AdmitByName() {
-  const Configuration& c = host_.configuration;
+  const Configuration& c = dependencies_.configuration;
   if (!NameAdmissionApplies() || mText::MatchList(HostName, c.HostsWhiteList)) return true;
   // The allow list's "*" is meant for names; a client that has none does not pass by it.
   const bool allowed = !HostName.empty() && mText::MatchList(HostName, c.HostsAllowList);
@@ -92,7 +92,7 @@ bool cProxy::AdmitByName() {
 void cProxy::ConnectServer() {
   stage_ = Stage::kConnecting;
   try {
-    Sender.Socket().Connect(host_.configuration.ServerIP, host_.configuration.ServerPort);
+    Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {
     // Whichever way the connection fails, the client is told.
     Sender.NoteEnd({error.Number(), error.Description()});
@@ -100,7 +100,7 @@ void cProxy::ConnectServer() {
 }
 
 bool cProxy::IsLocalClient() const {
-  if (!IsLocal) IsLocal = mCommon::IPInRangeList(ClientIP(), host_.configuration.LocalIPs);
+  if (!IsLocal) IsLocal = mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.LocalIPs);
   return *IsLocal;
 }
 

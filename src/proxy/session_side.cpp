@@ -19,8 +19,8 @@ constexpr std::array<std::array<std::string_view, 5>, 2> kSources = {{
 
 }  // namespace
 
-SessionSide::SessionSide(Peer peer, SessionHost& host, Owner& owner)
-    : peer_(peer), host_(host), owner_(owner), socket_(host.sockets) {
+SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner)
+    : peer_(peer), dependencies_(dependencies), owner_(owner), socket_(dependencies.sockets) {
   socket_.Events.Connect = [this] { Notify(Event::kConnect); };
   socket_.Events.DataArrival = [this] {
     readable_ = true;
@@ -43,7 +43,7 @@ SessionSide::SessionSide(Peer peer, SessionHost& host, Owner& owner)
 
 void SessionSide::Notify(Event event) {
   if (event == Event::kConnect) connected_ = true;
-  RunLogged(host_.log, kSources[static_cast<std::size_t>(peer_)][static_cast<std::size_t>(event)],
+  RunLogged(dependencies_.log, kSources[static_cast<std::size_t>(peer_)][static_cast<std::size_t>(event)],
             [&] { owner_.OnSideEvent(*this, event); });
 }
 
@@ -91,14 +91,14 @@ void SessionSide::Close() {
 }
 
 bool SessionSide::Logs(std::int32_t level) const {
-  const Configuration& c = host_.configuration;
+  const Configuration& c = dependencies_.configuration;
   return ((peer_ == Peer::kClient ? c.LogLevelRemote : c.LogLevelServer) & level) != 0;
 }
 
 void SessionSide::Log(std::int32_t level, std::string_view text) const {
   if (!Logs(level)) return;
-  host_.log.LogLine(FormatSessionLine(peer_ == Peer::kClient ? "R: " : "S: ", socket_.SocketHandle(),
-                                      socket_.RemoteAddress(), text));
+  dependencies_.log.LogLine(FormatSessionLine(peer_ == Peer::kClient ? "R: " : "S: ", socket_.SocketHandle(),
+                                              socket_.RemoteAddress(), text));
 }
 
 }  // namespace trabex

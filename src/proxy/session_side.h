@@ -10,7 +10,7 @@
 
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
-#include "proxy/session_host.h"
+#include "proxy/session_dependencies.h"
 
 namespace trabex {
 
@@ -34,8 +34,8 @@ class SessionSide {
     std::string description;
   };
 
-  // `host` and `owner` outlive the object.
-  SessionSide(Peer peer, SessionHost& host, Owner& owner);
+  // `dependencies` and `owner` outlive the object.
+  SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner);
 
   CSocketMaster& Socket() { return socket_; }
   const CSocketMaster& Socket() const { return socket_; }
@@ -75,7 +75,7 @@ class SessionSide {
   void Notify(Event event);
 
   const Peer peer_;
-  SessionHost& host_;
+  SessionDependencies& dependencies_;
   Owner& owner_;
   CSocketMaster socket_;
   SendStall stall_;

@@ -33,8 +33,8 @@ SessionWorld::~SessionWorld() {
 
 void SessionWorld::Start() {
   if (listener_) return;
-  host_ = std::make_unique<SessionHost>(
-      SessionHost{Settings, log_, Time, Loop, module_, Names, sessions_, *this, Greylisting});
+  host_ = std::make_unique<SessionDependencies>(
+      SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, *this, Greylisting});
   listener_ = std::make_unique<CSocketMaster>(module_);
   listener_->Events.ConnectionRequest = [this](std::int32_t request) {
     sessions_.Add(std::make_unique<cProxy>(*host_)).Init(request);

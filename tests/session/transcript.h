@@ -14,7 +14,7 @@
 #include "platform/sockets.h"
 #include "proxy/cProxy.h"
 #include "proxy/session_collection.h"
-#include "proxy/session_host.h"
+#include "proxy/session_dependencies.h"
 #include "script/script.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
@@ -94,7 +94,7 @@ class SessionWorld : private ConnectionTable {
   modSocketMaster module_{sockets_, Names, log_};
   SessionCollection sessions_;
   std::vector<std::string> rows_;
-  std::unique_ptr<SessionHost> host_;
+  std::unique_ptr<SessionDependencies> host_;
   std::unique_ptr<CSocketMaster> listener_;
   TestListener server_listener_;
   TestPeer client_;

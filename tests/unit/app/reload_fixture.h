@@ -43,7 +43,7 @@ class AutoReloadTest : public ProgramTest {
   void Start() {
     ASSERT_EQ(program_->ReadEarlyKeys(), EarlyKeysResult::kRead);
     ASSERT_TRUE(program_->LockInstance());
-    ASSERT_EQ(LoadConfiguration(program_->MakeLoadEnvironment(), Settings()), LoadResult::kLoaded);
+    ASSERT_EQ(LoadConfiguration(program_->MakeLoadDependencies(), Settings()), LoadResult::kLoaded);
     program_->window = std::make_unique<frmMain>(*program_);
     ASSERT_TRUE(program_->window->Form_Load());
     log_.clear();

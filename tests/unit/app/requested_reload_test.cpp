@@ -161,7 +161,7 @@ TEST_F(RequestedReloadTest, OfTheTimeOfTheStartIsMadeAfterIt) {
   WriteIni("ServerIP=server.test\nTimeout=100\n");
   ASSERT_EQ(program_->ReadEarlyKeys(), EarlyKeysResult::kRead);
   ASSERT_TRUE(program_->LockInstance());
-  ASSERT_EQ(LoadConfiguration(program_->MakeLoadEnvironment(), Settings()), LoadResult::kLoaded);
+  ASSERT_EQ(LoadConfiguration(program_->MakeLoadDependencies(), Settings()), LoadResult::kLoaded);
   program_->window = std::make_unique<frmMain>(*program_);
   WriteIni("ServerIP=server.test\nTimeout=200\n");
   names_->SetAddresses("server.test", {0x0A000001});

@@ -152,15 +152,15 @@ class LoadConfigurationTest : public testing::Test, private LoadHost {
  protected:
   LoadConfigurationTest() { configuration_.IgnoreIniErrors = false; }
   LoadResult Load(bool reload = false) {
-    if (!reload) return LoadConfiguration(Environment(), configuration_);
+    if (!reload) return LoadConfiguration(Dependencies(), configuration_);
     IniText ini = mCommon::TakeIniFile(file_.path);
     ini.stamp += ++reloads_;  // changed since, however fast the test is
     return Reload(std::move(ini));
   }
   LoadResult Reload(IniText ini) {
-    return ReloadConfiguration(Environment(), std::move(ini), configuration_);
+    return ReloadConfiguration(Dependencies(), std::move(ini), configuration_);
   }
-  LoadEnvironment Environment() {
+  LoadDependencies Dependencies() {
     return {.file = file_,
             .context = {.program_directory = "/opt/trabex",
                         .local_host_name = [this]() -> std::string {

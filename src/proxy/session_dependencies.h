@@ -1,4 +1,4 @@
-// What a session needs of the program around it.
+// What a session needs of the program.
 #pragma once
 
 #include <string_view>
@@ -26,7 +26,7 @@ class ConnectionTable {
 };
 
 // References that outlive every session.
-struct SessionHost {
+struct SessionDependencies {
   const Configuration& configuration;
   Log& log;
   const Clock& clock;
