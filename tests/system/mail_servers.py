@@ -88,7 +88,7 @@ class SmtpSink:
 
 
 class Postfix:
-    """A Postfix of the story's own: everything it has is in the place, and it delivers into one Maildir."""
+    """A Postfix of the scenario's own: everything it has is in the place, and it delivers into one Maildir."""
 
     def __init__(self, place, settings=None):
         if os.geteuid() != 0:

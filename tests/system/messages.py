@@ -1,4 +1,4 @@
-"""Messages for the stories: contents that are awkward on purpose, and the same ones every time."""
+"""Messages for the scenarios: contents that are awkward on purpose, and the same ones every time."""
 
 import random
 

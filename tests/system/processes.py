@@ -21,7 +21,7 @@ os.environ["PATH"] += ":/usr/sbin:/sbin"
 
 
 class Options:
-    """What the command line of a story settles for all of its cases."""
+    """What the command line of a scenario settles for all of its cases."""
 
     build = REPO / "build" / "release"
     through = "trabex"

@@ -16,7 +16,7 @@ class Terminal:
         configuration.write_text("set -g remain-on-exit on\nset -g status off\nset -g escape-time 0\n")
         self._environment = {key: value for key, value in os.environ.items() if key != "TMUX"}
         self._environment.update({"LC_ALL": "C.UTF-8", **(environment or {})})
-        self._tmux("-f", configuration, "new-session", "-d", "-s", "story", "-x", columns, "-y", rows,
+        self._tmux("-f", configuration, "new-session", "-d", "-s", "scenario", "-x", columns, "-y", rows,
                    "--", *command)
         place.on_leaving(self.close)
         self.pid = int(self._tmux("display-message", "-p", "#{pane_pid}"))

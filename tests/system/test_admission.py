@@ -4,7 +4,7 @@
 import socket
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Smtp, Story, connections_to, free_port, main, polite_server, wait_until)
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, connections_to, free_port, main, polite_server, wait_until)
 
 
 def name_of(ip):
@@ -15,7 +15,7 @@ def name_of(ip):
         return None
 
 
-class Lists(Story):
+class Lists(Scenario):
     """Addresses of clients."""
 
     def setUp(self):
@@ -62,7 +62,7 @@ class Lists(Story):
         self.assertEqual(server.connections, [])
 
 
-class Number(Story):
+class Number(Scenario):
     """MaxConnections."""
 
     def test_too_many(self):
@@ -92,7 +92,7 @@ class Number(Story):
             proxy.wait_for_log("Disconnected.", number + 1)
 
 
-class Names(Story):
+class Names(Scenario):
     """ValidateRDNS: the client's name in DNS."""
 
     def assertRefusedButOpen(self, client, greeting):
@@ -150,7 +150,7 @@ class Names(Story):
         self.assertEqual(self.connect(proxy.address).read_reply()[:3], "220")
 
 
-class Time(Story):
+class Time(Scenario):
     """Timeout."""
 
     def test_refused_but_open(self):
@@ -184,7 +184,7 @@ class Time(Story):
         proxy.wait_for_log("Timeout exceeded. Closing connection.")
 
 
-class Sequence(Story):
+class Sequence(Scenario):
     """Commands out of order."""
 
     def test_too_many(self):
@@ -206,7 +206,7 @@ class Sequence(Story):
         self.assertEqual(client.command("QUIT")[:3], "221")
 
 
-class LocalAndRemote(Story):
+class LocalAndRemote(Scenario):
     """What a client may do depends on where it is."""
 
     def test_relaying(self):
@@ -246,7 +246,7 @@ class LocalAndRemote(Story):
                 local.sendmail(f"s@{DOMAIN}", [f"r{number}@{DOMAIN}" for number in range(5)], text_message(1))
 
 
-class Unreachable(Story):
+class Unreachable(Scenario):
     """The server's own view."""
 
     def test_one_connection_per_session(self):

@@ -6,7 +6,7 @@ import re
 import shutil
 import subprocess
 
-from trabex_system import REPO, Story, bound, main
+from trabex_system import REPO, Scenario, bound, main
 
 
 def run(*command, cwd=REPO, environment=None):
@@ -24,7 +24,7 @@ def packages_of(*sections):
     return said.split()
 
 
-class Packages(Story):
+class Packages(Scenario):
     def test_every_line_belongs_to_a_section(self):
         lines = [line for line in (REPO / "packages.txt").read_text(encoding="utf-8").splitlines()
                  if line and not line.startswith("#")]
@@ -54,7 +54,7 @@ class Packages(Story):
             self.assertIn(f"scripts/install-packages {sections}\n", text, command)
 
 
-class Builds(Story):
+class Builds(Scenario):
     """A folder as it comes from a checkout; what is built in it does not matter here."""
 
     def setUp(self):
@@ -100,7 +100,7 @@ class Builds(Story):
             self.assertIn("error: #error this line is wrong", said)
 
 
-class Counts(Story):
+class Counts(Scenario):
     """What the build service is told."""
 
     def test_both_commands_count(self):

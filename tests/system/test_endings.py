@@ -5,13 +5,14 @@ import socket
 import threading
 
 from messages import binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, HungUp, Options, Smtp, Story, bound, connections_to, describe_difference,
-                           free_port, keeps_freed_memory, main, polite_server, queued_bytes, unread_bytes, wait_until)
+from trabex_system import (DOMAIN, LOOPBACK, HungUp, Options, Scenario, Smtp, bound, connections_to,
+                           describe_difference, free_port, keeps_freed_memory, main, polite_server, queued_bytes,
+                           unread_bytes, wait_until)
 
 UNAVAILABLE = "421 proxy.example is temporarily unavailable."
 
 
-class Server(Story):
+class Server(Scenario):
     """What the server does."""
 
     def test_not_there(self):
@@ -165,7 +166,7 @@ class Server(Story):
             self.assertLess(proxy.process.peak_bytes(), before + (8 << 20), "the proxy does not swallow the message")
 
 
-class Client(Story):
+class Client(Scenario):
     """What the client does."""
 
     def test_hangs_up(self):

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Greylisting under a flood of ever new addresses: the memory and the file stay small, and others are not harmed."""
 
-from trabex_system import DOMAIN, Story, keeps_freed_memory, main
+from trabex_system import DOMAIN, Scenario, keeps_freed_memory, main
 
 WARNING = "Greylisting: Too many pending records. Dropped: "
 DELAYED = "451 4.7.1 Greylisted. Delivery delayed."
@@ -10,7 +10,7 @@ NEIGHBOUR = "127.0.0.1"
 OTHER = "127.0.7.1"
 
 
-class Flood(Story):
+class Flood(Scenario):
     def setUp(self):
         super().setUp()
         self.server = self.sample_server()

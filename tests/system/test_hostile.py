@@ -12,7 +12,7 @@ import re
 
 from hostile_plays import SERVERS, all_sessions, plays, run_all, unguarded_play
 from recording_server import RecordingServer, command_violations, markers
-from trabex_system import LOOPBACK, HaProxy, Options, Story, bound, main
+from trabex_system import LOOPBACK, HaProxy, Options, Scenario, bound, main
 
 LEAST_SESSIONS = 150
 # More at a time than OpenSMTPD's backlog holds would wait for seconds.
@@ -41,7 +41,7 @@ _QUOTED = re.compile(r'(?:command=| error in )"(.*?)"(?: H=| result=|$)')
 _CLIENT = re.compile(rb"client-(\w{3})\.test")
 
 
-class Hostile(Story):
+class Hostile(Scenario):
     """Plays the sessions against all four servers at a time, and looks at what has reached them."""
 
     def setUp(self):

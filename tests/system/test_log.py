@@ -8,13 +8,13 @@ import signal
 from pathlib import Path
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, main, polite_server, wait_until
+from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, main, polite_server, wait_until
 
 # Side, handle, address, text.
 SESSION_LINE = re.compile(r"^([RS]): \{([ \d-]{6})\} \[([ .\w]{15})\] (.*)$")
 
 
-class OneSession(Story):
+class OneSession(Scenario):
     def session_lines(self, proxy):
         """(side, text) of the session's lines; each side keeps its handle and its address."""
         lines = []
@@ -126,7 +126,7 @@ class OneSession(Story):
             self.assertEqual(self.without_counts(self.session_lines(proxy)), wanted, (server_level, client_level))
 
 
-class Moved(Story):
+class Moved(Scenario):
     """SIGUSR1 lets go of a file that was moved."""
 
     def open_files(self, proxy):
@@ -187,7 +187,7 @@ class Moved(Story):
         self.assertFalse(proxy.log_folder.exists())
 
 
-class Hostile(Story):
+class Hostile(Scenario):
     def test_nobody_forges_a_line(self):
         proxy = self.trabex(self.sample_server().port)
         client = self.connect(proxy.address)

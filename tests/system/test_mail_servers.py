@@ -10,7 +10,7 @@ import smtplib
 import subprocess
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, EximClient, Smtp, Story, bound, main, without_received
+from trabex_system import DOMAIN, LOOPBACK, EximClient, Scenario, Smtp, bound, main, without_received
 
 # The clients' address; only LOCAL counts as local, so this is a remote one. smtp-source cannot choose its own.
 REMOTE = "127.0.0.2"
@@ -238,13 +238,13 @@ class Behind:
         self.proxy.wait_for_log("Greylisting: Blacklisted, Accepted.", 6)
 
 
-class Postfix(Behind, Story):
+class Postfix(Behind, Scenario):
     def start_server(self, size_limit=0):
         # Mail to elsewhere goes into the mailbox too, and never out.
         return self.postfix({"message_size_limit": size_limit, "default_transport": "virtual"})
 
 
-class Exim(Behind, Story):
+class Exim(Behind, Scenario):
     settings = {}
 
     def start_server(self, size_limit=0):
@@ -267,7 +267,7 @@ class Exim(Behind, Story):
         self.assertArrived(sent)
 
 
-class OpenSmtpd(Behind, Story):
+class OpenSmtpd(Behind, Scenario):
     takes_chunks = False
     many = 30  # it makes sure of each message on the disk
 

@@ -6,12 +6,12 @@ import threading
 import traceback
 
 from messages import any_bytes, binary_lines, text_message
-from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, bound, connect, main, without_received
+from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, bound, connect, main, without_received
 
 SESSIONS = 20
 
 
-class Mass(Story):
+class Mass(Scenario):
     def in_threads(self, work, count=SESSIONS, seconds=120):
         """Runs work(number) in `count` threads; the first failure is the case's."""
         failures = []

@@ -4,11 +4,11 @@
 import subprocess
 
 from messages import binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, Smtp, Story, bound, connections_not_closed, connections_to, main,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, connections_not_closed, connections_to, main,
                            wait_until, without_received)
 
 
-class BehindIsPostfix(Story):
+class BehindIsPostfix(Scenario):
     def setUp(self):
         super().setUp()
         refused = f"inline:{{{{refused@{DOMAIN} = 550 5.1.1 Nobody here}}}}"
@@ -65,7 +65,7 @@ class BehindIsPostfix(Story):
         self.assertEqual(recipient, f"taken@{DOMAIN}")
 
 
-class HangsUp(Story):
+class HangsUp(Scenario):
     """A Postfix that has no patience with idle clients, as every server has some time."""
 
     CLIENTS = 20

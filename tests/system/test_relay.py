@@ -4,7 +4,7 @@
 import subprocess
 
 from messages import any_bytes, binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, Smtp, Story, bound, main, polite_server, received_header,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, main, polite_server, received_header,
                            without_received)
 
 SENDER = f"sender@{DOMAIN}"
@@ -16,7 +16,7 @@ def dot_stuffed(content):
     return b"".join(b"." + line if line.startswith(b".") else line for line in content.splitlines(True)) + b".\r\n"
 
 
-class Clients(Story):
+class Clients(Scenario):
     """Programs that people use."""
 
     def setUp(self):
@@ -74,7 +74,7 @@ class Clients(Story):
             self.assertGreaterEqual(min(map(len, bodies)), 3000)
 
 
-class Content(Story):
+class Content(Scenario):
     """What arrives is what was sent."""
 
     def setUp(self):
@@ -150,7 +150,7 @@ class Content(Story):
             self.assertSame(text_message(number), without_received(message.content), f"message {number}")
 
 
-class Pipelined(Story):
+class Pipelined(Scenario):
     """Clients that send ahead, though PIPELINING was not offered."""
 
     def everything_at_once(self, proxy, messages):
@@ -215,7 +215,7 @@ class Pipelined(Story):
         self.assertEqual(message.recipients, ["a@test.example"])
 
 
-class Header(Story):
+class Header(Scenario):
     """The line that Trabex puts in front of each message."""
 
     def test_received(self):

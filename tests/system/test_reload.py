@@ -5,7 +5,7 @@ import os
 import signal
 import subprocess
 
-from trabex_system import (DOMAIN, LOOPBACK, Story, free_port, is_listening, main, run_trabex, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, free_port, is_listening, main, run_trabex, wait_until,
                            without_received)
 
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
@@ -13,7 +13,7 @@ RELOADED = "Configuration reloaded because date/time of initialization file chan
 SECONDS = 60
 
 
-class Reload(Story):
+class Reload(Scenario):
     def test_while_mail_is_under_way(self):
         server = self.sample_server()
         proxy = self.trabex(server.port, {"LogLevelServer": 0})
@@ -99,7 +99,7 @@ class Reload(Story):
             self.assertIn("\r\nTimeout = 200\r\n", proxies["cut"].log().split(RELOADED)[1])
 
 
-class OnRequest(Story):
+class OnRequest(Scenario):
     """SIGHUP, where no window is shown."""
 
     def test_at_once_and_without_the_automatic_one(self):

@@ -1,15 +1,15 @@
 #!/usr/bin/env python3
-"""The sample mail server by itself: other stories trust it to keep every byte."""
+"""The sample mail server by itself: other scenarios trust it to keep every byte."""
 
 import os
 import random
 import smtplib
 import threading
 
-from trabex_system import DOMAIN, Process, SampleServer, Smtp, Story, bound, connect, main, wait_until
+from trabex_system import DOMAIN, Process, SampleServer, Scenario, Smtp, bound, connect, main, wait_until
 
 
-class SampleServerStory(Story):
+class SampleServerScenario(Scenario):
     def setUp(self):
         super().setUp()
         self.server = self.sample_server()

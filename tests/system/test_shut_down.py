@@ -5,12 +5,12 @@ import os
 import signal
 import socket
 
-from trabex_system import (DOMAIN, Process, Story, connections_to, is_listening, main, run_trabex, wait_until)
+from trabex_system import (DOMAIN, Process, Scenario, connections_to, is_listening, main, run_trabex, wait_until)
 
 GOODBYE = "421 4.3.2 proxy.example is shutting down."
 
 
-class InSessions(Story):
+class InSessions(Scenario):
     def test_every_client_is_told(self):
         """Idle, within a transaction, within content, before the first word, refused but open."""
         server = self.sample_server()
@@ -53,7 +53,7 @@ class InSessions(Story):
         self.assertEqual(proxy.end(), 0)
 
 
-class BySignal(Story):
+class BySignal(Scenario):
     def test_signals(self):
         server = self.sample_server()
         for number in (signal.SIGTERM, signal.SIGINT, signal.SIGQUIT):
@@ -132,7 +132,7 @@ class BySignal(Story):
         self.assertEqual(client.read_to_end().decode(), GOODBYE + "\r\n")
 
 
-class Instances(Story):
+class Instances(Scenario):
     def setUp(self):
         super().setUp()
         self.server = self.sample_server()
@@ -233,7 +233,7 @@ class Instances(Story):
         self.assertAlive(proxy)
 
 
-class Kept(Story):
+class Kept(Scenario):
     """What is to survive the end."""
 
     def test_greylisting_database(self):

@@ -5,7 +5,7 @@ import os
 import socket
 import subprocess
 
-from trabex_system import (LOOPBACK, Process, Story, bound, free_port, ini_text, is_listening, main, program,
+from trabex_system import (LOOPBACK, Process, Scenario, bound, free_port, ini_text, is_listening, main, program,
                            run_trabex, wait_until)
 
 HELP = """Command line switches:
@@ -19,7 +19,7 @@ HELP = """Command line switches:
 /H, /?, /HELP - show this message."""
 
 
-class CommandLine(Story):
+class CommandLine(Scenario):
     def setUp(self):
         super().setUp()
         program("Trabex")
@@ -46,7 +46,7 @@ class CommandLine(Story):
         self.assertIn("Trabex: Invalid port number", err)
 
 
-class Paths(Story):
+class Paths(Scenario):
     """Where the initialization file and the log are."""
 
     def setUp(self):
@@ -143,7 +143,7 @@ class Paths(Story):
         self.assertEqual(child.wait(bound(20)), 0)
 
 
-class BadStart(Story):
+class BadStart(Scenario):
     """Starts that fail: the reason is in the log and on standard error, the status is 1."""
 
     def run_bad(self, text, port, *arguments):

@@ -10,7 +10,7 @@ import os
 import subprocess
 import unicodedata
 
-from trabex_system import DOMAIN, LOOPBACK, Smtp, Story, bound, main, wait_until, without_received
+from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, bound, main, wait_until, without_received
 
 LOCAL = "127.0.0.9"  # nobody here; so the clients are remote ones
 OPTIONS = ["SMTPUTF8", "BODY=8BITMIME"]
@@ -49,7 +49,7 @@ def lines_of(entries):
     return [",".join(entries[at:at + 50]) for at in range(0, len(entries), 50)]
 
 
-class BehindIsPostfix(Story):
+class BehindIsPostfix(Scenario):
     def start(self, settings, listed, postfix):
         """Starts a Postfix with a table of what is listed, as `postfix` uses it, and Trabex with these settings."""
         table = self.place.new_folder("table") / "listed"

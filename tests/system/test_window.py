@@ -14,7 +14,7 @@ import termios
 import time
 from pathlib import Path
 
-from trabex_system import Story, Terminal, bound, is_listening, main, wait_until
+from trabex_system import Scenario, Terminal, bound, is_listening, main, wait_until
 
 HEADER = " Handle Received     Sent Duration         Host IP Host Name"
 ROW = re.compile(r"^ {1,6}\d{1,6} {1,8}\d{1,8} {1,8}\d{1,8} \d\d:\d\d:\d\d {1,15}[0-9.]{7,15} \S+$")
@@ -34,7 +34,7 @@ def is_alive(pid):
     return False
 
 
-class Window(Story):
+class Window(Scenario):
     """A Trabex in a terminal, in front of a server that greets."""
 
     def setUp(self):

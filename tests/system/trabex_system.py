@@ -1,13 +1,13 @@
-"""What the system tests share: a place of their own, the programs of a story, clients and scripted servers.
+"""What the system tests share: a place of their own, the programs of a scenario, clients and scripted servers.
 
-A story is one script test_*.py in this folder; its cases are the methods of classes derived from Story. A case
+A scenario is one script test_*.py in this folder; its cases are the methods of classes derived from Scenario. A case
 starts what it needs through self (self.trabex(), self.sample_server(), self.postfix(), ...). All of it listens on
 loopback, on ports that no other test uses, keeps its files in one temporary folder and is gone when the case ends.
 
 Nothing sleeps for time: a case waits for an event (wait_until, or a read from a socket) and fails at the bound.
 
-    ./test_relay.py                        all cases of the story with build/release
-    ./test_relay.py Story.test_x           one of them
+    ./test_relay.py                        all cases of the scenario with build/release
+    ./test_relay.py Scenario.test_x        one of them
     ./test_relay.py --build build/asan     with the programs of another build
     ./test_relay.py --through direct       without Trabex in between (or haproxy), to tell a mistake of the test
                                            from one of the program
@@ -27,7 +27,7 @@ import traceback
 import unittest
 from pathlib import Path
 
-# The stories take everything from here.
+# The scenarios take everything from here.
 from dialogue import (Connection, HungUp, Smtp, connect, describe_difference, received_header,  # noqa: F401
                       without_received)
 from mail_servers import (Direct, HaProxy, Postfix, SampleServer, ScriptedServer, SmtpSink,  # noqa: F401
@@ -133,7 +133,7 @@ def run_trabex(*arguments, executable=None, seconds=20, environment=None):
     return done.returncode, done.stdout, done.stderr
 
 
-class Story(unittest.TestCase):
+class Scenario(unittest.TestCase):
     """One case's surroundings."""
 
     def setUp(self):
@@ -228,7 +228,7 @@ class _Result(unittest.TestResult):
         case = getattr(test, "test_case", test)
         self._words[case] = "FAILED"
         print(f"  {self._name(case)}:\n" + "".join(traceback.format_exception(*error)))
-        if isinstance(case, Story) and hasattr(case, "place"):
+        if isinstance(case, Scenario) and hasattr(case, "place"):
             case.place.keep = Options.keep
             with contextlib.suppress(OSError):
                 case.explain()
@@ -288,7 +288,7 @@ def main():
     suite = (loader.loadTestsFromNames(arguments.cases, module) if arguments.cases
              else loader.loadTestsFromModule(module))
     result = _Result()
-    # SIGTERM ends the story like Ctrl-C, so that everything it started is put away.
+    # SIGTERM ends the scenario like Ctrl-C, so that everything it started is put away.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     suite.run(result)
     failed = max(result.failed(), 0 if result.wasSuccessful() else 1)

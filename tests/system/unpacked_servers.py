@@ -1,4 +1,4 @@
-"""Exim and OpenSMTPD for the stories.
+"""Exim and OpenSMTPD for the scenarios.
 
 Their Debian packages exclude that of Postfix and each other, so they are not installed: the packages are unpacked, and
 each server runs with a folder of its own as its "/". That folder holds its program, the libraries that this loads, its
@@ -62,7 +62,7 @@ def _run(*command, cwd=None):
 class Root:
     """A folder that is "/" to the programs of one package.
 
-    `programs` are those whose libraries it needs, `users` the names of accounts. The program of the story runs in it
+    `programs` are those whose libraries it needs, `users` the names of accounts. The program of the scenario runs in it
     with run() or start().
     """
 

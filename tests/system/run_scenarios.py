@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Runs the stories of this folder, several at a time; the last line counts their cases.
+"""Runs the scenarios of this folder, several at a time; the last line counts their cases.
 
-    ./run_stories.py                         all of them with build/release
-    ./run_stories.py --build build/asan test_relay.py
+    ./run_scenarios.py                               all of them with build/release
+    ./run_scenarios.py --build build/asan test_relay.py
 """
 
 import argparse
@@ -17,23 +17,23 @@ from pathlib import Path
 from trabex_system import add_options
 
 FOLDER = Path(__file__).resolve().parent
-STORY_SECONDS = 300
+SCENARIO_SECONDS = 300
 
 
-def run_story(story, arguments):
-    """Runs one story; returns (passed, failed, skipped), its output and its time."""
+def run_scenario(scenario, arguments):
+    """Runs one scenario; returns (passed, failed, skipped), its output and its time."""
     begun = time.monotonic()
-    command = [sys.executable, str(FOLDER / story), "--build", str(arguments.build), "--through", arguments.through,
+    command = [sys.executable, str(FOLDER / scenario), "--build", str(arguments.build), "--through", arguments.through,
                "--patience", str(arguments.patience), *(["--keep"] if arguments.keep else [])]
     child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                              text=True, errors="replace")
     try:
-        said, _ = child.communicate(timeout=STORY_SECONDS * arguments.patience)
+        said, _ = child.communicate(timeout=SCENARIO_SECONDS * arguments.patience)
     except subprocess.TimeoutExpired:
         # So it can put away what it has started.
         child.terminate()
         said, _ = child.communicate()
-        said += "  the story did not end in time\n"
+        said += "  the scenario did not end in time\n"
     last = re.search(r"^(\d+) passed, (\d+) failed, (\d+) skipped\n\Z", said, re.MULTILINE)
     count = list(map(int, last.groups())) if last else [0, 1, 0]
     if child.returncode != 0 and count[1] == 0:
@@ -43,14 +43,14 @@ def run_story(story, arguments):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("stories", nargs="*", help="names of scripts; all when none is given")
-    parser.add_argument("-j", "--jobs", type=int, default=2 * len(os.sched_getaffinity(0)), help="stories at a time")
+    parser.add_argument("scenarios", nargs="*", help="names of scripts; all when none is given")
+    parser.add_argument("-j", "--jobs", type=int, default=2 * len(os.sched_getaffinity(0)), help="scenarios at a time")
     add_options(parser)
     arguments = parser.parse_args()
-    stories = arguments.stories or sorted(path.name for path in FOLDER.glob("test_*.py"))
+    scenarios = arguments.scenarios or sorted(path.name for path in FOLDER.glob("test_*.py"))
     total = [0, 0, 0]
     with ThreadPoolExecutor(arguments.jobs) as pool:
-        running = {pool.submit(run_story, story, arguments): story for story in stories}
+        running = {pool.submit(run_scenario, scenario, arguments): scenario for scenario in scenarios}
         for done in as_completed(running):
             count, said, seconds = done.result()
             total = [a + b for a, b in zip(total, count)]
@@ -59,7 +59,7 @@ def main():
             if count[1]:
                 print(said)
             else:
-                # What a story has to say beside how its cases went.
+                # What a scenario has to say beside how its cases went.
                 for line in said.splitlines()[:-1]:
                     if not line.startswith(" "):
                         print(f"    {running[done]}: {line}")
