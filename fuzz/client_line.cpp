@@ -70,7 +70,7 @@ class ClientSession final : private DialogueActions {
       Require(used <= bytes.size());
       bytes.remove_prefix(used);
       if (dialogue_->phase() == Phase::kAsking) {
-        const std::uint32_t client[] = {kClientAddress.Number()};
+        const IPAddress client[] = {kClientAddress};
         dialogue_->OnAddresses({true, client}, *this);
       } else if (used == 0) {
         return;

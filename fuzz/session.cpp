@@ -213,7 +213,7 @@ class Peers final : private DialogueActions {
       case 'n':
       case 'm':
         if (dialogue_.phase() == Phase::kAsking) {
-          const std::uint32_t client[] = {kClientAddress.Number()};
+          const IPAddress client[] = {kClientAddress};
           dialogue_.OnAddresses({kind == 'n', client}, *this);
         }
         break;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <iterator>
 #include <utility>
 
 #include "app/log_file.h"
@@ -184,17 +183,14 @@ bool frmMain::Listen() {
 
 // Whether a connection to one of the addresses would come back to the listener, given that the ports are
 // equal.
-bool frmMain::LoopsBack(const std::vector<std::uint32_t>& server_addresses) const {
+bool frmMain::LoopsBack(const std::vector<IPAddress>& server_addresses) const {
   const IPAddress bound = mCommon::CLngIP(BindIPInForce(program_.configuration));
   std::vector<IPAddress> own;
   if (bound.IsUnspecified()) {
-    std::vector<std::uint32_t> numbers;
-    const int error = program_.sockets.LocalAddresses(numbers);
+    const int error = program_.sockets.LocalAddresses(own);
     if (error != 0) throw Error(error, "frmMain.StartListening", std::string(SocketErrorText(error)));
-    std::transform(numbers.begin(), numbers.end(), std::back_inserter(own), IPAddress::IPv4);
   }
-  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](std::uint32_t number) {
-    const IPAddress address = IPAddress::IPv4(number);
+  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](const IPAddress& address) {
     if (address.IsUnspecified()) return true;  // the system takes it for this machine
     return bound.IsUnspecified() ? mCommon::IsOwnAddress(address, own) : address == bound;
   });

@@ -69,7 +69,7 @@ class frmMain final : public ConnectionTable {
   bool WaitForListening();
   bool Listen();
   bool PassesLoopTest(const AddressAnswer& server);
-  bool LoopsBack(const std::vector<std::uint32_t>& server_addresses) const;
+  bool LoopsBack(const std::vector<IPAddress>& server_addresses) const;
   bool ReportListenError(const Error& error);
 
   void tmrStatus_Timer();

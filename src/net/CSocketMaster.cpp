@@ -8,14 +8,12 @@
 #include "base/text.h"
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"
-#include "platform/dotted_address.h"
 
 namespace trabex {
 
 namespace {
 
 constexpr std::int32_t kMaxPort = 65535;
-constexpr const char* kAnyAddress = "0.0.0.0";
 
 bool IsPort(std::int32_t port) {
   return port >= 0 && port <= kMaxPort;
@@ -204,7 +202,7 @@ void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional
     return;
   }
   if (const auto address = ResolveIfHostname(remote_host_)) {
-    remote_address_ = IPAddress::IPv4(*address);
+    remote_address_ = *address;
     ConnectToIP(*address, 0);
   }
 }
@@ -237,14 +235,14 @@ bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::st
   if (state_ == SocketState::sckOpen) return true;
   const std::int32_t wanted = port.value_or(local_port_);
   if (!IsPort(wanted)) RaiseBadArgument(kSource);
-  const HostAddress address = LookUpKnownHost(module_.names_, ip.empty() ? kAnyAddress : ip);
+  const HostAddress address = ip.empty() ? HostAddress{0, kIPv4Any} : LookUpKnownHost(module_.names_, ip);
   if (address.error != 0) RaiseBadAddress(kSource);
   if (!SocketExists()) return false;
   const Endpoint local{address.address, static_cast<std::uint16_t>(wanted)};
   const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
   Check(tcp ? module_.sockets_.BindExclusively(socket_, local) : module_.sockets_.Bind(socket_, local),
         kSource);
-  GetColdState().local_ip = address.text;
+  GetColdState().local_ip = address.address;
   if (wanted != 0) local_port_ = wanted;
   return true;
 }
@@ -271,7 +269,7 @@ void CSocketMaster::Accept(std::int32_t requestID) {
   socket_ = connection->socket;
   protocol_ = SocketProtocol::sckTCPProtocol;
   remote_port_ = connection->peer.port;
-  remote_address_ = IPAddress::IPv4(connection->peer.address);
+  remote_address_ = connection->peer.address;
   remote_host_.clear();
   ForgetPeerName();
   established_ = true;

@@ -158,9 +158,9 @@ class CSocketMaster final : public SocketSink {
   void ProcessOptions();
   bool BindInternal(std::optional<std::int32_t> port, const std::string& ip);
   // The address, or nothing after starting a look-up of the name.
-  std::optional<std::uint32_t> ResolveIfHostname(const std::string& host);
+  std::optional<IPAddress> ResolveIfHostname(const std::string& host);
   void OnHostAnswer(const AddressAnswer& answer);
-  void ConnectToIP(std::uint32_t address, int error);
+  void ConnectToIP(const IPAddress& address, int error);
   bool BindForConnect();
   void CancelLookups();
   void ForgetPeerName();

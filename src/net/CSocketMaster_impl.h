@@ -16,7 +16,7 @@ namespace trabex {
 
 struct CSocketMaster::ColdState {
   std::string tag;
-  std::string local_ip;  // that the socket was bound to, dotted
+  IPAddress local_ip;  // that the socket was bound to
   std::string local_host_name;
   bool local_host_name_valid = false;
   // The peer's name: the answer of the last look-up, or its error.

@@ -1,18 +1,16 @@
 // Addresses of hosts as far as they are known without asking DNS.
 #pragma once
 
-#include <cstdint>
-#include <string>
 #include <string_view>
 
+#include "base/ip_address.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
 
 struct HostAddress {
   int error = 0;  // a socket error number; the rest counts when it is 0
-  std::uint32_t address = 0;
-  std::string text;  // dotted
+  IPAddress address;
 };
 
 // The address of `host` without asking anybody: a dotted address, or a name in the machine's own table. An

@@ -2,7 +2,6 @@
 // machine.
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"
-#include "platform/dotted_address.h"
 
 namespace trabex {
 
@@ -39,7 +38,8 @@ std::string CSocketMaster::GetLocalHostName() {
 }
 
 std::string CSocketMaster::LocalIP() {
-  if (state_ == SocketState::sckOpen || state_ == SocketState::sckListening) return GetColdState().local_ip;
+  if (state_ == SocketState::sckOpen || state_ == SocketState::sckListening)
+    return FormatIPAddress(GetColdState().local_ip);
   return GetLocalIP();
 }
 
@@ -49,15 +49,15 @@ std::string CSocketMaster::GetLocalIP() {
   Check(name.error, kSource);
   const HostAddress address = LookUpKnownHost(module_.names_, name.name);
   Check(address.error, kSource);
-  return address.text;
+  return FormatIPAddress(address.address);
 }
 
 std::vector<std::string> CSocketMaster::GetLocalIPAddresses() {
-  std::vector<std::uint32_t> addresses;
+  std::vector<IPAddress> addresses;
   Check(module_.sockets_.LocalAddresses(addresses), "CSocketMaster.GetLocalIPAddresses");
   std::vector<std::string> texts;
   texts.reserve(addresses.size());
-  for (const std::uint32_t address : addresses) texts.push_back(DottedAddress(address));
+  for (const IPAddress& address : addresses) texts.push_back(FormatIPAddress(address));
   return texts;
 }
 

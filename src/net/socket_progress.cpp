@@ -2,14 +2,11 @@
 #include <utility>
 
 #include "net/CSocketMaster_impl.h"
-#include "platform/dotted_address.h"
 #include "platform/message.h"
 
 namespace trabex {
 
 namespace {
-
-constexpr std::uint32_t kAllOnes = 0xFFFFFFFF;  // 255.255.255.255
 
 // Names under which errors of this file are reported; they are part of the log's texts.
 constexpr const char* kProgressSource = "CSocketMaster.WndProc";
@@ -32,10 +29,10 @@ void CSocketMaster::ReportError(int number, const char* source) {
   if (!cancel_display) ShowMessage(source_text + ": " + description + "\n");
 }
 
-std::optional<std::uint32_t> CSocketMaster::ResolveIfHostname(const std::string& host) {
+std::optional<IPAddress> CSocketMaster::ResolveIfHostname(const std::string& host) {
   // 255.255.255.255 is no server's address, so it is looked up like a name.
-  const auto address = ParseDottedAddress(host);
-  if (address && *address != kAllOnes) return address;
+  const auto address = ParseIPv4Address(host);
+  if (address && *address != kIPv4Broadcast) return address;
   state_ = SocketState::sckResolvingHost;
   host_lookup_ =
       module_.names_.FindAddresses(host, [this](const AddressAnswer& answer) { OnHostAnswer(answer); });
@@ -47,7 +44,7 @@ void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
   host_lookup_ = 0;
   if (state_ != SocketState::sckResolvingHost) return;
   RunLogged(module_.log_, kProgressSource, [&] {
-    if (answer.error != 0) return ConnectToIP(0, answer.error);
+    if (answer.error != 0) return ConnectToIP({}, answer.error);
     state_ = SocketState::sckHostResolved;
     try {
       ConnectToIP(answer.addresses.front(), 0);
@@ -64,12 +61,12 @@ bool CSocketMaster::BindForConnect() {
   return local_port_ == 0 || BindInternal(std::nullopt, {});
 }
 
-void CSocketMaster::ConnectToIP(std::uint32_t address, int error) {
+void CSocketMaster::ConnectToIP(const IPAddress& address, int error) {
   constexpr const char* kSource = "CSocketMaster.ConnectToIP";
   if (error != 0) return ReportError(error, kSource);
   if (!BindForConnect()) return;
   state_ = SocketState::sckConnecting;
-  connect_address_ = IPAddress::IPv4(address);
+  connect_address_ = address;
   const int result = module_.sockets_.Connect(socket_, {address, static_cast<std::uint16_t>(remote_port_)});
   if (result == 0 || result == socket_error::kWouldBlock) return;
   if (result == socket_error::kAddressNotAvailable) RaiseSocketError(result, kSource);
@@ -135,7 +132,7 @@ void CSocketMaster::OnAccept() {
   // While the event runs, the listener's own properties are those of the caller.
   PeerIdentity before{remote_port_, remote_address_, std::move(remote_host_)};
   remote_port_ = connection.peer.port;
-  remote_address_ = IPAddress::IPv4(connection.peer.address);
+  remote_address_ = connection.peer.address;
   remote_host_.clear();
   Raise(Events.ConnectionRequest, "ConnectionRequest", connection.socket.index);
   if (state_ == SocketState::sckListening) {

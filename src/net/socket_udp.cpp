@@ -3,7 +3,6 @@
 
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"
-#include "platform/dotted_address.h"
 
 namespace trabex {
 
@@ -52,7 +51,7 @@ std::int32_t CSocketMaster::RecvData(std::string& data, bool peek, std::int32_t 
   data.resize(received);
   Check(error, "CSocketMaster.RecvData");
   remote_port_ = from.port;
-  remote_address_ = IPAddress::IPv4(from.address);
+  remote_address_ = from.address;
   remote_host_.clear();
   if (max_length > 0 && data.size() > static_cast<std::size_t>(max_length)) {
     data.resize(static_cast<std::size_t>(max_length));

@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "platform/event_loop.h"
 
 namespace trabex {
@@ -44,9 +45,9 @@ enum class Transport { kTcp, kUdp };
 // One bit each.
 enum class SocketEvent : int { kRead = 1, kWrite = 2, kAccept = 8, kConnect = 16, kClose = 32 };
 
-// An address and port in host order; 127.0.0.1 is 0x7F000001.
+// An address, for the calls below an IPv4 one, and a port in host order.
 struct Endpoint {
-  std::uint32_t address = 0;
+  IPAddress address;
   std::uint16_t port = 0;
   friend bool operator==(const Endpoint&, const Endpoint&) = default;
 };
@@ -94,17 +95,18 @@ class Sockets {
   // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
   int Watch(SocketHandle socket, SocketSink* sink);
 
-  int Bind(SocketHandle socket, Endpoint local);
+  // An address that is none of IPv4 gives 10047, here and wherever an endpoint is given.
+  int Bind(SocketHandle socket, const Endpoint& local);
   // Binds so that no other process listens on the same endpoint, and a new start may follow an old one at
   // once.
-  int BindExclusively(SocketHandle socket, Endpoint local);
+  int BindExclusively(SocketHandle socket, const Endpoint& local);
   // `backlog` 0 asks for the platform's largest.
   int Listen(SocketHandle socket, int backlog);
   // The new socket is non-blocking, with TCP_NODELAY. `peer`, when wanted, is the caller's address, known
   // also when the caller has gone already.
   int Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer = nullptr);
   // 10035 while it is under way (FD_CONNECT follows); TCP_NODELAY is set. 0 is also followed by FD_CONNECT.
-  int Connect(SocketHandle socket, Endpoint remote);
+  int Connect(SocketHandle socket, const Endpoint& remote);
   // Ends our sending side; receiving goes on.
   int ShutDownSending(SocketHandle socket);
 
@@ -116,7 +118,7 @@ class Sockets {
   // `received` 0 with result 0 is the end of the peer's data (`buffer` is not empty). 10035 is also the
   // result, without asking the system, when the last receive took everything and no event has come since.
   int Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received);
-  int SendTo(SocketHandle socket, std::span<const char> data, Endpoint to);
+  int SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to);
   int ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek, std::size_t& received,
                   Endpoint& from);
   // The bytes that a receive would give (UDP: the size of the next datagram).
@@ -133,8 +135,8 @@ class Sockets {
   int ReceiveBufferSize(SocketHandle socket, int& bytes);
   int AllowBroadcast(SocketHandle socket);
 
-  // The addresses of all interfaces that are up.
-  int LocalAddresses(std::vector<std::uint32_t>& addresses);
+  // The IPv4 addresses of all interfaces that are up.
+  int LocalAddresses(std::vector<IPAddress>& addresses);
 
   EventLoop& Loop() { return loop_; }
 

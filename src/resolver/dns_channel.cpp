@@ -13,7 +13,6 @@
 
 #include "base/error.h"
 #include "platform/device_error.h"
-#include "platform/dotted_address.h"
 #include "platform/sockets.h"
 
 namespace trabex {
@@ -47,21 +46,16 @@ int LookupError(int status) {
   }
 }
 
-std::uint32_t HostOrder(const in_addr& address) {
+IPAddress FromNetOrder(const in_addr& address) {
   unsigned char bytes[4];
   std::memcpy(bytes, &address, sizeof bytes);
-  return std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 | std::uint32_t{bytes[2]} << 8 |
-         bytes[3];
+  return IPAddress::IPv4(std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
+                         std::uint32_t{bytes[2]} << 8 | bytes[3]);
 }
 
-// The address's bytes in the order of the net, and the name under which DNS keeps its names.
-std::array<unsigned char, 4> NetOrder(std::uint32_t address) {
-  return {static_cast<unsigned char>(address >> 24), static_cast<unsigned char>(address >> 16),
-          static_cast<unsigned char>(address >> 8), static_cast<unsigned char>(address)};
-}
-
-std::string ReverseName(std::uint32_t address) {
-  const auto bytes = NetOrder(address);
+// The name under which DNS keeps the names of an IPv4 address.
+std::string ReverseName(const IPAddress& address) {
+  const auto bytes = address.Bytes();
   std::string name;
   for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) name += std::to_string(*byte) + ".";
   return name + "in-addr.arpa";
@@ -77,15 +71,15 @@ DnsReply ReadAddresses(const unsigned char* message, int length) {
     return reply;
   }
   for (int i = 0; i < count; ++i)
-    reply.addresses.push_back(HostOrder(found[static_cast<std::size_t>(i)].ipaddr));
+    reply.addresses.push_back(FromNetOrder(found[static_cast<std::size_t>(i)].ipaddr));
   // An answer may lead from alias to alias and end without an address.
   if (reply.addresses.empty()) reply.error = socket_error::kNoData;
   return reply;
 }
 
-DnsReply ReadName(const unsigned char* message, int length, std::uint32_t address) {
+DnsReply ReadName(const unsigned char* message, int length, const IPAddress& address) {
   DnsReply reply;
-  const auto bytes = NetOrder(address);
+  const auto bytes = address.Bytes();
   hostent* host = nullptr;
   const int status =
       ares_parse_ptr_reply(message, length, bytes.data(), static_cast<int>(bytes.size()), AF_INET, &host);
@@ -109,7 +103,7 @@ struct DnsChannel::Query {
   DnsChannel& channel;
   LookupId id;
   bool for_name;
-  std::uint32_t address;
+  IPAddress address;
 };
 
 struct DnsChannel::Callbacks {
@@ -169,7 +163,7 @@ DnsChannel::~DnsChannel() {
   ares_library_cleanup();
 }
 
-DnsChannel::Query* DnsChannel::NewQuery(LookupId id, bool for_name, std::uint32_t address) {
+DnsChannel::Query* DnsChannel::NewQuery(LookupId id, bool for_name, const IPAddress& address) {
   --queries_left_;
   ++pending_;
   ++in_flight_;
@@ -177,7 +171,7 @@ DnsChannel::Query* DnsChannel::NewQuery(LookupId id, bool for_name, std::uint32_
 }
 
 void DnsChannel::AskAddresses(const std::string& name, bool search, LookupId id) {
-  Query* const query = NewQuery(id, false, 0);
+  Query* const query = NewQuery(id, false, {});
   if (search) {
     ares_search(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, query);
   } else {
@@ -185,7 +179,7 @@ void DnsChannel::AskAddresses(const std::string& name, bool search, LookupId id)
   }
 }
 
-void DnsChannel::AskName(std::uint32_t address, LookupId id) {
+void DnsChannel::AskName(const IPAddress& address, LookupId id) {
   ares_query(channel_, ReverseName(address).c_str(), C_IN, T_PTR, Callbacks::OnAnswer,
              NewQuery(id, true, address));
 }

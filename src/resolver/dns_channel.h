@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "platform/event_loop.h"
 #include "platform/fd_watcher.h"
 #include "resolver/name_lookup.h"
@@ -18,8 +19,8 @@ namespace trabex {
 // What became of a query: `error` is 0 or one of 11001 to 11004.
 struct DnsReply {
   int error = 0;
-  std::vector<std::uint32_t> addresses;  // at least one, or
-  std::string name;                      // not empty, when error is 0
+  std::vector<IPAddress> addresses;  // at least one, or
+  std::string name;                  // not empty, when error is 0
 };
 
 class DnsSink {
@@ -56,7 +57,7 @@ class DnsChannel {
   bool HasSocket() const { return !watches_.empty(); }
   // Asks for the addresses of `name`; with `search` also below the domains that the system searches.
   void AskAddresses(const std::string& name, bool search, LookupId id);
-  void AskName(std::uint32_t address, LookupId id);
+  void AskName(const IPAddress& address, LookupId id);
 
   // To be called once for each query: when its reply has come, or when it is no longer waited for.
   void Abandon() { --pending_; }
@@ -72,7 +73,7 @@ class DnsChannel {
   struct Callbacks;
 
   // The argument of c-ares for a new query.
-  Query* NewQuery(LookupId id, bool for_name, std::uint32_t address);
+  Query* NewQuery(LookupId id, bool for_name, const IPAddress& address);
   void OnReady(std::intptr_t socket, FdReadiness readiness);
   void WatchSocket(std::intptr_t socket, FdReadiness interest);
 

@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "base/error.h"
-#include "platform/dotted_address.h"
 #include "platform/files.h"
 
 namespace trabex {
@@ -44,7 +43,7 @@ void ForEachLine(std::string_view text, Action action) {
 HostsTable::HostsTable(std::string_view text) {
   ForEachLine(text, [this](const std::vector<std::string_view>& words) {
     if (words.size() < 2) return;
-    const auto address = ParseDottedAddress(words[0]);
+    const auto address = ParseIPv4Address(words[0]);
     if (!address) return;
     names_.emplace(*address, WithoutFinalDot(words[1]));
     for (std::size_t i = 1; i < words.size(); ++i) {
@@ -56,13 +55,13 @@ HostsTable::HostsTable(std::string_view text) {
   });
 }
 
-const std::vector<std::uint32_t>& HostsTable::Addresses(std::string_view name) const {
-  static const std::vector<std::uint32_t> none;
+const std::vector<IPAddress>& HostsTable::Addresses(std::string_view name) const {
+  static const std::vector<IPAddress> none;
   const auto found = addresses_.find(WithoutFinalDot(name));
   return found == addresses_.end() ? none : found->second;
 }
 
-const std::string& HostsTable::Name(std::uint32_t address) const {
+const std::string& HostsTable::Name(const IPAddress& address) const {
   static const std::string none;
   const auto found = names_.find(address);
   return found == names_.end() ? none : found->second;

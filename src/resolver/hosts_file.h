@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "base/text.h"
 #include "platform/clock.h"
 #include "resolver/file_change.h"
@@ -21,13 +22,13 @@ class HostsTable {
   explicit HostsTable(std::string_view text);
 
   // All addresses of `name`, in the order of the file; empty when it has none.
-  const std::vector<std::uint32_t>& Addresses(std::string_view name) const;
+  const std::vector<IPAddress>& Addresses(std::string_view name) const;
   // The first name of the first line with `address`; empty when there is none.
-  const std::string& Name(std::uint32_t address) const;
+  const std::string& Name(const IPAddress& address) const;
 
  private:
-  std::unordered_map<std::string, std::vector<std::uint32_t>, HashNoCase, SameNoCase> addresses_;
-  std::unordered_map<std::uint32_t, std::string> names_;
+  std::unordered_map<std::string, std::vector<IPAddress>, HashNoCase, SameNoCase> addresses_;
+  std::unordered_map<IPAddress, std::string> names_;
 };
 
 // The full form of the host name `host` in the hosts file `text`: a name of the form `host`.rest on the same

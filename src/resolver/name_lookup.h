@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "platform/event_loop.h"
 
 namespace trabex {
@@ -17,7 +18,7 @@ namespace trabex {
 // The outcome of a look-up. `error` is 0 or one of 11001 to 11004 (no answer in time is 11002).
 struct AddressAnswer {
   int error = 0;
-  std::vector<std::uint32_t> addresses;  // host order, at least one when error is 0
+  std::vector<IPAddress> addresses;  // of IPv4, at least one when error is 0
 };
 struct NameAnswer {
   int error = 0;
@@ -36,17 +37,18 @@ class NameLookup {
   // `answer` is called once, from the loop, within 5 seconds, never from inside this call; not after Cancel.
   // A dotted address resolves to itself, an empty name fails with 11001.
   virtual LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) = 0;
-  virtual LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) = 0;
+  // `address` is one of IPv4.
+  virtual LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) = 0;
   // The same, and then whether the name leads back to the address; both within the 5 seconds. A name that
   // does not, or not in time, is answered all the same.
-  virtual LookupId FindConfirmedName(std::uint32_t address,
+  virtual LookupId FindConfirmedName(const IPAddress& address,
                                      std::function<void(const NameAnswer&)> answer) = 0;
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 
   // An address of `name`, if one is known without asking DNS: a dotted address is its own, others are in
   // /etc/hosts.
-  virtual std::optional<std::uint32_t> ResolveLocally(std::string_view name) = 0;
+  virtual std::optional<IPAddress> ResolveLocally(std::string_view name) = 0;
   // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
   virtual NameAnswer LocalHostName() = 0;
 };

@@ -15,7 +15,6 @@
 
 #include "base/error.h"
 #include "base/text.h"
-#include "platform/dotted_address.h"
 #include "platform/open_file_reserve.h"
 #include "platform/sockets.h"
 #include "resolver/dns_channel.h"
@@ -28,7 +27,6 @@ namespace trabex {
 namespace {
 
 constexpr std::size_t kMaxNameBytes = 253;  // RFC 1035, 2.3.4, without the dots at both ends
-constexpr std::uint32_t kLoopback = 0x7F000001;
 
 // The time for all tries of one query, in waits for the first: each wait is twice the one before.
 constexpr int kFirstWaitsInLimit = 5;
@@ -77,7 +75,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     const LookupId id = NewRequest(std::move(receiver));
     const bool absolute = name.ends_with('.');
     const std::string host(name.substr(0, name.size() - (absolute ? 1 : 0)));
-    if (const auto address = ParseDottedAddress(name)) {
+    if (const auto address = ParseIPv4Address(name)) {
       Finish(id, {0, {*address}, {}});
     } else if (!IsHostName(host)) {
       Finish(id, {socket_error::kHostNotFound, {}, {}});
@@ -92,7 +90,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     return id;
   }
 
-  LookupId FindName(std::uint32_t address, bool confirm, NameReceiver receiver) {
+  LookupId FindName(const IPAddress& address, bool confirm, NameReceiver receiver) {
     const LookupId id = NewRequest(std::move(receiver));
     if (confirm) requests_.find(id)->second.to_confirm = address;
     const std::string& known = hosts_.Table(Now()).Name(address);
@@ -111,9 +109,9 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     requests_.erase(found);
   }
 
-  std::vector<std::uint32_t> ResolveLocally(std::string_view host) {
+  std::vector<IPAddress> ResolveLocally(std::string_view host) {
     const auto& known = hosts_.Table(Now()).Addresses(host);
-    if (known.empty() && IsLocalhost(host)) return {kLoopback};
+    if (known.empty() && IsLocalhost(host)) return {kIPv4Loopback};
     return known;
   }
 
@@ -125,8 +123,8 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     MonotonicTime deadline;
     DnsChannel* channel = nullptr;  // that was asked and has not replied yet
     DnsReply reply;
-    std::optional<std::uint32_t> to_confirm;  // the address that the name shall lead back to
-    std::string name;                         // that was found, while its addresses are asked for
+    std::optional<IPAddress> to_confirm;  // the address that the name shall lead back to
+    std::string name;                     // that was found, while its addresses are asked for
   };
 
   MonotonicTime Now() const { return loop_.GetClock().Monotonic(); }
@@ -228,7 +226,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     std::get<NameReceiver>(request.receiver)(answer);
   }
 
-  static bool Holds(const std::vector<std::uint32_t>& addresses, std::uint32_t address) {
+  static bool Holds(const std::vector<IPAddress>& addresses, const IPAddress& address) {
     return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
   }
 
@@ -238,7 +236,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     if (!request.to_confirm || !request.name.empty() || request.reply.error != 0) return false;
     request.name = std::exchange(request.reply, {}).name;
     // An address is no name, whatever it leads to.
-    if (!IsHostName(request.name) || ParseDottedAddress(request.name)) return false;
+    if (!IsHostName(request.name) || ParseIPv4Address(request.name)) return false;
     request.reply.addresses = ResolveLocally(request.name);
     // Where both know the name, either may confirm it.
     if (Holds(request.reply.addresses, *request.to_confirm) || IsLocalhost(request.name)) return false;
@@ -312,16 +310,17 @@ class CaresNameLookup final : public NameLookup {
   LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
     return lookups_->FindAddresses(name, std::move(answer));
   }
-  LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+  LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
     return lookups_->FindName(address, false, std::move(answer));
   }
-  LookupId FindConfirmedName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+  LookupId FindConfirmedName(const IPAddress& address,
+                             std::function<void(const NameAnswer&)> answer) override {
     return lookups_->FindName(address, true, std::move(answer));
   }
   void Cancel(LookupId id) override { lookups_->Cancel(id); }
 
-  std::optional<std::uint32_t> ResolveLocally(std::string_view name) override {
-    if (const auto address = ParseDottedAddress(name)) return address;
+  std::optional<IPAddress> ResolveLocally(std::string_view name) override {
+    if (const auto address = ParseIPv4Address(name)) return address;
     if (name.ends_with('.')) name.remove_suffix(1);
     const auto known = lookups_->ResolveLocally(name);
     return known.empty() ? std::nullopt : std::optional(known.front());

@@ -7,7 +7,7 @@
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kLocalhost = kIPv4Loopback.Number();
+constexpr IPAddress kLocalhost = kIPv4Loopback;
 
 TEST(Admission, GreetingComesFromTheServer) {
   PlayBothWays({}, R"(
@@ -176,14 +176,14 @@ TEST(Admission, LookUpEndsWithItsSession) {
 TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
   const struct {
     const char* name;
-    std::vector<std::uint32_t> addresses;
+    std::vector<IPAddress> addresses;
     const char* transcript;
   } rows[] = {
-      {"mail.good.test", {0x0A000001, kLocalhost}, "S: 220 server ready\n<- 220 server ready"},
-      {"mail.good.test", {0x0A000001}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.good.test", {IP("10.0.0.1"), kLocalhost}, "S: 220 server ready\n<- 220 server ready"},
+      {"mail.good.test", {IP("10.0.0.1")}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
       {"mail.good.test", {}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
       {"mail.other.test", {kLocalhost}, "<- 554 Connection from mail.other.test [127.0.0.1] not allowed."},
-      {"mail.other.test", {0x0A000001}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
+      {"mail.other.test", {IP("10.0.0.1")}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
       // No list sees a name that is not the client's.
       {"mail.white.test", {kLocalhost}, "S: 220 server ready\n<- 220 server ready"},
       {"mail.white.test", {}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
@@ -223,7 +223,7 @@ TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
       world.Settings.ValidateHELO = 2;
       world.Greylisting = &greylisting;
       world.Names.SetName(kLocalhost, "mail.client.test");
-      world.Names.SetAddresses("mail.client.test", {leads_back ? kLocalhost : 0x0A000001});
+      world.Names.SetAddresses("mail.client.test", {leads_back ? kLocalhost : IP("10.0.0.1")});
       cReplaces replaces;
       replaces.SetName("NOOP.250");
       replaces.Add("", "250 {%remotehostname%}", false);

@@ -70,7 +70,7 @@ class Chaos {
     if (Any(2)) settings.LocalIPs = IPRangeList();
     if (Any(8) == 0) settings.ServerIP = "nowhere.test";
     if (Any(8) == 0) settings.MaxConnections = 1;
-    if (Any(2)) world_.Names.SetName(0x7F000001, "client.test");
+    if (Any(2)) world_.Names.SetName(kIPv4Loopback, "client.test");
     if (Any(3) == 0) world_.Names.HoldAnswers();
     world_.Start();
   }

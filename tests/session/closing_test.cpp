@@ -226,7 +226,7 @@ TEST(Closing, ANamedServerIsFound) {
   PlayEveryWay(
       [](SessionWorld& world) {
         world.Settings.ServerIP = "server.test";
-        world.Names.SetAddresses("server.test", {0x7F000001});
+        world.Names.SetAddresses("server.test", {kIPv4Loopback});
       },
       "S: 220 server ready\n<- 220 server ready");
 }

@@ -134,7 +134,7 @@ TEST(Ehlo, SecondOneStartsAnew) {
 }
 
 TEST(Helo, HeaderSaysSmtp) {
-  PlayEveryWay([](SessionWorld& world) { world.Names.SetName(0x7F000001, "client.example"); }, R"(
+  PlayEveryWay([](SessionWorld& world) { world.Names.SetName(kIPv4Loopback, "client.example"); }, R"(
     S: 220 server ready
     <- 220 server ready
     C: helo  client.test
@@ -153,9 +153,9 @@ TEST(Helo, HeaderSaysSmtp) {
 TEST(Helo, IsCheckedInDns) {
   const auto configure = [](SessionWorld& world) {
     world.Settings.ValidateHELO = 1;
-    world.Names.SetAddresses("right.test", {0x7F000002, 0x7F000001});
-    world.Names.SetAddresses("wrong.test", {0x7F000002});
-    world.Names.SetAddresses("127.0.0.1", {0x7F000001});
+    world.Names.SetAddresses("right.test", {IP("127.0.0.2"), kIPv4Loopback});
+    world.Names.SetAddresses("wrong.test", {IP("127.0.0.2")});
+    world.Names.SetAddresses("127.0.0.1", {kIPv4Loopback});
   };
   PlayEveryWay(configure, R"(
     S: 220 server ready
@@ -180,7 +180,7 @@ TEST(Helo, IsCheckedInDns) {
 TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
   SessionWorld world;
   world.Settings.ValidateHELO = 1;
-  world.Names.SetAddresses("right.test", {0x7F000001});
+  world.Names.SetAddresses("right.test", {kIPv4Loopback});
   EXPECT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
   world.Names.HoldAnswers();
   EXPECT_EQ(world.Play(R"(
@@ -198,7 +198,7 @@ TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
 TEST(Helo, OwnHostNameNeedsNoLookUp) {
   const auto configure = [](SessionWorld& world) {
     world.Settings.ValidateHELO = 1;
-    world.Names.SetName(0x7F000001, "mail.example.test");
+    world.Names.SetName(kIPv4Loopback, "mail.example.test");
   };
   PlayEveryWay(configure, R"(
     S: 220 server ready

@@ -132,7 +132,7 @@ TEST(HalfClose, OfAClientWithoutAServerEndsTheSession) {
       {"the server's name is being looked up",
        [](SessionWorld& world) {
          world.Settings.ServerIP = "server.test";
-         world.Names.SetName(0x7F000001, "client.test");
+         world.Names.SetName(kIPv4Loopback, "client.test");
          world.Names.HoldAnswers();
        },
        "C: EHLO client.test"},

@@ -19,8 +19,6 @@
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kLocalhost = 0x7F000001;
-
 // The settings that all of them are played with, and those that the file names.
 Configuration SettingsFor(const script::Head& head) {
   std::string ini =
@@ -85,7 +83,7 @@ std::string PlayOverLoopback(const script::HostileFile& file, const Play& play) 
   const std::int32_t port = world.Settings.ServerPort;
   world.Settings = SettingsFor(file.script.head);
   world.Settings.ServerPort = port;
-  world.Names.SetName(kLocalhost, "localhost");
+  world.Names.SetName(kIPv4Loopback, "localhost");
   world.Attend(server);
   world.Start();
   std::string failure = PlaySteps(

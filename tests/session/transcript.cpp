@@ -41,10 +41,10 @@ void SessionWorld::Start() {
   };
   listener_->Bind(0, "127.0.0.1");
   listener_->Listen();
-  Connect(0x7F000001);
+  Connect(kIPv4Loopback);
 }
 
-void SessionWorld::Connect(std::uint32_t from) {
+void SessionWorld::Connect(const IPAddress& from) {
   earlier_.push_back(std::move(server_));
   earlier_.push_back(std::move(client_));
   server_ = TestPeer();
@@ -143,7 +143,7 @@ std::string SessionWorld::Play(const std::vector<script::Step>& steps) {
 std::string SessionWorld::PlayOnDialogue(Delivery delivery, std::string_view text) {
   DialoguePlayer::Client client;
   client.is_local = mCommon::IPInRangeList(kIPv4Loopback, Settings.LocalIPs);
-  Names.FindName(kIPv4Loopback.Number(), [&](const NameAnswer& answer) { client.host_name = answer.name; });
+  Names.FindName(kIPv4Loopback, [&](const NameAnswer& answer) { client.host_name = answer.name; });
   Names.Deliver();
   DialoguePlayer player(Settings, Time, client, Greylisting);
   player.SetDelivery(delivery);
@@ -182,8 +182,7 @@ bool SessionWorld::PlayStep(const script::Step& step) {
     case StepKind::kClosed:
       return ExpectClosed(step.side);
     case StepKind::kConnect:
-      return Connect(step.bytes.empty() ? kIPv4Loopback.Number() : mCommon::CLngIP(step.bytes).Number()),
-             true;
+      return Connect(step.bytes.empty() ? kIPv4Loopback : mCommon::CLngIP(step.bytes)), true;
     case StepKind::kAccept:
       return true;
     case StepKind::kWait:
@@ -205,9 +204,8 @@ bool SessionWorld::PlayStep(const script::Step& step) {
 bool SessionWorld::Answer(const script::NameAnswers& answers) {
   if (answers.error) Names.SetAddressError(Names.AskedNames().back(), *answers.error);
   if (!answers.addresses.empty()) {
-    std::vector<std::uint32_t> addresses;
-    for (const std::string& address : answers.addresses)
-      addresses.push_back(mCommon::CLngIP(address).Number());
+    std::vector<IPAddress> addresses;
+    for (const std::string& address : answers.addresses) addresses.push_back(mCommon::CLngIP(address));
     Names.SetAddresses(Names.AskedNames().back(), std::move(addresses));
   }
   return Names.Deliver(), Settle(), true;

@@ -73,7 +73,7 @@ class SessionWorld : private ConnectionTable {
   void AddRow(cProxy& session) override { rows_.push_back(session.Key()); }
   void RemoveRow(std::string_view key) override { std::erase(rows_, key); }
 
-  void Connect(std::uint32_t from);
+  void Connect(const IPAddress& from);
   void Poll();
   void PollAttended();
   bool PlayStep(const script::Step& step);

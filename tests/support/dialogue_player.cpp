@@ -228,7 +228,7 @@ bool DialoguePlayer::ServeOnce() {
 
 void DialoguePlayer::Answer(const script::NameAnswers& answers) {
   Addresses addresses;
-  for (const std::string& address : answers.addresses) addresses.push_back(mCommon::CLngIP(address).Number());
+  for (const std::string& address : answers.addresses) addresses.push_back(mCommon::CLngIP(address));
   asked_name_.reset();
   dialogue_.OnAddresses({!answers.error.has_value(), addresses}, *this);
   Pump();

@@ -24,7 +24,7 @@ namespace trabex {
 class DialoguePlayer final : private DialogueActions, private SessionFacts {
  public:
   // What is known of a name; nothing when it cannot be found.
-  using Addresses = std::vector<std::uint32_t>;
+  using Addresses = std::vector<IPAddress>;
   using NameTable = std::function<std::optional<Addresses>(std::string_view name)>;
 
   // The client, as the dialogue knows it.

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "base/text.h"
-#include "platform/dotted_address.h"
 #include "resolver/name_lookup.h"
+#include "support/ip_address.h"
 
 namespace trabex {
 
@@ -26,18 +26,18 @@ class FakeNameLookup final : public NameLookup {
   // `loop` outlives this object.
   explicit FakeNameLookup(EventLoop& loop) : loop_(loop) {}
 
-  void SetAddresses(std::string_view name, std::vector<std::uint32_t> addresses) {
+  void SetAddresses(std::string_view name, std::vector<IPAddress> addresses) {
     addresses_[ToLower(name)] = AddressAnswer{0, std::move(addresses)};
   }
   void SetAddressError(std::string_view name, int error) {
     addresses_[ToLower(name)] = AddressAnswer{error, {}};
   }
-  void SetName(std::uint32_t address, std::string_view name) {
+  void SetName(const IPAddress& address, std::string_view name) {
     names_[address] = NameAnswer{0, std::string(name)};
   }
-  void SetNameError(std::uint32_t address, int error) { names_[address] = NameAnswer{error, {}}; }
+  void SetNameError(const IPAddress& address, int error) { names_[address] = NameAnswer{error, {}}; }
   // A line of the hosts file: what ResolveLocally tells. FindAddresses answers it too, unless set otherwise.
-  void SetLocalAddress(std::string_view name, std::uint32_t address) { known_[ToLower(name)] = address; }
+  void SetLocalAddress(std::string_view name, const IPAddress& address) { known_[ToLower(name)] = address; }
   void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
   void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
 
@@ -69,18 +69,19 @@ class FakeNameLookup final : public NameLookup {
   }
   // In the order of asking.
   const std::vector<std::string>& AskedNames() const { return asked_names_; }
-  const std::vector<std::uint32_t>& AskedAddresses() const { return asked_addresses_; }
+  const std::vector<IPAddress>& AskedAddresses() const { return asked_addresses_; }
 
   LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
     asked_names_.emplace_back(name);
     return Ask([this, name = std::string(name), answer = std::move(answer)] { answer(AddressesOf(name)); });
   }
-  LookupId FindName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+  LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
     asked_addresses_.push_back(address);
     return Ask([this, address, answer = std::move(answer)] { answer(NameOf(address)); });
   }
   // A name is confirmed by what SetAddresses and SetLocalAddress have set for it.
-  LookupId FindConfirmedName(std::uint32_t address, std::function<void(const NameAnswer&)> answer) override {
+  LookupId FindConfirmedName(const IPAddress& address,
+                             std::function<void(const NameAnswer&)> answer) override {
     asked_addresses_.push_back(address);
     ++confirmed_requests_;
     return Ask([this, address, answer = std::move(answer)] {
@@ -92,8 +93,8 @@ class FakeNameLookup final : public NameLookup {
   }
   void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
 
-  std::optional<std::uint32_t> ResolveLocally(std::string_view name) override {
-    if (const auto address = ParseDottedAddress(name)) return address;
+  std::optional<IPAddress> ResolveLocally(std::string_view name) override {
+    if (const auto address = ParseIPv4Address(name)) return address;
     const auto found = known_.find(ToLower(name));
     return found == known_.end() ? std::nullopt : std::optional(found->second);
   }
@@ -129,15 +130,15 @@ class FakeNameLookup final : public NameLookup {
     if (const auto known = ResolveLocally(name)) return AddressAnswer{0, {*known}};
     return AddressAnswer{11001, {}};
   }
-  NameAnswer NameOf(std::uint32_t address) {
+  NameAnswer NameOf(const IPAddress& address) {
     const auto set = names_.find(address);
     return set == names_.end() ? NameAnswer{11001, {}} : set->second;
   }
 
   EventLoop& loop_;
   std::map<std::string, AddressAnswer> addresses_;
-  std::map<std::uint32_t, NameAnswer> names_;
-  std::map<std::string, std::uint32_t> known_;
+  std::map<IPAddress, NameAnswer> names_;
+  std::map<std::string, IPAddress> known_;
   NameAnswer local_{0, "proxy.test"};
   bool held_ = false;
   LookupId last_id_ = 0;
@@ -145,7 +146,7 @@ class FakeNameLookup final : public NameLookup {
   std::size_t cancelled_ = 0;
   std::size_t confirmed_requests_ = 0;
   std::vector<std::string> asked_names_;
-  std::vector<std::uint32_t> asked_addresses_;
+  std::vector<IPAddress> asked_addresses_;
 };
 
 }  // namespace trabex

@@ -19,10 +19,10 @@ namespace trabex {
 
 namespace {
 
-sockaddr_in Address(std::uint32_t address, std::uint16_t port) {
+sockaddr_in Address(const IPAddress& address, std::uint16_t port) {
   sockaddr_in result{};
   result.sin_family = AF_INET;
-  result.sin_addr.s_addr = htonl(address);
+  result.sin_addr.s_addr = htonl(address.Number());
   result.sin_port = htons(port);
   return result;
 }
@@ -64,10 +64,10 @@ TestPeer& TestPeer::operator=(TestPeer&& other) noexcept {
   return *this;
 }
 
-TestPeer TestPeer::Connect(std::uint16_t port, std::uint32_t from) {
+TestPeer TestPeer::Connect(std::uint16_t port, const IPAddress& from) {
   TestPeer peer(NewSocket());
   const sockaddr_in local = Address(from, 0);
-  const sockaddr_in remote = Address(0x7F000001, port);
+  const sockaddr_in remote = Address(kIPv4Loopback, port);
   // The port is chosen with the connect: one chosen now could be nobody else's, and many tests connect often.
   const int on = 1;
   setsockopt(peer.descriptor_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);

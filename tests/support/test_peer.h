@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/ip_address.h"
 #include "support/held_port.h"
 
 namespace trabex {
@@ -19,8 +20,8 @@ class TestPeer {
   TestPeer(TestPeer&& other) noexcept;
   TestPeer& operator=(TestPeer&& other) noexcept;
 
-  // Connects to 127.0.0.1:`port` from `from` (host order); the connection stands when this returns.
-  static TestPeer Connect(std::uint16_t port, std::uint32_t from = 0x7F000001);
+  // Connects to 127.0.0.1:`port` from `from`; the connection stands when this returns.
+  static TestPeer Connect(std::uint16_t port, const IPAddress& from = kIPv4Loopback);
 
   bool Open() const { return descriptor_ >= 0; }
   // Takes what has come; call it as often as you like.

@@ -228,7 +228,7 @@ LineDecision ClientCommandFilter::ProcessAddresses(std::string_view asking_line,
   Draft draft(state);
   const Line line = ParseCommandLine(asking_line);
   if (!answer.found) return Complete(Answer({ReplyKind::kHeloDNSError, ""}, draft), draft);
-  const std::uint32_t client = facts_.ClientIP().Number();
+  const IPAddress client = facts_.ClientIP();
   const bool confirmed =
       std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
   return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}, draft), draft);

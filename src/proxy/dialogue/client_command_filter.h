@@ -18,6 +18,7 @@
 
 #include "base/clock.h"
 #include "base/error.h"
+#include "base/ip_address.h"
 #include "config/configuration.h"
 #include "proxy/dialogue/command_table.h"
 #include "proxy/dialogue/dialogue_state.h"
@@ -31,7 +32,7 @@ namespace trabex {
 // What a look-up of a host's addresses has found.
 struct HostAddresses {
   bool found = false;
-  std::span<const std::uint32_t> addresses;
+  std::span<const IPAddress> addresses;
 };
 
 // What the dialogue is to do with a line, and what it is to remember.

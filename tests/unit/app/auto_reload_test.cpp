@@ -179,7 +179,7 @@ TEST_F(AutoReloadTest, AServerThatIsTheListenerEndsTheProgram) {
   const std::string server_port = "ServerPort=" + std::to_string(ServerPort());
   text.replace(text.find(server_port), server_port.size(), "ServerPort=" + std::to_string(port_));
   Write(ini_, text);
-  names_->SetAddresses("127.0.0.1", {0x7F000001});
+  names_->SetAddresses("127.0.0.1", {kIPv4Loopback});
   Pass(60);
   EXPECT_THAT(log_, Contains(StartsWith("Loop detected")));
   EXPECT_TRUE(Window().Unloaded());

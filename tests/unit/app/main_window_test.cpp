@@ -125,7 +125,7 @@ constexpr std::string_view kLoopMessage =
 
 // What is no loop ends at the port, which is taken.
 TEST_F(MainWindowTest, ServerThatIsTheListenerIsALoop) {
-  std::vector<std::uint32_t> own;
+  std::vector<IPAddress> own;
   ASSERT_EQ(program_.sockets.LocalAddresses(own), 0);
   ASSERT_FALSE(own.empty());
   PlainSocket other;
@@ -134,23 +134,23 @@ TEST_F(MainWindowTest, ServerThatIsTheListenerIsALoop) {
   struct Row {
     std::string bind_ip;
     std::string server_ip;
-    std::vector<std::uint32_t> resolved;
+    std::vector<IPAddress> resolved;
     bool loop;
   };
   const Row rows[] = {
-      {"0.0.0.0", "127.0.0.1", {0x7F000001}, true},
-      {"0.0.0.0", "127.9.9.9", {0x7F090909}, true},
-      {"", "127.0.0.1", {0x7F000001}, true},
+      {"0.0.0.0", "127.0.0.1", {kIPv4Loopback}, true},
+      {"0.0.0.0", "127.9.9.9", {IP("127.9.9.9")}, true},
+      {"", "127.0.0.1", {kIPv4Loopback}, true},
       {"0.0.0.0", "own", {own.back()}, true},
-      {"0.0.0.0", "0.0.0.0", {0}, true},
-      {"0.0.0.0", "localhost", {0x7F000001}, true},
-      {"0.0.0.0", "two", {0xC0000207, 0x7F000001}, true},  // any of its addresses
-      {"0.0.0.0", "192.0.2.7", {0xC0000207}, false},
-      {"127.0.0.1", "127.0.0.1", {0x7F000001}, true},
-      {"127.0.0.1", "0.0.0.0", {0}, true},
-      {"127.0.0.1", "two", {0xC0000207, 0x7F000001}, true},
-      {"127.0.0.1", "127.0.0.2", {0x7F000002}, false},
-      {"127.0.0.1", "192.0.2.7", {0xC0000207}, false},
+      {"0.0.0.0", "0.0.0.0", {kIPv4Any}, true},
+      {"0.0.0.0", "localhost", {kIPv4Loopback}, true},
+      {"0.0.0.0", "two", {IP("192.0.2.7"), kIPv4Loopback}, true},  // any of its addresses
+      {"0.0.0.0", "192.0.2.7", {IP("192.0.2.7")}, false},
+      {"127.0.0.1", "127.0.0.1", {kIPv4Loopback}, true},
+      {"127.0.0.1", "0.0.0.0", {kIPv4Any}, true},
+      {"127.0.0.1", "two", {IP("192.0.2.7"), kIPv4Loopback}, true},
+      {"127.0.0.1", "127.0.0.2", {IP("127.0.0.2")}, false},
+      {"127.0.0.1", "192.0.2.7", {IP("192.0.2.7")}, false},
   };
   Settings().ServerPort = Settings().BindPort;
   for (const Row& row : rows) {
@@ -184,7 +184,7 @@ TEST_F(MainWindowTest, ListenerGoesOnWhileANameIsLookedUp) {
   Settings().BindPort = FreePort();
   Settings().ServerPort = Settings().BindPort;
   Settings().ServerIP = "server.test";
-  names_->SetAddresses("server.test", {0xC0000207});
+  names_->SetAddresses("server.test", {IP("192.0.2.7")});
   names_->HoldAnswers();
   std::optional<bool> result;
   Window().StartListening([&result](bool listening) { result = listening; });

@@ -144,8 +144,8 @@ TEST_F(RequestedReloadTest, WaitsForTheLookUpOfTheOneBefore) {
   Ask();
   Ask();
   EXPECT_EQ(Reloads(), 1);
-  names_->SetAddresses("first.test", {0x0A000001});
-  names_->SetAddresses("second.test", {0x0A000002});
+  names_->SetAddresses("first.test", {IP("10.0.0.1")});
+  names_->SetAddresses("second.test", {IP("10.0.0.2")});
   EXPECT_EQ(names_->Deliver(), 1U);
   EXPECT_EQ(Reloads(), 2);
   RunUntilIdle(program_->loop);
@@ -164,7 +164,7 @@ TEST_F(RequestedReloadTest, OfTheTimeOfTheStartIsMadeAfterIt) {
   ASSERT_EQ(LoadConfiguration(program_->MakeLoadDependencies(), Settings()), LoadResult::kLoaded);
   program_->window = std::make_unique<frmMain>(*program_);
   WriteIni("ServerIP=server.test\nTimeout=200\n");
-  names_->SetAddresses("server.test", {0x0A000001});
+  names_->SetAddresses("server.test", {IP("10.0.0.1")});
   names_->HoldAnswers();
   // In the loop, while the start waits for the name of the server.
   int iterations = 0;

@@ -29,7 +29,7 @@
 
 namespace trabex {
 
-inline constexpr std::uint32_t kLoopback = 0x7F000001;
+inline constexpr IPAddress kLoopback = kIPv4Loopback;
 
 inline constexpr const char* kBadState = "Invalid operation at current state";
 inline constexpr const char* kBadArgument =
@@ -106,7 +106,7 @@ class Peer {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(static_cast<std::uint16_t>(port));
-    to.sin_addr.s_addr = htonl(kLoopback);
+    to.sin_addr.s_addr = htonl(kLoopback.Number());
     const int result = connect(descriptor_, reinterpret_cast<sockaddr*>(&to), sizeof to);
     ASSERT_TRUE(result == 0 || errno == EINPROGRESS) << errno;
   }

@@ -67,7 +67,7 @@ TEST_F(ConnectTest, AbsentArgumentsMeanTheRemotePortPropertyAndNoHost) {
 }
 
 TEST_F(ConnectTest, ToANameResolvesFirst) {
-  names.SetAddresses("server.test", {kLoopback, 0x7F000002});
+  names.SetAddresses("server.test", {kLoopback, IP("127.0.0.2")});
   names.HoldAnswers();
   socket->Connect("server.test", server.port);
   EXPECT_EQ(socket->State(), SocketState::sckResolvingHost);
@@ -112,10 +112,12 @@ TEST_F(ConnectTest, ALookUpThatCannotBeginIsAnErrorEvent) {
   class NoLookup final : public NameLookup {
    public:
     LookupId FindAddresses(std::string_view, std::function<void(const AddressAnswer&)>) override { return 0; }
-    LookupId FindName(std::uint32_t, std::function<void(const NameAnswer&)>) override { return 0; }
-    LookupId FindConfirmedName(std::uint32_t, std::function<void(const NameAnswer&)>) override { return 0; }
+    LookupId FindName(const IPAddress&, std::function<void(const NameAnswer&)>) override { return 0; }
+    LookupId FindConfirmedName(const IPAddress&, std::function<void(const NameAnswer&)>) override {
+      return 0;
+    }
     void Cancel(LookupId) override {}
-    std::optional<std::uint32_t> ResolveLocally(std::string_view) override { return std::nullopt; }
+    std::optional<IPAddress> ResolveLocally(std::string_view) override { return std::nullopt; }
     NameAnswer LocalHostName() override { return {11003, {}}; }
   };
   NoLookup none;
@@ -172,7 +174,7 @@ TEST_F(ConnectTest, OnlyCloseSckLeavesTheErrorState) {
 
 TEST_F(ConnectTest, ARefusalTheSystemTellsAtOnceIsAnErrorEventOfConnectToIP) {
   // No socket can connect to a broadcast address without asking for it.
-  names.SetAddresses("all.test", {0xFFFFFFFF});
+  names.SetAddresses("all.test", {IP("255.255.255.255")});
   socket->Connect("all.test", 25);
   RunUntil(loop, [&] { return !socket.trace.empty(); });
   EXPECT_EQ(socket->State(), SocketState::sckError);

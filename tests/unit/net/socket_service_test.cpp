@@ -67,7 +67,7 @@ TEST_F(ServiceTest, AnObjectOfASessionIsSmallAndHoldsNoBuffers) {
 }
 
 TEST_F(ServiceTest, KnownHosts) {
-  names.SetLocalAddress("mail.test", 0xC0000219);
+  names.SetLocalAddress("mail.test", IP("192.0.2.25"));
   struct Row {
     const char* host;
     int error;
@@ -78,9 +78,9 @@ TEST_F(ServiceTest, KnownHosts) {
                          Row{"unknown.test", 11001, ""}, Row{"1.2.3", 11001, ""}}) {
     const HostAddress address = LookUpKnownHost(names, row.host);
     EXPECT_EQ(address.error, row.error) << row.host;
-    EXPECT_EQ(address.text, row.text) << row.host;
+    EXPECT_EQ(FormatIPAddress(address.address), row.text) << row.host;
   }
-  EXPECT_EQ(LookUpKnownHost(names, "mail.test").address, 0xC0000219);
+  EXPECT_EQ(LookUpKnownHost(names, "mail.test").address, IP("192.0.2.25"));
 }
 
 TEST_F(ServiceTest, LocalHostNameIsCachedUntilItIsAskedForAnew) {
@@ -104,7 +104,7 @@ TEST_F(ServiceTest, LocalIPIsThatOfTheBoundSocketOrOfTheMachinesName) {
   CSocketMaster socket(module);
   names.SetLocalHostName("proxy.test");
   ExpectError([&] { socket.LocalIP(); }, 11001, "CSocketMaster.GetLocalIP", "Host not found.");
-  names.SetLocalAddress("proxy.test", 0xC0000201);
+  names.SetLocalAddress("proxy.test", IP("192.0.2.1"));
   EXPECT_EQ(socket.LocalIP(), "192.0.2.1");
   socket.Bind(0, "127.0.0.1");
   EXPECT_EQ(socket.LocalIP(), "127.0.0.1");
@@ -184,12 +184,15 @@ TEST_F(RemoteNameTest, ANameThatIsNoPlainHostNameCountsAsNone) {
 TEST_F(RemoteNameTest, AConfirmedNameHasThePeersAddress) {
   struct Row {
     const char* name;
-    std::vector<std::uint32_t> addresses;
+    std::vector<IPAddress> addresses;
     bool confirmed;
   };
+  const IPAddress kOther = IP("192.0.2.1");
+  const IPAddress kAnother = IP("192.0.2.2");
   for (const Row& row :
-       {Row{"client.test", {kLoopback}, true}, Row{"client.test", {1, kLoopback, 2}, true},
-        Row{"client.test", {1, 2}, false}, Row{"client.test", {}, false}, Row{"a b", {kLoopback}, false}}) {
+       {Row{"client.test", {kLoopback}, true}, Row{"client.test", {kOther, kLoopback, kAnother}, true},
+        Row{"client.test", {kOther, kAnother}, false}, Row{"client.test", {}, false},
+        Row{"a b", {kLoopback}, false}}) {
     for (const bool wanted : {false, true}) {
       peer.reset();
       Connection();

@@ -22,7 +22,7 @@
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kLoopback = 0x7F000001;
+constexpr IPAddress kLoopback = kIPv4Loopback;
 
 std::set<int> OpenDescriptors() {
   std::set<int> result;
@@ -58,7 +58,7 @@ class LinuxSocketsTest : public testing::Test {
     sockaddr_in to{};
     to.sin_family = AF_INET;
     to.sin_port = htons(address.port);
-    to.sin_addr.s_addr = htonl(address.address);
+    to.sin_addr.s_addr = htonl(address.address.Number());
     setsockopt(raw, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
     ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
     int result = 0;

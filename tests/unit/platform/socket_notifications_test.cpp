@@ -11,12 +11,13 @@
 
 #include "platform/clock.h"
 #include "platform/sockets.h"
+#include "support/ip_address.h"
 #include "support/loop_runner.h"
 
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kLoopback = 0x7F000001;
+constexpr IPAddress kLoopback = kIPv4Loopback;
 
 // Records its notifications: "READ", "CLOSE(10054)" ..., and may act on it.
 class Recorder final : public SocketSink {
@@ -675,9 +676,26 @@ TEST(SocketsTest, ASocketThatNobodyWatchedYetIsAlwaysAsked) {
   }
 }
 
+TEST(SocketsTest, AnAddressOfAnotherFamilyIsRefused) {
+  Bench bench;
+  SocketHandle stream;
+  SocketHandle datagram;
+  Bench::Must(bench.sockets.Open(Transport::kTcp, stream));
+  Bench::Must(bench.sockets.Open(Transport::kUdp, datagram));
+  for (const IPAddress& address : {IPAddress(), IP("::1")}) {
+    const Endpoint endpoint{address, 0};
+    EXPECT_EQ(bench.sockets.Bind(stream, endpoint), socket_error::kAddressFamily);
+    EXPECT_EQ(bench.sockets.BindExclusively(stream, endpoint), socket_error::kAddressFamily);
+    EXPECT_EQ(bench.sockets.Connect(stream, endpoint), socket_error::kAddressFamily);
+    EXPECT_EQ(bench.sockets.SendTo(datagram, "x", endpoint), socket_error::kAddressFamily);
+  }
+  bench.sockets.Close(stream);
+  bench.sockets.Close(datagram);
+}
+
 TEST(SocketsTest, OneEndpointHasOneListener) {
   Bench bench;
-  for (const std::uint32_t address : {kLoopback, std::uint32_t{0}}) {
+  for (const IPAddress& address : {kLoopback, kIPv4Any}) {
     SocketHandle second;
     Bench::Must(bench.sockets.Open(Transport::kTcp, second));
     EXPECT_EQ(bench.sockets.BindExclusively(second, {address, bench.address.port}),
@@ -710,7 +728,7 @@ TEST(SocketsTest, SendingAfterItsEndIsAnErrorOfItsOwn) {
 
 TEST(SocketsTest, ThisMachinesAddressesHoldTheLoopback) {
   Bench bench;
-  std::vector<std::uint32_t> addresses;
+  std::vector<IPAddress> addresses;
   Bench::Must(bench.sockets.LocalAddresses(addresses));
   EXPECT_NE(std::find(addresses.begin(), addresses.end(), kLoopback), addresses.end());
 }

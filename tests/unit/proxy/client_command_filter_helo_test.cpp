@@ -3,12 +3,13 @@
 
 #include <string>
 
+#include "support/ip_address.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
 namespace {
 
-constexpr std::uint32_t kOther[] = {1};
+constexpr IPAddress kOther[] = {IPAddress::IPv4(1)};
 
 TEST(Helo, IsRemembered) {
   const struct {
@@ -142,14 +143,14 @@ TEST(Helo, WhatIsLookedUp) {
 }
 
 TEST(Helo, TheAnswerDecides) {
-  constexpr std::uint32_t kClient = 0xC0000207;  // 192.0.2.7
+  const IPAddress kClient = IP("192.0.2.7");
   const struct {
-    std::vector<std::uint32_t> addresses;  // none: the name has none
+    std::vector<IPAddress> addresses;  // none: the name has none
     const char* outcome;
   } rows[] = {
       {{kClient}, "-> ehlo other.test"},
-      {{1, 2, kClient, 3}, "-> ehlo other.test"},
-      {{1}, "<- 550 Domain other.test doesn't correspond to IP address 192.0.2.7."},
+      {{IP("192.0.2.6"), IP("192.0.2.8"), kClient, IP("127.0.0.1")}, "-> ehlo other.test"},
+      {{IP("192.0.2.6")}, "<- 550 Domain other.test doesn't correspond to IP address 192.0.2.7."},
       {{}, "<- 450 Unable to verify domain name other.test in DNS."},
   };
   for (const auto& row : rows) {

@@ -162,7 +162,7 @@ TEST(DialoguePhase, EachRowIsTaken) {
     if (row.step == "refuse") {
       d.Say(ReplyKind::kNoPtr);
     } else if (row.step == "found") {
-      const std::uint32_t client[] = {0xC0000207};
+      const IPAddress client[] = {IPAddress::IPv4(0xC0000207)};
       d.Answer({true, client});
       d.Run("-> EHLO a.test");
     } else if (row.step == "not found") {

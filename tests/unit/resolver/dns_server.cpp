@@ -33,8 +33,8 @@ std::string Record(const std::string& encoded_owner, int type, const std::string
          std::string("\0\0\0\x3C", 4) + Number16(data.size()) + data;
 }
 
-std::string AddressData(std::uint32_t address) {
-  return Number16(address >> 16) + Number16(address & 0xFFFF);
+std::string AddressData(const IPAddress& address) {
+  return Number16(address.Number() >> 16) + Number16(address.Number() & 0xFFFF);
 }
 
 std::string Answer(const DnsQuestion& question, const std::vector<std::string>& records, Rcode code,
@@ -48,9 +48,9 @@ std::string Answer(const DnsQuestion& question, const std::vector<std::string>& 
   return message;
 }
 
-std::string AddressAnswer(const DnsQuestion& question, const std::vector<std::uint32_t>& addresses) {
+std::string AddressAnswer(const DnsQuestion& question, const std::vector<IPAddress>& addresses) {
   std::vector<std::string> records;
-  for (const std::uint32_t address : addresses) records.push_back(Record(kOwnName, kA, AddressData(address)));
+  for (const IPAddress& address : addresses) records.push_back(Record(kOwnName, kA, AddressData(address)));
   return Answer(question, records);
 }
 
@@ -160,7 +160,7 @@ std::uint16_t DnsServer::Port() const {
   return PortOf(udp_);
 }
 
-void DnsServer::SetAddresses(std::string_view name, std::vector<std::uint32_t> addresses) {
+void DnsServer::SetAddresses(std::string_view name, std::vector<IPAddress> addresses) {
   Set(name, [addresses = std::move(addresses)](const DnsQuestion& question) {
     return std::vector{dns::AddressAnswer(question, addresses)};
   });

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "base/text.h"
 #include "platform/fd_watcher.h"
 
@@ -37,7 +38,7 @@ enum class Rcode { kNone = 0, kFormat = 1, kServer = 2, kNoSuchName = 3, kNotImp
 std::string Number16(std::size_t number);
 std::string EncodedName(std::string_view name);
 std::string Record(const std::string& encoded_owner, int type, const std::string& data);
-std::string AddressData(std::uint32_t address);
+std::string AddressData(const IPAddress& address);
 // The question's own name, by reference.
 inline const std::string kOwnName = "\xC0\x0C";
 
@@ -45,7 +46,7 @@ inline const std::string kOwnName = "\xC0\x0C";
 // flag byte (2: truncated).
 std::string Answer(const DnsQuestion& question, const std::vector<std::string>& records,
                    Rcode code = Rcode::kNone, int extra_flags = 0);
-std::string AddressAnswer(const DnsQuestion& question, const std::vector<std::uint32_t>& addresses);
+std::string AddressAnswer(const DnsQuestion& question, const std::vector<IPAddress>& addresses);
 std::string NameAnswer(const DnsQuestion& question, const std::vector<std::string>& names);
 
 }  // namespace dns
@@ -73,7 +74,7 @@ class DnsServer {
 
   // What happens for `name`; for anything else "no such name" is answered.
   void Set(std::string_view name, Rule rule) { rules_[ToLower(name)] = std::move(rule); }
-  void SetAddresses(std::string_view name, std::vector<std::uint32_t> addresses);
+  void SetAddresses(std::string_view name, std::vector<IPAddress> addresses);
   void SetNames(std::string_view reverse_name, std::vector<std::string> names);
   void SetFailure(std::string_view name, dns::Rcode code);
   void SetSilent(std::string_view name);

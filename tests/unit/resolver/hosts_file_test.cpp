@@ -6,12 +6,13 @@
 #include <filesystem>
 
 #include "support/fake_clock.h"
+#include "support/ip_address.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
 namespace {
 
-using Addresses = std::vector<std::uint32_t>;
+using Addresses = std::vector<IPAddress>;
 
 constexpr const char* kHosts =
     "# a comment\n"
@@ -35,12 +36,12 @@ TEST(HostsTable, NamesHaveAllTheirAddresses) {
     const char* name;
     Addresses addresses;
   } cases[] = {
-      {"localhost", {0x7F000001}},
-      {"loopback", {0x7F000001}},
-      {"mail", {0xC0000201, 0xC0000202}},
-      {"mail.example.test", {0xC0000201, 0xC0000202}},
-      {"MAIL.example.TEST.", {0xC0000201, 0xC0000202}},
-      {"last.example.test", {0xC0000208}},
+      {"localhost", {kIPv4Loopback}},
+      {"loopback", {kIPv4Loopback}},
+      {"mail", {IP("192.0.2.1"), IP("192.0.2.2")}},
+      {"mail.example.test", {IP("192.0.2.1"), IP("192.0.2.2")}},
+      {"MAIL.example.TEST.", {IP("192.0.2.1"), IP("192.0.2.2")}},
+      {"last.example.test", {IP("192.0.2.8")}},
       {"not-this", {}},
       {"six", {}},
       {"odd.example.test", {}},
@@ -55,12 +56,12 @@ TEST(HostsTable, NamesHaveAllTheirAddresses) {
 
 TEST(HostsTable, AddressHasTheFirstNameOfItsFirstLine) {
   const HostsTable table(kHosts);
-  EXPECT_EQ(table.Name(0xC0000201), "Mail.Example.test");
-  EXPECT_EQ(table.Name(0xC0000202), "mail.example.test");
-  EXPECT_EQ(table.Name(0x7F000001), "localhost");
-  EXPECT_EQ(table.Name(0xC0000209), "");
-  EXPECT_EQ(table.Name(0xC0000207), "");
-  EXPECT_EQ(HostsTable().Name(0), "");
+  EXPECT_EQ(table.Name(IP("192.0.2.1")), "Mail.Example.test");
+  EXPECT_EQ(table.Name(IP("192.0.2.2")), "mail.example.test");
+  EXPECT_EQ(table.Name(kIPv4Loopback), "localhost");
+  EXPECT_EQ(table.Name(IP("192.0.2.9")), "");
+  EXPECT_EQ(table.Name(IP("192.0.2.7")), "");
+  EXPECT_EQ(HostsTable().Name(kIPv4Any), "");
 }
 
 TEST(HostsTable, FullNameStandsOnTheSameLine) {
@@ -94,13 +95,13 @@ TEST(HostsFile, ChangeIsSeenWithinASecond) {
   clock.Advance(std::chrono::milliseconds(999));
   EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{});
   clock.Advance(std::chrono::milliseconds(1));
-  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.1")});
 
   WriteFile(path, "192.0.2.2 a\n");
   std::filesystem::last_write_time(path,
                                    std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
   clock.Advance(std::chrono::seconds(1));
-  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000202});
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.2")});
   EXPECT_EQ(file.Text(), "192.0.2.2 a\n");
 
   std::filesystem::remove(path);
@@ -116,18 +117,18 @@ TEST(HostsFile, UnreadableFileKeepsWhatWasKnown) {
   WriteFile(path, "192.0.2.1 a\n");
   FakeClock clock;
   HostsFile file(path);
-  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.1")});
   std::filesystem::remove(path);
   ASSERT_TRUE(std::filesystem::create_directory(path));  // opens for nobody as a file
   clock.Advance(std::chrono::seconds(1));
-  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000201});
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.1")});
   // Once it can be read again it counts, even if its date is still the same.
   const auto date = std::filesystem::last_write_time(path);
   std::filesystem::remove(path);
   WriteFile(path, "192.0.2.2 a\n");
   std::filesystem::last_write_time(path, date);
   clock.Advance(std::chrono::seconds(1));
-  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{0xC0000202});
+  EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.2")});
 }
 
 }  // namespace

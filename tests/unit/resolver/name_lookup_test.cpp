@@ -15,7 +15,6 @@
 
 #include "base/error.h"
 #include "dns_server.h"
-#include "platform/dotted_address.h"
 #include "resolver/host_settings.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
@@ -28,17 +27,17 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr std::uint32_t kAddress1 = 0xC0000201;  // 192.0.2.1
-constexpr std::uint32_t kAddress2 = 0xC0000202;
+constexpr IPAddress kAddress1 = IPAddress::IPv4(0xC0000201);  // 192.0.2.1
+constexpr IPAddress kAddress2 = IPAddress::IPv4(0xC0000202);
 constexpr const char* kReverse1 = "1.2.0.192.in-addr.arpa";
 
 // An outcome in one word: "192.0.2.1 192.0.2.2", "host.test" or "11001".
 std::string Shown(const AddressAnswer& answer) {
   if (answer.error != 0) return std::to_string(answer.error);
   std::string shown;
-  for (const std::uint32_t address : answer.addresses) {
+  for (const IPAddress& address : answer.addresses) {
     if (!shown.empty()) shown += ' ';
-    shown += DottedAddress(address);
+    shown += FormatIPAddress(address);
   }
   return shown;
 }
@@ -67,7 +66,7 @@ class NameLookupTest : public testing::Test {
   LookupId Ask(std::string_view name, std::string& outcome) {
     return lookup_->FindAddresses(name, [&](const AddressAnswer& answer) { outcome += Shown(answer); });
   }
-  LookupId Ask(std::uint32_t address, std::string& outcome) {
+  LookupId Ask(const IPAddress& address, std::string& outcome) {
     return lookup_->FindName(address, [&](const NameAnswer& answer) { outcome += Shown(answer); });
   }
   // Asks and runs the loop until the answer is there.
@@ -93,7 +92,7 @@ class NameLookupTest : public testing::Test {
 
 TEST_F(NameLookupTest, AddressesOfAName) {
   server_.SetAddresses("one.test", {kAddress1});
-  server_.SetAddresses("several.test", {kAddress2, kAddress1, 0xFFFFFFFF, 0});
+  server_.SetAddresses("several.test", {kAddress2, kAddress1, IP("255.255.255.255"), kIPv4Any});
   EXPECT_EQ(Outcome("one.test"), "192.0.2.1");
   EXPECT_EQ(Outcome("ONE.Test."), "192.0.2.1");
   EXPECT_EQ(Outcome("several.test"), "192.0.2.2 192.0.2.1 255.255.255.255 0.0.0.0");
@@ -104,9 +103,9 @@ TEST_F(NameLookupTest, NameOfAnAddress) {
   server_.SetNames("255.255.255.255.in-addr.arpa", {"first.test", "second.test"});
   server_.SetNames("3.2.0.192.in-addr.arpa", {""});
   EXPECT_EQ(Outcome(kAddress1), "Mail.Example.test");
-  EXPECT_EQ(Outcome(0xFFFFFFFF), "first.test");
+  EXPECT_EQ(Outcome(IP("255.255.255.255")), "first.test");
   EXPECT_EQ(Outcome(kAddress2), "11001");
-  EXPECT_EQ(Outcome(0xC0000203), "11004") << "the root is no name";
+  EXPECT_EQ(Outcome(IP("192.0.2.3")), "11004") << "the root is no name";
 }
 
 TEST_F(NameLookupTest, AliasesAreFollowed) {
@@ -155,7 +154,7 @@ TEST_F(NameLookupTest, FailuresHaveTheirNumbers) {
 TEST_F(NameLookupTest, DottedAddressResolvesToItself) {
   for (const char* address : {"192.0.2.1", "0.0.0.0", "255.255.255.255", "127.0.0.1"}) {
     EXPECT_EQ(Outcome(address), address);
-    EXPECT_EQ(lookup_->ResolveLocally(address), ParseDottedAddress(address));
+    EXPECT_EQ(lookup_->ResolveLocally(address), ParseIPv4Address(address));
   }
   EXPECT_EQ(server_.Questions(), 0U);
 }
@@ -199,28 +198,28 @@ TEST_F(NameLookupTest, HostsFileComesFirst) {
   EXPECT_EQ(Outcome("KNOWN.test"), "192.0.2.77 192.0.2.78");
   EXPECT_EQ(Outcome("known.test."), "192.0.2.77 192.0.2.78");
   EXPECT_EQ(Outcome("known"), "192.0.2.77");
-  EXPECT_EQ(Outcome(std::uint32_t{0xC000024D}), "Known.test");
-  EXPECT_EQ(lookup_->ResolveLocally("known.TEST"), 0xC000024DU);
-  EXPECT_EQ(lookup_->ResolveLocally("known.test."), 0xC000024DU);
+  EXPECT_EQ(Outcome(IP("192.0.2.77")), "Known.test");
+  EXPECT_EQ(lookup_->ResolveLocally("known.TEST"), IP("192.0.2.77"));
+  EXPECT_EQ(lookup_->ResolveLocally("known.test."), IP("192.0.2.77"));
   EXPECT_EQ(lookup_->ResolveLocally("unknown.test"), std::nullopt);
   EXPECT_EQ(lookup_->ResolveLocally(""), std::nullopt);
   EXPECT_EQ(server_.Questions(), 0U);
 }
 
 TEST_F(NameLookupTest, ChangedHostsFileCounts) {
-  EXPECT_EQ(lookup_->ResolveLocally("known"), 0xC000024DU);
+  EXPECT_EQ(lookup_->ResolveLocally("known"), IP("192.0.2.77"));
   WriteFile(folder_ / "hosts", "192.0.2.99 known\n");
   std::filesystem::last_write_time(folder_ / "hosts",
                                    std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
   clock_.Advance(seconds(1));
-  EXPECT_EQ(lookup_->ResolveLocally("known"), 0xC0000263U);
+  EXPECT_EQ(lookup_->ResolveLocally("known"), IP("192.0.2.99"));
   EXPECT_EQ(Outcome("known"), "192.0.2.99");
 }
 
 TEST_F(NameLookupTest, LocalhostIsNeverAskedFor) {
   EXPECT_EQ(Outcome("localhost"), "127.0.0.1");
   EXPECT_EQ(Outcome("x.LocalHost."), "127.0.0.1");
-  EXPECT_EQ(lookup_->ResolveLocally("localhost"), 0x7F000001U);
+  EXPECT_EQ(lookup_->ResolveLocally("localhost"), kIPv4Loopback);
   EXPECT_EQ(server_.Questions(), 0U);
 }
 
@@ -236,11 +235,11 @@ TEST_F(NameLookupTest, LocalHostNameIsTheMachines) {
 
 class ConfirmedNameTest : public NameLookupTest {
  protected:
-  LookupId AskConfirmed(std::uint32_t address, std::string& outcome) {
+  LookupId AskConfirmed(const IPAddress& address, std::string& outcome) {
     return lookup_->FindConfirmedName(address,
                                       [&](const NameAnswer& answer) { outcome += ShownConfirmed(answer); });
   }
-  std::string Confirmed(std::uint32_t address) {
+  std::string Confirmed(const IPAddress& address) {
     std::string outcome;
     AskConfirmed(address, outcome);
     EXPECT_EQ(outcome, "") << "answered from inside the call";
@@ -251,7 +250,7 @@ class ConfirmedNameTest : public NameLookupTest {
 
 TEST_F(ConfirmedNameTest, IsOneThatLeadsBack) {
   server_.SetAddresses("one.test", {kAddress1});
-  server_.SetAddresses("several.test", {kAddress2, 0x0A000001, kAddress1});
+  server_.SetAddresses("several.test", {kAddress2, IP("10.0.0.1"), kAddress1});
   server_.SetAddresses("other.test", {kAddress2});
   server_.SetAddresses("none.test", {});
   server_.SetFailure("failing.test", dns::Rcode::kServer);
@@ -309,8 +308,8 @@ TEST_F(ConfirmedNameTest, IsNotAskedForUnlessItIsWanted) {
 }
 
 TEST_F(ConfirmedNameTest, TheHostsFileConfirmsToo) {
-  EXPECT_EQ(Confirmed(0xC000024D), "Known.test confirmed");
-  EXPECT_EQ(Confirmed(0xC000024E), "known.test confirmed");
+  EXPECT_EQ(Confirmed(IP("192.0.2.77")), "Known.test confirmed");
+  EXPECT_EQ(Confirmed(IP("192.0.2.78")), "known.test confirmed");
   EXPECT_EQ(server_.Questions(), 0U);
   // A name from DNS that the file gives this address.
   WriteFile(folder_ / "hosts", "192.0.2.2 one.test\n192.0.2.77 one.test\n192.0.2.77 two.test\n");
@@ -663,13 +662,13 @@ TEST_F(NameLookupTest, NoCutAndNoFlippedByteDoesHarm) {
 }
 
 TEST_F(NameLookupTest, TruncatedAnswerIsAskedForOverTcp) {
-  std::vector<std::uint32_t> many;
-  for (std::uint32_t i = 0; i < 100; ++i) many.push_back(kAddress1 + i);
+  std::vector<IPAddress> many;
+  for (std::uint32_t i = 0; i < 100; ++i) many.push_back(IPAddress::IPv4(kAddress1.Number() + i));
   server_.Set("big.test", [&](const DnsQuestion& question) {
     return std::vector{question.over_tcp ? dns::AddressAnswer(question, many)
                                          : dns::Answer(question, {}, dns::Rcode::kNone, /*extra_flags=*/2)};
   });
-  std::vector<std::uint32_t> found;
+  std::vector<IPAddress> found;
   lookup_->FindAddresses("big.test", [&](const AddressAnswer& answer) { found = answer.addresses; });
   EXPECT_TRUE(RunUntil(loop_, [&] { return !found.empty(); }));
   EXPECT_EQ(found, many);
@@ -823,10 +822,11 @@ TEST_F(NameLookupTest, ThousandsThatHangEndInTime) {
   const std::size_t before = OpenDescriptors();
   int answers = 0;
   for (int i = 0; i < kMany; ++i) {
-    lookup_->FindName(0x0A000000 + static_cast<std::uint32_t>(i), [&](const NameAnswer& answer) {
-      EXPECT_EQ(answer.error, 11002);
-      ++answers;
-    });
+    lookup_->FindName(IPAddress::IPv4(0x0A000000 + static_cast<std::uint32_t>(i)),
+                      [&](const NameAnswer& answer) {
+                        EXPECT_EQ(answer.error, 11002);
+                        ++answers;
+                      });
   }
   clock_.Advance(seconds(5));
   EXPECT_TRUE(RunUntil(loop_, [&] { return answers == kMany; }));
@@ -1023,11 +1023,11 @@ TEST(FakeNameLookup, AnswersFromTheLoopOrWhenTold) {
   const auto ask = [&](const char* name) {
     return fake->FindAddresses(name, [&](const AddressAnswer& answer) { log += Shown(answer) + ";"; });
   };
-  const auto ask_name = [&](std::uint32_t address) {
+  const auto ask_name = [&](const IPAddress& address) {
     return fake->FindName(address, [&](const NameAnswer& answer) { log += Shown(answer) + ";"; });
   };
   for (const char* name : {"a.TEST", "b.test", "c.test", "192.0.2.9", "known.test"}) ask(name);
-  for (const std::uint32_t address : {kAddress1, kAddress2, 0U}) ask_name(address);
+  for (const IPAddress& address : {kAddress1, kAddress2, kIPv4Any}) ask_name(address);
   EXPECT_EQ(log, "");
   RunUntilIdle(loop);
   EXPECT_EQ(log, "192.0.2.1 192.0.2.2;11002;11001;192.0.2.9;192.0.2.2;a.test;11004;11001;");

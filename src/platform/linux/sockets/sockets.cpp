@@ -29,16 +29,17 @@ using socket_error::kWouldBlock;
 
 constexpr int kSendAfterShutdown = 10058;
 
-sockaddr_in ToSystem(Endpoint endpoint) {
+// These sockets are of IPv4.
+sockaddr_in ToSystem(const Endpoint& endpoint) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(endpoint.port);
-  address.sin_addr.s_addr = htonl(endpoint.address);
+  address.sin_addr.s_addr = htonl(endpoint.address.Number());
   return address;
 }
 
 Endpoint FromSystem(const sockaddr_in& address) {
-  return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
+  return {IPAddress::IPv4(ntohl(address.sin_addr.s_addr)), ntohs(address.sin_port)};
 }
 
 sockaddr* Generic(sockaddr_in& address) {
@@ -117,14 +118,15 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   return ready_to_watch ? impl_->Register(socket, *entry) : 0;
 }
 
-int Sockets::Bind(SocketHandle socket, Endpoint local) {
+int Sockets::Bind(SocketHandle socket, const Endpoint& local) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
+  if (!local.address.IsIPv4()) return socket_error::kAddressFamily;
   sockaddr_in address = ToSystem(local);
   return Outcome(bind(entry->descriptor, Generic(address), sizeof address));
 }
 
-int Sockets::BindExclusively(SocketHandle socket, Endpoint local) {
+int Sockets::BindExclusively(SocketHandle socket, const Endpoint& local) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   // On this system the option passes over connections of an earlier process that are still in TIME_WAIT, and
@@ -162,9 +164,10 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   return 0;
 }
 
-int Sockets::Connect(SocketHandle socket, Endpoint remote) {
+int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
+  if (!remote.address.IsIPv4()) return socket_error::kAddressFamily;
   if (const int error = SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
   sockaddr_in address = ToSystem(remote);
   const int result = connect(entry->descriptor, Generic(address), sizeof address);
@@ -216,9 +219,10 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
   return 0;
 }
 
-int Sockets::SendTo(SocketHandle socket, std::span<const char> data, Endpoint to) {
+int Sockets::SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
+  if (!to.address.IsIPv4()) return socket_error::kAddressFamily;
   sockaddr_in address = ToSystem(to);
   const ssize_t count = Uninterrupted([&] {
     return sendto(entry->descriptor, data.data(), data.size(), MSG_NOSIGNAL, Generic(address),
@@ -310,7 +314,7 @@ int Sockets::AllowBroadcast(SocketHandle socket) {
   return entry == nullptr ? kNotSocket : SetOption(entry->descriptor, SOL_SOCKET, SO_BROADCAST);
 }
 
-int Sockets::LocalAddresses(std::vector<std::uint32_t>& addresses) {
+int Sockets::LocalAddresses(std::vector<IPAddress>& addresses) {
   addresses.clear();
   ifaddrs* list = nullptr;
   if (getifaddrs(&list) != 0) return SocketErrorOfErrno(errno);
