@@ -60,10 +60,8 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
         LastActivity = dependencies_.clock.Monotonic();
       }
       break;
-    case SessionSide::Event::kError:
-      // It may come from inside a send, and so from inside the pump.
-      return PumpLater(&side == &Receiver ? "cProxy.Receiver_Error" : "cProxy.Sender_Error");
     case SessionSide::Event::kSendComplete:
+    case SessionSide::Event::kError:
     case SessionSide::Event::kCloseSck:
       break;
   }
@@ -82,11 +80,7 @@ void cProxy::Pump() {
   for (int lines = 0; stage_ != Stage::kClosed;) {
     if (const auto end = Sender.TakeEnd()) {
       EndServer(*end);
-    } else if (const auto client_end = Receiver.TakeEnd()) {
-      if (client_end->error != 0) {
-        Receiver.Log(log_level::kErrors,
-                     "Error " + std::to_string(client_end->error) + ". " + client_end->description);
-      }
+    } else if (Receiver.HasEnded()) {
       Close();
     } else if (Sender.Readable() && !Receiver.Sending()) {
       // What comes during a send waits in the socket, so that a client that does not read holds up its
@@ -97,7 +91,7 @@ void cProxy::Pump() {
     } else if (Receiver.Readable() && MayTakeClientBytes()) {
       if (dialogue_.Expected() == ClientBytes::kLine && ++lines > kMaxLinesAtOnce) {
         // Other sessions have their turn.
-        PumpLater("cProxy.Receiver_DataArrival");
+        PumpLater();
         break;
       }
       TakeClientBytes();
@@ -108,10 +102,10 @@ void cProxy::Pump() {
   if (stage_ != Stage::kClosed) WatchSends();
 }
 
-void cProxy::PumpLater(const char* source) {
-  dependencies_.loop.Post([&dependencies = dependencies_, key = key_, source] {
-    if (cProxy* session = dependencies.sessions.Find(key))
-      session->RunHandler(source, [&] { session->Pump(); });
+void cProxy::PumpLater() {
+  dependencies_.loop.Post([&dependencies = dependencies_, key = key_] {
+    cProxy* session = dependencies.sessions.Find(key);
+    if (session) session->RunHandler("cProxy.Receiver_DataArrival", [&] { session->Pump(); });
   });
 }
 
@@ -141,16 +135,14 @@ void cProxy::TakeServerBytes() {
 }
 
 // When the client has still to take something, the server is not kept for that.
-void cProxy::EndServer(const SessionSide::End& end) {
-  if (end.error != 0) {
-    Sender.Log(log_level::kErrors, "Error " + std::to_string(end.error) + ". " + end.description);
-  }
-  dialogue_.OnServerEnd(end.error == 0 ? Dialogue::ServerEnd::kClosed : Dialogue::ServerEnd::kFailed, *this);
-  if (Receiver.Sending()) Sender.Close();
+void cProxy::EndServer(SessionSide::End end) {
+  const bool closed = end == SessionSide::End::kClosed;
+  dialogue_.OnServerEnd(closed ? Dialogue::ServerEnd::kClosed : Dialogue::ServerEnd::kFailed, *this);
+  if (Receiver.Sending()) CloseServer();
 }
 
 bool cProxy::IsOver() const {
-  return Receiver.HasEnded() || (dialogue_.phase() == Phase::kEnding && !Receiver.Sending());
+  return Receiver.HasEnded() || (dialogue_.phase() == Phase::kEnding && Receiver.SentAtOnce());
 }
 
 // --- what the dialogue wants
@@ -177,6 +169,10 @@ void cProxy::AskForAddresses(std::string_view host_name) {
       Pump();
     });
   });
+}
+
+void cProxy::CloseServer() {
+  if (!IsOver()) Sender.Close();
 }
 
 void cProxy::EndAfterPause() {

@@ -97,19 +97,20 @@ class cProxy final : public DeferredDeletable,
   // that completes inside its call is only noted.
   void Pump();
   // Runs Pump in the loop's next iteration, unless the session has ended by then.
-  void PumpLater(const char* source);
+  void PumpLater();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
   void TakeServerBytes();
-  void EndServer(const SessionSide::End& end);
-  // Whether nothing more is said to the client: it is gone, or it was told the last.
+  void EndServer(SessionSide::End end);
+  // Whether nothing more is said to the client: it is gone, or it was told the last. One that kept us waiting
+  // for that still hears what the server said meanwhile.
   bool IsOver() const;
 
   // What the dialogue wants.
   void ToServer(std::string_view bytes, bool more_follows) override;
   void ToClient(std::string_view reply) override;
   void AskForAddresses(std::string_view host_name) override;
-  void CloseServer() override { Sender.Close(); }
+  void CloseServer() override;
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;
   void LogFailure(const Error& error) override { dependencies_.log.LogError(error); }

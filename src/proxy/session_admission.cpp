@@ -95,7 +95,7 @@ void cProxy::ConnectServer() {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {
     // Whichever way the connection fails, the client is told.
-    Sender.NoteEnd({error.Number(), error.Description()});
+    Sender.NoteFailure(error.Number(), error.Description());
   }
 }
 

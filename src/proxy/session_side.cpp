@@ -1,6 +1,7 @@
 #include "proxy/session_side.h"
 
 #include <array>
+#include <memory>
 #include <utility>
 
 #include "proxy/session_log.h"
@@ -26,17 +27,17 @@ SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& ow
     readable_ = true;
     Notify(Event::kDataArrival);
   };
-  // One that completes inside Send is only noted.
   socket_.Events.SendComplete = [this] {
-    send_complete_ = true;
-    if (std::exchange(sending_, false)) Notify(Event::kSendComplete);
+    sending_ = false;
+    sent_at_once_ = in_send_;
+    if (!in_send_) Notify(Event::kSendComplete);
   };
   socket_.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
-    NoteEnd({number, description});
-    Notify(Event::kError);
+    NoteFailure(number, description);
+    if (!in_send_) Notify(Event::kError);
   };
   socket_.Events.CloseSck = [this] {
-    NoteEnd({});
+    end_ = End::kClosed;
     Notify(Event::kCloseSck);
   };
 }
@@ -65,17 +66,17 @@ std::string SessionSide::TakeAll() {
 
 void SessionSide::Send(std::string_view bytes, bool more_follows) {
   if (!IsConnected()) return;
-  send_complete_ = false;
+  sending_ = true;
+  sent_at_once_ = false;
+  in_send_ = true;
+  const auto leave = [](bool* in_send) { *in_send = false; };
+  const std::unique_ptr<bool, decltype(leave)> until_it_returns(&in_send_, leave);
   socket_.SendData(bytes, more_follows);
-  if (!send_complete_) sending_ = true;
 }
 
-void SessionSide::NoteEnd(End end) {
-  if (!end_) end_ = std::move(end);
-}
-
-std::optional<SessionSide::End> SessionSide::TakeEnd() {
-  return std::exchange(end_, std::nullopt);
+void SessionSide::NoteFailure(int error, std::string_view description) {
+  end_ = End::kFailed;
+  Log(log_level::kErrors, "Error " + std::to_string(error) + ". " + std::string(description));
 }
 
 void SessionSide::Close() {

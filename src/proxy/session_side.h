@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
@@ -23,15 +24,15 @@ class SessionSide {
   class Owner {
    public:
     virtual ~Owner() = default;
-    // The fact is noted already. Errors that leave the call are logged. An error may be notified from inside
-    // Send; the other events come from the loop only.
+    // The fact is noted already. Errors that leave the call are logged. Never called from inside Send: what
+    // happens there is only noted, and its caller looks at it.
     virtual void OnSideEvent(SessionSide& side, Event event) = 0;
   };
 
   // How the peer's connection ended.
-  struct End {
-    int error = 0;  // 0: the peer closed it
-    std::string description;
+  enum class End {
+    kClosed,  // by the peer
+    kFailed,
   };
 
   // `dependencies` and `owner` outlive the object.
@@ -54,12 +55,15 @@ class SessionSide {
   bool Sending() const { return sending_; }
   // Nothing is sent when the connection does not stand.
   void Send(std::string_view bytes, bool more_follows = false);
+  // Whether the latest Send was complete when it returned.
+  bool SentAtOnce() const { return sent_at_once_; }
   bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
 
   // The end, once: nothing when it has not come, or was taken already.
-  std::optional<End> TakeEnd();
+  std::optional<End> TakeEnd() { return std::exchange(end_, std::nullopt); }
   bool HasEnded() const { return end_.has_value(); }
-  void NoteEnd(End end);
+  // Notes that the connection failed, and logs why.
+  void NoteFailure(int error, std::string_view description);
 
   // Whether a send is stuck (see SendStall). To be asked now and then while Sending().
   bool IsStuck(MonotonicTime now) { return stall_.Look(socket_, now); }
@@ -83,7 +87,8 @@ class SessionSide {
   bool connected_ = false;  // the connection has stood
   bool readable_ = false;
   bool sending_ = false;
-  bool send_complete_ = false;  // the latest send was complete before it returned
+  bool in_send_ = false;
+  bool sent_at_once_ = false;
 };
 
 }  // namespace trabex

@@ -1,6 +1,10 @@
 // How sessions end: what was said still arrives, and nothing is left behind.
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <string>
+#include <vector>
+
 #include "session/dialogues.h"
 #include "session/transcript.h"
 
@@ -167,6 +171,41 @@ TEST(Closing, TheServerResets) {
     S resets
     <- *
     )");
+}
+
+// Both are gone before the session hears of the first one: it ends with that one, and the other is no news.
+TEST(Closing, BothResetAtOnce) {
+  const struct {
+    const char* what;
+    bool client_first;
+    std::vector<std::string> logged;
+  } kRows[] = {
+      {"the client first",
+       true,
+       {"R: Error 10054. Connection reset by peer.", "R: Disconnected. Bytes received/sent: 18/77",
+        "S: Disconnected. Bytes received/sent: 77/18"}},
+      {"the server first",
+       false,
+       {"S: Error 10054. Connection reset by peer.", "R: > 421 proxy.test is temporarily unavailable.",
+        "R: Error 10054. Connection reset by peer.", "R: Disconnected. Bytes received/sent: 18/77",
+        "S: Disconnected. Bytes received/sent: 77/18"}},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.what);
+    SessionWorld world;
+    ASSERT_EQ(world.Play(Greeted()), "");
+    const std::size_t before = world.LogLines().size();
+    if (!row.client_first) world.ServerPeer().Reset();
+    world.ClientPeer().Reset();
+    world.ServerPeer().Reset();
+    world.Settle();
+    std::vector<std::string> logged;
+    for (std::size_t i = before; i < world.LogLines().size(); ++i) {
+      const std::string& line = world.LogLines()[i];
+      logged.push_back(line.substr(0, 3) + line.substr(line.find("] ") + 2));
+    }
+    EXPECT_EQ(logged, row.logged);
+  }
 }
 
 TEST(Closing, TheServerRefuses) {

@@ -281,6 +281,39 @@ TEST(Stuck, AServerThatIsThereWaitsForTheClient) {
   for (const std::string& line : stuck.world.LogLines()) EXPECT_EQ(line.find("later"), std::string::npos);
 }
 
+// The session ends when the client has taken the refusal; what the server said by then goes behind it.
+TEST(Stuck, WhatTheServerSaysDuringTheLastReplyIsNotLost) {
+  const struct {
+    const char* key;
+    std::string before;
+    std::string client;
+    std::string server;
+  } kRows[] = {
+      {"452", InContent(), "", "452 no room\r\n"},
+      {"LineTooLong", Greeted(), "NOOP " + std::string(5000, 'x'), ""},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.key);
+    StuckSession stuck;
+    cReplaces replaces;
+    replaces.SetName(row.key);
+    const std::string refusal = "452 " + std::string(std::size_t{16} << 20, 'x');
+    replaces.Add("", refusal, true);
+    stuck.world.Settings.ResponseChanges.Add(replaces);
+    ASSERT_EQ(stuck.world.Play(row.before), "");
+    stuck.client = std::move(stuck.world.ClientPeer());
+    stuck.client.HoldLittle();
+    stuck.client.Send(row.client);
+    stuck.world.ServerPeer().Send(row.server);
+    stuck.world.Settle();
+    stuck.world.ServerPeer().Send("421 leaving\r\n");
+    stuck.world.Settle();
+    ASSERT_FALSE(stuck.Ended());
+    EXPECT_TRUE(stuck.ReadToEnd() == refusal + "\r\n421 leaving\r\n");
+    EXPECT_TRUE(stuck.Ended());
+  }
+}
+
 // There is no server for what the client goes on sending.
 TEST(Stuck, ContentIsNotTakenWhenTheServerHasGone) {
   StuckSession stuck;
