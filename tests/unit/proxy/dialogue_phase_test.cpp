@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "support/source_documents.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
@@ -240,6 +242,74 @@ TEST(Transactions, RsetGreetsNobody) {
   EXPECT_EQ(d.Says("RSET"), "-> RSET");
   d.Reply("250 ok\r\n");
   EXPECT_EQ(d.state.transaction, Transaction::kNoGreeting);
+}
+
+// --- the tables of the document
+
+constexpr const char* kPhaseNames[] = {
+    "ServerGreeting", "Command",        "Asking",       "Reply",   "AuthData", "DotContent", "Chunk",
+    "Octets",         "AnsweredOctets", "ContentReply", "Discard", "Farewell", "Ending"};
+constexpr const char* kEventNames[] = {
+    "NoServer",       "Answered",      "BdatAnswered", "Forwarded",    "BdatForwarded",   "Asked", "Reply",
+    "AuthDataWanted", "ContentWanted", "OctetsWanted", "QuitAccepted", "ContentComplete", "End"};
+constexpr const char* kTransactionNames[] = {"Refused", "NoGreeting", "Greeted", "Open", "Chunks"};
+
+// The rows of the table in docs/design.md whose head is `head`.
+std::vector<std::vector<std::string>> DocumentedRows(std::string_view head) {
+  std::vector<std::vector<std::string>> rows;
+  const std::string text = SourceFile("docs/design.md");
+  bool inside = false;
+  for (std::string_view line : Split(text, '\n')) {
+    if (!line.starts_with("|")) inside = false;
+    if (inside && !line.starts_with("|---")) rows.push_back(Cells(line));
+    if (line == head) inside = true;
+  }
+  return rows;
+}
+
+// Up to what explains it.
+std::string NameIn(std::string_view cell) {
+  return std::string(cell.substr(0, cell.find_first_of(":,")));
+}
+
+TEST(DesignDocument, ShowsThePhases) {
+  const auto rows = DocumentedRows("| phase | the client's bytes are |");
+  ASSERT_EQ(rows.size(), std::size(kPhaseNames));
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const ClientBytes bytes = ExpectedBytes(static_cast<Phase>(i));
+    EXPECT_EQ(rows[i].at(0), kPhaseNames[i]);
+    const std::string& text = rows[i].at(1);
+    const bool waits = text.starts_with("left") || text.starts_with("never read");
+    EXPECT_EQ(waits, bytes == ClientBytes::kWait) << kPhaseNames[i];
+    EXPECT_EQ(text.find("line of") != text.npos || text == "a command line", bytes == ClientBytes::kLine)
+        << kPhaseNames[i];
+    EXPECT_EQ(text.find("content") != text.npos && !waits, bytes == ClientBytes::kContent) << kPhaseNames[i];
+    EXPECT_EQ(text.find("thrown away") != text.npos, bytes == ClientBytes::kDiscarded) << kPhaseNames[i];
+  }
+}
+
+TEST(DesignDocument, ShowsHowPhasesChange) {
+  const auto rows = DocumentedRows("| phase | event | leads to |");
+  const auto table = PhaseTransitions();
+  ASSERT_EQ(rows.size(), table.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    EXPECT_EQ(rows[i].at(0), table[i].from ? kPhaseNames[static_cast<int>(*table[i].from)] : "any");
+    EXPECT_EQ(NameIn(rows[i].at(1)), kEventNames[static_cast<int>(table[i].event)]);
+    EXPECT_EQ(rows[i].at(2), kPhaseNames[static_cast<int>(table[i].to)]);
+  }
+}
+
+TEST(DesignDocument, ShowsHowTransactionsChange) {
+  const auto rows = DocumentedRows("| command | reply | leads to |");
+  const auto table = TransactionTransitions();
+  ASSERT_EQ(rows.size(), table.size());
+  for (std::size_t i = 0; i < rows.size(); ++i) {
+    const std::string verb = rows[i].at(0).substr(0, 4);
+    EXPECT_EQ(FindCommand(verb).command, table[i].command) << verb;
+    EXPECT_EQ(rows[i].at(0) == "BDAT LAST", table[i].last_chunk);
+    EXPECT_EQ(rows[i].at(1), table[i].code.empty() ? "any" : table[i].code);
+    EXPECT_EQ(NameIn(rows[i].at(2)), kTransactionNames[static_cast<int>(table[i].to)]);
+  }
 }
 
 }  // namespace
