@@ -93,9 +93,9 @@ class ClientSession final : private DialogueActions {
   void AskForAddresses(std::string_view host_name) override { Require(!host_name.empty()); }
   void CloseServer() override {}
   void EndAfterPause() override {}
-  void Log(Side side, std::int32_t, std::string_view text) override {
+  void Log(Side side, std::int32_t level, std::string_view text) override {
     Require(!HasControlByte(FormatSessionLine("R: ", 1, kClientAddress, text)));
-    if (authentication_data_ && text.starts_with("< ") && side == Side::kClient) {
+    if (authentication_data_ && level == log_level::kReceived && side == Side::kClient) {
       Require(text.find("***") != std::string_view::npos);
     }
   }

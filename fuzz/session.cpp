@@ -310,10 +310,10 @@ class Peers final : private DialogueActions {
   void EndAfterPause() override { pausing_ = true; }
   void Log(Side side, std::int32_t level, std::string_view text) override {
     Require(!HasControlByte(FormatSessionLine("R: ", 1, kClientAddress, text)));
-    if (side == Side::kServer && level == log_level::kReceived) return HearReply(text.substr(2));
+    if (side == Side::kServer && level == log_level::kReceived) return HearReply(text);
     if (side == Side::kClient && level == log_level::kReceived) {
       was_auth_data_ = dialogue_.phase() == Phase::kAuthData;
-      if (was_auth_data_) Require(text == "< ***\r\n" || text == "< ***...");
+      if (was_auth_data_) Require(text == "***\r\n" || text == "***...");
     }
   }
   void LogFailure(const Error&) override {}

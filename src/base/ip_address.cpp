@@ -247,15 +247,17 @@ std::string FormatAddressLiteral(const IPAddress& address) {
 }
 
 std::string FormatIPv4Parts(const IPAddress& address, int count) {
-  std::string text;
-  if (!address.IsIPv4()) return text;
+  if (!address.IsIPv4()) return {};
+  // Each line of a session's log names one, so it is written without appending.
+  char text[sizeof "255.255.255.255"];
+  char* end = text;
   for (const std::uint8_t part : address.Bytes().first(static_cast<std::size_t>(count))) {
-    if (!text.empty()) text += '.';
-    if (part >= 100) text += static_cast<char>('0' + part / 100);
-    if (part >= 10) text += static_cast<char>('0' + part / 10 % 10);
-    text += static_cast<char>('0' + part % 10);
+    if (end != text) *end++ = '.';
+    if (part >= 100) *end++ = static_cast<char>('0' + part / 100);
+    if (part >= 10) *end++ = static_cast<char>('0' + part / 10 % 10);
+    *end++ = static_cast<char>('0' + part % 10);
   }
-  return text;
+  return {text, end};
 }
 
 }  // namespace trabex

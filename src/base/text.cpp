@@ -119,11 +119,6 @@ std::string AlignRight(std::string_view text, std::size_t width) {
   return result;
 }
 
-void AppendAlignedRight(std::string& line, std::string_view text, std::size_t width) {
-  if (text.size() < width) line.append(width - text.size(), ' ');
-  line.append(text);
-}
-
 std::string ZeroPadded(long long number, std::size_t width) {
   const std::string digits = std::to_string(number);
   return digits.size() < width ? std::string(width - digits.size(), '0') + digits : digits;

@@ -54,7 +54,10 @@ std::string Quoted(std::string_view text);
 // `text` right-aligned in `width` bytes; a longer text is not cut.
 std::string AlignRight(std::string_view text, std::size_t width);
 // The same at the end of `line`.
-void AppendAlignedRight(std::string& line, std::string_view text, std::size_t width);
+inline void AppendAlignedRight(std::string& line, std::string_view text, std::size_t width) {
+  if (text.size() < width) line.append(width - text.size(), ' ');
+  line.append(text);
+}
 // `number` (0 or more) with at least `width` digits.
 std::string ZeroPadded(long long number, std::size_t width);
 

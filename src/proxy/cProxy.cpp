@@ -78,8 +78,8 @@ void cProxy::ServerConnected() {
 
 void cProxy::Pump() {
   for (int lines = 0; stage_ != Stage::kClosed;) {
-    if (const auto end = Sender.TakeEnd()) {
-      EndServer(*end);
+    if (Sender.HasEnded()) {
+      EndServer(Sender.TakeEnd());
     } else if (Receiver.HasEnded()) {
       Close();
     } else if (Sender.Readable() && !Receiver.Sending()) {
@@ -156,7 +156,7 @@ void cProxy::ToClient(std::string_view reply) {
   if (Receiver.Logs(log_level::kSent)) {
     const std::string_view shown =
         reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
-    Receiver.Log(log_level::kSent, std::string("> ").append(shown));
+    Receiver.Log(log_level::kSent, shown);
   }
   Receiver.Send(reply);
 }

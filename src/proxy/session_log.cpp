@@ -1,7 +1,11 @@
 #include "proxy/session_log.h"
 
+#include <algorithm>
+#include <cstddef>
+
 #include "base/text.h"
 #include "base/visible_text.h"
+#include "config/configuration.h"
 
 namespace trabex {
 
@@ -18,11 +22,10 @@ bool IsPlain(char c) {
 
 void AppendVisible(std::string& line, std::string_view text) {
   std::size_t from = 0;
-  for (std::size_t at = 0; at < text.size();) {
-    if (IsPlain(text[at])) {
-      ++at;
-      continue;
-    }
+  for (std::size_t at = 0;;) {
+    at = static_cast<std::size_t>(
+        std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), IsPlain) - text.begin());
+    if (at == text.size()) break;
     const std::string_view rest = text.substr(at);
     const TextPiece piece = FirstPiece(rest);
     std::size_t size = piece.size;
@@ -45,19 +48,19 @@ void AppendVisible(std::string& line, std::string_view text) {
 
 }  // namespace
 
+std::string_view LogMark(std::int32_t level) {
+  return level == log_level::kReceived ? "< " : level == log_level::kSent ? "> " : "";
+}
+
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
-                              std::string_view text) {
+                              std::string_view text, std::string_view mark) {
   std::string line;
   line.reserve(side_tag.size() + text.size() + 32);
   line.append(side_tag).append("{");
   AppendAlignedRight(line, std::to_string(handle), kHandleWidth);
   line.append("} [");
-  if (address.IsNone()) {
-    line.append("   Undefined   ");
-  } else {
-    AppendAlignedRight(line, FormatIPAddress(address), kAddressWidth);
-  }
-  line.append("] ");
+  AppendAlignedRight(line, address.IsNone() ? "   Undefined   " : FormatIPAddress(address), kAddressWidth);
+  line.append("] ").append(mark);
   AppendVisible(line, text);
   return line;
 }

@@ -9,11 +9,15 @@
 
 namespace trabex {
 
-// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), text. In `text`
+// What stands before a text that is logged at `level` (one of log_level): "< " when it was received, "> " when it
+// was sent.
+std::string_view LogMark(std::int32_t level);
+
+// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), `mark`, text. In `text`
 // every CR LF becomes "¶", so that a multi-line block stays on one line, and each byte of every other
 // character that is not visible (base/visible_text.h) "\xHH", so that no peer forges a line or reaches the
 // terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
-                              std::string_view text);
+                              std::string_view text, std::string_view mark = {});
 
 }  // namespace trabex

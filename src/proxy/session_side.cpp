@@ -99,7 +99,7 @@ bool SessionSide::Logs(std::int32_t level) const {
 void SessionSide::Log(std::int32_t level, std::string_view text) const {
   if (!Logs(level)) return;
   dependencies_.log.LogLine(FormatSessionLine(peer_ == Peer::kClient ? "R: " : "S: ", socket_.SocketHandle(),
-                                              socket_.RemoteAddress(), text));
+                                              socket_.RemoteAddress(), text, LogMark(level)));
 }
 
 }  // namespace trabex

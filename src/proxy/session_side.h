@@ -59,9 +59,10 @@ class SessionSide {
   bool SentAtOnce() const { return sent_at_once_; }
   bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
 
-  // The end, once: nothing when it has not come, or was taken already.
-  std::optional<End> TakeEnd() { return std::exchange(end_, std::nullopt); }
+  // Whether the connection has ended, and the end was not taken yet.
   bool HasEnded() const { return end_.has_value(); }
+  // Only where HasEnded().
+  End TakeEnd() { return *std::exchange(end_, std::nullopt); }
   // Notes that the connection failed, and logs why.
   void NoteFailure(int error, std::string_view description);
 
@@ -72,7 +73,7 @@ class SessionSide {
   void Close();
 
   bool Logs(std::int32_t level) const;
-  // A line of this side, if it is logged at `level`.
+  // A line of this side, if it is logged at `level`; what was received gets "< " in front, what was sent "> ".
   void Log(std::int32_t level, std::string_view text) const;
 
  private:

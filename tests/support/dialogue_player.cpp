@@ -257,8 +257,9 @@ void DialoguePlayer::EndAfterPause() {
   ends_at_ = clock_.Monotonic() + kPause;
 }
 
-void DialoguePlayer::Log(Side side, std::int32_t, std::string_view text) {
-  log_.push_back(FormatSessionLine(side == Side::kClient ? "R: " : "S: ", 1, client_.ip, text));
+void DialoguePlayer::Log(Side side, std::int32_t level, std::string_view text) {
+  log_.push_back(
+      FormatSessionLine(side == Side::kClient ? "R: " : "S: ", 1, client_.ip, text, LogMark(level)));
 }
 
 void DialoguePlayer::LogFailure(const Error& error) {

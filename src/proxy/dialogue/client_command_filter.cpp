@@ -218,15 +218,14 @@ LineDecision ClientCommandFilter::ProcessHelo(const Line& line, Draft& draft) co
   if (domain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""}, draft);
   LineDecision decision;
   decision.action = Action::kAskForAddresses;
-  decision.asking_line = line.text;
   decision.text = NameToLookUp(domain);
   return decision;
 }
 
-LineDecision ClientCommandFilter::ProcessAddresses(std::string_view asking_line, const HostAddresses& answer,
+LineDecision ClientCommandFilter::ProcessAddresses(std::string_view text, const HostAddresses& answer,
                                                    const DialogueState& state) const {
   Draft draft(state);
-  const Line line = ParseCommandLine(asking_line);
+  const Line line = ParseCommandLine(text);
   if (!answer.found) return Complete(Answer({ReplyKind::kHeloDNSError, ""}, draft), draft);
   const IPAddress client = facts_.ClientIP();
   const bool confirmed =
@@ -395,9 +394,11 @@ LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t oc
   if (first_chunk && draft.requested.RecipientCount != 0 && configuration_.AddReceived) {
     header = GenerateReceivedHeader(configuration_, clock_, facts_, draft.requested).append(kCrLf);
   }
-  std::string command = WithCount(line, octets + header.size());
-  LineDecision decision = Forward(line, std::move(command), std::move(header));
+  LineDecision decision = Forward(line, WithCount(line, octets + header.size()));
   decision.forwarded->last_chunk = IsLastChunk(line.Rest());
+  // The header is content, which the log does not show.
+  if (!header.empty()) decision.logged = decision.text;
+  decision.text.append(header);
   return decision;
 }
 
@@ -431,10 +432,9 @@ std::string ClientCommandFilter::WithCount(const Line& line, std::uint64_t octet
 
 // --- the ends of a line's way
 
-LineDecision ClientCommandFilter::Forward(const Line& line, std::string text, std::string extra) const {
+LineDecision ClientCommandFilter::Forward(const Line& line, std::string text) const {
   LineDecision decision;
   decision.text = std::move(text.append(kCrLf));
-  decision.extra = std::move(extra);
   decision.forwarded = ForwardedCommand{line.verb, line.command->id};
   if (line.command->id == Command::kAuth) decision.logged = LoggedForm(decision.text, Phase::kCommand);
   return decision;
@@ -478,18 +478,18 @@ LineDecision ClientCommandFilter::Break() {
   return decision;
 }
 
-LineDecision ClientCommandFilter::Ending(LineDecision decision) {
+LineDecision ClientCommandFilter::Ending(LineDecision&& decision) {
   decision.end = true;
-  return decision;
+  return std::move(decision);
 }
 
 // What is looked at after every line.
-LineDecision ClientCommandFilter::Complete(LineDecision decision, Draft& draft) const {
+LineDecision ClientCommandFilter::Complete(LineDecision&& decision, Draft& draft) const {
   const bool goes_on = decision.action == Action::kForward || decision.action == Action::kAnswer;
   decision.too_many_bad_sequences = goes_on && draft.requested.BadSequenceCount > configuration_.MaxBadSeq;
   decision.failure = std::move(draft.failure);
   decision.requested = std::move(draft.requested);
-  return decision;
+  return std::move(decision);
 }
 
 }  // namespace trabex

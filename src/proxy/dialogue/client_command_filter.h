@@ -38,19 +38,15 @@ struct HostAddresses {
 // What the dialogue is to do with a line, and what it is to remember.
 struct LineDecision {
   enum class Action {
-    kForward,          // send `text`, then `extra` (may be empty), to the server
+    kForward,          // send `text` to the server
     kAnswer,           // send `text` and CR LF to the client; the server gets nothing
-    kAskForAddresses,  // look up `text`, and call ProcessAddresses with `asking_line`; no further line
-                       // meanwhile
+    kAskForAddresses,  // look up `text`, and call ProcessAddresses; no further line meanwhile
     kBreak,            // log `text` and close without a reply
   };
   Action action = Action::kForward;
   std::string text;
-  std::string extra;
-  std::string
-      logged;  // kForward: what the log shows in place of `text`, when that is secret; otherwise empty
-  std::string asking_line;
-  RequestedState requested;                    // as it is after the line
+  std::string logged;        // kForward: what the log shows in place of `text`; empty: all of it
+  RequestedState requested;  // as it is after the line
   std::optional<ForwardedCommand> forwarded;   // kForward: the command, unless the line was none
   std::optional<std::uint64_t> octets_follow;  // of a BDAT: so many octets of the client are content
   bool end = false;                            // kAnswer: the session ends after the reply
@@ -70,8 +66,8 @@ class ClientCommandFilter {
 
   // `line` is one line with its CR LF, as the client sent it.
   LineDecision ProcessIncomingData(std::string_view line, const DialogueState& state) const;
-  // Goes on with the line that asked for a name's addresses.
-  LineDecision ProcessAddresses(std::string_view asking_line, const HostAddresses& answer,
+  // Goes on with `line`, which asked for a name's addresses.
+  LineDecision ProcessAddresses(std::string_view line, const HostAddresses& answer,
                                 const DialogueState& state) const;
   // The refusal of a line that is longer than any that is taken, whole or as far as it has come; nothing
   // while it may still end in time.
@@ -139,12 +135,12 @@ class ClientCommandFilter {
   std::string BuildReply(const Refusal& refusal, const RequestedState& requested,
                          const DialogueState& state) const;
   SessionMacros Macros(const RequestedState& requested, const DialogueState& state) const;
-  LineDecision Forward(const Line& line, std::string text, std::string extra = {}) const;
+  LineDecision Forward(const Line& line, std::string text) const;
   LineDecision ForwardAsIs(const Line& line) const;
   LineDecision Answer(const Refusal& refusal, Draft& draft) const;
   static LineDecision Break();
-  static LineDecision Ending(LineDecision decision);
-  LineDecision Complete(LineDecision decision, Draft& draft) const;
+  static LineDecision Ending(LineDecision&& decision);
+  LineDecision Complete(LineDecision&& decision, Draft& draft) const;
 
   const Configuration& configuration_;
   const Clock& clock_;

@@ -39,17 +39,17 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   if (auto refusal = commands_.RefuseLongLine(line, whole, state_)) {
     if (logged) {
       const std::string_view begin = bytes.substr(0, ClientCommandFilter::kMaxLine);
-      actions.Log(Side::kClient, log_level::kReceived,
-                  "< " + commands_.LoggedForm(begin, state_.phase) + "...");
+      actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(begin, state_.phase) + "...");
     }
     Act(std::move(*refusal), actions);
     return 0;
   }
   if (!whole) return 0;
   state_.BytesReceived += std::ssize(line);
-  if (logged)
-    actions.Log(Side::kClient, log_level::kReceived, "< " + commands_.LoggedForm(line, state_.phase));
-  Act(commands_.ProcessIncomingData(line, state_), actions);
+  if (logged) actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(line, state_.phase));
+  LineDecision decision = commands_.ProcessIncomingData(line, state_);
+  if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line = line;
+  Act(std::move(decision), actions);
   return line.size();
 }
 
@@ -87,7 +87,6 @@ void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
       }
       break;
     case LineDecision::Action::kAskForAddresses:
-      state_.asking_line = std::move(decision.asking_line);
       Enter(PhaseEvent::kAsked);
       actions.AskForAddresses(decision.text);
       break;
@@ -107,10 +106,9 @@ void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
     Enter(PhaseEvent::kForwarded);
   }
   if (configuration_.LogLevelServer & log_level::kSent) {
-    actions.Log(Side::kServer, log_level::kSent,
-                "> " + (decision.logged.empty() ? decision.text : decision.logged));
+    actions.Log(Side::kServer, log_level::kSent, decision.logged.empty() ? decision.text : decision.logged);
   }
-  actions.ToServer(decision.text.append(decision.extra), false);
+  actions.ToServer(decision.text, false);
 }
 
 void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions) {
@@ -143,7 +141,7 @@ void Dialogue::RelayReplies(DialogueActions& actions) {
 
 void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   if (configuration_.LogLevelServer & log_level::kReceived) {
-    actions.Log(Side::kServer, log_level::kReceived, std::string("< ").append(reply));
+    actions.Log(Side::kServer, log_level::kReceived, reply);
   }
   ReplyDecision decision = replies_.ProcessOutgoingData(reply, state_);
   if (decision.requested) state_.requested = std::move(*decision.requested);
@@ -170,7 +168,7 @@ bool Dialogue::RelayBeginOfReply(DialogueActions& actions) {
 bool Dialogue::RelayWholeLines(DialogueActions& actions) {
   const std::string lines = assembler_.TakeWholeLines();
   if (lines.empty()) return false;
-  actions.Log(Side::kServer, log_level::kReceived, "< " + lines);
+  actions.Log(Side::kServer, log_level::kReceived, lines);
   actions.ToClient(lines);
   return true;
 }

@@ -41,7 +41,8 @@ class DialogueActions {
   virtual void CloseServer() = 0;
   // Takes nothing more of the client, and ends the session a short time later.
   virtual void EndAfterPause() = 0;
-  // A line for the protocol log of that side, at one of the levels of log_level.
+  // A line for the protocol log of that side, at one of the levels of log_level: what was received or sent, or
+  // what happened.
   virtual void Log(Side side, std::int32_t level, std::string_view text) = 0;
   virtual void LogFailure(const Error& error) = 0;
 };

@@ -305,7 +305,7 @@ TEST(DesignDocument, ShowsHowTransactionsChange) {
   ASSERT_EQ(rows.size(), table.size());
   for (std::size_t i = 0; i < rows.size(); ++i) {
     const std::string verb = rows[i].at(0).substr(0, 4);
-    EXPECT_EQ(FindCommand(verb).command, table[i].command) << verb;
+    EXPECT_EQ(FindCommand(verb).id, table[i].command) << verb;
     EXPECT_EQ(rows[i].at(0) == "BDAT LAST", table[i].last_chunk);
     EXPECT_EQ(rows[i].at(1), table[i].code.empty() ? "any" : table[i].code);
     EXPECT_EQ(NameIn(rows[i].at(2)), kTransactionNames[static_cast<int>(table[i].to)]);

@@ -270,7 +270,8 @@ class RandomSession {
     const LineDecision decision = d_.Line(line + "\r\n");
     if (decision.action == LineDecision::Action::kForward) {
       transcript_ += "-> " + Escape(decision.text) + "\n";
-      if (!data) server_.Gets(decision.text);
+      // Without the header that a chunk may begin with.
+      if (!data) server_.Gets(decision.text.substr(0, decision.text.find(kCrLf) + kCrLf.size()));
     } else {
       over_ = d_.state.phase == Phase::kEnding;
     }
