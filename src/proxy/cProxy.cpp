@@ -9,7 +9,7 @@ namespace trabex {
 
 namespace {
 
-// Looked at for one command line: more than the longest one that is taken.
+// How many bytes a search for a command line's end gets: more than the longest line that is taken.
 constexpr std::int32_t kLineRoom = 16384;
 // Message content taken at a time, so that one busy session does not hold up the others.
 constexpr std::int32_t kContentChunk = 65536;
@@ -34,7 +34,8 @@ cProxy::cProxy(SessionDependencies& dependencies)
       Receiver(SessionSide::Peer::kClient, dependencies, *this),
       Sender(SessionSide::Peer::kServer, dependencies, *this),
       dialogue_(dependencies.configuration, dependencies.clock, *this, dependencies.greylisting) {
-  // If the server closes, what it said before is delivered; a client that is gone has nobody to answer to.
+  // If the server closes, what it sent before is delivered; after a client has closed, its unread input is of
+  // no use.
   Sender.Socket().SetDrainBeforeSendError(true);
 }
 
@@ -90,7 +91,7 @@ void cProxy::Pump() {
       Close();
     } else if (Receiver.Readable() && MayTakeClientBytes()) {
       if (dialogue_.Expected() == ClientBytes::kLine && ++lines > kMaxLinesAtOnce) {
-        // Other sessions have their turn.
+        // Yields to other sessions; this one may be closed before the posted call runs.
         PumpLater();
         break;
       }
@@ -134,7 +135,7 @@ void cProxy::TakeServerBytes() {
   dialogue_.OnServerBytes(Sender.TakeAll(), *this);
 }
 
-// When the client has still to take something, the server is not kept for that.
+// The server is not kept until the client has taken everything.
 void cProxy::EndServer(SessionSide::End end) {
   const bool closed = end == SessionSide::End::kClosed;
   dialogue_.OnServerEnd(closed ? Dialogue::ServerEnd::kClosed : Dialogue::ServerEnd::kFailed, *this);
@@ -190,7 +191,7 @@ void cProxy::Log(Side side, std::int32_t level, std::string_view text) {
 
 // --- time
 
-// Whether the client has completed a line since this was asked last. Looks at it although it may have to
+// Whether the client has completed a line since the last call. Reads the bytes although the line may have to
 // wait: DataArrival is raised again only after a receive.
 bool cProxy::LineHasCome() {
   const std::string_view there = Receiver.Peek(kLineRoom);
@@ -223,7 +224,7 @@ void cProxy::CheckTimeout() {
   RunHandler("cProxy.CheckTimeout", [this] {
     if (EndSilent() || EndStuck()) return;
     if (stall_timer_ && !Receiver.Sending() && !Sender.Sending()) stall_timer_->Disable();
-    // What is unread hides the end behind it.
+    // The end of the connection is noticed only after the unread bytes before it.
     if (Sender.Readable() && Sender.Socket().PeerEnded()) TakeLastWords();
     Pump();
   });
@@ -255,8 +256,8 @@ bool cProxy::EndStuck() {
   return true;
 }
 
-// A server that will say no more, and whose last words wait behind a send, need not be kept until the client
-// takes them. Long ones stay in the socket, so that a session holds no more than it should.
+// A server that has closed need not be kept while its last words wait for a send to the client to complete.
+// Long ones stay in the socket, so that a session holds no more than it should.
 void cProxy::TakeLastWords() {
   if (Sender.Readable() && Sender.Socket().UnreadBytes() <= kMaxLastWords) TakeServerBytes();
 }

@@ -2,16 +2,18 @@
 //
 // The life of a session, and what happens when either side closes:
 //
-// - admission: the client was accepted; count, IP lists, and where it applies its name from DNS are asked.
+// - admission: the client was accepted; the number of sessions, the IP lists, and where the settings ask for
+//   it the client's name from DNS are checked.
 //   The client closes: the session ends.
 //
 // - refused: the client's name was refused; only the proxy talks to it, until QUIT or the time-out.
 //
-// - connecting: the server is being connected, the client's data waits. It fails: 421 to the client, the end.
+// - connecting: the connection to the server is being made, the client's data waits. When it fails, the
+//   client gets 421 and the session ends.
 //
 // - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
-//   other one, then the session ends. When the client has not taken all of it yet, the server's connection
-//   is closed all the same, and the session goes on for the client alone.
+//   other one, then the session ends. While the client has not taken all of it, the session goes on for the
+//   client alone; the server's connection is closed at once.
 //
 // Up to the server's connection a client that completes no line for Timeout seconds is closed. A send to
 // either side that makes no progress (see SendStall) ends the session at any time.
@@ -45,7 +47,7 @@ class cProxy final : public DeferredDeletable,
  public:
   // The pause before a session is closed for commands out of order.
   static constexpr Milliseconds kBadSequencePause{500};
-  // How often a session is looked at whose send waits.
+  // How often a session checks a send that waits.
   static constexpr Milliseconds kStallInterval{500};
 
   explicit cProxy(SessionDependencies& dependencies);
@@ -56,8 +58,9 @@ class cProxy final : public DeferredDeletable,
   // Takes the connection request of the listener: admission, then the connection to the server. The session
   // is in the collection before; it may have left it when this returns.
   void Init(std::int32_t requestID);
-  // Ends the session when its client completed no line for longer than Timeout before the server connection
-  // stood, or when a send is stuck. Lets a server go that has gone. The session's own timers call it.
+  // Ends the session when its client completed no line for longer than Timeout and the server is not yet
+  // connected, or when a send is stuck. Closes the connection of a server that has closed. Timers of the
+  // session call it.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
@@ -102,8 +105,8 @@ class cProxy final : public DeferredDeletable,
   void TakeClientBytes();
   void TakeServerBytes();
   void EndServer(SessionSide::End end);
-  // Whether nothing more is said to the client: it is gone, or it was told the last. One that kept us waiting
-  // for that still hears what the server said meanwhile.
+  // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
+  // waiting for that still hears what the server said meanwhile.
   bool IsOver() const;
 
   // What the dialogue wants.
@@ -137,7 +140,7 @@ class cProxy final : public DeferredDeletable,
 
   std::chrono::seconds TimeoutSpan{0};  // 0: no time-out
   MonotonicTime LastActivity{};
-  std::int64_t looked_to_ = 0;  // how far the client's bytes have been looked at for a line's end
+  std::int64_t looked_to_ = 0;  // how far the client's bytes have been searched for a line's end
   MonotonicTime StartTime{};
   bool Whitelisted = false;
   bool HostNameKnown = false;
@@ -145,7 +148,7 @@ class cProxy final : public DeferredDeletable,
   std::string HostName;
   LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits
   std::unique_ptr<Timer> pause_;        // the session ends when it has passed
-  std::unique_ptr<Timer> timeout_;      // until the server's connection stands
+  std::unique_ptr<Timer> timeout_;      // until the server is connected
   std::unique_ptr<Timer> stall_timer_;  // enabled while a send waits
 };
 

@@ -1,5 +1,5 @@
-// How a session begins: who may come in by the number of sessions, by address and by name, and the way to the
-// server.
+// How a session begins: admission by the number of sessions, by address and by name, and the connection to
+// the server.
 #include "base/error.h"
 #include "match/ip_range.h"
 #include "match/mText.h"
@@ -56,7 +56,7 @@ void cProxy::LookUpClientName() {
         [this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
         dependencies_.configuration.ConfirmHostNames);
   } catch (const Error&) {
-    // The client is gone already; its name is as good as none.
+    // The client has closed already; it counts as a client without a name.
     ClientNameKnown();
   }
 }
@@ -94,7 +94,7 @@ void cProxy::ConnectServer() {
   try {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {
-    // Whichever way the connection fails, the client is told.
+    // However the connection fails, the client gets a reply.
     Sender.NoteFailure(error.Number(), error.Description());
   }
 }

@@ -48,8 +48,8 @@ void SessionSide::Notify(Event event) {
             [&] { owner_.OnSideEvent(*this, event); });
 }
 
-std::string_view SessionSide::Peek(std::int32_t room) {
-  return socket_.PeekView(room);
+std::string_view SessionSide::Peek(std::int32_t limit) {
+  return socket_.PeekView(limit);
 }
 
 void SessionSide::Take(std::size_t used, std::size_t size) {

@@ -41,10 +41,10 @@ class SessionSide {
   CSocketMaster& Socket() { return socket_; }
   const CSocketMaster& Socket() const { return socket_; }
 
-  // Whether unread bytes of the peer are there, as far as it is known.
+  // Whether the peer has unread bytes, as far as the session knows.
   bool Readable() const { return readable_; }
-  // The next unread bytes, `room` at most; valid until this object is used for reading again.
-  std::string_view Peek(std::int32_t room);
+  // The next unread bytes, `limit` at most; valid until this object is used for reading again.
+  std::string_view Peek(std::int32_t limit);
   // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
   // at once when any were used; otherwise it waits for more.
   void Take(std::size_t used, std::size_t size);
@@ -53,7 +53,7 @@ class SessionSide {
 
   // Whether bytes wait to be sent.
   bool Sending() const { return sending_; }
-  // Nothing is sent when the connection does not stand.
+  // Sends nothing unless the peer is connected.
   void Send(std::string_view bytes, bool more_follows = false);
   // Whether the latest Send was complete when it returned.
   bool SentAtOnce() const { return sent_at_once_; }
@@ -66,10 +66,10 @@ class SessionSide {
   // Notes that the connection failed, and logs why.
   void NoteFailure(int error, std::string_view description);
 
-  // Whether a send is stuck (see SendStall). To be asked now and then while Sending().
+  // Whether a send is stuck (see SendStall). The session calls this on a timer while Sending().
   bool IsStuck(MonotonicTime now) { return stall_.Look(socket_, now); }
 
-  // Closes the connection in order, and logs that when it stood. Nothing is notified any more.
+  // Closes the connection in order, and logs that if there was one. No event follows.
   void Close();
 
   bool Logs(std::int32_t level) const;
@@ -85,7 +85,7 @@ class SessionSide {
   CSocketMaster socket_;
   SendStall stall_;
   std::optional<End> end_;
-  bool connected_ = false;  // the connection has stood
+  bool connected_ = false;  // at least once
   bool readable_ = false;
   bool sending_ = false;
   bool in_send_ = false;

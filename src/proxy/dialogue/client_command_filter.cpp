@@ -83,11 +83,11 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
   draft.requested.CurrentVerb = line.verb;
   const bool is_bdat = line.command->id == Command::kBdat;
   const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::nullopt;
-  // Without a count nobody can tell where the content ends.
+  // Without a valid count the chunk's end is unknown: 503, and the session ends.
   if (is_bdat && !octets) return Ending(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}, draft));
 
   LineDecision decision;
-  // Bytes beyond ASCII in a verb are a blank to servers that drop the eighth bit, or know more blanks.
+  // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
   } else if (line.command->blocked) {
@@ -186,7 +186,7 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& li
   return CheckTransactionOrder(line, state);
 }
 
-// One after the other; when several refuse, the last one answers.
+// Several rules may refuse; the last of them gives the answer.
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
     const Line& line, const DialogueState& state) const {
   const CommandRow& command = *line.command;
@@ -372,7 +372,7 @@ ClientCommandFilter::Greylisting ClientCommandFilter::CheckGreylisting(
   const bool callback = mText::MatchList(requested.Sender, settings.CallbackSendersList);
   if (!callback || settings.CallbackSenderAction == callback_sender_action::kRefuse)
     return Greylisting::kRefused;
-  // A callback only asks whether the recipient exists; it is let through and refused when it wants to send.
+  // A callback only asks whether the recipient exists: it passes here, and is refused when it begins to send.
   const bool until_data = settings.CallbackSenderAction == callback_sender_action::kRefuseAtData ||
                           settings.CallbackSenderAction == callback_sender_action::kCloseAtData;
   return until_data ? Greylisting::kPassesUntilData : Greylisting::kPasses;
@@ -430,7 +430,7 @@ std::string ClientCommandFilter::WithCount(const Line& line, std::uint64_t octet
          std::string(parameters.substr(FirstWord(parameters).size()));
 }
 
-// --- the ends of a line's way
+// --- how a line is decided
 
 LineDecision ClientCommandFilter::Forward(const Line& line, std::string text) const {
   LineDecision decision;
@@ -483,7 +483,7 @@ LineDecision ClientCommandFilter::Ending(LineDecision&& decision) {
   return std::move(decision);
 }
 
-// What is looked at after every line.
+// What is checked after every line.
 LineDecision ClientCommandFilter::Complete(LineDecision&& decision, Draft& draft) const {
   const bool goes_on = decision.action == Action::kForward || decision.action == Action::kAnswer;
   decision.too_many_bad_sequences = goes_on && draft.requested.BadSequenceCount > configuration_.MaxBadSeq;

@@ -69,8 +69,8 @@ class ClientCommandFilter {
   // Goes on with `line`, which asked for a name's addresses.
   LineDecision ProcessAddresses(std::string_view line, const HostAddresses& answer,
                                 const DialogueState& state) const;
-  // The refusal of a line that is longer than any that is taken, whole or as far as it has come; nothing
-  // while it may still end in time.
+  // The refusal of a line that exceeds the limit; `line` is all of it (`whole`) or its beginning. Nothing
+  // while it may still end within the limit.
   std::optional<LineDecision> RefuseLongLine(std::string_view line, bool whole,
                                              const DialogueState& state) const;
   // The content breaks off at a dot that servers read differently.
@@ -81,8 +81,8 @@ class ClientCommandFilter {
   std::string LoggedForm(std::string_view line, Phase phase) const;
 
  private:
-  // A line in its parts: verb in upper case, and the rest behind it, which begins with its blank, without CR
-  // LF.
+  // A line in its parts, without CR LF: the verb in upper case, and the rest after it, which begins with its
+  // blank.
   struct Line {
     std::string text;  // verb as written, one blank, rest
     std::string verb;

@@ -1,4 +1,4 @@
-// What stands behind the verb of a command, apart from addresses.
+// What follows the verb of a command, apart from addresses.
 #pragma once
 
 #include <cstdint>

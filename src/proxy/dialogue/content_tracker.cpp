@@ -54,7 +54,7 @@ ContentTracker::Step ContentTracker::ScanDot(std::string_view bytes) {
         break;
       default: {
         before_ = Before::kOther;
-        // Only a dot behind a line end matters: go to the next dot, and look at the two bytes before it.
+        // Only a dot after a line end matters: go to the next dot, and look at the two bytes before it.
         const void* dot = std::memchr(bytes.data() + at, '.', bytes.size() - at);
         const std::size_t next =
             dot ? static_cast<std::size_t>(static_cast<const char*>(dot) - bytes.data()) : bytes.size();

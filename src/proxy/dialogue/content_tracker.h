@@ -13,13 +13,13 @@ class ContentTracker {
  public:
   // What became of the bytes given to Scan.
   enum class Outcome {
-    kGoesOn,     // content goes on behind them
+    kGoesOn,     // content goes on after them
     kEnded,      // their last byte is the last one of the content
-    kAmbiguous,  // a dot follows that only some servers take for the end; none of the bytes may follow it
+    kAmbiguous,  // the next byte would end the message for some servers only; forward nothing more
   };
   struct Step {
-    std::size_t bytes =
-        0;  // how many from the front are content; the others must be given again, with what follows
+    // How many from the front are content; the others must be given again, with what follows.
+    std::size_t bytes = 0;
     Outcome outcome = Outcome::kGoesOn;
   };
 
@@ -33,13 +33,13 @@ class ContentTracker {
   void BeginOctets(std::uint64_t count);
 
   // Looks at the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
-  // it stays where it is. A CR behind a dot that may be the last one is held back (bytes is smaller than what
-  // was given) until its next byte is there.
+  // it stays where it is. After a dot that may be the last one a trailing CR is withheld (Step::bytes is
+  // short) until the next byte is known.
   Step Scan(std::string_view bytes);
 
  private:
   enum class Mode { kNone, kDot, kOctets };
-  // What the byte before the one looked at means for a dot.
+  // What the byte before the current one means for a dot.
   enum class Before {
     kLineStart,  // the start of the content, or CR LF
     kOther,

@@ -1,5 +1,5 @@
-// Control characters in what a peer sends. They stand for more than text to those who read it: to a terminal
-// that shows the log, to a server that takes one for a line end or a blank.
+// Control characters in what a peer sends. They mean more than text to some readers: to a terminal that
+// shows the log, to a server that takes one for a line end or a blank.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +12,7 @@ namespace trabex {
 // terminal's command as ESC and "[" do).
 std::size_t ControlSize(std::string_view text);
 
-// Whether `text` holds any; a tab is none here.
+// Whether `text` holds any; a tab does not count.
 bool HoldsControl(std::string_view text);
 
 }  // namespace trabex

@@ -153,18 +153,18 @@ void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   } else {
     Enter(decision.event);
   }
-  // The content is what the client says next. A server that takes no header has gone, and the client hears
-  // that behind the reply.
+  // The client's next bytes are the content. When the header cannot be sent, the server is gone, and the
+  // client learns that after this reply.
   if (!decision.header.empty()) actions.ToServer(decision.header, true);
 }
 
-// A reply that is longer than any that is rewritten passes as it comes; its last line says what it means.
+// A reply over kMaxReplyBytes is relayed in parts, unchanged; its last line decides what it means.
 bool Dialogue::RelayBeginOfReply(DialogueActions& actions) {
   if (state_.phase == Phase::kReply && state_.forwarded.command == Command::kEhlo) return false;
   return RelayWholeLines(actions);
 }
 
-// Of a reply whose end has not come; false when there are none.
+// Relays the whole lines of a reply whose end has not come; false when there are none.
 bool Dialogue::RelayWholeLines(DialogueActions& actions) {
   const std::string lines = assembler_.TakeWholeLines();
   if (lines.empty()) return false;

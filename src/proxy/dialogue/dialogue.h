@@ -1,10 +1,8 @@
 // The protocol of one session, without a socket, a loop or a timer: bytes of the client, bytes of the server,
-// answers and ends go in, and what is to be done comes out. The program, a test and a fuzzer use the same
-// object.
+// answers and ends go in, and actions come out. The program, a test and a fuzzer use the same object.
 //
 // Commands go one at a time: the next one is taken when the complete reply to it has gone to the client, so
-// no reply is ever taken for that of another command. Where the dialogue stands, its phase says
-// (dialogue_phase.h).
+// no reply is ever taken for that of another command. The phase (dialogue_phase.h) says who may speak next.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +23,8 @@
 
 namespace trabex {
 
-// What a dialogue wants to be done, in this order, each at once. Texts are valid during the call only.
+// What a dialogue asks its owner to do: each at once, in the order of the calls. Texts are valid during the
+// call only.
 class DialogueActions {
  public:
   enum class Side { kClient, kServer };
@@ -69,11 +68,11 @@ class Dialogue {
   void OnServerBytes(std::string_view bytes, DialogueActions& actions);
   // The answer to AskForAddresses.
   void OnAddresses(const HostAddresses& answer, DialogueActions& actions);
-  // The server says no more. Its last words reach the client, even if they broke off inside a line; one whose
-  // server failed is told so behind them.
+  // The server's connection has ended. Its last words reach the client, even if they broke off inside a line;
+  // when it failed, a reply of the proxy that says so follows them.
   void OnServerEnd(ServerEnd how, DialogueActions& actions);
-  // The client hears `kind`, from the proxy itself; what becomes of the session, the table of replies says.
-  // For what is no command's refusal: the client is not admitted, or the service stops.
+  // Sends the client the proxy's own reply `kind`; the table of replies says what becomes of the session. For
+  // replies that refuse no command: the client is not admitted, or the service stops.
   void Say(ReplyKind kind, DialogueActions& actions);
 
  private:
@@ -89,7 +88,7 @@ class Dialogue {
   void EndWithoutServer(DialogueActions& actions);
 
   void Enter(PhaseEvent event);
-  // Where `octets` follow; none of them is the same as all of them taken.
+  // For an event after which `octets` follow; with 0 of them the content is complete at once.
   void EnterOctets(PhaseEvent event, std::uint64_t octets);
 
   const Configuration& configuration_;

@@ -1,4 +1,4 @@
-// Where a session's dialogue stands: who may speak next and what the client's next bytes are (Phase), and
+// The state of a session's dialogue: who may speak next and what the client's next bytes are (Phase), and
 // what the server has accepted (Transaction). Both change by the rows of two tables and in no other way;
 // docs/design.md shows them, and each row has its test.
 #pragma once
@@ -23,14 +23,14 @@ enum class Phase {
   kAnsweredOctets,  // the rest of such octets, to which the server has replied already
   kContentReply,    // the server owes the reply to the content after DATA or XEXCH50
   kDiscard,         // the octets of a BDAT that was refused
-  kFarewell,        // the server has said 221 to QUIT: whatever the client still sends is for nobody
+  kFarewell,        // the server has said 221 to QUIT: what the client still sends is dropped
   kEnding,          // nothing more is taken; the session ends when what was said has been sent
 };
 
 // What becomes of the client's next bytes.
 enum class ClientBytes {
   kWait,       // left where they are
-  kLine,       // one line, which is looked at
+  kLine,       // one line, for the filter
   kContent,    // content for the server
   kDiscarded,  // read and thrown away
 };
@@ -58,7 +58,7 @@ struct PhaseTransition {
   Phase to;
 };
 std::span<const PhaseTransition> PhaseTransitions();
-// Where `event` leads. Without a row it leads nowhere: a reply that nobody waits for is relayed, and changes
+// The phase after `event`. Without a row the phase stays: an unsolicited reply (421) is relayed and changes
 // nothing.
 Phase NextPhase(Phase from, PhaseEvent event);
 
@@ -78,10 +78,10 @@ struct TransactionTransition {
   bool last_chunk;        // of a BDAT: whether it was the last one
   std::string_view code;  // of the reply, which has this code in each line that counts; "": any reply
   Transaction to;
-  bool greets;  // also where nobody was greeted yet
+  bool greets;  // also from kNoGreeting
 };
 std::span<const TransactionTransition> TransactionTransitions();
-// Where a reply with this code leads ("": one without a code that can be relied on).
+// The transaction after a reply with this code ("": its lines have several codes).
 Transaction NextTransaction(Transaction from, Command command, bool last_chunk, std::string_view code);
 
 }  // namespace trabex

@@ -1,5 +1,5 @@
-// What a dialogue remembers. Only Dialogue writes it: the filters read it, and say in their decisions what it
-// is to become.
+// What a dialogue remembers. Only Dialogue writes it: the filters read it and return the changes in their
+// decisions.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +16,7 @@ namespace trabex {
 // What the client asked for, whether it was accepted or not. Replies and the Received header name it: after
 // an EHLO that was accepted and a HELO that was refused the domain is that of the HELO.
 struct RequestedState {
-  std::string CurrentVerb;  // of the latest command line, upper case, whoever answers it
+  std::string CurrentVerb;  // of the line being filtered, upper case, whether it will be forwarded or not
 
   // Greeting.
   bool EhloUsed = false;  // the latest greeting was an EHLO
@@ -34,13 +34,13 @@ struct RequestedState {
   std::int64_t TransactionCount = 0;  // MAIL commands
   std::int64_t BadSequenceCount = 0;
 
-  // A MAIL that goes to the server begins a transaction; whether one is open, the server says.
+  // For a MAIL that goes to the server. Whether a transaction is open then, the server's reply decides.
   void BeginTransaction(std::string_view sender, bool smtp_utf8) {
     ResetTransaction();
     Sender = sender;
     SmtpUtf8 = smtp_utf8;
   }
-  // What EHLO, HELO and RSET leave behind when they are accepted, and a message that is refused.
+  // The state after an accepted EHLO, HELO or RSET, and after a message that was refused.
   void ResetTransaction() {
     Sender.clear();
     SmtpUtf8 = false;
@@ -57,7 +57,7 @@ struct OfferedState {
   FixedPoint SizeLimit = 0;        // bytes for a message of this session; 0: none. HELO leaves it
 };
 
-// The last command that went to the server: the reply that is owed, or the latest one, is its.
+// The last forwarded command; the pending or latest reply belongs to it.
 struct ForwardedCommand {
   std::string ForwardedVerb;
   Command command = Command::kOther;

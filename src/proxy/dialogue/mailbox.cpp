@@ -12,7 +12,7 @@ namespace trabex {
 
 namespace {
 
-// Bytes that stand for themselves, unquoted, in every server's reading.
+// Bytes that every server reads as themselves without quotes.
 bool IsPlain(char byte) {
   return byte != ' ' && !IsControl(byte) &&
          std::string_view("()<>[]:;,\\\"@").find(byte) == std::string_view::npos;
@@ -52,7 +52,7 @@ std::size_t BehindQuotes(std::string_view address) {
   return address.find('"', 1) + 1;
 }
 
-// The length of the local part: up to the first "@" behind the quoted string at the front.
+// The length of the local part: up to the first "@" after the quoted string at the front.
 std::size_t LocalPartLength(std::string_view address) {
   return std::min(address.find('@', BehindQuotes(address)), address.size());
 }

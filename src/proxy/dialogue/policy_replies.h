@@ -44,7 +44,7 @@ enum class ReplyKind : int {
 };
 inline constexpr int kReplyKinds = 31;
 
-// What becomes of the session behind the reply; the session itself sees to it.
+// What the dialogue does with the session after the reply.
 enum class AfterReply { kGoOn, kCloseWhenSent, kCloseAtOnce, kProxyOnly };
 
 // In `text`, names in angle brackets stand for values of the session: <LocalHostName>, <helo>, <ip>, <host>,

@@ -12,8 +12,8 @@ namespace trabex {
 // A reply ends with the first line that has no "-" after its code; lines end in CR LF.
 class ReplyAssembler {
  public:
-  // Replies of real servers stay below a few kilobytes. Of one that is longer than this no more is held: a
-  // session must not hold whatever it is sent.
+  // Replies of real servers stay below a few kilobytes. A longer one is not held as a whole, so that a
+  // server cannot fill the memory.
   static constexpr std::size_t kMaxReplyBytes = 65536;
 
   void Append(std::string_view bytes) { buffer_.append(bytes); }
@@ -23,12 +23,12 @@ class ReplyAssembler {
   bool TooLong() const { return buffer_.size() > kMaxReplyBytes; }
   // The server says no more: a last line without its end gets it.
   void EndLine();
-  // Takes the whole lines of a reply whose end has not come; NextReply goes on behind them.
+  // Takes the whole lines of a reply whose end has not come; NextReply goes on after them.
   std::string TakeWholeLines();
 
  private:
   std::string buffer_;
-  std::size_t line_start_ = 0;  // of the first line that was not complete when last looked at
+  std::size_t line_start_ = 0;  // of the first line that was not complete at the last search
 };
 
 }  // namespace trabex

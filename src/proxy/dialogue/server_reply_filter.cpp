@@ -39,9 +39,8 @@ bool HasOneCode(std::string_view reply) {
   }
 }
 
-// Whether `reply` means what its first code says. One whose lines have several codes means nothing; in a
-// reply to EHLO the first and the last line count, and lines with another code between them are no
-// extensions.
+// Whether the code of `reply` counts: a reply of several lines counts only if all of them have one code, for
+// EHLO the first and the last; its lines with another code between them are no extensions.
 bool CanBeReliedOn(std::string_view reply, Command command) {
   return command == Command::kEhlo ? CodeOf(LastLine(reply)) == CodeOf(reply) : HasOneCode(reply);
 }
@@ -51,7 +50,7 @@ bool AnswersCommand(Phase phase) {
   return phase == Phase::kReply || phase == Phase::kChunk;
 }
 
-// The number in a SIZE extension line (RFC 1870); 0 when there is none to be read.
+// The number in a SIZE extension line (RFC 1870); 0 without a readable one.
 FixedPoint OfferedSize(std::string_view line) {
   constexpr std::string_view kSize = "SIZE ";
   if (!StartsWithNoCase(line, kSize)) return 0;
@@ -96,7 +95,7 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   rewritten |= ApplyResponseChanges(code, changed, configuration_, macros);
   rewritten |= ApplyResponseChanges(std::string(forwarded.ForwardedVerb).append(".").append(code), changed,
                                     configuration_, macros);
-  // The refusal may still name the message's addresses, which nobody needs after it.
+  // The reply's changes may still name the message's addresses; after it they are forgotten.
   if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
   decision.text = rewritten ? changed.append(kCrLf) : std::string(reply);
   return decision;
@@ -106,7 +105,7 @@ PhaseEvent ServerReplyFilter::EventOf(std::string_view reply, std::string_view c
                                       const DialogueState& state) {
   const Command command = state.forwarded.command;
   const bool asks_for_data = CodeOf(LastLine(reply)) == "334";
-  // One 334 more asks for the same data.
+  // A second 334 before the data has come asks for the same data.
   if (state.phase == Phase::kAuthData && asks_for_data) return PhaseEvent::kAuthDataWanted;
   if (state.phase != Phase::kReply) return PhaseEvent::kReply;
   if (command == Command::kAuth && asks_for_data) return PhaseEvent::kAuthDataWanted;
@@ -146,7 +145,7 @@ std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedS
 
 void ServerReplyFilter::LimitSize(OfferedState& offered) const {
   const FixedPoint server = OfferedSize(offered.Extensions.GetExtension("SIZE"));
-  // A fraction of a byte is none.
+  // A fraction of a byte does not count.
   const FixedPoint own =
       configuration_.MaxSize - std::max<FixedPoint>(configuration_.MaxSize, 0) % kFixedPointOne;
   FixedPoint limit = 0;

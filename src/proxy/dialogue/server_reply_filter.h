@@ -34,7 +34,7 @@ class ServerReplyFilter {
 
  private:
   static PhaseEvent EventOf(std::string_view reply, std::string_view code, const DialogueState& state);
-  // What an accepted greeting or RSET leaves behind.
+  // The state after an accepted greeting or RSET.
   static void FollowAccepted(const DialogueState& state, ReplyDecision& decision);
   // The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
   std::string RewriteEhloReply(std::string_view reply, OfferedState& offered) const;

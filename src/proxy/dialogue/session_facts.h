@@ -12,7 +12,7 @@ namespace trabex {
 class SessionFacts {
  public:
   virtual ~SessionFacts() = default;
-  // None once the connection to the client is closed.
+  // The empty address once the connection to the client is closed.
   virtual IPAddress ClientIP() const = 0;
   // Whether the client's address lies in LocalIPs.
   virtual bool IsLocalClient() const = 0;
