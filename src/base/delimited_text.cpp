@@ -15,7 +15,7 @@ bool StandsAt(std::string_view text, std::size_t at, std::string_view what, Comp
   return compare == Compare::kExact ? here == what : EqualNoCase(here, what);
 }
 
-// The position behind the delimited part whose open delimiter ends before `at`, or npos when the part has no
+// The position after the delimited part whose open delimiter ends before `at`, or npos when the part has no
 // end.
 std::size_t BehindPart(std::string_view text, std::size_t at, std::string_view close, Compare compare) {
   while (at < text.size()) {

@@ -15,7 +15,7 @@ namespace trabex::mCommon {
 // How separators, delimiters and search texts are compared.
 enum class Compare { kExact, kNoCase };
 
-// The text between `open` at its start and `close` at its end; doubled delimiters inside stay as they stand.
+// The text between `open` at its start and `close` at its end; doubled delimiters inside stay doubled.
 // The view points into `text`. Raises 321 "Invalid delimited string \"<text>\"." (source "mCommon.Undelimit")
 // when a delimiter that is not empty is missing, or the text is shorter than both together.
 std::string_view Undelimit(std::string_view text, std::string_view open, std::string_view close,

@@ -1,8 +1,8 @@
-// Finds numbers by the hash of what they stand for.
+// Finds numbers by the hash of the keys that they mean.
 //
 // An open table with linear probing, of eight bytes an entry: with a million entries the time of a look-up is
 // that of its cache misses, of which a standard hash set has three where this has one, and it takes four
-// times the memory. What the numbers stand for stays with the caller.
+// times the memory. The keys themselves stay with the caller.
 #pragma once
 
 #include <cstddef>

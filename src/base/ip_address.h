@@ -57,7 +57,7 @@ class IPAddress {
 
   // The first and the last address with the same first `bits` bits (RFC 4632, 3.1). Fewer than 0 count as 0,
   // more than there are as all. The last address of ::/80 and of wider blocks stays an IPv6 address, so that
-  // it sorts behind the first.
+  // it sorts after the first.
   IPAddress Prefix(int bits) const;
   IPAddress PrefixEnd(int bits) const;
   // How many of the first bits are those of `other`; 0 when the family is another.
@@ -80,9 +80,8 @@ inline constexpr IPAddress kIPv4Broadcast = IPAddress::IPv4(0xFFFFFFFF);
 
 // How the four parts of an IPv4 address are written; each is 0 to 255 and decimal in both forms.
 enum class IPv4Form {
-  // One to three digits. The system's own readers also take "1", "127.1", "0x7f.1" or octal parts; nobody
-  // means
-  // an address by these, so they are names. A leading zero changes nothing.
+  // One to three digits. The system's own readers also take "1", "127.1", "0x7f.1" or octal parts; here these
+  // are names, since they are never meant as addresses. A leading zero changes nothing.
   kDigits,
   // As ParseInteger reads a number: blanks around it, a sign and any number of leading zeros are allowed. For
   // the entries of settings.
@@ -92,8 +91,8 @@ enum class IPv4Form {
 std::optional<IPAddress> ParseIPv4Address(std::string_view text, IPv4Form form = IPv4Form::kDigits);
 
 // An IPv4 address of the form kDigits, or an IPv6 address (RFC 4291, 2.2) without a zone and without
-// brackets, whose last 32 bits may be written as an IPv4 address without leading zeros. Nothing may stand
-// around it.
+// brackets, whose last 32 bits may be written as an IPv4 address without leading zeros. Nothing may
+// surround it.
 std::optional<IPAddress> ParseIPAddress(std::string_view text);
 
 // "192.0.2.1"; "2001:db8::1" (RFC 5952, 4; never with an IPv4 address inside); "" for none. The text of an

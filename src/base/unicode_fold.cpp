@@ -55,7 +55,7 @@ std::u32string CharactersOf(std::string_view text) {
   return characters;
 }
 
-// Puts the marks behind each letter in canonical order (D109 of the Unicode Standard). utf8proc_map would
+// Puts the marks after each letter in canonical order (D109 of the Unicode Standard). utf8proc_map would
 // take quadratic time for many marks.
 void OrderMarks(std::vector<utf8proc_int32_t>& characters) {
   const auto order = [](utf8proc_int32_t code_point) {
@@ -71,7 +71,7 @@ void OrderMarks(std::vector<utf8proc_int32_t>& characters) {
   }
 }
 
-// What each of the characters stands for by the options, in canonical order.
+// The decomposition of each character by the options, in canonical order.
 template <class Characters>
 std::vector<utf8proc_int32_t> Decomposed(const Characters& characters, int options) {
   std::array<utf8proc_int32_t, 32> parts{};  // one character has 18 at most
@@ -105,7 +105,7 @@ std::string Composed(std::vector<utf8proc_int32_t> characters) {
   return Encoded(characters);
 }
 
-// Marks are brought into their order first: U+0345 folds to a letter, behind which they would stay as they
+// Marks are brought into their order first: U+0345 folds to a letter, after which they would stay as they
 // are (D147 of the Unicode Standard).
 std::string FoldWellFormed(std::string_view text, int more_options) {
   return Composed(Decomposed(Decomposed(CharactersOf(text), kDecompose), kFold | more_options));

@@ -1,6 +1,6 @@
 // Letters beyond ASCII. Mail servers compare addresses by the rules of Unicode, so that one mailbox has many
 // spellings: U+017F is an s to them, U+212A a k, U+FB06 "st". Texts with such letters are compared after
-// folding both sides. A text that is all ASCII needs none of this, and costs one pass over its bytes.
+// folding both sides. A text that is all ASCII needs no folding, and costs one pass over its bytes.
 #pragma once
 
 #include <string>
@@ -19,7 +19,7 @@ bool IsAscii(std::string_view text);
 std::string FoldText(std::string_view text);
 
 // Whether `text` (well-formed UTF-8) folds to the same as after folding only its case, as servers do that do
-// not order marks: a mark behind a letter with U+0345 is one of that letter, but of an iota to them.
+// not order marks: a mark after a letter with U+0345 is one of that letter, but of an iota to them.
 bool FoldsLikeItsCaseFolding(std::string_view text);
 
 // Whether the folded texts are equal; for texts in ASCII, whether they are without regard to case.

@@ -12,7 +12,7 @@ struct Utf8Character {
 };
 
 // The character that `text` begins with. None where the bytes are not well-formed (RFC 3629, section 4): cut
-// off, longer than needed, half of a UTF-16 pair, beyond U+10FFFF, or a continuation of nothing; and none in
+// off, longer than needed, half of a UTF-16 pair, beyond U+10FFFF, or a continuation of nothing; nor in
 // an empty text. Controls and unassigned code points are characters.
 Utf8Character FirstUtf8Character(std::string_view text);
 

@@ -1,4 +1,4 @@
-// What of a text that somebody else wrote may be shown as it is. A terminal takes some characters for
+// What of a text from outside the program may be shown as it is. A terminal takes some characters for
 // commands, and some make a line look like two, or like another one.
 #pragma once
 

@@ -245,7 +245,7 @@ void WriteResponseChanges(Writer& writer, const ResponseChangeTable& table) {
   writer.Header(section_name::kResponseChanges);
   for (const cReplaces& replaces : table.Lists()) {
     writer.BeginList(replaces.Name());
-    // A rule that stands twice, each time with other blanks, has to keep both places: the order counts.
+    // A rule that occurs twice, with different blanks, has to keep both places: the order counts.
     std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys;
     for (const cReplace& rule : replaces.Rules()) {
       std::string text = rule.Format();

@@ -1,5 +1,5 @@
 // The configuration in force, written in the syntax of the initialization file, so that the operator sees the
-// values after defaults and corrections, and can load them again. Settings that came later stand there only
+// values after defaults and corrections, and can load them again. Settings that came later are shown only
 // when they differ from their default.
 #pragma once
 

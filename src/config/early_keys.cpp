@@ -44,7 +44,7 @@ EarlyTexts FindEarlyTexts(std::string_view text) {
   for (std::string_view line; missing > 0 && lines.Next(line);) {
     if (line.starts_with(';')) continue;
     if (line.starts_with('[')) {
-      // What stands behind the last bracket does not count here.
+      // What follows the last bracket does not count here.
       const std::size_t end = line.find_last_of(']');
       in_section =
           end != std::string_view::npos && EqualNoCase(line.substr(1, end - 1), section_name::kCommon);

@@ -1,4 +1,4 @@
-// Which files the settings mean. Both "/" and "\" separate; none of these touches the disk.
+// Which files the settings mean. Both "/" and "\" separate; these functions never touch the disk.
 #pragma once
 
 #include <string>
@@ -18,7 +18,7 @@ std::string JoinPath(std::string_view base, std::string_view name);
 std::string ResolveIniPath(std::string_view given, std::string_view program_directory,
                            std::string_view program_name);
 
-// The greylisting database's path by the setting `Database`: as it stands when it holds a separator,
+// The greylisting database's path by the setting `Database`: unchanged when it holds a separator,
 // otherwise in the folder GreyListing under the program's directory; empty means GreyListing.gldb there.
 std::string ResolveDatabasePath(std::string_view setting, std::string_view program_directory);
 

@@ -19,7 +19,7 @@ constexpr const char* kSource = "mCommon.ReadIniFile";
   throw Error(error_number::kBadFileContent, kSource, std::move(description));
 }
 
-// Whether a line that begins with "[" is complete as a header; its name is what stands between the brackets.
+// Whether a line that begins with "[" is complete as a header; its name is the text between the brackets.
 bool IsHeader(std::string_view line) {
   return line.size() >= 2 && line.front() == '[' && line.back() == ']';
 }

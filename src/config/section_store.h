@@ -37,7 +37,7 @@ inline constexpr std::array<std::string_view, 7> kSectionNames = {
 // One section. Names, keys and values are views: of constants, and of the text that the store keeps.
 class SectionTable {
  public:
-  // A key with its value, or, for a list key, with its values in the order of the file. Most keys stand once,
+  // A key with its value, or, for a list key, with its values in the order of the file. Most keys occur once,
   // so the first value needs no room of its own.
   struct Entry {
     std::string_view key;  // spelled as where it appeared first

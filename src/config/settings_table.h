@@ -31,7 +31,7 @@ enum class SettingKind {
   kRangeList,
 };
 
-// Whether the key may stand on several lines.
+// Whether the key may occur on several lines.
 bool IsListKind(SettingKind kind);
 
 // Where the value lies: in Configuration itself, or in its part for greylisting.
@@ -45,7 +45,7 @@ struct Setting {
   std::string_view key;
   SettingKind kind;
   SettingField field;
-  // What an absent key stands for, written as in the file; never checked.
+  // The default: what an absent key means, written as in the file; never checked.
   std::string_view default_text;
   // Its place among the settings of the section where the configuration is shown: the lowest comes first.
   int dump_order = 0;
@@ -81,7 +81,7 @@ auto& FieldOf(AConfiguration& configuration, const Setting& setting) {
 
 namespace mCommon {
 
-// Whether the key may stand on several lines: the list settings, and every key of ResponseChanges. Names
+// Whether the key may occur on several lines: the list settings, and every key of ResponseChanges. Names
 // without regard to case.
 bool IsListKey(std::string_view section, std::string_view key);
 

@@ -30,7 +30,7 @@ std::string GetString(const IniErrors& errors, const SectionTable& section, std:
 std::int32_t GetInteger(const IniErrors& errors, const SectionTable& section, std::string_view key,
                         std::int32_t default_value, std::int64_t min, std::int64_t max);
 
-// The part of GetInteger behind the look-up, for a value that was found otherwise.
+// The part of GetInteger after the look-up, for a value that was found otherwise.
 std::int32_t ConvertInteger(const IniErrors& errors, std::string_view section, std::string_view key,
                             std::string_view value, std::int32_t default_value, std::int64_t min,
                             std::int64_t max);

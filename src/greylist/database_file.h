@@ -23,10 +23,10 @@ GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimit
 
 // Writes the records that have not expired at `now` to a new file (`path` with "new" appended), and only when
 // that is whole and on the disk makes the file at `path` the backup and the new one the file at `path`
-// (ReplaceFile in platform/file_replace.h tells what stands where at which moment). Creates the last level of
-// the folder when it is missing. Returns how many records are left out because the payload would be longer
-// than `max_payload` (WriteDatabase). Raises the numbers of platform/files.h; both files are then as they
-// were, but for 57 from a folder that cannot be synced although the files in it were moved.
+// (ReplaceFile in platform/file_replace.h says which file has which name at each moment). Creates the last
+// level of the folder when it is missing. Returns how many records are left out because the payload would be
+// longer than `max_payload` (WriteDatabase). Raises the numbers of platform/files.h; both files are then as
+// they were, but for 57 from a folder that cannot be synced although the files in it were moved.
 std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
                              std::uint64_t max_payload = kMaxPayload);
 

@@ -22,7 +22,7 @@ std::size_t WriteDatabase(const GreyListingDatabase& database, DateTime now, con
                           std::uint64_t max_payload = kMaxPayload);
 
 // The records of a content of `size` bytes, expired ones included; the changed flag is not set. Of the
-// pending ones the last stay that `limits` permit; they are the limits of what is returned, which also tells
+// pending ones the last stay that `limits` permit; they are the limits of what is returned, which also counts
 // what was dropped. Memory is taken for what was really read only, and kept for what stays. Raises 321 "The
 // file is corrupted" for anything that WriteDatabase cannot have written, 457 for a key that comes twice, and
 // whatever `in` raises.

@@ -3,11 +3,11 @@
 // Records lie in large blocks and stay where they are; each is linked to the ones added before and after it.
 // With keys of usual length a record takes some 170 bytes in all, a pending one some 200.
 //
-// A record is pending until it is accepted. Anybody can bring about as many of them as he likes, so their
+// A record is pending until it is accepted. A sender can bring about any number of pending records, so their
 // number is bounded, in all and for each network: one more drops the oldest. The oldest is the one that was
-// added first, not the one whose last attempt is longest ago, because then whoever repeats his own attempts
-// would push out all others; and the order of adding is also that in the file and needs no clock, which may
-// be set back. It is nearly always the one that would expire first as well.
+// added first, not the one whose last attempt is longest ago, because then a sender who repeats his
+// attempts would push out all others; and the order of adding is also that in the file and needs no clock,
+// which may be set back. It is nearly always the one that would expire first as well.
 #pragma once
 
 #include <cstddef>
@@ -38,16 +38,16 @@ class GreyListingDatabase {
   Records All() const;
   std::size_t Count() const { return count_; }
 
-  // nullptr when there is none. A record stays where it is until it is removed. Whoever makes a pending one
-  // an accepted one has to call Accepted.
+  // nullptr when there is none. A record stays where it is until it is removed. A caller that makes a pending
+  // one an accepted one has to call Accepted.
   cGreyListingData* Find(std::string_view key);
-  // Adds it behind all others. When it is a pending one and there are now more than the limits permit, the
+  // Adds it after all others. When it is a pending one and there are now more than the limits permit, the
   // oldest are dropped, first of its network, then of all, but never itself. After limits were lowered that
   // takes several additions, as each drops kMaxDroppedAtOnce at most, so that none takes long. Raises 457
   // "This key is already associated with an element of this collection" (source "GreyListingDatabase.Add")
   // when its key is there already; nothing is changed then.
   cGreyListingData& Add(cGreyListingData record);
-  // To be told when `record`, one of this database, was pending and now is not.
+  // The caller has just accepted `record`, a pending one of this database.
   void Accepted(const cGreyListingData& record);
 
   // They act on the next Add.
@@ -84,7 +84,7 @@ class GreyListingDatabase {
     cGreyListingData record;
     std::uint32_t before;   // the record added before it
     std::uint32_t after;    // the one added after it; of a free place the next free one
-    std::uint32_t pending;  // its entry in the queue of the pending ones; kNone when it is none of them
+    std::uint32_t pending;  // its entry in the queue of the pending ones; kNone when it is not pending
   };
 
   Place& At(std::uint32_t number) { return blocks_[number >> kBlockBits][number & (kBlockSize - 1)]; }
@@ -92,7 +92,7 @@ class GreyListingDatabase {
     return blocks_[number >> kBlockBits][number & (kBlockSize - 1)];
   }
   std::uint64_t HashOf(std::string_view key) const { return KeyedHash(secret_, key); }
-  // That of the key's network: what stands before its first blank.
+  // That of the key's network: the text before its first blank.
   std::uint64_t NetworkHashOf(std::string_view key) const { return HashOf(key.substr(0, key.find(' '))); }
   std::uint32_t NumberOf(std::string_view key, std::uint64_t hash) const {
     return index_.Find(hash, [&](std::uint32_t number) { return At(number).record.Key() == key; });

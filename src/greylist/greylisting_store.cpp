@@ -104,7 +104,7 @@ bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSave
     done(SaveGreyListingDatabase());
     return true;
   }
-  // From here on it tells what the save does not hold.
+  // From here on the flag means changes that the save does not hold.
   database_.SetChanged(false);
   return true;
 }
@@ -123,10 +123,10 @@ void GreyListingStore::Drop() {
 
 GreyListingSaveResult GreyListingStore::Saved(DateTime now, std::size_t left_out) {
   const MonotonicTime moment = clock_.Monotonic();
-  if (left_out > 0 && (!left_out_told_ || moment - *left_out_told_ >= std::chrono::hours(1))) {
+  if (left_out > 0 && (!left_out_logged_ || moment - *left_out_logged_ >= std::chrono::hours(1))) {
     log_.LogLine(
         "Greylisting: Too many records for the database file. Left out: " + std::to_string(left_out) + ".");
-    left_out_told_ = moment;
+    left_out_logged_ = moment;
   }
   return {GreyListingSaveResult::Kind::kSaved, now};
 }

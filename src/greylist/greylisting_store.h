@@ -11,8 +11,8 @@
 // our own memory after the save, some in each iteration.
 //
 // A save never fails for the number of records: what the file format cannot hold is left out, the oldest
-// pending ones first. It stays in memory, where it is of use until the program ends; the log tells of it once
-// an hour at most. It takes some 30 million records to get there.
+// pending ones first. It stays in memory, where it is of use until the program ends; the log says so once an
+// hour at most. It takes some 30 million records to get there.
 //
 // At the program's end and before a reload the save has to be complete, so there it is made in place. A
 // background save under way is then given up, as it would only write older records to the same place first.
@@ -59,9 +59,9 @@ class GreyListingStore {
 
   // Replaces the records by those of the file at the Database setting, or with `from_backup` of its backup.
   // Of pending ones beyond MaxPending and MaxPendingPerNetwork the oldest are dropped while the file is read,
-  // and the warning told. When that fails the reason is logged and the backup is loaded, after that an empty
-  // database begun. That path is the one that later saves go to, even when the setting changes. Waits for a
-  // save in the background first.
+  // and the warning is given. When the load fails the reason is logged and the backup is loaded, after that
+  // an empty database begun. That path is the one that later saves go to, even when the setting changes.
+  // Waits for a save in the background first.
   void LoadGreyListingDatabase(bool from_backup = false);
 
   // Removes the expired records and writes the others, if something has changed. On return the files are on
@@ -97,8 +97,8 @@ class GreyListingStore {
   GreyListingDatabase& database_;
   PendingWarning& warning_;
   const std::uint64_t max_payload_;
-  std::optional<MonotonicTime> left_out_told_;  // when the log was told last
-  std::optional<std::string> path_;             // that of the last load
+  std::optional<MonotonicTime> left_out_logged_;  // when that was last logged
+  std::optional<std::string> path_;               // that of the last load
   Timer sweep_timer_;
   BackgroundTask task_;
 };

@@ -1,4 +1,4 @@
-// Finds numbers by the hash of what they stand for: the index of the greylisting database.
+// Finds numbers by the hash of the keys that they mean: the index of the greylisting database.
 //
 // It is divided into many small tables, so that growing never moves more than a small part of the entries at
 // once and holds up the mail.

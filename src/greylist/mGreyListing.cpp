@@ -98,8 +98,8 @@ mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
 }
 
 // The order of these steps is what makes an expired triple pass at once: its count of 0 becomes 1, and a
-// positive count is an accepted one. Whoever retried before is no stranger, and the long life time begins
-// again.
+// positive count is an accepted one. A sender who retried before is known already, and the long life time
+// begins again.
 GreyListingOutcome mGreyListing::Evaluate(cGreyListingData& record, const DelayPolicy& policy,
                                           DateTime now) const {
   if (now > record.ExpireAt()) {

@@ -1,4 +1,4 @@
-// Who has waited longest: numbers in the order of their arrival, in all and for each network.
+// Which records have waited longest: numbers in the order of their arrival, in all and for each network.
 //
 // Everything but the growth of the index takes the same time whatever the number of entries. An entry takes
 // 24 bytes, a network that has one 16 more and its place in the index.
@@ -13,13 +13,13 @@
 namespace trabex {
 
 // A network is known by a hash of 64 bits alone, so that its text need not be kept. The hash has to be a
-// keyed one (greylist/keyed_hash.h): then nobody can aim at another network's, and two that are the same by
+// keyed one (greylist/keyed_hash.h): then no sender can aim at another network's, and two that are equal by
 // chance merely count as one network.
 class PendingQueue {
  public:
   static constexpr std::uint32_t kNone = KeyIndex::kNone;
 
-  // Adds `number` behind all others. Returns the entry, by which it is removed.
+  // Adds `number` after all others. Returns the entry, by which it is removed.
   std::uint32_t Add(std::uint64_t network, std::uint32_t number);
   // `entry` was added and not removed since.
   void Remove(std::uint32_t entry);

@@ -1,4 +1,4 @@
-// What the log is told when pending greylisting records have to be dropped.
+// The warning in the log when pending greylisting records have to be dropped.
 #pragma once
 
 #include <cstddef>
@@ -11,24 +11,24 @@
 
 namespace trabex {
 
-// One line an hour at most, whoever wants to fill the log too: the first at once, so that the operator knows;
+// One line an hour at most, so that a flood cannot fill the log: the first at once, for the operator to know;
 // an hour later one for all that was dropped meanwhile, and so on until an hour passes without. It does not
-// depend on the section's Log, which is for decisions: this one says that mail is delayed longer than the
+// depend on the section's Log, which is for decisions: the warning says that mail is delayed longer than the
 // settings say.
 class PendingWarning {
  public:
   // Both outlive this object.
   PendingWarning(Log& log, EventLoop& loop);
 
-  // `network` is the one whose record was the one too many, as the log is to show it; empty when nobody can
-  // say.
+  // `network` is that of the record for which others were dropped, as the log is to show it; empty when it is
+  // not known.
   void Dropped(const DroppedPending& dropped, std::string_view network);
 
  private:
-  void Tell();
+  void Warn();
 
   Log& log_;
-  std::size_t count_ = 0;  // dropped and not told yet
+  std::size_t count_ = 0;  // dropped and not logged yet
   std::string network_;    // the last one that reached its own limit
   Timer hour_;             // since the last line
 };

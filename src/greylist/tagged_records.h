@@ -1,12 +1,12 @@
 // Tagged records: named, typed values as one run of bytes, written and read in order.
 //
-// A record, called a property here to tell it from those of greylisting, is its name (one byte of length,
+// A record, called a property here since greylisting has records too, is its name (one byte of length,
 // then the text), one byte for the type ("i", "d" or "b") and the value: "i" a signed number of 32 bits, "d"
 // a date-time as a 64-bit IEEE double, "b" a run of bytes (two bytes of length, then the bytes). After the
 // last property comes the CRC-32 of everything before it. All numbers are little-endian.
 // docs/greylisting-database.md shows an example.
 //
-// The reader takes a file for what it is: bytes that anybody may have written. It knows how many there are,
+// The reader trusts no byte of the file, which may come from anywhere. It knows how many there are,
 // never believes a length beyond that, and needs the same small buffer for every file.
 #pragma once
 

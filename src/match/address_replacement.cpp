@@ -8,7 +8,7 @@ namespace trabex {
 
 namespace {
 
-// What stands for itself in a pattern list, without commas, blanks and quotes.
+// Bytes that mean themselves in a pattern list, without commas, blanks and quotes.
 bool IsSinglePattern(std::string_view key) {
   return !key.empty() && key.find_first_of(", \"") == std::string_view::npos && !mText::IsInvalidPattern(key);
 }

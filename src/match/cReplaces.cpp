@@ -31,7 +31,7 @@ std::string WithLineBreaks(std::string_view text) {
   return result;
 }
 
-// The lines of `text`, which end in CR LF, CR or LF; the last one is what stands behind the last line end.
+// The lines of `text`, which end in CR LF, CR or LF; the last one is what follows the last line end.
 std::vector<std::string_view> LinesOf(std::string_view text) {
   std::vector<std::string_view> lines;
   for (;;) {
@@ -51,7 +51,7 @@ std::string_view ReplyCode(std::string_view line) {
   return is_code ? code : std::string_view();
 }
 
-// Whether `text` is one reply as it stands: every line but the last one announces another one.
+// Whether `text` is one complete reply: every line but the last one announces another one.
 bool IsOneReply(std::string_view text) {
   const auto lines = LinesOf(text);
   const std::string_view code = ReplyCode(lines[0]);
@@ -64,9 +64,9 @@ bool IsOneReply(std::string_view text) {
   return size == text.size();  // otherwise some line ends in less than CR LF
 }
 
-// `value` in one line, so that it cannot end a line of the reply that it is put into: what stands behind
-// would be another line, or another reply. Of a reply in several lines the texts are left, one behind the
-// other; the "-" behind the first code, which announces more lines, goes with the codes of these.
+// `value` in one line, so that it cannot end a line of the reply that it is put into: what follows
+// would be another line, or another reply. Of a reply in several lines the texts are left, one after the
+// other; the "-" after the first code, which announces more lines, goes with the codes of these.
 std::string InOneLine(std::string value) {
   if (value.find_first_of(kCrLf) == std::string::npos) return value;
   const auto lines = LinesOf(value);
@@ -97,7 +97,7 @@ class Macros {
  public:
   Macros(const std::string& original, const MacroSource& source) : original_(original), source_(source) {}
 
-  // What stands in the place of {%name%}, or nullptr when there is no such macro. `at_line_begin` says that
+  // The text that replaces {%name%}, or nullptr when there is no such macro. `at_line_begin` says that
   // it begins a line, where an original that is one reply keeps its own lines; any other value is one line.
   // Valid until the next call.
   const std::string* Value(std::string_view name, bool at_line_begin) {

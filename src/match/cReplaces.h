@@ -12,7 +12,7 @@
 
 namespace trabex {
 
-// What the macros stand for, but for those that mean the same everywhere: {%original%} and {%crlf%}.
+// The values of the macros, but for those that mean the same everywhere: {%original%} and {%crlf%}.
 class MacroSource {
  public:
   virtual ~MacroSource() = default;

@@ -22,7 +22,7 @@ constexpr int kIPv4Bits = 32;
               "Invalid IP address range: \"" + std::string(text) + "\".");
 }
 
-// The length of the prefix that `written`, what stands behind the "/" of `text`, means.
+// The length of the prefix that `written`, the text after the "/" of `text`, means.
 int ReadPrefixLength(std::string_view text, std::string_view written) {
   if (written.find('.', 1) != std::string_view::npos) return mCommon::MaskToBits(mCommon::CLngIP(written));
   const auto bits = ParseInteger(written);

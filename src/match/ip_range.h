@@ -45,8 +45,7 @@ class IPRangeList {
 namespace mCommon {
 
 // The IPv4 address that `text` is in the form kNumbers. Raises 380 (source "mCommon.CLngIP") "Invalid IP
-// address:
-// \"<text>\"." when it is none.
+// address: \"<text>\"." when it is none.
 IPAddress CLngIP(std::string_view text);
 // 0 to 32. Raises 380 (source "mCommon.MaskToBits") "Invalid subnet mask: \"<a.b.c.d>\"." unless the ones of
 // `mask` are its first bits.

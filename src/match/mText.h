@@ -4,11 +4,11 @@
 //
 //   ?                one byte, any          *  any run of bytes, also none     #  one digit
 //   [list] [!list]   one byte that is, or is not, in the list; low-high is an ascending range, a "-" that is
-//                    first or last stands for itself
+//                    first or last means itself
 //   []               the empty text
 //   []pattern        (three bytes and more) the opposite of matching pattern
 //
-// The finer points of lists stand in match/pattern.h.
+// The finer points of lists are in match/pattern.h.
 #pragma once
 
 #include <cstddef>

@@ -19,7 +19,7 @@ struct Element {
   enum class Kind : std::uint8_t { kByte, kAny, kRun, kDigit, kList, kNotList, kEmpty, kUnclosed };
   Kind kind = Kind::kByte;
   char byte = 0;          // of kByte
-  std::string_view list;  // of kList and kNotList: what stands between the brackets, without the "!"
+  std::string_view list;  // of kList and kNotList: the text between the brackets, without the "!"
   std::size_t next = 0;   // where the next element begins
 };
 

@@ -1,11 +1,11 @@
 // The wildcard language of text patterns: its grammar, and two ways to match. A pattern that is used once is
 // matched as it is written, without any allocation; the patterns of a list are compiled once.
 //
-// Inside [...] every byte stands for itself, apart from a "!" in front and a "-" between two others:
+// Inside [...] every byte means itself, apart from a "!" in front and a "-" between two others:
 //   - "low-high" takes the bytes from low to high;
 //   - what follows a range begins anew, so "[a-c-e]" holds a to c, "-" and "e";
-//   - a "-" that begins or ends the list, or stands where a new byte or range would begin, is a plain "-";
-//   - "[]" is the empty text wherever it stands, "[!]" is a plain "!";
+//   - a "-" that begins or ends the list, or is where a new byte or range would begin, is a plain "-";
+//   - "[]" is the empty text wherever it occurs, "[!]" is a plain "!";
 //   - "]" ends the list always, so it cannot be in one; outside brackets it is a plain "]".
 // Malformed are a "[" without its "]" and a range whose ends descend. With folded case both ends and the byte
 // are compared as lower case: "[A-z]" is all letters and nothing else, "[Z-a]" descends.
@@ -31,13 +31,13 @@ bool IsMalformed(std::string_view pattern, Case compare);
 // of both sizes at worst.
 bool Matches(std::string_view text, std::string_view pattern, Case compare);
 
-// Whether `pattern` has the prefix "[]" that stands for "not": "[]" alone is the empty text.
+// Whether `pattern` has the prefix "[]" that means "not": "[]" alone is the empty text.
 inline bool IsNegated(std::string_view pattern) {
   return pattern.size() >= 3 && pattern[0] == '[' && pattern[1] == ']';
 }
 
-// The pattern for folded texts (see base/unicode_fold.h) that `pattern`, which is well-formed, stands for:
-// what stands between its wildcards is folded, and what becomes a "?", "*", "#" or "[" by that stands for
+// The pattern for folded texts (see base/unicode_fold.h) that `pattern`, which is well-formed, means:
+// the text between its wildcards is folded, and what becomes a "?", "*", "#" or "[" by that means
 // itself. Lists in brackets stay as they are, since each takes one byte.
 std::string FoldPattern(std::string_view pattern);
 

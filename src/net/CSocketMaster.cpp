@@ -77,7 +77,7 @@ const IPAddress& CSocketMaster::RemoteAddress() const {
   return remote_address_;
 }
 
-// The port the system chose is asked for when somebody wants to know it.
+// The port that the system chose is read when it is asked for.
 std::int32_t CSocketMaster::LocalPort() const {
   Endpoint local;
   if (!socket_.IsNone() && module_.sockets_.LocalEndpoint(socket_, local) == 0 && local.port != 0) {
@@ -152,7 +152,7 @@ void CSocketMaster::CloseSck() {
   const SocketState before = std::exchange(state_, SocketState::sckClosing);
   CancelLookups();
   const bool peer_ended = before == SocketState::sckClosing;
-  // On a connection that failed there is nobody left to take anything.
+  // A connection that failed takes no more bytes.
   const bool linger = established_ && before != SocketState::sckError && !(peer_ended && send_.Empty());
   const trabex::SocketHandle socket = std::exchange(socket_, {});
   module_.pause_.Forget(socket);

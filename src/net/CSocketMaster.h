@@ -91,7 +91,7 @@ class CSocketMaster final : public SocketSink {
   std::string LocalIP();
   std::int64_t BytesReceived() const;
   std::int64_t BytesSent() const;
-  // A small number that names the socket to people, -1 when there is none.
+  // A small number that names the socket in logs and rows, -1 when there is none.
   std::int32_t SocketHandle() const;
   const std::string& Tag() const;
   void SetTag(std::string strTag);
@@ -190,7 +190,7 @@ class CSocketMaster final : public SocketSink {
 
   Stream& GetStream() const { return stream_ ? *stream_ : module_.plain_; }
   void DropStream();
-  // Only with a stream_: has the owner notified of input that the stream holds, or of the end behind it.
+  // Only with a stream_: has the owner notified of input that the stream holds, or of the end after it.
   void FollowUp();
   void OnFollowUp();
   void HoldClose(int error);

@@ -73,7 +73,7 @@ void ReceiveBuffer::MoveOut() {
   begin_ = 0;
   size_ = 0;
   // With assertions on, the next one gets another block, so that the address sanitizer finds a view that is
-  // used beyond its time and would show the bytes of somebody else.
+  // used beyond its time and would show the bytes of another connection.
   assert(Renew());
 }
 

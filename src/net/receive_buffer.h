@@ -15,7 +15,7 @@
 
 namespace trabex {
 
-// `queue` stands for the object that reads: it holds what the object has not consumed while another one uses
+// `queue` identifies the object that reads: it holds what the object has not consumed while another one uses
 // the buffer, or when it is more than the buffer takes.
 class ReceiveBuffer {
  public:

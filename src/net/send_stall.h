@@ -1,16 +1,16 @@
-// Tells a send that is stuck from one that waits for a slow peer.
+// Distinguishes a send that is stuck from one that waits for a slow peer.
 //
 // A peer that does not read fills its own system's buffer, then ours, and then what SendData was given waits
-// here, for ever if nobody ends it: the peer's system goes on answering, so TCP never gives up. Two things
-// are progress: our system takes more bytes, or the peer's system acknowledges some. The latter shows a slow
-// peer long before there is room for the former, since megabytes may wait in between. An answer to a window
-// probe is none: it says only that the peer's system runs.
+// here, for ever unless the owner ends it: the peer's system goes on answering, so TCP never gives up. Two
+// things are progress: our system takes more bytes, or the peer's system acknowledges some. The latter shows
+// a slow peer long before there is room for the former, since megabytes may wait in between. An answer to a
+// window probe is no progress: it says only that the peer's system runs.
 //
 // What its program reads shows when its system announces the room, and that waits for half of its buffer, or
 // for a segment (RFC 1122, 4.2.3.3). So a slow line is seen byte by byte, but of a program that reads a full
 // buffer slowly nothing can be seen for as long as it takes to make that room.
 //
-// It costs nothing while nothing waits: whoever owns the socket looks at it now and then.
+// It costs nothing while nothing waits: the owner of the socket calls Look now and then.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Datagrams: sending and receiving of a UDP socket object. A session uses none of this.
+// Datagrams: sending and receiving of a UDP socket object. Sessions do not use them.
 #include <utility>
 
 #include "net/CSocketMaster_impl.h"

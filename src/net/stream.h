@@ -21,8 +21,8 @@ class Stream {
   // `received` 0 with result 0 is the end of what the peer says (`space` is not empty).
   virtual int Read(SocketHandle socket, std::span<char> space, std::size_t& received) = 0;
   // `sent` is how much of `data` (not empty) was taken. Less than all, with result 0, counts as 10035 for the
-  // rest. What was not taken is given again with the next call, which may have more behind it and lie
-  // somewhere else.
+  // rest. What was not taken is given again with the next call, which may have more after it and lie
+  // at another address.
   virtual int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) = 0;
   // Ends sending; receiving goes on.
   virtual int ShutDownWrite(SocketHandle socket) = 0;

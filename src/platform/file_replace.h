@@ -1,4 +1,4 @@
-// Pieces of replacing a file so that a crash or a full disk at any moment leaves a whole file behind: write a
+// Pieces of replacing a file so that a crash or a full disk at any moment leaves a whole file: write a
 // new one beside it and sync it (NewFile in file_stream.h), then move it into its place.
 #pragma once
 
@@ -12,7 +12,7 @@ namespace trabex {
 void MoveFile(const std::string& from, const std::string& to, const std::string& source);
 
 // Makes the file at `path`, if there is one, the one at `backup` and `fresh` the one at `path`; all lie in
-// the same folder. Whenever the process or the machine ends meanwhile, the old or the new file stands whole
+// the same folder. Whenever the process or the machine ends meanwhile, the old or the new file is whole
 // at `path`, and another at `backup` if one was there before. (On a file system without hard links there is a
 // moment in which only `backup` is there, with the old file.) A backup that cannot be made, because its name
 // belongs to a folder, say, is done without. After a failure both files are as they were. Uses the name

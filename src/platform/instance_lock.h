@@ -25,9 +25,9 @@ class InstanceLock {
 std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
                                               std::function<void()> exit_requested);
 
-// Who keeps us from the lock named `name`, when that is not our own user: the name of the user whose process
-// holds it, or "uid <number>". Any process can take the name first, so that is no instance of ours.
-// Nothing when our own user holds it, when it is free, or when the system does not tell.
+// The user whose process holds the lock named `name`, when that is not our own user: the user's name, or
+// "uid <number>". Any process can take the name first, so that is no instance of ours.
+// Nothing when our own user holds it, when it is free, or when the system does not say.
 std::optional<std::string> OtherUserHolding(std::string_view name);
 
 // Asks the instance named `name` to end; returns whether there is one that could be asked. Does not wait for

@@ -1,11 +1,10 @@
-// The system's IPv4 sockets behind handles and notifications.
+// The system's IPv4 sockets, by handles and notifications.
 //
 // Watching a socket delivers five notifications to its sink, with the meaning of Windows Sockets'
 // asynchronous selection:
 //   FD_READ     when data is there, and again only after a receive was tried and more is there
-//   FD_WRITE    once after the connection is made, and after a send that would have blocked as soon as one
-//   can
-//               go on
+//   FD_WRITE    once after the connection is made, and after a send that would have blocked, as soon as the
+//               next one can go on
 //   FD_ACCEPT   when a connection waits, and again after an accept when another one waits
 //   FD_CONNECT  once, when a connect that was under way has succeeded or failed (error != 0)
 //   FD_CLOSE    once, after everything that the peer sent has been read; its error (0, or 10054 and the like)
@@ -60,7 +59,7 @@ class SocketSink {
   virtual void OnSocketEvent(SocketHandle socket, SocketEvent event, int error) = 0;
 };
 
-// The numbers of errors that callers tell apart.
+// The numbers of errors that callers distinguish.
 namespace socket_error {
 inline constexpr int kTooManyOpenFiles = 10024;
 inline constexpr int kWouldBlock = 10035;
@@ -126,7 +125,7 @@ class Sockets {
   // The bytes that sends took and the peer's system has not acknowledged yet (TCP).
   int Unacknowledged(SocketHandle socket, std::size_t& bytes);
   // Whether the peer has ended or broken the connection: nothing comes beyond what is there to be received.
-  // FD_CLOSE tells the same only when all of that has been. False also for a stale handle.
+  // FD_CLOSE says the same only when all of that has been received. False also for a stale handle.
   bool PeerEnded(SocketHandle socket) const;
 
   int LocalEndpoint(SocketHandle socket, Endpoint& local);

@@ -13,10 +13,10 @@ namespace trabex {
 struct SystemRequestEvents {
   // The program is to end in order. On Linux SIGTERM, SIGINT, SIGQUIT.
   std::function<void()> end;
-  // The screen has gone, or somebody asks for a reload; who is called knows which it can be. On Linux SIGHUP.
+  // The screen has gone, or the operator asks for a reload; the handler knows which it is. On Linux SIGHUP.
   // A program that was started so that it ignores this (HangUpIsIgnored) is not asked.
   std::function<void()> hang_up;
-  // Somebody has moved the log file. On Linux SIGUSR1.
+  // The log file was moved. On Linux SIGUSR1.
   std::function<void()> reopen_log;
 };
 

@@ -1,4 +1,4 @@
-// The renderer: a process that waits for a key, a frame or a new size, and draws. It may stand still in a
+// The renderer: a process that waits for a key, a frame or a new size, and draws. It may be blocked in a
 // write as long as the terminal does; nothing but what is shown depends on it.
 #define NCURSES_NOMACROS 1
 #define NCURSES_WIDECHAR 1

@@ -3,7 +3,7 @@
 //
 // The renderer reports its state whenever that changes and after each frame it has drawn. The program sends
 // the next frame only when the one before it is drawn: so a terminal that does not read holds one frame,
-// however long it stands still.
+// however long it is blocked.
 #pragma once
 
 #include <cstddef>

@@ -19,7 +19,7 @@ struct TimerEntry {
   Milliseconds interval{0};
   std::function<void()> tick;
   MonotonicTime deadline{};
-  std::uint64_t order = 0;          // of arming; tells timers of one deadline apart
+  std::uint64_t order = 0;          // of arming; decides between timers of one deadline
   std::size_t position = kNowhere;  // in the heap, kNowhere while disabled
 };
 

@@ -7,8 +7,8 @@
 
 namespace trabex {
 
-// Opens a regular file; empty with errno otherwise. What is none is not opened at all, since opening alone
-// may wait (a FIFO) or move something (a tape); the second look is for what took its place in between.
+// Opens a regular file; empty with errno otherwise. Anything else is not opened at all, since opening alone
+// may wait (a FIFO) or move something (a tape); the second check is for what took its place in between.
 Descriptor OpenRegularFile(const std::string& path, int flags);
 
 }  // namespace trabex

@@ -15,7 +15,7 @@ long SystemClock::BiasSeconds(std::int64_t now) const {
   return bias_ = -local.tm_gmtoff;
 }
 
-// Texts of a time are rounded to the nearest second; without its fraction none of them is ahead of the time.
+// Texts of a time are rounded to the nearest second; without its fraction no text is ahead of the time.
 DateTime SystemClock::Now() const {
   timeval now{};
   gettimeofday(&now, nullptr);

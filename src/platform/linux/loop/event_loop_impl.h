@@ -85,7 +85,7 @@ struct EventLoop::Impl {
   std::size_t DispatchEvents();
 
   // Bounds the events of one iteration, so that timers and posts are not held up. What is left stays in the
-  // kernel's list, behind which served descriptors queue up again.
+  // kernel's list, and served descriptors join its end again.
   static constexpr std::size_t kMaxEventsPerIteration = 256;
 
   const Clock& clock;

@@ -49,7 +49,7 @@ bool TakePart(std::string_view& bytes, Part& part, std::size_t aligned_size) {
   return true;
 }
 
-// The owner, if the socket that `message` tells about is the wanted one.
+// The owner, if the socket that `message` describes is the wanted one.
 std::optional<uid_t> OwnerIn(std::string_view message, std::string_view abstract_name) {
   unix_diag_msg socket{};
   if (!TakePart(message, socket, NLMSG_ALIGN(sizeof socket)) || socket.udiag_type != SOCK_DGRAM) {

@@ -104,7 +104,7 @@ void Sockets::Impl::ArmListener(SocketHandle socket, Entry& entry) {
 }
 
 void Sockets::Impl::SetDrained(Entry& entry) {
-  entry.drained = entry.registered;  // otherwise nothing would tell of what comes later
+  entry.drained = entry.registered;  // otherwise no event would come for later data
   entry.drained_iteration = loop.iteration;
 }
 
