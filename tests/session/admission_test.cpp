@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -21,7 +21,7 @@ TEST(Admission, GreetingComesFromTheServer) {
 }
 
 TEST(Admission, OneConnectionTooMany) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 1; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.MaxConnections = 1; }, R"(
     S: 220 server ready
     <- 220 server ready
     connect
@@ -31,7 +31,7 @@ TEST(Admission, OneConnectionTooMany) {
 }
 
 TEST(Admission, TheCountIncludesTheNewSession) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.MaxConnections = 2; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.MaxConnections = 2; }, R"(
     S: 220 first
     <- 220 first
     connect
@@ -41,8 +41,8 @@ TEST(Admission, TheCountIncludesTheNewSession) {
 
 TEST(Admission, BlackListedAddress) {
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+      [](SessionFixture& fixture) {
+        fixture.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
       },
       R"(
     <- 554 Connection from 127.0.0.1 not allowed.
@@ -52,8 +52,8 @@ TEST(Admission, BlackListedAddress) {
 
 TEST(Admission, AddressOutsideTheAllowList) {
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.IPAllowList = IPRangeList({{IPAddress::IPv4(1), IPAddress::IPv4(2)}});
+      [](SessionFixture& fixture) {
+        fixture.Settings.IPAllowList = IPRangeList({{IPAddress::IPv4(1), IPAddress::IPv4(2)}});
       },
       R"(
     <- 554 Connection from 127.0.0.1 not allowed.
@@ -62,16 +62,16 @@ TEST(Admission, AddressOutsideTheAllowList) {
 
 TEST(Admission, WhiteListWinsOverBlackListAndSkipsTheName) {
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
-        world.Settings.IPWhiteList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
-        world.Settings.ValidateRDNS = 3;
+      [](SessionFixture& fixture) {
+        fixture.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+        fixture.Settings.IPWhiteList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+        fixture.Settings.ValidateRDNS = 3;
       },
       "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, NoNameIsRefusedButStaysOpen) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; }, R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.
     C: EHLO client.test
     <- 503 Bad sequence of commands.
@@ -83,7 +83,7 @@ TEST(Admission, NoNameIsRefusedButStaysOpen) {
 }
 
 TEST(Admission, RemoteOnlyCheckLetsALocalClientWithoutNameIn) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 2; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 2; }, R"(
     S: 220 server ready
     <- 220 server ready
     connect 127.0.0.9
@@ -91,10 +91,10 @@ TEST(Admission, RemoteOnlyCheckLetsALocalClientWithoutNameIn) {
 }
 
 TEST(Admission, BlackListedName) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateRDNS = 1;
-    world.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
-    world.Names.SetName(kLocalhost, "mail.bad.test");
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateRDNS = 1;
+    fixture.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
+    fixture.Names.SetName(kLocalhost, "mail.bad.test");
   };
   PlayBothWays(configure, R"(
     <- 554 Connection from mail.bad.test [127.0.0.1] not allowed.
@@ -103,11 +103,11 @@ TEST(Admission, BlackListedName) {
 }
 
 TEST(Admission, NameOutsideTheAllowList) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateRDNS = 1;
-    world.Settings.HostsAllowList = ExpressionList();
-    world.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
-    world.Names.SetName(kLocalhost, "mail.other.test");
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateRDNS = 1;
+    fixture.Settings.HostsAllowList = ExpressionList();
+    fixture.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
+    fixture.Names.SetName(kLocalhost, "mail.other.test");
   };
   PlayBothWays(configure, R"(
     <- 554 Connection from mail.other.test [127.0.0.1] not allowed.
@@ -116,30 +116,30 @@ TEST(Admission, NameOutsideTheAllowList) {
 }
 
 TEST(Admission, WhiteListedNameWins) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateRDNS = 1;
-    world.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
-    world.Settings.HostsWhiteList.Add("mail.*", {.patterns = {"mail.*"}});
-    world.Names.SetName(kLocalhost, "mail.bad.test");
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateRDNS = 1;
+    fixture.Settings.HostsBlackList.Add("*.bad.test", {.patterns = {"*.bad.test"}});
+    fixture.Settings.HostsWhiteList.Add("mail.*", {.patterns = {"mail.*"}});
+    fixture.Names.SetName(kLocalhost, "mail.bad.test");
   };
   PlayBothWays(configure, "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, NameListsCountOnlyWhereNamesAreChecked) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateRDNS = 2;
-    world.Settings.HostsBlackList.Add("*", {.patterns = {"*"}});
-    world.Names.SetName(kLocalhost, "mail.bad.test");
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateRDNS = 2;
+    fixture.Settings.HostsBlackList.Add("*", {.patterns = {"*"}});
+    fixture.Names.SetName(kLocalhost, "mail.bad.test");
   };
   PlayBothWays(configure, "S: 220 server ready\n<- 220 server ready");
 }
 
 TEST(Admission, WaitsForTheNameWhereItDecides) {
-  SessionWorld world;
-  world.Settings.ValidateRDNS = 1;
-  world.Names.SetName(kLocalhost, "good.test");
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play(R"(
+  SessionFixture fixture;
+  fixture.Settings.ValidateRDNS = 1;
+  fixture.Names.SetName(kLocalhost, "good.test");
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play(R"(
     C+ EHLO client.test\r\n
     <- nothing
     answer
@@ -150,9 +150,9 @@ TEST(Admission, WaitsForTheNameWhereItDecides) {
 }
 
 TEST(Admission, OnlyTheFirstCommandWaitsForANameThatDecidesNothing) {
-  SessionWorld world;
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play(R"(
+  SessionFixture fixture;
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play(R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO client.test
@@ -163,13 +163,13 @@ TEST(Admission, OnlyTheFirstCommandWaitsForANameThatDecidesNothing) {
 }
 
 TEST(Admission, LookUpEndsWithItsSession) {
-  SessionWorld world;
-  world.Settings.ValidateRDNS = 1;
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play("C closes"), "");
-  EXPECT_EQ(world.Sessions().Count(), 0U);
-  world.Names.Deliver();
-  world.Settle();
+  SessionFixture fixture;
+  fixture.Settings.ValidateRDNS = 1;
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play("C closes"), "");
+  EXPECT_EQ(fixture.Sessions().Count(), 0U);
+  fixture.Names.Deliver();
+  fixture.Settle();
 }
 
 // The name is what the owner of the address says; only its own addresses tell whether it is the client's.
@@ -189,14 +189,14 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
       {"mail.white.test", {}, "<- 454 Unable to verify DNS PTR record for 127.0.0.1."},
   };
   for (const auto& row : rows) {
-    const auto configure = [&](SessionWorld& world) {
-      world.Settings.ConfirmHostNames = true;
-      world.Settings.ValidateRDNS = 1;
-      world.Settings.HostsAllowList = ExpressionList();
-      world.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
-      world.Settings.HostsWhiteList.Add("*.white.test", {.patterns = {"*.white.test"}});
-      world.Names.SetName(kLocalhost, row.name);
-      world.Names.SetAddresses(row.name, row.addresses);
+    const auto configure = [&](SessionFixture& fixture) {
+      fixture.Settings.ConfirmHostNames = true;
+      fixture.Settings.ValidateRDNS = 1;
+      fixture.Settings.HostsAllowList = ExpressionList();
+      fixture.Settings.HostsAllowList.Add("*.good.test", {.patterns = {"*.good.test"}});
+      fixture.Settings.HostsWhiteList.Add("*.white.test", {.patterns = {"*.white.test"}});
+      fixture.Names.SetName(kLocalhost, row.name);
+      fixture.Names.SetAddresses(row.name, row.addresses);
     };
     SCOPED_TRACE(std::string(row.name) + " with " + std::to_string(row.addresses.size()));
     PlayBothWays(configure, row.transcript);
@@ -216,69 +216,69 @@ TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
   for (const bool confirm : {false, true}) {
     for (const bool leads_back : {false, true}) {
       Greylisting greylisting;
-      SessionWorld world;
-      world.Settings.ConfirmHostNames = confirm;
-      world.Settings.LocalIPs = IPRangeList();
-      world.Settings.GreyListing.Enabled = true;
-      world.Settings.ValidateHELO = 2;
-      world.Greylisting = &greylisting;
-      world.Names.SetName(kLocalhost, "mail.client.test");
-      world.Names.SetAddresses("mail.client.test", {leads_back ? kLocalhost : IP("10.0.0.1")});
+      SessionFixture fixture;
+      fixture.Settings.ConfirmHostNames = confirm;
+      fixture.Settings.LocalIPs = IPRangeList();
+      fixture.Settings.GreyListing.Enabled = true;
+      fixture.Settings.ValidateHELO = 2;
+      fixture.Greylisting = &greylisting;
+      fixture.Names.SetName(kLocalhost, "mail.client.test");
+      fixture.Names.SetAddresses("mail.client.test", {leads_back ? kLocalhost : IP("10.0.0.1")});
       cReplaces replaces;
       replaces.SetName("NOOP.250");
       replaces.Add("", "250 {%remotehostname%}", false);
-      world.Settings.ResponseChanges.Add(replaces);
+      fixture.Settings.ResponseChanges.Add(replaces);
       const bool named = leads_back || !confirm;
       const std::string name = named ? "mail.client.test" : "Unknown";
       // Named so it need not be looked up; without a name HELO's own is, and is another's.
       EXPECT_EQ(
-          world.Play(std::string("S: 220 server ready\n<- 220 server ready\nC: HELO mail.client.test\n") +
-                     (named ? "" :
-                            R"(
+          fixture.Play(std::string("S: 220 server ready\n<- 220 server ready\nC: HELO mail.client.test\n") +
+                       (named ? "" :
+                              R"(
     <- 550 Domain mail.client.test doesn't correspond to IP address 127.0.0.1.
     C: HELO [127.0.0.1]
 )") + "-> HELO *\nS: 250 ok\n<- 250 ok\n" +
-                     R"(
+                       R"(
     C: NOOP
     -> NOOP
     S: 250 ok
-    <- 250 )" + name +
-                     "\n" + MailAndRcpt() + R"(
+    <- 250 )" + name + "\n" +
+                       MailAndRcpt() + R"(
     C: DATA
     -> DATA
     S: 354 go on
     C+ text\r\n
     -> Received: from * ()" +
-                     name + R"( [127.0.0.1]) by proxy.test)"),
+                       name + R"( [127.0.0.1]) by proxy.test)"),
           "");
       EXPECT_EQ(greylisting.names, std::vector<std::string>{named ? "mail.client.test" : ""});
-      EXPECT_EQ(world.Names.ConfirmedNameRequests(), confirm ? 1U : 0U);
-      EXPECT_EQ(world.Names.NameRequests(), 1U);
-      EXPECT_EQ(world.Names.AddressRequests(), named ? 0U : 2U);
+      EXPECT_EQ(fixture.Names.ConfirmedNameRequests(), confirm ? 1U : 0U);
+      EXPECT_EQ(fixture.Names.NameRequests(), 1U);
+      EXPECT_EQ(fixture.Names.AddressRequests(), named ? 0U : 2U);
     }
   }
 }
 
 TEST(ConfirmedName, ItsLookUpEndsWithItsSession) {
   for (const std::int32_t checked : {0, 1}) {
-    SessionWorld world;
-    world.Settings.ConfirmHostNames = true;
-    world.Settings.ValidateRDNS = checked;
-    world.Names.HoldAnswers();
-    world.Start();
-    EXPECT_TRUE(world.Until([&] { return world.Names.Waiting() == 1; }));
-    EXPECT_EQ(world.Play("C closes"), "");
-    EXPECT_TRUE(world.Until([&] { return world.Sessions().Count() == 0; }));
-    EXPECT_EQ(world.Names.Waiting(), 0U);
-    EXPECT_EQ(world.Names.Cancelled(), 1U);
+    SessionFixture fixture;
+    fixture.Settings.ConfirmHostNames = true;
+    fixture.Settings.ValidateRDNS = checked;
+    fixture.Names.HoldAnswers();
+    fixture.Start();
+    EXPECT_TRUE(fixture.Until([&] { return fixture.Names.Waiting() == 1; }));
+    EXPECT_EQ(fixture.Play("C closes"), "");
+    EXPECT_TRUE(fixture.Until([&] { return fixture.Sessions().Count() == 0; }));
+    EXPECT_EQ(fixture.Names.Waiting(), 0U);
+    EXPECT_EQ(fixture.Names.Cancelled(), 1U);
   }
 }
 
 TEST(TimeOut, EndsASessionThatGetsNoServer) {
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.ValidateRDNS = 1;
-        world.Settings.Timeout = 60;
+      [](SessionFixture& fixture) {
+        fixture.Settings.ValidateRDNS = 1;
+        fixture.Settings.Timeout = 60;
       },
       R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.
@@ -308,29 +308,29 @@ std::string EveryTenSeconds(const std::string& line, int seconds) {
 // The stages of a session in which the time-out counts, each for as long as the test likes.
 const struct {
   const char* name;
-  void (*configure)(SessionWorld&);
+  void (*configure)(SessionFixture&);
   const char* begin;
   const char* answer;  // to a line
 } kTimedStages[] = {
     {"refused",
-     [](SessionWorld& world) {
-       world.Settings.ValidateRDNS = 1;
-       world.Settings.Timeout = 60;
-       world.Settings.MaxBadSeq = 1000;
+     [](SessionFixture& fixture) {
+       fixture.Settings.ValidateRDNS = 1;
+       fixture.Settings.Timeout = 60;
+       fixture.Settings.MaxBadSeq = 1000;
      },
      "<- 454 Unable to verify DNS PTR record for 127.0.0.1.\n", "<- 503 Bad sequence of commands.\n"},
     {"its name decides, and is being looked up",
-     [](SessionWorld& world) {
-       world.Settings.ValidateRDNS = 1;
-       world.Settings.Timeout = 60;
-       world.Names.HoldAnswers();
+     [](SessionFixture& fixture) {
+       fixture.Settings.ValidateRDNS = 1;
+       fixture.Settings.Timeout = 60;
+       fixture.Names.HoldAnswers();
      },
      "", ""},
     {"the server is being connected",
-     [](SessionWorld& world) {
-       world.Settings.ServerIP = "server.test";
-       world.Settings.Timeout = 60;
-       world.Names.HoldAnswers();
+     [](SessionFixture& fixture) {
+       fixture.Settings.ServerIP = "server.test";
+       fixture.Settings.Timeout = 60;
+       fixture.Names.HoldAnswers();
      },
      "", ""},
 };
@@ -390,7 +390,7 @@ TEST(TimeOut, DroppedOctetsDoNotRenewIt) {
 }
 
 TEST(TimeOut, NeverEndsASessionWithAServer) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.Timeout = 60; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.Timeout = 60; }, R"(
     S: 220 server ready
     <- 220 server ready
     wait 100000000
@@ -401,9 +401,9 @@ TEST(TimeOut, NeverEndsASessionWithAServer) {
 
 TEST(TimeOut, ZeroMeansNone) {
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.ValidateRDNS = 1;
-        world.Settings.Timeout = 0;
+      [](SessionFixture& fixture) {
+        fixture.Settings.ValidateRDNS = 1;
+        fixture.Settings.Timeout = 0;
       },
       R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.
@@ -414,14 +414,14 @@ TEST(TimeOut, ZeroMeansNone) {
 }
 
 TEST(Rows, AreThereAsLongAsTheirSession) {
-  SessionWorld world;
-  EXPECT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  ASSERT_EQ(world.Rows().size(), 1U);
-  EXPECT_NE(world.Sessions().Find(world.Rows()[0]), nullptr);
-  EXPECT_EQ(world.Rows()[0][0], ' ');
-  EXPECT_EQ(world.Play("C closes\nclosed S"), "");
-  EXPECT_TRUE(world.Rows().empty());
-  EXPECT_EQ(world.Sessions().Count(), 0U);
+  SessionFixture fixture;
+  EXPECT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  ASSERT_EQ(fixture.Rows().size(), 1U);
+  EXPECT_NE(fixture.Sessions().Find(fixture.Rows()[0]), nullptr);
+  EXPECT_EQ(fixture.Rows()[0][0], ' ');
+  EXPECT_EQ(fixture.Play("C closes\nclosed S"), "");
+  EXPECT_TRUE(fixture.Rows().empty());
+  EXPECT_EQ(fixture.Sessions().Count(), 0U);
 }
 
 }  // namespace

@@ -5,14 +5,14 @@
 #include <string>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
 
-void RefuseEvil(SessionWorld& world) {
-  world.Settings.ValidateHELO = 4;
-  world.Settings.HELOBlackList.Add("evil.test", {.patterns = {"evil.test"}});
+void RefuseEvil(SessionFixture& fixture) {
+  fixture.Settings.ValidateHELO = 4;
+  fixture.Settings.HELOBlackList.Add("evil.test", {.patterns = {"evil.test"}});
 }
 
 constexpr const char* kTransaction = R"(
@@ -111,12 +111,12 @@ TEST(Asked, ARefusedGreetingLeavesTheTransactionOpen) {
 // Replies name the sender and the size of the last MAIL, also of one that was refused: they are taken over at
 // the command. A transaction opens at the server's reply alone.
 TEST(Asked, ARefusedMailIsNamedInReplies) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.SendersBlackList.Add("evil@*", {.patterns = {"evil@*"}});
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.SendersBlackList.Add("evil@*", {.patterns = {"evil@*"}});
     cReplaces replaces;
     replaces.SetName("VRFY.252");
     replaces.Add("", "252 {%from%} {%size%}", true);
-    world.Settings.ResponseChanges.Add(replaces);
+    fixture.Settings.ResponseChanges.Add(replaces);
   };
   const auto named = [](const std::string& values) {
     return "\nC: VRFY x\n-> VRFY x\nS: 252 perhaps\n<- 252 " + values + "\n";
@@ -146,7 +146,7 @@ TEST(Asked, ARefusedMailIsNamedInReplies) {
 
 // RCPT counts when it is asked for, so that a client cannot try addresses without end.
 TEST(Asked, RefusedRecipientsCount) {
-  PlayEveryWay([](SessionWorld& world) { world.Settings.MaxRecipientsLocal = 3; }, InTransaction() + R"(
+  PlayEveryWay([](SessionFixture& fixture) { fixture.Settings.MaxRecipientsLocal = 3; }, InTransaction() + R"(
     C: RCPT TO:<v@local.test>
     -> RCPT TO:<v@local.test>
     S: 550 no

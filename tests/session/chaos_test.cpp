@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -59,7 +59,7 @@ const std::vector<std::string_view> kServerWords = {
 class Chaos {
  public:
   explicit Chaos(unsigned seed) : random_(seed) {
-    Configuration& settings = world_.Settings;
+    Configuration& settings = fixture_.Settings;
     settings.MaxBadSeq = Any(4);
     settings.ValidateRDNS = Any(4);
     settings.ValidateHELO = Any(16);
@@ -70,49 +70,49 @@ class Chaos {
     if (Any(2)) settings.LocalIPs = IPRangeList();
     if (Any(8) == 0) settings.ServerIP = "nowhere.test";
     if (Any(8) == 0) settings.MaxConnections = 1;
-    if (Any(2)) world_.Names.SetName(kIPv4Loopback, "client.test");
-    if (Any(3) == 0) world_.Names.HoldAnswers();
-    world_.Start();
+    if (Any(2)) fixture_.Names.SetName(kIPv4Loopback, "client.test");
+    if (Any(3) == 0) fixture_.Names.HoldAnswers();
+    fixture_.Start();
   }
 
   void Act() {
     switch (Any(24)) {
       case 0:
-        return world_.ClientPeer().ShutDownSending();
+        return fixture_.ClientPeer().ShutDownSending();
       case 1:
-        return world_.ClientPeer().Close();
+        return fixture_.ClientPeer().Close();
       case 2:
-        return world_.ClientPeer().Reset();
+        return fixture_.ClientPeer().Reset();
       case 3:
-        return world_.ServerPeer().ShutDownSending();
+        return fixture_.ServerPeer().ShutDownSending();
       case 4:
-        return world_.ServerPeer().Close();
+        return fixture_.ServerPeer().Close();
       case 5:
-        return world_.ServerPeer().Reset();
+        return fixture_.ServerPeer().Reset();
       case 6:
         LeaveClient();
         LeaveServer();
-        EXPECT_EQ(world_.Play("connect"), "");
+        EXPECT_EQ(fixture_.Play("connect"), "");
         return;
       case 7:
-        world_.Time.Advance(Milliseconds(Any(1500)));
-        return world_.CheckTimeouts();
+        fixture_.Time.Advance(Milliseconds(Any(1500)));
+        return fixture_.CheckTimeouts();
       case 8:
-        world_.Names.Deliver();
+        fixture_.Names.Deliver();
         return;
       case 9:
-        return world_.Settle();
+        return fixture_.Settle();
       case 10:
-        if (Any(10) == 0) world_.Shutdown();
+        if (Any(10) == 0) fixture_.Shutdown();
         return;
       case 11:
       case 12:
       case 13:
       case 14:
       case 15:
-        return Say(world_.ServerPeer(), kServerWords);
+        return Say(fixture_.ServerPeer(), kServerWords);
       default:
-        return Say(world_.ClientPeer(), kClientWords);
+        return Say(fixture_.ClientPeer(), kClientWords);
     }
   }
 
@@ -123,21 +123,21 @@ class Chaos {
     LeaveClient();
     if (!server_stays) {
       LeaveServer();
-      world_.Server().Close();
+      fixture_.Server().Close();
     }
-    const bool ended = world_.Until([&] {
-      world_.Names.Deliver();
-      world_.Time.Advance(Milliseconds(100));
-      world_.CheckTimeouts();
+    const bool ended = fixture_.Until([&] {
+      fixture_.Names.Deliver();
+      fixture_.Time.Advance(Milliseconds(100));
+      fixture_.CheckTimeouts();
       if (server_stays) {
         Turn();
-        if (world_.ServerPeer().Open()) world_.ServerPeer().Send("250 ok\r\n");
+        if (fixture_.ServerPeer().Open()) fixture_.ServerPeer().Send("250 ok\r\n");
       }
-      return world_.Sessions().Count() == 0;
+      return fixture_.Sessions().Count() == 0;
     });
-    EXPECT_TRUE(ended) << world_.Sessions().Count() << " sessions are left";
-    EXPECT_TRUE(world_.Rows().empty());
-    for (const std::string& line : world_.LogLines()) {
+    EXPECT_TRUE(ended) << fixture_.Sessions().Count() << " sessions are left";
+    EXPECT_TRUE(fixture_.Rows().empty());
+    for (const std::string& line : fixture_.LogLines()) {
       // What a handler lets out is logged with where that was.
       EXPECT_EQ(line.find(" in cProxy."), std::string::npos) << line;
       EXPECT_EQ(line.find(" in CSocketMaster."), std::string::npos) << line;
@@ -146,22 +146,22 @@ class Chaos {
 
   // How many times a session came as far as message content.
   std::ptrdiff_t Contents() const {
-    return std::count_if(world_.LogLines().begin(), world_.LogLines().end(), [](const std::string& line) {
+    return std::count_if(fixture_.LogLines().begin(), fixture_.LogLines().end(), [](const std::string& line) {
       return line.find("R: ") != std::string::npos && line.find("] > 354 ") != std::string::npos;
     });
   }
 
   void Turn() {
-    if (Any(3)) world_.Loop.RunOnce(Milliseconds(0));
-    if (world_.ServerPeer().Open() && !world_.ServerPeer().AtEnd()) return;
-    world_.ServerPeer() = world_.Server().Accept();
+    if (Any(3)) fixture_.Loop.RunOnce(Milliseconds(0));
+    if (fixture_.ServerPeer().Open() && !fixture_.ServerPeer().AtEnd()) return;
+    fixture_.ServerPeer() = fixture_.Server().Accept();
     // Most servers greet, and most clients begin as they should.
-    if (!world_.ServerPeer().Open() || Any(4) == 0) return;
-    world_.ServerPeer().Send("220 ready\r\n");
+    if (!fixture_.ServerPeer().Open() || Any(4) == 0) return;
+    fixture_.ServerPeer().Send("220 ready\r\n");
     if (Any(2))
-      world_.ClientPeer().Send(
+      fixture_.ClientPeer().Send(
           "EHLO client.test\r\nMAIL FROM:<a@b.test>\r\nRCPT TO:<u@local.test>\r\nDATA\r\n");
-    if (Any(2)) world_.ServerPeer().Send("250-server\r\n250 CHUNKING\r\n");
+    if (Any(2)) fixture_.ServerPeer().Send("250-server\r\n250 CHUNKING\r\n");
   }
 
  private:
@@ -174,11 +174,11 @@ class Chaos {
     peer.Send(said);
   }
 
-  void LeaveClient() { Any(2) ? world_.ClientPeer().Close() : world_.ClientPeer().Reset(); }
-  void LeaveServer() { Any(2) ? world_.ServerPeer().Close() : world_.ServerPeer().Reset(); }
+  void LeaveClient() { Any(2) ? fixture_.ClientPeer().Close() : fixture_.ClientPeer().Reset(); }
+  void LeaveServer() { Any(2) ? fixture_.ServerPeer().Close() : fixture_.ServerPeer().Reset(); }
 
   std::mt19937 random_;
-  SessionWorld world_;
+  SessionFixture fixture_;
 };
 
 TEST(Chaos, LeavesNothingBehind) {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -84,8 +84,8 @@ TEST(Closing, LastWordsWithoutTheirLineEndReachTheClientToo) {
 
 // The server asks for the content and is gone before it gets the first of it.
 TEST(Closing, LastWordsComeInTheOrderInWhichTheyWereSaid) {
-  SessionWorld world;
-  EXPECT_EQ(world.Play(InTransaction() + R"(
+  SessionFixture fixture;
+  EXPECT_EQ(fixture.Play(InTransaction() + R"(
     C: DATA
     -> DATA
     S+ 354 go on\r\n421 time is up
@@ -108,11 +108,11 @@ TEST(Closing, LastWordsWithoutTheirLineEndAreLoggedAsOthersAre) {
 
 // Only their line end is missing; they are changed as other replies are.
 TEST(Closing, LastWordsWithoutTheirLineEndPassTheFilter) {
-  const auto configure = [](SessionWorld& world) {
+  const auto configure = [](SessionFixture& fixture) {
     cReplaces replaces;
     replaces.SetName("421");
     replaces.Add("", "421 come again", true);
-    world.Settings.ResponseChanges.Add(replaces);
+    fixture.Settings.ResponseChanges.Add(replaces);
   };
   PlayEveryWay(configure, Greeted() + R"(
     S+ 421 server.inside.test is leaving
@@ -192,16 +192,16 @@ TEST(Closing, BothResetAtOnce) {
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.what);
-    SessionWorld world;
-    ASSERT_EQ(world.Play(Greeted()), "");
-    const std::size_t before = world.LogLines().size();
-    if (!row.client_first) world.ServerPeer().Reset();
-    world.ClientPeer().Reset();
-    world.ServerPeer().Reset();
-    world.Settle();
+    SessionFixture fixture;
+    ASSERT_EQ(fixture.Play(Greeted()), "");
+    const std::size_t before = fixture.LogLines().size();
+    if (!row.client_first) fixture.ServerPeer().Reset();
+    fixture.ClientPeer().Reset();
+    fixture.ServerPeer().Reset();
+    fixture.Settle();
     std::vector<std::string> logged;
-    for (std::size_t i = before; i < world.LogLines().size(); ++i) {
-      const std::string& line = world.LogLines()[i];
+    for (std::size_t i = before; i < fixture.LogLines().size(); ++i) {
+      const std::string& line = fixture.LogLines()[i];
       logged.push_back(line.substr(0, 3) + line.substr(line.find("] ") + 2));
     }
     EXPECT_EQ(logged, row.logged);
@@ -209,44 +209,44 @@ TEST(Closing, BothResetAtOnce) {
 }
 
 TEST(Closing, TheServerRefuses) {
-  PlayBothWays([](SessionWorld& world) { world.Server().Close(); }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Server().Close(); }, R"(
     <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Error 10061. Connection refused.)");
 }
 
 TEST(Closing, TheServersNameIsUnknown) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.ServerIP = "nowhere.test"; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ServerIP = "nowhere.test"; }, R"(
     <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Error 11001. Host not found.)");
 }
 
 TEST(Closing, ARefusalInsideTheContentReachesTheClientThoughTheServerResets) {
-  SessionWorld world;
-  ASSERT_EQ(world.Play(InContent()), "");
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(InContent()), "");
   // The server speaks and breaks the connection with content unread; the client's next content is there
   // first.
-  world.ClientPeer().Send("more content\r\n");
-  world.Settle();
-  world.ServerPeer().Send("552 too much\r\n");
-  world.ClientPeer().Send("and more\r\n");
-  world.ServerPeer().Close();
-  EXPECT_EQ(world.Play("<- 552 too much\nclosed C"), "");
+  fixture.ClientPeer().Send("more content\r\n");
+  fixture.Settle();
+  fixture.ServerPeer().Send("552 too much\r\n");
+  fixture.ClientPeer().Send("and more\r\n");
+  fixture.ServerPeer().Close();
+  EXPECT_EQ(fixture.Play("<- 552 too much\nclosed C"), "");
 }
 
 TEST(Closing, TheEndInsideTheContentIsNotForgottenWhileTheServerHadSpoken) {
-  SessionWorld world;
-  ASSERT_EQ(world.Play(InContent()), "");
-  world.ClientPeer().Send("text\r\n.\n");
-  world.ServerPeer().Send("421 too slow\r\n");
-  EXPECT_TRUE(world.Until([&] { return world.ServerPeer().AtEnd() && world.ClientPeer().AtEnd(); }));
-  EXPECT_EQ(world.Sessions().Count(), 0U);
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(InContent()), "");
+  fixture.ClientPeer().Send("text\r\n.\n");
+  fixture.ServerPeer().Send("421 too slow\r\n");
+  EXPECT_TRUE(fixture.Until([&] { return fixture.ServerPeer().AtEnd() && fixture.ClientPeer().AtEnd(); }));
+  EXPECT_EQ(fixture.Sessions().Count(), 0U);
 }
 
 TEST(Closing, ASecondReplyIsNotTakenForTheAnswerToTheNextCommand) {
-  SessionWorld world;
-  EXPECT_EQ(world.Play(Greeted() + R"(
+  SessionFixture fixture;
+  EXPECT_EQ(fixture.Play(Greeted() + R"(
     C+ NOOP\r\nMAIL FROM:<a@b.test>\r\nRCPT TO:<u@local.test>\r\n
     -> NOOP
     S+ 250 ok\r\n250 unasked\r\n
@@ -263,9 +263,9 @@ TEST(Closing, ASecondReplyIsNotTakenForTheAnswerToTheNextCommand) {
 
 TEST(Closing, ANamedServerIsFound) {
   PlayEveryWay(
-      [](SessionWorld& world) {
-        world.Settings.ServerIP = "server.test";
-        world.Names.SetAddresses("server.test", {kIPv4Loopback});
+      [](SessionFixture& fixture) {
+        fixture.Settings.ServerIP = "server.test";
+        fixture.Names.SetAddresses("server.test", {kIPv4Loopback});
       },
       "S: 220 server ready\n<- 220 server ready");
 }
@@ -280,7 +280,7 @@ TEST(Closing, ShutDownTellsTheClients) {
 }
 
 TEST(Closing, TooManyCommandsOutOfOrder) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.MaxBadSeq = 2; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.MaxBadSeq = 2; }, R"(
     S: 220 server ready
     <- 220 server ready
     C: DATA

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -12,23 +12,23 @@ void AddPattern(ExpressionList& list, const char* pattern) {
 }
 
 // The client counts as remote.
-void Remote(SessionWorld& world) {
-  world.Settings.LocalIPs = IPRangeList();
+void Remote(SessionFixture& fixture) {
+  fixture.Settings.LocalIPs = IPRangeList();
 }
 
-void AddChange(SessionWorld& world, const char* name, const char* search, const char* text) {
+void AddChange(SessionFixture& fixture, const char* name, const char* search, const char* text) {
   cReplaces replaces;
   replaces.Add(search, text, false);
   replaces.SetName(name);
-  world.Settings.ResponseChanges.Add(replaces);
+  fixture.Settings.ResponseChanges.Add(replaces);
 }
 
 TEST(Ehlo, ReplyIsRewritten) {
   PlayEveryWay(
-      [](SessionWorld& world) {
-        world.Settings.MaxSize = 1000 * kFixedPointOne;
-        AddPattern(world.Settings.RemoveSMTPExtensionsLocal, "VRFY");
-        world.Settings.AddSMTPExtensionsLocal.Add("XTRA", {.patterns = {"XTRA 1 2"}});
+      [](SessionFixture& fixture) {
+        fixture.Settings.MaxSize = 1000 * kFixedPointOne;
+        AddPattern(fixture.Settings.RemoveSMTPExtensionsLocal, "VRFY");
+        fixture.Settings.AddSMTPExtensionsLocal.Add("XTRA", {.patterns = {"XTRA 1 2"}});
       },
       R"(
     S: 220 server ready
@@ -58,9 +58,9 @@ TEST(Ehlo, ReplyIsRewritten) {
 TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
   const std::string content = "C: " + std::string(300, 'x') + "\n-> " + std::string(300, 'x') + "\n";
   PlayBothWays(
-      [](SessionWorld& world) {
-        world.Settings.MaxSize = 200 * kFixedPointOne;
-        world.Settings.AddReceived = false;
+      [](SessionFixture& fixture) {
+        fixture.Settings.MaxSize = 200 * kFixedPointOne;
+        fixture.Settings.AddReceived = false;
       },
       R"(
     S: 220 server ready
@@ -96,7 +96,8 @@ TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
 }
 
 TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
-  PlayEveryWay([](SessionWorld& world) { AddPattern(world.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
+  PlayEveryWay(
+      [](SessionFixture& fixture) { AddPattern(fixture.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
     S: 220 server ready
     <- 220 server ready
     C: EHLO client.test
@@ -134,7 +135,7 @@ TEST(Ehlo, SecondOneStartsAnew) {
 }
 
 TEST(Helo, HeaderSaysSmtp) {
-  PlayEveryWay([](SessionWorld& world) { world.Names.SetName(kIPv4Loopback, "client.example"); }, R"(
+  PlayEveryWay([](SessionFixture& fixture) { fixture.Names.SetName(kIPv4Loopback, "client.example"); }, R"(
     S: 220 server ready
     <- 220 server ready
     C: helo  client.test
@@ -151,11 +152,11 @@ TEST(Helo, HeaderSaysSmtp) {
 }
 
 TEST(Helo, IsCheckedInDns) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateHELO = 1;
-    world.Names.SetAddresses("right.test", {IP("127.0.0.2"), kIPv4Loopback});
-    world.Names.SetAddresses("wrong.test", {IP("127.0.0.2")});
-    world.Names.SetAddresses("127.0.0.1", {kIPv4Loopback});
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateHELO = 1;
+    fixture.Names.SetAddresses("right.test", {IP("127.0.0.2"), kIPv4Loopback});
+    fixture.Names.SetAddresses("wrong.test", {IP("127.0.0.2")});
+    fixture.Names.SetAddresses("127.0.0.1", {kIPv4Loopback});
   };
   PlayEveryWay(configure, R"(
     S: 220 server ready
@@ -178,12 +179,12 @@ TEST(Helo, IsCheckedInDns) {
 }
 
 TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
-  SessionWorld world;
-  world.Settings.ValidateHELO = 1;
-  world.Names.SetAddresses("right.test", {kIPv4Loopback});
-  EXPECT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play(R"(
+  SessionFixture fixture;
+  fixture.Settings.ValidateHELO = 1;
+  fixture.Names.SetAddresses("right.test", {kIPv4Loopback});
+  EXPECT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play(R"(
     C+ EHLO right.test\r\nNOOP\r\n
     -> nothing
     <- nothing
@@ -196,9 +197,9 @@ TEST(Helo, WaitsForItsNameAndTakesNoFurtherLine) {
 }
 
 TEST(Helo, OwnHostNameNeedsNoLookUp) {
-  const auto configure = [](SessionWorld& world) {
-    world.Settings.ValidateHELO = 1;
-    world.Names.SetName(kIPv4Loopback, "mail.example.test");
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.ValidateHELO = 1;
+    fixture.Names.SetName(kIPv4Loopback, "mail.example.test");
   };
   PlayEveryWay(configure, R"(
     S: 220 server ready
@@ -229,10 +230,10 @@ TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
 
 TEST(Rcpt, AddressesAreReplaced) {
   PlayEveryWay(
-      [](SessionWorld& world) {
-        world.Settings.SenderReplacementsLocal = {{"a@*", "z@out.test"}};
-        world.Settings.RecipientReplacementsLocal = {{"nobody@*", "n@x"},
-                                                     {"\"u@local.test\"", "v@local.test"}};
+      [](SessionFixture& fixture) {
+        fixture.Settings.SenderReplacementsLocal = {{"a@*", "z@out.test"}};
+        fixture.Settings.RecipientReplacementsLocal = {{"nobody@*", "n@x"},
+                                                       {"\"u@local.test\"", "v@local.test"}};
       },
       Greeted() + R"(
     C: MAIL FROM:<a@b.test> BODY=8BITMIME
@@ -246,10 +247,10 @@ TEST(Rcpt, AddressesAreReplaced) {
 TEST(Greylisting, RefusesAtRcpt) {
   DelayAll greylisting;
   PlayEveryWay(
-      [&](SessionWorld& world) {
-        Remote(world);
-        world.Greylisting = &greylisting;
-        world.Settings.GreyListing.Enabled = true;
+      [&](SessionFixture& fixture) {
+        Remote(fixture);
+        fixture.Greylisting = &greylisting;
+        fixture.Settings.GreyListing.Enabled = true;
       },
       Greeted() + R"(
     C: MAIL FROM:<a@b.test>
@@ -264,10 +265,10 @@ TEST(Greylisting, RefusesAtRcpt) {
 
 TEST(Greylisting, CallbackSenderIsRefusedAtData) {
   DelayAll greylisting;
-  const auto configure = [&](SessionWorld& world) {
-    Remote(world);
-    world.Greylisting = &greylisting;
-    world.Settings.GreyListing.Enabled = true;
+  const auto configure = [&](SessionFixture& fixture) {
+    Remote(fixture);
+    fixture.Greylisting = &greylisting;
+    fixture.Settings.GreyListing.Enabled = true;
   };
   const std::string opening = Greeted() + MailAndRcpt("") + "C: DATA\n";
   PlayEveryWay(configure, opening + R"(
@@ -277,9 +278,9 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
     S: 250 ok
     <- 250 ok)");
   PlayEveryWay(
-      [&](SessionWorld& world) {
-        configure(world);
-        world.Settings.GreyListing.CallbackSenderAction = 3;
+      [&](SessionFixture& fixture) {
+        configure(fixture);
+        fixture.Settings.GreyListing.CallbackSenderAction = 3;
       },
       opening + R"(
     closed both
@@ -288,11 +289,11 @@ TEST(Greylisting, CallbackSenderIsRefusedAtData) {
 
 TEST(Responses, OwnAndServersAreChanged) {
   PlayEveryWay(
-      [](SessionWorld& world) {
-        AddChange(world, ".220", "server", "{%localhostname%}");
-        AddChange(world, "BadSeq", "Bad", "Very bad");
-        AddChange(world, "DATA.BadSeq.NoHelo", "", "500 Say hello first{%crlf%}");
-        AddChange(world, "NOOP.250", "ok", "fine, {%remotehostip%}");
+      [](SessionFixture& fixture) {
+        AddChange(fixture, ".220", "server", "{%localhostname%}");
+        AddChange(fixture, "BadSeq", "Bad", "Very bad");
+        AddChange(fixture, "DATA.BadSeq.NoHelo", "", "500 Say hello first{%crlf%}");
+        AddChange(fixture, "NOOP.250", "ok", "fine, {%remotehostip%}");
       },
       R"(
     S: 220 server ready
@@ -311,14 +312,14 @@ TEST(Responses, OwnAndServersAreChanged) {
 // Macros are the administrator's: what the client wrote is text, in the proxy's own replies and in the
 // server's.
 TEST(Responses, MacrosOfAPeerStayText) {
-  const auto configure = [](SessionWorld& world) {
-    Remote(world);
-    world.Settings.ValidateHELO = 8;
-    AddPattern(world.Settings.HELOBlackList, "evil*");
-    AddChange(world, "RCPT.Relaying", "", "550 no: {%original%}");
-    AddChange(world, "HELO.BlackList", "name", "host {%helodomain%},");
-    AddChange(world, "NOOP.550", "never", "not");
-    AddChange(world, "VRFY.550", "", "550-{%helodomain%} asks:{%crlf%}550 {%original%}");
+  const auto configure = [](SessionFixture& fixture) {
+    Remote(fixture);
+    fixture.Settings.ValidateHELO = 8;
+    AddPattern(fixture.Settings.HELOBlackList, "evil*");
+    AddChange(fixture, "RCPT.Relaying", "", "550 no: {%original%}");
+    AddChange(fixture, "HELO.BlackList", "name", "host {%helodomain%},");
+    AddChange(fixture, "NOOP.550", "never", "not");
+    AddChange(fixture, "VRFY.550", "", "550-{%helodomain%} asks:{%crlf%}550 {%original%}");
   };
   PlayEveryWay(configure, InTransaction() + R"(
     C: RCPT TO:<x@{%crlf%}250-2.1.5_ok{%crlf%}250.y>

@@ -5,14 +5,14 @@
 #include <string>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
 
 // A trace header alone would wait a while for the content behind it, in each of the many dialogues here.
-void WithoutHeader(SessionWorld& world) {
-  world.Settings.AddReceived = false;
+void WithoutHeader(SessionFixture& fixture) {
+  fixture.Settings.AddReceived = false;
 }
 
 std::string InPlainContent() {
@@ -87,13 +87,14 @@ TEST(HalfClose, OfTheClientBehindLinesSentAheadEndsTheSession) {
   for (const auto& row : kRows) {
     for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
       SCOPED_TRACE(row.when);
-      SessionWorld world(delivery);
-      WithoutHeader(world);
-      ASSERT_EQ(world.Play(row.before + "\nS accepts\nC shuts"), "");
-      EXPECT_EQ(world.ServerPeer().Received(), row.heard);
-      if (world.Sessions().Count() > 0) world.ServerPeer().Send(row.answer);
-      EXPECT_TRUE(world.Until([&] { return world.ServerPeer().AtEnd() && world.ClientPeer().AtEnd(); }));
-      EXPECT_EQ(world.Sessions().Count(), 0U);
+      SessionFixture fixture(delivery);
+      WithoutHeader(fixture);
+      ASSERT_EQ(fixture.Play(row.before + "\nS accepts\nC shuts"), "");
+      EXPECT_EQ(fixture.ServerPeer().Received(), row.heard);
+      if (fixture.Sessions().Count() > 0) fixture.ServerPeer().Send(row.answer);
+      EXPECT_TRUE(
+          fixture.Until([&] { return fixture.ServerPeer().AtEnd() && fixture.ClientPeer().AtEnd(); }));
+      EXPECT_EQ(fixture.Sessions().Count(), 0U);
     }
   }
 }
@@ -118,42 +119,42 @@ TEST(HalfClose, OfTheClientInsideALineOfContentLosesNoByte) {
 TEST(HalfClose, OfAClientWithoutAServerEndsTheSession) {
   const struct {
     const char* stage;
-    void (*configure)(SessionWorld&);
+    void (*configure)(SessionFixture&);
     const char* before;
   } kRows[] = {
       {"its name decides, and is being looked up",
-       [](SessionWorld& world) {
-         world.Settings.ValidateRDNS = 1;
-         world.Names.HoldAnswers();
+       [](SessionFixture& fixture) {
+         fixture.Settings.ValidateRDNS = 1;
+         fixture.Names.HoldAnswers();
        },
        "C: EHLO client.test"},
-      {"it was refused", [](SessionWorld& world) { world.Settings.ValidateRDNS = 1; },
+      {"it was refused", [](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; },
        "<- 454 *\nC: NOOP\n<- 503 *"},
       {"the server's name is being looked up",
-       [](SessionWorld& world) {
-         world.Settings.ServerIP = "server.test";
-         world.Names.SetName(kIPv4Loopback, "client.test");
-         world.Names.HoldAnswers();
+       [](SessionFixture& fixture) {
+         fixture.Settings.ServerIP = "server.test";
+         fixture.Names.SetName(kIPv4Loopback, "client.test");
+         fixture.Names.HoldAnswers();
        },
        "C: EHLO client.test"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.stage);
-    SessionWorld world;
-    row.configure(world);
-    EXPECT_EQ(world.Play(std::string(row.before) + "\n<- nothing\nC shuts\nclosed C"), "");
-    EXPECT_EQ(world.Sessions().Count(), 0U);
-    EXPECT_EQ(world.Names.Waiting(), 0U);
+    SessionFixture fixture;
+    row.configure(fixture);
+    EXPECT_EQ(fixture.Play(std::string(row.before) + "\n<- nothing\nC shuts\nclosed C"), "");
+    EXPECT_EQ(fixture.Sessions().Count(), 0U);
+    EXPECT_EQ(fixture.Names.Waiting(), 0U);
   }
 }
 
 TEST(HalfClose, OfAClientWhoseGreetingNameIsLookedUpEndsTheSession) {
-  SessionWorld world;
-  world.Settings.ValidateHELO = 1;
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play("C: EHLO client.test\n-> nothing\nC shuts\nclosed both"), "");
-  EXPECT_EQ(world.Names.Waiting(), 0U);
+  SessionFixture fixture;
+  fixture.Settings.ValidateHELO = 1;
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play("C: EHLO client.test\n-> nothing\nC shuts\nclosed both"), "");
+  EXPECT_EQ(fixture.Names.Waiting(), 0U);
 }
 
 TEST(HalfClose, OfTheServerEndsTheSession) {
@@ -192,25 +193,25 @@ TEST(HalfClose, OfTheServerEndsTheSession) {
 
 // It still takes what was on its way to it.
 TEST(HalfClose, OfTheServerCostsItNoContent) {
-  SessionWorld world;
-  WithoutHeader(world);
-  ASSERT_EQ(world.Play(InPlainContent()), "");
-  world.ClientPeer().Send("one\r\ntwo\r\n");
-  world.Settle();
-  world.ServerPeer().ShutDownSending();
-  EXPECT_EQ(world.Play("-> one\n-> two\nclosed both"), "");
+  SessionFixture fixture;
+  WithoutHeader(fixture);
+  ASSERT_EQ(fixture.Play(InPlainContent()), "");
+  fixture.ClientPeer().Send("one\r\ntwo\r\n");
+  fixture.Settle();
+  fixture.ServerPeer().ShutDownSending();
+  EXPECT_EQ(fixture.Play("-> one\n-> two\nclosed both"), "");
 }
 
 // The answer to a look-up comes to nobody then.
 TEST(HalfClose, OfTheServerEndsTheLookUpOfAGreetingName) {
-  SessionWorld world;
-  world.Settings.ValidateHELO = 1;
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play("C: EHLO client.test\n-> nothing\nS: 421 time is up\nS shuts\n<- 421 time is up\n"
-                       "closed both"),
+  SessionFixture fixture;
+  fixture.Settings.ValidateHELO = 1;
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play("C: EHLO client.test\n-> nothing\nS: 421 time is up\nS shuts\n<- 421 time is up\n"
+                         "closed both"),
             "");
-  EXPECT_EQ(world.Names.Waiting(), 0U);
+  EXPECT_EQ(fixture.Names.Waiting(), 0U);
 }
 
 }  // namespace

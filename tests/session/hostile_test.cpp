@@ -12,7 +12,7 @@
 #include "config/ini_reader.h"
 #include "config/read_settings.h"
 #include "script/hostile_files.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 #include "support/dialogue_player.h"
 #include "support/scripted_server.h"
 
@@ -79,22 +79,22 @@ std::string Violations(const ScriptedServer& server) {
 
 std::string PlayOverLoopback(const script::HostileFile& file, const Play& play) {
   ScriptedServer server(file.script.head.replies);
-  SessionWorld world(play.delivery);
-  const std::int32_t port = world.Settings.ServerPort;
-  world.Settings = SettingsFor(file.script.head);
-  world.Settings.ServerPort = port;
-  world.Names.SetName(kIPv4Loopback, "localhost");
-  world.Attend(server);
-  world.Start();
+  SessionFixture fixture(play.delivery);
+  const std::int32_t port = fixture.Settings.ServerPort;
+  fixture.Settings = SettingsFor(file.script.head);
+  fixture.Settings.ServerPort = port;
+  fixture.Names.SetName(kIPv4Loopback, "localhost");
+  fixture.Attend(server);
+  fixture.Start();
   std::string failure = PlaySteps(
-      world, [&](std::string_view bytes) { world.ClientPeer().Send(bytes); }, file, play);
+      fixture, [&](std::string_view bytes) { fixture.ClientPeer().Send(bytes); }, file, play);
   // The client ends in order, and breaks off where that is not heard because of what it sent ahead.
-  world.ClientPeer().ShutDownSending();
-  world.Settle();
-  world.ClientPeer().Reset();
-  const bool ended = world.Until([&] {
-    world.Time.Advance(Milliseconds(100));
-    return world.Sessions().Count() == 0 || file.script.head.owes;
+  fixture.ClientPeer().ShutDownSending();
+  fixture.Settle();
+  fixture.ClientPeer().Reset();
+  const bool ended = fixture.Until([&] {
+    fixture.Time.Advance(Milliseconds(100));
+    return fixture.Sessions().Count() == 0 || file.script.head.owes;
   });
   if (!ended) failure += "\nthe session stays when the client is gone";
   return failure + Violations(server);

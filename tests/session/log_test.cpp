@@ -6,20 +6,20 @@
 #include <vector>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
 
 // Side and text of each line: "R > 250 ok".
 std::vector<std::string> Logged(int server_level, int client_level,
-                                const std::function<void(SessionWorld&)>& play) {
-  SessionWorld world;
-  world.Settings.LogLevelServer = server_level;
-  world.Settings.LogLevelRemote = client_level;
-  play(world);
+                                const std::function<void(SessionFixture&)>& play) {
+  SessionFixture fixture;
+  fixture.Settings.LogLevelServer = server_level;
+  fixture.Settings.LogLevelRemote = client_level;
+  play(fixture);
   std::vector<std::string> lines;
-  for (const std::string& line : world.LogLines()) {
+  for (const std::string& line : fixture.LogLines()) {
     lines.push_back(line.substr(0, 1) + line.substr(line.find(']') + 1));
   }
   return lines;
@@ -31,7 +31,7 @@ struct Line {
 };
 
 // Every pair of levels lets in the lines of its bits, in their order, and no others.
-void ExpectLines(const std::vector<Line>& all, const std::function<void(SessionWorld&)>& play) {
+void ExpectLines(const std::vector<Line>& all, const std::function<void(SessionFixture&)>& play) {
   for (const int server_level : {0, 1, 2, 4, 8, 15, 14, 13, 11, 7}) {
     for (const int client_level : {0, 1, 2, 4, 8, 15, 14, 13, 11, 7}) {
       std::vector<std::string> wanted;
@@ -59,8 +59,8 @@ TEST(LogLevels, OfAnOrdinarySession) {
           {8, "R Disconnected. Bytes received/sent: 12/57"},
           {8, "S Disconnected. Bytes received/sent: 26/6"},
       },
-      [](SessionWorld& world) {
-        EXPECT_EQ(world.Play(R"(
+      [](SessionFixture& fixture) {
+        EXPECT_EQ(fixture.Play(R"(
           S: 220 server ready
           <- 220 server ready
           C: DATA
@@ -88,9 +88,9 @@ TEST(LogLevels, OfTooManyCommandsOutOfOrder) {
           {8, "R Disconnected. Bytes received/sent: 6/49"},
           {8, "S Disconnected. Bytes received/sent: 18/0"},
       },
-      [](SessionWorld& world) {
-        world.Settings.MaxBadSeq = 0;
-        EXPECT_EQ(world.Play(R"(
+      [](SessionFixture& fixture) {
+        fixture.Settings.MaxBadSeq = 0;
+        EXPECT_EQ(fixture.Play(R"(
           S: 220 server ready
           <- 220 server ready
           C: DATA
@@ -126,12 +126,12 @@ TEST(LogLevels, OfAGreylistedCallback) {
           {8, "R Disconnected. Bytes received/sent: 62/42"},
           {8, "S Disconnected. Bytes received/sent: 42/56"},
       },
-      [&](SessionWorld& world) {
-        world.Settings.LocalIPs = IPRangeList();
-        world.Greylisting = &greylisting;
-        world.Settings.GreyListing.Enabled = true;
-        world.Settings.GreyListing.CallbackSenderAction = 3;
-        EXPECT_EQ(world.Play(R"(
+      [&](SessionFixture& fixture) {
+        fixture.Settings.LocalIPs = IPRangeList();
+        fixture.Greylisting = &greylisting;
+        fixture.Settings.GreyListing.Enabled = true;
+        fixture.Settings.GreyListing.CallbackSenderAction = 3;
+        EXPECT_EQ(fixture.Play(R"(
           S: 220 server ready
           <- 220 server ready
           C: HELO client.test
@@ -153,9 +153,9 @@ TEST(LogLevels, OfAServerThatRefuses) {
           {4, "R > 421 proxy.test is temporarily unavailable."},
           {8, "R Disconnected. Bytes received/sent: 0/44"},
       },
-      [](SessionWorld& world) {
-        world.Server().Close();
-        EXPECT_EQ(world.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "");
+      [](SessionFixture& fixture) {
+        fixture.Server().Close();
+        EXPECT_EQ(fixture.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "");
       });
 }
 
@@ -167,10 +167,10 @@ TEST(LogLevels, OfATimeOut) {
           {1, "R Timeout exceeded. Closing connection."},
           {8, "R Disconnected. Bytes received/sent: 0/52"},
       },
-      [](SessionWorld& world) {
-        world.Settings.ValidateRDNS = 1;
-        world.Settings.Timeout = 10;
-        EXPECT_EQ(world.Play(R"(
+      [](SessionFixture& fixture) {
+        fixture.Settings.ValidateRDNS = 1;
+        fixture.Settings.Timeout = 10;
+        EXPECT_EQ(fixture.Play(R"(
           <- 454 Unable to verify DNS PTR record for 127.0.0.1.
           wait 11000
           timeouts are checked
@@ -190,8 +190,8 @@ TEST(LogLevels, OfAClientThatResets) {
           {8, "R Disconnected. Bytes received/sent: 0/18"},
           {8, "S Disconnected. Bytes received/sent: 18/0"},
       },
-      [](SessionWorld& world) {
-        EXPECT_EQ(world.Play(R"(
+      [](SessionFixture& fixture) {
+        EXPECT_EQ(fixture.Play(R"(
           S: 220 server ready
           <- 220 server ready
           C resets

@@ -6,13 +6,13 @@
 #include <utility>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
 
-void WithoutHeader(SessionWorld& world) {
-  world.Settings.AddReceived = false;
+void WithoutHeader(SessionFixture& fixture) {
+  fixture.Settings.AddReceived = false;
 }
 
 constexpr const char* kConnected = R"(
@@ -69,26 +69,27 @@ TEST(Command, AFarewellInsteadOfAReplyLeavesTheSessionToTheServer) {
 }
 
 TEST(Command, AReplyThatIsLongerThanAnyIsUnderstoodByItsEnd) {
-  SessionWorld world;
+  SessionFixture fixture;
   std::string reply;
   std::string heard;
   for (int line = 0; line < 200; ++line) {
     reply += "S: 250-{500*x}\n";
     heard += "<- 250-{500*x}\n";
   }
-  EXPECT_EQ(world.Play(Greeted() + "C: MAIL FROM:<a@b.test>\n-> MAIL FROM:<a@b.test>\n" + reply + heard + R"(
+  EXPECT_EQ(
+      fixture.Play(Greeted() + "C: MAIL FROM:<a@b.test>\n-> MAIL FROM:<a@b.test>\n" + reply + heard + R"(
     C: RCPT TO:<u@local.test>
     <- nothing
     -> nothing
     S: 250 ok
     <- 250 ok
     -> RCPT TO:<u@local.test>)"),
-            "");
+      "");
 }
 
 TEST(Command, ALineWithoutEndThatIsLongerThanAnyReplyEndsTheSession) {
-  SessionWorld world;
-  EXPECT_EQ(world.Play(Greeted() + R"(
+  SessionFixture fixture;
+  EXPECT_EQ(fixture.Play(Greeted() + R"(
     C: NOOP
     -> NOOP
     S+ 250 {100000*x}
@@ -101,11 +102,11 @@ TEST(Command, ALineWithoutEndThatIsLongerThanAnyReplyEndsTheSession) {
 // --- the name that HELO or EHLO says
 
 TEST(NameCheck, WhatTheServerSaysMeanwhileIsRelayed) {
-  SessionWorld world;
-  world.Settings.ValidateHELO = 1;
-  ASSERT_EQ(world.Play(kConnected), "");
-  world.Names.HoldAnswers();
-  EXPECT_EQ(world.Play(R"(
+  SessionFixture fixture;
+  fixture.Settings.ValidateHELO = 1;
+  ASSERT_EQ(fixture.Play(kConnected), "");
+  fixture.Names.HoldAnswers();
+  EXPECT_EQ(fixture.Play(R"(
     C+ EHLO right.test\r\nNOOP\r\n
     -> nothing
     S: 421-still
@@ -127,13 +128,13 @@ TEST(NameCheck, EndsWithTheSession) {
                           "S: 421 time is up\nS closes\n<- 421 time is up\nclosed C",
                           "shutdown\n<- 421 4.3.2 *\nclosed both"}) {
     SCOPED_TRACE(end);
-    SessionWorld world;
-    world.Settings.ValidateHELO = 1;
-    ASSERT_EQ(world.Play(kConnected), "");
-    world.Names.HoldAnswers();
-    EXPECT_EQ(world.Play(std::string("C: EHLO right.test\n-> nothing\n") + end), "");
-    EXPECT_EQ(world.Names.Waiting(), 0U);
-    EXPECT_EQ(world.Sessions().Count(), 0U);
+    SessionFixture fixture;
+    fixture.Settings.ValidateHELO = 1;
+    ASSERT_EQ(fixture.Play(kConnected), "");
+    fixture.Names.HoldAnswers();
+    EXPECT_EQ(fixture.Play(std::string("C: EHLO right.test\n-> nothing\n") + end), "");
+    EXPECT_EQ(fixture.Names.Waiting(), 0U);
+    EXPECT_EQ(fixture.Sessions().Count(), 0U);
   }
 }
 
@@ -296,35 +297,35 @@ TEST(ChunkPhase, ARefusedXexch50HasNoOctets) {
 
 // What the server does not take at once, the client's end does not cost it.
 TEST(ContentPhase, ContentSentBeforeTheClientClosedReachesASlowServer) {
-  SessionWorld world;
-  WithoutHeader(world);
-  ASSERT_EQ(world.Play(InTransaction() + "C: DATA\n-> DATA\nS: 354 go on\n<- 354 go on"), "");
-  TestPeer server = std::move(world.ServerPeer());  // nobody reads it now
+  SessionFixture fixture;
+  WithoutHeader(fixture);
+  ASSERT_EQ(fixture.Play(InTransaction() + "C: DATA\n-> DATA\nS: 354 go on\n<- 354 go on"), "");
+  TestPeer server = std::move(fixture.ServerPeer());  // nobody reads it now
   server.HoldLittle();
   const std::string line(998, 'x');
   std::size_t sent = 0;
   const std::string text = line + "\r\n";
   while (sent < (std::size_t{8} << 20)) {
-    const std::size_t more = world.ClientPeer().Send(std::string_view(text).substr(sent % text.size()));
+    const std::size_t more = fixture.ClientPeer().Send(std::string_view(text).substr(sent % text.size()));
     if (more == 0) break;
     sent += more;
-    world.Settle();
+    fixture.Settle();
   }
   ASSERT_GT(sent, std::size_t{1} << 16);
-  world.ClientPeer().Close();
-  EXPECT_TRUE(world.Until([&] {
+  fixture.ClientPeer().Close();
+  EXPECT_TRUE(fixture.Until([&] {
     server.Poll();
     return server.AtEnd();
   }));
   EXPECT_FALSE(server.WasReset());
   EXPECT_EQ(server.Received().size(), sent);
-  EXPECT_EQ(world.Sessions().Count(), 0U);
+  EXPECT_EQ(fixture.Sessions().Count(), 0U);
 }
 
 // --- the pause before the end
 
 TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillHeard) {
-  const auto configure = [](SessionWorld& world) { world.Settings.MaxBadSeq = 0; };
+  const auto configure = [](SessionFixture& fixture) { fixture.Settings.MaxBadSeq = 0; };
   const std::string paused = std::string(kConnected) + R"(
     C: DATA
     <- 503 Bad sequence of commands.
@@ -375,25 +376,25 @@ TEST(Farewell, WhatTheServerSaysBehindItIsRelayed) {
 // --- the end of the program
 
 TEST(ShutDown, TellsEveryClientInAnyPhase) {
-  const auto held = [](SessionWorld& world) { world.Names.HoldAnswers(); };
+  const auto held = [](SessionFixture& fixture) { fixture.Names.HoldAnswers(); };
   const struct {
     const char* phase;
-    std::function<void(SessionWorld&)> configure;
+    std::function<void(SessionFixture&)> configure;
     std::string before;
     const char* closed;
   } kRows[] = {
       {"its name decides, and is being looked up",
-       [&](SessionWorld& world) {
-         world.Settings.ValidateRDNS = 1;
-         held(world);
+       [&](SessionFixture& fixture) {
+         fixture.Settings.ValidateRDNS = 1;
+         held(fixture);
        },
        "C: EHLO client.test\n<- nothing", "closed C"},
-      {"it was refused", [](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, "<- 454 *",
+      {"it was refused", [](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; }, "<- 454 *",
        "closed C"},
       {"the server is being connected",
-       [&](SessionWorld& world) {
-         world.Settings.ServerIP = "server.test";
-         held(world);
+       [&](SessionFixture& fixture) {
+         fixture.Settings.ServerIP = "server.test";
+         held(fixture);
        },
        "C: EHLO client.test\n<- nothing", "closed C"},
       {"before the greeting", {}, "S accepts\nC: EHLO client.test\n-> nothing", "closed both"},
@@ -423,7 +424,7 @@ TEST(ShutDown, TellsEveryClientInAnyPhase) {
 
 // Whoever is sent away at once may have said something already; that must not break off what it is told.
 TEST(SentAway, AClientThatSpokeFirstHearsWhy) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.IPAllowList = IPRangeList(); }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.IPAllowList = IPRangeList(); }, R"(
     C+ EHLO client.test\r\nQUIT\r\n
     <- 554 Connection from 127.0.0.1 not allowed.
     closed C)");

@@ -9,7 +9,7 @@
 
 #include "base/text.h"
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -53,7 +53,7 @@ TEST(Relay, TwoMessagesInOneSession) {
 }
 
 TEST(Relay, AMessageWithoutReceivedHeader) {
-  PlayEveryWay([](SessionWorld& world) { world.Settings.AddReceived = false; }, InTransaction() + R"(
+  PlayEveryWay([](SessionFixture& fixture) { fixture.Settings.AddReceived = false; }, InTransaction() + R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -141,8 +141,8 @@ std::string LongReply(const char* mark, int lines) {
 }
 
 TEST(Relay, AReplyThatIsLongerThanAnyPassesInPieces) {
-  SessionWorld world;
-  EXPECT_EQ(world.Play(Greeted() + "C: HELP\n-> HELP\n" + LongReply("S:", 400) + LongReply("<-", 400) + R"(
+  SessionFixture fixture;
+  EXPECT_EQ(fixture.Play(Greeted() + "C: HELP\n-> HELP\n" + LongReply("S:", 400) + LongReply("<-", 400) + R"(
     C: NOOP
     -> NOOP)"),
             "");
@@ -151,10 +151,10 @@ TEST(Relay, AReplyThatIsLongerThanAnyPassesInPieces) {
 TEST(Relay, AnEhloReplyThatIsLongerThanAnyEndsTheSession) {
   std::string reply = LongReply("S:", 400);
   reply = ReplaceAll(reply, "214", "250");
-  SessionWorld world;
-  const std::string failure = world.Play("S: 220 hi\n<- 220 hi\nC: EHLO x\n-> EHLO x\n" + reply);
-  world.Settle();
-  EXPECT_EQ(world.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
+  SessionFixture fixture;
+  const std::string failure = fixture.Play("S: 220 hi\n<- 220 hi\nC: EHLO x\n-> EHLO x\n" + reply);
+  fixture.Settle();
+  EXPECT_EQ(fixture.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
 }
 
 TEST(Relay, WhatFollowsTheContentWaitsForTheReply) {
@@ -200,21 +200,21 @@ TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
 // Its lines wait in its own connection, and none of the proxy's memory goes to replies that nobody takes.
 TEST(Relay, AClientThatDoesNotReadIsHeld) {
   constexpr std::size_t kMost_bytes = std::size_t{64} << 20;
-  SessionWorld world;
-  world.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
+  SessionFixture fixture;
+  fixture.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
   const std::string reply = "503 " + std::string(2000, 'x');
   cReplaces replaces;
   replaces.SetName("BadSeq");
   replaces.Add("", reply, true);
-  world.Settings.ResponseChanges.Add(replaces);
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer client = std::move(world.ClientPeer());  // nobody else reads it now
+  fixture.Settings.ResponseChanges.Add(replaces);
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  TestPeer client = std::move(fixture.ClientPeer());  // nobody else reads it now
   const std::string line = "RCPT " + std::string(1000, 'x') + "\r\n";
   std::size_t sent = 0;
   for (std::size_t more = 1; more > 0 && sent < kMost_bytes; sent += more) {
     more = client.Send(std::string_view(line).substr(sent % line.size()));
     if (more == 0) {
-      world.Settle();
+      fixture.Settle();
       more = client.Send(std::string_view(line).substr(sent % line.size()));
     }
   }
@@ -226,7 +226,7 @@ TEST(Relay, AClientThatDoesNotReadIsHeld) {
     client.Poll();
     return client.Received().size() >= wanted_bytes;
   };
-  EXPECT_TRUE(world.Until(all_there)) << client.Received().size() << " of " << wanted_bytes;
+  EXPECT_TRUE(fixture.Until(all_there)) << client.Received().size() << " of " << wanted_bytes;
   EXPECT_EQ(client.Received().size(), wanted_bytes);
 }
 

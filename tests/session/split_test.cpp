@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "base/text.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -138,12 +138,12 @@ struct Outcome {
 // Plays a session; `piece(size)` says how much of what is on its way arrives next.
 template <class Piece>
 Outcome Play(const std::string& session, std::mt19937& random, Piece piece) {
-  SessionWorld world;
-  world.Settings.LocalIPs = IPRangeList();
-  world.Settings.MaxBadSeq = 1'000'000;
-  world.Settings.SendersBlackList.Add("black@*", {{"black@*"}, false});
-  world.Start();
-  EXPECT_TRUE(world.NeedServer());
+  SessionFixture fixture;
+  fixture.Settings.LocalIPs = IPRangeList();
+  fixture.Settings.MaxBadSeq = 1'000'000;
+  fixture.Settings.SendersBlackList.Add("black@*", {{"black@*"}, false});
+  fixture.Start();
+  EXPECT_TRUE(fixture.NeedServer());
   AnsweringServer server;
   std::string from_server = "220 ready\r\n";
   std::string from_client = session;
@@ -151,13 +151,13 @@ Outcome Play(const std::string& session, std::mt19937& random, Piece piece) {
     const bool client_next = from_server.empty() || (!from_client.empty() && random() % 2 == 0);
     std::string& next = client_next ? from_client : from_server;
     const std::size_t size = piece(next.size());
-    (client_next ? world.ClientPeer() : world.ServerPeer()).Send(std::string_view(next).substr(0, size));
+    (client_next ? fixture.ClientPeer() : fixture.ServerPeer()).Send(std::string_view(next).substr(0, size));
     next.erase(0, size);
-    world.Settle();
-    from_server += server.Take(world.ServerPeer().Received());
-    world.ServerPeer().Received().clear();
+    fixture.Settle();
+    from_server += server.Take(fixture.ServerPeer().Received());
+    fixture.ServerPeer().Received().clear();
   }
-  return {server.Heard(), world.ClientPeer().Received(), server.Messages()};
+  return {server.Heard(), fixture.ClientPeer().Received(), server.Messages()};
 }
 
 TEST(Splits, MakeNoDifferenceToEitherSide) {

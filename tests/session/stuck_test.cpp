@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -23,17 +23,17 @@ constexpr std::size_t kVisible_bytes = std::size_t{256} << 10;
 class StuckSession {
  public:
   StuckSession() {
-    world.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
+    fixture.Settings.MaxBadSeq = std::numeric_limits<std::int32_t>::max();
     cReplaces replaces;
     replaces.SetName("BadSeq");
     replaces.Add("", Reply(), true);
-    world.Settings.ResponseChanges.Add(replaces);
+    fixture.Settings.ResponseChanges.Add(replaces);
   }
 
   // The client sends commands and reads no reply, until one waits for it.
   void HoldClient() {
-    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-    client = std::move(world.ClientPeer());  // nobody else reads it now
+    ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+    client = std::move(fixture.ClientPeer());  // nobody else reads it now
     client.HoldLittle();
     SendCommands();
   }
@@ -49,33 +49,33 @@ class StuckSession {
 
   // The server sends replies inside a chunk, and the client reads none, until some wait for it.
   void HoldClientInChunk() {
-    ASSERT_EQ(world.Play(InTransaction() + "C: BDAT 1000000000\n-> BDAT *\nC+ x\n-> Received: *"), "");
-    client = std::move(world.ClientPeer());
+    ASSERT_EQ(fixture.Play(InTransaction() + "C: BDAT 1000000000\n-> BDAT *\nC+ x\n-> Received: *"), "");
+    client = std::move(fixture.ClientPeer());
     client.HoldLittle();
     std::string said;
     while (said.size() < 30000) said.append("250 ").append(std::string(500, 'w')).append("\r\n");
     std::size_t all = 0;
-    for (std::size_t lines = 0; lines != world.LogLines().size() && all < kMost_bytes; all += said.size()) {
-      lines = world.LogLines().size();
-      ASSERT_EQ(world.ServerPeer().Send(said), said.size());
-      world.Settle();
+    for (std::size_t lines = 0; lines != fixture.LogLines().size() && all < kMost_bytes; all += said.size()) {
+      lines = fixture.LogLines().size();
+      ASSERT_EQ(fixture.ServerPeer().Send(said), said.size());
+      fixture.Settle();
     }
     ASSERT_LT(all, kMost_bytes);
   }
 
   // The server reads no content, until some waits for it.
   void HoldServer() {
-    ASSERT_EQ(world.Play(InContent()), "");
-    server = std::move(world.ServerPeer());
+    ASSERT_EQ(fixture.Play(InContent()), "");
+    server = std::move(fixture.ServerPeer());
     server.HoldLittle();
-    SendUntilHeld(world.ClientPeer(), std::string(998, 'x') + "\r\n");
+    SendUntilHeld(fixture.ClientPeer(), std::string(998, 'x') + "\r\n");
   }
 
   void Pass(int seconds) {
     for (int half = 0; half < 2 * seconds; ++half) {
-      world.Time.Advance(Milliseconds(500));
-      world.CheckTimeouts();
-      world.Settle();
+      fixture.Time.Advance(Milliseconds(500));
+      fixture.CheckTimeouts();
+      fixture.Settle();
     }
   }
 
@@ -98,11 +98,12 @@ class StuckSession {
   // `peer` reads enough for everybody to see that it does.
   void ReadVisibly(TestPeer& peer) {
     std::size_t taken = 0;
-    EXPECT_TRUE(world.Until([&] { return (taken += peer.Take(kVisible_bytes - taken)) == kVisible_bytes; }));
+    EXPECT_TRUE(
+        fixture.Until([&] { return (taken += peer.Take(kVisible_bytes - taken)) == kVisible_bytes; }));
   }
   // What the client gets when it reads to the end.
   std::string ReadToEnd() {
-    EXPECT_TRUE(world.Until([this] {
+    EXPECT_TRUE(fixture.Until([this] {
       client.Poll();
       return client.AtEnd();
     }));
@@ -119,13 +120,15 @@ class StuckSession {
     return got.substr(at);
   }
 
-  bool ServerIsLetGo() const { return world.LogLines().back().find("] Disconnected. ") != std::string::npos; }
-  cProxy& Session() { return world.Sessions().At(0); }
-  bool Ended() { return world.Sessions().Count() == 0; }
+  bool ServerIsLetGo() const {
+    return fixture.LogLines().back().find("] Disconnected. ") != std::string::npos;
+  }
+  cProxy& Session() { return fixture.Sessions().At(0); }
+  bool Ended() { return fixture.Sessions().Count() == 0; }
 
   static std::string Reply() { return "503 " + std::string(2000, 'x'); }
 
-  SessionWorld world;
+  SessionFixture fixture;
   TestPeer client;
   TestPeer server;
   std::string replies;  // to the commands sent
@@ -138,7 +141,7 @@ class StuckSession {
       const std::size_t more = peer.Send(text.substr(sent % text.size()));
       sent += more;
       tries = more == 0 ? tries + 1 : 0;
-      if (more == 0) world.Settle();
+      if (more == 0) fixture.Settle();
     }
     EXPECT_LT(sent, kMost_bytes);
     return sent;
@@ -151,9 +154,9 @@ TEST(Stuck, AClientThatDoesNotReadLosesItsSession) {
   StuckSession stuck;
   stuck.HoldClient();
   EXPECT_GE(stuck.SecondsToTheEnd(stuck.client), 300);
-  EXPECT_EQ(stuck.world.Play("log R: {*] Send time-out. Closing connection.\nclosed S"), "");
+  EXPECT_EQ(stuck.fixture.Play("log R: {*] Send time-out. Closing connection.\nclosed S"), "");
   stuck.Pass(6);
-  EXPECT_EQ(stuck.world.Sockets_().LingeringCount(), 0U);
+  EXPECT_EQ(stuck.fixture.Sockets_().LingeringCount(), 0U);
 }
 
 // Long before a send can go on, the acknowledgements show that the client reads.
@@ -176,7 +179,7 @@ TEST(Stuck, AServerThatDoesNotReadLosesItsSession) {
   StuckSession stuck;
   stuck.HoldServer();
   EXPECT_GE(stuck.SecondsToTheEnd(stuck.server), 300);
-  EXPECT_EQ(stuck.world.Play(R"(
+  EXPECT_EQ(stuck.fixture.Play(R"(
     <- 421 proxy.test is temporarily unavailable.
     closed C
     log S: {*] Send time-out. Closing connection.)"),
@@ -204,7 +207,7 @@ TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirst) {
   stuck.HoldServer();
   stuck.server.Send("452-no\r\n452 disk fu");
   stuck.SecondsToTheEnd(stuck.server);
-  EXPECT_EQ(stuck.world.Play(R"(
+  EXPECT_EQ(stuck.fixture.Play(R"(
     <- 452-no
     <- 452 disk fu
     closed C)"),
@@ -213,18 +216,18 @@ TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirst) {
 
 TEST(Stuck, ASessionInWhichNothingWaitsMayBeIdle) {
   StuckSession stuck;
-  ASSERT_EQ(stuck.world.Play(Greeted()), "");
+  ASSERT_EQ(stuck.fixture.Play(Greeted()), "");
   stuck.Pass(1000);
-  EXPECT_EQ(stuck.world.Play("C: NOOP\n-> NOOP"), "");
+  EXPECT_EQ(stuck.fixture.Play("C: NOOP\n-> NOOP"), "");
   stuck.Pass(1000);
-  EXPECT_EQ(stuck.world.Play("S: 250 ok\n<- 250 ok"), "");
+  EXPECT_EQ(stuck.fixture.Play("S: 250 ok\n<- 250 ok"), "");
 }
 
 TEST(Stuck, EachSendHasItsOwnTime) {
   StuckSession stuck;
   stuck.HoldClient();
   stuck.Pass(200);
-  EXPECT_TRUE(stuck.world.Until([&] {
+  EXPECT_TRUE(stuck.fixture.Until([&] {
     stuck.client.Poll();
     return stuck.client.Received().size() >= stuck.replies.size();
   }));
@@ -240,12 +243,12 @@ TEST(Stuck, AServerThatHangsUpIsLetGo) {
     SCOPED_TRACE(words);
     StuckSession stuck;
     stuck.HoldClient();
-    stuck.world.ServerPeer().Send(words);
-    stuck.world.ServerPeer().ShutDownSending();
-    stuck.world.Settle();
+    stuck.fixture.ServerPeer().Send(words);
+    stuck.fixture.ServerPeer().ShutDownSending();
+    stuck.fixture.Settle();
     stuck.Pass(1);
-    EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
-    EXPECT_FALSE(stuck.world.ServerPeer().WasReset());
+    EXPECT_TRUE(stuck.fixture.Until([&] { return stuck.fixture.ServerPeer().AtEnd(); }));
+    EXPECT_FALSE(stuck.fixture.ServerPeer().WasReset());
     // The client may still read, at any time while the rest makes progress.
     stuck.Pass(250);
     ASSERT_FALSE(stuck.Ended());
@@ -260,12 +263,12 @@ TEST(Stuck, AServerThatHangsUpIsLetGo) {
 TEST(Stuck, AServerThatBreaksOffIsLetGo) {
   StuckSession stuck;
   stuck.HoldClient();
-  stuck.world.ServerPeer().Send("421 time is up\r\n421 bye");
-  stuck.world.Settle();
-  stuck.world.ServerPeer().Reset();
-  stuck.world.Settle();
+  stuck.fixture.ServerPeer().Send("421 time is up\r\n421 bye");
+  stuck.fixture.Settle();
+  stuck.fixture.ServerPeer().Reset();
+  stuck.fixture.Settle();
   stuck.Pass(1);
-  EXPECT_EQ(stuck.world.Play("log S: {*] Disconnected. *"), "");
+  EXPECT_EQ(stuck.fixture.Play("log S: {*] Disconnected. *"), "");
   EXPECT_FALSE(stuck.Ended());
   EXPECT_EQ(stuck.ReadBehindReplies(),
             "421 time is up\r\n421 bye\r\n421 proxy.test is temporarily unavailable.\r\n");
@@ -275,10 +278,10 @@ TEST(Stuck, AServerThatBreaksOffIsLetGo) {
 TEST(Stuck, AServerThatIsThereWaitsForTheClient) {
   StuckSession stuck;
   stuck.HoldClient();
-  stuck.world.ServerPeer().Send("250 later\r\n");
-  stuck.world.Settle();
+  stuck.fixture.ServerPeer().Send("250 later\r\n");
+  stuck.fixture.Settle();
   stuck.Pass(10);
-  for (const std::string& line : stuck.world.LogLines()) EXPECT_EQ(line.find("later"), std::string::npos);
+  for (const std::string& line : stuck.fixture.LogLines()) EXPECT_EQ(line.find("later"), std::string::npos);
 }
 
 // The session ends when the client has taken the refusal; what the server said by then goes behind it.
@@ -299,15 +302,15 @@ TEST(Stuck, WhatTheServerSaysDuringTheLastReplyIsNotLost) {
     replaces.SetName(row.key);
     const std::string refusal = "452 " + std::string(std::size_t{16} << 20, 'x');
     replaces.Add("", refusal, true);
-    stuck.world.Settings.ResponseChanges.Add(replaces);
-    ASSERT_EQ(stuck.world.Play(row.before), "");
-    stuck.client = std::move(stuck.world.ClientPeer());
+    stuck.fixture.Settings.ResponseChanges.Add(replaces);
+    ASSERT_EQ(stuck.fixture.Play(row.before), "");
+    stuck.client = std::move(stuck.fixture.ClientPeer());
     stuck.client.HoldLittle();
     stuck.client.Send(row.client);
-    stuck.world.ServerPeer().Send(row.server);
-    stuck.world.Settle();
-    stuck.world.ServerPeer().Send("421 leaving\r\n");
-    stuck.world.Settle();
+    stuck.fixture.ServerPeer().Send(row.server);
+    stuck.fixture.Settle();
+    stuck.fixture.ServerPeer().Send("421 leaving\r\n");
+    stuck.fixture.Settle();
     ASSERT_FALSE(stuck.Ended());
     EXPECT_TRUE(stuck.ReadToEnd() == refusal + "\r\n421 leaving\r\n");
     EXPECT_TRUE(stuck.Ended());
@@ -318,14 +321,14 @@ TEST(Stuck, WhatTheServerSaysDuringTheLastReplyIsNotLost) {
 TEST(Stuck, ContentIsNotTakenWhenTheServerHasGone) {
   StuckSession stuck;
   stuck.HoldClientInChunk();
-  stuck.world.ServerPeer().ShutDownSending();
-  stuck.world.Settle();
+  stuck.fixture.ServerPeer().ShutDownSending();
+  stuck.fixture.Settle();
   stuck.Pass(1);
   EXPECT_TRUE(stuck.ServerIsLetGo());
-  const std::size_t lines = stuck.world.LogLines().size();
+  const std::size_t lines = stuck.fixture.LogLines().size();
   stuck.client.Send("more of it");
-  stuck.world.Settle();
-  EXPECT_EQ(stuck.world.LogLines().size(), lines);
+  stuck.fixture.Settle();
+  EXPECT_EQ(stuck.fixture.LogLines().size(), lines);
 }
 
 // Replies that come while the client does not read are no less filtered than others.
@@ -334,11 +337,11 @@ TEST(Stuck, LastRepliesPassTheFilter) {
   cReplaces replaces;
   replaces.SetName("421");
   replaces.Add("", "421 come again", true);
-  stuck.world.Settings.ResponseChanges.Add(replaces);
+  stuck.fixture.Settings.ResponseChanges.Add(replaces);
   stuck.HoldClient();
-  stuck.world.ServerPeer().Send("421-server.inside.test\r\n421 is leaving\r\n");
-  stuck.world.ServerPeer().Close();
-  stuck.world.Settle();
+  stuck.fixture.ServerPeer().Send("421-server.inside.test\r\n421 is leaving\r\n");
+  stuck.fixture.ServerPeer().Close();
+  stuck.fixture.Settle();
   stuck.Pass(1);
   EXPECT_EQ(stuck.ReadBehindReplies(), "421 come again\r\n");
 }
@@ -351,14 +354,14 @@ TEST(Stuck, LongLastWordsWaitForTheClient) {
   words.append("214 end\r\n");
   StuckSession stuck;
   stuck.HoldClient();
-  ASSERT_EQ(stuck.world.ServerPeer().Send(words), words.size());
-  stuck.world.ServerPeer().ShutDownSending();
-  stuck.world.Settle();
+  ASSERT_EQ(stuck.fixture.ServerPeer().Send(words), words.size());
+  stuck.fixture.ServerPeer().ShutDownSending();
+  stuck.fixture.Settle();
   stuck.Pass(1);
-  EXPECT_FALSE(stuck.world.ServerPeer().AtEnd());
+  EXPECT_FALSE(stuck.fixture.ServerPeer().AtEnd());
   // Its next commands may be answered before the end is found behind these words.
   EXPECT_TRUE(stuck.ReadBehindReplies().starts_with(words));
-  EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
+  EXPECT_TRUE(stuck.fixture.Until([&] { return stuck.fixture.ServerPeer().AtEnd(); }));
   EXPECT_TRUE(stuck.Ended());
 }
 
@@ -367,31 +370,31 @@ TEST(Stuck, NobodyWaitsForEverForAClientWhoseServerHasGone) {
     SCOPED_TRACE(long_words);
     StuckSession stuck;
     stuck.HoldClient();
-    stuck.world.ServerPeer().Send(std::string(long_words ? 90000 : 9, 'w'));
-    stuck.world.ServerPeer().ShutDownSending();
+    stuck.fixture.ServerPeer().Send(std::string(long_words ? 90000 : 9, 'w'));
+    stuck.fixture.ServerPeer().ShutDownSending();
     EXPECT_GE(stuck.SecondsToTheEnd(stuck.client), 300);
-    EXPECT_TRUE(stuck.world.Until([&] { return stuck.world.ServerPeer().AtEnd(); }));
+    EXPECT_TRUE(stuck.fixture.Until([&] { return stuck.fixture.ServerPeer().AtEnd(); }));
   }
 }
 
 TEST(Stuck, AClientThatBreaksOffBehindItsServerEndsTheSession) {
   StuckSession stuck;
   stuck.HoldClient();
-  stuck.world.ServerPeer().Close();
+  stuck.fixture.ServerPeer().Close();
   stuck.Pass(1);
   EXPECT_FALSE(stuck.Ended());
   stuck.client.Reset();
-  stuck.world.Settle();
+  stuck.fixture.Settle();
   EXPECT_TRUE(stuck.Ended());
 }
 
 TEST(Stuck, ShutDownDoesNotWaitForAClientWhoseServerHasGone) {
   StuckSession stuck;
   stuck.HoldClient();
-  stuck.world.ServerPeer().Close();
+  stuck.fixture.ServerPeer().Close();
   stuck.Pass(1);
-  stuck.world.Shutdown();
-  stuck.world.Settle();
+  stuck.fixture.Shutdown();
+  stuck.fixture.Settle();
   EXPECT_TRUE(stuck.Ended());
 }
 

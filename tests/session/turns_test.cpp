@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "session/dialogues.h"
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 namespace trabex {
 namespace {
@@ -17,9 +17,9 @@ namespace {
 constexpr int kLinesPerTurn = 32;
 
 // The proxy answers every line itself, and each answer names its line.
-void RefuseAll(SessionWorld& world) {
-  world.Settings.ValidateHELO = 4;
-  world.Settings.HELOBlackList.Add("*", {.patterns = {"*"}});
+void RefuseAll(SessionFixture& fixture) {
+  fixture.Settings.ValidateHELO = 4;
+  fixture.Settings.HELOBlackList.Add("*", {.patterns = {"*"}});
 }
 
 std::string Greeting(const std::string& name) {
@@ -42,8 +42,8 @@ std::pair<std::string, std::string> Lines(const std::string& who, int count) {
 }
 
 // Which log line says that the client's line with `name` was taken.
-std::size_t Taken(const SessionWorld& world, const std::string& name) {
-  const auto& lines = world.LogLines();
+std::size_t Taken(const SessionFixture& fixture, const std::string& name) {
+  const auto& lines = fixture.LogLines();
   const auto found = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
     return line.find("< EHLO " + name + "\u00B6") != std::string::npos;
   });
@@ -54,72 +54,72 @@ std::size_t Taken(const SessionWorld& world, const std::string& name) {
 TEST(Turns, AllLinesOfOneSegmentAreAnsweredInOrder) {
   for (const int count : {kLinesPerTurn, kLinesPerTurn + 1, 40, 2 * kLinesPerTurn, 2 * kLinesPerTurn + 1}) {
     SCOPED_TRACE(count);
-    SessionWorld world;
-    RefuseAll(world);
-    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+    SessionFixture fixture;
+    RefuseAll(fixture);
+    ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
     const auto [lines, answers] = Lines("a", count);
-    ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
+    ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
     // Nothing else happens that could wake the session.
-    EXPECT_TRUE(world.Until([&] { return world.ClientPeer().Received().size() >= answers.size(); }));
-    EXPECT_EQ(world.ClientPeer().Received(), answers);
+    EXPECT_TRUE(fixture.Until([&] { return fixture.ClientPeer().Received().size() >= answers.size(); }));
+    EXPECT_EQ(fixture.ClientPeer().Received(), answers);
   }
 }
 
 TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
-  SessionWorld world;
-  RefuseAll(world);
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer first = std::move(world.ClientPeer());
-  const TestPeer first_server = std::move(world.ServerPeer());
-  ASSERT_EQ(world.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+  SessionFixture fixture;
+  RefuseAll(fixture);
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  TestPeer first = std::move(fixture.ClientPeer());
+  const TestPeer first_server = std::move(fixture.ServerPeer());
+  ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
   const auto [lines, answers] = Lines("a", 3 * kLinesPerTurn);
   ASSERT_EQ(first.Send(lines), lines.size());
-  ASSERT_EQ(world.ClientPeer().Send(Greeting("other")), Greeting("other").size());
-  EXPECT_TRUE(world.Until([&] {
+  ASSERT_EQ(fixture.ClientPeer().Send(Greeting("other")), Greeting("other").size());
+  EXPECT_TRUE(fixture.Until([&] {
     first.Poll();
     return first.Received().size() >= answers.size();
   }));
   EXPECT_EQ(first.Received(), answers);
-  EXPECT_EQ(world.ClientPeer().Received(), Answer("other"));
-  EXPECT_LT(Taken(world, "a-" + std::to_string(kLinesPerTurn)), Taken(world, "other"));
-  EXPECT_LT(Taken(world, "other"), Taken(world, "a-" + std::to_string(kLinesPerTurn + 1)));
+  EXPECT_EQ(fixture.ClientPeer().Received(), Answer("other"));
+  EXPECT_LT(Taken(fixture, "a-" + std::to_string(kLinesPerTurn)), Taken(fixture, "other"));
+  EXPECT_LT(Taken(fixture, "other"), Taken(fixture, "a-" + std::to_string(kLinesPerTurn + 1)));
 }
 
 // Two clients that both send much take turns.
 TEST(Turns, SessionsAlternate) {
-  SessionWorld world;
-  RefuseAll(world);
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer first = std::move(world.ClientPeer());
-  const TestPeer first_server = std::move(world.ServerPeer());
-  ASSERT_EQ(world.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+  SessionFixture fixture;
+  RefuseAll(fixture);
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  TestPeer first = std::move(fixture.ClientPeer());
+  const TestPeer first_server = std::move(fixture.ServerPeer());
+  ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
   const auto [a_lines, a_answers] = Lines("a", 3 * kLinesPerTurn);
   const auto [b_lines, b_answers] = Lines("b", 3 * kLinesPerTurn);
   ASSERT_EQ(first.Send(a_lines), a_lines.size());
-  ASSERT_EQ(world.ClientPeer().Send(b_lines), b_lines.size());
-  EXPECT_TRUE(world.Until([&] {
+  ASSERT_EQ(fixture.ClientPeer().Send(b_lines), b_lines.size());
+  EXPECT_TRUE(fixture.Until([&] {
     first.Poll();
     return first.Received().size() >= a_answers.size() &&
-           world.ClientPeer().Received().size() >= b_answers.size();
+           fixture.ClientPeer().Received().size() >= b_answers.size();
   }));
   EXPECT_EQ(first.Received(), a_answers);
-  EXPECT_EQ(world.ClientPeer().Received(), b_answers);
+  EXPECT_EQ(fixture.ClientPeer().Received(), b_answers);
   for (int turn = 1; turn < 3; ++turn) {
     const std::string last = std::to_string(turn * kLinesPerTurn);
     const std::string next = std::to_string(turn * kLinesPerTurn + 1);
-    EXPECT_LT(Taken(world, "a-" + last), Taken(world, "b-" + next));
-    EXPECT_LT(Taken(world, "b-" + last), Taken(world, "a-" + next));
+    EXPECT_LT(Taken(fixture, "a-" + last), Taken(fixture, "b-" + next));
+    EXPECT_LT(Taken(fixture, "b-" + last), Taken(fixture, "a-" + next));
   }
 }
 
 // The octets of refused chunks lie between the lines; they are no lines, and cost no answer.
 TEST(Turns, DroppedOctetsBetweenTheLinesChangeNothing) {
-  SessionWorld world;
-  RefuseAll(world);
-  world.Settings.MaxBadSeq = 1000;
-  ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+  SessionFixture fixture;
+  RefuseAll(fixture);
+  fixture.Settings.MaxBadSeq = 1000;
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
   std::string lines;
   std::string answers;
   for (int i = 0; i < 2 * kLinesPerTurn; ++i) {
@@ -127,9 +127,9 @@ TEST(Turns, DroppedOctetsBetweenTheLinesChangeNothing) {
     lines += "BDAT 11\r\nEHLO evil\r\n" + Greeting(name);
     answers += "503 Bad sequence of commands.\r\n" + Answer(name);
   }
-  ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
-  EXPECT_TRUE(world.Until([&] { return world.ClientPeer().Received().size() >= answers.size(); }));
-  EXPECT_EQ(world.ClientPeer().Received(), answers);
+  ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
+  EXPECT_TRUE(fixture.Until([&] { return fixture.ClientPeer().Received().size() >= answers.size(); }));
+  EXPECT_EQ(fixture.ClientPeer().Received(), answers);
 }
 
 // Lines that the server answers among them: each waits for its reply, and those behind it wait too.
@@ -145,7 +145,7 @@ TEST(Turns, ForwardedLinesKeepTheirPlaceAmongTheRefused) {
       dialogue += "<- 503 Bad sequence of commands.\n";
     }
   }
-  PlayEveryWay([](SessionWorld& world) { world.Settings.MaxBadSeq = 1000; },
+  PlayEveryWay([](SessionFixture& fixture) { fixture.Settings.MaxBadSeq = 1000; },
                "S: 220 server ready\n<- 220 server ready\nC+ " + sent + "\n" + dialogue);
 }
 
@@ -153,16 +153,16 @@ TEST(Turns, ForwardedLinesKeepTheirPlaceAmongTheRefused) {
 TEST(Turns, NoLineIsTakenAfterTheEnd) {
   for (const char* end : {"C resets", "S closes", "shutdown"}) {
     SCOPED_TRACE(end);
-    SessionWorld world;
-    RefuseAll(world);
-    ASSERT_EQ(world.Play("S: 220 server ready\n<- 220 server ready"), "");
+    SessionFixture fixture;
+    RefuseAll(fixture);
+    ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
     const std::string lines = Lines("a", 10 * kLinesPerTurn).first;
-    ASSERT_EQ(world.ClientPeer().Send(lines), lines.size());
-    world.Loop.RunOnce(Milliseconds(1000));
-    ASSERT_LT(Taken(world, "a-1"), world.LogLines().size());
-    EXPECT_EQ(world.Play(end), "");
-    EXPECT_EQ(world.Sessions().Count(), 0U);
-    const auto& log = world.LogLines();
+    ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
+    fixture.Loop.RunOnce(Milliseconds(1000));
+    ASSERT_LT(Taken(fixture, "a-1"), fixture.LogLines().size());
+    EXPECT_EQ(fixture.Play(end), "");
+    EXPECT_EQ(fixture.Sessions().Count(), 0U);
+    const auto& log = fixture.LogLines();
     const auto closed = std::find_if(log.begin(), log.end(), [](const std::string& line) {
       return line.find("Disconnected. ") != std::string::npos;
     });
@@ -173,7 +173,7 @@ TEST(Turns, NoLineIsTakenAfterTheEnd) {
 
 // Whoever ends within the turn that others wait for is not waited for.
 TEST(Turns, LinesBehindQuitAreNotAnsweredWhereOnlyTheProxyTalks) {
-  PlayBothWays([](SessionWorld& world) { world.Settings.ValidateRDNS = 1; }, R"(
+  PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; }, R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.
     C+ NOOP\r\nQUIT\r\nNOOP\r\n
     <- 503 Bad sequence of commands.

@@ -1,4 +1,4 @@
-#include "session/transcript.h"
+#include "session/session_fixture.h"
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,7 @@ constexpr std::chrono::seconds kBound{10};
 
 }  // namespace
 
-SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
+SessionFixture::SessionFixture(Delivery delivery) : delivery_(delivery) {
   Settings.BindIP = "127.0.0.1";
   Settings.ServerPort = server_listener_.Port();
   Settings.LocalHostName = "proxy.test";
@@ -24,40 +24,40 @@ SessionWorld::SessionWorld(Delivery delivery) : delivery_(delivery) {
   Settings.LocalDomains.Add("local.test", {.patterns = {"local.test"}});
 }
 
-SessionWorld::~SessionWorld() {
+SessionFixture::~SessionFixture() {
   if (listener_) listener_->CloseSck();
   // Sessions end on the loop that they live on.
   sessions_.ForEach([](cProxy& session) { session.Close(); });
   Loop.RunOnce(Milliseconds(0));
 }
 
-void SessionWorld::Start() {
+void SessionFixture::Start() {
   if (listener_) return;
-  host_ = std::make_unique<SessionDependencies>(
+  dependencies_ = std::make_unique<SessionDependencies>(
       SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, *this, Greylisting});
   listener_ = std::make_unique<CSocketMaster>(module_);
   listener_->Events.ConnectionRequest = [this](std::int32_t request) {
-    sessions_.Add(std::make_unique<cProxy>(*host_)).Init(request);
+    sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request);
   };
   listener_->Bind(0, "127.0.0.1");
   listener_->Listen();
   Connect(kIPv4Loopback);
 }
 
-void SessionWorld::Connect(const IPAddress& from) {
+void SessionFixture::Connect(const IPAddress& from) {
   earlier_.push_back(std::move(server_));
   earlier_.push_back(std::move(client_));
   server_ = TestPeer();
   client_ = TestPeer::Connect(Port(), from);
 }
 
-void SessionWorld::Poll() {
+void SessionFixture::Poll() {
   if (client_.Open()) client_.Poll();
   if (server_.Open()) server_.Poll();
   if (attended_ != nullptr) PollAttended();
 }
 
-void SessionWorld::PollAttended() {
+void SessionFixture::PollAttended() {
   // Turns of the loop in which the session takes a segment before the next one of the same reply comes.
   constexpr int kTurns = 3;
   if (!server_.Open()) server_ = server_listener_.Accept();
@@ -80,7 +80,7 @@ void SessionWorld::PollAttended() {
   if (server_.AtEnd()) attended_->TakeEnd();
 }
 
-std::string SessionWorld::NextReply() {
+std::string SessionFixture::NextReply() {
   std::string reply;
   std::string& received = client_.Received();
   for (bool goes_on = true; goes_on;) {
@@ -94,7 +94,7 @@ std::string SessionWorld::NextReply() {
   return reply;
 }
 
-bool SessionWorld::Until(const std::function<bool()>& done) {
+bool SessionFixture::Until(const std::function<bool()>& done) {
   const auto bound = std::chrono::steady_clock::now() + kBound;
   for (;;) {
     Poll();
@@ -104,7 +104,7 @@ bool SessionWorld::Until(const std::function<bool()>& done) {
   }
 }
 
-void SessionWorld::Settle() {
+void SessionFixture::Settle() {
   // Loopback hands data over at once, so a few turns in which nothing happens mean that nothing is under way.
   for (int quiet = 0; quiet < 3;) {
     const auto moved = [this] { return client_.Received().size() + server_.Received().size() + moves_; };
@@ -115,15 +115,15 @@ void SessionWorld::Settle() {
   }
 }
 
-void SessionWorld::CheckTimeouts() {
+void SessionFixture::CheckTimeouts() {
   sessions_.ForEach([](cProxy& session) { session.CheckTimeout(); });
 }
 
-void SessionWorld::Shutdown() {
+void SessionFixture::Shutdown() {
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
 }
 
-std::string SessionWorld::Play(std::string_view text) {
+std::string SessionFixture::Play(std::string_view text) {
   try {
     return Play(script::ReadScript(text).steps);
   } catch (const script::ScriptError& error) {
@@ -131,7 +131,7 @@ std::string SessionWorld::Play(std::string_view text) {
   }
 }
 
-std::string SessionWorld::Play(const std::vector<script::Step>& steps) {
+std::string SessionFixture::Play(const std::vector<script::Step>& steps) {
   Start();
   for (const script::Step& step : steps) {
     dialogue_.append("    ").append(step.source).append("\n");
@@ -140,7 +140,7 @@ std::string SessionWorld::Play(const std::vector<script::Step>& steps) {
   return {};
 }
 
-std::string SessionWorld::PlayOnDialogue(Delivery delivery, std::string_view text) {
+std::string SessionFixture::PlayOnDialogue(Delivery delivery, std::string_view text) {
   DialoguePlayer::Client client;
   client.is_local = mCommon::IPInRangeList(kIPv4Loopback, Settings.LocalIPs);
   Names.FindName(kIPv4Loopback, [&](const NameAnswer& answer) { client.host_name = answer.name; });
@@ -158,7 +158,7 @@ std::string SessionWorld::PlayOnDialogue(Delivery delivery, std::string_view tex
   return player.Play(text);
 }
 
-bool SessionWorld::PlayStep(const script::Step& step) {
+bool SessionFixture::PlayStep(const script::Step& step) {
   using script::StepKind;
   // To find that there is nothing, the server need not be connected.
   const bool of_server = step.side == script::Side::kServer && step.kind != StepKind::kGetNothing;
@@ -201,7 +201,7 @@ bool SessionWorld::PlayStep(const script::Step& step) {
   return false;
 }
 
-bool SessionWorld::Answer(const script::NameAnswers& answers) {
+bool SessionFixture::Answer(const script::NameAnswers& answers) {
   if (answers.error) Names.SetAddressError(Names.AskedNames().back(), *answers.error);
   if (!answers.addresses.empty()) {
     std::vector<IPAddress> addresses;
@@ -211,7 +211,7 @@ bool SessionWorld::Answer(const script::NameAnswers& answers) {
   return Names.Deliver(), Settle(), true;
 }
 
-bool SessionWorld::ExpectLogged(const script::Pattern& wanted) {
+bool SessionFixture::ExpectLogged(const script::Pattern& wanted) {
   Settle();
   std::string all = "no such log line; there are:";
   for (const std::string& written : LogLines()) {
@@ -221,14 +221,14 @@ bool SessionWorld::ExpectLogged(const script::Pattern& wanted) {
   return Fail(all);
 }
 
-bool SessionWorld::NeedServer() {
+bool SessionFixture::NeedServer() {
   return server_.Open() || Until([this] {
            server_ = server_listener_.Accept();
            return server_.Open();
          });
 }
 
-bool SessionWorld::Send(TestPeer& peer, const script::Sending& sending) {
+bool SessionFixture::Send(TestPeer& peer, const script::Sending& sending) {
   std::size_t begin = 0;
   for (const std::size_t end : sending.segments) {
     if (!Deliver(peer, std::string_view(sending.bytes).substr(begin, end - begin))) return false;
@@ -238,7 +238,7 @@ bool SessionWorld::Send(TestPeer& peer, const script::Sending& sending) {
   return Deliver(peer, std::string_view(sending.bytes).substr(begin));
 }
 
-bool SessionWorld::Deliver(TestPeer& peer, std::string_view bytes) {
+bool SessionFixture::Deliver(TestPeer& peer, std::string_view bytes) {
   while (!bytes.empty()) {
     const std::size_t most = delivery_ == Delivery::kByteByByte ? 1 : bytes.size();
     std::size_t sent = 0;
@@ -250,7 +250,7 @@ bool SessionWorld::Deliver(TestPeer& peer, std::string_view bytes) {
   return true;
 }
 
-bool SessionWorld::ExpectLine(script::Side side, const script::Pattern& wanted) {
+bool SessionFixture::ExpectLine(script::Side side, const script::Pattern& wanted) {
   TestPeer& peer = Peer(side);
   std::string& received = peer.Received();
   const bool complete = Until([&] { return received.find(kCrLf) != std::string::npos || peer.AtEnd(); });
@@ -262,13 +262,13 @@ bool SessionWorld::ExpectLine(script::Side side, const script::Pattern& wanted) 
   return wanted.Matches(line) || Fail("got  \"" + script::Escape(line) + "\"");
 }
 
-bool SessionWorld::ExpectNothing(script::Side side) {
+bool SessionFixture::ExpectNothing(script::Side side) {
   Settle();
   const std::string& received = Peer(side).Received();
   return received.empty() || Fail("there is something: \"" + script::Escape(received) + "\"");
 }
 
-bool SessionWorld::ExpectBytes(script::Side side, std::string_view wanted) {
+bool SessionFixture::ExpectBytes(script::Side side, std::string_view wanted) {
   TestPeer& peer = Peer(side);
   std::string& received = peer.Received();
   Until([&] { return received.size() >= wanted.size() || peer.AtEnd(); });
@@ -277,33 +277,33 @@ bool SessionWorld::ExpectBytes(script::Side side, std::string_view wanted) {
   return true;
 }
 
-bool SessionWorld::ExpectClosed(script::Side side) {
+bool SessionFixture::ExpectClosed(script::Side side) {
   TestPeer& peer = Peer(side);
   if (!Until([&] { return peer.AtEnd(); })) return Fail("it is not closed");
   if (peer.WasReset()) return Fail("it was reset");
   return peer.Received().empty() || Fail("before the end came \"" + script::Escape(peer.Received()) + "\"");
 }
 
-bool SessionWorld::Fail(std::string reason) {
+bool SessionFixture::Fail(std::string reason) {
   failure_ = std::move(reason);
   return false;
 }
 
-void PlayBothWays(const std::function<void(SessionWorld&)>& configure, std::string_view text) {
+void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::string_view text) {
   for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
-    SessionWorld world(delivery);
-    if (configure) configure(world);
-    const std::string failure = world.Play(text);
+    SessionFixture fixture(delivery);
+    if (configure) configure(fixture);
+    const std::string failure = fixture.Play(text);
     EXPECT_EQ(failure, "") << (delivery == Delivery::kWhole ? "as written" : "byte by byte");
   }
 }
 
-void PlayEveryWay(const std::function<void(SessionWorld&)>& configure, std::string_view text) {
+void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text) {
   PlayBothWays(configure, text);
   for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
-    SessionWorld world;
-    if (configure) configure(world);
-    EXPECT_EQ(world.PlayOnDialogue(delivery, text), "")
+    SessionFixture fixture;
+    if (configure) configure(fixture);
+    EXPECT_EQ(fixture.PlayOnDialogue(delivery, text), "")
         << (delivery == Delivery::kWhole ? "on the dialogue" : "on the dialogue, byte by byte");
   }
 }

@@ -26,10 +26,10 @@ namespace trabex {
 
 using script::Delivery;
 
-class SessionWorld : private ConnectionTable {
+class SessionFixture : private ConnectionTable {
  public:
-  explicit SessionWorld(Delivery delivery = Delivery::kWhole);
-  ~SessionWorld() override;
+  explicit SessionFixture(Delivery delivery = Delivery::kWhole);
+  ~SessionFixture() override;
 
   Configuration Settings = DefaultConfiguration();  // set what the test needs before Run
   FakeClock Time;
@@ -94,7 +94,7 @@ class SessionWorld : private ConnectionTable {
   modSocketMaster module_{sockets_, Names, log_};
   SessionCollection sessions_;
   std::vector<std::string> rows_;
-  std::unique_ptr<SessionDependencies> host_;
+  std::unique_ptr<SessionDependencies> dependencies_;
   std::unique_ptr<CSocketMaster> listener_;
   TestListener server_listener_;
   TestPeer client_;
@@ -108,10 +108,10 @@ class SessionWorld : private ConnectionTable {
 };
 
 // A test that plays `text` with the settings that `configure` makes, once as it stands and once byte by byte.
-void PlayBothWays(const std::function<void(SessionWorld&)>& configure, std::string_view text);
+void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
 // The same, and once more both ways on the dialogue alone: for what is about the dialogue and not about
 // connections.
-void PlayEveryWay(const std::function<void(SessionWorld&)>& configure, std::string_view text);
+void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
 }  // namespace trabex
