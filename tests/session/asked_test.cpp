@@ -191,7 +191,7 @@ TEST(Asked, AChunkThatTheServerRefusesIsUnderWay) {
 
 // A greeting is relayed whatever it says. Whether the server takes commands behind one that refuses is its
 // own affair; until it has accepted a greeting of the client, the proxy lets no mail through.
-TEST(Asked, CommandsBehindAGreetingThatRefusesGoToTheServer) {
+TEST(Asked, CommandsAfterAGreetingThatRefusesGoToTheServer) {
   const std::string refused = R"(
     S: 554-server.test
     S: 554 no service

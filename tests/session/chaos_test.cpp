@@ -130,7 +130,7 @@ class Chaos {
       fixture_.Time.Advance(Milliseconds(100));
       fixture_.CheckTimeouts();
       if (server_stays) {
-        Turn();
+        Step();
         if (fixture_.ServerPeer().Open()) fixture_.ServerPeer().Send("250 ok\r\n");
       }
       return fixture_.Sessions().Count() == 0;
@@ -151,7 +151,7 @@ class Chaos {
     });
   }
 
-  void Turn() {
+  void Step() {
     if (Any(3)) fixture_.Loop.RunOnce(Milliseconds(0));
     if (fixture_.ServerPeer().Open() && !fixture_.ServerPeer().AtEnd()) return;
     fixture_.ServerPeer() = fixture_.Server().Accept();
@@ -188,7 +188,7 @@ TEST(Chaos, LeavesNothingBehind) {
     Chaos chaos(seed);
     for (int step = 0; step < 60; ++step) {
       chaos.Act();
-      chaos.Turn();
+      chaos.Step();
     }
     chaos.End();
     contents += chaos.Contents();

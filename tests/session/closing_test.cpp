@@ -142,8 +142,8 @@ TEST(Closing, WhatTheClientSentAheadDoesNotCostItTheReply) {
 }
 
 // The server is about to close: whatever follows would only bring a second farewell, of an error.
-TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
-  const std::string good_bye = Greeted() + R"(
+TEST(Closing, NothingIsTakenAfterThe221ToQuit) {
+  const std::string quit_accepted = Greeted() + R"(
     C+ QUIT\r\nNOOP\r\nDATA\r\n
     -> QUIT
     S: 221 bye
@@ -152,12 +152,12 @@ TEST(Closing, NothingIsTakenAfterTheServersGoodBye) {
     -> nothing
     <- nothing
 )";
-  PlayEveryWay({}, good_bye + "S closes\nclosed C");
+  PlayEveryWay({}, quit_accepted + "S closes\nclosed C");
   // It need not be the server that hangs up.
-  PlayEveryWay({}, good_bye + "C closes\nclosed S");
+  PlayEveryWay({}, quit_accepted + "C closes\nclosed S");
 }
 
-TEST(Closing, AServerThatDoesNotSayGoodByeIsStillThere) {
+TEST(Closing, AServerThatRefusesQuitStaysConnected) {
   PlayEveryWay({}, Greeted() + R"(
     C+ QUIT\r\nNOOP\r\n
     -> QUIT
@@ -270,7 +270,7 @@ TEST(Closing, ANamedServerIsFound) {
       "S: 220 server ready\n<- 220 server ready");
 }
 
-TEST(Closing, ShutDownTellsTheClients) {
+TEST(Closing, ShutDownNotifiesTheClients) {
   PlayEveryWay({}, Greeted() + R"(
     C+ NOOP\r\nNOOP\r\n
     -> NOOP

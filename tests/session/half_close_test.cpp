@@ -71,7 +71,7 @@ TEST(HalfClose, OfTheClientEndsTheSession) {
 
 // The end lies behind lines that wait for their turn. It is noticed when they are read from the connection,
 // at the latest when what they wait for has come.
-TEST(HalfClose, OfTheClientBehindLinesSentAheadEndsTheSession) {
+TEST(HalfClose, OfTheClientAfterLinesSentAheadEndsTheSession) {
   const struct {
     const char* when;
     std::string before;

@@ -137,7 +137,7 @@ TEST(HostileFiles, NothingGetsThroughADialogueAlone) {
 }
 
 // The same without the proxy: the check sees what the files say that reaches a scripted server.
-TEST(HostileFiles, ReachAServerThatStandsAlone) {
+TEST(HostileFiles, ReachAServerWithoutTheProxy) {
   for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
     const auto& direct = *file.script.head.direct;
     if (std::find(direct.begin(), direct.end(), "scripted") == direct.end()) continue;

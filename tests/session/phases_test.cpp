@@ -48,7 +48,7 @@ TEST(Greeting, AnyReplyEndsTheWaitForIt) {
 
 // --- commands
 
-TEST(Command, ARefusalThatNobodyAskedForChangesNothing) {
+TEST(Command, AnUnsolicitedRefusalChangesNothing) {
   for (const char* reply : {"421 time is up", "221 bye", "354 go on", "334 go on", "250 ok", "554 no"}) {
     SCOPED_TRACE(reply);
     PlayEveryWay({}, InTransaction() + "S: " + reply + "\n<- " + reply + R"(
@@ -182,7 +182,7 @@ TEST(AuthPhase, DataWithAControlCharacterEndsTheSession) {
 
 // --- content
 
-TEST(ContentPhase, AReplyBehind354InTheSameSegmentEndsTheSession) {
+TEST(ContentPhase, AReplyAfter354InTheSameSegmentEndsTheSession) {
   PlayEveryWay(WithoutHeader, InTransaction() + R"(
     C: DATA
     -> DATA
@@ -324,7 +324,7 @@ TEST(ContentPhase, ContentSentBeforeTheClientClosedReachesASlowServer) {
 
 // --- the pause before the end
 
-TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillHeard) {
+TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillRelayed) {
   const auto configure = [](SessionFixture& fixture) { fixture.Settings.MaxBadSeq = 0; };
   const std::string paused = std::string(kConnected) + R"(
     C: DATA
@@ -354,7 +354,7 @@ TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillHeard) {
 
 // --- the farewell
 
-TEST(Farewell, WhatTheServerSaysBehindItIsRelayed) {
+TEST(Farewell, WhatTheServerSaysAfterItIsRelayed) {
   PlayEveryWay({}, Greeted() + R"(
     C: QUIT
     -> QUIT
@@ -375,7 +375,7 @@ TEST(Farewell, WhatTheServerSaysBehindItIsRelayed) {
 
 // --- the end of the program
 
-TEST(ShutDown, TellsEveryClientInAnyPhase) {
+TEST(ShutDown, NotifiesEveryClientInAnyPhase) {
   const auto held = [](SessionFixture& fixture) { fixture.Names.HoldAnswers(); };
   const struct {
     const char* phase;
@@ -423,7 +423,7 @@ TEST(ShutDown, TellsEveryClientInAnyPhase) {
 // --- admission
 
 // Whoever is sent away at once may have said something already; that must not break off what it is told.
-TEST(SentAway, AClientThatSpokeFirstHearsWhy) {
+TEST(SentAway, AClientThatSpokeFirstGetsTheReason) {
   PlayBothWays([](SessionFixture& fixture) { fixture.Settings.IPAllowList = IPRangeList(); }, R"(
     C+ EHLO client.test\r\nQUIT\r\n
     <- 554 Connection from 127.0.0.1 not allowed.

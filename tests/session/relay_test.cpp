@@ -85,7 +85,7 @@ TEST(Relay, EveryReplyComesInOrderToAClientThatSendsAhead) {
     -> DATA)");
 }
 
-TEST(Relay, LinesAnsweredByTheProxyDoNotStallThoseBehindThem) {
+TEST(Relay, LinesAnsweredByTheProxyDoNotStallTheNextOnes) {
   PlayEveryWay({}, R"(
     C+ MAIL FROM:<a@b.test>\r\nSTARTTLS\r\nRCPT TO:<u@local.test>\r\nNOOP\r\n
     S: 220 server ready

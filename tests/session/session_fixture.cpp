@@ -58,15 +58,15 @@ void SessionFixture::Poll() {
 }
 
 void SessionFixture::PollAttended() {
-  // Turns of the loop in which the session takes a segment before the next one of the same reply comes.
-  constexpr int kTurns = 3;
+  // Iterations of the loop in which the session takes a segment before the next one of the same reply comes.
+  constexpr int kIterations = 3;
   if (!server_.Open()) server_ = server_listener_.Accept();
   if (!server_.Open()) return;
   std::string& received = server_.Received();
   moves_ += received.size();
-  if (!received.empty()) polls_since_segment_ = kTurns;
+  if (!received.empty()) polls_since_segment_ = kIterations;
   attended_->Take(std::exchange(received, {}));
-  if (++polls_since_segment_ >= kTurns) {
+  if (++polls_since_segment_ >= kIterations) {
     const std::string segment = attended_->NextSegment();
     moves_ += segment.size();
     if (!segment.empty()) {
@@ -105,7 +105,7 @@ bool SessionFixture::Until(const std::function<bool()>& done) {
 }
 
 void SessionFixture::Settle() {
-  // Loopback hands data over at once, so a few turns in which nothing happens mean that nothing is under way.
+  // Loopback hands data over at once, so a few iterations in which nothing happens mean that nothing is under way.
   for (int quiet = 0; quiet < 3;) {
     const auto moved = [this] { return client_.Received().size() + server_.Received().size() + moves_; };
     const std::size_t before = moved();

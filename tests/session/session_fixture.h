@@ -62,9 +62,9 @@ class SessionFixture : private ConnectionTable {
   bool NeedServer();
   // Connects the client, unless it is connected.
   void Start();
-  // Turns the loop until `done` or the bound; returns done().
+  // Runs the loop until `done` or the bound; returns done().
   bool Until(const std::function<bool()>& done);
-  // Turns the loop until nothing happens any more.
+  // Runs the loop until nothing happens any more.
   void Settle();
   void CheckTimeouts();
   void Shutdown();

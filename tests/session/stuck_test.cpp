@@ -365,7 +365,7 @@ TEST(Stuck, LongLastWordsWaitForTheClient) {
   EXPECT_TRUE(stuck.Ended());
 }
 
-TEST(Stuck, NobodyWaitsForEverForAClientWhoseServerHasGone) {
+TEST(Stuck, AClientWhoseServerHasGoneIsNotKeptForEver) {
   for (const bool long_words : {false, true}) {
     SCOPED_TRACE(long_words);
     StuckSession stuck;
@@ -377,7 +377,7 @@ TEST(Stuck, NobodyWaitsForEverForAClientWhoseServerHasGone) {
   }
 }
 
-TEST(Stuck, AClientThatBreaksOffBehindItsServerEndsTheSession) {
+TEST(Stuck, AClientThatBreaksOffAfterItsServerEndsTheSession) {
   StuckSession stuck;
   stuck.HoldClient();
   stuck.fixture.ServerPeer().Close();

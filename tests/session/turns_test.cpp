@@ -14,7 +14,7 @@ namespace trabex {
 namespace {
 
 // So many lines of one session are taken before the others have their turn.
-constexpr int kLinesPerTurn = 32;
+constexpr int kMaxLinesAtOnce = 32;
 
 // The proxy answers every line itself, and each answer names its line.
 void RefuseAll(SessionFixture& fixture) {
@@ -52,7 +52,8 @@ std::size_t Taken(const SessionFixture& fixture, const std::string& name) {
 }
 
 TEST(Turns, AllLinesOfOneSegmentAreAnsweredInOrder) {
-  for (const int count : {kLinesPerTurn, kLinesPerTurn + 1, 40, 2 * kLinesPerTurn, 2 * kLinesPerTurn + 1}) {
+  for (const int count :
+       {kMaxLinesAtOnce, kMaxLinesAtOnce + 1, 40, 2 * kMaxLinesAtOnce, 2 * kMaxLinesAtOnce + 1}) {
     SCOPED_TRACE(count);
     SessionFixture fixture;
     RefuseAll(fixture);
@@ -73,7 +74,7 @@ TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
   const TestPeer first_server = std::move(fixture.ServerPeer());
   ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
-  const auto [lines, answers] = Lines("a", 3 * kLinesPerTurn);
+  const auto [lines, answers] = Lines("a", 3 * kMaxLinesAtOnce);
   ASSERT_EQ(first.Send(lines), lines.size());
   ASSERT_EQ(fixture.ClientPeer().Send(Greeting("other")), Greeting("other").size());
   EXPECT_TRUE(fixture.Until([&] {
@@ -82,8 +83,8 @@ TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
   }));
   EXPECT_EQ(first.Received(), answers);
   EXPECT_EQ(fixture.ClientPeer().Received(), Answer("other"));
-  EXPECT_LT(Taken(fixture, "a-" + std::to_string(kLinesPerTurn)), Taken(fixture, "other"));
-  EXPECT_LT(Taken(fixture, "other"), Taken(fixture, "a-" + std::to_string(kLinesPerTurn + 1)));
+  EXPECT_LT(Taken(fixture, "a-" + std::to_string(kMaxLinesAtOnce)), Taken(fixture, "other"));
+  EXPECT_LT(Taken(fixture, "other"), Taken(fixture, "a-" + std::to_string(kMaxLinesAtOnce + 1)));
 }
 
 // Two clients that both send much take turns.
@@ -95,8 +96,8 @@ TEST(Turns, SessionsAlternate) {
   const TestPeer first_server = std::move(fixture.ServerPeer());
   ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
-  const auto [a_lines, a_answers] = Lines("a", 3 * kLinesPerTurn);
-  const auto [b_lines, b_answers] = Lines("b", 3 * kLinesPerTurn);
+  const auto [a_lines, a_answers] = Lines("a", 3 * kMaxLinesAtOnce);
+  const auto [b_lines, b_answers] = Lines("b", 3 * kMaxLinesAtOnce);
   ASSERT_EQ(first.Send(a_lines), a_lines.size());
   ASSERT_EQ(fixture.ClientPeer().Send(b_lines), b_lines.size());
   EXPECT_TRUE(fixture.Until([&] {
@@ -106,9 +107,9 @@ TEST(Turns, SessionsAlternate) {
   }));
   EXPECT_EQ(first.Received(), a_answers);
   EXPECT_EQ(fixture.ClientPeer().Received(), b_answers);
-  for (int turn = 1; turn < 3; ++turn) {
-    const std::string last = std::to_string(turn * kLinesPerTurn);
-    const std::string next = std::to_string(turn * kLinesPerTurn + 1);
+  for (int round = 1; round < 3; ++round) {
+    const std::string last = std::to_string(round * kMaxLinesAtOnce);
+    const std::string next = std::to_string(round * kMaxLinesAtOnce + 1);
     EXPECT_LT(Taken(fixture, "a-" + last), Taken(fixture, "b-" + next));
     EXPECT_LT(Taken(fixture, "b-" + last), Taken(fixture, "a-" + next));
   }
@@ -122,7 +123,7 @@ TEST(Turns, DroppedOctetsBetweenTheLinesChangeNothing) {
   ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
   std::string lines;
   std::string answers;
-  for (int i = 0; i < 2 * kLinesPerTurn; ++i) {
+  for (int i = 0; i < 2 * kMaxLinesAtOnce; ++i) {
     const std::string name = "a-" + std::to_string(i);
     lines += "BDAT 11\r\nEHLO evil\r\n" + Greeting(name);
     answers += "503 Bad sequence of commands.\r\n" + Answer(name);
@@ -156,7 +157,7 @@ TEST(Turns, NoLineIsTakenAfterTheEnd) {
     SessionFixture fixture;
     RefuseAll(fixture);
     ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-    const std::string lines = Lines("a", 10 * kLinesPerTurn).first;
+    const std::string lines = Lines("a", 10 * kMaxLinesAtOnce).first;
     ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
     fixture.Loop.RunOnce(Milliseconds(1000));
     ASSERT_LT(Taken(fixture, "a-1"), fixture.LogLines().size());
@@ -172,7 +173,7 @@ TEST(Turns, NoLineIsTakenAfterTheEnd) {
 }
 
 // Whoever ends within the turn that others wait for is not waited for.
-TEST(Turns, LinesBehindQuitAreNotAnsweredWhereOnlyTheProxyTalks) {
+TEST(Turns, LinesAfterQuitAreNotAnsweredWithoutAServer) {
   PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; }, R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.
     C+ NOOP\r\nQUIT\r\nNOOP\r\n

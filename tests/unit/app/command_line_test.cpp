@@ -109,7 +109,7 @@ TEST(CommandLine, PathsLoseSurroundingQuotes) {
   }
 }
 
-TEST(CommandLine, PathSwitchThatStandsLastIsIgnored) {
+TEST(CommandLine, PathSwitchAtTheEndIsIgnored) {
   for (const std::string_view spelling : {"/I", "/L"}) {
     const CommandLine line = Parse({"/M", spelling});
     EXPECT_EQ(line.result, Result::kStart);

@@ -23,7 +23,7 @@ TEST(ConnectionRow, HostNameBeginsAfter51Characters) {
   EXPECT_EQ(ConnectionRow(123456, 12345678, 12345678, 0, IP("255.255.255.255"), "host").find("host"), 51U);
 }
 
-TEST(ConnectionRow, HeaderStandsAboveItsFields) {
+TEST(ConnectionRow, HeaderIsAboveItsFields) {
   const std::string row = ConnectionRow(123456, 12345678, 87654321, 0, IP("255.255.255.255"), "Host Name");
   EXPECT_EQ(kConnectionHeader, " Handle Received     Sent Duration         Host IP Host Name");
   // The last letter of each heading stands above the last one of its field.

@@ -139,7 +139,7 @@ TEST_F(LogFileTest, FileThatCannotBeOpenedLosesItsLinesOnly) {
   EXPECT_EQ(File("Trabex-25-261115.log"), "15/11/26 13:54:24 kept\r\n");
 }
 
-TEST_F(LogFileTest, FifoInTheFilesPlaceHoldsUpNobody) {
+TEST_F(LogFileTest, FifoInTheFilesPlaceDoesNotBlock) {
   fs::create_directory(configuration_.LogPath);
   const std::string path = configuration_.LogPath + "/Trabex-25-261115.log";
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);

@@ -224,7 +224,7 @@ TEST_F(MainWindowTest, UnloadStopsListeningAndEndsTheLoop) {
   EXPECT_EQ(program_.exit_status, 0);
 }
 
-TEST_F(MainWindowTest, UnloadTellsEveryClientAndWaitsUntilItHasHeard) {
+TEST_F(MainWindowTest, UnloadNotifiesEveryClientAndWaitsUntilItHasTheReply) {
   PlainSocket server;
   Settings().ServerPort = server.Bind();
   server.Listen();

@@ -198,7 +198,7 @@ TEST_F(StartUpTest, BadSettingEndsTheStart) {
   EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
 }
 
-TEST_F(StartUpTest, ReasonIsToldAlsoWithoutALog) {
+TEST_F(StartUpTest, ReasonIsShownAlsoWithoutALog) {
   WriteIni("IgnoreIniErrors=0\nLog=0\nnovalue\n");
   EXPECT_EQ(Run({"/HI"}), 1);
   EXPECT_FALSE(fs::exists(folder_ / "Log"));

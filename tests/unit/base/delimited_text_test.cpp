@@ -84,7 +84,7 @@ TEST(InstrOutsise, SkipsDelimitedParts) {
   }
 }
 
-TEST(InstrOutsise, ComparesAsItIsTold) {
+TEST(InstrOutsise, ComparesAsAskedFor) {
   using mCommon::Compare;
   EXPECT_EQ(InstrOutsise(1, "aXb", "x", "", ""), 0U);
   EXPECT_EQ(InstrOutsise(1, "aXb", "x", "", "", Compare::kNoCase), 2U);

@@ -105,7 +105,7 @@ TEST(Text, Fields) {
   EXPECT_EQ(FirstWord(""), "");
 }
 
-TEST(Text, TheDomainOfAnAddressStandsBehindItsLastAt) {
+TEST(Text, TheDomainOfAnAddressFollowsItsLastAt) {
   EXPECT_EQ(AddressDomain("a@b"), "b");
   EXPECT_EQ(AddressDomain("a@b@c"), "c");
   EXPECT_EQ(AddressDomain("\"x@y\"@c"), "c");

@@ -125,7 +125,7 @@ TEST(FoldText, ManyMarksTakeNoLongerThanManyLetters) {
   EXPECT_EQ(FoldText("q" + above + repeated("\xEF\xBE\x9E")), "q" + repeated("\xE3\x82\x99") + above);
 }
 
-TEST(FoldsLikeItsCaseFolding, SeesMarksBehindAnIotaBelow) {
+TEST(FoldsLikeItsCaseFolding, SeesMarksAfterAnIotaBelow) {
   // All single characters do.
   for (char32_t code_point = 1; code_point < 0x110000; ++code_point) {
     if (code_point >= 0xD800 && code_point < 0xE000) continue;

@@ -130,7 +130,7 @@ TEST(EarlyKeys, NeverIgnoreAnErrorOfIgnoreIniErrors) {
   }
 }
 
-TEST(EarlyKeys, LeaveTheKeysBehindABadOneAsTheyWere) {
+TEST(EarlyKeys, LeaveTheKeysAfterABadOneAsTheyWere) {
   const ReadEarly read("[Common]\nBindPort=70000\nLogPath=/a\nLog=2\nIgnoreIniErrors=0\n");
   EXPECT_TRUE(read.failed);
   EXPECT_EQ(read.configuration.Log, 2);

@@ -129,7 +129,7 @@ TEST(SettingsTable, IsFoundByNamesInAnyCase) {
   EXPECT_EQ(FindSetting("GreyListing", "Timeout"), nullptr);
 }
 
-TEST(SettingsTable, TellsListKeys) {
+TEST(SettingsTable, KnowsListKeys) {
   for (const PlacedRow& placed : AllRows()) {
     const bool is_list = std::string("aper").find(placed.row.kind) != std::string::npos;
     EXPECT_EQ(mCommon::IsListKey(placed.section, placed.row.key), is_list) << placed.row.key;

@@ -57,7 +57,7 @@ struct Terminal {
   int side = -1;
 };
 
-TEST(MainView, NobodyIsToldWhereThereIsNoScreen) {
+TEST(MainView, ShowsNoReasonWithoutAScreen) {
   const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
   EXPECT_EQ(ExitStatusForReason(nothing, NoView::Kind::kNoScreen, "Standard output is no terminal."), 0);
   close(nothing);
@@ -70,7 +70,7 @@ TEST(MainView, AScreenThatHasGoneIsNone) {
             0);
 }
 
-TEST(MainView, ATerminalOfSomebodyElseIsNotUsable) {
+TEST(MainView, ATerminalOfAnotherUserIsNotUsable) {
   const Terminal terminal;
   EXPECT_EQ(ExitStatusForReason(terminal.side, NoView::Kind::kUnusable,
                                 "The terminal is not the one that controls the program."),

@@ -48,13 +48,13 @@ class Store : public testing::Test {
   }
   std::vector<PlainRecord> InFile(const std::string& path) const { return Plain(LoadDatabaseFile(path)); }
   // Log lines and what was loaded, as text.
-  std::string LoadAndTell() {
+  std::string LoadAndReport() {
     store_.LoadGreyListingDatabase();
     std::string text;
     for (const std::string& line : log_.Take()) text += line + "\n";
     return text + std::to_string(database_.Count()) + " records";
   }
-  std::string SaveAndTell() {
+  std::string SaveAndReport() {
     const GreyListingSaveResult result = store_.SaveGreyListingDatabase();
     std::string text = result.kind == Kind::kSaved    ? "saved"
                        : result.kind == Kind::kFailed ? "failed"
@@ -100,31 +100,31 @@ const std::string kBadBackup =
     "database file will be created.\n";
 
 TEST_F(Store, AFirstStartFindsNothing) {
-  EXPECT_EQ(LoadAndTell(), kNoMain + kNoBackup + "0 records");
+  EXPECT_EQ(LoadAndReport(), kNoMain + kNoBackup + "0 records");
   EXPECT_FALSE(database_.Changed());
 }
 
 TEST_F(Store, LoadsTheFile) {
   WriteFile(path_, ContentOf(SomeRecords("s", 3)));
   Have(SomeRecords("before", 2));
-  EXPECT_EQ(LoadAndTell(), "3 records");
+  EXPECT_EQ(LoadAndReport(), "3 records");
   EXPECT_EQ(Plain(database_), SomeRecords("s", 3));
   EXPECT_FALSE(database_.Changed());
 }
 
 TEST_F(Store, FallsBackToTheBackup) {
   WriteFile(backup_, ContentOf(SomeRecords("backup", 2)));
-  EXPECT_EQ(LoadAndTell(), kNoMain + "2 records");
+  EXPECT_EQ(LoadAndReport(), kNoMain + "2 records");
   std::string wrong_magic = ContentOf(SomeRecords("s", 3));
   wrong_magic[0] = '\x3E';
   WriteFile(path_, wrong_magic);
   Have(SomeRecords("before", 1));
-  EXPECT_EQ(LoadAndTell(), kBadMain + "2 records");
+  EXPECT_EQ(LoadAndReport(), kBadMain + "2 records");
   EXPECT_EQ(Plain(database_), SomeRecords("backup", 2));
   EXPECT_FALSE(database_.Changed());
   WriteFile(backup_, "damaged");
   Have(SomeRecords("before", 1));
-  EXPECT_EQ(LoadAndTell(), kBadMain + kBadBackup + "0 records");
+  EXPECT_EQ(LoadAndReport(), kBadMain + kBadBackup + "0 records");
   EXPECT_FALSE(database_.Changed());
 }
 
@@ -141,14 +141,14 @@ TEST_F(Store, NothingOfADamagedFileStays) {
   std::string content = ContentOf(SomeRecords("s", 50));
   content.back() = static_cast<char>(content.back() ^ 1);
   WriteFile(path_, content);
-  EXPECT_EQ(LoadAndTell(), kBadMain + kNoBackup + "0 records");
+  EXPECT_EQ(LoadAndReport(), kBadMain + kNoBackup + "0 records");
 }
 
-TEST_F(Store, TellsWhyAFileCannotBeRead) {
+TEST_F(Store, LogsWhyAFileCannotBeRead) {
   fs::create_directory(path_);
   ASSERT_EQ(mkfifo(backup_.c_str(), 0600), 0);  // opening it would wait for a writer
   EXPECT_EQ(
-      LoadAndTell(),
+      LoadAndReport(),
       "Unable to load GreyListing database. Error 75. Path/File access error. Backup GreyListing database "
       "will be loaded.\n"
       "Unable to load Backup GreyListing database. Error 75. Path/File access error. New database file will "
@@ -156,7 +156,7 @@ TEST_F(Store, TellsWhyAFileCannotBeRead) {
       "0 records");
   settings_.Database = folder_ / "no/such/db";
   EXPECT_EQ(
-      LoadAndTell(),
+      LoadAndReport(),
       "Unable to load GreyListing database. Error 76. Path not found. Backup GreyListing database will be "
       "loaded.\n"
       "Unable to load Backup GreyListing database. Error 76. Path not found. New database file will be "
@@ -164,7 +164,7 @@ TEST_F(Store, TellsWhyAFileCannotBeRead) {
       "0 records");
 }
 
-TEST_F(Store, TellsOfADuplicateKey) {
+TEST_F(Store, LogsADuplicateKey) {
   const std::vector<PlainRecord> records = {{"same", kSomeNow + 1, kSomeNow, -1}};
   const std::string one = ContentOf(records);
   GreyListingDatabase two;
@@ -180,7 +180,7 @@ TEST_F(Store, TellsOfADuplicateKey) {
   WriteFile(path_, content);
   WriteFile(backup_, one);
   EXPECT_EQ(
-      LoadAndTell(),
+      LoadAndReport(),
       "Unable to load GreyListing database. Error 457. This key is already associated with an element of "
       "this collection. Backup GreyListing database will be loaded.\n1 records");
 }
@@ -197,36 +197,36 @@ TEST_F(Store, AHugeLengthCostsNoMemory) {
   fs::resize_file(path_, 8 + 0xFFFFFFFFULL);
   WriteFile(backup_, header);
   fs::resize_file(backup_, 8 + 0xFFFFFFFFULL);
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     rusage before{};
     getrusage(RUSAGE_SELF, &before);
-    std::string text = LoadAndTell();
+    std::string text = LoadAndReport();
     rusage after{};
     getrusage(RUSAGE_SELF, &after);
     const long grown_kilobytes = after.ru_maxrss - before.ru_maxrss;
     if (grown_kilobytes > 16 * 1024) text += ", grown by " + std::to_string(grown_kilobytes) + " KB";
     return text;
   });
-  EXPECT_EQ(told, kBadMain + kBadBackup + "0 records");
+  EXPECT_EQ(reported, kBadMain + kBadBackup + "0 records");
 }
 
 TEST_F(Store, SavesOnlyChanges) {
   Have(SomeRecords("s", 3));
   database_.SetChanged(false);
-  EXPECT_EQ(SaveAndTell(), "unchanged");
+  EXPECT_EQ(SaveAndReport(), "unchanged");
   EXPECT_FALSE(fs::exists(path_));
   database_.SetChanged(true);
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_FALSE(database_.Changed());
   EXPECT_EQ(InFile(path_), SomeRecords("s", 3));
   EXPECT_FALSE(fs::exists(backup_));
-  EXPECT_EQ(SaveAndTell(), "unchanged");
+  EXPECT_EQ(SaveAndReport(), "unchanged");
 }
 
 TEST_F(Store, TheFileBeforeBecomesTheBackup) {
   for (int round = 1; round <= 3; ++round) {
     Have(SomeRecords("s", round));
-    EXPECT_EQ(SaveAndTell(), "saved");
+    EXPECT_EQ(SaveAndReport(), "saved");
     EXPECT_EQ(InFile(path_), SomeRecords("s", round));
     if (round > 1) {
       EXPECT_EQ(InFile(backup_), SomeRecords("s", round - 1));
@@ -243,13 +243,13 @@ TEST_F(Store, SavingRemovesTheExpired) {
         {"a", kSomeNow + 1, 1, 5},
         {"now", kSomeNow, 1, 5},
         {"b", kSomeNow + 2, 1, 5}});
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   const std::vector<PlainRecord> left = {{"a", kSomeNow + 1, 1, 5}, {"b", kSomeNow + 2, 1, 5}};
   EXPECT_EQ(InFile(path_), left);
   EXPECT_EQ(Plain(database_), left);
 }
 
-TEST_F(Store, ASaveTellsItsTime) {
+TEST_F(Store, ASaveReportsItsTime) {
   Have(SomeRecords("s", 1));
   clock_.SetBias(-60);
   clock_.SetNow(kSomeNow + 1.0 / 24);
@@ -261,11 +261,11 @@ TEST_F(Store, ASaveTellsItsTime) {
 TEST_F(Store, CreatesTheLastFolderOnly) {
   settings_.Database = folder_ / "GreyListing/db";
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(InFile(settings_.Database), SomeRecords("s", 1));
   settings_.Database = folder_ / "a/b/db";
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "failed\nUnable to save GreyListing database. Error 76. Path not found.");
+  EXPECT_EQ(SaveAndReport(), "failed\nUnable to save GreyListing database. Error 76. Path not found.");
   EXPECT_TRUE(database_.Changed());
 }
 
@@ -273,23 +273,23 @@ TEST_F(Store, TakesBothSeparators) {
   fs::create_directory(folder_ / "sub");
   settings_.Database = folder_.Path() + "\\sub\\db";
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(InFile(folder_ / "sub/db"), SomeRecords("s", 1));
-  EXPECT_EQ(LoadAndTell(), "1 records");
+  EXPECT_EQ(LoadAndReport(), "1 records");
 }
 
 // The path that the records were loaded from stays in force until the next load.
 TEST_F(Store, SavesToWhereItWasLoadedFrom) {
   WriteFile(path_, ContentOf(SomeRecords("s", 1)));
-  EXPECT_EQ(LoadAndTell(), "1 records");
+  EXPECT_EQ(LoadAndReport(), "1 records");
   settings_.Database = folder_ / "other";
   Have(SomeRecords("new", 2));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(InFile(path_), SomeRecords("new", 2));
   EXPECT_FALSE(fs::exists(settings_.Database));
-  EXPECT_EQ(LoadAndTell(), kNoMain + kNoBackup + "0 records");
+  EXPECT_EQ(LoadAndReport(), kNoMain + kNoBackup + "0 records");
   Have(SomeRecords("other", 1));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(InFile(settings_.Database), SomeRecords("other", 1));
   EXPECT_EQ(InFile(path_), SomeRecords("new", 2));
 }
@@ -298,11 +298,11 @@ TEST_F(Store, ClearedHasNothingToSave) {
   Have(SomeRecords("s", 3));
   store_.ClearGreyListingDatabase();
   EXPECT_EQ(database_.Count(), 0U);
-  EXPECT_EQ(SaveAndTell(), "unchanged");
+  EXPECT_EQ(SaveAndReport(), "unchanged");
   EXPECT_TRUE(log_.Lines().empty());
 }
 
-TEST_F(Store, ALeftOverFileIsInNobodysWay) {
+TEST_F(Store, ALeftOverFileDoesNotHinderASave) {
   struct {
     const char* what;
     void (*make)(const std::string& path);
@@ -317,7 +317,7 @@ TEST_F(Store, ALeftOverFileIsInNobodysWay) {
       WriteFile(folder_ / "precious", "precious");
       left.make(path_ + name);
       Have(SomeRecords("s", 2));
-      EXPECT_EQ(SaveAndTell(), "saved") << left.what;
+      EXPECT_EQ(SaveAndReport(), "saved") << left.what;
       EXPECT_EQ(InFile(path_), SomeRecords("s", 2)) << left.what;
       EXPECT_EQ(fs::symlink_status(path_).type(), fs::file_type::regular) << left.what;
       EXPECT_FALSE(fs::exists(fs::symlink_status(path_ + name))) << left.what;
@@ -331,7 +331,7 @@ TEST_F(Store, AFolderInPlaceOfTheBackupCostsTheBackupOnly) {
   fs::create_directories(backup_ + "/inside");
   for (int round = 1; round <= 2; ++round) {
     Have(SomeRecords("s", round));
-    EXPECT_EQ(SaveAndTell(), "saved");
+    EXPECT_EQ(SaveAndReport(), "saved");
     EXPECT_EQ(InFile(path_), SomeRecords("s", round));
   }
   EXPECT_TRUE(fs::is_directory(backup_ + "/inside"));
@@ -341,29 +341,30 @@ TEST_F(Store, AFolderInPlaceOfTheBackupCostsTheBackupOnly) {
 TEST_F(Store, AFolderInPlaceOfTheFileStays) {
   fs::create_directories(path_ + "/inside");
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "failed\nUnable to save GreyListing database. Error 75. Path/File access error.");
+  EXPECT_EQ(SaveAndReport(),
+            "failed\nUnable to save GreyListing database. Error 75. Path/File access error.");
   EXPECT_TRUE(fs::is_directory(path_ + "/inside"));
   EXPECT_TRUE(database_.Changed());
 }
 
 TEST_F(Store, AFileIsForItsOwnerOnly) {
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(fs::status(path_).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
 // Two programs that were given the same file do not write into each other's.
 TEST_F(Store, AFileThatAnotherProcessWritesIsLeftAlone) {
   Have(SomeRecords("s", 1));
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   {
     const NewFile other(path_ + "new", "test");
     Have(SomeRecords("s", 2));
-    EXPECT_EQ(SaveAndTell(), "failed\nUnable to save GreyListing database. Error 70. Permission denied.");
+    EXPECT_EQ(SaveAndReport(), "failed\nUnable to save GreyListing database. Error 70. Permission denied.");
     EXPECT_TRUE(fs::exists(path_ + "new"));
     EXPECT_EQ(InFile(path_), SomeRecords("s", 1));
   }
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
 }
 
 // Old and older files of known content, and whether they are still there.
@@ -385,16 +386,16 @@ TEST_F(Store, AFolderThatCannotBeWrittenChangesNothing) {
   fs::permissions(folder_.Path(), fs::perms::owner_read | fs::perms::owner_exec | fs::perms::others_read |
                                       fs::perms::others_exec);
   Have(SomeRecords("new", 2));
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     // Permissions do not bind root.
     if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0)
       return std::string("cannot become another user");
-    const std::string first = SaveAndTell();
+    const std::string first = SaveAndReport();
     // The flag is still set, so the next tick tries again.
-    return first + "\n" + SaveAndTell();
+    return first + "\n" + SaveAndReport();
   });
   const std::string failed = "failed\nUnable to save GreyListing database. Error 70. Permission denied.";
-  EXPECT_EQ(told, failed + "\n" + failed);
+  EXPECT_EQ(reported, failed + "\n" + failed);
   EXPECT_EQ(StillThere(path_, old, older), "both as before");
   fs::permissions(folder_.Path(), fs::perms::owner_all);
 }
@@ -417,7 +418,7 @@ std::string MountHere(const std::string& folder, const char* type, unsigned long
 constexpr const char* kNotPermitted = "not permitted: ";
 
 TEST_F(Store, AFullDiskChangesNothing) {
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     const std::string refused = MountHere(folder_.Path(), "tmpfs", 0, "size=256k");
     if (!refused.empty()) return kNotPermitted + refused;
     const std::string old = ContentOf(SomeRecords("old", 2));
@@ -425,16 +426,16 @@ TEST_F(Store, AFullDiskChangesNothing) {
     WriteFile(path_, old);
     WriteFile(backup_, older);
     Have(SomeRecords("new", 10000));  // some 700 KB
-    std::string text = SaveAndTell();
+    std::string text = SaveAndReport();
     text += "\n" + StillThere(path_, old, older);
     text += database_.Changed() ? "\nchanged" : "\nunchanged";
     // There is room again.
     Have(SomeRecords("new", 10));
-    text += "\n" + SaveAndTell();
+    text += "\n" + SaveAndReport();
     return text + "\n" + std::to_string(InFile(path_).size());
   });
-  if (told.starts_with(kNotPermitted)) GTEST_SKIP() << told;
-  EXPECT_EQ(told,
+  if (reported.starts_with(kNotPermitted)) GTEST_SKIP() << reported;
+  EXPECT_EQ(reported,
             "failed\nUnable to save GreyListing database. Error 61. Disk full.\nboth as "
             "before\nchanged\nsaved\n10");
 }
@@ -444,15 +445,15 @@ TEST_F(Store, AReadOnlyFileSystemChangesNothing) {
   const std::string older = ContentOf(SomeRecords("older", 1));
   WriteFile(path_, old);
   WriteFile(backup_, older);
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     const std::string refused = MountHere(folder_.Path(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr);
     if (!refused.empty()) return kNotPermitted + refused;
     Have(SomeRecords("new", 10));
-    const std::string saved = SaveAndTell();
-    return saved + "\n" + LoadAndTell();
+    const std::string saved = SaveAndReport();
+    return saved + "\n" + LoadAndReport();
   });
-  if (told.starts_with(kNotPermitted)) GTEST_SKIP() << told;
-  EXPECT_EQ(told,
+  if (reported.starts_with(kNotPermitted)) GTEST_SKIP() << reported;
+  EXPECT_EQ(reported,
             "failed\nUnable to save GreyListing database. Error 75. Path/File access error.\n2 records");
   EXPECT_EQ(StillThere(path_, old, older), "both as before");
 }
@@ -462,18 +463,18 @@ TEST_F(Store, ALimitOnTheFileSizeChangesNothing) {
   const std::string older = ContentOf(SomeRecords("older", 1));
   WriteFile(path_, old);
   WriteFile(backup_, older);
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     const rlimit limit{100000, 100000};
     setrlimit(RLIMIT_FSIZE, &limit);
     Have(SomeRecords("new", 10000));
-    return SaveAndTell();
+    return SaveAndReport();
   });
-  EXPECT_EQ(told, "failed\nUnable to save GreyListing database. Error 61. Disk full.");
+  EXPECT_EQ(reported, "failed\nUnable to save GreyListing database. Error 61. Disk full.");
   EXPECT_EQ(StillThere(path_, old, older), "both as before");
 }
 
 TEST_F(Store, SavesInTheBackground) {
-  EXPECT_EQ(LoadAndTell(), kNoMain + kNoBackup + "0 records");
+  EXPECT_EQ(LoadAndReport(), kNoMain + kNoBackup + "0 records");
   Have(SomeRecords("s", 1000));
   const GreyListingSaveResult result = SaveBeside();
   EXPECT_EQ(result.kind, Kind::kSaved);
@@ -533,13 +534,13 @@ TEST_F(Store, TheSweepEndsWithTheRecordsItWalks) {
   RunUntilIdle(loop_);
   Have(SomeRecords("t", 10000));
   EXPECT_EQ(SaveBeside().kind, Kind::kSaved);
-  EXPECT_EQ(LoadAndTell(), "10000 records");
+  EXPECT_EQ(LoadAndReport(), "10000 records");
   RunUntilIdle(loop_);
   Have(SomeRecords("u", 10000));
   EXPECT_EQ(SaveBeside().kind, Kind::kSaved);
   database_.SetChanged(true);
   clock_.SetNow(kSomeNow + 20000);
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_EQ(database_.Count(), 0U);
   RunUntilIdle(loop_);
 }
@@ -581,7 +582,7 @@ TEST_F(Store, ACompleteSaveOvertakesOneInTheBackground) {
   Have(SomeRecords("s", 1000));
   ASSERT_TRUE(store_.SaveInBackground([](const GreyListingSaveResult&) { ADD_FAILURE(); }));
   // Even when nothing changed since: that save is given up.
-  EXPECT_EQ(SaveAndTell(), "saved");
+  EXPECT_EQ(SaveAndReport(), "saved");
   EXPECT_FALSE(store_.SavingInBackground());
   EXPECT_EQ(InFile(path_), SomeRecords("s", 1000));
   RunUntilIdle(loop_);
@@ -593,7 +594,7 @@ TEST_F(Store, ALoadWaitsForTheSaveInTheBackground) {
   Have(SomeRecords("s", 1000));
   bool done = false;
   ASSERT_TRUE(store_.SaveInBackground([&](const GreyListingSaveResult&) { done = true; }));
-  EXPECT_EQ(LoadAndTell(), "1000 records");
+  EXPECT_EQ(LoadAndReport(), "1000 records");
   EXPECT_TRUE(done);
   EXPECT_FALSE(database_.Changed());
 }
@@ -608,7 +609,7 @@ TEST_F(Store, ClearingWaitsForTheSaveInTheBackground) {
 
 TEST_F(Store, WithoutAProcessItSavesInPlace) {
   Have(SomeRecords("s", 10));
-  const std::string told = InChild([&]() -> std::string {
+  const std::string reported = InChild([&]() -> std::string {
     if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return "cannot become another user";
     settings_.Database = testing::TempDir() + "trabex-" + std::to_string(getpid());
     const rlimit none{0, 0};
@@ -622,7 +623,7 @@ TEST_F(Store, WithoutAProcessItSavesInPlace) {
     fs::remove(settings_.Database);
     return text;
   });
-  EXPECT_EQ(told, "saved at once, 10");
+  EXPECT_EQ(reported, "saved at once, 10");
 }
 
 // --- more than there is room for
@@ -669,7 +670,7 @@ TEST_F(CrampedStore, ASaveNeverFailsForTheNumberOfRecords) {
   }
 }
 
-TEST_F(CrampedStore, TellsWhatIsLeftOutOnceAnHour) {
+TEST_F(CrampedStore, LogsWhatIsLeftOutOnceAnHour) {
   Have(SomeRecords("s", 30));
   EXPECT_EQ(LinesOfSave(false).size(), 1U);
   EXPECT_EQ(LinesOfSave(true), Lines{});
@@ -692,7 +693,7 @@ TEST_F(CrampedStore, TellsWhatIsLeftOutOnceAnHour) {
 TEST_F(Store, ALoadKeepsToTheBounds) {
   settings_.MaxPending = 4;
   WriteFile(path_, ContentOf(SomeRecords("s", 10)));
-  EXPECT_EQ(LoadAndTell(), kTooManyPending + "6.\n4 records");
+  EXPECT_EQ(LoadAndReport(), kTooManyPending + "6.\n4 records");
   std::vector<PlainRecord> last = SomeRecords("s", 10);
   last.erase(last.begin(), last.begin() + 6);
   EXPECT_EQ(Plain(database_), last);
@@ -701,14 +702,14 @@ TEST_F(Store, ALoadKeepsToTheBounds) {
   fs::rename(path_, backup_);
   settings_.MaxPending = 100;
   settings_.MaxPendingPerNetwork = 3;
-  EXPECT_EQ(LoadAndTell(), kNoMain + "3 records");
+  EXPECT_EQ(LoadAndReport(), kNoMain + "3 records");
   EXPECT_EQ(database_.PendingCount(), 3U);
 }
 
 // Many more than are kept, of the longest keys, as a flood of before may have left them.
 TEST_F(Store, ALoadTakesNoMemoryForWhatIsDropped) {
   if (!CountsMemory()) GTEST_SKIP() << "a sanitizer's memory says nothing";
-  const std::string told = InChild([&] {
+  const std::string reported = InChild([&] {
     {
       GreyListingDatabase flood;
       for (int i = 0; i < 1000; ++i) {
@@ -724,13 +725,13 @@ TEST_F(Store, ALoadTakesNoMemoryForWhatIsDropped) {
         return std::atol(status.c_str() + status.find("VmHWM:") + 6);
       };
       const long peak_before = peak();
-      std::string text = LoadAndTell();
+      std::string text = LoadAndReport();
       const long grown_kilobytes = peak() - peak_before;
       if (grown_kilobytes > 16 * 1024) text += ", grown by " + std::to_string(grown_kilobytes) + " KB";
       return text;
     });
   });
-  EXPECT_EQ(told, kTooManyPending + "900.\n100 records");
+  EXPECT_EQ(reported, kTooManyPending + "900.\n100 records");
 }
 
 }  // namespace

@@ -21,7 +21,7 @@ TEST(KeyIndex, AnEmptyOneFindsNothing) {
   EXPECT_EQ(index.Find(0, [](std::uint32_t) { return true; }), KeyIndex::kNone);
 }
 
-TEST(KeyIndex, TellsEqualHashesApart) {
+TEST(KeyIndex, DistinguishesEqualHashes) {
   KeyIndex index;
   for (std::uint32_t number = 0; number < 20; ++number) index.Add(7, number);
   for (std::uint32_t number = 0; number < 20; ++number) EXPECT_EQ(FindNumber(index, 7, number), number);

@@ -23,7 +23,7 @@ std::vector<std::uint32_t> Emptied(PendingQueue& queue, std::vector<std::uint32_
   return order;
 }
 
-TEST(PendingQueue, AnEmptyOneHasNobody) {
+TEST(PendingQueue, AnEmptyOneHasNoFirst) {
   const PendingQueue queue;
   EXPECT_EQ(queue.Count(), 0U);
   EXPECT_EQ(queue.Oldest(), kNone);
@@ -50,7 +50,7 @@ TEST(PendingQueue, KeepsTheOrderOfArrival) {
 }
 
 // Hashes of which the index looks at the same part only.
-TEST(PendingQueue, TellsNetworksApartByTheWholeHash) {
+TEST(PendingQueue, DistinguishesNetworksByTheWholeHash) {
   PendingQueue queue;
   const std::uint32_t first = queue.Add(0x0100000000000007, 1);
   const std::uint32_t second = queue.Add(0x0100000100000007, 2);

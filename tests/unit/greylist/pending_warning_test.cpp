@@ -30,7 +30,7 @@ class Warning : public testing::Test {
   PendingWarning warning_{log_, loop_};
 };
 
-TEST_F(Warning, TellsTheFirstAtOnce) {
+TEST_F(Warning, LogsTheFirstAtOnce) {
   warning_.Dropped({.by_limit_in_all = 2, .by_limit_per_network = 1}, "10.1.2");
   EXPECT_EQ(log_.Take(), Lines{"Greylisting: Too many pending records. Dropped: 3; Network: 10.1.2."});
 }
@@ -48,12 +48,12 @@ TEST_F(Warning, NamesANetworkOnlyWhenItReachedItsOwnLimit) {
   EXPECT_EQ(LinesAfter(minutes(60)), Lines{"Greylisting: Too many pending records. Dropped: 1."});
 }
 
-TEST_F(Warning, NothingDroppedIsNothingToTell) {
+TEST_F(Warning, NothingDroppedIsNothingToLog) {
   warning_.Dropped({}, "10.1.2");
   EXPECT_EQ(LinesAfter(minutes(120)), Lines{});
 }
 
-TEST_F(Warning, TellsOnceAnHourAtMost) {
+TEST_F(Warning, LogsOnceAnHourAtMost) {
   Lines lines;
   // Five hours of one each second.
   for (int second = 0; second < 5 * 3600; ++second) {
@@ -70,7 +70,7 @@ TEST_F(Warning, TellsOnceAnHourAtMost) {
 }
 
 // The rest of a flood that ended is told all the same, and after a quiet hour the next is told at once again.
-TEST_F(Warning, TellsTheRestOfAFlood) {
+TEST_F(Warning, LogsTheRestOfAFlood) {
   warning_.Dropped({.by_limit_in_all = 1}, "");
   warning_.Dropped({.by_limit_in_all = 41}, "");
   EXPECT_EQ(log_.Take().size(), 1U);

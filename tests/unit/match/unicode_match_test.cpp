@@ -19,7 +19,7 @@ ExpressionList ListOf(std::initializer_list<std::string_view> patterns) {
   return list;
 }
 
-TEST(FoldPattern, FoldsWhatStandsBetweenTheWildcards) {
+TEST(FoldPattern, FoldsWhatIsBetweenTheWildcards) {
   const struct {
     const char* pattern;
     const char* folded;
@@ -109,7 +109,7 @@ TEST(LikeText, FoldsLettersBeyondAscii) {
 }
 
 // By hash, tried as one of several, as member of a group, and as the key of a replacement.
-TEST(ExpressionList, FoldsLettersBeyondAsciiWhereverThePatternStands) {
+TEST(ExpressionList, FoldsLettersBeyondAsciiWhereverThePatternIs) {
   for (const auto& row : kRows) {
     const std::string pattern = row.pattern;
     EXPECT_EQ(ListOf({pattern}).Contains(row.text), row.matches) << row.text << " / " << pattern;

@@ -40,7 +40,7 @@ TEST_F(CloseInsideTest, DataArrival) {
   EXPECT_EQ(peer->ReceiveToEnd(), "");
 }
 
-TEST_F(CloseInsideTest, DataArrivalWithTheEndBehindIt) {
+TEST_F(CloseInsideTest, DataArrivalWithTheEndAfterIt) {
   Connection();
   CloseIn(*accepted, "DataArrival");
   ASSERT_EQ(peer->SendSome("hello"), 5U);
@@ -406,7 +406,7 @@ TEST_F(OrderlyCloseTest, IsNotifiedOnlyWhenReallyNoneIsLeft) {
   EXPECT_EQ(notified, 1);
 }
 
-TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestAndNotifiesNobody) {
+TEST_F(OrderlyCloseTest, TheModulesEndClosesTheRestWithoutAnEvent) {
   bool notified = false;
   Peer client(loop);
   SocketHandle lingering;

@@ -128,7 +128,7 @@ TEST_F(ConnectTest, ALookUpThatCannotBeginIsAnErrorEvent) {
   EXPECT_EQ(lost.error_source, "CSocketMaster.ResolveIfHostname");
 }
 
-TEST_F(ConnectTest, AnAnswerAfterCloseSckReachesNobody) {
+TEST_F(ConnectTest, AnAnswerAfterCloseSckIsDropped) {
   names.SetAddresses("server.test", {kLoopback});
   names.HoldAnswers();
   socket->Connect("server.test", server.port);
@@ -172,7 +172,7 @@ TEST_F(ConnectTest, OnlyCloseSckLeavesTheErrorState) {
   ExpectEvents(socket, "Connect");
 }
 
-TEST_F(ConnectTest, ARefusalTheSystemTellsAtOnceIsAnErrorEventOfConnectToIP) {
+TEST_F(ConnectTest, ARefusalTheSystemReturnsAtOnceIsAnErrorEventOfConnectToIP) {
   // No socket can connect to a broadcast address without asking for it.
   names.SetAddresses("all.test", {IP("255.255.255.255")});
   socket->Connect("all.test", 25);

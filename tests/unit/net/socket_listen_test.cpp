@@ -25,7 +25,7 @@ TEST_F(ListenTest, AnAcceptedConnectionIsConnectedAtOnceAndKnowsItsPeer) {
   EXPECT_EQ((*accepted)->RemoteHostIP(), "");
 }
 
-TEST_F(ListenTest, TheListenerTellsTheCallerWhileTheEventRuns) {
+TEST_F(ListenTest, TheListenerKnowsTheCallerWhileTheEventRuns) {
   StartListener();
   (*listener)->OnSocketEvent({}, SocketEvent::kAccept, 0);  // for nobody
   std::string inside_ip;
@@ -56,7 +56,7 @@ TEST_F(ListenTest, TheListenersOwnRemoteValuesComeBackAfterTheEvent) {
   EXPECT_EQ((*listener)->RemotePort(), 99);
 }
 
-TEST_F(ListenTest, AConnectionThatNobodyClaimsIsClosedRightAfterTheEvent) {
+TEST_F(ListenTest, AnUnclaimedConnectionIsClosedRightAfterTheEvent) {
   StartListener();
   listener->On("ConnectionRequest", {});
   peer = std::make_unique<Peer>(loop);

@@ -308,7 +308,7 @@ TEST_F(MembersTest, CloseSckInEveryStateEndsClosedWithoutAnyEvent) {
   }
 }
 
-TEST_F(MembersTest, ListenBindsByItselfWhenNobodyDid) {
+TEST_F(MembersTest, ListenBindsByItselfUnlessBound) {
   TracedSocket socket(module);
   socket->Listen();
   EXPECT_EQ(socket->State(), SocketState::sckListening);

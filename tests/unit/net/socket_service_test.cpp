@@ -236,7 +236,7 @@ TEST_F(RemoteNameTest, ASecondRequestReplacesWhoIsNotified) {
   EXPECT_EQ((*accepted)->RemoteHostName(), "other.test");
 }
 
-TEST_F(RemoteNameTest, NobodyIsNotifiedAfterCloseSckOrTheObjectsEnd) {
+TEST_F(RemoteNameTest, NoAnswerComesAfterCloseSckOrTheObjectsEnd) {
   Connection();
   names.HoldAnswers();
   bool notified = false;

@@ -245,7 +245,7 @@ TEST_F(StreamTest, TheEndOfTheConnectionComesAfterWhatItHolds) {
   }
 }
 
-TEST_F(StreamTest, ItsEndIsThePeersAlthoughTheConnectionStands) {
+TEST_F(StreamTest, ItsEndIsThePeersAlthoughTheConnectionIsOpen) {
   PackedConnection();
   ReadInPortions(100);
   peer->Send(Record("one") + Record("") + Record("two"));

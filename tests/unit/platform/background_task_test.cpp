@@ -80,7 +80,7 @@ class BackgroundTaskTest : public testing::Test {
   std::optional<TaskResult> result_;
 };
 
-TEST_F(BackgroundTaskTest, TellsWhatTheWorkReturned) {
+TEST_F(BackgroundTaskTest, ReportsWhatTheWorkReturned) {
   for (const std::string& text : {std::string(), std::string("a result"), std::string("\0.\n", 3)}) {
     result_.reset();
     ASSERT_TRUE(task_.Start([&] { return text; }, Keep()));
@@ -117,7 +117,7 @@ TEST_F(BackgroundTaskTest, MemoryIsThatOfTheStart) {
   EXPECT_EQ(value, "after");
 }
 
-TEST_F(BackgroundTaskTest, ATaskThatDiesIsToldFromOneThatEnds) {
+TEST_F(BackgroundTaskTest, ATaskThatDiesIsDistinguishedFromOneThatEnds) {
   const std::function<std::string()> deaths[] = {
       []() -> std::string { _exit(0); },
       []() -> std::string {

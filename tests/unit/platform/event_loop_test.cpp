@@ -348,7 +348,7 @@ TEST_F(EventLoopTest, ABusyDescriptorAndABusyTimerAndPostsShareTheIterations) {
   EXPECT_EQ(posts, 10);
 }
 
-TEST_F(EventLoopTest, FdWatcherTellsWhatIsReadyAsLongAsItIs) {
+TEST_F(EventLoopTest, FdWatcherNotifiesOfWhatIsReadyAsLongAsItIs) {
   SocketPair pair;
   int readable = 0;
   int writable = 0;
@@ -372,7 +372,7 @@ TEST_F(EventLoopTest, FdWatcherTellsWhatIsReadyAsLongAsItIs) {
   EXPECT_EQ(writable, 1);
 }
 
-TEST_F(EventLoopTest, FdWatcherTellsAHangUpAsWhatIsWatchedForAndNothingWithoutInterest) {
+TEST_F(EventLoopTest, FdWatcherNotifiesOfAHangUpAsWhatIsWatchedForAndOfNothingWithoutInterest) {
   SocketPair pair;
   int readable = 0;
   int writable = 0;

@@ -101,7 +101,7 @@ TEST(NewFile, LeavesOneThatIsBeingWritten) {
   EXPECT_EQ(ReadFile(path), "first");
 }
 
-TEST(NewFile, TellsWhyNot) {
+TEST(NewFile, ReportsWhyNot) {
   const TempFolder folder;
   fs::create_directories(folder / "folder/inside");
   EXPECT_EQ(ErrorOf([&] { NewFile(folder / "folder", "source"); }), "75 source");

@@ -238,7 +238,7 @@ TEST_F(InstanceLockTest, OwnUserIsNoOtherOne) {
   EXPECT_EQ(OtherUserHolding(name), std::nullopt);
 }
 
-TEST_F(InstanceLockTest, OtherUserIsTold) {
+TEST_F(InstanceLockTest, OtherUserIsNamed) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
   const passwd* const nobody = getpwnam("nobody");
   ASSERT_NE(nobody, nullptr);

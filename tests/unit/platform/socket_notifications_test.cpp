@@ -235,7 +235,7 @@ const Row kRows[] = {
       {Receive(100, 4), "READ READ"},
       {Receive(100, 0), "READ READ"},
       {PeerSends(4), "READ READ READ"}}},
-    {"ReadForDataThatCameBeforeSomebodyWatched",
+    {"ReadForDataThatCameBeforeTheWatch",
      {{[](Bench& b) {
          b.peer = b.NewClient();
          b.AcceptOurs();
@@ -244,7 +244,7 @@ const Row kRows[] = {
          b.sockets.Watch(b.ours, &b.recorder);
        },
        "READ WRITE"}}},
-    {"SeveralReceivesBetweenTwoIterationsTellNothingOfTheirOwn",
+    {"SeveralReceivesBetweenTwoIterationsNotifyOfNothing",
      {{Connection, ""},
       {PeerSends(10), "READ"},
       {[](Bench& b) {
@@ -265,7 +265,7 @@ const Row kRows[] = {
        },
        "READ READ"},
       {Receive(100, 4), "READ READ"}}},
-    {"NoReadForDataThatSomebodyTookInTheSameIteration",
+    {"NoReadForDataThatWasTakenInTheSameIteration",
      {{Connection, ""},
       {[](Bench& b) {
          b.PeerSends(5);
@@ -275,7 +275,7 @@ const Row kRows[] = {
        ""},
       {PeerSends(1), "READ"}}},
 
-    {"WriteOnceWhenTheConnectionStands",
+    {"WriteOnceWhenTheConnectionIsMade",
      {{[](Bench& b) {
          b.peer = b.NewClient();
          b.AcceptOurs();
@@ -316,7 +316,7 @@ const Row kRows[] = {
       {Accept, "ACCEPT ACCEPT"},
       {Accept, "ACCEPT ACCEPT"},
       {NewClient, "ACCEPT ACCEPT ACCEPT"}}},
-    {"AcceptForAConnectionThatCameWhileNobodyWatched",
+    {"AcceptForAConnectionThatCameWhileUnwatched",
      {{NewClient, ""},
       {WatchListener, "ACCEPT"},
       {Accept, "ACCEPT"},
@@ -324,7 +324,7 @@ const Row kRows[] = {
       {NewClient, "ACCEPT"},
       {WatchListener, "ACCEPT ACCEPT"}}},
 
-    {"ConnectOnceWhenTheConnectionStandsThenWrite",
+    {"ConnectOnceWhenTheConnectionIsMadeThenWrite",
      {{[](Bench& b) {
          b.ours = b.NewClient();
          b.sockets.Watch(b.ours, &b.recorder);
@@ -376,7 +376,7 @@ const Row kRows[] = {
       {Receive(100, 0), "READ CLOSE"}}},
     {"CloseForAPeerThatOnlyEndsItsSendingAndWeCanStillSend",
      {{Connection, ""}, {PeerEndsSending, "CLOSE"}, {Fill, "CLOSE"}, {PeerReceivesAll, "CLOSE WRITE"}}},
-    {"CloseForAnEndThatCameBeforeSomebodyWatched",
+    {"CloseForAnEndThatCameBeforeTheWatch",
      {{[](Bench& b) {
          b.peer = b.NewClient();
          b.AcceptOurs();
@@ -396,7 +396,7 @@ const Row kRows[] = {
        },
        "READ"},
       {Receive(100, 5), "READ CLOSE(10054)"}}},
-    {"CloseTellsAResetThatAReceiveFoundFirst",
+    {"CloseReportsAResetThatAReceiveFoundFirst",
      {{Connection, ""},
       {PeerSends(5), "READ"},
       {PeerResets, "READ"},
@@ -410,7 +410,7 @@ const Row kRows[] = {
        },
        "READ CLOSE(10054)"}}},
 
-    {"WhatIsDueWhileNobodyWatchesIsToldToTheNext",
+    {"WhatIsPendingWhileUnwatchedGoesToTheNextSink",
      {{Connection, ""},
       {[](Bench& b) {
          b.Fill();
@@ -425,7 +425,7 @@ const Row kRows[] = {
        ""},
       {Watch, "READ WRITE"},
       {Receive(100, 5), "READ WRITE CLOSE"}}},
-    {"WhatWasToldIsNotToldAgainToTheNext",
+    {"WhatWasDeliveredIsNotRepeatedForTheNextSink",
      {{Connection, ""},
       {PeerSends(5), "READ"},
       {[](Bench& b) {
@@ -433,7 +433,7 @@ const Row kRows[] = {
          Watch(b);
        },
        "READ"}}},
-    {"ASocketClosedInItsOwnNotificationIsToldNothingMore",
+    {"ASocketClosedInItsOwnNotificationGetsNoOther",
      {{[](Bench& b) {
          b.peer = b.NewClient();
          b.AcceptOurs();
@@ -453,7 +453,7 @@ const Row kRows[] = {
        },
        "READ"},
       {[](Bench& b) { EXPECT_EQ(b.second.notified, ""); }, "READ"}}},
-    {"ANotificationMayUnwatchAndTheRestIsToldLater",
+    {"ANotificationMayUnwatchAndTheRestComesLater",
      {{[](Bench& b) {
          b.peer = b.NewClient();
          b.AcceptOurs();
@@ -471,7 +471,7 @@ const Row kRows[] = {
 
 class Notifications : public testing::TestWithParam<Row> {};
 
-TEST_P(Notifications, AreToldAsTheyAreMeant) {
+TEST_P(Notifications, AreDeliveredAsDocumented) {
   Bench bench;
   for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
     SCOPED_TRACE("step " + std::to_string(i + 1));
@@ -485,7 +485,7 @@ TEST_P(Notifications, AreToldAsTheyAreMeant) {
 INSTANTIATE_TEST_SUITE_P(Table, Notifications, testing::ValuesIn(kRows),
                          [](const testing::TestParamInfo<Row>& row) { return std::string(row.param.name); });
 
-TEST(NotificationsTest, ARefusedConnectIsToldOnceWithItsError) {
+TEST(NotificationsTest, ARefusedConnectIsNotifiedOnceWithItsError) {
   Bench bench;
   SocketHandle client;
   Bench::Must(bench.sockets.Open(Transport::kTcp, client));
@@ -562,7 +562,7 @@ TEST(NotificationsTest, ABusySocketDoesNotStarveAnotherOne) {
   EXPECT_TRUE(RunUntil(bench.loop, [&] { return busy_reads > reads_until_then + 10; }));
 }
 
-TEST(NotificationsTest, DatagramsAreToldOneByOne) {
+TEST(NotificationsTest, DatagramsAreNotifiedOneByOne) {
   Bench bench;
   SocketHandle receiver;
   SocketHandle sender;
@@ -665,7 +665,7 @@ TEST(SocketsTest, EndpointsAndBufferSizesOfAConnection) {
   EXPECT_GT(bytes, 0);
 }
 
-TEST(SocketsTest, ASocketThatNobodyWatchedYetIsAlwaysAsked) {
+TEST(SocketsTest, AnUnwatchedSocketIsAlwaysAsked) {
   Bench bench;
   bench.peer = bench.NewClient();
   bench.AcceptOurs();

@@ -115,7 +115,7 @@ TEST(Bdat, WithoutACountTheSessionEndsWhereverItIs) {
 }
 
 // The count is beyond doubt, so its octets can be read and the session goes on.
-TEST(Bdat, WithAControlCharacterBehindItsCountIsRefusedLikeOthers) {
+TEST(Bdat, WithAControlCharacterAfterItsCountIsRefusedLikeOthers) {
   TestDialogue d;
   BringToTransaction(d);
   d.Run(R"(

@@ -68,7 +68,7 @@ TEST(ClientLine, WithAControlCharacterGoesNowhere) {
   }
 }
 
-TEST(ClientLine, EightBitCharactersAreTextBehindTheVerb) {
+TEST(ClientLine, EightBitCharactersAreTextAfterTheVerb) {
   const struct {
     const char* line;
     bool forwarded;

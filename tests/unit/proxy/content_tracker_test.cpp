@@ -269,7 +269,7 @@ TEST(ContentTracker, NoOctetsAreNoContent) {
   EXPECT_EQ(tracker.OctetsLeft(), 0u);
 }
 
-TEST(ContentTracker, TellsHowManyOctetsAreLeft) {
+TEST(ContentTracker, ReportsHowManyOctetsAreLeft) {
   ContentTracker tracker;
   tracker.BeginOctets(5);
   EXPECT_EQ(tracker.Scan("abc").bytes, 3u);

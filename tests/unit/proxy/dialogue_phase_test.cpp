@@ -237,7 +237,7 @@ TEST(Transactions, EachRowIsTakenByItsReplyAndByNoOther) {
   EXPECT_EQ(taken, 9u + 2u * 5u);
 }
 
-TEST(Transactions, RsetGreetsNobody) {
+TEST(Transactions, RsetDoesNotGreet) {
   TestDialogue d;
   EXPECT_EQ(d.Says("RSET"), "-> RSET");
   d.Reply("250 ok\r\n");

@@ -7,7 +7,7 @@
 namespace trabex {
 namespace {
 
-TEST(ReceivedHeader, TellsWhoSentTheMessageAndHow) {
+TEST(ReceivedHeader, SaysWhoSentTheMessageAndHow) {
   const struct {
     bool ehlo;
     const char* helo;

@@ -539,7 +539,7 @@ TEST(ServerReply, AnAnswerBeforeTheDotCutsTheContentOff) {
   EXPECT_FALSE(d.TakesContent());
 }
 
-TEST(ServerReply, AfterTheGoodByeWhatTheClientSendsIsDropped) {
+TEST(ServerReply, AfterThe221WhatTheClientSendsIsDropped) {
   const struct {
     const char* command;
     const char* reply;

@@ -64,7 +64,7 @@ TEST(HostsTable, AddressHasTheFirstNameOfItsFirstLine) {
   EXPECT_EQ(HostsTable().Name(kIPv4Any), "");
 }
 
-TEST(HostsTable, FullNameStandsOnTheSameLine) {
+TEST(HostsTable, FullNameIsOnTheSameLine) {
   const struct {
     const char* text;
     const char* host;

@@ -464,7 +464,7 @@ TEST_F(NameLookupTest, SilenceFailsWithinTheLimit) {
   EXPECT_EQ(reverse, "11002");
 }
 
-TEST_F(NameLookupTest, AnswerAfterTheLimitFindsNobody) {
+TEST_F(NameLookupTest, AnswerAfterTheLimitIsDropped) {
   server_.SetAddresses("late.test", {kAddress1});
   server_.Hold();
   std::string outcome;
@@ -1010,7 +1010,7 @@ TEST_F(NameLookupInRealTime, SilenceEndsWithTheLimit) {
   EXPECT_GE(server_.Questions("silent.test"), 2U);
 }
 
-TEST(FakeNameLookup, AnswersFromTheLoopOrWhenTold) {
+TEST(FakeNameLookup, AnswersFromTheLoopOrOnDeliver) {
   FakeClock clock;
   EventLoop loop(clock);
   auto fake = std::make_unique<FakeNameLookup>(loop);

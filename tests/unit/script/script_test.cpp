@@ -119,7 +119,7 @@ TEST(Script, EndsAndWords) {
   EXPECT_EQ(both.steps[1].side, Side::kServer);
 }
 
-TEST(Script, StepsTellWhereTheyStand) {
+TEST(Script, StepsKnowTheirLines) {
   const Script script = ReadScript("# remark\n\n   C: one  \n  # another\n<- two");
   ASSERT_EQ(script.steps.size(), 2U);
   EXPECT_EQ(script.steps[0].line, 3U);
@@ -241,7 +241,7 @@ TEST(Pattern, AStarIsAnyText) {
   }
 }
 
-TEST(ScriptFile, TellsItsName) {
+TEST(ScriptFile, NamesItself) {
   const TempFolder folder;
   const std::string path = folder / "x.session";
   WriteFile(path, "C: a\nnonsense\n");
