@@ -1,7 +1,8 @@
 // A greylisting database of a million records: how long it takes to load, what memory a record takes, and how
-// long an iteration of the loop gets while the database is saved and mail goes on. Then a flood of new triples at
-// the bounds: how much longer one takes among many pending ones than among few. Each figure has a limit of
-// its own and stands beside a peer: plain reading and std::unordered_map, and a loop that saves nothing.
+// long an iteration of the loop gets while the database is saved and mail goes on. Then a flood of new
+// triples at the bounds: how much longer one takes among many pending ones than among few. Each figure has a
+// limit of its own and is shown beside a peer: plain reading and std::unordered_map, and a loop that saves
+// nothing.
 //
 //   bench_greylist [folder for the files, default "."] [records, default 1000000]
 #include <malloc.h>
@@ -185,8 +186,8 @@ double PlainNewTripleAt(std::size_t pending) {
   return best_ms * 1e6 / 200000;
 }
 
-// Runs iterations of the loop, each with the checks of a busy server, while `more()`. The longest one and their
-// number.
+// Runs iterations of the loop, each with the checks of a busy server, while `more()`. The longest one and
+// their number.
 struct Iterations {
   double longest_ms = 0;
   std::size_t count = 0;

@@ -63,7 +63,7 @@ class CommandChecks {
   }
 
  private:
-  // The address at the front of `text`, which begins behind "<": up to the first ">" outside quotes.
+  // The address at the front of `text`, which begins after "<": up to the first ">" outside quotes.
   static std::string_view AddressIn(std::string_view text) {
     const std::size_t from = text.starts_with('"') ? text.find('"', 1) : 0;
     return text.substr(0, text.find('>', from));

@@ -25,7 +25,7 @@ void CheckFolding(std::string_view text, std::string_view other) {
   Require(EqualFolded(text, other) == (folded == FoldText(other)));
   Require(EndsWithFolded(text, other) == folded.ends_with(FoldText(other)));
   if (HoldsAddressCharacters(text)) Require(!HoldsIgnorable(folded));
-  // What stands in front of an "@" does not depend on what follows.
+  // The text in front of an "@" does not depend on what follows.
   Require(FoldText("Sales@" + std::string(text)).starts_with("sales@"));
 }
 

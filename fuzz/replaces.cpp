@@ -1,5 +1,5 @@
 // Response changes: the first line is a reply, the second what the client said, each other line a rule in the
-// form that the rules are written back in; in the first two a tab stands for CR LF, a vertical tab for LF.
+// form that the rules are written back in; in the first two a tab means CR LF, a vertical tab LF.
 // Macros never blow a text up beyond their bound, their values are put in as they are, and end no line.
 #include <algorithm>
 #include <cstddef>

@@ -290,7 +290,7 @@ class Peers final : private DialogueActions {
       sent_content_.append(bytes);
       return;
     }
-    // The header opens the content; everything else is one command, with the header behind a BDAT.
+    // The header opens the content; everything else is one command, with the header after a BDAT.
     if (content) {
       Require(bytes.starts_with("Received: from ") && model_.commands.size() == commands);
       return;

@@ -21,7 +21,7 @@ struct Decoded {
 // Raises std::invalid_argument for an escape that is none, and for marks that are no pair.
 Decoded Decode(std::string_view text);
 
-// The bytes of a text in which nothing but bytes stands. Raises like Decode, and for \| \< and \>.
+// The bytes of a text that holds nothing but bytes. Raises like Decode, and for \| \< and \>.
 std::string Unescape(std::string_view text);
 
 // The way back: printable ASCII that Unescape reads as `bytes`. Stars and braces stay as they are.

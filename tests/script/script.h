@@ -35,7 +35,7 @@ enum class StepKind {
   kAskName,        // the addresses of the name `bytes` are asked for
   kAnswer,         // the names that were asked for are answered
   kCheckTimeouts,  // every session looks at its time-out
-  kStop,           // the program is told to end
+  kStop,           // the program is asked to end
 };
 
 // Bytes that one side sends.

@@ -380,7 +380,7 @@ TEST(TimeOut, DroppedOctetsDoNotRenewIt) {
   PlayBothWays(refused.configure, refused.begin + ("C: BDAT 2000000000\n" + bad_sequence) +
                                       EveryTenSeconds(R"(C+ x\r\n)", 60) + "<- nothing\n" +
                                       EveryTenSeconds(R"(C+ \r\n)", 10) + kTimedOut);
-  // A line behind them does, also one that comes with the last of them.
+  // A line after them does, also one that comes with the last of them.
   for (const int seconds : {20, 30}) {
     PlayBothWays(refused.configure,
                  refused.begin + ("C: BDAT 6\n" + bad_sequence) + EveryTenSeconds(R"(C+ \r\n)", seconds) +

@@ -189,7 +189,7 @@ TEST(Asked, AChunkThatTheServerRefusesIsUnderWay) {
     -> NOOP)");
 }
 
-// A greeting is relayed whatever it says. Whether the server takes commands behind one that refuses is its
+// A greeting is relayed whatever it says. Whether the server takes commands after one that refuses is its
 // own affair; until it has accepted a greeting of the client, the proxy lets no mail through.
 TEST(Asked, CommandsAfterAGreetingThatRefusesGoToTheServer) {
   const std::string refused = R"(

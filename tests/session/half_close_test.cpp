@@ -10,7 +10,7 @@
 namespace trabex {
 namespace {
 
-// A trace header alone would wait a while for the content behind it, in each of the many dialogues here.
+// A trace header alone would wait a while for the content after it, in each of the many dialogues here.
 void WithoutHeader(SessionFixture& fixture) {
   fixture.Settings.AddReceived = false;
 }
@@ -69,7 +69,7 @@ TEST(HalfClose, OfTheClientEndsTheSession) {
   for (const Ending& row : kRows) PlayEnding(row, "C shuts");
 }
 
-// The end lies behind lines that wait for their turn. It is noticed when they are read from the connection,
+// The end comes after lines that wait for their turn. It is noticed when they are read from the connection,
 // at the latest when what they wait for has come.
 TEST(HalfClose, OfTheClientAfterLinesSentAheadEndsTheSession) {
   const struct {
@@ -202,7 +202,7 @@ TEST(HalfClose, OfTheServerCostsItNoContent) {
   EXPECT_EQ(fixture.Play("-> one\n-> two\nclosed both"), "");
 }
 
-// The answer to a look-up comes to nobody then.
+// The answer to a look-up is dropped then.
 TEST(HalfClose, OfTheServerEndsTheLookUpOfAGreetingName) {
   SessionFixture fixture;
   fixture.Settings.ValidateHELO = 1;

@@ -36,7 +36,7 @@ TEST(Greeting, AnyReplyEndsTheWaitForIt) {
   for (const char* greeting :
        {"421 later", "500 what", "250 ok", "354 go on", "334 go on", "221 bye", "no code"}) {
     SCOPED_TRACE(greeting);
-    // Nobody asked for content, data or the end yet.
+    // No command has asked for content, data or the end yet.
     PlayEveryWay({}, "C: NOOP\nS: " + std::string(greeting) + "\n<- " + greeting + R"(
       -> NOOP
       S: 250 ok
@@ -300,7 +300,7 @@ TEST(ContentPhase, ContentSentBeforeTheClientClosedReachesASlowServer) {
   SessionFixture fixture;
   WithoutHeader(fixture);
   ASSERT_EQ(fixture.Play(InTransaction() + "C: DATA\n-> DATA\nS: 354 go on\n<- 354 go on"), "");
-  TestPeer server = std::move(fixture.ServerPeer());  // nobody reads it now
+  TestPeer server = std::move(fixture.ServerPeer());  // not read by the fixture now
   server.HoldLittle();
   const std::string line(998, 'x');
   std::size_t sent = 0;
@@ -345,7 +345,7 @@ TEST(Pause, NothingOfTheClientIsTakenAndTheServerIsStillRelayed) {
     <- nothing
     wait 1
     closed both)");
-  // Whoever goes is not waited for.
+  // A client that goes is not waited for.
   PlayEveryWay(configure, paused + "S closes\nclosed C");
   PlayEveryWay(configure,
                std::string(kConnected) + "C: DATA\n<- 503 Bad sequence of commands.\nC closes\nclosed S");
@@ -422,7 +422,7 @@ TEST(ShutDown, NotifiesEveryClientInAnyPhase) {
 
 // --- admission
 
-// Whoever is sent away at once may have said something already; that must not break off what it is told.
+// A client that is refused at once may have sent something already; that must not break off its reply.
 TEST(SentAway, AClientThatSpokeFirstGetsTheReason) {
   PlayBothWays([](SessionFixture& fixture) { fixture.Settings.IPAllowList = IPRangeList(); }, R"(
     C+ EHLO client.test\r\nQUIT\r\n

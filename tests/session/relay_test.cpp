@@ -197,7 +197,7 @@ TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
     <- nothing)");
 }
 
-// Its lines wait in its own connection, and none of the proxy's memory goes to replies that nobody takes.
+// Its lines wait in its own connection, and replies that the client does not take use no memory of the proxy.
 TEST(Relay, AClientThatDoesNotReadIsHeld) {
   constexpr std::size_t kMost_bytes = std::size_t{64} << 20;
   SessionFixture fixture;
@@ -208,7 +208,7 @@ TEST(Relay, AClientThatDoesNotReadIsHeld) {
   replaces.Add("", reply, true);
   fixture.Settings.ResponseChanges.Add(replaces);
   ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer client = std::move(fixture.ClientPeer());  // nobody else reads it now
+  TestPeer client = std::move(fixture.ClientPeer());  // not read by the fixture now
   const std::string line = "RCPT " + std::string(1000, 'x') + "\r\n";
   std::size_t sent = 0;
   for (std::size_t more = 1; more > 0 && sent < kMost_bytes; sent += more) {

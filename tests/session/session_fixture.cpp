@@ -105,7 +105,8 @@ bool SessionFixture::Until(const std::function<bool()>& done) {
 }
 
 void SessionFixture::Settle() {
-  // Loopback hands data over at once, so a few iterations in which nothing happens mean that nothing is under way.
+  // Loopback hands data over at once, so after a few iterations in which nothing happens nothing is under
+  // way.
   for (int quiet = 0; quiet < 3;) {
     const auto moved = [this] { return client_.Received().size() + server_.Received().size() + moves_; };
     const std::size_t before = moved();

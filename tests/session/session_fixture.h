@@ -107,7 +107,7 @@ class SessionFixture : private ConnectionTable {
   std::string failure_;
 };
 
-// A test that plays `text` with the settings that `configure` makes, once as it stands and once byte by byte.
+// A test that plays `text` with the settings that `configure` makes, once as it is and once byte by byte.
 void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
 // The same, and once more both ways on the dialogue alone: for what is about the dialogue and not about

@@ -1,4 +1,4 @@
-// Peers that do not read: what waits for them is bounded in time, and holds nobody else.
+// Peers that do not read: what waits for them is bounded in time, and does not hold up others.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -33,7 +33,7 @@ class StuckSession {
   // The client sends commands and reads no reply, until one waits for it.
   void HoldClient() {
     ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-    client = std::move(fixture.ClientPeer());  // nobody else reads it now
+    client = std::move(fixture.ClientPeer());  // not read by the fixture now
     client.HoldLittle();
     SendCommands();
   }
@@ -359,7 +359,7 @@ TEST(Stuck, LongLastWordsWaitForTheClient) {
   stuck.fixture.Settle();
   stuck.Pass(1);
   EXPECT_FALSE(stuck.fixture.ServerPeer().AtEnd());
-  // Its next commands may be answered before the end is found behind these words.
+  // Its next commands may be answered before the end is found after these words.
   EXPECT_TRUE(stuck.ReadBehindReplies().starts_with(words));
   EXPECT_TRUE(stuck.fixture.Until([&] { return stuck.fixture.ServerPeer().AtEnd(); }));
   EXPECT_TRUE(stuck.Ended());

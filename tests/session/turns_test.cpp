@@ -133,7 +133,7 @@ TEST(Turns, DroppedOctetsBetweenTheLinesChangeNothing) {
   EXPECT_EQ(fixture.ClientPeer().Received(), answers);
 }
 
-// Lines that the server answers among them: each waits for its reply, and those behind it wait too.
+// Lines that the server answers among them: each waits for its reply, and those after it wait too.
 TEST(Turns, ForwardedLinesKeepTheirPlaceAmongTheRefused) {
   std::string sent;
   std::string dialogue;
@@ -172,7 +172,7 @@ TEST(Turns, NoLineIsTakenAfterTheEnd) {
   }
 }
 
-// Whoever ends within the turn that others wait for is not waited for.
+// A session that ends while others wait for their turn is not waited for.
 TEST(Turns, LinesAfterQuitAreNotAnsweredWithoutAServer) {
   PlayBothWays([](SessionFixture& fixture) { fixture.Settings.ValidateRDNS = 1; }, R"(
     <- 454 Unable to verify DNS PTR record for 127.0.0.1.

@@ -46,7 +46,7 @@ class ChildProcess {
   pid_t id_;
 };
 
-// A pipe over which a child tells its parent that it got somewhere.
+// A pipe over which a child notifies its parent that it got somewhere.
 class Notice {
  public:
   Notice() {

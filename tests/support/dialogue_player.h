@@ -45,7 +45,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   // Names are answered from the table as soon as they are asked for. Without one they wait for a step
   // "answer".
   void SetNames(NameTable names) { names_ = std::move(names); }
-  // From now on `heard` is told of whatever either side sends, as it reaches the dialogue.
+  // From now on `heard` is called with whatever either side sends, as it reaches the dialogue.
   void Overhear(std::function<void(script::Side side, std::string_view bytes)> heard) {
     heard_ = std::move(heard);
   }

@@ -18,9 +18,9 @@
 
 namespace trabex {
 
-// Answers in the loop's next iteration, or, after HoldAnswers, only when the test says Deliver. What was not set
-// fails with 11001. An answer is that of the table at the moment it is given, so a test may set it while it
-// is held.
+// Answers in the loop's next iteration, or, after HoldAnswers, only when the test says Deliver. What was not
+// set fails with 11001. An answer is that of the table at the moment it is given, so a test may set it while
+// it is held.
 class FakeNameLookup final : public NameLookup {
  public:
   // `loop` outlives this object.
@@ -36,12 +36,12 @@ class FakeNameLookup final : public NameLookup {
     names_[address] = NameAnswer{0, std::string(name)};
   }
   void SetNameError(const IPAddress& address, int error) { names_[address] = NameAnswer{error, {}}; }
-  // A line of the hosts file: what ResolveLocally tells. FindAddresses answers it too, unless set otherwise.
+  // A line of the hosts file: what ResolveLocally gives. FindAddresses answers it too, unless set otherwise.
   void SetLocalAddress(std::string_view name, const IPAddress& address) { known_[ToLower(name)] = address; }
   void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
   void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
 
-  // From now on nobody is answered before Deliver.
+  // From now on no answer comes before Deliver.
   void HoldAnswers() { held_ = true; }
   // Gives every waiting answer now, in the order of asking; those asked for meanwhile wait for the next time.
   // Returns how many were given. Call it from outside of the code that asks.

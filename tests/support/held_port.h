@@ -11,8 +11,9 @@
 
 namespace trabex {
 
-// Keeps a port of 127.0.0.1 by a socket that is bound to it and never listens. While nobody does, connections
-// are refused; a test that closed its listener without this could find another process's in its place.
+// Keeps a port of 127.0.0.1 by a socket that is bound to it and never listens. While no other socket does,
+// connections are refused; a test that closed its listener without this could find another process's in its
+// place.
 class HeldPort {
  public:
   // Raises std::runtime_error when there is no port.

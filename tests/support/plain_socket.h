@@ -79,7 +79,7 @@ class OwnPorts {
   OwnPorts(const OwnPorts&) = delete;
   OwnPorts& operator=(const OwnPorts&) = delete;
 
-  // One on which nobody listens; 0 when there is none. All others come before the same one again.
+  // One without a listener; 0 when there is none. All others come before the same one again.
   int Next() {
     for (int tries = 0; tries < kSize; ++tries) {
       const int port = first_ + next_++ % kSize;
@@ -98,7 +98,7 @@ class OwnPorts {
     const std::string name = "ports of a test " + std::to_string(block);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    name.copy(address.sun_path + 1, name.size());  // behind a NUL: no file
+    name.copy(address.sun_path + 1, name.size());  // after a NUL: no file
     const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
     return bind(marker_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
   }
@@ -108,7 +108,7 @@ class OwnPorts {
   int next_ = 0;
 };
 
-// A port of 127.0.0.1 on which nobody listens, and that no other test process takes.
+// A port of 127.0.0.1 without a listener, and that no other test process takes.
 inline int FreePort() {
   static OwnPorts ports;
   return ports.Next();

@@ -38,7 +38,7 @@ class ScriptedServer {
   bool HasHungUp() const { return hung_up_; }
 
   const std::vector<Piece>& Pieces() const { return pieces_; }
-  // What somebody who is less strict finds in the pieces and must not, in words: addresses that begin with
+  // What a less strict server finds in the pieces and must not, in words: addresses that begin with
   // "evil-nnn" or "black-nnn", commands that are never forwarded, counts and dots that may be read in several
   // ways.
   std::vector<std::string> Violations() const;

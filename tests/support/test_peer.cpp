@@ -68,7 +68,8 @@ TestPeer TestPeer::Connect(std::uint16_t port, const IPAddress& from) {
   TestPeer peer(NewSocket());
   const sockaddr_in local = Address(from, 0);
   const sockaddr_in remote = Address(kIPv4Loopback, port);
-  // The port is chosen with the connect: one chosen now could be nobody else's, and many tests connect often.
+  // The port is chosen with the connect: bind would reserve one for this socket, and many tests connect
+  // often.
   const int on = 1;
   setsockopt(peer.descriptor_, IPPROTO_IP, IP_BIND_ADDRESS_NO_PORT, &on, sizeof on);
   if (bind(peer.descriptor_, Plain(local), sizeof local) != 0) throw std::runtime_error("test cannot bind");

@@ -20,7 +20,7 @@ class TestPeer {
   TestPeer(TestPeer&& other) noexcept;
   TestPeer& operator=(TestPeer&& other) noexcept;
 
-  // Connects to 127.0.0.1:`port` from `from`; the connection stands when this returns.
+  // Connects to 127.0.0.1:`port` from `from`; connected when this returns.
   static TestPeer Connect(std::uint16_t port, const IPAddress& from = kIPv4Loopback);
 
   bool Open() const { return descriptor_ >= 0; }

@@ -113,7 +113,7 @@ TEST_F(AutoReloadTest, AFileThatGrowsWhileItIsWaitedForIsReadWhenComplete) {
   EXPECT_EQ(Settings().MaxBadSeq, 7);
 }
 
-// A change of which nobody told yet when the second look comes, as on a folder that does not notify.
+// A change that was not notified yet at the second look, as on a folder that does not notify.
 TEST_F(AutoReloadTest, AChangeSeenAtTheSecondLookOnlyBeginsTheDelayToo) {
   Start();
   Pass(20);

@@ -26,7 +26,7 @@ TEST(ConnectionRow, HostNameBeginsAfter51Characters) {
 TEST(ConnectionRow, HeaderIsAboveItsFields) {
   const std::string row = ConnectionRow(123456, 12345678, 87654321, 0, IP("255.255.255.255"), "Host Name");
   EXPECT_EQ(kConnectionHeader, " Handle Received     Sent Duration         Host IP Host Name");
-  // The last letter of each heading stands above the last one of its field.
+  // The last letter of each heading is above the last one of its field.
   EXPECT_EQ(kConnectionHeader.find("Handle") + 6, row.find("123456") + 6);
   EXPECT_EQ(kConnectionHeader.find("Received") + 8, row.find("12345678") + 8);
   EXPECT_EQ(kConnectionHeader.find("Sent") + 4, row.find("87654321") + 8);

@@ -220,7 +220,7 @@ TEST_F(MainWindowTest, UnloadStopsListeningAndEndsTheLoop) {
   const std::size_t lines = log_.size();
   Window().Form_Unload();
   EXPECT_EQ(log_.size(), lines);
-  program_.loop.Run();  // returns, since nobody lingers
+  program_.loop.Run();  // returns, since no socket lingers
   EXPECT_EQ(program_.exit_status, 0);
 }
 

@@ -60,7 +60,7 @@ class AutoReloadTest : public ProgramTest {
   frmMain& Window() { return *program_->window; }
 
   const std::string ini_ = folder_ / "Trabex.ini";
-  // A port with nobody behind it, unless a test has a server.
+  // A port without a listener, unless a test has a server.
   int ServerPort() const { return server_port_ != 0 ? server_port_ : port_ == 25 ? 26 : 25; }
 
   const int port_;

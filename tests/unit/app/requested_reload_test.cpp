@@ -1,4 +1,4 @@
-// The reload that somebody asks for.
+// The reload on request.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>

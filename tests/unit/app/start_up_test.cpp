@@ -33,7 +33,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// Signals that wait for whoever takes them.
+// Signals that stay pending until they are taken.
 class WaitingSignals {
  public:
   explicit WaitingSignals(std::initializer_list<int> numbers) {

@@ -61,14 +61,14 @@ TEST(InstrOutsise, SkipsDelimitedParts) {
       {3, "a,b,c", ",", "\"", "\"", 4},
       {1, "a,b", ",", "", "", 2},
       {1, "\"a,b\",c", ",", "\"", "", 6},  // the close delimiter is the open one
-      {1, "a,\"b", ",", "\"", "\"", 2},    // the unbalanced part lies behind what was found
+      {1, "a,\"b", ",", "\"", "\"", 2},    // the unbalanced part follows what was found
       {0, "a,b", ",", "", "", 2},
       {2, "a,b", ",", "", "", 2},
       {4, "a,b", ",", "", "", 0},
       {9, "a,b", ",", "", "", 0},
       {1, "", ",", "\"", "\"", 0},
       {1, "\"\",a", ",", "\"", "\"", 3},        // an empty part
-      {1, "\"\"\"a,\",b", ",", "\"", "\"", 7},  // a doubled delimiter right behind the open one
+      {1, "\"\"\"a,\",b", ",", "\"", "\"", 7},  // a doubled delimiter right after the open one
       {1, "\"a,\"\"\",b", ",", "\"", "\"", 7},  // and right before the close one
       {1, "\"a\"b,\"c,\",", ",", "\"", "\"", 5},
       {1, "<a,>>,>,b", ",", "<", ">", 8},    // only the close delimiter is doubled

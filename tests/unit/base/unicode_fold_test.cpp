@@ -52,7 +52,7 @@ TEST(FoldText, MakesSpellingsOfOneTextOne) {
       {"\xEF\xB7\xBA",                                           // eighteen characters in one
        "\xD8\xB5\xD9\x84\xD9\x89 \xD8\xA7\xD9\x84\xD9\x84\xD9\x87 \xD8\xB9\xD9\x84\xD9\x8A\xD9\x87 "
        "\xD9\x88\xD8\xB3\xD9\x84\xD9\x85"},
-      // A mark that folds to a letter does not depend on where it stands.
+      // A mark that folds to a letter does not depend on where it is.
       {"\xCE\xB1\xCD\x85\xCC\x81", "\xCE\xAC\xCE\xB9"},
       {"\xCE\xB1\xCC\x81\xCD\x85", "\xCE\xAC\xCE\xB9"},
       {"\xE1\xBE\xB4", "\xCE\xAC\xCE\xB9"},

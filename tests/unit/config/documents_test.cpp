@@ -82,7 +82,7 @@ struct SampleLine {
   std::string value;
 };
 
-// The keys of the sample by section and name, those in comments ("Key=value" right behind the ";") too.
+// The keys of the sample by section and name, those in comments ("Key=value" right after the ";") too.
 std::map<std::string, SampleLine> SampleKeys(const std::string& text) {
   std::map<std::string, SampleLine> keys;
   std::string section;

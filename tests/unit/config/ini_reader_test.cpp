@@ -71,7 +71,7 @@ TEST(ReadIniText, TakesLines) {
       {"[", {}, {SyntaxErrorLine(1, "Invalid line: \"[\".")}},
       {"[]", {}, {SyntaxErrorLine(1, "Invalid section name: \"\".")}},
       {"[Common] ;x", {}, {SyntaxErrorLine(1, "Invalid line: \"[Common] ;x\".")}},
-      // What stands below a broken header never counts for the section above it.
+      // What follows a broken header never counts for the section above it.
       {"[Common]\n[GreyListing\na=1",
        {},
        {SyntaxErrorLine(2, "Invalid line: \"[GreyListing\"."),

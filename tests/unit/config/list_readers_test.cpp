@@ -99,7 +99,7 @@ TEST(GetList, ReadsAddressLists) {
                 {"a b,a  b", {"a+b", "a+b"}},  // a group is known by how it is written
                 {"\"a b\",a b", {"a b"}, {{457, Twice("a b")}}},
                 {"\"\",\"\"", {""}, {{457, Twice("")}}},
-                // Bad patterns, also behind the first wildcard and in the negated part.
+                // Bad patterns, also after the first wildcard and in the negated part.
                 {"a,[b,c", {"a", "c"}, {{93, BadPattern("[b")}}},
                 {"x[z-a]", {}, {{93, BadPattern("x[z-a]")}}},
                 {"[][", {}, {{93, BadPattern("[][")}}},

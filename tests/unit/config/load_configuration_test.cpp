@@ -108,8 +108,8 @@ TEST(ReadSettings, PassesOverUnknownKeys) {
   EXPECT_FALSE(loaded.configuration.GreyListing.Enabled);
 }
 
-// A file in which every setting is changed, with one bad value: what stands before it in reading order is new
-// afterwards, the bad one and what stands behind it as before.
+// A file in which every setting is changed, with one bad value: what comes before it in reading order is new
+// afterwards, the bad one and what comes after it as before.
 TEST(ReadSettings, LeavesALoadThatStopsHalfWayAsItIs) {
   const struct {
     const char* bad_line;

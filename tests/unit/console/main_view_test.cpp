@@ -57,20 +57,20 @@ struct Terminal {
   int side = -1;
 };
 
-TEST(MainView, ShowsNoReasonWithoutAScreen) {
+TEST(MainView, HasNoScreenWhereThereIsNoTerminal) {
   const int nothing = open("/dev/null", O_WRONLY | O_CLOEXEC);
   EXPECT_EQ(ExitStatusForReason(nothing, NoView::Kind::kNoScreen, "Standard output is no terminal."), 0);
   close(nothing);
 }
 
-TEST(MainView, AScreenThatHasGoneIsNone) {
+TEST(MainView, AScreenThatHasGoneDoesNotCount) {
   Terminal terminal;
   terminal.HangUp();
   EXPECT_EQ(ExitStatusForReason(terminal.side, NoView::Kind::kNoScreen, "Standard output is no terminal."),
             0);
 }
 
-TEST(MainView, ATerminalOfAnotherUserIsNotUsable) {
+TEST(MainView, ATerminalOfAnotherProcessIsNotUsable) {
   const Terminal terminal;
   EXPECT_EQ(ExitStatusForReason(terminal.side, NoView::Kind::kUnusable,
                                 "The terminal is not the one that controls the program."),

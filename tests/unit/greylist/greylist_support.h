@@ -40,7 +40,7 @@ inline void AddAll(GreyListingDatabase& database, const std::vector<PlainRecord>
 // Some moment; records with a later date have not expired at it.
 inline constexpr DateTime kSomeNow = 46000.5;
 
-// `count` records that are told apart by `mark`, none of them expired at kSomeNow.
+// `count` records that differ by `mark`, none of them expired at kSomeNow.
 inline std::vector<PlainRecord> SomeRecords(const std::string& mark, int count) {
   std::vector<PlainRecord> records;
   for (int i = 1; i <= count; ++i) {

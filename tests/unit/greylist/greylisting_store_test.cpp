@@ -137,7 +137,7 @@ TEST_F(Store, LoadsTheBackupAlone) {
 }
 
 TEST_F(Store, NothingOfADamagedFileStays) {
-  // The damage is behind good records.
+  // The damage comes after good records.
   std::string content = ContentOf(SomeRecords("s", 50));
   content.back() = static_cast<char>(content.back() ^ 1);
   WriteFile(path_, content);
@@ -683,7 +683,7 @@ TEST_F(CrampedStore, LogsWhatIsLeftOutOnceAnHour) {
   }
   clock_.Advance(std::chrono::minutes(1));
   EXPECT_EQ(LinesOfSave(true), Lines{kLeftOut + "16."});
-  // What fits is nothing to tell.
+  // What fits is not logged.
   clock_.Advance(std::chrono::hours(1));
   Have(SomeRecords("s", 10));
   EXPECT_EQ(LinesOfSave(true), Lines{});
@@ -698,7 +698,7 @@ TEST_F(Store, ALoadKeepsToTheBounds) {
   last.erase(last.begin(), last.begin() + 6);
   EXPECT_EQ(Plain(database_), last);
   EXPECT_FALSE(database_.Changed());
-  // Also the backup, and within the hour the log is not told again.
+  // Also the backup, and within the hour it is not logged again.
   fs::rename(path_, backup_);
   settings_.MaxPending = 100;
   settings_.MaxPendingPerNetwork = 3;

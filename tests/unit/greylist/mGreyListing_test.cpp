@@ -375,7 +375,8 @@ TEST_F(GreyListing, OneMoreOfANetworkDropsItsOldest) {
   // Known still, and new again.
   EXPECT_EQ(Check("10.1.2.3", "", "", "3@b.test"), kDelayed);
   EXPECT_EQ(Check("10.1.2.3", "", "", "1@b.test"), kNew);
-  // An operator is to know, whether or not decisions are logged; the second time within the hour is not told.
+  // An operator is to know, whether or not decisions are logged; the second time within the hour is not
+  // logged.
   EXPECT_EQ(
       log_.Take(),
       (std::vector<std::string>{"Greylisting: Too many pending records. Dropped: 1; Network: 10.1.2."}));

@@ -69,7 +69,7 @@ TEST_F(Warning, LogsOnceAnHourAtMost) {
                           "Greylisting: Too many pending records. Dropped: 3600."}));
 }
 
-// The rest of a flood that ended is told all the same, and after a quiet hour the next is told at once again.
+// The rest of a flood that ended is logged all the same, and after a quiet hour the next at once again.
 TEST_F(Warning, LogsTheRestOfAFlood) {
   warning_.Dropped({.by_limit_in_all = 1}, "");
   warning_.Dropped({.by_limit_in_all = 41}, "");

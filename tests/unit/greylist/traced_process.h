@@ -28,7 +28,7 @@ struct TraceStop {
 };
 
 struct TraceResult {
-  bool permitted = true;  // false: this system lets nobody trace
+  bool permitted = true;  // false: this system forbids tracing
   bool killed = false;
   int exit_status = -1;
 };

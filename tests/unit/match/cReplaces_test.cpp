@@ -105,7 +105,7 @@ TEST(cReplace, FormatsAsItIsWritten) {
   EXPECT_EQ(cReplace("a\xC2\xB6", "b", false).Format(), "<a\xC2\xB6>=<b>");
 }
 
-// Values that tell where they come from, and how often each was asked for.
+// Values that say where they come from, and how often each was asked for.
 class CountingSource : public MacroSource {
  public:
   std::optional<std::string> Value(std::string_view its_name) const override {
@@ -190,7 +190,7 @@ TEST(cReplaces, AsksOnlyForMacrosThatOccur) {
 TEST(cReplaces, ExpandsWhatARulePutsIn) {
   CountingSource source;
   source.values["host"] = "192.0.2.1";
-  // The second rule sees what the first one's macro stands for.
+  // The second rule sees the value of the first one's macro.
   EXPECT_EQ(Applied({{"", "from {%host%}"}, {"192.0.2.1", "here"}}, "x", source), "from here");
   // The original is the text before any rule.
   EXPECT_EQ(Applied({{"a", "b"}, {"b", "<{%original%}>"}, {"x", "!"}}, "ax", source), "<a!>!");

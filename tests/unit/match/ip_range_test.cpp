@@ -113,7 +113,7 @@ TEST(InitIPRange, NamesWhatIsWrong) {
       {"10.0.0.0/8.", "mCommon.CLngIP", address("8.")},
       {"10.0.0.0/255.0.0.256", "mCommon.CLngIP", address("255.0.0.256")},
       {"192.168.1.0/255.0.255.0", "mCommon.MaskToBits", "Invalid subnet mask: \"255.0.255.0\"."},
-      // The part behind the "/" is read before the address.
+      // The part after the "/" is read before the address.
       {"x/33", "mCommon.InitIPRange", range("x/33")},
       {"x/255.0.255.0", "mCommon.MaskToBits", "Invalid subnet mask: \"255.0.255.0\"."},
       {"x/8", "mCommon.CLngIP", address("x")},

@@ -152,7 +152,7 @@ const Row kRows[] = {
     {"a", "a[]", true},
     {"ab", "*[]b", true},
     {"ab", "a*[]", true},
-    // Negation takes three bytes and the plain language behind the prefix.
+    // Negation takes three bytes and the plain language after the prefix.
     {"abc", "[]a*", false},
     {"xyz", "[]a*", true},
     {"ABC", "[]a*", false},
@@ -381,7 +381,7 @@ TEST(LikeTextComplex, TakesTheListApart) {
       {"a b", "\"a b\"", Form(false, true, "\"", "\"", true), true},
       {"a,b", "a,b", Form(false, true, "\"", "\"", true), true},
       {"a b", "x,a b", Form(true, false, "\"", "\"", true), true},
-      // The prefix stands for one part.
+      // The prefix belongs to one part.
       {"x@a", "*@a []y*", quoted, true},
       {"y@a", "*@a []y*", quoted, false},
       {"", "[],postmaster@*", bare, true},
@@ -405,7 +405,7 @@ TEST(LikeTextComplex, RaisesUnderItsOwnName) {
               "Unbalanced delimiters in delimited string \"a,\"b\".");
   ExpectError([&] { LikeTextComplex("a", "\"a\"b", quoted); }, 321, source,
               "Invalid delimited string \"\"a\"b\".");
-  // What stands behind the first alternative that matches is not looked at.
+  // What follows the first alternative that matches is not read.
   EXPECT_TRUE(LikeTextComplex("a", "a,b[", quoted));
 }
 

@@ -29,7 +29,7 @@ TEST(FoldPattern, FoldsWhatIsBetweenTheWildcards) {
       {"[]ſ", "[]s"},
       {"a[]ſ", "as"},
       {"[][]ſ", "[]s"},
-      // What stood behind something is no sign of the opposite.
+      // A "[]" that is not in front before the folding is no negation.
       {"\u00AD[]ſ", "s"},
       // What becomes a wildcard is none.
       {"？＊＃［］", "[?][*][#][[]]"},
@@ -39,7 +39,7 @@ TEST(FoldPattern, FoldsWhatIsBetweenTheWildcards) {
       {"[ſ]ſ", "[ſ]s"},
       {"[!a-z]Ä", "[!a-z]ä"},
       {"[!]ſ", "!s"},
-      // A letter and its mark are one character, whatever stands around them.
+      // A letter and its mark are one character, whatever is around them.
       {"*A\u0308*", "*ä*"},
       {"*a*\u0308*", "*a*\u0308*"},
       // Nothing is left of it.

@@ -237,7 +237,7 @@ class PeerListener {
   int descriptor_;
 };
 
-// Calls `use(port)` with a port that is free, and with another one when somebody else was quicker (`use`
+// Calls `use(port)` with a port that is free, and with another one when another process was quicker (`use`
 // raised 10048).
 template <class Use>
 void WithFreePort(Use use) {

@@ -218,7 +218,7 @@ TEST_F(OrderlyCloseTest, APeerThatBothSendsAndReadsMuchIsNeitherBlockedNorReset)
   const std::string all(4 << 20, 'm');
   Ours().SendData(all);
   Ours().CloseSck();
-  // It reads only after everything of its own is gone, so somebody has to take that.
+  // It reads only after everything of its own is gone, so the peer has to take that.
   peer->Send(std::string(8 << 20, 'p'));
   EXPECT_EQ(peer->ReceiveToEnd().size(), all.size());
   peer->Close();
@@ -255,7 +255,7 @@ TEST_F(OrderlyCloseTest, APeerThatEndedItsSendingStillGetsWhatWaits) {
   peer->EndSending();
   ASSERT_TRUE(RunUntil(loop, [&] { return Ours().State() == SocketState::sckClosing; }));
   accepted->Take();
-  // The network can take more now, but nobody listens in this state.
+  // The network can take more now, but no handler is called in this state.
   std::string got = peer->ReceiveNow();
   RunUntilIdle(loop);
   got += peer->ReceiveNow();

@@ -555,7 +555,7 @@ TEST_F(EndTest, CountersBeginAnewAfterCloseSck) {
   EXPECT_EQ(Get(), "");  // nothing of the earlier connection is left
 }
 
-// The end that is hidden behind what the owner has not read.
+// The end that follows bytes which the owner has not read.
 TEST_F(EndTest, IsKnownBeforeEverythingHasBeenRead) {
   Connection();
   peer->Send("last words");

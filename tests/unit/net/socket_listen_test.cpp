@@ -27,7 +27,7 @@ TEST_F(ListenTest, AnAcceptedConnectionIsConnectedAtOnceAndKnowsItsPeer) {
 
 TEST_F(ListenTest, TheListenerKnowsTheCallerWhileTheEventRuns) {
   StartListener();
-  (*listener)->OnSocketEvent({}, SocketEvent::kAccept, 0);  // for nobody
+  (*listener)->OnSocketEvent({}, SocketEvent::kAccept, 0);  // without a connection
   std::string inside_ip;
   std::int32_t inside_port = 0;
   listener->On("ConnectionRequest", [&] {

@@ -131,7 +131,7 @@ TEST_F(UdpTest, TargetsAreAddressesOrKnownNames) {
   sender->SetRemoteHost("far.test");
   ExpectError([&] { sender->SendData("x"); }, 40014, "CSocketMaster.SendBufferedDataUDP", "Invalid argument");
   EXPECT_EQ(names.Requests(), 0U);
-  // A failed send leaves nothing behind.
+  // A failed send leaves nothing to be sent.
   sender->SetRemoteHost("127.0.0.1");
   sender->SendData("y");
   EXPECT_EQ(sender->BytesSent(), 2);

@@ -289,7 +289,8 @@ TEST_F(BackgroundTaskTest, DiesWithTheProgram) {
   EXPECT_EQ(program.Wait(), -SIGKILL);
   const pid_t process = shared_->process;
   ASSERT_GT(process, 0);
-  // Whoever inherits it may take a while to wait for it; then it is a zombie, but does nothing any more.
+  // The process that inherits it may take a while to wait for it; then it is a zombie, but does nothing any
+  // more.
   EXPECT_TRUE(Becomes([process] {
     if (kill(process, 0) != 0) return true;
     const int status = open(("/proc/" + std::to_string(process) + "/stat").c_str(), O_RDONLY);

@@ -232,7 +232,7 @@ TEST(AppendFile, IsNotInheritedByOtherPrograms) {
   EXPECT_EQ(found, 1);
 }
 
-// A file size limit stands for every way in which a disk takes no more: in a child, since it cannot be
+// A file size limit represents every way in which a disk takes no more: in a child, since it cannot be
 // lifted.
 TEST(FileReplace, FailedWriteLeavesNoFile) {
   const TempFolder folder;
@@ -275,7 +275,7 @@ TEST(FileReplace, MoveReplaces) {
   SyncFolderOf("relative", kSource);
 }
 
-// What stands at "db", "dbbak" and "dbold" in `folder`.
+// What is at "db", "dbbak" and "dbold" in `folder`.
 std::string TripleIn(const TempFolder& folder) {
   std::string text;
   for (const char* name : {"db", "dbbak", "dbold"}) {

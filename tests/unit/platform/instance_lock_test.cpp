@@ -33,7 +33,7 @@ std::string OwnName(const std::string& name) {
   return "5B0E7C19D4A24F36A1F863D20C97BE48-test-" + std::to_string(getpid()) + "-" + name;
 }
 
-// Somebody who sends to a lock what they like.
+// A process that sends anything to a lock.
 class Sender {
  public:
   explicit Sender(const std::string& name) : socket_(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
@@ -86,7 +86,7 @@ class InstanceLockTest : public testing::Test {
   std::unique_ptr<InstanceLock> TryLock(const std::string& name) {
     return TryLockInstance(loop_, name, [this] { ++requests_; });
   }
-  // Runs the loop until the lock has read what was sent to it by now, whoever sent it: messages keep their
+  // Runs the loop until the lock has read what was sent to it by now, by any process: messages keep their
   // order, so it has once it read another one.
   bool AllIsRead(const std::string& name) {
     Sender last(name);
@@ -129,7 +129,7 @@ TEST_F(InstanceLockTest, ProcessThatIsKilledHoldsNoLock) {
 
 TEST_F(InstanceLockTest, ExitRequestReachesTheHolder) {
   const std::string name = OwnName("exit");
-  EXPECT_FALSE(RequestExit(name));  // nobody there
+  EXPECT_FALSE(RequestExit(name));  // no instance holds it
   auto lock = TryLock(name);
   ASSERT_NE(lock, nullptr);
   EXPECT_TRUE(RequestExit(name));
@@ -261,7 +261,7 @@ TEST_F(InstanceLockTest, OtherUserIsNamed) {
     bound.Await();
     EXPECT_EQ(TryLock(name), nullptr);
     EXPECT_EQ(OtherUserHolding(name), row.told);
-    // Whoever looks: that one itself, and a third one, are users of their own.
+    // Seen by that user itself, and by a third one.
     ChildProcess same([&] { return setuid(row.user) == 0 && !OtherUserHolding(name) ? 0 : 1; });
     EXPECT_EQ(same.Wait(), 0);
     ChildProcess third([&] { return setuid(12345) == 0 && OtherUserHolding(name) == row.told ? 0 : 1; });

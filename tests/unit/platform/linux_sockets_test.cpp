@@ -212,7 +212,7 @@ TEST_F(LinuxSocketsTest, WhatThePeerHasNotAcknowledgedIsCounted) {
   std::size_t sent = 0;
   ASSERT_EQ(sockets.Send(ours, all, sent), 0);
   ASSERT_GT(sent, 50000U);
-  // What lies in the peer's system is acknowledged, whoever reads it there.
+  // What lies in the peer's system is acknowledged, read or not.
   std::size_t before = sent;
   EXPECT_TRUE(RunUntil(loop, [&] { return sockets.Unacknowledged(ours, before) == 0 && before < sent; }));
   EXPECT_GT(before, 40000U);

@@ -59,7 +59,7 @@ class Bench {
     Must(sockets.LocalEndpoint(listener, address));
   }
 
-  // Everything else begins with this: the connection stands and is watched, and has had its first FD_WRITE.
+  // Everything else begins with this: the connection is made and watched, and has had its first FD_WRITE.
   void Connection() {
     peer = NewClient();
     AcceptOurs();
@@ -117,7 +117,7 @@ class Bench {
     EXPECT_TRUE(result == 0 || (expected == 0 && result == socket_error::kWouldBlock)) << result;
     EXPECT_EQ(received, expected);
   }
-  // Waits until `count` bytes can be received, telling nobody.
+  // Waits until `count` bytes can be received, without a receive.
   void Arrived(std::size_t count) {
     std::size_t there = 0;
     RunUntil(loop, [&] { return sockets.Available(ours, there) == 0 && there >= count; });

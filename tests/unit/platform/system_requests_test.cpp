@@ -84,7 +84,7 @@ TEST(SystemRequests, MayGoInsideTheirOwnCall) {
   raise(SIGUSR1);
   raise(SIGTERM);
   EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
-  EXPECT_FALSE(ended) << "nothing is told once it is gone";
+  EXPECT_FALSE(ended) << "nothing is notified once it is gone";
 }
 
 TEST(SystemRequests, SignalsActAsBeforeOnceItIsGone) {

@@ -340,7 +340,7 @@ TEST(Mail, ABadReplacementKeyLeavesTheSender) {
   ASSERT_TRUE(decision.failure);
   EXPECT_EQ(decision.failure->Number(), error_number::kBadPattern);
   EXPECT_EQ(d.state.phase, Phase::kReply);
-  // It is told once.
+  // An address that matches before the bad pattern meets no failure.
   EXPECT_FALSE(d.Line("MAIL FROM:<a@b>\r\n").failure);
 }
 

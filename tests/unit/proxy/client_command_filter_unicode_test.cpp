@@ -133,7 +133,7 @@ TEST(SmtpUtf8, ItEndsWithItsTransaction) {
   )");
 }
 
-// What the client is told, and whether its address is taken then.
+// The reply to the client, and whether its address is taken then.
 TEST(SmtpUtf8, TheServerItselfHasToOfferIt) {
   const struct {
     const char* what;

@@ -110,7 +110,7 @@ TEST(ContentTracker, TheDotThatEndsContent) {
       {R"(\0.\r\n)", 4, kGoesOn},
       {R"(\n..\n)", 4, kGoesOn},
       {R"(\r\n...\r\n)", 7, kGoesOn},
-      // Not told yet: a dot goes on, a CR behind it waits for its LF.
+      // Not decided yet: a dot goes on, a CR after it waits for its LF.
       {R"(\r\n.)", 3, kGoesOn},
       {R"(\r\n.\r)", 3, kGoesOn},
       {R"(.\r)", 1, kGoesOn},
@@ -128,7 +128,7 @@ TEST(ContentTracker, TheDotThatEndsContent) {
       {R"(a\r.\0)", 3, kAmbiguous},
       {R"(a\n.\r)", 3, kAmbiguous},
       {R"(a\r.\n)", 3, kAmbiguous},
-      // A wrong line end behind it.
+      // A wrong line end after it.
       {R"(\r\n.\n)", 3, kAmbiguous},
       {R"(\r\n.\0)", 3, kAmbiguous},
       {R"(\r\n.\ra)", 3, kAmbiguous},

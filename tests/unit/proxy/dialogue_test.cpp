@@ -295,7 +295,7 @@ class RandomSession {
     const std::string code = random_() % 2 == 0 ? OneOf(kCodes) : wants_content ? "354" : "250";
     std::string reply;
     bool same = true;
-    // A line can go on only behind a code.
+    // A line can go on only after a code.
     for (std::size_t more = code.size() == 3 ? random_() % 4 : 0; more > 0; --more) {
       reply += code + "-" + OneOf(kTexts) + "\r\n";
     }

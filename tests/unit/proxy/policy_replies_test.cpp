@@ -122,7 +122,7 @@ TEST(PolicyReplies, AnOverrideTakesThePlaceOfOneField) {
       {ReplyKind::kBadSequenceBadIP, false, "", "", "", "503 Bad sequence of commands."},
       {ReplyKind::kBadSequenceBadIP, true, "", "5.5.1", "", "503 5.5.1 Bad sequence of commands."},
       {ReplyKind::kBadSequenceBadIP, false, "", "5.5.1", "", "503 Bad sequence of commands."},
-      // An override is no text of the table: it stands as it is.
+      // An override is no text of the table: it is used unchanged.
       {ReplyKind::kNoPtr, true, "", "", "<ip> <max", "454 <ip> <max"},
   };
   for (const auto& row : rows) {

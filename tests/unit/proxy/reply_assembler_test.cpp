@@ -57,7 +57,7 @@ const struct {
     {R"(   -\r\n250 a\r\n)", {R"(   -\r\n250 a\r\n)"}},
     {R"(-\r\n)", {R"(-\r\n)"}},
     {R"(250 a-b\r\n)", {R"(250 a-b\r\n)"}},
-    // The code may differ from line to line; where the reply ends is told by the "-" alone.
+    // The code may differ from line to line; the "-" alone says where the reply ends.
     {R"(250-a\r\n550 b\r\n)", {R"(250-a\r\n550 b\r\n)"}},
 };
 
@@ -133,7 +133,7 @@ TEST(ReplyAssembler, WholeLinesOfABrokenReplyCanBeTaken) {
     assembler.Append(Unescape(row.received));
     EXPECT_FALSE(assembler.NextReply());
     EXPECT_EQ(Escape(assembler.TakeWholeLines()), row.lines);
-    // It goes on behind them.
+    // It goes on after them.
     const std::string rest = Unescape(row.received).substr(Unescape(row.lines).size());
     assembler.Append("250 x\r\n");
     EXPECT_EQ(assembler.NextReply(), rest + "250 x\r\n");

@@ -130,7 +130,7 @@ TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
   EXPECT_EQ(reply, "550 no");
 }
 
-// Every key appends itself to the reply, so that the reply tells which ones were applied, and in which order.
+// Every key appends itself to the reply, so that the reply shows which ones were applied, and in which order.
 std::string KeysOf(ReplyKind kind, std::string_view key, std::string_view verb) {
   static constexpr const char* kKeys[] = {"QUIT.BadIP",
                                           "BadSeq",

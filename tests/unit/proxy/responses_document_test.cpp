@@ -33,11 +33,11 @@ class NamesAsValues final : public SessionValues {
   std::string MaxSize() const override { return "<max>"; }
   std::string Size() const override { return "<size>"; }
 
-  // The domain is what stands behind the "@" of a text; the keys name the whole.
+  // The domain is what follows the "@" of a text; the keys name the whole.
   std::string rcpt = "<rcpt>";
 };
 
-// What stands in backticks.
+// The texts in backticks.
 Words CodeIn(std::string_view text) {
   Words words;
   const auto pieces = Split(text, '`');
@@ -73,7 +73,7 @@ std::map<std::string, DocumentedReply> ReadDocument() {
   return rows;
 }
 
-// The keys of a kind that is refused for several reasons are given by whoever refuses.
+// The keys of a kind that is refused for several reasons are given by the rule that refuses.
 Words OwnKeys(ReplyKind kind) {
   if (kind == ReplyKind::kBadSequence) return {"BadSeq.Transaction", "BadSeq.NoTransaction", "BadSeq.BDAT"};
   return {std::string(FindPolicyReply(kind).key)};

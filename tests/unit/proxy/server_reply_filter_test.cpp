@@ -154,7 +154,7 @@ TEST(EhloReply, TheSizeIsTheSmallerOfTwo) {
     const std::string server = std::string("250-server.test|250-DSN|") +
                                (*row.server ? std::string("250-") + row.server + "|" : "") + "250 HELP|";
     const std::string client = EhloReply(d, server);
-    // A new figure stands at the end, the server's own line in its place.
+    // A new figure comes at the end, the server's own line in its place.
     const std::string size = *row.client ? std::string("250-") + row.client + "|" : "";
     const bool untouched = std::string_view(row.client) == row.server && row.limit == 0;
     const std::string expected =

@@ -96,7 +96,7 @@ class DnsServer {
  private:
   struct Connection;
 
-  // A port that nobody has, on either host and with either transport.
+  // A port that is free on either host and with either transport.
   static std::uint16_t FreePort();
 
   std::vector<std::string> Answers(const DnsQuestion& question);

@@ -119,7 +119,7 @@ TEST(HostsFile, UnreadableFileKeepsWhatWasKnown) {
   HostsFile file(path);
   EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.1")});
   std::filesystem::remove(path);
-  ASSERT_TRUE(std::filesystem::create_directory(path));  // opens for nobody as a file
+  ASSERT_TRUE(std::filesystem::create_directory(path));  // cannot be opened as a file
   clock.Advance(std::chrono::seconds(1));
   EXPECT_EQ(file.Table(clock.Monotonic()).Addresses("a"), Addresses{IP("192.0.2.1")});
   // Once it can be read again it counts, even if its date is still the same.

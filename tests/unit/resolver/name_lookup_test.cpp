@@ -278,7 +278,7 @@ TEST_F(ConfirmedNameTest, IsOneThatLeadsBack) {
       // The first one counts.
       {{"one.test", "other.test"}, "one.test confirmed", 2},
       {{"other.test", "one.test"}, "other.test", 2},
-      // Names for which nobody is asked.
+      // Names for which no server is asked.
       {{"localhost"}, "localhost", 1},
       {{"x.localhost"}, "x.localhost", 1},
       {{"a/b.test"}, "a/b.test", 1},
@@ -558,7 +558,7 @@ TEST_F(NameLookupTest, GarbageIsNoAnswer) {
   }
 }
 
-// Messages that are an answer by id and question, but broken behind them.
+// Messages that are an answer by id and question, but broken after them.
 TEST_F(NameLookupTest, BrokenAnswersFail) {
   const std::string loop_name = "\xC0\x0C";  // at offset 12 + question: a pointer to the question's own name
   const struct {
