@@ -9,7 +9,7 @@ struct Form {
   unsigned char lead_mask;
   unsigned char lead;
   std::size_t size;
-  char32_t least;  // a smaller code would have fitted into fewer bytes
+  char32_t min;  // a smaller code would have fitted into fewer bytes
 };
 
 constexpr Form kForms[] = {
@@ -35,7 +35,7 @@ Utf8Character FirstUtf8Character(std::string_view text) {
       if ((byte & 0xC0) != 0x80) return {};
       code = code << 6 | (byte & 0x3F);
     }
-    if (code < form.least || code > kMaxCode || IsSurrogate(code)) return {};
+    if (code < form.min || code > kMaxCode || IsSurrogate(code)) return {};
     return {code, form.size};
   }
   return {};

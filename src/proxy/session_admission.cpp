@@ -32,8 +32,8 @@ void cProxy::Init(std::int32_t requestID) {
 }
 
 bool cProxy::AdmitByCount() {
-  const auto most = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
-  if (most == 0 || dependencies_.sessions.Count() <= most) return true;
+  const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
+  if (max_connections == 0 || dependencies_.sessions.Count() <= max_connections) return true;
   dialogue_.Say(ReplyKind::kTooManyConnections, *this);
   Close();
   return false;

@@ -241,9 +241,9 @@ bool SessionFixture::Send(TestPeer& peer, const script::Sending& sending) {
 
 bool SessionFixture::Deliver(TestPeer& peer, std::string_view bytes) {
   while (!bytes.empty()) {
-    const std::size_t most = delivery_ == Delivery::kByteByByte ? 1 : bytes.size();
+    const std::size_t max_bytes = delivery_ == Delivery::kByteByByte ? 1 : bytes.size();
     std::size_t sent = 0;
-    if (!Until([&] { return (sent = peer.Send(bytes.substr(0, most))) > 0; }))
+    if (!Until([&] { return (sent = peer.Send(bytes.substr(0, max_bytes))) > 0; }))
       return Fail("the peer cannot send");
     bytes.remove_prefix(sent);
     if (delivery_ == Delivery::kByteByByte) Settle();

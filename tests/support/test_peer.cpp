@@ -87,11 +87,11 @@ void TestPeer::Poll() {
   Take(std::numeric_limits<std::size_t>::max());
 }
 
-std::size_t TestPeer::Take(std::size_t most) {
+std::size_t TestPeer::Take(std::size_t max_bytes) {
   std::array<char, 65536> room;
   std::size_t total = 0;
-  while (descriptor_ >= 0 && !at_end_ && total < most) {
-    const ssize_t count = recv(descriptor_, room.data(), std::min(room.size(), most - total), 0);
+  while (descriptor_ >= 0 && !at_end_ && total < max_bytes) {
+    const ssize_t count = recv(descriptor_, room.data(), std::min(room.size(), max_bytes - total), 0);
     if (count > 0) {
       received_.append(room.data(), static_cast<std::size_t>(count));
       total += static_cast<std::size_t>(count);

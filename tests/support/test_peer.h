@@ -26,8 +26,8 @@ class TestPeer {
   bool Open() const { return descriptor_ >= 0; }
   // Takes what has come; call it as often as you like.
   void Poll();
-  // The same, but `most` bytes at most; returns how many.
-  std::size_t Take(std::size_t most);
+  // The same, but `max_bytes` at most; returns how many.
+  std::size_t Take(std::size_t max_bytes);
   // What came so far and was not taken yet.
   std::string& Received() { return received_; }
   // The other end has closed, and everything before that is in Received.

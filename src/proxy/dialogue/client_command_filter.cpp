@@ -141,12 +141,12 @@ LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view lin
 std::optional<LineDecision> ClientCommandFilter::RefuseLongLine(std::string_view line, bool whole,
                                                                 const DialogueState& state) const {
   // A line without its end has at least one octet more to come.
-  const std::size_t least = line.size() + (whole ? 0 : 1);
-  if (least <= kMaxLine) return std::nullopt;
+  const std::size_t min_size = line.size() + (whole ? 0 : 1);
+  if (min_size <= kMaxLine) return std::nullopt;
   const std::string_view command = WithoutLeadingBlanks(line.substr(0, kMaxLine));
   const bool authentication = state.phase == Phase::kAuthData || StartsWithNoCase(command, "AUTH ") ||
                               StartsWithNoCase(command, "AUTH\t");
-  if (authentication && least <= kMaxAuthenticationLine) return std::nullopt;
+  if (authentication && min_size <= kMaxAuthenticationLine) return std::nullopt;
   Draft draft(state);
   return Complete(Answer({ReplyKind::kLineTooLong, ""}, draft), draft);
 }
@@ -286,9 +286,10 @@ LineDecision ClientCommandFilter::ProcessMail(const Line& line, Draft& draft) co
 }
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(const RequestedState& requested) const {
-  const std::int32_t most =
+  const std::int32_t max_transactions =
       facts_.IsLocalClient() ? configuration_.MaxTransactionsLocal : configuration_.MaxTransactionsRemote;
-  if (most != 0 && requested.TransactionCount > most) return Refusal{ReplyKind::kMailTooManyTransactions, ""};
+  if (max_transactions != 0 && requested.TransactionCount > max_transactions)
+    return Refusal{ReplyKind::kMailTooManyTransactions, ""};
   if (!requested.Sender.empty() &&
       RefusedByLists(requested.Sender, configuration_.SendersWhiteList, configuration_.SendersAllowList,
                      configuration_.SendersBlackList)) {
@@ -337,8 +338,9 @@ LineDecision ClientCommandFilter::ProcessRcpt(const Line& line, Draft& draft) co
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient(const RequestedState& requested) const {
   const Configuration& c = configuration_;
   const bool local_client = facts_.IsLocalClient();
-  const std::int32_t most = local_client ? c.MaxRecipientsLocal : c.MaxRecipientsRemote;
-  if (most != 0 && requested.RecipientCount > most) return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
+  const std::int32_t max_recipients = local_client ? c.MaxRecipientsLocal : c.MaxRecipientsRemote;
+  if (max_recipients != 0 && requested.RecipientCount > max_recipients)
+    return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
 
   const std::string& recipient = requested.Recipient;
   const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);

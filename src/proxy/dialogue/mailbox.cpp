@@ -139,7 +139,7 @@ bool HoldsRouteAsItIs(std::string_view address) {
 
 }  // namespace
 
-ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets bare) {
+ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets without_brackets) {
   text = Trim(text);
   ParsedPath result;
   if (text.empty()) return result;
@@ -155,7 +155,7 @@ ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets bare) {
   } catch (const Error&) {
     // Not in angle brackets, or they are unbalanced: the setting decides.
   }
-  if (bare == AddressesWithoutBrackets::kRefuse) return result;
+  if (without_brackets == AddressesWithoutBrackets::kRefuse) return result;
   if (part.empty()) {
     part = FirstWord(text);
     result.parameters = text.substr(part.size());
@@ -167,7 +167,7 @@ ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets bare) {
     part.remove_suffix(1);
   }
   result.address = Trim(part);
-  if (bare == AddressesWithoutBrackets::kTake) {
+  if (without_brackets == AddressesWithoutBrackets::kTake) {
     if (!part.empty()) result.verdict = ParsedPath::Verdict::kTaken;
   } else if (result.address.size() <= kMaxMailbox) {
     result.verdict = ParsedPath::Verdict::kForwardUnchecked;

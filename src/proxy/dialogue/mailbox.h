@@ -30,7 +30,7 @@ inline constexpr std::size_t kMaxDomain = 255;
 // Empty text holds no address: that is a syntax error in every mode, and a lone bracket is one where it would
 // be dropped. What is forwarded unchecked is remembered all the same, so a longer address than
 // the limit is a syntax error there too.
-ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets bare);
+ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets without_brackets);
 
 // The canonical form of an address: no source route ("@a,@b:" in front, RFC 5321 appendix C), no dot at the
 // end of the domain, no quotes around a local part that needs none. Nothing when what remains is longer than

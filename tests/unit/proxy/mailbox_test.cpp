@@ -14,8 +14,8 @@ namespace trabex {
 namespace {
 
 // A path argument as "address|parameters", or what becomes of it.
-std::string Parsed(std::string_view text, AddressesWithoutBrackets bare) {
-  const ParsedPath path = ParsePath(text, bare);
+std::string Parsed(std::string_view text, AddressesWithoutBrackets without_brackets) {
+  const ParsedPath path = ParsePath(text, without_brackets);
   switch (path.verdict) {
     case ParsedPath::Verdict::kSyntaxError:
       return "refused";
@@ -51,9 +51,9 @@ TEST(ParsePath, AddressesInBracketsAreTakenInEveryMode) {
       {"<<a@b>", "<a@b|"},
   };
   for (const auto& row : rows) {
-    for (const auto bare : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
-                            AddressesWithoutBrackets::kForwardUnchecked}) {
-      EXPECT_EQ(Parsed(row.text, bare), row.parsed) << row.text;
+    for (const auto without_brackets : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
+                                        AddressesWithoutBrackets::kForwardUnchecked}) {
+      EXPECT_EQ(Parsed(row.text, without_brackets), row.parsed) << row.text;
     }
   }
 }
@@ -80,7 +80,7 @@ TEST(ParsePath, TheSettingDecidesAboutAllOthers) {
       {"x<a@b>", "x<a@b|"},
       {"<a@b>x <c@d>", "a@b>x| <c@d>"},
       {"a<b c>d@e f", "a<b c>d@e| f"},
-      {"\"a b\"@c", "\"a| b\"@c"},  // quotes do not keep a bare address together
+      {"\"a b\"@c", "\"a| b\"@c"},  // quotes do not keep an address without brackets together
       {"a@b <c", "a@b| <c"},
   };
   for (const auto& row : rows) {
@@ -91,9 +91,9 @@ TEST(ParsePath, TheSettingDecidesAboutAllOthers) {
 }
 
 TEST(ParsePath, NothingIsNoAddress) {
-  for (const auto bare : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
-                          AddressesWithoutBrackets::kForwardUnchecked}) {
-    for (const char* text : {"", " ", "   "}) EXPECT_EQ(Parsed(text, bare), "refused") << text;
+  for (const auto without_brackets : {AddressesWithoutBrackets::kTake, AddressesWithoutBrackets::kRefuse,
+                                      AddressesWithoutBrackets::kForwardUnchecked}) {
+    for (const char* text : {"", " ", "   "}) EXPECT_EQ(Parsed(text, without_brackets), "refused") << text;
   }
   for (const char* bracket : {"<", ">", " < "}) {
     EXPECT_EQ(Parsed(bracket, AddressesWithoutBrackets::kTake), "refused") << bracket;

@@ -180,8 +180,8 @@ void DnsServer::SetSilent(std::string_view name) {
   Set(name, [](const DnsQuestion&) { return std::vector<std::string>{}; });
 }
 
-void DnsServer::Release(std::size_t most) {
-  while (!held_.empty() && most-- > 0) {
+void DnsServer::Release(std::size_t max_replies) {
+  while (!held_.empty() && max_replies-- > 0) {
     SendTo(held_.front().first, held_.front().second);
     held_.pop_front();
   }

@@ -83,8 +83,8 @@ class DnsServer {
 
   // Answers wait from now on until Release.
   void Hold() { hold_ = true; }
-  // Sends the first `most` of the answers that wait.
-  void Release(std::size_t most = SIZE_MAX);
+  // Sends the first `max_replies` of the answers that wait.
+  void Release(std::size_t max_replies = SIZE_MAX);
   std::size_t Held() const { return held_.size(); }
 
   // How often something was asked for, tries counted one by one.
