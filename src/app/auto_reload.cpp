@@ -15,7 +15,7 @@ namespace trabex {
 namespace {
 
 constexpr Milliseconds kPollInterval{1000};
-// Whoever edits the file has this long to save it again before it is read.
+// An editor has this long to save the file again before it is read.
 constexpr Milliseconds kDelay{30000};
 // The file's date is not asked for more often, and a file that looked unfinished is looked at again after as
 // long.

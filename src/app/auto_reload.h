@@ -1,5 +1,5 @@
 // The reload: the initialization file is read again when it has changed and then stayed as it is for half a
-// minute, or when somebody asks for it. Open sessions go on; a setting acts from its next use on.
+// minute, or on request. Open sessions go on; a setting acts from its next use on.
 //
 // What is in force is better than half a file: one that cannot be read, or that has no section, is left alone
 // (the log says so), and one whose last line has no end, as if its writer were not done, is looked at once

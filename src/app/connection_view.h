@@ -1,5 +1,5 @@
 // What people see of the running program: the addresses in force, and one row per open connection. It is
-// there whether it is shown or not; nobody else makes row texts, and they are made only while they are
+// there whether it is shown or not; only it makes row texts, and they are made only while they are
 // visible.
 #pragma once
 

@@ -46,7 +46,7 @@ class LogFile final : public Log {
   void SetTimer(Timer* timer) { timer_ = timer; }
   // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
   void CollectOn(EventLoop* loop);
-  // `observer` sees every message that LogLine gets, also those that are dropped; empty: nobody does.
+  // `observer` sees every message that LogLine gets, also those that are dropped; empty: none.
   void SetObserver(std::function<void(std::string_view message)> observer) {
     observer_ = std::move(observer);
   }

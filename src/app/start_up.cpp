@@ -22,7 +22,7 @@ class StartUp {
  public:
   StartUp(Program& program, const CommandLine& line) : program_(program), line_(line) {
     TakeCommandLine();
-    // The line that tells why a start failed is the last one that was logged, whether logging is on or not.
+    // The line that says why a start failed is the last one that was logged, whether logging is on or not.
     program_.log.SetObserver([this](std::string_view message) { last_message_ = message; });
   }
   ~StartUp() { program_.log.SetObserver({}); }

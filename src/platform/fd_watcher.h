@@ -1,5 +1,5 @@
 // Watches a descriptor of the system that is no socket of platform/sockets.h: those of c-ares, and what the
-// platform's own folder and the view's hear the system by.
+// platform's own folder and the view's get requests of the system by.
 #pragma once
 
 #include <cstdint>

@@ -10,7 +10,7 @@ namespace trabex {
 namespace {
 
 // How many bytes a search for a command line's end gets: more than the longest line that is taken.
-constexpr std::int32_t kLineRoom = 16384;
+constexpr std::int32_t kLinePeekBytes = 16384;
 // Message content taken at a time, so that one busy session does not hold up the others.
 constexpr std::int32_t kContentChunk = 65536;
 // Command lines answered in one loop iteration, for the same reason.
@@ -127,7 +127,7 @@ bool cProxy::MayTakeClientBytes() const {
 
 void cProxy::TakeClientBytes() {
   const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
-  const std::string_view there = Receiver.Peek(is_line ? kLineRoom : kContentChunk);
+  const std::string_view there = Receiver.Peek(is_line ? kLinePeekBytes : kContentChunk);
   Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
 }
 
@@ -194,7 +194,7 @@ void cProxy::Log(Side side, std::int32_t level, std::string_view text) {
 // Whether the client has completed a line since the last call. Reads the bytes although the line may have to
 // wait: DataArrival is raised again only after a receive.
 bool cProxy::LineHasCome() {
-  const std::string_view there = Receiver.Peek(kLineRoom);
+  const std::string_view there = Receiver.Peek(kLinePeekBytes);
   const std::int64_t begin = Receiver.Socket().BytesReceived();
   // The last byte that was there before may be the CR of this line's end.
   const auto seen =

@@ -106,7 +106,7 @@ class cProxy final : public DeferredDeletable,
   void TakeServerBytes();
   void EndServer(SessionSide::End end);
   // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
-  // waiting for that still hears what the server said meanwhile.
+  // waiting for that still gets what the server said meanwhile.
   bool IsOver() const;
 
   // What the dialogue wants.

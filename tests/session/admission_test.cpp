@@ -1,4 +1,4 @@
-// Who is let in, and what a client hears that is not.
+// Which clients are admitted, and the replies to the others.
 #include <gtest/gtest.h>
 
 #include "session/dialogues.h"

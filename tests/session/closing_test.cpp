@@ -173,7 +173,7 @@ TEST(Closing, TheServerResets) {
     )");
 }
 
-// Both are gone before the session hears of the first one: it ends with that one, and the other is no news.
+// Both are gone before the session is notified of the first one: it ends with that one, and drops the other.
 TEST(Closing, BothResetAtOnce) {
   const struct {
     const char* what;

@@ -88,7 +88,7 @@ std::string PlayOverLoopback(const script::HostileFile& file, const Play& play) 
   fixture.Start();
   std::string failure = PlaySteps(
       fixture, [&](std::string_view bytes) { fixture.ClientPeer().Send(bytes); }, file, play);
-  // The client ends in order, and breaks off where that is not heard because of what it sent ahead.
+  // The client ends in order, and breaks off where that is not noticed because of what it sent ahead.
   fixture.ClientPeer().ShutDownSending();
   fixture.Settle();
   fixture.ClientPeer().Reset();

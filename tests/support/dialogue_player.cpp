@@ -205,7 +205,7 @@ bool DialoguePlayer::TakeFromClient() {
     from_client_.erase(0, used);
     if (used > 0 || dialogue_.phase() != before) return true;
   }
-  // An end is heard when what is before it was looked at.
+  // An end is noticed when the bytes before it were taken.
   if (client_ended_ && (from_client_.empty() || dialogue_.Expected() != ClientBytes::kWait)) over_ = true;
   return over_;
 }

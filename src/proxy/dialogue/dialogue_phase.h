@@ -37,7 +37,7 @@ enum class ClientBytes {
 ClientBytes ExpectedBytes(Phase phase);
 
 enum class PhaseEvent {
-  kNoServer,         // the client was refused, and hears only the proxy from now on
+  kNoServer,         // the client was refused, and gets replies of the proxy only
   kAnswered,         // a command was answered by the proxy
   kBdatAnswered,     // a BDAT was: its octets follow all the same
   kForwarded,        // a command or authentication data has gone to the server

@@ -2,7 +2,7 @@
 // run through it step by step, and a test may look at its state, and set it, in between.
 //
 // Everything that the dialogue does must be in the script, in its order. A line may come although the reply
-// to the one before was left out; the lines of a reply are heard when its last one has come. Of what only a
+// to the one before was left out; the lines of a reply count when its last one has come. Of what only a
 // session does there is "wait 500" and "closed C" where it is to end after that pause.
 #pragma once
 
@@ -80,9 +80,9 @@ class TestDialogue final : private DialogueActions {
   void GreetAndMail();
   // GreetAndMail and RCPT TO:<u@local.test>.
   void GreetMailAndRcpt();
-  // The client was not admitted: it hears only the proxy.
+  // The client was not admitted: only the proxy replies to it.
   void Refuse();
-  // The client hears the proxy's own reply.
+  // The client gets the proxy's own reply.
   void Say(ReplyKind kind);
 
   bool Greeted() const { return state.transaction > Transaction::kNoGreeting; }

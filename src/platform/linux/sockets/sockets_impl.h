@@ -38,7 +38,7 @@ struct Sockets::Impl final : EventSource {
     bool write_armed = false;        // FD_WRITE is due when a send is possible
     bool accept_armed = true;        // an accept was tried since FD_ACCEPT
     bool disarmed = false;           // a listener without interest in the set
-    bool drained = false;            // a receive took everything, nothing was heard since
+    bool drained = false;            // a receive took everything, no event came since
     bool end_seen = false;           // the peer ended or broke the connection
     bool close_notified = false;     // FD_CLOSE was notified
     bool urgent = false;             // the peer sends urgent data
