@@ -1,5 +1,6 @@
 // The address of a MAIL or RCPT command: taken from the line, and brought into the canonical form that is
-// checked, remembered and forwarded, so that what the filter checked is the mailbox that the server delivers to.
+// checked, remembered and forwarded, so that what the filter checked is the mailbox that the server delivers
+// to.
 #pragma once
 
 #include <cstddef>
@@ -46,9 +47,9 @@ ParsedPath ParsePath(std::string_view text, AddressesWithoutBrackets without_bra
 // With letters beyond ASCII there is more to it, since servers fold and map them: `address` holds nothing but
 // address characters (see HoldsAddressCharacters); the folded mailbox is one with the same structure, that is
 // with the same "@", dots, quotes and the like at the same places, and within the limits too; it is the same
-// mailbox to servers that fold nothing but its case (see FoldsLikeItsCaseFolding); and the domain, which is no
-// literal then, has none of the characters that some servers drop (RFC 5891 keeps joiners, UTS #46 of old does
-// not) or take for a dot.
+// mailbox to servers that fold nothing but its case (see FoldsLikeItsCaseFolding); and the domain, which is
+// no literal then, has none of the characters that some servers drop (RFC 5891 keeps joiners, UTS #46 of old
+// does not) or take for a dot.
 std::optional<std::string> NormalizeMailbox(std::string_view address);
 
 // Whether a server that trusts the sender may route the address on to a domain inside its local part: that,
