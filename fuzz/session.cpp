@@ -8,12 +8,13 @@
 //   q         the service stops
 //
 // Whatever they are, after each record holds (see Peers):
-// - no byte reaches the server as a command that was not read as that command, by the strictest and by the
-// most
-//   lenient reading of what the server gets;
+// - no byte reaches the server as a command that the dialogue did not take from the client as that command,
+//   by the strictest and by the most lenient reading of what the server gets;
+// - the octets of a BDAT are never read as commands, whoever answers it;
 // - the content that the server gets is the content that was taken from the client, and the header;
 // - no command is sent while the reply to another one is owed;
-// - a transaction is open for the dialogue only if it is for a server that goes by its own replies;
+// - a transaction is open for the dialogue only if it is for a server that goes by its own replies, and an
+//   extension is offered only if that server has offered it;
 // - after its end the dialogue takes and sends nothing;
 // and any split of the same bytes gives the same output.
 #include <algorithm>
@@ -75,6 +76,10 @@ class Server {
   bool OwesReply() const { return owes_reply_; }
   bool TransactionOpen() const { return open_; }
   bool Greeted() const { return greeted_; }
+  // Whether the reply to the last greeting that it accepted has the keyword in it.
+  bool HasOffered(std::string_view keyword) const { return offered_.find(keyword) != std::string::npos; }
+  // Whether the MAIL that opened the transaction has it.
+  bool TransactionHas(std::string_view keyword) const { return sender_.find(keyword) != std::string::npos; }
 
   void Gets(std::string_view bytes) {
     while (!bytes.empty()) bytes.remove_prefix(ReadsContent() ? GetsContent(bytes) : GetsByte(bytes));
@@ -90,10 +95,16 @@ class Server {
     const bool one_code = HasOneCode(reply, verb == "EHLO");
     if (verb == "AUTH") auth_data_ = LastCode(reply) == "334";
     if (!one_code) return;
-    if (code == "250" && (verb == "EHLO" || verb == "HELO")) greeted_ = true;
+    if (code == "250" && (verb == "EHLO" || verb == "HELO")) {
+      greeted_ = true;
+      offered_ = verb == "EHLO" ? ToUpper(reply) : "";
+    }
     if (code == "250" && (verb == "EHLO" || verb == "HELO" || verb == "RSET")) open_ = false;
     const bool opens = verb == "MAIL" || verb == "SEND" || verb == "SOML" || verb == "SAML";
-    if (opens && (code == "250" || (code == "355" && verb == "MAIL"))) open_ = true;
+    if (opens && (code == "250" || (code == "355" && verb == "MAIL"))) {
+      open_ = true;
+      sender_ = ToUpper(commands.back());
+    }
     if (code == "354" && verb == "DATA") {
       open_ = false;
       dot_content_ = true;
@@ -174,6 +185,8 @@ class Server {
 
   std::string line_;
   std::string verb_;
+  std::string offered_;
+  std::string sender_;
   std::string content_;
   std::uint64_t octets_ = 0;
   std::uint64_t announced_ = 0;
@@ -254,6 +267,10 @@ class Peers final : private DialogueActions {
     for (std::size_t steps = 0; !over_ && !pausing_ && dialogue_.Expected() != ClientBytes::kWait; ++steps) {
       Require(steps < kMaxSteps);
       const ClientBytes expected = dialogue_.Expected();
+      const bool is_line = expected == ClientBytes::kLine;
+      const bool is_data = dialogue_.phase() == Phase::kAuthData;
+      if (is_line) line_ = unread_.substr(0, unread_.find(kCrLf));
+      Require(!is_line || octets_ == 0);
       taken_content_ = expected == ClientBytes::kContent;
       sent_content_.clear();
       const std::int64_t before = dialogue_.State().BytesReceived;
@@ -262,10 +279,26 @@ class Peers final : private DialogueActions {
       Require(dialogue_.State().BytesReceived - before == static_cast<std::int64_t>(used));
       if (taken_content_) Require(sent_content_ == std::string_view(unread_).substr(0, used));
       taken_content_ = false;
+      if (is_line && !is_data && used > 0) octets_ = AnnouncedBy(line_);
+      if (!is_line) octets_ -= std::min<std::uint64_t>(octets_, used);
       unread_.erase(0, used);
       if (used == 0) break;
     }
-    if (dialogue_.phase() == Phase::kEnding) over_ = true;
+    if (dialogue_.phase() != Phase::kEnding) return;
+    over_ = true;
+    Require(dialogue_.OnClientBytes(unread_ + "\r\nNOOP\r\n", *this) == 0);
+  }
+
+  // Servers take a tab for a blank.
+  static std::string WithBlanks(std::string_view line) { return ReplaceAll(line, "\t", " "); }
+  // How many octets follow the client's line, for the most lenient reader of a BDAT.
+  static std::uint64_t AnnouncedBy(std::string_view line) {
+    const std::string blanks = WithBlanks(line);
+    const std::string_view command = Trim(blanks);
+    const std::string_view verb = FirstWord(command);
+    if (!EqualNoCase(verb, "BDAT")) return 0;
+    const std::string_view count = FirstWord(Trim(command.substr(verb.size())));
+    return static_cast<std::uint64_t>(ParseFixedPoint(count, 1).value_or(0) / kFixedPointOne);
   }
 
   void CheckState() {
@@ -274,8 +307,14 @@ class Peers final : private DialogueActions {
     if (!over_ && dialogue_.phase() != Phase::kFarewell) {
       Require((state.transaction >= Transaction::kOpen) == model_.TransactionOpen());
     }
-    if (dialogue_.phase() == Phase::kCommand && !settings_.refused) Require(!model_.OwesReply());
+    if (dialogue_.phase() == Phase::kCommand && !settings_.refused) {
+      Require(!model_.OwesReply() && !model_.ReadsContent());
+    }
     if (dialogue_.phase() == Phase::kReply) Require(model_.OwesReply());
+    Require(!state.offered.SmtpUtf8Offered || model_.HasOffered("SMTPUTF8"));
+    for (const char* keyword : {"CHUNKING", "XEXCH50"}) {
+      Require(!state.offered.Extensions.Has(keyword) || model_.HasOffered(keyword));
+    }
   }
 
   void ToServer(std::string_view bytes, bool) override {
@@ -297,9 +336,26 @@ class Peers final : private DialogueActions {
     }
     Require(model_.commands.size() == commands + 1);
     if (dialogue_.phase() == Phase::kReply || dialogue_.phase() == Phase::kChunk) {
-      if (!was_auth_data_) checks_.Check(bytes, dialogue_.State());
+      CheckCommand(bytes);
     }
     was_auth_data_ = false;
+  }
+  void CheckCommand(std::string_view sent) {
+    if (was_auth_data_) return Require(sent.substr(0, sent.size() - kCrLf.size()) == line_);
+    checks_.Check(sent, dialogue_.State());
+    const std::string_view text = sent.substr(0, sent.find(kCrLf));
+    const std::string verb = ToUpper(FirstWord(text));
+    const std::string line = WithBlanks(line_);
+    const std::string_view read = Trim(line);
+    Require(verb == ToUpper(FirstWord(read)));
+    if (verb == "RCPT") {
+      Require(!dialogue_.State().requested.SmtpUtf8 || model_.TransactionHas("SMTPUTF8"));
+    }
+    // What no check rewrites goes as it came, but for the blanks around the verb.
+    for (const char* rewritten : {"MAIL", "SEND", "SOML", "SAML", "RCPT", "BDAT", "XEXCH50"}) {
+      if (verb == rewritten) return;
+    }
+    Require(Trim(text.substr(verb.size())) == Trim(read.substr(verb.size())));
   }
   void ToClient(std::string_view reply) override {
     Require(!over_ && reply.ends_with(kCrLf));
@@ -336,6 +392,8 @@ class Peers final : private DialogueActions {
   CommandChecks checks_{settings_.configuration, settings_.facts};
   Server model_;
   std::string unread_;
+  std::string line_;          // that is taken, or was taken last
+  std::uint64_t octets_ = 0;  // of a BDAT of the client's, not taken yet
   std::string to_client_;
   std::string to_server_;
   std::string sent_content_;
