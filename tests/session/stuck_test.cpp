@@ -19,7 +19,7 @@ constexpr std::size_t kMost_bytes = std::size_t{64} << 20;
 // Who has read this much shows it: TCP announces free room in portions (RFC 1122, 4.2.3.3).
 constexpr std::size_t kVisible_bytes = std::size_t{256} << 10;
 
-// A session of which one peer does not read. Its ticks are those of the program.
+// A session of which one peer does not read.
 class StuckSession {
  public:
   StuckSession() {
@@ -74,7 +74,6 @@ class StuckSession {
   void Pass(int seconds) {
     for (int half = 0; half < 2 * seconds; ++half) {
       fixture.Time.Advance(Milliseconds(500));
-      fixture.CheckTimeouts();
       fixture.Settle();
     }
   }
@@ -199,6 +198,32 @@ TEST(Stuck, AServerThatReadsSlowlyKeepsItsSession) {
   }
   EXPECT_GT(acknowledged_only, 1);
   stuck.SecondsToTheEnd(stuck.server);
+}
+
+// It answers what it has not read; a session holds one command for it and no more.
+TEST(Stuck, NoCommandIsTakenWhileTheOneBeforeItWaits) {
+  StuckSession stuck;
+  stuck.fixture.Settings.LogLevelRemote = stuck.fixture.Settings.LogLevelServer = 0;
+  ASSERT_EQ(stuck.fixture.Play(Greeted()), "");
+  stuck.server = std::move(stuck.fixture.ServerPeer());
+  stuck.server.HoldLittle();
+  const std::string line = "NOOP " + std::string(4000, 'x') + "\r\n";
+  const auto next_is_taken = [&] {
+    const std::int64_t taken = stuck.Session().BytesReceived();
+    stuck.fixture.ClientPeer().Send(line);
+    stuck.fixture.Settle();
+    stuck.server.Send("250 ok\r\n");
+    stuck.fixture.Settle();
+    return stuck.Session().BytesReceived() > taken;
+  };
+  std::size_t sent = 0;
+  while (sent < kMost_bytes && next_is_taken()) sent += line.size();
+  EXPECT_LT(sent, kMost_bytes);
+  const std::int64_t taken = stuck.Session().BytesReceived();
+  EXPECT_TRUE(stuck.fixture.Until([&] {
+    stuck.server.Poll();
+    return stuck.Session().BytesReceived() > taken;
+  }));
 }
 
 // It began to say why, and was stuck with that too.
