@@ -53,7 +53,10 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   if (stage_ == Stage::kClosed) return;
   switch (event) {
     case SessionSide::Event::kConnect:
-      if (&side == &Sender) ServerConnected();
+      if (&side == &Sender) {
+        TimeoutSpan = std::chrono::seconds(0);
+        timeout_.reset();
+      }
       side.Log(log_level::kConnection, "Connected.");
       break;
     case SessionSide::Event::kDataArrival:
@@ -67,12 +70,6 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
       break;
   }
   Pump();
-}
-
-void cProxy::ServerConnected() {
-  stage_ = Stage::kRelaying;
-  TimeoutSpan = std::chrono::seconds(0);
-  timeout_.reset();
 }
 
 // --- the pump

@@ -79,7 +79,7 @@ class cProxy final : public DeferredDeletable,
   std::string HostNameOrUnknown() const { return ClientHostNameOrUnknown(); }
 
  private:
-  enum class Stage { kAdmission, kConnecting, kRelaying, kClosed };
+  enum class Stage { kAdmission, kAdmitted, kClosed };
 
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
@@ -94,7 +94,6 @@ class cProxy final : public DeferredDeletable,
   void ConnectServer();
 
   void OnSideEvent(SessionSide& side, SessionSide::Event event) override;
-  void ServerConnected();
 
   // Moves what can be moved, and ends the session when that is due. Never called from inside itself: a send
   // that completes inside its call is only noted.

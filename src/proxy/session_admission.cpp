@@ -90,7 +90,7 @@ bool cProxy::AdmitByName() {
 }
 
 void cProxy::ConnectServer() {
-  stage_ = Stage::kConnecting;
+  stage_ = Stage::kAdmitted;
   try {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {

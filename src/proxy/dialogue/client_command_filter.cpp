@@ -138,22 +138,14 @@ LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view lin
   return decision;
 }
 
-std::optional<LineDecision> ClientCommandFilter::RefuseLongLine(std::string_view line, bool whole,
-                                                                const DialogueState& state) const {
+bool ClientCommandFilter::IsTooLong(std::string_view line, bool whole, Phase phase) {
   // A line without its end has at least one octet more to come.
   const std::size_t min_size = line.size() + (whole ? 0 : 1);
-  if (min_size <= kMaxLine) return std::nullopt;
+  if (min_size <= kMaxLine) return false;
   const std::string_view command = WithoutLeadingBlanks(line.substr(0, kMaxLine));
-  const bool authentication = state.phase == Phase::kAuthData || StartsWithNoCase(command, "AUTH ") ||
-                              StartsWithNoCase(command, "AUTH\t");
-  if (authentication && min_size <= kMaxAuthenticationLine) return std::nullopt;
-  Draft draft(state);
-  return Complete(Answer({ReplyKind::kLineTooLong, ""}, draft), draft);
-}
-
-LineDecision ClientCommandFilter::RefuseAmbiguousEnd(const DialogueState& state) const {
-  Draft draft(state);
-  return Complete(Answer({ReplyKind::kDataAmbiguousEnd, ""}, draft), draft);
+  const bool authentication =
+      phase == Phase::kAuthData || StartsWithNoCase(command, "AUTH ") || StartsWithNoCase(command, "AUTH\t");
+  return !authentication || min_size > kMaxAuthenticationLine;
 }
 
 std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) const {
@@ -446,10 +438,6 @@ LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) const {
   return Forward(line, line.text);
 }
 
-SessionMacros ClientCommandFilter::Macros(const RequestedState& requested, const DialogueState& state) const {
-  return {configuration_, clock_, facts_, requested, state.offered, state.BytesReceived};
-}
-
 LineDecision ClientCommandFilter::Answer(const Refusal& refusal, Draft& draft) const {
   const PolicyReply& row = FindPolicyReply(refusal.kind);
   if (row.counts_as_bad_sequence) ++draft.requested.BadSequenceCount;
@@ -466,7 +454,7 @@ std::string ClientCommandFilter::BuildReply(ReplyKind kind, const DialogueState&
 
 std::string ClientCommandFilter::BuildReply(const Refusal& refusal, const RequestedState& requested,
                                             const DialogueState& state) const {
-  const SessionMacros macros = Macros(requested, state);
+  const SessionMacros macros(configuration_, clock_, facts_, requested, state.offered, state.BytesReceived);
   std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
   ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? FindPolicyReply(refusal.kind).key : refusal.key,
                      requested.CurrentVerb, reply, configuration_, macros);

@@ -69,12 +69,9 @@ class ClientCommandFilter {
   // Goes on with `line`, which asked for a name's addresses.
   LineDecision ProcessAddresses(std::string_view line, const HostAddresses& answer,
                                 const DialogueState& state) const;
-  // The refusal of a line that exceeds the limit; `line` is all of it (`whole`) or its beginning. Nothing
-  // while it may still end within the limit.
-  std::optional<LineDecision> RefuseLongLine(std::string_view line, bool whole,
-                                             const DialogueState& state) const;
-  // The content breaks off at a dot that servers read differently.
-  LineDecision RefuseAmbiguousEnd(const DialogueState& state) const;
+  // Whether a line exceeds the limit; `line` is all of it (`whole`) or its beginning. False while it may still
+  // end within the limit.
+  static bool IsTooLong(std::string_view line, bool whole, Phase phase);
   // A reply that the proxy gives by itself, with its changes and without CR LF.
   std::string BuildReply(ReplyKind kind, const DialogueState& state) const;
   // `line` as the log may show it: without authentication data.
@@ -134,7 +131,6 @@ class ClientCommandFilter {
 
   std::string BuildReply(const Refusal& refusal, const RequestedState& requested,
                          const DialogueState& state) const;
-  SessionMacros Macros(const RequestedState& requested, const DialogueState& state) const;
   LineDecision Forward(const Line& line, std::string text) const;
   LineDecision ForwardAsIs(const Line& line) const;
   LineDecision Answer(const Refusal& refusal, Draft& draft) const;

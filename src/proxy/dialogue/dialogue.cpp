@@ -36,12 +36,12 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   const bool whole = line_end != std::string_view::npos;
   const std::string_view line = whole ? bytes.substr(0, line_end + kCrLf.size()) : bytes;
   const bool logged = (configuration_.LogLevelRemote & log_level::kReceived) != 0;
-  if (auto refusal = commands_.RefuseLongLine(line, whole, state_)) {
+  if (ClientCommandFilter::IsTooLong(line, whole, state_.phase)) {
     if (logged) {
       const std::string_view begin = bytes.substr(0, ClientCommandFilter::kMaxLine);
       actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(begin, state_.phase) + "...");
     }
-    Act(std::move(*refusal), actions);
+    Say(ReplyKind::kLineTooLong, actions);
     return 0;
   }
   if (!whole) return 0;
@@ -64,7 +64,7 @@ std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actio
   if (step.outcome == ContentTracker::Outcome::kEnded) Enter(PhaseEvent::kContentComplete);
   if (step.outcome == ContentTracker::Outcome::kAmbiguous) {
     actions.CloseServer();
-    Act(commands_.RefuseAmbiguousEnd(state_), actions);
+    Say(ReplyKind::kDataAmbiguousEnd, actions);
   }
   return step.bytes;
 }

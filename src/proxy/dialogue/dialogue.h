@@ -72,7 +72,7 @@ class Dialogue {
   // when it failed, a reply of the proxy that says so follows them.
   void OnServerEnd(ServerEnd how, DialogueActions& actions);
   // Sends the client the proxy's own reply `kind`; the table of replies says what becomes of the session. For
-  // replies that refuse no command: the client is not admitted, or the service stops.
+  // replies that refuse no command, such as that of a service that stops.
   void Say(ReplyKind kind, DialogueActions& actions);
 
  private:
