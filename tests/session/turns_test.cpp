@@ -31,12 +31,17 @@ std::string Answer(const std::string& name) {
 }
 
 // A session's own lines, in one segment, and the answers to them.
-std::pair<std::string, std::string> Lines(const std::string& who, int count) {
-  std::pair<std::string, std::string> result;
+struct Burst {
+  std::string lines;
+  std::string answers;
+};
+
+Burst Lines(const std::string& who, int count) {
+  Burst result;
   for (int i = 1; i <= count; ++i) {
     const std::string name = who + "-" + std::to_string(i);
-    result.first += Greeting(name);
-    result.second += Answer(name);
+    result.lines += Greeting(name);
+    result.answers += Answer(name);
   }
   return result;
 }
@@ -58,11 +63,11 @@ TEST(Turns, AllLinesOfOneSegmentAreAnsweredInOrder) {
     SessionFixture fixture;
     RefuseAll(fixture);
     ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-    const auto [lines, answers] = Lines("a", count);
-    ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
+    const Burst a = Lines("a", count);
+    ASSERT_EQ(fixture.ClientPeer().Send(a.lines), a.lines.size());
     // Nothing else happens that could wake the session.
-    EXPECT_TRUE(fixture.Until([&] { return fixture.ClientPeer().Received().size() >= answers.size(); }));
-    EXPECT_EQ(fixture.ClientPeer().Received(), answers);
+    EXPECT_TRUE(fixture.Until([&] { return fixture.ClientPeer().Received().size() >= a.answers.size(); }));
+    EXPECT_EQ(fixture.ClientPeer().Received(), a.answers);
   }
 }
 
@@ -74,14 +79,14 @@ TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
   const TestPeer first_server = std::move(fixture.ServerPeer());
   ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
-  const auto [lines, answers] = Lines("a", 3 * kMaxLinesAtOnce);
-  ASSERT_EQ(first.Send(lines), lines.size());
+  const Burst a = Lines("a", 3 * kMaxLinesAtOnce);
+  ASSERT_EQ(first.Send(a.lines), a.lines.size());
   ASSERT_EQ(fixture.ClientPeer().Send(Greeting("other")), Greeting("other").size());
   EXPECT_TRUE(fixture.Until([&] {
     first.Poll();
-    return first.Received().size() >= answers.size();
+    return first.Received().size() >= a.answers.size();
   }));
-  EXPECT_EQ(first.Received(), answers);
+  EXPECT_EQ(first.Received(), a.answers);
   EXPECT_EQ(fixture.ClientPeer().Received(), Answer("other"));
   EXPECT_LT(Taken(fixture, "a-" + std::to_string(kMaxLinesAtOnce)), Taken(fixture, "other"));
   EXPECT_LT(Taken(fixture, "other"), Taken(fixture, "a-" + std::to_string(kMaxLinesAtOnce + 1)));
@@ -96,17 +101,17 @@ TEST(Turns, SessionsAlternate) {
   const TestPeer first_server = std::move(fixture.ServerPeer());
   ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
 
-  const auto [a_lines, a_answers] = Lines("a", 3 * kMaxLinesAtOnce);
-  const auto [b_lines, b_answers] = Lines("b", 3 * kMaxLinesAtOnce);
-  ASSERT_EQ(first.Send(a_lines), a_lines.size());
-  ASSERT_EQ(fixture.ClientPeer().Send(b_lines), b_lines.size());
+  const Burst a = Lines("a", 3 * kMaxLinesAtOnce);
+  const Burst b = Lines("b", 3 * kMaxLinesAtOnce);
+  ASSERT_EQ(first.Send(a.lines), a.lines.size());
+  ASSERT_EQ(fixture.ClientPeer().Send(b.lines), b.lines.size());
   EXPECT_TRUE(fixture.Until([&] {
     first.Poll();
-    return first.Received().size() >= a_answers.size() &&
-           fixture.ClientPeer().Received().size() >= b_answers.size();
+    return first.Received().size() >= a.answers.size() &&
+           fixture.ClientPeer().Received().size() >= b.answers.size();
   }));
-  EXPECT_EQ(first.Received(), a_answers);
-  EXPECT_EQ(fixture.ClientPeer().Received(), b_answers);
+  EXPECT_EQ(first.Received(), a.answers);
+  EXPECT_EQ(fixture.ClientPeer().Received(), b.answers);
   for (int round = 1; round < 3; ++round) {
     const std::string last = std::to_string(round * kMaxLinesAtOnce);
     const std::string next = std::to_string(round * kMaxLinesAtOnce + 1);
@@ -157,7 +162,7 @@ TEST(Turns, NoLineIsTakenAfterTheEnd) {
     SessionFixture fixture;
     RefuseAll(fixture);
     ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-    const std::string lines = Lines("a", 10 * kMaxLinesAtOnce).first;
+    const std::string lines = Lines("a", 10 * kMaxLinesAtOnce).lines;
     ASSERT_EQ(fixture.ClientPeer().Send(lines), lines.size());
     fixture.Loop.RunOnce(Milliseconds(1000));
     ASSERT_LT(Taken(fixture, "a-1"), fixture.LogLines().size());
