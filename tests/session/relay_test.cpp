@@ -188,6 +188,23 @@ TEST(Relay, BdatOctetsAreContentWhateverTheyHold) {
     -> x\nNOOP)");
 }
 
+// What the network takes at once never lies in a queue between the two sockets.
+TEST(Relay, ContentIsPassedOnFromWhereItWasReceived) {
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(InContent()), "");
+  const std::uint64_t copied = fixture.Sockets_().CopiedBytes();
+  std::string part;
+  while (part.size() < 30000) part.append(std::string(70, 'x')).append(kCrLf);
+  std::string content;
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(fixture.ClientPeer().Send(part), part.size());
+    content += part;
+    ASSERT_TRUE(fixture.Until([&] { return fixture.ServerPeer().Received().size() >= content.size(); }));
+  }
+  EXPECT_TRUE(fixture.ServerPeer().Received() == content);
+  EXPECT_EQ(fixture.Sockets_().CopiedBytes(), copied);
+}
+
 TEST(Relay, AServerThatDoesNotAnswerGetsOneCommandOnly) {
   PlayEveryWay({}, Greeted() + R"(
     C: NOOP

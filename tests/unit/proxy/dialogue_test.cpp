@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "base/text.h"
@@ -333,6 +334,39 @@ TEST(Dialogue, BelievesWhatTheServerSaidAndNothingElse) {
   }
   EXPECT_GT(transactions, 1000);
   EXPECT_GT(contents, 500);
+}
+
+// Where the bytes that go to the server lie.
+class Addresses final : public DialogueActions {
+ public:
+  void ToServer(std::string_view bytes, bool) override { sent.push_back(bytes); }
+  void ToClient(std::string_view) override {}
+  void AskForAddresses(std::string_view) override {}
+  void CloseServer() override {}
+  void EndAfterPause() override {}
+  void Log(Side, std::int32_t, std::string_view) override {}
+  void LogFailure(const Error&) override {}
+
+  std::vector<std::string_view> sent;
+};
+
+TEST(Dialogue, PassesContentOnFromWhereItLies) {
+  const Configuration configuration = TestConfiguration();
+  const FakeClock clock;
+  const FakeFacts facts;
+  const std::string content = "a line\r\n..a dot\r\nthe rest";
+  for (const Phase phase : {Phase::kDotContent, Phase::kOctets, Phase::kChunk}) {
+    DialogueState state;
+    state.phase = phase;
+    state.content.BeginOctets(100);
+    if (phase == Phase::kDotContent) state.content.BeginDot();
+    Dialogue dialogue(configuration, clock, facts, nullptr, state);
+    Addresses actions;
+    EXPECT_EQ(dialogue.OnClientBytes(content, actions), content.size());
+    ASSERT_EQ(actions.sent.size(), 1U);
+    EXPECT_EQ(actions.sent.front().data(), content.data());
+    EXPECT_EQ(actions.sent.front().size(), content.size());
+  }
 }
 
 }  // namespace
