@@ -43,7 +43,7 @@ class SessionSide {
 
   // Whether the peer has unread bytes, as far as the session knows.
   bool Readable() const { return readable_; }
-  // The next unread bytes, `limit` at most; valid until this object is used for reading again.
+  // The next unread bytes, `limit` at most; valid until this side takes or closes, or any socket is read.
   std::string_view Peek(std::int32_t limit);
   // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
   // at once when any were used; otherwise it waits for more.
