@@ -17,7 +17,7 @@ namespace {
 constexpr Milliseconds kPollInterval{1000};
 // An editor has this long to save the file again before it is read.
 constexpr Milliseconds kDelay{30000};
-// The file's date is not asked for more often, and a file that looked unfinished is looked at again after as
+// The file's date is not asked for more often, and a file that looked unfinished is checked again after as
 // long.
 constexpr Milliseconds kBetweenLooks{15000};
 constexpr double kBetweenDateChecks = 15 / kSecondsPerDay;

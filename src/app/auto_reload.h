@@ -2,7 +2,7 @@
 // minute, or on request. Open sessions go on; a setting acts from its next use on.
 //
 // What is in force is better than half a file: one that cannot be read, or that has no section, is left alone
-// (the log says so), and one whose last line has no end, as if its writer were not done, is looked at once
+// (the log says so), and one whose last line has no end, as if its writer were not done, is checked once
 // more.
 #pragma once
 
@@ -57,7 +57,7 @@ class AutoReload {
   void AwaitQuiet(std::int64_t stamp);
   // The file, or nothing when it cannot be used; the log says why, once for each date.
   std::optional<IniText> TakeFile();
-  // Whether the file may not be complete yet; then it is looked at again later.
+  // Whether the file may not be complete yet; then it is checked again later.
   bool LooksUnfinished(const IniText& ini);
   // Reads everything again and acts on what has changed. Ends the program when that failed, with the reason
   // in the log.
@@ -74,7 +74,7 @@ class AutoReload {
   std::optional<DateTime> last_date_check_;       // local time
   std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
   std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
-  std::optional<std::int64_t> unfinished_stamp_;  // of the file that is looked at once more
+  std::optional<std::int64_t> unfinished_stamp_;  // of the file that is checked once more
   bool settling_ = false;   // the new addresses are being put in force, which may take a look-up
   bool requested_ = false;  // meanwhile
   Timer tmrAutoReload;

@@ -7,7 +7,7 @@
 namespace trabex {
 
 // Lines end at CR, LF or CR LF; the last one needs no end. A UTF-8 byte-order mark at the start of the text
-// is skipped. Bytes are not looked at otherwise: a line may hold NUL and be of any length.
+// is skipped. Bytes are not checked otherwise: a line may hold NUL and be of any length.
 class IniLines {
  public:
   // `text` outlives this object and the lines it gives.

@@ -71,7 +71,7 @@ class GreyListingDatabase {
   // RemoveExpired over several loop iterations, one at a time. Between two steps records may be added,
   // changed and removed.
   void BeginSweep(DateTime now);
-  // Looks at `limit` records at most. Returns whether there are more.
+  // Checks `limit` records at most. Returns whether there are more.
   bool SweepSome(std::size_t limit);
 
  private:
@@ -112,7 +112,7 @@ class GreyListingDatabase {
   std::uint32_t first_ = kNone;
   std::uint32_t last_ = kNone;
   std::uint32_t free_ = kNone;
-  std::uint32_t sweep_next_ = kNone;  // what a sweep looks at next
+  std::uint32_t sweep_next_ = kNone;  // what a sweep checks next
   DateTime sweep_now_ = 0;
   bool changed_ = false;
 };

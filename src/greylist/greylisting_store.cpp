@@ -13,7 +13,7 @@ namespace trabex {
 
 namespace {
 
-// Looked at in one loop iteration: well below a millisecond.
+// Records that a sweep checks in one loop iteration: well below a millisecond.
 constexpr std::size_t kSweptPerIteration = 2000;
 
 std::string ErrorText(std::string_view action, int number, std::string_view description) {

@@ -125,7 +125,7 @@ class Macros {
   std::vector<Known> known_;
 };
 
-// `words` with each macro's value in its place, from left to right: what is put in is never looked at again.
+// `words` with each macro's value in its place, from left to right: what is put in is never searched again.
 // `begins_reply` says that they begin a reply, and not somewhere in it. Nothing when the result would be
 // longer than `limit`.
 std::optional<std::string> ExpandMacros(std::string_view words, bool begins_reply,

@@ -315,7 +315,7 @@ bool PatternStore::BeginsWith(std::string_view folded_text, std::uint32_t first_
 bool PatternStore::Matches(const CompiledPattern& compiled, std::string_view folded_text) const {
   const CompiledForm form{*this};
   const std::size_t size = folded_text.size();
-  // Most texts fail by their size or their last byte, so these are looked at first.
+  // Most texts fail by their size or their last byte, so these are compared first.
   bool possible = compiled.has_run ? size >= compiled.min_size : size == compiled.min_size;
   if (possible && compiled.min_size > 0 && compiled.last != kRunCode) {
     possible = form.Takes(compiled.last, folded_text.back());

@@ -26,7 +26,7 @@ class SendStall {
   // The most time that may pass without progress.
   static constexpr Milliseconds kMaxStall{300000};
 
-  // Looks at what the socket has to send, at the time `now`, which never goes back. True when it has made no
+  // Checks what the socket has to send, at the time `now`, which never goes back. True when it has made no
   // progress for kMaxStall, counted from the look that saw the last.
   bool Look(const CSocketMaster& socket, MonotonicTime now);
   // The same for a send of which `progress` is what CSocketMaster::SendProgressMade gives; nothing when none

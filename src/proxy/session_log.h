@@ -9,8 +9,8 @@
 
 namespace trabex {
 
-// What stands before a text that is logged at `level` (one of log_level): "< " when it was received, "> " when it
-// was sent.
+// What is put before a text that is logged at `level` (one of log_level): "< " for a received text, "> " for a
+// sent one.
 std::string_view LogMark(std::int32_t level);
 
 // One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), `mark`, text. In `text`

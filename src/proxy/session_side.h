@@ -25,7 +25,7 @@ class SessionSide {
    public:
     virtual ~Owner() = default;
     // The fact is noted already. Errors that leave the call are logged. Never called from inside Send: what
-    // happens there is only noted, and its caller looks at it.
+    // happens there is only noted, and its caller checks it.
     virtual void OnSideEvent(SessionSide& side, Event event) = 0;
   };
 

@@ -32,7 +32,7 @@ class ContentTracker {
   // `count` 0 ends at once: Active() is false then.
   void BeginOctets(std::uint64_t count);
 
-  // Looks at the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
+  // Scans the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
   // it stays where it is. After a dot that may be the last one a trailing CR is withheld (Step::bytes is
   // short) until the next byte is known.
   Step Scan(std::string_view bytes);

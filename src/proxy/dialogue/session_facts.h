@@ -15,7 +15,7 @@ class SessionFacts {
   virtual IPAddress ClientIP() const = 0;
   // Whether the client's address lies in LocalIPs.
   virtual bool IsLocalClient() const = 0;
-  // The client's name from DNS; "" when it has none. Known before the first command line is looked at.
+  // The client's name from DNS; "" when it has none. Known before the first command line is filtered.
   virtual std::string ClientHostName() const = 0;
   std::string ClientHostNameOrUnknown() const {
     std::string name = ClientHostName();
