@@ -1,5 +1,5 @@
-// Small helpers for text, which is bytes everywhere. Letter case is folded for ASCII only. None of these
-// raises an error, and none keeps a view beyond the call unless it returns one (then it points into the
+// Small helpers for text, which is bytes everywhere. Letter case is folded for ASCII only. These functions
+// raise no error, and keep no view beyond the call unless they return one (then it points into the
 // argument).
 #pragma once
 

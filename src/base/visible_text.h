@@ -8,7 +8,7 @@
 
 namespace trabex {
 
-// One character of a text, or one byte that is part of none.
+// One character of a text, or one byte that belongs to no character.
 struct TextPiece {
   std::size_t size = 1;       // in bytes
   char32_t code = 0;          // of a character

@@ -26,7 +26,7 @@ enum class EarlyKeysResult {
 
 // Reads the early keys from the file into `configuration`; one that is missing counts as empty. A folder
 // given with "/L" forces Log to 1 whatever the file says; LogPath is read only while none is set. Errors are
-// written to `log`; those of IgnoreIniErrors itself are never ignored. Raises none.
+// written to `log`; those of IgnoreIniErrors itself are never ignored. Raises no Error.
 EarlyKeysResult ReadEarlyKeys(const EarlyKeyInputs& inputs, Configuration& configuration, Log& log);
 
 // The same from the file's text.

@@ -42,7 +42,7 @@ IniText TakeIniFile(std::string_view path);
 bool HasSection(std::string_view text);
 
 // Fills the empty `store` from the file and, if that succeeds, records its stamp. Errors are written to the
-// log; raises none.
+// log; raises no Error.
 IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const IniErrors& errors);
 
 // The same from a text; `path` is for messages. False: abandoned.

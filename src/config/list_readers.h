@@ -38,7 +38,7 @@ inline constexpr ListForm kRangeListForm = {.undelimit = true};
 inline constexpr ListForm kReplaceRecordForm = {.open_delimiter = "<", .close_delimiter = ">"};
 
 // Entries in the order of their first occurrence. Reported are unbalanced delimiters in a raw value (321;
-// none of its entries counts), a bad delimited part (321), a bad pattern (93; it drops the whole group it is
+// its entries do not count), a bad delimited part (321), a bad pattern (93; it drops the whole group it is
 // in) and a duplicate entry (457; found without regard to case).
 ExpressionList GetList(const IniErrors& errors, std::string_view key, const SectionTable& section,
                        std::string_view default_text, const ListForm& form);

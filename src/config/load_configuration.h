@@ -8,7 +8,7 @@
 
 namespace trabex {
 
-// The program whose configuration is loaded. Its members log their own failures and raise none.
+// The program whose configuration is loaded. Its members log their own failures and raise no Error.
 class LoadHost {
  public:
   virtual ~LoadHost() = default;

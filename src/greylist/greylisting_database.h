@@ -43,9 +43,9 @@ class GreyListingDatabase {
   cGreyListingData* Find(std::string_view key);
   // Adds it after all others. When it is a pending one and there are now more than the limits permit, the
   // oldest are dropped, first of its network, then of all, but never itself. After limits were lowered that
-  // takes several additions, as each drops kMaxDroppedAtOnce at most, so that none takes long. Raises 457
-  // "This key is already associated with an element of this collection" (source "GreyListingDatabase.Add")
-  // when its key is there already; nothing is changed then.
+  // takes several additions, as each drops kMaxDroppedAtOnce at most, so that no addition takes long. Raises
+  // 457 "This key is already associated with an element of this collection" (source
+  // "GreyListingDatabase.Add") when its key is there already; nothing is changed then.
   cGreyListingData& Add(cGreyListingData record);
   // The caller has just accepted `record`, a pending one of this database.
   void Accepted(const cGreyListingData& record);

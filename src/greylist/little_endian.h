@@ -19,7 +19,7 @@ inline std::uint64_t FromLittleEndian(std::string_view bytes) {
   return number;
 }
 
-// The number that the eight bytes at `bytes` are; one load on most machines, where the loop above is none.
+// The number that the eight bytes at `bytes` are; one load on most machines, unlike the loop above.
 inline std::uint64_t EightFromLittleEndian(const char* bytes) {
   if constexpr (std::endian::native == std::endian::little) {
     std::uint64_t number = 0;

@@ -9,8 +9,8 @@
 //   FD_CONNECT  once, when a connect that was under way has succeeded or failed (error != 0)
 //   FD_CLOSE    once, after everything that the peer sent has been read; its error (0, or 10054 and the like)
 //               is a hint only
-// No notification is lost and none spins. They are delivered from the loop, never from inside one of these
-// calls.
+// No notification is lost or repeated without a cause. They are delivered from the loop, never from inside
+// one of these calls.
 //
 // Every function returns 0 or our error number (10035 would block, ...), never an errno.
 #pragma once
@@ -94,7 +94,7 @@ class Sockets {
   // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
   int Watch(SocketHandle socket, SocketSink* sink);
 
-  // An address that is none of IPv4 gives 10047, here and wherever an endpoint is given.
+  // An address that is not IPv4 gives 10047, here and wherever an endpoint is given.
   int Bind(SocketHandle socket, const Endpoint& local);
   // Binds so that no other process listens on the same endpoint, and a new start may follow an old one at
   // once.

@@ -25,7 +25,7 @@ class SystemRequests {
   virtual ~SystemRequests() = default;  // the requests act as before the watch
 };
 
-// `loop` outlives the watch. Raises 57 "Device I/O error" when the system gives none.
+// `loop` outlives the watch. Raises 57 "Device I/O error" when the system cannot watch.
 std::unique_ptr<SystemRequests> WatchSystemRequests(EventLoop& loop, SystemRequestEvents events);
 
 // Whether the program was started to go on without its screen (on Linux by nohup).

@@ -73,7 +73,8 @@ class SessionSide {
   void Close();
 
   bool Logs(std::int32_t level) const;
-  // A line of this side, if it is logged at `level`; what was received gets "< " in front, what was sent "> ".
+  // A line of this side, if it is logged at `level`; "< " is put before what was received, "> " before what
+  // was sent.
   void Log(std::int32_t level, std::string_view text) const;
 
  private:
