@@ -85,6 +85,8 @@ class StuckSession {
     int seconds = 0;
     for (int all = 0; !Ended() && all < 10000; ++all, ++seconds) {
       Pass(1);
+      // What moves when the session has ended is the end itself.
+      if (Ended()) continue;
       if (const std::size_t now = held.Untaken(); now != there) {
         there = now;
         seconds = 0;
