@@ -11,6 +11,9 @@ namespace trabex {
 
 namespace {
 
+// From the epoch; the calendar ends with the year 32767.
+constexpr double kMaxSeconds = 30000 * 365.2425 * kSecondsPerDay;
+
 std::string Time(const CalendarTime& time) {
   return ZeroPadded(time.hour, 2) + ":" + ZeroPadded(time.minute, 2) + ":" + ZeroPadded(time.second, 2);
 }
@@ -19,7 +22,11 @@ std::string Time(const CalendarTime& time) {
 
 CalendarTime ToCalendar(DateTime time) {
   using namespace std::chrono;
-  const sys_seconds moment{seconds(std::llround((time - kUnixEpoch) * kSecondsPerDay))};
+  // What is no time, or beyond what the calendar holds, counts as its end.
+  double since_epoch = (time - kUnixEpoch) * kSecondsPerDay;
+  if (!(since_epoch > -kMaxSeconds)) since_epoch = -kMaxSeconds;
+  if (since_epoch > kMaxSeconds) since_epoch = kMaxSeconds;
+  const sys_seconds moment{seconds(std::llround(since_epoch))};
   const auto day = floor<days>(moment);
   const year_month_day date(day);
   const hh_mm_ss clock(moment - day);
