@@ -156,13 +156,8 @@ class Reader {
 
   bool TakeWord(std::string_view line, Step& step) {
     static const std::map<std::string_view, StepKind> kWords = {
-        {"closed", StepKind::kClosed},
-        {"connect", StepKind::kConnect},
-        {"wait", StepKind::kWait},
-        {"log", StepKind::kLog},
-        {"asks name", StepKind::kAskName},
-        {"answer", StepKind::kAnswer},
-        {"timeouts are checked", StepKind::kCheckTimeouts},
+        {"closed", StepKind::kClosed}, {"connect", StepKind::kConnect},   {"wait", StepKind::kWait},
+        {"log", StepKind::kLog},       {"asks name", StepKind::kAskName}, {"answer", StepKind::kAnswer},
         {"shutdown", StepKind::kStop}};
     for (const auto& [name, kind] : kWords) {
       if (!line.starts_with(name) || (line.size() > name.size() && line[name.size()] != ' ')) continue;

@@ -34,7 +34,6 @@ enum class StepKind {
   kLog,            // a line of the form `pattern` has been logged
   kAskName,        // the addresses of the name `bytes` are asked for
   kAnswer,         // the names that were asked for are answered
-  kCheckTimeouts,  // every session looks at its time-out
   kStop,           // the program is asked to end
 };
 

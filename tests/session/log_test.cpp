@@ -173,7 +173,6 @@ TEST(LogLevels, OfATimeOut) {
         EXPECT_EQ(fixture.Play(R"(
           <- 454 Unable to verify DNS PTR record for 127.0.0.1.
           wait 11000
-          timeouts are checked
           closed C)"),
                   "");
       });

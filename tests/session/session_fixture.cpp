@@ -194,8 +194,6 @@ bool SessionFixture::PlayStep(const script::Step& step) {
       return Until([&] { return Names.IsWaitingFor(step.bytes); }) || Fail("nobody asks for the name");
     case StepKind::kAnswer:
       return Answer(step.answers);
-    case StepKind::kCheckTimeouts:
-      return CheckTimeouts(), Settle(), true;
     case StepKind::kStop:
       return Shutdown(), Settle(), true;
   }

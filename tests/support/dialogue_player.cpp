@@ -77,7 +77,6 @@ bool DialoguePlayer::PlayStep(const script::Step& step) {
     case StepKind::kAccept:
       return true;
     case StepKind::kConnect:
-    case StepKind::kCheckTimeouts:
       break;
   }
   return Fail("no step for a dialogue alone");

@@ -98,7 +98,6 @@ TEST(Script, EndsAndWords) {
       {"connect", StepKind::kConnect, Side::kClient, ""},
       {"connect 127.0.0.9", StepKind::kConnect, Side::kClient, "127.0.0.9"},
       {R"(asks name [a\tb])", StepKind::kAskName, Side::kClient, "[a\tb]"},
-      {"timeouts are checked", StepKind::kCheckTimeouts, Side::kClient, ""},
       {"shutdown", StepKind::kStop, Side::kClient, ""},
   };
   for (const auto& row : rows) {
