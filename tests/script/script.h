@@ -20,21 +20,21 @@ enum class Side { kClient, kServer };
 enum class Delivery { kWhole, kByteByByte };
 
 enum class StepKind {
-  kSend,           // `side` sends `sending`
-  kGetLine,        // `side` gets a line of the form `pattern`
-  kGetNothing,     // `side` has got nothing more
-  kGetBytes,       // `side` gets `bytes`, with a line end or without
-  kClose,          // `side` closes its connection
-  kReset,          // `side` breaks it off
-  kShutDown,       // `side` ends its sending
-  kClosed,         // `side` finds its connection closed, everything before that taken
-  kConnect,        // one more client connects, from the address `bytes` unless that is empty
-  kAccept,         // the server gets its connection
-  kWait,           // the clock goes on by `milliseconds`
-  kLog,            // a line of the form `pattern` has been logged
-  kAskName,        // the addresses of the name `bytes` are asked for
-  kAnswer,         // the names that were asked for are answered
-  kStop,           // the program is asked to end
+  kSend,        // `side` sends `sending`
+  kGetLine,     // `side` gets a line of the form `pattern`
+  kGetNothing,  // `side` has got nothing more
+  kGetBytes,    // `side` gets `bytes`, with a line end or without
+  kClose,       // `side` closes its connection
+  kReset,       // `side` breaks it off
+  kShutDown,    // `side` ends its sending
+  kClosed,      // `side` finds its connection closed, everything before that taken
+  kConnect,     // one more client connects, from the address `bytes` unless that is empty
+  kAccept,      // the server gets its connection
+  kWait,        // the clock goes on by `milliseconds`
+  kLog,         // a line of the form `pattern` has been logged
+  kAskName,     // the addresses of the name `bytes` are asked for
+  kAnswer,      // the names that were asked for are answered
+  kStop,        // the program is asked to end
 };
 
 // Bytes that one side sends.
