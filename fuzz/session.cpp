@@ -142,7 +142,10 @@ class Server {
     line_ += bytes.front();
     if (!line_.ends_with(kCrLf)) return 1;
     const std::string_view text = std::string_view(line_).substr(0, line_.size() - kCrLf.size());
-    Require(!HasControlByte(text));
+    // Authentication data goes on as it is, tabs and all.
+    std::string shown(text);
+    if (auth_data_) std::erase(shown, '\t');
+    Require(!HasControlByte(shown));
     Require(!owes_reply_);
     owes_reply_ = true;
     commands.push_back(line_);
