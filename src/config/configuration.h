@@ -3,8 +3,11 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "base/ip_address.h"
 #include "base/numbers.h"
+#include "config/tls_settings.h"
 #include "match/address_replacement.h"
 #include "match/cReplaces.h"
 #include "match/ip_range.h"
@@ -58,6 +61,14 @@ inline constexpr std::int32_t kRefuse = 2;  // like every other sender
 inline constexpr std::int32_t kCloseAtData = 3;
 }  // namespace callback_sender_action
 
+// SendClientIP: how the server learns the client's address.
+namespace send_client_ip {
+inline constexpr std::int32_t kNot = 0;
+inline constexpr std::int32_t kProxyVersion1 = 1;  // header of the PROXY protocol, as text
+inline constexpr std::int32_t kProxyVersion2 = 2;  // the same, binary
+inline constexpr std::int32_t kXCLIENT = 3;
+}  // namespace send_client_ip
+
 struct Configuration;
 
 // The only way to a new configuration: every setting has the default of the settings table. Those that depend
@@ -85,6 +96,7 @@ struct GreyListingSettings {
   // Records that were never accepted: of all clients, and of one network.
   std::int32_t MaxPending;
   std::int32_t MaxPendingPerNetwork;
+  std::int32_t IPv6Prefix = 64;  // bits of an IPv6 address that are the client's network
 
  private:
   GreyListingSettings() = default;
@@ -102,6 +114,12 @@ struct Configuration {
 
   // Section Common.
   std::string BindIP;
+  // The addresses of BindIP, each once, in its order.
+  std::vector<IPAddress> BindAddresses = {kIPv4Any};
+  std::int32_t BindPortTLS = 0;           // 0: none
+  IPRangeList ProxyProtocolFrom;          // balancers: their connections begin with a PROXY header
+  std::int32_t ProxyProtocolTimeout = 5;  // seconds
+  std::int32_t SendClientIP = 0;          // send_client_ip
   std::int32_t ServerPort;
   std::string ServerIP;
   IPRangeList LocalIPs;
@@ -148,6 +166,7 @@ struct Configuration {
   bool ConfirmHostNames;
 
   GreyListingSettings GreyListing;
+  TLSSettings TLS;
   ResponseChangeTable ResponseChanges;
   ReplacementTable SenderReplacementsLocal;
   ReplacementTable SenderReplacementsRemote;

@@ -1,0 +1,57 @@
+// Section TLS: TLS towards the clients and towards the server.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace trabex {
+
+// Bits of Require and RequireForAUTH: whom the requirement holds for.
+namespace tls_require {
+inline constexpr std::int32_t kLocalClients = 1;
+inline constexpr std::int32_t kRemoteClients = 2;
+}  // namespace tls_require
+
+// ClientCertificates.
+namespace client_certificates {
+inline constexpr std::int32_t kNotAsked = 0;
+inline constexpr std::int32_t kAsked = 1;     // told by the log and by macros; nothing depends on it
+inline constexpr std::int32_t kRequired = 2;  // no session without one that ClientCA vouches for
+}  // namespace client_certificates
+
+// Server: TLS towards the server.
+namespace server_tls {
+inline constexpr std::int32_t kNone = 0;
+inline constexpr std::int32_t kIfOffered = 1;  // STARTTLS when the server offers it
+inline constexpr std::int32_t kStartTls = 2;   // STARTTLS or no session
+inline constexpr std::int32_t kImplicit = 3;   // from the first byte
+}  // namespace server_tls
+
+// One entry of Certificate: resolved paths of PEM files. One file that holds both has the same path twice.
+struct CertificateFiles {
+  std::string chain;
+  std::string key;
+  friend bool operator==(const CertificateFiles&, const CertificateFiles&) = default;
+};
+
+// Equal settings mean the same contexts, as long as the files stay as they are.
+struct TLSSettings {
+  std::vector<CertificateFiles> Certificate;  // whether it is empty decides about policies
+  std::string MinVersion = "1.2";             // 1.0, 1.1, 1.2 or 1.3; both sides
+  std::string Ciphers;                        // empty: those of the library
+  std::int32_t Require = 0;                   // bits: tls_require
+  std::int32_t RequireForAUTH = 3;            // the same; no effect while Certificate is empty
+  std::int32_t ClientCertificates = 0;        // client_certificates
+  std::string ClientCA;                       // resolved path, or empty
+  bool SessionTickets = true;
+  std::int32_t HandshakeTimeout = 30;  // seconds
+  std::int32_t MaxHandshakes = 1000;   // 0: any number
+  std::int32_t Server = 0;             // server_tls
+  bool ServerVerify = false;
+  std::string ServerName;  // empty: ServerIP
+  std::string ServerCA;    // resolved path; empty: the system's
+  friend bool operator==(const TLSSettings&, const TLSSettings&) = default;
+};
+
+}  // namespace trabex
