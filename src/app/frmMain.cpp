@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/log_file.h"
+#include "app/own_address.h"
 #include "app/program.h"
 #include "app/version.h"
 #include "base/error.h"

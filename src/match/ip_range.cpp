@@ -138,10 +138,5 @@ bool IPInRangeList(const IPAddress& ip, const IPRangeList& list) {
   return list.Contains(ip);
 }
 
-bool IsOwnAddress(const IPAddress& address, const std::vector<IPAddress>& own_addresses) {
-  return address.IsLoopback() ||
-         std::find(own_addresses.begin(), own_addresses.end(), address) != own_addresses.end();
-}
-
 }  // namespace mCommon
 }  // namespace trabex

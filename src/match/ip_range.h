@@ -59,8 +59,6 @@ IPRange InitIPRange(std::string_view text);
 int CompareIP(const IPAddress& a, const IPAddress& b);
 bool IPInRange(const IPAddress& ip, const IPRange& range);
 bool IPInRangeList(const IPAddress& ip, const IPRangeList& list);
-// Whether `address` is a loopback address or one of `own_addresses`.
-bool IsOwnAddress(const IPAddress& address, const std::vector<IPAddress>& own_addresses);
 
 }  // namespace mCommon
 }  // namespace trabex
