@@ -1,9 +1,10 @@
 #include "config/early_keys.h"
 
-#include <array>
+#include <algorithm>
 #include <cassert>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include "base/error.h"
 #include "base/numbers.h"
@@ -21,9 +22,20 @@ namespace trabex {
 
 namespace {
 
-enum EarlyKey { kIgnoreIniErrors, kLog, kLogPath, kBindPort };
-constexpr std::array<std::string_view, 4> kEarlyKeys = {"IgnoreIniErrors", "Log", "LogPath", "BindPort"};
-using EarlyTexts = std::array<std::optional<std::string_view>, kEarlyKeys.size()>;
+// A setting that is read early, and the value that the file has for it.
+struct EarlyKey {
+  const Setting* setting;
+  std::optional<std::string_view> text;
+};
+
+// All of them are of section Common.
+std::vector<EarlyKey> EarlyKeys() {
+  std::vector<EarlyKey> keys;
+  for (const Setting& setting : AllSettings()) {
+    if (setting.is_early) keys.push_back({&setting, std::nullopt});
+  }
+  return keys;
+}
 
 // The value of a line as profile strings are read.
 std::string_view ProfileValue(std::string_view value) {
@@ -35,10 +47,10 @@ std::string_view ProfileValue(std::string_view value) {
   return value.substr(0, kMaxLength);
 }
 
-// The first occurrence of each key in section Common.
-EarlyTexts FindEarlyTexts(std::string_view text) {
-  EarlyTexts found;
-  std::size_t missing = found.size();
+// The early keys, each with its first occurrence in section Common.
+std::vector<EarlyKey> FindEarlyKeys(std::string_view text) {
+  std::vector<EarlyKey> keys = EarlyKeys();
+  std::size_t missing = keys.size();
   bool in_section = false;
   IniLines lines(text);
   for (std::string_view line; missing > 0 && lines.Next(line);) {
@@ -52,44 +64,52 @@ EarlyTexts FindEarlyTexts(std::string_view text) {
     }
     const std::size_t equals = line.find('=');
     if (!in_section || equals == std::string_view::npos) continue;
-    const std::string_view key = Trim(line.substr(0, equals));
-    for (std::size_t index = 0; index < found.size(); ++index) {
-      if (found[index] || !EqualNoCase(key, kEarlyKeys[index])) continue;
-      found[index] = ProfileValue(line.substr(equals + 1));
+    const std::string_view name = Trim(line.substr(0, equals));
+    for (EarlyKey& key : keys) {
+      if (key.text || !EqualNoCase(name, key.setting->key)) continue;
+      key.text = ProfileValue(line.substr(equals + 1));
       --missing;
     }
   }
-  return found;
+  return keys;
 }
 
-std::int32_t EarlyInteger(const IniErrors& errors, const EarlyTexts& texts, EarlyKey key) {
-  const Setting* const setting = FindSetting(section_name::kCommon, kEarlyKeys[key]);
-  assert(setting != nullptr);
-  const std::int32_t default_value = *ParseInteger(setting->default_text);
-  if (!texts[key]) return default_value;
-  return mCommon::ConvertInteger(errors, setting->section, setting->key, *texts[key], default_value,
-                                 setting->min, setting->max);
+// That of `field`, which is a field of an early setting.
+const EarlyKey& KeyOf(const std::vector<EarlyKey>& keys, SettingField field) {
+  const auto key = std::find_if(keys.begin(), keys.end(),
+                                [&](const EarlyKey& one) { return one.setting->field == field; });
+  assert(key != keys.end());
+  return *key;
+}
+
+std::int32_t EarlyInteger(const IniErrors& errors, const EarlyKey& key) {
+  const Setting& setting = *key.setting;
+  const std::int32_t default_value = *ParseInteger(setting.default_text);
+  if (!key.text) return default_value;
+  return mCommon::ConvertInteger(errors, setting.section, setting.key, *key.text, default_value, setting.min,
+                                 setting.max);
 }
 
 }  // namespace
 
 void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, Configuration& configuration,
                            Log& log) {
-  const EarlyTexts texts = FindEarlyTexts(text);
+  using C = Configuration;
+  const std::vector<EarlyKey> keys = FindEarlyKeys(text);
   configuration.IgnoreIniErrors = false;
-  configuration.IgnoreIniErrors = EarlyInteger({log, false}, texts, kIgnoreIniErrors) != 0;
+  configuration.IgnoreIniErrors = EarlyInteger({log, false}, KeyOf(keys, &C::IgnoreIniErrors)) != 0;
 
   const IniErrors errors{log, configuration.IgnoreIniErrors};
-  configuration.Log = EarlyInteger(errors, texts, kLog);
+  configuration.Log = EarlyInteger(errors, KeyOf(keys, &C::Log));
   if (inputs.log_path_given) {
     configuration.Log = log_mode::kOn;
   } else if (configuration.LogPath.empty()) {
-    configuration.LogPath = texts[kLogPath].value_or("");
+    configuration.LogPath = KeyOf(keys, &C::LogPath).text.value_or("");
     if (configuration.LogPath.empty()) {
       configuration.LogPath = mCommon::JoinPath(inputs.program_directory, "Log");
     }
   }
-  if (!inputs.port_given) configuration.BindPort = EarlyInteger(errors, texts, kBindPort);
+  if (!inputs.port_given) configuration.BindPort = EarlyInteger(errors, KeyOf(keys, &C::BindPort));
 }
 
 EarlyKeysResult ReadEarlyKeysAgain(std::string_view text, const EarlyKeyInputs& inputs,

@@ -1,7 +1,6 @@
-// The four settings that must be known before anything else: IgnoreIniErrors, Log, LogPath, BindPort of
-// section Common. They are taken straight from the file, by rules of their own: bad lines are passed over,
-// the first occurrence of a key counts, and a value has at most 255 characters and may have single or
-// double quotes around it.
+// The settings that must be known before anything else, Setting::is_early of the table. They are taken
+// straight from the file, by rules of their own: bad lines are passed over, the first occurrence of a key
+// counts, and a value has at most 255 characters and may have single or double quotes around it.
 #pragma once
 
 #include <string>
