@@ -440,11 +440,11 @@ LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) const {
 
 LineDecision ClientCommandFilter::Answer(const Refusal& refusal, Draft& draft) const {
   const PolicyReply& row = FindPolicyReply(refusal.kind);
-  if (row.counts_as_bad_sequence) ++draft.requested.BadSequenceCount;
+  if (row.after == AfterReply::kCount) ++draft.requested.BadSequenceCount;
   LineDecision decision;
   decision.action = Action::kAnswer;
   decision.text = BuildReply(refusal, draft.requested, draft.state);
-  decision.end = row.after == AfterReply::kCloseWhenSent;
+  decision.end = row.after == AfterReply::kClose;
   return decision;
 }
 
@@ -457,7 +457,7 @@ std::string ClientCommandFilter::BuildReply(const Refusal& refusal, const Reques
   const SessionMacros macros(configuration_, clock_, facts_, requested, state.offered, state.BytesReceived);
   std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
   ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? FindPolicyReply(refusal.kind).key : refusal.key,
-                     requested.CurrentVerb, reply, configuration_, macros);
+                     requested, reply, configuration_, macros);
   return reply;
 }
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "proxy/dialogue/session_macros.h"
+#include "match/cReplaces.h"
 
 namespace trabex {
 
@@ -45,10 +45,14 @@ enum class ReplyKind : int {
 inline constexpr int kReplyKinds = 31;
 
 // What the dialogue does with the session after the reply.
-enum class AfterReply { kGoOn, kCloseWhenSent, kCloseAtOnce, kProxyOnly };
+enum class AfterReply {
+  kGoOn,
+  kCount,      // counts a command out of order, and goes on
+  kClose,      // ends the session
+  kProxyOnly,  // goes on without a server
+};
 
-// In `text`, names in angle brackets stand for values of the session: <LocalHostName>, <helo>, <ip>, <host>,
-// <from>, <rcpt>, <rcptdomain>, <size> and <max>.
+// In `text`, the name of a macro in angle brackets stands for its value (see SessionMacros).
 struct PolicyReply {
   ReplyKind kind;
   std::string_view key;  // the response key; that of the family where there are several
@@ -56,14 +60,13 @@ struct PolicyReply {
   std::string_view enhanced;  // RFC 2034, 3463; "" for none
   std::string_view text;
   AfterReply after;
-  bool counts_as_bad_sequence;
 };
 
 const PolicyReply& FindPolicyReply(ReplyKind kind);
 
 // The reply line of `kind` without CR LF. An override that is not empty takes the place of the table's field.
 // The enhanced code is left out when it is empty or `enhanced_status_codes` is off.
-std::string BuildPolicyReply(ReplyKind kind, const SessionValues& values, bool enhanced_status_codes,
+std::string BuildPolicyReply(ReplyKind kind, const MacroSource& values, bool enhanced_status_codes,
                              std::string_view code_override = {}, std::string_view enhanced_override = {},
                              std::string_view text_override = {});
 

@@ -18,8 +18,8 @@ bool ApplyResponseChanges(std::string_view key, std::string& reply, const Config
   return true;
 }
 
-void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view verb, std::string& reply,
-                        const Configuration& configuration, const SessionValues& macros) {
+void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,
+                        std::string& reply, const Configuration& configuration, const MacroSource& macros) {
   const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
   switch (kind) {
     case ReplyKind::kBadSequence:
@@ -27,18 +27,18 @@ void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view v
     case ReplyKind::kBadSequenceNoHelo:
       apply("BadSeq");
       apply(key);
-      apply(std::string(verb).append(".").append(key));
+      apply(std::string(requested.CurrentVerb).append(".").append(key));
       break;
     case ReplyKind::kRcptRestricted:
       apply(key);
-      apply(std::string(key).append(".").append(macros.From()));
+      apply(std::string(key).append(".").append(requested.Sender));
       break;
     case ReplyKind::kRcptBlackListLocal:
     case ReplyKind::kRcptBlackListRemote:
     case ReplyKind::kRcptPrivate:
     case ReplyKind::kRcptGreylisted:
       apply(key);
-      apply(std::string(key).append(".").append(macros.Rcpt()));
+      apply(std::string(key).append(".").append(requested.Recipient));
       break;
     default:
       apply(key);

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "config/configuration.h"
+#include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/policy_replies.h"
 
 namespace trabex {
@@ -16,8 +17,8 @@ bool ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 
 // The names under which a policy reply of `kind` may be changed, from the general to the specific, applied in
 // this order. `key` is the reply's own key (for kind 1 one of "BadSeq.Transaction", "BadSeq.NoTransaction",
-// "BadSeq.BDAT"), `verb` the command as the client sent it, in upper case.
-void ApplyPolicyChanges(ReplyKind kind, std::string_view key, std::string_view verb, std::string& reply,
-                        const Configuration& configuration, const SessionValues& macros);
+// "BadSeq.BDAT"); names may hold the command's verb and the message's addresses, as `requested` has them.
+void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,
+                        std::string& reply, const Configuration& configuration, const MacroSource& macros);
 
 }  // namespace trabex

@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
+#include "proxy/dialogue/session_macros.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
@@ -194,8 +196,9 @@ std::string KeysOf(ReplyKind kind, std::string_view key, std::string_view verb) 
   for (const char* name : kKeys) {
     session.configuration.ResponseChanges.Add(Appended(name, std::string(" > ") + name));
   }
+  session.state.requested.CurrentVerb = verb;
   std::string reply = "reply";
-  ApplyPolicyChanges(kind, key, verb, reply, session.configuration, session.macros);
+  ApplyPolicyChanges(kind, key, session.state.requested, reply, session.configuration, session.macros);
   return reply;
 }
 

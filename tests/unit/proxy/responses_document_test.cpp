@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,22 +20,19 @@ namespace {
 using Words = std::vector<std::string>;
 
 // Every value is its own name in the document, so that the replies made of them read as they stand there.
-class NamesAsValues final : public SessionValues {
+class NamesAsValues final : public MacroSource {
  public:
-  std::string LocalHostName() const override { return "<LocalHostName>"; }
-  std::string RFCTime() const override { return "<time>"; }
-  std::string RemoteHostName() const override { return "<host>"; }
-  std::string RemoteHostIP() const override { return "<ip>"; }
-  std::string HeloDomain() const override { return "<helo>"; }
-  std::string BytesReceived() const override { return "<received>"; }
-  std::string BytesSent() const override { return "<sent>"; }
-  std::string From() const override { return "<from>"; }
-  std::string Rcpt() const override { return rcpt; }
-  std::string MaxSize() const override { return "<max>"; }
-  std::string Size() const override { return "<size>"; }
-
-  // The domain is what follows the "@" of a text; the keys name the whole.
-  std::string rcpt = "<rcpt>";
+  std::optional<std::string> Value(std::string_view macro) const override {
+    static const std::map<std::string_view, std::string> kNames = {
+        {"localhostname", "<LocalHostName>"},
+        {"remotehostname", "<host>"},
+        {"remotehostip", "<ip>"},
+        {"helodomain", "<helo>"},
+        {"maxsize", "<max>"},
+    };
+    const auto name = kNames.find(macro);
+    return name == kNames.end() ? "<" + std::string(macro) + ">" : name->second;
+  }
 };
 
 // The texts in backticks.
@@ -81,7 +79,7 @@ Words OwnKeys(ReplyKind kind) {
 
 // The keys by which a reply of `kind` is changed, in their order. Each of those that there might be has a
 // rule that puts the key's name at the end of the reply.
-Words KeysInOrder(ReplyKind kind, const std::string& key, const SessionValues& values) {
+Words KeysInOrder(ReplyKind kind, const std::string& key) {
   const std::string code(FindPolicyReply(kind).code);
   Configuration configuration = DefaultConfiguration();
   for (const std::string& candidate : {std::string("BadSeq"), key, code}) {
@@ -94,36 +92,39 @@ Words KeysInOrder(ReplyKind kind, const std::string& key, const SessionValues& v
       configuration.ResponseChanges.Add(std::move(rule));
     }
   }
+  RequestedState requested;
+  requested.CurrentVerb = "<VERB>";
+  requested.Sender = "<from>";
+  requested.Recipient = "<rcpt>";
   std::string reply = "reply";
-  ApplyPolicyChanges(kind, key, "<VERB>", reply, configuration, values);
+  ApplyPolicyChanges(kind, key, requested, reply, configuration, NamesAsValues());
   const auto pieces = Split(reply, '|');
   return Words(pieces.begin() + 1, pieces.end());
 }
 
 std::string SessionText(const PolicyReply& row) {
   switch (row.after) {
-    case AfterReply::kCloseWhenSent:
-    case AfterReply::kCloseAtOnce:
+    case AfterReply::kClose:
       return "closes";
     case AfterReply::kProxyOnly:
       return "refused";
-    default:
-      return row.counts_as_bad_sequence ? "counts" : "goes on";
+    case AfterReply::kCount:
+      return "counts";
+    case AfterReply::kGoOn:
+      break;
   }
+  return "goes on";
 }
 
 TEST(ResponsesDocument, NamesEveryReplyOfTheProxyWithItsKeysAndItsText) {
   auto documented = ReadDocument();
-  NamesAsValues values;
   for (int number = 0; number < kReplyKinds; ++number) {
     const auto kind = static_cast<ReplyKind>(number);
     for (const std::string& key : OwnKeys(kind)) {
       ASSERT_TRUE(documented.contains(key)) << key;
       const DocumentedReply& row = documented[key];
-      values.rcpt = row.reply.find("<rcptdomain>") == std::string::npos ? "<rcpt>" : "<rcpt>@<rcptdomain>";
-      EXPECT_EQ(row.reply, BuildPolicyReply(kind, values, true));
-      values.rcpt = "<rcpt>";
-      EXPECT_EQ(row.keys, KeysInOrder(kind, key, values));
+      EXPECT_EQ(row.reply, BuildPolicyReply(kind, NamesAsValues(), true));
+      EXPECT_EQ(row.keys, KeysInOrder(kind, key));
       EXPECT_EQ(row.session, SessionText(FindPolicyReply(kind))) << key;
       documented.erase(key);
     }
