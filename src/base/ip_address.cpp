@@ -148,27 +148,12 @@ std::string FormatIPv6(std::span<const std::uint8_t> bytes) {
 
 }  // namespace
 
-IPAddress IPAddress::IPv6(const IPv6Bytes& bytes) {
-  constexpr IPv6Bytes kMapped = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
-  constexpr std::size_t kMappedBytes = 12;
-  IPAddress address;
-  if (std::equal(bytes.begin(), bytes.begin() + kMappedBytes, kMapped.begin())) {
-    address.family_ = Family::kIPv4;
-    std::copy(bytes.begin() + kMappedBytes, bytes.end(), address.bytes_.begin());
-  } else {
-    address.family_ = Family::kIPv6;
-    address.bytes_ = bytes;
-  }
-  return address;
-}
-
 bool IPAddress::IsUnspecified() const {
   return !IsNone() && bytes_ == IPv6Bytes{};
 }
 
 bool IPAddress::IsLoopback() const {
-  constexpr IPv6Bytes kIPv6Loopback = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
-  return IsIPv4() ? bytes_[0] == 127 : bytes_ == kIPv6Loopback;
+  return IsIPv4() ? bytes_[0] == 127 : *this == kIPv6Loopback;
 }
 
 std::span<const std::uint8_t> IPAddress::Bytes() const {

@@ -1,6 +1,7 @@
 // IP addresses as values, and the one reader and the one writer of their text.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <cstddef>
@@ -12,6 +13,8 @@
 #include <string_view>
 
 namespace trabex {
+
+enum class AddressFamily : std::uint8_t { kIPv4, kIPv6 };
 
 // An IPv4 address, an IPv6 address, or none. A plain value of 17 bytes: copied, compared and hashed without
 // allocation. None sorts before every address, IPv4 before IPv6, and each family by its number.
@@ -34,7 +37,19 @@ class IPAddress {
     return address;
   }
   // `bytes` in network order.
-  static IPAddress IPv6(const IPv6Bytes& bytes);
+  static constexpr IPAddress IPv6(const IPv6Bytes& bytes) {
+    constexpr IPv6Bytes kMapped = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
+    constexpr std::size_t kMappedBytes = 12;
+    IPAddress address;
+    if (std::equal(bytes.begin(), bytes.begin() + kMappedBytes, kMapped.begin())) {
+      address.family_ = Family::kIPv4;
+      std::copy(bytes.begin() + kMappedBytes, bytes.end(), address.bytes_.begin());
+    } else {
+      address.family_ = Family::kIPv6;
+      address.bytes_ = bytes;
+    }
+    return address;
+  }
 
   constexpr bool IsNone() const { return family_ == Family::kNone; }
   constexpr bool IsIPv4() const { return family_ == Family::kIPv4; }
@@ -77,6 +92,18 @@ class IPAddress {
 inline constexpr IPAddress kIPv4Any = IPAddress::IPv4(0);
 inline constexpr IPAddress kIPv4Loopback = IPAddress::IPv4(0x7F000001);
 inline constexpr IPAddress kIPv4Broadcast = IPAddress::IPv4(0xFFFFFFFF);
+// :: and ::1
+inline constexpr IPAddress kIPv6Any = IPAddress::IPv6({});
+inline constexpr IPAddress kIPv6Loopback = IPAddress::IPv6({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1});
+
+// IPv4 for none.
+constexpr AddressFamily FamilyOf(const IPAddress& address) {
+  return address.IsIPv6() ? AddressFamily::kIPv6 : AddressFamily::kIPv4;
+}
+// The address of all of this machine's addresses of the family.
+constexpr const IPAddress& AnyAddress(AddressFamily family) {
+  return family == AddressFamily::kIPv6 ? kIPv6Any : kIPv4Any;
+}
 
 // How the four parts of an IPv4 address are written; each is 0 to 255 and decimal in both forms.
 enum class IPv4Form {

@@ -196,15 +196,19 @@ void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional
     remote_port_ = *RemotePort;
   }
   ForgetPeerName();
-  if (!SocketExists()) return;
+  // 255.255.255.255 is no server's address, so it is looked up like a name.
+  auto address = ParseIPAddress(remote_host_);
+  if (address == kIPv4Broadcast) address.reset();
+  // Where a name leads is not known yet; mostly it is an IPv4 address.
+  const AddressFamily family = address ? FamilyOf(*address) : AddressFamily::kIPv4;
+  if (!SocketExists(family)) return;
   if (protocol_ == SocketProtocol::sckUDPProtocol) {
-    if (BindInternal(std::nullopt, {})) state_ = SocketState::sckOpen;
+    if (BindInternal(std::nullopt, {}, family)) state_ = SocketState::sckOpen;
     return;
   }
-  if (const auto address = ResolveIfHostname(remote_host_)) {
-    remote_address_ = *address;
-    ConnectToIP(*address, 0);
-  }
+  if (!address) return ResolveIfHostname(remote_host_);
+  remote_address_ = *address;
+  ConnectToIP(*address, 0);
 }
 
 void CSocketMaster::Bind(std::optional<std::int32_t> LocalPort, const std::string& LocalIP) {
@@ -212,10 +216,14 @@ void CSocketMaster::Bind(std::optional<std::int32_t> LocalPort, const std::strin
   if (BindInternal(LocalPort, LocalIP)) state_ = SocketState::sckOpen;
 }
 
-bool CSocketMaster::SocketExists() {
-  if (!socket_.IsNone()) return true;
-  const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
-  if (const int error = module_.sockets_.Open(tcp ? Transport::kTcp : Transport::kUdp, socket_); error != 0) {
+bool CSocketMaster::SocketExists(AddressFamily family) {
+  if (!socket_.IsNone()) {
+    if (family_ == family || state_ == SocketState::sckOpen) return true;
+    module_.CloseSocket(std::exchange(socket_, {}));
+  }
+  const Transport transport = protocol_ == SocketProtocol::sckTCPProtocol ? Transport::kTcp : Transport::kUdp;
+  family_ = family;
+  if (const int error = module_.sockets_.Open(transport, family, socket_); error != 0) {
     ReportError(error, "CSocketMaster.SocketExists");
     return false;
   }
@@ -230,14 +238,16 @@ void CSocketMaster::ProcessOptions() {
   Check(module_.sockets_.AllowBroadcast(socket_), "CSocketMaster.ProcessOptions");
 }
 
-bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::string& ip) {
+bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::string& ip,
+                                 AddressFamily family) {
   constexpr const char* kSource = "CSocketMaster.BindInternal";
   if (state_ == SocketState::sckOpen) return true;
   const std::int32_t wanted = port.value_or(local_port_);
   if (!IsPort(wanted)) RaiseBadArgument(kSource);
-  const HostAddress address = ip.empty() ? HostAddress{0, kIPv4Any} : LookUpKnownHost(module_.names_, ip);
+  const HostAddress address =
+      ip.empty() ? HostAddress{0, AnyAddress(family)} : LookUpKnownHost(module_.names_, ip);
   if (address.error != 0) RaiseBadAddress(kSource);
-  if (!SocketExists()) return false;
+  if (!SocketExists(FamilyOf(address.address))) return false;
   const Endpoint local{address.address, static_cast<std::uint16_t>(wanted)};
   const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
   Check(tcp ? module_.sockets_.BindExclusively(socket_, local) : module_.sockets_.Bind(socket_, local),
@@ -250,7 +260,6 @@ bool CSocketMaster::BindInternal(std::optional<std::int32_t> port, const std::st
 void CSocketMaster::Listen() {
   constexpr const char* kSource = "CSocketMaster.Listen";
   if (state_ != SocketState::sckClosed && state_ != SocketState::sckOpen) RaiseInvalidState(kSource);
-  if (!SocketExists()) return;
   if (!BindInternal(std::nullopt, {})) return;
   Check(module_.sockets_.Listen(socket_, 0), kSource);
   state_ = SocketState::sckListening;

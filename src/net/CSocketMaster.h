@@ -1,4 +1,4 @@
-// The program's one network object: an event-driven, non-blocking IPv4 socket.
+// The program's one network object: an event-driven, non-blocking socket of IPv4 or IPv6.
 #pragma once
 
 #include <cstdint>
@@ -101,9 +101,13 @@ class CSocketMaster final : public SocketSink {
   // Closes in order: what SendData accepted still reaches the peer, even when data of the peer lies unread;
   // the module goes on with that in the background for 5 seconds at most. No event follows.
   void CloseSck();
-  // Without an argument the port stays as it is, and the host becomes "".
+  // `RemoteHost` is an address of either family, or a name, of which the first IPv4 address counts and the
+  // first IPv6 one where it has none of the other. Without an argument the port stays as it is, and the host
+  // becomes "".
   void Connect(std::optional<std::string> RemoteHost = std::nullopt,
                std::optional<std::int32_t> RemotePort = std::nullopt);
+  // `LocalIP` is an address of either family, or a name that is known without asking for it; "::" is all
+  // addresses of IPv6 and none of IPv4. Empty: all of IPv4.
   void Bind(std::optional<std::int32_t> LocalPort = std::nullopt, const std::string& LocalIP = {});
   // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are. With
   // blnMoreFollows the system may wait a fifth of a second for what is sent next, to pack both together.
@@ -154,14 +158,18 @@ class CSocketMaster final : public SocketSink {
     std::string host;
   };
 
-  bool SocketExists();
+  // Opens the socket unless it is there. One of the other family, which nothing has been done with yet, makes
+  // way for it.
+  bool SocketExists(AddressFamily family);
   void ProcessOptions();
-  bool BindInternal(std::optional<std::int32_t> port, const std::string& ip);
-  // The address, or nothing after starting a look-up of the name.
-  std::optional<IPAddress> ResolveIfHostname(const std::string& host);
+  // Without an address: to any of the family.
+  bool BindInternal(std::optional<std::int32_t> port, const std::string& ip,
+                    AddressFamily family = AddressFamily::kIPv4);
+  // Starts a look-up of the name `host`.
+  void ResolveIfHostname(const std::string& host);
   void OnHostAnswer(const AddressAnswer& answer);
   void ConnectToIP(const IPAddress& address, int error);
-  bool BindForConnect();
+  bool BindForConnect(AddressFamily family);
   void CancelLookups();
   void ForgetPeerName();
   void OnNameAnswer(const NameAnswer& answer, bool counts);
@@ -213,6 +221,7 @@ class CSocketMaster final : public SocketSink {
   trabex::SocketHandle socket_;
   SocketState state_ = SocketState::sckClosed;
   SocketProtocol protocol_ = SocketProtocol::sckTCPProtocol;
+  AddressFamily family_ = AddressFamily::kIPv4;  // of socket_
   std::int32_t remote_port_ = 0;
   std::int32_t local_port_ = 0;  // as requested
   std::int32_t send_chunk_ = 0;  // 0: not asked for yet, as for the next

@@ -13,7 +13,7 @@ struct HostAddress {
   IPAddress address;
 };
 
-// The address of `host` without asking anybody: a dotted address, or a name in the machine's own table. An
+// The address of `host` without asking anybody: an address of either family, or a name in the machine's own table. An
 // empty text gives 10047, an unknown name 11001.
 HostAddress LookUpKnownHost(NameLookup& names, std::string_view host);
 

@@ -29,15 +29,11 @@ void CSocketMaster::ReportError(int number, const char* source) {
   if (!cancel_display) ShowMessage(source_text + ": " + description + "\n");
 }
 
-std::optional<IPAddress> CSocketMaster::ResolveIfHostname(const std::string& host) {
-  // 255.255.255.255 is no server's address, so it is looked up like a name.
-  const auto address = ParseIPv4Address(host);
-  if (address && *address != kIPv4Broadcast) return address;
+void CSocketMaster::ResolveIfHostname(const std::string& host) {
   state_ = SocketState::sckResolvingHost;
   host_lookup_ =
       module_.names_.FindAddresses(host, [this](const AddressAnswer& answer) { OnHostAnswer(answer); });
   if (host_lookup_ == 0) ReportError(socket_error::kNoRecovery, "CSocketMaster.ResolveIfHostname");
-  return std::nullopt;
 }
 
 void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
@@ -57,14 +53,15 @@ void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
 
 // A connection whose local port is left open needs no bind of its own: connecting chooses one, and then one
 // port can serve connections to different servers.
-bool CSocketMaster::BindForConnect() {
-  return local_port_ == 0 || BindInternal(std::nullopt, {});
+bool CSocketMaster::BindForConnect(AddressFamily family) {
+  return local_port_ == 0 || BindInternal(std::nullopt, {}, family);
 }
 
 void CSocketMaster::ConnectToIP(const IPAddress& address, int error) {
   constexpr const char* kSource = "CSocketMaster.ConnectToIP";
   if (error != 0) return ReportError(error, kSource);
-  if (!BindForConnect()) return;
+  const AddressFamily family = FamilyOf(address);
+  if (!SocketExists(family) || !BindForConnect(family)) return;
   state_ = SocketState::sckConnecting;
   connect_address_ = address;
   const int result = module_.sockets_.Connect(socket_, {address, static_cast<std::uint16_t>(remote_port_)});

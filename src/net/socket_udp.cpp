@@ -8,9 +8,9 @@ namespace trabex {
 
 void CSocketMaster::SendBufferedDataUDP(std::string_view data) {
   constexpr const char* kSource = "CSocketMaster.SendBufferedDataUDP";
-  if (!SocketExists() || !BindInternal(std::nullopt, {})) return;
-  state_ = SocketState::sckOpen;
   const HostAddress target = LookUpKnownHost(module_.names_, remote_host_);
+  if (!BindInternal(std::nullopt, {}, FamilyOf(target.address))) return;
+  state_ = SocketState::sckOpen;
   if (target.error == socket_error::kAddressFamily) RaiseSocketError(target.error, kSource);
   if (target.error != 0) RaiseBadAddress(kSource);
   const Endpoint to{target.address, static_cast<std::uint16_t>(remote_port_)};

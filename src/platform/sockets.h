@@ -1,4 +1,4 @@
-// The system's IPv4 sockets, by handles and notifications.
+// The system's sockets, those of IPv4 and those of IPv6, by handles and notifications.
 //
 // Watching a socket delivers five notifications to its sink, with the meaning of Windows Sockets'
 // asynchronous selection:
@@ -44,7 +44,8 @@ enum class Transport { kTcp, kUdp };
 // One bit each.
 enum class SocketEvent : int { kRead = 1, kWrite = 2, kAccept = 8, kConnect = 16, kClose = 32 };
 
-// An address, for the calls below an IPv4 one, and a port in host order.
+// An address and a port in host order. Where a call gives one, it is never an IPv6 address that stands for an
+// IPv4 one.
 struct Endpoint {
   IPAddress address;
   std::uint16_t port = 0;
@@ -85,8 +86,9 @@ class Sockets {
   Sockets(const Sockets&) = delete;
   Sockets& operator=(const Sockets&) = delete;
 
-  // A new non-blocking socket, not watched yet.
-  int Open(Transport transport, SocketHandle& socket);
+  // A new non-blocking socket, not watched yet. One of IPv6 is for nothing but IPv6: bound to "::" it leaves the
+  // machine's IPv4 addresses to others. 10047 where the system has no such family.
+  int Open(Transport transport, AddressFamily family, SocketHandle& socket);
   // Closes it; its notifications end at once. Data not yet sent goes on being sent by the system, unless
   // received data was left unread: then the system resets the connection (see net/ for the orderly way).
   int Close(SocketHandle socket);
@@ -94,7 +96,7 @@ class Sockets {
   // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
   int Watch(SocketHandle socket, SocketSink* sink);
 
-  // An address that is not IPv4 gives 10047, here and wherever an endpoint is given.
+  // An address of another family than the socket's gives 10047, here and wherever an endpoint is given.
   int Bind(SocketHandle socket, const Endpoint& local);
   // Binds so that no other process listens on the same endpoint, and a new start may follow an old one at
   // once.
@@ -134,7 +136,8 @@ class Sockets {
   int ReceiveBufferSize(SocketHandle socket, int& bytes);
   int AllowBroadcast(SocketHandle socket);
 
-  // The IPv4 addresses of all interfaces that are up.
+  // The addresses of all interfaces that are up, of both families; those of IPv6 that count on one link only
+  // (fe80::/10) are among them.
   int LocalAddresses(std::vector<IPAddress>& addresses);
 
   EventLoop& Loop() { return loop_; }

@@ -46,7 +46,7 @@ class NameLookup {
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 
-  // An address of `name`, if one is known without asking DNS: a dotted address is its own, others are in
+  // An address of `name`, if one is known without asking DNS: an address is its own, others are in
   // /etc/hosts.
   virtual std::optional<IPAddress> ResolveLocally(std::string_view name) = 0;
   // This machine's own name, in its full form where /etc/hosts has one. `error` as above.

@@ -320,7 +320,7 @@ class CaresNameLookup final : public NameLookup {
   void Cancel(LookupId id) override { lookups_->Cancel(id); }
 
   std::optional<IPAddress> ResolveLocally(std::string_view name) override {
-    if (const auto address = ParseIPv4Address(name)) return address;
+    if (const auto address = ParseIPAddress(name)) return address;
     if (name.ends_with('.')) name.remove_suffix(1);
     const auto known = lookups_->ResolveLocally(name);
     return known.empty() ? std::nullopt : std::optional(known.front());

@@ -94,7 +94,7 @@ class FakeNameLookup final : public NameLookup {
   void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
 
   std::optional<IPAddress> ResolveLocally(std::string_view name) override {
-    if (const auto address = ParseIPv4Address(name)) return address;
+    if (const auto address = ParseIPAddress(name)) return address;
     const auto found = known_.find(ToLower(name));
     return found == known_.end() ? std::nullopt : std::optional(found->second);
   }

@@ -50,7 +50,7 @@ class LinuxSocketsTest : public testing::Test {
   void ConnectRaw() {
     SocketHandle listener;
     Endpoint address;
-    ASSERT_EQ(sockets.Open(Transport::kTcp, listener), 0);
+    ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
     ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
     ASSERT_EQ(sockets.Listen(listener, 0), 0);
     ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
@@ -82,10 +82,10 @@ TEST_F(LinuxSocketsTest, EveryDescriptorIsNonBlockingAndClosedOnExec) {
   const std::set<int> before = OpenDescriptors();
   ConnectRaw();
   SocketHandle client;
-  ASSERT_EQ(sockets.Open(Transport::kTcp, client), 0);
+  ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, client), 0);
   sockets.Connect(client, {kLoopback, 1});
   SocketHandle datagram;
-  ASSERT_EQ(sockets.Open(Transport::kUdp, datagram), 0);
+  ASSERT_EQ(sockets.Open(Transport::kUdp, AddressFamily::kIPv4, datagram), 0);
   EventLoop another(clock);
   int seen = 0;
   int without_delay = 0;
@@ -251,7 +251,7 @@ TEST_F(LinuxSocketsTest, SocketsOfADestroyedTableAreClosed) {
   {
     Sockets other(loop);
     SocketHandle handle;
-    for (int i = 0; i < 3; ++i) ASSERT_EQ(other.Open(Transport::kUdp, handle), 0);
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(other.Open(Transport::kUdp, AddressFamily::kIPv4, handle), 0);
     other.Watch(handle, &sink);
   }
   EXPECT_EQ(OpenDescriptors(), before);
@@ -285,7 +285,7 @@ TEST_F(LinuxSocketsTest, WithoutDescriptorsOpenAndAcceptSaySo) {
   none.rlim_cur = 3;
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
   SocketHandle handle;
-  const int result = sockets.Open(Transport::kTcp, handle);
+  const int result = sockets.Open(Transport::kTcp, AddressFamily::kIPv4, handle);
   setrlimit(RLIMIT_NOFILE, &before);
   EXPECT_EQ(result, socket_error::kTooManyOpenFiles);
   EXPECT_TRUE(handle.IsNone());

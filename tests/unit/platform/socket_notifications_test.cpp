@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "platform/clock.h"
@@ -52,9 +53,9 @@ class Recorder final : public SocketSink {
 // Two ends of one connection: `ours` is the accepted one, `peer` is not watched.
 class Bench {
  public:
-  Bench() {
-    Must(sockets.Open(Transport::kTcp, listener));
-    Must(sockets.BindExclusively(listener, {kLoopback, 0}));
+  explicit Bench(const IPAddress& loopback = kLoopback) {
+    Must(sockets.Open(Transport::kTcp, FamilyOf(loopback), listener));
+    Must(sockets.BindExclusively(listener, {loopback, 0}));
     Must(sockets.Listen(listener, 0));
     Must(sockets.LocalEndpoint(listener, address));
   }
@@ -70,7 +71,7 @@ class Bench {
 
   SocketHandle NewClient() {
     SocketHandle client;
-    Must(sockets.Open(Transport::kTcp, client));
+    Must(sockets.Open(Transport::kTcp, FamilyOf(address.address), client));
     const int result = sockets.Connect(client, address);
     EXPECT_TRUE(result == 0 || result == socket_error::kWouldBlock) << result;
     return client;
@@ -444,7 +445,7 @@ const Row kRows[] = {
            Bench::Must(b.sockets.Close(socket));
            // The index is given out again at once; what was due for the old one must not reach it.
            SocketHandle again;
-           Bench::Must(b.sockets.Open(Transport::kTcp, again));
+           Bench::Must(b.sockets.Open(Transport::kTcp, FamilyOf(b.address.address), again));
            EXPECT_EQ(again.index, socket.index);
            EXPECT_NE(again.generation, socket.generation);
            b.sockets.Watch(again, &b.second);
@@ -469,17 +470,27 @@ const Row kRows[] = {
       {Watch, "READ WRITE"}}},
 };
 
-class Notifications : public testing::TestWithParam<Row> {};
+class Notifications : public testing::TestWithParam<Row> {
+ protected:
+  static void Play(Bench& bench) {
+    for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
+      SCOPED_TRACE("step " + std::to_string(i + 1));
+      GetParam().steps[i].act(bench);
+      bench.Until(GetParam().steps[i].notified);
+    }
+    bench.ExpectSleep();
+    EXPECT_EQ(bench.recorder.notified, GetParam().steps.back().notified);
+  }
+};
 
 TEST_P(Notifications, AreDeliveredAsDocumented) {
   Bench bench;
-  for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
-    SCOPED_TRACE("step " + std::to_string(i + 1));
-    GetParam().steps[i].act(bench);
-    bench.Until(GetParam().steps[i].notified);
-  }
-  bench.ExpectSleep();
-  EXPECT_EQ(bench.recorder.notified, GetParam().steps.back().notified);
+  Play(bench);
+}
+
+TEST_P(Notifications, AreThoseOfIPv6Too) {
+  Bench bench(kIPv6Loopback);
+  Play(bench);
 }
 
 INSTANTIATE_TEST_SUITE_P(Table, Notifications, testing::ValuesIn(kRows),
@@ -488,7 +499,7 @@ INSTANTIATE_TEST_SUITE_P(Table, Notifications, testing::ValuesIn(kRows),
 TEST(NotificationsTest, ARefusedConnectIsNotifiedOnceWithItsError) {
   Bench bench;
   SocketHandle client;
-  Bench::Must(bench.sockets.Open(Transport::kTcp, client));
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, client));
   bench.sockets.Watch(client, &bench.recorder);
   Bench::Must(bench.sockets.Close(bench.listener));
   const int result = bench.sockets.Connect(client, bench.address);
@@ -562,16 +573,20 @@ TEST(NotificationsTest, ABusySocketDoesNotStarveAnotherOne) {
   EXPECT_TRUE(RunUntil(bench.loop, [&] { return busy_reads > reads_until_then + 10; }));
 }
 
-TEST(NotificationsTest, DatagramsAreNotifiedOneByOne) {
+class DatagramsTest : public testing::TestWithParam<IPAddress> {};
+INSTANTIATE_TEST_SUITE_P(Loopback, DatagramsTest, testing::Values(kLoopback, kIPv6Loopback),
+                         [](const auto& loopback) { return loopback.param.IsIPv6() ? "IPv6" : "IPv4"; });
+
+TEST_P(DatagramsTest, AreNotifiedOneByOne) {
   Bench bench;
   SocketHandle receiver;
   SocketHandle sender;
   Endpoint to;
-  Bench::Must(bench.sockets.Open(Transport::kUdp, receiver));
-  Bench::Must(bench.sockets.Bind(receiver, {kLoopback, 0}));
+  Bench::Must(bench.sockets.Open(Transport::kUdp, FamilyOf(GetParam()), receiver));
+  Bench::Must(bench.sockets.Bind(receiver, {GetParam(), 0}));
   Bench::Must(bench.sockets.LocalEndpoint(receiver, to));
   Bench::Must(bench.sockets.Watch(receiver, &bench.recorder));
-  Bench::Must(bench.sockets.Open(Transport::kUdp, sender));
+  Bench::Must(bench.sockets.Open(Transport::kUdp, FamilyOf(GetParam()), sender));
   Bench::Must(bench.sockets.AllowBroadcast(sender));
   for (const char* text : {"one", "second", "3"})
     Bench::Must(bench.sockets.SendTo(sender, std::string(text), to));
@@ -588,7 +603,7 @@ TEST(NotificationsTest, DatagramsAreNotifiedOneByOne) {
   bench.Until("READ READ");  // a peek is a receive that was tried, and there is more
   Bench::Must(bench.sockets.ReceiveFrom(receiver, room, false, received, from));
   EXPECT_EQ(std::string(room.data(), received), "one");
-  EXPECT_EQ(from.address, kLoopback);
+  EXPECT_EQ(from.address, GetParam());
   bench.Until("READ READ READ");
   Bench::Must(bench.sockets.ReceiveFrom(receiver, room, false, received, from));
   EXPECT_EQ(std::string(room.data(), received), "second");
@@ -603,10 +618,10 @@ TEST(NotificationsTest, DatagramsAreNotifiedOneByOne) {
 TEST(SocketsTest, AStaleHandleIsNoSocketForEveryCall) {
   Bench bench;
   SocketHandle stale;
-  Bench::Must(bench.sockets.Open(Transport::kTcp, stale));
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, stale));
   Bench::Must(bench.sockets.Close(stale));
   SocketHandle again;
-  Bench::Must(bench.sockets.Open(Transport::kTcp, again));
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, again));
   ASSERT_EQ(again.index, stale.index);
 
   Sockets& s = bench.sockets;
@@ -640,8 +655,12 @@ TEST(SocketsTest, AStaleHandleIsNoSocketForEveryCall) {
   }
 }
 
-TEST(SocketsTest, EndpointsAndBufferSizesOfAConnection) {
-  Bench bench;
+class EndpointsTest : public testing::TestWithParam<IPAddress> {};
+INSTANTIATE_TEST_SUITE_P(Loopback, EndpointsTest, testing::Values(kLoopback, kIPv6Loopback),
+                         [](const auto& loopback) { return loopback.param.IsIPv6() ? "IPv6" : "IPv4"; });
+
+TEST_P(EndpointsTest, AndBufferSizesOfAConnection) {
+  Bench bench(GetParam());
   SocketHandle client = bench.NewClient();
   Endpoint caller;
   int result = socket_error::kWouldBlock;
@@ -678,26 +697,64 @@ TEST(SocketsTest, AnUnwatchedSocketIsAlwaysAsked) {
 
 TEST(SocketsTest, AnAddressOfAnotherFamilyIsRefused) {
   Bench bench;
-  SocketHandle stream;
-  SocketHandle datagram;
-  Bench::Must(bench.sockets.Open(Transport::kTcp, stream));
-  Bench::Must(bench.sockets.Open(Transport::kUdp, datagram));
-  for (const IPAddress& address : {IPAddress(), IP("::1")}) {
-    const Endpoint endpoint{address, 0};
-    EXPECT_EQ(bench.sockets.Bind(stream, endpoint), socket_error::kAddressFamily);
-    EXPECT_EQ(bench.sockets.BindExclusively(stream, endpoint), socket_error::kAddressFamily);
-    EXPECT_EQ(bench.sockets.Connect(stream, endpoint), socket_error::kAddressFamily);
-    EXPECT_EQ(bench.sockets.SendTo(datagram, "x", endpoint), socket_error::kAddressFamily);
+  for (const IPAddress& own : {kLoopback, kIPv6Loopback}) {
+    SocketHandle stream;
+    SocketHandle datagram;
+    Bench::Must(bench.sockets.Open(Transport::kTcp, FamilyOf(own), stream));
+    Bench::Must(bench.sockets.Open(Transport::kUdp, FamilyOf(own), datagram));
+    for (const IPAddress& address : {IPAddress(), own == kLoopback ? kIPv6Loopback : kLoopback}) {
+      const Endpoint endpoint{address, 0};
+      EXPECT_EQ(bench.sockets.Bind(stream, endpoint), socket_error::kAddressFamily);
+      EXPECT_EQ(bench.sockets.BindExclusively(stream, endpoint), socket_error::kAddressFamily);
+      EXPECT_EQ(bench.sockets.Connect(stream, endpoint), socket_error::kAddressFamily);
+      EXPECT_EQ(bench.sockets.SendTo(datagram, "x", endpoint), socket_error::kAddressFamily);
+    }
+    bench.sockets.Close(stream);
+    bench.sockets.Close(datagram);
   }
-  bench.sockets.Close(stream);
-  bench.sockets.Close(datagram);
+}
+
+TEST(SocketsTest, AllAddressesOfBothFamiliesShareAPort) {
+  // Whichever comes first: one of IPv6 leaves those of IPv4 alone.
+  for (const bool ipv6_first : {false, true}) {
+    SystemClock clock;
+    EventLoop loop{clock};
+    Sockets sockets{loop};
+    const IPAddress& first = ipv6_first ? kIPv6Any : kIPv4Any;
+    const IPAddress& second = ipv6_first ? kIPv4Any : kIPv6Any;
+    std::array<SocketHandle, 2> listeners;
+    Endpoint bound;
+    Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(first), listeners[0]));
+    Bench::Must(sockets.BindExclusively(listeners[0], {first, 0}));
+    Bench::Must(sockets.Listen(listeners[0], 0));
+    Bench::Must(sockets.LocalEndpoint(listeners[0], bound));
+    EXPECT_EQ(bound.address, first);
+    Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(second), listeners[1]));
+    Bench::Must(sockets.BindExclusively(listeners[1], {second, bound.port}));
+    Bench::Must(sockets.Listen(listeners[1], 0));
+    // A caller comes to the listener of its own family.
+    const SocketHandle& ipv6 = listeners[ipv6_first ? 0 : 1];
+    const SocketHandle& ipv4 = listeners[ipv6_first ? 1 : 0];
+    for (const auto& [caller, called, other] :
+         {std::tuple{kLoopback, ipv4, ipv6}, std::tuple{kIPv6Loopback, ipv6, ipv4}}) {
+      SocketHandle client;
+      Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(caller), client));
+      const int result = sockets.Connect(client, {caller, bound.port});
+      EXPECT_TRUE(result == 0 || result == socket_error::kWouldBlock) << result;
+      SocketHandle accepted;
+      Endpoint peer;
+      RunUntil(loop, [&] { return sockets.Accept(called, accepted, &peer) == 0; });
+      EXPECT_EQ(peer.address, caller);
+      EXPECT_EQ(sockets.Accept(other, accepted), socket_error::kWouldBlock);
+    }
+  }
 }
 
 TEST(SocketsTest, OneEndpointHasOneListener) {
   Bench bench;
   for (const IPAddress& address : {kLoopback, kIPv4Any}) {
     SocketHandle second;
-    Bench::Must(bench.sockets.Open(Transport::kTcp, second));
+    Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, second));
     EXPECT_EQ(bench.sockets.BindExclusively(second, {address, bench.address.port}),
               socket_error::kAddressInUse);
   }
@@ -710,7 +767,7 @@ TEST(SocketsTest, AListenerFollowsAnEarlierOneAtOnce) {
   Bench::Must(bench.sockets.Close(bench.ours));
   Bench::Must(bench.sockets.Close(bench.listener));
   SocketHandle next;
-  Bench::Must(bench.sockets.Open(Transport::kTcp, next));
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, next));
   EXPECT_EQ(bench.sockets.BindExclusively(next, bench.address), 0);
   EXPECT_EQ(bench.sockets.Listen(next, 0), 0);
 }
@@ -730,7 +787,9 @@ TEST(SocketsTest, ThisMachinesAddressesHoldTheLoopback) {
   Bench bench;
   std::vector<IPAddress> addresses;
   Bench::Must(bench.sockets.LocalAddresses(addresses));
-  EXPECT_NE(std::find(addresses.begin(), addresses.end(), kLoopback), addresses.end());
+  for (const IPAddress& loopback : {kLoopback, kIPv6Loopback}) {
+    EXPECT_NE(std::find(addresses.begin(), addresses.end(), loopback), addresses.end());
+  }
 }
 
 }  // namespace

@@ -36,7 +36,7 @@ Sockets::Impl::Entry* Sockets::Impl::Find(SocketHandle socket) {
   return entry.descriptor >= 0 && entry.generation == socket.generation ? &entry : nullptr;
 }
 
-SocketHandle Sockets::Impl::Add(int descriptor, Role role) {
+SocketHandle Sockets::Impl::Add(int descriptor, AddressFamily family, Role role) {
   if (free.empty()) {
     assert(entries.size() <= EventTarget::kMaxIndex);
     free.push_back(static_cast<std::uint32_t>(entries.size()));
@@ -49,6 +49,7 @@ SocketHandle Sockets::Impl::Add(int descriptor, Role role) {
   entry = Entry{};
   entry.generation = generation;
   entry.descriptor = descriptor;
+  entry.family = family;
   entry.role = role;
   return {static_cast<std::int32_t>(index), generation};
 }

@@ -10,10 +10,13 @@
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <memory>
 
@@ -29,21 +32,57 @@ using socket_error::kWouldBlock;
 
 constexpr int kSendAfterShutdown = 10058;
 
-// These sockets are of IPv4.
-sockaddr_in ToSystem(const Endpoint& endpoint) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(endpoint.port);
-  address.sin_addr.s_addr = htonl(endpoint.address.Number());
-  return address;
-}
+// An address as the system's calls take and give it.
+class SystemAddress {
+ public:
+  // For a call that gives one.
+  SystemAddress() = default;
+  explicit SystemAddress(const Endpoint& endpoint) {
+    const auto bytes = endpoint.address.Bytes();
+    if (endpoint.address.IsIPv6()) {
+      ipv6_.sin6_family = AF_INET6;
+      ipv6_.sin6_port = htons(endpoint.port);
+      std::copy(bytes.begin(), bytes.end(), std::begin(ipv6_.sin6_addr.s6_addr));
+      size_ = sizeof ipv6_;
+    } else {
+      ipv4_.sin_family = AF_INET;
+      ipv4_.sin_port = htons(endpoint.port);
+      ipv4_.sin_addr.s_addr = htonl(endpoint.address.Number());
+      size_ = sizeof ipv4_;
+    }
+  }
+  // `address` is of one of our families.
+  explicit SystemAddress(const sockaddr& address) {
+    size_ = address.sa_family == AF_INET6 ? sizeof ipv6_ : sizeof ipv4_;
+    std::memcpy(&ipv6_, &address, size_);
+  }
 
-Endpoint FromSystem(const sockaddr_in& address) {
-  return {IPAddress::IPv4(ntohl(address.sin_addr.s_addr)), ntohs(address.sin_port)};
-}
+  sockaddr* Get() { return &any_; }
+  socklen_t Size() const { return size_; }
+  socklen_t* SizePlace() { return &size_; }
+  // The one place where an address of the system becomes one of ours; IPAddress makes an IPv4 address of one
+  // that is mapped into IPv6.
+  Endpoint ToEndpoint() const {
+    if (any_.sa_family == AF_INET) {
+      return {IPAddress::IPv4(ntohl(ipv4_.sin_addr.s_addr)), ntohs(ipv4_.sin_port)};
+    }
+    if (any_.sa_family != AF_INET6) return {};
+    IPAddress::IPv6Bytes bytes;
+    std::copy(std::begin(ipv6_.sin6_addr.s6_addr), std::end(ipv6_.sin6_addr.s6_addr), bytes.begin());
+    return {IPAddress::IPv6(bytes), ntohs(ipv6_.sin6_port)};
+  }
 
-sockaddr* Generic(sockaddr_in& address) {
-  return reinterpret_cast<sockaddr*>(&address);
+ private:
+  union {
+    sockaddr_in6 ipv6_{};  // the largest
+    sockaddr_in ipv4_;
+    sockaddr any_;
+  };
+  socklen_t size_ = sizeof ipv6_;
+};
+
+bool IsOfFamily(const Endpoint& endpoint, AddressFamily family) {
+  return family == AddressFamily::kIPv6 ? endpoint.address.IsIPv6() : endpoint.address.IsIPv4();
 }
 
 // Our error number for a call that returned `result`: 0 unless that is negative.
@@ -87,12 +126,21 @@ Sockets::Sockets(EventLoop& loop) : loop_(loop), impl_(std::make_unique<Impl>(lo
 
 Sockets::~Sockets() = default;
 
-int Sockets::Open(Transport transport, SocketHandle& socket) {
+int Sockets::Open(Transport transport, AddressFamily family, SocketHandle& socket) {
   const bool tcp = transport == Transport::kTcp;
-  const int descriptor = ::socket(AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                                  tcp ? IPPROTO_TCP : IPPROTO_UDP);
+  const bool ipv6 = family == AddressFamily::kIPv6;
+  const int descriptor =
+      ::socket(ipv6 ? AF_INET6 : AF_INET, (tcp ? SOCK_STREAM : SOCK_DGRAM) | SOCK_NONBLOCK | SOCK_CLOEXEC,
+               tcp ? IPPROTO_TCP : IPPROTO_UDP);
   if (descriptor < 0) return SocketErrorOfErrno(errno);
-  socket = impl_->Add(descriptor, tcp ? Impl::Role::kFresh : Impl::Role::kDatagram);
+  // What the system does without the option is a setting of the machine.
+  if (ipv6) {
+    if (const int error = SetOption(descriptor, IPPROTO_IPV6, IPV6_V6ONLY); error != 0) {
+      close(descriptor);
+      return error;
+    }
+  }
+  socket = impl_->Add(descriptor, family, tcp ? Impl::Role::kFresh : Impl::Role::kDatagram);
   return 0;
 }
 
@@ -121,9 +169,9 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
 int Sockets::Bind(SocketHandle socket, const Endpoint& local) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  if (!local.address.IsIPv4()) return socket_error::kAddressFamily;
-  sockaddr_in address = ToSystem(local);
-  return Outcome(bind(entry->descriptor, Generic(address), sizeof address));
+  if (!IsOfFamily(local, entry->family)) return socket_error::kAddressFamily;
+  SystemAddress address(local);
+  return Outcome(bind(entry->descriptor, address.Get(), address.Size()));
 }
 
 int Sockets::BindExclusively(SocketHandle socket, const Endpoint& local) {
@@ -150,27 +198,27 @@ int Sockets::Listen(SocketHandle socket, int backlog) {
 int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer) {
   Impl::Entry* const entry = impl_->Find(listener);
   if (entry == nullptr) return kNotSocket;
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  const int descriptor = Uninterrupted(
-      [&] { return accept4(entry->descriptor, Generic(address), &size, SOCK_NONBLOCK | SOCK_CLOEXEC); });
+  SystemAddress address;
+  const int descriptor = Uninterrupted([&] {
+    return accept4(entry->descriptor, address.Get(), address.SizePlace(), SOCK_NONBLOCK | SOCK_CLOEXEC);
+  });
   const int error = Outcome(descriptor);
   entry->accept_armed = true;
   if (entry->sink != nullptr) impl_->ArmListener(listener, *entry);
   if (error != 0) return error;
-  accepted = impl_->Add(descriptor, Impl::Role::kStream);
+  accepted = impl_->Add(descriptor, entry->family, Impl::Role::kStream);
   impl_->Find(accepted)->write_armed = true;
-  if (peer != nullptr) *peer = FromSystem(address);
+  if (peer != nullptr) *peer = address.ToEndpoint();
   return 0;
 }
 
 int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  if (!remote.address.IsIPv4()) return socket_error::kAddressFamily;
+  if (!IsOfFamily(remote, entry->family)) return socket_error::kAddressFamily;
   if (const int error = SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
-  sockaddr_in address = ToSystem(remote);
-  const int result = connect(entry->descriptor, Generic(address), sizeof address);
+  SystemAddress address(remote);
+  const int result = connect(entry->descriptor, address.Get(), address.Size());
   const bool under_way = result < 0 && errno == EINPROGRESS;
   // No port is left to connect from: nothing is under way, so no event would follow.
   if (result < 0 && errno == EAGAIN) return socket_error::kNoBufferSpace;
@@ -222,11 +270,10 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
 int Sockets::SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  if (!to.address.IsIPv4()) return socket_error::kAddressFamily;
-  sockaddr_in address = ToSystem(to);
+  if (!IsOfFamily(to, entry->family)) return socket_error::kAddressFamily;
+  SystemAddress address(to);
   const ssize_t count = Uninterrupted([&] {
-    return sendto(entry->descriptor, data.data(), data.size(), MSG_NOSIGNAL, Generic(address),
-                  sizeof address);
+    return sendto(entry->descriptor, data.data(), data.size(), MSG_NOSIGNAL, address.Get(), address.Size());
   });
   if (count < 0 && errno == EAGAIN) {
     entry->write_armed = true;
@@ -240,17 +287,16 @@ int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek,
   received = 0;
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
+  SystemAddress address;
   const ssize_t count = Uninterrupted([&] {
-    return recvfrom(entry->descriptor, buffer.data(), buffer.size(), peek ? MSG_PEEK : 0, Generic(address),
-                    &size);
+    return recvfrom(entry->descriptor, buffer.data(), buffer.size(), peek ? MSG_PEEK : 0, address.Get(),
+                    address.SizePlace());
   });
   const int code = count < 0 ? errno : 0;
   impl_->NoteReceive(socket, *entry, count, buffer.size(), code);
   if (count < 0) return SocketErrorOfErrno(code);
   received = static_cast<std::size_t>(count);
-  from = FromSystem(address);
+  from = address.ToEndpoint();
   return 0;
 }
 
@@ -282,20 +328,20 @@ bool Sockets::PeerEnded(SocketHandle socket) const {
 int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  if (getsockname(entry->descriptor, Generic(address), &size) != 0) return SocketErrorOfErrno(errno);
-  local = FromSystem(address);
+  SystemAddress address;
+  if (getsockname(entry->descriptor, address.Get(), address.SizePlace()) != 0)
+    return SocketErrorOfErrno(errno);
+  local = address.ToEndpoint();
   return 0;
 }
 
 int Sockets::RemoteEndpoint(SocketHandle socket, Endpoint& remote) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  if (getpeername(entry->descriptor, Generic(address), &size) != 0) return SocketErrorOfErrno(errno);
-  remote = FromSystem(address);
+  SystemAddress address;
+  if (getpeername(entry->descriptor, address.Get(), address.SizePlace()) != 0)
+    return SocketErrorOfErrno(errno);
+  remote = address.ToEndpoint();
   return 0;
 }
 
@@ -320,11 +366,10 @@ int Sockets::LocalAddresses(std::vector<IPAddress>& addresses) {
   if (getifaddrs(&list) != 0) return SocketErrorOfErrno(errno);
   const std::unique_ptr<ifaddrs, decltype(&freeifaddrs)> owner(list, &freeifaddrs);
   for (const ifaddrs* entry = list; entry != nullptr; entry = entry->ifa_next) {
-    if (entry->ifa_addr == nullptr || entry->ifa_addr->sa_family != AF_INET) continue;
-    if ((entry->ifa_flags & IFF_UP) == 0) continue;
-    sockaddr_in address{};
-    std::memcpy(&address, entry->ifa_addr, sizeof address);
-    addresses.push_back(FromSystem(address).address);
+    if (entry->ifa_addr == nullptr || (entry->ifa_flags & IFF_UP) == 0) continue;
+    const auto family = entry->ifa_addr->sa_family;
+    if (family != AF_INET && family != AF_INET6) continue;
+    addresses.push_back(SystemAddress(*entry->ifa_addr).ToEndpoint().address);
   }
   return 0;
 }

@@ -33,6 +33,7 @@ struct Sockets::Impl final : EventSource {
     std::uint32_t drained_iteration = 0;  // the loop iteration in which `drained` was set
     int close_error = 0;  // what a receive found when the connection broke; the hint of FD_CLOSE
     Role role = Role::kFresh;
+    AddressFamily family = AddressFamily::kIPv4;
     bool registered = false;         // in the epoll set
     bool read_armed = true;          // a receive was tried since FD_READ
     bool write_armed = false;        // FD_WRITE is due when a send is possible
@@ -54,7 +55,7 @@ struct Sockets::Impl final : EventSource {
 
   // nullptr for a stale handle. Valid until the next Add.
   Entry* Find(SocketHandle socket);
-  SocketHandle Add(int descriptor, Role role);
+  SocketHandle Add(int descriptor, AddressFamily family, Role role);
   void Remove(SocketHandle socket);
   // Puts the socket into the epoll set. Returns 0 or our error number.
   int Register(SocketHandle socket, Entry& entry);
