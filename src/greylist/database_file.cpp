@@ -42,8 +42,7 @@ GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimit
   }
 }
 
-std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
-                             std::uint64_t max_payload) {
+void ReplaceDatabaseFile(const std::string& path, const FileContent& content) {
   const std::string place = NativePath(path);
   const std::size_t folder_end = place.find_last_of(kPathSeparator);
   if (folder_end != std::string::npos && folder_end > 0) CreateFolder(place.substr(0, folder_end));
@@ -55,12 +54,18 @@ std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase&
 
   const std::string fresh = place + "new";
   NewFile file(fresh, kSaveSource);
-  const std::size_t left_out = WriteDatabase(
-      database, now, [&file](std::string_view bytes) { file.Write(bytes); }, max_payload);
+  content([&file](std::string_view bytes) { file.Write(bytes); });
   file.Sync();
   ReplaceFile(fresh, place, BackupPath(place), kSaveSource);
   file.Release();
   SyncFolder(place);
+}
+
+std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
+                             std::uint64_t max_payload) {
+  std::size_t left_out = 0;
+  ReplaceDatabaseFile(
+      path, [&](const BytesOut& out) { left_out = WriteDatabase(database, now, out, max_payload); });
   return left_out;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "base/date_time.h"
@@ -21,12 +22,18 @@ std::string BackupPath(const std::string& path);
 // of platform/files.h.
 GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimits& limits = {});
 
-// Writes the records that have not expired at `now` to a new file (`path` with "new" appended), and only when
-// that is whole and on the disk makes the file at `path` the backup and the new one the file at `path`
-// (ReplaceFile in platform/file_replace.h says which file has which name at each moment). Creates the last
-// level of the folder when it is missing. Returns how many records are left out because the payload would be
-// longer than `max_payload` (WriteDatabase). Raises the numbers of platform/files.h; both files are then as
-// they were, but for 57 from a folder that cannot be synced although the files in it were moved.
+// Hands the whole content of a file to `out`, piece by piece. What `out` raises passes through it.
+using FileContent = std::function<void(const BytesOut& out)>;
+
+// Writes `content` to a new file (`path` with "new" appended), and only when that is whole and on the disk
+// makes the file at `path` the backup and the new one the file at `path` (ReplaceFile in
+// platform/file_replace.h says which file has which name at each moment). Creates the last level of the folder
+// when it is missing. Raises the numbers of platform/files.h, and what `content` raises; both files are then
+// as they were, but for 57 from a folder that cannot be synced although the files in it were moved.
+void ReplaceDatabaseFile(const std::string& path, const FileContent& content);
+
+// The same with the records that have not expired at `now` as content. Returns how many records are left out
+// because the payload would be longer than `max_payload` (WriteDatabase).
 std::size_t SaveDatabaseFile(const std::string& path, const GreyListingDatabase& database, DateTime now,
                              std::uint64_t max_payload = kMaxPayload);
 

@@ -22,7 +22,7 @@ std::string ErrorText(std::string_view action, int number, std::string_view desc
   return text.append(description).append(".");
 }
 
-// Of digits only, as SaveAndReport writes it.
+// Of digits only, as a background save writes it.
 template <class Number>
 Number NumberOf(std::string_view text) {
   Number number = 0;
@@ -30,12 +30,13 @@ Number NumberOf(std::string_view text) {
   return number;
 }
 
-// What a background save returns: the error's number, a blank and its description; after a success 0, a blank
-// and how many records it left out.
-std::string SaveAndReport(const std::string& path, const GreyListingDatabase& database, DateTime now,
-                          std::uint64_t max_payload) {
+// The work of a background save. Its content returns how many records it left out. The result is the error's
+// number, a blank and its description; after a success 0, a blank and what the content returned.
+std::string ReplaceAndReport(const std::string& path, const TaskContent& content) {
   try {
-    return "0 " + std::to_string(SaveDatabaseFile(path, database, now, max_payload));
+    std::string left_out;
+    ReplaceDatabaseFile(path, [&](const BytesOut& out) { left_out = content(out); });
+    return "0 " + left_out;
   } catch (const Error& error) {
     return std::to_string(error.Number()) + " " + error.Description();
   }
@@ -97,9 +98,9 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
 bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSaveResult&)> done) {
   if (!database_.Changed() || task_.Running()) return false;
   const DateTime now = clock_.UniversalNow();
-  const bool started =
-      task_.Start([&] { return SaveAndReport(Path(), database_, now, max_payload_); },
-                  [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
+  const bool started = task_.Start(
+      [&](const BytesOut& out) { return std::to_string(WriteDatabase(database_, now, out, max_payload_)); },
+      ReplaceAndReport, Path(), [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
   if (!started) {
     done(SaveGreyListingDatabase());
     return true;

@@ -1,9 +1,10 @@
-// Work that takes long and only reads the program's data, done beside the loop.
+// Work that takes long, done beside the loop on data of the program.
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/event_loop.h"
 
@@ -15,20 +16,29 @@ struct TaskResult {
   std::string text;    // what the work returned, its first 4095 bytes
 };
 
-// Runs one task at a time, in two parts.
+// The part of a task that looks at the program's data: hands bytes made of it to `out`, piece by piece, and
+// returns a text that belongs to them. It may capture references to data of any size, and finds all of it as
+// it was when Start was called. It changes nothing (on Linux the program would not see it) and calls nothing
+// that waits, apart from `out`. What `out` raises passes through it.
+using TaskContent = std::function<std::string(const std::function<void(std::string_view)>& out)>;
+
+// The part of a task that may take as long as a disk does. It is a plain function, since it sees nothing of
+// the program: `argument` and the bytes, which `content` hands over when it is called (once at most), are all
+// it has. It uses neither the loop nor a socket nor the log; it may open files of its own.
+using TaskWork = std::string (*)(const std::string& argument, const TaskContent& content);
+
+// Runs one task at a time: the work, beside the loop, on the content as it was when Start was called, whatever
+// the program changes meanwhile. The task can be ended at any moment, by Cancel or with the program. `done`
+// runs in the program and is given the text that the work returned, and nothing else of it.
 //
-// The work may read all of the program's data that it has captured, and finds it as it was when Start was
-// called, whatever the program changes meanwhile. It can change nothing: what it writes to memory the program
-// never sees. It uses neither the loop nor a socket nor the log; it may open files of its own. It can be
-// ended at any moment, by Cancel or with the program.
+// On Linux both parts run in a forked process, whose memory the system copies page by page where the program
+// writes. So the bytes go straight from the content to where the work writes them, and Start makes no copy of
+// anything. That process closes everything that the program has open at once (a peer must
+// see its connection close), ignores all signals that can be ignored and dies with the program.
 //
-// `done` runs in the program and is given the text that the work returned, and nothing else of it.
-//
-// On Linux the work runs in a forked process, whose memory the system copies page by page where the program
-// writes; so the work may capture references to data of any size, and Start takes no longer for more of it.
-// That process closes everything that the program has open at once (a peer must see its connection close),
-// ignores all signals that can be ignored and dies with the program. A system without such copies would have
-// to keep this promise in another way: the captured data would have to be copied before Start returns.
+// A system without such copies calls the content inside Start, keeps the bytes in memory and runs the work on
+// a thread, whose content gives them out again. That Start takes the longer the more data there is. Content in
+// slices, in several iterations of the loop, would mix the data of different moments.
 class BackgroundTask {
  public:
   // `loop` outlives the task.
@@ -41,11 +51,13 @@ class BackgroundTask {
   // Runs `work`; an exception that leaves it counts as its death. `done` is called from the loop, never
   // inside this call, and may start the next task, but not destroy this object. False when the system cannot
   // run it; nothing is called then. None may be running (asserted).
-  bool Start(const std::function<std::string()>& work, std::function<void(const TaskResult&)> done);
+  bool Start(const TaskContent& content, TaskWork work, const std::string& argument,
+             std::function<void(const TaskResult&)> done);
   bool Running() const;
   // Returns when the task has ended, `done` included; at once when none is running.
   void Wait();
-  // Ends the task at once, wherever it is; `done` is not called.
+  // Ends the task, wherever it is; it does nothing more when this returns, and `done` is not called. On Linux
+  // that takes no time; a thread ends at its next piece of content or when its work is done.
   void Cancel();
 
  private:

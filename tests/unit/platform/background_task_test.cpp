@@ -12,10 +12,13 @@
 
 #include <array>
 #include <atomic>
+#include <functional>
 #include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/clock.h"
@@ -64,6 +67,15 @@ bool Becomes(Predicate predicate) {
   return false;
 }
 
+// Most tests need only one of the two parts: the content, which does what a test wants. Its bytes are none.
+template <class Body>
+bool Start(BackgroundTask& task, Body body, std::function<void(const TaskResult&)> done) {
+  return task.Start(
+      [body](const auto&) -> std::string { return body(); },
+      [](const std::string&, const TaskContent& content) { return content([](std::string_view) {}); }, "",
+      std::move(done));
+}
+
 class BackgroundTaskTest : public testing::Test {
  protected:
   std::function<void(const TaskResult&)> Keep() {
@@ -83,7 +95,8 @@ class BackgroundTaskTest : public testing::Test {
 TEST_F(BackgroundTaskTest, ReportsWhatTheWorkReturned) {
   for (const std::string& text : {std::string(), std::string("a result"), std::string("\0.\n", 3)}) {
     result_.reset();
-    ASSERT_TRUE(task_.Start([&] { return text; }, Keep()));
+    ASSERT_TRUE(Start(
+        task_, [&] { return text; }, Keep()));
     EXPECT_TRUE(task_.Running());
     EXPECT_FALSE(result_.has_value());
     ASSERT_TRUE(RunToEnd());
@@ -93,8 +106,49 @@ TEST_F(BackgroundTaskTest, ReportsWhatTheWorkReturned) {
   }
 }
 
+TEST_F(BackgroundTaskTest, TheWorkIsGivenTheContentAndItsArgument) {
+  const std::vector<std::string> pieces = {"one ", "", "two ", std::string(100000, 'x')};
+  ASSERT_TRUE(task_.Start(
+      [&](const auto& out) {
+        for (const auto& piece : pieces) out(piece);
+        return std::to_string(pieces.size());
+      },
+      [](const std::string& argument, const TaskContent& content) {
+        std::string bytes;
+        const std::string text = content([&](std::string_view piece) { bytes += piece; });
+        return argument + "; " + text + " pieces; " + std::to_string(bytes.size()) + "; " +
+               bytes.substr(0, 10);
+      },
+      "argument", Keep()));
+  ASSERT_TRUE(RunToEnd());
+  EXPECT_EQ(result_->text, "argument; 4 pieces; 100008; one two xx");
+}
+
+// So a full disk ends the content.
+TEST_F(BackgroundTaskTest, WhatTakesTheContentMayRaise) {
+  ASSERT_TRUE(task_.Start(
+      [](const auto& out) {
+        for (;;) out("more");
+        return std::string();
+      },
+      [](const std::string&, const TaskContent& content) {
+        int pieces = 0;
+        try {
+          return content([&](std::string_view) {
+            if (++pieces == 3) throw std::runtime_error("full");
+          });
+        } catch (const std::runtime_error& error) {
+          return error.what() + std::to_string(pieces);
+        }
+      },
+      "", Keep()));
+  ASSERT_TRUE(RunToEnd());
+  EXPECT_EQ(result_->text, "full3");
+}
+
 TEST_F(BackgroundTaskTest, ALongResultIsCut) {
-  ASSERT_TRUE(task_.Start([] { return std::string(100000, 'x'); }, Keep()));
+  ASSERT_TRUE(Start(
+      task_, [] { return std::string(100000, 'x'); }, Keep()));
   ASSERT_TRUE(RunToEnd());
   EXPECT_TRUE(result_->ended);
   EXPECT_EQ(result_->text, std::string(4095, 'x'));
@@ -102,7 +156,8 @@ TEST_F(BackgroundTaskTest, ALongResultIsCut) {
 
 TEST_F(BackgroundTaskTest, MemoryIsThatOfTheStart) {
   std::string value = "before";
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [&] {
         shared_->AwaitEnd();
         std::string seen = value;
@@ -128,7 +183,7 @@ TEST_F(BackgroundTaskTest, ATaskThatDiesIsDistinguishedFromOneThatEnds) {
   };
   for (const auto& death : deaths) {
     result_.reset();
-    ASSERT_TRUE(task_.Start(death, Keep()));
+    ASSERT_TRUE(Start(task_, death, Keep()));
     ASSERT_TRUE(RunToEnd());
     EXPECT_FALSE(result_->ended);
     EXPECT_EQ(result_->text, "");
@@ -139,7 +194,8 @@ TEST_F(BackgroundTaskTest, ATaskThatDiesIsDistinguishedFromOneThatEnds) {
 TEST_F(BackgroundTaskTest, HoldsNoConnectionOpen) {
   std::array<int, 2> ends{};
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [&] {
         shared_->AwaitEnd();
         return std::string();
@@ -159,7 +215,8 @@ TEST_F(BackgroundTaskTest, HoldsNoConnectionOpen) {
 TEST_F(BackgroundTaskTest, HasOnlyTheStandardDescriptorsAndItsPipe) {
   std::vector<int> extra;
   for (int i = 0; i < 20; ++i) extra.push_back(dup(STDERR_FILENO));
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [] {
         std::string open_ones;
         int others = 0;
@@ -186,7 +243,8 @@ TEST_F(BackgroundTaskTest, SignalsToTheGroupDoNotDisturbIt) {
   struct sigaction counting {};
   counting.sa_handler = [](int) { ++handled_signals; };
   ASSERT_EQ(sigaction(SIGTERM, &counting, &before), 0);
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [&] {
         shared_->AwaitEnd();
         return std::to_string(handled_signals);
@@ -206,7 +264,8 @@ TEST_F(BackgroundTaskTest, SignalsToTheGroupDoNotDisturbIt) {
 }
 
 TEST_F(BackgroundTaskTest, CancelEndsItWithoutACall) {
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [&] {
         shared_->AwaitEnd();
         return std::string();
@@ -220,7 +279,8 @@ TEST_F(BackgroundTaskTest, CancelEndsItWithoutACall) {
   RunUntilIdle(loop_);
   EXPECT_FALSE(result_.has_value());
   task_.Cancel();  // nothing to end
-  ASSERT_TRUE(task_.Start([] { return std::string("next"); }, Keep()));
+  ASSERT_TRUE(Start(
+      task_, [] { return std::string("next"); }, Keep()));
   ASSERT_TRUE(RunToEnd());
   EXPECT_EQ(result_->text, "next");
 }
@@ -228,7 +288,8 @@ TEST_F(BackgroundTaskTest, CancelEndsItWithoutACall) {
 TEST_F(BackgroundTaskTest, DestructionEndsIt) {
   {
     BackgroundTask task(loop_);
-    ASSERT_TRUE(task.Start(
+    ASSERT_TRUE(Start(
+        task,
         [&] {
           shared_->AwaitEnd();
           return std::string();
@@ -243,7 +304,8 @@ TEST_F(BackgroundTaskTest, DestructionEndsIt) {
 
 TEST_F(BackgroundTaskTest, WaitReturnsAfterTheCall) {
   task_.Wait();  // nothing to wait for
-  ASSERT_TRUE(task_.Start(
+  ASSERT_TRUE(Start(
+      task_,
       [] {
         poll(nullptr, 0, 20);
         return std::string("waited for");
@@ -260,11 +322,13 @@ TEST_F(BackgroundTaskTest, WaitReturnsAfterTheCall) {
 
 TEST_F(BackgroundTaskTest, TheNextMayStartInsideTheCall) {
   bool second_started = false;
-  ASSERT_TRUE(task_.Start([] { return std::string("first"); },
-                          [&](const TaskResult& result) {
-                            EXPECT_EQ(result.text, "first");
-                            second_started = task_.Start([] { return std::string("second"); }, Keep());
-                          }));
+  ASSERT_TRUE(Start(
+      task_, [] { return std::string("first"); },
+      [&](const TaskResult& result) {
+        EXPECT_EQ(result.text, "first");
+        second_started = Start(
+            task_, [] { return std::string("second"); }, Keep());
+      }));
   ASSERT_TRUE(RunToEnd());
   EXPECT_TRUE(second_started);
   EXPECT_EQ(result_->text, "second");
@@ -276,7 +340,8 @@ TEST_F(BackgroundTaskTest, DiesWithTheProgram) {
     SystemClock clock;
     EventLoop loop(clock);
     BackgroundTask task(loop);
-    const bool started = task.Start(
+    const bool started = Start(
+        task,
         [this] {
           shared_->AwaitEnd();
           return std::string();
@@ -306,7 +371,9 @@ TEST_F(BackgroundTaskTest, WithoutAProcessItDoesNotStart) {
     if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return 1;
     const rlimit none{0, 0};
     setrlimit(RLIMIT_NPROC, &none);
-    if (task_.Start([] { return std::string(); }, Keep())) return 2;
+    if (Start(
+            task_, [] { return std::string(); }, Keep()))
+      return 2;
     if (task_.Running() || result_.has_value()) return 3;
     return 0;
   });

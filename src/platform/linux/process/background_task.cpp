@@ -38,13 +38,14 @@ void CloseOthers(int kept) {
   close_range(number + 1, ~0U, 0);
 }
 
-[[noreturn]] void RunCopy(const std::function<std::string()>& work, pid_t program, int result) noexcept {
+[[noreturn]] void RunCopy(const TaskContent& content, TaskWork work, const std::string& argument,
+                          pid_t program, int result) noexcept {
   CloseOthers(result);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != program) _exit(EXIT_FAILURE);  // it died before the line above
   static_cast<void>(nice(kNiceness));             // the mail goes first
   try {
-    std::string text = work();
+    std::string text = work(argument, content);
     text.resize(std::min(text.size(), kMaxResultBytes - 1));
     text += kEndMark;
     if (write(result, text.data(), text.size()) == static_cast<ssize_t>(text.size())) _exit(EXIT_SUCCESS);
@@ -109,7 +110,7 @@ BackgroundTask::~BackgroundTask() {
   Cancel();
 }
 
-bool BackgroundTask::Start(const std::function<std::string()>& work,
+bool BackgroundTask::Start(const TaskContent& content, TaskWork work, const std::string& argument,
                            std::function<void(const TaskResult&)> done) {
   assert(!Running());
   std::array<int, 2> ends{};
@@ -124,7 +125,7 @@ bool BackgroundTask::Start(const std::function<std::string()>& work,
     // the task's own files.
     const BlockedSignals blocked(AllSignals());
     process = fork();
-    if (process == 0) RunCopy(work, program, writing.Get());
+    if (process == 0) RunCopy(content, work, argument, program, writing.Get());
   }
   if (process < 0) return false;
   writing.Close();
