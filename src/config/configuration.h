@@ -96,7 +96,7 @@ struct GreyListingSettings {
   // Records that were never accepted: of all clients, and of one network.
   std::int32_t MaxPending;
   std::int32_t MaxPendingPerNetwork;
-  std::int32_t IPv6Prefix = 64;  // bits of an IPv6 address that are the client's network
+  std::int32_t IPv6Prefix;  // bits of an IPv6 address that are the client's network
 
  private:
   GreyListingSettings() = default;
@@ -114,12 +114,13 @@ struct Configuration {
 
   // Section Common.
   std::string BindIP;
-  // The addresses of BindIP, each once, in its order.
-  std::vector<IPAddress> BindAddresses = {kIPv4Any};
-  std::int32_t BindPortTLS = 0;           // 0: none
-  IPRangeList ProxyProtocolFrom;          // balancers: their connections begin with a PROXY header
-  std::int32_t ProxyProtocolTimeout = 5;  // seconds
-  std::int32_t SendClientIP = 0;          // send_client_ip
+  // The addresses of BindIP, each once, in its order. An entry like "300.1.1.1" is none of either family: it
+  // stands here as none, and nothing can be bound to it.
+  std::vector<IPAddress> BindAddresses;
+  std::int32_t BindPortTLS;           // 0: none
+  IPRangeList ProxyProtocolFrom;      // balancers: their connections begin with a PROXY header
+  std::int32_t ProxyProtocolTimeout;  // seconds
+  std::int32_t SendClientIP;          // send_client_ip
   std::int32_t ServerPort;
   std::string ServerIP;
   IPRangeList LocalIPs;

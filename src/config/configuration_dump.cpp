@@ -5,11 +5,14 @@
 #include <cstdint>
 #include <string>
 #include <unordered_set>
+#include <utility>
+#include <vector>
 
 #include "base/date_time.h"
 #include "base/error.h"
 #include "base/numbers.h"
 #include "base/text.h"
+#include "config/certificate_list.h"
 #include "config/section_store.h"
 #include "config/settings_table.h"
 
@@ -178,6 +181,12 @@ void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionLi
   writer.EndList();
 }
 
+void WriteCertificates(Writer& writer, const Setting& setting, const std::vector<CertificateFiles>& list) {
+  writer.BeginList(setting.key);
+  for (const CertificateFiles& files : list) writer.Entry(mCommon::FormatCertificateEntry(files));
+  writer.EndList();
+}
+
 void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
   writer.BeginList(setting.key);
   std::unordered_set<std::string> written;
@@ -195,7 +204,10 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
   };
   switch (setting.kind) {
     case SettingKind::kText:
-    case SettingKind::kAddress:
+    case SettingKind::kIPAddresses:
+    case SettingKind::kChoice:
+    case SettingKind::kCiphers:
+    case SettingKind::kFile:
     case SettingKind::kHostName:
     case SettingKind::kDatabase:
       scalar(FieldOf<std::string>(configuration, setting));
@@ -204,6 +216,7 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
       scalar(AsProfileValue(FieldOf<std::string>(configuration, setting)));
       break;
     case SettingKind::kInteger:
+    case SettingKind::kTLSPort:
       scalar(std::to_string(FieldOf<std::int32_t>(configuration, setting)));
       break;
     case SettingKind::kBoolean:
@@ -222,8 +235,32 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
       WriteExpressions(writer, setting, FieldOf<ExpressionList>(configuration, setting));
       break;
     case SettingKind::kRangeList:
-      WriteRanges(writer, setting, FieldOf<IPRangeList>(configuration, setting));
+    case SettingKind::kPartialRangeList: {
+      const auto& list = FieldOf<IPRangeList>(configuration, setting);
+      if (setting.shown_at_default || list.Count() > 0) WriteRanges(writer, setting, list);
       break;
+    }
+    case SettingKind::kCertificateList: {
+      const auto& list = FieldOf<std::vector<CertificateFiles>>(configuration, setting);
+      if (setting.shown_at_default || !list.empty()) WriteCertificates(writer, setting, list);
+      break;
+    }
+  }
+}
+
+// A section that came later: it is there when it has a line.
+void WriteLaterSection(Writer& writer, std::string_view section, const Configuration& configuration) {
+  bool is_begun = false;
+  const std::function<void(std::string_view)> write_line = [&](std::string_view line) {
+    if (!std::exchange(is_begun, true)) {
+      writer.Separator('-');
+      writer.Header(section);
+    }
+    writer.Line(line);
+  };
+  Writer lines(write_line);
+  for (const Setting* const setting : SettingsInDumpOrder(section)) {
+    WriteSetting(lines, *setting, configuration);
   }
 }
 
@@ -270,6 +307,7 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
   WriteSection(writer, section_name::kCommon, configuration);
   writer.Separator('-');
   WriteSection(writer, section_name::kGreyListing, configuration);
+  WriteLaterSection(writer, section_name::kTLS, configuration);
   writer.Separator('-');
   WriteResponseChanges(writer, configuration.ResponseChanges);
   WriteReplacements(writer, section_name::kSenderReplacementsLocal, configuration.SenderReplacementsLocal);

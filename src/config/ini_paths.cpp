@@ -39,7 +39,12 @@ std::string JoinPath(std::string_view base, std::string_view name) {
 std::string ResolveIniPath(std::string_view given, std::string_view program_directory,
                            std::string_view program_name) {
   if (given.empty()) return JoinPath(program_directory, std::string(program_name) + ".ini");
-  return StaysAsItIs(given) ? std::string(given) : JoinPath(program_directory, given);
+  return ResolveFilePath(given, program_directory);
+}
+
+std::string ResolveFilePath(std::string_view setting, std::string_view program_directory) {
+  if (setting.empty() || StaysAsItIs(setting)) return std::string(setting);
+  return JoinPath(program_directory, setting);
 }
 
 std::string ResolveDatabasePath(std::string_view setting, std::string_view program_directory) {

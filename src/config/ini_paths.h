@@ -18,6 +18,9 @@ std::string JoinPath(std::string_view base, std::string_view name);
 std::string ResolveIniPath(std::string_view given, std::string_view program_directory,
                            std::string_view program_name);
 
+// The path of a file by its setting: empty for none, otherwise as the initialization file's above.
+std::string ResolveFilePath(std::string_view setting, std::string_view program_directory);
+
 // The greylisting database's path by the setting `Database`: unchanged when it holds a separator,
 // otherwise in the folder GreyListing under the program's directory; empty means GreyListing.gldb there.
 std::string ResolveDatabasePath(std::string_view setting, std::string_view program_directory);

@@ -150,6 +150,31 @@ std::string Expression(const ExpressionList& list, std::size_t index) {
   return std::move(list.Entry(index).patterns.front());
 }
 
+IPRange PartialRange(std::string_view text) {
+  const IPRange range = InitIPRange(text);
+  if (range.low == range.low.Prefix(0) && range.high == range.low.PrefixEnd(0)) {
+    throw Error(error_number::kBadValue, "mCommon.GetPartialIPRangeList",
+                "Invalid IP address range: \"" + std::string(text) + "\".");
+  }
+  return range;
+}
+
+// Ranges as `read` reads them.
+IPRangeList ReadRanges(const IniErrors& errors, std::string_view key, const SectionTable& section,
+                       std::string_view default_text, IPRange (*read)(std::string_view)) {
+  const ExpressionList list = GetList(errors, key, section, default_text, kRangeListForm);
+  std::vector<IPRange> ranges;
+  ranges.reserve(list.Count());
+  for (std::size_t index = 0; index < list.Count(); ++index) {
+    try {
+      ranges.push_back(read(Expression(list, index)));
+    } catch (const Error& error) {
+      ReportConfigError(errors, section.Name(), key, error.Number(), error.Description());
+    }
+  }
+  return IPRangeList(ranges);
+}
+
 }  // namespace
 
 ExpressionList GetList(const IniErrors& errors, std::string_view key, const SectionTable& section,
@@ -167,17 +192,12 @@ ExpressionList GetList(const IniErrors& errors, std::string_view key, const Sect
 
 IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
                            std::string_view default_text) {
-  const ExpressionList list = GetList(errors, key, section, default_text, kRangeListForm);
-  std::vector<IPRange> ranges;
-  ranges.reserve(list.Count());
-  for (std::size_t index = 0; index < list.Count(); ++index) {
-    try {
-      ranges.push_back(InitIPRange(Expression(list, index)));
-    } catch (const Error& error) {
-      ReportConfigError(errors, section.Name(), key, error.Number(), error.Description());
-    }
-  }
-  return IPRangeList(ranges);
+  return ReadRanges(errors, key, section, default_text, InitIPRange);
+}
+
+IPRangeList GetPartialIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
+                                  std::string_view default_text) {
+  return ReadRanges(errors, key, section, default_text, PartialRange);
 }
 
 ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTable& section) {

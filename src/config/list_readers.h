@@ -47,6 +47,10 @@ ExpressionList GetList(const IniErrors& errors, std::string_view key, const Sect
 IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
                            std::string_view default_text);
 
+// The same, but a range of all addresses of its family is reported as a bad one (380).
+IPRangeList GetPartialIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
+                                  std::string_view default_text);
+
 // All keys of the section ResponseChanges that have at least one rule, in the order of the file. Also reports
 // entries that are no replace record (321).
 ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTable& section);

@@ -5,10 +5,14 @@
 #include <cmath>
 #include <cstdint>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "base/date_time.h"
 #include "base/error.h"
 #include "base/numbers.h"
+#include "base/text.h"
+#include "config/certificate_list.h"
 #include "config/ini_paths.h"
 #include "config/list_readers.h"
 #include "config/settings_table.h"
@@ -46,8 +50,18 @@ class SettingReader {
       case SettingKind::kText:
         Field<std::string>(setting) = Text(setting);
         break;
-      case SettingKind::kAddress:
-        Field<std::string>(setting) = Address(setting);
+      case SettingKind::kIPAddresses:
+        ReadIPAddresses(setting);
+        break;
+      case SettingKind::kChoice:
+        Field<std::string>(setting) =
+            mCommon::GetChoice(errors_, Section(setting), setting.key, setting.default_text, setting.choices);
+        break;
+      case SettingKind::kCiphers:
+        Field<std::string>(setting) = Ciphers(setting);
+        break;
+      case SettingKind::kFile:
+        Field<std::string>(setting) = mCommon::ResolveFilePath(Text(setting), context_.program_directory);
         break;
       case SettingKind::kHostName:
         Field<std::string>(setting) = HostName(setting);
@@ -60,6 +74,9 @@ class SettingReader {
         break;
       case SettingKind::kInteger:
         Field<std::int32_t>(setting) = Integer(setting, setting.min);
+        break;
+      case SettingKind::kTLSPort:
+        Field<std::int32_t>(setting) = TLSPort(setting);
         break;
       case SettingKind::kBoolean:
         Field<bool>(setting) = Integer(setting, setting.min) != 0;
@@ -86,6 +103,26 @@ class SettingReader {
         Field<IPRangeList>(setting) =
             mCommon::GetIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
         break;
+      case SettingKind::kPartialRangeList:
+        Field<IPRangeList>(setting) =
+            mCommon::GetPartialIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
+        break;
+      case SettingKind::kCertificateList:
+        Field<std::vector<CertificateFiles>>(setting) =
+            mCommon::GetCertificateList(errors_, Section(setting), setting.key, context_.program_directory);
+        break;
+    }
+  }
+
+  // What depends on settings that are read later than the one that is wrong.
+  void CheckTogether() {
+    TLSSettings& tls = configuration_.TLS;
+    if (tls.ClientCertificates == client_certificates::kRequired && tls.ClientCA.empty()) {
+      ResetNumber(FindSetting(section_name::kTLS, "ClientCertificates"), "ClientCA expected.");
+    }
+    if (configuration_.BindPortTLS != 0 && tls.Certificate.empty()) {
+      ResetNumber(FindSetting(section_name::kCommon, "BindPortTLS"),
+                  NoTLSPortText(configuration_.BindPortTLS));
     }
   }
 
@@ -100,11 +137,18 @@ class SettingReader {
     return mCommon::GetString(errors_, Section(setting), setting.key, setting.default_text);
   }
 
-  std::string Address(const Setting& setting) const {
-    constexpr std::string_view kPattern = "*#.*#.*#.*#";
-    std::string address =
-        mCommon::GetString(errors_, Section(setting), setting.key, setting.default_text, kPattern);
-    return address.empty() ? std::string(setting.default_text) : address;
+  void ReadIPAddresses(const Setting& setting) {
+    mCommon::IPAddresses list =
+        mCommon::GetIPAddresses(errors_, Section(setting), setting.key, setting.default_text);
+    Field<std::string>(setting) = std::move(list.text);
+    configuration_.BindAddresses = std::move(list.addresses);
+  }
+
+  std::string Ciphers(const Setting& setting) const {
+    const std::string ciphers = Text(setting);
+    if (ciphers.empty() || !context_.accepts_ciphers || context_.accepts_ciphers(ciphers)) return ciphers;
+    Report(setting, "Inadmissible string: " + Quoted(ciphers) + ".");
+    return std::string(setting.default_text);
   }
 
   std::string HostName(const Setting& setting) const {
@@ -122,6 +166,28 @@ class SettingReader {
   std::int32_t Integer(const Setting& setting, std::int64_t min) const {
     return mCommon::GetInteger(errors_, Section(setting), setting.key, DefaultNumber(setting), min,
                                setting.max);
+  }
+
+  std::int32_t TLSPort(const Setting& setting) const {
+    const std::int32_t port = Integer(setting, setting.min);
+    if (port == 0 || port != configuration_.BindPort) return port;
+    Report(setting, NoTLSPortText(port));
+    return DefaultNumber(setting);
+  }
+
+  static std::string NoTLSPortText(std::int32_t port) {
+    return "Value " + std::to_string(port) + " is no port for TLS.";
+  }
+
+  void Report(const Setting& setting, std::string_view description) const {
+    mCommon::ReportConfigError(errors_, setting.section, setting.key, error_number::kBadValue, description);
+  }
+
+  // Reports that the value cannot be used with those of other settings, and takes the default.
+  void ResetNumber(const Setting* setting, std::string_view description) {
+    assert(setting != nullptr);
+    Report(*setting, description);
+    Field<std::int32_t>(*setting) = DefaultNumber(*setting);
   }
 
   // Computed in 64 bits: the delays may be the greatest number of minutes there is.
@@ -161,6 +227,7 @@ void ReadSettings(const SectionStore& store, const IniErrors& errors, const Sett
   for (const Setting& setting : AllSettings()) {
     if (!setting.is_early) reader.Read(setting);
   }
+  reader.CheckTogether();
   configuration.ResponseChanges =
       mCommon::GetResponseChanges(errors, store.Section(section_name::kResponseChanges));
   const auto replacements = [&](std::string_view section) {

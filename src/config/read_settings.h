@@ -10,11 +10,13 @@
 
 namespace trabex {
 
-// What the defaults of some settings depend on.
+// What some settings depend on.
 struct SettingContext {
   std::string program_directory;
   // The machine's own name; raises an Error when there is none.
   std::function<std::string()> local_host_name;
+  // Whether the TLS library knows a list of ciphers (not empty); without this function every one is taken.
+  std::function<bool(const std::string&)> accepts_ciphers = {};
 };
 
 // Assigns the settings one by one, in the order of the settings table. A bad value is reported with

@@ -21,10 +21,11 @@ inline constexpr std::string_view kSenderReplacementsLocal = "SenderReplacements
 inline constexpr std::string_view kSenderReplacementsRemote = "SenderReplacements.Remote";
 inline constexpr std::string_view kRecipientReplacementsLocal = "RecipientReplacements.Local";
 inline constexpr std::string_view kRecipientReplacementsRemote = "RecipientReplacements.Remote";
+inline constexpr std::string_view kTLS = "TLS";
 }  // namespace section_name
 
 // The sections that there are, in the order of the store.
-inline constexpr std::array<std::string_view, 7> kSectionNames = {
+inline constexpr std::array<std::string_view, 8> kSectionNames = {
     section_name::kCommon,
     section_name::kGreyListing,
     section_name::kResponseChanges,
@@ -32,6 +33,7 @@ inline constexpr std::array<std::string_view, 7> kSectionNames = {
     section_name::kSenderReplacementsRemote,
     section_name::kRecipientReplacementsLocal,
     section_name::kRecipientReplacementsRemote,
+    section_name::kTLS,
 };
 
 // One section. Names, keys and values are views: of constants, and of the text that the store keeps.
@@ -65,7 +67,7 @@ class SectionTable {
   std::unordered_map<std::string_view, std::uint32_t, HashNoCase, SameNoCase> index_;
 };
 
-// The seven sections, created empty, and the file's text. No other section can come into being.
+// All of kSectionNames, created empty, and the file's text. No other section can come into being.
 class SectionStore {
  public:
   SectionStore();

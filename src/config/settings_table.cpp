@@ -13,6 +13,7 @@ namespace {
 
 using C = Configuration;
 using G = GreyListingSettings;
+using T = TLSSettings;
 using enum SettingKind;
 
 constexpr std::int64_t kMaxInteger = std::numeric_limits<std::int32_t>::max();
@@ -34,9 +35,20 @@ constexpr Setting Grey(int dump_order, std::string_view key, SettingKind kind, S
   return {section_name::kGreyListing, key, kind, field, default_text, dump_order, min, max};
 }
 
+constexpr Setting Tls(int dump_order, std::string_view key, SettingKind kind, SettingField field,
+                      std::string_view default_text = {}, std::int64_t min = 0, std::int64_t max = 0) {
+  return {section_name::kTLS, key, kind, field, default_text, dump_order, min, max};
+}
+
 // One that came later.
 constexpr Setting Later(Setting setting) {
   setting.shown_at_default = false;
+  return setting;
+}
+
+constexpr auto kTlsVersions = std::to_array<std::string_view>({"1.0", "1.1", "1.2", "1.3"});
+constexpr Setting OneOf(std::span<const std::string_view> choices, Setting setting) {
+  setting.choices = choices;
   return setting;
 }
 
@@ -48,7 +60,11 @@ constexpr auto kSettings = std::to_array<Setting>({
     Early(20, "LogPath", kLogFolder, &C::LogPath, ""),
     Early(80, "BindPort", kInteger, &C::BindPort, "25", 0, 65535),
 
-    Common(70, "BindIP", kAddress, &C::BindIP, "0.0.0.0"),
+    Common(70, "BindIP", kIPAddresses, &C::BindIP, "0.0.0.0"),
+    Later(Common(500, "BindPortTLS", kTLSPort, &C::BindPortTLS, "0", 0, 65535)),
+    Later(Common(510, "ProxyProtocolFrom", kPartialRangeList, &C::ProxyProtocolFrom)),
+    Later(Common(520, "ProxyProtocolTimeout", kInteger, &C::ProxyProtocolTimeout, "5", 1, 600)),
+    Later(Common(530, "SendClientIP", kInteger, &C::SendClientIP, "0", 0, 3)),
     Common(100, "ServerPort", kInteger, &C::ServerPort, "25", 1, 65535),
     Common(90, "ServerIP", kText, &C::ServerIP, "127.0.0.1"),
     Common(110, "LocalIPs", kRangeList, &C::LocalIPs,
@@ -113,12 +129,38 @@ constexpr auto kSettings = std::to_array<Setting>({
     Grey(160, "CallbackSenderAction", kInteger, &G::CallbackSenderAction, "1", 0, 3),
     Later(Grey(170, "MaxPending", kInteger, &G::MaxPending, "500000", 100, kMaxInteger)),
     Later(Grey(180, "MaxPendingPerNetwork", kInteger, &G::MaxPendingPerNetwork, "20000", 100, kMaxInteger)),
+    Later(Grey(190, "IPv6Prefix", kInteger, &G::IPv6Prefix, "64", 16, 128)),
+
+    Later(Tls(10, "Certificate", kCertificateList, &T::Certificate)),
+    Later(OneOf(kTlsVersions, Tls(20, "MinVersion", kChoice, &T::MinVersion, "1.2"))),
+    Later(Tls(30, "Ciphers", kCiphers, &T::Ciphers)),
+    Later(Tls(40, "Require", kInteger, &T::Require, "0", 0, 3)),
+    Later(Tls(50, "RequireForAUTH", kInteger, &T::RequireForAUTH, "3", 0, 3)),
+    Later(Tls(60, "ClientCertificates", kInteger, &T::ClientCertificates, "0", 0, 2)),
+    Later(Tls(70, "ClientCA", kFile, &T::ClientCA)),
+    Later(Tls(80, "SessionTickets", kBoolean, &T::SessionTickets, "1", 0, 1)),
+    Later(Tls(90, "HandshakeTimeout", kInteger, &T::HandshakeTimeout, "30", 1, 600)),
+    Later(Tls(100, "MaxHandshakes", kInteger, &T::MaxHandshakes, "1000", 0, 65535)),
+    Later(Tls(110, "Server", kInteger, &T::Server, "0", 0, 3)),
+    Later(Tls(120, "ServerVerify", kBoolean, &T::ServerVerify, "0", 0, 1)),
+    Later(Tls(130, "ServerName", kText, &T::ServerName)),
+    Later(Tls(140, "ServerCA", kFile, &T::ServerCA)),
 });
 
 }  // namespace
 
 bool IsListKind(SettingKind kind) {
-  return kind == kAddressList || kind == kPlainList || kind == kExtensionList || kind == kRangeList;
+  switch (kind) {
+    case kAddressList:
+    case kPlainList:
+    case kExtensionList:
+    case kRangeList:
+    case kPartialRangeList:
+    case kCertificateList:
+      return true;
+    default:
+      return false;
+  }
 }
 
 std::span<const Setting> AllSettings() {

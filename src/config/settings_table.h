@@ -16,11 +16,15 @@ namespace trabex {
 
 enum class SettingKind {
   kText,
-  kAddress,    // text of the form of an IPv4 address; empty means 0.0.0.0
-  kHostName,   // text; empty means the machine's own name
-  kDatabase,   // path; ResolveDatabasePath
-  kLogFolder,  // path; empty means the folder Log in the program's directory
+  kIPAddresses,  // addresses with commas between them; empty means the default
+  kHostName,     // text; empty means the machine's own name
+  kDatabase,     // path; ResolveDatabasePath
+  kLogFolder,    // path; empty means the folder Log in the program's directory
+  kFile,         // path; ResolveFilePath
+  kChoice,       // one of a few texts
+  kCiphers,      // text that SettingContext::accepts_ciphers takes
   kInteger,
+  kTLSPort,      // integer; 0, or another port than BindPort
   kBoolean,      // 0 or 1
   kMinutes,      // kept in days
   kLifetime,     // minutes, more than the greater one of Delay and BlackListDelay; kept in days
@@ -29,19 +33,22 @@ enum class SettingKind {
   kPlainList,
   kExtensionList,
   kRangeList,
+  kPartialRangeList,  // the same without ranges that are all addresses of their family
+  kCertificateList,   // certificate_list.h
 };
 
 // Whether the key may occur on several lines.
 bool IsListKind(SettingKind kind);
 
-// Where the value lies: in Configuration itself, or in its part for greylisting.
+// Where the value lies: in Configuration itself, or in its part for a section.
 template <class... Values>
-using FieldOfEither = std::variant<Values Configuration::*..., Values GreyListingSettings::*...>;
-using SettingField =
-    FieldOfEither<std::string, std::int32_t, bool, double, FixedPoint, ExpressionList, IPRangeList>;
+using FieldOfAny =
+    std::variant<Values Configuration::*..., Values GreyListingSettings::*..., Values TLSSettings::*...>;
+using SettingField = FieldOfAny<std::string, std::int32_t, bool, double, FixedPoint, ExpressionList,
+                                IPRangeList, std::vector<CertificateFiles>>;
 
 struct Setting {
-  std::string_view section;  // Common or GreyListing
+  std::string_view section;  // Common, GreyListing or TLS
   std::string_view key;
   SettingKind kind;
   SettingField field;
@@ -55,17 +62,19 @@ struct Setting {
   // Read before all others, by ReadEarlyKeys.
   bool is_early = false;
   // Whether the dump shows it while it has its default. A setting that came later does not, so that the dump
-  // of a file without it stays what it was. Numbers only.
+  // of a file without it stays what it was. The default of such a list is empty.
   bool shown_at_default = true;
+  // The texts of kChoice.
+  std::span<const std::string_view> choices = {};
 };
 
-// The early keys, then Common, then GreyListing.
+// The early keys, then Common, then GreyListing, then TLS.
 std::span<const Setting> AllSettings();
 
 // Names without regard to case; nullptr when there is none.
 const Setting* FindSetting(std::string_view section, std::string_view key);
 
-// The settings of a section (Common or GreyListing) in the order of the dump, which is made for reading.
+// The settings of a section (Common, GreyListing or TLS) in the order of the dump, which is made for reading.
 std::vector<const Setting*> SettingsInDumpOrder(std::string_view section);
 
 // The field of `setting` in `configuration` (const or not), which is a Value.
@@ -73,6 +82,9 @@ template <class Value, class AConfiguration>
 auto& FieldOf(AConfiguration& configuration, const Setting& setting) {
   if (const auto* const field = std::get_if<Value GreyListingSettings::*>(&setting.field)) {
     return configuration.GreyListing.*(*field);
+  }
+  if (const auto* const field = std::get_if<Value TLSSettings::*>(&setting.field)) {
+    return configuration.TLS.*(*field);
   }
   const auto* const field = std::get_if<Value Configuration::*>(&setting.field);
   assert(field != nullptr);

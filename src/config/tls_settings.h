@@ -7,6 +7,8 @@
 
 namespace trabex {
 
+struct Configuration;
+
 // Bits of Require and RequireForAUTH: whom the requirement holds for.
 namespace tls_require {
 inline constexpr std::int32_t kLocalClients = 1;
@@ -38,20 +40,25 @@ struct CertificateFiles {
 // Equal settings mean the same contexts, as long as the files stay as they are.
 struct TLSSettings {
   std::vector<CertificateFiles> Certificate;  // whether it is empty decides about policies
-  std::string MinVersion = "1.2";             // 1.0, 1.1, 1.2 or 1.3; both sides
+  std::string MinVersion;                     // 1.0, 1.1, 1.2 or 1.3; both sides
   std::string Ciphers;                        // empty: those of the library
-  std::int32_t Require = 0;                   // bits: tls_require
-  std::int32_t RequireForAUTH = 3;            // the same; no effect while Certificate is empty
-  std::int32_t ClientCertificates = 0;        // client_certificates
+  std::int32_t Require;                       // bits: tls_require
+  std::int32_t RequireForAUTH;                // the same; no effect while Certificate is empty
+  std::int32_t ClientCertificates;            // client_certificates
   std::string ClientCA;                       // resolved path, or empty
-  bool SessionTickets = true;
-  std::int32_t HandshakeTimeout = 30;  // seconds
-  std::int32_t MaxHandshakes = 1000;   // 0: any number
-  std::int32_t Server = 0;             // server_tls
-  bool ServerVerify = false;
+  bool SessionTickets;
+  std::int32_t HandshakeTimeout;  // seconds
+  std::int32_t MaxHandshakes;     // 0: any number
+  std::int32_t Server;            // server_tls
+  bool ServerVerify;
   std::string ServerName;  // empty: ServerIP
   std::string ServerCA;    // resolved path; empty: the system's
+
   friend bool operator==(const TLSSettings&, const TLSSettings&) = default;
+
+ private:
+  TLSSettings() = default;
+  friend struct Configuration;
 };
 
 }  // namespace trabex

@@ -1,5 +1,6 @@
 #include "config/typed_readers.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -18,6 +19,39 @@ std::string RangeText(std::string_view value, const std::string& min, const std:
 
 std::string NoNumberText(std::string_view value) {
   return "Value is not a number: \"" + std::string(value) + "\".";
+}
+
+std::string InadmissibleText(std::string_view value) {
+  return "Inadmissible string: \"" + std::string(value) + "\".";
+}
+
+// Adds what `entry` is; false when it is inadmissible.
+bool AddAddress(std::string_view entry, IPAddresses& list) {
+  std::optional<IPAddress> address;
+  if (entry.find(':') != std::string_view::npos) {
+    address = ParseIPAddress(entry);
+    if (!address) return false;
+  } else {
+    if (!mText::PlainLike(entry, "*#.*#.*#.*#")) return false;
+    address = ParseIPv4Address(entry).value_or(IPAddress());
+  }
+  const bool is_new = address->IsNone() || std::find(list.addresses.begin(), list.addresses.end(),
+                                                     *address) == list.addresses.end();
+  if (!is_new) return true;
+  if (!list.text.empty()) list.text += ", ";
+  list.text += entry;
+  list.addresses.push_back(*address);
+  return true;
+}
+
+// Nothing when `value` is inadmissible.
+std::optional<IPAddresses> ReadAddresses(std::string_view value) {
+  IPAddresses list;
+  for (std::string_view entry : Split(value, ',')) {
+    entry = Trim(entry);
+    if (!entry.empty() && !AddAddress(entry, list)) return std::nullopt;
+  }
+  return list;
 }
 
 constexpr std::string_view kEmptyNumberText = "Integer value expected.";
@@ -65,8 +99,7 @@ std::string GetString(const IniErrors& errors, const SectionTable& section, std:
     const bool matches = pattern_kind == PatternKind::kPlainLike ? mText::PlainLike(value, pattern)
                                                                  : mText::LikeText(value, pattern);
     if (!matches) {
-      ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
-                        "Inadmissible string: \"" + std::string(value) + "\".");
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value));
       return std::string(default_value);
     }
   }
@@ -114,6 +147,29 @@ FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::st
   if (!size) return bad(NoNumberText(value));
   if (*size < min || *size > max) return bad(RangeText(value, FormatWhole(min), FormatWhole(max)));
   return *size;
+}
+
+std::string GetChoice(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                      std::string_view default_value, std::span<const std::string_view> choices) {
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) return std::string(default_value);
+  const std::string_view value = entry->first_value;
+  if (std::find(choices.begin(), choices.end(), value) != choices.end()) return std::string(value);
+  ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value));
+  return std::string(default_value);
+}
+
+IPAddresses GetIPAddresses(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                           std::string_view default_value) {
+  if (const SectionTable::Entry* const entry = section.Find(key)) {
+    const std::optional<IPAddresses> list = ReadAddresses(entry->first_value);
+    if (list && !list->addresses.empty()) return *list;
+    if (!list) {
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
+                        InadmissibleText(entry->first_value));
+    }
+  }
+  return ReadAddresses(default_value).value_or(IPAddresses());
 }
 
 ReplacementTable GetReplacementTable(const IniErrors& errors, const SectionTable& section) {

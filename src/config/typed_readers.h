@@ -5,9 +5,12 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "base/ip_address.h"
 #include "base/numbers.h"
 #include "config/ini_errors.h"
 #include "config/section_store.h"
@@ -40,6 +43,23 @@ std::int32_t ConvertInteger(const IniErrors& errors, std::string_view section, s
 // numbers.
 FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::string_view key,
                    FixedPoint default_value, FixedPoint min, FixedPoint max);
+
+// One of `choices`, as it is; "Inadmissible string" (380) for anything else, the empty value too.
+std::string GetChoice(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                      std::string_view default_value, std::span<const std::string_view> choices);
+
+// The addresses of one value with commas between them.
+struct IPAddresses {
+  std::string text;                  // the entries that count as they were read, with ", " between them
+  std::vector<IPAddress> addresses;  // what they are, in the same order
+};
+
+// Entries that are empty, or an address that stood before, do not count; no entry at all means the default.
+// An entry with ":" is an IPv6 address (ParseIPAddress). Any other has the form of an IPv4 address; one that
+// is none nevertheless (a part is too large, or no number) gives the address none. Anything else is
+// "Inadmissible string" (380) with the whole value, and the default.
+IPAddresses GetIPAddresses(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                           std::string_view default_value);
 
 // All keys of an address-replacement section, in the order of the file. A key that is no pattern list
 // (a pattern in it is malformed, or a delimited part has no end) is reported with 93 and left out.

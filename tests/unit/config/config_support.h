@@ -50,7 +50,8 @@ struct LoadedText {
   // Once more, into the same configuration.
   void Load(std::string text) {
     const SettingContext context{.program_directory = "/opt/trabex",
-                                 .local_host_name = [] { return std::string("proxy.test"); }};
+                                 .local_host_name = [] { return std::string("proxy.test"); },
+                                 .accepts_ciphers = [](const std::string& list) { return list != "bad"; }};
     const IniErrors errors{log, configuration.IgnoreIniErrors};
     SectionStore store;
     result = mCommon::ReadIniText("x.ini", std::move(text), store, errors);
@@ -82,13 +83,13 @@ inline std::string Joined(const Lines& lines) {
   return text;
 }
 
-// The lines of one key in the dump.
+// The lines of one key in the dump; none when its whole section is missing.
 inline Lines DumpedLines(const Configuration& configuration, std::string_view section, std::string_view key) {
   const Lines lines = DumpLines(configuration);
   const std::string header = "[" + std::string(section) + "]";
   auto line = std::find(lines.begin(), lines.end(), header);
-  EXPECT_NE(line, lines.end()) << header;
   Lines found;
+  if (line == lines.end()) return found;
   for (++line; line != lines.end() && !line->starts_with('['); ++line) {
     if (line->starts_with(std::string(key) + " =")) found.push_back(*line);
   }

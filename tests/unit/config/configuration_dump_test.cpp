@@ -121,8 +121,12 @@ TEST(LogConfiguration, ShowsLaterSettingsOnlyWhenTheyDifferFromTheirDefault) {
     const char* other_value;
     const char* line_before;
   } rows[] = {{"Common", "ConfirmHostNames", "0", "1", "AddReceived = 1"},
+              {"Common", "ProxyProtocolFrom", "", "192.0.2.0/24, 192.0.3.1", "AddReceived = 1"},
+              {"Common", "ProxyProtocolTimeout", "5", "600", "AddReceived = 1"},
+              {"Common", "SendClientIP", "0", "3", "AddReceived = 1"},
               {"GreyListing", "MaxPending", "500000", "100", "CallbackSenderAction = 1"},
-              {"GreyListing", "MaxPendingPerNetwork", "20000", "2147483647", "CallbackSenderAction = 1"}};
+              {"GreyListing", "MaxPendingPerNetwork", "20000", "2147483647", "CallbackSenderAction = 1"},
+              {"GreyListing", "IPv6Prefix", "64", "56", "CallbackSenderAction = 1"}};
   const Lines without = DumpLines(LoadedText("", false).configuration);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.key);
@@ -137,6 +141,41 @@ TEST(LogConfiguration, ShowsLaterSettingsOnlyWhenTheyDifferFromTheirDefault) {
                     std::string(row.key) + " = " + row.other_value);
     EXPECT_EQ(dump_with(row.other_value), expected);
   }
+}
+
+// The section is there with its line above it exactly when one of its settings is.
+TEST(LogConfiguration, ShowsTheSectionTLSWhenItHasALine) {
+  const Lines without = DumpLines(LoadedText("", false).configuration);
+  const auto dump_with = [&](const std::string& lines) {
+    return DumpLines(LoadedText("[TLS]\n" + lines, false).configuration);
+  };
+  const auto expected_with = [&](const Lines& lines) {
+    Lines expected = without;
+    const auto before = std::find(expected.begin(), expected.end(), "CallbackSenderAction = 1");
+    Lines section = {";" + std::string(74, '-'), "[TLS]"};
+    section.insert(section.end(), lines.begin(), lines.end());
+    expected.insert(before + 1, section.begin(), section.end());
+    return expected;
+  };
+  EXPECT_EQ(dump_with(""), without);
+  EXPECT_EQ(dump_with("Certificate=\nMinVersion=1.2\nCiphers=\nRequire=0\nRequireForAUTH=3\n"
+                      "ClientCertificates=0\nClientCA=\nSessionTickets=1\nHandshakeTimeout=30\n"
+                      "MaxHandshakes=1000\nServer=0\nServerVerify=0\nServerName=\nServerCA=\n"),
+            without);
+  EXPECT_EQ(dump_with("Server=1\n"), expected_with({"Server = 1"}));
+
+  Lines expected = expected_with(
+      {"Certificate = /c \"/k y\"", "MinVersion = 1.3", "Ciphers = HIGH", "Require = 3", "RequireForAUTH = 0",
+       "ClientCertificates = 2", "ClientCA = /ca", "SessionTickets = 0", "HandshakeTimeout = 1",
+       "MaxHandshakes = 0", "Server = 3", "ServerVerify = 1", "ServerName = n", "ServerCA = /opt/trabex/ca"});
+  const Lines common = {"ConfirmHostNames = 1", "BindPortTLS = 465"};
+  expected.insert(std::find(expected.begin(), expected.end(), "AddReceived = 1") + 1, common.begin(),
+                  common.end());
+  EXPECT_EQ(dump_with("ServerCA=ca\nServerName=n\nServerVerify=1\nServer=3\nMaxHandshakes=0\n"
+                      "HandshakeTimeout=1\nSessionTickets=0\nClientCA=/ca\nClientCertificates=2\n"
+                      "RequireForAUTH=0\nRequire=3\nCiphers=HIGH\nMinVersion=1.3\n"
+                      "Certificate=/c \"/k y\"\n[Common]\nBindPortTLS=465\nConfirmHostNames=1\n"),
+            expected);
 }
 
 TEST(LogConfiguration, WritesNothingWithTheLogOff) {

@@ -18,13 +18,21 @@ namespace {
 std::string ValuesText(const Setting& setting) {
   const std::string range = std::to_string(setting.min) + " to " + std::to_string(setting.max);
   switch (setting.kind) {
-    case SettingKind::kAddress:
-      return "IPv4 address";
+    case SettingKind::kIPAddresses:
+      return "addresses";
+    case SettingKind::kChoice: {
+      std::string texts;
+      for (std::string_view choice : setting.choices)
+        texts += (texts.empty() ? "" : ", ") + std::string(choice);
+      return texts;
+    }
+    case SettingKind::kFile:
     case SettingKind::kDatabase:
       return "file";
     case SettingKind::kLogFolder:
       return "folder";
     case SettingKind::kInteger:
+    case SettingKind::kTLSPort:
       return range;
     case SettingKind::kBoolean:
       return "0 or 1";
@@ -41,7 +49,10 @@ std::string ValuesText(const Setting& setting) {
     case SettingKind::kExtensionList:
       return "extension list";
     case SettingKind::kRangeList:
+    case SettingKind::kPartialRangeList:
       return "address ranges";
+    case SettingKind::kCertificateList:
+      return "certificate list";
     default:
       return "text";
   }
@@ -64,7 +75,7 @@ TEST(SettingsReference, ListsEverySettingInTheOrderOfTheDump) {
     EXPECT_FALSE(cells[3].empty()) << line;
     tables[section].push_back(cells[0] + " | " + cells[1] + " | " + cells[2]);
   }
-  for (const char* name : {"Common", "GreyListing"}) {
+  for (const char* name : {"Common", "GreyListing", "TLS"}) {
     std::vector<std::string> expected;
     for (const Setting* setting : SettingsInDumpOrder(name)) {
       expected.push_back("`" + std::string(setting->key) + "` | " + DefaultText(*setting) + " | " +

@@ -1,6 +1,8 @@
 // What the dump shows loads as the same configuration: checked over random ones.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <random>
 #include <string>
 
@@ -77,6 +79,9 @@ class RandomFile {
         return network + "." + byte() + "." + byte();
     }
   }
+  std::string FileName() {
+    return Below(3) == 0 ? Quoted() : Pick({"/etc/", "./", "../", "", "a/"}) + Word();
+  }
   std::string Record() {
     const auto part = [this] { return "<" + Pick({"", "a, b", "{%crlf%}", "=", " \"x\" "}) + Word() + ">"; };
     switch (Below(3)) {
@@ -124,20 +129,41 @@ class RandomFile {
       case SettingKind::kRangeList:
         AddLines(text, key, [this] { return Range(); });
         break;
-      case SettingKind::kAddress:
-        text += key + "=192.0.2." + std::to_string(Below(256)) + "\n";
+      case SettingKind::kPartialRangeList:
+        AddLines(text, key, [this] { return Range(); });
+        break;
+      case SettingKind::kIPAddresses:
+        text += key + "=192.0.2." + std::to_string(Below(256)) +
+                Pick({"", ",::1", " , 2001:DB8::01,,::ffff:192.0.2.7", ",0.0.0.0, ::"}) + "\n";
+        break;
+      case SettingKind::kCertificateList:
+        AddLines(text, key, [this] {
+          return FileName() + Pick({"", "", " ", "  "}) + Pick({"", "\"\"", "k", FileName().c_str()});
+        });
+        break;
+      case SettingKind::kChoice:
+        text +=
+            key + "=" +
+            std::string(
+                setting.choices[static_cast<std::size_t>(Below(static_cast<int>(setting.choices.size())))]) +
+            "\n";
         break;
       case SettingKind::kSize:
         text += key + "=" + std::to_string(Below(5000) - 2) + Pick({"", "K", "M", "G", ".5K", ".7"}) + "\n";
         break;
       case SettingKind::kText:
+      case SettingKind::kCiphers:
+      case SettingKind::kFile:
       case SettingKind::kHostName:
       case SettingKind::kDatabase:
       case SettingKind::kLogFolder:
         text += key + "=" + Pick({"", "a b", "/x/y"}) + Word() + "\n";
         break;
       default:
-        text += key + "=" + std::to_string(setting.min + Below(100)) + "\n";
+        text += key + "=" +
+                std::to_string(setting.min + Below(static_cast<int>(std::min<std::int64_t>(
+                                                 100, setting.max - setting.min + 1)))) +
+                "\n";
         break;
     }
   }
@@ -162,6 +188,8 @@ TEST(Dump, ReadsBackAsTheSameConfiguration) {
     ReadEarlyKeysFromText(dump, inputs, again.configuration, again.log);
     again.configuration.LogPath = loaded.configuration.LogPath;  // empty there
     ASSERT_EQ(Joined(DumpLines(again.configuration)), dump) << text;
+    ASSERT_TRUE(again.configuration.TLS == loaded.configuration.TLS) << text;
+    ASSERT_EQ(again.configuration.BindAddresses, loaded.configuration.BindAddresses) << text;
     for (const Setting& setting : AllSettings()) {
       if (setting.kind == SettingKind::kAddressList || setting.kind == SettingKind::kPlainList ||
           setting.kind == SettingKind::kExtensionList) {
@@ -169,6 +197,15 @@ TEST(Dump, ReadsBackAsTheSameConfiguration) {
                   Entries(FieldOf<ExpressionList>(loaded.configuration, setting)))
             << setting.key << "\n"
             << text;
+      }
+      if (setting.kind == SettingKind::kRangeList || setting.kind == SettingKind::kPartialRangeList) {
+        // A range that stands twice is written once.
+        const IPRangeList& first = FieldOf<IPRangeList>(loaded.configuration, setting);
+        const IPRangeList& second = FieldOf<IPRangeList>(again.configuration, setting);
+        for (const IPRange& range : first.Ranges()) {
+          ASSERT_TRUE(second.Contains(range.low) && second.Contains(range.high)) << setting.key;
+        }
+        ASSERT_LE(second.Count(), first.Count()) << setting.key;
       }
     }
   }

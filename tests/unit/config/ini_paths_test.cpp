@@ -40,6 +40,19 @@ TEST(ResolveIniPath, PutsAllOthersUnderTheProgramsDirectory) {
   for (const auto& row : rows) EXPECT_EQ(ResolveIniPath(row.given, "/opt/trabex", "Trabex"), row.path);
 }
 
+TEST(ResolveFilePath, FollowsTheRuleOfTheInitializationFileButHasNoDefault) {
+  const struct {
+    const char* setting;
+    const char* path;
+  } rows[] = {{"", ""},
+              {"/etc/c.pem", "/etc/c.pem"},
+              {"./c.pem", "./c.pem"},
+              {"C:\\c.pem", "C:\\c.pem"},
+              {"c.pem", "/opt/trabex/c.pem"},
+              {"tls/c.pem", "/opt/trabex/tls/c.pem"}};
+  for (const auto& row : rows) EXPECT_EQ(ResolveFilePath(row.setting, "/opt/trabex"), row.path);
+}
+
 TEST(ResolveDatabasePath, UsesTheFolderUnderTheProgramUnlessAFolderIsGiven) {
   const struct {
     const char* setting;

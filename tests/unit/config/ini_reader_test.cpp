@@ -21,7 +21,7 @@ std::vector<std::string> KeyNames(const SectionTable& section) {
 
 TEST(SectionStore, HasTheSevenSectionsAndNoOther) {
   SectionStore store;
-  EXPECT_EQ(kSectionNames.size(), 7U);
+  EXPECT_EQ(kSectionNames.size(), 8U);
   for (std::string_view name :
        {"Common", "GreyListing", "ResponseChanges", "SenderReplacements.Local", "SenderReplacements.Remote",
         "RecipientReplacements.Local", "RecipientReplacements.Remote"}) {
