@@ -51,23 +51,13 @@ double cProxy::Duration() const {
 
 void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   if (stage_ == Stage::kClosed) return;
-  switch (event) {
-    case SessionSide::Event::kConnect:
-      if (&side == &Sender) {
-        TimeoutSpan = std::chrono::seconds(0);
-        timeout_.reset();
-      }
-      side.Log(log_level::kConnection, "Connected.");
-      break;
-    case SessionSide::Event::kDataArrival:
-      if (&side == &Receiver && TimeoutSpan.count() != 0 && LineHasCome()) {
-        LastActivity = dependencies_.clock.Monotonic();
-      }
-      break;
-    case SessionSide::Event::kSendComplete:
-    case SessionSide::Event::kError:
-    case SessionSide::Event::kCloseSck:
-      break;
+  if (event == SessionSide::Event::kConnect) {  // of the server; the client is connected from the beginning
+    TimeoutSpan = std::chrono::seconds(0);
+    timeout_.reset();
+    side.Log(log_level::kConnection, "Connected.");
+  } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver && TimeoutSpan.count() != 0 &&
+             LineHasCome()) {
+    LastActivity = dependencies_.clock.Monotonic();
   }
   Pump();
 }

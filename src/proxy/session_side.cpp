@@ -1,55 +1,33 @@
 #include "proxy/session_side.h"
 
-#include <array>
-#include <memory>
-#include <utility>
-
 #include "proxy/session_log.h"
 
 namespace trabex {
 
-namespace {
-
-// The sources under which the log knows the handlers of both sides, by event.
-constexpr std::array<std::array<std::string_view, 5>, 2> kSources = {{
-    {"cProxy.Receiver_Connect", "cProxy.Receiver_DataArrival", "cProxy.Receiver_SendComplete",
-     "cProxy.Receiver_Error", "cProxy.Receiver_CloseSck"},
-    {"cProxy.Sender_Connect", "cProxy.Sender_DataArrival", "cProxy.Sender_SendComplete",
-     "cProxy.Sender_Error", "cProxy.Sender_CloseSck"},
-}};
-
-}  // namespace
-
 SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner)
     : peer_(peer), dependencies_(dependencies), owner_(owner), socket_(dependencies.sockets) {
-  socket_.Events.Connect = [this] { Notify(Event::kConnect); };
+  socket_.Events.Owner = peer == Peer::kClient ? "cProxy.Receiver" : "cProxy.Sender";
+  socket_.Events.Connect = [this] {
+    connected_ = true;
+    owner_.OnSideEvent(*this, Event::kConnect);
+  };
   socket_.Events.DataArrival = [this] {
     readable_ = true;
-    Notify(Event::kDataArrival);
+    owner_.OnSideEvent(*this, Event::kDataArrival);
   };
   socket_.Events.SendComplete = [this] {
     sending_ = false;
     sent_at_once_ = in_send_;
-    if (!in_send_) Notify(Event::kSendComplete);
+    if (!in_send_) owner_.OnSideEvent(*this, Event::kOther);
   };
   socket_.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
     NoteFailure(number, description);
-    if (!in_send_) Notify(Event::kError);
+    if (!in_send_) owner_.OnSideEvent(*this, Event::kOther);
   };
   socket_.Events.CloseSck = [this] {
     end_ = End::kClosed;
-    Notify(Event::kCloseSck);
+    owner_.OnSideEvent(*this, Event::kOther);
   };
-}
-
-void SessionSide::Notify(Event event) {
-  if (event == Event::kConnect) connected_ = true;
-  RunLogged(dependencies_.log, kSources[static_cast<std::size_t>(peer_)][static_cast<std::size_t>(event)],
-            [&] { owner_.OnSideEvent(*this, event); });
-}
-
-std::string_view SessionSide::Peek(std::int32_t limit) {
-  return socket_.PeekView(limit);
 }
 
 void SessionSide::Take(std::size_t used, std::size_t size) {
@@ -66,11 +44,12 @@ std::string SessionSide::TakeAll() {
 
 void SessionSide::Send(std::string_view bytes, bool more_follows) {
   if (!IsConnected()) return;
-  sending_ = true;
+  const struct Clear {
+    bool& flag;
+    ~Clear() { flag = false; }
+  } at_end{in_send_};
+  sending_ = in_send_ = true;
   sent_at_once_ = false;
-  in_send_ = true;
-  const auto leave = [](bool* in_send) { *in_send = false; };
-  const std::unique_ptr<bool, decltype(leave)> until_it_returns(&in_send_, leave);
   socket_.SendData(bytes, more_follows);
 }
 

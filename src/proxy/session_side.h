@@ -18,14 +18,14 @@ namespace trabex {
 class SessionSide {
  public:
   enum class Peer { kClient, kServer };
-  // What the socket notifies its session of.
-  enum class Event { kConnect, kDataArrival, kSendComplete, kError, kCloseSck };
+  // What the socket notifies its session of. Other: a send is complete, or the connection has ended.
+  enum class Event { kConnect, kDataArrival, kOther };
 
   class Owner {
    public:
     virtual ~Owner() = default;
-    // The fact is noted already. Errors that leave the call are logged. Never called from inside Send: what
-    // happens there is only noted, and its caller checks it.
+    // The fact is noted already. Errors that leave the call are logged by the socket. Never called from
+    // inside Send: what happens there is only noted, and its caller checks it.
     virtual void OnSideEvent(SessionSide& side, Event event) = 0;
   };
 
@@ -44,7 +44,7 @@ class SessionSide {
   // Whether the peer has unread bytes, as far as the session knows.
   bool Readable() const { return readable_; }
   // The next unread bytes, `limit` at most; valid until this side takes or closes, or any socket is read.
-  std::string_view Peek(std::int32_t limit);
+  std::string_view Peek(std::int32_t limit) { return socket_.PeekView(limit); }
   // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
   // at once when any were used; otherwise it waits for more.
   void Take(std::size_t used, std::size_t size);
@@ -78,8 +78,6 @@ class SessionSide {
   void Log(std::int32_t level, std::string_view text) const;
 
  private:
-  void Notify(Event event);
-
   const Peer peer_;
   SessionDependencies& dependencies_;
   Owner& owner_;
