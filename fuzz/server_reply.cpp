@@ -22,7 +22,7 @@ std::vector<std::string> Assemble(std::string_view bytes, std::size_t step) {
   ReplyAssembler assembler;
   std::vector<std::string> replies;
   for (std::size_t at = 0; at < bytes.size(); at += step) {
-    assembler.Append(bytes.substr(at, step));
+    assembler.Append(std::string(bytes.substr(at, step)));
     while (auto reply = assembler.NextReply()) replies.push_back(std::move(*reply));
   }
   std::size_t complete = 0;

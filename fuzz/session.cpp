@@ -223,7 +223,8 @@ class Peers final : private DialogueActions {
       case 's':
         // The client's next line is looked at when all of it has been relayed.
         if (!settings_.refused && server_) {
-          InPieces(bytes, [&](std::string_view piece) { dialogue_.OnServerBytes(piece, *this); });
+          InPieces(bytes,
+                   [&](std::string_view piece) { dialogue_.OnServerBytes(std::string(piece), *this); });
         }
         break;
       case 'n':

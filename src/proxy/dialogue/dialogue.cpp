@@ -118,8 +118,8 @@ void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions
 
 // --- the server's side
 
-void Dialogue::OnServerBytes(std::string_view bytes, DialogueActions& actions) {
-  assembler_.Append(bytes);
+void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
+  assembler_.Append(std::move(bytes));
   RelayReplies(actions);
   if (assembler_.TooLong() && !RelayBeginOfReply(actions)) {
     actions.Log(Side::kServer, log_level::kErrors, "Reply too long. Closing connection.");

@@ -65,7 +65,7 @@ class Dialogue {
   // how many it has used. 0: nothing is taken now, or a line or an end of content has not come whole.
   std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
   // Takes what the server said: whole replies are relayed, the rest is kept until it is whole.
-  void OnServerBytes(std::string_view bytes, DialogueActions& actions);
+  void OnServerBytes(std::string bytes, DialogueActions& actions);
   // The answer to AskForAddresses.
   void OnAddresses(const HostAddresses& answer, DialogueActions& actions);
   // The server's connection has ended. Its last words reach the client, even if they broke off inside a line;

@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <optional>
 #include <string>
-#include <string_view>
 
 namespace trabex {
 
@@ -16,7 +15,10 @@ class ReplyAssembler {
   // server cannot fill the memory.
   static constexpr std::size_t kMaxReplyBytes = 65536;
 
-  void Append(std::string_view bytes) { buffer_.append(bytes); }
+  void Append(std::string bytes) {
+    if (buffer_.empty()) return buffer_.swap(bytes);
+    buffer_ += bytes;
+  }
   // The next complete reply with its line ends, or nothing when it has not come whole.
   std::optional<std::string> NextReply();
   // More than kMaxReplyBytes are there without a complete reply.

@@ -251,7 +251,7 @@ std::vector<std::string> TestDialogue::OutcomeOfLine(std::string_view line) {
 }
 
 std::vector<std::string> TestDialogue::OutcomeOfReply(std::string_view reply) {
-  return Outcome([&](Dialogue& dialogue) { dialogue.OnServerBytes(reply, *this); });
+  return Outcome([&](Dialogue& dialogue) { dialogue.OnServerBytes(std::string(reply), *this); });
 }
 
 std::vector<std::string> TestDialogue::OutcomeOfContent(std::string_view bytes) {
