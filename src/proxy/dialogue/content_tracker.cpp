@@ -5,26 +5,10 @@
 
 namespace trabex {
 
-void ContentTracker::BeginDot() {
-  mode_ = Mode::kDot;
-  before_ = Before::kLineStart;
-}
-
-void ContentTracker::BeginOctets(std::uint64_t count) {
-  mode_ = count > 0 ? Mode::kOctets : Mode::kNone;
-  left_ = count;
-}
-
-ContentTracker::Step ContentTracker::Scan(std::string_view bytes) {
-  return mode_ == Mode::kDot ? ScanDot(bytes) : ScanOctets(bytes);
-}
-
 ContentTracker::Step ContentTracker::ScanOctets(std::string_view bytes) {
-  const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(left_, bytes.size()));
-  left_ -= taken;
-  if (left_ > 0) return {taken, Outcome::kGoesOn};
-  mode_ = Mode::kNone;
-  return {taken, Outcome::kEnded};
+  const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(*octets_left_, bytes.size()));
+  *octets_left_ -= taken;
+  return {taken, *octets_left_ > 0 ? Outcome::kGoesOn : Outcome::kEnded};
 }
 
 ContentTracker::Step ContentTracker::ScanDot(std::string_view bytes) {
@@ -37,7 +21,6 @@ ContentTracker::Step ContentTracker::ScanDot(std::string_view bytes) {
       if (byte != '\r') return {at, Outcome::kAmbiguous};
       if (at + 1 == bytes.size()) return {at, Outcome::kGoesOn};
       if (bytes[at + 1] != '\n') return {at, Outcome::kAmbiguous};
-      mode_ = Mode::kNone;
       return {at + 2, Outcome::kEnded};
     }
     switch (byte) {

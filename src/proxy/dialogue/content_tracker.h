@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 namespace trabex {
@@ -23,22 +24,18 @@ class ContentTracker {
     Outcome outcome = Outcome::kGoesOn;
   };
 
-  // Whether content is expected at all.
-  bool Active() const { return mode_ != Mode::kNone; }
   // Octets that are still to come; 0 for content that ends with a dot.
-  std::uint64_t OctetsLeft() const { return mode_ == Mode::kOctets ? left_ : 0; }
+  std::uint64_t OctetsLeft() const { return octets_left_.value_or(0); }
 
-  void BeginDot();
-  // `count` 0 ends at once: Active() is false then.
-  void BeginOctets(std::uint64_t count);
+  void BeginDot() { *this = {}; }
+  void BeginOctets(std::uint64_t count) { octets_left_ = count; }
 
-  // Scans the next bytes of the client (not empty). After kEnded the tracker is inactive; after kAmbiguous
-  // it stays where it is. After a dot that may be the last one a trailing CR is withheld (Step::bytes is
-  // short) until the next byte is known.
-  Step Scan(std::string_view bytes);
+  // Scans the next bytes of the client (not empty). After kEnded new content is begun before the next call;
+  // after kAmbiguous the tracker stays where it is. After a dot that may be the last one a trailing CR is
+  // withheld (Step::bytes is short) until the next byte is known.
+  Step Scan(std::string_view bytes) { return octets_left_ ? ScanOctets(bytes) : ScanDot(bytes); }
 
  private:
-  enum class Mode { kNone, kDot, kOctets };
   // What the byte before the current one means for a dot.
   enum class Before {
     kLineStart,  // the start of the content, or CR LF
@@ -52,9 +49,8 @@ class ContentTracker {
   Step ScanOctets(std::string_view bytes);
   Step ScanDot(std::string_view bytes);
 
-  Mode mode_ = Mode::kNone;
   Before before_ = Before::kLineStart;
-  std::uint64_t left_ = 0;
+  std::optional<std::uint64_t> octets_left_;  // nothing for content that ends with a dot
 };
 
 }  // namespace trabex
