@@ -58,6 +58,10 @@ std::string_view Trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(' ') - first + 1);
 }
 
+std::string_view WithoutLineEnd(std::string_view text) {
+  return text.ends_with(kCrLf) ? text.substr(0, text.size() - kCrLf.size()) : text;
+}
+
 bool EqualNoCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() &&
          std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return ToLower(x) == ToLower(y); });

@@ -26,6 +26,9 @@ std::string ToUpper(std::string_view text);
 // `text` without leading and trailing blanks (character 32 only; a tab stays).
 std::string_view Trim(std::string_view text);
 
+// `text` without the CR LF at its end, if it has one.
+std::string_view WithoutLineEnd(std::string_view text);
+
 // Comparisons without regard to ASCII case.
 bool EqualNoCase(std::string_view a, std::string_view b);
 bool StartsWithNoCase(std::string_view text, std::string_view prefix);

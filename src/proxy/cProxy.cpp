@@ -141,11 +141,7 @@ void cProxy::ToServer(std::string_view bytes, bool more_follows) {
 
 void cProxy::ToClient(std::string_view reply) {
   if (IsOver() || !Receiver.IsConnected()) return;
-  if (Receiver.Logs(log_level::kSent)) {
-    const std::string_view shown =
-        reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
-    Receiver.Log(log_level::kSent, shown);
-  }
+  Receiver.Log(log_level::kSent, WithoutLineEnd(reply));
   Receiver.Send(reply);
 }
 

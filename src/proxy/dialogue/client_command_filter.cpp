@@ -30,10 +30,6 @@ std::string_view WithoutLeadingBlanks(std::string_view text) {
   return text.substr(static_cast<std::size_t>(first - text.begin()));
 }
 
-std::string_view WithoutLineEnd(std::string_view line) {
-  return line.ends_with(kCrLf) ? line.substr(0, line.size() - kCrLf.size()) : line;
-}
-
 // An address literal (RFC 5321, 4.1.3) resolves to the address inside.
 std::string_view NameToLookUp(std::string_view helo_domain) {
   if (helo_domain.size() > 2 && helo_domain.front() == '[' && helo_domain.back() == ']') {

@@ -4,10 +4,10 @@
 
 namespace trabex {
 
-bool ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
+void ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
                           const MacroSource& macros) {
   const cReplaces* replaces = configuration.ResponseChanges.Find(key);
-  if (!replaces) return false;
+  if (!replaces) return;
   std::string changed = reply;
   try {
     replaces->Apply(changed, macros);
@@ -15,7 +15,6 @@ bool ApplyResponseChanges(std::string_view key, std::string& reply, const Config
   } catch (const std::exception&) {
     // A rule that fails must not cost the client its reply.
   }
-  return true;
 }
 
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,

@@ -10,9 +10,9 @@
 
 namespace trabex {
 
-// Rewrites `reply` (without its last CR LF) by the rules under `key`; returns whether there are any. Failures
-// inside the rules are ignored: the reply goes out as it was.
-bool ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
+// Rewrites `reply` (without its last CR LF) by the rules under `key`, if there are any. Failures inside the
+// rules are ignored: the reply goes out as it was.
+void ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
                           const MacroSource& macros);
 
 // The names under which a policy reply of `kind` may be changed, from the general to the specific, applied in

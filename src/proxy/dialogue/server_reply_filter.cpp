@@ -45,9 +45,18 @@ bool CanBeReliedOn(std::string_view reply, Command command) {
   return command == Command::kEhlo ? CodeOf(LastLine(reply)) == CodeOf(reply) : HasOneCode(reply);
 }
 
-// Whether the next reply is the one to the command that was forwarded last.
-bool AnswersCommand(Phase phase) {
-  return phase == Phase::kReply || phase == Phase::kChunk;
+// `meant` is the code, "" when it does not count.
+PhaseEvent EventOf(std::string_view reply, std::string_view meant, const DialogueState& state) {
+  const Command command = state.forwarded.command;
+  // A second 334 before the data has come asks for the same data.
+  const bool may_ask_for_data =
+      state.phase == Phase::kAuthData || (state.phase == Phase::kReply && command == Command::kAuth);
+  if (may_ask_for_data && CodeOf(LastLine(reply)) == "334") return PhaseEvent::kAuthDataWanted;
+  if (state.phase != Phase::kReply) return PhaseEvent::kReply;
+  if (command == Command::kData && meant == "354") return PhaseEvent::kContentWanted;
+  if (command == Command::kXexch50 && meant == "354") return PhaseEvent::kOctetsWanted;
+  if (command == Command::kQuit && meant == "221") return PhaseEvent::kQuitAccepted;
+  return PhaseEvent::kReply;
 }
 
 // The number in a SIZE extension line (RFC 1870); 0 without a readable one.
@@ -67,22 +76,19 @@ ServerReplyFilter::ServerReplyFilter(const Configuration& configuration, const C
 
 ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
                                                      const DialogueState& state) const {
-  const std::string_view text = reply.ends_with(kCrLf) ? reply.substr(0, reply.size() - kCrLf.size()) : reply;
+  const std::string_view text = WithoutLineEnd(reply);
   const std::string_view code = CodeOf(text);
   const ForwardedCommand& forwarded = state.forwarded;
+  const std::string_view meant = CanBeReliedOn(text, forwarded.command) ? code : "";
   ReplyDecision decision;
-  decision.event = EventOf(text, code, state);
+  decision.event = EventOf(text, meant, state);
   decision.transaction = state.transaction;
-  std::string changed(text);
-  bool rewritten = false;
+  decision.text = text;
   bool refuses_message = false;
-  if (AnswersCommand(state.phase)) {
-    const std::string_view meant = CanBeReliedOn(text, forwarded.command) ? code : "";
+  if (state.phase == Phase::kReply || state.phase == Phase::kChunk) {
     decision.transaction = NextTransaction(state.transaction, forwarded.command, forwarded.last_chunk, meant);
-    if (meant == "250") FollowAccepted(state, decision);
-    rewritten = meant == "250" && forwarded.command == Command::kEhlo;
-    if (rewritten) changed = RewriteEhloReply(text, decision.offered.emplace());
-    refuses_message = forwarded.last_chunk && !(code == "250" && HasOneCode(text));
+    if (meant == "250") FollowAccepted(text, state, decision);
+    refuses_message = forwarded.last_chunk && meant != "250";
   }
   if (decision.event == PhaseEvent::kContentWanted && state.requested.RecipientCount != 0 &&
       configuration_.AddReceived) {
@@ -92,37 +98,23 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   const SessionMacros macros(configuration_, clock_, facts_,
                              decision.requested ? *decision.requested : state.requested,
                              decision.offered ? *decision.offered : state.offered, state.BytesReceived);
-  rewritten |= ApplyResponseChanges(code, changed, configuration_, macros);
-  rewritten |= ApplyResponseChanges(std::string(forwarded.ForwardedVerb).append(".").append(code), changed,
-                                    configuration_, macros);
+  ApplyResponseChanges(code, decision.text, configuration_, macros);
+  ApplyResponseChanges(std::string(forwarded.ForwardedVerb).append(".").append(code), decision.text,
+                       configuration_, macros);
   // The reply's changes may still name the message's addresses; after it they are forgotten.
   if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
-  decision.text = rewritten ? changed.append(kCrLf) : std::string(reply);
+  decision.text.append(kCrLf);
   return decision;
 }
 
-PhaseEvent ServerReplyFilter::EventOf(std::string_view reply, std::string_view code,
-                                      const DialogueState& state) {
-  const Command command = state.forwarded.command;
-  const bool asks_for_data = CodeOf(LastLine(reply)) == "334";
-  // A second 334 before the data has come asks for the same data.
-  if (state.phase == Phase::kAuthData && asks_for_data) return PhaseEvent::kAuthDataWanted;
-  if (state.phase != Phase::kReply) return PhaseEvent::kReply;
-  if (command == Command::kAuth && asks_for_data) return PhaseEvent::kAuthDataWanted;
-  if (!CanBeReliedOn(reply, command)) return PhaseEvent::kReply;
-  if (command == Command::kData && code == "354") return PhaseEvent::kContentWanted;
-  if (command == Command::kXexch50 && code == "354") return PhaseEvent::kOctetsWanted;
-  if (command == Command::kQuit && code == "221") return PhaseEvent::kQuitAccepted;
-  return PhaseEvent::kReply;
-}
-
-void ServerReplyFilter::FollowAccepted(const DialogueState& state, ReplyDecision& decision) {
+void ServerReplyFilter::FollowAccepted(std::string_view reply, const DialogueState& state,
+                                       ReplyDecision& decision) const {
   const Command command = state.forwarded.command;
   if (command != Command::kEhlo && command != Command::kHelo && command != Command::kRset) return;
   (decision.requested = state.requested)->ResetTransaction();
-  if (command != Command::kHelo) return;
+  if (command == Command::kEhlo) decision.text = RewriteEhloReply(reply, decision.offered.emplace());
   // The limit is ours as well, so it stays.
-  decision.offered.emplace().SizeLimit = state.offered.SizeLimit;
+  if (command == Command::kHelo) decision.offered.emplace().SizeLimit = state.offered.SizeLimit;
 }
 
 std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedState& offered) const {

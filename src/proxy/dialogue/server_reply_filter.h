@@ -33,9 +33,8 @@ class ServerReplyFilter {
   ReplyDecision ProcessOutgoingData(std::string_view reply, const DialogueState& state) const;
 
  private:
-  static PhaseEvent EventOf(std::string_view reply, std::string_view code, const DialogueState& state);
-  // The state after an accepted greeting or RSET.
-  static void FollowAccepted(const DialogueState& state, ReplyDecision& decision);
+  // The state after an accepted greeting or RSET, and what the client sees of the reply.
+  void FollowAccepted(std::string_view reply, const DialogueState& state, ReplyDecision& decision) const;
   // The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
   std::string RewriteEhloReply(std::string_view reply, OfferedState& offered) const;
   void LimitSize(OfferedState& offered) const;

@@ -18,6 +18,9 @@ TEST(Text, TrimTakesBlanksOnly) {
   EXPECT_EQ(Trim("  a b  "), "a b");
   EXPECT_EQ(Trim("\ta "), "\ta");
   EXPECT_EQ(Trim("   "), "");
+  EXPECT_EQ(WithoutLineEnd("a\r\n\r\n"), "a\r\n");
+  EXPECT_EQ(WithoutLineEnd("a\n"), "a\n");
+  EXPECT_EQ(WithoutLineEnd("\r\n"), "");
   EXPECT_EQ(Trim(""), "");
 }
 

@@ -24,8 +24,8 @@ struct Session {
     clock.SetBias(-180);
   }
 
-  std::string Changed(std::string_view key, std::string reply, bool expect_found = true) {
-    EXPECT_EQ(ApplyResponseChanges(key, reply, configuration, macros), expect_found) << key;
+  std::string Changed(std::string_view key, std::string reply) {
+    ApplyResponseChanges(key, reply, configuration, macros);
     return reply;
   }
 
@@ -39,10 +39,10 @@ struct Session {
 TEST(ResponseChanges, AReplyWithoutRulesStaysAsItIs) {
   Session session;
   session.configuration.ResponseChanges.Add(WholeReply("RCPT.Private", "changed"));
-  EXPECT_EQ(session.Changed("RCPT.Relaying", "550 x", false), "550 x");
-  EXPECT_EQ(session.Changed("RCPT", "550 x", false), "550 x");
-  EXPECT_EQ(session.Changed("RCPT.Private.", "550 x", false), "550 x");
-  EXPECT_EQ(session.Changed("", "550 x", false), "550 x");
+  EXPECT_EQ(session.Changed("RCPT.Relaying", "550 x"), "550 x");
+  EXPECT_EQ(session.Changed("RCPT", "550 x"), "550 x");
+  EXPECT_EQ(session.Changed("RCPT.Private.", "550 x"), "550 x");
+  EXPECT_EQ(session.Changed("", "550 x"), "550 x");
 }
 
 TEST(ResponseChanges, KeysAreFoundInAnyCase) {
@@ -51,8 +51,7 @@ TEST(ResponseChanges, KeysAreFoundInAnyCase) {
   EXPECT_EQ(session.Changed("RCPT.Private", "550 x"), "changed");
 }
 
-// A list that changes nothing in this reply is a rule set all the same.
-TEST(ResponseChanges, ARuleThatDoesNotMatchCountsAsFound) {
+TEST(ResponseChanges, ARuleThatDoesNotMatchChangesNothing) {
   Session session;
   cReplaces replaces;
   replaces.SetName("250");
@@ -128,7 +127,7 @@ TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
   const SessionMacros macros(session.configuration, session.clock, facts, session.state.requested,
                              session.state.offered, 0);
   std::string reply = "550 no";
-  EXPECT_TRUE(ApplyResponseChanges("550", reply, session.configuration, macros));
+  ApplyResponseChanges("550", reply, session.configuration, macros);
   EXPECT_EQ(reply, "550 no");
 }
 
