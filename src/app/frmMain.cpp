@@ -142,7 +142,7 @@ void frmMain::TestForLoop(std::function<void(bool passed)> done) {
     done(true);
     return;
   }
-  server_lookup_ = program_.names->FindAddresses(program_.configuration.ServerIP,
+  server_lookup_ = program_.names->FindAddresses(program_.configuration.ServerIP, LookupFamily::kIPv4First,
                                                  [this, done = std::move(done)](const AddressAnswer& answer) {
                                                    server_lookup_ = 0;
                                                    done(PassesLoopTest(answer));

@@ -31,8 +31,8 @@ void CSocketMaster::ReportError(int number, const char* source) {
 
 void CSocketMaster::ResolveIfHostname(const std::string& host) {
   state_ = SocketState::sckResolvingHost;
-  host_lookup_ =
-      module_.names_.FindAddresses(host, [this](const AddressAnswer& answer) { OnHostAnswer(answer); });
+  host_lookup_ = module_.names_.FindAddresses(host, LookupFamily::kIPv4First,
+                                              [this](const AddressAnswer& answer) { OnHostAnswer(answer); });
   if (host_lookup_ == 0) ReportError(socket_error::kNoRecovery, "CSocketMaster.ResolveIfHostname");
 }
 

@@ -146,7 +146,9 @@ void cProxy::ToClient(std::string_view reply) {
 }
 
 void cProxy::AskForAddresses(std::string_view host_name) {
-  name_lookup_ = dependencies_.names.FindAddresses(host_name, [this](const AddressAnswer& answer) {
+  // A name shall have the address that its client came from, so addresses of the other family are of no use.
+  const LookupFamily family = LookupFamilyOf(ClientIP());
+  name_lookup_ = dependencies_.names.FindAddresses(host_name, family, [this](const AddressAnswer& answer) {
     RunHandler("cProxy.ProcessIncomingData", [&] {
       name_lookup_ = 0;
       dialogue_.OnAddresses({answer.error == 0, answer.addresses}, *this);

@@ -53,25 +53,61 @@ IPAddress FromNetOrder(const in_addr& address) {
                          std::uint32_t{bytes[2]} << 8 | bytes[3]);
 }
 
-// The name under which DNS keeps the names of an IPv4 address.
-std::string ReverseName(const IPAddress& address) {
-  const auto bytes = address.Bytes();
-  std::string name;
-  for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) name += std::to_string(*byte) + ".";
-  return name + "in-addr.arpa";
+IPAddress FromNetOrder(const ares_in6_addr& address) {
+  IPAddress::IPv6Bytes bytes;
+  static_assert(sizeof address == sizeof bytes);
+  std::memcpy(bytes.data(), &address, sizeof address);
+  return IPAddress::IPv6(bytes);
 }
 
-DnsReply ReadAddresses(const unsigned char* message, int length) {
-  DnsReply reply;
+// The name under which DNS keeps the names of an address: its bytes from the last to the first (RFC 1035,
+// 3.5), of IPv6 its hexadecimal digits (RFC 3596, 2.5).
+std::string ReverseName(const IPAddress& address) {
+  constexpr std::string_view kDigits = "0123456789abcdef";
+  const auto bytes = address.Bytes();
+  std::string name;
+  for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte) {
+    if (address.IsIPv6()) {
+      name.append({kDigits[*byte & 0xF], '.', kDigits[*byte >> 4], '.'});
+    } else {
+      name += std::to_string(*byte) + ".";
+    }
+  }
+  return name + (address.IsIPv6() ? "ip6.arpa" : "in-addr.arpa");
+}
+
+int ReadIPv4Addresses(const unsigned char* message, int length, std::vector<IPAddress>& addresses) {
   std::array<ares_addrttl, kMaxAddresses> found{};
   int count = kMaxAddresses;
   const int status = ares_parse_a_reply(message, length, nullptr, found.data(), &count);
+  if (status != ARES_SUCCESS) return status;
+  for (int i = 0; i < count; ++i) {
+    addresses.push_back(FromNetOrder(found[static_cast<std::size_t>(i)].ipaddr));
+  }
+  return status;
+}
+
+int ReadIPv6Addresses(const unsigned char* message, int length, std::vector<IPAddress>& addresses) {
+  std::array<ares_addr6ttl, kMaxAddresses> found{};
+  int count = kMaxAddresses;
+  const int status = ares_parse_aaaa_reply(message, length, nullptr, found.data(), &count);
+  if (status != ARES_SUCCESS) return status;
+  for (int i = 0; i < count; ++i) {
+    const IPAddress address = FromNetOrder(found[static_cast<std::size_t>(i)].ip6addr);
+    // An IPv4 address does not become one of IPv6 by being written as such.
+    if (address.IsIPv6()) addresses.push_back(address);
+  }
+  return status;
+}
+
+DnsReply ReadAddresses(const unsigned char* message, int length, bool ipv6) {
+  DnsReply reply;
+  const int status = ipv6 ? ReadIPv6Addresses(message, length, reply.addresses)
+                          : ReadIPv4Addresses(message, length, reply.addresses);
   if (status != ARES_SUCCESS) {
     reply.error = LookupError(status);
     return reply;
   }
-  for (int i = 0; i < count; ++i)
-    reply.addresses.push_back(FromNetOrder(found[static_cast<std::size_t>(i)].ipaddr));
   // An answer may lead from alias to alias and end without an address.
   if (reply.addresses.empty()) reply.error = socket_error::kNoData;
   return reply;
@@ -81,8 +117,8 @@ DnsReply ReadName(const unsigned char* message, int length, const IPAddress& add
   DnsReply reply;
   const auto bytes = address.Bytes();
   hostent* host = nullptr;
-  const int status =
-      ares_parse_ptr_reply(message, length, bytes.data(), static_cast<int>(bytes.size()), AF_INET, &host);
+  const int status = ares_parse_ptr_reply(message, length, bytes.data(), static_cast<int>(bytes.size()),
+                                          address.IsIPv6() ? AF_INET6 : AF_INET, &host);
   if (status != ARES_SUCCESS) {
     reply.error = LookupError(status);
     return reply;
@@ -102,8 +138,8 @@ DnsReply ReadName(const unsigned char* message, int length, const IPAddress& add
 struct DnsChannel::Query {
   DnsChannel& channel;
   LookupId id;
-  bool for_name;
-  IPAddress address;
+  int type;           // T_A, T_AAAA or T_PTR
+  IPAddress address;  // of T_PTR: whose name is asked for
 };
 
 struct DnsChannel::Callbacks {
@@ -115,10 +151,10 @@ struct DnsChannel::Callbacks {
     DnsReply reply;
     if (status != ARES_SUCCESS) {
       reply.error = LookupError(status);
-    } else if (query->for_name) {
+    } else if (query->type == T_PTR) {
       reply = ReadName(message, length, query->address);
     } else {
-      reply = ReadAddresses(message, length);
+      reply = ReadAddresses(message, length, query->type == T_AAAA);
     }
     channel.sink_.OnDnsReply(query->id, std::move(reply));
   }
@@ -163,25 +199,23 @@ DnsChannel::~DnsChannel() {
   ares_library_cleanup();
 }
 
-DnsChannel::Query* DnsChannel::NewQuery(LookupId id, bool for_name, const IPAddress& address) {
+DnsChannel::Query* DnsChannel::NewQuery(LookupId id, int type, const IPAddress& address) {
   --queries_left_;
   ++pending_;
   ++in_flight_;
-  return std::make_unique<Query>(Query{*this, id, for_name, address}).release();
+  return std::make_unique<Query>(Query{*this, id, type, address}).release();
 }
 
-void DnsChannel::AskAddresses(const std::string& name, bool search, LookupId id) {
-  Query* const query = NewQuery(id, false, {});
-  if (search) {
-    ares_search(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, query);
-  } else {
-    ares_query(channel_, name.c_str(), C_IN, T_A, Callbacks::OnAnswer, query);
-  }
+void DnsChannel::AskAddresses(const std::string& name, bool search, AddressFamily family, LookupId id) {
+  const int type = family == AddressFamily::kIPv6 ? T_AAAA : T_A;
+  Query* const query = NewQuery(id, type);
+  const auto ask = search ? ares_search : ares_query;
+  ask(channel_, name.c_str(), C_IN, type, Callbacks::OnAnswer, query);
 }
 
 void DnsChannel::AskName(const IPAddress& address, LookupId id) {
   ares_query(channel_, ReverseName(address).c_str(), C_IN, T_PTR, Callbacks::OnAnswer,
-             NewQuery(id, true, address));
+             NewQuery(id, T_PTR, address));
 }
 
 void DnsChannel::HandleTimeouts() {

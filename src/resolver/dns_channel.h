@@ -55,8 +55,9 @@ class DnsChannel {
   bool HasQueriesLeft() const { return queries_left_ > 0; }
   // Whether a socket is open.
   bool HasSocket() const { return !watches_.empty(); }
-  // Asks for the addresses of `name`; with `search` also below the domains that the system searches.
-  void AskAddresses(const std::string& name, bool search, LookupId id);
+  // Asks for the addresses of `name` in one family; with `search` also below the domains that the system
+  // searches.
+  void AskAddresses(const std::string& name, bool search, AddressFamily family, LookupId id);
   void AskName(const IPAddress& address, LookupId id);
 
   // To be called once for each query: when its reply has come, or when it is no longer waited for.
@@ -72,8 +73,8 @@ class DnsChannel {
   struct Query;
   struct Callbacks;
 
-  // The argument of c-ares for a new query.
-  Query* NewQuery(LookupId id, bool for_name, const IPAddress& address);
+  // The argument of c-ares for a new query of the type `type`; `address` is that whose name it asks for.
+  Query* NewQuery(LookupId id, int type, const IPAddress& address = {});
   void OnReady(std::intptr_t socket, FdReadiness readiness);
   void WatchSocket(std::intptr_t socket, FdReadiness interest);
 

@@ -43,7 +43,7 @@ void ForEachLine(std::string_view text, Action action) {
 HostsTable::HostsTable(std::string_view text) {
   ForEachLine(text, [this](const std::vector<std::string_view>& words) {
     if (words.size() < 2) return;
-    const auto address = ParseIPv4Address(words[0]);
+    const auto address = ParseIPAddress(words[0]);
     if (!address) return;
     names_.emplace(*address, WithoutFinalDot(words[1]));
     for (std::size_t i = 1; i < words.size(); ++i) {

@@ -14,14 +14,14 @@
 
 namespace trabex {
 
-// The IPv4 addresses and names of a hosts file. Names are compared without regard to case and to a dot at
+// The addresses and names of a hosts file. Names are compared without regard to case and to a dot at
 // their end. A line that makes no sense is passed over.
 class HostsTable {
  public:
   HostsTable() = default;
   explicit HostsTable(std::string_view text);
 
-  // All addresses of `name`, in the order of the file; empty when it has none.
+  // All addresses of `name`, of both families, in the order of the file; empty when it has none.
   const std::vector<IPAddress>& Addresses(std::string_view name) const;
   // The first name of the first line with `address`; empty when there is none.
   const std::string& Name(const IPAddress& address) const;

@@ -1,4 +1,4 @@
-// Names and addresses of hosts, looked up without waiting: /etc/hosts first, then DNS.
+// Names and addresses of hosts, of IPv4 and of IPv6, looked up without waiting: /etc/hosts first, then DNS.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,7 @@ namespace trabex {
 // The outcome of a look-up. `error` is 0 or one of 11001 to 11004 (no answer in time is 11002).
 struct AddressAnswer {
   int error = 0;
-  std::vector<IPAddress> addresses;  // of IPv4, at least one when error is 0
+  std::vector<IPAddress> addresses;  // at least one when error is 0, all of one family
 };
 struct NameAnswer {
   int error = 0;
@@ -26,6 +26,18 @@ struct NameAnswer {
   // FindConfirmedName: one of the name's own addresses is the one that was asked about (RFC 8601, 3).
   bool confirmed = false;
 };
+
+// Which addresses of a name are wanted.
+enum class LookupFamily : std::uint8_t {
+  kIPv4,
+  kIPv6,
+  // Those of IPv4, and only for a name that exists and has none those of IPv6.
+  kIPv4First,
+};
+
+constexpr LookupFamily LookupFamilyOf(const IPAddress& address) {
+  return address.IsIPv6() ? LookupFamily::kIPv6 : LookupFamily::kIPv4;
+}
 
 using LookupId = std::uint64_t;  // 0: none
 
@@ -35,9 +47,11 @@ class NameLookup {
   virtual ~NameLookup() = default;
 
   // `answer` is called once, from the loop, within 5 seconds, never from inside this call; not after Cancel.
-  // A dotted address resolves to itself, an empty name fails with 11001.
-  virtual LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) = 0;
-  // `address` is one of IPv4.
+  // An address resolves to itself (one of a family that is not wanted fails with 11004), an empty name fails
+  // with 11001.
+  virtual LookupId FindAddresses(std::string_view name, LookupFamily family,
+                                 std::function<void(const AddressAnswer&)> answer) = 0;
+  // The name of an address of either family.
   virtual LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) = 0;
   // The same, and then whether the name leads back to the address; both within the 5 seconds. A name that
   // does not, or not in time, is answered all the same.
@@ -46,7 +60,7 @@ class NameLookup {
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 
-  // An address of `name`, if one is known without asking DNS: an address is its own, others are in
+  // An address of `name`, one of IPv4 before others, if one is known without asking DNS: an address is its own, others are in
   // /etc/hosts.
   virtual std::optional<IPAddress> ResolveLocally(std::string_view name) = 0;
   // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
@@ -64,7 +78,7 @@ struct NameLookupOptions {
 
 // c-ares on the loop. `loop` outlives it. A changed hosts file or resolv.conf counts for the look-ups that
 // begin a second later. A name without a dot is also looked for in the domains that resolv.conf searches; any
-// other is asked for as it is. "localhost" is 127.0.0.1 without being asked for (RFC 6761, 6.3). What cannot
+// other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being asked for (RFC 6761, 6.3). What cannot
 // be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares cannot start.
 std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options = {});
 

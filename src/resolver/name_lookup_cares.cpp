@@ -42,6 +42,10 @@ bool IsHostName(std::string_view name) {
   });
 }
 
+bool IsWanted(const IPAddress& address, LookupFamily family) {
+  return family == LookupFamily::kIPv4First || family == LookupFamilyOf(address);
+}
+
 // RFC 6761, 6.3: these are never asked for.
 bool IsLocalhost(std::string_view name) {
   return EqualNoCase(name, "localhost") || EndsWithNoCase(name, ".localhost");
@@ -71,21 +75,26 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     channels_.clear();
   }
 
-  LookupId FindAddresses(std::string_view name, AddressReceiver receiver) {
+  LookupId FindAddresses(std::string_view name, LookupFamily family, AddressReceiver receiver) {
     const LookupId id = NewRequest(std::move(receiver));
     const bool absolute = name.ends_with('.');
     const std::string host(name.substr(0, name.size() - (absolute ? 1 : 0)));
-    if (const auto address = ParseIPv4Address(name)) {
-      Finish(id, {0, {*address}, {}});
+    if (const auto address = ParseIPAddress(name)) {
+      Finish(id, IsWanted(*address, family) ? DnsReply{0, {*address}, {}}
+                                            : DnsReply{socket_error::kNoData, {}, {}});
     } else if (!IsHostName(host)) {
       Finish(id, {socket_error::kHostNotFound, {}, {}});
-    } else if (auto known = ResolveLocally(host); !known.empty()) {
+    } else if (auto known = ResolveLocally(host, family); !known.empty()) {
       Finish(id, {0, std::move(known), {}});
     } else {
       // The domains of the system are searched for a plain name only: a stranger's "x.test" is never taken
       // for "x.test.example.org", even if everything below that exists.
       const bool search = !absolute && host.find('.') == std::string::npos;
-      AskDns(id, [&](DnsChannel& channel) { channel.AskAddresses(host, search, id); });
+      const bool ipv6 = family == LookupFamily::kIPv6;
+      if (family == LookupFamily::kIPv4First) requests_.find(id)->second.ipv6_next = {host, search};
+      AskDns(id, [&](DnsChannel& channel) {
+        channel.AskAddresses(host, search, ipv6 ? AddressFamily::kIPv6 : AddressFamily::kIPv4, id);
+      });
     }
     return id;
   }
@@ -109,9 +118,17 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     requests_.erase(found);
   }
 
-  std::vector<IPAddress> ResolveLocally(std::string_view host) {
-    const auto& known = hosts_.Table(Now()).Addresses(host);
-    if (known.empty() && IsLocalhost(host)) return {kIPv4Loopback};
+  // All of one family.
+  std::vector<IPAddress> ResolveLocally(std::string_view host, LookupFamily family) {
+    if (family == LookupFamily::kIPv4First) {
+      auto known = ResolveLocally(host, LookupFamily::kIPv4);
+      return known.empty() ? ResolveLocally(host, LookupFamily::kIPv6) : known;
+    }
+    std::vector<IPAddress> known = hosts_.Table(Now()).Addresses(host);
+    std::erase_if(known, [family](const IPAddress& address) { return !IsWanted(address, family); });
+    if (known.empty() && IsLocalhost(host)) {
+      return {family == LookupFamily::kIPv6 ? kIPv6Loopback : kIPv4Loopback};
+    }
     return known;
   }
 
@@ -125,12 +142,17 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     DnsReply reply;
     std::optional<IPAddress> to_confirm;  // the address that the name shall lead back to
     std::string name;                     // that was found, while its addresses are asked for
+    struct IPv6Question {
+      std::string name;
+      bool search = false;
+    };
+    std::optional<IPv6Question> ipv6_next;  // to be asked should the name have no IPv4 address
   };
 
   MonotonicTime Now() const { return loop_.GetClock().Monotonic(); }
 
   LookupId NewRequest(std::variant<AddressReceiver, NameReceiver> receiver) {
-    requests_.emplace(++last_id_, Request{std::move(receiver), Now() + limit_, nullptr, {}, {}, {}});
+    requests_.emplace(++last_id_, Request{std::move(receiver), Now() + limit_, nullptr, {}, {}, {}, {}});
     return last_id_;
   }
 
@@ -209,7 +231,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     KeepSocketReserve();
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;  // cancelled meanwhile
-    if (AskForConfirmation(id, found->second)) return;
+    if (AskForIPv6(id, found->second) || AskForConfirmation(id, found->second)) return;
     const Request request = std::move(found->second);
     requests_.erase(found);
     Give(request);
@@ -230,6 +252,21 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     return std::find(addresses.begin(), addresses.end(), address) != addresses.end();
   }
 
+  // Goes on with the IPv6 addresses of a name that has none of IPv4; false when there is nothing to wait for.
+  bool AskForIPv6(LookupId id, Request& request) {
+    if (request.reply.error != socket_error::kNoData) return false;
+    const auto next = std::exchange(request.ipv6_next, std::nullopt);
+    if (!next) return false;
+    if (IsLate(request.deadline)) {
+      request.reply.error = socket_error::kTryAgain;
+      return false;
+    }
+    AskDns(id, [&](DnsChannel& channel) {
+      channel.AskAddresses(next->name, next->search, AddressFamily::kIPv6, id);
+    });
+    return true;
+  }
+
   // Goes on with the addresses of a name that was found and is to be confirmed; false when there is nothing
   // to wait for. Never in the domains that the system searches: in these a stranger's name is one of ours.
   bool AskForConfirmation(LookupId id, Request& request) {
@@ -237,11 +274,13 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     request.name = std::exchange(request.reply, {}).name;
     // An address is no name, whatever it leads to.
     if (!IsHostName(request.name) || ParseIPv4Address(request.name)) return false;
-    request.reply.addresses = ResolveLocally(request.name);
+    request.reply.addresses = ResolveLocally(request.name, LookupFamilyOf(*request.to_confirm));
     // Where both know the name, either may confirm it.
     if (Holds(request.reply.addresses, *request.to_confirm) || IsLocalhost(request.name)) return false;
     if (IsLate(request.deadline)) return false;
-    AskDns(id, [&](DnsChannel& channel) { channel.AskAddresses(request.name, false, id); });
+    AskDns(id, [&](DnsChannel& channel) {
+      channel.AskAddresses(request.name, false, FamilyOf(*request.to_confirm), id);
+    });
     return true;
   }
 
@@ -307,8 +346,9 @@ class CaresNameLookup final : public NameLookup {
   CaresNameLookup(const CaresNameLookup&) = delete;
   CaresNameLookup& operator=(const CaresNameLookup&) = delete;
 
-  LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
-    return lookups_->FindAddresses(name, std::move(answer));
+  LookupId FindAddresses(std::string_view name, LookupFamily family,
+                         std::function<void(const AddressAnswer&)> answer) override {
+    return lookups_->FindAddresses(name, family, std::move(answer));
   }
   LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
     return lookups_->FindName(address, false, std::move(answer));
@@ -322,7 +362,7 @@ class CaresNameLookup final : public NameLookup {
   std::optional<IPAddress> ResolveLocally(std::string_view name) override {
     if (const auto address = ParseIPAddress(name)) return address;
     if (name.ends_with('.')) name.remove_suffix(1);
-    const auto known = lookups_->ResolveLocally(name);
+    const auto known = lookups_->ResolveLocally(name, LookupFamily::kIPv4First);
     return known.empty() ? std::nullopt : std::optional(known.front());
   }
 

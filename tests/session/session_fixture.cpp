@@ -150,7 +150,7 @@ std::string SessionFixture::PlayOnDialogue(Delivery delivery, std::string_view t
   player.SetDelivery(delivery);
   player.SetNames([this](std::string_view name) {
     std::optional<DialoguePlayer::Addresses> addresses;
-    Names.FindAddresses(name, [&](const AddressAnswer& answer) {
+    Names.FindAddresses(name, LookupFamily::kIPv4First, [&](const AddressAnswer& answer) {
       if (answer.error == 0) addresses = answer.addresses;
     });
     Names.Deliver();

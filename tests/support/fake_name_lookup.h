@@ -71,9 +71,13 @@ class FakeNameLookup final : public NameLookup {
   const std::vector<std::string>& AskedNames() const { return asked_names_; }
   const std::vector<IPAddress>& AskedAddresses() const { return asked_addresses_; }
 
-  LookupId FindAddresses(std::string_view name, std::function<void(const AddressAnswer&)> answer) override {
+  // SetAddresses sets those of both families; the answer has those that are wanted.
+  LookupId FindAddresses(std::string_view name, LookupFamily family,
+                         std::function<void(const AddressAnswer&)> answer) override {
     asked_names_.emplace_back(name);
-    return Ask([this, name = std::string(name), answer = std::move(answer)] { answer(AddressesOf(name)); });
+    return Ask([this, name = std::string(name), family, answer = std::move(answer)] {
+      answer(Wanted(AddressesOf(name), family));
+    });
   }
   LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
     asked_addresses_.push_back(address);
@@ -129,6 +133,15 @@ class FakeNameLookup final : public NameLookup {
     if (set != addresses_.end()) return set->second;
     if (const auto known = ResolveLocally(name)) return AddressAnswer{0, {*known}};
     return AddressAnswer{11001, {}};
+  }
+  static AddressAnswer Wanted(AddressAnswer answer, LookupFamily family) {
+    if (answer.error != 0) return answer;
+    const auto has_ipv4 = std::any_of(answer.addresses.begin(), answer.addresses.end(),
+                                      [](const IPAddress& address) { return address.IsIPv4(); });
+    const bool ipv6 = family == LookupFamily::kIPv6 || (family == LookupFamily::kIPv4First && !has_ipv4);
+    std::erase_if(answer.addresses, [ipv6](const IPAddress& address) { return address.IsIPv6() != ipv6; });
+    if (answer.addresses.empty()) answer.error = 11004;
+    return answer;
   }
   NameAnswer NameOf(const IPAddress& address) {
     const auto set = names_.find(address);

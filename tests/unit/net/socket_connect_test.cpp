@@ -111,7 +111,10 @@ TEST_F(ConnectTest, AnAnswerAfterAnErrorIsIgnored) {
 TEST_F(ConnectTest, ALookUpThatCannotBeginIsAnErrorEvent) {
   class NoLookup final : public NameLookup {
    public:
-    LookupId FindAddresses(std::string_view, std::function<void(const AddressAnswer&)>) override { return 0; }
+    LookupId FindAddresses(std::string_view, LookupFamily,
+                           std::function<void(const AddressAnswer&)>) override {
+      return 0;
+    }
     LookupId FindName(const IPAddress&, std::function<void(const NameAnswer&)>) override { return 0; }
     LookupId FindConfirmedName(const IPAddress&, std::function<void(const NameAnswer&)>) override {
       return 0;

@@ -48,7 +48,7 @@ TEST_F(SocketIPv6Test, ConnectsToAnAddress) {
 
 TEST_F(SocketIPv6Test, ConnectsWhereANameLeadsAndStaysTheSameNumber) {
   ListenOnLoopback();
-  names.SetAddresses("server.test", {kIPv6Loopback, kIPv4Loopback});
+  names.SetAddresses("server.test", {kIPv6Loopback});
   names.HoldAnswers();
   client->Connect("server.test", (*listener)->LocalPort());
   const std::int32_t number = client->SocketHandle();

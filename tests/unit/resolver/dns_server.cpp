@@ -34,7 +34,8 @@ std::string Record(const std::string& encoded_owner, int type, const std::string
 }
 
 std::string AddressData(const IPAddress& address) {
-  return Number16(address.Number() >> 16) + Number16(address.Number() & 0xFFFF);
+  const auto bytes = address.Bytes();
+  return {bytes.begin(), bytes.end()};
 }
 
 std::string Answer(const DnsQuestion& question, const std::vector<std::string>& records, Rcode code,
@@ -50,7 +51,10 @@ std::string Answer(const DnsQuestion& question, const std::vector<std::string>& 
 
 std::string AddressAnswer(const DnsQuestion& question, const std::vector<IPAddress>& addresses) {
   std::vector<std::string> records;
-  for (const IPAddress& address : addresses) records.push_back(Record(kOwnName, kA, AddressData(address)));
+  for (const IPAddress& address : addresses) {
+    const int type = address.IsIPv6() ? kAaaa : kA;
+    if (type == question.type) records.push_back(Record(kOwnName, type, AddressData(address)));
+  }
   return Answer(question, records);
 }
 
@@ -189,12 +193,17 @@ void DnsServer::Release(std::size_t max_replies) {
 
 std::size_t DnsServer::Questions(std::string_view name) const {
   const auto found = asked_.find(ToLower(name));
-  return found == asked_.end() ? 0 : found->second;
+  return found == asked_.end() ? 0 : found->second.size();
+}
+
+std::vector<int> DnsServer::AskedTypes(std::string_view name) const {
+  const auto found = asked_.find(ToLower(name));
+  return found == asked_.end() ? std::vector<int>() : found->second;
 }
 
 std::vector<std::string> DnsServer::Answers(const DnsQuestion& question) {
   ++questions_;
-  ++asked_[question.name];
+  asked_[question.name].push_back(question.type);
   const auto rule = rules_.find(question.name);
   return rule != rules_.end() ? rule->second(question) : default_(question);
 }

@@ -22,7 +22,7 @@ namespace trabex {
 // A question as it arrived, and the pieces of which answers are made.
 struct DnsQuestion {
   std::string name;    // in lower case, without a dot at its end
-  int type = 0;        // 1: A, 12: PTR
+  int type = 0;        // dns::kA, ...
   std::string packet;  // the whole message
   bool over_tcp = false;
 };
@@ -32,6 +32,7 @@ namespace dns {
 inline constexpr int kA = 1;
 inline constexpr int kCname = 5;
 inline constexpr int kPtr = 12;
+inline constexpr int kAaaa = 28;
 
 enum class Rcode { kNone = 0, kFormat = 1, kServer = 2, kNoSuchName = 3, kNotImplemented = 4, kRefused = 5 };
 
@@ -46,6 +47,7 @@ inline const std::string kOwnName = "\xC0\x0C";
 // flag byte (2: truncated).
 std::string Answer(const DnsQuestion& question, const std::vector<std::string>& records,
                    Rcode code = Rcode::kNone, int extra_flags = 0);
+// Those of the addresses that are of the family asked for.
 std::string AddressAnswer(const DnsQuestion& question, const std::vector<IPAddress>& addresses);
 std::string NameAnswer(const DnsQuestion& question, const std::vector<std::string>& names);
 
@@ -90,6 +92,8 @@ class DnsServer {
   // How often something was asked for, tries counted one by one.
   std::size_t Questions() const { return questions_; }
   std::size_t Questions(std::string_view name) const;
+  // What was asked for `name`, in order.
+  std::vector<int> AskedTypes(std::string_view name) const;
   // The port from which the last question came.
   std::uint16_t LastPort() const { return last_port_; }
 
@@ -119,7 +123,7 @@ class DnsServer {
   bool hold_ = false;
   std::deque<std::pair<sockaddr_in, std::string>> held_;
   std::size_t questions_ = 0;
-  std::map<std::string, std::size_t> asked_;
+  std::map<std::string, std::vector<int>> asked_;
   std::uint16_t last_port_ = 0;
 };
 

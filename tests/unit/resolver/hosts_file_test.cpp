@@ -23,6 +23,9 @@ constexpr const char* kHosts =
     "192.0.2.1 second.example.test\n"
     "::1 six.example.test six\n"
     "fe80::1%lo0 six\n"
+    "192.0.2.6 six\n"
+    "2001:DB8:0::6 six-too six\n"
+    "::ffff:192.0.2.66 six\n"
     "127.1 odd.example.test\n"
     "0x7f.0.0.1 hex.example.test\n"
     "192.0.2.9\n"
@@ -43,7 +46,8 @@ TEST(HostsTable, NamesHaveAllTheirAddresses) {
       {"MAIL.example.TEST.", {IP("192.0.2.1"), IP("192.0.2.2")}},
       {"last.example.test", {IP("192.0.2.8")}},
       {"not-this", {}},
-      {"six", {}},
+      {"six", {kIPv6Loopback, IP("192.0.2.6"), IP("2001:db8::6"), IP("192.0.2.66")}},
+      {"six.example.test", {kIPv6Loopback}},
       {"odd.example.test", {}},
       {"hex.example.test", {}},
       {"without", {}},
@@ -58,6 +62,8 @@ TEST(HostsTable, AddressHasTheFirstNameOfItsFirstLine) {
   const HostsTable table(kHosts);
   EXPECT_EQ(table.Name(IP("192.0.2.1")), "Mail.Example.test");
   EXPECT_EQ(table.Name(IP("192.0.2.2")), "mail.example.test");
+  EXPECT_EQ(table.Name(kIPv6Loopback), "six.example.test");
+  EXPECT_EQ(table.Name(IP("2001:db8::6")), "six-too");
   EXPECT_EQ(table.Name(kIPv4Loopback), "localhost");
   EXPECT_EQ(table.Name(IP("192.0.2.9")), "");
   EXPECT_EQ(table.Name(IP("192.0.2.7")), "");

@@ -30,6 +30,9 @@ using std::chrono::seconds;
 constexpr IPAddress kAddress1 = IPAddress::IPv4(0xC0000201);  // 192.0.2.1
 constexpr IPAddress kAddress2 = IPAddress::IPv4(0xC0000202);
 constexpr const char* kReverse1 = "1.2.0.192.in-addr.arpa";
+constexpr IPAddress kAddress6 =
+    IPAddress::IPv6({0x20, 0x01, 0x0D, 0xB8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x1F});  // 2001:db8::1f
+constexpr const char* kReverse6 = "f.1.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.8.b.d.0.1.0.0.2.ip6.arpa";
 
 // An outcome in one word: "192.0.2.1 192.0.2.2", "host.test" or "11001".
 std::string Shown(const AddressAnswer& answer) {
@@ -64,7 +67,11 @@ class NameLookupTest : public testing::Test {
   }
 
   LookupId Ask(std::string_view name, std::string& outcome) {
-    return lookup_->FindAddresses(name, [&](const AddressAnswer& answer) { outcome += Shown(answer); });
+    return Ask(name, LookupFamily::kIPv4, outcome);
+  }
+  LookupId Ask(std::string_view name, LookupFamily family, std::string& outcome) {
+    return lookup_->FindAddresses(name, family,
+                                  [&](const AddressAnswer& answer) { outcome += Shown(answer); });
   }
   LookupId Ask(const IPAddress& address, std::string& outcome) {
     return lookup_->FindName(address, [&](const NameAnswer& answer) { outcome += Shown(answer); });
@@ -74,6 +81,13 @@ class NameLookupTest : public testing::Test {
   std::string Outcome(What what) {
     std::string outcome;
     Ask(what, outcome);
+    EXPECT_EQ(outcome, "") << "answered from inside the call";
+    EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
+    return outcome;
+  }
+  std::string Outcome(std::string_view name, LookupFamily family) {
+    std::string outcome;
+    Ask(name, family, outcome);
     EXPECT_EQ(outcome, "") << "answered from inside the call";
     EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
     return outcome;
@@ -106,6 +120,172 @@ TEST_F(NameLookupTest, NameOfAnAddress) {
   EXPECT_EQ(Outcome(IP("255.255.255.255")), "first.test");
   EXPECT_EQ(Outcome(kAddress2), "11001");
   EXPECT_EQ(Outcome(IP("192.0.2.3")), "11004") << "the root is no name";
+}
+
+// An address of IPv6 is asked for only where one is wanted, and together with IPv4 only for a name that exists
+// and has no other.
+TEST_F(NameLookupTest, AddressesOfAFamily) {
+  server_.SetAddresses("four.test", {kAddress1});
+  server_.SetAddresses("six.test", {kAddress6, kIPv6Loopback});
+  server_.SetAddresses("both.test", {kAddress6, kAddress1});
+  server_.SetAddresses("none.test", {});
+  server_.SetFailure("format.test", dns::Rcode::kFormat);
+  server_.Set("mapped.test", [](const DnsQuestion& question) {
+    const std::string mapped = std::string(10, '\0') + "\xFF\xFF" + dns::AddressData(kAddress1);
+    std::vector<std::string> records;
+    if (question.type == dns::kAaaa) records = {dns::Record(dns::kOwnName, dns::kAaaa, mapped)};
+    return std::vector{dns::Answer(question, records)};
+  });
+  server_.Set("alias.test", [](const DnsQuestion& question) {
+    std::vector records = {dns::Record(dns::kOwnName, dns::kCname, dns::EncodedName("real.test"))};
+    if (question.type == dns::kAaaa) {
+      records.push_back(dns::Record(dns::EncodedName("real.test"), dns::kAaaa, dns::AddressData(kAddress6)));
+    }
+    return std::vector{dns::Answer(question, records)};
+  });
+  using Types = std::vector<int>;
+  const Types a{dns::kA};
+  const Types aaaa{dns::kAaaa};
+  const Types both{dns::kA, dns::kAaaa};
+  const struct {
+    const char* name;
+    LookupFamily family;
+    const char* outcome;
+    Types asked;
+  } rows[] = {
+      {"four.test", LookupFamily::kIPv4, "192.0.2.1", a},
+      {"four.test", LookupFamily::kIPv6, "11004", aaaa},
+      {"four.test", LookupFamily::kIPv4First, "192.0.2.1", a},
+      {"six.test", LookupFamily::kIPv4, "11004", a},
+      {"six.test", LookupFamily::kIPv6, "2001:db8::1f ::1", aaaa},
+      {"six.test", LookupFamily::kIPv4First, "2001:db8::1f ::1", both},
+      {"SIX.test.", LookupFamily::kIPv4First, "2001:db8::1f ::1", both},
+      {"both.test", LookupFamily::kIPv4, "192.0.2.1", a},
+      {"both.test", LookupFamily::kIPv6, "2001:db8::1f", aaaa},
+      {"both.test", LookupFamily::kIPv4First, "192.0.2.1", a},
+      {"none.test", LookupFamily::kIPv4First, "11004", both},
+      {"missing.test", LookupFamily::kIPv4First, "11001", a},
+      {"format.test", LookupFamily::kIPv4First, "11003", a},
+      {"mapped.test", LookupFamily::kIPv6, "11004", aaaa},
+      {"alias.test", LookupFamily::kIPv4First, "2001:db8::1f", both},
+      // Addresses, and names that are known here.
+      {"2001:DB8::1F", LookupFamily::kIPv6, "2001:db8::1f", {}},
+      {"2001:db8::1f", LookupFamily::kIPv4First, "2001:db8::1f", {}},
+      {"2001:db8::1f", LookupFamily::kIPv4, "11004", {}},
+      {"192.0.2.1", LookupFamily::kIPv6, "11004", {}},
+      {"::ffff:192.0.2.1", LookupFamily::kIPv4, "192.0.2.1", {}},
+      {"::1%lo", LookupFamily::kIPv6, "11001", {}},
+      {"[::1]", LookupFamily::kIPv6, "11001", {}},
+      {"localhost", LookupFamily::kIPv4, "127.0.0.1", {}},
+      {"localhost", LookupFamily::kIPv6, "::1", {}},
+      {"localhost", LookupFamily::kIPv4First, "127.0.0.1", {}},
+  };
+  for (const auto& row : rows) {
+    const std::size_t before = server_.Questions();
+    EXPECT_EQ(Outcome(row.name, row.family), row.outcome) << row.name;
+    std::string_view name = row.name;
+    if (name.ends_with('.')) name.remove_suffix(1);
+    const Types types = server_.AskedTypes(name);
+    ASSERT_EQ(server_.Questions() - before, row.asked.size()) << row.name;
+    EXPECT_EQ(Types(types.end() - std::ssize(row.asked), types.end()), row.asked) << row.name;
+  }
+}
+
+TEST_F(NameLookupTest, TheHostsFileCountsInBothFamilies) {
+  WriteFile(folder_ / "hosts",
+            "2001:db8::1f six.test both.test\n192.0.2.1 both.test\n2001:db8::2 both.test\n"
+            "::1 localhost\n");
+  lookup_ = MakeNameLookup(loop_, {.servers = server_.Address(), .hosts_file = folder_ / "hosts"});
+  server_.SetAddresses("six.test", {kAddress2});
+  EXPECT_EQ(Outcome("six.test", LookupFamily::kIPv6), "2001:db8::1f");
+  EXPECT_EQ(Outcome("six.test", LookupFamily::kIPv4First), "2001:db8::1f");
+  EXPECT_EQ(Outcome("both.test", LookupFamily::kIPv6), "2001:db8::1f 2001:db8::2");
+  EXPECT_EQ(Outcome("both.test", LookupFamily::kIPv4), "192.0.2.1");
+  EXPECT_EQ(Outcome("both.test", LookupFamily::kIPv4First), "192.0.2.1");
+  EXPECT_EQ(Outcome("localhost", LookupFamily::kIPv4First), "127.0.0.1");
+  EXPECT_EQ(Outcome(kAddress6), "six.test");
+  EXPECT_EQ(lookup_->ResolveLocally("six.test"), kAddress6);
+  EXPECT_EQ(lookup_->ResolveLocally("both.test"), kAddress1);
+  EXPECT_EQ(lookup_->ResolveLocally("::1"), kIPv6Loopback);
+  EXPECT_EQ(server_.Questions(), 0U);
+  // The file knows no address of the family that is wanted: DNS may know one.
+  EXPECT_EQ(Outcome("six.test", LookupFamily::kIPv4), "192.0.2.2");
+}
+
+TEST_F(NameLookupTest, BothFamiliesHaveTheTimeOfOne) {
+  server_.Set("slow.test", [](const DnsQuestion& question) {
+    if (question.type == dns::kAaaa) return std::vector<std::string>{};
+    return std::vector{dns::AddressAnswer(question, {})};
+  });
+  server_.Hold();
+  std::string outcome;
+  Ask("slow.test", LookupFamily::kIPv4First, outcome);
+  ASSERT_TRUE(RunUntil(loop_, [&] { return server_.Held() > 0; }));
+  clock_.Advance(seconds(3));
+  server_.Release();
+  ASSERT_TRUE(RunUntil(loop_, [&] { return server_.AskedTypes("slow.test").back() == dns::kAaaa; }));
+  clock_.Advance(milliseconds(1800));
+  RunUntilIdle(loop_);
+  EXPECT_EQ(outcome, "");
+  clock_.Advance(milliseconds(200));
+  RunUntilIdle(loop_);
+  EXPECT_EQ(outcome, "11002");
+  clock_.Advance(seconds(1));
+  RunUntilIdle(loop_);
+  EXPECT_FALSE(loop_.RunOnce(milliseconds(0))) << "nothing is left to do";
+}
+
+TEST_F(NameLookupTest, WithoutTimeLeftIPv6IsNotAskedFor) {
+  server_.SetAddresses("six.test", {kAddress6});
+  server_.Hold();
+  std::string outcome;
+  Ask("six.test", LookupFamily::kIPv4First, outcome);
+  ASSERT_TRUE(RunUntil(loop_, [&] { return server_.Held() > 0; }));
+  server_.Release();
+  clock_.Advance(seconds(20));  // the whole program has stood still
+  EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
+  EXPECT_EQ(outcome, "11002");
+  EXPECT_EQ(server_.AskedTypes("six.test"), std::vector<int>{dns::kA});
+}
+
+TEST_F(NameLookupTest, ALookUpOfBothFamiliesIsCancelledInEither) {
+  server_.SetAddresses("six.test", {kAddress6});
+  server_.Hold();
+  std::string outcome;
+  for (const std::size_t released : {0U, 1U}) {
+    const LookupId id = Ask("six.test", LookupFamily::kIPv4First, outcome);
+    const std::size_t asked = server_.Questions() + 1;
+    ASSERT_TRUE(RunUntil(loop_, [&] { return server_.Held() == 1; }));
+    if (released > 0) {
+      server_.Release();
+      ASSERT_TRUE(RunUntil(loop_, [&] { return server_.Questions() > asked; }));
+    }
+    lookup_->Cancel(id);
+    server_.Release();
+    RunUntilIdle(loop_);
+  }
+  EXPECT_EQ(outcome, "");
+}
+
+TEST_F(NameLookupTest, APlainNamesIPv6AddressIsSearchedInTheSameDomains) {
+  server_.SetAddresses("plain.example.test", {kAddress6});
+  const std::string path = folder_ / "resolv.conf";
+  WriteFile(path, "search example.test\nnameserver " + server_.Host() + "\n");
+  lookup_ =
+      MakeNameLookup(loop_, {.hosts_file = folder_ / "hosts", .resolver_file = path, .port = server_.Port()});
+  EXPECT_EQ(Outcome("plain", LookupFamily::kIPv4First), "2001:db8::1f");
+  EXPECT_EQ(server_.AskedTypes("plain.example.test"), (std::vector{dns::kA, dns::kAaaa}));
+}
+
+TEST_F(NameLookupTest, NameOfAnIPv6Address) {
+  server_.SetNames(kReverse6, {"Mail.Example.test"});
+  server_.SetNames(
+      "1" + std::string(".0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0.0") + ".ip6.arpa",
+      {"first.test", "second.test"});
+  EXPECT_EQ(Outcome(kAddress6), "Mail.Example.test");
+  EXPECT_EQ(Outcome(kIPv6Loopback), "first.test");
+  EXPECT_EQ(Outcome(IP("2001:db8::2")), "11001");
+  EXPECT_EQ(server_.AskedTypes(kReverse6), std::vector<int>{dns::kPtr});
 }
 
 TEST_F(NameLookupTest, AliasesAreFollowed) {
@@ -325,6 +505,20 @@ TEST_F(ConfirmedNameTest, TheHostsFileConfirmsToo) {
   EXPECT_EQ(Confirmed(kAddress1), "two.test");
 }
 
+TEST_F(ConfirmedNameTest, OfAnIPv6AddressIsOneThatHasIt) {
+  server_.SetAddresses("six.test", {kIPv6Loopback, kAddress6});
+  server_.SetAddresses("other.test", {kIPv6Loopback, kAddress1});
+  for (const auto& [name, outcome] :
+       {std::pair{"six.test", "six.test confirmed"}, std::pair{"other.test", "other.test"},
+        std::pair{"localhost", "localhost"}}) {
+    server_.SetNames(kReverse6, {name});
+    EXPECT_EQ(Confirmed(kAddress6), outcome);
+  }
+  // No address of the other family is asked for.
+  EXPECT_EQ(server_.AskedTypes("six.test"), std::vector<int>{dns::kAaaa});
+  EXPECT_EQ(server_.AskedTypes("other.test"), std::vector<int>{dns::kAaaa});
+}
+
 TEST_F(ConfirmedNameTest, AStrangersNameIsNotSearchedInTheSystemsDomains) {
   server_.SetNames(kReverse1, {"plain"});
   server_.SetAddresses("plain.example.test", {kAddress1});
@@ -495,7 +689,8 @@ TEST_F(NameLookupTest, LoopGoesOnWhileLookupsHang) {
   server_.SetDefault([](const DnsQuestion&) { return std::vector<std::string>{}; });
   int answers = 0;
   for (int i = 0; i < 100; ++i) {
-    lookup_->FindAddresses("x" + std::to_string(i) + ".test", [&](const AddressAnswer&) { ++answers; });
+    lookup_->FindAddresses("x" + std::to_string(i) + ".test", LookupFamily::kIPv4,
+                           [&](const AddressAnswer&) { ++answers; });
   }
   ASSERT_TRUE(Asked("x99.test"));
   int ticks = 0;
@@ -642,7 +837,7 @@ TEST_F(NameLookupTest, NoCutAndNoFlippedByteDoesHarm) {
   int answers = 0;
   int asked = 0;
   for (variant = 0; variant < 200; ++variant) {
-    lookup_->FindAddresses("spoilt.test", [&](const AddressAnswer& answer) {
+    lookup_->FindAddresses("spoilt.test", LookupFamily::kIPv4, [&](const AddressAnswer& answer) {
       EXPECT_EQ(answer.error == 0, !answer.addresses.empty());
       ++answers;
     });
@@ -669,7 +864,8 @@ TEST_F(NameLookupTest, TruncatedAnswerIsAskedForOverTcp) {
                                          : dns::Answer(question, {}, dns::Rcode::kNone, /*extra_flags=*/2)};
   });
   std::vector<IPAddress> found;
-  lookup_->FindAddresses("big.test", [&](const AddressAnswer& answer) { found = answer.addresses; });
+  lookup_->FindAddresses("big.test", LookupFamily::kIPv4,
+                         [&](const AddressAnswer& answer) { found = answer.addresses; });
   EXPECT_TRUE(RunUntil(loop_, [&] { return !found.empty(); }));
   EXPECT_EQ(found, many);
 }
@@ -722,13 +918,13 @@ TEST_F(NameLookupTest, CancelInsideACallback) {
     lookup_->Cancel(first);
     lookup_->Cancel(second);
   };
-  first = lookup_->FindAddresses("192.0.2.5", answer);
-  second = lookup_->FindAddresses("192.0.2.6", answer);
+  first = lookup_->FindAddresses("192.0.2.5", LookupFamily::kIPv4, answer);
+  second = lookup_->FindAddresses("192.0.2.6", LookupFamily::kIPv4, answer);
   RunUntilIdle(loop_);
   EXPECT_EQ(outcome, "192.0.2.5");
   outcome.clear();
-  first = lookup_->FindAddresses("one.test", answer);
-  second = lookup_->FindAddresses("one.test", answer);
+  first = lookup_->FindAddresses("one.test", LookupFamily::kIPv4, answer);
+  second = lookup_->FindAddresses("one.test", LookupFamily::kIPv4, answer);
   ASSERT_TRUE(Asked("one.test", 2));
   RunUntilIdle(loop_);
   EXPECT_EQ(outcome, "192.0.2.1");
@@ -771,7 +967,7 @@ TEST_F(NameLookupTest, EndsInsideACallback) {
   const std::string big(100, 'x');  // what the call holds must live on
   Ask("silent.test", outcome);
   for (int i = 0; i < 3; ++i) {
-    lookup_->FindAddresses("one.test", [&, big](const AddressAnswer& found) {
+    lookup_->FindAddresses("one.test", LookupFamily::kIPv4, [&, big](const AddressAnswer& found) {
       lookup_.reset();
       outcome += Shown(found) + big.substr(99);
     });
@@ -793,10 +989,11 @@ TEST_F(NameLookupTest, ThousandsAtOnceShareTheirSockets) {
   const auto start = std::chrono::steady_clock::now();
   // In portions, since asker and server share one thread and the server's buffer is small.
   for (int i = 0; i < kMany; ++i) {
-    lookup_->FindAddresses("x" + std::to_string(i) + ".test", [&](const AddressAnswer& answer) {
-      ++answers;
-      if (answer.error == 0) ++good;
-    });
+    lookup_->FindAddresses("x" + std::to_string(i) + ".test", LookupFamily::kIPv4,
+                           [&](const AddressAnswer& answer) {
+                             ++answers;
+                             if (answer.error == 0) ++good;
+                           });
     if (i % 50 == 49) loop_.RunOnce(milliseconds(0));
   }
   ASSERT_TRUE(RunUntil(loop_, [&] { return server_.Held() >= kMany; }));
@@ -992,7 +1189,8 @@ TEST_F(NameLookupInRealTime, LostQuestionIsAskedAgain) {
     return std::vector{dns::AddressAnswer(question, {kAddress1})};
   });
   std::string outcome;
-  lookup_->FindAddresses("lost.test", [&](const AddressAnswer& answer) { outcome = Shown(answer); });
+  lookup_->FindAddresses("lost.test", LookupFamily::kIPv4,
+                         [&](const AddressAnswer& answer) { outcome = Shown(answer); });
   EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
   EXPECT_EQ(outcome, "192.0.2.1");
   EXPECT_EQ(server_.Questions("lost.test"), 2U);
@@ -1003,7 +1201,8 @@ TEST_F(NameLookupInRealTime, SilenceEndsWithTheLimit) {
   server_.SetSilent("silent.test");
   std::string outcome;
   const auto start = std::chrono::steady_clock::now();
-  lookup_->FindAddresses("silent.test", [&](const AddressAnswer& answer) { outcome = Shown(answer); });
+  lookup_->FindAddresses("silent.test", LookupFamily::kIPv4,
+                         [&](const AddressAnswer& answer) { outcome = Shown(answer); });
   EXPECT_TRUE(RunUntil(loop_, [&] { return !outcome.empty(); }));
   EXPECT_EQ(outcome, "11002");
   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(150));
@@ -1021,7 +1220,8 @@ TEST(FakeNameLookup, AnswersFromTheLoopOrOnDeliver) {
   fake->SetLocalAddress("known.test", kAddress2);
   std::string log;
   const auto ask = [&](const char* name) {
-    return fake->FindAddresses(name, [&](const AddressAnswer& answer) { log += Shown(answer) + ";"; });
+    return fake->FindAddresses(name, LookupFamily::kIPv4,
+                               [&](const AddressAnswer& answer) { log += Shown(answer) + ";"; });
   };
   const auto ask_name = [&](const IPAddress& address) {
     return fake->FindName(address, [&](const NameAnswer& answer) { log += Shown(answer) + ";"; });
