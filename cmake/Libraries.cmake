@@ -1,8 +1,8 @@
 # trabex_library(NAME base SOURCES a.cpp b.cpp LINKS other libraries): the library of one folder of src/.
 #
-# Its headers are included as "base/file.h", and only a target that links the library finds them: each library has an
-# include root of its own (a link to its folder) instead of the common src/. So an include against the order of the
-# libraries fails to build.
+# Headers are included as "base/file.h". Before a library is compiled, all its files are searched for includes against
+# the order of the libraries (CheckIncludes.cmake): a header may include those of the library itself, of LINKS and of
+# what these link in turn, a source those of PRIVATE_LINKS as well. Anything else fails the build.
 #
 # FOLDER is the folder below src/, when that is not the name.
 function(trabex_library)
@@ -10,22 +10,42 @@ function(trabex_library)
   if(NOT LIBRARY_FOLDER)
     set(LIBRARY_FOLDER ${LIBRARY_NAME})
   endif()
-  set(root ${CMAKE_BINARY_DIR}/libraries/${LIBRARY_NAME})
-  cmake_path(GET LIBRARY_FOLDER PARENT_PATH parent)
-  file(MAKE_DIRECTORY ${root}/${parent})
-  file(CREATE_LINK ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER} ${root}/${LIBRARY_FOLDER} SYMBOLIC)
-  if(NOT LIBRARY_SOURCES)
-    add_library(${LIBRARY_NAME} INTERFACE)
-    target_include_directories(${LIBRARY_NAME} INTERFACE ${root})
-    target_link_libraries(${LIBRARY_NAME} INTERFACE ${LIBRARY_LINKS})
-    return()
-  endif()
   add_library(${LIBRARY_NAME} STATIC)
   foreach(source IN LISTS LIBRARY_SOURCES)
     target_sources(${LIBRARY_NAME} PRIVATE ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER}/${source})
   endforeach()
-  target_include_directories(${LIBRARY_NAME} PUBLIC ${root})
+  target_include_directories(${LIBRARY_NAME} PUBLIC ${CMAKE_SOURCE_DIR}/src)
   target_link_libraries(${LIBRARY_NAME} PUBLIC ${LIBRARY_LINKS} PRIVATE ${LIBRARY_PRIVATE_LINKS})
+
+  # Libraries that are not of src/ have no such property, and their headers are included in angle brackets.
+  set(headers_may ${LIBRARY_FOLDER})
+  foreach(link IN LISTS LIBRARY_LINKS)
+    get_property(folders GLOBAL PROPERTY TRABEX_FOLDERS_${link})
+    list(APPEND headers_may ${folders})
+  endforeach()
+  set(sources_may ${headers_may})
+  foreach(link IN LISTS LIBRARY_PRIVATE_LINKS)
+    get_property(folders GLOBAL PROPERTY TRABEX_FOLDERS_${link})
+    list(APPEND sources_may ${folders})
+  endforeach()
+  list(REMOVE_DUPLICATES headers_may)
+  list(REMOVE_DUPLICATES sources_may)
+  set_property(GLOBAL PROPERTY TRABEX_FOLDERS_${LIBRARY_NAME} ${headers_may})
+
+  file(GLOB_RECURSE files CONFIGURE_DEPENDS ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER}/*.h
+       ${CMAKE_SOURCE_DIR}/src/${LIBRARY_FOLDER}/*.cpp)
+  set(checked ${CMAKE_CURRENT_BINARY_DIR}/${LIBRARY_NAME}_includes_checked)
+  list(JOIN headers_may "|" headers_may)
+  list(JOIN sources_may "|" sources_may)
+  add_custom_command(
+    OUTPUT ${checked}
+    COMMAND ${CMAKE_COMMAND} -DFOLDER=${LIBRARY_FOLDER} -DHEADERS_MAY=${headers_may} -DSOURCES_MAY=${sources_may}
+            -DCHECKED=${checked} -P ${CMAKE_SOURCE_DIR}/cmake/CheckIncludes.cmake
+    DEPENDS ${files} ${CMAKE_SOURCE_DIR}/cmake/CheckIncludes.cmake
+    WORKING_DIRECTORY ${CMAKE_SOURCE_DIR}/src
+    COMMENT "Checking the includes of ${LIBRARY_NAME}"
+    VERBATIM)
+  target_sources(${LIBRARY_NAME} PRIVATE ${checked})
 endfunction()
 
 # The tests themselves are compiled without optimisation in every preset, which halves the time of a build; what they test
