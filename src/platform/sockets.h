@@ -12,6 +12,8 @@
 // No notification is lost or repeated without a cause. They are delivered from the loop, never from inside
 // one of these calls.
 //
+// An endpoint that a call gives never has an IPv6 address that stands for an IPv4 one.
+//
 // Every function returns 0 or our error number (10035 would block, ...), never an errno.
 #pragma once
 
@@ -23,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/endpoint.h"
 #include "base/ip_address.h"
 #include "platform/event_loop.h"
 
@@ -43,14 +46,6 @@ enum class Transport { kTcp, kUdp };
 
 // One bit each.
 enum class SocketEvent : int { kRead = 1, kWrite = 2, kAccept = 8, kConnect = 16, kClose = 32 };
-
-// An address and a port in host order. Where a call gives one, it is never an IPv6 address that stands for an
-// IPv4 one.
-struct Endpoint {
-  IPAddress address;
-  std::uint16_t port = 0;
-  friend bool operator==(const Endpoint&, const Endpoint&) = default;
-};
 
 class SocketSink {
  public:
