@@ -77,6 +77,20 @@ const IPAddress& CSocketMaster::RemoteAddress() const {
   return remote_address_;
 }
 
+void CSocketMaster::SetPeer(const Endpoint& peer, const Endpoint& called) {
+  if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SetPeer");
+  remote_address_ = peer.address;
+  remote_port_ = peer.port;
+  GetColdState().called = called;
+}
+
+Endpoint CSocketMaster::CalledEndpoint() const {
+  if (cold_ && cold_->called) return *cold_->called;
+  Endpoint local;
+  if (!socket_.IsNone()) module_.sockets_.LocalEndpoint(socket_, local);
+  return local;
+}
+
 // The port that the system chose is read when it is asked for.
 std::int32_t CSocketMaster::LocalPort() const {
   Endpoint local;
@@ -105,6 +119,7 @@ std::string CSocketMaster::RemoteHostName(bool /*bNotCached*/) {
 void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed) {
   Endpoint peer;
   Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
+  if (cold_ && cold_->called) peer.address = remote_address_;
   ColdState& cold = GetColdState();
   cold.name_done = std::move(done);
   if (cold.name_lookup != 0) return;
@@ -163,6 +178,7 @@ void CSocketMaster::CloseSck() {
   }
   established_ = false;
   remote_address_ = {};
+  if (cold_) cold_->called.reset();
   send_.Clear();
   write_failed_ = false;
   module_.received_->Discard(receive_);

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/endpoint.h"
 #include "base/ip_address.h"
 #include "net/byte_queue.h"
 #include "net/modSocketMaster.h"
@@ -75,6 +76,13 @@ class CSocketMaster final : public SocketSink {
   // The peer's address as a text, "" while there is none; and as a value.
   std::string RemoteHostIP() const;
   const IPAddress& RemoteAddress() const;
+  // Whose connection this is, where somebody between (a load balancer) has said so: from now on the remote
+  // address and port are those of `peer`, and it has called `called`. Ends with CloseSck. Raises 40006 unless
+  // connected.
+  void SetPeer(const Endpoint& peer, const Endpoint& called);
+  // What the peer has called: as SetPeer says, otherwise this end of the connection. None and 0 when there is
+  // none.
+  Endpoint CalledEndpoint() const;
   std::int32_t LocalPort() const;
   void SetLocalPort(std::int32_t lngPort);
   SocketState State() const;
@@ -127,6 +135,8 @@ class CSocketMaster final : public SocketSink {
   // Takes the first count of what the last PeekView gave, as GetData would, without a copy. TCP only. Does
   // nothing when the object was closed meanwhile. Raises 40014 when it is more than was peeked.
   void Consume(std::int32_t count);
+  // The same, but these bytes do not count as received: they are not the peer's own.
+  void ConsumeUncounted(std::int32_t count);
   // Listens so that no other process can on the same endpoint.
   void Listen();
   void Accept(std::int32_t requestID);

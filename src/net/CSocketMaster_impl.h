@@ -16,7 +16,8 @@ namespace trabex {
 
 struct CSocketMaster::ColdState {
   std::string tag;
-  IPAddress local_ip;  // that the socket was bound to
+  IPAddress local_ip;              // that the socket was bound to
+  std::optional<Endpoint> called;  // SetPeer
   std::string local_host_name;
   bool local_host_name_valid = false;
   // The peer's name: the answer of the last look-up, or its error.

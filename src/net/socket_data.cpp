@@ -166,6 +166,12 @@ void CSocketMaster::Consume(std::int32_t count) {
   bytes_received_ += count;
 }
 
+void CSocketMaster::ConsumeUncounted(std::int32_t count) {
+  const std::int64_t before = bytes_received_;
+  Consume(count);
+  bytes_received_ = before;
+}
+
 std::int32_t CSocketMaster::PeekData(std::string& Data, std::int32_t MaxLen) {
   Data.assign(PeekView(MaxLen));
   return static_cast<std::int32_t>(Data.size());

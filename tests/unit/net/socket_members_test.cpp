@@ -145,6 +145,12 @@ TEST_F(MembersTest, EachIsRefusedInAllOtherStates) {
        40006,
        "CSocketMaster.PeekData",
        kWrongState},
+      {"SetPeer",
+       [](CSocketMaster& s) { s.SetPeer({}, {}); },
+       {SocketState::sckConnected},
+       40006,
+       "CSocketMaster.SetPeer",
+       kWrongState},
   };
   for (const SocketState state : kStates) {
     const auto socket = InState(state);
@@ -320,6 +326,54 @@ TEST_F(MembersTest, ListenReportsWhatTheSystemSays) {
   CSocketMaster datagrams(module);
   datagrams.SetProtocol(SocketProtocol::sckUDPProtocol);
   ExpectError([&] { datagrams.Listen(); }, 10045, "CSocketMaster.Listen", "Operation not supported.");
+}
+
+TEST_F(MembersTest, SetPeerSaysWhoseConnectionItIs) {
+  Connection();
+  const Endpoint own{kLoopback, static_cast<std::uint16_t>((*listener)->LocalPort())};
+  EXPECT_EQ((*accepted)->RemoteAddress(), kLoopback);
+  EXPECT_EQ((*accepted)->RemotePort(), peer->Port());
+  EXPECT_EQ((*accepted)->CalledEndpoint(), own);
+
+  const IPAddress client = *ParseIPAddress("2001:db8::7");
+  const Endpoint called{*ParseIPAddress("2001:db8::25"), 25};
+  (*accepted)->SetPeer({client, 51234}, called);
+  EXPECT_EQ((*accepted)->RemoteAddress(), client);
+  EXPECT_EQ((*accepted)->RemoteHostIP(), "2001:db8::7");
+  EXPECT_EQ((*accepted)->RemotePort(), 51234);
+  EXPECT_EQ((*accepted)->CalledEndpoint(), called);
+
+  names.SetName(client, "mail.client.test");
+  bool known = false;
+  (*accepted)->LookUpRemoteHostName([&] { known = true; });
+  EXPECT_TRUE(RunUntil(loop, [&] { return known; }));
+  EXPECT_EQ((*accepted)->RemoteHostName(), "mail.client.test");
+
+  (*accepted)->CloseSck();
+  EXPECT_EQ((*accepted)->RemoteHostIP(), "");
+  EXPECT_EQ((*accepted)->CalledEndpoint(), Endpoint{});
+}
+
+TEST_F(MembersTest, SetPeerHoldsForOneConnectionOnly) {
+  Connection();
+  (*accepted)->SetPeer({IPAddress::IPv4(0xC0000207), 1}, {IPAddress::IPv4(0xC0000208), 2});
+  (*accepted)->CloseSck();
+  (*accepted)->Connect("127.0.0.1", server.port);
+  EXPECT_TRUE(RunUntil(loop, [&] { return (*accepted)->State() == SocketState::sckConnected; }));
+  EXPECT_EQ((*accepted)->RemoteAddress(), kLoopback);
+  EXPECT_EQ((*accepted)->CalledEndpoint().address, kLoopback);
+}
+
+TEST_F(MembersTest, UncountedBytesAreTakenAndCountAsNone) {
+  Connection();
+  peer->Send("HEADERline");
+  AllHere();
+  EXPECT_EQ((*accepted)->PeekView(), "HEADERline");
+  (*accepted)->ConsumeUncounted(6);
+  EXPECT_EQ((*accepted)->BytesReceived(), 0);
+  EXPECT_EQ((*accepted)->PeekView(), "line");
+  (*accepted)->Consume(4);
+  EXPECT_EQ((*accepted)->BytesReceived(), 4);
 }
 
 }  // namespace
