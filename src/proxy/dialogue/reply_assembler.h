@@ -21,6 +21,7 @@ class ReplyAssembler {
   }
   // The next complete reply with its line ends, or nothing when it has not come whole.
   std::optional<std::string> NextReply();
+  bool IsEmpty() const { return buffer_.empty(); }
   // More than kMaxReplyBytes are there without a complete reply.
   bool TooLong() const { return buffer_.size() > kMaxReplyBytes; }
   // The server says no more: a last line without its end gets it.

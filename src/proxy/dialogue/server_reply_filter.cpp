@@ -6,6 +6,7 @@
 
 #include "base/text.h"
 #include "proxy/dialogue/received_header.h"
+#include "proxy/dialogue/reply_code.h"
 #include "proxy/dialogue/response_changes.h"
 
 namespace trabex {
@@ -19,25 +20,6 @@ constexpr std::string_view kNeverOffered[] = {"ATRN", "PIPELINING", "STARTTLS", 
 
 constexpr std::string_view kChunking = "CHUNKING";
 constexpr std::string_view kSmtpUtf8 = "SMTPUTF8";
-
-std::string_view CodeOf(std::string_view line) {
-  return line.substr(0, 3);
-}
-
-std::string_view LastLine(std::string_view reply) {
-  const std::size_t end = reply.rfind(kCrLf);
-  return end == std::string_view::npos ? reply : reply.substr(end + kCrLf.size());
-}
-
-bool HasOneCode(std::string_view reply) {
-  const std::string_view code = CodeOf(reply);
-  for (;;) {
-    if (CodeOf(reply) != code) return false;
-    const std::size_t end = reply.find(kCrLf);
-    if (end == std::string_view::npos) return true;
-    reply.remove_prefix(end + kCrLf.size());
-  }
-}
 
 // Whether the code of `reply` counts: a reply of several lines counts only if all of them have one code, for
 // EHLO the first and the last; its lines with another code between them are no extensions.
