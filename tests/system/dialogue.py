@@ -3,6 +3,7 @@
 import re
 import smtplib
 import socket
+import ssl
 import struct
 
 from processes import Options, bound
@@ -71,6 +72,10 @@ class Connection:
             lines.append(self.read_line())
         return "\n".join(lines)
 
+    def start_tls(self, context, name=None):
+        """From now on all goes through TLS; `context` is an ssl.SSLContext of a client, `name` whom it asks for."""
+        self.socket = context.wrap_socket(self.socket, server_hostname=name)
+
     def command(self, line):
         """Sends a command line and returns the reply."""
         self.send_line(line)
@@ -99,9 +104,25 @@ class Connection:
         self.socket.close()
 
 
+def trusting(file, **versions):
+    """The ssl.SSLContext of a client that trusts whom the certificate in `file` vouches for; None: everybody.
+
+    `versions` may be minimum_version and maximum_version, of ssl.TLSVersion.
+    """
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    if file is None:
+        context.check_hostname = False
+        context.verify_mode = ssl.CERT_NONE
+    else:
+        context.load_verify_locations(file)
+    for name, version in versions.items():
+        setattr(context, name, version)
+    return context
+
+
 def connect(address, source=None, receive_buffer=None):
     """A client's connection; `source` is the client's own address ("127.0.0.7")."""
-    client = socket.socket()
+    client = socket.socket(socket.AF_INET6 if ":" in address[0] else socket.AF_INET)
     if receive_buffer:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     client.settimeout(bound(30))
@@ -136,8 +157,8 @@ class Smtp(smtplib.SMTP):
 
 
 _RECEIVED = re.compile(
-    rb"\AReceived: from (?P<helo>\S*) \((?P<name>\S+) \[(?P<ip>[0-9.]+)\]\) by (?P<by>\S+)\r?\n"
-    rb"      with (?P<protocol>E?SMTP); "
+    rb"\AReceived: from (?P<helo>\S*) \((?P<name>\S+) \[(?P<ip>[0-9.]+|IPv6:[0-9a-f:]+)\]\) by (?P<by>\S+)\r?\n"
+    rb"      with (?P<protocol>SMTP|ESMTPS?A?)(?: tls (?P<cipher>[A-Z0-9_]+))?; "
     rb"(?:Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (?:Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} "
     rb"\d\d:\d\d:\d\d [+-]\d{4}\r?\n")
 
@@ -157,7 +178,7 @@ def received_header(content):
     header = _RECEIVED.match(content)
     if not header:
         raise AssertionError(f"no Received header in front: {content[:300]!r}")
-    return {name: value.decode("ascii") for name, value in header.groupdict().items()}
+    return {name: value.decode("ascii") for name, value in header.groupdict().items() if value is not None}
 
 
 def describe_difference(sent, arrived):

@@ -88,9 +88,13 @@ class SmtpSink:
 
 
 class Postfix:
-    """A Postfix of the scenario's own: everything it has is in the place, and it delivers into one Maildir."""
+    """A Postfix of the scenario's own: everything it has is in the place, and it delivers into one Maildir.
 
-    def __init__(self, place, settings=None):
+    With a `certificate` it offers STARTTLS, and has a second port, `tls_port`, with TLS from the first byte. `smtpd` are
+    settings of its smtpd alone.
+    """
+
+    def __init__(self, place, settings=None, certificate=None, smtpd=None):
         if os.geteuid() != 0:
             raise unittest.SkipTest("Postfix runs as root only")
         folder = place.new_folder("postfix")
@@ -120,11 +124,18 @@ class Postfix:
             "virtual_destination_concurrency_limit": 20, "virtual_destination_recipient_limit": 1,
             "smtpd_client_connection_count_limit": 0, "default_process_limit": 100,
         }
+        services = [f"{LOOPBACK}:{self.port} inet n - n - - smtpd"]
+        if certificate:
+            self.tls_port = free_port()
+            services.append(f"{LOOPBACK}:{self.tls_port} inet n - n - - smtpd -o smtpd_tls_wrappermode=yes")
+            main.update({"smtpd_tls_security_level": "may", "smtpd_tls_chain_files": certificate.both,
+                         "smtpd_tls_loglevel": 1})
         main.update(settings or {})
+        own = "".join(f" -o {key}={value}" for key, value in (smtpd or {}).items())
         (self._configuration / "main.cf").write_text("".join(f"{key} = {value}\n" for key, value in main.items()))
         (self._configuration / "master.cf").write_text("".join(
             f"{line}\n" for line in (
-                f"{LOOPBACK}:{self.port} inet n - n - - smtpd",
+                *(f"{service}{own}" for service in services),
                 "cleanup unix n - n - 0 cleanup", "qmgr unix n - n 300 1 qmgr",
                 "rewrite unix - - n - - trivial-rewrite",
                 "bounce unix - - n - 0 bounce", "defer unix - - n - 0 bounce", "trace unix - - n - 0 bounce",
@@ -282,6 +293,28 @@ def polite_server(extensions=("8BITMIME", "CHUNKING"), content=None, replies=Non
             else:
                 connection.send_line("250 ok")
     return dialogue
+
+
+class Balancer:
+    """HAProxy as a balancer in front: it tells Trabex each client's address.
+
+    `sending` are words for the server's line, such as send-proxy-v2; `binding` words for its own listener.
+    """
+
+    def __init__(self, place, proxy_port, sending, binding="", source=None):
+        folder = place.new_folder("balancer")
+        self.port = free_port()
+        self.address = (LOOPBACK, self.port)
+        configuration = folder / "haproxy.cfg"
+        configuration.write_text(
+            "global\n  nbthread 1\n"
+            "defaults\n  mode tcp\n  timeout connect 10s\n  timeout client 10m\n  timeout server 10m\n"
+            f"listen smtp\n  bind {LOOPBACK}:{self.port} {binding}\n" +
+            (f"  source {source}\n" if source else "") +
+            f"  server trabex {LOOPBACK}:{proxy_port} {sending}\n")
+        self.process = Process(place, "balancer", ["haproxy", "-db", "-f", configuration])
+        place.on_leaving(self.process.end)
+        self.process.wait_listening(self.port)
 
 
 class HaProxy:

@@ -72,7 +72,7 @@ def free_port():
 
 
 class SystemSocket:
-    """One row of the system's table of IPv4 sockets."""
+    """One row of the system's tables of TCP sockets."""
 
     ESTABLISHED, CLOSE_WAIT, LISTEN = "01", "08", "0A"
 
@@ -85,8 +85,10 @@ class SystemSocket:
 
 
 def sockets_of_system():
-    with open("/proc/net/tcp", encoding="ascii") as table:
-        rows = table.readlines()[1:]
+    rows = []
+    for family in ("tcp", "tcp6"):
+        with contextlib.suppress(FileNotFoundError), open(f"/proc/net/{family}", encoding="ascii") as table:
+            rows += table.readlines()[1:]
     # A table that changes while it is read may show a socket twice.
     return [SystemSocket(row) for row in {tuple(row.split()[1:3]): row for row in rows}.values()]
 

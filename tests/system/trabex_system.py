@@ -29,13 +29,14 @@ from pathlib import Path
 
 # The scenarios take everything from here.
 from dialogue import (Connection, HungUp, Smtp, connect, describe_difference, received_header,  # noqa: F401
-                      without_received)
-from mail_servers import (Direct, HaProxy, Postfix, SampleServer, ScriptedServer, SmtpSink,  # noqa: F401
-                          polite_server)
+                      trusting, without_received)
+from certificates import Authority, replace_file  # noqa: F401
+from mail_servers import (Balancer, Direct, HaProxy, Postfix, SampleServer, ScriptedServer,  # noqa: F401
+                          SmtpSink, polite_server)
 from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound,  # noqa: F401
                        connections_not_closed, connections_to, free_port, is_listening, keeps_freed_memory, program, queued_bytes, unread_bytes, wait_until)
 from terminal import Terminal  # noqa: F401
-from unpacked_servers import Exim, EximClient, OpenSmtpd  # noqa: F401
+from unpacked_servers import Exim, EximClient, OpenSmtpd, OpenSmtpdClient  # noqa: F401
 
 _STAMP = re.compile(r"^\d\d/\d\d/\d\d \d\d:\d\d:\d\d ")
 
@@ -169,14 +170,14 @@ class Scenario(unittest.TestCase):
     def scripted_server(self, dialogue=None):
         return ScriptedServer(self.place, dialogue)
 
-    def postfix(self, settings=None):
-        return self._mail_server(Postfix(self.place, settings))
+    def postfix(self, settings=None, **more):
+        return self._mail_server(Postfix(self.place, settings, **more))
 
-    def exim(self, settings=None):
-        return self._mail_server(Exim(self.place, settings))
+    def exim(self, settings=None, **more):
+        return self._mail_server(Exim(self.place, settings, **more))
 
-    def opensmtpd(self, settings=(), arguments=()):
-        return self._mail_server(OpenSmtpd(self.place, settings, arguments))
+    def opensmtpd(self, settings=(), arguments=(), **more):
+        return self._mail_server(OpenSmtpd(self.place, settings, arguments, **more))
 
     def _mail_server(self, server):
         self._mail_servers.append(server)

@@ -80,7 +80,8 @@ class Root:
         self._make_null_device()
         self._make_users(users)
         # No server of this machine's is to be asked for names.
-        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n127.0.0.2 client.test\n127.0.0.9 local.test\n")
+        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n::1 localhost\n127.0.0.2 client.test\n"
+                                                     "127.0.0.9 local.test\n")
         (self.folder / "etc" / "resolv.conf").write_text("lookup file\n")
         shutil.copytree(unpacked_package(package) / "usr", self.folder / "usr", symlinks=True, dirs_exist_ok=True,
                         ignore=shutil.ignore_patterns("share"))
@@ -124,6 +125,16 @@ class Root:
         folder.mkdir(parents=True)
         os.chown(folder, self._users[user], self._users[user])
         return folder
+
+    def put(self, file, user="root"):
+        """A copy of a file that `user` alone can read; returns its name inside."""
+        folder = self.folder / "etc" / "files"
+        folder.mkdir(exist_ok=True)
+        copy = folder / file.name
+        shutil.copy(file, copy)
+        os.chown(copy, self._users[user], self._users[user])
+        copy.chmod(0o600)
+        return f"/etc/files/{file.name}"
 
     def start(self, name, *command):
         process = Process(self._place, name, ["chroot", self.folder, *command])
@@ -187,13 +198,14 @@ class Exim(_MaildirServer):
     """An Exim that takes mail from loopback for any domain and delivers it into one Maildir.
 
     `settings` are main options beside (or instead of) those below; None means that there is no value. With
-    `queue_only` it keeps what it takes in its queue.
+    `queue_only` it keeps what it takes in its queue. With a `certificate` it offers STARTTLS, and has a second port,
+    `tls_port`, with TLS from the first byte.
     """
 
     _head = re.compile(rb"Return-path: .*\nEnvelope-to: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
 
-    def __init__(self, place, settings=None):
-        self._root = Root(place, "exim4-daemon-light", ["usr/sbin/exim4"], ["Debian-exim"])
+    def __init__(self, place, settings=None, certificate=None):
+        self._root = Root(place, "exim4-daemon-heavy", ["usr/sbin/exim4"], ["Debian-exim"])
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
         self.queue = self._root.new_folder("var/spool/exim4", "Debian-exim")
@@ -207,6 +219,11 @@ class Exim(_MaildirServer):
             "chunking_advertise_hosts": "*", "accept_8bitmime": "true", "message_size_limit": 0,
             "smtp_accept_max": 200, "smtp_load_reserve": 1000, "check_spool_space": 0, "check_spool_inodes": 0,
         }
+        if certificate:
+            self.tls_port = free_port()
+            main.update({"daemon_smtp_ports": f"{self.port} : {self.tls_port}", "tls_on_connect_ports": self.tls_port,
+                         "tls_advertise_hosts": "*", "tls_certificate": self._root.put(certificate.chain, "Debian-exim"),
+                         "tls_privatekey": self._root.put(certificate.key, "Debian-exim")})
         main.update(settings or {})
         authenticators = main.pop("authenticators", "")
         configuration = self._root.new_folder("etc/exim4") / "exim4.conf"
@@ -233,12 +250,14 @@ class Exim(_MaildirServer):
 
 class EximClient:
     """An Exim that sends what it is given to one address, each message over a connection of its own, with BDAT where
-    the server offers it. `source` is its own address."""
+    the server offers it. `source` is its own address. It uses TLS only with `tls`, options of its smtp transport."""
 
-    def __init__(self, place, address, source):
-        self._root = Root(place, "exim4-daemon-light", ["usr/sbin/exim4"], ["Debian-exim"])
+    def __init__(self, place, address, source, tls=None, files=()):
+        self._root = Root(place, "exim4-daemon-heavy", ["usr/sbin/exim4"], ["Debian-exim"])
         self._root.new_folder("var/spool/exim4", "Debian-exim")
         self._log = self._root.new_folder("var/log/exim4", "Debian-exim") / "mainlog"
+        for file in files:
+            self._root.put(file, "Debian-exim")
         (self._root.new_folder("etc/exim4") / "exim4.conf").write_text(
             "primary_hostname = client.example\nexim_path = /usr/sbin/exim4\nkeep_environment =\n"
             "deliver_drop_privilege = true\nlog_selector = +all\nmessage_size_limit = 0\n"
@@ -246,7 +265,8 @@ class EximClient:
             "begin routers\nproxy:\n  driver = manualroute\n"
             f"  route_data = {address[0]}\n  self = send\n  transport = smtp\n"
             f"begin transports\nsmtp:\n  driver = smtp\n  port = {address[1]}\n  interface = {source}\n"
-            "  allow_localhost\n  hosts_try_chunking = *\n  hosts_try_fastopen =\n  hosts_avoid_tls = *\n"
+            "  allow_localhost\n  hosts_try_chunking = *\n  hosts_try_fastopen =\n" +
+            "".join(f"  {option} = {value}\n" for option, value in (tls or {"hosts_avoid_tls": "*"}).items()) +
             "begin retry\n* * F,1h,1m\n")
 
     def send(self, sender, recipient, content):
@@ -273,12 +293,13 @@ class OpenSmtpd(_MaildirServer):
     """An OpenSMTPD that takes mail from anywhere for any domain and delivers it into one Maildir.
 
     Its backlog is 5: of more clients that come at once, some wait for seconds.
-    With the arguments "-P", "mda" it keeps what it takes in its queue.
+    With the arguments "-P", "mda" it keeps what it takes in its queue. With a `certificate` it offers STARTTLS, and has a
+    second port, `tls_port`, with TLS from the first byte. `listening` are words for the end of its lines of listeners.
     """
 
     _head = re.compile(rb"Return-Path: .*\nDelivered-To: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
 
-    def __init__(self, place, settings=(), arguments=()):
+    def __init__(self, place, settings=(), arguments=(), certificate=None, listening=""):
         users = ["opensmtpd", "opensmtpq", "box"]
         self._root = Root(place, "opensmtpd",
                           ["usr/sbin/smtpd", "usr/sbin/smtpctl", "usr/libexec/opensmtpd/mail.maildir"], users)
@@ -288,9 +309,16 @@ class OpenSmtpd(_MaildirServer):
         self._spool = self._root.new_folder("var/spool/smtpd")
         self._spool.chmod(0o711)
         self.maildir = self._root.new_folder("var/mail/box", "box")
+        listeners = [f"listen on {LOOPBACK} port {self.port} hostname server.example"]
+        if certificate:
+            self.tls_port = free_port()
+            settings = [f'pki own cert "{self._root.put(certificate.chain)}"',
+                        f'pki own key "{self._root.put(certificate.key)}"', *settings]
+            listeners = [f"{listeners[0]} tls pki own",
+                         f"listen on {LOOPBACK} port {self.tls_port} hostname server.example smtps pki own"]
         (self._root.folder / "etc" / "smtpd.conf").write_text(
             "".join(f"{line}\n" for line in settings) +
-            f"listen on {LOOPBACK} port {self.port} hostname server.example\n"
+            "".join(f"{line} {listening}\n" for line in listeners) +
             'action "box" maildir "/var/mail/box" virtual { "@" = "box" }\n'
             'match from any for any action "box"\n')
         self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d", *arguments)
@@ -314,3 +342,29 @@ class OpenSmtpd(_MaildirServer):
     def queued(self):
         """The text of the envelopes of everything in the queue."""
         return _texts_of(self._spool / "queue", "*/*/????????????????")
+
+
+class OpenSmtpdClient:
+    """An OpenSMTPD that sends what it is given to one relay, such as smtp+tls://127.0.0.1:2525 (its own words).
+
+    It trusts whom the certificate `authority` vouches for.
+    """
+
+    def __init__(self, place, relay, source, options="", authority=None):
+        users = ["opensmtpd", "opensmtpq", "box"]
+        self._root = Root(place, "opensmtpd", ["usr/sbin/smtpd", "usr/sbin/smtpctl"], users)
+        self.port = free_port()
+        self.address = (LOOPBACK, self.port)
+        if authority:
+            shutil.copy(authority, self._root.new_folder("etc/ssl/certs") / "ca-certificates.crt")
+        self._root.new_folder("var/lib/opensmtpd/empty")
+        self._root.new_folder("var/spool/smtpd").chmod(0o711)
+        (self._root.folder / "etc" / "smtpd.conf").write_text(
+            f"listen on {LOOPBACK} port {self.port} hostname client.example\n"
+            f'action "proxy" relay host "{relay}" src {source} helo client.example {options}\n'
+            'match from any for any action "proxy"\n')
+        self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d")
+        self.process.wait_listening(self.port)
+
+    def log(self):
+        return self.process.stderr()
