@@ -1,12 +1,15 @@
 // The program's one network object: an event-driven, non-blocking socket of IPv4 or IPv6.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "base/endpoint.h"
@@ -16,6 +19,8 @@
 #include "net/stream.h"
 #include "platform/sockets.h"
 #include "resolver/name_lookup.h"
+#include "tls/tls_context.h"
+#include "tls/tls_facts.h"
 
 namespace trabex {
 
@@ -33,6 +38,22 @@ enum class SocketState : int {
 
 enum class SocketProtocol : int { sckTCPProtocol = 0, sckUDPProtocol = 1 };
 
+// A handler that few objects have: without one it takes no more than a pointer.
+class RareHandler {
+ public:
+  template <std::invocable Function>
+  requires(!std::same_as<std::remove_cvref_t<Function>, RareHandler>) RareHandler& operator=(
+      Function&& function) {
+    function_ = std::make_unique<std::function<void()>>(std::forward<Function>(function));
+    return *this;
+  }
+  explicit operator bool() const { return function_ != nullptr; }
+  void operator()() const { (*function_)(); }
+
+ private:
+  std::unique_ptr<std::function<void()>> function_;
+};
+
 // What an object notifies its owner of, from the loop or from inside a call that the owner makes (SendData
 // may raise SendComplete before it returns). A handler may call anything on the object, CloseSck included,
 // and may hand the object's owner to EventLoop::DeferredDelete; it must not destroy the object. An empty
@@ -47,6 +68,8 @@ struct CSocketMasterEvents {
       Error;
   std::function<void()> SendComplete;
   std::function<void(std::size_t bytes_sent, std::size_t bytes_remaining)> SendProgress;
+  // The handshake that StartTls began is done. Best set where StartTls is called.
+  RareHandler Secured;
 
   // Who handles them, such as "cProxy.Receiver"; lives as long as the object. An exception without a source
   // that leaves a handler is logged as one of "cProxy.Receiver_DataArrival"; without it, of
@@ -153,6 +176,22 @@ class CSocketMaster final : public SocketSink {
   // raised when they have been read.
   bool PeerEnded() const;
 
+  // Begins TLS, for the rest of the connection: `last_words` (plain text, such as the reply to STARTTLS) go out
+  // behind what is queued, in the clear; every other byte, in or out, goes through TLS from this call on. What
+  // was received and not consumed is the beginning of the peer's TLS, and can not be read any more.
+  //
+  // Secured follows when the handshake is done, and stands for last_words, too: no SendComplete does. Until then
+  // nothing can be read, SendData keeps what it is given, and CloseSck closes at once. The owner bounds its
+  // time. Counters and sizes are of plain text, before and afterwards. What goes wrong is an Error event with
+  // 40030, "TLS failed: " and the reason, or 40031 when too many handshakes are unfinished; a peer that ends
+  // before it is done is CloseSck. The peer's close_notify is its end, whatever follows; CloseSck sends ours.
+  //
+  // `context` is of `role`, else 40014 is raised; 40006 unless connected by TCP, or when it is not the first
+  // stream.
+  void StartTls(TlsRole role, std::shared_ptr<const TlsContext> context, std::string_view last_words = {});
+  // What the handshake agreed on, nullptr before Secured. Until CloseSck.
+  const TlsFacts* Tls() const { return stream_ ? stream_->Facts() : nullptr; }
+
   // From now on `stream` carries the bytes of the connection, both ways, until CloseSck has ended it in
   // order. Returns what was received through the one before and not consumed, for `stream` to begin with; it
   // can not be read any more. Raises 40006 unless connected, or while bytes wait to be sent.
@@ -208,6 +247,10 @@ class CSocketMaster final : public SocketSink {
 
   Stream& GetStream() const { return stream_ ? *stream_ : module_.plain_; }
   void DropStream();
+  // Whether a handshake is under way: nothing is read or sent.
+  bool Handshaking() const { return stream_ && !stream_->Established(); }
+  void ReadyForHandshake();
+  void OnHandshakeStep();
   // Only with a stream_: has the owner notified of input that the stream holds, or of the end after it.
   void FollowUp();
   void OnFollowUp();

@@ -10,6 +10,7 @@
 
 #include "base/log.h"
 #include "net/CSocketMaster.h"
+#include "net/handshake_queue.h"
 #include "net/socket_errors.h"
 
 namespace trabex {
@@ -28,6 +29,7 @@ struct CSocketMaster::ColdState {
   // Of a stream that is not plain.
   std::optional<int> held_close;    // FD_CLOSE with this error, which waits until the input was read
   std::shared_ptr<bool> follow_up;  // while a posted follow-up is under way
+  std::unique_ptr<HandshakeQueue::Place> handshake;  // while one is
 };
 
 // Every event is a border: an error of the owner's handler is logged, and this object goes on.

@@ -55,10 +55,9 @@ bool LingeringSockets::Drop(Holder& holder) {
   std::size_t received = 0;
   Stream& stream = StreamOf(holder);
   const int error = stream.Read(holder.socket, dropped, received);
-  if (error == socket_error::kWouldBlock) return true;
-  if (error != 0) return false;
-  if (received == 0) holder.peer_ended = true;
-  if (received > 0 && stream.HoldsInput()) DropAgain(holder.socket);
+  if (error != 0 && error != socket_error::kWouldBlock) return false;
+  if (error == 0 && received == 0) holder.peer_ended = true;
+  if (!holder.peer_ended && stream.HoldsInput()) DropAgain(holder.socket);
   return true;
 }
 
@@ -70,12 +69,15 @@ void LingeringSockets::DropAgain(SocketHandle socket) {
 }
 
 void LingeringSockets::Proceed(Holder& holder, bool usable) {
-  if (usable && holder.unsent.Empty() && !holder.peer_ended && !holder.sending_ended) {
+  // The end of an encrypted stream is said even to a peer that has ended.
+  const bool end_due = !holder.sending_ended && (!holder.peer_ended || holder.stream != nullptr);
+  if (usable && holder.unsent.Empty() && end_due) {
     const int error = StreamOf(holder).ShutDownWrite(holder.socket);
     usable = error == 0 || error == socket_error::kWouldBlock;
     holder.sending_ended = error == 0;
   }
-  if (!usable || (holder.unsent.Empty() && holder.peer_ended)) Close(holder.socket);
+  const bool all_said = holder.unsent.Empty() && (holder.sending_ended || holder.stream == nullptr);
+  if (!usable || (all_said && holder.peer_ended)) Close(holder.socket);
 }
 
 void LingeringSockets::OnSocketEvent(SocketHandle socket, SocketEvent event, int error) {

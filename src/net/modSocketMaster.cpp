@@ -12,7 +12,8 @@ modSocketMaster::modSocketMaster(Sockets& sockets, NameLookup& names, Log& log)
       log_(log),
       plain_(sockets),
       pause_(sockets, log),
-      lingering_(sockets, plain_, log, [this] { pause_.SocketClosed(); }) {}
+      lingering_(sockets, plain_, log, [this] { pause_.SocketClosed(); }),
+      handshakes_(sockets.Loop(), log) {}
 
 modSocketMaster::~modSocketMaster() {
   assert(object_count_ == 0 && "a socket object outlives its module");

@@ -11,6 +11,7 @@
 
 #include "base/log.h"
 #include "net/accept_pause.h"
+#include "net/handshake_queue.h"
 #include "net/lingering_sockets.h"
 #include "net/receive_buffer.h"
 #include "net/stream.h"
@@ -35,6 +36,11 @@ class modSocketMaster {
   // `emptied` is called from the loop when the last lingering socket has gone; at once from the loop when
   // there is none.
   void WhenNoneLingers(std::function<void()> emptied);
+
+  // The most TLS handshakes of clients that may be unfinished; one more ends the oldest (Error 40031). 0, as at
+  // first: any number.
+  void SetMaxHandshakes(std::size_t max) { handshakes_.SetMax(max); }
+  std::size_t UnfinishedHandshakes() const { return handshakes_.Unfinished(); }
 
   // The service runs from the first socket object's creation to the last one's release; it is what they
   // share: one buffer to receive into.
@@ -69,6 +75,7 @@ class modSocketMaster {
   PlainStream plain_;
   AcceptPause pause_;
   LingeringSockets lingering_;
+  HandshakeQueue handshakes_;
   std::size_t object_count_ = 0;
   std::unique_ptr<ReceiveBuffer> received_;
 };

@@ -16,7 +16,7 @@ void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return SendBufferedDataUDP(Data);
   if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
   if (write_failed_) return;  // lost with the connection, whose end follows soon
-  if (!send_.Empty()) return send_.Append(Data);
+  if (!send_.Empty() || Handshaking()) return send_.Append(Data);
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
   const std::size_t sent = SendPieces(Data, error, blnMoreFollows);
@@ -78,7 +78,7 @@ void CSocketMaster::FinishFlush(std::size_t sent, int error) {
 }
 
 void CSocketMaster::FlushPending() {
-  if (state_ != SocketState::sckConnected || send_.Empty()) return;
+  if (state_ != SocketState::sckConnected || send_.Empty() || Handshaking()) return;
   int error = 0;
   const std::size_t sent = SendPieces(send_.View(), error);
   send_.RemoveFront(sent);
@@ -105,11 +105,14 @@ std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
     const std::span<char> space = module_.received_->Space(receive_, wanted - there);
     std::size_t received = 0;
     const int error = stream.Read(socket_, space, received);
+    if (stream_ && error != socket_error::kWouldBlock && received == 0) {
+      HoldClose(error);  // the end, or what went wrong, comes behind what is there
+      break;
+    }
     if (error != 0 && error != socket_error::kWouldBlock && there == 0) {
       state_ = SocketState::sckError;
       RaiseSocketError(error, "CSocketMaster.RecvDataToBuffer");
     }
-    if (error == 0 && received == 0 && stream_) HoldClose(0);
     if (error != 0 || received == 0) break;
     module_.received_->Add(receive_, received);
     there += received;
@@ -130,7 +133,7 @@ std::size_t CSocketMaster::UnreadBytes() const {
 }
 
 bool CSocketMaster::PeerEnded() const {
-  return module_.sockets_.PeerEnded(socket_);
+  return module_.sockets_.PeerEnded(socket_) || (cold_ && cold_->held_close);
 }
 
 std::size_t CSocketMaster::PortionSize(std::int32_t max_length) {

@@ -55,6 +55,7 @@ constexpr Row kTexts[] = {
     {11002, "Nonauthoritative host not found."},
     {11003, "This is a nonrecoverable error."},
     {11004, "Valid name, no data record of requested type."},
+    {tls_error::kTooManyHandshakes, "Too many TLS handshakes."},
 };
 
 }  // namespace

@@ -8,6 +8,11 @@
 
 namespace trabex {
 
+namespace tls_error {
+inline constexpr int kFailed = 40030;             // "TLS failed: " and why
+inline constexpr int kTooManyHandshakes = 40031;  // it was the oldest of too many that were not done
+}  // namespace tls_error
+
 // The text of a socket error number; "Unknown error." for any other.
 std::string_view SocketErrorText(int number);
 

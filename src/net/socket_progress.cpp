@@ -22,7 +22,7 @@ void CSocketMaster::LogHandlerError(const char* event) {
 
 void CSocketMaster::ReportError(int number, const char* source) {
   state_ = SocketState::sckError;
-  std::string description(SocketErrorText(number));
+  std::string description = GetStream().ErrorText(number);
   const std::string source_text(source);
   bool cancel_display = true;
   Raise(Events.Error, "Error", number, description, source_text, cancel_display);
@@ -96,19 +96,22 @@ void CSocketMaster::OnNotification(SocketEvent event, int error) {
 
 void CSocketMaster::OnRead() {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return OnDatagram();
+  if (Handshaking()) return ReadyForHandshake();
   if (stream_ && stream_->WriteWaitsForRead()) FlushPending();
   if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "DataArrival");
 }
 
 void CSocketMaster::OnWrite() {
+  if (Handshaking()) return ReadyForHandshake();
+  FlushPending();
   if (stream_ && stream_->ReadWaitsForWrite() && state_ == SocketState::sckConnected) {
     Raise(Events.DataArrival, "DataArrival");
   }
-  FlushPending();
 }
 
 void CSocketMaster::OnClose(int error) {
-  if (stream_ && stream_->HoldsInput() && state_ == SocketState::sckConnected) {
+  const bool input_left = stream_ && (stream_->HoldsInput() || stream_->ReadWaitsForWrite());
+  if (input_left && state_ == SocketState::sckConnected) {
     HoldClose(error);
     return FollowUp();
   }

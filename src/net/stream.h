@@ -5,9 +5,11 @@
 
 #include <cstddef>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "platform/sockets.h"
+#include "tls/tls_facts.h"
 
 namespace trabex {
 
@@ -26,7 +28,7 @@ class Stream {
   virtual int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) = 0;
   // Ends sending; receiving goes on.
   virtual int ShutDownWrite(SocketHandle socket) = 0;
-  // How many bytes Read would give now.
+  // How many bytes Read would give now, at most.
   virtual std::size_t Pending(SocketHandle socket) = 0;
 
   // Whether Read may give more although the socket announces nothing: the stream has received more than it
@@ -36,6 +38,16 @@ class Stream {
   virtual bool ReadWaitsForWrite() const { return false; }
   // The last 10035 of a Write was because something must be received first: it may go on at FD_READ.
   virtual bool WriteWaitsForRead() const { return false; }
+
+  // A stream may begin with a handshake. Until it is done Read and Write give 10035 and touch nothing.
+  virtual bool Established() const { return true; }
+  // A step of it; 10035: the next one can be made at FD_READ or FD_WRITE. With 0 it is done, or the peer has
+  // ended instead: Established tells.
+  virtual int Establish(SocketHandle /*socket*/) { return 0; }
+  // What the handshake agreed on; nullptr: it is not done, or there is none.
+  virtual const TlsFacts* Facts() const { return nullptr; }
+  // The text of an error number that this stream gave.
+  virtual std::string ErrorText(int number) const;
 };
 
 // The bytes as they are. One serves all sockets.

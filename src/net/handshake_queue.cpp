@@ -1,0 +1,66 @@
+#include "net/handshake_queue.h"
+
+#include <utility>
+
+namespace trabex {
+
+HandshakeQueue::Place::Place(HandshakeQueue& queue, bool counts, std::function<void()> step,
+                             std::function<void()> evict)
+    : queue_(queue), step_(std::move(step)), evict_(std::move(evict)) {
+  if (!counts) return;
+  counted_ = queue_.unfinished_.insert(queue_.unfinished_.end(), this);
+  if (queue_.max_ != 0 && queue_.unfinished_.size() > queue_.max_) queue_.EvictOldest();
+}
+
+HandshakeQueue::Place::~Place() {
+  if (counted_) queue_.unfinished_.erase(*counted_);
+  if (ready_) queue_.ready_.erase(*ready_);
+  if (evicted_) queue_.evicted_.erase(*evicted_);
+}
+
+void HandshakeQueue::Place::Ready() {
+  if (ready_ || evicted_) return;
+  ready_ = queue_.ready_.insert(queue_.ready_.end(), this);
+  queue_.AskForTurn();
+}
+
+// Its owner is told in the next turn: now the one is being called that begins another handshake.
+void HandshakeQueue::EvictOldest() {
+  Place& oldest = *unfinished_.front();
+  unfinished_.pop_front();
+  oldest.counted_.reset();
+  if (oldest.ready_) ready_.erase(*std::exchange(oldest.ready_, std::nullopt));
+  oldest.evicted_ = evicted_.insert(evicted_.end(), &oldest);
+  AskForTurn();
+}
+
+void HandshakeQueue::AskForTurn() {
+  if (std::exchange(turn_posted_, true)) return;
+  loop_.Post([this, alive = std::weak_ptr<bool>(alive_)] {
+    if (!alive.expired()) TakeTurn();
+  });
+}
+
+void HandshakeQueue::TakeTurn() {
+  turn_posted_ = false;
+  while (!evicted_.empty()) {
+    Place& place = *evicted_.front();
+    evicted_.pop_front();
+    place.evicted_.reset();
+    // What is called may destroy the place and what it calls with it.
+    const auto evict = std::move(place.evict_);
+    RunLogged(log_, "HandshakeQueue.TakeTurn", evict);
+  }
+  const MonotonicTime begin = loop_.GetClock().Monotonic();
+  while (!ready_.empty()) {
+    Place& place = *ready_.front();
+    ready_.pop_front();
+    place.ready_.reset();
+    const auto step = place.step_;
+    RunLogged(log_, "HandshakeQueue.TakeTurn", step);
+    if (loop_.GetClock().Monotonic() - begin >= kTurn) break;
+  }
+  if (!ready_.empty()) AskForTurn();
+}
+
+}  // namespace trabex
