@@ -5,25 +5,24 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "base/ip_address.h"
 #include "support/held_port.h"
+#include "support/system_socket.h"
 
 namespace trabex {
 
-// Non-blocking; owns its descriptor.
 class TestPeer {
  public:
+  // Not open.
   TestPeer() = default;
-  explicit TestPeer(int descriptor);
-  ~TestPeer();
-  TestPeer(TestPeer&& other) noexcept;
-  TestPeer& operator=(TestPeer&& other) noexcept;
+  explicit TestPeer(SystemSocket socket) : socket_(std::move(socket)) {}
 
   // Connects to 127.0.0.1:`port` from `from`; connected when this returns.
   static TestPeer Connect(std::uint16_t port, const IPAddress& from = kIPv4Loopback);
 
-  bool Open() const { return descriptor_ >= 0; }
+  bool Open() const { return socket_.IsOpen(); }
   // Takes what has come; call it as often as you like.
   void Poll();
   // The same, but `max_bytes` at most; returns how many.
@@ -35,18 +34,18 @@ class TestPeer {
   // The other end has reset the connection.
   bool WasReset() const { return was_reset_; }
   // Bytes that have come and were not taken, neither by Poll nor by Take.
-  std::size_t Untaken() const;
+  std::size_t Untaken() const { return socket_.Untaken(); }
   // Hands `bytes` to the system as far as it takes them; returns how many.
-  std::size_t Send(std::string_view bytes);
+  std::size_t Send(std::string_view bytes) { return socket_.Send(bytes); }
   // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
-  void HoldLittle();
-  void ShutDownSending();
-  void Close();
+  void HoldLittle() { socket_.LimitReceiveBuffer(32768); }
+  void ShutDownSending() { socket_.ShutDownSending(); }
+  void Close() { socket_.Close(); }
   // Closes so that the other end sees a reset.
-  void Reset();
+  void Reset() { socket_.Reset(); }
 
  private:
-  int descriptor_ = -1;
+  SystemSocket socket_;
   std::string received_;
   bool at_end_ = false;
   bool was_reset_ = false;
@@ -55,20 +54,15 @@ class TestPeer {
 // Listens on 127.0.0.1 on a port of the system's choice.
 class TestListener {
  public:
-  TestListener();
-  ~TestListener();
-  TestListener(const TestListener&) = delete;
-  TestListener& operator=(const TestListener&) = delete;
-
   std::uint16_t Port() const { return port_.Port(); }
   // The next connection, not open when none waits.
-  TestPeer Accept();
+  TestPeer Accept() { return TestPeer(socket_.Accept()); }
   // Refuses connections from now on.
-  void Close();
+  void Close() { socket_.Close(); }
 
  private:
   HeldPort port_;
-  int descriptor_;
+  SystemSocket socket_ = port_.Listen(128);
 };
 
 }  // namespace trabex

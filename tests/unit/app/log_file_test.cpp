@@ -1,9 +1,7 @@
 #include "app/log_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -13,6 +11,7 @@
 #include <vector>
 
 #include "support/fake_clock.h"
+#include "support/open_file_limit.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
@@ -187,20 +186,14 @@ TEST_F(LogFileTest, OpensWhenAllOtherDescriptorsAreUsedUp) {
   // Before the limit: a sanitizer needs descriptors for its first look at an object.
   log_.LogLine("a");
   log_.Close();
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit few = before;
-  few.rlim_cur = 64;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
-  std::vector<int> taken;
-  for (int copy = dup(0); copy >= 0; copy = dup(0)) taken.push_back(copy);
+  OpenFileLimit limit;
+  limit.LeaveOnly(0);
   // Twice: closing the file must keep its descriptor for the next time.
   log_.LogLine("b");
   log_.Close();
-  const bool none_left = dup(0) < 0;
+  const bool none_left = OpenFileLimit::NoneLeft();
   log_.LogLine("c");
-  for (const int descriptor : taken) close(descriptor);
-  setrlimit(RLIMIT_NOFILE, &before);
+  limit.Lift();
   EXPECT_TRUE(none_left);
   EXPECT_EQ(File("Trabex-25-261115.log"),
             "15/11/26 13:54:24 a\r\n15/11/26 13:54:24 b\r\n15/11/26 13:54:24 c\r\n");

@@ -1,9 +1,8 @@
 // The main window on loopback, with a clock and with names that the test sets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
 
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -201,7 +200,7 @@ TEST_F(MainWindowTest, ListenerGoesOnWhileANameIsLookedUp) {
 TEST_F(MainWindowTest, EndAskedForDuringTheLookUpEndsTheStart) {
   Settings().ServerPort = Settings().BindPort;
   names_->HoldAnswers();
-  program_.loop.Post([] { kill(getpid(), SIGTERM); });
+  program_.loop.Post([] { std::raise(SIGTERM); });
   EXPECT_FALSE(Window().Form_Load());
   EXPECT_TRUE(Window().Unloaded());
   EXPECT_EQ(names_->Cancelled(), 1U);
@@ -273,7 +272,7 @@ TEST_F(MainWindowTest, EachEndingSignalUnloads) {
   for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
     program_.window = std::make_unique<frmMain>(program_);
     ASSERT_TRUE(Window().Form_Load());
-    kill(getpid(), number);
+    std::raise(number);
     program_.loop.Run();
     EXPECT_TRUE(Window().Unloaded()) << number;
     EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");

@@ -2,15 +2,11 @@
 // itself over loopback connections.
 #pragma once
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <array>
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +22,7 @@
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
 #include "support/recorded_log.h"
+#include "support/system_socket.h"
 
 namespace trabex {
 
@@ -86,63 +83,48 @@ class TracedSocket {
   std::map<std::string, std::function<void()>> actions_;
 };
 
-// The other end of a connection: a plain non-blocking socket. Its functions run the loop while they wait.
+// The other end of a connection. Its functions run the loop while they wait.
 class Peer {
  public:
-  explicit Peer(EventLoop& loop, int descriptor = -1)
-      : loop_(loop),
-        descriptor_(descriptor >= 0 ? descriptor
-                                    : ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {}
-  ~Peer() { Close(); }
+  explicit Peer(EventLoop& loop, SystemSocket socket = SystemSocket(Transport::kTcp))
+      : loop_(loop), socket_(std::move(socket)) {}
   Peer(const Peer&) = delete;
   Peer& operator=(const Peer&) = delete;
 
   // Before Connect: a receive buffer that fills soon.
-  void ReceiveLittle() {
-    const int bytes = 4096;
-    setsockopt(descriptor_, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
-  }
+  void ReceiveLittle() { socket_.LimitReceiveBuffer(4096); }
   void Connect(std::int32_t port) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(port));
-    to.sin_addr.s_addr = htonl(kLoopback.Number());
-    const int result = connect(descriptor_, reinterpret_cast<sockaddr*>(&to), sizeof to);
-    ASSERT_TRUE(result == 0 || errno == EINPROGRESS) << errno;
+    ASSERT_TRUE(socket_.Connect({kLoopback, static_cast<std::uint16_t>(port)}));
   }
-  int Port() const {
-    sockaddr_in address{};
-    socklen_t size = sizeof address;
-    getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &size);
-    return ntohs(address.sin_port);
-  }
+  int Port() const { return socket_.Local().port; }
+  // That of the end it is connected to.
+  int OtherPort() const { return socket_.Remote().port; }
   void Send(const std::string& text) {
     std::size_t sent = 0;
     ASSERT_TRUE(RunUntil(loop_, [&] {
-      const ssize_t count = send(descriptor_, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-      if (count > 0) sent += static_cast<std::size_t>(count);
+      sent += SendSome(text.substr(sent));
       return sent == text.size();
     }));
   }
   // Sends as much as the system takes at once; returns how much.
-  std::size_t SendSome(const std::string& text) {
-    const ssize_t count = send(descriptor_, text.data(), text.size(), MSG_NOSIGNAL);
-    return count > 0 ? static_cast<std::size_t>(count) : 0;
-  }
+  std::size_t SendSome(const std::string& text) { return socket_.Send(text); }
   // Takes what has come, without waiting. Sets ended and reset.
   std::string ReceiveNow() {
     std::string result;
-    char space[65536];
-    for (;;) {
-      const ssize_t count = recv(descriptor_, space, sizeof space, 0);
-      if (count > 0) {
-        result.append(space, static_cast<std::size_t>(count));
-        continue;
-      }
-      if (count == 0) ended = true;
-      if (count < 0 && errno != EAGAIN) reset = true;
-      return result;
-    }
+    while (ReceiveSome(result, 65536)) continue;
+    return result;
+  }
+  // As ReceiveNow, but by one call for `max_bytes` at most, which are appended to `result`. False when there
+  // is nothing.
+  bool ReceiveSome(std::string& result, std::size_t max_bytes) {
+    const std::size_t size = result.size();
+    result.resize(size + max_bytes);
+    std::size_t count = 0;
+    const auto outcome = socket_.Receive({result.data() + size, max_bytes}, count);
+    result.resize(size + count);
+    if (outcome == SystemSocket::Outcome::kEnd) ended = true;
+    if (outcome == SystemSocket::Outcome::kReset) reset = true;
+    return count > 0;
   }
   std::string Receive(std::size_t count) {
     std::string result;
@@ -163,78 +145,56 @@ class Peer {
     return result;
   }
   // Whether nothing of what we sent is still on its way.
-  bool AllDelivered() const {
-    int left = 0;
-    return ioctl(descriptor_, TIOCOUTQ, &left) == 0 && left == 0;
-  }
-  // Runs the loop until `predicate()` holds, for a bounded time. The peer's descriptor is not in the loop, so
-  // the loop does not sleep.
+  bool AllDelivered() const { return socket_.Undelivered() == 0; }
+  // Runs the loop until `predicate()` holds, for a bounded time. The peer's socket is not in the loop, so the
+  // loop does not sleep.
   template <class Predicate>
   void RunWith(Predicate predicate) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (!predicate()) {
       ASSERT_LT(std::chrono::steady_clock::now(), end);
-      if (loop_.RunOnce(Milliseconds{0})) continue;
-      pollfd wait{descriptor_, POLLIN, 0};
-      poll(&wait, 1, 1);
+      if (!loop_.RunOnce(Milliseconds{0})) socket_.AwaitReadable(Milliseconds{1});
     }
   }
 
-  void EndSending() { shutdown(descriptor_, SHUT_WR); }
-  void Close() {
-    if (descriptor_ >= 0) close(descriptor_);
-    descriptor_ = -1;
-  }
-  void Reset() {
-    const linger at_once{1, 0};
-    setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
-    Close();
-  }
-  int Descriptor() const { return descriptor_; }
+  void EndSending() { socket_.ShutDownSending(); }
+  void Close() { socket_.Close(); }
+  void Reset() { socket_.Reset(); }
 
   bool ended = false;
   bool reset = false;
 
  private:
   EventLoop& loop_;
-  int descriptor_;
+  SystemSocket socket_;
 };
 
-// A listening plain socket, for sockets of ours to connect to.
+// A listening peer, for sockets of ours to connect to.
 class PeerListener {
  public:
-  explicit PeerListener(EventLoop& loop) : loop_(loop), descriptor_(held_.Listen(100)) {
-    port = held_.Port();
-  }
-  ~PeerListener() { Close(); }
+  explicit PeerListener(EventLoop& loop) : loop_(loop), socket_(held_.Listen(100)) { port = held_.Port(); }
   PeerListener(const PeerListener&) = delete;
   PeerListener& operator=(const PeerListener&) = delete;
 
   std::unique_ptr<Peer> Accept() {
-    int accepted = -1;
+    SystemSocket accepted;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (accepted < 0 && std::chrono::steady_clock::now() < end) {
-      accepted = accept4(descriptor_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-      if (accepted < 0 && !loop_.RunOnce(Milliseconds{0})) {
-        pollfd wait{descriptor_, POLLIN, 0};
-        poll(&wait, 1, 1);
-      }
+    while (!accepted.IsOpen() && std::chrono::steady_clock::now() < end) {
+      accepted = socket_.Accept();
+      if (!accepted.IsOpen() && !loop_.RunOnce(Milliseconds{0})) socket_.AwaitReadable(Milliseconds{1});
     }
-    EXPECT_GE(accepted, 0);
-    return std::make_unique<Peer>(loop_, accepted);
+    EXPECT_TRUE(accepted.IsOpen());
+    return std::make_unique<Peer>(loop_, std::move(accepted));
   }
   // Refuses connections from now on.
-  void Close() {
-    if (descriptor_ >= 0) close(descriptor_);
-    descriptor_ = -1;
-  }
+  void Close() { socket_.Close(); }
 
   std::int32_t port = 0;
 
  private:
   EventLoop& loop_;
   HeldPort held_;
-  int descriptor_;
+  SystemSocket socket_;
 };
 
 // Calls `use(port)` with a port that is free, and with another one when another process was quicker (`use`

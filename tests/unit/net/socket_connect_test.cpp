@@ -1,8 +1,7 @@
 // Connecting: addresses, names, refusals, and what happens when the owner closes meanwhile.
-#include <sys/resource.h>
-
 #include "net/socket_errors.h"
 #include "net_fixture.h"
+#include "support/open_file_limit.h"
 
 namespace trabex {
 namespace {
@@ -31,10 +30,7 @@ TEST_F(ConnectTest, LocalPortIsTheOneTheSystemChose) {
   ExpectEvents(socket, "Connect");
   const auto other = server.Accept();
   EXPECT_GT(socket->LocalPort(), 0);
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  ASSERT_EQ(getpeername(other->Descriptor(), reinterpret_cast<sockaddr*>(&address), &size), 0);
-  EXPECT_EQ(socket->LocalPort(), ntohs(address.sin_port));
+  EXPECT_EQ(socket->LocalPort(), other->OtherPort());
   socket->CloseSck();
   EXPECT_EQ(socket->LocalPort(), 0);
 }
@@ -210,13 +206,10 @@ TEST_F(ConnectTest, WithoutADescriptorTheErrorEventSaysSo) {
   socket->Connect("unknown.test", server.port);
   ExpectEvents(socket, "Error(11001)");
   socket->CloseSck();
-  rlimit before{};
-  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-  rlimit none = before;
-  none.rlim_cur = 3;
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  OpenFileLimit limit;
+  limit.LeaveOnly(0);
   socket->Connect("127.0.0.1", server.port);
-  setrlimit(RLIMIT_NOFILE, &before);
+  limit.Lift();
   EXPECT_EQ(socket.Take(), "Error(10024)");
   EXPECT_EQ(socket.error_source, "CSocketMaster.SocketExists");
   EXPECT_EQ(socket.error_description, "Too many open files.");

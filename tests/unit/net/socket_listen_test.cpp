@@ -1,10 +1,8 @@
 // Listening and accepting; running out of descriptors.
-#include <fcntl.h>
-#include <sys/resource.h>
-
 #include <deque>
 
 #include "net_fixture.h"
+#include "support/open_file_limit.h"
 
 namespace trabex {
 namespace {
@@ -204,7 +202,6 @@ class ExhaustionTest : public NetTest {
       sessions.push_back(std::make_unique<TracedSocket>(module));
       (*sessions.back())->Accept(listener->request);
     });
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &normal_), 0);
     // A sanitizer needs descriptors for its first look at an object, so everything is looked at once before.
     NewClients(1);
     ASSERT_TRUE(Sessions(1));
@@ -217,22 +214,10 @@ class ExhaustionTest : public NetTest {
     clock.Advance(std::chrono::hours(1));
     RunUntilIdle(loop);
   }
-  void TearDown() override { Free(); }
 
   // Leaves exactly `free` descriptors to be had.
-  void Exhaust(int free) {
-    std::vector<int> taken;
-    int next = 0;
-    for (int i = 0; i <= free; ++i) {
-      next = fcntl(0, F_DUPFD, 3);
-      taken.push_back(next);
-    }
-    for (const int descriptor : taken) close(descriptor);
-    rlimit low = normal_;
-    low.rlim_cur = static_cast<rlim_t>(next);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &low), 0);
-  }
-  void Free() { setrlimit(RLIMIT_NOFILE, &normal_); }
+  void Exhaust(int free) { limit_.LeaveOnly(free); }
+  void Free() { limit_.Lift(); }
   void NewClients(int count) {
     for (int i = 0; i < count; ++i) clients.emplace_back(loop).Connect((*listener)->LocalPort());
   }
@@ -254,7 +239,7 @@ class ExhaustionTest : public NetTest {
   std::vector<std::unique_ptr<TracedSocket>> sessions;
 
  private:
-  rlimit normal_{};
+  OpenFileLimit limit_;
 };
 
 TEST_F(ExhaustionTest, TheListenerPausesWithOneLineAndGoesOnWhenASocketCloses) {

@@ -1,9 +1,6 @@
 #include "dns_server.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <array>
 
@@ -68,23 +65,11 @@ std::string NameAnswer(const DnsQuestion& question, const std::vector<std::strin
 
 namespace {
 
-// -1 when the port is taken.
-int BoundSocket(int type, const std::string& host, std::uint16_t port) {
-  const int number = socket(AF_INET, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  inet_pton(AF_INET, host.c_str(), &address.sin_addr);
-  address.sin_port = htons(port);
-  if (bind(number, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return number;
-  close(number);
-  return -1;
-}
-
-std::uint16_t PortOf(int number) {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  getsockname(number, reinterpret_cast<sockaddr*>(&address), &length);
-  return ntohs(address.sin_port);
+// Not open when the port is taken.
+SystemSocket BoundSocket(Transport transport, std::string_view host, std::uint16_t port) {
+  SystemSocket socket(transport);
+  if (!socket.Bind({ParseIPAddress(host).value(), port})) socket.Close();
+  return socket;
 }
 
 DnsQuestion Parsed(std::string packet, bool over_tcp) {
@@ -106,18 +91,16 @@ DnsQuestion Parsed(std::string packet, bool over_tcp) {
 }  // namespace
 
 struct DnsServer::Connection {
-  Connection(EventLoop& loop, int number, DnsServer& server)
-      : socket(number), watch(loop, number, [this, &server](FdReadiness) { server.ReadConnection(*this); }) {
+  Connection(EventLoop& loop, SystemSocket accepted, DnsServer& server)
+      : socket(std::move(accepted)),
+        watch(loop, socket.Native(), [this, &server](FdReadiness) { server.ReadConnection(*this); }) {
     watch.SetInterest({.readable = true});
   }
-  ~Connection() {
-    watch.SetInterest({});
-    close(socket);
-  }
+  ~Connection() { watch.SetInterest({}); }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  int socket;
+  SystemSocket socket;
   std::string received;
   FdWatcher watch;
 };
@@ -125,12 +108,12 @@ struct DnsServer::Connection {
 DnsServer::DnsServer(EventLoop& loop, std::string host, std::uint16_t port)
     : loop_(loop),
       host_(std::move(host)),
-      udp_(BoundSocket(SOCK_DGRAM, host_, port)),
-      listener_(BoundSocket(SOCK_STREAM, host_, port)),
-      udp_watch_(loop, udp_, [this](FdReadiness) { ReadQuestions(); }),
-      listener_watch_(loop, listener_, [this](FdReadiness) { AcceptConnection(); }) {
-  EXPECT_GE(udp_, 0) << "no port for the DNS server";
-  EXPECT_EQ(listen(listener_, 16), 0);
+      udp_(BoundSocket(Transport::kUdp, host_, port)),
+      listener_(BoundSocket(Transport::kTcp, host_, port)),
+      udp_watch_(loop, udp_.Native(), [this](FdReadiness) { ReadQuestions(); }),
+      listener_watch_(loop, listener_.Native(), [this](FdReadiness) { AcceptConnection(); }) {
+  EXPECT_TRUE(udp_.IsOpen()) << "no port for the DNS server";
+  EXPECT_TRUE(listener_.Listen(16));
   udp_watch_.SetInterest({.readable = true});
   listener_watch_.SetInterest({.readable = true});
 }
@@ -138,30 +121,18 @@ DnsServer::DnsServer(EventLoop& loop, std::string host, std::uint16_t port)
 DnsServer::~DnsServer() {
   udp_watch_.SetInterest({});
   listener_watch_.SetInterest({});
-  close(udp_);
-  close(listener_);
 }
 
 std::uint16_t DnsServer::FreePort() {
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const int udp = BoundSocket(SOCK_DGRAM, "127.0.0.1", 0);
-    const std::uint16_t port = PortOf(udp);
-    const std::array<int, 3> others{BoundSocket(SOCK_STREAM, "127.0.0.1", port),
-                                    BoundSocket(SOCK_DGRAM, kOtherHost, port),
-                                    BoundSocket(SOCK_STREAM, kOtherHost, port)};
-    bool free = true;
-    for (const int number : others) {
-      if (number < 0) free = false;
-      close(number);
-    }
-    close(udp);
+    const SystemSocket udp = BoundSocket(Transport::kUdp, "127.0.0.1", 0);
+    const std::uint16_t port = udp.Local().port;
+    const bool free = BoundSocket(Transport::kTcp, "127.0.0.1", port).IsOpen() &&
+                      BoundSocket(Transport::kUdp, kOtherHost, port).IsOpen() &&
+                      BoundSocket(Transport::kTcp, kOtherHost, port).IsOpen();
     if (free) return port;
   }
   return 0;
-}
-
-std::uint16_t DnsServer::Port() const {
-  return PortOf(udp_);
 }
 
 void DnsServer::SetAddresses(std::string_view name, std::vector<IPAddress> addresses) {
@@ -186,7 +157,7 @@ void DnsServer::SetSilent(std::string_view name) {
 
 void DnsServer::Release(std::size_t max_replies) {
   while (!held_.empty() && max_replies-- > 0) {
-    SendTo(held_.front().first, held_.front().second);
+    udp_.SendTo(held_.front().second, held_.front().first);
     held_.pop_front();
   }
 }
@@ -210,43 +181,38 @@ std::vector<std::string> DnsServer::Answers(const DnsQuestion& question) {
 
 void DnsServer::ReadQuestions() {
   std::array<char, 2048> buffer;
-  for (;;) {
-    sockaddr_in from{};
-    socklen_t length = sizeof from;
-    const ssize_t size =
-        recvfrom(udp_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
-    if (size < 0) return;
-    last_port_ = ntohs(from.sin_port);
-    const auto question = Parsed(std::string(buffer.data(), static_cast<std::size_t>(size)), false);
+  std::size_t size = 0;
+  Endpoint from;
+  while (udp_.ReceiveFrom(buffer, size, from)) {
+    last_port_ = from.port;
+    const auto question = Parsed(std::string(buffer.data(), size), false);
     for (const auto& message : Answers(question)) {
       if (hold_) {
         held_.emplace_back(from, message);
       } else {
-        SendTo(from, message);
+        udp_.SendTo(message, from);
       }
     }
   }
 }
 
-void DnsServer::SendTo(const sockaddr_in& to, const std::string& message) const {
-  sendto(udp_, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof to);
-}
-
 void DnsServer::AcceptConnection() {
-  const int number = accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-  if (number >= 0) connections_.push_back(std::make_unique<Connection>(loop_, number, *this));
+  SystemSocket accepted = listener_.Accept();
+  if (accepted.IsOpen()) {
+    connections_.push_back(std::make_unique<Connection>(loop_, std::move(accepted), *this));
+  }
 }
 
 // A message over TCP has its length in front.
 void DnsServer::ReadConnection(Connection& connection) {
   std::array<char, 2048> buffer;
-  const ssize_t size = recv(connection.socket, buffer.data(), buffer.size(), 0);
-  if (size <= 0) {
+  std::size_t size = 0;
+  if (connection.socket.Receive(buffer, size) != SystemSocket::Outcome::kData) {
     connection.watch.SetInterest({});
     return;
   }
   std::string& received = connection.received;
-  received.append(buffer.data(), static_cast<std::size_t>(size));
+  received.append(buffer.data(), size);
   while (received.size() >= 2) {
     const std::size_t length =
         static_cast<unsigned char>(received[0]) * 256U + static_cast<unsigned char>(received[1]);
@@ -255,8 +221,7 @@ void DnsServer::ReadConnection(Connection& connection) {
     received.erase(0, length + 2);
     for (const auto& message : Answers(question)) {
       const std::string framed = dns::Number16(message.size()) + message;
-      EXPECT_EQ(send(connection.socket, framed.data(), framed.size(), MSG_NOSIGNAL),
-                static_cast<ssize_t>(framed.size()));
+      EXPECT_EQ(connection.socket.Send(framed), framed.size());
     }
   }
 }

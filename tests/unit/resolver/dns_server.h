@@ -1,8 +1,6 @@
 // A DNS server on loopback whose behaviour a test sets, name by name. It lives on the test's own loop.
 #pragma once
 
-#include <netinet/in.h>
-
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -16,6 +14,7 @@
 #include "base/ip_address.h"
 #include "base/text.h"
 #include "platform/fd_watcher.h"
+#include "support/system_socket.h"
 
 namespace trabex {
 
@@ -72,7 +71,7 @@ class DnsServer {
   // "127.0.0.1:port", and the parts.
   std::string Address() const { return host_ + ":" + std::to_string(Port()); }
   const std::string& Host() const { return host_; }
-  std::uint16_t Port() const;
+  std::uint16_t Port() const { return udp_.Local().port; }
 
   // What happens for `name`; for anything else "no such name" is answered.
   void Set(std::string_view name, Rule rule) { rules_[ToLower(name)] = std::move(rule); }
@@ -105,14 +104,13 @@ class DnsServer {
 
   std::vector<std::string> Answers(const DnsQuestion& question);
   void ReadQuestions();
-  void SendTo(const sockaddr_in& to, const std::string& message) const;
   void AcceptConnection();
   void ReadConnection(Connection& connection);
 
   EventLoop& loop_;
   const std::string host_;
-  int udp_;
-  int listener_;
+  SystemSocket udp_;
+  SystemSocket listener_;
   FdWatcher udp_watch_;
   FdWatcher listener_watch_;
   std::vector<std::unique_ptr<Connection>> connections_;
@@ -121,7 +119,7 @@ class DnsServer {
     return std::vector{dns::Answer(question, {}, dns::Rcode::kNoSuchName)};
   };
   bool hold_ = false;
-  std::deque<std::pair<sockaddr_in, std::string>> held_;
+  std::deque<std::pair<Endpoint, std::string>> held_;
   std::size_t questions_ = 0;
   std::map<std::string, std::vector<int>> asked_;
   std::uint16_t last_port_ = 0;

@@ -2,13 +2,9 @@
 // keeps its own time for asking again.
 #include "resolver/name_lookup.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <set>
@@ -19,6 +15,7 @@
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
 #include "support/loop_runner.h"
+#include "support/open_file_limit.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
@@ -1076,35 +1073,6 @@ TEST_F(NameLookupTest, SocketGoesWithTheLastThatWaits) {
   EXPECT_NE(socket_of_next(), port);
 }
 
-// Uses up all descriptors of the process while it lives.
-class NoDescriptorsLeft {
- public:
-  NoDescriptorsLeft() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit limit{std::min<rlim_t>(256, before_.rlim_max), before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &limit);
-    TakeRest();
-    EXPECT_EQ(errno, EMFILE);
-  }
-  ~NoDescriptorsLeft() {
-    for (const int number : taken_) close(number);
-    setrlimit(RLIMIT_NOFILE, &before_);
-  }
-  NoDescriptorsLeft(const NoDescriptorsLeft&) = delete;
-  NoDescriptorsLeft& operator=(const NoDescriptorsLeft&) = delete;
-
-  // Also those that were given back meanwhile.
-  void TakeRest() {
-    for (int number = Another(); number >= 0; number = Another()) taken_.push_back(number);
-  }
-
- private:
-  static int Another() { return open("/dev/null", O_RDONLY | O_CLOEXEC); }
-
-  rlimit before_{};
-  std::vector<int> taken_;
-};
-
 TEST_F(NameLookupTest, DescriptorsUsedUpBySessionsDoNotStopLookups) {
   // The servers must be read from the file then; without it the first address of loopback would be asked.
   DnsServer server(loop_, DnsServer::kOtherHost, server_.Port());
@@ -1113,11 +1081,13 @@ TEST_F(NameLookupTest, DescriptorsUsedUpBySessionsDoNotStopLookups) {
   WriteFile(path, "nameserver " + server.Host() + "\n");
   lookup_ =
       MakeNameLookup(loop_, {.hosts_file = folder_ / "hosts", .resolver_file = path, .port = server.Port()});
-  NoDescriptorsLeft all_taken;
+  OpenFileLimit limit;
+  limit.LeaveOnly(0);
+  ASSERT_TRUE(OpenFileLimit::NoneLeft());
   // More than one channel takes, so that some begin meanwhile.
   for (int i = 0; i < 2500; ++i) {
     ASSERT_EQ(Outcome("one.test"), "192.0.2.1") << i;
-    all_taken.TakeRest();
+    limit.LeaveOnly(0);  // also of those that were given back meanwhile
   }
 }
 
