@@ -33,8 +33,8 @@ using TaskWork = std::string (*)(const std::string& argument, const TaskContent&
 //
 // On Linux both parts run in a forked process, whose memory the system copies page by page where the program
 // writes. So the bytes go straight from the content to where the work writes them, and Start makes no copy of
-// anything. That process closes everything that the program has open at once (a peer must
-// see its connection close), ignores all signals that can be ignored and dies with the program.
+// anything. That process closes everything that the program has open at once (a peer must see its connection
+// close), ignores all signals that can be ignored and dies with the program.
 //
 // A system without such copies calls the content inside Start, keeps the bytes in memory and runs the work on
 // a thread, whose content gives them out again. That Start takes the longer the more data there is. Content in
