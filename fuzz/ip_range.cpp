@@ -13,20 +13,43 @@
 
 namespace {
 
+using namespace trabex;
+
 void Require(bool condition) {
   if (!condition) std::abort();
+}
+
+IPAddress::IPv6Bytes BytesOf(const IPAddress& ip) {
+  IPAddress::IPv6Bytes bytes{};
+  std::copy(ip.Bytes().begin(), ip.Bytes().end(), bytes.begin());
+  return bytes;
+}
+
+// The addresses before and behind `ip`, of the same family; the first and the last one are neighbours.
+IPAddress Before(const IPAddress& ip) {
+  if (ip.IsIPv4()) return IPAddress::IPv4(ip.Number() - 1);
+  IPAddress::IPv6Bytes bytes = BytesOf(ip);
+  for (std::size_t i = bytes.size(); i > 0 && bytes[i - 1]-- == 0; --i) {
+  }
+  return IPAddress::IPv6(bytes);
+}
+IPAddress Behind(const IPAddress& ip) {
+  if (ip.IsIPv4()) return IPAddress::IPv4(ip.Number() + 1);
+  IPAddress::IPv6Bytes bytes = BytesOf(ip);
+  for (std::size_t i = bytes.size(); i > 0 && ++bytes[i - 1] == 0; --i) {
+  }
+  return IPAddress::IPv6(bytes);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace trabex;
   const std::string input(reinterpret_cast<const char*>(data), size);
   std::vector<IPRange> ranges;
   for (std::string_view line : Split(input, '\n')) {
     try {
       const IPRange range = mCommon::InitIPRange(line);
-      Require(range.low <= range.high);
+      Require(range.low <= range.high && range.low.BitCount() == range.high.BitCount());
       Require(mCommon::InitIPRange(FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high)) == range);
       ranges.push_back(range);
     } catch (const Error& error) {
@@ -34,11 +57,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
   }
   const IPRangeList list(ranges);
+  // The list has those of IPv4 first.
+  std::vector<IPRange> ordered = ranges;
+  std::stable_partition(ordered.begin(), ordered.end(),
+                        [](const IPRange& range) { return range.low.IsIPv4(); });
+  Require(list.Ranges() == ordered && list.Count() == ranges.size());
   for (const IPRange& range : ranges) {
-    const std::uint32_t low = range.low.Number();
-    const std::uint32_t high = range.high.Number();
-    for (const std::uint32_t number : {low - 1, low, high, high + 1}) {
-      const IPAddress ip = IPAddress::IPv4(number);
+    for (const IPAddress& ip : {Before(range.low), range.low, range.high, Behind(range.high)}) {
       Require(list.Contains(ip) == std::any_of(ranges.begin(), ranges.end(), [ip](const IPRange& held) {
                 return mCommon::IPInRange(ip, held);
               }));

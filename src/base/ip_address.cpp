@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::size_t kIPv6Groups = 8;
 constexpr int kBitsPerByte = 8;
+constexpr std::string_view kIPv6Tag = "IPv6:";
 
 std::optional<std::uint32_t> ReadPart(std::string_view text, IPv4Form form) {
   std::uint32_t value = 0;
@@ -228,7 +229,17 @@ std::string FormatIPAddress(const IPAddress& address) {
 }
 
 std::string FormatAddressLiteral(const IPAddress& address) {
-  return (address.IsIPv6() ? "[IPv6:" : "[") + FormatIPAddress(address) + "]";
+  return std::string("[").append(address.IsIPv6() ? kIPv6Tag : "") + FormatIPAddress(address) + "]";
+}
+
+std::string_view AddressInLiteral(std::string_view text) {
+  if (text.size() < 2 || text.front() != '[' || text.back() != ']') return {};
+  std::string_view inside = text.substr(1, text.size() - 2);
+  const bool tagged = StartsWithNoCase(inside, kIPv6Tag);
+  if (tagged) inside.remove_prefix(kIPv6Tag.size());
+  // The tag tells how the address is written: ::ffff:192.0.2.1 is an IPv6 address in this place.
+  const bool is_ipv6_text = inside.find(':') != std::string_view::npos;
+  return tagged == is_ipv6_text && ParseIPAddress(inside) ? inside : std::string_view();
 }
 
 std::string FormatIPv4Parts(const IPAddress& address, int count) {

@@ -71,8 +71,8 @@ class IPAddress {
   int BitCount() const;
 
   // The first and the last address with the same first `bits` bits (RFC 4632, 3.1). Fewer than 0 count as 0,
-  // more than there are as all. The last address of ::/80 and of wider blocks stays an IPv6 address, so that
-  // it sorts after the first.
+  // more than there are as all. The last address of ::/80, and of each block that ends where that one does,
+  // stays an IPv6 address, so that it sorts after the first.
   IPAddress Prefix(int bits) const;
   IPAddress PrefixEnd(int bits) const;
   // How many of the first bits are those of `other`; 0 when the family is another.
@@ -128,6 +128,10 @@ std::string FormatIPAddress(const IPAddress& address);
 
 // "[192.0.2.1]", "[IPv6:2001:db8::1]": the form of SMTP (RFC 5321, 4.1.3); "[]" for none.
 std::string FormatAddressLiteral(const IPAddress& address);
+
+// The address in a literal of that form, a part of `text`; empty unless `text` is such a literal, an IPv6 address
+// with its tag (in any letter case) and an IPv4 address, of the form kDigits, without one.
+std::string_view AddressInLiteral(std::string_view text);
 
 // The first `count` (0 to 4) parts of an IPv4 address, "192.0.2" for 3; "" for any other address.
 std::string FormatIPv4Parts(const IPAddress& address, int count);

@@ -19,9 +19,11 @@ namespace {
 constexpr std::array<std::string_view, 5> kOutcomeTexts = {"New, Delayed.", "Expired, Delayed.", "Delayed.",
                                                            "Accepted.", "Whitelisted."};
 
-// The client's /24: mail servers of one sender often share it.
-std::string NetworkOf(const IPAddress& ip) {
-  return FormatIPv4Parts(ip, 3);
+// The client's network, which mail servers of one sender often share: the /24 of IPv4 as "192.0.2", of IPv6
+// the block of `ipv6_prefix` bits as "2001:db8::/64". With its colons it is never the text of the other.
+std::string NetworkOf(const IPAddress& ip, int ipv6_prefix) {
+  if (!ip.IsIPv6()) return FormatIPv4Parts(ip, 3);
+  return FormatIPAddress(ip.Prefix(ipv6_prefix)) + "/" + std::to_string(ipv6_prefix);
 }
 
 // "<network> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
@@ -60,7 +62,7 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, co
     LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
     return GreyListingOutcome::kWhitelisted;
   }
-  const std::string network = NetworkOf(ip);
+  const std::string network = NetworkOf(ip, settings_.IPv6Prefix);
   std::string key = TripleKey(network, sender, recipient);
   cGreyListingData* record = database_.Find(key);
   const DateTime now = clock_.UniversalNow();

@@ -1,6 +1,7 @@
-// The range notations of the IP list keys, which are those of IPv4, and lists of ranges.
+// The range notations of the IP list keys, and lists of ranges.
 #pragma once
 
+#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
@@ -10,41 +11,61 @@
 
 namespace trabex {
 
-// Both ends belong to it.
+// Both ends belong to it and are of one family.
 struct IPRange {
   IPAddress low;
   IPAddress high;
   friend bool operator==(const IPRange&, const IPRange&) = default;
 };
 
-// Ranges of IPv4 addresses in the order of their entries, with a sorted and merged copy for look-ups; 16
-// bytes for each entry, since a list may have a million. The empty list matches nothing.
+// Ranges of both families in the order of their entries, with a sorted and merged copy for look-ups; 16 bytes
+// for each entry of IPv4, 64 for one of IPv6, since a list may have a million. The empty list matches nothing,
+// and no range holds an address of the other family.
 class IPRangeList {
  public:
   IPRangeList() = default;
-  // Both ends of each range are IPv4 addresses.
   explicit IPRangeList(const std::vector<IPRange>& ranges);
 
+  // Those of IPv4, then those of IPv6, each in the order of their entries.
   std::vector<IPRange> Ranges() const;
-  std::size_t Count() const { return ranges_.size(); }
+  std::size_t Count() const { return ipv4_.entries.size() + ipv6_.entries.size(); }
   // Whether one of the ranges holds `ip`; logarithmic in their number.
   bool Contains(const IPAddress& ip) const;
 
  private:
-  struct Numbers {
-    std::uint32_t low;
-    std::uint32_t high;
+  struct IPv6Number {
+    std::uint64_t high;
+    std::uint64_t low;
+    friend auto operator<=>(const IPv6Number&, const IPv6Number&) = default;
   };
-  // The same addresses in ascending ranges that neither overlap nor touch.
-  static std::vector<Numbers> Merged(std::vector<Numbers> ranges);
+  template <class Number>
+  struct NumberRange {
+    Number low;
+    Number high;
+  };
+  template <class Number>
+  struct Family {
+    std::vector<NumberRange<Number>> entries;
+    std::vector<NumberRange<Number>> merged;  // ascending; they neither overlap nor touch
 
-  std::vector<Numbers> ranges_;
-  std::vector<Numbers> merged_;
+    void Merge();
+    bool Contains(Number number) const;
+  };
+
+  bool ContainsIPv6(const IPAddress& ip) const;
+  static std::uint32_t Next(std::uint32_t number) { return number + 1; }
+  static IPv6Number Next(const IPv6Number& number);
+  static IPv6Number NumberOf(const IPAddress& ip);
+  static IPAddress AddressOf(const IPv6Number& number);
+
+  Family<std::uint32_t> ipv4_;
+  Family<IPv6Number> ipv6_;
 };
 
 namespace mCommon {
 
-// The IPv4 address that `text` is in the form kNumbers. Raises 380 (source "mCommon.CLngIP") "Invalid IP
+// The address that `text` is: an IPv4 address in the form kNumbers or, when it has a colon, an IPv6 address as
+// ParseIPAddress reads it, with blanks around allowed. Raises 380 (source "mCommon.CLngIP") "Invalid IP
 // address: \"<text>\"." when it is none.
 IPAddress CLngIP(std::string_view text);
 // 0 to 32. Raises 380 (source "mCommon.MaskToBits") "Invalid subnet mask: \"<a.b.c.d>\"." unless the ones of
@@ -52,9 +73,12 @@ IPAddress CLngIP(std::string_view text);
 int MaskToBits(const IPAddress& mask);
 // `bits` ones from the top; 0 and anything above 32 give 0.
 IPAddress BitsToMask(int bits);
-// Reads "a.b.c.d", "a.b.c.d/bits", "a.b.c.d/mask" or "a.b.c.d-a.b.c.d" (no blanks around). Raises 380 with
-// source "mCommon.InitIPRange" or that of the function that refused a part.
+// Reads "<address>", "<address>/bits", "<low>-<high>" and, of IPv4 only, "a.b.c.d/mask" (no blanks around).
+// A range inside ::ffff:0:0/96 is the IPv4 range that it spells; with only one end in there it is bad. Raises
+// 380 with source "mCommon.InitIPRange" or that of the function that refused a part.
 IPRange InitIPRange(std::string_view text);
+// Whether the range is all of IPv4 or all of IPv6.
+bool IsWholeFamily(const IPRange& range);
 // -1, 0 or 1.
 int CompareIP(const IPAddress& a, const IPAddress& b);
 bool IPInRange(const IPAddress& ip, const IPRange& range);

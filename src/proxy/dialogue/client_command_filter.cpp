@@ -30,13 +30,10 @@ std::string_view WithoutLeadingBlanks(std::string_view text) {
   return text.substr(static_cast<std::size_t>(first - text.begin()));
 }
 
-// An address literal (RFC 5321, 4.1.3) resolves to the address inside.
+// An address literal resolves to the address inside.
 std::string_view NameToLookUp(std::string_view helo_domain) {
-  if (helo_domain.size() > 2 && helo_domain.front() == '[' && helo_domain.back() == ']') {
-    const std::string_view inside = helo_domain.substr(1, helo_domain.size() - 2);
-    if (ParseIPv4Address(inside)) return inside;
-  }
-  return helo_domain;
+  const std::string_view address = AddressInLiteral(helo_domain);
+  return address.empty() ? helo_domain : address;
 }
 
 // A three-list test refuses a value that is neither in the white list nor in the allow list without being

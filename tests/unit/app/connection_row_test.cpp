@@ -38,6 +38,8 @@ TEST(ConnectionRow, HeaderIsAboveItsFields) {
 TEST(ConnectionRow, LongValuesAreNotCutButMoveTheRest) {
   EXPECT_EQ(ConnectionRow(1234567, 123456789, 1234567890, 0, IP("255.255.255.255"), "h"),
             " 1234567 123456789 1234567890 00:00:00 255.255.255.255 h");
+  EXPECT_EQ(ConnectionRow(812, 1024, 35, 0, IP("2001:db8:1:2:3:4:5:6"), "h"),
+            "    812     1024       35 00:00:00 2001:db8:1:2:3:4:5:6 h");
 }
 
 TEST(ConnectionRow, DurationShowsTheHoursOfTheDay) {

@@ -217,6 +217,35 @@ TEST(IPv6Text, IsReadAsTheSystemDoes) {
   EXPECT_GT(read, 10000);
 }
 
+TEST(IPv6Text, IsWrittenAsTheSystemDoes) {
+  std::mt19937 random(2);
+  for (int round = 0; round < 100000; ++round) {
+    IPAddress::IPv6Bytes bytes{};
+    for (std::size_t group = 0; group < 16; group += 2) {
+      if (random() % 2 == 0) continue;
+      bytes[group] = static_cast<std::uint8_t>(random() % 3 == 0 ? random() % 256 : 0);
+      bytes[group + 1] = static_cast<std::uint8_t>(random() % 256);
+    }
+    // Every eighth is an IPv4 address.
+    if (round % 8 == 0) {
+      std::fill_n(bytes.begin(), 10, std::uint8_t{0});
+      bytes[10] = bytes[11] = 0xFF;
+    }
+    const IPAddress address = IPAddress::IPv6(bytes);
+    ASSERT_EQ(address.IsIPv4(), round % 8 == 0);
+    const std::string written = FormatIPAddress(address);
+    ASSERT_EQ(ParseIPAddress(written), address) << written;
+    char system[INET6_ADDRSTRLEN];
+    inet_ntop(AF_INET6, bytes.data(), system, sizeof system);
+    // That has an IPv4 address also in the IPv4-compatible form, which RFC 5952 does not ask for.
+    const bool compatible = std::string_view(system).find('.') != std::string_view::npos && !address.IsIPv4();
+    if (!compatible) {
+      ASSERT_EQ((address.IsIPv4() ? "::ffff:" : "") + written, system);
+    }
+    ASSERT_EQ(ParseIPAddress(system), address) << system;
+  }
+}
+
 TEST(IPAddressValue, IsNoneUntilItIsGivenOne) {
   const IPAddress none;
   EXPECT_TRUE(none.IsNone());
@@ -333,6 +362,48 @@ TEST(AddressLiteral, NamesTheNewerFamily) {
   EXPECT_EQ(FormatAddressLiteral(Address("2001:db8::1")), "[IPv6:2001:db8::1]");
   EXPECT_EQ(FormatAddressLiteral(Address("::ffff:192.0.2.1")), "[192.0.2.1]");
   EXPECT_EQ(FormatAddressLiteral(IPAddress()), "[]");
+}
+
+TEST(AddressLiteral, IsReadByItsTag) {
+  const struct {
+    const char* text;
+    const char* address;  // "" when it is no literal
+  } cases[] = {
+      {"[192.0.2.1]", "192.0.2.1"},
+      {"[192.0.2.001]", "192.0.2.001"},
+      {"[IPv6:2001:db8::1]", "2001:db8::1"},
+      {"[ipv6:2001:DB8::1]", "2001:DB8::1"},
+      {"[IPV6:::]", "::"},
+      {"[IPv6:::ffff:192.0.2.1]", "::ffff:192.0.2.1"},
+      {"[IPv6:64:ff9b::192.0.2.33]", "64:ff9b::192.0.2.33"},
+      // The wrong family for the tag.
+      {"[IPv6:192.0.2.1]", ""},
+      {"[2001:db8::1]", ""},
+      {"[::ffff:192.0.2.1]", ""},
+      {"[IPv4:192.0.2.1]", ""},
+      {"[IPv6:IPv6:::1]", ""},
+      {"[IPv6 :::1]", ""},
+      {"[IPv6: ::1]", ""},
+      {"[IPv6:]", ""},
+      {"[IPv6:::1%1]", ""},
+      {"[IPv6]", ""},
+      {"[]", ""},
+      {"[", ""},
+      {"]", ""},
+      {"", ""},
+      {"192.0.2.1", ""},
+      {"IPv6:::1", ""},
+      {"[[IPv6:::1]]", ""},
+      {"[IPv6:::1] ", ""},
+      {"[IPv6:::1", ""},
+      {"[1.2.3]", ""},
+      {"[host.test]", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(AddressInLiteral(c.text), c.address) << c.text;
+  for (const char* text : {"192.0.2.1", "2001:db8::1", "::"}) {
+    const std::string literal = FormatAddressLiteral(Address(text));
+    EXPECT_EQ(AddressInLiteral(literal), text);
+  }
 }
 
 }  // namespace

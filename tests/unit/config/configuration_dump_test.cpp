@@ -225,7 +225,15 @@ TEST(LogConfiguration, WritesRangesInTheirShortestForm) {
               {"1.2.3.4-1.2.3.5", "1.2.3.4/31"},
               {"1.2.3.5-1.2.3.6", "1.2.3.5-1.2.3.6"},
               {"1.2.3.4-1.2.3.6", "1.2.3.4-1.2.3.6"},
-              {"10.0.0.0/8,10.0.0.0/255.0.0.0,11.0.0.0/8", "10.0.0.0/8, 11.0.0.0/8"}};  // once
+              {"10.0.0.0/8,10.0.0.0/255.0.0.0,11.0.0.0/8", "10.0.0.0/8, 11.0.0.0/8"},  // once
+              {"2001:DB8:0::1/128", "2001:db8::1"},
+              {"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::/0"},
+              {"2001:db8::4-2001:db8::5", "2001:db8::4/127"},
+              {"2001:db8::5-2001:db8::6", "2001:db8::5-2001:db8::6"},
+              {"::ffff:10.0.0.0/104", "10.0.0.0/8"},
+              // IPv4 first.
+              {"::1,10.0.0.0/8,fc00::/7,::ffff:192.0.2.1,127.0.0.1",
+               "10.0.0.0/8, 192.0.2.1, 127.0.0.1, ::1, fc00::/7"}};
   for (const auto& row : rows) {
     const LoadedText loaded("[Common]\nIPBlackList=" + std::string(row.value) + "\n", false);
     EXPECT_EQ(DumpedValue(loaded.configuration, "Common", "IPBlackList"), row.dumped);

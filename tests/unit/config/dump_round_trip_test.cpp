@@ -68,13 +68,19 @@ class RandomFile {
   std::string Range() {
     const auto byte = [this] { return std::to_string(Below(256)); };
     const std::string network = byte() + "." + byte();
-    switch (Below(4)) {
+    switch (Below(7)) {
       case 0:
         return network + ".0.0/16";
       case 1:
         return network + ".1.0-" + network + ".1." + byte();
       case 2:
         return network + ".8.0/255.255.252.0";
+      case 3:
+        return "2001:db8:" + byte() + "::/48";
+      case 4:
+        return "2001:db8::" + byte() + "-2001:db8::1:0";
+      case 5:
+        return Pick({"::", "::ffff:", "fd00::"}) + network + "." + byte() + "." + byte();
       default:
         return network + "." + byte() + "." + byte();
     }

@@ -197,6 +197,25 @@ TEST(GetIPRangeList, KeepsTheGoodRangesInOrder) {
   EXPECT_EQ(all.Ranges(), (std::vector<IPRange>{{kIPv4Any, kIPv4Broadcast}}));
 }
 
+TEST(GetIPRangeList, TakesBothFamilies) {
+  ReadText read(
+      "[Common]\nIPAllowList=::1, 10.0.0.0/8 ,fc00::/7,2001:db8::1/32\nIPAllowList=::g,10.0.0.1-::1,"
+      "2001:db8::/ffff::,fe80::/129,::FFFF:192.0.2.1\n",
+      false);
+  const IPRangeList list =
+      mCommon::GetIPRangeList({read.log, true}, "IPAllowList", read.store.Section("Common"), "0.0.0.0/0");
+  EXPECT_EQ(list.Ranges(), (std::vector<IPRange>{{IP("10.0.0.0"), IP("10.255.255.255")},
+                                                 {IP("192.0.2.1"), IP("192.0.2.1")},
+                                                 {IP("::1"), IP("::1")},
+                                                 {IP("fc00::"), IP("fc00::").PrefixEnd(7)}}));
+  const auto line = [](const char* text) { return ConfigErrorLine("Common", "IPAllowList", 380, text); };
+  EXPECT_EQ(read.log.Take(),
+            (Lines{line("Invalid IP address range: \"2001:db8::1/32\"."),
+                   line("Invalid IP address: \"::g\"."), line("Invalid IP address range: \"10.0.0.1-::1\"."),
+                   line("Invalid IP address range: \"2001:db8::/ffff::\"."),
+                   line("Invalid IP address range: \"fe80::/129\".")}));
+}
+
 TEST(GetIPRangeList, IsEmptyWhenNoRangeIsGood) {
   ReadText read("[Common]\nIPAllowList=x,y\n", false);
   EXPECT_EQ(

@@ -90,6 +90,19 @@ TEST(DatabaseFormat, IsAsDocumented) {
   EXPECT_EQ(content, FileOf(Integer("C", 1) + Record("1", "k\xE9y")));
 }
 
+// A file written before there were IPv6 clients is read, and such records only add to it.
+TEST(DatabaseFormat, RecordsOfBothFamiliesStandBesideEachOther) {
+  const std::string ipv4_key = "192.0.2 s@a.test r@b.test";
+  const std::string ipv6_key = "2001:db8:0:1::/64 s@a.test r@b.test";
+  GreyListingDatabase database = DatabaseOf(FileOf(Integer("C", 1) + Record("1", ipv4_key)));
+  EXPECT_EQ(Plain(database), (std::vector<PlainRecord>{{ipv4_key, 2, 1, -1}}));
+  EXPECT_EQ(ContentOf(database, 0), FileOf(Integer("C", 1) + Record("1", ipv4_key)));
+  database.Add({ipv6_key, 2, 1, -1});
+  const std::string content = ContentOf(database, 0);
+  EXPECT_EQ(content, FileOf(Integer("C", 2) + Record("1", ipv4_key) + Record("2", ipv6_key)));
+  EXPECT_EQ(KeysOf(DatabaseOf(content)), (std::vector<std::string>{ipv4_key, ipv6_key}));
+}
+
 TEST(DatabaseFormat, HoldsOnlyWhatHasNotExpired) {
   GreyListingDatabase database;
   AddAll(database, {{"a", 9, 1, -1}, {"b", 10.5, 1, -1}, {"c", 10, 1, -1}, {"d", 11, 1, -1}});

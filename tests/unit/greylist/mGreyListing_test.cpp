@@ -265,6 +265,56 @@ TEST_F(GreyListing, KeysAreNetworkAndLowerCaseAddresses) {
   }
 }
 
+TEST_F(GreyListing, TheNetworkOfAnIPv6ClientIsItsPrefix) {
+  const struct {
+    std::int32_t prefix;
+    const char* ip;
+    const char* key;
+  } cases[] = {
+      {64, "2001:db8:0:1:2:3:4:5", "2001:db8:0:1::/64 s@a.test r@b.test"},
+      {64, "2001:DB8::1", "2001:db8::/64 s@a.test r@b.test"},
+      {64, "::1", "::/64 s@a.test r@b.test"},
+      {48, "2001:db8:7:1:2:3:4:5", "2001:db8:7::/48 s@a.test r@b.test"},
+      {16, "2001:db8:7:1:2:3:4:5", "2001::/16 s@a.test r@b.test"},
+      {65, "2001:db8:7:1:8002:3:4:5", "2001:db8:7:1:8000::/65 s@a.test r@b.test"},
+      {128, "2001:db8:7:1:2:3:4:5", "2001:db8:7:1:2:3:4:5/128 s@a.test r@b.test"},
+      // That of IPv4 is the same whatever the prefix.
+      {16, "10.1.2.3", "10.1.2 s@a.test r@b.test"},
+      {128, "::ffff:10.1.2.3", "10.1.2 s@a.test r@b.test"},
+  };
+  for (const auto& c : cases) {
+    database_.Clear();
+    settings_.IPv6Prefix = c.prefix;
+    EXPECT_EQ(Check(c.ip, "h"), kNew) << c.key;
+    EXPECT_EQ(database_.All().begin()->Key(), c.key);
+  }
+}
+
+TEST_F(GreyListing, OneRecordForAnIPv6Network) {
+  EXPECT_EQ(Check("2001:db8::1"), kNew);
+  EXPECT_EQ(Check("2001:db8::ffff:ffff:ffff:ffff"), kDelayed);
+  EXPECT_EQ(Check("2001:db8:0:1::1"), kNew);
+  EXPECT_EQ(Check("10.1.2.3"), kNew);
+  EXPECT_EQ(Check("::ffff:10.1.2.4"), kDelayed);
+  EXPECT_EQ(database_.Count(), 3U);
+  // Under another prefix the records of before mean nothing.
+  settings_.IPv6Prefix = 63;
+  EXPECT_EQ(Check("2001:db8::1"), kNew);
+  EXPECT_EQ(Check("2001:db8:0:1::1"), kDelayed);
+  EXPECT_EQ(Check("10.1.2.3"), kDelayed);
+}
+
+TEST_F(GreyListing, ListsHoldIPv6Clients) {
+  settings_.IPWhiteList = Range("2001:db8::/48");
+  settings_.IPBlackList = Range("2001:db8:1::/48");
+  settings_.Log = 1;
+  EXPECT_EQ(Check("2001:db8::1"), kWhitelisted);
+  EXPECT_EQ(Check("2001:db8:1::1"), kNew);
+  EXPECT_NEAR(Record("2001:db8:1::/64 s@a.test r@b.test").DelayedUntil(), kNoon + 64 * kMinute, 1e-9);
+  EXPECT_EQ(Check("2001:db8:2::1"), kNew);
+  EXPECT_NEAR(Record("2001:db8:2::/64 s@a.test r@b.test").DelayedUntil(), kNoon + 16 * kMinute, 1e-9);
+}
+
 TEST_F(GreyListing, OneRecordForANetworkAndAnyCase) {
   EXPECT_EQ(Check("10.1.2.3", "a", "s@a.test", "r@b.test"), kNew);
   EXPECT_EQ(Check("10.1.2.4", "b", "S@A.TEST", "R@b.Test"), kDelayed);
@@ -380,6 +430,20 @@ TEST_F(GreyListing, OneMoreOfANetworkDropsItsOldest) {
   EXPECT_EQ(
       log_.Take(),
       (std::vector<std::string>{"Greylisting: Too many pending records. Dropped: 1; Network: 10.1.2."}));
+}
+
+TEST_F(GreyListing, OneMoreOfAnIPv6NetworkDropsItsOldest) {
+  settings_.MaxPendingPerNetwork = 2;
+  EXPECT_EQ(Check("2001:db8:0:1::1", "h", "other@a.test"), kNew);
+  for (int host = 1; host <= 3; ++host) {
+    const std::string number = std::to_string(host);
+    EXPECT_EQ(Check("2001:db8::" + number, "h", "s" + number + "@a.test"), kNew);
+  }
+  EXPECT_EQ(KeysOf(database_), (std::vector<std::string>{"2001:db8:0:1::/64 other@a.test r@b.test",
+                                                         "2001:db8::/64 s2@a.test r@b.test",
+                                                         "2001:db8::/64 s3@a.test r@b.test"}));
+  EXPECT_EQ(log_.Take(), (std::vector<std::string>{
+                             "Greylisting: Too many pending records. Dropped: 1; Network: 2001:db8::/64."}));
 }
 
 TEST_F(GreyListing, OneMoreOfAllDropsTheOldest) {

@@ -33,14 +33,30 @@ TEST(CLngIP, ReadsFourParts) {
 }
 
 TEST(CLngIP, RefusesEverythingElse) {
-  for (const char* text :
-       {"",         "1",         "1.2.3",       "1.2.3.",    ".1.2.3",
-        "1..2.3",   "1.2.3.4.5", "1.2.3.4.",    "...",       "1.2.3.256",
-        "1.2.3.-1", "1.2.3.x",   "1.2.3.0x4",   "1.2.3.4/8", "1.2.3.1e1",
-        "1.2.3. ",  "1,2,3,4",   "1.2.3.4\r\n", "::1",       "1.2.3.99999999999999999999"}) {
+  for (const char* text : {"", "1", "1.2.3", "1.2.3.", ".1.2.3", "1..2.3", "1.2.3.4.5", "1.2.3.4.", "...",
+                           "1.2.3.256", "1.2.3.-1", "1.2.3.x", "1.2.3.0x4", "1.2.3.4/8", "1.2.3.1e1",
+                           "1.2.3. ", "1,2,3,4", "1.2.3.4\r\n", "1.2.3.99999999999999999999",
+                           // What has a colon is an IPv6 address.
+                           ":", "::g", "1.2.3.4:25", "[::1]", "IPv6:::1", "fe80::1%eth0", "1:2:3:4:5:6:7",
+                           "::1.2.3.256", ": :1", "::1\t", "::ffff: 1.2.3.4", "::ffff:1.2.3.04"}) {
     ExpectError([&] { CLngIP(text); }, 380, "mCommon.CLngIP",
                 "Invalid IP address: \"" + std::string(text) + "\".");
   }
+}
+
+TEST(CLngIP, ReadsIPv6AddressesWithAColon) {
+  const struct {
+    const char* text;
+    const char* ip;
+  } rows[] = {
+      {"::", "::"},
+      {"::1", "::1"},
+      {" 2001:DB8:0::0001 ", "2001:db8::1"},
+      {"64:ff9b::192.0.2.33", "64:ff9b::c000:221"},
+      {"::ffff:192.0.2.1", "192.0.2.1"},
+      {"::FFFF:C000:201", "192.0.2.1"},
+  };
+  for (const auto& row : rows) EXPECT_EQ(FormatIPAddress(CLngIP(row.text)), row.ip) << row.text;
 }
 
 TEST(Masks, AreOnesFromTheTop) {
@@ -78,6 +94,30 @@ TEST(InitIPRange, ReadsItsForms) {
       {"10.0.0.1 - 10.0.0.5", "10.0.0.1", "10.0.0.5"},
       {"127.0.0.0-200.0.0.0", "127.0.0.0", "200.0.0.0"},  // unsigned
       {"0.0.0.0-255.255.255.255", "0.0.0.0", "255.255.255.255"},
+      {"::1", "::1", "::1"},
+      {"2001:DB8:0:0::1", "2001:db8::1", "2001:db8::1"},
+      {"::/0", "::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+      {"fc00::/7", "fc00::", "fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+      {"2001:db8:1:2::/64", "2001:db8:1:2::", "2001:db8:1:2:ffff:ffff:ffff:ffff"},
+      {"2001:db8::1/128", "2001:db8::1", "2001:db8::1"},
+      {"2001:db8:: / +48 ", "2001:db8::", "2001:db8:0:ffff:ffff:ffff:ffff:ffff"},
+      {"2001:db8::9-2001:db8::a", "2001:db8::9", "2001:db8::a"},
+      {"2001:db8::9 - 2001:db8::9", "2001:db8::9", "2001:db8::9"},
+      {"7fff::-8000::", "7fff::", "8000::"},  // unsigned
+      {"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+      // IPv4 addresses that are written as IPv6 ones.
+      {"::ffff:10.0.0.1", "10.0.0.1", "10.0.0.1"},
+      {"::ffff:0:0/96", "0.0.0.0", "255.255.255.255"},
+      {"::ffff:10.0.0.0/104", "10.0.0.0", "10.255.255.255"},
+      {"::ffff:a00:1/128", "10.0.0.1", "10.0.0.1"},
+      {"::ffff:10.0.0.1-::ffff:10.0.0.5", "10.0.0.1", "10.0.0.5"},
+      {"::ffff:10.0.0.1-10.0.0.5", "10.0.0.1", "10.0.0.5"},
+      // Blocks around these, and beside them.
+      {"::/79", "::", "::1:ffff:ffff:ffff"},
+      {"::/81", "::", "::7fff:ffff:ffff"},
+      {"::fffe:0:0/96", "::fffe:0:0", "::fffe:ffff:ffff"},
+      {"::1:0:0:0/96", "::1:0:0:0", "::1:0:ffff:ffff"},
+      {"::fffe:ffff:ffff-::1:0:0:0", "::fffe:ffff:ffff", "::1:0:0:0"},
   };
   for (const auto& row : rows) {
     const IPRange range = InitIPRange(row.text);
@@ -133,8 +173,55 @@ TEST(InitIPRange, NamesWhatIsWrong) {
       {"1.1.1.1-y", "mCommon.CLngIP", address("y")},
       {"1.1.1.1-", "mCommon.CLngIP", address("")},
       {"-1.1.1.1", "mCommon.CLngIP", address("")},
+      // IPv6.
+      {"2001:db8::g", "mCommon.CLngIP", address("2001:db8::g")},
+      {"[::1]", "mCommon.CLngIP", address("[::1]")},
+      {"fe80::1%eth0", "mCommon.CLngIP", address("fe80::1%eth0")},
+      {"2001:db8::/129", "mCommon.InitIPRange", range("2001:db8::/129")},
+      {"2001:db8::/-1", "mCommon.InitIPRange", range("2001:db8::/-1")},
+      {"2001:db8::/", "mCommon.InitIPRange", range("2001:db8::/")},
+      {"2001:db8::/x", "mCommon.InitIPRange", range("2001:db8::/x")},
+      {"2001:db8::/32/32", "mCommon.InitIPRange", range("2001:db8::/32/32")},
+      {"2001:db8::/255.255.0.0", "mCommon.InitIPRange", range("2001:db8::/255.255.0.0")},
+      {"2001:db8::/ffff:ffff::", "mCommon.InitIPRange", range("2001:db8::/ffff:ffff::")},
+      {"::ffff:10.0.0.0/255.0.0.0", "mCommon.InitIPRange", range("::ffff:10.0.0.0/255.0.0.0")},
+      {"10.0.0.0/::ffff:255.0.0.0", "mCommon.CLngIP", address("::ffff:255.0.0.0")},
+      {"10.0.0.0/64", "mCommon.InitIPRange", range("10.0.0.0/64")},
+      {"2001:db8::g/129", "mCommon.InitIPRange", range("2001:db8::g/129")},
+      {"2001:db8::g/32", "mCommon.CLngIP", address("2001:db8::g")},
+      {"2001:db8::1/64", "mCommon.InitIPRange", range("2001:db8::1/64")},
+      {"::1/0", "mCommon.InitIPRange", range("::1/0")},
+      {"2001:db8::2-2001:db8::1", "mCommon.InitIPRange", range("2001:db8::2-2001:db8::1")},
+      {"::1-::2-::3", "mCommon.InitIPRange", range("::1-::2-::3")},
+      {"::1-", "mCommon.CLngIP", address("")},
+      {"::1-::2/64", "mCommon.CLngIP", address("::1-::2")},
+      {"10.0.0.1-::1", "mCommon.InitIPRange", range("10.0.0.1-::1")},
+      {"::1-10.0.0.1", "mCommon.InitIPRange", range("::1-10.0.0.1")},
+      // One end written as IPv6 in the block of IPv4, the other beyond it.
+      {"::ffff:10.0.0.0/8", "mCommon.InitIPRange", range("::ffff:10.0.0.0/8")},
+      {"::ffff:10.0.0.0/95", "mCommon.InitIPRange", range("::ffff:10.0.0.0/95")},
+      {"::ffff:0:0/95", "mCommon.InitIPRange", range("::ffff:0:0/95")},
+      {"::ffff:10.0.0.1/104", "mCommon.InitIPRange", range("::ffff:10.0.0.1/104")},
+      {"::/80", "mCommon.InitIPRange", range("::/80")},
+      {"::fffe:0:0/95", "mCommon.InitIPRange", range("::fffe:0:0/95")},
+      {"::-::ffff:ffff:ffff", "mCommon.InitIPRange", range("::-::ffff:ffff:ffff")},
+      {"::fffe:ffff:ffff-::ffff:0:0", "mCommon.InitIPRange", range("::fffe:ffff:ffff-::ffff:0:0")},
+      {"::ffff:0:0-::1:0:0:0", "mCommon.InitIPRange", range("::ffff:0:0-::1:0:0:0")},
   };
   for (const auto& row : rows) ExpectError([&] { InitIPRange(row.text); }, 380, row.source, row.description);
+}
+
+TEST(IsWholeFamily, KnowsEverySpelling) {
+  for (const char* text : {"0.0.0.0/0", "0.0.0.0/0.0.0.0", "0.0.0.0-255.255.255.255", "::ffff:0:0/96",
+                           "::ffff:0.0.0.0-::ffff:255.255.255.255", "::ffff:0:0-255.255.255.255", "::/0",
+                           "0:0::/0", "::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}) {
+    EXPECT_TRUE(mCommon::IsWholeFamily(InitIPRange(text))) << text;
+  }
+  for (const char* text : {"0.0.0.0/1", "128.0.0.0/1", "0.0.0.1-255.255.255.255", "0.0.0.0-255.255.255.254",
+                           "0.0.0.0", "::", "::/1", "8000::/1", "::1-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
+                           "::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe", "::ffff:0:0/97"}) {
+    EXPECT_FALSE(mCommon::IsWholeFamily(InitIPRange(text))) << text;
+  }
 }
 
 TEST(CompareIP, IsUnsigned) {
@@ -178,14 +265,77 @@ TEST(IPRangeList, HoldsItsRanges) {
   EXPECT_FALSE(ListOf({"0.0.0.0/0"}).Contains(IPAddress()));
 }
 
-TEST(IPRangeList, IsTheScanForRandomRanges) {
+TEST(IPRangeList, HoldsRangesOfBothFamilies) {
+  const IPRangeList list = ListOf(
+      {"fc00::/7", "10.0.0.0/8", "2001:db8::9-2001:db8::10", "::1", "::ffff:192.0.2.0/120", "fd00::/8"});
+  const std::vector<IPRange> ranges = list.Ranges();
+  const char* const kOrder[] = {"10.0.0.0/8", "192.0.2.0/24", "fc00::/7", "2001:db8::9-2001:db8::10",
+                                "::1",        "fd00::/8"};
+  ASSERT_EQ(ranges.size(), std::size(kOrder));
+  EXPECT_EQ(list.Count(), std::size(kOrder));
+  for (std::size_t i = 0; i < ranges.size(); ++i) EXPECT_EQ(ranges[i], InitIPRange(kOrder[i])) << i;
+  const struct {
+    const char* ip;
+    bool held;
+  } rows[] = {
+      {"::1", true},
+      {"::", false},
+      {"::2", false},
+      {"fbff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", false},
+      {"fc00::", true},
+      {"fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", true},
+      {"fe00::", false},
+      {"2001:db8::8", false},
+      {"2001:db8::9", true},
+      {"2001:db8::10", true},
+      {"2001:db8::11", false},
+      {"10.1.2.3", true},
+      {"::ffff:10.1.2.3", true},
+      {"::10.1.2.3", false},
+      {"::ffff:11.0.0.0", false},
+      {"::ffff:c000:2ff", true},
+      {"192.0.3.0", false},
+      {"0.0.0.1", false},
+  };
+  for (const auto& row : rows) EXPECT_EQ(list.Contains(IP(row.ip)), row.held) << row.ip;
+  EXPECT_FALSE(list.Contains(IPAddress()));
+
+  const IPRangeList all = ListOf({"::/0"});
+  for (const char* ip : {"::", "::1", "8000::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}) {
+    EXPECT_TRUE(all.Contains(IP(ip))) << ip;
+  }
+  for (const char* ip : {"0.0.0.0", "127.0.0.1", "::ffff:10.0.0.1"}) {
+    EXPECT_FALSE(all.Contains(IP(ip))) << ip;
+  }
+  EXPECT_FALSE(all.Contains(IPAddress()));
+}
+
+// The IPv6 address whose halves are `high` and `low`.
+IPAddress IPv6Of(std::uint64_t high, std::uint64_t low) {
+  IPAddress::IPv6Bytes bytes{};
+  for (std::size_t i = 0; i < 8; ++i) {
+    bytes[7 - i] = static_cast<std::uint8_t>(high >> 8 * i);
+    bytes[15 - i] = static_cast<std::uint8_t>(low >> 8 * i);
+  }
+  return IPAddress::IPv6(bytes);
+}
+
+// Addresses next to both ends of their family and, of IPv6, to the middle, where the lower half overflows.
+IPAddress IPv4AtEnds(std::uint32_t place) {
+  return IPAddress::IPv4(place % 2 == 0 ? place / 2 : ~(place / 2));
+}
+IPAddress IPv6AtEnds(std::uint32_t place) {
+  const std::uint64_t step = place / 4;
+  const std::uint64_t low = place % 2 == 0 ? step : ~step;
+  if (place % 4 < 2) return IPv6Of(place % 2 == 0 ? 0 : ~std::uint64_t{0}, low);
+  return IPv6Of(place % 2 == 0 ? 0x8000000000000000 : 0x7FFFFFFFFFFFFFFF, low);
+}
+
+void CheckAgainstScan(IPAddress (*address_at)(std::uint32_t), std::uint32_t places) {
   std::mt19937 random(4);
   for (int round = 0; round < 2000; ++round) {
     // Few different ends, so that ranges overlap, touch, repeat and meet both ends of the number space.
-    const auto end = [&] {
-      const auto value = static_cast<std::uint32_t>(random() % 24);
-      return IPAddress::IPv4(random() % 2 == 0 ? value : ~value);
-    };
+    const auto end = [&] { return address_at(static_cast<std::uint32_t>(random() % places)); };
     std::vector<IPRange> ranges;
     for (auto count = random() % 8; count > 0; --count) {
       const IPAddress low = end();
@@ -196,16 +346,19 @@ TEST(IPRangeList, IsTheScanForRandomRanges) {
     }
     const IPRangeList list(ranges);
     EXPECT_EQ(list.Ranges(), ranges);
-    for (std::uint32_t value = 0; value < 26; ++value) {
-      for (const std::uint32_t number : {value, ~value, value + 0x7FFFFFF0}) {
-        const IPAddress ip = IPAddress::IPv4(number);
-        const bool scanned = std::any_of(ranges.begin(), ranges.end(), [ip](const IPRange& range) {
-          return mCommon::IPInRange(ip, range);
-        });
-        ASSERT_EQ(list.Contains(ip), scanned) << FormatIPAddress(ip) << " in round " << round;
-      }
-    }
+    const auto check = [&](const IPAddress& ip) {
+      const bool scanned = std::any_of(ranges.begin(), ranges.end(),
+                                       [ip](const IPRange& range) { return mCommon::IPInRange(ip, range); });
+      ASSERT_EQ(list.Contains(ip), scanned) << FormatIPAddress(ip) << " in round " << round;
+    };
+    for (std::uint32_t place = 0; place < places + 4; ++place) check(address_at(place));
+    for (const char* text : {"127.255.255.255", "128.0.0.0", "2001:db8::1", "::1:0:0:0:0"}) check(IP(text));
   }
+}
+
+TEST(IPRangeList, IsTheScanForRandomRanges) {
+  CheckAgainstScan(IPv4AtEnds, 48);
+  CheckAgainstScan(IPv6AtEnds, 64);
 }
 
 }  // namespace

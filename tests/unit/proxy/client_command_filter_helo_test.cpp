@@ -23,6 +23,7 @@ TEST(Helo, IsRemembered) {
       {"EHLO", "", true},
       {"HELO ", "", false},
       {"EHLO [192.0.2.7]", "[192.0.2.7]", true},
+      {"EHLO [IPv6:2001:DB8::1] more", "[IPv6:2001:DB8::1]", true},
   };
   for (const auto& row : rows) {
     TestDialogue d;
@@ -128,9 +129,15 @@ TEST(Helo, WhatIsLookedUp) {
       {"EHLO other.test more", "asks name other.test"},
       {"EHLO [192.0.2.9]", "asks name 192.0.2.9"},
       {"EHLO 192.0.2.9", "asks name 192.0.2.9"},
+      {"EHLO [IPv6:2001:db8::1]", "asks name 2001:db8::1"},
+      {"HELO [ipv6:2001:DB8::1]", "asks name 2001:DB8::1"},
+      {"EHLO [IPv6:::ffff:192.0.2.9]", "asks name ::ffff:192.0.2.9"},
       // No address literals.
       {"EHLO [other.test]", "asks name [other.test]"},
-      {"EHLO [IPv6:2001:db8::1]", "asks name [IPv6:2001:db8::1]"},
+      {"EHLO [2001:db8::1]", "asks name [2001:db8::1]"},
+      {"EHLO [IPv6:192.0.2.9]", "asks name [IPv6:192.0.2.9]"},
+      {"EHLO [IPv6:2001:db8::g]", "asks name [IPv6:2001:db8::g]"},
+      {"EHLO [IPv4:192.0.2.9]", "asks name [IPv4:192.0.2.9]"},
       {"EHLO []", "asks name []"},
       {"EHLO [", "asks name ["},
       {"EHLO", "<- 501 Domain name not specified."},
@@ -165,6 +172,30 @@ TEST(Helo, TheAnswerDecides) {
     d.Answer({!row.addresses.empty(), row.addresses});
     d.Run(row.outcome);
     EXPECT_FALSE(d.Greeted());
+  }
+}
+
+TEST(Helo, TheAnswerDecidesForAnIPv6Client) {
+  const struct {
+    const char* address;
+    const char* outcome;
+  } rows[] = {
+      {"2001:db8::7", "-> EHLO [IPv6:2001:DB8:0::7]"},
+      {"2001:db8::8", "<- 550 Domain [IPv6:2001:DB8:0::7] doesn't correspond to IP address 2001:db8::7."},
+      {"192.0.2.7", "<- 550 Domain [IPv6:2001:DB8:0::7] doesn't correspond to IP address 2001:db8::7."},
+  };
+  for (const auto& row : rows) {
+    TestDialogue d;
+    d.configuration.ValidateHELO = 2;
+    d.facts.ip = IP("2001:db8::7");
+    d.Run(R"(
+      S: 220 ready
+      <- 220 ready
+      C: EHLO [IPv6:2001:DB8:0::7]
+      asks name 2001:DB8:0::7)");
+    const IPAddress addresses[] = {IP(row.address)};
+    d.Answer({true, addresses});
+    d.Run(row.outcome);
   }
 }
 

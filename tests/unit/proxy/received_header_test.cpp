@@ -2,10 +2,22 @@
 
 #include <gtest/gtest.h>
 
+#include "support/ip_address.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
 namespace {
+
+TEST(ReceivedHeader, NamesAnIPv6ClientByItsLiteral) {
+  TestDialogue d;
+  d.clock.SetBias(-180);
+  d.facts.ip = IP("2001:DB8:0::7");
+  d.facts.host = "";
+  d.state.requested.HeloDomain = "[IPv6:2001:db8::7]";
+  EXPECT_EQ(GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state.requested),
+            "Received: from [IPv6:2001:db8::7] (Unknown [IPv6:2001:db8::7]) by proxy.test\r\n"
+            "      with SMTP; Sun, 15 Nov 2026 16:54:24 +0300");
+}
 
 TEST(ReceivedHeader, SaysWhoSentTheMessageAndHow) {
   const struct {

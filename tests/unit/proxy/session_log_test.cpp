@@ -21,6 +21,9 @@ TEST(SessionLog, TheLineHasItsFieldsInTheirWidths) {
       {"R: ", 123456, "192.168.100.200", "Connected.", "R: {123456} [192.168.100.200] Connected."},
       {"R: ", 0, "1.2.3.4", "", "R: {     0} [        1.2.3.4] "},
       {"R: ", 12345678, "1.2.3.4", "x", "R: {12345678} [        1.2.3.4] x"},
+      // A longer address is not cut.
+      {"R: ", 7, "::1", "Connected.", "R: {     7} [            ::1] Connected."},
+      {"R: ", 7, "2001:db8:1:2:3:4:5:6", "Connected.", "R: {     7} [2001:db8:1:2:3:4:5:6] Connected."},
       {"S: ", -1, "", "Error 10061. Connection is forcefully rejected.",
        "S: {    -1} [   Undefined   ] Error 10061. Connection is forcefully rejected."},
   };
