@@ -152,7 +152,7 @@ std::string Expression(const ExpressionList& list, std::size_t index) {
 
 IPRange PartialRange(std::string_view text) {
   const IPRange range = InitIPRange(text);
-  if (range.low == range.low.Prefix(0) && range.high == range.low.PrefixEnd(0)) {
+  if (IsWholeFamily(range)) {
     throw Error(error_number::kBadValue, "mCommon.GetPartialIPRangeList",
                 "Invalid IP address range: \"" + std::string(text) + "\".");
   }
