@@ -296,6 +296,37 @@ TEST(Closing, TooManyCommandsOutOfOrder) {
     log R: {*] Maximum out-of-order commands exceeded. Closing connection.)");
 }
 
+// A client that its reply does not reach any more is gone; nobody is left to wait for.
+TEST(Closing, AClientThatCannotBeAnsweredGetsNoPause) {
+  SessionFixture fixture;
+  fixture.Settings.MaxBadSeq = 0;
+  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+  fixture.ClientPeer().Send("DATA\r\n");
+  fixture.ClientPeer().Reset();
+  EXPECT_EQ(fixture.Play("closed S\nlog R: {*] < DATA*\nlog R: {*] > 503 *\nlog R: {*] Error *"), "");
+  for (const std::string& line : fixture.LogLines()) EXPECT_EQ(line.find("out-of-order"), std::string::npos);
+}
+
+// The limit goes down while the session is open, and its next line finds the server gone.
+TEST(Closing, AServerThatCannotBeReachedEndsTheSessionWithoutAPause) {
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(Greeted() + "C: DATA\n<- 503 5.5.1 *"), "");
+  fixture.Settings.MaxBadSeq = 0;
+  fixture.ClientPeer().Send("NOOP\r\n");
+  fixture.ServerPeer().Reset();
+  EXPECT_EQ(fixture.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C\nlog S: {*] > NOOP*"), "");
+  for (const std::string& line : fixture.LogLines()) EXPECT_EQ(line.find("out-of-order"), std::string::npos);
+}
+
+// The server has asked for the content of a message that it will not get.
+TEST(Closing, NothingIsSentToTheServerForAClientThatHasGone) {
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(InTransaction() + "C: DATA\n-> DATA"), "");
+  fixture.ServerPeer().Send("354 go on\r\n");
+  fixture.ClientPeer().Reset();
+  EXPECT_EQ(fixture.Play("closed S\nlog R: {*] > 354 go on"), "");
+}
+
 TEST(Closing, ALineThatIsTooLong) {
   const std::string longest = "NOOP " + std::string(4096 - 7, 'x');
   PlayEveryWay({}, "S: 220 server ready\n<- 220 server ready\nC: " + longest + "\n-> " + longest +

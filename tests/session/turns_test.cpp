@@ -71,14 +71,25 @@ TEST(Turns, AllLinesOfOneSegmentAreAnsweredInOrder) {
   }
 }
 
-TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
-  SessionFixture fixture;
-  RefuseAll(fixture);
-  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer first = std::move(fixture.ClientPeer());
-  const TestPeer first_server = std::move(fixture.ServerPeer());
-  ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+// Two sessions that have been greeted; the second one's peers are the fixture's.
+struct TwoSessions {
+  TwoSessions() {
+    RefuseAll(fixture);
+    EXPECT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
+    first = std::move(fixture.ClientPeer());
+    first_server = std::move(fixture.ServerPeer());
+    EXPECT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
+  }
 
+  SessionFixture fixture;
+  TestPeer first;
+  TestPeer first_server;
+};
+
+TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
+  TwoSessions sessions;
+  SessionFixture& fixture = sessions.fixture;
+  TestPeer& first = sessions.first;
   const Burst a = Lines("a", 3 * kMaxLinesAtOnce);
   ASSERT_EQ(first.Send(a.lines), a.lines.size());
   ASSERT_EQ(fixture.ClientPeer().Send(Greeting("other")), Greeting("other").size());
@@ -94,13 +105,9 @@ TEST(Turns, OtherSessionsAreServedBetweenTheLinesOfOne) {
 
 // Two clients that both send much take turns.
 TEST(Turns, SessionsAlternate) {
-  SessionFixture fixture;
-  RefuseAll(fixture);
-  ASSERT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-  TestPeer first = std::move(fixture.ClientPeer());
-  const TestPeer first_server = std::move(fixture.ServerPeer());
-  ASSERT_EQ(fixture.Play("connect\nS: 220 server ready\n<- 220 server ready"), "");
-
+  TwoSessions sessions;
+  SessionFixture& fixture = sessions.fixture;
+  TestPeer& first = sessions.first;
   const Burst a = Lines("a", 3 * kMaxLinesAtOnce);
   const Burst b = Lines("b", 3 * kMaxLinesAtOnce);
   ASSERT_EQ(first.Send(a.lines), a.lines.size());

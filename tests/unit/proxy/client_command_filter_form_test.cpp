@@ -206,6 +206,12 @@ TEST(BadSequences, AreLookedAtAfterEveryLine) {
   EXPECT_EQ(d.Says("NOOP"), "-> NOOP; wait 500; closed C");
 }
 
+TEST(BadSequences, ASessionThatEndsAnywayEndsWithoutAPause) {
+  TestDialogue d;
+  d.configuration.MaxBadSeq = 0;
+  EXPECT_EQ(d.Says("BDAT x"), "<- 503 5.5.1 Bad sequence of commands.; closed C");
+}
+
 TEST(BadSequences, RefusalsByPolicyDoNotCount) {
   TestDialogue d;
   d.configuration.MaxBadSeq = 0;

@@ -151,6 +151,10 @@ void TestDialogue::Answer(const HostAddresses& answer) {
   outcome_ = Outcome([&](Dialogue& dialogue) { dialogue.OnAddresses(answer, *this); });
 }
 
+void TestDialogue::EndServer() {
+  Outcome([&](Dialogue& dialogue) { dialogue.OnServerEnd(Dialogue::ServerEnd::kClosed, *this); });
+}
+
 void TestDialogue::Greet() {
   Run(R"(
     S: 220 server.test ESMTP

@@ -74,6 +74,8 @@ class TestDialogue final : private DialogueActions {
   const std::optional<std::string>& LeftOver() const { return left_over_; }
   // The look-up that was waited for has an answer.
   void Answer(const HostAddresses& answer);
+  // The server has closed.
+  void EndServer();
   // EHLO, accepted by a server that offers CHUNKING and XEXCH50.
   void Greet();
   // Greet and MAIL FROM:<s@sender.test>.

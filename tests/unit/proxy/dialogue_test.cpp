@@ -336,6 +336,17 @@ TEST(Dialogue, BelievesWhatTheServerSaidAndNothingElse) {
   EXPECT_GT(contents, 500);
 }
 
+// The client has not taken everything yet, so the session is still there.
+TEST(Dialogue, AnAnswerAfterTheServersEndIsIgnored) {
+  TestDialogue d;
+  d.configuration.ValidateHELO = 3;
+  d.Run("C: EHLO other.test\nasks name other.test");
+  d.EndServer();
+  EXPECT_EQ(d.state.phase, Phase::kEnding);
+  d.Answer({});
+  d.Run("");
+}
+
 // Where the bytes that go to the server lie.
 class Addresses final : public DialogueActions {
  public:
