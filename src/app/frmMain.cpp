@@ -50,7 +50,6 @@ frmMain::frmMain(Program& program)
                             .sockets = program.socket_module,
                             .names = *program.names,
                             .sessions = sessions_,
-                            .table = *this,
                             .greylisting = &program.greylisting},
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
@@ -227,11 +226,6 @@ void frmMain::Listener_Error(int number, const std::string& description) {
   program_.exit_status = 1;
   Form_Unload();
 }
-
-// The view is refreshed by tmrStatus alone.
-void frmMain::AddRow(cProxy&) {}
-
-void frmMain::RemoveRow(std::string_view) {}
 
 void frmMain::tmrStatus_Timer() {
   view_.Refresh();

@@ -22,11 +22,11 @@ namespace trabex {
 
 struct Program;
 
-class frmMain final : public ConnectionTable {
+class frmMain final {
  public:
   // `program` outlives the window.
   explicit frmMain(Program& program);
-  ~frmMain() override;
+  ~frmMain();
   frmMain(const frmMain&) = delete;
   frmMain& operator=(const frmMain&) = delete;
 
@@ -59,9 +59,6 @@ class frmMain final : public ConnectionTable {
   // The listener's events. An error ends the program, with the exit status 1.
   void Listener_ConnectionRequest(std::int32_t requestID);
   void Listener_Error(int number, const std::string& description);
-
-  void AddRow(cProxy& session) override;
-  void RemoveRow(std::string_view key) override;
 
   const SessionCollection& Sessions() const { return sessions_; }
 

@@ -272,7 +272,6 @@ void cProxy::Close() {
   pause_.reset();
   timeout_.reset();
   stall_timer_.reset();
-  dependencies_.table.RemoveRow(key_);
   if (auto self = dependencies_.sessions.Remove(key_)) dependencies_.loop.DeferredDelete(std::move(self));
 }
 

@@ -64,7 +64,7 @@ class cProxy final : public DeferredDeletable,
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
-  // Ends the session: both sockets close in order, it leaves the collection and the table. Every end goes
+  // Ends the session: both sockets close in order, and it leaves the collection. Every end goes
   // through it.
   void Close();
 

@@ -21,7 +21,6 @@ void cProxy::Init(std::int32_t requestID) {
   RunHandler("cProxy.Init", [this] {
     StartTime = LastActivity = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
-    dependencies_.table.AddRow(*this);
     if (!AdmitByCount() || !AdmitByAddress()) return;
     if (TimeoutSpan.count() != 0) ArmTimeout();
     const bool name_decides = NameAdmissionApplies();

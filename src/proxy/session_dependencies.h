@@ -1,8 +1,6 @@
 // What a session needs of the program.
 #pragma once
 
-#include <string_view>
-
 #include "base/log.h"
 #include "config/configuration.h"
 #include "net/modSocketMaster.h"
@@ -14,17 +12,6 @@
 
 namespace trabex {
 
-class cProxy;
-
-// The connection table, as sessions see it.
-class ConnectionTable {
- public:
-  virtual ~ConnectionTable() = default;
-  // The row of a session that is in the collection from now on.
-  virtual void AddRow(cProxy& session) = 0;
-  virtual void RemoveRow(std::string_view key) = 0;
-};
-
 // References that outlive every session.
 struct SessionDependencies {
   const Configuration& configuration;
@@ -34,7 +21,6 @@ struct SessionDependencies {
   modSocketMaster& sockets;
   NameLookup& names;
   SessionCollection& sessions;
-  ConnectionTable& table;
   GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
 };
 

@@ -408,14 +408,15 @@ TEST(TimeOut, ZeroMeansNone) {
     <- 503 Bad sequence of commands.)");
 }
 
-TEST(Rows, AreThereAsLongAsTheirSession) {
+TEST(Sessions, AreFoundByTheirKeysUntilTheyEnd) {
   SessionFixture fixture;
   EXPECT_EQ(fixture.Play("S: 220 server ready\n<- 220 server ready"), "");
-  ASSERT_EQ(fixture.Rows().size(), 1U);
-  EXPECT_NE(fixture.Sessions().Find(fixture.Rows()[0]), nullptr);
-  EXPECT_EQ(fixture.Rows()[0][0], ' ');
+  ASSERT_EQ(fixture.Sessions().Count(), 1U);
+  const std::string key = fixture.Sessions().At(0).Key();
+  EXPECT_NE(fixture.Sessions().Find(key), nullptr);
+  EXPECT_EQ(key[0], ' ');
   EXPECT_EQ(fixture.Play("C closes\nclosed S"), "");
-  EXPECT_TRUE(fixture.Rows().empty());
+  EXPECT_EQ(fixture.Sessions().Find(key), nullptr);
   EXPECT_EQ(fixture.Sessions().Count(), 0U);
 }
 

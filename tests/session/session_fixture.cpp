@@ -34,7 +34,7 @@ SessionFixture::~SessionFixture() {
 void SessionFixture::Start() {
   if (listener_) return;
   dependencies_ = std::make_unique<SessionDependencies>(
-      SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, *this, Greylisting});
+      SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Greylisting});
   listener_ = std::make_unique<CSocketMaster>(module_);
   listener_->Events.ConnectionRequest = [this](std::int32_t request) {
     sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request);

@@ -26,10 +26,10 @@ namespace trabex {
 
 using script::Delivery;
 
-class SessionFixture : private ConnectionTable {
+class SessionFixture {
  public:
   explicit SessionFixture(Delivery delivery = Delivery::kWhole);
-  ~SessionFixture() override;
+  ~SessionFixture();
 
   Configuration Settings = DefaultConfiguration();  // set what the test needs before Run
   FakeClock Time;
@@ -56,7 +56,6 @@ class SessionFixture : private ConnectionTable {
   TestPeer& ServerPeer() { return server_; }
   SessionCollection& Sessions() { return sessions_; }
   const std::vector<std::string>& LogLines() const { return log_.Lines(); }
-  const std::vector<std::string>& Rows() const { return rows_; }
   modSocketMaster& Sockets_() { return module_; }
   // Accepts the server's connection, unless it has been; false when none comes.
   bool NeedServer();
@@ -70,9 +69,6 @@ class SessionFixture : private ConnectionTable {
   void Shutdown();
 
  private:
-  void AddRow(cProxy& session) override { rows_.push_back(session.Key()); }
-  void RemoveRow(std::string_view key) override { std::erase(rows_, key); }
-
   void Connect(const IPAddress& from);
   void Poll();
   void PollAttended();
@@ -93,7 +89,6 @@ class SessionFixture : private ConnectionTable {
   RecordedLog log_;
   modSocketMaster module_{sockets_, Names, log_};
   SessionCollection sessions_;
-  std::vector<std::string> rows_;
   std::unique_ptr<SessionDependencies> dependencies_;
   std::unique_ptr<CSocketMaster> listener_;
   TestListener server_listener_;
