@@ -21,29 +21,23 @@ bool IsPlain(char c) {
 }
 
 void AppendVisible(std::string& line, std::string_view text) {
-  std::size_t from = 0;
-  for (std::size_t at = 0;;) {
-    at = static_cast<std::size_t>(
-        std::find_if_not(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(), IsPlain) - text.begin());
-    if (at == text.size()) break;
-    const std::string_view rest = text.substr(at);
-    const TextPiece piece = FirstPiece(rest);
+  for (;;) {
+    const auto plain_end = std::find_if_not(text.begin(), text.end(), IsPlain);
+    line.append(text.begin(), plain_end);
+    text.remove_prefix(static_cast<std::size_t>(plain_end - text.begin()));
+    if (text.empty()) return;
+    const TextPiece piece = FirstPiece(text);
     std::size_t size = piece.size;
     if (piece.visible) {
-      at += size;
-      continue;
-    }
-    line.append(text.substr(from, at - from));
-    if (rest.starts_with(kCrLf)) {
+      line.append(text.substr(0, size));
+    } else if (text.starts_with(kCrLf)) {
       line.append(kLineBreakSign);
       size = kCrLf.size();
     } else {
-      AppendHex(line, rest.substr(0, size));
+      AppendHex(line, text.substr(0, size));
     }
-    at += size;
-    from = at;
+    text.remove_prefix(size);
   }
-  line.append(text.substr(from));
 }
 
 }  // namespace

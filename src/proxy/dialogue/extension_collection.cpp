@@ -14,17 +14,13 @@ auto HasKeyword(std::string_view keyword) {
 
 }  // namespace
 
-bool ExtensionCollection::ParseLines(std::string_view text) {
-  bool final_line = false;
+void ExtensionCollection::ParseLines(std::string_view text) {
   while (!text.empty()) {
     const std::size_t end = text.find(kCrLf);
     const std::string_view line = text.substr(0, end);
     text = end == std::string_view::npos ? std::string_view() : text.substr(end + kCrLf.size());
-    if (!line.starts_with("250")) continue;
-    final_line = line.size() > 3 && line[3] == ' ';
-    if (line.size() > 4) AddExtension(line.substr(4));
+    if (line.starts_with("250") && line.size() > 4) AddExtension(line.substr(4));
   }
-  return final_line;
 }
 
 void ExtensionCollection::AddExtension(std::string_view line) {

@@ -11,9 +11,8 @@ namespace trabex {
 class ExtensionCollection {
  public:
   // Adds the extension of every line of `text` (lines end in CR LF) that begins with "250": its text from the
-  // fifth byte on. Returns whether the last such line was the final one of its reply (a blank after the
-  // code).
-  bool ParseLines(std::string_view text);
+  // fifth byte on.
+  void ParseLines(std::string_view text);
   // Appends `line` (keyword and parameters); an entry with the same keyword is removed first.
   void AddExtension(std::string_view line);
   void RemoveExtension(std::string_view keyword);
