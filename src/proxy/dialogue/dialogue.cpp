@@ -121,10 +121,12 @@ void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions
 void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
   assembler_.Append(std::move(bytes));
   RelayReplies(actions);
-  if (assembler_.TooLong() && !RelayBeginOfReply(actions)) {
-    actions.Log(Side::kServer, log_level::kErrors, "Reply too long. Closing connection.");
-    EndWithoutServer(actions);
-  }
+  if (!assembler_.TooLong()) return;
+  // Relayed in parts, unchanged, unless it offers extensions; its last line decides what it means.
+  const bool is_ehlo_reply = state_.phase == Phase::kReply && state_.forwarded.command == Command::kEhlo;
+  if (!is_ehlo_reply && RelayWholeLines(actions)) return;
+  actions.Log(Side::kServer, log_level::kErrors, "Reply too long. Closing connection.");
+  EndWithoutServer(actions);
 }
 
 void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
@@ -156,12 +158,6 @@ void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   // The client's next bytes are the content. When the header cannot be sent, the server is gone, and the
   // client learns that after this reply.
   if (!decision.header.empty()) actions.ToServer(decision.header, true);
-}
-
-// A reply over kMaxReplyBytes is relayed in parts, unchanged; its last line decides what it means.
-bool Dialogue::RelayBeginOfReply(DialogueActions& actions) {
-  if (state_.phase == Phase::kReply && state_.forwarded.command == Command::kEhlo) return false;
-  return RelayWholeLines(actions);
 }
 
 // Relays the whole lines of a reply whose end has not come; false when there are none.

@@ -83,7 +83,6 @@ class Dialogue {
 
   void RelayReplies(DialogueActions& actions);
   void RelayReply(std::string_view reply, DialogueActions& actions);
-  bool RelayBeginOfReply(DialogueActions& actions);
   bool RelayWholeLines(DialogueActions& actions);
   void EndWithoutServer(DialogueActions& actions);
 
