@@ -149,7 +149,8 @@ bool AutoReload::ReadAgain(IniText ini) {
 void AutoReload::ActOnAddresses(const Addresses& before) {
   const Addresses now = InForce();
   const auto done = [this](bool succeeded) { Settled(succeeded); };
-  if (!EqualNoCase(now.bind_ip, before.bind_ip) || now.bind_port != before.bind_port) {
+  if (!EqualNoCase(now.bind_ip, before.bind_ip) || now.bind_port != before.bind_port ||
+      now.bind_port_tls != before.bind_port_tls) {
     window_.StartListening(done);
   } else if (now.server_ip != before.server_ip || now.server_port != before.server_port) {
     window_.TestForLoop(done);
@@ -174,7 +175,8 @@ void AutoReload::Failed() {
 
 AutoReload::Addresses AutoReload::InForce() const {
   const Configuration& configuration = program_.configuration;
-  return {configuration.BindIP, configuration.BindPort, configuration.ServerIP, configuration.ServerPort};
+  return {configuration.BindIP, configuration.BindPort, configuration.BindPortTLS, configuration.ServerIP,
+          configuration.ServerPort};
 }
 
 }  // namespace trabex

@@ -42,6 +42,7 @@ class AutoReload {
   struct Addresses {
     std::string bind_ip;
     std::int32_t bind_port = 0;
+    std::int32_t bind_port_tls = 0;
     std::string server_ip;
     std::int32_t server_port = 0;
   };

@@ -5,11 +5,9 @@
 #include <utility>
 
 #include "app/log_file.h"
-#include "app/own_address.h"
 #include "app/program.h"
 #include "app/version.h"
 #include "base/error.h"
-#include "match/ip_range.h"
 #include "net/socket_errors.h"
 #include "platform/message.h"
 #include "proxy/cProxy.h"
@@ -25,20 +23,6 @@ constexpr Milliseconds kMaxWait{1000};
 // Two times that are an interval apart may differ by less than it when they are kept in days.
 constexpr double kRounding = 0.001 / kSecondsPerDay;
 
-constexpr std::string_view kAnyAddress = "0.0.0.0";
-
-std::string BindIPInForce(const Configuration& configuration) {
-  return configuration.BindIP.empty() ? std::string(kAnyAddress) : configuration.BindIP;
-}
-
-std::string BindAddress(const Configuration& configuration) {
-  return BindIPInForce(configuration) + ":" + std::to_string(configuration.BindPort);
-}
-
-std::string ServerAddress(const Configuration& configuration) {
-  return configuration.ServerIP + ":" + std::to_string(configuration.ServerPort);
-}
-
 }  // namespace
 
 frmMain::frmMain(Program& program)
@@ -51,6 +35,11 @@ frmMain::frmMain(Program& program)
                             .names = *program.names,
                             .sessions = sessions_,
                             .greylisting = &program.greylisting},
+      listeners_(program.socket_module,
+                 {.ConnectionRequest = [this](std::int32_t requestID,
+                                              bool tls) { Listener_ConnectionRequest(requestID, tls); },
+                  .Error = [this](int number,
+                                  const std::string& description) { Listener_Error(number, description); }}),
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
       tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
@@ -117,9 +106,9 @@ void frmMain::Form_Unload() {
   tmrLog.Disable();
   program_.log.SetTimer(nullptr);
   view_.Hide();
-  // The listener itself may be the caller, so it stays until the window goes.
+  // A listener itself may be the caller, so they stay until the window goes.
   program_.names->Cancel(std::exchange(server_lookup_, 0));
-  if (listener_) listener_->CloseSck();
+  listeners_.Close();
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
   // A reload may have switched greylisting off and not saved the records.
   if (program_.configuration.GreyListing.Enabled || !program_.greylisting_records->Database().empty()) {
@@ -137,7 +126,7 @@ void frmMain::StartListening(std::function<void(bool listening)> done) {
 
 void frmMain::TestForLoop(std::function<void(bool passed)> done) {
   program_.names->Cancel(std::exchange(server_lookup_, 0));
-  if (program_.configuration.ServerPort != program_.configuration.BindPort) {
+  if (EndpointsAtServerPort().empty()) {
     done(true);
     return;
   }
@@ -148,63 +137,55 @@ void frmMain::TestForLoop(std::function<void(bool passed)> done) {
                                                  });
 }
 
+std::vector<ListenEndpoint> frmMain::EndpointsAtServerPort() const {
+  std::vector<ListenEndpoint> endpoints = ListenEndpoints(program_.configuration);
+  std::erase_if(endpoints, [this](const ListenEndpoint& endpoint) {
+    return endpoint.port != program_.configuration.ServerPort;
+  });
+  return endpoints;
+}
+
 // Failures are logged.
 bool frmMain::PassesLoopTest(const AddressAnswer& server) {
-  try {
-    if (server.error != 0) {
-      throw Error(server.error, "frmMain.StartListening", std::string(SocketErrorText(server.error)));
+  for (const ListenEndpoint& endpoint : EndpointsAtServerPort()) {
+    try {
+      if (server.error != 0) {
+        throw Error(server.error, "frmMain.StartListening", std::string(SocketErrorText(server.error)));
+      }
+      if (!LoopsBack(endpoint, server.addresses)) continue;
+      program_.log.LogLine("Loop detected: Server IP address and port point to listening address and port.");
+    } catch (const Error& error) {
+      ReportListenError(endpoint, error);
     }
-    if (!LoopsBack(server.addresses)) return true;
-    program_.log.LogLine("Loop detected: Server IP address and port point to listening address and port.");
     return false;
-  } catch (const Error& error) {
-    return ReportListenError(error);
   }
+  return true;
 }
 
-bool frmMain::Listen() {
-  try {
-    // First the old one, which may have the same port.
-    listener_.reset();
-    listener_ = std::make_unique<CSocketMaster>(program_.socket_module);
-    listener_->Events.ConnectionRequest = [this](std::int32_t requestID) {
-      Listener_ConnectionRequest(requestID);
-    };
-    listener_->Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
-      Listener_Error(number, description);
-    };
-    listener_->Bind(program_.configuration.BindPort, BindIPInForce(program_.configuration));
-    listener_->Listen();
-    return true;
-  } catch (const Error& error) {
-    return ReportListenError(error);
-  }
-}
-
-// Whether a connection to one of the addresses would come back to the listener, given that the ports are
-// equal.
-bool frmMain::LoopsBack(const std::vector<IPAddress>& server_addresses) const {
-  const IPAddress bound = mCommon::CLngIP(BindIPInForce(program_.configuration));
+bool frmMain::LoopsBack(const ListenEndpoint& endpoint,
+                        const std::vector<IPAddress>& server_addresses) const {
   std::vector<IPAddress> own;
-  if (bound.IsUnspecified()) {
+  if (endpoint.address.IsUnspecified()) {
     const int error = program_.sockets.LocalAddresses(own);
     if (error != 0) throw Error(error, "frmMain.StartListening", std::string(SocketErrorText(error)));
   }
-  return std::any_of(server_addresses.begin(), server_addresses.end(), [&](const IPAddress& address) {
-    if (address.IsUnspecified()) return true;  // the system takes it for this machine
-    return bound.IsUnspecified() ? mCommon::IsOwnAddress(address, own) : address == bound;
-  });
+  return trabex::LoopsBack(endpoint, server_addresses, own);
 }
 
-bool frmMain::ReportListenError(const Error& error) {
+bool frmMain::Listen() {
+  const auto failure = listeners_.Listen(ListenEndpoints(program_.configuration));
+  if (failure) ReportListenError(failure->endpoint, failure->error);
+  return !failure;
+}
+
+void frmMain::ReportListenError(const ListenEndpoint& endpoint, const Error& error) {
   program_.log.LogLine("Error " + std::to_string(error.Number()) + " binding to " +
-                       BindAddress(program_.configuration) + ". " + error.Description());
-  return false;
+                       FormatHostAndPort(endpoint.host, endpoint.port) + ". " + error.Description());
 }
 
 void frmMain::ShowAddresses() {
-  const std::string bound = BindAddress(program_.configuration);
-  const std::string server = ServerAddress(program_.configuration);
+  const std::string bound = FormatEndpoints(ListenEndpoints(program_.configuration));
+  const std::string server = FormatServer(program_.configuration);
   program_.log.LogLine("Listen on: " + bound + "; Connect to: " + server + ".");
   view_.SetStatus(bound + " --> " + server);
 }
@@ -217,8 +198,8 @@ void frmMain::EnableGreyListingTimer() {
   }
 }
 
-void frmMain::Listener_ConnectionRequest(std::int32_t requestID) {
-  sessions_.Add(std::make_unique<cProxy>(session_dependencies_)).Init(requestID);
+void frmMain::Listener_ConnectionRequest(std::int32_t requestID, bool tls) {
+  sessions_.Add(std::make_unique<cProxy>(session_dependencies_)).Init(requestID, tls);
 }
 
 void frmMain::Listener_Error(int number, const std::string& description) {

@@ -1,4 +1,4 @@
-// The main window, which is the program at work: it owns the listener, the sessions and the timers. Its load
+// The main window, which is the program at work: it owns the listeners, the sessions and the timers. Its load
 // is the second half of a start, its unload the whole shut-down; the program runs as long as it is loaded,
 // whether the open connections are shown (connection_view.h) or not.
 #pragma once
@@ -12,7 +12,7 @@
 
 #include "app/auto_reload.h"
 #include "app/connection_view.h"
-#include "net/CSocketMaster.h"
+#include "app/listeners.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
 #include "proxy/session_collection.h"
@@ -30,7 +30,7 @@ class frmMain final {
   frmMain(const frmMain&) = delete;
   frmMain& operator=(const frmMain&) = delete;
 
-  // The duties of a start, in order, the listener among them. False when that could not be started; the
+  // The duties of a start, in order, the listeners among them. False when one could not be started; the
   // reason is logged. Runs the loop while it waits for the look-up of a server's name: the end of the
   // program may be asked for meanwhile (see Unloaded). Not called from inside the loop. `to_be_shown`: Show
   // comes next.
@@ -42,12 +42,12 @@ class frmMain final {
   void Form_Unload();
   bool Unloaded() const { return unloaded_; }
 
-  // Listens anew with the settings in force, after the test that the server is not this listener itself.
+  // Listens as the settings in force say, after the test that the server is no listener of this program.
   // `done` gets whether that succeeded (if not, the reason is logged): inside this call, or from the loop
-  // when a name has to be looked up first; then the listener from before goes on meanwhile. A second call
+  // when a name has to be looked up first; then the listeners from before go on meanwhile. A second call
   // replaces the first.
   void StartListening(std::function<void(bool listening)> done);
-  // Only the test that the server is not this listener itself; `done` as above.
+  // Only the test that the server is no listener of this program; `done` as above.
   void TestForLoop(std::function<void(bool passed)> done);
   // Logs the addresses in force and shows them in the status line.
   void ShowAddresses();
@@ -56,8 +56,9 @@ class frmMain final {
   // The next save is due when its interval has passed since `time` (universal), that of the last one.
   void GreyListingSaved(DateTime time) { last_greylisting_save_ = time; }
 
-  // The listener's events. An error ends the program, with the exit status 1.
-  void Listener_ConnectionRequest(std::int32_t requestID);
+  // The listeners' events; `tls`: TLS begins with the first byte there. An error ends the program, with the
+  // exit status 1.
+  void Listener_ConnectionRequest(std::int32_t requestID, bool tls);
   void Listener_Error(int number, const std::string& description);
 
   const SessionCollection& Sessions() const { return sessions_; }
@@ -65,9 +66,11 @@ class frmMain final {
  private:
   bool WaitForListening();
   bool Listen();
+  // The listeners on the server's port: only these can be the server.
+  std::vector<ListenEndpoint> EndpointsAtServerPort() const;
   bool PassesLoopTest(const AddressAnswer& server);
-  bool LoopsBack(const std::vector<IPAddress>& server_addresses) const;
-  bool ReportListenError(const Error& error);
+  bool LoopsBack(const ListenEndpoint& endpoint, const std::vector<IPAddress>& server_addresses) const;
+  void ReportListenError(const ListenEndpoint& endpoint, const Error& error);
 
   void tmrStatus_Timer();
   void tmrLog_Timer();
@@ -81,7 +84,7 @@ class frmMain final {
   Program& program_;
   SessionCollection sessions_;
   SessionDependencies session_dependencies_;
-  std::unique_ptr<CSocketMaster> listener_;
+  Listeners listeners_;
   LookupId server_lookup_ = 0;
   DateTime last_greylisting_save_ = 0;  // universal
   bool loaded_ = false;                 // Form_Load is done

@@ -56,8 +56,9 @@ class cProxy final : public DeferredDeletable,
   cProxy& operator=(const cProxy&) = delete;
 
   // Takes the connection request of the listener: admission, then the connection to the server. The session
-  // is in the collection before; it may have left it when this returns.
-  void Init(std::int32_t requestID);
+  // is in the collection before; it may have left it when this returns. `tls`: the listener is one where TLS
+  // begins with the first byte.
+  void Init(std::int32_t requestID, bool tls = false);
   // Ends the session when its client completed no line for longer than Timeout and the server is not yet
   // connected, or when a send is stuck. Closes the connection of a server that has closed. Timers of the
   // session call it.

@@ -7,7 +7,7 @@
 
 namespace trabex {
 
-void cProxy::Init(std::int32_t requestID) {
+void cProxy::Init(std::int32_t requestID, bool /*tls*/) {
   TimeoutSpan = std::chrono::seconds(dependencies_.configuration.Timeout);
   try {
     Receiver.Socket().Accept(requestID);

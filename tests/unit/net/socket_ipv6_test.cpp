@@ -100,23 +100,6 @@ TEST_F(SocketIPv6Test, ASocketThatCouldNotBeBoundMakesWayForTheOtherFamily) {
   ExpectEvents(client, "Connect");
 }
 
-TEST_F(SocketIPv6Test, ListensBesideIPv4OnTheSamePort) {
-  // The port is free for both when the second one can be bound too.
-  WithFreePort([&](int port) {
-    TracedSocket ipv4(module);
-    TracedSocket ipv6(module);
-    ipv6->Bind(port, "::");
-    ipv6->Listen();
-    ipv4->Bind(port, "0.0.0.0");
-    ipv4->Listen();
-    TracedSocket caller(module);
-    client->Connect("::1", port);
-    caller->Connect("127.0.0.1", port);
-    ExpectEvents(ipv6, "ConnectionRequest");
-    ExpectEvents(ipv4, "ConnectionRequest");
-  });
-}
-
 TEST_F(SocketIPv6Test, SendsDatagrams) {
   TracedSocket receiver(module);
   receiver->SetProtocol(SocketProtocol::sckUDPProtocol);

@@ -715,38 +715,41 @@ TEST(SocketsTest, AnAddressOfAnotherFamilyIsRefused) {
 }
 
 TEST(SocketsTest, AllAddressesOfBothFamiliesShareAPort) {
-  // Whichever comes first: one of IPv6 leaves those of IPv4 alone.
-  for (const bool ipv6_first : {false, true}) {
-    SystemClock clock;
-    EventLoop loop{clock};
-    Sockets sockets{loop};
-    const IPAddress& first = ipv6_first ? kIPv6Any : kIPv4Any;
-    const IPAddress& second = ipv6_first ? kIPv4Any : kIPv6Any;
-    std::array<SocketHandle, 2> listeners;
+  // Whichever comes first: one of IPv6 leaves those of IPv4 alone. Nothing listens, so nobody can call.
+  Bench bench;
+  for (const auto& [first, second] : {std::pair{kIPv4Any, kIPv6Any}, std::pair{kIPv6Any, kIPv4Any}}) {
+    SocketHandle one;
+    SocketHandle other;
     Endpoint bound;
-    Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(first), listeners[0]));
-    Bench::Must(sockets.BindExclusively(listeners[0], {first, 0}));
-    Bench::Must(sockets.Listen(listeners[0], 0));
-    Bench::Must(sockets.LocalEndpoint(listeners[0], bound));
+    Bench::Must(bench.sockets.Open(Transport::kTcp, FamilyOf(first), one));
+    Bench::Must(bench.sockets.Bind(one, {first, 0}));
+    Bench::Must(bench.sockets.LocalEndpoint(one, bound));
     EXPECT_EQ(bound.address, first);
-    Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(second), listeners[1]));
-    Bench::Must(sockets.BindExclusively(listeners[1], {second, bound.port}));
-    Bench::Must(sockets.Listen(listeners[1], 0));
-    // A caller comes to the listener of its own family.
-    const SocketHandle& ipv6 = listeners[ipv6_first ? 0 : 1];
-    const SocketHandle& ipv4 = listeners[ipv6_first ? 1 : 0];
-    for (const auto& [caller, called, other] :
-         {std::tuple{kLoopback, ipv4, ipv6}, std::tuple{kIPv6Loopback, ipv6, ipv4}}) {
-      SocketHandle client;
-      Bench::Must(sockets.Open(Transport::kTcp, FamilyOf(caller), client));
-      const int result = sockets.Connect(client, {caller, bound.port});
-      EXPECT_TRUE(result == 0 || result == socket_error::kWouldBlock) << result;
-      SocketHandle accepted;
-      Endpoint peer;
-      RunUntil(loop, [&] { return sockets.Accept(called, accepted, &peer) == 0; });
-      EXPECT_EQ(peer.address, caller);
-      EXPECT_EQ(sockets.Accept(other, accepted), socket_error::kWouldBlock);
-    }
+    Bench::Must(bench.sockets.Open(Transport::kTcp, FamilyOf(second), other));
+    Bench::Must(bench.sockets.Bind(other, {second, bound.port}));
+  }
+}
+
+TEST(SocketsTest, ACallerComesToTheListenerOfItsFamily) {
+  Bench bench;
+  SocketHandle ipv6;
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv6, ipv6));
+  Bench::Must(bench.sockets.BindExclusively(ipv6, {kIPv6Loopback, bench.address.port}));
+  Bench::Must(bench.sockets.Listen(ipv6, 0));
+  const std::tuple<IPAddress, SocketHandle, SocketHandle> rows[] = {{kLoopback, bench.listener, ipv6},
+                                                                    {kIPv6Loopback, ipv6, bench.listener}};
+  for (const auto& row : rows) {
+    const IPAddress& address = std::get<0>(row);
+    SocketHandle client;
+    Bench::Must(bench.sockets.Open(Transport::kTcp, FamilyOf(address), client));
+    const int result = bench.sockets.Connect(client, {address, bench.address.port});
+    EXPECT_TRUE(result == 0 || result == socket_error::kWouldBlock) << result;
+    SocketHandle accepted;
+    Endpoint peer;
+    EXPECT_TRUE(
+        RunUntil(bench.loop, [&] { return bench.sockets.Accept(std::get<1>(row), accepted, &peer) == 0; }));
+    EXPECT_EQ(peer.address, address);
+    EXPECT_EQ(bench.sockets.Accept(std::get<2>(row), accepted), socket_error::kWouldBlock);
   }
 }
 

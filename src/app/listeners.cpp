@@ -1,0 +1,65 @@
+#include "app/listeners.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace trabex {
+
+namespace {
+
+// What has no address is bound anew each time, and fails each time.
+bool SameSocket(const ListenEndpoint& a, const ListenEndpoint& b) {
+  return !a.address.IsNone() && a.address == b.address && a.port == b.port;
+}
+
+}  // namespace
+
+Listeners::Listeners(modSocketMaster& module, Events events) : module_(module), events_(std::move(events)) {}
+
+std::optional<ListenFailure> Listeners::Listen(const std::vector<ListenEndpoint>& endpoints) {
+  std::erase_if(listeners_, [&](const std::unique_ptr<Listener>& listener) {
+    return std::none_of(endpoints.begin(), endpoints.end(), [&](const ListenEndpoint& endpoint) {
+      return SameSocket(endpoint, listener->endpoint);
+    });
+  });
+  for (const ListenEndpoint& endpoint : endpoints) {
+    if (Listener* const listener = Find(endpoint)) {
+      listener->endpoint = endpoint;  // it may be one of TLS now
+      continue;
+    }
+    try {
+      Open(endpoint);
+    } catch (const Error& error) {
+      listeners_.clear();
+      return ListenFailure{endpoint, error};
+    }
+  }
+  return std::nullopt;
+}
+
+void Listeners::Close() {
+  for (const auto& listener : listeners_) listener->socket.CloseSck();
+}
+
+Listeners::Listener* Listeners::Find(const ListenEndpoint& endpoint) const {
+  const auto found = std::find_if(listeners_.begin(), listeners_.end(), [&](const auto& listener) {
+    return SameSocket(endpoint, listener->endpoint);
+  });
+  return found == listeners_.end() ? nullptr : found->get();
+}
+
+void Listeners::Open(const ListenEndpoint& endpoint) {
+  auto listener = std::make_unique<Listener>(module_, endpoint);
+  CSocketMaster& socket = listener->socket;
+  socket.Events.ConnectionRequest = [this, &known = *listener](std::int32_t requestID) {
+    events_.ConnectionRequest(requestID, known.endpoint.tls);
+  };
+  socket.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
+    events_.Error(number, description);
+  };
+  socket.Bind(endpoint.port, endpoint.host);
+  socket.Listen();
+  listeners_.push_back(std::move(listener));
+}
+
+}  // namespace trabex
