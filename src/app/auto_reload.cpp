@@ -134,6 +134,7 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
 void AutoReload::Reload(IniText ini) {
   const Addresses before = InForce();
   if (!ReadAgain(std::move(ini))) return Failed();
+  program_.certificates.Follow();
   settling_ = true;
   ActOnAddresses(before);
 }

@@ -60,6 +60,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
                                                          .reopen_log = [this] { ReopenLog(); }});
   program_.log.LogLine(TitleAndVersion() + " started.");
   if (program_.configuration.Log == log_mode::kWithConfiguration) program_.DumpConfiguration();
+  program_.certificates.Follow();
   if (!WaitForListening()) return false;
   ShowAddresses();
   program_.log.SetTimer(&tmrLog);

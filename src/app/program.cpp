@@ -7,6 +7,7 @@
 #include "base/error.h"
 #include "config/configuration_dump.h"
 #include "net/CSocketMaster.h"
+#include "tls/tls_context.h"
 
 namespace trabex {
 
@@ -23,6 +24,7 @@ Program::Program(Dependencies the_dependencies)
       sockets(loop),
       names(dependencies.make_names(loop)),
       socket_module(sockets, *names, log),
+      certificates(configuration, log, dependencies.clock, loop, tls),
       greylisting(configuration.GreyListing, log, dependencies.clock, loop) {}
 
 Program::~Program() {
@@ -101,7 +103,8 @@ EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
 LoadDependencies Program::MakeLoadDependencies() {
   return {.file = ini_file,
           .context = {.program_directory = dependencies.program_directory,
-                      .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); }},
+                      .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
+                      .accepts_ciphers = TlsContext::AcceptsCiphers},
           .log = log,
           .host = *this};
 }

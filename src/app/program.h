@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "app/certificates.h"
 #include "app/greylisting.h"
 #include "app/log_file.h"
 #include "config/configuration.h"
@@ -19,6 +20,7 @@
 #include "platform/files.h"
 #include "platform/instance_lock.h"
 #include "platform/sockets.h"
+#include "proxy/tls_contexts.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -75,6 +77,8 @@ struct Program final : LoadHost {
   Sockets sockets;
   std::unique_ptr<NameLookup> names;
   modSocketMaster socket_module;
+  TlsContexts tls;
+  Certificates certificates;
   GreyListing greylisting;
   GreyListingRecords* greylisting_records = &greylisting;  // never nullptr
   std::unique_ptr<InstanceLock> instance_lock;

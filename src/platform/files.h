@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,6 +29,18 @@ std::string NativePath(std::string_view path);
 // The time of the file's last change, for comparison with an earlier one (nanoseconds since an epoch of the
 // system's).
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source);
+
+// What differs when a file has been changed, replaced, or is reached by a link that was set anew.
+struct FileIdentity {
+  std::uint64_t device = 0;
+  std::uint64_t number = 0;  // on the device
+  std::uint64_t size = 0;
+  std::int64_t stamp = 0;  // FileModificationStamp
+  friend bool operator==(const FileIdentity&, const FileIdentity&) = default;
+};
+
+// That of the file behind all links; nothing when it is not there or cannot be reached.
+std::optional<FileIdentity> FindFileIdentity(const std::string& path);
 
 // Creates the last level of `path`; false when that failed (it may exist already).
 bool CreateFolder(const std::string& path);

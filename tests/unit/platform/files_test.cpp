@@ -166,6 +166,39 @@ TEST(Files, ModificationStampFollowsTheFile) {
             "76 mTest.Files Path not found");
 }
 
+TEST(Files, IdentityTellsEveryWayToChangeAFile) {
+  const TempFolder folder;
+  const std::string path = folder / "file";
+  EXPECT_EQ(FindFileIdentity(path), std::nullopt);
+  WriteFile(path, "a");
+  std::filesystem::create_symlink("file", folder / "inner");
+  std::filesystem::create_symlink("inner", folder / "link");
+  const auto date = std::filesystem::last_write_time(path);
+  auto before = FindFileIdentity(folder / "link");
+  ASSERT_TRUE(before);
+  EXPECT_EQ(before, FindFileIdentity(path));
+  const auto changed = [&] { return std::exchange(before, FindFileIdentity(folder / "link")) != before; };
+  EXPECT_FALSE(changed());
+
+  std::filesystem::last_write_time(path, date + std::chrono::nanoseconds(1));
+  EXPECT_TRUE(changed()) << "the date";
+  WriteFile(path, "ab");
+  std::filesystem::last_write_time(path, date + std::chrono::nanoseconds(1));
+  EXPECT_TRUE(changed()) << "the size";
+  WriteFile(folder / "other", "ab");
+  std::filesystem::last_write_time(folder / "other", date + std::chrono::nanoseconds(1));
+  std::filesystem::rename(folder / "other", path);
+  EXPECT_TRUE(changed()) << "another file of the same date and size";
+  WriteFile(folder / "other", "ab");
+  std::filesystem::last_write_time(folder / "other", date + std::chrono::nanoseconds(1));
+  std::filesystem::remove(folder / "inner");
+  std::filesystem::create_symlink("other", folder / "inner");
+  EXPECT_TRUE(changed()) << "a link on the way";
+  std::filesystem::remove(folder / "other");
+  EXPECT_TRUE(changed());
+  EXPECT_EQ(before, std::nullopt);
+}
+
 TEST(Files, FolderIsCreatedInOneLevel) {
   const TempFolder folder;
   EXPECT_TRUE(CreateFolder(folder / "Log"));

@@ -57,6 +57,11 @@ std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
   return content;
 }
 
+std::int64_t ModificationStamp(const struct stat& status) {
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+}
+
 }  // namespace
 
 const char kPathSeparator = '/';
@@ -86,8 +91,16 @@ std::string NativePath(std::string_view path) {
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) RaisePathError(errno, path, source);
-  constexpr std::int64_t kNanoseconds = 1'000'000'000;
-  return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+  return ModificationStamp(status);
+}
+
+std::optional<FileIdentity> FindFileIdentity(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return FileIdentity{.device = status.st_dev,
+                      .number = status.st_ino,
+                      .size = static_cast<std::uint64_t>(status.st_size),
+                      .stamp = ModificationStamp(status)};
 }
 
 bool CreateFolder(const std::string& path) {
