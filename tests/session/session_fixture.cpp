@@ -26,6 +26,7 @@ SessionFixture::SessionFixture(Delivery delivery) : delivery_(delivery) {
 
 SessionFixture::~SessionFixture() {
   if (listener_) listener_->CloseSck();
+  if (ipv6_listener_) ipv6_listener_->CloseSck();
   // Sessions end on the loop that they live on.
   sessions_.ForEach([](cProxy& session) { session.Close(); });
   Loop.RunOnce(Milliseconds(0));
@@ -35,20 +36,27 @@ void SessionFixture::Start() {
   if (listener_) return;
   dependencies_ = std::make_unique<SessionDependencies>(
       SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Greylisting});
-  listener_ = std::make_unique<CSocketMaster>(module_);
-  listener_->Events.ConnectionRequest = [this](std::int32_t request) {
+  listener_ = ListenOn("127.0.0.1");
+  Connect(kIPv4Loopback);
+}
+
+std::unique_ptr<CSocketMaster> SessionFixture::ListenOn(const std::string& address) {
+  auto listener = std::make_unique<CSocketMaster>(module_);
+  listener->Events.ConnectionRequest = [this](std::int32_t request) {
     sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request);
   };
-  listener_->Bind(0, "127.0.0.1");
-  listener_->Listen();
-  Connect(kIPv4Loopback);
+  listener->Bind(0, address);
+  listener->Listen();
+  return listener;
 }
 
 void SessionFixture::Connect(const IPAddress& from) {
   earlier_.push_back(std::move(server_));
   earlier_.push_back(std::move(client_));
   server_ = TestPeer();
-  client_ = TestPeer::Connect(Port(), from);
+  if (from.IsIPv6() && !ipv6_listener_) ipv6_listener_ = ListenOn("::1");
+  const CSocketMaster& listener = from.IsIPv6() ? *ipv6_listener_ : *listener_;
+  client_ = TestPeer::Connect(static_cast<std::uint16_t>(listener.LocalPort()), from);
 }
 
 void SessionFixture::Poll() {

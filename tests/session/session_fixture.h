@@ -69,6 +69,7 @@ class SessionFixture {
   void Shutdown();
 
  private:
+  std::unique_ptr<CSocketMaster> ListenOn(const std::string& address);
   void Connect(const IPAddress& from);
   void Poll();
   void PollAttended();
@@ -91,6 +92,7 @@ class SessionFixture {
   SessionCollection sessions_;
   std::unique_ptr<SessionDependencies> dependencies_;
   std::unique_ptr<CSocketMaster> listener_;
+  std::unique_ptr<CSocketMaster> ipv6_listener_;  // from the first client of IPv6 on
   TestListener server_listener_;
   TestPeer client_;
   TestPeer server_;

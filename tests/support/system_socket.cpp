@@ -21,20 +21,48 @@ namespace {
 
 constexpr int kFlags = SOCK_NONBLOCK | SOCK_CLOEXEC;
 
-sockaddr_in AddressOf(const Endpoint& endpoint) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_addr.s_addr = htonl(endpoint.address.Number());
-  result.sin_port = htons(endpoint.port);
+// An address as the system has it, of either family.
+struct SystemAddress {
+  union {
+    sockaddr plain;
+    sockaddr_in ipv4;
+    sockaddr_in6 ipv6;
+  };
+  socklen_t length;
+};
+
+// Room for an address of the system's.
+SystemAddress NoAddress() {
+  SystemAddress result{};
+  result.ipv6 = {};
+  result.length = sizeof result.ipv6;
   return result;
 }
 
-Endpoint EndpointOf(const sockaddr_in& address) {
-  return {IPAddress::IPv4(ntohl(address.sin_addr.s_addr)), ntohs(address.sin_port)};
+SystemAddress AddressOf(const Endpoint& endpoint) {
+  SystemAddress result = NoAddress();
+  if (endpoint.address.IsIPv6()) {
+    result.ipv6.sin6_family = AF_INET6;
+    std::copy(endpoint.address.Bytes().begin(), endpoint.address.Bytes().end(),
+              result.ipv6.sin6_addr.s6_addr);
+    result.ipv6.sin6_port = htons(endpoint.port);
+  } else {
+    result.ipv4 = {};
+    result.ipv4.sin_family = AF_INET;
+    result.ipv4.sin_addr.s_addr = htonl(endpoint.address.Number());
+    result.ipv4.sin_port = htons(endpoint.port);
+    result.length = sizeof result.ipv4;
+  }
+  return result;
 }
 
-const sockaddr* Plain(const sockaddr_in& address) {
-  return reinterpret_cast<const sockaddr*>(&address);
+Endpoint EndpointOf(const SystemAddress& address) {
+  if (address.plain.sa_family != AF_INET6) {
+    return {IPAddress::IPv4(ntohl(address.ipv4.sin_addr.s_addr)), ntohs(address.ipv4.sin_port)};
+  }
+  IPAddress::IPv6Bytes bytes{};
+  std::copy_n(address.ipv6.sin6_addr.s6_addr, bytes.size(), bytes.begin());
+  return {IPAddress::IPv6(bytes), ntohs(address.ipv6.sin6_port)};
 }
 
 std::size_t Asked(int descriptor, unsigned long question) {
@@ -51,8 +79,9 @@ bool Await(int descriptor, short events, std::chrono::milliseconds limit, short&
 
 }  // namespace
 
-SystemSocket::SystemSocket(Transport transport)
-    : descriptor_(socket(AF_INET, (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | kFlags, 0)) {
+SystemSocket::SystemSocket(Transport transport, AddressFamily family)
+    : descriptor_(socket(family == AddressFamily::kIPv6 ? AF_INET6 : AF_INET,
+                         (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | kFlags, 0)) {
   if (descriptor_ < 0) throw std::runtime_error("no socket for the test");
 }
 
@@ -85,8 +114,8 @@ void SystemSocket::ChoosePortAtConnect() {
 }
 
 bool SystemSocket::Bind(const Endpoint& local) {
-  const sockaddr_in address = AddressOf(local);
-  return bind(descriptor_, Plain(address), sizeof address) == 0;
+  const SystemAddress address = AddressOf(local);
+  return bind(descriptor_, &address.plain, address.length) == 0;
 }
 
 bool SystemSocket::Listen(int backlog) {
@@ -104,8 +133,8 @@ void SystemSocket::LimitReceiveBuffer(int bytes) {
 }
 
 bool SystemSocket::Connect(const Endpoint& remote) {
-  const sockaddr_in address = AddressOf(remote);
-  return connect(descriptor_, Plain(address), sizeof address) == 0 || errno == EINPROGRESS;
+  const SystemAddress address = AddressOf(remote);
+  return connect(descriptor_, &address.plain, address.length) == 0 || errno == EINPROGRESS;
 }
 
 bool SystemSocket::Connected(std::chrono::milliseconds limit) {
@@ -134,10 +163,9 @@ std::size_t SystemSocket::Send(std::string_view bytes) {
 }
 
 bool SystemSocket::ReceiveFrom(std::span<char> buffer, std::size_t& received, Endpoint& from) {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
+  SystemAddress address = NoAddress();
   const ssize_t count =
-      recvfrom(descriptor_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&address), &length);
+      recvfrom(descriptor_, buffer.data(), buffer.size(), 0, &address.plain, &address.length);
   if (count < 0) return false;
   received = static_cast<std::size_t>(count);
   from = EndpointOf(address);
@@ -145,8 +173,8 @@ bool SystemSocket::ReceiveFrom(std::span<char> buffer, std::size_t& received, En
 }
 
 void SystemSocket::SendTo(std::string_view bytes, const Endpoint& to) {
-  const sockaddr_in address = AddressOf(to);
-  sendto(descriptor_, bytes.data(), bytes.size(), 0, Plain(address), sizeof address);
+  const SystemAddress address = AddressOf(to);
+  sendto(descriptor_, bytes.data(), bytes.size(), 0, &address.plain, address.length);
 }
 
 std::size_t SystemSocket::Untaken() const {
@@ -158,16 +186,14 @@ std::size_t SystemSocket::Undelivered() const {
 }
 
 Endpoint SystemSocket::Local() const {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  getsockname(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+  SystemAddress address = NoAddress();
+  getsockname(descriptor_, &address.plain, &address.length);
   return EndpointOf(address);
 }
 
 Endpoint SystemSocket::Remote() const {
-  sockaddr_in address{};
-  socklen_t length = sizeof address;
-  getpeername(descriptor_, reinterpret_cast<sockaddr*>(&address), &length);
+  SystemAddress address = NoAddress();
+  getpeername(descriptor_, &address.plain, &address.length);
   return EndpointOf(address);
 }
 

@@ -18,7 +18,7 @@ class SystemSocket {
  public:
   // None.
   SystemSocket() = default;
-  explicit SystemSocket(Transport transport);
+  explicit SystemSocket(Transport transport, AddressFamily family = AddressFamily::kIPv4);
   ~SystemSocket();
   SystemSocket(SystemSocket&& other) noexcept;
   SystemSocket& operator=(SystemSocket&& other) noexcept;

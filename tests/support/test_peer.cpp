@@ -9,11 +9,12 @@
 namespace trabex {
 
 TestPeer TestPeer::Connect(std::uint16_t port, const IPAddress& from) {
-  SystemSocket socket(Transport::kTcp);
+  SystemSocket socket(Transport::kTcp, from.IsIPv6() ? AddressFamily::kIPv6 : AddressFamily::kIPv4);
+  const IPAddress loopback = from.IsIPv6() ? ParseIPAddress("::1").value() : kIPv4Loopback;
   // Otherwise the bind would reserve a port for this socket, and many tests connect often.
   socket.ChoosePortAtConnect();
   if (!socket.Bind({from, 0})) throw std::runtime_error("test cannot bind");
-  if (!socket.Connect({kIPv4Loopback, port}) || !socket.Connected(std::chrono::seconds(5))) {
+  if (!socket.Connect({loopback, port}) || !socket.Connected(std::chrono::seconds(5))) {
     throw std::runtime_error("test cannot connect");
   }
   return TestPeer(std::move(socket));

@@ -19,7 +19,7 @@ class TestPeer {
   TestPeer() = default;
   explicit TestPeer(SystemSocket socket) : socket_(std::move(socket)) {}
 
-  // Connects to 127.0.0.1:`port` from `from`; connected when this returns.
+  // Connects to `port` of 127.0.0.1, from an IPv6 address to that of ::1, from `from`; connected when this returns.
   static TestPeer Connect(std::uint16_t port, const IPAddress& from = kIPv4Loopback);
 
   bool Open() const { return socket_.IsOpen(); }
