@@ -101,7 +101,7 @@ class SettingReader {
         break;
       case SettingKind::kRangeList:
         Field<IPRangeList>(setting) =
-            mCommon::GetIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
+            mCommon::GetIPRangeList(errors_, setting.key, Section(setting), DefaultRanges(setting));
         break;
       case SettingKind::kPartialRangeList:
         Field<IPRangeList>(setting) =
@@ -200,6 +200,15 @@ class SettingReader {
     return RoundedDown(mCommon::GetSize(errors_, Section(setting), setting.key,
                                         DefaultNumber(setting) * kFixedPointOne, setting.min * kFixedPointOne,
                                         setting.max * kFixedPointOne));
+  }
+
+  // Clients of IPv6 come only where there is a listener for them, or a balancer that may name them.
+  std::string_view DefaultRanges(const Setting& setting) const {
+    const std::vector<IPAddress>& bound = configuration_.BindAddresses;
+    const bool uses_ipv6 =
+        configuration_.ProxyProtocolFrom.Count() > 0 ||
+        std::any_of(bound.begin(), bound.end(), [](const IPAddress& address) { return address.IsIPv6(); });
+    return uses_ipv6 && !setting.default_with_ipv6.empty() ? setting.default_with_ipv6 : setting.default_text;
   }
 
   void ReadList(const Setting& setting, const mCommon::ListForm& form) {

@@ -46,6 +46,11 @@ constexpr Setting Later(Setting setting) {
   return setting;
 }
 
+constexpr Setting WithIPv6(std::string_view default_text, Setting setting) {
+  setting.default_with_ipv6 = default_text;
+  return setting;
+}
+
 constexpr auto kTlsVersions = std::to_array<std::string_view>({"1.0", "1.1", "1.2", "1.3"});
 constexpr Setting OneOf(std::span<const std::string_view> choices, Setting setting) {
   setting.choices = choices;
@@ -67,12 +72,13 @@ constexpr auto kSettings = std::to_array<Setting>({
     Later(Common(530, "SendClientIP", kInteger, &C::SendClientIP, "0", 0, 3)),
     Common(100, "ServerPort", kInteger, &C::ServerPort, "25", 1, 65535),
     Common(90, "ServerIP", kText, &C::ServerIP, "127.0.0.1"),
-    Common(110, "LocalIPs", kRangeList, &C::LocalIPs,
-           "127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,169.254.0.0/16"),
+    WithIPv6("127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,169.254.0.0/16,::1,fc00::/7",
+             Common(110, "LocalIPs", kRangeList, &C::LocalIPs,
+                    "127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,169.254.0.0/16")),
     Common(120, "LocalDomains", kPlainList, &C::LocalDomains),
     Common(130, "LocalHostName", kHostName, &C::LocalHostName),
     Common(200, "IPBlackList", kRangeList, &C::IPBlackList),
-    Common(190, "IPAllowList", kRangeList, &C::IPAllowList, "0.0.0.0/0"),
+    WithIPv6("0.0.0.0/0,::/0", Common(190, "IPAllowList", kRangeList, &C::IPAllowList, "0.0.0.0/0")),
     Common(180, "IPWhiteList", kRangeList, &C::IPWhiteList),
     Common(370, "SendersBlackList", kAddressList, &C::SendersBlackList),
     Common(350, "SendersWhiteList", kAddressList, &C::SendersWhiteList),

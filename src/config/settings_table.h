@@ -64,6 +64,8 @@ struct Setting {
   // Whether the dump shows it while it has its default. A setting that came later does not, so that the dump
   // of a file without it stays what it was. The default of such a list is empty.
   bool shown_at_default = true;
+  // Of kRangeList: the default while IPv6 is in use; empty when that makes no difference.
+  std::string_view default_with_ipv6 = {};
   // The texts of kChoice.
   std::span<const std::string_view> choices = {};
 };

@@ -127,12 +127,16 @@ TEST(LogConfiguration, ShowsLaterSettingsOnlyWhenTheyDifferFromTheirDefault) {
               {"GreyListing", "MaxPending", "500000", "100", "CallbackSenderAction = 1"},
               {"GreyListing", "MaxPendingPerNetwork", "20000", "2147483647", "CallbackSenderAction = 1"},
               {"GreyListing", "IPv6Prefix", "64", "56", "CallbackSenderAction = 1"}};
+  // Written out, since a balancer gives them another default.
+  const std::string lists =
+      "[Common]\nIPAllowList=0.0.0.0/0\n"
+      "LocalIPs=127.0.0.0/8,10.0.0.0/8,172.16.0.0/12,192.168.0.0/16,169.254.0.0/16\n";
   const Lines without = DumpLines(LoadedText("", false).configuration);
   for (const auto& row : rows) {
     SCOPED_TRACE(row.key);
     const auto dump_with = [&](const char* value) {
       return DumpLines(
-          LoadedText("[" + std::string(row.section) + "]\n" + row.key + "=" + value + "\n", false)
+          LoadedText(lists + "[" + std::string(row.section) + "]\n" + row.key + "=" + value + "\n", false)
               .configuration);
     };
     EXPECT_EQ(dump_with(row.default_value), without);

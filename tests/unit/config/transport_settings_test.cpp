@@ -136,6 +136,44 @@ TEST(ProxyProtocolFrom, HoldsNeverAllAddresses) {
   }
 }
 
+// Without these defaults a listener for IPv6 would turn away every client, and take its own machine for a stranger.
+TEST(DefaultLists, HoldIPv6WhereItIsUsed) {
+  const struct {
+    const char* lines;
+    bool uses_ipv6;
+  } rows[] = {{"", false},
+              {"BindIP=0.0.0.0,192.0.2.1\n", false},
+              {"BindIP=::ffff:192.0.2.1\n", false},  // IPv4 in another spelling
+              {"BindIP=::\n", true},
+              {"BindIP=192.0.2.1,::1\n", true},
+              {"ProxyProtocolFrom=\n", false},
+              {"ProxyProtocolFrom=192.0.2.0/24\n", true}};
+  const std::string local = "127.0.0.0/8, 10.0.0.0/8, 172.16.0.0/12, 192.168.0.0/16, 169.254.0.0/16";
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    const std::string file = "[Common]\n" + std::string(row.lines);
+    const auto dumped = [](const Configuration& configuration, const char* key) {
+      return DumpedValue(configuration, "Common", key);
+    };
+    const LoadedText loaded(file, false);
+    EXPECT_TRUE(loaded.result);
+    EXPECT_EQ(dumped(loaded.configuration, "IPAllowList"), row.uses_ipv6 ? "0.0.0.0/0, ::/0" : "0.0.0.0/0");
+    EXPECT_EQ(dumped(loaded.configuration, "LocalIPs"), row.uses_ipv6 ? local + ", ::1, fc00::/7" : local);
+    // What is written holds, whatever is in use.
+    const LoadedText written(file + "LocalIPs=127.0.0.0/8\nIPAllowList=0.0.0.0/0\n", false);
+    EXPECT_EQ(dumped(written.configuration, "IPAllowList"), "0.0.0.0/0");
+    EXPECT_EQ(dumped(written.configuration, "LocalIPs"), "127.0.0.0/8");
+    // Other lists have no second default.
+    EXPECT_EQ(dumped(loaded.configuration, "IPWhiteList"), "");
+  }
+}
+
+TEST(DefaultLists, FollowAReload) {
+  LoadedText loaded("[Common]\nBindIP=::\n", false);
+  loaded.Load("");
+  EXPECT_EQ(DumpedValue(loaded.configuration, "Common", "IPAllowList"), "0.0.0.0/0");
+}
+
 TEST(Certificate, NamesOneFileOrTwo) {
   const struct {
     const char* line;

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <utility>
 
 #include "base/error.h"
 #include "platform/file_replace.h"
