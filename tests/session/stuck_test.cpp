@@ -49,18 +49,16 @@ class StuckSession {
 
   // The server sends replies inside a chunk, and the client reads none, until some wait for it.
   void HoldClientInChunk() {
-    ASSERT_EQ(fixture.Play(InTransaction() + "C: BDAT 1000000000\n-> BDAT *\nC+ x\n-> Received: *"), "");
-    client = std::move(fixture.ClientPeer());
-    client.HoldLittle();
-    std::string said;
-    while (said.size() < 30000) said.append("250 ").append(std::string(500, 'w')).append("\r\n");
-    std::size_t all = 0;
-    for (std::size_t lines = 0; lines != fixture.LogLines().size() && all < kMost_bytes; all += said.size()) {
-      lines = fixture.LogLines().size();
-      ASSERT_EQ(fixture.ServerPeer().Send(said), said.size());
-      fixture.Settle();
-    }
-    ASSERT_LT(all, kMost_bytes);
+    ASSERT_EQ(fixture.Play(InChunk()), "");
+    HoldClientWithReplies(fixture.ServerPeer());
+  }
+  // The same, and before that the server reads nothing of the chunk, until some waits for it.
+  void HoldBothInChunk() {
+    ASSERT_EQ(fixture.Play(InChunk()), "");
+    server = std::move(fixture.ServerPeer());
+    server.HoldLittle();
+    SendUntilHeld(fixture.ClientPeer(), std::string(1000, 'x'));
+    HoldClientWithReplies(server);
   }
 
   // The server reads no content, until some waits for it.
@@ -135,6 +133,22 @@ class StuckSession {
   std::string replies;  // to the commands sent
 
  private:
+  static std::string InChunk() {
+    return InTransaction() + "C: BDAT 1000000000\n-> BDAT *\nC+ x\n-> Received: *";
+  }
+  void HoldClientWithReplies(TestPeer& from) {
+    client = std::move(fixture.ClientPeer());
+    client.HoldLittle();
+    std::string said;
+    while (said.size() < 30000) said.append("250 ").append(std::string(500, 'w')).append("\r\n");
+    std::size_t all = 0;
+    for (std::size_t lines = 0; lines != fixture.LogLines().size() && all < kMost_bytes; all += said.size()) {
+      lines = fixture.LogLines().size();
+      ASSERT_EQ(from.Send(said), said.size());
+      fixture.Settle();
+    }
+    ASSERT_LT(all, kMost_bytes);
+  }
   // Sends `text` again and again until nothing moves any more; returns how many bytes went.
   std::size_t SendUntilHeld(TestPeer& peer, std::string_view text) {
     std::size_t sent = 0;
@@ -239,6 +253,21 @@ TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirst) {
     <- 452 disk fu
     closed C)"),
             "");
+}
+
+// What it says waits for a client that reads too slowly for it.
+TEST(Stuck, LastWordsOfAServerThatDoesNotReadComeFirstToASlowClientToo) {
+  StuckSession stuck;
+  stuck.HoldBothInChunk();
+  stuck.server.Send("421 time is up\r\n");
+  stuck.Pass(200);
+  stuck.ReadVisibly(stuck.client);
+  for (const std::string& line : stuck.fixture.LogLines())
+    ASSERT_EQ(line.find("time is up"), std::string::npos);
+  for (int seconds = 0; seconds < 250 && !stuck.ServerIsLetGo(); ++seconds) stuck.Pass(1);
+  ASSERT_FALSE(stuck.Ended());
+  EXPECT_TRUE(
+      stuck.ReadToEnd().ends_with("w\r\n421 time is up\r\n421 proxy.test is temporarily unavailable.\r\n"));
 }
 
 TEST(Stuck, ASessionInWhichNothingWaitsMayBeIdle) {

@@ -249,7 +249,7 @@ std::vector<std::string> TestDialogue::Outcome(Step step) {
 }
 
 std::vector<std::string> TestDialogue::OutcomeOfLine(std::string_view line) {
-  if (state.phase == Phase::kReply) state.phase = Phase::kCommand;
+  if (state.phase == Phase::kReply) OutcomeOfReply("550 no\r\n");
   if (ExpectedBytes(state.phase) != ClientBytes::kLine) return {"no line is expected"};
   return Outcome([&](Dialogue& dialogue) { dialogue.OnClientBytes(line, *this); });
 }
