@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <charconv>
+
 #include "base/text.h"
 #include "match/ip_range.h"
 #include "script/escapes.h"
@@ -11,12 +13,81 @@ namespace trabex {
 
 namespace {
 
+// --- the same dialogue with a client of IPv6
+
+constexpr std::string_view kClient = "127.0.0.1";
+constexpr std::string_view kClientOnIPv6 = "::1";
+
+bool HasOtherClients(std::string_view text) {
+  for (std::size_t at = 0; (at = text.find("127.0.0.", at)) != std::string_view::npos; ++at) {
+    if (!text.substr(at).starts_with(kClient)) return true;
+  }
+  return text.find(kClientOnIPv6) != std::string_view::npos;
+}
+
+void Replace(std::string& text, std::string_view from, std::string_view to) {
+  for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    text.replace(at, from.size(), to);
+  }
+}
+
+// The number behind the first "BDAT " of `line`; 0 when there is none.
+int ChunkSize(std::string_view line) {
+  constexpr std::string_view kCommand = "BDAT ";
+  const std::size_t at = line.find(kCommand);
+  int size = 0;
+  if (at != std::string_view::npos) {
+    std::from_chars(line.data() + at + kCommand.size(), line.data() + line.size(), size);
+  }
+  return size;
+}
+
+// The script with the client's address as it is written where it stands. The lines of the log of the server's
+// side have that of the server.
+std::string OnIPv6(std::string_view text) {
+  std::string all;
+  int sent = 0;
+  for (const std::string_view line : Split(text, '\n')) {
+    std::string changed(line);
+    if (line.find("log S:") == std::string_view::npos) {
+      Replace(changed, "[      127.0.0.1]", "[            ::1]");
+      Replace(changed, "[127.0.0.1]) by", "[IPv6:::1]) by");
+      Replace(changed, "HELO [127.0.0.1]", "HELO [IPv6:::1]");
+      Replace(changed, "EHLO [127.0.0.1]", "EHLO [IPv6:::1]");
+      Replace(changed, kClient, kClientOnIPv6);
+    }
+    // A chunk that is passed on with more octets than it came with has the Received line before it, where the
+    // client's address is a character shorter.
+    const int size = ChunkSize(line);
+    if (line.find("->") == std::string_view::npos) {
+      if (size != 0) sent = size;
+    } else if (size > sent) {
+      Replace(changed, std::to_string(size), std::to_string(size - 1));
+    }
+    all.append(changed).append("\n");
+  }
+  return all;
+}
+
+// What the settings and the names say of the client's address, they say of its address of IPv6.
+void MeanIPv6(SessionFixture& fixture) {
+  Configuration& c = fixture.Settings;
+  for (IPRangeList* const list : {&c.LocalIPs, &c.IPBlackList, &c.IPAllowList, &c.IPWhiteList}) {
+    if (!list->Contains(kIPv4Loopback)) continue;
+    std::vector<IPRange> ranges = list->Ranges();
+    ranges.push_back({kIPv6Loopback, kIPv6Loopback});
+    *list = IPRangeList(ranges);
+  }
+  fixture.Names.MeanIPv6();
+}
+
 // The bound of every wait; nothing here takes a thousandth of it.
 constexpr std::chrono::seconds kBound{10};
 
 }  // namespace
 
-SessionFixture::SessionFixture(Delivery delivery) : delivery_(delivery) {
+SessionFixture::SessionFixture(Delivery delivery, AddressFamily clients)
+    : delivery_(delivery), clients_(clients) {
   Settings.BindIP = "127.0.0.1";
   Settings.ServerPort = server_listener_.Port();
   Settings.LocalHostName = "proxy.test";
@@ -37,7 +108,11 @@ void SessionFixture::Start() {
   dependencies_ = std::make_unique<SessionDependencies>(
       SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Greylisting});
   listener_ = ListenOn("127.0.0.1");
-  Connect(kIPv4Loopback);
+  Connect(Loopback());
+}
+
+const IPAddress& SessionFixture::Loopback() const {
+  return clients_ == AddressFamily::kIPv6 ? kIPv6Loopback : kIPv4Loopback;
 }
 
 std::unique_ptr<CSocketMaster> SessionFixture::ListenOn(const std::string& address) {
@@ -191,7 +266,7 @@ bool SessionFixture::PlayStep(const script::Step& step) {
     case StepKind::kClosed:
       return ExpectClosed(step.side);
     case StepKind::kConnect:
-      return Connect(step.bytes.empty() ? kIPv4Loopback : mCommon::CLngIP(step.bytes)), true;
+      return Connect(step.bytes.empty() ? Loopback() : mCommon::CLngIP(step.bytes)), true;
     case StepKind::kAccept:
       return true;
     case StepKind::kWait:
@@ -303,6 +378,11 @@ void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::st
     const std::string failure = fixture.Play(text);
     EXPECT_EQ(failure, "") << (delivery == Delivery::kWhole ? "as written" : "byte by byte");
   }
+  if (HasOtherClients(text)) return;
+  SessionFixture fixture(Delivery::kWhole, AddressFamily::kIPv6);
+  if (configure) configure(fixture);
+  MeanIPv6(fixture);
+  EXPECT_EQ(fixture.Play(OnIPv6(text)), "") << "on IPv6";
 }
 
 void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text) {

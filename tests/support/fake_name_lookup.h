@@ -41,6 +41,9 @@ class FakeNameLookup final : public NameLookup {
   void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
   void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
 
+  // From now on what is set for 127.0.0.1 holds for ::1 too, and every name that has addresses of IPv4 has one of
+  // IPv6 for each of them: ::1 for 127.0.0.1, 64:ff9b::a.b.c.d (RFC 6052) for others.
+  void MeanIPv6() { mean_ipv6_ = true; }
   // From now on no answer comes before Deliver.
   void HoldAnswers() { held_ = true; }
   // Gives every waiting answer now, in the order of asking; those asked for meanwhile wait for the next time.
@@ -76,7 +79,7 @@ class FakeNameLookup final : public NameLookup {
                          std::function<void(const AddressAnswer&)> answer) override {
     asked_names_.emplace_back(name);
     return Ask([this, name = std::string(name), family, answer = std::move(answer)] {
-      answer(Wanted(AddressesOf(name), family));
+      answer(Wanted(WithIPv6(AddressesOf(name)), family));
     });
   }
   LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
@@ -90,7 +93,7 @@ class FakeNameLookup final : public NameLookup {
     ++confirmed_requests_;
     return Ask([this, address, answer = std::move(answer)] {
       NameAnswer found = NameOf(address);
-      const auto addresses = AddressesOf(found.name).addresses;
+      const auto addresses = WithIPv6(AddressesOf(found.name)).addresses;
       found.confirmed = std::find(addresses.begin(), addresses.end(), address) != addresses.end();
       answer(found);
     });
@@ -143,8 +146,18 @@ class FakeNameLookup final : public NameLookup {
     if (answer.addresses.empty()) answer.error = 11004;
     return answer;
   }
+  AddressAnswer WithIPv6(AddressAnswer answer) const {
+    if (!mean_ipv6_) return answer;
+    for (const IPAddress& address : std::vector(answer.addresses)) {
+      if (!address.IsIPv4()) continue;
+      IPAddress::IPv6Bytes bytes{0x00, 0x64, 0xFF, 0x9B};
+      std::copy(address.Bytes().begin(), address.Bytes().end(), bytes.end() - 4);
+      answer.addresses.push_back(address == kIPv4Loopback ? kIPv6Loopback : IPAddress::IPv6(bytes));
+    }
+    return answer;
+  }
   NameAnswer NameOf(const IPAddress& address) {
-    const auto set = names_.find(address);
+    const auto set = names_.find(mean_ipv6_ && address == kIPv6Loopback ? kIPv4Loopback : address);
     return set == names_.end() ? NameAnswer{11001, {}} : set->second;
   }
 
@@ -154,6 +167,7 @@ class FakeNameLookup final : public NameLookup {
   std::map<std::string, IPAddress> known_;
   NameAnswer local_{0, "proxy.test"};
   bool held_ = false;
+  bool mean_ipv6_ = false;
   LookupId last_id_ = 0;
   std::shared_ptr<Waiting_> waiting_ = std::make_shared<Waiting_>();  // posts outlive this object
   std::size_t cancelled_ = 0;
