@@ -1,9 +1,9 @@
 // A session's dialogue without its sockets, for the tests of what decides in it: scripts (script/README.md)
 // run through it step by step, and a test may look at its state, and set it, in between.
 //
-// Everything that the dialogue does must be in the script, in its order. Where the reply to a line is left out and
-// another line comes, the server has refused the former; the lines of a reply count when its last one has
-// come. Of what only a session does there is "wait 500" and "closed C" where it is to end after that pause.
+// Everything that the dialogue does must be in the script, in its order. Where the reply to a line
+// is left out and another line comes, the server has refused the former; the lines of a reply count when its last one has come. Of what only a
+// session does there is "wait 500" and "closed C" where it is to end after that pause.
 #pragma once
 
 #include <gtest/gtest.h>
