@@ -85,13 +85,8 @@ void LingeringSockets::OnSocketEvent(SocketHandle socket, SocketEvent event, int
   if (found == holders_.end() || found->second.socket != socket) return;
   Holder& holder = found->second;
   bool usable = error == 0;
-  const Stream& stream = StreamOf(holder);
-  const bool read =
-      event == SocketEvent::kRead || (event == SocketEvent::kWrite && stream.ReadWaitsForWrite());
-  const bool write =
-      event == SocketEvent::kWrite || (event == SocketEvent::kRead && stream.WriteWaitsForRead());
-  if (usable && write) usable = Flush(holder);
-  if (usable && read) usable = Drop(holder);
+  if (usable && event == SocketEvent::kWrite) usable = Flush(holder);
+  if (usable && event == SocketEvent::kRead) usable = Drop(holder);
   if (event == SocketEvent::kClose) holder.peer_ended = true;
   Proceed(holder, usable);
 }

@@ -21,6 +21,7 @@ void CSocketMaster::LogHandlerError(const char* event) {
 }
 
 void CSocketMaster::ReportError(int number, const char* source) {
+  if (Handshaking()) cold_->handshake.reset();
   state_ = SocketState::sckError;
   std::string description = GetStream().ErrorText(number);
   const std::string source_text(source);
@@ -97,26 +98,22 @@ void CSocketMaster::OnNotification(SocketEvent event, int error) {
 void CSocketMaster::OnRead() {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return OnDatagram();
   if (Handshaking()) return ReadyForHandshake();
-  if (stream_ && stream_->WriteWaitsForRead()) FlushPending();
   if (state_ == SocketState::sckConnected) Raise(Events.DataArrival, "DataArrival");
 }
 
 void CSocketMaster::OnWrite() {
   if (Handshaking()) return ReadyForHandshake();
   FlushPending();
-  if (stream_ && stream_->ReadWaitsForWrite() && state_ == SocketState::sckConnected) {
-    Raise(Events.DataArrival, "DataArrival");
-  }
 }
 
 void CSocketMaster::OnClose(int error) {
-  const bool input_left = stream_ && (stream_->HoldsInput() || stream_->ReadWaitsForWrite());
-  if (input_left && state_ == SocketState::sckConnected) {
+  if (stream_ && stream_->HoldsInput() && state_ == SocketState::sckConnected) {
     HoldClose(error);
     return FollowUp();
   }
   if (error != 0) return ReportError(error, kNotificationSource);
   if (state_ != SocketState::sckConnected) return;
+  if (Handshaking()) cold_->handshake.reset();
   state_ = SocketState::sckClosing;
   Raise(Events.CloseSck, "CloseSck");
 }

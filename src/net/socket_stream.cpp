@@ -33,13 +33,11 @@ void CSocketMaster::StartTls(TlsRole role, std::shared_ptr<const TlsContext> con
   module_.received_->Discard(receive_);
   stream_ = std::make_unique<TlsSocketStream>(module_.sockets_, std::move(context), std::move(send_),
                                               std::move(early));
+  ColdState& cold = GetColdState();
   if (error != 0) return ReportError(error, kSource);
-  GetColdState().handshake = std::make_unique<HandshakeQueue::Place>(
+  cold.handshake = std::make_unique<HandshakeQueue::Place>(
       module_.handshakes_, role == TlsRole::kServer, [this] { OnHandshakeStep(); },
-      [this] {
-        cold_->handshake.reset();
-        ReportError(tls_error::kTooManyHandshakes, "CSocketMaster.StartTls");
-      });
+      [this] { ReportError(tls_error::kTooManyHandshakes, "CSocketMaster.StartTls"); });
   // Also to hear what has come already: it was announced before, perhaps, and is not again.
   ReadyForHandshake();
 }
@@ -70,12 +68,12 @@ void CSocketMaster::DropStream() {
 }
 
 void CSocketMaster::HoldClose(int error) {
-  GetColdState().held_close = error;
+  // An error found later counts; an end found later does not hide one.
+  std::optional<int>& held = GetColdState().held_close;
+  if (!held || error != 0) held = error;
 }
 
 void CSocketMaster::FollowUp() {
-  // What waits for FD_WRITE goes on there.
-  if (stream_->ReadWaitsForWrite()) return;
   if (!stream_->HoldsInput() && !(cold_ && cold_->held_close)) return;
   ColdState& cold = GetColdState();
   if (cold.follow_up) return;

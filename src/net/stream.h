@@ -34,10 +34,6 @@ class Stream {
   // Whether Read may give more although the socket announces nothing: the stream has received more than it
   // has given, and did not find the socket empty since.
   virtual bool HoldsInput() const { return false; }
-  // The last 10035 of a Read was because something must be sent first: it may go on at FD_WRITE.
-  virtual bool ReadWaitsForWrite() const { return false; }
-  // The last 10035 of a Write was because something must be received first: it may go on at FD_READ.
-  virtual bool WriteWaitsForRead() const { return false; }
 
   // A stream may begin with a handshake. Until it is done Read and Write give 10035 and touch nothing.
   virtual bool Established() const { return true; }

@@ -103,7 +103,6 @@ int TlsSocketStream::Read(SocketHandle socket, std::span<char> space, std::size_
   if (!established_) return socket_error::kWouldBlock;
   Transport transport(*this, socket);
   const TlsResult result = tls_->Read(transport, space, received);
-  read_waits_for_write_ = result == TlsResult::kWantsWrite;
   return ErrorOf(result);
 }
 
@@ -112,7 +111,6 @@ int TlsSocketStream::Write(SocketHandle socket, std::string_view data, std::size
   if (!established_) return socket_error::kWouldBlock;
   Transport transport(*this, socket, more_follows);
   const TlsResult result = tls_->Write(transport, data, sent);
-  write_waits_for_read_ = result == TlsResult::kWantsRead;
   // Less than all counts as 10035 for the rest.
   return sent > 0 && result != TlsResult::kFailed ? 0 : ErrorOf(result);
 }
@@ -133,7 +131,7 @@ std::size_t TlsSocketStream::Pending(SocketHandle socket) {
 }
 
 bool TlsSocketStream::HoldsInput() const {
-  return established_ && !tls_->Drained() && !read_waits_for_write_;
+  return established_ && !tls_->Drained();
 }
 
 }  // namespace trabex

@@ -27,8 +27,6 @@ class TlsSocketStream final : public Stream {
   int ShutDownWrite(SocketHandle socket) override;
   std::size_t Pending(SocketHandle socket) override;
   bool HoldsInput() const override;
-  bool ReadWaitsForWrite() const override { return read_waits_for_write_; }
-  bool WriteWaitsForRead() const override { return write_waits_for_read_; }
   bool Established() const override { return established_; }
   int Establish(SocketHandle socket) override;
   const TlsFacts* Facts() const override { return established_ ? &tls_->Facts() : nullptr; }
@@ -47,8 +45,6 @@ class TlsSocketStream final : public Stream {
   std::string early_;
   std::optional<TlsStream> tls_;
   bool established_ = false;
-  bool read_waits_for_write_ = false;
-  bool write_waits_for_read_ = false;
 };
 
 }  // namespace trabex

@@ -28,8 +28,11 @@ void OpenSslRelease::operator()(x509_store_st* store) const {
 }
 
 std::string TakeOpenSslError() {
-  // The first is the cause; what follows is where it led.
-  const char* const reason = ERR_reason_error_string(ERR_get_error());
+  // The first is the cause; what follows is where it led. But what the TLS part says tells more than what its
+  // tools say.
+  unsigned long error = ERR_peek_error();
+  if (ERR_GET_LIB(ERR_peek_last_error()) == ERR_LIB_SSL) error = ERR_peek_last_error();
+  const char* const reason = ERR_reason_error_string(error);
   ERR_clear_error();
   return reason != nullptr ? reason : "unknown reason";
 }

@@ -5,6 +5,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
 
+#include <cassert>
 #include <chrono>
 #include <utility>
 
@@ -14,8 +15,16 @@
 namespace trabex {
 
 // What the library calls back into.
+//
+// To the library the transport always takes everything; what it does not take waits here. Otherwise a record
+// that is under way in the library would have to be gone before anything else could be said, but the library
+// does not see to that: a key update that comes meanwhile asks for an answer, and ends the connection.
 struct TlsStream::Impl {
   using Clock = std::chrono::steady_clock;
+
+  // What a handshake says and one record take far less. Beyond them only answers to key updates come together.
+  static constexpr std::size_t kMaxUnsent = 256 * 1024;
+  static constexpr std::size_t kSmall = 32;
 
   OpenSslPtr<ssl_st> connection;
   TlsTransport* transport = nullptr;  // during a call
@@ -24,6 +33,8 @@ struct TlsStream::Impl {
   bool at_end = false;                // the transport's input has ended
   int receive_error = 0;
   int send_error = 0;
+  std::string unsent;             // records that the transport has not taken
+  std::size_t under_way = 0;      // how much plain text of Write is in the last of them
   std::uint32_t key_updates = 0;  // since `updates_since`
   Clock::time_point updates_since{};
   bool too_many_updates = false;
@@ -53,15 +64,33 @@ struct TlsStream::Impl {
   int Send(BIO* bio, const char* bytes, std::size_t size, std::size_t* count) {
     *count = 0;
     BIO_clear_retry_flags(bio);
+    const std::string_view record(bytes, size);
+    const std::size_t sent = unsent.empty() ? Give(record) : 0;
     if (send_error != 0) return 0;
-    const int error = transport->Send({bytes, size}, *count);
-    if (error == 0) return 1;
-    if (error == TlsTransport::kWouldBlock) {
-      BIO_set_retry_write(bio);
-    } else {
+    unsent.append(record.substr(sent));
+    if (unsent.size() > kMaxUnsent) too_many_updates = true;
+    *count = size;
+    return 1;
+  }
+
+  // Hands `bytes` to the transport as far as it takes them; returns how many.
+  std::size_t Give(std::string_view bytes) {
+    std::size_t total = 0;
+    while (total < bytes.size() && send_error == 0) {
+      std::size_t sent = 0;
+      const int error = transport->Send(bytes.substr(total), sent);
+      if (error == TlsTransport::kWouldBlock) break;
       send_error = error;
+      total += sent;
     }
-    return 0;
+    return total;
+  }
+
+  // Whether all has been sent.
+  bool Flush() {
+    if (!unsent.empty()) unsent.erase(0, Give(unsent));
+    if (unsent.empty() && unsent.capacity() > kSmall) unsent.shrink_to_fit();
+    return unsent.empty();
   }
 
   void NoteKeyUpdate() {
@@ -187,9 +216,21 @@ TlsResult TlsStream::Handshake(TlsTransport& transport) {
   if (failed_) return TlsResult::kFailed;
   if (ended_) return TlsResult::kEnded;
   const Call<Impl> call(*impl_, transport);
+  if (!impl_->Flush()) return Unsent();
   const TlsResult result = Outcome(SSL_do_handshake(impl_->connection.get()));
+  const bool goes_on = result == TlsResult::kDone || result == TlsResult::kWantsRead;
+  if (goes_on && !impl_->unsent.empty()) return TlsResult::kWantsWrite;
   if (result == TlsResult::kDone) NoteFacts();
   return result;
+}
+
+// After a Flush that left something.
+TlsResult TlsStream::Unsent() {
+  if (impl_->send_error == 0) return TlsResult::kWantsWrite;
+  // What the peer has sent can still be read.
+  write_failed_ = true;
+  network_error_ = impl_->send_error;
+  return TlsResult::kFailed;
 }
 
 void TlsStream::NoteFacts() {
@@ -198,7 +239,8 @@ void TlsStream::NoteFacts() {
   if (const char* const cipher = SSL_CIPHER_standard_name(SSL_get_current_cipher(connection))) {
     facts_.cipher = cipher;
   }
-  if (const char* const name = SSL_get_servername(connection, TLSEXT_NAMETYPE_host_name)) {
+  const char* const name = SSL_get_servername(connection, TLSEXT_NAMETYPE_host_name);
+  if (name != nullptr && context_->Role() == TlsRole::kServer) {
     facts_.server_name = CleanPeerText(name, kMaxServerName);
   }
   facts_.resumed = SSL_session_reused(connection) == 1;
@@ -228,35 +270,36 @@ TlsResult TlsStream::Write(TlsTransport& transport, std::string_view bytes, std:
   written = 0;
   if (failed_ || write_failed_) return TlsResult::kFailed;
   const Call<Impl> call(*impl_, transport);
+  if (!impl_->Flush()) return Unsent();
+  written = std::exchange(impl_->under_way, 0);
+  assert(written <= bytes.size());
   while (written < bytes.size()) {
     std::size_t count = 0;
     const std::string_view rest = bytes.substr(written);
     const int result = SSL_write_ex(impl_->connection.get(), rest.data(), rest.size(), &count);
-    written += count;
-    if (result == 1) continue;
-    const TlsResult outcome = Outcome(result);
-    // What the peer has sent can still be read.
-    if (outcome == TlsResult::kFailed && impl_->send_error != 0) {
-      write_failed_ = true;
-      failed_ = false;
-      drained_ = false;
+    if (impl_->send_error != 0) return Unsent();
+    if (const TlsResult outcome = Outcome(result); outcome != TlsResult::kDone) {
+      return outcome == TlsResult::kFailed ? outcome : Fail("no record can be written");
     }
-    return outcome;
+    if (!impl_->unsent.empty()) {
+      impl_->under_way = count;
+      return TlsResult::kWantsWrite;
+    }
+    written += count;
   }
   return TlsResult::kDone;
 }
 
 TlsResult TlsStream::SayGoodbye(TlsTransport& transport) {
-  if (failed_ || write_failed_ || goodbye_said_ || !SSL_is_init_finished(impl_->connection.get())) {
-    return TlsResult::kDone;
-  }
+  if (failed_ || write_failed_) return TlsResult::kDone;
   const Call<Impl> call(*impl_, transport);
+  if (!impl_->Flush()) return Unsent();
+  if (goodbye_said_ || SSL_is_init_finished(impl_->connection.get()) != 1) return TlsResult::kDone;
   const int result = SSL_shutdown(impl_->connection.get());
-  if (result >= 0) {
-    goodbye_said_ = true;
-    return TlsResult::kDone;
-  }
-  return Outcome(result);
+  if (impl_->send_error != 0) return Unsent();
+  if (result < 0) return Outcome(result);
+  goodbye_said_ = true;
+  return impl_->unsent.empty() ? TlsResult::kDone : TlsResult::kWantsWrite;
 }
 
 std::size_t TlsStream::Pending() const {

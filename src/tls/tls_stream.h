@@ -39,10 +39,10 @@ class TlsStream {
 
   // One step. Nothing else may be called before it is done.
   TlsResult Handshake(TlsTransport& transport);
-  // kDone: `received` is 1 or more, at most what one record holds, though more may be there. `space` is not
+  // Never kWantsWrite. kDone: `received` is 1 or more, at most what one record holds, though more may be there. `space` is not
   // empty.
   TlsResult Read(TlsTransport& transport, std::span<char> space, std::size_t& received);
-  // `written` is how much of `bytes` (not empty) is in records that the transport has taken; with kWantsWrite
+  // Never kWantsRead. `written` is how much of `bytes` (not empty) is in records that the transport has taken; with kWantsWrite
   // a record of what follows is under way, and the next call must begin with the same bytes, not fewer. They
   // may lie elsewhere.
   TlsResult Write(TlsTransport& transport, std::string_view bytes, std::size_t& written);
@@ -68,6 +68,7 @@ class TlsStream {
   struct Impl;
 
   TlsResult Outcome(int result);
+  TlsResult Unsent();
   TlsResult Fail(std::string reason);
   void NoteFacts();
 

@@ -51,15 +51,9 @@ class RecordStream final : public Stream {
   explicit RecordStream(Sockets& sockets, std::string unread = {})
       : sockets_(sockets), input_(std::move(unread)) {}
 
-  // Nothing is written before the peer's first record, which is dropped, has come.
-  void WriteOnlyAfterARecord() { record_awaited_ = true; }
-  // Nothing is read before these bytes are sent.
-  void ReadOnlyAfterSending(std::string bytes) { first_ = std::move(bytes); }
-
   int Read(SocketHandle socket, std::span<char> space, std::size_t& received) override {
     received = 0;
     drained_ = true;
-    if (!Flush(socket, first_)) return socket_error::kWouldBlock;
     if (text_.empty() && !ended_) {
       if (const int error = NextRecord(socket); error != 0) return error;
     }
@@ -71,11 +65,6 @@ class RecordStream final : public Stream {
 
   int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool) override {
     sent = 0;
-    if (record_awaited_) {
-      if (const int error = NextRecord(socket); error != 0) return error;
-      text_.clear();
-      record_awaited_ = false;
-    }
     while (sent < data.size()) {
       if (output_.empty()) {
         in_output_ = std::min(kMaxRecord, data.size() - sent);
@@ -95,8 +84,6 @@ class RecordStream final : public Stream {
 
   std::size_t Pending(SocketHandle) override { return text_.size(); }
   bool HoldsInput() const override { return !drained_; }
-  bool ReadWaitsForWrite() const override { return !first_.empty(); }
-  bool WriteWaitsForRead() const override { return record_awaited_; }
 
  private:
   // Whether all of `bytes` has been sent.
@@ -134,8 +121,6 @@ class RecordStream final : public Stream {
   std::string text_;    // unpacked, not read
   std::string output_;  // packed, not sent
   std::size_t in_output_ = 0;
-  std::string first_;
-  bool record_awaited_ = false;
   bool drained_ = false;
   bool ended_ = false;
   bool end_said_ = false;
@@ -256,30 +241,6 @@ TEST_F(StreamTest, ItsEndIsThePeersAlthoughTheConnectionIsOpen) {
   EXPECT_TRUE(events.ends_with("DataArrival CloseSck")) << events;
 }
 
-TEST_F(StreamTest, AWriteThatWaitsForInputGoesOnWhenItComes) {
-  PackedConnection().WriteOnlyAfterARecord();
-  Ours().SendData("220 ready\r\n");
-  EXPECT_EQ(accepted->Take(), "");
-  EXPECT_EQ(Ours().PendingBytes(), 11U);
-  peer->Send(Record("go on"));
-  ASSERT_TRUE(RunUntil(loop, [&] { return Ours().PendingBytes() == 0; }));
-  EXPECT_TRUE(accepted->Take().starts_with("SendProgress(11,0) SendComplete"));
-  EXPECT_EQ(Unpacked(peer->Receive(13)), "220 ready\r\n");
-}
-
-TEST_F(StreamTest, AReadThatWaitsForASendGoesOnWhenItIsDone) {
-  peer = std::make_unique<Peer>(loop);
-  peer->ReceiveLittle();
-  const std::size_t much = 8 << 20;
-  PackedConnection().ReadOnlyAfterSending(std::string(much, 'x'));
-  ReadInPortions(100);
-  peer->Send(Record("EHLO a\r\n"));
-  RunUntilIdle(loop);
-  EXPECT_EQ(got, "");
-  EXPECT_EQ(peer->Receive(much).size(), much);
-  ASSERT_TRUE(RunUntil(loop, [&] { return got == "EHLO a\r\n"; }));
-}
-
 TEST_F(StreamTest, GoesWithASocketThatIsEndedInOrder) {
   peer = std::make_unique<Peer>(loop);
   peer->ReceiveLittle();
@@ -297,16 +258,6 @@ TEST_F(StreamTest, GoesWithASocketThatIsEndedInOrder) {
   for (int i = 0; i < 100; ++i) peer->Send(Record(std::string(kMaxRecord, 'p')));
   peer->Send(Record(""));
   EXPECT_TRUE(RunUntil(loop, [&] { return module.LingeringCount() == 0; }));
-}
-
-TEST_F(StreamTest, LingersThoughItMustReceiveBeforeItSends) {
-  PackedConnection().WriteOnlyAfterARecord();
-  Ours().SendData("421 bye\r\n");
-  Ours().CloseSck();
-  RunUntilIdle(loop);
-  EXPECT_EQ(module.LingeringCount(), 1U);
-  peer->Send(Record("go on"));
-  EXPECT_EQ(Unpacked(peer->ReceiveToEnd()), "421 bye\r\n(end)");
 }
 
 TEST_F(StreamTest, IsGoneWithItsConnection) {
