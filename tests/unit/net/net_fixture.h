@@ -59,6 +59,11 @@ class TracedSocket {
     };
   }
 
+  // Has an event traced, too, that most tests have nothing to do with.
+  void Trace(RareHandler& handler, const std::string& event) {
+    handler = [this, event] { Note(event, event); };
+  }
+
   CSocketMaster* operator->() { return socket.get(); }
   CSocketMaster& operator*() { return *socket; }
   // The events so far, which are then forgotten.
