@@ -101,6 +101,7 @@ std::string_view CSocketMaster::Received() const {
 std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
   Stream& stream = GetStream();
   std::size_t there = Received().size();
+  const bool reads = there < wanted;
   while (there < wanted) {
     const std::span<char> space = module_.received_->Space(receive_, wanted - there);
     std::size_t received = 0;
@@ -118,7 +119,8 @@ std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
     there += received;
     if (received < space.size() && !stream.HoldsInput()) break;
   }
-  if (stream_) FollowUp();
+  // Only then, or who looks at the same bytes again and again would be called for it again and again.
+  if (stream_ && reads) FollowUp();
   return Received().substr(0, wanted);
 }
 

@@ -215,6 +215,19 @@ TEST_F(StreamTest, ItsInputIsNotAnnouncedAgainToAnOwnerThatDoesNotRead) {
   ExpectEvents(*accepted, "");
 }
 
+TEST_F(StreamTest, ItsInputIsNotAnnouncedAgainToAnOwnerThatOnlyLooks) {
+  PackedConnection();
+  accepted->On("DataArrival", [this] { EXPECT_EQ(Ours().PeekView(1), "o"); });
+  peer->Send(Record("one") + Record("two"));
+  AllHere();
+  ASSERT_TRUE(RunUntil(loop, [&] { return !accepted->trace.empty(); }));
+  for (int i = 0; i < 10; ++i) loop.RunOnce(Milliseconds{0});
+  EXPECT_EQ(accepted->Take(), "DataArrival DataArrival");
+  ReadInPortions(2);
+  Ours().GetData(got, 2);
+  ASSERT_TRUE(RunUntil(loop, [&] { return got == "onetwo"; })) << got;
+}
+
 TEST_F(StreamTest, TheEndOfTheConnectionComesAfterWhatItHolds) {
   for (const std::int32_t portion : {1, 3, 100}) {
     SCOPED_TRACE(portion);
