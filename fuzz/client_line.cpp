@@ -90,6 +90,7 @@ class ClientSession final : private DialogueActions {
     }
   }
   void ToClient(std::string_view reply) override { Require(reply.size() > 4 && reply.ends_with(kCrLf)); }
+  void StartTls(std::string_view) override { Require(false); }
   void AskForAddresses(std::string_view host_name) override { Require(!host_name.empty()); }
   void CloseServer() override {}
   void EndAfterPause() override {}

@@ -30,8 +30,16 @@ class Facts final : public SessionFacts {
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return "mail.client.test"; }
   std::int64_t BytesSent() const override { return 0; }
+  bool TlsConfigured() const override { return tls_configured; }
+  bool TlsReady() const override { return tls_configured; }
+  bool TlsActive() const override { return tls_active; }
+  TlsTexts TlsText() const override { return {"TLSv1.3", "TLS_AES_256_GCM_SHA384", ""}; }
+  bool ServerTlsActive() const override { return server_tls_active; }
 
   bool local = false;
+  bool tls_configured = false;
+  bool tls_active = false;
+  bool server_tls_active = false;
 };
 
 }  // namespace trabex

@@ -5,7 +5,7 @@
 //   c bytes   the client sends them              s bytes   the server says them
 //   n         a name has the client's address    m         it has not
 //   e         the server closes                  f         its connection fails
-//   q         the service stops
+//   q         the service stops                  h         the client makes the TLS handshake
 //
 // Whatever they are, after each record holds (see Peers):
 // - no byte reaches the server as a command that the dialogue did not take from the client as that command,
@@ -15,8 +15,11 @@
 // - no command is sent while the reply to another one is owed;
 // - a transaction is open for the dialogue only if it is for a server that goes by its own replies, and an
 //   extension is offered only if that server has offered it;
+// - nothing that was said before TLS counts after it, nothing is read between, and STARTTLS never reaches the
+//   server; who must use TLS gets no further without it;
 // - after its end the dialogue takes and sends nothing;
-// and any split of the same bytes gives the same output.
+// and any split of the same bytes gives the same output, but for what the client is told where bytes follow
+// its STARTTLS in the clear: they end the session in any split.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -60,11 +63,17 @@ struct Settings {
     configuration.LogLevelRemote = configuration.LogLevelServer = 15;
     facts.local = has('l');
     refused = has('r');
+    on_tls_port = has('p') && !refused;
+    facts.tls_configured = has('t') || on_tls_port;
+    facts.server_tls_active = has('v');
+    configuration.TLS.Require = has('R') ? 3 : 0;
+    configuration.TLS.RequireForAUTH = has('A') ? 0 : 3;
   }
 
   Configuration configuration = DefaultConfiguration();
   Facts facts;
   bool refused = false;
+  bool on_tls_port = false;
 };
 
 // A server as it sees itself: it reads what it gets by RFC 5321 and by its own replies, and knows nothing of
@@ -209,6 +218,7 @@ class Peers final : private DialogueActions {
  public:
   Peers(std::string_view letters, Split split) : settings_(letters), split_(split) {
     if (settings_.refused) dialogue_.Say(ReplyKind::kNoPtr, *this);
+    if (settings_.on_tls_port) dialogue_.ExpectTls();
   }
 
   void Play(char kind, std::string_view bytes) {
@@ -218,9 +228,14 @@ class Peers final : private DialogueActions {
         InPieces(bytes, [&](std::string_view piece) {
           unread_.append(piece);
           TakeClientBytes();
+          BreakHandshake();
         });
         break;
+      case 'h':
+        if (AwaitsTls()) Secure();
+        break;
       case 's':
+        if (dialogue_.phase() == Phase::kTls) break;
         // The client's next line is looked at when all of it has been relayed.
         if (!settings_.refused && server_) {
           InPieces(bytes,
@@ -236,6 +251,7 @@ class Peers final : private DialogueActions {
         break;
       case 'e':
       case 'f':
+        if (dialogue_.phase() == Phase::kTls) break;
         if (!settings_.refused && server_) {
           dialogue_.OnServerEnd(kind == 'e' ? Dialogue::ServerEnd::kClosed : Dialogue::ServerEnd::kFailed,
                                 *this);
@@ -248,6 +264,7 @@ class Peers final : private DialogueActions {
         return;
     }
     TakeClientBytes();
+    BreakHandshake();
     CheckState();
   }
 
@@ -255,6 +272,8 @@ class Peers final : private DialogueActions {
   const std::string& ToldClient() const { return to_client_; }
   const std::string& ToldServer() const { return to_server_; }
   Phase LastPhase() const { return dialogue_.phase(); }
+  // Whether bytes followed a STARTTLS in the clear.
+  bool Injected() const { return injected_; }
 
  private:
   template <class Take>
@@ -265,6 +284,25 @@ class Peers final : private DialogueActions {
       take(bytes.substr(0, piece));
       bytes.remove_prefix(piece);
     }
+  }
+
+  bool AwaitsTls() const { return dialogue_.phase() == Phase::kTls || dialogue_.phase() == Phase::kStartTls; }
+
+  // What comes in the clear is no handshake: the connection fails.
+  void BreakHandshake() {
+    if (over_ || !AwaitsTls() || unread_.empty()) return;
+    if (dialogue_.phase() == Phase::kStartTls) injected_ = true;
+    over_ = true;
+  }
+
+  void Secure() {
+    Require(unread_.empty());
+    settings_.facts.tls_active = true;
+    dialogue_.OnSecured();
+    must_greet_ = true;
+    const DialogueState& state = dialogue_.State();
+    Require(state.transaction == Transaction::kNoGreeting && state.offered.Extensions.Lines().empty());
+    Require(state.requested.HeloDomain.empty() && state.requested.Sender.empty() && !state.login.ever);
   }
 
   void TakeClientBytes() {
@@ -315,14 +353,32 @@ class Peers final : private DialogueActions {
       Require(!model_.OwesReply() && !model_.ReadsContent());
     }
     if (dialogue_.phase() == Phase::kReply) Require(model_.OwesReply());
+    if (state.transaction >= Transaction::kGreeted) must_greet_ = false;
+    const ExtensionCollection& offered = state.offered.Extensions;
+    const Facts& facts = settings_.facts;
+    if (facts.tls_configured) Require(!offered.Has("STARTTLS") || !facts.tls_active);
+    if (MustNotLogIn()) Require(!offered.Has("AUTH"));
     Require(!state.offered.SmtpUtf8Offered || model_.HasOffered("SMTPUTF8"));
     for (const char* keyword : {"CHUNKING", "XEXCH50"}) {
       Require(!state.offered.Extensions.Has(keyword) || model_.HasOffered(keyword));
     }
   }
 
+  bool MustNotLogIn() const {
+    const Facts& facts = settings_.facts;
+    return facts.tls_configured && !facts.tls_active && settings_.configuration.TLS.RequireForAUTH != 0;
+  }
+  // What TLS lets the client say; `verb` is that of a command that goes to the server.
+  void CheckTls(std::string_view verb) const {
+    const bool before_greeting = FindCommand(verb).before_greeting;
+    Require(!must_greet_ || before_greeting);
+    Require(verb != "AUTH" || !MustNotLogIn());
+    if (settings_.configuration.TLS.Require == 0 || settings_.facts.tls_active) return;
+    Require(verb == "EHLO" || verb == "NOOP" || verb == "QUIT");
+  }
+
   void ToServer(std::string_view bytes, bool) override {
-    Require(!over_ && server_ && !settings_.refused && !said_farewell_);
+    Require(!over_ && !AwaitsTls() && server_ && !settings_.refused && !said_farewell_);
     to_server_.append(bytes);
     const std::size_t commands = model_.commands.size();
     const bool content = model_.ReadsContent();
@@ -349,6 +405,7 @@ class Peers final : private DialogueActions {
     checks_.Check(sent, dialogue_.State());
     const std::string_view text = sent.substr(0, sent.find(kCrLf));
     const std::string verb = ToUpper(FirstWord(text));
+    CheckTls(verb);
     const std::string line = WithBlanks(line_);
     const std::string_view read = Trim(line);
     Require(verb == ToUpper(FirstWord(read)));
@@ -362,8 +419,16 @@ class Peers final : private DialogueActions {
     Require(Trim(text.substr(verb.size())) == Trim(read.substr(verb.size())));
   }
   void ToClient(std::string_view reply) override {
-    Require(!over_ && reply.ends_with(kCrLf));
+    Require(!over_ && dialogue_.phase() != Phase::kTls && reply.ends_with(kCrLf));
+    if (reply.starts_with("554 5.5.0 Data behind STARTTLS.")) injected_ = true;
     to_client_.append(reply);
+  }
+  void StartTls(std::string_view last_words) override {
+    const Facts& facts = settings_.facts;
+    Require(!over_ && facts.tls_configured && !facts.tls_active && !model_.TransactionOpen());
+    Require(EqualNoCase(Trim(WithBlanks(line_)), "STARTTLS") &&
+            unread_.size() == line_.size() + kCrLf.size());
+    ToClient(last_words);
   }
   void AskForAddresses(std::string_view host_name) override { Require(!host_name.empty()); }
   void CloseServer() override { server_ = false; }
@@ -407,13 +472,20 @@ class Peers final : private DialogueActions {
   bool server_ = true;
   bool pausing_ = false;
   bool over_ = false;
+  bool must_greet_ = false;  // since TLS began
+  bool injected_ = false;
 };
 
 struct Outcome {
   std::string to_client;
   std::string to_server;
   Phase phase;
-  friend bool operator==(const Outcome&, const Outcome&) = default;
+  bool injected;
+
+  bool Matches(const Outcome& other) const {
+    if (injected != other.injected || to_server != other.to_server) return false;
+    return injected || (to_client == other.to_client && phase == other.phase);
+  }
 };
 
 Outcome Run(std::string_view input, Split split) {
@@ -425,7 +497,7 @@ Outcome Run(std::string_view input, Split split) {
     if (!record.empty()) peers.Play(record.front(), record.substr(1));
     input.remove_prefix(std::min(record.size() + 1, input.size()));
   }
-  return {peers.ToldClient(), peers.ToldServer(), peers.LastPhase()};
+  return {peers.ToldClient(), peers.ToldServer(), peers.LastPhase(), peers.Injected()};
 }
 
 }  // namespace
@@ -433,7 +505,7 @@ Outcome Run(std::string_view input, Split split) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const Outcome whole = Run(input, Split::kWhole);
-  Require(Run(input, Split::kBytes) == whole);
-  Require(Run(input, Split::kSevens) == whole);
+  Require(Run(input, Split::kBytes).Matches(whole));
+  Require(Run(input, Split::kSevens).Matches(whole));
   return 0;
 }

@@ -145,6 +145,12 @@ void cProxy::ToClient(std::string_view reply) {
   Receiver.Send(reply);
 }
 
+// Never asked for while no certificate is ready.
+void cProxy::StartTls(std::string_view last_words) {
+  ToClient(last_words);
+  Close();
+}
+
 void cProxy::AskForAddresses(std::string_view host_name) {
   // A name shall have the address that its client came from, so addresses of the other family are of no use.
   const LookupFamily family = LookupFamilyOf(ClientIP());

@@ -84,6 +84,11 @@ class cProxy final : public DeferredDeletable,
 
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
+  bool TlsConfigured() const override { return !dependencies_.configuration.TLS.Certificate.empty(); }
+  bool TlsReady() const override { return false; }
+  bool TlsActive() const override { return false; }
+  TlsTexts TlsText() const override { return {}; }
+  bool ServerTlsActive() const override { return false; }
 
   // Admission, in this order; each returns whether the session goes on.
   bool AdmitByCount();
@@ -112,6 +117,7 @@ class cProxy final : public DeferredDeletable,
   // What the dialogue wants.
   void ToServer(std::string_view bytes, bool more_follows) override;
   void ToClient(std::string_view reply) override;
+  void StartTls(std::string_view last_words) override;
   void AskForAddresses(std::string_view host_name) override;
   void CloseServer() override;
   void EndAfterPause() override;

@@ -145,11 +145,14 @@ class Reader {
     static const std::map<std::string_view, StepKind> kWords = {{"closes", StepKind::kClose},
                                                                 {"resets", StepKind::kReset},
                                                                 {"shuts", StepKind::kShutDown},
-                                                                {"accepts", StepKind::kAccept}};
+                                                                {"accepts", StepKind::kAccept},
+                                                                {"starts TLS", StepKind::kStartTls}};
     const auto word = kWords.find(line.substr(2));
     step.side = line[0] == 'C' ? Side::kClient : Side::kServer;
-    if (word == kWords.end() || (word->second == StepKind::kAccept && step.side == Side::kClient))
-      return false;
+    if (word == kWords.end()) return false;
+    const Side other = word->second == StepKind::kAccept ? Side::kClient : Side::kServer;
+    const bool of_one_side = word->second == StepKind::kAccept || word->second == StepKind::kStartTls;
+    if (of_one_side && step.side == other) return false;
     step.kind = word->second;
     return true;
   }

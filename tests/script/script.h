@@ -30,6 +30,7 @@ enum class StepKind {
   kClosed,      // `side` finds its connection closed, everything before that taken
   kConnect,     // one more client connects, from the address `bytes` unless that is empty
   kAccept,      // the server gets its connection
+  kStartTls,    // the client, which was asked to, makes the TLS handshake
   kWait,        // the clock goes on by `milliseconds`
   kLog,         // a line of the form `pattern` has been logged
   kAskName,     // the addresses of the name `bytes` are asked for

@@ -269,6 +269,8 @@ bool SessionFixture::PlayStep(const script::Step& step) {
       return Connect(step.bytes.empty() ? Loopback() : mCommon::CLngIP(step.bytes)), true;
     case StepKind::kAccept:
       return true;
+    case StepKind::kStartTls:
+      return Fail("no TLS");
     case StepKind::kWait:
       return Settle(), Time.Advance(Milliseconds(step.milliseconds)), Settle(), true;
     case StepKind::kLog:

@@ -16,11 +16,20 @@ using script::StepKind;
 // The pause before a session is closed for commands out of order.
 constexpr std::chrono::milliseconds kPause{500};
 
+bool AwaitsTls(Phase phase) {
+  return phase == Phase::kTls || phase == Phase::kStartTls;
+}
+
 }  // namespace
 
 DialoguePlayer::DialoguePlayer(const Configuration& configuration, FakeClock& clock, Client client,
                                GreylistCheck* greylisting)
-    : clock_(clock), client_(std::move(client)), dialogue_(configuration, clock, *this, greylisting) {}
+    : configuration_(configuration),
+      clock_(clock),
+      client_(std::move(client)),
+      dialogue_(configuration, clock, *this, greylisting) {
+  if (client_.on_tls_port) dialogue_.ExpectTls();
+}
 
 void DialoguePlayer::Attend(ScriptedServer& server) {
   attended_ = &server;
@@ -76,6 +85,8 @@ bool DialoguePlayer::PlayStep(const script::Step& step) {
       return Pump(), true;
     case StepKind::kAccept:
       return true;
+    case StepKind::kStartTls:
+      return MakeHandshake();
     case StepKind::kConnect:
       break;
   }
@@ -124,6 +135,13 @@ void DialoguePlayer::LeavePeer(const script::Step& step) {
     client_gone_ = step.kind != StepKind::kShutDown;
   }
   Pump();
+}
+
+bool DialoguePlayer::MakeHandshake() {
+  if (over_ || !AwaitsTls(dialogue_.phase())) return Fail("no handshake is awaited");
+  secured_ = true;
+  dialogue_.OnSecured();
+  return Pump(), true;
 }
 
 std::string DialoguePlayer::NextReply() {
@@ -186,6 +204,8 @@ bool DialoguePlayer::PumpOnce() {
     return true;
   }
   if (ends_at_ && clock_.Monotonic() >= *ends_at_) over_ = true;
+  // What comes in the clear is no handshake.
+  if (AwaitsTls(dialogue_.phase()) && !from_client_.empty()) over_ = true;
   if (dialogue_.phase() == Phase::kEnding) over_ = true;
   if (over_) return false;
   if (ends_at_) return over_ = client_ended_ && from_client_.empty();
@@ -246,6 +266,15 @@ void DialoguePlayer::ToClient(std::string_view reply) {
   } else {
     to_client_ += reply;
   }
+}
+
+void DialoguePlayer::StartTls(std::string_view last_words) {
+  ToClient(last_words);
+}
+
+TlsTexts DialoguePlayer::TlsText() const {
+  if (!secured_) return {};
+  return {"TLSv1.3", "TLS_AES_256_GCM_SHA384", ""};
 }
 
 void DialoguePlayer::AskForAddresses(std::string_view host_name) {

@@ -32,6 +32,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
     IPAddress ip = kIPv4Loopback;
     std::string host_name;  // "" for none
     bool is_local = true;
+    bool on_tls_port = false;  // it speaks TLS from its first byte on
   };
 
   // All references outlive the object. `greylisting` may be nullptr.
@@ -71,6 +72,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   void ToServer(std::string_view bytes, bool more_follows) override;
   void ToClient(std::string_view reply) override;
   void AskForAddresses(std::string_view host_name) override;
+  void StartTls(std::string_view last_words) override;
   void CloseServer() override { server_closed_ = true; }
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;
@@ -80,11 +82,17 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   bool IsLocalClient() const override { return client_.is_local; }
   std::string ClientHostName() const override { return client_.host_name; }
   std::int64_t BytesSent() const override { return bytes_sent_; }
+  bool TlsConfigured() const override { return !configuration_.TLS.Certificate.empty(); }
+  bool TlsReady() const override { return TlsConfigured(); }
+  bool TlsActive() const override { return secured_; }
+  TlsTexts TlsText() const override;
+  bool ServerTlsActive() const override { return false; }
 
   bool PlayStep(const script::Step& step);
   void Send(script::Side side, const script::Sending& sending);
   void Deliver(script::Side side, std::string_view bytes);
   void LeavePeer(const script::Step& step);
+  bool MakeHandshake();
   void Answer(const script::NameAnswers& answers);
   bool ExpectLine(std::string& received, const script::Pattern& wanted);
   bool ExpectClosed(script::Side side);
@@ -100,6 +108,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   bool TakeFromClient();
   bool ServeOnce();
 
+  const Configuration& configuration_;
   FakeClock& clock_;
   Client client_;
   Dialogue dialogue_;
@@ -118,6 +127,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   bool client_ended_ = false;
   bool client_gone_ = false;    // what is sent to it fails
   bool server_closed_ = false;  // by the proxy
+  bool secured_ = false;
   bool over_ = false;
   std::optional<MonotonicTime> ends_at_;
   std::vector<std::string> log_;

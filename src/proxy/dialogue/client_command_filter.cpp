@@ -83,10 +83,14 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
   // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
-  } else if (line.command->blocked) {
+  } else if (IsNotImplemented(line)) {
     decision = Answer({ReplyKind::kNotImplemented, ""}, draft);
   } else if (draft.state.transaction == Transaction::kRefused) {
     decision = ProcessRefusedSession(line, draft);
+  } else if (line.command->id == Command::kStarttls) {
+    decision = ProcessStartTls(line, draft);
+  } else if (const MaybeRefusal no_tls = CheckTls(line)) {
+    decision = Answer(*no_tls, draft);
   } else if (const MaybeRefusal refusal = CheckOrder(line, draft.state)) {
     decision = Answer(*refusal, draft);
   } else if (is_bdat) {
@@ -116,6 +120,8 @@ LineDecision ClientCommandFilter::ProcessPolicy(const Line& line, Draft& draft) 
       return ProcessData(line, draft);
     case Command::kXexch50:
       return ProcessXexch50(line, draft);
+    case Command::kAuth:
+      return ProcessAuth(line, draft);
     default:
       return ForwardAsIs(line);
   }
@@ -161,6 +167,47 @@ LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft&
   return Answer({quits ? ReplyKind::kQuitBadIP : ReplyKind::kBadSequenceBadIP, ""}, draft);
 }
 
+// --- TLS
+
+// Without a certificate in the settings there is no STARTTLS, as there are no other commands that are blocked.
+bool ClientCommandFilter::IsNotImplemented(const Line& line) const {
+  return line.command->blocked && (line.command->id != Command::kStarttls || !facts_.TlsConfigured());
+}
+
+// RFC 3207, 4: what a client may say before TLS where it must use it.
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTls(const Line& line) const {
+  if (!AppliesToClient(configuration_.TLS.Require, facts_) || facts_.TlsActive()) return std::nullopt;
+  switch (line.command->id) {
+    case Command::kEhlo:
+    case Command::kNoop:
+    case Command::kQuit:
+      return std::nullopt;
+    default:
+      return Refusal{ReplyKind::kTlsRequired, ""};
+  }
+}
+
+ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckStartTls(const Line& line,
+                                                                     const DialogueState& state) const {
+  if (facts_.TlsActive() || !state.offered.Extensions.Has(line.command->verb)) {
+    return Refusal{ReplyKind::kNotImplemented, ""};
+  }
+  if (!line.Rest().empty()) return Refusal{ReplyKind::kTlsSyntax, ""};
+  if (const MaybeRefusal refusal = CheckOrder(line, state)) return refusal;
+  // TLS makes both sides forget what was said before. The server does not hear of it, and would keep a login.
+  if (state.login.ever) return Refusal{ReplyKind::kBadSequence, "BadSeq.Transaction"};
+  if (!facts_.TlsReady()) return Refusal{ReplyKind::kTlsNotAvailable, ""};
+  return std::nullopt;
+}
+
+LineDecision ClientCommandFilter::ProcessStartTls(const Line& line, Draft& draft) const {
+  if (const MaybeRefusal refusal = CheckStartTls(line, draft.state)) return Answer(*refusal, draft);
+  LineDecision decision;
+  decision.action = Action::kStartTls;
+  decision.text = BuildReply({ReplyKind::kTlsBegins, ""}, draft.requested, draft.state);
+  return decision;
+}
+
 // --- order
 
 ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line,
@@ -180,7 +227,7 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
   if (state.transaction == Transaction::kOpen || chunks) {
     const bool extension_missing =
         !command.extension.empty() && !state.offered.Extensions.Has(command.extension);
-    if (command.transaction == TransactionRule::kOpensTransaction || extension_missing) {
+    if (command.transaction == TransactionRule::kOutsideTransaction || extension_missing) {
       refusal = {ReplyKind::kBadSequence, "BadSeq.Transaction"};
     }
   } else if (command.transaction == TransactionRule::kInTransaction) {
@@ -188,6 +235,14 @@ ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
   }
   if (chunks && !command.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
   return refusal;
+}
+
+// --- AUTH
+
+LineDecision ClientCommandFilter::ProcessAuth(const Line& line, Draft& draft) const {
+  const bool withheld = facts_.TlsConfigured() && !facts_.TlsActive() &&
+                        AppliesToClient(configuration_.TLS.RequireForAUTH, facts_);
+  return withheld ? Answer({ReplyKind::kAuthTlsRequired, ""}, draft) : ForwardAsIs(line);
 }
 
 // --- HELO and EHLO
@@ -379,7 +434,8 @@ LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t oc
   const bool first_chunk = draft.state.transaction != Transaction::kChunks;
   std::string header;
   if (first_chunk && draft.requested.RecipientCount != 0 && configuration_.AddReceived) {
-    header = GenerateReceivedHeader(configuration_, clock_, facts_, draft.requested).append(kCrLf);
+    header = GenerateReceivedHeader(configuration_, clock_, facts_, draft.requested, draft.state.login)
+                 .append(kCrLf);
   }
   LineDecision decision = Forward(line, WithCount(line, octets + header.size()));
   decision.forwarded->last_chunk = IsLastChunk(line.Rest());

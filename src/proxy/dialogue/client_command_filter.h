@@ -4,6 +4,7 @@
 // A line passes these stages in this order; the first one that refuses it answers:
 //   form       control characters, length, blanks: what servers might read in another way than the filter
 //   refused    a session whose client was refused gets 503, and 221 to QUIT
+//   TLS        who must use it gets nothing else before; STARTTLS
 //   order      greeting, transaction, chunk sequence
 //   policy     HELO/EHLO, MAIL, RCPT, DATA, BDAT, each in a function of its own
 // then it is rewritten (addresses, BDAT with the Received header) and forwarded.
@@ -42,6 +43,7 @@ struct LineDecision {
     kAnswer,           // send `text` and CR LF to the client; the server gets nothing
     kAskForAddresses,  // look up `text`, and call ProcessAddresses; no further line meanwhile
     kBreak,            // log `text` and close without a reply
+    kStartTls,         // send `text` and CR LF to the client; what follows is its TLS
   };
   Action action = Action::kForward;
   std::string text;
@@ -106,6 +108,9 @@ class ClientCommandFilter {
 
   static Line ParseCommandLine(std::string_view line);
 
+  bool IsNotImplemented(const Line& line) const;
+  MaybeRefusal CheckTls(const Line& line) const;
+  MaybeRefusal CheckStartTls(const Line& line, const DialogueState& state) const;
   MaybeRefusal CheckOrder(const Line& line, const DialogueState& state) const;
   MaybeRefusal CheckTransactionOrder(const Line& line, const DialogueState& state) const;
   MaybeRefusal CheckHeloBlackList(std::string_view domain) const;
@@ -117,6 +122,8 @@ class ClientCommandFilter {
   LineDecision ProcessLine(std::string_view line, Draft& draft) const;
   LineDecision ProcessAuthenticationData(std::string_view line, Draft& draft) const;
   LineDecision ProcessRefusedSession(const Line& line, Draft& draft) const;
+  LineDecision ProcessStartTls(const Line& line, Draft& draft) const;
+  LineDecision ProcessAuth(const Line& line, Draft& draft) const;
   LineDecision ProcessHelo(const Line& line, Draft& draft) const;
   LineDecision ProcessMail(const Line& line, Draft& draft) const;
   LineDecision ProcessRcpt(const Line& line, Draft& draft) const;

@@ -35,8 +35,8 @@ enum class Command {
 // What a command asks of the mail transaction.
 enum class TransactionRule {
   kAnywhere,
-  kOpensTransaction,  // RFC 5321, 4.1.4: not while a transaction is open
-  kInTransaction,     // only while a transaction is open
+  kOutsideTransaction,  // not while one is open: what opens one (RFC 5321, 4.1.4), and STARTTLS
+  kInTransaction,       // only while a transaction is open
 };
 
 struct CommandRow {
@@ -47,7 +47,8 @@ struct CommandRow {
   bool in_chunk_sequence;  // taken between two BDAT of one message, RFC 3030
   // The EHLO keyword without which the command is out of order in a transaction; "" when it needs none.
   std::string_view extension;
-  // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked.
+  // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked. STARTTLS
+  // is answered by the proxy, which has a TLS of its own.
   bool blocked;
 };
 

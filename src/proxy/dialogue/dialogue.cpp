@@ -49,6 +49,13 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   if (logged) actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(line, state_.phase));
   LineDecision decision = commands_.ProcessIncomingData(line, state_);
   if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line = line;
+  // What follows STARTTLS in the clear may come from somebody between the client and us, and would count as
+  // the client's under TLS.
+  if (decision.action == LineDecision::Action::kStartTls && bytes.size() > line.size()) {
+    state_.requested = std::move(decision.requested);
+    Say(ReplyKind::kTlsDataBehind, actions);
+    return line.size();
+  }
   Act(std::move(decision), actions);
   return line.size();
 }
@@ -94,6 +101,11 @@ void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
       actions.Log(Side::kClient, log_level::kErrors, decision.text);
       Enter(PhaseEvent::kEnd);
       break;
+    case LineDecision::Action::kStartTls:
+      state_.BeginAnew();
+      Enter(PhaseEvent::kTlsBegins);
+      actions.StartTls(decision.text.append(kCrLf));
+      break;
   }
   if (decision.too_many_bad_sequences && state_.phase != Phase::kEnding) actions.EndAfterPause();
 }
@@ -109,6 +121,14 @@ void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
     actions.Log(Side::kServer, log_level::kSent, decision.logged.empty() ? decision.text : decision.logged);
   }
   actions.ToServer(decision.text, false);
+}
+
+void Dialogue::ExpectTls() {
+  Enter(PhaseEvent::kTlsExpected);
+}
+
+void Dialogue::OnSecured() {
+  Enter(PhaseEvent::kSecured);
 }
 
 void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions) {
@@ -148,6 +168,7 @@ void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   ReplyDecision decision = replies_.ProcessOutgoingData(reply, state_);
   if (decision.requested) state_.requested = std::move(*decision.requested);
   if (decision.offered) state_.offered = std::move(*decision.offered);
+  if (decision.login) state_.login = *decision.login;
   state_.transaction = decision.transaction;
   actions.ToClient(decision.text);
   if (decision.event == PhaseEvent::kOctetsWanted) {
@@ -177,7 +198,12 @@ void Dialogue::EndWithoutServer(DialogueActions& actions) {
 }
 
 void Dialogue::Say(ReplyKind kind, DialogueActions& actions) {
-  actions.ToClient(commands_.BuildReply(kind, state_).append(kCrLf));
+  std::string reply = commands_.BuildReply(kind, state_);
+  if (state_.phase == Phase::kTls || state_.phase == Phase::kStartTls) {
+    actions.Log(Side::kClient, log_level::kErrors, "Refused without TLS: " + reply);
+    return Enter(PhaseEvent::kEnd);
+  }
+  actions.ToClient(reply.append(kCrLf));
   if (FindPolicyReply(kind).after == AfterReply::kProxyOnly) {
     state_.transaction = Transaction::kRefused;
     Enter(PhaseEvent::kNoServer);

@@ -34,6 +34,10 @@ class DialogueActions {
   virtual void ToServer(std::string_view bytes, bool more_follows) = 0;
   // Sends replies, or lines of one, with their line ends.
   virtual void ToClient(std::string_view reply) = 0;
+  // Sends the reply `last_words`, with its line end, in the clear. Every other byte from now on, in either
+  // direction, goes through TLS with the client, also one that was received and not taken;
+  // Dialogue::OnSecured is called when it stands. When it fails the session ends.
+  virtual void StartTls(std::string_view last_words) = 0;
   // Looks for the addresses of `host_name`; Dialogue::OnAddresses takes them.
   virtual void AskForAddresses(std::string_view host_name) = 0;
   // Closes the server's connection; the client's goes on.
@@ -61,6 +65,12 @@ class Dialogue {
   const DialogueState& State() const { return state_; }
   ClientBytes Expected() const { return ExpectedBytes(state_.phase); }
 
+  // The client came to a port where TLS is spoken from the first byte on, so that it can read nothing before.
+  // Called before anything else.
+  void ExpectTls();
+  // TLS with the client stands.
+  void OnSecured();
+
   // Takes one command line, or content, from the front of `bytes`, which are the client's next ones; returns
   // how many it has used. 0: nothing is taken now, or a line or an end of content has not come whole.
   std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
@@ -72,7 +82,8 @@ class Dialogue {
   // when it failed, a reply of the proxy that says so follows them.
   void OnServerEnd(ServerEnd how, DialogueActions& actions);
   // Sends the client the proxy's own reply `kind`; the table of replies says what becomes of the session. For
-  // replies that refuse no command, such as that of a service that stops.
+  // replies that refuse no command, such as that of a service that stops. A client whose TLS does not stand
+  // yet could not read it: the reply is logged, and the session ends.
   void Say(ReplyKind kind, DialogueActions& actions);
 
  private:

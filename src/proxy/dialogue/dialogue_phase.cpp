@@ -11,6 +11,8 @@ using enum Phase;
 // clang-format off
 constexpr PhaseTransition kPhaseTransitions[] = {
     // from            event                         to
+    {kServerGreeting, PhaseEvent::kTlsExpected,     kTls},
+    {kTls,            PhaseEvent::kSecured,         kServerGreeting},
     {kServerGreeting, PhaseEvent::kReply,           kCommand},
     {kServerGreeting, PhaseEvent::kNoServer,        kCommand},
     {kCommand,        PhaseEvent::kForwarded,       kReply},
@@ -18,6 +20,8 @@ constexpr PhaseTransition kPhaseTransitions[] = {
     {kCommand,        PhaseEvent::kAsked,           kAsking},
     {kCommand,        PhaseEvent::kBdatForwarded,   kChunk},
     {kCommand,        PhaseEvent::kBdatAnswered,    kDiscard},
+    {kCommand,        PhaseEvent::kTlsBegins,       kStartTls},
+    {kStartTls,       PhaseEvent::kSecured,         kCommand},
     {kAsking,         PhaseEvent::kForwarded,       kReply},
     {kAsking,         PhaseEvent::kAnswered,        kCommand},
     {kReply,          PhaseEvent::kReply,           kCommand},
@@ -74,7 +78,9 @@ ClientBytes ExpectedBytes(Phase phase) {
     case kDiscard:
     case kFarewell:
       return ClientBytes::kDiscarded;
+    case kTls:
     case kServerGreeting:
+    case kStartTls:
     case kAsking:
     case kReply:
     case kContentReply:

@@ -12,8 +12,10 @@
 namespace trabex {
 
 enum class Phase {
+  kTls,             // the client speaks TLS from its first byte on, and it does not stand yet
   kServerGreeting,  // the server has not greeted yet (RFC 5321, 3.1); what the client sends waits
   kCommand,         // the client's next line is a command
+  kStartTls,        // STARTTLS was answered (RFC 3207); TLS does not stand yet
   kAsking,          // a command waits for an answer from elsewhere: a name in DNS
   kReply,           // the server owes the reply to a command
   kAuthData,        // the client's next line is authentication data (RFC 4954), no command
@@ -37,6 +39,9 @@ enum class ClientBytes {
 ClientBytes ExpectedBytes(Phase phase);
 
 enum class PhaseEvent {
+  kTlsExpected,      // the client came to a port where TLS is spoken from the first byte on
+  kTlsBegins,        // STARTTLS was accepted
+  kSecured,          // TLS with the client stands
   kNoServer,         // the client was refused, and gets replies of the proxy only
   kAnswered,         // a command was answered by the proxy
   kBdatAnswered,     // a BDAT was: its octets follow all the same

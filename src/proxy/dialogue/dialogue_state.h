@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "base/numbers.h"
 #include "proxy/dialogue/command_table.h"
@@ -34,6 +35,13 @@ struct RequestedState {
   std::int64_t TransactionCount = 0;  // MAIL commands
   std::int64_t BadSequenceCount = 0;
 
+  // What is left when all that was said is forgotten: the counters of the session.
+  void BeginAnew() {
+    RequestedState anew;
+    anew.TransactionCount = TransactionCount;
+    anew.BadSequenceCount = BadSequenceCount;
+    *this = std::move(anew);
+  }
   // For a MAIL that goes to the server. Whether a transaction is open then, the server's reply decides.
   void BeginTransaction(std::string_view sender, bool smtp_utf8) {
     ResetTransaction();
@@ -65,15 +73,31 @@ struct ForwardedCommand {
   std::uint64_t octets = 0;  // that follow a BDAT, or will follow an XEXCH50 that is accepted
 };
 
+// What the server has said to AUTH (RFC 4954).
+struct LoginState {
+  bool ever = false;    // it took one: the server may know the client since
+  bool latest = false;  // it took the latest one
+};
+
 struct DialogueState {
   Phase phase = Phase::kServerGreeting;
   Transaction transaction = Transaction::kNoGreeting;
   RequestedState requested;
   OfferedState offered;
+  LoginState login;
   ForwardedCommand forwarded;
   ContentTracker content;          // in the phases with content
   std::string asking_line;         // in kAsking: the line that waits for the answer
   std::int64_t BytesReceived = 0;  // octets of the client that were taken
+
+  // Nothing that the client said counts any more, and nothing that it was told (RFC 3207, 4.2); the counters
+  // of the session stay. The server has not heard of it: it forgets at the EHLO that the client must send now.
+  void BeginAnew() {
+    transaction = Transaction::kNoGreeting;
+    requested.BeginAnew();
+    offered = {};
+    login = {};
+  }
 };
 
 }  // namespace trabex

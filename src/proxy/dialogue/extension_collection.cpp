@@ -8,6 +8,39 @@ namespace trabex {
 
 namespace {
 
+constexpr std::string_view kAuth = "AUTH";
+
+// Whether the line is AUTH, in the form of RFC 4954 or in the older one.
+bool IsAuthentication(std::string_view line) {
+  if (!StartsWithNoCase(line, kAuth)) return false;
+  return line.size() == kAuth.size() || line[kAuth.size()] == ' ' || line[kAuth.size()] == '=';
+}
+
+// The line, which is AUTH, without the mechanisms that RemoveBoundAuthentication names; "" when none is left.
+std::string WithoutBoundMechanisms(std::string_view line) {
+  constexpr std::string_view kPlus = "-PLUS";
+  std::vector<std::string_view> mechanisms;
+  for (std::string_view rest = line.substr(std::min(line.size(), kAuth.size() + 1)); !rest.empty();) {
+    const std::string_view word = FirstWord(rest);
+    if (!word.empty()) mechanisms.push_back(word);
+    rest.remove_prefix(std::min(rest.size(), word.size() + 1));
+  }
+  const auto binds = [&](std::string_view mechanism) {
+    return mechanism.size() >= kPlus.size() &&
+           EqualNoCase(mechanism.substr(mechanism.size() - kPlus.size()), kPlus);
+  };
+  std::string left;
+  for (const std::string_view mechanism : mechanisms) {
+    const std::string with_plus = std::string(mechanism).append(kPlus);
+    const bool has_bound_form =
+        std::any_of(mechanisms.begin(), mechanisms.end(),
+                    [&](std::string_view other) { return EqualNoCase(other, with_plus); });
+    if (EqualNoCase(mechanism, "EXTERNAL") || binds(mechanism) || has_bound_form) continue;
+    left.append(left.empty() ? "" : " ").append(mechanism);
+  }
+  return left.empty() ? left : std::string(line.substr(0, kAuth.size() + 1)).append(left);
+}
+
 auto HasKeyword(std::string_view keyword) {
   return [keyword](std::string_view line) { return EqualNoCase(FirstWord(line), keyword); };
 }
@@ -30,6 +63,17 @@ void ExtensionCollection::AddExtension(std::string_view line) {
 
 void ExtensionCollection::RemoveExtension(std::string_view keyword) {
   std::erase_if(lines_, HasKeyword(keyword));
+}
+
+void ExtensionCollection::RemoveAuthentication() {
+  std::erase_if(lines_, IsAuthentication);
+}
+
+void ExtensionCollection::RemoveBoundAuthentication() {
+  for (std::string& line : lines_) {
+    if (IsAuthentication(line)) line = WithoutBoundMechanisms(line);
+  }
+  std::erase(lines_, std::string());
 }
 
 std::string_view ExtensionCollection::GetExtension(std::string_view keyword) const {

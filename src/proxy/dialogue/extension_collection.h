@@ -16,6 +16,13 @@ class ExtensionCollection {
   // Appends `line` (keyword and parameters); an entry with the same keyword is removed first.
   void AddExtension(std::string_view line);
   void RemoveExtension(std::string_view keyword);
+  // Without the extension AUTH (RFC 4954), also where it is written as older clients read it, "AUTH=LOGIN".
+  void RemoveAuthentication();
+  // Without those mechanisms of AUTH that take the client's connection for the server's: EXTERNAL, and each
+  // that binds a login to TLS, SCRAM-SHA-1-PLUS, together with the same one that does not (RFC 5802, 6: a
+  // client that could bind and is not offered it says so, and a server that offers it must refuse that). An
+  // AUTH that has no mechanism left goes.
+  void RemoveBoundAuthentication();
   // The whole line, "" when there is none. Valid until the collection changes.
   std::string_view GetExtension(std::string_view keyword) const;
   bool Has(std::string_view keyword) const;

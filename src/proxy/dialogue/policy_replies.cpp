@@ -51,6 +51,15 @@ constexpr std::array<PolicyReply, kReplyKinds> kReplies = {{
     {kLineTooLong, "LineTooLong", "500", "5.5.6", "Line too long.", kClose},
     {kDataAmbiguousEnd, "DATA.AmbiguousEnd", "554", "5.6.0", "Ambiguous end of message content.", kClose},
     {kNotImplemented, "NotImplemented", "502", "5.5.1", "Command not implemented.", kCount},
+    {kTlsRequired, "TLS.Required", "530", "5.7.0", "Must issue a STARTTLS command first.", kCount},
+    // Changed to anything else it would leave client and proxy with two ideas of what comes next.
+    {kTlsBegins, "", "220", "2.0.0", "Ready to start TLS.", kStartTls},
+    {kTlsNotAvailable, "TLS.NotAvailable", "454", "4.7.0", "TLS not available due to temporary reason.",
+     kGoOn},
+    {kTlsSyntax, "TLS.Syntax", "501", "5.5.4", "STARTTLS takes no parameters.", kCount},
+    {kTlsDataBehind, "TLS.DataBehind", "554", "5.5.0", "Data behind STARTTLS.", kClose},
+    {kAuthTlsRequired, "AUTH.TLSRequired", "538", "5.7.11",
+     "Encryption required for requested authentication mechanism.", kGoOn},
 }};
 
 static_assert([] {

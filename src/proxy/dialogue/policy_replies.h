@@ -41,8 +41,14 @@ enum class ReplyKind : int {
   kLineTooLong = 28,
   kDataAmbiguousEnd = 29,
   kNotImplemented = 30,
+  kTlsRequired = 31,
+  kTlsBegins = 32,
+  kTlsNotAvailable = 33,
+  kTlsSyntax = 34,
+  kTlsDataBehind = 35,
+  kAuthTlsRequired = 36,
 };
-inline constexpr int kReplyKinds = 31;
+inline constexpr int kReplyKinds = 37;
 
 // What the dialogue does with the session after the reply.
 enum class AfterReply {
@@ -50,12 +56,14 @@ enum class AfterReply {
   kCount,      // counts a command out of order, and goes on
   kClose,      // ends the session
   kProxyOnly,  // goes on without a server
+  kStartTls,   // TLS begins behind it
 };
 
 // In `text`, the name of a macro in angle brackets stands for its value (see SessionMacros).
 struct PolicyReply {
   ReplyKind kind;
-  std::string_view key;  // the response key; that of the family where there are several
+  // The response key; that of the family where there are several. "": nothing changes the reply.
+  std::string_view key;
   std::string_view code;
   std::string_view enhanced;  // RFC 2034, 3463; "" for none
   std::string_view text;

@@ -19,6 +19,7 @@ void ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,
                         std::string& reply, const Configuration& configuration, const MacroSource& macros) {
+  if (key.empty()) return;
   const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
   switch (kind) {
     case ReplyKind::kBadSequence:

@@ -18,6 +18,7 @@ void ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 // The names under which a policy reply of `kind` may be changed, from the general to the specific, applied in
 // this order. `key` is the reply's own key (for kind 1 one of "BadSeq.Transaction", "BadSeq.NoTransaction",
 // "BadSeq.BDAT"); names may hold the command's verb and the message's addresses, as `requested` has them.
+// Nothing is changed when `key` is empty.
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,
                         std::string& reply, const Configuration& configuration, const MacroSource& macros);
 

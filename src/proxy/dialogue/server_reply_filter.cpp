@@ -20,6 +20,7 @@ constexpr std::string_view kNeverOffered[] = {"ATRN", "PIPELINING", "STARTTLS", 
 
 constexpr std::string_view kChunking = "CHUNKING";
 constexpr std::string_view kSmtpUtf8 = "SMTPUTF8";
+constexpr std::string_view kStartTls = "STARTTLS";
 
 // Whether the code of `reply` counts: a reply of several lines counts only if all of them have one code, for
 // EHLO the first and the last; its lines with another code between them are no extensions.
@@ -66,6 +67,7 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   decision.event = EventOf(text, meant, state);
   decision.transaction = state.transaction;
   decision.text = text;
+  if (forwarded.command == Command::kAuth) FollowLogin(meant, state, decision);
   bool refuses_message = false;
   if (state.phase == Phase::kReply || state.phase == Phase::kChunk) {
     decision.transaction = NextTransaction(state.transaction, forwarded.command, forwarded.last_chunk, meant);
@@ -74,7 +76,8 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   }
   if (decision.event == PhaseEvent::kContentWanted && state.requested.RecipientCount != 0 &&
       configuration_.AddReceived) {
-    decision.header = GenerateReceivedHeader(configuration_, clock_, facts_, state.requested).append(kCrLf);
+    decision.header =
+        GenerateReceivedHeader(configuration_, clock_, facts_, state.requested, state.login).append(kCrLf);
   }
 
   const SessionMacros macros(configuration_, clock_, facts_,
@@ -87,6 +90,14 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
   decision.text.append(kCrLf);
   return decision;
+}
+
+void ServerReplyFilter::FollowLogin(std::string_view meant, const DialogueState& state,
+                                    ReplyDecision& decision) {
+  const bool awaited = state.phase == Phase::kReply || state.phase == Phase::kAuthData;
+  if (!awaited || decision.event == PhaseEvent::kAuthDataWanted) return;
+  const bool accepted = meant == "235";
+  decision.login = LoginState{state.login.ever || accepted, accepted};
 }
 
 void ServerReplyFilter::FollowAccepted(std::string_view reply, const DialogueState& state,
@@ -104,8 +115,16 @@ std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedS
   const std::string_view first_line = reply.substr(0, first_end);
   offered.Extensions.ParseLines(reply.substr(first_end));
   for (std::string_view keyword : kNeverOffered) offered.Extensions.RemoveExtension(keyword);
+  if (facts_.ServerTlsActive()) offered.Extensions.RemoveBoundAuthentication();
+  // A message that asks for it (RFC 8689) must be under TLS all the way.
+  const bool tls_in_use = facts_.TlsConfigured() || configuration_.TLS.Server != server_tls::kNone;
+  if (tls_in_use && !(facts_.TlsActive() && facts_.ServerTlsActive())) {
+    offered.Extensions.RemoveExtension("REQUIRETLS");
+  }
   LimitSize(offered);
+  if (facts_.TlsReady() && !facts_.TlsActive()) offered.Extensions.AddExtension(kStartTls);
   ApplyExtensionLists(offered);
+  if (facts_.TlsConfigured()) WithholdByTls(offered);
 
   const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
   const auto& lines = offered.Extensions.Lines();
@@ -139,6 +158,15 @@ void ServerReplyFilter::LimitSize(OfferedState& offered) const {
   if (remove) offered.Extensions.RemoveExtension("SIZE");
   if (limit != 0) offered.Extensions.AddExtension("SIZE " + FormatWhole(limit));
   offered.SizeLimit = limit;
+}
+
+void ServerReplyFilter::WithholdByTls(OfferedState& offered) const {
+  const bool active = facts_.TlsActive();
+  // RFC 3207, 4.2: never under TLS.
+  if (active || !facts_.TlsReady()) offered.Extensions.RemoveExtension(kStartTls);
+  if (!active && AppliesToClient(configuration_.TLS.RequireForAUTH, facts_)) {
+    offered.Extensions.RemoveAuthentication();
+  }
 }
 
 void ServerReplyFilter::ApplyExtensionLists(OfferedState& offered) const {

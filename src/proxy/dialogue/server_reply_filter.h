@@ -22,6 +22,7 @@ struct ReplyDecision {
   Transaction transaction = Transaction::kNoGreeting;
   std::optional<RequestedState> requested;  // when it changes
   std::optional<OfferedState> offered;
+  std::optional<LoginState> login;
 };
 
 class ServerReplyFilter {
@@ -33,12 +34,16 @@ class ServerReplyFilter {
   ReplyDecision ProcessOutgoingData(std::string_view reply, const DialogueState& state) const;
 
  private:
+  // What a reply to AUTH, or to its data, with the code `meant` makes of the login.
+  static void FollowLogin(std::string_view meant, const DialogueState& state, ReplyDecision& decision);
   // The state after an accepted greeting or RSET, and what the client sees of the reply.
   void FollowAccepted(std::string_view reply, const DialogueState& state, ReplyDecision& decision) const;
   // The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
   std::string RewriteEhloReply(std::string_view reply, OfferedState& offered) const;
   void LimitSize(OfferedState& offered) const;
   void ApplyExtensionLists(OfferedState& offered) const;
+  // What no list may bring back, because it would not work, or because the settings withhold it.
+  void WithholdByTls(OfferedState& offered) const;
 
   const Configuration& configuration_;
   const Clock& clock_;

@@ -5,8 +5,16 @@
 #include <string>
 
 #include "base/ip_address.h"
+#include "config/tls_settings.h"
 
 namespace trabex {
+
+// What TLS with a client has come to, as texts that hold visible ASCII only.
+struct TlsTexts {
+  std::string version;  // "TLSv1.3"
+  std::string cipher;   // the name that IANA has for it
+  std::string peer;     // the name in a client certificate that was verified; "" without one
+};
 
 class SessionFacts {
  public:
@@ -23,6 +31,25 @@ class SessionFacts {
   }
   // Octets that the client's connection has taken so far.
   virtual std::int64_t BytesSent() const = 0;
+
+  // Whether the settings name a certificate. Who must use TLS is decided by this, and not by whether one could
+  // be loaded: a broken file must not open what TLS was to close.
+  virtual bool TlsConfigured() const = 0;
+  // Whether a certificate is loaded, so that TLS can begin.
+  virtual bool TlsReady() const = 0;
+  // Whether the client's connection is under TLS.
+  virtual bool TlsActive() const = 0;
+  // Empty while TlsActive is false.
+  virtual TlsTexts TlsText() const = 0;
+  // Whether the server's connection is under TLS.
+  virtual bool ServerTlsActive() const = 0;
 };
+
+// Whether a requirement (bits of tls_require) holds for the client.
+inline bool AppliesToClient(std::int32_t requirement, const SessionFacts& facts) {
+  if (requirement == 0) return false;
+  return (requirement & (facts.IsLocalClient() ? tls_require::kLocalClients : tls_require::kRemoteClients)) !=
+         0;
+}
 
 }  // namespace trabex

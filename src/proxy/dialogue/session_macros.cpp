@@ -19,6 +19,9 @@ std::optional<std::string> SessionMacros::Value(std::string_view name) const {
   if (macro == "rcptdomain") return std::string(AddressDomain(requested_.Recipient));
   if (macro == "maxsize") return FormatWhole(offered_.SizeLimit);
   if (macro == "size") return FormatWhole(requested_.DeclaredSize);
+  if (macro == "tls") return facts_.TlsText().version;
+  if (macro == "tlscipher") return facts_.TlsText().cipher;
+  if (macro == "tlspeer") return facts_.TlsText().peer;
   return std::nullopt;
 }
 

@@ -173,7 +173,7 @@ TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
   TestDialogue d;
   d.GreetMailAndRcpt();
   const std::string header =
-      GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state.requested) + "\r\n";
+      GenerateReceivedHeader(d.configuration, d.clock, d.facts, d.state.requested, d.state.login) + "\r\n";
   EXPECT_EQ(header.size(), 124u);
   d.Run(R"(
     C: bdat  010 X

@@ -11,7 +11,7 @@ namespace {
 
 TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
   constexpr auto kAnywhere = TransactionRule::kAnywhere;
-  constexpr auto kOpens = TransactionRule::kOpensTransaction;
+  constexpr auto kOutside = TransactionRule::kOutsideTransaction;
   constexpr auto kInside = TransactionRule::kInTransaction;
   const struct {
     const char* verb;
@@ -29,16 +29,16 @@ TEST(CommandTable, KnowsWhereEveryCommandHasItsPlace) {
       {"HELP", true, kAnywhere, false, "", false},
       {"NOOP", true, kAnywhere, false, "", false},
       {"EXPN", true, kAnywhere, false, "", false},
-      {"MAIL", false, kOpens, false, "", false},
-      {"SEND", false, kOpens, false, "", false},
-      {"SOML", false, kOpens, false, "", false},
-      {"SAML", false, kOpens, false, "", false},
+      {"MAIL", false, kOutside, false, "", false},
+      {"SEND", false, kOutside, false, "", false},
+      {"SOML", false, kOutside, false, "", false},
+      {"SAML", false, kOutside, false, "", false},
       {"RCPT", false, kInside, false, "", false},
       {"DATA", false, kInside, false, "", false},
       {"BDAT", false, kInside, true, "CHUNKING", false},
       {"XEXCH50", true, kInside, false, "XEXCH50", false},
       {"AUTH", false, kAnywhere, false, "", false},
-      {"STARTTLS", false, kAnywhere, false, "", true},
+      {"STARTTLS", false, kOutside, false, "", true},
       {"TURN", false, kAnywhere, false, "", true},
       {"ATRN", false, kAnywhere, false, "", true},
       {"XCLIENT", true, kAnywhere, false, "", true},

@@ -48,6 +48,8 @@ bool IsOutcome(const script::Step& step, std::string_view outcome) {
       return outcome.starts_with("log ") && step.pattern.Matches(text_after("log"));
     case StepKind::kWait:
       return outcome == "wait " + std::to_string(step.milliseconds);
+    case StepKind::kStartTls:
+      return outcome == "C starts TLS";
     case StepKind::kClosed:
       return outcome == "closed C" && step.side == script::Side::kClient;
     default:
@@ -130,6 +132,9 @@ std::string TestDialogue::Take(const script::Step& step) {
     return "got: " + (outcome_.empty() ? "nothing" : Joined(outcome_)) + "\nwant: " + step.source;
   }
   outcome_.erase(outcome_.begin());
+  if (step.kind == script::StepKind::kStartTls) {
+    Secure();
+  }
   return {};
 }
 
@@ -169,6 +174,20 @@ void TestDialogue::Greet() {
     <- 250 XEXCH50)");
 }
 
+void TestDialogue::OfferTls() {
+  facts.tls_configured = facts.tls_ready = true;
+  facts.tls = {"TLSv1.3", "TLS_AES_256_GCM_SHA384", ""};
+}
+
+void TestDialogue::ExpectTls() {
+  Outcome([&](Dialogue& dialogue) { dialogue.ExpectTls(); });
+}
+
+void TestDialogue::Secure() {
+  facts.tls_active = true;
+  Outcome([&](Dialogue& dialogue) { dialogue.OnSecured(); });
+}
+
 void TestDialogue::GreetAndMail() {
   Greet();
   Run(R"(
@@ -192,8 +211,8 @@ void TestDialogue::Refuse() {
   state.phase = Phase::kCommand;
 }
 
-void TestDialogue::Say(ReplyKind kind) {
-  Outcome([&](Dialogue& dialogue) { dialogue.Say(kind, *this); });
+std::string TestDialogue::Say(ReplyKind kind) {
+  return Joined(Outcome([&](Dialogue& dialogue) { dialogue.Say(kind, *this); }));
 }
 
 std::string TestDialogue::Says(std::string_view client_line) {
@@ -222,6 +241,11 @@ void TestDialogue::ToServer(std::string_view bytes, bool) {
 
 void TestDialogue::ToClient(std::string_view reply) {
   AddLines(actions_, "<-", reply);
+}
+
+void TestDialogue::StartTls(std::string_view last_words) {
+  AddLines(actions_, "<-", last_words);
+  actions_.push_back("C starts TLS");
 }
 
 void TestDialogue::AskForAddresses(std::string_view host_name) {

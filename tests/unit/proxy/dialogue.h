@@ -4,6 +4,8 @@
 // Everything that the dialogue does must be in the script, in its order. Where the reply to a line
 // is left out and another line comes, the server has refused the former; the lines of a reply count when its last one has come. Of what only a
 // session does there is "wait 500" and "closed C" where it is to end after that pause.
+//
+// "C starts TLS" stands where the dialogue lets TLS begin.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -35,11 +37,21 @@ class FakeFacts final : public SessionFacts {
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return host; }
   std::int64_t BytesSent() const override { return sent; }
+  bool TlsConfigured() const override { return tls_configured; }
+  bool TlsReady() const override { return tls_ready; }
+  bool TlsActive() const override { return tls_active; }
+  TlsTexts TlsText() const override { return tls; }
+  bool ServerTlsActive() const override { return server_tls_active; }
 
   IPAddress ip = IPAddress::IPv4(0xC0000207);  // 192.0.2.7
   std::string host = "mail.client.test";
   bool local = false;
   std::int64_t sent = 0;
+  bool tls_configured = false;
+  bool tls_ready = false;
+  bool tls_active = false;
+  TlsTexts tls;
+  bool server_tls_active = false;
 };
 
 class FakeGreylisting final : public GreylistCheck {
@@ -82,10 +94,16 @@ class TestDialogue final : private DialogueActions {
   void GreetAndMail();
   // GreetAndMail and RCPT TO:<u@local.test>.
   void GreetMailAndRcpt();
+  // TLS with the client can begin.
+  void OfferTls();
+  // The client came to the port where TLS is spoken from the first byte on.
+  void ExpectTls();
+  // TLS with the client stands.
+  void Secure();
   // The client was not admitted: only the proxy replies to it.
   void Refuse();
-  // The client gets the proxy's own reply.
-  void Say(ReplyKind kind);
+  // The client gets the proxy's own reply; the outcome as a script has it, lines joined by "; ".
+  std::string Say(ReplyKind kind);
 
   bool Greeted() const { return state.transaction > Transaction::kNoGreeting; }
   bool TransactionOpen() const { return state.transaction >= Transaction::kOpen; }
@@ -113,6 +131,7 @@ class TestDialogue final : private DialogueActions {
   void ToServer(std::string_view bytes, bool more_follows) override;
   void ToClient(std::string_view reply) override;
   void AskForAddresses(std::string_view host_name) override;
+  void StartTls(std::string_view last_words) override;
   void CloseServer() override {}
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;

@@ -38,6 +38,16 @@ constexpr const char* kMail = R"(
     <- 250 ok
 )";
 
+constexpr const char* kEhloWithTls = R"(
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250 server.test
+    <- 250-server.test
+    <- 250 STARTTLS
+)";
+// The action of the dialogue is the last line of it, before TLS stands.
+constexpr const char* kStartTlsCommand = "STARTTLS";
+
 struct Row {
   std::optional<Phase> from;
   PhaseEvent event;
@@ -49,6 +59,8 @@ struct Row {
 
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
+      {kServerGreeting, PhaseEvent::kTlsExpected, kTls, {}, "TLS port"},
+      {kTls, PhaseEvent::kSecured, kServerGreeting, {"TLS port"}, "secured"},
       {kServerGreeting, PhaseEvent::kReply, kCommand, {}, kGreeting},
       {kServerGreeting, PhaseEvent::kNoServer, kCommand, {}, "refuse"},
       {kCommand, PhaseEvent::kForwarded, kReply, {kGreeting}, "C: NOOP\n-> NOOP"},
@@ -60,6 +72,8 @@ const std::vector<Row>& Rows() {
        kDiscard,
        {kGreeting},
        "C: BDAT 3\n<- 503 Bad sequence of commands."},
+      {kCommand, PhaseEvent::kTlsBegins, kStartTls, {kGreeting, kEhloWithTls}, kStartTlsCommand},
+      {kStartTls, PhaseEvent::kSecured, kCommand, {kGreeting, kEhloWithTls, kStartTlsCommand}, "secured"},
       {kAsking, PhaseEvent::kForwarded, kReply, {kGreeting, "C: EHLO a.test\nasks name a.test"}, "found"},
       {kAsking,
        PhaseEvent::kAnswered,
@@ -147,15 +161,29 @@ const std::vector<Row>& Rows() {
   return rows;
 }
 
+// A part of a dialogue that comes before a row.
+void TakePart(TestDialogue& d, const std::string& part) {
+  if (part == "TLS port") {
+    d.ExpectTls();
+  } else if (part == "secured") {
+    d.Secure();
+  } else if (part == kStartTlsCommand) {
+    EXPECT_EQ(d.Says("STARTTLS"), "<- 220 2.0.0 Ready to start TLS.; C starts TLS");
+  } else {
+    d.Run(part);
+  }
+}
+
 TEST(DialoguePhase, EachRowIsTaken) {
   for (const Row& row : Rows()) {
     TestDialogue d;
     d.configuration.AddReceived = false;
     d.state.phase = kServerGreeting;
     for (const std::string& part : row.before) {
+      d.facts.tls_configured = d.facts.tls_ready = part == kEhloWithTls || part == kStartTlsCommand;
       // The look-up of names is for the rows that ask.
       d.configuration.ValidateHELO = part == kEhlo ? 0 : 2;
-      d.Run(part);
+      TakePart(d, part);
     }
     d.configuration.ValidateHELO = 2;
     if (row.from) {
@@ -163,6 +191,8 @@ TEST(DialoguePhase, EachRowIsTaken) {
     }
     if (row.step == "refuse") {
       d.Say(ReplyKind::kNoPtr);
+    } else if (row.step == "TLS port" || row.step == kStartTlsCommand || row.step == "secured") {
+      TakePart(d, row.step);
     } else if (row.step == "found") {
       const IPAddress client[] = {IPAddress::IPv4(0xC0000207)};
       d.Answer({true, client});
@@ -246,12 +276,14 @@ TEST(Transactions, RsetDoesNotGreet) {
 
 // --- the tables of the document
 
-constexpr const char* kPhaseNames[] = {
-    "ServerGreeting", "Command",        "Asking",       "Reply",   "AuthData", "DotContent", "Chunk",
-    "Octets",         "AnsweredOctets", "ContentReply", "Discard", "Farewell", "Ending"};
-constexpr const char* kEventNames[] = {
-    "NoServer",       "Answered",      "BdatAnswered", "Forwarded",    "BdatForwarded",   "Asked", "Reply",
-    "AuthDataWanted", "ContentWanted", "OctetsWanted", "QuitAccepted", "ContentComplete", "End"};
+constexpr const char* kPhaseNames[] = {"Tls",     "ServerGreeting", "Command",        "StartTls",
+                                       "Asking",  "Reply",          "AuthData",       "DotContent",
+                                       "Chunk",   "Octets",         "AnsweredOctets", "ContentReply",
+                                       "Discard", "Farewell",       "Ending"};
+constexpr const char* kEventNames[] = {"TlsExpected",  "TlsBegins",    "Secured",         "NoServer",
+                                       "Answered",     "BdatAnswered", "Forwarded",       "BdatForwarded",
+                                       "Asked",        "Reply",        "AuthDataWanted",  "ContentWanted",
+                                       "OctetsWanted", "QuitAccepted", "ContentComplete", "End"};
 constexpr const char* kTransactionNames[] = {"Refused", "NoGreeting", "Greeted", "Open", "Chunks"};
 
 // The rows of the table in docs/design.md whose head is `head`.

@@ -352,6 +352,7 @@ class Addresses final : public DialogueActions {
  public:
   void ToServer(std::string_view bytes, bool) override { sent.push_back(bytes); }
   void ToClient(std::string_view) override {}
+  void StartTls(std::string_view) override {}
   void AskForAddresses(std::string_view) override {}
   void CloseServer() override {}
   void EndAfterPause() override {}

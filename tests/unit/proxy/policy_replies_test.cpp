@@ -81,6 +81,13 @@ constexpr Row kRows[] = {
     {28, "LineTooLong", "500", "5.5.6", "Line too long.", kCloses},
     {29, "DATA.AmbiguousEnd", "554", "5.6.0", "Ambiguous end of message content.", kCloses},
     {30, "NotImplemented", "502", "5.5.1", "Command not implemented.", kCounts},
+    {31, "TLS.Required", "530", "5.7.0", "Must issue a STARTTLS command first.", kCounts},
+    {32, "", "220", "2.0.0", "Ready to start TLS.", AfterReply::kStartTls},
+    {33, "TLS.NotAvailable", "454", "4.7.0", "TLS not available due to temporary reason.", kGoesOn},
+    {34, "TLS.Syntax", "501", "5.5.4", "STARTTLS takes no parameters.", kCounts},
+    {35, "TLS.DataBehind", "554", "5.5.0", "Data behind STARTTLS.", kCloses},
+    {36, "AUTH.TLSRequired", "538", "5.7.11", "Encryption required for requested authentication mechanism.",
+     kGoesOn},
 };
 
 TEST(PolicyReplies, EveryKindReadsAsItShould) {

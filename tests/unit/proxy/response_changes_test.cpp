@@ -81,6 +81,7 @@ TEST(ResponseChanges, MacrosStandForTheSession) {
       {"{%maxsize%}", "1000"},
       {"{%size%}", "2000"},
       {"{%Size%} {%FROM%}", "2000 s@sender.test"},
+      {"[{%tls%}][{%tlscipher%}][{%tlspeer%}]", "[][][]"},
       {"{%unknown%}", "{%unknown%}"},
   };
   for (const auto& row : rows) {
@@ -88,6 +89,13 @@ TEST(ResponseChanges, MacrosStandForTheSession) {
     session.configuration.ResponseChanges.Add(WholeReply("550", row.macro));
     EXPECT_EQ(session.Changed("550", "550 no"), row.value) << row.macro;
   }
+}
+
+TEST(ResponseChanges, TlsHasMacros) {
+  Session session;
+  session.facts.tls = {"TLSv1.3", "TLS_AES_256_GCM_SHA384", "a client"};
+  session.configuration.ResponseChanges.Add(WholeReply("550", "[{%tls%}][{%TlsCipher%}][{%tlspeer%}]"));
+  EXPECT_EQ(session.Changed("550", "550 no"), "[TLSv1.3][TLS_AES_256_GCM_SHA384][a client]");
 }
 
 TEST(ResponseChanges, TheDomainOfAnAddressWithoutAtIsAllOfIt) {
@@ -116,6 +124,11 @@ TEST(ResponseChanges, ARuleThatFailsLeavesTheReply) {
     bool IsLocalClient() const override { return false; }
     std::string ClientHostName() const override { return ""; }
     std::int64_t BytesSent() const override { return 0; }
+    bool TlsConfigured() const override { return false; }
+    bool TlsReady() const override { return false; }
+    bool TlsActive() const override { return false; }
+    TlsTexts TlsText() const override { return {}; }
+    bool ServerTlsActive() const override { return false; }
   };
   Session session;
   cReplaces replaces;

@@ -58,7 +58,7 @@ std::map<std::string, DocumentedReply> ReadDocument() {
   bool in_own_replies = false;
   for (std::string_view line : Split(text, '\n')) {
     if (line.starts_with("## ")) in_own_replies = line == "## Replies of Trabex";
-    if (!in_own_replies || !line.starts_with("| `")) continue;
+    if (!in_own_replies || !(line.starts_with("| `") || line.starts_with("| none |"))) continue;
     const auto cells = Cells(line);
     if (cells.size() != 4) continue;
     const Words keys = CodeIn(cells[0]);
@@ -110,6 +110,8 @@ std::string SessionText(const PolicyReply& row) {
       return "refused";
     case AfterReply::kCount:
       return "counts";
+    case AfterReply::kStartTls:
+      return "TLS begins";
     case AfterReply::kGoOn:
       break;
   }
@@ -138,8 +140,8 @@ TEST(ResponsesDocument, NamesSettingsAndKeysThatThereAre) {
   for (const auto& [key, row] : documented) {
     EXPECT_FALSE(row.when.empty()) << key;
     for (const std::string& name : CodeIn(row.when)) {
-      const bool known =
-          FindSetting("Common", name) || FindSetting("GreyListing", name) || documented.contains(name);
+      const bool known = FindSetting("Common", name) || FindSetting("TLS", name) ||
+                         FindSetting("GreyListing", name) || documented.contains(name);
       EXPECT_TRUE(known) << key << ": " << name;
     }
   }

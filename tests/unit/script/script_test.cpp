@@ -92,6 +92,7 @@ TEST(Script, EndsAndWords) {
       {"C closes", StepKind::kClose, Side::kClient, ""},
       {"S resets", StepKind::kReset, Side::kServer, ""},
       {"C shuts", StepKind::kShutDown, Side::kClient, ""},
+      {"C starts TLS", StepKind::kStartTls, Side::kClient, ""},
       {"S accepts", StepKind::kAccept, Side::kServer, ""},
       {"closed C", StepKind::kClosed, Side::kClient, ""},
       {"closed S", StepKind::kClosed, Side::kServer, ""},
