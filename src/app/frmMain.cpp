@@ -34,6 +34,7 @@ frmMain::frmMain(Program& program)
                             .sockets = program.socket_module,
                             .names = *program.names,
                             .sessions = sessions_,
+                            .tls = program.tls,
                             .greylisting = &program.greylisting},
       listeners_(program.socket_module,
                  {.ConnectionRequest = [this](std::int32_t requestID,

@@ -51,7 +51,10 @@ double cProxy::Duration() const {
 
 void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   if (stage_ == Stage::kClosed) return;
-  if (event == SessionSide::Event::kConnect) {  // of the server; the client is connected from the beginning
+  if (event == SessionSide::Event::kSecured) {
+    TlsStands();
+  } else if (event ==
+             SessionSide::Event::kConnect) {  // of the server; the client is connected from the beginning
     TimeoutSpan = std::chrono::seconds(0);
     timeout_.reset();
     side.Log(log_level::kConnection, "Connected.");
@@ -69,10 +72,10 @@ void cProxy::Pump() {
     if (Sender.HasEnded()) {
       EndServer(Sender.TakeEnd());
     } else if (Receiver.HasEnded()) {
-      Close();
-    } else if (Sender.Readable() && !Receiver.Sending()) {
+      EndClient();
+    } else if (Sender.Readable() && !Receiver.Sending() && !handshake_) {
       // What comes during a send waits in the socket, so that a client that does not read holds up its
-      // server.
+      // server. Likewise one that makes its handshake.
       TakeServerBytes();
     } else if (dialogue_.phase() == Phase::kEnding && !Receiver.Sending()) {
       Close();
@@ -87,7 +90,7 @@ void cProxy::Pump() {
       break;
     }
   }
-  if (stage_ != Stage::kClosed) WatchSends();
+  if (stage_ != Stage::kClosed) Watch();
 }
 
 void cProxy::PumpLater() {
@@ -116,6 +119,8 @@ void cProxy::TakeClientBytes() {
   const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
   const std::string_view there = Receiver.Peek(is_line ? kLinePeekBytes : kContentChunk);
   Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
+  // Only now: what is not taken would be the beginning of the client's TLS.
+  if (dialogue_.phase() == Phase::kStartTls) BeginTls();
 }
 
 void cProxy::TakeServerBytes() {
@@ -145,10 +150,9 @@ void cProxy::ToClient(std::string_view reply) {
   Receiver.Send(reply);
 }
 
-// Never asked for while no certificate is ready.
 void cProxy::StartTls(std::string_view last_words) {
-  ToClient(last_words);
-  Close();
+  handshake_ = std::make_unique<Handshake>();
+  handshake_->last_words = last_words;
 }
 
 void cProxy::AskForAddresses(std::string_view host_name) {
@@ -178,6 +182,53 @@ void cProxy::EndAfterPause() {
 
 void cProxy::Log(Side side, std::int32_t level, std::string_view text) {
   if (!IsOver()) (side == Side::kClient ? Receiver : Sender).Log(level, text);
+}
+
+// --- TLS with the client
+
+TlsTexts cProxy::TlsText() const {
+  const TlsFacts* facts = Receiver.Socket().Tls();
+  if (facts == nullptr) return {};
+  return {facts->version, facts->cipher, facts->peer_verified ? facts->peer_name : ""};
+}
+
+void cProxy::BeginTls() {
+  const auto& context = dependencies_.tls.for_clients;
+  if (!context) {
+    Receiver.Log(log_level::kErrors, "No certificate. Closing connection.");
+    return Close();
+  }
+  handshake_->began = dependencies_.clock.Monotonic();
+  // Without a client the pump ends the session.
+  if (IsOver() || !Receiver.IsConnected()) return;
+  const std::string last_words = std::exchange(handshake_->last_words, {});
+  if (!last_words.empty()) Receiver.Log(log_level::kSent, WithoutLineEnd(last_words));
+  dependencies_.sockets.SetMaxHandshakes(
+      static_cast<std::size_t>(dependencies_.configuration.TLS.MaxHandshakes));
+  Receiver.StartTls(TlsRole::kServer, context, last_words);
+}
+
+void cProxy::TlsStands() {
+  const bool at_begin = dialogue_.phase() == Phase::kTls;
+  handshake_.reset();
+  dialogue_.OnSecured();
+  if (!at_begin) return;
+  LastActivity = dependencies_.clock.Monotonic();
+  AdmitFurther();
+}
+
+void cProxy::EndClient() {
+  if (handshake_ && Receiver.HasClosed()) Receiver.Log(log_level::kErrors, "TLS handshake broken off.");
+  Close();
+}
+
+bool cProxy::EndHandshake() {
+  if (!handshake_) return false;
+  const auto max = std::chrono::seconds(dependencies_.configuration.TLS.HandshakeTimeout);
+  if (dependencies_.clock.Monotonic() - handshake_->began <= max) return false;
+  Receiver.Log(log_level::kErrors, "TLS handshake time-out. Closing connection.");
+  Close();
+  return true;
 }
 
 // --- time
@@ -213,8 +264,8 @@ void cProxy::ArmTimeout() {
 
 void cProxy::CheckTimeout() {
   RunHandler("cProxy.CheckTimeout", [this] {
-    if (EndSilent() || EndStuck()) return;
-    if (stall_timer_ && !Receiver.Sending() && !Sender.Sending()) stall_timer_->Disable();
+    if (EndSilent() || EndHandshake() || EndStuck()) return;
+    if (stall_timer_ && !NeedsWatch()) stall_timer_->Disable();
     // The end of the connection is noticed only after the unread bytes before it.
     if (Sender.Readable() && Sender.Socket().PeerEnded()) TakeLastWords();
     Pump();
@@ -253,8 +304,8 @@ void cProxy::TakeLastWords() {
   if (Sender.Readable() && Sender.Socket().UnreadBytes() <= kMaxLastWords) TakeServerBytes();
 }
 
-void cProxy::WatchSends() {
-  if (!Receiver.Sending() && !Sender.Sending()) return;
+void cProxy::Watch() {
+  if (!NeedsWatch()) return;
   if (stall_timer_ && stall_timer_->Enabled()) return;
   if (!stall_timer_) {
     stall_timer_ = std::make_unique<Timer>(dependencies_.loop, kStallInterval, [this] { CheckTimeout(); });

@@ -6,6 +6,9 @@
 //   it the client's name from DNS are checked.
 //   The client closes: the session ends.
 //
+// - TLS port: behind the checks of number and address comes the TLS handshake, and then the client's name. Until
+//   it is done the client could read no reply: it is closed without one, and no server is connected.
+//
 // - refused: the client's name was refused; only the proxy talks to it, until QUIT or the time-out.
 //
 // - connecting: the connection to the server is being made, the client's data waits. When it fails, the
@@ -14,6 +17,8 @@
 // - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
 //   other one, then the session ends. While the client has not taken all of it, the session goes on for the
 //   client alone; the server's connection is closed at once.
+//
+// - STARTTLS: while the handshake goes on, what the server says waits. The handshake's time is bounded.
 //
 // Up to the server's connection a client that completes no line for Timeout seconds is closed. A send to
 // either side that makes no progress (see SendStall) ends the session at any time.
@@ -47,7 +52,7 @@ class cProxy final : public DeferredDeletable,
  public:
   // The pause before a session is closed for commands out of order.
   static constexpr Milliseconds kBadSequencePause{500};
-  // How often a session checks a send that waits.
+  // How often a session checks a send that waits, and a handshake.
   static constexpr Milliseconds kStallInterval{500};
 
   explicit cProxy(SessionDependencies& dependencies);
@@ -55,12 +60,12 @@ class cProxy final : public DeferredDeletable,
   cProxy(const cProxy&) = delete;
   cProxy& operator=(const cProxy&) = delete;
 
-  // Takes the connection request of the listener: admission, then the connection to the server. The session
-  // is in the collection before; it may have left it when this returns. `tls`: the listener is one where TLS
-  // begins with the first byte.
-  void Init(std::int32_t requestID, bool tls = false);
+  // Takes the connection request of the listener, which is one where TLS is spoken from the first byte on, or
+  // not: admission, then the connection to the server. The session is in the collection before; it may have
+  // left it when this returns.
+  void Init(std::int32_t requestID, bool tls);
   // Ends the session when its client completed no line for longer than Timeout and the server is not yet
-  // connected, or when a send is stuck. Closes the connection of a server that has closed. Timers of the
+  // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a server that has closed. Timers of the
   // session call it.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
@@ -85,19 +90,25 @@ class cProxy final : public DeferredDeletable,
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
   bool TlsConfigured() const override { return !dependencies_.configuration.TLS.Certificate.empty(); }
-  bool TlsReady() const override { return false; }
-  bool TlsActive() const override { return false; }
-  TlsTexts TlsText() const override { return {}; }
-  bool ServerTlsActive() const override { return false; }
+  bool TlsReady() const override { return dependencies_.tls.for_clients != nullptr; }
+  bool TlsActive() const override { return Receiver.Socket().Tls() != nullptr; }
+  TlsTexts TlsText() const override;
+  bool ServerTlsActive() const override { return Sender.Socket().Tls() != nullptr; }
 
   // Admission, in this order; each returns whether the session goes on.
   bool AdmitByCount();
   bool AdmitByAddress();
+  void AdmitFurther();
   void LookUpClientName();
   void ClientNameKnown();
   bool AdmitByName();
   bool NameAdmissionApplies() const;
   void ConnectServer();
+
+  // TLS with the client: begun when the line that asked for it has been taken.
+  void BeginTls();
+  void TlsStands();
+  void EndClient();
 
   void OnSideEvent(SessionSide& side, SessionSide::Event event) override;
 
@@ -128,9 +139,12 @@ class cProxy final : public DeferredDeletable,
   bool LineHasCome();
   void ArmTimeout();
   bool EndSilent();
+  bool EndHandshake();
   bool EndStuck();
   void TakeLastWords();
-  void WatchSends();
+  // Whether something goes on whose time is bounded: a send, or a handshake.
+  bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_; }
+  void Watch();
 
   // The body of an event handler: not run when the session has ended; errors that leave it are logged.
   template <class Body>
@@ -144,6 +158,13 @@ class cProxy final : public DeferredDeletable,
   SessionSide Sender;    // towards the real server
   Dialogue dialogue_;
 
+  // A TLS handshake of the client, from the moment that it is asked for until it is done.
+  struct Handshake {
+    std::string last_words;
+    MonotonicTime began{};
+  };
+  std::unique_ptr<Handshake> handshake_;
+
   std::chrono::seconds TimeoutSpan{0};  // 0: no time-out
   MonotonicTime LastActivity{};
   std::int64_t looked_to_ = 0;  // how far the client's bytes have been searched for a line's end
@@ -155,7 +176,7 @@ class cProxy final : public DeferredDeletable,
   LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits
   std::unique_ptr<Timer> pause_;        // the session ends when it has passed
   std::unique_ptr<Timer> timeout_;      // until the server is connected
-  std::unique_ptr<Timer> stall_timer_;  // enabled while a send waits
+  std::unique_ptr<Timer> stall_timer_;  // enabled while NeedsWatch()
 };
 
 template <class Body>

@@ -7,7 +7,7 @@
 
 namespace trabex {
 
-void cProxy::Init(std::int32_t requestID, bool /*tls*/) {
+void cProxy::Init(std::int32_t requestID, bool tls) {
   TimeoutSpan = std::chrono::seconds(dependencies_.configuration.Timeout);
   try {
     Receiver.Socket().Accept(requestID);
@@ -18,16 +18,26 @@ void cProxy::Init(std::int32_t requestID, bool /*tls*/) {
     return;
   }
   if (stage_ == Stage::kClosed) return;
-  RunHandler("cProxy.Init", [this] {
+  RunHandler("cProxy.Init", [&] {
     StartTime = LastActivity = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
+    if (tls) dialogue_.ExpectTls();
     if (!AdmitByCount() || !AdmitByAddress()) return;
     if (TimeoutSpan.count() != 0) ArmTimeout();
-    const bool name_decides = NameAdmissionApplies();
-    LookUpClientName();
-    if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
+    if (tls) {
+      StartTls({});
+      BeginTls();
+    } else {
+      AdmitFurther();
+    }
     Pump();
   });
+}
+
+void cProxy::AdmitFurther() {
+  const bool name_decides = NameAdmissionApplies();
+  LookUpClientName();
+  if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
 }
 
 bool cProxy::AdmitByCount() {

@@ -8,6 +8,7 @@
 #include "platform/event_loop.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/session_collection.h"
+#include "proxy/tls_contexts.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -21,6 +22,7 @@ struct SessionDependencies {
   modSocketMaster& sockets;
   NameLookup& names;
   SessionCollection& sessions;
+  TlsContexts& tls;
   GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
 };
 

@@ -46,6 +46,19 @@ std::string_view LogMark(std::int32_t level) {
   return level == log_level::kReceived ? "< " : level == log_level::kSent ? "> " : "";
 }
 
+std::string DescribeTls(const TlsFacts& facts, bool of_client) {
+  std::string line = "TLS: " + facts.version + ", " + facts.cipher;
+  // Towards the server the name is the one of our settings.
+  if (of_client && !facts.server_name.empty()) line += ", name " + facts.server_name;
+  if (facts.resumed) line += ", resumed";
+  if (facts.has_peer_certificate) {
+    line += of_client ? ", client certificate \"" + facts.peer_name + "\"" : ", certificate";
+    line += facts.peer_verified ? " verified" : " not verified";
+    if (of_client && !facts.peer_verified) line += ": " + facts.peer_failure;
+  }
+  return line + ".";
+}
+
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark) {
   std::string line;

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/ip_address.h"
+#include "tls/tls_facts.h"
 
 namespace trabex {
 
@@ -19,5 +20,9 @@ std::string_view LogMark(std::int32_t level);
 // terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark = {});
+
+// What was agreed with the client (`of_client`), or with the server: "TLS: TLSv1.3, TLS_AES_256_GCM_SHA384,
+// resumed." and the like.
+std::string DescribeTls(const TlsFacts& facts, bool of_client);
 
 }  // namespace trabex

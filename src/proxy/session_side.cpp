@@ -1,5 +1,8 @@
 #include "proxy/session_side.h"
 
+#include <utility>
+
+#include "net/socket_errors.h"
 #include "proxy/session_log.h"
 
 namespace trabex {
@@ -53,8 +56,26 @@ void SessionSide::Send(std::string_view bytes, bool more_follows) {
   socket_.SendData(bytes, more_follows);
 }
 
+void SessionSide::StartTls(TlsRole role, std::shared_ptr<const TlsContext> context,
+                           std::string_view last_words) {
+  if (!IsConnected()) return;
+  const struct Clear {
+    bool& flag;
+    ~Clear() { flag = false; }
+  } at_end{in_send_};
+  in_send_ = true;
+  socket_.Events.Secured = [this] {
+    Log(log_level::kConnection, DescribeTls(*socket_.Tls(), peer_ == Peer::kClient));
+    owner_.OnSideEvent(*this, Event::kSecured);
+  };
+  socket_.StartTls(role, std::move(context), last_words);
+}
+
 void SessionSide::NoteFailure(int error, std::string_view description) {
   end_ = End::kFailed;
+  if (error == tls_error::kTooManyHandshakes) {
+    return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
+  }
   Log(log_level::kErrors, "Error " + std::to_string(error) + ". " + std::string(description));
 }
 

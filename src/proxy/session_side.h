@@ -19,13 +19,13 @@ class SessionSide {
  public:
   enum class Peer { kClient, kServer };
   // What the socket notifies its session of. Other: a send is complete, or the connection has ended.
-  enum class Event { kConnect, kDataArrival, kOther };
+  enum class Event { kConnect, kDataArrival, kSecured, kOther };
 
   class Owner {
    public:
     virtual ~Owner() = default;
     // The fact is noted already. Errors that leave the call are logged by the socket. Never called from
-    // inside Send: what happens there is only noted, and its caller checks it.
+    // inside Send or StartTls: what happens there is only noted, and its caller checks it.
     virtual void OnSideEvent(SessionSide& side, Event event) = 0;
   };
 
@@ -55,6 +55,9 @@ class SessionSide {
   bool Sending() const { return sending_; }
   // Sends nothing unless the peer is connected.
   void Send(std::string_view bytes, bool more_follows = false);
+  // Begins TLS (see CSocketMaster::StartTls), with `last_words` in the clear. When it stands, that is logged, and
+  // kSecured follows. Does nothing unless the peer is connected.
+  void StartTls(TlsRole role, std::shared_ptr<const TlsContext> context, std::string_view last_words = {});
   // Whether the latest Send was complete when it returned.
   bool SentAtOnce() const { return sent_at_once_; }
   bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
@@ -63,6 +66,8 @@ class SessionSide {
   bool HasEnded() const { return end_.has_value(); }
   // Only where HasEnded().
   End TakeEnd() { return *std::exchange(end_, std::nullopt); }
+  // Whether the peer has closed its connection.
+  bool HasClosed() const { return end_ == End::kClosed; }
   // Notes that the connection failed, and logs why.
   void NoteFailure(int error, std::string_view description);
 

@@ -106,7 +106,7 @@ SessionFixture::~SessionFixture() {
 void SessionFixture::Start() {
   if (listener_) return;
   dependencies_ = std::make_unique<SessionDependencies>(
-      SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Greylisting});
+      SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Tls, Greylisting});
   listener_ = ListenOn("127.0.0.1");
   Connect(Loopback());
 }
@@ -118,7 +118,7 @@ const IPAddress& SessionFixture::Loopback() const {
 std::unique_ptr<CSocketMaster> SessionFixture::ListenOn(const std::string& address) {
   auto listener = std::make_unique<CSocketMaster>(module_);
   listener->Events.ConnectionRequest = [this](std::int32_t request) {
-    sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request);
+    sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request, OnTlsPort);
   };
   listener->Bind(0, address);
   listener->Listen();

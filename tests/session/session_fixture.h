@@ -38,6 +38,8 @@ class SessionFixture {
   EventLoop Loop{Time};
   FakeNameLookup Names{Loop};
   GreylistCheck* Greylisting = nullptr;
+  TlsContexts Tls;
+  bool OnTlsPort = false;  // whether TLS is spoken from the first byte on
 
   // Plays the script. Returns "" or what went wrong, with the dialogue so far.
   std::string Play(std::string_view text);
