@@ -21,14 +21,19 @@ RECIPIENT = "recipient@test.example"
 KINDS = {"a connection per message": [], "connections that stay": ["-d"]}
 
 
-def arguments_of(description):
-    """Reads the command line, and prepares this process for many connections."""
+def parser_of(description, messages=5000):
+    """What all of them have on their command lines. `messages` is a default."""
     parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", type=Path, default=Options.build, help="the build folder with Trabex")
     parser.add_argument("--rounds", type=int, default=7)
-    parser.add_argument("--messages", type=int, default=5000, help="messages of a run")
+    parser.add_argument("--messages", type=int, default=messages, help="messages of a run")
     parser.add_argument("--sessions", type=int, default=20, help="sessions at a time")
     parser.add_argument("--size", type=int, default=4096, help="bytes of a message")
+    return parser
+
+
+def arguments_of(parser):
+    """Reads the command line, and prepares this process for many connections."""
     arguments = parser.parse_args()
     Options.build = arguments.build.resolve()
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)

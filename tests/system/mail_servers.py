@@ -318,9 +318,12 @@ class Balancer:
 
 
 class HaProxy:
-    """HAProxy that relays bytes between two loopback ports with one thread: the peer to compare with."""
+    """HAProxy that relays bytes between two loopback ports with one thread: the peer to compare with.
 
-    def __init__(self, place, server_port, connections=5000):
+    `binding` are words for its listener, such as ssl crt <file>.
+    """
+
+    def __init__(self, place, server_port, connections=5000, binding=""):
         folder = place.new_folder("haproxy")
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
@@ -328,7 +331,7 @@ class HaProxy:
         configuration.write_text(
             f"global\n  nbthread 1\n  maxconn {connections}\n"
             "defaults\n  mode tcp\n  timeout connect 10s\n  timeout client 10m\n  timeout server 10m\n"
-            f"listen smtp\n  bind {LOOPBACK}:{self.port}\n  server real {LOOPBACK}:{server_port}\n")
+            f"listen smtp\n  bind {LOOPBACK}:{self.port} {binding}\n  server real {LOOPBACK}:{server_port}\n")
         self.process = Process(place, "haproxy", ["haproxy", "-db", "-f", configuration])
         # SIGTERM is its immediate stop; it reports it as a signal or as status 143.
         place.on_leaving(self.process.end)
