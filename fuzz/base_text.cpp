@@ -39,8 +39,9 @@ void CheckSplitting(std::string_view text, const Form& form) {
       joined += piece;
     }
     Require(joined == text);
-    for (std::string_view piece : mCommon::SplitOutside(text, form.separator, form.open, form.close, -1,
-                                                        mCommon::Compare::kNoCase, true)) {
+    for (std::string_view piece :
+         mCommon::SplitOutside(text, form.separator, form.open, form.close,
+                               {.compareMode = mCommon::Compare::kNoCase, .skipEmpty = true})) {
       Require(!piece.empty());
     }
   } catch (const Error& error) {

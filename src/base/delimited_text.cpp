@@ -65,15 +65,16 @@ std::size_t InstrOutsise(std::size_t start, std::string_view text, std::string_v
 }
 
 std::vector<std::string_view> SplitOutside(std::string_view text, std::string_view separator,
-                                           std::string_view open, std::string_view close, int limit,
-                                           Compare compareMode, bool skipEmpty) {
+                                           std::string_view open, std::string_view close,
+                                           SplitOptions options) {
   std::vector<std::string_view> pieces;
   const auto add = [&](std::string_view piece) {
-    if (!piece.empty() || !skipEmpty) pieces.push_back(piece);
+    if (!piece.empty() || !options.skipEmpty) pieces.push_back(piece);
   };
   std::size_t from = 0;
-  while (limit < 0 || pieces.size() + 1 < static_cast<std::size_t>(limit)) {
-    const std::size_t at = InstrOutsise(from + 1, text, separator, open, close, compareMode, compareMode);
+  while (options.limit < 0 || pieces.size() + 1 < static_cast<std::size_t>(options.limit)) {
+    const std::size_t at =
+        InstrOutsise(from + 1, text, separator, open, close, options.compareMode, options.compareMode);
     if (at == 0) break;
     add(text.substr(from, at - 1 - from));
     from = at - 1 + separator.size();

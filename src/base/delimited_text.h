@@ -30,11 +30,16 @@ std::size_t InstrOutsise(std::size_t start, std::string_view text, std::string_v
                          Compare compareSearch = Compare::kExact,
                          Compare compareDelimiters = Compare::kExact);
 
+struct SplitOptions {
+  int limit = -1;  // the greatest number of pieces, of which the last one is the rest; -1: any number
+  Compare compareMode = Compare::kExact;
+  bool skipEmpty = false;  // empty pieces are left out
+};
+
 // The pieces of `text` between separators outside delimited parts; they keep their delimiters and point into
-// `text`. `limit` is the greatest number of pieces (the last one is the rest), -1 for any. With `skipEmpty`
-// empty pieces are left out. Raises what InstrOutsise raises.
+// `text`. Raises what InstrOutsise raises.
 std::vector<std::string_view> SplitOutside(std::string_view text, std::string_view separator,
-                                           std::string_view open, std::string_view close, int limit = -1,
-                                           Compare compareMode = Compare::kExact, bool skipEmpty = false);
+                                           std::string_view open, std::string_view close,
+                                           SplitOptions options = {});
 
 }  // namespace trabex::mCommon

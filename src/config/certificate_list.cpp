@@ -29,8 +29,7 @@ std::string ReadName(std::string_view part, std::string_view entry, std::string_
 
 CertificateFiles ReadEntry(std::string_view entry, std::string_view program_directory) {
   constexpr std::size_t kMaxParts = 2;
-  const std::vector<std::string_view> parts =
-      SplitOutside(entry, " ", kQuote, kQuote, -1, Compare::kExact, true);
+  const std::vector<std::string_view> parts = SplitOutside(entry, " ", kQuote, kQuote, {.skipEmpty = true});
   if (parts.size() > kMaxParts) RaiseBadEntry(entry);
   return {ReadName(parts.front(), entry, program_directory),
           ReadName(parts.back(), entry, program_directory)};

@@ -75,7 +75,7 @@ class ListMaker {
   std::vector<std::string_view> Words(std::string_view piece) const {
     // Without a delimiter every blank separates, and two in a row have an empty word between them.
     if (form_.open_delimiter.empty()) return Split(piece, ' ');
-    return SplitOutside(piece, " ", form_.open_delimiter, form_.close_delimiter, -1, Compare::kExact, true);
+    return SplitOutside(piece, " ", form_.open_delimiter, form_.close_delimiter, {.skipEmpty = true});
   }
 
   std::string_view Normalised(std::string_view expression) const {

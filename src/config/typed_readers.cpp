@@ -76,8 +76,7 @@ bool IsPatternList(std::string_view key) {
   if (mText::IsInvalidPattern(key)) return false;
   try {
     for (std::string_view alternative : SplitOutside(key, ",", "\"", "\"")) {
-      for (std::string_view part :
-           SplitOutside(Trim(alternative), " ", "\"", "\"", -1, Compare::kExact, true)) {
+      for (std::string_view part : SplitOutside(Trim(alternative), " ", "\"", "\"", {.skipEmpty = true})) {
         if (part.front() == '"') part = Undelimit(part, "\"", "\"");
         if (mText::IsInvalidPattern(part)) return false;
       }

@@ -53,8 +53,8 @@ class ComplexPattern {
 
   std::vector<std::string_view> SplitAt(std::string_view text, std::string_view separator,
                                         bool skip_empty) const {
-    return mCommon::SplitOutside(text, separator, form_.open_delimiter, form_.close_delimiter, -1,
-                                 mCommon::Compare::kExact, skip_empty);
+    return mCommon::SplitOutside(text, separator, form_.open_delimiter, form_.close_delimiter,
+                                 {.skipEmpty = skip_empty});
   }
 
   bool MatchesAlternative(std::string_view text, std::string_view alternative) const {

@@ -103,13 +103,13 @@ TEST(InstrOutsise, ReportsAPartWithoutEnd) {
 
 TEST(SplitOutside, CountsPiecesUpToItsLimit) {
   using Pieces = std::vector<std::string_view>;
-  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", 1), (Pieces{"a,b,c"}));
-  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", 3), (Pieces{"a", "b", "c"}));
-  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", 9), (Pieces{"a", "b", "c"}));
-  EXPECT_EQ(SplitOutside(",a,,b,c", ",", "", "", 2, mCommon::Compare::kExact, true), (Pieces{"a", ",b,c"}));
-  EXPECT_EQ(SplitOutside("\"a,b\",c,d", ",", "\"", "\"", 2), (Pieces{"\"a,b\"", "c,d"}));
+  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", {.limit = 1}), (Pieces{"a,b,c"}));
+  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", {.limit = 3}), (Pieces{"a", "b", "c"}));
+  EXPECT_EQ(SplitOutside("a,b,c", ",", "", "", {.limit = 9}), (Pieces{"a", "b", "c"}));
+  EXPECT_EQ(SplitOutside(",a,,b,c", ",", "", "", {.limit = 2, .skipEmpty = true}), (Pieces{"a", ",b,c"}));
+  EXPECT_EQ(SplitOutside("\"a,b\",c,d", ",", "\"", "\"", {.limit = 2}), (Pieces{"\"a,b\"", "c,d"}));
   // The rest is not read, so a part without end in it is not reported.
-  EXPECT_EQ(SplitOutside("a,\"b", ",", "\"", "\"", 2), (Pieces{"a", "\"b"}));
+  EXPECT_EQ(SplitOutside("a,\"b", ",", "\"", "\"", {.limit = 2}), (Pieces{"a", "\"b"}));
 }
 
 TEST(SplitOutside, ReportsAPartWithoutEnd) {
@@ -121,8 +121,8 @@ TEST(SplitOutside, EmptyPiecesAtTheEnds) {
   using Pieces = std::vector<std::string_view>;
   EXPECT_EQ(SplitOutside(",", ",", "", ""), (Pieces{"", ""}));
   EXPECT_EQ(SplitOutside(",a,", ",", "", ""), (Pieces{"", "a", ""}));
-  EXPECT_EQ(SplitOutside(",a,", ",", "", "", -1, mCommon::Compare::kExact, true), (Pieces{"a"}));
-  EXPECT_EQ(SplitOutside("\"\"", " ", "\"", "\"", -1, mCommon::Compare::kExact, true), (Pieces{"\"\""}));
+  EXPECT_EQ(SplitOutside(",a,", ",", "", "", {.skipEmpty = true}), (Pieces{"a"}));
+  EXPECT_EQ(SplitOutside("\"\"", " ", "\"", "\"", {.skipEmpty = true}), (Pieces{"\"\""}));
 }
 
 // The pieces as read byte by byte, or nothing when a part has no end.
@@ -173,13 +173,14 @@ TEST(SplitOutside, IsThatForRandomTexts) {
 
 TEST(SplitOutside, SplitsOutsideOfDelimitedParts) {
   using Pieces = std::vector<std::string_view>;
-  EXPECT_EQ(SplitOutside("a  \"b c\" d", " ", "\"", "\"", -1, mCommon::Compare::kExact, true),
+  EXPECT_EQ(SplitOutside("a  \"b c\" d", " ", "\"", "\"", {.skipEmpty = true}),
             (Pieces{"a", "\"b c\"", "d"}));
   EXPECT_EQ(SplitOutside("a,,b", ",", "", ""), (Pieces{"a", "", "b"}));
-  EXPECT_EQ(SplitOutside("a=b=c", "=", "", "", 2), (Pieces{"a", "b=c"}));
+  EXPECT_EQ(SplitOutside("a=b=c", "=", "", "", {.limit = 2}), (Pieces{"a", "b=c"}));
   EXPECT_EQ(SplitOutside("", ",", "", ""), (Pieces{""}));
-  EXPECT_EQ(SplitOutside("", ",", "", "", -1, mCommon::Compare::kExact, true), (Pieces{}));
-  EXPECT_EQ(SplitOutside("aXXbxxc", "xx", "", "", -1, mCommon::Compare::kNoCase), (Pieces{"a", "b", "c"}));
+  EXPECT_EQ(SplitOutside("", ",", "", "", {.skipEmpty = true}), (Pieces{}));
+  EXPECT_EQ(SplitOutside("aXXbxxc", "xx", "", "", {.compareMode = mCommon::Compare::kNoCase}),
+            (Pieces{"a", "b", "c"}));
 }
 
 }  // namespace
