@@ -39,14 +39,6 @@ CalendarTime ToCalendar(DateTime time) {
           .second = static_cast<int>(clock.seconds().count())};
 }
 
-DateTime FromCalendar(const CalendarTime& time) {
-  using namespace std::chrono;
-  const year_month_day date(year(time.year), month(static_cast<unsigned>(time.month)),
-                            day(static_cast<unsigned>(time.day)));
-  const auto days_from_epoch = static_cast<double>(sys_days(date).time_since_epoch().count());
-  return kUnixEpoch + days_from_epoch + (time.hour * 3600 + time.minute * 60 + time.second) / kSecondsPerDay;
-}
-
 DateTime FromUnix(std::int64_t seconds, int microseconds) {
   return kUnixEpoch + (static_cast<double>(seconds) + microseconds / 1e6) / kSecondsPerDay;
 }

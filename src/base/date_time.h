@@ -28,8 +28,6 @@ struct CalendarTime {
 
 // The calendar fields of `time`, rounded to the nearest second. Meant for years 100 to 9999.
 CalendarTime ToCalendar(DateTime time);
-// The inverse; weekday is not read.
-DateTime FromCalendar(const CalendarTime& time);
 
 // The seconds since 1 January 1970 as a date-time, with microseconds as the fraction of a second (0 to
 // 999999).

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "support/calendar.h"
 #include "support/fake_clock.h"
 #include "support/open_file_limit.h"
 #include "support/temp_folder.h"

@@ -5,6 +5,8 @@
 #include <cmath>
 #include <string>
 
+#include "support/calendar.h"
+
 namespace trabex {
 namespace {
 

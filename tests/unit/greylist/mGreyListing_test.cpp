@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/ascii_spellings.h"
+#include "support/calendar.h"
 #include "support/fake_clock.h"
 #include "support/ip_address.h"
 #include "support/recorded_log.h"
