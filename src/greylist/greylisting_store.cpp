@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/error.h"
+#include "base/text.h"
 #include "greylist/database_file.h"
 
 namespace trabex {
@@ -22,24 +23,47 @@ std::string ErrorText(std::string_view action, int number, std::string_view desc
   return text.append(description).append(".");
 }
 
-// Of digits only, as a background save writes it.
 template <class Number>
-Number NumberOf(std::string_view text) {
+Number NumberOf(std::string_view digits) {
   Number number = 0;
-  std::from_chars(text.data(), text.data() + text.size(), number);
+  std::from_chars(digits.data(), digits.data() + digits.size(), number);
   return number;
 }
 
-// The work of a background save. Its content returns how many records it left out. The result is the error's
-// number, a blank and its description; after a success 0, a blank and what the content returned.
-std::string ReplaceAndReport(const std::string& path, const TaskContent& content) {
-  try {
-    std::string left_out;
-    ReplaceDatabaseFile(path, [&](const BytesOut& out) { left_out = content(out); });
-    return "0 " + left_out;
-  } catch (const Error& error) {
-    return std::to_string(error.Number()) + " " + error.Description();
+// What a background save reports to the program. It comes as a text: the numbers and the description, with a
+// blank between each two.
+struct SaveReport {
+  int error = 0;             // 0: saved
+  std::size_t left_out = 0;  // records that the file format cannot hold
+  std::string description;   // of the error
+
+  std::string Text() const {
+    return std::to_string(error) + " " + std::to_string(left_out) + " " + description;
   }
+  static SaveReport Read(std::string_view text) {
+    const auto take_word = [&] {
+      const std::string_view word = FirstWord(text);
+      text.remove_prefix(std::min(word.size() + 1, text.size()));
+      return word;
+    };
+    SaveReport report;
+    report.error = NumberOf<int>(take_word());
+    report.left_out = NumberOf<std::size_t>(take_word());
+    report.description = text;
+    return report;
+  }
+};
+
+// The work of a background save. Its content returns how many records it left out.
+std::string ReplaceAndReport(const std::string& path, const TaskContent& content) {
+  SaveReport report;
+  try {
+    ReplaceDatabaseFile(path,
+                        [&](const BytesOut& out) { report.left_out = NumberOf<std::size_t>(content(out)); });
+  } catch (const Error& error) {
+    report = {error.Number(), 0, error.Description()};
+  }
+  return report.Text();
 }
 
 }  // namespace
@@ -141,12 +165,9 @@ GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::st
 GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const TaskResult& result) {
   BeginSweep(now);
   if (!result.ended) return Failed(now, error_number::kDeviceIo, "The process that saves it was ended");
-  const std::string_view text = result.text;
-  const std::size_t blank = std::min(text.find(' '), text.size());
-  const std::string_view description = text.substr(std::min(blank + 1, text.size()));
-  const auto number = NumberOf<int>(text.substr(0, blank));
-  if (number != 0) return Failed(now, number, description);
-  return Saved(now, NumberOf<std::size_t>(description));
+  const SaveReport report = SaveReport::Read(result.text);
+  if (report.error != 0) return Failed(now, report.error, report.description);
+  return Saved(now, report.left_out);
 }
 
 void GreyListingStore::BeginSweep(DateTime now) {
