@@ -1,8 +1,6 @@
 #include "base/ip_address.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <random>
@@ -10,6 +8,8 @@
 #include <type_traits>
 #include <unordered_set>
 #include <vector>
+
+#include "support/system_address.h"
 
 namespace trabex {
 namespace {
@@ -23,10 +23,8 @@ IPAddress Address(std::string_view text) {
 
 // What the system reads, written by the system; "" when it reads nothing.
 std::string SystemText(const std::string& text) {
-  IPAddress::IPv6Bytes bytes{};
-  if (inet_pton(AF_INET6, text.c_str(), bytes.data()) != 1) return "";
-  char written[INET6_ADDRSTRLEN];
-  return inet_ntop(AF_INET6, bytes.data(), written, sizeof written);
+  const auto bytes = SystemReadsAddress(AddressFamily::kIPv6, text);
+  return bytes ? SystemWritesIPv6(*bytes) : "";
 }
 
 TEST(IPv4Text, FourDecimalPartsAreAnAddress) {
@@ -235,10 +233,9 @@ TEST(IPv6Text, IsWrittenAsTheSystemDoes) {
     ASSERT_EQ(address.IsIPv4(), round % 8 == 0);
     const std::string written = FormatIPAddress(address);
     ASSERT_EQ(ParseIPAddress(written), address) << written;
-    char system[INET6_ADDRSTRLEN];
-    inet_ntop(AF_INET6, bytes.data(), system, sizeof system);
+    const std::string system = SystemWritesIPv6(bytes);
     // That has an IPv4 address also in the IPv4-compatible form, which RFC 5952 does not ask for.
-    const bool compatible = std::string_view(system).find('.') != std::string_view::npos && !address.IsIPv4();
+    const bool compatible = system.find('.') != std::string_view::npos && !address.IsIPv4();
     if (!compatible) {
       ASSERT_EQ((address.IsIPv4() ? "::ffff:" : "") + written, system);
     }

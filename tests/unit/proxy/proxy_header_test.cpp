@@ -1,6 +1,5 @@
 #include "proxy/dialogue/proxy_header.h"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 
 #include "base/text.h"
 #include "script/escapes.h"
+#include "support/system_address.h"
 
 namespace trabex {
 namespace {
@@ -112,26 +112,24 @@ TEST(ProxyHeader, LineTellsWhoseConnectionItIs) {
   }
 }
 
-// Whether the line is a header, by other means: the system's reader of addresses. `of_one_family`: also whether
-// both addresses are.
+// Whether the line is a header, by other means: the system's reader of addresses. `of_one_family`: also
+// whether both addresses are.
 bool IsHeader(const std::string& line, bool of_one_family = true) {
   if (line.size() < 2 || line.size() > 107 || line.find("\r\n") != line.size() - 2) return false;
   const std::string text = line.substr(0, line.size() - 2);
   if (text == "PROXY UNKNOWN" || text.starts_with("PROXY UNKNOWN ")) return true;
   const auto words = Split(text, ' ');
   if (words.size() != 6 || words[0] != "PROXY" || (words[1] != "TCP4" && words[1] != "TCP6")) return false;
-  const int family = words[1] == "TCP4" ? AF_INET : AF_INET6;
-  std::array<std::array<unsigned char, 16>, 2> addresses{};
-  for (std::size_t i = 0; i < 2; ++i) {
-    const std::string address(words[2 + i]);
-    if (address.find('\0') != std::string::npos) return false;
-    if (inet_pton(family, address.c_str(), addresses[i].data()) != 1) return false;
-  }
-  const auto is_mapped = [](const std::array<unsigned char, 16>& address) {
+  const AddressFamily family = words[1] == "TCP4" ? AddressFamily::kIPv4 : AddressFamily::kIPv6;
+  const auto client = SystemReadsAddress(family, std::string(words[2]));
+  const auto called = SystemReadsAddress(family, std::string(words[3]));
+  if (!client || !called) return false;
+  const auto is_mapped = [](const IPAddress::IPv6Bytes& address) {
     static constexpr std::array<unsigned char, 12> kMapped{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFF, 0xFF};
     return std::equal(kMapped.begin(), kMapped.end(), address.begin());
   };
-  if (of_one_family && family == AF_INET6 && is_mapped(addresses[0]) != is_mapped(addresses[1])) return false;
+  if (of_one_family && family == AddressFamily::kIPv6 && is_mapped(*client) != is_mapped(*called))
+    return false;
   for (std::size_t i = 4; i < 6; ++i) {
     const std::string port(words[i]);
     if (port.empty() || port.find_first_not_of("0123456789") != std::string::npos) return false;
