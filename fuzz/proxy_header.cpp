@@ -1,5 +1,5 @@
-// What a connection of a load balancer may begin with. However it is cut, it is a header, the beginning of one,
-// or neither; and what a header says can be written again.
+// What a connection of a load balancer may begin with. However it is cut, it is a header, the beginning of
+// one, or neither; and what a header says can be written again.
 #include "proxy/dialogue/proxy_header.h"
 
 #include <algorithm>

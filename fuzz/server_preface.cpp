@@ -1,7 +1,7 @@
 // A server that says anything before the client's dialogue with it begins. The first line holds letters: s
-// STARTTLS is wanted, r it is required, p the header of the PROXY protocol is to be proved, x XCLIENT is wanted.
-// The rest is what the server says; a byte FF ends what comes at a time. TLS begins when it is asked for, and
-// names are answered then; a byte FE stands for what comes before that.
+// STARTTLS is wanted, r it is required, p the header of the PROXY protocol is to be proved, x XCLIENT is
+// wanted. The rest is what the server says; a byte FF ends what comes at a time. TLS begins when it is asked
+// for, and names are answered then; a byte FE stands for what comes before that.
 //
 // Whatever it says:
 // - the dialogue goes on with the server only under TLS where that is required, and only after XCLIENT was

@@ -1,5 +1,5 @@
-// session_seeds HOSTILE_FILES FOLDER: writes each hostile file, as its client and a scripted server play it on a dialogue,
-// to a file of the folder, in the records that the target "session" reads.
+// session_seeds HOSTILE_FILES FOLDER: writes each hostile file, as its client and a scripted server play it
+// on a dialogue, to a file of the folder, in the records that the target "session" reads.
 #include <algorithm>
 #include <exception>
 #include <filesystem>

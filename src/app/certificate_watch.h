@@ -1,4 +1,4 @@
-// Whether the files of certificates, keys and authorities have changed, told by looks at them.
+// Notices, by repeated checks, that the files of certificates, keys and authorities have changed.
 #pragma once
 
 #include <optional>

@@ -24,7 +24,7 @@ class Certificates {
  public:
   // How often the files are looked at.
   static constexpr Milliseconds kBetweenLooks{60000};
-  // For so many days the log tells daily that a certificate expires.
+  // So many days before a certificate expires the log begins to say so, once a day.
   static constexpr int kNoticeDays = 14;
 
   // All outlive this object. Nothing is loaded before the first Follow.
@@ -43,7 +43,7 @@ class Certificates {
     std::string server_name;
     friend bool operator==(const Wanted&, const Wanted&) = default;
   };
-  // A certificate in use of which the log has told.
+  // A certificate in use that the log has named.
   struct Known {
     TlsLoadReport::Certificate certificate;
     std::optional<DateTime> last_notice;  // that it expires; universal

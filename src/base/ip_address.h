@@ -129,8 +129,8 @@ std::string FormatIPAddress(const IPAddress& address);
 // "[192.0.2.1]", "[IPv6:2001:db8::1]": the form of SMTP (RFC 5321, 4.1.3); "[]" for none.
 std::string FormatAddressLiteral(const IPAddress& address);
 
-// The address in a literal of that form, a part of `text`; empty unless `text` is such a literal, an IPv6 address
-// with its tag (in any letter case) and an IPv4 address, of the form kDigits, without one.
+// The address in a literal of that form, a part of `text`; empty unless `text` is such a literal, an IPv6
+// address with its tag (in any letter case) and an IPv4 address, of the form kDigits, without one.
 std::string_view AddressInLiteral(std::string_view text);
 
 // The first `count` (0 to 4) parts of an IPv4 address, "192.0.2" for 3; "" for any other address.

@@ -114,8 +114,8 @@ struct Configuration {
 
   // Section Common.
   std::string BindIP;
-  // The addresses of BindIP, each once, in its order. An entry like "300.1.1.1" is none of either family: it
-  // stands here as none, and nothing can be bound to it.
+  // The addresses of BindIP, each once, in its order. An entry like "300.1.1.1", which is an address of no
+  // family, is the empty address here; binding to it fails.
   std::vector<IPAddress> BindAddresses;
   std::int32_t BindPortTLS;           // 0: none
   IPRangeList ProxyProtocolFrom;      // balancers: their connections begin with a PROXY header

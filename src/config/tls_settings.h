@@ -18,7 +18,7 @@ inline constexpr std::int32_t kRemoteClients = 2;
 // ClientCertificates.
 namespace client_certificates {
 inline constexpr std::int32_t kNotAsked = 0;
-inline constexpr std::int32_t kAsked = 1;     // told by the log and by macros; nothing depends on it
+inline constexpr std::int32_t kAsked = 1;     // shown in the log and by macros; nothing depends on it
 inline constexpr std::int32_t kRequired = 2;  // no session without one that ClientCA vouches for
 }  // namespace client_certificates
 

@@ -27,9 +27,9 @@ using FileContent = std::function<void(const BytesOut& out)>;
 
 // Writes `content` to a new file (`path` with "new" appended), and only when that is whole and on the disk
 // makes the file at `path` the backup and the new one the file at `path` (ReplaceFile in
-// platform/file_replace.h says which file has which name at each moment). Creates the last level of the folder
-// when it is missing. Raises the numbers of platform/files.h, and what `content` raises; both files are then
-// as they were, but for 57 from a folder that cannot be synced although the files in it were moved.
+// platform/file_replace.h says which file has which name at each moment). Creates the last level of the
+// folder when it is missing. Raises the numbers of platform/files.h, and what `content` raises; both files
+// are then as they were, but for 57 from a folder that cannot be synced although the files in it were moved.
 void ReplaceDatabaseFile(const std::string& path, const FileContent& content);
 
 // The same with the records that have not expired at `now` as content. Returns how many records are left out

@@ -112,7 +112,7 @@ void IPRangeList::Family<Number>::Merge() {
   std::erase_if(ranges, [](const auto& range) { return range.low > range.high; });
   std::sort(ranges.begin(), ranges.end(), [](const auto& a, const auto& b) { return a.low < b.low; });
   for (const auto& range : ranges) {
-    // The number behind the last one there is would be 0.
+    // The number after the last one there is would be 0.
     if (!merged.empty() && (Next(merged.back().high) == Number{} || range.low <= Next(merged.back().high))) {
       merged.back().high = std::max(merged.back().high, range.high);
     } else {

@@ -19,8 +19,8 @@ struct IPRange {
 };
 
 // Ranges of both families in the order of their entries, with a sorted and merged copy for look-ups; 16 bytes
-// for each entry of IPv4, 64 for one of IPv6, since a list may have a million. The empty list matches nothing,
-// and no range holds an address of the other family.
+// for each entry of IPv4, 64 for one of IPv6, since a list may have a million. The empty list matches
+// nothing, and no range holds an address of the other family.
 class IPRangeList {
  public:
   IPRangeList() = default;
@@ -64,8 +64,8 @@ class IPRangeList {
 
 namespace mCommon {
 
-// The address that `text` is: an IPv4 address in the form kNumbers or, when it has a colon, an IPv6 address as
-// ParseIPAddress reads it, with blanks around allowed. Raises 380 (source "mCommon.CLngIP") "Invalid IP
+// The address that `text` is: an IPv4 address in the form kNumbers or, when it has a colon, an IPv6 address
+// as ParseIPAddress reads it, with blanks around allowed. Raises 380 (source "mCommon.CLngIP") "Invalid IP
 // address: \"<text>\"." when it is none.
 IPAddress CLngIP(std::string_view text);
 // 0 to 32. Raises 380 (source "mCommon.MaskToBits") "Invalid subnet mask: \"<a.b.c.d>\"." unless the ones of

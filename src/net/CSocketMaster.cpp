@@ -167,8 +167,8 @@ void CSocketMaster::CloseSck() {
   const SocketState before = std::exchange(state_, SocketState::sckClosing);
   CancelLookups();
   const bool peer_ended = before == SocketState::sckClosing;
-  // A connection that failed takes no more bytes, one in its handshake none of SendData. With a stream there may
-  // be an end to be said, even to a peer that has ended.
+  // A connection that failed takes no more bytes, one in its handshake none of SendData. With a stream there
+  // may be an end to be said, even to a peer that has ended.
   const bool linger = established_ && before != SocketState::sckError && !Handshaking() &&
                       !(peer_ended && send_.Empty() && !stream_);
   const trabex::SocketHandle socket = std::exchange(socket_, {});

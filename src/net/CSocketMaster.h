@@ -176,15 +176,16 @@ class CSocketMaster final : public SocketSink {
   // raised when they have been read.
   bool PeerEnded() const;
 
-  // Begins TLS, for the rest of the connection: `last_words` (plain text, such as the reply to STARTTLS) go out
-  // behind what is queued, in the clear; every other byte, in or out, goes through TLS from this call on. What
-  // was received and not consumed is the beginning of the peer's TLS, and can not be read any more.
+  // Begins TLS, for the rest of the connection: `last_words` (plain text, such as the reply to STARTTLS) are
+  // sent after what is queued, unencrypted; every other byte, in or out, goes through TLS from this call on.
+  // What was received and not consumed is the beginning of the peer's TLS, and cannot be read any more.
   //
-  // Secured follows when the handshake is done, and stands for last_words, too: no SendComplete does. Until then
-  // nothing can be read, SendData keeps what it is given, and CloseSck closes at once. The owner bounds its
-  // time. Counters and sizes are of plain text, before and afterwards. What goes wrong is an Error event with
-  // 40030, "TLS failed: " and the reason, or 40031 when too many handshakes are unfinished; a peer that ends
-  // before it is done is CloseSck. The peer's close_notify is its end, whatever follows; CloseSck sends ours.
+  // Secured follows when the handshake is done, and last_words have been sent then; they have no SendComplete
+  // of their own. Until then nothing can be read, SendData keeps what it is given, and CloseSck closes at
+  // once. The owner limits the time of the handshake. Counters and sizes are of plain text, before and
+  // afterwards. What goes wrong is an Error event with 40030, "TLS failed: " and the reason, or 40031 when
+  // too many handshakes are unfinished; a peer that ends before it is done is CloseSck. The peer's
+  // close_notify is its end, whatever follows; CloseSck sends ours.
   //
   // `context` is of `role`, else 40014 is raised; 40006 unless connected by TCP, or when it is not the first
   // stream.
@@ -194,7 +195,7 @@ class CSocketMaster final : public SocketSink {
 
   // From now on `stream` carries the bytes of the connection, both ways, until CloseSck has ended it in
   // order. Returns what was received through the one before and not consumed, for `stream` to begin with; it
-  // can not be read any more. Raises 40006 unless connected, or while bytes wait to be sent.
+  // cannot be read any more. Raises 40006 unless connected, or while bytes wait to be sent.
   [[nodiscard]] std::string SetStream(std::unique_ptr<Stream> stream);
 
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;

@@ -24,7 +24,8 @@ void HandshakeQueue::Place::Ready() {
   queue_.AskForTurn();
 }
 
-// Its owner is told in the next turn: now the one is being called that begins another handshake.
+// Its owner is notified in the next loop iteration: at the moment the owner of the new handshake is being
+// called.
 void HandshakeQueue::EvictOldest() {
   Place& oldest = *unfinished_.front();
   unfinished_.pop_front();

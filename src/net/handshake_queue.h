@@ -1,8 +1,9 @@
 // The line in which unfinished TLS handshakes wait for their next step.
 //
-// A step costs up to milliseconds of processor time, far more than anything that a session relays. So steps are
-// not made where the network announces something, but in turns: in each one of the loop for a few milliseconds,
-// and whatever storm of new clients comes, the other sessions wait no longer than that and one step.
+// A step costs up to milliseconds of processor time, far more than anything that a session relays. So steps
+// are not made in the notifications of the sockets, but in turns, one in each iteration of the loop and a few
+// milliseconds long: however many clients come at once, the other sessions wait no longer than a turn and one
+// step.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +25,8 @@ class HandshakeQueue {
   // An unfinished handshake. Destroying it ends its part in the queue.
   class Place {
    public:
-    // `queue` outlives the place. `step` is called from the loop for each Ready, `evict` once when there are too
-    // many; both may destroy the place. `counts`: it is one of those that SetMax limits.
+    // `queue` outlives the place. `step` is called from the loop for each Ready, `evict` once when there are
+    // too many; both may destroy the place. `counts`: it is one of those that SetMax limits.
     Place(HandshakeQueue& queue, bool counts, std::function<void()> step, std::function<void()> evict);
     ~Place();
     Place(const Place&) = delete;

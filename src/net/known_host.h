@@ -13,8 +13,8 @@ struct HostAddress {
   IPAddress address;
 };
 
-// The address of `host` without asking anybody: an address of either family, or a name in the machine's own table. An
-// empty text gives 10047, an unknown name 11001.
+// The address of `host` without asking anybody: an address of either family, or a name in the machine's own
+// table. An empty text gives 10047, an unknown name 11001.
 HostAddress LookUpKnownHost(NameLookup& names, std::string_view host);
 
 }  // namespace trabex

@@ -37,8 +37,8 @@ class modSocketMaster {
   // there is none.
   void WhenNoneLingers(std::function<void()> emptied);
 
-  // The most TLS handshakes of clients that may be unfinished; one more ends the oldest (Error 40031). 0, as at
-  // first: any number.
+  // The most TLS handshakes of clients that may be unfinished; one more ends the oldest (Error 40031). 0, as
+  // at first: any number.
   void SetMaxHandshakes(std::size_t max) { handshakes_.SetMax(max); }
   std::size_t UnfinishedHandshakes() const { return handshakes_.Unfinished(); }
 

@@ -107,7 +107,7 @@ std::string_view CSocketMaster::ReceiveUpTo(std::size_t wanted) {
     std::size_t received = 0;
     const int error = stream.Read(socket_, space, received);
     if (stream_ && error != socket_error::kWouldBlock && received == 0) {
-      HoldClose(error);  // the end, or what went wrong, comes behind what is there
+      HoldClose(error);  // reported after what is there has been read
       break;
     }
     if (error != 0 && error != socket_error::kWouldBlock && there == 0) {

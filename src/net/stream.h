@@ -38,7 +38,7 @@ class Stream {
   // A stream may begin with a handshake. Until it is done Read and Write give 10035 and touch nothing.
   virtual bool Established() const { return true; }
   // A step of it; 10035: the next one can be made at FD_READ or FD_WRITE. With 0 it is done, or the peer has
-  // ended instead: Established tells.
+  // ended instead: Established says which.
   virtual int Establish(SocketHandle /*socket*/) { return 0; }
   // What the handshake agreed on; nullptr: it is not done, or there is none.
   virtual const TlsFacts* Facts() const { return nullptr; }

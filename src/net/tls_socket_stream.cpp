@@ -16,7 +16,7 @@ static_assert(TlsTransport::kWouldBlock == socket_error::kWouldBlock);
 
 }  // namespace
 
-// The socket, behind what was received before the stream began.
+// The socket; what was received before the stream began is read first.
 class TlsSocketStream::Transport final : public TlsTransport {
  public:
   Transport(TlsSocketStream& stream, SocketHandle socket, bool more_follows = false)

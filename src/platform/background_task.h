@@ -27,9 +27,9 @@ using TaskContent = std::function<std::string(const std::function<void(std::stri
 // it has. It uses neither the loop nor a socket nor the log; it may open files of its own.
 using TaskWork = std::string (*)(const std::string& argument, const TaskContent& content);
 
-// Runs one task at a time: the work, beside the loop, on the content as it was when Start was called, whatever
-// the program changes meanwhile. The task can be ended at any moment, by Cancel or with the program. `done`
-// runs in the program and is given the text that the work returned, and nothing else of it.
+// Runs one task at a time: the work, beside the loop, on the content as it was when Start was called,
+// whatever the program changes meanwhile. The task can be ended at any moment, by Cancel or with the program.
+// `done` runs in the program and is given the text that the work returned, and nothing else of it.
 //
 // On Linux both parts run in a forked process, whose memory the system copies page by page where the program
 // writes. So the bytes go straight from the content to where the work writes them, and Start makes no copy of
@@ -37,8 +37,8 @@ using TaskWork = std::string (*)(const std::string& argument, const TaskContent&
 // close), ignores all signals that can be ignored and dies with the program.
 //
 // A system without such copies calls the content inside Start, keeps the bytes in memory and runs the work on
-// a thread, whose content gives them out again. That Start takes the longer the more data there is. Content in
-// slices, in several iterations of the loop, would mix the data of different moments.
+// a thread, whose content gives them out again. That Start takes the longer the more data there is. Content
+// in slices, in several iterations of the loop, would mix the data of different moments.
 class BackgroundTask {
  public:
   // `loop` outlives the task.

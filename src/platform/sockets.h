@@ -81,8 +81,8 @@ class Sockets {
   Sockets(const Sockets&) = delete;
   Sockets& operator=(const Sockets&) = delete;
 
-  // A new non-blocking socket, not watched yet. One of IPv6 is for nothing but IPv6: bound to "::" it leaves the
-  // machine's IPv4 addresses to others. 10047 where the system has no such family.
+  // A new non-blocking socket, not watched yet. One of IPv6 is for nothing but IPv6: bound to "::" it leaves
+  // the machine's IPv4 addresses to others. 10047 where the system has no such family.
   int Open(Transport transport, AddressFamily family, SocketHandle& socket);
   // Closes it; its notifications end at once. Data not yet sent goes on being sent by the system, unless
   // received data was left unread: then the system resets the connection (see net/ for the orderly way).

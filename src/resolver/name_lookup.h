@@ -60,8 +60,8 @@ class NameLookup {
   // An id that was answered already, or 0, is ignored.
   virtual void Cancel(LookupId id) = 0;
 
-  // An address of `name`, one of IPv4 before others, if one is known without asking DNS: an address is its own, others are in
-  // /etc/hosts.
+  // An address of `name`, one of IPv4 before others, if one is known without asking DNS: an address is its
+  // own, others are in /etc/hosts.
   virtual std::optional<IPAddress> ResolveLocally(std::string_view name) = 0;
   // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
   virtual NameAnswer LocalHostName() = 0;
@@ -78,8 +78,9 @@ struct NameLookupOptions {
 
 // c-ares on the loop. `loop` outlives it. A changed hosts file or resolv.conf counts for the look-ups that
 // begin a second later. A name without a dot is also looked for in the domains that resolv.conf searches; any
-// other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being asked for (RFC 6761, 6.3). What cannot
-// be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares cannot start.
+// other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being asked for (RFC 6761,
+// 6.3). What cannot be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares
+// cannot start.
 std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options = {});
 
 }  // namespace trabex

@@ -15,7 +15,7 @@ struct LoadedCertificate {
   TlsCertificateFiles files;
   OpenSslPtr<x509_st> leaf;
   OpenSslPtr<evp_pkey_st> key;
-  std::vector<OpenSslPtr<x509_st>> chain;  // behind the leaf
+  std::vector<OpenSslPtr<x509_st>> chain;  // after the leaf
   std::vector<std::string> names;
   std::chrono::sys_seconds valid_until;
   int key_kind = 0;  // the library's number
@@ -32,10 +32,10 @@ struct LoadFault {
   std::string reason;
 };
 
-// nullptr when they cannot be used; `fault` tells why.
+// nullptr when they cannot be used; `fault` says why.
 std::shared_ptr<const LoadedCertificate> LoadCertificate(const TlsCertificateFiles& files, LoadFault& fault);
 std::shared_ptr<const Authorities> LoadAuthorities(const std::string& file, LoadFault& fault);
-// Vouch for nobody.
+// An empty set: no certificate is verified by it.
 std::shared_ptr<const Authorities> NoAuthorities(const std::string& file);
 
 // The common name of a certificate's subject, in UTF-8; empty: none.

@@ -45,8 +45,8 @@ int VersionNumber(TlsVersion version) {
   return TLS1_3_VERSION;
 }
 
-// A client that offers protocols and not this one wants to speak something else, and must not be led to believe
-// that it can (RFC 7301, 3.2).
+// A client that offers protocols and not this one wants to speak something else, and must not be led to
+// believe that it can (RFC 7301, 3.2).
 int ChooseProtocol(SSL* /*connection*/, const unsigned char** chosen, unsigned char* chosen_size,
                    const unsigned char* offered, unsigned int size, void* /*unused*/) {
   for (unsigned int at = 0; at < size; at += 1U + offered[at]) {
@@ -287,7 +287,7 @@ std::shared_ptr<const TlsContext> TlsContext::ForClient(const TlsClientOptions& 
     SetCiphers(c, ciphers);
   }
   if (options.server_name.empty()) {
-    // Nobody can be told from anybody else.
+    // Without a name any certificate would do, so none is accepted.
     impl->authorities = NoAuthorities({});
   } else if (!options.server_ca.empty()) {
     impl->authorities = ReadAuthorities(options.server_ca, What::kServerCa, report, in_force);

@@ -20,10 +20,11 @@ class TlsContext {
 
   // nullptr when not one certificate can be used. What cannot be loaded is taken from `in_force`, when that
   // was made of the same files. Reads files, each a regular one of 1 MB at most. A key with a password cannot
-  // be used, since nobody could be asked for it.
+  // be used: the program has no way to ask for it.
   static std::shared_ptr<const TlsContext> ForServer(const TlsServerOptions& options, TlsLoadReport& report,
                                                      const TlsContext* in_force = nullptr);
-  // Never nullptr. Where verification is wanted and cannot be (no authorities, no name) every connection fails.
+  // Never nullptr. Where verification is wanted and cannot be (no authorities, no name) every connection
+  // fails.
   static std::shared_ptr<const TlsContext> ForClient(const TlsClientOptions& options, TlsLoadReport& report,
                                                      const TlsContext* in_force = nullptr);
 

@@ -7,8 +7,8 @@
 
 namespace trabex {
 
-// Names are the peer's text. They hold bytes from 0x20 to 0x7E alone, so they cannot forge a line of a log or a
-// reply.
+// Names are the peer's text. They hold bytes from 0x20 to 0x7E alone, so they cannot forge a line of a log or
+// a reply.
 struct TlsFacts {
   std::string version;      // "TLSv1.3"
   std::string cipher;       // by IANA's name: "TLS_AES_256_GCM_SHA384"

@@ -1,4 +1,4 @@
-// From what a TlsContext is built, and what is told of it.
+// What a TlsContext is built from, and the report on what could be used of it.
 #pragma once
 
 #include <chrono>
@@ -36,7 +36,7 @@ struct TlsServerOptions {
 struct TlsClientOptions {
   TlsVersion min_version = TlsVersion::k1_2;
   std::string ciphers{};  // empty: the library's
-  // No connection unless the server's certificate is good; otherwise the facts only tell whether it is.
+  // No connection unless the server's certificate is good; otherwise the facts only say whether it is.
   bool verify = false;
   std::string server_name{};  // a name, or an address (IPv4, IPv6 without brackets)
   std::string server_ca{};    // PEM file of who may vouch; empty: the system's
@@ -50,8 +50,8 @@ struct TlsLoadReport {
     std::chrono::sys_seconds valid_until;
     bool kept = false;  // it could not be loaded again: the one in force stays
   };
-  // What could not be used. With client_ca or server_ca nobody is vouched for, and with ciphers those of an
-  // empty list are used, unless what was in force stays.
+  // What could not be used. If it is client_ca or server_ca, no certificate of a peer is verified; if it is
+  // the ciphers, those of an empty list are used; unless what was in force stays.
   struct Failure {
     enum class What { kCertificate, kClientCa, kServerCa, kCiphers };
     What what;

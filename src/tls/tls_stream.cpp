@@ -22,7 +22,8 @@ namespace trabex {
 struct TlsStream::Impl {
   using Clock = std::chrono::steady_clock;
 
-  // What a handshake says and one record take far less. Beyond them only answers to key updates come together.
+  // What a handshake says and one record take far less. Beyond them only answers to key updates come
+  // together.
   static constexpr std::size_t kMaxUnsent = 256 * 1024;
   static constexpr std::size_t kSmall = 32;
 

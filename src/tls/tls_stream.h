@@ -19,7 +19,7 @@ enum class TlsResult {
   kWantsRead,   // goes on when the transport has more
   kWantsWrite,  // goes on when the transport takes more
   kEnded,       // the peer has ended what it says: nothing more of it is read
-  kFailed,      // for good; FailureReason or NetworkError tells why
+  kFailed,      // for good; FailureReason or NetworkError says why
 };
 
 // Each call is given the transport to use, always the same connection. A call that wants something is made
@@ -39,12 +39,12 @@ class TlsStream {
 
   // One step. Nothing else may be called before it is done.
   TlsResult Handshake(TlsTransport& transport);
-  // Never kWantsWrite. kDone: `received` is 1 or more, at most what one record holds, though more may be there. `space` is not
-  // empty.
+  // Never kWantsWrite. kDone: `received` is 1 or more, at most what one record holds, though more may be
+  // there. `space` is not empty.
   TlsResult Read(TlsTransport& transport, std::span<char> space, std::size_t& received);
-  // Never kWantsRead. `written` is how much of `bytes` (not empty) is in records that the transport has taken; with kWantsWrite
-  // a record of what follows is under way, and the next call must begin with the same bytes, not fewer. They
-  // may lie elsewhere.
+  // Never kWantsRead. `written` is how much of `bytes` (not empty) is in records that the transport has
+  // taken; with kWantsWrite a record of what follows is under way, and the next call must begin with the same
+  // bytes, not fewer. They may lie elsewhere.
   TlsResult Write(TlsTransport& transport, std::string_view bytes, std::size_t& written);
   // Says that nothing more is written (RFC 8446, 6.1), once. Does nothing after a failure.
   TlsResult SayGoodbye(TlsTransport& transport);

@@ -26,8 +26,8 @@ struct ProxyHeader {
     kWhole,
   };
   State state = State::kIncomplete;
-  std::size_t size = 0;  // of a whole one; the bytes behind it are the client's
-  // Nothing: the header names nobody, since the balancer speaks for itself or cannot say for whom.
+  std::size_t size = 0;  // of a whole one; the bytes after it are the client's
+  // Nothing when the header names no client: the balancer speaks for itself, or cannot say for whom.
   std::optional<ProxiedConnection> connection;
 };
 
@@ -39,7 +39,7 @@ inline constexpr std::size_t kMaxProxyHeader = 4096;
 //
 // Version 1 is one line of at most 107 bytes with its CR LF: "PROXY", "TCP4" or "TCP6", two addresses of that
 // family and two decimal ports, single blanks between and no leading zeros, or "PROXY UNKNOWN" and anything.
-// Version 2 is binary: a stream over IPv4 or IPv6, or nobody; what follows the addresses is not looked at.
+// Version 2 is binary: a stream over IPv4 or IPv6, or no client; what follows the addresses is ignored.
 ProxyHeader ParseProxyHeader(std::string_view bytes);
 
 // What a header of version 2 says of the client's TLS (PP2_TYPE_SSL).
@@ -56,7 +56,7 @@ std::string FormatProxyLine(const ProxiedConnection& connection);
 // Version 2. At most 232 bytes, which is as much as any server takes: what of `tls` (nullptr: none) is too
 // long for that is left out. A common name is said of a verified certificate only.
 std::string FormatProxyHeader(const ProxiedConnection& connection, const ProxiedTls* tls);
-// Version 2 for a connection of nobody.
+// Version 2 for a connection of our own, without a client.
 std::string FormatLocalProxyHeader();
 
 }  // namespace trabex

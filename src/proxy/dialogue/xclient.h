@@ -24,8 +24,8 @@ struct ClientNames {
 // RFC 5321, 4.5.3.1.4: a command line with its CR LF.
 inline constexpr std::size_t kMaxXclientLine = 512;
 
-// Whether the client's address can be told: `offered` is the server's line of EHLO, "XCLIENT" and the names of
-// attributes, read without regard to case; "" when there is none.
+// Whether XCLIENT can hand over the client's address: `offered` is the server's line of EHLO, "XCLIENT" and
+// the names of attributes, read without regard to case; "" when there is none.
 bool OffersXclient(std::string_view offered);
 
 // The command without its CR LF, of those attributes that `offered` lists. What servers take for a verified

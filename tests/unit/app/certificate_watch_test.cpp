@@ -10,8 +10,8 @@
 namespace trabex {
 namespace {
 
-// What happens to two files before each look, and whether that look finds a change to act on. A letter is a new
-// content of a file, "-" takes it away, "." leaves it.
+// What happens to two files before each look, and whether that look finds a change to act on. A letter is a
+// new content of a file, "-" takes it away, "." leaves it.
 TEST(CertificateWatch, FindsWhatHasChangedAndStays) {
   struct Step {
     char first;

@@ -1,4 +1,5 @@
-// The settings for TLS, balancers and addresses of both families: what counts as bad, and what depends on what.
+// The settings for TLS, balancers and addresses of both families: what counts as bad, and what depends on
+// what.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -136,7 +137,8 @@ TEST(ProxyProtocolFrom, HoldsNeverAllAddresses) {
   }
 }
 
-// Without these defaults a listener for IPv6 would turn away every client, and take its own machine for a stranger.
+// Without these defaults a listener for IPv6 would turn away every client, and take its own machine for a
+// stranger.
 TEST(DefaultLists, HoldIPv6WhereItIsUsed) {
   const struct {
     const char* lines;

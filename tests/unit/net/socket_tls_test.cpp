@@ -168,7 +168,8 @@ TEST_F(SocketTlsTest, LastWordsWaitBehindWhatIsQueued) {
   EXPECT_EQ(Ours().BytesSent(), static_cast<std::int64_t>(queued.size()) + 17);
 }
 
-// What was sent ahead in the clear belongs to nobody: it is the beginning of the handshake, which fails of it.
+// What was sent ahead in the clear belongs to nobody: it is the beginning of the handshake, which fails of
+// it.
 TEST_F(SocketTlsTest, TextThatCameBeforeIsNoTextBehind) {
   for (const bool read : {true, false}) {
     SCOPED_TRACE(read);

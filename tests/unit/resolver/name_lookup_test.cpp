@@ -119,8 +119,8 @@ TEST_F(NameLookupTest, NameOfAnAddress) {
   EXPECT_EQ(Outcome(IP("192.0.2.3")), "11004") << "the root is no name";
 }
 
-// An address of IPv6 is asked for only where one is wanted, and together with IPv4 only for a name that exists
-// and has no other.
+// An address of IPv6 is asked for only where one is wanted, and together with IPv4 only for a name that
+// exists and has no other.
 TEST_F(NameLookupTest, AddressesOfAFamily) {
   server_.SetAddresses("four.test", {kAddress1});
   server_.SetAddresses("six.test", {kAddress6, kIPv6Loopback});
