@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <charconv>
+#include <utility>
 
 #include "base/text.h"
 #include "match/ip_range.h"
 #include "script/escapes.h"
 #include "support/dialogue_player.h"
+#include "support/temp_folder.h"
+#include "support/test_certificates.h"
 
 namespace trabex {
 
@@ -81,6 +84,53 @@ void MeanIPv6(SessionFixture& fixture) {
   fixture.Names.MeanIPv6();
 }
 
+// The script as it goes under TLS, which the Received header names.
+std::string UnderTls(std::string_view text) {
+  constexpr std::string_view kPlain = "with ESMTP;";
+  constexpr std::string_view kSecured = "with ESMTPS tls TLS_AES_256_GCM_SHA384;";
+  // It gets no "S".
+  constexpr std::string_view kHelo = "with SMTP;";
+  const int longer =
+      static_cast<int>(kSecured.size() - kPlain.size()) - (text.find(kHelo) == text.npos ? 0 : 1);
+  std::string all;
+  int sent = 0;
+  for (const std::string_view line : Split(text, '\n')) {
+    std::string changed(line);
+    Replace(changed, kPlain, kSecured);
+    Replace(changed, kHelo, "with SMTP tls TLS_AES_256_GCM_SHA384;");
+    // A chunk that is passed on with more octets than it came with has the header before it.
+    const int size = ChunkSize(line);
+    if (line.find("->") == std::string_view::npos) {
+      if (size != 0) sent = size;
+    } else if (size > sent) {
+      Replace(changed, std::to_string(size), std::to_string(size + longer));
+    }
+    all.append(changed).append("\n");
+  }
+  return all;
+}
+
+// Whether the script may come after the greeting and the EHLO that lead to STARTTLS: it begins with a greeting,
+// which then passes as any reply that nobody waits for.
+bool MayFollowAnother(const SessionFixture& fixture, std::string_view text) {
+  return Trim(text).starts_with("S: 220") && fixture.Settings.ResponseChanges.Find(".220") == nullptr;
+}
+
+// One for all tests: a certificate is the same for every session.
+std::shared_ptr<const TlsContext> TestContext() {
+  static const std::shared_ptr<const TlsContext> context = [] {
+    const TempFolder folder;
+    const TestCertificate certificate = MakeTestCertificate({.dns_names = {"proxy.test"}});
+    const std::string file = folder / "proxy.pem";
+    WriteFile(file, certificate.certificate + certificate.key);
+    TlsServerOptions options;
+    options.certificates = {{file, ""}};
+    TlsLoadReport report;
+    return TlsContext::ForServer(options, report);
+  }();
+  return context;
+}
+
 // The bound of every wait; nothing here takes a thousandth of it.
 constexpr std::chrono::seconds kBound{10};
 
@@ -95,6 +145,12 @@ SessionFixture::SessionFixture(Delivery delivery, AddressFamily clients)
   Settings.LocalDomains.Add("local.test", {.patterns = {"local.test"}});
 }
 
+void SessionFixture::OfferTls() {
+  Tls.for_clients = TestContext();
+  Settings.TLS.Certificate = {{"proxy.pem", "proxy.pem"}};
+  Settings.TLS.RequireForAUTH = 0;
+}
+
 SessionFixture::~SessionFixture() {
   if (listener_) listener_->CloseSck();
   if (ipv6_listener_) ipv6_listener_->CloseSck();
@@ -105,6 +161,8 @@ SessionFixture::~SessionFixture() {
 
 void SessionFixture::Start() {
   if (listener_) return;
+  if (ClientSecurity != Security::kPlain) OfferTls();
+  if (ClientSecurity == Security::kTlsPort) OnTlsPort = true;
   dependencies_ = std::make_unique<SessionDependencies>(
       SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Tls, Greylisting});
   listener_ = ListenOn("127.0.0.1");
@@ -131,7 +189,11 @@ void SessionFixture::Connect(const IPAddress& from) {
   server_ = TestPeer();
   if (from.IsIPv6() && !ipv6_listener_) ipv6_listener_ = ListenOn("::1");
   const CSocketMaster& listener = from.IsIPv6() ? *ipv6_listener_ : *listener_;
+  const std::size_t wire_piece = client_.WirePiece();
   client_ = TestPeer::Connect(static_cast<std::uint16_t>(listener.LocalPort()), from);
+  client_.CutWire(wire_piece);
+  if (OnTlsPort && HandshakeAtOnce) MakeHandshake();
+  if (ClientSecurity == Security::kStartTls) SecureByStartTls();
 }
 
 void SessionFixture::Poll() {
@@ -270,7 +332,7 @@ bool SessionFixture::PlayStep(const script::Step& step) {
     case StepKind::kAccept:
       return true;
     case StepKind::kStartTls:
-      return Fail("no TLS");
+      return MakeHandshake() || Fail("no handshake: " + client_.TlsError());
     case StepKind::kWait:
       return Settle(), Time.Advance(Milliseconds(step.milliseconds)), Settle(), true;
     case StepKind::kLog:
@@ -361,6 +423,29 @@ bool SessionFixture::ExpectBytes(script::Side side, std::string_view wanted) {
   return true;
 }
 
+bool SessionFixture::MakeHandshake() {
+  client_.StartTls({});
+  const auto done = [this] { return client_.Secured() || client_.AtEnd() || !client_.TlsError().empty(); };
+  return Until(done) && client_.Secured();
+}
+
+void SessionFixture::SecureByStartTls() {
+  const auto exchange = [this](TestPeer& from, std::string_view line, TestPeer& to) {
+    from.Send(line);
+    Until([&] { return to.Received().ends_with(kCrLf) || to.AtEnd(); });
+    to.Received().clear();
+  };
+  if (!NeedServer()) return;
+  // No name is looked up for what the script does not know.
+  const std::int32_t validate = std::exchange(Settings.ValidateHELO, 0);
+  exchange(server_, "220 first\r\n", client_);
+  exchange(client_, "EHLO first.test\r\n", server_);
+  exchange(server_, "250 first\r\n", client_);
+  exchange(client_, "STARTTLS\r\n", client_);
+  MakeHandshake();
+  Settings.ValidateHELO = validate;
+}
+
 bool SessionFixture::ExpectClosed(script::Side side) {
   TestPeer& peer = Peer(side);
   if (!Until([&] { return peer.AtEnd(); })) return Fail("it is not closed");
@@ -389,6 +474,14 @@ void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::st
 
 void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text) {
   PlayBothWays(configure, text);
+  for (const Security security : {Security::kStartTls, Security::kTlsPort}) {
+    SessionFixture fixture;
+    fixture.ClientSecurity = security;
+    if (configure) configure(fixture);
+    if (security == Security::kStartTls && !MayFollowAnother(fixture, text)) continue;
+    EXPECT_EQ(fixture.Play(UnderTls(text)), "")
+        << (security == Security::kStartTls ? "after STARTTLS" : "on the port of TLS");
+  }
   for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
     SessionFixture fixture;
     if (configure) configure(fixture);

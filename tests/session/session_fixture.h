@@ -26,6 +26,13 @@ namespace trabex {
 
 using script::Delivery;
 
+// How the clients are secured when their script begins.
+enum class Security {
+  kPlain,
+  kStartTls,  // by STARTTLS, after a greeting and an EHLO that the script knows nothing of
+  kTlsPort,
+};
+
 class SessionFixture {
  public:
   // The clients come from the loopback address of the family, unless their script says otherwise, and call there.
@@ -39,7 +46,13 @@ class SessionFixture {
   FakeNameLookup Names{Loop};
   GreylistCheck* Greylisting = nullptr;
   TlsContexts Tls;
-  bool OnTlsPort = false;  // whether TLS is spoken from the first byte on
+  bool OnTlsPort = false;       // whether TLS is spoken from the first byte on
+  bool HandshakeAtOnce = true;  // there: each client makes the handshake when it has connected
+  Security ClientSecurity = Security::kPlain;
+  // There is a certificate. AUTH is taken in the clear all the same.
+  void OfferTls();
+  // The client makes its handshake; false when that fails.
+  bool MakeHandshake();
 
   // Plays the script. Returns "" or what went wrong, with the dialogue so far.
   std::string Play(std::string_view text);
@@ -75,6 +88,7 @@ class SessionFixture {
  private:
   std::unique_ptr<CSocketMaster> ListenOn(const std::string& address);
   void Connect(const IPAddress& from);
+  void SecureByStartTls();
   void Poll();
   void PollAttended();
   bool PlayStep(const script::Step& step);
@@ -115,8 +129,8 @@ class SessionFixture {
 // with a client on ::1 in the place of 127.0.0.1 (a text with other clients is not played there).
 void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
-// The same, and once more both ways on the dialogue alone: for what is about the dialogue and not about
-// connections.
+// The same, once more under STARTTLS and on the port of TLS, and both ways on the dialogue alone: for what is about
+// the dialogue and not about connections.
 void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
 }  // namespace trabex

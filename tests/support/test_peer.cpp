@@ -5,6 +5,7 @@
 #include <chrono>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace trabex {
 
@@ -24,15 +25,65 @@ void TestPeer::Poll() {
   Take(std::numeric_limits<std::size_t>::max());
 }
 
+std::size_t TestPeer::Send(std::string_view bytes) {
+  if (!tls_) return socket_.Send(bytes);
+  if (!Secured()) return 0;
+  tls_->Write(bytes);
+  Flush();
+  return bytes.size();
+}
+
+void TestPeer::ShutDownSending() {
+  if (!tls_) return socket_.ShutDownSending();
+  SayGoodbye();
+  shut_down_ = true;
+  Flush();
+}
+
+void TestPeer::Close() {
+  if (Secured() && Open()) SayGoodbye();
+  socket_.Close();
+}
+
+void TestPeer::StartTls(const TlsPeerOptions& options) {
+  tls_ = std::make_unique<TlsPeer>(options);
+  Flush();
+}
+
+void TestPeer::SayGoodbye() {
+  if (Secured()) tls_->SayGoodbye();
+  Flush();
+}
+
+void TestPeer::SendInClear(std::string_view bytes) {
+  Flush();
+  socket_.Send(bytes);
+}
+
+void TestPeer::Flush() {
+  if (!tls_) return;
+  wire_ += tls_->Output();
+  wire_.erase(0, socket_.Send(std::string_view(wire_).substr(0, wire_piece_)));
+  if (wire_.empty() && shut_down_) socket_.ShutDownSending();
+}
+
 std::size_t TestPeer::Take(std::size_t max_bytes) {
+  if (tls_ && Open()) Flush();
   std::array<char, 65536> room;
   std::size_t total = 0;
   while (Open() && !at_end_ && total < max_bytes) {
     std::size_t count = 0;
     switch (socket_.Receive({room.data(), std::min(room.size(), max_bytes - total)}, count)) {
       case SystemSocket::Outcome::kData:
-        received_.append(room.data(), count);
         total += count;
+        if (!tls_) {
+          received_.append(room.data(), count);
+          break;
+        }
+        tls_->Feed({room.data(), count});
+        received_ += std::exchange(tls_->Text(), {});
+        if (tls_->Ended()) at_end_ = true;
+        Flush();
         break;
       case SystemSocket::Outcome::kNothingYet:
         return total;

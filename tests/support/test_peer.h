@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,6 +11,7 @@
 #include "base/ip_address.h"
 #include "support/held_port.h"
 #include "support/system_socket.h"
+#include "support/tls_peer.h"
 
 namespace trabex {
 
@@ -35,20 +37,42 @@ class TestPeer {
   bool WasReset() const { return was_reset_; }
   // Bytes that have come and were not taken, neither by Poll nor by Take.
   std::size_t Untaken() const { return socket_.Untaken(); }
-  // Hands `bytes` to the system as far as it takes them; returns how many.
-  std::size_t Send(std::string_view bytes) { return socket_.Send(bytes); }
+  // Hands `bytes` to the system as far as it takes them; returns how many. Under TLS all of them, or none before
+  // the handshake is done.
+  std::size_t Send(std::string_view bytes);
   // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
   void HoldLittle() { socket_.LimitReceiveBuffer(32768); }
-  void ShutDownSending() { socket_.ShutDownSending(); }
-  void Close() { socket_.Close(); }
+  // Under TLS that is said there, too.
+  void ShutDownSending();
+  void Close();
   // Closes so that the other end sees a reset.
   void Reset() { socket_.Reset(); }
 
+  // From now on this is a client under TLS; Poll takes the handshake's steps. What came before stays.
+  void StartTls(const TlsPeerOptions& options);
+  // Whether the handshake is done.
+  bool Secured() const { return tls_ && tls_->Established(); }
+  // Why it failed; empty: it did not.
+  std::string TlsError() const { return tls_ ? tls_->Error() : ""; }
+  // Says that nothing more comes under TLS; the connection stands.
+  void SayGoodbye();
+  // Sends `bytes` as they are, under whatever else there is.
+  void SendInClear(std::string_view bytes);
+  // What is sent under TLS goes to the system in pieces of so many bytes, one with each Poll.
+  void CutWire(std::size_t piece) { wire_piece_ = piece; }
+  std::size_t WirePiece() const { return wire_piece_; }
+
  private:
   SystemSocket socket_;
+  void Flush();
+
   std::string received_;
   bool at_end_ = false;
   bool was_reset_ = false;
+  std::unique_ptr<TlsPeer> tls_;
+  std::string wire_;  // that is to be sent under TLS
+  std::size_t wire_piece_ = std::string::npos;
+  bool shut_down_ = false;  // when the wire is empty
 };
 
 // Listens on 127.0.0.1 on a port of the system's choice.
