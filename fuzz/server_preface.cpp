@@ -1,7 +1,7 @@
-// A server that says anything before the client's dialogue with it begins. The first line holds letters: s
-// STARTTLS is wanted, r it is required, p the header of the PROXY protocol is to be proved, x XCLIENT is
-// wanted. The rest is what the server says; a byte FF ends what comes at a time. TLS begins when it is asked
-// for, and names are answered then; a byte FE stands for what comes before that.
+// A server that says anything before the client's dialogue with it begins. The first line holds letters: t TLS
+// begins at once, s STARTTLS is wanted, r it is required, p the header of the PROXY protocol is to be proved, x
+// XCLIENT is wanted. The rest is what the server says; a byte FF ends what comes at a time. TLS begins when it
+// is asked for, and names are answered then; a byte FE stands for what comes before that.
 //
 // Whatever it says:
 // - the dialogue goes on with the server only under TLS where that is required, and only after XCLIENT was
@@ -27,7 +27,9 @@ using Kind = ServerPreface::Step::Kind;
 
 class Session {
  public:
-  explicit Session(const ServerPrefacePlan& plan) : plan_(plan), preface_(plan) {}
+  explicit Session(const ServerPrefacePlan& plan) : plan_(plan), preface_(plan) {
+    Follow(preface_.Begin(), false);
+  }
 
   void Says(std::string_view bytes) {
     assembler_.Append(bytes);
@@ -67,19 +69,26 @@ class Session {
         told_ |= step.text.starts_with("XCLIENT ");
         break;
       case Kind::kStartTls:
-        Require(plan_.starttls && !secured_ && !more && last_reply_.starts_with("220"));
+        Require(!secured_ && !more);
+        Require(plan_.tls_at_once || (plan_.starttls && last_reply_.starts_with("220")));
         wants_tls_ = true;
         break;
       case Kind::kAskForNames:
         Require(plan_.xclient && greeted_);
         wants_names_ = true;
         break;
+      case Kind::kWait:
+        break;
+      case Kind::kGoOn:
+        over_ = true;
+        Require(plan_.tls_at_once && secured_ && !plan_.NeedsEhlo());
+        break;
       case Kind::kGreet:
         over_ = true;
         Require(step.text.ends_with(kCrLf));
         Require(!wants_tls_ && !wants_names_);
         if (step.without_server) break;
-        if (plan_.requires_tls && plan_.starttls) Require(secured_);
+        if (plan_.tls_at_once || (plan_.requires_tls && plan_.starttls)) Require(secured_);
         if (plan_.xclient) Require(told_ && last_reply_.starts_with("220"));
         if (plan_.proves_header && !plan_.xclient) Require(secured_ || greeted_);
         break;
@@ -107,7 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   std::string_view input(reinterpret_cast<const char*>(data), size);
   const std::string_view letters = input.substr(0, input.find('\n'));
   const auto has = [letters](char letter) { return letters.find(letter) != std::string_view::npos; };
-  Session session({"proxy.test", has('s'), has('r'), has('p'), has('x')});
+  Session session({"proxy.test", has('t'), has('s'), has('r'), has('p'), has('x')});
   input.remove_prefix(std::min(letters.size() + 1, input.size()));
   while (!input.empty()) {
     const std::size_t end = input.find_first_of("\xFE\xFF");

@@ -21,6 +21,13 @@ bool HasOnly(std::string_view reply, std::string_view code) {
 
 }  // namespace
 
+ServerPreface::ServerPreface(ServerPrefacePlan plan)
+    : plan_(std::move(plan)), state_(plan_.tls_at_once ? State::kHandshake : State::kGreeting) {}
+
+ServerPreface::Step ServerPreface::Begin() const {
+  return {plan_.tls_at_once ? Step::Kind::kStartTls : Step::Kind::kWait, {}};
+}
+
 ServerPreface::Step ServerPreface::OnReply(std::string_view reply, bool more_follows) {
   if (reply.ends_with(kCrLf)) reply.remove_suffix(kCrLf.size());
   if (!AwaitsReply() || !IsWellFormedReply(reply)) return OnNonsense();
@@ -80,6 +87,10 @@ ServerPreface::Step ServerPreface::OnStarttlsReply(std::string_view reply) {
 ServerPreface::Step ServerPreface::OnSecured() {
   if (state_ != State::kHandshake) return OnNonsense();
   secured_ = true;
+  if (plan_.tls_at_once) {
+    state_ = State::kGreeting;
+    return {plan_.NeedsEhlo() ? Step::Kind::kWait : Step::Kind::kGoOn, {}};
+  }
   // What was said in the clear counts no more (RFC 3207, 4.2).
   return plan_.xclient ? SendEhlo() : Greet(greeting_, false);
 }

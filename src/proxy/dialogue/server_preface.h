@@ -1,5 +1,5 @@
-// What is said to the server before the client's dialogue with it begins: STARTTLS, and whose connection it
-// is. Replies go in, steps come out; nothing of it reaches the client but one greeting at its end.
+// What passes between the server and us before the client's dialogue with it begins: TLS, and whose connection
+// it is. Replies go in, steps come out; nothing of it reaches the client but one greeting at its end.
 #pragma once
 
 #include <chrono>
@@ -15,12 +15,15 @@ namespace trabex {
 // What the server has to learn or to agree to. The client waits meanwhile.
 struct ServerPrefacePlan {
   std::string local_host_name;
+  bool tls_at_once = false;    // TLS begins before the greeting
   bool starttls = false;       // TLS begins when the server offers it
   bool requires_tls = false;   // with starttls: no session without it
   bool proves_header = false;  // whether the server took a header is seen by its reply to EHLO
   bool xclient = false;        // the client's address is told by XCLIENT
 
-  bool IsNeeded() const { return starttls || proves_header || xclient; }
+  bool IsNeeded() const { return tls_at_once || NeedsEhlo(); }
+  // Whether the server is to be asked what it offers.
+  bool NeedsEhlo() const { return starttls || proves_header || xclient; }
   // Without its preface the server would take the client for us, or read its mail in the clear.
   bool IsRequired() const { return requires_tls || proves_header || xclient; }
 };
@@ -35,7 +38,9 @@ class ServerPreface {
       kSend,         // `text` goes to the server, a command with its CR LF
       kStartTls,     // TLS begins; OnSecured follows
       kAskForNames,  // OnNames follows
+      kWait,         // for what the server says next
       kGreet,        // the preface is over: `text` is the greeting for the client
+      kGoOn,         // the preface is over; the greeting comes next
       kRefuse,       // no session with this server; `text` says why
     };
     Kind kind;
@@ -44,10 +49,11 @@ class ServerPreface {
     bool without_server = false;
   };
 
-  // The server speaks first.
-  explicit ServerPreface(ServerPrefacePlan plan) : plan_(std::move(plan)) {}
+  explicit ServerPreface(ServerPrefacePlan plan);
 
-  // Whether the server owes a reply. What it says otherwise is a reply to nothing, for OnReply.
+  // The first step, when the server is connected.
+  Step Begin() const;
+  // Whether the server owes a reply. What it says otherwise is a reply to nothing.
   bool AwaitsReply() const { return state_ != State::kHandshake && state_ != State::kNames; }
   // `reply` is one complete reply with its line ends. `more_follows`: the server has said more than that.
   Step OnReply(std::string_view reply, bool more_follows);
@@ -73,7 +79,7 @@ class ServerPreface {
   Step TellClient();
 
   ServerPrefacePlan plan_;
-  State state_ = State::kGreeting;
+  State state_;
   bool secured_ = false;
   std::string greeting_;
   ExtensionCollection extensions_;

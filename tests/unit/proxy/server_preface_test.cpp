@@ -28,6 +28,10 @@ std::string Describe(const ServerPreface::Step& step) {
       return "tls";
     case Kind::kAskForNames:
       return "names";
+    case Kind::kWait:
+      return "wait";
+    case Kind::kGoOn:
+      return "go on";
     case Kind::kGreet:
       return (step.without_server ? "last " : "greet ") + text;
     case Kind::kRefuse:
@@ -36,10 +40,10 @@ std::string Describe(const ServerPreface::Step& step) {
   return {};
 }
 
-// Letters: s STARTTLS, r TLS is required, p the header is to be proved, x XCLIENT.
+// Letters: t TLS at once, s STARTTLS, r TLS is required, p the header is to be proved, x XCLIENT.
 ServerPrefacePlan Plan(std::string_view letters) {
   const auto has = [letters](char letter) { return letters.find(letter) != std::string_view::npos; };
-  return {"proxy.test", has('s'), has('r'), has('p'), has('x')};
+  return {"proxy.test", has('t'), has('s'), has('r'), has('p'), has('x')};
 }
 
 // Plays "what comes in" and returns what comes out. In: a reply, in which "|" stands for a line's end;
@@ -81,6 +85,8 @@ const std::string kXclient = "-> XCLIENT NAME=mail.client.test ADDR=192.0.2.7";
 TEST(ServerPreface, IsNeededForWhatItAgreesOn) {
   EXPECT_FALSE(Plan("").IsNeeded());
   EXPECT_FALSE(Plan("r").IsNeeded());
+  EXPECT_TRUE(Plan("t").IsNeeded());
+  EXPECT_FALSE(Plan("t").NeedsEhlo());
   for (const char* const letters : {"s", "sr", "p", "x", "sx", "srx", "sp"}) {
     EXPECT_TRUE(Plan(letters).IsNeeded()) << letters;
   }
@@ -195,6 +201,22 @@ TEST(ServerPreface, UnderTlsTheServerIsAskedAgain) {
       {"srx",
        {"220 hello", both, "220 go", "secured", both, "named", "220 you"},
        {kEhlo, "-> STARTTLS", "tls", kEhlo, "names", kXclient, "greet 220 you"}},
+  });
+}
+
+TEST(ServerPreface, TlsMayBeginBeforeTheGreeting) {
+  const std::string both = "250-a|250-STARTTLS|250 XCLIENT ADDR";
+  EXPECT_EQ(ServerPreface(Plan("t")).Begin().kind, Kind::kStartTls);
+  EXPECT_EQ(ServerPreface(Plan("s")).Begin().kind, Kind::kWait);
+  PlayRows({
+      {"t", {"secured"}, {"go on"}},
+      {"tp", {"secured", "220 hello", "250 a"}, {"wait", kEhlo, "greet 220 hello"}},
+      {"tp", {"secured", "220 hello", "500 a"}, {"wait", kEhlo, "refuse EHLO refused"}},
+      {"tx",
+       {"secured", "220 hello", both, "named", "220 you"},
+       {"wait", kEhlo, "names", "-> XCLIENT ADDR=192.0.2.7", "greet 220 you"}},
+      {"t", {"220 hello"}, {"refuse unexpected data"}},
+      {"tx", {"220 hello"}, {"refuse unexpected data"}},
   });
 }
 
