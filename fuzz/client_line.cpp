@@ -91,6 +91,10 @@ class ClientSession final : private DialogueActions {
   }
   void ToClient(std::string_view reply) override { Require(reply.size() > 4 && reply.ends_with(kCrLf)); }
   void StartTls(std::string_view) override { Require(false); }
+  void ClientIs(const std::optional<ProxiedConnection>&) override { Require(false); }
+  void StartServerTls() override { Require(false); }
+  void AskForClientNames() override { Require(false); }
+  void GoOnWithoutServer() override { Require(false); }
   void AskForAddresses(std::string_view host_name) override { Require(!host_name.empty()); }
   void CloseServer() override {}
   void EndAfterPause() override {}

@@ -120,6 +120,10 @@ class ServerSession final : private DialogueActions {
   void ToServer(std::string_view bytes, bool) override { to_server_.append(bytes); }
   void ToClient(std::string_view reply) override { to_client_.append(reply); }
   void StartTls(std::string_view) override { Require(false); }
+  void ClientIs(const std::optional<ProxiedConnection>&) override { Require(false); }
+  void StartServerTls() override { Require(false); }
+  void AskForClientNames() override { Require(false); }
+  void GoOnWithoutServer() override { Require(false); }
   void AskForAddresses(std::string_view) override {}
   void CloseServer() override {}
   void EndAfterPause() override {}

@@ -431,6 +431,10 @@ class Peers final : private DialogueActions {
     ToClient(last_words);
   }
   void AskForAddresses(std::string_view host_name) override { Require(!host_name.empty()); }
+  void ClientIs(const std::optional<ProxiedConnection>&) override { Require(false); }
+  void StartServerTls() override { Require(false); }
+  void AskForClientNames() override { Require(false); }
+  void GoOnWithoutServer() override { Require(false); }
   void CloseServer() override { server_ = false; }
   void EndAfterPause() override { pausing_ = true; }
   void Log(Side side, std::int32_t level, std::string_view text) override {

@@ -52,12 +52,18 @@ double cProxy::Duration() const {
 void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   if (stage_ == Stage::kClosed) return;
   if (event == SessionSide::Event::kSecured) {
-    TlsStands();
-  } else if (event ==
-             SessionSide::Event::kConnect) {  // of the server; the client is connected from the beginning
+    if (&side == &Receiver) {
+      TlsStands();
+    } else {
+      if (opening_) opening_->handshake_end = MonotonicTime::max();
+      dialogue_.OnServerSecured(*this);
+    }
+  } else if (event == SessionSide::Event::kConnect) {
+    // Of the server; the client is connected from the beginning.
     TimeoutSpan = std::chrono::seconds(0);
     timeout_.reset();
     side.Log(log_level::kConnection, "Connected.");
+    if (NeedsApproach(dependencies_.configuration)) ApproachServer();
   } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver && TimeoutSpan.count() != 0 &&
              LineHasCome()) {
     LastActivity = dependencies_.clock.Monotonic();
@@ -73,6 +79,8 @@ void cProxy::Pump() {
       EndServer(Sender.TakeEnd());
     } else if (Receiver.HasEnded()) {
       EndClient();
+    } else if (opening_ && FollowOpening()) {
+      continue;
     } else if (Sender.Readable() && !Receiver.Sending() && !handshake_) {
       // What comes during a send waits in the socket, so that a client that does not read holds up its
       // server. Likewise one that makes its handshake.
@@ -108,6 +116,7 @@ bool cProxy::MayTakeClientBytes() const {
     case ClientBytes::kContent:
       return !Sender.Sending();
     case ClientBytes::kDiscarded:
+    case ClientBytes::kHeader:
       return true;
     case ClientBytes::kWait:
       break;
@@ -116,6 +125,7 @@ bool cProxy::MayTakeClientBytes() const {
 }
 
 void cProxy::TakeClientBytes() {
+  if (dialogue_.Expected() == ClientBytes::kHeader) return TakeHeader();
   const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
   const std::string_view there = Receiver.Peek(is_line ? kLinePeekBytes : kContentChunk);
   Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
@@ -219,6 +229,8 @@ void cProxy::TlsStands() {
 
 void cProxy::EndClient() {
   if (handshake_ && Receiver.HasClosed()) Receiver.Log(log_level::kErrors, "TLS handshake broken off.");
+  const std::string_view lost = dialogue_.LostWithClient();
+  if (!lost.empty()) Receiver.Log(log_level::kErrors, lost);
   Close();
 }
 
@@ -252,6 +264,13 @@ bool cProxy::LineHasCome() {
 }
 
 void cProxy::ArmTimeout() {
+  TimeoutSpan = std::chrono::seconds(dependencies_.configuration.Timeout);
+  if (TimeoutSpan.count() == 0) return;
+  LastActivity = dependencies_.clock.Monotonic();
+  ArmTimer();
+}
+
+void cProxy::ArmTimer() {
   const auto left = TimeoutSpan - (dependencies_.clock.Monotonic() - LastActivity);
   const auto wait = std::max(std::chrono::floor<Milliseconds>(left), Milliseconds(0)) + Milliseconds(1);
   if (!timeout_) {
@@ -264,7 +283,7 @@ void cProxy::ArmTimeout() {
 
 void cProxy::CheckTimeout() {
   RunHandler("cProxy.CheckTimeout", [this] {
-    if (EndSilent() || EndHandshake() || EndStuck()) return;
+    if (EndSilent() || EndHandshake() || EndOpening() || EndStuck()) return;
     if (stall_timer_ && !NeedsWatch()) stall_timer_->Disable();
     // The end of the connection is noticed only after the unread bytes before it.
     if (Sender.Readable() && Sender.Socket().PeerEnded()) TakeLastWords();
@@ -275,7 +294,7 @@ void cProxy::CheckTimeout() {
 bool cProxy::EndSilent() {
   if (TimeoutSpan.count() == 0) return false;
   if (dependencies_.clock.Monotonic() - LastActivity <= TimeoutSpan) {
-    ArmTimeout();
+    ArmTimer();
     return false;
   }
   Receiver.Log(log_level::kErrors, "Timeout exceeded. Closing connection.");

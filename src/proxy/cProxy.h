@@ -6,13 +6,17 @@
 //   it the client's name from DNS are checked.
 //   The client closes: the session ends.
 //
+// - balancer: a connection of a load balancer begins with a header that says whose it is. Nothing else is looked
+//   at before, and nothing is said; from then on the client is the one in the header.
+//
 // - TLS port: behind the checks of number and address comes the TLS handshake, and then the client's name. Until
 //   it is done the client could read no reply: it is closed without one, and no server is connected.
 //
 // - refused: the client's name was refused; only the proxy talks to it, until QUIT or the time-out.
 //
 // - connecting: the connection to the server is being made, the client's data waits. When it fails, the
-//   client gets 421 and the session ends.
+//   client gets 421 and the session ends. Where the settings ask for it the server then gets a header of the
+//   PROXY protocol, and the preface follows (dialogue/server_preface.h), while the client's data waits.
 //
 // - relaying: from the server's connection on. Either side closes: what was said so far still reaches the
 //   other one, then the session ends. While the client has not taken all of it, the session goes on for the
@@ -97,6 +101,7 @@ class cProxy final : public DeferredDeletable,
 
   // Admission, in this order; each returns whether the session goes on.
   bool AdmitByCount();
+  void AdmitClient(bool tls);
   bool AdmitByAddress();
   void AdmitFurther();
   void LookUpClientName();
@@ -104,6 +109,17 @@ class cProxy final : public DeferredDeletable,
   bool AdmitByName();
   bool NameAdmissionApplies() const;
   void ConnectServer();
+
+  // What comes before the dialogue: a balancer's header, and what the server has to agree on.
+  void ExpectHeader(bool tls);
+  void TakeHeader();
+  void ApproachServer();
+  ClientOrigin Origin() const;
+  bool FollowOpening();
+  void BeginServerTls();
+  void ConfirmClientName();
+  void TellClientNames(ClientNames::Answer confirmed);
+  bool EndOpening();
 
   // TLS with the client: begun when the line that asked for it has been taken.
   void BeginTls();
@@ -129,21 +145,27 @@ class cProxy final : public DeferredDeletable,
   void ToServer(std::string_view bytes, bool more_follows) override;
   void ToClient(std::string_view reply) override;
   void StartTls(std::string_view last_words) override;
+  void ClientIs(const std::optional<ProxiedConnection>& connection) override;
+  void StartServerTls() override { opening_->wants_tls = true; }
+  void AskForClientNames() override { opening_->wants_names = true; }
   void AskForAddresses(std::string_view host_name) override;
   void CloseServer() override;
+  void GoOnWithoutServer() override;
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;
   void LogFailure(const Error& error) override { dependencies_.log.LogError(error); }
 
   // Time.
   bool LineHasCome();
+  // From now on a client that completes no line is closed after Timeout.
   void ArmTimeout();
+  void ArmTimer();
   bool EndSilent();
   bool EndHandshake();
   bool EndStuck();
   void TakeLastWords();
-  // Whether something goes on whose time is bounded: a send, or a handshake.
-  bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_; }
+  // Whether something goes on whose time is bounded: a send, a handshake, or what comes before the dialogue.
+  bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_ || opening_; }
   void Watch();
 
   // The body of an event handler: not run when the session has ended; errors that leave it are logged.
@@ -165,15 +187,27 @@ class cProxy final : public DeferredDeletable,
   };
   std::unique_ptr<Handshake> handshake_;
 
+  // In the phases kProxyHeader and kPreface.
+  struct Opening {
+    bool tls_port = false;  // of the client
+    MonotonicTime end{};    // when the time for it is over
+    MonotonicTime handshake_end = MonotonicTime::max();
+    bool wants_tls = false;
+    bool wants_names = false;
+  };
+  std::unique_ptr<Opening> opening_;
+  bool is_balancers_own_ = false;  // the balancer has spoken for itself
+
   std::chrono::seconds TimeoutSpan{0};  // 0: no time-out
   MonotonicTime LastActivity{};
   std::int64_t looked_to_ = 0;  // how far the client's bytes have been searched for a line's end
   MonotonicTime StartTime{};
   bool Whitelisted = false;
   bool HostNameKnown = false;
+  bool name_is_temporary_ = false;      // DNS was silent or failed
   mutable std::optional<bool> IsLocal;  // asked for once
   std::string HostName;
-  LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits
+  LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits, or of the client's name
   std::unique_ptr<Timer> pause_;        // the session ends when it has passed
   std::unique_ptr<Timer> timeout_;      // until the server is connected
   std::unique_ptr<Timer> stall_timer_;  // enabled while NeedsWatch()

@@ -8,7 +8,6 @@
 namespace trabex {
 
 void cProxy::Init(std::int32_t requestID, bool tls) {
-  TimeoutSpan = std::chrono::seconds(dependencies_.configuration.Timeout);
   try {
     Receiver.Socket().Accept(requestID);
   } catch (const Error& error) {
@@ -22,16 +21,25 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
     StartTime = LastActivity = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
     if (tls) dialogue_.ExpectTls();
-    if (!AdmitByCount() || !AdmitByAddress()) return;
-    if (TimeoutSpan.count() != 0) ArmTimeout();
-    if (tls) {
-      StartTls({});
-      BeginTls();
+    if (!AdmitByCount()) return;
+    if (mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.ProxyProtocolFrom)) {
+      ExpectHeader(tls);
     } else {
-      AdmitFurther();
+      AdmitClient(tls);
     }
     Pump();
   });
+}
+
+void cProxy::AdmitClient(bool tls) {
+  if (!AdmitByAddress()) return;
+  ArmTimeout();
+  if (tls) {
+    StartTls({});
+    BeginTls();
+  } else {
+    AdmitFurther();
+  }
 }
 
 void cProxy::AdmitFurther() {
@@ -73,8 +81,9 @@ void cProxy::LookUpClientName() {
 void cProxy::ClientNameKnown() {
   try {
     HostName = Receiver.Socket().RemoteHostName();
-  } catch (const Error&) {
+  } catch (const Error& error) {
     HostName.clear();
+    name_is_temporary_ = error.Number() == socket_error::kTryAgain;
   }
   HostNameKnown = true;
   if (stage_ == Stage::kAdmission) {
@@ -109,6 +118,8 @@ void cProxy::ConnectServer() {
 }
 
 bool cProxy::IsLocalClient() const {
+  // What a balancer cannot describe would come in under its own address, which is often a local one.
+  if (is_balancers_own_) return false;
   if (!IsLocal) IsLocal = mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.LocalIPs);
   return *IsLocal;
 }

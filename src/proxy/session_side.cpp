@@ -38,6 +38,11 @@ void SessionSide::Take(std::size_t used, std::size_t size) {
   if (used > 0) socket_.Consume(static_cast<std::int32_t>(used));
 }
 
+void SessionSide::TakeUncounted(std::size_t used, std::size_t size) {
+  readable_ = used > 0 && used < size;
+  if (used > 0) socket_.ConsumeUncounted(static_cast<std::int32_t>(used));
+}
+
 std::string SessionSide::TakeAll() {
   readable_ = false;
   std::string data;
@@ -73,6 +78,7 @@ void SessionSide::StartTls(TlsRole role, std::shared_ptr<const TlsContext> conte
 
 void SessionSide::NoteFailure(int error, std::string_view description) {
   end_ = End::kFailed;
+  if (!logs_failures_) return;
   if (error == tls_error::kTooManyHandshakes) {
     return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
   }

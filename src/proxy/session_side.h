@@ -48,6 +48,8 @@ class SessionSide {
   // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
   // at once when any were used; otherwise it waits for more.
   void Take(std::size_t used, std::size_t size);
+  // The same for bytes that are not the peer's own, and count as none.
+  void TakeUncounted(std::size_t used, std::size_t size);
   // Takes all that is there, one chunk of the socket's receive buffer at most.
   std::string TakeAll();
 
@@ -68,6 +70,8 @@ class SessionSide {
   End TakeEnd() { return *std::exchange(end_, std::nullopt); }
   // Whether the peer has closed its connection.
   bool HasClosed() const { return end_ == End::kClosed; }
+  // Whether it is logged why the connection fails; it is at first.
+  void LogFailures(bool logged) { logs_failures_ = logged; }
   // Notes that the connection failed, and logs why.
   void NoteFailure(int error, std::string_view description);
 
@@ -94,6 +98,7 @@ class SessionSide {
   bool sending_ = false;
   bool in_send_ = false;
   bool sent_at_once_ = false;
+  bool logs_failures_ = true;
 };
 
 }  // namespace trabex

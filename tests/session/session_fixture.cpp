@@ -75,7 +75,8 @@ std::string OnIPv6(std::string_view text) {
 // What the settings and the names say of the client's address, they say of its address of IPv6.
 void MeanIPv6(SessionFixture& fixture) {
   Configuration& c = fixture.Settings;
-  for (IPRangeList* const list : {&c.LocalIPs, &c.IPBlackList, &c.IPAllowList, &c.IPWhiteList}) {
+  for (IPRangeList* const list :
+       {&c.LocalIPs, &c.IPBlackList, &c.IPAllowList, &c.IPWhiteList, &c.ProxyProtocolFrom}) {
     if (!list->Contains(kIPv4Loopback)) continue;
     std::vector<IPRange> ranges = list->Ranges();
     ranges.push_back({kIPv6Loopback, kIPv6Loopback});

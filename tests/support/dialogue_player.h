@@ -73,6 +73,11 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   void ToClient(std::string_view reply) override;
   void AskForAddresses(std::string_view host_name) override;
   void StartTls(std::string_view last_words) override;
+  // What comes before the dialogue is not played here.
+  void ClientIs(const std::optional<ProxiedConnection>&) override { Unplayed(); }
+  void StartServerTls() override { Unplayed(); }
+  void AskForClientNames() override { Unplayed(); }
+  void GoOnWithoutServer() override { Unplayed(); }
   void CloseServer() override { server_closed_ = true; }
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;
@@ -88,6 +93,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   TlsTexts TlsText() const override;
   bool ServerTlsActive() const override { return false; }
 
+  void Unplayed() { Fail("something comes before the dialogue"); }
   bool PlayStep(const script::Step& step);
   void Send(script::Side side, const script::Sending& sending);
   void Deliver(script::Side side, std::string_view bytes);

@@ -9,6 +9,12 @@ namespace trabex {
 
 using Side = DialogueActions::Side;
 
+namespace {
+
+constexpr std::string_view kInvalidHeader = "Invalid PROXY header. Closing connection.";
+
+}  // namespace
+
 Dialogue::Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
                    GreylistCheck* greylisting, DialogueState state)
     : configuration_(configuration),
@@ -25,10 +31,35 @@ std::size_t Dialogue::OnClientBytes(std::string_view bytes, DialogueActions& act
     case ClientBytes::kContent:
     case ClientBytes::kDiscarded:
       return TakeContent(bytes, actions);
+    case ClientBytes::kHeader:
+      return TakeHeader(bytes, actions);
     case ClientBytes::kWait:
       break;
   }
   return 0;
+}
+
+std::size_t Dialogue::TakeHeader(std::string_view bytes, DialogueActions& actions) {
+  header_begun_ |= !bytes.empty();
+  const ProxyHeader header = ParseProxyHeader(bytes);
+  if (header.state == ProxyHeader::State::kBad) {
+    actions.Log(Side::kClient, log_level::kErrors, kInvalidHeader);
+    Enter(PhaseEvent::kEnd);
+  }
+  if (header.state != ProxyHeader::State::kWhole) return 0;
+  actions.ClientIs(header.connection);
+  const auto& connection = header.connection;
+  actions.Log(Side::kClient, log_level::kConnection,
+              connection ? "PROXY header: " + FormatEndpoint(connection->client) + " to " +
+                               FormatEndpoint(connection->called) + "."
+                         : "PROXY header: local.");
+  Enter(PhaseEvent::kHeaderTaken);
+  return header.size;
+}
+
+// One that closes before its first byte has looked whether we are there.
+std::string_view Dialogue::LostWithClient() const {
+  return state_.phase == Phase::kProxyHeader && header_begun_ ? kInvalidHeader : std::string_view();
 }
 
 std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions) {
@@ -123,6 +154,10 @@ void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
   actions.ToServer(decision.text, false);
 }
 
+void Dialogue::ExpectHeader() {
+  Enter(PhaseEvent::kHeaderExpected);
+}
+
 void Dialogue::ExpectTls() {
   Enter(PhaseEvent::kTlsExpected);
 }
@@ -140,6 +175,7 @@ void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions
 
 void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
   assembler_.Append(std::move(bytes));
+  if (preface_) return TakePrefaceBytes(actions);
   RelayReplies(actions);
   if (!assembler_.TooLong()) return;
   // Relayed in parts, unchanged, unless it offers extensions; its last line decides what it means.
@@ -150,6 +186,9 @@ void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
 }
 
 void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
+  if (preface_) {
+    return how == ServerEnd::kFailed ? EndWithoutServer(actions) : RefuseServer("connection closed", actions);
+  }
   assembler_.EndLine();
   RelayReplies(actions);
   RelayWholeLines(actions);
@@ -157,14 +196,90 @@ void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
   Enter(PhaseEvent::kEnd);
 }
 
-void Dialogue::RelayReplies(DialogueActions& actions) {
-  while (const auto reply = assembler_.NextReply()) RelayReply(*reply, actions);
+void Dialogue::OnServerConnected(ServerApproach approach, DialogueActions& actions) {
+  if (!approach.header.empty()) {
+    actions.Log(Side::kServer, log_level::kSent, approach.logged_header);
+    actions.ToServer(approach.header, false);
+  }
+  if (!approach.preface.IsNeeded()) return;
+  preface_ = std::make_unique<ServerPreface>(std::move(approach.preface));
+  Enter(PhaseEvent::kPrefaceBegins);
+  Follow(preface_->Begin(), actions);
 }
 
-void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
+void Dialogue::OnServerSecured(DialogueActions& actions) {
+  if (preface_) Follow(preface_->OnSecured(), actions);
+}
+
+void Dialogue::OnClientNames(const ProxiedConnection& connection, const ClientNames& names,
+                             DialogueActions& actions) {
+  if (preface_) Follow(preface_->OnNames(connection, names), actions);
+}
+
+void Dialogue::TakePrefaceBytes(DialogueActions& actions) {
+  const auto reply = assembler_.NextReply();
+  if (reply) {
+    LogReply(*reply, actions);
+    Follow(preface_->OnReply(*reply, !assembler_.IsEmpty()), actions);
+  } else if (assembler_.TooLong() || !preface_->AwaitsReply()) {
+    Follow(ServerPreface::OnNonsense(), actions);
+  }
+}
+
+void Dialogue::Follow(const ServerPreface::Step& step, DialogueActions& actions) {
+  using Kind = ServerPreface::Step::Kind;
+  switch (step.kind) {
+    case Kind::kSend:
+      actions.Log(Side::kServer, log_level::kSent, step.text);
+      actions.ToServer(step.text, false);
+      break;
+    case Kind::kStartTls:
+      actions.StartServerTls();
+      break;
+    case Kind::kAskForNames:
+      actions.AskForClientNames();
+      break;
+    case Kind::kWait:
+      break;
+    case Kind::kGoOn:
+      Enter(PhaseEvent::kPrefaceOver);
+      preface_.reset();
+      break;
+    case Kind::kGreet:
+      Enter(PhaseEvent::kPrefaceOver);
+      RelayReply(step.text, actions);
+      if (step.without_server) {
+        state_.transaction = Transaction::kRefused;
+        actions.GoOnWithoutServer();
+      }
+      preface_.reset();
+      break;
+    case Kind::kRefuse:
+      RefuseServer(step.text, actions);
+      break;
+  }
+}
+
+void Dialogue::RefuseServer(std::string_view reason, DialogueActions& actions) {
+  actions.Log(Side::kServer, log_level::kErrors,
+              std::string("No session with this server: ").append(reason).append(". Closing connection."));
+  EndWithoutServer(actions);
+}
+
+void Dialogue::LogReply(std::string_view reply, DialogueActions& actions) const {
   if (configuration_.LogLevelServer & log_level::kReceived) {
     actions.Log(Side::kServer, log_level::kReceived, reply);
   }
+}
+
+void Dialogue::RelayReplies(DialogueActions& actions) {
+  while (const auto reply = assembler_.NextReply()) {
+    LogReply(*reply, actions);
+    RelayReply(*reply, actions);
+  }
+}
+
+void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   ReplyDecision decision = replies_.ProcessOutgoingData(reply, state_);
   if (decision.requested) state_.requested = std::move(*decision.requested);
   if (decision.offered) state_.offered = std::move(*decision.offered);
@@ -192,12 +307,15 @@ bool Dialogue::RelayWholeLines(DialogueActions& actions) {
 
 // Tells the client that the server is gone, and ends the session.
 void Dialogue::EndWithoutServer(DialogueActions& actions) {
+  preface_.reset();
   actions.ToClient(commands_.BuildReply(ReplyKind::kServerError, state_).append(kCrLf));
   actions.CloseServer();
   Enter(PhaseEvent::kEnd);
 }
 
 void Dialogue::Say(ReplyKind kind, DialogueActions& actions) {
+  // A balancer that has not said whose connection it is gets no word.
+  if (state_.phase == Phase::kProxyHeader) return Enter(PhaseEvent::kEnd);
   std::string reply = commands_.BuildReply(kind, state_);
   if (state_.phase == Phase::kTls || state_.phase == Phase::kStartTls) {
     actions.Log(Side::kClient, log_level::kErrors, "Refused without TLS: " + reply);

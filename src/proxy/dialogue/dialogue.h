@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -17,7 +18,10 @@
 #include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/dialogue/policy_replies.h"
+#include "proxy/dialogue/proxy_header.h"
 #include "proxy/dialogue/reply_assembler.h"
+#include "proxy/dialogue/server_approach.h"
+#include "proxy/dialogue/server_preface.h"
 #include "proxy/dialogue/server_reply_filter.h"
 #include "proxy/dialogue/session_facts.h"
 
@@ -38,10 +42,20 @@ class DialogueActions {
   // direction, goes through TLS with the client, also one that was received and not taken;
   // Dialogue::OnSecured is called when it stands. When it fails the session ends.
   virtual void StartTls(std::string_view last_words) = 0;
+  // A balancer has said whose connection it is; nothing: its own. From now on the client is that one.
+  virtual void ClientIs(const std::optional<ProxiedConnection>& connection) = 0;
+  // Begins TLS with the server: every other byte from now on, in either direction, goes through it, also one
+  // that was received and not taken. Dialogue::OnServerSecured is called when it stands. When it fails, that
+  // is the server's end.
+  virtual void StartServerTls() = 0;
+  // Looks what DNS says of the client; Dialogue::OnClientNames takes it.
+  virtual void AskForClientNames() = 0;
   // Looks for the addresses of `host_name`; Dialogue::OnAddresses takes them.
   virtual void AskForAddresses(std::string_view host_name) = 0;
   // Closes the server's connection; the client's goes on.
   virtual void CloseServer() = 0;
+  // The same for good: the client stays as one that was refused.
+  virtual void GoOnWithoutServer() = 0;
   // Takes nothing more of the client, and ends the session a short time later.
   virtual void EndAfterPause() = 0;
   // A line for the protocol log of that side, at one of the levels of log_level: what was received or sent, or
@@ -65,15 +79,30 @@ class Dialogue {
   const DialogueState& State() const { return state_; }
   ClientBytes Expected() const { return ExpectedBytes(state_.phase); }
 
+  // The client's connection is that of a balancer, so that nothing can be said before its header. Called
+  // before anything of the client is taken.
+  void ExpectHeader();
   // The client came to a port where TLS is spoken from the first byte on, so that it can read nothing before.
   // Called before anything else.
   void ExpectTls();
   // TLS with the client stands.
   void OnSecured();
 
-  // Takes one command line, or content, from the front of `bytes`, which are the client's next ones; returns
-  // how many it has used. 0: nothing is taken now, or a line or an end of content has not come whole.
+  // Takes one command line, content, or a balancer's header from the front of `bytes`, which are the client's
+  // next ones; returns how many it has used. 0: nothing is taken now, or a line, an end of content or a header
+  // has not come whole.
   std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
+  // What is to be logged of the client that has closed; "" for nothing.
+  std::string_view LostWithClient() const;
+  // The server is connected, and something comes before its greeting.
+  void OnServerConnected(ServerApproach approach, DialogueActions& actions);
+  // TLS with the server stands.
+  void OnServerSecured(DialogueActions& actions);
+  // The answer to AskForClientNames.
+  void OnClientNames(const ProxiedConnection& connection, const ClientNames& names, DialogueActions& actions);
+  // There is no session with this server, for the given reason: that is logged, the client is told so, and the
+  // session ends.
+  void RefuseServer(std::string_view reason, DialogueActions& actions);
   // Takes what the server said: whole replies are relayed, the rest is kept until it is whole.
   void OnServerBytes(std::string bytes, DialogueActions& actions);
   // The answer to AskForAddresses.
@@ -87,11 +116,16 @@ class Dialogue {
   void Say(ReplyKind kind, DialogueActions& actions);
 
  private:
+  std::size_t TakeHeader(std::string_view bytes, DialogueActions& actions);
   std::size_t TakeLine(std::string_view bytes, DialogueActions& actions);
   std::size_t TakeContent(std::string_view bytes, DialogueActions& actions);
   void Act(LineDecision&& decision, DialogueActions& actions);
   void Forward(LineDecision& decision, DialogueActions& actions);
 
+  void TakePrefaceBytes(DialogueActions& actions);
+  void Follow(const ServerPreface::Step& step, DialogueActions& actions);
+
+  void LogReply(std::string_view reply, DialogueActions& actions) const;
   void RelayReplies(DialogueActions& actions);
   void RelayReply(std::string_view reply, DialogueActions& actions);
   bool RelayWholeLines(DialogueActions& actions);
@@ -105,6 +139,8 @@ class Dialogue {
   ClientCommandFilter commands_;
   ServerReplyFilter replies_;
   ReplyAssembler assembler_;
+  std::unique_ptr<ServerPreface> preface_;  // in kPreface
+  bool header_begun_ = false;               // in kProxyHeader
   DialogueState state_;
 };
 

@@ -11,8 +11,13 @@ using enum Phase;
 // clang-format off
 constexpr PhaseTransition kPhaseTransitions[] = {
     // from            event                         to
+    {kServerGreeting, PhaseEvent::kHeaderExpected,  kProxyHeader},
+    {kTls,            PhaseEvent::kHeaderExpected,  kProxyHeader},
+    {kProxyHeader,    PhaseEvent::kHeaderTaken,     kServerGreeting},
     {kServerGreeting, PhaseEvent::kTlsExpected,     kTls},
     {kTls,            PhaseEvent::kSecured,         kServerGreeting},
+    {kServerGreeting, PhaseEvent::kPrefaceBegins,   kPreface},
+    {kPreface,        PhaseEvent::kPrefaceOver,     kServerGreeting},
     {kServerGreeting, PhaseEvent::kReply,           kCommand},
     {kServerGreeting, PhaseEvent::kNoServer,        kCommand},
     {kCommand,        PhaseEvent::kForwarded,       kReply},
@@ -78,7 +83,10 @@ ClientBytes ExpectedBytes(Phase phase) {
     case kDiscard:
     case kFarewell:
       return ClientBytes::kDiscarded;
+    case kProxyHeader:
+      return ClientBytes::kHeader;
     case kTls:
+    case kPreface:
     case kServerGreeting:
     case kStartTls:
     case kAsking:

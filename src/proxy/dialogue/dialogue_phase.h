@@ -12,7 +12,9 @@
 namespace trabex {
 
 enum class Phase {
+  kProxyHeader,     // a balancer has to say first whose connection it is
   kTls,             // the client speaks TLS from its first byte on, and it does not stand yet
+  kPreface,         // the server and we agree on TLS and on who the client is; what the client sends waits
   kServerGreeting,  // the server has not greeted yet (RFC 5321, 3.1); what the client sends waits
   kCommand,         // the client's next line is a command
   kStartTls,        // STARTTLS was answered (RFC 3207); TLS does not stand yet
@@ -32,6 +34,7 @@ enum class Phase {
 // What becomes of the client's next bytes.
 enum class ClientBytes {
   kWait,       // left where they are
+  kHeader,     // the balancer's header
   kLine,       // one line, for the filter
   kContent,    // content for the server
   kDiscarded,  // read and thrown away
@@ -39,6 +42,10 @@ enum class ClientBytes {
 ClientBytes ExpectedBytes(Phase phase);
 
 enum class PhaseEvent {
+  kHeaderExpected,   // the client's connection is that of a balancer
+  kHeaderTaken,      // its header has come whole
+  kPrefaceBegins,    // the server is connected, and has to agree on something first
+  kPrefaceOver,      // it has
   kTlsExpected,      // the client came to a port where TLS is spoken from the first byte on
   kTlsBegins,        // STARTTLS was accepted
   kSecured,          // TLS with the client stands

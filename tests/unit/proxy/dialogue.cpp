@@ -183,6 +183,28 @@ void TestDialogue::ExpectTls() {
   Outcome([&](Dialogue& dialogue) { dialogue.ExpectTls(); });
 }
 
+void TestDialogue::ExpectHeader() {
+  Outcome([&](Dialogue& dialogue) { dialogue.ExpectHeader(); });
+}
+
+std::size_t TestDialogue::TakeHeader(std::string_view bytes) {
+  std::size_t used = 0;
+  Outcome([&](Dialogue& dialogue) { used = dialogue.OnClientBytes(bytes, *this); });
+  return used;
+}
+
+void TestDialogue::BeginPreface(bool tls) {
+  ServerApproach approach;
+  approach.preface.tls_at_once = tls;
+  approach.preface.starttls = !tls;
+  Outcome([&](Dialogue& dialogue) {
+    dialogue.OnServerConnected(approach, *this);
+    EXPECT_EQ(dialogue.phase(), Phase::kPreface);
+    EXPECT_EQ(actions_.empty(), !tls);
+    if (tls) dialogue.OnServerSecured(*this);
+  });
+}
+
 void TestDialogue::Secure() {
   facts.tls_active = true;
   Outcome([&](Dialogue& dialogue) { dialogue.OnSecured(); });

@@ -98,6 +98,12 @@ class TestDialogue final : private DialogueActions {
   void OfferTls();
   // The client came to the port where TLS is spoken from the first byte on.
   void ExpectTls();
+  // The client's connection is that of a balancer, which then sends `bytes`; returns how many are its header.
+  void ExpectHeader();
+  std::size_t TakeHeader(std::string_view bytes);
+  // The server is connected, and has to agree on something; with `tls`, on TLS before its greeting, which then
+  // stands.
+  void BeginPreface(bool tls);
   // TLS with the client stands.
   void Secure();
   // The client was not admitted: only the proxy replies to it.
@@ -124,6 +130,7 @@ class TestDialogue final : private DialogueActions {
   FakeFacts facts;
   FakeGreylisting greylisting;
   DialogueState state;
+  std::optional<ProxiedConnection> proxied;  // what a balancer's header has said
   ClientCommandFilter commands{configuration, clock, facts, &greylisting};
   ServerReplyFilter replies{configuration, clock, facts};
 
@@ -132,6 +139,10 @@ class TestDialogue final : private DialogueActions {
   void ToClient(std::string_view reply) override;
   void AskForAddresses(std::string_view host_name) override;
   void StartTls(std::string_view last_words) override;
+  void ClientIs(const std::optional<ProxiedConnection>& connection) override { proxied = connection; }
+  void StartServerTls() override { actions_.push_back("S starts TLS"); }
+  void AskForClientNames() override {}
+  void GoOnWithoutServer() override {}
   void CloseServer() override {}
   void EndAfterPause() override;
   void Log(Side side, std::int32_t level, std::string_view text) override;

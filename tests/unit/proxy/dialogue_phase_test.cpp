@@ -59,8 +59,13 @@ struct Row {
 
 const std::vector<Row>& Rows() {
   static const std::vector<Row> rows = {
+      {kServerGreeting, PhaseEvent::kHeaderExpected, kProxyHeader, {}, "balancer"},
+      {kTls, PhaseEvent::kHeaderExpected, kProxyHeader, {"TLS port"}, "balancer"},
+      {kProxyHeader, PhaseEvent::kHeaderTaken, kServerGreeting, {"balancer"}, "header"},
       {kServerGreeting, PhaseEvent::kTlsExpected, kTls, {}, "TLS port"},
       {kTls, PhaseEvent::kSecured, kServerGreeting, {"TLS port"}, "secured"},
+      {kServerGreeting, PhaseEvent::kPrefaceBegins, kPreface, {}, "preface"},
+      {kPreface, PhaseEvent::kPrefaceOver, kServerGreeting, {}, "whole preface"},
       {kServerGreeting, PhaseEvent::kReply, kCommand, {}, kGreeting},
       {kServerGreeting, PhaseEvent::kNoServer, kCommand, {}, "refuse"},
       {kCommand, PhaseEvent::kForwarded, kReply, {kGreeting}, "C: NOOP\n-> NOOP"},
@@ -161,12 +166,28 @@ const std::vector<Row>& Rows() {
   return rows;
 }
 
+bool IsNamedPart(const std::string& part) {
+  static const std::vector<std::string> names = {"TLS port", "secured",       "balancer",      "header",
+                                                 "preface",  "whole preface", kStartTlsCommand};
+  return std::find(names.begin(), names.end(), part) != names.end();
+}
+
 // A part of a dialogue that comes before a row.
 void TakePart(TestDialogue& d, const std::string& part) {
   if (part == "TLS port") {
     d.ExpectTls();
   } else if (part == "secured") {
     d.Secure();
+  } else if (part == "balancer") {
+    d.ExpectHeader();
+  } else if (part == "header") {
+    const std::string header = "PROXY TCP4 192.0.2.8 203.0.113.5 1 25\r\n";
+    EXPECT_EQ(d.TakeHeader(header + "EHLO a.test\r\n"), header.size());
+    EXPECT_EQ(d.proxied->client, (Endpoint{IPAddress::IPv4(0xC0000208), 1}));
+  } else if (part == "preface") {
+    d.BeginPreface(false);
+  } else if (part == "whole preface") {
+    d.BeginPreface(true);
   } else if (part == kStartTlsCommand) {
     EXPECT_EQ(d.Says("STARTTLS"), "<- 220 2.0.0 Ready to start TLS.; C starts TLS");
   } else {
@@ -186,12 +207,13 @@ TEST(DialoguePhase, EachRowIsTaken) {
       TakePart(d, part);
     }
     d.configuration.ValidateHELO = 2;
-    if (row.from) {
+    // A preface is no part of the state, so its end comes in the step that begins it.
+    if (row.from && row.step != "whole preface") {
       EXPECT_EQ(d.state.phase, *row.from) << row.step;
     }
     if (row.step == "refuse") {
       d.Say(ReplyKind::kNoPtr);
-    } else if (row.step == "TLS port" || row.step == kStartTlsCommand || row.step == "secured") {
+    } else if (IsNamedPart(row.step)) {
       TakePart(d, row.step);
     } else if (row.step == "found") {
       const IPAddress client[] = {IPAddress::IPv4(0xC0000207)};
@@ -276,14 +298,15 @@ TEST(Transactions, RsetDoesNotGreet) {
 
 // --- the tables of the document
 
-constexpr const char* kPhaseNames[] = {"Tls",     "ServerGreeting", "Command",        "StartTls",
-                                       "Asking",  "Reply",          "AuthData",       "DotContent",
-                                       "Chunk",   "Octets",         "AnsweredOctets", "ContentReply",
-                                       "Discard", "Farewell",       "Ending"};
-constexpr const char* kEventNames[] = {"TlsExpected",  "TlsBegins",    "Secured",         "NoServer",
-                                       "Answered",     "BdatAnswered", "Forwarded",       "BdatForwarded",
-                                       "Asked",        "Reply",        "AuthDataWanted",  "ContentWanted",
-                                       "OctetsWanted", "QuitAccepted", "ContentComplete", "End"};
+constexpr const char* kPhaseNames[] = {
+    "ProxyHeader",    "Tls",          "Preface",  "ServerGreeting", "Command", "StartTls",
+    "Asking",         "Reply",        "AuthData", "DotContent",     "Chunk",   "Octets",
+    "AnsweredOctets", "ContentReply", "Discard",  "Farewell",       "Ending"};
+constexpr const char* kEventNames[] = {"HeaderExpected", "HeaderTaken",  "PrefaceBegins",   "PrefaceOver",
+                                       "TlsExpected",    "TlsBegins",    "Secured",         "NoServer",
+                                       "Answered",       "BdatAnswered", "Forwarded",       "BdatForwarded",
+                                       "Asked",          "Reply",        "AuthDataWanted",  "ContentWanted",
+                                       "OctetsWanted",   "QuitAccepted", "ContentComplete", "End"};
 constexpr const char* kTransactionNames[] = {"Refused", "NoGreeting", "Greeted", "Open", "Chunks"};
 
 // The rows of the table in docs/design.md whose head is `head`.

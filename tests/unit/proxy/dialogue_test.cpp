@@ -353,6 +353,10 @@ class Addresses final : public DialogueActions {
   void ToServer(std::string_view bytes, bool) override { sent.push_back(bytes); }
   void ToClient(std::string_view) override {}
   void StartTls(std::string_view) override {}
+  void ClientIs(const std::optional<ProxiedConnection>&) override {}
+  void StartServerTls() override {}
+  void AskForClientNames() override {}
+  void GoOnWithoutServer() override {}
   void AskForAddresses(std::string_view) override {}
   void CloseServer() override {}
   void EndAfterPause() override {}
