@@ -77,9 +77,10 @@ std::string Violations(const ScriptedServer& server) {
   return all;
 }
 
-std::string PlayOverLoopback(const script::HostileFile& file, const Play& play) {
+std::string PlayOverLoopback(const script::HostileFile& file, const Play& play, Security security) {
   ScriptedServer server(file.script.head.replies);
   SessionFixture fixture(play.delivery);
+  fixture.ClientSecurity = security;
   const std::int32_t port = fixture.Settings.ServerPort;
   fixture.Settings = SettingsFor(file.script.head);
   fixture.Settings.ServerPort = port;
@@ -129,7 +130,15 @@ void PlayAll(std::string (*play_one)(const script::HostileFile&, const Play&)) {
 }
 
 TEST(HostileFiles, NothingGetsThroughASession) {
-  PlayAll(PlayOverLoopback);
+  PlayAll([](const script::HostileFile& file, const Play& play) {
+    return PlayOverLoopback(file, play, Security::kPlain);
+  });
+}
+
+TEST(HostileFiles, NothingGetsThroughASessionUnderTls) {
+  for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
+    EXPECT_EQ(PlayOverLoopback(file, {}, Security::kTlsPort), "") << file.name;
+  }
 }
 
 TEST(HostileFiles, NothingGetsThroughADialogueAlone) {
