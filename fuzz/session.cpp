@@ -84,7 +84,9 @@ class Server {
   bool ReadsContent() const { return dot_content_ || octets_ > 0; }
   bool OwesReply() const { return owes_reply_; }
   bool TransactionOpen() const { return open_; }
-  bool Greeted() const { return greeted_; }
+  bool Greeted() const { return greetings_ > 0; }
+  // How many EHLO and HELO it has accepted.
+  int Greetings() const { return greetings_; }
   // Whether the reply to the last greeting that it accepted has the keyword in it.
   bool HasOffered(std::string_view keyword) const { return offered_.find(keyword) != std::string::npos; }
   // Whether the MAIL that opened the transaction has it.
@@ -105,7 +107,7 @@ class Server {
     if (verb == "AUTH") auth_data_ = LastCode(reply) == "334";
     if (!one_code) return;
     if (code == "250" && (verb == "EHLO" || verb == "HELO")) {
-      greeted_ = true;
+      ++greetings_;
       offered_ = verb == "EHLO" ? ToUpper(reply) : "";
     }
     if (code == "250" && (verb == "EHLO" || verb == "HELO" || verb == "RSET")) open_ = false;
@@ -207,7 +209,7 @@ class Server {
   bool dot_content_ = false;
   bool auth_data_ = false;
   bool last_chunk_ = false;
-  bool greeted_ = false;
+  int greetings_ = 0;
   bool open_ = false;
 };
 
@@ -299,7 +301,7 @@ class Peers final : private DialogueActions {
     Require(unread_.empty());
     settings_.facts.tls_active = true;
     dialogue_.OnSecured();
-    must_greet_ = true;
+    greetings_before_tls_ = model_.Greetings();
     const DialogueState& state = dialogue_.State();
     Require(state.transaction == Transaction::kNoGreeting && state.offered.Extensions.Lines().empty());
     Require(state.requested.HeloDomain.empty() && state.requested.Sender.empty() && !state.login.ever);
@@ -353,7 +355,6 @@ class Peers final : private DialogueActions {
       Require(!model_.OwesReply() && !model_.ReadsContent());
     }
     if (dialogue_.phase() == Phase::kReply) Require(model_.OwesReply());
-    if (state.transaction >= Transaction::kGreeted) must_greet_ = false;
     const ExtensionCollection& offered = state.offered.Extensions;
     const Facts& facts = settings_.facts;
     if (facts.tls_configured) Require(!offered.Has("STARTTLS") || !facts.tls_active);
@@ -371,7 +372,7 @@ class Peers final : private DialogueActions {
   // What TLS lets the client say; `verb` is that of a command that goes to the server.
   void CheckTls(std::string_view verb) const {
     const bool before_greeting = FindCommand(verb).before_greeting;
-    Require(!must_greet_ || before_greeting);
+    Require(model_.Greetings() > greetings_before_tls_ || before_greeting);
     Require(verb != "AUTH" || !MustNotLogIn());
     if (settings_.configuration.TLS.Require == 0 || settings_.facts.tls_active) return;
     Require(verb == "EHLO" || verb == "NOOP" || verb == "QUIT");
@@ -476,7 +477,7 @@ class Peers final : private DialogueActions {
   bool server_ = true;
   bool pausing_ = false;
   bool over_ = false;
-  bool must_greet_ = false;  // since TLS began
+  int greetings_before_tls_ = 0;
   bool injected_ = false;
 };
 
