@@ -9,6 +9,7 @@
 #include "base/text.h"
 #include "platform/files.h"
 #include "tls/tls_context.h"
+#include "tls/tls_facts.h"
 
 namespace trabex {
 
@@ -161,7 +162,9 @@ void Certificates::TakeCertificates(const std::vector<TlsLoadReport::Certificate
       continue;
     }
     std::string names;
-    for (const std::string& name : certificate.names) names += (names.empty() ? "" : ", ") + name;
+    for (const std::string& name : certificate.names) {
+      names += (names.empty() ? "" : ", ") + CleanPeerText(name, kMaxServerName);
+    }
     log_.LogLine("Certificate " + Quoted(certificate.files.chain) + ": " + names + "; valid until " +
                  LocalDate(certificate.valid_until) + ".");
     known.push_back({certificate, std::nullopt});

@@ -110,6 +110,13 @@ TEST_F(CertificatesTest, EachIsLoggedOnce) {
   EXPECT_EQ(ForClients(), nullptr);
 }
 
+TEST_F(CertificatesTest, NamesForgeNoLineOfTheLog) {
+  Write(folder_ / "a.pem", MakeCertificate({}, kStart + days(90), "a\r\n15/11/26 16:54:24 b").Both());
+  UseOne(folder_ / "a.pem");
+  EXPECT_THAT(Log(), ElementsAre(StartsWith("Certificate \"" + (folder_ / "a.pem") +
+                                            "\": a??15/11/26 16:54:24 b; valid until ")));
+}
+
 TEST_F(CertificatesTest, WhatCannotBeUsedIsReportedWithItsFile) {
   const MadeCertificate good = MakeCertificate({"a.test"}, kStart + days(90));
   const MadeCertificate other = MakeCertificate({"a.test"}, kStart + days(90));

@@ -38,7 +38,8 @@ std::string KeyText(EVP_PKEY* key, const EVP_CIPHER* cipher, char* password) {
 
 }  // namespace
 
-MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chrono::sys_seconds valid_until) {
+MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chrono::sys_seconds valid_until,
+                                const std::string& common_name) {
   static long serial = 0;
   const Owned<EVP_PKEY> key = MakeKey();
   const Owned<X509> certificate(X509_new());
@@ -48,8 +49,9 @@ MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chro
   ASN1_TIME_set(X509_getm_notBefore(c), 0);
   ASN1_TIME_set(X509_getm_notAfter(c), valid_until.time_since_epoch().count());
   X509_NAME* const subject = X509_get_subject_name(c);
-  const auto* const common_name = reinterpret_cast<const unsigned char*>("nameless");
-  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC, common_name, -1, -1, 0);
+  X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>(common_name.data()),
+                             static_cast<int>(common_name.size()), -1, 0);
   X509_set_issuer_name(c, subject);
   X509_set_pubkey(c, key.get());
   if (!names.empty()) {

@@ -14,8 +14,9 @@ struct MadeCertificate {
   std::string Both() const { return certificate + key; }
 };
 
-// `names` are the DNS names; without any the common name "nameless" is left.
-MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chrono::sys_seconds valid_until);
+// `names` are the DNS names.
+MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chrono::sys_seconds valid_until,
+                                const std::string& common_name = "nameless");
 
 // A key that a password protects.
 std::string MakeEncryptedKey();
