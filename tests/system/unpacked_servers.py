@@ -294,12 +294,14 @@ class OpenSmtpd(_MaildirServer):
 
     Its backlog is 5: of more clients that come at once, some wait for seconds.
     With the arguments "-P", "mda" it keeps what it takes in its queue. With a `certificate` it offers STARTTLS, and has a
-    second port, `tls_port`, with TLS from the first byte. `listening` are words for the end of its lines of listeners.
+    second port, `tls_port`, with TLS from the first byte. `listening` are words for the end of its lines of listeners,
+    `matches` its rules of what it takes.
     """
 
     _head = re.compile(rb"Return-Path: .*\nDelivered-To: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
 
-    def __init__(self, place, settings=(), arguments=(), certificate=None, listening=""):
+    def __init__(self, place, settings=(), arguments=(), certificate=None, listening="",
+                 matches=('match from any for any action "box"',)):
         users = ["opensmtpd", "opensmtpq", "box"]
         self._root = Root(place, "opensmtpd",
                           ["usr/sbin/smtpd", "usr/sbin/smtpctl", "usr/libexec/opensmtpd/mail.maildir"], users)
@@ -319,8 +321,7 @@ class OpenSmtpd(_MaildirServer):
         (self._root.folder / "etc" / "smtpd.conf").write_text(
             "".join(f"{line}\n" for line in settings) +
             "".join(f"{line} {listening}\n" for line in listeners) +
-            'action "box" maildir "/var/mail/box" virtual { "@" = "box" }\n'
-            'match from any for any action "box"\n')
+            'action "box" maildir "/var/mail/box" virtual { "@" = "box" }\n' + "".join(f"{line}\n" for line in matches))
         self.process = self._root.start("smtpd", "/usr/sbin/smtpd", "-d", *arguments)
         self.process.wait_listening(self.port)
 
