@@ -32,7 +32,7 @@ class Session {
   }
 
   void Says(std::string_view bytes) {
-    assembler_.Append(bytes);
+    assembler_.Append(std::string(bytes));
     while (!over_) {
       const auto reply = assembler_.NextReply();
       if (!reply) break;
