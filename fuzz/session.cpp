@@ -13,6 +13,8 @@
 // - the octets of a BDAT are never read as commands, whoever answers it;
 // - the content that the server gets is the content that was taken from the client, and the header;
 // - no command is sent while the reply to another one is owed;
+// - the client gets one reply to its connection, to each line and to content, and each that the server gives
+//   unasked: it waits for one at most, and for none where its next line is taken;
 // - a transaction is open for the dialogue only if it is for a server that goes by its own replies, and an
 //   extension is offered only if that server has offered it;
 // - nothing that was said before TLS counts after it, nothing is read between, and STARTTLS never reaches the
@@ -324,6 +326,7 @@ class Peers final : private DialogueActions {
       if (taken_content_) Require(sent_content_ == std::string_view(unread_).substr(0, used));
       taken_content_ = false;
       if (is_line && !is_data && used > 0) octets_ = AnnouncedBy(line_);
+      if (is_line && used > 0) ++replies_due_;
       if (!is_line) octets_ -= std::min<std::uint64_t>(octets_, used);
       unread_.erase(0, used);
       if (used == 0) break;
@@ -355,6 +358,7 @@ class Peers final : private DialogueActions {
       Require(!model_.OwesReply() && !model_.ReadsContent());
     }
     if (dialogue_.phase() == Phase::kReply) Require(model_.OwesReply());
+    if (!over_) Require(replies_due_ == (ClientWaits(dialogue_.phase()) ? 1 : 0));
     const ExtensionCollection& offered = state.offered.Extensions;
     const Facts& facts = settings_.facts;
     if (facts.tls_configured) Require(!offered.Has("STARTTLS") || !facts.tls_active);
@@ -377,6 +381,26 @@ class Peers final : private DialogueActions {
     if (settings_.configuration.TLS.Require == 0 || settings_.facts.tls_active) return;
     Require(verb == "EHLO" || verb == "NOOP" || verb == "QUIT");
   }
+
+  // Whether a reply to the client is to come in the phase: to its connection, a command or content.
+  static bool ClientWaits(Phase phase) {
+    switch (phase) {
+      case Phase::kTls:
+      case Phase::kServerGreeting:
+      case Phase::kAsking:
+      case Phase::kReply:
+      case Phase::kDotContent:
+      case Phase::kChunk:
+      case Phase::kOctets:
+      case Phase::kContentReply:
+        return true;
+      default:
+        return false;
+    }
+  }
+
+  // Whether the line, with its end, is the last one of a reply.
+  static bool IsLastLine(std::string_view line) { return line.size() < 6 || line[3] != '-'; }
 
   void ToServer(std::string_view bytes, bool) override {
     Require(!over_ && !AwaitsTls() && server_ && !settings_.refused && !said_farewell_);
@@ -423,6 +447,11 @@ class Peers final : private DialogueActions {
     Require(!over_ && dialogue_.phase() != Phase::kTls && reply.ends_with(kCrLf));
     if (reply.starts_with("554 5.5.0 Data behind STARTTLS.")) injected_ = true;
     to_client_.append(reply);
+    while (!reply.empty()) {
+      const std::string_view line = reply.substr(0, reply.find(kCrLf) + kCrLf.size());
+      if (IsLastLine(line)) --replies_due_;
+      reply.remove_prefix(line.size());
+    }
   }
   void StartTls(std::string_view last_words) override {
     const Facts& facts = settings_.facts;
@@ -453,8 +482,11 @@ class Peers final : private DialogueActions {
     if (dialogue_.phase() == Phase::kAuthData) model_.GivesUpData(reply);
     const std::size_t last = reply.rfind(kCrLf, reply.size() - kCrLf.size() - 1);
     const std::string_view line = last == std::string_view::npos ? reply : reply.substr(last + kCrLf.size());
-    const bool whole = line.size() < 6 || line[3] != '-';
-    if (whole) model_.Says(reply);
+    if (IsLastLine(line)) {
+      if (!model_.OwesReply()) ++replies_due_;
+      model_.Says(reply);
+      if (model_.OwesReply()) ++replies_due_;  // to the content that it asks for
+    }
     if (dialogue_.phase() == Phase::kFarewell) said_farewell_ = true;
   }
 
@@ -471,6 +503,7 @@ class Peers final : private DialogueActions {
   std::string to_client_;
   std::string to_server_;
   std::string sent_content_;
+  int replies_due_ = 1;  // to the client, which begins with waiting for a greeting
   bool taken_content_ = false;
   bool was_auth_data_ = false;
   bool said_farewell_ = false;
