@@ -1,181 +1,15 @@
 #!/usr/bin/env python3
-"""docs/tls-ipv6-addresses.md works: its blocks are taken out of the page and run, with the real programs and a mail.
-
-Addresses, ports and folders of the page become those of the scenario; everything else is as an administrator reads it.
-"""
+"""docs/tls-ipv6-addresses.md works: its blocks are run, with the real programs and a mail sent through."""
 
 import re
 import shlex
 import smtplib
 import ssl
 import subprocess
-import textwrap
 
-from messages import text_message
-from trabex_system import (LOOPBACK, REPO, Authority, Process, Scenario, bound, free_port, main, received_header,
-                           trusting, wait_until)
-
-PAGE = REPO / "docs" / "tls-ipv6-addresses.md"
-FILES = ("Trabex.ini", "openssl", "haproxy.cfg", "master.cf", "main.cf", "exim4.conf", "smtpd.conf", "log", "message")
-
-# The house's clients, and one of the world's; the only IPv6 address of a machine's loopback is one of the house.
-LOCAL, LOCAL6 = "127.0.0.9", "::1"
-REMOTE = "127.0.0.2"
-NAME = "mx.example.org"
-RECIPIENT, SENDER, ELSEWHERE = "you@example.org", "me@example.net", "them@elsewhere.invalid"
-
-
-def read_blocks():
-    """The indented blocks of the page by heading and file: "Postfix: main.cf", and then "Postfix: main.cf 2"."""
-    blocks, heading, said, lines = {}, "", "", []
-
-    def end_block():
-        if not lines:
-            return
-        file = max(FILES, key=lambda name: said.rfind(f"`{name}`"))
-        if f"`{file}`" not in said:
-            raise AssertionError(f"which file is this in? {lines}")
-        name, number = f"{heading}: {file}", 1
-        while name in blocks:
-            number += 1
-            name = f"{heading}: {file} {number}"
-        blocks[name] = textwrap.dedent("\n".join(lines)).strip() + "\n"
-        lines.clear()
-
-    for line in PAGE.read_text(encoding="utf-8").splitlines():
-        if line.startswith("    ") or (lines and not line):
-            lines.append(line)
-            continue
-        if lines:
-            end_block()
-            said = ""
-        if line.startswith("#"):
-            heading, said = line.lstrip("# "), ""
-        said += line + " " if line else ""
-    end_block()
-    return blocks
-
-
-def read_tables(heading):
-    """The first columns of all tables below a heading: lists of what stands between backticks."""
-    section = PAGE.read_text(encoding="utf-8").split(f"\n## {heading}\n", 1)[1].split("\n## ", 1)[0]
-    rows = [line.split("|")[1].strip() for line in section.splitlines() if line.startswith("|")]
-    return [re.findall(r"`([^`]+)`", row) for row in rows if "`" in row]
-
-
-def runs(*names):
-    """Says which blocks a case runs; it must use each of them."""
-    def mark(case):
-        case.blocks = names
-        return case
-    return mark
-
-
-def read_ini(text):
-    """The sections of an initialization file as dictionaries; a key on several lines has a list."""
-    sections = {}
-    for line in text.splitlines():
-        if line.startswith("["):
-            section = sections.setdefault(line.strip("[]"), {})
-        else:
-            key, value = re.fullmatch(r"(\w+) = (.*)", line).groups()
-            section.setdefault(key, []).append(value)
-    return sections
-
-
-def read_options(text):
-    """Lines "key = value" as a dictionary."""
-    return dict(re.fullmatch(r"([\w ]+?) = (.*)", line).groups() for line in text.splitlines())
-
-
-class PageScenario(Scenario):
-    def setUp(self):
-        super().setUp()
-        self.unused = set(getattr(getattr(self, self._testMethodName), "blocks", ()))
-        self.files = self.place.new_folder("etc")
-        self.tls_port = free_port()
-        self.authority = Authority(self.place)
-
-    def tearDown(self):
-        self.assertEqual(self.unused, set(), "blocks that the case has not used")
-
-    def block(self, name, **more):
-        """A block with the scenario's addresses, ports and folders."""
-        self.assertIn(name, getattr(self, self._testMethodName).blocks)
-        self.unused.discard(name)
-        text = read_blocks()[name]
-        for old, new in {**more, "[2001:db8:0:1::]/64": f"[{LOCAL6}]", "2001:db8:0:1::/64": LOCAL6, "10.0.0.0/8": LOCAL,
-                         "192.0.2.25": LOOPBACK, "2001:db8::25": "::1", "192.0.2.10": LOOPBACK,
-                         "2001:db8::10": "::1", "/etc/trabex": str(self.files)}.items():
-            text = text.replace(old, new)
-        return text
-
-    def issue(self, file, *names, **more):
-        """A certificate in the files of the page: <file>.pem and <file>.key."""
-        certificate = self.authority.issue(list(names), **more)
-        (self.files / f"{file}.pem").write_bytes(certificate.chain.read_bytes())
-        (self.files / f"{file}.key").write_bytes(certificate.key.read_bytes())
-        return certificate
-
-    def start(self, server, *names, **changes):
-        """Trabex with these blocks, each changing what those before have said; `changes` are keys of section Common."""
-        common, sections = {}, {}
-        for name in names:
-            for section, keys in read_ini(self.block(name)).items():
-                target = common if section == "Common" else sections.setdefault(section, {})
-                target.update({key: values if len(values) > 1 else values[0] for key, values in keys.items()})
-        self.assertEqual(common.pop("ServerPort"), "10025")
-        if "BindPortTLS" in common:
-            self.assertEqual(common["BindPortTLS"], "465")
-            common["BindPortTLS"] = self.tls_port
-        self.server = server
-        self.proxy = self.trabex(server.port, {**common, **changes}, sections=sections)
-        return self.proxy
-
-    def smtp(self, source=REMOTE, port=None, **starttls):
-        """A client that has said EHLO, under TLS if `starttls` has the context."""
-        client = smtplib.SMTP("::1" if source == LOCAL6 else LOOPBACK, port or self.proxy.port,
-                              local_hostname="client.example.net", timeout=bound(30), source_address=(source, 0))
-        self.addCleanup(client.close)
-        if starttls:
-            client._host = NAME
-            client.starttls(**starttls)
-        client.ehlo()
-        return client
-
-    def smtps(self, source=REMOTE, port=None):
-        client = smtplib.SMTP_SSL("::1" if source == LOCAL6 else LOOPBACK, port or self.tls_port, "client.example.net",
-                                  timeout=bound(30), source_address=(source, 0), context=trusting(None))
-        self.addCleanup(client.close)
-        return client
-
-    def trust(self):
-        return trusting(self.authority.file)
-
-    def send(self, client, recipient=RECIPIENT):
-        content = text_message(1)
-        client.sendmail(SENDER, [recipient], content)
-        client.quit()
-        return content
-
-    def header_of_last(self, count):
-        """What Trabex has put in front of the last of `count` messages that the sample server has."""
-        return received_header(self.server.wait_for_messages(count)[-1].content)
-
-    def relaying(self, source):
-        """The code of the reply to a recipient elsewhere."""
-        client = self.smtp(source)
-        client.mail(SENDER)
-        return client.rcpt(ELSEWHERE)[0]
-
-
-class Blocks(PageScenario):
-    def test_every_block_is_run(self):
-        run = set()
-        for scenario in (Clients, Balancer, Servers, Log):
-            for name in dir(scenario):
-                run.update(getattr(getattr(scenario, name), "blocks", ()))
-        self.assertEqual(run, set(read_blocks()))
+from transport_page import (ELSEWHERE, LOCAL, LOCAL6, NAME, REMOTE, SENDER, PageScenario, covered_by, read_blocks,
+                            read_options, runs)
+from trabex_system import LOOPBACK, Process, Scenario, bound, free_port, main, trusting, wait_until
 
 
 class Clients(PageScenario):
@@ -361,8 +195,9 @@ class Servers(PageScenario):
 
     @runs("The plain set-up: Trabex.ini", "IPv6: Trabex.ini", "OpenSMTPD: Trabex.ini", "OpenSMTPD: smtpd.conf")
     def test_opensmtpd(self):
-        table, listener, matches = re.fullmatch(r"(table .*)\nlisten on 127\.0\.0\.1 port 10025 (.*)\n((?:match .*\n)*)",
-                                                self.block("OpenSMTPD: smtpd.conf")).groups()
+        table, listener, matches = re.fullmatch(
+            r"(table .*)\nlisten on 127\.0\.0\.1 port 10025 (.*)\n((?:match .*\n)*)",
+            self.block("OpenSMTPD: smtpd.conf")).groups()
         self.refused = 550
         server = self.opensmtpd([table], listening=listener,
                                 matches=re.sub('"(deliver|outbound)"', '"box"', matches).splitlines())
@@ -445,6 +280,11 @@ class Log(BehindTheBalancer):
         text = re.sub(r"\\\{ +\d+\\\} \\\[ *[\d.\\]+\\\]", r"\\{ *\\d+\\} \\[ *[\\d.]+\\]", text)
         text = re.sub(r"(?:\d+\\\.){3}\d+", r"[\\d.]+", text)
         return re.sub(r"(?<=[ :])(?:51234|25)\b", r"\\d+", text)
+
+
+class Page(Scenario):
+    def test_every_block_is_run(self):
+        self.assertEqual(covered_by(Clients, Balancer, Servers, Log), set(read_blocks()))
 
 
 if __name__ == "__main__":
