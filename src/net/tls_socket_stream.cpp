@@ -30,6 +30,7 @@ class TlsSocketStream::Transport final : public TlsTransport {
     if (early.empty()) early.shrink_to_fit();
     return 0;
   }
+  bool Drained() const override { return stream_.early_.empty() && stream_.sockets_.Drained(socket_); }
   int Send(std::span<const char> bytes, std::size_t& sent) override {
     return stream_.sockets_.Send(socket_, bytes, sent, more_follows_);
   }

@@ -114,6 +114,9 @@ class Sockets {
   // `received` 0 with result 0 is the end of the peer's data (`buffer` is not empty). 10035 is also the
   // result, without asking the system, when the last receive took everything and no event has come since.
   int Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received);
+  // Whether Receive would give 10035 without asking the system: what comes next is announced. False also for a
+  // stale handle.
+  bool Drained(SocketHandle socket) const;
   int SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to);
   int ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek, std::size_t& received,
                   Endpoint& from);

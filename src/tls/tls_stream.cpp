@@ -34,6 +34,8 @@ struct TlsStream::Impl {
   bool at_end = false;                // the transport's input has ended
   int receive_error = 0;
   int send_error = 0;
+  bool collects = false;          // what the library sends waits in `unsent`
+  bool tickets_wait = false;      // `unsent` is tickets, which nobody waits for
   std::string unsent;             // records that the transport has not taken
   std::size_t under_way = 0;      // how much plain text of Write is in the last of them
   std::uint32_t key_updates = 0;  // since `updates_since`
@@ -66,7 +68,9 @@ struct TlsStream::Impl {
     *count = 0;
     BIO_clear_retry_flags(bio);
     const std::string_view record(bytes, size);
-    const std::size_t sent = unsent.empty() ? Give(record) : 0;
+    // An answer or an alert does not wait with the tickets.
+    if (!collects && std::exchange(tickets_wait, false)) Flush();
+    const std::size_t sent = unsent.empty() && !collects ? Give(record) : 0;
     if (send_error != 0) return 0;
     unsent.append(record.substr(sent));
     if (unsent.size() > kMaxUnsent) too_many_updates = true;
@@ -165,10 +169,14 @@ class Call {
     impl_.transport = &transport;
     impl_.received = 0;
     impl_.would_block = false;
-    // The queue is the thread's: what another connection left there would count as an error of this call.
-    ERR_clear_error();
+    // The queue is the thread's: what another connection left there would count as an error of this call. To
+    // empty it costs more than to find it empty.
+    if (ERR_peek_error() != 0) ERR_clear_error();
   }
-  ~Call() { impl_.transport = nullptr; }
+  ~Call() {
+    impl_.transport = nullptr;
+    impl_.collects = false;
+  }
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
@@ -218,9 +226,16 @@ TlsResult TlsStream::Handshake(TlsTransport& transport) {
   if (ended_) return TlsResult::kEnded;
   const Call<Impl> call(*impl_, transport);
   if (!impl_->Flush()) return Unsent();
-  const TlsResult result = Outcome(SSL_do_handshake(impl_->connection.get()));
+  SSL* const connection = impl_->connection.get();
+  impl_->collects = true;
+  const TlsResult result = Outcome(SSL_do_handshake(connection));
+  // The last words of a server are tickets in TLS 1.3, which no client waits for. They go out together with
+  // what is written first.
+  impl_->tickets_wait = result == TlsResult::kDone && context_->Role() == TlsRole::kServer &&
+                        SSL_version(connection) == TLS1_3_VERSION;
+  const bool sent = impl_->tickets_wait || impl_->Flush();
   const bool goes_on = result == TlsResult::kDone || result == TlsResult::kWantsRead;
-  if (goes_on && !impl_->unsent.empty()) return TlsResult::kWantsWrite;
+  if (goes_on && !sent) return Unsent();
   if (result == TlsResult::kDone) NoteFacts();
   return result;
 }
@@ -261,8 +276,10 @@ TlsResult TlsStream::Read(TlsTransport& transport, std::span<char> space, std::s
   const Call<Impl> call(*impl_, transport);
   const int result = SSL_read_ex(impl_->connection.get(), space.data(), space.size(), &received);
   const TlsResult outcome = Outcome(result);
-  drained_ = outcome == TlsResult::kEnded || outcome == TlsResult::kFailed ||
-             (outcome == TlsResult::kWantsRead && impl_->would_block);
+  drained_ =
+      outcome == TlsResult::kEnded || outcome == TlsResult::kFailed ||
+      (outcome == TlsResult::kWantsRead && impl_->would_block) ||
+      (outcome == TlsResult::kDone && transport.Drained() && SSL_has_pending(impl_->connection.get()) == 0);
   if (outcome == TlsResult::kFailed) received = 0;
   return outcome;
 }
@@ -271,13 +288,16 @@ TlsResult TlsStream::Write(TlsTransport& transport, std::string_view bytes, std:
   written = 0;
   if (failed_ || write_failed_) return TlsResult::kFailed;
   const Call<Impl> call(*impl_, transport);
-  if (!impl_->Flush()) return Unsent();
+  bool together = std::exchange(impl_->tickets_wait, false);
+  if (!together && !impl_->Flush()) return Unsent();
   written = std::exchange(impl_->under_way, 0);
   assert(written <= bytes.size());
   while (written < bytes.size()) {
     std::size_t count = 0;
     const std::string_view rest = bytes.substr(written);
+    impl_->collects = together;
     const int result = SSL_write_ex(impl_->connection.get(), rest.data(), rest.size(), &count);
+    if (std::exchange(together, false)) impl_->Flush();
     if (impl_->send_error != 0) return Unsent();
     if (const TlsResult outcome = Outcome(result); outcome != TlsResult::kDone) {
       return outcome == TlsResult::kFailed ? outcome : Fail("no record can be written");

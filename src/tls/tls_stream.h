@@ -49,8 +49,8 @@ class TlsStream {
   // Says that nothing more is written (RFC 8446, 6.1), once. Does nothing after a failure.
   TlsResult SayGoodbye(TlsTransport& transport);
 
-  // Whether the last Read found that the transport had no more, or the end: only then is it useless to read
-  // again before the transport has more.
+  // Whether the last Read left nothing and the transport had no more, or found the end: only then is it useless
+  // to read again before the transport has more.
   bool Drained() const { return drained_; }
   // Whether the peer has ended.
   bool Ended() const { return ended_; }

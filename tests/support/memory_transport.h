@@ -23,8 +23,10 @@ class MemoryTransport final : public TlsTransport {
     taken += received;
     return 0;
   }
+  bool Drained() const override { return announces && input.empty(); }
   int Send(std::span<const char> bytes, std::size_t& sent) override {
     sent = 0;
+    ++sends;
     if (send_error != 0) return send_error;
     if (full || Refused(send_calls_, refuse_send)) return kWouldBlock;
     sent = std::min(bytes.size(), portion);
@@ -41,7 +43,9 @@ class MemoryTransport final : public TlsTransport {
   bool ended = false;  // no more input follows
   int receive_error = 0;
   int send_error = 0;
+  bool announces = false;  // it says when it has been drained
   int receives = 0;
+  int sends = 0;
   std::size_t taken = 0;
 
  private:

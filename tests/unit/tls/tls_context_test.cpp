@@ -355,7 +355,10 @@ class TlsTicketTest : public TlsContextTest {
                                 int tickets = 1) {
     TlsConnection c(context, options);
     EXPECT_EQ(c.Handshake(), TlsResult::kDone);
+    std::size_t written = 0;
+    EXPECT_EQ(c.stream.Write(c.transport, "220 ready\r\n", written), TlsResult::kDone);
     c.Carry();
+    c.peer.Text();
     EXPECT_EQ(c.peer.Tickets(), tickets);
     EXPECT_FALSE(c.stream.Facts().resumed);
     const auto session = c.peer.Session();

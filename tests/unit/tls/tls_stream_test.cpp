@@ -108,6 +108,68 @@ TEST_F(TlsStreamTest, IsDrainedOnlyWhenTheTransportHadNoMore) {
   EXPECT_TRUE(c->stream.Drained());
 }
 
+TEST_F(TlsStreamTest, IsDrainedWithItsLastTextWhenTheTransportKnowsThatItIs) {
+  auto c = Connected();
+  c->Read();
+  c->transport.announces = true;
+  c->peer.Write("one ");
+  c->peer.Write("two");
+  c->Carry();
+  // The head of a record of which the rest has not come.
+  c->peer.Write("three");
+  const std::string record = c->peer.Output();
+  c->transport.input += record.substr(0, 3);
+  char space[100];
+  std::size_t received = 0;
+  ASSERT_EQ(c->stream.Read(c->transport, space, received), TlsResult::kDone);
+  EXPECT_FALSE(c->stream.Drained());
+  ASSERT_EQ(c->stream.Read(c->transport, space, received), TlsResult::kDone);
+  EXPECT_EQ(std::string(space, received), "two");
+  EXPECT_FALSE(c->stream.Drained());
+  EXPECT_EQ(c->stream.Read(c->transport, space, received), TlsResult::kWantsRead);
+  EXPECT_TRUE(c->stream.Drained());
+  c->transport.input += record.substr(3);
+  ASSERT_EQ(c->stream.Read(c->transport, std::span(space, 2), received), TlsResult::kDone);
+  EXPECT_FALSE(c->stream.Drained());
+  ASSERT_EQ(c->stream.Read(c->transport, space, received), TlsResult::kDone);
+  EXPECT_EQ(std::string(space, received), "ree");
+  EXPECT_TRUE(c->stream.Drained());
+}
+
+TEST_F(TlsStreamTest, TicketsGoOutWithTheFirstWords) {
+  auto c = Connected();
+  c->Carry();
+  EXPECT_EQ(c->peer.Tickets(), 0);
+  std::size_t written = 0;
+  c->transport.full = true;
+  EXPECT_EQ(c->stream.Write(c->transport, "220 ready\r\n", written), TlsResult::kWantsWrite);
+  EXPECT_EQ(written, 0U);
+  c->transport.full = false;
+  c->transport.sends = 0;
+  EXPECT_EQ(c->stream.Write(c->transport, "220 ready\r\n", written), TlsResult::kDone);
+  EXPECT_EQ(written, 11U);
+  EXPECT_EQ(c->transport.sends, 1);
+  c->Carry();
+  EXPECT_EQ(c->peer.Text(), "220 ready\r\n");
+  EXPECT_EQ(c->peer.Tickets(), 1);
+}
+
+TEST_F(TlsStreamTest, NothingElseWaitsWithTheTickets) {
+  auto c = Connected();
+  c->transport.input += std::string("\x17\x03\x03\x00\x20", 5) + std::string(32, 'x');
+  EXPECT_EQ(c->Read(), "");
+  EXPECT_EQ(c->result, TlsResult::kFailed);
+  EXPECT_FALSE(c->transport.output.empty());  // the alert, behind them
+  c->Carry();
+  EXPECT_EQ(c->peer.Tickets(), 1);
+  auto ending = Connected();
+  EXPECT_EQ(ending->stream.SayGoodbye(ending->transport), TlsResult::kDone);
+  ending->Carry();
+  EXPECT_EQ(ending->peer.Text(), "");
+  EXPECT_TRUE(ending->peer.Ended());
+  EXPECT_EQ(ending->peer.Tickets(), 1);
+}
+
 TEST_F(TlsStreamTest, TakesSeveralRecordsWithOneReceive) {
   auto c = Connected();
   c->Read();

@@ -267,6 +267,11 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
   return 0;
 }
 
+bool Sockets::Drained(SocketHandle socket) const {
+  const Impl::Entry* const entry = impl_->Find(socket);
+  return entry != nullptr && entry->drained;
+}
+
 int Sockets::SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
