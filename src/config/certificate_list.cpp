@@ -77,6 +77,14 @@ std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const 
   return list;
 }
 
+bool HasCertificateEntry(const SectionTable& section, std::string_view key) {
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) return false;
+  const auto has = [](std::string_view value) { return value.find_first_not_of(" \t,") != value.npos; };
+  return has(entry->first_value) ||
+         std::any_of(entry->further_values.begin(), entry->further_values.end(), has);
+}
+
 std::string FormatCertificateEntry(const CertificateFiles& files) {
   const std::string chain = QuotedIfNeeded(files.chain);
   return files.key == files.chain ? chain : chain + " " + QuotedIfNeeded(files.key);

@@ -110,6 +110,7 @@ class SettingReader {
       case SettingKind::kCertificateList:
         Field<std::vector<CertificateFiles>>(setting) =
             mCommon::GetCertificateList(errors_, Section(setting), setting.key, context_.program_directory);
+        configuration_.TLS.certificate_written = mCommon::HasCertificateEntry(Section(setting), setting.key);
         break;
     }
   }

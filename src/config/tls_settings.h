@@ -39,13 +39,15 @@ struct CertificateFiles {
 
 // Equal settings mean the same contexts, as long as the files stay as they are.
 struct TLSSettings {
-  std::vector<CertificateFiles> Certificate;  // whether it is empty decides about policies
-  std::string MinVersion;                     // 1.0, 1.1, 1.2 or 1.3; both sides
-  std::string Ciphers;                        // empty: those of the library
-  std::int32_t Require;                       // bits: tls_require
-  std::int32_t RequireForAUTH;                // the same; no effect while Certificate is empty
-  std::int32_t ClientCertificates;            // client_certificates
-  std::string ClientCA;                       // resolved path, or empty
+  std::vector<CertificateFiles> Certificate;
+  // The file says something for Certificate, even if no entry of it is of use.
+  bool certificate_written = false;
+  std::string MinVersion;           // 1.0, 1.1, 1.2 or 1.3; both sides
+  std::string Ciphers;              // empty: those of the library
+  std::int32_t Require;             // bits: tls_require
+  std::int32_t RequireForAUTH;      // the same; no effect unless WantsCertificate()
+  std::int32_t ClientCertificates;  // client_certificates
+  std::string ClientCA;             // resolved path, or empty
   bool SessionTickets;
   std::int32_t HandshakeTimeout;  // seconds
   std::int32_t MaxHandshakes;     // 0: any number
@@ -53,6 +55,10 @@ struct TLSSettings {
   bool ServerVerify;
   std::string ServerName;  // empty: ServerIP
   std::string ServerCA;    // resolved path; empty: the system's
+
+  // Whether clients shall have TLS. Policies go by it: a certificate that is misspelled or can not be loaded
+  // must not open in the clear what TLS was to protect.
+  bool WantsCertificate() const { return certificate_written || !Certificate.empty(); }
 
   friend bool operator==(const TLSSettings&, const TLSSettings&) = default;
 

@@ -93,7 +93,7 @@ class cProxy final : public DeferredDeletable,
 
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
-  bool TlsConfigured() const override { return !dependencies_.configuration.TLS.Certificate.empty(); }
+  bool TlsConfigured() const override { return dependencies_.configuration.TLS.WantsCertificate(); }
   bool TlsReady() const override { return dependencies_.tls.for_clients != nullptr; }
   bool TlsActive() const override { return Receiver.Socket().Tls() != nullptr; }
   TlsTexts TlsText() const override;

@@ -87,7 +87,7 @@ class DialoguePlayer final : private DialogueActions, private SessionFacts {
   bool IsLocalClient() const override { return client_.is_local; }
   std::string ClientHostName() const override { return client_.host_name; }
   std::int64_t BytesSent() const override { return bytes_sent_; }
-  bool TlsConfigured() const override { return !configuration_.TLS.Certificate.empty(); }
+  bool TlsConfigured() const override { return configuration_.TLS.WantsCertificate(); }
   bool TlsReady() const override { return TlsConfigured(); }
   bool TlsActive() const override { return secured_; }
   TlsTexts TlsText() const override;

@@ -194,7 +194,10 @@ TEST(Dump, ReadsBackAsTheSameConfiguration) {
     ReadEarlyKeysFromText(dump, inputs, again.configuration, again.log);
     again.configuration.LogPath = loaded.configuration.LogPath;  // empty there
     ASSERT_EQ(Joined(DumpLines(again.configuration)), dump) << text;
-    ASSERT_TRUE(again.configuration.TLS == loaded.configuration.TLS) << text;
+    // The dump leaves out entries that are of no use.
+    TLSSettings read_back = again.configuration.TLS;
+    read_back.certificate_written = loaded.configuration.TLS.certificate_written;
+    ASSERT_TRUE(read_back == loaded.configuration.TLS) << text;
     ASSERT_EQ(again.configuration.BindAddresses, loaded.configuration.BindAddresses) << text;
     for (const Setting& setting : AllSettings()) {
       if (setting.kind == SettingKind::kAddressList || setting.kind == SettingKind::kPlainList ||

@@ -218,6 +218,26 @@ TEST(Certificate, NamesOneFileOrTwo) {
   EXPECT_EQ(lines.configuration.TLS.Certificate, (std::vector<CertificateFiles>{{"/a", "/a"}, {"/b", "/k"}}));
 }
 
+// What is misspelled is no wish to do without TLS.
+TEST(Certificate, IsWantedWhenItsLineSaysSomething) {
+  const struct {
+    std::string_view file;
+    bool wanted;
+  } rows[] = {
+      {"", false},
+      {"[TLS]\nRequire=3\n", false},
+      {"[TLS]\nCertificate=\n", false},
+      {"[TLS]\nCertificate= , ,\n", false},
+      {"[TLS]\nCertificate=/c\n", true},
+      {"[TLS]\nCertificate=/a /b /c\n", true},
+      {"[TLS]\nCertificate=\"/a\n", true},
+      {"[TLS]\nCertificate=,\nCertificate=/a /b /c\n", true},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(LoadedText(std::string(row.file)).configuration.TLS.WantsCertificate(), row.wanted) << row.file;
+  }
+}
+
 TEST(MinVersion, IsOneOfFour) {
   for (const char* value : {"1.0", "1.1", "1.2", "1.3"}) {
     const LoadedText loaded("[TLS]\nMinVersion=" + std::string(value) + "\n", false);
