@@ -12,11 +12,17 @@ import struct
 import subprocess
 from pathlib import Path
 
+from dialogue import trusting
 from processes import LOOPBACK, Options, bound
 from recording_server import PLACEHOLDER, until_read
+from secured_stream import SecuredStream
 
 FOLDER = Path(__file__).resolve().parent / "hostile"
 SERVERS = ("scripted", "postfix", "exim", "opensmtpd")
+
+# How a play's client is secured before the session begins.
+PLAIN, STARTTLS, TLS_PORT = "plain", "STARTTLS", "TLS port"
+_ALL = trusting(None)
 
 # A remote client's address: the one that has a name without anybody having to ask DNS.
 CLIENT = LOOPBACK
@@ -45,6 +51,10 @@ class HostileSession:
                         for command, replies in read["replies"]}
         self.steps = read["steps"]
 
+    def can_follow_starttls(self):
+        """Whether it begins behind a greeting and an EHLO, which are the same when they have been there before."""
+        return bool(self.opening) and not {"greeting", "EHLO"} & set(self.replies)
+
     def cuts(self):
         """Every way to send it with one cut: (number of the step, place)."""
         return [(number, cut) for number, step in enumerate(self.steps) for cut in step.get("cuts", ())]
@@ -65,13 +75,15 @@ class Play:
     `delivery` is "once", "bytes" (each byte by itself) or a cut of the session. A reply that the session waits for is
     waited for `patience` seconds. When `exactly`, each must come and be the expected one; `complaints` tells what was
     not so. `unguarded` says that Trabex is not there, and so there may be more replies than the session waits for.
+    `security` is whether the session is under TLS, and how it came there.
     """
 
     numbers = 0
 
-    def __init__(self, session, delivery, patience, exactly, unguarded):
+    def __init__(self, session, delivery, patience, exactly, unguarded=False, security=PLAIN):
         self.session = session
         self.delivery = delivery
+        self.security = security
         self.complaints = []
         self._patience = patience
         self._exactly = exactly
@@ -84,12 +96,19 @@ class Play:
 
     def __str__(self):
         how = self.delivery if isinstance(self.delivery, str) else "step {} cut at {}".format(*self.delivery)
-        return f"{self.session.name} ({how})"
+        return f"{self.session.name} ({how}{'' if self.security == PLAIN else ', ' + self.security})"
 
     async def run(self, address):
         try:
             self._reader, self._writer = await asyncio.open_connection(*address, local_addr=(CLIENT, 0))
             self._port = address[1]
+            if self.security == TLS_PORT:
+                await self._secure()
+            elif self.security == STARTTLS:
+                await self._expect("", "220")
+                await self._expect("EHLO client-nnn.test", "250")
+                await self._expect("STARTTLS", "220")
+                await self._secure()
             await self._open()
             for number, step in enumerate(self.session.steps):
                 await self._take(number, step)
@@ -105,13 +124,25 @@ class Play:
             if self._writer:
                 self._writer.close()
 
+    async def _secure(self):
+        self._reader = self._writer = SecuredStream(self._reader, self._writer, _ALL)
+        try:
+            await asyncio.wait_for(self._reader.handshake(), bound(_PATIENT_SECONDS))
+        except (asyncio.TimeoutError, OSError) as error:
+            raise AssertionError(f"no handshake: {error!r}") from None
+
     async def _open(self):
-        for line, code in self.session.opening:
-            if line:
-                self._writer.write(self._numbered(_bytes(line) + b"\r\n"))
-            got = await self._reply(bound(_PATIENT_SECONDS))
-            if not got.startswith(code):
-                self.complaints.append(f"waited for {code}, got {got!r}")
+        # There is no second greeting.
+        for line, code in self.session.opening[1 if self.security == STARTTLS else 0:]:
+            await self._expect(line, code)
+
+    async def _expect(self, line, code):
+        """Sends the line, if there is one, and waits for a reply with the code."""
+        if line:
+            self._writer.write(self._numbered(_bytes(line) + b"\r\n"))
+        got = await self._reply(bound(_PATIENT_SECONDS))
+        if not got.startswith(code):
+            self.complaints.append(f"waited for {code}, got {got!r}")
 
     async def _take(self, number, step):
         if step["do"] == "send":
@@ -201,10 +232,10 @@ class Play:
             self._reset()
 
 
-def plays(session, patience, exactly):
+def plays(session, patience, exactly, security=PLAIN):
     """All the ways to play a session through Trabex."""
     deliveries = ["once", "bytes", *session.cuts()]
-    return [Play(session, delivery, patience, exactly, unguarded=False) for delivery in deliveries]
+    return [Play(session, delivery, patience, exactly, security=security) for delivery in deliveries]
 
 
 def unguarded_play(session):
@@ -213,12 +244,12 @@ def unguarded_play(session):
 
 
 async def run_all(all_plays, address_of, at_a_time, before=lambda play: None):
-    """Runs plays, several at a time; `address_of` gives the address for a session, before(play) is called first."""
+    """Runs plays, several at a time; `address_of` gives the address for a play, before(play) is called first."""
     limit = asyncio.Semaphore(at_a_time)
 
     async def run(play):
         async with limit:
             before(play)
-            await play.run(address_of(play.session))
+            await play.run(address_of(play))
 
     await asyncio.gather(*map(run, all_plays))

@@ -10,9 +10,10 @@ that it does reach the servers that it says it reaches.
 import asyncio
 import re
 
-from hostile_plays import SERVERS, all_sessions, plays, run_all, unguarded_play
+from hostile_plays import SERVERS, STARTTLS, TLS_PORT, Play, all_sessions, plays, run_all, unguarded_play
 from recording_server import RecordingServer, command_violations, markers
-from trabex_system import LOOPBACK, HaProxy, Options, Scenario, bound, main
+from starttls_places import REPLIES, all_places
+from trabex_system import LOOPBACK, Authority, HaProxy, Options, Scenario, bound, free_port, main
 
 LEAST_SESSIONS = 150
 # More at a time than OpenSMTPD's backlog holds would wait for seconds.
@@ -48,8 +49,8 @@ class Hostile(Scenario):
         super().setUp()
         self.sessions = all_sessions()
 
-    def fronts(self, port, sessions):
-        """A function that gives the address that each of the sessions goes to, for the server on the port."""
+    def fronts(self, port, some_plays):
+        """A function that gives the address that each of the plays goes to, for the server on the port."""
         raise NotImplementedError
 
     def plays_of(self, session, server):
@@ -96,7 +97,7 @@ class Hostile(Scenario):
             if recorder:
                 recorder.script = play.session.replies
 
-        return run_all(some_plays, self.fronts(port, [play.session for play in some_plays]), at_a_time, before)
+        return run_all(some_plays, self.fronts(port, some_plays), at_a_time, before)
 
     @staticmethod
     def marked(server, all_plays):
@@ -129,27 +130,30 @@ class Hostile(Scenario):
 
 
 class ThroughTrabex(Hostile):
+    what = "hostile sessions"
+
     def setUp(self):
         super().setUp()
         if Options.through != "trabex":
             self.skipTest("needs Trabex itself")
 
-    def fronts(self, port, sessions):
+    def fronts(self, port, some_plays):
         """Trabex with the settings of each session."""
         by_settings = {}
-
-        def address_of(session):
-            own = tuple(sorted(session.settings.items()))
+        for play in some_plays:
+            own = tuple(sorted(play.session.settings.items()))
             if own not in by_settings:
                 sections = {"Common": dict(SETTINGS)}
                 for (section, key), value in own:
                     sections.setdefault(section, {})[key] = value
-                by_settings[own] = self.trabex(port, sections.pop("Common"), sections=sections)
-            return by_settings[own].address
+                by_settings[own] = self.started(port, sections.pop("Common"), sections)
+        return lambda play: self.address(by_settings[tuple(sorted(play.session.settings.items()))], play)
 
-        for session in sessions:
-            address_of(session)
-        return address_of
+    def started(self, port, settings, sections):
+        return self.trabex(port, settings, sections=sections)
+
+    def address(self, trabex, _play):
+        return trabex.address
 
     def plays_of(self, session, server):
         exactly = server == "scripted"
@@ -159,7 +163,7 @@ class ThroughTrabex(Hostile):
         all_plays, reached = self.play_all()
         tried = sum(map(len, all_plays.values()))
         through = sum(map(len, reached.values()))
-        print(f"hostile sessions: {tried} tried, {through} got through ({len(self.sessions)} files)")
+        print(f"{self.what}: {tried} tried, {through} got through ({len(self.sessions)} files)")
         for server in SERVERS:
             self.assertNotIn(None, reached[server], "somebody's session")
             for play in all_plays[server]:
@@ -168,13 +172,71 @@ class ThroughTrabex(Hostile):
                     self.assertEqual(play.complaints, [])
 
 
+class UnderTls(ThroughTrabex):
+    """The same with the client under TLS: on the port of TLS, and by STARTTLS."""
+
+    what = "hostile sessions under TLS"
+
+    def setUp(self):
+        super().setUp()
+        certificate = Authority(self.place).issue([LOOPBACK])
+        self.tls = {"Certificate": f"{certificate.chain} {certificate.key}"}
+
+    def started(self, port, settings, sections):
+        return self.trabex(port, {**settings, "BindPortTLS": free_port()}, sections={**sections, "TLS": self.tls})
+
+    def address(self, trabex, play):
+        return (LOOPBACK, trabex.settings["BindPortTLS"]) if play.security == TLS_PORT else trabex.address
+
+    def plays_of(self, session, server):
+        # Real servers learn nothing of how it came under TLS. (OpenSMTPD takes no second EHLO, which a client has to say
+        # behind STARTTLS.)
+        if server != "scripted":
+            by_starttls = server != "opensmtpd" and session.can_follow_starttls()
+            return [Play(session, "once", bound(1), False, security=STARTTLS if by_starttls else TLS_PORT)]
+        ways = plays(session, bound(10), True, TLS_PORT)
+        if session.can_follow_starttls():
+            ways += [Play(session, delivery, bound(10), True, security=STARTTLS) for delivery in ("once", "bytes")]
+        return ways
+
+
+class StartTlsAnywhere(Scenario):
+    """Wherever the client says STARTTLS: nothing that was said in the clear counts under TLS, and nothing gets through."""
+
+    def setUp(self):
+        super().setUp()
+        certificate = Authority(self.place).issue([LOOPBACK])
+        self.tls = {"Certificate": f"{certificate.chain} {certificate.key}", "RequireForAUTH": 0}
+
+    async def play(self, places):
+        recorder = RecordingServer()
+        recorder.script = REPLIES
+        await recorder.start()
+        trabex = self.trabex(recorder.port, {**SETTINGS, "MaxBadSeq": 1000}, sections={"TLS": self.tls})
+        for place in places:
+            await place.run(trabex.address, lambda: recorder.records[-1])
+        await recorder.stop()
+        return recorder.records
+
+    def test_nothing_said_before_counts(self):
+        places = all_places()
+        records = asyncio.run(self.play(places))
+        self.assertEqual(len(records), len(places))
+        for place, record in zip(places, records):
+            with self.subTest(place=str(place)):
+                self.assertEqual(place.complaints, [])
+                self.assertEqual(record.violations(), [])
+                self.assertEqual(place.secured, place.begins_tls() and not place.behind)
+        print(f"STARTTLS anywhere: {len(places)} places tried, {sum(place.secured for place in places)} of them under TLS")
+
+
 class WithoutTrabex(Hostile):
     """The sessions are hostile indeed, and the check sees it: each reaches the servers that it names."""
 
-    def fronts(self, port, sessions):
+    def fronts(self, port, _plays):
         # HAProxy in between makes no difference; it is no filter.
         address = HaProxy(self.place, port).address if Options.through == "haproxy" else (LOOPBACK, port)
-        return lambda session: address
+        return lambda play: address
 
     def plays_of(self, session, server):
         return [unguarded_play(session)]
