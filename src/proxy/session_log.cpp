@@ -1,7 +1,8 @@
 #include "proxy/session_log.h"
 
-#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 
 #include "base/text.h"
 #include "base/visible_text.h"
@@ -20,11 +21,28 @@ bool IsPlain(char c) {
   return c >= ' ' && c <= '~';
 }
 
+// The same of eight at once. A borrow or a carry comes only out of a byte that is not plain itself.
+bool ArePlain(const char* eight) {
+  constexpr std::uint64_t kEach = 0x0101010101010101;
+  std::uint64_t bytes = 0;
+  std::memcpy(&bytes, eight, sizeof bytes);
+  const std::uint64_t below_blank = bytes - kEach * ' ';
+  const std::uint64_t from_del = bytes + kEach;
+  return ((bytes | below_blank | from_del) & (kEach * 0x80)) == 0;
+}
+
+std::size_t PlainSize(std::string_view text) {
+  std::size_t size = 0;
+  while (text.size() - size >= 8 && ArePlain(text.data() + size)) size += 8;
+  while (size < text.size() && IsPlain(text[size])) ++size;
+  return size;
+}
+
 void AppendVisible(std::string& line, std::string_view text) {
   for (;;) {
-    const auto plain_end = std::find_if_not(text.begin(), text.end(), IsPlain);
-    line.append(text.begin(), plain_end);
-    text.remove_prefix(static_cast<std::size_t>(plain_end - text.begin()));
+    const std::size_t plain = PlainSize(text);
+    line.append(text.substr(0, plain));
+    text.remove_prefix(plain);
     if (text.empty()) return;
     const TextPiece piece = FirstPiece(text);
     std::size_t size = piece.size;
