@@ -58,6 +58,21 @@ void AppendVisible(std::string& line, std::string_view text) {
   }
 }
 
+// `name` with "?" for what a reader of the line would take for its end. Both names are the client's text.
+template <class EndsName>
+std::string NameInLine(std::string name, EndsName ends_name) {
+  std::replace_if(name.begin(), name.end(), ends_name, '?');
+  return name;
+}
+
+std::string ServerNameInLine(const TlsFacts& facts) {
+  return NameInLine(facts.server_name, [](char c) { return c != '.' && !IsHostNameByte(c); });
+}
+
+std::string PeerNameInLine(const TlsFacts& facts) {
+  return NameInLine(facts.peer_name, [](char c) { return c == '"'; });
+}
+
 }  // namespace
 
 std::string_view LogMark(std::int32_t level) {
@@ -67,10 +82,10 @@ std::string_view LogMark(std::int32_t level) {
 std::string DescribeTls(const TlsFacts& facts, bool of_client) {
   std::string line = "TLS: " + facts.version + ", " + facts.cipher;
   // Towards the server the name is the one of our settings.
-  if (of_client && !facts.server_name.empty()) line += ", name " + facts.server_name;
+  if (of_client && !facts.server_name.empty()) line += ", name " + ServerNameInLine(facts);
   if (facts.resumed) line += ", resumed";
   if (facts.has_peer_certificate) {
-    line += of_client ? ", client certificate \"" + facts.peer_name + "\"" : ", certificate";
+    line += of_client ? ", client certificate " + Quoted(PeerNameInLine(facts)) : ", certificate";
     line += facts.peer_verified ? " verified" : " not verified";
     if (of_client && !facts.peer_verified) line += ": " + facts.peer_failure;
   }

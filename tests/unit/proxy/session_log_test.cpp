@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "unit/proxy/dialogue.h"
 
@@ -31,6 +32,43 @@ TEST(SessionLog, TheLineHasItsFieldsInTheirWidths) {
     const IPAddress address = ParseIPAddress(row.address).value_or(IPAddress());
     EXPECT_EQ(FormatSessionLine(row.tag, row.handle, address, row.text), row.line);
   }
+}
+
+TlsFacts FactsOf(std::string server_name, std::string peer_name = {}, bool verified = false) {
+  TlsFacts facts;
+  facts.version = "TLSv1.3";
+  facts.cipher = "C";
+  facts.server_name = std::move(server_name);
+  facts.has_peer_certificate = !peer_name.empty();
+  facts.peer_name = std::move(peer_name);
+  facts.peer_verified = verified;
+  if (facts.has_peer_certificate && !verified) facts.peer_failure = "self-signed certificate";
+  return facts;
+}
+
+TEST(SessionLog, WhatTlsHasAgreedOn) {
+  TlsFacts resumed = FactsOf("mx.example.org");
+  resumed.resumed = true;
+  const struct {
+    TlsFacts facts;
+    bool of_client;
+    const char* line;
+  } rows[] = {
+      {FactsOf(""), true, "TLS: TLSv1.3, C."},
+      {resumed, true, "TLS: TLSv1.3, C, name mx.example.org, resumed."},
+      {FactsOf("a_b-1.example", "cn", true), true,
+       "TLS: TLSv1.3, C, name a_b-1.example, client certificate \"cn\" verified."},
+      {FactsOf("", "Fred O'Neil, Ltd."), true,
+       "TLS: TLSv1.3, C, client certificate \"Fred O'Neil, Ltd.\" not verified: self-signed certificate."},
+      {FactsOf("", "cn", true), false, "TLS: TLSv1.3, C, certificate verified."},
+      {FactsOf("", "cn"), false, "TLS: TLSv1.3, C, certificate not verified."},
+      // Names that would say more than a name.
+      {FactsOf("x, resumed, client certificate \"boss\" verified"), true,
+       "TLS: TLSv1.3, C, name x??resumed??client?certificate??boss??verified."},
+      {FactsOf("", "boss\" verified"), true,
+       "TLS: TLSv1.3, C, client certificate \"boss? verified\" not verified: self-signed certificate."},
+  };
+  for (const auto& row : rows) EXPECT_EQ(DescribeTls(row.facts, row.of_client), row.line);
 }
 
 std::string Shown(std::string_view text) {
