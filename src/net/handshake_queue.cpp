@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "platform/memory.h"
+
 namespace trabex {
 
 HandshakeQueue::Place::Place(HandshakeQueue& queue, bool counts, std::function<void()> step,
@@ -9,11 +11,15 @@ HandshakeQueue::Place::Place(HandshakeQueue& queue, bool counts, std::function<v
     : queue_(queue), step_(std::move(step)), evict_(std::move(evict)) {
   if (!counts) return;
   counted_ = queue_.unfinished_.insert(queue_.unfinished_.end(), this);
+  if (queue_.unfinished_.size() >= kStorm) queue_.storm_ = true;
   if (queue_.max_ != 0 && queue_.unfinished_.size() > queue_.max_) queue_.EvictOldest();
 }
 
 HandshakeQueue::Place::~Place() {
-  if (counted_) queue_.unfinished_.erase(*counted_);
+  if (counted_) {
+    queue_.unfinished_.erase(*counted_);
+    queue_.NoteEnd();
+  }
   if (ready_) queue_.ready_.erase(*ready_);
   if (evicted_) queue_.evicted_.erase(*evicted_);
 }
@@ -33,6 +39,13 @@ void HandshakeQueue::EvictOldest() {
   if (oldest.ready_) ready_.erase(*std::exchange(oldest.ready_, std::nullopt));
   oldest.evicted_ = evicted_.insert(evicted_.end(), &oldest);
   AskForTurn();
+}
+
+// The memory itself is freed when the owners of the last ones have gone.
+void HandshakeQueue::NoteEnd() {
+  if (!storm_ || !unfinished_.empty()) return;
+  storm_ = false;
+  loop_.Post([&loop = loop_] { loop.Post(&ReturnFreedMemory); });
 }
 
 void HandshakeQueue::AskForTurn() {

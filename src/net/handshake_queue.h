@@ -21,6 +21,9 @@ class HandshakeQueue {
  public:
   // How long a turn takes steps; one is always taken.
   static constexpr Milliseconds kTurn{5};
+  // So many unfinished ones at a time are a storm: when the last of them has ended, what they took is given back
+  // to the system.
+  static constexpr std::size_t kStorm = 256;
 
   // An unfinished handshake. Destroying it ends its part in the queue.
   class Place {
@@ -60,10 +63,12 @@ class HandshakeQueue {
   void EvictOldest();
   void AskForTurn();
   void TakeTurn();
+  void NoteEnd();
 
   EventLoop& loop_;
   Log& log_;
   std::size_t max_ = 0;
+  bool storm_ = false;      // there were so many since there was none
   Place::Line unfinished_;  // the oldest first
   Place::Line ready_;
   Place::Line evicted_;  // until the next turn
