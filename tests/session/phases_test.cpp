@@ -76,15 +76,15 @@ TEST(Command, AReplyThatIsLongerThanAnyIsUnderstoodByItsEnd) {
     reply += "S: 250-{500*x}\n";
     heard += "<- 250-{500*x}\n";
   }
-  EXPECT_EQ(
-      fixture.Play(Greeted() + "C: MAIL FROM:<a@b.test>\n-> MAIL FROM:<a@b.test>\n" + reply + heard + R"(
+  // How much of it the client has before its end depends on the pieces in which it comes.
+  EXPECT_EQ(fixture.Play(Greeted() + "C: MAIL FROM:<a@b.test>\n-> MAIL FROM:<a@b.test>\n" + reply + R"(
     C: RCPT TO:<u@local.test>
-    <- nothing
     -> nothing
     S: 250 ok
+)" + heard + R"(
     <- 250 ok
     -> RCPT TO:<u@local.test>)"),
-      "");
+            "");
 }
 
 TEST(Command, ALineWithoutEndThatIsLongerThanAnyReplyEndsTheSession) {

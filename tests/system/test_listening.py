@@ -39,6 +39,8 @@ def show(listening):
         time.sleep(0.01)
     print(*(greeting(address) for address in addresses))
 write(before)
+# The tests themselves may run under nohup.
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 child = subprocess.Popen([trabex, "/I", ini, "/HI"])
 try:
     show("::1")
