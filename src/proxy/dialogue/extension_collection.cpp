@@ -10,10 +10,14 @@ namespace {
 
 constexpr std::string_view kAuth = "AUTH";
 
+// Some servers write a tab between the words of a line, and some clients take it.
+constexpr std::string_view kBlanks = " \t";
+
 // Whether the line is AUTH, in the form of RFC 4954 or in the older one.
 bool IsAuthentication(std::string_view line) {
   if (!StartsWithNoCase(line, kAuth)) return false;
-  return line.size() == kAuth.size() || line[kAuth.size()] == ' ' || line[kAuth.size()] == '=';
+  if (line.size() == kAuth.size() || line[kAuth.size()] == '=') return true;
+  return kBlanks.find(line[kAuth.size()]) != std::string_view::npos;
 }
 
 // The line, which is AUTH, without the mechanisms that RemoveBoundAuthentication names; "" when none is left.
@@ -21,7 +25,7 @@ std::string WithoutBoundMechanisms(std::string_view line) {
   constexpr std::string_view kPlus = "-PLUS";
   std::vector<std::string_view> mechanisms;
   for (std::string_view rest = line.substr(std::min(line.size(), kAuth.size() + 1)); !rest.empty();) {
-    const std::string_view word = FirstWord(rest);
+    const std::string_view word = rest.substr(0, rest.find_first_of(kBlanks));
     if (!word.empty()) mechanisms.push_back(word);
     rest.remove_prefix(std::min(rest.size(), word.size() + 1));
   }

@@ -67,5 +67,34 @@ TEST(ExtensionCollection, KeepsOneLinePerKeyword) {
   EXPECT_TRUE(extensions.Lines().empty());
 }
 
+// Lists do not know these lines by their keyword, but clients may.
+TEST(ExtensionCollection, FindsAuthenticationHoweverItIsWritten) {
+  const struct {
+    std::string line;
+    std::string without_bound;  // mechanisms; "": the line goes
+    bool is_authentication;
+  } rows[] = {
+      {"AUTH PLAIN LOGIN", "AUTH PLAIN LOGIN", true},
+      {"auth=LOGIN", "auth=LOGIN", true},
+      {"AUTH", "", true},
+      {"AUTH\tPLAIN\tEXTERNAL", "AUTH\tPLAIN", true},
+      {"AUTH \t PLAIN  X-PLUS\tX", "AUTH PLAIN", true},
+      {"AUTH=EXTERNAL", "", true},
+      {"AUTHX PLAIN EXTERNAL", "AUTHX PLAIN EXTERNAL", false},
+      {"XAUTH EXTERNAL", "XAUTH EXTERNAL", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    using Lines = std::vector<std::string>;
+    ExtensionCollection bound;
+    bound.AddExtension(row.line);
+    ExtensionCollection all = bound;
+    bound.RemoveBoundAuthentication();
+    EXPECT_EQ(bound.Lines(), row.without_bound.empty() ? Lines{} : Lines{row.without_bound});
+    all.RemoveAuthentication();
+    EXPECT_EQ(all.Lines(), row.is_authentication ? Lines{} : Lines{row.line});
+  }
+}
+
 }  // namespace
 }  // namespace trabex
