@@ -54,11 +54,17 @@ void Listeners::Open(const ListenEndpoint& endpoint) {
   socket.Events.ConnectionRequest = [this, &known = *listener](std::int32_t requestID) {
     events_.ConnectionRequest(requestID, known.endpoint.tls);
   };
+  // A socket that cannot even be opened, as where the system has no IPv6, is told by the event.
+  std::optional<Error> failure;
+  socket.Events.Error = [&failure](int number, std::string& description, const std::string& source, bool&) {
+    failure.emplace(number, source, description);
+  };
+  socket.Bind(endpoint.port, endpoint.host);
+  if (failure) throw Error(*failure);
+  socket.Listen();
   socket.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
     events_.Error(number, description);
   };
-  socket.Bind(endpoint.port, endpoint.host);
-  socket.Listen();
   listeners_.push_back(std::move(listener));
 }
 

@@ -12,7 +12,8 @@ HandshakeQueue::Place::Place(HandshakeQueue& queue, bool counts, std::function<v
   if (!counts) return;
   counted_ = queue_.unfinished_.insert(queue_.unfinished_.end(), this);
   if (queue_.unfinished_.size() >= kStorm) queue_.storm_ = true;
-  if (queue_.max_ != 0 && queue_.unfinished_.size() > queue_.max_) queue_.EvictOldest();
+  // More than one only when the most has fallen.
+  while (queue_.max_ != 0 && queue_.unfinished_.size() > queue_.max_) queue_.EvictOldest();
 }
 
 HandshakeQueue::Place::~Place() {

@@ -55,7 +55,8 @@ class HandshakeQueue {
   HandshakeQueue(const HandshakeQueue&) = delete;
   HandshakeQueue& operator=(const HandshakeQueue&) = delete;
 
-  // The most unfinished ones that count; one more evicts the oldest. 0: any number.
+  // The most unfinished ones that count; one more evicts the oldest. 0: any number. Where there are more already
+  // they stay until the next one comes.
   void SetMax(std::size_t max) { max_ = max; }
   std::size_t Unfinished() const { return unfinished_.size(); }
 

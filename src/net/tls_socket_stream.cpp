@@ -91,7 +91,8 @@ int TlsSocketStream::Establish(SocketHandle socket) {
     if (context_->Role() == TlsRole::kServer) {
       if (const int error = AwaitFirstBytes(socket); error != 0) return error;
     }
-    tls_.emplace(std::move(context_));
+    tls_.emplace(context_);
+    context_.reset();
   }
   Transport transport(*this, socket);
   const TlsResult result = tls_->Handshake(transport);

@@ -22,9 +22,11 @@ namespace {
 
 using What = TlsLoadReport::Failure::What;
 
-// Those of everybody: the library's own list has others that cost a server far more than the client that asks
-// for them, such as finite fields of 8192 bits.
-constexpr const char* kGroups = "X25519:P-256:P-384";
+// Of a server, those of everybody: the library's own list has others that cost it far more than the client that
+// asks for them, such as finite fields of 8192 bits. As a client there is one server, which may have a key of any.
+constexpr const char* kServerGroups = "X25519:P-256:P-384";
+// Behind every list of ciphers: where nobody shows a certificate there is none to verify.
+constexpr const char* kNotWithoutCertificate = ":!aNULL";
 
 constexpr unsigned char kSessionContext[] = "smtp";
 constexpr std::string_view kProtocol = "smtp";
@@ -88,13 +90,13 @@ OpenSslPtr<ssl_ctx_st> BareContext(TlsRole role, TlsVersion min_version) {
   SSL_CTX_set_session_cache_mode(c, SSL_SESS_CACHE_OFF);
   SSL_CTX_set_max_early_data(c, 0);
   SSL_CTX_set_min_proto_version(c, VersionNumber(min_version));
-  SSL_CTX_set1_groups_list(c, kGroups);
+  if (role == TlsRole::kServer) SSL_CTX_set1_groups_list(c, kServerGroups);
   return context;
 }
 
 bool SetCiphers(SSL_CTX* context, const std::string& list) {
   ERR_clear_error();
-  const bool taken = SSL_CTX_set_cipher_list(context, list.c_str()) == 1;
+  const bool taken = SSL_CTX_set_cipher_list(context, (list + kNotWithoutCertificate).c_str()) == 1;
   ERR_clear_error();
   return taken;
 }
@@ -142,6 +144,17 @@ std::string ReadCiphers(const std::string& wanted, const char* otherwise, TlsLoa
   return otherwise;
 }
 
+// Whether it can be shown with these options; with `fault` otherwise. The ciphers may hold a level of security
+// that the key does not reach.
+bool CanBeUsed(const LoadedCertificate& certificate, const TlsServerOptions& options,
+               const std::string& ciphers, LoadFault& fault) {
+  const auto trial = BareContext(TlsRole::kServer, options.min_version);
+  SetCiphers(trial.get(), ciphers);
+  if (UseCertificate(trial.get(), certificate)) return true;
+  fault = {certificate.files.chain, TakeOpenSslError()};
+  return false;
+}
+
 // The certificates of the options that can be used.
 std::vector<std::shared_ptr<const LoadedCertificate>> ReadCertificates(const TlsServerOptions& options,
                                                                        const std::string& ciphers,
@@ -152,17 +165,11 @@ std::vector<std::shared_ptr<const LoadedCertificate>> ReadCertificates(const Tls
     LoadFault fault{files.chain, {}};
     auto certificate = LoadCertificate(files, fault);
     bool kept = false;
-    if (certificate) {
-      // The list may hold a level of security that the key does not reach.
-      const auto trial = BareContext(TlsRole::kServer, options.min_version);
-      SetCiphers(trial.get(), ciphers);
-      if (!UseCertificate(trial.get(), *certificate)) {
-        fault = {files.chain, TakeOpenSslError()};
-        certificate.reset();
-      }
-    }
+    if (certificate && !CanBeUsed(*certificate, options, ciphers, fault)) certificate.reset();
     if (!certificate) {
       certificate = InForce(in_force, files);
+      LoadFault of_kept;
+      if (certificate && !CanBeUsed(*certificate, options, ciphers, of_kept)) certificate.reset();
       kept = certificate != nullptr;
       report.failures.push_back({What::kCertificate, files, fault.file, fault.reason, kept});
     }
@@ -281,12 +288,15 @@ std::shared_ptr<const TlsContext> TlsContext::ForClient(const TlsClientOptions& 
   auto impl = std::make_unique<Impl>();
   impl->role = TlsRole::kClient;
   impl->peer_name = options.server_name;
+  // Neither what is asked for nor what certificates hold has the dot of an absolute name (RFC 6066, 3).
+  if (impl->peer_name.ends_with('.')) impl->peer_name.pop_back();
   auto context = BareContext(TlsRole::kClient, options.min_version);
   SSL_CTX* const c = context.get();
   if (const std::string ciphers = ReadCiphers(options.ciphers, "", report); !ciphers.empty()) {
     SetCiphers(c, ciphers);
   }
-  if (options.server_name.empty()) {
+  const std::string& name = impl->peer_name;
+  if (name.empty()) {
     // Without a name any certificate would do, so none is accepted.
     impl->authorities = NoAuthorities({});
   } else if (!options.server_ca.empty()) {
@@ -300,9 +310,9 @@ std::shared_ptr<const TlsContext> TlsContext::ForClient(const TlsClientOptions& 
   SSL_CTX_set_verify(c, SSL_VERIFY_PEER, options.verify ? nullptr : GoOn);
   X509_VERIFY_PARAM* const expected = SSL_CTX_get0_param(c);
   X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-  if (!options.server_name.empty()) {
-    impl->peer_is_address = X509_VERIFY_PARAM_set1_ip_asc(expected, options.server_name.c_str()) == 1;
-    if (!impl->peer_is_address) X509_VERIFY_PARAM_set1_host(expected, options.server_name.c_str(), 0);
+  if (!name.empty()) {
+    impl->peer_is_address = X509_VERIFY_PARAM_set1_ip_asc(expected, name.c_str()) == 1;
+    if (!impl->peer_is_address) X509_VERIFY_PARAM_set1_host(expected, name.c_str(), 0);
   }
   ERR_clear_error();
   impl->contexts.push_back(std::move(context));

@@ -37,6 +37,7 @@ std::string TextOf(BIO* memory) {
 
 EVP_PKEY* MakeKey(TestKey kind) {
   if (kind == TestKey::kEc) return EVP_EC_gen("P-256");
+  if (kind == TestKey::kP521) return EVP_EC_gen("P-521");
   static const Owner<EVP_PKEY> rsa{EVP_RSA_gen(2048), EVP_PKEY_free};
   Must(rsa != nullptr && EVP_PKEY_up_ref(rsa.get()) == 1, "RSA key");
   return rsa.get();

@@ -13,7 +13,7 @@ struct TestCertificate {
   std::string key;
 };
 
-enum class TestKey { kEc, kRsa };
+enum class TestKey { kEc, kP521, kRsa };
 
 struct TestCertificateOptions {
   TestKey key = TestKey::kEc;

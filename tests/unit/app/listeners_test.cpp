@@ -14,6 +14,7 @@
 #include "net/socket_errors.h"
 #include "program_fixture.h"
 #include "support/loop_runner.h"
+#include "support/open_file_limit.h"
 #include "support/plain_socket.h"
 
 namespace trabex {
@@ -107,6 +108,21 @@ TEST_F(ListenersTest, AFailureNamesItsAddressAndPort) {
   EXPECT_EQ(log_.back(), "Error 10049 binding to 192.0.2.1:" + Port() + ". " + text);
   EXPECT_FALSE(ListensOn("300.1.1.1"));
   EXPECT_THAT(log_.back(), StartsWith("Error 40014 binding to 300.1.1.1:" + Port() + ". "));
+}
+
+TEST_F(ListenersTest, ASocketThatCannotBeOpenedIsSuchAFailure) {
+  // Before the limit: a sanitizer needs descriptors for its first look at an object.
+  EXPECT_FALSE(ListensOn("127.0.0.1, 192.0.2.1"));
+  log_.clear();
+  OpenFileLimit limit;
+  limit.LeaveOnly(0);
+  const bool listens = ListensOn("127.0.0.1");
+  limit.Lift();
+  EXPECT_FALSE(listens);
+  EXPECT_THAT(log_, ElementsAre("Error 10024 binding to 127.0.0.1:" + Port() + ". " +
+                                std::string(SocketErrorText(10024))));
+  EXPECT_FALSE(Window().Unloaded());
+  EXPECT_TRUE(ListensOn("127.0.0.1"));
 }
 
 TEST_F(ListenersTest, OneThatStaysKeepsWhoWaits) {

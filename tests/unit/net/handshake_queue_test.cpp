@@ -106,6 +106,21 @@ TEST_F(HandshakeQueueTest, OneMoreThanTheMostEvictsTheOldest) {
   EXPECT_EQ(queue.Unfinished(), 1U);
 }
 
+TEST_F(HandshakeQueueTest, AfterTheMostHasFallenTheNextOneEvictsAllThatAreTooMany) {
+  const auto a = Place("a");
+  const auto b = Place("b");
+  const auto c = Place("c");
+  queue.SetMax(2);
+  EXPECT_EQ(Turn(), "");
+  const auto d = Place("d");
+  EXPECT_EQ(queue.Unfinished(), 2U);
+  EXPECT_EQ(Turn(), "-a-b");
+  queue.SetMax(0);
+  const auto e = Place("e");
+  EXPECT_EQ(Turn(), "");
+  EXPECT_EQ(queue.Unfinished(), 3U);
+}
+
 TEST_F(HandshakeQueueTest, AnErrorOfAStepIsLoggedAndTheOthersGoOn) {
   HandshakeQueue::Place bad(
       queue, false, [] { throw Error(7, "Here", "no memory"); }, [] {});

@@ -527,6 +527,48 @@ TEST_F(SocketTlsTest, TheOwnerMayCloseInsideSecured) {
   EXPECT_TRUE(tls->Ended());
 }
 
+TEST_F(SocketTlsTest, TheOwnerMayGoInsideAnyEvent) {
+  struct Owner : DeferredDeletable {
+    explicit Owner(std::unique_ptr<TracedSocket> its) : socket(std::move(its)) {}
+    std::unique_ptr<TracedSocket> socket;
+  };
+  for (const std::string event :
+       {"Secured", "DataArrival", "SendProgress", "SendComplete", "CloseSck", "Error"}) {
+    for (const bool closes : {true, false}) {
+      SCOPED_TRACE(event + (closes ? " closes" : ""));
+      peer.reset();
+      Begin();
+      const auto leave = [this, closes] {
+        if (!accepted) return;
+        if (closes) Ours().CloseSck();
+        loop.DeferredDelete(std::make_unique<Owner>(std::move(accepted)));
+      };
+      if (event == "Secured") accepted->On(event, leave);
+      Ours().SendData("kept");
+      ASSERT_TRUE(Carry([&] { return !accepted || tls->Text() == "kept"; }));
+      if (accepted) {
+        RunUntilIdle(loop);
+        accepted->On("DataArrival", [this] {
+          std::string data;
+          if (accepted) Ours().GetData(data, 2);
+        });
+        accepted->On(event, leave);
+        std::string bytes = Said({"one", "two"});
+        if (event == "CloseSck") tls->SayGoodbye();
+        if (event == "Error") tls->Write("three");
+        bytes += tls->Output();
+        if (event == "Error") bytes.back() = static_cast<char>(bytes.back() ^ 1);
+        peer->Send(bytes);
+        if (event.starts_with("Send")) Ours().SendData("now");
+      }
+      EXPECT_TRUE(RunUntil(loop, [&] { return accepted == nullptr; }));
+      RunUntilIdle(loop);
+      EXPECT_EQ(module.ObjectCount(), 1U);
+      EXPECT_EQ(module.UnfinishedHandshakes(), 0U);
+    }
+  }
+}
+
 TEST_F(SocketTlsTest, IsRefusedWhereItCannotBe) {
   const auto& contexts = Contexts::Get();
   CSocketMaster unconnected(module);

@@ -264,6 +264,43 @@ TEST_F(TlsContextTest, TheCertificateInForceStaysWhenItsFilesHaveBecomeBad) {
   EXPECT_EQ(Shown(context, "a.test"), "after");
 }
 
+// A key that was good enough until now is not kept for what cannot be spoken with it.
+TEST_F(TlsContextTest, ACertificateInForceThatNewCiphersExcludeDoesNotStay) {
+  const auto files = Write("a.pem", {.common_name = "a"});
+  const auto strong = Write("strong.pem", {.key = TestKey::kP521, .common_name = "strong"});
+  TlsServerOptions options{.certificates = {files, strong}};
+  auto context = Server(options);
+  EXPECT_EQ(Shown(context, "any.test"), "a");
+  options.ciphers = "DEFAULT@SECLEVEL=4";  // 192 bits
+  TlsLoadReport report;
+  context = TlsContext::ForServer(options, report, context.get());
+  ASSERT_EQ(report.failures.size(), 1U);
+  EXPECT_EQ(report.failures[0].reason, "ee key too small");
+  EXPECT_FALSE(report.failures[0].kept);
+  ASSERT_EQ(report.certificates.size(), 1U);
+  EXPECT_EQ(report.certificates[0].files, strong);
+}
+
+TEST_F(TlsContextTest, KeyFilesMayHoldMoreThanTheKey) {
+  const auto one = MakeTestCertificate({.common_name = "one"});
+  const std::string parameters =
+      "-----BEGIN EC PARAMETERS-----\nBggqhkjOPQMBBw==\n-----END EC PARAMETERS-----\n";
+  const std::string file = folder / "all.pem";
+  const std::string orders[] = {
+      one.certificate + parameters + one.key,
+      parameters + one.key + one.certificate,
+      "Bag Attributes\n    friendlyName: x\n" + one.key + "subject=CN = one\n" + one.certificate,
+  };
+  for (const std::string& text : orders) {
+    WriteFile(file, text);
+    EXPECT_EQ(Shown(Server({.certificates = {{file, {}}}}), "any.test"), "one") << text;
+    std::string windows;
+    for (const char c : text) windows += c == '\n' ? std::string("\r\n") : std::string(1, c);
+    WriteFile(file, windows);
+    EXPECT_EQ(Shown(Server({.certificates = {{file, {}}}}), "any.test"), "one") << text;
+  }
+}
+
 TEST_F(TlsContextTest, ConnectionsGoOnWithWhatTheyBeganWith) {
   const auto files = Write("a.pem", TestCertificateOptions{});
   auto context = Server({.certificates = {files}});
@@ -321,6 +358,21 @@ TEST_F(TlsContextTest, ClientCertificatesAreAskedForAsTheOptionsSay) {
     one.Handshake();
     EXPECT_TRUE(one.peer.WasAskedForCertificate());
   }
+}
+
+// Where neither end shows a certificate, none could be asked for.
+TEST_F(TlsContextTest, NothingIsSpokenWithoutCertificates) {
+  const auto authority = MakeTestCertificate({.common_name = "CA", .authority = true});
+  WriteFile(folder / "ca.pem", authority.certificate);
+  const auto required = Server({.certificates = {Write("server.pem", TestCertificateOptions{})},
+                                .ciphers = "ALL:@SECLEVEL=0",
+                                .client_certificates = TlsClientCertificates::kRequired,
+                                .client_ca = folder / "ca.pem"});
+  EXPECT_EQ(Try(required, {.max_version = "1.2", .ciphers = "AECDH-AES256-SHA@SECLEVEL=0"}),
+            "no shared cipher");
+  EXPECT_EQ(Try(required, {.max_version = "1.2"}), "peer did not return a certificate");
+  EXPECT_FALSE(TlsContext::AcceptsCiphers("AECDH-AES256-SHA@SECLEVEL=0"));
+  EXPECT_TRUE(TlsContext::AcceptsCiphers("ALL:@SECLEVEL=0"));
 }
 
 // Authorities that cannot be read vouch for nobody; they do not open the door.
@@ -446,6 +498,7 @@ TEST_F(TlsClientContextTest, VerifiesTheNameOrAddressOfTheServer) {
   const Case cases[] = {
       {"mx.test", {.dns_names = {"mx.test"}}, "verified"},
       {"MX.test", {.dns_names = {"mx.TEST"}}, "verified"},
+      {"mx.test.", {.dns_names = {"mx.test"}}, "verified"},
       {"mx.a.test", {.dns_names = {"*.a.example", "*.a.test"}}, "verified"},
       {"mx.a.test", {.dns_names = {"m*.a.test"}}, "hostname mismatch"},
       {"b.mx.a.test", {.dns_names = {"*.a.test"}}, "hostname mismatch"},
@@ -508,6 +561,8 @@ TEST_F(TlsClientContextTest, NamesTheServerItMeansUnlessThatIsAnAddress) {
     return transport.output;
   };
   EXPECT_NE(hello("mx.example.test").find("mx.example.test"), std::string::npos);
+  EXPECT_NE(hello("mx.example.test.").find("mx.example.test"), std::string::npos);
+  EXPECT_EQ(hello("mx.example.test.").find("mx.example.test."), std::string::npos);
   EXPECT_EQ(hello("192.0.2.7").find("192.0.2.7"), std::string::npos);
   EXPECT_EQ(hello("2001:db8::1").find("2001:db8::1"), std::string::npos);
 }
@@ -519,6 +574,26 @@ TEST_F(TlsClientContextTest, TakesTheCiphersOfTheLibraryTowardsTheServer) {
                              .max_version = "1.2",
                              .ciphers = "AES256-GCM-SHA384"});
   EXPECT_EQ(c.Handshake(), TlsResult::kDone) << c.stream.FailureReason();
+}
+
+// Whoever stands between could speak without a certificate, and there would be nothing to verify.
+TEST_F(TlsClientContextTest, AServerWithoutACertificateIsNotSpokenTo) {
+  TlsConnection c(Client({.ciphers = "ALL:@SECLEVEL=0", .verify = true, .server_name = "mx.test"}),
+                  {.server = true, .max_version = "1.2", .ciphers = "AECDH-AES256-SHA@SECLEVEL=0"});
+  EXPECT_NE(c.Handshake(), TlsResult::kDone);
+  c.Carry();
+  EXPECT_EQ(c.peer.Error(), "no shared cipher");
+}
+
+TEST_F(TlsClientContextTest, AServerMayHaveAnyOfTheCommonKeys) {
+  for (const TestKey key : {TestKey::kEc, TestKey::kRsa, TestKey::kP521}) {
+    for (const std::string version : {"1.2", "1.3"}) {
+      TlsConnection c(
+          Client(),
+          {.server = true, .certificate = MakeTestCertificate({.key = key}), .max_version = version});
+      EXPECT_EQ(c.Handshake(), TlsResult::kDone) << c.stream.FailureReason() << c.peer.Error();
+    }
+  }
 }
 
 TEST(CleanPeerTextTest, HoldsNothingThatCouldForgeALine) {
