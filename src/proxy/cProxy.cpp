@@ -199,7 +199,8 @@ void cProxy::Log(Side side, std::int32_t level, std::string_view text) {
 TlsTexts cProxy::TlsText() const {
   const TlsFacts* facts = Receiver.Socket().Tls();
   if (facts == nullptr) return {};
-  return {facts->version, facts->cipher, facts->peer_verified ? facts->peer_name : ""};
+  return {std::string(facts->version), std::string(facts->cipher),
+          facts->peer_verified ? facts->peer_name : ""};
 }
 
 void cProxy::BeginTls() {

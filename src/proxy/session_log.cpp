@@ -80,14 +80,15 @@ std::string_view LogMark(std::int32_t level) {
 }
 
 std::string DescribeTls(const TlsFacts& facts, bool of_client) {
-  std::string line = "TLS: " + facts.version + ", " + facts.cipher;
+  std::string line = "TLS: ";
+  line.append(facts.version).append(", ").append(facts.cipher);
   // Towards the server the name is the one of our settings.
   if (of_client && !facts.server_name.empty()) line += ", name " + ServerNameInLine(facts);
   if (facts.resumed) line += ", resumed";
   if (facts.has_peer_certificate) {
     line += of_client ? ", client certificate " + Quoted(PeerNameInLine(facts)) : ", certificate";
     line += facts.peer_verified ? " verified" : " not verified";
-    if (of_client && !facts.peer_verified) line += ": " + facts.peer_failure;
+    if (of_client && !facts.peer_verified) line.append(": ").append(facts.peer_failure);
   }
   return line + ".";
 }

@@ -106,8 +106,9 @@ bool UseCertificate(SSL_CTX* context, const LoadedCertificate& certificate) {
       sk_X509_new_null(), [](STACK_OF(X509) * stack) { sk_X509_free(stack); });
   for (const auto& link : certificate.chain) sk_X509_push(chain.get(), link.get());
   ERR_clear_error();
-  return SSL_CTX_use_cert_and_key(context, certificate.leaf.get(), certificate.key.get(), chain.get(), 1) ==
-         1;
+  // Each connection copies the chain, even an empty one.
+  return SSL_CTX_use_cert_and_key(context, certificate.leaf.get(), certificate.key.get(),
+                                  certificate.chain.empty() ? nullptr : chain.get(), 1) == 1;
 }
 
 std::set<std::string> SetOfNames(const LoadedCertificate& certificate) {

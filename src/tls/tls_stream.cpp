@@ -133,6 +133,19 @@ BIO_METHOD* TransportMethod() {
   return method;
 }
 
+// One for all connections of the thread, which belongs to whoever's call is under way: it keeps nothing from
+// one call to the next.
+template <class Impl>
+BIO* SharedBio() {
+  thread_local const OpenSslPtr<bio_st> shared = [] {
+    OpenSslPtr<bio_st> made(BIO_new(TransportMethod<Impl>()));
+    if (!made) throw Error(error_number::kOutOfMemory, "TlsStream", TakeOpenSslError());
+    BIO_set_init(made.get(), 1);
+    return made;
+  }();
+  return shared.get();
+}
+
 template <class Impl>
 void OnMessage(int write, int /*version*/, int type, const void* message, std::size_t size,
                SSL* /*connection*/, void* owner) {
@@ -147,10 +160,8 @@ void OnMessage(int write, int /*version*/, int type, const void* message, std::s
 TlsStream::TlsStream(std::shared_ptr<const TlsContext> context)
     : context_(std::move(context)), impl_(std::make_unique<Impl>()) {
   impl_->connection = context_->GetImpl().Connection();
-  BIO* const bio = BIO_new(TransportMethod<Impl>());
-  if (bio == nullptr) throw Error(error_number::kOutOfMemory, "TlsStream", TakeOpenSslError());
-  BIO_set_data(bio, impl_.get());
-  BIO_set_init(bio, 1);
+  BIO* const bio = SharedBio<Impl>();
+  BIO_up_ref(bio);
   SSL* const connection = impl_->connection.get();
   SSL_set_bio(connection, bio, bio);
   SSL_set_msg_callback(connection, OnMessage<Impl>);
@@ -166,6 +177,7 @@ template <class Impl>
 class Call {
  public:
   Call(Impl& impl, TlsTransport& transport) : impl_(impl) {
+    BIO_set_data(SSL_get_rbio(impl_.connection.get()), &impl_);
     impl_.transport = &transport;
     impl_.received = 0;
     impl_.would_block = false;
@@ -174,6 +186,7 @@ class Call {
     if (ERR_peek_error() != 0) ERR_clear_error();
   }
   ~Call() {
+    BIO_set_data(SSL_get_rbio(impl_.connection.get()), nullptr);
     impl_.transport = nullptr;
     impl_.collects = false;
   }
@@ -183,6 +196,27 @@ class Call {
  private:
   Impl& impl_;
 };
+
+}  // namespace
+
+namespace {
+
+// Releases what the library keeps of a finished handshake without need. The private half of the key exchange
+// would otherwise stay until the connection ends, for whoever reads the memory later.
+void ReleaseHandshake(SSL* connection) {
+  const auto release = [](EVP_PKEY* key) {
+    const OpenSslPtr<evp_pkey_st> owner(key);
+    // To set the type drops the key itself.
+    if (EVP_PKEY_set_type(key, EVP_PKEY_get_id(key)) != 1) ERR_clear_error();
+  };
+  EVP_PKEY* key = nullptr;
+  if (SSL_get_tmp_key(connection, &key) == 1) release(key);
+  if (SSL_get_peer_tmp_key(connection, &key) == 1) release(key);
+  if (STACK_OF(SSL_CIPHER)* const offered = SSL_get_client_ciphers(connection)) {
+    sk_SSL_CIPHER_zero(offered);
+    sk_SSL_CIPHER_reserve(offered, 0);
+  }
+}
 
 }  // namespace
 
@@ -236,7 +270,10 @@ TlsResult TlsStream::Handshake(TlsTransport& transport) {
   const bool sent = impl_->tickets_wait || impl_->Flush();
   const bool goes_on = result == TlsResult::kDone || result == TlsResult::kWantsRead;
   if (goes_on && !sent) return Unsent();
-  if (result == TlsResult::kDone) NoteFacts();
+  if (result == TlsResult::kDone) {
+    NoteFacts();
+    ReleaseHandshake(connection);
+  }
   return result;
 }
 

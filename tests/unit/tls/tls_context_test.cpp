@@ -483,7 +483,7 @@ class TlsClientContextTest : public TlsTest {
                     {.server = true, .certificate = MakeTestCertificate(certificate, &authority)});
     if (c.Handshake() != TlsResult::kDone) return "failed: " + c.stream.FailureReason();
     const TlsFacts& facts = c.stream.Facts();
-    return facts.peer_verified ? "verified" : "not verified: " + facts.peer_failure;
+    return facts.peer_verified ? "verified" : "not verified: " + std::string(facts.peer_failure);
   }
 
   const TestCertificate authority = MakeTestCertificate({.common_name = "CA", .authority = true});

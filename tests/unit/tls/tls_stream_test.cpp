@@ -1,6 +1,9 @@
 #include "tls/tls_stream.h"
 
+#include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "tls_fixture.h"
 
@@ -303,6 +306,41 @@ TEST_F(TlsStreamTest, WhatHasComeIsReadThoughNothingCanBeSent) {
   EXPECT_EQ(c->Read(), "552 too much\r\n");
   EXPECT_EQ(c->result, TlsResult::kWantsRead);
   EXPECT_EQ(c->stream.Write(c->transport, "x", written), TlsResult::kFailed);
+}
+
+// Steps of many connections alternate; one that ends in the middle leaves the others alone.
+TEST_F(TlsStreamTest, HandshakesOfSeveralConnectionsGoOnTogether) {
+  std::vector<std::unique_ptr<TlsConnection>> connections;
+  for (const std::string version : {"1.2", "1.3", "1.3", "1.2"}) {
+    connections.push_back(
+        std::make_unique<TlsConnection>(AnyServer(), TlsPeerOptions{.max_version = version}));
+    connections.back()->transport.portion = 100;
+  }
+  const auto step = [](TlsConnection& c) {
+    const TlsResult result = c.stream.Handshake(c.transport);
+    EXPECT_NE(result, TlsResult::kFailed) << c.stream.FailureReason();
+    return result == TlsResult::kDone;
+  };
+  for (auto& c : connections) {
+    c->transport.input = c->peer.Output();
+    EXPECT_FALSE(step(*c));
+  }
+  connections.erase(connections.begin() + 1);
+  std::size_t done = 0;
+  for (int turn = 0; turn < 10 && done < connections.size(); ++turn) {
+    for (auto& c : connections) {
+      if (c->peer.Established() && !c->stream.Facts().version.empty()) continue;
+      c->Carry();
+      if (step(*c)) ++done;
+    }
+  }
+  ASSERT_EQ(done, connections.size());
+  for (auto& c : connections) {
+    c->Carry();
+    c->peer.Write(c->peer.Version());
+    c->transport.input += c->peer.Output();
+  }
+  for (auto& c : connections) EXPECT_EQ(c->Read(), c->peer.Version());
 }
 
 // An error that another connection left in the thread's queue is none of this one.
