@@ -89,6 +89,7 @@ class Server {
   bool Greeted() const { return greetings_ > 0; }
   // How many EHLO and HELO it has accepted.
   int Greetings() const { return greetings_; }
+  void NoteTls() { tls_began_ = true; }
   // Whether the reply to the last greeting that it accepted has the keyword in it.
   bool HasOffered(std::string_view keyword) const { return offered_.find(keyword) != std::string::npos; }
   // Whether the MAIL that opened the transaction has it.
@@ -112,6 +113,8 @@ class Server {
       ++greetings_;
       offered_ = verb == "EHLO" ? ToUpper(reply) : "";
     }
+    // A server may keep to the EHLO of before TLS, and refuse the next.
+    if (code == "503" && verb == "EHLO" && greetings_ > 0 && std::exchange(tls_began_, false)) ++greetings_;
     if (code == "250" && (verb == "EHLO" || verb == "HELO" || verb == "RSET")) open_ = false;
     const bool opens = verb == "MAIL" || verb == "SEND" || verb == "SOML" || verb == "SAML";
     if (opens && (code == "250" || (code == "355" && verb == "MAIL"))) {
@@ -212,6 +215,7 @@ class Server {
   bool auth_data_ = false;
   bool last_chunk_ = false;
   int greetings_ = 0;
+  bool tls_began_ = false;  // with the client, and no EHLO has come since
   bool open_ = false;
 };
 
@@ -304,6 +308,7 @@ class Peers final : private DialogueActions {
     settings_.facts.tls_active = true;
     dialogue_.OnSecured();
     greetings_before_tls_ = model_.Greetings();
+    model_.NoteTls();
     const DialogueState& state = dialogue_.State();
     Require(state.transaction == Transaction::kNoGreeting && state.offered.Extensions.Lines().empty());
     Require(state.requested.HeloDomain.empty() && state.requested.Sender.empty() && !state.login.ever);

@@ -256,6 +256,20 @@ TEST(ServerPrefaceSession, WhereTlsIsNotRequiredTheSessionGoesOnWithout) {
     -> EHLO proxy.test
     S: 250 server.test
     <- 220 server ready)");
+  // A server that takes one EHLO in a session has taken ours.
+  PlayBothWays(ServerTls(server_tls::kIfOffered), R"(
+    S: 220 server ready
+    -> EHLO proxy.test
+    S: 250-server.test
+    S: 250 8BITMIME
+    <- 220 server ready
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 503 already identified
+    <- 250-server.test
+    <- 250 8BITMIME
+    C: MAIL FROM:<a@b.test>
+    -> MAIL FROM:<a@b.test>)");
   PlayBothWays(ServerTls(server_tls::kIfOffered), R"(
     S: 220 server ready
     -> EHLO proxy.test

@@ -102,6 +102,48 @@ TEST(StartTls, IsLoggedWithItsReply) {
             "");
 }
 
+// OpenSMTPD refuses a second EHLO; the client has to send one after STARTTLS.
+TEST(StartTls, AServerThatTakesOneEhloInASessionIsUnderstood) {
+  for (const std::string_view again : {"250-server\nS: 250 8BITMIME", "503 already identified"}) {
+    SessionFixture fixture;
+    fixture.OfferTls();
+    EXPECT_EQ(fixture.Play(R"(
+      S: 220 server ready
+      <- 220 server ready
+      C: EHLO client.test
+      -> EHLO client.test
+      S: 250-server
+      S: 250 8BITMIME
+      <- 250-server
+      <- 250-8BITMIME
+      <- 250 STARTTLS
+      C: EHLO client.test
+      -> EHLO client.test
+      S: 503 already identified
+      <- 503 already identified
+      C: STARTTLS
+      <- 220 2.0.0 Ready to start TLS.
+      C starts TLS
+      C: MAIL FROM:<a@b.test>
+      <- 503 Bad sequence of commands.
+      C: EHLO client.test
+      -> EHLO client.test
+      S: )" + std::string(again) +
+                           R"(
+      <- 250-server
+      <- 250 8BITMIME
+      C: MAIL FROM:<a@b.test>
+      -> MAIL FROM:<a@b.test>
+      S: 250 ok
+      <- 250 ok
+      C: EHLO client.test
+      -> EHLO client.test
+      S: 503 already identified
+      <- 503 already identified)"),
+              "");
+  }
+}
+
 // The client's end on the wire may be cut anywhere.
 TEST(StartTls, TheWireMayCutItAnywhere) {
   for (const std::size_t piece : {1U, 7U, 100U}) {

@@ -189,10 +189,9 @@ class UnderTls(ThroughTrabex):
         return (LOOPBACK, trabex.settings["BindPortTLS"]) if play.security == TLS_PORT else trabex.address
 
     def plays_of(self, session, server):
-        # Real servers learn nothing of how it came under TLS. (OpenSMTPD takes no second EHLO, which a client has to say
-        # behind STARTTLS.)
+        # Real servers learn nothing of how it came under TLS.
         if server != "scripted":
-            by_starttls = server != "opensmtpd" and session.can_follow_starttls()
+            by_starttls = session.can_follow_starttls()
             return [Play(session, "once", bound(1), False, security=STARTTLS if by_starttls else TLS_PORT)]
         ways = plays(session, bound(10), True, TLS_PORT)
         if session.can_follow_starttls():

@@ -178,6 +178,22 @@ class Clients(TlsScenario):
         self.assertIn("Verified TLS connection established", said)
 
 
+class RealServers(TlsScenario):
+    """What comes by STARTTLS arrives at each of them. OpenSMTPD refuses the EHLO that has to follow."""
+
+    def test_behind_starttls(self):
+        certificate = self.issue()
+        for server in (self.postfix(), self.exim(), self.opensmtpd()):
+            self.proxy = self.trabex(server.port, sections={"TLS": {"Certificate": f"{certificate.chain} {certificate.key}"}})
+            content = text_message(1, 20_000)
+            client = self.smtp()
+            client.sendmail(SENDER, [RECIPIENT], content)
+            client.quit()
+            (recipient, arrived), = server.wait_for_messages(1)
+            self.assertEqual(recipient, RECIPIENT)
+            self.assertTrue(arrived.endswith(content.replace(b"\r\n", b"\n")), type(server).__name__)
+
+
 class Senders(TlsScenario):
     """Servers that deliver to Trabex and insist on TLS with a certificate that they can check."""
 

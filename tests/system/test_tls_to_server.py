@@ -100,6 +100,8 @@ class OpenSmtpd(ToServer):
 
     def test_without_tls(self):
         server = self.opensmtpd()
+        self.send(self.front_of(server.port, WHEN_OFFERED), text_message(1))
+        server.wait_for_messages(1)
         self.assertRefused(self.front_of(server.port, STARTTLS),
                            "No session with this server: STARTTLS not offered. Closing connection.")
 

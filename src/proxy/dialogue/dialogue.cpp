@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "proxy/dialogue/reply_code.h"
 
 namespace trabex {
 
@@ -18,6 +19,7 @@ constexpr std::string_view kInvalidHeader = "Invalid PROXY header. Closing conne
 Dialogue::Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
                    GreylistCheck* greylisting, DialogueState state)
     : configuration_(configuration),
+      facts_(facts),
       commands_(configuration, clock, facts, greylisting),
       replies_(configuration, clock, facts),
       state_(std::move(state)) {}
@@ -220,6 +222,7 @@ void Dialogue::TakePrefaceBytes(DialogueActions& actions) {
   const auto reply = assembler_.NextReply();
   if (reply) {
     LogReply(*reply, actions);
+    if (reply->starts_with("250")) state_.earlier_ehlo_reply = *reply;
     Follow(preface_->OnReply(*reply, !assembler_.IsEmpty()), actions);
   } else if (assembler_.TooLong() || !preface_->AwaitsReply()) {
     Follow(ServerPreface::OnNonsense(), actions);
@@ -234,6 +237,7 @@ void Dialogue::Follow(const ServerPreface::Step& step, DialogueActions& actions)
       actions.ToServer(step.text, false);
       break;
     case Kind::kStartTls:
+      state_.earlier_ehlo_reply.clear();
       actions.StartServerTls();
       break;
     case Kind::kAskForNames:
@@ -273,10 +277,24 @@ void Dialogue::LogReply(std::string_view reply, DialogueActions& actions) const 
 }
 
 void Dialogue::RelayReplies(DialogueActions& actions) {
-  while (const auto reply = assembler_.NextReply()) {
+  while (auto reply = assembler_.NextReply()) {
     LogReply(*reply, actions);
-    RelayReply(*reply, actions);
+    RelayReply(ReplyThatCounts(std::move(*reply)), actions);
   }
+}
+
+std::string Dialogue::ReplyThatCounts(std::string reply) {
+  if (state_.phase != Phase::kReply || state_.forwarded.command != Command::kEhlo) return reply;
+  std::string& earlier = state_.earlier_ehlo_reply;
+  const std::string_view text = WithoutLineEnd(reply);
+  const std::string_view code = CodeOf(LastLine(text)) == CodeOf(text) ? CodeOf(text) : "";
+  if (code == "250") {
+    // STARTTLS may follow.
+    earlier = facts_.TlsReady() && !facts_.TlsActive() ? reply : "";
+  } else if (code == "503" && state_.transaction == Transaction::kNoGreeting && !earlier.empty()) {
+    reply = earlier;
+  }
+  return reply;
 }
 
 void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {

@@ -128,6 +128,9 @@ class Dialogue {
   void LogReply(std::string_view reply, DialogueActions& actions) const;
   void RelayReplies(DialogueActions& actions);
   void RelayReply(std::string_view reply, DialogueActions& actions);
+  // The reply that counts: some servers (OpenSMTPD) take one EHLO in a session and refuse the next with 503;
+  // what they said to the earlier one still holds then.
+  std::string ReplyThatCounts(std::string reply);
   bool RelayWholeLines(DialogueActions& actions);
   void EndWithoutServer(DialogueActions& actions);
 
@@ -136,6 +139,7 @@ class Dialogue {
   void EnterOctets(PhaseEvent event, std::uint64_t octets);
 
   const Configuration& configuration_;
+  const SessionFacts& facts_;
   ClientCommandFilter commands_;
   ServerReplyFilter replies_;
   ReplyAssembler assembler_;

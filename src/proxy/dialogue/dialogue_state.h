@@ -86,8 +86,11 @@ struct DialogueState {
   OfferedState offered;
   LoginState login;
   ForwardedCommand forwarded;
-  ContentTracker content;          // in the phases with content
-  std::string asking_line;         // in kAsking: the line that waits for the answer
+  ContentTracker content;   // in the phases with content
+  std::string asking_line;  // in kAsking: the line that waits for the answer
+  // The server's latest 250 to an EHLO, as it came, while the client has to greet once more: after TLS has
+  // begun, or when the proxy greeted first.
+  std::string earlier_ehlo_reply;
   std::int64_t BytesReceived = 0;  // octets of the client that were taken
 
   // Nothing that the client said counts any more, and nothing that it was told (RFC 3207, 4.2); the counters
