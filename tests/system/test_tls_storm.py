@@ -178,14 +178,14 @@ class Storm(Scenario):
         self.check_relaying("handshakes without end", relaying)
         self.assertEqual((handshakes, cut_off), (RATE * SECONDS, 0))
         self.check_memory("handshakes without end", self.proxy.process.peak_bytes())
-        # Nothing grows with the number of past clients.
+        # Nothing grows with the number of past clients: what each of them leaves would be more than that.
         first = self.proxy.process.resident_bytes()
         self.storm("handshakes", RATE, SECONDS)
         wait_until(lambda: connections_to(self.tls_port) == 0, "the ends of the connections")
-        self.assertLess(self.proxy.process.resident_bytes(), first + MB)
+        self.assertLess(self.proxy.process.resident_bytes(), first + 4 * MB)
 
     def test_key_updates_that_are_allowed(self):
-        (handshakes, updates, cut_off, seconds), relaying = self.storm("key-updates", 100, 80, 3 * SECONDS)
+        (handshakes, updates, cut_off, seconds), relaying = self.storm("key-updates", 100, 25, 3 * SECONDS)
         print(f"key updates that are allowed: {updates / seconds:.0f} a second")
         self.check_relaying("key updates that are allowed", relaying)
         self.assertEqual(cut_off, 0)

@@ -205,7 +205,9 @@ class Exim(_MaildirServer):
     _head = re.compile(rb"Return-path: .*\nEnvelope-to: (.*)\nReceived: .*\n(?:[ \t].*\n)*")
 
     def __init__(self, place, settings=None, certificate=None):
-        self._root = Root(place, "exim4-daemon-heavy", ["usr/sbin/exim4"], ["Debian-exim"])
+        # Only the heavy one takes a PROXY header, and it takes longer for each connection.
+        package = "exim4-daemon-heavy" if "hosts_proxy" in (settings or {}) else "exim4-daemon-light"
+        self._root = Root(place, package, ["usr/sbin/exim4"], ["Debian-exim"])
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
         self.queue = self._root.new_folder("var/spool/exim4", "Debian-exim")
@@ -253,7 +255,7 @@ class EximClient:
     the server offers it. `source` is its own address. It uses TLS only with `tls`, options of its smtp transport."""
 
     def __init__(self, place, address, source, tls=None, files=()):
-        self._root = Root(place, "exim4-daemon-heavy", ["usr/sbin/exim4"], ["Debian-exim"])
+        self._root = Root(place, "exim4-daemon-light", ["usr/sbin/exim4"], ["Debian-exim"])
         self._root.new_folder("var/spool/exim4", "Debian-exim")
         self._log = self._root.new_folder("var/log/exim4", "Debian-exim") / "mainlog"
         for file in files:
