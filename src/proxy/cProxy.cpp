@@ -31,6 +31,7 @@ std::string KeyOf(const cProxy* session) {
 cProxy::cProxy(SessionDependencies& dependencies)
     : dependencies_(dependencies),
       key_(KeyOf(this)),
+      id_(dependencies.sessions.NextId()),
       Receiver(SessionSide::Peer::kClient, dependencies, *this),
       Sender(SessionSide::Peer::kServer, dependencies, *this),
       dialogue_(dependencies.configuration, dependencies.clock, *this, dependencies.greylisting) {

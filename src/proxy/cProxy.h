@@ -44,6 +44,7 @@
 #include "platform/event_loop.h"
 #include "proxy/dialogue/dialogue.h"
 #include "proxy/session_dependencies.h"
+#include "proxy/session_id.h"
 #include "proxy/session_side.h"
 #include "resolver/name_lookup.h"
 
@@ -80,6 +81,8 @@ class cProxy final : public DeferredDeletable,
 
   // The key in the collection.
   const std::string& Key() const { return key_; }
+  // Its name for people; no other session has it, not even one of an earlier run.
+  SessionId Id() const { return id_; }
   // For the connection table. -1 after Close.
   std::int32_t Handle() const { return Receiver.Socket().SocketHandle(); }
   std::int64_t BytesReceived() const { return Receiver.Socket().BytesReceived(); }
@@ -174,6 +177,7 @@ class cProxy final : public DeferredDeletable,
 
   SessionDependencies& dependencies_;
   std::string key_;
+  SessionId id_;
   Stage stage_ = Stage::kAdmission;
 
   SessionSide Receiver;  // towards the client

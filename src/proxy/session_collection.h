@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "base/text.h"
+#include "proxy/session_id.h"
 
 namespace trabex {
 
@@ -29,6 +30,8 @@ class SessionCollection {
   // Gives the session away; nullptr when the key is missing.
   std::unique_ptr<cProxy> Remove(std::string_view key);
   std::size_t Count() const { return sessions_.size(); }
+  // An id for a session to come, another one with each call.
+  SessionId NextId() { return next_id_++; }
   // The session at `index` (0 is the oldest, index < Count()); quick when rows are asked for in ascending
   // order.
   cProxy& At(std::size_t index);
@@ -38,6 +41,7 @@ class SessionCollection {
  private:
   using Sessions = std::list<std::unique_ptr<cProxy>>;
   Sessions sessions_;
+  SessionId next_id_ = FirstSessionId();
   std::unordered_map<std::string, Sessions::iterator, HashText, std::equal_to<>> by_key_;
   Sessions::iterator last_at_;  // where At stopped, for the next one
   std::size_t last_index_ = 0;
