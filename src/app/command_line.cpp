@@ -22,40 +22,59 @@ constexpr std::string_view kHelpText =
     "/X, /EXIT - close another instance;\r\n"
     "/H, /?, /HELP - show this message.";
 
-enum class Switch { kPort, kMinimize, kHide, kIniFile, kLogPath, kExit, kHelp };
+enum class Switch { kPort, kMinimize, kHide, kIniFile, kLogPath, kExit, kHelp, kRequest };
 
 struct SwitchName {
-  std::string_view name;  // after the slash or the hyphens
+  std::string_view name;  // after the slash or the hyphens; that of a request is its own
   Switch what;
+  // Of a request: how many arguments it takes.
+  std::size_t min_arguments = 0;
+  std::size_t max_arguments = 0;
 };
 
+// Of a request that reads its arguments itself; such ones may also begin as a switch does.
+constexpr std::size_t kAnyNumber = std::string_view::npos;
+
 constexpr std::array kSwitchNames = {
-    SwitchName{"P", Switch::kPort},     SwitchName{"PORT", Switch::kPort},
-    SwitchName{"M", Switch::kMinimize}, SwitchName{"MINIMIZE", Switch::kMinimize},
-    SwitchName{"HI", Switch::kHide},    SwitchName{"HIDE", Switch::kHide},
-    SwitchName{"I", Switch::kIniFile},  SwitchName{"INIFILE", Switch::kIniFile},
-    SwitchName{"L", Switch::kLogPath},  SwitchName{"LOGPATH", Switch::kLogPath},
-    SwitchName{"X", Switch::kExit},     SwitchName{"EXIT", Switch::kExit},
-    SwitchName{"H", Switch::kHelp},     SwitchName{"?", Switch::kHelp},
+    SwitchName{"P", Switch::kPort},
+    SwitchName{"PORT", Switch::kPort},
+    SwitchName{"M", Switch::kMinimize},
+    SwitchName{"MINIMIZE", Switch::kMinimize},
+    SwitchName{"HI", Switch::kHide},
+    SwitchName{"HIDE", Switch::kHide},
+    SwitchName{"I", Switch::kIniFile},
+    SwitchName{"INIFILE", Switch::kIniFile},
+    SwitchName{"L", Switch::kLogPath},
+    SwitchName{"LOGPATH", Switch::kLogPath},
+    SwitchName{"X", Switch::kExit},
+    SwitchName{"EXIT", Switch::kExit},
+    SwitchName{"H", Switch::kHelp},
+    SwitchName{"?", Switch::kHelp},
     SwitchName{"HELP", Switch::kHelp},
+    SwitchName{"STATUS", Switch::kRequest, 0, 1},
+    SwitchName{"RELOAD", Switch::kRequest},
+    SwitchName{"REOPENLOG", Switch::kRequest},
+    SwitchName{"SESSIONS", Switch::kRequest},
+    SwitchName{"CLOSE", Switch::kRequest, 1, 1},
+    SwitchName{"GREYLIST", Switch::kRequest, 1, kAnyNumber},
+    SwitchName{"VIEW", Switch::kRequest},
 };
 
 // It has this one spelling only.
 constexpr std::string_view kVersionSwitch = "--version";
 
-std::optional<Switch> FindSwitch(std::string_view token) {
+const SwitchName* FindSwitch(std::string_view token) {
   if (token.starts_with("--")) {
     token.remove_prefix(2);
   } else if (token.starts_with('/') || token.starts_with('-')) {
     token.remove_prefix(1);
   } else {
-    return std::nullopt;
+    return nullptr;
   }
   const auto* found =
       std::find_if(kSwitchNames.begin(), kSwitchNames.end(),
                    [&](const SwitchName& candidate) { return EqualNoCase(candidate.name, token); });
-  if (found == kSwitchNames.end()) return std::nullopt;
-  return found->what;
+  return found == kSwitchNames.end() ? nullptr : found;
 }
 
 // The path that `token` names: without surrounding double quotes, nothing when that leaves nothing.
@@ -74,9 +93,11 @@ class Parser {
 
   CommandLine Parse() {
     while (next_ < arguments_.size() && line_.result == CommandLine::Result::kStart) {
+      const std::string_view as_typed = arguments_[next_];
       const std::string_view token = *Next();
-      if (!token.empty()) Take(token);
+      if (!TakeForRequest(as_typed, token) && !token.empty()) Take(token);
     }
+    if (line_.result == CommandLine::Result::kStart) CheckRequest();
     return std::move(line_);
   }
 
@@ -86,11 +107,51 @@ class Parser {
     return Trim(arguments_[next_++]);
   }
 
+  // Whether the token goes to the request before it.
+  bool TakeForRequest(std::string_view as_typed, std::string_view token) {
+    if (request_ == nullptr || line_.request.size() > request_->max_arguments) return false;
+    if (token == "--" && !only_arguments_ && request_->max_arguments == kAnyNumber) {
+      only_arguments_ = true;
+      return true;
+    }
+    if (!only_arguments_ && !IsArgument(token)) return false;
+    line_.request.emplace_back(as_typed);
+    return true;
+  }
+
+  bool IsArgument(std::string_view token) const {
+    const bool any = request_->max_arguments == kAnyNumber;
+    if (token.starts_with('/') || token.starts_with('-')) return any && FindSwitch(token) == nullptr;
+    return any || !token.empty();
+  }
+
+  void CheckRequest() {
+    if (request_ != nullptr && line_.request.size() <= request_->min_arguments) {
+      Refuse("Argument expected after", request_token_);
+    }
+  }
+
+  void TakeRequest(std::string_view token, const SwitchName& request) {
+    if (request_ != nullptr || line_.exit_request) return Refuse("Only one request is possible:", token);
+    request_ = &request;
+    request_token_ = token;
+    line_.request.emplace_back(request.name);
+  }
+
+  void TakeExit(std::string_view token) {
+    if (request_ != nullptr) return Refuse("Only one request is possible:", token);
+    line_.exit_request = true;
+  }
+
+  void Refuse(std::string_view what, std::string_view token) {
+    End(CommandLine::Result::kRefused, std::string(what) + " \"" + std::string(token) + "\".");
+  }
+
   void Take(std::string_view token) {
     if (EqualNoCase(token, kVersionSwitch)) return End(CommandLine::Result::kShow, TitleAndVersion());
-    const std::optional<Switch> what = FindSwitch(token);
-    if (!what) return End(CommandLine::Result::kRefused, "Invalid switch \"" + std::string(token) + "\".");
-    switch (*what) {
+    const SwitchName* const found = FindSwitch(token);
+    if (found == nullptr) return Refuse("Invalid switch", token);
+    switch (found->what) {
       case Switch::kPort:
         return TakePort(Next().value_or(std::string_view()));
       case Switch::kMinimize:
@@ -104,10 +165,11 @@ class Parser {
       case Switch::kLogPath:
         return TakePath(line_.log_path);
       case Switch::kExit:
-        line_.exit_request = true;
-        return;
+        return TakeExit(token);
       case Switch::kHelp:
         return End(CommandLine::Result::kShow, std::string(kHelpText));
+      case Switch::kRequest:
+        return TakeRequest(token, *found);
     }
   }
 
@@ -115,7 +177,7 @@ class Parser {
   void TakePort(std::string_view token) {
     if (const std::optional<std::int32_t> number = ParseInteger(token)) line_.port = number;
     if (line_.port.value_or(0) < 1 || *line_.port > 65535) {
-      End(CommandLine::Result::kRefused, "Invalid port number \"" + std::string(token) + "\".");
+      Refuse("Invalid port number", token);
     }
   }
 
@@ -131,6 +193,9 @@ class Parser {
   std::span<const std::string_view> arguments_;
   std::size_t next_ = 0;
   CommandLine line_;
+  const SwitchName* request_ = nullptr;  // the one that was found
+  std::string_view request_token_;
+  bool only_arguments_ = false;  // behind "--"
 };
 
 }  // namespace

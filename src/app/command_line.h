@@ -1,6 +1,9 @@
 // The command line: switches that select the port, the files and the window, or ask for something else than a
 // start. Each argument is one token, as the shell has split them; "/PORT", "-port" and "--port" are the same,
 // in any case of letters.
+//
+// A request to a running instance takes what follows it and is no switch, as far as it has use for it; other
+// switches may stand between. With "--" all that follows are its arguments.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +11,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace trabex {
 
@@ -28,6 +32,9 @@ struct CommandLine {
   bool minimized = false;
   bool hidden = false;
   bool exit_request = false;
+  // What a running instance is asked (control_requests.h): a name and its arguments, which are kept as typed.
+  // Empty: nothing.
+  std::vector<std::string> request;
 };
 
 // Reads the arguments in order and stops at the first that cannot be taken. `arguments` is without the

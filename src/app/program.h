@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "app/certificates.h"
+#include "app/control_requests.h"
 #include "app/greylisting.h"
 #include "app/log_file.h"
 #include "config/configuration.h"
@@ -81,6 +82,7 @@ struct Program final : LoadHost {
   Certificates certificates;
   GreyListing greylisting;
   GreyListingRecords* greylisting_records = &greylisting;  // never nullptr
+  ControlRequests requests;                                // what a running instance can be asked
   std::unique_ptr<InstanceLock> instance_lock;
   std::unique_ptr<frmMain> window;
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/command_line.h"
+#include "app/exit_status.h"
 #include "app/frmMain.h"
 #include "app/printable.h"
 #include "app/version.h"
@@ -12,10 +13,6 @@
 namespace trabex {
 
 namespace {
-
-constexpr int kOrderlyEnd = 0;
-constexpr int kFailed = 1;
-constexpr int kBadCommandLine = 2;
 
 // The steps of a start, each taken only when those before it succeeded.
 class StartUp {
@@ -33,7 +30,11 @@ class StartUp {
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return Failed();
     if (line_.exit_request) {
       RequestExit(InstanceName(program_.configuration.BindPort));
-      return kOrderlyEnd;
+      return exit_status::kDone;
+    }
+    if (!line_.request.empty()) {
+      PrintReason("An instance cannot be asked for \"" + line_.request.front() + "\" yet.");
+      return exit_status::kFailed;
     }
     if (!program_.LockInstance()) return Failed();
     if (LoadConfiguration(program_.MakeLoadDependencies(), program_.configuration) == LoadResult::kFailed) {
@@ -65,7 +66,7 @@ class StartUp {
 
   int Failed() {
     PrintReason(last_message_);
-    return kFailed;
+    return exit_status::kFailed;
   }
 
   int ConfigurationFailed() {
@@ -80,7 +81,7 @@ class StartUp {
     const std::string reason = std::exchange(last_message_, {});
     program_.window->Form_Unload();
     PrintReason(reason);
-    return kFailed;
+    return exit_status::kFailed;
   }
 
   void PrintReason(std::string_view message) {
@@ -100,10 +101,10 @@ int RunProgram(std::span<const std::string_view> arguments, Dependencies depende
   switch (line.result) {
     case CommandLine::Result::kShow:
       dependencies.out << line.message << '\n';
-      return kOrderlyEnd;
+      return exit_status::kDone;
     case CommandLine::Result::kRefused:
       dependencies.err << kApplicationTitle << ": " << Printable(line.message) << '\n';
-      return kBadCommandLine;
+      return exit_status::kBadCommandLine;
     case CommandLine::Result::kStart:
       break;
   }

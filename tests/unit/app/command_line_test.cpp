@@ -44,6 +44,77 @@ TEST(CommandLine, EverySwitchHasItsSpellings) {
   }
 }
 
+TEST(CommandLine, RequestsHaveTheSpellingsOfSwitches) {
+  const std::string_view names[] = {"STATUS", "RELOAD", "REOPENLOG", "SESSIONS", "VIEW"};
+  for (const std::string_view name : names) {
+    std::string lower(name);
+    for (char& c : lower) c = static_cast<char>(c - 'A' + 'a');
+    for (const std::string& spelling :
+         {"/" + std::string(name), "-" + lower, "--" + lower, "--" + std::string(name), " /" + lower + " "}) {
+      const CommandLine line = Parse({spelling});
+      EXPECT_EQ(line.result, Result::kStart) << spelling;
+      EXPECT_EQ(line.request, std::vector<std::string>{std::string(name)}) << spelling;
+      EXPECT_FALSE(line.exit_request || line.hidden);
+    }
+  }
+}
+
+TEST(CommandLine, RequestsTakeTheirArguments) {
+  struct Row {
+    std::vector<std::string_view> arguments;
+    std::vector<std::string> request;
+  };
+  const Row rows[] = {
+      {{"/STATUS", "trabex_sessions_open"}, {"STATUS", "trabex_sessions_open"}},
+      {{"/STATUS", "/HI"}, {"STATUS"}},
+      {{"/STATUS", "", "x"}, {"STATUS", "x"}},
+      {{"/close", "0123456789abcdef", "/HI"}, {"CLOSE", "0123456789abcdef"}},
+      {{"/CLOSE", "/HI", "0123456789abcdef"}, {"CLOSE", "0123456789abcdef"}},
+      {{"/GREYLIST", "list"}, {"GREYLIST", "list"}},
+      {{"--greylist", "list", " *@x.example ", "--json", "--Hi"},
+       {"GREYLIST", "list", " *@x.example ", "--json"}},
+      {{"/GREYLIST", "show", "192.0.2.1", "", "to@x.example"},
+       {"GREYLIST", "show", "192.0.2.1", "", "to@x.example"}},
+      {{"/GREYLIST", "list", "--", "/HI", "--", "-h"}, {"GREYLIST", "list", "/HI", "--", "-h"}},
+  };
+  for (const Row& row : rows) {
+    const CommandLine line = Parse(row.arguments);
+    EXPECT_EQ(line.result, Result::kStart) << line.message;
+    EXPECT_EQ(line.request, row.request);
+  }
+  const CommandLine line = Parse({"/GREYLIST", "list", "/P", "2525", "x", "/I", "/etc/x.ini", "y"});
+  EXPECT_EQ(line.request, (std::vector<std::string>{"GREYLIST", "list", "x", "y"}));
+  EXPECT_EQ(line.port, 2525);
+  EXPECT_EQ(line.ini_file, "/etc/x.ini");
+}
+
+TEST(CommandLine, RequestsThatCannotBeTaken) {
+  struct Row {
+    std::vector<std::string_view> arguments;
+    std::string_view message;
+  };
+  const Row rows[] = {
+      {{"/CLOSE"}, "Argument expected after \"/CLOSE\"."},
+      {{"/HI", "--close", "/P", "25"}, "Argument expected after \"--close\"."},
+      {{"/CLOSE", ""}, "Argument expected after \"/CLOSE\"."},
+      {{"/CLOSE", "-1"}, "Invalid switch \"-1\"."},
+      {{"/CLOSE", "a", "b"}, "Invalid switch \"b\"."},
+      {{"/GREYLIST", "/HI"}, "Argument expected after \"/GREYLIST\"."},
+      {{"/RELOAD", "now"}, "Invalid switch \"now\"."},
+      {{"/STATUS", "a", "b"}, "Invalid switch \"b\"."},
+      {{"/STATUS", "--json"}, "Invalid switch \"--json\"."},
+      {{"/RELOAD", "/STATUS"}, "Only one request is possible: \"/STATUS\"."},
+      {{"/RELOAD", "--reload"}, "Only one request is possible: \"--reload\"."},
+      {{"/X", "/RELOAD"}, "Only one request is possible: \"/RELOAD\"."},
+      {{"/RELOAD", "/X"}, "Only one request is possible: \"/X\"."},
+  };
+  for (const Row& row : rows) {
+    const CommandLine line = Parse(row.arguments);
+    EXPECT_EQ(line.result, Result::kRefused) << row.message;
+    EXPECT_EQ(line.message, row.message);
+  }
+}
+
 TEST(CommandLine, PortIsTakenFromTheNextArgument) {
   for (const std::string_view spelling : {"/P", "/p", "/PORT", "-p", "--p", "-port", "--port", "--PORT"}) {
     EXPECT_EQ(Parse({spelling, "2525"}).port, 2525) << spelling;
