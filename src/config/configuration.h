@@ -7,6 +7,7 @@
 
 #include "base/ip_address.h"
 #include "base/numbers.h"
+#include "config/service_settings.h"
 #include "config/tls_settings.h"
 #include "match/address_replacement.h"
 #include "match/cReplaces.h"
@@ -168,6 +169,7 @@ struct Configuration {
 
   GreyListingSettings GreyListing;
   TLSSettings TLS;
+  ServiceSettings Service;
   ResponseChangeTable ResponseChanges;
   ReplacementTable SenderReplacementsLocal;
   ReplacementTable SenderReplacementsRemote;

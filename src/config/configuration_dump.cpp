@@ -187,6 +187,12 @@ void WriteCertificates(Writer& writer, const Setting& setting, const std::vector
   writer.EndList();
 }
 
+void WriteNames(Writer& writer, const Setting& setting, const std::vector<std::string>& names) {
+  writer.BeginList(setting.key);
+  for (const std::string& name : names) writer.Entry(name);
+  writer.EndList();
+}
+
 void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
   writer.BeginList(setting.key);
   std::unordered_set<std::string> written;
@@ -208,6 +214,8 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kChoice:
     case SettingKind::kCiphers:
     case SettingKind::kFile:
+    case SettingKind::kOutput:
+    case SettingKind::kEndpoint:
     case SettingKind::kHostName:
     case SettingKind::kDatabase:
       scalar(FieldOf<std::string>(configuration, setting));
@@ -243,6 +251,11 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kCertificateList: {
       const auto& list = FieldOf<std::vector<CertificateFiles>>(configuration, setting);
       if (setting.shown_at_default || !list.empty()) WriteCertificates(writer, setting, list);
+      break;
+    }
+    case SettingKind::kNameList: {
+      const auto& list = FieldOf<std::vector<std::string>>(configuration, setting);
+      if (setting.shown_at_default || !list.empty()) WriteNames(writer, setting, list);
       break;
     }
   }
@@ -316,6 +329,7 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
                     configuration.RecipientReplacementsLocal);
   WriteReplacements(writer, section_name::kRecipientReplacementsRemote,
                     configuration.RecipientReplacementsRemote);
+  WriteLaterSection(writer, section_name::kService, configuration);
   writer.Separator('=');
 }
 

@@ -63,6 +63,12 @@ class SettingReader {
       case SettingKind::kFile:
         Field<std::string>(setting) = mCommon::ResolveFilePath(Text(setting), context_.program_directory);
         break;
+      case SettingKind::kOutput:
+        Field<std::string>(setting) = Output(setting);
+        break;
+      case SettingKind::kEndpoint:
+        ReadEndpoint(setting);
+        break;
       case SettingKind::kHostName:
         Field<std::string>(setting) = HostName(setting);
         break;
@@ -112,6 +118,10 @@ class SettingReader {
             mCommon::GetCertificateList(errors_, Section(setting), setting.key, context_.program_directory);
         configuration_.TLS.certificate_written = mCommon::HasCertificateEntry(Section(setting), setting.key);
         break;
+      case SettingKind::kNameList:
+        Field<std::vector<std::string>>(setting) =
+            mCommon::GetChoices(errors_, Section(setting), setting.key, setting.choices);
+        break;
     }
   }
 
@@ -143,6 +153,16 @@ class SettingReader {
         mCommon::GetIPAddresses(errors_, Section(setting), setting.key, setting.default_text);
     Field<std::string>(setting) = std::move(list.text);
     configuration_.BindAddresses = std::move(list.addresses);
+  }
+
+  std::string Output(const Setting& setting) const {
+    std::string text = Text(setting);
+    return text == kStandardOutput ? text : mCommon::ResolveFilePath(text, context_.program_directory);
+  }
+
+  void ReadEndpoint(const Setting& setting) {
+    configuration_.Service.status_endpoint =
+        mCommon::GetEndpoint(errors_, Section(setting), setting.key, Field<std::string>(setting));
   }
 
   std::string Ciphers(const Setting& setting) const {

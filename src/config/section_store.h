@@ -22,10 +22,12 @@ inline constexpr std::string_view kSenderReplacementsRemote = "SenderReplacement
 inline constexpr std::string_view kRecipientReplacementsLocal = "RecipientReplacements.Local";
 inline constexpr std::string_view kRecipientReplacementsRemote = "RecipientReplacements.Remote";
 inline constexpr std::string_view kTLS = "TLS";
+inline constexpr std::string_view kService = "Service";
+inline constexpr std::string_view kListFiles = "ListFiles";
 }  // namespace section_name
 
 // The sections that there are, in the order of the store.
-inline constexpr std::array<std::string_view, 8> kSectionNames = {
+inline constexpr std::array<std::string_view, 10> kSectionNames = {
     section_name::kCommon,
     section_name::kGreyListing,
     section_name::kResponseChanges,
@@ -34,6 +36,8 @@ inline constexpr std::array<std::string_view, 8> kSectionNames = {
     section_name::kRecipientReplacementsLocal,
     section_name::kRecipientReplacementsRemote,
     section_name::kTLS,
+    section_name::kService,
+    section_name::kListFiles,
 };
 
 // One section. Names, keys and values are views: of constants, and of the text that the store keeps.

@@ -14,6 +14,7 @@ namespace {
 using C = Configuration;
 using G = GreyListingSettings;
 using T = TLSSettings;
+using S = ServiceSettings;
 using enum SettingKind;
 
 constexpr std::int64_t kMaxInteger = std::numeric_limits<std::int32_t>::max();
@@ -40,6 +41,14 @@ constexpr Setting Tls(int dump_order, std::string_view key, SettingKind kind, Se
   return {section_name::kTLS, key, kind, field, default_text, dump_order, min, max};
 }
 
+// One of section Service; all of them came later.
+constexpr Setting Service(int dump_order, std::string_view key, SettingKind kind, SettingField field,
+                          std::string_view default_text = {}, std::int64_t min = 0, std::int64_t max = 0) {
+  Setting setting{section_name::kService, key, kind, field, default_text, dump_order, min, max};
+  setting.shown_at_default = false;
+  return setting;
+}
+
 // One that came later.
 constexpr Setting Later(Setting setting) {
   setting.shown_at_default = false;
@@ -52,6 +61,8 @@ constexpr Setting WithIPv6(std::string_view default_text, Setting setting) {
 }
 
 constexpr auto kTlsVersions = std::to_array<std::string_view>({"1.0", "1.1", "1.2", "1.3"});
+constexpr auto kJsonEvents = std::to_array<std::string_view>(
+    {"start", "stop", "reload", "refusal", "greylisting", "message", "session", "error"});
 constexpr Setting OneOf(std::span<const std::string_view> choices, Setting setting) {
   setting.choices = choices;
   return setting;
@@ -151,6 +162,13 @@ constexpr auto kSettings = std::to_array<Setting>({
     Later(Tls(120, "ServerVerify", kBoolean, &T::ServerVerify, "0", 0, 1)),
     Later(Tls(130, "ServerName", kText, &T::ServerName)),
     Later(Tls(140, "ServerCA", kFile, &T::ServerCA)),
+
+    Service(10, "ServerTimeout", kInteger, &S::ServerTimeout, "0", 0, kMaxInteger),
+    Service(20, "JsonLog", kOutput, &S::JsonLog),
+    OneOf(kJsonEvents, Service(30, "JsonEvents", kNameList, &S::JsonEvents)),
+    Service(40, "StatusHTTP", kEndpoint, &S::StatusHTTP),
+    Service(50, "DnsFailure", kInteger, &S::DnsFailure, "0", 0, 1),
+    Service(60, "EnforceMaxSize", kBoolean, &S::EnforceMaxSize, "0", 0, 1),
 });
 
 }  // namespace
@@ -163,6 +181,7 @@ bool IsListKind(SettingKind kind) {
     case kRangeList:
     case kPartialRangeList:
     case kCertificateList:
+    case kNameList:
       return true;
     default:
       return false;

@@ -21,6 +21,8 @@ enum class SettingKind {
   kDatabase,     // path; ResolveDatabasePath
   kLogFolder,    // path; empty means the folder Log in the program's directory
   kFile,         // path; ResolveFilePath
+  kOutput,       // the same, or "-": standard output
+  kEndpoint,     // address and port; empty: none
   kChoice,       // one of a few texts
   kCiphers,      // text that SettingContext::accepts_ciphers takes
   kInteger,
@@ -35,6 +37,7 @@ enum class SettingKind {
   kRangeList,
   kPartialRangeList,  // the same without ranges that are all addresses of their family
   kCertificateList,   // certificate_list.h
+  kNameList,          // some of a few texts
 };
 
 // Whether the key may occur on several lines.
@@ -42,13 +45,13 @@ bool IsListKind(SettingKind kind);
 
 // Where the value lies: in Configuration itself, or in its part for a section.
 template <class... Values>
-using FieldOfAny =
-    std::variant<Values Configuration::*..., Values GreyListingSettings::*..., Values TLSSettings::*...>;
+using FieldOfAny = std::variant<Values Configuration::*..., Values GreyListingSettings::*...,
+                                Values TLSSettings::*..., Values ServiceSettings::*...>;
 using SettingField = FieldOfAny<std::string, std::int32_t, bool, double, FixedPoint, ExpressionList,
-                                IPRangeList, std::vector<CertificateFiles>>;
+                                IPRangeList, std::vector<CertificateFiles>, std::vector<std::string>>;
 
 struct Setting {
-  std::string_view section;  // Common, GreyListing or TLS
+  std::string_view section;  // Common, GreyListing, TLS or Service
   std::string_view key;
   SettingKind kind;
   SettingField field;
@@ -66,17 +69,17 @@ struct Setting {
   bool shown_at_default = true;
   // Of kRangeList: the default while IPv6 is in use; empty when that makes no difference.
   std::string_view default_with_ipv6 = {};
-  // The texts of kChoice.
+  // The texts of kChoice and kNameList.
   std::span<const std::string_view> choices = {};
 };
 
-// The early keys, then Common, then GreyListing, then TLS.
+// The early keys, then Common, then GreyListing, then TLS, then Service.
 std::span<const Setting> AllSettings();
 
 // Names without regard to case; nullptr when there is none.
 const Setting* FindSetting(std::string_view section, std::string_view key);
 
-// The settings of a section (Common, GreyListing or TLS) in the order of the dump, which is made for reading.
+// The settings of a section (Common, GreyListing, TLS or Service) in the order of the dump, which is made for reading.
 std::vector<const Setting*> SettingsInDumpOrder(std::string_view section);
 
 // The field of `setting` in `configuration` (const or not), which is a Value.
@@ -87,6 +90,9 @@ auto& FieldOf(AConfiguration& configuration, const Setting& setting) {
   }
   if (const auto* const field = std::get_if<Value TLSSettings::*>(&setting.field)) {
     return configuration.TLS.*(*field);
+  }
+  if (const auto* const field = std::get_if<Value ServiceSettings::*>(&setting.field)) {
+    return configuration.Service.*(*field);
   }
   const auto* const field = std::get_if<Value Configuration::*>(&setting.field);
   assert(field != nullptr);

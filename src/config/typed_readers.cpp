@@ -158,6 +158,49 @@ std::string GetChoice(const IniErrors& errors, const SectionTable& section, std:
   return std::string(default_value);
 }
 
+std::vector<std::string> GetChoices(const IniErrors& errors, const SectionTable& section,
+                                    std::string_view key, std::span<const std::string_view> choices) {
+  std::vector<std::string> list;
+  const auto take = [&](std::string_view name) {
+    const auto choice = std::find_if(choices.begin(), choices.end(),
+                                     [&](std::string_view known) { return EqualNoCase(known, name); });
+    if (choice == choices.end()) {
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(name));
+    } else if (std::find(list.begin(), list.end(), *choice) != list.end()) {
+      ReportConfigError(errors, section.Name(), key, error_number::kDuplicateKey,
+                        "Expression " + Quoted(name) + " specified more than once.");
+    } else {
+      list.emplace_back(*choice);
+    }
+  };
+  const auto take_line = [&](std::string_view value) {
+    for (std::string_view name : Split(value, ',')) {
+      name = Trim(name);
+      if (!name.empty()) take(name);
+    }
+  };
+  if (const SectionTable::Entry* const entry = section.Find(key)) {
+    take_line(entry->first_value);
+    for (std::string_view value : entry->further_values) take_line(value);
+  }
+  return list;
+}
+
+Endpoint GetEndpoint(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                     std::string& text) {
+  text.clear();
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr || entry->first_value.empty()) return {};
+  const std::optional<Endpoint> endpoint = ParseEndpoint(entry->first_value);
+  if (!endpoint) {
+    ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
+                      InadmissibleText(entry->first_value));
+    return {};
+  }
+  text = entry->first_value;
+  return *endpoint;
+}
+
 IPAddresses GetIPAddresses(const IniErrors& errors, const SectionTable& section, std::string_view key,
                            std::string_view default_value) {
   if (const SectionTable::Entry* const entry = section.Find(key)) {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/endpoint.h"
 #include "base/ip_address.h"
 #include "base/numbers.h"
 #include "config/ini_errors.h"
@@ -47,6 +48,17 @@ FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::st
 // One of `choices`, as it is; "Inadmissible string" (380) for anything else, the empty value too.
 std::string GetChoice(const IniErrors& errors, const SectionTable& section, std::string_view key,
                       std::string_view default_value, std::span<const std::string_view> choices);
+
+// Those of `choices` that the lines of `key` name, without regard to case, with commas between them; as they
+// stand in `choices`, in the order of the file. Reported are any other name ("Inadmissible string", 380) and
+// one that is given twice (457). An absent key gives none.
+std::vector<std::string> GetChoices(const IniErrors& errors, const SectionTable& section,
+                                    std::string_view key, std::span<const std::string_view> choices);
+
+// An address and a port (ParseEndpoint); `text` becomes the value. An absent or empty one is none, port 0,
+// and so is a bad one: "Inadmissible string" (380).
+Endpoint GetEndpoint(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                     std::string& text);
 
 // The addresses of one value with commas between them.
 struct IPAddresses {

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 namespace trabex {
 namespace {
 
@@ -18,8 +20,41 @@ TEST(Endpoint, TextHasBracketsAroundAnIPv6Address) {
       {"::ffff:192.0.2.1", 25, "192.0.2.1:25"},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(FormatEndpoint({*ParseIPAddress(row.address), row.port}), row.text);
+    const Endpoint endpoint{*ParseIPAddress(row.address), row.port};
+    EXPECT_EQ(FormatEndpoint(endpoint), row.text);
+    const std::optional<Endpoint> read = ParseEndpoint(row.text);
+    ASSERT_EQ(read.has_value(), row.port != 0) << row.text;
+    if (read) {
+      EXPECT_EQ(*read, endpoint) << row.text;
+    }
   }
+}
+
+TEST(Endpoint, IsReadFromNothingElse) {
+  for (const char* text : {"",
+                           ":",
+                           "192.0.2.1",
+                           "192.0.2.1:",
+                           ":25",
+                           "192.0.2.1:0",
+                           "192.0.2.1:65536",
+                           "192.0.2.1:000025",
+                           "192.0.2.1:+25",
+                           "192.0.2.1: 25",
+                           " 192.0.2.1:25",
+                           "192.0.2.1:25 ",
+                           "[192.0.2.1]:25",
+                           "2001:db8::1:25",
+                           "[2001:db8::1]",
+                           "[2001:db8::1]25",
+                           "[2001:db8::1:25",
+                           "2001:db8::1]:25",
+                           "[]:25",
+                           "localhost:25",
+                           "1.2.3:25"}) {
+    EXPECT_FALSE(ParseEndpoint(text)) << text;
+  }
+  EXPECT_EQ(*ParseEndpoint("[::FFFF:192.0.2.1]:00025"), (Endpoint{*ParseIPAddress("192.0.2.1"), 25}));
 }
 
 }  // namespace

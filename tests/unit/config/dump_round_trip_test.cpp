@@ -154,6 +154,18 @@ class RandomFile {
                 setting.choices[static_cast<std::size_t>(Below(static_cast<int>(setting.choices.size())))]) +
             "\n";
         break;
+      case SettingKind::kOutput:
+        text += key + "=" + Pick({"", "-", "a b", "/x/y", "./z"}) + "\n";
+        break;
+      case SettingKind::kEndpoint:
+        text += key + "=" + Pick({"", "127.0.0.1:9425", "[::1]:1", "[2001:DB8::01]:65535"}) + "\n";
+        break;
+      case SettingKind::kNameList:
+        AddLines(text, key, [this, &setting] {
+          return ToUpper(
+              setting.choices[static_cast<std::size_t>(Below(static_cast<int>(setting.choices.size())))]);
+        });
+        break;
       case SettingKind::kSize:
         text += key + "=" + std::to_string(Below(5000) - 2) + Pick({"", "K", "M", "G", ".5K", ".7"}) + "\n";
         break;
@@ -198,6 +210,7 @@ TEST(Dump, ReadsBackAsTheSameConfiguration) {
     TLSSettings read_back = again.configuration.TLS;
     read_back.certificate_written = loaded.configuration.TLS.certificate_written;
     ASSERT_TRUE(read_back == loaded.configuration.TLS) << text;
+    ASSERT_EQ(again.configuration.Service.status_endpoint, loaded.configuration.Service.status_endpoint);
     ASSERT_EQ(again.configuration.BindAddresses, loaded.configuration.BindAddresses) << text;
     for (const Setting& setting : AllSettings()) {
       if (setting.kind == SettingKind::kAddressList || setting.kind == SettingKind::kPlainList ||
@@ -206,6 +219,10 @@ TEST(Dump, ReadsBackAsTheSameConfiguration) {
                   Entries(FieldOf<ExpressionList>(loaded.configuration, setting)))
             << setting.key << "\n"
             << text;
+      }
+      if (setting.kind == SettingKind::kNameList) {
+        ASSERT_EQ(FieldOf<std::vector<std::string>>(again.configuration, setting),
+                  FieldOf<std::vector<std::string>>(loaded.configuration, setting));
       }
       if (setting.kind == SettingKind::kRangeList || setting.kind == SettingKind::kPartialRangeList) {
         // A range that stands twice is written once.

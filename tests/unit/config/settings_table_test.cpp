@@ -15,7 +15,7 @@ namespace {
 // range.
 struct Row {
   const char* key;
-  char kind;  // t text, i integer, b boolean, d minutes, s size, a/p/e/r/c the lists
+  char kind;  // t text, i integer, b boolean, d minutes, s size, a/p/e/r/c/n the lists
   const char* default_value;
   const char* min = "";
   const char* max = "";
@@ -116,6 +116,15 @@ const Row kTlsRows[] = {
     {"ServerCA", 't', ""},
 };
 
+const Row kServiceRows[] = {
+    {"ServerTimeout", 'i', "0", "0", kMaxInteger},
+    {"JsonLog", 't', ""},
+    {"JsonEvents", 'n', ""},
+    {"StatusHTTP", 't', ""},
+    {"DnsFailure", 'i', "0", "0", "1"},
+    {"EnforceMaxSize", 'b', "0", "0", "1"},
+};
+
 struct PlacedRow {
   const char* section;
   Row row;
@@ -125,6 +134,7 @@ std::vector<PlacedRow> AllRows() {
   for (const Row& row : kCommonRows) rows.push_back({"Common", row});
   for (const Row& row : kGreyListingRows) rows.push_back({"GreyListing", row});
   for (const Row& row : kTlsRows) rows.push_back({"TLS", row});
+  for (const Row& row : kServiceRows) rows.push_back({"Service", row});
   return rows;
 }
 
@@ -155,7 +165,7 @@ TEST(SettingsTable, IsFoundByNamesInAnyCase) {
 
 TEST(SettingsTable, KnowsListKeys) {
   for (const PlacedRow& placed : AllRows()) {
-    const bool is_list = std::string("aperc").find(placed.row.kind) != std::string::npos;
+    const bool is_list = std::string("apercn").find(placed.row.kind) != std::string::npos;
     EXPECT_EQ(mCommon::IsListKey(placed.section, placed.row.key), is_list) << placed.row.key;
     EXPECT_EQ(mCommon::IsListKey(ToUpper(std::string_view(placed.section)),
                                  ToLower(std::string_view(placed.row.key))),
@@ -285,6 +295,7 @@ TEST(Settings, ReadListsInTheirForm) {
        "/a.pem,\"/b c\" /k,/x y z",
        "/a.pem, \"/b c\" /k",
        {"380, Description: Invalid certificate entry \"/x y z\"."}},
+      {'n', "Stop ,,start,sto", "stop, start", {"380, Description: Inadmissible string: \"sto\"."}},
   };
   for (const PlacedRow& placed : AllRows()) {
     for (const auto& form : forms) {
@@ -310,7 +321,7 @@ TEST(Settings, TakeTextsAsTheyAre) {
 }
 
 TEST(SettingsTable, HasOnePlaceInTheDumpForEachSetting) {
-  for (const char* section : {"Common", "GreyListing", "TLS"}) {
+  for (const std::string_view section : {"Common", "GreyListing", "TLS", "Service"}) {
     const std::vector<const Setting*> dumped = SettingsInDumpOrder(section);
     for (std::size_t at = 1; at < dumped.size(); ++at) {
       EXPECT_LT(dumped[at - 1]->dump_order, dumped[at]->dump_order) << dumped[at]->key;
@@ -320,7 +331,7 @@ TEST(SettingsTable, HasOnePlaceInTheDumpForEachSetting) {
       if (setting.section == section) settings.push_back(&setting);
     }
     // That of the sections that came first is one of their own.
-    EXPECT_EQ(dumped == settings, std::string_view(section) == "TLS");
+    EXPECT_EQ(dumped == settings, section == "TLS" || section == "Service");
     EXPECT_TRUE(std::is_permutation(dumped.begin(), dumped.end(), settings.begin(), settings.end()));
   }
 }
