@@ -45,12 +45,15 @@ std::optional<FileIdentity> FindFileIdentity(const std::string& path);
 // Creates the last level of `path`; false when that failed (it may exist already).
 bool CreateFolder(const std::string& path);
 
+// Who may read a file that is made: as the system's mask says, or nobody but its owner and his group.
+enum class NewFileReaders { kAsUsual, kGroup };
+
 // Appends to one file; every Write is one system call, so lines of several processes do not mix.
 class AppendFile {
  public:
   // Creates the file when it is missing; false when it cannot be opened. Only regular files are opened (a
   // FIFO or a device would hold up the caller).
-  bool Open(const std::string& path);
+  bool Open(const std::string& path, NewFileReaders readers = NewFileReaders::kAsUsual);
   bool IsOpen() const { return file_.IsOpen(); }
   // Failures are ignored: false says that some of it was lost.
   bool Write(std::string_view text);

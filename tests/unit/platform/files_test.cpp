@@ -234,6 +234,21 @@ TEST(AppendFile, AppendsAndCreates) {
   EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\nthree\r\nfour\r\n");
 }
 
+TEST(AppendFile, CanBeKeptFromOthers) {
+  const TempFolder folder;
+  const mode_t mask = umask(0);
+  AppendFile usual;
+  AppendFile kept;
+  EXPECT_TRUE(usual.Open(folder / "usual"));
+  EXPECT_TRUE(kept.Open(folder / "kept", NewFileReaders::kGroup));
+  umask(mask);
+  struct stat status {};
+  ASSERT_EQ(stat((folder / "usual").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0666U);
+  ASSERT_EQ(stat((folder / "kept").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0640U);
+}
+
 TEST(AppendFile, OpensRegularFilesOnly) {
   const TempFolder folder;
   const std::string fifo = folder / "fifo";

@@ -107,10 +107,11 @@ bool CreateFolder(const std::string& path) {
   return mkdir(path.c_str(), 0777) == 0;
 }
 
-bool AppendFile::Open(const std::string& path) {
+bool AppendFile::Open(const std::string& path, NewFileReaders readers) {
   Close();
   SurviveFileSizeLimit();
-  file_ = NativeFile(OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT).Release());
+  const mode_t mode = readers == NewFileReaders::kGroup ? 0640 : 0666;
+  file_ = NativeFile(OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT, mode).Release());
   return IsOpen();
 }
 

@@ -7,14 +7,14 @@
 
 namespace trabex {
 
-Descriptor OpenRegularFile(const std::string& path, int flags) {
+Descriptor OpenRegularFile(const std::string& path, int flags, mode_t mode) {
   struct stat status {};
   const bool exists = stat(path.c_str(), &status) == 0;
   if (exists && !S_ISREG(status.st_mode)) {
     errno = S_ISDIR(status.st_mode) ? EISDIR : ENXIO;
     return Descriptor();
   }
-  Descriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666));
+  Descriptor file(open(path.c_str(), flags | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode));
   if (file && (fstat(file.Get(), &status) != 0 || !S_ISREG(status.st_mode))) {
     file.Close();
     errno = ENXIO;
