@@ -239,6 +239,7 @@ TEST_F(BackgroundTaskTest, HasOnlyTheStandardDescriptorsAndItsPipe) {
 std::atomic<int> handled_signals{0};
 
 TEST_F(BackgroundTaskTest, SignalsToTheGroupDoNotDisturbIt) {
+  handled_signals = 0;
   struct sigaction before {};
   struct sigaction counting {};
   counting.sa_handler = [](int) { ++handled_signals; };
