@@ -7,6 +7,14 @@
 
 namespace trabex {
 
+namespace {
+
+// Bytes that were held are copied together with what follows them up to this size, which one TLS record takes. Beyond
+// it a send of their own costs no more than the copy.
+constexpr std::size_t kMaxJoined = 16384;
+
+}  // namespace
+
 SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner)
     : peer_(peer), dependencies_(dependencies), owner_(owner), socket_(dependencies.sockets) {
   socket_.Events.Owner = peer == Peer::kClient ? "cProxy.Receiver" : "cProxy.Sender";
@@ -52,6 +60,35 @@ std::string SessionSide::TakeAll() {
 
 void SessionSide::Send(std::string_view bytes, bool more_follows) {
   if (!IsConnected()) return;
+  if (more_follows) return Hold(bytes);
+  const auto held = std::exchange(held_, nullptr);
+  if (!held) return SendNow(bytes, false);
+  if (held->bytes.size() + bytes.size() <= kMaxJoined) return SendNow(held->bytes.append(bytes), false);
+  SendNow(held->bytes, true);
+  SendNow(bytes, false);
+}
+
+void SessionSide::Hold(std::string_view bytes) {
+  if (held_) {
+    held_->bytes.append(bytes);
+    return;
+  }
+  const auto over = [this] {
+    RunLogged(dependencies_.log, socket_.Events.Owner, [this] {
+      SendHeld();
+      owner_.OnSideEvent(*this, Event::kOther);
+    });
+  };
+  held_.reset(new Held{std::string(bytes), {dependencies_.loop, kMaxHold, over}});
+  held_->timer.Enable();
+}
+
+void SessionSide::SendHeld() {
+  if (const auto held = std::exchange(held_, nullptr)) SendNow(held->bytes, false);
+}
+
+void SessionSide::SendNow(std::string_view bytes, bool more_follows) {
+  if (!IsConnected()) return;
   const struct Clear {
     bool& flag;
     ~Clear() { flag = false; }
@@ -86,6 +123,7 @@ void SessionSide::NoteFailure(int error, std::string_view description) {
 }
 
 void SessionSide::Close() {
+  SendHeld();
   readable_ = false;
   end_.reset();
   if (socket_.State() == SocketState::sckClosed) return;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@
 
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
+#include "platform/event_loop.h"
 #include "proxy/session_dependencies.h"
 
 namespace trabex {
@@ -53,14 +55,18 @@ class SessionSide {
   // Takes all that is there, one chunk of the socket's receive buffer at most.
   std::string TakeAll();
 
-  // Whether bytes wait to be sent.
+  // How long bytes wait for those that follow them, so that they leave within a fifth of a second.
+  static constexpr Milliseconds kMaxHold{150};
+
+  // Whether bytes wait to be sent; held ones do not count.
   bool Sending() const { return sending_; }
-  // Sends nothing unless the peer is connected.
+  // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together with those
+  // of the next call: after kMaxHold, or when this side is closed, they leave alone.
   void Send(std::string_view bytes, bool more_follows = false);
   // Begins TLS (see CSocketMaster::StartTls), with `last_words` in the clear. When it stands, that is logged, and
   // kSecured follows. Does nothing unless the peer is connected.
   void StartTls(TlsRole role, std::shared_ptr<const TlsContext> context, std::string_view last_words = {});
-  // Whether the latest Send was complete when it returned.
+  // Whether the latest Send that held nothing back was complete when it returned.
   bool SentAtOnce() const { return sent_at_once_; }
   bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
 
@@ -87,11 +93,21 @@ class SessionSide {
   void Log(std::int32_t level, std::string_view text) const;
 
  private:
+  struct Held {
+    std::string bytes;
+    Timer timer;
+  };
+
+  void Hold(std::string_view bytes);
+  void SendHeld();
+  void SendNow(std::string_view bytes, bool more_follows);
+
   const Peer peer_;
   SessionDependencies& dependencies_;
   Owner& owner_;
   CSocketMaster socket_;
   SendStall stall_;
+  std::unique_ptr<Held> held_;
   std::optional<End> end_;
   bool connected_ = false;  // at least once
   bool readable_ = false;

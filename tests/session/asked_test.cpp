@@ -42,7 +42,8 @@ TEST(Asked, ARefusedHeloIsNamedInTheHeaderAndCostsNoExtension) {
   PlayEveryWay(RefuseEvil, after_helo + kTransaction + R"(
     C: DATA
     -> DATA
-    S: 354 go on)" + kHeaderOfHelo +
+    S: 354 go on
+    wait 200)" + kHeaderOfHelo +
                                R"(
     <- 354 go on)");
   // A server that took EHLO takes chunks, and limits the size.
@@ -67,7 +68,8 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
 )" + kTransaction + R"(
     C: DATA
     -> DATA
-    S: 354 go on)" + kHeaderOfHelo +
+    S: 354 go on
+    wait 200)" + kHeaderOfHelo +
                        R"(
     <- 354 go on)");
   PlayEveryWay({}, R"(
@@ -86,6 +88,7 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: from other.test (Unknown [127.0.0.1]) by proxy.test
     ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
     <- 354 go on)");

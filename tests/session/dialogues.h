@@ -52,6 +52,7 @@ inline std::string InContent() {
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
     ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
     <- 354 go on

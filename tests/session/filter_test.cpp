@@ -146,6 +146,7 @@ TEST(Helo, HeaderSaysSmtp) {
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: from client.test (client.example [127.0.0.1]) by proxy.test
     ->       with SMTP; Sun, 15 Nov 2026 16:54:24 -0000
     <- 354 go on)");

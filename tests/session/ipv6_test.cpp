@@ -91,6 +91,7 @@ TEST(IPv6Client, ItsLiteralIsCheckedAndHanded) {
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: from [ipv6:0::1] (Unknown [IPv6:::1]) by proxy.test
     ->       with ESMTP; Sun, 15 Nov 2026 16:54:24 -0000
     <- 354 go on)");

@@ -39,6 +39,7 @@ TEST(Relay, TwoMessagesInOneSession) {
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: *
     ->       with ESMTP; *
     <- 354 go on
@@ -50,6 +51,37 @@ TEST(Relay, TwoMessagesInOneSession) {
     <- 250 queued
 )";
   PlayEveryWay({}, Greeted() + message + message);
+}
+
+// The trace header waits for the content, but not for long.
+TEST(Relay, TheTraceHeaderLeavesWithTheContent) {
+  const std::string begin = InTransaction() + R"(
+    C: DATA
+    -> DATA
+    S: 354 go on
+    <- 354 go on
+    wait 140
+    -> nothing
+)";
+  const std::string header = "    -> Received: *\n    ->       with ESMTP; *\n";
+  PlayBothWays({}, begin + "    C: text\n" + header + R"(
+    -> text
+    C: .
+    -> .)");
+  PlayBothWays({}, begin + "    wait 60\n" + header + R"(
+    -> nothing
+    C: text
+    -> text)");
+  // A session that ends leaves nothing behind.
+  PlayBothWays({}, begin + "    C closes\n" + header + "    closed S");
+}
+
+TEST(Relay, TheTraceHeaderIsNoSegmentOfItsOwn) {
+  SessionFixture fixture;
+  ASSERT_EQ(fixture.Play(InTransaction() + "C: DATA\n-> DATA\nS: 354 go on\n<- 354 go on\n-> nothing"), "");
+  const std::uint32_t before = fixture.ServerPeer().SegmentsReceived();
+  ASSERT_EQ(fixture.Play("C: text\n-> Received: *\n->       with ESMTP; *\n-> text"), "");
+  EXPECT_EQ(fixture.ServerPeer().SegmentsReceived() - before, 1U);
 }
 
 TEST(Relay, AMessageWithoutReceivedHeader) {

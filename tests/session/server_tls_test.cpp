@@ -129,6 +129,30 @@ TEST_F(ServerTlsTest, XclientIsSaidUnderIt) {
   ExpectClientGets("220 welcome\r\n");
 }
 
+TEST_F(ServerTlsTest, TraceHeaderAndContentAreOneRecord) {
+  fixture.Settings.TLS.Server = server_tls::kImplicit;
+  fixture.Start();
+  ASSERT_TRUE(fixture.NeedServer());
+  MakeHandshake();
+  tls.Write("220 server ready\r\n");
+  ExpectClientGets("220 server ready\r\n");
+  for (const char* command : {"HELO client.test", "MAIL FROM:<a@b.test>", "RCPT TO:<u@local.test>", "DATA"}) {
+    ClientSays(command);
+    ExpectServerGets(command);
+    const std::string reply = std::string(command) == "DATA" ? "354 go on\r\n" : "250 ok\r\n";
+    tls.Write(reply);
+    ExpectClientGets(reply);
+  }
+  ClientSays("text");
+  fixture.Settle();
+  const std::string wire = fixture.ServerPeer().Received();
+  ASSERT_GT(wire.size(), 5U);
+  const auto byte = [&](std::size_t at) { return std::size_t{static_cast<unsigned char>(wire[at])}; };
+  EXPECT_EQ(5 + (byte(3) << 8 | byte(4)), wire.size());
+  Until([&] { return tls.Text().ends_with("text\r\n"); });
+  EXPECT_TRUE(tls.Text().starts_with("Received: from client.test ")) << tls.Text();
+}
+
 // A failure is no way to plain text, not even where TLS is not required.
 TEST_F(ServerTlsTest, AFailedHandshakeEndsTheSession) {
   fixture.Settings.TLS.Server = server_tls::kIfOffered;

@@ -48,6 +48,7 @@ constexpr const char* kMessageUnderTls = R"(
     C: DATA
     -> DATA
     S: 354 go on
+    wait 200
     -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
     ->       with ESMTPSA tls TLS_*; Sun, 15 Nov 2026 16:54:24 -0000
     <- 354 go on

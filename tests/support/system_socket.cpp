@@ -1,8 +1,8 @@
 #include "support/system_socket.h"
 
 #include <arpa/inet.h>
+#include <linux/tcp.h>
 #include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
@@ -179,6 +179,15 @@ void SystemSocket::SendTo(std::string_view bytes, const Endpoint& to) {
 
 std::size_t SystemSocket::Untaken() const {
   return Asked(descriptor_, FIONREAD);
+}
+
+std::uint32_t SystemSocket::SegmentsReceived() const {
+  tcp_info info{};
+  socklen_t size = sizeof info;
+  if (getsockopt(descriptor_, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
+    throw std::runtime_error("the socket tells nothing of its connection");
+  }
+  return info.tcpi_data_segs_in;
 }
 
 std::size_t SystemSocket::Undelivered() const {

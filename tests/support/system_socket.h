@@ -58,6 +58,8 @@ class SystemSocket {
 
   // Bytes that have come and were not received.
   std::size_t Untaken() const;
+  // In how many segments the bytes that have come so far have come.
+  std::uint32_t SegmentsReceived() const;
   // Bytes that were sent and the other system has not acknowledged.
   std::size_t Undelivered() const;
   Endpoint Local() const;

@@ -37,6 +37,8 @@ class TestPeer {
   bool WasReset() const { return was_reset_; }
   // Bytes that have come and were not taken, neither by Poll nor by Take.
   std::size_t Untaken() const { return socket_.Untaken(); }
+  // In how many segments what came so far has come.
+  std::uint32_t SegmentsReceived() const { return socket_.SegmentsReceived(); }
   // Hands `bytes` to the system as far as it takes them; returns how many. Under TLS all of them, or none before
   // the handshake is done.
   std::size_t Send(std::string_view bytes);
