@@ -77,12 +77,16 @@ std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const 
   return list;
 }
 
-bool HasCertificateEntry(const SectionTable& section, std::string_view key) {
-  const SectionTable::Entry* const entry = section.Find(key);
-  if (entry == nullptr) return false;
-  const auto has = [](std::string_view value) { return value.find_first_not_of(" \t,") != value.npos; };
-  return has(entry->first_value) ||
-         std::any_of(entry->further_values.begin(), entry->further_values.end(), has);
+std::vector<std::string> CertificateLines(const SectionTable& section, std::string_view key) {
+  std::vector<std::string> lines;
+  const auto take = [&lines](std::string_view value) {
+    if (value.find_first_not_of(" \t,") != value.npos) lines.emplace_back(value);
+  };
+  if (const SectionTable::Entry* const entry = section.Find(key)) {
+    take(entry->first_value);
+    for (std::string_view value : entry->further_values) take(value);
+  }
+  return lines;
 }
 
 std::string FormatCertificateEntry(const CertificateFiles& files) {

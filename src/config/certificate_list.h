@@ -19,8 +19,8 @@ namespace trabex::mCommon {
 std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const SectionTable& section,
                                                  std::string_view key, std::string_view program_directory);
 
-// Whether the lines of `key` hold more than blanks and commas.
-bool HasCertificateEntry(const SectionTable& section, std::string_view key);
+// The lines of `key` that hold more than blanks and commas.
+std::vector<std::string> CertificateLines(const SectionTable& section, std::string_view key);
 
 // The entry that reads back as these files.
 std::string FormatCertificateEntry(const CertificateFiles& files);

@@ -251,6 +251,8 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kCertificateList: {
       const auto& list = FieldOf<std::vector<CertificateFiles>>(configuration, setting);
       if (setting.shown_at_default || !list.empty()) WriteCertificates(writer, setting, list);
+      // Without them the configuration that reads back would do without TLS.
+      for (const auto& line : configuration.TLS.misspelled_certificates) writer.Scalar(setting.key, line);
       break;
     }
     case SettingKind::kNameList: {

@@ -114,9 +114,7 @@ class SettingReader {
             mCommon::GetPartialIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
         break;
       case SettingKind::kCertificateList:
-        Field<std::vector<CertificateFiles>>(setting) =
-            mCommon::GetCertificateList(errors_, Section(setting), setting.key, context_.program_directory);
-        configuration_.TLS.certificate_written = mCommon::HasCertificateEntry(Section(setting), setting.key);
+        ReadCertificates(setting);
         break;
       case SettingKind::kNameList:
         Field<std::vector<std::string>>(setting) =
@@ -141,6 +139,13 @@ class SettingReader {
   template <class Value>
   Value& Field(const Setting& setting) {
     return FieldOf<Value>(configuration_, setting);
+  }
+  void ReadCertificates(const Setting& setting) {
+    auto& list = Field<std::vector<CertificateFiles>>(setting);
+    list = mCommon::GetCertificateList(errors_, Section(setting), setting.key, context_.program_directory);
+    auto& misspelled = configuration_.TLS.misspelled_certificates;
+    misspelled.clear();
+    if (list.empty()) misspelled = mCommon::CertificateLines(Section(setting), setting.key);
   }
   const SectionTable& Section(const Setting& setting) const { return store_.Section(setting.section); }
 

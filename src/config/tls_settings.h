@@ -40,8 +40,8 @@ struct CertificateFiles {
 // Equal settings mean the same contexts, as long as the files stay as they are.
 struct TLSSettings {
   std::vector<CertificateFiles> Certificate;
-  // The file says something for Certificate, even if no entry of it is of use.
-  bool certificate_written = false;
+  // Where no entry is of use: the lines of the file, if they say something all the same.
+  std::vector<std::string> misspelled_certificates;
   std::string MinVersion;           // 1.0, 1.1, 1.2 or 1.3; both sides
   std::string Ciphers;              // empty: those of the library
   std::int32_t Require;             // bits: tls_require
@@ -58,7 +58,7 @@ struct TLSSettings {
 
   // Whether clients shall have TLS. Policies go by it: a certificate that is misspelled or can not be loaded
   // must not open in the clear what TLS was to protect.
-  bool WantsCertificate() const { return certificate_written || !Certificate.empty(); }
+  bool WantsCertificate() const { return !misspelled_certificates.empty() || !Certificate.empty(); }
 
   friend bool operator==(const TLSSettings&, const TLSSettings&) = default;
 

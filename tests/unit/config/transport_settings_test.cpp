@@ -193,13 +193,15 @@ TEST(Certificate, NamesOneFileOrTwo) {
       {"\"a b.pem\"", "\"/opt/trabex/a b.pem\""},
       {"/A.pem,/a.pem", "/A.pem, /a.pem"},
       {"/a.pem,a b c,/d.pem", "/a.pem, /d.pem", "380, Description: Invalid certificate entry \"a b c\"."},
-      {"\"\"", "", "380, Description: Invalid certificate entry \"\"\"\"."},
-      {"/a.pem \"\"", "", "380, Description: Invalid certificate entry \"/a.pem \"\"\"."},
-      {"/a\"b\".pem", "", "380, Description: Invalid certificate entry \"/a\"b\".pem\"."},
-      {"\"/a\"\"b\"", "", "380, Description: Invalid certificate entry \"\"/a\"\"b\"\"."},
+      // Without any entry of use the lines stay as they are: what is wanted must not be lost.
+      {"\"\"", "\"\"", "380, Description: Invalid certificate entry \"\"\"\"."},
+      {"/a.pem \"\"", "/a.pem \"\"", "380, Description: Invalid certificate entry \"/a.pem \"\"\"."},
+      {"/a\"b\".pem", "/a\"b\".pem", "380, Description: Invalid certificate entry \"/a\"b\".pem\"."},
+      {"\"/a\"\"b\"", "\"/a\"\"b\"", "380, Description: Invalid certificate entry \"\"/a\"\"b\"\"."},
       {"/a.pem,/b.pem,/a.pem", "/a.pem, /b.pem",
        "457, Description: Expression \"/a.pem\" specified more than once."},
-      {"/a.pem,\"/b", "", "321, Description: Unbalanced delimiters in delimited string \"/a.pem,\"/b\"."},
+      {"/a.pem,\"/b", "/a.pem,\"/b",
+       "321, Description: Unbalanced delimiters in delimited string \"/a.pem,\"/b\"."},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.line);
@@ -234,7 +236,11 @@ TEST(Certificate, IsWantedWhenItsLineSaysSomething) {
       {"[TLS]\nCertificate=,\nCertificate=/a /b /c\n", true},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(LoadedText(std::string(row.file)).configuration.TLS.WantsCertificate(), row.wanted) << row.file;
+    const LoadedText loaded(std::string(row.file));
+    EXPECT_EQ(loaded.configuration.TLS.WantsCertificate(), row.wanted) << row.file;
+    const LoadedText again(Joined(DumpLines(loaded.configuration)));
+    EXPECT_EQ(again.configuration.TLS.WantsCertificate(), row.wanted) << row.file;
+    EXPECT_TRUE(again.configuration.TLS == loaded.configuration.TLS) << row.file;
   }
 }
 
