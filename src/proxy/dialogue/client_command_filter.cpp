@@ -83,7 +83,7 @@ LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draf
   // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
   if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
     decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
-  } else if (IsNotImplemented(line)) {
+  } else if (IsNotImplemented(line, draft.state)) {
     decision = Answer({ReplyKind::kNotImplemented, ""}, draft);
   } else if (draft.state.transaction == Transaction::kRefused) {
     decision = ProcessRefusedSession(line, draft);
@@ -169,9 +169,11 @@ LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft&
 
 // --- TLS
 
-// Without a certificate in the settings there is no STARTTLS, as there are no other commands that are blocked.
-bool ClientCommandFilter::IsNotImplemented(const Line& line) const {
-  return line.command->blocked && (line.command->id != Command::kStarttls || !facts_.TlsConfigured());
+// Without a certificate in the settings there is no STARTTLS, as there are no other commands that are blocked; but
+// a client that was offered it before a reload shall hear that it is gone for now.
+bool ClientCommandFilter::IsNotImplemented(const Line& line, const DialogueState& state) const {
+  if (!line.command->blocked) return false;
+  return line.command->id != Command::kStarttls || !(facts_.TlsConfigured() || state.offered.TlsOffered);
 }
 
 // RFC 3207, 4: what a client may say before TLS where it must use it.

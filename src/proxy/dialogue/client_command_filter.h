@@ -108,7 +108,7 @@ class ClientCommandFilter {
 
   static Line ParseCommandLine(std::string_view line);
 
-  bool IsNotImplemented(const Line& line) const;
+  bool IsNotImplemented(const Line& line, const DialogueState& state) const;
   MaybeRefusal CheckTls(const Line& line) const;
   MaybeRefusal CheckStartTls(const Line& line, const DialogueState& state) const;
   MaybeRefusal CheckOrder(const Line& line, const DialogueState& state) const;

@@ -61,6 +61,7 @@ struct RequestedState {
 // What the server offered in its reply to the greeting that it accepted last.
 struct OfferedState {
   ExtensionCollection Extensions;  // as rewritten for the client; empty after HELO
+  bool TlsOffered = false;         // by STARTTLS, when TLS could begin
   bool SmtpUtf8Offered = false;    // by the server itself (RFC 6531), and left in its reply
   FixedPoint SizeLimit = 0;        // bytes for a message of this session; 0: none. HELO leaves it
 };

@@ -13,8 +13,21 @@ constexpr std::string_view kAuth = "AUTH";
 // Some servers write a tab between the words of a line, and some clients take it.
 constexpr std::string_view kBlanks = " \t";
 
+std::string_view WithoutLeadingBlanks(std::string_view line) {
+  return line.substr(std::min(line.size(), line.find_first_not_of(kBlanks)));
+}
+
+// What a client may take for the keyword: it ends at any blank, and at a control character.
+std::string_view KeywordOf(std::string_view line) {
+  line = WithoutLeadingBlanks(line);
+  const auto* const end =
+      std::find_if(line.begin(), line.end(), [](char byte) { return byte == ' ' || IsControl(byte); });
+  return line.substr(0, static_cast<std::size_t>(end - line.begin()));
+}
+
 // Whether the line is AUTH, in the form of RFC 4954 or in the older one.
 bool IsAuthentication(std::string_view line) {
+  line = WithoutLeadingBlanks(line);
   if (!StartsWithNoCase(line, kAuth)) return false;
   if (line.size() == kAuth.size() || line[kAuth.size()] == '=') return true;
   return kBlanks.find(line[kAuth.size()]) != std::string_view::npos;
@@ -22,6 +35,7 @@ bool IsAuthentication(std::string_view line) {
 
 // The line, which is AUTH, without the mechanisms that RemoveBoundAuthentication names; "" when none is left.
 std::string WithoutBoundMechanisms(std::string_view line) {
+  line = WithoutLeadingBlanks(line);
   constexpr std::string_view kPlus = "-PLUS";
   std::vector<std::string_view> mechanisms;
   for (std::string_view rest = line.substr(std::min(line.size(), kAuth.size() + 1)); !rest.empty();) {
@@ -46,7 +60,7 @@ std::string WithoutBoundMechanisms(std::string_view line) {
 }
 
 auto HasKeyword(std::string_view keyword) {
-  return [keyword](std::string_view line) { return EqualNoCase(FirstWord(line), keyword); };
+  return [keyword](std::string_view line) { return EqualNoCase(KeywordOf(line), keyword); };
 }
 
 }  // namespace
@@ -61,7 +75,7 @@ void ExtensionCollection::ParseLines(std::string_view text) {
 }
 
 void ExtensionCollection::AddExtension(std::string_view line) {
-  RemoveExtension(FirstWord(line));
+  RemoveExtension(KeywordOf(line));
   lines_.emplace_back(line);
 }
 

@@ -44,9 +44,11 @@ PhaseEvent EventOf(std::string_view reply, std::string_view meant, const Dialogu
 
 // The number in a SIZE extension line (RFC 1870); 0 without a readable one.
 FixedPoint OfferedSize(std::string_view line) {
+  const std::string text = ReplaceAll(line, "\t", " ");
   constexpr std::string_view kSize = "SIZE ";
-  if (!StartsWithNoCase(line, kSize)) return 0;
-  const std::string_view digits = FirstWord(Trim(line.substr(kSize.size())));
+  const std::string_view words = Trim(text);
+  if (!StartsWithNoCase(words, kSize)) return 0;
+  const std::string_view digits = FirstWord(Trim(words.substr(kSize.size())));
   if (!std::all_of(digits.begin(), digits.end(), IsDigit)) return 0;
   return ParseFixedPoint(digits, 1).value_or(0);
 }
@@ -122,9 +124,11 @@ std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedS
     offered.Extensions.RemoveExtension("REQUIRETLS");
   }
   LimitSize(offered);
-  if (facts_.TlsReady() && !facts_.TlsActive()) offered.Extensions.AddExtension(kStartTls);
+  const bool may_begin_tls = facts_.TlsReady() && !facts_.TlsActive();
+  if (may_begin_tls) offered.Extensions.AddExtension(kStartTls);
   ApplyExtensionLists(offered);
   if (facts_.TlsConfigured()) WithholdByTls(offered);
+  offered.TlsOffered = may_begin_tls && offered.Extensions.Has(kStartTls);
 
   const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
   const auto& lines = offered.Extensions.Lines();

@@ -126,11 +126,6 @@ TEST(StartTls, IsOnlyTakenWhereItWasOffered) {
     TestDialogue without;
     without.configuration.AddSMTPExtensionsRemote = ListOf({"STARTTLS"});
     without.Run("C: EHLO a.test\n-> EHLO a.test\nS: 250 ok\n<- 250-ok\n<- 250 STARTTLS\n" + command);
-    // One that was offered before the certificate went from the settings.
-    TlsDialogue gone;
-    gone.Greet(true, false);
-    gone.dialogue.facts.tls_configured = gone.dialogue.facts.tls_ready = false;
-    gone.dialogue.Run(command);
   }
 }
 
@@ -247,6 +242,36 @@ TEST(StartTls, ARefusedSessionAnswersItLikeEverythingElse) {
   TestDialogue without;
   without.Refuse();
   without.Run("C: STARTTLS\n<- 502 5.5.1 Command not implemented.");
+}
+
+// A reload may take the certificate away, or the setting itself; the client did nothing wrong.
+TEST(StartTls, IsNotAvailableWhenTheCertificateHasGoneSinceItWasOffered) {
+  for (const bool configured : {true, false}) {
+    TlsDialogue t;
+    TestDialogue& d = t.dialogue;
+    t.Greet(true, false);
+    d.facts.tls_ready = false;
+    d.facts.tls_configured = configured;
+    d.Run(R"(
+      C: STARTTLS x
+      <- 501 5.5.4 STARTTLS takes no parameters.
+      C: STARTTLS
+      <- 454 4.7.0 TLS not available due to temporary reason.
+      C: MAIL FROM:<s@sender.test>
+      -> MAIL FROM:<s@sender.test>
+      S: 250 ok
+      <- 250 ok
+      C: STARTTLS
+      <- 503 5.5.1 Bad sequence of commands.
+      C: RSET
+      -> RSET
+      S: 250 ok
+      <- 250 ok)");
+    EXPECT_EQ(d.state.requested.BadSequenceCount, 2);
+    // Once the client has been told otherwise, it is a command like any that we do not know.
+    t.Greet(false, !configured);
+    d.Run("C: STARTTLS\n<- 502 5.5.1 Command not implemented.");
+  }
 }
 
 // --- who must use it
@@ -475,6 +500,14 @@ TEST(EhloUnderTls, RequireTlsNeedsBothSides) {
       }
     }
   }
+}
+
+TEST(EhloUnderTls, AWordOfTheServersBehindWhichATabStandsDoesNotPassEither) {
+  TestDialogue d;
+  EXPECT_EQ(Offered(d, {"STARTTLS\t", "XCLIENT\tNAME ADDR", "XFORWARD\tNAME", " PIPELINING", "DSN\tx"}),
+            "DSN\tx");
+  EXPECT_EQ(Offered(d, {"SIZE\t1000", "DSN"}), "DSN|SIZE 1000");
+  EXPECT_EQ(d.state.offered.SizeLimit, 1000 * kFixedPointOne);
 }
 
 // --- the port of TLS

@@ -67,6 +67,27 @@ TEST(ExtensionCollection, KeepsOneLinePerKeyword) {
   EXPECT_TRUE(extensions.Lines().empty());
 }
 
+// Clients take a tab for a blank, and pass over blanks before the keyword.
+TEST(ExtensionCollection, AKeywordEndsAtAnyBlankAndAtAControlCharacter) {
+  for (const std::string line : {"STARTTLS", "STARTTLS\t", "starttls\tx", " STARTTLS x", "\t STARTTLS",
+                                 "STARTTLS\v", "STARTTLS\fx", "STARTTLS\rx", "STARTTLS\x01"}) {
+    ExtensionCollection extensions;
+    extensions.AddExtension(line);
+    EXPECT_TRUE(extensions.Has("STARTTLS")) << line;
+    EXPECT_EQ(extensions.GetExtension("starttls"), line);
+    ExtensionCollection replaced = extensions;
+    replaced.AddExtension("STARTTLS");
+    EXPECT_EQ(replaced.Lines(), std::vector<std::string>{"STARTTLS"}) << line;
+    extensions.RemoveExtension("STARTTLS");
+    EXPECT_TRUE(extensions.Lines().empty()) << line;
+  }
+  for (const std::string line : {"STARTTLSX", "STARTTLS-X", "XSTARTTLS", "X STARTTLS", "X\tSTARTTLS"}) {
+    ExtensionCollection extensions;
+    extensions.AddExtension(line);
+    EXPECT_FALSE(extensions.Has("STARTTLS")) << line;
+  }
+}
+
 // Lists do not know these lines by their keyword, but clients may.
 TEST(ExtensionCollection, FindsAuthenticationHoweverItIsWritten) {
   const struct {
@@ -80,6 +101,8 @@ TEST(ExtensionCollection, FindsAuthenticationHoweverItIsWritten) {
       {"AUTH\tPLAIN\tEXTERNAL", "AUTH\tPLAIN", true},
       {"AUTH \t PLAIN  X-PLUS\tX", "AUTH PLAIN", true},
       {"AUTH=EXTERNAL", "", true},
+      {" \tAUTH PLAIN EXTERNAL", "AUTH PLAIN", true},
+      {" AUTH=EXTERNAL", "", true},
       {"AUTHX PLAIN EXTERNAL", "AUTHX PLAIN EXTERNAL", false},
       {"XAUTH EXTERNAL", "XAUTH EXTERNAL", false},
   };
