@@ -24,6 +24,7 @@ void cProxy::TakeHeader() {
   const std::size_t used = dialogue_.OnClientBytes(there, *this);
   Receiver.TakeUncounted(used, there.size());
   if (used == 0) return;
+  Receiver.OnlyLooks(is_balancers_own_);
   const bool tls = std::exchange(opening_, nullptr)->tls_port;
   if (tls) dialogue_.ExpectTls();
   AdmitClient(tls);
@@ -109,7 +110,7 @@ void cProxy::TellClientNames(ClientNames::Answer confirmed) {
 }
 
 void cProxy::GoOnWithoutServer() {
-  Sender.Close();
+  // The server's patience counts no more, since it does not hear whether the client is still there.
   ArmTimeout();
 }
 

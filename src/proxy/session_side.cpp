@@ -116,6 +116,7 @@ void SessionSide::StartTls(TlsRole role, std::shared_ptr<const TlsContext> conte
 void SessionSide::NoteFailure(int error, std::string_view description) {
   end_ = End::kFailed;
   if (!logs_failures_) return;
+  if (only_looks_ && error == socket_error::kConnectionReset && socket_.BytesReceived() == 0) return;
   if (error == tls_error::kTooManyHandshakes) {
     return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
   }

@@ -78,6 +78,9 @@ class SessionSide {
   bool HasClosed() const { return end_ == End::kClosed; }
   // Whether it is logged why the connection fails; it is at first.
   void LogFailures(bool logged) { logs_failures_ = logged; }
+  // Until the peer's first byte that counts it is not logged that it breaks the connection off: it only looks
+  // whether we are there.
+  void OnlyLooks(bool only_looks) { only_looks_ = only_looks; }
   // Notes that the connection failed, and logs why.
   void NoteFailure(int error, std::string_view description);
 
@@ -115,6 +118,7 @@ class SessionSide {
   bool in_send_ = false;
   bool sent_at_once_ = false;
   bool logs_failures_ = true;
+  bool only_looks_ = false;
 };
 
 }  // namespace trabex

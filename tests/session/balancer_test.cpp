@@ -161,6 +161,30 @@ TEST(Balancer, AConnectionThatOnlyLooksLeavesNoError) {
   }
 }
 
+// Its own header names nobody; then it hangs up, whatever we have said. A client that has spoken is one.
+TEST(Balancer, AConnectionThatOnlyShowsItsHeaderLeavesNoError) {
+  const struct {
+    const char* what;
+    const char* sent;
+    bool is_client;
+  } rows[] = {
+      {"version 1", R"(PROXY UNKNOWN\r\n)", false},
+      {"version 2", R"(\r\n\r\n\0\r\nQUIT\n \0\0\0)", false},
+      {"with a command", R"(PROXY UNKNOWN\r\nNOOP\r\n)", true},
+      {"of a client", R"(PROXY TCP4 192.0.2.7 203.0.113.5 51234 25\r\n)", true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    SessionFixture fixture;
+    TrustBalancer(fixture);
+    ASSERT_EQ(
+        fixture.Play(std::string("C+ ") + row.sent + "\nS: 220 server ready\n<- 220 server ready\nC resets"),
+        "");
+    EXPECT_TRUE(fixture.Until([&] { return fixture.Sessions().Count() == 0; }));
+    EXPECT_EQ(WasLogged(fixture, "Error 10054"), row.is_client);
+  }
+}
+
 TEST(Balancer, AHeaderThatBreaksOffIsABadOne) {
   PlayBothWays(TrustBalancer, R"(
     C+ PROXY TCP4 192.0.2.7

@@ -221,10 +221,12 @@ TEST(ServerPrefaceSession, ARefusalGoesToTheClientAndTheServerGetsNothingMore) {
     S: 554 go away
     <- 554 go away
     <- 503 Bad sequence of commands.
-    closed S
+    -> nothing
+    S: 421 that was all
+    <- nothing
     C: QUIT
     <- 221 2.0.0 proxy.test closing connection.
-    closed C)");
+    closed both)");
   PlayBothWays(SendClientIP(3), R"(
     S: 220 server ready
     -> EHLO proxy.test
@@ -233,9 +235,9 @@ TEST(ServerPrefaceSession, ARefusalGoesToTheClientAndTheServerGetsNothingMore) {
     -> XCLIENT ADDR=*127.0.0.1
     S: 554 not you
     <- 554 not you
-    closed S
     C: NOOP
-    <- 503 Bad sequence of commands.)");
+    <- 503 Bad sequence of commands.
+    -> nothing)");
   // Such a client has its time as any other that was refused.
   PlayBothWays(
       [](SessionFixture& fixture) {
@@ -246,8 +248,33 @@ TEST(ServerPrefaceSession, ARefusalGoesToTheClientAndTheServerGetsNothingMore) {
     S: 554 go away
     <- 554 go away
     wait 10100
-    closed C
+    closed both
     log R: {*] Timeout exceeded. Closing connection.)");
+}
+
+// The session is over when the server hangs up, as any other.
+TEST(ServerPrefaceSession, AServerThatRefusesAndClosesEndsTheSession) {
+  const Configure rows[] = {SendClientIP(1), SendClientIP(3), ServerTls(server_tls::kStartTls)};
+  for (const Configure& configure : rows) {
+    for (const char* const end : {"S closes", "S+ 421 bye\\r\\n\nS closes", "S resets"}) {
+      PlayBothWays(configure, std::string(R"(
+    C: EHLO client.test
+    S: 421 busy
+    <- 421 busy
+    <- 503 Bad sequence of commands.
+    )") + end + "\nclosed C");
+    }
+  }
+  PlayBothWays(SendClientIP(3), R"(
+    S: 220 server ready
+    -> EHLO proxy.test
+    S: 250-server.test
+    S: 250 XCLIENT ADDR
+    -> XCLIENT ADDR=*127.0.0.1
+    S+ 421 not you\r\n
+    S closes
+    <- 421 not you
+    closed C)");
 }
 
 TEST(ServerPrefaceSession, WhereTlsIsNotRequiredTheSessionGoesOnWithout) {

@@ -176,6 +176,8 @@ void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions
 // --- the server's side
 
 void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
+  // Its greeting was a refusal, and it owes no reply.
+  if (state_.transaction == Transaction::kRefused) return;
   assembler_.Append(std::move(bytes));
   if (preface_) return TakePrefaceBytes(actions);
   RelayReplies(actions);
@@ -191,6 +193,7 @@ void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
   if (preface_) {
     return how == ServerEnd::kFailed ? EndWithoutServer(actions) : RefuseServer("connection closed", actions);
   }
+  if (state_.transaction == Transaction::kRefused) return Enter(PhaseEvent::kEnd);
   assembler_.EndLine();
   RelayReplies(actions);
   RelayWholeLines(actions);

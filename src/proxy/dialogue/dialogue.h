@@ -54,7 +54,7 @@ class DialogueActions {
   virtual void AskForAddresses(std::string_view host_name) = 0;
   // Closes the server's connection; the client's goes on.
   virtual void CloseServer() = 0;
-  // The same for good: the client stays as one that was refused.
+  // The server gets nothing more; the client stays as one that was refused until either hangs up.
   virtual void GoOnWithoutServer() = 0;
   // Takes nothing more of the client, and ends the session a short time later.
   virtual void EndAfterPause() = 0;
