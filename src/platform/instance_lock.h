@@ -30,8 +30,15 @@ std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view 
 // Nothing when our own user holds it, when it is free, or when the system does not say.
 std::optional<std::string> OtherUserHolding(std::string_view name);
 
-// Asks the instance named `name` to end; returns whether there is one that could be asked. Does not wait for
-// it.
-bool RequestExit(std::string_view name);
+enum class ExitRequest {
+  kMade,
+  kNoInstance,
+  kOtherUser,  // the instance is another user's, and we are not root
+  kFailed,     // it hangs, and takes no more requests
+};
+
+// Asks the instance named `name` to end. Does not wait for its end, and a second at most for the request to be
+// taken.
+ExitRequest RequestExit(std::string_view name);
 
 }  // namespace trabex

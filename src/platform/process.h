@@ -10,4 +10,7 @@ namespace trabex {
 // SIGALRM, SIGVTALRM, SIGIO, SIGPIPE and the signals by which a terminal stops a process).
 void PrepareStreamsAndRequests();
 
+// What the system asks ends the process at once again: for a process that only waits for another one.
+void LetRequestsEndProcess();
+
 }  // namespace trabex

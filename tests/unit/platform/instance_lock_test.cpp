@@ -129,18 +129,18 @@ TEST_F(InstanceLockTest, ProcessThatIsKilledHoldsNoLock) {
 
 TEST_F(InstanceLockTest, ExitRequestReachesTheHolder) {
   const std::string name = OwnName("exit");
-  EXPECT_FALSE(RequestExit(name));  // no instance holds it
+  EXPECT_EQ(RequestExit(name), ExitRequest::kNoInstance);
   auto lock = TryLock(name);
   ASSERT_NE(lock, nullptr);
-  EXPECT_TRUE(RequestExit(name));
+  EXPECT_EQ(RequestExit(name), ExitRequest::kMade);
   EXPECT_EQ(requests_, 0) << "only from the loop";
   EXPECT_TRUE(RunUntil(loop_, [&] { return requests_ == 1; }));
-  ChildProcess other([&] { return RequestExit(name) ? 0 : 1; });
+  ChildProcess other([&] { return RequestExit(name) == ExitRequest::kMade ? 0 : 1; });
   EXPECT_TRUE(RunUntil(loop_, [&] { return requests_ == 2; }));
   EXPECT_EQ(other.Wait(), 0);
-  EXPECT_FALSE(RequestExit(OwnName("other")));
+  EXPECT_EQ(RequestExit(OwnName("other")), ExitRequest::kNoInstance);
   lock.reset();
-  EXPECT_FALSE(RequestExit(name));
+  EXPECT_EQ(RequestExit(name), ExitRequest::kNoInstance);
   RunUntilIdle(loop_);
   EXPECT_EQ(requests_, 2);
 }
@@ -155,7 +155,7 @@ TEST_F(InstanceLockTest, MayGoInsideItsOwnCall) {
     done = big.size() == 100;
   });
   ASSERT_NE(lock, nullptr);
-  ASSERT_TRUE(RequestExit(name));
+  ASSERT_EQ(RequestExit(name), ExitRequest::kMade);
   EXPECT_TRUE(RunUntil(loop_, [&] { return done; }));
   EXPECT_NE(TryLock(name), nullptr);
 }
@@ -192,20 +192,23 @@ TEST_F(InstanceLockTest, DescriptorsThatAreSentAlongAreNotTaken) {
   close(pipe_ends[0]);
 }
 
-TEST_F(InstanceLockTest, RequestOfAnotherUserIsDropped) {
+TEST_F(InstanceLockTest, RequestOfAnotherUserIsDroppedAndSaysSo) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
   constexpr uid_t kSomebody = 12345;
   constexpr uid_t kSomebodyElse = 12346;
   const std::string name = OwnName("user");
   // The holder is an ordinary user; those who ask are another one, the same, and root.
   ChildProcess holder([&] {
+    if (seteuid(kSomebody) != 0) return 1;
     const auto lock = TryLock(name);
     if (lock == nullptr) return 1;
     const auto requests_after = [&](uid_t user) {
       if (seteuid(0) != 0) return -1;  // only to make the one who asks
       ChildProcess asking([&] {
         if (setuid(user) != 0) return 2;
-        return RequestExit(name) ? 0 : 1;
+        const bool may = user == 0 || user == kSomebody;
+        if (RequestExit(name) != (may ? ExitRequest::kMade : ExitRequest::kOtherUser)) return 3;
+        return may || Sender(name).Send("exit") ? 0 : 1;
       });
       if (asking.Wait() != 0 || seteuid(kSomebody) != 0) return -2;
       return AllIsRead(name) ? requests_ : -3;
@@ -330,7 +333,7 @@ TEST_F(InstanceLockTest, FloodDoesNotSpinTheLoop) {
   flooding.Kill();
   ASSERT_TRUE(AllIsRead(name));
   const int before = requests_;
-  EXPECT_TRUE(RequestExit(name));
+  EXPECT_EQ(RequestExit(name), ExitRequest::kMade);
   EXPECT_TRUE(RunUntil(loop_, [&] { return requests_ > before; }));
 }
 
@@ -343,7 +346,7 @@ TEST_F(InstanceLockTest, RequestDoesNotWaitForAHolderThatHangs) {
   while (taken < 1000 && sender.Send("x", MSG_DONTWAIT)) ++taken;
   ASSERT_LT(taken, 1000) << "the system keeps more messages than expected";
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_FALSE(RequestExit(name));
+  EXPECT_EQ(RequestExit(name), ExitRequest::kFailed);
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
 }
 

@@ -4,14 +4,11 @@
 
 #include <pwd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <cstddef>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -20,6 +17,7 @@
 #include "platform/device_error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/process/abstract_address.h"
 #include "platform/linux/process/unix_socket_table.h"
 
 namespace trabex {
@@ -34,21 +32,6 @@ constexpr Milliseconds kPause{100};
 constexpr int kMaxMessagesAtOnce = 32;
 // How long an exit request waits while the queue of the lock is full.
 constexpr timeval kMaxSendWait{1, 0};
-
-struct AbstractAddress {
-  sockaddr_un address{};
-  socklen_t length = 0;
-};
-
-AbstractAddress AddressOf(std::string_view name) {
-  AbstractAddress result;
-  result.address.sun_family = AF_UNIX;
-  // The NUL before the name is what makes it an abstract one.
-  const std::size_t length = std::min(name.size(), sizeof result.address.sun_path - 1);
-  std::copy_n(name.data(), length, result.address.sun_path + 1);
-  result.length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length);
-  return result;
-}
 
 constexpr const char* kLockSource = "mInstanceLock.TryLockInstance";
 
@@ -145,8 +128,8 @@ std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view 
   if (!socket) RaiseDeviceError(kLockSource);
   const int yes = 1;
   if (setsockopt(socket.Get(), SOL_SOCKET, SO_PASSCRED, &yes, sizeof yes) != 0) RaiseDeviceError(kLockSource);
-  const AbstractAddress bound = AddressOf(name);
-  if (bind(socket.Get(), reinterpret_cast<const sockaddr*>(&bound.address), bound.length) != 0) {
+  const AbstractAddress bound(name);
+  if (bind(socket.Get(), bound.Get(), bound.Length()) != 0) {
     if (errno == EADDRINUSE) return nullptr;
     RaiseDeviceError(kLockSource);
   }
@@ -159,14 +142,17 @@ std::optional<std::string> OtherUserHolding(std::string_view name) {
   return UserName(*owner);
 }
 
-bool RequestExit(std::string_view name) {
+ExitRequest RequestExit(std::string_view name) {
   const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!socket) return false;
+  if (!socket) return ExitRequest::kFailed;
   setsockopt(socket.Get(), SOL_SOCKET, SO_SNDTIMEO, &kMaxSendWait, sizeof kMaxSendWait);
-  const AbstractAddress instance = AddressOf(name);
-  const ssize_t sent = sendto(socket.Get(), kExitMessage.data(), kExitMessage.size(), MSG_NOSIGNAL,
-                              reinterpret_cast<const sockaddr*>(&instance.address), instance.length);
-  return sent == static_cast<ssize_t>(kExitMessage.size());
+  const AbstractAddress instance(name);
+  if (connect(socket.Get(), instance.Get(), instance.Length()) != 0) return ExitRequest::kNoInstance;
+  // Its request would be dropped there without a word.
+  if (geteuid() != 0 && OtherUserHolding(name)) return ExitRequest::kOtherUser;
+  const ssize_t sent = send(socket.Get(), kExitMessage.data(), kExitMessage.size(), MSG_NOSIGNAL);
+  if (sent == static_cast<ssize_t>(kExitMessage.size())) return ExitRequest::kMade;
+  return errno == ECONNREFUSED ? ExitRequest::kNoInstance : ExitRequest::kFailed;
 }
 
 }  // namespace trabex

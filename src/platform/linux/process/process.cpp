@@ -22,4 +22,9 @@ void PrepareStreamsAndRequests() {
   pthread_sigmask(SIG_BLOCK, &waiting, nullptr);
 }
 
+void LetRequestsEndProcess() {
+  const sigset_t waiting = RequestSignals();
+  pthread_sigmask(SIG_UNBLOCK, &waiting, nullptr);
+}
+
 }  // namespace trabex
