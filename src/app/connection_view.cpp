@@ -37,7 +37,10 @@ std::string ConnectionView::Header() const {
 }
 
 std::string ConnectionView::RowText(std::size_t index) const {
-  const cProxy& session = sessions_.At(index);
+  return RowOf(sessions_.At(index));
+}
+
+std::string RowOf(const cProxy& session) {
   return ConnectionRow(session.Handle(), session.BytesReceived(), session.BytesSent(), session.Duration(),
                        session.ClientIP(), session.HostNameOrUnknown());
 }

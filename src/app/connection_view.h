@@ -14,6 +14,9 @@
 
 namespace trabex {
 
+// The row of an open session.
+std::string RowOf(const cProxy& session);
+
 class ConnectionView final : private ViewContent {
  public:
   // Both outlive this object. Nothing is shown yet.

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <utility>
 
+#include "app/instance_requests.h"
 #include "app/log_file.h"
 #include "app/program.h"
 #include "app/version.h"
@@ -48,6 +49,7 @@ frmMain::frmMain(Program& program)
       view_(program.loop, sessions_) {
   tmrStatus.Enable();
   tmrLog.Enable();
+  AddInstanceRequests(program, *this);
 }
 
 frmMain::~frmMain() {
@@ -69,6 +71,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
   EnableGreyListingTimer();
   last_greylisting_save_ = program_.dependencies.clock.UniversalNow();
   loaded_ = true;
+  program_.control.Begin();
   if (std::exchange(reload_is_due_, false)) auto_reload_.Request();
   return true;
 }
@@ -118,6 +121,7 @@ void frmMain::Form_Unload() {
   }
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
+  program_.control.Close();
   program_.instance_lock.reset();
   program_.socket_module.WhenNoneLingers([&loop = program_.loop] { loop.Quit(); });
 }

@@ -61,7 +61,10 @@ class frmMain final {
   void Listener_ConnectionRequest(std::int32_t requestID, bool tls);
   void Listener_Error(int number, const std::string& description);
 
-  const SessionCollection& Sessions() const { return sessions_; }
+  SessionCollection& Sessions() { return sessions_; }
+
+  // Lets go of the log file, which was moved, and opens it anew.
+  void ReopenLog();
 
  private:
   bool WaitForListening();
@@ -79,7 +82,6 @@ class frmMain final {
   void ScreenGone();
   // What the system asks for (system_requests.h).
   void HangUp();
-  void ReopenLog();
 
   Program& program_;
   SessionCollection sessions_;

@@ -4,18 +4,14 @@
 #include <utility>
 
 #include "app/frmMain.h"
+#include "app/version.h"
 #include "base/error.h"
 #include "config/configuration_dump.h"
 #include "net/CSocketMaster.h"
+#include "platform/message.h"
 #include "tls/tls_context.h"
 
 namespace trabex {
-
-namespace {
-
-constexpr std::string_view kInstanceIdentifier = "5B0E7C19D4A24F36A1F863D20C97BE48";
-
-}  // namespace
 
 Program::Program(Dependencies the_dependencies)
     : dependencies(std::move(the_dependencies)),
@@ -25,7 +21,8 @@ Program::Program(Dependencies the_dependencies)
       names(dependencies.make_names(loop)),
       socket_module(sockets, *names, log),
       certificates(configuration, log, dependencies.clock, loop, tls),
-      greylisting(configuration.GreyListing, log, dependencies.clock, loop) {}
+      greylisting(configuration.GreyListing, log, dependencies.clock, loop),
+      control(loop, requests) {}
 
 Program::~Program() {
   if (!window) return;
@@ -52,7 +49,10 @@ bool Program::LockInstance() {
     log.LogError(error);
     return false;
   }
-  if (instance_lock) return true;
+  if (instance_lock) {
+    OpenControlChannel();
+    return true;
+  }
   if (const auto user = OtherUserHolding(InstanceName(configuration.BindPort))) {
     log.LogLine(
         "A process of another user (" + *user +
@@ -61,6 +61,17 @@ bool Program::LockInstance() {
     log.LogLine("The instance of this application listening on the same port already running.");
   }
   return false;
+}
+
+void Program::OpenControlChannel() {
+  try {
+    if (control.Open(InstanceName(configuration.BindPort))) return;
+  } catch (const Error& error) {
+    log.LogError(error);
+  }
+  constexpr std::string_view kText = "This instance takes no requests: their name is not free.";
+  log.LogLine(kText);
+  ShowMessage(std::string(kApplicationTitle) + ": " + std::string(kText) + "\n");
 }
 
 void Program::DumpConfiguration() {
@@ -107,10 +118,6 @@ LoadDependencies Program::MakeLoadDependencies() {
                       .accepts_ciphers = TlsContext::AcceptsCiphers},
           .log = log,
           .host = *this};
-}
-
-std::string InstanceName(std::int32_t port) {
-  return std::string(kInstanceIdentifier) + std::to_string(port);
 }
 
 }  // namespace trabex

@@ -9,7 +9,9 @@
 
 #include "app/certificates.h"
 #include "app/control_requests.h"
+#include "app/control_server.h"
 #include "app/greylisting.h"
+#include "app/instance_name.h"
 #include "app/log_file.h"
 #include "config/configuration.h"
 #include "config/early_keys.h"
@@ -54,6 +56,9 @@ struct Program final : LoadHost {
   // Takes the lock of the instance that listens on `BindPort`, after giving back the one that is held. False
   // when another instance has it, or the system refuses; the reason is logged.
   bool LockInstance();
+  // Opens the channel by which the locked instance is asked. A failure is logged, and shown on standard error:
+  // the mail does not depend on it.
+  void OpenControlChannel();
   // Writes the configuration in force into the log file.
   void DumpConfiguration() override;
   // Saves the greylisting data at a reload. False when they are to go on in memory: the setting still names
@@ -83,11 +88,9 @@ struct Program final : LoadHost {
   GreyListing greylisting;
   GreyListingRecords* greylisting_records = &greylisting;  // never nullptr
   ControlRequests requests;                                // what a running instance can be asked
+  ControlServer control;
   std::unique_ptr<InstanceLock> instance_lock;
   std::unique_ptr<frmMain> window;
 };
-
-// The name of the instance that listens on `port`: a fixed identifier and the port.
-std::string InstanceName(std::int32_t port);
 
 }  // namespace trabex

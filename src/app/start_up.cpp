@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/command_line.h"
+#include "app/control_client.h"
 #include "app/exit_status.h"
 #include "app/frmMain.h"
 #include "app/printable.h"
@@ -28,13 +29,10 @@ class StartUp {
 
   int Run() {
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return Failed();
-    if (line_.exit_request) {
-      RequestExit(InstanceName(program_.configuration.BindPort));
-      return exit_status::kDone;
-    }
+    const std::int32_t port = program_.configuration.BindPort;
+    if (line_.exit_request) return AskForExit(port, program_.dependencies.err);
     if (!line_.request.empty()) {
-      PrintReason("An instance cannot be asked for \"" + line_.request.front() + "\" yet.");
-      return exit_status::kFailed;
+      return AskInstance(port, line_.request, program_.dependencies.out, program_.dependencies.err);
     }
     if (!program_.LockInstance()) return Failed();
     if (LoadConfiguration(program_.MakeLoadDependencies(), program_.configuration) == LoadResult::kFailed) {
@@ -73,6 +71,7 @@ class StartUp {
     PrintReason(last_message_);
     program_.log.LogLine(TitleAndVersion() + " not started due to an error in initialization file.");
     program_.log.Close();
+    program_.control.Close();
     program_.instance_lock.reset();
     return Failed();
   }

@@ -283,8 +283,8 @@ TEST_F(MainWindowTest, EachEndingSignalUnloads) {
 TEST_F(MainWindowTest, ExitRequestOfAnotherInstanceUnloads) {
   ASSERT_TRUE(program_.LockInstance());
   ASSERT_TRUE(Window().Form_Load());
-  EXPECT_FALSE(RequestExit(InstanceName(1)));
-  EXPECT_TRUE(RequestExit(InstanceName(Settings().BindPort)));
+  EXPECT_EQ(RequestExit(InstanceName(1)), ExitRequest::kNoInstance);
+  EXPECT_EQ(RequestExit(InstanceName(Settings().BindPort)), ExitRequest::kMade);
   program_.loop.Run();
   EXPECT_TRUE(Window().Unloaded());
 }

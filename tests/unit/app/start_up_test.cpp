@@ -137,7 +137,7 @@ TEST_F(StartUpTest, OrderlyRun) {
   EXPECT_EQ(RunAndEnd({"/HI"}), 0);
   EXPECT_THAT(LogLines(), ElementsAre(kStarted, ListenLine(), kStopped));
   EXPECT_EQ(out_.str() + err_.str(), "");
-  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+  EXPECT_EQ(RequestExit(InstanceName(port_)), ExitRequest::kNoInstance) << "the lock is gone";
 }
 
 TEST_F(StartUpTest, SignalsOfBeforeTheStartCount) {
@@ -195,7 +195,7 @@ TEST_F(StartUpTest, BadSettingEndsTheStart) {
       "Description: Value is not a number: \"abc\".";
   EXPECT_THAT(LogLines(), ElementsAre(line, kNotStarted));
   EXPECT_EQ(err_.str(), "Trabex: " + line + "\nTrabex: " + std::string(kNotStarted) + "\n");
-  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+  EXPECT_EQ(RequestExit(InstanceName(port_)), ExitRequest::kNoInstance) << "the lock is gone";
 }
 
 TEST_F(StartUpTest, ReasonIsShownAlsoWithoutALog) {
@@ -278,7 +278,7 @@ TEST_F(StartUpTest, ListenerThatCannotStartEndsTheProgram) {
   EXPECT_THAT(LogLines(), ElementsAre(kStarted, StartsWith(reason), kStopped));
   EXPECT_THAT(err_.str(), StartsWith("Trabex: " + reason));
   EXPECT_THAT(err_.str(), Not(HasSubstr("stopped")));
-  EXPECT_FALSE(RequestExit(InstanceName(port_))) << "the lock is gone";
+  EXPECT_EQ(RequestExit(InstanceName(port_)), ExitRequest::kNoInstance) << "the lock is gone";
 }
 
 TEST_F(StartUpTest, LoopEndsTheProgram) {

@@ -1,0 +1,83 @@
+#include "app/instance_requests.h"
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "app/connection_view.h"
+#include "app/control_requests.h"
+#include "app/frmMain.h"
+#include "app/printable.h"
+#include "app/program.h"
+#include "proxy/cProxy.h"
+#include "proxy/session_id.h"
+
+namespace trabex {
+
+namespace {
+
+// A row costs some microseconds.
+constexpr std::size_t kRowsInSlice = 500;
+
+// A session that may be gone when its turn comes. Keys are used again, ids are not.
+struct ListedSession {
+  std::string key;
+  SessionId id;
+};
+
+std::vector<ListedSession> AllSessions(SessionCollection& sessions) {
+  std::vector<ListedSession> all;
+  all.reserve(sessions.Count());
+  for (std::size_t i = 0; i < sessions.Count(); ++i) {
+    const cProxy& session = sessions.At(i);
+    all.push_back({session.Key(), session.Id()});
+  }
+  return all;
+}
+
+cProxy* Find(SessionCollection& sessions, const ListedSession& listed) {
+  cProxy* const session = sessions.Find(listed.key);
+  return session != nullptr && session->Id() == listed.id ? session : nullptr;
+}
+
+// The sessions of now, one line for each that is there when its slice is made.
+ControlSlices ListSessions(SessionCollection& sessions) {
+  return [&sessions, all = AllSessions(sessions), next = std::size_t{0}](ControlAnswer& slice) mutable {
+    const std::size_t end = std::min(all.size(), next + kRowsInSlice);
+    for (; next < end; ++next) {
+      const cProxy* const session = Find(sessions, all[next]);
+      if (session == nullptr) continue;
+      slice.text += FormatSessionId(session->Id()) + "  " + Printable(RowOf(*session)) + "\n";
+    }
+    return next < all.size();
+  };
+}
+
+ControlAnswer CloseSession(SessionCollection& sessions, const std::string& digits) {
+  const std::optional<SessionId> id = ParseSessionId(digits);
+  for (const ListedSession& listed : AllSessions(sessions)) {
+    if (listed.id != id) continue;
+    Find(sessions, listed)->Shutdown();
+    return {};
+  }
+  return {.status = exit_status::kFailed, .text = {}, .error = "There is no session " + digits + "."};
+}
+
+}  // namespace
+
+void AddInstanceRequests(Program& program, frmMain& window) {
+  ControlRequests& requests = program.requests;
+  requests.Add("REOPENLOG", [&window](const std::vector<std::string>&) {
+    window.ReopenLog();
+    return ControlAnswer{};
+  });
+  requests.Add("SESSIONS",
+               [&window](const std::vector<std::string>&) { return ListSessions(window.Sessions()); });
+  requests.Add("CLOSE", [&window](const std::vector<std::string>& arguments) {
+    return CloseSession(window.Sessions(), arguments.empty() ? std::string() : arguments.front());
+  });
+}
+
+}  // namespace trabex

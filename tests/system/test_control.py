@@ -1,0 +1,255 @@
+#!/usr/bin/env python3
+"""What a running instance can be asked from the command line, by whom, and what hostile callers cost the mail."""
+
+import contextlib
+import os
+import re
+import signal
+import socket
+import subprocess
+
+from messages import text_message
+from trabex_system import (DOMAIN, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
+                           without_received)
+
+INSTANCE = "5B0E7C19D4A24F36A1F863D20C97BE48"
+SESSION_ROW = re.compile(r"^([0-9a-f]{16})  ( [ \d]{6} [ \d]{8} [ \d]{8} \d\d:\d\d:\d\d +127\.0\.0\.1 .*)$")
+# Two who are nobody on this machine.
+SOMEBODY, SOMEBODY_ELSE = 12345, 12346
+
+
+def raw_call(port, line=b""):
+    """A connection to the control channel of the instance on this port, after saying `line`."""
+    caller = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    caller.settimeout(bound(20))
+    caller.connect(f"\0{INSTANCE}{port}")
+    caller.sendall(line)
+    return caller
+
+
+def as_user(user, *arguments):
+    """(status, standard output, standard error) of Trabex run by this user, who can read nothing of ours."""
+    done = subprocess.run(["setpriv", f"--reuid={user}", f"--regid={user}", "--clear-groups", str(program("Trabex")),
+                           *map(str, arguments)], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                          timeout=bound(20), check=False, cwd="/")
+    return done.returncode, done.stdout, done.stderr
+
+
+class Requests(Scenario):
+    def setUp(self):
+        super().setUp()
+        self.server = self.sample_server()
+        self.proxy = self.trabex(self.server.port)
+
+    def ask(self, *request):
+        """Found by the port, and by the file, with the same result."""
+        return run_trabex(*request, "/P", self.proxy.port, "/I", self.proxy.ini)
+
+    def sessions(self):
+        status, out, err = self.ask("/SESSIONS")
+        self.assertEqual((status, err), (0, ""))
+        return [SESSION_ROW.match(line).groups() for line in out.splitlines()]
+
+    def test_spellings(self):
+        for request in ("/SESSIONS", "/sessions", "-sessions", "--sessions", "--Sessions"):
+            self.assertEqual(self.ask(request), (0, "", ""), request)
+        self.assertEqual(run_trabex("/SESSIONS", "/I", self.proxy.ini), (0, "", ""), "by the file")
+        self.assertEqual(run_trabex("/SESSIONS", "/P", self.proxy.port), (0, "", ""), "by the port")
+
+    def test_no_instance(self):
+        port = free_port()
+        for request in (["/SESSIONS"], ["/CLOSE", "0" * 16], ["/STATUS"], ["/RELOAD"], ["/REOPENLOG"]):
+            self.assertEqual(run_trabex(*request, "/P", port),
+                             (3, "", f"Trabex: There is no instance on port {port}.\n"))
+        self.assertEqual(run_trabex("/X", "/P", port), (0, "", ""))
+
+    def test_command_line(self):
+        for arguments, message in ((["/CLOSE"], 'Argument expected after "/CLOSE".'),
+                                   (["/SESSIONS", "x"], 'Invalid switch "x".'),
+                                   (["/SESSIONS", "/X"], 'Only one request is possible: "/X".')):
+            self.assertEqual(run_trabex(*arguments), (2, "", f"Trabex: {message}\n"))
+
+    def test_sessions_are_listed_and_closed(self):
+        self.assertEqual(self.sessions(), [])
+        clients = []
+        for _ in range(3):
+            client = self.connect(self.proxy.address)
+            client.read_reply()
+            clients.append(client)
+        rows = self.sessions()
+        self.assertEqual(len({digits for digits, _ in rows}), 3)
+        self.assertEqual(sorted(rows), sorted(self.sessions()), "the same ids as long as they are there")
+        self.assertEqual(self.ask("/CLOSE", rows[1][0].upper()), (0, "", ""))
+        self.assertEqual(clients[1].read_reply()[:3], "421")
+        clients[1].read_to_end()
+        self.assertEqual([row[0] for row in self.sessions()], [rows[0][0], rows[2][0]])
+        self.assertEqual(clients[0].command("NOOP")[:3], "250")
+        self.assertEqual(clients[2].command("NOOP")[:3], "250")
+        for unknown in (rows[1][0], "0" * 15, "x", "0" * 17):
+            self.assertEqual(self.ask("/CLOSE", unknown), (1, "", f"Trabex: There is no session {unknown}.\n"))
+
+    def test_ids_differ_after_a_restart(self):
+        seen = set()
+        for _ in range(3):
+            client = self.connect(self.proxy.address)
+            client.read_reply()
+            seen.add(self.sessions()[0][0][:8])
+            client.close()
+            self.assertEqual(self.proxy.end(), 0)
+            self.proxy.start()
+        self.assertEqual(len(seen), 3)
+
+    def test_requests_that_nobody_knows(self):
+        with raw_call(self.proxy.port, b"NOTHING\n") as caller:
+            self.assertEqual(caller.recv(1000), b'E 50\nThis instance does not know the request "NOTHING".X 1\n')
+
+    def test_answer_that_is_cut_off(self):
+        """An instance that dies, and one that hangs, are told from an answer."""
+        with contextlib.ExitStack() as stack:
+            lock = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
+            channel = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_STREAM))
+            port = free_port()
+            lock.bind(f"\0{INSTANCE}{port}")
+            self.assertEqual(run_trabex("/SESSIONS", "/P", port),
+                             (1, "", f"Trabex: The instance on port {port} takes no requests.\n"))
+            channel.bind(f"\0{INSTANCE}{port}")
+            channel.listen()
+            for answer, out, complaint in (
+                    (b"T 3\nabc", "abc", "ended the connection before its answer was complete."),
+                    (b"T 3\nab", "ab", "ended the connection before its answer was complete."),
+                    (b"", "", "ended the connection before its answer was complete."),
+                    (b"220 hello\n", "", "gave an answer that cannot be understood.")):
+                asking = subprocess.Popen([str(program("Trabex")), "/SESSIONS", "/P", str(port)],
+                                          stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                with channel.accept()[0] as caller:
+                    self.assertEqual(caller.recv(1000), b"SESSIONS\n")
+                    caller.sendall(answer)
+                self.assertEqual(asking.communicate(timeout=bound(20)),
+                                 (out, f"Trabex: The instance on port {port} {complaint}\n"))
+                self.assertEqual(asking.returncode, 1)
+
+    def test_asking_can_be_interrupted(self):
+        self.proxy.process.send_signal(signal.SIGSTOP)
+        self.place.on_leaving(self.proxy.process.send_signal, signal.SIGCONT)
+        asking = subprocess.Popen([str(program("Trabex")), "/SESSIONS", "/P", str(self.proxy.port)])
+        self.place.on_leaving(asking.kill)
+        wait_until(lambda: self.queued_callers() > 0, "the request to wait")
+        asking.send_signal(signal.SIGINT)
+        self.assertEqual(asking.wait(bound(20)), -signal.SIGINT)
+        self.proxy.process.send_signal(signal.SIGCONT)
+
+    def queued_callers(self):
+        """Connections to the channel beside the listening socket itself."""
+        rows = open("/proc/net/unix", encoding="ascii", errors="replace").read().splitlines()
+        return sum(row.endswith(f"@{INSTANCE}{self.proxy.port}") and row.split()[4] == "0001" for row in rows) - 1
+
+
+class OtherUsers(Scenario):
+    """Only root and the instance's own user may ask."""
+
+    def setUp(self):
+        super().setUp()
+        if os.geteuid() != 0:
+            self.skipTest("needs root to become somebody else")
+        self.server = self.sample_server()
+
+    def test_who_may_ask(self):
+        proxy = self.trabex(self.server.port)
+        refused = (4, "", f"Trabex: The instance on port {proxy.port} belongs to another user.\n")
+        for request in (["/SESSIONS"], ["/CLOSE", "0" * 16], ["/REOPENLOG"], ["/X"]):
+            self.assertEqual(as_user(SOMEBODY, *request, "/P", proxy.port), refused)
+        self.assertIsNone(proxy.process.status(), "it goes on")
+        # One that does not look before.
+        self.assertEqual(self.said_to_stranger(proxy.port), "b''")
+        # The lock's message, likewise.
+        self.assertEqual(self.as_stranger(f"s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)\n"
+                                          f"s.sendto(b'exit', '\\x00{INSTANCE}{proxy.port}')"), "")
+        self.assertEqual(run_trabex("/SESSIONS", "/P", proxy.port), (0, "", ""))
+
+    def as_stranger(self, lines):
+        done = subprocess.run(["setpriv", f"--reuid={SOMEBODY}", f"--regid={SOMEBODY}", "--clear-groups", "python3", "-c",
+                               f"import socket\n{lines}"], capture_output=True, text=True, timeout=bound(20), check=False,
+                              cwd="/")
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return done.stdout.strip()
+
+    def said_to_stranger(self, port):
+        return self.as_stranger("s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)\n"
+                                f"s.connect('\\x00{INSTANCE}{port}')\n"
+                                "try:\n    s.sendall(b'SESSIONS\\n')\nexcept OSError:\n    pass\n"
+                                "try:\n    print(s.recv(1000))\nexcept ConnectionResetError:\n    print(b'')\n")
+
+    def test_instance_of_another_user(self):
+        """It is its own user's and root's, and not a third one's."""
+        self.place.folder.chmod(0o755)
+        for parent in self.place.folder.parents:
+            if not parent.stat().st_mode & 0o001:
+                self.skipTest(f"{parent} is closed to other users")
+        proxy = self.trabex(self.server.port, start=False)
+        for path in (proxy.folder, proxy.ini):
+            os.chown(path, SOMEBODY, SOMEBODY)
+        copy = self.place.copy_program("Trabex")
+        copy.chmod(0o755)
+        copy.parent.chmod(0o755)
+        proxy.command = lambda: ["setpriv", f"--reuid={SOMEBODY}", f"--regid={SOMEBODY}", "--clear-groups", copy, "/I",
+                                 proxy.ini, "/HI"]
+        proxy.start()
+        self.assertEqual(run_trabex("/SESSIONS", "/P", proxy.port), (0, "", ""))
+        self.assertEqual(as_user(SOMEBODY, "/SESSIONS", "/P", proxy.port), (0, "", ""))
+        refused = (4, "", f"Trabex: The instance on port {proxy.port} belongs to another user.\n")
+        self.assertEqual(as_user(SOMEBODY_ELSE, "/SESSIONS", "/P", proxy.port), refused)
+        self.assertEqual(as_user(SOMEBODY_ELSE, "/X", "/P", proxy.port), refused)
+        self.assertEqual(as_user(SOMEBODY, "/X", "/P", proxy.port), (0, "", ""))
+        self.assertEqual(proxy.process.wait(), 0)
+
+    def test_name_taken_by_another_user(self):
+        """The mail does not depend on the channel; root is not told anything by whoever took its name."""
+        proxy = self.trabex(self.server.port, start=False)
+        thief = subprocess.Popen(["setpriv", f"--reuid={SOMEBODY}", f"--regid={SOMEBODY}", "--clear-groups", "python3", "-c",
+                                  "import socket, time\ns = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)\n"
+                                  f"s.bind('\\x00{INSTANCE}{proxy.port}')\ns.listen()\nprint('ready', flush=True)\n"
+                                  "time.sleep(1000)"], stdout=subprocess.PIPE, cwd="/")
+        self.place.on_leaving(thief.wait)
+        self.place.on_leaving(thief.kill)
+        self.assertEqual(thief.stdout.readline(), b"ready\n")
+        proxy.start()
+        said = "This instance takes no requests: their name is not free."
+        proxy.wait_for_log(said)
+        self.assertEqual(proxy.process.stderr(), f"Trabex: {said}\n")
+        self.assertEqual(run_trabex("/SESSIONS", "/P", proxy.port),
+                         (1, "", f"Trabex: The requests to the instance on port {proxy.port} would go to a process of "
+                                 "another user, which has taken their name.\n"))
+        client = self.connect(proxy.address)
+        self.assertEqual(client.read_reply()[:3], "220")
+        self.assertEqual(run_trabex("/X", "/P", proxy.port), (0, "", ""))
+        self.assertEqual(proxy.process.wait(), 0)
+
+
+class HostileCallers(Scenario):
+    """They cost the mail nothing."""
+
+    def test_mail_under_hostile_callers(self):
+        server = self.sample_server()
+        proxy = self.trabex(server.port)
+        client = Smtp(proxy.address)
+        self.addCleanup(client.close)
+        callers = []
+        for i in range(20):
+            caller = raw_call(proxy.port)
+            self.addCleanup(caller.close)
+            caller.setblocking(False)
+            with contextlib.suppress(BlockingIOError, OSError):
+                caller.send((b"\0\xff" * 40000, b"SESSI", b"SESSIONS\n", b"\n", b"")[i % 5])
+            callers.append(caller)
+        message = text_message(1)
+        client.bdat(f"s@{DOMAIN}", [f"r@{DOMAIN}"], [message])
+        self.assertSame(message, without_received(server.wait_for_messages(1)[0].content), "under hostile callers")
+        # Some hold their places still; with those that go there is room for others.
+        for caller in callers[1::5] + callers[4::5]:
+            caller.close()
+        self.assertEqual(run_trabex("/SESSIONS", "/P", proxy.port)[0], 0)
+        self.assertEqual(client.noop()[0], 250)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,299 @@
+#include "app/control_server.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/control_protocol.h"
+#include "base/error.h"
+#include "support/control_caller.h"
+#include "support/fake_clock.h"
+#include "support/loop_runner.h"
+
+namespace trabex {
+namespace {
+
+class ControlServerTest : public testing::Test {
+ protected:
+  ControlServerTest() {
+    requests_.Add("ECHO", [](const std::vector<std::string>& arguments) {
+      ControlAnswer answer{.status = 3, .text = {}, .error = {}};
+      for (const std::string& argument : arguments) answer.text += "[" + argument + "]";
+      return answer;
+    });
+    requests_.Add("MUCH", [](const std::vector<std::string>&) {
+      return ControlAnswer{.status = 0, .text = std::string(5'000'000, 'm'), .error = {}};
+    });
+    // As many slices as the argument says, each with its number.
+    requests_.Add("SLICES", [this](const std::vector<std::string>& arguments) {
+      const int count = std::stoi(arguments.at(0));
+      return ControlSlices([this, count, next = 0](ControlAnswer& slice) mutable {
+        slices_made_.push_back(count);
+        slice.text = std::to_string(next) + ",";
+        slice.status = next;
+        return ++next < count;
+      });
+    });
+    requests_.Add("LATER", [this](const std::vector<std::string>&) { return later_; });
+    requests_.Add("RAISE", [](const std::vector<std::string>&) -> ControlReply {
+      throw Error(53, "test", "File not found");
+    });
+    EXPECT_TRUE(server_.Open(name_));
+    server_.Begin();
+  }
+
+  // What the caller gets when it says `line`.
+  std::string Answer(const std::string& line) {
+    ControlCallerPeer caller(name_);
+    caller.Send(line);
+    EXPECT_TRUE(RunUntil(loop_, [&] { return caller.Ended(); })) << line;
+    return caller.Heard();
+  }
+  bool Runs(const std::function<bool()>& predicate) { return RunUntil(loop_, predicate); }
+  void Pass(Milliseconds span) {
+    clock_.Advance(span);
+    RunUntilIdle(loop_);
+  }
+
+  const std::string name_ = "5B0E7C19D4A24F36A1F863D20C97BE48-server-" + std::to_string(getpid());
+  FakeClock clock_;
+  EventLoop loop_{clock_};
+  ControlRequests requests_;
+  ControlServer server_{loop_, requests_};
+  std::shared_ptr<PendingAnswer> later_ = std::make_shared<PendingAnswer>();
+  std::vector<int> slices_made_;
+};
+
+TEST_F(ControlServerTest, AnswersAndHangsUp) {
+  EXPECT_EQ(Answer("ECHO\n"), "X 3\n");
+  EXPECT_EQ(Answer("ECHO\ta b\t\n"), "T 7\n[a b][]X 3\n");
+  EXPECT_EQ(Answer("ECHO\tx\nECHO\ty\n"), "T 3\n[x]X 3\n") << "one request";
+  EXPECT_EQ(Answer("NOTHING\n"), "E 50\nThis instance does not know the request \"NOTHING\".X 1\n");
+  EXPECT_EQ(Answer("RAISE\n"), "E 14\nFile not foundX 1\n");
+  EXPECT_EQ(server_.CallerCount(), 0U);
+}
+
+TEST_F(ControlServerTest, RubbishIsToldSo) {
+  const std::string refused = "E 19\nThis is no request.X 2\n";
+  for (const std::string& line :
+       {std::string("\n"), std::string("\xFF\xFE\n"), std::string("ECHO\t\\x\n"), std::string("\tx\n"),
+        std::string(kMaxRequestBytes, 'x'), std::string(kMaxRequestBytes, 'x') + "\n",
+        "ECHO\t" + std::string(2 * kMaxRequestBytes, 'x') + "\n"}) {
+    EXPECT_EQ(Answer(line), refused) << line.substr(0, 20);
+  }
+  EXPECT_EQ(Answer("GET / HTTP/1.1\r\n\r\n").substr(0, 4), "E 58");
+  const std::string longest = "ECHO\t" + std::string(kMaxRequestBytes - 6, 'x') + "\n";
+  EXPECT_EQ(Answer(longest).size(), kMaxRequestBytes - 6 + 2 + std::string("T 65532\nX 3\n").size());
+}
+
+TEST_F(ControlServerTest, LineMayComeInPieces) {
+  ControlCallerPeer caller(name_);
+  for (const char c : std::string("ECHO\thello")) {
+    caller.Send({&c, 1});
+    Pass(ControlServer::kMaxSilence - Milliseconds{1000});
+    ASSERT_FALSE(caller.Ended()) << "each byte begins the time anew";
+  }
+  caller.Send("\n");
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
+  EXPECT_EQ(caller.Heard(), "T 7\n[hello]X 3\n");
+}
+
+TEST_F(ControlServerTest, OneThatSaysNothingIsHungUpOn) {
+  ControlCallerPeer silent(name_);
+  ControlCallerPeer half(name_);
+  half.Send("ECHO\tx");
+  ControlCallerPeer gone(name_);
+  gone.Send("ECHO\tx");
+  gone.EndSending();
+  ASSERT_TRUE(Runs([&] { return gone.Ended() && server_.CallerCount() == 2; }));
+  Pass(ControlServer::kMaxSilence - Milliseconds{100});
+  EXPECT_FALSE(silent.Ended() || half.Ended());
+  Pass(Milliseconds{200});
+  EXPECT_TRUE(silent.Ended() && half.Ended());
+  EXPECT_EQ(silent.Heard() + half.Heard() + gone.Heard(), "");
+  EXPECT_EQ(server_.CallerCount(), 0U);
+}
+
+TEST_F(ControlServerTest, OneThatEndsItsSideStillGetsTheAnswer) {
+  ControlCallerPeer caller(name_);
+  caller.Send("ECHO\tx\n");
+  caller.EndSending();
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
+  EXPECT_EQ(caller.Heard(), "T 3\n[x]X 3\n");
+}
+
+TEST_F(ControlServerTest, OneThatDoesNotReadIsHungUpOn) {
+  ControlCallerPeer caller(name_);
+  caller.Send("MUCH\n");
+  ASSERT_TRUE(Runs([&] { return caller.SomethingWaits(); }));
+  RunUntilIdle(loop_);
+  Pass(ControlServer::kMaxSilence - Milliseconds{100});
+  EXPECT_EQ(server_.CallerCount(), 1U);
+  Pass(Milliseconds{200});
+  EXPECT_EQ(server_.CallerCount(), 0U);
+  EXPECT_TRUE(caller.Ended());
+  EXPECT_LT(caller.Heard().size(), 5'000'000U);
+}
+
+TEST_F(ControlServerTest, OneThatReadsSlowlyGetsAll) {
+  ControlCallerPeer caller(name_);
+  caller.Send("MUCH\n");
+  ASSERT_TRUE(Runs([&] { return caller.SomethingWaits(); }));
+  while (!caller.Ended()) {
+    RunUntilIdle(loop_);
+    Pass(ControlServer::kMaxSilence - Milliseconds{100});
+  }
+  EXPECT_EQ(caller.Heard(), "T 5000000\n" + std::string(5'000'000, 'm') + "X 0\n");
+}
+
+TEST_F(ControlServerTest, EightAtOnceAndTheOthersWait) {
+  std::vector<std::unique_ptr<ControlCallerPeer>> callers;
+  for (int i = 0; i < 20; ++i) {
+    callers.push_back(std::make_unique<ControlCallerPeer>(name_));
+    ASSERT_TRUE(callers.back()->Connected());
+    if (i >= 8) callers.back()->Send("ECHO\t" + std::to_string(i) + "\n");
+  }
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == ControlServer::kMaxCallers; }));
+  RunUntilIdle(loop_);
+  EXPECT_EQ(server_.CallerCount(), ControlServer::kMaxCallers);
+  callers[3]->Send("ECHO\tx\n");
+  EXPECT_TRUE(Runs([&] {
+    bool all = true;
+    for (std::size_t i = 8; i < 20; ++i) all = all && callers[i]->Ended();
+    return all;
+  })) << "one place is enough for all who have something to say";
+  for (std::size_t i = 8; i < 20; ++i)
+    EXPECT_NE(callers[i]->Heard().find("[" + std::to_string(i) + "]X 3\n"), std::string::npos);
+  Pass(ControlServer::kMaxSilence + Milliseconds{100});
+  EXPECT_EQ(server_.CallerCount(), 0U);
+}
+
+TEST_F(ControlServerTest, SlicesAreMadeOneInATurn) {
+  ControlCallerPeer first(name_);
+  ControlCallerPeer second(name_);
+  first.Send("SLICES\t30\n");
+  second.Send("SLICES\t20\n");
+  std::size_t made = 0;
+  while (!first.Ended() || !second.Ended()) {
+    loop_.RunOnce(Milliseconds{5});
+    ASSERT_LE(slices_made_.size(), made + 1);
+    made = slices_made_.size();
+  }
+  EXPECT_EQ(made, 50U);
+  EXPECT_LT(std::find(slices_made_.begin(), slices_made_.end(), 20) - slices_made_.begin(), 10) << "in turns";
+  std::string text;
+  AnswerReader reader({.text = [&](std::string_view part) { text += part; }, .error = {}});
+  ASSERT_EQ(reader.Take(second.Heard()), AnswerReader::State::kComplete);
+  EXPECT_EQ(text, "0,1,2,3,4,5,6,7,8,9,10,11,12,13,14,15,16,17,18,19,");
+  EXPECT_EQ(reader.Status(), 19);
+}
+
+TEST_F(ControlServerTest, NoSliceIsMadeForOneThatDoesNotRead) {
+  requests_.Add("ENDLESS", [this](const std::vector<std::string>&) {
+    return ControlSlices([this](ControlAnswer& slice) {
+      slices_made_.push_back(0);
+      slice.text = std::string(50'000, 'e');
+      return true;
+    });
+  });
+  ControlCallerPeer caller(name_);
+  caller.Send("ENDLESS\n");
+  ASSERT_TRUE(Runs([&] { return caller.SomethingWaits(); }));
+  RunUntilIdle(loop_);
+  const std::size_t made = slices_made_.size();
+  EXPECT_LT(made, 100U);
+  RunUntilIdle(loop_);
+  EXPECT_EQ(slices_made_.size(), made);
+  caller.Heard();
+  EXPECT_TRUE(Runs([&] { return slices_made_.size() > made; }));
+  RunUntilIdle(loop_);
+  Pass(ControlServer::kMaxSilence + Milliseconds{100});
+  EXPECT_EQ(server_.CallerCount(), 0U);
+}
+
+TEST_F(ControlServerTest, AnswerMayTakeItsTime) {
+  ControlCallerPeer caller(name_);
+  caller.Send("LATER\n");
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 1; }));
+  Pass(10 * ControlServer::kMaxSilence);
+  EXPECT_FALSE(caller.Ended());
+  later_->Give({.status = 1, .text = "at last\n", .error = {}});
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
+  EXPECT_EQ(caller.Heard(), "T 8\nat last\nX 1\n");
+}
+
+TEST_F(ControlServerTest, AnswerThatIsGivenAtTheEndStillArrives) {
+  ControlCallerPeer caller(name_);
+  caller.Send("LATER\n");
+  ControlCallerPeer silent(name_);
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 2; }));
+  RunUntilIdle(loop_);
+  later_->Give({.status = 1, .text = "bye\n", .error = {}});
+  server_.Close();
+  EXPECT_EQ(caller.Heard(), "T 4\nbye\nX 1\n");
+  EXPECT_TRUE(caller.Ended() && silent.Ended());
+  EXPECT_FALSE(ControlCallerPeer(name_).Connected());
+}
+
+TEST_F(ControlServerTest, MayBeClosedByARequestItself) {
+  int calls = 0;
+  requests_.Add("CLOSE", [&](const std::vector<std::string>&) {
+    server_.Close();
+    return ControlAnswer{};
+  });
+  requests_.Add("SLICED", [&](const std::vector<std::string>&) {
+    return ControlSlices([&, big = std::string(100, 'x')](ControlAnswer& slice) {
+      ++calls;
+      server_.Close();
+      slice.text = big;
+      return true;
+    });
+  });
+  for (const std::string line : {"CLOSE\n", "SLICED\n"}) {
+    ControlCallerPeer caller(name_);
+    ControlCallerPeer other(name_);
+    caller.Send(line);
+    EXPECT_TRUE(Runs([&] { return caller.Ended() && other.Ended(); }));
+    EXPECT_EQ(caller.Heard(), "");
+    ASSERT_TRUE(server_.Open(name_));
+    server_.Begin();
+  }
+  RunUntilIdle(loop_);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST_F(ControlServerTest, NameMayChangeUnderAWaitingCaller) {
+  ControlCallerPeer caller(name_);
+  caller.Send("LATER\n");
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 1; }));
+  ASSERT_TRUE(server_.Open(name_ + "1"));
+  EXPECT_FALSE(ControlCallerPeer(name_).Connected());
+  ControlCallerPeer other(name_ + "1");
+  other.Send("ECHO\n");
+  EXPECT_TRUE(Runs([&] { return other.Ended(); }));
+  EXPECT_EQ(other.Heard(), "X 3\n");
+  later_->Give({});
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
+  EXPECT_EQ(caller.Heard(), "X 0\n");
+}
+
+TEST_F(ControlServerTest, CallersOfTheStartWait) {
+  ControlServer early(loop_, requests_);
+  ASSERT_TRUE(early.Open(name_ + "2"));
+  ControlCallerPeer caller(name_ + "2");
+  caller.Send("ECHO\n");
+  RunUntilIdle(loop_);
+  EXPECT_FALSE(caller.Ended());
+  early.Begin();
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
+  EXPECT_EQ(caller.Heard(), "X 3\n");
+  EXPECT_FALSE(early.Open(name_)) << "somebody else's";
+}
+
+}  // namespace
+}  // namespace trabex
