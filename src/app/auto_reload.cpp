@@ -110,7 +110,7 @@ std::optional<IniText> AutoReload::TakeFile() {
   } catch (const Error& error) {
     // It is tried again at each change in its folder, and that may be the line of the log itself.
     const std::optional<std::int64_t> stamp = StampNow();
-    if (!stamp || stamp != reported_stamp_) mCommon::LogUnreadableIniFile(program_.log, path, error);
+    if (!stamp || stamp != reported_stamp_) mCommon::LogUnreadableIniFile(program_.log, path, error, {});
     reported_stamp_ = stamp;
   }
   return std::nullopt;
@@ -123,8 +123,8 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
     return true;
   }
   if (seen || LastLineHasEnd(ini.text)) return false;
-  program_.log.LogLine("Initialization file \"" + program_.ini_file.path +
-                       "\" is not read yet because its last line has no line end.");
+  program_.log.LogProblem("Initialization file \"" + program_.ini_file.path +
+                          "\" is not read yet because its last line has no line end.");
   unfinished_stamp_ = awaited_stamp_ = ini.stamp;
   tmrAutoReloadDelay.SetInterval(kBetweenLooks);
   tmrAutoReloadDelay.Enable();
@@ -132,6 +132,7 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
 }
 
 void AutoReload::Reload(IniText ini) {
+  program_.log.TellFailureAgain();
   const Addresses before = InForce();
   if (!ReadAgain(std::move(ini))) return Failed();
   program_.certificates.Follow();

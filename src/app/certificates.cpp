@@ -125,7 +125,7 @@ bool Certificates::Load() {
     }
     contexts_ = std::move(loaded);
   } catch (const Error& error) {
-    log_.LogError(error);
+    log_.LogProblem(error);
     return false;
   }
   for (const TlsLoadReport::Failure& failure : report.failures) LogFailure(failure);
@@ -148,8 +148,8 @@ void Certificates::LogFailure(const TlsLoadReport::Failure& failure) {
     }
     return "use Ciphers " + Quoted(wanted_->tls.Ciphers);
   };
-  log_.LogLine("Unable to " + subject() + ". " + failure.reason + "." +
-               (failure.kept ? " The one in force stays." : ""));
+  log_.LogProblem("Unable to " + subject() + ". " + failure.reason + "." +
+                  (failure.kept ? " The one in force stays." : ""));
 }
 
 void Certificates::TakeCertificates(const std::vector<TlsLoadReport::Certificate>& certificates) {

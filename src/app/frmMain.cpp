@@ -111,6 +111,7 @@ void frmMain::Form_Unload() {
   tmrLog.Disable();
   program_.log.SetTimer(nullptr);
   view_.Hide();
+  program_.TellWaiting();
   // A listener itself may be the caller, so they stay until the window goes.
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   listeners_.Close();
@@ -159,7 +160,8 @@ bool frmMain::PassesLoopTest(const AddressAnswer& server) {
         throw Error(server.error, "frmMain.StartListening", std::string(SocketErrorText(server.error)));
       }
       if (!LoopsBack(endpoint, server.addresses)) continue;
-      program_.log.LogLine("Loop detected: Server IP address and port point to listening address and port.");
+      program_.log.LogProblem(
+          "Loop detected: Server IP address and port point to listening address and port.");
     } catch (const Error& error) {
       ReportListenError(endpoint, error);
     }
@@ -185,8 +187,8 @@ bool frmMain::Listen() {
 }
 
 void frmMain::ReportListenError(const ListenEndpoint& endpoint, const Error& error) {
-  program_.log.LogLine("Error " + std::to_string(error.Number()) + " binding to " +
-                       FormatHostAndPort(endpoint.host, endpoint.port) + ". " + error.Description());
+  program_.log.LogProblem("Error " + std::to_string(error.Number()) + " binding to " +
+                          FormatHostAndPort(endpoint.host, endpoint.port) + ". " + error.Description());
 }
 
 void frmMain::ShowAddresses() {
@@ -209,7 +211,7 @@ void frmMain::Listener_ConnectionRequest(std::int32_t requestID, bool tls) {
 }
 
 void frmMain::Listener_Error(int number, const std::string& description) {
-  program_.log.LogLine("L: Error " + std::to_string(number) + ". " + description);
+  program_.log.LogProblem("L: Error " + std::to_string(number) + ". " + description);
   program_.exit_status = 1;
   Form_Unload();
 }
@@ -252,6 +254,7 @@ void frmMain::ReopenLog() {
 
 void frmMain::ViewLost() {
   view_.Hide();
+  program_.TellWaiting();
   const std::string text = std::string(LostViewText()) + "; running on without one.";
   program_.log.LogLine(text);
   ShowMessage(std::string(kApplicationTitle) + ": " + text + "\n");

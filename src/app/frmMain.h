@@ -41,6 +41,9 @@ class frmMain final {
   // everything that was said to the clients has been sent, 5 seconds later at most.
   void Form_Unload();
   bool Unloaded() const { return unloaded_; }
+  // Whether Form_Load is done and the listeners are open; sessions may come then.
+  bool Loaded() const { return loaded_; }
+  bool Shown() const { return view_.Shown(); }
 
   // Listens as the settings in force say, after the test that the server is no listener of this program.
   // `done` gets whether that succeeded (if not, the reason is logged): inside this call, or from the loop

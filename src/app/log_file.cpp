@@ -28,6 +28,14 @@ void LogFile::WriteUnstamped(std::string_view line) {
   if (configuration_.Log != log_mode::kOff && EnsureOpen(clock_.Now())) Append({}, line);
 }
 
+void LogFile::TakeProblem(std::string_view message, std::string_view addition) {
+  LogLine(message);
+  if (!tell_) return;
+  std::string text(message);
+  if (!addition.empty()) text.append(text.ends_with('.') ? " " : ". ").append(addition);
+  tell_(text);
+}
+
 void LogFile::Close() {
   Flush();
   file_.Close();
@@ -47,9 +55,18 @@ bool LogFile::EnsureOpen(DateTime now) {
   if (!path.ends_with(kPathSeparator)) path += kPathSeparator;
   path += program_name_ + "-" + std::to_string(configuration_.BindPort) + "-" + FormatFileDate(now) + ".log";
   reserve_.Release();
-  if (file_.Open(path)) return true;
+  if (file_.Open(path)) {
+    failure_told_ = false;
+    return true;
+  }
   reserve_.Hold();
+  TellFailure(path);
   return false;
+}
+
+void LogFile::TellFailure(const std::string& path) {
+  if (std::exchange(failure_told_, true) || !tell_) return;
+  tell_("Unable to open log file " + Quoted(path) + ". " + file_.WhyNotOpened() + ". Nothing is logged.");
 }
 
 // The prefix of a message. A busy log writes many lines a second, so the text is made once for all of

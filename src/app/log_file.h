@@ -5,8 +5,8 @@
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
 // Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
-// as soon as much has collected. A log that cannot be opened or written loses its lines silently: the
-// mail goes on.
+// as soon as much has collected. A log that cannot be opened or written loses its lines: the mail goes on. Who
+// runs the program is told that it cannot be opened, since the log itself cannot say it.
 #pragma once
 
 #include <cstddef>
@@ -44,6 +44,11 @@ class LogFile final : public Log {
 
   // `timer` begins its interval anew with each line; nullptr: none does. It outlives its use here.
   void SetTimer(Timer* timer) { timer_ = timer; }
+  // `tell` is for what the operator has to know at once: each problem (base/log.h), and that no file can be
+  // opened, once until that has succeeded again. Empty: nobody is told.
+  void SetTell(std::function<void(std::string_view text)> tell) { tell_ = std::move(tell); }
+  // A file that still cannot be opened is told once more.
+  void TellFailureAgain() { failure_told_ = false; }
   // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
   void CollectOn(EventLoop* loop);
   // `observer` sees every message that LogLine gets, also those that are dropped; empty: none.
@@ -52,7 +57,9 @@ class LogFile final : public Log {
   }
 
  private:
+  void TakeProblem(std::string_view message, std::string_view addition) override;
   bool EnsureOpen(DateTime now);
+  void TellFailure(const std::string& path);
   const std::string& Stamp(DateTime now);
   void Append(std::string_view stamp, std::string_view text);
   void RestartTimer();
@@ -68,6 +75,8 @@ class LogFile final : public Log {
   EventLoop* loop_ = nullptr;
   Timer* timer_ = nullptr;
   std::function<void(std::string_view)> observer_;
+  std::function<void(std::string_view)> tell_;
+  bool failure_told_ = false;
   std::string stamp_;
   std::int64_t stamp_second_ = -1;  // since 1970, local
 };

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/frmMain.h"
+#include "app/printable.h"
 #include "app/version.h"
 #include "base/error.h"
 #include "config/configuration_dump.h"
@@ -12,6 +13,13 @@
 #include "tls/tls_context.h"
 
 namespace trabex {
+
+namespace {
+
+// Of what waits for the terminal to be free.
+constexpr std::size_t kMaxWaiting = std::size_t{64} * 1024;
+
+}  // namespace
 
 Program::Program(Dependencies the_dependencies)
     : dependencies(std::move(the_dependencies)),
@@ -22,7 +30,9 @@ Program::Program(Dependencies the_dependencies)
       socket_module(sockets, *names, log),
       certificates(configuration, log, dependencies.clock, loop, tls),
       greylisting(configuration.GreyListing, log, dependencies.clock, loop),
-      control(loop, requests) {}
+      control(loop, requests) {
+  log.SetTell([this](std::string_view text) { Tell(text); });
+}
 
 Program::~Program() {
   if (!window) return;
@@ -46,7 +56,7 @@ bool Program::LockInstance() {
       if (window) window->Form_Unload();
     });
   } catch (const Error& error) {
-    log.LogError(error);
+    log.LogProblem(error);
     return false;
   }
   if (instance_lock) {
@@ -54,11 +64,11 @@ bool Program::LockInstance() {
     return true;
   }
   if (const auto user = OtherUserHolding(InstanceName(configuration.BindPort))) {
-    log.LogLine(
+    log.LogProblem(
         "A process of another user (" + *user +
         ") holds the name of the instance listening on the same port; no instance of our own user runs.");
   } else {
-    log.LogLine("The instance of this application listening on the same port already running.");
+    log.LogProblem("The instance of this application listening on the same port already running.");
   }
   return false;
 }
@@ -102,6 +112,21 @@ void Program::LoadGreyListing() {
 
 void Program::ClearGreyListing() {
   greylisting_records->Clear();
+}
+
+void Program::Tell(std::string_view text) {
+  const std::string line = std::string(kApplicationTitle) + ": " + Printable(text) + "\n";
+  if (!window || !window->Loaded()) {
+    dependencies.err << line;
+  } else if (!window->Shown() || !MessagesGoToTerminal()) {
+    dependencies.show(line);
+  } else if (waiting_.size() + line.size() <= kMaxWaiting) {
+    waiting_ += line;
+  }
+}
+
+void Program::TellWaiting() {
+  if (!waiting_.empty()) dependencies.show(std::exchange(waiting_, {}));
 }
 
 EarlyKeyInputs Program::MakeEarlyKeyInputs() const {

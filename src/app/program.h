@@ -22,6 +22,7 @@
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/instance_lock.h"
+#include "platform/message.h"
 #include "platform/sockets.h"
 #include "proxy/tls_contexts.h"
 #include "resolver/name_lookup.h"
@@ -35,6 +36,8 @@ struct Dependencies {
   const Clock& clock;
   std::ostream& out;
   std::ostream& err;
+  // Where the operator is told of problems once there may be sessions; never waits.
+  std::function<void(std::string_view text)> show = ShowMessage;
   std::string program_directory = ProgramDirectory();
   std::string program_name = ProgramName();  // without extension; begins the names of its files
   std::function<std::unique_ptr<NameLookup>(EventLoop&)> make_names = [](EventLoop& loop) {
@@ -67,6 +70,11 @@ struct Program final : LoadHost {
   bool SaveGreyListing() override;
   void LoadGreyListing() override;
   void ClearGreyListing() override;
+  // Tells whoever runs the program a sentence, on standard error. While the window is shown on a terminal,
+  // what that terminal is told waits.
+  void Tell(std::string_view text);
+  // Tells what has waited; called when the window is not shown any more.
+  void TellWaiting();
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;
   LoadDependencies MakeLoadDependencies();
@@ -91,6 +99,9 @@ struct Program final : LoadHost {
   ControlServer control;
   std::unique_ptr<InstanceLock> instance_lock;
   std::unique_ptr<frmMain> window;
+
+ private:
+  std::string waiting_;  // for the terminal to be free: whole lines
 };
 
 }  // namespace trabex

@@ -1,6 +1,7 @@
 #include "app/start_up.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "app/command_line.h"
@@ -9,7 +10,9 @@
 #include "app/frmMain.h"
 #include "app/printable.h"
 #include "app/version.h"
+#include "base/text.h"
 #include "config/ini_paths.h"
+#include "platform/files.h"
 
 namespace trabex {
 
@@ -18,30 +21,25 @@ namespace {
 // The steps of a start, each taken only when those before it succeeded.
 class StartUp {
  public:
-  StartUp(Program& program, const CommandLine& line) : program_(program), line_(line) {
-    TakeCommandLine();
-    // The line that says why a start failed is the last one that was logged, whether logging is on or not.
-    program_.log.SetObserver([this](std::string_view message) { last_message_ = message; });
-  }
-  ~StartUp() { program_.log.SetObserver({}); }
+  StartUp(Program& program, const CommandLine& line) : program_(program), line_(line) { TakeCommandLine(); }
   StartUp(const StartUp&) = delete;
   StartUp& operator=(const StartUp&) = delete;
 
   int Run() {
-    if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return Failed();
+    if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return exit_status::kFailed;
     const std::int32_t port = program_.configuration.BindPort;
     if (line_.exit_request) return AskForExit(port, program_.dependencies.err);
     if (!line_.request.empty()) {
       return AskInstance(port, line_.request, program_.dependencies.out, program_.dependencies.err);
     }
-    if (!program_.LockInstance()) return Failed();
+    TellOtherPlace();
+    if (!program_.LockInstance()) return exit_status::kFailed;
     if (LoadConfiguration(program_.MakeLoadDependencies(), program_.configuration) == LoadResult::kFailed) {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);
     if (!program_.window->Form_Load(!line_.hidden) && !program_.window->Unloaded()) return ListenerFailed();
     if (!line_.hidden) program_.window->Show(line_.minimized);
-    program_.log.SetObserver({});
     program_.log.CollectOn(&program_.loop);
     program_.loop.Run();
     program_.log.CollectOn(nullptr);
@@ -62,35 +60,31 @@ class StartUp {
     }
   }
 
-  int Failed() {
-    PrintReason(last_message_);
-    return exit_status::kFailed;
+  // A path that was meant from the current directory leads elsewhere.
+  void TellOtherPlace() {
+    const std::string& path = program_.ini_file.path;
+    if (!line_.ini_file || *line_.ini_file == path) return;
+    const auto exists = [](std::string_view file) { return FindFileIdentity(NativePath(file)).has_value(); };
+    if (exists(path) || !exists(*line_.ini_file)) return;
+    program_.Tell("The initialization file is " + Quoted(path) + "; the one in the current directory is " +
+                  Quoted("./" + *line_.ini_file) + ".");
   }
 
   int ConfigurationFailed() {
-    PrintReason(last_message_);
-    program_.log.LogLine(TitleAndVersion() + " not started due to an error in initialization file.");
+    program_.log.LogProblem(TitleAndVersion() + " not started due to an error in initialization file.");
     program_.log.Close();
     program_.control.Close();
     program_.instance_lock.reset();
-    return Failed();
-  }
-
-  int ListenerFailed() {
-    const std::string reason = std::exchange(last_message_, {});
-    program_.window->Form_Unload();
-    PrintReason(reason);
     return exit_status::kFailed;
   }
 
-  void PrintReason(std::string_view message) {
-    if (!message.empty())
-      program_.dependencies.err << kApplicationTitle << ": " << Printable(message) << '\n';
+  int ListenerFailed() {
+    program_.window->Form_Unload();
+    return exit_status::kFailed;
   }
 
   Program& program_;
   const CommandLine& line_;
-  std::string last_message_;
 };
 
 }  // namespace

@@ -19,6 +19,16 @@ class Log {
   // Writes "Error <number> in <source>. <description>".
   void LogError(int number, std::string_view description, std::string_view source);
   void LogError(const Error& error) { LogError(error.Number(), error.Description(), error.Source()); }
+
+  // The same for a line that says that something is not as the settings want it. Whoever runs the program is
+  // told the line too, with `addition` behind it, which the log does not show.
+  void LogProblem(std::string_view message, std::string_view addition = {}) {
+    TakeProblem(message, addition);
+  }
+  void LogProblem(const Error& error);
+
+ private:
+  virtual void TakeProblem(std::string_view message, std::string_view /*addition*/) { LogLine(message); }
 };
 
 // Runs `action` as the body of an event handler: an Error that leaves it, or another standard exception, is

@@ -44,8 +44,8 @@ std::string QuotedIfNeeded(const std::string& name) {
 std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const SectionTable& section,
                                                  std::string_view key, std::string_view program_directory) {
   std::vector<CertificateFiles> list;
-  const auto report = [&](const Error& error) {
-    ReportConfigError(errors, section.Name(), key, error.Number(), error.Description());
+  const auto report = [&](const Error& error, std::string_view where) {
+    ReportConfigError(errors, section.Name(), key, error.Number(), error.Description(), kEntryLeftOut, where);
   };
   const auto take = [&](std::string_view entry) {
     if (entry.empty()) return;
@@ -57,7 +57,7 @@ std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const 
                     "Expression " + Quoted(entry) + " specified more than once.");
       }
     } catch (const Error& error) {
-      return report(error);
+      return report(error, entry);
     }
     list.push_back(std::move(files));
   };
@@ -66,7 +66,7 @@ std::vector<CertificateFiles> GetCertificateList(const IniErrors& errors, const 
     try {
       entries = SplitOutside(value, ",", kQuote, kQuote);
     } catch (const Error& error) {
-      return report(error);
+      return report(error, value);
     }
     for (std::string_view entry : entries) take(Trim(entry));
   };

@@ -97,9 +97,10 @@ void ReadEarlyKeysFromText(std::string_view text, const EarlyKeyInputs& inputs, 
   using C = Configuration;
   const std::vector<EarlyKey> keys = FindEarlyKeys(text);
   configuration.IgnoreIniErrors = false;
-  configuration.IgnoreIniErrors = EarlyInteger({log, false}, KeyOf(keys, &C::IgnoreIniErrors)) != 0;
+  configuration.IgnoreIniErrors =
+      EarlyInteger({log, inputs.observer != nullptr, inputs.observer}, KeyOf(keys, &C::IgnoreIniErrors)) != 0;
 
-  const IniErrors errors{log, configuration.IgnoreIniErrors};
+  const IniErrors errors{log, configuration.IgnoreIniErrors || inputs.observer != nullptr, inputs.observer};
   configuration.Log = EarlyInteger(errors, KeyOf(keys, &C::Log));
   if (inputs.log_path_given) {
     configuration.Log = log_mode::kOn;

@@ -8,6 +8,7 @@
 
 #include "base/log.h"
 #include "config/configuration.h"
+#include "config/load_observer.h"
 
 namespace trabex {
 
@@ -16,6 +17,8 @@ struct EarlyKeyInputs {
   std::string program_directory;
   bool log_path_given = false;  // "/L": Configuration::LogPath is set already
   bool port_given = false;      // "/P": Configuration::BindPort is set already
+  // Is told of the errors, which then are all ignored; nullptr: there is none.
+  LoadObserver* observer = nullptr;
 };
 
 enum class EarlyKeysResult {

@@ -85,18 +85,25 @@ bool ReadIniText(std::string_view path, std::string text, SectionStore& store, c
     try {
       taker.Take(line);
     } catch (const Error& error) {
-      errors.log.LogLine(
+      if (errors.observer != nullptr) {
+        errors.observer->BadLine(line, error);
+        if (!errors.ignore) return false;
+        continue;
+      }
+      errors.log.LogProblem(
           "Error reading initialization file " + Quoted(path) + ", line " + std::to_string(lines.Number()) +
-          ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description());
+              ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description(),
+          errors.ignore ? "The line is left out." : "");
       if (!errors.ignore) return false;
     }
   }
   return true;
 }
 
-void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error) {
-  log.LogLine("Error reading initialization file " + Quoted(path) +
-              ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description());
+void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error, std::string_view consequence) {
+  log.LogProblem("Error reading initialization file " + Quoted(path) + ". Error number: " +
+                     std::to_string(error.Number()) + ", Description: " + error.Description(),
+                 consequence);
 }
 
 IniText TakeIniFile(std::string_view path) {
@@ -122,7 +129,8 @@ IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const I
   try {
     ini = TakeIniFile(file.path);
   } catch (const Error& error) {
-    LogUnreadableIniFile(errors.log, file.path, error);
+    LogUnreadableIniFile(errors.log, file.path, error,
+                         errors.ignore ? "All settings have their defaults." : "");
     return IniReadResult::kUnreadable;
   }
   if (!ReadIniText(file.path, std::move(ini.text), store, errors)) return IniReadResult::kAbandoned;

@@ -48,8 +48,8 @@ IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const I
 // The same from a text; `path` is for messages. False: abandoned.
 bool ReadIniText(std::string_view path, std::string text, SectionStore& store, const IniErrors& errors);
 
-// Writes the line about a file that is missing or cannot be read.
-void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error);
+// Writes the line about a file that is missing or cannot be read. `consequence` as in ReportConfigError.
+void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error, std::string_view consequence);
 
 }  // namespace mCommon
 }  // namespace trabex

@@ -35,21 +35,24 @@ class ListMaker {
     try {
       pieces = SplitOutside(value, ",", form_.open_delimiter, form_.close_delimiter);
     } catch (const Error& error) {
-      Report(error);
+      Report(error, value);
       return;
     }
     for (std::string_view piece : pieces) TakePiece(Trim(piece));
   }
 
   ExpressionList TakeList() { return std::move(list_); }
+  // Where the entries stand; kept only for an observer.
+  std::vector<std::string_view> TakePlaces() { return std::move(places_); }
 
  private:
   bool HasDelimiter(std::string_view text) const {
     return !form_.open_delimiter.empty() && text.find(form_.open_delimiter) != std::string_view::npos;
   }
 
-  void Report(const Error& error) {
-    ReportConfigError(errors_, section_.Name(), key_, error.Number(), error.Description());
+  void Report(const Error& error, std::string_view where) {
+    ReportConfigError(errors_, section_.Name(), key_, error.Number(), error.Description(), kEntryLeftOut,
+                      where);
   }
 
   void TakePiece(std::string_view piece) {
@@ -66,10 +69,10 @@ class ListMaker {
         entry.patterns.assign(1, std::string(text));
       }
     } catch (const Error& error) {
-      Report(error);
+      Report(error, piece);
       return;
     }
-    Add(text, std::move(entry));
+    Add(text, std::move(entry), piece);
   }
 
   std::vector<std::string_view> Words(std::string_view piece) const {
@@ -96,16 +99,18 @@ class ListMaker {
     return FirstWord(text);
   }
 
-  void Add(std::string_view text, ListEntry entry) {
+  void Add(std::string_view text, ListEntry entry, std::string_view where) {
     try {
       list_.Add(StorageKey(text), std::move(entry));
+      if (errors_.observer != nullptr) places_.push_back(where);
     } catch (const Error& error) {
       if (error.Number() != error_number::kDuplicateKey) {
-        Report(error);
+        Report(error, where);
         return;
       }
       ReportConfigError(errors_, section_.Name(), key_, error.Number(),
-                        "Expression \"" + std::string(text) + "\" specified more than once.");
+                        "Expression \"" + std::string(text) + "\" specified more than once.", kEntryLeftOut,
+                        where);
     }
   }
 
@@ -114,7 +119,36 @@ class ListMaker {
   std::string_view key_;
   ListForm form_;
   ExpressionList list_;
+  std::vector<std::string_view> places_;
 };
+
+// A list, and where its entries stand if there is an observer.
+struct PlacedList {
+  ExpressionList list;
+  std::vector<std::string_view> places;
+
+  std::string_view PlaceOf(std::size_t index) const {
+    return index < places.size() ? places[index] : std::string_view();
+  }
+};
+
+PlacedList ReadList(const IniErrors& errors, std::string_view key, const SectionTable& section,
+                    std::string_view default_text, const ListForm& form) {
+  ListMaker maker(errors, section, key, form);
+  const SectionTable::Entry* const entry = section.Find(key);
+  if (entry == nullptr) {
+    maker.TakeValue(default_text);
+  } else {
+    maker.TakeValue(entry->first_value);
+    for (std::string_view value : entry->further_values) maker.TakeValue(value);
+  }
+  return {maker.TakeList(), maker.TakePlaces()};
+}
+
+void TellPlaces(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                std::vector<std::string_view> places) {
+  if (errors.observer != nullptr) errors.observer->ListRead(section.Name(), key, std::move(places));
+}
 
 // The text between "<" and ">".
 std::string Bracketed(std::string_view part) {
@@ -162,16 +196,23 @@ IPRange PartialRange(std::string_view text) {
 // Ranges as `read` reads them.
 IPRangeList ReadRanges(const IniErrors& errors, std::string_view key, const SectionTable& section,
                        std::string_view default_text, IPRange (*read)(std::string_view)) {
-  const ExpressionList list = GetList(errors, key, section, default_text, kRangeListForm);
+  const PlacedList placed = ReadList(errors, key, section, default_text, kRangeListForm);
   std::vector<IPRange> ranges;
-  ranges.reserve(list.Count());
-  for (std::size_t index = 0; index < list.Count(); ++index) {
+  ranges.reserve(placed.list.Count());
+  std::vector<std::string_view> places;
+  std::vector<std::string_view> ipv6_places;
+  for (std::size_t index = 0; index < placed.list.Count(); ++index) {
+    const std::string_view place = placed.PlaceOf(index);
     try {
-      ranges.push_back(read(Expression(list, index)));
+      ranges.push_back(read(Expression(placed.list, index)));
+      if (errors.observer != nullptr) (ranges.back().low.IsIPv6() ? ipv6_places : places).push_back(place);
     } catch (const Error& error) {
-      ReportConfigError(errors, section.Name(), key, error.Number(), error.Description());
+      ReportConfigError(errors, section.Name(), key, error.Number(), error.Description(), kEntryLeftOut,
+                        place);
     }
   }
+  places.insert(places.end(), ipv6_places.begin(), ipv6_places.end());
+  TellPlaces(errors, section, key, std::move(places));
   return IPRangeList(ranges);
 }
 
@@ -179,15 +220,9 @@ IPRangeList ReadRanges(const IniErrors& errors, std::string_view key, const Sect
 
 ExpressionList GetList(const IniErrors& errors, std::string_view key, const SectionTable& section,
                        std::string_view default_text, const ListForm& form) {
-  ListMaker maker(errors, section, key, form);
-  const SectionTable::Entry* const entry = section.Find(key);
-  if (entry == nullptr) {
-    maker.TakeValue(default_text);
-  } else {
-    maker.TakeValue(entry->first_value);
-    for (std::string_view value : entry->further_values) maker.TakeValue(value);
-  }
-  return maker.TakeList();
+  PlacedList placed = ReadList(errors, key, section, default_text, form);
+  TellPlaces(errors, section, key, std::move(placed.places));
+  return std::move(placed.list);
 }
 
 IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
@@ -203,15 +238,20 @@ IPRangeList GetPartialIPRangeList(const IniErrors& errors, std::string_view key,
 ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTable& section) {
   ResponseChangeTable table;
   for (const SectionTable::Entry& entry : section.Entries()) {
-    const ExpressionList records = GetList(errors, entry.key, section, {}, kReplaceRecordForm);
+    const PlacedList records = ReadList(errors, entry.key, section, {}, kReplaceRecordForm);
     cReplaces replaces;
-    for (std::size_t index = 0; index < records.Count(); ++index) {
+    std::vector<std::string_view> places;
+    for (std::size_t index = 0; index < records.list.Count(); ++index) {
+      const std::string_view place = records.PlaceOf(index);
       try {
-        AddReplaceRecord(replaces, Expression(records, index));
+        AddReplaceRecord(replaces, Expression(records.list, index));
+        if (errors.observer != nullptr) places.push_back(place);
       } catch (const Error& error) {
-        ReportConfigError(errors, section.Name(), entry.key, error.Number(), error.Description());
+        ReportConfigError(errors, section.Name(), entry.key, error.Number(), error.Description(),
+                          kEntryLeftOut, place);
       }
     }
+    TellPlaces(errors, section, entry.key, std::move(places));
     replaces.SetName(std::string(entry.key));
     if (replaces.Count() > 0) table.Add(std::move(replaces));
   }

@@ -183,8 +183,9 @@ class SettingReader {
     try {
       return context_.local_host_name();
     } catch (const Error& error) {
-      errors_.log.LogLine("Unable to get local host name. Error number: " + std::to_string(error.Number()) +
-                          ", Description: " + error.Description());
+      errors_.log.LogProblem("Unable to get local host name. Error number: " +
+                                 std::to_string(error.Number()) + ", Description: " + error.Description(),
+                             "It is called localhost.");
       return "localhost";
     }
   }
@@ -206,7 +207,10 @@ class SettingReader {
   }
 
   void Report(const Setting& setting, std::string_view description) const {
-    mCommon::ReportConfigError(errors_, setting.section, setting.key, error_number::kBadValue, description);
+    const SectionTable::Entry* const entry = Section(setting).Find(setting.key);
+    mCommon::ReportConfigError(errors_, setting.section, setting.key, error_number::kBadValue, description,
+                               mCommon::DefaultTaken(setting.default_text),
+                               entry == nullptr ? std::string_view() : entry->first_value);
   }
 
   // Reports that the value cannot be used with those of other settings, and takes the default.

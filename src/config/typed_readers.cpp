@@ -98,7 +98,8 @@ std::string GetString(const IniErrors& errors, const SectionTable& section, std:
     const bool matches = pattern_kind == PatternKind::kPlainLike ? mText::PlainLike(value, pattern)
                                                                  : mText::LikeText(value, pattern);
     if (!matches) {
-      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value));
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value),
+                        DefaultTaken(default_value), value);
       return std::string(default_value);
     }
   }
@@ -109,7 +110,8 @@ std::int32_t ConvertInteger(const IniErrors& errors, std::string_view section, s
                             std::string_view value, std::int32_t default_value, std::int64_t min,
                             std::int64_t max) {
   const auto bad = [&](std::string_view description) {
-    ReportConfigError(errors, section, key, error_number::kBadValue, description);
+    ReportConfigError(errors, section, key, error_number::kBadValue, description,
+                      DefaultTaken(std::to_string(default_value)), value);
     return default_value;
   };
   if (value.empty()) return bad(kEmptyNumberText);
@@ -131,7 +133,8 @@ FixedPoint GetSize(const IniErrors& errors, const SectionTable& section, std::st
   const SectionTable::Entry* const entry = section.Find(key);
   if (entry == nullptr) return default_value;
   const auto bad = [&](std::string_view description) {
-    ReportConfigError(errors, section.Name(), key, error_number::kBadValue, description);
+    ReportConfigError(errors, section.Name(), key, error_number::kBadValue, description,
+                      DefaultTaken(FormatWhole(default_value)), entry->first_value);
     return default_value;
   };
   std::string_view value = entry->first_value;
@@ -154,7 +157,8 @@ std::string GetChoice(const IniErrors& errors, const SectionTable& section, std:
   if (entry == nullptr) return std::string(default_value);
   const std::string_view value = entry->first_value;
   if (std::find(choices.begin(), choices.end(), value) != choices.end()) return std::string(value);
-  ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value));
+  ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(value),
+                    DefaultTaken(default_value), value);
   return std::string(default_value);
 }
 
@@ -165,10 +169,11 @@ std::vector<std::string> GetChoices(const IniErrors& errors, const SectionTable&
     const auto choice = std::find_if(choices.begin(), choices.end(),
                                      [&](std::string_view known) { return EqualNoCase(known, name); });
     if (choice == choices.end()) {
-      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(name));
+      ReportConfigError(errors, section.Name(), key, error_number::kBadValue, InadmissibleText(name),
+                        kEntryLeftOut, name);
     } else if (std::find(list.begin(), list.end(), *choice) != list.end()) {
       ReportConfigError(errors, section.Name(), key, error_number::kDuplicateKey,
-                        "Expression " + Quoted(name) + " specified more than once.");
+                        "Expression " + Quoted(name) + " specified more than once.", kEntryLeftOut, name);
     } else {
       list.emplace_back(*choice);
     }
@@ -194,7 +199,7 @@ Endpoint GetEndpoint(const IniErrors& errors, const SectionTable& section, std::
   const std::optional<Endpoint> endpoint = ParseEndpoint(entry->first_value);
   if (!endpoint) {
     ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
-                      InadmissibleText(entry->first_value));
+                      InadmissibleText(entry->first_value), DefaultTaken({}), entry->first_value);
     return {};
   }
   text = entry->first_value;
@@ -208,7 +213,8 @@ IPAddresses GetIPAddresses(const IniErrors& errors, const SectionTable& section,
     if (list && !list->addresses.empty()) return *list;
     if (!list) {
       ReportConfigError(errors, section.Name(), key, error_number::kBadValue,
-                        InadmissibleText(entry->first_value));
+                        InadmissibleText(entry->first_value), DefaultTaken(default_value),
+                        entry->first_value);
     }
   }
   return ReadAddresses(default_value).value_or(IPAddresses());
@@ -219,7 +225,7 @@ ReplacementTable GetReplacementTable(const IniErrors& errors, const SectionTable
   for (const SectionTable::Entry& entry : section.Entries()) {
     if (!IsPatternList(entry.key)) {
       ReportConfigError(errors, section.Name(), entry.key, error_number::kBadPattern,
-                        "Invalid Regular Expression in key name.");
+                        "Invalid Regular Expression in key name.", kEntryLeftOut, entry.key);
       continue;
     }
     table.Add(std::string(entry.key), std::string(entry.first_value));

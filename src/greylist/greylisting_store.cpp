@@ -91,13 +91,22 @@ void GreyListingStore::LoadGreyListingDatabase(bool from_backup) {
     warning_.Dropped(database_.TakeDropped(), "");
   } catch (const Error& error) {
     if (!from_backup) {
-      log_.LogLine(ErrorText("load GreyListing database", error.Number(), error.Description()) +
-                   " Backup GreyListing database will be loaded.");
+      LogNotLoaded(error, ErrorText("load GreyListing database", error.Number(), error.Description()) +
+                              " Backup GreyListing database will be loaded.");
       LoadGreyListingDatabase(true);
     } else {
-      log_.LogLine(ErrorText("load Backup GreyListing database", error.Number(), error.Description()) +
-                   " New database file will be created.");
+      LogNotLoaded(error, ErrorText("load Backup GreyListing database", error.Number(), error.Description()) +
+                              " New database file will be created.");
     }
+  }
+}
+
+// A file that is not there yet is nothing out of order.
+void GreyListingStore::LogNotLoaded(const Error& error, const std::string& line) {
+  if (error.Number() == error_number::kFileNotFound) {
+    log_.LogLine(line);
+  } else {
+    log_.LogProblem(line);
   }
 }
 
@@ -157,7 +166,7 @@ GreyListingSaveResult GreyListingStore::Saved(DateTime now, std::size_t left_out
 }
 
 GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::string_view description) {
-  log_.LogLine(ErrorText("save GreyListing database", number, description));
+  log_.LogProblem(ErrorText("save GreyListing database", number, description));
   database_.SetChanged(true);
   return {GreyListingSaveResult::Kind::kFailed, now};
 }

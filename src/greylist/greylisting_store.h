@@ -89,6 +89,7 @@ class GreyListingStore {
   void Drop();
   GreyListingSaveResult Saved(DateTime now, std::size_t left_out);
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
+  void LogNotLoaded(const Error& error, const std::string& line);
   GreyListingSaveResult Conclude(DateTime now, const TaskResult& result);
   void BeginSweep(DateTime now);
   void SweepSome();

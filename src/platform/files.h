@@ -54,6 +54,8 @@ class AppendFile {
   // Creates the file when it is missing; false when it cannot be opened. Only regular files are opened (a
   // FIFO or a device would hold up the caller).
   bool Open(const std::string& path, NewFileReaders readers = NewFileReaders::kAsUsual);
+  // Why the last Open failed, as the errors above describe it; without a full stop.
+  const std::string& WhyNotOpened() const { return why_not_opened_; }
   bool IsOpen() const { return file_.IsOpen(); }
   // Failures are ignored: false says that some of it was lost.
   bool Write(std::string_view text);
@@ -61,6 +63,7 @@ class AppendFile {
 
  private:
   NativeFile file_;
+  std::string why_not_opened_;
 };
 
 // The most that ReadWholeFile takes into memory: far more than any file that people write.

@@ -9,4 +9,7 @@ namespace trabex {
 // must not hold up the mail.
 void ShowMessage(std::string_view text);
 
+// Whether standard error is a terminal, on which a message may stand in the middle of what else is shown.
+bool MessagesGoToTerminal();
+
 }  // namespace trabex

@@ -198,5 +198,43 @@ TEST_F(AutoReloadTest, AnotherServerDoesNotTouchTheListener) {
   EXPECT_TRUE(PlainSocket().Connect(port_));
 }
 
+TEST_F(AutoReloadTest, TellsWhatIsWrongWithTheNewFile) {
+  Start();
+  WriteIni("Timeout=abc\n");
+  Pass(31);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_EQ(err_.str(),
+            "Trabex: Error parsing initialization file. Section: \"Common\", Key name: \"Timeout\", Error "
+            "number: 380, Description: Value is not a number: \"abc\". The default is taken: 300\n");
+  EXPECT_FALSE(Window().Unloaded());
+}
+
+TEST_F(AutoReloadTest, TellsWhyItEndsTheProgram) {
+  Start();
+  WriteIni("IgnoreIniErrors=0\nTimeout=abc\n");
+  Pass(31);
+  EXPECT_TRUE(Window().Unloaded());
+  EXPECT_EQ(program_->exit_status, 1);
+  EXPECT_EQ(err_.str(),
+            "Trabex: Error parsing initialization file. Section: \"Common\", Key name: \"Timeout\", Error "
+            "number: 380, Description: Value is not a number: \"abc\".\n");
+}
+
+TEST_F(AutoReloadTest, TellsOnceMoreThatNothingIsLogged) {
+  Start();
+  EXPECT_EQ(err_.str(), "");
+  std::filesystem::remove_all(folder_ / "Log");
+  WriteFile(folder_ / "Log", "no folder");
+  program_->log.Close();
+  program_->log.LogLine("x");
+  const std::string told = "Trabex: Unable to open log file ";
+  EXPECT_TRUE(err_.str().starts_with(told)) << err_.str();
+  program_->log.LogLine("y");
+  EXPECT_EQ(err_.str().rfind(told), 0U);
+  WriteIni("Timeout=60\n");
+  Pass(31);
+  EXPECT_NE(err_.str().rfind(told), 0U);
+}
+
 }  // namespace
 }  // namespace trabex

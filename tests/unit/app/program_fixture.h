@@ -23,13 +23,15 @@ class ProgramTest : public testing::Test {
     return {.clock = clock_,
             .out = out_,
             .err = err_,
+            .show = [this](std::string_view text) { err_ << text; },
             .program_directory = folder_.Path(),
             .program_name = "Trabex",
-            .make_names = [this](EventLoop& loop) {
-              auto names = std::make_unique<FakeNameLookup>(loop);
-              names_ = names.get();
-              return names;
-            }};
+            .make_names =
+                [this](EventLoop& loop) {
+                  auto names = std::make_unique<FakeNameLookup>(loop);
+                  names_ = names.get();
+                  return names;
+                }};
   }
   void ObserveLog(Program& program) {
     program.log.SetObserver([this](std::string_view message) { log_.emplace_back(message); });

@@ -71,6 +71,7 @@ class StartUpTest : public testing::Test {
                       {.clock = clock_,
                        .out = out_,
                        .err = err_,
+                       .show = [this](std::string_view text) { err_ << text; },
                        .program_directory = folder_.Path(),
                        .program_name = "Trabex",
                        .make_names = [](EventLoop& loop) { return std::make_unique<FakeNameLookup>(loop); }});
@@ -211,6 +212,44 @@ TEST_F(StartUpTest, IgnoredErrorsAreLoggedAndTheStartGoesOn) {
   EXPECT_EQ(RunAndEnd({"/HI"}), 0);
   EXPECT_THAT(LogLines(),
               ElementsAre(HasSubstr("Value is not a number: \"abc\"."), kStarted, ListenLine(), kStopped));
+  EXPECT_EQ(err_.str(),
+            "Trabex: Error parsing initialization file. Section: \"Common\", Key name: \"Timeout\", Error "
+            "number: 380, Description: Value is not a number: \"abc\". The default is taken: 300\n");
+}
+
+TEST_F(StartUpTest, WhateverIsWrongIsTold) {
+  const struct {
+    const char* lines;
+    const char* told;
+  } rows[] = {
+      {"novalue\n", "Description: Invalid line: \"novalue\". The line is left out."},
+      {"[Comon]\n", "Description: Invalid section name: \"Comon\". The line is left out."},
+      {"Log=x\n", "Description: Value is not a number: \"x\". The default is taken: 1"},
+      {"MaxSize=5X\n", "Description: Value is not a number: \"5X\". The default is taken: 0"},
+      {"IPBlackList=1.2.3\n", "Description: Invalid IP address: \"1.2.3\". The entry is left out."},
+      {"SendersBlackList=[x\n", "in string: \"[x\". The entry is left out."},
+      {"[TLS]\nMinVersion=2\n", "Description: Inadmissible string: \"2\". The default is taken: 1.2"},
+      {"[TLS]\nCertificate=/no/such.pem\n", "Unable to load certificate \"/no/such.pem\". "},
+      {"[Service]\nStatusHTTP=x\n", "string: \"x\". The default is taken, which is empty."},
+      {"[SenderReplacements.Local]\n[x=y\n", "Error reading initialization file "},
+      {"[SenderReplacements.Local]\n*[=y\n", "Regular Expression in key name. The entry is left out."},
+      {"[GreyListing]\nEnabled=1\nDatabase=/no/such/folder/db\n",
+       "Unable to load GreyListing database. Error 76. Path not found."},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.lines);
+    WriteIni(row.lines);
+    EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+    EXPECT_THAT(err_.str(), StartsWith("Trabex: "));
+    EXPECT_THAT(err_.str(), HasSubstr(row.told));
+  }
+}
+
+TEST_F(StartUpTest, NewDatabaseIsNothingToTell) {
+  fs::create_directory(folder_ / "GreyListing");
+  WriteIni("[GreyListing]\nEnabled=1\n");
+  EXPECT_EQ(RunAndEnd({"/HI"}), 0);
+  EXPECT_THAT(LogText(), HasSubstr("Unable to load GreyListing database. Error 53."));
   EXPECT_EQ(err_.str(), "");
 }
 
@@ -297,12 +336,31 @@ TEST_F(StartUpTest, MissingFileMeansTheDefaults) {
   EXPECT_EQ(Run({"/HI", "/P", port_text_}), 1);
   EXPECT_THAT(LogLines(), ElementsAre(HasSubstr("Error number: 53, Description: File not found"), kStarted,
                                       StartsWith("Error 10048 binding to 0.0.0.0:" + port_text_), kStopped));
+  EXPECT_THAT(err_.str(),
+              HasSubstr("reading initialization file \"" + folder_.Path() +
+                        "/Trabex.ini\". Error number: 53, Description: File not found. All settings "
+                        "have their defaults.\n"));
+}
+
+TEST_F(StartUpTest, FileOfTheCurrentDirectoryIsToldWhenItIsNotTheOneThatIsMeant) {
+  const fs::path before = fs::current_path();
+  fs::create_directory(folder_ / "here");
+  WriteFile(folder_ / "here/x.ini", "[Common]\nBindPort=0\n");
+  fs::current_path(folder_ / "here");
+  PlainSocket other;
+  port_text_ = std::to_string(other.Bind());
+  other.Listen();
+  EXPECT_EQ(Run({"/HI", "/P", port_text_, "/I", "x.ini"}), 1);
+  fs::current_path(before);
+  EXPECT_THAT(err_.str(), StartsWith("Trabex: The initialization file is \"" + folder_.Path() +
+                                     "/x.ini\"; the one in the current directory is \"./x.ini\".\n"));
 }
 
 TEST_F(StartUpTest, LogThatCannotBeWrittenIsNoReasonNotToServe) {
   WriteIni("LogPath=" + (folder_ / "no/parent") + "\n");
   EXPECT_EQ(RunAndEnd({"/HI"}), 0);
-  EXPECT_EQ(err_.str(), "");
+  EXPECT_EQ(err_.str(), "Trabex: Unable to open log file \"" + (folder_ / "no/parent") + "/Trabex-" +
+                            port_text_ + "-261115.log\". Path not found. Nothing is logged.\n");
 }
 
 }  // namespace

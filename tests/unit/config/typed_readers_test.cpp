@@ -34,12 +34,12 @@ auto ReadBothWays(const std::string& value, const std::string& description, Read
 
 TEST(ReportConfigError, NamesSectionAndKeyAndRaisesUnlessIgnored) {
   RecordedLog log;
-  mCommon::ReportConfigError({log, true}, "Common", "BindIP", 93, "Something.");
+  mCommon::ReportConfigError({log, true}, "Common", "BindIP", 93, "Something.", "It is left out.");
   EXPECT_EQ(log.Take(),
             (Lines{"Error parsing initialization file. Section: \"Common\", Key name: \"BindIP\", Error "
                    "number: 93, Description: Something."}));
   try {
-    mCommon::ReportConfigError({log, false}, "Common", "BindIP", 93, "Something.");
+    mCommon::ReportConfigError({log, false}, "Common", "BindIP", 93, "Something.", "It is left out.");
     FAIL();
   } catch (const Error& error) {
     EXPECT_EQ(error.Number(), 93);

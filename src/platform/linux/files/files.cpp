@@ -112,7 +112,13 @@ bool AppendFile::Open(const std::string& path, NewFileReaders readers) {
   SurviveFileSizeLimit();
   const mode_t mode = readers == NewFileReaders::kGroup ? 0640 : 0666;
   file_ = NativeFile(OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT, mode).Release());
-  return IsOpen();
+  if (IsOpen()) return true;
+  try {
+    RaisePathError(errno, path, "AppendFile.Open");
+  } catch (const Error& error) {
+    why_not_opened_ = error.Description();
+  }
+  return false;
 }
 
 bool AppendFile::Write(std::string_view text) {

@@ -21,4 +21,8 @@ void ShowMessage(std::string_view text) {
   }
 }
 
+bool MessagesGoToTerminal() {
+  return isatty(STDERR_FILENO) == 1;
+}
+
 }  // namespace trabex
