@@ -1,5 +1,6 @@
-// What of a text from outside the program may be shown as it is. A terminal takes some characters for
-// commands, and some make a line look like two, or like another one.
+// What of a text from outside the program may be shown, or passed on, as it is. A terminal takes some
+// characters for commands, a server takes some for line ends or blanks, and some make a line look like two, or
+// like another one.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +27,15 @@ bool IsVisible(char32_t code);
 // What `text` (not empty) begins with.
 TextPiece FirstPiece(std::string_view text);
 
+// Whether `text` holds a byte below 32 other than a tab, DEL, or one of U+0080 to U+009F in UTF-8 (U+0085 ends
+// a line, U+009B begins a terminal's command as ESC and "[" do).
+bool HoldsControl(std::string_view text);
+
 // Appends each byte as "\xHH", which is what is shown of one that is not to be shown as it is.
 void AppendHex(std::string& text, std::string_view bytes);
+
+// Appends `text` as one line can show it: every CR LF becomes "¶", and each byte of every other character that
+// is not visible "\xHH". Bytes that are no UTF-8 otherwise stay as they are.
+void AppendVisible(std::string& line, std::string_view text);
 
 }  // namespace trabex

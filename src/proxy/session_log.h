@@ -14,10 +14,9 @@ namespace trabex {
 // sent one.
 std::string_view LogMark(std::int32_t level);
 
-// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), `mark`, text. In `text`
-// every CR LF becomes "¶", so that a multi-line block stays on one line, and each byte of every other
-// character that is not visible (base/visible_text.h) "\xHH", so that no peer forges a line or reaches the
-// terminal of who reads it. Bytes that are no UTF-8 otherwise stay as they are.
+// One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), `mark`, text. The text is
+// shown as AppendVisible does (base/visible_text.h), so that a block of lines stays on one line, and no peer
+// forges a line or reaches the terminal of who reads it.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark = {});
 

@@ -1,10 +1,8 @@
-#include "proxy/dialogue/control_characters.h"
+#include "base/visible_text.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "unit/proxy/dialogue.h"
 
 namespace trabex {
 namespace {
