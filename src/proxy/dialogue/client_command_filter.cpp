@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/ip_address.h"
 #include "base/text.h"
 #include "base/unicode_fold.h"
 #include "base/visible_text.h"
@@ -11,12 +10,14 @@
 #include "proxy/dialogue/mailbox.h"
 #include "proxy/dialogue/received_header.h"
 #include "proxy/dialogue/response_changes.h"
+#include "proxy/dialogue/session_macros.h"
 
 namespace trabex {
 
 namespace {
 
 using Action = LineDecision::Action;
+using enum ReplyKind;
 
 // What the log shows of authentication data.
 constexpr std::string_view kSecret = "***";
@@ -26,8 +27,11 @@ bool IsBlank(char byte) {
 }
 
 std::string_view WithoutLeadingBlanks(std::string_view text) {
-  const auto first = std::find_if_not(text.begin(), text.end(), IsBlank);
-  return text.substr(static_cast<std::size_t>(first - text.begin()));
+  return std::string_view(std::find_if_not(text.begin(), text.end(), IsBlank), text.end());
+}
+
+std::string_view UpToBlank(std::string_view text) {
+  return std::string_view(text.begin(), std::find_if(text.begin(), text.end(), IsBlank));
 }
 
 // An address literal resolves to the address inside.
@@ -44,97 +48,448 @@ bool RefusedByLists(std::string_view value, const ExpressionList& white, const E
   return !mText::MatchList(value, allow) || mText::MatchList(value, black);
 }
 
+// Why a line is refused.
+struct Refusal {
+  ReplyKind kind;
+  std::string_view key = FindPolicyReply(kind).key;
+};
+using MaybeRefusal = std::optional<Refusal>;
+
 }  // namespace
+
+// Filters one line: holds it with the state that it meets, and makes the decision.
+class ClientCommandFilter::LineFilter {
+ public:
+  LineFilter(const ClientCommandFilter& filter, const DialogueState& state)
+      : configuration_(filter.configuration_),
+        clock_(filter.clock_),
+        facts_(filter.facts_),
+        greylisting_(filter.greylisting_),
+        state_(state) {
+    requested_ = state.requested;
+  }
+
+  LineDecision Process(std::string_view line) {
+    if (state_.phase == Phase::kAuthData) {
+      ProcessAuthenticationData(line);
+    } else {
+      Parse(line);
+      ProcessCommand(HoldsControl(WithoutLineEnd(line)));
+    }
+    return Complete();
+  }
+
+  LineDecision ProcessAddresses(std::string_view line, const HostAddresses& answer) {
+    Parse(line);
+    const auto& addresses = answer.addresses;
+    if (!answer.found) {
+      Answer({kHeloDNSError});
+    } else if (std::find(addresses.begin(), addresses.end(), facts_.ClientIP()) == addresses.end()) {
+      Answer({kHeloInvalid});
+    } else {
+      ForwardAsIs();
+    }
+    return Complete();
+  }
+
+  std::string BuildReply(const Refusal& refusal) const {
+    const SessionMacros macros(configuration_, clock_, facts_, requested_, state_.offered,
+                               state_.BytesReceived);
+    std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
+    ApplyPolicyChanges(refusal.kind, refusal.key, requested_, reply, configuration_, macros);
+    return reply;
+  }
+
+ private:
+  // --- the form of a line
+
+  void Parse(std::string_view line) {
+    line = WithoutLeadingBlanks(WithoutLineEnd(line));
+    text_ = UpToBlank(line);
+    verb_ = ToUpper(text_);
+    command_ = &FindCommand(verb_);
+    const std::string_view rest = WithoutLeadingBlanks(line.substr(text_.size()));
+    if (!rest.empty()) text_.append(" ").append(rest);
+    std::replace(text_.begin(), text_.end(), '\t', ' ');
+  }
+
+  // What follows the verb, with its blank.
+  std::string_view Rest() const { return std::string_view(text_).substr(verb_.size()); }
+
+  void ProcessAuthenticationData(std::string_view line) {
+    if (HoldsControl(WithoutLineEnd(line))) {
+      Answer({kBadSyntax});
+      decision_.end = true;
+    } else {
+      decision_.text = line;
+      decision_.logged = std::string(kSecret).append(kCrLf);
+    }
+  }
+
+  void ProcessCommand(bool holds_control) {
+    if (command_->id == Command::kBdat) {
+      // The octets of a refused BDAT follow all the same (RFC 3030), and are no commands.
+      decision_.octets_follow = OctetCount(FirstParameter(Rest()));
+      if (!decision_.octets_follow) {
+        // The chunk's end is unknown.
+        Answer({kBadSequence, "BadSeq.BDAT"});
+        decision_.end = true;
+        return;
+      }
+    }
+    // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
+    if (holds_control || !IsAscii(verb_)) return Answer({kBadSyntax});
+    if (IsNotImplemented()) return Answer({kNotImplemented});
+    if (state_.transaction == Transaction::kRefused) {
+      return Answer({command_->id == Command::kQuit ? kQuitBadIP : kBadSequenceBadIP});
+    }
+    if (command_->id == Command::kStarttls) return ProcessStartTls();
+    if (NeedsTlsFirst()) return Answer({kTlsRequired});
+    if (const MaybeRefusal refusal = CheckOrder()) return Answer(*refusal);
+    ProcessPolicy();
+  }
+
+  // --- TLS
+
+  // Without a certificate in the settings there is no STARTTLS, as there are no other commands that are blocked;
+  // but a client that was offered it before a reload shall hear that it is gone for now.
+  bool IsNotImplemented() const {
+    if (!command_->blocked) return false;
+    return command_->id != Command::kStarttls || !(facts_.TlsConfigured() || state_.offered.TlsOffered);
+  }
+
+  // RFC 3207, 4: what a client may say before TLS where it must use it.
+  bool NeedsTlsFirst() const {
+    if (!AppliesToClient(configuration_.TLS.Require, facts_) || facts_.TlsActive()) return false;
+    const Command id = command_->id;
+    return id != Command::kEhlo && id != Command::kNoop && id != Command::kQuit;
+  }
+
+  void ProcessStartTls() {
+    if (facts_.TlsActive() || !state_.offered.Extensions.Has(command_->verb))
+      return Answer({kNotImplemented});
+    if (!Rest().empty()) return Answer({kTlsSyntax});
+    if (const MaybeRefusal refusal = CheckOrder()) return Answer(*refusal);
+    // TLS makes both sides forget what was said before. The server does not hear of it, and would keep a login.
+    if (state_.login.ever) return Answer({kBadSequence, "BadSeq.Transaction"});
+    if (!facts_.TlsReady()) return Answer({kTlsNotAvailable});
+    decision_.action = Action::kStartTls;
+    decision_.text = BuildReply({kTlsBegins});
+  }
+
+  // --- order
+
+  // Of the rules of a transaction several may refuse; the last of them gives the answer.
+  MaybeRefusal CheckOrder() const {
+    const CommandRow& command = *command_;
+    if (state_.transaction == Transaction::kNoGreeting && !command.before_greeting) {
+      return Refusal{kBadSequenceNoHelo};
+    }
+    const bool chunks = state_.transaction == Transaction::kChunks;
+    MaybeRefusal refusal;
+    if (state_.transaction == Transaction::kOpen || chunks) {
+      const bool extension_missing =
+          !command.extension.empty() && !state_.offered.Extensions.Has(command.extension);
+      if (command.transaction == TransactionRule::kOutsideTransaction || extension_missing) {
+        refusal = {kBadSequence, "BadSeq.Transaction"};
+      }
+    } else if (command.transaction == TransactionRule::kInTransaction) {
+      refusal = {kBadSequence, "BadSeq.NoTransaction"};
+    }
+    if (chunks && !command.in_chunk_sequence) refusal = {kBadSequence, "BadSeq.BDAT"};
+    return refusal;
+  }
+
+  // --- policy
+
+  void ProcessPolicy() {
+    switch (command_->id) {
+      case Command::kEhlo:
+      case Command::kHelo:
+        return ProcessHelo();
+      // SEND, SOML and SAML (RFC 821) open a transaction just as MAIL does.
+      case Command::kMail:
+      case Command::kSend:
+      case Command::kSoml:
+      case Command::kSaml:
+        return ProcessMail();
+      case Command::kRcpt:
+        return ProcessRcpt();
+      case Command::kData:
+        return ProcessData();
+      case Command::kBdat:
+        return ProcessBdat();
+      case Command::kXexch50:
+        return ProcessXexch50();
+      case Command::kAuth:
+        return ProcessAuth();
+      default:
+        return ForwardAsIs();
+    }
+  }
+
+  // The one of two settings that holds for the client.
+  template <class Setting>
+  const Setting& ForClient(const Setting& local, const Setting& remote) const {
+    return facts_.IsLocalClient() ? local : remote;
+  }
+
+  void ProcessAuth() {
+    const bool withheld = facts_.TlsConfigured() && !facts_.TlsActive() &&
+                          AppliesToClient(configuration_.TLS.RequireForAUTH, facts_);
+    if (withheld) return Answer({kAuthTlsRequired});
+    ForwardAsIs();
+  }
+
+  // --- HELO and EHLO
+
+  void ProcessHelo() {
+    std::string& domain = requested_.HeloDomain;
+    requested_.EhloUsed = command_->id == Command::kEhlo;
+    domain = FirstParameter(Rest());
+    const std::int32_t checks = configuration_.ValidateHELO;
+    const bool has_black_list =
+        (checks & ForClient(validate_helo::kBlackListLocal, validate_helo::kBlackListRemote)) != 0;
+    if (has_black_list && mText::MatchList(domain, configuration_.HELOBlackList)) {
+      return Answer({domain.empty() ? kHeloNoDomain : kHeloBlackList});
+    }
+    const bool is_looked_up = (checks & ForClient(validate_helo::kDnsLocal, validate_helo::kDnsRemote)) != 0;
+    if (!is_looked_up || HeloMatchesHostName()) return ForwardAsIs();
+    if (domain.empty()) return Answer({kHeloNoDomain});
+    decision_.action = Action::kAskForAddresses;
+    decision_.text = NameToLookUp(domain);
+  }
+
+  bool HeloMatchesHostName() const {
+    const std::string& domain = requested_.HeloDomain;
+    const std::string host = facts_.ClientHostNameOrUnknown();
+    return EqualFolded(domain, host) || EndsWithFolded(domain, "." + host) ||
+           EndsWithFolded(host, "." + domain);
+  }
+
+  // --- MAIL and RCPT
+
+  // `keyword` is what the rest of the line begins with.
+  ParsedPath PathBehind(std::string_view keyword) const {
+    return ParsePath(Rest().substr(keyword.size()),
+                     static_cast<AddressesWithoutBrackets>(configuration_.ProcessAddressesWithoutBrackets));
+  }
+
+  void ProcessMail() {
+    constexpr std::string_view kFrom = " FROM:";
+    const Configuration& c = configuration_;
+    if (!StartsWithNoCase(Rest(), kFrom)) return Answer({kMailAddressSyntax});
+    const ParsedPath path = PathBehind(kFrom);
+    requested_.DeclaredSize = 0;
+    const auto address = NormalizeMailbox(path.address);
+    // Whether the transaction that it begins may have addresses beyond ASCII.
+    const bool smtp_utf8 = state_.offered.SmtpUtf8Offered && HasKeyword(path.parameters, "SMTPUTF8");
+    if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
+      ++requested_.TransactionCount;
+      requested_.BeginTransaction(address.value_or(path.address), smtp_utf8);
+      return ForwardAsIs();
+    }
+    if (path.verdict == ParsedPath::Verdict::kSyntaxError || !address ||
+        !(smtp_utf8 || IsAscii(path.address)) || !AreKeywordParameters(path.parameters)) {
+      return Answer({kMailAddressSyntax});
+    }
+    requested_.Sender = *address;
+    ++requested_.TransactionCount;
+    const std::int32_t max_transactions = ForClient(c.MaxTransactionsLocal, c.MaxTransactionsRemote);
+    if (max_transactions != 0 && requested_.TransactionCount > max_transactions) {
+      return Answer({kMailTooManyTransactions});
+    }
+    if (!address->empty() &&
+        RefusedByLists(*address, c.SendersWhiteList, c.SendersAllowList, c.SendersBlackList)) {
+      return Answer({kMailBlackList});
+    }
+    if (const auto size = DeclaredSize(path.parameters); size && state_.offered.SizeLimit != 0) {
+      requested_.DeclaredSize = *size;
+      if (*size > state_.offered.SizeLimit) return Answer({kMailSize});
+    }
+    requested_.BeginTransaction(*address, smtp_utf8);
+    const auto& replacements = ForClient(c.SenderReplacementsLocal, c.SenderReplacementsRemote);
+    Forward(verb_ + " FROM:<" + Replaced(*address, replacements) + ">" + std::string(path.parameters));
+  }
+
+  void ProcessRcpt() {
+    constexpr std::string_view kTo = " TO:";
+    if (!StartsWithNoCase(Rest(), kTo)) return Answer({kRcptAddressSyntax});
+    const ParsedPath path = PathBehind(kTo);
+    const auto address = NormalizeMailbox(path.address);
+    const std::string recipient = address.value_or(path.address);
+    if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
+      ++requested_.RecipientCount;
+      requested_.Recipient = recipient;
+      return ForwardAsIs();
+    }
+    const bool taken = address && (requested_.SmtpUtf8 || IsAscii(path.address));
+    // An address that is routed on needs no canonical form: the relaying test refuses it.
+    const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(recipient);
+    if (path.verdict == ParsedPath::Verdict::kSyntaxError || !(taken || relayed) ||
+        !AreKeywordParameters(path.parameters)) {
+      return Answer({kRcptAddressSyntax});
+    }
+    requested_.Recipient = recipient;
+    ++requested_.RecipientCount;
+    if (const MaybeRefusal refusal = CheckRecipient()) return Answer(*refusal);
+    if (IsGreylisted()) return Answer({kRcptGreylisted});
+    const auto& replacements =
+        ForClient(configuration_.RecipientReplacementsLocal, configuration_.RecipientReplacementsRemote);
+    Forward("RCPT TO:<" + Replaced(recipient, replacements) + ">" + std::string(path.parameters));
+  }
+
+  MaybeRefusal CheckRecipient() const {
+    const Configuration& c = configuration_;
+    const std::int32_t max_recipients = ForClient(c.MaxRecipientsLocal, c.MaxRecipientsRemote);
+    if (max_recipients != 0 && requested_.RecipientCount > max_recipients) {
+      return Refusal{kRcptTooManyRecipients};
+    }
+    const std::string& recipient = requested_.Recipient;
+    const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
+    if (facts_.IsLocalClient()) {
+      if (!local_domain && mText::MatchList(requested_.Sender, c.RestrictedSenders)) {
+        return Refusal{kRcptRestricted};
+      }
+      if (RefusedByLists(recipient, c.RecipientsWhiteListLocal, c.RecipientsAllowListLocal,
+                         c.RecipientsBlackListLocal)) {
+        return Refusal{kRcptBlackListLocal};
+      }
+      return std::nullopt;
+    }
+    if (!local_domain || HasRouteInLocalPart(recipient)) return Refusal{kRcptRelaying};
+    if (RefusedByLists(recipient, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote,
+                       c.RecipientsBlackListRemote)) {
+      return Refusal{kRcptBlackListRemote};
+    }
+    if (mText::MatchList(recipient, c.PrivateRecipients)) return Refusal{kRcptPrivate};
+    return std::nullopt;
+  }
+
+  // Whether the recipient is refused for now.
+  bool IsGreylisted() {
+    const GreyListingSettings& settings = configuration_.GreyListing;
+    if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return false;
+    if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), requested_.Sender,
+                                   requested_.Recipient)) {
+      return false;
+    }
+    const std::int32_t action = settings.CallbackSenderAction;
+    if (!mText::MatchList(requested_.Sender, settings.CallbackSendersList)) return true;
+    if (action == callback_sender_action::kRefuse) return true;
+    // A callback only asks whether the recipient exists: it passes here, and is refused when it begins to send.
+    requested_.Greylisted |=
+        action == callback_sender_action::kRefuseAtData || action == callback_sender_action::kCloseAtData;
+    return false;
+  }
+
+  std::string Replaced(const std::string& address, const ReplacementTable& table) {
+    try {
+      return FindAddressReplacement(address, table).value_or(address);
+    } catch (const Error& error) {
+      // A key may be a good pattern as a whole and bad in its parts. The mail goes on without replacement.
+      decision_.failure = error;
+      return address;
+    }
+  }
+
+  // --- content
+
+  void ProcessData() {
+    if (!requested_.Greylisted) return ForwardAsIs();
+    if (configuration_.GreyListing.CallbackSenderAction == callback_sender_action::kCloseAtData)
+      return Break();
+    Answer({kDataGreylisted});
+  }
+
+  void ProcessBdat() {
+    if (requested_.Greylisted) return Break();
+    const bool first_chunk = state_.transaction != Transaction::kChunks;
+    std::string header;
+    if (first_chunk && requested_.RecipientCount != 0 && configuration_.AddReceived) {
+      header = GenerateReceivedHeader(configuration_, clock_, facts_, requested_, state_.login).append(kCrLf);
+    }
+    Forward(WithCount(*decision_.octets_follow + header.size()));
+    decision_.forwarded->last_chunk = IsLastChunk(Rest());
+    // The header is content, which the log does not show.
+    if (!header.empty()) decision_.logged = decision_.text;
+    decision_.text.append(header);
+  }
+
+  void ProcessXexch50() {
+    const auto octets = OctetCount(FirstParameter(Rest()));
+    if (!octets) return Answer({kBadSequence, "BadSeq.Transaction"});
+    Forward(WithCount(*octets));
+    decision_.forwarded->octets = *octets;
+  }
+
+  // The line with its first parameter, an octet count, as `octets`: without zeros in front, which some servers
+  // take for the sign of an octal number.
+  std::string WithCount(std::uint64_t octets) const {
+    const std::string_view parameters = Rest().substr(1);
+    return verb_ + " " + std::to_string(octets) +
+           std::string(parameters.substr(FirstWord(parameters).size()));
+  }
+
+  // --- the decision
+
+  void Forward(std::string text) {
+    decision_.text = std::move(text.append(kCrLf));
+    decision_.forwarded = ForwardedCommand{verb_, command_->id};
+    if (command_->id == Command::kAuth) decision_.logged = LoggedForm(decision_.text, Phase::kCommand);
+  }
+
+  void ForwardAsIs() { Forward(text_); }
+
+  void Answer(const Refusal& refusal) {
+    const PolicyReply& row = FindPolicyReply(refusal.kind);
+    if (row.after == AfterReply::kCount) ++requested_.BadSequenceCount;
+    decision_.action = Action::kAnswer;
+    decision_.text = BuildReply(refusal);
+    decision_.end = row.after == AfterReply::kClose;
+  }
+
+  void Break() {
+    decision_.action = Action::kBreak;
+    decision_.text = "Connection broken due to Greylisting";
+  }
+
+  // What is checked after every line.
+  LineDecision Complete() {
+    const bool goes_on = decision_.action == Action::kForward || decision_.action == Action::kAnswer;
+    decision_.too_many_bad_sequences = goes_on && requested_.BadSequenceCount > configuration_.MaxBadSeq;
+    return std::move(decision_);
+  }
+
+  const Configuration& configuration_;
+  const Clock& clock_;
+  const SessionFacts& facts_;
+  GreylistCheck* const greylisting_;
+  const DialogueState& state_;
+
+  LineDecision decision_;
+  RequestedState& requested_ = decision_.requested;
+  std::string& verb_ = requested_.CurrentVerb;
+  std::string text_;  // verb as written, one blank, rest; without CR LF
+  const CommandRow* command_ = nullptr;
+};
 
 ClientCommandFilter::ClientCommandFilter(const Configuration& configuration, const Clock& clock,
                                          const SessionFacts& facts, GreylistCheck* greylisting)
     : configuration_(configuration), clock_(clock), facts_(facts), greylisting_(greylisting) {}
 
-ClientCommandFilter::Line ClientCommandFilter::ParseCommandLine(std::string_view line) {
-  line = WithoutLeadingBlanks(WithoutLineEnd(line));
-  const auto verb_end =
-      static_cast<std::size_t>(std::find_if(line.begin(), line.end(), IsBlank) - line.begin());
-  const std::string_view rest = WithoutLeadingBlanks(line.substr(verb_end));
-  Line result;
-  result.text = line.substr(0, verb_end);
-  result.verb = ToUpper(result.text);
-  if (!rest.empty()) result.text.append(" ").append(rest);
-  std::replace(result.text.begin(), result.text.end(), '\t', ' ');
-  result.command = &FindCommand(result.verb);
-  return result;
-}
-
 LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view line,
                                                       const DialogueState& state) const {
-  Draft draft(state);
-  return Complete(ProcessLine(line, draft), draft);
+  return LineFilter(*this, state).Process(line);
 }
 
-LineDecision ClientCommandFilter::ProcessLine(std::string_view text, Draft& draft) const {
-  if (draft.state.phase == Phase::kAuthData) return ProcessAuthenticationData(text, draft);
-  const Line line = ParseCommandLine(text);
-  draft.requested.CurrentVerb = line.verb;
-  const bool is_bdat = line.command->id == Command::kBdat;
-  const auto octets = is_bdat ? OctetCount(FirstParameter(line.Rest())) : std::nullopt;
-  // Without a valid count the chunk's end is unknown: 503, and the session ends.
-  if (is_bdat && !octets) return Ending(Answer({ReplyKind::kBadSequence, "BadSeq.BDAT"}, draft));
-
-  LineDecision decision;
-  // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
-  if (HoldsControl(WithoutLineEnd(text)) || !IsAscii(line.verb)) {
-    decision = Answer({ReplyKind::kBadSyntax, ""}, draft);
-  } else if (IsNotImplemented(line, draft.state)) {
-    decision = Answer({ReplyKind::kNotImplemented, ""}, draft);
-  } else if (draft.state.transaction == Transaction::kRefused) {
-    decision = ProcessRefusedSession(line, draft);
-  } else if (line.command->id == Command::kStarttls) {
-    decision = ProcessStartTls(line, draft);
-  } else if (const MaybeRefusal no_tls = CheckTls(line)) {
-    decision = Answer(*no_tls, draft);
-  } else if (const MaybeRefusal refusal = CheckOrder(line, draft.state)) {
-    decision = Answer(*refusal, draft);
-  } else if (is_bdat) {
-    decision = ProcessBdat(line, *octets, draft);
-  } else {
-    decision = ProcessPolicy(line, draft);
-  }
-  // The octets of a refused BDAT follow all the same (RFC 3030), and are no commands.
-  decision.octets_follow = octets;
-  return decision;
+LineDecision ClientCommandFilter::ProcessAddresses(std::string_view line, const HostAddresses& answer,
+                                                   const DialogueState& state) const {
+  return LineFilter(*this, state).ProcessAddresses(line, answer);
 }
 
-LineDecision ClientCommandFilter::ProcessPolicy(const Line& line, Draft& draft) const {
-  switch (line.command->id) {
-    case Command::kEhlo:
-    case Command::kHelo:
-      return ProcessHelo(line, draft);
-    // SEND, SOML and SAML (RFC 821) open a transaction just as MAIL does.
-    case Command::kMail:
-    case Command::kSend:
-    case Command::kSoml:
-    case Command::kSaml:
-      return ProcessMail(line, draft);
-    case Command::kRcpt:
-      return ProcessRcpt(line, draft);
-    case Command::kData:
-      return ProcessData(line, draft);
-    case Command::kXexch50:
-      return ProcessXexch50(line, draft);
-    case Command::kAuth:
-      return ProcessAuth(line, draft);
-    default:
-      return ForwardAsIs(line);
-  }
-}
-
-// --- the form of a line
-
-LineDecision ClientCommandFilter::ProcessAuthenticationData(std::string_view line, Draft& draft) const {
-  if (HoldsControl(WithoutLineEnd(line))) return Ending(Answer({ReplyKind::kBadSyntax, ""}, draft));
-  LineDecision decision;
-  decision.text = line;
-  decision.logged = std::string(kSecret).append(kCrLf);
-  return decision;
+std::string ClientCommandFilter::BuildReply(ReplyKind kind, const DialogueState& state) const {
+  return LineFilter(*this, state).BuildReply({kind});
 }
 
 bool ClientCommandFilter::IsTooLong(std::string_view line, bool whole, Phase phase) {
@@ -147,390 +502,17 @@ bool ClientCommandFilter::IsTooLong(std::string_view line, bool whole, Phase pha
   return !authentication || min_size > kMaxAuthenticationLine;
 }
 
-std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) const {
+std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) {
   const std::string_view text = WithoutLineEnd(line);
   const std::string_view line_end = line.substr(text.size());
   if (phase == Phase::kAuthData) return std::string(kSecret).append(line_end);
   const std::string_view command = WithoutLeadingBlanks(text);
-  if (!StartsWithNoCase(command, "AUTH") || (command.size() > 4 && !IsBlank(command[4])))
-    return std::string(line);
-  const std::string_view rest = WithoutLeadingBlanks(command.substr(4));
-  const auto mechanism_end = std::find_if(rest.begin(), rest.end(), IsBlank);
-  const std::string_view secret =
-      WithoutLeadingBlanks(rest.substr(static_cast<std::size_t>(mechanism_end - rest.begin())));
+  const std::string_view verb = UpToBlank(command);
+  if (!EqualNoCase(verb, "AUTH")) return std::string(line);
+  const std::string_view rest = WithoutLeadingBlanks(command.substr(verb.size()));
+  const std::string_view secret = WithoutLeadingBlanks(rest.substr(UpToBlank(rest).size()));
   if (secret.empty()) return std::string(line);
   return std::string(text.substr(0, text.size() - secret.size())).append(kSecret).append(line_end);
-}
-
-LineDecision ClientCommandFilter::ProcessRefusedSession(const Line& line, Draft& draft) const {
-  const bool quits = line.command->id == Command::kQuit;
-  return Answer({quits ? ReplyKind::kQuitBadIP : ReplyKind::kBadSequenceBadIP, ""}, draft);
-}
-
-// --- TLS
-
-// Without a certificate in the settings there is no STARTTLS, as there are no other commands that are blocked; but
-// a client that was offered it before a reload shall hear that it is gone for now.
-bool ClientCommandFilter::IsNotImplemented(const Line& line, const DialogueState& state) const {
-  if (!line.command->blocked) return false;
-  return line.command->id != Command::kStarttls || !(facts_.TlsConfigured() || state.offered.TlsOffered);
-}
-
-// RFC 3207, 4: what a client may say before TLS where it must use it.
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTls(const Line& line) const {
-  if (!AppliesToClient(configuration_.TLS.Require, facts_) || facts_.TlsActive()) return std::nullopt;
-  switch (line.command->id) {
-    case Command::kEhlo:
-    case Command::kNoop:
-    case Command::kQuit:
-      return std::nullopt;
-    default:
-      return Refusal{ReplyKind::kTlsRequired, ""};
-  }
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckStartTls(const Line& line,
-                                                                     const DialogueState& state) const {
-  if (facts_.TlsActive() || !state.offered.Extensions.Has(line.command->verb)) {
-    return Refusal{ReplyKind::kNotImplemented, ""};
-  }
-  if (!line.Rest().empty()) return Refusal{ReplyKind::kTlsSyntax, ""};
-  if (const MaybeRefusal refusal = CheckOrder(line, state)) return refusal;
-  // TLS makes both sides forget what was said before. The server does not hear of it, and would keep a login.
-  if (state.login.ever) return Refusal{ReplyKind::kBadSequence, "BadSeq.Transaction"};
-  if (!facts_.TlsReady()) return Refusal{ReplyKind::kTlsNotAvailable, ""};
-  return std::nullopt;
-}
-
-LineDecision ClientCommandFilter::ProcessStartTls(const Line& line, Draft& draft) const {
-  if (const MaybeRefusal refusal = CheckStartTls(line, draft.state)) return Answer(*refusal, draft);
-  LineDecision decision;
-  decision.action = Action::kStartTls;
-  decision.text = BuildReply({ReplyKind::kTlsBegins, ""}, draft.requested, draft.state);
-  return decision;
-}
-
-// --- order
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckOrder(const Line& line,
-                                                                  const DialogueState& state) const {
-  if (state.transaction == Transaction::kNoGreeting && !line.command->before_greeting) {
-    return Refusal{ReplyKind::kBadSequenceNoHelo, ""};
-  }
-  return CheckTransactionOrder(line, state);
-}
-
-// Several rules may refuse; the last of them gives the answer.
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckTransactionOrder(
-    const Line& line, const DialogueState& state) const {
-  const CommandRow& command = *line.command;
-  const bool chunks = state.transaction == Transaction::kChunks;
-  MaybeRefusal refusal;
-  if (state.transaction == Transaction::kOpen || chunks) {
-    const bool extension_missing =
-        !command.extension.empty() && !state.offered.Extensions.Has(command.extension);
-    if (command.transaction == TransactionRule::kOutsideTransaction || extension_missing) {
-      refusal = {ReplyKind::kBadSequence, "BadSeq.Transaction"};
-    }
-  } else if (command.transaction == TransactionRule::kInTransaction) {
-    refusal = {ReplyKind::kBadSequence, "BadSeq.NoTransaction"};
-  }
-  if (chunks && !command.in_chunk_sequence) refusal = {ReplyKind::kBadSequence, "BadSeq.BDAT"};
-  return refusal;
-}
-
-// --- AUTH
-
-LineDecision ClientCommandFilter::ProcessAuth(const Line& line, Draft& draft) const {
-  const bool withheld = facts_.TlsConfigured() && !facts_.TlsActive() &&
-                        AppliesToClient(configuration_.TLS.RequireForAUTH, facts_);
-  return withheld ? Answer({ReplyKind::kAuthTlsRequired, ""}, draft) : ForwardAsIs(line);
-}
-
-// --- HELO and EHLO
-
-LineDecision ClientCommandFilter::ProcessHelo(const Line& line, Draft& draft) const {
-  std::string& domain = draft.requested.HeloDomain;
-  draft.requested.EhloUsed = line.command->id == Command::kEhlo;
-  domain = FirstParameter(line.Rest());
-  if (const MaybeRefusal refusal = CheckHeloBlackList(domain)) return Answer(*refusal, draft);
-  const std::int32_t dns_check =
-      facts_.IsLocalClient() ? validate_helo::kDnsLocal : validate_helo::kDnsRemote;
-  if ((configuration_.ValidateHELO & dns_check) == 0 || HeloMatchesHostName(domain)) return ForwardAsIs(line);
-  if (domain.empty()) return Answer({ReplyKind::kHeloNoDomain, ""}, draft);
-  LineDecision decision;
-  decision.action = Action::kAskForAddresses;
-  decision.text = NameToLookUp(domain);
-  return decision;
-}
-
-LineDecision ClientCommandFilter::ProcessAddresses(std::string_view text, const HostAddresses& answer,
-                                                   const DialogueState& state) const {
-  Draft draft(state);
-  const Line line = ParseCommandLine(text);
-  if (!answer.found) return Complete(Answer({ReplyKind::kHeloDNSError, ""}, draft), draft);
-  const IPAddress client = facts_.ClientIP();
-  const bool confirmed =
-      std::find(answer.addresses.begin(), answer.addresses.end(), client) != answer.addresses.end();
-  return Complete(confirmed ? ForwardAsIs(line) : Answer({ReplyKind::kHeloInvalid, ""}, draft), draft);
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckHeloBlackList(std::string_view domain) const {
-  const std::int32_t check =
-      facts_.IsLocalClient() ? validate_helo::kBlackListLocal : validate_helo::kBlackListRemote;
-  if ((configuration_.ValidateHELO & check) == 0) return std::nullopt;
-  if (!mText::MatchList(domain, configuration_.HELOBlackList)) return std::nullopt;
-  return Refusal{domain.empty() ? ReplyKind::kHeloNoDomain : ReplyKind::kHeloBlackList, ""};
-}
-
-bool ClientCommandFilter::HeloMatchesHostName(std::string_view domain) const {
-  const std::string host = facts_.ClientHostNameOrUnknown();
-  return EqualFolded(domain, host) || EndsWithFolded(domain, "." + host) ||
-         EndsWithFolded(host, std::string(".").append(domain));
-}
-
-// --- MAIL
-
-LineDecision ClientCommandFilter::ProcessMail(const Line& line, Draft& draft) const {
-  constexpr std::string_view kFrom = " FROM:";
-  if (!StartsWithNoCase(line.Rest(), kFrom)) return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
-  const ParsedPath path =
-      ParsePath(line.Rest().substr(kFrom.size()),
-                static_cast<AddressesWithoutBrackets>(configuration_.ProcessAddressesWithoutBrackets));
-  RequestedState& requested = draft.requested;
-  requested.DeclaredSize = 0;
-  const auto address = NormalizeMailbox(path.address);
-  // Whether the transaction that it begins may have addresses beyond ASCII.
-  const bool smtp_utf8 = draft.state.offered.SmtpUtf8Offered && HasKeyword(path.parameters, "SMTPUTF8");
-  if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
-    ++requested.TransactionCount;
-    requested.BeginTransaction(address.value_or(path.address), smtp_utf8);
-    return ForwardAsIs(line);
-  }
-  if (path.verdict == ParsedPath::Verdict::kSyntaxError || !address ||
-      !(smtp_utf8 || IsAscii(path.address)) || !AreKeywordParameters(path.parameters)) {
-    return Answer({ReplyKind::kMailAddressSyntax, ""}, draft);
-  }
-  requested.Sender = *address;
-  ++requested.TransactionCount;
-  if (const MaybeRefusal refusal = CheckMail(requested)) return Answer(*refusal, draft);
-  if (const auto size = DeclaredSize(path.parameters); size && draft.state.offered.SizeLimit != 0) {
-    requested.DeclaredSize = *size;
-    if (*size > draft.state.offered.SizeLimit) return Answer({ReplyKind::kMailSize, ""}, draft);
-  }
-
-  const std::string sender = Replaced(*address,
-                                      facts_.IsLocalClient() ? configuration_.SenderReplacementsLocal
-                                                             : configuration_.SenderReplacementsRemote,
-                                      draft);
-  requested.BeginTransaction(*address, smtp_utf8);
-  return Forward(line, line.verb + " FROM:<" + sender + ">" + std::string(path.parameters));
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckMail(const RequestedState& requested) const {
-  const std::int32_t max_transactions =
-      facts_.IsLocalClient() ? configuration_.MaxTransactionsLocal : configuration_.MaxTransactionsRemote;
-  if (max_transactions != 0 && requested.TransactionCount > max_transactions)
-    return Refusal{ReplyKind::kMailTooManyTransactions, ""};
-  if (!requested.Sender.empty() &&
-      RefusedByLists(requested.Sender, configuration_.SendersWhiteList, configuration_.SendersAllowList,
-                     configuration_.SendersBlackList)) {
-    return Refusal{ReplyKind::kMailBlackList, ""};
-  }
-  return std::nullopt;
-}
-
-// --- RCPT
-
-LineDecision ClientCommandFilter::ProcessRcpt(const Line& line, Draft& draft) const {
-  constexpr std::string_view kTo = " TO:";
-  if (!StartsWithNoCase(line.Rest(), kTo)) return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
-  const ParsedPath path =
-      ParsePath(line.Rest().substr(kTo.size()),
-                static_cast<AddressesWithoutBrackets>(configuration_.ProcessAddressesWithoutBrackets));
-  RequestedState& requested = draft.requested;
-  const auto address = NormalizeMailbox(path.address);
-  if (path.verdict == ParsedPath::Verdict::kForwardUnchecked) {
-    ++requested.RecipientCount;
-    requested.Recipient = address.value_or(path.address);
-    return ForwardAsIs(line);
-  }
-  const bool taken = address && (requested.SmtpUtf8 || IsAscii(path.address));
-  const std::string recipient_address = address.value_or(path.address);
-  // An address that is routed on needs no canonical form: the relaying test refuses it.
-  const bool relayed = !facts_.IsLocalClient() && HasRouteInLocalPart(recipient_address);
-  if (path.verdict == ParsedPath::Verdict::kSyntaxError || !(taken || relayed) ||
-      !AreKeywordParameters(path.parameters)) {
-    return Answer({ReplyKind::kRcptAddressSyntax, ""}, draft);
-  }
-  requested.Recipient = recipient_address;
-  ++requested.RecipientCount;
-  if (const MaybeRefusal refusal = CheckRecipient(requested)) return Answer(*refusal, draft);
-  const Greylisting greylisting = CheckGreylisting(requested);
-  if (greylisting == Greylisting::kRefused) return Answer({ReplyKind::kRcptGreylisted, ""}, draft);
-  if (greylisting == Greylisting::kPassesUntilData) requested.Greylisted = true;
-
-  const std::string recipient = Replaced(requested.Recipient,
-                                         facts_.IsLocalClient() ? configuration_.RecipientReplacementsLocal
-                                                                : configuration_.RecipientReplacementsRemote,
-                                         draft);
-  return Forward(line, "RCPT TO:<" + recipient + ">" + std::string(path.parameters));
-}
-
-ClientCommandFilter::MaybeRefusal ClientCommandFilter::CheckRecipient(const RequestedState& requested) const {
-  const Configuration& c = configuration_;
-  const bool local_client = facts_.IsLocalClient();
-  const std::int32_t max_recipients = local_client ? c.MaxRecipientsLocal : c.MaxRecipientsRemote;
-  if (max_recipients != 0 && requested.RecipientCount > max_recipients)
-    return Refusal{ReplyKind::kRcptTooManyRecipients, ""};
-
-  const std::string& recipient = requested.Recipient;
-  const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
-  if (local_client) {
-    if (!local_domain && mText::MatchList(requested.Sender, c.RestrictedSenders)) {
-      return Refusal{ReplyKind::kRcptRestricted, ""};
-    }
-    if (RefusedByLists(recipient, c.RecipientsWhiteListLocal, c.RecipientsAllowListLocal,
-                       c.RecipientsBlackListLocal)) {
-      return Refusal{ReplyKind::kRcptBlackListLocal, ""};
-    }
-    return std::nullopt;
-  }
-  if (!local_domain || HasRouteInLocalPart(recipient)) return Refusal{ReplyKind::kRcptRelaying, ""};
-  if (RefusedByLists(recipient, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote,
-                     c.RecipientsBlackListRemote)) {
-    return Refusal{ReplyKind::kRcptBlackListRemote, ""};
-  }
-  if (mText::MatchList(recipient, c.PrivateRecipients)) return Refusal{ReplyKind::kRcptPrivate, ""};
-  return std::nullopt;
-}
-
-ClientCommandFilter::Greylisting ClientCommandFilter::CheckGreylisting(
-    const RequestedState& requested) const {
-  const GreyListingSettings& settings = configuration_.GreyListing;
-  if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return Greylisting::kPasses;
-  if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), requested.Sender,
-                                 requested.Recipient)) {
-    return Greylisting::kPasses;
-  }
-  const bool callback = mText::MatchList(requested.Sender, settings.CallbackSendersList);
-  if (!callback || settings.CallbackSenderAction == callback_sender_action::kRefuse)
-    return Greylisting::kRefused;
-  // A callback only asks whether the recipient exists: it passes here, and is refused when it begins to send.
-  const bool until_data = settings.CallbackSenderAction == callback_sender_action::kRefuseAtData ||
-                          settings.CallbackSenderAction == callback_sender_action::kCloseAtData;
-  return until_data ? Greylisting::kPassesUntilData : Greylisting::kPasses;
-}
-
-// --- content
-
-LineDecision ClientCommandFilter::ProcessData(const Line& line, Draft& draft) const {
-  if (!draft.requested.Greylisted) return ForwardAsIs(line);
-  if (configuration_.GreyListing.CallbackSenderAction == callback_sender_action::kCloseAtData) return Break();
-  return Answer({ReplyKind::kDataGreylisted, ""}, draft);
-}
-
-LineDecision ClientCommandFilter::ProcessBdat(const Line& line, std::uint64_t octets,
-                                              const Draft& draft) const {
-  if (draft.requested.Greylisted) return Break();
-  const bool first_chunk = draft.state.transaction != Transaction::kChunks;
-  std::string header;
-  if (first_chunk && draft.requested.RecipientCount != 0 && configuration_.AddReceived) {
-    header = GenerateReceivedHeader(configuration_, clock_, facts_, draft.requested, draft.state.login)
-                 .append(kCrLf);
-  }
-  LineDecision decision = Forward(line, WithCount(line, octets + header.size()));
-  decision.forwarded->last_chunk = IsLastChunk(line.Rest());
-  // The header is content, which the log does not show.
-  if (!header.empty()) decision.logged = decision.text;
-  decision.text.append(header);
-  return decision;
-}
-
-LineDecision ClientCommandFilter::ProcessXexch50(const Line& line, Draft& draft) const {
-  const auto octets = OctetCount(FirstParameter(line.Rest()));
-  if (!octets) return Answer({ReplyKind::kBadSequence, "BadSeq.Transaction"}, draft);
-  LineDecision decision = Forward(line, WithCount(line, *octets));
-  decision.forwarded->octets = *octets;
-  return decision;
-}
-
-// --- rewriting
-
-std::string ClientCommandFilter::Replaced(const std::string& address, const ReplacementTable& table,
-                                          Draft& draft) {
-  try {
-    return FindAddressReplacement(address, table).value_or(address);
-  } catch (const Error& error) {
-    // A key may be a good pattern as a whole and bad in its parts. The mail goes on without replacement.
-    draft.failure = error;
-    return address;
-  }
-}
-
-// Without zeros in front, which some servers take for the sign of an octal number.
-std::string ClientCommandFilter::WithCount(const Line& line, std::uint64_t octets) {
-  const std::string_view parameters = line.Rest().substr(1);
-  return line.verb + " " + std::to_string(octets) +
-         std::string(parameters.substr(FirstWord(parameters).size()));
-}
-
-// --- how a line is decided
-
-LineDecision ClientCommandFilter::Forward(const Line& line, std::string text) const {
-  LineDecision decision;
-  decision.text = std::move(text.append(kCrLf));
-  decision.forwarded = ForwardedCommand{line.verb, line.command->id};
-  if (line.command->id == Command::kAuth) decision.logged = LoggedForm(decision.text, Phase::kCommand);
-  return decision;
-}
-
-LineDecision ClientCommandFilter::ForwardAsIs(const Line& line) const {
-  return Forward(line, line.text);
-}
-
-LineDecision ClientCommandFilter::Answer(const Refusal& refusal, Draft& draft) const {
-  const PolicyReply& row = FindPolicyReply(refusal.kind);
-  if (row.after == AfterReply::kCount) ++draft.requested.BadSequenceCount;
-  LineDecision decision;
-  decision.action = Action::kAnswer;
-  decision.text = BuildReply(refusal, draft.requested, draft.state);
-  decision.end = row.after == AfterReply::kClose;
-  return decision;
-}
-
-std::string ClientCommandFilter::BuildReply(ReplyKind kind, const DialogueState& state) const {
-  return BuildReply(Refusal{kind, ""}, state.requested, state);
-}
-
-std::string ClientCommandFilter::BuildReply(const Refusal& refusal, const RequestedState& requested,
-                                            const DialogueState& state) const {
-  const SessionMacros macros(configuration_, clock_, facts_, requested, state.offered, state.BytesReceived);
-  std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
-  ApplyPolicyChanges(refusal.kind, refusal.key.empty() ? FindPolicyReply(refusal.kind).key : refusal.key,
-                     requested, reply, configuration_, macros);
-  return reply;
-}
-
-LineDecision ClientCommandFilter::Break() {
-  LineDecision decision;
-  decision.action = Action::kBreak;
-  decision.text = "Connection broken due to Greylisting";
-  return decision;
-}
-
-LineDecision ClientCommandFilter::Ending(LineDecision&& decision) {
-  decision.end = true;
-  return std::move(decision);
-}
-
-// What is checked after every line.
-LineDecision ClientCommandFilter::Complete(LineDecision&& decision, Draft& draft) const {
-  const bool goes_on = decision.action == Action::kForward || decision.action == Action::kAnswer;
-  decision.too_many_bad_sequences = goes_on && draft.requested.BadSequenceCount > configuration_.MaxBadSeq;
-  decision.failure = std::move(draft.failure);
-  decision.requested = std::move(draft.requested);
-  return std::move(decision);
 }
 
 }  // namespace trabex

@@ -26,7 +26,6 @@
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/dialogue/policy_replies.h"
 #include "proxy/dialogue/session_facts.h"
-#include "proxy/dialogue/session_macros.h"
 
 namespace trabex {
 
@@ -77,73 +76,10 @@ class ClientCommandFilter {
   // A reply that the proxy gives by itself, with its changes and without CR LF.
   std::string BuildReply(ReplyKind kind, const DialogueState& state) const;
   // `line` as the log may show it: without authentication data.
-  std::string LoggedForm(std::string_view line, Phase phase) const;
+  static std::string LoggedForm(std::string_view line, Phase phase);
 
  private:
-  // A line in its parts, without CR LF: the verb in upper case, and the rest after it, which begins with its
-  // blank.
-  struct Line {
-    std::string text;  // verb as written, one blank, rest
-    std::string verb;
-    const CommandRow* command = nullptr;
-
-    std::string_view Rest() const { return std::string_view(text).substr(verb.size()); }
-  };
-  // Why a line is refused.
-  struct Refusal {
-    ReplyKind kind;
-    std::string_view key;  // "": the kind's own
-  };
-  using MaybeRefusal = std::optional<Refusal>;
-
-  // A line under way: the state that it meets, and what it makes of what the client asked for.
-  struct Draft {
-    explicit Draft(const DialogueState& met) : state(met), requested(met.requested) {}
-
-    const DialogueState& state;
-    RequestedState requested;
-    std::optional<Error> failure;
-  };
-  enum class Greylisting { kPasses, kRefused, kPassesUntilData };
-
-  static Line ParseCommandLine(std::string_view line);
-
-  bool IsNotImplemented(const Line& line, const DialogueState& state) const;
-  MaybeRefusal CheckTls(const Line& line) const;
-  MaybeRefusal CheckStartTls(const Line& line, const DialogueState& state) const;
-  MaybeRefusal CheckOrder(const Line& line, const DialogueState& state) const;
-  MaybeRefusal CheckTransactionOrder(const Line& line, const DialogueState& state) const;
-  MaybeRefusal CheckHeloBlackList(std::string_view domain) const;
-  bool HeloMatchesHostName(std::string_view domain) const;
-  MaybeRefusal CheckMail(const RequestedState& requested) const;
-  MaybeRefusal CheckRecipient(const RequestedState& requested) const;
-  Greylisting CheckGreylisting(const RequestedState& requested) const;
-
-  LineDecision ProcessLine(std::string_view line, Draft& draft) const;
-  LineDecision ProcessAuthenticationData(std::string_view line, Draft& draft) const;
-  LineDecision ProcessRefusedSession(const Line& line, Draft& draft) const;
-  LineDecision ProcessStartTls(const Line& line, Draft& draft) const;
-  LineDecision ProcessAuth(const Line& line, Draft& draft) const;
-  LineDecision ProcessHelo(const Line& line, Draft& draft) const;
-  LineDecision ProcessMail(const Line& line, Draft& draft) const;
-  LineDecision ProcessRcpt(const Line& line, Draft& draft) const;
-  LineDecision ProcessData(const Line& line, Draft& draft) const;
-  LineDecision ProcessBdat(const Line& line, std::uint64_t octets, const Draft& draft) const;
-  LineDecision ProcessXexch50(const Line& line, Draft& draft) const;
-  LineDecision ProcessPolicy(const Line& line, Draft& draft) const;
-
-  static std::string Replaced(const std::string& address, const ReplacementTable& table, Draft& draft);
-  // `line` with its first parameter, an octet count, as `octets`.
-  static std::string WithCount(const Line& line, std::uint64_t octets);
-
-  std::string BuildReply(const Refusal& refusal, const RequestedState& requested,
-                         const DialogueState& state) const;
-  LineDecision Forward(const Line& line, std::string text) const;
-  LineDecision ForwardAsIs(const Line& line) const;
-  LineDecision Answer(const Refusal& refusal, Draft& draft) const;
-  static LineDecision Break();
-  static LineDecision Ending(LineDecision&& decision);
-  LineDecision Complete(LineDecision&& decision, Draft& draft) const;
+  class LineFilter;
 
   const Configuration& configuration_;
   const Clock& clock_;
