@@ -40,16 +40,16 @@ enum class TransactionRule {
 };
 
 struct CommandRow {
-  std::string_view verb;  // upper case
-  Command id;
-  bool before_greeting;  // taken before HELO or EHLO
-  TransactionRule transaction;
-  bool in_chunk_sequence;  // taken between two BDAT of one message, RFC 3030
+  std::string_view verb = {};  // upper case
+  Command id = Command::kOther;
+  bool before_greeting = false;  // taken before HELO or EHLO
+  TransactionRule transaction = TransactionRule::kAnywhere;
+  bool in_chunk_sequence = false;  // taken between two BDAT of one message, RFC 3030
   // The EHLO keyword without which the command is out of order in a transaction; "" when it needs none.
-  std::string_view extension;
+  std::string_view extension = {};
   // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked. STARTTLS
   // is answered by the proxy, which has a TLS of its own.
-  bool blocked;
+  bool blocked = false;
 };
 
 // The row of `verb` (upper case). Verbs that begin with "X" and have no row of their own, and all others
