@@ -99,8 +99,4 @@ std::string_view ExtensionCollection::GetExtension(std::string_view keyword) con
   return line == lines_.end() ? std::string_view() : std::string_view(*line);
 }
 
-bool ExtensionCollection::Has(std::string_view keyword) const {
-  return std::any_of(lines_.begin(), lines_.end(), HasKeyword(keyword));
-}
-
 }  // namespace trabex

@@ -25,7 +25,7 @@ class ExtensionCollection {
   void RemoveBoundAuthentication();
   // The whole line, "" when there is none. Valid until the collection changes.
   std::string_view GetExtension(std::string_view keyword) const;
-  bool Has(std::string_view keyword) const;
+  bool Has(std::string_view keyword) const { return !GetExtension(keyword).empty(); }
 
   void Clear() { lines_.clear(); }
   const std::vector<std::string>& Lines() const { return lines_; }

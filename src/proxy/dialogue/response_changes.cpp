@@ -21,28 +21,28 @@ void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedSta
                         std::string& reply, const Configuration& configuration, const MacroSource& macros) {
   if (key.empty()) return;
   const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
+  std::string most_specific;
   switch (kind) {
     case ReplyKind::kBadSequence:
     case ReplyKind::kBadSequenceBadIP:
     case ReplyKind::kBadSequenceNoHelo:
       apply("BadSeq");
-      apply(key);
-      apply(std::string(requested.CurrentVerb).append(".").append(key));
+      most_specific = std::string(requested.CurrentVerb).append(".").append(key);
       break;
     case ReplyKind::kRcptRestricted:
-      apply(key);
-      apply(std::string(key).append(".").append(requested.Sender));
+      most_specific = std::string(key).append(".").append(requested.Sender);
       break;
     case ReplyKind::kRcptBlackListLocal:
     case ReplyKind::kRcptBlackListRemote:
     case ReplyKind::kRcptPrivate:
     case ReplyKind::kRcptGreylisted:
-      apply(key);
-      apply(std::string(key).append(".").append(requested.Recipient));
+      most_specific = std::string(key).append(".").append(requested.Recipient);
       break;
     default:
-      apply(key);
+      break;
   }
+  apply(key);
+  if (!most_specific.empty()) apply(most_specific);
 }
 
 }  // namespace trabex

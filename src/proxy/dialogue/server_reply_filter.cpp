@@ -8,6 +8,7 @@
 #include "proxy/dialogue/received_header.h"
 #include "proxy/dialogue/reply_code.h"
 #include "proxy/dialogue/response_changes.h"
+#include "proxy/dialogue/session_macros.h"
 
 namespace trabex {
 
@@ -53,6 +54,101 @@ FixedPoint OfferedSize(std::string_view line) {
   return ParseFixedPoint(digits, 1).value_or(0);
 }
 
+void LimitSize(FixedPoint setting, OfferedState& offered) {
+  const FixedPoint server = OfferedSize(offered.Extensions.GetExtension("SIZE"));
+  // A fraction of a byte does not count.
+  const FixedPoint own = setting - std::max<FixedPoint>(setting, 0) % kFixedPointOne;
+  FixedPoint limit = own == max_size::kAsServer ? server : std::max<FixedPoint>(own, 0);
+  if (server > 0) limit = std::min(server, limit);
+  if (limit != 0) {
+    offered.Extensions.AddExtension("SIZE " + FormatWhole(limit));
+  } else if (server == 0 || own != max_size::kNone) {
+    offered.Extensions.RemoveExtension("SIZE");
+  }
+  offered.SizeLimit = limit;
+}
+
+void ApplyExtensionLists(const Configuration& configuration, bool local, OfferedState& offered) {
+  const ExpressionList& removed =
+      local ? configuration.RemoveSMTPExtensionsLocal : configuration.RemoveSMTPExtensionsRemote;
+  const ExpressionList& added =
+      local ? configuration.AddSMTPExtensionsLocal : configuration.AddSMTPExtensionsRemote;
+  // The octets of a BDAT follow it without waiting for an answer (RFC 3030): a server that does not know the
+  // command would read them as commands. So it cannot be offered on the server's behalf.
+  const bool server_takes_chunks = offered.Extensions.Has(kChunking);
+  for (const ListEntry& entry : removed.Entries()) {
+    for (const std::string& keyword : entry.patterns) offered.Extensions.RemoveExtension(FirstWord(keyword));
+  }
+  // What is added is our word, not the server's.
+  offered.SmtpUtf8Offered = offered.Extensions.Has(kSmtpUtf8);
+  for (const ListEntry& entry : added.Entries()) {
+    for (const std::string& line : entry.patterns) {
+      if (server_takes_chunks || !EqualNoCase(FirstWord(line), kChunking))
+        offered.Extensions.AddExtension(line);
+    }
+  }
+}
+
+// What no list may bring back, because it would not work, or because the settings withhold it.
+void WithholdByTls(const Configuration& configuration, const SessionFacts& facts, OfferedState& offered) {
+  const bool active = facts.TlsActive();
+  // RFC 3207, 4.2: never under TLS.
+  if (active || !facts.TlsReady()) offered.Extensions.RemoveExtension(kStartTls);
+  if (!active && AppliesToClient(configuration.TLS.RequireForAUTH, facts)) {
+    offered.Extensions.RemoveAuthentication();
+  }
+}
+
+// The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
+std::string RewriteEhloReply(std::string_view reply, const Configuration& configuration,
+                             const SessionFacts& facts, OfferedState& offered) {
+  const std::size_t first_end = std::min(reply.find(kCrLf), reply.size());
+  const std::string_view first_line = reply.substr(0, first_end);
+  offered.Extensions.ParseLines(reply.substr(first_end));
+  for (std::string_view keyword : kNeverOffered) offered.Extensions.RemoveExtension(keyword);
+  if (facts.ServerTlsActive()) offered.Extensions.RemoveBoundAuthentication();
+  // A message that asks for it (RFC 8689) must be under TLS all the way.
+  const bool tls_in_use = facts.TlsConfigured() || configuration.TLS.Server != server_tls::kNone;
+  if (tls_in_use && !(facts.TlsActive() && facts.ServerTlsActive())) {
+    offered.Extensions.RemoveExtension("REQUIRETLS");
+  }
+  LimitSize(configuration.MaxSize, offered);
+  const bool may_begin_tls = facts.TlsReady() && !facts.TlsActive();
+  if (may_begin_tls) offered.Extensions.AddExtension(kStartTls);
+  ApplyExtensionLists(configuration, facts.IsLocalClient(), offered);
+  if (facts.TlsConfigured()) WithholdByTls(configuration, facts, offered);
+  offered.TlsOffered = may_begin_tls && offered.Extensions.Has(kStartTls);
+
+  const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
+  const auto& lines = offered.Extensions.Lines();
+  if (lines.empty()) return std::string("250 ").append(greeting);
+  std::string result = std::string("250-").append(greeting);
+  for (std::size_t i = 0; i < lines.size(); ++i) {
+    result.append(kCrLf).append(i + 1 < lines.size() ? "250-" : "250 ").append(lines[i]);
+  }
+  return result;
+}
+
+// What a reply to AUTH, or to its data, with the code `meant` makes of the login.
+void FollowLogin(std::string_view meant, const DialogueState& state, ReplyDecision& decision) {
+  const bool awaited = state.phase == Phase::kReply || state.phase == Phase::kAuthData;
+  if (!awaited || decision.event == PhaseEvent::kAuthDataWanted) return;
+  const bool accepted = meant == "235";
+  decision.login = LoginState{state.login.ever || accepted, accepted};
+}
+
+// The state after an accepted greeting or RSET, and what the client sees of the reply.
+void FollowAccepted(std::string_view reply, const Configuration& configuration, const SessionFacts& facts,
+                    const DialogueState& state, ReplyDecision& decision) {
+  const Command command = state.forwarded.command;
+  if (command != Command::kEhlo && command != Command::kHelo && command != Command::kRset) return;
+  (decision.requested = state.requested)->ResetTransaction();
+  if (command == Command::kEhlo)
+    decision.text = RewriteEhloReply(reply, configuration, facts, decision.offered.emplace());
+  // The limit is ours as well, so it stays.
+  if (command == Command::kHelo) decision.offered.emplace().SizeLimit = state.offered.SizeLimit;
+}
+
 }  // namespace
 
 ServerReplyFilter::ServerReplyFilter(const Configuration& configuration, const Clock& clock,
@@ -73,7 +169,7 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   bool refuses_message = false;
   if (state.phase == Phase::kReply || state.phase == Phase::kChunk) {
     decision.transaction = NextTransaction(state.transaction, forwarded.command, forwarded.last_chunk, meant);
-    if (meant == "250") FollowAccepted(text, state, decision);
+    if (meant == "250") FollowAccepted(text, configuration_, facts_, state, decision);
     refuses_message = forwarded.last_chunk && meant != "250";
   }
   if (decision.event == PhaseEvent::kContentWanted && state.requested.RecipientCount != 0 &&
@@ -92,107 +188,6 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
   decision.text.append(kCrLf);
   return decision;
-}
-
-void ServerReplyFilter::FollowLogin(std::string_view meant, const DialogueState& state,
-                                    ReplyDecision& decision) {
-  const bool awaited = state.phase == Phase::kReply || state.phase == Phase::kAuthData;
-  if (!awaited || decision.event == PhaseEvent::kAuthDataWanted) return;
-  const bool accepted = meant == "235";
-  decision.login = LoginState{state.login.ever || accepted, accepted};
-}
-
-void ServerReplyFilter::FollowAccepted(std::string_view reply, const DialogueState& state,
-                                       ReplyDecision& decision) const {
-  const Command command = state.forwarded.command;
-  if (command != Command::kEhlo && command != Command::kHelo && command != Command::kRset) return;
-  (decision.requested = state.requested)->ResetTransaction();
-  if (command == Command::kEhlo) decision.text = RewriteEhloReply(reply, decision.offered.emplace());
-  // The limit is ours as well, so it stays.
-  if (command == Command::kHelo) decision.offered.emplace().SizeLimit = state.offered.SizeLimit;
-}
-
-std::string ServerReplyFilter::RewriteEhloReply(std::string_view reply, OfferedState& offered) const {
-  const std::size_t first_end = std::min(reply.find(kCrLf), reply.size());
-  const std::string_view first_line = reply.substr(0, first_end);
-  offered.Extensions.ParseLines(reply.substr(first_end));
-  for (std::string_view keyword : kNeverOffered) offered.Extensions.RemoveExtension(keyword);
-  if (facts_.ServerTlsActive()) offered.Extensions.RemoveBoundAuthentication();
-  // A message that asks for it (RFC 8689) must be under TLS all the way.
-  const bool tls_in_use = facts_.TlsConfigured() || configuration_.TLS.Server != server_tls::kNone;
-  if (tls_in_use && !(facts_.TlsActive() && facts_.ServerTlsActive())) {
-    offered.Extensions.RemoveExtension("REQUIRETLS");
-  }
-  LimitSize(offered);
-  const bool may_begin_tls = facts_.TlsReady() && !facts_.TlsActive();
-  if (may_begin_tls) offered.Extensions.AddExtension(kStartTls);
-  ApplyExtensionLists(offered);
-  if (facts_.TlsConfigured()) WithholdByTls(offered);
-  offered.TlsOffered = may_begin_tls && offered.Extensions.Has(kStartTls);
-
-  const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
-  const auto& lines = offered.Extensions.Lines();
-  if (lines.empty()) return std::string("250 ").append(greeting);
-  std::string result = std::string("250-").append(greeting);
-  for (std::size_t i = 0; i < lines.size(); ++i) {
-    result.append(kCrLf).append(i + 1 < lines.size() ? "250-" : "250 ").append(lines[i]);
-  }
-  return result;
-}
-
-void ServerReplyFilter::LimitSize(OfferedState& offered) const {
-  const FixedPoint server = OfferedSize(offered.Extensions.GetExtension("SIZE"));
-  // A fraction of a byte does not count.
-  const FixedPoint own =
-      configuration_.MaxSize - std::max<FixedPoint>(configuration_.MaxSize, 0) % kFixedPointOne;
-  FixedPoint limit = 0;
-  bool remove = false;
-  if (server > 0) {
-    if (own > 0) {
-      limit = std::min(server, own);
-    } else if (own == max_size::kAsServer) {
-      limit = server;
-    } else {
-      remove = own != max_size::kNone;
-    }
-  } else {
-    limit = std::max<FixedPoint>(own, 0);
-    remove = limit == 0;
-  }
-  if (remove) offered.Extensions.RemoveExtension("SIZE");
-  if (limit != 0) offered.Extensions.AddExtension("SIZE " + FormatWhole(limit));
-  offered.SizeLimit = limit;
-}
-
-void ServerReplyFilter::WithholdByTls(OfferedState& offered) const {
-  const bool active = facts_.TlsActive();
-  // RFC 3207, 4.2: never under TLS.
-  if (active || !facts_.TlsReady()) offered.Extensions.RemoveExtension(kStartTls);
-  if (!active && AppliesToClient(configuration_.TLS.RequireForAUTH, facts_)) {
-    offered.Extensions.RemoveAuthentication();
-  }
-}
-
-void ServerReplyFilter::ApplyExtensionLists(OfferedState& offered) const {
-  const bool local = facts_.IsLocalClient();
-  const ExpressionList& removed =
-      local ? configuration_.RemoveSMTPExtensionsLocal : configuration_.RemoveSMTPExtensionsRemote;
-  const ExpressionList& added =
-      local ? configuration_.AddSMTPExtensionsLocal : configuration_.AddSMTPExtensionsRemote;
-  // The octets of a BDAT follow it without waiting for an answer (RFC 3030): a server that does not know the
-  // command would read them as commands. So it cannot be offered on the server's behalf.
-  const bool server_takes_chunks = offered.Extensions.Has(kChunking);
-  for (const ListEntry& entry : removed.Entries()) {
-    for (const std::string& keyword : entry.patterns) offered.Extensions.RemoveExtension(FirstWord(keyword));
-  }
-  // What is added is our word, not the server's.
-  offered.SmtpUtf8Offered = offered.Extensions.Has(kSmtpUtf8);
-  for (const ListEntry& entry : added.Entries()) {
-    for (const std::string& line : entry.patterns) {
-      if (server_takes_chunks || !EqualNoCase(FirstWord(line), kChunking))
-        offered.Extensions.AddExtension(line);
-    }
-  }
 }
 
 }  // namespace trabex

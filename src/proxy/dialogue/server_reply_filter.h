@@ -10,7 +10,6 @@
 #include "config/configuration.h"
 #include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/session_facts.h"
-#include "proxy/dialogue/session_macros.h"
 
 namespace trabex {
 
@@ -34,17 +33,6 @@ class ServerReplyFilter {
   ReplyDecision ProcessOutgoingData(std::string_view reply, const DialogueState& state) const;
 
  private:
-  // What a reply to AUTH, or to its data, with the code `meant` makes of the login.
-  static void FollowLogin(std::string_view meant, const DialogueState& state, ReplyDecision& decision);
-  // The state after an accepted greeting or RSET, and what the client sees of the reply.
-  void FollowAccepted(std::string_view reply, const DialogueState& state, ReplyDecision& decision) const;
-  // The reply to EHLO as the client shall see it, without the last CR LF; sets what it offers.
-  std::string RewriteEhloReply(std::string_view reply, OfferedState& offered) const;
-  void LimitSize(OfferedState& offered) const;
-  void ApplyExtensionLists(OfferedState& offered) const;
-  // What no list may bring back, because it would not work, or because the settings withhold it.
-  void WithholdByTls(OfferedState& offered) const;
-
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;
