@@ -77,7 +77,9 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
 void cProxy::Pump() {
   for (int lines = 0; stage_ != Stage::kClosed;) {
     if (Sender.HasEnded()) {
-      EndServer(Sender.TakeEnd());
+      dialogue_.OnServerEnd(Sender.TakeEnd(), *this);
+      // The server is not kept until the client has taken everything.
+      if (Receiver.Sending()) CloseServer();
     } else if (Receiver.HasEnded()) {
       EndClient();
     } else if (opening_ && FollowOpening()) {
@@ -132,17 +134,6 @@ void cProxy::TakeClientBytes() {
   Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
   // Only now: what is not taken would be the beginning of the client's TLS.
   if (dialogue_.phase() == Phase::kStartTls) BeginTls();
-}
-
-void cProxy::TakeServerBytes() {
-  dialogue_.OnServerBytes(Sender.TakeAll(), *this);
-}
-
-// The server is not kept until the client has taken everything.
-void cProxy::EndServer(SessionSide::End end) {
-  const bool closed = end == SessionSide::End::kClosed;
-  dialogue_.OnServerEnd(closed ? Dialogue::ServerEnd::kClosed : Dialogue::ServerEnd::kFailed, *this);
-  if (Receiver.Sending()) CloseServer();
 }
 
 bool cProxy::IsOver() const {
@@ -207,8 +198,8 @@ TlsTexts cProxy::TlsText() const {
 void cProxy::BeginTls() {
   const auto& context = dependencies_.tls.for_clients;
   if (!context) {
-    Receiver.Log(log_level::kErrors, "No certificate. Closing connection.");
-    return Close();
+    CloseBecause("No certificate. Closing connection.");
+    return;
   }
   handshake_->began = dependencies_.clock.Monotonic();
   // Without a client the pump ends the session.
@@ -240,9 +231,7 @@ bool cProxy::EndHandshake() {
   if (!handshake_) return false;
   const auto max = std::chrono::seconds(dependencies_.configuration.TLS.HandshakeTimeout);
   if (dependencies_.clock.Monotonic() - handshake_->began <= max) return false;
-  Receiver.Log(log_level::kErrors, "TLS handshake time-out. Closing connection.");
-  Close();
-  return true;
+  return CloseBecause("TLS handshake time-out. Closing connection.");
 }
 
 // --- time
@@ -299,18 +288,12 @@ bool cProxy::EndSilent() {
     ArmTimer();
     return false;
   }
-  Receiver.Log(log_level::kErrors, "Timeout exceeded. Closing connection.");
-  Close();
-  return true;
+  return CloseBecause("Timeout exceeded. Closing connection.");
 }
 
 bool cProxy::EndStuck() {
   const MonotonicTime now = dependencies_.clock.Monotonic();
-  if (Receiver.IsStuck(now)) {
-    Receiver.Log(log_level::kErrors, kSendTimeOut);
-    Close();
-    return true;
-  }
+  if (Receiver.IsStuck(now)) return CloseBecause(kSendTimeOut);
   if (!Sender.IsStuck(now)) return false;
   Sender.Log(log_level::kErrors, kSendTimeOut);
   TakeLastWords();
@@ -339,6 +322,12 @@ void cProxy::Watch() {
 void cProxy::Shutdown() {
   RunHandler("cProxy.Shutdown", [this] { dialogue_.Say(ReplyKind::kShutdown, *this); });
   Close();
+}
+
+bool cProxy::CloseBecause(std::string_view reason) {
+  Receiver.Log(log_level::kErrors, reason);
+  Close();
+  return true;
 }
 
 void cProxy::Close() {

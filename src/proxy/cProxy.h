@@ -6,11 +6,11 @@
 //   it the client's name from DNS are checked.
 //   The client closes: the session ends.
 //
-// - balancer: a connection of a load balancer begins with a header that says whose it is. Nothing else is looked
-//   at before, and nothing is said; from then on the client is the one in the header.
+// - balancer: a connection of a load balancer begins with a header that says whose it is. Nothing else is
+//   looked at before, and nothing is said; from then on the client is the one in the header.
 //
-// - TLS port: behind the checks of number and address comes the TLS handshake, and then the client's name. Until
-//   it is done the client could read no reply: it is closed without one, and no server is connected.
+// - TLS port: behind the checks of number and address comes the TLS handshake, and then the client's name.
+//   Until it is done the client could read no reply: it is closed without one, and no server is connected.
 //
 // - refused: the client's name was refused; only the proxy talks to it, until QUIT or the time-out.
 //
@@ -70,13 +70,12 @@ class cProxy final : public DeferredDeletable,
   // left it when this returns.
   void Init(std::int32_t requestID, bool tls);
   // Ends the session when its client completed no line for longer than Timeout and the server is not yet
-  // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a server that has closed. Timers of the
-  // session call it.
+  // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a server
+  // that has closed. Timers of the session call it.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();
-  // Ends the session: both sockets close in order, and it leaves the collection. Every end goes
-  // through it.
+  // Ends the session: both sockets close in order, and it leaves the collection. Every end goes through it.
   void Close();
 
   // The key in the collection.
@@ -102,16 +101,15 @@ class cProxy final : public DeferredDeletable,
   TlsTexts TlsText() const override;
   bool ServerTlsActive() const override { return Sender.Socket().Tls() != nullptr; }
 
-  // Admission, in this order; each returns whether the session goes on.
-  bool AdmitByCount();
+  // Admission, in this order.
   void AdmitClient(bool tls);
-  bool AdmitByAddress();
   void AdmitFurther();
-  void LookUpClientName();
   void ClientNameKnown();
-  bool AdmitByName();
   bool NameAdmissionApplies() const;
+  // Returns whether the session goes on.
+  bool AdmitByName();
   void ConnectServer();
+  void Refuse(ReplyKind kind);
 
   // What comes before the dialogue: a balancer's header, and what the server has to agree on.
   void ExpectHeader(bool tls);
@@ -138,8 +136,7 @@ class cProxy final : public DeferredDeletable,
   void PumpLater();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
-  void TakeServerBytes();
-  void EndServer(SessionSide::End end);
+  void TakeServerBytes() { dialogue_.OnServerBytes(Sender.TakeAll(), *this); }
   // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
   // waiting for that still gets what the server said meanwhile.
   bool IsOver() const;
@@ -163,9 +160,12 @@ class cProxy final : public DeferredDeletable,
   // From now on a client that completes no line is closed after Timeout.
   void ArmTimeout();
   void ArmTimer();
+  // Whether the time for it is over; then the session ends.
   bool EndSilent();
   bool EndHandshake();
   bool EndStuck();
+  // Logs why the session ends, and ends it. True.
+  bool CloseBecause(std::string_view reason);
   void TakeLastWords();
   // Whether something goes on whose time is bounded: a send, a handshake, or what comes before the dialogue.
   bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_ || opening_; }
@@ -173,7 +173,9 @@ class cProxy final : public DeferredDeletable,
 
   // The body of an event handler: not run when the session has ended; errors that leave it are logged.
   template <class Body>
-  void RunHandler(const char* source, Body body);
+  void RunHandler(const char* source, Body body) {
+    if (stage_ != Stage::kClosed) RunLogged(dependencies_.log, source, body);
+  }
 
   SessionDependencies& dependencies_;
   std::string key_;
@@ -216,11 +218,5 @@ class cProxy final : public DeferredDeletable,
   std::unique_ptr<Timer> timeout_;      // until the server is connected
   std::unique_ptr<Timer> stall_timer_;  // enabled while NeedsWatch()
 };
-
-template <class Body>
-void cProxy::RunHandler(const char* source, Body body) {
-  if (stage_ == Stage::kClosed) return;
-  RunLogged(dependencies_.log, source, body);
-}
 
 }  // namespace trabex

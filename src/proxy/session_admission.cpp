@@ -21,7 +21,10 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
     StartTime = LastActivity = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
     if (tls) dialogue_.ExpectTls();
-    if (!AdmitByCount()) return;
+    const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
+    if (max_connections != 0 && dependencies_.sessions.Count() > max_connections) {
+      return Refuse(ReplyKind::kTooManyConnections);
+    }
     if (mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.ProxyProtocolFrom)) {
       ExpectHeader(tls);
     } else {
@@ -32,7 +35,13 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
 }
 
 void cProxy::AdmitClient(bool tls) {
-  if (!AdmitByAddress()) return;
+  const Configuration& c = dependencies_.configuration;
+  const IPAddress ip = ClientIP();
+  Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
+  if (!Whitelisted &&
+      (!mCommon::IPInRangeList(ip, c.IPAllowList) || mCommon::IPInRangeList(ip, c.IPBlackList))) {
+    return Refuse(ReplyKind::kIPBlackList);
+  }
   ArmTimeout();
   if (tls) {
     StartTls({});
@@ -42,32 +51,13 @@ void cProxy::AdmitClient(bool tls) {
   }
 }
 
+void cProxy::Refuse(ReplyKind kind) {
+  dialogue_.Say(kind, *this);
+  Close();
+}
+
 void cProxy::AdmitFurther() {
   const bool name_decides = NameAdmissionApplies();
-  LookUpClientName();
-  if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
-}
-
-bool cProxy::AdmitByCount() {
-  const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
-  if (max_connections == 0 || dependencies_.sessions.Count() <= max_connections) return true;
-  dialogue_.Say(ReplyKind::kTooManyConnections, *this);
-  Close();
-  return false;
-}
-
-bool cProxy::AdmitByAddress() {
-  const Configuration& c = dependencies_.configuration;
-  const IPAddress ip = ClientIP();
-  Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
-  if (Whitelisted) return true;
-  if (mCommon::IPInRangeList(ip, c.IPAllowList) && !mCommon::IPInRangeList(ip, c.IPBlackList)) return true;
-  dialogue_.Say(ReplyKind::kIPBlackList, *this);
-  Close();
-  return false;
-}
-
-void cProxy::LookUpClientName() {
   try {
     Receiver.Socket().LookUpRemoteHostName(
         [this] { RunHandler("cProxy.Init", [this] { ClientNameKnown(); }); },
@@ -76,6 +66,7 @@ void cProxy::LookUpClientName() {
     // The client has closed already; it counts as a client without a name.
     ClientNameKnown();
   }
+  if (!name_decides && stage_ == Stage::kAdmission) ConnectServer();
 }
 
 void cProxy::ClientNameKnown() {
@@ -86,9 +77,7 @@ void cProxy::ClientNameKnown() {
     name_is_temporary_ = error.Number() == socket_error::kTryAgain;
   }
   HostNameKnown = true;
-  if (stage_ == Stage::kAdmission) {
-    if (AdmitByName()) ConnectServer();
-  }
+  if (stage_ == Stage::kAdmission && AdmitByName()) ConnectServer();
   Pump();
 }
 

@@ -29,16 +29,15 @@ std::unique_ptr<cProxy> SessionCollection::Remove(std::string_view key) {
   std::unique_ptr<cProxy> session = std::move(*found->second);
   sessions_.erase(found->second);
   by_key_.erase(found);
-  last_valid_ = false;
+  last_at_ = sessions_.end();
   return session;
 }
 
 cProxy& SessionCollection::At(std::size_t index) {
   assert(index < Count());
-  if (!last_valid_ || index < last_index_) {
+  if (last_at_ == sessions_.end() || index < last_index_) {
     last_at_ = sessions_.begin();
     last_index_ = 0;
-    last_valid_ = true;
   }
   std::advance(last_at_, static_cast<std::ptrdiff_t>(index - last_index_));
   last_index_ = index;

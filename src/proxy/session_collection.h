@@ -43,9 +43,8 @@ class SessionCollection {
   Sessions sessions_;
   SessionId next_id_ = FirstSessionId();
   std::unordered_map<std::string, Sessions::iterator, HashText, std::equal_to<>> by_key_;
-  Sessions::iterator last_at_;  // where At stopped, for the next one
+  Sessions::iterator last_at_ = sessions_.end();  // where At stopped, for the next one; the end: nowhere
   std::size_t last_index_ = 0;
-  bool last_valid_ = false;
 };
 
 }  // namespace trabex

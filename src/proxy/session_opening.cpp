@@ -22,7 +22,7 @@ void cProxy::TakeHeader() {
   const std::string_view there = Receiver.Peek(kMaxProxyHeader);
   if (!there.empty()) Receiver.LogFailures(true);
   const std::size_t used = dialogue_.OnClientBytes(there, *this);
-  Receiver.TakeUncounted(used, there.size());
+  Receiver.Take(used, there.size(), false);
   if (used == 0) return;
   Receiver.OnlyLooks(is_balancers_own_);
   const bool tls = std::exchange(opening_, nullptr)->tls_port;
@@ -88,13 +88,13 @@ void cProxy::ConfirmClientName() {
         RunHandler("cProxy.ConfirmClientName", [&] {
           name_lookup_ = 0;
           const auto& found = answer.addresses;
+          auto confirmed = ClientNames::Answer::kNone;
           if (answer.error == socket_error::kTryAgain) {
-            TellClientNames(ClientNames::Answer::kTemporary);
+            confirmed = ClientNames::Answer::kTemporary;
           } else if (answer.error == 0 && std::find(found.begin(), found.end(), ClientIP()) != found.end()) {
-            TellClientNames(ClientNames::Answer::kFound);
-          } else {
-            TellClientNames(ClientNames::Answer::kNone);
+            confirmed = ClientNames::Answer::kFound;
           }
+          TellClientNames(confirmed);
           Pump();
         });
       });
@@ -118,12 +118,10 @@ bool cProxy::EndOpening() {
   if (!opening_) return false;
   if (dependencies_.clock.Monotonic() <= std::min(opening_->end, opening_->handshake_end)) return false;
   if (dialogue_.phase() == Phase::kProxyHeader) {
-    Receiver.Log(log_level::kErrors, "PROXY header time-out. Closing connection.");
-    Close();
-  } else {
-    dialogue_.RefuseServer("time-out", *this);
-    Pump();
+    return CloseBecause("PROXY header time-out. Closing connection.");
   }
+  dialogue_.RefuseServer("time-out", *this);
+  Pump();
   return true;
 }
 

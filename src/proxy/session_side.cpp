@@ -9,9 +9,14 @@ namespace trabex {
 
 namespace {
 
-// Bytes that were held are copied together with what follows them up to this size, which one TLS record takes. Beyond
-// it a send of their own costs no more than the copy.
+// Bytes that were held are copied together with what follows them up to this size, which one TLS record takes.
+// Beyond it a send of their own costs no more than the copy.
 constexpr std::size_t kMaxJoined = 16384;
+
+struct ClearAtEnd {
+  bool& flag;
+  ~ClearAtEnd() { flag = false; }
+};
 
 }  // namespace
 
@@ -41,14 +46,14 @@ SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& ow
   };
 }
 
-void SessionSide::Take(std::size_t used, std::size_t size) {
+void SessionSide::Take(std::size_t used, std::size_t size, bool peers_own) {
   readable_ = used > 0 && used < size;
-  if (used > 0) socket_.Consume(static_cast<std::int32_t>(used));
-}
-
-void SessionSide::TakeUncounted(std::size_t used, std::size_t size) {
-  readable_ = used > 0 && used < size;
-  if (used > 0) socket_.ConsumeUncounted(static_cast<std::int32_t>(used));
+  if (used == 0) return;
+  if (peers_own) {
+    socket_.Consume(static_cast<std::int32_t>(used));
+  } else {
+    socket_.ConsumeUncounted(static_cast<std::int32_t>(used));
+  }
 }
 
 std::string SessionSide::TakeAll() {
@@ -89,10 +94,7 @@ void SessionSide::SendHeld() {
 
 void SessionSide::SendNow(std::string_view bytes, bool more_follows) {
   if (!IsConnected()) return;
-  const struct Clear {
-    bool& flag;
-    ~Clear() { flag = false; }
-  } at_end{in_send_};
+  const ClearAtEnd clear{in_send_};
   sending_ = in_send_ = true;
   sent_at_once_ = false;
   socket_.SendData(bytes, more_follows);
@@ -101,10 +103,7 @@ void SessionSide::SendNow(std::string_view bytes, bool more_follows) {
 void SessionSide::StartTls(TlsRole role, std::shared_ptr<const TlsContext> context,
                            std::string_view last_words) {
   if (!IsConnected()) return;
-  const struct Clear {
-    bool& flag;
-    ~Clear() { flag = false; }
-  } at_end{in_send_};
+  const ClearAtEnd clear{in_send_};
   in_send_ = true;
   socket_.Events.Secured = [this] {
     Log(log_level::kConnection, DescribeTls(*socket_.Tls(), peer_ == Peer::kClient));
@@ -136,14 +135,11 @@ void SessionSide::Close() {
   socket_.CloseSck();
 }
 
-bool SessionSide::Logs(std::int32_t level) const {
-  const Configuration& c = dependencies_.configuration;
-  return ((peer_ == Peer::kClient ? c.LogLevelRemote : c.LogLevelServer) & level) != 0;
-}
-
 void SessionSide::Log(std::int32_t level, std::string_view text) const {
-  if (!Logs(level)) return;
-  dependencies_.log.LogLine(FormatSessionLine(peer_ == Peer::kClient ? "R: " : "S: ", socket_.SocketHandle(),
+  const Configuration& c = dependencies_.configuration;
+  const bool is_client = peer_ == Peer::kClient;
+  if (((is_client ? c.LogLevelRemote : c.LogLevelServer) & level) == 0) return;
+  dependencies_.log.LogLine(FormatSessionLine(is_client ? "R: " : "S: ", socket_.SocketHandle(),
                                               socket_.RemoteAddress(), text, LogMark(level)));
 }
 

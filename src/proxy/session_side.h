@@ -13,6 +13,7 @@
 #include "net/CSocketMaster.h"
 #include "net/send_stall.h"
 #include "platform/event_loop.h"
+#include "proxy/dialogue/dialogue.h"
 #include "proxy/session_dependencies.h"
 
 namespace trabex {
@@ -32,10 +33,7 @@ class SessionSide {
   };
 
   // How the peer's connection ended.
-  enum class End {
-    kClosed,  // by the peer
-    kFailed,
-  };
+  using End = Dialogue::ServerEnd;
 
   // `dependencies` and `owner` outlive the object.
   SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner);
@@ -48,10 +46,8 @@ class SessionSide {
   // The next unread bytes, `limit` at most; valid until this side takes or closes, or any socket is read.
   std::string_view Peek(std::int32_t limit) { return socket_.PeekView(limit); }
   // Drops the first `used` of the bytes that Peek gave, of which there were `size`. What is left is readable
-  // at once when any were used; otherwise it waits for more.
-  void Take(std::size_t used, std::size_t size);
-  // The same for bytes that are not the peer's own, and count as none.
-  void TakeUncounted(std::size_t used, std::size_t size);
+  // at once when any were used; otherwise it waits for more. Bytes that are not the peer's own do not count.
+  void Take(std::size_t used, std::size_t size, bool peers_own = true);
   // Takes all that is there, one chunk of the socket's receive buffer at most.
   std::string TakeAll();
 
@@ -60,11 +56,11 @@ class SessionSide {
 
   // Whether bytes wait to be sent; held ones do not count.
   bool Sending() const { return sending_; }
-  // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together with those
-  // of the next call: after kMaxHold, or when this side is closed, they leave alone.
+  // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together with
+  // those of the next call: after kMaxHold, or when this side is closed, they leave alone.
   void Send(std::string_view bytes, bool more_follows = false);
-  // Begins TLS (see CSocketMaster::StartTls), with `last_words` in the clear. When it stands, that is logged, and
-  // kSecured follows. Does nothing unless the peer is connected.
+  // Begins TLS (see CSocketMaster::StartTls), with `last_words` in the clear. When it stands, that is logged,
+  // and kSecured follows. Does nothing unless the peer is connected.
   void StartTls(TlsRole role, std::shared_ptr<const TlsContext> context, std::string_view last_words = {});
   // Whether the latest Send that held nothing back was complete when it returned.
   bool SentAtOnce() const { return sent_at_once_; }
@@ -90,7 +86,6 @@ class SessionSide {
   // Closes the connection in order, and logs that if there was one. No event follows.
   void Close();
 
-  bool Logs(std::int32_t level) const;
   // A line of this side, if it is logged at `level`; "< " is put before what was received, "> " before what
   // was sent.
   void Log(std::int32_t level, std::string_view text) const;

@@ -10,11 +10,7 @@ namespace trabex {
 
 using Side = DialogueActions::Side;
 
-namespace {
-
 constexpr std::string_view kInvalidHeader = "Invalid PROXY header. Closing connection.";
-
-}  // namespace
 
 Dialogue::Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
                    GreylistCheck* greylisting, DialogueState state)
@@ -150,22 +146,8 @@ void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
   } else {
     Enter(PhaseEvent::kForwarded);
   }
-  if (configuration_.LogLevelServer & log_level::kSent) {
-    actions.Log(Side::kServer, log_level::kSent, decision.logged.empty() ? decision.text : decision.logged);
-  }
+  actions.Log(Side::kServer, log_level::kSent, decision.logged.empty() ? decision.text : decision.logged);
   actions.ToServer(decision.text, false);
-}
-
-void Dialogue::ExpectHeader() {
-  Enter(PhaseEvent::kHeaderExpected);
-}
-
-void Dialogue::ExpectTls() {
-  Enter(PhaseEvent::kTlsExpected);
-}
-
-void Dialogue::OnSecured() {
-  Enter(PhaseEvent::kSecured);
 }
 
 void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions) {
@@ -224,7 +206,7 @@ void Dialogue::OnClientNames(const ProxiedConnection& connection, const ClientNa
 void Dialogue::TakePrefaceBytes(DialogueActions& actions) {
   const auto reply = assembler_.NextReply();
   if (reply) {
-    LogReply(*reply, actions);
+    actions.Log(Side::kServer, log_level::kReceived, *reply);
     if (reply->starts_with("250")) state_.earlier_ehlo_reply = *reply;
     Follow(preface_->OnReply(*reply, !assembler_.IsEmpty()), actions);
   } else if (assembler_.TooLong() || !preface_->AwaitsReply()) {
@@ -273,15 +255,9 @@ void Dialogue::RefuseServer(std::string_view reason, DialogueActions& actions) {
   EndWithoutServer(actions);
 }
 
-void Dialogue::LogReply(std::string_view reply, DialogueActions& actions) const {
-  if (configuration_.LogLevelServer & log_level::kReceived) {
-    actions.Log(Side::kServer, log_level::kReceived, reply);
-  }
-}
-
 void Dialogue::RelayReplies(DialogueActions& actions) {
   while (auto reply = assembler_.NextReply()) {
-    LogReply(*reply, actions);
+    actions.Log(Side::kServer, log_level::kReceived, *reply);
     RelayReply(ReplyThatCounts(std::move(*reply)), actions);
   }
 }

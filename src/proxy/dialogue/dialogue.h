@@ -81,12 +81,12 @@ class Dialogue {
 
   // The client's connection is that of a balancer, so that nothing can be said before its header. Called
   // before anything of the client is taken.
-  void ExpectHeader();
+  void ExpectHeader() { Enter(PhaseEvent::kHeaderExpected); }
   // The client came to a port where TLS is spoken from the first byte on, so that it can read nothing before.
   // Called before anything else.
-  void ExpectTls();
+  void ExpectTls() { Enter(PhaseEvent::kTlsExpected); }
   // TLS with the client stands.
-  void OnSecured();
+  void OnSecured() { Enter(PhaseEvent::kSecured); }
 
   // Takes one command line, content, or a balancer's header from the front of `bytes`, which are the client's
   // next ones; returns how many it has used. 0: nothing is taken now, or a line, an end of content or a header
@@ -125,7 +125,6 @@ class Dialogue {
   void TakePrefaceBytes(DialogueActions& actions);
   void Follow(const ServerPreface::Step& step, DialogueActions& actions);
 
-  void LogReply(std::string_view reply, DialogueActions& actions) const;
   void RelayReplies(DialogueActions& actions);
   void RelayReply(std::string_view reply, DialogueActions& actions);
   // The reply that counts: some servers (OpenSMTPD) take one EHLO in a session and refuse the next with 503;

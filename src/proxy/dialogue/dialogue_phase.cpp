@@ -1,7 +1,5 @@
 #include "proxy/dialogue/dialogue_phase.h"
 
-#include <algorithm>
-
 namespace trabex {
 
 namespace {
@@ -103,10 +101,10 @@ std::span<const PhaseTransition> PhaseTransitions() {
 }
 
 Phase NextPhase(Phase from, PhaseEvent event) {
-  const auto* row = std::find_if(
-      std::begin(kPhaseTransitions), std::end(kPhaseTransitions),
-      [&](const PhaseTransition& t) { return t.event == event && (!t.from || *t.from == from); });
-  return row == std::end(kPhaseTransitions) ? from : row->to;
+  for (const PhaseTransition& row : kPhaseTransitions) {
+    if (row.event == event && (!row.from || *row.from == from)) return row.to;
+  }
+  return from;
 }
 
 std::span<const TransactionTransition> TransactionTransitions() {
