@@ -1,7 +1,8 @@
-// tls_storm: clients that give a TLS port on 127.0.0.1 more to do than any client needs, for the system tests.
+// tls_storm: clients that give a TLS port more to do than any client needs, for the system tests.
 //
-//   tls_storm handshakes PORT RATE SECONDS         so many connections a second; each ends when its handshake is done
-//   tls_storm key-updates PORT CLIENTS RATE SECONDS
+//   tls_storm handshakes ADDRESS PORT RATE SECONDS
+//                                                  so many connections a second; each ends when its handshake is done
+//   tls_storm key-updates ADDRESS PORT CLIENTS RATE SECONDS
 //                                                  so many clients at a time, each with so many key updates a second; one that
 //                                                  is cut off comes again
 //
@@ -48,8 +49,9 @@ std::size_t Due(Clock::time_point begin, std::size_t rate) {
 
 class Client {
  public:
-  explicit Client(std::uint16_t port) {
-    if (!socket_.Connect({kIPv4Loopback, port}) || !socket_.Connected(std::chrono::seconds(5))) {
+  explicit Client(const Endpoint& server)
+      : socket_(Transport::kTcp, server.address.IsIPv6() ? AddressFamily::kIPv6 : AddressFamily::kIPv4) {
+    if (!socket_.Connect(server) || !socket_.Connected(std::chrono::seconds(5))) {
       throw std::runtime_error("cannot connect");
     }
   }
@@ -81,7 +83,7 @@ class Client {
   }
 
  private:
-  SystemSocket socket_{Transport::kTcp};
+  SystemSocket socket_;
   TlsPeer tls_{{}};
   std::string unsent_;
   std::size_t updates_ = 0;
@@ -116,10 +118,13 @@ std::size_t NumberOf(const char* text) {
 
 Totals Run(int argc, char** argv) {
   const std::string_view mode = argc > 1 ? argv[1] : "";
-  if (!(mode == "handshakes" && argc == 5) && !(mode == "key-updates" && argc == 6)) {
-    throw std::runtime_error("wants: handshakes PORT RATE SECONDS | key-updates PORT CLIENTS RATE SECONDS");
+  if (!(mode == "handshakes" && argc == 6) && !(mode == "key-updates" && argc == 7)) {
+    throw std::runtime_error(
+        "wants: handshakes ADDRESS PORT RATE SECONDS | key-updates ADDRESS PORT CLIENTS RATE SECONDS");
   }
-  const auto port = static_cast<std::uint16_t>(NumberOf(argv[2]));
+  const std::optional<IPAddress> address = ParseIPAddress(argv[2]);
+  if (!address) throw std::runtime_error("no address: " + std::string(argv[2]));
+  const Endpoint server{*address, static_cast<std::uint16_t>(NumberOf(argv[3]))};
   const std::size_t rate = NumberOf(argv[argc - 2]);
   const Clock::time_point begin = Clock::now();
   const Clock::time_point end = begin + std::chrono::seconds(NumberOf(argv[argc - 1]));
@@ -130,11 +135,11 @@ Totals Run(int argc, char** argv) {
   while (mode == "handshakes" ? begun < wanted || !clients.empty() : Clock::now() < end) {
     if (mode == "handshakes") {
       for (; begun < std::min(wanted, Due(begin, rate)) && clients.size() < kMaxHandshakes; ++begun) {
-        clients.emplace_back(port);
+        clients.emplace_back(server);
       }
       StepHandshakes(clients, totals);
     } else {
-      if (clients.size() < NumberOf(argv[3])) clients.emplace_back(port);
+      if (clients.size() < NumberOf(argv[4])) clients.emplace_back(server);
       StepKeyUpdates(clients, rate, totals);
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

@@ -174,11 +174,12 @@ def without_received(content):
 
 
 def received_header(content):
-    """The parts of Trabex's own header, as text by name."""
+    """The parts of Trabex's own header, as text by name; the address without its tag."""
     header = _RECEIVED.match(content)
     if not header:
         raise AssertionError(f"no Received header in front: {content[:300]!r}")
-    return {name: value.decode("ascii") for name, value in header.groupdict().items() if value is not None}
+    parts = {name: value.decode("ascii") for name, value in header.groupdict().items() if value is not None}
+    return {**parts, "ip": parts["ip"].removeprefix("IPv6:")}
 
 
 def describe_difference(sent, arrived):

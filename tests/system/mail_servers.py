@@ -12,8 +12,9 @@ import time
 import traceback
 import unittest
 
+from addresses import FAMILY, IPV6, LOOPBACK, bracketed, endpoint, in_family
 from dialogue import Connection, HungUp
-from processes import DOMAIN, LOOPBACK, Process, bound, connections_to, free_port, program, wait_until
+from processes import DOMAIN, Process, bound, connections_to, free_port, program, wait_until
 
 
 class StoredMessage:
@@ -45,7 +46,7 @@ class SampleServer:
         self.address = (LOOPBACK, self.port)
         self.process = Process(place, "sample_mail_server",
                                [program("tools/sample_mail_server/sample_mail_server"),
-                                "--port", self.port, "--folder", self.mail, *arguments])
+                                "--address", LOOPBACK, "--port", self.port, "--folder", self.mail, *arguments])
         place.on_leaving(self._leave)
         self.process.wait_listening(self.port)
 
@@ -82,9 +83,14 @@ class SmtpSink:
         command = ["smtp-sink", "-m", connections]
         if os.geteuid() == 0:
             command += ["-u", "nobody"]
-        self.process = Process(place, "smtp-sink", [*command, f"{LOOPBACK}:{self.port}", connections])
+        self.process = Process(place, "smtp-sink", [*command, endpoint(self.port), connections])
         place.on_leaving(self.process.end)
         self.process.wait_listening(self.port)
+
+
+def bracketed_networks(text):
+    """Networks of this run's family as Postfix wants them."""
+    return re.sub(r"([0-9a-f]*:[0-9a-f:]*)", r"[\1]", in_family(text))
 
 
 class Postfix:
@@ -113,8 +119,8 @@ class Postfix:
             "compatibility_level": "3.6", "queue_directory": self._queue, "data_directory": folder / "data",
             "command_directory": "/usr/sbin", "daemon_directory": "/usr/lib/postfix/sbin", "mail_owner": "postfix",
             "setgid_group": "postdrop", "maillog_file": self._log, "maillog_file_prefixes": folder,
-            "inet_interfaces": LOOPBACK, "inet_protocols": "ipv4", "myhostname": "server.example",
-            "mynetworks": "127.0.0.0/8", "mydestination": "", "alias_maps": "", "alias_database": "",
+            "inet_interfaces": LOOPBACK, "inet_protocols": "ipv6" if IPV6 else "ipv4", "myhostname": "server.example",
+            "mynetworks": bracketed_networks("127.0.0.0/8"), "mydestination": "", "alias_maps": "", "alias_database": "",
             "local_recipient_maps": "", "virtual_mailbox_domains": DOMAIN,
             "virtual_mailbox_base": folder / "box", "virtual_mailbox_maps": "static:mail/",
             "virtual_uid_maps": f"static:{nobody[0]}", "virtual_gid_maps": f"static:{nobody[1]}",
@@ -124,10 +130,10 @@ class Postfix:
             "virtual_destination_concurrency_limit": 20, "virtual_destination_recipient_limit": 1,
             "smtpd_client_connection_count_limit": 0, "default_process_limit": 100,
         }
-        services = [f"{LOOPBACK}:{self.port} inet n - n - - smtpd"]
+        services = [f"{endpoint(self.port)} inet n - n - - smtpd"]
         if certificate:
             self.tls_port = free_port()
-            services.append(f"{LOOPBACK}:{self.tls_port} inet n - n - - smtpd -o smtpd_tls_wrappermode=yes")
+            services.append(f"{endpoint(self.tls_port)} inet n - n - - smtpd -o smtpd_tls_wrappermode=yes")
             main.update({"smtpd_tls_security_level": "may", "smtpd_tls_chain_files": certificate.both,
                          "smtpd_tls_loglevel": 1})
         main.update(settings or {})
@@ -204,7 +210,7 @@ class ScriptedServer:
 
     def __init__(self, place, dialogue=None):
         self._dialogue = dialogue or polite_server()
-        self._listener = socket.create_server((LOOPBACK, 0), backlog=256)
+        self._listener = socket.create_server((LOOPBACK, 0), family=FAMILY, backlog=256)
         self.port = self._listener.getsockname()[1]
         self.address = (LOOPBACK, self.port)
         self._failures = []
@@ -309,9 +315,9 @@ class Balancer:
         configuration.write_text(
             "global\n  nbthread 1\n"
             "defaults\n  mode tcp\n  timeout connect 10s\n  timeout client 10m\n  timeout server 10m\n"
-            f"listen smtp\n  bind {LOOPBACK}:{self.port} {binding}\n" +
+            f"listen smtp\n  bind {endpoint(self.port)} {binding}\n" +
             (f"  source {source}\n" if source else "") +
-            f"  server trabex {LOOPBACK}:{proxy_port} {sending}\n")
+            f"  server trabex {endpoint(proxy_port)} {sending}\n")
         self.process = Process(place, "balancer", ["haproxy", "-db", "-f", configuration])
         place.on_leaving(self.process.end)
         self.process.wait_listening(self.port)
@@ -331,7 +337,7 @@ class HaProxy:
         configuration.write_text(
             f"global\n  nbthread 1\n  maxconn {connections}\n"
             "defaults\n  mode tcp\n  timeout connect 10s\n  timeout client 10m\n  timeout server 10m\n"
-            f"listen smtp\n  bind {LOOPBACK}:{self.port} {binding}\n  server real {LOOPBACK}:{server_port}\n")
+            f"listen smtp\n  bind {endpoint(self.port)} {binding}\n  server real {endpoint(server_port)}\n")
         self.process = Process(place, "haproxy", ["haproxy", "-db", "-f", configuration])
         # SIGTERM is its immediate stop; it reports it as a signal or as status 143.
         place.on_leaving(self.process.end)

@@ -12,8 +12,9 @@ import tempfile
 import time
 from pathlib import Path
 
+from addresses import FAMILY, LOOPBACK
+
 REPO = Path(__file__).resolve().parents[2]
-LOOPBACK = "127.0.0.1"
 DOMAIN = "test.example"
 
 # Postfix and haproxy live where an ordinary user's path does not lead.
@@ -58,7 +59,7 @@ def free_port():
     while True:
         port = random.randrange(12000, 32000)
         reservation = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        probe = socket.socket()
+        probe = socket.socket(FAMILY)
         try:
             reservation.bind(f"\0port of a test {port}")
             probe.bind((LOOPBACK, port))

@@ -9,7 +9,8 @@ import asyncio
 import re
 import unicodedata
 
-from processes import LOOPBACK, bound
+from addresses import IPV6, LOOPBACK
+from processes import bound
 
 # What stands for the number of the play in a file.
 PLACEHOLDER = b"nnn"
@@ -225,7 +226,7 @@ class _Dialogue:
 def _unread(local_port, remote_port):
     """How many bytes wait unread in the socket with these ports."""
     wanted = f":{local_port:04X}", f":{remote_port:04X}"
-    with open("/proc/net/tcp", encoding="ascii") as table:
+    with open("/proc/net/tcp6" if IPV6 else "/proc/net/tcp", encoding="ascii") as table:
         for row in table:
             fields = row.split()
             if fields[1][-5:] == wanted[0] and fields[2][-5:] == wanted[1]:

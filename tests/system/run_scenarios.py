@@ -3,6 +3,7 @@
 
     ./run_scenarios.py                               all of them with build/release
     ./run_scenarios.py --build build/asan test_relay.py
+    ./run_scenarios.py --ipv6                        all of them on ::1
 """
 
 import argparse
@@ -15,6 +16,7 @@ from concurrent.futures import ThreadPoolExecutor, as_completed
 from pathlib import Path
 
 from trabex_system import add_options
+from unpacked_servers import unpack_all
 
 FOLDER = Path(__file__).resolve().parent
 SCENARIO_SECONDS = 300
@@ -24,7 +26,8 @@ def run_scenario(scenario, arguments):
     """Runs one scenario; returns (passed, failed, skipped), its output and its time."""
     begun = time.monotonic()
     command = [sys.executable, str(FOLDER / scenario), "--build", str(arguments.build), "--through", arguments.through,
-               "--patience", str(arguments.patience), *(["--keep"] if arguments.keep else [])]
+               "--patience", str(arguments.patience), *(["--keep"] if arguments.keep else []),
+               *(["--ipv6"] if arguments.ipv6 else [])]
     child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                              text=True, errors="replace")
     try:
@@ -48,6 +51,8 @@ def main():
     add_options(parser)
     arguments = parser.parse_args()
     scenarios = arguments.scenarios or sorted(path.name for path in FOLDER.glob("test_*.py"))
+    if arguments.ipv6 and os.geteuid() == 0:
+        unpack_all()
     total = [0, 0, 0]
     with ThreadPoolExecutor(arguments.jobs) as pool:
         running = {pool.submit(run_scenario, scenario, arguments): scenario for scenario in scenarios}

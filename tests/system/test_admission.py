@@ -4,7 +4,8 @@
 import socket
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, connections_to, free_port, main, polite_server, wait_until)
+from trabex_system import (DOMAIN, FAMILY, LOOPBACK, Scenario, Smtp, connections_to, free_port, in_family, main,
+                           polite_server, wait_until)
 
 
 def name_of(ip):
@@ -23,40 +24,43 @@ class Lists(Scenario):
         self.server = self.sample_server()
 
     def assertAdmitted(self, proxy, source):
-        client = self.connect(proxy.address, source=source)
+        client = self.connect(proxy.address, source=in_family(source))
         self.assertEqual(client.read_reply()[:3], "220", source)
         client.command("QUIT")
         client.close()
 
     def assertRefused(self, proxy, source):
+        source = in_family(source)
         client = self.connect(proxy.address, source=source)
         self.assertEqual(client.read_to_end().decode(), f"554 Connection from {source} not allowed.\r\n")
 
     def test_black_list(self):
-        proxy = self.trabex(self.server.port, {"IPBlackList": ["127.0.0.2,127.0.0.8-127.0.0.9", "127.1.0.0/16"]})
+        proxy = self.trabex(self.server.port, {"IPBlackList": [in_family("127.0.0.2,127.0.0.8-127.0.0.9"),
+                                                                in_family("127.1.0.0/16")]})
         for source in ("127.0.0.2", "127.0.0.8", "127.0.0.9", "127.1.0.0", "127.1.255.255"):
             self.assertRefused(proxy, source)
         for source in ("127.0.0.1", "127.0.0.3", "127.0.0.7", "127.0.0.10", "127.2.0.0", "127.0.255.255"):
             self.assertAdmitted(proxy, source)
 
     def test_allow_list(self):
-        proxy = self.trabex(self.server.port, {"IPAllowList": "127.0.0.1,127.0.0.4-127.0.0.5",
-                                               "IPBlackList": "127.0.0.5"})
+        proxy = self.trabex(self.server.port, {"IPAllowList": in_family("127.0.0.1,127.0.0.4-127.0.0.5"),
+                                               "IPBlackList": in_family("127.0.0.5")})
         for source in ("127.0.0.1", "127.0.0.4"):
             self.assertAdmitted(proxy, source)
         for source in ("127.0.0.2", "127.0.0.5", "127.0.0.6"):
             self.assertRefused(proxy, source)
 
     def test_white_list(self):
-        proxy = self.trabex(self.server.port, {"IPAllowList": "127.0.0.1", "IPBlackList": "127.0.0.0/8",
-                                               "IPWhiteList": "127.0.0.6", "ValidateRDNS": 3, "HostsBlackList": "*"})
+        proxy = self.trabex(self.server.port, {"IPAllowList": LOOPBACK, "IPBlackList": in_family("127.0.0.0/8"),
+                                               "IPWhiteList": in_family("127.0.0.6"), "ValidateRDNS": 3,
+                                               "HostsBlackList": "*"})
         self.assertAdmitted(proxy, "127.0.0.6")
         self.assertRefused(proxy, "127.0.0.1")
         self.assertRefused(proxy, "127.0.0.5")
 
     def test_a_refused_client_does_not_reach_the_server(self):
         server = self.scripted_server()
-        proxy = self.trabex(server.port, {"IPBlackList": "127.0.0.2"})
+        proxy = self.trabex(server.port, {"IPBlackList": in_family("127.0.0.2")})
         for _ in range(5):
             self.assertRefused(proxy, "127.0.0.2")
         self.assertEqual(server.connections, [])
@@ -107,24 +111,24 @@ class Names(Scenario):
         super().setUp()
         self.name = name_of(LOOPBACK)
         if not self.name:
-            self.skipTest("this machine has no name for 127.0.0.1")
+            self.skipTest(f"this machine has no name for {LOOPBACK}")
         self.server = self.scripted_server()
 
     def test_black_list(self):
         proxy = self.trabex(self.server.port, {"ValidateRDNS": 1, "HostsBlackList": f"x,{self.name}"})
         self.assertRefusedButOpen(self.connect(proxy.address),
-                                  f"554 Connection from {self.name} [127.0.0.1] not allowed.")
+                                  f"554 Connection from {self.name} [{LOOPBACK}] not allowed.")
         self.assertEqual(self.server.connections, [])
 
     def test_allow_list(self):
         proxy = self.trabex(self.server.port, {"ValidateRDNS": 1, "HostsAllowList": "*.example"})
         self.assertRefusedButOpen(self.connect(proxy.address),
-                                  f"554 Connection from {self.name} [127.0.0.1] not allowed.")
+                                  f"554 Connection from {self.name} [{LOOPBACK}] not allowed.")
 
     def test_a_name_in_the_machines_own_table_leads_back(self):
         proxy = self.trabex(self.server.port, {"ConfirmHostNames": 1, "ValidateRDNS": 1, "HostsBlackList": self.name})
         self.assertRefusedButOpen(self.connect(proxy.address),
-                                  f"554 Connection from {self.name} [127.0.0.1] not allowed.")
+                                  f"554 Connection from {self.name} [{LOOPBACK}] not allowed.")
 
     def test_white_list(self):
         proxy = self.trabex(self.server.port, {"ValidateRDNS": 1, "HostsAllowList": "x", "HostsBlackList": "*",
@@ -137,11 +141,11 @@ class Names(Scenario):
                                      (0, False, False), (1, False, False), (2, False, True), (3, False, True)):
             with self.subTest(mode=mode, local=local):
                 proxy = self.trabex(self.server.port, {"ValidateRDNS": mode, "HostsBlackList": "*",
-                                                       "LocalIPs": "127.0.0.1" if local else "10.0.0.0/8"})
+                                                       "LocalIPs": LOOPBACK if local else "10.0.0.0/8"})
                 self.assertEqual(self.connect(proxy.address).read_reply()[:3], "554" if refused else "220")
 
     def test_no_name(self):
-        source = "127.99.98.97"
+        source = in_family("127.99.98.97")
         if name_of(source):
             self.skipTest(f"this machine has a name for {source}")
         proxy = self.trabex(self.server.port, {"ValidateRDNS": 3})
@@ -156,10 +160,10 @@ class Time(Scenario):
     def test_refused_but_open(self):
         """A client that only the proxy speaks with is closed; an older one that reached the server is not."""
         proxy = self.trabex(self.sample_server().port, {"Timeout": 1, "ValidateRDNS": 2, "HostsBlackList": "*",
-                                                        "LocalIPs": "127.0.0.1"})
+                                                        "LocalIPs": LOOPBACK})
         relayed = self.connect(proxy.address)
         self.assertEqual(relayed.read_reply()[:3], "220")
-        refused = self.connect(proxy.address, source="127.0.0.2")
+        refused = self.connect(proxy.address, source=in_family("127.0.0.2"))
         self.assertIn(refused.read_reply()[:3], ("554", "454"))
         self.assertEqual(refused.read_to_end(), b"")
         proxy.wait_for_log("Timeout exceeded. Closing connection.")
@@ -168,11 +172,11 @@ class Time(Scenario):
     def test_a_server_that_does_not_answer(self):
         """A full backlog: the connection is neither made nor refused."""
         port = free_port()
-        listener = socket.create_server((LOOPBACK, port), backlog=0)
+        listener = socket.create_server((LOOPBACK, port), family=FAMILY, backlog=0)
         self.addCleanup(listener.close)
         filling = []
         for _ in range(4):
-            filler = socket.socket()
+            filler = socket.socket(FAMILY)
             filler.setblocking(False)
             filler.connect_ex((LOOPBACK, port))
             self.addCleanup(filler.close)
@@ -211,10 +215,10 @@ class LocalAndRemote(Scenario):
 
     def test_relaying(self):
         server = self.sample_server()
-        proxy = self.trabex(server.port, {"LocalIPs": "127.0.0.1", "LocalDomains": f"{DOMAIN},*.{DOMAIN}"})
+        proxy = self.trabex(server.port, {"LocalIPs": LOOPBACK, "LocalDomains": f"{DOMAIN},*.{DOMAIN}"})
         with Smtp(proxy.address) as local:
             local.sendmail(f"s@{DOMAIN}", ["r@elsewhere.invalid"], text_message(1))
-        with Smtp(proxy.address, source="127.0.0.2") as remote:
+        with Smtp(proxy.address, source=in_family("127.0.0.2")) as remote:
             remote.ehlo()
             remote.mail("s@elsewhere.invalid")
             self.assertEqual(remote.rcpt("r@elsewhere.invalid"),
@@ -229,8 +233,8 @@ class LocalAndRemote(Scenario):
     def test_limits(self):
         proxy = self.trabex(self.sample_server().port,
                             {"MaxRecipientsRemote": 2, "MaxTransactionsRemote": 1, "MaxSize": "10K",
-                             "LocalIPs": "127.0.0.1", "LocalDomains": "*"})
-        with Smtp(proxy.address, source="127.0.0.2") as remote:
+                             "LocalIPs": LOOPBACK, "LocalDomains": "*"})
+        with Smtp(proxy.address, source=in_family("127.0.0.2")) as remote:
             remote.ehlo()
             self.assertEqual(remote.esmtp_features["size"], "10240")
             self.assertEqual(remote.docmd(f"MAIL FROM:<s@{DOMAIN}> SIZE=10240")[0], 250)

@@ -7,10 +7,11 @@ The server's own log has the client's address and port, and it is the client's a
 import smtplib
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Authority, Balancer, Scenario, Smtp, bound, free_port, main, received_header,
-                           trusting, wait_until)
+from trabex_system import (DOMAIN, IPV6, LOOPBACK, Authority, Balancer, Scenario, Smtp, bound, bracketed,
+                           bracketed_networks, endpoint, exim_list,
+                           free_port, in_family, main, received_header, trusting, wait_until)
 
-REMOTE = "127.0.0.2"
+REMOTE = in_family("127.0.0.2")
 SENDER = f"sender@{DOMAIN}"
 RECIPIENT = f"r@{DOMAIN}"
 PROXY1, PROXY2, XCLIENT = 1, 2, 3
@@ -21,7 +22,7 @@ class InFront(Scenario):
 
     def start(self, settings=None, sections=None):
         self.server = self.sample_server()
-        self.proxy = self.trabex(self.server.port, {"ProxyProtocolFrom": LOOPBACK, "LocalIPs": "127.0.0.9",
+        self.proxy = self.trabex(self.server.port, {"ProxyProtocolFrom": LOOPBACK, "LocalIPs": in_family("127.0.0.9"),
                                                     "LocalDomains": DOMAIN, **(settings or {})}, sections=sections)
         return self.proxy
 
@@ -39,7 +40,7 @@ class InFront(Scenario):
             port = self.send_through(balancer)
             header = received_header(self.server.wait_for_messages(1)[0].content)
             self.assertEqual(header["ip"], REMOTE, sending)
-            self.proxy.wait_for_log(f"PROXY header: {REMOTE}:{port} to {LOOPBACK}:{balancer.port}.")
+            self.proxy.wait_for_log(f"PROXY header: {endpoint(port, REMOTE)} to {endpoint(balancer.port)}.")
 
     def test_data_about_tls(self):
         """The balancer ends the client's TLS and tells of it; that is skipped."""
@@ -65,16 +66,16 @@ class InFront(Scenario):
         self.assertEqual((header["ip"], header["protocol"]), (REMOTE, "ESMTPS"))
 
     def test_lists_and_relaying_go_by_the_client(self):
-        self.start({"IPBlackList": "127.0.0.3"})
+        self.start({"IPBlackList": in_family("127.0.0.3")})
         balancer = Balancer(self.place, self.proxy.port, "send-proxy")
         with self.assertRaises(smtplib.SMTPException):
-            self.send_through(balancer, "127.0.0.3")
+            self.send_through(balancer, in_family("127.0.0.3"))
         self.proxy.wait_for_log("554 ")
         with Smtp(balancer.address, REMOTE) as client:
             client.ehlo()
             client.mail(SENDER)
             self.assertEqual(client.rcpt("r@elsewhere.invalid")[0], 550)
-        with Smtp(balancer.address, "127.0.0.9") as client:
+        with Smtp(balancer.address, in_family("127.0.0.9")) as client:
             client.ehlo()
             client.mail(SENDER)
             self.assertEqual(client.rcpt("r@elsewhere.invalid")[0], 250)
@@ -110,8 +111,10 @@ class InFront(Scenario):
         """The connection closes without a word."""
         self.start()
         signature = b"\r\n\r\n\0\r\nQUIT\n"
-        bad = (b"PROXY TCP4 127.0.0.2 127.0.0.1 70000 25\r\n", b"PROXY TCP6 127.0.0.2 127.0.0.1 1 25\r\n",
-               b"PROXY  TCP4 127.0.0.2 127.0.0.1 1 25\r\n", b"EHLO c.example\r\n", b"PROXY UDP4 \r\n",
+        family, other = ("TCP6", "TCP4") if IPV6 else ("TCP4", "TCP6")
+        addresses = f"{REMOTE} {LOOPBACK}"
+        bad = (f"PROXY {family} {addresses} 70000 25\r\n".encode(), f"PROXY {other} {addresses} 1 25\r\n".encode(),
+               f"PROXY  {family} {addresses} 1 25\r\n".encode(), b"EHLO c.example\r\n", b"PROXY UDP4 \r\n",
                b"PROXY " + b"x" * 200, signature + b"\x31\x11\0\x0c" + bytes(12), signature + b"\x21\x12\0\x0c" + bytes(12),
                signature + b"\x21\x11\0\x05" + bytes(5), signature + b"\x21\x11\xff\xff")
         for number, header in enumerate(bad, 1):
@@ -130,7 +133,7 @@ class InFront(Scenario):
     def test_strangers_are_no_balancer(self):
         self.start()
         client = self.connect(self.proxy.address, source=REMOTE)
-        client.send(b"PROXY TCP4 127.0.0.9 127.0.0.1 1 25\r\n")
+        client.send_line(f"PROXY {'TCP6' if IPV6 else 'TCP4'} {in_family('127.0.0.9 127.0.0.1')} 1 25")
         self.assertEqual(client.read_line()[:4], "220 ")
         self.assertEqual(client.read_line()[:3], "503")
         client.command("EHLO c.example")
@@ -153,7 +156,7 @@ class Behind:
     def start(self, how, settings=None, sections=None, **server):
         self.server = self.start_server(how, **server)
         # Trabex itself would let everything pass: who may relay, the server decides.
-        self.proxy = self.trabex(self.server.port, {"SendClientIP": how, "LocalIPs": "127.0.0.0/8",
+        self.proxy = self.trabex(self.server.port, {"SendClientIP": how, "LocalIPs": in_family("127.0.0.0/8"),
                                                     **(settings or {})}, sections=sections)
 
     def test_the_log_has_the_client(self):
@@ -169,7 +172,7 @@ class Behind:
         """127.0.0.9 is the only one for whom the server relays."""
         for how in self.hows:
             self.start(how)
-            for source, code in (("127.0.0.9", 250), (REMOTE, self.refused)):
+            for source, code in ((in_family("127.0.0.9"), 250), (REMOTE, self.refused)):
                 with Smtp(self.proxy.address, source) as client:
                     client.ehlo()
                     client.mail(SENDER)
@@ -201,10 +204,11 @@ class ToPostfix(Behind, Scenario):
     refused = 454
 
     def start_server(self, how, **more):
-        settings = {"mynetworks": "127.0.0.9", "smtpd_client_port_logging": "yes", "inet_protocols": "all",
-                    "default_transport": "virtual", "smtpd_relay_restrictions": "permit_mynetworks, defer_unauth_destination"}
+        settings = {"mynetworks": bracketed_networks("127.0.0.9"), "smtpd_client_port_logging": "yes",
+                    "inet_protocols": "all", "default_transport": "virtual",
+                    "smtpd_relay_restrictions": "permit_mynetworks, defer_unauth_destination"}
         if how == XCLIENT:
-            return self.postfix({**settings, "smtpd_authorized_xclient_hosts": LOOPBACK}, **more)
+            return self.postfix({**settings, "smtpd_authorized_xclient_hosts": bracketed_networks(LOOPBACK)}, **more)
         return self.postfix(settings, smtpd={"smtpd_upstream_proxy_protocol": "haproxy"}, **more)
 
     def plain_server(self):
@@ -218,9 +222,9 @@ class ToExim(Behind, Scenario):
     hows = (PROXY1, PROXY2)
 
     def start_server(self, how, **more):
-        return self.exim({"hosts_proxy": LOOPBACK, "hostlist relays": "127.0.0.9", "domainlist own": DOMAIN,
-                          "acl_smtp_rcpt": "${if or{{eq{$sender_host_address}{127.0.0.9}}{eq{$domain}{" + DOMAIN +
-                                           "}}}{accept}{deny}}"}, **more)
+        return self.exim({"hosts_proxy": exim_list(LOOPBACK), "domainlist own": DOMAIN,
+                          "acl_smtp_rcpt": "${if or{{eq{$sender_host_address}{" + in_family("127.0.0.9") +
+                                           "}}{eq{$domain}{" + DOMAIN + "}}}{accept}{deny}}"}, **more)
 
     def plain_server(self):
         return self.exim()
@@ -234,14 +238,15 @@ class ToOpenSmtpd(Behind, Scenario):
 
     def start_server(self, how, **more):
         return self.opensmtpd(listening="proxy-v2", matches=(
-            f'match from any for domain "{DOMAIN}" action "box"', 'match from src 127.0.0.9 for any action "box"'), **more)
+            f'match from any for domain "{DOMAIN}" action "box"',
+            f'match from src {in_family("127.0.0.9")} for any action "box"'), **more)
 
     def plain_server(self):
         return self.opensmtpd()
 
     def logged(self, address, port):
         # It does not log the port.
-        return f"smtp connected address={address} "
+        return f"smtp connected address={bracketed(address)} "
 
 
 if __name__ == "__main__":

@@ -6,7 +6,7 @@ import re
 import shutil
 import subprocess
 
-from trabex_system import REPO, Scenario, bound, main
+from trabex_system import REPO, Scenario, bound, main, only_ipv4
 
 
 def run(*command, cwd=REPO, environment=None):
@@ -24,6 +24,7 @@ def packages_of(*sections):
     return said.split()
 
 
+@only_ipv4("no client comes")
 class Packages(Scenario):
     def test_every_line_belongs_to_a_section(self):
         lines = [line for line in (REPO / "packages.txt").read_text(encoding="utf-8").splitlines()
@@ -54,6 +55,7 @@ class Packages(Scenario):
             self.assertIn(f"scripts/install-packages {sections}\n", text, command)
 
 
+@only_ipv4("no client comes")
 class Builds(Scenario):
     """A folder as it comes from a checkout; what is built in it does not matter here."""
 
@@ -100,6 +102,7 @@ class Builds(Scenario):
             self.assertIn("error: #error this line is wrong", said)
 
 
+@only_ipv4("no client comes")
 class Counts(Scenario):
     """What the build service is told."""
 

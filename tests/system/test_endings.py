@@ -5,7 +5,7 @@ import socket
 import threading
 
 from messages import binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, HungUp, Options, Scenario, Smtp, bound, connections_to,
+from trabex_system import (DOMAIN, FAMILY, LOOPBACK, HungUp, Options, Scenario, Smtp, bound, connections_to,
                            describe_difference, free_port, keeps_freed_memory, main, polite_server, queued_bytes,
                            unread_bytes, wait_until)
 
@@ -26,7 +26,7 @@ class Server(Scenario):
         """Each session tries anew."""
         proxy = self.trabex(port := free_port())
         self.assertEqual(self.connect(proxy.address).read_line(), UNAVAILABLE)
-        listener = socket.create_server((LOOPBACK, port))
+        listener = socket.create_server((LOOPBACK, port), family=FAMILY)
         self.addCleanup(listener.close)
         client = self.connect(proxy.address)
         server, _ = listener.accept()

@@ -1,13 +1,20 @@
 #!/usr/bin/env python3
 """Greylisting under a flood of ever new addresses: the memory and the file stay small, and others are not harmed."""
 
-from trabex_system import DOMAIN, Scenario, keeps_freed_memory, main
+from trabex_system import DOMAIN, IPV6, Scenario, in_family, keeps_freed_memory, main
 
 WARNING = "Greylisting: Too many pending records. Dropped: "
 DELAYED = "451 4.7.1 Greylisted. Delivery delayed."
-FLOOD = "127.0.0.66"
-NEIGHBOUR = "127.0.0.1"
-OTHER = "127.0.7.1"
+FLOOD = in_family("127.0.0.66")
+NEIGHBOUR = in_family("127.0.0.5")
+OTHER = in_family("127.0.7.1")
+# As the log names the network of the first two.
+NETWORK = "fd7f::/64" if IPV6 else "127.0.0"
+
+
+def key_of_network(number):
+    """What the keys of the records of 127.1.<number>.1 begin with."""
+    return in_family(f"127.1.{number}.0/24 ").encode() if IPV6 else b"127.1.%d " % number
 
 
 class Flood(Scenario):
@@ -64,7 +71,7 @@ class Flood(Scenario):
         if not keeps_freed_memory():
             # Some 4 MB otherwise.
             self.assertLess(proxy.process.resident_bytes() - before, 1 << 20)
-        self.assertEqual(self.warnings(proxy), [f"{WARNING}1; Network: 127.0.0."])
+        self.assertEqual(self.warnings(proxy), [f"{WARNING}1; Network: {NETWORK}."])
         self.assertEqual(proxy.end(), 0)
         count, content = self.records()
         self.assertEqual(count, 102)
@@ -77,13 +84,13 @@ class Flood(Scenario):
     def test_of_many_networks(self):
         proxy = self.start(MaxPending=100)
         for number in range(10):
-            self.flood(proxy, f"127.1.{number}.1", 0, 20)
+            self.flood(proxy, in_family(f"127.1.{number}.1"), 0, 20)
         self.assertEqual(self.warnings(proxy), [f"{WARNING}1."])
         self.assertEqual(proxy.end(), 0)
         count, content = self.records()
         self.assertEqual(count, 100)
-        self.assertNotIn(b"127.1.4 ", content)
-        self.assertEqual(content.count(b"127.1.5 "), 20)
+        self.assertNotIn(key_of_network(4), content)
+        self.assertEqual(content.count(key_of_network(5)), 20)
 
     def test_a_file_of_a_flood_before(self):
         """A start with lower bounds keeps the youngest."""

@@ -13,20 +13,21 @@ import re
 from hostile_plays import SERVERS, STARTTLS, TLS_PORT, Play, all_sessions, plays, run_all, unguarded_play
 from recording_server import RecordingServer, command_violations, markers
 from starttls_places import REPLIES, all_places
-from trabex_system import LOOPBACK, Authority, HaProxy, Options, Scenario, bound, free_port, main
+from trabex_system import (LOOPBACK, Authority, HaProxy, Options, Scenario, bound, bracketed_networks, free_port, in_family,
+                           main)
 
 LEAST_SESSIONS = 150
 # More at a time than OpenSMTPD's backlog holds would wait for seconds.
 LANES = 6
 AT_A_TIME = {"scripted": 16, "postfix": 16, "exim": 16, "opensmtpd": 4}
-SETTINGS = {"LocalIPs": "127.0.0.9", "LocalDomains": "local.test", "SendersBlackList": "*@black.test",
+SETTINGS = {"LocalIPs": in_family("127.0.0.9"), "LocalDomains": "local.test", "SendersBlackList": "*@black.test",
             "RecipientsBlackListRemote": "black-*@local.test", "ValidateHELO": 8, "HELOBlackList": "black-*",
             "MaxSize": 50000}
 
 # What ordinary servers have switched off is switched on here: the more they understand, the better.
 POSTFIX = {"mydestination": "local.test", "virtual_mailbox_domains": "", "local_transport": "discard:",
-           "default_transport": "discard:", "smtpd_authorized_xclient_hosts": "127.0.0.0/8",
-           "smtpd_authorized_xforward_hosts": "127.0.0.0/8", "smtpd_forbid_bare_newline": "no",
+           "default_transport": "discard:", "smtpd_authorized_xclient_hosts": bracketed_networks("127.0.0.0/8"),
+           "smtpd_authorized_xforward_hosts": bracketed_networks("127.0.0.0/8"), "smtpd_forbid_bare_newline": "no",
            "smtpd_error_sleep_time": "0", "smtpd_soft_error_limit": "1000", "smtpd_hard_error_limit": "1000",
            "smtpd_junk_command_limit": "1000", "smtpd_forbidden_commands": ""}
 EXIM = {"queue_only": "true", "percent_hack_domains": "*", "strip_trailing_dot": "true", "allow_domain_literals": "true",

@@ -9,7 +9,8 @@ import sys
 import time
 
 from messages import text_message
-from trabex_system import (LOOPBACK, Scenario, Smtp, bound, free_port, is_listening, main, program, run_trabex)
+from trabex_system import (LOOPBACK, Scenario, Smtp, bound, free_port, is_listening, main, only_ipv4, program,
+                           run_trabex)
 
 IPV6_LOOPBACK = "::1"
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
@@ -56,6 +57,7 @@ finally:
 """
 
 
+@only_ipv4("clients and servers of both families are in it")
 class Greeted(Scenario):
     def greeted(self, address, port, source=None):
         client = self.connect((address, port), source=source)
@@ -204,6 +206,7 @@ class Reload(Greeted):
         self.assertIn("Loop detected: ", proxy.log_lines()[-2])
 
 
+@only_ipv4("clients and servers of both families are in it")
 class BadStart(Scenario):
     def run_bad(self, settings):
         """Returns the log's messages; the same reason is on standard error."""

@@ -8,10 +8,10 @@ import signal
 from pathlib import Path
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, main, polite_server, wait_until
+from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, endpoint, main, polite_server, wait_until
 
 # Side, handle, address, text.
-SESSION_LINE = re.compile(r"^([RS]): \{([ \d-]{6})\} \[([ .\w]{15})\] (.*)$")
+SESSION_LINE = re.compile(r"^([RS]): \{([ \d-]{6})\} \[([ .:\w]{15})\] (.*)$")
 
 
 class OneSession(Scenario):
@@ -90,7 +90,7 @@ class OneSession(Scenario):
         others = [line for line in proxy.log_lines() if not SESSION_LINE.match(line)]
         self.assertEqual(others, [
             "Trabex 3.04.012 started.",
-            f"Listen on: {LOOPBACK}:{proxy.port}; Connect to: {LOOPBACK}:{proxy.settings['ServerPort']}.",
+            f"Listen on: {endpoint(proxy.port)}; Connect to: {endpoint(proxy.settings['ServerPort'])}.",
             "Trabex 3.04.012 stopped."])
         # Each line is stamped and ends in CR LF.
         self.assertRegex(proxy.log(), r"\A(\d\d/\d\d/\d\d \d\d:\d\d:\d\d [^\r\n]+\r\n)+\Z")

@@ -10,11 +10,11 @@ import smtplib
 import subprocess
 
 from messages import text_message
-from trabex_system import DOMAIN, LOOPBACK, EximClient, Scenario, Smtp, bound, main, without_received
+from trabex_system import DOMAIN, LOOPBACK, EximClient, Scenario, Smtp, bound, endpoint, in_family, main, without_received
 
 # The clients' address; only LOCAL counts as local, so this is a remote one. smtp-source cannot choose its own.
-REMOTE = "127.0.0.2"
-LOCAL = "127.0.0.9"
+REMOTE = in_family("127.0.0.2")
+LOCAL = in_family("127.0.0.9")
 SENDER = f"sender@{DOMAIN}"
 ELSEWHERE = "elsewhere.invalid"
 
@@ -51,14 +51,14 @@ class Behind:
     def with_swaks(self, recipient, content, source=REMOTE):
         # It ends the last line by itself.
         file = self.file_of(content.removesuffix(b"\r\n"))
-        return self.run_client(["swaks", "--server", f"{LOOPBACK}:{self.proxy.port}", "--local-interface", source,
+        return self.run_client(["swaks", "--server", endpoint(self.proxy.port), "--local-interface", source,
                                 "--helo", "client.example", "--from", SENDER, "--to", recipient,
                                 "--data", f"@{file}", "--suppress-data"])
 
     def with_curl(self, recipient, content, source=REMOTE):
         return self.run_client(["curl", "--silent", "--show-error", "--interface", source, "--mail-from", SENDER,
                                 "--mail-rcpt", recipient, "--upload-file", self.file_of(content),
-                                f"smtp://{LOOPBACK}:{self.proxy.port}/client.example"])
+                                f"smtp://{endpoint(self.proxy.port)}/client.example"])
 
     def with_msmtp(self, recipient, content, source=REMOTE):
         return self.run_client(["msmtp", f"--host={LOOPBACK}", f"--port={self.proxy.port}", f"--source-ip={source}",
@@ -100,7 +100,7 @@ class Behind:
     def test_what_smtp_source_sends_arrives(self):
         self.start()
         self.assertEqual(self.run_client(["smtp-source", "-m", self.many, "-s", "10", "-l", "3000", "-N", "-f", SENDER,
-                                          "-t", f"r@{DOMAIN}", f"inet:{LOOPBACK}:{self.proxy.port}"]), (0, ""))
+                                          "-t", f"r@{DOMAIN}", f"inet:{endpoint(self.proxy.port)}"]), (0, ""))
         messages = self.server.wait_for_messages(self.many)
         self.assertEqual(self.server.count(), self.many)
         bodies = {without_received(content).split(b"\n\n", 1)[1] for _, content in messages}

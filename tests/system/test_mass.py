@@ -6,7 +6,7 @@ import threading
 import traceback
 
 from messages import any_bytes, binary_lines, text_message
-from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, bound, connect, main, without_received
+from trabex_system import DOMAIN, Scenario, Smtp, bound, connect, endpoint, main, without_received
 
 SESSIONS = 20
 
@@ -110,7 +110,7 @@ class Mass(Scenario):
         for more, total in (([], 2000), (["-d"], 4000)):
             done = subprocess.run(
                 ["smtp-source", "-m", "2000", "-s", str(SESSIONS), "-l", "4096", "-f", f"s@{DOMAIN}", "-t",
-                 f"r@{DOMAIN}", *more, f"inet:{LOOPBACK}:{self.proxy.port}"],
+                 f"r@{DOMAIN}", *more, f"inet:{endpoint(self.proxy.port)}"],
                 stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=bound(120), check=False)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
             self.server.wait_for_count(total)

@@ -4,7 +4,7 @@
 import subprocess
 
 from messages import binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, connections_not_closed, connections_to, main,
+from trabex_system import (DOMAIN, Scenario, Smtp, bound, connections_not_closed, connections_to, endpoint, main,
                            wait_until, without_received)
 
 
@@ -45,7 +45,7 @@ class BehindIsPostfix(Scenario):
     def test_two_thousand_messages(self):
         done = subprocess.run(
             ["smtp-source", "-m", "2000", "-s", "20", "-l", "2048", "-f", f"s@{DOMAIN}", "-t", f"r@{DOMAIN}",
-             f"inet:{LOOPBACK}:{self.proxy.port}"],
+             f"inet:{endpoint(self.proxy.port)}"],
             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=bound(180), check=False)
         self.assertEqual((done.returncode, done.stderr), (0, ""))
         messages = self.server.wait_for_messages(2000)

@@ -4,7 +4,7 @@
 import subprocess
 
 from messages import any_bytes, binary_lines, text_message
-from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, main, polite_server, received_header,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, endpoint, main, polite_server, received_header,
                            without_received)
 
 SENDER = f"sender@{DOMAIN}"
@@ -35,7 +35,7 @@ class Clients(Scenario):
         return done.stdout
 
     def test_swaks(self):
-        self.run_client("swaks", "--server", f"{LOOPBACK}:{self.proxy.port}", "--helo", "swaks.example",
+        self.run_client("swaks", "--server", endpoint(self.proxy.port), "--helo", "swaks.example",
                         "--from", SENDER, "--to", RECIPIENT, "--body", "Hello from swaks.",
                         "--header", "Subject: first mail")
         message = self.the_message()
@@ -48,7 +48,7 @@ class Clients(Scenario):
         content = text_message(1, 10_000)
         file = self.place.folder / "message"
         file.write_bytes(content)
-        self.run_client("curl", "--silent", "--show-error", f"smtp://{LOOPBACK}:{self.proxy.port}/curl.example",
+        self.run_client("curl", "--silent", "--show-error", f"smtp://{endpoint(self.proxy.port)}/curl.example",
                         "--mail-from", SENDER, "--mail-rcpt", RECIPIENT, "--upload-file", file)
         message = self.the_message()
         self.assertSame(content, without_received(message.content), "the message")
@@ -67,7 +67,7 @@ class Clients(Scenario):
         for more in ([], ["-d"]):
             before = self.server.count()
             self.run_client("smtp-source", "-m", 20, "-s", 4, "-l", 3000, "-f", SENDER, "-t", RECIPIENT, *more,
-                            f"inet:{LOOPBACK}:{self.proxy.port}")
+                            f"inet:{endpoint(self.proxy.port)}")
             messages = self.server.wait_for_messages(before + 20)[before:]
             bodies = {without_received(message.content) for message in messages}
             self.assertEqual(len(bodies), 20, "every message is one of its own")

@@ -5,7 +5,7 @@ import os
 import signal
 import subprocess
 
-from trabex_system import (DOMAIN, LOOPBACK, Scenario, free_port, is_listening, main, run_trabex, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, endpoint, free_port, is_listening, main, run_trabex, wait_until,
                            without_received)
 
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
@@ -77,7 +77,7 @@ class Reload(Scenario):
                 dumped = proxies[way].log().split(RELOADED)[1]
                 self.assertIn(f"\r\n{key} = {value}\r\n", dumped)
         with self.subTest("another port"):
-            moved.wait_for_log(f"Listen on: {LOOPBACK}:{moved.port}; ", 1, SECONDS)
+            moved.wait_for_log(f"Listen on: {endpoint(moved.port)}; ", 1, SECONDS)
             self.assertTrue(is_listening(moved.port))
             self.assertFalse(is_listening(old_port))
             self.assertEqual(session.command("NOOP")[:3], "250", "the session from before goes on")
@@ -137,7 +137,7 @@ class OnRequest(Scenario):
         proxy.ini.write_text(before.rstrip("\n"), encoding="utf-8")
         proxy.process.send_signal(signal.SIGHUP)
         proxy.wait_for_log(RELOADED, 1, 5)
-        self.assertIn(f"Listen on: {LOOPBACK}:{proxy.port}; ", proxy.log_lines()[-1])
+        self.assertIn(f"Listen on: {endpoint(proxy.port)}; ", proxy.log_lines()[-1])
 
     def test_one_that_fails(self):
         proxy = self.trabex(self.sample_server().port)

@@ -3,13 +3,14 @@
 
 import re
 
-from trabex_system import REPO, Scenario, main, free_port
+from trabex_system import REPO, Scenario, free_port, main, only_ipv4
 
 SAMPLE = REPO / "sample" / "Trabex.ini"
 # What the sample sets for ./run, and what a test has to set for itself.
 OWN = {"BindIP", "BindPort", "ServerIP", "ServerPort", "LogPath", "LocalHostName", "Database", "Log"}
 
 
+@only_ipv4("no client comes")
 class SampleIni(Scenario):
     def dump(self, text):
         """The configuration that Trabex has in force with this file, as it writes it into its log."""

@@ -5,7 +5,8 @@ import os
 import signal
 import socket
 
-from trabex_system import (DOMAIN, Process, Scenario, connections_to, is_listening, main, run_trabex, wait_until)
+from trabex_system import (DOMAIN, LOOPBACK, Process, Scenario, connections_to, in_family, is_listening, main, run_trabex,
+                           wait_until)
 
 GOODBYE = "421 4.3.2 proxy.example is shutting down."
 
@@ -14,7 +15,7 @@ class InSessions(Scenario):
     def test_every_client_is_told(self):
         """Idle, within a transaction, within content, before the first word, refused but open."""
         server = self.sample_server()
-        proxy = self.trabex(server.port, {"ValidateRDNS": 2, "HostsBlackList": "*", "LocalIPs": "127.0.0.1"})
+        proxy = self.trabex(server.port, {"ValidateRDNS": 2, "HostsBlackList": "*", "LocalIPs": LOOPBACK})
         clients = []
         for lines in ([], ["EHLO client.example"], ["EHLO client.example", f"MAIL FROM:<s@{DOMAIN}>"],
                       ["EHLO client.example", f"MAIL FROM:<s@{DOMAIN}>", f"RCPT TO:<r@{DOMAIN}>", "DATA"]):
@@ -26,7 +27,7 @@ class InSessions(Scenario):
                 if len(lines) == 4:
                     client.send(b"half a message\r\n")
                 clients.append(client)
-        refused = self.connect(proxy.address, source="127.0.0.2")
+        refused = self.connect(proxy.address, source=in_family("127.0.0.2"))
         self.assertEqual(refused.read_reply()[1:3], "54")
         self.assertEqual(proxy.end(), 0)
         for client in [*clients, refused]:

@@ -2,11 +2,12 @@
 """The command line, the initialization file's place, and everything that can be wrong at the start."""
 
 import os
+import re
 import socket
 import subprocess
 
-from trabex_system import (LOOPBACK, Process, Scenario, bound, free_port, ini_text, is_listening, main, program,
-                           run_trabex, wait_until)
+from trabex_system import (FAMILY, IPV6, LOOPBACK, Process, Scenario, bound, endpoint, free_port, ini_text,
+                           is_listening, main, program, run_trabex, wait_until)
 
 HELP = """Command line switches:
 
@@ -161,11 +162,11 @@ class BadStart(Scenario):
         return lines, err
 
     def test_port_in_use(self):
-        with socket.create_server((LOOPBACK, 0)) as listener:
+        with socket.create_server((LOOPBACK, 0), family=FAMILY) as listener:
             port = listener.getsockname()[1]
             lines, err = self.run_bad(ini_text({"BindIP": LOOPBACK}), port)
         self.assertEqual(lines[0], "Trabex 3.04.012 started.")
-        self.assertRegex(lines[1], rf"^Error 10048 binding to 127\.0\.0\.1:{port}\. .")
+        self.assertRegex(lines[1], rf"^Error 10048 binding to {re.escape(endpoint(port))}\. .")
         self.assertEqual(lines[2:], ["Trabex 3.04.012 stopped."])
         self.assertIn(lines[1], err)
 
@@ -176,7 +177,7 @@ class BadStart(Scenario):
     def test_loop(self):
         port = free_port()
         message = "Loop detected: Server IP address and port point to listening address and port."
-        for server in (LOOPBACK, "localhost", "0.0.0.0"):
+        for server in (LOOPBACK, "ip6-localhost" if IPV6 else "localhost", "::" if IPV6 else "0.0.0.0"):
             lines, err = self.run_bad(ini_text({"BindIP": LOOPBACK, "ServerIP": server, "ServerPort": port}), port)
             self.assertEqual(lines, ["Trabex 3.04.012 started.", message, "Trabex 3.04.012 stopped."], server)
             self.assertIn(message, err)
@@ -240,7 +241,7 @@ class BadStart(Scenario):
 
     def test_missing_or_unreadable_file(self):
         """Every setting has its default then; so that nobody listens for the world here, the port is taken."""
-        with socket.create_server((LOOPBACK, 0)) as listener:
+        with socket.create_server(("127.0.0.1", 0)) as listener:
             port = listener.getsockname()[1]
             missing = self.run_bad(None, port)[0]
             (self.place.folder / "bad.ini").mkdir()

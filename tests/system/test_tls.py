@@ -7,11 +7,11 @@ import ssl
 import subprocess
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Authority, EximClient, OpenSmtpdClient, Postfix, Scenario, bound, free_port,
-                           main, polite_server, received_header, trusting, wait_until)
+from trabex_system import (DOMAIN, IPV6, LOOPBACK, Authority, EximClient, OpenSmtpdClient, Postfix, Scenario, bound, bracketed,
+                           endpoint, free_port, in_family, main, polite_server, received_header, trusting, wait_until)
 
 NAME = "mx.test.example"
-REMOTE = "127.0.0.2"
+REMOTE = in_family("127.0.0.2")
 SENDER = f"sender@{DOMAIN}"
 RECIPIENT = f"r@{DOMAIN}"
 V12, V13 = ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
@@ -25,7 +25,7 @@ class TlsScenario(Scenario):
         self.authority = Authority(self.place)
 
     def issue(self, *names, **more):
-        return self.authority.issue([*(names or (NAME, "localhost", LOOPBACK))], **more)
+        return self.authority.issue([*(names or (NAME, "localhost", "ip6-localhost", LOOPBACK))], **more)
 
     def start(self, settings=None, **tls):
         """`tls` are settings of its section; without a Certificate it gets one."""
@@ -64,7 +64,7 @@ class Clients(TlsScenario):
         file = self.place.new_folder("message") / "message"
         file.write_bytes(content.removesuffix(b"\r\n"))
         port, tls = (self.tls_port, "--tls-on-connect") if tls_port else (self.proxy.port, "--tls")
-        return self.run_client(["swaks", "--server", f"{LOOPBACK}:{port}", tls, "--tls-verify", "--tls-ca-path",
+        return self.run_client(["swaks", "--server", endpoint(port), tls, "--tls-verify", "--tls-ca-path",
                                 self.authority.file, "--helo", "client.example", "--from", SENDER, "--to", RECIPIENT,
                                 "--data", f"@{file}", "--suppress-data"])
 
@@ -73,8 +73,8 @@ class Clients(TlsScenario):
         file.write_bytes(content)
         where = f"smtps://{NAME}:{self.tls_port}" if tls_port else f"smtp://{NAME}:{self.proxy.port}"
         return self.run_client(["curl", "--silent", "--show-error", "--ssl-reqd", "--cacert", self.authority.file,
-                                "--resolve", f"{NAME}:{self.tls_port}:{LOOPBACK}",
-                                "--resolve", f"{NAME}:{self.proxy.port}:{LOOPBACK}",
+                                "--resolve", f"{NAME}:{self.tls_port}:{bracketed()}",
+                                "--resolve", f"{NAME}:{self.proxy.port}:{bracketed()}",
                                 "--mail-from", SENDER, "--mail-rcpt", RECIPIENT, "--upload-file", file,
                                 f"{where}/client.example"])
 
@@ -138,8 +138,8 @@ class Clients(TlsScenario):
         self.start()
         session = self.place.new_folder("openssl") / "session"
         for tls_port in (False, True):
-            where = (["-connect", f"{LOOPBACK}:{self.tls_port}"] if tls_port
-                     else ["-connect", f"{LOOPBACK}:{self.proxy.port}", "-starttls", "smtp"])
+            where = (["-connect", endpoint(self.tls_port)] if tls_port
+                     else ["-connect", endpoint(self.proxy.port), "-starttls", "smtp"])
             for version in ("-tls1_2", "-tls1_3"):
                 first = self.openssl([*where, version, "-sess_out", session])
                 self.assertIn("Verify return code: 0 (ok)", first)
@@ -208,7 +208,7 @@ class Senders(TlsScenario):
         self.start()
         content = text_message(1, 50_000)
         sender = Postfix(self.place, {
-            "myhostname": "client.example", "virtual_mailbox_domains": "", "smtp_bind_address": REMOTE,
+            "myhostname": "client.example", "virtual_mailbox_domains": "", "smtp_bind_address6" if IPV6 else "smtp_bind_address": REMOTE,
             "relayhost": f"[{LOOPBACK}]:{self.proxy.port}", "smtp_tls_security_level": "secure",
             "smtp_tls_CAfile": self.authority.file, "smtp_tls_secure_cert_match": NAME, "smtp_tls_loglevel": 1})
         with smtplib.SMTP(*sender.address, timeout=bound(30)) as client:
@@ -231,7 +231,9 @@ class Senders(TlsScenario):
     def test_opensmtpd(self):
         self.start()
         content = text_message(3, 50_000)
-        sender = OpenSmtpdClient(self.place, f"smtp+tls://{LOOPBACK}:{self.proxy.port}", REMOTE,
+        # It takes [::1] for a name and finds no such one in the certificate.
+        host = "ip6-localhost" if IPV6 else LOOPBACK
+        sender = OpenSmtpdClient(self.place, f"smtp+tls://{host}:{self.proxy.port}", REMOTE,
                                  authority=self.authority.file)
         with smtplib.SMTP(*sender.address, timeout=bound(30)) as client:
             client.sendmail(SENDER, [RECIPIENT], content)

@@ -13,7 +13,7 @@ import subprocess
 import threading
 from xml.etree import ElementTree
 
-from trabex_system import LOOPBACK, Authority, Connection, Scenario, bound, free_port, main
+from trabex_system import LOOPBACK, Authority, Connection, Scenario, bound, endpoint, free_port, main
 
 NAME = "mx.test.example"
 VERSIONS = {"TLSv1.2", "TLSv1.3"}
@@ -66,7 +66,7 @@ class Profile(Scenario):
             sections={"TLS": {"Certificate": [f"{each.chain} {each.key}" for each in certificates], **tls}})
 
     def scan(self, starttls=False):
-        where = ["--starttls-smtp", f"{LOOPBACK}:{self.proxy.port}"] if starttls else [f"{LOOPBACK}:{self.tls_port}"]
+        where = ["--starttls-smtp", endpoint(self.proxy.port)] if starttls else [endpoint(self.tls_port)]
         done = subprocess.run(["sslscan", "--no-colour", "--xml=-", f"--sni-name={NAME}", *where],
                               stdin=subprocess.DEVNULL, capture_output=True, timeout=bound(120), check=False)
         self.assertEqual(done.returncode, 0, done.stderr)
@@ -79,8 +79,8 @@ class Profile(Scenario):
         return done.stdout + done.stderr
 
     def where(self, starttls):
-        return (["-connect", f"{LOOPBACK}:{self.proxy.port}", "-starttls", "smtp"] if starttls
-                else ["-connect", f"{LOOPBACK}:{self.tls_port}"])
+        return (["-connect", endpoint(self.proxy.port), "-starttls", "smtp"] if starttls
+                else ["-connect", endpoint(self.tls_port)])
 
     def assertIntermediate(self, offer):
         self.assertEqual(offer.beyond_the_profile(), set())

@@ -126,7 +126,8 @@ class Storm(Scenario):
     def storm(self, *arguments):
         """Runs the storm's own program: (handshakes, key updates, clients cut off, seconds), and what relayed meanwhile."""
         with Relaying(self.proxy, self.server) as relaying:
-            done = subprocess.run([str(program("tests/tls_storm")), arguments[0], str(self.tls_port), *map(str, arguments[1:])],
+            done = subprocess.run([str(program("tests/tls_storm")), arguments[0], LOOPBACK, str(self.tls_port),
+                                   *map(str, arguments[1:])],
                                   stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=bound(60), check=False,
                                   preexec_fn=prefer)
         self.assertEqual((done.returncode, done.stderr), (0, ""))

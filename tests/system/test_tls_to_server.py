@@ -7,10 +7,10 @@ A failure is never a way to plain text.
 import ssl
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Authority, Scenario, Smtp, main, polite_server, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, Authority, Scenario, Smtp, in_family, main, polite_server, wait_until,
                            without_received)
 
-REMOTE = "127.0.0.2"
+REMOTE = in_family("127.0.0.2")
 SENDER = f"sender@{DOMAIN}"
 RECIPIENT = f"r@{DOMAIN}"
 NONE, WHEN_OFFERED, STARTTLS, TLS_PORT = 0, 1, 2, 3

@@ -99,7 +99,7 @@ class Clients(PageScenario):
         self.start(self.sample_server(), "The plain set-up: Trabex.ini", "IPv6: Trabex.ini")
         for count, source in enumerate((REMOTE, LOCAL6), 1):
             self.send(self.smtp(source))
-            self.assertEqual(self.header_of_last(count)["ip"], source.replace("::1", "IPv6:::1"))
+            self.assertEqual(self.header_of_last(count)["ip"], source)
         self.assertEqual([self.relaying(source) for source in (REMOTE, LOCAL, LOCAL6)], [550, 250, 250])
 
 
@@ -136,7 +136,7 @@ class Balancer(BehindTheBalancer):
                 self.send(client)
                 count += 1
                 header = self.header_of_last(count)
-                self.assertEqual(header["ip"], source.replace("::1", "IPv6:::1"))
+                self.assertEqual(header["ip"], source)
                 self.assertEqual(header["protocol"], "ESMTP" if count % 3 == 1 else "ESMTPS")
         # Its own checks.
         self.proxy.wait_for_log("PROXY header: local.", 2)

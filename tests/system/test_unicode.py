@@ -10,9 +10,9 @@ import os
 import subprocess
 import unicodedata
 
-from trabex_system import DOMAIN, LOOPBACK, Scenario, Smtp, bound, main, wait_until, without_received
+from trabex_system import DOMAIN, Scenario, Smtp, bound, endpoint, in_family, main, wait_until, without_received
 
-LOCAL = "127.0.0.9"  # nobody here; so the clients are remote ones
+LOCAL = in_family("127.0.0.9")  # nobody here; so the clients are remote ones
 OPTIONS = ["SMTPUTF8", "BODY=8BITMIME"]
 # What Postfix does not mind when it is said often.
 PATIENT = {"smtpd_error_sleep_time": "0", "smtpd_soft_error_limit": "100000", "smtpd_hard_error_limit": "100000",
@@ -186,7 +186,7 @@ class BehindIsPostfix(Scenario):
         file.write_bytes(content)
         done = subprocess.run(
             ["curl", "--silent", "--show-error", "--mail-from", f"Jürgen@{DOMAIN}", "--mail-rcpt", recipients[1],
-             "--upload-file", file, f"smtp://{LOOPBACK}:{self.proxy.port}/client.example"],
+             "--upload-file", file, f"smtp://{endpoint(self.proxy.port)}/client.example"],
             stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=bound(60), check=False,
             env={**os.environ, "LC_ALL": "C.UTF-8"})
         self.assertEqual((done.returncode, done.stderr), (0, ""), done.stdout)

@@ -14,10 +14,10 @@ import termios
 import time
 from pathlib import Path
 
-from trabex_system import Scenario, Terminal, bound, is_listening, main, wait_until
+from trabex_system import LOOPBACK, Scenario, Terminal, bound, endpoint, in_family, is_listening, main, wait_until
 
 HEADER = " Handle Received     Sent Duration         Host IP Host Name"
-ROW = re.compile(r"^ {1,6}\d{1,6} {1,8}\d{1,8} {1,8}\d{1,8} \d\d:\d\d:\d\d {1,15}[0-9.]{7,15} \S+$")
+ROW = re.compile(r"^ {1,6}\d{1,6} {1,8}\d{1,8} {1,8}\d{1,8} \d\d:\d\d:\d\d {1,15}[0-9a-f.:]{3,15} \S+$")
 GONE = "The window has gone with its terminal or the process that drew it; running on without one."
 
 
@@ -90,7 +90,7 @@ class Window(Scenario):
         return wait_until(lambda: children(trabex), "the process that draws")[0]
 
     def status_line(self):
-        return f"127.0.0.1:{self.proxy.port} --> 127.0.0.1:{self.server.port}"
+        return f"{endpoint(self.proxy.port)} --> {endpoint(self.server.port)}"
 
 
 class Content(Window):
@@ -106,11 +106,11 @@ class Content(Window):
         terminal.wait_for_text(HEADER)
         first = self.connect(self.proxy.address)
         greeting = first.read_reply()
-        terminal.wait_for_text("127.0.0.1 ")
+        terminal.wait_for_text(f"{LOOPBACK} ")
         self.wait_for_rows(terminal, 1)
         row = self.rows(terminal)[0]
         self.assertRegex(row, ROW)
-        self.assertEqual(row[34:51], "       127.0.0.1 ".rjust(17))
+        self.assertEqual(row[34:51], f" {LOOPBACK:>15} ")
         self.assertEqual((int(row[7:16]), int(row[16:25])), (0, len(greeting) + 2))
         second = self.connect(self.proxy.address)
         second.read_reply()
@@ -423,12 +423,12 @@ class DeafTerminal(Window):
         renderer = self.stop(terminal)
         for _ in range(20):
             self.assertServes()
-        late = self.connect(self.proxy.address, source="127.0.0.77")
+        late = self.connect(self.proxy.address, source=in_family("127.0.0.77"))
         self.assertEqual(late.read_reply()[:3], "220")
         self.assertTrue(is_alive(renderer))
         # When it goes on it shows what is so now.
         terminal.go_on()
-        terminal.read_until("127.0.0.77")
+        terminal.read_until(in_family("127.0.0.77"))
         for client in [*clients, late]:
             client.close()
         os.kill(terminal.pid, signal.SIGTERM)

@@ -9,7 +9,8 @@ import smtplib
 import textwrap
 
 from messages import text_message
-from trabex_system import (LOOPBACK, REPO, Authority, Scenario, bound, free_port, received_header, trusting, wait_until)
+from trabex_system import (LOOPBACK, REPO, Authority, Scenario, bound, free_port, only_ipv4, received_header, trusting,
+                           wait_until)
 
 PAGE = REPO / "docs" / "tls-ipv6-addresses.md"
 FILES = ("Trabex.ini", "openssl", "haproxy.cfg", "master.cf", "main.cf", "exim4.conf", "smtpd.conf", "log", "message")
@@ -91,6 +92,7 @@ def read_options(text):
     return dict(re.fullmatch(r"([\w ]+?) = (.*)", line).groups() for line in text.splitlines())
 
 
+@only_ipv4("clients and servers of both families are in it")
 class PageScenario(Scenario):
     def setUp(self):
         super().setUp()

@@ -16,7 +16,8 @@ import tempfile
 import unittest
 from pathlib import Path
 
-from processes import LOOPBACK, Process, bound, free_port, wait_until
+from addresses import LOOPBACK, bracketed, in_family
+from processes import Process, bound, free_port, wait_until
 
 # Ids that no distribution gives to anybody.
 _USER_ID = 64901
@@ -39,6 +40,12 @@ def unpacked_package(name):
                 _run("dpkg", "-x", archive, Path(work) / "files")
                 (Path(work) / "files").rename(folder)
     return folder
+
+
+def unpack_all():
+    """For runs in a network of their own, from where nothing can be downloaded."""
+    for name in ("exim4-daemon-light", "exim4-daemon-heavy", "opensmtpd"):
+        unpacked_package(name)
 
 
 def _download(name, folder):
@@ -80,8 +87,8 @@ class Root:
         self._make_null_device()
         self._make_users(users)
         # No server of this machine's is to be asked for names.
-        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n::1 localhost\n127.0.0.2 client.test\n"
-                                                     "127.0.0.9 local.test\n")
+        (self.folder / "etc" / "hosts").write_text("127.0.0.1 localhost\n::1 localhost ip6-localhost\n" +
+                                                   in_family("127.0.0.2 client.test\n127.0.0.9 local.test\n"))
         (self.folder / "etc" / "resolv.conf").write_text("lookup file\n")
         shutil.copytree(unpacked_package(package) / "usr", self.folder / "usr", symlinks=True, dirs_exist_ok=True,
                         ignore=shutil.ignore_patterns("share"))
@@ -194,6 +201,11 @@ class _MaildirServer:
         return head.group(1).decode("ascii"), content[head.end():]
 
 
+def exim_list(*addresses):
+    """A list of Exim's, whose usual separator is a colon."""
+    return "<; " + " ; ".join(map(in_family, addresses))
+
+
 class Exim(_MaildirServer):
     """An Exim that takes mail from loopback for any domain and delivers it into one Maildir.
 
@@ -214,7 +226,7 @@ class Exim(_MaildirServer):
         self._log = self._root.new_folder("var/log/exim4", "Debian-exim") / "mainlog"
         self.maildir = self._root.new_folder("var/mail/box", "Debian-exim")
         main = {
-            "primary_hostname": "server.example", "exim_path": "/usr/sbin/exim4", "local_interfaces": LOOPBACK,
+            "primary_hostname": "server.example", "exim_path": "/usr/sbin/exim4", "local_interfaces": exim_list(LOOPBACK),
             "daemon_smtp_ports": self.port, "acl_smtp_rcpt": "accept", "acl_smtp_data": "accept",
             "log_selector": "+all -subject -msg_id", "host_lookup": "", "rfc1413_query_timeout": "0s",
             "deliver_drop_privilege": "true", "keep_environment": "", "tls_advertise_hosts": "",
@@ -265,8 +277,8 @@ class EximClient:
             "deliver_drop_privilege = true\nlog_selector = +all\nmessage_size_limit = 0\n"
             "check_spool_space = 0\ncheck_spool_inodes = 0\n"
             "begin routers\nproxy:\n  driver = manualroute\n"
-            f"  route_data = {address[0]}\n  self = send\n  transport = smtp\n"
-            f"begin transports\nsmtp:\n  driver = smtp\n  port = {address[1]}\n  interface = {source}\n"
+            f"  route_data = \"\\\"<; {address[0]}\\\"\"\n  self = send\n  transport = smtp\n"
+            f"begin transports\nsmtp:\n  driver = smtp\n  port = {address[1]}\n  interface = {exim_list(source)}\n"
             "  allow_localhost\n  hosts_try_chunking = *\n  hosts_try_fastopen =\n" +
             "".join(f"  {option} = {value}\n" for option, value in (tls or {"hosts_avoid_tls": "*"}).items()) +
             "begin retry\n* * F,1h,1m\n")

@@ -20,14 +20,19 @@
 namespace {
 
 constexpr std::string_view kHelp =
-    "sample_mail_server [--port N] [--folder DIR] [--max-size BYTES] [--without KEYWORD]...\n"
-    "Takes mail on 127.0.0.1 and stores each message as <n>.eml in the folder.\n"
+    "sample_mail_server [--address A] [--port N] [--folder DIR] [--max-size BYTES] [--without KEYWORD]...\n"
+    "Takes mail on loopback and stores each message as <n>.eml in the folder.\n"
+    "  --address   127.0.0.1, the default, or ::1\n"
     "  --port      port to listen on; 0, the default, takes a free one\n"
     "  --folder    where the mail goes (default: mail)\n"
     "  --max-size  largest message in bytes\n"
     "  --without   an extension that is not to be offered: 8BITMIME, CHUNKING, PIPELINING or SIZE\n";
 
+constexpr std::string_view kIPv4Address = "127.0.0.1";
+constexpr std::string_view kIPv6Address = "::1";
+
 struct CommandLine {
+  sample::Loopback loopback = sample::Loopback::kIPv4;
   std::uint16_t port = 0;
   std::string folder = "mail";
   sample::SessionOptions session;
@@ -54,7 +59,12 @@ CommandLine ReadCommandLine(int count, char** arguments) {
     }
     if (++i == count) throw std::invalid_argument("no value after " + std::string(name));
     const std::string_view value = arguments[i];
-    if (name == "--port") {
+    if (name == "--address") {
+      if (value != kIPv4Address && value != kIPv6Address) {
+        throw std::invalid_argument("invalid address: " + std::string(value));
+      }
+      line.loopback = value == kIPv6Address ? sample::Loopback::kIPv6 : sample::Loopback::kIPv4;
+    } else if (name == "--port") {
       line.port = ToNumber<std::uint16_t>(value, "port");
     } else if (name == "--folder") {
       line.folder = value;
@@ -93,8 +103,11 @@ int main(int argc, char** argv) {
     }
     const sample::Descriptor end_signals(EndSignals());
     sample::MailFolder folder(line.folder);
-    sample::Server server(line.port, folder, line.session);
-    std::cout << "Listening on 127.0.0.1:" << server.Port() << "; mail is stored in " << folder.Path()
+    sample::Server server(line.loopback, line.port, folder, line.session);
+    const std::string address = line.loopback == sample::Loopback::kIPv6
+                                    ? "[" + std::string(kIPv6Address) + "]"
+                                    : std::string(kIPv4Address);
+    std::cout << "Listening on " << address << ":" << server.Port() << "; mail is stored in " << folder.Path()
               << std::endl;
     server.Run(end_signals.Number());
     return 0;

@@ -31,8 +31,37 @@ int Checked(int result, const char* what) {
   return result;
 }
 
-int NewListener() {
-  return Checked(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
+int NewListener(Loopback loopback) {
+  const int family = loopback == Loopback::kIPv6 ? AF_INET6 : AF_INET;
+  return Checked(::socket(family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0), "socket");
+}
+
+// An address and port of either family.
+struct SocketAddress {
+  sockaddr* Pointer() { return reinterpret_cast<sockaddr*>(&storage); }
+  sockaddr_in& IPv4() { return reinterpret_cast<sockaddr_in&>(storage); }
+  sockaddr_in6& IPv6() { return reinterpret_cast<sockaddr_in6&>(storage); }
+  // The ports of both stand in the same place.
+  std::uint16_t Port() { return ntohs(IPv4().sin_port); }
+
+  sockaddr_storage storage{};
+  socklen_t size = sizeof storage;
+};
+
+SocketAddress AddressOf(Loopback loopback, std::uint16_t port) {
+  SocketAddress address;
+  if (loopback == Loopback::kIPv6) {
+    address.IPv6().sin6_family = AF_INET6;
+    address.IPv6().sin6_addr = in6addr_loopback;
+    address.IPv6().sin6_port = htons(port);
+    address.size = sizeof(sockaddr_in6);
+  } else {
+    address.IPv4().sin_family = AF_INET;
+    address.IPv4().sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.IPv4().sin_port = htons(port);
+    address.size = sizeof(sockaddr_in);
+  }
+  return address;
 }
 
 // Nothing can be read or written now, but the connection is open.
@@ -40,10 +69,15 @@ bool WouldBlock() {
   return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
 }
 
-std::string AddressText(const sockaddr_in& address) {
-  std::array<char, INET_ADDRSTRLEN> text{};
-  ::inet_ntop(AF_INET, &address.sin_addr, text.data(), text.size());
-  return std::string(text.data()) + ":" + std::to_string(ntohs(address.sin_port));
+std::string AddressText(SocketAddress& address) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  const std::string port = ":" + std::to_string(address.Port());
+  if (address.storage.ss_family == AF_INET6) {
+    ::inet_ntop(AF_INET6, &address.IPv6().sin6_addr, text.data(), text.size());
+    return "[" + std::string(text.data()) + "]" + port;
+  }
+  ::inet_ntop(AF_INET, &address.IPv4().sin_addr, text.data(), text.size());
+  return text.data() + port;
 }
 
 // Reads away what has arrived: a connection that is closed with unread input is reset, and what was said last
@@ -66,19 +100,15 @@ Server::Client::Client(int socket_number, SmtpSession new_session)
       output(SmtpSession::Greeting()),
       last_activity(std::chrono::steady_clock::now()) {}
 
-Server::Server(std::uint16_t port, MailFolder& folder, const SessionOptions& options)
-    : folder_(folder), options_(options), listener_(NewListener()) {
+Server::Server(Loopback loopback, std::uint16_t port, MailFolder& folder, const SessionOptions& options)
+    : folder_(folder), options_(options), listener_(NewListener(loopback)) {
   const int on = 1;
   Checked(::setsockopt(listener_.Number(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), "SO_REUSEADDR");
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(port);
-  socklen_t size = sizeof address;
-  Checked(::bind(listener_.Number(), reinterpret_cast<sockaddr*>(&address), size), "bind");
+  SocketAddress address = AddressOf(loopback, port);
+  Checked(::bind(listener_.Number(), address.Pointer(), address.size), "bind");
   Checked(::listen(listener_.Number(), SOMAXCONN), "listen");
-  Checked(::getsockname(listener_.Number(), reinterpret_cast<sockaddr*>(&address), &size), "getsockname");
-  port_ = ntohs(address.sin_port);
+  Checked(::getsockname(listener_.Number(), address.Pointer(), &address.size), "getsockname");
+  port_ = address.Port();
 }
 
 void Server::Run(int end_descriptor) {
@@ -117,10 +147,9 @@ void Server::Run(int end_descriptor) {
 }
 
 void Server::Accept() {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  const int number = ::accept4(listener_.Number(), reinterpret_cast<sockaddr*>(&address), &size,
-                               SOCK_NONBLOCK | SOCK_CLOEXEC);
+  SocketAddress address;
+  const int number =
+      ::accept4(listener_.Number(), address.Pointer(), &address.size, SOCK_NONBLOCK | SOCK_CLOEXEC);
   if (number < 0) return;
   const int on = 1;
   ::setsockopt(number, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

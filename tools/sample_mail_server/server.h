@@ -25,11 +25,14 @@ class Descriptor {
   int number_;
 };
 
+// The address that it listens on: 127.0.0.1 or ::1.
+enum class Loopback { kIPv4, kIPv6 };
+
 class Server {
  public:
-  // Listens on 127.0.0.1:`port` (0: any free port). Throws std::system_error when it cannot. `folder` and
-  // `options` outlive the server.
-  Server(std::uint16_t port, MailFolder& folder, const SessionOptions& options);
+  // Listens on `port` (0: any free port). Throws std::system_error when it cannot. `folder` and `options`
+  // outlive the server.
+  Server(Loopback loopback, std::uint16_t port, MailFolder& folder, const SessionOptions& options);
 
   std::uint16_t Port() const { return port_; }
   // Serves until `end_descriptor` can be read; then every client gets a 421, as far as it can take it at
