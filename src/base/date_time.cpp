@@ -14,8 +14,21 @@ namespace {
 // From the epoch; the calendar ends with the year 32767.
 constexpr double kMaxSeconds = 30000 * 365.2425 * kSecondsPerDay;
 
+// A number of 0 to 99 with two digits.
+std::string& AppendTwo(std::string& text, int number) {
+  const char digits[] = {static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)};
+  return text.append(digits, sizeof digits);
+}
+
+std::string& AppendTime(std::string& text, const CalendarTime& time) {
+  AppendTwo(text, time.hour) += ':';
+  AppendTwo(text, time.minute) += ':';
+  return AppendTwo(text, time.second);
+}
+
 std::string Time(const CalendarTime& time) {
-  return ZeroPadded(time.hour, 2) + ":" + ZeroPadded(time.minute, 2) + ":" + ZeroPadded(time.second, 2);
+  std::string text;
+  return AppendTime(text, time);
 }
 
 }  // namespace
@@ -49,12 +62,15 @@ std::string FormatRFCDate(DateTime local, int bias_minutes) {
                                                                "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   const CalendarTime time = ToCalendar(local);
   const int magnitude = bias_minutes < 0 ? -bias_minutes : bias_minutes;
-  std::string result(kDays[static_cast<std::size_t>(time.weekday)]);
-  result += ", " + ZeroPadded(time.day, 2) + " ";
-  result += kMonths[static_cast<std::size_t>(time.month - 1)];
-  result += " " + ZeroPadded(time.year, 4) + " " + Time(time);
-  result += bias_minutes < 0 ? " +" : " -";
-  return result + ZeroPadded(magnitude / 60, 2) + ZeroPadded(magnitude % 60, 2);
+  std::string result;
+  result.reserve(sizeof "Sun, 15 Nov 2026 16:54:24 -0000");
+  result.append(kDays[static_cast<std::size_t>(time.weekday)]).append(", ");
+  AppendTwo(result, time.day) += ' ';
+  result.append(kMonths[static_cast<std::size_t>(time.month - 1)]) += ' ';
+  result.append(ZeroPadded(time.year, 4)) += ' ';
+  AppendTime(result, time).append(bias_minutes < 0 ? " +" : " -");
+  AppendTwo(result, magnitude / 60 % 100);
+  return AppendTwo(result, magnitude % 60);
 }
 
 std::string FormatLogStamp(DateTime local) {

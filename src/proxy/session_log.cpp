@@ -11,8 +11,24 @@ namespace trabex {
 
 namespace {
 
+// What stands between a line's tag and mark, with blank fields. A session writes dozens of lines, so it is copied as
+// a whole and then filled.
+constexpr std::string_view kBlankHead = "{      } [               ] ";
+constexpr std::size_t kHandleAt = 1;
 constexpr std::size_t kHandleWidth = 6;
+constexpr std::size_t kAddressAt = 10;
 constexpr std::size_t kAddressWidth = 15;
+static_assert(kBlankHead.substr(kHandleAt + kHandleWidth, 3) == "} [");
+static_assert(kBlankHead.substr(kAddressAt + kAddressWidth) == "] ");
+
+// Puts `text` at the right end of the blanks that `line` has at `at`; a longer one takes more room than they do.
+void FillField(std::string& line, std::size_t at, std::size_t width, std::string_view text) {
+  if (text.size() > width) {
+    line.replace(at, width, text);
+  } else {
+    text.copy(line.data() + at + width - text.size(), text.size());
+  }
+}
 
 // `name` with "?" for what a reader of the line would take for its end. Both names are the client's text.
 template <class EndsName>
@@ -47,12 +63,12 @@ std::string DescribeTls(const TlsFacts& facts, bool of_client) {
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark) {
   std::string line;
-  line.reserve(side_tag.size() + text.size() + 32);
-  line.append(side_tag).append("{");
-  AppendAlignedRight(line, std::to_string(handle), kHandleWidth);
-  line.append("} [");
-  AppendAlignedRight(line, address.IsNone() ? "   Undefined   " : FormatIPAddress(address), kAddressWidth);
-  line.append("] ").append(mark);
+  line.reserve(side_tag.size() + kBlankHead.size() + mark.size() + text.size());
+  line.append(side_tag).append(kBlankHead).append(mark);
+  // From the back, since a field may become wider.
+  const std::string address_text = address.IsNone() ? "   Undefined   " : FormatIPAddress(address);
+  FillField(line, side_tag.size() + kAddressAt, kAddressWidth, address_text);
+  FillField(line, side_tag.size() + kHandleAt, kHandleWidth, std::to_string(handle));
   AppendVisible(line, text);
   return line;
 }
