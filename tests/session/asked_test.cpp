@@ -15,17 +15,6 @@ void RefuseEvil(SessionFixture& fixture) {
   fixture.Settings.HELOBlackList.Add("evil.test", {.patterns = {"evil.test"}});
 }
 
-constexpr const char* kTransaction = R"(
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
-)";
-
 constexpr const char* kHeaderOfHelo = R"(
     -> Received: from evil.test (Unknown [127.0.0.1]) by proxy.test
     ->       with SMTP; Sun, 15 Nov 2026 16:54:24 -0000
@@ -39,7 +28,7 @@ TEST(Asked, ARefusedHeloIsNamedInTheHeaderAndCostsNoExtension) {
     C: HELO evil.test
     <- 550 Disallowed domain name: evil.test.
 )";
-  PlayEveryWay(RefuseEvil, after_helo + kTransaction + R"(
+  PlayEveryWay(RefuseEvil, after_helo + MailAndRcpt() + R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -50,7 +39,7 @@ TEST(Asked, ARefusedHeloIsNamedInTheHeaderAndCostsNoExtension) {
   PlayEveryWay(RefuseEvil, after_helo + R"(
     C: MAIL FROM:<a@b.test> SIZE=10000001
     <- 552 5.3.4 *
-)" + kTransaction + R"(
+)" + MailAndRcpt() + R"(
     C+ BDAT 3 LAST\r\nabc
     -> BDAT 115 LAST)" + kHeaderOfHelo +
                                R"(
@@ -65,7 +54,7 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
     -> HELO evil.test
     S: 550 no
     <- 550 no
-)" + kTransaction + R"(
+)" + MailAndRcpt() + R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -83,7 +72,7 @@ TEST(Asked, AGreetingThatTheServerRefusesIsNamedInTheHeader) {
     -> EHLO other.test
     S: 502 what
     <- 502 what
-)" + std::string(kTransaction) +
+)" + MailAndRcpt() +
                        R"(
     C: DATA
     -> DATA
@@ -99,10 +88,7 @@ TEST(Asked, ARefusedGreetingLeavesTheTransactionOpen) {
   PlayEveryWay(RefuseEvil, InTransaction() + R"(
     C: EHLO evil.test
     <- 550 Disallowed domain name: evil.test.
-    C: RCPT TO:<v@local.test>
-    -> RCPT TO:<v@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Rcpt("v@local.test") + R"(
     C: EHLO other.test
     -> EHLO other.test
     S: 501 no
@@ -219,7 +205,7 @@ TEST(Asked, CommandsAfterAGreetingThatRefusesGoToTheServer) {
     S closes
     closed C)");
   // One that accepts EHLO all the same is believed.
-  PlayEveryWay({}, refused + "S: 250 server\n<- 250 server\n" + kTransaction);
+  PlayEveryWay({}, refused + "S: 250 server\n<- 250 server\n" + MailAndRcpt());
   // So is one that was sent ahead.
   PlayEveryWay({}, R"(
     C+ EHLO client.test\r\nQUIT\r\n

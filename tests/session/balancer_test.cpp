@@ -5,6 +5,7 @@
 #include <string>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 
 namespace trabex {
 namespace {
@@ -36,18 +37,8 @@ TEST(Balancer, HeaderSaysWhoseConnectionItIs) {
     <- 220 server ready
     log R: {*} [      127.0.0.1] Connection Request.
     log R: {*} [      192.0.2.7] PROXY header: 192.0.2.7:51234 to 203.0.113.5:25.
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server.test
-    <- 250 server.test
-    C: MAIL FROM:<a@sender.test>
-    -> MAIL FROM:<a@sender.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<b@local.test>
-    -> RCPT TO:<b@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Ehlo() + Mail("a@sender.test") +
+                              Rcpt("b@local.test") + R"(
     C: DATA
     -> DATA
     S: 354 go
@@ -199,29 +190,12 @@ TEST(Balancer, AConnectionOfNobodyIsNeverLocal) {
     S: 220 server ready
     <- 220 server ready
     log R: {*} [      127.0.0.1] PROXY header: local.
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server.test
-    <- 250 server.test
-    C: MAIL FROM:<a@local.test>
-    -> MAIL FROM:<a@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Ehlo() + Mail("a@local.test") + R"(
     C: RCPT TO:<b@elsewhere.test>
     <- 550 *)");
   }
   // The same client without a balancer.
-  PlayBothWays({}, R"(
-    S: 220 server ready
-    <- 220 server ready
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server.test
-    <- 250 server.test
-    C: MAIL FROM:<a@local.test>
-    -> MAIL FROM:<a@local.test>
-    S: 250 ok
-    <- 250 ok
+  PlayBothWays({}, Greeting() + Ehlo() + Mail("a@local.test") + R"(
     C: RCPT TO:<b@elsewhere.test>
     -> RCPT TO:<b@elsewhere.test>)");
 }

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "proxy/dialogue/greylist_check.h"
+#include "support/openings.h"
 
 namespace trabex {
 
@@ -15,32 +16,7 @@ struct DelayAll : GreylistCheck {
 };
 
 inline std::string Greeted() {
-  return R"(
-    S: 220 server ready
-    <- 220 server ready
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server
-    S: 250-8BITMIME
-    S: 250-CHUNKING
-    S: 250 SIZE 10000000
-    <- 250-server
-    <- 250-8BITMIME
-    <- 250-CHUNKING
-    <- 250 SIZE 10000000
-)";
-}
-
-// A sender and a recipient, after a greeting; the server takes both.
-inline std::string MailAndRcpt(std::string_view sender = "a@b.test") {
-  return "C: MAIL FROM:<" + std::string(sender) + ">\n-> MAIL FROM:<" + std::string(sender) + R"(>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
-)";
+  return Greeting() + Ehlo({"8BITMIME", "CHUNKING", "SIZE 10000000"});
 }
 
 inline std::string InTransaction() {

@@ -77,10 +77,8 @@ TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
     -> MAIL FROM:<a@b.test> SIZE=200
     S: 250 ok
     <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Rcpt() +
+          R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -97,19 +95,8 @@ TEST(MaxSize, IsComparedWithTheDeclaredSizeAlone) {
 
 TEST(Ehlo, ChunkingIsNotOfferedForAServerThatDoesNotKnowIt) {
   PlayEveryWay(
-      [](SessionFixture& fixture) { AddPattern(fixture.Settings.AddSMTPExtensionsLocal, "CHUNKING"); }, R"(
-    S: 220 server ready
-    <- 220 server ready
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server
-    S: 250 8BITMIME
-    <- 250-server
-    <- 250 8BITMIME
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
+      [](SessionFixture& fixture) { AddPattern(fixture.Settings.AddSMTPExtensionsLocal, "CHUNKING"); },
+      Greeting() + Ehlo({"8BITMIME"}) + Mail() + R"(
     C+ BDAT 6 LAST\r\nRSET\r\n
     <- 503 5.5.1 Bad sequence of commands.
     -> nothing)");
@@ -123,10 +110,7 @@ TEST(Ehlo, SecondOneStartsAnew) {
     <- 250 server
     C: RCPT TO:<u@local.test>
     <- 503 5.5.1 Bad sequence of commands.
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
+)" + Mail() + R"(
     C: BDAT 3 LAST
     C+ abc
     <- 503 5.5.1 Bad sequence of commands.
@@ -210,11 +194,7 @@ TEST(Helo, OwnHostNameNeedsNoLookUp) {
 }
 
 TEST(Rcpt, RelayingIsRefusedToRemoteClients) {
-  PlayEveryWay(Remote, Greeted() + R"(
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
+  PlayEveryWay(Remote, Greeted() + Mail() + R"(
     C: RCPT TO:<x@other.test>
     <- 550 5.7.1 Relaying to other.test not allowed.
     C: RCPT TO:<x%other.test@local.test>
@@ -253,11 +233,7 @@ TEST(Greylisting, RefusesAtRcpt) {
         fixture.Greylisting = &greylisting;
         fixture.Settings.GreyListing.Enabled = true;
       },
-      Greeted() + R"(
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
+      Greeted() + Mail() + R"(
     C: RCPT TO:<u@local.test>
     <- 451 4.7.1 Greylisted. Delivery delayed.
     C: QUIT

@@ -80,14 +80,8 @@ TEST(IPv6Client, ItsLiteralIsCheckedAndHanded) {
     -> EHLO [ipv6:0::1]
     S: 250 server
     <- 250 server
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + MailAndRcpt() +
+          R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -113,13 +107,7 @@ TEST(IPv6Client, GreylistingHearsItsAddress) {
         fixture.Greylisting = &greylisting;
         fixture.Settings.GreyListing.Enabled = true;
       },
-      FromIPv6() + R"(
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server
-    S: 250 ENHANCEDSTATUSCODES
-    <- 250-server
-    <- 250 ENHANCEDSTATUSCODES
+      FromIPv6() + Ehlo({"ENHANCEDSTATUSCODES"}) + R"(
     C: MAIL FROM:<a@b.test>
     -> MAIL FROM:<a@b.test>
     S: 250 2.1.0 ok

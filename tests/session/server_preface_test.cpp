@@ -5,6 +5,7 @@
 #include <string>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 
 namespace trabex {
 namespace {
@@ -30,10 +31,11 @@ Configure Balanced(const Configure& further) {
 }
 
 constexpr const char* kHeader = R"(
-    C+ PROXY TCP4 192.0.2.7 203.0.113.5 51234 25\r\n)";
+    C+ PROXY TCP4 192.0.2.7 203.0.113.5 51234 25\r\n
+)";
 
-std::string Then(const char* first, const char* rest) {
-  return std::string(first) + rest;
+std::string Then(std::string_view first, std::string_view rest) {
+  return std::string(first).append(rest);
 }
 
 // The client gets the proxy's word, and nothing else.
@@ -62,9 +64,7 @@ TEST(ServerPrefaceSession, HeaderOfVersion1ComesFirstAndIsProved) {
 TEST(ServerPrefaceSession, HeaderTellsWhatTheBalancerHasTold) {
   PlayBothWays(Balanced(SendClientIP(1)), Then(kHeader, R"(
     -> PROXY TCP4 192.0.2.7 203.0.113.5 51234 25
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250 server.test
+)" + Asked() + R"(
     <- 220 server ready)"));
   PlayBothWays(Balanced(SendClientIP(2)), Then(kHeader, R"(
     *> \r\n\r\n\0\r\nQUIT\n!\x11\0\x0C\xC0\0\x02\x07\xCB\0q\x05\xC8"\0\x19
@@ -110,11 +110,8 @@ TEST(ServerPrefaceSession, XclientTellsTheServerWhoTheClientIs) {
     fixture.Names.SetName(kClient, "mail.client.test");
     fixture.Names.SetAddresses("mail.client.test", {kClient});
   });
-  PlayBothWays(with_name, Then(kHeader, R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 XCLIENT NAME ADDR PROTO PORT REVERSE_NAME DESTADDR DESTPORT
+  PlayBothWays(with_name,
+               Then(kHeader, Asked({"XCLIENT NAME ADDR PROTO PORT REVERSE_NAME DESTADDR DESTPORT"}) + R"(
     -> XCLIENT NAME=mail.client.test REVERSE_NAME=mail.client.test PORT=51234 DESTADDR=203.0.113.5 DESTPORT=25 ADDR=192.0.2.7
     <- nothing
     S: 220 welcome
@@ -157,11 +154,7 @@ TEST(ServerPrefaceSession, XclientNamesAreThoseThatLeadBack) {
       fixture.Settings.SendClientIP = 3;
       row.set(fixture.Names);
     });
-    PlayBothWays(configure, std::string(kHeader) + R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 XCLIENT NAME ADDR REVERSE_NAME
+    PlayBothWays(configure, std::string(kHeader) + Asked({"XCLIENT NAME ADDR REVERSE_NAME"}) + R"(
     -> XCLIENT )" + row.names + " ADDR=192.0.2.7");
   }
 }
@@ -171,11 +164,7 @@ TEST(ServerPrefaceSession, XclientWaitsForTheName) {
   SendClientIP(3)(fixture);
   fixture.Names.SetName(kIPv4Loopback, "a.test");
   fixture.Names.HoldAnswers();
-  EXPECT_EQ(fixture.Play(R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 XCLIENT NAME ADDR
+  EXPECT_EQ(fixture.Play(Asked({"XCLIENT NAME ADDR"}) + R"(
     -> nothing
     answer
     -> nothing
@@ -227,11 +216,7 @@ TEST(ServerPrefaceSession, ARefusalGoesToTheClientAndTheServerGetsNothingMore) {
     C: QUIT
     <- 221 2.0.0 proxy.test closing connection.
     closed both)");
-  PlayBothWays(SendClientIP(3), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 XCLIENT ADDR
+  PlayBothWays(SendClientIP(3), Asked({"XCLIENT ADDR"}) + R"(
     -> XCLIENT ADDR=*127.0.0.1
     S: 554 not you
     <- 554 not you
@@ -265,11 +250,7 @@ TEST(ServerPrefaceSession, AServerThatRefusesAndClosesEndsTheSession) {
     )") + end + "\nclosed C");
     }
   }
-  PlayBothWays(SendClientIP(3), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 XCLIENT ADDR
+  PlayBothWays(SendClientIP(3), Asked({"XCLIENT ADDR"}) + R"(
     -> XCLIENT ADDR=*127.0.0.1
     S+ 421 not you\r\n
     S closes
@@ -278,30 +259,19 @@ TEST(ServerPrefaceSession, AServerThatRefusesAndClosesEndsTheSession) {
 }
 
 TEST(ServerPrefaceSession, WhereTlsIsNotRequiredTheSessionGoesOnWithout) {
-  PlayBothWays(ServerTls(server_tls::kIfOffered), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250 server.test
+  PlayBothWays(ServerTls(server_tls::kIfOffered), Asked() + R"(
     <- 220 server ready)");
   // A server that takes one EHLO in a session has taken ours.
-  PlayBothWays(ServerTls(server_tls::kIfOffered), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 8BITMIME
+  PlayBothWays(ServerTls(server_tls::kIfOffered), Asked({"8BITMIME"}) + R"(
     <- 220 server ready
     C: EHLO client.test
     -> EHLO client.test
     S: 503 already identified
-    <- 250-server.test
+    <- 250-server
     <- 250 8BITMIME
     C: MAIL FROM:<a@b.test>
     -> MAIL FROM:<a@b.test>)");
-  PlayBothWays(ServerTls(server_tls::kIfOffered), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 STARTTLS
+  PlayBothWays(ServerTls(server_tls::kIfOffered), Asked({"STARTTLS"}) + R"(
     -> STARTTLS
     S: 454 not now
     <- 220 server ready)");
@@ -313,18 +283,11 @@ TEST(ServerPrefaceSession, WhereTlsIsNotRequiredTheSessionGoesOnWithout) {
 }
 
 TEST(ServerPrefaceSession, WhereTlsIsRequiredThereIsNoSessionWithout) {
-  PlayBothWays(ServerTls(server_tls::kStartTls), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250 server.test
+  PlayBothWays(ServerTls(server_tls::kStartTls), Asked() + R"(
     <- 421 *
     closed both
     log S: {*] No session with this server: STARTTLS not offered. Closing connection.)");
-  PlayBothWays(ServerTls(server_tls::kStartTls), R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 STARTTLS
+  PlayBothWays(ServerTls(server_tls::kStartTls), Asked({"STARTTLS"}) + R"(
     -> STARTTLS
     S: 454 not now
     <- 421 *
@@ -336,11 +299,7 @@ TEST(ServerPrefaceSession, RepliesInjectedBehindStarttlsReachNobody) {
   for (const std::int32_t mode : {server_tls::kIfOffered, server_tls::kStartTls}) {
     SessionFixture fixture;
     ServerTls(mode)(fixture);
-    EXPECT_EQ(fixture.Play(R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 STARTTLS
+    EXPECT_EQ(fixture.Play(Asked({"STARTTLS"}) + R"(
     -> STARTTLS
     S+ 220 go\r\n250 injected\r\n
     <- 421 *

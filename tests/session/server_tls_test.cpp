@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 #include "support/test_certificates.h"
 #include "support/tls_peer.h"
 #include "tls/tls_context.h"
@@ -32,14 +33,10 @@ class ServerTlsTest : public testing::Test {
       return done();
     });
   }
-  void Play(const char* script) { EXPECT_EQ(fixture.Play(script), ""); }
+  void Play(std::string_view script) { EXPECT_EQ(fixture.Play(script), ""); }
   // The server and we have agreed on STARTTLS.
   void PlayStartTls() {
-    Play(R"(
-    S: 220 server ready
-    -> EHLO proxy.test
-    S: 250-server.test
-    S: 250 STARTTLS
+    Play(Asked({"STARTTLS"}) + R"(
     -> STARTTLS
     S: 220 go)");
   }

@@ -35,8 +35,8 @@ enum class Security {
 
 class SessionFixture {
  public:
-  // The clients come from the loopback address of the family, unless their script says otherwise, and call there.
-  // The server's address is one of IPv4.
+  // The clients come from the loopback address of the family, unless their script says otherwise, and call
+  // there. The server's address is one of IPv4.
   explicit SessionFixture(Delivery delivery = Delivery::kWhole, AddressFamily clients = AddressFamily::kIPv4);
   ~SessionFixture();
 
@@ -125,12 +125,12 @@ class SessionFixture {
   std::string failure_;
 };
 
-// A test that plays `text` with the settings that `configure` makes, once as it is, once byte by byte, and once
-// with a client on ::1 in the place of 127.0.0.1 (a text with other clients is not played there).
+// A test that plays `text` with the settings that `configure` makes, once as it is, once byte by byte, and
+// once with a client on ::1 in the place of 127.0.0.1 (a text with other clients is not played there).
 void PlayBothWays(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
-// The same, once more under STARTTLS and on the port of TLS, and both ways on the dialogue alone: for what is about
-// the dialogue and not about connections.
+// The same, once more under STARTTLS and on the port of TLS, and both ways on the dialogue alone: for what is
+// about the dialogue and not about connections.
 void PlayEveryWay(const std::function<void(SessionFixture&)>& configure, std::string_view text);
 
 }  // namespace trabex

@@ -26,25 +26,14 @@ constexpr const char* kStartTls = R"(
     <- 220 2.0.0 Ready to start TLS.
 )";
 
-constexpr const char* kMessageUnderTls = R"(
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server
-    S: 250 AUTH PLAIN
-    <- 250-server
-    <- 250 AUTH PLAIN
+std::string MessageUnderTls() {
+  return "\n" + Ehlo({"AUTH PLAIN"}) + R"(
     C: AUTH PLAIN AHgAeQ==
     -> AUTH PLAIN AHgAeQ==
     S: 235 welcome
     <- 235 welcome
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + MailAndRcpt() +
+         R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -65,6 +54,7 @@ constexpr const char* kMessageUnderTls = R"(
     S closes
     closed C
 )";
+}
 
 std::size_t Logged(SessionFixture& fixture, std::string_view text) {
   const auto& lines = fixture.LogLines();
@@ -83,7 +73,7 @@ void UseTlsPort(SessionFixture& fixture) {
 }
 
 TEST(StartTls, AMessagePassesUnderIt) {
-  const std::string text = std::string(kStartTls) + "C starts TLS" + kMessageUnderTls;
+  const std::string text = std::string(kStartTls) + "C starts TLS" + MessageUnderTls();
   PlayBothWays(OfferTls, text);
   for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
     SessionFixture fixture;
@@ -133,10 +123,7 @@ TEST(StartTls, AServerThatTakesOneEhloInASessionIsUnderstood) {
                            R"(
       <- 250-server
       <- 250 8BITMIME
-      C: MAIL FROM:<a@b.test>
-      -> MAIL FROM:<a@b.test>
-      S: 250 ok
-      <- 250 ok
+)" + Mail() + R"(
       C: EHLO client.test
       -> EHLO client.test
       S: 503 already identified
@@ -152,7 +139,7 @@ TEST(StartTls, TheWireMayCutItAnywhere) {
     fixture.OfferTls();
     fixture.Start();
     fixture.ClientPeer().CutWire(piece);
-    EXPECT_EQ(fixture.Play(std::string(kStartTls) + "C starts TLS" + kMessageUnderTls), "") << piece;
+    EXPECT_EQ(fixture.Play(std::string(kStartTls) + "C starts TLS" + MessageUnderTls()), "") << piece;
   }
 }
 
@@ -249,20 +236,8 @@ TEST(Tls, ItsEndInAChunkIsTheEndOfTheMessage) {
   fixture.Settings.AddReceived = false;
   fixture.OfferTls();
   ASSERT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server
-    S: 250 CHUNKING
-    <- 250-server
-    <- 250 CHUNKING
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Ehlo({"CHUNKING"}) + MailAndRcpt() +
+                         R"(
     C+ BDAT 10 LAST\r\n12345
     -> BDAT 10 LAST
     *> 12345)"),
@@ -366,7 +341,7 @@ TEST(Handshake, NothingIsKeptForItAfterwards) {
 // --- the port of TLS
 
 TEST(TlsPort, AMessagePassesUnderIt) {
-  PlayBothWays(UseTlsPort, std::string("S: 220 ready\n<- 220 ready\n") + kMessageUnderTls);
+  PlayBothWays(UseTlsPort, std::string("S: 220 ready\n<- 220 ready\n") + MessageUnderTls());
 }
 
 TEST(TlsPort, TheServerIsNotConnectedBeforeTheHandshake) {

@@ -41,8 +41,8 @@ class FakeNameLookup final : public NameLookup {
   void SetLocalHostName(std::string_view name) { local_ = NameAnswer{0, std::string(name)}; }
   void SetLocalHostNameError(int error) { local_ = NameAnswer{error, {}}; }
 
-  // From now on what is set for 127.0.0.1 holds for ::1 too, and every name that has addresses of IPv4 has one of
-  // IPv6 for each of them: ::1 for 127.0.0.1, 64:ff9b::a.b.c.d (RFC 6052) for others.
+  // From now on what is set for 127.0.0.1 holds for ::1 too, and every name that has addresses of IPv4 has
+  // one of IPv6 for each of them: ::1 for 127.0.0.1, 64:ff9b::a.b.c.d (RFC 6052) for others.
   void MeanIPv6() { mean_ipv6_ = true; }
   // From now on no answer comes before Deliver.
   void HoldAnswers() { held_ = true; }

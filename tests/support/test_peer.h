@@ -21,7 +21,8 @@ class TestPeer {
   TestPeer() = default;
   explicit TestPeer(SystemSocket socket) : socket_(std::move(socket)) {}
 
-  // Connects to `port` of 127.0.0.1, from an IPv6 address to that of ::1, from `from`; connected when this returns.
+  // Connects to `port` of 127.0.0.1, from an IPv6 address to that of ::1, from `from`; connected when this
+  // returns.
   static TestPeer Connect(std::uint16_t port, const IPAddress& from = kIPv4Loopback);
 
   bool Open() const { return socket_.IsOpen(); }
@@ -39,8 +40,8 @@ class TestPeer {
   std::size_t Untaken() const { return socket_.Untaken(); }
   // In how many segments what came so far has come.
   std::uint32_t SegmentsReceived() const { return socket_.SegmentsReceived(); }
-  // Hands `bytes` to the system as far as it takes them; returns how many. Under TLS all of them, or none before
-  // the handshake is done.
+  // Hands `bytes` to the system as far as it takes them; returns how many. Under TLS all of them, or none
+  // before the handshake is done.
   std::size_t Send(std::string_view bytes);
   // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
   void HoldLittle() { socket_.LimitReceiveBuffer(32768); }

@@ -1,5 +1,5 @@
-// The other end of a TLS connection, as a test holds it: the library itself, so that the program's own layer is
-// not tested against itself. It has no socket; the test carries the bytes.
+// The other end of a TLS connection, as a test holds it: the library itself, so that the program's own layer
+// is not tested against itself. It has no socket; the test carries the bytes.
 #pragma once
 
 #include <memory>

@@ -1,13 +1,12 @@
 // tls_storm: clients that give a TLS port more to do than any client needs, for the system tests.
 //
 //   tls_storm handshakes ADDRESS PORT RATE SECONDS
-//                                                  so many connections a second; each ends when its handshake is done
+//     so many connections a second; each ends when its handshake is done
 //   tls_storm key-updates ADDRESS PORT CLIENTS RATE SECONDS
-//                                                  so many clients at a time, each with so many key updates a second; one that
-//                                                  is cut off comes again
+//     so many clients at a time, each with so many key updates a second; one that is cut off comes again
 //
-// In the end it prints "<handshakes> <key updates> <clients that were cut off> <milliseconds that it took>". On a busy
-// machine handshakes come more slowly than they should, but no fewer.
+// In the end it prints "<handshakes> <key updates> <clients that were cut off> <milliseconds that it took>". On
+// a busy machine handshakes come more slowly than they should, but no fewer.
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -70,8 +69,8 @@ class Client {
     return !ended && tls_.Error().empty() && !tls_.Ended();
   }
   bool Secured() const { return tls_.Established() && unsent_.empty(); }
-  // Makes the key updates that are due at `rate` a second; returns how many. What was missed for long is missed, so
-  // that they never come faster than that.
+  // Makes the key updates that are due at `rate` a second; returns how many. What was missed for long is
+  // missed, so that they never come faster than that.
   std::size_t UpdateKeys(std::size_t rate) {
     if (!Secured()) return 0;
     if (!secured_at_) secured_at_ = Clock::now();

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "base/text.h"
+#include "support/openings.h"
 
 namespace trabex {
 
@@ -161,17 +162,7 @@ void TestDialogue::EndServer() {
 }
 
 void TestDialogue::Greet() {
-  Run(R"(
-    S: 220 server.test ESMTP
-    <- 220 server.test ESMTP
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server.test
-    S: 250-CHUNKING
-    S: 250 XEXCH50
-    <- 250-server.test
-    <- 250-CHUNKING
-    <- 250 XEXCH50)");
+  Run(Greeting() + Ehlo({"CHUNKING", "XEXCH50"}));
 }
 
 void TestDialogue::OfferTls() {
@@ -212,20 +203,12 @@ void TestDialogue::Secure() {
 
 void TestDialogue::GreetAndMail() {
   Greet();
-  Run(R"(
-    C: MAIL FROM:<s@sender.test>
-    -> MAIL FROM:<s@sender.test>
-    S: 250 sender ok
-    <- 250 sender ok)");
+  Run(Mail("s@sender.test"));
 }
 
 void TestDialogue::GreetMailAndRcpt() {
   GreetAndMail();
-  Run(R"(
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 recipient ok
-    <- 250 recipient ok)");
+  Run(Rcpt());
 }
 
 void TestDialogue::Refuse() {

@@ -2,8 +2,9 @@
 // run through it step by step, and a test may look at its state, and set it, in between.
 //
 // Everything that the dialogue does must be in the script, in its order. Where the reply to a line
-// is left out and another line comes, the server has refused the former; the lines of a reply count when its last one has come. Of what only a
-// session does there is "wait 500" and "closed C" where it is to end after that pause.
+// is left out and another line comes, the server has refused the former; the lines of a reply count when its
+// last one has come. Of what only a session does there is "wait 500" and "closed C" where it is to end after
+// that pause.
 //
 // "C starts TLS" stands where the dialogue lets TLS begin.
 #pragma once
@@ -101,8 +102,8 @@ class TestDialogue final : private DialogueActions {
   // The client's connection is that of a balancer, which then sends `bytes`; returns how many are its header.
   void ExpectHeader();
   std::size_t TakeHeader(std::string_view bytes);
-  // The server is connected, and has to agree on something; with `tls`, on TLS before its greeting, which then
-  // stands.
+  // The server is connected, and has to agree on something; with `tls`, on TLS before its greeting, which
+  // then stands.
   void BeginPreface(bool tls);
   // TLS with the client stands.
   void Secure();

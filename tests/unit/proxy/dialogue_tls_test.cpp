@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 
+#include "support/openings.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
@@ -37,11 +38,7 @@ TEST(StartTls, MakesEverythingBeforeForgotten) {
   TlsDialogue t;
   TestDialogue& d = t.dialogue;
   t.Greet(true, false);
-  d.Run(R"(
-    C: MAIL FROM:<s@sender.test>
-    -> MAIL FROM:<s@sender.test>
-    S: 250 ok
-    <- 250 ok
+  d.Run(Mail("s@sender.test") + R"(
     C: RSET
     -> RSET
     S: 250 ok
@@ -86,14 +83,8 @@ TEST(StartTls, TheHeaderNamesTls) {
     -> AHgAeQ==
     S: 235 welcome
     <- 235 welcome
-    C: MAIL FROM:<s@sender.test>
-    -> MAIL FROM:<s@sender.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
+)" + Mail("s@sender.test") +
+        Rcpt() + R"(
     C: DATA
     -> DATA
     S: 354 go on
@@ -257,10 +248,8 @@ TEST(StartTls, IsNotAvailableWhenTheCertificateHasGoneSinceItWasOffered) {
       <- 501 5.5.4 STARTTLS takes no parameters.
       C: STARTTLS
       <- 454 4.7.0 TLS not available due to temporary reason.
-      C: MAIL FROM:<s@sender.test>
-      -> MAIL FROM:<s@sender.test>
-      S: 250 ok
-      <- 250 ok
+)" + Mail("s@sender.test") +
+          R"(
       C: STARTTLS
       <- 503 5.5.1 Bad sequence of commands.
       C: RSET
@@ -325,11 +314,7 @@ TEST(TlsRequired, HoldsWhetherOrNotTlsCanBegin) {
     TestDialogue d;
     d.facts.tls_configured = configured;
     d.configuration.TLS.Require = 2;
-    d.Run(R"(
-      C: EHLO client.test
-      -> EHLO client.test
-      S: 250 server.test
-      <- 250 server.test
+    d.Run(Ehlo() + R"(
       C: MAIL FROM:<s@sender.test>
       <- 530 5.7.0 Must issue a STARTTLS command first.
       C: STARTTLS
@@ -376,17 +361,7 @@ TEST(AuthOverTls, ComesBehindTheChecksOfOrder) {
 
 TEST(AuthOverTls, IsAsBeforeWithoutACertificateInTheSettings) {
   TestDialogue d;
-  d.Run(R"(
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250-server.test
-    S: 250-REQUIRETLS
-    S: 250-AUTH=LOGIN
-    S: 250 AUTH PLAIN EXTERNAL SCRAM-SHA-1 SCRAM-SHA-1-PLUS
-    <- 250-server.test
-    <- 250-REQUIRETLS
-    <- 250-AUTH=LOGIN
-    <- 250 AUTH PLAIN EXTERNAL SCRAM-SHA-1 SCRAM-SHA-1-PLUS
+  d.Run(Ehlo({"REQUIRETLS", "AUTH=LOGIN", "AUTH PLAIN EXTERNAL SCRAM-SHA-1 SCRAM-SHA-1-PLUS"}) + R"(
     C: AUTH PLAIN x
     -> AUTH PLAIN x)");
 }
