@@ -22,6 +22,13 @@ constexpr Milliseconds kDelay{30000};
 constexpr Milliseconds kBetweenLooks{15000};
 constexpr double kBetweenDateChecks = 15 / kSecondsPerDay;
 
+IniText TakeUsableFile(const std::string& path) {
+  IniText ini = mCommon::TakeIniFile(path);
+  if (mCommon::HasSection(ini.text)) return ini;
+  throw Error(error_number::kBadFileContent, "AutoReload.TakeFile",
+              "It has no section; the configuration in force stays.");
+}
+
 }  // namespace
 
 AutoReload::AutoReload(Program& program, frmMain& window)
@@ -43,14 +50,10 @@ void AutoReload::End() {
   tmrAutoReloadDelay.Disable();
 }
 
-void AutoReload::Request() {
-  if (settling_) {
-    requested_ = true;
-    return;
-  }
+IniText AutoReload::TakeFileNow() {
   tmrAutoReloadDelay.Disable();
   reported_stamp_.reset();
-  if (std::optional<IniText> ini = TakeFile()) Reload(std::move(*ini));
+  return TakeUsableFile(program_.ini_file.path);
 }
 
 void AutoReload::tmrAutoReload_Timer() {
@@ -103,10 +106,7 @@ void AutoReload::tmrAutoReloadDelay_Timer() {
 std::optional<IniText> AutoReload::TakeFile() {
   const std::string& path = program_.ini_file.path;
   try {
-    IniText ini = mCommon::TakeIniFile(path);
-    if (mCommon::HasSection(ini.text)) return ini;
-    throw Error(error_number::kBadFileContent, "AutoReload.TakeFile",
-                "It has no section; the configuration in force stays.");
+    return TakeUsableFile(path);
   } catch (const Error& error) {
     // It is tried again at each change in its folder, and that may be the line of the log itself.
     const std::optional<std::int64_t> stamp = StampNow();
@@ -131,12 +131,13 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
   return true;
 }
 
-void AutoReload::Reload(IniText ini) {
+void AutoReload::Reload(IniText ini, std::function<void(bool made)> done) {
+  done_ = std::move(done);
   program_.log.TellFailureAgain();
   const Addresses before = InForce();
   if (!ReadAgain(std::move(ini))) return Failed();
   program_.certificates.Follow();
-  settling_ = true;
+  under_way_ = true;
   ActOnAddresses(before);
 }
 
@@ -162,15 +163,17 @@ void AutoReload::ActOnAddresses(const Addresses& before) {
 }
 
 void AutoReload::Settled(bool succeeded) {
-  settling_ = false;
+  under_way_ = false;
   if (!succeeded) return Failed();
   window_.EnableGreyListingTimer();
   window_.ShowAddresses();
   Begin();  // it may have been switched on
-  if (std::exchange(requested_, false)) Request();
+  if (const auto done = std::exchange(done_, nullptr)) done(true);
+  window_.ReloadIsOver();
 }
 
 void AutoReload::Failed() {
+  if (const auto done = std::exchange(done_, nullptr)) done(false);
   program_.exit_status = 1;
   window_.Form_Unload();
 }

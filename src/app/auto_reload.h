@@ -1,5 +1,5 @@
 // The reload: the initialization file is read again when it has changed and then stayed as it is for half a
-// minute, or on request. Open sessions go on; a setting acts from its next use on.
+// minute. Open sessions go on; a setting acts from its next use on.
 //
 // What is in force is better than half a file: one that cannot be read, or that has no section, is left alone
 // (the log says so), and one whose last line has no end, as if its writer were not done, is checked once
@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -33,9 +34,15 @@ class AutoReload {
   void Begin();
   // Ends the watch, and a reload that is due.
   void End();
-  // Reads the file now, whether it has changed or not, and whatever AutoReload says; who asks has finished
-  // writing it. A reload that was due is made with it.
-  void Request();
+  // The file as it is now. A reload of it that was due is not made any more. Raises what TakeIniFile raises, and
+  // 321 for a file without any section.
+  IniText TakeFileNow();
+  // Reads everything again and acts on what has changed. Ends the program when that fails, with the reason in
+  // the log. `done`, which may be empty, is told whether it is in force, in this call or from the loop. Not to
+  // be called while one is under way.
+  void Reload(IniText ini, std::function<void(bool made)> done = {});
+  // Whether the new addresses of a reload are being put in force, which may take a look-up.
+  bool UnderWay() const { return under_way_; }
 
  private:
   // What a reload may change and what then has consequences outside of the configuration.
@@ -60,9 +67,6 @@ class AutoReload {
   std::optional<IniText> TakeFile();
   // Whether the file may not be complete yet; then it is checked again later.
   bool LooksUnfinished(const IniText& ini);
-  // Reads everything again and acts on what has changed. Ends the program when that failed, with the reason
-  // in the log.
-  void Reload(IniText ini);
   bool ReadAgain(IniText ini);
   void ActOnAddresses(const Addresses& before);
   void Settled(bool succeeded);
@@ -76,8 +80,8 @@ class AutoReload {
   std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
   std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is checked once more
-  bool settling_ = false;   // the new addresses are being put in force, which may take a look-up
-  bool requested_ = false;  // meanwhile
+  bool under_way_ = false;
+  std::function<void(bool made)> done_;  // of the one that is under way
   Timer tmrAutoReload;
   Timer tmrAutoReloadDelay;
 };

@@ -6,10 +6,10 @@
 
 #include "app/instance_requests.h"
 #include "app/log_file.h"
+#include "app/loop_test.h"
 #include "app/program.h"
 #include "app/version.h"
 #include "base/error.h"
-#include "net/socket_errors.h"
 #include "platform/message.h"
 #include "proxy/cProxy.h"
 
@@ -46,6 +46,7 @@ frmMain::frmMain(Program& program)
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
       tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
       auto_reload_(program, *this),
+      requested_reload_(program, auto_reload_, listeners_),
       view_(program.loop, sessions_) {
   tmrStatus.Enable();
   tmrLog.Enable();
@@ -72,7 +73,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
   last_greylisting_save_ = program_.dependencies.clock.UniversalNow();
   loaded_ = true;
   program_.control.Begin();
-  if (std::exchange(reload_is_due_, false)) auto_reload_.Request();
+  if (std::exchange(reload_is_due_, false)) requested_reload_.Request({});
   return true;
 }
 
@@ -106,6 +107,7 @@ void frmMain::Form_Unload() {
   if (unloaded_) return;
   unloaded_ = true;
   auto_reload_.End();
+  requested_reload_.End();
   tmrStatus.Disable();
   tmrSaveGreyListing.Disable();
   tmrLog.Disable();
@@ -133,7 +135,7 @@ void frmMain::StartListening(std::function<void(bool listening)> done) {
 
 void frmMain::TestForLoop(std::function<void(bool passed)> done) {
   program_.names->Cancel(std::exchange(server_lookup_, 0));
-  if (EndpointsAtServerPort().empty()) {
+  if (EndpointsAtServerPort(program_.configuration).empty()) {
     done(true);
     return;
   }
@@ -144,51 +146,17 @@ void frmMain::TestForLoop(std::function<void(bool passed)> done) {
                                                  });
 }
 
-std::vector<ListenEndpoint> frmMain::EndpointsAtServerPort() const {
-  std::vector<ListenEndpoint> endpoints = ListenEndpoints(program_.configuration);
-  std::erase_if(endpoints, [this](const ListenEndpoint& endpoint) {
-    return endpoint.port != program_.configuration.ServerPort;
-  });
-  return endpoints;
-}
-
-// Failures are logged.
+// A failure is logged.
 bool frmMain::PassesLoopTest(const AddressAnswer& server) {
-  for (const ListenEndpoint& endpoint : EndpointsAtServerPort()) {
-    try {
-      if (server.error != 0) {
-        throw Error(server.error, "frmMain.StartListening", std::string(SocketErrorText(server.error)));
-      }
-      if (!LoopsBack(endpoint, server.addresses)) continue;
-      program_.log.LogProblem(
-          "Loop detected: Server IP address and port point to listening address and port.");
-    } catch (const Error& error) {
-      ReportListenError(endpoint, error);
-    }
-    return false;
-  }
-  return true;
-}
-
-bool frmMain::LoopsBack(const ListenEndpoint& endpoint,
-                        const std::vector<IPAddress>& server_addresses) const {
-  std::vector<IPAddress> own;
-  if (endpoint.address.IsUnspecified()) {
-    const int error = program_.sockets.LocalAddresses(own);
-    if (error != 0) throw Error(error, "frmMain.StartListening", std::string(SocketErrorText(error)));
-  }
-  return trabex::LoopsBack(endpoint, server_addresses, own);
+  const auto why_not = WhyNoListening(program_.configuration, program_.sockets, server);
+  if (why_not) program_.log.LogProblem(*why_not);
+  return !why_not;
 }
 
 bool frmMain::Listen() {
   const auto failure = listeners_.Listen(ListenEndpoints(program_.configuration));
-  if (failure) ReportListenError(failure->endpoint, failure->error);
+  if (failure) program_.log.LogProblem(ListenErrorText(failure->endpoint, failure->error));
   return !failure;
-}
-
-void frmMain::ReportListenError(const ListenEndpoint& endpoint, const Error& error) {
-  program_.log.LogProblem("Error " + std::to_string(error.Number()) + " binding to " +
-                          FormatHostAndPort(endpoint.host, endpoint.port) + ". " + error.Description());
 }
 
 void frmMain::ShowAddresses() {
@@ -242,7 +210,7 @@ void frmMain::ScreenGone() {
 void frmMain::HangUp() {
   if (unloaded_) return;
   if (view_.Shown() || view_is_due_) return Form_Unload();
-  if (loaded_) return auto_reload_.Request();
+  if (loaded_) return requested_reload_.Request({});
   reload_is_due_ = true;
 }
 

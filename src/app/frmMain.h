@@ -13,6 +13,7 @@
 #include "app/auto_reload.h"
 #include "app/connection_view.h"
 #include "app/listeners.h"
+#include "app/requested_reload.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
 #include "proxy/session_collection.h"
@@ -66,17 +67,17 @@ class frmMain final {
 
   SessionCollection& Sessions() { return sessions_; }
 
+  // Reloads the initialization file, see RequestedReload::Request.
+  void RequestReload(RequestedReload::Done done) { requested_reload_.Request(std::move(done)); }
+  // A reload, asked for or not, is in force.
+  void ReloadIsOver() { requested_reload_.TakeWaiting(); }
   // Lets go of the log file, which was moved, and opens it anew.
   void ReopenLog();
 
  private:
   bool WaitForListening();
   bool Listen();
-  // The listeners on the server's port: only these can be the server.
-  std::vector<ListenEndpoint> EndpointsAtServerPort() const;
   bool PassesLoopTest(const AddressAnswer& server);
-  bool LoopsBack(const ListenEndpoint& endpoint, const std::vector<IPAddress>& server_addresses) const;
-  void ReportListenError(const ListenEndpoint& endpoint, const Error& error);
 
   void tmrStatus_Timer();
   void tmrLog_Timer();
@@ -100,6 +101,7 @@ class frmMain final {
   Timer tmrLog;
   Timer tmrSaveGreyListing;
   AutoReload auto_reload_;
+  RequestedReload requested_reload_;
   std::unique_ptr<SystemRequests> system_requests_;
   ConnectionView view_;
 };

@@ -1,6 +1,7 @@
 #include "app/instance_requests.h"
 
 #include <algorithm>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -11,6 +12,7 @@
 #include "app/frmMain.h"
 #include "app/printable.h"
 #include "app/program.h"
+#include "app/requested_reload.h"
 #include "proxy/cProxy.h"
 #include "proxy/session_id.h"
 
@@ -65,10 +67,25 @@ ControlAnswer CloseSession(SessionCollection& sessions, const std::string& digit
   return {.status = exit_status::kFailed, .text = {}, .error = "There is no session " + digits + "."};
 }
 
+std::shared_ptr<PendingAnswer> Reload(frmMain& window) {
+  auto answer = std::make_shared<PendingAnswer>();
+  window.RequestReload([answer](const RequestedReload::Outcome& outcome) {
+    ControlAnswer said;
+    for (const std::string& finding : outcome.findings) said.text += Printable(finding) + "\n";
+    if (!outcome.made) {
+      said.status = exit_status::kFailed;
+      said.error = "Configuration not reloaded; the one in force stays.";
+    }
+    answer->Give(std::move(said));
+  });
+  return answer;
+}
+
 }  // namespace
 
 void AddInstanceRequests(Program& program, frmMain& window) {
   ControlRequests& requests = program.requests;
+  requests.Add("RELOAD", [&window](const std::vector<std::string>&) { return Reload(window); });
   requests.Add("REOPENLOG", [&window](const std::vector<std::string>&) {
     window.ReopenLog();
     return ControlAnswer{};

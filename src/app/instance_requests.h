@@ -1,4 +1,5 @@
-// What a running instance does when it is asked: the requests about its log and its sessions.
+// What a running instance does when it is asked: the requests about its configuration, its log and its
+// sessions.
 #pragma once
 
 namespace trabex {
@@ -6,7 +7,7 @@ namespace trabex {
 class frmMain;
 struct Program;
 
-// Adds REOPENLOG, SESSIONS and CLOSE to the requests of `program`. Both outlive the requests' last use.
+// Adds RELOAD, REOPENLOG, SESSIONS and CLOSE to the requests of `program`. Both outlive the requests' last use.
 void AddInstanceRequests(Program& program, frmMain& window);
 
 }  // namespace trabex

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/sockets.h"
+
 namespace trabex {
 
 namespace {
@@ -12,15 +14,18 @@ bool SameSocket(const ListenEndpoint& a, const ListenEndpoint& b) {
   return !a.address.IsNone() && a.address == b.address && a.port == b.port;
 }
 
+bool Contains(const std::vector<ListenEndpoint>& endpoints, const ListenEndpoint& wanted) {
+  return std::any_of(endpoints.begin(), endpoints.end(),
+                     [&](const ListenEndpoint& endpoint) { return SameSocket(endpoint, wanted); });
+}
+
 }  // namespace
 
 Listeners::Listeners(modSocketMaster& module, Events events) : module_(module), events_(std::move(events)) {}
 
 std::optional<ListenFailure> Listeners::Listen(const std::vector<ListenEndpoint>& endpoints) {
   std::erase_if(listeners_, [&](const std::unique_ptr<Listener>& listener) {
-    return std::none_of(endpoints.begin(), endpoints.end(), [&](const ListenEndpoint& endpoint) {
-      return SameSocket(endpoint, listener->endpoint);
-    });
+    return !Contains(endpoints, listener->endpoint);
   });
   for (const ListenEndpoint& endpoint : endpoints) {
     if (Listener* const listener = Find(endpoint)) {
@@ -32,6 +37,29 @@ std::optional<ListenFailure> Listeners::Listen(const std::vector<ListenEndpoint>
     } catch (const Error& error) {
       listeners_.clear();
       return ListenFailure{endpoint, error};
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<ListenFailure> Listeners::WhyNot(const std::vector<ListenEndpoint>& endpoints) const {
+  // One of our own that is in the way, but closes before.
+  const auto makes_room = [&](const ListenEndpoint& endpoint) {
+    return std::any_of(listeners_.begin(), listeners_.end(), [&](const auto& listener) {
+      return listener->endpoint.port == endpoint.port && !Contains(endpoints, listener->endpoint);
+    });
+  };
+  std::vector<std::unique_ptr<CSocketMaster>> tried;  // they may be in each other's way
+  for (const ListenEndpoint& endpoint : endpoints) {
+    if (Find(endpoint) != nullptr) continue;
+    try {
+      tried.push_back(std::make_unique<CSocketMaster>(module_));
+      Bind(*tried.back(), endpoint);
+      tried.back()->Listen();
+    } catch (const Error& error) {
+      if (error.Number() != socket_error::kAddressInUse || !makes_room(endpoint)) {
+        return ListenFailure{endpoint, error};
+      }
     }
   }
   return std::nullopt;
@@ -54,18 +82,23 @@ void Listeners::Open(const ListenEndpoint& endpoint) {
   socket.Events.ConnectionRequest = [this, &known = *listener](std::int32_t requestID) {
     events_.ConnectionRequest(requestID, known.endpoint.tls);
   };
+  Bind(socket, endpoint);
+  socket.Listen();
+  socket.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
+    events_.Error(number, description);
+  };
+  listeners_.push_back(std::move(listener));
+}
+
+void Listeners::Bind(CSocketMaster& socket, const ListenEndpoint& endpoint) {
   // A socket that cannot even be opened, as where the system has no IPv6, is told by the event.
   std::optional<Error> failure;
   socket.Events.Error = [&failure](int number, std::string& description, const std::string& source, bool&) {
     failure.emplace(number, source, description);
   };
   socket.Bind(endpoint.port, endpoint.host);
+  socket.Events.Error = nullptr;
   if (failure) throw Error(*failure);
-  socket.Listen();
-  socket.Events.Error = [this](int number, std::string& description, const std::string&, bool&) {
-    events_.Error(number, description);
-  };
-  listeners_.push_back(std::move(listener));
 }
 
 }  // namespace trabex

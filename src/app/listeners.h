@@ -39,6 +39,9 @@ class Listeners {
   // may need their ports. Returns the first endpoint that could not be listened on and why; then nothing
   // listens any more. Not called from a listener's event.
   std::optional<ListenFailure> Listen(const std::vector<ListenEndpoint>& endpoints);
+  // What would keep Listen from success, as far as it can be told while the present listeners are there; changes
+  // nothing.
+  std::optional<ListenFailure> WhyNot(const std::vector<ListenEndpoint>& endpoints) const;
   // Nothing listens any more. May be called from a listener's event.
   void Close();
 
@@ -52,6 +55,7 @@ class Listeners {
 
   Listener* Find(const ListenEndpoint& endpoint) const;
   void Open(const ListenEndpoint& endpoint);
+  static void Bind(CSocketMaster& socket, const ListenEndpoint& endpoint);
 
   modSocketMaster& module_;
   Events events_;

@@ -49,6 +49,14 @@ EarlyKeysResult Program::ReadEarlyKeysAgain(std::string_view text) {
   return trabex::ReadEarlyKeysAgain(text, MakeEarlyKeyInputs(), configuration, log);
 }
 
+std::string NameTakenText(std::string_view instance_name) {
+  if (const auto user = OtherUserHolding(instance_name)) {
+    return "A process of another user (" + *user +
+           ") holds the name of the instance listening on the same port; no instance of our own user runs.";
+  }
+  return "The instance of this application listening on the same port already running.";
+}
+
 bool Program::LockInstance() {
   instance_lock.reset();
   try {
@@ -63,13 +71,7 @@ bool Program::LockInstance() {
     OpenControlChannel();
     return true;
   }
-  if (const auto user = OtherUserHolding(InstanceName(configuration.BindPort))) {
-    log.LogProblem(
-        "A process of another user (" + *user +
-        ") holds the name of the instance listening on the same port; no instance of our own user runs.");
-  } else {
-    log.LogProblem("The instance of this application listening on the same port already running.");
-  }
+  log.LogProblem(NameTakenText(InstanceName(configuration.BindPort)));
   return false;
 }
 
@@ -79,9 +81,7 @@ void Program::OpenControlChannel() {
   } catch (const Error& error) {
     log.LogError(error);
   }
-  constexpr std::string_view kText = "This instance takes no requests: their name is not free.";
-  log.LogLine(kText);
-  ShowMessage(std::string(kApplicationTitle) + ": " + std::string(kText) + "\n");
+  log.LogProblem("This instance takes no requests: their name is not free.");
 }
 
 void Program::DumpConfiguration() {

@@ -104,4 +104,7 @@ struct Program final : LoadHost {
   std::string waiting_;  // for the terminal to be free: whole lines
 };
 
+// Why an instance of this name cannot be locked.
+std::string NameTakenText(std::string_view instance_name);
+
 }  // namespace trabex

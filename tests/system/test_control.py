@@ -5,11 +5,13 @@ import contextlib
 import os
 import re
 import signal
+import smtplib
 import socket
 import subprocess
+import threading
 
 from messages import text_message
-from trabex_system import (DOMAIN, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
                            without_received)
 
 INSTANCE = "5B0E7C19D4A24F36A1F863D20C97BE48"
@@ -142,6 +144,117 @@ class Requests(Scenario):
         """Connections to the channel beside the listening socket itself."""
         rows = open("/proc/net/unix", encoding="ascii", errors="replace").read().splitlines()
         return sum(row.endswith(f"@{INSTANCE}{self.proxy.port}") and row.split()[4] == "0001" for row in rows) - 1
+
+
+class Reload(Scenario):
+    """The file is checked first, and in force when the command returns."""
+
+    def reload(self, proxy):
+        return run_trabex("/RELOAD", "/I", proxy.ini)
+
+    def test_good_and_bad(self):
+        proxy = self.trabex(self.sample_server().port, {"AutoReload": 0})
+        for number in range(3):
+            proxy.write_ini(SendersBlackList=f"bad{number}@*", MaxBadSeq=10)
+            self.assertEqual(self.reload(proxy), (0, "", ""))
+            client = self.connect(proxy.address)
+            client.read_reply()
+            client.command("EHLO client.example")
+            self.assertEqual(client.command(f"MAIL FROM:<bad{number}@{DOMAIN}>")[:3], "550", "in force")
+            client.close()
+            proxy.write_ini(SendersBlackList="", MaxBadSeq="many")
+            status, out, err = self.reload(proxy)
+            self.assertEqual((status, err), (1, "Trabex: Configuration not reloaded; the one in force stays.\n"))
+            finding, = out.splitlines()
+            self.assertRegex(finding, rf"^{re.escape(str(proxy.ini))}.*: error: .*many")
+            client = self.connect(proxy.address)
+            client.read_reply()
+            client.command("EHLO client.example")
+            self.assertEqual(client.command(f"MAIL FROM:<bad{number}@{DOMAIN}>")[:3], "550", "still in force")
+            client.close()
+        told = proxy.process.stderr().splitlines()
+        self.assertEqual(len(told), 3, told)
+        self.assertTrue(all(line.startswith("Trabex: ") for line in told))
+
+    def test_port_moves_under_the_one_who_asks(self):
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        old, new = proxy.port, free_port()
+        proxy.write_ini(BindPort=new)
+        with raw_call(old, b"RELOAD\n") as caller:
+            self.assertEqual(caller.recv(1000), b"X 0\n")
+        self.assertEqual(self.connect((LOOPBACK, new)).read_reply()[:3], "220")
+        self.assertEqual(run_trabex("/SESSIONS", "/P", old)[0], 3)
+        self.assertEqual(len(run_trabex("/SESSIONS", "/P", new)[1].splitlines()), 2)
+        self.assertEqual(client.command("NOOP")[:3], "250")
+
+    def test_two_hundred_during_traffic(self):
+        """Good and bad ones in turns; no session is harmed, and each good one acts at once."""
+        server = self.sample_server()
+        proxy = self.trabex(server.port, {"AutoReload": 0})
+        stop = threading.Event()
+        failures, sent = [], []
+
+        def send_mail(number):
+            try:
+                client = Smtp(proxy.address)
+                while not stop.is_set():
+                    message = text_message(len(sent))
+                    client.bdat(f"s{number}@{DOMAIN}", [f"r@{DOMAIN}"], [message])
+                    sent.append(message)
+                client.quit()
+            except (OSError, smtplib.SMTPException) as error:
+                failures.append(error)
+
+        senders = [threading.Thread(target=send_mail, args=[number]) for number in range(3)]
+        idle = self.connect(proxy.address)
+        idle.read_reply()
+        for sender in senders:
+            sender.start()
+        try:
+            for number in range(100):
+                proxy.write_ini(SendersBlackList=f"bad{number}@*", MaxBadSeq=10)
+                with raw_call(proxy.port, b"RELOAD\n") as caller:
+                    self.assertEqual(caller.makefile("rb").read(), b"X 0\n")
+                proxy.write_ini(SendersBlackList="s*@*", MaxBadSeq="many")
+                with raw_call(proxy.port, b"RELOAD\n") as caller:
+                    self.assertRegex(caller.makefile("rb").read(), rb"(?s)^T \d+\n.*: error: .*many.*X 1\n$")
+        finally:
+            stop.set()
+            for sender in senders:
+                sender.join()
+        self.assertEqual(failures, [])
+        self.assertGreater(len(sent), 20)
+        server.wait_for_count(len(sent))
+        self.assertEqual(sorted(without_received(message.content) for message in server.messages()), sorted(sent))
+        self.assertEqual(idle.command("EHLO client.example")[:3], "250")
+        self.assertEqual(idle.command(f"MAIL FROM:<bad99@{DOMAIN}>")[:3], "550")
+        self.assertEqual(sum("Configuration reloaded because" in line for line in proxy.log_lines()), 100)
+
+
+class ReopenLog(Scenario):
+    def test_log_that_was_moved(self):
+        """No line is lost, and after the request none is in the file that was moved."""
+        proxy = self.trabex(self.sample_server().port)
+        client = self.connect(proxy.address)
+        client.read_reply()
+        done = 0
+        for turn in range(5):
+            log, = proxy.log_folder.glob("*.log")
+            for part in range(2):
+                for _ in range(10):
+                    self.assertEqual(client.command(f"NOOP {done}")[:3], "250")
+                    done += 1
+                if part == 0:
+                    log.rename(proxy.log_folder / f"moved{turn}")
+            self.assertEqual(run_trabex("/REOPENLOG", "/P", proxy.port), (0, "", ""))
+            self.assertEqual(client.command(f"NOOP {done}")[:3], "250")
+            done += 1
+        files = [*(proxy.log_folder / f"moved{turn}" for turn in range(5)), *proxy.log_folder.glob("*.log")]
+        found = [[int(number) for number in re.findall(r"R: .* < NOOP (\d+)¶", file.read_text())] for file in files]
+        expected = [list(range(20)), *(list(range(21 * turn - 1, 21 * turn + 20)) for turn in range(1, 5)), [104]]
+        self.assertEqual(found, expected)
 
 
 class OtherUsers(Scenario):

@@ -6,9 +6,13 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "app/instance_name.h"
+#include "app/requested_reload.h"
+#include "platform/instance_lock.h"
 #include "reload_fixture.h"
 #include "support/default_hang_up.h"
 #include "support/loop_runner.h"
@@ -17,6 +21,7 @@
 namespace trabex {
 namespace {
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -30,6 +35,18 @@ class RequestedReloadTest : public AutoReloadTest {
     RunUntilIdle(program_->loop);
   }
 
+  // The other way, with its answer.
+  void Request() {
+    outcome_.reset();
+    Window().RequestReload([this](const RequestedReload::Outcome& outcome) { outcome_ = outcome; });
+  }
+  RequestedReload::Outcome Reload() {
+    Request();
+    EXPECT_TRUE(RunUntil(program_->loop, [&] { return outcome_.has_value(); }));
+    return outcome_.value_or(RequestedReload::Outcome());
+  }
+
+  std::optional<RequestedReload::Outcome> outcome_;
   const DefaultHangUp hang_up_;
 };
 
@@ -117,13 +134,150 @@ TEST_F(RequestedReloadTest, AFileThatIsNoneIsRefusedEachTime) {
   EXPECT_FALSE(Window().Unloaded());
 }
 
-TEST_F(RequestedReloadTest, ThatFailsEndsTheProgram) {
+// Whether errors are ignored at a start or not.
+TEST_F(RequestedReloadTest, OfAFileWithErrorsChangesNothing) {
   Start();
-  WriteIni("IgnoreIniErrors=0\nTimeout=many\n");
-  Ask();
-  EXPECT_TRUE(Window().Unloaded());
-  EXPECT_EQ(program_->exit_status, 1);
-  EXPECT_THAT(log_, Contains(HasSubstr("Value is not a number: \"many\".")));
+  for (const std::string ignore : {"0", "1"}) {
+    log_.clear();
+    WriteIni("IgnoreIniErrors=" + ignore + "\nTimeout=200\nMaxConnections=many\nMaxBadSeq=x\n");
+    EXPECT_EQ(Reload().made, false);
+    const std::string wrong =
+        ini_ + ": error: Error parsing initialization file. Section: \"Common\", Key name: ";
+    EXPECT_THAT(outcome_->findings, ElementsAre(AllOf(StartsWith(wrong), HasSubstr("\"many\"")),
+                                                AllOf(StartsWith(wrong), HasSubstr("\"x\""))));
+    EXPECT_THAT(log_, ElementsAre(outcome_->findings[0], outcome_->findings[1],
+                                  "Configuration not reloaded; the one in force stays."));
+    EXPECT_EQ(Settings().Timeout, 100);
+    log_.clear();
+    Ask();
+    EXPECT_EQ(log_.size(), 3U) << "it is told of a signal, too";
+  }
+  EXPECT_FALSE(Window().Unloaded());
+  WriteIni("Timeout=300\n");
+  EXPECT_TRUE(Reload().made);
+  EXPECT_THAT(outcome_->findings, ElementsAre());
+  EXPECT_EQ(Settings().Timeout, 300);
+}
+
+TEST_F(RequestedReloadTest, OfBadEarlyKeysAndBadLinesChangesNothing) {
+  Start();
+  for (const std::string bad : {"Log=3\n", "IgnoreIniErrors=x\n", "no value\n", "[Nowhere]\n"}) {
+    WriteIni("Timeout=200\n" + bad);
+    EXPECT_FALSE(Reload().made) << bad;
+    EXPECT_FALSE(outcome_->findings.empty());
+    EXPECT_EQ(Settings().Timeout, 100);
+    EXPECT_EQ(Settings().Log, 1);
+  }
+}
+
+// What only the system can say: otherwise the program would end.
+TEST_F(RequestedReloadTest, ToAddressesThatCannotBeHadChangesNothing) {
+  Start();
+  PlainSocket other;
+  const int taken = other.Bind();
+  other.Listen();
+  const int free_port = FreePort();
+  const auto other_lock = TryLockInstance(program_->loop, InstanceName(free_port), [] {});
+  const auto with = [&](const std::string& address, int port, int server_port) {
+    return "[Common]\nBindIP=" + address + "\nBindPort=" + std::to_string(port) +
+           "\nServerIP=127.0.0.1\nServerPort=" + std::to_string(server_port) +
+           "\nLogPath=" + (folder_ / "Log") + "\n";
+  };
+  const int new_port = FreePort();
+  const struct {
+    std::string text;
+    std::string reason;
+  } rows[] = {
+      {with("127.0.0.1", taken, 1), "Error 10048 binding to 127.0.0.1:" + std::to_string(taken) + ". "},
+      {with("192.0.2.1", port_, 1), "Error 10049 binding to 192.0.2.1:" + std::to_string(port_) + ". "},
+      {with("127.0.0.1, 0.0.0.0", port_, 1),
+       "Error 10048 binding to 0.0.0.0:" + std::to_string(port_) + ". "},
+      {with("0.0.0.0, 127.0.0.1", new_port, 1),
+       "Error 10048 binding to 127.0.0.1:" + std::to_string(new_port) + ". "},
+      {with("127.0.0.1", free_port, 1),
+       "The instance of this application listening on the same port already running."},
+      {with("127.0.0.1", new_port, new_port), "Loop detected: "},
+      {with("127.0.0.1", port_, port_), "Loop detected: "},
+  };
+  for (const auto& row : rows) {
+    log_.clear();
+    Write(ini_, row.text);
+    EXPECT_FALSE(Reload().made) << row.reason;
+    EXPECT_THAT(outcome_->findings, ElementsAre(StartsWith(ini_ + ": error: " + row.reason)));
+    EXPECT_THAT(log_, Contains(outcome_->findings[0]));
+    EXPECT_THAT(log_, Contains("Configuration not reloaded; the one in force stays."));
+    EXPECT_EQ(Settings().BindPort, port_);
+    EXPECT_FALSE(Window().Unloaded());
+    EXPECT_TRUE(PlainSocket().Connect(port_)) << "it still listens";
+  }
+  EXPECT_EQ(TryLockInstance(program_->loop, InstanceName(port_), [] {}), nullptr);
+  // One that is in the way only as long as we listen there.
+  Write(ini_, with("0.0.0.0", port_, 1));
+  EXPECT_TRUE(Reload().made);
+  EXPECT_TRUE(PlainSocket().Connect(port_));
+}
+
+TEST_F(RequestedReloadTest, IsInForceWhenItIsAnswered) {
+  Start();
+  names_->HoldAnswers();
+  const int other = FreePort();
+  Write(ini_, "[Common]\nBindIP=127.0.0.1\nBindPort=" + std::to_string(other) + "\nServerPort=" +
+                  std::to_string(other) + "\nServerIP=server.test\nLogPath=" + (folder_ / "Log") + "\n");
+  Request();
+  EXPECT_EQ(outcome_, std::nullopt) << "the server's name is being looked up";
+  EXPECT_EQ(Settings().BindPort, port_);
+  names_->SetAddresses("server.test", {IP("10.0.0.1")});
+  EXPECT_EQ(names_->Deliver(), 1U);
+  RunUntilIdle(program_->loop);
+  EXPECT_EQ(outcome_, std::nullopt) << "and again, now that the file is being put in force";
+  EXPECT_EQ(names_->Deliver(), 1U);
+  ASSERT_NE(outcome_, std::nullopt);
+  EXPECT_TRUE(outcome_->made);
+  EXPECT_EQ(Settings().BindPort, other);
+  EXPECT_TRUE(PlainSocket().Connect(other));
+}
+
+TEST_F(RequestedReloadTest, IsAnsweredWhenTheProgramEnds) {
+  Start();
+  names_->HoldAnswers();
+  Write(ini_, "[Common]\nBindIP=127.0.0.1\nBindPort=" + std::to_string(port_) +
+                  "\nServerPort=" + std::to_string(port_) + "\nServerIP=server.test\n");
+  Request();
+  std::optional<RequestedReload::Outcome> second;
+  Window().RequestReload([&](const RequestedReload::Outcome& outcome) { second = outcome; });
+  EXPECT_EQ(outcome_, std::nullopt);
+  Window().Form_Unload();
+  ASSERT_TRUE(outcome_ && second);
+  EXPECT_FALSE(outcome_->made || second->made);
+  EXPECT_THAT(outcome_->findings, ElementsAre(ini_ + ": error: The program ends."));
+  names_->Deliver();
+}
+
+// The automatic one begins while the server's name is looked up for the one that was asked for.
+TEST_F(RequestedReloadTest, WaitsForAnAutomaticOne) {
+  Start();
+  names_->HoldAnswers();
+  const auto with_server = [&](const std::string& server) {
+    return "[Common]\nBindIP=127.0.0.1\nBindPort=" + std::to_string(port_) +
+           "\nServerPort=" + std::to_string(port_) + "\nServerIP=" + server +
+           "\nLogPath=" + (folder_ / "Log") + "\n";
+  };
+  names_->SetAddresses("first.test", {IP("10.0.0.1")});
+  names_->SetAddresses("second.test", {IP("10.0.0.2")});
+  Write(ini_, with_server("first.test"));
+  Request();
+  Write(ini_, with_server("second.test"));
+  Pass(60);
+  EXPECT_EQ(Reloads(), 1) << "the automatic one, which waits for its look-up";
+  EXPECT_EQ(outcome_, std::nullopt);
+  for (int i = 0; i < 5 && !outcome_; ++i) {
+    names_->Deliver();
+    RunUntilIdle(program_->loop);
+  }
+  ASSERT_NE(outcome_, std::nullopt);
+  EXPECT_TRUE(outcome_->made);
+  EXPECT_EQ(Settings().ServerIP, "second.test");
+  EXPECT_FALSE(Window().Unloaded());
 }
 
 // The first one moves the listener as soon as the name is found; the second one must not make it forget that.
@@ -136,16 +290,19 @@ TEST_F(RequestedReloadTest, WaitsForTheLookUpOfTheOneBefore) {
            "\nServerPort=" + std::to_string(other) + "\nServerIP=" + server +
            "\nLogPath=" + (folder_ / "Log") + "\n";
   };
+  names_->SetAddresses("first.test", {IP("10.0.0.1")});
+  names_->SetAddresses("second.test", {IP("10.0.0.2")});
   Write(ini_, with_server("first.test"));
   Ask();
+  EXPECT_EQ(names_->Deliver(), 1U) << "of the test before the reload";
   EXPECT_EQ(Reloads(), 1);
   EXPECT_TRUE(PlainSocket().Connect(port_)) << "as long as the name is looked up";
   Write(ini_, with_server("second.test"));
   Ask();
   Ask();
   EXPECT_EQ(Reloads(), 1);
-  names_->SetAddresses("first.test", {IP("10.0.0.1")});
-  names_->SetAddresses("second.test", {IP("10.0.0.2")});
+  EXPECT_EQ(names_->Deliver(), 1U);
+  EXPECT_EQ(Reloads(), 1) << "the next one is tested";
   EXPECT_EQ(names_->Deliver(), 1U);
   EXPECT_EQ(Reloads(), 2);
   RunUntilIdle(program_->loop);

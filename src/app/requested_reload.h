@@ -1,0 +1,72 @@
+// The reload on request: the file is checked first, and with an error nothing changes. That covers what only
+// the system can say as well: that the new port has no instance yet, that its addresses can be bound, that the
+// server is no listener. So a request does not end the program, as an automatic reload may.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "app/reload_check.h"
+#include "config/configuration.h"
+#include "config/ini_reader.h"
+#include "resolver/name_lookup.h"
+
+namespace trabex {
+
+class AutoReload;
+class Listeners;
+struct Program;
+
+class RequestedReload {
+ public:
+  struct Outcome {
+    bool made = false;  // the file is in force
+    std::vector<std::string>
+        findings;  // one line each, without a line end: errors, and what is worth a warning
+
+    friend bool operator==(const Outcome&, const Outcome&) = default;
+  };
+  using Done = std::function<void(const Outcome&)>;
+
+  // All outlive the object.
+  RequestedReload(Program& program, AutoReload& reload, Listeners& listeners);
+  ~RequestedReload();
+  RequestedReload(const RequestedReload&) = delete;
+  RequestedReload& operator=(const RequestedReload&) = delete;
+
+  // Reads the file now, whether it has changed or not, and whatever AutoReload says; who asks has finished
+  // writing it. A reload that was due is made with it. While another one is under way this one waits for it, and
+  // those that wait are made as one. `done`, which may be empty, is told what came of it, in this call or from
+  // the loop; the log has it too.
+  void Request(Done done);
+  // To be called when a reload that was not asked for is over.
+  void TakeWaiting();
+  // The program ends, and whoever waits is told.
+  void End();
+
+ private:
+  void TestAddresses();
+  // What stands against the addresses, but for a loop.
+  std::optional<std::string> WhyNotAddresses() const;
+  void Make();
+  void RefuseFor(const std::string& text);
+  void Refuse();
+  void Answer(bool made);
+
+  Program& program_;
+  AutoReload& reload_;
+  Listeners& listeners_;
+  bool ended_ = false;
+  std::vector<Done> waiting_;
+  // The one that is under way, for all of `asked_`.
+  bool under_way_ = false;
+  std::vector<Done> asked_;
+  IniText ini_;
+  std::optional<Configuration> settings_;  // those in the file, while they are tested
+  Outcome outcome_;
+  LookupId server_lookup_ = 0;
+};
+
+}  // namespace trabex
