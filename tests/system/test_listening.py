@@ -189,21 +189,26 @@ class Reload(Greeted):
                 reloads += 1
         proxy.wait_for_log(RELOADED)
 
-    def test_of_an_address_that_is_taken_ends_the_program(self):
-        proxy = self.trabex(self.sample_server().port)
-        with socket.create_server((IPV6_LOOPBACK, proxy.port), family=socket.AF_INET6):
+    def test_to_an_address_that_is_taken_changes_nothing(self):
+        proxy = self.trabex(self.sample_server().port, {"AutoReload": 0})
+        with socket.create_server((IPV6_LOOPBACK, proxy.port), family=socket.AF_INET6) as taken:
             proxy.write_ini(BindIP=f"{LOOPBACK}, {IPV6_LOOPBACK}")
             proxy.process.send_signal(signal.SIGHUP)
-            self.assertEqual(proxy.process.wait(), 1)
-        self.assertRegex(proxy.log_lines()[-2], rf"^Error 10048 binding to \[::1\]:{proxy.port}\. .")
-        self.assertNobodyListens(LOOPBACK, proxy.port)
+            proxy.wait_for_log("Configuration not reloaded; the one in force stays.")
+            taken.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                taken.accept()
+        self.assertRegex(proxy.log_lines()[-2], rf"Error 10048 binding to \[::1\]:{proxy.port}\. .")
+        self.greeted(LOOPBACK, proxy.port)
 
-    def test_to_a_loop_ends_the_program(self):
-        proxy = self.trabex(self.sample_server().port)
+    def test_to_a_loop_changes_nothing(self):
+        proxy = self.trabex(self.sample_server().port, {"AutoReload": 0})
         proxy.write_ini(BindIP=f"{LOOPBACK}, {IPV6_LOOPBACK}", ServerIP=IPV6_LOOPBACK, ServerPort=proxy.port)
         proxy.process.send_signal(signal.SIGHUP)
-        self.assertEqual(proxy.process.wait(), 1)
+        proxy.wait_for_log("Configuration not reloaded; the one in force stays.")
         self.assertIn("Loop detected: ", proxy.log_lines()[-2])
+        self.greeted(LOOPBACK, proxy.port)
+        self.assertNobodyListens(IPV6_LOOPBACK, proxy.port)
 
 
 @only_ipv4("clients and servers of both families are in it")

@@ -140,15 +140,17 @@ class OnRequest(Scenario):
         self.assertIn(f"Listen on: {endpoint(proxy.port)}; ", proxy.log_lines()[-1])
 
     def test_one_that_fails(self):
-        proxy = self.trabex(self.sample_server().port)
+        """It changes nothing, whether errors are ignored or not."""
+        proxy = self.trabex(self.sample_server().port, {"AutoReload": 0})
         client = self.connect(proxy.address)
         self.assertEqual(client.read_reply()[:3], "220")
-        proxy.write_ini(IgnoreIniErrors=0, Timeout="soon")
-        proxy.process.send_signal(signal.SIGHUP)
-        self.assertEqual(client.read_reply()[:3], "421")
-        client.close()
-        self.assertEqual(proxy.process.wait(), 1)
-        self.assertTrue(proxy.log().endswith(" stopped.\r\n"))
+        for ignored in (0, 1):
+            proxy.write_ini(IgnoreIniErrors=ignored, Timeout="soon")
+            proxy.process.send_signal(signal.SIGHUP)
+            proxy.wait_for_log("Configuration not reloaded; the one in force stays.", ignored + 1, 5)
+        self.assertNotIn(RELOADED, proxy.log())
+        self.assertEqual(proxy.process.stderr().count('"soon"'), 2, "told where nobody reads the log")
+        self.assertEqual(client.command("NOOP")[:3], "250")
 
 
 if __name__ == "__main__":
