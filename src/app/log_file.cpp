@@ -9,7 +9,7 @@ namespace trabex {
 
 namespace {
 
-// More than this is not kept back.
+// More than this is not kept back until the end of the loop iteration.
 constexpr std::size_t kMaxCollectedBytes = std::size_t{64} * 1024;
 
 }  // namespace
@@ -80,7 +80,7 @@ const std::string& LogFile::Stamp(DateTime now) {
   return stamp_;
 }
 
-// Once for all lines that are written together.
+// Once for all lines of a loop iteration: time does not pass for timers inside it.
 void LogFile::RestartTimer() {
   if (timer_ != nullptr && (!flush_is_due_ || !timer_->Enabled())) timer_->Enable();
 }
@@ -91,7 +91,7 @@ void LogFile::Append(std::string_view stamp, std::string_view text) {
   if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) return Flush();
   if (flush_is_due_) return;
   flush_is_due_ = true;
-  loop_->WhenIdle([this] {
+  loop_->OnIterationEnd([this] {
     flush_is_due_ = false;
     Flush();
   });

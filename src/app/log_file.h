@@ -4,9 +4,9 @@
 // or deleted while the program runs. Its name is settled when it is opened: "<program>-<port>-<yymmdd>.log"
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
-// Lines are collected and written with one system call before the loop waits, or after a few iterations without a
-// wait, or as soon as much has collected. A log that cannot be opened or written loses its lines: the mail goes on.
-// Who runs the program is told that it cannot be opened, since the log itself cannot say it.
+// Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
+// as soon as much has collected. A log that cannot be opened or written loses its lines: the mail goes on. Who
+// runs the program is told that it cannot be opened, since the log itself cannot say it.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +49,7 @@ class LogFile final : public Log {
   void SetTell(std::function<void(std::string_view text)> tell) { tell_ = std::move(tell); }
   // A file that still cannot be opened is told once more.
   void TellFailureAgain() { failure_told_ = false; }
-  // From now on lines wait until `loop` is idle; nullptr: each is written at once.
+  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
   void CollectOn(EventLoop* loop);
   // `observer` sees every message that LogLine gets, also those that are dropped; empty: none.
   void SetObserver(std::function<void(std::string_view message)> observer) {
@@ -71,7 +71,7 @@ class LogFile final : public Log {
   AppendFile file_;
   OpenFileReserve reserve_;  // held while the file is closed
   std::string collected_;
-  bool flush_is_due_ = false;  // when the loop is idle
+  bool flush_is_due_ = false;  // at the end of this iteration
   EventLoop* loop_ = nullptr;
   Timer* timer_ = nullptr;
   std::function<void(std::string_view)> observer_;

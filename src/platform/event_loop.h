@@ -3,8 +3,7 @@
 // from inside one (asserted).
 //
 // A loop iteration is one wait and what follows from it, in this order: posted actions, events of sockets and
-// descriptors, timers, then its end: the actions of OnIterationEnd and the objects of DeferredDelete. Before a wait
-// for which nothing is ready the actions of WhenIdle are called.
+// descriptors, timers, then its end: the actions of OnIterationEnd and the objects of DeferredDelete.
 #pragma once
 
 #include <chrono>
@@ -50,13 +49,8 @@ class EventLoop {
   // Calls `action` once in the next iteration (never inside this call).
   void Post(std::function<void()> action);
   // Calls `action` once at the end of this iteration, after all events and before the loop waits: for work
-  // that is collected over an iteration.
+  // that is collected over an iteration, such as writing the log.
   void OnIterationEnd(std::function<void()> action);
-  // Calls `action` once when nothing else is to be done, but before the loop waits, and at the end of the
-  // kMaxBusyIterations-th iteration from now at the latest: for work that is collected as long as more may follow,
-  // such as writing the log.
-  void WhenIdle(std::function<void()> action);
-  static constexpr int kMaxBusyIterations = 8;
   // Takes `object` and destroys it at the end of this iteration, so that no call that is still on the stack
   // finds itself in a destroyed object. Outside of an iteration the object is destroyed at the end of the
   // next one, or with the loop.

@@ -31,16 +31,7 @@ std::size_t DeferredTasks::EndIteration() {
     objects.swap(to_delete_);
     for (auto& object : objects) object.reset();  // in the order in which they were given
   }
-  if (HasIdleWork() && ++busy_iterations_ >= EventLoop::kMaxBusyIterations) calls += CallIdle();
   return calls;
-}
-
-std::size_t DeferredTasks::CallIdle() {
-  busy_iterations_ = 0;
-  std::vector<std::function<void()>> actions;
-  actions.swap(idle_);
-  for (const auto& action : actions) CallHandler(action);
-  return actions.size();
 }
 
 void DeferredTasks::Clear() {
@@ -51,7 +42,6 @@ void DeferredTasks::Clear() {
   }
   posts_.clear();
   iteration_end_.clear();
-  idle_.clear();
 }
 
 }  // namespace trabex

@@ -12,12 +12,11 @@
 
 namespace trabex {
 
-// Posted actions, those of the iteration's end and of an idle loop, and objects to be deleted.
+// Posted actions, those of the iteration's end, and objects to be deleted then.
 class DeferredTasks {
  public:
   void Post(std::function<void()> action) { posts_.push_back(std::move(action)); }
   void OnIterationEnd(std::function<void()> action) { iteration_end_.push_back(std::move(action)); }
-  void WhenIdle(std::function<void()> action) { idle_.push_back(std::move(action)); }
   void DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
     if (object) to_delete_.push_back(std::move(object));
   }
@@ -26,13 +25,9 @@ class DeferredTasks {
   bool Waiting() const { return !posts_.empty() || !iteration_end_.empty() || !to_delete_.empty(); }
   // Calls what was posted before this call. Returns the number of calls.
   std::size_t CallPosts();
-  // Whether something is to be done before a wait for which nothing is ready.
-  bool HasIdleWork() const { return !idle_.empty(); }
-  // Does that. Returns the number of calls.
-  std::size_t CallIdle();
   // Runs the actions of the iteration's end and then deletes the objects, again and again while these add
-  // more of either, but not for ever: what is left then waits for the next iteration. Calls the actions of an idle
-  // loop when it has not been idle for long. Returns the number of actions.
+  // more of either, but not for ever: what is left then waits for the next iteration. Returns the number of
+  // actions.
   std::size_t EndIteration();
   // Deletes the objects and drops all actions; for the loop's end.
   void Clear();
@@ -41,8 +36,6 @@ class DeferredTasks {
   std::vector<std::function<void()>> posts_;
   std::vector<std::function<void()>> running_posts_;  // kept for its memory
   std::vector<std::function<void()>> iteration_end_;
-  std::vector<std::function<void()>> idle_;
-  int busy_iterations_ = 0;  // ended since idle_ was empty
   std::vector<std::unique_ptr<DeferredDeletable>> to_delete_;
 };
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <array>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -122,53 +121,6 @@ TEST_F(EventLoopTest, IterationEndActionsMadeAtTheIterationEndRunInTheSameOneAnd
   loop.RunOnce(kNow);
   EXPECT_GT(rounds, 1);
   EXPECT_LT(rounds, 100);
-}
-
-TEST_F(EventLoopTest, IdleWorkIsDoneBeforeAWaitAndOnce) {
-  loop.Post([this] {
-    loop.WhenIdle([this] { trace += 'i'; });
-    loop.Post([this] { trace += 'p'; });
-  });
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "");
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "p");
-  EXPECT_TRUE(loop.RunOnce(kNow));
-  EXPECT_EQ(trace, "pi");
-  EXPECT_FALSE(loop.RunOnce(kNow));
-  EXPECT_EQ(trace, "pi");
-}
-
-TEST_F(EventLoopTest, IdleWorkWaitsForEventsThatAreReady) {
-  loop.WhenIdle([this] { trace += 'i'; });
-  Timer timer(loop, milliseconds(0), [this] { trace += 't'; });
-  timer.Enable();
-  // A timer is no event: the loop would have waited for it.
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "it");
-  timer.Disable();
-  const SocketPair pair;
-  FdWatcher watch(loop, pair.Near(), [&](FdReadiness) {
-    pair.ReadNear();
-    trace += 'r';
-  });
-  watch.SetInterest({.readable = true});
-  pair.WriteFar();
-  loop.WhenIdle([this] { trace += 'j'; });
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "itr");
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "itrj");
-}
-
-TEST_F(EventLoopTest, IdleWorkIsNotPutOffForEver) {
-  std::function<void()> busy = [&] { loop.Post(busy); };
-  busy();
-  loop.WhenIdle([this] { trace += 'i'; });
-  for (int i = 1; i < EventLoop::kMaxBusyIterations; ++i) loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "");
-  loop.RunOnce(kNow);
-  EXPECT_EQ(trace, "i");
 }
 
 TEST_F(EventLoopTest, DeferredDeletedObjectsOutliveTheCallsOfTheirIteration) {

@@ -88,20 +88,6 @@ std::size_t EventLoop::Impl::DispatchEvents() {
   return calls;
 }
 
-// `calls` counts those of idle work.
-void EventLoop::Impl::AwaitEvents(Milliseconds wait, std::size_t& calls) {
-  const auto await = [this](int timeout) {
-    const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), timeout);
-    event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
-  };
-  if (work.HasIdleWork() && !work.Waiting()) {
-    await(0);
-    if (event_count_ > 0) return;
-    calls += work.CallIdle();
-  }
-  await(EpollTimeout(wait));
-}
-
 bool EventLoop::Impl::Iterate(Milliseconds wait) {
   assert(!in_iteration && "the loop was run from inside one of its calls");
   if (in_iteration) return false;
@@ -110,9 +96,9 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
     if (source != nullptr) source->BeforeWait();
   }
   ++iteration;
-  std::size_t calls = 0;
-  AwaitEvents(wait, calls);
-  calls += work.CallPosts();
+  const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
+  event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  std::size_t calls = work.CallPosts();
   calls += DispatchEvents();
   calls += timers.CallDue(clock.Monotonic());
   calls += work.EndIteration();
@@ -145,10 +131,6 @@ void EventLoop::Post(std::function<void()> action) {
 
 void EventLoop::OnIterationEnd(std::function<void()> action) {
   impl_->work.OnIterationEnd(std::move(action));
-}
-
-void EventLoop::WhenIdle(std::function<void()> action) {
-  impl_->work.WhenIdle(std::move(action));
 }
 
 void EventLoop::DeferredDelete(std::unique_ptr<DeferredDeletable> object) {

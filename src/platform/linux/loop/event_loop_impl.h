@@ -81,7 +81,6 @@ struct EventLoop::Impl {
 
   // One iteration; `wait` negative: until something happens.
   bool Iterate(Milliseconds wait);
-  void AwaitEvents(Milliseconds wait, std::size_t& calls);
   int EpollTimeout(Milliseconds wait) const;
   std::size_t DispatchEvents();
 
