@@ -38,8 +38,10 @@ class StartUp {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);
-    if (!program_.window->Form_Load(!line_.hidden) && !program_.window->Unloaded()) return ListenerFailed();
-    if (!line_.hidden) program_.window->Show(line_.minimized);
+    // A window and the lines of a log have no place on one screen.
+    const bool shown = !line_.hidden && program_.configuration.Service.JsonLog != kStandardOutput;
+    if (!program_.window->Form_Load(shown) && !program_.window->Unloaded()) return ListenerFailed();
+    if (shown) program_.window->Show(line_.minimized);
     program_.log.CollectOn(&program_.loop);
     program_.loop.Run();
     program_.log.CollectOn(nullptr);
