@@ -150,13 +150,14 @@ EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
           .port_given = port_given};
 }
 
+SettingContext Program::MakeSettingContext() {
+  return {.program_directory = dependencies.program_directory,
+          .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
+          .accepts_ciphers = TlsContext::AcceptsCiphers};
+}
+
 LoadDependencies Program::MakeLoadDependencies() {
-  return {.file = ini_file,
-          .context = {.program_directory = dependencies.program_directory,
-                      .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
-                      .accepts_ciphers = TlsContext::AcceptsCiphers},
-          .log = log,
-          .host = *this};
+  return {.file = ini_file, .context = MakeSettingContext(), .log = log, .host = *this};
 }
 
 }  // namespace trabex

@@ -81,6 +81,7 @@ struct Program final : LoadHost {
   void TellWaiting();
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;
+  SettingContext MakeSettingContext();
   LoadDependencies MakeLoadDependencies();
 
   Dependencies dependencies;

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "app/check_command.h"
 #include "app/command_line.h"
 #include "app/control_client.h"
 #include "app/exit_status.h"
@@ -26,6 +27,8 @@ class StartUp {
   StartUp& operator=(const StartUp&) = delete;
 
   int Run() {
+    if (line_.check) return CheckOnRequest(program_, line_);
+    if (line_.dump) return DumpOnRequest(program_, line_);
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return exit_status::kFailed;
     const std::int32_t port = program_.configuration.BindPort;
     if (line_.exit_request) return AskForExit(port, program_.dependencies.err);

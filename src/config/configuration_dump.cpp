@@ -328,14 +328,19 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
 
 }  // namespace
 
+void DumpConfiguration(const Configuration& configuration, std::string_view ini_path,
+                       const std::function<void(std::string_view line)>& write_line) {
+  Writer writer(write_line);
+  WriteConfiguration(writer, ini_path, configuration);
+}
+
 namespace mCommon {
 
 void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
                       const std::function<void(std::string_view line)>& write_line) {
   if (configuration.Log == log_mode::kOff) return;
   try {
-    Writer writer(write_line);
-    WriteConfiguration(writer, ini_path, configuration);
+    DumpConfiguration(configuration, ini_path, write_line);
   } catch (const Error& error) {
     log.LogError(error.Number(), error.Description(), "mCommon.LogConfiguration");
   }
