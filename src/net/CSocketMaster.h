@@ -39,19 +39,20 @@ enum class SocketState : int {
 enum class SocketProtocol : int { sckTCPProtocol = 0, sckUDPProtocol = 1 };
 
 // A handler that few objects have: without one it takes no more than a pointer.
+template <class... Arguments>
 class RareHandler {
  public:
-  template <std::invocable Function>
+  template <std::invocable<Arguments...> Function>
   requires(!std::same_as<std::remove_cvref_t<Function>, RareHandler>) RareHandler& operator=(
       Function&& function) {
-    function_ = std::make_unique<std::function<void()>>(std::forward<Function>(function));
+    function_ = std::make_unique<std::function<void(Arguments...)>>(std::forward<Function>(function));
     return *this;
   }
   explicit operator bool() const { return function_ != nullptr; }
-  void operator()() const { (*function_)(); }
+  void operator()(Arguments... arguments) const { (*function_)(arguments...); }
 
  private:
-  std::unique_ptr<std::function<void()>> function_;
+  std::unique_ptr<std::function<void(Arguments...)>> function_;
 };
 
 // What an object notifies its owner of, from the loop or from inside a call that the owner makes (SendData
@@ -61,15 +62,15 @@ class RareHandler {
 struct CSocketMasterEvents {
   std::function<void()> CloseSck;
   std::function<void()> Connect;
-  std::function<void(std::int32_t requestID)> ConnectionRequest;
+  RareHandler<std::int32_t /*requestID*/> ConnectionRequest;
   std::function<void()> DataArrival;
   // cancel_display is preset true; a handler that sets it false gets the text shown on standard error.
   std::function<void(int number, std::string& description, const std::string& source, bool& cancel_display)>
       Error;
   std::function<void()> SendComplete;
-  std::function<void(std::size_t bytes_sent, std::size_t bytes_remaining)> SendProgress;
-  // The handshake that StartTls began is done. Best set where StartTls is called.
-  RareHandler Secured;
+  RareHandler<std::size_t /*bytes_sent*/, std::size_t /*bytes_remaining*/> SendProgress;
+  // The handshake that StartTls began is done. Set where StartTls is called: it is forgotten when it is called.
+  RareHandler<> Secured;
 
   // Who handles them, such as "cProxy.Receiver"; lives as long as the object. An exception without a source
   // that leaves a handler is logged as one of "cProxy.Receiver_DataArrival"; without it, of
@@ -201,7 +202,8 @@ class CSocketMaster final : public SocketSink {
   void OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) override;
 
  private:
-  struct ColdState;  // what only few sockets need; kept apart so that a session's stay small
+  struct ColdState;   // what only few sockets need; kept apart so that a session's stay small
+  struct StreamWork;  // what goes on at a stream that is not plain
   struct PeerIdentity {
     std::int32_t port = 0;
     IPAddress address;
@@ -252,6 +254,7 @@ class CSocketMaster final : public SocketSink {
   bool Handshaking() const { return stream_ && !stream_->Established(); }
   void ReadyForHandshake();
   void OnHandshakeStep();
+  void EndHandshake();
   // Only with a stream_: has the owner notified of input that the stream holds, or of the end after it.
   void FollowUp();
   void OnFollowUp();
@@ -270,6 +273,9 @@ class CSocketMaster final : public SocketSink {
   void LogHandlerError(const char* event);
   void ReportError(int number, const char* source);
   ColdState& GetColdState();
+  StreamWork& GetStreamWork();
+  // Frees it when nothing goes on.
+  void ReleaseStreamWork();
 
   modSocketMaster& module_;
   trabex::SocketHandle socket_;
@@ -292,6 +298,7 @@ class CSocketMaster final : public SocketSink {
   ByteQueue send_;                  // accepted and not sent
   ByteQueue receive_;               // received and not consumed, as far as it is not in module_.received_
   std::unique_ptr<Stream> stream_;  // nullptr: the plain one
+  std::unique_ptr<StreamWork> stream_work_;  // nullptr: nothing goes on
   LookupId host_lookup_ = 0;
   std::unique_ptr<ColdState> cold_;
 };

@@ -26,7 +26,9 @@ struct CSocketMaster::ColdState {
   int remote_host_name_error = socket_error::kTryAgain;
   LookupId name_lookup = 0;
   std::function<void()> name_done;
-  // Of a stream that is not plain.
+};
+
+struct CSocketMaster::StreamWork {
   std::optional<int> held_close;    // FD_CLOSE with this error, which waits until the input was read
   std::shared_ptr<bool> follow_up;  // while a posted follow-up is under way
   std::unique_ptr<HandshakeQueue::Place> handshake;  // while one is

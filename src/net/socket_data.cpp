@@ -135,7 +135,7 @@ std::size_t CSocketMaster::UnreadBytes() const {
 }
 
 bool CSocketMaster::PeerEnded() const {
-  return module_.sockets_.PeerEnded(socket_) || (cold_ && cold_->held_close);
+  return module_.sockets_.PeerEnded(socket_) || (stream_work_ && stream_work_->held_close);
 }
 
 std::size_t CSocketMaster::PortionSize(std::int32_t max_length) {

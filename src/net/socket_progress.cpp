@@ -21,7 +21,7 @@ void CSocketMaster::LogHandlerError(const char* event) {
 }
 
 void CSocketMaster::ReportError(int number, const char* source) {
-  if (Handshaking()) cold_->handshake.reset();
+  if (Handshaking()) EndHandshake();
   state_ = SocketState::sckError;
   std::string description = GetStream().ErrorText(number);
   const std::string source_text(source);
@@ -113,7 +113,7 @@ void CSocketMaster::OnClose(int error) {
   }
   if (error != 0) return ReportError(error, kNotificationSource);
   if (state_ != SocketState::sckConnected) return;
-  if (Handshaking()) cold_->handshake.reset();
+  if (Handshaking()) EndHandshake();
   state_ = SocketState::sckClosing;
   Raise(Events.CloseSck, "CloseSck");
 }

@@ -33,17 +33,33 @@ void CSocketMaster::StartTls(TlsRole role, std::shared_ptr<const TlsContext> con
   module_.received_->Discard(receive_);
   stream_ = std::make_unique<TlsSocketStream>(module_.sockets_, std::move(context), std::move(send_),
                                               std::move(early));
-  ColdState& cold = GetColdState();
   if (error != 0) return ReportError(error, kSource);
-  cold.handshake = std::make_unique<HandshakeQueue::Place>(
+  GetStreamWork().handshake = std::make_unique<HandshakeQueue::Place>(
       module_.handshakes_, role == TlsRole::kServer, [this] { OnHandshakeStep(); },
       [this] { ReportError(tls_error::kTooManyHandshakes, "CSocketMaster.StartTls"); });
   // Also to hear what has come already: it was announced before, perhaps, and is not again.
   ReadyForHandshake();
 }
 
+CSocketMaster::StreamWork& CSocketMaster::GetStreamWork() {
+  if (!stream_work_) stream_work_ = std::make_unique<StreamWork>();
+  return *stream_work_;
+}
+
+void CSocketMaster::ReleaseStreamWork() {
+  if (!stream_work_) return;
+  const StreamWork& work = *stream_work_;
+  if (!work.held_close && !work.follow_up && !work.handshake) stream_work_.reset();
+}
+
 void CSocketMaster::ReadyForHandshake() {
-  if (cold_->handshake) cold_->handshake->Ready();
+  if (stream_work_ && stream_work_->handshake) stream_work_->handshake->Ready();
+}
+
+void CSocketMaster::EndHandshake() {
+  if (!stream_work_) return;
+  stream_work_->handshake.reset();
+  ReleaseStreamWork();
 }
 
 void CSocketMaster::OnHandshakeStep() {
@@ -51,45 +67,47 @@ void CSocketMaster::OnHandshakeStep() {
   const trabex::SocketHandle socket = socket_;
   const int error = stream_->Establish(socket);
   if (error == socket_error::kWouldBlock) return;
-  cold_->handshake.reset();
+  EndHandshake();
   if (error != 0) return ReportError(error, "CSocketMaster.StartTls");
   if (!stream_->Established()) return OnClose(0);
-  Raise(Events.Secured, "Secured");
+  // It is raised once; most connections live long after it.
+  const RareHandler<> secured = std::exchange(Events.Secured, {});
+  Raise(secured, "Secured");
   if (socket_ == socket) FlushPending();
   if (socket_ == socket && state_ == SocketState::sckConnected) FollowUp();
 }
 
 void CSocketMaster::DropStream() {
   stream_.reset();
-  if (!cold_) return;
-  cold_->handshake.reset();
-  cold_->held_close.reset();
-  cold_->follow_up.reset();
+  stream_work_.reset();
 }
 
 void CSocketMaster::HoldClose(int error) {
   // An error found later counts; an end found later does not hide one.
-  std::optional<int>& held = GetColdState().held_close;
+  std::optional<int>& held = GetStreamWork().held_close;
   if (!held || error != 0) held = error;
 }
 
 void CSocketMaster::FollowUp() {
-  if (!stream_->HoldsInput() && !(cold_ && cold_->held_close)) return;
-  ColdState& cold = GetColdState();
-  if (cold.follow_up) return;
-  cold.follow_up = std::make_shared<bool>(true);
-  module_.sockets_.Loop().Post([this, posted = std::weak_ptr<bool>(cold.follow_up)] {
+  if (!stream_->HoldsInput() && !(stream_work_ && stream_work_->held_close)) return;
+  StreamWork& work = GetStreamWork();
+  if (work.follow_up) return;
+  work.follow_up = std::make_shared<bool>(true);
+  module_.sockets_.Loop().Post([this, posted = std::weak_ptr<bool>(work.follow_up)] {
     if (!posted.expired()) OnFollowUp();
   });
 }
 
 void CSocketMaster::OnFollowUp() {
-  cold_->follow_up.reset();
+  stream_work_->follow_up.reset();
   if (state_ != SocketState::sckConnected) return;
-  if (stream_->HoldsInput()) return OnSocketEvent(socket_, SocketEvent::kRead, 0);
-  if (const auto error = std::exchange(cold_->held_close, std::nullopt)) {
-    OnSocketEvent(socket_, SocketEvent::kClose, *error);
+  if (stream_->HoldsInput()) {
+    ReleaseStreamWork();
+    return OnSocketEvent(socket_, SocketEvent::kRead, 0);
   }
+  const auto error = std::exchange(stream_work_->held_close, std::nullopt);
+  ReleaseStreamWork();
+  if (error) OnSocketEvent(socket_, SocketEvent::kClose, *error);
 }
 
 }  // namespace trabex

@@ -23,14 +23,14 @@ class TlsSocketStream::Transport final : public TlsTransport {
       : stream_(stream), socket_(socket), more_follows_(more_follows) {}
 
   int Receive(std::span<char> space, std::size_t& received) override {
-    std::string& early = stream_.early_;
-    if (early.empty()) return stream_.sockets_.Receive(socket_, space, received);
+    if (!stream_.HoldsEarly()) return stream_.sockets_.Receive(socket_, space, received);
+    std::string& early = stream_.beginning_->early;
     received = early.copy(space.data(), space.size());
     early.erase(0, received);
-    if (early.empty()) early.shrink_to_fit();
+    if (early.empty()) stream_.beginning_.reset();
     return 0;
   }
-  bool Drained() const override { return stream_.early_.empty() && stream_.sockets_.Drained(socket_); }
+  bool Drained() const override { return !stream_.HoldsEarly() && stream_.sockets_.Drained(socket_); }
   int Send(std::span<const char> bytes, std::size_t& sent) override {
     return stream_.sockets_.Send(socket_, bytes, sent, more_follows_);
   }
@@ -43,7 +43,7 @@ class TlsSocketStream::Transport final : public TlsTransport {
 
 TlsSocketStream::TlsSocketStream(Sockets& sockets, std::shared_ptr<const TlsContext> context, ByteQueue clear,
                                  std::string early)
-    : sockets_(sockets), context_(std::move(context)), clear_(std::move(clear)), early_(std::move(early)) {}
+    : sockets_(sockets), beginning_(new Beginning{std::move(context), std::move(clear), std::move(early)}) {}
 
 int TlsSocketStream::ErrorOf(TlsResult result) const {
   switch (result) {
@@ -65,34 +65,40 @@ std::string TlsSocketStream::ErrorText(int number) const {
 }
 
 int TlsSocketStream::FlushClear(SocketHandle socket) {
-  while (!clear_.Empty()) {
+  ByteQueue& clear = beginning_->clear;
+  while (!clear.Empty()) {
     std::size_t sent = 0;
-    if (const int error = sockets_.Send(socket, clear_.View(), sent); error != 0) return error;
-    clear_.RemoveFront(sent);
+    if (const int error = sockets_.Send(socket, clear.View(), sent); error != 0) return error;
+    clear.RemoveFront(sent);
   }
   return 0;
 }
 
 // A client that connects and says nothing costs no more than its socket.
 int TlsSocketStream::AwaitFirstBytes(SocketHandle socket) {
-  if (!early_.empty()) return 0;
+  if (HoldsEarly()) return 0;
   char first[kFirstBytes];
   std::size_t received = 0;
   if (const int error = sockets_.Receive(socket, first, received); error != 0) return error;
   // The end is announced by the socket.
   if (received == 0) return socket_error::kWouldBlock;
-  early_.assign(first, received);
+  beginning_->early.assign(first, received);
+  return 0;
+}
+
+int TlsSocketStream::Begin(SocketHandle socket) {
+  if (const int error = FlushClear(socket); error != 0) return error;
+  if (beginning_->context->Role() == TlsRole::kServer) {
+    if (const int error = AwaitFirstBytes(socket); error != 0) return error;
+  }
+  tls_.emplace(std::move(beginning_->context));
+  if (!HoldsEarly()) beginning_.reset();
   return 0;
 }
 
 int TlsSocketStream::Establish(SocketHandle socket) {
-  if (const int error = FlushClear(socket); error != 0) return error;
   if (!tls_) {
-    if (context_->Role() == TlsRole::kServer) {
-      if (const int error = AwaitFirstBytes(socket); error != 0) return error;
-    }
-    tls_.emplace(context_);
-    context_.reset();
+    if (const int error = Begin(socket); error != 0) return error;
   }
   Transport transport(*this, socket);
   const TlsResult result = tls_->Handshake(transport);
@@ -129,7 +135,8 @@ std::size_t TlsSocketStream::Pending(SocketHandle socket) {
   if (!established_ || tls_->Ended()) return 0;
   std::size_t unreceived = 0;
   sockets_.Available(socket, unreceived);
-  return tls_->Pending() + early_.size() + unreceived + (HoldsInput() ? 1 : 0);
+  const std::size_t early = HoldsEarly() ? beginning_->early.size() : 0;
+  return tls_->Pending() + early + unreceived + (HoldsInput() ? 1 : 0);
 }
 
 bool TlsSocketStream::HoldsInput() const {

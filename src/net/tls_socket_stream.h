@@ -35,14 +35,22 @@ class TlsSocketStream final : public Stream {
  private:
   class Transport;
 
+  // What only the begin of a connection needs.
+  struct Beginning {
+    std::shared_ptr<const TlsContext> context;  // until tls_ has it
+    ByteQueue clear;                            // goes out before the handshake
+    std::string early;                          // received already, and not read yet
+  };
+
+  bool HoldsEarly() const { return beginning_ && !beginning_->early.empty(); }
   int FlushClear(SocketHandle socket);
   int AwaitFirstBytes(SocketHandle socket);
+  // Up to where tls_ is there.
+  int Begin(SocketHandle socket);
   int ErrorOf(TlsResult result) const;
 
   Sockets& sockets_;
-  std::shared_ptr<const TlsContext> context_;  // until tls_ has it
-  ByteQueue clear_;
-  std::string early_;
+  std::unique_ptr<Beginning> beginning_;  // until tls_ is there and all of it is used
   std::optional<TlsStream> tls_;
   bool established_ = false;
 };

@@ -214,6 +214,7 @@ void cProxy::BeginTls() {
 void cProxy::TlsStands() {
   const bool at_begin = dialogue_.phase() == Phase::kTls;
   handshake_.reset();
+  if (!NeedsWatch()) stall_timer_.reset();
   dialogue_.OnSecured();
   if (!at_begin) return;
   LastActivity = dependencies_.clock.Monotonic();
@@ -275,7 +276,7 @@ void cProxy::ArmTimer() {
 void cProxy::CheckTimeout() {
   RunHandler("cProxy.CheckTimeout", [this] {
     if (EndSilent() || EndHandshake() || EndOpening() || EndStuck()) return;
-    if (stall_timer_ && !NeedsWatch()) stall_timer_->Disable();
+    if (!NeedsWatch()) stall_timer_.reset();
     // The end of the connection is noticed only after the unread bytes before it.
     if (Sender.Readable() && Sender.Socket().PeerEnded()) TakeLastWords();
     Pump();
@@ -310,10 +311,8 @@ void cProxy::TakeLastWords() {
 
 void cProxy::Watch() {
   if (!NeedsWatch()) return;
-  if (stall_timer_ && stall_timer_->Enabled()) return;
-  if (!stall_timer_) {
-    stall_timer_ = std::make_unique<Timer>(dependencies_.loop, kStallInterval, [this] { CheckTimeout(); });
-  }
+  if (stall_timer_) return;
+  stall_timer_ = std::make_unique<Timer>(dependencies_.loop, kStallInterval, [this] { CheckTimeout(); });
   stall_timer_->Enable();
 }
 

@@ -216,7 +216,7 @@ class cProxy final : public DeferredDeletable,
   LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits, or of the client's name
   std::unique_ptr<Timer> pause_;        // the session ends when it has passed
   std::unique_ptr<Timer> timeout_;      // until the server is connected
-  std::unique_ptr<Timer> stall_timer_;  // enabled while NeedsWatch()
+  std::unique_ptr<Timer> stall_timer_;  // while NeedsWatch(), until its next tick
 };
 
 }  // namespace trabex

@@ -1,6 +1,7 @@
 #include "proxy/dialogue/extension_collection.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "base/text.h"
 
@@ -59,6 +60,13 @@ std::string WithoutBoundMechanisms(std::string_view line) {
   return left.empty() ? left : std::string(line.substr(0, kAuth.size() + 1)).append(left);
 }
 
+// Takes the first line from `text`, in which each has its CR LF.
+std::string_view TakeLine(std::string_view& text) {
+  const std::string_view line = text.substr(0, text.find(kCrLf));
+  text.remove_prefix(line.size() + kCrLf.size());
+  return line;
+}
+
 auto HasKeyword(std::string_view keyword) {
   return [keyword](std::string_view line) { return EqualNoCase(KeywordOf(line), keyword); };
 }
@@ -76,27 +84,52 @@ void ExtensionCollection::ParseLines(std::string_view text) {
 
 void ExtensionCollection::AddExtension(std::string_view line) {
   RemoveExtension(KeywordOf(line));
-  lines_.emplace_back(line);
+  text_.append(line).append(kCrLf);
+}
+
+template <class Predicate>
+void ExtensionCollection::RemoveIf(Predicate is_removed) {
+  for (std::size_t at = 0; at < text_.size();) {
+    std::string_view rest = std::string_view(text_).substr(at);
+    const std::string_view line = TakeLine(rest);
+    const std::size_t size = line.size() + kCrLf.size();
+    if (is_removed(line)) {
+      text_.erase(at, size);
+    } else {
+      at += size;
+    }
+  }
 }
 
 void ExtensionCollection::RemoveExtension(std::string_view keyword) {
-  std::erase_if(lines_, HasKeyword(keyword));
+  RemoveIf(HasKeyword(keyword));
 }
 
 void ExtensionCollection::RemoveAuthentication() {
-  std::erase_if(lines_, IsAuthentication);
+  RemoveIf(IsAuthentication);
 }
 
 void ExtensionCollection::RemoveBoundAuthentication() {
-  for (std::string& line : lines_) {
-    if (IsAuthentication(line)) line = WithoutBoundMechanisms(line);
+  std::string left;
+  for (const std::string& line : Lines()) {
+    const std::string kept = IsAuthentication(line) ? WithoutBoundMechanisms(line) : line;
+    if (!kept.empty()) left.append(kept).append(kCrLf);
   }
-  std::erase(lines_, std::string());
+  text_ = std::move(left);
 }
 
 std::string_view ExtensionCollection::GetExtension(std::string_view keyword) const {
-  const auto line = std::find_if(lines_.begin(), lines_.end(), HasKeyword(keyword));
-  return line == lines_.end() ? std::string_view() : std::string_view(*line);
+  for (std::string_view rest = text_; !rest.empty();) {
+    const std::string_view line = TakeLine(rest);
+    if (HasKeyword(keyword)(line)) return line;
+  }
+  return {};
+}
+
+std::vector<std::string> ExtensionCollection::Lines() const {
+  std::vector<std::string> lines;
+  for (std::string_view rest = text_; !rest.empty();) lines.emplace_back(TakeLine(rest));
+  return lines;
 }
 
 }  // namespace trabex

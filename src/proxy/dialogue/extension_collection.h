@@ -27,11 +27,15 @@ class ExtensionCollection {
   std::string_view GetExtension(std::string_view keyword) const;
   bool Has(std::string_view keyword) const { return !GetExtension(keyword).empty(); }
 
-  void Clear() { lines_.clear(); }
-  const std::vector<std::string>& Lines() const { return lines_; }
+  void Clear() { text_.clear(); }
+  std::vector<std::string> Lines() const;
 
  private:
-  std::vector<std::string> lines_;
+  template <class Predicate>
+  void RemoveIf(Predicate is_removed);
+
+  // The lines, each with its CR LF: every session keeps them to its end, and so they take one block.
+  std::string text_;
 };
 
 }  // namespace trabex

@@ -120,7 +120,7 @@ std::string RewriteEhloReply(std::string_view reply, const Configuration& config
   offered.TlsOffered = may_begin_tls && offered.Extensions.Has(kStartTls);
 
   const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));
-  const auto& lines = offered.Extensions.Lines();
+  const auto lines = offered.Extensions.Lines();
   if (lines.empty()) return std::string("250 ").append(greeting);
   std::string result = std::string("250-").append(greeting);
   for (std::size_t i = 0; i < lines.size(); ++i) {

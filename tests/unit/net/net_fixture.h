@@ -60,7 +60,7 @@ class TracedSocket {
   }
 
   // Has an event traced, too, that most tests have nothing to do with.
-  void Trace(RareHandler& handler, const std::string& event) {
+  void Trace(RareHandler<>& handler, const std::string& event) {
     handler = [this, event] { Note(event, event); };
   }
 

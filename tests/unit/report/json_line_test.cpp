@@ -44,7 +44,6 @@ TEST(JsonText, EachByteThatIsNoUtf8BecomesAReplacement) {
 TEST(JsonLine, HoldsMembersInTheirOrder) {
   std::string out = "before ";
   JsonLine line(out);
-  line.Begin();
   line.Text("event", "refusal");
   line.Number("code", -550);
   line.Truth("blacklisted", true);
@@ -63,7 +62,6 @@ TEST(JsonLine, HoldsMembersInTheirOrder) {
 TEST(JsonLine, ValuesThatAreNoUtf8FollowInHexadecimal) {
   std::string out;
   JsonLine line(out);
-  line.Begin();
   line.Text("helo", "m\xE4il");
   line.Texts("to", {"a", "\xFF"});
   line.End();
