@@ -7,6 +7,7 @@ messages per second in one round; the table shows the median of the rounds.
 
 import argparse
 import resource
+import signal
 import statistics
 import subprocess
 import sys
@@ -18,6 +19,8 @@ from trabex_system import LOOPBACK, HaProxy, Options, Place, SmtpSink  # noqa: E
 
 SENDER = "sender@test.example"
 RECIPIENT = "recipient@test.example"
+# What a terminal, timeout(1) or a logout sends.
+ENDING_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 KINDS = {"a connection per message": [], "connections that stay": ["-d"]}
 
 
@@ -32,9 +35,18 @@ def parser_of(description, messages=5000):
     return parser
 
 
+def end_in_order(number, _frame):
+    """Ends this process as its own end would, so that all that it started is put away; once."""
+    for each in ENDING_SIGNALS:
+        signal.signal(each, signal.SIG_IGN)
+    sys.exit(128 + number)
+
+
 def arguments_of(parser):
-    """Reads the command line, and prepares this process for many connections."""
+    """Reads the command line, and prepares this process for many connections and for a signal that ends it."""
     arguments = parser.parse_args()
+    for number in ENDING_SIGNALS:
+        signal.signal(number, end_in_order)
     Options.build = arguments.build.resolve()
     _, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
     resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
