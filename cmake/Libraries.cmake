@@ -1,3 +1,25 @@
+# These let ccache work together with precompiled headers.
+set(TRABEX_PCH_OPTIONS "$<IF:$<CXX_COMPILER_ID:GNU>,-fpch-preprocess,SHELL:-Xclang -fno-pch-timestamp>")
+
+# With what only the libraries and the fuzz targets are compiled. libFuzzer has to see which way an input takes there.
+set(TRABEX_LIBRARY_OPTIONS)
+if(TRABEX_FUZZ)
+  list(APPEND TRABEX_LIBRARY_OPTIONS -fsanitize=fuzzer-no-link)
+endif()
+if(TRABEX_PRECOMPILED_HEADERS)
+  list(APPEND TRABEX_LIBRARY_OPTIONS ${TRABEX_PCH_OPTIONS})
+endif()
+
+# What most libraries include of the standard library, compiled once.
+function(trabex_library_headers)
+  file(CONFIGURE OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/library_headers.cpp CONTENT "// Only its headers matter.\n")
+  add_library(library_headers OBJECT ${CMAKE_CURRENT_BINARY_DIR}/library_headers.cpp)
+  target_compile_options(library_headers PRIVATE ${TRABEX_LIBRARY_OPTIONS})
+  target_precompile_headers(library_headers PRIVATE
+    <algorithm> <array> <chrono> <cstdint> <functional> <map> <memory> <optional> <span> <sstream> <string> <string_view>
+    <unordered_map> <utility> <vector>)
+endfunction()
+
 # trabex_library(NAME base SOURCES a.cpp b.cpp LINKS other libraries): the library of one folder of src/.
 #
 # Headers are included as "base/file.h". Before a library is compiled, all its files are searched for includes against
@@ -16,6 +38,10 @@ function(trabex_library)
   endforeach()
   target_include_directories(${LIBRARY_NAME} PUBLIC ${CMAKE_SOURCE_DIR}/src)
   target_link_libraries(${LIBRARY_NAME} PUBLIC ${LIBRARY_LINKS} PRIVATE ${LIBRARY_PRIVATE_LINKS})
+  target_compile_options(${LIBRARY_NAME} PRIVATE ${TRABEX_LIBRARY_OPTIONS})
+  if(TRABEX_PRECOMPILED_HEADERS)
+    target_precompile_headers(${LIBRARY_NAME} REUSE_FROM library_headers)
+  endif()
 
   # Libraries that are not of src/ have no such property, and their headers are included in angle brackets.
   set(headers_may ${LIBRARY_FOLDER})
@@ -49,11 +75,11 @@ function(trabex_library)
 endfunction()
 
 # The tests themselves are compiled without optimisation in every preset, which halves the time of a build; what they test
-# is compiled as the preset says. The second option lets ccache work together with the common headers.
-set(TRABEX_TEST_OPTIONS -O0 "$<IF:$<CXX_COMPILER_ID:GNU>,-fpch-preprocess,SHELL:-Xclang -fno-pch-timestamp>")
+# is compiled as the preset says.
+set(TRABEX_TEST_OPTIONS -O0 ${TRABEX_PCH_OPTIONS})
 
 # What every test includes, compiled once: without it most of the time of a build goes into these headers. Each file
-# still includes what it uses; the libraries are built without.
+# still includes what it uses.
 function(trabex_test_headers)
   add_library(test_headers OBJECT ${CMAKE_SOURCE_DIR}/tests/support/test_headers.cpp)
   target_link_libraries(test_headers PRIVATE GTest::gtest GTest::gmock)
