@@ -134,6 +134,7 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
 void AutoReload::Reload(IniText ini, std::function<void(bool made)> done) {
   done_ = std::move(done);
   program_.log.TellFailureAgain();
+  program_.problems.clear();
   const Addresses before = InForce();
   if (!ReadAgain(std::move(ini))) return Failed();
   program_.certificates.Follow();
@@ -167,12 +168,14 @@ void AutoReload::Settled(bool succeeded) {
   if (!succeeded) return Failed();
   window_.EnableGreyListingTimer();
   window_.ShowAddresses();
+  window_.Reloaded(true);
   Begin();  // it may have been switched on
   if (const auto done = std::exchange(done_, nullptr)) done(true);
   window_.ReloadIsOver();
 }
 
 void AutoReload::Failed() {
+  window_.Reloaded(false);
   if (const auto done = std::exchange(done_, nullptr)) done(false);
   program_.exit_status = 1;
   window_.Form_Unload();

@@ -22,7 +22,21 @@ constexpr std::string_view kHelpText =
     "/X, /EXIT - close another instance;\r\n"
     "/H, /?, /HELP - show this message.";
 
-enum class Switch { kPort, kMinimize, kHide, kIniFile, kLogPath, kExit, kHelp, kRequest };
+enum class Switch {
+  kPort,
+  kMinimize,
+  kHide,
+  kIniFile,
+  kLogPath,
+  kExit,
+  kHelp,
+  kRequest,
+  kCheck,
+  kDump,
+  kUser,
+  kOffline,
+  kLive
+};
 
 struct SwitchName {
   std::string_view name;  // after the slash or the hyphens; that of a request is its own
@@ -51,6 +65,11 @@ constexpr std::array kSwitchNames = {
     SwitchName{"H", Switch::kHelp},
     SwitchName{"?", Switch::kHelp},
     SwitchName{"HELP", Switch::kHelp},
+    SwitchName{"CHECK", Switch::kCheck},
+    SwitchName{"DUMP", Switch::kDump},
+    SwitchName{"USER", Switch::kUser},
+    SwitchName{"OFFLINE", Switch::kOffline},
+    SwitchName{"LIVE", Switch::kLive},
     SwitchName{"STATUS", Switch::kRequest, 0, 1},
     SwitchName{"RELOAD", Switch::kRequest},
     SwitchName{"REOPENLOG", Switch::kRequest},
@@ -98,6 +117,7 @@ class Parser {
       if (!TakeForRequest(as_typed, token) && !token.empty()) Take(token);
     }
     if (line_.result == CommandLine::Result::kStart) CheckRequest();
+    if (line_.result == CommandLine::Result::kStart) CheckOptions();
     return std::move(line_);
   }
 
@@ -131,15 +151,41 @@ class Parser {
     }
   }
 
+  // Whether something else than a start is asked for already.
+  bool HasPurpose() const { return request_ != nullptr || line_.exit_request || line_.check || line_.dump; }
+
+  void TakePurpose(bool& purpose, std::string_view token) {
+    if (HasPurpose()) return Refuse("Only one request is possible:", token);
+    purpose = true;
+  }
+
+  void TakeUser(std::string_view token) {
+    check_option_ = token;
+    const std::optional<std::string_view> name = Next();
+    if (!name || name->empty()) return Refuse("Argument expected after", token);
+    line_.user = *name;
+  }
+
+  // What goes with one switch only.
+  void CheckOptions() {
+    if (!check_option_.empty() && !line_.check) return Refuse("Only with --check:", check_option_);
+    if (live_option_.empty()) return;
+    if (!line_.dump) return Refuse("Only with --dump:", live_option_);
+    line_.dump = false;
+    line_.request = {"DUMP"};
+  }
+
   void TakeRequest(std::string_view token, const SwitchName& request) {
-    if (request_ != nullptr || line_.exit_request) return Refuse("Only one request is possible:", token);
+    if (HasPurpose()) return Refuse("Only one request is possible:", token);
     request_ = &request;
     request_token_ = token;
     line_.request.emplace_back(request.name);
   }
 
   void TakeExit(std::string_view token) {
-    if (request_ != nullptr) return Refuse("Only one request is possible:", token);
+    if (request_ != nullptr || line_.check || line_.dump) {
+      return Refuse("Only one request is possible:", token);
+    }
     line_.exit_request = true;
   }
 
@@ -168,6 +214,19 @@ class Parser {
         return TakeExit(token);
       case Switch::kHelp:
         return End(CommandLine::Result::kShow, std::string(kHelpText));
+      case Switch::kCheck:
+        return TakePurpose(line_.check, token);
+      case Switch::kDump:
+        return TakePurpose(line_.dump, token);
+      case Switch::kUser:
+        return TakeUser(token);
+      case Switch::kOffline:
+        check_option_ = token;
+        line_.offline = true;
+        return;
+      case Switch::kLive:
+        live_option_ = token;
+        return;
       case Switch::kRequest:
         return TakeRequest(token, *found);
     }
@@ -196,6 +255,9 @@ class Parser {
   const SwitchName* request_ = nullptr;  // the one that was found
   std::string_view request_token_;
   bool only_arguments_ = false;  // behind "--"
+  // As they were typed; empty: not given.
+  std::string_view check_option_;
+  std::string_view live_option_;
 };
 
 }  // namespace

@@ -35,6 +35,11 @@ struct CommandLine {
   // What a running instance is asked (control_requests.h): a name and its arguments, which are kept as typed.
   // Empty: nothing.
   std::vector<std::string> request;
+  // What is done instead of a start (check_command.h): both are not possible, nor is a request beside one.
+  bool check = false;
+  bool dump = false;
+  std::optional<std::string> user;  // of `check`: for whom
+  bool offline = false;             // of `check`: no name is asked for
 };
 
 // Reads the arguments in order and stops at the first that cannot be taken. `arguments` is without the

@@ -12,6 +12,7 @@
 #include "base/error.h"
 #include "platform/message.h"
 #include "proxy/cProxy.h"
+#include "report/program_events.h"
 
 namespace trabex {
 
@@ -45,6 +46,7 @@ frmMain::frmMain(Program& program)
       tmrStatus(program.loop, kStatusInterval, [this] { tmrStatus_Timer(); }),
       tmrLog(program.loop, LogFile::kCloseAfter, [this] { tmrLog_Timer(); }),
       tmrSaveGreyListing(program.loop, kSaveInterval, [this] { tmrSaveGreyListing_Timer(); }),
+      status_(program, *this),
       auto_reload_(program, *this),
       requested_reload_(program, auto_reload_, listeners_),
       view_(program.loop, sessions_) {
@@ -73,6 +75,8 @@ bool frmMain::Form_Load(bool to_be_shown) {
   last_greylisting_save_ = program_.dependencies.clock.UniversalNow();
   loaded_ = true;
   program_.control.Begin();
+  status_.Follow();
+  WriteStart(program_.json_log, VersionText(), TakeProblems());
   if (std::exchange(reload_is_due_, false)) requested_reload_.Request({});
   return true;
 }
@@ -122,6 +126,9 @@ void frmMain::Form_Unload() {
   if (program_.configuration.GreyListing.Enabled || !program_.greylisting_records->Database().empty()) {
     program_.greylisting_records->Save();
   }
+  status_.Close();
+  if (loaded_) WriteStop(program_.json_log, VersionText());
+  program_.json_log.Flush();
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
   program_.control.Close();
@@ -166,6 +173,19 @@ void frmMain::ShowAddresses() {
   view_.SetStatus(bound + " --> " + server);
 }
 
+void frmMain::Reloaded(bool succeeded) {
+  ++program_.counters.reloads[succeeded ? 0 : 1];
+  program_.counters.last_reload_ok = succeeded;
+  WriteReload(program_.json_log, succeeded, TakeProblems());
+  if (succeeded) status_.Follow();
+}
+
+std::vector<std::string> frmMain::TakeProblems() {
+  auto problems = std::exchange(program_.problems, {});
+  program_.counters.configuration_errors = std::ssize(problems);
+  return problems;
+}
+
 void frmMain::EnableGreyListingTimer() {
   if (program_.configuration.GreyListing.Enabled) {
     tmrSaveGreyListing.Enable();
@@ -175,7 +195,10 @@ void frmMain::EnableGreyListingTimer() {
 }
 
 void frmMain::Listener_ConnectionRequest(std::int32_t requestID, bool tls) {
-  sessions_.Add(std::make_unique<cProxy>(session_dependencies_)).Init(requestID, tls);
+  cProxy& session = sessions_.Add(std::make_unique<cProxy>(session_dependencies_));
+  program_.counters.sessions_peak =
+      std::max<std::uint64_t>(program_.counters.sessions_peak, sessions_.Count());
+  session.Init(requestID, tls);
 }
 
 void frmMain::Listener_Error(int number, const std::string& description) {
@@ -218,6 +241,7 @@ void frmMain::ReopenLog() {
   if (unloaded_) return;
   program_.log.Close();
   program_.log.LogLine("Log file reopened.");
+  program_.json_log.Reopen();
 }
 
 void frmMain::ViewLost() {

@@ -14,6 +14,7 @@
 #include "app/connection_view.h"
 #include "app/listeners.h"
 #include "app/requested_reload.h"
+#include "app/status_service.h"
 #include "platform/event_loop.h"
 #include "platform/system_requests.h"
 #include "proxy/session_collection.h"
@@ -73,6 +74,10 @@ class frmMain final {
   void ReloadIsOver() { requested_reload_.TakeWaiting(); }
   // Lets go of the log file, which was moved, and opens it anew.
   void ReopenLog();
+  // Whether clients can connect.
+  bool Listening() const { return loaded_ && !unloaded_; }
+  // A reload has ended; what is in force now is followed.
+  void Reloaded(bool succeeded);
 
  private:
   bool WaitForListening();
@@ -84,6 +89,7 @@ class frmMain final {
   void tmrSaveGreyListing_Timer();
   void ViewLost();
   void ScreenGone();
+  std::vector<std::string> TakeProblems();
   // What the system asks for (system_requests.h).
   void HangUp();
 
@@ -100,6 +106,7 @@ class frmMain final {
   Timer tmrStatus;
   Timer tmrLog;
   Timer tmrSaveGreyListing;
+  StatusService status_;
   AutoReload auto_reload_;
   RequestedReload requested_reload_;
   std::unique_ptr<SystemRequests> system_requests_;

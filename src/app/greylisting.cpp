@@ -23,14 +23,21 @@ void GreyListing::Clear() {
 }
 
 GreyListingSaveResult GreyListing::Save() {
-  return store_.SaveGreyListingDatabase();
+  const GreyListingSaveResult result = store_.SaveGreyListingDatabase();
+  Observe(result);
+  return result;
 }
 
 bool GreyListing::SaveInBackground(std::function<void(DateTime time)> saved) {
-  const auto done = [saved = std::move(saved)](const GreyListingSaveResult& result) {
+  const auto done = [this, saved = std::move(saved)](const GreyListingSaveResult& result) {
+    Observe(result);
     if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   };
   return store_.SaveInBackground(done) || store_.SavingInBackground();
+}
+
+void GreyListing::Observe(const GreyListingSaveResult& result) const {
+  if (save_observer_ && result.kind != GreyListingSaveResult::Kind::kUnchanged) save_observer_(result);
 }
 
 std::string GreyListing::Database() const {

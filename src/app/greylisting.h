@@ -1,6 +1,7 @@
 // The greylisting of this program: the records in memory, who judges by them, and who keeps them in the file.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -49,11 +50,20 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   bool SaveInBackground(std::function<void(DateTime time)> saved) override;
   std::string Database() const override;
 
+  std::size_t Count() const { return database_.Count(); }
+  // `observer` sees the result of every save that had something to do; empty: none.
+  void ObserveSaves(std::function<void(const GreyListingSaveResult&)> observer) {
+    save_observer_ = std::move(observer);
+  }
+
  private:
+  void Observe(const GreyListingSaveResult& result) const;
+
   GreyListingDatabase database_;
   PendingWarning warning_;
   mGreyListing decision_;
   GreyListingStore store_;
+  std::function<void(const GreyListingSaveResult&)> save_observer_;
 };
 
 }  // namespace trabex

@@ -13,6 +13,7 @@
 #include "app/printable.h"
 #include "app/program.h"
 #include "app/requested_reload.h"
+#include "config/configuration_dump.h"
 #include "proxy/cProxy.h"
 #include "proxy/session_id.h"
 
@@ -89,6 +90,12 @@ void AddInstanceRequests(Program& program, frmMain& window) {
   requests.Add("REOPENLOG", [&window](const std::vector<std::string>&) {
     window.ReopenLog();
     return ControlAnswer{};
+  });
+  requests.Add("DUMP", [&program](const std::vector<std::string>&) {
+    ControlAnswer answer;
+    DumpConfiguration(program.configuration, program.ini_file.path,
+                      [&](std::string_view line) { answer.text.append(line).append("\n"); });
+    return answer;
   });
   requests.Add("SESSIONS",
                [&window](const std::vector<std::string>&) { return ListSessions(window.Sessions()); });

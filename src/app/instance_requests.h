@@ -7,7 +7,8 @@ namespace trabex {
 class frmMain;
 struct Program;
 
-// Adds RELOAD, REOPENLOG, SESSIONS and CLOSE to the requests of `program`. Both outlive the requests' last use.
+// Adds RELOAD, REOPENLOG, DUMP, SESSIONS and CLOSE to the requests of `program`. Both outlive the requests' last
+// use.
 void AddInstanceRequests(Program& program, frmMain& window);
 
 }  // namespace trabex

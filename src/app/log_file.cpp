@@ -1,5 +1,6 @@
 #include "app/log_file.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -21,11 +22,25 @@ void LogFile::LogLine(std::string_view message) {
   if (observer_) observer_(message);
   if (configuration_.Log == log_mode::kOff) return;
   const DateTime now = clock_.Now();
-  if (EnsureOpen(now)) Append(Stamp(now), message);
+  if (EnsureOpen(now)) {
+    Append(Stamp(now), message);
+  } else {
+    ++lost_lines_;
+  }
+}
+
+void LogFile::LogError(int number, std::string_view description, std::string_view source) {
+  Log::LogError(number, description, source);
+  if (error_observer_) error_observer_(number, description);
 }
 
 void LogFile::WriteUnstamped(std::string_view line) {
-  if (configuration_.Log != log_mode::kOff && EnsureOpen(clock_.Now())) Append({}, line);
+  if (configuration_.Log == log_mode::kOff) return;
+  if (EnsureOpen(clock_.Now())) {
+    Append({}, line);
+  } else {
+    ++lost_lines_;
+  }
 }
 
 void LogFile::TakeProblem(std::string_view message, std::string_view addition) {
@@ -99,7 +114,8 @@ void LogFile::Append(std::string_view stamp, std::string_view text) {
 
 void LogFile::Flush() {
   if (collected_.empty()) return;
-  if (file_.IsOpen()) file_.Write(collected_);
+  const std::string_view lost = std::string_view(collected_).substr(file_.WriteSome(collected_));
+  lost_lines_ += static_cast<std::uint64_t>(std::count(lost.begin(), lost.end(), '\n'));
   collected_.clear();
 }
 

@@ -5,8 +5,9 @@
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
 // Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
-// as soon as much has collected. A log that cannot be opened or written loses its lines: the mail goes on. Who
-// runs the program is told that it cannot be opened, since the log itself cannot say it.
+// as soon as much has collected. A log that cannot be opened or written loses its lines, which are
+// counted: the mail goes on. Who runs the program is told that it cannot be opened, since the log itself cannot
+// say it.
 #pragma once
 
 #include <cstddef>
@@ -37,6 +38,8 @@ class LogFile final : public Log {
 
   // Drops the line when `Log` is 0.
   void LogLine(std::string_view message) override;
+  using Log::LogError;
+  void LogError(int number, std::string_view description, std::string_view source) override;
   // Writes one line without a time stamp; otherwise like LogLine. For the dump of the configuration.
   void WriteUnstamped(std::string_view line);
   // Writes what has collected and closes the file; the next line opens one again.
@@ -51,6 +54,12 @@ class LogFile final : public Log {
   void TellFailureAgain() { failure_told_ = false; }
   // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
   void CollectOn(EventLoop* loop);
+  // Lines that could not be written.
+  std::uint64_t LostLines() const { return lost_lines_; }
+  // `observer` gets every error that is logged as one; empty: none.
+  void SetErrorObserver(std::function<void(int number, std::string_view text)> observer) {
+    error_observer_ = std::move(observer);
+  }
   // `observer` sees every message that LogLine gets, also those that are dropped; empty: none.
   void SetObserver(std::function<void(std::string_view message)> observer) {
     observer_ = std::move(observer);
@@ -77,6 +86,8 @@ class LogFile final : public Log {
   std::function<void(std::string_view)> observer_;
   std::function<void(std::string_view)> tell_;
   bool failure_told_ = false;
+  std::function<void(int, std::string_view)> error_observer_;
+  std::uint64_t lost_lines_ = 0;
   std::string stamp_;
   std::int64_t stamp_second_ = -1;  // since 1970, local
 };

@@ -1,5 +1,6 @@
 #include "app/program.h"
 
+#include <chrono>
 #include <string_view>
 #include <utility>
 
@@ -10,6 +11,8 @@
 #include "config/configuration_dump.h"
 #include "net/CSocketMaster.h"
 #include "platform/message.h"
+#include "report/counted_lookup.h"
+#include "report/program_events.h"
 #include "tls/tls_context.h"
 
 namespace trabex {
@@ -25,13 +28,24 @@ Program::Program(Dependencies the_dependencies)
     : dependencies(std::move(the_dependencies)),
       log(configuration, dependencies.clock, dependencies.program_name),
       loop(dependencies.clock),
+      json_log(configuration, dependencies.clock, loop, log),
       sockets(loop),
-      names(dependencies.make_names(loop)),
+      names(CountLookups(dependencies.make_names(loop), dependencies.clock, counters)),
       socket_module(sockets, *names, log),
       certificates(configuration, log, dependencies.clock, loop, tls),
       greylisting(configuration.GreyListing, log, dependencies.clock, loop),
       control(loop, requests) {
-  log.SetTell([this](std::string_view text) { Tell(text); });
+  log.SetTell([this](std::string_view text) {
+    Tell(text);
+    if (problems.size() < kMaxProblems) problems.emplace_back(text);
+  });
+  loop.ObserveTurns([this](std::chrono::nanoseconds time) { counters.turn_time.Observe(time); });
+  log.SetErrorObserver([this](int number, std::string_view text) { WriteError(json_log, number, text); });
+  greylisting.ObserveSaves([this](const GreyListingSaveResult& result) {
+    const bool saved = result.kind == GreyListingSaveResult::Kind::kSaved;
+    ++counters.greylisting_saves[saved ? 0 : 1];
+    if (saved) counters.greylisting_last_save = ToUnixMilliseconds(result.time) / 1000;
+  });
 }
 
 Program::~Program() {
@@ -136,13 +150,14 @@ EarlyKeyInputs Program::MakeEarlyKeyInputs() const {
           .port_given = port_given};
 }
 
+SettingContext Program::MakeSettingContext() {
+  return {.program_directory = dependencies.program_directory,
+          .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
+          .accepts_ciphers = TlsContext::AcceptsCiphers};
+}
+
 LoadDependencies Program::MakeLoadDependencies() {
-  return {.file = ini_file,
-          .context = {.program_directory = dependencies.program_directory,
-                      .local_host_name = [this] { return CSocketMaster(socket_module).LocalHostName(); },
-                      .accepts_ciphers = TlsContext::AcceptsCiphers},
-          .log = log,
-          .host = *this};
+  return {.file = ini_file, .context = MakeSettingContext(), .log = log, .host = *this};
 }
 
 }  // namespace trabex

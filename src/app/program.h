@@ -1,11 +1,13 @@
 // Everything that lives as long as the program does. main builds one; a test builds as many as it likes.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "app/certificates.h"
 #include "app/control_requests.h"
@@ -25,6 +27,8 @@
 #include "platform/message.h"
 #include "platform/sockets.h"
 #include "proxy/tls_contexts.h"
+#include "report/counters.h"
+#include "report/json_log.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -77,6 +81,7 @@ struct Program final : LoadHost {
   void TellWaiting();
   // What the early keys and a load of the configuration need of this program.
   EarlyKeyInputs MakeEarlyKeyInputs() const;
+  SettingContext MakeSettingContext();
   LoadDependencies MakeLoadDependencies();
 
   Dependencies dependencies;
@@ -85,9 +90,14 @@ struct Program final : LoadHost {
   bool port_given = false;      // on the command line: the key is not read
   bool log_path_given = false;  // likewise
   int exit_status = 0;
+  // What is not as the initialization file wants it, since the start or reload began, whose end records it.
+  std::vector<std::string> problems;
+  static constexpr std::size_t kMaxProblems = 1000;
 
+  Counters counters;
   LogFile log;
   EventLoop loop;
+  JsonLog json_log;
   Sockets sockets;
   std::unique_ptr<NameLookup> names;
   modSocketMaster socket_module;

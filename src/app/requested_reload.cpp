@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "app/auto_reload.h"
+#include "app/frmMain.h"
 #include "app/instance_name.h"
 #include "app/listeners.h"
 #include "app/loop_test.h"
@@ -37,6 +38,7 @@ void RequestedReload::TakeWaiting() {
   } catch (const Error& error) {
     mCommon::LogUnreadableIniFile(program_.log, program_.ini_file.path, error, {});
     outcome_.findings.push_back(ReloadError(program_, error.Description()));
+    if (program_.window) program_.window->Reloaded(false);
     return Answer(false);
   }
   ReloadCheck check = CheckForReload(program_, ini_);
@@ -99,7 +101,9 @@ void RequestedReload::RefuseFor(const std::string& text) {
 }
 
 void RequestedReload::Refuse() {
+  program_.problems.clear();
   for (const std::string& finding : outcome_.findings) program_.log.LogProblem(finding);
+  if (program_.window) program_.window->Reloaded(false);
   program_.log.LogLine("Configuration not reloaded; the one in force stays.");
   Answer(false);
 }

@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "app/check_command.h"
 #include "app/command_line.h"
 #include "app/control_client.h"
 #include "app/exit_status.h"
@@ -26,6 +27,8 @@ class StartUp {
   StartUp& operator=(const StartUp&) = delete;
 
   int Run() {
+    if (line_.check) return CheckOnRequest(program_, line_);
+    if (line_.dump) return DumpOnRequest(program_, line_);
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return exit_status::kFailed;
     const std::int32_t port = program_.configuration.BindPort;
     if (line_.exit_request) return AskForExit(port, program_.dependencies.err);
@@ -38,8 +41,10 @@ class StartUp {
       return ConfigurationFailed();
     }
     program_.window = std::make_unique<frmMain>(program_);
-    if (!program_.window->Form_Load(!line_.hidden) && !program_.window->Unloaded()) return ListenerFailed();
-    if (!line_.hidden) program_.window->Show(line_.minimized);
+    // A window and the lines of a log have no place on one screen.
+    const bool shown = !line_.hidden && program_.configuration.Service.JsonLog != kStandardOutput;
+    if (!program_.window->Form_Load(shown) && !program_.window->Unloaded()) return ListenerFailed();
+    if (shown) program_.window->Show(line_.minimized);
     program_.log.CollectOn(&program_.loop);
     program_.loop.Run();
     program_.log.CollectOn(nullptr);

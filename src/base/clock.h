@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 
 #include "base/date_time.h"
@@ -18,6 +19,8 @@ class Clock {
   virtual DateTime Now() const = 0;
   // Universal minus local time in minutes, daylight saving included; -180 east of Greenwich by three hours.
   virtual int TimeZoneBias() const = 0;
+  // Universal time in milliseconds since 1970, for records that programs read.
+  virtual std::int64_t UnixMilliseconds() const { return ToUnixMilliseconds(UniversalNow()); }
   // A time that never goes back and counts on while the machine runs; timers use it.
   virtual MonotonicTime Monotonic() const = 0;
 

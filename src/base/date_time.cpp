@@ -56,6 +56,10 @@ DateTime FromUnix(std::int64_t seconds, int microseconds) {
   return kUnixEpoch + (static_cast<double>(seconds) + microseconds / 1e6) / kSecondsPerDay;
 }
 
+std::int64_t ToUnixMilliseconds(DateTime time) {
+  return std::llround((time - kUnixEpoch) * kSecondsPerDay * 1000);
+}
+
 std::string FormatRFCDate(DateTime local, int bias_minutes) {
   static constexpr std::array<std::string_view, 7> kDays = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
   static constexpr std::array<std::string_view, 12> kMonths = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",

@@ -33,6 +33,9 @@ CalendarTime ToCalendar(DateTime time);
 // 999999).
 DateTime FromUnix(std::int64_t seconds, int microseconds);
 
+// The milliseconds since 1 January 1970.
+std::int64_t ToUnixMilliseconds(DateTime time);
+
 // `local` as an RFC 822 date-time with a numeric zone: "Sun, 15 Nov 2026 16:54:24 +0300". `bias_minutes` is
 // universal minus local time; the sign is "+" only for a negative bias, so universal time itself ends in
 // "-0000".

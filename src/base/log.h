@@ -17,7 +17,7 @@ class Log {
   virtual void LogLine(std::string_view message) = 0;
 
   // Writes "Error <number> in <source>. <description>".
-  void LogError(int number, std::string_view description, std::string_view source);
+  virtual void LogError(int number, std::string_view description, std::string_view source);
   void LogError(const Error& error) { LogError(error.Number(), error.Description(), error.Source()); }
 
   // The same for a line that says that something is not as the settings want it. Whoever runs the program is

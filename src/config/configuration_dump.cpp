@@ -44,15 +44,6 @@ std::string FormatSize(FixedPoint size) {
   return FormatWhole(size);
 }
 
-// A range in the shortest of its notations.
-std::string FormatRange(const IPRange& range) {
-  if (range.low == range.high) return FormatIPAddress(range.low);
-  const int bits = range.low.CommonBits(range.high);
-  const bool is_block = range.low == range.low.Prefix(bits) && range.high == range.low.PrefixEnd(bits);
-  if (is_block) return FormatIPAddress(range.low) + "/" + std::to_string(bits);
-  return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
-}
-
 // Writes lines; several for a list, each of them beginning with its key.
 class Writer {
  public:
@@ -198,7 +189,7 @@ void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list
   std::unordered_set<std::string> written;
   written.reserve(list.Count());
   for (const IPRange& range : list.Ranges()) {
-    const auto [text, is_new] = written.insert(FormatRange(range));
+    const auto [text, is_new] = written.insert(mCommon::FormatRange(range));
     if (is_new) writer.Entry(*text);
   }
   writer.EndList();
@@ -337,14 +328,19 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
 
 }  // namespace
 
+void DumpConfiguration(const Configuration& configuration, std::string_view ini_path,
+                       const std::function<void(std::string_view line)>& write_line) {
+  Writer writer(write_line);
+  WriteConfiguration(writer, ini_path, configuration);
+}
+
 namespace mCommon {
 
 void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
                       const std::function<void(std::string_view line)>& write_line) {
   if (configuration.Log == log_mode::kOff) return;
   try {
-    Writer writer(write_line);
-    WriteConfiguration(writer, ini_path, configuration);
+    DumpConfiguration(configuration, ini_path, write_line);
   } catch (const Error& error) {
     log.LogError(error.Number(), error.Description(), "mCommon.LogConfiguration");
   }

@@ -11,10 +11,14 @@
 
 namespace trabex {
 
+// Gives the lines of the dump, without their ends, to `write_line`, one by one (a view lives for the call).
+// Raises what that raises.
+void DumpConfiguration(const Configuration& configuration, std::string_view ini_path,
+                       const std::function<void(std::string_view line)>& write_line);
+
 namespace mCommon {
 
-// Gives the lines of the dump, without their ends, to `write_line`, one by one (a view lives for the call).
-// Nothing when `Log` is 0. An Error that `write_line` raises ends the dump and is written to `log` with the
+// The same for the log: nothing when `Log` is 0. An Error that `write_line` raises ends the dump and is written to `log` with the
 // source "mCommon.LogConfiguration".
 void LogConfiguration(const Configuration& configuration, std::string_view ini_path, Log& log,
                       const std::function<void(std::string_view line)>& write_line);

@@ -33,7 +33,12 @@ class LineTaker {
  public:
   explicit LineTaker(SectionStore& store) : store_(store) {}
 
+  // Where the line stands that was taken last; "" for none.
+  std::string_view Section() const { return section_ == nullptr ? std::string_view() : section_->Name(); }
+  std::string_view Key() const { return key_; }
+
   void Take(std::string_view line) {
+    key_ = {};
     if (line.empty() || line.front() == ';') return;
     if (line.front() == '[') {
       TakeHeader(line);
@@ -58,6 +63,7 @@ class LineTaker {
     if (equals == std::string_view::npos) RaiseBadContent("Invalid line: " + Quoted(line) + ".");
     const std::string_view key = Trim(line.substr(0, equals));
     const std::string_view value = Trim(line.substr(equals + 1));
+    key_ = key;
     SectionTable::Entry* const entry = section_->Find(key);
     if (entry == nullptr) {
       section_->AddKey(key, value, mCommon::IsListKey(section_->Name(), key));
@@ -72,6 +78,7 @@ class LineTaker {
   SectionStore& store_;
   SectionTable* section_ = nullptr;
   std::string_view written_name_;
+  std::string_view key_;
 };
 
 }  // namespace
@@ -86,7 +93,7 @@ bool ReadIniText(std::string_view path, std::string text, SectionStore& store, c
       taker.Take(line);
     } catch (const Error& error) {
       if (errors.observer != nullptr) {
-        errors.observer->BadLine(line, error);
+        errors.observer->BadLine(taker.Section(), taker.Key(), line, error);
         if (!errors.ignore) return false;
         continue;
       }

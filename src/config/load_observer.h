@@ -15,8 +15,10 @@ class LoadObserver {
  public:
   virtual ~LoadObserver() = default;
 
-  // A line that the reader cannot take.
-  virtual void BadLine(std::string_view where, const Error& error) = 0;
+  // A line that the reader cannot take; `section` and `key` are those that it stands in, as far as there are
+  // any.
+  virtual void BadLine(std::string_view section, std::string_view key, std::string_view where,
+                       const Error& error) = 0;
   // `where` is the value, or the entry of it, that is wrong; without data when there is none in the file.
   virtual void BadValue(std::string_view section, std::string_view key, std::string_view where, int number,
                         std::string_view description) = 0;

@@ -85,6 +85,7 @@ class SectionStore {
 
   // Keeps the text that keys and values point into; once only. Returns it as it is kept.
   std::string_view KeepText(std::string text);
+  std::string_view Text() const { return text_; }
 
  private:
   std::string text_;

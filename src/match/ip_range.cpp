@@ -129,6 +129,26 @@ inline bool IPRangeList::Family<Number>::Contains(Number number) const {
   return behind != merged.begin() && number <= std::prev(behind)->high;
 }
 
+template <class Number>
+const IPRangeList::NumberRange<Number>* IPRangeList::Family<Number>::Find(Number number) const {
+  if (!Contains(number)) return nullptr;
+  const auto holds = [&](const auto& range) { return range.low <= number && number <= range.high; };
+  if (entries.size() <= kMaxSearched) return &*std::find_if(entries.begin(), entries.end(), holds);
+  return &*std::prev(std::upper_bound(merged.begin(), merged.end(), number,
+                                      [](Number value, const auto& range) { return value < range.low; }));
+}
+
+std::optional<IPRange> IPRangeList::Find(const IPAddress& ip) const {
+  if (ip.IsIPv4()) {
+    const auto* const range = ipv4_.Find(ip.Number());
+    if (range != nullptr) return IPRange{IPAddress::IPv4(range->low), IPAddress::IPv4(range->high)};
+  } else if (ip.IsIPv6()) {
+    const auto* const range = ipv6_.Find(NumberOf(ip));
+    if (range != nullptr) return IPRange{AddressOf(range->low), AddressOf(range->high)};
+  }
+  return std::nullopt;
+}
+
 IPRangeList::IPv6Number IPRangeList::Next(const IPv6Number& number) {
   const std::uint64_t low = number.low + 1;
   return {number.high + (low == 0 ? 1 : 0), low};
@@ -208,6 +228,14 @@ IPRange InitIPRange(std::string_view text) {
 
 bool IsWholeFamily(const IPRange& range) {
   return range.low == range.low.Prefix(0) && range.high == range.low.PrefixEnd(0);
+}
+
+std::string FormatRange(const IPRange& range) {
+  if (range.low == range.high) return FormatIPAddress(range.low);
+  const int bits = range.low.CommonBits(range.high);
+  const bool is_block = range.low == range.low.Prefix(bits) && range.high == range.low.PrefixEnd(bits);
+  if (is_block) return FormatIPAddress(range.low) + "/" + std::to_string(bits);
+  return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
 }
 
 int CompareIP(const IPAddress& a, const IPAddress& b) {

@@ -4,6 +4,8 @@
 #include <compare>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -31,6 +33,10 @@ class IPRangeList {
   std::size_t Count() const { return ipv4_.entries.size() + ipv6_.entries.size(); }
   // Whether one of the ranges holds `ip`; logarithmic in their number.
   bool Contains(const IPAddress& ip) const;
+  // The first range that holds `ip`. In a list of more than kMaxSearched it is one that may be made of several
+  // entries, as the search for an entry would take too long.
+  std::optional<IPRange> Find(const IPAddress& ip) const;
+  static constexpr std::size_t kMaxSearched = 10000;
 
  private:
   struct IPv6Number {
@@ -50,6 +56,7 @@ class IPRangeList {
 
     void Merge();
     bool Contains(Number number) const;
+    const NumberRange<Number>* Find(Number number) const;
   };
 
   bool ContainsIPv6(const IPAddress& ip) const;
@@ -79,6 +86,8 @@ IPAddress BitsToMask(int bits);
 IPRange InitIPRange(std::string_view text);
 // Whether the range is all of IPv4 or all of IPv6.
 bool IsWholeFamily(const IPRange& range);
+// `range` in the shortest of its notations.
+std::string FormatRange(const IPRange& range);
 // -1, 0 or 1.
 int CompareIP(const IPAddress& a, const IPAddress& b);
 bool IPInRange(const IPAddress& ip, const IPRange& range);

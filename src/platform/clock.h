@@ -11,6 +11,7 @@ class SystemClock final : public Clock {
  public:
   DateTime Now() const override;
   int TimeZoneBias() const override;
+  std::int64_t UnixMilliseconds() const override;
   MonotonicTime Monotonic() const override;
 
  private:

@@ -56,6 +56,10 @@ class EventLoop {
   // next one, or with the loop.
   void DeferredDelete(std::unique_ptr<DeferredDeletable> object);
 
+  // From now on `observer` is told how long each iteration worked, from the end of its wait to its own end;
+  // an empty one: nobody is.
+  void ObserveTurns(std::function<void(std::chrono::nanoseconds time)> observer);
+
   const Clock& GetClock() const;
 
   // Internal seam to the files of platform/ and to Timer.

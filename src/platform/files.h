@@ -4,6 +4,7 @@
 // "Permission denied", 75 "Path/File access error", 61 "Disk full", 57 "Device I/O error".
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -58,7 +59,9 @@ class AppendFile {
   const std::string& WhyNotOpened() const { return why_not_opened_; }
   bool IsOpen() const { return file_.IsOpen(); }
   // Failures are ignored: false says that some of it was lost.
-  bool Write(std::string_view text);
+  bool Write(std::string_view text) { return WriteSome(text) == text.size() && IsOpen(); }
+  // The same; returns how much from the front of `text` was written.
+  std::size_t WriteSome(std::string_view text);
   void Close() { file_.Close(); }
 
  private:

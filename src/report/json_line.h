@@ -16,8 +16,14 @@ bool AppendJsonText(std::string& out, std::string_view text);
 // Writes the members in the order of the calls. Names of members are plain ASCII.
 class JsonLine {
  public:
-  // `out` outlives it. Begins the object.
-  explicit JsonLine(std::string& out) : out_(out) { out_ += '{'; }
+  // `out` outlives it.
+  explicit JsonLine(std::string& out) : out_(out) {}
+
+  // Begins an object; the one before has ended.
+  void Begin() {
+    out_ += '{';
+    first_ = true;
+  }
 
   // A value that is no UTF-8 throughout follows once more, whole and in hexadecimal, as `name`_hex.
   void Text(std::string_view name, std::string_view value);

@@ -151,6 +151,7 @@ struct DnsChannel::Callbacks {
     DnsReply reply;
     if (status != ARES_SUCCESS) {
       reply.error = LookupError(status);
+      reply.timed_out = status == ARES_ETIMEOUT;
     } else if (query->type == T_PTR) {
       reply = ReadName(message, length, query->address);
     } else {

@@ -21,6 +21,7 @@ struct DnsReply {
   int error = 0;
   std::vector<IPAddress> addresses;  // at least one, or
   std::string name;                  // not empty, when error is 0
+  bool timed_out = false;            // with 11002: no answer came in time
 };
 
 class DnsSink {

@@ -19,12 +19,14 @@ namespace trabex {
 struct AddressAnswer {
   int error = 0;
   std::vector<IPAddress> addresses;  // at least one when error is 0, all of one family
+  bool timed_out = false;            // with 11002: no answer came in time
 };
 struct NameAnswer {
   int error = 0;
   std::string name;  // from DNS, so whatever the address's owner wants; without a trailing dot
   // FindConfirmedName: one of the name's own addresses is the one that was asked about (RFC 8601, 3).
   bool confirmed = false;
+  bool timed_out = false;  // with 11002: no answer came in time
 };
 
 // Which addresses of a name are wanted.

@@ -240,10 +240,10 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
   static void Give(const Request& request) {
     const DnsReply& reply = request.reply;
     if (const auto* const receiver = std::get_if<AddressReceiver>(&request.receiver)) {
-      (*receiver)({reply.error, reply.addresses});
+      (*receiver)({reply.error, reply.addresses, reply.timed_out});
       return;
     }
-    NameAnswer answer{reply.error, reply.name, false};
+    NameAnswer answer{reply.error, reply.name, false, reply.timed_out};
     if (!request.name.empty()) answer = {0, request.name, Holds(reply.addresses, *request.to_confirm)};
     std::get<NameReceiver>(request.receiver)(answer);
   }
@@ -259,6 +259,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     if (!next) return false;
     if (IsLate(request.deadline)) {
       request.reply.error = socket_error::kTryAgain;
+      request.reply.timed_out = true;
       return false;
     }
     AskDns(id, [&](DnsChannel& channel) {
@@ -293,7 +294,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
       deadlines_.pop_front();
       const auto found = requests_.find(id);
       if (found != requests_.end() && found->second.channel != nullptr) {
-        Finish(id, {socket_error::kTryAgain, {}, {}});
+        Finish(id, {socket_error::kTryAgain, {}, {}, true});
       }
     }
     for (const auto& channel : channels_) channel->DropAbandoned();

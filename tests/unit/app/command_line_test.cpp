@@ -207,6 +207,41 @@ TEST(CommandLine, HelpTextIsComplete) {
   }
 }
 
+TEST(CommandLine, ChecksAndDumpsInsteadOfAStart) {
+  const CommandLine check = Parse({"--check", "--user", " mail ", "--OFFLINE", "/I", "x.ini"});
+  EXPECT_EQ(check.result, Result::kStart);
+  EXPECT_TRUE(check.check && check.offline && !check.dump);
+  EXPECT_EQ(check.user, "mail");
+  EXPECT_EQ(check.ini_file, "x.ini");
+  const CommandLine dump = Parse({"/DUMP"});
+  EXPECT_TRUE(dump.dump && !dump.check && dump.request.empty());
+  const CommandLine live = Parse({"--live", "/P", "2525", "--dump"});
+  EXPECT_EQ(live.request, (std::vector<std::string>{"DUMP"}));
+  EXPECT_FALSE(live.dump);
+  struct Row {
+    std::vector<std::string_view> arguments;
+    std::string_view message;
+  };
+  const Row rows[] = {
+      {{"--check", "--dump"}, "Only one request is possible: \"--dump\"."},
+      {{"--check", "/CHECK"}, "Only one request is possible: \"/CHECK\"."},
+      {{"/X", "--check"}, "Only one request is possible: \"--check\"."},
+      {{"--dump", "/X"}, "Only one request is possible: \"/X\"."},
+      {{"--check", "/STATUS"}, "Only one request is possible: \"/STATUS\"."},
+      {{"/SESSIONS", "--check"}, "Only one request is possible: \"--check\"."},
+      {{"--user", "mail"}, "Only with --check: \"--user\"."},
+      {{"--dump", "--offline"}, "Only with --check: \"--offline\"."},
+      {{"--live", "--check"}, "Only with --dump: \"--live\"."},
+      {{"--check", "--user"}, "Argument expected after \"--user\"."},
+      {{"--check", "--user", ""}, "Argument expected after \"--user\"."},
+  };
+  for (const Row& row : rows) {
+    const CommandLine line = Parse(row.arguments);
+    EXPECT_EQ(line.result, Result::kRefused) << row.message;
+    EXPECT_EQ(line.message, row.message);
+  }
+}
+
 TEST(CommandLine, VersionHasOneSpelling) {
   EXPECT_EQ(Parse({"--version"}).result, Result::kShow);
   EXPECT_EQ(Parse({"--version"}).message, "Trabex 3.04.012");

@@ -324,5 +324,29 @@ TEST_F(LogFileInLoopTest, LostLineRestartsNoTimer) {
   EXPECT_FALSE(timer_.Enabled());
 }
 
+TEST_F(LogFileTest, CountsTheLinesThatItLoses) {
+  log_.LogLine("kept");
+  EXPECT_EQ(log_.LostLines(), 0U);
+  log_.Close();
+  configuration_.LogPath = folder_ / "none/Log";
+  log_.LogLine("lost");
+  log_.WriteUnstamped("lost");
+  EXPECT_EQ(log_.LostLines(), 2U);
+  configuration_.Log = 0;
+  log_.LogLine("not wanted");
+  EXPECT_EQ(log_.LostLines(), 2U);
+}
+
+TEST_F(LogFileTest, HasAnObserverOfErrors) {
+  std::vector<std::string> errors;
+  log_.SetErrorObserver([&](int number, std::string_view text) {
+    errors.push_back(std::to_string(number) + " " + std::string(text));
+  });
+  log_.LogLine("no error");
+  log_.LogError(57, "Device I/O error", "somewhere");
+  log_.LogError(Error(70, "elsewhere", "Permission denied"));
+  EXPECT_EQ(errors, (std::vector<std::string>{"57 Device I/O error", "70 Permission denied"}));
+}
+
 }  // namespace
 }  // namespace trabex

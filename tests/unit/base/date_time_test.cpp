@@ -123,5 +123,10 @@ TEST(Duration, ShowsHoursWithinTheDay) {
   EXPECT_EQ(FormatDuration(5 / kMinutesPerDay), "00:05:00");
 }
 
+TEST(DateTime, HasMillisecondsSince1970) {
+  EXPECT_EQ(ToUnixMilliseconds(FromUnix(1795010064, 123000)), 1795010064123);
+  EXPECT_EQ(ToUnixMilliseconds(kUnixEpoch), 0);
+}
+
 }  // namespace
 }  // namespace trabex

@@ -361,5 +361,34 @@ TEST(IPRangeList, IsTheScanForRandomRanges) {
   CheckAgainstScan(IPv6AtEnds, 64);
 }
 
+TEST(IPRangeList, FindsTheFirstRangeThatHoldsAnAddress) {
+  const auto range = [](const char* text) { return mCommon::InitIPRange(text); };
+  const IPRangeList list(
+      {range("192.0.2.0/24"), range("192.0.0.0/16"), range("2001:db8::/32"), range("::1")});
+  const std::pair<const char*, const char*> cases[] = {{"192.0.2.7", "192.0.2.0/24"},
+                                                       {"192.0.3.7", "192.0.0.0/16"},
+                                                       {"2001:db8::7", "2001:db8::/32"},
+                                                       {"::1", "::1"}};
+  for (const auto& [ip, wanted] : cases) {
+    const auto found = list.Find(IP(ip));
+    ASSERT_TRUE(found.has_value()) << ip;
+    EXPECT_EQ(mCommon::FormatRange(*found), wanted);
+  }
+  EXPECT_EQ(list.Find(IP("193.0.0.0")), std::nullopt);
+  EXPECT_EQ(list.Find(IP("::2")), std::nullopt);
+  EXPECT_EQ(list.Find(IPAddress()), std::nullopt);
+}
+
+TEST(IPRangeList, FindsTheRangeThatTheEntriesOfALongListMake) {
+  std::vector<IPRange> ranges;
+  for (std::uint32_t i = 0; i <= IPRangeList::kMaxSearched; ++i) {
+    const IPAddress ip = IPAddress::IPv4(0xC0000000 + i);
+    ranges.push_back({ip, ip});
+  }
+  const auto found = IPRangeList(ranges).Find(IP("192.0.0.5"));
+  ASSERT_TRUE(found.has_value());
+  EXPECT_EQ(mCommon::FormatRange(*found), "192.0.0.0-192.0.39.16");
+}
+
 }  // namespace
 }  // namespace trabex

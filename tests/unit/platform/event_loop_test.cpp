@@ -471,5 +471,18 @@ TEST_F(EventLoopTest, FdWatcherOfSomethingThatCannotBeWatchedRaises) {
   }
 }
 
+TEST_F(EventLoopTest, TurnsAreTimedWithoutTheirWait) {
+  std::vector<std::chrono::nanoseconds> turns;
+  loop.ObserveTurns([&](std::chrono::nanoseconds time) { turns.push_back(time); });
+  loop.Post([this] { clock.Advance(Milliseconds(7)); });
+  loop.OnIterationEnd([this] { clock.Advance(Milliseconds(2)); });
+  loop.RunOnce(kNow);
+  clock.Advance(Milliseconds(100));
+  loop.RunOnce(kNow);
+  loop.ObserveTurns({});
+  loop.RunOnce(kNow);
+  EXPECT_EQ(turns, (std::vector<std::chrono::nanoseconds>{Milliseconds(9), Milliseconds(0)}));
+}
+
 }  // namespace
 }  // namespace trabex

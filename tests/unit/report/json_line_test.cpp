@@ -44,6 +44,7 @@ TEST(JsonText, EachByteThatIsNoUtf8BecomesAReplacement) {
 TEST(JsonLine, HoldsMembersInTheirOrder) {
   std::string out = "before ";
   JsonLine line(out);
+  line.Begin();
   line.Text("event", "refusal");
   line.Number("code", -550);
   line.Truth("blacklisted", true);
@@ -62,6 +63,7 @@ TEST(JsonLine, HoldsMembersInTheirOrder) {
 TEST(JsonLine, ValuesThatAreNoUtf8FollowInHexadecimal) {
   std::string out;
   JsonLine line(out);
+  line.Begin();
   line.Text("helo", "m\xE4il");
   line.Texts("to", {"a", "\xFF"});
   line.End();

@@ -121,13 +121,13 @@ bool AppendFile::Open(const std::string& path, NewFileReaders readers) {
   return false;
 }
 
-bool AppendFile::Write(std::string_view text) {
-  if (!IsOpen()) return false;
+std::size_t AppendFile::WriteSome(std::string_view text) {
+  if (!IsOpen()) return 0;
   ssize_t written = 0;
   do {
     written = write(static_cast<int>(file_.Value()), text.data(), text.size());
   } while (written < 0 && errno == EINTR);
-  return written >= 0 && static_cast<std::size_t>(written) == text.size();
+  return written > 0 ? static_cast<std::size_t>(written) : 0;
 }
 
 std::string ReadWholeFile(const std::string& path, const std::string& source) {

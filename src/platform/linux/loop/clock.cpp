@@ -26,6 +26,12 @@ int SystemClock::TimeZoneBias() const {
   return static_cast<int>(BiasSeconds(std::time(nullptr)) / 60);
 }
 
+std::int64_t SystemClock::UnixMilliseconds() const {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return std::int64_t{now.tv_sec} * 1000 + now.tv_usec / 1000;
+}
+
 MonotonicTime SystemClock::Monotonic() const {
   return std::chrono::steady_clock::now();
 }

@@ -98,10 +98,13 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
   ++iteration;
   const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
   event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  const bool observed = static_cast<bool>(turn_observer);
+  const MonotonicTime began = observed ? clock.Monotonic() : MonotonicTime();
   std::size_t calls = work.CallPosts();
   calls += DispatchEvents();
   calls += timers.CallDue(clock.Monotonic());
   calls += work.EndIteration();
+  if (observed && turn_observer) turn_observer(clock.Monotonic() - began);
   in_iteration = false;
   return calls > 0;
 }
@@ -135,6 +138,10 @@ void EventLoop::OnIterationEnd(std::function<void()> action) {
 
 void EventLoop::DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
   impl_->work.DeferredDelete(std::move(object));
+}
+
+void EventLoop::ObserveTurns(std::function<void(std::chrono::nanoseconds)> observer) {
+  impl_->turn_observer = std::move(observer);
 }
 
 const Clock& EventLoop::GetClock() const {

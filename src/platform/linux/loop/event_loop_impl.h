@@ -4,6 +4,7 @@
 #include <sys/epoll.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -95,6 +96,7 @@ struct EventLoop::Impl {
   bool in_iteration = false;
   bool quit = false;
   std::uint32_t iteration = 0;  // counts the iterations
+  std::function<void(std::chrono::nanoseconds)> turn_observer;
   FdTable watched_fds;
   std::uint8_t fd_source = 0;
 

@@ -1,0 +1,70 @@
+#include "app/check_command.h"
+
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "app/check_settings.h"
+#include "app/command_line.h"
+#include "app/exit_status.h"
+#include "app/finding.h"
+#include "app/program.h"
+#include "base/text.h"
+#include "config/configuration_dump.h"
+#include "platform/permissions.h"
+
+namespace trabex {
+
+namespace {
+
+// The file as findings name it.
+std::string FileAsGiven(const Program& program, const CommandLine& line) {
+  return line.ini_file.value_or(program.ini_file.path);
+}
+
+// The exit status when that was not possible.
+std::optional<int> BecomeUserOf(Program& program, const std::string& name) {
+  switch (BecomeUser(name)) {
+    case BecomeUserResult::kDone:
+      break;
+    case BecomeUserResult::kUnknownUser:
+      program.Tell("There is no user " + Quoted(name) + ".");
+      return exit_status::kBadCommandLine;
+    case BecomeUserResult::kNotPermitted:
+      program.Tell("Only root can check for another user.");
+      return exit_status::kFailed;
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+int CheckOnRequest(Program& program, const CommandLine& line) {
+  if (line.user) {
+    if (const std::optional<int> status = BecomeUserOf(program, *line.user)) return *status;
+  }
+  constexpr Milliseconds kMaxWait{1000};
+  std::optional<CheckedConfiguration> checked;
+  CheckSettings(program, FileAsGiven(program, line), program.configuration,
+                line.offline ? AskNames::kNo : AskNames::kYes,
+                [&checked](CheckedConfiguration result) { checked = std::move(result); });
+  while (!checked) program.loop.RunOnce(kMaxWait);
+  program.dependencies.out << FormatFindings(checked->findings);
+  return CountErrors(checked->findings) == 0 ? exit_status::kDone : exit_status::kFailed;
+}
+
+int DumpOnRequest(Program& program, const CommandLine& line) {
+  const CheckedConfiguration checked = CheckConfiguration({.file = FileAsGiven(program, line),
+                                                           .early = program.MakeEarlyKeyInputs(),
+                                                           .context = program.MakeSettingContext()},
+                                                          program.configuration);
+  if (checked.was_read) {
+    DumpConfiguration(checked.configuration, program.ini_file.path,
+                      [&](std::string_view text) { program.dependencies.out << text << '\n'; });
+  }
+  if (CountErrors(checked.findings) == 0) return exit_status::kDone;
+  program.dependencies.err << FormatFindings(checked.findings);
+  return exit_status::kFailed;
+}
+
+}  // namespace trabex

@@ -1,0 +1,46 @@
+// A check of the settings: the file is read by the readers of a start, nothing is changed, and whatever is not
+// as it should be is found, each with its place.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "app/finding.h"
+#include "base/ip_address.h"
+#include "config/configuration.h"
+#include "config/early_keys.h"
+#include "config/ini_reader.h"
+#include "config/read_settings.h"
+#include "resolver/name_lookup.h"
+
+namespace trabex {
+
+struct CheckInputs {
+  std::string file;  // as people wrote it; findings name it so
+  EarlyKeyInputs early;
+  SettingContext context;
+};
+
+struct CheckedConfiguration {
+  // What a start with this file would have in force, bad values replaced as with IgnoreIniErrors.
+  Configuration configuration;
+  IniText ini = {};       // the file as it was checked
+  bool was_read = false;  // false: the file is missing or cannot be read
+  std::vector<Finding> findings = {};
+  // Section, key and place of ServerIP, for what is found about the server later.
+  Finding server_finding = {};
+};
+
+// Checks the file at `inputs.early.ini_path`. `initial` are the settings that the command line has given, or,
+// in a running instance, those that a reload does not read anew. Asks no name of DNS; raises no Error.
+CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration initial);
+
+// Adds what is wrong with the server: `answer` is what FindAddresses says for ServerIP, `own` are the
+// addresses of this machine. Raises no Error.
+void CheckServer(const AddressAnswer& answer, const std::vector<IPAddress>& own,
+                 CheckedConfiguration& checked);
+
+// Whether mail to every domain is for an entry of LocalDomains: it matches any text with a dot in it.
+bool MatchesEveryDomain(const ListEntry& entry);
+
+}  // namespace trabex

@@ -1,0 +1,111 @@
+#include "report/json_log.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "base/text.h"
+#include "platform/standard_output.h"
+
+namespace trabex {
+
+namespace {
+
+// More than this is not kept back until the end of the loop iteration.
+constexpr std::size_t kMaxCollected = std::size_t{64} * 1024;
+constexpr Milliseconds kRetryInterval{200};
+
+}  // namespace
+
+JsonLog::JsonLog(const Configuration& configuration, const Clock& clock, EventLoop& loop, Log& log)
+    : configuration_(configuration),
+      clock_(clock),
+      loop_(loop),
+      log_(log),
+      retry_(loop, kRetryInterval, [this] { Flush(); }) {}
+
+JsonLog::~JsonLog() {
+  Flush();
+}
+
+bool JsonLog::Wants(std::string_view event) const {
+  if (!IsOn()) return false;
+  const auto& events = configuration_.Service.JsonEvents;
+  return events.empty() || std::find(events.begin(), events.end(), event) != events.end();
+}
+
+JsonLine& JsonLog::Begin(std::string_view event) {
+  begin_ = collected_.size();
+  line_.Begin();
+  line_.Text("time", time_.Format(clock_.UnixMilliseconds()));
+  line_.Text("event", event);
+  line_.Number("port", configuration_.BindPort);
+  return line_;
+}
+
+void JsonLog::End() {
+  line_.End();
+  if (collected_.size() > kMaxWaiting) {
+    collected_.resize(begin_);
+    ++lost_lines_;
+    return;
+  }
+  if (collected_.size() >= kMaxCollected && !retry_.Enabled()) return Flush();
+  if (flush_is_due_) return;
+  flush_is_due_ = true;
+  loop_.OnIterationEnd([this] {
+    flush_is_due_ = false;
+    Flush();
+  });
+}
+
+void JsonLog::Reopen() {
+  Flush();
+  file_.Close();
+}
+
+void JsonLog::Flush() {
+  if (collected_.empty()) return;
+  const bool to_standard_output = configuration_.Service.JsonLog == kStandardOutput;
+  const std::size_t written = to_standard_output ? WriteStandardOutput(collected_) : WriteToFile();
+  collected_.erase(0, written);
+  if (to_standard_output && !collected_.empty()) {
+    // The rest of a line that has begun has to follow.
+    if (!retry_.Enabled()) retry_.Enable();
+    return;
+  }
+  retry_.Disable();
+  if (!collected_.empty()) {
+    lost_lines_ += static_cast<std::uint64_t>(std::count(collected_.begin(), collected_.end(), '\n'));
+    collected_.clear();
+    ReportFailure();
+  } else {
+    failed_ = false;
+  }
+}
+
+bool JsonLog::EnsureOpen() {
+  const std::string& path = configuration_.Service.JsonLog;
+  if (file_.IsOpen() && path == path_) return true;
+  file_.Close();
+  path_ = path;
+  ends_inside_line_ = false;
+  return !path.empty() && file_.Open(NativePath(path), NewFileReaders::kGroup);
+}
+
+// Returns how much of what has collected is in the file.
+std::size_t JsonLog::WriteToFile() {
+  if (!EnsureOpen()) return 0;
+  // A line that was cut off stays so, but it does not take the next one with it.
+  if (ends_inside_line_) ends_inside_line_ = file_.WriteSome("\n") == 0;
+  if (ends_inside_line_) return 0;
+  const std::size_t written = file_.WriteSome(collected_);
+  ends_inside_line_ = written > 0 && collected_[written - 1] != '\n';
+  return written;
+}
+
+void JsonLog::ReportFailure() {
+  if (std::exchange(failed_, true)) return;
+  log_.LogLine("JSON log " + Quoted(configuration_.Service.JsonLog) + " cannot be written. Lines are lost.");
+}
+
+}  // namespace trabex
