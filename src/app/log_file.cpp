@@ -1,7 +1,6 @@
 #include "app/log_file.h"
 
 #include <algorithm>
-#include <cmath>
 #include <utility>
 
 #include "base/text.h"
@@ -87,10 +86,9 @@ void LogFile::TellFailure(const std::string& path) {
 // The prefix of a message. A busy log writes many lines a second, so the text is made once for all of
 // them.
 const std::string& LogFile::Stamp(DateTime now) {
-  const std::int64_t second = std::llround((now - kUnixEpoch) * kSecondsPerDay);
-  if (second != stamp_second_) {
+  if (now != stamp_time_) {
     stamp_ = FormatLogStamp(now) + " ";
-    stamp_second_ = second;
+    stamp_time_ = now;
   }
   return stamp_;
 }

@@ -89,7 +89,7 @@ class LogFile final : public Log {
   std::function<void(int, std::string_view)> error_observer_;
   std::uint64_t lost_lines_ = 0;
   std::string stamp_;
-  std::int64_t stamp_second_ = -1;  // since 1970, local
+  DateTime stamp_time_ = -1;  // of stamp_
 };
 
 }  // namespace trabex

@@ -1,5 +1,6 @@
 #include "base/delimited_text.h"
 
+#include <algorithm>
 #include <string>
 
 #include "base/error.h"
@@ -19,6 +20,8 @@ bool StandsAt(std::string_view text, std::size_t at, std::string_view what, Comp
 // end.
 std::size_t BehindPart(std::string_view text, std::size_t at, std::string_view close, Compare compare) {
   while (at < text.size()) {
+    // Paths and list entries are mostly one such part.
+    if (compare == Compare::kExact) at = std::min(text.find(close, at), text.size());
     if (!StandsAt(text, at, close, compare)) {
       ++at;
     } else if (StandsAt(text, at + close.size(), close, compare)) {

@@ -1,6 +1,7 @@
 #include "base/ip_address.h"
 
 #include <algorithm>
+#include <array>
 #include <bit>
 
 #include "base/numbers.h"
@@ -13,6 +14,23 @@ namespace {
 constexpr std::size_t kIPv6Groups = 8;
 constexpr int kBitsPerByte = 8;
 constexpr std::string_view kIPv6Tag = "IPv6:";
+
+// What is written for a part of an IPv4 address.
+struct OctetText {
+  std::array<char, 3> digits{};
+  std::uint8_t size = 0;
+};
+
+constexpr std::array<OctetText, 256> kOctetTexts = [] {
+  std::array<OctetText, 256> texts;
+  for (std::size_t octet = 0; octet < texts.size(); ++octet) {
+    OctetText& text = texts[octet];
+    for (std::size_t unit = octet >= 100 ? 100 : octet >= 10 ? 10 : 1; unit > 0; unit /= 10) {
+      text.digits[text.size++] = static_cast<char>('0' + octet / unit % 10);
+    }
+  }
+  return texts;
+}();
 
 std::optional<std::uint32_t> ReadPart(std::string_view text, IPv4Form form) {
   std::uint32_t value = 0;
@@ -249,9 +267,9 @@ std::string FormatIPv4Parts(const IPAddress& address, int count) {
   char* end = text;
   for (const std::uint8_t part : address.Bytes().first(static_cast<std::size_t>(count))) {
     if (end != text) *end++ = '.';
-    if (part >= 100) *end++ = static_cast<char>('0' + part / 100);
-    if (part >= 10) *end++ = static_cast<char>('0' + part / 10 % 10);
-    *end++ = static_cast<char>('0' + part % 10);
+    const OctetText& octet = kOctetTexts[part];
+    std::copy(octet.digits.begin(), octet.digits.end(), end);  // all three: that is one move
+    end += octet.size;
   }
   return {text, end};
 }

@@ -101,6 +101,11 @@ TEST(IPv4Text, PartsAreWrittenFromTheFirst) {
   EXPECT_EQ(FormatIPv4Parts(Address("192.0.2.7"), 1), "192");
   EXPECT_EQ(FormatIPv4Parts(Address("192.0.2.7"), 0), "");
   EXPECT_EQ(FormatIPv4Parts(Address("2001:db8::1"), 3), "");
+  for (int part = 0; part < 256; ++part) {
+    const std::string text = std::to_string(part);
+    EXPECT_EQ(FormatIPv4Parts(IPAddress::IPv4(static_cast<std::uint32_t>(part)), 4), "0.0.0." + text);
+    EXPECT_EQ(FormatIPv4Parts(IPAddress::IPv4(static_cast<std::uint32_t>(part) << 24), 1), text);
+  }
   EXPECT_EQ(FormatIPv4Parts(IPAddress(), 3), "");
 }
 
