@@ -2,9 +2,12 @@
 """TLS between clients and Trabex: STARTTLS and the TLS port, with real clients and real sending servers."""
 
 import re
+import select
+import signal
 import smtplib
 import ssl
 import subprocess
+from pathlib import Path
 
 from messages import text_message
 from trabex_system import (DOMAIN, IPV6, LOOPBACK, Authority, EximClient, OpenSmtpdClient, Postfix, Scenario, bound, bracketed,
@@ -27,15 +30,15 @@ class TlsScenario(Scenario):
     def issue(self, *names, **more):
         return self.authority.issue([*(names or (NAME, "localhost", "ip6-localhost", LOOPBACK))], **more)
 
-    def start(self, settings=None, **tls):
-        """`tls` are settings of its section; without a Certificate it gets one."""
+    def start(self, settings=None, sections=None, **tls):
+        """`tls` are settings of section TLS; without a Certificate it gets one."""
         if "Certificate" not in tls:
             certificate = self.issue()
             tls["Certificate"] = f"{certificate.chain} {certificate.key}"
         self.server = self.sample_server()
         self.tls_port = free_port()
         self.proxy = self.trabex(self.server.port, {"BindPortTLS": self.tls_port, **(settings or {})},
-                                 sections={"TLS": tls})
+                                 sections={"TLS": tls, **(sections or {})})
         return self.proxy
 
     def trust(self, **versions):
@@ -415,6 +418,43 @@ class Injection(TlsScenario):
             pass
         wait_until(lambda: any("Disconnected." in line for line in self.proxy.log_lines()), "the end of the session")
         self.assertEqual(self.server.count(), 0)
+
+
+class SavedRecords(TlsScenario):
+    """The process that saves the greylisting records is a copy of everything, sessions under TLS too; it touches none."""
+
+    def test_sessions_go_on(self):
+        database = self.place.folder / "grey.gldb"
+        self.start({"LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN}, {"GreyListing": {"Enabled": 1, "Database": database}})
+        sessions = []
+        for port in (self.proxy.port, self.tls_port):
+            session = self.connect((LOOPBACK, port))
+            if port == self.proxy.port:
+                session.read_reply()
+                session.command("EHLO c.example")
+                session.command("STARTTLS")
+            session.start_tls(self.trust(), NAME)
+            if port == self.tls_port:
+                session.read_reply()
+            session.command("EHLO c.example")
+            session.command(f"MAIL FROM:<{SENDER}>")
+            sessions.append(session)
+        children = Path(f"/proc/{self.proxy.process.pid}/task/{self.proxy.process.pid}/children")
+        for number in range(1, 6):
+            for session in sessions:
+                self.assertEqual(session.command(f"RCPT TO:<r{number}@{DOMAIN}>")[:3], "451")
+            # The reload saves in the background.
+            self.proxy.process.send_signal(signal.SIGHUP)
+            self.proxy.wait_for_log("Configuration reloaded", number)
+            wait_until(lambda: f" r{number}@".encode() in database.read_bytes() if database.exists() else False, "the save")
+            wait_until(lambda: not children.read_text(), "the end of the process that saves")
+            # It has said no end, and nothing else: what it had said would have come before this.
+            for session in sessions:
+                self.assertEqual(select.select([session.socket], [], [], 0)[0], [])
+                self.assertEqual(session.command(f"NOOP {number}")[:3], "250")
+        for session in sessions:
+            self.assertEqual(session.command("QUIT")[:3], "221")
+            self.assertEqual(session.read_to_end(), b"")
 
 
 if __name__ == "__main__":
