@@ -45,6 +45,7 @@ struct Play {
   Delivery delivery = Delivery::kWhole;
   std::size_t cut_step = static_cast<std::size_t>(-1);
   std::size_t cut = 0;
+  bool after_starttls = false;
 };
 
 std::vector<Play> PlaysOf(const script::HostileFile& file) {
@@ -62,6 +63,8 @@ std::vector<Play> PlaysOf(const script::HostileFile& file) {
 template <class Player, class Send>
 std::string PlaySteps(Player& player, Send send, const script::HostileFile& file, const Play& play) {
   for (const auto& [line, code] : script::OpeningOf(file)) {
+    // There is no second greeting.
+    if (line.empty() && play.after_starttls) continue;
     if (!line.empty()) send(line + "\r\n");
     const std::string reply = player.NextReply();
     if (!reply.starts_with(code)) return "before the trick, to \"" + line + "\": " + reply;
@@ -77,18 +80,9 @@ std::string Violations(const ScriptedServer& server) {
   return all;
 }
 
-std::string PlayOverLoopback(const script::HostileFile& file, const Play& play, Security security) {
-  ScriptedServer server(file.script.head.replies);
-  SessionFixture fixture(play.delivery);
-  fixture.ClientSecurity = security;
-  const std::int32_t port = fixture.Settings.ServerPort;
-  fixture.Settings = SettingsFor(file.script.head);
-  fixture.Settings.ServerPort = port;
-  fixture.Names.SetName(kIPv4Loopback, "localhost");
-  fixture.Attend(server);
-  fixture.Start();
-  std::string failure = PlaySteps(
-      fixture, [&](std::string_view bytes) { fixture.ClientPeer().Send(bytes); }, file, play);
+// Ends the client, and tells what is wrong then.
+std::string EndSession(SessionFixture& fixture, const script::HostileFile& file,
+                       const ScriptedServer& server) {
   // The client ends in order, and breaks off where that is not noticed because of what it sent ahead.
   fixture.ClientPeer().ShutDownSending();
   fixture.Settle();
@@ -97,8 +91,26 @@ std::string PlayOverLoopback(const script::HostileFile& file, const Play& play, 
     fixture.Time.Advance(Milliseconds(100));
     return fixture.Sessions().Count() == 0 || file.script.head.owes;
   });
-  if (!ended) failure += "\nthe session stays when the client is gone";
-  return failure + Violations(server);
+  return (ended ? "" : "\nthe session stays when the client is gone") + Violations(server);
+}
+
+void PrepareSession(SessionFixture& fixture, const script::HostileFile& file, ScriptedServer& server) {
+  const std::int32_t port = fixture.Settings.ServerPort;
+  fixture.Settings = SettingsFor(file.script.head);
+  fixture.Settings.ServerPort = port;
+  fixture.Names.SetName(kIPv4Loopback, "localhost");
+  fixture.Attend(server);
+}
+
+std::string PlayOverLoopback(const script::HostileFile& file, const Play& play, Security security) {
+  ScriptedServer server(file.script.head.replies);
+  SessionFixture fixture(play.delivery);
+  fixture.ClientSecurity = security;
+  PrepareSession(fixture, file, server);
+  fixture.Start();
+  const std::string failure = PlaySteps(
+      fixture, [&](std::string_view bytes) { fixture.ClientPeer().Send(bytes); }, file, play);
+  return failure + EndSession(fixture, file, server);
 }
 
 std::string PlayOnDialogue(const script::HostileFile& file, const Play& play) {
@@ -139,6 +151,66 @@ TEST(HostileFiles, NothingGetsThroughASessionUnderTls) {
   for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
     EXPECT_EQ(PlayOverLoopback(file, {}, Security::kTlsPort), "") << file.name;
   }
+}
+
+// Whether it begins behind a greeting and an EHLO, which are the same when they have been there before.
+bool MayFollowStarttls(const script::HostileFile& file) {
+  const auto& replies = file.script.head.replies;
+  return !script::OpeningOf(file).empty() && !replies.contains("greeting") && !replies.contains("EHLO");
+}
+
+// The client's first words, and the handshake; "" or what went wrong.
+std::string SecureByStarttls(SessionFixture& fixture) {
+  const auto exchange = [&](std::string_view line, std::string_view code) {
+    if (!line.empty()) fixture.ClientPeer().Send(line);
+    return fixture.NextReply().starts_with(code);
+  };
+  if (!exchange("", "220") || !exchange("EHLO client.test\r\n", "250") || !exchange("STARTTLS\r\n", "220")) {
+    return "STARTTLS is not taken";
+  }
+  return fixture.MakeHandshake() ? "" : "no handshake";
+}
+
+// Each byte in a record of its own, that comes by itself; of a very long sending the middle comes at once.
+script::HostileFile ByteByByte(script::HostileFile file) {
+  constexpr std::size_t kEnds = 200;
+  for (script::Step& step : file.script.steps) {
+    const std::size_t size = step.sending.bytes.size();
+    step.sending.segments.clear();
+    for (std::size_t end = 1; end < size; ++end) {
+      if (end < kEnds || end + kEnds > size) step.sending.segments.push_back(end);
+    }
+  }
+  return file;
+}
+
+// What the client sends under TLS comes in pieces of `wire_piece` bytes.
+std::string PlayAfterStarttls(const script::HostileFile& file, std::size_t wire_piece) {
+  ScriptedServer server(file.script.head.replies);
+  SessionFixture fixture;
+  PrepareSession(fixture, file, server);
+  fixture.OfferTls();
+  fixture.Start();
+  fixture.ClientPeer().CutWire(wire_piece);
+  std::string failure = SecureByStarttls(fixture);
+  if (failure.empty()) {
+    failure = PlaySteps(fixture, [&](std::string_view bytes) { fixture.ClientPeer().Send(bytes); }, file,
+                        {.after_starttls = true});
+  }
+  return failure + EndSession(fixture, file, server);
+}
+
+// Byte by byte, and with the records cut anywhere on the wire.
+TEST(HostileFiles, NothingGetsThroughASessionAfterStarttls) {
+  std::size_t plays = 0;
+  for (const script::HostileFile& file : script::ReadHostileFiles(TRABEX_HOSTILE_FILES)) {
+    if (!MayFollowStarttls(file)) continue;
+    const std::size_t wire_piece = 1 + plays % 41;
+    EXPECT_EQ(PlayAfterStarttls(ByteByByte(file), std::string::npos), "") << file.name << ", byte by byte";
+    EXPECT_EQ(PlayAfterStarttls(file, wire_piece), "") << file.name << ", cut into " << wire_piece;
+    plays += 2;
+  }
+  EXPECT_GT(plays, 900U);
 }
 
 TEST(HostileFiles, NothingGetsThroughADialogueAlone) {

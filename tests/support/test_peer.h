@@ -43,6 +43,8 @@ class TestPeer {
   // Hands `bytes` to the system as far as it takes them; returns how many. Under TLS all of them, or none
   // before the handshake is done.
   std::size_t Send(std::string_view bytes);
+  // Bytes under TLS that the system has not taken yet.
+  std::size_t Unsent() const { return wire_.size(); }
   // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
   void HoldLittle() { socket_.LimitReceiveBuffer(32768); }
   // Under TLS that is said there, too.
