@@ -18,20 +18,22 @@ std::string_view WithoutLeadingBlanks(std::string_view line) {
   return line.substr(std::min(line.size(), line.find_first_not_of(kBlanks)));
 }
 
-// What a client may take for the keyword: it ends at any blank, and at a control character.
-std::string_view KeywordOf(std::string_view line) {
-  line = WithoutLeadingBlanks(line);
+// What a client may take for the first word of `text`: it ends at any blank, and at a control character.
+std::string_view WordAtStart(std::string_view text) {
   const auto* const end =
-      std::find_if(line.begin(), line.end(), [](char byte) { return byte == ' ' || IsControl(byte); });
-  return line.substr(0, static_cast<std::size_t>(end - line.begin()));
+      std::find_if(text.begin(), text.end(), [](char byte) { return byte == ' ' || IsControl(byte); });
+  return text.substr(0, static_cast<std::size_t>(end - text.begin()));
+}
+
+std::string_view KeywordOf(std::string_view line) {
+  return WordAtStart(WithoutLeadingBlanks(line));
 }
 
 // Whether the line is AUTH, in the form of RFC 4954 or in the older one.
 bool IsAuthentication(std::string_view line) {
-  line = WithoutLeadingBlanks(line);
-  if (!StartsWithNoCase(line, kAuth)) return false;
-  if (line.size() == kAuth.size() || line[kAuth.size()] == '=') return true;
-  return kBlanks.find(line[kAuth.size()]) != std::string_view::npos;
+  const std::string_view keyword = KeywordOf(line);
+  if (!StartsWithNoCase(keyword, kAuth)) return false;
+  return keyword.size() == kAuth.size() || keyword[kAuth.size()] == '=';
 }
 
 // The line, which is AUTH, without the mechanisms that RemoveBoundAuthentication names; "" when none is left.
@@ -40,7 +42,7 @@ std::string WithoutBoundMechanisms(std::string_view line) {
   constexpr std::string_view kPlus = "-PLUS";
   std::vector<std::string_view> mechanisms;
   for (std::string_view rest = line.substr(std::min(line.size(), kAuth.size() + 1)); !rest.empty();) {
-    const std::string_view word = rest.substr(0, rest.find_first_of(kBlanks));
+    const std::string_view word = WordAtStart(rest);
     if (!word.empty()) mechanisms.push_back(word);
     rest.remove_prefix(std::min(rest.size(), word.size() + 1));
   }

@@ -103,6 +103,7 @@ TEST(ExtensionCollection, FindsAuthenticationHoweverItIsWritten) {
       {"AUTH=EXTERNAL", "", true},
       {" \tAUTH PLAIN EXTERNAL", "AUTH PLAIN", true},
       {" AUTH=EXTERNAL", "", true},
+      {"AUTH\x0F PLAIN EXTERNAL\x03L", "AUTH\x0FPLAIN L", true},
       {"AUTHX PLAIN EXTERNAL", "AUTHX PLAIN EXTERNAL", false},
       {"XAUTH EXTERNAL", "XAUTH EXTERNAL", false},
   };
