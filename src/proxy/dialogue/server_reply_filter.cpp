@@ -116,7 +116,8 @@ std::string RewriteEhloReply(std::string_view reply, const Configuration& config
   const bool may_begin_tls = facts.TlsReady() && !facts.TlsActive();
   if (may_begin_tls) offered.Extensions.AddExtension(kStartTls);
   ApplyExtensionLists(configuration, facts.IsLocalClient(), offered);
-  if (facts.TlsConfigured()) WithholdByTls(configuration, facts, offered);
+  // A session keeps its TLS when the certificate goes from the settings.
+  if (facts.TlsConfigured() || facts.TlsActive()) WithholdByTls(configuration, facts, offered);
   offered.TlsOffered = may_begin_tls && offered.Extensions.Has(kStartTls);
 
   const std::string_view greeting = first_line.substr(std::min<std::size_t>(4, first_line.size()));

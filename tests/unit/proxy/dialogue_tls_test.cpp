@@ -113,6 +113,9 @@ TEST(StartTls, IsOnlyTakenWhereItWasOffered) {
     active.dialogue.facts.tls_active = true;
     active.Greet(false, true);
     active.dialogue.Run(command);
+    // However it came to be offered.
+    active.dialogue.state.offered.Extensions.AddExtension("STARTTLS");
+    active.dialogue.Run(command);
     // Without a certificate in the settings nothing is as if there were one.
     TestDialogue without;
     without.configuration.AddSMTPExtensionsRemote = ListOf({"STARTTLS"});
@@ -399,6 +402,8 @@ TEST(EhloUnderTls, OffersStartTlsWhereItWorks) {
       {true, false, false, "", "", "DSN"},
       {true, false, false, "", "STARTTLS", "DSN"},
       {true, false, true, "", "STARTTLS", "DSN"},
+      // The certificate went from the settings since TLS began.
+      {false, false, true, "", "STARTTLS", "DSN"},
       {false, false, false, "", "", "DSN"},
       // Nothing is new for a file that knows no certificate.
       {false, false, false, "", "STARTTLS", "DSN|STARTTLS"},
