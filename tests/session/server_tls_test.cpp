@@ -150,6 +150,18 @@ TEST_F(ServerTlsTest, TraceHeaderAndContentAreOneRecord) {
   EXPECT_TRUE(tls.Text().starts_with("Received: from client.test ")) << tls.Text();
 }
 
+// What the server, or somebody in its place, said in the clear counts no more.
+TEST_F(ServerTlsTest, WhatItOfferedInTheClearIsForgotten) {
+  fixture.Settings.TLS.Server = server_tls::kStartTls;
+  PlayStartTls();
+  MakeHandshake();
+  ExpectClientGets("220 server ready\r\n");
+  ClientSays("EHLO client.test");
+  ExpectServerGets("EHLO client.test");
+  tls.Write("503 already identified\r\n");
+  ExpectClientGets("503 already identified\r\n");
+}
+
 // A failure is no way to plain text, not even where TLS is not required.
 TEST_F(ServerTlsTest, AFailedHandshakeEndsTheSession) {
   fixture.Settings.TLS.Server = server_tls::kIfOffered;

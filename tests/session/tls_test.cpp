@@ -435,6 +435,26 @@ TEST(StartTls, WithoutACertificateAnyMoreIsNotAvailable) {
             "");
 }
 
+// A broken file is no wish to do without TLS.
+TEST(Tls, PoliciesHoldWithoutACertificateThatCouldBeLoaded) {
+  const auto configure = [](SessionFixture& fixture) {
+    fixture.Settings.TLS.Certificate = {{"broken.pem", "broken.pem"}};
+  };
+  PlayBothWays(configure, Greeting() + R"(
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250-server
+    S: 250-AUTH PLAIN
+    S: 250-AUTH=PLAIN
+    S: 250 REQUIRETLS
+    <- 250 server
+    C: STARTTLS
+    <- 502 5.5.1 Command not implemented.
+    C: AUTH PLAIN AHgAeQ==
+    <- 538 5.7.11 *
+    -> nothing)");
+}
+
 // What began goes on with the certificate that it began with.
 TEST(StartTls, GoesOnWhenTheCertificateGoes) {
   SessionFixture fixture;

@@ -1,6 +1,12 @@
 #include "tls/tls_context.h"
 
+#include <pty.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
 
 #include "tls/tls_context_impl.h"
 #include "tls_fixture.h"
@@ -102,6 +108,11 @@ TEST_F(TlsContextTest, NoClientChoosesAnExpensiveKeyExchange) {
   EXPECT_EQ(Try(AnyServer(), {.groups = "P-521"}), "no suitable key share");
   EXPECT_EQ(Try(AnyServer(), {.groups = "P-256"}), "");
   EXPECT_EQ(Try(AnyServer(), {.groups = "X25519"}), "");
+  // Nor has the old kind any, even where the list of ciphers names it.
+  const auto context = Server({.certificates = {Write("rsa.pem", {.key = TestKey::kRsa})},
+                               .ciphers = "DHE-RSA-AES128-GCM-SHA256:ECDHE-RSA-AES128-GCM-SHA256"});
+  EXPECT_EQ(Try(context, {.max_version = "1.2", .ciphers = "DHE-RSA-AES128-GCM-SHA256"}), "no shared cipher");
+  EXPECT_EQ(Try(context, {.max_version = "1.2", .ciphers = "ECDHE-RSA-AES128-GCM-SHA256"}), "");
 }
 
 TEST_F(TlsContextTest, WhoOffersAnotherProtocolIsRefused) {
@@ -231,6 +242,27 @@ TEST_F(TlsContextTest, TellsWhatIsWrongWithFiles) {
   EXPECT_EQ(of_chain(pipe), "Not a regular file");
   EXPECT_EQ(FailureOf(Write("small.pem", TestCertificateOptions{}), "DEFAULT@SECLEVEL=5").reason,
             "ee key too small");
+}
+
+// The program would stand still until somebody types the password.
+TEST_F(TlsContextTest, AKeyWithAPasswordAsksNoTerminal) {
+  const auto files = Write("locked.pem", {.password = "secret"});
+  int terminal = -1;
+  const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
+  ASSERT_GE(process, 0);
+  if (process == 0) {
+    TlsLoadReport report;
+    const bool none = TlsContext::ForServer({.certificates = {files}}, report) == nullptr;
+    _exit(none && report.failures.size() == 1 ? EXIT_SUCCESS : EXIT_FAILURE);
+  }
+  char asked = 0;
+  const ssize_t count = read(terminal, &asked, 1);  // an error when the process has gone without a word
+  EXPECT_LE(count, 0);
+  if (count > 0) kill(process, SIGKILL);
+  int status = 0;
+  EXPECT_EQ(waitpid(process, &status, 0), process);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
+  close(terminal);
 }
 
 TEST_F(TlsContextTest, WhatCannotBeUsedIsLeftOut) {
@@ -423,6 +455,7 @@ class TlsTicketTest : public TlsContextTest {
     TlsConnection c(context, options);
     EXPECT_EQ(c.Handshake(), TlsResult::kDone);
     EXPECT_EQ(c.stream.Facts().resumed, c.peer.Resumed());
+    c.peer.SayGoodbye();  // as above
     return c.stream.Facts().resumed;
   }
 };
@@ -488,6 +521,19 @@ class TlsClientContextTest : public TlsTest {
 
   const TestCertificate authority = MakeTestCertificate({.common_name = "CA", .authority = true});
 };
+
+// Whoever the system trusts may vouch only where that was meant.
+TEST_F(TlsClientContextTest, TheSystemsAuthoritiesAreNoWayOut) {
+  const std::string file = folder / "ca.pem";
+  ASSERT_EQ(setenv("SSL_CERT_FILE", file.c_str(), 1), 0);
+  const TestCertificateOptions good{.dns_names = {"mx.test"}};
+  EXPECT_EQ(Try({.verify = true, .server_name = "mx.test"}, good), "verified");
+  EXPECT_NE(Try({.verify = true, .server_name = "mx.test", .server_ca = folder / "none.pem"}, good),
+            "verified");
+  EXPECT_NE(Try({.verify = true}, good), "verified");
+  EXPECT_NE(Try({.verify = false}, good), "verified");
+  unsetenv("SSL_CERT_FILE");
+}
 
 TEST_F(TlsClientContextTest, VerifiesTheNameOrAddressOfTheServer) {
   struct Case {

@@ -1,5 +1,7 @@
 #include "tls/tls_stream.h"
 
+#include <openssl/err.h>
+
 #include <memory>
 #include <string>
 #include <thread>
@@ -352,6 +354,10 @@ TEST_F(TlsStreamTest, ErrorsOfOneAreNotThoseOfAnother) {
   EXPECT_FALSE(TlsContext::AcceptsCiphers("no such cipher"));
   EXPECT_EQ(good->Read(), "");
   EXPECT_EQ(good->result, TlsResult::kWantsRead);
+  // Not even when nobody took it.
+  ERR_raise(ERR_LIB_USER, ERR_R_INTERNAL_ERROR);
+  EXPECT_EQ(good->Read(), "");
+  EXPECT_EQ(good->result, TlsResult::kWantsRead);
 }
 
 TEST_F(TlsStreamTest, AnswersKeyUpdates) {
@@ -370,37 +376,41 @@ TEST_F(TlsStreamTest, AnswersKeyUpdates) {
 
 // A key update asks for something to be sent, while a record is under way that the network does not take.
 TEST_F(TlsStreamTest, AKeyUpdateWhileTheNetworkIsFullBreaksNothing) {
-  for (const std::size_t portion : {1U, 7U, 100U, 100000U}) {
-    SCOPED_TRACE(portion);
-    auto c = Connected({.max_version = "1.3"});
-    c->Carry();
-    c->transport.portion = portion;
-    const std::string queue = Noise(3 * kMaxRecord);
-    std::size_t written = 0;
-    c->transport.refuse_send = 2;
-    EXPECT_EQ(c->stream.Write(c->transport, queue, written), TlsResult::kWantsWrite);
-    c->transport.full = true;
-    c->peer.UpdateKeys(true);
-    c->peer.Write("NOOP\r\n");
-    c->peer.UpdateKeys(true);
-    c->peer.Write("QUIT\r\n");
-    c->transport.input += c->peer.Output();
-    std::string got;
-    for (int i = 0; i < 100 && !c->transport.input.empty(); ++i) got += c->Read();
-    ASSERT_NE(c->result, TlsResult::kFailed) << c->stream.FailureReason();
-    c->transport.full = false;
-    c->transport.refuse_send = 0;
-    while (written < queue.size()) {
-      std::size_t count = 0;
-      ASSERT_NE(c->stream.Write(c->transport, queue.substr(written), count), TlsResult::kFailed)
-          << c->stream.FailureReason();
-      written += count;
+  for (const bool stays_full : {true, false}) {
+    for (const std::size_t portion : {1U, 7U, 100U, 100000U}) {
+      SCOPED_TRACE(portion);
+      auto c = Connected({.max_version = "1.3"});
+      c->Carry();
+      c->transport.portion = portion;
+      const std::string queue = Noise(3 * kMaxRecord);
+      std::size_t written = 0;
+      c->transport.refuse_send = 2;
+      EXPECT_EQ(c->stream.Write(c->transport, queue, written), TlsResult::kWantsWrite);
+      // It may take bytes again before anybody hears of it.
+      c->transport.full = stays_full;
+      if (!stays_full) c->transport.refuse_send = 0;
+      c->peer.UpdateKeys(true);
+      c->peer.Write("NOOP\r\n");
+      c->peer.UpdateKeys(true);
+      c->peer.Write("QUIT\r\n");
+      c->transport.input += c->peer.Output();
+      std::string got;
+      for (int i = 0; i < 100 && !c->transport.input.empty(); ++i) got += c->Read();
+      ASSERT_NE(c->result, TlsResult::kFailed) << c->stream.FailureReason();
+      c->transport.full = false;
+      c->transport.refuse_send = 0;
+      while (written < queue.size()) {
+        std::size_t count = 0;
+        ASSERT_NE(c->stream.Write(c->transport, queue.substr(written), count), TlsResult::kFailed)
+            << c->stream.FailureReason();
+        written += count;
+      }
+      got += c->Read();
+      EXPECT_EQ(got, "NOOP\r\nQUIT\r\n");
+      c->Carry();
+      EXPECT_TRUE(c->peer.Text() == queue);
+      EXPECT_EQ(c->peer.Error(), "");
     }
-    got += c->Read();
-    EXPECT_EQ(got, "NOOP\r\nQUIT\r\n");
-    c->Carry();
-    EXPECT_TRUE(c->peer.Text() == queue);
-    EXPECT_EQ(c->peer.Error(), "");
   }
 }
 
@@ -436,13 +446,20 @@ TEST_F(TlsStreamTest, OneReadTakesABoundedPartOfTheNetwork) {
 }
 
 TEST_F(TlsStreamTest, RefusesANewHandshake) {
-  auto c = Connected({.max_version = "1.2"});
-  c->peer.Renegotiate();
-  c->Carry();
-  EXPECT_EQ(c->Read(), "");
-  EXPECT_EQ(c->result, TlsResult::kWantsRead);
-  c->Carry();
-  EXPECT_EQ(c->peer.Error(), "no renegotiation");
+  for (const bool client : {false, true}) {
+    SCOPED_TRACE(client ? "client" : "server");
+    TlsPeerOptions options{.server = client, .max_version = "1.2"};
+    if (client) options.certificate = MakeTestCertificate({});
+    TlsConnection c(client ? Client() : AnyServer(), options);
+    ASSERT_EQ(c.Handshake(), TlsResult::kDone);
+    c.Carry();
+    c.peer.Renegotiate();
+    c.Carry();
+    EXPECT_EQ(c.Read(), "");
+    EXPECT_EQ(c.result, TlsResult::kWantsRead);
+    c.Carry();
+    EXPECT_EQ(c.peer.Error(), "no renegotiation");
+  }
 }
 
 }  // namespace
