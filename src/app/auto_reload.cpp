@@ -1,5 +1,6 @@
 #include "app/auto_reload.h"
 
+#include <algorithm>
 #include <cmath>
 #include <utility>
 
@@ -8,6 +9,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "config/ini_lines.h"
+#include "config/list_files.h"
 #include "platform/files.h"
 
 namespace trabex {
@@ -38,14 +40,32 @@ AutoReload::AutoReload(Program& program, frmMain& window)
       tmrAutoReloadDelay(program.loop, kDelay, [this] { tmrAutoReloadDelay_Timer(); }) {}
 
 void AutoReload::Begin() {
+  if (watch_) WatchListFiles();
   if (!program_.configuration.AutoReload || watch_) return;
   watch_ = WatchFolderOf(NativePath(program_.ini_file.path));
   last_date_check_.reset();
-  if (watch_) tmrAutoReload.Enable();
+  if (!watch_) return;
+  WatchListFiles();
+  tmrAutoReload.Enable();
+}
+
+void AutoReload::WatchListFiles() {
+  list_watches_.clear();
+  for (const ListFile& file : program_.configuration.ListFiles) {
+    if (auto watch = WatchFolderOf(NativePath(file.path))) list_watches_.push_back(std::move(watch));
+  }
+  // What has changed since they were read.
+  if (!list_watches_.empty()) last_date_check_.reset();
+}
+
+bool AutoReload::Signalled() {
+  return watch_->Signalled() || std::any_of(list_watches_.begin(), list_watches_.end(),
+                                            [](const auto& watch) { return watch->Signalled(); });
 }
 
 void AutoReload::End() {
   watch_.reset();
+  list_watches_.clear();
   tmrAutoReload.Disable();
   tmrAutoReloadDelay.Disable();
 }
@@ -59,6 +79,7 @@ IniText AutoReload::TakeFileNow() {
 void AutoReload::tmrAutoReload_Timer() {
   if (!program_.configuration.AutoReload) {
     watch_.reset();
+    list_watches_.clear();
     tmrAutoReload.Disable();
     return;
   }
@@ -68,15 +89,16 @@ void AutoReload::tmrAutoReload_Timer() {
 
 std::optional<std::int64_t> AutoReload::ChangeCheck() {
   // The first check asks in any case: the file may have changed while the program started.
-  if (last_date_check_ && !watch_->Signalled()) return std::nullopt;
+  if (last_date_check_ && !Signalled()) return std::nullopt;
   const DateTime now = program_.dependencies.clock.Now();
   // In either direction, so that a clock that was set back does not put the check off.
   if (last_date_check_ && std::abs(now - *last_date_check_) <= kBetweenDateChecks) return std::nullopt;
   // Armed before the date is read: what is written from here on is signalled anew.
   watch_->Rearm();
+  for (const auto& watch : list_watches_) watch->Rearm();
   last_date_check_ = now;
   const std::optional<std::int64_t> stamp = StampNow();
-  if (stamp == program_.ini_file.stamp) return std::nullopt;
+  if (stamp == StampOfRead()) return std::nullopt;
   // Another file of the folder, a log perhaps, must not put the reload off for as long as it is written to.
   if (tmrAutoReloadDelay.Enabled() && stamp == awaited_stamp_) return std::nullopt;
   return stamp;
@@ -84,10 +106,18 @@ std::optional<std::int64_t> AutoReload::ChangeCheck() {
 
 std::optional<std::int64_t> AutoReload::StampNow() const {
   try {
-    return FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
+    const std::int64_t stamp =
+        FileModificationStamp(NativePath(program_.ini_file.path), "mCommon.ChangeCheck");
+    return stamp ^ trabex::StampNow(program_.configuration.ListFiles);
   } catch (const Error&) {
     return std::nullopt;
   }
+}
+
+std::optional<std::int64_t> AutoReload::StampOfRead() const {
+  const std::optional<std::int64_t>& stamp = program_.ini_file.stamp;
+  if (!stamp) return std::nullopt;
+  return *stamp ^ trabex::StampOfRead(program_.configuration.ListFiles);
 }
 
 void AutoReload::AwaitQuiet(std::int64_t stamp) {
@@ -125,7 +155,8 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
   if (seen || LastLineHasEnd(ini.text)) return false;
   program_.log.LogProblem("Initialization file \"" + program_.ini_file.path +
                           "\" is not read yet because its last line has no line end.");
-  unfinished_stamp_ = awaited_stamp_ = ini.stamp;
+  unfinished_stamp_ = ini.stamp;
+  awaited_stamp_ = StampNow().value_or(ini.stamp);
   tmrAutoReloadDelay.SetInterval(kBetweenLooks);
   tmrAutoReloadDelay.Enable();
   return true;

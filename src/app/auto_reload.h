@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/date_time.h"
 #include "config/ini_reader.h"
@@ -59,8 +60,14 @@ class AutoReload {
   // The file's date if that is another one than at the last successful read, and not the one that the delay
   // runs for already. Asked at most every 15 seconds.
   std::optional<std::int64_t> ChangeCheck();
-  // The file's date; nothing when it cannot be asked for.
+  // The date of the file and its lists' files; nothing when that of the file cannot be asked for. The number
+  // means nothing else than that it is another one after a change.
   std::optional<std::int64_t> StampNow() const;
+  // The same as of the last successful read.
+  std::optional<std::int64_t> StampOfRead() const;
+  // Watches the folders of the lists' files too.
+  void WatchListFiles();
+  bool Signalled();
   // Begins the delay (anew) for the file of this date.
   void AwaitQuiet(std::int64_t stamp);
   // The file, or nothing when it cannot be used; the log says why, once for each date.
@@ -76,8 +83,9 @@ class AutoReload {
   Program& program_;
   frmMain& window_;
   std::unique_ptr<ChangeWatch> watch_;
-  std::optional<DateTime> last_date_check_;       // local time
-  std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
+  std::vector<std::unique_ptr<ChangeWatch>> list_watches_;  // none without watch_
+  std::optional<DateTime> last_date_check_;                 // local time
+  std::int64_t awaited_stamp_ = 0;                          // of the file that the delay runs for
   std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is checked once more
   bool under_way_ = false;

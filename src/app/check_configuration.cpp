@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <memory>
 #include <set>
 #include <string_view>
 #include <tuple>
@@ -16,6 +17,7 @@
 #include "base/date_time.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "config/list_files.h"
 #include "config/section_store.h"
 #include "config/settings_table.h"
 #include "net/socket_errors.h"
@@ -53,9 +55,10 @@ class Findings final : public LoadObserver {
   void BadValue(std::string_view section, std::string_view key, std::string_view where, int /*number*/,
                 std::string_view description) override {
     std::string text(description);
+    if (section == section_name::kListFiles) text += ListHint(key);
     // A message may show a part of it only.
-    if (where != key && !where.empty() && !Contains(description, where))
-      text += " (in " + Quoted(where) + ")";
+    const bool shows_all = where.empty() || where == key || Contains(description, where);
+    if (!shows_all) text += " (in " + Quoted(where) + ")";
     Add(Severity::kError, section, key, where, std::move(text));
     bad_keys_.emplace(ToLower(section), ToLower(key));
   }
@@ -64,6 +67,14 @@ class Findings final : public LoadObserver {
     places_[{ToLower(section), ToLower(key)}] = std::move(places);
   }
 
+  void ListFileRead(std::string_view name, std::shared_ptr<const std::string> text) override {
+    if (text != nullptr) list_files_.push_back({std::string(name), std::move(text)});
+  }
+
+  void AddListFiles(CheckPlaces& places) const {
+    std::size_t number = 1;
+    for (const ListFileText& file : list_files_) places.Add(number++, file.name, *file.text);
+  }
   bool HasBadValue(std::string_view section, std::string_view key) const {
     return bad_keys_.contains({ToLower(section), ToLower(key)});
   }
@@ -105,7 +116,23 @@ class Findings final : public LoadObserver {
   };
   using Name = std::pair<std::string, std::string>;  // section and key in lower case
 
+  struct ListFileText {
+    std::string name;
+    std::shared_ptr<const std::string> text;
+  };
+
+  // For a key of section ListFiles that names no list.
+  static std::string ListHint(std::string_view key) {
+    if (FindList(key) != nullptr) return {};
+    std::vector<std::string> names;
+    for (const Setting& setting : AllSettings()) {
+      if (MayHaveListFile(setting)) names.push_back(ListFileKey(setting));
+    }
+    return DidYouMean(key, names);
+  }
+
   std::vector<Raw> raw_;
+  std::vector<ListFileText> list_files_;
   std::set<Name> bad_keys_;
   std::map<Name, std::vector<std::string_view>> places_;
 };
@@ -416,21 +443,26 @@ bool MatchesEveryDomain(const ListEntry& entry) {
 }
 
 CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration initial) {
-  CheckedConfiguration checked{.configuration = std::move(initial)};
-  Findings findings;
-  CheckPlaces places;
-  PlacelessProblems log(findings);
   const std::string& path = inputs.early.ini_path;
+  IniText ini;
   try {
-    checked.ini = mCommon::TakeIniFile(path);
-    checked.was_read = true;
+    ini = mCommon::TakeIniFile(path);
   } catch (const Error& error) {
+    CheckedConfiguration checked{.configuration = std::move(initial)};
     checked.findings.push_back({.file = inputs.file,
                                 .text = "Error reading initialization file " + Quoted(path) +
                                         ". Error number: " + std::to_string(error.Number()) +
                                         ", Description: " + error.Description()});
     return checked;
   }
+  return CheckText(inputs, std::move(ini), std::move(initial));
+}
+
+CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configuration initial) {
+  CheckedConfiguration checked{.configuration = std::move(initial), .ini = std::move(ini), .was_read = true};
+  Findings findings;
+  CheckPlaces places;
+  PlacelessProblems log(findings);
   places.Add(0, inputs.file, checked.ini.text);
   EarlyKeyInputs early = inputs.early;
   early.observer = &findings;
@@ -438,10 +470,11 @@ CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration
 
   SectionStore store;
   const IniErrors errors{log, true, &findings};
-  mCommon::ReadIniText(path, checked.ini.text, store, errors);
+  mCommon::ReadIniText(inputs.early.ini_path, checked.ini.text, store, errors);
   places.Add(0, inputs.file, store.Text());
   ReadSettings(store, errors, inputs.context, checked.configuration);
   Rules(checked.configuration, store, findings).Apply();
+  findings.AddListFiles(places);
   checked.findings = findings.Take(places);
 
   const SectionTable::Entry* const server = store.Section(section_name::kCommon).Find("ServerIP");

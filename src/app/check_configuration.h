@@ -34,6 +34,8 @@ struct CheckedConfiguration {
 // Checks the file at `inputs.early.ini_path`. `initial` are the settings that the command line has given, or,
 // in a running instance, those that a reload does not read anew. Asks no name of DNS; raises no Error.
 CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration initial);
+// The same of a file that was taken already.
+CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configuration initial);
 
 // Adds what is wrong with the server: `answer` is what FindAddresses says for ServerIP, `own` are the
 // addresses of this machine. Raises no Error.

@@ -7,6 +7,7 @@
 
 #include "base/ip_address.h"
 #include "base/numbers.h"
+#include "config/list_files.h"
 #include "config/service_settings.h"
 #include "config/tls_settings.h"
 #include "match/address_replacement.h"
@@ -170,6 +171,7 @@ struct Configuration {
   GreyListingSettings GreyListing;
   TLSSettings TLS;
   ServiceSettings Service;
+  std::vector<ListFile> ListFiles;  // in the order of the settings table
   ResponseChangeTable ResponseChanges;
   ReplacementTable SenderReplacementsLocal;
   ReplacementTable SenderReplacementsRemote;

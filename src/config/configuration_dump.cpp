@@ -1,7 +1,9 @@
 #include "config/configuration_dump.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <unordered_set>
@@ -13,6 +15,7 @@
 #include "base/numbers.h"
 #include "base/text.h"
 #include "config/certificate_list.h"
+#include "config/list_files.h"
 #include "config/section_store.h"
 #include "config/settings_table.h"
 
@@ -90,9 +93,10 @@ class ExpressionWriter {
         knows_quotes_(kind != SettingKind::kPlainList),
         splits_on_blanks_(kind != SettingKind::kExtensionList) {}
 
-  void Write() {
+  // The first `count` entries.
+  void Write(std::size_t count) {
     if (splits_on_blanks_) TakeSingleKeys();
-    for (std::size_t index = 0; index < list_.Count(); ++index) {
+    for (std::size_t index = 0; index < count; ++index) {
       const ListEntry entry = list_.Entry(index);
       if (entry.is_group) {
         WriteGroup(entry);
@@ -166,9 +170,10 @@ class ExpressionWriter {
   std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys_;
 };
 
-void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionList& list) {
+void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionList& list,
+                      const ListFile* file) {
   writer.BeginList(setting.key);
-  ExpressionWriter(writer, setting.kind, list).Write();
+  ExpressionWriter(writer, setting.kind, list).Write(file == nullptr ? list.Count() : file->own_entries);
   writer.EndList();
 }
 
@@ -184,11 +189,24 @@ void WriteNames(Writer& writer, const Setting& setting, const std::vector<std::s
   writer.EndList();
 }
 
-void WriteRanges(Writer& writer, const Setting& setting, const IPRangeList& list) {
+// Without those of the list's own file.
+std::vector<IPRange> OwnRanges(const IPRangeList& list, const ListFile* file) {
+  std::vector<IPRange> ranges = list.Ranges();
+  if (file == nullptr) return ranges;
+  const auto ipv6 =
+      std::find_if(ranges.begin(), ranges.end(), [](const IPRange& range) { return range.low.IsIPv6(); });
+  const auto own_ipv6 = static_cast<std::ptrdiff_t>(file->own_ipv6_ranges);
+  const auto own_ipv4 = static_cast<std::ptrdiff_t>(file->own_entries) - own_ipv6;
+  ranges.erase(ipv6 + own_ipv6, ranges.end());
+  ranges.erase(ranges.begin() + own_ipv4, ipv6);
+  return ranges;
+}
+
+void WriteRanges(Writer& writer, const Setting& setting, const std::vector<IPRange>& ranges) {
   writer.BeginList(setting.key);
   std::unordered_set<std::string> written;
-  written.reserve(list.Count());
-  for (const IPRange& range : list.Ranges()) {
+  written.reserve(ranges.size());
+  for (const IPRange& range : ranges) {
     const auto [text, is_new] = written.insert(mCommon::FormatRange(range));
     if (is_new) writer.Entry(*text);
   }
@@ -231,12 +249,14 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kAddressList:
     case SettingKind::kPlainList:
     case SettingKind::kExtensionList:
-      WriteExpressions(writer, setting, FieldOf<ExpressionList>(configuration, setting));
+      WriteExpressions(writer, setting, FieldOf<ExpressionList>(configuration, setting),
+                       FindListFile(configuration.ListFiles, setting));
       break;
     case SettingKind::kRangeList:
     case SettingKind::kPartialRangeList: {
-      const auto& list = FieldOf<IPRangeList>(configuration, setting);
-      if (setting.shown_at_default || list.Count() > 0) WriteRanges(writer, setting, list);
+      const std::vector<IPRange> ranges = OwnRanges(FieldOf<IPRangeList>(configuration, setting),
+                                                    FindListFile(configuration.ListFiles, setting));
+      if (setting.shown_at_default || !ranges.empty()) WriteRanges(writer, setting, ranges);
       break;
     }
     case SettingKind::kCertificateList: {
@@ -323,6 +343,11 @@ void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configu
   WriteReplacements(writer, section_name::kRecipientReplacementsRemote,
                     configuration.RecipientReplacementsRemote);
   WriteLaterSection(writer, section_name::kService, configuration);
+  if (!configuration.ListFiles.empty()) {
+    writer.Separator('-');
+    writer.Header(section_name::kListFiles);
+    for (const ListFile& file : configuration.ListFiles) writer.Scalar(ListFileKey(*file.list), file.path);
+  }
   writer.Separator('=');
 }
 

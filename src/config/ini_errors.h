@@ -1,6 +1,7 @@
 // What happens with errors in the initialization file.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -26,6 +27,11 @@ namespace mCommon {
 void ReportConfigError(const IniErrors& errors, std::string_view section, std::string_view key, int number,
                        std::string_view description, std::string_view consequence,
                        std::string_view where = {});
+
+// The same for an entry of a list file: writes "Error reading list file "<path>", line <line>. ...".
+void ReportListFileError(const IniErrors& errors, std::string_view section, std::string_view key,
+                         std::string_view path, std::size_t line, int number, std::string_view description,
+                         std::string_view where);
 
 // What the one of a bad value and of a bad entry is.
 std::string DefaultTaken(std::string_view default_text);

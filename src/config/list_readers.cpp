@@ -1,5 +1,7 @@
 #include "config/list_readers.h"
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -7,16 +9,71 @@
 #include "base/delimited_text.h"
 #include "base/error.h"
 #include "base/text.h"
+#include "config/ini_lines.h"
+#include "config/list_files.h"
 
 namespace trabex::mCommon {
 
 namespace {
 
+// Reports bad entries of one list, each with the file that it stands in.
+class EntryReporter {
+ public:
+  EntryReporter(const IniErrors& errors, const SectionTable& section, std::string_view key,
+                const ListFileEntries* file)
+      : errors_(errors), section_(section), key_(key), file_(file) {}
+
+  // Whether somebody asks where the entries stand.
+  bool NeedsPlaces() const { return errors_.observer != nullptr || file_ != nullptr; }
+  bool IsInFile(std::string_view where) const {
+    const std::less_equal<const char*> not_behind;
+    return file_ != nullptr && where.data() != nullptr && not_behind(file_->text.data(), where.data()) &&
+           not_behind(where.data(), file_->text.data() + file_->text.size());
+  }
+
+  void Report(const Error& error, std::string_view where) {
+    Report(error.Number(), error.Description(), where);
+  }
+  void Report(int number, std::string_view description, std::string_view where) {
+    if (IsInFile(where)) {
+      ReportListFileError(errors_, section_.Name(), key_, file_->path, LineOf(where), number, description,
+                          where);
+    } else {
+      ReportConfigError(errors_, section_.Name(), key_, number, description, kEntryLeftOut, where);
+    }
+  }
+  void TellPlaces(std::vector<std::string_view> places) const {
+    if (errors_.observer != nullptr) errors_.observer->ListRead(section_.Name(), key_, std::move(places));
+  }
+
+ private:
+  // Goes on from the place before, since each is behind it: a file may be all errors.
+  std::size_t LineOf(std::string_view where) {
+    const std::string_view text = file_->text;
+    const auto offset = static_cast<std::size_t>(where.data() - text.data());
+    if (offset < counted_) {
+      counted_ = 0;
+      line_ = 1;
+    }
+    for (; counted_ < offset; ++counted_) {
+      const char c = text[counted_];
+      if (c == '\n' || (c == '\r' && text.substr(counted_ + 1, 1) != "\n")) ++line_;
+    }
+    return line_;
+  }
+
+  const IniErrors& errors_;
+  const SectionTable& section_;
+  std::string_view key_;
+  const ListFileEntries* file_;
+  std::size_t counted_ = 0;  // bytes of the file
+  std::size_t line_ = 1;     // of the byte behind them
+};
+
 // Makes one expression list out of raw values.
 class ListMaker {
  public:
-  ListMaker(const IniErrors& errors, const SectionTable& section, std::string_view key, const ListForm& form)
-      : errors_(errors), section_(section), key_(key), form_(form) {
+  ListMaker(EntryReporter& reporter, const ListForm& form) : reporter_(reporter), form_(form) {
     if (form_.close_delimiter.empty()) form_.close_delimiter = form_.open_delimiter;
   }
 
@@ -35,24 +92,26 @@ class ListMaker {
     try {
       pieces = SplitOutside(value, ",", form_.open_delimiter, form_.close_delimiter);
     } catch (const Error& error) {
-      Report(error, value);
+      reporter_.Report(error, value);
       return;
     }
     for (std::string_view piece : pieces) TakePiece(Trim(piece));
   }
 
+  void TakeFile(std::string_view text) {
+    IniLines lines(text);
+    for (std::string_view line; lines.Next(line);) TakeValue(ListFileEntry(line));
+  }
+
+  std::size_t Count() const { return list_.Count(); }
+
   ExpressionList TakeList() { return std::move(list_); }
-  // Where the entries stand; kept only for an observer.
+  // Where the entries stand; kept only where somebody asks.
   std::vector<std::string_view> TakePlaces() { return std::move(places_); }
 
  private:
   bool HasDelimiter(std::string_view text) const {
     return !form_.open_delimiter.empty() && text.find(form_.open_delimiter) != std::string_view::npos;
-  }
-
-  void Report(const Error& error, std::string_view where) {
-    ReportConfigError(errors_, section_.Name(), key_, error.Number(), error.Description(), kEntryLeftOut,
-                      where);
   }
 
   void TakePiece(std::string_view piece) {
@@ -69,7 +128,7 @@ class ListMaker {
         entry.patterns.assign(1, std::string(text));
       }
     } catch (const Error& error) {
-      Report(error, piece);
+      reporter_.Report(error, piece);
       return;
     }
     Add(text, std::move(entry), piece);
@@ -102,27 +161,24 @@ class ListMaker {
   void Add(std::string_view text, ListEntry entry, std::string_view where) {
     try {
       list_.Add(StorageKey(text), std::move(entry));
-      if (errors_.observer != nullptr) places_.push_back(where);
+      if (reporter_.NeedsPlaces()) places_.push_back(where);
     } catch (const Error& error) {
       if (error.Number() != error_number::kDuplicateKey) {
-        Report(error, where);
+        reporter_.Report(error, where);
         return;
       }
-      ReportConfigError(errors_, section_.Name(), key_, error.Number(),
-                        "Expression \"" + std::string(text) + "\" specified more than once.", kEntryLeftOut,
-                        where);
+      reporter_.Report(error.Number(), "Expression \"" + std::string(text) + "\" specified more than once.",
+                       where);
     }
   }
 
-  const IniErrors& errors_;
-  const SectionTable& section_;
-  std::string_view key_;
+  EntryReporter& reporter_;
   ListForm form_;
   ExpressionList list_;
   std::vector<std::string_view> places_;
 };
 
-// A list, and where its entries stand if there is an observer.
+// A list, and where its entries stand if somebody asks.
 struct PlacedList {
   ExpressionList list;
   std::vector<std::string_view> places;
@@ -132,22 +188,20 @@ struct PlacedList {
   }
 };
 
-PlacedList ReadList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                    std::string_view default_text, const ListForm& form) {
-  ListMaker maker(errors, section, key, form);
-  const SectionTable::Entry* const entry = section.Find(key);
-  if (entry == nullptr) {
-    maker.TakeValue(default_text);
-  } else {
+PlacedList ReadList(EntryReporter& reporter, const SectionTable::Entry* entry, std::string_view default_text,
+                    const ListForm& form, ListFileEntries* file) {
+  ListMaker maker(reporter, form);
+  if (entry != nullptr) {
     maker.TakeValue(entry->first_value);
     for (std::string_view value : entry->further_values) maker.TakeValue(value);
+  } else if (file == nullptr) {
+    maker.TakeValue(default_text);
+  }
+  if (file != nullptr) {
+    file->own_entries = maker.Count();
+    maker.TakeFile(file->text);
   }
   return {maker.TakeList(), maker.TakePlaces()};
-}
-
-void TellPlaces(const IniErrors& errors, const SectionTable& section, std::string_view key,
-                std::vector<std::string_view> places) {
-  if (errors.observer != nullptr) errors.observer->ListRead(section.Name(), key, std::move(places));
 }
 
 // The text between "<" and ">".
@@ -195,8 +249,10 @@ IPRange PartialRange(std::string_view text) {
 
 // Ranges as `read` reads them.
 IPRangeList ReadRanges(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                       std::string_view default_text, IPRange (*read)(std::string_view)) {
-  const PlacedList placed = ReadList(errors, key, section, default_text, kRangeListForm);
+                       std::string_view default_text, ListFileEntries* file,
+                       IPRange (*read)(std::string_view)) {
+  EntryReporter reporter(errors, section, key, file);
+  const PlacedList placed = ReadList(reporter, section.Find(key), default_text, kRangeListForm, file);
   std::vector<IPRange> ranges;
   ranges.reserve(placed.list.Count());
   std::vector<std::string_view> places;
@@ -205,40 +261,49 @@ IPRangeList ReadRanges(const IniErrors& errors, std::string_view key, const Sect
     const std::string_view place = placed.PlaceOf(index);
     try {
       ranges.push_back(read(Expression(placed.list, index)));
-      if (errors.observer != nullptr) (ranges.back().low.IsIPv6() ? ipv6_places : places).push_back(place);
+      if (reporter.NeedsPlaces()) (ranges.back().low.IsIPv6() ? ipv6_places : places).push_back(place);
     } catch (const Error& error) {
-      ReportConfigError(errors, section.Name(), key, error.Number(), error.Description(), kEntryLeftOut,
-                        place);
+      reporter.Report(error, place);
     }
   }
+  if (file != nullptr) {
+    const auto own = [&](const std::vector<std::string_view>& all) {
+      return static_cast<std::size_t>(std::count_if(
+          all.begin(), all.end(), [&](std::string_view place) { return !reporter.IsInFile(place); }));
+    };
+    file->own_ipv6_ranges = own(ipv6_places);
+    file->own_entries = own(places) + file->own_ipv6_ranges;
+  }
   places.insert(places.end(), ipv6_places.begin(), ipv6_places.end());
-  TellPlaces(errors, section, key, std::move(places));
+  reporter.TellPlaces(std::move(places));
   return IPRangeList(ranges);
 }
 
 }  // namespace
 
 ExpressionList GetList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                       std::string_view default_text, const ListForm& form) {
-  PlacedList placed = ReadList(errors, key, section, default_text, form);
-  TellPlaces(errors, section, key, std::move(placed.places));
+                       std::string_view default_text, const ListForm& form, ListFileEntries* file) {
+  EntryReporter reporter(errors, section, key, file);
+  PlacedList placed = ReadList(reporter, section.Find(key), default_text, form, file);
+  reporter.TellPlaces(std::move(placed.places));
   return std::move(placed.list);
 }
 
 IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                           std::string_view default_text) {
-  return ReadRanges(errors, key, section, default_text, InitIPRange);
+                           std::string_view default_text, ListFileEntries* file) {
+  return ReadRanges(errors, key, section, default_text, file, InitIPRange);
 }
 
 IPRangeList GetPartialIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                                  std::string_view default_text) {
-  return ReadRanges(errors, key, section, default_text, PartialRange);
+                                  std::string_view default_text, ListFileEntries* file) {
+  return ReadRanges(errors, key, section, default_text, file, PartialRange);
 }
 
 ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTable& section) {
   ResponseChangeTable table;
   for (const SectionTable::Entry& entry : section.Entries()) {
-    const PlacedList records = ReadList(errors, entry.key, section, {}, kReplaceRecordForm);
+    EntryReporter reporter(errors, section, entry.key, nullptr);
+    const PlacedList records = ReadList(reporter, &entry, {}, kReplaceRecordForm, nullptr);
     cReplaces replaces;
     std::vector<std::string_view> places;
     for (std::size_t index = 0; index < records.list.Count(); ++index) {
@@ -247,11 +312,10 @@ ResponseChangeTable GetResponseChanges(const IniErrors& errors, const SectionTab
         AddReplaceRecord(replaces, Expression(records.list, index));
         if (errors.observer != nullptr) places.push_back(place);
       } catch (const Error& error) {
-        ReportConfigError(errors, section.Name(), entry.key, error.Number(), error.Description(),
-                          kEntryLeftOut, place);
+        reporter.Report(error, place);
       }
     }
-    TellPlaces(errors, section, entry.key, std::move(places));
+    reporter.TellPlaces(std::move(places));
     replaces.SetName(std::string(entry.key));
     if (replaces.Count() > 0) table.Add(std::move(replaces));
   }

@@ -5,6 +5,7 @@
 // text, however it is spread over lines and whatever is wrong with it.
 #pragma once
 
+#include <cstddef>
 #include <string_view>
 
 #include "config/ini_errors.h"
@@ -37,19 +38,29 @@ inline constexpr ListForm kExtensionListForm = {
 inline constexpr ListForm kRangeListForm = {.undelimit = true};
 inline constexpr ListForm kReplaceRecordForm = {.open_delimiter = "<", .close_delimiter = ">"};
 
+// What a list reader is given of the list's own file, and what it says of it. The entries of the file follow
+// those of the initialization file; the default is for a list without a file.
+struct ListFileEntries {
+  std::string_view path;  // for messages
+  std::string_view text;
+  // The entries of the initialization file (ListFile).
+  std::size_t own_entries = 0;
+  std::size_t own_ipv6_ranges = 0;
+};
+
 // Entries in the order of their first occurrence. Reported are unbalanced delimiters in a raw value (321;
 // its entries do not count), a bad delimited part (321), a bad pattern (93; it drops the whole group it is
 // in) and a duplicate entry (457; found without regard to case).
 ExpressionList GetList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                       std::string_view default_text, const ListForm& form);
+                       std::string_view default_text, const ListForm& form, ListFileEntries* file = nullptr);
 
 // Ranges in the order of their entries; also reports what InitIPRange raises.
 IPRangeList GetIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                           std::string_view default_text);
+                           std::string_view default_text, ListFileEntries* file = nullptr);
 
 // The same, but a range of all addresses of its family is reported as a bad one (380).
 IPRangeList GetPartialIPRangeList(const IniErrors& errors, std::string_view key, const SectionTable& section,
-                                  std::string_view default_text);
+                                  std::string_view default_text, ListFileEntries* file = nullptr);
 
 // All keys of the section ResponseChanges that have at least one rule, in the order of the file. Also reports
 // entries that are no replace record (321).

@@ -24,9 +24,11 @@ void FollowGreyListingAgain(const LoadDependencies& dependencies, const Configur
 
 // False at a bad value, which is reported where it was found.
 bool AssignSettings(const SectionStore& store, const IniErrors& errors, const LoadDependencies& dependencies,
-                    Configuration& configuration) {
+                    bool is_reload, Configuration& configuration) {
+  SettingContext context = dependencies.context;
+  context.is_reload = is_reload;
   try {
-    ReadSettings(store, errors, dependencies.context, configuration);
+    ReadSettings(store, errors, context, configuration);
     return true;
   } catch (const Error&) {
     return false;
@@ -44,7 +46,7 @@ LoadResult LoadConfiguration(const LoadDependencies& dependencies, Configuration
       FollowGreyListing(dependencies, configuration);
       return LoadResult::kFailed;
     }
-    if (!AssignSettings(store, errors, dependencies, configuration)) return LoadResult::kFailed;
+    if (!AssignSettings(store, errors, dependencies, false, configuration)) return LoadResult::kFailed;
   }
   FollowGreyListing(dependencies, configuration);
   return LoadResult::kLoaded;
@@ -54,6 +56,7 @@ LoadResult ReloadConfiguration(const LoadDependencies& dependencies, IniText ini
                                Configuration& configuration) {
   const IniErrors errors{dependencies.log, configuration.IgnoreIniErrors};
   const bool other_stamp = dependencies.file.stamp != ini.stamp;
+  const std::int64_t lists_before = StampOfRead(configuration.ListFiles);
   {
     SectionStore store;
     if (!mCommon::ReadIniText(dependencies.file.path, std::move(ini.text), store, errors)) {
@@ -61,11 +64,13 @@ LoadResult ReloadConfiguration(const LoadDependencies& dependencies, IniText ini
       return LoadResult::kFailed;
     }
     dependencies.file.stamp = ini.stamp;
-    if (!AssignSettings(store, errors, dependencies, configuration)) return LoadResult::kFailed;
+    if (!AssignSettings(store, errors, dependencies, true, configuration)) return LoadResult::kFailed;
   }
-  dependencies.log.LogLine(other_stamp
-                               ? "Configuration reloaded because date/time of initialization file changed."
-                               : "Configuration reloaded; date/time of initialization file has not changed.");
+  const bool other_list = StampOfRead(configuration.ListFiles) != lists_before;
+  dependencies.log.LogLine(
+      other_stamp  ? "Configuration reloaded because date/time of initialization file changed."
+      : other_list ? "Configuration reloaded because date/time of a list file changed."
+                   : "Configuration reloaded; date/time of initialization file has not changed.");
   if (configuration.Log == log_mode::kWithConfiguration) dependencies.host.DumpConfiguration();
   FollowGreyListingAgain(dependencies, configuration);
   return LoadResult::kLoaded;

@@ -1,6 +1,8 @@
 // Where in the files a load finds what it reads.
 #pragma once
 
+#include <memory>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -26,6 +28,9 @@ class LoadObserver {
   // that of the rules in ResponseChanges.
   virtual void ListRead(std::string_view section, std::string_view key,
                         std::vector<std::string_view> places) = 0;
+  // A list file, by its name as it is written, and its text, which pieces may point into as long as the
+  // observer keeps it.
+  virtual void ListFileRead(std::string_view name, std::shared_ptr<const std::string> text) = 0;
 };
 
 }  // namespace trabex

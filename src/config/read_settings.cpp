@@ -4,6 +4,8 @@
 #include <cassert>
 #include <cmath>
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -14,9 +16,11 @@
 #include "base/text.h"
 #include "config/certificate_list.h"
 #include "config/ini_paths.h"
+#include "config/list_files.h"
 #include "config/list_readers.h"
 #include "config/settings_table.h"
 #include "config/typed_readers.h"
+#include "platform/files.h"
 
 namespace trabex {
 
@@ -106,12 +110,10 @@ class SettingReader {
         ReadList(setting, mCommon::kExtensionListForm);
         break;
       case SettingKind::kRangeList:
-        Field<IPRangeList>(setting) =
-            mCommon::GetIPRangeList(errors_, setting.key, Section(setting), DefaultRanges(setting));
+        ReadRanges(setting, mCommon::GetIPRangeList, DefaultRanges(setting));
         break;
       case SettingKind::kPartialRangeList:
-        Field<IPRangeList>(setting) =
-            mCommon::GetPartialIPRangeList(errors_, setting.key, Section(setting), setting.default_text);
+        ReadRanges(setting, mCommon::GetPartialIPRangeList, setting.default_text);
         break;
       case SettingKind::kCertificateList:
         ReadCertificates(setting);
@@ -120,6 +122,23 @@ class SettingReader {
         Field<std::vector<std::string>>(setting) =
             mCommon::GetChoices(errors_, Section(setting), setting.key, setting.choices);
         break;
+    }
+  }
+
+  // The files of the lists, whose entries Read takes from then on.
+  void ReadListFiles() {
+    const std::vector<ListFile> in_force = std::exchange(configuration_.ListFiles, {});
+    const SectionTable& section = store_.Section(section_name::kListFiles);
+    for (const SectionTable::Entry& entry : section.Entries()) {
+      if (FindList(entry.key) != nullptr) continue;
+      mCommon::ReportConfigError(errors_, section.Name(), entry.key, error_number::kBadValue,
+                                 "No list has this name.", mCommon::kEntryLeftOut, entry.key);
+    }
+    for (const Setting& setting : AllSettings()) {
+      if (!MayHaveListFile(setting)) continue;
+      const SectionTable::Entry* const entry = section.Find(ListFileKey(setting));
+      if (entry == nullptr || entry->first_value.empty()) continue;
+      ReadListFile(setting, *entry, FindListFile(in_force, setting));
     }
   }
 
@@ -241,15 +260,74 @@ class SettingReader {
     return uses_ipv6 && !setting.default_with_ipv6.empty() ? setting.default_with_ipv6 : setting.default_text;
   }
 
+  // `in_force`: the list's file as of now, or nullptr.
+  void ReadListFile(const Setting& setting, const SectionTable::Entry& entry, const ListFile* in_force) {
+    constexpr const char* kSource = "mCommon.ReadListFiles";
+    ListFile file{.list = &setting,
+                  .path = mCommon::ResolveFilePath(entry.first_value, context_.program_directory)};
+    const std::string native_path = NativePath(file.path);
+    auto text = std::make_shared<std::string>();
+    try {
+      // Before the text, so that a change while reading shows later.
+      file.stamp = FileModificationStamp(native_path, kSource);
+      *text = ReadWholeFile(native_path, kSource);
+    } catch (const Error& error) {
+      file.stamp.reset();
+      const std::string line =
+          "Unable to read list file " + Quoted(file.path) + ". " + error.Description() + ".";
+      if (context_.is_reload) {
+        errors_.log.LogProblem(line + " The list in force stays.");
+        text = nullptr;
+        if (in_force != nullptr) {
+          file.own_entries = in_force->own_entries;
+          file.own_ipv6_ranges = in_force->own_ipv6_ranges;
+        }
+      } else {
+        mCommon::ReportConfigError(errors_, section_name::kListFiles, entry.key, error.Number(), line,
+                                   "Only the entries of the initialization file count.", entry.first_value);
+      }
+    }
+    if (errors_.observer != nullptr) errors_.observer->ListFileRead(entry.first_value, text);
+    configuration_.ListFiles.push_back(std::move(file));
+    list_texts_.emplace(&setting, std::move(text));
+  }
+
+  // Reads a list by `read`, which takes where to put what it says of the list's file, or nullptr.
+  template <class ReadIt>
+  void ReadWithFile(const Setting& setting, ReadIt read) {
+    const auto text = list_texts_.find(&setting);
+    if (text == list_texts_.end()) return read(nullptr);
+    if (text->second == nullptr) return;
+    ListFile& file = *std::find_if(configuration_.ListFiles.begin(), configuration_.ListFiles.end(),
+                                   [&](const ListFile& one) { return one.list == &setting; });
+    mCommon::ListFileEntries entries{.path = file.path, .text = *text->second};
+    read(&entries);
+    file.own_entries = entries.own_entries;
+    file.own_ipv6_ranges = entries.own_ipv6_ranges;
+    // The list has its entries.
+    if (errors_.observer == nullptr) list_texts_.erase(text);
+  }
+
   void ReadList(const Setting& setting, const mCommon::ListForm& form) {
-    Field<ExpressionList>(setting) =
-        mCommon::GetList(errors_, setting.key, Section(setting), setting.default_text, form);
+    ReadWithFile(setting, [&](mCommon::ListFileEntries* file) {
+      Field<ExpressionList>(setting) =
+          mCommon::GetList(errors_, setting.key, Section(setting), setting.default_text, form, file);
+    });
+  }
+
+  template <class ReadThem>
+  void ReadRanges(const Setting& setting, ReadThem read, std::string_view default_text) {
+    ReadWithFile(setting, [&](mCommon::ListFileEntries* file) {
+      Field<IPRangeList>(setting) = read(errors_, setting.key, Section(setting), default_text, file);
+    });
   }
 
   const SectionStore& store_;
   const IniErrors& errors_;
   const SettingContext& context_;
   Configuration& configuration_;
+  // Of the lists with a file, until they are read; nullptr: the list in force stays.
+  std::map<const Setting*, std::shared_ptr<const std::string>> list_texts_;
 };
 
 // Takes what is wrong with the defaults: nothing.
@@ -263,6 +341,7 @@ class NoErrors final : public Log {
 void ReadSettings(const SectionStore& store, const IniErrors& errors, const SettingContext& context,
                   Configuration& configuration) {
   SettingReader reader(store, errors, context, configuration);
+  reader.ReadListFiles();
   for (const Setting& setting : AllSettings()) {
     if (!setting.is_early) reader.Read(setting);
   }

@@ -17,9 +17,12 @@ struct SettingContext {
   std::function<std::string()> local_host_name;
   // Whether the TLS library knows a list of ciphers (not empty); without this function every one is taken.
   std::function<bool(const std::string&)> accepts_ciphers = {};
+  // A list whose file cannot be read stays as it is in the configuration, which is in force, and that is no
+  // bad value.
+  bool is_reload = false;
 };
 
-// Assigns the settings one by one, in the order of the settings table. A bad value is reported with
+// Reads the files of section ListFiles first, then assigns the settings one by one, in the order of the settings table. A bad value is reported with
 // ReportConfigError; where that raises, the settings before it are new and those after it as they were.
 void ReadSettings(const SectionStore& store, const IniErrors& errors, const SettingContext& context,
                   Configuration& configuration);

@@ -198,6 +198,40 @@ TEST_F(AutoReloadTest, AnotherServerDoesNotTouchTheListener) {
   EXPECT_TRUE(PlainSocket().Connect(port_));
 }
 
+TEST_F(AutoReloadTest, ReadsAgainWhenAListFileHasChanged) {
+  const std::string list = folder_ / "lists/hosts";
+  std::filesystem::create_directory(folder_ / "lists");
+  Write(list, "a.example\n");
+  WriteIni("[ListFiles]\nCommon.HostsWhiteList=" + list + "\n");
+  Start();
+  Pass(60);
+  EXPECT_EQ(log_, std::vector<std::string>{});
+  const auto reloads = [this] {
+    return std::count(log_.begin(), log_.end(),
+                      "Configuration reloaded because date/time of a list file changed.");
+  };
+  Write(list, "b.example\n");
+  Pass(60);
+  EXPECT_EQ(reloads(), 1);
+  EXPECT_EQ(Reloads(), 0);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("b.example"));
+  EXPECT_FALSE(Settings().HostsWhiteList.Contains("a.example"));
+  // A reload while it is gone leaves the list as it is.
+  std::filesystem::remove(list);
+  WriteIni("Timeout=77\n[ListFiles]\nCommon.HostsWhiteList=" + list + "\n");
+  Pass(120);
+  EXPECT_EQ(Reloads(), 1);
+  EXPECT_EQ(Settings().Timeout, 77);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("b.example"));
+  EXPECT_EQ(std::count(log_.begin(), log_.end(),
+                       "Unable to read list file \"" + list + "\". File not found. The list in force stays."),
+            1);
+  Write(list, "c.example\n");
+  Pass(60);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("c.example"));
+  EXPECT_FALSE(Window().Unloaded());
+}
+
 TEST_F(AutoReloadTest, TellsWhatIsWrongWithTheNewFile) {
   Start();
   WriteIni("Timeout=abc\n");

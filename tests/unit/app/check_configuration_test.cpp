@@ -267,6 +267,31 @@ TEST_F(CheckTest, FindsAStatusPageForAll) {
       (Lines{"6: warning: [Service] StatusHTTP: \"0.0.0.0:9425\" is reached from other machines too."}));
 }
 
+TEST_F(CheckTest, FindsWhatIsWrongInListFiles) {
+  const std::string hosts = folder_ / "hosts";
+  WriteFile(hosts, "# x\na.example\n[x\nb.example\n");
+  WriteFile(folder_ / "ranges", "10.0.0.1\n0.0.0.0/0\n1.2.3\n");
+  WriteFile(folder_ / "x.ini", Base() +
+                                   "HostsBlackList=B.example\n[ListFiles]\nCommon.HostsWhiteList=" + hosts +
+                                   "\nCommon.LocalIPs=ranges\nCommon.HostWhiteList=/x\nCommon.IPBlackList=" +
+                                   (folder_ / "none") + "\n");
+  Lines lines;
+  for (const Finding& finding : Check(ReadFile(folder_ / "x.ini")).findings) {
+    lines.push_back(FormatFinding(finding));
+  }
+  EXPECT_EQ(
+      lines,
+      (Lines{"x.ini:9: error: [ListFiles] Common.HostWhiteList: No list has this name. (did you mean "
+             "\"Common.HostsWhiteList\"?)",
+             "x.ini:10: error: [ListFiles] Common.IPBlackList: Unable to read list file \"" +
+                 (folder_ / "none") + "\". File not found.",
+             "ranges:2: error: [Common] LocalIPs: Every client may send mail to every domain: "
+             "\"0.0.0.0-255.255.255.255\" holds all addresses.",
+             "ranges:3: error: [Common] LocalIPs: Invalid IP address: \"1.2.3\".",
+             hosts + ":3: error: [Common] HostsWhiteList: Invalid Regular Expression in string: \"[x\".",
+             hosts + ":4: warning: [Common] HostsWhiteList: \"b.example\" stands in HostsBlackList too."}));
+}
+
 TEST_F(CheckTest, NamesAFileThatIsNotThere) {
   const CheckedConfiguration checked =
       CheckConfiguration({.file = "y.ini",
