@@ -70,8 +70,8 @@ class cProxy final : public DeferredDeletable,
   // left it when this returns.
   void Init(std::int32_t requestID, bool tls);
   // Ends the session when its client completed no line for longer than Timeout and the server is not yet
-  // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a server
-  // that has closed. Timers of the session call it.
+  // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a
+  // server that has closed. Timers of the session call it.
   void CheckTimeout();
   // Tells the client that the service stops, then closes.
   void Shutdown();

@@ -10,8 +10,8 @@
 
 namespace trabex {
 
-// What is put before a text that is logged at `level` (one of log_level): "< " for a received text, "> " for a
-// sent one.
+// What is put before a text that is logged at `level` (one of log_level): "< " for a received text, "> " for
+// a sent one.
 std::string_view LogMark(std::int32_t level);
 
 // One side's line: tag, handle in 6, address in 15 ("[   Undefined   ]" for none), `mark`, text. The text is

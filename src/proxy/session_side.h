@@ -56,8 +56,8 @@ class SessionSide {
 
   // Whether bytes wait to be sent; held ones do not count.
   bool Sending() const { return sending_; }
-  // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together with
-  // those of the next call: after kMaxHold, or when this side is closed, they leave alone.
+  // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together
+  // with those of the next call: after kMaxHold, or when this side is closed, they leave alone.
   void Send(std::string_view bytes, bool more_follows = false);
   // Begins TLS (see CSocketMaster::StartTls), with `last_words` in the clear. When it stands, that is logged,
   // and kSecured follows. Does nothing unless the peer is connected.

@@ -70,8 +70,8 @@ class ClientCommandFilter {
   // Goes on with `line`, which asked for a name's addresses.
   LineDecision ProcessAddresses(std::string_view line, const HostAddresses& answer,
                                 const DialogueState& state) const;
-  // Whether a line exceeds the limit; `line` is all of it (`whole`) or its beginning. False while it may still
-  // end within the limit.
+  // Whether a line exceeds the limit; `line` is all of it (`whole`) or its beginning. False while it may
+  // still end within the limit.
   static bool IsTooLong(std::string_view line, bool whole, Phase phase);
   // A reply that the proxy gives by itself, with its changes and without CR LF.
   std::string BuildReply(ReplyKind kind, const DialogueState& state) const;

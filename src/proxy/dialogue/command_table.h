@@ -47,8 +47,8 @@ struct CommandRow {
   bool in_chunk_sequence = false;  // taken between two BDAT of one message, RFC 3030
   // The EHLO keyword without which the command is out of order in a transaction; "" when it needs none.
   std::string_view extension = {};
-  // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked. STARTTLS
-  // is answered by the proxy, which has a TLS of its own.
+  // Never forwarded: it would hand the connection, or the client's identity, to the server unchecked.
+  // STARTTLS is answered by the proxy, which has a TLS of its own.
   bool blocked = false;
 };
 

@@ -58,8 +58,8 @@ class DialogueActions {
   virtual void GoOnWithoutServer() = 0;
   // Takes nothing more of the client, and ends the session a short time later.
   virtual void EndAfterPause() = 0;
-  // A line for the protocol log of that side, at one of the levels of log_level: what was received or sent, or
-  // what happened.
+  // A line for the protocol log of that side, at one of the levels of log_level: what was received or sent,
+  // or what happened.
   virtual void Log(Side side, std::int32_t level, std::string_view text) = 0;
   virtual void LogFailure(const Error& error) = 0;
 };
@@ -89,8 +89,8 @@ class Dialogue {
   void OnSecured() { Enter(PhaseEvent::kSecured); }
 
   // Takes one command line, content, or a balancer's header from the front of `bytes`, which are the client's
-  // next ones; returns how many it has used. 0: nothing is taken now, or a line, an end of content or a header
-  // has not come whole.
+  // next ones; returns how many it has used. 0: nothing is taken now, or a line, an end of content or a
+  // header has not come whole.
   std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
   // What is to be logged of the client that has closed; "" for nothing.
   std::string_view LostWithClient() const;
@@ -100,8 +100,8 @@ class Dialogue {
   void OnServerSecured(DialogueActions& actions);
   // The answer to AskForClientNames.
   void OnClientNames(const ProxiedConnection& connection, const ClientNames& names, DialogueActions& actions);
-  // There is no session with this server, for the given reason: that is logged, the client is told so, and the
-  // session ends.
+  // There is no session with this server, for the given reason: that is logged, the client is told so, and
+  // the session ends.
   void RefuseServer(std::string_view reason, DialogueActions& actions);
   // Takes what the server said: whole replies are relayed, the rest is kept until it is whole.
   void OnServerBytes(std::string bytes, DialogueActions& actions);

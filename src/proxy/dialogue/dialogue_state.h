@@ -95,7 +95,8 @@ struct DialogueState {
   std::int64_t BytesReceived = 0;  // octets of the client that were taken
 
   // Nothing that the client said counts any more, and nothing that it was told (RFC 3207, 4.2); the counters
-  // of the session stay. The server has not heard of it: it forgets at the EHLO that the client must send now.
+  // of the session stay. The server has not heard of it: it forgets at the EHLO that the client must send
+  // now.
   void BeginAnew() {
     transaction = Transaction::kNoGreeting;
     requested.BeginAnew();

@@ -16,8 +16,8 @@ enum class AddressesWithoutBrackets : int { kTake = 0, kRefuse = 1, kForwardUnch
 struct ParsedPath {
   enum class Verdict { kTaken, kSyntaxError, kForwardUnchecked };
   Verdict verdict = Verdict::kSyntaxError;
-  // Without brackets, blanks around it dropped; not yet in its canonical form. What is forwarded unchecked has
-  // an address by best effort.
+  // Without brackets, blanks around it dropped; not yet in its canonical form. What is forwarded unchecked
+  // has an address by best effort.
   std::string address;
   // What follows the address, with the blank before it; points into the argument.
   std::string_view parameters;

@@ -10,8 +10,8 @@
 
 namespace trabex {
 
-// Two physical lines, without the last CR LF. Under TLS the protocol is one of RFC 3848, by whether the server
-// took the latest AUTH, and the cipher is named (RFC 8314, 4.3).
+// Two physical lines, without the last CR LF. Under TLS the protocol is one of RFC 3848, by whether the
+// server took the latest AUTH, and the cipher is named (RFC 8314, 4.3).
 std::string GenerateReceivedHeader(const Configuration& configuration, const Clock& clock,
                                    const SessionFacts& facts, const RequestedState& requested,
                                    const LoginState& login);

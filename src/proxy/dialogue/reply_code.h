@@ -11,8 +11,8 @@ std::string_view CodeOf(std::string_view line);
 std::string_view LastLine(std::string_view reply);
 // Whether all lines have the same one.
 bool HasOneCode(std::string_view reply);
-// Whether each line is one of a reply: three digits, of which the first is 2 to 5, and then nothing, a blank or
-// a "-".
+// Whether each line is one of a reply: three digits, of which the first is 2 to 5, and then nothing, a blank
+// or a "-".
 bool IsWellFormedReply(std::string_view reply);
 
 }  // namespace trabex

@@ -1,5 +1,6 @@
-// What passes between the server and us before the client's dialogue with it begins: TLS, and whose connection
-// it is. Replies go in, steps come out; nothing of it reaches the client but one greeting at its end.
+// What passes between the server and us before the client's dialogue with it begins: TLS, and whose
+// connection it is. Replies go in, steps come out; nothing of it reaches the client but one greeting at its
+// end.
 #pragma once
 
 #include <chrono>

@@ -32,8 +32,8 @@ class SessionFacts {
   // Octets that the client's connection has taken so far.
   virtual std::int64_t BytesSent() const = 0;
 
-  // Whether the settings name a certificate. Who must use TLS is decided by this, and not by whether one could
-  // be loaded: a broken file must not open what TLS was to close.
+  // Whether the settings name a certificate. Who must use TLS is decided by this, and not by whether one
+  // could be loaded: a broken file must not open what TLS was to close.
   virtual bool TlsConfigured() const = 0;
   // Whether a certificate is loaded, so that TLS can begin.
   virtual bool TlsReady() const = 0;
