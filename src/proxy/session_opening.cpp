@@ -24,7 +24,6 @@ void cProxy::TakeHeader() {
   const std::size_t used = dialogue_.OnClientBytes(there, *this);
   Receiver.Take(used, there.size(), false);
   if (used == 0) return;
-  Receiver.OnlyLooks(is_balancers_own_);
   const bool tls = std::exchange(opening_, nullptr)->tls_port;
   if (tls) dialogue_.ExpectTls();
   AdmitClient(tls);
@@ -32,6 +31,8 @@ void cProxy::TakeHeader() {
 
 void cProxy::ClientIs(const std::optional<ProxiedConnection>& connection) {
   is_balancers_own_ = !connection;
+  // Balancers that must name somebody name themselves.
+  Receiver.OnlyLooks(!connection || connection->client == Origin().connection.client);
   if (connection) Receiver.Socket().SetPeer(connection->client, connection->called);
   IsLocal.reset();
 }
