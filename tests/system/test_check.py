@@ -114,7 +114,7 @@ class Check(Scenario):
 class Dump(Scenario):
     def test_of_the_file_and_of_the_instance_are_the_same(self):
         server = self.sample_server()
-        proxy = self.trabex(server.port, {"MaxSize": "1536K", "SendersBlackList": '"a,b", *@x.example'})
+        proxy = self.trabex(server.port, {"LocalDomains": DOMAIN, "MaxSize": "1536K", "SendersBlackList": '"a,b", *@x.example'})
         status, of_file, errors = run_trabex("--dump", "/I", proxy.ini)
         self.assertEqual((status, errors), (0, ""))
         self.assertIn("\nMaxSize = 1536K\n", of_file)

@@ -1,7 +1,7 @@
-"""Exim and OpenSMTPD for the scenarios.
+"""Exim, OpenSMTPD and postgrey for the scenarios.
 
-Their Debian packages exclude that of Postfix and each other, so they are not installed: the packages are unpacked, and
-each server runs with a folder of its own as its "/". That folder holds its program, the libraries that this loads, its
+The Debian packages of the first two exclude that of Postfix and each other, so they are not installed: the packages are
+unpacked, and each server runs with a folder of its own as its "/". That folder holds its program, the libraries that this loads, its
 users, its configuration, its queue, its log and its mailbox.
 """
 
@@ -44,8 +44,20 @@ def unpacked_package(name):
 
 def unpack_all():
     """For runs in a network of their own, from where nothing can be downloaded."""
-    for name in ("exim4-daemon-light", "exim4-daemon-heavy", "opensmtpd"):
+    for name in ("exim4-daemon-light", "exim4-daemon-heavy", "opensmtpd", "postgrey", *_POSTGREY_LIBRARIES):
         unpacked_package(name)
+
+
+# What postgrey loads beyond Perl itself.
+_POSTGREY_LIBRARIES = ("libnet-server-perl", "libnetaddr-ip-perl", "libberkeleydb-perl", "libio-multiplex-perl")
+
+
+def postgrey_perl_folders():
+    """Where postgrey finds its modules."""
+    places = [unpacked_package(name) / "usr" for name in _POSTGREY_LIBRARIES]
+    folders = [folder for place in places for folder in (place / "share" / "perl5", *place.glob("lib/*/perl5/*"),
+                                                         *place.glob("lib/*/perl5"))]
+    return [folder for folder in folders if folder.is_dir()]
 
 
 def _download(name, folder):
