@@ -122,6 +122,7 @@ void frmMain::Form_Unload() {
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   listeners_.Close();
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
+  program_.control.Close();  // before the save: what is imported is completed
   // A reload may have switched greylisting off and not saved the records.
   if (program_.configuration.GreyListing.Enabled || !program_.greylisting_records->Database().empty()) {
     program_.greylisting_records->Save();
@@ -131,7 +132,6 @@ void frmMain::Form_Unload() {
   program_.json_log.Flush();
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
-  program_.control.Close();
   program_.instance_lock.reset();
   program_.socket_module.WhenNoneLingers([&loop = program_.loop] { loop.Quit(); });
 }

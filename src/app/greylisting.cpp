@@ -29,6 +29,7 @@ GreyListingSaveResult GreyListing::Save() {
 }
 
 bool GreyListing::SaveInBackground(std::function<void(DateTime time)> saved) {
+  if (saves_are_held_) return false;
   const auto done = [this, saved = std::move(saved)](const GreyListingSaveResult& result) {
     Observe(result);
     if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);

@@ -55,6 +55,10 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   void ObserveSaves(std::function<void(const GreyListingSaveResult&)> observer) {
     save_observer_ = std::move(observer);
   }
+  // The records themselves; see GreyListingDatabase for what their changes need.
+  GreyListingDatabase& RecordsInMemory() { return database_; }
+  // While it is held no save in the background begins.
+  void HoldSaves(bool hold) { saves_are_held_ = hold; }
 
  private:
   void Observe(const GreyListingSaveResult& result) const;
@@ -64,6 +68,7 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   mGreyListing decision_;
   GreyListingStore store_;
   std::function<void(const GreyListingSaveResult&)> save_observer_;
+  bool saves_are_held_ = false;
 };
 
 }  // namespace trabex

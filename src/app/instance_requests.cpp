@@ -10,6 +10,7 @@
 #include "app/connection_view.h"
 #include "app/control_requests.h"
 #include "app/frmMain.h"
+#include "app/greylist_tool.h"
 #include "app/printable.h"
 #include "app/program.h"
 #include "app/requested_reload.h"
@@ -82,6 +83,19 @@ std::shared_ptr<PendingAnswer> Reload(frmMain& window) {
   return answer;
 }
 
+ControlReply GreyList(Program& program, const std::vector<std::string>& arguments) {
+  const GreyListingSettings& settings = program.configuration.GreyListing;
+  if (!settings.Enabled) {
+    return ControlAnswer{.status = exit_status::kFailed, .text = {}, .error = "Greylisting is off."};
+  }
+  GreyListing& greylisting = program.greylisting;
+  return AnswerGreyList({.database = greylisting.RecordsInMemory(),
+                         .settings = settings,
+                         .clock = program.dependencies.clock,
+                         .hold_saves = [&greylisting](bool hold) { greylisting.HoldSaves(hold); }},
+                        arguments);
+}
+
 }  // namespace
 
 void AddInstanceRequests(Program& program, frmMain& window) {
@@ -101,6 +115,9 @@ void AddInstanceRequests(Program& program, frmMain& window) {
                [&window](const std::vector<std::string>&) { return ListSessions(window.Sessions()); });
   requests.Add("CLOSE", [&window](const std::vector<std::string>& arguments) {
     return CloseSession(window.Sessions(), arguments.empty() ? std::string() : arguments.front());
+  });
+  requests.Add("GREYLIST", [&program](const std::vector<std::string>& arguments) {
+    return GreyList(program, arguments);
   });
 }
 

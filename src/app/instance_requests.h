@@ -1,5 +1,5 @@
-// What a running instance does when it is asked: the requests about its configuration, its log and its
-// sessions.
+// What a running instance does when it is asked: the requests about its configuration, its log, its sessions
+// and its greylisting records.
 #pragma once
 
 namespace trabex {
@@ -7,8 +7,8 @@ namespace trabex {
 class frmMain;
 struct Program;
 
-// Adds RELOAD, REOPENLOG, DUMP, SESSIONS and CLOSE to the requests of `program`. Both outlive the requests' last
-// use.
+// Adds RELOAD, REOPENLOG, DUMP, SESSIONS, CLOSE and GREYLIST to the requests of `program`. Both outlive the
+// requests' last use.
 void AddInstanceRequests(Program& program, frmMain& window);
 
 }  // namespace trabex

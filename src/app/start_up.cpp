@@ -1,14 +1,18 @@
 #include "app/start_up.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "app/check_command.h"
 #include "app/command_line.h"
 #include "app/control_client.h"
 #include "app/exit_status.h"
 #include "app/frmMain.h"
+#include "app/greylist_file.h"
 #include "app/printable.h"
 #include "app/version.h"
 #include "base/text.h"
@@ -18,6 +22,15 @@
 namespace trabex {
 
 namespace {
+
+// An instance has another current directory, so it is given the whole path of a file to be imported.
+std::vector<std::string> WithWholePath(std::vector<std::string> request) {
+  if (request.size() < 3 || request[0] != "GREYLIST" || request[1] != "import") return request;
+  const auto file = std::find_if(request.begin() + 2, request.end(),
+                                 [](const std::string& argument) { return !argument.starts_with("--"); });
+  if (file != request.end()) *file = std::filesystem::absolute(*file).string();
+  return request;
+}
 
 // The steps of a start, each taken only when those before it succeeded.
 class StartUp {
@@ -33,7 +46,7 @@ class StartUp {
     const std::int32_t port = program_.configuration.BindPort;
     if (line_.exit_request) return AskForExit(port, program_.dependencies.err);
     if (!line_.request.empty()) {
-      return AskInstance(port, line_.request, program_.dependencies.out, program_.dependencies.err);
+      return Ask(port);
     }
     TellOtherPlace();
     if (!program_.LockInstance()) return exit_status::kFailed;
@@ -52,6 +65,15 @@ class StartUp {
   }
 
  private:
+  int Ask(std::int32_t port) {
+    const Dependencies& around = program_.dependencies;
+    if (line_.request.front() == "GREYLIST" && !IsInstanceLocked(InstanceName(port))) {
+      return AskGreyListFile(program_, {line_.request.begin() + 1, line_.request.end()}, around.out,
+                             around.err);
+    }
+    return AskInstance(port, WithWholePath(line_.request), around.out, around.err);
+  }
+
   void TakeCommandLine() {
     const Dependencies& around = program_.dependencies;
     program_.ini_file.path = mCommon::ResolveIniPath(line_.ini_file.value_or(std::string()),

@@ -44,12 +44,12 @@ void GreyListingDatabase::DropFor(std::uint32_t number) {
   const std::uint32_t entry = At(number).pending;
   std::size_t left = kMaxDroppedAtOnce;
   while (left > 0 && pending_.CountBeside(entry) > std::max<std::size_t>(limits_.per_network, 1)) {
-    Remove(pending_.OldestBeside(entry));
+    RemoveAt(pending_.OldestBeside(entry));
     ++dropped_.by_limit_per_network;
     --left;
   }
   while (left > 0 && pending_.Count() > std::max<std::size_t>(limits_.in_all, 1)) {
-    Remove(pending_.Oldest());
+    RemoveAt(pending_.Oldest());
     ++dropped_.by_limit_in_all;
     --left;
   }
@@ -74,8 +74,17 @@ std::uint32_t GreyListingDatabase::TakePlace(cGreyListingData record) {
   return static_cast<std::uint32_t>((blocks_.size() - 1) * kBlockSize + blocks_.back().size() - 1);
 }
 
-void GreyListingDatabase::Remove(std::uint32_t number) {
+bool GreyListingDatabase::Remove(std::string_view key) {
+  const std::uint32_t number = NumberOf(key, HashOf(key));
+  if (number != kNone) RemoveAt(number);
+  return number != kNone;
+}
+
+void GreyListingDatabase::RemoveAt(std::uint32_t number) {
   Place& place = At(number);
+  for (Cursor* const cursor : cursors_) {
+    if (cursor->next_ == number) cursor->next_ = place.after;
+  }
   if (sweep_next_ == number) sweep_next_ = place.after;
   LeaveQueue(place);
   index_.Remove(HashOf(place.record.Key()), number);
@@ -102,6 +111,14 @@ void GreyListingDatabase::Clear() {
   pending_.Clear();
   count_ = 0;
   first_ = last_ = free_ = sweep_next_ = kNone;
+  for (Cursor* const cursor : cursors_) cursor->next_ = kNone;
+}
+
+const cGreyListingData* GreyListingDatabase::Cursor::Next() {
+  if (next_ == kNone) return nullptr;
+  const Place& place = database_.At(next_);
+  next_ = place.after;
+  return &place.record;
 }
 
 void GreyListingDatabase::BeginSweep(DateTime now) {
@@ -113,7 +130,7 @@ bool GreyListingDatabase::SweepSome(std::size_t limit) {
   for (; limit > 0 && sweep_next_ != kNone; --limit) {
     const std::uint32_t number = sweep_next_;
     sweep_next_ = At(number).after;
-    if (sweep_now_ >= At(number).record.ExpireAt()) Remove(number);
+    if (sweep_now_ >= At(number).record.ExpireAt()) RemoveAt(number);
   }
   return sweep_next_ != kNone;
 }

@@ -27,6 +27,7 @@ namespace trabex {
 
 class GreyListingDatabase {
  public:
+  class Cursor;
   class Iterator;
   // All records in the order in which they were added.
   class Records;
@@ -49,6 +50,9 @@ class GreyListingDatabase {
   cGreyListingData& Add(cGreyListingData record);
   // The caller has just accepted `record`, a pending one of this database.
   void Accepted(const cGreyListingData& record);
+
+  // Whether there was a record of this key; it is gone then. `key` is not that of the record itself.
+  bool Remove(std::string_view key);
 
   // They act on the next Add.
   void SetLimits(const PendingLimits& limits) { limits_ = limits; }
@@ -98,7 +102,7 @@ class GreyListingDatabase {
     return index_.Find(hash, [&](std::uint32_t number) { return At(number).record.Key() == key; });
   }
   std::uint32_t TakePlace(cGreyListingData record);
-  void Remove(std::uint32_t number);
+  void RemoveAt(std::uint32_t number);
   void DropFor(std::uint32_t number);
   void LeaveQueue(Place& place);
 
@@ -115,6 +119,28 @@ class GreyListingDatabase {
   std::uint32_t sweep_next_ = kNone;  // what a sweep checks next
   DateTime sweep_now_ = 0;
   bool changed_ = false;
+  std::vector<Cursor*> cursors_;  // those of now
+};
+
+// Walks the records over several loop iterations: between two calls records may be added, changed and removed.
+// Those that are added come last; after Clear nothing comes. The database stays where it is meanwhile.
+class GreyListingDatabase::Cursor {
+ public:
+  explicit Cursor(GreyListingDatabase& database) : database_(database), next_(database.first_) {
+    database_.cursors_.push_back(this);
+  }
+  ~Cursor() { std::erase(database_.cursors_, this); }
+  Cursor(const Cursor&) = delete;
+  Cursor& operator=(const Cursor&) = delete;
+
+  // nullptr at the end, once all records of then have come.
+  const cGreyListingData* Next();
+
+ private:
+  friend class GreyListingDatabase;
+
+  GreyListingDatabase& database_;
+  std::uint32_t next_;
 };
 
 // Walks the records; valid while none is removed.

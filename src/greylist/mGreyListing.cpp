@@ -7,8 +7,7 @@
 
 #include "base/date_time.h"
 #include "base/text.h"
-#include "base/unicode_fold.h"
-#include "greylist/tagged_records.h"
+#include "greylist/triple_key.h"
 #include "match/ip_range.h"
 #include "match/mText.h"
 
@@ -18,34 +17,6 @@ namespace {
 
 constexpr std::array<std::string_view, 5> kOutcomeTexts = {"New, Delayed.", "Expired, Delayed.", "Delayed.",
                                                            "Accepted.", "Whitelisted."};
-
-// The client's network, which mail servers of one sender often share: the /24 of IPv4 as "192.0.2", of IPv6
-// the block of `ipv6_prefix` bits as "2001:db8::/64". With its colons it is never the text of the other.
-std::string NetworkOf(const IPAddress& ip, int ipv6_prefix) {
-  if (!ip.IsIPv6()) return FormatIPv4Parts(ip, 3);
-  return FormatIPAddress(ip.Prefix(ipv6_prefix)) + "/" + std::to_string(ipv6_prefix);
-}
-
-// "<network> <sender> <recipient>", in lower case. The blanks divide it, because an address holds
-// none outside a quoted local part. Addresses with letters beyond ASCII are folded, so that no other spelling
-// is another triple; keys without such letters are what they always were. The cut is never reached (a command
-// line is far shorter); it is there because the database file cannot hold a longer key.
-std::string TripleKey(std::string_view network, std::string_view sender, std::string_view recipient) {
-  std::string key;
-  key.reserve(network.size() + sender.size() + recipient.size() + 2);
-  key.append(network);
-  for (const std::string_view address : {sender, recipient}) {
-    key.append(" ");
-    if (IsAscii(address)) {
-      key.append(address);
-    } else {
-      key.append(FoldText(address));
-    }
-  }
-  std::transform(key.begin(), key.end(), key.begin(), [](char c) { return ToLower(c); });
-  if (key.size() > kMaxTaggedBytes) key.resize(kMaxTaggedBytes);
-  return key;
-}
 
 // Makes an attempt's negative count the positive one of an accepted triple.
 std::int32_t AcceptedCount(const cGreyListingData& record) {
@@ -66,14 +37,14 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, co
   std::string key = TripleKey(network, sender, recipient);
   cGreyListingData* record = database_.Find(key);
   const DateTime now = clock_.UniversalNow();
-  const DelayPolicy policy = DelayPolicyFor(ip, host_name);
+  const DelayPolicy policy = PolicyFor(settings_, ip, host_name);
 
   auto outcome = GreyListingOutcome::kNew;
   if (record == nullptr) {
     record = &NewRecord(std::move(key), network, policy, now);
   } else {
     const bool was_pending = record->Pending();
-    outcome = Evaluate(*record, policy, now);
+    outcome = Attempt(*record, settings_, policy, now);
     if (was_pending && !record->Pending()) database_.Accepted(*record);
   }
   database_.SetChanged(true);
@@ -90,34 +61,34 @@ cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view netw
   return record;
 }
 
-mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
-                                                       std::string_view host_name) const {
-  if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
-      mText::MatchList(host_name, settings_.HostsBlackList)) {
-    return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
+mGreyListing::DelayPolicy mGreyListing::PolicyFor(const GreyListingSettings& settings, const IPAddress& ip,
+                                                  std::string_view host_name) {
+  if (mCommon::IPInRangeList(ip, settings.IPBlackList) ||
+      mText::MatchList(host_name, settings.HostsBlackList)) {
+    return {true, settings.BlackListDelay, settings.BlackListMinCount};
   }
-  return {false, settings_.Delay, settings_.MinCount};
+  return {false, settings.Delay, settings.MinCount};
 }
 
 // The order of these steps is what makes an expired triple pass at once: its count of 0 becomes 1, and a
 // positive count is an accepted one. A sender who retried before is known already, and the long life time
 // begins again.
-GreyListingOutcome mGreyListing::Evaluate(cGreyListingData& record, const DelayPolicy& policy,
-                                          DateTime now) const {
+GreyListingOutcome mGreyListing::Attempt(cGreyListingData& record, const GreyListingSettings& settings,
+                                         const DelayPolicy& policy, DateTime now) {
   if (now > record.ExpireAt()) {
     record.SetCount(0);
-    record.SetExpireAt(now + settings_.ShortTTL);
+    record.SetExpireAt(now + settings.ShortTTL);
     record.SetDelayedUntil(now + policy.delay);
   }
   record.IncrementAttempts();
   if (record.Count() > 0) {
-    record.SetExpireAt(now + settings_.TTL);
+    record.SetExpireAt(now + settings.TTL);
     return GreyListingOutcome::kAccepted;
   }
   if (now < record.DelayedUntil()) return GreyListingOutcome::kDelayed;
   if (record.Attempts() <= policy.min_count) return GreyListingOutcome::kDelayed;
   record.SetCount(AcceptedCount(record));
-  record.SetExpireAt(now + settings_.TTL);
+  record.SetExpireAt(now + settings.TTL);
   return GreyListingOutcome::kAccepted;
 }
 

@@ -33,6 +33,18 @@ inline bool IsDelayed(GreyListingOutcome outcome) {
 
 class mGreyListing {
  public:
+  // What the client's address and name decide.
+  struct DelayPolicy {
+    bool blacklisted;
+    double delay;            // days
+    std::int32_t min_count;  // more attempts than these are needed
+  };
+  static DelayPolicy PolicyFor(const GreyListingSettings& settings, const IPAddress& ip,
+                               std::string_view host_name);
+  // One more attempt of a client under `policy`, whose record is there; changes nothing but the record.
+  static GreyListingOutcome Attempt(cGreyListingData& record, const GreyListingSettings& settings,
+                                    const DelayPolicy& policy, DateTime now);
+
   // All outlive this object. Settings are read at each use.
   mGreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock,
                GreyListingDatabase& database, PendingWarning& warning)
@@ -47,17 +59,8 @@ class mGreyListing {
                                       std::string_view sender, std::string_view recipient);
 
  private:
-  // What the client's address and name decide.
-  struct DelayPolicy {
-    bool blacklisted;
-    double delay;            // days
-    std::int32_t min_count;  // more attempts than these are needed
-  };
-
   cGreyListingData& NewRecord(std::string key, std::string_view network, const DelayPolicy& policy,
                               DateTime now);
-  DelayPolicy DelayPolicyFor(const IPAddress& ip, std::string_view host_name) const;
-  GreyListingOutcome Evaluate(cGreyListingData& record, const DelayPolicy& policy, DateTime now) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
 
   const GreyListingSettings& settings_;

@@ -30,6 +30,9 @@ std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view 
 // Nothing when our own user holds it, when it is free, or when the system does not say.
 std::optional<std::string> OtherUserHolding(std::string_view name);
 
+// Whether any process holds the lock named `name`.
+bool IsInstanceLocked(std::string_view name);
+
 enum class ExitRequest {
   kMade,
   kNoInstance,

@@ -12,6 +12,7 @@
 #include "base/error.h"
 #include "platform/device_error.h"
 #include "platform/fd_watcher.h"
+#include "platform/instance_lock.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/abstract_address.h"
 #include "platform/linux/process/unix_socket_table.h"
@@ -167,12 +168,6 @@ class SocketCall final : public ControlCall {
   Descriptor socket_;
 };
 
-// Whether the socket of a lock is there, whoever holds it.
-bool LockIsHeld(const AbstractAddress& lock) {
-  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return connect(socket.Get(), lock.Get(), lock.Length()) == 0;
-}
-
 }  // namespace
 
 std::unique_ptr<ControlChannel> OpenControlChannel(
@@ -191,7 +186,7 @@ std::unique_ptr<ControlChannel> OpenControlChannel(
 std::variant<std::unique_ptr<ControlCall>, CallFailure> CallInstance(std::string_view name,
                                                                      std::chrono::seconds patience) {
   const AbstractAddress address(name);
-  if (!LockIsHeld(address)) return CallFailure::kNoInstance;
+  if (!IsInstanceLocked(name)) return CallFailure::kNoInstance;
   const std::optional<uid_t> owner = OwnerOfDatagramSocket(name);
   const uid_t we = geteuid();
   if (we != 0 && owner.value_or(we) != we) return CallFailure::kOtherUser;

@@ -142,6 +142,12 @@ std::optional<std::string> OtherUserHolding(std::string_view name) {
   return UserName(*owner);
 }
 
+bool IsInstanceLocked(std::string_view name) {
+  const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const AbstractAddress instance(name);
+  return connect(socket.Get(), instance.Get(), instance.Length()) == 0;
+}
+
 ExitRequest RequestExit(std::string_view name) {
   const Descriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket) return ExitRequest::kFailed;

@@ -1,0 +1,166 @@
+#include "app/greylist_import.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "app/greylist_text.h"
+#include "base/error.h"
+#include "platform/file_stream.h"
+#include "platform/files.h"
+
+namespace trabex {
+
+namespace {
+
+// What one slice does at most: some milliseconds.
+constexpr std::size_t kBytesInSlice = std::size_t{256} * 1024;
+constexpr std::size_t kRecordsInSlice = 4000;
+constexpr const char* kSource = "GreyListImport.Read";
+
+// Of two records of one key.
+cGreyListingData Better(const cGreyListingData& a, const cGreyListingData& b) {
+  if (a.Pending() != b.Pending()) return a.Pending() ? b : a;
+  if (!a.Pending()) return a.ExpireAt() >= b.ExpireAt() ? a : b;
+  cGreyListingData better = a.DelayedUntil() <= b.DelayedUntil() ? a : b;
+  better.SetCount(std::min(a.Count(), b.Count()));  // of those that wait the counts are negative
+  return better;
+}
+
+bool Equal(const cGreyListingData& a, const cGreyListingData& b) {
+  return a.ExpireAt() == b.ExpireAt() && a.DelayedUntil() == b.DelayedUntil() && a.Count() == b.Count();
+}
+
+class Import {
+ public:
+  Import(const GreyListToolInputs& inputs, const std::string& path, bool replace)
+      : inputs_(inputs), replace_(replace), file_(NativePath(path), kSource) {}
+  // What was begun is completed, so that it is never a part of the file that is in force.
+  ~Import() {
+    while (removing_ || setting_) Change();
+  }
+  Import(const Import&) = delete;
+  Import& operator=(const Import&) = delete;
+
+  // Whether there is more to do.
+  bool Step(ControlAnswer& slice) {
+    if (removing_ || setting_) {
+      Change();
+    } else {
+      Read();
+    }
+    if (removing_ || setting_ || !read_) return true;
+    slice.text = std::to_string(lines_) + " read, " + std::to_string(added_) + " added, " +
+                 std::to_string(changed_) + " changed, " + std::to_string(removed_) + " deleted\n";
+    return false;
+  }
+
+ private:
+  void Read() {
+    std::array<char, kBytesInSlice> buffer;
+    const std::size_t count = file_.Read(buffer.data(), buffer.size());
+    rest_.append(buffer.data(), count);
+    std::string_view text = rest_;
+    for (std::size_t end = text.find('\n'); end != std::string_view::npos; end = text.find('\n')) {
+      TakeLine(text.substr(0, end));
+      text.remove_prefix(end + 1);
+    }
+    rest_ = std::string(text);
+    if (count > 0) return;
+    if (!rest_.empty()) TakeLine(rest_);
+    read_ = true;
+    inputs_.hold_saves(true);
+    if (replace_) removing_.emplace(inputs_.database);
+    if (!replace_) setting_.emplace(staged_);
+  }
+
+  void TakeLine(std::string_view line) {
+    ++lines_;
+    try {
+      staged_.Add(ParseExported(line));
+    } catch (const Error& error) {
+      throw Error(error.Number(), kSource, "Line " + std::to_string(lines_) + ": " + error.Description());
+    }
+  }
+
+  // First those go that are not in the file, so that no record is missing for a moment that is in both.
+  void Change() {
+    for (std::size_t i = 0; i < kRecordsInSlice; ++i) {
+      if (removing_) {
+        const cGreyListingData* const record = removing_->Next();
+        if (record == nullptr) {
+          removing_.reset();
+          setting_.emplace(staged_);
+        } else if (staged_.Find(record->Key()) == nullptr) {
+          inputs_.database.Remove(std::string(record->Key()));
+          ++removed_;
+        }
+        continue;
+      }
+      const cGreyListingData* const record = setting_->Next();
+      if (record == nullptr) {
+        setting_.reset();
+        inputs_.database.SetChanged(true);
+        inputs_.hold_saves(false);
+        return;
+      }
+      Take(*record);
+    }
+  }
+
+  void Take(const cGreyListingData& record) {
+    const cGreyListingData* const known = inputs_.database.Find(record.Key());
+    if (known == nullptr) {
+      ++added_;
+      return SetRecord(inputs_, record);
+    }
+    cGreyListingData wanted = replace_ ? record : Better(*known, record);
+    if (Equal(*known, wanted)) return;
+    ++changed_;
+    SetRecord(inputs_, std::move(wanted));
+  }
+
+  GreyListToolInputs inputs_;
+  bool replace_;
+  InputFile file_;
+  std::string rest_;  // of a line that is not complete
+  bool read_ = false;
+  GreyListingDatabase staged_;
+  std::optional<GreyListingDatabase::Cursor> removing_;
+  std::optional<GreyListingDatabase::Cursor> setting_;
+  std::size_t lines_ = 0;
+  std::size_t added_ = 0;
+  std::size_t changed_ = 0;
+  std::size_t removed_ = 0;
+};
+
+}  // namespace
+
+void SetRecord(const GreyListToolInputs& inputs, cGreyListingData record) {
+  GreyListingDatabase& database = inputs.database;
+  database.SetChanged(true);
+  cGreyListingData* const known = database.Find(record.Key());
+  if (known == nullptr || (record.Pending() && !known->Pending())) {
+    if (known != nullptr) database.Remove(record.Key());
+    database.SetLimits(PendingLimitsOf(inputs.settings));
+    database.Add(std::move(record));
+    return;
+  }
+  const bool was_pending = known->Pending();
+  known->SetExpireAt(record.ExpireAt());
+  known->SetDelayedUntil(record.DelayedUntil());
+  known->SetCount(record.Count());
+  if (was_pending && !known->Pending()) database.Accepted(*known);
+}
+
+ControlReply ImportRecords(const GreyListToolInputs& inputs, const std::string& path, bool replace) {
+  // What cannot be read, and a line that is wrong, leave the records as they are: errors end an answer.
+  auto import = std::make_shared<Import>(inputs, path, replace);
+  return ControlSlices([import](ControlAnswer& slice) { return import->Step(slice); });
+}
+
+}  // namespace trabex
