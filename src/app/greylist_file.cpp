@@ -5,10 +5,10 @@
 #include <utility>
 #include <variant>
 
+#include "app/check_configuration.h"
 #include "app/greylist_tool.h"
 #include "app/printable.h"
 #include "app/program.h"
-#include "app/reload_check.h"
 #include "app/version.h"
 #include "base/error.h"
 #include "greylist/database_file.h"
@@ -59,8 +59,14 @@ ControlAnswer Answer(Program& program, const std::vector<std::string>& arguments
             .text = {},
             .error = NameTakenText(InstanceName(program.configuration.BindPort))};
   }
-  const ReloadCheck check = CheckForReload(program, mCommon::TakeIniFile(program.ini_file.path));
-  const GreyListingSettings& settings = check.settings.GreyListing;
+  const CheckedConfiguration checked = CheckConfiguration({.file = program.ini_file.path,
+                                                           .early = program.MakeEarlyKeyInputs(),
+                                                           .context = program.MakeSettingContext()},
+                                                          program.configuration);
+  if (!checked.was_read) {
+    return {.status = exit_status::kFailed, .text = {}, .error = checked.findings.front().text};
+  }
+  const GreyListingSettings& settings = checked.configuration.GreyListing;
   GreyListingDatabase database =
       Load(settings.Database, arguments.empty() ? std::string() : arguments.front());
   const Clock& clock = program.dependencies.clock;

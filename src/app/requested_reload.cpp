@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "app/auto_reload.h"
+#include "app/check_settings.h"
+#include "app/finding.h"
 #include "app/frmMain.h"
 #include "app/instance_name.h"
 #include "app/listeners.h"
@@ -16,10 +18,6 @@ namespace trabex {
 
 RequestedReload::RequestedReload(Program& program, AutoReload& reload, Listeners& listeners)
     : program_(program), reload_(reload), listeners_(listeners) {}
-
-RequestedReload::~RequestedReload() {
-  program_.names->Cancel(server_lookup_);
-}
 
 void RequestedReload::Request(Done done) {
   waiting_.push_back(std::move(done));
@@ -34,49 +32,51 @@ void RequestedReload::TakeWaiting() {
   waiting_.clear();
   outcome_ = {};
   try {
-    ini_ = reload_.TakeFileNow();
+    // The check reads it once more; this says what a reload says of a file that is none.
+    static_cast<void>(reload_.TakeFileNow());
   } catch (const Error& error) {
     mCommon::LogUnreadableIniFile(program_.log, program_.ini_file.path, error, {});
-    outcome_.findings.push_back(ReloadError(program_, error.Description()));
+    AddError(error.Description());
     if (program_.window) program_.window->Reloaded(false);
     return Answer(false);
   }
-  ReloadCheck check = CheckForReload(program_, ini_);
-  outcome_.findings = std::move(check.findings);
-  if (check.has_errors) return Refuse();
-  settings_ = std::move(check.settings);
-  TestAddresses();
+  // What a reload does not read anew.
+  Configuration initial = DefaultConfiguration();
+  initial.LogPath = program_.configuration.LogPath;
+  if (program_.port_given) initial.BindPort = program_.configuration.BindPort;
+  CheckSettings(program_, program_.ini_file.path, std::move(initial), AskNames::kYes,
+                [this, still_here = std::weak_ptr<char>(here_)](CheckedConfiguration checked) {
+                  if (!still_here.expired() && !ended_) Checked(std::move(checked));
+                });
 }
 
-void RequestedReload::TestAddresses() {
-  if (const auto why_not = WhyNotAddresses()) return RefuseFor(*why_not);
-  const Configuration& now = program_.configuration;
-  const bool same = FormatServer(*settings_) == FormatServer(now) &&
-                    FormatEndpoints(ListenEndpoints(*settings_)) == FormatEndpoints(ListenEndpoints(now));
-  if (same || EndpointsAtServerPort(*settings_).empty()) return Make();
-  server_lookup_ = program_.names->FindAddresses(
-      settings_->ServerIP, LookupFamily::kIPv4First, [this](const AddressAnswer& answer) {
-        server_lookup_ = 0;
-        const auto why_not = WhyNoListening(*settings_, program_.sockets, answer);
-        why_not ? RefuseFor(*why_not) : Make();
-      });
+void RequestedReload::Checked(CheckedConfiguration checked) {
+  for (const Finding& finding : checked.findings) {
+    outcome_.findings.push_back(FormatFinding(finding));
+    if (finding.severity == Finding::Severity::kError) errors_.push_back(outcome_.findings.back());
+  }
+  if (errors_.empty()) {
+    if (const auto why_not = WhyNotAddresses(checked.configuration)) AddError(*why_not);
+  }
+  if (!errors_.empty()) return Refuse();
+  ini_ = std::move(checked.ini);
+  Make();
 }
 
-std::optional<std::string> RequestedReload::WhyNotAddresses() const {
-  if (settings_->BindPort != program_.configuration.BindPort) {
-    const std::string name = InstanceName(settings_->BindPort);
+std::optional<std::string> RequestedReload::WhyNotAddresses(const Configuration& settings) const {
+  if (settings.BindPort != program_.configuration.BindPort) {
+    const std::string name = InstanceName(settings.BindPort);
     try {
       if (!TryLockInstance(program_.loop, name, [] {})) return NameTakenText(name);
     } catch (const Error& error) {
       return error.Description();
     }
   }
-  const auto failure = listeners_.WhyNot(ListenEndpoints(*settings_));
+  const auto failure = listeners_.WhyNot(ListenEndpoints(settings));
   return failure ? std::optional(ListenErrorText(failure->endpoint, failure->error)) : std::nullopt;
 }
 
 void RequestedReload::Make() {
-  settings_.reset();
   // One that nobody asked for may have begun while the server's name was looked up; the file is read again after
   // it.
   if (reload_.UnderWay()) {
@@ -88,29 +88,28 @@ void RequestedReload::Make() {
   }
   reload_.Reload(std::move(ini_), [this](bool made) {
     if (!made) {
-      outcome_.findings.push_back(
-          ReloadError(program_, "The reload has failed, and the program ends; its log says why."));
+      AddError("The reload has failed, and the program ends; its log says why.");
     }
     Answer(made);
   });
 }
 
-void RequestedReload::RefuseFor(const std::string& text) {
-  outcome_.findings.push_back(ReloadError(program_, text));
-  Refuse();
+void RequestedReload::AddError(const std::string& text) {
+  errors_.push_back(FormatFinding({.file = program_.ini_file.path, .text = text}));
+  outcome_.findings.push_back(errors_.back());
 }
 
 void RequestedReload::Refuse() {
   program_.problems.clear();
-  for (const std::string& finding : outcome_.findings) program_.log.LogProblem(finding);
+  for (const std::string& error : errors_) program_.log.LogProblem(error);
   if (program_.window) program_.window->Reloaded(false);
   program_.log.LogLine("Configuration not reloaded; the one in force stays.");
   Answer(false);
 }
 
 void RequestedReload::Answer(bool made) {
-  settings_.reset();
   outcome_.made = made;
+  errors_.clear();
   under_way_ = false;
   const Outcome outcome = std::exchange(outcome_, {});
   for (const Done& done : std::exchange(asked_, {})) {
@@ -121,8 +120,9 @@ void RequestedReload::Answer(bool made) {
 
 void RequestedReload::End() {
   ended_ = true;
-  program_.names->Cancel(std::exchange(server_lookup_, 0));
-  const Outcome outcome{.made = false, .findings = {ReloadError(program_, "The program ends.")}};
+  const Outcome outcome{
+      .made = false,
+      .findings = {FormatFinding({.file = program_.ini_file.path, .text = "The program ends."})}};
   for (std::vector<Done>* const requests : {&asked_, &waiting_}) {
     for (const Done& done : std::exchange(*requests, {})) {
       if (done) done(outcome);

@@ -1,17 +1,17 @@
-// The reload on request: the file is checked first, and with an error nothing changes. That covers what only
-// the system can say as well: that the new port has no instance yet, that its addresses can be bound, that the
-// server is no listener. So a request does not end the program, as an automatic reload may.
+// The reload on request: the file is checked first (check_settings.h), and with an error nothing changes. That
+// covers what only the system can say as well: that the new port has no instance yet, that its addresses can be
+// bound. So a request does not end the program, as an automatic reload may.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "app/reload_check.h"
+#include "app/check_configuration.h"
 #include "config/configuration.h"
 #include "config/ini_reader.h"
-#include "resolver/name_lookup.h"
 
 namespace trabex {
 
@@ -32,7 +32,6 @@ class RequestedReload {
 
   // All outlive the object.
   RequestedReload(Program& program, AutoReload& reload, Listeners& listeners);
-  ~RequestedReload();
   RequestedReload(const RequestedReload&) = delete;
   RequestedReload& operator=(const RequestedReload&) = delete;
 
@@ -47,11 +46,11 @@ class RequestedReload {
   void End();
 
  private:
-  void TestAddresses();
-  // What stands against the addresses, but for a loop.
-  std::optional<std::string> WhyNotAddresses() const;
+  void Checked(CheckedConfiguration checked);
+  // What stands against the addresses of `settings`, but for a loop.
+  std::optional<std::string> WhyNotAddresses(const Configuration& settings) const;
   void Make();
-  void RefuseFor(const std::string& text);
+  void AddError(const std::string& text);
   void Refuse();
   void Answer(bool made);
 
@@ -64,9 +63,9 @@ class RequestedReload {
   bool under_way_ = false;
   std::vector<Done> asked_;
   IniText ini_;
-  std::optional<Configuration> settings_;  // those in the file, while they are tested
+  std::vector<std::string> errors_;  // those of the findings
   Outcome outcome_;
-  LookupId server_lookup_ = 0;
+  std::shared_ptr<char> here_ = std::make_shared<char>();
 };
 
 }  // namespace trabex
