@@ -119,6 +119,7 @@ void AppendRow(const cGreyListingData& record, DateTime now, std::string& out) {
 
 void AppendListed(const cGreyListingData& record, DateTime now, std::string& out) {
   JsonLine json(out);
+  json.Begin();
   AppendParts(PartsOf(record.Key()), json);
   json.Text("state", StateText(StateOf(record, now)));
   AppendTimes(record, json);
@@ -126,6 +127,7 @@ void AppendListed(const cGreyListingData& record, DateTime now, std::string& out
 
 void AppendExported(const cGreyListingData& record, std::string& out) {
   JsonLine json(out);
+  json.Begin();
   AppendParts(PartsOf(record.Key()), json);
   json.Truth("accepted", !record.Pending());
   AppendTimes(record, json);
@@ -150,16 +152,15 @@ cGreyListingData ParseExported(std::string_view line) {
   }
   if (network.size() + sender.size() + recipient.size() + 2 > kMaxTaggedBytes)
     RaiseBadRecord("It is too long.");
-  std::string key = TripleKey(network, sender, recipient);
-  const TripleParts parts = PartsOf(key);
-  if (network.empty() || recipient.empty() ||
-      TripleKey(parts.network, parts.sender, parts.recipient) != key ||
-      parts.network.size() != network.size()) {
+  const std::string text = network + " " + sender + " " + recipient;
+  const TripleParts parts = PartsOf(text);
+  if (network.empty() || recipient.empty() || parts.network != network || parts.sender != sender ||
+      parts.recipient != recipient) {
     RaiseBadRecord("Network, sender and recipient cannot be told apart.");
   }
   const auto count = static_cast<std::int32_t>(attempts->number);
-  return {std::move(key), TimeMember(*object, "expires"), TimeMember(*object, "delayed_until"),
-          accepted->truth ? count : -count};
+  return {TripleKey(network, sender, recipient), TimeMember(*object, "expires"),
+          TimeMember(*object, "delayed_until"), accepted->truth ? count : -count};
 }
 
 }  // namespace trabex

@@ -112,13 +112,21 @@ ControlSlices Delete(const GreyListToolInputs& inputs, const Arguments& argument
   };
 }
 
+// That of a client whose name is on no list.
+mGreyListing::DelayPolicy PolicyOf(const GreyListingSettings& settings, const IPAddress& client) {
+  if (mCommon::IPInRangeList(client, settings.IPBlackList)) {
+    return {true, settings.BlackListDelay, settings.BlackListMinCount};
+  }
+  return {false, settings.Delay, settings.MinCount};
+}
+
 // What the decision itself says of further attempts, made on a copy of the record.
 std::string NextText(const GreyListToolInputs& inputs, const cGreyListingData& record,
                      const IPAddress& client, DateTime now) {
   constexpr int kMaxAttempts = 10000;
   const GreyListingSettings& settings = inputs.settings;
   if (mCommon::IPInRangeList(client, settings.IPWhiteList)) return "accepted, the client is in IPWhiteList";
-  const mGreyListing::DelayPolicy policy = mGreyListing::PolicyFor(settings, client, "");
+  const mGreyListing::DelayPolicy policy = PolicyOf(settings, client);
   cGreyListingData copy = record;
   if (!IsDelayed(mGreyListing::Attempt(copy, settings, policy, now))) return "accepted";
   copy = record;
@@ -159,7 +167,7 @@ ControlAnswer Add(const GreyListToolInputs& inputs, const Arguments& arguments) 
                static_cast<std::int32_t>(std::clamp<std::int64_t>(known->Attempts(), 1, 1'000'000'000))});
     return {};
   }
-  const double delay = mGreyListing::PolicyFor(settings, *ParseIPAddress(arguments.values[0]), "").delay;
+  const double delay = PolicyOf(settings, *ParseIPAddress(arguments.values[0])).delay;
   SetRecord(inputs, accepted ? cGreyListingData(*key, now + settings.TTL, now, 1)
                              : cGreyListingData(*key, now + settings.ShortTTL, now + delay, -1));
   return {};

@@ -37,7 +37,7 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, co
   std::string key = TripleKey(network, sender, recipient);
   cGreyListingData* record = database_.Find(key);
   const DateTime now = clock_.UniversalNow();
-  const DelayPolicy policy = PolicyFor(settings_, ip, host_name);
+  const DelayPolicy policy = DelayPolicyFor(ip, host_name);
 
   auto outcome = GreyListingOutcome::kNew;
   if (record == nullptr) {
@@ -61,13 +61,13 @@ cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view netw
   return record;
 }
 
-mGreyListing::DelayPolicy mGreyListing::PolicyFor(const GreyListingSettings& settings, const IPAddress& ip,
-                                                  std::string_view host_name) {
-  if (mCommon::IPInRangeList(ip, settings.IPBlackList) ||
-      mText::MatchList(host_name, settings.HostsBlackList)) {
-    return {true, settings.BlackListDelay, settings.BlackListMinCount};
+mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
+                                                       std::string_view host_name) const {
+  if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
+      mText::MatchList(host_name, settings_.HostsBlackList)) {
+    return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
   }
-  return {false, settings.Delay, settings.MinCount};
+  return {false, settings_.Delay, settings_.MinCount};
 }
 
 // The order of these steps is what makes an expired triple pass at once: its count of 0 becomes 1, and a

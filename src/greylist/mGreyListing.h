@@ -39,8 +39,6 @@ class mGreyListing {
     double delay;            // days
     std::int32_t min_count;  // more attempts than these are needed
   };
-  static DelayPolicy PolicyFor(const GreyListingSettings& settings, const IPAddress& ip,
-                               std::string_view host_name);
   // One more attempt of a client under `policy`, whose record is there; changes nothing but the record.
   static GreyListingOutcome Attempt(cGreyListingData& record, const GreyListingSettings& settings,
                                     const DelayPolicy& policy, DateTime now);
@@ -61,6 +59,7 @@ class mGreyListing {
  private:
   cGreyListingData& NewRecord(std::string key, std::string_view network, const DelayPolicy& policy,
                               DateTime now);
+  DelayPolicy DelayPolicyFor(const IPAddress& ip, std::string_view host_name) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
 
   const GreyListingSettings& settings_;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 #include <utility>
 #include <vector>
@@ -64,7 +65,7 @@ TEST(ControlAnswerBytes, AreReadInPiecesOfAnySize) {
   AppendAnswer({.status = 9, .text = "first\nX 3\n", .error = {}}, false, bytes);
   AppendAnswer({.status = 9, .text = {}, .error = {}}, false, bytes);
   AppendAnswer({.status = 4, .text = std::string(1000, 'y'), .error = "wrong"}, true, bytes);
-  for (const std::size_t size : {1, 2, 3, 7, 100, 5000}) {
+  for (const std::size_t size : std::initializer_list<std::size_t>{1, 2, 3, 7, 100, 5000}) {
     const Read read = ReadInPieces(bytes, size);
     EXPECT_EQ(read.state, State::kComplete);
     EXPECT_EQ(read.status, 4);
