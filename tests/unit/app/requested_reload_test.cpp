@@ -348,6 +348,8 @@ TEST_F(RequestedReloadTest, OfTheTimeOfTheStartIsMadeAfterIt) {
   turning.Enable();
   ASSERT_TRUE(program_->window->Form_Load());
   RunUntilIdle(program_->loop);
+  names_->Deliver();  // of the check
+  RunUntilIdle(program_->loop);
   EXPECT_EQ(Reloads(), 1);
   EXPECT_EQ(Settings().Timeout, 200);
   EXPECT_TRUE(PlainSocket().Connect(port_));
