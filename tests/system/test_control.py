@@ -265,7 +265,7 @@ class GreyList(Scenario):
 
     def setUp(self):
         super().setUp()
-        self.proxy = self.trabex(self.sample_server().port, {"LocalIPs": "192.0.2.1"},
+        self.proxy = self.trabex(self.sample_server().port, {"LocalIPs": "192.0.2.1", "LocalDomains": DOMAIN},
                                  sections={"GreyListing": {"Enabled": 1, "Database": "db/grey.gldb"}}, start=False)
         self.database = self.place.folder / "grey" / "grey.gldb"
         self.database.parent.mkdir()
