@@ -109,6 +109,7 @@ class Import {
         return;
       }
       Take(*record);
+      staged_.Remove(std::string(record->Key()));  // all at the end would take too long for one slice
     }
   }
 
