@@ -22,7 +22,8 @@ using namespace trabex;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
+  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+                              std::string_view) override {
     return defers;
   }
 

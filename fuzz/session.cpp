@@ -46,7 +46,8 @@ constexpr std::size_t kMaxSteps = 100000;
 
 class Greylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
+  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+                              std::string_view) override {
     return true;
   }
 };

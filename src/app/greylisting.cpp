@@ -9,9 +9,29 @@ GreyListing::GreyListing(const GreyListingSettings& settings, Log& log, const Cl
       decision_(settings, log, clock, database_, warning_),
       store_(settings, log, clock, loop, database_, warning_) {}
 
-bool GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                              std::string_view recipient) {
-  return IsDelayed(decision_.GreyListingCheck(host_name, ip, sender, recipient));
+GreylistVerdict GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip,
+                                         std::string_view sender, std::string_view recipient) {
+  const GreyListingVerdict verdict = decision_.Judge(host_name, ip, sender, recipient);
+  GreylistVerdict result(IsDelayed(verdict.outcome));
+  switch (verdict.outcome) {
+    case GreyListingOutcome::kWhitelisted:
+      result.outcome = GreylistVerdict::Outcome::kWhitelisted;
+      break;
+    case GreyListingOutcome::kDelayed:
+    case GreyListingOutcome::kExpired:
+      result.outcome = GreylistVerdict::Outcome::kDelayed;
+      break;
+    case GreyListingOutcome::kNew:
+    case GreyListingOutcome::kAccepted:
+      break;
+  }
+  result.blacklisted = verdict.blacklisted;
+  if (verdict.record != nullptr) {
+    result.attempts = verdict.record->Attempts();
+    result.delayed_until = verdict.record->DelayedUntil();
+    result.expires = verdict.record->ExpireAt();
+  }
+  return result;
 }
 
 void GreyListing::Load() {

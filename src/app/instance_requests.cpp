@@ -63,7 +63,7 @@ ControlAnswer CloseSession(SessionCollection& sessions, const std::string& digit
   const std::optional<SessionId> id = ParseSessionId(digits);
   for (const ListedSession& listed : AllSessions(sessions)) {
     if (listed.id != id) continue;
-    Find(sessions, listed)->Shutdown();
+    Find(sessions, listed)->Shutdown(SessionEnd::kClosed);
     return {};
   }
   return {.status = exit_status::kFailed, .text = {}, .error = "There is no session " + digits + "."};

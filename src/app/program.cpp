@@ -29,6 +29,7 @@ Program::Program(Dependencies the_dependencies)
       log(configuration, dependencies.clock, dependencies.program_name),
       loop(dependencies.clock),
       json_log(configuration, dependencies.clock, loop, log),
+      session_report(counters, json_log, dependencies.clock),
       sockets(loop),
       names(CountLookups(dependencies.make_names(loop), dependencies.clock, counters)),
       socket_module(sockets, *names, log),

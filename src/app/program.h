@@ -29,6 +29,7 @@
 #include "proxy/tls_contexts.h"
 #include "report/counters.h"
 #include "report/json_log.h"
+#include "report/session_report.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -98,6 +99,7 @@ struct Program final : LoadHost {
   LogFile log;
   EventLoop loop;
   JsonLog json_log;
+  SessionReport session_report;
   Sockets sockets;
   std::unique_ptr<NameLookup> names;
   modSocketMaster socket_module;

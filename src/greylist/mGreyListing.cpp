@@ -26,12 +26,12 @@ std::int32_t AcceptedCount(const cGreyListingData& record) {
 
 }  // namespace
 
-GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, const IPAddress& ip,
-                                                  std::string_view sender, std::string_view recipient) {
+GreyListingVerdict mGreyListing::Judge(std::string_view host_name, const IPAddress& ip,
+                                       std::string_view sender, std::string_view recipient) {
   if (mCommon::IPInRangeList(ip, settings_.IPWhiteList) ||
       mText::MatchList(host_name, settings_.HostsWhiteList)) {
     LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
-    return GreyListingOutcome::kWhitelisted;
+    return {GreyListingOutcome::kWhitelisted};
   }
   const std::string network = NetworkOf(ip, settings_.IPv6Prefix);
   std::string key = TripleKey(network, sender, recipient);
@@ -49,7 +49,7 @@ GreyListingOutcome mGreyListing::GreyListingCheck(std::string_view host_name, co
   }
   database_.SetChanged(true);
   LogOutcome(outcome, policy.blacklisted, record);
-  return outcome;
+  return {outcome, policy.blacklisted, record};
 }
 
 cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view network,

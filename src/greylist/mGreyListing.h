@@ -31,6 +31,13 @@ inline bool IsDelayed(GreyListingOutcome outcome) {
   return outcome <= GreyListingOutcome::kDelayed;
 }
 
+struct GreyListingVerdict {
+  GreyListingOutcome outcome;
+  bool blacklisted = false;
+  // nullptr for a whitelisted client. Valid until the database changes.
+  const cGreyListingData* record = nullptr;
+};
+
 class mGreyListing {
  public:
   // What the client's address and name decide.
@@ -53,8 +60,12 @@ class mGreyListing {
   // triple's record, sets the database's changed flag and, where the settings say so, writes one log line; a
   // whitelisted client has the log line only. For a new record older pending ones may have to go (MaxPending,
   // MaxPendingPerNetwork).
+  GreyListingVerdict Judge(std::string_view host_name, const IPAddress& ip, std::string_view sender,
+                           std::string_view recipient);
   GreyListingOutcome GreyListingCheck(std::string_view host_name, const IPAddress& ip,
-                                      std::string_view sender, std::string_view recipient);
+                                      std::string_view sender, std::string_view recipient) {
+    return Judge(host_name, ip, sender, recipient).outcome;
+  }
 
  private:
   cGreyListingData& NewRecord(std::string key, std::string_view network, const DelayPolicy& policy,

@@ -64,6 +64,9 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
     TimeoutSpan = std::chrono::seconds(0);
     timeout_.reset();
     side.Log(log_level::kConnection, "Connected.");
+    if (dependencies_.observer != nullptr) {
+      dependencies_.observer->OnServerConnected(*this, dependencies_.clock.Monotonic() - connect_began_);
+    }
     if (NeedsApproach(dependencies_.configuration)) ApproachServer();
   } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver && TimeoutSpan.count() != 0 &&
              LineHasCome()) {
@@ -77,6 +80,7 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
 void cProxy::Pump() {
   for (int lines = 0; stage_ != Stage::kClosed;) {
     if (Sender.HasEnded()) {
+      EndsBy(dialogue_.phase() == Phase::kFarewell ? SessionEnd::kQuit : SessionEnd::kServer);
       dialogue_.OnServerEnd(Sender.TakeEnd(), *this);
       // The server is not kept until the client has taken everything.
       if (Receiver.Sending()) CloseServer();
@@ -170,11 +174,14 @@ void cProxy::AskForAddresses(std::string_view host_name) {
 }
 
 void cProxy::CloseServer() {
-  if (!IsOver()) Sender.Close();
+  if (IsOver()) return;
+  TellServerLeaves();
+  Sender.Close();
 }
 
 void cProxy::EndAfterPause() {
   if (IsOver() || Sender.HasEnded()) return;
+  EndsBy(SessionEnd::kBadSequence);
   Receiver.Log(log_level::kErrors, "Maximum out-of-order commands exceeded. Closing connection.");
   pause_ = std::make_unique<Timer>(dependencies_.loop, kBadSequencePause, [this] {
     RunHandler("cProxy.Receiver_DataArrival", [this] { Close(); });
@@ -198,7 +205,7 @@ TlsTexts cProxy::TlsText() const {
 void cProxy::BeginTls() {
   const auto& context = dependencies_.tls.for_clients;
   if (!context) {
-    CloseBecause("No certificate. Closing connection.");
+    CloseBecause(SessionEnd::kRefused, "No certificate. Closing connection.");
     return;
   }
   handshake_->began = dependencies_.clock.Monotonic();
@@ -222,6 +229,7 @@ void cProxy::TlsStands() {
 }
 
 void cProxy::EndClient() {
+  EndsBy(dialogue_.phase() == Phase::kFarewell ? SessionEnd::kQuit : SessionEnd::kClient);
   if (handshake_ && Receiver.HasClosed()) Receiver.Log(log_level::kErrors, "TLS handshake broken off.");
   const std::string_view lost = dialogue_.LostWithClient();
   if (!lost.empty()) Receiver.Log(log_level::kErrors, lost);
@@ -232,7 +240,7 @@ bool cProxy::EndHandshake() {
   if (!handshake_) return false;
   const auto max = std::chrono::seconds(dependencies_.configuration.TLS.HandshakeTimeout);
   if (dependencies_.clock.Monotonic() - handshake_->began <= max) return false;
-  return CloseBecause("TLS handshake time-out. Closing connection.");
+  return CloseBecause(SessionEnd::kTimeout, "TLS handshake time-out. Closing connection.");
 }
 
 // --- time
@@ -289,13 +297,14 @@ bool cProxy::EndSilent() {
     ArmTimer();
     return false;
   }
-  return CloseBecause("Timeout exceeded. Closing connection.");
+  return CloseBecause(SessionEnd::kTimeout, "Timeout exceeded. Closing connection.");
 }
 
 bool cProxy::EndStuck() {
   const MonotonicTime now = dependencies_.clock.Monotonic();
-  if (Receiver.IsStuck(now)) return CloseBecause(kSendTimeOut);
+  if (Receiver.IsStuck(now)) return CloseBecause(SessionEnd::kTimeout, kSendTimeOut);
   if (!Sender.IsStuck(now)) return false;
+  EndsBy(SessionEnd::kTimeout);
   Sender.Log(log_level::kErrors, kSendTimeOut);
   TakeLastWords();
   dialogue_.OnServerEnd(Dialogue::ServerEnd::kFailed, *this);
@@ -318,12 +327,14 @@ void cProxy::Watch() {
 
 // --- the end
 
-void cProxy::Shutdown() {
+void cProxy::Shutdown(SessionEnd how) {
+  EndsBy(how);
   RunHandler("cProxy.Shutdown", [this] { dialogue_.Say(ReplyKind::kShutdown, *this); });
   Close();
 }
 
-bool cProxy::CloseBecause(std::string_view reason) {
+bool cProxy::CloseBecause(SessionEnd how, std::string_view reason) {
+  EndsBy(how);
   Receiver.Log(log_level::kErrors, reason);
   Close();
   return true;
@@ -331,6 +342,7 @@ bool cProxy::CloseBecause(std::string_view reason) {
 
 void cProxy::Close() {
   if (stage_ == Stage::kClosed) return;
+  TellEnd();
   stage_ = Stage::kClosed;
   RunLogged(dependencies_.log, "cProxy.CloseReceiver", [this] { Receiver.Close(); });
   RunLogged(dependencies_.log, "cProxy.CloseSender", [this] { Sender.Close(); });

@@ -45,6 +45,7 @@
 #include "proxy/dialogue/dialogue.h"
 #include "proxy/session_dependencies.h"
 #include "proxy/session_id.h"
+#include "proxy/session_observer.h"
 #include "proxy/session_side.h"
 #include "resolver/name_lookup.h"
 
@@ -73,8 +74,8 @@ class cProxy final : public DeferredDeletable,
   // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a
   // server that has closed. Timers of the session call it.
   void CheckTimeout();
-  // Tells the client that the service stops, then closes.
-  void Shutdown();
+  // Tells the client that the service stops, then closes. With kClosed it is only this session that ends.
+  void Shutdown(SessionEnd how = SessionEnd::kShutdown);
   // Ends the session: both sockets close in order, and it leaves the collection. Every end goes through it.
   void Close();
 
@@ -82,6 +83,19 @@ class cProxy final : public DeferredDeletable,
   const std::string& Key() const { return key_; }
   // Its name for people; no other session has it, not even one of an earlier run.
   SessionId Id() const { return id_; }
+  // -1 when the server is not connected.
+  std::int32_t ServerHandle() const { return Sender.Socket().SocketHandle(); }
+  // Whether the client counts as local.
+  bool ClientIsLocal() const { return IsLocalClient(); }
+  // Whether the client has passed the checks that come before the server is connected.
+  bool Admitted() const { return stage_ == Stage::kAdmitted; }
+  // The client's name from DNS; "" as long as there is none.
+  const std::string& Name() const { return HostName; }
+  // What the client said in HELO or EHLO last.
+  const std::string& Helo() const { return dialogue_.State().requested.HeloDomain; }
+  // Of the connections that are open.
+  TransferredBytes ClientBytes() const { return BytesOf(Receiver); }
+  TransferredBytes ServerBytes() const { return BytesOf(Sender); }
   // For the connection table. -1 after Close.
   std::int32_t Handle() const { return Receiver.Socket().SocketHandle(); }
   std::int64_t BytesReceived() const { return Receiver.Socket().BytesReceived(); }
@@ -109,7 +123,7 @@ class cProxy final : public DeferredDeletable,
   // Returns whether the session goes on.
   bool AdmitByName();
   void ConnectServer();
-  void Refuse(ReplyKind kind);
+  void Refuse(ReplyKind kind, const DecidingList& list = {});
 
   // What comes before the dialogue: a balancer's header, and what the server has to agree on.
   void ExpectHeader(bool tls);
@@ -128,6 +142,28 @@ class cProxy final : public DeferredDeletable,
   void EndClient();
 
   void OnSideEvent(SessionSide& side, SessionSide::Event event) override;
+  void OnSideFailure(const SessionSide& side, int error, std::string_view description) override;
+
+  // For who observes sessions. What the dialogue tells is handed on with the session.
+  void OnCommand() override;
+  void OnOwnReply(const OwnReply& reply) override;
+  void OnGreylisting(const GreylistVerdict& verdict, bool callback, const RequestedState& requested) override;
+  void OnServerReply(Command command, std::string_view reply) override;
+  void OnTransaction(const RequestedState& requested) override;
+  void OnRecipient(RecipientResult result, std::string_view mailbox) override;
+  void OnContent(std::size_t octets) override;
+  void OnMessage(std::string_view reply) override;
+  static TransferredBytes BytesOf(const SessionSide& side) {
+    return {side.Socket().BytesReceived(), side.Socket().BytesSent()};
+  }
+  // The client is known, unless that was told before.
+  void TellBegin();
+  void TellServerLeaves();
+  void TellEnd();
+  // Who or what ends the session; the first one counts.
+  void EndsBy(SessionEnd how) {
+    if (!ends_by_) ends_by_ = how;
+  }
 
   // Moves what can be moved, and ends the session when that is due. Never called from inside itself: a send
   // that completes inside its call is only noted.
@@ -165,7 +201,7 @@ class cProxy final : public DeferredDeletable,
   bool EndHandshake();
   bool EndStuck();
   // Logs why the session ends, and ends it. True.
-  bool CloseBecause(std::string_view reason);
+  bool CloseBecause(SessionEnd how, std::string_view reason);
   void TakeLastWords();
   // Whether something goes on whose time is bounded: a send, a handshake, or what comes before the dialogue.
   bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_ || opening_; }
@@ -181,6 +217,8 @@ class cProxy final : public DeferredDeletable,
   std::string key_;
   SessionId id_;
   Stage stage_ = Stage::kAdmission;
+  bool begin_told_ = false;
+  std::optional<SessionEnd> ends_by_;
 
   SessionSide Receiver;  // towards the client
   SessionSide Sender;    // towards the real server
@@ -208,6 +246,7 @@ class cProxy final : public DeferredDeletable,
   MonotonicTime LastActivity{};
   std::int64_t looked_to_ = 0;  // how far the client's bytes have been searched for a line's end
   MonotonicTime StartTime{};
+  MonotonicTime connect_began_{};  // of the server's connection
   bool Whitelisted = false;
   bool HostNameKnown = false;
   bool name_is_temporary_ = false;      // DNS was silent or failed

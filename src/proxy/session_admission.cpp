@@ -23,6 +23,7 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
     if (tls) dialogue_.ExpectTls();
     const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
     if (max_connections != 0 && dependencies_.sessions.Count() > max_connections) {
+      TellBegin();
       return Refuse(ReplyKind::kTooManyConnections);
     }
     if (mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.ProxyProtocolFrom)) {
@@ -35,12 +36,17 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
 }
 
 void cProxy::AdmitClient(bool tls) {
+  TellBegin();
   const Configuration& c = dependencies_.configuration;
   const IPAddress ip = ClientIP();
   Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
-  if (!Whitelisted &&
-      (!mCommon::IPInRangeList(ip, c.IPAllowList) || mCommon::IPInRangeList(ip, c.IPBlackList))) {
-    return Refuse(ReplyKind::kIPBlackList);
+  if (!Whitelisted) {
+    if (!mCommon::IPInRangeList(ip, c.IPAllowList)) {
+      return Refuse(ReplyKind::kIPBlackList, {.name = "IPAllowList"});
+    }
+    if (mCommon::IPInRangeList(ip, c.IPBlackList)) {
+      return Refuse(ReplyKind::kIPBlackList, {.name = "IPBlackList", .ranges = &c.IPBlackList});
+    }
   }
   ArmTimeout();
   if (tls) {
@@ -51,8 +57,8 @@ void cProxy::AdmitClient(bool tls) {
   }
 }
 
-void cProxy::Refuse(ReplyKind kind) {
-  dialogue_.Say(kind, *this);
+void cProxy::Refuse(ReplyKind kind, const DecidingList& list) {
+  dialogue_.Say(kind, *this, list);
   Close();
 }
 
@@ -92,12 +98,15 @@ bool cProxy::AdmitByName() {
   // The allow list's "*" is meant for names; a client that has none does not pass by it.
   const bool allowed = !HostName.empty() && mText::MatchList(HostName, c.HostsAllowList);
   if (allowed && !mText::MatchList(HostName, c.HostsBlackList)) return true;
-  dialogue_.Say(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList, *this);
+  DecidingList list{.name = "HostsBlackList", .list = &c.HostsBlackList, .value = DecidingList::Value::kName};
+  if (!allowed) list = {.name = HostName.empty() ? "HostsWhiteList" : "HostsAllowList"};
+  dialogue_.Say(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList, *this, list);
   return false;
 }
 
 void cProxy::ConnectServer() {
   stage_ = Stage::kAdmitted;
+  if (dependencies_.observer != nullptr) connect_began_ = dependencies_.clock.Monotonic();
   try {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {

@@ -8,6 +8,7 @@
 #include "platform/event_loop.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/session_collection.h"
+#include "proxy/session_observer.h"
 #include "proxy/tls_contexts.h"
 #include "resolver/name_lookup.h"
 
@@ -24,6 +25,7 @@ struct SessionDependencies {
   SessionCollection& sessions;
   TlsContexts& tls;
   GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
+  SessionObserver* observer = nullptr;   // nullptr: nobody counts or records what happens
 };
 
 }  // namespace trabex

@@ -119,8 +119,9 @@ bool cProxy::EndOpening() {
   if (!opening_) return false;
   if (dependencies_.clock.Monotonic() <= std::min(opening_->end, opening_->handshake_end)) return false;
   if (dialogue_.phase() == Phase::kProxyHeader) {
-    return CloseBecause("PROXY header time-out. Closing connection.");
+    return CloseBecause(SessionEnd::kTimeout, "PROXY header time-out. Closing connection.");
   }
+  EndsBy(SessionEnd::kTimeout);
   dialogue_.RefuseServer("time-out", *this);
   Pump();
   return true;

@@ -116,6 +116,7 @@ void SessionSide::NoteFailure(int error, std::string_view description) {
   end_ = End::kFailed;
   if (!logs_failures_) return;
   if (only_looks_ && error == socket_error::kConnectionReset && socket_.BytesReceived() == 0) return;
+  owner_.OnSideFailure(*this, error, description);
   if (error == tls_error::kTooManyHandshakes) {
     return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
   }
@@ -127,7 +128,7 @@ void SessionSide::Close() {
   readable_ = false;
   end_.reset();
   if (socket_.State() == SocketState::sckClosed) return;
-  if (connected_ || peer_ == Peer::kClient) {
+  if (WasConnected()) {
     Log(log_level::kConnection,
         "Disconnected. Bytes received/sent: " + std::to_string(socket_.BytesReceived()) + "/" +
             std::to_string(socket_.BytesSent()));

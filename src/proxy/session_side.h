@@ -30,6 +30,9 @@ class SessionSide {
     // The fact is noted already. Errors that leave the call are logged by the socket. Never called from
     // inside Send or StartTls: what happens there is only noted, and its caller checks it.
     virtual void OnSideEvent(SessionSide& side, Event event) = 0;
+    // The connection has failed, or could not be made (then IsConnected was never true).
+    virtual void OnSideFailure(const SessionSide& /*side*/, int /*error*/, std::string_view /*description*/) {
+    }
   };
 
   // How the peer's connection ended.
@@ -54,6 +57,8 @@ class SessionSide {
   // How long bytes wait for those that follow them, so that they leave within a fifth of a second.
   static constexpr Milliseconds kMaxHold{150};
 
+  // Sends what is held.
+  void SendHeld();
   // Whether bytes wait to be sent; held ones do not count.
   bool Sending() const { return sending_; }
   // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together
@@ -65,6 +70,8 @@ class SessionSide {
   // Whether the latest Send that held nothing back was complete when it returned.
   bool SentAtOnce() const { return sent_at_once_; }
   bool IsConnected() const { return socket_.State() == SocketState::sckConnected; }
+  // Whether it was connected at any time; of the client that it was accepted.
+  bool WasConnected() const { return connected_ || peer_ == Peer::kClient; }
 
   // Whether the connection has ended, and the end was not taken yet.
   bool HasEnded() const { return end_.has_value(); }
@@ -97,7 +104,6 @@ class SessionSide {
   };
 
   void Hold(std::string_view bytes);
-  void SendHeld();
   void SendNow(std::string_view bytes, bool more_follows);
 
   const Peer peer_;

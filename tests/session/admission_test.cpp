@@ -206,8 +206,8 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
 TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
   class Greylisting final : public GreylistCheck {
    public:
-    bool ShouldDefer(std::string_view host_name, const IPAddress&, std::string_view,
-                     std::string_view) override {
+    GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress&, std::string_view,
+                                std::string_view) override {
       names.emplace_back(host_name);
       return false;
     }

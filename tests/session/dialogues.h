@@ -10,7 +10,8 @@
 namespace trabex {
 
 struct DelayAll : GreylistCheck {
-  bool ShouldDefer(std::string_view, const IPAddress&, std::string_view, std::string_view) override {
+  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+                              std::string_view) override {
     return true;
   }
 };

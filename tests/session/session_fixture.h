@@ -45,6 +45,7 @@ class SessionFixture {
   EventLoop Loop{Time};
   FakeNameLookup Names{Loop};
   GreylistCheck* Greylisting = nullptr;
+  SessionObserver* Observer = nullptr;
   TlsContexts Tls;
   bool OnTlsPort = false;       // whether TLS is spoken from the first byte on
   bool HandshakeAtOnce = true;  // there: each client makes the handshake when it has connected

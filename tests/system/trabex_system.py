@@ -18,6 +18,7 @@ Nothing sleeps for time: a case waits for an event (wait_until, or a read from a
 import argparse
 import atexit
 import contextlib
+import json
 import os
 import re
 import signal
@@ -72,7 +73,10 @@ class Trabex:
         self.address = (LOOPBACK, self.port)
         self.arguments = list(arguments)
         self.wrapper = []  # a command that starts it, such as nohup
-        self.sections = sections
+        # Every run is a test of the log in JSON as well.
+        self.json_log = self.folder / "trabex.json"
+        self.sections = {**(sections or {})}
+        self.sections["Service"] = {"JsonLog": self.json_log, **self.sections.get("Service", {})}
         self.settings = {"BindIP": LOOPBACK, "BindPort": self.port, "ServerIP": LOOPBACK,
                          "ServerPort": server_port, "LogPath": self.log_folder, "LocalHostName": "proxy.example"}
         self.settings.update(settings or {})
@@ -93,6 +97,7 @@ class Trabex:
 
     def start(self):
         self.process = Process(self._place, "Trabex", self.command())
+        self._place.on_leaving(self.json_events)
         self._place.on_leaving(self._leave, self.process)
         self.process.wait_listening(self.port)
         return self
@@ -109,6 +114,13 @@ class Trabex:
                 raise AssertionError(f"Trabex ended with status {status}:\n{process.stderr()}")
         if "ERROR: " in process.stderr() or "runtime error: " in process.stderr():
             raise AssertionError(process.stderr())
+
+    def json_events(self):
+        """The lines of the log in JSON. The last one may be cut off where the program was killed."""
+        if not self.json_log.exists():
+            return []
+        lines = self.json_log.read_bytes().split(b"\n")
+        return [json.loads(line) for line in lines[:-1]]
 
     def log(self):
         """The text of its log files, in the order of their names."""

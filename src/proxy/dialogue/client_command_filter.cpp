@@ -17,6 +17,7 @@ namespace trabex {
 namespace {
 
 using Action = LineDecision::Action;
+using Value = DecidingList::Value;
 using enum ReplyKind;
 
 // What the log shows of authentication data.
@@ -40,19 +41,23 @@ std::string_view NameToLookUp(std::string_view helo_domain) {
   return address.empty() ? helo_domain : address;
 }
 
+// A list of the settings with its name.
+struct NamedList {
+  std::string_view name;
+  const ExpressionList& list;
+};
+
 // A three-list test refuses a value that is neither in the white list nor in the allow list without being
-// black-listed.
-bool RefusedByLists(std::string_view value, const ExpressionList& white, const ExpressionList& allow,
-                    const ExpressionList& black) {
-  if (mText::MatchList(value, white)) return false;
-  return !mText::MatchList(value, allow) || mText::MatchList(value, black);
+// black-listed. Returns the list that decided when it refuses.
+std::optional<DecidingList> RefusedByLists(std::string_view value, DecidingList::Value kind,
+                                           const ExpressionList& white, const NamedList& allow,
+                                           const NamedList& black) {
+  if (mText::MatchList(value, white)) return std::nullopt;
+  if (!mText::MatchList(value, allow.list)) return DecidingList{.name = allow.name};
+  if (!mText::MatchList(value, black.list)) return std::nullopt;
+  return DecidingList{.name = black.name, .list = &black.list, .value = kind};
 }
 
-// Why a line is refused.
-struct Refusal {
-  ReplyKind kind;
-  std::string_view key = FindPolicyReply(kind).key;
-};
 using MaybeRefusal = std::optional<Refusal>;
 
 }  // namespace
@@ -251,7 +256,9 @@ class ClientCommandFilter::LineFilter {
     const bool has_black_list =
         (checks & ForClient(validate_helo::kBlackListLocal, validate_helo::kBlackListRemote)) != 0;
     if (has_black_list && mText::MatchList(domain, configuration_.HELOBlackList)) {
-      return Answer({domain.empty() ? kHeloNoDomain : kHeloBlackList});
+      return Answer(
+          {.kind = domain.empty() ? kHeloNoDomain : kHeloBlackList,
+           .list = {.name = "HELOBlackList", .list = &configuration_.HELOBlackList, .value = Value::kHelo}});
     }
     const bool is_looked_up = (checks & ForClient(validate_helo::kDnsLocal, validate_helo::kDnsRemote)) != 0;
     if (!is_looked_up || HeloMatchesHostName()) return ForwardAsIs();
@@ -299,9 +306,11 @@ class ClientCommandFilter::LineFilter {
     if (max_transactions != 0 && requested_.TransactionCount > max_transactions) {
       return Answer({kMailTooManyTransactions});
     }
-    if (!address->empty() &&
-        RefusedByLists(*address, c.SendersWhiteList, c.SendersAllowList, c.SendersBlackList)) {
-      return Answer({kMailBlackList});
+    if (!address->empty()) {
+      const auto list =
+          RefusedByLists(*address, Value::kSender, c.SendersWhiteList,
+                         {"SendersAllowList", c.SendersAllowList}, {"SendersBlackList", c.SendersBlackList});
+      if (list) return Answer({.kind = kMailBlackList, .list = *list});
     }
     if (const auto size = DeclaredSize(path.parameters); size && state_.offered.SizeLimit != 0) {
       requested_.DeclaredSize = *size;
@@ -349,20 +358,29 @@ class ClientCommandFilter::LineFilter {
     const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
     if (facts_.IsLocalClient()) {
       if (!local_domain && mText::MatchList(requested_.Sender, c.RestrictedSenders)) {
-        return Refusal{kRcptRestricted};
+        return Refusal{
+            .kind = kRcptRestricted,
+            .list = {.name = "RestrictedSenders", .list = &c.RestrictedSenders, .value = Value::kSender}};
       }
-      if (RefusedByLists(recipient, c.RecipientsWhiteListLocal, c.RecipientsAllowListLocal,
-                         c.RecipientsBlackListLocal)) {
-        return Refusal{kRcptBlackListLocal};
+      if (const auto list = RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListLocal,
+                                           {"RecipientsAllowListLocal", c.RecipientsAllowListLocal},
+                                           {"RecipientsBlackListLocal", c.RecipientsBlackListLocal})) {
+        return Refusal{.kind = kRcptBlackListLocal, .list = *list};
       }
       return std::nullopt;
     }
-    if (!local_domain || HasRouteInLocalPart(recipient)) return Refusal{kRcptRelaying};
-    if (RefusedByLists(recipient, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote,
-                       c.RecipientsBlackListRemote)) {
-      return Refusal{kRcptBlackListRemote};
+    if (!local_domain) return Refusal{.kind = kRcptRelaying, .list = {.name = "LocalDomains"}};
+    if (HasRouteInLocalPart(recipient)) return Refusal{kRcptRelaying};
+    if (const auto list = RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListRemote,
+                                         {"RecipientsAllowListRemote", c.RecipientsAllowListRemote},
+                                         {"RecipientsBlackListRemote", c.RecipientsBlackListRemote})) {
+      return Refusal{.kind = kRcptBlackListRemote, .list = *list};
     }
-    if (mText::MatchList(recipient, c.PrivateRecipients)) return Refusal{kRcptPrivate};
+    if (mText::MatchList(recipient, c.PrivateRecipients)) {
+      return Refusal{
+          .kind = kRcptPrivate,
+          .list = {.name = "PrivateRecipients", .list = &c.PrivateRecipients, .value = Value::kRecipient}};
+    }
     return std::nullopt;
   }
 
@@ -370,10 +388,9 @@ class ClientCommandFilter::LineFilter {
   bool IsGreylisted() {
     const GreyListingSettings& settings = configuration_.GreyListing;
     if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return false;
-    if (!greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(), requested_.Sender,
-                                   requested_.Recipient)) {
-      return false;
-    }
+    decision_.greylisting = greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(),
+                                                      requested_.Sender, requested_.Recipient);
+    if (!decision_.greylisting->deferred) return false;
     const std::int32_t action = settings.CallbackSenderAction;
     if (!mText::MatchList(requested_.Sender, settings.CallbackSendersList)) return true;
     if (action == callback_sender_action::kRefuse) return true;
@@ -447,11 +464,13 @@ class ClientCommandFilter::LineFilter {
     decision_.action = Action::kAnswer;
     decision_.text = BuildReply(refusal);
     decision_.end = row.after == AfterReply::kClose;
+    decision_.refusal = refusal;
   }
 
   void Break() {
     decision_.action = Action::kBreak;
     decision_.text = "Connection broken due to Greylisting";
+    decision_.refusal = Refusal{kDataGreylisted};
   }
 
   // What is checked after every line.

@@ -22,6 +22,7 @@
 #include "base/ip_address.h"
 #include "config/configuration.h"
 #include "proxy/dialogue/command_table.h"
+#include "proxy/dialogue/dialogue_events.h"
 #include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/dialogue/policy_replies.h"
@@ -33,6 +34,13 @@ namespace trabex {
 struct HostAddresses {
   bool found = false;
   std::span<const IPAddress> addresses;
+};
+
+// Why a line is refused.
+struct Refusal {
+  ReplyKind kind;
+  std::string_view key = FindPolicyReply(kind).key;  // of a member of a family its own
+  DecidingList list = {};
 };
 
 // What the dialogue is to do with a line, and what it is to remember.
@@ -53,6 +61,8 @@ struct LineDecision {
   bool end = false;                            // kAnswer: the session ends after the reply
   bool too_many_bad_sequences = false;         // the session ends after a pause
   std::optional<Error> failure;                // to be logged: what went wrong without stopping the line
+  std::optional<Refusal> refusal;              // kAnswer: which reply it is; kBreak: why
+  std::optional<GreylistVerdict> greylisting;  // of a recipient that was judged
 };
 
 class ClientCommandFilter {

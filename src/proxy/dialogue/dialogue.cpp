@@ -76,6 +76,7 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   if (!whole) return 0;
   state_.BytesReceived += std::ssize(line);
   if (logged) actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(line, state_.phase));
+  if (state_.phase != Phase::kAuthData) actions.OnCommand();
   LineDecision decision = commands_.ProcessIncomingData(line, state_);
   if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line = line;
   // What follows STARTTLS in the clear may come from somebody between the client and us, and would count as
@@ -95,6 +96,7 @@ std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actio
   if (state_.phase != Phase::kFarewell) step = state_.content.Scan(bytes);
   state_.BytesReceived += static_cast<std::int64_t>(step.bytes);
   if (step.bytes > 0 && Expected() == ClientBytes::kContent) {
+    if (state_.phase == Phase::kDotContent || state_.phase == Phase::kChunk) actions.OnContent(step.bytes);
     actions.ToServer(bytes.substr(0, step.bytes), false);
   }
   if (step.outcome == ContentTracker::Outcome::kEnded) Enter(PhaseEvent::kContentComplete);
@@ -108,6 +110,20 @@ std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actio
 void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
   if (decision.failure) actions.LogFailure(*decision.failure);
   state_.requested = std::move(decision.requested);
+  if (decision.greylisting) {
+    const bool callback = decision.greylisting->deferred && !decision.refusal;
+    actions.OnGreylisting(*decision.greylisting, callback, state_.requested);
+  }
+  if (decision.refusal) {
+    const Refusal& refusal = *decision.refusal;
+    const bool sent = decision.action == LineDecision::Action::kAnswer;
+    actions.OnOwnReply({.kind = refusal.kind,
+                        .key = refusal.key,
+                        .text = sent ? std::string_view(decision.text) : std::string_view(),
+                        .requested = state_.requested,
+                        .list = refusal.list,
+                        .sent = sent});
+  }
   switch (decision.action) {
     case LineDecision::Action::kForward:
       Forward(decision, actions);
@@ -236,6 +252,7 @@ void Dialogue::Follow(const ServerPreface::Step& step, DialogueActions& actions)
       break;
     case Kind::kGreet:
       Enter(PhaseEvent::kPrefaceOver);
+      actions.OnServerReply(Command::kOther, step.text);
       RelayReply(step.text, actions);
       if (step.without_server) {
         state_.transaction = Transaction::kRefused;
@@ -258,6 +275,7 @@ void Dialogue::RefuseServer(std::string_view reason, DialogueActions& actions) {
 void Dialogue::RelayReplies(DialogueActions& actions) {
   while (auto reply = assembler_.NextReply()) {
     actions.Log(Side::kServer, log_level::kReceived, *reply);
+    actions.OnServerReply(state_.forwarded.command, *reply);
     RelayReply(ReplyThatCounts(std::move(*reply)), actions);
   }
 }
@@ -276,8 +294,29 @@ std::string Dialogue::ReplyThatCounts(std::string reply) {
   return reply;
 }
 
+// What a reply means for those who count and record, before anything of it is forgotten.
+void Dialogue::TellOf(std::string_view reply, const ReplyDecision& decision, DialogueActions& actions) const {
+  const ForwardedCommand& forwarded = state_.forwarded;
+  const char first = reply.empty() ? ' ' : reply.front();
+  const bool owed = state_.phase == Phase::kReply || state_.phase == Phase::kContentReply;
+  if (!owed) return;
+  if (state_.phase == Phase::kContentReply) {
+    if (forwarded.command == Command::kData) actions.OnMessage(reply);
+  } else if (forwarded.command == Command::kRcpt) {
+    if (first == '2') actions.OnRecipient(RecipientResult::kAccepted, state_.requested.Recipient);
+    if (first == '4') actions.OnRecipient(RecipientResult::kServerDeferred, state_.requested.Recipient);
+    if (first == '5') actions.OnRecipient(RecipientResult::kServerRefused, state_.requested.Recipient);
+  } else if (forwarded.command == Command::kBdat) {
+    if (forwarded.last_chunk) actions.OnMessage(reply);
+  } else if (decision.transaction == Transaction::kOpen && state_.transaction != Transaction::kOpen &&
+             state_.transaction != Transaction::kChunks) {
+    actions.OnTransaction(state_.requested);
+  }
+}
+
 void Dialogue::RelayReply(std::string_view reply, DialogueActions& actions) {
   ReplyDecision decision = replies_.ProcessOutgoingData(reply, state_);
+  TellOf(reply, decision, actions);
   if (decision.requested) state_.requested = std::move(*decision.requested);
   if (decision.offered) state_.offered = std::move(*decision.offered);
   if (decision.login) state_.login = *decision.login;
@@ -305,16 +344,30 @@ bool Dialogue::RelayWholeLines(DialogueActions& actions) {
 // Tells the client that the server is gone, and ends the session.
 void Dialogue::EndWithoutServer(DialogueActions& actions) {
   preface_.reset();
-  actions.ToClient(commands_.BuildReply(ReplyKind::kServerError, state_).append(kCrLf));
+  std::string reply = commands_.BuildReply(ReplyKind::kServerError, state_);
+  TellOfOwn(ReplyKind::kServerError, reply, {}, true, actions);
+  actions.ToClient(reply.append(kCrLf));
   actions.CloseServer();
   Enter(PhaseEvent::kEnd);
 }
 
-void Dialogue::Say(ReplyKind kind, DialogueActions& actions) {
+void Dialogue::TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingList& list, bool sent,
+                         DialogueActions& actions) const {
+  actions.OnOwnReply({.kind = kind,
+                      .key = FindPolicyReply(kind).key,
+                      .text = reply,
+                      .requested = state_.requested,
+                      .list = list,
+                      .sent = sent});
+}
+
+void Dialogue::Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list) {
   // A balancer that has not said whose connection it is gets no word.
   if (state_.phase == Phase::kProxyHeader) return Enter(PhaseEvent::kEnd);
   std::string reply = commands_.BuildReply(kind, state_);
-  if (state_.phase == Phase::kTls || state_.phase == Phase::kStartTls) {
+  const bool readable = state_.phase != Phase::kTls && state_.phase != Phase::kStartTls;
+  TellOfOwn(kind, reply, list, readable, actions);
+  if (!readable) {
     actions.Log(Side::kClient, log_level::kErrors, "Refused without TLS: " + reply);
     return Enter(PhaseEvent::kEnd);
   }

@@ -15,6 +15,7 @@
 #include "base/error.h"
 #include "config/configuration.h"
 #include "proxy/dialogue/client_command_filter.h"
+#include "proxy/dialogue/dialogue_events.h"
 #include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/dialogue/policy_replies.h"
@@ -29,11 +30,10 @@ namespace trabex {
 
 // What a dialogue asks its owner to do: each at once, in the order of the calls. Texts are valid during the
 // call only.
-class DialogueActions {
+class DialogueActions : public DialogueEvents {
  public:
   enum class Side { kClient, kServer };
 
-  virtual ~DialogueActions() = default;
   // Sends a command line, or content. With `more_follows` the next bytes come soon, and may share a packet.
   virtual void ToServer(std::string_view bytes, bool more_follows) = 0;
   // Sends replies, or lines of one, with their line ends.
@@ -113,7 +113,7 @@ class Dialogue {
   // Sends the client the proxy's own reply `kind`; the table of replies says what becomes of the session. For
   // replies that refuse no command, such as that of a service that stops. A client whose TLS does not stand
   // yet could not read it: the reply is logged, and the session ends.
-  void Say(ReplyKind kind, DialogueActions& actions);
+  void Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list = {});
 
  private:
   std::size_t TakeHeader(std::string_view bytes, DialogueActions& actions);
@@ -127,11 +127,14 @@ class Dialogue {
 
   void RelayReplies(DialogueActions& actions);
   void RelayReply(std::string_view reply, DialogueActions& actions);
+  void TellOf(std::string_view reply, const ReplyDecision& decision, DialogueActions& actions) const;
   // The reply that counts: some servers (OpenSMTPD) take one EHLO in a session and refuse the next with 503;
   // what they said to the earlier one still holds then.
   std::string ReplyThatCounts(std::string reply);
   bool RelayWholeLines(DialogueActions& actions);
   void EndWithoutServer(DialogueActions& actions);
+  void TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingList& list, bool sent,
+                 DialogueActions& actions) const;
 
   void Enter(PhaseEvent event);
   // For an event after which `octets` follow; with 0 of them the content is complete at once.

@@ -1,19 +1,37 @@
 // The greylisting decision as the command filter asks for it.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
+#include "base/date_time.h"
 #include "base/ip_address.h"
 
 namespace trabex {
 
+struct GreylistVerdict {
+  enum class Outcome : std::uint8_t { kWhitelisted, kAccepted, kNew, kDelayed };
+
+  // A verdict without a record.
+  GreylistVerdict(bool is_deferred)  // NOLINT(google-explicit-constructor): most need no more than that
+      : deferred(is_deferred), outcome(is_deferred ? Outcome::kNew : Outcome::kAccepted) {}
+  explicit operator bool() const { return deferred; }
+
+  bool deferred;
+  Outcome outcome;
+  bool blacklisted = false;    // the client waits longer
+  std::int64_t attempts = 0;   // with this one; 0: there is no record
+  DateTime delayed_until = 0;  // universal, as the next one
+  DateTime expires = 0;
+};
+
 class GreylistCheck {
  public:
   virtual ~GreylistCheck() = default;
-  // Counts the attempt; returns whether the recipient is to be deferred (RFC 6647), that is refused for now.
+  // Counts the attempt; says whether the recipient is to be deferred (RFC 6647), that is refused for now.
   // `ip` is the client's address; `host_name` is empty when the client has none.
-  virtual bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                           std::string_view recipient) = 0;
+  virtual GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress& ip,
+                                      std::string_view sender, std::string_view recipient) = 0;
 };
 
 }  // namespace trabex

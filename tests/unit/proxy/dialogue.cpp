@@ -87,8 +87,8 @@ cReplaces Appended(std::string name, std::string text) {
   return WholeReply(std::move(name), "{%original%}" + text);
 }
 
-bool FakeGreylisting::ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                                  std::string_view recipient) {
+GreylistVerdict FakeGreylisting::ShouldDefer(std::string_view host_name, const IPAddress& ip,
+                                             std::string_view sender, std::string_view recipient) {
   asked.push_back(std::string(host_name)
                       .append("|")
                       .append(FormatIPAddress(ip))

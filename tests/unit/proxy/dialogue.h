@@ -57,8 +57,8 @@ class FakeFacts final : public SessionFacts {
 
 class FakeGreylisting final : public GreylistCheck {
  public:
-  bool ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                   std::string_view recipient) override;
+  GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
+                              std::string_view recipient) override;
 
   bool delays = false;
   std::vector<std::string> asked;  // "host|ip|sender|recipient"

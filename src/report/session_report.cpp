@@ -1,0 +1,360 @@
+#include "report/session_report.h"
+
+#include <array>
+#include <cmath>
+
+#include "base/date_time.h"
+#include "base/error.h"
+#include "base/ip_address.h"
+#include "base/text.h"
+#include "proxy/cProxy.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr std::array<std::string_view, 8> kEnds = {"quit",    "client", "server", "timeout",
+                                                   "refused", "badseq", "closed", "shutdown"};
+constexpr std::array<std::string_view, 7> kOutcomes = {
+    "whitelisted", "accepted", "new", "delayed", "blacklisted_new", "blacklisted_delayed", "callback"};
+
+std::size_t OriginOf(const cProxy& session) {
+  return session.ClientIsLocal() ? 0 : 1;
+}
+
+// 2 to 5; 0 for what is no reply code of SMTP.
+std::size_t ClassOf(std::string_view reply) {
+  const char first = reply.empty() ? ' ' : reply.front();
+  return first >= '2' && first <= '5' ? static_cast<std::size_t>(first - '0') : 0;
+}
+
+// The first three characters when they are digits, otherwise 0.
+std::int64_t CodeNumber(std::string_view reply) {
+  std::int64_t code = 0;
+  for (std::size_t i = 0; i < 3; ++i) {
+    if (i >= reply.size() || !IsDigit(reply[i])) return 0;
+    code = code * 10 + (reply[i] - '0');
+  }
+  return code;
+}
+
+std::size_t OutcomeIndex(const GreylistVerdict& verdict, bool callback) {
+  using Outcome = GreylistVerdict::Outcome;
+  if (callback) return 6;
+  switch (verdict.outcome) {
+    case Outcome::kWhitelisted:
+      return 0;
+    case Outcome::kAccepted:
+      return 1;
+    case Outcome::kNew:
+      return verdict.blacklisted ? 4 : 2;
+    case Outcome::kDelayed:
+      break;
+  }
+  return verdict.blacklisted ? 5 : 3;
+}
+
+bool IsReplyToRcpt(ReplyKind kind) {
+  return FindPolicyReply(kind).key.starts_with("RCPT.");
+}
+
+// What part of a session a reply belongs to.
+std::string_view StageOf(const OwnReply& reply) {
+  switch (reply.kind) {
+    case ReplyKind::kTooManyConnections:
+    case ReplyKind::kIPBlackList:
+    case ReplyKind::kHostsBlackList:
+    case ReplyKind::kNoPtr:
+      return "connect";
+    case ReplyKind::kServerError:
+    case ReplyKind::kShutdown:
+      return "end";
+    case ReplyKind::kDataAmbiguousEnd:
+      return "content";
+    case ReplyKind::kLineTooLong:
+      return "command";
+    default:
+      break;
+  }
+  switch (FindCommand(reply.requested.CurrentVerb).id) {
+    case Command::kHelo:
+    case Command::kEhlo:
+      return "helo";
+    case Command::kMail:
+    case Command::kSend:
+    case Command::kSoml:
+    case Command::kSaml:
+      return "mail";
+    case Command::kRcpt:
+      return "rcpt";
+    case Command::kData:
+    case Command::kBdat:
+      return "data";
+    case Command::kStarttls:
+      return "starttls";
+    case Command::kAuth:
+      return "auth";
+    default:
+      return "command";
+  }
+}
+
+void WriteIfAny(JsonLine& line, std::string_view name, std::string_view value) {
+  if (!value.empty()) line.Text(name, value);
+}
+
+// An AND-group in the parentheses that the settings have for it.
+std::string TextOf(const ListEntry& entry) {
+  std::string text;
+  for (const std::string& pattern : entry.patterns) text.append(text.empty() ? "" : " ").append(pattern);
+  return entry.is_group ? "(" + text + ")" : text;
+}
+
+std::string_view ValueOf(const DecidingList& list, const cProxy& session, const RequestedState& requested) {
+  switch (list.value) {
+    case DecidingList::Value::kName:
+      return session.Name();
+    case DecidingList::Value::kHelo:
+      return requested.HeloDomain;
+    case DecidingList::Value::kSender:
+      return requested.Sender;
+    case DecidingList::Value::kRecipient:
+      return requested.Recipient;
+    case DecidingList::Value::kAddress:
+      break;
+  }
+  return {};
+}
+
+// "" when it was no entry that decided.
+std::string EntryOf(const DecidingList& list, const cProxy& session, const RequestedState& requested) {
+  if (list.ranges != nullptr) {
+    const auto range = list.ranges->Find(session.ClientIP());
+    return range ? mCommon::FormatRange(*range) : std::string();
+  }
+  if (list.list == nullptr) return {};
+  try {
+    const auto index = list.list->Find(ValueOf(list, session, requested));
+    return index ? TextOf(list.list->Entry(*index)) : std::string();
+  } catch (const Error&) {
+    // A pattern before it is malformed.
+    return {};
+  }
+}
+
+void WriteTime(JsonLine& line, std::string_view name, DateTime universal) {
+  JsonTime time;
+  line.Text(name, time.Format(std::llround((universal - kUnixEpoch) * kSecondsPerDay) * 1000));
+}
+
+std::int64_t MillisecondsBetween(MonotonicTime begin, MonotonicTime end) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(end - begin).count();
+}
+
+}  // namespace
+
+void SessionReport::Record::BeginMessage(std::string_view sender, MonotonicTime now) {
+  began = now;
+  from = sender;
+  recipients.clear();
+  refused.clear();
+  recipients_count = refused_count = octets = 0;
+}
+
+SessionReport::Record* SessionReport::RecordOf(const cProxy& session) {
+  if (!json_.IsOn()) return nullptr;
+  if (latest_ == nullptr || latest_id_ != session.Id()) {
+    latest_id_ = session.Id();
+    latest_ = &records_[latest_id_];
+  }
+  return latest_;
+}
+
+JsonLine& SessionReport::BeginLine(std::string_view event, const cProxy& session) {
+  JsonLine& line = json_.Begin(event);
+  const auto digits = SessionIdDigits(session.Id());
+  line.Text("session", {digits.data(), digits.size()});
+  line.Text("client", FormatIPAddress(session.ClientIP()));
+  line.Text("origin", session.ClientIsLocal() ? "local" : "remote");
+  line.Number("client_handle", session.Handle());
+  Record& record = *RecordOf(session);
+  if (session.ServerHandle() >= 0) record.server_handle = session.ServerHandle();
+  if (record.server_handle >= 0) line.Number("server_handle", record.server_handle);
+  return line;
+}
+
+void SessionReport::OnBegin(const cProxy& session) {
+  ++counters_.sessions[OriginOf(session)];
+}
+
+void SessionReport::OnCommand(const cProxy& session) {
+  if (Record* const record = RecordOf(session)) ++record->commands;
+}
+
+void SessionReport::OnOwnReply(const cProxy& session, const OwnReply& reply) {
+  const std::size_t index = CountedReplyIndex(reply.kind, reply.key);
+  if (reply.sent && index < counters_.replies.size()) ++counters_.replies[index];
+  const PolicyReply& row = FindPolicyReply(reply.kind);
+  if (ClassOf(row.code) < 4) return;
+  if (IsReplyToRcpt(reply.kind)) {
+    const bool deferred = ClassOf(row.code) == 4;
+    OnRecipient(session, deferred ? RecipientResult::kDeferred : RecipientResult::kRefused,
+                reply.requested.Recipient);
+  }
+  if (json_.Wants("refusal")) WriteRefusal(session, reply);
+}
+
+void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
+  JsonLine& line = BeginLine("refusal", session);
+  const std::string_view stage = StageOf(reply);
+  line.Text("stage", stage);
+  line.Text("key", reply.key.empty() ? FindPolicyReply(reply.kind).key : reply.key);
+  if (reply.sent) {
+    line.Number("code", CodeNumber(reply.text));
+    line.Text("text", reply.text);
+  }
+  line.Truth("sent", reply.sent);
+  WriteIfAny(line, "name", session.Name());
+  WriteIfAny(line, "helo", reply.requested.HeloDomain);
+  // An address that could not be read is not remembered; what is remembered then is another one.
+  const bool has_recipient = stage == "rcpt" && reply.kind != ReplyKind::kRcptAddressSyntax;
+  const bool has_sender = stage == "rcpt" || stage == "data" || stage == "content" ||
+                          (stage == "mail" && reply.kind != ReplyKind::kMailAddressSyntax);
+  if (has_sender) line.Text("from", reply.requested.Sender);
+  if (has_recipient) line.Text("to", reply.requested.Recipient);
+  if (!reply.list.name.empty()) {
+    line.Text("list", reply.list.name);
+    WriteIfAny(line, "entry", EntryOf(reply.list, session, reply.requested));
+  }
+  json_.End();
+}
+
+void SessionReport::OnGreylisting(const cProxy& session, const GreylistVerdict& verdict, bool callback,
+                                  const RequestedState& requested) {
+  const std::size_t outcome = OutcomeIndex(verdict, callback);
+  ++counters_.greylisting[outcome];
+  if (!json_.Wants("greylisting")) return;
+  JsonLine& line = BeginLine("greylisting", session);
+  line.Text("outcome", kOutcomes[outcome]);
+  line.Truth("blacklisted", verdict.blacklisted);
+  if (verdict.attempts > 0) {
+    line.Number("attempts", verdict.attempts);
+    if (verdict.deferred) WriteTime(line, "delayed_until", verdict.delayed_until);
+    WriteTime(line, "expires", verdict.expires);
+  }
+  WriteIfAny(line, "name", session.Name());
+  line.Text("from", requested.Sender);
+  line.Text("to", requested.Recipient);
+  json_.End();
+}
+
+void SessionReport::OnServerReply(const cProxy&, Command command, std::string_view reply) {
+  const std::size_t reply_class = ClassOf(reply);
+  if (reply_class != 0) ++counters_.server_replies[static_cast<std::size_t>(command)][reply_class - 2];
+}
+
+void SessionReport::OnTransaction(const cProxy& session, const RequestedState& requested) {
+  if (Record* const record = RecordOf(session)) record->BeginMessage(requested.Sender, clock_.Monotonic());
+}
+
+void SessionReport::OnRecipient(const cProxy& session, RecipientResult result, std::string_view mailbox) {
+  ++counters_.recipients[OriginOf(session)][static_cast<std::size_t>(result)];
+  Record* const record = RecordOf(session);
+  if (record == nullptr) return;
+  const bool accepted = result == RecipientResult::kAccepted;
+  ++(accepted ? record->recipients_count : record->refused_count);
+  auto& list = accepted ? record->recipients : record->refused;
+  if (list.size() < kMaxListed) list.emplace_back(mailbox);
+}
+
+void SessionReport::OnContent(const cProxy& session, std::size_t octets) {
+  if (Record* const record = RecordOf(session)) record->octets += static_cast<std::int64_t>(octets);
+}
+
+void SessionReport::OnMessage(const cProxy& session, std::string_view reply) {
+  const bool taken = ClassOf(reply) == 2;
+  if (taken) ++counters_.messages[OriginOf(session)];
+  Record* const record = RecordOf(session);
+  if (record == nullptr) return;
+  record->messages += taken ? 1 : 0;
+  const MonotonicTime now = clock_.Monotonic();
+  if (json_.Wants("message")) {
+    JsonLine& line = BeginLine("message", session);
+    line.Text("from", record->from);
+    line.Texts("recipients", record->recipients);
+    line.Texts("refused", record->refused);
+    line.Number("recipients_count", record->recipients_count);
+    line.Number("refused_count", record->refused_count);
+    line.Number("bytes", record->octets);
+    line.Thousandths("seconds", MillisecondsBetween(record->began, now));
+    line.Number("code", CodeNumber(reply));
+    line.Text("reply", WithoutLineEnd(reply));
+    json_.End();
+  }
+  record->BeginMessage({}, now);
+}
+
+void SessionReport::OnServerConnected(const cProxy&, std::chrono::nanoseconds time) {
+  counters_.server_connect_time.Observe(time);
+  server_failure_.clear();
+}
+
+void SessionReport::OnServerNotReached(const cProxy& session, int error, std::string_view description) {
+  ++counters_.server_connect_failures;
+  server_failure_ = "The server cannot be reached: error " + std::to_string(error) + ", ";
+  server_failure_.append(description);
+  WriteFailure(session, "server", error, description);
+}
+
+void SessionReport::OnFailure(const cProxy& session, bool with_client, int error,
+                              std::string_view description) {
+  WriteFailure(session, with_client ? "client" : "server", error, description);
+}
+
+void SessionReport::WriteFailure(const cProxy& session, std::string_view side, int error,
+                                 std::string_view description) {
+  if (!json_.Wants("error")) return;
+  JsonLine& line = BeginLine("error", session);
+  line.Text("side", side);
+  line.Number("number", error);
+  line.Text("text", description);
+  json_.End();
+}
+
+void SessionReport::OnServerLeft(const cProxy& session, const TransferredBytes& bytes) {
+  counters_.bytes[1][0] += static_cast<std::uint64_t>(bytes.in);
+  counters_.bytes[1][1] += static_cast<std::uint64_t>(bytes.out);
+  Record* const record = RecordOf(session);
+  if (record == nullptr) return;
+  record->server = bytes;
+  record->server_handle = session.ServerHandle();
+}
+
+void SessionReport::OnEnd(const cProxy& session, SessionEnd how, const TransferredBytes& client) {
+  ++counters_.sessions_ended[static_cast<std::size_t>(how)];
+  counters_.bytes[0][0] += static_cast<std::uint64_t>(client.in);
+  counters_.bytes[0][1] += static_cast<std::uint64_t>(client.out);
+  Record* const record = RecordOf(session);
+  if (record != nullptr && json_.Wants("session")) {
+    // Of those who only look whether somebody is there nobody wants to know unless he has asked.
+    const bool said_nothing = session.Admitted() && client.in == 0;
+    if (!said_nothing || json_.HasNamedEvents()) {
+      JsonLine& line = BeginLine("session", session);
+      WriteIfAny(line, "name", session.Name());
+      WriteIfAny(line, "helo", session.Helo());
+      line.Number("commands", record->commands);
+      line.Number("messages", record->messages);
+      line.Number("client_bytes_in", client.in);
+      line.Number("client_bytes_out", client.out);
+      line.Number("server_bytes_in", record->server.in);
+      line.Number("server_bytes_out", record->server.out);
+      line.Thousandths("duration", std::llround(session.Duration() * kSecondsPerDay * 1000));
+      line.Text("how", kEnds[static_cast<std::size_t>(how)]);
+      json_.End();
+    }
+  }
+  latest_ = nullptr;
+  records_.erase(session.Id());
+}
+
+}  // namespace trabex
