@@ -5,6 +5,7 @@ import os
 import re
 import socket
 import subprocess
+import time
 
 from trabex_system import (FAMILY, IPV6, LOOPBACK, Process, Scenario, bound, endpoint, free_port, ini_text,
                            is_listening, main, program, run_trabex, wait_until)
@@ -58,7 +59,7 @@ class Paths(Scenario):
         self.settings = {"BindIP": LOOPBACK, "BindPort": self.port, "ServerIP": LOOPBACK,
                          "ServerPort": self.server.port}
 
-    def run_session(self, command, cwd=None):
+    def run_session(self, command, cwd=None, told=""):
         process = Process(self.place, "Trabex", command, cwd=cwd)
         self.place.on_leaving(process.end)
         process.wait_listening(self.port)
@@ -66,7 +67,7 @@ class Paths(Scenario):
         self.assertEqual(client.read_reply()[:3], "220")
         client.close()
         self.assertEqual(process.end(), 0)
-        self.assertEqual((process.stdout(), process.stderr()), ("", ""))
+        self.assertEqual((process.stdout(), process.stderr()), ("", told))
 
     def only_log(self, folder):
         log, = folder.glob("*.log")
@@ -121,13 +122,16 @@ class Paths(Scenario):
         self.assertFalse((self.place.folder / "Log").exists())
 
     def test_log_that_cannot_be_written(self):
-        """Costs the log, not the service."""
+        """Costs the log, not the service, and who starts it is told."""
         occupied = self.place.folder / "file"
         occupied.write_text("")
-        for log in (self.place.folder / "no" / "parent", occupied, "/proc/nothing"):
+        for log, why in ((self.place.folder / "no" / "parent", "Path not found"),
+                         (occupied, "Path not found"), ("/proc/nothing", "Path not found")):
             ini = self.place.folder / "x.ini"
             ini.write_text(ini_text({**self.settings, "LogPath": log}))
-            self.run_session([program("Trabex"), "/I", ini])
+            day = time.strftime("%y%m%d")
+            self.run_session([program("Trabex"), "/I", ini], told=f'Trabex: Unable to open log file "{log}/'
+                             f'Trabex-{self.port}-{day}.log". {why}. Nothing is logged.\n')
         self.assertEqual(occupied.read_text(), "")
 
     def test_no_standard_streams(self):
@@ -222,7 +226,7 @@ class BadStart(Scenario):
         server = self.sample_server()
         proxy = self.trabex(server.port, start=False)
         with open(proxy.ini, "a", encoding="utf-8") as ini:
-            ini.write("novalue\nTimeout=abc\nMaxConnections=1\n[Other]\nkey=value\n[Common]\nMaxBadSeq=\n")
+            ini.write("[Common]\nnovalue\nTimeout=abc\nMaxConnections=1\n[Other]\nkey=value\n[Common]\nMaxBadSeq=\n")
         proxy.start()
         text = proxy.ini.read_text().splitlines()
         place = f'Error reading initialization file "{proxy.ini}", line '
