@@ -134,7 +134,9 @@ class Requests(Scenario):
     def test_asking_can_be_interrupted(self):
         self.proxy.process.send_signal(signal.SIGSTOP)
         self.place.on_leaving(self.proxy.process.send_signal, signal.SIGCONT)
-        asking = subprocess.Popen([str(program("Trabex")), "/SESSIONS", "/P", str(self.proxy.port)])
+        # Where the tests run in the background, they begin with the signal ignored.
+        asking = subprocess.Popen(["env", "--default-signal=INT", str(program("Trabex")), "/SESSIONS", "/P",
+                                   str(self.proxy.port)])
         self.place.on_leaving(asking.kill)
         wait_until(lambda: self.queued_callers() > 0, "the request to wait")
         asking.send_signal(signal.SIGINT)

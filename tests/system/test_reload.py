@@ -53,7 +53,7 @@ class Reload(Scenario):
 
         proxies["in place"].ini.write_text(text_of("in place"), encoding="utf-8")
         with open(proxies["appended"].ini, "a", encoding="utf-8") as ini:
-            ini.write("MaxBadSeq=3\n")
+            ini.write("[Common]\nMaxBadSeq=3\n")
         proxies["renamed"].write_ini(Timeout=200)
         subprocess.run(["sed", "-i", "s/Timeout=100/Timeout=200/", proxies["stream editor"].ini], check=True)
         os.utime(proxies["touched"].ini)

@@ -14,7 +14,7 @@ OWN = {"BindIP", "BindPort", "ServerIP", "ServerPort", "LogPath", "LocalHostName
 class SampleIni(Scenario):
     def dump(self, text):
         """The configuration that Trabex has in force with this file, as it writes it into its log."""
-        proxy = self.trabex(free_port(), start=False)
+        proxy = self.trabex(free_port(), start=False, json_log=False)
         proxy.ini.write_text(text.replace("[Common]\n", proxy.ini.read_text() + "Log=2\n", 1), encoding="utf-8")
         proxy.start()
         self.assertEqual(proxy.end(), 0)

@@ -184,7 +184,8 @@ class Instances(Scenario):
         copy = self.place.copy_program("Trabex")
         request = Process(self.place, "request", ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                                                   copy, "/X", "/P", proxy.port])
-        self.assertEqual(request.wait(), 0)
+        self.assertEqual(request.wait(), 4)
+        self.assertEqual(request.stderr(), f"Trabex: The instance on port {proxy.port} belongs to another user.\n")
         self.assertAlive(proxy)
 
     def test_name_taken_by_another_user(self):
@@ -211,7 +212,8 @@ class Instances(Scenario):
                     sender.setblocking(False)
                     while True:
                         sender.sendto(b"exit", f"\0{name}")
-                self.assertEqual(run_trabex("/X", "/P", proxy.port), (0, "", ""))
+                self.assertEqual(run_trabex("/X", "/P", proxy.port),
+                                 (1, "", f"Trabex: The instance on port {proxy.port} does not answer.\n"))
                 self.assertIsNone(stranger.status())
                 stranger.send_signal(signal.SIGKILL)
                 stranger.wait()

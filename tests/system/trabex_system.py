@@ -64,7 +64,8 @@ class Trabex:
     error: a sanitizer's report is one.
     """
 
-    def __init__(self, place, server_port, settings=None, sections=None, arguments=("/HI",), start=True):
+    def __init__(self, place, server_port, settings=None, sections=None, arguments=("/HI",), start=True,
+                 json_log=True):
         self._place = place
         self.folder = place.new_folder("trabex")
         self.ini = self.folder / "Trabex.ini"
@@ -73,10 +74,11 @@ class Trabex:
         self.address = (LOOPBACK, self.port)
         self.arguments = list(arguments)
         self.wrapper = []  # a command that starts it, such as nohup
-        # Every run is a test of the log in JSON as well.
+        # A run is a test of the log in JSON as well.
         self.json_log = self.folder / "trabex.json"
         self.sections = {**(sections or {})}
-        self.sections["Service"] = {"JsonLog": self.json_log, **self.sections.get("Service", {})}
+        if json_log:
+            self.sections["Service"] = {"JsonLog": self.json_log, **self.sections.get("Service", {})}
         self.settings = {"BindIP": LOOPBACK, "BindPort": self.port, "ServerIP": LOOPBACK,
                          "ServerPort": server_port, "LogPath": self.log_folder, "LocalHostName": "proxy.example"}
         self.settings.update(settings or {})
