@@ -43,7 +43,8 @@ def _set_up_network():
 def _have_address(text):
     _set_up_network()
     if text != "::1":
-        subprocess.run(["ip", "address", "replace", f"{text}/128", "dev", "lo"], check=True)
+        # Usable at once: nobody else in this network could have it.
+        subprocess.run(["ip", "address", "replace", f"{text}/128", "dev", "lo", "nodad"], check=True)
 
 
 def _on_ipv6(found):

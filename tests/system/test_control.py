@@ -16,7 +16,7 @@ from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, free_port, m
                            without_received)
 
 INSTANCE = "5B0E7C19D4A24F36A1F863D20C97BE48"
-SESSION_ROW = re.compile(r"^([0-9a-f]{16})  ( [ \d]{6} [ \d]{8} [ \d]{8} \d\d:\d\d:\d\d +127\.0\.0\.1 .*)$")
+SESSION_ROW = re.compile(r"^([0-9a-f]{16})  ( [ \d]{6} [ \d]{8} [ \d]{8} \d\d:\d\d:\d\d +(?:127\.0\.0\.1|::1) .*)$")
 # Two who are nobody on this machine.
 SOMEBODY, SOMEBODY_ELSE = 12345, 12346
 
@@ -289,9 +289,9 @@ class GreyList(Scenario):
         client.command("EHLO client.example")
         client.command(f"MAIL FROM:<s@{DOMAIN}>")
         self.assertEqual(client.command(f"RCPT TO:<r@{DOMAIN}>")[:3], "451")
-        self.assertRegex(self.done("list"), rf"^127\.0\.0\ts@{DOMAIN}\tr@{DOMAIN}\twaiting\t1\t")
-        self.assertIn("next attempt: delayed before ", self.done("show", "127.0.0.1", f"s@{DOMAIN}", f"r@{DOMAIN}"))
-        self.assertEqual(self.done("add", "127.0.0.1", f"s@{DOMAIN}", f"r@{DOMAIN}", "--accepted"), "")
+        self.assertRegex(self.done("list"), rf"^(127\.0\.0|::/64)\ts@{DOMAIN}\tr@{DOMAIN}\twaiting\t1\t")
+        self.assertIn("next attempt: delayed before ", self.done("show", LOOPBACK, f"s@{DOMAIN}", f"r@{DOMAIN}"))
+        self.assertEqual(self.done("add", LOOPBACK, f"s@{DOMAIN}", f"r@{DOMAIN}", "--accepted"), "")
         self.assertEqual(client.command(f"RCPT TO:<r@{DOMAIN}>")[:3], "250", "accepted from now on")
         self.assertEqual(self.done("add", "192.0.2.1", "<>", "x@y.example"), "")
         client.close()
