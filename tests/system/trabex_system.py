@@ -65,7 +65,7 @@ class Trabex:
     """
 
     def __init__(self, place, server_port, settings=None, sections=None, arguments=("/HI",), start=True,
-                 json_log=True):
+                 json_log=False):
         self._place = place
         self.folder = place.new_folder("trabex")
         self.ini = self.folder / "Trabex.ini"
@@ -74,7 +74,6 @@ class Trabex:
         self.address = (LOOPBACK, self.port)
         self.arguments = list(arguments)
         self.wrapper = []  # a command that starts it, such as nohup
-        # A run is a test of the log in JSON as well.
         self.json_log = self.folder / "trabex.json"
         self.sections = {**(sections or {})}
         if json_log:
@@ -164,11 +163,11 @@ class Scenario(unittest.TestCase):
         atexit.register(self.place.leave)
         self.addCleanup(atexit.unregister, self.place.leave)
 
-    def trabex(self, server_port, settings=None, **more):
-        """Trabex itself; a case that needs it does not run through anything else."""
+    def trabex(self, server_port, settings=None, json_log=True, **more):
+        """Trabex itself; a case that needs it does not run through anything else. Each run tests its log in JSON, too."""
         if Options.through != "trabex":
             self.skipTest("needs Trabex itself")
-        trabex = Trabex(self.place, server_port, settings, **more)
+        trabex = Trabex(self.place, server_port, settings, json_log=json_log, **more)
         self._fronts.append(trabex)
         return trabex
 
