@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 #include "support/temp_folder.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
@@ -33,23 +34,8 @@ std::string AnotherTls() {
                             Record('\x22', "root@local.test"));
 }
 
-constexpr const char* kMessage = R"(
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server
-    <- 250 server
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
-    C: DATA
-    -> DATA
-    S: 354 go on
-    <- 354 go on
+std::string Message() {
+  return Ehlo() + MailAndRcpt() + Data() + R"(
     C: a line
     C: .
     -> Received: from client.test (Unknown [192.0.2.7]) by proxy.test
@@ -58,6 +44,7 @@ constexpr const char* kMessage = R"(
     -> .
     S: 250 taken
     <- 250 taken)";
+}
 
 void Configure(SessionFixture& fixture) {
   fixture.OfferTls();
@@ -94,7 +81,7 @@ TEST(BalancerTls, TheHandshakeFollowsTheHeader) {
       client.SendInClear(std::string_view(header).substr(cut));
       if (!at_once) fixture.Settle();
       EXPECT_TRUE(fixture.MakeHandshake());
-      EXPECT_EQ(fixture.Play(std::string("S: 220 ready\n<- 220 ready\n") + kMessage + R"(
+      EXPECT_EQ(fixture.Play(Greeting() + Message() + R"(
         log R: {*} [      127.0.0.1] Connection Request.
         log R: {*} [      192.0.2.7] PROXY header: 192.0.2.7:51234 to 203.0.113.5:465.
         log R: {*} [      192.0.2.7] TLS: TLSv1.3, TLS_AES_256_GCM_SHA384.)"),
@@ -140,7 +127,7 @@ TEST(BalancerTls, TheServerIsToldOfTheTlsThatEndsHere) {
     fixture.ClientPeer().StartTls({.certificate = row.certificate});
     EXPECT_TRUE(fixture.Until([&] { return fixture.ClientPeer().Secured(); }));
     EXPECT_EQ(fixture.Play("*> " + Escaped(Header(row.told)) + "\n-> nothing\nS: 220 ready\n<- 220 ready\n" +
-                           kMessage),
+                           Message()),
               "");
   }
 }
@@ -164,7 +151,8 @@ TEST(BalancerTls, WithStarttlsTheHeaderTellsNothingOfIt) {
     <- 250 STARTTLS
     C: STARTTLS
     <- 220 2.0.0 Ready to start TLS.
-    C starts TLS)" + kMessage),
+    C starts TLS
+)" + Message()),
             "");
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 #include "support/temp_folder.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
@@ -54,17 +55,7 @@ class AskedClient {
     told.SetName("BadSeq");
     told.Add("", "503 {%tls%}, {%tlscipher%}, {%tlspeer%}.", true);
     fixture.Settings.ResponseChanges.Add(told);
-    EXPECT_EQ(fixture.Play(on_port ? "" : R"(
-      S: 220 server ready
-      <- 220 server ready
-      C: EHLO client.test
-      -> EHLO client.test
-      S: 250 server
-      <- 250-server
-      <- 250 STARTTLS
-      C: STARTTLS
-      <- 220 2.0.0 Ready to start TLS.)"),
-              "");
+    EXPECT_EQ(fixture.Play(on_port ? "" : AskedForTls()), "");
     fixture.Start();
   }
 
@@ -78,23 +69,7 @@ class AskedClient {
   }
 
   std::string PlayMessage() {
-    return fixture.Play(std::string(on_port_ ? "S: 220 ready\n<- 220 ready\n" : "") + R"(
-      C: EHLO client.test
-      -> EHLO client.test
-      S: 250 server
-      <- 250 server
-      C: MAIL FROM:<a@b.test>
-      -> MAIL FROM:<a@b.test>
-      S: 250 ok
-      <- 250 ok
-      C: RCPT TO:<u@local.test>
-      -> RCPT TO:<u@local.test>
-      S: 250 ok
-      <- 250 ok
-      C: DATA
-      -> DATA
-      S: 354 go on
-      <- 354 go on
+    return fixture.Play((on_port_ ? Greeting() : "") + Ehlo() + MailAndRcpt() + Data() + R"(
       C: a line
       -> Received: from client.test (Unknown [127.0.0.1]) by proxy.test
       ->       with ESMTPS tls TLS_AES_256_GCM_SHA384; Sun, 15 Nov 2026 16:54:24 -0000

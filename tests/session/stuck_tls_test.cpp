@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
 
@@ -127,20 +128,7 @@ TEST(StuckTls, WhatTheClientSaysWaitsForAServerThatDoesNotRead) {
     SCOPED_TRACE(static_cast<int>(sides.client) * 10 + (sides.server ? 1 : 0));
     SecuredSession session(sides.client, sides.server);
     SessionFixture& fixture = session.fixture;
-    EXPECT_EQ(fixture.Play(R"(
-      C: MAIL FROM:<a@b.test>
-      -> MAIL FROM:<a@b.test>
-      S: 250 ok
-      <- 250 ok
-      C: RCPT TO:<u@local.test>
-      -> RCPT TO:<u@local.test>
-      S: 250 ok
-      <- 250 ok
-      C: DATA
-      -> DATA
-      S: 354 go on
-      <- 354 go on)"),
-              "");
+    EXPECT_EQ(fixture.Play(MailAndRcpt() + Data()), "");
     TestPeer server = std::move(fixture.ServerPeer());
     server.HoldLittle();
     const std::size_t memory = mallinfo2().uordblks;

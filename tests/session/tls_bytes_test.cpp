@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "session/session_fixture.h"
+#include "support/openings.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
 
@@ -34,27 +35,7 @@ std::vector<std::string> ToldBytes(Security client, bool server_is_secured) {
     fixture.ServerPeer().StartTls({.server = true, .certificate = certificate});
     EXPECT_TRUE(fixture.Until([&] { return fixture.ServerPeer().Secured(); }));
   }
-  EXPECT_EQ(fixture.Play(R"(
-    S: 220 server ready
-    <- 220 server ready
-    C: DATA
-    <- 503 18
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server
-    <- 250 server
-    C: MAIL FROM:<a@b.test>
-    -> MAIL FROM:<a@b.test>
-    S: 250 ok
-    <- 250 ok
-    C: RCPT TO:<u@local.test>
-    -> RCPT TO:<u@local.test>
-    S: 250 ok
-    <- 250 ok
-    C: DATA
-    -> DATA
-    S: 354 go on
-    <- 354 go on
+  EXPECT_EQ(fixture.Play(Greeting() + "C: DATA\n<- 503 18\n" + Ehlo() + MailAndRcpt() + Data() + R"(
     C+ {2000*a line of content\r\n}.\r\n
     *> {2000*a line of content\r\n}.\r\n
     S: 250 taken

@@ -13,19 +13,6 @@
 namespace trabex {
 namespace {
 
-// The client is offered STARTTLS, and has asked for it.
-constexpr const char* kStartTls = R"(
-    S: 220 server ready
-    <- 220 server ready
-    C: EHLO client.test
-    -> EHLO client.test
-    S: 250 server
-    <- 250-server
-    <- 250 STARTTLS
-    C: STARTTLS
-    <- 220 2.0.0 Ready to start TLS.
-)";
-
 std::string MessageUnderTls() {
   return "\n" + Ehlo({"AUTH PLAIN"}) + R"(
     C: AUTH PLAIN AHgAeQ==
@@ -73,7 +60,7 @@ void UseTlsPort(SessionFixture& fixture) {
 }
 
 TEST(StartTls, AMessagePassesUnderIt) {
-  const std::string text = std::string(kStartTls) + "C starts TLS" + MessageUnderTls();
+  const std::string text = AskedForTls() + "C starts TLS" + MessageUnderTls();
   PlayBothWays(OfferTls, text);
   for (const Delivery delivery : {Delivery::kWhole, Delivery::kByteByByte}) {
     SessionFixture fixture;
@@ -86,7 +73,7 @@ TEST(StartTls, IsLoggedWithItsReply) {
   SessionFixture fixture;
   fixture.Settings.LogLevelRemote = 15;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + "C starts TLS\n" + R"(
+  EXPECT_EQ(fixture.Play(AskedForTls() + "C starts TLS\n" + R"(
     log R: * < STARTTLS*
     log R: * > 220 2.0.0 Ready to start TLS.
     log R: * TLS: TLSv1.3, TLS_AES_256_GCM_SHA384.)"),
@@ -139,14 +126,14 @@ TEST(StartTls, TheWireMayCutItAnywhere) {
     fixture.OfferTls();
     fixture.Start();
     fixture.ClientPeer().CutWire(piece);
-    EXPECT_EQ(fixture.Play(std::string(kStartTls) + "C starts TLS" + MessageUnderTls()), "") << piece;
+    EXPECT_EQ(fixture.Play(AskedForTls() + "C starts TLS" + MessageUnderTls()), "") << piece;
   }
 }
 
 TEST(StartTls, WhatWasSentAheadUnderTlsIsTakenInOrder) {
   SessionFixture fixture;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
+  EXPECT_EQ(fixture.Play(AskedForTls() + R"(C starts TLS
     C+ EHLO client.test\r\nNOOP\r\nMAIL FROM:<a@b.test>\r\nQUIT\r\n
     -> EHLO client.test
     -> nothing
@@ -189,7 +176,7 @@ TEST(StartTls, ACommandBehindItInOnePacketEndsTheSession) {
 TEST(StartTls, ACommandInALaterPacketMeetsTheHandshake) {
   SessionFixture fixture;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + R"(
+  EXPECT_EQ(fixture.Play(AskedForTls() + R"(
     C: RSET
     -> nothing
     closed S
@@ -203,7 +190,7 @@ TEST(StartTls, ClearTextInTheHandshakeReachesNobody) {
   for (const bool before : {true, false}) {
     SessionFixture fixture;
     fixture.OfferTls();
-    ASSERT_EQ(fixture.Play(kStartTls), "");
+    ASSERT_EQ(fixture.Play(AskedForTls()), "");
     TestPeer& client = fixture.ClientPeer();
     if (before) client.SendInClear("RSET\r\n");
     client.StartTls({});
@@ -218,7 +205,7 @@ TEST(Tls, NothingBehindItsEndIsRead) {
   for (const char* behind : {"RSET\r\n", "NOOP\r\nRSET\r\n", "\x16\x03\x01\x02"}) {
     SessionFixture fixture;
     fixture.OfferTls();
-    ASSERT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
+    ASSERT_EQ(fixture.Play(AskedForTls() + R"(C starts TLS
       C: EHLO client.test
       -> EHLO client.test
       S: 250 server
@@ -235,7 +222,7 @@ TEST(Tls, ItsEndInAChunkIsTheEndOfTheMessage) {
   SessionFixture fixture;
   fixture.Settings.AddReceived = false;
   fixture.OfferTls();
-  ASSERT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
+  ASSERT_EQ(fixture.Play(AskedForTls() + R"(C starts TLS
 )" + Ehlo({"CHUNKING"}) + MailAndRcpt() +
                          R"(
     C+ BDAT 10 LAST\r\n12345
@@ -258,7 +245,7 @@ TEST(Handshake, HasItsTime) {
     fixture.OfferTls();
     fixture.OnTlsPort = on_port;
     fixture.HandshakeAtOnce = false;
-    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : kStartTls) + R"(
+    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : AskedForTls()) + R"(
       wait 7000
       <- nothing
       wait 501
@@ -275,7 +262,7 @@ TEST(Handshake, IsBrokenOffByTheClientsEnd) {
     fixture.OfferTls();
     fixture.OnTlsPort = on_port;
     fixture.HandshakeAtOnce = false;
-    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : kStartTls) + R"(
+    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : AskedForTls()) + R"(
       C closes
       log R: * TLS handshake broken off.)"),
               "");
@@ -304,7 +291,7 @@ TEST(Handshake, AStopOfTheServiceEndsIt) {
     fixture.OfferTls();
     fixture.OnTlsPort = on_port;
     fixture.HandshakeAtOnce = false;
-    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : kStartTls) + R"(
+    EXPECT_EQ(fixture.Play(std::string(on_port ? "" : AskedForTls()) + R"(
       wait 1
       shutdown
       closed C
@@ -316,7 +303,7 @@ TEST(Handshake, AStopOfTheServiceEndsIt) {
 TEST(Handshake, WhatTheServerSaysMeanwhileComesUnderTls) {
   SessionFixture fixture;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + R"(
+  EXPECT_EQ(fixture.Play(AskedForTls() + R"(
     S: 421 time is up
     S closes
     <- nothing
@@ -331,7 +318,7 @@ TEST(Handshake, WhatTheServerSaysMeanwhileComesUnderTls) {
 TEST(Handshake, NothingIsKeptForItAfterwards) {
   SessionFixture fixture;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
+  EXPECT_EQ(fixture.Play(AskedForTls() + R"(C starts TLS
     wait 100000
     C: EHLO client.test
     -> EHLO client.test)"),
@@ -459,7 +446,7 @@ TEST(Tls, PoliciesHoldWithoutACertificateThatCouldBeLoaded) {
 TEST(StartTls, GoesOnWhenTheCertificateGoes) {
   SessionFixture fixture;
   fixture.OfferTls();
-  ASSERT_EQ(fixture.Play(kStartTls), "");
+  ASSERT_EQ(fixture.Play(AskedForTls()), "");
   fixture.Tls.for_clients = nullptr;
   EXPECT_EQ(fixture.Play("C starts TLS\nC: NOOP\n-> NOOP\nS: 250 ok\n<- 250 ok"), "");
 }
@@ -467,7 +454,7 @@ TEST(StartTls, GoesOnWhenTheCertificateGoes) {
 TEST(Tls, ASecondStartTlsIsNoCommand) {
   SessionFixture fixture;
   fixture.OfferTls();
-  EXPECT_EQ(fixture.Play(std::string(kStartTls) + R"(C starts TLS
+  EXPECT_EQ(fixture.Play(AskedForTls() + R"(C starts TLS
     C: EHLO client.test
     -> EHLO client.test
     S: 250-server

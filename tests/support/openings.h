@@ -47,6 +47,17 @@ inline std::string MailAndRcpt(std::string_view sender = "a@b.test") {
   return Mail(sender) + Rcpt();
 }
 
+// The client may begin with the content.
+inline std::string Data() {
+  return "C: DATA\n-> DATA\nS: 354 go on\n<- 354 go on\n";
+}
+
+// The client is offered STARTTLS by us, and has asked for it.
+inline std::string AskedForTls() {
+  return Greeting() + "C: EHLO client.test\n-> EHLO client.test\nS: 250 server\n" +
+         EhloReply("<-", {"STARTTLS"}) + "C: STARTTLS\n<- 220 2.0.0 Ready to start TLS.\n";
+}
+
 // The server greets, and is asked what it offers before the client hears of it.
 inline std::string Asked(std::initializer_list<std::string_view> extensions = {}) {
   return "S: 220 server ready\n-> EHLO proxy.test\n" + EhloReply("S:", extensions);
