@@ -9,9 +9,7 @@ GreyListing::GreyListing(const GreyListingSettings& settings, Log& log, const Cl
       decision_(settings, log, clock, database_, warning_),
       store_(settings, log, clock, loop, database_, warning_) {}
 
-GreylistVerdict GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip,
-                                         std::string_view sender, std::string_view recipient) {
-  const GreyListingVerdict verdict = decision_.Judge(host_name, ip, sender, recipient);
+GreylistVerdict ForSession(const GreyListingVerdict& verdict) {
   GreylistVerdict result(IsDelayed(verdict.outcome));
   switch (verdict.outcome) {
     case GreyListingOutcome::kWhitelisted:
@@ -32,6 +30,11 @@ GreylistVerdict GreyListing::ShouldDefer(std::string_view host_name, const IPAdd
     result.expires = verdict.record->ExpireAt();
   }
   return result;
+}
+
+GreylistVerdict GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip,
+                                         std::string_view sender, std::string_view recipient) {
+  return ForSession(decision_.Judge(host_name, ip, sender, recipient));
 }
 
 void GreyListing::Load() {

@@ -36,6 +36,9 @@ class GreyListingRecords {
   virtual std::string Database() const = 0;
 };
 
+// A verdict as sessions take it.
+GreylistVerdict ForSession(const GreyListingVerdict& verdict);
+
 class GreyListing final : public GreylistCheck, public GreyListingRecords {
  public:
   // All outlive this object.

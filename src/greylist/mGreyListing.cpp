@@ -8,8 +8,6 @@
 #include "base/date_time.h"
 #include "base/text.h"
 #include "greylist/triple_key.h"
-#include "match/ip_range.h"
-#include "match/mText.h"
 
 namespace trabex {
 
@@ -28,8 +26,8 @@ std::int32_t AcceptedCount(const cGreyListingData& record) {
 
 GreyListingVerdict mGreyListing::Judge(std::string_view host_name, const IPAddress& ip,
                                        std::string_view sender, std::string_view recipient) {
-  if (mCommon::IPInRangeList(ip, settings_.IPWhiteList) ||
-      mText::MatchList(host_name, settings_.HostsWhiteList)) {
+  if (MatchesList(ip, settings_.IPWhiteList, trace_) ||
+      MatchesList(host_name, settings_.HostsWhiteList, trace_)) {
     LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
     return {GreyListingOutcome::kWhitelisted};
   }
@@ -63,8 +61,8 @@ cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view netw
 
 mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
                                                        std::string_view host_name) const {
-  if (mCommon::IPInRangeList(ip, settings_.IPBlackList) ||
-      mText::MatchList(host_name, settings_.HostsBlackList)) {
+  if (MatchesList(ip, settings_.IPBlackList, trace_) ||
+      MatchesList(host_name, settings_.HostsBlackList, trace_)) {
     return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
   }
   return {false, settings_.Delay, settings_.MinCount};

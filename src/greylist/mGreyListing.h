@@ -14,6 +14,7 @@
 #include "config/configuration.h"
 #include "greylist/greylisting_database.h"
 #include "greylist/pending_warning.h"
+#include "match/decision_trace.h"
 #include "platform/clock.h"
 
 namespace trabex {
@@ -50,10 +51,15 @@ class mGreyListing {
   static GreyListingOutcome Attempt(cGreyListingData& record, const GreyListingSettings& settings,
                                     const DelayPolicy& policy, DateTime now);
 
-  // All outlive this object. Settings are read at each use.
+  // All outlive this object. Settings are read at each use. `trace`, if there is one, is told what decides.
   mGreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock,
-               GreyListingDatabase& database, PendingWarning& warning)
-      : settings_(settings), log_(log), clock_(clock), database_(database), warning_(warning) {}
+               GreyListingDatabase& database, PendingWarning& warning, DecisionTrace* trace = nullptr)
+      : settings_(settings),
+        log_(log),
+        clock_(clock),
+        database_(database),
+        warning_(warning),
+        trace_(trace) {}
 
   // `host_name` is the client's name as resolved for the session, or empty; `ip` its address; `sender` and
   // `recipient` are addresses without angle brackets, letter case as it may be. Creates or refreshes the
@@ -78,6 +84,7 @@ class mGreyListing {
   const Clock& clock_;
   GreyListingDatabase& database_;
   PendingWarning& warning_;
+  DecisionTrace* trace_;
 };
 
 }  // namespace trabex

@@ -33,7 +33,7 @@ void ReplacementTable::Add(std::string key, std::string value) {
   rules_.push_back({std::move(key), std::move(value)});
 }
 
-std::optional<std::string> FindAddressReplacement(std::string_view address, const ReplacementTable& table) {
+const ReplacementTable::Rule* FindReplacementRule(std::string_view address, const ReplacementTable& table) {
   const mText::ComplexForm form{.split_commas = true,
                                 .split_blanks = true,
                                 .open_delimiter = "\"",
@@ -43,10 +43,15 @@ std::optional<std::string> FindAddressReplacement(std::string_view address, cons
   const std::size_t found = single ? table.single_rules_[*single] : table.rules_.size();
   for (const std::size_t rule : table.other_rules_) {
     if (rule > found) break;
-    if (mText::LikeTextComplex(address, table.rules_[rule].key, form)) return table.rules_[rule].value;
+    if (mText::LikeTextComplex(address, table.rules_[rule].key, form)) return &table.rules_[rule];
   }
-  if (!single) return std::nullopt;
-  return table.rules_[found].value;
+  return single ? &table.rules_[found] : nullptr;
+}
+
+std::optional<std::string> FindAddressReplacement(std::string_view address, const ReplacementTable& table) {
+  const ReplacementTable::Rule* const rule = FindReplacementRule(address, table);
+  if (rule == nullptr) return std::nullopt;
+  return rule->value;
 }
 
 }  // namespace trabex

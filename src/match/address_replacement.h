@@ -32,8 +32,7 @@ class ReplacementTable {
   }
 
  private:
-  friend std::optional<std::string> FindAddressReplacement(std::string_view address,
-                                                           const ReplacementTable& table);
+  friend const Rule* FindReplacementRule(std::string_view address, const ReplacementTable& table);
 
   std::vector<Rule> rules_;
   ExpressionList single_;                  // the keys of one well-formed pattern, each once
@@ -41,7 +40,10 @@ class ReplacementTable {
   std::vector<std::size_t> other_rules_;
 };
 
-// The value under the first key that `address` matches. Raises what mText::LikeTextComplex raises.
+// The rule of the first key that `address` matches, nullptr when there is none; valid until the table changes.
+// Raises what mText::LikeTextComplex raises.
+const ReplacementTable::Rule* FindReplacementRule(std::string_view address, const ReplacementTable& table);
+// Its value.
 std::optional<std::string> FindAddressReplacement(std::string_view address, const ReplacementTable& table);
 
 }  // namespace trabex

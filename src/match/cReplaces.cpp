@@ -204,10 +204,14 @@ const cReplace& cReplaces::Add(std::string search, std::string replacement, bool
   return rules_.emplace_back(std::move(search), std::move(replacement), case_sensitive);
 }
 
-void cReplaces::Apply(std::string& text, const MacroSource& macros) const {
+void cReplaces::Apply(std::string& text, const MacroSource& macros, std::vector<std::size_t>* changed) const {
   try {
     std::string result = text;
-    for (const cReplace& rule : rules_) rule.ApplyRule(result, text, macros);
+    for (std::size_t index = 0; index < rules_.size(); ++index) {
+      const std::string before = changed == nullptr ? std::string() : result;
+      rules_[index].ApplyRule(result, text, macros);
+      if (changed != nullptr && result != before) changed->push_back(index);
+    }
     text = std::move(result);
   } catch (const Error& error) {
     throw Error(error.Number(), "cReplaces.Apply", error.Description());

@@ -64,7 +64,8 @@ class cReplaces {
 
   // Rewrites `text`: each rule on the result of the one before it, {%original%} being `text` before the
   // first. Failures carry the source "cReplaces.Apply" and leave `text` unchanged.
-  void Apply(std::string& text, const MacroSource& macros) const;
+  // `changed`, unless it is nullptr, gets the indexes of the rules that have changed something.
+  void Apply(std::string& text, const MacroSource& macros, std::vector<std::size_t>* changed = nullptr) const;
 
  private:
   std::string name_;

@@ -2,12 +2,11 @@
 // sending and receiving, socket_udp.cpp and socket_members.cpp what no session needs.
 #include "net/CSocketMaster.h"
 
-#include <algorithm>
 #include <utility>
 
-#include "base/text.h"
 #include "net/CSocketMaster_impl.h"
 #include "net/known_host.h"
+#include "net/peer_name.h"
 
 namespace trabex {
 
@@ -17,12 +16,6 @@ constexpr std::int32_t kMaxPort = 65535;
 
 bool IsPort(std::int32_t port) {
   return port >= 0 && port <= kMaxPort;
-}
-
-// A name from DNS is whatever the address's owner wants; only plain ones count.
-bool IsPlainHostName(std::string_view name) {
-  return !name.empty() &&
-         std::all_of(name.begin(), name.end(), [](char c) { return c == '.' || IsHostNameByte(c); });
 }
 
 }  // namespace
@@ -123,20 +116,15 @@ void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnCon
   ColdState& cold = GetColdState();
   cold.name_done = std::move(done);
   if (cold.name_lookup != 0) return;
-  NameLookup& names = module_.names_;
-  cold.name_lookup =
-      blnConfirmed
-          ? names.FindConfirmedName(
-                peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer, answer.confirmed); })
-          : names.FindName(peer.address, [this](const NameAnswer& answer) { OnNameAnswer(answer, true); });
+  cold.name_lookup = FindPeerName(module_.names_, peer.address, blnConfirmed,
+                                  [this](const PeerName& found) { OnPeerName(found); });
 }
 
-void CSocketMaster::OnNameAnswer(const NameAnswer& answer, bool counts) {
+void CSocketMaster::OnPeerName(const PeerName& found) {
   ColdState& cold = GetColdState();
   cold.name_lookup = 0;
-  const bool named = answer.error == 0 && counts && IsPlainHostName(answer.name);
-  cold.remote_host_name = named ? answer.name : std::string();
-  cold.remote_host_name_error = named ? 0 : (answer.error != 0 ? answer.error : socket_error::kNoData);
+  cold.remote_host_name = found.name;
+  cold.remote_host_name_error = found.error;
   const auto done = std::exchange(cold.name_done, nullptr);
   Raise(done, "LookUpRemoteHostName");
 }

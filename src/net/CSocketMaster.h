@@ -24,6 +24,8 @@
 
 namespace trabex {
 
+struct PeerName;
+
 enum class SocketState : int {
   sckClosed = 0,
   sckOpen = 1,
@@ -224,7 +226,7 @@ class CSocketMaster final : public SocketSink {
   bool BindForConnect(AddressFamily family);
   void CancelLookups();
   void ForgetPeerName();
-  void OnNameAnswer(const NameAnswer& answer, bool counts);
+  void OnPeerName(const PeerName& found);
   std::string GetLocalHostName();
   std::string GetLocalIP();
 

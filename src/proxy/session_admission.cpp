@@ -2,7 +2,7 @@
 // the server.
 #include "base/error.h"
 #include "match/ip_range.h"
-#include "match/mText.h"
+#include "proxy/admission.h"
 #include "proxy/cProxy.h"
 
 namespace trabex {
@@ -37,16 +37,11 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
 
 void cProxy::AdmitClient(bool tls) {
   TellBegin();
-  const Configuration& c = dependencies_.configuration;
+  const Admission admission(dependencies_.configuration);
   const IPAddress ip = ClientIP();
-  Whitelisted = mCommon::IPInRangeList(ip, c.IPWhiteList);
+  Whitelisted = admission.IsWhitelisted(ip);
   if (!Whitelisted) {
-    if (!mCommon::IPInRangeList(ip, c.IPAllowList)) {
-      return Refuse(ReplyKind::kIPBlackList, {.name = "IPAllowList"});
-    }
-    if (mCommon::IPInRangeList(ip, c.IPBlackList)) {
-      return Refuse(ReplyKind::kIPBlackList, {.name = "IPBlackList", .ranges = &c.IPBlackList});
-    }
+    if (const auto refusal = admission.RefusedByAddress(ip)) return Refuse(refusal->kind, refusal->list);
   }
   ArmTimeout();
   if (tls) {
@@ -88,19 +83,14 @@ void cProxy::ClientNameKnown() {
 }
 
 bool cProxy::NameAdmissionApplies() const {
-  const std::int32_t check = IsLocalClient() ? validate_rdns::kLocalClients : validate_rdns::kRemoteClients;
-  return (dependencies_.configuration.ValidateRDNS & check) != 0 && !Whitelisted;
+  return Admission(dependencies_.configuration).NameDecides(IsLocalClient(), Whitelisted);
 }
 
 bool cProxy::AdmitByName() {
-  const Configuration& c = dependencies_.configuration;
-  if (!NameAdmissionApplies() || mText::MatchList(HostName, c.HostsWhiteList)) return true;
-  // The allow list's "*" is meant for names; a client that has none does not pass by it.
-  const bool allowed = !HostName.empty() && mText::MatchList(HostName, c.HostsAllowList);
-  if (allowed && !mText::MatchList(HostName, c.HostsBlackList)) return true;
-  DecidingList list{.name = "HostsBlackList", .list = &c.HostsBlackList, .value = DecidingList::Value::kName};
-  if (!allowed) list = {.name = HostName.empty() ? "HostsWhiteList" : "HostsAllowList"};
-  dialogue_.Say(HostName.empty() ? ReplyKind::kNoPtr : ReplyKind::kHostsBlackList, *this, list);
+  if (!NameAdmissionApplies()) return true;
+  const auto refusal = Admission(dependencies_.configuration).RefusedByName(HostName);
+  if (!refusal) return true;
+  dialogue_.Say(refusal->kind, *this, refusal->list);
   return false;
 }
 
@@ -118,7 +108,7 @@ void cProxy::ConnectServer() {
 bool cProxy::IsLocalClient() const {
   // What a balancer cannot describe would come in under its own address, which is often a local one.
   if (is_balancers_own_) return false;
-  if (!IsLocal) IsLocal = mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.LocalIPs);
+  if (!IsLocal) IsLocal = Admission(dependencies_.configuration).IsLocal(ClientIP());
   return *IsLocal;
 }
 

@@ -51,10 +51,10 @@ struct NamedList {
 // black-listed. Returns the list that decided when it refuses.
 std::optional<DecidingList> RefusedByLists(std::string_view value, DecidingList::Value kind,
                                            const ExpressionList& white, const NamedList& allow,
-                                           const NamedList& black) {
-  if (mText::MatchList(value, white)) return std::nullopt;
-  if (!mText::MatchList(value, allow.list)) return DecidingList{.name = allow.name};
-  if (!mText::MatchList(value, black.list)) return std::nullopt;
+                                           const NamedList& black, DecisionTrace* trace) {
+  if (MatchesList(value, white, trace)) return std::nullopt;
+  if (!MatchesList(value, allow.list, trace)) return DecidingList{.name = allow.name};
+  if (!MatchesList(value, black.list, trace)) return std::nullopt;
   return DecidingList{.name = black.name, .list = &black.list, .value = kind};
 }
 
@@ -70,6 +70,7 @@ class ClientCommandFilter::LineFilter {
         clock_(filter.clock_),
         facts_(filter.facts_),
         greylisting_(filter.greylisting_),
+        trace_(filter.trace_),
         state_(state) {
     requested_ = state.requested;
   }
@@ -101,7 +102,7 @@ class ClientCommandFilter::LineFilter {
     const SessionMacros macros(configuration_, clock_, facts_, requested_, state_.offered,
                                state_.BytesReceived);
     std::string reply = BuildPolicyReply(refusal.kind, macros, configuration_.EnhancedStatusCodes);
-    ApplyPolicyChanges(refusal.kind, refusal.key, requested_, reply, configuration_, macros);
+    ApplyPolicyChanges(refusal.kind, refusal.key, requested_, reply, configuration_, macros, trace_);
     return reply;
   }
 
@@ -255,7 +256,7 @@ class ClientCommandFilter::LineFilter {
     const std::int32_t checks = configuration_.ValidateHELO;
     const bool has_black_list =
         (checks & ForClient(validate_helo::kBlackListLocal, validate_helo::kBlackListRemote)) != 0;
-    if (has_black_list && mText::MatchList(domain, configuration_.HELOBlackList)) {
+    if (has_black_list && MatchesList(domain, configuration_.HELOBlackList, trace_)) {
       return Answer(
           {.kind = domain.empty() ? kHeloNoDomain : kHeloBlackList,
            .list = {.name = "HELOBlackList", .list = &configuration_.HELOBlackList, .value = Value::kHelo}});
@@ -307,9 +308,9 @@ class ClientCommandFilter::LineFilter {
       return Answer({kMailTooManyTransactions});
     }
     if (!address->empty()) {
-      const auto list =
-          RefusedByLists(*address, Value::kSender, c.SendersWhiteList,
-                         {"SendersAllowList", c.SendersAllowList}, {"SendersBlackList", c.SendersBlackList});
+      const auto list = RefusedByLists(*address, Value::kSender, c.SendersWhiteList,
+                                       {"SendersAllowList", c.SendersAllowList},
+                                       {"SendersBlackList", c.SendersBlackList}, trace_);
       if (list) return Answer({.kind = kMailBlackList, .list = *list});
     }
     if (const auto size = DeclaredSize(path.parameters); size && state_.offered.SizeLimit != 0) {
@@ -355,28 +356,30 @@ class ClientCommandFilter::LineFilter {
       return Refusal{kRcptTooManyRecipients};
     }
     const std::string& recipient = requested_.Recipient;
-    const bool local_domain = mText::MatchList(AddressDomain(recipient), c.LocalDomains);
+    const bool local_domain = MatchesList(AddressDomain(recipient), c.LocalDomains, trace_);
     if (facts_.IsLocalClient()) {
-      if (!local_domain && mText::MatchList(requested_.Sender, c.RestrictedSenders)) {
+      if (!local_domain && MatchesList(requested_.Sender, c.RestrictedSenders, trace_)) {
         return Refusal{
             .kind = kRcptRestricted,
             .list = {.name = "RestrictedSenders", .list = &c.RestrictedSenders, .value = Value::kSender}};
       }
-      if (const auto list = RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListLocal,
-                                           {"RecipientsAllowListLocal", c.RecipientsAllowListLocal},
-                                           {"RecipientsBlackListLocal", c.RecipientsBlackListLocal})) {
+      if (const auto list =
+              RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListLocal,
+                             {"RecipientsAllowListLocal", c.RecipientsAllowListLocal},
+                             {"RecipientsBlackListLocal", c.RecipientsBlackListLocal}, trace_)) {
         return Refusal{.kind = kRcptBlackListLocal, .list = *list};
       }
       return std::nullopt;
     }
     if (!local_domain) return Refusal{.kind = kRcptRelaying, .list = {.name = "LocalDomains"}};
     if (HasRouteInLocalPart(recipient)) return Refusal{kRcptRelaying};
-    if (const auto list = RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListRemote,
-                                         {"RecipientsAllowListRemote", c.RecipientsAllowListRemote},
-                                         {"RecipientsBlackListRemote", c.RecipientsBlackListRemote})) {
+    if (const auto list =
+            RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListRemote,
+                           {"RecipientsAllowListRemote", c.RecipientsAllowListRemote},
+                           {"RecipientsBlackListRemote", c.RecipientsBlackListRemote}, trace_)) {
       return Refusal{.kind = kRcptBlackListRemote, .list = *list};
     }
-    if (mText::MatchList(recipient, c.PrivateRecipients)) {
+    if (MatchesList(recipient, c.PrivateRecipients, trace_)) {
       return Refusal{
           .kind = kRcptPrivate,
           .list = {.name = "PrivateRecipients", .list = &c.PrivateRecipients, .value = Value::kRecipient}};
@@ -392,7 +395,7 @@ class ClientCommandFilter::LineFilter {
                                                       requested_.Sender, requested_.Recipient);
     if (!decision_.greylisting->deferred) return false;
     const std::int32_t action = settings.CallbackSenderAction;
-    if (!mText::MatchList(requested_.Sender, settings.CallbackSendersList)) return true;
+    if (!MatchesList(requested_.Sender, settings.CallbackSendersList, trace_)) return true;
     if (action == callback_sender_action::kRefuse) return true;
     // A callback only asks whether the recipient exists: it passes here, and is refused when it begins to send.
     requested_.Greylisted |=
@@ -402,7 +405,10 @@ class ClientCommandFilter::LineFilter {
 
   std::string Replaced(const std::string& address, const ReplacementTable& table) {
     try {
-      return FindAddressReplacement(address, table).value_or(address);
+      const ReplacementTable::Rule* const rule = FindReplacementRule(address, table);
+      if (rule == nullptr) return address;
+      if (trace_ != nullptr) trace_->Replaced(table, *rule);
+      return rule->value;
     } catch (const Error& error) {
       // A key may be a good pattern as a whole and bad in its parts. The mail goes on without replacement.
       decision_.failure = error;
@@ -484,6 +490,7 @@ class ClientCommandFilter::LineFilter {
   const Clock& clock_;
   const SessionFacts& facts_;
   GreylistCheck* const greylisting_;
+  DecisionTrace* const trace_;
   const DialogueState& state_;
 
   LineDecision decision_;
@@ -494,8 +501,9 @@ class ClientCommandFilter::LineFilter {
 };
 
 ClientCommandFilter::ClientCommandFilter(const Configuration& configuration, const Clock& clock,
-                                         const SessionFacts& facts, GreylistCheck* greylisting)
-    : configuration_(configuration), clock_(clock), facts_(facts), greylisting_(greylisting) {}
+                                         const SessionFacts& facts, GreylistCheck* greylisting,
+                                         DecisionTrace* trace)
+    : configuration_(configuration), clock_(clock), facts_(facts), greylisting_(greylisting), trace_(trace) {}
 
 LineDecision ClientCommandFilter::ProcessIncomingData(std::string_view line,
                                                       const DialogueState& state) const {

@@ -21,6 +21,7 @@
 #include "base/error.h"
 #include "base/ip_address.h"
 #include "config/configuration.h"
+#include "match/decision_trace.h"
 #include "proxy/dialogue/command_table.h"
 #include "proxy/dialogue/dialogue_events.h"
 #include "proxy/dialogue/dialogue_state.h"
@@ -71,9 +72,10 @@ class ClientCommandFilter {
   static constexpr std::size_t kMaxLine = 4096;
   static constexpr std::size_t kMaxAuthenticationLine = 12288;
 
-  // All references outlive the filter. `greylisting` may be nullptr: then nothing is greylisted.
+  // All references outlive the filter. `greylisting` may be nullptr: then nothing is greylisted. `trace`, if
+  // there is one, is told what decides.
   ClientCommandFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-                      GreylistCheck* greylisting);
+                      GreylistCheck* greylisting, DecisionTrace* trace = nullptr);
 
   // `line` is one line with its CR LF, as the client sent it.
   LineDecision ProcessIncomingData(std::string_view line, const DialogueState& state) const;
@@ -95,6 +97,7 @@ class ClientCommandFilter {
   const Clock& clock_;
   const SessionFacts& facts_;
   GreylistCheck* greylisting_;
+  DecisionTrace* trace_;
 };
 
 }  // namespace trabex

@@ -13,11 +13,11 @@ using Side = DialogueActions::Side;
 constexpr std::string_view kInvalidHeader = "Invalid PROXY header. Closing connection.";
 
 Dialogue::Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-                   GreylistCheck* greylisting, DialogueState state)
+                   GreylistCheck* greylisting, DialogueState state, DecisionTrace* trace)
     : configuration_(configuration),
       facts_(facts),
-      commands_(configuration, clock, facts, greylisting),
-      replies_(configuration, clock, facts),
+      commands_(configuration, clock, facts, greylisting, trace),
+      replies_(configuration, clock, facts, trace),
       state_(std::move(state)) {}
 
 // --- the client's side

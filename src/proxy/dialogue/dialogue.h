@@ -14,6 +14,7 @@
 #include "base/clock.h"
 #include "base/error.h"
 #include "config/configuration.h"
+#include "match/decision_trace.h"
 #include "proxy/dialogue/client_command_filter.h"
 #include "proxy/dialogue/dialogue_events.h"
 #include "proxy/dialogue/dialogue_state.h"
@@ -70,9 +71,9 @@ class Dialogue {
   enum class ServerEnd { kClosed, kFailed };
 
   // All references outlive the dialogue. `greylisting` may be nullptr: then nothing is greylisted. A test may
-  // begin in any state.
+  // begin in any state. `trace`, if there is one, is told what decides.
   Dialogue(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
-           GreylistCheck* greylisting, DialogueState state = {});
+           GreylistCheck* greylisting, DialogueState state = {}, DecisionTrace* trace = nullptr);
 
   // In kEnding the session is over as soon as what was said has been sent.
   Phase phase() const { return state_.phase; }

@@ -1,16 +1,20 @@
 #include "proxy/dialogue/response_changes.h"
 
+#include <cstddef>
 #include <exception>
+#include <vector>
 
 namespace trabex {
 
 void ApplyResponseChanges(std::string_view key, std::string& reply, const Configuration& configuration,
-                          const MacroSource& macros) {
+                          const MacroSource& macros, DecisionTrace* trace) {
   const cReplaces* replaces = configuration.ResponseChanges.Find(key);
   if (!replaces) return;
   std::string changed = reply;
   try {
-    replaces->Apply(changed, macros);
+    std::vector<std::size_t> rules;
+    replaces->Apply(changed, macros, trace == nullptr ? nullptr : &rules);
+    for (const std::size_t rule : rules) trace->Changed(*replaces, rule);
     reply = std::move(changed);
   } catch (const std::exception&) {
     // A rule that fails must not cost the client its reply.
@@ -18,9 +22,12 @@ void ApplyResponseChanges(std::string_view key, std::string& reply, const Config
 }
 
 void ApplyPolicyChanges(ReplyKind kind, std::string_view key, const RequestedState& requested,
-                        std::string& reply, const Configuration& configuration, const MacroSource& macros) {
+                        std::string& reply, const Configuration& configuration, const MacroSource& macros,
+                        DecisionTrace* trace) {
   if (key.empty()) return;
-  const auto apply = [&](std::string_view name) { ApplyResponseChanges(name, reply, configuration, macros); };
+  const auto apply = [&](std::string_view name) {
+    ApplyResponseChanges(name, reply, configuration, macros, trace);
+  };
   std::string most_specific;
   switch (kind) {
     case ReplyKind::kBadSequence:

@@ -153,8 +153,8 @@ void FollowAccepted(std::string_view reply, const Configuration& configuration, 
 }  // namespace
 
 ServerReplyFilter::ServerReplyFilter(const Configuration& configuration, const Clock& clock,
-                                     const SessionFacts& facts)
-    : configuration_(configuration), clock_(clock), facts_(facts) {}
+                                     const SessionFacts& facts, DecisionTrace* trace)
+    : configuration_(configuration), clock_(clock), facts_(facts), trace_(trace) {}
 
 ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
                                                      const DialogueState& state) const {
@@ -182,9 +182,9 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
   const SessionMacros macros(configuration_, clock_, facts_,
                              decision.requested ? *decision.requested : state.requested,
                              decision.offered ? *decision.offered : state.offered, state.BytesReceived);
-  ApplyResponseChanges(code, decision.text, configuration_, macros);
+  ApplyResponseChanges(code, decision.text, configuration_, macros, trace_);
   ApplyResponseChanges(std::string(forwarded.ForwardedVerb).append(".").append(code), decision.text,
-                       configuration_, macros);
+                       configuration_, macros, trace_);
   // The reply's changes may still name the message's addresses; after it they are forgotten.
   if (refuses_message) (decision.requested = state.requested)->ResetTransaction();
   decision.text.append(kCrLf);

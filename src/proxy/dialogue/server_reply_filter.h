@@ -8,6 +8,7 @@
 
 #include "base/clock.h"
 #include "config/configuration.h"
+#include "match/decision_trace.h"
 #include "proxy/dialogue/dialogue_state.h"
 #include "proxy/dialogue/session_facts.h"
 
@@ -26,8 +27,9 @@ struct ReplyDecision {
 
 class ServerReplyFilter {
  public:
-  // All references outlive the filter.
-  ServerReplyFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts);
+  // All references outlive the filter. `trace`, if there is one, is told what decides.
+  ServerReplyFilter(const Configuration& configuration, const Clock& clock, const SessionFacts& facts,
+                    DecisionTrace* trace = nullptr);
 
   // `reply` is one complete reply with its line ends.
   ReplyDecision ProcessOutgoingData(std::string_view reply, const DialogueState& state) const;
@@ -36,6 +38,7 @@ class ServerReplyFilter {
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;
+  DecisionTrace* trace_;
 };
 
 }  // namespace trabex

@@ -160,6 +160,19 @@ TEST(cReplaces, AppliesRulesOneAfterTheOther) {
   EXPECT_EQ(Applied({}, "{%crlf%}", source), "{%crlf%}") << "without rules nothing is expanded";
 }
 
+TEST(cReplaces, TellsWhichRulesHaveChangedSomething) {
+  cReplaces list;
+  list.Add("nowhere", "x", false);
+  list.Add("no", "yes", false);
+  list.Add("yes", "YES", true);
+  list.Add("YES", "YES", true);
+  std::string text = "550 no";
+  std::vector<std::size_t> changed;
+  list.Apply(text, CountingSource(), &changed);
+  EXPECT_EQ(text, "550 YES");
+  EXPECT_EQ(changed, (std::vector<std::size_t>{1, 2}));
+}
+
 TEST(cReplaces, ExpandsMacrosInAnyCase) {
   const struct {
     const char* macro;
