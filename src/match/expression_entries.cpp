@@ -59,6 +59,21 @@ ListEntry ExpressionEntries::Entry(std::size_t index) const {
   return {{std::string(Text(record))}, false};
 }
 
+void ExpressionEntries::AppendEntryText(std::size_t index, std::string& out) const {
+  const Record& record = records_[index];
+  if (record.GetKind() != Kind::kSpecial) {
+    out.append(Text(record));
+    return;
+  }
+  const ListEntry& entry = specials_[record.offset].entry;
+  if (entry.is_group) out += '(';
+  for (std::size_t i = 0; i < entry.patterns.size(); ++i) {
+    if (i > 0) out += ' ';
+    out.append(entry.patterns[i]);
+  }
+  if (entry.is_group) out += ')';
+}
+
 const std::vector<ListEntry>& ExpressionEntries::Unpacked() {
   if (!unpacked_) {
     std::vector<ListEntry> entries;

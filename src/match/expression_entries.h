@@ -66,6 +66,8 @@ class ExpressionEntries {
   void Add(std::uint32_t hash, std::string_view key, ListEntry&& entry);
 
   ListEntry Entry(std::size_t index) const;
+  // As in mText.h.
+  void AppendEntryText(std::size_t index, std::string& out) const;
   // All of them, unpacked at the first call and kept until ForgetUnpacked; valid until then, or until one is
   // added.
   const std::vector<ListEntry>& Unpacked();

@@ -135,6 +135,11 @@ ListEntry ExpressionList::Entry(std::size_t index) const {
   return impl_->entries.Entry(index);
 }
 
+void ExpressionList::AppendEntryText(std::size_t index, std::string& out) const {
+  assert(index < Count());
+  impl_->entries.AppendEntryText(index, out);
+}
+
 const std::vector<ListEntry>& ExpressionList::Entries() const {
   static const std::vector<ListEntry> kEmpty;
   return impl_ ? impl_->entries.Unpacked() : kEmpty;

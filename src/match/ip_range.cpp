@@ -231,11 +231,21 @@ bool IsWholeFamily(const IPRange& range) {
 }
 
 std::string FormatRange(const IPRange& range) {
-  if (range.low == range.high) return FormatIPAddress(range.low);
+  std::string text;
+  AppendRange(range, text);
+  return text;
+}
+
+void AppendRange(const IPRange& range, std::string& out) {
+  out.append(FormatIPAddress(range.low));
+  if (range.low == range.high) return;
   const int bits = range.low.CommonBits(range.high);
   const bool is_block = range.low == range.low.Prefix(bits) && range.high == range.low.PrefixEnd(bits);
-  if (is_block) return FormatIPAddress(range.low) + "/" + std::to_string(bits);
-  return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
+  if (is_block) {
+    out.append("/").append(std::to_string(bits));
+  } else {
+    out.append("-").append(FormatIPAddress(range.high));
+  }
 }
 
 int CompareIP(const IPAddress& a, const IPAddress& b) {

@@ -88,6 +88,8 @@ IPRange InitIPRange(std::string_view text);
 bool IsWholeFamily(const IPRange& range);
 // `range` in the shortest of its notations.
 std::string FormatRange(const IPRange& range);
+// Appends the same to `out`.
+void AppendRange(const IPRange& range, std::string& out);
 // -1, 0 or 1.
 int CompareIP(const IPAddress& a, const IPAddress& b);
 bool IPInRange(const IPAddress& ip, const IPRange& range);

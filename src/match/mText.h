@@ -48,6 +48,8 @@ class ExpressionList {
 
   // The entry at `index` (from 0, below Count()).
   ListEntry Entry(std::size_t index) const;
+  // Appends its text to `out`, as the settings have it: an AND-group stands in parentheses.
+  void AppendEntryText(std::size_t index, std::string& out) const;
   // All entries; valid until the list changes or ends. They are unpacked at the first call and stay so, which
   // takes several times the memory of the list: a pass over a long list takes Entry.
   const std::vector<ListEntry>& Entries() const;

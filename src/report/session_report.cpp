@@ -1,7 +1,10 @@
 #include "report/session_report.h"
 
+#include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
+#include <utility>
 
 #include "base/date_time.h"
 #include "base/error.h"
@@ -12,6 +15,10 @@
 namespace trabex {
 
 namespace {
+
+// More of them, or larger ones, are not kept for later sessions.
+constexpr std::size_t kMaxSpareRecords = 1000;
+constexpr std::size_t kMaxSpareMemory = std::size_t{4} * 1024;
 
 constexpr std::array<std::string_view, 8> kEnds = {"quit",    "client", "server", "timeout",
                                                    "refused", "badseq", "closed", "shutdown"};
@@ -103,13 +110,6 @@ void WriteIfAny(JsonLine& line, std::string_view name, std::string_view value) {
   if (!value.empty()) line.Text(name, value);
 }
 
-// An AND-group in the parentheses that the settings have for it.
-std::string TextOf(const ListEntry& entry) {
-  std::string text;
-  for (const std::string& pattern : entry.patterns) text.append(text.empty() ? "" : " ").append(pattern);
-  return entry.is_group ? "(" + text + ")" : text;
-}
-
 std::string_view ValueOf(const DecidingList& list, const cProxy& session, const RequestedState& requested) {
   switch (list.value) {
     case DecidingList::Value::kName:
@@ -126,25 +126,26 @@ std::string_view ValueOf(const DecidingList& list, const cProxy& session, const 
   return {};
 }
 
-// "" when it was no entry that decided.
-std::string EntryOf(const DecidingList& list, const cProxy& session, const RequestedState& requested) {
+// Nothing when it was no entry that decided.
+void AppendEntry(const DecidingList& list, const cProxy& session, const RequestedState& requested,
+                 std::string& out) {
   if (list.ranges != nullptr) {
-    const auto range = list.ranges->Find(session.ClientIP());
-    return range ? mCommon::FormatRange(*range) : std::string();
+    if (const auto range = list.ranges->Find(session.ClientIP())) mCommon::AppendRange(*range, out);
   }
-  if (list.list == nullptr) return {};
+  if (list.list == nullptr) return;
   try {
     const auto index = list.list->Find(ValueOf(list, session, requested));
-    return index ? TextOf(list.list->Entry(*index)) : std::string();
+    if (index) list.list->AppendEntryText(*index, out);
   } catch (const Error&) {
     // A pattern before it is malformed.
-    return {};
   }
 }
 
-void WriteTime(JsonLine& line, std::string_view name, DateTime universal) {
-  JsonTime time;
-  line.Text(name, time.Format(std::llround((universal - kUnixEpoch) * kSecondsPerDay) * 1000));
+void WriteTime(JsonLine& line, std::string_view name, DateTime universal, JsonTime& text) {
+  // Far beyond what a text can show.
+  constexpr double kMaxSeconds = 1e12;
+  const double seconds = std::clamp((universal - kUnixEpoch) * kSecondsPerDay, -kMaxSeconds, kMaxSeconds);
+  line.Text(name, text.Format(std::llround(seconds) * 1000));
 }
 
 std::int64_t MillisecondsBetween(MonotonicTime begin, MonotonicTime end) {
@@ -153,11 +154,25 @@ std::int64_t MillisecondsBetween(MonotonicTime begin, MonotonicTime end) {
 
 }  // namespace
 
+void SessionReport::Record::BeginSession() {
+  head.clear();
+  commands = messages = 0;
+  server = {};
+  server_handle = -1;
+  BeginMessage({}, {});
+}
+
+void SessionReport::Record::SetServerHandle(std::int32_t handle) {
+  if (handle < 0 || handle == server_handle) return;
+  server_handle = handle;
+  head.clear();
+}
+
 void SessionReport::Record::BeginMessage(std::string_view sender, MonotonicTime now) {
   began = now;
   from = sender;
-  recipients.clear();
-  refused.clear();
+  recipients.Clear();
+  refused.Clear();
   recipients_count = refused_count = octets = 0;
 }
 
@@ -165,21 +180,44 @@ SessionReport::Record* SessionReport::RecordOf(const cProxy& session) {
   if (!json_.IsOn()) return nullptr;
   if (latest_ == nullptr || latest_id_ != session.Id()) {
     latest_id_ = session.Id();
-    latest_ = &records_[latest_id_];
+    const auto found = records_.find(latest_id_);
+    latest_ = found != records_.end() ? &found->second : &NewRecord(latest_id_);
   }
   return latest_;
 }
 
+SessionReport::Record& SessionReport::NewRecord(SessionId session) {
+  if (spare_records_.empty()) return records_[session];
+  Records::node_type node = std::move(spare_records_.back());
+  spare_records_.pop_back();
+  node.key() = session;
+  node.mapped().BeginSession();
+  return records_.insert(std::move(node)).position->second;
+}
+
+void SessionReport::EndRecord(SessionId session) {
+  latest_ = nullptr;
+  auto node = records_.extract(session);
+  if (node.empty() || spare_records_.size() >= kMaxSpareRecords) return;
+  if (node.mapped().Memory() <= kMaxSpareMemory) spare_records_.push_back(std::move(node));
+}
+
 JsonLine& SessionReport::BeginLine(std::string_view event, const cProxy& session) {
-  JsonLine& line = json_.Begin(event);
-  const auto digits = SessionIdDigits(session.Id());
-  line.Text("session", {digits.data(), digits.size()});
-  line.Text("client", FormatIPAddress(session.ClientIP()));
-  line.Text("origin", session.ClientIsLocal() ? "local" : "remote");
-  line.Number("client_handle", session.Handle());
   Record& record = *RecordOf(session);
-  if (session.ServerHandle() >= 0) record.server_handle = session.ServerHandle();
-  if (record.server_handle >= 0) line.Number("server_handle", record.server_handle);
+  record.SetServerHandle(session.ServerHandle());
+  if (record.head.empty()) {
+    JsonLine head(record.head);
+    head.Begin();
+    const auto digits = SessionIdDigits(session.Id());
+    head.Text("session", {digits.data(), digits.size()});
+    head.Text("client", FormatIPAddress(session.ClientIP()));
+    head.Text("origin", session.ClientIsLocal() ? "local" : "remote");
+    head.Number("client_handle", session.Handle());
+    if (record.server_handle >= 0) head.Number("server_handle", record.server_handle);
+    head.End();
+  }
+  JsonLine& line = json_.Begin(event);
+  line.Members(record.head);
   return line;
 }
 
@@ -224,7 +262,9 @@ void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
   if (has_recipient) line.Text("to", reply.requested.Recipient);
   if (!reply.list.name.empty()) {
     line.Text("list", reply.list.name);
-    WriteIfAny(line, "entry", EntryOf(reply.list, session, reply.requested));
+    entry_.clear();
+    AppendEntry(reply.list, session, reply.requested, entry_);
+    WriteIfAny(line, "entry", entry_);
   }
   json_.End();
 }
@@ -239,8 +279,8 @@ void SessionReport::OnGreylisting(const cProxy& session, const GreylistVerdict& 
   line.Truth("blacklisted", verdict.blacklisted);
   if (verdict.attempts > 0) {
     line.Number("attempts", verdict.attempts);
-    if (verdict.deferred) WriteTime(line, "delayed_until", verdict.delayed_until);
-    WriteTime(line, "expires", verdict.expires);
+    if (verdict.deferred) WriteTime(line, "delayed_until", verdict.delayed_until, delayed_until_);
+    WriteTime(line, "expires", verdict.expires, expires_);
   }
   WriteIfAny(line, "name", session.Name());
   line.Text("from", requested.Sender);
@@ -264,7 +304,7 @@ void SessionReport::OnRecipient(const cProxy& session, RecipientResult result, s
   const bool accepted = result == RecipientResult::kAccepted;
   ++(accepted ? record->recipients_count : record->refused_count);
   auto& list = accepted ? record->recipients : record->refused;
-  if (list.size() < kMaxListed) list.emplace_back(mailbox);
+  if (list.size() < kMaxListed) list.Add(mailbox);
 }
 
 void SessionReport::OnContent(const cProxy& session, std::size_t octets) {
@@ -301,8 +341,10 @@ void SessionReport::OnServerConnected(const cProxy&, std::chrono::nanoseconds ti
 
 void SessionReport::OnServerNotReached(const cProxy& session, int error, std::string_view description) {
   ++counters_.server_connect_failures;
-  server_failure_ = "The server cannot be reached: error " + std::to_string(error) + ", ";
-  server_failure_.append(description);
+  std::array<char, 12> number{};
+  const auto end = std::to_chars(number.data(), number.data() + number.size(), error).ptr;
+  server_failure_.assign("The server cannot be reached: error ").append(number.data(), end);
+  server_failure_.append(", ").append(description);
   WriteFailure(session, "server", error, description);
 }
 
@@ -327,7 +369,7 @@ void SessionReport::OnServerLeft(const cProxy& session, const TransferredBytes& 
   Record* const record = RecordOf(session);
   if (record == nullptr) return;
   record->server = bytes;
-  record->server_handle = session.ServerHandle();
+  record->SetServerHandle(session.ServerHandle());
 }
 
 void SessionReport::OnEnd(const cProxy& session, SessionEnd how, const TransferredBytes& client) {
@@ -353,8 +395,7 @@ void SessionReport::OnEnd(const cProxy& session, SessionEnd how, const Transferr
       json_.End();
     }
   }
-  latest_ = nullptr;
-  records_.erase(session.Id());
+  EndRecord(session.Id());
 }
 
 }  // namespace trabex

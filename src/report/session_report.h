@@ -11,7 +11,9 @@
 #include "proxy/session_id.h"
 #include "proxy/session_observer.h"
 #include "report/counters.h"
+#include "report/json_line.h"
 #include "report/json_log.h"
+#include "report/text_list.h"
 
 namespace trabex {
 
@@ -44,8 +46,10 @@ class SessionReport final : public SessionObserver {
   void OnEnd(const cProxy& session, SessionEnd how, const TransferredBytes& client) override;
 
  private:
-  // What the JSON log tells of a session in the end, kept only while there is such a log.
+  // What the JSON log tells of a session in the end, kept only while there is such a log. Its texts keep their
+  // memory for the next session.
   struct Record {
+    std::string head;  // what all lines of the session have, as a line of its own; "": not written yet
     std::int64_t commands = 0;
     std::int64_t messages = 0;
     TransferredBytes server;
@@ -53,17 +57,25 @@ class SessionReport final : public SessionObserver {
     // Of the message under way.
     MonotonicTime began{};
     std::string from;
-    std::vector<std::string> recipients;
-    std::vector<std::string> refused;
+    TextList recipients;
+    TextList refused;
     std::int64_t recipients_count = 0;
     std::int64_t refused_count = 0;
     std::int64_t octets = 0;
 
+    void BeginSession();
+    // -1 leaves the one before.
+    void SetServerHandle(std::int32_t handle);
     void BeginMessage(std::string_view sender, MonotonicTime now);
+    // Of its texts, in bytes.
+    std::size_t Memory() const { return from.capacity() + recipients.Memory() + refused.Memory(); }
   };
+  using Records = std::unordered_map<SessionId, Record>;
 
   // nullptr when there is no JSON log.
   Record* RecordOf(const cProxy& session);
+  Record& NewRecord(SessionId session);
+  void EndRecord(SessionId session);
   JsonLine& BeginLine(std::string_view event, const cProxy& session);
   void WriteRefusal(const cProxy& session, const OwnReply& reply);
   void WriteFailure(const cProxy& session, std::string_view side, int error, std::string_view description);
@@ -72,9 +84,14 @@ class SessionReport final : public SessionObserver {
   JsonLog& json_;
   const Clock& clock_;
   std::string server_failure_;
-  std::unordered_map<SessionId, Record> records_;
+  Records records_;
+  std::vector<Records::node_type> spare_records_;
   SessionId latest_id_ = 0;  // whose record latest_ is
   Record* latest_ = nullptr;
+  // Used again for each line.
+  std::string entry_;
+  JsonTime delayed_until_;
+  JsonTime expires_;
 };
 
 }  // namespace trabex
