@@ -22,7 +22,7 @@ using namespace trabex;
 
 class Greylisting final : public GreylistCheck {
  public:
-  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+  GreylistVerdict ShouldDefer(std::optional<std::string_view>, const IPAddress&, std::string_view,
                               std::string_view) override {
     return defers;
   }

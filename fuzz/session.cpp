@@ -46,7 +46,7 @@ constexpr std::size_t kMaxSteps = 100000;
 
 class Greylisting final : public GreylistCheck {
  public:
-  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+  GreylistVerdict ShouldDefer(std::optional<std::string_view>, const IPAddress&, std::string_view,
                               std::string_view) override {
     return true;
   }

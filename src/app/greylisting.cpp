@@ -32,7 +32,7 @@ GreylistVerdict ForSession(const GreyListingVerdict& verdict) {
   return result;
 }
 
-GreylistVerdict GreyListing::ShouldDefer(std::string_view host_name, const IPAddress& ip,
+GreylistVerdict GreyListing::ShouldDefer(std::optional<std::string_view> host_name, const IPAddress& ip,
                                          std::string_view sender, std::string_view recipient) {
   return ForSession(decision_.Judge(host_name, ip, sender, recipient));
 }

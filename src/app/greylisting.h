@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -44,8 +45,8 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   // All outlive this object.
   GreyListing(const GreyListingSettings& settings, Log& log, const Clock& clock, EventLoop& loop);
 
-  GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                              std::string_view recipient) override;
+  GreylistVerdict ShouldDefer(std::optional<std::string_view> host_name, const IPAddress& ip,
+                              std::string_view sender, std::string_view recipient) override;
 
   void Load() override;
   void Clear() override;

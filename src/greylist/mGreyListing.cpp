@@ -24,10 +24,10 @@ std::int32_t AcceptedCount(const cGreyListingData& record) {
 
 }  // namespace
 
-GreyListingVerdict mGreyListing::Judge(std::string_view host_name, const IPAddress& ip,
+GreyListingVerdict mGreyListing::Judge(std::optional<std::string_view> host_name, const IPAddress& ip,
                                        std::string_view sender, std::string_view recipient) {
   if (MatchesList(ip, settings_.IPWhiteList, trace_) ||
-      MatchesList(host_name, settings_.HostsWhiteList, trace_)) {
+      (host_name && MatchesList(*host_name, settings_.HostsWhiteList, trace_))) {
     LogOutcome(GreyListingOutcome::kWhitelisted, false, nullptr);
     return {GreyListingOutcome::kWhitelisted};
   }
@@ -60,9 +60,9 @@ cGreyListingData& mGreyListing::NewRecord(std::string key, std::string_view netw
 }
 
 mGreyListing::DelayPolicy mGreyListing::DelayPolicyFor(const IPAddress& ip,
-                                                       std::string_view host_name) const {
+                                                       std::optional<std::string_view> host_name) const {
   if (MatchesList(ip, settings_.IPBlackList, trace_) ||
-      MatchesList(host_name, settings_.HostsBlackList, trace_)) {
+      (host_name && MatchesList(*host_name, settings_.HostsBlackList, trace_))) {
     return {true, settings_.BlackListDelay, settings_.BlackListMinCount};
   }
   return {false, settings_.Delay, settings_.MinCount};

@@ -6,6 +6,7 @@
 // enabled.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -61,14 +62,15 @@ class mGreyListing {
         warning_(warning),
         trace_(trace) {}
 
-  // `host_name` is the client's name as resolved for the session, or empty; `ip` its address; `sender` and
+  // `host_name` is the client's name as resolved for the session, empty when it has none, and nothing when that is
+  // not known: then neither list of names is looked at. `ip` is its address; `sender` and
   // `recipient` are addresses without angle brackets, letter case as it may be. Creates or refreshes the
   // triple's record, sets the database's changed flag and, where the settings say so, writes one log line; a
   // whitelisted client has the log line only. For a new record older pending ones may have to go (MaxPending,
   // MaxPendingPerNetwork).
-  GreyListingVerdict Judge(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                           std::string_view recipient);
-  GreyListingOutcome GreyListingCheck(std::string_view host_name, const IPAddress& ip,
+  GreyListingVerdict Judge(std::optional<std::string_view> host_name, const IPAddress& ip,
+                           std::string_view sender, std::string_view recipient);
+  GreyListingOutcome GreyListingCheck(std::optional<std::string_view> host_name, const IPAddress& ip,
                                       std::string_view sender, std::string_view recipient) {
     return Judge(host_name, ip, sender, recipient).outcome;
   }
@@ -76,7 +78,7 @@ class mGreyListing {
  private:
   cGreyListingData& NewRecord(std::string key, std::string_view network, const DelayPolicy& policy,
                               DateTime now);
-  DelayPolicy DelayPolicyFor(const IPAddress& ip, std::string_view host_name) const;
+  DelayPolicy DelayPolicyFor(const IPAddress& ip, std::optional<std::string_view> host_name) const;
   void LogOutcome(GreyListingOutcome outcome, bool blacklisted, const cGreyListingData* record) const;
 
   const GreyListingSettings& settings_;

@@ -109,6 +109,10 @@ std::string CSocketMaster::RemoteHostName(bool /*bNotCached*/) {
   return cold_->remote_host_name;
 }
 
+bool CSocketMaster::RemoteHostNameFailed() const {
+  return cold_ && cold_->remote_host_name_failed;
+}
+
 void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed) {
   Endpoint peer;
   Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
@@ -125,6 +129,7 @@ void CSocketMaster::OnPeerName(const PeerName& found) {
   cold.name_lookup = 0;
   cold.remote_host_name = found.name;
   cold.remote_host_name_error = found.error;
+  cold.remote_host_name_failed = found.failed;
   const auto done = std::exchange(cold.name_done, nullptr);
   Raise(done, "LookUpRemoteHostName");
 }
@@ -191,6 +196,7 @@ void CSocketMaster::ForgetPeerName() {
   if (!cold_) return;
   cold_->remote_host_name.clear();
   cold_->remote_host_name_error = socket_error::kTryAgain;
+  cold_->remote_host_name_failed = false;
 }
 
 void CSocketMaster::Connect(std::optional<std::string> RemoteHost, std::optional<std::int32_t> RemotePort) {

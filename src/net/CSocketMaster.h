@@ -117,6 +117,8 @@ class CSocketMaster final : public SocketSink {
   // The peer's name as LookUpRemoteHostName found it. Raises that look-up's error (11002 while there is no
   // answer), source "CSocketMaster.GetRemoteHostName".
   std::string RemoteHostName(bool bNotCached = false);
+  // Whether that look-up has ended, and DNS did not say whether the peer has a name.
+  bool RemoteHostNameFailed() const;
   // Asks for the peer's name; `done` is called once from the loop, within 5 seconds, also when there is none;
   // not after CloseSck. A name with anything but letters, digits, "-", "_" and "." counts as none, with
   // blnConfirmed also one that has not the peer's address among its own. One look-up at a time; a second call

@@ -24,6 +24,7 @@ struct CSocketMaster::ColdState {
   // The peer's name: the answer of the last look-up, or its error.
   std::string remote_host_name;
   int remote_host_name_error = socket_error::kTryAgain;
+  bool remote_host_name_failed = false;
   LookupId name_lookup = 0;
   std::function<void()> name_done;
 };

@@ -12,8 +12,10 @@ namespace trabex {
 namespace {
 
 PeerName NameThatCounts(const NameAnswer& answer, bool counts) {
-  if (answer.error != 0) return {{}, answer.error};
-  if (!counts || !IsPlainHostName(answer.name)) return {{}, socket_error::kNoData};
+  if (answer.error != 0) return {{}, answer.error, IsTemporary(answer.error)};
+  if (!counts || !IsPlainHostName(answer.name)) {
+    return {{}, socket_error::kNoData, !counts && answer.confirmation_failed};
+  }
   return {answer.name};
 }
 

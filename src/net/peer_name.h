@@ -13,6 +13,8 @@ namespace trabex {
 struct PeerName {
   std::string name;  // "" when there is none that counts
   int error = 0;     // why there is none, one of 11001 to 11004
+  // DNS did not say whether there is one that counts.
+  bool failed = false;
 };
 
 // Asks for the name of `address`; `done` is called as NameLookup says. A name with anything but letters, digits,

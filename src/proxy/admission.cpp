@@ -26,7 +26,10 @@ bool Admission::NameDecides(bool is_local, bool is_whitelisted) const {
   return (configuration_.ValidateRDNS & check) != 0 && !is_whitelisted;
 }
 
-std::optional<Admission::Refusal> Admission::RefusedByName(std::string_view name) const {
+std::optional<Admission::Refusal> Admission::RefusedByName(std::optional<std::string_view> known_name) const {
+  // It may come again when DNS can say who it is.
+  if (!known_name) return Refusal{ReplyKind::kNoPtr};
+  const std::string_view name = *known_name;
   const Configuration& c = configuration_;
   if (MatchesList(name, c.HostsWhiteList, trace_)) return std::nullopt;
   // The allow list's "*" is meant for names; a client that has none does not pass by it.

@@ -31,8 +31,9 @@ class Admission {
   std::optional<Refusal> RefusedByAddress(const IPAddress& ip) const;
   // Whether a client's name decides.
   bool NameDecides(bool is_local, bool is_whitelisted) const;
-  // Where it decides. `name` is "" when the client has none.
-  std::optional<Refusal> RefusedByName(std::string_view name) const;
+  // Where it decides. `name` is "" when the client has none, and nothing when it is not known whether it has one:
+  // then no list is about it.
+  std::optional<Refusal> RefusedByName(std::optional<std::string_view> name) const;
 
  private:
   const Configuration& configuration_;

@@ -109,6 +109,7 @@ class cProxy final : public DeferredDeletable,
 
   bool IsLocalClient() const override;
   std::string ClientHostName() const override { return HostName; }
+  bool ClientHostNameIsUnknown() const override { return name_is_unknown_; }
   bool TlsConfigured() const override { return dependencies_.configuration.TLS.WantsCertificate(); }
   bool TlsReady() const override { return dependencies_.tls.for_clients != nullptr; }
   bool TlsActive() const override { return Receiver.Socket().Tls() != nullptr; }
@@ -119,6 +120,8 @@ class cProxy final : public DeferredDeletable,
   void AdmitClient(bool tls);
   void AdmitFurther();
   void ClientNameKnown();
+  // DNS did not say whether the client has a name.
+  void NoteNameFailure();
   bool NameAdmissionApplies() const;
   // Returns whether the session goes on.
   bool AdmitByName();
@@ -250,6 +253,7 @@ class cProxy final : public DeferredDeletable,
   bool Whitelisted = false;
   bool HostNameKnown = false;
   bool name_is_temporary_ = false;      // DNS was silent or failed
+  bool name_is_unknown_ = false;        // likewise, and by DnsFailure that is not to have none
   mutable std::optional<bool> IsLocal;  // asked for once
   std::string HostName;
   LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits, or of the client's name

@@ -78,8 +78,18 @@ void cProxy::ClientNameKnown() {
     name_is_temporary_ = error.Number() == socket_error::kTryAgain;
   }
   HostNameKnown = true;
+  if (Receiver.Socket().RemoteHostNameFailed()) NoteNameFailure();
   if (stage_ == Stage::kAdmission && AdmitByName()) ConnectServer();
   Pump();
+}
+
+void cProxy::NoteNameFailure() {
+  if (dependencies_.configuration.Service.DnsFailure != dns_failure::kUnknown) return;
+  constexpr std::string_view kText = "Name look-up failed.";
+  name_is_unknown_ = true;
+  Receiver.Log(log_level::kErrors, kText);
+  if (dependencies_.observer != nullptr)
+    dependencies_.observer->OnFailure(*this, true, socket_error::kTryAgain, kText);
 }
 
 bool cProxy::NameAdmissionApplies() const {
@@ -88,7 +98,8 @@ bool cProxy::NameAdmissionApplies() const {
 
 bool cProxy::AdmitByName() {
   if (!NameAdmissionApplies()) return true;
-  const auto refusal = Admission(dependencies_.configuration).RefusedByName(HostName);
+  const auto name = name_is_unknown_ ? std::nullopt : std::optional<std::string_view>(HostName);
+  const auto refusal = Admission(dependencies_.configuration).RefusedByName(name);
   if (!refusal) return true;
   dialogue_.Say(refusal->kind, *this, refusal->list);
   return false;

@@ -48,7 +48,8 @@ class SessionObserver {
   // The server is connected, after so long.
   virtual void OnServerConnected(const cProxy& session, std::chrono::nanoseconds time) = 0;
   virtual void OnServerNotReached(const cProxy& session, int error, std::string_view description) = 0;
-  // A connection has failed that had been made; `with_client` says which one.
+  // A connection has failed that had been made, or something else about the peer, and the session goes on;
+  // `with_client` says which one.
   virtual void OnFailure(const cProxy& session, bool with_client, int error,
                          std::string_view description) = 0;
   // The server's connection is about to be closed.

@@ -12,6 +12,7 @@
 
 #include "base/ip_address.h"
 #include "platform/event_loop.h"
+#include "platform/sockets.h"
 
 namespace trabex {
 
@@ -27,7 +28,15 @@ struct NameAnswer {
   // FindConfirmedName: one of the name's own addresses is the one that was asked about (RFC 8601, 3).
   bool confirmed = false;
   bool timed_out = false;  // with 11002: no answer came in time
+  // FindConfirmedName, where confirmed is false: DNS did not say what addresses the name has.
+  bool confirmation_failed = false;
 };
+
+// Whether a look-up with this error may succeed at another time: there was no answer, or no server that could
+// say. With any other error there is nothing to be found, or nothing that would count.
+constexpr bool IsTemporary(int error) {
+  return error == socket_error::kTryAgain;
+}
 
 // Which addresses of a name are wanted.
 enum class LookupFamily : std::uint8_t {

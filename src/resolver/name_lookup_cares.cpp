@@ -244,7 +244,10 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
       return;
     }
     NameAnswer answer{reply.error, reply.name, false, reply.timed_out};
-    if (!request.name.empty()) answer = {0, request.name, Holds(reply.addresses, *request.to_confirm)};
+    if (!request.name.empty()) {
+      answer = {0, request.name, Holds(reply.addresses, *request.to_confirm)};
+      answer.confirmation_failed = !answer.confirmed && IsTemporary(reply.error);
+    }
     std::get<NameReceiver>(request.receiver)(answer);
   }
 
@@ -278,7 +281,10 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     request.reply.addresses = ResolveLocally(request.name, LookupFamilyOf(*request.to_confirm));
     // Where both know the name, either may confirm it.
     if (Holds(request.reply.addresses, *request.to_confirm) || IsLocalhost(request.name)) return false;
-    if (IsLate(request.deadline)) return false;
+    if (IsLate(request.deadline)) {
+      request.reply.error = socket_error::kTryAgain;
+      return false;
+    }
     AskDns(id, [&](DnsChannel& channel) {
       channel.AskAddresses(request.name, false, FamilyOf(*request.to_confirm), id);
     });

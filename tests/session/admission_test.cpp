@@ -206,9 +206,9 @@ TEST(ConfirmedName, IsTheOnlyOneThatCounts) {
 TEST(ConfirmedName, IsWhatRepliesHeaderAndGreylistingHear) {
   class Greylisting final : public GreylistCheck {
    public:
-    GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress&, std::string_view,
+    GreylistVerdict ShouldDefer(std::optional<std::string_view> host_name, const IPAddress&, std::string_view,
                                 std::string_view) override {
-      names.emplace_back(host_name);
+      names.emplace_back(host_name.value_or("?"));
       return false;
     }
     std::vector<std::string> names;

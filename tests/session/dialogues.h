@@ -10,7 +10,7 @@
 namespace trabex {
 
 struct DelayAll : GreylistCheck {
-  GreylistVerdict ShouldDefer(std::string_view, const IPAddress&, std::string_view,
+  GreylistVerdict ShouldDefer(std::optional<std::string_view>, const IPAddress&, std::string_view,
                               std::string_view) override {
     return true;
   }

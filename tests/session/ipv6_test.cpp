@@ -94,7 +94,7 @@ TEST(IPv6Client, ItsLiteralIsCheckedAndHanded) {
 TEST(IPv6Client, GreylistingHearsItsAddress) {
   class Recorded final : public GreylistCheck {
    public:
-    GreylistVerdict ShouldDefer(std::string_view, const IPAddress& ip, std::string_view,
+    GreylistVerdict ShouldDefer(std::optional<std::string_view>, const IPAddress& ip, std::string_view,
                                 std::string_view) override {
       addresses.push_back(FormatIPAddress(ip));
       return true;

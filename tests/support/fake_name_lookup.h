@@ -44,6 +44,8 @@ class FakeNameLookup final : public NameLookup {
   // From now on what is set for 127.0.0.1 holds for ::1 too, and every name that has addresses of IPv4 has
   // one of IPv6 for each of them: ::1 for 127.0.0.1, 64:ff9b::a.b.c.d (RFC 6052) for others.
   void MeanIPv6() { mean_ipv6_ = true; }
+  // From now on everything that takes time is asked of `names`; nullptr: no longer.
+  void AskInstead(NameLookup* names) { instead_ = names; }
   // From now on no answer comes before Deliver.
   void HoldAnswers() { held_ = true; }
   // Gives every waiting answer now, in the order of asking; those asked for meanwhile wait for the next time.
@@ -77,28 +79,35 @@ class FakeNameLookup final : public NameLookup {
   // SetAddresses sets those of both families; the answer has those that are wanted.
   LookupId FindAddresses(std::string_view name, LookupFamily family,
                          std::function<void(const AddressAnswer&)> answer) override {
+    if (instead_ != nullptr) return instead_->FindAddresses(name, family, std::move(answer));
     asked_names_.emplace_back(name);
     return Ask([this, name = std::string(name), family, answer = std::move(answer)] {
       answer(Wanted(WithIPv6(AddressesOf(name)), family));
     });
   }
   LookupId FindName(const IPAddress& address, std::function<void(const NameAnswer&)> answer) override {
+    if (instead_ != nullptr) return instead_->FindName(address, std::move(answer));
     asked_addresses_.push_back(address);
     return Ask([this, address, answer = std::move(answer)] { answer(NameOf(address)); });
   }
   // A name is confirmed by what SetAddresses and SetLocalAddress have set for it.
   LookupId FindConfirmedName(const IPAddress& address,
                              std::function<void(const NameAnswer&)> answer) override {
+    if (instead_ != nullptr) return instead_->FindConfirmedName(address, std::move(answer));
     asked_addresses_.push_back(address);
     ++confirmed_requests_;
     return Ask([this, address, answer = std::move(answer)] {
       NameAnswer found = NameOf(address);
-      const auto addresses = WithIPv6(AddressesOf(found.name)).addresses;
-      found.confirmed = std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+      const AddressAnswer own = WithIPv6(AddressesOf(found.name));
+      found.confirmed = std::find(own.addresses.begin(), own.addresses.end(), address) != own.addresses.end();
+      found.confirmation_failed = !found.confirmed && IsTemporary(own.error);
       answer(found);
     });
   }
-  void Cancel(LookupId id) override { cancelled_ += waiting_->erase(id); }
+  void Cancel(LookupId id) override {
+    if (instead_ != nullptr) return instead_->Cancel(id);
+    cancelled_ += waiting_->erase(id);
+  }
 
   std::optional<IPAddress> ResolveLocally(std::string_view name) override {
     if (const auto address = ParseIPAddress(name)) return address;
@@ -162,6 +171,7 @@ class FakeNameLookup final : public NameLookup {
   }
 
   EventLoop& loop_;
+  NameLookup* instead_ = nullptr;
   std::map<std::string, AddressAnswer> addresses_;
   std::map<IPAddress, NameAnswer> names_;
   std::map<std::string, IPAddress> known_;

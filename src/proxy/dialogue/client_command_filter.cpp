@@ -391,8 +391,11 @@ class ClientCommandFilter::LineFilter {
   bool IsGreylisted() {
     const GreyListingSettings& settings = configuration_.GreyListing;
     if (facts_.IsLocalClient() || !settings.Enabled || !greylisting_) return false;
-    decision_.greylisting = greylisting_->ShouldDefer(facts_.ClientHostName(), facts_.ClientIP(),
-                                                      requested_.Sender, requested_.Recipient);
+    const std::string name = facts_.ClientHostName();
+    const auto known_name =
+        facts_.ClientHostNameIsUnknown() ? std::nullopt : std::optional<std::string_view>(name);
+    decision_.greylisting =
+        greylisting_->ShouldDefer(known_name, facts_.ClientIP(), requested_.Sender, requested_.Recipient);
     if (!decision_.greylisting->deferred) return false;
     const std::int32_t action = settings.CallbackSenderAction;
     if (!MatchesList(requested_.Sender, settings.CallbackSendersList, trace_)) return true;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
 #include "base/date_time.h"
@@ -29,8 +30,9 @@ class GreylistCheck {
  public:
   virtual ~GreylistCheck() = default;
   // Counts the attempt; says whether the recipient is to be deferred (RFC 6647), that is refused for now.
-  // `ip` is the client's address; `host_name` is empty when the client has none.
-  virtual GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress& ip,
+  // `ip` is the client's address; `host_name` is empty when the client has none, and nothing when it is not known
+  // whether it has one: then no list of names is about it.
+  virtual GreylistVerdict ShouldDefer(std::optional<std::string_view> host_name, const IPAddress& ip,
                                       std::string_view sender, std::string_view recipient) = 0;
 };
 

@@ -25,6 +25,9 @@ class SessionFacts {
   virtual bool IsLocalClient() const = 0;
   // The client's name from DNS; "" when it has none. Known before the first command line is filtered.
   virtual std::string ClientHostName() const = 0;
+  // Whether the client may have a name all the same: DNS has not answered, and DnsFailure says that this does
+  // not count as having none. No list of names is about such a client.
+  virtual bool ClientHostNameIsUnknown() const { return false; }
   std::string ClientHostNameOrUnknown() const {
     std::string name = ClientHostName();
     return name.empty() ? "Unknown" : name;

@@ -18,7 +18,7 @@ namespace {
 // Settings that are read, and that nothing goes by yet.
 bool IsWithoutEffect(const Setting& setting) {
   return setting.section == section_name::kService &&
-         (setting.key == "ServerTimeout" || setting.key == "DnsFailure" || setting.key == "EnforceMaxSize");
+         (setting.key == "ServerTimeout" || setting.key == "EnforceMaxSize");
 }
 
 std::string ValuesText(const Setting& setting) {

@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -357,6 +358,28 @@ TEST_F(GreyListing, SettingsCountFromTheNextCheckOn) {
   EXPECT_NEAR(Record().ExpireAt(), kNoon + 620 * kMinute, 1e-9);
   settings_.HostsWhiteList = Patterns({"*"});
   EXPECT_EQ(Check(), kWhitelisted);
+}
+
+TEST_F(GreyListing, NoListOfNamesIsAboutAClientWhoseNameIsNotKnown) {
+  const auto check = [&](const char* ip) {
+    return grey_.Judge(std::nullopt, IP(ip), "s@a.test", "r@b.test");
+  };
+  for (const char* pattern : {"[]", "*"}) {
+    settings_.HostsWhiteList = settings_.HostsBlackList = Patterns({pattern});
+    EXPECT_EQ(Check("192.0.2.1", ""), kWhitelisted) << pattern;
+    EXPECT_EQ(check("192.0.2.1").outcome, kNew) << pattern;
+    settings_.HostsWhiteList = ExpressionList();
+    database_.Clear();
+    const GreyListingVerdict verdict = check("192.0.2.1");
+    EXPECT_FALSE(verdict.blacklisted) << pattern;
+    EXPECT_NEAR(verdict.record->DelayedUntil(), clock_.UniversalNow() + settings_.Delay, 1e-9) << pattern;
+    database_.Clear();
+  }
+  // Those of addresses are.
+  settings_.IPWhiteList = Range("192.0.2.1");
+  settings_.IPBlackList = Range("192.0.2.0/24");
+  EXPECT_EQ(check("192.0.2.1").outcome, kWhitelisted);
+  EXPECT_TRUE(check("192.0.2.2").blacklisted);
 }
 
 // All log lines show local time, three hours ahead.

@@ -157,6 +157,34 @@ TEST_F(RemoteNameTest, AFailedLookUpLeavesItsError) {
               "This is a nonrecoverable error.");
 }
 
+TEST_F(RemoteNameTest, ALookUpHasFailedWhenDnsDidNotSay) {
+  const struct {
+    int error;  // of the name
+    bool confirmed;
+    int address_error;
+    bool failed;
+  } rows[] = {
+      {0, false, 0, false},     {11001, false, 0, false},    {11002, false, 0, true},
+      {11003, false, 0, false}, {11004, false, 0, false},    {0, true, 0, false},
+      {0, true, 11001, false},  {0, true, 11002, true},      {0, true, 11003, false},
+      {0, true, 11004, false},  {11001, true, 11002, false}, {11002, true, 11001, true},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(std::to_string(row.error) + " " + std::to_string(row.address_error));
+    peer.reset();
+    Connection();
+    names.SetName(kLoopback, "client.test");
+    if (row.error != 0) names.SetNameError(kLoopback, row.error);
+    names.SetAddresses("client.test", {IPAddress::IPv4(0xC0000201)});
+    if (row.address_error != 0) names.SetAddressError("client.test", row.address_error);
+    EXPECT_FALSE((*accepted)->RemoteHostNameFailed());
+    bool done = false;
+    (*accepted)->LookUpRemoteHostName([&] { done = true; }, row.confirmed);
+    EXPECT_TRUE(RunUntil(loop, [&] { return done; }));
+    EXPECT_EQ((*accepted)->RemoteHostNameFailed(), row.failed);
+  }
+}
+
 TEST_F(RemoteNameTest, ANameThatIsNoPlainHostNameCountsAsNone) {
   struct Row {
     const char* name;

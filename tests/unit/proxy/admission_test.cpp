@@ -106,6 +106,12 @@ TEST(Admission, AsksTheListsOfNamesInTheirOrder) {
     EXPECT_EQ(refusal ? refusal->list.name : "", row.list) << row.name;
     EXPECT_EQ(notes.Take(), row.asked);
   }
+  // No list is asked about a name that is not known.
+  const auto refusal = admission.RefusedByName(std::nullopt);
+  ASSERT_TRUE(refusal);
+  EXPECT_EQ(refusal->kind, ReplyKind::kNoPtr);
+  EXPECT_EQ(refusal->list.name, "");
+  EXPECT_EQ(notes.Take(), "");
 }
 
 TEST(Admission, TheNameDecidesWhereTheSettingsAskForIt) {

@@ -296,6 +296,9 @@ TEST(Greylisting, AsksForTheTriple) {
   d.state.requested.Sender.clear();
   EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>");
   EXPECT_EQ(d.greylisting.asked.back(), "|192.0.2.7||u@local.test");
+  d.facts.host_is_unknown = true;
+  EXPECT_EQ(d.Says("RCPT TO:<u@local.test>"), "-> RCPT TO:<u@local.test>");
+  EXPECT_EQ(d.greylisting.asked.back(), "?|192.0.2.7||u@local.test");
 }
 
 TEST(Greylisting, IsNotAskedWhenItDoesNotMatter) {

@@ -87,9 +87,9 @@ cReplaces Appended(std::string name, std::string text) {
   return WholeReply(std::move(name), "{%original%}" + text);
 }
 
-GreylistVerdict FakeGreylisting::ShouldDefer(std::string_view host_name, const IPAddress& ip,
+GreylistVerdict FakeGreylisting::ShouldDefer(std::optional<std::string_view> host_name, const IPAddress& ip,
                                              std::string_view sender, std::string_view recipient) {
-  asked.push_back(std::string(host_name)
+  asked.push_back(std::string(host_name.value_or("?"))
                       .append("|")
                       .append(FormatIPAddress(ip))
                       .append("|")

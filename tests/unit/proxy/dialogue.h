@@ -37,6 +37,7 @@ class FakeFacts final : public SessionFacts {
   IPAddress ClientIP() const override { return ip; }
   bool IsLocalClient() const override { return local; }
   std::string ClientHostName() const override { return host; }
+  bool ClientHostNameIsUnknown() const override { return host_is_unknown; }
   std::int64_t BytesSent() const override { return sent; }
   bool TlsConfigured() const override { return tls_configured; }
   bool TlsReady() const override { return tls_ready; }
@@ -46,6 +47,7 @@ class FakeFacts final : public SessionFacts {
 
   IPAddress ip = IPAddress::IPv4(0xC0000207);  // 192.0.2.7
   std::string host = "mail.client.test";
+  bool host_is_unknown = false;
   bool local = false;
   std::int64_t sent = 0;
   bool tls_configured = false;
@@ -57,8 +59,8 @@ class FakeFacts final : public SessionFacts {
 
 class FakeGreylisting final : public GreylistCheck {
  public:
-  GreylistVerdict ShouldDefer(std::string_view host_name, const IPAddress& ip, std::string_view sender,
-                              std::string_view recipient) override;
+  GreylistVerdict ShouldDefer(std::optional<std::string_view> host_name, const IPAddress& ip,
+                              std::string_view sender, std::string_view recipient) override;
 
   bool delays = false;
   std::vector<std::string> asked;  // "host|ip|sender|recipient"

@@ -141,7 +141,8 @@ TEST(ResponsesDocument, NamesSettingsAndKeysThatThereAre) {
     EXPECT_FALSE(row.when.empty()) << key;
     for (const std::string& name : CodeIn(row.when)) {
       const bool known = FindSetting("Common", name) || FindSetting("TLS", name) ||
-                         FindSetting("GreyListing", name) || documented.contains(name);
+                         FindSetting("GreyListing", name) || FindSetting("Service", name) ||
+                         documented.contains(name);
       EXPECT_TRUE(known) << key << ": " << name;
     }
   }

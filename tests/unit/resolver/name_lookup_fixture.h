@@ -42,7 +42,8 @@ inline std::string Shown(const NameAnswer& answer) {
 }
 
 inline std::string ShownConfirmed(const NameAnswer& answer) {
-  return Shown(answer) + (answer.confirmed ? " confirmed" : "");
+  return Shown(answer) + (answer.confirmed ? " confirmed" : "") +
+         (answer.confirmation_failed ? " unconfirmed for now" : "");
 }
 
 inline std::size_t OpenDescriptors() {
