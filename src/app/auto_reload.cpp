@@ -164,6 +164,7 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
 
 void AutoReload::Reload(IniText ini, std::function<void(bool made)> done) {
   done_ = std::move(done);
+  window_.ReloadBegins();
   program_.log.TellFailureAgain();
   program_.problems.clear();
   const Addresses before = InForce();

@@ -78,6 +78,7 @@ bool frmMain::Form_Load(bool to_be_shown) {
   program_.control.Begin();
   status_.Follow();
   WriteStart(program_.json_log, VersionText(), TakeProblems());
+  program_.service_notices.Ready();
   if (std::exchange(reload_is_due_, false)) requested_reload_.Request({});
   return true;
 }
@@ -111,6 +112,7 @@ void frmMain::Show(bool minimized) {
 void frmMain::Form_Unload() {
   if (unloaded_) return;
   unloaded_ = true;
+  program_.service_notices.Stopping();
   auto_reload_.End();
   requested_reload_.End();
   tmrStatus.Disable();
@@ -174,7 +176,12 @@ void frmMain::ShowAddresses() {
   view_.SetStatus(bound + " --> " + server);
 }
 
+void frmMain::ReloadBegins() {
+  program_.service_notices.Reloading();
+}
+
 void frmMain::Reloaded(bool succeeded) {
+  program_.service_notices.Ready();
   ++program_.counters.reloads[succeeded ? 0 : 1];
   program_.counters.last_reload_ok = succeeded;
   WriteReload(program_.json_log, succeeded, TakeProblems());

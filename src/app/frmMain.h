@@ -76,6 +76,8 @@ class frmMain final {
   void ReopenLog();
   // Whether clients can connect.
   bool Listening() const { return loaded_ && !unloaded_; }
+  // A reload begins, to which Reloaded will say how it has ended.
+  void ReloadBegins();
   // A reload has ended; what is in force now is followed.
   void Reloaded(bool succeeded);
 

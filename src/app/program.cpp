@@ -28,6 +28,7 @@ Program::Program(Dependencies the_dependencies)
     : dependencies(std::move(the_dependencies)),
       log(configuration, dependencies.clock, dependencies.program_name),
       loop(dependencies.clock),
+      service_notices(loop, dependencies.find_service_manager()),
       json_log(configuration, dependencies.clock, loop, log),
       session_report(counters, json_log, dependencies.clock),
       sockets(loop),

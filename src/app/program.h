@@ -15,6 +15,7 @@
 #include "app/greylisting.h"
 #include "app/instance_name.h"
 #include "app/log_file.h"
+#include "app/service_notices.h"
 #include "config/configuration.h"
 #include "config/early_keys.h"
 #include "config/ini_reader.h"
@@ -25,6 +26,7 @@
 #include "platform/files.h"
 #include "platform/instance_lock.h"
 #include "platform/message.h"
+#include "platform/service_manager.h"
 #include "platform/sockets.h"
 #include "proxy/tls_contexts.h"
 #include "report/counters.h"
@@ -48,6 +50,7 @@ struct Dependencies {
   std::function<std::unique_ptr<NameLookup>(EventLoop&)> make_names = [](EventLoop& loop) {
     return MakeNameLookup(loop);
   };
+  std::function<std::unique_ptr<ServiceManager>()> find_service_manager = FindServiceManager;
 };
 
 struct Program final : LoadHost {
@@ -98,6 +101,7 @@ struct Program final : LoadHost {
   Counters counters;
   LogFile log;
   EventLoop loop;
+  ServiceNotices service_notices;
   JsonLog json_log;
   SessionReport session_report;
   Sockets sockets;

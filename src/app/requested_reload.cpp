@@ -31,6 +31,7 @@ void RequestedReload::TakeWaiting() {
                 std::make_move_iterator(waiting_.end()));
   waiting_.clear();
   outcome_ = {};
+  if (program_.window) program_.window->ReloadBegins();
   try {
     // The check reads it once more; this says what a reload says of a file that is none.
     static_cast<void>(reload_.TakeFileNow());
