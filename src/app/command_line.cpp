@@ -266,4 +266,10 @@ CommandLine ParseCommandLine(std::span<const std::string_view> arguments) {
   return Parser(arguments).Parse();
 }
 
+std::vector<std::string_view> SwitchNames() {
+  std::vector<std::string_view> names = {"VERSION"};
+  for (const SwitchName& one : kSwitchNames) names.push_back(one.name);
+  return names;
+}
+
 }  // namespace trabex

@@ -46,4 +46,8 @@ struct CommandLine {
 // program's own name.
 CommandLine ParseCommandLine(std::span<const std::string_view> arguments);
 
+// The names of all switches in capital letters, without what stands in front of them: "PORT", "P". For tests that hold the
+// documents against them.
+std::vector<std::string_view> SwitchNames();
+
 }  // namespace trabex

@@ -239,4 +239,10 @@ ControlReply AnswerGreyList(const GreyListToolInputs& inputs, const std::vector<
                  "\"" + name + "\" is none of list, show, delete, add, export, import and stats.");
 }
 
+std::vector<GreyListCommandForm> GreyListCommandForms() {
+  std::vector<GreyListCommandForm> forms;
+  for (const Command& command : Commands()) forms.push_back({command.name, command.options});
+  return forms;
+}
+
 }  // namespace trabex

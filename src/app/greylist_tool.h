@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/control_requests.h"
@@ -34,5 +35,12 @@ struct GreyListToolInputs {
 // inputs of a long answer may change while it is made: what is added or removed meanwhile is in it or not. An
 // import that has read all of its file and changes the records is completed when it is dropped.
 ControlReply AnswerGreyList(const GreyListToolInputs& inputs, const std::vector<std::string>& arguments);
+
+// The commands with their options, for tests that hold the documents against them.
+struct GreyListCommandForm {
+  std::string_view name;
+  std::vector<std::string_view> options;  // with the hyphens
+};
+std::vector<GreyListCommandForm> GreyListCommandForms();
 
 }  // namespace trabex

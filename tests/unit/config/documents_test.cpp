@@ -140,6 +140,96 @@ TEST(SampleFile, ShowsEverySettingAndTheDefaultOfWhatIsCommentedOut) {
   for (const auto& [name, line] : keys) ADD_FAILURE() << name << " is no setting";
 }
 
+constexpr const char* kMakeFiles = "; scripts/make-settings-files writes it out of docs/settings.md";
+
+// What the packaged file says of each setting, by section and name.
+struct PackagedSetting {
+  std::string values;
+  std::string default_text;
+  std::string example;
+};
+
+std::map<std::string, PackagedSetting> PackagedSettings(const std::string& text) {
+  std::map<std::string, PackagedSetting> settings;
+  std::string section;
+  PackagedSetting current;
+  for (std::string_view line : Split(text, '\n')) {
+    const auto take = [&](std::string_view begin, std::string& into) {
+      if (line.starts_with(begin)) into = line.substr(begin.size());
+    };
+    if (line.starts_with('[')) section = line.substr(1, line.size() - 2);
+    take("; Values: ", current.values);
+    take("; Default: ", current.default_text);
+    take("; Example: ", current.example);
+    if (line.starts_with("; ")) continue;
+    if (current.values.empty()) {
+      current = {};  // the example of a section
+      continue;
+    }
+    const std::string key = current.example.substr(0, current.example.find('='));
+    EXPECT_TRUE(line.starts_with(key + "=") || line.starts_with(";" + key + "=")) << key;
+    settings[section + " " + key] = current;
+    current = {};
+  }
+  return settings;
+}
+
+TEST(PackagedFile, HasEverySettingWithItsValuesItsDefaultAndAnExample) {
+  const std::string text = SourceFile("packaging/sample.ini");
+  auto shown = PackagedSettings(text);
+  auto keys = SampleKeys(text);
+  std::map<std::string, std::string> examples;
+  for (const Setting& setting : AllSettings()) {
+    const std::string name = std::string(setting.section) + " " + std::string(setting.key);
+    if (IsWithoutEffect(setting)) continue;
+    ASSERT_TRUE(shown.contains(name) && keys.contains(name)) << name << kMakeFiles;
+    const PackagedSetting& said = shown[name];
+    EXPECT_EQ(said.values, ValuesText(setting)) << name << kMakeFiles;
+    const bool is_folder = setting.kind == SettingKind::kLogFolder;
+    const std::string default_text(is_folder ? "Log" : setting.default_text);
+    EXPECT_EQ(said.default_text, default_text.empty() ? "(empty)" : default_text) << name << kMakeFiles;
+    if (keys[name].commented_out && !is_folder) {
+      EXPECT_EQ(keys[name].value, setting.default_text) << name << kMakeFiles;
+      EXPECT_NE(said.example, std::string(setting.key) + "=" + keys[name].value) << "is no example";
+    }
+    examples[std::string(setting.section)] += said.example + "\n";
+    shown.erase(name);
+  }
+  std::string all;
+  for (const auto& [section, lines] : examples) all += "[" + section + "]\n" + lines;
+  LoadedText loaded(all, false);
+  EXPECT_TRUE(loaded.result);
+  EXPECT_EQ(loaded.log.Lines(), Lines{});
+  for (const auto& [name, said] : shown) ADD_FAILURE() << name << " is no setting" << kMakeFiles;
+}
+
+TEST(PackagedFile, LoadsAndTakesNothingUnchecked) {
+  const std::string text = SourceFile("packaging/sample.ini");
+  LoadedText loaded(text, false);
+  EXPECT_TRUE(loaded.result);
+  ReadEarlyKeysFromText(text, {}, loaded.configuration, loaded.log);
+  EXPECT_EQ(loaded.log.Lines(), Lines{});
+  EXPECT_FALSE(loaded.configuration.AutoReload);
+  EXPECT_FALSE(loaded.configuration.IgnoreIniErrors);
+}
+
+TEST(ManualPage, ListsEverySettingInTheOrderOfTheDump) {
+  const std::string text = SourceFile("docs/man/trabex.ini.5");
+  std::map<std::string, std::vector<std::string>> items;
+  std::string section;
+  for (std::string_view line : Split(text, '\n')) {
+    if (line.starts_with(".Ss Section ")) section = line.substr(12);
+    if (line.starts_with(".It Va ")) items[section].emplace_back(line.substr(7));
+  }
+  for (const char* name : {"Common", "GreyListing", "TLS", "Service"}) {
+    std::vector<std::string> expected;
+    for (const Setting* setting : SettingsInDumpOrder(name)) {
+      if (!IsWithoutEffect(*setting)) expected.emplace_back(setting->key);
+    }
+    EXPECT_EQ(items[name], expected) << kMakeFiles;
+  }
+}
+
 TEST(Readme, NamesEveryFolder) {
   const std::string text = SourceFile("README.md");
   for (const char* parent : {"", "src", "tests"}) {
