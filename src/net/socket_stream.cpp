@@ -66,6 +66,8 @@ void CSocketMaster::OnHandshakeStep() {
   if (state_ != SocketState::sckConnected) return;
   const trabex::SocketHandle socket = socket_;
   const int error = stream_->Establish(socket);
+  // A step takes longer than a send, and more of them follow in this iteration.
+  module_.sockets_.SendCollected();
   if (error == socket_error::kWouldBlock) return;
   EndHandshake();
   if (error != 0) return ReportError(error, "CSocketMaster.StartTls");

@@ -109,8 +109,11 @@ class Sockets {
   // `sent` is how much of `data` (not empty) the system took: 1 or more when 0 is returned. A send that took
   // less than all counts as one that would have blocked, so that no second try is needed to learn it.
   // `more_follows` is a hint: the system may wait a fifth of a second for the next send, to pack both
-  // together.
+  // together. Small sends in the calls of a loop iteration go out together, in their order, at its end; an error
+  // of one of these comes with FD_CLOSE.
   int Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows = false);
+  // Sends now what waits for the end of the iteration. For those who have long work before them.
+  void SendCollected();
   // `received` 0 with result 0 is the end of the peer's data (`buffer` is not empty). 10035 is also the
   // result, without asking the system, when the last receive took everything and no event has come since.
   int Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received);

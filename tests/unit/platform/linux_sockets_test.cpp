@@ -18,65 +18,10 @@
 #include "platform/linux/sockets/socket_errno.h"
 #include "platform/sockets.h"
 #include "support/loop_runner.h"
+#include "unit/platform/linux_sockets_fixture.h"
 
 namespace trabex {
 namespace {
-
-constexpr IPAddress kLoopback = kIPv4Loopback;
-
-std::set<int> OpenDescriptors() {
-  std::set<int> result;
-  for (int descriptor = 0; descriptor < 1024; ++descriptor) {
-    if (fcntl(descriptor, F_GETFD) >= 0) result.insert(descriptor);
-  }
-  return result;
-}
-
-class Sink final : public SocketSink {
- public:
-  void OnSocketEvent(SocketHandle, SocketEvent event, int) override {
-    if (event == SocketEvent::kRead) ++reads;
-    if (event == SocketEvent::kClose) ++closes;
-    if (event == SocketEvent::kWrite) ++writes;
-  }
-  int reads = 0;
-  int closes = 0;
-  int writes = 0;
-};
-
-class LinuxSocketsTest : public testing::Test {
- protected:
-  // A listener of ours and a client that the test drives by itself.
-  void ConnectRaw() {
-    SocketHandle listener;
-    Endpoint address;
-    ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
-    ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
-    ASSERT_EQ(sockets.Listen(listener, 0), 0);
-    ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
-    raw = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(address.port);
-    to.sin_addr.s_addr = htonl(address.address.Number());
-    setsockopt(raw, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof receive_buffer);
-    ASSERT_EQ(connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof to), 0);
-    int result = 0;
-    RunUntil(loop, [&] { return (result = sockets.Accept(listener, ours)) != 10035; });
-    ASSERT_EQ(result, 0);
-  }
-  void TearDown() override {
-    if (raw >= 0) close(raw);
-  }
-
-  SystemClock clock;
-  EventLoop loop{clock};
-  Sockets sockets{loop};
-  Sink sink;
-  SocketHandle ours;
-  int raw = -1;
-  int receive_buffer = 1 << 20;
-};
 
 TEST_F(LinuxSocketsTest, EveryDescriptorIsNonBlockingAndClosedOnExec) {
   const std::set<int> before = OpenDescriptors();
@@ -179,11 +124,7 @@ TEST_F(LinuxSocketsTest, ASendThatTookNothingIsFollowedByFdWrite) {
   receive_buffer = 1;
   const std::set<int> before = OpenDescriptors();
   ConnectRaw();
-  const int smallest = 1;
-  for (const int descriptor : OpenDescriptors()) {
-    if (before.count(descriptor) == 0)
-      setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &smallest, sizeof smallest);
-  }
+  ShrinkSendBuffer(before);
   sockets.Watch(ours, &sink);
   RunUntilIdle(loop);
   ASSERT_EQ(sink.writes, 1);

@@ -77,6 +77,12 @@ int EventLoop::Impl::EpollTimeout(Milliseconds wait) const {
 }
 
 std::size_t EventLoop::Impl::DispatchEvents() {
+  for (std::size_t i = 0; i < event_count_; ++i) {
+    if ((events_[i].events & (EPOLLERR | EPOLLHUP)) == 0) continue;
+    const EventTarget target = EventTarget::Unpack(events_[i].data.u64);
+    EventSource* const source = target.source < sources_.size() ? sources_[target.source] : nullptr;
+    if (source != nullptr) source->OnBroken(target.index, target.generation);
+  }
   std::size_t calls = 0;
   for (std::size_t i = 0; i < event_count_; ++i) {
     if (events_[i].events == 0) continue;
@@ -86,6 +92,12 @@ std::size_t EventLoop::Impl::DispatchEvents() {
   }
   event_count_ = 0;
   return calls;
+}
+
+void EventLoop::Impl::EndCalls() {
+  for (EventSource* const source : sources_) {
+    if (source != nullptr) source->AfterCalls();
+  }
 }
 
 bool EventLoop::Impl::Iterate(Milliseconds wait) {
@@ -103,7 +115,9 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
   std::size_t calls = work.CallPosts();
   calls += DispatchEvents();
   calls += timers.CallDue(clock.Monotonic());
+  EndCalls();
   calls += work.EndIteration();
+  EndCalls();
   if (observed && turn_observer) turn_observer(clock.Monotonic() - began);
   in_iteration = false;
   return calls > 0;

@@ -23,6 +23,10 @@ class EventSource {
   virtual ~EventSource() = default;
   // `events` are epoll's. Returns whether anybody was called (false for a stale event).
   virtual bool OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) = 0;
+  // Called before the OnReady of all descriptors, for one that is broken, or ended in both directions.
+  virtual void OnBroken(std::uint32_t /*index*/, std::uint32_t /*generation*/) {}
+  // Called when the calls of an iteration are done, and again when those of its end are.
+  virtual void AfterCalls() {}
   // Called before the loop asks the kernel for events: the place for work that changes what it will say.
   virtual void BeforeWait() {}
 };
@@ -84,6 +88,7 @@ struct EventLoop::Impl {
   bool Iterate(Milliseconds wait);
   int EpollTimeout(Milliseconds wait) const;
   std::size_t DispatchEvents();
+  void EndCalls();
 
   // Bounds the events of one iteration, so that timers and posts are not held up. What is left stays in the
   // kernel's list, and served descriptors join its end again.

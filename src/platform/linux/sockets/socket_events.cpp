@@ -24,6 +24,7 @@ Sockets::Impl::Impl(EventLoop& event_loop)
     : loop(event_loop.GetImpl()), source(loop.AddSource(*this)), entries(1) {}
 
 Sockets::Impl::~Impl() {
+  SendDue();
   for (const Entry& entry : entries) {
     if (entry.descriptor >= 0) close(entry.descriptor);
   }
@@ -56,6 +57,7 @@ SocketHandle Sockets::Impl::Add(int descriptor, AddressFamily family, Role role)
 
 void Sockets::Impl::Remove(SocketHandle socket) {
   Entry& entry = *Find(socket);
+  if (entry.unsent != SendBatch::kNone && !SendUnsent(socket, entry, false)) batch.Release(entry.unsent);
   // Closing takes it out of the epoll set.
   close(entry.descriptor);
   entry.descriptor = -1;
@@ -135,12 +137,76 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t 
   Rearm(socket, entry);
 }
 
+bool Sockets::Impl::Collect(SocketHandle socket, Entry& entry, std::span<const char> data) {
+  if (entry.role != Role::kStream || entry.sending_shut || entry.broken || !loop.in_iteration) return false;
+  const bool waits = entry.unsent != SendBatch::kNone;
+  if (waits && batch.IsBlocked(entry.unsent)) return false;
+  if (data.size() + (waits ? batch.Bytes(entry.unsent).size() : 0) > SendBatch::kMaxBytes) {
+    // A long send takes its time, so the others go first. What this socket has said goes out with it.
+    if (waits) SendUnsent(socket, entry, true);
+    SendDue();
+    return false;
+  }
+  if (!waits) {
+    if (batch.IsFull()) SendDue();
+    entry.unsent = batch.Take(socket);
+  }
+  batch.Append(entry.unsent, {data.data(), data.size()});
+  return true;
+}
+
+bool Sockets::Impl::SendUnsent(SocketHandle socket, Entry& entry, bool more_follows) {
+  const std::string_view bytes = batch.Bytes(entry.unsent);
+  ssize_t count = 0;
+  do {
+    count = send(entry.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0));
+  } while (count < 0 && errno == EINTR);
+  const bool full = count < 0 ? errno == EAGAIN : static_cast<std::size_t>(count) < bytes.size();
+  if (full) {
+    batch.Block(entry.unsent, count > 0 ? static_cast<std::size_t>(count) : 0);
+    return false;
+  }
+  if (count < 0) {
+    // Bytes are lost, so this is the connection's end. Its owner is notified as of one that the peer broke, when
+    // all is read.
+    entry.close_error = SocketErrorOfErrno(errno);
+    shutdown(entry.descriptor, SHUT_RDWR);
+    entry.end_seen = true;
+    entry.drained = false;
+    Rearm(socket, entry);
+  }
+  batch.Release(std::exchange(entry.unsent, SendBatch::kNone));
+  return true;
+}
+
+void Sockets::Impl::SendDue() {
+  while (const SendBatch::Slot slot = batch.NextDue()) {
+    const SocketHandle socket = batch.SocketOf(slot);
+    SendUnsent(socket, *Find(socket), false);
+  }
+}
+
+int Sockets::Impl::ShutDown(SocketHandle socket, Entry& entry) {
+  // The end goes into the last packet.
+  if (entry.unsent != SendBatch::kNone && !SendUnsent(socket, entry, true)) {
+    entry.sending_shut = entry.shut_down_due = true;
+    return 0;
+  }
+  const int result = shutdown(entry.descriptor, SHUT_WR);
+  if (result == 0) entry.sending_shut = true;
+  return result;
+}
+
 bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {
   Entry* const entry = Find(socket);
   if (entry == nullptr || entry->sink == nullptr) return false;
   SocketSink* const sink = entry->sink;
   CallHandler([&] { sink->OnSocketEvent(socket, event, error); });
   return true;
+}
+
+void Sockets::Impl::OnBroken(std::uint32_t index, std::uint32_t generation) {
+  if (Entry* const entry = Find({static_cast<std::int32_t>(index), generation})) entry->broken = true;
 }
 
 bool Sockets::Impl::OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) {
@@ -197,7 +263,8 @@ bool Sockets::Impl::OnConnectReady(SocketHandle socket, std::uint32_t events) {
   if ((events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) == 0) return false;
   int code = 0;
   socklen_t size = sizeof code;
-  if (getsockopt(entry.descriptor, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
+  const bool failed = (events & (EPOLLERR | EPOLLHUP)) != 0;
+  if (failed && getsockopt(entry.descriptor, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
   if (code != 0) {
     entry.role = Role::kFailed;
     return Notify(socket, SocketEvent::kConnect, SocketErrorOfErrno(code));
@@ -228,10 +295,21 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
     if ((events & kEnd) != 0) entry.end_seen = true;
     if ((events & EPOLLPRI) != 0) entry.urgent = true;
     if (entry.read_armed && !entry.close_notified) called = OnStreamReadable(socket);
+    // Mostly the last data is taken whole. Then the end need not wait for an event of its own.
+    const Entry* const after = Find(socket);
+    if (called && after != nullptr && after->rearm_due && after->end_seen && after->read_armed &&
+        !after->close_notified && after->sink != nullptr) {
+      OnStreamReadable(socket);
+    }
   }
   Entry* const entry = Find(socket);
   if (entry == nullptr) return called;
-  if (entry->write_armed && (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0) {
+  const bool writable = (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0;
+  if (writable && entry->unsent != SendBatch::kNone && batch.IsBlocked(entry->unsent)) {
+    if (!SendUnsent(socket, *entry, false)) return called;
+    if (std::exchange(entry->shut_down_due, false)) shutdown(entry->descriptor, SHUT_WR);
+  }
+  if (entry->write_armed && writable) {
     if (entry->sink == nullptr) {
       entry->pending_unwatched = true;
       return called;
@@ -256,6 +334,7 @@ bool Sockets::Impl::OnStreamReadable(SocketHandle socket) {
     if (count <= 0) {
       if (code != 0) entry.close_error = SocketErrorOfErrno(code);
       entry.close_notified = true;
+      entry.rearm_due = false;  // nothing more comes
       return Notify(socket, SocketEvent::kClose, entry.close_error);
     }
   }

@@ -231,15 +231,21 @@ int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
 int Sockets::ShutDownSending(SocketHandle socket) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  const int error = Outcome(shutdown(entry->descriptor, SHUT_WR));
-  if (error == 0) entry->sending_shut = true;
-  return error;
+  return Outcome(impl_->ShutDown(socket, *entry));
 }
 
 int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& sent, bool more_follows) {
   sent = 0;
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
+  if (impl_->Collect(socket, *entry, data)) {
+    sent = data.size();
+    return 0;
+  }
+  if (entry->unsent != SendBatch::kNone) {
+    entry->write_armed = true;
+    return kWouldBlock;
+  }
   const int flags = MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0);
   const ssize_t count =
       Uninterrupted([&] { return send(entry->descriptor, data.data(), data.size(), flags); });
@@ -322,7 +328,12 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
   int count = 0;
   if (ioctl(entry->descriptor, SIOCOUTQ, &count) != 0) return SocketErrorOfErrno(errno);
   bytes = static_cast<std::size_t>(count);
+  if (entry->unsent != SendBatch::kNone) bytes += impl_->batch.Bytes(entry->unsent).size();
   return 0;
+}
+
+void Sockets::SendCollected() {
+  impl_->SendDue();
 }
 
 bool Sockets::PeerEnded(SocketHandle socket) const {

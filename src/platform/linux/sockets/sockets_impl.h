@@ -11,14 +11,17 @@
 //   - Urgent data ends a receive early as well; the socket of a peer that sends any is re-armed after every
 //     receive.
 //   - A send that took less than all makes the kernel report when the next one is possible.
+// What is sent in the calls of an iteration is collected and goes to the kernel after them (SendBatch).
 // A listener is level-triggered: after an accept the kernel reports the next connection by itself. When
 // none is accepted, it is disarmed (left in the epoll set without any interest) until one is.
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "platform/linux/loop/event_loop_impl.h"
+#include "platform/linux/sockets/send_batch.h"
 #include "platform/sockets.h"
 
 namespace trabex {
@@ -30,7 +33,8 @@ struct Sockets::Impl final : EventSource {
     int descriptor = -1;  // -1: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
-    std::uint32_t drained_iteration = 0;  // the loop iteration in which `drained` was set
+    std::uint32_t drained_iteration = 0;        // the loop iteration in which `drained` was set
+    SendBatch::Slot unsent = SendBatch::kNone;  // what the kernel has not got yet
     int close_error = 0;  // what a receive found when the connection broke; the hint of FD_CLOSE
     Role role = Role::kFresh;
     AddressFamily family = AddressFamily::kIPv4;
@@ -46,6 +50,8 @@ struct Sockets::Impl final : EventSource {
     bool pending_unwatched = false;  // an event came while there was no sink
     bool rearm_due = false;          // queued to be re-armed
     bool sending_shut = false;       // ShutDownSending was called
+    bool broken = false;             // a send would fail
+    bool shut_down_due = false;      // the kernel is told of it when it has got what is unsent
   };
 
   explicit Impl(EventLoop& event_loop);
@@ -68,7 +74,17 @@ struct Sockets::Impl final : EventSource {
   // socket.
   void NoteReceive(SocketHandle socket, Entry& entry, std::int64_t count, std::size_t size, int code);
 
+  // Whether the bytes wait for the end of the iteration now. Otherwise nothing of the socket is due.
+  bool Collect(SocketHandle socket, Entry& entry, std::span<const char> data);
+  // Hands what is unsent to the kernel; `more_follows` as in Send. Returns whether nothing is unsent after it.
+  bool SendUnsent(SocketHandle socket, Entry& entry, bool more_follows);
+  void SendDue();
+  // Ends sending, at the latest when the kernel has got what is unsent. Returns 0 or errno.
+  int ShutDown(SocketHandle socket, Entry& entry);
+
   bool OnReady(std::uint32_t index, std::uint32_t generation, std::uint32_t events) override;
+  void OnBroken(std::uint32_t index, std::uint32_t generation) override;
+  void AfterCalls() override { SendDue(); }
   void BeforeWait() override;
 
   EventLoop::Impl& loop;
@@ -76,6 +92,7 @@ struct Sockets::Impl final : EventSource {
   std::vector<Entry> entries;
   std::vector<std::uint32_t> free;
   std::vector<SocketHandle> to_rearm;
+  SendBatch batch;
 
  private:
   bool OnListenerReady(SocketHandle socket, std::uint32_t events);
