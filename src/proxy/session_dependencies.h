@@ -1,6 +1,8 @@
 // What a session needs of the program.
 #pragma once
 
+#include <string>
+
 #include "base/log.h"
 #include "config/configuration.h"
 #include "net/modSocketMaster.h"
@@ -26,6 +28,7 @@ struct SessionDependencies {
   TlsContexts& tls;
   GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
   SessionObserver* observer = nullptr;   // nullptr: nobody counts or records what happens
+  std::string log_line = {};             // the place where a session makes its line for the log
 };
 
 }  // namespace trabex

@@ -63,14 +63,21 @@ std::string DescribeTls(const TlsFacts& facts, bool of_client) {
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark) {
   std::string line;
-  line.reserve(side_tag.size() + kBlankHead.size() + mark.size() + text.size());
-  line.append(side_tag).append(kBlankHead).append(mark);
+  FormatSessionLine(line, side_tag, handle, address, text, mark);
+  return line;
+}
+
+void FormatSessionLine(std::string& line, std::string_view side_tag, std::int32_t handle,
+                       const IPAddress& address, std::string_view text, std::string_view mark) {
+  line.assign(side_tag).append(kBlankHead).append(mark);
   // From the back, since a field may become wider.
-  const std::string address_text = address.IsNone() ? "   Undefined   " : FormatIPAddress(address);
-  FillField(line, side_tag.size() + kAddressAt, kAddressWidth, address_text);
+  if (address.IsNone()) {
+    FillField(line, side_tag.size() + kAddressAt, kAddressWidth, "   Undefined   ");
+  } else {
+    FillField(line, side_tag.size() + kAddressAt, kAddressWidth, FormatIPAddress(address));
+  }
   FillField(line, side_tag.size() + kHandleAt, kHandleWidth, std::to_string(handle));
   AppendVisible(line, text);
-  return line;
 }
 
 }  // namespace trabex

@@ -19,6 +19,9 @@ std::string_view LogMark(std::int32_t level);
 // forges a line or reaches the terminal of who reads it.
 std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, const IPAddress& address,
                               std::string_view text, std::string_view mark = {});
+// The same in place of what `line` holds. A string that serves for line after line needs no new memory for each.
+void FormatSessionLine(std::string& line, std::string_view side_tag, std::int32_t handle,
+                       const IPAddress& address, std::string_view text, std::string_view mark);
 
 // What was agreed with the client (`of_client`), or with the server: "TLS: TLSv1.3, TLS_AES_256_GCM_SHA384,
 // resumed." and the like.

@@ -12,6 +12,8 @@ namespace {
 // Bytes that were held are copied together with what follows them up to this size, which one TLS record takes.
 // Beyond it a send of their own costs no more than the copy.
 constexpr std::size_t kMaxJoined = 16384;
+// Of a peer's bytes at a time, so that one busy session does not hold up the others.
+constexpr std::int32_t kMaxTaken = 65536;
 
 struct ClearAtEnd {
   bool& flag;
@@ -59,7 +61,7 @@ void SessionSide::Take(std::size_t used, std::size_t size, bool peers_own) {
 std::string SessionSide::TakeAll() {
   readable_ = false;
   std::string data;
-  socket_.GetData(data);
+  socket_.GetData(data, kMaxTaken);
   return data;
 }
 
@@ -140,8 +142,9 @@ void SessionSide::Log(std::int32_t level, std::string_view text) const {
   const Configuration& c = dependencies_.configuration;
   const bool is_client = peer_ == Peer::kClient;
   if (((is_client ? c.LogLevelRemote : c.LogLevelServer) & level) == 0) return;
-  dependencies_.log.LogLine(FormatSessionLine(is_client ? "R: " : "S: ", socket_.SocketHandle(),
-                                              socket_.RemoteAddress(), text, LogMark(level)));
+  FormatSessionLine(dependencies_.log_line, is_client ? "R: " : "S: ", socket_.SocketHandle(),
+                    socket_.RemoteAddress(), text, LogMark(level));
+  dependencies_.log.LogLine(dependencies_.log_line);
 }
 
 }  // namespace trabex

@@ -23,13 +23,13 @@ std::size_t DeferredTasks::CallPosts() {
 std::size_t DeferredTasks::EndIteration() {
   std::size_t calls = 0;
   for (int round = 0; round < kMaxEndRounds && (!iteration_end_.empty() || !to_delete_.empty()); ++round) {
-    std::vector<std::function<void()>> actions;
-    actions.swap(iteration_end_);
-    for (const auto& action : actions) CallHandler(action);
-    calls += actions.size();
-    std::vector<std::unique_ptr<DeferredDeletable>> objects;
-    objects.swap(to_delete_);
-    for (auto& object : objects) object.reset();  // in the order in which they were given
+    running_ends_.swap(iteration_end_);
+    for (const auto& action : running_ends_) CallHandler(action);
+    calls += running_ends_.size();
+    running_ends_.clear();
+    deleting_.swap(to_delete_);
+    for (auto& object : deleting_) object.reset();  // in the order in which they were given
+    deleting_.clear();
   }
   return calls;
 }

@@ -34,9 +34,12 @@ class DeferredTasks {
 
  private:
   std::vector<std::function<void()>> posts_;
-  std::vector<std::function<void()>> running_posts_;  // kept for its memory
   std::vector<std::function<void()>> iteration_end_;
   std::vector<std::unique_ptr<DeferredDeletable>> to_delete_;
+  // What of them is under way; kept for their memory.
+  std::vector<std::function<void()>> running_posts_;
+  std::vector<std::function<void()>> running_ends_;
+  std::vector<std::unique_ptr<DeferredDeletable>> deleting_;
 };
 
 }  // namespace trabex

@@ -462,7 +462,10 @@ class ClientCommandFilter::LineFilter {
   void Forward(std::string text) {
     decision_.text = std::move(text.append(kCrLf));
     decision_.forwarded = ForwardedCommand{verb_, command_->id};
-    if (command_->id == Command::kAuth) decision_.logged = LoggedForm(decision_.text, Phase::kCommand);
+    if (command_->id == Command::kAuth) {
+      std::string hidden;
+      decision_.logged = LoggedForm(decision_.text, Phase::kCommand, hidden);
+    }
   }
 
   void ForwardAsIs() { Forward(text_); }
@@ -532,17 +535,17 @@ bool ClientCommandFilter::IsTooLong(std::string_view line, bool whole, Phase pha
   return !authentication || min_size > kMaxAuthenticationLine;
 }
 
-std::string ClientCommandFilter::LoggedForm(std::string_view line, Phase phase) {
+std::string_view ClientCommandFilter::LoggedForm(std::string_view line, Phase phase, std::string& hidden) {
   const std::string_view text = WithoutLineEnd(line);
   const std::string_view line_end = line.substr(text.size());
-  if (phase == Phase::kAuthData) return std::string(kSecret).append(line_end);
+  if (phase == Phase::kAuthData) return hidden.assign(kSecret).append(line_end);
   const std::string_view command = WithoutLeadingBlanks(text);
   const std::string_view verb = UpToBlank(command);
-  if (!EqualNoCase(verb, "AUTH")) return std::string(line);
+  if (!EqualNoCase(verb, "AUTH")) return line;
   const std::string_view rest = WithoutLeadingBlanks(command.substr(verb.size()));
   const std::string_view secret = WithoutLeadingBlanks(rest.substr(UpToBlank(rest).size()));
-  if (secret.empty()) return std::string(line);
-  return std::string(text.substr(0, text.size() - secret.size())).append(kSecret).append(line_end);
+  if (secret.empty()) return line;
+  return hidden.assign(text.substr(0, text.size() - secret.size())).append(kSecret).append(line_end);
 }
 
 }  // namespace trabex

@@ -87,8 +87,8 @@ class ClientCommandFilter {
   static bool IsTooLong(std::string_view line, bool whole, Phase phase);
   // A reply that the proxy gives by itself, with its changes and without CR LF.
   std::string BuildReply(ReplyKind kind, const DialogueState& state) const;
-  // `line` as the log may show it: without authentication data.
-  static std::string LoggedForm(std::string_view line, Phase phase);
+  // `line` as the log may show it: without authentication data. The result is `line`, or lies in `hidden`.
+  static std::string_view LoggedForm(std::string_view line, Phase phase, std::string& hidden);
 
  private:
   class LineFilter;

@@ -68,14 +68,19 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   if (ClientCommandFilter::IsTooLong(line, whole, state_.phase)) {
     if (logged) {
       const std::string_view begin = bytes.substr(0, ClientCommandFilter::kMaxLine);
-      actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(begin, state_.phase) + "...");
+      std::string hidden;
+      actions.Log(Side::kClient, log_level::kReceived,
+                  std::string(commands_.LoggedForm(begin, state_.phase, hidden)) + "...");
     }
     Say(ReplyKind::kLineTooLong, actions);
     return 0;
   }
   if (!whole) return 0;
   state_.BytesReceived += std::ssize(line);
-  if (logged) actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(line, state_.phase));
+  if (logged) {
+    std::string hidden;
+    actions.Log(Side::kClient, log_level::kReceived, commands_.LoggedForm(line, state_.phase, hidden));
+  }
   if (state_.phase != Phase::kAuthData) actions.OnCommand();
   LineDecision decision = commands_.ProcessIncomingData(line, state_);
   if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line = line;

@@ -17,9 +17,8 @@ long SystemClock::BiasSeconds(std::int64_t now) const {
 
 // Texts of a time are rounded to the nearest second; without its fraction no text is ahead of the time.
 DateTime SystemClock::Now() const {
-  timeval now{};
-  gettimeofday(&now, nullptr);
-  return FromUnix(now.tv_sec - BiasSeconds(now.tv_sec), 0);
+  const std::time_t now = std::time(nullptr);
+  return FromUnix(now - BiasSeconds(now), 0);
 }
 
 int SystemClock::TimeZoneBias() const {
