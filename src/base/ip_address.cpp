@@ -243,7 +243,8 @@ std::optional<IPAddress> ParseIPAddress(std::string_view text) {
 
 std::string FormatIPAddress(const IPAddress& address) {
   if (address.IsIPv6()) return FormatIPv6(address.Bytes());
-  return FormatIPv4Parts(address, 4);
+  char text[kMaxIPv4Text];
+  return {text, WriteIPv4Address(address, text)};
 }
 
 std::string FormatAddressLiteral(const IPAddress& address) {
@@ -260,18 +261,30 @@ std::string_view AddressInLiteral(std::string_view text) {
   return tagged == is_ipv6_text && ParseIPAddress(inside) ? inside : std::string_view();
 }
 
-std::string FormatIPv4Parts(const IPAddress& address, int count) {
-  if (!address.IsIPv4()) return {};
-  // Each line of a session's log names one, so it is written without appending.
-  char text[sizeof "255.255.255.255"];
-  char* end = text;
-  for (const std::uint8_t part : address.Bytes().first(static_cast<std::size_t>(count))) {
-    if (end != text) *end++ = '.';
-    const OctetText& octet = kOctetTexts[part];
-    std::copy(octet.digits.begin(), octet.digits.end(), end);  // all three: that is one move
+std::size_t WriteIPv4Address(const IPAddress& address, std::span<char, kMaxIPv4Text> place) {
+  if (!address.IsIPv4()) return 0;
+  // Each line of a session's log names one, so it is written without appending, and of each part all three
+  // digits: that is one move.
+  const std::span<const std::uint8_t> parts = address.Bytes();
+  char* end = place.data();
+  for (std::size_t i = 0; i < 4; ++i) {
+    if (i > 0) *end++ = '.';
+    const OctetText& octet = kOctetTexts[parts[i]];
+    std::copy(octet.digits.begin(), octet.digits.end(), end);
     end += octet.size;
   }
-  return {text, end};
+  return static_cast<std::size_t>(end - place.data());
+}
+
+std::string FormatIPv4Parts(const IPAddress& address, int count) {
+  if (!address.IsIPv4()) return {};
+  std::string text;
+  for (const std::uint8_t part : address.Bytes().first(static_cast<std::size_t>(count))) {
+    if (!text.empty()) text += '.';
+    const OctetText& octet = kOctetTexts[part];
+    text.append(octet.digits.data(), octet.size);
+  }
+  return text;
 }
 
 }  // namespace trabex

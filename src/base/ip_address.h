@@ -126,6 +126,11 @@ std::optional<IPAddress> ParseIPAddress(std::string_view text);
 // IPv4 address needs no allocation.
 std::string FormatIPAddress(const IPAddress& address);
 
+// Writes the text of an IPv4 address, and returns its size; 0 for any other address. What lies behind it in `place` is
+// overwritten.
+inline constexpr std::size_t kMaxIPv4Text = 15;
+std::size_t WriteIPv4Address(const IPAddress& address, std::span<char, kMaxIPv4Text> place);
+
 // "[192.0.2.1]", "[IPv6:2001:db8::1]": the form of SMTP (RFC 5321, 4.1.3); "[]" for none.
 std::string FormatAddressLiteral(const IPAddress& address);
 

@@ -82,17 +82,18 @@ void AppendVisible(std::string& line, std::string_view text) {
     line.append(text.substr(0, plain));
     text.remove_prefix(plain);
     if (text.empty()) return;
-    const TextPiece piece = FirstPiece(text);
-    std::size_t size = piece.size;
-    if (piece.visible) {
-      line.append(text.substr(0, size));
-    } else if (text.starts_with(kCrLf)) {
+    if (text.starts_with(kCrLf)) {
       line.append(kLineBreakSign);
-      size = kCrLf.size();
-    } else {
-      AppendHex(line, text.substr(0, size));
+      text.remove_prefix(kCrLf.size());
+      continue;
     }
-    text.remove_prefix(size);
+    const TextPiece piece = FirstPiece(text);
+    if (piece.visible) {
+      line.append(text.substr(0, piece.size));
+    } else {
+      AppendHex(line, text.substr(0, piece.size));
+    }
+    text.remove_prefix(piece.size);
   }
 }
 

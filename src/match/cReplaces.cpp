@@ -231,6 +231,7 @@ void ResponseChangeTable::Add(cReplaces replaces) {
 }
 
 const cReplaces* ResponseChangeTable::Find(std::string_view name) const {
+  if (lists_.empty()) return nullptr;
   if (has_names_beyond_ascii_ || !IsAscii(name)) {
     const auto found = folded_index_.find(FoldText(name));
     return found == folded_index_.end() ? nullptr : &lists_[found->second];

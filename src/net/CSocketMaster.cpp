@@ -114,9 +114,8 @@ bool CSocketMaster::RemoteHostNameFailed() const {
 }
 
 void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnConfirmed) {
-  Endpoint peer;
-  Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
-  if (cold_ && cold_->called) peer.address = remote_address_;
+  Endpoint peer{remote_address_, 0};
+  if (!established_) Check(module_.sockets_.RemoteEndpoint(socket_, peer), "CSocketMaster.GetRemoteHostName");
   ColdState& cold = GetColdState();
   cold.name_done = std::move(done);
   if (cold.name_lookup != 0) return;

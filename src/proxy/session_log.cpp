@@ -1,7 +1,10 @@
 #include "proxy/session_log.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 #include <cstddef>
+#include <system_error>
 
 #include "base/text.h"
 #include "base/visible_text.h"
@@ -21,14 +24,30 @@ constexpr std::size_t kAddressWidth = 15;
 static_assert(kBlankHead.substr(kHandleAt + kHandleWidth, 3) == "} [");
 static_assert(kBlankHead.substr(kAddressAt + kAddressWidth) == "] ");
 
-// Puts `text` at the right end of the blanks that `line` has at `at`; a longer one takes more room than they do.
-void FillField(std::string& line, std::size_t at, std::size_t width, std::string_view text) {
-  if (text.size() > width) {
-    line.replace(at, width, text);
-  } else {
-    text.copy(line.data() + at + width - text.size(), text.size());
+// The head of a line, put together in place.
+struct Head {
+  std::array<char, kBlankHead.size()> text = [] {
+    std::array<char, kBlankHead.size()> blank{};
+    std::copy(kBlankHead.begin(), kBlankHead.end(), blank.begin());
+    return blank;
+  }();
+
+  // Both return false for what is wider than its field, which stays blank then.
+  bool SetHandle(std::int32_t handle) {
+    std::array<char, kHandleWidth> digits;
+    const auto written = std::to_chars(digits.begin(), digits.end(), handle);
+    if (written.ec != std::errc()) return false;
+    std::copy_backward(digits.data(), written.ptr, text.data() + kHandleAt + kHandleWidth);
+    return true;
   }
-}
+  bool SetAddress(const IPAddress& address) {
+    std::array<char, kMaxIPv4Text> written;
+    const std::size_t size = WriteIPv4Address(address, written);
+    std::copy_backward(written.begin(), written.begin() + size, text.data() + kAddressAt + kAddressWidth);
+    return size > 0;
+  }
+};
+static_assert(kMaxIPv4Text <= kAddressWidth);
 
 // `name` with "?" for what a reader of the line would take for its end. Both names are the client's text.
 template <class EndsName>
@@ -69,14 +88,17 @@ std::string FormatSessionLine(std::string_view side_tag, std::int32_t handle, co
 
 void FormatSessionLine(std::string& line, std::string_view side_tag, std::int32_t handle,
                        const IPAddress& address, std::string_view text, std::string_view mark) {
-  line.assign(side_tag).append(kBlankHead).append(mark);
-  // From the back, since a field may become wider.
-  if (address.IsNone()) {
-    FillField(line, side_tag.size() + kAddressAt, kAddressWidth, "   Undefined   ");
-  } else {
-    FillField(line, side_tag.size() + kAddressAt, kAddressWidth, FormatIPAddress(address));
+  Head head;
+  const bool handle_fits = head.SetHandle(handle);
+  const bool address_fits = head.SetAddress(address);
+  line.assign(side_tag).append(head.text.data(), head.text.size()).append(mark);
+  // From the back, since a field becomes wider.
+  if (!address_fits) {
+    std::string shown = address.IsNone() ? "   Undefined   " : FormatIPAddress(address);
+    shown.insert(0, kAddressWidth - std::min(kAddressWidth, shown.size()), ' ');
+    line.replace(side_tag.size() + kAddressAt, kAddressWidth, shown);
   }
-  FillField(line, side_tag.size() + kHandleAt, kHandleWidth, std::to_string(handle));
+  if (!handle_fits) line.replace(side_tag.size() + kHandleAt, kHandleWidth, std::to_string(handle));
   AppendVisible(line, text);
 }
 

@@ -121,6 +121,8 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t 
   if (count > 0) {
     const bool more = static_cast<std::size_t>(count) == size || entry.end_seen || entry.urgent;
     if (more) {
+      if (static_cast<std::size_t>(count) < size)
+        entry.end_reached = entry.end_seen && !entry.broken && !entry.urgent;
       Rearm(socket, entry);
     } else {
       SetDrained(entry);
@@ -172,6 +174,7 @@ bool Sockets::Impl::SendUnsent(SocketHandle socket, Entry& entry, bool more_foll
     entry.close_error = SocketErrorOfErrno(errno);
     shutdown(entry.descriptor, SHUT_RDWR);
     entry.end_seen = true;
+    entry.broken = true;
     entry.drained = false;
     Rearm(socket, entry);
   }
@@ -322,6 +325,11 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
 
 bool Sockets::Impl::OnStreamReadable(SocketHandle socket) {
   Entry& entry = *Find(socket);
+  if (entry.end_reached) {
+    entry.close_notified = true;
+    entry.rearm_due = false;
+    return Notify(socket, SocketEvent::kClose, entry.close_error);
+  }
   if (entry.end_seen) {
     char byte = 0;
     const ssize_t count = recv(entry.descriptor, &byte, 1, MSG_PEEK);

@@ -45,6 +45,7 @@ struct Sockets::Impl final : EventSource {
     bool disarmed = false;           // a listener without interest in the set
     bool drained = false;            // a receive took everything, no event came since
     bool end_seen = false;           // the peer ended or broke the connection
+    bool end_reached = false;        // a receive took the last data before the peer's orderly end
     bool close_notified = false;     // FD_CLOSE was notified
     bool urgent = false;             // the peer sends urgent data
     bool pending_unwatched = false;  // an event came while there was no sink
