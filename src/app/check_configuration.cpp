@@ -85,6 +85,11 @@ class Findings final : public LoadObserver {
     return places->second[index];
   }
 
+  // Where the entries of all lists stand.
+  void NotePlaces(const CheckPlaces& places, SettingPlaces& noted) const {
+    for (const auto& [name, pieces] : places_) noted.NoteEntries(name.first, name.second, pieces, places);
+  }
+
   // In the order of the files and their lines, those without a line last.
   std::vector<Finding> Take(const CheckPlaces& places) const {
     struct Placed {
@@ -185,15 +190,17 @@ class Rules {
   Rules(const Configuration& configuration, const SectionStore& store, Findings& findings)
       : configuration_(configuration), store_(store), findings_(findings) {}
 
-  void Apply() {
+  void Apply(bool with_surroundings) {
     CheckKeys();
     CheckRelaying();
     for (const ListPair& pair : kListPairs) CheckPair(pair);
     CheckDefaults();
     CheckEmptyLists();
     CheckGreyListing();
-    CheckPorts();
-    CheckFolders();
+    if (with_surroundings) {
+      CheckPorts();
+      CheckFolders();
+    }
     CheckStatusHTTP();
     CheckResponseChanges();
   }
@@ -473,8 +480,12 @@ CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configura
   mCommon::ReadIniText(inputs.early.ini_path, checked.ini.text, store, errors);
   places.Add(0, inputs.file, store.Text());
   ReadSettings(store, errors, inputs.context, checked.configuration);
-  Rules(checked.configuration, store, findings).Apply();
+  Rules(checked.configuration, store, findings).Apply(inputs.surroundings);
   findings.AddListFiles(places);
+  if (inputs.places != nullptr) {
+    inputs.places->NoteKeys(store, places);
+    findings.NotePlaces(places, *inputs.places);
+  }
   checked.findings = findings.Take(places);
 
   const SectionTable::Entry* const server = store.Section(section_name::kCommon).Find("ServerIP");

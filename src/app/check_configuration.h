@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/finding.h"
+#include "app/setting_places.h"
 #include "base/ip_address.h"
 #include "config/configuration.h"
 #include "config/early_keys.h"
@@ -19,6 +20,9 @@ struct CheckInputs {
   std::string file;  // as people wrote it; findings name it so
   EarlyKeyInputs early;
   SettingContext context;
+  // Whether it is looked at the machine too: folders, and the right to listen on ports.
+  bool surroundings = true;
+  SettingPlaces* places = nullptr;  // gets where keys and entries stand
 };
 
 struct CheckedConfiguration {

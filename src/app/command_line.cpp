@@ -35,7 +35,8 @@ enum class Switch {
   kDump,
   kUser,
   kOffline,
-  kLive
+  kLive,
+  kExplain
 };
 
 struct SwitchName {
@@ -77,6 +78,7 @@ constexpr std::array kSwitchNames = {
     SwitchName{"CLOSE", Switch::kRequest, 1, 1},
     SwitchName{"GREYLIST", Switch::kRequest, 1, kAnyNumber},
     SwitchName{"VIEW", Switch::kRequest},
+    SwitchName{"EXPLAIN", Switch::kExplain, 1, kAnyNumber},
 };
 
 // It has this one spelling only.
@@ -169,10 +171,18 @@ class Parser {
   // What goes with one switch only.
   void CheckOptions() {
     if (!check_option_.empty() && !line_.check) return Refuse("Only with --check:", check_option_);
+    if (request_ != nullptr && request_->what == Switch::kExplain) return TakeExplain();
     if (live_option_.empty()) return;
-    if (!line_.dump) return Refuse("Only with --dump:", live_option_);
+    if (!line_.dump) return Refuse("Only with --dump and --explain:", live_option_);
     line_.dump = false;
     line_.request = {"DUMP"};
+  }
+
+  // It takes its arguments as a request does, but there is nobody to be asked.
+  void TakeExplain() {
+    line_.explain.emplace(line_.request.begin() + 1, line_.request.end());
+    line_.request.clear();
+    line_.live = !live_option_.empty();
   }
 
   void TakeRequest(std::string_view token, const SwitchName& request) {
@@ -228,6 +238,7 @@ class Parser {
         live_option_ = token;
         return;
       case Switch::kRequest:
+      case Switch::kExplain:
         return TakeRequest(token, *found);
     }
   }

@@ -40,6 +40,9 @@ struct CommandLine {
   bool dump = false;
   std::optional<std::string> user;  // of `check`: for whom
   bool offline = false;             // of `check`: no name is asked for
+  // What is to be explained instead of a start (explain_command.h), as typed; nothing: nothing is.
+  std::optional<std::vector<std::string>> explain;
+  bool live = false;  // of `explain`: greylisting is that of the running instance
 };
 
 // Reads the arguments in order and stops at the first that cannot be taken. `arguments` is without the

@@ -12,6 +12,7 @@
 #include "app/greylist_text.h"
 #include "app/printable.h"
 #include "base/error.h"
+#include "base/text.h"
 #include "greylist/mGreyListing.h"
 #include "greylist/triple_key.h"
 #include "match/ip_range.h"
@@ -144,9 +145,13 @@ ControlAnswer Show(const GreyListToolInputs& inputs, const Arguments& arguments)
   const auto key = KeyOf(inputs, arguments);
   if (!key) return Failure(exit_status::kBadCommandLine, "\"" + arguments.values[0] + "\" is no IP address.");
   const cGreyListingData* const record = inputs.database.Find(*key);
-  if (record == nullptr) return Failure(exit_status::kFailed, "There is no record of \"" + *key + "\".");
+  if (record == nullptr) return Failure(exit_status::kFailed, std::string(kNoRecord) + Quoted(*key) + ".");
   const DateTime now = inputs.clock.UniversalNow();
   ControlAnswer answer;
+  if (arguments.Has("--json")) {
+    AppendExported(*record, answer.text);
+    return answer;
+  }
   AppendRow(*record, now, answer.text);
   answer.text +=
       "next attempt: " + NextText(inputs, *record, *ParseIPAddress(arguments.values[0]), now) + "\n";
@@ -184,7 +189,7 @@ struct Command {
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
       {"list", 0, std::string::npos, {"--accepted", "--waiting", "--expired", "--json"}, List},
-      {"show", 3, 3, {}, Show},
+      {"show", 3, 3, {"--json"}, Show},
       {"delete", 1, std::string::npos, {"--dry-run"}, Delete},
       {"add", 3, 3, {"--accepted"}, Add},
       {"export", 0, 0, {}, [](const auto& inputs, const Arguments&) { return Export(inputs); }},

@@ -25,7 +25,7 @@ struct GreyListToolInputs {
 
 // Answers
 //   list [PATTERN...] [--accepted|--waiting|--expired] [--json]
-//   show CLIENT FROM TO
+//   show CLIENT FROM TO [--json]
 //   delete PATTERN... [--dry-run]
 //   add CLIENT FROM TO [--accepted]
 //   export
@@ -42,5 +42,8 @@ struct GreyListCommandForm {
   std::vector<std::string_view> options;  // with the hyphens
 };
 std::vector<GreyListCommandForm> GreyListCommandForms();
+
+// What `show` fails with when there is no record: this and the key.
+inline constexpr std::string_view kNoRecord = "There is no record of ";
 
 }  // namespace trabex

@@ -11,6 +11,7 @@
 #include "app/command_line.h"
 #include "app/control_client.h"
 #include "app/exit_status.h"
+#include "app/explain_command.h"
 #include "app/frmMain.h"
 #include "app/greylist_file.h"
 #include "app/printable.h"
@@ -42,6 +43,7 @@ class StartUp {
   int Run() {
     if (line_.check) return CheckOnRequest(program_, line_);
     if (line_.dump) return DumpOnRequest(program_, line_);
+    if (line_.explain) return ExplainOnRequest(program_, line_);
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return exit_status::kFailed;
     const std::int32_t port = program_.configuration.BindPort;
     if (line_.exit_request) return AskForExit(port, program_.dependencies.err);

@@ -54,6 +54,23 @@ class JsonLine {
     Spill();
   }
 
+  // A member that is an object, or a list of such: what is written until it is closed belongs to it.
+  void OpenObject(std::string_view name) {
+    Name(name);
+    Open('{');
+  }
+  void OpenList(std::string_view name) {
+    Name(name);
+    Open('[');
+  }
+  // One object of the list.
+  void OpenElement() {
+    if (!first_) Put(',');
+    Open('{');
+  }
+  void CloseObject() { Close('}'); }
+  void CloseList() { Close(']'); }
+
  private:
   // More than nearly every line takes.
   static constexpr std::size_t kRoom = 2048;
@@ -90,6 +107,14 @@ class JsonLine {
   }
   // Both with their quotes; false when not all of `text` is UTF-8.
   bool Quoted(std::string_view text);
+  void Open(char bracket) {
+    Put(bracket);
+    first_ = true;
+  }
+  void Close(char bracket) {
+    Put(bracket);
+    first_ = false;
+  }
   void Hex(std::string_view bytes);
   void HexMember(std::string_view name, std::string_view bytes);
 

@@ -231,7 +231,7 @@ TEST(CommandLine, ChecksAndDumpsInsteadOfAStart) {
       {{"/SESSIONS", "--check"}, "Only one request is possible: \"--check\"."},
       {{"--user", "mail"}, "Only with --check: \"--user\"."},
       {{"--dump", "--offline"}, "Only with --check: \"--offline\"."},
-      {{"--live", "--check"}, "Only with --dump: \"--live\"."},
+      {{"--live", "--check"}, "Only with --dump and --explain: \"--live\"."},
       {{"--check", "--user"}, "Argument expected after \"--user\"."},
       {{"--check", "--user", ""}, "Argument expected after \"--user\"."},
   };
