@@ -19,8 +19,8 @@ namespace trabex {
 
 namespace {
 
-// Of what waits for the terminal to be free.
-constexpr std::size_t kMaxWaiting = std::size_t{64} * 1024;
+// Of what waits for the terminal to be free: what any terminal takes at once, since nobody waits for one.
+constexpr std::size_t kMaxWaiting = 4000;
 
 }  // namespace
 
@@ -136,12 +136,18 @@ void Program::Tell(std::string_view text) {
     dependencies.err << line;
   } else if (!window->Shown() || !MessagesGoToTerminal()) {
     dependencies.show(line);
-  } else if (waiting_.size() + line.size() <= kMaxWaiting) {
+  } else if (lines_left_out_ == 0 && waiting_.size() + line.size() <= kMaxWaiting) {
     waiting_ += line;
+  } else {
+    ++lines_left_out_;
   }
 }
 
 void Program::TellWaiting() {
+  if (const std::size_t count = std::exchange(lines_left_out_, 0); count > 0) {
+    waiting_.append(kApplicationTitle).append(": ").append(std::to_string(count));
+    waiting_ += count == 1 ? " more line is in the log.\n" : " more lines are in the log.\n";
+  }
   if (!waiting_.empty()) dependencies.show(std::exchange(waiting_, {}));
 }
 

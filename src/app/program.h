@@ -117,7 +117,8 @@ struct Program final : LoadHost {
   std::unique_ptr<frmMain> window;
 
  private:
-  std::string waiting_;  // for the terminal to be free: whole lines
+  std::string waiting_;             // for the terminal to be free: whole lines
+  std::size_t lines_left_out_ = 0;  // of those that would have to wait
 };
 
 // Why an instance of this name cannot be locked.

@@ -14,7 +14,8 @@ import termios
 import time
 from pathlib import Path
 
-from trabex_system import LOOPBACK, Scenario, Terminal, bound, endpoint, in_family, is_listening, main, wait_until
+from trabex_system import (LOOPBACK, Scenario, Terminal, bound, endpoint, in_family, is_listening, main, run_trabex,
+                           wait_until)
 
 HEADER = " Handle Received     Sent Duration         Host IP Host Name"
 ROW = re.compile(r"^ {1,6}\d{1,6} {1,8}\d{1,8} {1,8}\d{1,8} \d\d:\d\d:\d\d {1,15}[0-9a-f.:]{3,15} \S+$")
@@ -318,6 +319,67 @@ class Keys(Window):
         self.assertEqual(children(trabex), [])
         os.kill(trabex, signal.SIGTERM)
         self.assertRestored(terminal)
+
+
+class Messages(Window):
+    """What goes wrong while the window is shown is told when the terminal is free again, and spoils no picture."""
+
+    def reload_with_mistakes(self, count=2):
+        """Asks for a reload with so many bad values; returns the lines that are told of it."""
+        self.proxy.write_ini(**dict([("Timeout", "soon"), ("MaxBadSeq", "many")][:count]))
+        if count > 2:
+            self.proxy.sections["ResponseChanges"] = {f"Nonsense{number}": "550=" for number in range(count)}
+            self.proxy.write_ini()
+        status, _, _ = run_trabex("/RELOAD", "/I", self.proxy.ini)
+        self.assertEqual(status, 1)
+        self.proxy.wait_for_log("Configuration not reloaded; the one in force stays.")
+        return [f"Trabex: {line}" for line in self.proxy.log_lines() if line.startswith(f"{self.proxy.ini}:")]
+
+    def assertPictureStands(self, terminal):
+        lines = terminal.screen()
+        self.assertTrue(lines[0].startswith(self.status_line()), lines[0])
+        self.assertEqual(lines[1], HEADER)
+        self.assertEqual([line for line in lines[2:] if line], [])
+
+    def test_they_wait_for_the_end(self):
+        terminal = self.open_in_shell('"$@"; echo status $?; read -r _', columns=200)
+        terminal.wait_for_text(HEADER)
+        told = self.reload_with_mistakes()
+        self.assertEqual(len(told), 2)
+        self.assertPictureStands(terminal)
+        terminal.keys("q")
+        lines = terminal.wait_for_text("status 0")
+        self.assertEqual([line for line in lines if line.startswith("Trabex: ")], told)
+
+    def test_they_come_when_the_window_is_lost(self):
+        terminal = self.open_in_shell('exec "$@"', columns=200)
+        terminal.wait_for_text(HEADER)
+        told = self.reload_with_mistakes()
+        self.assertPictureStands(terminal)
+        os.kill(self.renderer_of(terminal.pid), signal.SIGKILL)
+        lines = terminal.wait_for_text("Trabex: The window has gone")
+        self.assertEqual([line for line in lines if line.startswith("Trabex: ")][:2], told)
+        self.assertServes()
+
+    def test_many_are_cut_short(self):
+        terminal = self.open_in_shell('"$@"; echo status $?; read -r _', columns=250, rows=100)
+        terminal.wait_for_text(HEADER)
+        told = self.reload_with_mistakes(200)
+        self.assertGreater(len(told), 200)
+        self.assertPictureStands(terminal)
+        terminal.keys("q")
+        lines = [line for line in terminal.wait_for_text("status 0") if line.startswith("Trabex: ")]
+        self.assertGreater(len(lines), 10)
+        self.assertEqual(lines[:-1], told[:len(lines) - 1])
+        self.assertEqual(lines[-1], f"Trabex: {len(told) - len(lines) + 1} more lines are in the log.")
+
+    def test_a_file_gets_them_at_once(self):
+        errors = self.place.folder / "errors"
+        terminal = self.open_in_shell(f'exec "$@" 2> {shlex.quote(str(errors))}')
+        terminal.wait_for_text(HEADER)
+        told = self.reload_with_mistakes()
+        self.assertEqual(errors.read_text(encoding="utf-8").splitlines(), told)
+        self.assertPictureStands(terminal)
 
 
 class WithoutWindow(Window):
