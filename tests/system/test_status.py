@@ -3,14 +3,16 @@
 
 import contextlib
 import http.client
-import json
 import re
 import socket
+import tomllib
 
 from exposition import BadExposition, read_exposition
+from json_lines import FIELDS, read_line
 from messages import text_message
-from trabex_system import (DOMAIN, FAMILY, LOOPBACK, Scenario, Smtp, endpoint, free_port, main, polite_server, run_trabex,
-                           wait_until)
+from monitoring_files import MONITORING, PACKAGING, alert_rules, dashboard, dashboard_expressions, selectors
+from trabex_system import (DOMAIN, FAMILY, LOOPBACK, Scenario, Smtp, endpoint, free_port, in_family, main, polite_server,
+                           run_trabex, wait_until, without_received)
 
 ALL_EVENTS = "start, stop, reload, refusal, greylisting, message, session, error"
 
@@ -20,12 +22,13 @@ def refuse_nobody(_connection, line):
 
 
 class Told(Scenario):
-    def start(self, settings=None, service=None, replies=None):
+    def start(self, settings=None, service=None, replies=None, sections=None):
         """Trabex in front of a polite server, with HTTP and the JSON log of all sessions."""
         self.server = self.scripted_server(polite_server(replies={"RCPT": refuse_nobody, **(replies or {})}))
         self.http_port = free_port()
         self.proxy = self.trabex(self.server.port, settings, sections={
-            "Service": {"StatusHTTP": endpoint(self.http_port), "JsonEvents": ALL_EVENTS, **(service or {})}})
+            "Service": {"StatusHTTP": endpoint(self.http_port), "JsonEvents": ALL_EVENTS, **(service or {})},
+            **(sections or {})})
         return self.proxy
 
     def get(self, path, method="GET"):
@@ -136,8 +139,48 @@ class Counters(Told):
             for way in ("in", "out"):
                 self.assertEqual(sum(event[f"{side}_bytes_{way}"] for event in of("session")),
                                  total("bytes_total", side=side, direction=way), (side, way))
+        self.assertEqual(sum(event["recipients_count"] for event in of("message")),
+                         total("recipients_total", result="accepted"))
         self.assertEqual([event["event"] for event in events][0], "start")
         self.assertEqual([event["event"] for event in events][-1], "stop")
+
+    def test_remote_clients_and_greylisting(self):
+        self.start({"LocalIPs": "192.0.2.1", "LocalDomains": DOMAIN, "MaxRecipientsRemote": 10, "SendersBlackList": "bad@*"},
+                   sections={"GreyListing": {"Enabled": 1, "Delay": 0, "MinCount": 2, "IPWhiteList": in_family("127.0.0.77"),
+                                             "Database": self.place.new_folder("database") / "greylisting.gldb"}})
+        for sender, recipient, address in (("s", "r", "127.0.0.1"), ("s", "r", "127.0.0.1"), ("s", "r", "127.0.0.1"),
+                                           ("s", "r", "127.0.0.77"), ("s", "q", "127.0.0.1"),
+                                           ("s", "nobody", "127.0.0.1"), ("bad", "r", "127.0.0.1")):
+            client = self.connect(self.proxy.address, source=in_family(address))
+            client.read_reply()
+            for line in ("EHLO client.example", f"MAIL FROM:<{sender}@{DOMAIN}>", f"RCPT TO:<{recipient}@{DOMAIN}>",
+                         "RCPT TO:<r@elsewhere.example>", "QUIT"):
+                client.command(line)
+            client.read_to_end()
+        self.wait_for_no_session()
+        samples = self.metrics()
+        self.assertEqual(self.proxy.end(), 0)
+        events = self.proxy.json_events()
+
+        def counted(family):
+            return {labels: value for (name, labels), value in samples.items() if name == "trabex_" + family and value}
+
+        def labelled(**labels):
+            return tuple(sorted(labels.items()))
+
+        outcomes = {"new": 3, "delayed": 1, "accepted": 1, "whitelisted": 1}
+        self.assertEqual(counted("greylisting_total"), {labelled(outcome=name): count for name, count in outcomes.items()})
+        judged = [event["outcome"] for event in events if event["event"] == "greylisting"]
+        self.assertEqual({name: judged.count(name) for name in judged}, outcomes)
+        self.assertEqual(counted("recipients_total"), {labelled(origin="remote", result=result): count for result, count in
+                                                       {"accepted": 2, "deferred": 4, "refused": 6}.items()})
+        refused = {"RCPT.Greylisted": 4, "RCPT.Relaying": 6, "MAIL.BlackList": 1, "BadSeq.NoTransaction": 2}
+        self.assertEqual({dict(labels)["key"]: count for labels, count in counted("replies_total").items()}, refused)
+        keys = [event["key"] for event in events if event["event"] == "refusal"]
+        self.assertEqual({key: keys.count(key) for key in keys}, refused)
+        self.assertEqual(counted("sessions_total"), {labelled(origin="remote"): 7})
+        self.assertEqual(counted("sessions_ended_total"), {labelled(how="quit"): 7})
+        self.assertEqual(samples[("trabex_greylisting_records", ())], 3)
 
     def test_the_request_gives_the_same_text(self):
         self.start()
@@ -200,10 +243,16 @@ class Hostile(Told):
         for number in range(5):
             with Smtp(self.proxy.address) as client:
                 client.sendmail(f"s@{DOMAIN}", f"r@{DOMAIN}", text_message(number))
-        self.assertEqual(len(content), 5)
+            # Who takes his time goes on with it.
+            for connection in held:
+                with contextlib.suppress(OSError):
+                    connection.sendall(b"X")
+        self.assertEqual([without_received(message) for message in content], [text_message(number) for number in range(5)])
         for connection in held:
             connection.close()
         wait_until(self._answers, "an answer")
+        self.assertEqual(self.value("messages_total", origin="local"), 5)
+        self.assertEqual(self.value("sessions_ended_total", how="quit"), 5)
 
     def _answers(self):
         try:
@@ -246,7 +295,7 @@ class JsonLog(Told):
         self.assertEqual(run_trabex("/REOPENLOG", "/I", self.proxy.ini)[0], 0)
         self.run_traffic()
         self.assertEqual(self.proxy.end(), 0)
-        before = [json.loads(line) for line in moved.read_text("utf-8").splitlines()]
+        before = [read_line(line) for line in moved.read_bytes().splitlines()]
         after = self.proxy.json_events()
         self.assertEqual([sum(event["event"] == "session" for event in log) for log in (before, after)], [3, 3])
         self.assertEqual(self.proxy.json_log.stat().st_mode & 0o137, 0)
@@ -257,8 +306,75 @@ class JsonLog(Told):
         with Smtp(proxy.address) as client:
             client.sendmail(f"s@{DOMAIN}", f"r@{DOMAIN}", text_message(1))
         self.assertEqual(proxy.end(), 0)
-        events = [json.loads(line) for line in proxy.process.stdout().splitlines()]
+        events = [read_line(line.encode("utf-8")) for line in proxy.process.stdout().splitlines()]
         self.assertEqual([event["event"] for event in events], ["start", "message", "session", "stop"])
+
+
+class Packaged(Told):
+    """What is packaged for other programs asks for what there is."""
+
+    def labels_of_series(self):
+        labels = {}
+        for name, pairs in self.metrics():
+            labels.setdefault(name, set()).update(label for label, _ in pairs)
+        return labels
+
+    def test_dashboard_and_rules_name_series_that_exist(self):
+        self.start()
+        labels = self.labels_of_series()
+        asked = [*dashboard_expressions(), *(("an alert rule", rule) for rule in alert_rules())]
+        self.assertGreater(len(asked), 20)
+        names = set()
+        for where, expression in asked:
+            with self.subTest(where, expression=expression):
+                for name, wanted in selectors(expression):
+                    names.add(name)
+                    self.assertIn(name, labels)
+                    # Those that Prometheus adds are there, too.
+                    self.assertLessEqual(set(wanted), labels[name] | {"instance", "job"})
+        # The rules, too, are all read.
+        text = (MONITORING / "trabex-alerts.yml").read_text(encoding="utf-8")
+        self.assertEqual(len(list(alert_rules())), text.count("- alert: "))
+        self.assertLessEqual(set(re.findall(r"trabex_\w+", text)), names)
+        # What the page says is there, is.
+        page = (MONITORING.parent / "docs" / "monitoring.md").read_text(encoding="utf-8")
+        told = {name for row in re.findall(r"^\| (`.*?) \| (?:gauge|counter|histogram) \|", page, re.MULTILINE)
+                for name in re.findall(r"`(\w+)", row)}
+        families = {re.sub("_(bucket|sum|count)$", "", name) for name in labels}
+        self.assertEqual({"trabex_" + name for name in told}, families)
+
+    def test_dashboard_can_be_read(self):
+        panels = dashboard()["panels"]
+        self.assertEqual(len({panel["id"] for panel in panels}), len(panels))
+        taken = set()
+        for panel in panels:
+            with self.subTest(panel["title"]):
+                self.assertEqual(panel["datasource"], {"type": "prometheus", "uid": "${DS_PROMETHEUS}"})
+                place = panel["gridPos"]
+                cells = {(place["x"] + x, place["y"] + y) for x in range(place["w"]) for y in range(place["h"])}
+                self.assertFalse(cells & taken)
+                self.assertLess(max(x for x, _ in cells), 24)
+                taken |= cells
+                letters = [target["refId"] for target in panel["targets"]]
+                self.assertEqual(len(set(letters)), len(letters))
+        self.assertEqual([each["name"] for each in dashboard()["__inputs"]], ["DS_PROMETHEUS"])
+
+    def test_vector_reads_the_log_of_the_others(self):
+        parts = tomllib.loads((PACKAGING / "vector.toml").read_text(encoding="utf-8"))
+        named = {name for kind in parts.values() for name in kind}
+        for kind in ("transforms", "sinks"):
+            for name, part in parts[kind].items():
+                self.assertLessEqual(set(part["inputs"]), named - {name})
+        for file in ("rsyslog.conf", "fail2ban/trabex-jail.conf", "vector.toml"):
+            self.assertIn("/var/log/trabex/trabex.json", (PACKAGING / file).read_text(encoding="utf-8"), file)
+
+    def test_page_names_the_fields_of_all_events(self):
+        page = (MONITORING.parent / "docs" / "json-log.md").read_text(encoding="utf-8")
+        told = {}
+        for event, fields in re.findall(r"^\| `(\w+)` \| [^|]+ \| (`.*) \|$", page, re.MULTILINE):
+            without_values = re.sub(r"\((?:[^()]|\([^()]*\))*\)", "", fields)
+            told[event] = set(re.findall(r"`(\w+)`", without_values))
+        self.assertEqual(told, {event: set(" ".join(fields).split()) for event, fields in FIELDS.items()})
 
 
 if __name__ == "__main__":

@@ -18,7 +18,6 @@ Nothing sleeps for time: a case waits for an event (wait_until, or a read from a
 import argparse
 import atexit
 import contextlib
-import json
 import os
 import re
 import signal
@@ -34,6 +33,7 @@ from addresses import FAMILY, IPV6, bracketed, endpoint, enter_own_network, in_f
 from dialogue import (Connection, HungUp, Smtp, connect, describe_difference, received_header,  # noqa: F401
                       trusting, without_received)
 from certificates import Authority, replace_file  # noqa: F401
+from json_lines import Collection, read_line
 from mail_servers import (Balancer, Direct, HaProxy, Postfix, SampleServer, ScriptedServer,  # noqa: F401
                           SmtpSink, bracketed_networks, polite_server)
 from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound,  # noqa: F401
@@ -41,6 +41,7 @@ from processes import (DOMAIN, LOOPBACK, REPO, Options, Place, Process, bound,  
 from terminal import Terminal  # noqa: F401
 from unpacked_servers import Exim, EximClient, OpenSmtpd, OpenSmtpdClient, exim_list  # noqa: F401
 
+json_lines = Collection()  # of all runs of this script
 _STAMP = re.compile(r"^\d\d/\d\d/\d\d \d\d:\d\d:\d\d ")
 
 
@@ -98,7 +99,7 @@ class Trabex:
 
     def start(self):
         self.process = Process(self._place, "Trabex", self.command())
-        self._place.on_leaving(self.json_events)
+        self._place.on_leaving(self._leave_json_log)
         self._place.on_leaving(self._leave, self.process)
         self.process.wait_listening(self.port)
         return self
@@ -120,8 +121,12 @@ class Trabex:
         """The lines of the log in JSON. The last one may be cut off where the program was killed."""
         if not self.json_log.exists():
             return []
-        lines = self.json_log.read_bytes().split(b"\n")
-        return [json.loads(line) for line in lines[:-1]]
+        return [read_line(line) for line in self.json_log.read_bytes().split(b"\n")[:-1]]
+
+    def _leave_json_log(self):
+        if self.json_log.exists():
+            self.json_events()
+            json_lines.add(self.json_log.read_bytes().split(b"\n")[:-1])
 
     def log(self):
         """The text of its log files, in the order of their names."""
@@ -313,5 +318,8 @@ def main():
     signal.signal(signal.SIGTERM, signal.default_int_handler)
     suite.run(result)
     failed = max(result.failed(), 0 if result.wasSuccessful() else 1)
+    if wrong := json_lines.why_not_read_by_jq():
+        print(f"  the log in JSON: {wrong}")
+        failed += 1
     print(f"{result.passed} passed, {failed} failed, {len(result.skipped)} skipped")
     sys.exit(1 if failed else 0)
