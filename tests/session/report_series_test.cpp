@@ -64,9 +64,10 @@ void AddRecipients(const std::string& origin, std::vector<Told>& all) {
       {RecipientResult::kServerRefused, "server_refused"},
       {RecipientResult::kServerDeferred, "server_deferred"}};
   for (const auto& [result, text] : results) {
-    all.push_back({{RecipientSeries(origin, text)}, [result](SessionReport& report, const cProxy& session) {
-                     report.OnRecipient(session, result, "r@local.test");
-                   }});
+    all.push_back(
+        {{RecipientSeries(origin, text)}, [which = result](SessionReport& report, const cProxy& session) {
+           report.OnRecipient(session, which, "r@local.test");
+         }});
   }
 }
 
