@@ -17,7 +17,6 @@
 #include "app/greylist_tool.h"
 #include "app/program.h"
 #include "base/error.h"
-#include "base/text.h"
 #include "greylist/database_file.h"
 #include "greylist/triple_key.h"
 
@@ -70,7 +69,11 @@ std::optional<cGreyListingData> AskForRecord(Program& program, std::int32_t port
   const int status = AskInstance(
       port, {"GREYLIST", "show", network_client, sender.empty() ? "<>" : sender, recipient, "--json"}, said,
       error);
-  if (status == exit_status::kDone) return ParseExported(WithoutLineEnd(Trim(said.str())));
+  if (status == exit_status::kDone) {
+    std::string line = said.str();
+    if (line.ends_with('\n')) line.pop_back();
+    return ParseExported(line);
+  }
   if (status == exit_status::kFailed && error.str().find(kNoRecord) != std::string::npos) return std::nullopt;
   program.dependencies.err << error.str();
   throw Failed{status};
