@@ -82,6 +82,7 @@ class FreshRoot:
         self._folder = folder
         self._lock = None
         self._space = None  # what holds the namespaces
+        self._network = None  # what holds the network namespace, where there is one
         self._first = 0  # the id of the first process in them
 
     def path(self, inside):
@@ -96,7 +97,7 @@ class FreshRoot:
         try:
             fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         except BlockingIOError:
-            raise Failed("another ./test --fresh of this folder is running") from None
+            raise Failed("another test of this folder with a root of its own is running") from None
 
     def make(self):
         """Makes the folder, and what runs in it."""
@@ -153,7 +154,18 @@ class FreshRoot:
                 f'Acquire::https::CaInfo "{_COPY_OF_CERTIFICATES}";\n', encoding="ascii")
 
     def _command(self, command):
-        return ["nsenter", f"--target={self._first}", "--mount", "--pid", "--", *map(str, command)]
+        network = [f"--net=/proc/{self._network.pid}/ns/net"] if self._network else []
+        return ["nsenter", f"--target={self._first}", "--mount", "--pid", *network, "--", *map(str, command)]
+
+    def isolate_network(self, addresses):
+        """What is started from now on has a network of its own: loopback, which has these addresses too."""
+        self._network = subprocess.Popen(["unshare", "--net", "--kill-child", "sh", "-c", "echo there; cat"],
+                                         stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True)
+        self._network.stdout.readline()
+        inside = ["nsenter", f"--net=/proc/{self._network.pid}/ns/net", "ip"]
+        subprocess.run([*inside, "link", "set", "lo", "up"], check=True)
+        for address in addresses:
+            subprocess.run([*inside, "address", "add", address, "dev", "lo"], check=True)
 
     def _enter(self, command, seconds):
         """Runs a command of this machine's in the namespaces, to its end."""
@@ -220,6 +232,8 @@ class FreshRoot:
                 # Its end comes after that of all others there.
                 os.kill(self._first, signal.SIGKILL) if self._first else self._space.kill()
             self._space.wait()
+        if self._network is not None:
+            self._network.communicate()  # its end is that of its input
         self._delete()
         os.close(self._lock)
         mounts = [line for line in Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines()
