@@ -177,7 +177,8 @@ def try_image(machine, checks, stage):
         machine.root.isolate_network([f"{SERVER}/24", "172.17.0.1/32"])
         with machine.root.path("/etc/hosts").open("a", encoding="utf-8") as hosts:
             hosts.write("127.0.0.1 postfix\n")
-        sink = machine.root.start(["python3", f"{IN_ROOT}/mail_sink.py", "25", "/opt/mail"], stdout=subprocess.PIPE)
+        sink = machine.root.start(["python3", f"{IN_ROOT}/mail_sink.py", "25", "/opt/mail"], stdin=subprocess.PIPE,
+                                  stdout=subprocess.PIPE)
         sink.stdout.readline()
         container = Container(machine, stage)
         try:
@@ -185,7 +186,8 @@ def try_image(machine, checks, stage):
             try_records(machine, checks, stage, container)
         finally:
             container.kill()
-            sink.kill()
+            sink.stdin.close()
+            sink.wait(SECONDS)
 
 
 def try_mail(machine, checks, stage, container):

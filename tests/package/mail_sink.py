@@ -1,9 +1,11 @@
 #!/usr/bin/env python3
 """A mail server for one test: mail_sink.py PORT FILE. It takes everything from clients that tell by XCLIENT for whom they
-come, and appends to the file what it was told and given. Says on its first line that it listens."""
+come, and appends to the file what it was told and given. Says on its first line that it listens; the end of its input is
+its end."""
 
 import socketserver
 import sys
+import threading
 
 PORT, FILE = int(sys.argv[1]), sys.argv[2]
 
@@ -46,4 +48,6 @@ class Server(socketserver.ThreadingTCPServer):
 
 with Server(("127.0.0.1", PORT), Session) as server:
     print("listening", flush=True)
-    server.serve_forever()
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    sys.stdin.read()
+    server.shutdown()
