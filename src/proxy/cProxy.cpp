@@ -57,12 +57,14 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
       TlsStands();
     } else {
       if (opening_) opening_->handshake_end = MonotonicTime::max();
+      AwaitServer();
       dialogue_.OnServerSecured(*this);
     }
   } else if (event == SessionSide::Event::kConnect) {
     // Of the server; the client is connected from the beginning.
     TimeoutSpan = std::chrono::seconds(0);
     timeout_.reset();
+    AwaitServer();
     side.Log(log_level::kConnection, "Connected.");
     if (dependencies_.observer != nullptr) {
       dependencies_.observer->OnServerConnected(*this, dependencies_.clock.Monotonic() - connect_began_);
@@ -140,6 +142,12 @@ void cProxy::TakeClientBytes() {
   if (dialogue_.phase() == Phase::kStartTls) BeginTls();
 }
 
+void cProxy::TakeServerBytes() {
+  dialogue_.OnServerBytes(Sender.TakeAll(), *this);
+  // A part of what is waited for has come.
+  if (dialogue_.AwaitsServer()) AwaitServer();
+}
+
 bool cProxy::IsOver() const {
   return Receiver.HasEnded() || (dialogue_.phase() == Phase::kEnding && Receiver.SentAtOnce());
 }
@@ -147,7 +155,9 @@ bool cProxy::IsOver() const {
 // --- what the dialogue wants
 
 void cProxy::ToServer(std::string_view bytes, bool more_follows) {
-  if (!IsOver()) Sender.Send(bytes, more_follows);
+  if (IsOver()) return;
+  AwaitServer();
+  Sender.Send(bytes, more_follows);
 }
 
 void cProxy::ToClient(std::string_view reply) {
@@ -350,6 +360,7 @@ void cProxy::Close() {
   pause_.reset();
   timeout_.reset();
   stall_timer_.reset();
+  server_wait_.reset();
   if (auto self = dependencies_.sessions.Remove(key_)) dependencies_.loop.DeferredDelete(std::move(self));
 }
 

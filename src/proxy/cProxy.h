@@ -24,8 +24,9 @@
 //
 // - STARTTLS: while the handshake goes on, what the server says waits. The handshake's time is bounded.
 //
-// Up to the server's connection a client that completes no line for Timeout seconds is closed. A send to
-// either side that makes no progress (see SendStall) ends the session at any time.
+// Up to the server's connection a client that completes no line for Timeout seconds is closed. A server that
+// owes something and says nothing for ServerTimeout seconds loses its session. A send to either side that
+// makes no progress (see SendStall) ends the session at any time.
 //
 // The dialogue decides and the session moves bytes: each event notes a fact at the side that it is about, and
 // one pump then lets the dialogue take what is there until nothing moves. There is one send under way per
@@ -175,7 +176,7 @@ class cProxy final : public DeferredDeletable,
   void PumpLater();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
-  void TakeServerBytes() { dialogue_.OnServerBytes(Sender.TakeAll(), *this); }
+  void TakeServerBytes();
   // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
   // waiting for that still gets what the server said meanwhile.
   bool IsOver() const;
@@ -206,6 +207,17 @@ class cProxy final : public DeferredDeletable,
   // Logs why the session ends, and ends it. True.
   bool CloseBecause(SessionEnd how, std::string_view reason);
   void TakeLastWords();
+  // The wait for the server begins, or begins anew, where its time is bounded.
+  void AwaitServer() {
+    if (dependencies_.configuration.Service.ServerTimeout != 0) BeginServerWait();
+  }
+  void BeginServerWait();
+  // Whether the server owes something: its connection, or what the dialogue waits for.
+  bool IsServerAwaited() const;
+  // The time that it has for it.
+  std::chrono::seconds ServerPatience() const;
+  void CheckServerWait();
+  void EndSilentServer();
   // Whether something goes on whose time is bounded: a send, a handshake, or what comes before the dialogue.
   bool NeedsWatch() const { return Receiver.Sending() || Sender.Sending() || handshake_ || opening_; }
   void Watch();
@@ -244,6 +256,15 @@ class cProxy final : public DeferredDeletable,
   };
   std::unique_ptr<Opening> opening_;
   bool is_balancers_own_ = false;  // the balancer has spoken for itself
+
+  // With ServerTimeout, from the first time that something was waited for. The timer runs while that is so, and
+  // finds out by itself when it no longer is: a wait is mostly over long before its first tick.
+  struct ServerWait {
+    MonotonicTime began{};
+    std::optional<std::int64_t> progress;  // of what was sent to the server, at the last tick of this wait
+    Timer timer;
+  };
+  std::unique_ptr<ServerWait> server_wait_;
 
   std::chrono::seconds TimeoutSpan{0};  // 0: no time-out
   MonotonicTime LastActivity{};

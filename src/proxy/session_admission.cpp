@@ -107,6 +107,7 @@ bool cProxy::AdmitByName() {
 
 void cProxy::ConnectServer() {
   stage_ = Stage::kAdmitted;
+  AwaitServer();
   if (dependencies_.observer != nullptr) connect_began_ = dependencies_.clock.Monotonic();
   try {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);

@@ -15,8 +15,8 @@ class cProxy;
 enum class SessionEnd : std::uint8_t {
   kQuit,
   kClient,
-  kServer,  // it closed, failed, or could not be reached
-  kTimeout,
+  kServer,       // it closed, failed, or could not be reached
+  kTimeout,      // a peer was silent, or took nothing, for too long
   kRefused,      // the proxy closed after, or instead of, a reply that refuses
   kBadSequence,  // too many commands out of order
   kClosed,       // on request

@@ -78,6 +78,7 @@ void cProxy::BeginServerTls() {
   if (!context) return dialogue_.RefuseServer("TLS not available", *this);
   opening_->handshake_end = dependencies_.clock.Monotonic() +
                             std::chrono::seconds(dependencies_.configuration.TLS.HandshakeTimeout);
+  AwaitServer();
   Sender.StartTls(TlsRole::kClient, context);
 }
 

@@ -204,6 +204,23 @@ void Dialogue::OnServerEnd(ServerEnd how, DialogueActions& actions) {
   Enter(PhaseEvent::kEnd);
 }
 
+bool Dialogue::AwaitsServer() const {
+  return preface_ ? preface_->AwaitsServer() : trabex::AwaitsServer(state_.phase);
+}
+
+bool Dialogue::AwaitsReplyToContent() const {
+  return state_.phase == Phase::kContentReply ||
+         (state_.phase == Phase::kReply && state_.forwarded.last_chunk);
+}
+
+void Dialogue::OnServerSilent(DialogueActions& actions) {
+  actions.Log(Side::kServer, log_level::kErrors, "Server time-out. Closing connection.");
+  const bool quits = state_.phase == Phase::kReply && state_.forwarded.command == Command::kQuit;
+  if (!quits && state_.phase != Phase::kFarewell) return EndWithoutServer(actions);
+  actions.CloseServer();
+  Enter(PhaseEvent::kEnd);
+}
+
 void Dialogue::OnServerConnected(ServerApproach approach, DialogueActions& actions) {
   if (!approach.header.empty()) {
     actions.Log(Side::kServer, log_level::kSent, approach.logged_header);

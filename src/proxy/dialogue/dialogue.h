@@ -106,6 +106,12 @@ class Dialogue {
   void RefuseServer(std::string_view reason, DialogueActions& actions);
   // Takes what the server said: whole replies are relayed, the rest is kept until it is whole.
   void OnServerBytes(std::string bytes, DialogueActions& actions);
+  // Whether the server, which is connected, owes something: what it says next is waited for, or its end.
+  bool AwaitsServer() const;
+  // Whether that is the reply to the end of a message's content.
+  bool AwaitsReplyToContent() const;
+  // The server has owed it for too long. The client is told so, unless it has said QUIT, and the session ends.
+  void OnServerSilent(DialogueActions& actions);
   // The answer to AskForAddresses.
   void OnAddresses(const HostAddresses& answer, DialogueActions& actions);
   // The server's connection has ended. Its last words reach the client, even if they broke off inside a line;

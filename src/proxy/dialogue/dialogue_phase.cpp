@@ -96,6 +96,31 @@ ClientBytes ExpectedBytes(Phase phase) {
   return ClientBytes::kWait;
 }
 
+bool AwaitsServer(Phase phase) {
+  switch (phase) {
+    case kPreface:
+    case kServerGreeting:
+    case kReply:
+    case kContentReply:
+    case kFarewell:
+      return true;
+    case kProxyHeader:
+    case kTls:
+    case kCommand:
+    case kStartTls:
+    case kAsking:
+    case kAuthData:
+    case kDotContent:
+    case kChunk:
+    case kOctets:
+    case kAnsweredOctets:
+    case kDiscard:
+    case kEnding:
+      break;
+  }
+  return false;
+}
+
 std::span<const PhaseTransition> PhaseTransitions() {
   return kPhaseTransitions;
 }

@@ -41,6 +41,9 @@ enum class ClientBytes {
 };
 ClientBytes ExpectedBytes(Phase phase);
 
+// Whether the server has to say something before the session goes on, or to close behind its farewell.
+bool AwaitsServer(Phase phase);
+
 enum class PhaseEvent {
   kHeaderExpected,   // the client's connection is that of a balancer
   kHeaderTaken,      // its header has come whole

@@ -56,6 +56,8 @@ class ServerPreface {
   Step Begin() const;
   // Whether the server owes a reply. What it says otherwise is a reply to nothing.
   bool AwaitsReply() const { return state_ != State::kHandshake && state_ != State::kNames; }
+  // Whether the server has to do something, a reply or its part of a handshake.
+  bool AwaitsServer() const { return state_ != State::kNames; }
   // `reply` is one complete reply with its line ends. `more_follows`: the server has said more than that.
   Step OnReply(std::string_view reply, bool more_follows);
   // TLS has begun.

@@ -17,8 +17,7 @@ namespace {
 
 // Settings that are read, and that nothing goes by yet.
 bool IsWithoutEffect(const Setting& setting) {
-  return setting.section == section_name::kService &&
-         (setting.key == "ServerTimeout" || setting.key == "EnforceMaxSize");
+  return setting.section == section_name::kService && setting.key == "EnforceMaxSize";
 }
 
 std::string ValuesText(const Setting& setting) {
