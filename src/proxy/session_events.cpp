@@ -8,7 +8,7 @@ void cProxy::OnCommand() {
 }
 
 void cProxy::OnOwnReply(const OwnReply& reply) {
-  if (FindPolicyReply(reply.kind).after == AfterReply::kClose || !reply.sent) {
+  if (reply.ends || !reply.sent) {
     switch (reply.kind) {
       case ReplyKind::kQuitBadIP:
         EndsBy(SessionEnd::kQuit);

@@ -80,6 +80,10 @@ std::string_view StageOf(const OwnReply& reply) {
       return "content";
     case ReplyKind::kLineTooLong:
       return "command";
+    case ReplyKind::kMailSize:
+      // A size that was declared is refused at MAIL; this one was measured.
+      if (reply.ends) return "content";
+      break;
     default:
       break;
   }

@@ -332,6 +332,7 @@ TEST(Report, HowASessionEnds) {
       {SessionEnd::kRefused, "refused",
        [](Reported& test) { test.fixture.Settings.IPBlackList = kLoopbackOnly; }, "<- 554 *\nclosed C"},
       {SessionEnd::kRefused, "refused", nullptr, Greeted() + "C: {5000*x}\n<- 500 *\nclosed C"},
+      {SessionEnd::kRefused, "refused", nullptr, Greeted() + "C: BDAT x\n<- 503 *\nclosed C"},
       {SessionEnd::kBadSequence, "badseq", [](Reported& test) { test.fixture.Settings.MaxBadSeq = 0; },
        Greeted() + "C: RCPT TO:<x>\n<- 503 *\nwait 500\nclosed C"},
       {SessionEnd::kShutdown, "shutdown", nullptr, Greeted() + "shutdown\n<- 421 *\nclosed C"},

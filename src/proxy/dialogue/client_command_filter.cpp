@@ -8,6 +8,7 @@
 #include "base/visible_text.h"
 #include "proxy/dialogue/command_parameters.h"
 #include "proxy/dialogue/mailbox.h"
+#include "proxy/dialogue/message_size.h"
 #include "proxy/dialogue/received_header.h"
 #include "proxy/dialogue/response_changes.h"
 #include "proxy/dialogue/session_macros.h"
@@ -431,6 +432,11 @@ class ClientCommandFilter::LineFilter {
   void ProcessBdat() {
     if (requested_.Greylisted) return Break();
     const bool first_chunk = state_.transaction != Transaction::kChunks;
+    const std::uint64_t sent = first_chunk ? 0 : state_.content_octets;
+    if (IsTooLarge(sent + *decision_.octets_follow, configuration_, state_.offered)) {
+      decision_.action = Action::kRefuseSize;
+      return;
+    }
     std::string header;
     if (first_chunk && requested_.RecipientCount != 0 && configuration_.AddReceived) {
       header = GenerateReceivedHeader(configuration_, clock_, facts_, requested_, state_.login).append(kCrLf);

@@ -52,6 +52,7 @@ struct LineDecision {
     kAskForAddresses,  // look up `text`, and call ProcessAddresses; no further line meanwhile
     kBreak,            // log `text` and close without a reply
     kStartTls,         // send `text` and CR LF to the client; what follows is its TLS
+    kRefuseSize,       // with the octets that follow the message is too large
   };
   Action action = Action::kForward;
   std::string text;

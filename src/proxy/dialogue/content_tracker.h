@@ -24,8 +24,13 @@ class ContentTracker {
     Outcome outcome = Outcome::kGoesOn;
   };
 
+  // Whether a count tells where the content ends, and not a dot.
+  bool IsCounted() const { return octets_left_.has_value(); }
   // Octets that are still to come; 0 for content that ends with a dot.
   std::uint64_t OctetsLeft() const { return octets_left_.value_or(0); }
+
+  // Whether the last octet scanned may be that of the line with the single dot, where a dot ends the content.
+  bool EndsInDot() const { return before_ == Before::kDot; }
 
   void BeginDot() { *this = {}; }
   void BeginOctets(std::uint64_t count) { octets_left_ = count; }

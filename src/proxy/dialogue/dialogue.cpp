@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "proxy/dialogue/message_size.h"
 #include "proxy/dialogue/reply_code.h"
 
 namespace trabex {
@@ -100,16 +101,47 @@ std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actio
   ContentTracker::Step step{bytes.size(), ContentTracker::Outcome::kGoesOn};
   if (state_.phase != Phase::kFarewell) step = state_.content.Scan(bytes);
   state_.BytesReceived += static_cast<std::int64_t>(step.bytes);
+  const bool ended = step.outcome == ContentTracker::Outcome::kEnded;
+  // What is thrown away because its BDAT was refused belongs to no message.
+  if (state_.phase != Phase::kDiscard) state_.content_octets += step.bytes;
+  if (state_.phase == Phase::kDotContent &&
+      IsTooLarge(MessageOctets(ended), configuration_, state_.offered)) {
+    Enter(PhaseEvent::kSizeExceeded);
+    BreakOffMessage(actions);
+  }
   if (step.bytes > 0 && Expected() == ClientBytes::kContent) {
     if (state_.phase == Phase::kDotContent || state_.phase == Phase::kChunk) actions.OnContent(step.bytes);
     actions.ToServer(bytes.substr(0, step.bytes), false);
   }
-  if (step.outcome == ContentTracker::Outcome::kEnded) Enter(PhaseEvent::kContentComplete);
+  if (ended && state_.phase == Phase::kTooLarge) {
+    RefuseSize(actions);
+  } else if (ended) {
+    Enter(PhaseEvent::kContentComplete);
+  }
   if (step.outcome == ContentTracker::Outcome::kAmbiguous) {
     actions.CloseServer();
     Say(ReplyKind::kDataAmbiguousEnd, actions);
   }
   return step.bytes;
+}
+
+std::uint64_t Dialogue::MessageOctets(bool ended) const {
+  if (state_.content.IsCounted()) return state_.content_octets;
+  constexpr std::uint64_t kLastLine = 3;
+  return state_.content_octets - (ended ? kLastLine : state_.content.EndsInDot() ? 1 : 0);
+}
+
+void Dialogue::BreakOffMessage(DialogueActions& actions) {
+  actions.Log(Side::kServer, log_level::kErrors, "Message too large. Closing connection.");
+  actions.CloseServer();
+  actions.GoOnWithoutServer();
+}
+
+void Dialogue::RefuseSize(DialogueActions& actions) {
+  // The reply names the size that the message has, whatever was declared.
+  state_.requested.DeclaredSize = static_cast<FixedPoint>(MessageOctets(true)) * kFixedPointOne;
+  state_.offered.SizeLimit = MessageSizeLimit(configuration_, state_.offered);
+  Say(ReplyKind::kMailSize, actions);
 }
 
 void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
@@ -127,7 +159,8 @@ void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
                         .text = sent ? std::string_view(decision.text) : std::string_view(),
                         .requested = state_.requested,
                         .list = refusal.list,
-                        .sent = sent});
+                        .sent = sent,
+                        .ends = decision.end});
   }
   switch (decision.action) {
     case LineDecision::Action::kForward:
@@ -156,6 +189,12 @@ void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
       Enter(PhaseEvent::kTlsBegins);
       actions.StartTls(decision.text.append(kCrLf));
       break;
+    case LineDecision::Action::kRefuseSize:
+      if (state_.transaction != Transaction::kChunks) state_.content_octets = 0;
+      EnterOctets(PhaseEvent::kSizeExceeded, *decision.octets_follow);
+      BreakOffMessage(actions);
+      if (*decision.octets_follow == 0) RefuseSize(actions);
+      break;
   }
   if (decision.too_many_bad_sequences && state_.phase != Phase::kEnding) actions.EndAfterPause();
 }
@@ -163,6 +202,7 @@ void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
 void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
   if (decision.forwarded) state_.forwarded = std::move(*decision.forwarded);
   if (decision.octets_follow) {
+    if (state_.transaction != Transaction::kChunks) state_.content_octets = 0;
     EnterOctets(PhaseEvent::kBdatForwarded, *decision.octets_follow);
   } else {
     Enter(PhaseEvent::kForwarded);
@@ -367,20 +407,21 @@ bool Dialogue::RelayWholeLines(DialogueActions& actions) {
 void Dialogue::EndWithoutServer(DialogueActions& actions) {
   preface_.reset();
   std::string reply = commands_.BuildReply(ReplyKind::kServerError, state_);
-  TellOfOwn(ReplyKind::kServerError, reply, {}, true, actions);
+  TellOfOwn(ReplyKind::kServerError, reply, {}, true, true, actions);
   actions.ToClient(reply.append(kCrLf));
   actions.CloseServer();
   Enter(PhaseEvent::kEnd);
 }
 
 void Dialogue::TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingList& list, bool sent,
-                         DialogueActions& actions) const {
+                         bool ends, DialogueActions& actions) const {
   actions.OnOwnReply({.kind = kind,
                       .key = FindPolicyReply(kind).key,
                       .text = reply,
                       .requested = state_.requested,
                       .list = list,
-                      .sent = sent});
+                      .sent = sent,
+                      .ends = ends});
 }
 
 void Dialogue::Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list) {
@@ -388,25 +429,25 @@ void Dialogue::Say(ReplyKind kind, DialogueActions& actions, const DecidingList&
   if (state_.phase == Phase::kProxyHeader) return Enter(PhaseEvent::kEnd);
   std::string reply = commands_.BuildReply(kind, state_);
   const bool readable = state_.phase != Phase::kTls && state_.phase != Phase::kStartTls;
-  TellOfOwn(kind, reply, list, readable, actions);
+  const bool ends = FindPolicyReply(kind).after != AfterReply::kProxyOnly;
+  TellOfOwn(kind, reply, list, readable, ends, actions);
   if (!readable) {
     actions.Log(Side::kClient, log_level::kErrors, "Refused without TLS: " + reply);
     return Enter(PhaseEvent::kEnd);
   }
   actions.ToClient(reply.append(kCrLf));
-  if (FindPolicyReply(kind).after == AfterReply::kProxyOnly) {
-    state_.transaction = Transaction::kRefused;
-    Enter(PhaseEvent::kNoServer);
-  } else {
-    Enter(PhaseEvent::kEnd);
-  }
+  if (ends) return Enter(PhaseEvent::kEnd);
+  state_.transaction = Transaction::kRefused;
+  Enter(PhaseEvent::kNoServer);
 }
 
 // --- the state
 
 void Dialogue::Enter(PhaseEvent event) {
   state_.phase = NextPhase(state_.phase, event);
-  if (state_.phase == Phase::kDotContent) state_.content.BeginDot();
+  if (state_.phase != Phase::kDotContent) return;
+  state_.content.BeginDot();
+  state_.content_octets = 0;
 }
 
 void Dialogue::EnterOctets(PhaseEvent event, std::uint64_t octets) {

@@ -55,7 +55,8 @@ class DialogueActions : public DialogueEvents {
   virtual void AskForAddresses(std::string_view host_name) = 0;
   // Closes the server's connection; the client's goes on.
   virtual void CloseServer() = 0;
-  // The server gets nothing more; the client stays as one that was refused until either hangs up.
+  // The server gets nothing more; the client stays as one that was refused until either hangs up, or until the
+  // dialogue ends.
   virtual void GoOnWithoutServer() = 0;
   // Takes nothing more of the client, and ends the session a short time later.
   virtual void EndAfterPause() = 0;
@@ -126,6 +127,12 @@ class Dialogue {
   std::size_t TakeHeader(std::string_view bytes, DialogueActions& actions);
   std::size_t TakeLine(std::string_view bytes, DialogueActions& actions);
   std::size_t TakeContent(std::string_view bytes, DialogueActions& actions);
+  // Nothing more of the message goes to the server, which never gets its end. The client may send the rest.
+  void BreakOffMessage(DialogueActions& actions);
+  // Tells the client so when the rest has come, and ends the session.
+  void RefuseSize(DialogueActions& actions);
+  // Octets of the message so far, without those of the line with the single dot. `ended`: it has come whole.
+  std::uint64_t MessageOctets(bool ended) const;
   void Act(LineDecision&& decision, DialogueActions& actions);
   void Forward(LineDecision& decision, DialogueActions& actions);
 
@@ -140,7 +147,8 @@ class Dialogue {
   std::string ReplyThatCounts(std::string reply);
   bool RelayWholeLines(DialogueActions& actions);
   void EndWithoutServer(DialogueActions& actions);
-  void TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingList& list, bool sent,
+  // `sent`, `ends`: as OwnReply has them.
+  void TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingList& list, bool sent, bool ends,
                  DialogueActions& actions) const;
 
   void Enter(PhaseEvent event);

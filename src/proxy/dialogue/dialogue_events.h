@@ -34,7 +34,8 @@ struct OwnReply {
   std::string_view text;  // with its changes, without line end
   const RequestedState& requested;
   DecidingList list = {};
-  bool sent = true;  // false: the session ends without a word
+  bool sent = true;   // false: the session ends without a word
+  bool ends = false;  // the session ends with it
 };
 
 enum class RecipientResult : std::uint8_t {

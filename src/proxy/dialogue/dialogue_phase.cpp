@@ -24,6 +24,7 @@ constexpr PhaseTransition kPhaseTransitions[] = {
     {kCommand,        PhaseEvent::kBdatForwarded,   kChunk},
     {kCommand,        PhaseEvent::kBdatAnswered,    kDiscard},
     {kCommand,        PhaseEvent::kTlsBegins,       kStartTls},
+    {kCommand,        PhaseEvent::kSizeExceeded,    kTooLarge},
     {kStartTls,       PhaseEvent::kSecured,         kCommand},
     {kAsking,         PhaseEvent::kForwarded,       kReply},
     {kAsking,         PhaseEvent::kAnswered,        kCommand},
@@ -36,6 +37,7 @@ constexpr PhaseTransition kPhaseTransitions[] = {
     // A server that speaks again instead of waiting for the data has given up, and reads commands.
     {kAuthData,       PhaseEvent::kReply,           kCommand},
     {kDotContent,     PhaseEvent::kContentComplete, kContentReply},
+    {kDotContent,     PhaseEvent::kSizeExceeded,    kTooLarge},
     // The server spoke before the dot: what the client goes on sending is neither content nor command.
     {kDotContent,     PhaseEvent::kReply,           kEnding},
     {kChunk,          PhaseEvent::kContentComplete, kReply},
@@ -79,6 +81,7 @@ ClientBytes ExpectedBytes(Phase phase) {
     case kAnsweredOctets:
       return ClientBytes::kContent;
     case kDiscard:
+    case kTooLarge:
     case kFarewell:
       return ClientBytes::kDiscarded;
     case kProxyHeader:
@@ -115,6 +118,7 @@ bool AwaitsServer(Phase phase) {
     case kOctets:
     case kAnsweredOctets:
     case kDiscard:
+    case kTooLarge:
     case kEnding:
       break;
   }

@@ -27,8 +27,9 @@ enum class Phase {
   kAnsweredOctets,  // the rest of such octets, to which the server has replied already
   kContentReply,    // the server owes the reply to the content after DATA or XEXCH50
   kDiscard,         // the octets of a BDAT that was refused
-  kFarewell,        // the server has said 221 to QUIT: what the client still sends is dropped
-  kEnding,          // nothing more is taken; the session ends when what was said has been sent
+  kTooLarge,  // the rest of a message that has grown too large for the session; it has no server any more
+  kFarewell,  // the server has said 221 to QUIT: what the client still sends is dropped
+  kEnding,    // nothing more is taken; the session ends when what was said has been sent
 };
 
 // What becomes of the client's next bytes.
@@ -63,6 +64,7 @@ enum class PhaseEvent {
   kContentWanted,    // 354 to DATA
   kOctetsWanted,     // 354 to XEXCH50
   kQuitAccepted,     // 221 to QUIT
+  kSizeExceeded,     // a message has grown too large, or would with the next chunk
   kContentComplete,  // the content's last byte was taken
   kEnd,              // the proxy ends the session, or one of the peers has
 };

@@ -87,7 +87,9 @@ struct DialogueState {
   OfferedState offered;
   LoginState login;
   ForwardedCommand forwarded;
-  ContentTracker content;   // in the phases with content
+  ContentTracker content;  // in the phases with content
+  // What the client has sent of the message under way, all its chunks together.
+  std::uint64_t content_octets = 0;
   std::string asking_line;  // in kAsking: the line that waits for the answer
   // The server's latest 250 to an EHLO, as it came, while the client has to greet once more: after TLS has
   // begun, or when the proxy greeted first.

@@ -15,11 +15,6 @@
 namespace trabex {
 namespace {
 
-// Settings that are read, and that nothing goes by yet.
-bool IsWithoutEffect(const Setting& setting) {
-  return setting.section == section_name::kService && setting.key == "EnforceMaxSize";
-}
-
 std::string ValuesText(const Setting& setting) {
   const std::string range = std::to_string(setting.min) + " to " + std::to_string(setting.max);
   switch (setting.kind) {
@@ -92,7 +87,6 @@ TEST(SettingsReference, ListsEverySettingInTheOrderOfTheDump) {
   for (const char* name : {"Common", "GreyListing", "TLS", "Service"}) {
     std::vector<std::string> expected;
     for (const Setting* setting : SettingsInDumpOrder(name)) {
-      if (IsWithoutEffect(*setting)) continue;
       expected.push_back("`" + std::string(setting->key) + "` | " + DefaultText(*setting) + " | " +
                          ValuesText(*setting));
     }
@@ -129,7 +123,6 @@ TEST(SampleFile, ShowsEverySettingAndTheDefaultOfWhatIsCommentedOut) {
   auto keys = SampleKeys(SourceFile("sample/Trabex.ini"));
   for (const Setting& setting : AllSettings()) {
     const std::string name = std::string(setting.section) + " " + std::string(setting.key);
-    if (IsWithoutEffect(setting)) continue;
     ASSERT_TRUE(keys.contains(name)) << name;
     if (keys[name].commented_out) {
       EXPECT_EQ(keys[name].value, setting.default_text) << name;
@@ -180,7 +173,6 @@ TEST(PackagedFile, HasEverySettingWithItsValuesItsDefaultAndAnExample) {
   std::map<std::string, std::string> examples;
   for (const Setting& setting : AllSettings()) {
     const std::string name = std::string(setting.section) + " " + std::string(setting.key);
-    if (IsWithoutEffect(setting)) continue;
     ASSERT_TRUE(shown.contains(name) && keys.contains(name)) << name << kMakeFiles;
     const PackagedSetting& said = shown[name];
     EXPECT_EQ(said.values, ValuesText(setting)) << name << kMakeFiles;
@@ -222,9 +214,7 @@ TEST(ManualPage, ListsEverySettingInTheOrderOfTheDump) {
   }
   for (const char* name : {"Common", "GreyListing", "TLS", "Service"}) {
     std::vector<std::string> expected;
-    for (const Setting* setting : SettingsInDumpOrder(name)) {
-      if (!IsWithoutEffect(*setting)) expected.emplace_back(setting->key);
-    }
+    for (const Setting* setting : SettingsInDumpOrder(name)) expected.emplace_back(setting->key);
     EXPECT_EQ(items[name], expected) << kMakeFiles;
   }
 }

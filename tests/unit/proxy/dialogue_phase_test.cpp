@@ -38,6 +38,16 @@ constexpr const char* kMail = R"(
     <- 250 ok
 )";
 
+constexpr const char* kEhloWithSize = R"(
+    C: EHLO client.test
+    -> EHLO client.test
+    S: 250-server.test
+    S: 250-CHUNKING
+    S: 250 SIZE 3
+    <- 250-server.test
+    <- 250-CHUNKING
+    <- 250 SIZE 3
+)";
 constexpr const char* kEhloWithTls = R"(
     C: EHLO client.test
     -> EHLO client.test
@@ -78,6 +88,11 @@ const std::vector<Row>& Rows() {
        {kGreeting},
        "C: BDAT 3\n<- 503 Bad sequence of commands."},
       {kCommand, PhaseEvent::kTlsBegins, kStartTls, {kGreeting, kEhloWithTls}, kStartTlsCommand},
+      {kCommand,
+       PhaseEvent::kSizeExceeded,
+       kTooLarge,
+       {"limit", kGreeting, kEhloWithSize, kMail},
+       "C: BDAT 4"},
       {kStartTls, PhaseEvent::kSecured, kCommand, {kGreeting, kEhloWithTls, kStartTlsCommand}, "secured"},
       {kAsking, PhaseEvent::kForwarded, kReply, {kGreeting, "C: EHLO a.test\nasks name a.test"}, "found"},
       {kAsking,
@@ -117,6 +132,11 @@ const std::vector<Row>& Rows() {
        kContentReply,
        {kGreeting, kEhlo, kMail, "C: DATA\n-> DATA", "S: 354 go\n<- 354 go"},
        "C+ .\\r\\n\n*> .\\r\\n"},
+      {kDotContent,
+       PhaseEvent::kSizeExceeded,
+       kTooLarge,
+       {"limit", kGreeting, kEhloWithSize, kMail, "C: DATA\n-> DATA", "S: 354 go\n<- 354 go"},
+       "C+ abcd"},
       {kDotContent,
        PhaseEvent::kReply,
        kEnding,
@@ -174,7 +194,9 @@ bool IsNamedPart(const std::string& part) {
 
 // A part of a dialogue that comes before a row.
 void TakePart(TestDialogue& d, const std::string& part) {
-  if (part == "TLS port") {
+  if (part == "limit") {
+    d.configuration.Service.EnforceMaxSize = true;
+  } else if (part == "TLS port") {
     d.ExpectTls();
   } else if (part == "secured") {
     d.Secure();
@@ -203,7 +225,7 @@ TEST(DialoguePhase, EachRowIsTaken) {
     for (const std::string& part : row.before) {
       d.facts.tls_configured = d.facts.tls_ready = part == kEhloWithTls || part == kStartTlsCommand;
       // The look-up of names is for the rows that ask.
-      d.configuration.ValidateHELO = part == kEhlo ? 0 : 2;
+      d.configuration.ValidateHELO = part == kEhlo || part == kEhloWithSize ? 0 : 2;
       TakePart(d, part);
     }
     d.configuration.ValidateHELO = 2;
@@ -299,14 +321,16 @@ TEST(Transactions, RsetDoesNotGreet) {
 // --- the tables of the document
 
 constexpr const char* kPhaseNames[] = {
-    "ProxyHeader",    "Tls",          "Preface",  "ServerGreeting", "Command", "StartTls",
-    "Asking",         "Reply",        "AuthData", "DotContent",     "Chunk",   "Octets",
-    "AnsweredOctets", "ContentReply", "Discard",  "Farewell",       "Ending"};
-constexpr const char* kEventNames[] = {"HeaderExpected", "HeaderTaken",  "PrefaceBegins",   "PrefaceOver",
-                                       "TlsExpected",    "TlsBegins",    "Secured",         "NoServer",
-                                       "Answered",       "BdatAnswered", "Forwarded",       "BdatForwarded",
-                                       "Asked",          "Reply",        "AuthDataWanted",  "ContentWanted",
-                                       "OctetsWanted",   "QuitAccepted", "ContentComplete", "End"};
+    "ProxyHeader",    "Tls",          "Preface",  "ServerGreeting", "Command",  "StartTls",
+    "Asking",         "Reply",        "AuthData", "DotContent",     "Chunk",    "Octets",
+    "AnsweredOctets", "ContentReply", "Discard",  "TooLarge",       "Farewell", "Ending"};
+constexpr const char* kEventNames[] = {"HeaderExpected", "HeaderTaken",     "PrefaceBegins",
+                                       "PrefaceOver",    "TlsExpected",     "TlsBegins",
+                                       "Secured",        "NoServer",        "Answered",
+                                       "BdatAnswered",   "Forwarded",       "BdatForwarded",
+                                       "Asked",          "Reply",           "AuthDataWanted",
+                                       "ContentWanted",  "OctetsWanted",    "QuitAccepted",
+                                       "SizeExceeded",   "ContentComplete", "End"};
 constexpr const char* kTransactionNames[] = {"Refused", "NoGreeting", "Greeted", "Open", "Chunks"};
 
 // The rows of the table in docs/design.md whose head is `head`.
