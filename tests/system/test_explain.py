@@ -67,10 +67,12 @@ def enter_own_network():
 
 
 def set_up_network(folder):
+    files = {"/etc/resolv.conf": "nameserver 127.0.0.1\n"}
     if not IPV6:
+        # Otherwise the network is there, with a hosts file that has no more than this.
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-    for path, text in (("/etc/hosts", "127.0.0.1 localhost\n::1 localhost\n"),
-                       ("/etc/resolv.conf", "nameserver 127.0.0.1\n")):
+        files["/etc/hosts"] = "127.0.0.1 localhost\n::1 localhost\n"
+    for path, text in files.items():
         own = os.path.join(folder, os.path.basename(path))
         with open(own, "w", encoding="ascii") as file:
             file.write(text)
