@@ -187,6 +187,46 @@ TEST_F(LinuxSocketsTest, ThePeersEndIsKnownWhileDataIsUnread) {
   EXPECT_FALSE(sockets.PeerEnded(stale));
 }
 
+// Accepts what its listener announces.
+class Acceptor final : public SocketSink {
+ public:
+  explicit Acceptor(Sockets& sockets) : sockets_(sockets) {}
+  void OnSocketEvent(SocketHandle listener, SocketEvent, int) override {
+    SocketHandle accepted;
+    if (sockets_.Accept(listener, accepted) == 0) ++accepts;
+  }
+  int accepts = 0;
+
+ private:
+  Sockets& sockets_;
+};
+
+TEST_F(LinuxSocketsTest, NewConnectionsDoNotWaitForAnIterationEachWhileOthersAreBusy) {
+  constexpr int kCallers = 20;
+  ConnectRaw();
+  sockets.Watch(ours, &sink);
+  RunUntilIdle(loop);
+  Acceptor acceptor(sockets);
+  SocketHandle listener;
+  Endpoint address;
+  ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
+  ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
+  ASSERT_EQ(sockets.Listen(listener, 0), 0);
+  ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
+  sockets.Watch(listener, &acceptor);
+  SocketHandle callers[kCallers];
+  for (SocketHandle& caller : callers) {
+    ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, caller), 0);
+    ASSERT_EQ(sockets.Connect(caller, address), socket_error::kWouldBlock);
+  }
+  ASSERT_EQ(send(raw, "busy", 4, 0), 4);
+  loop.RunOnce(Milliseconds{0});
+  EXPECT_GT(acceptor.accepts, 10);
+  // One listener does not hold up the rest either.
+  EXPECT_LT(acceptor.accepts, kCallers);
+  EXPECT_TRUE(RunUntil(loop, [&] { return acceptor.accepts == kCallers; }));
+}
+
 TEST_F(LinuxSocketsTest, SocketsOfADestroyedTableAreClosed) {
   const std::set<int> before = OpenDescriptors();
   {

@@ -84,6 +84,8 @@ struct EventLoop::Impl {
   // epoll_ctl; returns 0 or errno.
   int Control(int operation, int descriptor, std::uint32_t events, EventTarget target);
 
+  // How many descriptors the kernel has announced in this iteration.
+  std::size_t EventCount() const { return event_count_; }
   // One iteration; `wait` negative: until something happens.
   bool Iterate(Milliseconds wait);
   int EpollTimeout(Milliseconds wait) const;

@@ -16,6 +16,8 @@ namespace {
 
 constexpr std::uint32_t kStreamEvents = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLPRI | EPOLLET;
 constexpr std::uint32_t kListenerEvents = EPOLLIN;
+// Of one listener in one iteration.
+constexpr int kMaxAccepts = 16;
 constexpr std::uint32_t kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 }  // namespace
@@ -240,14 +242,23 @@ bool Sockets::Impl::OnReady(std::uint32_t index, std::uint32_t generation, std::
 }
 
 bool Sockets::Impl::OnListenerReady(SocketHandle socket, std::uint32_t events) {
-  Entry& entry = *Find(socket);
+  Entry& listener = *Find(socket);
   if ((events & EPOLLIN) == 0) return false;
-  if (!entry.accept_armed) {
-    DisarmListener(socket, entry);
+  if (!listener.accept_armed) {
+    DisarmListener(socket, listener);
     return false;
   }
-  entry.accept_armed = false;
-  return Notify(socket, SocketEvent::kAccept, 0);
+  bool called = false;
+  // When connections keep the loop busy, new ones do not wait for an iteration each.
+  const int most = loop.EventCount() > 1 ? kMaxAccepts : 1;
+  for (int i = 0; i < most; ++i) {
+    Entry* const entry = Find(socket);
+    if (entry == nullptr || entry->sink == nullptr || !entry->accept_armed || (i > 0 && !entry->accepted))
+      break;
+    entry->accept_armed = entry->accepted = false;
+    if (Notify(socket, SocketEvent::kAccept, 0)) called = true;
+  }
+  return called;
 }
 
 bool Sockets::Impl::OnDatagramReady(SocketHandle socket, std::uint32_t events) {

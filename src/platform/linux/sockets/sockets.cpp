@@ -204,6 +204,7 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   });
   const int error = Outcome(descriptor);
   entry->accept_armed = true;
+  entry->accepted = error == 0;
   if (entry->sink != nullptr) impl_->ArmListener(listener, *entry);
   if (error != 0) return error;
   accepted = impl_->Add(descriptor, entry->family, Impl::Role::kStream);

@@ -41,6 +41,7 @@ struct Sockets::Impl final : EventSource {
     bool registered = false;         // in the epoll set
     bool read_armed = true;          // a receive was tried since FD_READ
     bool write_armed = false;        // FD_WRITE is due when a send is possible
+    bool accepted = false;           // the last accept gave a connection
     bool accept_armed = true;        // an accept was tried since FD_ACCEPT
     bool disarmed = false;           // a listener without interest in the set
     bool drained = false;            // a receive took everything, no event came since
