@@ -1,14 +1,19 @@
-// The two peers of bench/content: a source of large messages, and a sink that throws them away. Both do as little
-// as they can with the bytes, so that the proxy between them has most of the work.
+// The peers of bench/content and bench/latency: a source of messages, a sink that throws them away, and a probe of
+// how long a command takes. They do as little as they can with the bytes, so that the proxy between them has most
+// of the work.
 //
 //   bench_content_peers sink <port>                          listens on loopback until a signal ends it
 //   bench_content_peers source <port> [option=number]...     sends, then says "<messages> <octets> <seconds>"
+//   bench_content_peers probe <port> [count=number]          one session of `count` NOOPs, then says the median and
+//                                                            the 99th percentile of their round trips in microseconds
 //
 //   sessions=4        at a time, each over a connection of its own that stays
 //   count=2           messages of a session
 //   size=50000000     octets of a message
 //   chunk=0           0: by DATA; otherwise by BDAT (RFC 3030) with chunks of so many octets, each answered before
 //                     the next begins; not less than `size`: one chunk
+//   pause=0           microseconds that each session waits after each of its messages; the sessions begin within
+//                     the first pause, one after the other
 //
 // The sink's reply to a message has the number of its octets, and the source compares it with what it sent; the proxy
 // may put a header before it. Any other reply than the one that belongs there ends the source with status 1.
@@ -219,6 +224,7 @@ std::string ContentOf(std::size_t size) {
 
 class Source {
  public:
+  // Both outlive the source.
   Source(std::uint16_t port, const Options& options, const std::string& content)
       : connection_(Connect(port)), options_(options), content_(content) {}
 
@@ -233,8 +239,24 @@ class Source {
       } else {
         ByChunks(options_.at("chunk"));
       }
+      std::this_thread::sleep_for(std::chrono::microseconds(options_.at("pause")));
     }
     Say("QUIT\r\n", "221");
+  }
+
+  // The sorted round trips of `count` commands.
+  std::vector<Clock::duration> Probe(std::size_t count) {
+    Expect("220");
+    Say("EHLO probe.example\r\n", "250");
+    std::vector<Clock::duration> trips;
+    for (std::size_t command = 0; command < count; ++command) {
+      const Clock::time_point begun = Clock::now();
+      Say("NOOP\r\n", "250");
+      trips.push_back(Clock::now() - begun);
+    }
+    Say("QUIT\r\n", "221");
+    std::sort(trips.begin(), trips.end());
+    return trips;
   }
 
  private:
@@ -301,7 +323,8 @@ void RunSource(std::uint16_t port, const Options& options) {
   const Clock::time_point begun = Clock::now();
   std::vector<std::thread> threads;
   for (std::size_t session = 0; session < sessions; ++session) {
-    threads.emplace_back([&] {
+    threads.emplace_back([&, session] {
+      std::this_thread::sleep_for(std::chrono::microseconds(options.at("pause") * session / sessions));
       try {
         Source(port, options, content).Run();
       } catch (const std::exception& error) {
@@ -316,12 +339,22 @@ void RunSource(std::uint16_t port, const Options& options) {
   std::printf("%zu %zu %.6f\n", messages, messages * content.size(), seconds.count());
 }
 
+void RunProbe(std::uint16_t port, const Options& options) {
+  const std::size_t count = options.at("count");
+  const std::string no_content;
+  const auto trips = Source(port, options, no_content).Probe(count);
+  const auto microseconds = [&](std::size_t at) {
+    return std::chrono::duration<double, std::micro>(trips.at(at)).count();
+  };
+  std::printf("%.2f %.2f\n", microseconds(count / 2), microseconds(count * 99 / 100));
+}
+
 void RunAs(int argc, char** argv) {
   const std::string_view mode = argc < 3 ? "" : argv[1];
-  if (mode != "sink" && mode != "source")
-    throw std::runtime_error("wants: sink|source <port> [option=number]...");
+  if (mode != "sink" && mode != "source" && mode != "probe")
+    throw std::runtime_error("wants: sink|source|probe <port> [option=number]...");
   const auto port = static_cast<std::uint16_t>(NumberOf(argv[2]));
-  Options options = {{"sessions", 4}, {"count", 2}, {"size", 50'000'000}, {"chunk", 0}};
+  Options options = {{"sessions", 4}, {"count", 2}, {"size", 50'000'000}, {"chunk", 0}, {"pause", 0}};
   for (int at = 3; at < argc; ++at) {
     const std::string_view argument = argv[at];
     const std::size_t sign = argument.find('=');
@@ -332,6 +365,7 @@ void RunAs(int argc, char** argv) {
     option->second = NumberOf(argument.substr(sign + 1));
   }
   if (mode == "sink") return RunSink(port);
+  if (mode == "probe") return RunProbe(port, options);
   RunSource(port, options);
 }
 
