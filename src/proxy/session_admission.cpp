@@ -86,7 +86,8 @@ void cProxy::ClientNameKnown() {
 void cProxy::NoteNameFailure() {
   if (dependencies_.configuration.Service.DnsFailure != dns_failure::kUnknown) return;
   constexpr std::string_view kText = "Name look-up failed.";
-  name_is_unknown_ = true;
+  // A server that is told of the client hears the same.
+  name_is_unknown_ = name_is_temporary_ = true;
   Receiver.Log(log_level::kErrors, kText);
   if (dependencies_.observer != nullptr)
     dependencies_.observer->OnFailure(*this, true, socket_error::kTryAgain, kText);

@@ -159,6 +159,22 @@ TEST(ServerPrefaceSession, XclientNamesAreThoseThatLeadBack) {
   }
 }
 
+// By default a name that could not be confirmed is none, to the server as well.
+TEST(ServerPrefaceSession, XclientTellsWhatDnsDidNotSay) {
+  for (const std::int32_t setting : {dns_failure::kNoName, dns_failure::kUnknown}) {
+    const auto configure = Balanced([&](SessionFixture& fixture) {
+      fixture.Settings.SendClientIP = 3;
+      fixture.Settings.ConfirmHostNames = true;
+      fixture.Settings.Service.DnsFailure = setting;
+      fixture.Names.SetName(kClient, "a.test");
+      fixture.Names.SetAddressError("a.test", 11002);
+    });
+    const char* const name = setting == dns_failure::kUnknown ? "[TEMPUNAVAIL]" : "[UNAVAILABLE]";
+    PlayBothWays(configure, std::string(kHeader) + Asked({"XCLIENT NAME ADDR"}) + "-> XCLIENT NAME=" + name +
+                                " ADDR=192.0.2.7");
+  }
+}
+
 TEST(ServerPrefaceSession, XclientWaitsForTheName) {
   SessionFixture fixture;
   SendClientIP(3)(fixture);
