@@ -179,7 +179,7 @@ class Fail2ban(Monitored):
         for jail in (folder / "etc" / "jail.d").iterdir():
             jail.unlink()
         text = (PACKAGING / "fail2ban" / "trabex-jail.conf").read_text(encoding="utf-8")
-        (folder / "etc" / "jail.d" / "trabex.conf").write_text(text.replace("/var/log/trabex/trabex.json", str(log)),
+        (folder / "etc" / "jail.d" / "trabex.conf").write_text(text.replace("/var/log/trabex/*.json", str(log.parent / "*.json")),
                                                                encoding="utf-8")
         status, said = run("fail2ban-client", "-c", folder / "etc", "-d")
         self.assertEqual(status, 0, said)
@@ -249,7 +249,7 @@ class Rsyslog(Monitored):
         with socket.create_server((LOOPBACK, 0), family=FAMILY) as listener:
             listener.settimeout(bound(20))
             text = (PACKAGING / "rsyslog.conf").read_text(encoding="utf-8")
-            for packaged, own in (("/var/log/trabex/trabex.json", str(self.proxy.json_log)),
+            for packaged, own in (("/var/log/trabex/*.json", str(self.proxy.folder / "*.json")),
                                   ("loghost.example.org", LOOPBACK), ('"6514"', f'"{listener.getsockname()[1]}"')):
                 self.assertIn(packaged, text)
                 text = text.replace(packaged, own)

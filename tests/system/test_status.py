@@ -365,8 +365,8 @@ class Packaged(Told):
         for kind in ("transforms", "sinks"):
             for name, part in parts[kind].items():
                 self.assertLessEqual(set(part["inputs"]), named - {name})
-        for file in ("rsyslog.conf", "fail2ban/trabex-jail.conf", "vector.toml"):
-            self.assertIn("/var/log/trabex/trabex.json", (PACKAGING / file).read_text(encoding="utf-8"), file)
+        for file in ("logrotate", "rsyslog.conf", "fail2ban/trabex-jail.conf", "vector.toml"):
+            self.assertIn("/var/log/trabex/*.json", (PACKAGING / file).read_text(encoding="utf-8"), file)
 
     def test_page_names_the_fields_of_all_events(self):
         page = (MONITORING.parent / "docs" / "json-log.md").read_text(encoding="utf-8")
