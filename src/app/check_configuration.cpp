@@ -365,13 +365,20 @@ class Rules {
   }
 
   void CheckFolders() {
+    std::string log_folder;
     if (configuration_.Log != log_mode::kOff) {
       std::string folder = NativePath(configuration_.LogPath);
       while (folder.size() > 1 && folder.ends_with(kPathSeparator)) folder.pop_back();
+      log_folder = folder;
       // The log makes its last level.
       if (StateOfFolder(folder) == FolderState::kMissing && !FindFileIdentity(folder))
         folder = FolderOf(folder);
       CheckFolder(section_name::kCommon, "LogPath", folder, "log");
+    }
+    const std::string& json_log = configuration_.Service.JsonLog;
+    if (!json_log.empty() && json_log != kStandardOutput && !FindFileIdentity(NativePath(json_log))) {
+      const std::string folder = FolderOf(NativePath(json_log));
+      if (folder != log_folder) CheckFolder(section_name::kService, "JsonLog", folder, "log in JSON");
     }
     if (configuration_.GreyListing.Enabled) {
       CheckFolder(section_name::kGreyListing, "Database",

@@ -184,8 +184,8 @@ void frmMain::Reloaded(bool succeeded) {
   program_.service_notices.Ready();
   ++program_.counters.reloads[succeeded ? 0 : 1];
   program_.counters.last_reload_ok = succeeded;
-  WriteReload(program_.json_log, succeeded, TakeProblems());
   if (succeeded) status_.Follow();
+  WriteReload(program_.json_log, succeeded, TakeProblems());
 }
 
 std::vector<std::string> frmMain::TakeProblems() {

@@ -31,8 +31,8 @@ void StatusService::Follow() {
 }
 
 void StatusService::ReportFailure(const std::string& description) {
-  program_.log.LogLine("Status cannot be asked for at " + program_.configuration.Service.StatusHTTP + ". " +
-                       description);
+  program_.log.LogProblem("Status cannot be asked for at " + program_.configuration.Service.StatusHTTP +
+                          ". " + description);
 }
 
 std::string StatusService::WhyNotHealthy() const {

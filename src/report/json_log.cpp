@@ -105,7 +105,8 @@ std::size_t JsonLog::WriteToFile() {
 
 void JsonLog::ReportFailure() {
   if (std::exchange(failed_, true)) return;
-  log_.LogLine("JSON log " + Quoted(configuration_.Service.JsonLog) + " cannot be written. Lines are lost.");
+  log_.LogProblem("JSON log " + Quoted(configuration_.Service.JsonLog) +
+                  " cannot be written. Lines are lost.");
 }
 
 }  // namespace trabex

@@ -257,6 +257,15 @@ TEST_F(CheckTest, FindsFoldersThatAreMissing) {
   EXPECT_EQ(Found(grey), (Lines{" error: [GreyListing] Database: The folder of the database, \"" +
                                 (folder_ / "GreyListing") + "\", is missing."}));
   EXPECT_EQ(Found(Base() + "[GreyListing]\nDatabase=/no/such/folder/db\n"), Lines{}) << "it is not used";
+
+  const std::string json = "[Service]\nJsonLog=";
+  EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "no/log.json") + "\n"),
+            (Lines{"6: error: [Service] JsonLog: The folder of the log in JSON, \"" + (folder_ / "no") +
+                   "\", is missing."}));
+  EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "new/log.json") + "\n"), Lines{})
+      << "the log has made it by then";
+  EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "log.json") + "\n"), Lines{});
+  EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + "-\n"), Lines{});
 }
 
 TEST_F(CheckTest, FindsAStatusPageForAll) {

@@ -231,6 +231,8 @@ TEST_F(StartUpTest, WhateverIsWrongIsTold) {
       {"[TLS]\nMinVersion=2\n", "Description: Inadmissible string: \"2\". The default is taken: 1.2"},
       {"[TLS]\nCertificate=/no/such.pem\n", "Unable to load certificate \"/no/such.pem\". "},
       {"[Service]\nStatusHTTP=x\n", "string: \"x\". The default is taken, which is empty."},
+      {"[Service]\nJsonLog=/no/such/folder/log.json\n",
+       "JSON log \"/no/such/folder/log.json\" cannot be written. Lines are lost."},
       {"[SenderReplacements.Local]\n[x=y\n", "Error reading initialization file "},
       {"[SenderReplacements.Local]\n*[=y\n", "Regular Expression in key name. The entry is left out."},
       {"[GreyListing]\nEnabled=1\nDatabase=/no/such/folder/db\n",

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -103,21 +104,40 @@ TEST_F(StatusServiceTest, APortThatIsTakenIsOneLineOfTheLog) {
   ASSERT_TRUE(Window().Form_Load());
   EXPECT_EQ(log_.back(), "Status cannot be asked for at 127.0.0.1:" + std::to_string(Settings().BindPort) +
                              ". Error 10048. Address already in use.");
+  EXPECT_EQ(err_.str(), "Trabex: " + log_.back() + "\n");
+  EXPECT_EQ(Ask({"configuration_errors"}).text, "1\n");
   EXPECT_TRUE(Window().Listening());
+  // Likewise at each reload, as long as it is so.
+  Window().Reloaded(true);
+  EXPECT_EQ(Ask({"configuration_errors"}).text, "1\n");
+  SetHttp(static_cast<std::uint16_t>(FreePort()));
+  Window().Reloaded(true);
+  EXPECT_EQ(Ask({"configuration_errors"}).text, "0\n");
 }
 
 TEST_F(StatusServiceTest, SavesOfTheGreylistingDatabaseAreCounted) {
   Settings().GreyListing.Enabled = true;
-  Settings().GreyListing.Database = folder_ / "grey.dat";
+  std::filesystem::create_directory(folder_ / "grey");
+  Settings().GreyListing.Database = folder_ / "grey/grey.dat";
   program_.LoadGreyListing();
   EXPECT_EQ(Ask({"greylisting_records"}).text, "0\n");
   program_.greylisting.ShouldDefer("", IPAddress::IPv4(0xC0000201), "s@remote.test", "r@local.test");
   EXPECT_EQ(Ask({"greylisting_records"}).text, "1\n");
   program_.greylisting.Save();
   program_.greylisting.Save();  // nothing has changed
-  EXPECT_EQ(Ask({"greylisting_saves_total"}).text, "1\n");
+  EXPECT_EQ(Ask({"greylisting_saves_total{result=\"ok\"}"}).text, "1\n");
+  EXPECT_EQ(Ask({"greylisting_saves_total{result=\"error\"}"}).text, "0\n");
   EXPECT_EQ(Ask({"greylisting_last_save_time_seconds"}).text,
             std::to_string(clock_.UnixMilliseconds() / 1000) + "\n");
+  program_.greylisting.ShouldDefer("", IPAddress::IPv4(0xC0000201), "s@remote.test", "q@local.test");
+  std::filesystem::rename(folder_ / "grey", folder_ / "elsewhere");
+  WriteFile(folder_ / "grey", "no folder");
+  const std::string before = Ask({"greylisting_last_save_time_seconds"}).text;
+  clock_.Advance(Milliseconds(5000));
+  program_.greylisting.Save();
+  EXPECT_EQ(Ask({"greylisting_saves_total{result=\"ok\"}"}).text, "1\n");
+  EXPECT_EQ(Ask({"greylisting_saves_total{result=\"error\"}"}).text, "1\n");
+  EXPECT_EQ(Ask({"greylisting_last_save_time_seconds"}).text, before);
 }
 
 TEST_F(StatusServiceTest, TheJsonLogHasTheProgramsOwnEvents) {
