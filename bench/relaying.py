@@ -15,7 +15,7 @@ import time
 from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "system"))
-from trabex_system import LOOPBACK, HaProxy, Options, Place, SmtpSink, wait_until  # noqa: E402
+from trabex_system import LOOPBACK, HaProxy, Options, Place, SmtpSink, connections_to, wait_until  # noqa: E402
 
 SENDER = "sender@test.example"
 RECIPIENT = "recipient@test.example"
@@ -74,20 +74,19 @@ def messages_per_second(proxy, arguments, more):
     return arguments.messages / seconds
 
 
-def messages_per_processor_second(trabex, arguments, more):
+def both_rates(proxy, arguments, more):
+    """The messages per second by the clock, and per second of the proxy's own processor time."""
     # The clock of all threads of another process, as clock_getcpuclockid() makes its number.
-    clock = ~trabex.process.pid << 3 | 2
+    clock = ~proxy.process.pid << 3 | 2
     before = time.clock_gettime(clock)
-    messages_per_second(trabex, arguments, more)
+    by_clock = messages_per_second(proxy, arguments, more)
     # What a session costs when it ends counts as well.
-    wait_until(lambda: sessions_of(trabex) == 0, "the ends of all sessions")
-    return arguments.messages / (time.clock_gettime(clock) - before)
+    wait_until(lambda: connections_to(proxy.server_port) == 0, "the ends of all sessions")
+    return by_clock, arguments.messages / (time.clock_gettime(clock) - before)
 
 
-def sessions_of(trabex):
-    done = subprocess.run([str(trabex.command()[0]), "/STATUS", "sessions_open", "/I", str(trabex.ini)],
-                          stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=20, check=True)
-    return int(done.stdout)
+def messages_per_processor_second(proxy, arguments, more):
+    return both_rates(proxy, arguments, more)[1]
 
 
 def measure_in_turn(proxies, arguments, rate_of):
@@ -105,17 +104,28 @@ def measure_in_turn(proxies, arguments, rate_of):
 
 
 def measure_relaying(place, arguments, make_trabex):
-    """Returns for each kind the rates of Trabex and of HAProxy, round by round."""
+    """Returns for each kind the rates of Trabex and of HAProxy, round by round; each is that of both_rates()."""
     sink = SmtpSink(place)
     proxies = {"Trabex": make_trabex(place, sink.port), "HAProxy": HaProxy(place, sink.port)}
-    return measure_in_turn(proxies, arguments, messages_per_second)
+    return measure_in_turn(proxies, arguments, both_rates)
 
 
-def print_ratios(rates, least):
+def print_both_ratios(rates, least):
+    """The tables of what measure_relaying() returns; returns whether every ratio by the clock is at least `least`."""
+    def one(which):
+        return {kind: {name: [rate[which] for rate in of] for name, of in by_name.items()}
+                for kind, by_name in rates.items()}
+
+    good = print_ratios(one(0), least, "by the clock")
+    print_ratios(one(1), 0, "of processor time")
+    return good
+
+
+def print_ratios(rates, least, title=""):
     """Prints the table of the first proxy and the second; returns whether every ratio is at least `least`."""
     good = True
     first, second = next(iter(rates.values()))
-    print(f"{'':28}{first:>12}{second:>12}{'ratio':>8}   of the rounds")
+    print(f"{title:28}{first:>12}{second:>12}{'ratio':>8}   of the rounds")
     for kind, by_name in rates.items():
         ratios = [ours / theirs for ours, theirs in zip(by_name[first], by_name[second])]
         ratio = statistics.median(ratios)

@@ -331,6 +331,7 @@ class HaProxy:
 
     def __init__(self, place, server_port, connections=5000, binding=""):
         folder = place.new_folder("haproxy")
+        self.server_port = server_port
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
         configuration = folder / "haproxy.cfg"

@@ -71,6 +71,7 @@ class Trabex:
         self.folder = place.new_folder("trabex")
         self.ini = self.folder / "Trabex.ini"
         self.log_folder = self.folder / "Log"
+        self.server_port = server_port
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
         self.arguments = list(arguments)
