@@ -145,7 +145,7 @@ void cProxy::TakeClientBytes() {
 void cProxy::TakeServerBytes() {
   dialogue_.OnServerBytes(Sender.TakeAll(), *this);
   // A part of what is waited for has come.
-  if (dialogue_.AwaitsServer()) AwaitServer();
+  if (HasServerTimeout() && dialogue_.AwaitsServer()) BeginServerWait();
 }
 
 bool cProxy::IsOver() const {

@@ -209,8 +209,9 @@ class cProxy final : public DeferredDeletable,
   void TakeLastWords();
   // The wait for the server begins, or begins anew, where its time is bounded.
   void AwaitServer() {
-    if (dependencies_.configuration.Service.ServerTimeout != 0) BeginServerWait();
+    if (HasServerTimeout()) BeginServerWait();
   }
+  bool HasServerTimeout() const { return dependencies_.configuration.Service.ServerTimeout != 0; }
   void BeginServerWait();
   // Whether the server owes something: its connection, or what the dialogue waits for.
   bool IsServerAwaited() const;

@@ -104,8 +104,8 @@ std::size_t Dialogue::TakeContent(std::string_view bytes, DialogueActions& actio
   const bool ended = step.outcome == ContentTracker::Outcome::kEnded;
   // What is thrown away because its BDAT was refused belongs to no message.
   if (state_.phase != Phase::kDiscard) state_.content_octets += step.bytes;
-  if (state_.phase == Phase::kDotContent &&
-      IsTooLarge(MessageOctets(ended), configuration_, state_.offered)) {
+  const bool measured = configuration_.Service.EnforceMaxSize && state_.phase == Phase::kDotContent;
+  if (measured && IsTooLarge(MessageOctets(ended), configuration_, state_.offered)) {
     Enter(PhaseEvent::kSizeExceeded);
     BreakOffMessage(actions);
   }
