@@ -122,6 +122,28 @@ class Text(Scenario):
         self.assertEqual(convert("--action", "reject", "postfix-hash", path)[0], ["b.example", "*.b.example"])
 
 
+class Told(Scenario):
+    """What the manual page and the completion say of the program."""
+
+    def test_kinds_and_options(self):
+        shown = subprocess.run([sys.executable, CONVERT, "--help"], capture_output=True, text=True, timeout=bound(60),
+                               check=True).stdout
+        options = set(re.findall(r"^  .*?(--\w+)", shown, re.MULTILINE))
+        kinds = set(converter_module().KINDS)
+        self.assertEqual(options, {"--help", "--for", "--action"})
+
+        page = (REPO / "docs/man/trabex-convert.1").read_text(encoding="utf-8")
+        self.assertEqual(set(re.findall(r"^\.It Cm (\S+)$", page, re.MULTILINE)), kinds)
+        described = " ".join(re.findall(r"^\.It Fl (.*)$", page, re.MULTILINE))
+        self.assertEqual({f"-{option}" for option in re.findall(r"-\w{2,}", described)}, options)
+
+        completion = (REPO / "packaging/bash-completion/trabex-convert").read_text(encoding="utf-8")
+        wanted = re.search(r'kinds="([^"]*)"', completion).group(1).split()
+        self.assertEqual(set(wanted), kinds)
+        offered = re.search(r'wanted="([^"]*) \$kinds"', completion).group(1).split()
+        self.assertEqual(set(offered), options)
+
+
 class Asked(Scenario):
     """Trabex with a converted list, and the original, are asked for the same values."""
 

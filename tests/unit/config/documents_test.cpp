@@ -6,10 +6,12 @@
 #include <string>
 #include <vector>
 
+#include "base/ip_address.h"
 #include "config/configuration_dump.h"
 #include "config/early_keys.h"
 #include "config/settings_table.h"
 #include "config_support.h"
+#include "match/ip_range.h"
 #include "support/source_documents.h"
 
 namespace trabex {
@@ -202,6 +204,20 @@ TEST(PackagedFile, LoadsAndTakesNothingUnchecked) {
   EXPECT_EQ(loaded.log.Lines(), Lines{});
   EXPECT_FALSE(loaded.configuration.AutoReload);
   EXPECT_FALSE(loaded.configuration.IgnoreIniErrors);
+  EXPECT_EQ(loaded.configuration.Service.ServerTimeout, 300);
+}
+
+TEST(ContainersFile, LoadsAndTakesNoGatewayForALocalClient) {
+  const std::string text = SourceFile("packaging/container/trabex.ini");
+  LoadedText loaded(text, false);
+  EXPECT_TRUE(loaded.result);
+  ReadEarlyKeysFromText(text, {}, loaded.configuration, loaded.log);
+  EXPECT_EQ(loaded.log.Lines(), Lines{});
+  EXPECT_FALSE(loaded.configuration.AutoReload);
+  EXPECT_FALSE(loaded.configuration.IgnoreIniErrors);
+  for (const char* gateway : {"172.17.0.1", "10.0.2.2", "192.168.127.1", "169.254.1.2"}) {
+    EXPECT_FALSE(mCommon::IPInRangeList(*ParseIPAddress(gateway), loaded.configuration.LocalIPs)) << gateway;
+  }
 }
 
 TEST(ManualPage, ListsEverySettingInTheOrderOfTheDump) {
