@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "base/key_index.h"
 #include "greylist/cGreyListingData.h"
-#include "greylist/key_index.h"
 #include "greylist/keyed_hash.h"
 #include "greylist/pending_limits.h"
 #include "greylist/pending_queue.h"

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <deque>
 
-#include "greylist/key_index.h"
+#include "base/key_index.h"
 
 namespace trabex {
 

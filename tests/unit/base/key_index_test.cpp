@@ -1,4 +1,4 @@
-#include "greylist/key_index.h"
+#include "base/key_index.h"
 
 #include <gtest/gtest.h>
 

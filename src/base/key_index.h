@@ -1,4 +1,5 @@
-// Finds numbers by the hash of the keys that they mean: the index of the greylisting database.
+// Finds numbers by the hash of the keys that they mean, made for a million of them while mail goes on: the index
+// of the greylisting database.
 //
 // It is divided into many small tables, so that growing never moves more than a small part of the entries at
 // once and holds up the mail.
