@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """tools/trabex-convert: what it makes of other software's lists decides in Trabex as the original does there."""
 
+import html
 import importlib.machinery
 import importlib.util
 import os
@@ -10,6 +11,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import textwrap
 from pathlib import Path
 
 from processes import Process
@@ -102,6 +104,24 @@ class Text(Scenario):
             ("[::1] OK", ["::1"]),
             ("!192.0.2.1 OK", "an address that must not match"),
             ("if 192.0.2.1", "a condition")])
+
+    def test_conditions(self):
+        """What stands between "if" and "endif" does not count by itself."""
+        folder = self.place.new_folder("conditions")
+        table = folder / "table"
+        table.write_text("/^a$/ OK\nif !/^owner-/\n/^b$/ OK\nIF /x/\n/^c$/ OK\nendif\n/^d$/ OK\nendif\n/^e$/ OK\n",
+                         encoding="utf-8")
+        entries, comments, _ = convert("postfix-regexp", table)
+        self.assertEqual(entries, ["a", "e"])
+        self.assertEqual([re.search(r":(\d+): (.*?):", comment).groups() for comment in comments], [
+            ("2", "a condition"), ("3", "a line that counts only under a condition"), ("4", "a condition"),
+            ("5", "a line that counts only under a condition"), ("6", "a condition"),
+            ("7", "a line that counts only under a condition"), ("8", "a condition")])
+        table.write_text("192.0.2.1 OK\nif 192.0.2.0/24\n192.0.2.2 OK\nendif\n192.0.2.3 OK\nif 0.0.0.0/0\n", encoding="utf-8")
+        other = folder / "other"
+        other.write_text("192.0.2.4 OK\n", encoding="utf-8")
+        entries, comments, _ = convert("postfix-cidr", table, other)
+        self.assertEqual((entries, len(comments)), (["192.0.2.1", "192.0.2.3", "192.0.2.4"], 4))
 
     def test_other_lists(self):
         self.check("spamdyke_ip", "addresses", [
@@ -207,11 +227,15 @@ class Postfix(Asked):
         return path
 
     def query(self, kind, path, keys):
+        """Which of the keys the table has."""
+        return set(self.answers(kind, path, keys))
+
+    def answers(self, kind, path, keys):
         """What the table has for each of the keys."""
         done = subprocess.run(["postmap", "-c", path.parent, "-q", "-", f"{kind}:{path}"], input="\n".join(keys) + "\n",
                               capture_output=True, text=True, timeout=bound(120), check=False)
         self.assertEqual(done.stderr, "")
-        return {key for key, _, value in (line.partition("\t") for line in done.stdout.splitlines())}
+        return {key: value for key, _, value in (line.partition("\t") for line in done.stdout.splitlines())}
 
     def test_names_of_a_hash_table(self):
         path = self.map_of("hash", "# names\nexample.org\tOK\nmail.partner.example OK\nNET\n  OK\n192.0.2 OK\n")
@@ -250,6 +274,67 @@ class Postfix(Asked):
         self.assertEqual(len(comments), 1)
         self.assertAgree(self.in_list("HELOBlackList", entries, names), self.query("regexp", path, names),
                          ["^[a-f]+[0-9]+\\.y$"])
+
+    def example(self, page, heading):
+        """The table under this heading of a page of Postfix's manual, without its indentation."""
+        path = unpacked_package("postfix-doc") / "usr/share/doc/postfix/html" / f"{page}.5.html"
+        text = html.unescape(re.sub("<[^>]+>", "", path.read_text(encoding="utf-8")))
+        lines = []
+        for line in text[text.index(heading) + len(heading):].lstrip("\n").splitlines():
+            if line and not line.startswith(" "):
+                break
+            lines.append(line)
+        return textwrap.dedent("\n".join(lines)).strip("\n") + "\n"
+
+    def test_postfixs_own_example_of_a_hash_table(self):
+        """1.2.3.4 is let in, and all others of its network are refused."""
+        text = (unpacked_package("postfix-doc") / "usr/share/doc/postfix/examples/access").read_text(encoding="utf-8")
+        self.assertEqual(re.findall(r"^[^#\n].*", text, re.MULTILINE), [], "all of it is a comment")
+        example = re.search(r"^# +/etc/postfix/access:\n((?:# +\S.*\n)+)", text, re.MULTILINE)[1]
+        path = self.map_of("hash", re.sub(r"(?m)^# +", "", example))
+        entries, comments, _ = convert("--for", "addresses", "--action", "reject", "postfix-hash", path)
+        self.assertEqual(len(comments), 1)
+        values = [f"1.2.{third}.{last}" for third in (2, 3, 4, 33) for last in range(0, 256)]
+        # smtpd asks for the address, and for each network that it is in.
+        asked = {value: [".".join(value.split(".")[:count]) for count in (4, 3, 2, 1)] for value in values}
+        answers = self.answers("hash", path, sorted({key for keys in asked.values() for key in keys}))
+        theirs = {value for value, keys in asked.items()
+                  if next((answers[key] for key in keys if key in answers), "") == "REJECT"}
+        self.assertEqual(self.in_ranges(entries, values) - theirs, {"1.2.3.4"}, "what became a comment")
+        entries, _, _ = convert("--for", "addresses", "--action", "ok", "postfix-hash", path)
+        self.assertEqual(entries, ["1.2.3.4"])
+
+    def test_postfixs_own_example_of_a_cidr_table(self):
+        table = self.example("cidr_table", "EXAMPLE SMTPD ACCESS MAP").split("client.cidr:\n")[1]
+        path = self.map_of("cidr", textwrap.dedent(table))
+        values = ([f"192.168.{number // 250}.{number % 250}" for number in range(500)] +
+                  [f"192.{number}.1.1" for number in range(250)] + [f"2001:db8::{number:x}" for number in range(250)])
+        answers = self.answers("cidr", path, values)
+        for action, lines in (("ok", "OK"), ("reject", "REJECT")):
+            entries, comments, _ = convert("--action", action, "postfix-cidr", path)
+            self.assertEqual(len(comments), 2)
+            theirs = {value for value in values if answers.get(value) == lines}
+            commented = {comment.split(": ")[-1].split()[0] for comment in comments}
+            self.assertEqual(self.in_ranges(entries, values) - commented, theirs)
+
+    def test_postfixs_own_examples_of_expressions(self):
+        path = self.map_of("regexp", self.example("regexp_table", "EXAMPLE SMTPD ACCESS MAP"))
+        entries, comments, _ = convert("--for", "mail", "postfix-regexp", path)
+        self.assertEqual((len(entries), len(comments)), (1, 4), "postmaster, and the condition")
+        values = []
+        for number in range(VALUES // 5):
+            values += [f"u%h{number}.test@x.test", f"u{number}@x.test", f"postmaster@h{number}.test",
+                       f"l{number}-outgoing@x.test", f"owner-l{number}-outgoing@x.test"]
+        answers = self.answers("regexp", path, values)
+        theirs = {value for value in values if answers.get(value, "").startswith("550")}
+        ours = self.in_list("SendersBlackList", entries, values)
+        self.assertEqual(theirs - ours, {value for value in values if re.match(r"l\d+-outgoing", value)})
+        self.assertEqual(ours - theirs, set())
+        # Of the kind pcre, which Debian's Postfix asks only with a package more.
+        path = self.map_of("pcre", self.example("pcre_table", "EXAMPLE SMTPD ACCESS MAP"))
+        entries, comments, _ = convert("--for", "mail", "postfix-pcre", path)
+        self.assertEqual(entries, ["noddy@my.domain"])
+        self.assertEqual([comment.split(": ")[1] for comment in comments], ["look-around"] * 2)
 
     def test_senders_of_a_regexp_table(self):
         path = self.map_of("regexp", "/^sales@/ REJECT\n/@.*\\.bad\\.example$/ REJECT\n/\\+news@/ REJECT\n")
