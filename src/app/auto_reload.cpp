@@ -51,16 +51,22 @@ void AutoReload::Begin() {
 
 void AutoReload::WatchListFiles() {
   list_watches_.clear();
+  unwatched_list_ = false;
   for (const ListFile& file : program_.configuration.ListFiles) {
-    if (auto watch = WatchFolderOf(NativePath(file.path))) list_watches_.push_back(std::move(watch));
+    if (auto watch = WatchFolderOf(NativePath(file.path), WatchedChanges::kWritesAndRemovals)) {
+      list_watches_.push_back(std::move(watch));
+    } else {
+      unwatched_list_ = true;
+    }
   }
   // What has changed since they were read.
-  if (!list_watches_.empty()) last_date_check_.reset();
+  if (!program_.configuration.ListFiles.empty()) last_date_check_.reset();
 }
 
 bool AutoReload::Signalled() {
-  return watch_->Signalled() || std::any_of(list_watches_.begin(), list_watches_.end(),
-                                            [](const auto& watch) { return watch->Signalled(); });
+  return unwatched_list_ || watch_->Signalled() ||
+         std::any_of(list_watches_.begin(), list_watches_.end(),
+                     [](const auto& watch) { return watch->Signalled(); });
 }
 
 void AutoReload::End() {
@@ -162,24 +168,26 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
   return true;
 }
 
-void AutoReload::Reload(IniText ini, std::function<void(bool made)> done) {
+void AutoReload::Reload(IniText ini, TakenListFiles lists, std::function<void(bool made)> done) {
   done_ = std::move(done);
   window_.ReloadBegins();
   program_.log.TellFailureAgain();
   program_.problems.clear();
   const Addresses before = InForce();
-  if (!ReadAgain(std::move(ini))) return Failed();
+  if (!ReadAgain(std::move(ini), std::move(lists))) return Failed();
   program_.certificates.Follow();
   under_way_ = true;
   ActOnAddresses(before);
 }
 
-bool AutoReload::ReadAgain(IniText ini) {
+bool AutoReload::ReadAgain(IniText ini, TakenListFiles lists) {
+  ++program_.reloads_begun;
   const std::int32_t port_before = program_.configuration.BindPort;
   if (program_.ReadEarlyKeysAgain(ini.text) == EarlyKeysResult::kFailed) return false;
   if (program_.configuration.BindPort != port_before && !program_.LockInstance()) return false;
-  return ReloadConfiguration(program_.MakeLoadDependencies(), std::move(ini), program_.configuration) ==
-         LoadResult::kLoaded;
+  LoadDependencies dependencies = program_.MakeLoadDependencies();
+  dependencies.context.list_files = &lists;
+  return ReloadConfiguration(dependencies, std::move(ini), program_.configuration) == LoadResult::kLoaded;
 }
 
 void AutoReload::ActOnAddresses(const Addresses& before) {

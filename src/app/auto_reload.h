@@ -15,6 +15,7 @@
 
 #include "base/date_time.h"
 #include "config/ini_reader.h"
+#include "config/list_files.h"
 #include "platform/change_watch.h"
 #include "platform/event_loop.h"
 
@@ -40,8 +41,8 @@ class AutoReload {
   IniText TakeFileNow();
   // Reads everything again and acts on what has changed. Ends the program when that fails, with the reason in
   // the log. `done`, which may be empty, is told whether it is in force, in this call or from the loop. Not to
-  // be called while one is under way.
-  void Reload(IniText ini, std::function<void(bool made)> done = {});
+  // be called while one is under way. Files of lists that are in `lists` are not read from the disk.
+  void Reload(IniText ini, TakenListFiles lists = {}, std::function<void(bool made)> done = {});
   // Whether the new addresses of a reload are being put in force, which may take a look-up.
   bool UnderWay() const { return under_way_; }
 
@@ -74,7 +75,7 @@ class AutoReload {
   std::optional<IniText> TakeFile();
   // Whether the file may not be complete yet; then it is checked again later.
   bool LooksUnfinished(const IniText& ini);
-  bool ReadAgain(IniText ini);
+  bool ReadAgain(IniText ini, TakenListFiles lists);
   void ActOnAddresses(const Addresses& before);
   void Settled(bool succeeded);
   void Failed();
@@ -84,8 +85,9 @@ class AutoReload {
   frmMain& window_;
   std::unique_ptr<ChangeWatch> watch_;
   std::vector<std::unique_ptr<ChangeWatch>> list_watches_;  // none without watch_
-  std::optional<DateTime> last_date_check_;                 // local time
-  std::int64_t awaited_stamp_ = 0;                          // of the file that the delay runs for
+  bool unwatched_list_ = false;  // a folder that is missing: the dates are asked for without a signal
+  std::optional<DateTime> last_date_check_;       // local time
+  std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
   std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is checked once more
   bool under_way_ = false;

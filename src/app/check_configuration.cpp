@@ -187,8 +187,9 @@ std::string RangeText(const IPRange& range) {
 // What the readers take as it is, held against what it is for.
 class Rules {
  public:
-  Rules(const Configuration& configuration, const SectionStore& store, Findings& findings)
-      : configuration_(configuration), store_(store), findings_(findings) {}
+  Rules(const CheckInputs& inputs, const Configuration& configuration, const SectionStore& store,
+        Findings& findings)
+      : inputs_(inputs), configuration_(configuration), store_(store), findings_(findings) {}
 
   void Apply(bool with_surroundings) {
     CheckKeys();
@@ -340,7 +341,7 @@ class Rules {
 
   void CheckPorts() {
     const auto check = [this](std::string_view key, std::int32_t port) {
-      if (MayListenOn(port)) return;
+      if (inputs_.may_listen_on(port)) return;
       AtKey(Severity::kWarning, section_name::kCommon, key,
             "This user has no right to listen on port " + std::to_string(port) + ".");
     };
@@ -415,6 +416,7 @@ class Rules {
     }
   }
 
+  const CheckInputs& inputs_;
   const Configuration& configuration_;
   const SectionStore& store_;
   Findings& findings_;
@@ -486,8 +488,10 @@ CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configura
   const IniErrors errors{log, true, &findings};
   mCommon::ReadIniText(inputs.early.ini_path, checked.ini.text, store, errors);
   places.Add(0, inputs.file, store.Text());
-  ReadSettings(store, errors, inputs.context, checked.configuration);
-  Rules(checked.configuration, store, findings).Apply(inputs.surroundings);
+  SettingContext context = inputs.context;
+  context.list_files = &checked.list_files;
+  ReadSettings(store, errors, context, checked.configuration);
+  Rules(inputs, checked.configuration, store, findings).Apply(inputs.surroundings);
   findings.AddListFiles(places);
   if (inputs.places != nullptr) {
     inputs.places->NoteKeys(store, places);

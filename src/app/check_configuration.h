@@ -2,6 +2,8 @@
 // as it should be is found, each with its place.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -11,7 +13,9 @@
 #include "config/configuration.h"
 #include "config/early_keys.h"
 #include "config/ini_reader.h"
+#include "config/list_files.h"
 #include "config/read_settings.h"
+#include "platform/permissions.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -23,13 +27,15 @@ struct CheckInputs {
   // Whether it is looked at the machine too: folders, and the right to listen on ports.
   bool surroundings = true;
   SettingPlaces* places = nullptr;  // gets where keys and entries stand
+  std::function<bool(std::int32_t port)> may_listen_on = MayListenOn;
 };
 
 struct CheckedConfiguration {
   // What a start with this file would have in force, bad values replaced as with IgnoreIniErrors.
   Configuration configuration;
-  IniText ini = {};       // the file as it was checked
-  bool was_read = false;  // false: the file is missing or cannot be read
+  IniText ini = {};                // the file as it was checked
+  TakenListFiles list_files = {};  // and those of its lists
+  bool was_read = false;           // false: the file is missing or cannot be read
   std::vector<Finding> findings = {};
   // Section, key and place of ServerIP, for what is found about the server later.
   Finding server_finding = {};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -90,6 +91,7 @@ struct Program final : LoadHost {
 
   Dependencies dependencies;
   Configuration configuration = DefaultConfiguration();
+  std::uint64_t reloads_begun = 0;  // each of them may have changed the configuration
   InitializationFile ini_file;
   bool port_given = false;      // on the command line: the key is not read
   bool log_path_given = false;  // likewise

@@ -61,6 +61,7 @@ void RequestedReload::Checked(CheckedConfiguration checked) {
   }
   if (!errors_.empty()) return Refuse();
   ini_ = std::move(checked.ini);
+  lists_ = std::move(checked.list_files);
   Make();
 }
 
@@ -87,7 +88,7 @@ void RequestedReload::Make() {
     under_way_ = false;
     return;
   }
-  reload_.Reload(std::move(ini_), [this](bool made) {
+  reload_.Reload(std::move(ini_), std::exchange(lists_, {}), [this](bool made) {
     if (!made) {
       AddError("The reload has failed, and the program ends; its log says why.");
     }

@@ -12,6 +12,7 @@
 #include "app/check_configuration.h"
 #include "config/configuration.h"
 #include "config/ini_reader.h"
+#include "config/list_files.h"
 
 namespace trabex {
 
@@ -63,6 +64,7 @@ class RequestedReload {
   bool under_way_ = false;
   std::vector<Done> asked_;
   IniText ini_;
+  TakenListFiles lists_;
   std::vector<std::string> errors_;  // those of the findings
   Outcome outcome_;
   std::shared_ptr<char> here_ = std::make_shared<char>();

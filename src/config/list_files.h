@@ -3,6 +3,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,6 +29,14 @@ struct ListFile {
 
 // The file of `list`, or nullptr.
 const ListFile* FindListFile(const std::vector<ListFile>& files, const Setting& list);
+
+// A list file as it was taken from the disk.
+struct TakenListFile {
+  std::int64_t stamp = 0;
+  std::shared_ptr<const std::string> text;
+};
+// By their resolved paths.
+using TakenListFiles = std::map<std::string, TakenListFile, std::less<>>;
 
 // Whether a list of this kind may have a file.
 bool MayHaveListFile(const Setting& setting);

@@ -260,24 +260,35 @@ class SettingReader {
     return uses_ipv6 && !setting.default_with_ipv6.empty() ? setting.default_with_ipv6 : setting.default_text;
   }
 
+  TakenListFile TakeListFile(const std::string& path, const char* source) const {
+    if (context_.list_files != nullptr) {
+      const auto known = context_.list_files->find(path);
+      if (known != context_.list_files->end()) return known->second;
+    }
+    const std::string native_path = NativePath(path);
+    // Before the text, so that a change while reading shows later.
+    const std::int64_t stamp = FileModificationStamp(native_path, source);
+    TakenListFile taken{stamp, std::make_shared<const std::string>(ReadWholeFile(native_path, source))};
+    if (context_.list_files != nullptr) context_.list_files->emplace(path, taken);
+    return taken;
+  }
+
   // `in_force`: the list's file as of now, or nullptr.
   void ReadListFile(const Setting& setting, const SectionTable::Entry& entry, const ListFile* in_force) {
     constexpr const char* kSource = "mCommon.ReadListFiles";
     ListFile file{.list = &setting,
                   .path = mCommon::ResolveFilePath(entry.first_value, context_.program_directory)};
-    const std::string native_path = NativePath(file.path);
-    auto text = std::make_shared<std::string>();
+    std::shared_ptr<const std::string> text;
     try {
-      // Before the text, so that a change while reading shows later.
-      file.stamp = FileModificationStamp(native_path, kSource);
-      *text = ReadWholeFile(native_path, kSource);
+      const TakenListFile taken = TakeListFile(file.path, kSource);
+      file.stamp = taken.stamp;
+      text = taken.text;
     } catch (const Error& error) {
       file.stamp.reset();
       const std::string line =
           "Unable to read list file " + Quoted(file.path) + ". " + error.Description() + ".";
       if (context_.is_reload) {
         errors_.log.LogProblem(line + " The list in force stays.");
-        text = nullptr;
         if (in_force != nullptr) {
           file.own_entries = in_force->own_entries;
           file.own_ipv6_ranges = in_force->own_ipv6_ranges;
@@ -285,6 +296,7 @@ class SettingReader {
       } else {
         mCommon::ReportConfigError(errors_, section_name::kListFiles, entry.key, error.Number(), line,
                                    "Only the entries of the initialization file count.", entry.first_value);
+        text = std::make_shared<std::string>();
       }
     }
     if (errors_.observer != nullptr) errors_.observer->ListFileRead(entry.first_value, text);

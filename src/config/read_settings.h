@@ -6,6 +6,7 @@
 
 #include "config/configuration.h"
 #include "config/ini_errors.h"
+#include "config/list_files.h"
 #include "config/section_store.h"
 
 namespace trabex {
@@ -20,6 +21,9 @@ struct SettingContext {
   // A list whose file cannot be read stays as it is in the configuration, which is in force, and that is no
   // bad value.
   bool is_reload = false;
+  // What is there is not read from the disk, and what is read is put there, so that what was checked is what is taken
+  // afterwards; nullptr: nobody wants them.
+  TakenListFiles* list_files = nullptr;
 };
 
 // Reads the files of section ListFiles first, then assigns the settings one by one, in the order of the settings table. A bad value is reported with

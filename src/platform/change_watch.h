@@ -17,8 +17,14 @@ class ChangeWatch {
   virtual void Rearm() = 0;
 };
 
+enum class WatchedChanges {
+  kWrites,
+  kWritesAndRemovals,  // also that a file is removed or moved away
+};
+
 // Watches the folder of `path`, and, where `path` is a symbolic link, also the folder of its target. Nothing
 // when the system refuses (no such folder, no watches left).
-std::unique_ptr<ChangeWatch> WatchFolderOf(const std::string& path);
+std::unique_ptr<ChangeWatch> WatchFolderOf(const std::string& path,
+                                           WatchedChanges changes = WatchedChanges::kWrites);
 
 }  // namespace trabex

@@ -232,6 +232,53 @@ TEST_F(AutoReloadTest, ReadsAgainWhenAListFileHasChanged) {
   EXPECT_FALSE(Window().Unloaded());
 }
 
+// Removed, back, moved away and back; nothing else changes meanwhile.
+TEST_F(AutoReloadTest, ReadsAgainWhenAListFileGoesOrComes) {
+  const std::string folder = folder_ / "lists";
+  const std::string list = folder + "/hosts";
+  std::filesystem::create_directory(folder);
+  Write(list, "a.example\n");
+  WriteIni("[ListFiles]\nCommon.HostsWhiteList=" + list + "\n");
+  Start();
+  Pass(60);
+  const std::string missing =
+      "Unable to read list file \"" + list + "\". File not found. The list in force stays.";
+  const std::string reloaded = "Configuration reloaded because date/time of a list file changed.";
+  std::filesystem::remove(list);
+  Pass(60);
+  EXPECT_EQ(log_, (std::vector<std::string>{missing, reloaded, log_.back()}));
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("a.example"));
+  log_.clear();
+  Write(list, "b.example\n");
+  Pass(60);
+  EXPECT_EQ(log_, (std::vector<std::string>{reloaded, log_.back()}));
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("b.example"));
+  log_.clear();
+  std::filesystem::rename(list, list + ".old");
+  Pass(60);
+  EXPECT_EQ(log_, (std::vector<std::string>{missing, reloaded, log_.back()}));
+  log_.clear();
+  Pass(120);
+  EXPECT_EQ(log_, std::vector<std::string>{}) << "once";
+}
+
+// The list file's folder is missing at the start, and comes later.
+TEST_F(AutoReloadTest, ReadsAgainWhenTheFolderOfAListFileComes) {
+  const std::string list = folder_ / "later/hosts";
+  WriteIni("IgnoreIniErrors=1\n[ListFiles]\nCommon.HostsWhiteList=" + list + "\n");
+  Start();
+  Pass(60);
+  EXPECT_EQ(log_, std::vector<std::string>{});
+  std::filesystem::create_directory(folder_ / "later");
+  Write(list, "b.example\n");
+  Pass(60);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("b.example"));
+  Write(list, "c.example\n");
+  Pass(60);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("c.example"));
+  EXPECT_FALSE(Window().Unloaded());
+}
+
 TEST_F(AutoReloadTest, TellsWhatIsWrongWithTheNewFile) {
   Start();
   WriteIni("Timeout=abc\n");

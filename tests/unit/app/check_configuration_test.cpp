@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -30,7 +31,8 @@ class CheckTest : public testing::Test {
          .early = {.ini_path = folder_ / "x.ini", .program_directory = folder_.Path()},
          .context = {.program_directory = folder_.Path(),
                      .local_host_name = [] { return std::string("proxy.test"); },
-                     .accepts_ciphers = [](const std::string& list) { return list != "bad"; }}},
+                     .accepts_ciphers = [](const std::string& list) { return list != "bad"; }},
+         .may_listen_on = [](std::int32_t port) { return port >= 1024; }},
         DefaultConfiguration());
   }
   // Without the name of the file.
@@ -266,6 +268,18 @@ TEST_F(CheckTest, FindsFoldersThatAreMissing) {
       << "the log has made it by then";
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "log.json") + "\n"), Lines{});
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + "-\n"), Lines{});
+}
+
+TEST_F(CheckTest, FindsPortsThatThisUserMayNotListenOn) {
+  const std::string start = "[Common]\nLogPath=" + folder_.Path() + "\nLocalDomains=example.org\n";
+  const auto text = [](const char* port) {
+    return "This user has no right to listen on port " + std::string(port) + ".";
+  };
+  EXPECT_EQ(Found(start + "BindPort=1023\n"), (Lines{"4: warning: [Common] BindPort: " + text("1023")}));
+  EXPECT_EQ(Found(start), (Lines{" warning: [Common] BindPort: " + text("25")})) << "the default";
+  EXPECT_EQ(Found(start + "BindPort=1024\n"), Lines{});
+  EXPECT_EQ(Found(start + "BindPort=2525\nBindPortTLS=465\n[TLS]\nCertificate=/c.pem\n"),
+            (Lines{"5: warning: [Common] BindPortTLS: " + text("465")}));
 }
 
 TEST_F(CheckTest, FindsAStatusPageForAll) {

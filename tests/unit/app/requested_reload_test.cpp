@@ -15,6 +15,7 @@
 #include "platform/instance_lock.h"
 #include "reload_fixture.h"
 #include "support/default_hang_up.h"
+#include "support/ip_address.h"
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
 
@@ -69,6 +70,39 @@ TEST_F(RequestedReloadTest, IsMadeAtOnce) {
   EXPECT_FALSE(Window().Unloaded());
   Pass(120);
   EXPECT_EQ(Reloads(), 1);
+}
+
+// What was checked is what comes into force: a list file that is spoilt while a name is looked up for the check would
+// otherwise end the program.
+TEST_F(RequestedReloadTest, TakesTheListFilesThatWereChecked) {
+  const std::string list = folder_ / "hosts";
+  Write(list, "a.example\n");
+  const std::string lines =
+      "IgnoreIniErrors=0\nServerIP=server.test\n[ListFiles]\nCommon.HostsWhiteList=" + list + "\n";
+  WriteIni("IgnoreIniErrors=0\n");
+  Start();
+  names_->HoldAnswers();
+  names_->SetAddresses("server.test", {IP("10.0.0.1")});
+  WriteIni(lines);
+  Request();
+  Write(list, "[x\n");
+  for (int i = 0; i < 3 && !outcome_; ++i) {
+    names_->Deliver();
+    RunUntilIdle(program_->loop);
+  }
+  ASSERT_TRUE(outcome_);
+  EXPECT_TRUE(outcome_->made);
+  EXPECT_TRUE(Settings().HostsWhiteList.Contains("a.example"));
+  EXPECT_FALSE(Window().Unloaded());
+  names_->HoldAnswers();
+  Request();
+  for (int i = 0; i < 3 && !outcome_; ++i) {
+    names_->Deliver();
+    RunUntilIdle(program_->loop);
+  }
+  ASSERT_TRUE(outcome_);
+  EXPECT_FALSE(outcome_->made) << "the next one sees it";
+  EXPECT_FALSE(Window().Unloaded());
 }
 
 TEST_F(RequestedReloadTest, IsMadeOfAFileThatDidNotChangeToo) {

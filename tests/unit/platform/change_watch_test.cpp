@@ -76,6 +76,20 @@ TEST_F(ChangeWatchTest, EveryWayOfWritingSignals) {
   }
 }
 
+TEST_F(ChangeWatchTest, RemovalSignalsWhereItIsAskedFor) {
+  const auto with_removals = WatchFolderOf(Ini(), WatchedChanges::kWritesAndRemovals);
+  ASSERT_NE(with_removals, nullptr);
+  fs::remove(Ini());
+  EXPECT_TRUE(with_removals->Signalled());
+  EXPECT_FALSE(watch_->Signalled());
+  WriteFile(Ini(), "[Common]\n");
+  with_removals->Rearm();
+  watch_->Rearm();
+  fs::rename(Ini(), folder_ / "other/moved");
+  EXPECT_TRUE(with_removals->Signalled());
+  EXPECT_FALSE(watch_->Signalled());
+}
+
 TEST_F(ChangeWatchTest, SignalsWhileTheFileIsStillOpen) {
   ASSERT_NE(watch_, nullptr);
   std::ofstream file(Ini(), std::ios::app);

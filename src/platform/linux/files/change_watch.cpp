@@ -20,6 +20,7 @@ namespace {
 // moved, because then the path names another file.
 constexpr std::uint32_t kChanged =
     IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_ATTRIB | IN_DELETE_SELF | IN_MOVE_SELF;
+constexpr std::uint32_t kRemoved = IN_DELETE | IN_MOVED_FROM;
 
 // What a symbolic link at `path` leads to; empty when there is none.
 std::string LinkTarget(const std::string& path) {
@@ -43,7 +44,8 @@ std::vector<std::string> FoldersOf(std::string path) {
 
 class FolderWatch final : public ChangeWatch {
  public:
-  FolderWatch(Descriptor inotify, std::string path) : inotify_(std::move(inotify)), path_(std::move(path)) {}
+  FolderWatch(Descriptor inotify, std::string path, std::uint32_t changes)
+      : inotify_(std::move(inotify)), path_(std::move(path)), changes_(changes) {}
 
   // Watches the folders as they are now instead of those from before; false when that of `path_` itself
   // cannot be watched.
@@ -53,7 +55,7 @@ class FolderWatch final : public ChangeWatch {
     const std::vector<std::string> folders = FoldersOf(path_);
     bool own_is_watched = false;
     for (std::size_t i = 0; i < folders.size(); ++i) {
-      const int watch = inotify_add_watch(inotify_.Get(), folders[i].c_str(), kChanged | IN_ONLYDIR);
+      const int watch = inotify_add_watch(inotify_.Get(), folders[i].c_str(), changes_ | IN_ONLYDIR);
       if (watch < 0) continue;
       watches_.push_back(watch);  // that of a folder watched already is the same again
       if (i == 0) own_is_watched = true;
@@ -96,7 +98,7 @@ class FolderWatch final : public ChangeWatch {
         inotify_event event{};
         std::memcpy(&event, buffer.data() + at, sizeof event);
         // Other events are about watches, or say that events were lost; those come after many that count.
-        if ((event.mask & (kChanged | IN_UNMOUNT)) != 0) changed = true;
+        if ((event.mask & (changes_ | IN_UNMOUNT)) != 0) changed = true;
         at += static_cast<ssize_t>(sizeof event + event.len);
       }
     }
@@ -104,6 +106,7 @@ class FolderWatch final : public ChangeWatch {
 
   Descriptor inotify_;
   std::string path_;
+  std::uint32_t changes_;
   std::vector<int> watches_;
   bool signalled_ = false;
   bool folder_is_missing_ = false;
@@ -111,10 +114,11 @@ class FolderWatch final : public ChangeWatch {
 
 }  // namespace
 
-std::unique_ptr<ChangeWatch> WatchFolderOf(const std::string& path) {
+std::unique_ptr<ChangeWatch> WatchFolderOf(const std::string& path, WatchedChanges changes) {
+  const std::uint32_t mask = changes == WatchedChanges::kWrites ? kChanged : kChanged | kRemoved;
   Descriptor inotify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
   if (!inotify) return nullptr;
-  auto watch = std::make_unique<FolderWatch>(std::move(inotify), path);
+  auto watch = std::make_unique<FolderWatch>(std::move(inotify), path, mask);
   if (!watch->WatchFolders()) return nullptr;
   return watch;
 }
