@@ -22,6 +22,13 @@ std::string FileAsGiven(const Program& program, const CommandLine& line) {
   return line.ini_file.value_or(program.ini_file.path);
 }
 
+// Whether all that was said has arrived, which a full disk may prevent; otherwise that is told.
+bool IsWritten(Program& program) {
+  if (program.dependencies.out.flush()) return true;
+  program.Tell(kOutputNotWritten);
+  return false;
+}
+
 // The exit status when that was not possible.
 std::optional<int> BecomeUserOf(Program& program, const std::string& name) {
   switch (BecomeUser(name)) {
@@ -50,6 +57,7 @@ int CheckOnRequest(Program& program, const CommandLine& line) {
                 [&checked](CheckedConfiguration result) { checked = std::move(result); });
   while (!checked) program.loop.RunOnce(kMaxWait);
   program.dependencies.out << FormatFindings(checked->findings);
+  if (!IsWritten(program)) return exit_status::kFailed;
   return CountErrors(checked->findings) == 0 ? exit_status::kDone : exit_status::kFailed;
 }
 
@@ -62,6 +70,7 @@ int DumpOnRequest(Program& program, const CommandLine& line) {
     DumpConfiguration(checked.configuration, program.ini_file.path,
                       [&](std::string_view text) { program.dependencies.out << text << '\n'; });
   }
+  if (!IsWritten(program)) return exit_status::kFailed;
   if (CountErrors(checked.findings) == 0) return exit_status::kDone;
   program.dependencies.err << FormatFindings(checked.findings);
   return exit_status::kFailed;

@@ -134,7 +134,32 @@ std::string Unless(bool may_apply, std::string_view reason) {
 }
 
 std::string NoNameChecks(const C& c) {
-  return Unless(c.ValidateRDNS != 0, "ValidateRDNS is 0");
+  const bool of_local = (c.ValidateRDNS & validate_rdns::kLocalClients) != 0 && c.LocalIPs.Count() > 0;
+  const bool of_remote = (c.ValidateRDNS & validate_rdns::kRemoteClients) != 0;
+  return Unless(of_local || of_remote, c.ValidateRDNS == 0
+                                           ? "ValidateRDNS is 0"
+                                           : "ValidateRDNS asks for local clients, and LocalIPs is empty");
+}
+std::string NoNameIsRefused(const C& c) {
+  std::string reason = NoNameChecks(c);
+  if (!reason.empty()) return reason;
+  return Unless(!PassesAll(c.HostsWhiteList, c.HostsAllowList, c.HostsBlackList),
+                "every client name is admitted");
+}
+// Clients whose name cannot be told for now are not asked whether a list takes those without one.
+std::string NoPtrIsNeeded(const C& c) {
+  std::string reason = NoNameChecks(c);
+  if (!reason.empty()) return reason;
+  return Unless(!c.HostsWhiteList.Contains("") || c.Service.DnsFailure != 0,
+                "HostsWhiteList takes clients without a name");
+}
+// Nobody stays whose name is refused.
+std::string NobodyIsRefusedByName(const C& c) {
+  std::string reason = NoPtrIsNeeded(c);
+  return reason.empty() || NoNameIsRefused(c).empty() ? std::string() : reason;
+}
+std::string NoLimit(std::int32_t local, std::int32_t remote, const C& c, std::string_view reason) {
+  return Unless((local != 0 && c.LocalIPs.Count() > 0) || remote != 0, reason);
 }
 std::string NoHeloLookUps(const C& c) {
   return Unless((c.ValidateHELO & kHeloDns) != 0, "ValidateHELO asks for no look-up in DNS");
@@ -158,15 +183,10 @@ constexpr std::array kConditions = {
               [](const C& c) { return Unless(c.MaxConnections != 0, "MaxConnections is 0"); }},
     Condition{"IPBlackList",
               [](const C& c) { return Unless(!AdmitsAllAddresses(c), "every client address is admitted"); }},
-    Condition{"HostsBlackList",
-              [](const C& c) {
-                if (c.ValidateRDNS == 0) return NoNameChecks(c);
-                return Unless(!PassesAll(c.HostsWhiteList, c.HostsAllowList, c.HostsBlackList),
-                              "every client name is admitted");
-              }},
-    Condition{"NoPtr", NoNameChecks},
-    Condition{"QUIT.BadIP", NoNameChecks},
-    Condition{"BadSeq.BadIP", NoNameChecks},
+    Condition{"HostsBlackList", NoNameIsRefused},
+    Condition{"NoPtr", NoPtrIsNeeded},
+    Condition{"QUIT.BadIP", NobodyIsRefusedByName},
+    Condition{"BadSeq.BadIP", NobodyIsRefusedByName},
     Condition{"HELO.NoDomain",
               [](const C& c) {
                 const bool looks_up = (c.ValidateHELO & kHeloDns) != 0;
@@ -194,8 +214,8 @@ constexpr std::array kConditions = {
               }},
     Condition{"MAIL.TooManyTransactions",
               [](const C& c) {
-                return Unless(c.MaxTransactionsLocal != 0 || c.MaxTransactionsRemote != 0,
-                              "MaxTransactionsLocal and MaxTransactionsRemote are 0");
+                return NoLimit(c.MaxTransactionsLocal, c.MaxTransactionsRemote, c,
+                               "no client has a limit, by MaxTransactionsLocal or MaxTransactionsRemote");
               }},
     Condition{"MAIL.BlackList",
               [](const C& c) {
@@ -205,8 +225,8 @@ constexpr std::array kConditions = {
     Condition{"MAIL.Size", [](const C& c) { return Unless(c.MaxSize >= 0, "MaxSize asks for no limit"); }},
     Condition{"RCPT.TooManyRecipients",
               [](const C& c) {
-                return Unless(c.MaxRecipientsLocal != 0 || c.MaxRecipientsRemote != 0,
-                              "MaxRecipientsLocal and MaxRecipientsRemote are 0");
+                return NoLimit(c.MaxRecipientsLocal, c.MaxRecipientsRemote, c,
+                               "no client has a limit, by MaxRecipientsLocal or MaxRecipientsRemote");
               }},
     Condition{"RCPT.Restricted",
               [](const C& c) {
@@ -240,6 +260,9 @@ constexpr std::array kConditions = {
     Condition{"DATA.Greylisted",
               [](const C& c) {
                 if (!c.GreyListing.Enabled) return NoGreyListing(c);
+                if (c.LocalDomains.Count() == 0) return std::string("LocalDomains is empty");
+                if (c.GreyListing.CallbackSendersList.Count() == 0)
+                  return std::string("CallbackSendersList is empty");
                 return Unless(c.GreyListing.CallbackSenderAction == callback_sender_action::kRefuseAtData,
                               "CallbackSenderAction is not 1");
               }},
@@ -258,13 +281,18 @@ std::string WhyNeverForAddress(const AddressKey& key, const C& c) {
         "local clients may send to this address");
   }
   if (!is_local_domain) return "LocalDomains does not hold the domain of this address";
-  if (EqualNoCase(key.family, "RCPT.Private")) {
-    return Unless(c.PrivateRecipients.Contains(address), "PrivateRecipients does not hold this address");
-  }
+  const bool is_taken =
+      Passes(address, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote, c.RecipientsBlackListRemote);
   if (EqualNoCase(key.family, "RCPT.BlackList.Remote")) {
-    return Unless(!Passes(address, c.RecipientsWhiteListRemote, c.RecipientsAllowListRemote,
-                          c.RecipientsBlackListRemote),
-                  "remote clients may send to this address");
+    return Unless(!is_taken, "remote clients may send to this address");
+  }
+  const bool is_private = c.PrivateRecipients.Contains(address);
+  if (EqualNoCase(key.family, "RCPT.Private") && !is_private) {
+    return "PrivateRecipients does not hold this address";
+  }
+  if (!is_taken) return "the reply to this address is RCPT.BlackList.Remote";
+  if (EqualNoCase(key.family, "RCPT.Greylisted") && is_private) {
+    return "the reply to this address is RCPT.Private";
   }
   return {};
 }

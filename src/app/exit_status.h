@@ -1,6 +1,8 @@
 // How the program ends, as its caller sees it.
 #pragma once
 
+#include <string_view>
+
 namespace trabex {
 
 namespace exit_status {
@@ -10,5 +12,8 @@ inline constexpr int kBadCommandLine = 2;  // or bad arguments of a request
 inline constexpr int kNoInstance = 3;
 inline constexpr int kOtherUser = 4;  // the instance belongs to somebody else
 }  // namespace exit_status
+
+// What standard error says when the answer did not arrive, on a full disk perhaps.
+inline constexpr std::string_view kOutputNotWritten = "Standard output could not be written.";
 
 }  // namespace trabex

@@ -6,6 +6,7 @@
 #include <variant>
 
 #include "app/check_configuration.h"
+#include "app/exit_status.h"
 #include "app/greylist_tool.h"
 #include "app/printable.h"
 #include "app/program.h"
@@ -88,7 +89,9 @@ int AskGreyListFile(Program& program, const std::vector<std::string>& arguments,
   }
   out << answer.text;
   if (!answer.error.empty()) err << kApplicationTitle << ": " << Printable(answer.error) << '\n';
-  return out.flush() ? answer.status : exit_status::kFailed;
+  if (out.flush()) return answer.status;
+  err << kApplicationTitle << ": " << kOutputNotWritten << '\n';
+  return exit_status::kFailed;
 }
 
 }  // namespace trabex

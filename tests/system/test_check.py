@@ -99,9 +99,30 @@ class Check(Scenario):
         self.assertEqual(check("--user", "nobody"), (
             1, f':5: error: [Common] LogPath: The folder of the log, "{self.folder}", is not writable for this user.\n'
                "1 errors, 0 warnings\n", ""))
+        # What this user may not: to listen on a low port, to write beside the database.
+        (self.folder / "Log").mkdir(mode=0o777)
+        (self.folder / "Log").chmod(0o777)
+        self.write("BindPortTLS=465", "[TLS]", "Certificate=/c.pem", "[GreyListing]", "Enabled=1", "HostsBlackList=",
+                   f"Database={self.folder}/grey.gldb")
+        said = check("--user", "nobody")[1]
+        self.assertIn(f':12: error: [GreyListing] Database: The folder of the database, "{self.folder}", is not writable '
+                      "for this user.\n", said)
+        first_free = int(open("/proc/sys/net/ipv4/ip_unprivileged_port_start", encoding="ascii").read())
+        warning = ":6: warning: [Common] BindPortTLS: This user has no right to listen on port 465.\n"
+        self.assertEqual(warning in said, first_free > 465)
+        self.assertNotIn(warning, check()[1], "root may")
+        self.write()
         self.assertEqual(check("--user", "no-such-user"), (2, "", 'Trabex: There is no user "no-such-user".\n'))
         self.ini.chmod(0o600)
         self.assertEqual(check("--user", "nobody")[0], 1)
+
+    def test_output_that_cannot_be_written(self):
+        self.write()
+        for request in (["--check", "--offline"], ["--dump"]):
+            with open("/dev/full", "wb") as full:
+                done = subprocess.run([program("Trabex"), *request, "/I", self.ini], stdout=full, stderr=subprocess.PIPE,
+                                      text=True, stdin=subprocess.DEVNULL, timeout=20, check=False)
+            self.assertEqual((done.returncode, done.stderr), (1, "Trabex: Standard output could not be written.\n"))
 
     def test_options_of_others(self):
         for arguments in (("--user", "mail"), ("--offline",), ("--dump", "--offline"), ("--live",),

@@ -2,11 +2,15 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <iterator>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "config/ini_reader.h"
 #include "config/read_settings.h"
+#include "proxy/dialogue/policy_replies.h"
 #include "support/recorded_log.h"
 #include "support/source_documents.h"
 
@@ -128,9 +132,14 @@ TEST(ResponseKeys, AreNeverAppliedWhenSettingsRuleTheReplyOut) {
       {"HostsBlackList",
        {"", "HostsBlackList=x\n", "ValidateRDNS=1\n", "ValidateRDNS=1\nHostsBlackList=x\nHostsWhiteList=*\n"},
        {"ValidateRDNS=2\nHostsBlackList=x\n", "ValidateRDNS=1\nHostsAllowList=x\n"}},
-      {"NoPtr", {""}, {"ValidateRDNS=1\n"}},
-      {"QUIT.BadIP", {""}, {"ValidateRDNS=1\n"}},
-      {"BadSeq.BadIP", {""}, {"ValidateRDNS=1\n"}},
+      {"NoPtr",
+       {"", "ValidateRDNS=3\nHostsWhiteList=[]\n", "ValidateRDNS=1\nLocalIPs=\n"},
+       {"ValidateRDNS=1\n", "ValidateRDNS=2\nLocalIPs=\n", "ValidateRDNS=3\nHostsWhiteList=x\n",
+        "ValidateRDNS=3\nHostsWhiteList=[]\n[Service]\nDnsFailure=1\n"}},
+      {"QUIT.BadIP",
+       {"", "ValidateRDNS=3\nHostsWhiteList=*\n"},
+       {"ValidateRDNS=1\n", "ValidateRDNS=3\nHostsWhiteList=[]\nHostsBlackList=x\n"}},
+      {"BadSeq.BadIP", {"", "ValidateRDNS=3\nHostsWhiteList=*\n"}, {"ValidateRDNS=1\n"}},
       {"MAIL.BadSeq.BadIP", {""}, {"ValidateRDNS=1\n"}},
       {"HELO.NoDomain",
        {"", "ValidateHELO=8\n", "ValidateHELO=8\nHELOBlackList=x\n"},
@@ -147,12 +156,16 @@ TEST(ResponseKeys, AreNeverAppliedWhenSettingsRuleTheReplyOut) {
       {"AUTH.TLSRequired",
        {"", "[TLS]\nCertificate=/c.pem\nRequireForAUTH=0\n"},
        {"[TLS]\nCertificate=/c.pem\n"}},
-      {"MAIL.TooManyTransactions", {""}, {"MaxTransactionsLocal=1\n", "MaxTransactionsRemote=1\n"}},
+      {"MAIL.TooManyTransactions",
+       {"", "MaxTransactionsLocal=1\nLocalIPs=\n"},
+       {"MaxTransactionsLocal=1\n", "MaxTransactionsRemote=1\nLocalIPs=\n"}},
       {"MAIL.BlackList",
        {"", "SendersBlackList=x\nSendersWhiteList=*\n"},
        {"SendersBlackList=x\n", "SendersAllowList=x\n", "SendersAllowList=\n"}},
       {"MAIL.Size", {"MaxSize=-1\n", "MaxSize=-2\n"}, {"", "MaxSize=1M\n"}},
-      {"RCPT.TooManyRecipients", {""}, {"MaxRecipientsLocal=1\n", "MaxRecipientsRemote=1\n"}},
+      {"RCPT.TooManyRecipients",
+       {"", "MaxRecipientsLocal=1\nLocalIPs=\n"},
+       {"MaxRecipientsLocal=1\n", "MaxRecipientsRemote=1\nLocalIPs=\n"}},
       {"RCPT.Restricted", {"", "RestrictedSenders=x\nLocalIPs=\n"}, {"RestrictedSenders=x\n"}},
       {"RCPT.Restricted.a@b", {"", "RestrictedSenders=x\n"}, {"RestrictedSenders=x,*@b\n"}},
       {"RCPT.BlackList.Local", {""}, {"RecipientsBlackListLocal=x\n", "RecipientsAllowListLocal=x\n"}},
@@ -169,22 +182,46 @@ TEST(ResponseKeys, AreNeverAppliedWhenSettingsRuleTheReplyOut) {
        {"", "LocalDomains=b\n", "PrivateRecipients=x\n"},
        {"LocalDomains=b\nPrivateRecipients=x\n"}},
       {"RCPT.Private.a@b",
-       {"", "LocalDomains=b\nPrivateRecipients=x@b\n", "LocalDomains=c\nPrivateRecipients=a@b\n"},
+       {"", "LocalDomains=b\nPrivateRecipients=x@b\n", "LocalDomains=c\nPrivateRecipients=a@b\n",
+        "LocalDomains=b\nPrivateRecipients=a@b\nRecipientsBlackListRemote=*@b\n"},
        {"LocalDomains=b\nPrivateRecipients=a@*\n"}},
       {"RCPT.Greylisted",
        {"", "LocalDomains=b\n", "[GreyListing]\nEnabled=1\n"},
        {"LocalDomains=b\n[GreyListing]\nEnabled=1\n"}},
       {"RCPT.Greylisted.a@b",
-       {"LocalDomains=c\n[GreyListing]\nEnabled=1\n"},
+       {"LocalDomains=c\n[GreyListing]\nEnabled=1\n",
+        "LocalDomains=b\nRecipientsBlackListRemote=*@b\n[GreyListing]\nEnabled=1\n",
+        "LocalDomains=b\nPrivateRecipients=a@*\n[GreyListing]\nEnabled=1\n"},
        {"LocalDomains=b\n[GreyListing]\nEnabled=1\n"}},
       {"DATA.Greylisted",
-       {"", "[GreyListing]\nEnabled=1\nCallbackSenderAction=2\n"},
-       {"[GreyListing]\nEnabled=1\n"}},
+       {"", "[GreyListing]\nEnabled=1\n",
+        "LocalDomains=b\n[GreyListing]\nEnabled=1\nCallbackSenderAction=2\n",
+        "LocalDomains=b\n[GreyListing]\nEnabled=1\nCallbackSendersList=\n"},
+       {"LocalDomains=b\n[GreyListing]\nEnabled=1\n"}},
+      {"MAIL.AddressSyntax", {}, {""}},
+      {"RCPT.AddressSyntax", {}, {""}},
+      {"LineTooLong", {}, {""}},
+      {"BadSyntax", {}, {""}},
+      {"NotImplemented", {}, {""}},
+      {"BadSeq", {}, {""}},
+      {"BadSeq.NoHelo", {}, {""}},
+      {"BadSeq.Transaction", {}, {""}},
+      {"BadSeq.NoTransaction", {}, {""}},
+      {"BadSeq.BDAT", {}, {""}},
+      {"DATA.AmbiguousEnd", {}, {""}},
+      {"ServerError", {}, {""}},
       {"RCPT.Relaying", {}, {""}},
       {"Shutdown", {}, {""}},
       {"550", {}, {""}},
       {"MAIL.BadSeq.NoHelo", {}, {""}},
   };
+  // No reply of the table is left out.
+  for (int kind = 0; kind < kReplyKinds; ++kind) {
+    const std::string_view key = FindPolicyReply(static_cast<ReplyKind>(kind)).key;
+    EXPECT_TRUE(key.empty() || std::any_of(std::begin(rows), std::end(rows),
+                                           [&](const auto& row) { return row.key == key; }))
+        << key;
+  }
   for (const auto& row : rows) {
     EXPECT_TRUE(IsResponseKey(row.key)) << row.key;
     for (const char* lines : row.never) {
