@@ -20,6 +20,9 @@ namespace {
 // What one slice does at most: some milliseconds.
 constexpr std::size_t kBytesInSlice = std::size_t{256} * 1024;
 constexpr std::size_t kRecordsInSlice = 4000;
+constexpr std::size_t kThousandsInSlice = 50;
+// The longest key, with all of its bytes escaped and in hexadecimal, has half of it.
+constexpr std::size_t kMaxLineBytes = std::size_t{1024} * 1024;
 constexpr const char* kSource = "GreyListImport.Read";
 
 // Of two records of one key.
@@ -38,28 +41,54 @@ bool Equal(const cGreyListingData& a, const cGreyListingData& b) {
 class Import {
  public:
   Import(const GreyListToolInputs& inputs, const std::string& path, bool replace)
-      : inputs_(inputs), replace_(replace), file_(NativePath(path), kSource) {}
+      : inputs_(inputs), replace_(replace), loads_(inputs.loads()), file_(NativePath(path), kSource) {}
   // What was begun is completed, so that it is never a part of the file that is in force.
-  ~Import() {
-    while (removing_ || setting_) Change();
-  }
+  ~Import() { Complete(); }
   Import(const Import&) = delete;
   Import& operator=(const Import&) = delete;
 
   // Whether there is more to do.
   bool Step(ControlAnswer& slice) {
-    if (removing_ || setting_) {
-      Change();
-    } else {
-      Read();
+    switch (phase_) {
+      case Phase::kReading:
+        ReadOrFail();
+        return true;
+      case Phase::kWaiting:
+        BeginChange();
+        return true;
+      case Phase::kRemoving:
+      case Phase::kSetting:
+        Change();
+        return true;
+      case Phase::kFreeing:
+        if (staged_.FreeSome(kThousandsInSlice)) return true;
+        break;
     }
-    if (removing_ || setting_ || !read_) return true;
+    if (failure_) throw Error(*failure_);
     slice.text = std::to_string(lines_) + " read, " + std::to_string(added_) + " added, " +
                  std::to_string(changed_) + " changed, " + std::to_string(removed_) + " deleted\n";
     return false;
   }
 
  private:
+  enum class Phase {
+    kReading,
+    kWaiting,   // for another import, which is changing the records
+    kRemoving,  // those that are not in the file
+    kSetting,
+    kFreeing,  // the memory of what was read
+  };
+
+  void ReadOrFail() {
+    try {
+      if (inputs_.loads() != loads_) RaiseLoadedAnew(kSource);
+      Read();
+    } catch (const Error& error) {
+      failure_ = error;
+      phase_ = Phase::kFreeing;
+    }
+  }
+
   void Read() {
     std::array<char, kBytesInSlice> buffer;
     const std::size_t count = file_.Read(buffer.data(), buffer.size());
@@ -70,12 +99,11 @@ class Import {
       text.remove_prefix(end + 1);
     }
     rest_ = std::string(text);
+    if (rest_.size() > kMaxLineBytes)
+      RaiseInLine(lines_ + 1, error_number::kBadFileContent, "It is too long.");
     if (count > 0) return;
     if (!rest_.empty()) TakeLine(rest_);
-    read_ = true;
-    inputs_.hold_saves(true);
-    if (replace_) removing_.emplace(inputs_.database);
-    if (!replace_) setting_.emplace(staged_);
+    phase_ = Phase::kWaiting;
   }
 
   void TakeLine(std::string_view line) {
@@ -83,34 +111,59 @@ class Import {
     try {
       staged_.Add(ParseExported(line));
     } catch (const Error& error) {
-      throw Error(error.Number(), kSource, "Line " + std::to_string(lines_) + ": " + error.Description());
+      RaiseInLine(lines_, error.Number(), error.Description());
     }
   }
 
-  // First those go that are not in the file, so that no record is missing for a moment that is in both.
+  [[noreturn]] static void RaiseInLine(std::size_t line, int number, const std::string& description) {
+    throw Error(number, kSource, "Line " + std::to_string(line) + ": " + description);
+  }
+
+  void BeginChange() {
+    if (inputs_.loads() != loads_) return ReadOrFail();
+    if (!inputs_.hold_saves([this] { Complete(); })) return;
+    // First those go that are not in the file, so that no record is missing for a moment that is in both.
+    if (replace_) removing_.emplace(inputs_.database);
+    if (!replace_) setting_.emplace(staged_);
+    phase_ = replace_ ? Phase::kRemoving : Phase::kSetting;
+  }
+
+  void Complete() {
+    while (phase_ == Phase::kRemoving || phase_ == Phase::kSetting) Change();
+  }
+
   void Change() {
     for (std::size_t i = 0; i < kRecordsInSlice; ++i) {
-      if (removing_) {
-        const cGreyListingData* const record = removing_->Next();
-        if (record == nullptr) {
-          removing_.reset();
-          setting_.emplace(staged_);
-        } else if (staged_.Find(record->Key()) == nullptr) {
-          inputs_.database.Remove(std::string(record->Key()));
-          ++removed_;
-        }
-        continue;
-      }
-      const cGreyListingData* const record = setting_->Next();
-      if (record == nullptr) {
-        setting_.reset();
-        inputs_.database.SetChanged(true);
-        inputs_.hold_saves(false);
-        return;
-      }
-      Take(*record);
-      staged_.Remove(std::string(record->Key()));  // all at the end would take too long for one slice
+      const bool goes_on = phase_ == Phase::kRemoving ? RemoveOne() : SetOne();
+      if (!goes_on) return;
     }
+  }
+
+  bool RemoveOne() {
+    const cGreyListingData* const record = removing_->Next();
+    if (record == nullptr) {
+      removing_.reset();
+      setting_.emplace(staged_);
+      phase_ = Phase::kSetting;
+    } else if (staged_.Find(record->Key()) == nullptr) {
+      inputs_.database.Remove(std::string(record->Key()));
+      ++removed_;
+    }
+    return true;
+  }
+
+  bool SetOne() {
+    const cGreyListingData* const record = setting_->Next();
+    if (record == nullptr) {
+      setting_.reset();
+      phase_ = Phase::kFreeing;
+      inputs_.database.SetChanged(true);
+      inputs_.release_saves();
+      return false;
+    }
+    Take(*record);
+    staged_.Remove(std::string(record->Key()));  // all at the end would take too long for one slice
+    return true;
   }
 
   void Take(const cGreyListingData& record) {
@@ -127,9 +180,11 @@ class Import {
 
   GreyListToolInputs inputs_;
   bool replace_;
+  std::uint64_t loads_;  // as of the beginning
   InputFile file_;
+  Phase phase_ = Phase::kReading;
   std::string rest_;  // of a line that is not complete
-  bool read_ = false;
+  std::optional<Error> failure_;
   GreyListingDatabase staged_;
   std::optional<GreyListingDatabase::Cursor> removing_;
   std::optional<GreyListingDatabase::Cursor> setting_;
@@ -140,6 +195,10 @@ class Import {
 };
 
 }  // namespace
+
+void RaiseLoadedAnew(const char* source) {
+  throw Error(error_number::kBadFileContent, source, "A reload has changed the database meanwhile.");
+}
 
 void SetRecord(const GreyListToolInputs& inputs, cGreyListingData record) {
   GreyListingDatabase& database = inputs.database;

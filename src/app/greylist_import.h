@@ -9,6 +9,9 @@
 
 namespace trabex {
 
+// Raises 321: what was asked about records is not completed with those of another file.
+[[noreturn]] void RaiseLoadedAnew(const char* source);
+
 // Puts `record` in the place of the one with its key, or adds it.
 void SetRecord(const GreyListToolInputs& inputs, cGreyListingData record);
 

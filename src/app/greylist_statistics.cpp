@@ -6,13 +6,13 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "app/greylist_text.h"
 #include "app/printable.h"
-#include "base/text.h"
+#include "base/text_counts.h"
+#include "greylist/keyed_hash.h"
 #include "greylist/triple_key.h"
 
 namespace trabex {
@@ -27,21 +27,12 @@ constexpr std::size_t kTop = 10;
 // How often each name came, and which came most.
 class Ranking {
  public:
-  void Count(std::string_view name) {
-    const auto found = counts_.find(name);
-    if (found == counts_.end()) {
-      counts_.emplace(std::string(name), 1);
-    } else {
-      ++found->second;
-    }
-  }
+  void Count(std::string_view name) { ++names_.Of(KeyedHash(secret_, name), name); }
   // Ranks some of them; whether there are more. Nothing is counted any more then.
   bool RankSome() {
-    if (!ranking_) next_ = counts_.begin();
-    ranking_ = true;
-    for (std::size_t i = 0; i < kNamesInSlice; ++i, ++next_) {
-      if (next_ == counts_.end()) return false;
-      const std::pair<std::uint64_t, std::string_view> entry{next_->second, next_->first};
+    const std::size_t end = std::min(names_.Size(), next_ + kNamesInSlice);
+    for (; next_ < end; ++next_) {
+      const std::pair<std::uint64_t, std::string_view> entry{names_.Count(next_), names_.Text(next_)};
       const auto place = std::find_if(top_.begin(), top_.end(), [&](const auto& other) {
         return other.first < entry.first || (other.first == entry.first && other.second > entry.second);
       });
@@ -49,7 +40,7 @@ class Ranking {
       top_.insert(place, entry);
       if (top_.size() > kTop) top_.pop_back();
     }
-    return true;
+    return next_ < names_.Size();
   }
   void Append(std::string_view title, std::string& out) const {
     for (const auto& [count, name] : top_) {
@@ -63,10 +54,10 @@ class Ranking {
   }
 
  private:
-  using Counts = std::unordered_map<std::string, std::uint64_t, HashText, std::equal_to<>>;
-  Counts counts_;
-  Counts::const_iterator next_;
-  bool ranking_ = false;
+  // Senders choose the names.
+  HashSecret secret_ = HashSecret::Random();
+  TextCounts names_;
+  std::size_t next_ = 0;  // that is ranked
   std::vector<std::pair<std::uint64_t, std::string_view>> top_;
 };
 

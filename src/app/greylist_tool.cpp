@@ -238,7 +238,15 @@ ControlReply AnswerGreyList(const GreyListToolInputs& inputs, const std::vector<
     if (std::string complaint = Complaint(command, read); !complaint.empty()) {
       return Failure(exit_status::kBadCommandLine, std::move(complaint));
     }
-    return command.answer(inputs, read);
+    ControlReply reply = command.answer(inputs, read);
+    auto* const slices = std::get_if<ControlSlices>(&reply);
+    // An import may have been made complete before.
+    if (slices == nullptr || name == "import") return reply;
+    return ControlSlices(
+        [slices = std::move(*slices), loads = inputs.loads, before = inputs.loads()](ControlAnswer& slice) {
+          if (loads() != before) RaiseLoadedAnew("AnswerGreyList");
+          return slices(slice);
+        });
   }
   return Failure(exit_status::kBadCommandLine,
                  "\"" + name + "\" is none of list, show, delete, add, export, import and stats.");

@@ -2,6 +2,7 @@
 // on those of a file.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -19,8 +20,13 @@ struct GreyListToolInputs {
   GreyListingDatabase& database;
   const GreyListingSettings& settings;
   const Clock& clock;
-  // While it is told true the records must not be saved: they are about to be changed as a whole.
-  std::function<void(bool hold)> hold_saves = [](bool) {};
+  // How often the records were loaded or dropped as a whole. An answer that is being made then ends.
+  std::function<std::uint64_t()> loads = [] { return std::uint64_t{0}; };
+  // The records are about to be changed as a whole, so from now on they are not saved, until release_saves. A save that
+  // cannot wait for that calls `complete` first, which makes all of the change and releases. False: somebody else holds
+  // the saves.
+  std::function<bool(std::function<void()> complete)> hold_saves = [](const auto&) { return true; };
+  std::function<void()> release_saves = [] {};
 };
 
 // Answers
@@ -32,8 +38,9 @@ struct GreyListToolInputs {
 //   import FILE [--merge|--replace]
 //   stats
 // A PATTERN (match/mText.h) is held against a record's whole key. Changed records set the database's flag. The
-// inputs of a long answer may change while it is made: what is added or removed meanwhile is in it or not. An
-// import that has read all of its file and changes the records is completed when it is dropped.
+// records may change while a long answer is made: what is added or removed meanwhile is in it or not. When they are
+// loaded anew or dropped meanwhile it raises 321, unless it is an import that changes them already: that is completed
+// first. It is also completed when it is dropped.
 ControlReply AnswerGreyList(const GreyListToolInputs& inputs, const std::vector<std::string>& arguments);
 
 // The commands with their options, for tests that hold the documents against them.

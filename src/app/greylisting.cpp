@@ -37,22 +37,31 @@ GreylistVerdict GreyListing::ShouldDefer(std::optional<std::string_view> host_na
   return ForSession(decision_.Judge(host_name, ip, sender, recipient));
 }
 
+bool GreyListing::HoldSaves(std::function<void()> complete) {
+  if (complete_) return false;
+  complete_ = std::move(complete);
+  return true;
+}
+
 void GreyListing::Load() {
+  ++loads_;
   store_.LoadGreyListingDatabase();
 }
 
 void GreyListing::Clear() {
+  ++loads_;
   store_.ClearGreyListingDatabase();
 }
 
 GreyListingSaveResult GreyListing::Save() {
+  if (complete_) std::exchange(complete_, nullptr)();
   const GreyListingSaveResult result = store_.SaveGreyListingDatabase();
   Observe(result);
   return result;
 }
 
 bool GreyListing::SaveInBackground(std::function<void(DateTime time)> saved) {
-  if (saves_are_held_) return false;
+  if (complete_) return false;
   const auto done = [this, saved = std::move(saved)](const GreyListingSaveResult& result) {
     Observe(result);
     if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);

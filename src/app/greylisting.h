@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -61,8 +62,12 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   }
   // The records themselves; see GreyListingDatabase for what their changes need.
   GreyListingDatabase& RecordsInMemory() { return database_; }
-  // While it is held no save in the background begins.
-  void HoldSaves(bool hold) { saves_are_held_ = hold; }
+  // How often they were loaded or dropped.
+  std::uint64_t Loads() const { return loads_; }
+  // Until ReleaseSaves no save in the background begins, and Save calls `complete`, which releases, before it saves.
+  // False, without any effect, when they are held already.
+  bool HoldSaves(std::function<void()> complete);
+  void ReleaseSaves() { complete_ = nullptr; }
 
  private:
   void Observe(const GreyListingSaveResult& result) const;
@@ -72,7 +77,8 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   mGreyListing decision_;
   GreyListingStore store_;
   std::function<void(const GreyListingSaveResult&)> save_observer_;
-  bool saves_are_held_ = false;
+  std::function<void()> complete_;  // empty: saves are not held
+  std::uint64_t loads_ = 0;
 };
 
 }  // namespace trabex

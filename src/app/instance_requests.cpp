@@ -24,6 +24,8 @@ namespace {
 
 // A row costs some microseconds.
 constexpr std::size_t kRowsInSlice = 500;
+// An entry of a list costs one at most.
+constexpr std::size_t kEntriesInSlice = 4000;
 
 // A session that may be gone when its turn comes. Keys are used again, ids are not.
 struct ListedSession {
@@ -69,6 +71,17 @@ ControlAnswer CloseSession(SessionCollection& sessions, const std::string& digit
   return {.status = exit_status::kFailed, .text = {}, .error = "There is no session " + digits + "."};
 }
 
+// That of one moment: a reload meanwhile ends it.
+ControlSlices Dump(const Program& program) {
+  return [&program, dump = DumpInSlices(program.configuration, program.ini_file.path),
+          reloads = program.reloads_begun](ControlAnswer& slice) {
+    if (program.reloads_begun == reloads) return dump(slice);
+    slice.status = exit_status::kFailed;
+    slice.error = "The configuration was reloaded meanwhile.";
+    return false;
+  };
+}
+
 std::shared_ptr<PendingAnswer> Reload(frmMain& window) {
   auto answer = std::make_shared<PendingAnswer>();
   window.RequestReload([answer](const RequestedReload::Outcome& outcome) {
@@ -89,14 +102,25 @@ ControlReply GreyList(Program& program, const std::vector<std::string>& argument
     return ControlAnswer{.status = exit_status::kFailed, .text = {}, .error = "Greylisting is off."};
   }
   GreyListing& greylisting = program.greylisting;
-  return AnswerGreyList({.database = greylisting.RecordsInMemory(),
-                         .settings = settings,
-                         .clock = program.dependencies.clock,
-                         .hold_saves = [&greylisting](bool hold) { greylisting.HoldSaves(hold); }},
-                        arguments);
+  return AnswerGreyList(
+      {.database = greylisting.RecordsInMemory(),
+       .settings = settings,
+       .clock = program.dependencies.clock,
+       .loads = [&greylisting] { return greylisting.Loads(); },
+       .hold_saves = [&greylisting](auto complete) { return greylisting.HoldSaves(std::move(complete)); },
+       .release_saves = [&greylisting] { greylisting.ReleaseSaves(); }},
+      arguments);
 }
 
 }  // namespace
+
+ControlSlices DumpInSlices(const Configuration& configuration, std::string_view ini_path) {
+  auto dump = std::make_shared<ConfigurationDump>(configuration, ini_path);
+  return [dump](ControlAnswer& slice) {
+    return dump->WriteSome(kEntriesInSlice,
+                           [&](std::string_view line) { slice.text.append(line).append("\n"); });
+  };
+}
 
 void AddInstanceRequests(Program& program, frmMain& window) {
   ControlRequests& requests = program.requests;
@@ -105,12 +129,7 @@ void AddInstanceRequests(Program& program, frmMain& window) {
     window.ReopenLog();
     return ControlAnswer{};
   });
-  requests.Add("DUMP", [&program](const std::vector<std::string>&) {
-    ControlAnswer answer;
-    DumpConfiguration(program.configuration, program.ini_file.path,
-                      [&](std::string_view line) { answer.text.append(line).append("\n"); });
-    return answer;
-  });
+  requests.Add("DUMP", [&program](const std::vector<std::string>&) { return Dump(program); });
   requests.Add("SESSIONS",
                [&window](const std::vector<std::string>&) { return ListSessions(window.Sessions()); });
   requests.Add("CLOSE", [&window](const std::vector<std::string>& arguments) {

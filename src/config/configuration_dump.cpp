@@ -1,12 +1,13 @@
 #include "config/configuration_dump.h"
 
-#include <algorithm>
 #include <array>
+#include <cassert>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
+#include <memory>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -15,6 +16,7 @@
 #include "base/numbers.h"
 #include "base/text.h"
 #include "config/certificate_list.h"
+#include "config/dump_writer.h"
 #include "config/list_files.h"
 #include "config/section_store.h"
 #include "config/settings_table.h"
@@ -47,85 +49,56 @@ std::string FormatSize(FixedPoint size) {
   return FormatWhole(size);
 }
 
-// Writes lines; several for a list, each of them beginning with its key.
-class Writer {
- public:
-  explicit Writer(const std::function<void(std::string_view)>& write_line) : write_line_(write_line) {}
-
-  void Line(std::string_view line) { write_line_(line); }
-  void Separator(char c) { Line(";" + std::string(74, c)); }
-  void Header(std::string_view section) { Line("[" + std::string(section) + "]"); }
-  void Scalar(std::string_view key, std::string_view value) {
-    Line(std::string(key).append(" = ").append(value));
-  }
-
-  void BeginList(std::string_view key) {
-    key_ = key;
-    line_.clear();
-  }
-  void Entry(std::string_view entry) {
-    constexpr std::size_t kMaxLength = 100;
-    constexpr std::string_view kComma = ", ";
-    if (!line_.empty() && line_.size() + kComma.size() + entry.size() <= kMaxLength) {
-      line_.append(kComma).append(entry);
-      return;
-    }
-    if (!line_.empty()) Line(line_);
-    line_.assign(key_).append(" = ").append(entry);
-  }
-  void EndList() {
-    if (line_.empty()) line_.assign(key_).append(" =");
-    Line(line_);
-  }
-
- private:
-  const std::function<void(std::string_view)>& write_line_;
-  std::string_view key_;
-  std::string line_;
-};
+// A part of the dump. Called until it says that it is complete.
+using Part = std::function<bool(DumpWriter& writer, DumpBudget& budget)>;
 
 // Writes the entries of one expression list, so that they read back as the same ones.
 class ExpressionWriter {
  public:
-  ExpressionWriter(Writer& writer, SettingKind kind, const ExpressionList& list)
-      : writer_(writer),
-        list_(list),
-        knows_quotes_(kind != SettingKind::kPlainList),
-        splits_on_blanks_(kind != SettingKind::kExtensionList) {}
-
   // The first `count` entries.
-  void Write(std::size_t count) {
-    if (splits_on_blanks_) TakeSingleKeys();
-    for (std::size_t index = 0; index < count; ++index) {
-      const ListEntry entry = list_.Entry(index);
+  ExpressionWriter(const Setting& setting, const ExpressionList& list, std::size_t count)
+      : key_(setting.key),
+        list_(list),
+        count_(count),
+        knows_quotes_(setting.kind != SettingKind::kPlainList),
+        splits_on_blanks_(setting.kind != SettingKind::kExtensionList) {}
+
+  bool Write(DumpWriter& writer, DumpBudget& budget) {
+    for (; splits_on_blanks_ && keys_taken_ < list_.Count(); ++keys_taken_) {
+      if (!budget.Take()) return false;
+      TakeSingleKey(list_.Entry(keys_taken_));
+    }
+    if (written_ == 0) writer.BeginList(key_);
+    for (; written_ < count_; ++written_) {
+      if (!budget.Take()) return false;
+      const ListEntry entry = list_.Entry(written_);
       if (entry.is_group) {
-        WriteGroup(entry);
+        WriteGroup(writer, entry);
       } else {
-        writer_.Entry(AsNeeded(entry.patterns.front()));
+        writer.Entry(AsNeeded(entry.patterns.front()));
       }
     }
+    writer.EndList();
+    return true;
   }
 
  private:
   // A group and a single entry with blanks, or two groups, may be written alike though they were not when
   // they were read. The second of them then takes all the quotes that it can have.
-  void WriteGroup(const ListEntry& entry) {
+  void WriteGroup(DumpWriter& writer, const ListEntry& entry) {
     std::string text = Group(entry, false);
-    if (!taken_keys_.insert(text).second) {
+    if (!taken_keys_.Add(text)) {
       text = Group(entry, true);
       // What is still alike is the same group once more.
-      if (!taken_keys_.insert(text).second) return;
+      if (!taken_keys_.Add(text)) return;
     }
-    writer_.Entry(text);
+    writer.Entry(text);
   }
 
-  void TakeSingleKeys() {
-    for (std::size_t index = 0; index < list_.Count(); ++index) {
-      const ListEntry entry = list_.Entry(index);
-      if (entry.is_group) continue;
-      const std::string& text = entry.patterns.front();
-      if (text.find(' ') != std::string::npos) taken_keys_.insert(text);
-    }
+  void TakeSingleKey(const ListEntry& entry) {
+    if (entry.is_group) return;
+    const std::string& text = entry.patterns.front();
+    if (text.find(' ') != std::string::npos) taken_keys_.Add(text);
   }
 
   // Where a list knows no quotes, no entry needs them: it cannot hold what they would be for.
@@ -162,61 +135,69 @@ class ExpressionWriter {
     return text;
   }
 
-  Writer& writer_;
+  std::string_view key_;
   const ExpressionList& list_;
+  std::size_t count_;
   bool knows_quotes_;
   bool splits_on_blanks_;
+  std::size_t keys_taken_ = 0;
+  std::size_t written_ = 0;
   // Under what entries with a blank will be stored when they are read.
-  std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys_;
+  SeenTexts taken_keys_;
 };
 
-void WriteExpressions(Writer& writer, const Setting& setting, const ExpressionList& list,
-                      const ListFile* file) {
-  writer.BeginList(setting.key);
-  ExpressionWriter(writer, setting.kind, list).Write(file == nullptr ? list.Count() : file->own_entries);
-  writer.EndList();
-}
+// Writes the ranges of a list that are not those of its own file, each once.
+class RangeWriter {
+ public:
+  RangeWriter(const Setting& setting, const IPRangeList& list, const ListFile* file)
+      : setting_(setting), list_(list) {
+    const std::size_t own_ipv6 = file == nullptr ? list.Count() - list.IPv4Count() : file->own_ipv6_ranges;
+    own_ipv4_ = file == nullptr ? list.IPv4Count() : file->own_entries - own_ipv6;
+    count_ = own_ipv4_ + own_ipv6;
+  }
 
-void WriteCertificates(Writer& writer, const Setting& setting, const std::vector<CertificateFiles>& list) {
+  bool Write(DumpWriter& writer, DumpBudget& budget) {
+    if (!setting_.shown_at_default && count_ == 0) return true;
+    if (written_ == 0) writer.BeginList(setting_.key);
+    for (; written_ < count_; ++written_) {
+      if (!budget.Take()) return false;
+      const std::size_t index = written_ < own_ipv4_ ? written_ : list_.IPv4Count() + (written_ - own_ipv4_);
+      const std::string text = mCommon::FormatRange(list_.Range(index));
+      if (texts_.Add(text)) writer.Entry(text);
+    }
+    writer.EndList();
+    return true;
+  }
+
+ private:
+  const Setting& setting_;
+  const IPRangeList& list_;
+  std::size_t own_ipv4_;
+  std::size_t count_;
+  std::size_t written_ = 0;
+  SeenTexts texts_;
+};
+
+void WriteCertificates(DumpWriter& writer, const Setting& setting,
+                       const std::vector<CertificateFiles>& list) {
   writer.BeginList(setting.key);
   for (const CertificateFiles& files : list) writer.Entry(mCommon::FormatCertificateEntry(files));
   writer.EndList();
 }
 
-void WriteNames(Writer& writer, const Setting& setting, const std::vector<std::string>& names) {
+void WriteNames(DumpWriter& writer, const Setting& setting, const std::vector<std::string>& names) {
   writer.BeginList(setting.key);
   for (const std::string& name : names) writer.Entry(name);
   writer.EndList();
 }
 
-// Without those of the list's own file.
-std::vector<IPRange> OwnRanges(const IPRangeList& list, const ListFile* file) {
-  std::vector<IPRange> ranges = list.Ranges();
-  if (file == nullptr) return ranges;
-  const auto ipv6 =
-      std::find_if(ranges.begin(), ranges.end(), [](const IPRange& range) { return range.low.IsIPv6(); });
-  const auto own_ipv6 = static_cast<std::ptrdiff_t>(file->own_ipv6_ranges);
-  const auto own_ipv4 = static_cast<std::ptrdiff_t>(file->own_entries) - own_ipv6;
-  ranges.erase(ipv6 + own_ipv6, ranges.end());
-  ranges.erase(ranges.begin() + own_ipv4, ipv6);
-  return ranges;
+void WriteScalar(DumpWriter& writer, const Setting& setting, const std::string& value) {
+  if (setting.shown_at_default || value != setting.default_text) writer.Scalar(setting.key, value);
 }
 
-void WriteRanges(Writer& writer, const Setting& setting, const std::vector<IPRange>& ranges) {
-  writer.BeginList(setting.key);
-  std::unordered_set<std::string> written;
-  written.reserve(ranges.size());
-  for (const IPRange& range : ranges) {
-    const auto [text, is_new] = written.insert(mCommon::FormatRange(range));
-    if (is_new) writer.Entry(*text);
-  }
-  writer.EndList();
-}
-
-void WriteSetting(Writer& writer, const Setting& setting, const Configuration& configuration) {
-  const auto scalar = [&](const std::string& value) {
-    if (setting.shown_at_default || value != setting.default_text) writer.Scalar(setting.key, value);
-  };
+// All but the long lists.
+void WriteSetting(DumpWriter& writer, const Setting& setting, const Configuration& configuration) {
+  const auto scalar = [&](const std::string& value) { WriteScalar(writer, setting, value); };
   switch (setting.kind) {
     case SettingKind::kText:
     case SettingKind::kIPAddresses:
@@ -249,16 +230,10 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
     case SettingKind::kAddressList:
     case SettingKind::kPlainList:
     case SettingKind::kExtensionList:
-      WriteExpressions(writer, setting, FieldOf<ExpressionList>(configuration, setting),
-                       FindListFile(configuration.ListFiles, setting));
-      break;
     case SettingKind::kRangeList:
-    case SettingKind::kPartialRangeList: {
-      const std::vector<IPRange> ranges = OwnRanges(FieldOf<IPRangeList>(configuration, setting),
-                                                    FindListFile(configuration.ListFiles, setting));
-      if (setting.shown_at_default || !ranges.empty()) WriteRanges(writer, setting, ranges);
+    case SettingKind::kPartialRangeList:
+      assert(false);
       break;
-    }
     case SettingKind::kCertificateList: {
       const auto& list = FieldOf<std::vector<CertificateFiles>>(configuration, setting);
       if (setting.shown_at_default || !list.empty()) WriteCertificates(writer, setting, list);
@@ -274,26 +249,31 @@ void WriteSetting(Writer& writer, const Setting& setting, const Configuration& c
   }
 }
 
-// A section that came later: it is there when it has a line.
-void WriteLaterSection(Writer& writer, std::string_view section, const Configuration& configuration) {
-  bool is_begun = false;
-  const std::function<void(std::string_view)> write_line = [&](std::string_view line) {
-    if (!std::exchange(is_begun, true)) {
-      writer.Separator('-');
-      writer.Header(section);
-    }
-    writer.Line(line);
-  };
-  Writer lines(write_line);
-  for (const Setting* const setting : SettingsInDumpOrder(section)) {
-    WriteSetting(lines, *setting, configuration);
-  }
+// Of a writer that is a part by itself.
+template <class PartWriter>
+Part PartOf(std::shared_ptr<PartWriter> part) {
+  return [part](DumpWriter& writer, DumpBudget& budget) { return part->Write(writer, budget); };
 }
 
-void WriteSection(Writer& writer, std::string_view section, const Configuration& configuration) {
-  writer.Header(section);
-  for (const Setting* const setting : SettingsInDumpOrder(section)) {
-    WriteSetting(writer, *setting, configuration);
+Part SettingPart(const Setting& setting, const Configuration& configuration) {
+  const ListFile* const file = FindListFile(configuration.ListFiles, setting);
+  switch (setting.kind) {
+    case SettingKind::kAddressList:
+    case SettingKind::kPlainList:
+    case SettingKind::kExtensionList: {
+      const auto& list = FieldOf<ExpressionList>(configuration, setting);
+      return PartOf(std::make_shared<ExpressionWriter>(setting, list,
+                                                       file == nullptr ? list.Count() : file->own_entries));
+    }
+    case SettingKind::kRangeList:
+    case SettingKind::kPartialRangeList:
+      return PartOf(
+          std::make_shared<RangeWriter>(setting, FieldOf<IPRangeList>(configuration, setting), file));
+    default:
+      return [&setting, &configuration](DumpWriter& writer, DumpBudget&) {
+        WriteSetting(writer, setting, configuration);
+        return true;
+      };
   }
 }
 
@@ -304,59 +284,153 @@ std::string Spaced(const cReplace& rule, std::size_t blanks) {
          rule.Replacement() + ">";
 }
 
-void WriteResponseChanges(Writer& writer, const ResponseChangeTable& table) {
-  writer.Header(section_name::kResponseChanges);
-  for (const cReplaces& replaces : table.Lists()) {
-    writer.BeginList(replaces.Name());
-    // A rule that occurs twice, with different blanks, has to keep both places: the order counts.
-    std::unordered_set<std::string, HashNoCase, SameNoCase> taken_keys;
-    for (const cReplace& rule : replaces.Rules()) {
-      std::string text = rule.Format();
-      for (std::size_t blanks = 0; !taken_keys.insert(text).second; ++blanks) text = Spaced(rule, blanks);
-      writer.Entry(text);
+class ResponseChangeWriter {
+ public:
+  explicit ResponseChangeWriter(const ResponseChangeTable& table) : table_(table) {}
+
+  bool Write(DumpWriter& writer, DumpBudget& budget) {
+    for (; list_ < table_.Lists().size(); ++list_, rule_ = 0) {
+      const cReplaces& replaces = table_.Lists()[list_];
+      if (rule_ == 0) writer.BeginList(replaces.Name());
+      for (; rule_ < replaces.Rules().size(); ++rule_) {
+        if (!budget.Take()) return false;
+        writer.Entry(TextOf(replaces, replaces.Rules()[rule_]));
+      }
+      writer.EndList();
+      if (rule_ > 1) taken_keys_ = {};
     }
-    writer.EndList();
+    return true;
   }
-}
 
-void WriteReplacements(Writer& writer, std::string_view section, const ReplacementTable& table) {
-  writer.Separator('-');
-  writer.Header(section);
-  for (const ReplacementTable::Rule& rule : table.Rules()) writer.Scalar(rule.key, rule.value);
-}
-
-void WriteConfiguration(Writer& writer, std::string_view ini_path, const Configuration& configuration) {
-  writer.Separator('=');
-  writer.Line("; Initialization file: " + std::string(ini_path));
-  writer.Line("; Current configuration:");
-  writer.Separator('=');
-  WriteSection(writer, section_name::kCommon, configuration);
-  writer.Separator('-');
-  WriteSection(writer, section_name::kGreyListing, configuration);
-  WriteLaterSection(writer, section_name::kTLS, configuration);
-  writer.Separator('-');
-  WriteResponseChanges(writer, configuration.ResponseChanges);
-  WriteReplacements(writer, section_name::kSenderReplacementsLocal, configuration.SenderReplacementsLocal);
-  WriteReplacements(writer, section_name::kSenderReplacementsRemote, configuration.SenderReplacementsRemote);
-  WriteReplacements(writer, section_name::kRecipientReplacementsLocal,
-                    configuration.RecipientReplacementsLocal);
-  WriteReplacements(writer, section_name::kRecipientReplacementsRemote,
-                    configuration.RecipientReplacementsRemote);
-  WriteLaterSection(writer, section_name::kService, configuration);
-  if (!configuration.ListFiles.empty()) {
-    writer.Separator('-');
-    writer.Header(section_name::kListFiles);
-    for (const ListFile& file : configuration.ListFiles) writer.Scalar(ListFileKey(*file.list), file.path);
+ private:
+  // A rule that occurs twice, with different blanks, has to keep both places: the order counts.
+  std::string TextOf(const cReplaces& replaces, const cReplace& rule) {
+    std::string text = rule.Format();
+    if (replaces.Rules().size() == 1) return text;
+    for (std::size_t blanks = 0; !taken_keys_.Add(text); ++blanks) text = Spaced(rule, blanks);
+    return text;
   }
-  writer.Separator('=');
-}
+
+  const ResponseChangeTable& table_;
+  std::size_t list_ = 0;
+  std::size_t rule_ = 0;  // of it
+  SeenTexts taken_keys_;
+};
+
+class ReplacementWriter {
+ public:
+  explicit ReplacementWriter(const ReplacementTable& table) : table_(table) {}
+
+  bool Write(DumpWriter& writer, DumpBudget& budget) {
+    for (; rule_ < table_.Rules().size(); ++rule_) {
+      if (!budget.Take()) return false;
+      const ReplacementTable::Rule& rule = table_.Rules()[rule_];
+      writer.Scalar(rule.key, rule.value);
+    }
+    return true;
+  }
+
+ private:
+  const ReplacementTable& table_;
+  std::size_t rule_ = 0;
+};
 
 }  // namespace
 
+// All parts of the dump, in order.
+class ConfigurationDump::Parts {
+ public:
+  Parts(const Configuration& configuration, std::string_view ini_path) : configuration_(configuration) {
+    Add([path = std::string(ini_path)](DumpWriter& writer) {
+      writer.Separator('=');
+      writer.Line("; Initialization file: " + path);
+      writer.Line("; Current configuration:");
+      writer.Separator('=');
+    });
+    AddSection(section_name::kCommon);
+    AddSeparator('-');
+    AddSection(section_name::kGreyListing);
+    AddLaterSection(section_name::kTLS);
+    AddSeparator('-');
+    Add([](DumpWriter& writer) { writer.Header(section_name::kResponseChanges); });
+    parts_.push_back(PartOf(std::make_shared<ResponseChangeWriter>(configuration.ResponseChanges)));
+    AddReplacements(section_name::kSenderReplacementsLocal, configuration.SenderReplacementsLocal);
+    AddReplacements(section_name::kSenderReplacementsRemote, configuration.SenderReplacementsRemote);
+    AddReplacements(section_name::kRecipientReplacementsLocal, configuration.RecipientReplacementsLocal);
+    AddReplacements(section_name::kRecipientReplacementsRemote, configuration.RecipientReplacementsRemote);
+    AddLaterSection(section_name::kService);
+    AddListFiles();
+    AddSeparator('=');
+  }
+
+  bool WriteSome(DumpBudget budget, const DumpWriter::WriteLine& write_line) {
+    writer_.SetTarget(write_line);
+    for (; next_ < parts_.size(); ++next_) {
+      if (!parts_[next_](writer_, budget)) return true;
+      parts_[next_] = nullptr;  // a long list has needed memory
+    }
+    return false;
+  }
+
+ private:
+  // One that is short.
+  void Add(std::function<void(DumpWriter& writer)> write) {
+    parts_.push_back([write = std::move(write)](DumpWriter& writer, DumpBudget&) {
+      write(writer);
+      return true;
+    });
+  }
+  void AddSeparator(char c) {
+    Add([c](DumpWriter& writer) { writer.Separator(c); });
+  }
+  void AddSettings(std::string_view section) {
+    for (const Setting* const setting : SettingsInDumpOrder(section)) {
+      parts_.push_back(SettingPart(*setting, configuration_));
+    }
+  }
+  void AddSection(std::string_view section) {
+    Add([section](DumpWriter& writer) { writer.Header(section); });
+    AddSettings(section);
+  }
+  // A section that came later: it is there when it has a line.
+  void AddLaterSection(std::string_view section) {
+    Add([section](DumpWriter& writer) { writer.AwaitSection(section); });
+    AddSettings(section);
+    Add([](DumpWriter& writer) { writer.AwaitSection({}); });
+  }
+  void AddReplacements(std::string_view section, const ReplacementTable& table) {
+    AddSeparator('-');
+    Add([section](DumpWriter& writer) { writer.Header(section); });
+    parts_.push_back(PartOf(std::make_shared<ReplacementWriter>(table)));
+  }
+  void AddListFiles() {
+    Add([this](DumpWriter& writer) {
+      writer.AwaitSection(section_name::kListFiles);
+      for (const ListFile& file : configuration_.ListFiles) writer.Scalar(ListFileKey(*file.list), file.path);
+      writer.AwaitSection({});
+    });
+  }
+
+  const Configuration& configuration_;
+  DumpWriter writer_;
+  std::vector<Part> parts_;
+  std::size_t next_ = 0;
+};
+
+ConfigurationDump::ConfigurationDump(const Configuration& configuration, std::string_view ini_path)
+    : parts_(std::make_unique<Parts>(configuration, ini_path)) {}
+
+ConfigurationDump::~ConfigurationDump() = default;
+
+bool ConfigurationDump::WriteSome(std::size_t entries,
+                                  const std::function<void(std::string_view line)>& write_line) {
+  return parts_->WriteSome(DumpBudget(entries), write_line);
+}
+
 void DumpConfiguration(const Configuration& configuration, std::string_view ini_path,
                        const std::function<void(std::string_view line)>& write_line) {
-  Writer writer(write_line);
-  WriteConfiguration(writer, ini_path, configuration);
+  constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+  ConfigurationDump(configuration, ini_path).WriteSome(kAll, write_line);
 }
 
 namespace mCommon {

@@ -3,13 +3,33 @@
 // when they differ from their default.
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <memory>
 #include <string_view>
 
 #include "base/log.h"
 #include "config/configuration.h"
 
 namespace trabex {
+
+// A dump that is written a part at a time, so that long lists hold nobody up.
+class ConfigurationDump {
+ public:
+  // `configuration` outlives the object, and does not change meanwhile.
+  ConfigurationDump(const Configuration& configuration, std::string_view ini_path);
+  ~ConfigurationDump();
+  ConfigurationDump(const ConfigurationDump&) = delete;
+  ConfigurationDump& operator=(const ConfigurationDump&) = delete;
+
+  // Gives the next lines, without their ends, to `write_line` (a view lives for the call): those of about `entries`
+  // entries of lists. Whether more follow. Raises what `write_line` raises.
+  bool WriteSome(std::size_t entries, const std::function<void(std::string_view line)>& write_line);
+
+ private:
+  class Parts;
+  std::unique_ptr<Parts> parts_;
+};
 
 // Gives the lines of the dump, without their ends, to `write_line`, one by one (a view lives for the call).
 // Raises what that raises.

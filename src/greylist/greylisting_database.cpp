@@ -106,12 +106,18 @@ std::size_t GreyListingDatabase::RemoveExpired(DateTime now) {
 }
 
 void GreyListingDatabase::Clear() {
-  blocks_ = {};
+  FreeSome(blocks_.size());
+}
+
+bool GreyListingDatabase::FreeSome(std::size_t thousands) {
   index_.Clear();
   pending_.Clear();
   count_ = 0;
   first_ = last_ = free_ = sweep_next_ = kNone;
   for (Cursor* const cursor : cursors_) cursor->next_ = kNone;
+  blocks_.resize(blocks_.size() - std::min(thousands, blocks_.size()));
+  if (blocks_.empty()) blocks_ = {};
+  return !blocks_.empty();
 }
 
 const cGreyListingData* GreyListingDatabase::Cursor::Next() {

@@ -67,6 +67,9 @@ class GreyListingDatabase {
   std::size_t RemoveExpired(DateTime now);
   // Removes all records; the changed flag and the limits stay.
   void Clear();
+  // The same over several loop iterations, before the database ends: frees the memory of so many thousand records, all
+  // of which are gone with the first call. Whether there is more; until then only this may be called.
+  bool FreeSome(std::size_t thousands);
 
   // Whether there is something that the file does not hold yet.
   bool Changed() const { return changed_; }

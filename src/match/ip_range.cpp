@@ -176,11 +176,17 @@ IPAddress IPRangeList::AddressOf(const IPv6Number& number) {
 std::vector<IPRange> IPRangeList::Ranges() const {
   std::vector<IPRange> ranges;
   ranges.reserve(Count());
-  for (const auto& range : ipv4_.entries) {
-    ranges.push_back({IPAddress::IPv4(range.low), IPAddress::IPv4(range.high)});
-  }
-  for (const auto& range : ipv6_.entries) ranges.push_back({AddressOf(range.low), AddressOf(range.high)});
+  for (std::size_t index = 0; index < Count(); ++index) ranges.push_back(Range(index));
   return ranges;
+}
+
+IPRange IPRangeList::Range(std::size_t index) const {
+  if (index < ipv4_.entries.size()) {
+    const auto& range = ipv4_.entries[index];
+    return {IPAddress::IPv4(range.low), IPAddress::IPv4(range.high)};
+  }
+  const auto& range = ipv6_.entries[index - ipv4_.entries.size()];
+  return {AddressOf(range.low), AddressOf(range.high)};
 }
 
 bool IPRangeList::Contains(const IPAddress& ip) const {

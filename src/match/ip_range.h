@@ -31,6 +31,9 @@ class IPRangeList {
   // Those of IPv4, then those of IPv6, each in the order of their entries.
   std::vector<IPRange> Ranges() const;
   std::size_t Count() const { return ipv4_.entries.size() + ipv6_.entries.size(); }
+  std::size_t IPv4Count() const { return ipv4_.entries.size(); }
+  // The range at `index` (from 0, below Count()) of Ranges(), for a pass over a long list.
+  IPRange Range(std::size_t index) const;
   // Whether one of the ranges holds `ip`; logarithmic in their number.
   bool Contains(const IPAddress& ip) const;
   // The first range that holds `ip`. In a list of more than kMaxSearched it is one that may be made of several

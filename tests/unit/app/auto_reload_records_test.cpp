@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <memory>
 #include <string>
+#include <variant>
 
 #include "greylist/database_file.h"
 #include "reload_fixture.h"
@@ -41,6 +43,44 @@ TEST_F(AutoReloadTest, RecordsGoOnThroughAReloadAndAreSaved) {
   EXPECT_EQ(LoadDatabaseFile(database).Count(), 1U);
   EXPECT_FALSE(
       program_->greylisting.ShouldDefer("client.test", IP("192.0.2.1"), "s@remote.test", "r@local.test"));
+}
+
+// The records that the import changes are those of the old database, which gets all of it.
+TEST_F(AutoReloadTest, ImportIsCompletedBeforeTheRecordsGoElsewhere) {
+  const int count = 20'000;
+  std::string lines;
+  for (int i = 0; i < count; ++i) {
+    lines += R"({"network":"n)" + std::to_string(i) +
+             R"(","sender":"s","recipient":"r","accepted":true,"attempts":1,)"
+             R"("delayed_until":"2026-12-01T00:00:00Z","expires":"2099-12-01T00:00:00Z"})" +
+             "\n";
+  }
+  Write(folder_ / "records", lines);
+  for (const std::string& then :
+       {"Enabled=1\nDatabase=" + (folder_ / "other.gldb") + "\n", std::string("Enabled=0\n")}) {
+    SCOPED_TRACE(then);
+    std::filesystem::remove_all(folder_ / "GreyListing");
+    WriteIni("[GreyListing]\nEnabled=1\n");
+    Start();
+    const std::string database = Settings().GreyListing.Database;
+    const auto slices =
+        std::get<ControlSlices>(program_->requests.Answer({"GREYLIST", "import", folder_ / "records"}));
+    ControlAnswer slice;
+    while (program_->greylisting.Count() == 0) ASSERT_TRUE(slices(slice));
+    ASSERT_LT(program_->greylisting.Count(), static_cast<std::size_t>(count));
+    WriteIni("[GreyListing]\n" + then);
+    Window().RequestReload({});
+    EXPECT_EQ(program_->greylisting.Count(), 0U);
+    EXPECT_EQ(LoadDatabaseFile(database).Count(), static_cast<std::size_t>(count));
+    while (slices(slice)) {
+    }
+    EXPECT_EQ(slice.text, "20000 read, 20000 added, 0 changed, 0 deleted\n");
+    EXPECT_EQ(program_->greylisting.Count(), 0U);
+    program_ = nullptr;
+    program_ = std::make_unique<Program>(MakeDependencies());
+    ObserveLog(*program_);
+    program_->ini_file.path = ini_;
+  }
 }
 
 TEST_F(AutoReloadTest, RecordsThatCannotBeSavedStayInMemory) {

@@ -4,7 +4,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -37,11 +40,7 @@ class GreyListToolTest : public testing::Test {
 
   ControlAnswer Ask(const std::vector<std::string>& arguments) { return AskOf(database_, arguments); }
   ControlAnswer AskOf(GreyListingDatabase& database, const std::vector<std::string>& arguments) {
-    ControlReply reply = AnswerGreyList({.database = database,
-                                         .settings = settings_,
-                                         .clock = clock_,
-                                         .hold_saves = [this](bool hold) { holds_.push_back(hold); }},
-                                        arguments);
+    ControlReply reply = AnswerGreyList(Inputs(database), arguments);
     if (auto* const answer = std::get_if<ControlAnswer>(&reply)) return *answer;
     const auto slices = std::get<ControlSlices>(reply);
     ControlAnswer whole;
@@ -52,6 +51,31 @@ class GreyListToolTest : public testing::Test {
       ++slices_;
     }
     return whole;
+  }
+  GreyListToolInputs Inputs(GreyListingDatabase& database) {
+    return {.database = database,
+            .settings = settings_,
+            .clock = clock_,
+            .loads = [this] { return loads_; },
+            .hold_saves =
+                [this](std::function<void()> complete) {
+                  if (complete_) return false;
+                  complete_ = std::move(complete);
+                  holds_.push_back(true);
+                  return true;
+                },
+            .release_saves =
+                [this] {
+                  complete_ = nullptr;
+                  holds_.push_back(false);
+                }};
+  }
+  // A file with so many records.
+  std::string LongFile(int count) {
+    const DateTime now = clock_.UniversalNow();
+    GreyListingDatabase source;
+    for (int i = 0; i < count; ++i) source.Add({"n" + std::to_string(i) + " s r", now + 1, now, 1});
+    return Path(AskOf(source, {"export"}).text);
   }
   // Accepted, waiting and past its end.
   void Fill() {
@@ -71,6 +95,8 @@ class GreyListToolTest : public testing::Test {
   GreyListingSettings& settings_ = configuration_.GreyListing;
   GreyListingDatabase database_;
   TempFolder folder_;
+  std::uint64_t loads_ = 0;
+  std::function<void()> complete_;
   std::vector<bool> holds_;
   int slices_ = 0;
 };
@@ -287,26 +313,98 @@ TEST_F(GreyListToolTest, GoesOnWhileRecordsComeAndGo) {
 
 // Whoever asked has gone when a part of the records is changed.
 TEST_F(GreyListToolTest, ImportThatIsDroppedIsCompleted) {
-  const DateTime now = clock_.UniversalNow();
-  GreyListingDatabase source;
-  for (int i = 0; i < 20000; ++i) source.Add({"n" + std::to_string(i) + " s r", now + 1, now, 1});
-  const std::string path = Path(AskOf(source, {"export"}).text);
+  const std::string path = LongFile(20000);
   for (const bool begun : {false, true}) {
     holds_.clear();
-    ControlReply reply = AnswerGreyList({.database = database_,
-                                         .settings = settings_,
-                                         .clock = clock_,
-                                         .hold_saves = [this](bool hold) { holds_.push_back(hold); }},
-                                        {"import", path});
+    ControlReply reply = AnswerGreyList(Inputs(database_), {"import", path});
     ControlAnswer slice;
-    while (database_.Count() == 0 && (begun || holds_.empty())) {
+    while (database_.Count() == 0) {
       std::get<ControlSlices>(reply)(slice);
       if (!begun) break;
     }
+    EXPECT_LT(database_.Count(), 20000U);
     reply = ControlAnswer{};
     EXPECT_EQ(database_.Count(), begun ? 20000U : 0U);
     EXPECT_EQ(holds_, begun ? (std::vector<bool>{true, false}) : std::vector<bool>{});
   }
+}
+
+// The records go elsewhere, which cannot wait.
+TEST_F(GreyListToolTest, ImportThatChangesRecordsIsCompletedForASave) {
+  const std::string path = LongFile(20000);
+  const auto slices = std::get<ControlSlices>(AnswerGreyList(Inputs(database_), {"import", path}));
+  ControlAnswer slice;
+  while (database_.Count() == 0) ASSERT_TRUE(slices(slice));
+  ASSERT_LT(database_.Count(), 20000U);
+  std::exchange(complete_, nullptr)();
+  EXPECT_EQ(database_.Count(), 20000U);
+  EXPECT_THAT(holds_, ElementsAre(true, false));
+  database_.Clear();
+  ++loads_;
+  while (slices(slice)) {
+  }
+  EXPECT_EQ(slice.text, "20000 read, 20000 added, 0 changed, 0 deleted\n");
+  EXPECT_EQ(database_.Count(), 0U);
+}
+
+TEST_F(GreyListToolTest, AnswersEndWhenTheRecordsAreLoadedAnew) {
+  const std::string path = LongFile(20000);
+  AskOf(database_, {"import", path});
+  for (const std::vector<std::string>& request :
+       {std::vector<std::string>{"export"}, {"list"}, {"delete", "nothing"}, {"stats"}, {"import", path}}) {
+    const auto slices = std::get<ControlSlices>(AnswerGreyList(Inputs(database_), request));
+    ControlAnswer slice;
+    ASSERT_TRUE(slices(slice)) << request[0];
+    ++loads_;
+    std::string error;
+    try {
+      for (int i = 0; i < 1000 && slices(slice); ++i) {
+      }
+    } catch (const Error& raised) {
+      error = raised.Description();
+    }
+    EXPECT_EQ(error, "A reload has changed the database meanwhile.") << request[0];
+  }
+}
+
+TEST_F(GreyListToolTest, ImportsChangeRecordsOneAfterAnother) {
+  const std::string path = LongFile(20000);
+  const auto first = std::get<ControlSlices>(AnswerGreyList(Inputs(database_), {"import", path}));
+  const auto second =
+      std::get<ControlSlices>(AnswerGreyList(Inputs(database_), {"import", path, "--replace"}));
+  ControlAnswer slice;
+  bool first_goes_on = true;
+  for (bool second_goes_on = true; second_goes_on; second_goes_on = second(slice)) {
+    if (first_goes_on) first_goes_on = first(slice);
+  }
+  EXPECT_FALSE(first_goes_on);
+  EXPECT_EQ(database_.Count(), 20000U);
+  EXPECT_THAT(holds_, ElementsAre(true, false, true, false));
+}
+
+// Not a byte of it counts, and no more of it is read.
+TEST_F(GreyListToolTest, ImportEndsAtALineThatHasNoEnd) {
+  const std::string path = Path(std::string(8 * 1024 * 1024, ' '));
+  EXPECT_THROW(Ask({"import", path}), Error);
+  EXPECT_LT(slices_, 10);
+}
+
+// What one slice does at most is what counts, not how long it takes on this machine.
+TEST_F(GreyListToolTest, SlicesDoSoMuchAndNoMore) {
+  const std::string path = LongFile(40000);
+  const auto slices_of = [&](const std::vector<std::string>& request) {
+    slices_ = 0;
+    AskOf(database_, request);
+    return slices_;
+  };
+  EXPECT_GE(slices_of({"import", path}), 18);
+  EXPECT_GE(slices_of({"import", path, "--replace"}), 28);
+  EXPECT_GE(slices_of({"list"}), 10);
+  EXPECT_GE(slices_of({"list", "nothing"}), 10);
+  EXPECT_GE(slices_of({"export"}), 10);
+  EXPECT_GE(slices_of({"stats"}), 12);
+  EXPECT_GE(slices_of({"delete", "*", "--dry-run"}), 10);
+  EXPECT_GE(slices_of({"delete", "*"}), 10);
 }
 
 TEST_F(GreyListToolTest, CountsRecords) {

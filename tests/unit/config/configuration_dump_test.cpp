@@ -314,6 +314,51 @@ TEST(LogConfiguration, KeepsRulesApartThatAreWrittenAlike) {
             "<x>=<1>, <x> =<1>, <t>, <>=<t>, <b>==<2>, <b> ==<2>");
 }
 
+// Each call takes up as many entries as it is told, and no more: what a call costs does not depend on how long the
+// lists are.
+TEST(ConfigurationDump, WritesSoManyEntriesInACall) {
+  constexpr int kEntries = 1000;
+  const struct {
+    const char* section;
+    std::string (*entry)(int number);
+    int entries;  // that are looked at, of a list that is looked through for what has to be quoted twice
+  } rows[] = {
+      {"[Common]\n", [](int number) { return "SendersBlackList=x" + std::to_string(number); }, 2 * kEntries},
+      {"[Common]\n", [](int number) { return "SendersBlackList=a b" + std::to_string(number); },
+       2 * kEntries},
+      {"[Common]\n", [](int number) { return "AddSMTPExtensionsLocal=X" + std::to_string(number); },
+       kEntries},
+      {"[Common]\n", [](int number) { return "IPBlackList=10.0.0." + std::to_string(number % 256); }, 256},
+      {"[Common]\n",
+       [](int number) {
+         return "IPBlackList=10." + std::to_string(number / 250) + ".0." + std::to_string(number % 250);
+       },
+       kEntries},
+      {"[ResponseChanges]\n", [](int number) { return "550=<a>=<" + std::to_string(number) + ">"; },
+       kEntries},
+      {"[ResponseChanges]\n",
+       [](int number) { return "RCPT.Private.a" + std::to_string(number) + "@b=<550 x>"; }, kEntries},
+      {"[SenderReplacements.Local]\n", [](int number) { return "a" + std::to_string(number) + "=b"; },
+       kEntries},
+  };
+  for (const auto& row : rows) {
+    std::string text = row.section;
+    for (int number = 0; number < kEntries; ++number) text += row.entry(number) + "\n";
+    SCOPED_TRACE(text.substr(0, 60));
+    const LoadedText loaded(text);
+    const LoadedText without("");
+    const auto calls_for = [](const Configuration& configuration) {
+      ConfigurationDump dump(configuration, "x.ini");
+      int calls = 1;
+      while (dump.WriteSome(10, [](std::string_view) {})) ++calls;
+      return calls;
+    };
+    const int calls = calls_for(loaded.configuration) - calls_for(without.configuration);
+    EXPECT_GE(calls, row.entries / 10 - 1);
+    EXPECT_LE(calls, row.entries / 10 + 1);
+  }
+}
+
 TEST(LogConfiguration, BreaksListLinesAtAHundredCharacters) {
   // "IPWhiteList = " and eight of these addresses make 100 characters.
   const LoadedText eight(

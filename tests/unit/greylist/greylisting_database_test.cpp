@@ -106,6 +106,19 @@ TEST(GreyListingDatabase, SweepsInSteps) {
             (std::vector<PlainRecord>{{"b", 11, 1, -1}, {"d", 12, 1, -1}, {"e", 12, 1, -1}}));
 }
 
+TEST(GreyListingDatabase, GivesItsMemoryBackInParts) {
+  GreyListingDatabase database;
+  for (int i = 0; i < 5000; ++i) database.Add({"n" + std::to_string(i) + " s r", 2, 1, i % 2});
+  int calls = 1;
+  while (database.FreeSome(2)) {
+    EXPECT_EQ(database.Count(), 0U);
+    ++calls;
+  }
+  EXPECT_EQ(calls, 3);
+  database.Add({"n s r", 2, 1, 1});
+  EXPECT_EQ(database.Count(), 1U);
+}
+
 TEST(GreyListingDatabase, ClearedIsEmpty) {
   GreyListingDatabase database;
   AddAll(database, SomeRecords("s", 1000));
