@@ -10,9 +10,10 @@ import smtplib
 import socket
 import subprocess
 import threading
+from pathlib import Path
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, REPO, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
                            without_received)
 
 INSTANCE = "5B0E7C19D4A24F36A1F863D20C97BE48"
@@ -332,6 +333,157 @@ class GreyList(Scenario):
                              (1, "", "Trabex: Unable to load GreyListing database. Error 321. The file is corrupted.\n"))
         self.assertEqual(self.database.read_bytes(), b"nothing")
         self.assertEqual(len(list(self.database.parent.iterdir())), 1)
+
+    def records_file(self, count):
+        """A file of so many records that can be imported."""
+        path = self.place.folder / "many.jsonl"
+        path.write_text("".join(
+            f'{{"network":"10.{number >> 8}.{number & 255}","sender":"s{number}@some.example","recipient":"r@{DOMAIN}",'
+            f'"accepted":true,"attempts":1,"delayed_until":"2026-11-15T13:54:24Z","expires":"2099-12-15T13:44:24Z"}}\n'
+            for number in range(count)))
+        return path
+
+    @staticmethod
+    def bytes_read(pid, path):
+        """How much of the file the process has read; None when it has not opened it, or closed it again."""
+        for link in Path(f"/proc/{pid}/fd").iterdir():
+            with contextlib.suppress(OSError):
+                if os.readlink(link) == str(path):
+                    return int(Path(f"/proc/{pid}/fdinfo/{link.name}").read_text().split()[1])
+        return None
+
+    def stop_when_read(self, process, path, least):
+        """Stops the process when it has read so much, or has ended; returns what it had read."""
+        def has_read():
+            return process.poll() is not None or (self.bytes_read(process.pid, path) or -1) >= least
+
+        wait_until(has_read, f"{least} bytes of the file to be read")
+        if process.poll() is not None:
+            return None
+        process.send_signal(signal.SIGSTOP)
+        return self.bytes_read(process.pid, path)
+
+    def test_import_into_the_file_that_is_killed(self):
+        """The database is that of before, unless all of the import was saved already."""
+        self.done("add", "192.0.2.1", "a@b.example", "c@d.example", "--accepted")
+        before, count = self.database.read_bytes(), 30_000
+        records = self.records_file(count)
+        size, killed_while_reading = records.stat().st_size, 0
+        for share in (0, 0.25, 0.5, 0.75, 0.9, 1):
+            importing = subprocess.Popen([str(program("Trabex")), "/GREYLIST", "import", str(records), "/I",
+                                          str(self.proxy.ini)], stdout=subprocess.DEVNULL)
+            self.place.on_leaving(importing.wait)
+            self.place.on_leaving(importing.kill)
+            read = self.stop_when_read(importing, records, share * size)
+            importing.kill()
+            importing.wait(bound(20))
+            if read is not None and read < size:
+                killed_while_reading += 1
+                self.assertEqual(self.database.read_bytes(), before, share)
+            else:
+                self.assertIn(len(self.done("export").splitlines()), (1, count + 1), share)
+        self.assertGreater(killed_while_reading, 2)
+        self.done("import", records)
+        self.assertEqual(len(self.done("export").splitlines()), count + 1)
+
+    def test_import_that_is_killed_while_it_is_saved(self):
+        """As soon as anything is written beside the database, that of before is whole, or the new one is."""
+        self.done("add", "192.0.2.1", "a@b.example", "c@d.example", "--accepted")
+        exported, count = self.done("export"), 30_000
+        records = self.records_file(count)
+        names = {path.name for path in self.database.parent.iterdir()}
+        importing = subprocess.Popen([str(program("Trabex")), "/GREYLIST", "import", str(records), "/I",
+                                      str(self.proxy.ini)], stdout=subprocess.DEVNULL)
+        self.place.on_leaving(importing.wait)
+        self.place.on_leaving(importing.kill)
+        wait_until(lambda: {path.name for path in self.database.parent.iterdir()} != names, "the save to begin")
+        importing.kill()
+        importing.wait(bound(20))
+        now = self.done("export")
+        self.assertTrue(now == exported or len(now.splitlines()) == count + 1)
+        self.done("import", records)
+        self.assertEqual(len(self.done("export").splitlines()), count + 1)
+
+    def test_instance_that_is_killed_during_an_import(self):
+        """What it has in memory is gone; the file is that of before."""
+        self.done("add", "192.0.2.1", "a@b.example", "c@d.example", "--accepted")
+        before, count = self.database.read_bytes(), 30_000
+        records = self.records_file(count)
+        size, killed_while_reading = records.stat().st_size, 0
+        for share in (0.1, 0.6, None):
+            self.proxy.start()
+            asking = subprocess.Popen([str(program("Trabex")), "/GREYLIST", "import", str(records), "/I",
+                                       str(self.proxy.ini)], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            self.place.on_leaving(asking.kill)
+            if share is None:  # all of it, and not saved yet
+                self.assertEqual(asking.communicate(timeout=bound(20))[0],
+                                 f"{count} read, {count} added, 0 changed, 0 deleted\n")
+            else:
+                wait_until(lambda share=share: (self.bytes_read(self.proxy.process.pid, records) or -1) >= share * size,
+                           "the file to be read")
+                self.proxy.process.send_signal(signal.SIGSTOP)
+                killed_while_reading += (self.bytes_read(self.proxy.process.pid, records) or size) < size
+            self.proxy.process.send_signal(signal.SIGKILL)
+            self.proxy.process.wait()
+            if share is not None:
+                self.assertIn("ended the connection before its answer was complete",
+                              asking.communicate(timeout=bound(20))[1])
+            self.assertEqual(self.database.read_bytes(), before, share)
+        self.assertGreater(killed_while_reading, 0)
+        self.assertEqual(len(self.done("export").splitlines()), 1)
+
+    def recipes(self):
+        """The commands of the page's recipes, for this instance and this folder."""
+        page = (REPO / "docs" / "greylisting-tool.md").read_text(encoding="utf-8")
+        blocks = re.findall(r"(?m)^((?:    .*\n)+)", page[page.index("## Recipes"):])
+        return [block.replace("/etc/trabex/Trabex.ini", str(self.proxy.ini))
+                .replace("/var/backups", str(self.place.folder)).replace("Trabex /", f"{program('Trabex')} /")
+                for block in blocks]
+
+    def run_recipe(self, commands):
+        done = subprocess.run(["sh", "-e", "-c", commands], cwd=self.place.folder, stdin=subprocess.DEVNULL,
+                              capture_output=True, text=True, timeout=bound(60), check=False)
+        self.assertEqual((done.returncode, done.stdout, done.stderr), (0, "", ""))
+
+    def test_recipe_of_a_backup(self):
+        backup = self.recipes()[0]
+        fields = backup.split(maxsplit=6)
+        self.assertEqual(fields[:6], ["0", "3", "*", "*", "*", "trabex"], "when, and as whom")
+        self.proxy.start()
+        self.done("add", "192.0.2.1", "a@b.example", "c@d.example", "--accepted")
+        self.done("add", "192.0.2.2", "<>", "c@d.example")
+        self.run_recipe(fields[6])
+        saved = self.place.folder / "trabex-greylist.jsonl"
+        self.assertEqual(saved.read_text(), self.done("export"))
+        self.assertEqual(self.proxy.end(), 0)
+        # Into another one.
+        self.database.unlink()
+        self.assertEqual(self.done("import", saved), "2 read, 2 added, 0 changed, 0 deleted\n")
+        self.assertEqual(self.done("export"), saved.read_text())
+        # A backup that fails leaves that of the night before.
+        self.database.write_bytes(b"nothing")
+        kept = saved.read_text()
+        with self.assertRaises(AssertionError):
+            self.run_recipe(fields[6])
+        self.assertEqual(saved.read_text(), kept)
+
+    def test_recipe_of_seeding(self):
+        self.proxy.start()
+        log = self.place.folder / "sent.log"
+        log.write_text(
+            "Nov 22 10:00:00 mx postfix: 4Y1: from=<me@our.example>, to=<you@their.example>, "
+            "relay=mx.their.example[192.0.2.7]:25, delay=1, dsn=2.0.0, status=sent (250 ok)\n"
+            "Nov 22 10:00:01 mx postfix: 4Y2: from=<me@our.example>, to=<you@their.example>, "
+            "relay=mx.their.example[192.0.2.7]:25, delay=1, dsn=2.0.0, status=sent (250 ok)\n"
+            "Nov 22 10:00:02 mx postfix: 4Y3: from=<me+x@our.example>, to=<a'b$c@their.example>, "
+            "relay=mx6.their.example[2001:db8::1]:25, delay=1, dsn=2.0.0, status=sent (250 ok)\n"
+            "Nov 22 10:00:03 mx postfix: 4Y4: from=<>, to=<you@their.example>, "
+            "relay=mx.their.example[192.0.2.8]:25, delay=1, dsn=2.0.0, status=sent (250 ok)\n"
+            "Nov 22 10:00:04 mx postfix: 4Y5: from=<me@our.example>, to=<u@x.example>, relay=none, status=deferred\n")
+        self.run_recipe(self.recipes()[1])
+        self.assertEqual(sorted(line.split("\t")[:4] for line in self.done("list").splitlines()),
+                         [["192.0.2", "you@their.example", "me@our.example", "accepted"],
+                          ["2001:db8::/64", "a'b$c@their.example", "me+x@our.example", "accepted"]])
 
     def test_greylisting_that_is_off(self):
         self.proxy.sections["GreyListing"]["Enabled"] = 0
