@@ -27,6 +27,7 @@ CSocketMaster::CSocketMaster(modSocketMaster& module) : module_(module) {
 CSocketMaster::~CSocketMaster() {
   CancelLookups();
   module_.received_->Discard(receive_);
+  ReturnPipe();
   if (!socket_.IsNone()) {
     module_.pause_.Forget(socket_);
     module_.CloseSocket(socket_);
@@ -162,10 +163,11 @@ void CSocketMaster::CloseSck() {
   // A connection that failed takes no more bytes, one in its handshake none of SendData. With a stream there
   // may be an end to be said, even to a peer that has ended.
   const bool linger = established_ && before != SocketState::sckError && !Handshaking() &&
-                      !(peer_ended && send_.Empty() && !stream_);
+                      !(peer_ended && NothingUnsent() && !stream_);
   const trabex::SocketHandle socket = std::exchange(socket_, {});
   module_.pause_.Forget(socket);
   if (linger) {
+    EmptyPipe();
     module_.lingering_.Take(socket, std::move(stream_), std::move(send_), peer_ended);
   } else {
     module_.CloseSocket(socket);
@@ -174,6 +176,7 @@ void CSocketMaster::CloseSck() {
   remote_address_ = {};
   if (cold_) cold_->called.reset();
   send_.Clear();
+  ReturnPipe();
   write_failed_ = false;
   module_.received_->Discard(receive_);
   DropStream();
@@ -297,7 +300,7 @@ void CSocketMaster::Accept(std::int32_t requestID) {
 }
 
 std::size_t CSocketMaster::PendingBytes() const {
-  return send_.Size();
+  return send_.Size() + (pipe_ ? pipe_->Size() : 0);
 }
 
 }  // namespace trabex

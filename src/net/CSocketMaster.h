@@ -18,6 +18,7 @@
 #include "net/modSocketMaster.h"
 #include "net/stream.h"
 #include "platform/sockets.h"
+#include "platform/splice_pipe.h"
 #include "resolver/name_lookup.h"
 #include "tls/tls_context.h"
 #include "tls/tls_facts.h"
@@ -165,6 +166,11 @@ class CSocketMaster final : public SocketSink {
   void Consume(std::int32_t count);
   // The same, but these bytes do not count as received: they are not the peer's own.
   void ConsumeUncounted(std::int32_t count);
+  // Takes up to MaxLen of the next bytes, unseen, and has `to` send them, as PeekView, SendData and Consume do
+  // together; returns how many. The system moves them without a copy, which pays only where many are there.
+  // Otherwise it returns 0, and PeekView says what there is: also when either of the two is encrypted, when bytes
+  // wait to be read here or to be sent there, and when the system has no means for it.
+  std::int32_t PassTo(CSocketMaster& to, std::int32_t MaxLen);
   // Listens so that no other process can on the same endpoint.
   void Listen();
   void Accept(std::int32_t requestID);
@@ -242,6 +248,13 @@ class CSocketMaster final : public SocketSink {
   std::size_t SendPieces(std::string_view data, int& error, bool more_follows = false);
   void FinishFlush(std::size_t sent, int error);
   void FlushPending();
+  bool NothingUnsent() const { return send_.Empty() && !pipe_; }
+  // Whether bytes may come out of a pipe to be sent.
+  bool TakesPipe() const;
+  std::size_t SendFromPipe(int& error);
+  void ReturnPipe();
+  // Moves what is in the pipe to the front of send_.
+  void EmptyPipe();
   std::size_t SendChunk();
   std::size_t ReceiveChunk();
   // `max_length` of a reading call in bytes.
@@ -299,9 +312,10 @@ class CSocketMaster final : public SocketSink {
   std::int64_t bytes_received_ = 0;
   std::int64_t bytes_sent_ = 0;
   std::string remote_host_;
-  ByteQueue send_;                  // accepted and not sent
-  ByteQueue receive_;               // received and not consumed, as far as it is not in module_.received_
-  std::unique_ptr<Stream> stream_;  // nullptr: the plain one
+  ByteQueue send_;                    // accepted and not sent
+  std::unique_ptr<SplicePipe> pipe_;  // with what is to be sent before send_; nullptr: nothing
+  ByteQueue receive_;                 // received and not consumed, as far as it is not in module_.received_
+  std::unique_ptr<Stream> stream_;    // nullptr: the plain one
   std::unique_ptr<StreamWork> stream_work_;  // nullptr: nothing goes on
   LookupId host_lookup_ = 0;
   std::unique_ptr<ColdState> cold_;

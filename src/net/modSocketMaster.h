@@ -14,6 +14,7 @@
 #include "net/handshake_queue.h"
 #include "net/lingering_sockets.h"
 #include "net/receive_buffer.h"
+#include "net/splice_pipes.h"
 #include "net/stream.h"
 #include "platform/sockets.h"
 #include "resolver/name_lookup.h"
@@ -50,6 +51,11 @@ class modSocketMaster {
   // another one was read, or wanted more at a time than the buffer takes.
   std::uint64_t CopiedBytes() const { return received_ ? received_->CopiedBytes() : 0; }
 
+  // How many pipes hold bytes that are under way from one object to another, and how many bytes have gone
+  // through pipes so far.
+  std::size_t LentPipes() const { return pipes_.Lent(); }
+  std::uint64_t PassedBytes() const { return passed_bytes_; }
+
  private:
   friend class CSocketMaster;
 
@@ -76,6 +82,8 @@ class modSocketMaster {
   AcceptPause pause_;
   LingeringSockets lingering_;
   HandshakeQueue handshakes_;
+  SplicePipes pipes_;
+  std::uint64_t passed_bytes_ = 0;
   std::size_t object_count_ = 0;
   std::unique_ptr<ReceiveBuffer> received_;
 };

@@ -1,5 +1,6 @@
 // Sending and receiving of a TCP socket object.
 #include <algorithm>
+#include <utility>
 
 #include "net/CSocketMaster_impl.h"
 
@@ -17,7 +18,7 @@ void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   if (protocol_ == SocketProtocol::sckUDPProtocol) return SendBufferedDataUDP(Data);
   if (state_ != SocketState::sckConnected) RaiseWrongProtocolOrState("CSocketMaster.SendData");
   if (write_failed_) return;  // lost with the connection, whose end follows soon
-  if (!send_.Empty() || Handshaking()) return send_.Append(Data);
+  if (!NothingUnsent() || Handshaking()) return send_.Append(Data);
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
   const std::size_t sent = SendPieces(Data, error, blnMoreFollows);
@@ -63,6 +64,7 @@ void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   if (error != 0) {
     if (drain_before_send_error_ && GetStream().Pending(socket_) > 0) {
       send_.Clear();
+      ReturnPipe();
       write_failed_ = true;
       return;
     }
@@ -70,20 +72,72 @@ void CSocketMaster::FinishFlush(std::size_t sent, int error) {
   }
   if (sent == 0) return;
   const trabex::SocketHandle socket = socket_;
-  const bool complete = send_.Empty();
-  Raise(Events.SendProgress, "SendProgress", sent, send_.Size());
+  const bool complete = NothingUnsent();
+  Raise(Events.SendProgress, "SendProgress", sent, PendingBytes());
   // The handler may have closed, or begun another send that will complete by itself.
-  if (complete && socket == socket_ && send_.Empty()) {
+  if (complete && socket == socket_ && NothingUnsent()) {
     Raise(Events.SendComplete, "SendComplete");
   }
 }
 
 void CSocketMaster::FlushPending() {
-  if (state_ != SocketState::sckConnected || send_.Empty() || Handshaking()) return;
+  if (state_ != SocketState::sckConnected || NothingUnsent() || Handshaking()) return;
   int error = 0;
-  const std::size_t sent = SendPieces(send_.View(), error);
-  send_.RemoveFront(sent);
+  std::size_t sent = SendFromPipe(error);
+  if (!pipe_ && error == 0) {
+    const std::size_t queued = SendPieces(send_.View(), error);
+    send_.RemoveFront(queued);
+    sent += queued;
+  }
   FinishFlush(sent, error);
+}
+
+bool CSocketMaster::TakesPipe() const {
+  return state_ == SocketState::sckConnected && protocol_ == SocketProtocol::sckTCPProtocol &&
+         NothingUnsent() && !write_failed_ && GetStream().PassesUnseen();
+}
+
+std::int32_t CSocketMaster::PassTo(CSocketMaster& to, std::int32_t MaxLen) {
+  CheckReadable(MaxLen, "CSocketMaster.PeekData");
+  const bool tcp = protocol_ == SocketProtocol::sckTCPProtocol;
+  if (!tcp || !GetStream().PassesUnseen() || !Received().empty() || !to.TakesPipe()) return 0;
+  std::unique_ptr<SplicePipe> pipe = module_.pipes_.Borrow();
+  if (!pipe) return 0;
+  std::size_t moved = 0;
+  const int error = GetStream().ReadInto(socket_, *pipe, PortionSize(MaxLen), moved);
+  if (moved == 0) {
+    module_.pipes_.Return(std::move(pipe));
+    if (error == 0) return 0;
+    state_ = SocketState::sckError;
+    RaiseSocketError(error, "CSocketMaster.RecvDataToBuffer");
+  }
+  bytes_received_ += static_cast<std::int64_t>(moved);
+  module_.passed_bytes_ += moved;
+  to.pipe_ = std::move(pipe);
+  to.FlushPending();
+  return static_cast<std::int32_t>(moved);
+}
+
+std::size_t CSocketMaster::SendFromPipe(int& error) {
+  if (!pipe_) return 0;
+  std::size_t sent = 0;
+  const int result = GetStream().WriteFrom(socket_, *pipe_, sent);
+  if (result != 0 && result != socket_error::kWouldBlock) error = result;
+  if (pipe_->IsEmpty()) ReturnPipe();
+  return sent;
+}
+
+void CSocketMaster::ReturnPipe() {
+  module_.pipes_.Return(std::move(pipe_));
+}
+
+void CSocketMaster::EmptyPipe() {
+  if (!pipe_) return;
+  ByteQueue bytes;
+  bytes.Append(pipe_->TakeAll());
+  bytes.Append(send_.View());
+  send_ = std::move(bytes);
+  ReturnPipe();
 }
 
 void CSocketMaster::CheckReadable(std::int32_t max_length, const char* source) const {

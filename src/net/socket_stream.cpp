@@ -9,7 +9,7 @@
 namespace trabex {
 
 std::string CSocketMaster::SetStream(std::unique_ptr<Stream> stream) {
-  if (state_ != SocketState::sckConnected || !send_.Empty()) {
+  if (state_ != SocketState::sckConnected || !NothingUnsent()) {
     RaiseWrongProtocolOrState("CSocketMaster.SetStream");
   }
   std::string unread(Received());
@@ -25,6 +25,7 @@ void CSocketMaster::StartTls(TlsRole role, std::shared_ptr<const TlsContext> con
   if (protocol_ != SocketProtocol::sckTCPProtocol || state_ != SocketState::sckConnected || stream_) {
     RaiseWrongProtocolOrState(kSource);
   }
+  EmptyPipe();
   int error = 0;
   const std::size_t sent = send_.Empty() ? SendPieces(last_words, error) : 0;
   send_.Append(last_words.substr(sent));

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "platform/sockets.h"
+#include "platform/splice_pipe.h"
 #include "tls/tls_facts.h"
 
 namespace trabex {
@@ -26,6 +27,18 @@ class Stream {
   // rest. What was not taken is given again with the next call, which may have more after it and lie
   // at another address.
   virtual int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) = 0;
+  // Whether bytes may go from and to the socket through a pipe of the system, so that the stream does not see
+  // them. Only then are the next two called; they are as Sockets says.
+  virtual bool PassesUnseen() const { return false; }
+  virtual int ReadInto(SocketHandle /*socket*/, SplicePipe& /*pipe*/, std::size_t /*limit*/,
+                       std::size_t& moved) {
+    moved = 0;
+    return 0;
+  }
+  virtual int WriteFrom(SocketHandle /*socket*/, SplicePipe& /*pipe*/, std::size_t& sent) {
+    sent = 0;
+    return socket_error::kWouldBlock;
+  }
   // Ends sending; receiving goes on.
   virtual int ShutDownWrite(SocketHandle socket) = 0;
   // How many bytes Read would give now, at most.
@@ -57,6 +70,13 @@ class PlainStream final : public Stream {
   }
   int Write(SocketHandle socket, std::string_view data, std::size_t& sent, bool more_follows) override {
     return sockets_.Send(socket, data, sent, more_follows);
+  }
+  bool PassesUnseen() const override { return true; }
+  int ReadInto(SocketHandle socket, SplicePipe& pipe, std::size_t limit, std::size_t& moved) override {
+    return sockets_.ReceiveInto(socket, pipe, limit, moved);
+  }
+  int WriteFrom(SocketHandle socket, SplicePipe& pipe, std::size_t& sent) override {
+    return sockets_.SendFrom(socket, pipe, sent);
   }
   int ShutDownWrite(SocketHandle socket) override { return sockets_.ShutDownSending(socket); }
   std::size_t Pending(SocketHandle socket) override;

@@ -28,6 +28,7 @@
 #include "base/endpoint.h"
 #include "base/ip_address.h"
 #include "platform/event_loop.h"
+#include "platform/splice_pipe.h"
 
 namespace trabex {
 
@@ -117,6 +118,12 @@ class Sockets {
   // `received` 0 with result 0 is the end of the peer's data (`buffer` is not empty). 10035 is also the
   // result, without asking the system, when the last receive took everything and no event has come since.
   int Receive(SocketHandle socket, std::span<char> buffer, std::size_t& received);
+  // Moves up to `limit` of the peer's next bytes into `pipe`, which is empty, without their coming here. That pays
+  // only where much is there, so it is done only after a receive that did not take everything. Otherwise `moved`
+  // is 0 with result 0, as it is at the end of the peer's data: Receive says what there is.
+  int ReceiveInto(SocketHandle socket, SplicePipe& pipe, std::size_t limit, std::size_t& moved);
+  // Sends from `pipe`, as Send does; what the system does not take stays in it.
+  int SendFrom(SocketHandle socket, SplicePipe& pipe, std::size_t& sent);
   // Whether Receive would give 10035 without asking the system: what comes next is announced. False also for a
   // stale handle.
   bool Drained(SocketHandle socket) const;

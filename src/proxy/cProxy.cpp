@@ -136,6 +136,7 @@ bool cProxy::MayTakeClientBytes() const {
 void cProxy::TakeClientBytes() {
   if (dialogue_.Expected() == ClientBytes::kHeader) return TakeHeader();
   const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
+  if (!is_line && PassOctets()) return;
   const std::string_view there = Receiver.Peek(is_line ? kLinePeekBytes : kContentChunk);
   Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
   // Only now: what is not taken would be the beginning of the client's TLS.
@@ -146,6 +147,16 @@ void cProxy::TakeServerBytes() {
   dialogue_.OnServerBytes(Sender.TakeAll(), *this);
   // A part of what is waited for has come.
   if (HasServerTimeout() && dialogue_.AwaitsServer()) BeginServerWait();
+}
+
+bool cProxy::PassOctets() {
+  const std::uint64_t octets = dialogue_.OctetsToPass();
+  if (octets == 0 || IsOver()) return false;
+  const std::size_t passed = Receiver.PassTo(Sender, octets);
+  if (passed == 0) return false;
+  AwaitServer();
+  dialogue_.OnOctetsPassed(passed, *this);
+  return true;
 }
 
 bool cProxy::IsOver() const {

@@ -176,6 +176,8 @@ class cProxy final : public DeferredDeletable,
   void PumpLater();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
+  // Sends octets of content that nobody has to look at; returns whether there were any.
+  bool PassOctets();
   void TakeServerBytes();
   // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
   // waiting for that still gets what the server said meanwhile.

@@ -1,5 +1,6 @@
 #include "proxy/session_side.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "net/socket_errors.h"
@@ -14,6 +15,8 @@ namespace {
 constexpr std::size_t kMaxJoined = 16384;
 // Of a peer's bytes at a time, so that one busy session does not hold up the others.
 constexpr std::int32_t kMaxTaken = 65536;
+// Of bytes that nobody looks at, which take less time.
+constexpr std::uint64_t kMaxPassed = 1 << 20;
 
 struct ClearAtEnd {
   bool& flag;
@@ -56,6 +59,19 @@ void SessionSide::Take(std::size_t used, std::size_t size, bool peers_own) {
   } else {
     socket_.ConsumeUncounted(static_cast<std::int32_t>(used));
   }
+}
+
+std::size_t SessionSide::PassTo(SessionSide& to, std::uint64_t limit) {
+  if (to.held_ || !to.IsConnected()) return 0;
+  const ClearAtEnd clear{to.in_send_};
+  to.in_send_ = true;
+  to.sent_at_once_ = false;
+  const auto most = static_cast<std::int32_t>(std::min(limit, kMaxPassed));
+  const auto passed = static_cast<std::size_t>(socket_.PassTo(to.socket_, most));
+  if (passed == 0) return 0;
+  to.sending_ = !to.sent_at_once_;
+  readable_ = false;
+  return passed;
 }
 
 std::string SessionSide::TakeAll() {

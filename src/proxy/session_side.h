@@ -54,6 +54,10 @@ class SessionSide {
   // Takes all that is there, one chunk of the socket's receive buffer at most.
   std::string TakeAll();
 
+  // Sends up to `limit` of the next unread bytes to the peer of `to`, unseen; returns how many. 0: not now, and Peek
+  // says what there is (see CSocketMaster::PassTo).
+  std::size_t PassTo(SessionSide& to, std::uint64_t limit);
+
   // How long bytes wait for those that follow them, so that they leave within a fifth of a second.
   static constexpr Milliseconds kMaxHold{150};
 

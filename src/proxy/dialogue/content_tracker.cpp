@@ -5,8 +5,8 @@
 
 namespace trabex {
 
-ContentTracker::Step ContentTracker::ScanOctets(std::string_view bytes) {
-  const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(*octets_left_, bytes.size()));
+ContentTracker::Step ContentTracker::PassOctets(std::size_t count) {
+  const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(*octets_left_, count));
   *octets_left_ -= taken;
   return {taken, *octets_left_ > 0 ? Outcome::kGoesOn : Outcome::kEnded};
 }

@@ -38,7 +38,9 @@ class ContentTracker {
   // Scans the next bytes of the client (not empty). After kEnded new content is begun before the next call;
   // after kAmbiguous the tracker stays where it is. After a dot that may be the last one a trailing CR is
   // withheld (Step::bytes is short) until the next byte is known.
-  Step Scan(std::string_view bytes) { return octets_left_ ? ScanOctets(bytes) : ScanDot(bytes); }
+  Step Scan(std::string_view bytes) { return octets_left_ ? PassOctets(bytes.size()) : ScanDot(bytes); }
+  // The same for `count` bytes that nobody has looked at. Only where OctetsLeft() is not 0.
+  Step PassOctets(std::size_t count);
 
  private:
   // What the byte before the current one means for a dot.
@@ -51,7 +53,6 @@ class ContentTracker {
     kDoubtfulDot,  // a dot at kCr or kBareLf
   };
 
-  Step ScanOctets(std::string_view bytes);
   Step ScanDot(std::string_view bytes);
 
   Before before_ = Before::kLineStart;

@@ -144,6 +144,15 @@ void Dialogue::RefuseSize(DialogueActions& actions) {
   Say(ReplyKind::kMailSize, actions);
 }
 
+// As TakeContent does with bytes that it sees.
+void Dialogue::OnOctetsPassed(std::size_t count, DialogueActions& actions) {
+  const ContentTracker::Step step = state_.content.PassOctets(count);
+  state_.BytesReceived += static_cast<std::int64_t>(count);
+  state_.content_octets += count;
+  if (state_.phase == Phase::kChunk) actions.OnContent(count);
+  if (step.outcome == ContentTracker::Outcome::kEnded) Enter(PhaseEvent::kContentComplete);
+}
+
 void Dialogue::Act(LineDecision&& decision, DialogueActions& actions) {
   if (decision.failure) actions.LogFailure(*decision.failure);
   state_.requested = std::move(decision.requested);

@@ -94,6 +94,12 @@ class Dialogue {
   // next ones; returns how many it has used. 0: nothing is taken now, or a line, an end of content or a
   // header has not come whole.
   std::size_t OnClientBytes(std::string_view bytes, DialogueActions& actions);
+  // How many of the client's next bytes are for the server whatever they are. The session may send them by itself,
+  // and tells OnOctetsPassed of it, instead of giving them to OnClientBytes. 0: it may not.
+  std::uint64_t OctetsToPass() const {
+    return Expected() == ClientBytes::kContent ? state_.content.OctetsLeft() : 0;
+  }
+  void OnOctetsPassed(std::size_t count, DialogueActions& actions);
   // What is to be logged of the client that has closed; "" for nothing.
   std::string_view LostWithClient() const;
   // The server is connected, and something comes before its greeting.

@@ -18,6 +18,8 @@ constexpr std::uint32_t kStreamEvents = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLP
 constexpr std::uint32_t kListenerEvents = EPOLLIN;
 // Of one listener in one iteration.
 constexpr int kMaxAccepts = 16;
+// Of bytes that wait to be received: so many that it pays to move them through a pipe.
+constexpr std::size_t kMuch = 16384;
 constexpr std::uint32_t kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 }  // namespace
@@ -121,6 +123,7 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::int64_t 
     return;
   }
   if (count > 0) {
+    entry.much_waits = static_cast<std::size_t>(count) == size && size >= kMuch;
     const bool more = static_cast<std::size_t>(count) == size || entry.end_seen || entry.urgent;
     if (more) {
       if (static_cast<std::size_t>(count) < size)

@@ -2,6 +2,7 @@
 #include "platform/sockets.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <linux/sockios.h>
 #include <net/if.h>
@@ -271,6 +272,58 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
   impl_->NoteReceive(socket, *entry, count, buffer.size(), code);
   if (count < 0) return SocketErrorOfErrno(code);
   received = static_cast<std::size_t>(count);
+  return 0;
+}
+
+int Sockets::ReceiveInto(SocketHandle socket, SplicePipe& pipe, std::size_t limit, std::size_t& moved) {
+  moved = 0;
+  Impl::Entry* const entry = impl_->Find(socket);
+  if (entry == nullptr) return kNotSocket;
+  // Behind an urgent byte the kernel moves nothing.
+  if (!entry->much_waits || entry->urgent || entry->drained) return 0;
+  const std::size_t count = std::min(limit, SplicePipe::kCapacity);
+  const ssize_t result = Uninterrupted([&] {
+    return splice(entry->descriptor, nullptr, pipe.write_end_, nullptr, count,
+                  SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+  });
+  const int code = result < 0 ? errno : 0;
+  if (result == 0 || code == EAGAIN || code == EINVAL) {
+    entry->much_waits = false;
+    return 0;
+  }
+  // It may have taken less than is there, so that it never says that the socket is empty.
+  const std::size_t asked = result > 0 ? static_cast<std::size_t>(result) : count;
+  impl_->NoteReceive(socket, *entry, result, asked, code);
+  if (result < 0) return SocketErrorOfErrno(code);
+  moved = pipe.size_ = static_cast<std::size_t>(result);
+  return 0;
+}
+
+int Sockets::SendFrom(SocketHandle socket, SplicePipe& pipe, std::size_t& sent) {
+  sent = 0;
+  Impl::Entry* const entry = impl_->Find(socket);
+  if (entry == nullptr) return kNotSocket;
+  const bool waits = entry->unsent != SendBatch::kNone;
+  if (waits && (impl_->batch.IsBlocked(entry->unsent) || !impl_->SendUnsent(socket, *entry, true))) {
+    entry->write_armed = true;
+    return kWouldBlock;
+  }
+  impl_->SendDue();
+  while (!pipe.IsEmpty()) {
+    const ssize_t count = Uninterrupted([&] {
+      return splice(pipe.read_end_, nullptr, entry->descriptor, nullptr, pipe.size_,
+                    SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    });
+    if (count < 0) {
+      const int code = errno;
+      if (code != EAGAIN)
+        return code == EPIPE && entry->sending_shut ? kSendAfterShutdown : SocketErrorOfErrno(code);
+      entry->write_armed = true;
+      return sent > 0 ? 0 : kWouldBlock;
+    }
+    sent += static_cast<std::size_t>(count);
+    pipe.size_ -= static_cast<std::size_t>(count);
+  }
   return 0;
 }
 

@@ -49,6 +49,7 @@ struct Sockets::Impl final : EventSource {
     bool end_reached = false;        // a receive took the last data before the peer's orderly end
     bool close_notified = false;     // FD_CLOSE was notified
     bool urgent = false;             // the peer sends urgent data
+    bool much_waits = false;         // the last receive took much, and not everything
     bool pending_unwatched = false;  // an event came while there was no sink
     bool rearm_due = false;          // queued to be re-armed
     bool sending_shut = false;       // ShutDownSending was called
