@@ -26,11 +26,17 @@ class HashIndex {
     }
     return kNone;
   }
+  // Brings what Find(hash) looks at first near the processor: of several looked up in a row, the cache misses
+  // then come at the same time.
+  void Prefetch(std::uint32_t hash) const {
+    if (!slots_.empty()) __builtin_prefetch(&slots_[Home(hash)]);
+  }
   // `number` is not kNone and was not added before. Takes constant time on average; one in so many doubles
   // the table. Raises std::bad_alloc then, and changes nothing; never when Reserve has made room.
   void Add(std::uint32_t hash, std::uint32_t number);
   // `number` was added under `hash` (asserted).
   void Remove(std::uint32_t hash, std::uint32_t number);
+  std::size_t Count() const { return count_; }
   // Makes room for `count` numbers in all.
   void Reserve(std::size_t count);
 

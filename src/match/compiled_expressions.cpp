@@ -38,7 +38,7 @@ void CompiledExpressions::CompileEntry(const ExpressionEntries& entries, std::ui
     CompileFolded(entries.Text(entry), entry);
     return;
   }
-  const auto first = static_cast<std::uint32_t>(patterns_.size());
+  const std::uint32_t first = store_.Count();
   bool well_formed = true;
   switch (kind) {
     case Kind::kText:
@@ -60,9 +60,8 @@ void CompiledExpressions::CompileEntry(const ExpressionEntries& entries, std::ui
       }
       break;
   }
-  const auto count = static_cast<std::uint32_t>(patterns_.size() - first);
-  if (count == 0) return;
-  const CandidateEntry candidate{entry, first, count};
+  if (store_.Count() == first) return;
+  const CandidateEntry candidate{entry, first};
   if (well_formed) {
     AddCandidate(candidate);
   } else {
@@ -86,29 +85,24 @@ void CompiledExpressions::CompileFolded(std::string_view pattern, std::uint32_t 
       }
       break;
     }
-    case pattern::Kind::kOther: {
-      const auto compiled = static_cast<std::uint32_t>(patterns_.size());
-      patterns_.push_back(store_.Compile(folded));
-      AddCandidate({entry, compiled, 1});
+    case pattern::Kind::kOther:
+      AddCandidate({entry, store_.Compile(folded)});
       break;
-    }
   }
 }
 
 // Whether the pattern is well-formed.
 bool CompiledExpressions::AddPattern(std::string_view pattern) {
-  if (IsAscii(pattern) || mText::IsInvalidPattern(pattern)) {
-    patterns_.push_back(store_.Compile(pattern));
-  } else {
-    patterns_.push_back(store_.Compile(pattern::FoldPattern(pattern)));
-  }
-  return !patterns_.back().malformed;
+  const bool as_written = IsAscii(pattern) || mText::IsInvalidPattern(pattern);
+  return !store_.IsMalformed(store_.Compile(as_written ? pattern : pattern::FoldPattern(pattern)));
 }
 
+// `candidate` is the one that was compiled last.
 void CompiledExpressions::AddCandidate(const CandidateEntry& candidate) {
+  if (AddToIndex(candidate)) return;
   // With very many groups there is nothing to be gained any more.
   constexpr std::size_t kMaxGroups = 512;
-  std::uint32_t first_byte_class = store_.FirstByteClass(patterns_[candidate.first_pattern]);
+  std::uint32_t first_byte_class = store_.FirstByteClass(candidate.first_pattern);
   if (groups_.size() >= kMaxGroups && !group_of_.contains(first_byte_class)) {
     first_byte_class = pattern::PatternStore::kAnyFirstByte;
   }
@@ -118,9 +112,27 @@ void CompiledExpressions::AddCandidate(const CandidateEntry& candidate) {
   groups_[group->second].candidates.push_back(candidate);
 }
 
+bool CompiledExpressions::AddToIndex(const CandidateEntry& candidate) {
+  // So many are tried in the time that the look-up takes.
+  constexpr std::uint32_t kMaxUnindexed = 16;
+  std::vector<std::string_view> texts;
+  for (std::uint32_t pattern = candidate.first_pattern; pattern < store_.Count(); ++pattern) {
+    store_.AppendRequiredTexts(pattern, LiteralIndex::kMinPiece, texts);
+  }
+  if (texts.empty()) return false;
+  if (unindexed_ < kMaxUnindexed) {
+    ++unindexed_;
+    return false;
+  }
+  indexed_.push_back(candidate);
+  index_.Add(texts);
+  return true;
+}
+
 void CompiledExpressions::Shrink() {
   for (CandidateGroup& group : groups_) group.candidates.shrink_to_fit();
-  patterns_.shrink_to_fit();
+  indexed_.shrink_to_fit();
+  index_.Shrink();
   store_.Shrink();
 }
 

@@ -3,8 +3,8 @@
 //
 // Texts and suffixes are found by hash, with the index of the entries themselves; only the lengths that
 // suffixes have in this list are looked up. An entry with letters beyond ASCII is found by its folded
-// pattern, in tables of its own. All other entries are candidates: their patterns are compiled once and tried
-// one after the other.
+// pattern, in tables of its own. All other entries are candidates: their patterns are compiled once, and of those
+// with a plain text in them only the ones whose text may be in the one that is looked for are tried.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +16,7 @@
 
 #include "base/text.h"
 #include "match/expression_entries.h"
+#include "match/literal_index.h"
 #include "match/pattern.h"
 
 namespace trabex {
@@ -23,8 +24,7 @@ namespace trabex {
 // An entry that has to be tried: all of its patterns must match.
 struct CandidateEntry {
   std::uint32_t entry;
-  std::uint32_t first_pattern;
-  std::uint32_t count;
+  std::uint32_t first_pattern;  // its patterns have this number and the next ones
 };
 
 // Candidates in their order whose texts begin with the same class of bytes: most texts begin otherwise, and
@@ -52,17 +52,24 @@ class CompiledExpressions {
   // The first entry whose folded pattern `folded_text` is, or has as its suffix; kNone when there is none.
   std::uint32_t FindFolded(std::string_view folded_text) const;
 
+  bool HasCandidates() const { return !groups_.empty() || !indexed_.empty() || !malformed_.empty(); }
+  // Calls `visit(candidate)` for each candidate that is found by a piece of its plain text, in no order, until
+  // it returns false.
+  template <class Visit>
+  void ForEachIndexed(std::string_view folded_text, Visit visit) const {
+    index_.ForEachIn(folded_text, [&](std::uint32_t number) { return visit(indexed_[number]); });
+  }
+  // The candidates without plain text, and the first ones of all.
   const std::vector<CandidateGroup>& Groups() const { return groups_; }
   // Candidates with a malformed pattern, which raises an error when it is tried.
   const std::vector<CandidateEntry>& Malformed() const { return malformed_; }
   bool MayMatch(const CandidateGroup& group, std::string_view folded_text) const {
     return store_.BeginsWith(folded_text, group.first_byte_class);
   }
-  // The patterns of a candidate are numbered from its first_pattern on.
-  bool IsMalformed(std::uint32_t pattern) const { return patterns_[pattern].malformed; }
+  bool IsMalformed(std::uint32_t pattern) const { return store_.IsMalformed(pattern); }
   // Whether `folded_text` matches the pattern, which is not malformed.
   bool Matches(std::uint32_t pattern, std::string_view folded_text) const {
-    return store_.Matches(patterns_[pattern], folded_text);
+    return store_.Matches(pattern, folded_text);
   }
 
  private:
@@ -73,6 +80,7 @@ class CompiledExpressions {
   void CompileFolded(std::string_view pattern, std::uint32_t entry);
   bool AddPattern(std::string_view pattern);
   void AddCandidate(const CandidateEntry& candidate);
+  bool AddToIndex(const CandidateEntry& candidate);
   void Shrink();
 
   std::size_t compiled_ = 0;  // entries
@@ -84,7 +92,9 @@ class CompiledExpressions {
   std::vector<CandidateGroup> groups_;
   std::unordered_map<std::uint32_t, std::uint32_t> group_of_;  // by the class of the first byte
   std::vector<CandidateEntry> malformed_;
-  std::vector<pattern::CompiledPattern> patterns_;
+  LiteralIndex index_;
+  std::vector<CandidateEntry> indexed_;  // by their numbers in index_
+  std::uint32_t unindexed_ = 0;          // candidates in groups that could be indexed
   pattern::PatternStore store_;
 };
 

@@ -80,7 +80,12 @@ class ExpressionEntries {
   const std::vector<std::string>& Patterns(std::uint32_t entry) const {
     return specials_[records_[entry].offset].entry.patterns;
   }
+  std::size_t PatternCount(std::uint32_t entry) const {
+    return KindOf(entry) == Kind::kSpecial ? Patterns(entry).size() : 1;
+  }
 
+  // As HashIndex::Prefetch, for the next two.
+  void Prefetch(std::uint32_t hash) const { index_.Prefetch(hash); }
   // The entry of kind kText that is `text`, or kNone.
   std::uint32_t FindText(std::uint32_t hash, std::string_view text) const {
     return index_.Find(hash, [&](std::uint32_t entry) {

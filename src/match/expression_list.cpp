@@ -1,5 +1,6 @@
 // How a list is matched: by hash as far as possible, then the candidates that come before what was found.
 #include <algorithm>
+#include <array>
 #include <cassert>
 #include <cstdint>
 #include <memory>
@@ -34,6 +35,8 @@ struct ExpressionList::Impl {
   std::uint32_t SearchByHash(std::string_view text, bool first) const;
   std::uint32_t SearchGroups(std::string_view text, std::string_view folded_text, std::uint32_t found,
                              bool first) const;
+  std::uint32_t SearchIndexed(std::string_view text, std::string_view folded_text, std::uint32_t found,
+                              bool first) const;
   bool Matches(const CandidateEntry& candidate, std::string_view text, std::string_view folded_text) const;
 
   CompiledExpressions compiled_;
@@ -45,10 +48,10 @@ std::uint32_t ExpressionList::Impl::Search(std::string_view text, bool first) {
   first = first || !compiled_.Malformed().empty();
   std::uint32_t found = SearchByHash(text, first);
   if (compiled_.HasFolded()) found = std::min(found, compiled_.FindFolded(text));
-  if ((found != kNone && !first) || (compiled_.Groups().empty() && compiled_.Malformed().empty()))
-    return found;
+  if ((found != kNone && !first) || !compiled_.HasCandidates()) return found;
   const std::string folded_text = ToLower(text);
   found = SearchGroups(text, folded_text, found, first);
+  if (found == kNone || first) found = SearchIndexed(text, folded_text, found, first);
   for (const CandidateEntry& candidate : compiled_.Malformed()) {
     if (candidate.entry > found) break;
     if (Matches(candidate, text, folded_text)) return candidate.entry;
@@ -64,18 +67,33 @@ void ExpressionList::Impl::Compile() {
 }
 
 std::uint32_t ExpressionList::Impl::SearchByHash(std::string_view text, bool first) const {
+  struct Suffix {
+    std::uint32_t hash;
+    std::size_t size;
+  };
+  std::array<Suffix, 32> prefetched;
+  std::size_t waiting = 0;
   std::uint32_t found = kNone;
+  const auto look_up = [&] {
+    for (std::size_t at = 0; at < waiting; ++at) {
+      const auto [hash, size] = prefetched[at];
+      found = std::min(found, entries.FindSuffix(hash, text.substr(text.size() - size)));
+    }
+    waiting = 0;
+    return found != kNone && !first;
+  };
   BackwardHash hash;
   for (std::size_t size = 0; size <= text.size(); ++size) {
     if (compiled_.HasSuffixOf(size)) {
-      const std::string_view suffix = text.substr(text.size() - size);
-      found = std::min(found, entries.FindSuffix(hash.ValueWith('*'), suffix));
-      if (found != kNone && !first) return found;
+      prefetched[waiting] = {hash.ValueWith('*'), size};
+      entries.Prefetch(prefetched[waiting].hash);
+      if (++waiting == prefetched.size() && look_up()) return found;
     }
-    if (!compiled_.HasSuffixFrom(size) && !compiled_.HasTexts()) return found;
+    if (!compiled_.HasSuffixFrom(size) && !compiled_.HasTexts()) break;
     if (size < text.size()) hash.Take(text[text.size() - size - 1]);
   }
-  if (!compiled_.HasTexts()) return found;
+  if (compiled_.HasTexts()) entries.Prefetch(hash.Value());
+  if (look_up() || !compiled_.HasTexts()) return found;
   return std::min(found, entries.FindText(hash.Value(), text));
 }
 
@@ -95,15 +113,29 @@ std::uint32_t ExpressionList::Impl::SearchGroups(std::string_view text, std::str
   return found;
 }
 
+std::uint32_t ExpressionList::Impl::SearchIndexed(std::string_view text, std::string_view folded_text,
+                                                  std::uint32_t found, bool first) const {
+  compiled_.ForEachIndexed(folded_text, [&](const CandidateEntry& candidate) {
+    if (candidate.entry > found || !Matches(candidate, text, folded_text)) return true;
+    found = candidate.entry;
+    return first;
+  });
+  return found;
+}
+
 bool ExpressionList::Impl::Matches(const CandidateEntry& candidate, std::string_view text,
                                    std::string_view folded_text) const {
-  for (std::uint32_t at = 0; at < candidate.count; ++at) {
+  const auto matches = [&](std::uint32_t at) {
     const std::uint32_t pattern = candidate.first_pattern + at;
     // LikeText raises the error of a malformed pattern.
-    const bool matches = compiled_.IsMalformed(pattern)
-                             ? mText::LikeText(text, entries.Entry(candidate.entry).patterns[at])
-                             : compiled_.Matches(pattern, folded_text);
-    if (!matches) return false;
+    return compiled_.IsMalformed(pattern) ? mText::LikeText(text, entries.Entry(candidate.entry).patterns[at])
+                                          : compiled_.Matches(pattern, folded_text);
+  };
+  // Most fail by the first one.
+  if (!matches(0)) return false;
+  const std::size_t count = entries.PatternCount(candidate.entry);
+  for (std::uint32_t at = 1; at < count; ++at) {
+    if (!matches(at)) return false;
   }
   return true;
 }

@@ -7,6 +7,7 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "base/unicode_fold.h"
+#include "match/pattern_run.h"
 
 namespace trabex::pattern {
 
@@ -31,6 +32,10 @@ Element ReadList(std::string_view pattern, std::size_t at) {
   if (list == "!") return {Element::Kind::kByte, '!', {}, close + 1};
   if (list.front() == '!') return {Element::Kind::kNotList, 0, list.substr(1), close + 1};
   return {Element::Kind::kList, 0, list, close + 1};
+}
+
+bool IsWildcard(char c) {
+  return c == '?' || c == '*' || c == '#' || c == '[';
 }
 
 Element ReadElement(std::string_view pattern, std::size_t at) {
@@ -70,47 +75,31 @@ bool ListHolds(std::string_view list, char c, Case compare) {
                     [byte](unsigned char low, unsigned char high) { return byte < low || byte > high; });
 }
 
+// The bytes that a list takes.
+ByteSet BytesOfList(std::string_view list, bool negated, Case compare) {
+  ByteSet bytes;
+  EachRange(list, compare, [&bytes](unsigned char low, unsigned char high) {
+    bytes.AddRange(low, high);
+    return true;
+  });
+  if (compare == Case::kFolded) bytes.FoldCase();
+  if (negated) bytes.Invert();
+  return bytes;
+}
+
+ByteSet BytesFrom(char low, char high) {
+  ByteSet bytes;
+  bytes.AddRange(static_cast<unsigned char>(low), static_cast<unsigned char>(high));
+  return bytes;
+}
+
+ByteSet AnyByte() {
+  return BytesFrom('\0', '\xFF');
+}
+
 bool IsMalformedElement(const Element& element, Case compare) {
   if (element.kind == Element::Kind::kUnclosed) return true;
   return !EachRange(element.list, compare, [](unsigned char low, unsigned char high) { return low <= high; });
-}
-
-// The match itself, for patterns in either form: greedy, with backtracking to the last run only. That is
-// enough, because what comes before the run has matched at its earliest place, so a longer earlier run gains
-// nothing.
-template <class Form>
-bool Run(std::string_view text, const Form& form, std::size_t position, std::size_t end) {
-  std::size_t at = 0;
-  std::size_t resume_position = kNone;
-  std::size_t resume_at = 0;
-  while (true) {
-    if (position != end) {
-      const auto code = form.Read(position);
-      if (form.IsRun(code)) {
-        position = form.Next(code, position);
-        if (position == end) return true;
-        resume_position = position;
-        at = resume_at = form.Seek(position, text, at);
-        continue;
-      }
-      if (form.IsEmpty(code)) {
-        position = form.Next(code, position);
-        continue;
-      }
-      // A byte is missing; with a longer run there would be fewer left still.
-      if (at == text.size()) return false;
-      if (form.Takes(code, text[at])) {
-        ++at;
-        position = form.Next(code, position);
-        continue;
-      }
-    } else if (at == text.size()) {
-      return true;
-    }
-    if (resume_position == kNone) return false;
-    at = resume_at = form.Seek(resume_position, text, resume_at + 1);
-    position = resume_position;
-  }
 }
 
 // A pattern as it is written.
@@ -140,6 +129,21 @@ struct WrittenForm {
         return false;
     }
   }
+  ByteSet Bytes(const Element& element) const {
+    switch (element.kind) {
+      case Element::Kind::kByte:
+        return BytesOfList({&element.byte, 1}, false, compare);
+      case Element::Kind::kAny:
+        return AnyByte();
+      case Element::Kind::kDigit:
+        return BytesFrom('0', '9');
+      case Element::Kind::kList:
+      case Element::Kind::kNotList:
+        return BytesOfList(element.list, element.kind == Element::Kind::kNotList, compare);
+      default:
+        return {};
+    }
+  }
 };
 
 // Codes of compiled patterns as they are read: a byte, a wildcard by its own character above the bytes, or a
@@ -151,6 +155,24 @@ constexpr std::uint32_t kDigitCode = kWildcard + '#';
 constexpr std::uint32_t kRunCode = kWildcard + '*';
 constexpr std::uint32_t kFirstList = 2 * kWildcard;
 constexpr std::size_t kStoredListSize = 5;
+
+// Of an element that is no list.
+std::uint32_t PlainCodeOf(const Element& element) {
+  switch (element.kind) {
+    case Element::Kind::kAny:
+      return kAnyCode;
+    case Element::Kind::kRun:
+      return kRunCode;
+    case Element::Kind::kDigit:
+      return kDigitCode;
+    default:
+      return Folded(element.byte, Case::kFolded);
+  }
+}
+
+// So that a code fits into the bits that a compiled pattern has for it.
+constexpr std::uint32_t kMaxCode = (std::uint32_t{1} << 29) - 1;
+constexpr std::size_t kMaxLists = kMaxCode - kFirstList;
 
 }  // namespace
 
@@ -238,7 +260,13 @@ struct PatternStore::CompiledForm {
     if (code < kWildcard) return code == static_cast<unsigned char>(c);
     if (code == kAnyCode) return true;
     if (code == kDigitCode) return IsDigit(c);
-    return store.lists_[code - kFirstList][static_cast<unsigned char>(c)];
+    return store.lists_[code - kFirstList].Holds(static_cast<unsigned char>(c));
+  }
+  ByteSet Bytes(std::uint32_t code) const {
+    if (code < kWildcard) return BytesFrom(static_cast<char>(code), static_cast<char>(code));
+    if (code == kAnyCode) return AnyByte();
+    if (code == kDigitCode) return BytesFrom('0', '9');
+    return store.lists_[code - kFirstList];
   }
 };
 
@@ -246,25 +274,8 @@ std::uint32_t PatternStore::ListCode(std::string_view list, bool negated) {
   const auto next = static_cast<std::uint32_t>(lists_.size());
   const auto [known, is_new] = list_codes_.try_emplace((negated ? "!" : "=") + std::string(list), next);
   if (!is_new) return kFirstList + known->second;
-  std::bitset<256> bytes;
-  for (unsigned byte = 0; byte < 256; ++byte) {
-    bytes[byte] = ListHolds(list, static_cast<char>(byte), Case::kFolded) != negated;
-  }
-  lists_.push_back(bytes);
+  lists_.push_back(BytesOfList(list, negated, Case::kFolded));
   return kFirstList + next;
-}
-
-std::uint32_t PatternStore::CodeOf(std::string_view pattern, std::size_t at) {
-  const Element element = ReadElement(pattern, at);
-  switch (element.kind) {
-    case Element::Kind::kByte:
-      return Folded(element.byte, Case::kFolded);
-    case Element::Kind::kList:
-    case Element::Kind::kNotList:
-      return ListCode(element.list, element.kind == Element::Kind::kNotList);
-    default:
-      return kWildcard + static_cast<unsigned char>(pattern[at]);
-  }
 }
 
 void PatternStore::Store(std::uint32_t code) {
@@ -277,32 +288,78 @@ void PatternStore::Store(std::uint32_t code) {
   bytes_.append(reinterpret_cast<const char*>(&list), sizeof list);
 }
 
-CompiledPattern PatternStore::Compile(std::string_view pattern) {
-  CompiledPattern compiled;
-  compiled.malformed = IsMalformed(pattern, Case::kFolded);
-  if (compiled.malformed) return compiled;
-  if (bytes_.size() + kStoredListSize * pattern.size() > std::numeric_limits<std::uint32_t>::max()) {
+std::uint32_t PatternStore::Compile(std::string_view pattern) {
+  const bool malformed = pattern::IsMalformed(pattern, Case::kFolded);
+  if (!malformed &&
+      (bytes_.size() + kStoredListSize * pattern.size() > std::numeric_limits<std::uint32_t>::max() ||
+       lists_.size() + pattern.size() > kMaxLists)) {
     throw Error(error_number::kOutOfMemory, "mText.ExpressionList", "Out of memory");
   }
-  compiled.negated = IsNegated(pattern);
-  if (compiled.negated) pattern.remove_prefix(2);
-  compiled.begin = static_cast<std::uint32_t>(bytes_.size());
-  for (std::size_t at = 0; at < pattern.size(); at = ReadElement(pattern, at).next) {
-    if (ReadElement(pattern, at).kind == Element::Kind::kEmpty) continue;
-    const std::uint32_t code = CodeOf(pattern, at);
+  const auto number = static_cast<std::uint32_t>(patterns_.size());
+  patterns_.push_back({.begin = static_cast<std::uint32_t>(bytes_.size()),
+                       .min_size = 0,
+                       .last = 0,
+                       .has_run = 0,
+                       .negated = IsNegated(pattern) ? 1U : 0U,
+                       .malformed = malformed ? 1U : 0U});
+  if (malformed) return number;
+  Compiled& compiled = patterns_.back();
+  if (compiled.negated != 0) pattern.remove_prefix(2);
+  for (std::size_t at = 0; at < pattern.size();) {
+    if (!IsWildcard(pattern[at])) {
+      const std::string_view rest = pattern.substr(at);
+      const std::string plain = ToLower({rest.begin(), std::find_if(rest.begin(), rest.end(), IsWildcard)});
+      bytes_.append(plain);
+      compiled.min_size += static_cast<std::uint32_t>(plain.size());
+      compiled.last = static_cast<unsigned char>(plain.back());
+      at += plain.size();
+      continue;
+    }
+    const Element element = ReadElement(pattern, at);
+    at = element.next;
+    if (element.kind == Element::Kind::kEmpty) continue;
+    const std::uint32_t code = element.list.empty()
+                                   ? PlainCodeOf(element)
+                                   : ListCode(element.list, element.kind == Element::Kind::kNotList);
     // Runs in a row are one.
     if (code == kRunCode && compiled.last == kRunCode) continue;
     Store(code);
-    compiled.last = code;
-    compiled.has_run = compiled.has_run || code == kRunCode;
-    if (code != kRunCode) ++compiled.min_size;
+    compiled.last = code & kMaxCode;
+    if (code == kRunCode) {
+      compiled.has_run = 1;
+    } else {
+      ++compiled.min_size;
+    }
   }
-  compiled.end = static_cast<std::uint32_t>(bytes_.size());
-  return compiled;
+  return number;
 }
 
-std::uint32_t PatternStore::FirstByteClass(const CompiledPattern& compiled) const {
-  if (compiled.negated || compiled.begin == compiled.end) return kAnyFirstByte;
+std::uint32_t PatternStore::End(std::uint32_t number) const {
+  return number + 1 < patterns_.size() ? patterns_[number + 1].begin
+                                       : static_cast<std::uint32_t>(bytes_.size());
+}
+
+void PatternStore::AppendRequiredTexts(std::uint32_t number, std::size_t min_size,
+                                       std::vector<std::string_view>& texts) const {
+  if (patterns_[number].negated != 0) return;
+  const CompiledForm form{*this};
+  const std::uint32_t end = End(number);
+  std::size_t begin = patterns_[number].begin;
+  for (std::size_t position = begin;;) {
+    const std::uint32_t code = position == end ? kRunCode : form.Read(position);
+    if (code >= kWildcard) {
+      if (position - begin >= min_size)
+        texts.push_back(std::string_view(bytes_).substr(begin, position - begin));
+      if (position == end) return;
+      begin = form.Next(code, position);
+    }
+    position = form.Next(code, position);
+  }
+}
+
+std::uint32_t PatternStore::FirstByteClass(std::uint32_t number) const {
+  const Compiled& compiled = patterns_[number];
+  if (compiled.negated != 0 || compiled.begin == End(number)) return kAnyFirstByte;
   const std::uint32_t code = CompiledForm{*this}.Read(compiled.begin);
   return code == kRunCode ? kAnyFirstByte : code;
 }
@@ -312,15 +369,21 @@ bool PatternStore::BeginsWith(std::string_view folded_text, std::uint32_t first_
   return !folded_text.empty() && CompiledForm{*this}.Takes(first_byte_class, folded_text.front());
 }
 
-bool PatternStore::Matches(const CompiledPattern& compiled, std::string_view folded_text) const {
+void PatternStore::Shrink() {
+  bytes_.shrink_to_fit();
+  patterns_.shrink_to_fit();
+}
+
+bool PatternStore::Matches(std::uint32_t number, std::string_view folded_text) const {
   const CompiledForm form{*this};
+  const Compiled& compiled = patterns_[number];
   const std::size_t size = folded_text.size();
   // Most texts fail by their size or their last byte, so these are compared first.
-  bool possible = compiled.has_run ? size >= compiled.min_size : size == compiled.min_size;
+  bool possible = compiled.has_run != 0 ? size >= compiled.min_size : size == compiled.min_size;
   if (possible && compiled.min_size > 0 && compiled.last != kRunCode) {
     possible = form.Takes(compiled.last, folded_text.back());
   }
-  return (possible && Run(folded_text, form, compiled.begin, compiled.end)) != compiled.negated;
+  return (possible && Run(folded_text, form, compiled.begin, End(number))) != (compiled.negated != 0);
 }
 
 }  // namespace trabex::pattern

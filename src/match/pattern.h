@@ -11,7 +11,6 @@
 // are compared as lower case: "[A-z]" is all letters and nothing else, "[Z-a]" descends.
 #pragma once
 
-#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <limits>
@@ -20,6 +19,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "match/byte_set.h"
+
 namespace trabex::pattern {
 
 enum class Case { kExact, kFolded };
@@ -27,8 +28,9 @@ enum class Case { kExact, kFolded };
 // Whether `pattern` is malformed anywhere.
 bool IsMalformed(std::string_view pattern, Case compare);
 
-// Whether `text` as a whole matches `pattern`, which is well-formed. Takes time in proportion to the product
-// of both sizes at worst.
+// Whether `text` as a whole matches `pattern`, which is well-formed. However that is made, it takes a step for
+// each byte of either and at worst one more for each byte of the text and each 64 elements (see
+// match/pattern_run.h). Raises std::bad_alloc only.
 bool Matches(std::string_view text, std::string_view pattern, Case compare);
 
 // Whether `pattern` has the prefix "[]" that means "not": "[]" alone is the empty text.
@@ -49,43 +51,50 @@ enum class Kind : std::uint8_t {
 };
 Kind Classify(std::string_view pattern);
 
-// One compiled pattern, negation prefix included. Its codes lie in the store that compiled it.
-struct CompiledPattern {
-  std::uint32_t begin = 0;
-  std::uint32_t end = 0;
-  std::uint32_t last = 0;      // the last code
-  std::uint32_t min_size = 0;  // bytes that a matching text has at least
-  bool has_run = false;        // matching texts may be longer than that
-  bool negated = false;
-  bool malformed = false;  // cannot be matched
-};
-
-// Compiled patterns with their case folded, in one place. Those that it is given back are its own.
+// Compiled patterns with their case folded, in one place, numbered from 0 in the order in which they were
+// compiled. The negation prefix is part of a pattern.
 class PatternStore {
  public:
-  // Raises 7 "Out of memory" (source "mText.ExpressionList") when the patterns reach 4 GB.
-  CompiledPattern Compile(std::string_view pattern);
-  // The class of bytes that a text which matches `compiled` (not malformed) begins with: the same value for
-  // patterns that begin alike.
-  std::uint32_t FirstByteClass(const CompiledPattern& compiled) const;
+  // Returns the pattern's number. Raises 7 "Out of memory" (source "mText.ExpressionList") when the patterns
+  // reach 4 GB.
+  std::uint32_t Compile(std::string_view pattern);
+  std::uint32_t Count() const { return static_cast<std::uint32_t>(patterns_.size()); }
+  // A malformed pattern has a number, and that is all.
+  bool IsMalformed(std::uint32_t number) const { return patterns_[number].malformed; }
+  // Appends the plain texts of `min_size` bytes and more, in lower case, that every text which matches the
+  // pattern holds. Valid until the next Compile.
+  void AppendRequiredTexts(std::uint32_t number, std::size_t min_size,
+                           std::vector<std::string_view>& texts) const;
+  // The class of bytes that a text which matches the pattern begins with: the same value for patterns that
+  // begin alike.
+  std::uint32_t FirstByteClass(std::uint32_t number) const;
   // Whether a text, given in lower case, begins with a byte of that class.
   bool BeginsWith(std::string_view folded_text, std::uint32_t first_byte_class) const;
   // The class of patterns that may match a text whatever its first byte, and a text without any.
   static constexpr std::uint32_t kAnyFirstByte = std::numeric_limits<std::uint32_t>::max();
   // Gives back room that was kept for more patterns.
-  void Shrink() { bytes_.shrink_to_fit(); }
-  // Whether a text, given in lower case, matches `compiled` (not malformed).
-  bool Matches(const CompiledPattern& compiled, std::string_view folded_text) const;
+  void Shrink();
+  // Whether a text, given in lower case, matches the pattern.
+  bool Matches(std::uint32_t number, std::string_view folded_text) const;
 
  private:
   struct CompiledForm;
+  struct Compiled {
+    std::uint32_t begin;        // in bytes_; the next one's begin, or the end of all, is its end
+    std::uint32_t min_size;     // bytes that a matching text has at least
+    std::uint32_t last : 29;    // the last code
+    std::uint32_t has_run : 1;  // matching texts may be longer than that
+    std::uint32_t negated : 1;
+    std::uint32_t malformed : 1;
+  };
 
+  std::uint32_t End(std::uint32_t number) const;
   std::uint32_t ListCode(std::string_view list, bool negated);
-  std::uint32_t CodeOf(std::string_view pattern, std::size_t at);
   void Store(std::uint32_t code);
 
   std::string bytes_;  // the codes of all patterns
-  std::vector<std::bitset<256>> lists_;
+  std::vector<Compiled> patterns_;
+  std::vector<ByteSet> lists_;
   std::unordered_map<std::string, std::uint32_t> list_codes_;  // lists by how they are written
 };
 
