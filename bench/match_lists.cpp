@@ -9,6 +9,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -204,6 +205,9 @@ void PrintMemory() {
 int main(int argc, char** argv) {
   for (const Kind& kind : kKinds) {
     for (int count : {10, 1000, 100000}) RegisterLists(kind, count);
+  }
+  for (const Kind& kind : kKinds) {
+    if (kind.name == std::string_view("mixed")) RegisterLists(kind, kMillion);
   }
   for (int count : {10, 1000, 100000}) RegisterRanges(count);
   for (const Kind& kind : kKinds) RegisterAdding(kind);

@@ -24,6 +24,7 @@ class SessionCollection {
   SessionCollection(const SessionCollection&) = delete;
   SessionCollection& operator=(const SessionCollection&) = delete;
 
+  // Sessions are added in the order of their ids.
   cProxy& Add(std::unique_ptr<cProxy> session);
   // nullptr when the key is missing.
   cProxy* Find(std::string_view key);
@@ -32,8 +33,8 @@ class SessionCollection {
   std::size_t Count() const { return sessions_.size(); }
   // An id for a session to come, another one with each call.
   SessionId NextId() { return next_id_++; }
-  // The session at `index` (0 is the oldest, index < Count()); quick when rows are asked for in ascending
-  // order.
+  // The session at `index` (0 is the oldest, index < Count()). Takes a step for each session between it and the
+  // nearest of the first, the last and the one that was asked for last.
   cProxy& At(std::size_t index);
   // Calls `action` for every session; it may remove any session, those that come meanwhile are not visited.
   void ForEach(const std::function<void(cProxy&)>& action);
@@ -43,8 +44,8 @@ class SessionCollection {
   Sessions sessions_;
   SessionId next_id_ = FirstSessionId();
   std::unordered_map<std::string, Sessions::iterator, HashText, std::equal_to<>> by_key_;
-  Sessions::iterator last_at_ = sessions_.end();  // where At stopped, for the next one; the end: nowhere
-  std::size_t last_index_ = 0;
+  Sessions::iterator last_at_ = sessions_.end();  // where At stopped, for the next one; may be the end
+  std::size_t last_index_ = 0;                    // its index; Count() at the end
 };
 
 }  // namespace trabex
