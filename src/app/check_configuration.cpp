@@ -1,6 +1,7 @@
 #include "app/check_configuration.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -184,6 +185,31 @@ std::string RangeText(const IPRange& range) {
   return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
 }
 
+// `ip` is not the last address of its family.
+IPAddress AddressAfter(const IPAddress& ip) {
+  if (ip.IsIPv4()) return IPAddress::IPv4(ip.Number() + 1);
+  IPAddress::IPv6Bytes bytes{};
+  std::copy(ip.Bytes().begin(), ip.Bytes().end(), bytes.begin());
+  for (auto byte = bytes.rbegin(); byte != bytes.rend() && ++*byte == 0; ++byte) {
+  }
+  return IPAddress::IPv6(bytes);
+}
+
+// Whether those of one family leave none of its addresses out.
+bool TogetherHoldAll(std::vector<IPRange> ranges, bool is_ipv6) {
+  std::erase_if(ranges, [&](const IPRange& range) { return range.low.IsIPv6() != is_ipv6; });
+  if (ranges.empty()) return false;
+  std::sort(ranges.begin(), ranges.end(), [](const IPRange& a, const IPRange& b) { return a.low < b.low; });
+  IPRange joined = ranges.front();
+  const IPAddress last = joined.low.PrefixEnd(0);
+  for (const IPRange& range : ranges) {
+    if (joined.high == last) break;
+    if (range.low > AddressAfter(joined.high)) return false;
+    joined.high = std::max(joined.high, range.high);
+  }
+  return mCommon::IsWholeFamily(joined);
+}
+
 // What the readers take as it is, held against what it is for.
 class Rules {
  public:
@@ -233,19 +259,32 @@ class Rules {
 
   void CheckRelaying() {
     constexpr std::string_view kText = "Every client may send mail to every domain: ";
-    const std::vector<IPRange> ranges = configuration_.LocalIPs.Ranges();
-    for (std::size_t index = 0; index < ranges.size(); ++index) {
-      if (!mCommon::IsWholeFamily(ranges[index])) continue;
-      findings_.Add(Severity::kError, section_name::kCommon, "LocalIPs",
-                    findings_.EntryPlace(section_name::kCommon, "LocalIPs", index),
-                    std::string(kText) + Quoted(RangeText(ranges[index])) + " holds all addresses.");
-    }
+    CheckLocalIPs(std::string(kText));
     for (std::size_t index = 0; index < configuration_.LocalDomains.Count(); ++index) {
       const ListEntry entry = configuration_.LocalDomains.Entry(index);
       if (!MatchesEveryDomain(entry)) continue;
       findings_.Add(Severity::kError, section_name::kCommon, "LocalDomains",
                     findings_.EntryPlace(section_name::kCommon, "LocalDomains", index),
                     std::string(kText) + Quoted(EntryText(entry)) + " matches every domain.");
+    }
+  }
+
+  void CheckLocalIPs(const std::string& text) {
+    const std::vector<IPRange> ranges = configuration_.LocalIPs.Ranges();
+    std::array<bool, 2> is_told = {false, false};  // of IPv4 and IPv6
+    for (std::size_t index = 0; index < ranges.size(); ++index) {
+      if (!mCommon::IsWholeFamily(ranges[index])) continue;
+      is_told[ranges[index].low.IsIPv6() ? 1 : 0] = true;
+      const std::string_view place = findings_.EntryPlace(section_name::kCommon, "LocalIPs", index);
+      findings_.Add(Severity::kError, section_name::kCommon, "LocalIPs", place,
+                    text + (place.empty() ? Quoted(RangeText(ranges[index])) : Quoted(place)) +
+                        " holds all addresses.");
+    }
+    // Halves of the addresses do the same as all of them.
+    for (const bool is_ipv6 : {false, true}) {
+      if (is_told[is_ipv6 ? 1 : 0] || !TogetherHoldAll(ranges, is_ipv6)) continue;
+      AtKey(Severity::kError, section_name::kCommon, "LocalIPs",
+            text + "its entries together hold all addresses of " + (is_ipv6 ? "IPv6." : "IPv4."));
     }
   }
 
@@ -518,8 +557,8 @@ void CheckServer(const AddressAnswer& answer, const std::vector<IPAddress>& own,
     checked.findings.push_back(std::move(finding));
   };
   if (answer.error != 0) {
-    return add(Severity::kWarning, Quoted(configuration.ServerIP) + " is not found now: " +
-                                       std::string(SocketErrorText(answer.error)) + ".");
+    return add(Severity::kWarning, Quoted(configuration.ServerIP) +
+                                       " is not found now: " + std::string(SocketErrorText(answer.error)));
   }
   for (const ListenEndpoint& endpoint : ListenEndpoints(configuration)) {
     try {

@@ -133,12 +133,17 @@ TEST_F(CheckTest, FindsNamesThatThereAreNot) {
 
 TEST_F(CheckTest, FindsRelayingForAll) {
   const std::string text = "Every client may send mail to every domain: ";
-  EXPECT_EQ(
-      Found(Base() + "LocalIPs=10.0.0.0/8\nLocalIPs=::1,0.0.0.0/0,::/0\n"),
-      (Lines{"6: error: [Common] LocalIPs: " + text + "\"0.0.0.0-255.255.255.255\" holds all addresses.",
-             "6: error: [Common] LocalIPs: " + text +
-                 "\"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff\" holds all addresses."}));
-  EXPECT_EQ(Found(Base() + "LocalIPs=0.0.0.0-255.255.255.254\n"), Lines{});
+  const std::string local = ": error: [Common] LocalIPs: " + text;
+  EXPECT_EQ(Found(Base() + "LocalIPs=10.0.0.0/8\nLocalIPs=::1, 0.0.0.0/0,::/0\n"),
+            (Lines{"6" + local + "\"0.0.0.0/0\" holds all addresses.",
+                   "6" + local + "\"::/0\" holds all addresses."}));
+  EXPECT_EQ(Found(Base() + "LocalIPs=128.0.0.0/1,0.0.0.0-127.255.255.255\nLocalIPs=::/0\n"),
+            (Lines{"5" + local + "its entries together hold all addresses of IPv4.",
+                   "6" + local + "\"::/0\" holds all addresses."}));
+  EXPECT_EQ(Found(Base() + "LocalIPs=0.0.0.0/0,0.0.0.0/1\nLocalIPs=::/1,8000::/1\n"),
+            (Lines{"5" + local + "\"0.0.0.0/0\" holds all addresses.",
+                   "5" + local + "its entries together hold all addresses of IPv6."}));
+  EXPECT_EQ(Found(Base() + "LocalIPs=0.0.0.0-255.255.255.254,::/1,8000::1-ffff::\n"), Lines{});
   for (const char* entry : {"*", "?*", "*.*", "*?", "?*.?*", "**.**", "[]example", "* *.*", "???*"}) {
     EXPECT_EQ(Found(Base() + "LocalDomains=a.example," + entry + "\n"),
               (Lines{"5: error: [Common] LocalDomains: " + text + "\"" + entry + "\" matches every domain."}))
@@ -309,7 +314,7 @@ TEST_F(CheckTest, FindsWhatIsWrongInListFiles) {
              "x.ini:10: error: [ListFiles] Common.IPBlackList: Unable to read list file \"" +
                  (folder_ / "none") + "\". File not found.",
              "ranges:2: error: [Common] LocalIPs: Every client may send mail to every domain: "
-             "\"0.0.0.0-255.255.255.255\" holds all addresses.",
+             "\"0.0.0.0/0\" holds all addresses.",
              "ranges:3: error: [Common] LocalIPs: Invalid IP address: \"1.2.3\".",
              hosts + ":3: error: [Common] HostsWhiteList: Invalid Regular Expression in string: \"[x\".",
              hosts + ":4: warning: [Common] HostsWhiteList: \"b.example\" stands in HostsBlackList too."}));
@@ -372,7 +377,7 @@ TEST_F(CheckTest, FindsALoopAndAServerThatIsNotThere) {
     const std::string text =
         row.answer.error == 0
             ? "Loop detected: Server IP address and port point to listening address and port."
-            : "\"mail.test\" is not found now: " + std::string(SocketErrorText(11001)) + ".";
+            : "\"mail.test\" is not found now: " + std::string(SocketErrorText(11001));
     ASSERT_EQ(checked.findings.size(), 1U) << row.lines;
     EXPECT_EQ(FormatFinding(checked.findings[0]),
               "x.ini:" + std::string(row.found) + "[Common] ServerIP: " + text);
