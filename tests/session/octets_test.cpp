@@ -100,6 +100,30 @@ TEST(Octets, AreCounted) {
   EXPECT_GT(fixture.Sockets_().PassedBytes(), 3000000U);
 }
 
+TEST(Octets, CountTowardsTheSizeThatIsEnforced) {
+  SessionFixture fixture;
+  fixture.Settings.AddReceived = false;
+  fixture.Settings.Service.EnforceMaxSize = true;
+  fixture.Settings.MaxSize = 1500000 * kFixedPointOne;
+  ASSERT_EQ(fixture.Play(Greeting() + Ehlo({"CHUNKING", "SIZE 1500000"}) + MailAndRcpt()), "");
+  const auto say = [&](const std::string& chunk, const auto& until) {
+    std::size_t sent = 0;
+    return fixture.Until([&] {
+      sent += fixture.ClientPeer().Send(std::string_view(chunk).substr(sent));
+      return sent == chunk.size() && until();
+    });
+  };
+  const std::string first = "BDAT 1000000\r\n" + Octets(1000000);
+  ASSERT_TRUE(say(first, [&] { return fixture.ServerPeer().Received().size() >= first.size(); }));
+  EXPECT_GT(fixture.Sockets_().PassedBytes(), 0U);
+  fixture.ServerPeer().Received().clear();
+  ASSERT_EQ(fixture.Play("S: 250 ok\n<- 250 ok"), "");
+  const std::string second = "BDAT 600000 LAST\r\n" + Octets(600000);
+  ASSERT_TRUE(say(second, [&] { return !fixture.ClientPeer().Received().empty(); }));
+  EXPECT_EQ(fixture.ServerPeer().Received(), "");
+  ASSERT_EQ(fixture.Play("<- 552 5.3.4 Message size (1600000 bytes) *\nclosed both"), "");
+}
+
 // A session that ends while octets wait for a server gives back what they wait in.
 TEST(Octets, OfASessionThatEnds) {
   SessionFixture fixture;
