@@ -168,7 +168,8 @@ class ExplainedSession final : private SessionFacts, private DialogueActions {
     Exchange(line);
     End(step);
     if (step.reply && step.reply->key == FindPolicyReply(ReplyKind::kMailSize).key) {
-      step.notes.push_back("the limit is " + FormatWhole(dialogue_.State().offered.SizeLimit) + " bytes");
+      step.notes.push_back((LimitIsTheServers() ? "the server's limit is " : "the limit is ") +
+                           FormatWhole(dialogue_.State().offered.SizeLimit) + " bytes");
     }
     if (client_.from) {
       TakeRewriting(step, *client_.from);
@@ -287,6 +288,9 @@ class ExplainedSession final : private SessionFacts, private DialogueActions {
     bool sent;
   };
 
+  // Of two limits the smaller one counts.
+  bool LimitIsTheServers() const { return dialogue_.State().offered.SizeLimit < configuration_.MaxSize; }
+
   // The key that a refusal rests on. Those without a list rest on a number.
   std::optional<Ground> DecidedBy(const Own& own, const GroundNotes::Notes& notes) const {
     switch (own.kind) {
@@ -301,6 +305,7 @@ class ExplainedSession final : private SessionFacts, private DialogueActions {
       case ReplyKind::kMailTooManyTransactions:
         return notes_.Value(kCommon, is_local_ ? "MaxTransactionsLocal" : "MaxTransactionsRemote");
       case ReplyKind::kMailSize:
+        if (LimitIsTheServers()) break;
         return notes_.Value(kCommon, "MaxSize");
       case ReplyKind::kRcptTooManyRecipients:
         return notes_.Value(kCommon, is_local_ ? "MaxRecipientsLocal" : "MaxRecipientsRemote");

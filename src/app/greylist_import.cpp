@@ -219,7 +219,12 @@ void SetRecord(const GreyListToolInputs& inputs, cGreyListingData record) {
 
 ControlReply ImportRecords(const GreyListToolInputs& inputs, const std::string& path, bool replace) {
   // What cannot be read, and a line that is wrong, leave the records as they are: errors end an answer.
-  auto import = std::make_shared<Import>(inputs, path, replace);
+  std::shared_ptr<Import> import;
+  try {
+    import = std::make_shared<Import>(inputs, path, replace);
+  } catch (const Error& error) {
+    throw Error(error.Number(), error.Source(), Quoted(path) + ": " + error.Description());
+  }
   return ControlSlices([import](ControlAnswer& slice) { return import->Step(slice); });
 }
 

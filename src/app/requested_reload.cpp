@@ -37,7 +37,7 @@ void RequestedReload::TakeWaiting() {
     static_cast<void>(reload_.TakeFileNow());
   } catch (const Error& error) {
     mCommon::LogUnreadableIniFile(program_.log, program_.ini_file.path, error, {});
-    AddError(error.Description());
+    AddError(mCommon::UnreadableIniFileText(program_.ini_file.path, error));
     if (program_.window) program_.window->Reloaded(false);
     return Answer(false);
   }

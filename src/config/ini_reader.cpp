@@ -107,10 +107,13 @@ bool ReadIniText(std::string_view path, std::string text, SectionStore& store, c
   return true;
 }
 
+std::string UnreadableIniFileText(std::string_view path, const Error& error) {
+  return "Error reading initialization file " + Quoted(path) +
+         ". Error number: " + std::to_string(error.Number()) + ", Description: " + error.Description();
+}
+
 void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error, std::string_view consequence) {
-  log.LogProblem("Error reading initialization file " + Quoted(path) + ". Error number: " +
-                     std::to_string(error.Number()) + ", Description: " + error.Description(),
-                 consequence);
+  log.LogProblem(UnreadableIniFileText(path, error), consequence);
 }
 
 IniText TakeIniFile(std::string_view path) {

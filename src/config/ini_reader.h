@@ -48,7 +48,9 @@ IniReadResult ReadIniFile(InitializationFile& file, SectionStore& store, const I
 // The same from a text; `path` is for messages. False: abandoned.
 bool ReadIniText(std::string_view path, std::string text, SectionStore& store, const IniErrors& errors);
 
-// Writes the line about a file that is missing or cannot be read. `consequence` as in ReportConfigError.
+// What is said of a file that is missing or cannot be read.
+std::string UnreadableIniFileText(std::string_view path, const Error& error);
+// Writes it as a line of the log. `consequence` as in ReportConfigError.
 void LogUnreadableIniFile(Log& log, std::string_view path, const Error& error, std::string_view consequence);
 
 }  // namespace mCommon

@@ -262,8 +262,11 @@ void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
   const bool has_recipient = stage == "rcpt" && reply.kind != ReplyKind::kRcptAddressSyntax;
   const bool has_sender = stage == "rcpt" || stage == "data" || stage == "content" ||
                           (stage == "mail" && reply.kind != ReplyKind::kMailAddressSyntax);
-  if (has_sender) line.Text("from", reply.requested.Sender);
-  if (has_recipient) line.Text("to", reply.requested.Recipient);
+  // Without a transaction there is none.
+  const bool out_of_order = FindPolicyReply(reply.kind).after == AfterReply::kCount;
+  const auto is_none = [&](std::string_view address) { return out_of_order && address.empty(); };
+  if (has_sender && !is_none(reply.requested.Sender)) line.Text("from", reply.requested.Sender);
+  if (has_recipient && !is_none(reply.requested.Recipient)) line.Text("to", reply.requested.Recipient);
   if (!reply.list.name.empty()) {
     line.Text("list", reply.list.name);
     entry_.clear();

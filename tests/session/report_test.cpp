@@ -214,6 +214,16 @@ TEST(Report, EveryRefusalIsALineWithItsKeyAndACount) {
   for (const CountedReply& reply : CountedReplies()) EXPECT_TRUE(seen.contains(reply.key)) << reply.key;
 }
 
+TEST(Report, ARefusalWithoutATransactionNamesNoAddresses) {
+  for (const char* said : {"DATA", "RCPT TO:<a@b.test>", "BDAT 0 LAST"}) {
+    Reported test;
+    ASSERT_EQ(test.fixture.Play(Greeted() + "C: " + said + "\n<- 503 *"), "") << said;
+    EXPECT_THAT(test.Lines("refusal"),
+                ElementsAre(AllOf(Not(HasSubstr("\"from\":")), Not(HasSubstr("\"to\":")))))
+        << said;
+  }
+}
+
 TEST(Report, NothingOfAuthenticationDataIsInALine) {
   Reported test;
   test.fixture.Settings.Service.JsonEvents = {"refusal", "session", "error", "message", "greylisting"};

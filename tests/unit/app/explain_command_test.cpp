@@ -102,6 +102,21 @@ TEST_F(ExplainCommandTest, NamesWhatIsNotGiven) {
   EXPECT_EQ(Run({"client=127.0.0.1", "to=a@other.example"}), 0) << "RestrictedSenders needs the sender";
 }
 
+TEST_F(ExplainCommandTest, SaysWhoseLimitAMessageExceeds) {
+  WriteIni("[Common]\nLocalDomains=x.example\nMaxSize=1000\n");
+  const std::vector<std::string> mail = {"client=192.0.2.1", "helo=c.test", "from=a@b.test",
+                                         "to=a@x.example"};
+  const auto with = [&](std::vector<std::string> more) {
+    more.insert(more.begin(), mail.begin(), mail.end());
+    return more;
+  };
+  EXPECT_EQ(Run(with({"size=1001", "ext=SIZE 2000"})), 10);
+  EXPECT_THAT(Lines()[3],
+              HasSubstr(" refused by [Common] MaxSize, \"1000\", x.ini:3; the limit is 1000 bytes"));
+  EXPECT_EQ(Run(with({"size=600", "ext=SIZE 500"})), 10);
+  EXPECT_THAT(Lines()[3], HasSubstr("refused, MAIL.Size; the server's limit is 500 bytes"));
+}
+
 TEST_F(ExplainCommandTest, StopsWhereTheSessionDoes) {
   WriteIni(std::string(kIni));
   EXPECT_EQ(Run({"client=203.0.113.1", "name=mail.test", "to=a@x.example"}), 10);

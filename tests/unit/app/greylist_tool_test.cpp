@@ -277,7 +277,12 @@ TEST_F(GreyListToolTest, BadLineChangesNothing) {
       }
     }
   }
-  EXPECT_THROW(Ask({"import", folder_ / "missing"}), Error);
+  try {
+    Ask({"import", folder_ / "missing"});
+    ADD_FAILURE();
+  } catch (const Error& error) {
+    EXPECT_EQ(error.Description(), "\"" + (folder_ / "missing") + "\": File not found");
+  }
   EXPECT_EQ(Ask({"export"}).text, before);
   EXPECT_FALSE(database_.Changed());
   EXPECT_THAT(holds_, ElementsAre());

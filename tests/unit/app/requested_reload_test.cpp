@@ -173,6 +173,8 @@ TEST_F(RequestedReloadTest, AFileThatIsNoneIsRefusedEachTime) {
   std::filesystem::remove(ini_);
   Ask();
   EXPECT_THAT(log_.back(), HasSubstr("Error number: 53, Description: File not found"));
+  // Who asks is told what a check tells.
+  EXPECT_THAT(Reload().findings, ElementsAre(ini_ + ": error: " + log_.back()));
   EXPECT_EQ(Settings().Timeout, 100);
   EXPECT_FALSE(Window().Unloaded());
 }
