@@ -4,6 +4,7 @@
 #include <cmath>
 #include <initializer_list>
 #include <span>
+#include <type_traits>
 #include <utility>
 
 #include "base/text.h"
@@ -68,7 +69,14 @@ class Writer {
  private:
   template <class Number>
   std::string_view NumberText(Number value) {
-    const auto end = std::to_chars(digits_.data(), digits_.data() + digits_.size(), value).ptr;
+    char* const last = digits_.data() + digits_.size();
+    char* end = nullptr;
+    if constexpr (std::is_floating_point_v<Number>) {
+      // As every other program writes the bounds of a histogram: 0.0005, not 5e-04.
+      end = std::to_chars(digits_.data(), last, value, std::chars_format::fixed).ptr;
+    } else {
+      end = std::to_chars(digits_.data(), last, value).ptr;
+    }
     return {digits_.data(), static_cast<std::size_t>(end - digits_.data())};
   }
   template <class Number>
@@ -78,7 +86,7 @@ class Writer {
 
   std::string& out_;
   std::string_view name_;
-  std::array<char, 40> digits_{};
+  std::array<char, 400> digits_{};
 };
 
 std::string_view VerbOf(std::size_t command) {

@@ -145,6 +145,7 @@ TEST(StatusText, ShowsWhatWasCounted) {
       {"bytes_total{side=\"server\",direction=\"in\"}", "300"},
       {"greylisting_total{outcome=\"callback\"}", "7"},
       {"lookups_total{kind=\"address\",result=\"timeout\"}", "4"},
+      {"server_connect_seconds_bucket{le=\"0.0005\"}", "0"},
       {"server_connect_seconds_bucket{le=\"0.01\"}", "0"},
       {"server_connect_seconds_bucket{le=\"0.025\"}", "1"},
       {"server_connect_seconds_bucket{le=\"+Inf\"}", "1"},
