@@ -30,11 +30,12 @@ class Packages(Scenario):
         lines = [line for line in (REPO / "packages.txt").read_text(encoding="utf-8").splitlines()
                  if line and not line.startswith("#")]
         sections = [line for line in lines if line.startswith("[")]
-        self.assertEqual(sections, ["[run]", "[test]", "[fresh]"])
-        self.assertEqual(packages_of("run", "test", "fresh"), [line for line in lines if line not in sections])
+        names = ["run", "test", "package", "full", "package-test", "package-root", "fresh"]
+        self.assertEqual(sections, [f"[{name}]" for name in names])
+        self.assertEqual(packages_of(*names), [line for line in lines if line not in sections])
 
     def test_nothing_is_installed_twice(self):
-        for sections in (["run", "test"], ["fresh"]):
+        for sections in (["run", "test", "full"], ["run", "package"], ["package-root"], ["fresh"]):
             packages = packages_of(*sections)
             self.assertEqual(sorted(set(packages)), sorted(packages))
 
@@ -49,10 +50,24 @@ class Packages(Scenario):
             self.assertEqual(run("scripts/install-packages", *arguments), (1, f"install-packages: {message}\n"))
 
     def test_each_command_installs_its_own(self):
+        # A folder in which the commands only say what they would install.
+        folder = self.place.new_folder("checkout")
+        (folder / "scripts").mkdir()
+        for name in ("install-packages", "build", "run-tests", "run-fresh", "run-package-test"):
+            script = folder / "scripts" / name
+            end = 'echo "$*"; exit 1' if name == "install-packages" else "exit 1"
+            script.write_text(f"#!/bin/sh\n{end}\n", encoding="utf-8")
+            script.chmod(0o755)
         # (the command, which sections it asks for)
-        for command, sections in (("run", "run"), ("test", "run test")):
-            text = (REPO / command).read_text(encoding="utf-8")
-            self.assertIn(f"scripts/install-packages {sections}\n", text, command)
+        for command, sections in ((["run"], "run"), (["test"], "run test"), (["test", "--quick"], "run test"),
+                                  (["test", "--full"], "run test full"), (["test", "--fresh"], "fresh"),
+                                  (["test", "--package"], "run package fresh package-test"), (["package"], "run package")):
+            if command[-1] in ("--fresh", "--package") and os.geteuid() != 0:
+                continue  # they say so
+            with self.subTest(command=command):
+                shutil.copy(REPO / command[0], folder)
+                status, said = run(f"./{command[0]}", *command[1:], cwd=folder)
+                self.assertEqual((status, said.splitlines()[:1]), (1, [sections]))
 
 
 @only_ipv4("no client comes")
@@ -106,24 +121,28 @@ class Builds(Scenario):
 class Counts(Scenario):
     """What the build service is told."""
 
-    def test_both_commands_count(self):
-        # (what ./test says, its status, what ./test --fresh says, its status; the last line, the status in all)
-        cases = [("10 passed, 0 failed", 0, "5 passed, 0 failed", 0, "15 passed, 0 failed", 0),
-                 ("10 passed, 0 failed, 2 skipped", 0, "5 passed, 0 failed", 0, "15 passed, 0 failed", 0),
-                 ("9 passed, 1 failed", 1, "5 passed, 0 failed", 0, "14 passed, 1 failed", 1),
-                 ("10 passed, 0 failed", 0, "3 passed, 2 failed", 1, "13 passed, 2 failed", 1),
-                 ("10 passed, 0 failed", 1, "5 passed, 0 failed", 0, "15 passed, 1 failed", 1),
-                 ("no compiler", 1, "5 passed, 0 failed", 0, "5 passed, 1 failed", 1),
-                 ("10 passed, 0 failed", 0, "not root", 1, "10 passed, 1 failed", 1)]
+    def test_all_commands_count(self):
+        good = ("5 passed, 0 failed", 0)
+        # (what ./test --full, --package and --fresh say, and their statuses; the last line, the status in all)
+        cases = [(("10 passed, 0 failed", 0), good, good, "20 passed, 0 failed", 0),
+                 (("10 passed, 0 failed, 2 skipped", 0), good, good, "20 passed, 0 failed", 0),
+                 (("9 passed, 1 failed", 1), good, good, "19 passed, 1 failed", 1),
+                 (good, ("8 passed, 2 failed", 1), good, "18 passed, 2 failed", 1),
+                 (good, good, ("3 passed, 2 failed", 1), "13 passed, 2 failed", 1),
+                 (("10 passed, 0 failed", 1), good, good, "20 passed, 1 failed", 1),
+                 (("no compiler", 1), good, good, "10 passed, 1 failed", 1),
+                 (good, ("not root", 1), ("not root", 1), "5 passed, 2 failed", 1)]
         folder = self.place.new_folder("checkout")
         shutil.copytree(REPO / ".ci", folder / ".ci")
-        for all_said, all_status, fresh_said, fresh_status, last, status in cases:
-            with self.subTest(all_said=all_said, all_status=all_status, fresh_said=fresh_said):
+        for full, package, fresh, last, status in cases:
+            with self.subTest(full=full, package=package, fresh=fresh):
                 test = folder / "test"
-                test.write_text(f'#!/bin/sh\nif [ "$1" = --fresh ]; then echo "{fresh_said}"; exit {fresh_status}; fi\n'
-                                f'echo "{all_said}"; exit {all_status}\n', encoding="utf-8")
+                answers = "".join(f'--{name}) echo "{said}"; exit {its_status} ;;\n' for name, (said, its_status) in
+                                  (("full", full), ("package", package), ("fresh", fresh)))
+                test.write_text(f'#!/bin/sh\ncase "$1" in\n{answers}esac\n', encoding="utf-8")
                 test.chmod(0o755)
-                self.assertEqual(run("bash", ".ci/run", cwd=folder), (status, f"{all_said}\n{fresh_said}\n{last}\n"))
+                self.assertEqual(run("bash", ".ci/run", cwd=folder),
+                                 (status, "".join(f"{said}\n" for said in (full[0], package[0], fresh[0], last))))
 
 
 if __name__ == "__main__":
