@@ -150,10 +150,7 @@ TEST_F(SendBatchTest, TheLastWordsComeBeforeTheEnd) {
 }
 
 TEST_F(SendBatchTest, WhatTheKernelDoesNotTakeGoesWhenItCan) {
-  receive_buffer = 1;
-  const std::set<int> before = OpenDescriptors();
-  ConnectRaw();
-  ShrinkSendBuffer(before);
+  ConnectRawWithSmallBuffers();
   sockets.Watch(ours, &sink);
   RunUntilIdle(loop);
   sink.writes = 0;
@@ -176,10 +173,7 @@ TEST_F(SendBatchTest, WhatTheKernelDoesNotTakeGoesWhenItCan) {
 }
 
 TEST_F(SendBatchTest, AnEndWaitsForWhatTheKernelDidNotTake) {
-  receive_buffer = 1;
-  const std::set<int> before = OpenDescriptors();
-  ConnectRaw();
-  ShrinkSendBuffer(before);
+  ConnectRawWithSmallBuffers();
   sockets.Watch(ours, &sink);
   const std::string all = SayUntilFull();
   InIteration([&] {

@@ -44,14 +44,17 @@ class Sink final : public SocketSink {
 
 class LinuxSocketsTest : public testing::Test {
  protected:
-  // A listener of ours and a client that the test drives by itself.
-  void ConnectRaw() {
-    SocketHandle listener;
-    Endpoint address;
+  void Listen(SocketHandle& listener, Endpoint& address) {
     ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
     ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
     ASSERT_EQ(sockets.Listen(listener, 0), 0);
     ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
+  }
+  // A listener of ours and a client that the test drives by itself.
+  void ConnectRaw() {
+    SocketHandle listener;
+    Endpoint address;
+    Listen(listener, address);
     raw = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in to{};
     to.sin_family = AF_INET;
@@ -63,8 +66,11 @@ class LinuxSocketsTest : public testing::Test {
     RunUntil(loop, [&] { return (result = sockets.Accept(listener, ours)) != 10035; });
     ASSERT_EQ(result, 0);
   }
-  // The next sends of ours fill its buffer soon. `before` is OpenDescriptors() before ConnectRaw().
-  static void ShrinkSendBuffer(const std::set<int>& before) {
+  // The same with small buffers, which the next sends of ours fill soon.
+  void ConnectRawWithSmallBuffers() {
+    receive_buffer = 1;
+    const std::set<int> before = OpenDescriptors();
+    ConnectRaw();
     const int smallest = 1;
     for (const int descriptor : OpenDescriptors()) {
       if (before.count(descriptor) == 0)

@@ -121,10 +121,7 @@ TEST_F(LinuxSocketsTest, UrgentDataStopsAReceiveThatCameBeforeTheNotification) {
 
 TEST_F(LinuxSocketsTest, ASendThatTookNothingIsFollowedByFdWrite) {
   // Small buffers, so that single bytes, which are taken whole or not at all, fill them soon.
-  receive_buffer = 1;
-  const std::set<int> before = OpenDescriptors();
-  ConnectRaw();
-  ShrinkSendBuffer(before);
+  ConnectRawWithSmallBuffers();
   sockets.Watch(ours, &sink);
   RunUntilIdle(loop);
   ASSERT_EQ(sink.writes, 1);
@@ -209,10 +206,7 @@ TEST_F(LinuxSocketsTest, NewConnectionsDoNotWaitForAnIterationEachWhileOthersAre
   Acceptor acceptor(sockets);
   SocketHandle listener;
   Endpoint address;
-  ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
-  ASSERT_EQ(sockets.BindExclusively(listener, {kLoopback, 0}), 0);
-  ASSERT_EQ(sockets.Listen(listener, 0), 0);
-  ASSERT_EQ(sockets.LocalEndpoint(listener, address), 0);
+  Listen(listener, address);
   sockets.Watch(listener, &acceptor);
   SocketHandle callers[kCallers];
   for (SocketHandle& caller : callers) {
