@@ -196,25 +196,26 @@ TEST(PackagedFile, HasEverySettingWithItsValuesItsDefaultAndAnExample) {
   for (const auto& [name, said] : shown) ADD_FAILURE() << name << " is no setting" << kMakeFiles;
 }
 
-TEST(PackagedFile, LoadsAndTakesNothingUnchecked) {
-  const std::string text = SourceFile("packaging/sample.ini");
-  LoadedText loaded(text, false);
+// Loads without a word, and lets nothing take effect that was not checked.
+void ExpectToBeCareful(LoadedText& loaded, const std::string& text) {
   EXPECT_TRUE(loaded.result);
   ReadEarlyKeysFromText(text, {}, loaded.configuration, loaded.log);
   EXPECT_EQ(loaded.log.Lines(), Lines{});
   EXPECT_FALSE(loaded.configuration.AutoReload);
   EXPECT_FALSE(loaded.configuration.IgnoreIniErrors);
+}
+
+TEST(PackagedFile, LoadsAndTakesNothingUnchecked) {
+  const std::string text = SourceFile("packaging/sample.ini");
+  LoadedText loaded(text, false);
+  ExpectToBeCareful(loaded, text);
   EXPECT_EQ(loaded.configuration.Service.ServerTimeout, 300);
 }
 
 TEST(ContainersFile, LoadsAndTakesNoGatewayForALocalClient) {
   const std::string text = SourceFile("packaging/container/trabex.ini");
   LoadedText loaded(text, false);
-  EXPECT_TRUE(loaded.result);
-  ReadEarlyKeysFromText(text, {}, loaded.configuration, loaded.log);
-  EXPECT_EQ(loaded.log.Lines(), Lines{});
-  EXPECT_FALSE(loaded.configuration.AutoReload);
-  EXPECT_FALSE(loaded.configuration.IgnoreIniErrors);
+  ExpectToBeCareful(loaded, text);
   for (const char* gateway : {"172.17.0.1", "10.0.2.2", "192.168.127.1", "169.254.1.2"}) {
     EXPECT_FALSE(mCommon::IPInRangeList(*ParseIPAddress(gateway), loaded.configuration.LocalIPs)) << gateway;
   }
