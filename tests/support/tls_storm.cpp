@@ -59,14 +59,14 @@ class Client {
   bool Step() {
     std::array<char, 16384> space;
     std::size_t received = 0;
-    while (socket_.Receive(space, received) == SystemSocket::Outcome::kData) {
+    SystemSocket::Outcome outcome = socket_.Receive(space, received);
+    for (; outcome == SystemSocket::Outcome::kData; outcome = socket_.Receive(space, received)) {
       tls_.Feed({space.data(), received});
       tls_.Text().clear();
     }
-    const bool ended = socket_.Receive(space, received) != SystemSocket::Outcome::kNothingYet;
     unsent_ += tls_.Output();
     unsent_.erase(0, socket_.Send(unsent_));
-    return !ended && tls_.Error().empty() && !tls_.Ended();
+    return outcome == SystemSocket::Outcome::kNothingYet && tls_.Error().empty() && !tls_.Ended();
   }
   bool Secured() const { return tls_.Established() && unsent_.empty(); }
   // Makes the key updates that are due at `rate` a second; returns how many. What was missed for long is
