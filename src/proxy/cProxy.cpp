@@ -13,6 +13,9 @@ namespace {
 constexpr std::int32_t kLinePeekBytes = 16384;
 // Message content taken at a time, so that one busy session does not hold up the others.
 constexpr std::int32_t kContentChunk = 65536;
+// Of that, what goes on at a time when it comes encrypted: one record, which the caches still hold from its decryption
+// when it is sent.
+constexpr std::int32_t kContentRecord = 16384;
 // Command lines answered in one loop iteration, for the same reason.
 constexpr int kMaxLinesAtOnce = 32;
 // So much of what a server says last is taken although the client does not take it.
@@ -135,12 +138,28 @@ bool cProxy::MayTakeClientBytes() const {
 
 void cProxy::TakeClientBytes() {
   if (dialogue_.Expected() == ClientBytes::kHeader) return TakeHeader();
-  const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
-  if (!is_line && PassOctets()) return;
-  const std::string_view there = Receiver.Peek(is_line ? kLinePeekBytes : kContentChunk);
-  Receiver.Take(dialogue_.OnClientBytes(there, *this), there.size());
+  if (dialogue_.Expected() == ClientBytes::kContent) return TakeContent();
+  TakeUpTo(dialogue_.Expected() == ClientBytes::kLine ? kLinePeekBytes : kContentChunk);
   // Only now: what is not taken would be the beginning of the client's TLS.
   if (dialogue_.phase() == Phase::kStartTls) BeginTls();
+}
+
+bool cProxy::TakeUpTo(std::int32_t limit) {
+  const std::string_view there = Receiver.Peek(limit);
+  const std::size_t size = there.size();
+  Receiver.Take(dialogue_.OnClientBytes(there, *this), size);
+  return size == static_cast<std::size_t>(limit);
+}
+
+void cProxy::TakeContent() {
+  if (PassOctets()) return;
+  const std::int32_t piece = Receiver.Socket().Tls() != nullptr ? kContentRecord : kContentChunk;
+  std::int32_t left = kContentChunk;
+  do {
+    if (!TakeUpTo(piece)) return;
+    left -= piece;
+  } while (left > 0 && dialogue_.Expected() == ClientBytes::kContent && MayTakeClientBytes() &&
+           !Sender.HasEnded() && !IsOver());
 }
 
 void cProxy::TakeServerBytes() {

@@ -176,6 +176,9 @@ class cProxy final : public DeferredDeletable,
   void PumpLater();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
+  // Hands the dialogue up to `limit` of the client's bytes; returns whether so many were there.
+  bool TakeUpTo(std::int32_t limit);
+  void TakeContent();
   // Sends octets of content that nobody has to look at; returns whether there were any.
   bool PassOctets();
   void TakeServerBytes();

@@ -20,8 +20,8 @@ class SendBatch {
  public:
   using Slot = std::uint32_t;
   static constexpr Slot kNone = 0;
-  // Of one socket. More is not worth a copy.
-  static constexpr std::size_t kMaxBytes = 16384;
+  // Of one socket. More, such as a whole record's content, is not worth a copy.
+  static constexpr std::size_t kMaxBytes = 16383;
   // Sockets that wait, so that no peer waits long for what others have to say.
   static constexpr std::size_t kMaxDue = 16;
 
