@@ -322,10 +322,11 @@ std::vector<std::string> NearbyKeys(std::string_view key) {
 }
 
 // The macros that all replies have.
-constexpr std::array<std::string_view, 18> kMacros = {
-    "original",   "crlf",          "localhostname", "rfctime", "remotehostname", "remotehostip",
-    "helodomain", "bytesreceived", "bytessent",     "from",    "rcpt",           "fromdomain",
-    "rcptdomain", "maxsize",       "size",          "tls",     "tlscipher",      "tlspeer"};
+std::vector<std::string_view> MacroNames() {
+  std::vector<std::string_view> names = SessionMacros::Names();
+  names.insert(names.end(), {"original", "crlf"});
+  return names;
+}
 
 }  // namespace
 
@@ -350,12 +351,13 @@ std::string WhyNeverApplied(std::string_view key, const Configuration& configura
 }
 
 std::string UnknownMacro(std::string_view replacement) {
+  const std::vector<std::string_view> names = MacroNames();
   for (std::size_t begin = replacement.find("{%"); begin != std::string_view::npos;
        begin = replacement.find("{%", begin + 2)) {
     const std::size_t end = replacement.find("%}", begin + 2);
     if (end == std::string_view::npos) break;
     const std::string_view name = replacement.substr(begin + 2, end - begin - 2);
-    const bool known = std::any_of(kMacros.begin(), kMacros.end(),
+    const bool known = std::any_of(names.begin(), names.end(),
                                    [&](std::string_view macro) { return EqualNoCase(macro, name); });
     if (!known) return std::string(replacement.substr(begin, end + 2 - begin));
   }
@@ -364,7 +366,7 @@ std::string UnknownMacro(std::string_view replacement) {
 
 std::string MacroHint(std::string_view macro) {
   std::vector<std::string> macros;
-  for (const std::string_view name : kMacros) macros.push_back("{%" + std::string(name) + "%}");
+  for (const std::string_view name : MacroNames()) macros.push_back("{%" + std::string(name) + "%}");
   return DidYouMean(macro, macros);
 }
 

@@ -1,28 +1,46 @@
 #include "proxy/dialogue/session_macros.h"
 
+#include <algorithm>
+
 #include "base/text.h"
 
 namespace trabex {
 
+std::span<const SessionMacros::Macro> SessionMacros::Table() {
+  using M = const SessionMacros&;
+  static constexpr Macro kTable[] = {
+      {"localhostname", [](M m) { return m.configuration_.LocalHostName; }},
+      {"rfctime", [](M m) { return m.clock_.RFCDate(); }},
+      {"remotehostname", [](M m) { return m.facts_.ClientHostNameOrUnknown(); }},
+      {"remotehostip", [](M m) { return FormatIPAddress(m.facts_.ClientIP()); }},
+      {"helodomain", [](M m) { return m.requested_.HeloDomain; }},
+      {"bytesreceived", [](M m) { return std::to_string(m.bytes_received_); }},
+      {"bytessent", [](M m) { return std::to_string(m.facts_.BytesSent()); }},
+      {"from", [](M m) { return m.requested_.Sender; }},
+      {"rcpt", [](M m) { return m.requested_.Recipient; }},
+      {"fromdomain", [](M m) { return std::string(AddressDomain(m.requested_.Sender)); }},
+      {"rcptdomain", [](M m) { return std::string(AddressDomain(m.requested_.Recipient)); }},
+      {"maxsize", [](M m) { return FormatWhole(m.offered_.SizeLimit); }},
+      {"size", [](M m) { return FormatWhole(m.requested_.DeclaredSize); }},
+      {"tls", [](M m) { return m.facts_.TlsText().version; }},
+      {"tlscipher", [](M m) { return m.facts_.TlsText().cipher; }},
+      {"tlspeer", [](M m) { return m.facts_.TlsText().peer; }},
+  };
+  return kTable;
+}
+
+std::vector<std::string_view> SessionMacros::Names() {
+  std::vector<std::string_view> names;
+  for (const Macro& macro : Table()) names.push_back(macro.name);
+  return names;
+}
+
 std::optional<std::string> SessionMacros::Value(std::string_view name) const {
-  const std::string macro = ToLower(name);
-  if (macro == "localhostname") return configuration_.LocalHostName;
-  if (macro == "rfctime") return clock_.RFCDate();
-  if (macro == "remotehostname") return facts_.ClientHostNameOrUnknown();
-  if (macro == "remotehostip") return FormatIPAddress(facts_.ClientIP());
-  if (macro == "helodomain") return requested_.HeloDomain;
-  if (macro == "bytesreceived") return std::to_string(bytes_received_);
-  if (macro == "bytessent") return std::to_string(facts_.BytesSent());
-  if (macro == "from") return requested_.Sender;
-  if (macro == "rcpt") return requested_.Recipient;
-  if (macro == "fromdomain") return std::string(AddressDomain(requested_.Sender));
-  if (macro == "rcptdomain") return std::string(AddressDomain(requested_.Recipient));
-  if (macro == "maxsize") return FormatWhole(offered_.SizeLimit);
-  if (macro == "size") return FormatWhole(requested_.DeclaredSize);
-  if (macro == "tls") return facts_.TlsText().version;
-  if (macro == "tlscipher") return facts_.TlsText().cipher;
-  if (macro == "tlspeer") return facts_.TlsText().peer;
-  return std::nullopt;
+  const auto table = Table();
+  const auto macro =
+      std::find_if(table.begin(), table.end(), [&](const Macro& one) { return EqualNoCase(one.name, name); });
+  if (macro == table.end()) return std::nullopt;
+  return macro->value(*this);
 }
 
 }  // namespace trabex

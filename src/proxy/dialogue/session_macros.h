@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/clock.h"
 #include "config/configuration.h"
@@ -28,7 +30,16 @@ class SessionMacros final : public MacroSource {
 
   std::optional<std::string> Value(std::string_view name) const override;
 
+  // The names that Value knows, in lower case.
+  static std::vector<std::string_view> Names();
+
  private:
+  struct Macro {
+    std::string_view name;
+    std::string (*value)(const SessionMacros& macros);
+  };
+  static std::span<const Macro> Table();
+
   const Configuration& configuration_;
   const Clock& clock_;
   const SessionFacts& facts_;

@@ -11,6 +11,7 @@
 #include "config/ini_reader.h"
 #include "config/read_settings.h"
 #include "proxy/dialogue/policy_replies.h"
+#include "proxy/dialogue/session_macros.h"
 #include "support/recorded_log.h"
 #include "support/source_documents.h"
 
@@ -250,6 +251,27 @@ TEST(Macros, OfThePageAreAllKnown) {
   EXPECT_EQ(UnknownMacro("550 {%from%} {%From %}"), "{%From %}");
   EXPECT_EQ(UnknownMacro("550 {%from"), "");
   EXPECT_EQ(MacroHint("{%rcptdomaine%}"), " (did you mean \"{%rcptdomain%}\"?)");
+}
+
+// The table of macros in the page of settings.
+TEST(Macros, AreThoseOfThePage) {
+  const std::string text = SourceFile("docs/settings.md");
+  std::vector<std::string> documented;
+  bool in_section = false;
+  for (std::string_view line : Split(text, '\n')) {
+    if (line.starts_with("## ")) in_section = line == "## Section ResponseChanges";
+    if (!in_section || !line.starts_with("| `{%")) continue;
+    const auto cells = Cells(line);
+    ASSERT_EQ(cells.size(), 2U) << line;
+    EXPECT_FALSE(cells[1].empty()) << line;
+    const auto pieces = Split(cells[0], '`');
+    for (std::size_t i = 1; i < pieces.size(); i += 2) documented.emplace_back(pieces[i]);
+  }
+  std::vector<std::string> known = {"{%original%}", "{%crlf%}"};
+  for (const std::string_view name : SessionMacros::Names()) known.push_back("{%" + std::string(name) + "%}");
+  std::sort(documented.begin(), documented.end());
+  std::sort(known.begin(), known.end());
+  EXPECT_EQ(documented, known);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,28 +11,13 @@
 #include "config/settings_table.h"
 #include "proxy/dialogue/policy_replies.h"
 #include "proxy/dialogue/response_changes.h"
+#include "support/names_as_values.h"
 #include "support/source_documents.h"
 
 namespace trabex {
 namespace {
 
 using Words = std::vector<std::string>;
-
-// Every value is its own name in the document, so that the replies made of them read as they stand there.
-class NamesAsValues final : public MacroSource {
- public:
-  std::optional<std::string> Value(std::string_view macro) const override {
-    static const std::map<std::string_view, std::string> kNames = {
-        {"localhostname", "<LocalHostName>"},
-        {"remotehostname", "<host>"},
-        {"remotehostip", "<ip>"},
-        {"helodomain", "<helo>"},
-        {"maxsize", "<max>"},
-    };
-    const auto name = kNames.find(macro);
-    return name == kNames.end() ? "<" + std::string(macro) + ">" : name->second;
-  }
-};
 
 // The texts in backticks.
 Words CodeIn(std::string_view text) {
