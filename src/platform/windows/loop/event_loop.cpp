@@ -1,0 +1,267 @@
+// The event loop on a window's messages.
+#include "platform/event_loop.h"
+
+#include <algorithm>
+#include <cassert>
+#include <chrono>
+#include <utility>
+
+#include "platform/common/call_handler.h"
+#include "platform/device_error.h"
+#include "platform/windows/loop/event_loop_impl.h"
+
+namespace trabex {
+
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr Milliseconds kNoLimit{-1};
+constexpr Milliseconds kAskAnewInterval{1000};
+// Of the window itself, so that it is none of a socket's numbers.
+constexpr UINT kWakeMessage = WM_USER + 1;
+constexpr wchar_t kWindowClass[] = L"TrabexLoop";
+
+// A negative interval counts as none.
+Milliseconds Sane(Milliseconds interval) {
+  return std::max(interval, Milliseconds{0});
+}
+
+}  // namespace
+
+EventLoop::Impl::Impl(const Clock& the_clock) : clock(the_clock), asked_anew_(steady_clock::now()) {
+  WSADATA data{};
+  if (WSAStartup(MAKEWORD(2, 2), &data) != 0) RaiseDeviceError("EventLoop.EventLoop");
+  WNDCLASSEXW window_class{};
+  window_class.cbSize = sizeof window_class;
+  window_class.lpfnWndProc = &WindowProcedure;
+  window_class.hInstance = GetModuleHandleW(nullptr);
+  window_class.lpszClassName = kWindowClass;
+  RegisterClassExW(&window_class);  // a second loop finds it registered
+  window_ = CreateWindowExW(0, kWindowClass, L"Trabex", WS_POPUP, 0, 0, 0, 0, nullptr, nullptr,
+                            window_class.hInstance, nullptr);
+  if (window_ == nullptr) {
+    WSACleanup();
+    RaiseDeviceError("EventLoop.EventLoop");
+  }
+  SetWindowLongPtrW(window_, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(this));
+  thread_posts = std::make_shared<ThreadPosts>(window_, kWakeMessage);
+  AddSource(watched_fds);
+}
+
+EventLoop::Impl::~Impl() {
+  thread_posts->Close();
+  SetWindowLongPtrW(window_, GWLP_USERDATA, 0);
+  DestroyWindow(window_);
+  WSACleanup();
+}
+
+LRESULT CALLBACK EventLoop::Impl::WindowProcedure(HWND window, UINT message, WPARAM w, LPARAM l) {
+  auto* const loop = reinterpret_cast<Impl*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+  return loop != nullptr ? loop->OnWindowMessage(message, w, l) : DefWindowProcW(window, message, w, l);
+}
+
+LRESULT EventLoop::Impl::OnWindowMessage(UINT message, WPARAM w, LPARAM l) {
+  if (const auto handler = handlers_.find(message); handler != handlers_.end()) {
+    ++message_calls_;
+    LRESULT result = 0;
+    const MessageHandler handle = handler->second;  // it may be replaced in the call
+    CallHandler([&] { result = handle(w, l); });
+    return result;
+  }
+  if (const MessageTarget* const target = numbers_.Find(message, static_cast<SOCKET>(w))) {
+    EventSource* const source = target->source;
+    if (source->OnMessage(target->index, target->generation, WSAGETSELECTEVENT(l), WSAGETSELECTERROR(l))) {
+      ++message_calls_;
+    }
+    return 0;
+  }
+  // Otherwise the system would destroy the window.
+  if (message == WM_CLOSE) return 0;
+  return DefWindowProcW(window_, message, w, l);
+}
+
+void EventLoop::Impl::HandleMessage(UINT message, MessageHandler handler) {
+  if (handler) {
+    handlers_[message] = std::move(handler);
+  } else {
+    handlers_.erase(message);
+  }
+}
+
+void EventLoop::Impl::AddSource(EventSource& source) {
+  sources_.push_back(&source);
+}
+
+void EventLoop::Impl::RemoveSource(EventSource& source) {
+  numbers_.Forget(source);
+  // It may be called from one of the sources, so the others keep their places.
+  std::replace(sources_.begin(), sources_.end(), &source, static_cast<EventSource*>(nullptr));
+}
+
+int EventLoop::Impl::Select(const MessageTarget& target, long events, UINT& number) {
+  number = numbers_.Take(target);
+  if (number == 0) return WSAENOBUFS;
+  if (WSAAsyncSelect(target.socket, window_, number, events) == 0) return 0;
+  const int error = WSAGetLastError();
+  numbers_.GiveBack(std::exchange(number, 0));
+  return error;
+}
+
+void EventLoop::Impl::Deselect(SOCKET socket, UINT number, bool open) {
+  if (number == 0) return;
+  if (open) WSAAsyncSelect(socket, window_, 0, 0);
+  numbers_.GiveBack(number);
+}
+
+std::optional<Milliseconds> EventLoop::Impl::WaitLimit(Milliseconds wait) const {
+  const bool due = std::any_of(sources_.begin(), sources_.end(), [](const EventSource* source) {
+    return source != nullptr && source->IsDue();
+  });
+  if (due || work.Waiting()) return Milliseconds{0};
+  std::optional<Milliseconds> limit;
+  if (wait >= Milliseconds{0}) limit = wait;
+  if (const auto deadline = timers.NextDeadline()) {
+    // Rounded up: an iteration that wakes just before its timer would find nothing to do.
+    const auto until =
+        std::max(Milliseconds{0}, std::chrono::ceil<Milliseconds>(*deadline - clock.Monotonic()));
+    limit = limit ? std::min(*limit, until) : until;
+  }
+  return limit;
+}
+
+void EventLoop::Impl::AwaitMessages(std::optional<Milliseconds> limit) const {
+  const Milliseconds longest = kAskAnewInterval;
+  const auto wait = static_cast<DWORD>(std::min(limit.value_or(longest), longest).count());
+  MsgWaitForMultipleObjectsEx(0, nullptr, wait, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
+}
+
+std::size_t EventLoop::Impl::DispatchMessages() {
+  message_calls_ = 0;
+  MSG message{};
+  for (int i = 0; i < kMaxMessagesPerIteration && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != 0;
+       ++i) {
+    DispatchMessageW(&message);
+  }
+  return message_calls_;
+}
+
+void EventLoop::Impl::AskAnewIfDue() {
+  const auto now = steady_clock::now();
+  if (now - asked_anew_ < kAskAnewInterval) return;
+  asked_anew_ = now;
+  for (EventSource* const source : sources_) {
+    if (source != nullptr) source->AskAnew();
+  }
+}
+
+std::size_t EventLoop::Impl::WorkOnce() {
+  std::size_t calls = work.CallPosts();
+  calls += thread_posts->CallAll();
+  for (std::size_t i = 0; i < sources_.size(); ++i) {
+    if (sources_[i] != nullptr) calls += sources_[i]->CallDue();
+  }
+  calls += DispatchMessages();
+  calls += timers.CallDue(clock.Monotonic());
+  AskAnewIfDue();
+  calls += work.EndIteration();
+  std::erase(sources_, nullptr);
+  return calls;
+}
+
+bool EventLoop::Impl::Iterate(Milliseconds wait) {
+  assert(!in_iteration);  // it was run from inside one of its calls
+  if (in_iteration) return false;
+  in_iteration = true;
+  const std::optional<Milliseconds> limit = WaitLimit(wait);
+  const auto end = steady_clock::now() + limit.value_or(Milliseconds{0});
+  std::size_t calls = 0;
+  // A message that reaches nobody, or a look at what was silent, is no reason to end.
+  for (std::optional<Milliseconds> left = limit;;) {
+    AwaitMessages(left);
+    const MonotonicTime began = turn_observer ? clock.Monotonic() : MonotonicTime();
+    calls = WorkOnce();
+    if (turn_observer) turn_observer(clock.Monotonic() - began);
+    if (calls > 0) break;
+    if (!limit) continue;
+    const auto now = steady_clock::now();
+    if (now >= end) break;
+    left = std::chrono::ceil<Milliseconds>(end - now);
+    if (WaitLimit(*left) == Milliseconds{0}) left = Milliseconds{0};
+  }
+  in_iteration = false;
+  return calls > 0;
+}
+
+EventLoop::EventLoop(const Clock& clock) : impl_(std::make_unique<Impl>(clock)) {}
+
+EventLoop::~EventLoop() {
+  impl_->work.Clear();
+}
+
+void EventLoop::Run() {
+  while (!impl_->quit) impl_->Iterate(kNoLimit);
+  impl_->quit = false;
+}
+
+void EventLoop::Quit() {
+  impl_->quit = true;
+}
+
+bool EventLoop::RunOnce(Milliseconds wait) {
+  return impl_->Iterate(Sane(wait));
+}
+
+void EventLoop::Post(std::function<void()> action) {
+  impl_->work.Post(std::move(action));
+}
+
+void EventLoop::OnIterationEnd(std::function<void()> action) {
+  impl_->work.OnIterationEnd(std::move(action));
+}
+
+void EventLoop::DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
+  impl_->work.DeferredDelete(std::move(object));
+}
+
+void EventLoop::ObserveTurns(std::function<void(std::chrono::nanoseconds)> observer) {
+  impl_->turn_observer = std::move(observer);
+}
+
+const Clock& EventLoop::GetClock() const {
+  return impl_->clock;
+}
+
+struct Timer::State {
+  EventLoop::Impl& loop;
+  TimerEntry entry;
+};
+
+Timer::Timer(EventLoop& loop, Milliseconds interval, std::function<void()> tick)
+    : state_(new State{loop.GetImpl(), {}}) {
+  state_->entry.interval = Sane(interval);
+  state_->entry.tick = std::move(tick);
+}
+
+Timer::~Timer() {
+  state_->loop.timers.Forget(state_->entry);
+}
+
+void Timer::Enable() {
+  state_->loop.timers.Arm(state_->entry, state_->loop.clock.Monotonic() + state_->entry.interval);
+}
+
+void Timer::Disable() {
+  state_->loop.timers.Disarm(state_->entry);
+}
+
+bool Timer::Enabled() const {
+  return state_->entry.position != TimerEntry::kNowhere;
+}
+
+void Timer::SetInterval(Milliseconds interval) {
+  state_->entry.interval = Sane(interval);
+  if (Enabled()) Enable();
+}
+
+}  // namespace trabex
