@@ -397,13 +397,6 @@ class Rules {
               (state == FolderState::kMissing ? "missing." : "not writable for this user."));
   }
 
-  // The folder that `path` lies in; "." for a name alone.
-  static std::string FolderOf(std::string path) {
-    const std::size_t separator = path.find_last_of(kPathSeparator);
-    if (separator == std::string::npos) return ".";
-    return path.substr(0, std::max<std::size_t>(separator, 1));
-  }
-
   void CheckFolders() {
     std::string log_folder;
     if (configuration_.Log != log_mode::kOff) {

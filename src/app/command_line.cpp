@@ -6,6 +6,7 @@
 #include "app/version.h"
 #include "base/numbers.h"
 #include "base/text.h"
+#include "platform/process.h"
 
 namespace trabex {
 
@@ -98,11 +99,14 @@ const SwitchName* FindSwitch(std::string_view token) {
   return found == kSwitchNames.end() ? nullptr : found;
 }
 
+std::string_view WithoutQuotes(std::string_view token) {
+  const bool quoted = token.size() >= 2 && token.starts_with('"') && token.ends_with('"');
+  return quoted ? token.substr(1, token.size() - 2) : token;
+}
+
 // The path that `token` names: without surrounding double quotes, nothing when that leaves nothing.
 std::optional<std::string> Path(std::string_view token) {
-  if (token.size() >= 2 && token.starts_with('"') && token.ends_with('"')) {
-    token = token.substr(1, token.size() - 2);
-  }
+  token = WithoutQuotes(token);
   if (token.empty()) return std::nullopt;
   return std::string(token);
 }
@@ -137,7 +141,7 @@ class Parser {
       return true;
     }
     if (!only_arguments_ && !IsArgument(token)) return false;
-    line_.request.emplace_back(as_typed);
+    line_.request.emplace_back(kTokensKeepQuotes ? WithoutQuotes(token) : as_typed);
     return true;
   }
 

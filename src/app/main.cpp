@@ -1,5 +1,5 @@
 #include <exception>
-#include <iostream>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -7,16 +7,24 @@
 #include "app/version.h"
 #include "console/main_view.h"
 #include "platform/clock.h"
+#include "platform/message.h"
+#include "platform/process.h"
 
 int main(int argc, char** argv) {
   trabex::PrepareProcess(argc, argv);
+  trabex::CommandStreams streams;
   try {
-    const std::vector<std::string_view> arguments(argv + (argc > 0 ? 1 : 0), argv + argc);
+    const std::vector<std::string> tokens = trabex::CommandLineTokens(argc, argv);
+    const std::vector<std::string_view> arguments(tokens.begin(), tokens.end());
     const trabex::SystemClock clock;
-    return trabex::RunProgram(arguments, {.clock = clock, .out = std::cout, .err = std::cerr});
+    return trabex::RunProgram(
+        arguments, {.clock = clock, .out = streams.Out(), .err = streams.Err(), .answered = [&streams] {
+                      streams.Show();
+                    }});
   } catch (const std::exception& error) {
-    // The system refused what nothing can be done without: memory, an event queue.
-    std::cerr << trabex::kApplicationTitle << ": " << error.what() << '\n';
+    // The system refused what nothing can be done without: memory, an event queue. Or the command line is no such.
+    streams.Err() << trabex::kApplicationTitle << ": " << error.what() << '\n';
+    streams.Show();
     return 1;
   }
 }

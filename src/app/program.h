@@ -46,6 +46,8 @@ struct Dependencies {
   std::ostream& err;
   // Where the operator is told of problems once there may be sessions; never waits.
   std::function<void(std::string_view text)> show = ShowMessage;
+  // Called when a command line that is no start was answered in `out` and `err`.
+  std::function<void()> answered = [] {};
   std::string program_directory = ProgramDirectory();
   std::string program_name = ProgramName();  // without extension; begins the names of its files
   std::function<std::unique_ptr<NameLookup>(EventLoop&)> make_names = [](EventLoop& loop) {

@@ -1,7 +1,7 @@
 #include "app/start_up.h"
 
 #include <algorithm>
-#include <filesystem>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,7 +29,7 @@ std::vector<std::string> WithWholePath(std::vector<std::string> request) {
   if (request.size() < 3 || request[0] != "GREYLIST" || request[1] != "import") return request;
   const auto file = std::find_if(request.begin() + 2, request.end(),
                                  [](const std::string& argument) { return !argument.starts_with("--"); });
-  if (file != request.end()) *file = std::filesystem::absolute(*file).string();
+  if (file != request.end()) *file = AbsolutePath(*file);
   return request;
 }
 
@@ -116,10 +116,14 @@ class StartUp {
   const CommandLine& line_;
 };
 
-}  // namespace
+// Whether somebody waits for an answer to `line`. Who asks for an end is a script as often as a person, and gets it
+// without a word.
+bool IsQuestion(const CommandLine& line) {
+  return line.result != CommandLine::Result::kStart || line.check || line.dump || line.explain ||
+         !line.request.empty();
+}
 
-int RunProgram(std::span<const std::string_view> arguments, Dependencies dependencies) {
-  const CommandLine line = ParseCommandLine(arguments);
+int Run(const CommandLine& line, Dependencies dependencies) {
   switch (line.result) {
     case CommandLine::Result::kShow:
       dependencies.out << line.message << '\n';
@@ -132,6 +136,16 @@ int RunProgram(std::span<const std::string_view> arguments, Dependencies depende
   }
   Program program(std::move(dependencies));
   return StartUp(program, line).Run();
+}
+
+}  // namespace
+
+int RunProgram(std::span<const std::string_view> arguments, Dependencies dependencies) {
+  const CommandLine line = ParseCommandLine(arguments);
+  const std::function<void()> answered = dependencies.answered;
+  const int status = Run(line, std::move(dependencies));
+  if (IsQuestion(line)) answered();
+  return status;
 }
 
 }  // namespace trabex

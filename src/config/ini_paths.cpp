@@ -2,16 +2,11 @@
 
 #include <algorithm>
 
-#include "base/text.h"
 #include "platform/files.h"
 
 namespace trabex::mCommon {
 
 namespace {
-
-bool IsDriveLetter(char c) {
-  return ToLower(c) >= 'a' && ToLower(c) <= 'z';
-}
 
 bool HasSeparatorAt(std::string_view path, std::size_t at) {
   return at < path.size() && IsPathSeparator(path[at]);
@@ -19,10 +14,8 @@ bool HasSeparatorAt(std::string_view path, std::size_t at) {
 
 // Whether `path` does not lie under the program's directory.
 bool StaysAsItIs(std::string_view path) {
-  return path.starts_with('/') || path.starts_with("\\\\") ||
-         (path.starts_with('.') && HasSeparatorAt(path, 1)) ||
-         (path.starts_with("..") && HasSeparatorAt(path, 2)) ||
-         (path.size() >= 3 && IsDriveLetter(path[0]) && path[1] == ':' && HasSeparatorAt(path, 2));
+  return IsAbsolutePath(path) || (path.starts_with('.') && HasSeparatorAt(path, 1)) ||
+         (path.starts_with("..") && HasSeparatorAt(path, 2));
 }
 
 }  // namespace

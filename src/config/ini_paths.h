@@ -12,7 +12,7 @@ std::string JoinPath(std::string_view base, std::string_view name);
 // The initialization file's path. `given` is that of the command line, as typed and without quotes, or empty:
 // then it is the program's name with ".ini" in the program's directory.
 //
-//   absolute: /x  C:\x  \\x           stays as it is
+//   absolute: C:\x  \\x, on Linux /x    stays as it is (IsAbsolutePath)
 //   begins with ./  ../  .\  ..\      stays as it is
 //   any other                         lies under the program's directory
 std::string ResolveIniPath(std::string_view given, std::string_view program_directory,

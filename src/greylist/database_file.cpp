@@ -1,6 +1,5 @@
 #include "greylist/database_file.h"
 
-#include <filesystem>
 #include <new>
 #include <string_view>
 
@@ -47,8 +46,7 @@ void ReplaceDatabaseFile(const std::string& path, const FileContent& content) {
   const std::size_t folder_end = place.find_last_of(kPathSeparator);
   if (folder_end != std::string::npos && folder_end > 0) CreateFolder(place.substr(0, folder_end));
   // It would be moved away as readily as a file.
-  std::error_code ignored;
-  if (std::filesystem::is_directory(place, ignored)) {
+  if (IsFolder(place)) {
     throw Error(error_number::kPathFileAccess, kSaveSource, "Path/File access error");
   }
 

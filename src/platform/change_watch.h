@@ -18,7 +18,7 @@ class ChangeWatch {
 };
 
 enum class WatchedChanges {
-  kWrites,
+  kWrites,             // a removal may count too, where the system does not tell them apart
   kWritesAndRemovals,  // also that a file is removed or moved away
 };
 

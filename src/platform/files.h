@@ -27,6 +27,20 @@ std::string ProgramName();
 // A path as the system takes it: every separator becomes the platform's own. Never touches the disk.
 std::string NativePath(std::string_view path);
 
+// Whether a path, as people write it, names its place whatever the current folder is: a drive letter, ":" and a
+// separator, or two backslashes, on every system. On Linux also a leading "/"; on Windows also two separators of
+// either kind, while a single one in front leaves the drive open. Never touches the disk.
+bool IsAbsolutePath(std::string_view path);
+
+// Where the last name of a native path lies: "." for a name alone, the root for a name in it.
+std::string FolderOf(const std::string& path);
+
+// The same place as `path`, a native one, whatever the current folder is later.
+std::string AbsolutePath(const std::string& path);
+
+// Whether there is a folder at the native `path`, or behind a link there.
+bool IsFolder(const std::string& path);
+
 // The time of the file's last change, for comparison with an earlier one (nanoseconds since an epoch of the
 // system's).
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source);

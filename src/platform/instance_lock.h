@@ -11,16 +11,16 @@
 
 namespace trabex {
 
-// Held as long as the object lives; it goes with the process, however that ends. Its scope is the network
-// namespace, as for the port itself.
+// Held as long as the object lives; it goes with the process, however that ends. On Linux its scope is the network
+// namespace, as for the port itself; on Windows the user's session.
 class InstanceLock {
  public:
   virtual ~InstanceLock() = default;
 };
 
 // The lock named `name` (on Linux its first 107 bytes count), or nothing when another instance holds it.
-// `exit_requested` is called from the loop when another process of the same user or of root asks for the end
-// (RequestExit); requests of others are dropped. Raises 57 "Device I/O error" when the system refuses for
+// `exit_requested` is called from the loop when another process asks for the end (RequestExit). Who may: on Linux the
+// same user and root, requests of others are dropped; on Windows whom the system lets send to our windows. Raises 57 "Device I/O error" when the system refuses for
 // another reason.
 std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
                                               std::function<void()> exit_requested);

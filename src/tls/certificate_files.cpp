@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -31,14 +32,20 @@ std::optional<std::string> ReadFile(const std::string& file, LoadFault& fault) {
     fault = {file, std::move(reason)};
     return std::nullopt;
   };
+  std::filesystem::path path;
+  try {
+    path = std::u8string(file.begin(), file.end());  // narrow characters alone are no UTF-8 everywhere
+  } catch (const std::filesystem::filesystem_error& no_path) {
+    return failed(no_path.code().message());
+  }
   std::error_code error;
-  const std::filesystem::file_status status = std::filesystem::status(file, error);
+  const std::filesystem::file_status status = std::filesystem::status(path, error);
   if (error) return failed(error.message());
   if (!std::filesystem::is_regular_file(status)) return failed("Not a regular file");
-  if (std::filesystem::file_size(file, error) > kMaxFile)
+  if (std::filesystem::file_size(path, error) > kMaxFile)
     return failed(error ? error.message() : "Too large");
   errno = 0;
-  std::ifstream stream(file, std::ios::binary);
+  std::ifstream stream(path, std::ios::binary);
   if (!stream) return failed(std::generic_category().message(errno != 0 ? errno : EIO));
   std::string text{std::istreambuf_iterator<char>(stream), {}};
   if (stream.bad()) return failed(std::generic_category().message(EIO));

@@ -72,6 +72,7 @@ class StartUpTest : public testing::Test {
                        .out = out_,
                        .err = err_,
                        .show = [this](std::string_view text) { err_ << text; },
+                       .answered = [this] { ++answers_; },
                        .program_directory = folder_.Path(),
                        .program_name = "Trabex",
                        .make_names = [](EventLoop& loop) { return std::make_unique<FakeNameLookup>(loop); }});
@@ -107,6 +108,7 @@ class StartUpTest : public testing::Test {
   std::string port_text_;
   std::ostringstream out_;
   std::ostringstream err_;
+  int answers_ = 0;
 };
 
 constexpr std::string_view kStarted = "Trabex 3.04.012 started.";
@@ -131,6 +133,22 @@ TEST_F(StartUpTest, CommandLineErrorsGoToStandardError) {
   EXPECT_EQ(err_.str(), "Trabex: Invalid port number \"70000\".\n");
   EXPECT_EQ(out_.str(), "");
   EXPECT_TRUE(fs::is_empty(folder_.Path()));
+}
+
+TEST_F(StartUpTest, WhatIsNoStartIsAnswered) {
+  Run({"/?"});
+  Run({"/Q"});
+  EXPECT_EQ(answers_, 2);
+  WriteIni("");
+  Run({"--check", "--offline"});
+  Run({"--dump"});
+  Run({"/STATUS"});
+  EXPECT_EQ(answers_, 5);
+  Run({"/X"});
+  RunAndEnd({});
+  WriteIni("IgnoreIniErrors=0\nTimeout=x\n");
+  EXPECT_EQ(Run({}), 1);
+  EXPECT_EQ(answers_, 5);
 }
 
 TEST_F(StartUpTest, OrderlyRun) {

@@ -9,8 +9,8 @@
 #include <climits>
 #include <cstring>
 
+#include "platform/files.h"
 #include "platform/linux/descriptor.h"
-#include "platform/linux/files/folder_of.h"
 
 namespace trabex {
 

@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "base/error.h"
-#include "platform/linux/files/folder_of.h"
+#include "platform/common/file_error_text.h"
+#include "platform/files.h"
 
 namespace trabex {
 
@@ -44,28 +46,10 @@ int FileErrorNumber(int code) {
   }
 }
 
-const char* FileErrorText(int number) {
-  switch (number) {
-    case error_number::kFileNotFound:
-      return "File not found";
-    case error_number::kPathNotFound:
-      return "Path not found";
-    case error_number::kPermissionDenied:
-      return "Permission denied";
-    case error_number::kPathFileAccess:
-      return "Path/File access error";
-    case error_number::kDiskFull:
-      return "Disk full";
-    default:
-      return "Device I/O error";
-  }
-}
-
 }  // namespace
 
 void RaiseFileError(int code, std::string source) {
-  const int number = FileErrorNumber(code);
-  throw Error(number, std::move(source), FileErrorText(number));
+  RaiseFileErrorNumber(FileErrorNumber(code), std::move(source));
 }
 
 void RaisePathError(int code, const std::string& path, const std::string& source) {

@@ -4,14 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <new>
+#include <filesystem>
 
 #include "base/error.h"
-#include "base/text.h"
+#include "platform/common/paths.h"
+#include "platform/common/read_to_end.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/files/file_error.h"
 #include "platform/linux/files/regular_file.h"
@@ -19,6 +19,15 @@
 namespace trabex {
 
 namespace {
+
+std::int64_t ModificationStamp(const struct stat& status) {
+  constexpr std::int64_t kNanoseconds = 1'000'000'000;
+  return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+}
+
+}  // namespace
+
+const char kPathSeparator = '/';
 
 // The executable's path as it was at the first call: the system appends a mark to it once the file is
 // replaced by a newer one.
@@ -37,55 +46,23 @@ const std::string& ProgramPath() {
   return path;
 }
 
-// What is left of an open file of about `size` bytes. Raises std::bad_alloc when that is too much.
-std::string ReadToEnd(int file, std::uint64_t size, const std::string& source) {
-  if (size > kMaxWholeFileBytes) throw std::bad_alloc();
-  // One byte more than the size, so that the end of a file that does not grow is seen without growing
-  // the text.
-  std::string content(static_cast<std::size_t>(size) + 1, '\0');
-  std::size_t length = 0;
-  for (;;) {
-    const ssize_t got = read(file, content.data() + length, content.size() - length);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) RaiseFileError(errno, source);
-    if (got == 0) break;
-    length += static_cast<std::size_t>(got);
-    if (length > kMaxWholeFileBytes) throw std::bad_alloc();
-    if (length == content.size()) content.resize(content.size() * 2 + 4096);
-  }
-  content.resize(length);
-  return content;
+bool IsAbsolutePath(std::string_view path) {
+  return path.starts_with(kPathSeparator) || NamesDriveOrServer(path);
 }
 
-std::int64_t ModificationStamp(const struct stat& status) {
-  constexpr std::int64_t kNanoseconds = 1'000'000'000;
-  return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
+std::string FolderOf(const std::string& path) {
+  const std::size_t end = path.find_last_of(kPathSeparator);
+  if (end == std::string::npos) return ".";
+  return end == 0 ? "/" : path.substr(0, end);
 }
 
-}  // namespace
-
-const char kPathSeparator = '/';
-
-bool IsPathSeparator(char c) {
-  return c == '/' || c == '\\';
+std::string AbsolutePath(const std::string& path) {
+  return std::filesystem::absolute(path).string();
 }
 
-std::string ProgramDirectory() {
-  const std::string& path = ProgramPath();
-  return path.substr(0, path.find_last_of('/'));
-}
-
-std::string ProgramName() {
-  std::string name = ProgramPath().substr(ProgramPath().find_last_of('/') + 1);
-  const std::size_t dot = name.find_last_of('.');
-  if (dot != std::string::npos && dot > 0) name.resize(dot);
-  return name;
-}
-
-std::string NativePath(std::string_view path) {
-  std::string native(path);
-  std::replace(native.begin(), native.end(), '\\', kPathSeparator);
-  return native;
+bool IsFolder(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source) {
@@ -135,11 +112,14 @@ std::string ReadWholeFile(const std::string& path, const std::string& source) {
   if (!file) RaisePathError(errno, path, source);
   struct stat status {};
   if (fstat(file.Get(), &status) != 0) RaiseFileError(errno, source);
-  try {
-    return ReadToEnd(file.Get(), static_cast<std::uint64_t>(status.st_size), source);
-  } catch (const std::bad_alloc&) {
-    throw Error(error_number::kOutOfMemory, source, "Out of memory");
-  }
+  const auto read_some = [&](char* buffer, std::size_t size) {
+    for (;;) {
+      const ssize_t got = read(file.Get(), buffer, size);
+      if (got >= 0) return static_cast<std::size_t>(got);
+      if (errno != EINTR) RaiseFileError(errno, source);
+    }
+  };
+  return ReadToEnd(read_some, static_cast<std::uint64_t>(status.st_size), source);
 }
 
 }  // namespace trabex

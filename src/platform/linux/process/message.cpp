@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <iostream>
+
 namespace trabex {
 
 void ShowMessage(std::string_view text) {
@@ -23,6 +25,24 @@ void ShowMessage(std::string_view text) {
 
 bool MessagesGoToTerminal() {
   return isatty(STDERR_FILENO) == 1;
+}
+
+struct CommandStreams::State {};
+
+CommandStreams::CommandStreams() = default;
+
+CommandStreams::~CommandStreams() = default;
+
+std::ostream& CommandStreams::Out() {
+  return std::cout;
+}
+
+std::ostream& CommandStreams::Err() {
+  return std::cerr;
+}
+
+void CommandStreams::Show() {
+  std::cout.flush();
 }
 
 }  // namespace trabex

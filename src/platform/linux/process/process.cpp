@@ -10,6 +10,12 @@
 
 namespace trabex {
 
+const bool kTokensKeepQuotes = false;
+
+std::vector<std::string> CommandLineTokens(int argc, char* const* argv) {
+  return std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc);
+}
+
 void PrepareStreamsAndRequests() {
   // The lowest free number is given out, so this goes through 0, 1 and 2 at most.
   int descriptor = open("/dev/null", O_RDWR);

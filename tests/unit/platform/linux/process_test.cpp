@@ -5,6 +5,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "support/child_process.h"
 #include "support/default_hang_up.h"
 
@@ -13,6 +16,17 @@ namespace {
 
 bool IsOpen(int descriptor) {
   return fcntl(descriptor, F_GETFD) >= 0;
+}
+
+TEST(Process, TokensAreTheArgumentsAsTheShellSplitThem) {
+  std::string program = "Trabex";
+  std::string quoted = " \"a b\"";
+  std::string empty;
+  char* const argv[] = {program.data(), quoted.data(), empty.data(), nullptr};
+  EXPECT_EQ(CommandLineTokens(3, argv), (std::vector<std::string>{" \"a b\"", ""}));
+  EXPECT_TRUE(CommandLineTokens(1, argv).empty());
+  EXPECT_TRUE(CommandLineTokens(0, argv).empty());
+  EXPECT_FALSE(kTokensKeepQuotes);
 }
 
 TEST(Process, ClosedStandardStreamsAreOpenedOnNothing) {
