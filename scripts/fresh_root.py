@@ -26,8 +26,8 @@ _APT = Path("/etc/apt")
 _HOST_CERTIFICATES = Path("/etc/ssl/certs/ca-certificates.crt")
 _COPY_OF_CERTIFICATES = "/etc/apt/certificates-of-the-host.crt"
 # The folder becomes "/" of the namespaces, as on a machine: in a mere chroot some system calls are refused.
-_MOUNTS = """set -e
-mount --bind "$1" "$1"
+MOUNTS = """set -e
+mount --rbind "$1" "$1"
 mount -t proc proc "$1/proc"
 mount -t tmpfs -o mode=755 tmpfs "$1/dev"
 cd "$1/dev"
@@ -120,7 +120,7 @@ class FreshRoot:
         for name in ("hosts", "resolv.conf", "hostname"):
             with contextlib.suppress(FileNotFoundError):
                 shutil.copyfile(Path("/etc") / name, self.path(f"/etc/{name}"))
-        mounted = self._enter(["sh", "-c", _MOUNTS, "sh", self._folder], seconds=60)
+        mounted = self._enter(["sh", "-c", MOUNTS, "sh", self._folder], seconds=60)
         if mounted.returncode != 0:
             raise Failed(f"the root's own file systems could not be mounted:\n{mounted.stdout}")
 
@@ -227,6 +227,15 @@ class FreshRoot:
 
     def remove(self):
         """Ends everything and deletes the folder; returns what is left of it all the same, or an empty text."""
+        self.end_all()
+        self._delete()
+        os.close(self._lock)
+        mounts = [line for line in Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines()
+                  if str(self._folder) in line]
+        return "\n".join(mounts + ([str(self._folder)] if self._folder.exists() else []))
+
+    def end_all(self):
+        """Ends everything that runs in it, and the namespaces with it."""
         if self._space is not None:
             with contextlib.suppress(ProcessLookupError):
                 # Its end comes after that of all others there.
@@ -234,11 +243,6 @@ class FreshRoot:
             self._space.wait()
         if self._network is not None:
             self._network.communicate()  # its end is that of its input
-        self._delete()
-        os.close(self._lock)
-        mounts = [line for line in Path("/proc/self/mounts").read_text(encoding="utf-8").splitlines()
-                  if str(self._folder) in line]
-        return "\n".join(mounts + ([str(self._folder)] if self._folder.exists() else []))
 
     def _delete(self):
         subprocess.run(["rm", "-rf", "--one-file-system", "--", str(self._folder)], check=False)

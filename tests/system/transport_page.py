@@ -6,8 +6,8 @@ folders of the page become those of the scenario; everything else is as an admin
 
 import re
 import smtplib
-import textwrap
 
+import manual_pages
 from messages import text_message
 from trabex_system import (LOOPBACK, REPO, Authority, Scenario, bound, free_port, only_ipv4, received_header, trusting,
                            wait_until)
@@ -23,33 +23,17 @@ RECIPIENT, SENDER, ELSEWHERE = "you@example.org", "me@example.net", "them@elsewh
 
 
 def read_blocks():
-    """The indented blocks of the page by heading and file: "Postfix: main.cf", and then "Postfix: main.cf 2"."""
-    blocks, heading, said, lines = {}, "", "", []
-
-    def end_block():
-        if not lines:
-            return
-        file = max(FILES, key=lambda name: said.rfind(f"`{name}`"))
-        if f"`{file}`" not in said:
-            raise AssertionError(f"which file is this in? {lines}")
-        name, number = f"{heading}: {file}", 1
+    """The blocks of the page by heading and file: "Postfix: main.cf", and then "Postfix: main.cf 2"."""
+    blocks = {}
+    for block in manual_pages.read_blocks(PAGE):
+        file = max(FILES, key=lambda name: block.said.rfind(f"`{name}`"))
+        if f"`{file}`" not in block.said:
+            raise AssertionError(f"which file is this in? {block.place()}")
+        name, number = f"{block.heading}: {file}", 1
         while name in blocks:
             number += 1
-            name = f"{heading}: {file} {number}"
-        blocks[name] = textwrap.dedent("\n".join(lines)).strip() + "\n"
-        lines.clear()
-
-    for line in PAGE.read_text(encoding="utf-8").splitlines():
-        if line.startswith("    ") or (lines and not line):
-            lines.append(line)
-            continue
-        if lines:
-            end_block()
-            said = ""
-        if line.startswith("#"):
-            heading, said = line.lstrip("# "), ""
-        said += line + " " if line else ""
-    end_block()
+            name = f"{block.heading}: {file} {number}"
+        blocks[name] = block.text
     return blocks
 
 
