@@ -48,6 +48,7 @@ constexpr NoMessage kNoMessages[] = {
     {"src/app/greylist_tool.cpp", "delayed; attempt", "the same"},
     {"src/app/greylist_tool.cpp", "from now on is accepted, not before", "the same"},
     {"src/app/greylist_tool.cpp", "next attempt:", "the same"},
+    {"src/console/windows/connection_list.cpp", "Courier New", "a font"},
     {"src/net/socket_progress.cpp", "CSocketMaster.", "the beginning of a source"},
     {"src/net/modSocketMaster.cpp", "a socket object outlives its module", "an assertion"},
     {"src/platform/common/call_handler.h", "", "an assertion"},
