@@ -1,0 +1,325 @@
+// From the system's messages to the five notifications; the rules are in sockets_impl.h.
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "platform/common/call_handler.h"
+#include "platform/windows/sockets/ready_sockets.h"
+#include "platform/windows/sockets/sockets_impl.h"
+
+namespace trabex {
+
+namespace {
+
+constexpr long kStreamEvents = FD_READ | FD_WRITE | FD_CONNECT | FD_CLOSE;
+// In one iteration, so that what comes from others is not held up by the sockets that are silent.
+constexpr int kMaxAskedInIteration = 4 * static_cast<int>(ReadySockets::kMax);
+
+// The bytes that a receive would give.
+std::size_t BytesThere(SOCKET socket) {
+  u_long count = 0;
+  return ioctlsocket(socket, FIONREAD, &count) == 0 ? count : 0;
+}
+
+// What comes next: 1 data, 0 the peer's orderly end, -1 neither or, with `error`, that the connection is broken.
+int WhatComesNext(SOCKET socket, int& error) {
+  char byte = 0;
+  const int count = recv(socket, &byte, 1, MSG_PEEK);
+  error = count < 0 ? WSAGetLastError() : 0;
+  return count;
+}
+
+}  // namespace
+
+Sockets::Impl::Impl(EventLoop& event_loop) : loop(event_loop.GetImpl()), entries(1) {
+  loop.AddSource(*this);
+}
+
+Sockets::Impl::~Impl() {
+  for (const Entry& entry : entries) {
+    if (entry.socket != INVALID_SOCKET) closesocket(entry.socket);
+  }
+  loop.RemoveSource(*this);
+}
+
+Sockets::Impl::Entry* Sockets::Impl::Find(SocketHandle socket) {
+  if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= entries.size()) return nullptr;
+  Entry& entry = entries[static_cast<std::size_t>(socket.index)];
+  return entry.socket != INVALID_SOCKET && entry.generation == socket.generation ? &entry : nullptr;
+}
+
+SocketHandle Sockets::Impl::Add(SOCKET native, AddressFamily family, Role role) {
+  if (free.empty()) {
+    free.push_back(static_cast<std::uint32_t>(entries.size()));
+    entries.emplace_back();
+  }
+  const std::uint32_t index = free.back();
+  free.pop_back();
+  Entry& entry = entries[index];
+  const std::uint32_t generation = entry.generation;
+  entry = Entry{};
+  entry.generation = generation;
+  entry.socket = native;
+  entry.family = family;
+  entry.role = role;
+  return {static_cast<std::int32_t>(index), generation};
+}
+
+void Sockets::Impl::Remove(SocketHandle socket) {
+  Entry& entry = *Find(socket);
+  // Closing ends its messages, apart from those that are under way.
+  closesocket(entry.socket);
+  loop.Deselect(entry.socket, std::exchange(entry.number, 0), false);
+  entry.socket = INVALID_SOCKET;
+  entry.sink = nullptr;
+  ++entry.generation;
+  free.push_back(static_cast<std::uint32_t>(socket.index));
+}
+
+int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
+  if (entry.number != 0) return 0;
+  const MessageTarget target{this, entry.socket, static_cast<std::uint32_t>(socket.index), socket.generation};
+  return loop.Select(target, entry.role == Role::kListening ? FD_ACCEPT : kStreamEvents, entry.number);
+}
+
+void Sockets::Impl::MakeDue(SocketHandle socket, Entry& entry) {
+  if (entry.number == 0 || std::exchange(entry.due, true)) return;
+  due.push_back(socket);
+}
+
+void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t count, std::size_t size,
+                                int error) {
+  entry.read_armed = true;
+  if (entry.role == Role::kDatagram) {
+    MakeDue(socket, entry);  // a datagram's size says nothing about the next one
+    return;
+  }
+  if (error == WSAEWOULDBLOCK) {
+    entry.drained = entry.number != 0;  // otherwise no message would come for later data
+    return;
+  }
+  if (count == 0) {
+    // The end. FD_CLOSE comes from the loop, also when the owner has seen the end here.
+    entry.end_seen = entry.ask_end = true;
+    if (error != 0) entry.close_error = error;
+    MakeDue(socket, entry);
+    return;
+  }
+  if (entry.ask_end) {
+    MakeDue(socket, entry);  // no message comes for the end any more
+  } else if (count < size) {
+    entry.drained = entry.number != 0;
+  }
+}
+
+bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {
+  Entry* const entry = Find(socket);
+  if (entry == nullptr || entry->sink == nullptr) return false;
+  SocketSink* const sink = entry->sink;
+  CallHandler([&] { sink->OnSocketEvent(socket, event, error); });
+  return true;
+}
+
+bool Sockets::Impl::OnMessage(std::uint32_t index, std::uint32_t generation, long event, int error) {
+  const SocketHandle socket{static_cast<std::int32_t>(index), generation};
+  Entry* const entry = Find(socket);
+  if (entry == nullptr) return false;
+  entry->heard = true;
+  switch (event) {
+    case FD_READ:
+      entry->drained = false;
+      break;
+    case FD_WRITE:
+      entry->writable = true;
+      break;
+    case FD_CONNECT:
+      entry->connect_told = true;
+      entry->connect_error = error;
+      break;
+    case FD_CLOSE:
+      entry->drained = false;
+      entry->end_seen = entry->ask_end = true;
+      if (error != 0) entry->close_error = error;
+      break;
+    default:
+      break;
+  }
+  return Look(socket);
+}
+
+bool Sockets::Impl::Look(SocketHandle socket) {
+  const Entry* const entry = Find(socket);
+  // Nothing is forgotten: the next sink makes it due.
+  if (entry == nullptr || entry->sink == nullptr) return false;
+  switch (entry->role) {
+    case Role::kListening:
+      return LookAtListener(socket);
+    case Role::kDatagram:
+      return LookAtDatagrams(socket);
+    case Role::kConnecting:
+      return LookAtConnect(socket);
+    case Role::kStream:
+      return LookAtStream(socket);
+    case Role::kFresh:
+    case Role::kFailed:
+      break;
+  }
+  return false;
+}
+
+std::size_t Sockets::Impl::CallDue() {
+  std::size_t calls = 0;
+  looked_at.swap(due);
+  for (const SocketHandle socket : looked_at) {
+    if (Entry* const entry = Find(socket)) entry->due = false;
+  }
+  for (const SocketHandle socket : looked_at) {
+    if (Look(socket)) ++calls;
+  }
+  looked_at.clear();
+  if (asking_from != 0) AskSome();
+  return calls;
+}
+
+bool Sockets::Impl::LookAtListener(SocketHandle socket) {
+  Entry& entry = *Find(socket);
+  if (!entry.accept_armed || !AskReadiness(entry.socket).readable) return false;
+  entry.accept_armed = false;
+  return Notify(socket, SocketEvent::kAccept, 0);
+}
+
+bool Sockets::Impl::LookAtDatagrams(SocketHandle socket) {
+  Entry& entry = *Find(socket);
+  const bool write = entry.write_armed && entry.writable;
+  const bool read = entry.read_armed && AskReadiness(entry.socket).readable;
+  if (write) entry.write_armed = false;
+  if (read) entry.read_armed = false;
+  bool called = read && Notify(socket, SocketEvent::kRead, 0);
+  if (write && Notify(socket, SocketEvent::kWrite, 0)) called = true;
+  return called;
+}
+
+bool Sockets::Impl::LookAtConnect(SocketHandle socket) {
+  Entry& entry = *Find(socket);
+  if (!entry.connect_told) return false;
+  ReadySockets asked;
+  asked.Add(entry.socket);
+  asked.Ask();
+  if (asked.HasFailed(entry.socket)) {
+    if (entry.connect_error == 0) {
+      int size = sizeof entry.connect_error;
+      getsockopt(entry.socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&entry.connect_error), &size);
+    }
+    if (entry.connect_error == 0) entry.connect_error = socket_error::kConnectionRefused;
+    entry.role = Role::kFailed;
+    return Notify(socket, SocketEvent::kConnect, entry.connect_error);
+  }
+  if (!asked.IsWritable(entry.socket)) {
+    entry.connect_told = false;  // it is still under way
+    return false;
+  }
+  entry.role = Role::kStream;
+  entry.write_armed = true;
+  const bool called = Notify(socket, SocketEvent::kConnect, 0);
+  const Entry* const after = Find(socket);
+  if (after != nullptr && after->sink != nullptr && after->role == Role::kStream) LookAtStream(socket);
+  return called;
+}
+
+// Reading comes first, so that what the peer sent before it broke the connection is received.
+bool Sockets::Impl::LookAtStream(SocketHandle socket) {
+  bool called = LookAtReading(socket);
+  // Mostly the last data is taken whole. Then the end need not wait for the next iteration.
+  if (const Entry* const after = Find(socket);
+      called && after != nullptr && after->ask_end && after->sink != nullptr) {
+    LookAtReading(socket);
+  }
+  Entry* const entry = Find(socket);
+  if (entry != nullptr && entry->sink != nullptr && entry->write_armed && entry->writable) {
+    entry->write_armed = false;
+    if (Notify(socket, SocketEvent::kWrite, 0)) called = true;
+  }
+  return called;
+}
+
+bool Sockets::Impl::LookAtReading(SocketHandle socket) {
+  Entry& entry = *Find(socket);
+  if (!entry.read_armed || entry.close_notified) return false;
+  if (BytesThere(entry.socket) == 0) {
+    if (!entry.ask_end) return false;
+    int error = 0;
+    const int next = WhatComesNext(entry.socket, error);
+    if (error == WSAEWOULDBLOCK) {
+      entry.ask_end = entry.end_seen = false;
+      return false;
+    }
+    if (next <= 0) {
+      if (error != 0) entry.close_error = error;
+      entry.end_seen = entry.close_notified = true;
+      // A send that waits fails now, or goes on; the system says neither.
+      entry.writable = entry.writable || AskReadiness(entry.socket).writable || entry.close_error != 0;
+      return Notify(socket, SocketEvent::kClose, entry.close_error);
+    }
+  }
+  entry.read_armed = false;
+  entry.drained = false;
+  return Notify(socket, SocketEvent::kRead, 0);
+}
+
+bool Sockets::Impl::IsWaiting(const Entry& entry) {
+  switch (entry.role) {
+    case Role::kListening:
+      return entry.accept_armed;
+    case Role::kConnecting:
+      return true;
+    case Role::kDatagram:
+    case Role::kStream:
+      return (entry.read_armed && !entry.close_notified) || (entry.write_armed && !entry.writable);
+    case Role::kFresh:
+    case Role::kFailed:
+      break;
+  }
+  return false;
+}
+
+void Sockets::Impl::AskAnew() {
+  if (asking_from == 0 && entries.size() > 1) asking_from = 1;
+}
+
+void Sockets::Impl::AskSome() {
+  for (int left = kMaxAskedInIteration; left > 0 && asking_from != 0;) {
+    ReadySockets asked;
+    std::array<std::size_t, ReadySockets::kMax> indices{};
+    std::size_t count = 0;
+    for (; asking_from < entries.size() && !asked.IsFull(); ++asking_from) {
+      Entry& entry = entries[asking_from];
+      if (std::exchange(entry.heard, false) || entry.socket == INVALID_SOCKET || entry.number == 0 ||
+          entry.sink == nullptr || !IsWaiting(entry)) {
+        continue;
+      }
+      asked.Add(entry.socket);
+      indices[count++] = asking_from;
+    }
+    if (asking_from >= entries.size()) asking_from = 0;
+    asked.Ask();
+    for (std::size_t i = 0; i < count; ++i) {
+      Entry& entry = entries[indices[i]];
+      const bool readable = asked.IsReadable(entry.socket);
+      const bool writable = asked.IsWritable(entry.socket);
+      if (readable) {
+        entry.drained = false;
+        entry.ask_end = true;
+      }
+      if (writable) entry.writable = true;
+      if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.socket)))
+        entry.connect_told = true;
+      const bool write = writable && entry.write_armed;
+      if (readable || write || entry.connect_told) {
+        MakeDue({static_cast<std::int32_t>(indices[i]), entry.generation}, entry);
+      }
+    }
+    left -= static_cast<int>(ReadySockets::kMax);
+  }
+}
+
+}  // namespace trabex
