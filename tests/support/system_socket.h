@@ -13,7 +13,7 @@
 
 namespace trabex {
 
-// Non-blocking; owns its descriptor. What the test cannot do without raises std::runtime_error.
+// Non-blocking, and owned. What the test cannot do without raises std::runtime_error.
 class SystemSocket {
  public:
   // None.
@@ -23,9 +23,9 @@ class SystemSocket {
   SystemSocket(SystemSocket&& other) noexcept;
   SystemSocket& operator=(SystemSocket&& other) noexcept;
 
-  bool IsOpen() const { return descriptor_ >= 0; }
+  bool IsOpen() const { return native_ != kNone; }
   // For FdWatcher.
-  std::intptr_t Native() const { return descriptor_; }
+  std::intptr_t Native() const { return native_; }
 
   // --- before Bind
   // Lets it have an address that another socket has, as long as one of them listens at most.
@@ -58,9 +58,9 @@ class SystemSocket {
 
   // Bytes that have come and were not received.
   std::size_t Untaken() const;
-  // In how many segments the bytes that have come so far have come.
+  // In how many segments the bytes that have come so far have come. Not on Windows.
   std::uint32_t SegmentsReceived() const;
-  // Bytes that were sent and the other system has not acknowledged.
+  // Bytes that were sent and the other system has not acknowledged. Not on Windows.
   std::size_t Undelivered() const;
   Endpoint Local() const;
   Endpoint Remote() const;
@@ -72,10 +72,12 @@ class SystemSocket {
   void Reset();
 
  private:
-  explicit SystemSocket(int descriptor) : descriptor_(descriptor) {}
+  static constexpr std::intptr_t kNone = -1;
+
+  explicit SystemSocket(std::intptr_t native) : native_(native) {}
   void SetOption(int level, int name, int value);
 
-  int descriptor_ = -1;
+  std::intptr_t native_ = kNone;
 };
 
 // Takes a name that exists once on the machine and goes with the process; no socket is left when another
@@ -90,7 +92,9 @@ class SystemName {
   SystemName& operator=(const SystemName&) = delete;
 
  private:
-  int descriptor_ = -1;
+  static constexpr std::intptr_t kNone = -1;
+
+  std::intptr_t native_ = kNone;
 };
 
 }  // namespace trabex

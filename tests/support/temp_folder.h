@@ -2,22 +2,28 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 namespace trabex {
 
 class TempFolder {
  public:
   TempFolder() {
-    std::string pattern = testing::TempDir() + "trabex-XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "no temporary folder";
-    path_ = pattern;
+    constexpr int kMaxTries = 100;
+    std::random_device random;
+    std::error_code error;
+    for (int i = 0; i < kMaxTries; ++i) {
+      path_ = testing::TempDir() + "trabex-" + std::to_string(random());
+      if (std::filesystem::create_directory(path_, error)) return;
+    }
+    ADD_FAILURE() << "no temporary folder: " << error.message();
   }
   ~TempFolder() {
     std::error_code ignored;

@@ -1,10 +1,7 @@
 #include "platform/event_loop.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,7 +9,9 @@
 #include "base/error.h"
 #include "platform/fd_watcher.h"
 #include "support/fake_clock.h"
+#include "support/held_port.h"
 #include "support/loop_runner.h"
+#include "support/system_socket.h"
 
 namespace trabex {
 namespace {
@@ -32,31 +31,32 @@ class Tombstone final : public DeferredDeletable {
   char mark_;
 };
 
+// Both ends of a connection.
 class SocketPair {
  public:
-  SocketPair() {
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends_.data()) != 0) std::abort();
+  SocketPair() : far_(Transport::kTcp) {
+    HeldPort port;
+    SystemSocket listener = port.Listen(1);
+    constexpr std::chrono::seconds kLimit{5};
+    EXPECT_TRUE(far_.Connect({kIPv4Loopback, port.Port()}) && far_.Connected(kLimit));
+    listener.AwaitReadable(kLimit);
+    near_ = listener.Accept();
+    EXPECT_TRUE(near_.IsOpen());
   }
-  ~SocketPair() {
-    CloseFar();
-    close(ends_[0]);
-  }
-  SocketPair(const SocketPair&) = delete;
-  SocketPair& operator=(const SocketPair&) = delete;
 
-  int Near() const { return ends_[0]; }
-  void WriteFar() const { ASSERT_EQ(write(ends_[1], "x", 1), 1); }
-  void ReadNear() const {
+  std::intptr_t Near() const { return near_.Native(); }
+  void WriteFar() { ASSERT_EQ(far_.Send("x"), 1U); }
+  void ReadNear() {
     char byte = 0;
-    ASSERT_EQ(read(ends_[0], &byte, 1), 1);
+    std::size_t count = 0;
+    near_.Receive({&byte, 1}, count);
+    ASSERT_EQ(count, 1U);
   }
-  void CloseFar() {
-    if (ends_[1] >= 0) close(ends_[1]);
-    ends_[1] = -1;
-  }
+  void CloseFar() { far_.Close(); }
 
  private:
-  std::array<int, 2> ends_{};
+  SystemSocket near_;
+  SystemSocket far_;
 };
 
 class EventLoopTest : public testing::Test {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/linux/sockets/send_batch.h"
-#include "unit/platform/linux_sockets_fixture.h"
+#include "unit/platform/linux/sockets_fixture.h"
 
 namespace trabex {
 namespace {

@@ -70,6 +70,10 @@ std::size_t Asked(int descriptor, unsigned long question) {
   return ioctl(descriptor, question, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
+int Descriptor(std::intptr_t native) {
+  return static_cast<int>(native);
+}
+
 bool Await(int descriptor, short events, std::chrono::milliseconds limit, short& came) {
   pollfd ready{descriptor, events, 0};
   const bool any = poll(&ready, 1, static_cast<int>(limit.count())) == 1;
@@ -80,27 +84,26 @@ bool Await(int descriptor, short events, std::chrono::milliseconds limit, short&
 }  // namespace
 
 SystemSocket::SystemSocket(Transport transport, AddressFamily family)
-    : descriptor_(socket(family == AddressFamily::kIPv6 ? AF_INET6 : AF_INET,
-                         (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | kFlags, 0)) {
-  if (descriptor_ < 0) throw std::runtime_error("no socket for the test");
+    : native_(socket(family == AddressFamily::kIPv6 ? AF_INET6 : AF_INET,
+                     (transport == Transport::kTcp ? SOCK_STREAM : SOCK_DGRAM) | kFlags, 0)) {
+  if (!IsOpen()) throw std::runtime_error("no socket for the test");
 }
 
 SystemSocket::~SystemSocket() {
   Close();
 }
 
-SystemSocket::SystemSocket(SystemSocket&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+SystemSocket::SystemSocket(SystemSocket&& other) noexcept : native_(std::exchange(other.native_, kNone)) {}
 
 SystemSocket& SystemSocket::operator=(SystemSocket&& other) noexcept {
   if (this == &other) return *this;
   Close();
-  descriptor_ = std::exchange(other.descriptor_, -1);
+  native_ = std::exchange(other.native_, kNone);
   return *this;
 }
 
 void SystemSocket::SetOption(int level, int name, int value) {
-  if (setsockopt(descriptor_, level, name, &value, sizeof value) != 0) {
+  if (setsockopt(Descriptor(native_), level, name, &value, sizeof value) != 0) {
     throw std::runtime_error("the test cannot set a socket's option");
   }
 }
@@ -115,15 +118,15 @@ void SystemSocket::ChoosePortAtConnect() {
 
 bool SystemSocket::Bind(const Endpoint& local) {
   const SystemAddress address = AddressOf(local);
-  return bind(descriptor_, &address.plain, address.length) == 0;
+  return bind(Descriptor(native_), &address.plain, address.length) == 0;
 }
 
 bool SystemSocket::Listen(int backlog) {
-  return listen(descriptor_, backlog) == 0;
+  return listen(Descriptor(native_), backlog) == 0;
 }
 
 SystemSocket SystemSocket::Accept() {
-  SystemSocket accepted(accept4(descriptor_, nullptr, nullptr, kFlags));
+  SystemSocket accepted(accept4(Descriptor(native_), nullptr, nullptr, kFlags));
   if (accepted.IsOpen()) accepted.SetOption(IPPROTO_TCP, TCP_NODELAY, 1);
   return accepted;
 }
@@ -134,23 +137,23 @@ void SystemSocket::LimitReceiveBuffer(int bytes) {
 
 bool SystemSocket::Connect(const Endpoint& remote) {
   const SystemAddress address = AddressOf(remote);
-  return connect(descriptor_, &address.plain, address.length) == 0 || errno == EINPROGRESS;
+  return connect(Descriptor(native_), &address.plain, address.length) == 0 || errno == EINPROGRESS;
 }
 
 bool SystemSocket::Connected(std::chrono::milliseconds limit) {
   short came = 0;
-  if (!Await(descriptor_, POLLOUT, limit, came) || (came & (POLLERR | POLLHUP)) != 0) return false;
+  if (!Await(Descriptor(native_), POLLOUT, limit, came) || (came & (POLLERR | POLLHUP)) != 0) return false;
   SetOption(IPPROTO_TCP, TCP_NODELAY, 1);
   return true;
 }
 
 void SystemSocket::AwaitReadable(std::chrono::milliseconds limit) const {
   short came = 0;
-  static_cast<void>(Await(descriptor_, POLLIN, limit, came));
+  static_cast<void>(Await(Descriptor(native_), POLLIN, limit, came));
 }
 
 SystemSocket::Outcome SystemSocket::Receive(std::span<char> buffer, std::size_t& received) {
-  const ssize_t count = recv(descriptor_, buffer.data(), buffer.size(), 0);
+  const ssize_t count = recv(Descriptor(native_), buffer.data(), buffer.size(), 0);
   received = count > 0 ? static_cast<std::size_t>(count) : 0;
   if (count > 0) return Outcome::kData;
   if (count == 0) return Outcome::kEnd;
@@ -158,14 +161,14 @@ SystemSocket::Outcome SystemSocket::Receive(std::span<char> buffer, std::size_t&
 }
 
 std::size_t SystemSocket::Send(std::string_view bytes) {
-  const ssize_t count = send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  const ssize_t count = send(Descriptor(native_), bytes.data(), bytes.size(), MSG_NOSIGNAL);
   return count > 0 ? static_cast<std::size_t>(count) : 0;
 }
 
 bool SystemSocket::ReceiveFrom(std::span<char> buffer, std::size_t& received, Endpoint& from) {
   SystemAddress address = NoAddress();
   const ssize_t count =
-      recvfrom(descriptor_, buffer.data(), buffer.size(), 0, &address.plain, &address.length);
+      recvfrom(Descriptor(native_), buffer.data(), buffer.size(), 0, &address.plain, &address.length);
   if (count < 0) return false;
   received = static_cast<std::size_t>(count);
   from = EndpointOf(address);
@@ -174,63 +177,64 @@ bool SystemSocket::ReceiveFrom(std::span<char> buffer, std::size_t& received, En
 
 void SystemSocket::SendTo(std::string_view bytes, const Endpoint& to) {
   const SystemAddress address = AddressOf(to);
-  sendto(descriptor_, bytes.data(), bytes.size(), 0, &address.plain, address.length);
+  sendto(Descriptor(native_), bytes.data(), bytes.size(), 0, &address.plain, address.length);
 }
 
 std::size_t SystemSocket::Untaken() const {
-  return Asked(descriptor_, FIONREAD);
+  return Asked(Descriptor(native_), FIONREAD);
 }
 
 std::uint32_t SystemSocket::SegmentsReceived() const {
   tcp_info info{};
   socklen_t size = sizeof info;
-  if (getsockopt(descriptor_, IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
+  if (getsockopt(Descriptor(native_), IPPROTO_TCP, TCP_INFO, &info, &size) != 0) {
     throw std::runtime_error("the socket tells nothing of its connection");
   }
   return info.tcpi_data_segs_in;
 }
 
 std::size_t SystemSocket::Undelivered() const {
-  return Asked(descriptor_, TIOCOUTQ);
+  return Asked(Descriptor(native_), TIOCOUTQ);
 }
 
 Endpoint SystemSocket::Local() const {
   SystemAddress address = NoAddress();
-  getsockname(descriptor_, &address.plain, &address.length);
+  getsockname(Descriptor(native_), &address.plain, &address.length);
   return EndpointOf(address);
 }
 
 Endpoint SystemSocket::Remote() const {
   SystemAddress address = NoAddress();
-  getpeername(descriptor_, &address.plain, &address.length);
+  getpeername(Descriptor(native_), &address.plain, &address.length);
   return EndpointOf(address);
 }
 
 void SystemSocket::ShutDownSending() {
-  shutdown(descriptor_, SHUT_WR);
+  shutdown(Descriptor(native_), SHUT_WR);
 }
 
 void SystemSocket::Close() {
-  if (descriptor_ >= 0) close(std::exchange(descriptor_, -1));
+  if (IsOpen()) close(Descriptor(std::exchange(native_, kNone)));
 }
 
 void SystemSocket::Reset() {
   const linger at_once{1, 0};
-  setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
+  setsockopt(Descriptor(native_), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
   Close();
 }
 
 SystemName::~SystemName() {
-  if (descriptor_ >= 0) close(descriptor_);
+  if (native_ != kNone) close(Descriptor(native_));
 }
 
 bool SystemName::Take(std::string_view name) {
-  if (descriptor_ < 0) descriptor_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (native_ == kNone) native_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   name.copy(address.sun_path + 1, sizeof address.sun_path - 1);  // after a NUL: no file
   const std::size_t length = offsetof(sockaddr_un, sun_path) + 1 + name.size();
-  return bind(descriptor_, reinterpret_cast<const sockaddr*>(&address), static_cast<socklen_t>(length)) == 0;
+  return bind(Descriptor(native_), reinterpret_cast<const sockaddr*>(&address),
+              static_cast<socklen_t>(length)) == 0;
 }
 
 }  // namespace trabex

@@ -18,7 +18,7 @@
 #include "platform/linux/sockets/socket_errno.h"
 #include "platform/sockets.h"
 #include "support/loop_runner.h"
-#include "unit/platform/linux_sockets_fixture.h"
+#include "unit/platform/linux/sockets_fixture.h"
 
 namespace trabex {
 namespace {
