@@ -236,6 +236,62 @@ TEST(ManualPage, ListsEverySettingInTheOrderOfTheDump) {
   }
 }
 
+// The rows of the table of docs/lists.md whose head begins with `first`: the texts in backticks of each cell.
+std::vector<std::vector<Lines>> ExamplesOfLists(std::string_view first) {
+  std::vector<std::vector<Lines>> rows;
+  bool is_wanted = false;
+  const std::string page = SourceFile("docs/lists.md");
+  for (const std::string_view line : Split(page, '\n')) {
+    if (!line.starts_with("| ")) {
+      is_wanted = is_wanted && line.starts_with("|--");
+      continue;
+    }
+    const auto cells = Cells(line);
+    if (cells.front() == first) {
+      is_wanted = true;
+    } else if (is_wanted) {
+      std::vector<Lines>& row = rows.emplace_back();
+      for (const std::string& cell : cells) {
+        const auto pieces = Split(cell, '`');
+        Lines& texts = row.emplace_back();
+        for (std::size_t i = 1; i < pieces.size(); i += 2) texts.emplace_back(pieces[i]);
+      }
+    }
+  }
+  return rows;
+}
+
+TEST(ListsPage, ItsPatternsMatchWhatItSays) {
+  const auto rows = ExamplesOfLists("entry");
+  EXPECT_GT(rows.size(), 10U);
+  for (const auto& row : rows) {
+    ASSERT_EQ(row.size(), 3U);
+    ASSERT_FALSE(row[1].empty() || row[2].empty()) << row[0].front();
+    LoadedText loaded("[Common]\nSendersBlackList=" + row[0].front() + "\n", false);
+    ASSERT_TRUE(loaded.result) << row[0].front();
+    const ExpressionList& list = loaded.configuration.SendersBlackList;
+    for (const std::string& text : row[1]) EXPECT_TRUE(list.Contains(text)) << row[0].front() << ": " << text;
+    for (const std::string& text : row[2])
+      EXPECT_FALSE(list.Contains(text)) << row[0].front() << ": " << text;
+  }
+}
+
+TEST(ListsPage, ItsRangesHoldWhatItSays) {
+  const auto rows = ExamplesOfLists("range");
+  EXPECT_GT(rows.size(), 4U);
+  for (const auto& row : rows) {
+    ASSERT_EQ(row.size(), 3U);
+    ASSERT_FALSE(row[1].empty() || row[2].empty()) << row[0].front();
+    LoadedText loaded("[Common]\nIPBlackList=" + row[0].front() + "\n", false);
+    ASSERT_TRUE(loaded.result) << row[0].front();
+    const auto holds = [&](const std::string& text) {
+      return mCommon::IPInRangeList(*ParseIPAddress(text), loaded.configuration.IPBlackList);
+    };
+    for (const std::string& text : row[1]) EXPECT_TRUE(holds(text)) << row[0].front() << ": " << text;
+    for (const std::string& text : row[2]) EXPECT_FALSE(holds(text)) << row[0].front() << ": " << text;
+  }
+}
+
 TEST(Readme, NamesEveryFolder) {
   const std::string text = SourceFile("README.md");
   for (const char* parent : {"", "src", "tests"}) {
