@@ -51,7 +51,7 @@ class BadPage(AssertionError):
 
 
 def pages():
-    return sorted((REPO / "docs").glob("*.md"))
+    return [REPO / "README.md", *sorted((REPO / "docs").glob("*.md"))]
 
 
 def read_blocks(path):
