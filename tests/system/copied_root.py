@@ -1,5 +1,6 @@
 """A copy of this machine to try commands in: what is written there is gone with it, and its network is its own."""
 
+import contextlib
 import shutil
 import subprocess
 import sys
@@ -40,6 +41,7 @@ class CopiedRoot(FreshRoot):
         self._base = Path(tempfile.mkdtemp(prefix="trabex-copy-"))
         super().__init__(self._base / "root")
         self._added = added
+        self._networks = []
 
     def path(self, inside):
         return Path(f"/proc/{self._first}/root") / inside.lstrip("/")
@@ -54,6 +56,31 @@ class CopiedRoot(FreshRoot):
             if done.returncode != 0:
                 raise Failed(f"no copy of this machine could be made:\n{done.stdout}")
 
+    def add_network(self, own, its):
+        """A second network beside that of isolate_network(): a cable leads to it, with these addresses at its ends."""
+        holder = subprocess.Popen(["unshare", "--net", "--kill-child", "sh", "-c", "echo there; cat"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True)
+        holder.stdout.readline()
+        self._networks.append(holder)
+        for network, words in (
+                (self._network, f"link add cable type veth peer name cable netns {holder.pid}"),
+                *((self._network, f"address add {address} dev cable") for address in own),
+                (self._network, "link set cable up"), (holder, "link set lo up"),
+                *((holder, f"address add {address} dev cable") for address in its), (holder, "link set cable up")):
+            subprocess.run(["nsenter", f"--net=/proc/{network.pid}/ns/net", "ip", *words.split()], check=True)
+        return holder
+
+    @contextlib.contextmanager
+    def in_network(self, network):
+        """What is started in here is started in that network; None is the usual one."""
+        usual, self._network = self._network, network or self._network
+        try:
+            yield
+        finally:
+            self._network = usual
+
     def remove(self):
+        for network in self._networks:
+            network.communicate()
         self.end_all()
         shutil.rmtree(self._base, ignore_errors=True)

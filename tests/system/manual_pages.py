@@ -23,7 +23,7 @@ RUN = {"ini": "settings", "sh": "commands", "console": "commands", "smtp": "dial
 SHOWN = {"text", "yaml", "json"}
 PACKAGE = "./test --package"
 # Pages whose tests run all of their blocks, and see to it that none is left over.
-TESTED_ELSEWHERE = {"tls-ipv6-addresses.md": "test_transport_page.py"}
+TESTED_ELSEWHERE = {"mail-servers.md": "test_mail_server_page.py", "tls-ipv6-addresses.md": "test_transport_page.py"}
 
 _MARKS = {"not run", "run by", "status", "finds", "client"}
 _COMMENT = re.compile(r"<!-- ([a-z ]+): (.+) -->")

@@ -112,6 +112,9 @@ class PageMachine:
         self.must("getent passwd trabex || useradd --system --home-dir /var/lib/trabex --shell /usr/sbin/nologin trabex;"
                   " install -d -o trabex -g trabex -m 750 /var/lib/trabex /var/log/trabex; mkdir -p /var/spool/mails")
         self.serve([REPO / "tests/system/name_server.py"], "there")
+        self.start_sample_server()
+
+    def start_sample_server(self):
         self.serve([Options.build / "tools/sample_mail_server/sample_mail_server", "--port", 10025, "--folder",
                     "/var/spool/mails"], "Listening")
 

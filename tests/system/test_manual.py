@@ -137,7 +137,7 @@ class Form(unittest.TestCase):
         """Says how many blocks are run, and which cannot be."""
         blocks = [block for block in all_blocks() if block.language in RUN]
         of_package = [block for block in blocks if block.mark("run by")]
-        of_others = [block for block in blocks if block.page in TESTED_ELSEWHERE]
+        of_others = [block for block in blocks if block.page in TESTED_ELSEWHERE and "not run" not in block.marks]
         not_run = [block for block in blocks if "not run" in block.marks]
         kinds = Counter(RUN[block.language] for block in blocks if here(block))
         self.assertEqual(sum(kinds.values()) + len(of_package) + len(of_others) + len(not_run), len(blocks))
@@ -146,6 +146,31 @@ class Form(unittest.TestCase):
         print(f"{len(blocks)} blocks of the pages: {', '.join(f'{kinds[kind]} {kind}' for kind in sorted(kinds))} run here, "
               f"{len(of_package)} by {PACKAGE}, {len(of_others)} by {', '.join(TESTED_ELSEWHERE.values())}; "
               f"{len(not_run)} not run")
+
+
+class Links(unittest.TestCase):
+    def test_the_index_has_every_page(self):
+        index = (REPO / "docs/README.md").read_text(encoding="utf-8")
+        listed = re.findall(r"(?m)^\| \[([\w-]+\.md)\]\(\1\) \| \w", index)
+        self.assertEqual(sorted(listed), sorted(path.name for path in (REPO / "docs").glob("*.md") if path.name != "README.md"))
+
+    def test_links_lead_somewhere(self):
+        for path in [REPO / "README.md", REPO / "CONTRIBUTING.md", *pages()]:
+            for link in re.findall(r"\]\(([^)\s]+)\)", path.read_text(encoding="utf-8")):
+                if link.startswith(("http://", "https://")):
+                    continue
+                file, _, anchor = link.partition("#")
+                with self.subTest(page=path.name, link=link):
+                    target = path.parent / file if file else path
+                    self.assertTrue(target.exists())
+                    if anchor:
+                        self.assertIn(anchor, anchors(target))
+
+
+def anchors(path):
+    """What a link may name in a page: its headings in small letters, with hyphens for blanks."""
+    headings = re.findall(r"(?m)^#+ (.*)$", path.read_text(encoding="utf-8"))
+    return {re.sub(r"[^\w\- ]", "", heading.lower()).replace(" ", "-") for heading in headings}
 
 
 class TheReader(unittest.TestCase):

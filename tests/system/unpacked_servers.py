@@ -44,7 +44,7 @@ def unpacked_package(name):
 
 def unpack_all():
     """For runs in a network of their own, from where nothing can be downloaded."""
-    for name in ("exim4-daemon-light", "exim4-daemon-heavy", "opensmtpd", "postgrey", "postfix-doc", *_POSTGREY_LIBRARIES):
+    for name in ("exim4-daemon-light", "exim4-daemon-heavy", "exim4-base", "exim4-config", "opensmtpd", "postgrey", "postfix-doc", *_POSTGREY_LIBRARIES):
         unpacked_package(name)
 
 
