@@ -8,8 +8,14 @@
 namespace trabex {
 
 bool FileChange::Changed(MonotonicTime now) {
-  if (checked_ && now - *checked_ < std::chrono::seconds(1)) return false;
+  const bool is_known_without_file = path_.empty() && stamp_ != kNeverSeen;
+  const std::chrono::seconds pause(is_known_without_file ? 60 : 1);
+  if (checked_ && now - *checked_ < pause) return false;
   checked_ = now;
+  if (path_.empty()) {
+    stamp_ = kUnreadable;
+    return true;
+  }
   std::int64_t stamp = kUnreadable;
   try {
     stamp = FileModificationStamp(path_, "mNameLookup.FileChange");

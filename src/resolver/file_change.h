@@ -10,7 +10,8 @@
 
 namespace trabex {
 
-// Asks the system once a second at most, so that it may be asked for every look-up.
+// Asks the system once a second at most, so that it may be asked for every look-up. An empty path stands for what the
+// system keeps elsewhere, where nobody can see whether it has changed: it counts as changed once a minute.
 class FileChange {
  public:
   explicit FileChange(std::string path) : path_(std::move(path)) {}

@@ -11,7 +11,7 @@ std::string MachineName();
 // The file of names and addresses that are known without asking.
 std::string DefaultHostsPath();
 
-// The file that names the DNS servers; "" where the system keeps them elsewhere.
+// The file that names the DNS servers; "" where the system keeps them elsewhere, so that there is no file to watch.
 std::string ResolverSettingsPath();
 
 }  // namespace trabex

@@ -88,7 +88,7 @@ struct NameLookupOptions {
 };
 
 // c-ares on the loop. `loop` outlives it. A changed hosts file or resolv.conf counts for the look-ups that
-// begin a second later. A name without a dot is also looked for in the domains that resolv.conf searches; any
+// begin a second later; on Windows changed servers count a minute later. A name without a dot is also looked for in the domains that resolv.conf searches; any
 // other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being asked for (RFC 6761,
 // 6.3). What cannot be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares
 // cannot start.

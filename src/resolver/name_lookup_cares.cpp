@@ -169,9 +169,7 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     for_files_.Hold();
   }
 
-  bool ResolverChanged() {
-    return dns_.servers.empty() && !resolver_change_.Path().empty() && resolver_change_.Changed(Now());
-  }
+  bool ResolverChanged() { return dns_.servers.empty() && resolver_change_.Changed(Now()); }
 
   // The last channel is the one that is asked; those before it only wait for their replies.
   DnsChannel& CurrentChannel() {
