@@ -7,13 +7,13 @@
 #include <unordered_map>
 #include <vector>
 
+#include "base/text_list.h"
 #include "platform/clock.h"
 #include "proxy/session_id.h"
 #include "proxy/session_observer.h"
 #include "report/counters.h"
 #include "report/json_line.h"
 #include "report/json_log.h"
-#include "report/text_list.h"
 
 namespace trabex {
 
