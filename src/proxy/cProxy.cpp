@@ -47,8 +47,12 @@ cProxy::~cProxy() {
   dependencies_.names.Cancel(name_lookup_);
 }
 
+std::chrono::nanoseconds cProxy::Age() const {
+  return dependencies_.clock.Monotonic() - StartTime;
+}
+
 double cProxy::Duration() const {
-  return std::chrono::duration<double>(dependencies_.clock.Monotonic() - StartTime).count() / kSecondsPerDay;
+  return std::chrono::duration<double>(Age()).count() / kSecondsPerDay;
 }
 
 // --- events
@@ -70,8 +74,9 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
     AwaitServer();
     side.Log(log_level::kConnection, "Connected.");
     if (dependencies_.observer != nullptr) {
-      dependencies_.observer->OnServerConnected(*this, dependencies_.clock.Monotonic() - connect_began_);
+      dependencies_.observer->OnServerConnected(*this, dependencies_.clock.Monotonic() - state_began_);
     }
+    MovesOn();
     if (NeedsApproach(dependencies_.configuration)) ApproachServer();
   } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver && TimeoutSpan.count() != 0 &&
              LineHasCome()) {
@@ -83,6 +88,7 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
 // --- the pump
 
 void cProxy::Pump() {
+  const Phase begin = dialogue_.phase();
   for (int lines = 0; stage_ != Stage::kClosed;) {
     if (Sender.HasEnded()) {
       EndsBy(dialogue_.phase() == Phase::kFarewell ? SessionEnd::kQuit : SessionEnd::kServer);
@@ -110,6 +116,7 @@ void cProxy::Pump() {
       break;
     }
   }
+  if (dialogue_.phase() != begin) MovesOn();
   if (stage_ != Stage::kClosed) Watch();
 }
 
@@ -139,7 +146,10 @@ bool cProxy::MayTakeClientBytes() const {
 void cProxy::TakeClientBytes() {
   if (dialogue_.Expected() == ClientBytes::kHeader) return TakeHeader();
   if (dialogue_.Expected() == ClientBytes::kContent) return TakeContent();
-  TakeUpTo(dialogue_.Expected() == ClientBytes::kLine ? kLinePeekBytes : kContentChunk);
+  const bool is_line = dialogue_.Expected() == ClientBytes::kLine;
+  const std::int64_t taken = dialogue_.State().BytesReceived;
+  TakeUpTo(is_line ? kLinePeekBytes : kContentChunk);
+  if (is_line && dialogue_.State().BytesReceived != taken) MovesOn();
   // Only now: what is not taken would be the beginning of the client's TLS.
   if (dialogue_.phase() == Phase::kStartTls) BeginTls();
 }
@@ -163,7 +173,9 @@ void cProxy::TakeContent() {
 }
 
 void cProxy::TakeServerBytes() {
+  MovesOn();
   dialogue_.OnServerBytes(Sender.TakeAll(), *this);
+  if (recipients_ && !InTransaction()) DropRecipients();
   // A part of what is waited for has come.
   if (HasServerTimeout() && dialogue_.AwaitsServer()) BeginServerWait();
 }
@@ -193,12 +205,14 @@ void cProxy::ToServer(std::string_view bytes, bool more_follows) {
 void cProxy::ToClient(std::string_view reply) {
   if (IsOver() || !Receiver.IsConnected()) return;
   Receiver.Log(log_level::kSent, WithoutLineEnd(reply));
+  last_reply_.Assign(reply);
   Receiver.Send(reply);
 }
 
 void cProxy::StartTls(std::string_view last_words) {
   handshake_ = std::make_unique<Handshake>();
   handshake_->last_words = last_words;
+  last_reply_.Assign(last_words);
 }
 
 void cProxy::AskForAddresses(std::string_view host_name) {
@@ -208,6 +222,7 @@ void cProxy::AskForAddresses(std::string_view host_name) {
     RunHandler("cProxy.ProcessIncomingData", [&] {
       name_lookup_ = 0;
       dialogue_.OnAddresses({answer.error == 0, answer.addresses}, *this);
+      MovesOn();
       Pump();
     });
   });
@@ -260,6 +275,7 @@ void cProxy::BeginTls() {
 
 void cProxy::TlsStands() {
   const bool at_begin = dialogue_.phase() == Phase::kTls;
+  MovesOn();
   handshake_.reset();
   if (!NeedsWatch()) stall_timer_.reset();
   dialogue_.OnSecured();
@@ -391,6 +407,7 @@ void cProxy::Close() {
   timeout_.reset();
   stall_timer_.reset();
   server_wait_.reset();
+  DropRecipients();
   if (auto self = dependencies_.sessions.Remove(key_)) dependencies_.loop.DeferredDelete(std::move(self));
 }
 

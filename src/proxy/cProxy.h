@@ -42,12 +42,15 @@
 #include <string_view>
 
 #include "base/log.h"
+#include "base/short_text.h"
 #include "platform/event_loop.h"
+#include "proxy/accepted_recipients.h"
 #include "proxy/dialogue/dialogue.h"
 #include "proxy/session_dependencies.h"
 #include "proxy/session_id.h"
 #include "proxy/session_observer.h"
 #include "proxy/session_side.h"
+#include "proxy/session_state.h"
 #include "resolver/name_lookup.h"
 
 namespace trabex {
@@ -94,6 +97,24 @@ class cProxy final : public DeferredDeletable,
   const std::string& Name() const { return HostName; }
   // What the client said in HELO or EHLO last.
   const std::string& Helo() const { return dialogue_.State().requested.HeloDomain; }
+  // What it does or waits for, and for how long, to half a second or so.
+  SessionState State() const;
+  std::chrono::nanoseconds TimeInState() const;
+  // What the client asked for last, for as long as it counts.
+  const RequestedState& Requested() const { return dialogue_.State().requested; }
+  // Whether the client has begun a transaction, also while its content runs and until that has its reply; its
+  // sender and latest recipient are those of Requested.
+  bool InTransaction() const;
+  // Those of the transaction; nullptr when there are none.
+  const AcceptedRecipients* Recipients() const { return InTransaction() ? recipients_.get() : nullptr; }
+  // The beginning of what was said to the client last, of its first line; "" when nothing was.
+  std::string_view LastReply() const;
+  // How the latest recipient of the transaction was judged by greylisting.
+  std::optional<GreylistingResult> Greylisting() const {
+    return InTransaction() ? greylisting_ : std::nullopt;
+  }
+  bool ClientIsSecured() const { return TlsActive(); }
+  bool ServerIsSecured() const { return ServerTlsActive(); }
   // Of the connections that are open.
   TransferredBytes ClientBytes() const { return BytesOf(Receiver); }
   TransferredBytes ServerBytes() const { return BytesOf(Sender); }
@@ -101,7 +122,8 @@ class cProxy final : public DeferredDeletable,
   std::int32_t Handle() const { return Receiver.Socket().SocketHandle(); }
   std::int64_t BytesReceived() const { return Receiver.Socket().BytesReceived(); }
   std::int64_t BytesSent() const override { return Receiver.Socket().BytesSent(); }
-  double Duration() const;  // days
+  std::chrono::nanoseconds Age() const;
+  double Duration() const;  // the same in days
   IPAddress ClientIP() const override { return Receiver.Socket().RemoteAddress(); }
   std::string HostNameOrUnknown() const { return ClientHostNameOrUnknown(); }
 
@@ -185,6 +207,12 @@ class cProxy final : public DeferredDeletable,
   // Whether nothing more goes to the client: it has closed, or has got the last reply. One that kept us
   // waiting for that still gets what the server said meanwhile.
   bool IsOver() const;
+
+  // What is shown of the session as it goes on.
+  void MovesOn() { state_began_ = dependencies_.moment; }
+  void DropRecipients() {
+    if (recipients_) dependencies_.spare_recipients.GiveBack(std::move(recipients_));
+  }
 
   // What the dialogue wants.
   void ToServer(std::string_view bytes, bool more_follows) override;
@@ -276,13 +304,16 @@ class cProxy final : public DeferredDeletable,
   MonotonicTime LastActivity{};
   std::int64_t looked_to_ = 0;  // how far the client's bytes have been searched for a line's end
   MonotonicTime StartTime{};
-  MonotonicTime connect_began_{};  // of the server's connection
+  MonotonicTime state_began_{};  // while the server's connection is made, to the nanosecond
   bool Whitelisted = false;
   bool HostNameKnown = false;
-  bool name_is_temporary_ = false;      // DNS was silent or failed
-  bool name_is_unknown_ = false;        // likewise, and by DnsFailure that is not to have none
+  bool name_is_temporary_ = false;  // DNS was silent or failed
+  bool name_is_unknown_ = false;    // likewise, and by DnsFailure that is not to have none
+  std::optional<GreylistingResult> greylisting_;
   mutable std::optional<bool> IsLocal;  // asked for once
   std::string HostName;
+  std::unique_ptr<AcceptedRecipients> recipients_;
+  ShortText<55> last_reply_;
   LookupId name_lookup_ = 0;            // of the HELO or EHLO that waits, or of the client's name
   std::unique_ptr<Timer> pause_;        // the session ends when it has passed
   std::unique_ptr<Timer> timeout_;      // until the server is connected

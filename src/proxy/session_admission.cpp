@@ -18,7 +18,7 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
   }
   if (stage_ == Stage::kClosed) return;
   RunHandler("cProxy.Init", [&] {
-    StartTime = LastActivity = dependencies_.clock.Monotonic();
+    StartTime = LastActivity = state_began_ = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
     if (tls) dialogue_.ExpectTls();
     const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
@@ -109,7 +109,7 @@ bool cProxy::AdmitByName() {
 void cProxy::ConnectServer() {
   stage_ = Stage::kAdmitted;
   AwaitServer();
-  if (dependencies_.observer != nullptr) connect_began_ = dependencies_.clock.Monotonic();
+  if (dependencies_.observer != nullptr) state_began_ = dependencies_.clock.Monotonic();
   try {
     Sender.Socket().Connect(dependencies_.configuration.ServerIP, dependencies_.configuration.ServerPort);
   } catch (const Error& error) {

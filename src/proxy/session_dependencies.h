@@ -8,6 +8,7 @@
 #include "net/modSocketMaster.h"
 #include "platform/clock.h"
 #include "platform/event_loop.h"
+#include "proxy/accepted_recipients.h"
 #include "proxy/dialogue/greylist_check.h"
 #include "proxy/session_collection.h"
 #include "proxy/session_observer.h"
@@ -29,6 +30,9 @@ struct SessionDependencies {
   GreylistCheck* greylisting = nullptr;  // nullptr: nothing is greylisted
   SessionObserver* observer = nullptr;   // nullptr: nobody counts or records what happens
   std::string log_line = {};             // the place where a session makes its line for the log
+  SpareRecipients spare_recipients = {};
+  // A time not long ago, which costs sessions nothing to ask for: whoever runs them sets it twice a second.
+  MonotonicTime moment = {};
 };
 
 }  // namespace trabex

@@ -27,6 +27,7 @@ void cProxy::OnOwnReply(const OwnReply& reply) {
 }
 
 void cProxy::OnGreylisting(const GreylistVerdict& verdict, bool callback, const RequestedState& requested) {
+  greylisting_ = ResultOf(verdict, callback);
   if (dependencies_.observer != nullptr) {
     dependencies_.observer->OnGreylisting(*this, verdict, callback, requested);
   }
@@ -37,10 +38,16 @@ void cProxy::OnServerReply(Command command, std::string_view reply) {
 }
 
 void cProxy::OnTransaction(const RequestedState& requested) {
+  DropRecipients();
+  greylisting_.reset();
   if (dependencies_.observer != nullptr) dependencies_.observer->OnTransaction(*this, requested);
 }
 
 void cProxy::OnRecipient(RecipientResult result, std::string_view mailbox) {
+  if (result == RecipientResult::kAccepted) {
+    if (!recipients_) recipients_ = dependencies_.spare_recipients.Take();
+    recipients_->Add(mailbox);
+  }
   if (dependencies_.observer != nullptr) dependencies_.observer->OnRecipient(*this, result, mailbox);
 }
 

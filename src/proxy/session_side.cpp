@@ -26,7 +26,7 @@ struct ClearAtEnd {
 }  // namespace
 
 SessionSide::SessionSide(Peer peer, SessionDependencies& dependencies, Owner& owner)
-    : peer_(peer), dependencies_(dependencies), owner_(owner), socket_(dependencies.sockets) {
+    : dependencies_(dependencies), owner_(owner), socket_(dependencies.sockets), peer_(peer) {
   socket_.Events.Owner = peer == Peer::kClient ? "cProxy.Receiver" : "cProxy.Sender";
   socket_.Events.Connect = [this] {
     connected_ = true;

@@ -20,7 +20,7 @@ namespace trabex {
 
 class SessionSide {
  public:
-  enum class Peer { kClient, kServer };
+  enum class Peer : std::uint8_t { kClient, kServer };
   // What the socket notifies its session of. Other: a send is complete, or the connection has ended.
   enum class Event { kConnect, kDataArrival, kSecured, kOther };
 
@@ -110,12 +110,12 @@ class SessionSide {
   void Hold(std::string_view bytes);
   void SendNow(std::string_view bytes, bool more_follows);
 
-  const Peer peer_;
   SessionDependencies& dependencies_;
   Owner& owner_;
   CSocketMaster socket_;
   SendStall stall_;
   std::unique_ptr<Held> held_;
+  const Peer peer_;
   std::optional<End> end_;
   bool connected_ = false;  // at least once
   bool readable_ = false;

@@ -166,6 +166,7 @@ void SessionFixture::Start() {
   if (ClientSecurity == Security::kTlsPort) OnTlsPort = true;
   dependencies_ = std::make_unique<SessionDependencies>(
       SessionDependencies{Settings, log_, Time, Loop, module_, Names, sessions_, Tls, Greylisting, Observer});
+  TellTheTime();
   listener_ = ListenOn("127.0.0.1");
   Connect(Loopback());
 }

@@ -81,6 +81,8 @@ class SessionFixture {
   void Start();
   // Runs the loop until `done` or the bound; returns done().
   bool Until(const std::function<bool()>& done);
+  // What the program does twice a second: from now on sessions know that it is this late.
+  void TellTheTime() { dependencies_->moment = Time.Monotonic(); }
   // Runs the loop until nothing happens any more.
   void Settle();
   void CheckTimeouts();

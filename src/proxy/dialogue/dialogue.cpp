@@ -39,7 +39,7 @@ std::size_t Dialogue::OnClientBytes(std::string_view bytes, DialogueActions& act
 }
 
 std::size_t Dialogue::TakeHeader(std::string_view bytes, DialogueActions& actions) {
-  header_begun_ |= !bytes.empty();
+  if (!bytes.empty()) state_.header_begun = true;
   const ProxyHeader header = ParseProxyHeader(bytes);
   if (header.state == ProxyHeader::State::kBad) {
     actions.Log(Side::kClient, log_level::kErrors, kInvalidHeader);
@@ -58,7 +58,7 @@ std::size_t Dialogue::TakeHeader(std::string_view bytes, DialogueActions& action
 
 // One that closes before its first byte has looked whether we are there.
 std::string_view Dialogue::LostWithClient() const {
-  return state_.phase == Phase::kProxyHeader && header_begun_ ? kInvalidHeader : std::string_view();
+  return state_.phase == Phase::kProxyHeader && state_.header_begun ? kInvalidHeader : std::string_view();
 }
 
 std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions) {
@@ -84,7 +84,7 @@ std::size_t Dialogue::TakeLine(std::string_view bytes, DialogueActions& actions)
   }
   if (state_.phase != Phase::kAuthData) actions.OnCommand();
   LineDecision decision = commands_.ProcessIncomingData(line, state_);
-  if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line = line;
+  if (decision.action == LineDecision::Action::kAskForAddresses) state_.asking_line.Assign(line);
   // What follows STARTTLS in the clear may come from somebody between the client and us, and would count as
   // the client's under TLS.
   if (decision.action == LineDecision::Action::kStartTls && bytes.size() > line.size()) {
@@ -222,7 +222,7 @@ void Dialogue::Forward(LineDecision& decision, DialogueActions& actions) {
 
 void Dialogue::OnAddresses(const HostAddresses& answer, DialogueActions& actions) {
   if (state_.phase != Phase::kAsking) return;
-  Act(commands_.ProcessAddresses(std::exchange(state_.asking_line, {}), answer, state_), actions);
+  Act(commands_.ProcessAddresses(state_.asking_line.Take(), answer, state_), actions);
 }
 
 // --- the server's side

@@ -69,7 +69,7 @@ class DialogueActions : public DialogueEvents {
 class Dialogue {
  public:
   // How the server's connection ended.
-  enum class ServerEnd { kClosed, kFailed };
+  enum class ServerEnd : std::uint8_t { kClosed, kFailed };
 
   // All references outlive the dialogue. `greylisting` may be nullptr: then nothing is greylisted. A test may
   // begin in any state. `trace`, if there is one, is told what decides.
@@ -167,7 +167,6 @@ class Dialogue {
   ServerReplyFilter replies_;
   ReplyAssembler assembler_;
   std::unique_ptr<ServerPreface> preface_;  // in kPreface
-  bool header_begun_ = false;               // in kProxyHeader
   DialogueState state_;
 };
 

@@ -3,6 +3,7 @@
 // docs/design.md shows them, and each row has its test.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -11,7 +12,7 @@
 
 namespace trabex {
 
-enum class Phase {
+enum class Phase : std::uint8_t {
   kProxyHeader,     // a balancer has to say first whose connection it is
   kTls,             // the client speaks TLS from its first byte on, and it does not stand yet
   kPreface,         // the server and we agree on TLS and on who the client is; what the client sends waits
@@ -80,7 +81,7 @@ std::span<const PhaseTransition> PhaseTransitions();
 Phase NextPhase(Phase from, PhaseEvent event);
 
 // What the server has accepted.
-enum class Transaction {
+enum class Transaction : std::uint8_t {
   kRefused,     // nothing ever: the client was refused, and has no server
   kNoGreeting,  // no EHLO or HELO yet
   kGreeted,     // an EHLO or HELO

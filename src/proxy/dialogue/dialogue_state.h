@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "base/numbers.h"
+#include "base/rare_text.h"
 #include "proxy/dialogue/command_table.h"
 #include "proxy/dialogue/content_tracker.h"
 #include "proxy/dialogue/dialogue_phase.h"
@@ -20,16 +21,16 @@ struct RequestedState {
   std::string CurrentVerb;  // of the line being filtered, upper case, whether it will be forwarded or not
 
   // Greeting.
-  bool EhloUsed = false;  // the latest greeting was an EHLO
   std::string HeloDomain;
+  bool EhloUsed = false;  // the latest greeting was an EHLO
 
   // Transaction.
+  bool SmtpUtf8 = false;            // MAIL carries SMTPUTF8, which the server offers
+  bool Greylisted = false;          // a recipient was let through so far; DATA and BDAT are refused
   std::string Sender;               // mailbox of MAIL, without brackets
   std::string Recipient;            // mailbox of the latest RCPT
   FixedPoint DeclaredSize = 0;      // SIZE= of MAIL
   std::int64_t RecipientCount = 0;  // RCPT commands of the transaction, refused ones too
-  bool SmtpUtf8 = false;            // MAIL carries SMTPUTF8, which the server offers
-  bool Greylisted = false;          // a recipient was let through so far; DATA and BDAT are refused
 
   // Session.
   std::int64_t TransactionCount = 0;  // MAIL commands
@@ -83,14 +84,15 @@ struct LoginState {
 struct DialogueState {
   Phase phase = Phase::kServerGreeting;
   Transaction transaction = Transaction::kNoGreeting;
+  LoginState login;
+  bool header_begun = false;  // in kProxyHeader: a byte of it has come
   RequestedState requested;
   OfferedState offered;
-  LoginState login;
   ForwardedCommand forwarded;
   ContentTracker content;  // in the phases with content
   // What the client has sent of the message under way, all its chunks together.
   std::uint64_t content_octets = 0;
-  std::string asking_line;  // in kAsking: the line that waits for the answer
+  RareText asking_line;  // in kAsking: the line that waits for the answer
   // The server's latest 250 to an EHLO, as it came, while the client has to greet once more: after TLS has
   // begun, or when the proxy greeted first.
   std::string earlier_ehlo_reply;

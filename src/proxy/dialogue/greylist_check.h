@@ -26,6 +26,20 @@ struct GreylistVerdict {
   DateTime expires = 0;
 };
 
+// How a recipient was judged, for who counts and shows it. With a blacklisted client the time to wait is longer.
+enum class GreylistingResult : std::uint8_t {
+  kWhitelisted,
+  kAccepted,
+  kNew,
+  kDelayed,
+  kBlacklistedNew,
+  kBlacklistedDelayed,
+  kCallback,  // deferred, and let through as one of a sender that only asks whether the recipient exists
+};
+GreylistingResult ResultOf(const GreylistVerdict& verdict, bool callback);
+// "whitelisted", "accepted", "new", "delayed", "blacklisted_new", "blacklisted_delayed", "callback".
+std::string_view GreylistingResultName(GreylistingResult result);
+
 class GreylistCheck {
  public:
   virtual ~GreylistCheck() = default;
