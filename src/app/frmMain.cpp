@@ -38,7 +38,8 @@ frmMain::frmMain(Program& program)
                             .sessions = sessions_,
                             .tls = program.tls,
                             .greylisting = &program.greylisting,
-                            .observer = &program.session_report},
+                            .observer = &program.session_report,
+                            .moment = program.dependencies.clock.Monotonic()},
       listeners_(program.socket_module,
                  {.ConnectionRequest = [this](std::int32_t requestID,
                                               bool tls) { Listener_ConnectionRequest(requestID, tls); },
@@ -215,7 +216,15 @@ void frmMain::Listener_Error(int number, const std::string& description) {
   Form_Unload();
 }
 
+Totals frmMain::CurrentTotals() {
+  return TotalsOf(program_.counters, program_.session_report, sessions_);
+}
+
 void frmMain::tmrStatus_Timer() {
+  const MonotonicTime now = program_.dependencies.clock.Monotonic();
+  session_dependencies_.moment = now;
+  program_.history.Observe(now, program_.counters.messages[0] + program_.counters.messages[1],
+                           program_.session_report.Refusals().Count());
   view_.Refresh();
 }
 

@@ -19,6 +19,7 @@
 #include "platform/system_requests.h"
 #include "proxy/session_collection.h"
 #include "proxy/session_dependencies.h"
+#include "report/totals.h"
 
 namespace trabex {
 
@@ -67,6 +68,8 @@ class frmMain final {
   void Listener_Error(int number, const std::string& description);
 
   SessionCollection& Sessions() { return sessions_; }
+  // Takes a step for each session.
+  Totals CurrentTotals();
 
   // Reloads the initialization file, see RequestedReload::Request.
   void RequestReload(RequestedReload::Done done) { requested_reload_.Request(std::move(done)); }

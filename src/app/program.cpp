@@ -31,6 +31,7 @@ Program::Program(Dependencies the_dependencies)
       service_notices(loop, dependencies.find_service_manager()),
       json_log(configuration, dependencies.clock, loop, log),
       session_report(counters, json_log, dependencies.clock),
+      history(dependencies.clock.Monotonic()),
       sockets(loop),
       names(CountLookups(dependencies.make_names(loop), dependencies.clock, counters)),
       socket_module(sockets, *names, log),

@@ -32,6 +32,7 @@
 #include "proxy/tls_contexts.h"
 #include "report/counters.h"
 #include "report/json_log.h"
+#include "report/minute_history.h"
 #include "report/session_report.h"
 #include "resolver/name_lookup.h"
 
@@ -108,6 +109,7 @@ struct Program final : LoadHost {
   ServiceNotices service_notices;
   JsonLog json_log;
   SessionReport session_report;
+  MinuteHistory history;  // of messages, and refusals of all kinds
   Sockets sockets;
   std::unique_ptr<NameLookup> names;
   modSocketMaster socket_module;

@@ -1,13 +1,11 @@
 #include "app/status_service.h"
 
-#include <array>
-
 #include "app/frmMain.h"
 #include "app/program.h"
 #include "app/version.h"
 #include "platform/descriptors.h"
-#include "proxy/cProxy.h"
 #include "report/status_text.h"
+#include "report/totals.h"
 
 namespace trabex {
 
@@ -44,20 +42,11 @@ std::string StatusService::Text() const {
   const std::string version = VersionText();
   const DescriptorUse descriptors = FindDescriptorUse();
   SessionCollection& sessions = window_.Sessions();
-  std::array<CountArray<2>, 2> bytes{};
-  for (std::size_t i = 0; i < sessions.Count(); ++i) {
-    const cProxy& session = sessions.At(i);
-    const TransferredBytes of_sides[] = {session.ClientBytes(), session.ServerBytes()};
-    for (std::size_t side = 0; side < bytes.size(); ++side) {
-      bytes[side][0] += static_cast<std::uint64_t>(of_sides[side].in);
-      bytes[side][1] += static_cast<std::uint64_t>(of_sides[side].out);
-    }
-  }
   return StatusText(program_.counters,
                     {.version = version,
                      .start_time = start_time_,
                      .sessions_open = sessions.Count(),
-                     .bytes_open = bytes,
+                     .bytes_open = OpenBytes(sessions),
                      .greylisting_records = program_.greylisting.Count(),
                      .log_lines_lost = {program_.log.LostLines(), program_.json_log.LostLines()},
                      .descriptors_open = descriptors.open,

@@ -4,6 +4,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <optional>
 #include <utility>
 
 #include "base/date_time.h"
@@ -14,6 +15,12 @@
 
 namespace trabex {
 
+// The addresses that a refusal is about; nothing: there is none at that point.
+struct SessionReport::RefusedAddresses {
+  std::optional<std::string_view> from;
+  std::optional<std::string_view> to;
+};
+
 namespace {
 
 // More of them, or larger ones, are not kept for later sessions.
@@ -22,8 +29,6 @@ constexpr std::size_t kMaxSpareMemory = std::size_t{4} * 1024;
 
 constexpr std::array<std::string_view, 8> kEnds = {"quit",    "client", "server", "timeout",
                                                    "refused", "badseq", "closed", "shutdown"};
-constexpr std::array<std::string_view, 7> kOutcomes = {
-    "whitelisted", "accepted", "new", "delayed", "blacklisted_new", "blacklisted_delayed", "callback"};
 
 std::size_t OriginOf(const cProxy& session) {
   return session.ClientIsLocal() ? 0 : 1;
@@ -43,22 +48,6 @@ std::int64_t CodeNumber(std::string_view reply) {
     code = code * 10 + (reply[i] - '0');
   }
   return code;
-}
-
-std::size_t OutcomeIndex(const GreylistVerdict& verdict, bool callback) {
-  using Outcome = GreylistVerdict::Outcome;
-  if (callback) return 6;
-  switch (verdict.outcome) {
-    case Outcome::kWhitelisted:
-      return 0;
-    case Outcome::kAccepted:
-      return 1;
-    case Outcome::kNew:
-      return verdict.blacklisted ? 4 : 2;
-    case Outcome::kDelayed:
-      break;
-  }
-  return verdict.blacklisted ? 5 : 3;
 }
 
 bool IsReplyToRcpt(ReplyKind kind) {
@@ -108,6 +97,10 @@ std::string_view StageOf(const OwnReply& reply) {
     default:
       return "command";
   }
+}
+
+std::string_view KeyOf(const OwnReply& reply) {
+  return reply.key.empty() ? FindPolicyReply(reply.kind).key : reply.key;
 }
 
 void WriteIfAny(JsonLine& line, std::string_view name, std::string_view value) {
@@ -243,21 +236,13 @@ void SessionReport::OnOwnReply(const cProxy& session, const OwnReply& reply) {
     OnRecipient(session, deferred ? RecipientResult::kDeferred : RecipientResult::kRefused,
                 reply.requested.Recipient);
   }
-  if (json_.Wants("refusal")) WriteRefusal(session, reply);
+  const std::string_view stage = StageOf(reply);
+  const RefusedAddresses addresses = AddressesOf(reply, stage);
+  KeepRefusal(session, reply, addresses);
+  if (json_.Wants("refusal")) WriteRefusal(session, reply, stage, addresses);
 }
 
-void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
-  JsonLine& line = BeginLine("refusal", session);
-  const std::string_view stage = StageOf(reply);
-  line.Text("stage", stage);
-  line.Text("key", reply.key.empty() ? FindPolicyReply(reply.kind).key : reply.key);
-  if (reply.sent) {
-    line.Number("code", CodeNumber(reply.text));
-    line.Text("text", reply.text);
-  }
-  line.Truth("sent", reply.sent);
-  WriteIfAny(line, "name", session.Name());
-  WriteIfAny(line, "helo", reply.requested.HeloDomain);
+SessionReport::RefusedAddresses SessionReport::AddressesOf(const OwnReply& reply, std::string_view stage) {
   // An address that could not be read is not remembered; what is remembered then is another one.
   const bool has_recipient = stage == "rcpt" && reply.kind != ReplyKind::kRcptAddressSyntax;
   const bool has_sender = stage == "rcpt" || stage == "data" || stage == "content" ||
@@ -265,8 +250,39 @@ void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
   // Without a transaction there is none.
   const bool out_of_order = FindPolicyReply(reply.kind).after == AfterReply::kCount;
   const auto is_none = [&](std::string_view address) { return out_of_order && address.empty(); };
-  if (has_sender && !is_none(reply.requested.Sender)) line.Text("from", reply.requested.Sender);
-  if (has_recipient && !is_none(reply.requested.Recipient)) line.Text("to", reply.requested.Recipient);
+  RefusedAddresses addresses;
+  if (has_sender && !is_none(reply.requested.Sender)) addresses.from = reply.requested.Sender;
+  if (has_recipient && !is_none(reply.requested.Recipient)) addresses.to = reply.requested.Recipient;
+  return addresses;
+}
+
+void SessionReport::KeepRefusal(const cProxy& session, const OwnReply& reply,
+                                const RefusedAddresses& addresses) {
+  const bool delayed = reply.kind == ReplyKind::kRcptGreylisted || reply.kind == ReplyKind::kDataGreylisted;
+  RefusalRecord& record = refusals_.Add(delayed);
+  record.time = clock_.UnixMilliseconds();
+  record.session = session.Id();
+  record.client = session.ClientIP();
+  record.key = KeyOf(reply);
+  record.has_from = addresses.from.has_value();
+  record.from = addresses.from.value_or("").substr(0, RefusalRecord::kMaxText);
+  record.to = addresses.to.value_or("").substr(0, RefusalRecord::kMaxText);
+}
+
+void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply, std::string_view stage,
+                                 const RefusedAddresses& addresses) {
+  JsonLine& line = BeginLine("refusal", session);
+  line.Text("stage", stage);
+  line.Text("key", KeyOf(reply));
+  if (reply.sent) {
+    line.Number("code", CodeNumber(reply.text));
+    line.Text("text", reply.text);
+  }
+  line.Truth("sent", reply.sent);
+  WriteIfAny(line, "name", session.Name());
+  WriteIfAny(line, "helo", reply.requested.HeloDomain);
+  if (addresses.from) line.Text("from", *addresses.from);
+  if (addresses.to) line.Text("to", *addresses.to);
   if (!reply.list.name.empty()) {
     line.Text("list", reply.list.name);
     entry_.clear();
@@ -278,11 +294,11 @@ void SessionReport::WriteRefusal(const cProxy& session, const OwnReply& reply) {
 
 void SessionReport::OnGreylisting(const cProxy& session, const GreylistVerdict& verdict, bool callback,
                                   const RequestedState& requested) {
-  const std::size_t outcome = OutcomeIndex(verdict, callback);
-  ++counters_.greylisting[outcome];
+  const GreylistingResult outcome = ResultOf(verdict, callback);
+  ++counters_.greylisting[static_cast<std::size_t>(outcome)];
   if (!json_.Wants("greylisting")) return;
   JsonLine& line = BeginLine("greylisting", session);
-  line.Text("outcome", kOutcomes[outcome]);
+  line.Text("outcome", GreylistingResultName(outcome));
   line.Truth("blacklisted", verdict.blacklisted);
   if (verdict.attempts > 0) {
     line.Number("attempts", verdict.attempts);

@@ -14,6 +14,7 @@
 #include "report/counters.h"
 #include "report/json_line.h"
 #include "report/json_log.h"
+#include "report/recent_refusals.h"
 
 namespace trabex {
 
@@ -28,6 +29,9 @@ class SessionReport final : public SessionObserver {
 
   // Why the latest attempt to reach the server failed; "" when it succeeded, or there was none yet.
   const std::string& ServerFailure() const { return server_failure_; }
+
+  // The latest refusals, of all sessions.
+  const RecentRefusals& Refusals() const { return refusals_; }
 
   void OnBegin(const cProxy& session) override;
   void OnCommand(const cProxy& session) override;
@@ -77,13 +81,18 @@ class SessionReport final : public SessionObserver {
   Record& NewRecord(SessionId session);
   void EndRecord(SessionId session);
   JsonLine& BeginLine(std::string_view event, const cProxy& session);
-  void WriteRefusal(const cProxy& session, const OwnReply& reply);
+  struct RefusedAddresses;
+  static RefusedAddresses AddressesOf(const OwnReply& reply, std::string_view stage);
+  void KeepRefusal(const cProxy& session, const OwnReply& reply, const RefusedAddresses& addresses);
+  void WriteRefusal(const cProxy& session, const OwnReply& reply, std::string_view stage,
+                    const RefusedAddresses& addresses);
   void WriteFailure(const cProxy& session, std::string_view side, int error, std::string_view description);
 
   Counters& counters_;
   JsonLog& json_;
   const Clock& clock_;
   std::string server_failure_;
+  RecentRefusals refusals_;
   Records records_;
   std::vector<Records::node_type> spare_records_;
   SessionId latest_id_ = 0;  // whose record latest_ is
