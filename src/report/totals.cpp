@@ -4,8 +4,8 @@
 
 namespace trabex {
 
-std::array<CountArray<2>, 2> OpenBytes(SessionCollection& sessions) {
-  std::array<CountArray<2>, 2> bytes{};
+OpenByteCounts OpenBytes(SessionCollection& sessions) {
+  OpenByteCounts bytes{};
   for (std::size_t i = 0; i < sessions.Count(); ++i) {
     const cProxy& session = sessions.At(i);
     const TransferredBytes of_sides[] = {session.ClientBytes(), session.ServerBytes()};
@@ -18,8 +18,13 @@ std::array<CountArray<2>, 2> OpenBytes(SessionCollection& sessions) {
 }
 
 Totals TotalsOf(const Counters& counters, const SessionReport& report, SessionCollection& sessions) {
+  return TotalsOf(counters, report, sessions.Count(), OpenBytes(sessions));
+}
+
+Totals TotalsOf(const Counters& counters, const SessionReport& report, std::size_t open,
+                const OpenByteCounts& open_bytes) {
   Totals totals;
-  totals.open = sessions.Count();
+  totals.open = open;
   totals.peak = counters.sessions_peak;
   for (std::size_t origin = 0; origin < 2; ++origin) {
     totals.sessions += counters.sessions[origin];
@@ -28,7 +33,7 @@ Totals TotalsOf(const Counters& counters, const SessionReport& report, SessionCo
   }
   totals.delayed = report.Refusals().DelayedCount();
   totals.refused = report.Refusals().Count() - totals.delayed;
-  totals.bytes = OpenBytes(sessions);
+  totals.bytes = open_bytes;
   for (std::size_t side = 0; side < 2; ++side) {
     for (std::size_t way = 0; way < 2; ++way) totals.bytes[side][way] += counters.bytes[side][way];
   }

@@ -31,9 +31,14 @@ struct Totals {
   std::string_view server_failure;  // why it is down; valid until the next attempt
 };
 
-// As Counters::bytes, of the connections that are open. Takes a step for each session.
-std::array<CountArray<2>, 2> OpenBytes(SessionCollection& sessions);
+// As Counters::bytes, of the connections that are open.
+using OpenByteCounts = std::array<CountArray<2>, 2>;
+// Takes a step for each session.
+OpenByteCounts OpenBytes(SessionCollection& sessions);
 
+// With so many sessions open, and the bytes that they have come to.
+Totals TotalsOf(const Counters& counters, const SessionReport& report, std::size_t open,
+                const OpenByteCounts& open_bytes);
 // Takes a step for each session.
 Totals TotalsOf(const Counters& counters, const SessionReport& report, SessionCollection& sessions);
 
