@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Plays a dialogue of a page: play_dialogue.py FILE OWN-ADDRESS SERVER-ADDRESS PORT
 
-Lines "C: …" are sent, lines "S: …" expected, where "…" is any text; "S: …" alone is the rest of a reply. What differs is
-printed, and the exit status is 1.
+Lines "C: …" are sent, in which "\\n" is a line feed without a carriage return; lines "S: …" are expected, in which "…" is
+any text. "S: …" alone is the rest of a reply. What differs is printed, and the exit status is 1.
 """
 
 import re
@@ -20,7 +20,7 @@ def main():
         for line in Path(file).read_text(encoding="utf-8").splitlines():
             side, text = line[:2], line[3:]
             if side == "C:":
-                connection.sendall(text.encode() + b"\r\n")
+                connection.sendall(text.replace("\\n", "\n").encode() + b"\r\n")
             elif side == "S:":
                 said = replies.readline().removesuffix("\r\n")
                 while text == "…" and said[3:4] == "-":
