@@ -22,6 +22,9 @@ constexpr const wchar_t* kCaption = L"Trabex";
 // What is shown at first: with scroll bar, some host names without scrolling.
 constexpr int kColumns = 84;
 constexpr int kRows = 26;
+// The system's own IDI_APPLICATION and IDC_ARROW, whose macros are for the other form of its functions.
+constexpr int kPlainIcon = 32512;
+constexpr int kArrow = 32512;
 
 enum class StatusPart { kStatus, kVersion };
 
@@ -67,7 +70,7 @@ class MainWindow {
 HICON Icon(int width, int height) {
   const HANDLE icon = LoadImageW(GetModuleHandleW(nullptr), MAKEINTRESOURCEW(kIconResource), IMAGE_ICON,
                                  GetSystemMetrics(width), GetSystemMetrics(height), LR_SHARED);
-  return icon != nullptr ? static_cast<HICON>(icon) : LoadIconW(nullptr, IDI_APPLICATION);
+  return icon != nullptr ? static_cast<HICON>(icon) : LoadIconW(nullptr, MAKEINTRESOURCEW(kPlainIcon));
 }
 
 bool RegisterWindowClass(WNDPROC procedure) {
@@ -77,7 +80,7 @@ bool RegisterWindowClass(WNDPROC procedure) {
   window_class.hInstance = GetModuleHandleW(nullptr);
   window_class.hIcon = Icon(SM_CXICON, SM_CYICON);
   window_class.hIconSm = Icon(SM_CXSMICON, SM_CYSMICON);
-  window_class.hCursor = LoadCursorW(nullptr, IDC_ARROW);
+  window_class.hCursor = LoadCursorW(nullptr, MAKEINTRESOURCEW(kArrow));
   window_class.hbrBackground = GetSysColorBrush(COLOR_BTNFACE);
   window_class.lpszClassName = kClassName;
   return RegisterClassExW(&window_class) != 0 || GetLastError() == ERROR_CLASS_ALREADY_EXISTS;
