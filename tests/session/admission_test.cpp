@@ -39,6 +39,33 @@ TEST(Admission, TheCountIncludesTheNewSession) {
     <- 220 second)");
 }
 
+TEST(Admission, TheLimitHoldsForAWhiteListedClientToo) {
+  PlayBothWays(
+      [](SessionFixture& fixture) {
+        fixture.Settings.MaxConnections = 1;
+        fixture.Settings.IPWhiteList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+      },
+      R"(
+    S: 220 server ready
+    <- 220 server ready
+    connect
+    <- 421 proxy.test is too busy. Try later.
+    closed C)");
+}
+
+TEST(Admission, ABlackListedAddressIsRefusedWhateverItsName) {
+  PlayBothWays(
+      [](SessionFixture& fixture) {
+        fixture.Settings.IPBlackList = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+        fixture.Settings.ValidateRDNS = 3;
+        fixture.Settings.HostsWhiteList.Add("*", {.patterns = {"*"}});
+        fixture.Settings.HostsWhiteList.Add("[]", {.patterns = {"[]"}});
+      },
+      R"(
+    <- 554 Connection from 127.0.0.1 not allowed.
+    closed C)");
+}
+
 TEST(Admission, BlackListedAddress) {
   PlayBothWays(
       [](SessionFixture& fixture) {
