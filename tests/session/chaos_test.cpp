@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "session/session_fixture.h"
+#include "support/seeds.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
 
@@ -309,7 +310,7 @@ class Chaos {
 
 TEST(Chaos, LeavesNothingBehind) {
   std::ptrdiff_t contents = 0;
-  for (unsigned seed = 0; seed < 1000; ++seed) {
+  for (unsigned seed = 0; seed < SeedCount(1000); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Chaos chaos(seed);
     for (int step = 0; step < 60; ++step) {
@@ -327,7 +328,7 @@ TEST(Chaos, LeavesNothingBehindUnderTls) {
   std::ptrdiff_t contents = 0;
   std::ptrdiff_t clients = 0;
   std::ptrdiff_t servers = 0;
-  for (unsigned seed = 0; seed < 120; ++seed) {
+  for (unsigned seed = 0; seed < SeedCount(120); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Chaos chaos(seed, true);
     for (int step = 0; step < 150; ++step) {

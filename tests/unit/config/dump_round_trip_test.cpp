@@ -9,6 +9,7 @@
 #include "config/early_keys.h"
 #include "config/settings_table.h"
 #include "config_support.h"
+#include "support/seeds.h"
 
 namespace trabex {
 namespace {
@@ -201,7 +202,7 @@ std::string DumpInParts(const Configuration& configuration, std::size_t entries)
 
 TEST(Dump, ReadsBackAsTheSameConfiguration) {
   std::size_t longest = 0;
-  for (unsigned seed = 0; seed < 300; ++seed) {
+  for (unsigned seed = 0; seed < SeedCount(300); ++seed) {
     const std::string text = RandomFile(seed).Text();
     // What the random file has of duplicates and values out of range is left out.
     const LoadedText loaded(text, true);

@@ -12,6 +12,7 @@
 
 #include "platform/clock.h"
 #include "platform/sockets.h"
+#include "support/held_port.h"
 #include "support/ip_address.h"
 #include "support/loop_runner.h"
 
@@ -161,6 +162,34 @@ class Bench {
   SocketHandle peer;
   std::size_t filled = 0;
 };
+
+// Whether the system tells an end of the connection by a reset from any other end, asked once of two plain sockets.
+// Wine does not.
+bool ResetsAreTold() {
+  static const bool told = [] {
+    constexpr std::chrono::seconds kLimit{5};
+    HeldPort port;
+    SystemSocket listener = port.Listen(1);
+    SystemSocket peer(Transport::kTcp);
+    EXPECT_TRUE(peer.Connect({kLoopback, port.Port()}) && peer.Connected(kLimit));
+    listener.AwaitReadable(kLimit);
+    SystemSocket ours = listener.Accept();
+    peer.Reset();
+    ours.AwaitReadable(kLimit);
+    char byte = 0;
+    std::size_t received = 0;
+    return ours.Receive({&byte, 1}, received) == SystemSocket::Outcome::kReset;
+  }();
+  return told;
+}
+
+// The notifications as this system can tell them.
+std::string AsTold(std::string notified) {
+  const std::string reset = "(10054)";
+  const std::size_t at = notified.find(reset);
+  if (at != std::string::npos && !ResetsAreTold()) notified.erase(at, reset.size());
+  return notified;
+}
 
 struct Step {
   std::function<void(Bench&)> act;
@@ -476,10 +505,10 @@ class Notifications : public testing::TestWithParam<Row> {
     for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
       SCOPED_TRACE("step " + std::to_string(i + 1));
       GetParam().steps[i].act(bench);
-      bench.Until(GetParam().steps[i].notified);
+      bench.Until(AsTold(GetParam().steps[i].notified));
     }
     bench.ExpectSleep();
-    EXPECT_EQ(bench.recorder.notified, GetParam().steps.back().notified);
+    EXPECT_EQ(bench.recorder.notified, AsTold(GetParam().steps.back().notified));
   }
 };
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "base/text.h"
+#include "support/seeds.h"
 #include "unit/proxy/dialogue.h"
 
 namespace trabex {
@@ -326,7 +327,7 @@ class RandomSession {
 TEST(Dialogue, BelievesWhatTheServerSaidAndNothingElse) {
   int transactions = 0;
   int contents = 0;
-  for (std::uint32_t seed = 0; seed < 2000 && !HasFailure(); ++seed) {
+  for (std::uint32_t seed = 0; seed < SeedCount(2000) && !HasFailure(); ++seed) {
     RandomSession session(seed);
     session.Run(150);
     transactions += session.ReachedTransaction();

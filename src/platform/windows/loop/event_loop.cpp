@@ -115,10 +115,7 @@ void EventLoop::Impl::Deselect(SOCKET socket, UINT number, bool open) {
 }
 
 std::optional<Milliseconds> EventLoop::Impl::WaitLimit(Milliseconds wait) const {
-  const bool due = std::any_of(sources_.begin(), sources_.end(), [](const EventSource* source) {
-    return source != nullptr && source->IsDue();
-  });
-  if (due || work.Waiting()) return Milliseconds{0};
+  if (work.Waiting()) return Milliseconds{0};
   std::optional<Milliseconds> limit;
   if (wait >= Milliseconds{0}) limit = wait;
   if (const auto deadline = timers.NextDeadline()) {
@@ -130,8 +127,13 @@ std::optional<Milliseconds> EventLoop::Impl::WaitLimit(Milliseconds wait) const 
   return limit;
 }
 
+bool EventLoop::Impl::IsAnyDue() const {
+  return std::any_of(sources_.begin(), sources_.end(),
+                     [](const EventSource* source) { return source != nullptr && source->IsDue(); });
+}
+
 void EventLoop::Impl::AwaitMessages(std::optional<Milliseconds> limit) const {
-  const Milliseconds longest = kAskAnewInterval;
+  const Milliseconds longest = IsAnyDue() ? Milliseconds{0} : kAskAnewInterval;
   const auto wait = static_cast<DWORD>(std::min(limit.value_or(longest), longest).count());
   MsgWaitForMultipleObjectsEx(0, nullptr, wait, QS_ALLINPUT, MWMO_INPUTAVAILABLE);
 }
@@ -156,12 +158,13 @@ void EventLoop::Impl::AskAnewIfDue() {
 }
 
 std::size_t EventLoop::Impl::WorkOnce() {
+  ++iteration;
   std::size_t calls = work.CallPosts();
   calls += thread_posts->CallAll();
+  calls += DispatchMessages();
   for (std::size_t i = 0; i < sources_.size(); ++i) {
     if (sources_[i] != nullptr) calls += sources_[i]->CallDue();
   }
-  calls += DispatchMessages();
   calls += timers.CallDue(clock.Monotonic());
   AskAnewIfDue();
   calls += work.EndIteration();
@@ -179,15 +182,15 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
   // A message that reaches nobody, or a look at what was silent, is no reason to end.
   for (std::optional<Milliseconds> left = limit;;) {
     AwaitMessages(left);
-    const MonotonicTime began = turn_observer ? clock.Monotonic() : MonotonicTime();
+    const bool observed = static_cast<bool>(turn_observer);
+    const MonotonicTime began = observed ? clock.Monotonic() : MonotonicTime();
     calls = WorkOnce();
-    if (turn_observer) turn_observer(clock.Monotonic() - began);
+    if (observed && turn_observer) turn_observer(clock.Monotonic() - began);
     if (calls > 0) break;
-    if (!limit) continue;
+    if (!limit || IsAnyDue()) continue;
     const auto now = steady_clock::now();
     if (now >= end) break;
     left = std::chrono::ceil<Milliseconds>(end - now);
-    if (WaitLimit(*left) == Milliseconds{0}) left = Milliseconds{0};
   }
   in_iteration = false;
   return calls > 0;

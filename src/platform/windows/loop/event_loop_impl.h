@@ -106,6 +106,7 @@ struct EventLoop::Impl {
   DeferredTasks work;
   bool in_iteration = false;
   bool quit = false;
+  std::uint32_t iteration = 0;  // counts what follows each wait
   std::function<void(std::chrono::nanoseconds)> turn_observer;
   std::shared_ptr<ThreadPosts> thread_posts;
   FdTable watched_fds{*this};
@@ -115,7 +116,9 @@ struct EventLoop::Impl {
   LRESULT OnWindowMessage(UINT message, WPARAM w, LPARAM l);
   // How long the loop may wait; nothing: for ever.
   std::optional<Milliseconds> WaitLimit(Milliseconds wait) const;
-  // Waits until there are messages.
+  // Whether a source has something to look at.
+  bool IsAnyDue() const;
+  // Waits until there are messages, unless something is due.
   void AwaitMessages(std::optional<Milliseconds> limit) const;
   // What follows the wait. Returns the number of calls.
   std::size_t WorkOnce();

@@ -91,7 +91,7 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t c
                                 int error) {
   entry.read_armed = true;
   if (entry.role == Role::kDatagram) {
-    MakeDue(socket, entry);  // a datagram's size says nothing about the next one
+    if (error != WSAEWOULDBLOCK) MakeDue(socket, entry);  // a datagram's size says nothing about the next one
     return;
   }
   if (error == WSAEWOULDBLOCK) {
@@ -148,9 +148,14 @@ bool Sockets::Impl::OnMessage(std::uint32_t index, std::uint32_t generation, lon
 }
 
 bool Sockets::Impl::Look(SocketHandle socket) {
-  const Entry* const entry = Find(socket);
+  Entry* const entry = Find(socket);
   // Nothing is forgotten: the next sink makes it due.
   if (entry == nullptr || entry->sink == nullptr) return false;
+  if (entry->looked_at == loop.iteration) {
+    MakeDue(socket, *entry);
+    return false;
+  }
+  entry->looked_at = loop.iteration;
   switch (entry->role) {
     case Role::kListening:
       return LookAtListener(socket);
@@ -228,6 +233,12 @@ bool Sockets::Impl::LookAtConnect(SocketHandle socket) {
 
 // Reading comes first, so that what the peer sent before it broke the connection is received.
 bool Sockets::Impl::LookAtStream(SocketHandle socket) {
+  Entry& before = *Find(socket);
+  // A send that waited goes on also when the connection has broken, and the message of that may come later.
+  if (before.write_armed && before.writable && before.read_armed && !before.close_notified &&
+      AskReadiness(before.socket).readable) {
+    before.ask_end = true;
+  }
   bool called = LookAtReading(socket);
   // Mostly the last data is taken whole. Then the end need not wait for the next iteration.
   if (const Entry* const after = Find(socket);

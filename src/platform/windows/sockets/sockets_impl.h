@@ -27,9 +27,10 @@ struct Sockets::Impl final : EventSource {
     SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
-    UINT number = 0;        // of its messages; 0: none come
-    int connect_error = 0;  // what the connect came to
-    int close_error = 0;    // how the connection ended; the hint of FD_CLOSE
+    UINT number = 0;              // of its messages; 0: none come
+    std::uint32_t looked_at = 0;  // the loop's iteration in which the socket was looked at last
+    int connect_error = 0;        // what the connect came to
+    int close_error = 0;          // how the connection ended; the hint of FD_CLOSE
     Role role = Role::kFresh;
     AddressFamily family = AddressFamily::kIPv4;
     bool read_armed = true;       // a receive was tried since FD_READ
@@ -73,7 +74,8 @@ struct Sockets::Impl final : EventSource {
   std::vector<SocketHandle> due;
 
  private:
-  // Notifies of what holds now. Each returns whether anybody was called.
+  // Notifies of what holds now. Each returns whether anybody was called. In each iteration a socket is looked at once:
+  // one whose owner takes a little of much each time has a new message at once, and would keep the others waiting.
   bool Look(SocketHandle socket);
   bool LookAtListener(SocketHandle socket);
   bool LookAtDatagrams(SocketHandle socket);
