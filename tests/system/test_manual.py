@@ -20,6 +20,8 @@ from trabex_system import main, only_ipv4
 PAGE_SETTINGS = {
     "greylisting.md": {"GreyListing": {"Enabled": 1, "Log": 1}},
     "greylisting-tool.md": {"GreyListing": {"Enabled": 1}},
+    "monitoring.md": {"Service": {"StatusHTTP": "127.0.0.1:9425"}},
+    "operations.md": {"GreyListing": {"Enabled": 1}},
 }
 # And what is done before its first block, as a shell script; the blocks of a page run in /, as it does.
 PAGE_SCRIPTS = {
@@ -52,13 +54,23 @@ class PageTrial:
         self._machine = machine
         machine.write_settings(PAGE_SETTINGS.get(page))
         machine.must(_CERTIFICATE)
-        machine.start_trabex()
+        self._running = None
+        self._start("/etc/trabex/25.ini")
         # So that there is something to be found in the logs.
         for recipient in ("you@example.org", "them@elsewhere.example"):
             machine.send(CLIENT, recipient)
         machine.must(PAGE_SCRIPTS.get(page, "true"))
 
+    def _start(self, ini):
+        """The instance has these settings, as they are now."""
+        if ini != self._running or ini == "/etc/trabex/page.ini":
+            self._machine.start_trabex(ini)
+            self._running = ini
+
     def run(self, block):
+        """Returns what is wrong, or None."""
+        if RUN[block.language] == "commands":
+            self._start("/etc/trabex/25.ini")
         return getattr(self, f"_run_{block.language}")(block)
 
     def _run_ini(self, block):
@@ -81,7 +93,7 @@ class PageTrial:
     def _run_smtp(self, block):
         """With the page's latest settings."""
         if self._machine.root.path("/etc/trabex/page.ini").exists():
-            self._machine.start_trabex("/etc/trabex/page.ini")
+            self._start("/etc/trabex/page.ini")
         self._machine.write("/tmp/dialogue", block.text)
         done = self._machine.run([REPO / "tests/system/play_dialogue.py", "/tmp/dialogue", block.mark("client", CLIENT),
                                   "192.0.2.25", "25"])
@@ -122,7 +134,9 @@ class Pages(unittest.TestCase):
 
 def add_pages():
     for path in pages():
-        name = "test_" + re.sub(r"\W", "_", path.name.removesuffix(".md"))
+        # There are two of the name README.md.
+        name = path.name if path.parent == REPO / "docs" else f"top_{path.name}"
+        name = "test_" + re.sub(r"\W", "_", name.removesuffix(".md"))
         setattr(Pages, name, lambda self, path=path: self.try_page(path))
 
 
