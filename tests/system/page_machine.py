@@ -38,6 +38,9 @@ def install_files(folder):
 
 
 class PageMachine:
+    # Beside those in the hosts file.
+    known_names = ()
+
     def __init__(self):
         self._servers = []
         self._instance = None
@@ -111,7 +114,7 @@ class PageMachine:
         self.write("/etc/resolv.conf", "nameserver 127.0.0.1\n")
         self.must("getent passwd trabex || useradd --system --home-dir /var/lib/trabex --shell /usr/sbin/nologin trabex;"
                   " install -d -o trabex -g trabex -m 750 /var/lib/trabex /var/log/trabex; mkdir -p /var/spool/mails")
-        self.serve([REPO / "tests/system/name_server.py"], "there")
+        self.serve([REPO / "tests/system/name_server.py", *self.known_names], "there")
         self.start_sample_server()
 
     def start_sample_server(self):

@@ -48,6 +48,9 @@ HIDDEN = {"STARTTLS", "PIPELINING", "XCLIENT", "XFORWARD", "TURN", "ATRN"}
 class ServerMachine(PageMachine):
     """One with a mail server for `you`, in place of the sample one."""
 
+    # The world's client is in this block list.
+    known_names = ("7.100.51.198.bl.example",)
+
     def start_sample_server(self):
         """There is a real one."""
 
@@ -85,8 +88,10 @@ class MailServers(unittest.TestCase):
 
     def on_the_same_machine(self):
         """The clients are elsewhere, since a server may take each address of its own machine for a client of the house."""
-        self.machine.must(f"ip address del {CLIENT}/32 dev lo; ip address del {LOCAL}/32 dev lo")
-        self.client_network = self.machine.root.add_network([f"{TRABEX}/24", "198.51.100.1/24"], [f"{LOCAL}/24", f"{CLIENT}/24"])
+        for address in (CLIENT, NAMELESS, LOCAL):
+            self.machine.must(f"ip address del {address}/32 dev lo")
+        self.client_network = self.machine.root.add_network([f"{TRABEX}/24", "198.51.100.1/24", "203.0.113.1/24"],
+                                                               [f"{LOCAL}/24", f"{CLIENT}/24", f"{NAMELESS}/24"])
         with self.machine.root.in_network(self.client_network):
             self.machine.must("ip route add 192.0.2.25 via 198.51.100.1")
 
@@ -169,6 +174,53 @@ class MailServers(unittest.TestCase):
         # It has them, and Trabex hides them.
         self.client_network = None
         self.assertEqual(self.offered("127.0.0.1", "127.0.0.1", 10025) & HIDDEN, {"PIPELINING", "XCLIENT"})
+
+    def ask_block_list(self):
+        self.machine.must("postconf smtpd_recipient_restrictions='reject_rbl_client bl.example'; systemctl reload postfix")
+
+    def test_what_postfix_does_with_the_address(self):
+        """It asks block lists about the client, and knows its own clients."""
+        self.on_the_same_machine()
+        self.install_postfix()
+        self.follow("Postfix on the same machine")
+        self.wait_for_server()
+        self.ask_block_list()
+        self.assertIn("554 5.7.1 Service unavailable; Client host [198.51.100.7] blocked using bl.example", self.send(CLIENT, "you@example.org"))
+        self.assertEqual(self.send(LOCAL, "you@example.org")[:4], "250 ")
+
+    def test_what_postfix_does_without_the_address(self):
+        """Everybody is 127.0.0.1: no block list knows it, and Trabex has the only lock."""
+        self.on_the_same_machine()
+        self.install_postfix()
+        self.follow("Postfix on the same machine")
+        self.wait_for_server()
+        self.ask_block_list()
+        self.ini = self.ini.replace("SendClientIP = 3", "SendClientIP = 0")
+        self.start_trabex(self.ini)
+        self.assertEqual(self.send(CLIENT, "you@example.org")[:4], "250 ")
+        self.assertEqual(self.send(CLIENT, ELSEWHERE)[:4], "550 ")
+        self.machine.wait_for("grep -Eqs 'client=[^ ]*.127.0.0.1.' /var/log/mail.log", "the client in Postfix's log")
+        self.machine.write("/etc/trabex/25.ini", complete(self.ini.replace("LocalDomains = example.org", "LocalDomains = *"), SETTINGS))
+        self.machine.start_trabex()
+        self.assertEqual(self.send(CLIENT, ELSEWHERE)[:4], "250 ")
+
+    def test_postscreen(self):
+        """It knows the client by the PROXY header, and finds in it no early talker, since that is Trabex's word."""
+        self.on_the_same_machine()
+        self.install_postfix()
+        self.follow("Postfix on the same machine")
+        self.wait_for_server()
+        self.machine.must("postconf -M 127.0.0.1:10025/inet='127.0.0.1:10025 inet n - y - 1 postscreen'"
+                          " smtpd/pass='smtpd pass - - y - - smtpd' dnsblog/unix='dnsblog unix - - y - 0 dnsblog'"
+                          " && postconf postscreen_upstream_proxy_protocol=haproxy postscreen_greet_wait=1s"
+                          " postscreen_dnsbl_sites=bl.example postscreen_dnsbl_action=enforce && systemctl restart postfix")
+        self.ini = self.ini.replace("SendClientIP = 3", "SendClientIP = 2")
+        self.start_trabex(self.ini)
+        self.assertIn("blocked using bl.example", self.send(CLIENT, "you@example.org"))
+        self.assertEqual(self.send(NAMELESS, "you@example.org")[:4], "250 ")
+        log = self.machine.read("/var/log/mail.log")
+        self.assertIn(f"CONNECT from [{CLIENT}]", log)
+        self.assertIn(f"PASS NEW [{NAMELESS}]", log)
 
     def test_postfix_on_another_machine(self):
         self.on_another_machine()
