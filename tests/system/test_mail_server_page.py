@@ -8,7 +8,7 @@ import re
 import subprocess
 import unittest
 
-from copied_root import can_be_made
+from copied_root import Failed, can_be_made
 from manual_pages import RUN, REPO, complete, read_blocks, read_sections
 from page_machine import CLIENT, LOCAL, NAMELESS, SETTINGS, PageMachine
 from trabex_system import main, only_ipv4
@@ -291,9 +291,19 @@ class MailServers(unittest.TestCase):
         self.on_another_machine()
         self.install_opensmtpd(*self.blocks("OpenSMTPD on another machine", "text"))
         self.on_server("smtpd -n && systemctl restart opensmtpd")
-        (self.ini,) = self.blocks("OpenSMTPD on another machine", "ini")
-        self.start_trabex(self.ini)
+        self.greet(NEIGHBOUR)
+        self.follow("OpenSMTPD on another machine")
+        # The firewall keeps others out.
+        self.greet(TRABEX)
+        with self.assertRaisesRegex(Failed, "ConnectionRefusedError"):
+            self.greet(NEIGHBOUR)
         self.check("/home/you/Maildir", "/home/you/Maildir/new/*")
+
+
+    def greet(self, client):
+        """Connects to the server from this address."""
+        self.machine.must(["python3", "-c", "import socket, sys\nsocket.create_connection((sys.argv[1], 25), 60, (sys.argv[2], 0))",
+                           SERVER, client])
 
 
 class Whole(unittest.TestCase):
