@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,6 +97,22 @@ TEST(SettingsReference, ListsEverySettingInTheOrderOfTheDump) {
   }
   for (std::string_view name : kSectionNames) {
     EXPECT_NE(text.find(name), std::string::npos) << name;
+  }
+}
+
+// What a setting's values are called in its row, the page says above.
+TEST(SettingsReference, ExplainsEveryKindOfValue) {
+  std::set<std::string> explained;
+  const std::string text = SourceFile("docs/settings.md");
+  for (const std::string_view line : Split(text, '\n')) {
+    if (line.starts_with("## Section ")) break;
+    if (line.starts_with("| ") && Cells(line).size() == 2) explained.insert(Cells(line).front());
+  }
+  for (const Setting& setting : AllSettings()) {
+    const std::string values = ValuesText(setting);
+    if (IsDigit(values.front()) || values.starts_with("some of ")) continue;
+    const std::string kind = values.substr(0, values.find(", "));
+    EXPECT_TRUE(explained.contains(kind)) << setting.key << ": " << kind;
   }
 }
 
