@@ -74,6 +74,7 @@ TEST_F(WindowRequestsTest, HandlersMayBeEmptyAndGoInTheirCall) {
   watch_ = WatchSystemRequests(loop_, {});
   for (const UINT message : {WM_ENDSESSION, WM_CLOSE}) Post(message, TRUE);
   RunUntilIdle(loop_);
+  watch_.reset();
   watch_ = WatchSystemRequests(loop_, {.end =
                                            [this] {
                                              watch_.reset();
