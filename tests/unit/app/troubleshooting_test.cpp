@@ -272,6 +272,28 @@ TEST(TroubleshootingPage, SaysWhatEachMessageMeans) {
   }
 }
 
+// What trabex-convert says of lines that have no equal here.
+TEST(TroubleshootingPage, HasEveryReasonOfTheConverter) {
+  std::set<std::string> documented;
+  const auto fixed = [](std::string_view text) {
+    std::string joined;
+    for (const std::string& part : FixedParts(text)) joined += part + "<>";
+    return joined;
+  };
+  for (const Row& row : Rows("reason")) {
+    EXPECT_FALSE(row.cells.at(1).empty());
+    for (const std::string& text : row.texts) documented.insert(fixed(text));
+  }
+  std::set<std::string> reasons;
+  const std::string source = SourceFile("tools/trabex-convert");
+  const std::regex expression(R"re(raise NoEqual\(f?"([^"]*)")re");
+  const std::regex value(R"(\{[^}]*\})");
+  for (std::sregex_iterator found(source.begin(), source.end(), expression), end; found != end; ++found) {
+    reasons.insert(fixed(std::regex_replace((*found)[1].str(), value, "<value>")));
+  }
+  EXPECT_EQ(documented, reasons);
+}
+
 // The numbers that the sources define or raise, and all that have a text.
 std::set<int> ErrorNumbers() {
   std::set<int> numbers;
