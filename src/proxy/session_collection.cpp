@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
-#include <iterator>
 #include <vector>
 
 #include "proxy/cProxy.h"
@@ -11,6 +10,9 @@
 namespace trabex {
 
 namespace {
+
+// More than these and one for each open session are not kept.
+constexpr std::size_t kMaxEmptyPlaces = 64;
 
 // Ids may go on from 0 after the greatest number.
 bool IsBefore(SessionId a, SessionId b) {
@@ -25,52 +27,52 @@ SessionCollection::~SessionCollection() = default;
 cProxy& SessionCollection::Add(std::unique_ptr<cProxy> session) {
   cProxy& added = *session;
   assert(!by_key_.contains(added.Key()));
-  assert(sessions_.empty() || IsBefore(sessions_.back()->Id(), added.Id()));
-  const bool at_end = last_at_ == sessions_.end();
-  sessions_.push_back(std::move(session));
-  by_key_.emplace(added.Key(), std::prev(sessions_.end()));
-  if (at_end) last_at_ = std::prev(sessions_.end());
+  assert(places_.empty() || IsBefore(places_.back().id, added.Id()));
+  if (places_.size() >= kMaxEmptyPlaces + 2 * Count()) DropEmptyPlaces();
+  places_.push_back({.id = added.Id(), .session = std::move(session)});
+  by_key_.emplace(added.Key(), &added);
   return added;
 }
 
 cProxy* SessionCollection::Find(std::string_view key) {
   const auto found = by_key_.find(key);
-  return found == by_key_.end() ? nullptr : found->second->get();
+  return found == by_key_.end() ? nullptr : found->second;
 }
 
 std::unique_ptr<cProxy> SessionCollection::Remove(std::string_view key) {
   const auto found = by_key_.find(key);
   if (found == by_key_.end()) return nullptr;
-  if (last_at_ == found->second) {
-    ++last_at_;
-  } else if (last_at_ == sessions_.end() || IsBefore((*found->second)->Id(), (*last_at_)->Id())) {
-    --last_index_;
-  }
-  std::unique_ptr<cProxy> session = std::move(*found->second);
-  sessions_.erase(found->second);
+  const auto place =
+      std::lower_bound(places_.begin(), places_.end(), found->second->Id(),
+                       [](const Place& candidate, SessionId id) { return IsBefore(candidate.id, id); });
+  std::unique_ptr<cProxy> session = std::move(place->session);
   by_key_.erase(found);
+  while (!places_.empty() && !places_.back().session) places_.pop_back();
   return session;
+}
+
+void SessionCollection::DropEmptyPlaces() {
+  std::erase_if(places_, [](const Place& place) { return !place.session; });
 }
 
 cProxy& SessionCollection::At(std::size_t index) {
   assert(index < Count());
-  const std::size_t from_last = std::max(index, last_index_) - std::min(index, last_index_);
-  if (index < from_last) {
-    last_at_ = sessions_.begin();
-    last_index_ = 0;
-  } else if (Count() - index < from_last) {
-    last_at_ = sessions_.end();
-    last_index_ = Count();
-  }
-  std::advance(last_at_, static_cast<std::ptrdiff_t>(index) - static_cast<std::ptrdiff_t>(last_index_));
-  last_index_ = index;
-  return **last_at_;
+  if (places_.size() != Count()) DropEmptyPlaces();
+  return *places_[index].session;
+}
+
+SessionId SessionCollection::IdAt(std::size_t index) {
+  assert(index < Count());
+  if (places_.size() != Count()) DropEmptyPlaces();
+  return places_[index].id;
 }
 
 void SessionCollection::ForEach(const std::function<void(cProxy&)>& action) {
   std::vector<std::string> keys;
   keys.reserve(Count());
-  for (const auto& session : sessions_) keys.push_back(session->Key());
+  for (const Place& place : places_) {
+    if (place.session) keys.push_back(place.session->Key());
+  }
   for (const std::string& key : keys) {
     if (cProxy* session = Find(key)) action(*session);
   }

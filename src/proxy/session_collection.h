@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <functional>
-#include <list>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <vector>
 
 #include "base/text.h"
 #include "proxy/session_id.h"
@@ -30,22 +30,27 @@ class SessionCollection {
   cProxy* Find(std::string_view key);
   // Gives the session away; nullptr when the key is missing.
   std::unique_ptr<cProxy> Remove(std::string_view key);
-  std::size_t Count() const { return sessions_.size(); }
+  std::size_t Count() const { return by_key_.size(); }
   // An id for a session to come, another one with each call.
   SessionId NextId() { return next_id_++; }
-  // The session at `index` (0 is the oldest, index < Count()). Takes a step for each session between it and the
-  // nearest of the first, the last and the one that was asked for last.
+  // The session at `index` (0 is the oldest, index < Count()), and its id, which costs no look at the session. The
+  // first call after a session was removed takes a short step for each session.
   cProxy& At(std::size_t index);
+  SessionId IdAt(std::size_t index);
   // Calls `action` for every session; it may remove any session, those that come meanwhile are not visited.
   void ForEach(const std::function<void(cProxy&)>& action);
 
  private:
-  using Sessions = std::list<std::unique_ptr<cProxy>>;
-  Sessions sessions_;
+  struct Place {
+    SessionId id = 0;
+    std::unique_ptr<cProxy> session;  // none: it was removed, and the place is still to go
+  };
+
+  void DropEmptyPlaces();
+
+  std::vector<Place> places_;  // in the order of the ids
   SessionId next_id_ = FirstSessionId();
-  std::unordered_map<std::string, Sessions::iterator, HashText, std::equal_to<>> by_key_;
-  Sessions::iterator last_at_ = sessions_.end();  // where At stopped, for the next one; may be the end
-  std::size_t last_index_ = 0;                    // its index; Count() at the end
+  std::unordered_map<std::string, cProxy*, HashText, std::equal_to<>> by_key_;
 };
 
 }  // namespace trabex

@@ -50,6 +50,7 @@ TEST(SessionCollection, GivesTheRowsInOrderWhileSessionsComeAndGo) {
     if (random() % 8 == 0) top = random() % (keys.size() + 1);
     for (std::size_t row = top; row < top + 5 && row < keys.size(); ++row) {
       ASSERT_EQ(sessions.At(row).Key(), keys[row]) << "row " << row << " in step " << step;
+      ASSERT_EQ(sessions.IdAt(row), sessions.At(row).Id());
     }
   }
   for (const std::string& key : keys) EXPECT_NE(sessions.Remove(key), nullptr);
