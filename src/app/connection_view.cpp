@@ -3,14 +3,9 @@
 #include <utility>
 #include <variant>
 
-#include "app/connection_row.h"
-#include "app/version.h"
-#include "proxy/cProxy.h"
+#include "view/screen_model.h"
 
 namespace trabex {
-
-ConnectionView::ConnectionView(EventLoop& loop, SessionCollection& sessions)
-    : loop_(loop), sessions_(sessions) {}
 
 std::optional<NoView> ConnectionView::Show(bool folded, MainViewEvents events) {
   auto opened = OpenView(loop_, *this, folded, std::move(events));
@@ -19,30 +14,12 @@ std::optional<NoView> ConnectionView::Show(bool folded, MainViewEvents events) {
   return std::nullopt;
 }
 
-void ConnectionView::SetStatus(std::string status) {
-  status_ = std::move(status);
-  Refresh();
-}
-
 void ConnectionView::Refresh() {
   if (view_) view_->Refresh();
 }
 
-std::string ConnectionView::Version() const {
-  return "v. " + VersionText();
-}
-
-std::string ConnectionView::Header() const {
-  return std::string(kConnectionHeader);
-}
-
-std::string ConnectionView::RowText(std::size_t index) const {
-  return RowOf(sessions_.At(index));
-}
-
-std::string RowOf(const cProxy& session) {
-  return ConnectionRow(session.Handle(), session.BytesReceived(), session.BytesSent(), session.Duration(),
-                       session.ClientIP(), session.HostNameOrUnknown());
+std::unique_ptr<ViewScreen> ConnectionView::MakeScreen(bool folded) const {
+  return std::make_unique<ScreenModel>(source_, folded);
 }
 
 }  // namespace trabex

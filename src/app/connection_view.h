@@ -1,6 +1,5 @@
-// What people see of the running program: the addresses in force, and one row per open connection. It is
-// there whether it is shown or not; only it makes row texts, and they are made only while they are
-// visible.
+// The program's own view of its connections. It is there whether it is shown or not; texts are made only while they
+// are visible.
 #pragma once
 
 #include <cstddef>
@@ -10,17 +9,14 @@
 
 #include "console/main_view.h"
 #include "platform/event_loop.h"
-#include "proxy/session_collection.h"
+#include "view/view_source.h"
 
 namespace trabex {
-
-// The row of an open session.
-std::string RowOf(const cProxy& session);
 
 class ConnectionView final : private ViewContent {
  public:
   // Both outlive this object. Nothing is shown yet.
-  ConnectionView(EventLoop& loop, SessionCollection& sessions);
+  ConnectionView(EventLoop& loop, ViewSource& source) : loop_(loop), source_(source) {}
   ConnectionView(const ConnectionView&) = delete;
   ConnectionView& operator=(const ConnectionView&) = delete;
 
@@ -30,22 +26,20 @@ class ConnectionView final : private ViewContent {
   bool Shown() const { return view_ != nullptr; }
   // May be called in an event of the view.
   void Hide() { view_.reset(); }
-  // The status line, as of now.
-  void SetStatus(std::string status);
-  // Shows the rows as they are now. Not meant for each row that comes or goes: a flood of connections is to
+  // Shows everything as it is now. Not meant for each row that comes or goes: a flood of connections is to
   // cost two frames a second.
   void Refresh();
 
  private:
-  std::string Status() const override { return status_; }
-  std::string Version() const override;
-  std::string Header() const override;
-  std::size_t RowCount() const override { return sessions_.Count(); }
-  std::string RowText(std::size_t index) const override;
+  std::string Status() const override { return source_.Status(); }
+  std::string Version() const override { return source_.Version(); }
+  std::string Header() const override { return source_.Header(); }
+  std::size_t RowCount() const override { return source_.SessionCount(); }
+  std::string RowText(std::size_t index) const override { return source_.RowText(index); }
+  std::unique_ptr<ViewScreen> MakeScreen(bool folded) const override;
 
   EventLoop& loop_;
-  SessionCollection& sessions_;
-  std::string status_;
+  ViewSource& source_;
   std::unique_ptr<MainView> view_;
 };
 

@@ -104,6 +104,10 @@ void AppendAnswer(const ControlAnswer& answer, bool is_last, std::string& bytes)
   if (is_last) bytes += "X " + std::to_string(answer.status) + "\n";
 }
 
+void AppendStreamBegin(std::string& bytes) {
+  bytes += "S 1\n";
+}
+
 AnswerReader::State AnswerReader::Take(std::string_view bytes) {
   while (!bytes.empty() && state_ == State::kMore) {
     if (missing_ > 0) {
@@ -125,6 +129,7 @@ AnswerReader::State AnswerReader::Take(std::string_view bytes) {
       bytes.remove_prefix(end + 1);
     }
   }
+  if (state_ == State::kStream) stream_ += bytes;
   return state_;
 }
 
@@ -137,6 +142,8 @@ void AnswerReader::TakeHeader(std::string_view line) {
   } else if (line[0] == 'X' && *number <= kMaxStatus) {
     status_ = *number;
     state_ = State::kComplete;
+  } else if (line[0] == 'S' && *number == 1) {
+    state_ = State::kStream;
   } else if (line[0] == 'T' || line[0] == 'E') {
     kind_ = line[0];
     missing_ = static_cast<std::size_t>(*number);

@@ -8,6 +8,7 @@
 //   "E <length>" LF and so many bytes   text for standard error
 //   "X <status>" LF                     the end: the exit status, 0 to 255
 // After that the instance hangs up. An answer without its end was cut off.
+//   "S 1" LF                            a stream instead of an end: both sides say what the request is about
 #pragma once
 
 #include <cstddef>
@@ -31,6 +32,9 @@ std::optional<std::vector<std::string>> ParseRequest(std::string_view line);
 // Appends the texts of `answer` to `bytes`, and with `is_last` the end with its status.
 void AppendAnswer(const ControlAnswer& answer, bool is_last, std::string& bytes);
 
+// Appends what comes before a stream.
+void AppendStreamBegin(std::string& bytes);
+
 // Takes an answer as it comes, in pieces of any size.
 class AnswerReader {
  public:
@@ -38,7 +42,7 @@ class AnswerReader {
     std::function<void(std::string_view)> text;
     std::function<void(std::string_view)> error;
   };
-  enum class State { kMore, kComplete, kBroken };
+  enum class State { kMore, kComplete, kStream, kBroken };
 
   explicit AnswerReader(Sink sink) : sink_(std::move(sink)) {}
 
@@ -46,6 +50,8 @@ class AnswerReader {
   State Take(std::string_view bytes);
   // Once complete.
   int Status() const { return status_; }
+  // In a stream, what has come of it.
+  const std::string& Stream() const { return stream_; }
 
  private:
   void TakeHeader(std::string_view line);
@@ -56,6 +62,7 @@ class AnswerReader {
   char kind_ = 0;            // of the part that is being read
   std::size_t missing_ = 0;  // bytes of it that are still to come
   int status_ = 0;
+  std::string stream_;
 };
 
 }  // namespace trabex

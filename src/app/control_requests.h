@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/exit_status.h"
+#include "platform/control_channel.h"
 
 namespace trabex {
 
@@ -40,7 +41,13 @@ class PendingAnswer {
   std::unique_ptr<ControlAnswer> given_;
 };
 
-using ControlReply = std::variant<ControlAnswer, ControlSlices, std::shared_ptr<PendingAnswer>>;
+// An answer that has no end: who called is handed over, and talks with `take` in both directions from then on.
+struct ControlStream {
+  std::function<void(std::unique_ptr<ControlCaller> caller)> take;
+};
+
+using ControlReply =
+    std::variant<ControlAnswer, ControlSlices, std::shared_ptr<PendingAnswer>, ControlStream>;
 
 // Called from the loop with what follows the request's name.
 using ControlHandler = std::function<ControlReply(const std::vector<std::string>& arguments)>;

@@ -124,9 +124,21 @@ class ControlServer::Caller final : public DeferredDeletable {
       slices_ = std::move(*slices);
       return server_.Enqueue(*this);
     }
+    if (auto* const stream = std::get_if<ControlStream>(&reply)) return HandOver(std::move(*stream));
     const auto pending = std::get<std::shared_ptr<PendingAnswer>>(reply);  // it may be given in the call
     pending_ = pending;
     pending->Await([this](ControlAnswer answer) { Deliver(std::move(answer)); });
+  }
+
+  // The caller is no business of this server any more.
+  void HandOver(ControlStream stream) {
+    AppendStreamBegin(out_);
+    SendSome();
+    if (sent_ < out_.size()) return HangUp();
+    std::unique_ptr<ControlCaller> connection = std::move(connection_);
+    Detach();
+    server_.Remove(*this);  // destroyed at the end of the turn
+    stream.take(std::move(connection));
   }
 
   // The whole of an answer.

@@ -51,7 +51,10 @@ frmMain::frmMain(Program& program)
       status_(program, *this),
       auto_reload_(program, *this),
       requested_reload_(program, auto_reload_, listeners_),
-      view_(program.loop, sessions_) {
+      live_source_(sessions_, program.counters, program.session_report, program.history,
+                   program.dependencies.clock),
+      view_(program.loop, live_source_),
+      viewers_(program.loop, live_source_) {
   tmrStatus.Enable();
   tmrLog.Enable();
   AddInstanceRequests(program, *this);
@@ -121,6 +124,7 @@ void frmMain::Form_Unload() {
   tmrLog.Disable();
   program_.log.SetTimer(nullptr);
   view_.Hide();
+  viewers_.Close();
   program_.TellWaiting();
   // A listener itself may be the caller, so they stay until the window goes.
   program_.names->Cancel(std::exchange(server_lookup_, 0));
@@ -174,7 +178,8 @@ void frmMain::ShowAddresses() {
   const std::string bound = FormatEndpoints(ListenEndpoints(program_.configuration));
   const std::string server = FormatServer(program_.configuration);
   program_.log.LogLine("Listen on: " + bound + "; Connect to: " + server + ".");
-  view_.SetStatus(bound + " --> " + server);
+  live_source_.SetStatus(bound + " --> " + server);
+  RefreshViews();
 }
 
 void frmMain::ReloadBegins() {
@@ -225,7 +230,12 @@ void frmMain::tmrStatus_Timer() {
   session_dependencies_.moment = now;
   program_.history.Observe(now, program_.counters.messages[0] + program_.counters.messages[1],
                            program_.session_report.Refusals().Count());
+  RefreshViews();
+}
+
+void frmMain::RefreshViews() {
   view_.Refresh();
+  viewers_.Refresh();
 }
 
 void frmMain::tmrLog_Timer() {

@@ -10,9 +10,11 @@
 #include <string_view>
 #include <vector>
 
+#include "app/attached_viewers.h"
 #include "app/auto_reload.h"
 #include "app/connection_view.h"
 #include "app/listeners.h"
+#include "app/live_source.h"
 #include "app/requested_reload.h"
 #include "app/status_service.h"
 #include "platform/event_loop.h"
@@ -70,6 +72,7 @@ class frmMain final {
   SessionCollection& Sessions() { return sessions_; }
   // Takes a step for each session.
   Totals CurrentTotals();
+  AttachedViewers& Viewers() { return viewers_; }
 
   // Reloads the initialization file, see RequestedReload::Request.
   void RequestReload(RequestedReload::Done done) { requested_reload_.Request(std::move(done)); }
@@ -94,6 +97,7 @@ class frmMain final {
   void tmrSaveGreyListing_Timer();
   void ViewLost();
   void ScreenGone();
+  void RefreshViews();
   std::vector<std::string> TakeProblems();
   // What the system asks for (system_requests.h).
   void HangUp();
@@ -115,7 +119,9 @@ class frmMain final {
   AutoReload auto_reload_;
   RequestedReload requested_reload_;
   std::unique_ptr<SystemRequests> system_requests_;
+  LiveSource live_source_;
   ConnectionView view_;
+  AttachedViewers viewers_;
 };
 
 }  // namespace trabex

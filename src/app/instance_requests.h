@@ -16,7 +16,7 @@ struct Program;
 // meanwhile.
 ControlSlices DumpInSlices(const Configuration& configuration, std::string_view ini_path);
 
-// Adds RELOAD, REOPENLOG, DUMP, SESSIONS, CLOSE and GREYLIST to the requests of `program`. Both outlive the
+// Adds RELOAD, REOPENLOG, DUMP, SESSIONS, CLOSE, VIEW and GREYLIST to the requests of `program`. Both outlive the
 // requests' last use.
 void AddInstanceRequests(Program& program, frmMain& window);
 

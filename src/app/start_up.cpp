@@ -73,6 +73,7 @@ class StartUp {
       return AskGreyListFile(program_, {line_.request.begin() + 1, line_.request.end()}, around.out,
                              around.err);
     }
+    if (line_.request.front() == "VIEW") return ViewInstance(port, around.out, around.err);
     return AskInstance(port, WithWholePath(line_.request), around.out, around.err);
   }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <variant>
 
+#include "console/view_screen.h"
 #include "platform/event_loop.h"
 
 namespace trabex {
@@ -25,6 +26,9 @@ class ViewContent {
   // Row `index` (0 is the first) as it shall be shown; UTF-8, characters that are not visible
   // (base/visible_text.h) are shown as "?".
   virtual std::string RowText(std::size_t index) const = 0;
+  // For a view that is drawn as a screen of text: the whole of it, folded to its status line if `folded`. The content
+  // outlives the screen. nullptr: there is none, and no such view can be opened.
+  virtual std::unique_ptr<ViewScreen> MakeScreen(bool /*folded*/) const { return nullptr; }
 };
 
 // The view never holds up the loop: what a slow screen cannot show in time is left out.

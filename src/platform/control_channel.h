@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <span>
@@ -58,6 +59,8 @@ class ControlCall {
   virtual ChannelResult Send(std::string_view bytes) = 0;
   // kWouldBlock: nothing came for too long.
   virtual ChannelResult Receive(std::span<char> buffer, std::size_t& received) = 0;
+  // The system's handle of the stream, for who waits for something else as well; -1 where it cannot be waited for.
+  virtual std::intptr_t NativeHandle() const { return -1; }
 };
 
 enum class CallFailure {

@@ -36,7 +36,8 @@ def is_alive(pid):
 
 
 class Window(Scenario):
-    """A Trabex in a terminal, in front of a server that greets."""
+    """A Trabex in a terminal, in front of a server that greets. The terminal is a line too low for more than the table
+    of connections (test_view.py has what there is beyond), unless `rows` says otherwise."""
 
     def setUp(self):
         super().setUp()
@@ -54,6 +55,7 @@ class Window(Scenario):
         return self.open_with(self.proxy.command() + list(arguments), **more)
 
     def open_with(self, command, **more):
+        more.setdefault("rows", 23)
         terminal = Terminal(self.place, command, **more)
         wait_until(lambda: is_listening(self.proxy.port), "Trabex to listen")
         return terminal
@@ -158,7 +160,7 @@ class Content(Window):
         terminal = self.open(columns=90, rows=8)
         self.clients(20)
         self.wait_for_rows(terminal, 6)
-        terminal.resize(120, 24)
+        terminal.resize(120, 23)
         self.wait_for_rows(terminal, 20)
         terminal.wait_for(lambda lines: lines[0].endswith("v. 3.04.012") and len(lines[0]) == 120, "the version's place")
         terminal.resize(60, 5)
@@ -168,7 +170,7 @@ class Content(Window):
         # Where nothing can be shown, and there is nowhere to scroll.
         terminal.resize(1, 1)
         terminal.keys("Down", "NPage", "End", "Home", "m", "m")
-        terminal.resize(100, 30)
+        terminal.resize(100, 23)
         self.wait_for_rows(terminal, 20)
         self.assertServes()
 
@@ -338,8 +340,8 @@ class Messages(Window):
     def assertPictureStands(self, terminal):
         lines = terminal.screen()
         self.assertTrue(lines[0].startswith(self.status_line()), lines[0])
-        self.assertEqual(lines[1], HEADER)
-        self.assertEqual([line for line in lines[2:] if line], [])
+        self.assertTrue(lines[1].startswith(HEADER), lines[1])
+        self.assertEqual([line for line in lines[2:] if "Trabex" in line], [])
 
     def test_they_wait_for_the_end(self):
         terminal = self.open_in_shell('"$@"; echo status $?; read -r _', columns=200)

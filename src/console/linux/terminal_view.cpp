@@ -1,5 +1,4 @@
-// The program's side of the view: it sends frames to the process that draws and receives its reports
-// (terminal_wire.h).
+// The program's side of the view: it sends pictures to the process that draws, and takes its keys (view_wire.h).
 #include "console/main_view.h"
 
 #include <fcntl.h>
@@ -19,7 +18,7 @@
 #include "base/error.h"
 #include "console/linux/terminal_renderer.h"
 #include "console/linux/terminal_state.h"
-#include "console/linux/terminal_wire.h"
+#include "console/screen_feed.h"
 #include "platform/device_error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/process/signals.h"
@@ -30,8 +29,9 @@ namespace {
 
 // How long the end of a view waits for a terminal to take the last frame.
 constexpr std::chrono::milliseconds kEndLimit{500};
-// A character takes no more bytes than this in UTF-8.
-constexpr std::size_t kMaxBytesPerColumn = 4;
+
+// So many keys at most are taken at a time.
+constexpr std::size_t kMaxReadBytes = 512;
 
 constexpr const char* kSource = "MainView.OpenView";
 
@@ -63,14 +63,14 @@ class SignalGuard {
 // The process that draws, and our end of the socket pair to it.
 class RendererProcess {
  public:
-  explicit RendererProcess(bool folded) {
+  RendererProcess() {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0) RaiseDeviceError(kSource);
     {
       // The child must not run our handlers before it has its own.
       const BlockedSignals blocked(AllSignals());
       process_ = fork();
-      if (process_ == 0) BecomeTerminalRenderer(pair[1], folded);
+      if (process_ == 0) BecomeTerminalRenderer(pair[1]);
     }
     close(pair[1]);
     socket_ = pair[0];
@@ -90,27 +90,22 @@ class RendererProcess {
 
   int Socket() const { return socket_; }
 
-  // Reads the renderer's latest report into `report`, which stays as it was when there is no new one.
-  // Returns whether more may come.
-  bool Read(RendererReport& report) {
-    for (;;) {
-      char* const rest = reinterpret_cast<char*>(&partial_) + partial_bytes_;
-      const ssize_t count = recv(socket_, rest, sizeof partial_ - partial_bytes_, MSG_DONTWAIT);
-      if (count == 0) return false;
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) return errno == EAGAIN;
-      partial_bytes_ += static_cast<std::size_t>(count);
-      if (partial_bytes_ < sizeof partial_) continue;
-      report = partial_;
-      partial_bytes_ = 0;
-    }
+  // Gives what the renderer has said to `feed`, a bounded part of it. Returns whether more may come.
+  bool Read(ScreenFeed& feed) const {
+    std::array<char, kMaxReadBytes> bytes;
+    ssize_t count = -1;
+    do count = recv(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    while (count < 0 && errno == EINTR);
+    if (count <= 0) return count < 0 && errno == EAGAIN;
+    feed.Take({bytes.data(), static_cast<std::size_t>(count)});
+    return true;
   }
 
   // Asks the renderer to end and waits `limit` at most until it has restored the terminal.
-  void End(RendererReport& report, std::chrono::milliseconds limit) {
+  void End(ScreenFeed& feed, std::chrono::milliseconds limit) const {
     const auto end = std::chrono::steady_clock::now() + limit;
     shutdown(socket_, SHUT_WR);
-    while (Read(report) && report.restored == 0) {
+    while (Read(feed) && !feed.Restored()) {
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
       if (left.count() <= 0) return;
       pollfd watched{socket_, POLLIN, 0};
@@ -121,15 +116,14 @@ class RendererProcess {
  private:
   pid_t process_ = -1;
   int socket_ = -1;
-  RendererReport partial_;
-  std::size_t partial_bytes_ = 0;
 };
 
 class TerminalView final : public MainView {
  public:
-  TerminalView(EventLoop& loop, const ViewContent& content, bool folded, MainViewEvents events)
-      : content_(content), events_(std::move(events)), renderer_(std::in_place, folded) {
-    report_.folded = folded ? 1 : 0;
+  TerminalView(EventLoop& loop, std::unique_ptr<ViewScreen> screen, MainViewEvents events)
+      : events_(std::move(events)),
+        renderer_(std::in_place),
+        feed_(loop, std::move(screen), [this] { SendOutput(); }) {
     watch_.emplace(loop, renderer_->Socket(), [this](FdReadiness) { OnReady(); });
     watch_->SetInterest({.readable = true, .writable = false});
   }
@@ -138,108 +132,70 @@ class TerminalView final : public MainView {
   TerminalView& operator=(const TerminalView&) = delete;
 
   void Refresh() override {
-    stale_ = true;
-    SendFrame();
+    if (!renderer_) return;
+    feed_.Refresh();
+    SendOutput();
   }
 
  private:
-  struct Viewport {
-    std::uint32_t columns = 0;
-    std::uint32_t visible_rows = 0;
-    std::uint32_t top = 0;
-    friend bool operator==(const Viewport&, const Viewport&) = default;
-  };
-
-  static Viewport ViewportOf(const RendererReport& report) {
-    return {report.columns, report.visible_rows, report.top};
-  }
-
   void OnReady() {
-    const RendererReport before = report_;
-    const bool alive = renderer_->Read(report_);
+    const State before = StateNow();
+    const bool alive = renderer_->Read(feed_);
     if (alive) {
-      if (before.columns == 0) terminal_.NoteDrawing();
-      stale_ = stale_ || ViewportOf(report_) != shown_;
-      SendPending();
-      SendFrame();
+      if (!before.begun && feed_.Begun()) terminal_.NoteDrawing();
+      SendOutput();
     } else {
       EndRenderer(std::chrono::milliseconds(0));
     }
     RaiseEvents(before, alive);
   }
 
+  struct State {
+    bool begun;
+    bool folded;
+    bool closed;
+  };
+  State StateNow() const {
+    return {.begun = feed_.Begun(), .folded = feed_.Shown().Folded(), .closed = feed_.Shown().Closed()};
+  }
+
   // The handlers may destroy this object, so they are the last that is done here, and only copies are used.
-  void RaiseEvents(const RendererReport& before, bool alive) {
+  void RaiseEvents(const State& before, bool alive) {
     const MainViewEvents events = events_;
-    const RendererReport now = report_;
+    const State now = StateNow();
     const auto gone = terminal_.HungUp() ? events.screen_gone : events.lost;
     const std::weak_ptr<char> still_here = here_;
-    if (now.folded != before.folded && events.folded) events.folded(now.folded != 0);
+    if (now.folded != before.folded && events.folded) events.folded(now.folded);
     if (now.closed != before.closed && events.closed && !still_here.expired()) events.closed();
     if (!alive && gone && !still_here.expired()) gone();
   }
 
-  void SendFrame() {
-    if (!stale_ || !renderer_ || report_.columns == 0 || report_.frames_drawn != frames_sent_) return;
-    AppendFrame(MakeFrame(), pending_);
-    ++frames_sent_;
-    stale_ = false;
-    SendPending();
-  }
-
-  ViewFrame MakeFrame() {
-    ViewFrame frame;
-    const std::size_t total = content_.RowCount();
-    const std::size_t visible = std::min<std::size_t>(report_.visible_rows, total);
-    const std::size_t top = std::min<std::size_t>(report_.top, total - visible);
-    frame.total_rows = static_cast<std::uint32_t>(total);
-    frame.top = static_cast<std::uint32_t>(top);
-    frame.status = Cut(content_.Status());
-    frame.version = Cut(content_.Version());
-    if (report_.folded == 0) {
-      frame.header = Cut(content_.Header());
-      frame.rows.reserve(visible);
-      for (std::size_t i = 0; i < visible; ++i) frame.rows.push_back(Cut(content_.RowText(top + i)));
-    }
-    shown_ = {report_.columns, report_.visible_rows, frame.top};
-    return frame;
-  }
-
-  std::string Cut(std::string text) const {
-    text.resize(std::min<std::size_t>(text.size(), report_.columns * kMaxBytesPerColumn));
-    return text;
-  }
-
-  void SendPending() {
-    while (!pending_.empty()) {
+  void SendOutput() {
+    while (renderer_ && !feed_.Output().empty()) {
+      const std::string_view output = feed_.Output();
       const ssize_t sent =
-          send(renderer_->Socket(), pending_.data(), pending_.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+          send(renderer_->Socket(), output.data(), output.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
       if (sent < 0) break;  // it would block, or the renderer has gone: the socket's next event tells which
-      pending_.erase(0, static_cast<std::size_t>(sent));
+      feed_.Sent(static_cast<std::size_t>(sent));
     }
-    watch_->SetInterest({.readable = true, .writable = !pending_.empty()});
+    if (watch_) watch_->SetInterest({.readable = true, .writable = !feed_.Output().empty()});
   }
 
   void EndRenderer(std::chrono::milliseconds limit) {
     if (!renderer_) return;
     watch_.reset();
-    renderer_->End(report_, limit);
+    renderer_->End(feed_, limit);
     renderer_.reset();
-    if (report_.restored == 0) terminal_.Restore();
+    if (!feed_.Restored()) terminal_.Restore();
   }
 
-  const ViewContent& content_;
   MainViewEvents events_;
   SignalGuard signals_;
   TerminalState terminal_;
   std::optional<RendererProcess> renderer_;  // nothing once it has ended
+  ScreenFeed feed_;
   std::optional<FdWatcher> watch_;
-  RendererReport report_;
-  Viewport shown_;  // as the last frame has it
-  std::uint32_t frames_sent_ = 0;
-  bool stale_ = true;  // something has changed since the last frame was made
-  std::string pending_;
   std::shared_ptr<char> here_ = std::make_shared<char>();
 };
 
@@ -271,8 +227,10 @@ std::optional<NoView> WhyNoView() {
 std::variant<std::unique_ptr<MainView>, NoView> OpenView(EventLoop& loop, const ViewContent& content,
                                                          bool folded, MainViewEvents events) {
   if (std::optional<NoView> why_not = WhyNoView()) return *std::move(why_not);
+  std::unique_ptr<ViewScreen> screen = content.MakeScreen(folded);
+  if (!screen) return Unusable("There is nothing to be shown as text.");
   try {
-    return std::make_unique<TerminalView>(loop, content, folded, std::move(events));
+    return std::make_unique<TerminalView>(loop, std::move(screen), std::move(events));
   } catch (const Error& error) {
     return Unusable(error.Description());
   }

@@ -76,19 +76,22 @@ TEST_F(BackgroundTaskTest, TheWorkIsGivenTheContentAndItsArgument) {
 TEST_F(BackgroundTaskTest, WhatTakesTheContentMayRaise) {
   ASSERT_TRUE(task_.Start(
       [](const auto& out) {
-        for (int i = 0; i < 10; ++i) out("more");
-        return std::string("all");
+        for (;;) out("more");
+        return std::string();
       },
       [](const std::string&, const TaskContent& content) {
+        int pieces = 0;
         try {
-          return content([](std::string_view) { throw std::runtime_error("full"); });
+          return content([&](std::string_view) {
+            if (++pieces == 3) throw std::runtime_error("full");
+          });
         } catch (const std::runtime_error& error) {
-          return std::string(error.what());
+          return error.what() + std::to_string(pieces);
         }
       },
       "", Keep()));
   ASSERT_TRUE(RunToEnd());
-  EXPECT_EQ(result_->text, "full");
+  EXPECT_EQ(result_->text, "full3");
 }
 
 TEST_F(BackgroundTaskTest, ALongResultIsCut) {

@@ -163,6 +163,7 @@ class SocketCall final : public ControlCall {
   ChannelResult Receive(std::span<char> buffer, std::size_t& received) override {
     return ReceiveFrom(socket_.Get(), buffer, received);
   }
+  std::intptr_t NativeHandle() const override { return socket_.Get(); }
 
  private:
   Descriptor socket_;

@@ -34,8 +34,6 @@ bool NamesDevice(std::string_view name) {
   return std::any_of(kNumberedDevices.begin(), kNumberedDevices.end(), begins_it) && IsNumber(name.substr(3));
 }
 
-// In units of UTF-16.
-constexpr std::size_t kMaxName = 255;
 constexpr std::string_view kForbidden = "<>\"|?*:";
 
 bool IsName(std::string_view name) {
@@ -43,8 +41,7 @@ bool IsName(std::string_view name) {
   const bool clean = std::none_of(name.begin(), name.end(), [](char c) {
     return (c >= 0 && c < ' ') || kForbidden.find(c) != std::string_view::npos;
   });
-  return clean && name.back() != '.' && name.back() != ' ' && !NamesDevice(name) &&
-         Wide(name).size() <= kMaxName;
+  return clean && name.back() != '.' && name.back() != ' ' && !NamesDevice(name);
 }
 
 bool IsFilePath(std::string_view path) {

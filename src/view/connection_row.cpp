@@ -1,4 +1,4 @@
-#include "app/connection_row.h"
+#include "view/connection_row.h"
 
 #include "base/date_time.h"
 #include "base/text.h"

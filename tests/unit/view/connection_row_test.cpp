@@ -1,4 +1,4 @@
-#include "app/connection_row.h"
+#include "view/connection_row.h"
 
 #include <gtest/gtest.h>
 
