@@ -291,19 +291,20 @@ class MailServers(unittest.TestCase):
         self.on_another_machine()
         self.install_opensmtpd(*self.blocks("OpenSMTPD on another machine", "text"))
         self.on_server("smtpd -n && systemctl restart opensmtpd")
-        self.greet(NEIGHBOUR)
+        self.machine.wait_for(self.connect_from(NEIGHBOUR), "the server, to which everybody comes now")
         self.follow("OpenSMTPD on another machine")
         # The firewall keeps others out.
-        self.greet(TRABEX)
+        self.machine.must(self.connect_from(TRABEX))
         with self.assertRaisesRegex(Failed, "ConnectionRefusedError"):
-            self.greet(NEIGHBOUR)
+            self.machine.must(self.connect_from(NEIGHBOUR))
         self.check("/home/you/Maildir", "/home/you/Maildir/new/*")
 
 
-    def greet(self, client):
-        """Connects to the server from this address."""
-        self.machine.must(["python3", "-c", "import socket, sys\nsocket.create_connection((sys.argv[1], 25), 60, (sys.argv[2], 0))",
-                           SERVER, client])
+    @staticmethod
+    def connect_from(client):
+        """The command that connects to the server from this address."""
+        return ["python3", "-c", "import socket, sys\nsocket.create_connection((sys.argv[1], 25), 60, (sys.argv[2], 0))",
+                SERVER, client]
 
 
 class Whole(unittest.TestCase):
