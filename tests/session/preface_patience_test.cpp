@@ -2,8 +2,6 @@
 // sends meanwhile waits with the client.
 #include <gtest/gtest.h>
 
-#include <malloc.h>
-
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -12,6 +10,7 @@
 #include <vector>
 
 #include "session/session_fixture.h"
+#include "support/heap.h"
 
 namespace trabex {
 namespace {
@@ -81,7 +80,7 @@ TEST(PrefacePatience, WhatTheClientSendsMeanwhileWaitsWithIt) {
     SessionFixture fixture;
     Configure(fixture, silence);
     ASSERT_EQ(fixture.Play(silence.before), "");
-    const std::size_t memory = mallinfo2().uordblks;
+    const std::size_t memory = HeapInUse();
     std::size_t sent = 0;
     for (int tries = 0; tries < 2 && sent < kMost_bytes;) {
       const std::size_t more = fixture.ClientPeer().Send(std::string_view(line).substr(sent % line.size()));
@@ -91,7 +90,7 @@ TEST(PrefacePatience, WhatTheClientSendsMeanwhileWaitsWithIt) {
     }
     EXPECT_GT(sent, std::size_t{64} << 10);
     EXPECT_LT(sent, kMost_bytes);
-    EXPECT_LT(mallinfo2().uordblks, memory + (std::size_t{256} << 10));
+    EXPECT_LT(HeapInUse(), memory + (std::size_t{256} << 10));
     EXPECT_EQ(fixture.Play("-> nothing\n<- nothing"), "");
     // That it has broken off is hidden behind what it has sent; the time for the preface ends it.
     fixture.ClientPeer().Reset();

@@ -2,14 +2,13 @@
 // and all of it comes when they read again.
 #include <gtest/gtest.h>
 
-#include <malloc.h>
-
 #include <cstddef>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "session/session_fixture.h"
+#include "support/heap.h"
 #include "support/openings.h"
 #include "support/test_certificates.h"
 #include "tls/tls_context.h"
@@ -111,10 +110,10 @@ TEST(StuckTls, WhatTheServerSaysWaitsForAClientThatDoesNotRead) {
     EXPECT_EQ(fixture.Play("C: HELP\n-> HELP"), "");
     TestPeer client = std::move(fixture.ClientPeer());  // not read by the fixture now
     client.HoldLittle();
-    const std::size_t memory = mallinfo2().uordblks;
+    const std::size_t memory = HeapInUse();
     const std::size_t said = session.SendUntilHeld(fixture.ServerPeer(), line);
     EXPECT_GT(said, std::size_t{64} << 10);
-    EXPECT_LT(mallinfo2().uordblks, memory + kMostMemory_bytes);
+    EXPECT_LT(HeapInUse(), memory + kMostMemory_bytes);
     // The last line that it has begun, and the end of the reply, of which a part may be held till then.
     const std::string rest = line.substr(said % line.size()) + "250 end\r\n";
     EXPECT_EQ(session.MissingOf(client, fixture.ServerPeer(), line, said, rest), "");
@@ -131,10 +130,10 @@ TEST(StuckTls, WhatTheClientSaysWaitsForAServerThatDoesNotRead) {
     EXPECT_EQ(fixture.Play(MailAndRcpt() + Data()), "");
     TestPeer server = std::move(fixture.ServerPeer());
     server.HoldLittle();
-    const std::size_t memory = mallinfo2().uordblks;
+    const std::size_t memory = HeapInUse();
     const std::size_t sent = session.SendUntilHeld(fixture.ClientPeer(), line);
     EXPECT_GT(sent, std::size_t{64} << 10);
-    EXPECT_LT(mallinfo2().uordblks, memory + kMostMemory_bytes);
+    EXPECT_LT(HeapInUse(), memory + kMostMemory_bytes);
     const std::string rest = line.substr(sent % line.size()) + ".\r\n";
     EXPECT_EQ(session.MissingOf(server, fixture.ClientPeer(), line, sent, rest), "");
     EXPECT_EQ(fixture.Sessions().Count(), 1U);

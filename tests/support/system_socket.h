@@ -60,7 +60,7 @@ class SystemSocket {
   std::size_t Untaken() const;
   // In how many segments the bytes that have come so far have come. Not on Windows.
   std::uint32_t SegmentsReceived() const;
-  // Bytes that were sent and the other system has not acknowledged. Not on Windows.
+  // Bytes that were sent and the other system has not acknowledged.
   std::size_t Undelivered() const;
   Endpoint Local() const;
   Endpoint Remote() const;

@@ -1,13 +1,13 @@
 // Reloads while mail passes through the program.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "reload_fixture.h"
+#include "support/heap.h"
 #include "support/loop_runner.h"
 #include "support/test_peer.h"
 
@@ -75,12 +75,6 @@ TEST_F(AutoReloadTest, OpenSessionsGoOnAndNewSettingsActInThem) {
   EXPECT_TRUE(server.Received().substr(begin + 2) == sent + ".\r\n");
 }
 
-// Memory in use; a sanitizer's allocator tells nothing here and looks for leaks itself.
-std::size_t MemoryInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
-
 TEST_F(AutoReloadTest, TwoHundredReloadsUnderLoadLeaveNothingBehind) {
   TestListener server_listener;
   server_port_ = server_listener.Port();
@@ -108,12 +102,12 @@ TEST_F(AutoReloadTest, TwoHundredReloadsUnderLoadLeaveNothingBehind) {
     RunUntilIdle(program_->loop);
     ASSERT_EQ(Reloads(), 1) << "round " << round;
     log_.clear();
-    if (round == 20) settled = MemoryInUse();
+    if (round == 20) settled = HeapInUse();
   }
   EXPECT_EQ(Settings().Timeout, 100 + 200 % 7);
   RecordProperty("memory_in_use_after_20", std::to_string(settled));
-  RecordProperty("memory_in_use_after_200", std::to_string(MemoryInUse()));
-  EXPECT_LE(MemoryInUse(), settled + 65536);
+  RecordProperty("memory_in_use_after_200", std::to_string(HeapInUse()));
+  EXPECT_LE(HeapInUse(), settled + 65536);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "base/error.h"
 #include "greylist/database_format.h"
 #include "greylist/greylisting_database.h"
+#include "support/heap.h"
 
 namespace trabex {
 
@@ -88,11 +88,6 @@ inline std::string ErrorOf(const std::function<void()>& action) {
   }
 }
 
-// The memory that was asked for and not given back, as the system's allocator counts it.
-inline std::size_t HeapInUse() {
-  const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
 // A sanitizer's allocator counts nothing there, and keeps what was given back.
 inline bool CountsMemory() {
   const std::size_t before = HeapInUse();

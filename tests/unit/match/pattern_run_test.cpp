@@ -131,7 +131,7 @@ TEST(FindSegmentEnd, FindsTheFirstMatchOfAnySize) {
       for (ByteSet& bytes : segment) {
         for (int ranges = 0; ranges < 8; ++ranges) {
           const auto low = static_cast<unsigned char>(random());
-          bytes.AddRange(low, static_cast<unsigned char>(std::min(low + random() % 100, 255UL)));
+          bytes.AddRange(low, static_cast<unsigned char>(std::min<std::size_t>(low + random() % 100, 255)));
         }
         if (random() % 8 == 0) bytes.Invert();
         const auto one = static_cast<unsigned char>(random());
