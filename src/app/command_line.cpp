@@ -46,6 +46,8 @@ struct SwitchName {
   // Of a request: how many arguments it takes.
   std::size_t min_arguments = 0;
   std::size_t max_arguments = 0;
+  // Of a request whose argument is nothing but this one, which is written as switches are.
+  std::string_view option = {};
 };
 
 // Of a request that reads its arguments itself; such ones may also begin as a switch does.
@@ -75,7 +77,7 @@ constexpr std::array kSwitchNames = {
     SwitchName{"STATUS", Switch::kRequest, 0, 1},
     SwitchName{"RELOAD", Switch::kRequest},
     SwitchName{"REOPENLOG", Switch::kRequest},
-    SwitchName{"SESSIONS", Switch::kRequest},
+    SwitchName{"SESSIONS", Switch::kRequest, 0, 1, "JSON"},
     SwitchName{"CLOSE", Switch::kRequest, 1, 1},
     SwitchName{"GREYLIST", Switch::kRequest, 1, kAnyNumber},
     SwitchName{"VIEW", Switch::kRequest},
@@ -85,17 +87,18 @@ constexpr std::array kSwitchNames = {
 // It has this one spelling only.
 constexpr std::string_view kVersionSwitch = "--version";
 
+// What stands behind the slash or the hyphens; "" when there are none.
+std::string_view NameIn(std::string_view token) {
+  if (token.starts_with("--")) return token.substr(2);
+  return token.starts_with('/') || token.starts_with('-') ? token.substr(1) : std::string_view();
+}
+
 const SwitchName* FindSwitch(std::string_view token) {
-  if (token.starts_with("--")) {
-    token.remove_prefix(2);
-  } else if (token.starts_with('/') || token.starts_with('-')) {
-    token.remove_prefix(1);
-  } else {
-    return nullptr;
-  }
+  const std::string_view name = NameIn(token);
+  if (name.empty()) return nullptr;
   const auto* found =
       std::find_if(kSwitchNames.begin(), kSwitchNames.end(),
-                   [&](const SwitchName& candidate) { return EqualNoCase(candidate.name, token); });
+                   [&](const SwitchName& candidate) { return EqualNoCase(candidate.name, name); });
   return found == kSwitchNames.end() ? nullptr : found;
 }
 
@@ -136,12 +139,19 @@ class Parser {
   // Whether the token goes to the request before it.
   bool TakeForRequest(std::string_view as_typed, std::string_view token) {
     if (request_ == nullptr || line_.request.size() > request_->max_arguments) return false;
+    if (!request_->option.empty()) return TakeOption(token);
     if (token == "--" && !only_arguments_ && request_->max_arguments == kAnyNumber) {
       only_arguments_ = true;
       return true;
     }
     if (!only_arguments_ && !IsArgument(token)) return false;
     line_.request.emplace_back(kTokensKeepQuotes ? WithoutQuotes(token) : as_typed);
+    return true;
+  }
+
+  bool TakeOption(std::string_view token) {
+    if (!EqualNoCase(NameIn(token), request_->option)) return false;
+    line_.request.emplace_back(request_->option);
     return true;
   }
 

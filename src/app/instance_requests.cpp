@@ -17,6 +17,7 @@
 #include "config/configuration_dump.h"
 #include "proxy/cProxy.h"
 #include "proxy/session_id.h"
+#include "report/session_json.h"
 
 namespace trabex {
 
@@ -48,17 +49,34 @@ cProxy* Find(SessionCollection& sessions, const ListedSession& listed) {
   return session != nullptr && session->Id() == listed.id ? session : nullptr;
 }
 
+using AppendSession = void (*)(const cProxy& session, std::string& out);
+
 // The sessions of now, one line for each that is there when its slice is made.
-ControlSlices ListSessions(SessionCollection& sessions) {
-  return [&sessions, all = AllSessions(sessions), next = std::size_t{0}](ControlAnswer& slice) mutable {
-    const std::size_t end = std::min(all.size(), next + kRowsInSlice);
-    for (; next < end; ++next) {
-      const cProxy* const session = Find(sessions, all[next]);
-      if (session == nullptr) continue;
-      slice.text += FormatSessionId(session->Id()) + "  " + Printable(RowOf(*session)) + "\n";
-    }
-    return next < all.size();
-  };
+ControlSlices ListSessions(SessionCollection& sessions, AppendSession append) {
+  return
+      [&sessions, append, all = AllSessions(sessions), next = std::size_t{0}](ControlAnswer& slice) mutable {
+        const std::size_t end = std::min(all.size(), next + kRowsInSlice);
+        for (; next < end; ++next) {
+          const cProxy* const session = Find(sessions, all[next]);
+          if (session != nullptr) append(*session, slice.text);
+        }
+        return next < all.size();
+      };
+}
+
+void AppendRow(const cProxy& session, std::string& out) {
+  out += FormatSessionId(session.Id()) + "  " + Printable(RowOf(session)) + "\n";
+}
+
+ControlReply ListSessions(SessionCollection& sessions, const std::vector<std::string>& arguments) {
+  if (arguments.empty()) return ListSessions(sessions, AppendRow);
+  if (arguments.size() == 1 && arguments.front() == "JSON") {
+    return ListSessions(sessions, [](const cProxy& session, std::string& out) {
+      AppendSessionJson(SnapshotOf(session), out);
+    });
+  }
+  return ControlAnswer{
+      .status = exit_status::kBadCommandLine, .text = {}, .error = "SESSIONS takes nothing but JSON."};
 }
 
 ControlAnswer CloseSession(SessionCollection& sessions, const std::string& digits) {
@@ -130,8 +148,9 @@ void AddInstanceRequests(Program& program, frmMain& window) {
     return ControlAnswer{};
   });
   requests.Add("DUMP", [&program](const std::vector<std::string>&) { return Dump(program); });
-  requests.Add("SESSIONS",
-               [&window](const std::vector<std::string>&) { return ListSessions(window.Sessions()); });
+  requests.Add("SESSIONS", [&window](const std::vector<std::string>& arguments) {
+    return ListSessions(window.Sessions(), arguments);
+  });
   requests.Add("CLOSE", [&window](const std::vector<std::string>& arguments) {
     return CloseSession(window.Sessions(), arguments.empty() ? std::string() : arguments.front());
   });

@@ -1,5 +1,9 @@
 // What is shown of an open session to people who look at it.
+#include <algorithm>
+#include <cstddef>
+
 #include "base/text.h"
+#include "base/utf8.h"
 #include "proxy/cProxy.h"
 
 namespace trabex {
@@ -10,6 +14,23 @@ namespace {
 bool BeginsTransaction(Command command) {
   return command == Command::kMail || command == Command::kSend || command == Command::kSoml ||
          command == Command::kSaml;
+}
+
+std::string_view FirstLine(std::string_view text) {
+  return text.substr(0, text.find_first_of(kCrLf));
+}
+
+// Without the bytes at the end that are the beginning of a character in UTF-8.
+std::string_view WithoutCutCharacter(std::string_view text) {
+  constexpr std::size_t kMaxCut = 3;
+  for (std::size_t cut = 1; cut <= std::min(kMaxCut, text.size()); ++cut) {
+    const auto byte = static_cast<unsigned char>(text[text.size() - cut]);
+    if (byte < 0x80) break;
+    if (byte < 0xC0) continue;
+    const bool whole = FirstUtf8Character(text.substr(text.size() - cut)).size == cut;
+    return whole ? text : text.substr(0, text.size() - cut);
+  }
+  return text;
 }
 
 }  // namespace
@@ -72,8 +93,7 @@ bool cProxy::InTransaction() const {
 }
 
 std::string_view cProxy::LastReply() const {
-  const std::string_view reply = last_reply_.View();
-  return reply.substr(0, reply.find(kCrLf));
+  return WithoutCutCharacter(FirstLine(last_reply_.View()));
 }
 
 }  // namespace trabex

@@ -104,6 +104,29 @@ TEST(SessionSnapshot, InADialogue) {
   for (const PhaseCase& c : cases) Check(c);
 }
 
+// What is kept of it ends between two characters.
+TEST(SessionSnapshot, TheLastReplyIsCutAtACharacter) {
+  const std::string begin = "250 " + std::string(49, 'x');
+  const struct {
+    std::string reply;
+    std::string shown;
+  } cases[] = {
+      {begin + "\xC3\xBC", begin + "\xC3\xBC"},
+      {begin + "\xC3\xBCy", begin + "\xC3\xBC"},
+      {begin + "y\xC3\xBC", begin + "y"},
+      {begin + "\xE2\x82\xAC", begin},
+      {begin + "\xF0\x9F\x93\xA7", begin},
+      {begin.substr(0, 52) + "\xE2\x82\xAC", begin.substr(0, 52) + "\xE2\x82\xAC"},
+      // No UTF-8 anyway.
+      {begin + "\xBC\xBC", begin + "\xBC\xBC"},
+  };
+  for (const auto& c : cases) {
+    SessionFixture fixture;
+    ASSERT_EQ(fixture.Play(Greeting() + "C: NOOP\n-> NOOP\nS: " + c.reply + "\n<- " + c.reply), "");
+    EXPECT_EQ(First(fixture).last_reply, c.shown);
+  }
+}
+
 TEST(SessionSnapshot, InATransaction) {
   const std::string greeted = Greeted();
   const std::string from = " helo=client.test from=a@b.test";

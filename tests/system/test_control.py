@@ -92,6 +92,39 @@ class Requests(Scenario):
         for unknown in (rows[1][0], "0" * 15, "x", "0" * 17):
             self.assertEqual(self.ask("/CLOSE", unknown), (1, "", f"Trabex: There is no session {unknown}.\n"))
 
+    def json_sessions(self):
+        """What jq makes of them, in order."""
+        status, out, err = self.ask("/SESSIONS", "--json")
+        self.assertEqual((status, err), (0, ""))
+        read = subprocess.run(["jq", "-s", "-c", "."], input=out, capture_output=True, text=True, timeout=bound(20),
+                              check=True)
+        return json.loads(read.stdout)
+
+    def test_sessions_as_json(self):
+        self.assertEqual(self.json_sessions(), [])
+        hostile = 'x"\\}]{gr\u00fc\u00df\U0001f4e7'
+        idle, mailing, strange = (self.connect(self.proxy.address) for _ in range(3))
+        for client in (idle, mailing, strange):
+            client.read_reply()
+        mailing.command("EHLO mailing.test")
+        mailing.command(f"MAIL FROM:<a@{DOMAIN}>")
+        for name in ("b", "c"):
+            mailing.command(f"RCPT TO:<{name}@{DOMAIN}>")
+        strange.send(b"EHLO " + hostile.encode() + b"\xff\r\n")
+        strange.read_reply()
+        rows = self.sessions()
+        shown = self.json_sessions()
+        self.assertEqual([session["session"] for session in shown], [digits for digits, _ in rows])
+        self.assertEqual([session["client_handle"] for session in shown], [int(row.split()[0]) for _, row in rows])
+        self.assertEqual([session["client_bytes_out"] for session in shown], [int(row.split()[2]) for _, row in rows])
+        self.assertEqual([session["state"] for session in shown], ["idle"] * 3)
+        self.assertNotIn("helo", shown[0])
+        self.assertEqual([shown[1].get(name) for name in ("helo", "from", "to", "recipients", "recipients_count", "command")],
+                         ["mailing.test", f"a@{DOMAIN}", f"c@{DOMAIN}", [f"b@{DOMAIN}", f"c@{DOMAIN}"], 2, "RCPT"])
+        self.assertRegex(shown[1]["reply"], "^250 ")
+        self.assertEqual(shown[2]["helo"], hostile + "\ufffd")
+        self.assertEqual(bytes.fromhex(shown[2]["helo_hex"]), hostile.encode() + b"\xff")
+
     def test_ids_differ_after_a_restart(self):
         seen = set()
         for _ in range(3):

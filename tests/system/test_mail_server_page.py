@@ -265,6 +265,19 @@ class MailServers(unittest.TestCase):
         self.machine.must("printf 'Subject: from here\\n\\nHello.\\n' | exim4 you@example.org")
         self.machine.wait_for("grep -q 'Subject: from here' /var/mail/you", "the mail of this machine")
 
+    def test_exim_with_a_configuration_in_many_files(self):
+        self.on_the_same_machine()
+        self.install_exim()
+        self.machine.must("sed -i \"s/^dc_use_split_config=.*/dc_use_split_config='true'/\" /etc/exim4/update-exim4.conf.conf")
+        heading, one, many = "Exim on the same machine", "/etc/exim4/exim4.conf.localmacros", "/etc/exim4/conf.d/main/00_trabex"
+        self.assertIn(f"`{many}`", PAGE.read_text(encoding="utf-8"))
+        (commands,) = self.blocks(heading, "sh")
+        self.assertIn(one, commands)
+        self.on_server(commands.replace(one, many))
+        (self.ini,) = self.blocks(heading, "ini")
+        self.start_trabex(self.ini)
+        self.check("/var/mail/you", "/var/log/exim4/mainlog")
+
     def test_exim_on_another_machine(self):
         self.on_another_machine()
         self.install_exim()

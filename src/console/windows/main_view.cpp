@@ -8,6 +8,7 @@
 
 #include "console/windows/main_window.h"
 #include "console/windows/window_link.h"
+#include "platform/process.h"
 #include "platform/windows/loop/thread_posts.h"
 #include "platform/windows/win.h"
 
@@ -87,7 +88,9 @@ bool IsDesktopVisible() {
 }  // namespace
 
 // The window is drawn by this process.
-void PrepareProcess(int, char* const*) {}
+void PrepareProcess(int, char* const*) {
+  PrepareStreamsAndRequests();
+}
 
 std::optional<NoView> WhyNoView() {
   if (IsDesktopVisible()) return std::nullopt;

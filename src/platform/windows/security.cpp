@@ -51,8 +51,9 @@ bool IsOwnUser(PSID user) {
 OwnSecurity::OwnSecurity() {
   const std::wstring user = OwnUser();
   if (user.empty()) return;
-  // Protected from what the folder hands down; all access (FA) for the user, the system and the administrators.
-  const std::wstring rights = L"D:P(A;;FA;;;" + user + L")(A;;FA;;;SY)(A;;FA;;;BA)";
+  // The user is the owner, also where an administrator's things would belong to all of them. Protected from what the
+  // folder hands down; all access (FA) for the user, the system and the administrators.
+  const std::wstring rights = L"O:" + user + L"D:P(A;;FA;;;" + user + L")(A;;FA;;;SY)(A;;FA;;;BA)";
   attributes_.nLength = sizeof attributes_;
   if (ConvertStringSecurityDescriptorToSecurityDescriptorW(rights.c_str(), SDDL_REVISION_1,
                                                            &attributes_.lpSecurityDescriptor, nullptr) == 0) {

@@ -207,6 +207,24 @@ TEST(CommandLine, HelpTextIsComplete) {
   }
 }
 
+TEST(CommandLine, SessionsComeAsJsonToo) {
+  const std::vector<std::string> request = {"SESSIONS", "JSON"};
+  for (const std::string_view option : {"--json", "/JSON", "-json", "--Json"}) {
+    const CommandLine line = Parse({"--sessions", option, "/P", "26"});
+    EXPECT_EQ(line.result, Result::kStart) << option;
+    EXPECT_EQ(line.request, request) << option;
+    EXPECT_EQ(line.port, 26);
+  }
+  const std::vector<std::vector<std::string_view>> refused = {
+      {"--json"}, {"--json", "--sessions"}, {"--status", "--json"}, {"--sessions", "--json", "--json"}};
+  for (const auto& arguments : refused) {
+    const CommandLine line = Parse(arguments);
+    EXPECT_EQ(line.result, Result::kRefused);
+    EXPECT_EQ(line.message, "Invalid switch \"--json\".");
+  }
+  EXPECT_EQ(Parse({"--sessions", "json"}).message, "Invalid switch \"json\".");
+}
+
 TEST(CommandLine, ChecksAndDumpsInsteadOfAStart) {
   const CommandLine check = Parse({"--check", "--user", " mail ", "--OFFLINE", "/I", "x.ini"});
   EXPECT_EQ(check.result, Result::kStart);

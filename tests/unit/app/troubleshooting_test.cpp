@@ -274,8 +274,31 @@ TEST(TroubleshootingPage, SaysWhatEachMessageMeans) {
   for (const Row& row : Rows("message")) {
     ASSERT_EQ(row.cells.size(), 3U) << row.cells.front();
     EXPECT_FALSE(row.texts.empty()) << row.cells.front();
-    EXPECT_FALSE(row.cells[1].empty()) << row.cells.front();
+    EXPECT_FALSE(row.cells[1].empty() || row.cells[2].empty()) << row.cells.front();
   }
+  for (const Row& row : Rows("number")) EXPECT_FALSE(row.cells.at(2).empty()) << row.cells.front();
+}
+
+// What trabex-convert says of lines that have no equal here.
+TEST(TroubleshootingPage, HasEveryReasonOfTheConverter) {
+  std::set<std::string> documented;
+  const auto fixed = [](std::string_view text) {
+    std::string joined;
+    for (const std::string& part : FixedParts(text)) joined += part + "<>";
+    return joined;
+  };
+  for (const Row& row : Rows("reason")) {
+    EXPECT_FALSE(row.cells.at(1).empty());
+    for (const std::string& text : row.texts) documented.insert(fixed(text));
+  }
+  std::set<std::string> reasons;
+  const std::string source = SourceFile("tools/trabex-convert");
+  const std::regex expression(R"re(raise NoEqual\(f?"([^"]*)")re");
+  const std::regex value(R"(\{[^}]*\})");
+  for (std::sregex_iterator found(source.begin(), source.end(), expression), end; found != end; ++found) {
+    reasons.insert(fixed(std::regex_replace((*found)[1].str(), value, "<value>")));
+  }
+  EXPECT_EQ(documented, reasons);
 }
 
 // The numbers that the sources define or raise, and all that have a text.

@@ -2,8 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <set>
+#include <string>
 #include <string_view>
+
+#include "support/source_documents.h"
 
 namespace trabex {
 namespace {
@@ -17,6 +22,19 @@ TEST(SessionState, EachHasAShortNameOfItsOwn) {
     EXPECT_LE(name.size(), 10U);
     EXPECT_EQ(name.find_first_not_of("abcdefghijklmnopqrstuvwxyz-"), std::string_view::npos) << name;
   }
+}
+
+// The table of states is the last one of its section.
+TEST(SessionState, EachIsInTheDocument) {
+  const std::string document = SourceFile("docs/control.md");
+  const std::size_t begin = document.find("\n| state | |\n");
+  ASSERT_NE(begin, std::string::npos);
+  const std::string table = document.substr(begin, document.find("\n\n", begin + 1) - begin);
+  for (std::size_t i = 0; i < kSessionStates; ++i) {
+    const std::string row = "\n| `" + std::string(SessionStateName(static_cast<SessionState>(i))) + "` | ";
+    EXPECT_NE(table.find(row), std::string::npos) << row;
+  }
+  EXPECT_EQ(static_cast<std::size_t>(std::count(table.begin(), table.end(), '`')), 2 * kSessionStates);
 }
 
 TEST(SessionState, GroupsTellWhatIsWaitedFor) {

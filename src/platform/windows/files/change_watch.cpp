@@ -115,6 +115,7 @@ class FolderWatch final : public ChangeWatch {
 }  // namespace
 
 std::unique_ptr<ChangeWatch> WatchFolderOf(const std::string& path, WatchedChanges /*changes*/) {
+  if (SystemPath(path).Code() != 0) return nullptr;
   auto watch = std::make_unique<FolderWatch>(path);
   if (!watch->IsActive()) return nullptr;
   return watch;

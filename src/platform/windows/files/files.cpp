@@ -72,7 +72,7 @@ bool IsAbsolutePath(std::string_view path) {
 }
 
 std::string FolderOf(const std::string& path) {
-  const std::size_t end = path.find_last_of(kPathSeparator);
+  const std::size_t end = path.find_last_of("\\/");
   if (end == std::string::npos) return ".";
   const bool in_root = end == 0 || (end == 2 && path[1] == ':');
   return path.substr(0, in_root ? end + 1 : end);

@@ -34,6 +34,8 @@ bool NamesDevice(std::string_view name) {
   return std::any_of(kNumberedDevices.begin(), kNumberedDevices.end(), begins_it) && IsNumber(name.substr(3));
 }
 
+// In units of UTF-16.
+constexpr std::size_t kMaxName = 255;
 constexpr std::string_view kForbidden = "<>\"|?*:";
 
 bool IsName(std::string_view name) {
@@ -41,7 +43,8 @@ bool IsName(std::string_view name) {
   const bool clean = std::none_of(name.begin(), name.end(), [](char c) {
     return (c >= 0 && c < ' ') || kForbidden.find(c) != std::string_view::npos;
   });
-  return clean && name.back() != '.' && name.back() != ' ' && !NamesDevice(name);
+  return clean && name.back() != '.' && name.back() != ' ' && !NamesDevice(name) &&
+         Wide(name).size() <= kMaxName;
 }
 
 bool IsFilePath(std::string_view path) {
