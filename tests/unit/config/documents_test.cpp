@@ -314,7 +314,7 @@ TEST(Readme, NamesEveryFolder) {
   for (const char* parent : {"", "src", "tests"}) {
     for (const auto& entry :
          std::filesystem::directory_iterator(std::string(TRABEX_SOURCE_DIR "/") + parent)) {
-      const std::string name = entry.path().lexically_relative(TRABEX_SOURCE_DIR);
+      const std::string name = entry.path().lexically_relative(TRABEX_SOURCE_DIR).generic_string();
       // What is hidden or built is no part of the sources; some of the others stand with what they hold.
       if (!entry.is_directory() || name.starts_with('.') || name == "build" || name == "cmake") continue;
       const bool named = text.find("`" + name + "`") != std::string::npos ||

@@ -16,7 +16,7 @@
 #include "support/recorded_log.h"
 #include "support/temp_folder.h"
 #include "unit/greylist/greylist_support.h"
-#include "unit/greylist/traced_process.h"
+#include "unit/greylist/linux/traced_process.h"
 
 namespace trabex {
 namespace {
