@@ -164,16 +164,15 @@ void SessionOrder::Follow(const ViewSource& source) {
 
 // Those that nobody has looked at come first.
 void SessionOrder::LookAtSome(const ViewSource& source) {
-  std::size_t looks = std::min(kMaxLookedAt, entries_.size());
-  if (not_looked_at_ > 0) {
-    for (std::size_t i = entries_.size(); i > 0 && looks > 0 && not_looked_at_ > 0; --i) {
-      Entry& entry = entries_[i - 1];
-      if (entry.looked_at) continue;
-      LookAt(entry, source.SnapshotAt(i - 1));
-      --looks;
-    }
+  std::size_t looked_at = 0;
+  for (std::size_t i = entries_.size(); i > 0 && looked_at < kMaxLookedAt && not_looked_at_ > 0; --i) {
+    Entry& entry = entries_[i - 1];
+    if (entry.looked_at) continue;
+    LookAt(entry, source.SnapshotAt(i - 1));
+    ++looked_at;
   }
-  for (; looks > 0; --looks) {
+  for (const std::size_t again = std::min(kMaxLookedAtAgain, entries_.size()); looked_at < again;
+       ++looked_at) {
     if (next_ >= entries_.size()) next_ = 0;
     LookAt(entries_[next_], source.SnapshotAt(next_));
     ++next_;

@@ -78,9 +78,26 @@ TEST(ControlAnswerBytes, AreReadInPiecesOfAnySize) {
   }
 }
 
+TEST(ControlAnswerBytes, AStreamBeginsInTheMiddleOfAnything) {
+  std::string begin;
+  AppendStreamBegin(begin);
+  EXPECT_EQ(begin, "S 1\n");
+  const std::string bytes = begin + "X 0\nT 5\n";
+  for (std::size_t size = 1; size <= bytes.size(); ++size) {
+    AnswerReader reader(
+        {.text = [](std::string_view) { FAIL(); }, .error = [](std::string_view) { FAIL(); }});
+    State state = State::kMore;
+    for (std::size_t at = 0; at < bytes.size(); at += size) {
+      state = reader.Take(std::string_view(bytes).substr(at, size));
+    }
+    EXPECT_EQ(state, State::kStream);
+    EXPECT_EQ(reader.Stream(), "X 0\nT 5\n") << "all that follows, in pieces of " << size;
+  }
+}
+
 TEST(ControlAnswerBytes, AnythingElseIsBroken) {
   for (const std::string bytes : {"\n", "X\n", "X \n", "Y 1\n", "X 256\n", "X -1\n", "T -1\n", "T 1.5\n",
-                                  "T 99999999999\n", "220 hello\n", "T  1\n"}) {
+                                  "T 99999999999\n", "220 hello\n", "T  1\n", "S 2\n", "S\n"}) {
     EXPECT_EQ(ReadInPieces(bytes, 100).state, State::kBroken) << bytes;
     EXPECT_EQ(ReadInPieces(bytes, 1).state, State::kBroken) << bytes;
   }

@@ -141,11 +141,15 @@ TEST(SessionOrder, LooksAtABoundedNumberOfSessionsAtATime) {
     EXPECT_LE(source.looked_at, SessionOrder::kMaxLookedAt);
     ++updates;
   } while (order.IsUnfinished());
-  EXPECT_EQ(updates, 9000 / SessionOrder::kMaxLookedAt);
+  EXPECT_EQ(updates, (9000 + SessionOrder::kMaxLookedAt - 1) / SessionOrder::kMaxLookedAt);
   EXPECT_EQ(order.Count(), 9000U);
   // A change is noticed when its turn has come.
   source.sessions[8500].received = 10;
-  for (std::size_t i = 0; i < updates; ++i) order.Update(source);
+  for (std::size_t i = 0; i < 9000 / SessionOrder::kMaxLookedAtAgain; ++i) {
+    source.looked_at = 0;
+    order.Update(source);
+    EXPECT_EQ(source.looked_at, SessionOrder::kMaxLookedAtAgain);
+  }
   EXPECT_EQ(order.IdAt(0, source), 8501U);
 }
 
