@@ -1,6 +1,8 @@
 #!/usr/bin/env python3
 """Trabex.exe at work: mail, instances, command line, files and their names, reload, greylisting, many sessions."""
 
+import asyncio
+import contextlib
 import re
 import shutil
 import subprocess
@@ -27,6 +29,33 @@ TAKEN = "The instance of this application listening on the same port already run
 RELOADED = "Configuration reloaded because date/time of initialization file changed."
 
 
+class Greeter:
+    """A server for any number of clients, which is all polite words; the sample mail server takes only some hundreds."""
+
+    def __init__(self, place):
+        self.port = free_port()
+        self.clients = 0
+        self._loop = asyncio.new_event_loop()
+        self._server = self._loop.run_until_complete(
+            asyncio.start_server(self._serve, LOOPBACK, self.port, backlog=1000))
+        self._thread = threading.Thread(target=self._loop.run_forever, daemon=True)
+        self._thread.start()
+        place.on_leaving(self._leave)
+
+    async def _serve(self, reader, writer):
+        self.clients += 1
+        writer.write(b"220 server.example\r\n")
+        with contextlib.suppress(OSError):
+            while line := await reader.readline():
+                writer.write(b"221 bye\r\n" if line.upper().startswith(b"QUIT") else b"250 yes\r\n")
+        writer.close()
+
+    def _leave(self):
+        self._loop.call_soon_threadsafe(self._server.close)
+        self._loop.call_soon_threadsafe(self._loop.stop)
+        self._thread.join()
+
+
 class Mail(WineScenario):
     def test_byte_for_byte(self):
         server = self.sample_server()
@@ -46,12 +75,13 @@ class Mail(WineScenario):
 
     def test_a_thousand_sessions(self):
         """All open at the same time, and each is answered."""
-        server = self.sample_server()
+        server = Greeter(self.place)
         proxy = self.trabex(server.port, {"MaxConnections": 0})
         clients = [self.connect(proxy.address) for _ in range(1000)]
         for client in clients:
             client.socket.settimeout(bound(120))
             self.assertEqual(client.read_reply()[:3], "220")
+        self.assertEqual(server.clients, 1000)
         for number, client in enumerate(clients):
             self.assertEqual(client.command(f"HELO client{number}.example")[:3], "250")
         for client in clients:
