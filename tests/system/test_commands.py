@@ -45,8 +45,8 @@ class Packages(Scenario):
         self.assertEqual([name for name in packages if re.search(r"test|mock|benchmark|clang|python|debstrap", name)], [])
 
     def test_sections_that_are_not_there(self):
-        for arguments, message in (([], "which sections of packages.txt?"), (["rnu"], "packages.txt has no section [rnu]"),
-                                   (["--list", "run", ".*"], "packages.txt has no section [.*]")):
+        for arguments, message in (([], "which sections of packages.txt?"), (["rnu"], "no file of packages has a section [rnu]"),
+                                   (["--list", "run", ".*"], "no file of packages has a section [.*]")):
             self.assertEqual(run("scripts/install-packages", *arguments), (1, f"install-packages: {message}\n"))
 
     def test_each_command_installs_its_own(self):

@@ -468,7 +468,7 @@ class GreyList(Scenario):
     def recipes(self):
         """The commands of the page's recipes, for this instance and this folder."""
         page = (REPO / "docs" / "greylisting-tool.md").read_text(encoding="utf-8")
-        blocks = re.findall(r"(?m)^((?:    .*\n)+)", page[page.index("## Recipes"):])
+        blocks = re.findall(r"(?m)^```\w+\n((?:.*\n)*?)```$", page[page.index("## Recipes"):])
         return [block.replace("/etc/trabex/Trabex.ini", str(self.proxy.ini))
                 .replace("/var/backups", str(self.place.folder)).replace("Trabex /", f"{program('Trabex')} /")
                 for block in blocks]
