@@ -238,9 +238,9 @@ def plays(session, patience, exactly, security=PLAIN):
     return [Play(session, delivery, patience, exactly, security=security) for delivery in deliveries]
 
 
-def unguarded_play(session):
+def unguarded_play(session, patience=0.3):
     """The way to play it without Trabex."""
-    return Play(session, "once", 0.3, exactly=False, unguarded=True)
+    return Play(session, "once", patience, exactly=False, unguarded=True)
 
 
 async def run_all(all_plays, address_of, at_a_time, before=lambda play: None):

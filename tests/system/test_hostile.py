@@ -49,6 +49,8 @@ class Hostile(Scenario):
     def setUp(self):
         super().setUp()
         self.sessions = all_sessions()
+        self.real = {}
+        self.played = {}
 
     def fronts(self, port, some_plays):
         """A function that gives the address that each of the plays goes to, for the server on the port."""
@@ -66,14 +68,19 @@ class Hostile(Scenario):
 
     def play_all(self):
         """Plays everything; returns for each server its plays, and those that reached it with what shows it."""
-        real = {name: self.real_server(name) for name in SERVERS if name != "scripted"}
+        self.real = {name: self.real_server(name) for name in SERVERS if name != "scripted"}
         all_plays = {name: [play for session in self.sessions if name == "scripted" or not session.replies
                             for play in self.plays_of(session, name)] for name in SERVERS}
+        return all_plays, self.play(all_plays)
 
-        recorders = asyncio.run(self.play_against(real, all_plays))
-        reached = {name: self.marked(server, all_plays[name]) for name, server in real.items()}
+    def play(self, all_plays):
+        """Plays these; returns for each server those that have reached it so far, with what shows it."""
+        for name, some_plays in all_plays.items():
+            self.played.setdefault(name, []).extend(some_plays)
+        recorders = asyncio.run(self.play_against(self.real, all_plays))
+        reached = {name: self.marked(server, self.played[name]) for name, server in self.real.items()}
         reached["scripted"] = self.recorded(recorders, all_plays["scripted"])
-        return all_plays, reached
+        return reached
 
     async def play_against(self, real, all_plays):
         """Plays against the real servers and against scripted ones; returns these."""
@@ -243,12 +250,17 @@ class WithoutTrabex(Hostile):
 
     def test_each_reaches_the_servers_it_names(self):
         all_plays, reached = self.play_all()
+        # On a busy machine a server may take longer than most of them wait.
+        again = {server: [unguarded_play(play.session, 5) for play in all_plays[server]
+                          if server in play.session.direct and play not in reached[server]] for server in SERVERS}
+        reached_again = self.play(again) if any(again.values()) else again
         for server in SERVERS:
-            for play in all_plays[server]:
+            for play in all_plays[server] + again[server]:
                 with self.subTest(server=server, session=play.session.name):
                     self.assertEqual(play.complaints, [])
-                    if server in play.session.direct:
-                        self.assertIn(play, reached[server])
+            for play in again[server]:
+                with self.subTest(server=server, session=play.session.name):
+                    self.assertIn(play, reached_again[server])
 
 
 class Corpus(Hostile):
