@@ -12,6 +12,7 @@ import subprocess
 import threading
 from pathlib import Path
 
+from manual_pages import read_blocks
 from messages import text_message
 from trabex_system import (DOMAIN, LOOPBACK, REPO, Scenario, Smtp, bound, free_port, main, program, run_trabex, wait_until,
                            without_received)
@@ -467,11 +468,11 @@ class GreyList(Scenario):
 
     def recipes(self):
         """The commands of the page's recipes, for this instance and this folder."""
-        page = (REPO / "docs" / "greylisting-tool.md").read_text(encoding="utf-8")
-        blocks = re.findall(r"(?m)^```\w+\n((?:.*\n)*?)```$", page[page.index("## Recipes"):])
-        return [block.replace("/etc/trabex/Trabex.ini", str(self.proxy.ini))
-                .replace("/var/backups", str(self.place.folder)).replace("Trabex /", f"{program('Trabex')} /")
-                for block in blocks]
+        blocks = read_blocks(REPO / "docs" / "greylisting-tool.md")
+        return [block.text.replace("--port 25 --inifile /etc/trabex/25.ini", f"/I {self.proxy.ini}")
+                .replace("/var/backups", str(self.place.folder))
+                .replace("/usr/sbin/trabex", "trabex").replace("trabex --", f"{program('Trabex')} --")
+                for block in blocks if block.heading == "Recipes"]
 
     def run_recipe(self, commands):
         done = subprocess.run(["sh", "-e", "-c", commands], cwd=self.place.folder, stdin=subprocess.DEVNULL,
@@ -481,7 +482,7 @@ class GreyList(Scenario):
     def test_recipe_of_a_backup(self):
         backup = self.recipes()[0]
         fields = backup.split(maxsplit=6)
-        self.assertEqual(fields[:6], ["0", "3", "*", "*", "*", "trabex"], "when, and as whom")
+        self.assertEqual(fields[:6], ["0", "3", "*", "*", "*", "root"], "when, and as whom")
         self.proxy.start()
         self.done("add", "192.0.2.1", "a@b.example", "c@d.example", "--accepted")
         self.done("add", "192.0.2.2", "<>", "c@d.example")
