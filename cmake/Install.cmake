@@ -39,7 +39,8 @@ install(FILES ${packaging}/fail2ban/trabex-jail.conf DESTINATION share/trabex/fa
 install(FILES ${packaging}/rsyslog.conf ${packaging}/vector.toml DESTINATION share/trabex)
 
 # Documents, of which some are made or compressed on the way.
-file(GLOB documents CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md)
+file(GLOB documents CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.md ${CMAKE_CURRENT_SOURCE_DIR}/docs/*.svg)
+install(DIRECTORY docs/performance DESTINATION share/doc/trabex)
 install(FILES ${documents} ${packaging}/debian/copyright DESTINATION share/doc/trabex)
 file(GLOB manual_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/*)
 foreach(variable manual_pages PROJECT_VERSION)

@@ -92,6 +92,7 @@ Section
   ${EndIf}
   SetOutPath "$INSTDIR\manual"
   File "${STAGE}\manual\*.html"
+  File "${STAGE}\manual\*.svg"
   SetOutPath "$INSTDIR\licences"
   File "${STAGE}\licences\*.txt"
   ; The folder that the start menu's entries begin in.
@@ -118,6 +119,7 @@ Section "Uninstall"
   Delete "$INSTDIR\Trabex-sample.ini"
   Delete "$INSTDIR\README.txt"
   Delete "$INSTDIR\manual\*.html"
+  Delete "$INSTDIR\manual\*.svg"
   RMDir "$INSTDIR\manual"
   Delete "$INSTDIR\licences\*.txt"
   RMDir "$INSTDIR\licences"

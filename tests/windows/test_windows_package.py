@@ -105,7 +105,7 @@ class Package(WineScenario):
             if not name.endswith(".exe"):
                 self.assertEqual(content.count(b"\n"), content.count(b"\r\n"), name)
             if name.endswith(".html"):
-                for target in re.findall(rb'href="([^"#]+)', content):
+                for target in re.findall(rb'(?:href|src)="([^"#]+)', content):
                     if b"://" not in target:
                         self.assertIn(f"manual/{target.decode()}", files, name)
         folder = self.place.new_folder("unpacked")
