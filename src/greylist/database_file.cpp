@@ -52,6 +52,8 @@ void ReplaceDatabaseFile(const std::string& path, const FileContent& content) {
 
   const std::string fresh = place + "new";
   NewFile file(fresh, kSaveSource);
+  // Root may change the records of an instance that runs as another user, who has to read them.
+  file.GiveToOwnerOf(place);
   content([&file](std::string_view bytes) { file.Write(bytes); });
   file.Sync();
   ReplaceFile(fresh, place, BackupPath(place), kSaveSource);

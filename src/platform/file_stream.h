@@ -44,6 +44,9 @@ class NewFile {
   NewFile& operator=(const NewFile&) = delete;
 
   void Write(std::string_view bytes);
+  // Gives the file to the owner and the group of the one at `path` or, where there is none, of its folder. Does
+  // nothing where the process has no right to that, as any user but root, or the system no need of it (Windows).
+  void GiveToOwnerOf(const std::string& path);
   // Returns when all of it is on the disk.
   void Sync();
   // The file has got its final name: what is called `path` now is no longer this one.

@@ -335,7 +335,10 @@ class GreyList(Scenario):
         self.assertEqual(self.proxy.end(), 0)
         # No instance any more: the file.
         self.assertEqual(self.done("export"), exported)
+        owner = 65534 if os.geteuid() == 0 else os.geteuid()
+        os.chown(self.database, owner, -1)
         self.assertEqual(self.done("delete", "192.0.2 *"), "1 deleted\n")
+        self.assertEqual(self.database.stat().st_uid, owner, "the file is still that of the instance's user")
         self.assertEqual(self.done("export"), exported.splitlines(True)[0])
         records = self.place.folder / "records.jsonl"
         records.write_text(exported)

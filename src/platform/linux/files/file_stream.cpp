@@ -84,6 +84,14 @@ void NewFile::Write(std::string_view bytes) {
   }
 }
 
+void NewFile::GiveToOwnerOf(const std::string& path) {
+  if (geteuid() != 0) return;
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 && stat(FolderOf(path).c_str(), &status) != 0) return;
+  // By its descriptor: who owns the folder may have put something else in the place of the name.
+  if (fchown(static_cast<int>(file_.Value()), status.st_uid, status.st_gid) != 0) return;
+}
+
 void NewFile::Sync() {
   if (fsync(static_cast<int>(file_.Value())) != 0) RaiseFileError(errno, source_);
 }
