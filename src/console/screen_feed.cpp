@@ -50,7 +50,9 @@ void ScreenFeed::Sent(std::size_t size) {
 }
 
 void ScreenFeed::MakeFrame() {
-  if (!stale_ || drawing_ || !size_ || !Output().empty()) return;
+  if (!stale_ || !size_) return;
+  // What is unfinished goes on when the viewer has drawn; one that never draws costs no turn.
+  if (drawing_ || !Output().empty()) return unfinished_.Disable();
   stale_ = false;
   std::string frame;
   AppendFrame(screen_->Make(), frame);

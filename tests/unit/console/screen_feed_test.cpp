@@ -143,6 +143,27 @@ TEST_F(ScreenFeedTest, WhatIsUnfinishedIsFinishedSoon) {
   EXPECT_EQ(outputs_, 1);
 }
 
+TEST_F(ScreenFeedTest, WhatIsUnfinishedWaitsForAViewerThatDoesNotDraw) {
+  facts_.unfinished = true;
+  SaySize();
+  Sent();
+  for (int i = 0; i < 10; ++i) {
+    clock_.Advance(ScreenFeed::kUnfinishedInterval);
+    loop_.RunOnce(Milliseconds(0));
+  }
+  // One turn at most finds out that it does not draw.
+  EXPECT_LE(outputs_, 1);
+  EXPECT_EQ(facts_.made, 1);
+  const int before = outputs_;
+  facts_.text = "second";
+  SayDrawn();
+  EXPECT_EQ(Sent(), "second");
+  SayDrawn();
+  clock_.Advance(ScreenFeed::kUnfinishedInterval);
+  loop_.RunOnce(Milliseconds(0));
+  EXPECT_EQ(outputs_, before + 1);
+}
+
 TEST_F(ScreenFeedTest, TellsThatTheTerminalIsRestored) {
   EXPECT_FALSE(feed_.Restored());
   Say({.kind = ViewerMessage::Kind::kRestored});
