@@ -88,6 +88,7 @@ void ScreenModel::TakeKey(Key key) {
     closed_ = true;
     return;
   }
+  if (closed_) return;
   const bool commands = IsRoomy() && !folded_;
   said_.clear();
   if (commands && asking_ == Asking::kFilter) return TakeFilterKey(key);
@@ -114,7 +115,7 @@ void ScreenModel::TakeKey(Key key) {
 void ScreenModel::TakeCommand(Key key) {
   switch (key) {
     case '/':
-      if (frozen_) ToggleFrozen();
+      Unfreeze();
       asking_ = Asking::kFilter;
       break;
     case 's':
@@ -150,7 +151,7 @@ void ScreenModel::TakeEscape() {
   if (shown_ != Shown::kTable) {
     Show(Shown::kTable);
   } else if (!order_.Filter().empty()) {
-    if (frozen_) ToggleFrozen();
+    Unfreeze();
     order_.SetFilter("");
   } else {
     selection_.reset();
@@ -188,15 +189,29 @@ void ScreenModel::TakeFilterKey(Key key) {
 
 void ScreenModel::SetSort(std::size_t column, bool reversed) {
   if (shown_ != Shown::kTable) return;
-  if (frozen_) ToggleFrozen();
+  Unfreeze();
   order_.SetSort(static_cast<SortColumn>(column), reversed);
 }
 
 void ScreenModel::ToggleFrozen() {
-  frozen_ = !frozen_;
+  if (frozen_ || freezing_) return Unfreeze();
+  freezing_ = true;
+  FreezeIfFinished();
+}
+
+void ScreenModel::Unfreeze() {
+  freezing_ = false;
+  if (!std::exchange(frozen_, false)) return;
   frozen_rows_.clear();
-  if (!frozen_) return order_.Freeze(false, source_);
+  order_.Freeze(false, source_);
+}
+
+// Of many sessions some may not have been looked at yet; a table that stands still would never show these.
+void ScreenModel::FreezeIfFinished() {
   order_.Update(source_);
+  if (order_.IsUnfinished()) return;
+  freezing_ = false;
+  frozen_ = true;
   order_.Freeze(true, source_);
   frozen_totals_ = source_.CurrentTotals();
   frozen_totals_.server_failure = {};
@@ -223,7 +238,9 @@ void ScreenModel::OpenDetail() {
 
 void ScreenModel::AskForClose() {
   if (shown_ != Shown::kTable && shown_ != Shown::kDetail) return;
-  const std::optional<SessionId> target = shown_ == Shown::kDetail ? detail_ : Target();
+  // The session that is seen to be selected, also when it has just ended, and not the next one.
+  const std::optional<SessionId> seen = selection_ ? selection_->session : std::nullopt;
+  const std::optional<SessionId> target = shown_ == Shown::kDetail ? detail_ : seen ? seen : Target();
   if (!target) return;
   const std::optional<std::size_t> index = FindSession(*target, source_);
   if (!index) {
@@ -233,9 +250,12 @@ void ScreenModel::AskForClose() {
   closing_ = *target;
   closing_client_ = FormatIPAddress(source_.SnapshotAt(*index).client);
   asking_ = Asking::kClose;
+  question_shown_ = false;
 }
 
 void ScreenModel::CloseAsked(Key key) {
+  // Who has not been shown which session it is has not agreed to its end.
+  if (key == 'y' && !question_shown_) return;
   asking_ = Asking::kNothing;
   if (key != 'y') return;
   const std::string session = "Session " + FormatSessionId(closing_);
@@ -245,6 +265,7 @@ void ScreenModel::CloseAsked(Key key) {
 // What is shown already gives way to the table.
 void ScreenModel::Show(Shown shown) {
   shown_ = shown_ == shown ? Shown::kTable : shown;
+  refusals_seen_ = source_.Refusals().Count();
   pane_top_ = 0;
   pane_lines_ = 0;
 }
@@ -297,16 +318,21 @@ void ScreenModel::Follow() {
   top_ = std::min(top_, order_.Count() > visible ? order_.Count() - visible : 0);
 }
 
-// The selected session stays at its place on the screen while others come and go. When it ends, the one that takes
-// its place in the table is selected.
+// The selected session stays at its place on the screen while others come and go. When it ends, or is no longer among
+// what is looked for, the one that takes its place in the table is selected.
 void ScreenModel::FollowSelection() {
-  if (order_.Count() == 0) return selection_.reset();
   Selection& selection = *selection_;
   const std::size_t line = selection.index - std::min(selection.index, top_);
   const std::optional<std::size_t> index =
       selection.session ? order_.IndexOf(*selection.session, source_) : std::nullopt;
+  selection.not_looked_at =
+      !index && selection.session && order_.IsUnfinished() && FindSession(*selection.session, source_);
+  if (order_.Count() == 0) {
+    if (!selection.not_looked_at) selection_.reset();
+    return;
+  }
   selection.index = index ? *index : std::min(selection.index, order_.Count() - 1);
-  selection.session = order_.IdAt(selection.index, source_);
+  if (!selection.not_looked_at) selection.session = order_.IdAt(selection.index, source_);
   const std::size_t visible = std::max<std::size_t>(VisibleRows(), 1);
   top_ = selection.index - std::min({selection.index, line, visible - 1});
 }
@@ -319,7 +345,10 @@ Screen ScreenModel::Make() {
     AppendSmallTable(screen);
     return screen;
   }
-  screen.takes_text = asking_ == Asking::kFilter;
+  // Also at a question: "q" is one of its answers.
+  screen.takes_text = asking_ != Asking::kNothing;
+  question_shown_ = asking_ == Asking::kClose;
+  if (freezing_) FreezeIfFinished();
   Follow();
   switch (shown_) {
     case Shown::kTable:
@@ -382,7 +411,9 @@ void ScreenModel::AppendTable(Screen& screen) {
   const std::size_t visible = VisibleRows();
   for (std::size_t i = top_; i < top_ + visible; ++i) {
     ScreenLine& line = screen.lines.emplace_back();
-    if (i < order_.Count()) line = layout.Row(RowAt(i), selection_ && i == selection_->index);
+    if (i >= order_.Count()) continue;
+    const bool selected = selection_ && !selection_->not_looked_at && i == selection_->index;
+    line = layout.Row(RowAt(i), selected);
   }
 }
 

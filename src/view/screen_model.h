@@ -28,7 +28,7 @@ class ScreenModel final : public ViewScreen {
   void SetSize(const ViewerSize& size) override { size_ = size; }
   void TakeKey(Key key) override;
   Screen Make() override;
-  bool IsUnfinished() const override { return IsRoomy() && !folded_ && order_.IsUnfinished(); }
+  bool IsUnfinished() const override { return IsRoomy() && !folded_ && !frozen_ && order_.IsUnfinished(); }
   bool Closed() const override { return closed_; }
   bool Folded() const override { return folded_; }
 
@@ -50,6 +50,8 @@ class ScreenModel final : public ViewScreen {
   void ScrollPane(Key key);
   void SetSort(std::size_t column, bool reversed);
   void ToggleFrozen();
+  void Unfreeze();
+  void FreezeIfFinished();
   void OpenDetail();
   void AskForClose();
   void CloseAsked(Key key);
@@ -60,7 +62,7 @@ class ScreenModel final : public ViewScreen {
   // The order and the selection, as of now.
   void Follow();
   void FollowSelection();
-  void Select(std::size_t index) { selection_ = {.index = index, .session = std::nullopt}; }
+  void Select(std::size_t index) { selection_ = {.index = index}; }
 
   // The picture.
   ScreenLine StatusLine() const;
@@ -83,10 +85,12 @@ class ScreenModel final : public ViewScreen {
   SessionOrder order_;
   std::size_t top_ = 0;  // the first visible row of the table
   struct Selection {
-    std::size_t index = 0;             // its row, which is visible
-    std::optional<SessionId> session;  // nothing: the one that is there with the next picture
+    std::size_t index = 0;                  // its row, which is visible
+    std::optional<SessionId> session = {};  // nothing: the one that is there with the next picture
+    bool not_looked_at = false;  // it is not in the order, but may come to be; then its row is another's
   };
   std::optional<Selection> selection_;
+  bool freezing_ = false;  // as soon as the order is finished
   // While frozen, of the moment it began: rows that have been seen, and what stands below the table.
   bool frozen_ = false;
   std::map<SessionId, SessionRow> frozen_rows_;
@@ -100,6 +104,7 @@ class ScreenModel final : public ViewScreen {
   std::uint64_t refusals_seen_ = 0;  // likewise, all that there had been
 
   SessionId closing_ = 0;
+  bool question_shown_ = false;  // in a picture
   std::string closing_client_;
   std::string said_;  // about the latest command, until the next key
 };

@@ -397,21 +397,125 @@ TEST_F(ScreenModelTest, ClosesTheSelectedSessionAfterAYOnly) {
   EXPECT_EQ(Note(), "Close session 0000000000000002 of 192.0.2.1? y: yes, any other key: no");
   Press("n");
   EXPECT_EQ(source_.sessions.size(), 3U);
-  Press("cq");
+  Press("c");
+  Picture();
+  EXPECT_TRUE(screen_.takes_text);
+  Press("q");
   EXPECT_FALSE(model_.Closed());
   EXPECT_EQ(source_.sessions.size(), 3U);
   // The one that was asked about, not the one that is there by then.
   Press("c");
+  Picture();
   source_.sessions.erase(source_.sessions.begin() + 1);
   Press("y");
   EXPECT_EQ(source_.sessions.size(), 2U);
   EXPECT_EQ(Note(), "Session 0000000000000002 has ended.");
-  Press("cy");
+  Press("c");
+  Picture();
+  Press("y");
   EXPECT_EQ(source_.sessions.size(), 1U);
   EXPECT_EQ(Note(), "Session 0000000000000003 is closed.");
   source_.sessions.clear();
-  Press("cy");
+  Press("c");
+  Picture();
+  Press("y");
   EXPECT_NE(Note(), "Session 0000000000000001 is closed.");
+}
+
+TEST_F(ScreenModelTest, ClosesNoSessionThatNobodyHasSeenToBeTheOne) {
+  source_.AddSessions(3);
+  SetSize(80, 24);
+  PressKey(key::kDown);
+  PressKey(key::kDown);
+  Picture();
+  // It ends between the picture and the key.
+  source_.sessions.erase(source_.sessions.begin() + 1);
+  Press("c");
+  EXPECT_EQ(Note(), "Session 0000000000000002 has ended.");
+  Press("y");
+  EXPECT_EQ(source_.sessions.size(), 2U);
+  // A "y" that was typed before the question could be read is no answer to it.
+  Press("cy");
+  EXPECT_EQ(source_.sessions.size(), 2U);
+  EXPECT_EQ(Note(), "Close session 0000000000000003 of 192.0.2.1? y: yes, any other key: no");
+  Press("y");
+  EXPECT_EQ(Note(), "Session 0000000000000003 is closed.");
+  // Neither does anything happen behind the end of the view.
+  Press("c");
+  Picture();
+  Press("n");
+  Press("qc");
+  Picture();
+  Press("y");
+  EXPECT_EQ(source_.sessions.size(), 1U);
+}
+
+TEST_F(ScreenModelTest, FreezesWhenAllSessionsHaveBeenLookedAt) {
+  source_.AddSessions(2000);
+  SetSize(80, 24);
+  Press("s ");
+  Picture();
+  for (int pictures = 0; model_.IsUnfinished(); ++pictures) {
+    ASSERT_LT(pictures, 10);
+    Picture();
+  }
+  EXPECT_EQ(Note(), "Frozen | Sorted by handle");
+  EXPECT_NE(Picture().back().find("/2000 "), std::string::npos);
+  // Sessions that come later leave nothing to be finished.
+  source_.AddSessions(1000, 5000);
+  Picture();
+  EXPECT_FALSE(model_.IsUnfinished());
+  EXPECT_NE(Picture().back().find("/2000 "), std::string::npos);
+  Press("  ");
+  for (int i = 0; i < 10; ++i) Picture();
+  EXPECT_NE(Picture().back().find("/3000 "), std::string::npos);
+  EXPECT_EQ(Note(), "Frozen | Sorted by handle");
+  // Taken back before it has come to it.
+  Press(" s  ");
+  for (int i = 0; i < 10; ++i) Picture();
+  EXPECT_EQ(Note(), "Sorted by bytes received");
+}
+
+TEST_F(ScreenModelTest, TheSelectedSessionStaysSelectedWhileThousandsAreLookedAt) {
+  source_.AddSessions(3000);
+  source_.sessions[1].helo = "looked-for.example";
+  SetSize(80, 24);
+  PressKey(key::kDown);
+  const auto finish = [this](std::string_view what) {
+    do EXPECT_TRUE(Selected() == 2 || model_.IsUnfinished()) << what;
+    while (model_.IsUnfinished());
+    EXPECT_EQ(Selected(), 2) << what;
+  };
+  finish("arrival");
+  // Nobody else is shown as selected in the meantime.
+  Press("ss");
+  const std::optional<int> meanwhile = Selected();
+  EXPECT_TRUE(model_.IsUnfinished());
+  EXPECT_EQ(meanwhile, std::nullopt);
+  finish("sorted");
+  Press("/looked");
+  EXPECT_EQ(Selected(), std::nullopt);
+  finish("filtered");
+  PressKey(key::kEscape);
+  finish("all again");
+  // One that is not among those that are looked for gives its place away when that is known.
+  PressKey(key::kHome);
+  ASSERT_EQ(Selected(), 1);
+  Press("/looked");
+  EXPECT_EQ(Selected(), std::nullopt);
+  while (model_.IsUnfinished()) Picture();
+  EXPECT_EQ(Selected(), 2);
+}
+
+TEST_F(ScreenModelTest, TheLatestRefusalsAreOnTopAlsoWhenFrozen) {
+  SetSize(80, 24);
+  for (int i = 0; i < 40; ++i) source_.refusals.Add(false).client = IP("192.0.2." + std::to_string(i));
+  Press(" ");
+  PressKey(key::kTab);
+  EXPECT_EQ(Line(2).substr(19, 10), "192.0.2.39");
+  // From then on nothing moves.
+  source_.refusals.Add(false).client = IP("198.51.100.1");
+  EXPECT_EQ(Line(2).substr(19, 10), "192.0.2.39");
 }
 
 TEST_F(ScreenModelTest, TabShowsTheLatestRefusals) {
