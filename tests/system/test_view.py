@@ -300,7 +300,16 @@ class Attached(Views):
         self.assertIn("h0.example", self.table(lines)[0])
         terminal.keys("/", "q", "q")
         terminal.wait_for_text("Filter: qq_")
-        terminal.keys("Escape", "q")
+        terminal.keys("Escape", "c")
+        terminal.wait_for_text("? y: yes, any other key: no")
+        # An answer here; were it the end, the viewer would be gone after a second.
+        terminal.keys("q")
+        lines = terminal.wait_for(lambda lines: "? y: yes" not in "\n".join(lines), "the end of the question")
+        shown = self.table(lines)[0].split()[3]
+        for _ in range(3):
+            (row,) = self.table(terminal.wait_for(lambda lines: shown not in self.table(lines)[0], "the next second"))
+            shown = row.split()[3]
+        terminal.keys("q")
         self.assertEqual(terminal.wait(), 0)
         self.assertEqual(client.command("NOOP")[:3], "250")
         self.assertServes()
