@@ -2,9 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <optional>
+#include <random>
 #include <string>
 #include <string_view>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "base/text.h"
@@ -600,6 +605,69 @@ TEST_F(ScreenModelTest, FillsEverySizeAndNoMore) {
       }
     }
   }
+}
+
+// Whatever is pressed, however large the screen becomes, and whoever comes and goes: the picture has room, one row at
+// most is selected, and no session is closed but the one that the latest picture asks about.
+TEST_F(ScreenModelTest, WithstandsAnyKeysAndSizes) {
+  std::minstd_rand random(12345);
+  const auto below = [&random](std::size_t limit) { return static_cast<std::size_t>(random()) % limit; };
+  constexpr std::array<Key, 12> kNamedKeys = {key::kTab,  key::kEnter, key::kEscape, key::kBackspace,
+                                              key::kUp,   key::kDown,  key::kPageUp, key::kPageDown,
+                                              key::kHome, key::kEnd,   Key{0xE9},    Key{0x4F60}};
+  constexpr std::string_view kCommands = "/srr  ?cccyyynm12.e";
+  constexpr std::array<std::pair<std::size_t, std::size_t>, 9> kSizes = {
+      {{80, 24}, {79, 24}, {80, 23}, {99, 29}, {100, 24}, {80, 30}, {200, 50}, {1, 1}, {300, 45}}};
+  SessionId next = 1;
+  std::size_t columns = 80;
+  std::size_t rows = 24;
+  int closed = 0;
+  SetSize(columns, rows);
+  for (int step = 0; step < 2500; ++step) {
+    const std::size_t what = below(20);
+    if (what == 0) std::tie(columns, rows) = kSizes.at(below(kSizes.size()));
+    if (what == 0) model_.SetSize({.columns = columns, .rows = rows, .plain = below(2) == 0});
+    if (what == 1) {
+      const std::size_t come = below(step % 500 == 0 ? 900 : 40);
+      source_.AddSessions(come, next);
+      next += come;
+      if (come > 0) source_.sessions.back().helo = "\u4F60 12.example";
+    }
+    if (what == 2 || what == 3) {
+      std::erase_if(source_.sessions, [&](const FakeSession&) { return below(12) == 0; });
+    }
+    if (what == 4) source_.refusals.Add(below(2) == 0).client = IP("192.0.2.12");
+    if (what > 4) {
+      const auto before = source_.sessions;
+      const Screen seen = screen_;
+      const std::string note =
+          seen.lines.size() < 24 ? std::string() : LineText(seen.lines[seen.lines.size() - 2]);
+      if (note.ends_with("? y: yes, any other key: no") && below(2) == 0) {
+        Press("y");
+      } else if (what < 12) {
+        PressKey(kNamedKeys.at(below(kNamedKeys.size())));
+      } else {
+        Press(kCommands.substr(below(kCommands.size()), 1));
+      }
+      for (std::size_t i = 0; i < before.size() && source_.sessions.size() < before.size(); ++i) {
+        if (i < source_.sessions.size() && source_.sessions[i].id == before[i].id) continue;
+        EXPECT_NE(note.find("Close session " + FormatSessionId(before[i].id)), std::string::npos);
+        ++closed;
+        break;
+      }
+    }
+    if (below(3) == 0) continue;  // several keys before the next picture
+    const auto lines = Picture();
+    ASSERT_LE(lines.size(), std::max<std::size_t>(rows, 1)) << step;
+    ASSERT_LE(WidthOf(screen_), columns) << step;
+    std::size_t selected = 0;
+    for (std::size_t i = 1; i + 1 < lines.size(); ++i) {
+      ASSERT_EQ(lines[i].find('!'), std::string::npos) << lines[i];
+      if (!screen_.lines[i].empty() && screen_.lines[i].front().look.reverse) ++selected;
+    }
+    ASSERT_LE(selected, 1U) << step;
+  }
+  EXPECT_GT(closed, 0);
 }
 
 TEST_F(ScreenModelTest, APictureOfTheWholeScreen) {
