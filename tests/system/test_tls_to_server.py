@@ -111,14 +111,15 @@ class ScriptedServers(ToServer):
 
     def server_that_says(self, behind_starttls):
         """It sends this in answer to STARTTLS, then stops reading."""
+        heard = self.heard = []
+
         def dialogue(connection):
             connection.send_line("220 server.example ESMTP")
-            self.heard.append(connection.read_line())
+            heard.append(connection.read_line())
             connection.send(b"250-server.example\r\n250 STARTTLS\r\n")
-            self.heard.append(connection.read_line())
+            heard.append(connection.read_line())
             connection.send(behind_starttls)
-            self.heard.append(connection.read_to_end())
-        self.heard = []
+            heard.append(connection.read_to_end())
         return self.scripted_server(dialogue)
 
     def test_replies_behind_the_220(self):
