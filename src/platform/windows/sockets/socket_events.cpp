@@ -6,6 +6,7 @@
 #include "platform/common/call_handler.h"
 #include "platform/windows/sockets/ready_sockets.h"
 #include "platform/windows/sockets/sockets_impl.h"
+#include "platform/windows/sockets/system_address.h"
 
 namespace trabex {
 
@@ -110,6 +111,20 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t c
   } else if (count < size) {
     entry.drained = entry.number != 0;
   }
+}
+
+bool Sockets::Impl::HasPeerEnded(Entry& entry) {
+  // Where nothing lies unread the message of the end is not held up.
+  if (entry.end_seen || entry.role != Role::kStream || BytesThere(entry.socket) == 0) return entry.end_seen;
+  SystemAddress local;
+  SystemAddress remote;
+  if (getsockname(entry.socket, local.Get(), local.SizePlace()) != 0) return false;
+  // A connection that is broken has no peer any more.
+  if (getpeername(entry.socket, remote.Get(), remote.SizePlace()) != 0 ||
+      connections.HasPeerEnded(local.ToEndpoint(), remote.ToEndpoint())) {
+    entry.end_seen = entry.ask_end = true;
+  }
+  return entry.end_seen;
 }
 
 bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {

@@ -329,8 +329,8 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
 }
 
 bool Sockets::PeerEnded(SocketHandle socket) const {
-  const Impl::Entry* const entry = impl_->Find(socket);
-  return entry != nullptr && entry->end_seen;
+  Impl::Entry* const entry = impl_->Find(socket);
+  return entry != nullptr && impl_->HasPeerEnded(*entry);
 }
 
 int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {

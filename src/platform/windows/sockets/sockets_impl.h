@@ -8,7 +8,8 @@
 //   - everything else by select().
 // The system sends FD_READ again after each receive that leaves data, FD_WRITE after a send that would have blocked, and
 // FD_ACCEPT after each accept that leaves a connection. It sends FD_CLOSE while data is still there, and may send no
-// FD_WRITE behind it. Sockets that have something to be looked at without a message are due in the next iteration.
+// FD_WRITE behind it; where it waits until the data was read, the table of connections tells of the end before that.
+// Sockets that have something to be looked at without a message are due in the next iteration.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,7 @@
 
 #include "platform/sockets.h"
 #include "platform/windows/loop/event_loop_impl.h"
+#include "platform/windows/sockets/connection_table.h"
 
 namespace trabex {
 
@@ -62,6 +64,8 @@ struct Sockets::Impl final : EventSource {
   void MakeDue(SocketHandle socket, Entry& entry);
   // Records what a receive into a buffer of `size` bytes says about the socket: `count` bytes, or an error.
   void NoteReceive(SocketHandle socket, Entry& entry, std::size_t count, std::size_t size, int error);
+  // Whether the peer has ended or broken the connection, also when no message has told of it.
+  bool HasPeerEnded(Entry& entry);
 
   bool OnMessage(std::uint32_t index, std::uint32_t generation, long event, int error) override;
   bool IsDue() const override { return !due.empty() || asking_from != 0; }
@@ -69,6 +73,7 @@ struct Sockets::Impl final : EventSource {
   void AskAnew() override;
 
   EventLoop::Impl& loop;
+  ConnectionTable connections;
   std::vector<Entry> entries;  // the first is none
   std::vector<std::uint32_t> free;
   std::vector<SocketHandle> due;
