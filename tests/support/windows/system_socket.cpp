@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/common/system_address.h"
 #include "platform/windows/sockets/ready_sockets.h"
-#include "platform/windows/sockets/system_address.h"
 #include "platform/windows/win.h"
 
 namespace trabex {

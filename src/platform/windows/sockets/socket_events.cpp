@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "platform/common/call_handler.h"
+#include "platform/common/system_address.h"
 #include "platform/windows/sockets/ready_sockets.h"
 #include "platform/windows/sockets/sockets_impl.h"
-#include "platform/windows/sockets/system_address.h"
 
 namespace trabex {
 

@@ -14,10 +14,10 @@
 #include <memory>
 #include <vector>
 
+#include "platform/common/system_address.h"
 #include "platform/device_error.h"
 #include "platform/windows/sockets/ready_sockets.h"
 #include "platform/windows/sockets/sockets_impl.h"
-#include "platform/windows/sockets/system_address.h"
 
 namespace trabex {
 

@@ -1,6 +1,12 @@
 // An address as the system's calls take and give it.
 #pragma once
 
+#if __has_include(<netinet/in.h>)
+#include <netinet/in.h>
+#else
+#include "platform/windows/win.h"
+#endif
+
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -8,7 +14,6 @@
 
 #include "base/endpoint.h"
 #include "base/ip_address.h"
-#include "platform/windows/win.h"
 
 namespace trabex {
 
@@ -24,7 +29,6 @@ class SystemAddress {
       std::copy(bytes.begin(), bytes.end(), std::begin(ipv6_.sin6_addr.s6_addr));
       size_ = sizeof ipv6_;
     } else {
-      ipv4_ = {};
       ipv4_.sin_family = AF_INET;
       ipv4_.sin_port = htons(endpoint.port);
       ipv4_.sin_addr.s_addr = htonl(endpoint.address.Number());
@@ -38,8 +42,8 @@ class SystemAddress {
   }
 
   sockaddr* Get() { return &any_; }
-  int Size() const { return size_; }
-  int* SizePlace() { return &size_; }
+  socklen_t Size() const { return size_; }
+  socklen_t* SizePlace() { return &size_; }
   // The one place where an address of the system becomes one of ours; IPAddress makes an IPv4 address of one
   // that is mapped into IPv6.
   Endpoint ToEndpoint() const {
@@ -58,7 +62,7 @@ class SystemAddress {
     sockaddr_in ipv4_;
     sockaddr any_;
   };
-  int size_ = sizeof ipv6_;
+  socklen_t size_ = sizeof ipv6_;
 };
 
 }  // namespace trabex
