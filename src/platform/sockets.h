@@ -7,10 +7,10 @@
 //               next one can go on
 //   FD_ACCEPT   when a connection waits, and again after an accept when another one waits
 //   FD_CONNECT  once, when a connect that was under way has succeeded or failed (error != 0)
-//   FD_CLOSE    once, after everything that the peer sent has been read; its error (0, or 10054 and the like)
-//               is a hint only
+//   FD_CLOSE    once, after everything that the peer sent has been read; its error (10054 and the like) is a
+//               hint that a system may not have: then it is 0, as after an orderly end
 // No notification is lost or repeated without a cause. They are delivered from the loop, never from inside
-// one of these calls.
+// one of these calls; FD_READ before FD_WRITE when both hold.
 //
 // An endpoint that a call gives never has an IPv6 address that stands for an IPv4 one.
 //
@@ -76,7 +76,7 @@ inline constexpr int kNoData = 11004;
 
 class Sockets {
  public:
-  // `loop` outlives this object. Raises the soft limit of open files to the hard one and ignores SIGPIPE.
+  // `loop` outlives this object. Lifts a limit of open files, and ignores SIGPIPE, where there are such.
   explicit Sockets(EventLoop& loop);
   ~Sockets();  // closes what is still open
   Sockets(const Sockets&) = delete;
