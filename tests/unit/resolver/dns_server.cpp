@@ -124,15 +124,17 @@ DnsServer::~DnsServer() {
 }
 
 std::uint16_t DnsServer::FreePort() {
+  const auto is_free = [](std::string_view host, std::uint16_t port) {
+    return BoundSocket(Transport::kUdp, host, port).IsOpen() &&
+           BoundSocket(Transport::kTcp, host, port).IsOpen();
+  };
+  std::uint16_t port = 0;
   for (int attempt = 0; attempt < 100; ++attempt) {
-    const SystemSocket udp = BoundSocket(Transport::kUdp, "127.0.0.1", 0);
-    const std::uint16_t port = udp.Local().port;
-    const bool free = BoundSocket(Transport::kTcp, "127.0.0.1", port).IsOpen() &&
-                      BoundSocket(Transport::kUdp, kOtherHost, port).IsOpen() &&
-                      BoundSocket(Transport::kTcp, kOtherHost, port).IsOpen();
-    if (free) return port;
+    port = BoundSocket(Transport::kUdp, "127.0.0.1", 0).Local().port;
+    if (is_free("127.0.0.1", port) && is_free(kOtherHost, port)) return port;
   }
-  return 0;
+  // Wine takes one host's port for the other's too.
+  return is_free("127.0.0.1", port) ? port : std::uint16_t{0};
 }
 
 void DnsServer::SetAddresses(std::string_view name, std::vector<IPAddress> addresses) {
