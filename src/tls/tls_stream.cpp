@@ -104,7 +104,11 @@ struct TlsStream::Impl {
       updates_since = now;
       key_updates = 0;
     }
-    if (++key_updates > kMaxKeyUpdates) too_many_updates = true;
+    if (++key_updates <= kMaxKeyUpdates) return;
+    too_many_updates = true;
+    // The library has read ahead, and would work through the hundreds that may be left of that, while all others
+    // wait. After what it takes for the peer's end it reads no further.
+    SSL_set_shutdown(connection.get(), SSL_get_shutdown(connection.get()) | SSL_RECEIVED_SHUTDOWN);
   }
 };
 

@@ -17,6 +17,7 @@ from trabex_system import (LOOPBACK, Authority, Options, Scenario, SmtpSink, bou
 
 # A reply may take so long.
 REPLY_SECONDS = 0.050
+LEAST_REPLIES = 20
 HALF_OPEN = 2000
 MOST_HANDSHAKES = 1000
 RATE = 500
@@ -69,7 +70,10 @@ class Relaying(threading.Thread):
         self.start()
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, kind, *_):
+        # A machine that is busy with the storm lets few replies through meanwhile.
+        if kind is None:
+            wait_until(lambda: len(self.times) > LEAST_REPLIES or not self.is_alive(), "replies")
         self._stopped.set()
         self.join()
         self._session.close()
@@ -104,7 +108,7 @@ class Storm(Scenario):
 
     def check_relaying(self, storm, relaying):
         self.assertEqual(relaying.replies, {"250"})
-        self.assertGreater(len(relaying.times), 20)
+        self.assertGreater(len(relaying.times), LEAST_REPLIES)
         figures = "; ".join(f"{name} {1000 * percentile(times, 0.5):.1f} / {1000 * percentile(times, 0.99):.1f} / "
                             f"{1000 * max(times):.1f}"
                             for name, times in (("in all", relaying.times), ("without waits for a processor", relaying.own),

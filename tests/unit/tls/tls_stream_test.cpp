@@ -426,6 +426,27 @@ TEST_F(TlsStreamTest, AStormOfKeyUpdatesEndsIt) {
   EXPECT_EQ(c->stream.FailureReason(), "too many key updates");
 }
 
+// New keys cost so much that what came together with one too many is left.
+TEST_F(TlsStreamTest, NoKeyUpdateBeyondTheLimitIsMade) {
+  auto c = Connected({.max_version = "1.3"});
+  c->Carry();
+  for (std::uint32_t i = 0; i < 4 * TlsStream::kMaxKeyUpdates; ++i) c->peer.UpdateKeys(true);
+  c->transport.input = c->peer.Output();
+  c->transport.output.clear();
+  EXPECT_EQ(c->Read(), "");
+  EXPECT_EQ(c->result, TlsResult::kFailed);
+  // Each of those that were made is answered by a record.
+  std::size_t records = 0;
+  for (std::size_t at = 0; at + 5 <= c->transport.output.size(); ++records) {
+    const auto byte = [&](std::size_t index) {
+      return static_cast<unsigned char>(c->transport.output[index]);
+    };
+    at += 5U + byte(at + 3) * 256U + byte(at + 4);
+  }
+  EXPECT_GE(records, TlsStream::kMaxKeyUpdates);
+  EXPECT_LE(records, TlsStream::kMaxKeyUpdates + 1);
+}
+
 // What has no plain text in it may go on for as long as the peer likes; one call must not.
 TEST_F(TlsStreamTest, OneReadTakesABoundedPartOfTheNetwork) {
   auto c = Connected({.max_version = "1.3", .padding = kMaxRecord});
