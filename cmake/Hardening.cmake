@@ -5,12 +5,11 @@
 # The checked calls need optimisation, and sanitizers look at more than all of this.
 if(NOT WIN32 AND NOT TRABEX_SANITIZE AND NOT CMAKE_BUILD_TYPE STREQUAL "Debug")
   add_compile_options(-Wformat-security)
-  # A compiler that has a level of its own would complain about a second one.
-  add_compile_options(-U_FORTIFY_SOURCE)
+  # A compiler that has a level of its own would complain about a second one; so the order counts.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 12)
-    add_compile_definitions(_FORTIFY_SOURCE=3)
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
   else()
-    add_compile_definitions(_FORTIFY_SOURCE=2)
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
   endif()
   # All symbols are found at the start, so that no call needs the jump of a table.
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -fno-plt)

@@ -42,8 +42,8 @@ void CloseOthers(int kept) {
                           pid_t program, int result) noexcept {
   CloseOthers(result);
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != program) _exit(EXIT_FAILURE);  // it died before the line above
-  static_cast<void>(nice(kNiceness));             // the mail goes first
+  if (getppid() != program) _exit(EXIT_FAILURE);          // it died before the line above
+  [[maybe_unused]] const int niceness = nice(kNiceness);  // the mail goes first
   try {
     std::string text = work(argument, content);
     text.resize(std::min(text.size(), kMaxResultBytes - 1));
