@@ -7,6 +7,7 @@
 #include "platform/common/system_address.h"
 #include "platform/windows/sockets/ready_sockets.h"
 #include "platform/windows/sockets/sockets_impl.h"
+#include "platform/windows/sockets/tcp_info.h"
 
 namespace trabex {
 
@@ -240,6 +241,7 @@ bool Sockets::Impl::LookAtConnect(SocketHandle socket) {
   }
   entry.role = Role::kStream;
   entry.write_armed = true;
+  LetSendsShowProgress(entry.socket);
   const bool called = Notify(socket, SocketEvent::kConnect, 0);
   const Entry* const after = Find(socket);
   if (after != nullptr && after->sink != nullptr && after->role == Role::kStream) LookAtStream(socket);

@@ -18,6 +18,7 @@
 #include "platform/device_error.h"
 #include "platform/windows/sockets/ready_sockets.h"
 #include "platform/windows/sockets/sockets_impl.h"
+#include "platform/windows/sockets/tcp_info.h"
 
 namespace trabex {
 
@@ -31,22 +32,6 @@ using socket_error::kWouldBlock;
 constexpr std::size_t kMaxSendPiece = 65536;
 // What the system's headers here do not have yet.
 constexpr DWORD kNoResetsOfDatagrams = _WSAIOW(IOC_VENDOR, 12);
-constexpr DWORD kTcpInfo = _WSAIORW(IOC_VENDOR, 39);
-struct TcpInfo {  // the system's TCP_INFO_v0
-  int state;
-  ULONG segment_size;
-  ULONG64 connection_milliseconds;
-  BOOLEAN timestamps;
-  ULONG round_trip;
-  ULONG shortest_round_trip;
-  ULONG bytes_in_flight;
-  ULONG windows_and_buffer[4];
-  ULONG64 bytes_out;
-  ULONG64 bytes_in;
-  ULONG repeated[5];
-  UCHAR repeated_starts;
-};
-
 constexpr std::size_t kMaxCall = std::numeric_limits<int>::max();
 
 bool IsOfFamily(const Endpoint& endpoint, AddressFamily family) {
@@ -173,6 +158,7 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   ioctlsocket(native, static_cast<long>(FIONBIO), &non_blocking);
   SetHandleInformation(reinterpret_cast<HANDLE>(native), HANDLE_FLAG_INHERIT, 0);
   SetOption(native, IPPROTO_TCP, TCP_NODELAY);
+  LetSendsShowProgress(native);
   accepted = impl_->Add(native, entry->family, Impl::Role::kStream);
   impl_->Find(accepted)->write_armed = true;
   if (peer != nullptr) *peer = address.ToEndpoint();
@@ -224,6 +210,7 @@ int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& 
       return sent > 0 ? 0 : error;
     }
     sent += static_cast<std::size_t>(count);
+    entry->taken += static_cast<std::uint64_t>(count);
   }
   return 0;
 }
@@ -319,13 +306,12 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
   bytes = 0;
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  DWORD version = 0;
   TcpInfo info{};
-  DWORD size = 0;
-  const int error = Outcome(WSAIoctl(entry->socket, kTcpInfo, &version, sizeof version, &info, sizeof info,
-                                     &size, nullptr, nullptr));
-  if (error == 0) bytes = info.bytes_in_flight;
-  return error;
+  if (const int error = AskTcpInfo(entry->socket, info); error != 0) return error;
+  // What was acknowledged stays so, whatever the system counts while it sends again.
+  entry->acknowledged = std::max(entry->acknowledged, AcknowledgedBytes(info));
+  bytes = static_cast<std::size_t>(entry->taken - std::min(entry->taken, entry->acknowledged));
+  return 0;
 }
 
 bool Sockets::PeerEnded(SocketHandle socket) const {

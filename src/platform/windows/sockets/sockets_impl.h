@@ -29,10 +29,12 @@ struct Sockets::Impl final : EventSource {
     SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
-    UINT number = 0;              // of its messages; 0: none come
-    std::uint32_t looked_at = 0;  // the loop's iteration in which the socket was looked at last
-    int connect_error = 0;        // what the connect came to
-    int close_error = 0;          // how the connection ended; the hint of FD_CLOSE
+    std::uint64_t taken = 0;         // bytes that sends took
+    std::uint64_t acknowledged = 0;  // the most of these that the peer was known to have
+    UINT number = 0;                 // of its messages; 0: none come
+    std::uint32_t looked_at = 0;     // the loop's iteration in which the socket was looked at last
+    int connect_error = 0;           // what the connect came to
+    int close_error = 0;             // how the connection ended; the hint of FD_CLOSE
     Role role = Role::kFresh;
     AddressFamily family = AddressFamily::kIPv4;
     bool read_armed = true;       // a receive was tried since FD_READ
