@@ -2,11 +2,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cassert>
 #include <cerrno>
 #include <utility>
 
-#include "platform/common/call_handler.h"
 #include "platform/linux/sockets/socket_errno.h"
 #include "platform/linux/sockets/sockets_impl.h"
 
@@ -24,50 +22,22 @@ constexpr std::uint32_t kEnd = EPOLLRDHUP | EPOLLHUP | EPOLLERR;
 
 }  // namespace
 
-Sockets::Impl::Impl(EventLoop& event_loop)
-    : loop(event_loop.GetImpl()), source(loop.AddSource(*this)), entries(1) {}
+Sockets::Impl::Impl(EventLoop& event_loop) : loop(event_loop.GetImpl()), source(loop.AddSource(*this)) {}
 
 Sockets::Impl::~Impl() {
   SendDue();
-  for (const Entry& entry : entries) {
-    if (entry.descriptor >= 0) close(entry.descriptor);
+  for (std::size_t i = 0; i < table.Size(); ++i) {
+    if (const int descriptor = table.At(i).native; descriptor >= 0) close(descriptor);
   }
   loop.RemoveSource(source);
-}
-
-Sockets::Impl::Entry* Sockets::Impl::Find(SocketHandle socket) {
-  if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= entries.size()) return nullptr;
-  Entry& entry = entries[static_cast<std::size_t>(socket.index)];
-  return entry.descriptor >= 0 && entry.generation == socket.generation ? &entry : nullptr;
-}
-
-SocketHandle Sockets::Impl::Add(int descriptor, AddressFamily family, Role role) {
-  if (free.empty()) {
-    assert(entries.size() <= EventTarget::kMaxIndex);
-    free.push_back(static_cast<std::uint32_t>(entries.size()));
-    entries.emplace_back();
-  }
-  const std::uint32_t index = free.back();
-  free.pop_back();
-  Entry& entry = entries[index];
-  const std::uint32_t generation = entry.generation;
-  entry = Entry{};
-  entry.generation = generation;
-  entry.descriptor = descriptor;
-  entry.family = family;
-  entry.role = role;
-  return {static_cast<std::int32_t>(index), generation};
 }
 
 void Sockets::Impl::Remove(SocketHandle socket) {
   Entry& entry = *Find(socket);
   if (entry.unsent != SendBatch::kNone && !SendUnsent(socket, entry, false)) batch.Release(entry.unsent);
   // Closing takes it out of the epoll set.
-  close(entry.descriptor);
-  entry.descriptor = -1;
-  entry.sink = nullptr;
-  ++entry.generation;
-  free.push_back(static_cast<std::uint32_t>(socket.index));
+  close(entry.native);
+  table.Remove(socket);
 }
 
 EventTarget Sockets::Impl::Target(SocketHandle socket) const {
@@ -77,7 +47,7 @@ EventTarget Sockets::Impl::Target(SocketHandle socket) const {
 int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
   if (entry.registered) return 0;
   const std::uint32_t events = entry.role == Role::kListening ? kListenerEvents : kStreamEvents;
-  const int code = loop.Control(EPOLL_CTL_ADD, entry.descriptor, events, Target(socket));
+  const int code = loop.Control(EPOLL_CTL_ADD, entry.native, events, Target(socket));
   if (code != 0) return SocketErrorOfErrno(code);
   entry.registered = true;
   return 0;
@@ -94,20 +64,20 @@ void Sockets::Impl::BeforeWait() {
     Entry* const entry = Find(socket);
     if (entry == nullptr || !entry->rearm_due) continue;
     entry->rearm_due = false;
-    loop.Control(EPOLL_CTL_MOD, entry->descriptor, kStreamEvents, Target(socket));
+    loop.Control(EPOLL_CTL_MOD, entry->native, kStreamEvents, Target(socket));
   }
   to_rearm.clear();
 }
 
 void Sockets::Impl::DisarmListener(SocketHandle socket, Entry& entry) {
   entry.disarmed = true;
-  loop.Control(EPOLL_CTL_MOD, entry.descriptor, 0, Target(socket));
+  loop.Control(EPOLL_CTL_MOD, entry.native, 0, Target(socket));
 }
 
 void Sockets::Impl::ArmListener(SocketHandle socket, Entry& entry) {
   if (!entry.disarmed) return;
   entry.disarmed = false;
-  loop.Control(EPOLL_CTL_MOD, entry.descriptor, kListenerEvents, Target(socket));
+  loop.Control(EPOLL_CTL_MOD, entry.native, kListenerEvents, Target(socket));
 }
 
 void Sockets::Impl::SetDrained(Entry& entry) {
@@ -166,7 +136,7 @@ bool Sockets::Impl::SendUnsent(SocketHandle socket, Entry& entry, bool more_foll
   const std::string_view bytes = batch.Bytes(entry.unsent);
   ssize_t count = 0;
   do {
-    count = send(entry.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0));
+    count = send(entry.native, bytes.data(), bytes.size(), MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0));
   } while (count < 0 && errno == EINTR);
   const bool full = count < 0 ? errno == EAGAIN : static_cast<std::size_t>(count) < bytes.size();
   if (full) {
@@ -177,7 +147,7 @@ bool Sockets::Impl::SendUnsent(SocketHandle socket, Entry& entry, bool more_foll
     // Bytes are lost, so this is the connection's end. Its owner is notified as of one that the peer broke, when
     // all is read.
     entry.close_error = SocketErrorOfErrno(errno);
-    shutdown(entry.descriptor, SHUT_RDWR);
+    shutdown(entry.native, SHUT_RDWR);
     entry.end_seen = true;
     entry.broken = true;
     entry.drained = false;
@@ -200,17 +170,9 @@ int Sockets::Impl::ShutDown(SocketHandle socket, Entry& entry) {
     entry.sending_shut = entry.shut_down_due = true;
     return 0;
   }
-  const int result = shutdown(entry.descriptor, SHUT_WR);
+  const int result = shutdown(entry.native, SHUT_WR);
   if (result == 0) entry.sending_shut = true;
   return result;
-}
-
-bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {
-  Entry* const entry = Find(socket);
-  if (entry == nullptr || entry->sink == nullptr) return false;
-  SocketSink* const sink = entry->sink;
-  CallHandler([&] { sink->OnSocketEvent(socket, event, error); });
-  return true;
 }
 
 void Sockets::Impl::OnBroken(std::uint32_t index, std::uint32_t generation) {
@@ -281,7 +243,7 @@ bool Sockets::Impl::OnConnectReady(SocketHandle socket, std::uint32_t events) {
   int code = 0;
   socklen_t size = sizeof code;
   const bool failed = (events & (EPOLLERR | EPOLLHUP)) != 0;
-  if (failed && getsockopt(entry.descriptor, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
+  if (failed && getsockopt(entry.native, SOL_SOCKET, SO_ERROR, &code, &size) != 0) code = errno;
   if (code != 0) {
     entry.role = Role::kFailed;
     return Notify(socket, SocketEvent::kConnect, SocketErrorOfErrno(code));
@@ -324,7 +286,7 @@ bool Sockets::Impl::OnStreamReady(SocketHandle socket, std::uint32_t events) {
   const bool writable = (events & (EPOLLOUT | EPOLLHUP | EPOLLERR)) != 0;
   if (writable && entry->unsent != SendBatch::kNone && batch.IsBlocked(entry->unsent)) {
     if (!SendUnsent(socket, *entry, false)) return called;
-    if (std::exchange(entry->shut_down_due, false)) shutdown(entry->descriptor, SHUT_WR);
+    if (std::exchange(entry->shut_down_due, false)) shutdown(entry->native, SHUT_WR);
   }
   if (entry->write_armed && writable) {
     if (entry->sink == nullptr) {
@@ -346,7 +308,7 @@ bool Sockets::Impl::OnStreamReadable(SocketHandle socket) {
   }
   if (entry.end_seen) {
     char byte = 0;
-    const ssize_t count = recv(entry.descriptor, &byte, 1, MSG_PEEK);
+    const ssize_t count = recv(entry.native, &byte, 1, MSG_PEEK);
     const int code = count < 0 ? errno : 0;
     if (code == EAGAIN) {
       entry.end_seen = false;

@@ -16,11 +16,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <limits>
 #include <memory>
 
 #include "platform/common/system_address.h"
-#include "platform/linux/sockets/socket_errno.h"
+#include "platform/linux/sockets/socket_calls.h"
 #include "platform/linux/sockets/sockets_impl.h"
 
 namespace trabex {
@@ -31,25 +30,6 @@ using socket_error::kNotSocket;
 using socket_error::kWouldBlock;
 
 constexpr int kSendAfterShutdown = 10058;
-
-bool IsOfFamily(const Endpoint& endpoint, AddressFamily family) {
-  return family == AddressFamily::kIPv6 ? endpoint.address.IsIPv6() : endpoint.address.IsIPv4();
-}
-
-// Our error number for a call that returned `result`: 0 unless that is negative.
-int Outcome(long result) {
-  return result < 0 ? SocketErrorOfErrno(errno) : 0;
-}
-
-int SetOption(int descriptor, int level, int option) {
-  const int on = 1;
-  return Outcome(setsockopt(descriptor, level, option, &on, sizeof on));
-}
-
-int GetOption(int descriptor, int option, int& value) {
-  socklen_t size = sizeof value;
-  return Outcome(getsockopt(descriptor, SOL_SOCKET, option, &value, &size));
-}
 
 void RaiseDescriptorLimit() {
   rlimit limit{};
@@ -75,8 +55,6 @@ Sockets::Sockets(EventLoop& loop) : loop_(loop), impl_(std::make_unique<Impl>(lo
   std::signal(SIGPIPE, SIG_IGN);
 }
 
-Sockets::~Sockets() = default;
-
 int Sockets::Open(Transport transport, AddressFamily family, SocketHandle& socket) {
   const bool tcp = transport == Transport::kTcp;
   const bool ipv6 = family == AddressFamily::kIPv6;
@@ -92,12 +70,6 @@ int Sockets::Open(Transport transport, AddressFamily family, SocketHandle& socke
     }
   }
   socket = impl_->Add(descriptor, family, tcp ? Impl::Role::kFresh : Impl::Role::kDatagram);
-  return 0;
-}
-
-int Sockets::Close(SocketHandle socket) {
-  if (impl_->Find(socket) == nullptr) return kNotSocket;
-  impl_->Remove(socket);
   return 0;
 }
 
@@ -117,41 +89,12 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   return ready_to_watch ? impl_->Register(socket, *entry) : 0;
 }
 
-int Sockets::Bind(SocketHandle socket, const Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  if (!IsOfFamily(local, entry->family)) return socket_error::kAddressFamily;
-  SystemAddress address(local);
-  return Outcome(bind(entry->descriptor, address.Get(), address.Size()));
-}
-
-int Sockets::BindExclusively(SocketHandle socket, const Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  // On this system the option passes over connections of an earlier process that are still in TIME_WAIT, and
-  // no more: while another socket listens on the endpoint, binding to it fails as without it.
-  const int error = SetOption(entry->descriptor, SOL_SOCKET, SO_REUSEADDR);
-  return error != 0 ? error : Bind(socket, local);
-}
-
-int Sockets::Listen(SocketHandle socket, int backlog) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  // Accepted sockets have this option from their listener. Where it fails, listen says why.
-  SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY);
-  const int length =
-      backlog > 0 ? backlog : std::numeric_limits<int>::max();  // the kernel cuts it to its own
-  if (const int error = Outcome(listen(entry->descriptor, length)); error != 0) return error;
-  entry->role = Impl::Role::kListening;
-  return impl_->Register(socket, *entry);
-}
-
 int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer) {
   Impl::Entry* const entry = impl_->Find(listener);
   if (entry == nullptr) return kNotSocket;
   SystemAddress address;
   const int descriptor = Uninterrupted([&] {
-    return accept4(entry->descriptor, address.Get(), address.SizePlace(), SOCK_NONBLOCK | SOCK_CLOEXEC);
+    return accept4(entry->native, address.Get(), address.SizePlace(), SOCK_NONBLOCK | SOCK_CLOEXEC);
   });
   const int error = Outcome(descriptor);
   entry->accept_armed = true;
@@ -168,9 +111,9 @@ int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (!IsOfFamily(remote, entry->family)) return socket_error::kAddressFamily;
-  if (const int error = SetOption(entry->descriptor, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
+  if (const int error = SetOption(entry->native, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
   SystemAddress address(remote);
-  const int result = connect(entry->descriptor, address.Get(), address.Size());
+  const int result = connect(entry->native, address.Get(), address.Size());
   const bool under_way = result < 0 && errno == EINPROGRESS;
   // No port is left to connect from: nothing is under way, so no event would follow.
   if (result < 0 && errno == EAGAIN) return socket_error::kNoBufferSpace;
@@ -199,8 +142,7 @@ int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& 
     return kWouldBlock;
   }
   const int flags = MSG_NOSIGNAL | (more_follows ? MSG_MORE : 0);
-  const ssize_t count =
-      Uninterrupted([&] { return send(entry->descriptor, data.data(), data.size(), flags); });
+  const ssize_t count = Uninterrupted([&] { return send(entry->native, data.data(), data.size(), flags); });
   if (count < 0) {
     const int code = errno;
     if (code == EAGAIN) entry->write_armed = true;
@@ -216,8 +158,7 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (entry->drained) return kWouldBlock;
-  const ssize_t count =
-      Uninterrupted([&] { return recv(entry->descriptor, buffer.data(), buffer.size(), 0); });
+  const ssize_t count = Uninterrupted([&] { return recv(entry->native, buffer.data(), buffer.size(), 0); });
   const int code = count < 0 ? errno : 0;
   impl_->NoteReceive(socket, *entry, count, buffer.size(), code);
   if (count < 0) return SocketErrorOfErrno(code);
@@ -233,8 +174,7 @@ int Sockets::ReceiveInto(SocketHandle socket, SplicePipe& pipe, std::size_t limi
   if (!entry->much_waits || entry->urgent || entry->drained) return 0;
   const std::size_t count = std::min(limit, SplicePipe::kCapacity);
   const ssize_t result = Uninterrupted([&] {
-    return splice(entry->descriptor, nullptr, pipe.write_end_, nullptr, count,
-                  SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+    return splice(entry->native, nullptr, pipe.write_end_, nullptr, count, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
   });
   const int code = result < 0 ? errno : 0;
   if (result == 0 || code == EAGAIN || code == EINVAL) {
@@ -261,7 +201,7 @@ int Sockets::SendFrom(SocketHandle socket, SplicePipe& pipe, std::size_t& sent) 
   impl_->SendDue();
   while (!pipe.IsEmpty()) {
     const ssize_t count = Uninterrupted([&] {
-      return splice(pipe.read_end_, nullptr, entry->descriptor, nullptr, pipe.size_,
+      return splice(pipe.read_end_, nullptr, entry->native, nullptr, pipe.size_,
                     SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
     });
     if (count < 0) {
@@ -277,18 +217,13 @@ int Sockets::SendFrom(SocketHandle socket, SplicePipe& pipe, std::size_t& sent) 
   return 0;
 }
 
-bool Sockets::Drained(SocketHandle socket) const {
-  const Impl::Entry* const entry = impl_->Find(socket);
-  return entry != nullptr && entry->drained;
-}
-
 int Sockets::SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (!IsOfFamily(to, entry->family)) return socket_error::kAddressFamily;
   SystemAddress address(to);
   const ssize_t count = Uninterrupted([&] {
-    return sendto(entry->descriptor, data.data(), data.size(), MSG_NOSIGNAL, address.Get(), address.Size());
+    return sendto(entry->native, data.data(), data.size(), MSG_NOSIGNAL, address.Get(), address.Size());
   });
   if (count < 0 && errno == EAGAIN) {
     entry->write_armed = true;
@@ -304,7 +239,7 @@ int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek,
   if (entry == nullptr) return kNotSocket;
   SystemAddress address;
   const ssize_t count = Uninterrupted([&] {
-    return recvfrom(entry->descriptor, buffer.data(), buffer.size(), peek ? MSG_PEEK : 0, address.Get(),
+    return recvfrom(entry->native, buffer.data(), buffer.size(), peek ? MSG_PEEK : 0, address.Get(),
                     address.SizePlace());
   });
   const int code = count < 0 ? errno : 0;
@@ -320,7 +255,7 @@ int Sockets::Available(SocketHandle socket, std::size_t& bytes) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   int count = 0;
-  if (ioctl(entry->descriptor, FIONREAD, &count) != 0) return SocketErrorOfErrno(errno);
+  if (ioctl(entry->native, FIONREAD, &count) != 0) return SocketErrorOfErrno(errno);
   bytes = static_cast<std::size_t>(count);
   return 0;
 }
@@ -330,7 +265,7 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   int count = 0;
-  if (ioctl(entry->descriptor, SIOCOUTQ, &count) != 0) return SocketErrorOfErrno(errno);
+  if (ioctl(entry->native, SIOCOUTQ, &count) != 0) return SocketErrorOfErrno(errno);
   bytes = static_cast<std::size_t>(count);
   if (entry->unsent != SendBatch::kNone) bytes += impl_->batch.Bytes(entry->unsent).size();
   return 0;
@@ -343,41 +278,6 @@ void Sockets::SendCollected() {
 bool Sockets::PeerEnded(SocketHandle socket) const {
   const Impl::Entry* const entry = impl_->Find(socket);
   return entry != nullptr && entry->end_seen;
-}
-
-int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  SystemAddress address;
-  if (getsockname(entry->descriptor, address.Get(), address.SizePlace()) != 0)
-    return SocketErrorOfErrno(errno);
-  local = address.ToEndpoint();
-  return 0;
-}
-
-int Sockets::RemoteEndpoint(SocketHandle socket, Endpoint& remote) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  SystemAddress address;
-  if (getpeername(entry->descriptor, address.Get(), address.SizePlace()) != 0)
-    return SocketErrorOfErrno(errno);
-  remote = address.ToEndpoint();
-  return 0;
-}
-
-int Sockets::SendBufferSize(SocketHandle socket, int& bytes) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : GetOption(entry->descriptor, SO_SNDBUF, bytes);
-}
-
-int Sockets::ReceiveBufferSize(SocketHandle socket, int& bytes) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : GetOption(entry->descriptor, SO_RCVBUF, bytes);
-}
-
-int Sockets::AllowBroadcast(SocketHandle socket) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : SetOption(entry->descriptor, SOL_SOCKET, SO_BROADCAST);
 }
 
 int Sockets::LocalAddresses(std::vector<IPAddress>& addresses) {

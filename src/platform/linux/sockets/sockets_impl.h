@@ -20,6 +20,7 @@
 #include <span>
 #include <vector>
 
+#include "platform/common/socket_table.h"
 #include "platform/linux/loop/event_loop_impl.h"
 #include "platform/linux/sockets/send_batch.h"
 #include "platform/sockets.h"
@@ -30,7 +31,7 @@ struct Sockets::Impl final : EventSource {
   enum class Role : std::uint8_t { kFresh, kListening, kConnecting, kStream, kFailed, kDatagram };
 
   struct Entry {
-    int descriptor = -1;  // -1: free
+    int native = -1;  // the descriptor; -1: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
     std::uint32_t drained_iteration = 0;        // the loop iteration in which `drained` was set
@@ -63,8 +64,10 @@ struct Sockets::Impl final : EventSource {
   Impl& operator=(const Impl&) = delete;
 
   // nullptr for a stale handle. Valid until the next Add.
-  Entry* Find(SocketHandle socket);
-  SocketHandle Add(int descriptor, AddressFamily family, Role role);
+  Entry* Find(SocketHandle socket) { return table.Find(socket); }
+  SocketHandle Add(int descriptor, AddressFamily family, Role role) {
+    return table.Add(descriptor, family, role, EventTarget::kMaxIndex);
+  }
   void Remove(SocketHandle socket);
   // Puts the socket into the epoll set. Returns 0 or our error number.
   int Register(SocketHandle socket, Entry& entry);
@@ -92,8 +95,7 @@ struct Sockets::Impl final : EventSource {
 
   EventLoop::Impl& loop;
   std::uint8_t source;
-  std::vector<Entry> entries;
-  std::vector<std::uint32_t> free;
+  SocketTable<Entry> table;
   std::vector<SocketHandle> to_rearm;
   SendBatch batch;
 
@@ -103,8 +105,9 @@ struct Sockets::Impl final : EventSource {
   bool OnConnectReady(SocketHandle socket, std::uint32_t events);
   bool OnStreamReady(SocketHandle socket, std::uint32_t events);
   bool OnStreamReadable(SocketHandle socket);
-  // Calls the sink, if there is one still.
-  bool Notify(SocketHandle socket, SocketEvent event, int error);
+  bool Notify(SocketHandle socket, SocketEvent event, int error) {
+    return table.Notify(socket, event, error);
+  }
   EventTarget Target(SocketHandle socket) const;
 };
 

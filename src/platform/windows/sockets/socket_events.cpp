@@ -3,9 +3,9 @@
 #include <array>
 #include <utility>
 
-#include "platform/common/call_handler.h"
 #include "platform/common/system_address.h"
 #include "platform/windows/sockets/ready_sockets.h"
+#include "platform/windows/sockets/socket_calls.h"
 #include "platform/windows/sockets/sockets_impl.h"
 #include "platform/windows/sockets/tcp_info.h"
 
@@ -33,54 +33,28 @@ int WhatComesNext(SOCKET socket, int& error) {
 
 }  // namespace
 
-Sockets::Impl::Impl(EventLoop& event_loop) : loop(event_loop.GetImpl()), entries(1) {
+Sockets::Impl::Impl(EventLoop& event_loop) : loop(event_loop.GetImpl()) {
   loop.AddSource(*this);
 }
 
 Sockets::Impl::~Impl() {
-  for (const Entry& entry : entries) {
-    if (entry.socket != INVALID_SOCKET) closesocket(entry.socket);
+  for (std::size_t i = 0; i < table.Size(); ++i) {
+    if (const Entry& entry = table.At(i); !table.IsFree(entry)) closesocket(entry.native);
   }
   loop.RemoveSource(*this);
-}
-
-Sockets::Impl::Entry* Sockets::Impl::Find(SocketHandle socket) {
-  if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= entries.size()) return nullptr;
-  Entry& entry = entries[static_cast<std::size_t>(socket.index)];
-  return entry.socket != INVALID_SOCKET && entry.generation == socket.generation ? &entry : nullptr;
-}
-
-SocketHandle Sockets::Impl::Add(SOCKET native, AddressFamily family, Role role) {
-  if (free.empty()) {
-    free.push_back(static_cast<std::uint32_t>(entries.size()));
-    entries.emplace_back();
-  }
-  const std::uint32_t index = free.back();
-  free.pop_back();
-  Entry& entry = entries[index];
-  const std::uint32_t generation = entry.generation;
-  entry = Entry{};
-  entry.generation = generation;
-  entry.socket = native;
-  entry.family = family;
-  entry.role = role;
-  return {static_cast<std::int32_t>(index), generation};
 }
 
 void Sockets::Impl::Remove(SocketHandle socket) {
   Entry& entry = *Find(socket);
   // Closing ends its messages, apart from those that are under way.
-  closesocket(entry.socket);
-  loop.Deselect(entry.socket, std::exchange(entry.number, 0), false);
-  entry.socket = INVALID_SOCKET;
-  entry.sink = nullptr;
-  ++entry.generation;
-  free.push_back(static_cast<std::uint32_t>(socket.index));
+  closesocket(entry.native);
+  loop.Deselect(entry.native, std::exchange(entry.number, 0), false);
+  table.Remove(socket);
 }
 
 int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
   if (entry.number != 0) return 0;
-  const MessageTarget target{this, entry.socket, static_cast<std::uint32_t>(socket.index), socket.generation};
+  const MessageTarget target{this, entry.native, static_cast<std::uint32_t>(socket.index), socket.generation};
   return loop.Select(target, entry.role == Role::kListening ? FD_ACCEPT : kStreamEvents, entry.number);
 }
 
@@ -116,24 +90,16 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t c
 
 bool Sockets::Impl::HasPeerEnded(Entry& entry) {
   // Where nothing lies unread the message of the end is not held up.
-  if (entry.end_seen || entry.role != Role::kStream || BytesThere(entry.socket) == 0) return entry.end_seen;
+  if (entry.end_seen || entry.role != Role::kStream || BytesThere(entry.native) == 0) return entry.end_seen;
   SystemAddress local;
   SystemAddress remote;
-  if (getsockname(entry.socket, local.Get(), local.SizePlace()) != 0) return false;
+  if (getsockname(entry.native, local.Get(), local.SizePlace()) != 0) return false;
   // A connection that is broken has no peer any more.
-  if (getpeername(entry.socket, remote.Get(), remote.SizePlace()) != 0 ||
+  if (getpeername(entry.native, remote.Get(), remote.SizePlace()) != 0 ||
       connections.HasPeerEnded(local.ToEndpoint(), remote.ToEndpoint())) {
     entry.end_seen = entry.ask_end = true;
   }
   return entry.end_seen;
-}
-
-bool Sockets::Impl::Notify(SocketHandle socket, SocketEvent event, int error) {
-  Entry* const entry = Find(socket);
-  if (entry == nullptr || entry->sink == nullptr) return false;
-  SocketSink* const sink = entry->sink;
-  CallHandler([&] { sink->OnSocketEvent(socket, event, error); });
-  return true;
 }
 
 bool Sockets::Impl::OnMessage(std::uint32_t index, std::uint32_t generation, long event, int error) {
@@ -204,7 +170,7 @@ std::size_t Sockets::Impl::CallDue() {
 
 bool Sockets::Impl::LookAtListener(SocketHandle socket) {
   Entry& entry = *Find(socket);
-  if (!entry.accept_armed || !AskReadiness(entry.socket).readable) return false;
+  if (!entry.accept_armed || !AskReadiness(entry.native).readable) return false;
   entry.accept_armed = false;
   return Notify(socket, SocketEvent::kAccept, 0);
 }
@@ -212,7 +178,7 @@ bool Sockets::Impl::LookAtListener(SocketHandle socket) {
 bool Sockets::Impl::LookAtDatagrams(SocketHandle socket) {
   Entry& entry = *Find(socket);
   const bool write = entry.write_armed && entry.writable;
-  const bool read = entry.read_armed && AskReadiness(entry.socket).readable;
+  const bool read = entry.read_armed && AskReadiness(entry.native).readable;
   if (write) entry.write_armed = false;
   if (read) entry.read_armed = false;
   bool called = read && Notify(socket, SocketEvent::kRead, 0);
@@ -224,24 +190,23 @@ bool Sockets::Impl::LookAtConnect(SocketHandle socket) {
   Entry& entry = *Find(socket);
   if (!entry.connect_told) return false;
   ReadySockets asked;
-  asked.Add(entry.socket);
+  asked.Add(entry.native);
   asked.Ask();
-  if (asked.HasFailed(entry.socket)) {
+  if (asked.HasFailed(entry.native)) {
     if (entry.connect_error == 0) {
-      int size = sizeof entry.connect_error;
-      getsockopt(entry.socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&entry.connect_error), &size);
+      GetOption(entry.native, SOL_SOCKET, SO_ERROR, entry.connect_error);
     }
     if (entry.connect_error == 0) entry.connect_error = socket_error::kConnectionRefused;
     entry.role = Role::kFailed;
     return Notify(socket, SocketEvent::kConnect, entry.connect_error);
   }
-  if (!asked.IsWritable(entry.socket)) {
+  if (!asked.IsWritable(entry.native)) {
     entry.connect_told = false;  // it is still under way
     return false;
   }
   entry.role = Role::kStream;
   entry.write_armed = true;
-  LetSendsShowProgress(entry.socket);
+  LetSendsShowProgress(entry.native);
   const bool called = Notify(socket, SocketEvent::kConnect, 0);
   const Entry* const after = Find(socket);
   if (after != nullptr && after->sink != nullptr && after->role == Role::kStream) LookAtStream(socket);
@@ -253,7 +218,7 @@ bool Sockets::Impl::LookAtStream(SocketHandle socket) {
   Entry& before = *Find(socket);
   // A send that waited goes on also when the connection has broken, and the message of that may come later.
   if (before.write_armed && before.writable && before.read_armed && !before.close_notified &&
-      AskReadiness(before.socket).readable) {
+      AskReadiness(before.native).readable) {
     before.ask_end = true;
   }
   bool called = LookAtReading(socket);
@@ -273,10 +238,10 @@ bool Sockets::Impl::LookAtStream(SocketHandle socket) {
 bool Sockets::Impl::LookAtReading(SocketHandle socket) {
   Entry& entry = *Find(socket);
   if (!entry.read_armed || entry.close_notified) return false;
-  if (BytesThere(entry.socket) == 0) {
+  if (BytesThere(entry.native) == 0) {
     if (!entry.ask_end) return false;
     int error = 0;
-    const int next = WhatComesNext(entry.socket, error);
+    const int next = WhatComesNext(entry.native, error);
     if (error == WSAEWOULDBLOCK) {
       entry.ask_end = entry.end_seen = false;
       return false;
@@ -285,7 +250,7 @@ bool Sockets::Impl::LookAtReading(SocketHandle socket) {
       if (error != 0) entry.close_error = error;
       entry.end_seen = entry.close_notified = true;
       // A send that waits fails now, or goes on; the system says neither.
-      entry.writable = entry.writable || AskReadiness(entry.socket).writable || entry.close_error != 0;
+      entry.writable = entry.writable || AskReadiness(entry.native).writable || entry.close_error != 0;
       return Notify(socket, SocketEvent::kClose, entry.close_error);
     }
   }
@@ -311,7 +276,7 @@ bool Sockets::Impl::IsWaiting(const Entry& entry) {
 }
 
 void Sockets::Impl::AskAnew() {
-  if (asking_from == 0 && entries.size() > 1) asking_from = 1;
+  if (asking_from == 0 && table.Size() > 1) asking_from = 1;
 }
 
 void Sockets::Impl::AskSome() {
@@ -319,27 +284,27 @@ void Sockets::Impl::AskSome() {
     ReadySockets asked;
     std::array<std::size_t, ReadySockets::kMax> indices{};
     std::size_t count = 0;
-    for (; asking_from < entries.size() && !asked.IsFull(); ++asking_from) {
-      Entry& entry = entries[asking_from];
-      if (std::exchange(entry.heard, false) || entry.socket == INVALID_SOCKET || entry.number == 0 ||
+    for (; asking_from < table.Size() && !asked.IsFull(); ++asking_from) {
+      Entry& entry = table.At(asking_from);
+      if (std::exchange(entry.heard, false) || table.IsFree(entry) || entry.number == 0 ||
           entry.sink == nullptr || !IsWaiting(entry)) {
         continue;
       }
-      asked.Add(entry.socket);
+      asked.Add(entry.native);
       indices[count++] = asking_from;
     }
-    if (asking_from >= entries.size()) asking_from = 0;
+    if (asking_from >= table.Size()) asking_from = 0;
     asked.Ask();
     for (std::size_t i = 0; i < count; ++i) {
-      Entry& entry = entries[indices[i]];
-      const bool readable = asked.IsReadable(entry.socket);
-      const bool writable = asked.IsWritable(entry.socket);
+      Entry& entry = table.At(indices[i]);
+      const bool readable = asked.IsReadable(entry.native);
+      const bool writable = asked.IsWritable(entry.native);
       if (readable) {
         entry.drained = false;
         entry.ask_end = true;
       }
       if (writable) entry.writable = true;
-      if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.socket)))
+      if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.native)))
         entry.connect_told = true;
       const bool write = writable && entry.write_armed;
       if (readable || write || entry.connect_told) {

@@ -16,7 +16,7 @@
 
 #include "platform/common/system_address.h"
 #include "platform/device_error.h"
-#include "platform/windows/sockets/ready_sockets.h"
+#include "platform/windows/sockets/socket_calls.h"
 #include "platform/windows/sockets/sockets_impl.h"
 #include "platform/windows/sockets/tcp_info.h"
 
@@ -33,24 +33,6 @@ constexpr std::size_t kMaxSendPiece = 65536;
 // What the system's headers here do not have yet.
 constexpr DWORD kNoResetsOfDatagrams = _WSAIOW(IOC_VENDOR, 12);
 constexpr std::size_t kMaxCall = std::numeric_limits<int>::max();
-
-bool IsOfFamily(const Endpoint& endpoint, AddressFamily family) {
-  return family == AddressFamily::kIPv6 ? endpoint.address.IsIPv6() : endpoint.address.IsIPv4();
-}
-
-// The error number of a call that returned `result`: 0 unless that is an error.
-int Outcome(int result) {
-  return result == SOCKET_ERROR ? WSAGetLastError() : 0;
-}
-
-int SetOption(SOCKET socket, int level, int option, DWORD value = 1) {
-  return Outcome(setsockopt(socket, level, option, reinterpret_cast<const char*>(&value), sizeof value));
-}
-
-int GetOption(SOCKET socket, int option, int& value) {
-  int size = sizeof value;
-  return Outcome(getsockopt(socket, SOL_SOCKET, option, reinterpret_cast<char*>(&value), &size));
-}
 
 template <class Input>
 int Control(SOCKET socket, DWORD code, Input input) {
@@ -74,8 +56,6 @@ bool IsLoopback(const IPAddress& address) {
 
 Sockets::Sockets(EventLoop& loop) : loop_(loop), impl_(std::make_unique<Impl>(loop)) {}
 
-Sockets::~Sockets() = default;
-
 int Sockets::Open(Transport transport, AddressFamily family, SocketHandle& socket) {
   const bool tcp = transport == Transport::kTcp;
   const bool ipv6 = family == AddressFamily::kIPv6;
@@ -97,12 +77,6 @@ int Sockets::Open(Transport transport, AddressFamily family, SocketHandle& socke
   return 0;
 }
 
-int Sockets::Close(SocketHandle socket) {
-  if (impl_->Find(socket) == nullptr) return kNotSocket;
-  impl_->Remove(socket);
-  return 0;
-}
-
 int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
@@ -117,37 +91,11 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   return 0;
 }
 
-int Sockets::Bind(SocketHandle socket, const Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  if (!IsOfFamily(local, entry->family)) return socket_error::kAddressFamily;
-  SystemAddress address(local);
-  return Outcome(bind(entry->socket, address.Get(), address.Size()));
-}
-
-int Sockets::BindExclusively(SocketHandle socket, const Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  // Without it any program could bind to the same endpoint and take the callers.
-  const int error = SetOption(entry->socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE);
-  return error != 0 ? error : Bind(socket, local);
-}
-
-int Sockets::Listen(SocketHandle socket, int backlog) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  if (const int error = Outcome(listen(entry->socket, backlog > 0 ? backlog : SOMAXCONN)); error != 0) {
-    return error;
-  }
-  entry->role = Impl::Role::kListening;
-  return impl_->Register(socket, *entry);
-}
-
 int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer) {
   Impl::Entry* const entry = impl_->Find(listener);
   if (entry == nullptr) return kNotSocket;
   SystemAddress address;
-  const SOCKET native = accept(entry->socket, address.Get(), address.SizePlace());
+  const SOCKET native = accept(entry->native, address.Get(), address.SizePlace());
   const int error = native == INVALID_SOCKET ? WSAGetLastError() : 0;
   entry->accept_armed = true;
   if (error != 0) return error;
@@ -169,12 +117,12 @@ int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (!IsOfFamily(remote, entry->family)) return socket_error::kAddressFamily;
-  if (const int error = SetOption(entry->socket, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
-  if (IsLoopback(remote.address)) RefuseAtOnce(entry->socket);
+  if (const int error = SetOption(entry->native, IPPROTO_TCP, TCP_NODELAY); error != 0) return error;
+  if (IsLoopback(remote.address)) RefuseAtOnce(entry->native);
   // Before the connect, whose outcome is a message.
   if (const int error = impl_->Register(socket, *entry); error != 0) return error;
   SystemAddress address(remote);
-  const int error = Outcome(connect(entry->socket, address.Get(), address.Size()));
+  const int error = Outcome(connect(entry->native, address.Get(), address.Size()));
   if (error != 0 && error != WSAEWOULDBLOCK) return error;
   entry->role = Impl::Role::kConnecting;
   if (error == 0) {
@@ -187,7 +135,7 @@ int Sockets::Connect(SocketHandle socket, const Endpoint& remote) {
 int Sockets::ShutDownSending(SocketHandle socket) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
-  const int error = Outcome(shutdown(entry->socket, SD_SEND));
+  const int error = Outcome(shutdown(entry->native, SD_SEND));
   if (error == 0) entry->sending_shut = true;
   return error;
 }
@@ -199,7 +147,7 @@ int Sockets::Send(SocketHandle socket, std::span<const char> data, std::size_t& 
   if (entry->sending_shut) return WSAESHUTDOWN;
   while (sent < data.size()) {
     const auto piece = static_cast<int>(std::min(data.size() - sent, kMaxSendPiece));
-    const int count = send(entry->socket, data.data() + sent, piece, 0);
+    const int count = send(entry->native, data.data() + sent, piece, 0);
     if (count < 0) {
       const int error = WSAGetLastError();
       // The system notifies only of the end of this.
@@ -224,7 +172,7 @@ int Sockets::Receive(SocketHandle socket, std::span<char> buffer, std::size_t& r
   if (entry == nullptr) return kNotSocket;
   if (entry->drained) return kWouldBlock;
   const int count =
-      recv(entry->socket, buffer.data(), static_cast<int>(std::min(buffer.size(), kMaxCall)), 0);
+      recv(entry->native, buffer.data(), static_cast<int>(std::min(buffer.size(), kMaxCall)), 0);
   const int error = Outcome(count);
   if (error == 0) received = static_cast<std::size_t>(count);
   impl_->NoteReceive(socket, *entry, received, buffer.size(), error);
@@ -242,18 +190,13 @@ int Sockets::SendFrom(SocketHandle socket, SplicePipe& /*pipe*/, std::size_t& se
   return impl_->Find(socket) == nullptr ? kNotSocket : 0;
 }
 
-bool Sockets::Drained(SocketHandle socket) const {
-  const Impl::Entry* const entry = impl_->Find(socket);
-  return entry != nullptr && entry->drained;
-}
-
 int Sockets::SendTo(SocketHandle socket, std::span<const char> data, const Endpoint& to) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   if (!IsOfFamily(to, entry->family)) return socket_error::kAddressFamily;
   SystemAddress address(to);
   const int error =
-      Outcome(sendto(entry->socket, data.data(), static_cast<int>(std::min(data.size(), kMaxCall)), 0,
+      Outcome(sendto(entry->native, data.data(), static_cast<int>(std::min(data.size(), kMaxCall)), 0,
                      address.Get(), address.Size()));
   if (error == WSAEWOULDBLOCK) {
     entry->writable = false;
@@ -269,7 +212,7 @@ int Sockets::ReceiveFrom(SocketHandle socket, std::span<char> buffer, bool peek,
   if (entry == nullptr) return kNotSocket;
   SystemAddress address;
   const int count =
-      recvfrom(entry->socket, buffer.data(), static_cast<int>(std::min(buffer.size(), kMaxCall)),
+      recvfrom(entry->native, buffer.data(), static_cast<int>(std::min(buffer.size(), kMaxCall)),
                peek ? MSG_PEEK : 0, address.Get(), address.SizePlace());
   int error = Outcome(count);
   // The rest of a datagram that is longer is lost, as everywhere.
@@ -291,13 +234,13 @@ int Sockets::Available(SocketHandle socket, std::size_t& bytes) {
   if (entry->role == Impl::Role::kDatagram) {
     // The system would give the sum of all.
     std::vector<char> room(65536);
-    const int count = recv(entry->socket, room.data(), static_cast<int>(room.size()), MSG_PEEK);
+    const int count = recv(entry->native, room.data(), static_cast<int>(room.size()), MSG_PEEK);
     const int error = Outcome(count);
     if (error == 0) bytes = static_cast<std::size_t>(count);
     return error == WSAEWOULDBLOCK ? 0 : error;
   }
   u_long count = 0;
-  const int error = Outcome(ioctlsocket(entry->socket, FIONREAD, &count));
+  const int error = Outcome(ioctlsocket(entry->native, FIONREAD, &count));
   bytes = count;
   return error;
 }
@@ -307,7 +250,7 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
   Impl::Entry* const entry = impl_->Find(socket);
   if (entry == nullptr) return kNotSocket;
   TcpInfo info{};
-  if (const int error = AskTcpInfo(entry->socket, info); error != 0) return error;
+  if (const int error = AskTcpInfo(entry->native, info); error != 0) return error;
   // What was acknowledged stays so, whatever the system counts while it sends again.
   entry->acknowledged = std::max(entry->acknowledged, AcknowledgedBytes(info));
   bytes = static_cast<std::size_t>(entry->taken - std::min(entry->taken, entry->acknowledged));
@@ -317,39 +260,6 @@ int Sockets::Unacknowledged(SocketHandle socket, std::size_t& bytes) {
 bool Sockets::PeerEnded(SocketHandle socket) const {
   Impl::Entry* const entry = impl_->Find(socket);
   return entry != nullptr && impl_->HasPeerEnded(*entry);
-}
-
-int Sockets::LocalEndpoint(SocketHandle socket, Endpoint& local) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  SystemAddress address;
-  const int error = Outcome(getsockname(entry->socket, address.Get(), address.SizePlace()));
-  if (error == 0) local = address.ToEndpoint();
-  return error;
-}
-
-int Sockets::RemoteEndpoint(SocketHandle socket, Endpoint& remote) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  if (entry == nullptr) return kNotSocket;
-  SystemAddress address;
-  const int error = Outcome(getpeername(entry->socket, address.Get(), address.SizePlace()));
-  if (error == 0) remote = address.ToEndpoint();
-  return error;
-}
-
-int Sockets::SendBufferSize(SocketHandle socket, int& bytes) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : GetOption(entry->socket, SO_SNDBUF, bytes);
-}
-
-int Sockets::ReceiveBufferSize(SocketHandle socket, int& bytes) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : GetOption(entry->socket, SO_RCVBUF, bytes);
-}
-
-int Sockets::AllowBroadcast(SocketHandle socket) {
-  Impl::Entry* const entry = impl_->Find(socket);
-  return entry == nullptr ? kNotSocket : SetOption(entry->socket, SOL_SOCKET, SO_BROADCAST);
 }
 
 int Sockets::LocalAddresses(std::vector<IPAddress>& addresses) {

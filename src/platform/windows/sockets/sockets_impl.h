@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "platform/common/socket_table.h"
 #include "platform/sockets.h"
 #include "platform/windows/loop/event_loop_impl.h"
 #include "platform/windows/sockets/connection_table.h"
@@ -26,7 +27,7 @@ struct Sockets::Impl final : EventSource {
   enum class Role : std::uint8_t { kFresh, kListening, kConnecting, kStream, kFailed, kDatagram };
 
   struct Entry {
-    SOCKET socket = INVALID_SOCKET;  // INVALID_SOCKET: free
+    SOCKET native = INVALID_SOCKET;  // INVALID_SOCKET: free
     std::uint32_t generation = 0;
     SocketSink* sink = nullptr;
     std::uint64_t taken = 0;         // bytes that sends took
@@ -57,8 +58,8 @@ struct Sockets::Impl final : EventSource {
   Impl& operator=(const Impl&) = delete;
 
   // nullptr for a stale handle. Valid until the next Add.
-  Entry* Find(SocketHandle socket);
-  SocketHandle Add(SOCKET native, AddressFamily family, Role role);
+  Entry* Find(SocketHandle socket) { return table.Find(socket); }
+  SocketHandle Add(SOCKET native, AddressFamily family, Role role) { return table.Add(native, family, role); }
   void Remove(SocketHandle socket);
   // Has the system send messages of the socket. Returns 0 or an error number.
   int Register(SocketHandle socket, Entry& entry);
@@ -76,8 +77,7 @@ struct Sockets::Impl final : EventSource {
 
   EventLoop::Impl& loop;
   ConnectionTable connections;
-  std::vector<Entry> entries;  // the first is none
-  std::vector<std::uint32_t> free;
+  SocketTable<Entry> table;
   std::vector<SocketHandle> due;
 
  private:
@@ -89,8 +89,9 @@ struct Sockets::Impl final : EventSource {
   bool LookAtConnect(SocketHandle socket);
   bool LookAtStream(SocketHandle socket);
   bool LookAtReading(SocketHandle socket);
-  // Calls the sink, if there is one still.
-  bool Notify(SocketHandle socket, SocketEvent event, int error);
+  bool Notify(SocketHandle socket, SocketEvent event, int error) {
+    return table.Notify(socket, event, error);
+  }
   // Asks some of the sockets that wait for something and were silent.
   void AskSome();
   static bool IsWaiting(const Entry& entry);
