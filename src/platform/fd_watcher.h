@@ -1,5 +1,5 @@
-// Watches a descriptor of the system that is no socket of platform/sockets.h: those of c-ares, and what the
-// platform's own folder and the view's get requests of the system by.
+// Watches a socket of the system that is none of platform/sockets.h: those of c-ares. Where the system has other things
+// that are watched alike, the files that are for this system alone watch them by it too.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ class FdWatcher {
   // Watches nothing until SetInterest. `ready` is called from the loop, in each iteration as long as what is
   // watched for holds (level-triggered); an error or hang-up counts as whatever is watched for. `loop`
   // outlives the watcher; `native_socket` stays the caller's and must stay open while there is interest in
-  // it; one watcher per descriptor.
+  // it; one watcher for each.
   FdWatcher(EventLoop& loop, std::intptr_t native_socket, std::function<void(FdReadiness)> ready);
   // Ends the calls at once, also for an event that this loop iteration has still to handle; allowed inside
   // `ready`.
@@ -23,7 +23,7 @@ class FdWatcher {
   FdWatcher(const FdWatcher&) = delete;
   FdWatcher& operator=(const FdWatcher&) = delete;
 
-  // Replaces what is watched for. Raises 57 "Device I/O error" when the system cannot watch the descriptor.
+  // Replaces what is watched for. Raises 57 "Device I/O error" when the system cannot watch it.
   void SetInterest(FdReadiness interest);
 
  private:

@@ -11,22 +11,22 @@
 
 namespace trabex {
 
-// Held as long as the object lives; it goes with the process, however that ends. On Linux its scope is the network
-// namespace, as for the port itself; on Windows the user's session.
+// Held as long as the object lives; it goes with the process, however that ends. It holds as far as the system lets
+// processes see each other: as far as the port itself counts, or in the user's session.
 class InstanceLock {
  public:
   virtual ~InstanceLock() = default;
 };
 
-// The lock named `name` (on Linux its first 107 bytes count), or nothing when another instance holds it.
-// `exit_requested` is called from the loop when another process asks for the end (RequestExit). Who may: on Linux the
-// same user and root, requests of others are dropped; on Windows whom the system lets send to our windows. Raises 57 "Device I/O error" when the system refuses for
-// another reason.
+// The lock named `name` (107 bytes of it, if the system has no room for more), or nothing when another instance holds it.
+// `exit_requested` is called from the loop when another process asks for the end (RequestExit): one of the same user or
+// the administrator's, or whom the system lets send to our windows; requests of others are dropped. Raises 57
+// "Device I/O error" when the system refuses for another reason.
 std::unique_ptr<InstanceLock> TryLockInstance(EventLoop& loop, std::string_view name,
                                               std::function<void()> exit_requested);
 
 // The user whose process holds the lock named `name`, when that is not our own user: the user's name, or
-// "uid <number>". Any process can take the name first, so that is no instance of ours.
+// "uid <number>" where it has none. Any process can take the name first, so that is no instance of ours.
 // Nothing when our own user holds it, when it is free, or when the system does not say.
 std::optional<std::string> OtherUserHolding(std::string_view name);
 
@@ -36,7 +36,7 @@ bool IsInstanceLocked(std::string_view name);
 enum class ExitRequest {
   kMade,
   kNoInstance,
-  kOtherUser,  // the instance is another user's, and we are not root
+  kOtherUser,  // the instance is another user's, and we have no right to
   kFailed,     // it hangs, and takes no more requests
 };
 

@@ -132,8 +132,7 @@ class Sockets {
                   Endpoint& from);
   // The bytes that a receive would give (UDP: the size of the next datagram).
   int Available(SocketHandle socket, std::size_t& bytes);
-  // The bytes that sends took and the peer's system has not acknowledged yet (TCP). An error, and 0 bytes, where the
-  // system does not tell; there it takes so little at once that its taking more shows a slow peer as well.
+  // What sends took and the peer's system has not acknowledged (TCP). An error where that is not told.
   int Unacknowledged(SocketHandle socket, std::size_t& bytes);
   // Whether the peer has ended or broken the connection: nothing comes beyond what is there to be received.
   // FD_CLOSE says the same only when all of that has been received. False also for a stale handle.

@@ -11,12 +11,12 @@ namespace trabex {
 // Called from the loop, several times when several things are asked for; an empty one is skipped. A handler
 // may destroy the watch; no other one is called then. What a system cannot ask for is never called there.
 struct SystemRequestEvents {
-  // The program is to end in order. On Linux SIGTERM, SIGINT, SIGQUIT.
+  // The program is to end in order: it was asked to by the system's own means, or the session or the machine ends.
   std::function<void()> end;
-  // The screen has gone, or the operator asks for a reload; the handler knows which it is. On Linux SIGHUP.
-  // A program that was started so that it ignores this (HangUpIsIgnored) is not asked.
+  // The screen has gone, or the operator asks for a reload; the handler knows which it is. A program that was
+  // started so that it ignores this (HangUpIsIgnored) is not asked.
   std::function<void()> hang_up;
-  // The log file was moved. On Linux SIGUSR1.
+  // The log file was moved.
   std::function<void()> reopen_log;
 };
 
@@ -28,7 +28,7 @@ class SystemRequests {
 // `loop` outlives the watch. Raises 57 "Device I/O error" when the system cannot watch.
 std::unique_ptr<SystemRequests> WatchSystemRequests(EventLoop& loop, SystemRequestEvents events);
 
-// Whether the program was started to go on without its screen (on Linux by nohup).
+// Whether the program was started to go on without its screen.
 bool HangUpIsIgnored();
 
 }  // namespace trabex

@@ -1,4 +1,4 @@
-// Names and addresses of hosts, of IPv4 and of IPv6, looked up without waiting: /etc/hosts first, then DNS.
+// Names and addresses of hosts, of IPv4 and of IPv6, looked up without waiting: in the system's file, then by DNS.
 #pragma once
 
 #include <chrono>
@@ -72,26 +72,26 @@ class NameLookup {
   virtual void Cancel(LookupId id) = 0;
 
   // An address of `name`, one of IPv4 before others, if one is known without asking DNS: an address is its
-  // own, others are in /etc/hosts.
+  // own, others are in the file of hosts.
   virtual std::optional<IPAddress> ResolveLocally(std::string_view name) = 0;
-  // This machine's own name, in its full form where /etc/hosts has one. `error` as above.
+  // This machine's own name, in its full form where the file of hosts has one. `error` as above.
   virtual NameAnswer LocalHostName() = 0;
 };
 
 // How the real one asks. The defaults are the system's own.
 struct NameLookupOptions {
-  std::string servers{};        // "127.0.0.1:5353", several separated by commas; empty: those of resolv.conf
-  std::string hosts_file{};     // empty: /etc/hosts
-  std::string resolver_file{};  // empty: /etc/resolv.conf
+  std::string servers{};        // "127.0.0.1:5353", several separated by commas; empty: those of the system
+  std::string hosts_file{};     // empty: the system's
+  std::string resolver_file{};  // that names the servers; empty: the system's, if it has one
   std::uint16_t port = 0;       // of the servers that resolver_file names; 0: 53
   Milliseconds limit = std::chrono::seconds(5);  // for one look-up in all
 };
 
-// c-ares on the loop. `loop` outlives it. A changed hosts file or resolv.conf counts for the look-ups that
-// begin a second later; on Windows changed servers count a minute later. A name without a dot is also looked for in the domains that resolv.conf searches; any
-// other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being asked for (RFC 6761,
-// 6.3). What cannot be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when c-ares
-// cannot start.
+// c-ares on the loop. `loop` outlives it. A changed file counts for the look-ups that begin a second later; where no file
+// names the servers, changed servers count a minute later. A name without a dot is also looked for in the domains that
+// the system's settings search; any other is asked for as it is. "localhost" is 127.0.0.1, for IPv6 ::1, without being
+// asked for (RFC 6761, 6.3). What cannot be a host's name fails with 11001 at once. Raises 57 "Device I/O error" when
+// c-ares cannot start.
 std::unique_ptr<NameLookup> MakeNameLookup(EventLoop& loop, const NameLookupOptions& options = {});
 
 }  // namespace trabex

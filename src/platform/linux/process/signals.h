@@ -7,7 +7,9 @@
 
 namespace trabex {
 
-// They ask the program for something, and wait until it has time for them (system_requests.h).
+// They ask the program for something, and wait until it has time for them (system_requests.h): the first three for its
+// end, SIGHUP for a reload or because the terminal has gone (nohup has the program ignore that), SIGUSR1 for a new log
+// file.
 inline constexpr std::array kRequestSignals = {SIGTERM, SIGINT, SIGQUIT, SIGHUP, SIGUSR1};
 
 // They mean nothing here, but by default end a process on the spot.
