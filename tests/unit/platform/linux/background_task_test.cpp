@@ -14,16 +14,12 @@
 #include <atomic>
 #include <functional>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
-#include <utility>
 #include <vector>
 
-#include "platform/clock.h"
 #include "support/child_process.h"
-#include "support/loop_runner.h"
+#include "unit/platform/background_task_fixture.h"
 
 namespace trabex {
 namespace {
@@ -67,29 +63,9 @@ bool Becomes(Predicate predicate) {
   return false;
 }
 
-// Most tests need only one of the two parts: the content, which does what a test wants. Its bytes are none.
-template <class Body>
-bool Start(BackgroundTask& task, Body body, std::function<void(const TaskResult&)> done) {
-  return task.Start(
-      [body](const auto&) -> std::string { return body(); },
-      [](const std::string&, const TaskContent& content) { return content([](std::string_view) {}); }, "",
-      std::move(done));
-}
-
-class ForkedTaskTest : public testing::Test {
+class ForkedTaskTest : public BackgroundTaskTest {
  protected:
-  std::function<void(const TaskResult&)> Keep() {
-    return [this](const TaskResult& result) { result_ = result; };
-  }
-  bool RunToEnd() {
-    return RunUntil(loop_, [this] { return result_.has_value(); });
-  }
-
-  SystemClock clock_;
-  EventLoop loop_{clock_};
-  BackgroundTask task_{loop_};
   SharedMemory shared_;
-  std::optional<TaskResult> result_;
 };
 
 TEST_F(ForkedTaskTest, MemoryIsThatOfTheStart) {
