@@ -12,9 +12,9 @@
 
 #include "platform/clock.h"
 #include "platform/sockets.h"
-#include "support/held_port.h"
 #include "support/ip_address.h"
 #include "support/loop_runner.h"
+#include "support/told_by_system.h"
 
 namespace trabex {
 namespace {
@@ -162,34 +162,6 @@ class Bench {
   SocketHandle peer;
   std::size_t filled = 0;
 };
-
-// Whether the system tells an end of the connection by a reset from any other end, asked once of two plain sockets.
-// Wine does not.
-bool ResetsAreTold() {
-  static const bool told = [] {
-    constexpr std::chrono::seconds kLimit{5};
-    HeldPort port;
-    SystemSocket listener = port.Listen(1);
-    SystemSocket peer(Transport::kTcp);
-    EXPECT_TRUE(peer.Connect({kLoopback, port.Port()}) && peer.Connected(kLimit));
-    listener.AwaitReadable(kLimit);
-    SystemSocket ours = listener.Accept();
-    peer.Reset();
-    ours.AwaitReadable(kLimit);
-    char byte = 0;
-    std::size_t received = 0;
-    return ours.Receive({&byte, 1}, received) == SystemSocket::Outcome::kReset;
-  }();
-  return told;
-}
-
-// The notifications as this system can tell them.
-std::string AsTold(std::string notified) {
-  const std::string reset = "(10054)";
-  const std::size_t at = notified.find(reset);
-  if (at != std::string::npos && !ResetsAreTold()) notified.erase(at, reset.size());
-  return notified;
-}
 
 struct Step {
   std::function<void(Bench&)> act;

@@ -140,36 +140,6 @@ TEST_F(LinuxSocketsTest, ASendThatTookNothingIsFollowedByFdWrite) {
   EXPECT_TRUE(RunUntil(loop, [&] { return sink.writes == 2; }));
 }
 
-TEST_F(LinuxSocketsTest, WhatThePeerHasNotAcknowledgedIsCounted) {
-  receive_buffer = 4096;
-  ConnectRaw();
-  std::size_t left = 1;
-  EXPECT_EQ(sockets.Unacknowledged(ours, left), 0);
-  EXPECT_EQ(left, 0U);
-  const std::string all(100000, 'a');
-  std::size_t sent = 0;
-  ASSERT_EQ(sockets.Send(ours, all, sent), 0);
-  ASSERT_GT(sent, 50000U);
-  // What lies in the peer's system is acknowledged, read or not.
-  std::size_t before = sent;
-  EXPECT_TRUE(RunUntil(loop, [&] { return sockets.Unacknowledged(ours, before) == 0 && before < sent; }));
-  EXPECT_GT(before, 40000U);
-  char room[4096];
-  std::size_t read = 0;
-  EXPECT_TRUE(RunUntil(loop, [&] {
-    const ssize_t count = recv(raw, room, sizeof room, MSG_DONTWAIT);
-    if (count > 0) read += static_cast<std::size_t>(count);
-    return sockets.Unacknowledged(ours, left) == 0 && left < before;
-  }));
-  EXPECT_TRUE(RunUntil(loop, [&] {
-    const ssize_t count = recv(raw, room, sizeof room, MSG_DONTWAIT);
-    if (count > 0) read += static_cast<std::size_t>(count);
-    return read == sent && sockets.Unacknowledged(ours, left) == 0 && left == 0;
-  }));
-  sockets.Close(ours);
-  EXPECT_EQ(sockets.Unacknowledged(ours, left), socket_error::kNotSocket);
-}
-
 TEST_F(LinuxSocketsTest, ThePeersEndIsKnownWhileDataIsUnread) {
   ConnectRaw();
   sockets.Watch(ours, &sink);
