@@ -48,10 +48,13 @@ Endpoint IPv6Endpoint(const UCHAR (&address)[16], DWORD port) {
 }  // namespace
 
 bool ConnectionTable::HasPeerEnded(const Endpoint& local, const Endpoint& remote) {
+  constexpr int kIdleShare = 16;  // so many times as long as it takes it is not read again
   const auto now = std::chrono::steady_clock::now();
-  if (!read_ || now - *read_ > kMaxAge) {
+  if (!read_ || now - *read_ > age_limit_) {
     Read();
     read_ = now;
+    age_limit_ = std::min<std::chrono::steady_clock::duration>(
+        kMaxAge, (std::chrono::steady_clock::now() - now) * kIdleShare);
   }
   if (!(local.address.IsIPv6() ? has_ipv6_ : has_ipv4_)) return false;
   const std::uint32_t ports = Ports(local, remote);

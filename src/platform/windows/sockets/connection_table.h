@@ -10,13 +10,14 @@
 
 namespace trabex {
 
-// For those whose end no message has told of: one may have been dropped, and a system may send none while data lies
-// unread. The table is read when it is asked for and is older than kMaxAge, since it has all connections of the machine.
+// For those whose end no receive can show: data lies unread before it. It has all connections of the machine, so it is
+// read again only when that is little work beside the time that has passed since the last reading.
 class ConnectionTable {
  public:
   static constexpr std::chrono::milliseconds kMaxAge{250};
 
-  // Whether the peer has ended or broken the connection, by now or kMaxAge ago. False also when the system does not say.
+  // Whether the peer has ended or broken the connection, by now or at most kMaxAge ago. False also when the system does
+  // not say.
   bool HasPeerEnded(const Endpoint& local, const Endpoint& remote);
 
  private:
@@ -35,6 +36,7 @@ class ConnectionTable {
   void Add(std::uint32_t state, const Endpoint& local, const Endpoint& remote);
 
   std::optional<std::chrono::steady_clock::time_point> read_;
+  std::chrono::steady_clock::duration age_limit_{};
   std::vector<Row> open_;  // the connections that the peer has not ended
   bool has_ipv4_ = false;
   bool has_ipv6_ = false;

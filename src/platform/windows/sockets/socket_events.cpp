@@ -89,8 +89,14 @@ void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t c
 }
 
 bool Sockets::Impl::HasPeerEnded(Entry& entry) {
-  // Where nothing lies unread the message of the end is not held up.
-  if (entry.end_seen || entry.role != Role::kStream || BytesThere(entry.native) == 0) return entry.end_seen;
+  if (entry.end_seen || entry.role != Role::kStream) return entry.end_seen;
+  if (BytesThere(entry.native) == 0) {
+    // The message of the end is not held up here; but a message alone proves nothing.
+    int error = 0;
+    const int next = entry.ask_end ? WhatComesNext(entry.native, error) : 1;
+    entry.end_seen = next == 0 || (next < 0 && error != WSAEWOULDBLOCK);
+    return entry.end_seen;
+  }
   SystemAddress local;
   SystemAddress remote;
   if (getsockname(entry.native, local.Get(), local.SizePlace()) != 0) return false;
@@ -112,7 +118,7 @@ bool Sockets::Impl::OnMessage(std::uint32_t index, std::uint32_t generation, lon
       entry->drained = false;
       break;
     case FD_WRITE:
-      entry->writable = true;
+      entry->writable = entry->writable || AskReadiness(entry->native).writable;
       break;
     case FD_CONNECT:
       entry->connect_told = true;
@@ -120,8 +126,7 @@ bool Sockets::Impl::OnMessage(std::uint32_t index, std::uint32_t generation, lon
       break;
     case FD_CLOSE:
       entry->drained = false;
-      entry->end_seen = entry->ask_end = true;
-      if (error != 0) entry->close_error = error;
+      entry->ask_end = true;
       break;
     default:
       break;
@@ -193,15 +198,15 @@ bool Sockets::Impl::LookAtConnect(SocketHandle socket) {
   asked.Add(entry.native);
   asked.Ask();
   if (asked.HasFailed(entry.native)) {
-    if (entry.connect_error == 0) {
-      GetOption(entry.native, SOL_SOCKET, SO_ERROR, entry.connect_error);
-    }
+    int error = 0;
+    if (GetOption(entry.native, SOL_SOCKET, SO_ERROR, error) == 0 && error != 0) entry.connect_error = error;
     if (entry.connect_error == 0) entry.connect_error = socket_error::kConnectionRefused;
     entry.role = Role::kFailed;
     return Notify(socket, SocketEvent::kConnect, entry.connect_error);
   }
   if (!asked.IsWritable(entry.native)) {
-    entry.connect_told = false;  // it is still under way
+    entry.connect_told = false;  // it is still under way, whatever the message said
+    entry.connect_error = 0;
     return false;
   }
   entry.role = Role::kStream;
@@ -307,7 +312,8 @@ void Sockets::Impl::AskSome() {
       if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.native)))
         entry.connect_told = true;
       const bool write = writable && entry.write_armed;
-      if (readable || write || entry.connect_told) {
+      const bool connect = entry.role == Role::kConnecting && entry.connect_told;
+      if (readable || write || connect) {
         MakeDue({static_cast<std::int32_t>(indices[i]), entry.generation}, entry);
       }
     }

@@ -1,36 +1,20 @@
 // What the loop makes of messages, from its own threads and from strangers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "base/error.h"
-#include "platform/clock.h"
-#include "platform/event_loop.h"
-#include "platform/sockets.h"
-#include "platform/windows/loop/event_loop_impl.h"
-#include "platform/windows/loop/message_numbers.h"
 #include "platform/windows/loop/thread_posts.h"
-#include "support/held_port.h"
-#include "support/loop_runner.h"
-#include "support/system_socket.h"
+#include "platform/windows/sockets/ready_sockets.h"
+#include "unit/platform/windows/loop_messages_fixture.h"
 
 namespace trabex {
 namespace {
-
-// Counts what it is notified of.
-class Counter final : public SocketSink {
- public:
-  void OnSocketEvent(SocketHandle /*socket*/, SocketEvent event, int /*error*/) override {
-    ++events;
-    reads += event == SocketEvent::kRead ? 1 : 0;
-  }
-
-  int events = 0;
-  int reads = 0;
-};
 
 // Nobody of the loop's sources.
 class NoSource final : public EventSource {
@@ -77,42 +61,6 @@ TEST(MessageNumbersTest, AreOfTheirSocketOnly) {
   EXPECT_EQ(numbers.Find(number, 8), nullptr);
 }
 
-class LoopMessagesTest : public testing::Test {
- protected:
-  // Two ends of a connection: one that is watched, and the peer's.
-  struct Pair {
-    SocketHandle ours;
-    SystemSocket peer;
-  };
-  Pair Connect(SocketSink& sink) {
-    constexpr std::chrono::seconds kLimit{5};
-    Pair pair{{}, SystemSocket(Transport::kTcp)};
-    EXPECT_TRUE(pair.peer.Connect(address_) && pair.peer.Connected(kLimit));
-    int result = socket_error::kWouldBlock;
-    RunUntil(loop,
-             [&] { return (result = sockets.Accept(listener_, pair.ours)) != socket_error::kWouldBlock; });
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(sockets.Watch(pair.ours, &sink), 0);
-    return pair;
-  }
-  HWND Window() { return loop.GetImpl().Window(); }
-
-  SystemClock clock;
-  EventLoop loop{clock};
-  Sockets sockets{loop};
-
- private:
-  void SetUp() override {
-    ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener_), 0);
-    ASSERT_EQ(sockets.BindExclusively(listener_, {kIPv4Loopback, 0}), 0);
-    ASSERT_EQ(sockets.Listen(listener_, 0), 0);
-    ASSERT_EQ(sockets.LocalEndpoint(listener_, address_), 0);
-  }
-
-  SocketHandle listener_;
-  Endpoint address_;
-};
-
 TEST_F(LoopMessagesTest, OfAStrangerDoNothing) {
   Counter counter;
   const Pair pair = Connect(counter);
@@ -157,6 +105,107 @@ TEST_F(LoopMessagesTest, OfFourThousandSocketsAllArrive) {
       loop, [&] { return counter.reads == kConnections; }, std::chrono::seconds(60)));
 }
 
+// Its end is a hint too: what lies unread, and what comes later, is received.
+TEST_F(LoopMessagesTest, OfAStrangerEndNoConnection) {
+  Counter counter;
+  Pair pair = Connect(counter);
+  RunUntilIdle(loop);
+  ASSERT_EQ(pair.peer.Send("unread"), 6U);
+  ASSERT_TRUE(RunUntil(loop, [&] { return counter.reads == 1; }));
+  counter.events = 0;
+  const auto tell_ends = [&] {
+    for (UINT number = kFirst; number < kFirst + 4; ++number) {
+      for (WPARAM socket = 0; socket < 1200; socket += 4) {
+        PostMessageW(Window(), number, socket, WSAMAKESELECTREPLY(FD_CLOSE, WSAECONNRESET));
+      }
+    }
+    RunUntilIdle(loop);
+    while (PeekedAny()) loop.RunOnce(Milliseconds{0});
+  };
+  tell_ends();
+  EXPECT_FALSE(sockets.PeerEnded(pair.ours));
+  EXPECT_EQ(counter.events, 0);
+  std::array<char, 100> room{};
+  std::size_t received = 0;
+  EXPECT_EQ(sockets.Receive(pair.ours, room, received), 0);
+  EXPECT_EQ(received, 6U);
+  tell_ends();
+  EXPECT_FALSE(sockets.PeerEnded(pair.ours));
+  EXPECT_EQ(counter.closes, 0);
+  // The true end is told as it is.
+  ASSERT_EQ(pair.peer.Send("more"), 4U);
+  ASSERT_TRUE(RunUntil(loop, [&] { return counter.reads == 2; }));
+  EXPECT_EQ(sockets.Receive(pair.ours, room, received), 0);
+  EXPECT_EQ(received, 4U);
+  tell_ends();
+  pair.peer.ShutDownSending();
+  EXPECT_TRUE(RunUntil(loop, [&] { return counter.closes == 1; }));
+  EXPECT_EQ(counter.last_error, 0);
+  EXPECT_TRUE(sockets.PeerEnded(pair.ours));
+}
+
+// The system gives the handle of a closed socket to the next one.
+TEST_F(LoopMessagesTest, OfAClosedSocketDoNotReachTheNext) {
+  Counter of_closed;
+  Counter of_next;
+  for (int i = 0; i < 20; ++i) {
+    Pair closed = Connect(of_closed);
+    RunUntilIdle(loop);
+    of_closed.events = 0;
+    ASSERT_EQ(closed.peer.Send("late"), 4U);
+    Arrived(closed.ours, 4);
+    ASSERT_TRUE(PeekedAny());  // its message is under way
+    ASSERT_EQ(sockets.Close(closed.ours), 0);
+    const Pair next = Connect(of_next);
+    RunUntilIdle(loop);
+    EXPECT_EQ(of_closed.events, 0);
+    EXPECT_EQ(of_next.reads, 0);
+  }
+}
+
+// An accepted socket has all that its listener has, at first.
+TEST_F(LoopMessagesTest, OfAnAcceptedSocketComeOnlyWhenItIsWatched) {
+  Counter counter;
+  Pair pair = Connect(counter, false);
+  RunUntilIdle(loop);
+  DropMessages();
+  ASSERT_EQ(pair.peer.Send("x"), 1U);
+  Arrived(pair.ours, 1);
+  EXPECT_EQ(DropMessages(), 0);
+  ASSERT_EQ(sockets.Watch(pair.ours, &counter), 0);
+  EXPECT_TRUE(RunUntil(loop, [&] { return counter.reads == 1; }));
+}
+
+TEST_F(LoopMessagesTest, HaveNumbersUntilAllAreGivenOut) {
+  SocketHandle datagrams;
+  SocketHandle listener;
+  SocketHandle client;
+  ASSERT_EQ(sockets.Open(Transport::kUdp, AddressFamily::kIPv4, datagrams), 0);
+  ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, listener), 0);
+  ASSERT_EQ(sockets.BindExclusively(listener, {kIPv4Loopback, 0}), 0);
+  ASSERT_EQ(sockets.Open(Transport::kTcp, AddressFamily::kIPv4, client), 0);
+  NoSource source;
+  const SystemSocket other(Transport::kUdp);
+  const MessageTarget target{&source, static_cast<SOCKET>(other.Native()), 1, 1};
+  EventLoop::Impl& impl = loop.GetImpl();
+  impl.AddSource(source);
+  UINT number = 0;
+  UINT last = 0;
+  int result = 0;
+  while ((result = impl.Select(target, FD_READ, number)) == 0) last = number;
+  EXPECT_EQ(result, socket_error::kNoBufferSpace);
+  Counter counter;
+  EXPECT_EQ(sockets.Watch(datagrams, &counter), socket_error::kNoBufferSpace);
+  EXPECT_EQ(sockets.Listen(listener, 0), socket_error::kNoBufferSpace);
+  EXPECT_EQ(sockets.Connect(client, Address()), socket_error::kNoBufferSpace);
+  impl.Deselect(target.socket, last, false);
+  EXPECT_EQ(sockets.Watch(datagrams, &counter), 0);
+  EXPECT_EQ(sockets.Connect(client, Address()), socket_error::kNoBufferSpace);
+  impl.RemoveSource(source);
+  const int connecting = sockets.Connect(client, Address());
+  EXPECT_TRUE(connecting == 0 || connecting == socket_error::kWouldBlock) << connecting;
+}
+
 TEST_F(LoopMessagesTest, ReachTheirHandlerPostedOrSent) {
   constexpr UINT kMessage = WM_USER + 200;
   std::string trace;
@@ -176,6 +225,116 @@ TEST_F(LoopMessagesTest, ReachTheirHandlerPostedOrSent) {
   PostMessageW(Window(), kMessage, 5, 6);
   EXPECT_FALSE(loop.RunOnce(Milliseconds{0}));
   EXPECT_EQ(trace, "1,2 3,4 ");
+}
+
+TEST_F(LoopMessagesTest, ComeToAHiddenWindowThatBroadcastsReach) {
+  EXPECT_EQ(GetAncestor(Window(), GA_PARENT), GetDesktopWindow());
+  EXPECT_EQ(IsWindowVisible(Window()), FALSE);
+  const UINT message = RegisterWindowMessageW(L"Trabex.LoopMessagesTest");
+  int calls = 0;
+  loop.GetImpl().HandleMessage(message, [&](WPARAM, LPARAM) {
+    ++calls;
+    return LRESULT{0};
+  });
+  PostMessageW(HWND_BROADCAST, message, 0, 0);
+  EXPECT_TRUE(RunUntil(loop, [&] { return calls > 0; }));
+}
+
+// Those that wait longest come first, and timers and posts come between.
+TEST_F(LoopMessagesTest, AreBoundedInAnIteration) {
+  constexpr UINT kMessage = WM_USER + 200;
+  constexpr int kMax = EventLoop::Impl::kMaxMessagesPerIteration;
+  int calls = 0;
+  loop.GetImpl().HandleMessage(kMessage, [&](WPARAM, LPARAM) {
+    ++calls;
+    return LRESULT{0};
+  });
+  for (int i = 0; i < 3 * kMax; ++i) PostMessageW(Window(), kMessage, 0, 0);
+  bool posted = false;
+  for (int last = 0; calls < 3 * kMax; last = calls) {
+    loop.Post([&] { posted = true; });
+    ASSERT_TRUE(loop.RunOnce(Milliseconds{5000}));
+    ASSERT_LE(calls - last, kMax);
+    ASSERT_TRUE(posted);
+    posted = false;
+  }
+}
+
+// Windows of others may send and post to all without end.
+TEST_F(LoopMessagesTest, InAStormHoldUpNeitherSocketsNorTimers) {
+  Counter counter;
+  Pair pair = Connect(counter);
+  RunUntilIdle(loop);
+  std::atomic<bool> over{false};
+  const HWND window = Window();
+  std::thread sender([&] {
+    while (!over) SendMessageTimeoutW(window, WM_SETTINGCHANGE, 0, 0, SMTO_BLOCK, 100, nullptr);
+  });
+  std::thread poster([&] {
+    for (int i = 0; !over; ++i) {
+      PostMessageW(window, WM_USER + 100, 0, 0);
+      if (i % 10 == 0) Sleep(1);
+    }
+  });
+  int ticks = 0;
+  Timer timer(loop, Milliseconds{1}, [&] { ++ticks; });
+  timer.Enable();
+  for (int i = 1; i <= 20; ++i) {
+    ASSERT_EQ(pair.peer.Send("x"), 1U);
+    const int before = ticks;
+    EXPECT_TRUE(RunUntil(loop, [&] { return counter.reads == i && ticks > before; }));
+    char byte = 0;
+    std::size_t received = 0;
+    EXPECT_EQ(sockets.Receive(pair.ours, {&byte, 1}, received), 0);
+  }
+  over = true;
+  // The one that sends may wait for the loop.
+  std::atomic<bool> ended{false};
+  std::thread joiner([&] {
+    sender.join();
+    poster.join();
+    ended = true;
+  });
+  EXPECT_TRUE(RunUntil(loop, [&] { return ended.load(); }));
+  joiner.join();
+}
+
+// The system drops what comes to a full queue; taking the messages out is the same.
+TEST_F(LoopMessagesTest, ThatWereDroppedAreMadeUpForWithinBounds) {
+  constexpr int kConnections = 600;
+  constexpr int kMaxAsked = 4 * static_cast<int>(ReadySockets::kMax);
+  static_assert(kConnections > 2 * kMaxAsked);
+  Counter counter;
+  std::vector<Pair> pairs;
+  for (int i = 0; i < kConnections; ++i) pairs.push_back(Connect(counter));
+  RunUntilIdle(loop);
+  ASSERT_EQ(counter.reads, 0);
+  for (Pair& pair : pairs) ASSERT_EQ(pair.peer.Send("x"), 1U);
+  for (const Pair& pair : pairs) Arrived(pair.ours, 1);
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+       std::chrono::steady_clock::now() < end && DropMessages() > 0;) {
+    Sleep(10);
+  }
+  int most = 0;
+  for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+       counter.reads < kConnections && std::chrono::steady_clock::now() < end;) {
+    const int before = counter.reads;
+    loop.RunOnce(Milliseconds{100});
+    most = std::max(most, counter.reads - before);
+  }
+  EXPECT_EQ(counter.reads, kConnections);
+  EXPECT_GT(most, 0);
+  EXPECT_LE(most, kMaxAsked);
+}
+
+TEST_F(LoopMessagesTest, OfAThreadMayBeDropped) {
+  const std::shared_ptr<ThreadPosts> posts = ThreadPostsOf(loop);
+  bool called = false;
+  std::thread poster([&] { posts->Post([&] { called = true; }); });
+  poster.join();
+  MSG message{};
+  while (PeekMessageW(&message, Window(), 0, 0, PM_REMOVE) != 0) continue;
+  EXPECT_TRUE(RunUntil(loop, [&] { return called; }));
 }
 
 TEST(ThreadPostsTest, AreCalledOnTheLoopsThreadInOrderAndNotBehindItsEnd) {
