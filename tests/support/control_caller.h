@@ -2,59 +2,36 @@
 // process.
 #pragma once
 
-#include <sys/socket.h>
-
-#include <array>
-#include <cerrno>
+#include <cstddef>
+#include <memory>
 #include <string>
 #include <string_view>
-
-#include "platform/linux/descriptor.h"
-#include "platform/linux/process/abstract_address.h"
 
 namespace trabex {
 
 class ControlCallerPeer {
  public:
-  explicit ControlCallerPeer(std::string_view name)
-      : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    const AbstractAddress address(name);
-    connected_ = connect(socket_.Get(), address.Get(), address.Length()) == 0;
-  }
+  explicit ControlCallerPeer(std::string_view name);
+  ~ControlCallerPeer();
+  ControlCallerPeer(const ControlCallerPeer&) = delete;
+  ControlCallerPeer& operator=(const ControlCallerPeer&) = delete;
 
-  bool Connected() const { return connected_; }
-  // How much of it the system took.
-  std::size_t Send(std::string_view bytes) {
-    const ssize_t sent = send(socket_.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    return sent < 0 ? 0 : static_cast<std::size_t>(sent);
-  }
-  void EndSending() { shutdown(socket_.Get(), SHUT_WR); }
+  // Whether there is somebody who may answer, be it after others.
+  bool Connected() const;
+  // Sends what the system takes now. On Windows the rest is sent as it is taken.
+  void Send(std::string_view bytes);
+  // Ends the sending side only. Not on Windows, whose pipes have one end for both.
+  void EndSending();
   // All that was said to it so far.
-  const std::string& Heard() {
-    std::array<char, 65536> buffer;
-    for (ssize_t got = 1; got > 0;) {
-      got = recv(socket_.Get(), buffer.data(), buffer.size(), 0);
-      if (got > 0) heard_.append(buffer.data(), static_cast<std::size_t>(got));
-      if (got == 0 || (got < 0 && errno != EAGAIN)) ended_ = true;
-    }
-    return heard_;
-  }
+  const std::string& Heard();
   // Whether the instance has hung up.
-  bool Ended() {
-    Heard();
-    return ended_;
-  }
-  // What is there and was not heard yet.
-  bool SomethingWaits() const {
-    char byte = 0;
-    return recv(socket_.Get(), &byte, 1, MSG_PEEK) > 0;
-  }
+  bool Ended();
+  // Whether there is something that was not heard yet.
+  bool SomethingWaits() const;
 
  private:
-  Descriptor socket_;
-  bool connected_ = false;
-  bool ended_ = false;
-  std::string heard_;
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace trabex

@@ -2,7 +2,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -16,7 +15,9 @@
 #include "match/ip_range.h"
 #include "net/socket_errors.h"
 #include "program_fixture.h"
+#include "support/asked_by_system.h"
 #include "support/loop_runner.h"
+#include "support/open_files.h"
 #include "support/plain_socket.h"
 
 namespace trabex {
@@ -201,7 +202,7 @@ TEST_F(MainWindowTest, ListenerGoesOnWhileANameIsLookedUp) {
 TEST_F(MainWindowTest, EndAskedForDuringTheLookUpEndsTheStart) {
   Settings().ServerPort = Settings().BindPort;
   names_->HoldAnswers();
-  program_.loop.Post([] { std::raise(SIGTERM); });
+  program_.loop.Post([this] { AskForEnd(program_.loop); });
   EXPECT_FALSE(Window().Form_Load());
   EXPECT_TRUE(Window().Unloaded());
   EXPECT_EQ(names_->Cancelled(), 1U);
@@ -269,13 +270,13 @@ TEST_F(MainWindowTest, ErrorOfTheListenerEndsTheProgramWithAStatus) {
   EXPECT_EQ(program_.exit_status, 1);
 }
 
-TEST_F(MainWindowTest, EachEndingSignalUnloads) {
-  for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
+TEST_F(MainWindowTest, EachEndRequestOfTheSystemUnloads) {
+  for (int way = 0; way < WaysToAskForEnd(); ++way) {
     program_.window = std::make_unique<frmMain>(program_);
     ASSERT_TRUE(Window().Form_Load());
-    std::raise(number);
+    AskForEnd(program_.loop, way);
     program_.loop.Run();
-    EXPECT_TRUE(Window().Unloaded()) << number;
+    EXPECT_TRUE(Window().Unloaded()) << way;
     EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
   }
 }
@@ -309,14 +310,7 @@ TEST_F(MainWindowTest, SecondInstanceOnThePortIsRefusedAndSaysSo) {
 
 TEST_F(MainWindowTest, IdleLogFileIsClosed) {
   ASSERT_TRUE(Window().Form_Load());
-  const auto open_logs = [this] {
-    std::size_t count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-      std::error_code gone;
-      count += std::filesystem::read_symlink(entry.path(), gone).parent_path() == Settings().LogPath;
-    }
-    return count;
-  };
+  const auto open_logs = [this] { return OpenFilesIn(Settings().LogPath); };
   EXPECT_EQ(open_logs(), 1U);
   Pass(Milliseconds(4000));
   program_.log.LogLine("another line");  // the five seconds begin anew

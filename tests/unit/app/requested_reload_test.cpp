@@ -1,7 +1,6 @@
 // The reload on request.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -14,7 +13,7 @@
 #include "app/requested_reload.h"
 #include "platform/instance_lock.h"
 #include "reload_fixture.h"
-#include "support/default_hang_up.h"
+#include "support/asked_by_system.h"
 #include "support/ip_address.h"
 #include "support/loop_runner.h"
 #include "support/plain_socket.h"
@@ -28,15 +27,16 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-// What SIGHUP does without a window.
+// What SIGHUP does without a window, and a request over the control channel.
 class RequestedReloadTest : public AutoReloadTest {
  protected:
+  // In the first way, where the system has it, and without waiting for an answer.
   void Ask() {
-    ASSERT_EQ(raise(SIGHUP), 0);
+    if (!ReloadsOfTheSystem::Ask()) Window().RequestReload({});
     RunUntilIdle(program_->loop);
   }
 
-  // The other way, with its answer.
+  // In the other way, with its answer.
   void Request() {
     outcome_.reset();
     Window().RequestReload([this](const RequestedReload::Outcome& outcome) { outcome_ = outcome; });
@@ -57,7 +57,7 @@ class RequestedReloadTest : public AutoReloadTest {
   }
 
   std::optional<RequestedReload::Outcome> outcome_;
-  const DefaultHangUp hang_up_;
+  const ReloadsOfTheSystem reloads_of_the_system_;
 };
 
 TEST_F(RequestedReloadTest, IsMadeAtOnce) {
@@ -360,44 +360,12 @@ TEST_F(RequestedReloadTest, WaitsForTheLookUpOfTheOneBefore) {
   EXPECT_FALSE(Window().Unloaded());
 }
 
-TEST_F(RequestedReloadTest, OfTheTimeOfTheStartIsMadeAfterIt) {
-  server_port_ = port_;
-  WriteIni("ServerIP=server.test\nTimeout=100\n");
-  ASSERT_EQ(program_->ReadEarlyKeys(), EarlyKeysResult::kRead);
-  ASSERT_TRUE(program_->LockInstance());
-  ASSERT_EQ(LoadConfiguration(program_->MakeLoadDependencies(), Settings()), LoadResult::kLoaded);
-  program_->window = std::make_unique<frmMain>(*program_);
-  WriteIni("ServerIP=server.test\nTimeout=200\n");
-  names_->SetAddresses("server.test", {IP("10.0.0.1")});
-  names_->HoldAnswers();
-  // In the loop, while the start waits for the name of the server.
-  int iterations = 0;
-  Timer turning(program_->loop, Milliseconds(0), [&] {
-    ++iterations;
-    if (iterations == 1) raise(SIGHUP);
-    if (iterations < 3) return;
-    EXPECT_EQ(Settings().Timeout, 100);
-    EXPECT_EQ(Reloads(), 0);
-    turning.Disable();
-    names_->Deliver();
-  });
-  turning.Enable();
-  ASSERT_TRUE(program_->window->Form_Load());
-  RunUntilIdle(program_->loop);
-  names_->Deliver();  // of the check
-  RunUntilIdle(program_->loop);
-  EXPECT_EQ(Reloads(), 1);
-  EXPECT_EQ(Settings().Timeout, 200);
-  EXPECT_TRUE(PlainSocket().Connect(port_));
-}
-
 TEST_F(RequestedReloadTest, IsNoneAfterTheEnd) {
   Start();
   WriteIni("Timeout=200\n");
   Window().Form_Unload();
   log_.clear();
   Ask();
-  raise(SIGUSR1);
   RunUntilIdle(program_->loop);
   EXPECT_EQ(Settings().Timeout, 100);
   EXPECT_EQ(log_, std::vector<std::string>());

@@ -1,28 +1,15 @@
 // Whole runs of the program inside the test's process: those that end by themselves, and, with an end request
 // that waits from the beginning, those that start.
-#include "app/start_up.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <initializer_list>
 #include <memory>
-#include <sstream>
 #include <string>
-#include <string_view>
-#include <vector>
 
-#include "base/text.h"
 #include "platform/instance_lock.h"
-#include "support/child_process.h"
-#include "support/fake_clock.h"
-#include "support/fake_name_lookup.h"
+#include "start_up_fixture.h"
 #include "support/plain_socket.h"
-#include "support/temp_folder.h"
 
 namespace trabex {
 namespace {
@@ -32,89 +19,6 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-// Signals that stay pending until they are taken.
-class WaitingSignals {
- public:
-  explicit WaitingSignals(std::initializer_list<int> numbers) {
-    sigemptyset(&signals_);
-    for (const int number : numbers) sigaddset(&signals_, number);
-    pthread_sigmask(SIG_BLOCK, &signals_, &before_);
-    for (const int number : numbers) raise(number);
-  }
-  ~WaitingSignals() {
-    const timespec at_once{};
-    while (sigtimedwait(&signals_, nullptr, &at_once) > 0) continue;
-    pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  }
-  WaitingSignals(const WaitingSignals&) = delete;
-  WaitingSignals& operator=(const WaitingSignals&) = delete;
-
- private:
-  sigset_t signals_{};
-  sigset_t before_{};
-};
-
-class StartUpTest : public testing::Test {
- protected:
-  StartUpTest() : port_(FreePort()), port_text_(std::to_string(port_)) {}
-
-  // The initialization file beside the program; the port is in it.
-  void WriteIni(std::string_view lines) {
-    WriteFile(folder_ / "Trabex.ini",
-              "[Common]\nBindIP=127.0.0.1\nBindPort=" + port_text_ + "\n" + std::string(lines));
-  }
-  int Run(const std::vector<std::string_view>& arguments) {
-    out_.str("");
-    err_.str("");
-    return RunProgram(arguments,
-                      {.clock = clock_,
-                       .out = out_,
-                       .err = err_,
-                       .show = [this](std::string_view text) { err_ << text; },
-                       .answered = [this] { ++answers_; },
-                       .program_directory = folder_.Path(),
-                       .program_name = "Trabex",
-                       .make_names = [](EventLoop& loop) { return std::make_unique<FakeNameLookup>(loop); }});
-  }
-  // A run that starts, serves and is asked to end.
-  int RunAndEnd(const std::vector<std::string_view>& arguments) {
-    const WaitingSignals end({SIGTERM});
-    return Run(arguments);
-  }
-
-  std::string LogText(const std::string& folder = "Log") const {
-    std::string text;
-    if (!fs::exists(folder_ / folder)) return text;
-    for (const auto& entry : fs::directory_iterator(folder_ / folder)) text += ReadFile(entry.path());
-    return text;
-  }
-  // The messages without their time stamps.
-  std::vector<std::string> LogLines(const std::string& folder = "Log") const {
-    std::vector<std::string> lines;
-    const std::string text = ReplaceAll(LogText(folder), kCrLf, "\n");
-    for (const std::string_view line : Split(text, '\n')) {
-      if (line.size() > 18) lines.emplace_back(line.substr(18));
-    }
-    return lines;
-  }
-  std::string ListenLine() const {
-    return "Listen on: 127.0.0.1:" + port_text_ + "; Connect to: 127.0.0.1:25.";
-  }
-
-  TempFolder folder_;
-  FakeClock clock_;
-  int port_;
-  std::string port_text_;
-  std::ostringstream out_;
-  std::ostringstream err_;
-  int answers_ = 0;
-};
-
-constexpr std::string_view kStarted = "Trabex 3.04.012 started.";
-constexpr std::string_view kStopped = "Trabex 3.04.012 stopped.";
-constexpr std::string_view kNotStarted =
-    "Trabex 3.04.012 not started due to an error in initialization file.";
 
 TEST_F(StartUpTest, HelpAndVersionGoToStandardOutput) {
   EXPECT_EQ(Run({"/?"}), 0);
@@ -157,17 +61,6 @@ TEST_F(StartUpTest, OrderlyRun) {
   EXPECT_THAT(LogLines(), ElementsAre(kStarted, ListenLine(), kStopped));
   EXPECT_EQ(out_.str() + err_.str(), "");
   EXPECT_EQ(RequestExit(InstanceName(port_)), ExitRequest::kNoInstance) << "the lock is gone";
-}
-
-TEST_F(StartUpTest, SignalsOfBeforeTheStartCount) {
-  WriteIni("");
-  for (const int number : {SIGTERM, SIGINT, SIGQUIT}) {
-    const WaitingSignals end({SIGUSR1, number});
-    EXPECT_EQ(Run({"/HI", "/L", folder_ / std::to_string(number)}), 0) << number;
-    EXPECT_THAT(LogLines(std::to_string(number)),
-                ElementsAre(kStarted, ListenLine(), "Log file reopened.", kStopped))
-        << number;
-  }
 }
 
 TEST_F(StartUpTest, PortOfTheCommandLineWins) {
@@ -283,29 +176,6 @@ TEST_F(StartUpTest, SecondInstanceOnThePortIsRefused) {
   EXPECT_THAT(LogLines(), ElementsAre(line));
   port_text_ = std::to_string(FreePort());
   EXPECT_EQ(RunAndEnd({"/HI", "/P", port_text_}), 0) << "another port is another instance";
-}
-
-TEST_F(StartUpTest, NameTakenByAnotherUserIsNoSecondInstance) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
-  WriteIni("");
-  Notice locked;
-  ChildProcess stranger([&] {
-    if (setuid(54321) != 0) return 1;
-    EventLoop loop(clock_);
-    const std::unique_ptr<InstanceLock> lock = TryLockInstance(loop, InstanceName(port_), [] {});
-    locked.Give();
-    for (;;) pause();
-    return 0;
-  });
-  locked.Await();
-  const std::string line =
-      "A process of another user (uid 54321) holds the name of the instance listening on the same port; no "
-      "instance of our own user runs.";
-  EXPECT_EQ(Run({"/HI"}), 1);
-  EXPECT_EQ(err_.str(), "Trabex: " + line + "\n");
-  EXPECT_THAT(LogLines(), ElementsAre(line));
-  EXPECT_EQ(Run({"/X"}), 0);
-  EXPECT_EQ(out_.str() + err_.str(), "");
 }
 
 TEST_F(StartUpTest, ExitRequestStartsNothingAndIsForThePort) {

@@ -14,11 +14,48 @@
 #include "config/ini_reader.h"
 #include "config/read_settings.h"
 #include "config/settings_table.h"
+#include "platform/files.h"
 #include "support/recorded_log.h"
 
 namespace trabex {
 
 using Lines = std::vector<std::string>;
+
+// The tests write paths as Linux has them, under the program's directory "/opt/trabex". This gives `text` with those
+// paths as this system has them: with a drive, and with its separator behind what is put together.
+inline std::string WithPathsOfSystem(std::string_view text) {
+  if (IsAbsolutePath("/x")) return std::string(text);
+  constexpr std::string_view kProgramDirectory = "/opt/trabex";
+  constexpr std::string_view kDatabaseFolder = "/GreyListing";
+  std::string written;
+  const auto take = [&](std::string_view part) {
+    if (!text.starts_with(part)) return false;
+    written += part;
+    text.remove_prefix(part.size());
+    return true;
+  };
+  const auto take_separator = [&] {
+    if (!text.starts_with('/')) return;
+    written += kPathSeparator;
+    text.remove_prefix(1);
+  };
+  while (!text.empty()) {
+    const bool begins =
+        text.front() == '/' &&
+        (written.empty() || std::string_view("=,\"' \n").find(written.back()) != std::string_view::npos);
+    if (begins) written += "C:";
+    if (begins && take(kProgramDirectory)) {
+      if (text.starts_with(kDatabaseFolder)) {
+        take_separator();
+        take(kDatabaseFolder.substr(1));
+      }
+      take_separator();
+    } else {
+      take(text.substr(0, 1));
+    }
+  }
+  return written;
+}
 
 // A store filled from a text.
 struct ReadText {
@@ -40,21 +77,21 @@ inline Lines RawValues(const SectionTable& section, std::string_view key) {
   return values;
 }
 
-// A configuration loaded from a text, the early keys left as they are by default.
+// A configuration loaded from a text with the paths of this system, the early keys left as they are by default.
 struct LoadedText {
-  explicit LoadedText(std::string text, bool ignore_errors = true) {
+  explicit LoadedText(const std::string& text, bool ignore_errors = true) {
     configuration.IgnoreIniErrors = ignore_errors;
-    Load(std::move(text));
+    Load(text);
   }
 
   // Once more, into the same configuration.
-  void Load(std::string text) {
-    const SettingContext context{.program_directory = "/opt/trabex",
+  void Load(const std::string& text) {
+    const SettingContext context{.program_directory = WithPathsOfSystem("/opt/trabex"),
                                  .local_host_name = [] { return std::string("proxy.test"); },
                                  .accepts_ciphers = [](const std::string& list) { return list != "bad"; }};
     const IniErrors errors{log, configuration.IgnoreIniErrors};
     SectionStore store;
-    result = mCommon::ReadIniText("x.ini", std::move(text), store, errors);
+    result = mCommon::ReadIniText("x.ini", WithPathsOfSystem(text), store, errors);
     if (!result) return;
     try {
       ReadSettings(store, errors, context, configuration);

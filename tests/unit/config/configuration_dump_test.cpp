@@ -21,95 +21,96 @@ TEST(LogConfiguration, WritesTheWholeConfiguration) {
       "[SenderReplacements.Local]\n*@a.test=x@b.test\nz=\n[RecipientReplacements.Remote]\n\"a b\",c=d\n",
       false);
   ASSERT_TRUE(loaded.result);
-  loaded.configuration.LogPath = "/var/log";
+  loaded.configuration.LogPath = WithPathsOfSystem("/var/log");
   loaded.configuration.Log = 2;
   const std::string equals = ";" + std::string(74, '=') + "\n";
   const std::string dashes = ";" + std::string(74, '-') + "\n";
-  EXPECT_EQ(Joined(DumpLines(loaded.configuration)),
-            equals +
-                "; Initialization file: x.ini\n"
-                "; Current configuration:\n" +
-                equals +
-                "[Common]\n"
-                "Log = 2\n"
-                "LogPath = /var/log\n"
-                "LogLevelServer = 15\n"
-                "LogLevelRemote = 15\n"
-                "AutoReload = 1\n"
-                "IgnoreIniErrors = 0\n"
-                "BindIP = 192.0.2.1\n"
-                "BindPort = 25\n"
-                "ServerIP = 127.0.0.1\n"
-                "ServerPort = 25\n"
-                "LocalIPs = 127.0.0.0/8, 10.0.0.0/8, 172.16.0.0/12, 192.168.0.0/16, 169.254.0.0/16\n"
-                "LocalDomains = a.test b.test, c.test\n"
-                "LocalHostName = proxy.test\n"
-                "EnhancedStatusCodes = 1\n"
-                "MaxConnections = 0\n"
-                "Timeout = 300\n"
-                "ProcessAddressesWithoutBrackets = 0\n"
-                "IPWhiteList =\n"
-                "IPAllowList = 0.0.0.0/0\n"
-                "IPBlackList =\n"
-                "MaxBadSeq = 10\n"
-                "ValidateRDNS = 0\n"
-                "HostsWhiteList =\n"
-                "HostsAllowList = *\n"
-                "HostsBlackList =\n"
-                "RemoveSMTPExtensionsLocal =\n"
-                "RemoveSMTPExtensionsRemote =\n"
-                "AddSMTPExtensionsLocal =\n"
-                "AddSMTPExtensionsRemote =\n"
-                "ValidateHELO = 0\n"
-                "HELOBlackList =\n"
-                "MaxTransactionsLocal = 0\n"
-                "MaxTransactionsRemote = 0\n"
-                "MaxSize = 10M\n"
-                "SendersWhiteList =\n"
-                "SendersAllowList = *\n"
-                "SendersBlackList = \"x y\", \"p,q\" r\n"
-                "MaxRecipientsLocal = 0\n"
-                "MaxRecipientsRemote = 0\n"
-                "RecipientsWhiteListLocal =\n"
-                "RecipientsAllowListLocal = *\n"
-                "RecipientsBlackListLocal =\n"
-                "RecipientsWhiteListRemote =\n"
-                "RecipientsAllowListRemote = *\n"
-                "RecipientsBlackListRemote =\n"
-                "PrivateRecipients =\n"
-                "RestrictedSenders =\n"
-                "AddReceived = 1\n" +
-                dashes +
-                "[GreyListing]\n"
-                "Enabled = 1\n"
-                "Log = 0\n"
-                "Database = /opt/trabex/GreyListing/GreyListing.gldb\n"
-                "MinCount = 1\n"
-                "BlackListMinCount = 2\n"
-                "Delay = 30\n"
-                "BlackListDelay = 64\n"
-                "TTL = 51840\n"
-                "ShortTTL = 240\n"
-                "SaveInterval = 120\n"
-                "IPWhiteList =\n"
-                "HostsWhiteList =\n"
-                "IPBlackList =\n"
-                "HostsBlackList = []\n"
-                "CallbackSendersList = [], postmaster@*\n"
-                "CallbackSenderAction = 1\n" +
-                dashes +
-                "[ResponseChanges]\n"
-                "RCPT.Greylisted = <later>\n"
-                "MAIL.250 = <a>=<b>, <c>==<d>\n" +
-                dashes +
-                "[SenderReplacements.Local]\n"
-                "*@a.test = x@b.test\n"
-                "z = \n" +
-                dashes + "[SenderReplacements.Remote]\n" + dashes + "[RecipientReplacements.Local]\n" +
-                dashes +
-                "[RecipientReplacements.Remote]\n"
-                "\"a b\",c = d\n" +
-                equals);
+  EXPECT_EQ(
+      Joined(DumpLines(loaded.configuration)),
+      WithPathsOfSystem(equals +
+                        "; Initialization file: x.ini\n"
+                        "; Current configuration:\n" +
+                        equals +
+                        "[Common]\n"
+                        "Log = 2\n"
+                        "LogPath = /var/log\n"
+                        "LogLevelServer = 15\n"
+                        "LogLevelRemote = 15\n"
+                        "AutoReload = 1\n"
+                        "IgnoreIniErrors = 0\n"
+                        "BindIP = 192.0.2.1\n"
+                        "BindPort = 25\n"
+                        "ServerIP = 127.0.0.1\n"
+                        "ServerPort = 25\n"
+                        "LocalIPs = 127.0.0.0/8, 10.0.0.0/8, 172.16.0.0/12, 192.168.0.0/16, 169.254.0.0/16\n"
+                        "LocalDomains = a.test b.test, c.test\n"
+                        "LocalHostName = proxy.test\n"
+                        "EnhancedStatusCodes = 1\n"
+                        "MaxConnections = 0\n"
+                        "Timeout = 300\n"
+                        "ProcessAddressesWithoutBrackets = 0\n"
+                        "IPWhiteList =\n"
+                        "IPAllowList = 0.0.0.0/0\n"
+                        "IPBlackList =\n"
+                        "MaxBadSeq = 10\n"
+                        "ValidateRDNS = 0\n"
+                        "HostsWhiteList =\n"
+                        "HostsAllowList = *\n"
+                        "HostsBlackList =\n"
+                        "RemoveSMTPExtensionsLocal =\n"
+                        "RemoveSMTPExtensionsRemote =\n"
+                        "AddSMTPExtensionsLocal =\n"
+                        "AddSMTPExtensionsRemote =\n"
+                        "ValidateHELO = 0\n"
+                        "HELOBlackList =\n"
+                        "MaxTransactionsLocal = 0\n"
+                        "MaxTransactionsRemote = 0\n"
+                        "MaxSize = 10M\n"
+                        "SendersWhiteList =\n"
+                        "SendersAllowList = *\n"
+                        "SendersBlackList = \"x y\", \"p,q\" r\n"
+                        "MaxRecipientsLocal = 0\n"
+                        "MaxRecipientsRemote = 0\n"
+                        "RecipientsWhiteListLocal =\n"
+                        "RecipientsAllowListLocal = *\n"
+                        "RecipientsBlackListLocal =\n"
+                        "RecipientsWhiteListRemote =\n"
+                        "RecipientsAllowListRemote = *\n"
+                        "RecipientsBlackListRemote =\n"
+                        "PrivateRecipients =\n"
+                        "RestrictedSenders =\n"
+                        "AddReceived = 1\n" +
+                        dashes +
+                        "[GreyListing]\n"
+                        "Enabled = 1\n"
+                        "Log = 0\n"
+                        "Database = /opt/trabex/GreyListing/GreyListing.gldb\n"
+                        "MinCount = 1\n"
+                        "BlackListMinCount = 2\n"
+                        "Delay = 30\n"
+                        "BlackListDelay = 64\n"
+                        "TTL = 51840\n"
+                        "ShortTTL = 240\n"
+                        "SaveInterval = 120\n"
+                        "IPWhiteList =\n"
+                        "HostsWhiteList =\n"
+                        "IPBlackList =\n"
+                        "HostsBlackList = []\n"
+                        "CallbackSendersList = [], postmaster@*\n"
+                        "CallbackSenderAction = 1\n" +
+                        dashes +
+                        "[ResponseChanges]\n"
+                        "RCPT.Greylisted = <later>\n"
+                        "MAIL.250 = <a>=<b>, <c>==<d>\n" +
+                        dashes +
+                        "[SenderReplacements.Local]\n"
+                        "*@a.test = x@b.test\n"
+                        "z = \n" +
+                        dashes + "[SenderReplacements.Remote]\n" + dashes +
+                        "[RecipientReplacements.Local]\n" + dashes +
+                        "[RecipientReplacements.Remote]\n"
+                        "\"a b\",c = d\n" +
+                        equals));
 }
 
 // A dump from before they came stays as it was.
@@ -169,9 +170,10 @@ TEST(LogConfiguration, ShowsTheSectionTLSWhenItHasALine) {
   EXPECT_EQ(dump_with("Server=1\n"), expected_with({"Server = 1"}));
 
   Lines expected = expected_with(
-      {"Certificate = /c \"/k y\"", "MinVersion = 1.3", "Ciphers = HIGH", "Require = 3", "RequireForAUTH = 0",
-       "ClientCertificates = 2", "ClientCA = /ca", "SessionTickets = 0", "HandshakeTimeout = 1",
-       "MaxHandshakes = 0", "Server = 3", "ServerVerify = 1", "ServerName = n", "ServerCA = /opt/trabex/ca"});
+      {WithPathsOfSystem("Certificate = /c \"/k y\""), "MinVersion = 1.3", "Ciphers = HIGH", "Require = 3",
+       "RequireForAUTH = 0", "ClientCertificates = 2", WithPathsOfSystem("ClientCA = /ca"),
+       "SessionTickets = 0", "HandshakeTimeout = 1", "MaxHandshakes = 0", "Server = 3", "ServerVerify = 1",
+       "ServerName = n", WithPathsOfSystem("ServerCA = /opt/trabex/ca")});
   const Lines common = {"ConfirmHostNames = 1", "BindPortTLS = 465"};
   expected.insert(std::find(expected.begin(), expected.end(), "AddReceived = 1") + 1, common.begin(),
                   common.end());

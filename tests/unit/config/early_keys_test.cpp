@@ -11,13 +11,13 @@ namespace trabex {
 namespace {
 
 EarlyKeyInputs Inputs() {
-  return {.ini_path = "x.ini", .program_directory = "/opt/trabex"};
+  return {.ini_path = "x.ini", .program_directory = WithPathsOfSystem("/opt/trabex")};
 }
 
 struct ReadEarly {
   explicit ReadEarly(const std::string& text, const EarlyKeyInputs& inputs = Inputs()) {
     try {
-      ReadEarlyKeysFromText(text, inputs, configuration, log);
+      ReadEarlyKeysFromText(WithPathsOfSystem(text), inputs, configuration, log);
     } catch (const Error&) {
       failed = true;
     }
@@ -32,7 +32,7 @@ TEST(EarlyKeys, HaveDefaults) {
   EXPECT_FALSE(read.failed);
   EXPECT_TRUE(read.configuration.IgnoreIniErrors);
   EXPECT_EQ(read.configuration.Log, 1);
-  EXPECT_EQ(read.configuration.LogPath, "/opt/trabex/Log");
+  EXPECT_EQ(read.configuration.LogPath, WithPathsOfSystem("/opt/trabex/Log"));
   EXPECT_EQ(read.configuration.BindPort, 25);
   EXPECT_EQ(read.log.Lines(), Lines{});
 }
@@ -70,7 +70,7 @@ TEST(EarlyKeys, AreFoundLikeProfileStrings) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.text);
     const ReadEarly read(row.text);
-    EXPECT_EQ(read.configuration.LogPath, row.log_path);
+    EXPECT_EQ(read.configuration.LogPath, WithPathsOfSystem(row.log_path));
     EXPECT_EQ(read.log.Lines(), Lines{});
   }
 }
@@ -134,7 +134,7 @@ TEST(EarlyKeys, LeaveTheKeysAfterABadOneAsTheyWere) {
   const ReadEarly read("[Common]\nBindPort=70000\nLogPath=/a\nLog=2\nIgnoreIniErrors=0\n");
   EXPECT_TRUE(read.failed);
   EXPECT_EQ(read.configuration.Log, 2);
-  EXPECT_EQ(read.configuration.LogPath, "/a");
+  EXPECT_EQ(read.configuration.LogPath, WithPathsOfSystem("/a"));
   EXPECT_EQ(read.configuration.BindPort, 25);
 }
 

@@ -124,7 +124,7 @@ TEST_F(ListFilesTest, MissingIsABadValueAtAStart) {
 TEST_F(ListFilesTest, PathLiesUnderTheProgramsDirectoryUnlessItIsGivenOtherwise) {
   const LoadedText loaded("[ListFiles]\nCommon.HostsAllowList=lists/hosts\nCommon.IPAllowList=\n");
   ASSERT_EQ(loaded.configuration.ListFiles.size(), 1U);
-  EXPECT_EQ(loaded.configuration.ListFiles[0].path, "/opt/trabex/lists/hosts");
+  EXPECT_EQ(loaded.configuration.ListFiles[0].path, WithPathsOfSystem("/opt/trabex/lists/hosts"));
 }
 
 // The dump shows what the initialization file has, and the files; so it reads back as the same.

@@ -82,7 +82,7 @@ TEST(ReadSettings, ResolvesTheDatabase) {
               {"/var/x", "/var/x"}};
   for (const auto& row : rows) {
     const LoadedText loaded("[GreyListing]\nDatabase=" + std::string(row.value) + "\n", false);
-    EXPECT_EQ(loaded.configuration.GreyListing.Database, row.path);
+    EXPECT_EQ(loaded.configuration.GreyListing.Database, WithPathsOfSystem(row.path));
   }
 }
 
@@ -162,7 +162,7 @@ class LoadConfigurationTest : public testing::Test, private LoadHost {
   }
   LoadDependencies Dependencies() {
     return {.file = file_,
-            .context = {.program_directory = "/opt/trabex",
+            .context = {.program_directory = WithPathsOfSystem("/opt/trabex"),
                         .local_host_name = [this]() -> std::string {
                           if (host_error_ != 0) throw Error(host_error_, "test", "No name");
                           return "proxy.test";
@@ -233,7 +233,7 @@ TEST_F(LoadConfigurationTest, StartsWithDefaultsOfAMissingFileOnlyIfErrorsAreIgn
 TEST_F(LoadConfigurationTest, LoadsTheGreylistingDatabaseWhenEnabled) {
   Write("[GreyListing]\nEnabled=1\nDatabase=a.gldb\n");
   EXPECT_EQ(Load(), LoadResult::kLoaded);
-  EXPECT_EQ(log_.Take(), (Lines{"(load /opt/trabex/GreyListing/a.gldb)"}));
+  EXPECT_EQ(log_.Take(), (Lines{WithPathsOfSystem("(load /opt/trabex/GreyListing/a.gldb)")}));
 }
 
 TEST_F(LoadConfigurationTest, SavesToTheOldDatabaseAtAReload) {

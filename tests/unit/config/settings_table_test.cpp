@@ -198,7 +198,8 @@ TEST(Settings, HaveTheirDefaults) {
   const LoadedText loaded("", false);
   ASSERT_TRUE(loaded.result);
   for (const PlacedRow& placed : AllRows()) {
-    EXPECT_EQ(DumpedValue(loaded.configuration, placed.section, placed.row.key), placed.row.default_value)
+    EXPECT_EQ(DumpedValue(loaded.configuration, placed.section, placed.row.key),
+              WithPathsOfSystem(placed.row.default_value))
         << placed.row.key;
   }
   EXPECT_EQ(loaded.log.Lines(), Lines{});
@@ -302,7 +303,8 @@ TEST(Settings, ReadListsInTheirForm) {
       if (form.kind != placed.row.kind) continue;
       SCOPED_TRACE(placed.row.key);
       const LoadedText loaded(FileWith(placed, form.text));
-      EXPECT_EQ(DumpedValue(loaded.configuration, placed.section, placed.row.key), form.dumped);
+      EXPECT_EQ(DumpedValue(loaded.configuration, placed.section, placed.row.key),
+                WithPathsOfSystem(form.dumped));
       ASSERT_EQ(loaded.log.Lines().size(), form.reports.size());
       EXPECT_EQ(loaded.log.Lines()[0], "Error parsing initialization file. Section: \"" +
                                            std::string(placed.section) + "\", Key name: \"" + placed.row.key +

@@ -207,8 +207,8 @@ TEST(Certificate, NamesOneFileOrTwo) {
     SCOPED_TRACE(row.line);
     const std::string file = "[TLS]\nCertificate=" + std::string(row.line) + "\n";
     const LoadedText loaded(file);
-    EXPECT_EQ(DumpedValue(loaded.configuration, "TLS", "Certificate"), row.dumped);
-    const std::string error = row.error;
+    EXPECT_EQ(DumpedValue(loaded.configuration, "TLS", "Certificate"), WithPathsOfSystem(row.dumped));
+    const std::string error = WithPathsOfSystem(row.error);
     const Lines report = {
         "Error parsing initialization file. Section: \"TLS\", Key name: \"Certificate\", "
         "Error number: " +
@@ -217,7 +217,9 @@ TEST(Certificate, NamesOneFileOrTwo) {
     EXPECT_EQ(LoadedText(file, false).result, error.empty());
   }
   const LoadedText lines("[TLS]\nCertificate=/a\nCertificate=/b /k\n", false);
-  EXPECT_EQ(lines.configuration.TLS.Certificate, (std::vector<CertificateFiles>{{"/a", "/a"}, {"/b", "/k"}}));
+  EXPECT_EQ(lines.configuration.TLS.Certificate,
+            (std::vector<CertificateFiles>{{WithPathsOfSystem("/a"), WithPathsOfSystem("/a")},
+                                           {WithPathsOfSystem("/b"), WithPathsOfSystem("/k")}}));
 }
 
 // What is misspelled is no wish to do without TLS.
@@ -286,7 +288,7 @@ TEST(ClientCertificates, NeedAnAuthorityWhenTheyAreRequired) {
 
 TEST(TLSFiles, LieUnderTheProgramsDirectoryUnlessTheyAreGivenOtherwise) {
   const LoadedText loaded("[TLS]\nClientCA=tls/ca.pem\nServerCA=./ca.pem\n", false);
-  EXPECT_EQ(loaded.configuration.TLS.ClientCA, "/opt/trabex/tls/ca.pem");
+  EXPECT_EQ(loaded.configuration.TLS.ClientCA, WithPathsOfSystem("/opt/trabex/tls/ca.pem"));
   EXPECT_EQ(loaded.configuration.TLS.ServerCA, "./ca.pem");
 }
 

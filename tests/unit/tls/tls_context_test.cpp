@@ -1,15 +1,7 @@
 #include "tls/tls_context.h"
 
-#include <pty.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <cstdlib>
-
 #include "tls/tls_context_impl.h"
-#include "tls_fixture.h"
+#include "tls_client_fixture.h"
 
 namespace trabex {
 namespace {
@@ -236,33 +228,8 @@ TEST_F(TlsContextTest, TellsWhatIsWrongWithFiles) {
   WriteFile(broken,
             one.certificate + one.certificate.substr(0, 300) + "\n-----END CERTIFICATE-----\n" + one.key);
   EXPECT_NE(of_chain(broken), "");
-  // Nobody would ever write to it, and reading would wait.
-  const std::string pipe = folder / "pipe.pem";
-  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
-  EXPECT_EQ(of_chain(pipe), "Not a regular file");
   EXPECT_EQ(FailureOf(Write("small.pem", TestCertificateOptions{}), "DEFAULT@SECLEVEL=5").reason,
             "ee key too small");
-}
-
-// The program would stand still until somebody types the password.
-TEST_F(TlsContextTest, AKeyWithAPasswordAsksNoTerminal) {
-  const auto files = Write("locked.pem", {.password = "secret"});
-  int terminal = -1;
-  const pid_t process = forkpty(&terminal, nullptr, nullptr, nullptr);
-  ASSERT_GE(process, 0);
-  if (process == 0) {
-    TlsLoadReport report;
-    const bool none = TlsContext::ForServer({.certificates = {files}}, report) == nullptr;
-    _exit(none && report.failures.size() == 1 ? EXIT_SUCCESS : EXIT_FAILURE);
-  }
-  char asked = 0;
-  const ssize_t count = read(terminal, &asked, 1);  // an error when the process has gone without a word
-  EXPECT_LE(count, 0);
-  if (count > 0) kill(process, SIGKILL);
-  int status = 0;
-  EXPECT_EQ(waitpid(process, &status, 0), process);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_SUCCESS);
-  close(terminal);
 }
 
 TEST_F(TlsContextTest, WhatCannotBeUsedIsLeftOut) {
@@ -503,36 +470,6 @@ TEST_F(TlsTicketTest, ThereAreNoneWhereTheyAreOffOrCertificatesAreAskedFor) {
                                 .client_ca = folder / "ca.pem"});
     EXPECT_EQ(Session(asking, options, 0), nullptr);
   }
-}
-
-class TlsClientContextTest : public TlsTest {
- protected:
-  void SetUp() override { WriteFile(folder / "ca.pem", authority.certificate); }
-
-  // The facts of a connection to a server with this certificate, or why there is none.
-  std::string Try(const TlsClientOptions& options, const TestCertificateOptions& certificate) {
-    TlsLoadReport report;
-    TlsConnection c(TlsContext::ForClient(options, report),
-                    {.server = true, .certificate = MakeTestCertificate(certificate, &authority)});
-    if (c.Handshake() != TlsResult::kDone) return "failed: " + c.stream.FailureReason();
-    const TlsFacts& facts = c.stream.Facts();
-    return facts.peer_verified ? "verified" : "not verified: " + std::string(facts.peer_failure);
-  }
-
-  const TestCertificate authority = MakeTestCertificate({.common_name = "CA", .authority = true});
-};
-
-// Whoever the system trusts may vouch only where that was meant.
-TEST_F(TlsClientContextTest, TheSystemsAuthoritiesAreNoWayOut) {
-  const std::string file = folder / "ca.pem";
-  ASSERT_EQ(setenv("SSL_CERT_FILE", file.c_str(), 1), 0);
-  const TestCertificateOptions good{.dns_names = {"mx.test"}};
-  EXPECT_EQ(Try({.verify = true, .server_name = "mx.test"}, good), "verified");
-  EXPECT_NE(Try({.verify = true, .server_name = "mx.test", .server_ca = folder / "none.pem"}, good),
-            "verified");
-  EXPECT_NE(Try({.verify = true}, good), "verified");
-  EXPECT_NE(Try({.verify = false}, good), "verified");
-  unsetenv("SSL_CERT_FILE");
 }
 
 TEST_F(TlsClientContextTest, VerifiesTheNameOrAddressOfTheServer) {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/child_process.h"
-#include "support/default_hang_up.h"
+#include "support/linux/default_hang_up.h"
 
 namespace trabex {
 namespace {

@@ -9,8 +9,8 @@
 #include "platform/clock.h"
 #include "platform/linux/process/signals.h"
 #include "support/child_process.h"
-#include "support/default_hang_up.h"
 #include "support/fake_clock.h"
+#include "support/linux/default_hang_up.h"
 #include "support/loop_runner.h"
 
 namespace trabex {
