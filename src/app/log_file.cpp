@@ -110,9 +110,16 @@ void LogFile::Append(std::string_view stamp, std::string_view text) {
   });
 }
 
+// Returns how much of what has collected is in the file.
+std::size_t LogFile::WriteCollected() {
+  // A line that was cut off stays so, but it does not take the next one with it.
+  if (file_.EndsInsideLine() && !file_.Write(kCrLf)) return 0;
+  return file_.WriteSome(collected_);
+}
+
 void LogFile::Flush() {
   if (collected_.empty()) return;
-  const std::string_view lost = std::string_view(collected_).substr(file_.WriteSome(collected_));
+  const std::string_view lost = std::string_view(collected_).substr(WriteCollected());
   lost_lines_ += static_cast<std::uint64_t>(std::count(lost.begin(), lost.end(), '\n'));
   collected_.clear();
 }

@@ -73,6 +73,7 @@ class LogFile final : public Log {
   void Append(std::string_view stamp, std::string_view text);
   void RestartTimer();
   void Flush();
+  std::size_t WriteCollected();
 
   const Configuration& configuration_;
   const Clock& clock_;

@@ -76,10 +76,14 @@ class AppendFile {
   bool Write(std::string_view text) { return WriteSome(text) == text.size() && IsOpen(); }
   // The same; returns how much from the front of `text` was written.
   std::size_t WriteSome(std::string_view text);
+  // Whether the last line of the open file was cut off, by a crash before it was opened or by a disk that was full: its
+  // last byte is no line feed. False where the file may not be read.
+  bool EndsInsideLine() const { return ends_inside_line_; }
   void Close() { file_.Close(); }
 
  private:
   NativeFile file_;
+  bool ends_inside_line_ = false;
   std::string why_not_opened_;
 };
 

@@ -88,7 +88,6 @@ bool JsonLog::EnsureOpen() {
   if (file_.IsOpen() && path == path_) return true;
   file_.Close();
   path_ = path;
-  ends_inside_line_ = false;
   return !path.empty() && file_.Open(NativePath(path), NewFileReaders::kGroup);
 }
 
@@ -96,11 +95,8 @@ bool JsonLog::EnsureOpen() {
 std::size_t JsonLog::WriteToFile() {
   if (!EnsureOpen()) return 0;
   // A line that was cut off stays so, but it does not take the next one with it.
-  if (ends_inside_line_) ends_inside_line_ = file_.WriteSome("\n") == 0;
-  if (ends_inside_line_) return 0;
-  const std::size_t written = file_.WriteSome(collected_);
-  ends_inside_line_ = written > 0 && collected_[written - 1] != '\n';
-  return written;
+  if (file_.EndsInsideLine() && !file_.Write("\n")) return 0;
+  return file_.WriteSome(collected_);
 }
 
 void JsonLog::ReportFailure() {

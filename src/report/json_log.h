@@ -58,8 +58,7 @@ class JsonLog {
   EventLoop& loop_;
   Log& log_;
   AppendFile file_;
-  std::string path_;               // of the file that is open
-  bool ends_inside_line_ = false;  // that file
+  std::string path_;  // of the file that is open
   std::string collected_;
   std::size_t begin_ = 0;  // of the latest line in it
   JsonLine line_{collected_};

@@ -140,6 +140,17 @@ TEST_F(LogFileTest, ExistingFileIsAppendedTo) {
   EXPECT_EQ(File("Trabex-25-261115.log"), "15/11/26 13:54:24 a\r\n15/11/26 13:54:24 b\r\n");
 }
 
+TEST_F(LogFileTest, LineThatWasCutOffTakesNoOtherWithIt) {
+  fs::create_directory(configuration_.LogPath);
+  const fs::path path = fs::path(configuration_.LogPath) / "Trabex-25-261115.log";
+  std::ofstream(path) << "whole\r\ncut o";
+  log_.LogLine("one");
+  log_.Close();
+  log_.LogLine("two");
+  EXPECT_EQ(FileText(path), "whole\r\ncut o\r\n15/11/26 13:54:24 one\r\n15/11/26 13:54:24 two\r\n");
+  EXPECT_EQ(log_.LostLines(), 0U);
+}
+
 TEST_F(LogFileTest, FoldersAndPortsAreReadWhenTheFileIsOpened) {
   log_.LogLine("a");
   configuration_.BindPort = 2525;

@@ -83,6 +83,33 @@ TEST(AppendFile, AppendsAndCreates) {
   EXPECT_EQ(ReadFile(path), "one\r\ntwo\r\nthree\r\nfour\r\n");
 }
 
+TEST(AppendFile, KnowsALineThatWasCutOff) {
+  const TempFolder folder;
+  const std::string path = folder / "x.log";
+  AppendFile file;
+  struct Row {
+    const char* before;
+    bool cut_off;
+  };
+  for (const Row& row : {Row{"", false}, Row{"one\r\n", false}, Row{"one\ntw", true}, Row{"one\r", true}}) {
+    WriteFile(path, row.before);
+    ASSERT_TRUE(file.Open(path));
+    EXPECT_EQ(file.EndsInsideLine(), row.cut_off) << row.before;
+    EXPECT_TRUE(file.Write(""));
+    EXPECT_EQ(file.EndsInsideLine(), row.cut_off) << row.before;
+    EXPECT_TRUE(file.Write("three"));
+    EXPECT_TRUE(file.EndsInsideLine());
+    EXPECT_TRUE(file.Write("\n"));
+    EXPECT_FALSE(file.EndsInsideLine());
+    EXPECT_EQ(ReadFile(path), std::string(row.before) + "three\n");
+  }
+  WriteFile(path, "one");
+  ASSERT_TRUE(file.Open(path));
+  std::filesystem::remove(path);
+  ASSERT_TRUE(file.Open(path));
+  EXPECT_FALSE(file.EndsInsideLine());
+}
+
 TEST(FileReplace, MoveReplaces) {
   const TempFolder folder;
   WriteFile(folder / "new", "new");

@@ -35,6 +35,17 @@ TEST_F(JsonLogTest, AppendsAndOpensANewFileWhenItIsAsked) {
   EXPECT_EQ(ReadFile(path_), Line("c"));
 }
 
+TEST_F(JsonLogTest, LineThatWasCutOffTakesNoOtherWithIt) {
+  WriteFile(path_, "before\n{\"cut o");
+  Write("a");
+  json_.Flush();
+  json_.Reopen();
+  Write("b");
+  json_.Flush();
+  EXPECT_EQ(ReadFile(path_), "before\n{\"cut o\n" + Line("a") + Line("b"));
+  EXPECT_EQ(json_.LostLines(), 0U);
+}
+
 TEST_F(JsonLogTest, FollowsTheSettings) {
   Write("a");
   json_.Flush();

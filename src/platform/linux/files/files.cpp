@@ -25,6 +25,12 @@ std::int64_t ModificationStamp(const struct stat& status) {
   return status.st_mtim.tv_sec * kNanoseconds + status.st_mtim.tv_nsec;
 }
 
+// Whether the file's last line has no end.
+bool EndsInside(int file) {
+  char last = 0;
+  return lseek(file, -1, SEEK_END) >= 0 && read(file, &last, 1) == 1 && last != '\n';
+}
+
 }  // namespace
 
 const char kPathSeparator = '/';
@@ -88,7 +94,11 @@ bool AppendFile::Open(const std::string& path, NewFileReaders readers) {
   Close();
   SurviveFileSizeLimit();
   const mode_t mode = readers == NewFileReaders::kGroup ? 0640 : 0666;
-  file_ = NativeFile(OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT, mode).Release());
+  Descriptor file = OpenRegularFile(path, O_RDWR | O_APPEND | O_CREAT, mode);
+  const bool readable = static_cast<bool>(file);
+  if (!readable && errno == EACCES) file = OpenRegularFile(path, O_WRONLY | O_APPEND | O_CREAT, mode);
+  ends_inside_line_ = readable && EndsInside(file.Get());
+  file_ = NativeFile(file.Release());
   if (IsOpen()) return true;
   try {
     RaisePathError(errno, path, "AppendFile.Open");
@@ -104,7 +114,9 @@ std::size_t AppendFile::WriteSome(std::string_view text) {
   do {
     written = write(static_cast<int>(file_.Value()), text.data(), text.size());
   } while (written < 0 && errno == EINTR);
-  return written > 0 ? static_cast<std::size_t>(written) : 0;
+  if (written <= 0) return 0;
+  ends_inside_line_ = text[static_cast<std::size_t>(written) - 1] != '\n';
+  return static_cast<std::size_t>(written);
 }
 
 std::string ReadWholeFile(const std::string& path, const std::string& source) {

@@ -16,6 +16,16 @@ namespace trabex {
 
 namespace {
 
+// Whether the file's last line has no end.
+bool EndsInside(HANDLE file) {
+  LARGE_INTEGER last_byte{};
+  last_byte.QuadPart = -1;
+  char last = 0;
+  DWORD got = 0;
+  return SetFilePointerEx(file, last_byte, nullptr, FILE_END) != 0 &&
+         ::ReadFile(file, &last, 1, &got, nullptr) != 0 && got == 1 && last != '\n';
+}
+
 std::uint64_t Joined(DWORD high, DWORD low) {
   return (std::uint64_t{high} << 32) | low;
 }
@@ -116,15 +126,21 @@ bool AppendFile::Open(const std::string& path, NewFileReaders readers) {
   std::optional<OwnSecurity> security;
   if (readers == NewFileReaders::kGroup) security.emplace();
   OpenedFile opened;
+  bool readable = false;
   if (security && !security->IsValid()) {
     opened.code = ERROR_ACCESS_DENIED;
   } else {
     // Without the right to write elsewhere each write goes to the end, as it is then.
-    opened = OpenDiskFile(path, {.access = FILE_APPEND_DATA | SYNCHRONIZE,
-                                 .disposition = OPEN_ALWAYS,
-                                 .security = security ? security->Get() : nullptr});
+    OpenMode mode{.access = FILE_APPEND_DATA | FILE_READ_DATA | SYNCHRONIZE,
+                  .disposition = OPEN_ALWAYS,
+                  .security = security ? security->Get() : nullptr};
+    opened = OpenDiskFile(path, mode);
+    readable = opened.file.IsOpen();
+    mode.access = FILE_APPEND_DATA | SYNCHRONIZE;
+    if (!readable && opened.code == ERROR_ACCESS_DENIED) opened = OpenDiskFile(path, mode);
   }
   file_ = std::move(opened.file);
+  ends_inside_line_ = readable && EndsInside(HandleOf(file_));
   if (IsOpen()) return true;
   try {
     RaiseFileError(opened.code, "AppendFile.Open");
@@ -139,7 +155,9 @@ std::size_t AppendFile::WriteSome(std::string_view text) {
   DWORD written = 0;
   const bool done =
       ::WriteFile(HandleOf(file_), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != 0;
-  return done ? written : 0;
+  if (!done || written == 0) return 0;
+  ends_inside_line_ = text[written - 1] != '\n';
+  return written;
 }
 
 std::string ReadWholeFile(const std::string& path, const std::string& source) {
