@@ -231,8 +231,17 @@ class ClientCommandFilter::LineFilter {
       case Command::kAuth:
         return ProcessAuth();
       default:
+        if (IsHeaderToServer()) return Answer({kNotImplemented});
         return ForwardAsIs();
     }
+  }
+
+  // Where the server takes a header for the client's address. To some the header is a command that counts in any
+  // place of a session, so that a client could tell another address with it.
+  bool IsHeaderToServer() const {
+    const std::int32_t told_by = configuration_.SendClientIP;
+    return (told_by == send_client_ip::kProxyVersion1 || told_by == send_client_ip::kProxyVersion2) &&
+           verb_ == "PROXY";
   }
 
   // The one of two settings that holds for the client.
@@ -441,8 +450,9 @@ class ClientCommandFilter::LineFilter {
     if (first_chunk && requested_.RecipientCount != 0 && configuration_.AddReceived) {
       header = GenerateReceivedHeader(configuration_, clock_, facts_, requested_, state_.login).append(kCrLf);
     }
-    Forward(WithCount(*decision_.octets_follow + header.size()));
-    decision_.forwarded->last_chunk = IsLastChunk(Rest());
+    const bool is_last = IsLastChunk(Rest());
+    Forward(Chunk(*decision_.octets_follow + header.size(), is_last));
+    decision_.forwarded->last_chunk = is_last;
     // The header is content, which the log does not show.
     if (!header.empty()) decision_.logged = decision_.text;
     decision_.text.append(header);
@@ -461,6 +471,15 @@ class ClientCommandFilter::LineFilter {
     const std::string_view parameters = Rest().substr(1);
     return verb_ + " " + std::to_string(octets) +
            std::string(parameters.substr(FirstWord(parameters).size()));
+  }
+
+  // The BDAT line for so many octets. Beside LAST no other word is forwarded: with one, servers disagree whether
+  // the chunk is the last one.
+  std::string Chunk(std::uint64_t octets, bool is_last) const {
+    const std::string_view parameters = Rest().substr(1);
+    const std::string_view words = Trim(parameters.substr(FirstWord(parameters).size()));
+    if (!is_last || FirstWord(words).size() == words.size()) return WithCount(octets);
+    return verb_ + " " + std::to_string(octets) + " LAST";
   }
 
   // --- the decision

@@ -169,6 +169,26 @@ TEST(Bdat, WhenASequenceEnds) {
   }
 }
 
+// Servers disagree about words beside LAST: to one the chunk is the last one, to another it is not, a third hangs up.
+TEST(Bdat, TheServerGetsNoWordBesideLast) {
+  const struct {
+    const char* line;
+    const char* forwarded;
+  } rows[] = {
+      {"BDAT 1 LAST", "-> BDAT 1 LAST"},      {"BDAT 1 last", "-> BDAT 1 last"},
+      {"BDAT 1 LAST more", "-> BDAT 1 LAST"}, {"BDAT 1 more LAST", "-> BDAT 1 LAST"},
+      {"BDAT 1 LAST LAST", "-> BDAT 1 LAST"}, {"BDAT 1", "-> BDAT 1"},
+      {"BDAT 1 LASTX", "-> BDAT 1 LASTX"},    {"BDAT 1 LASTX LAST", "-> BDAT 1 LASTX LAST"},
+      {"BDAT 1 more", "-> BDAT 1 more"},      {"BDAT 01 LAST=1", "-> BDAT 1 LAST=1"},
+  };
+  for (const auto& row : rows) {
+    TestDialogue d;
+    d.configuration.AddReceived = false;
+    BringToTransaction(d);
+    EXPECT_EQ(d.Says(row.line), row.forwarded) << row.line;
+  }
+}
+
 TEST(Bdat, TheReceivedHeaderOpensTheFirstChunk) {
   TestDialogue d;
   d.GreetMailAndRcpt();

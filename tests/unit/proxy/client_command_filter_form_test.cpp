@@ -128,6 +128,25 @@ TEST(NeverForwarded, OnlyTheseVerbs) {
   }
 }
 
+// A server that takes a header may take one more as a command, and with it another address.
+TEST(NeverForwarded, AHeaderWhereTheServerTakesOne) {
+  const struct {
+    std::int32_t told_by;
+    bool forwarded;
+  } rows[] = {{send_client_ip::kNot, true},
+              {send_client_ip::kProxyVersion1, false},
+              {send_client_ip::kProxyVersion2, false},
+              {send_client_ip::kXCLIENT, true}};
+  for (const auto& row : rows) {
+    TestDialogue d;
+    d.configuration.SendClientIP = row.told_by;
+    d.Greet();
+    EXPECT_EQ(d.Says("PROXY TCP4 127.0.0.9 127.0.0.1 1 25"),
+              row.forwarded ? "-> PROXY TCP4 127.0.0.9 127.0.0.1 1 25" : kNotImplemented)
+        << row.told_by;
+  }
+}
+
 TEST(RefusedSession, IsTalkedToByTheProxyAlone) {
   TestDialogue d;
   d.Refuse();
