@@ -6,6 +6,7 @@ which the tests of the build bring along, reads them.
 
 import asyncio
 import json
+import logging
 import re
 import socket
 import struct
@@ -75,15 +76,20 @@ class Play:
     `delivery` is "once", "bytes" (each byte by itself) or a cut of the session. A reply that the session waits for is
     waited for `patience` seconds. When `exactly`, each must come and be the expected one; `complaints` tells what was
     not so. `unguarded` says that Trabex is not there, and so there may be more replies than the session waits for.
-    `security` is whether the session is under TLS, and how it came there.
+    `security` is whether the session is under TLS, and how it came there; `wire` how its records leave.
     """
 
     numbers = 0
+    source = CLIENT
+    _ending_seconds = _ENDING_SECONDS
 
-    def __init__(self, session, delivery, patience, exactly, unguarded=False, security=PLAIN):
+    def __init__(self, session, delivery, patience, exactly, unguarded=False, security=PLAIN, wire=None):
         self.session = session
         self.delivery = delivery
         self.security = security
+        self.client_port = None
+        self.heard_all = False  # whether this client waited for everything that it was to be told
+        self._wire = wire
         self.complaints = []
         self._patience = patience
         self._exactly = exactly
@@ -100,8 +106,7 @@ class Play:
 
     async def run(self, address):
         try:
-            self._reader, self._writer = await asyncio.open_connection(*address, local_addr=(CLIENT, 0))
-            self._port = address[1]
+            await self._connect(address)
             if self.security == TLS_PORT:
                 await self._secure()
             elif self.security == STARTTLS:
@@ -124,8 +129,13 @@ class Play:
             if self._writer:
                 self._writer.close()
 
+    async def _connect(self, address):
+        self._reader, self._writer = await asyncio.open_connection(*address, local_addr=(self.source, 0))
+        self._port = address[1]
+        self.client_port = self._writer.get_extra_info("sockname")[1]
+
     async def _secure(self):
-        self._reader = self._writer = SecuredStream(self._reader, self._writer, _ALL)
+        self._reader = self._writer = SecuredStream(self._reader, self._writer, _ALL, wire=self._wire)
         try:
             await asyncio.wait_for(self._reader.handshake(), bound(_PATIENT_SECONDS))
         except (asyncio.TimeoutError, OSError) as error:
@@ -221,14 +231,16 @@ class Play:
                 break
         self._writer.write(b".\r\n")
         # Who hangs up now takes the message back.
-        await self._reply(0.3)
+        reply = await self._reply(self._ending_seconds)
+        self.heard_all = reply.endswith("\r\n")
 
     async def _close(self):
         """Ends this side; when the other one does not follow, breaks off."""
         self._writer.write_eof()
         try:
-            await asyncio.wait_for(self._reader.read(), bound(_ENDING_SECONDS))
+            await asyncio.wait_for(self._reader.read(), self._ending_seconds)
         except asyncio.TimeoutError:
+            self.heard_all = False
             self._reset()
 
 
@@ -246,6 +258,8 @@ def unguarded_play(session, patience=0.3):
 async def run_all(all_plays, address_of, at_a_time, before=lambda play: None):
     """Runs plays, several at a time; `address_of` gives the address for a play, before(play) is called first."""
     limit = asyncio.Semaphore(at_a_time)
+    # Many go on sending when they have been refused.
+    logging.getLogger("asyncio").setLevel(logging.ERROR)
 
     async def run(play):
         async with limit:

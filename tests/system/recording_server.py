@@ -11,12 +11,13 @@ import unicodedata
 
 from addresses import IPV6, LOOPBACK
 from processes import bound
+from secured_stream import SecuredStream
 
 # What stands for the number of the play in a file.
 PLACEHOLDER = b"nnn"
 _MARKER = re.compile(rb"(?i:evil|black)-(\w{%d})" % len(PLACEHOLDER))
 
-_LINE_ENDS = re.compile(rb"[\r\n\0\v\f]+")
+LINE_ENDS = re.compile(rb"[\r\n\0\v\f]+")
 _BLANKS = b" \t\x08\x1b\x7f\xa0"
 # Commands whose addresses and names the filter has to have seen.
 _CHECKED = re.compile(rb"(?i:HELO|EHLO|MAIL|RCPT|SEND|SOML|SAML)(?![A-Za-z0-9])")
@@ -33,10 +34,15 @@ _EXTENSIONS = ["SIZE 100000", "8BITMIME", "CHUNKING", "PIPELINING", "STARTTLS", 
 
 
 class Record:
-    """What one connection brought, piece by piece: (kind, bytes), the kind being command, content, octets or secret."""
+    """What one connection brought, piece by piece: (kind, bytes), the kind being command, content, octets or secret, or broken
+    where what came was no TLS.
+
+    `preface` are the lines with which the proxy itself has opened it, where the server expects some.
+    """
 
     def __init__(self):
         self.pieces = []
+        self.preface = []
         self.ended = False
 
     def violations(self):
@@ -47,6 +53,8 @@ class Record:
                 found += command_violations(data)
             elif kind == "content":
                 found += _content_violations(data)
+            elif kind == "broken":
+                found.append(data.decode())
         return found
 
     def text(self):
@@ -67,7 +75,7 @@ def markers(data):
 def command_violations(data):
     """What a server that takes anything for a line end finds in a command line, and must not, in words."""
     found = []
-    for line in _LINE_ENDS.split(data):
+    for line in LINE_ENDS.split(data):
         line = line.strip(_BLANKS)
         if _NEVER.match(line):
             found.append(f"a command that is never forwarded: {line!r}")
@@ -89,9 +97,13 @@ def _content_violations(data):
 
 
 class RecordingServer:
-    """Listens on loopback in the running event loop. `script` maps commands to the replies of the next connection."""
+    """Listens on loopback in the running event loop. `script` maps commands to the replies of the next connection.
 
-    def __init__(self):
+    With a `context`, an ssl.SSLContext, it takes no command of a client's before it was told by XCLIENT under TLS who that is.
+    """
+
+    def __init__(self, context=None):
+        self._context = context
         self.records = []
         self.script = {}
         self.port = None
@@ -120,9 +132,15 @@ class RecordingServer:
         self._tasks.append(asyncio.current_task())
         dialogue = _Dialogue(reader, writer, record, self.script)
         try:
+            if self._context:
+                await dialogue.take_preface(self._context)
             await dialogue.run()
             record.ended = True
         except (asyncio.IncompleteReadError, ConnectionError):
+            record.ended = True
+        except AssertionError as error:
+            # Something in the clear where TLS stands.
+            record.pieces.append(("broken", str(error).encode()))
             record.ended = True
         except asyncio.CancelledError:
             pass
@@ -151,6 +169,22 @@ class _Dialogue:
                 await self._say(verb, b"250 ok")
             if verb == "QUIT":
                 return
+
+    async def take_preface(self, context):
+        """All that the proxy says of its own: it begins TLS and names the client."""
+        self._writer.write(b"220 own.test ESMTP\r\n")
+        for expected in (rb"EHLO \S+\r\n", rb"STARTTLS\r\n", rb"EHLO \S+\r\n", rb"XCLIENT [^\r\n]+\r\n"):
+            line = await self._reader.readuntil(b"\r\n")
+            self._record.preface.append(line)
+            if not re.fullmatch(expected, line):
+                raise ConnectionResetError
+            if line.startswith(b"EHLO"):
+                self._writer.write(b"250-own.test\r\n250-STARTTLS\r\n"
+                                   b"250 XCLIENT NAME REVERSE_NAME PORT DESTADDR DESTPORT ADDR PROTO HELO LOGIN\r\n")
+            elif line.startswith(b"STARTTLS"):
+                self._writer.write(b"220 go on\r\n")
+                self._reader = self._writer = SecuredStream(self._reader, self._writer, context, server_side=True)
+                await self._reader.handshake()
 
     async def _read(self, kind, end=None, count=None):
         try:

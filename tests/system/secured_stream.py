@@ -1,10 +1,43 @@
-"""A client's TLS over a pair of asyncio's streams, in the hands of the test: each write is a record of its own, and its end
-can be said while the connection stands."""
+"""TLS over a pair of asyncio's streams, in the hands of the test: which records a write becomes and how these leave is the
+test's affair, and the end of TLS can be said while the connection stands."""
 
 import asyncio
+import random
 import ssl
 
 _AT_A_TIME = 65536
+_BYTES = 200
+_PIECES = 12
+
+
+class Wire:
+    """How what is written leaves: in which records, and these in which segments. The same seed cuts in the same way."""
+
+    STYLES = ("whole", "byte records", "records together", "cut records", "anyhow")
+
+    def __init__(self, style="whole", seed=0):
+        self._style = style
+        self._random = random.Random(seed)
+
+    def records(self, text):
+        """The pieces of a text that are a record each. Of a long one the middle is one record."""
+        if self._style == "byte records":
+            ends = [*range(1, _BYTES), *range(max(_BYTES, len(text) - _BYTES), len(text))]
+            return _cut(text, ends)
+        return self._cut_anywhere(text) if self._style in ("records together", "anyhow") else [text]
+
+    def segments(self, data):
+        """The pieces of what is encrypted that are sent one after the other."""
+        return self._cut_anywhere(data) if self._style in ("cut records", "anyhow") else [data]
+
+    def _cut_anywhere(self, data):
+        cuts = min(len(data) - 1, self._random.randrange(1, _PIECES))
+        return _cut(data, sorted(self._random.sample(range(1, len(data)), cuts)) if cuts > 0 else [])
+
+
+def _cut(data, ends):
+    ends = [end for end in ends if end < len(data)]
+    return [data[begin:end] for begin, end in zip([0, *ends], [*ends, len(data)])]
 
 
 class SecuredStream:
@@ -13,12 +46,13 @@ class SecuredStream:
     What comes and is no TLS raises AssertionError: nothing may come in the clear once TLS has begun.
     """
 
-    def __init__(self, reader, writer, context):
+    def __init__(self, reader, writer, context, server_side=False, wire=None):
         self._reader = reader
         self._writer = writer
+        self._wire = wire or Wire()
         self._incoming = ssl.MemoryBIO()
         self._outgoing = ssl.MemoryBIO()
-        self._tls = context.wrap_bio(self._incoming, self._outgoing)
+        self._tls = context.wrap_bio(self._incoming, self._outgoing, server_side=server_side)
         self._text = bytearray()
         self._ended = False
 
@@ -36,7 +70,8 @@ class SecuredStream:
 
     def _flush(self):
         if self._outgoing.pending:
-            self._writer.write(self._outgoing.read())
+            for segment in self._wire.segments(self._outgoing.read()):
+                self._writer.write(segment)
 
     async def _receive(self):
         data = await self._reader.read(_AT_A_TIME)
@@ -80,6 +115,12 @@ class SecuredStream:
                 raise asyncio.IncompleteReadError(self._take(len(self._text)), None)
         return self._take(found + len(end))
 
+    async def readexactly(self, count):
+        while len(self._text) < count:
+            if not await self._more():
+                raise asyncio.IncompleteReadError(self._take(len(self._text)), count)
+        return self._take(count)
+
     async def read(self):
         """Everything up to the end."""
         while await self._more():
@@ -88,7 +129,8 @@ class SecuredStream:
 
     def write(self, data):
         if data:
-            self._tls.write(data)
+            for record in self._wire.records(data):
+                self._tls.write(record)
             self._flush()
 
     def write_eof(self):
