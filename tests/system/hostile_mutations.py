@@ -33,19 +33,20 @@ _MOST_WAITS = 4
 
 _BYTES = [bytes([number]) for number in (0, 8, 9, 10, 11, 12, 13, 26, 27, 32, 46, 127, 128, 160, 255)]
 _PIECES = [*_BYTES, *(b"\r\n", b"\r\n.\r\n", b"\n.\n", b"\n.\r\n", b"\r.\r", b"\r\n.\r", b"\r\n.\n", b"\r\n\0.\r\n", b"..",
-                      b"\r\r\n", b"\xc2\x85", b"\xe2\x80\xa8", b"\xef\xbc\x8e", b"\xe2\x80\x8b", b"\xc2\xad", b"<", b">", b"@", b"%", b"!",
-                      b'"', b"\\", b",", b";", b":", b"(", b")", b"[", b"]", b"=", b"+", b"-", b"0", b"9" * 20, b" LAST",
+                      b"\r\r\n", b"\xc2\x85", b"\xe2\x80\xa8", b"\xef\xbc\x8e", b"\xe2\x80\x8b", b"\xc2\xad", b"<", b">", b"@", b"%",
+                      b"!", b'"', b"\\", b",", b";", b":", b"(", b")", b"[", b"]", b"=", b"+", b"-", b"0", b"9" * 20, b" LAST",
                       b" SMTPUTF8", b" SIZE=1", b" BODY=BINARYMIME", b" ORCPT=rfc822;evil-nnn@outside.test", b" AUTH=<>",
                       b"local.test", b"@local.test", b"x" * 600, b" " * 5000)]
 _LINES = [b"EHLO client-nnn.test", b"HELO client-nnn.test", b"EHLO black-nnn.test", b"MAIL FROM:<good@local.test>",
           b"MAIL FROM:<>", b"MAIL FROM:<black-nnn@black.test>", b"RCPT TO:<good@local.test>", b"RCPT TO:<evil-nnn@outside.test>",
           b"RCPT TO:<black-nnn@local.test>", b"RCPT TO:<evil-nnn%outside.test@local.test>", b"DATA", b".", b"RSET", b"NOOP",
           b"Subject: x\r\n\r\nbody\r\n.", b"BDAT 10", b"BDAT 0", b"BDAT 0 LAST", b"BDAT 32 LAST", b"BDAT 4294967297",
-          b"AUTH LOGIN", b"AUTH PLAIN AGEAYg==", b"Z29vZA==", b"*", b"STARTTLS", b"XCLIENT ADDR=" + FORGED.encode() + b" NAME=local.test",
+          b"AUTH LOGIN", b"AUTH PLAIN AGEAYg==", b"Z29vZA==", b"*", b"STARTTLS", b"XCLIENT NAME=x ADDR=" + FORGED.encode(),
           b"XFORWARD ADDR=" + FORGED.encode(), b"PROXY TCP4 " + LOCAL.encode() + b" " + LOOPBACK.encode() + b" 1 25", b"TURN",
           b"XEXCH50 5 2", b"VRFY <evil-nnn@outside.test>", b"EXPN evil-nnn", b"ETRN outside.test", b"HELP", b"QUIT", b""]
 _REPLIES = [b"250 ok\r\n", b"354 go on\r\n", b"220 ready\r\n", b"221 bye\r\n", b"334 \r\n", b"235 in\r\n", b"421 no\r\n",
-            b"550 no\r\n", b"250-x\r\n354 y\r\n", b"354-x\r\n250 y\r\n", b"250 ok\n", b"250\r\n", b"2", b"\r\n", b"", b"250 ok\r\n250 ok\r\n",
+            b"550 no\r\n", b"250-x\r\n354 y\r\n", b"354-x\r\n250 y\r\n", b"250 ok\n", b"250\r\n", b"2", b"\r\n", b"",
+            b"250 ok\r\n250 ok\r\n",
             b"250-STARTTLS\r\n250-XCLIENT ADDR\r\n250 CHUNKING\r\n", b"999 what\r\n", b"250 " + b"x" * 5000 + b"\r\n"]
 _COMMANDS = ("greeting", "EHLO", "MAIL", "RCPT", "DATA", "content", "BDAT", "BDAT!", "AUTH", "secret", "RSET", "NOOP", "QUIT")
 

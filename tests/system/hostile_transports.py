@@ -197,7 +197,8 @@ class TransportPlay(Play):
             return await super()._expect(line, code)
         if line:
             self._writer.write(self._numbered(line.encode("latin-1") + b"\r\n"))
-        await self._reply(bound(_PATIENT_SECONDS))
+        # A server whose replies are the play's affair may never give this one.
+        await self._reply(1 if self.session.replies else bound(_PATIENT_SECONDS))
         return None
 
     async def _open(self):
