@@ -98,10 +98,22 @@ class ConnectionListTest : public testing::Test {
         parent_(
             CreateWindowExW(0, L"Static", L"", WS_POPUP, 0, 0, 800, 400, nullptr, nullptr, nullptr, nullptr)),
         list_(parent_, link_) {
+    SetWindowLongPtrW(parent_, GWLP_USERDATA, reinterpret_cast<LONG_PTR>(&list_));
+    SetWindowLongPtrW(parent_, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(&PassOn));
     list_.SetFont(USER_DEFAULT_SCREEN_DPI);
     MoveWindow(list_.Window(), 0, 0, 800, 400, FALSE);
   }
   ~ConnectionListTest() override { DestroyWindow(parent_); }
+
+  // What the list asks its parent for.
+  static LRESULT CALLBACK PassOn(HWND window, UINT message, WPARAM wide, LPARAM longer) {
+    auto* const list = reinterpret_cast<ConnectionList*>(GetWindowLongPtrW(window, GWLP_USERDATA));
+    auto* const notification = reinterpret_cast<NMHDR*>(longer);
+    if (message == WM_NOTIFY && notification->hwndFrom == list->Window()) {
+      return list->HandleNotification(*notification);
+    }
+    return DefWindowProcW(window, message, wide, longer);
+  }
 
   LRESULT Ask(UINT message, WPARAM wide = 0) { return SendMessageW(list_.Window(), message, wide, 0); }
 
@@ -173,6 +185,76 @@ TEST_F(ConnectionListTest, TellsWhichRowsCanBeSeen) {
   EXPECT_EQ(link_.VisibleRows().first + link_.VisibleRows().count - 1, 10'000u);
   list_.SetVisible(false);
   EXPECT_EQ(link_.VisibleRows().count, 0u);
+}
+
+// A colour of the system's, changed for the time of a test.
+class ChangedColour {
+ public:
+  ChangedColour(int index, COLORREF colour) : index_(index), before_(GetSysColor(index)) {
+    SetSysColors(1, &index_, &colour);
+  }
+  ~ChangedColour() { SetSysColors(1, &index_, &before_); }
+  ChangedColour(const ChangedColour&) = delete;
+  ChangedColour& operator=(const ChangedColour&) = delete;
+
+ private:
+  int index_;
+  COLORREF before_;
+};
+
+// What a control draws.
+class Picture {
+ public:
+  explicit Picture(HWND control) : context_(CreateCompatibleDC(nullptr)) {
+    RECT inside{};
+    GetClientRect(control, &inside);
+    BITMAPINFO form{};
+    form.bmiHeader.biSize = sizeof form.bmiHeader;
+    form.bmiHeader.biWidth = inside.right;
+    form.bmiHeader.biHeight = inside.bottom;
+    form.bmiHeader.biPlanes = 1;
+    form.bmiHeader.biBitCount = 32;
+    void* bits = nullptr;
+    bitmap_ = CreateDIBSection(context_, &form, DIB_RGB_COLORS, &bits, nullptr, 0);
+    before_ = SelectObject(context_, bitmap_);
+    SendMessageW(control, WM_PRINTCLIENT, reinterpret_cast<WPARAM>(context_), PRF_CLIENT | PRF_ERASEBKGND);
+  }
+  ~Picture() {
+    SelectObject(context_, before_);
+    DeleteObject(bitmap_);
+    DeleteDC(context_);
+  }
+  Picture(const Picture&) = delete;
+  Picture& operator=(const Picture&) = delete;
+
+  COLORREF At(LONG x, LONG y) const { return GetPixel(context_, static_cast<int>(x), static_cast<int>(y)); }
+
+ private:
+  HDC context_;
+  HBITMAP bitmap_ = nullptr;
+  HGDIOBJ before_ = nullptr;
+};
+
+TEST_F(ConnectionListTest, DrawsItsLinesInTheColoursOfTheSystem) {
+  const ChangedColour ground(COLOR_WINDOW, RGB(10, 20, 30));
+  const ChangedColour lines(COLOR_BTNSHADOW, RGB(200, 100, 50));
+  list_.TakeColours();
+  EXPECT_EQ(Ask(LVM_GETBKCOLOR), static_cast<LRESULT>(RGB(10, 20, 30)));
+  // Without characters, which might lie where a pixel is looked at.
+  Show(3, 0, {"", "", ""});
+  const Picture picture(list_.Window());
+  RECT last{LVIR_BOUNDS, 0, 0, 0};
+  ASSERT_TRUE(SendMessageW(list_.Window(), LVM_GETITEMRECT, 2, reinterpret_cast<LPARAM>(&last)));
+  const LONG middle = (last.top + last.bottom) / 2;
+  for (const int bound : kFieldBounds) {
+    const LONG line = last.left + bound * list_.Cell().cx + list_.Cell().cx / 2;
+    EXPECT_EQ(picture.At(line, middle), RGB(200, 100, 50)) << bound;
+    EXPECT_EQ(picture.At(line + 1, middle), RGB(10, 20, 30)) << bound;
+    EXPECT_NE(picture.At(line, last.bottom + 2), RGB(200, 100, 50)) << "below the last row, " << bound;
+  }
+  const LONG between = last.left + kFieldBounds[0] * list_.Cell().cx / 2;
+  EXPECT_EQ(picture.At(between, last.bottom - 1), RGB(200, 100, 50));
+  EXPECT_EQ(picture.At(between, last.top - 1), RGB(10, 20, 30)) << "not below the others";
 }
 
 // The columns of the header, and thereby of the rows below.
