@@ -14,6 +14,7 @@ from trabex_system import DOMAIN, LOOPBACK, REPO, Process, bound, free_port, ini
 STOPPED = b"Trabex 3.04.012 stopped.\r\n"
 FOLDER = Path(os.environ.get("WINEPREFIX", "")) / "drive_c" / "Trabex"
 START_MENU = "drive_c/ProgramData/Microsoft/Windows/Start Menu/Programs/Trabex"
+MINGW = "x86_64-w64-mingw32"
 INSTALLED = ["README.txt", "Trabex-sample.ini", "Trabex.exe", "licences", "manual", "uninstall.exe"]
 
 
@@ -115,9 +116,20 @@ class Package(WineScenario):
                                       executable=folder / "Trabex.exe")
         self.assertEqual(status, 0, out + err)
         self.assertIn("0 errors, ", out)
-        sections = subprocess.run(["x86_64-w64-mingw32-objdump", "-h", str(folder / "Trabex.exe")], capture_output=True, text=True,
+        sections = subprocess.run([f"{MINGW}-objdump", "-h", str(folder / "Trabex.exe")], capture_output=True, text=True,
                                   check=True).stdout
         self.assertNotIn(".debug", sections)
+
+
+# Functions that take text in the code page of the system, which loses names: where each comes from. The program itself calls
+# none of them; it links these libraries statically.
+IN_CODE_PAGE = {
+    "CreateEventA": "libwinpthread.a", "CreateSemaphoreA": "libwinpthread.a", "ExpandEnvironmentStringsA": "libcares.a",
+    "FormatMessageA": "libstdc++.a", "GetModuleHandleA": "libwinpthread.a", "GetStartupInfoA": "crt2.o",
+    "GetSystemDirectoryA": "libcares.a", "GetVersionExA": "libcares.a", "GetWindowsDirectoryA": "libcares.a",
+    "LoadLibraryA": "libmingwex.a", "OutputDebugStringA": "libwinpthread.a", "ReadConsoleA": "libcrypto.a",
+    "RegEnumKeyExA": "libcares.a", "RegOpenKeyExA": "libcares.a", "RegQueryValueExA": "libcares.a",
+}
 
 
 class Executable(WineScenario):
@@ -127,13 +139,59 @@ class Executable(WineScenario):
               "msvcrt.dll", "ole32.dll", "shcore.dll", "shell32.dll", "user32.dll", "ws2_32.dll"}
 
     def objdump(self, *options):
-        return subprocess.run(["x86_64-w64-mingw32-objdump", *options, str(BUILD / "Trabex.exe")], capture_output=True, check=True,
+        return subprocess.run([f"{MINGW}-objdump", *options, str(BUILD / "Trabex.exe")], capture_output=True, check=True,
                               timeout=bound(60)).stdout
 
     def test_imports_libraries_of_the_system_only(self):
         imported = {name.decode().lower() for name in re.findall(rb"DLL Name: (\S+)", self.objdump("-p"))}
         self.assertIn("user32.dll", imported)
         self.assertLessEqual(imported, self.SYSTEM)
+
+    @staticmethod
+    def wanted_of_the_system(*files):
+        """Functions of libraries of the system that object files call."""
+        said = subprocess.run([f"{MINGW}-nm", "--undefined-only", *map(str, files)], capture_output=True, text=True, check=True,
+                              timeout=bound(120)).stdout
+        return set(re.findall(r" U __imp_(\w+)$", said, re.MULTILINE))
+
+    def test_calls_no_function_that_takes_text_in_a_code_page(self):
+        libraries = sorted((BUILD / "src").rglob("lib*.a"))
+        self.assertGreater(len(libraries), 10)
+        wanted = self.wanted_of_the_system(*libraries)
+        self.assertIn("CreateWindowExW", wanted)
+        # Each that has a twin has W instead of A at its end.
+        system = set()
+        for name in ("advapi32", "comctl32", "gdi32", "iphlpapi", "kernel32", "shell32", "user32", "ws2_32"):
+            said = subprocess.run([f"{MINGW}-nm", f"/usr/{MINGW}/lib/lib{name}.a"], capture_output=True, text=True, check=False,
+                                  timeout=bound(120)).stdout
+            system |= set(re.findall(r" __imp_(\w+)$", said, re.MULTILINE))
+        in_code_page = {name for name in system if name.endswith("A") and f"{name[:-1]}W" in system}
+        self.assertLessEqual({"CreateWindowExA", "RegOpenKeyExA", "CreateFileA"}, in_code_page)
+        self.assertEqual(wanted & in_code_page, set())
+        # Nor do other libraries that nobody knows of.
+        imported = {name.decode() for name in re.findall(rb"^\t[0-9a-f]+\s+\d+\s+(\w+)$", self.objdump("-p"), re.MULTILINE)}
+        self.assertIn("CreateWindowExW", imported)
+        self.assertLessEqual(imported & in_code_page, set(IN_CODE_PAGE))
+
+    def test_sources_have_the_system_in_their_folders_only(self):
+        """What is the same on all systems asks for none, and one file alone brings windows.h with its macros."""
+        sources = [path for suffix in ("*.h", "*.cpp") for path in sorted((REPO / "src").rglob(suffix))]
+        self.assertGreater(len(sources), 100)
+        brings = [path.name for path in sources if re.search(r"#\s*include\s*<windows\.h>", path.read_text(encoding="utf-8"), re.I)]
+        self.assertEqual(brings, ["win.h"])
+        asks = [str(path) for path in sources if re.search(r"^\s*#\s*\w+.*\b(_WIN32|_WIN64|WIN32|__MINGW32__|__linux__|__unix__)\b",
+                                                           path.read_text(encoding="utf-8"), re.MULTILINE)]
+        self.assertEqual([path for path in asks if "/src/platform/" not in path], [])
+
+    def test_guards(self):
+        """What the system does for it against faults with memory."""
+        flags = re.search(rb"^DllCharacteristics\s+([0-9a-f]+)$", self.objdump("-p"), re.MULTILINE)
+        high_entropy, dynamic_base, no_execution = 0x20, 0x40, 0x100
+        for flag in (high_entropy, dynamic_base, no_execution):
+            self.assertTrue(int(flags.group(1), 16) & flag, f"{flag:#x}")
+        # Nothing of that helps a program that can only lie where it was linked for.
+        self.assertIn(" .reloc ", subprocess.run([f"{MINGW}-objdump", "-h", str(BUILD / "Trabex.exe")], capture_output=True,
+                                                 text=True, check=True).stdout)
 
     def test_resources(self):
         content = (BUILD / "Trabex.exe").read_bytes()
