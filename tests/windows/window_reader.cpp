@@ -4,6 +4,7 @@
 //   windows             every main window: caption, what its parts hold, the rows that can be seen
 //   row STATUS NUMBER   the text of a row (0 is the first) of the window with this status line
 //   boxes               every message box: caption and text
+//   start COMMAND       runs a command line on a desktop that nobody sees; whether it could be started
 #include <algorithm>
 #include <charconv>
 #include <cstddef>
@@ -216,9 +217,34 @@ std::string Boxes() {
   return Array(boxes);
 }
 
+// A desktop that nobody sees, as a task has that runs whether its user is logged on or not. It is there as long as this
+// program.
+bool StartUnseen(std::string_view command) {
+  static const HWINSTA kOwn = GetProcessWindowStation();
+  static const HWINSTA kUnseen = CreateWindowStationW(L"TrabexUnseen", 0, GENERIC_ALL, nullptr);
+  if (kUnseen == nullptr || SetProcessWindowStation(kUnseen) == FALSE) return false;
+  static const HDESK kDesktop = CreateDesktopW(L"Default", nullptr, nullptr, 0, GENERIC_ALL, nullptr);
+  SetProcessWindowStation(kOwn);
+  if (kDesktop == nullptr) return false;
+  std::wstring desktop = L"TrabexUnseen\\Default";
+  std::wstring line = Wide(command);
+  STARTUPINFOW start{};
+  start.cb = sizeof start;
+  start.lpDesktop = desktop.data();
+  PROCESS_INFORMATION started{};
+  if (CreateProcessW(nullptr, line.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &start, &started) ==
+      FALSE) {
+    return false;
+  }
+  CloseHandle(started.hThread);
+  CloseHandle(started.hProcess);
+  return true;
+}
+
 std::string Answer(std::string_view request) {
   if (request == "windows") return Windows();
   if (request == "boxes") return Boxes();
+  if (request.starts_with("start ")) return Json(StartUnseen(request.substr(6)));
   if (request.starts_with("row ")) return Row(request.substr(4));
   return "null";
 }
