@@ -125,7 +125,12 @@ void CSocketMaster::OnAccept() {
   if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, *this, error);
   Check(error, kNotificationSource);
   module_.pause_.Accepted();
-  module_.Keep(connection);
+  try {
+    module_.Keep(connection);
+  } catch (...) {
+    module_.CloseSocket(connection.socket);
+    throw;
+  }
   // While the event runs, the listener's own properties are those of the caller.
   PeerIdentity before{remote_port_, remote_address_, std::move(remote_host_)};
   remote_port_ = connection.peer.port;

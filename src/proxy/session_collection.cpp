@@ -29,8 +29,13 @@ cProxy& SessionCollection::Add(std::unique_ptr<cProxy> session) {
   assert(!by_key_.contains(added.Key()));
   assert(places_.empty() || IsBefore(places_.back().id, added.Id()));
   if (places_.size() >= kMaxEmptyPlaces + 2 * Count()) DropEmptyPlaces();
-  places_.push_back({.id = added.Id(), .session = std::move(session)});
-  by_key_.emplace(added.Key(), &added);
+  const auto key = by_key_.emplace(added.Key(), &added).first;
+  try {
+    places_.push_back({.id = added.Id(), .session = std::move(session)});
+  } catch (...) {
+    by_key_.erase(key);
+    throw;
+  }
   return added;
 }
 

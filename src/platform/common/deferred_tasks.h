@@ -17,7 +17,8 @@ class DeferredTasks {
  public:
   void Post(std::function<void()> action) { posts_.push_back(std::move(action)); }
   void OnIterationEnd(std::function<void()> action) { iteration_end_.push_back(std::move(action)); }
-  void DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
+  // Takes nothing when it raises std::bad_alloc.
+  void DeferredDelete(std::unique_ptr<DeferredDeletable>&& object) {
     if (object) to_delete_.push_back(std::move(object));
   }
 

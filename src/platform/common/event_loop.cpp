@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "event_loop_impl.h"  // that of the system
@@ -48,7 +49,12 @@ void EventLoop::OnIterationEnd(std::function<void()> action) {
 }
 
 void EventLoop::DeferredDelete(std::unique_ptr<DeferredDeletable> object) {
-  impl_->work.DeferredDelete(std::move(object));
+  try {
+    impl_->work.DeferredDelete(std::move(object));
+  } catch (const std::bad_alloc&) {
+    // Lost is better than destroyed while its own call is on the stack.
+    static_cast<void>(object.release());
+  }
 }
 
 void EventLoop::ObserveTurns(std::function<void(std::chrono::nanoseconds)> observer) {

@@ -32,13 +32,15 @@ class SocketTable {
     return !IsFree(entry) && entry.generation == socket.generation ? &entry : nullptr;
   }
 
+  // Raises std::bad_alloc; the socket is still the caller's then.
   template <class Native, class Role>
   SocketHandle Add(Native native, AddressFamily family, Role role, std::size_t max_index = kMaxIndex) {
     if (free_.empty()) {
       assert(entries_.size() <= max_index);
       static_cast<void>(max_index);
-      free_.push_back(static_cast<std::uint32_t>(entries_.size()));
       entries_.emplace_back();
+      free_.reserve(entries_.capacity());  // so that Remove needs no memory
+      free_.push_back(static_cast<std::uint32_t>(entries_.size() - 1));
     }
     const std::uint32_t index = free_.back();
     free_.pop_back();

@@ -16,7 +16,10 @@
 // none is accepted, it is disarmed (left in the epoll set without any interest) until one is.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
+#include <new>
 #include <span>
 #include <vector>
 
@@ -66,7 +69,12 @@ struct Sockets::Impl final : EventSource {
   // nullptr for a stale handle. Valid until the next Add.
   Entry* Find(SocketHandle socket) { return table.Find(socket); }
   SocketHandle Add(int descriptor, AddressFamily family, Role role) {
-    return table.Add(descriptor, family, role, EventTarget::kMaxIndex);
+    try {
+      return table.Add(descriptor, family, role, EventTarget::kMaxIndex);
+    } catch (const std::bad_alloc&) {
+      close(descriptor);
+      throw;
+    }
   }
   void Remove(SocketHandle socket);
   // Puts the socket into the epoll set. Returns 0 or our error number.

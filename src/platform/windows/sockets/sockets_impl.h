@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <new>
 #include <vector>
 
 #include "platform/common/socket_table.h"
@@ -59,7 +60,14 @@ struct Sockets::Impl final : EventSource {
 
   // nullptr for a stale handle. Valid until the next Add.
   Entry* Find(SocketHandle socket) { return table.Find(socket); }
-  SocketHandle Add(SOCKET native, AddressFamily family, Role role) { return table.Add(native, family, role); }
+  SocketHandle Add(SOCKET native, AddressFamily family, Role role) {
+    try {
+      return table.Add(native, family, role);
+    } catch (const std::bad_alloc&) {
+      closesocket(native);
+      throw;
+    }
+  }
   void Remove(SocketHandle socket);
   // Has the system send messages of the socket. Returns 0 or an error number.
   int Register(SocketHandle socket, Entry& entry);
