@@ -1,6 +1,7 @@
 #include "app/log_file.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "base/text.h"
@@ -17,7 +18,7 @@ constexpr std::size_t kMaxCollectedBytes = std::size_t{64} * 1024;
 LogFile::LogFile(const Configuration& configuration, const Clock& clock, std::string program_name)
     : configuration_(configuration), clock_(clock), program_name_(std::move(program_name)) {}
 
-void LogFile::LogLine(std::string_view message) {
+void LogFile::LogLine(std::string_view message) try {
   if (observer_) observer_(message);
   if (configuration_.Log == log_mode::kOff) return;
   const DateTime now = clock_.Now();
@@ -26,11 +27,16 @@ void LogFile::LogLine(std::string_view message) {
   } else {
     ++lost_lines_;
   }
+} catch (const std::bad_alloc&) {
+  ++lost_lines_;
 }
 
-void LogFile::LogError(int number, std::string_view description, std::string_view source) {
+// Often the last word about a memory that is used up.
+void LogFile::LogError(int number, std::string_view description, std::string_view source) try {
   Log::LogError(number, description, source);
   if (error_observer_) error_observer_(number, description);
+} catch (const std::bad_alloc&) {
+  ++lost_lines_;
 }
 
 void LogFile::WriteUnstamped(std::string_view line) {
@@ -100,14 +106,20 @@ void LogFile::RestartTimer() {
 
 void LogFile::Append(std::string_view stamp, std::string_view text) {
   RestartTimer();
-  collected_.append(stamp).append(text).append(kCrLf);
+  const std::size_t begin = collected_.size();
+  try {
+    collected_.append(stamp).append(text).append(kCrLf);
+  } catch (const std::bad_alloc&) {
+    collected_.resize(begin);  // no half of a line
+    throw;
+  }
   if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) return Flush();
   if (flush_is_due_) return;
-  flush_is_due_ = true;
   loop_->OnIterationEnd([this] {
     flush_is_due_ = false;
     Flush();
   });
+  flush_is_due_ = true;
 }
 
 // Returns how much of what has collected is in the file.

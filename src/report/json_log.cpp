@@ -34,7 +34,7 @@ bool JsonLog::Wants(std::string_view event) const {
 }
 
 JsonLine& JsonLog::Begin(std::string_view event) {
-  begin_ = collected_.size();
+  collected_.resize(begin_);  // as in Flush
   line_.Begin();
   line_.Text("time", time_.Format(clock_.UnixMilliseconds()));
   line_.Text("event", event);
@@ -49,13 +49,14 @@ void JsonLog::End() {
     ++lost_lines_;
     return;
   }
+  begin_ = collected_.size();
   if (collected_.size() >= kMaxCollected && !retry_.Enabled()) return Flush();
   if (flush_is_due_) return;
-  flush_is_due_ = true;
   loop_.OnIterationEnd([this] {
     flush_is_due_ = false;
     Flush();
   });
+  flush_is_due_ = true;
 }
 
 void JsonLog::Reopen() {
@@ -64,10 +65,12 @@ void JsonLog::Reopen() {
 }
 
 void JsonLog::Flush() {
+  collected_.resize(begin_);  // a line that memory was not enough for has not ended
   if (collected_.empty()) return;
   const bool to_standard_output = configuration_.Service.JsonLog == kStandardOutput;
   const std::size_t written = to_standard_output ? WriteStandardOutput(collected_) : WriteToFile();
   collected_.erase(0, written);
+  begin_ = collected_.size();
   if (to_standard_output && !collected_.empty()) {
     // The rest of a line that has begun has to follow.
     if (!retry_.Enabled()) retry_.Enable();
@@ -77,6 +80,7 @@ void JsonLog::Flush() {
   if (!collected_.empty()) {
     lost_lines_ += static_cast<std::uint64_t>(std::count(collected_.begin(), collected_.end(), '\n'));
     collected_.clear();
+    begin_ = 0;
     ReportFailure();
   } else {
     failed_ = false;
