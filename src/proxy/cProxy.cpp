@@ -1,6 +1,7 @@
 #include "proxy/cProxy.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "base/text.h"
@@ -59,6 +60,10 @@ double cProxy::Duration() const {
 
 void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   if (stage_ == Stage::kClosed) return;
+  EndIfOutOfMemory([&] { TakeSideEvent(side, event); });
+}
+
+void cProxy::TakeSideEvent(SessionSide& side, SessionSide::Event event) {
   if (event == SessionSide::Event::kSecured) {
     if (&side == &Receiver) {
       TlsStands();
@@ -81,6 +86,8 @@ void cProxy::OnSideEvent(SessionSide& side, SessionSide::Event event) {
   } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver && TimeoutSpan.count() != 0 &&
              LineHasCome()) {
     LastActivity = dependencies_.clock.Monotonic();
+  } else if (event == SessionSide::Event::kDataArrival && &side == &Receiver) {
+    LookForEnd();
   }
   Pump();
 }
@@ -125,6 +132,12 @@ void cProxy::PumpLater() {
     cProxy* session = dependencies.sessions.Find(key);
     if (session) session->RunHandler("cProxy.Receiver_DataArrival", [&] { session->Pump(); });
   });
+}
+
+// A client that leaves says so in a record, and the end of its connection waits behind that. While the server owes
+// something nobody else reads it.
+void cProxy::LookForEnd() {
+  if (dialogue_.Expected() == ClientBytes::kWait && Receiver.Socket().Tls() != nullptr) Receiver.Peek(1);
 }
 
 bool cProxy::MayTakeClientBytes() const {
@@ -396,9 +409,20 @@ bool cProxy::CloseBecause(SessionEnd how, std::string_view reason) {
   return true;
 }
 
+void cProxy::EndOutOfMemory() {
+  if (stage_ == Stage::kClosed) return;
+  try {
+    EndsBy(SessionEnd::kRefused);
+    dialogue_.Say(ReplyKind::kServerError, *this);
+  } catch (const std::exception&) {
+    // Then the client sees the end alone.
+  }
+  Close();
+}
+
 void cProxy::Close() {
   if (stage_ == Stage::kClosed) return;
-  TellEnd();
+  RunLogged(dependencies_.log, "cProxy.Close", [this] { TellEnd(); });
   stage_ = Stage::kClosed;
   RunLogged(dependencies_.log, "cProxy.CloseReceiver", [this] { Receiver.Close(); });
   RunLogged(dependencies_.log, "cProxy.CloseSender", [this] { Sender.Close(); });

@@ -37,6 +37,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -196,6 +197,7 @@ class cProxy final : public DeferredDeletable,
   void Pump();
   // Runs Pump in the loop's next iteration, unless the session has ended by then.
   void PumpLater();
+  void LookForEnd();
   bool MayTakeClientBytes() const;
   void TakeClientBytes();
   // Hands the dialogue up to `limit` of the client's bytes; returns whether so many were there.
@@ -259,8 +261,22 @@ class cProxy final : public DeferredDeletable,
   // The body of an event handler: not run when the session has ended; errors that leave it are logged.
   template <class Body>
   void RunHandler(const char* source, Body body) {
-    if (stage_ != Stage::kClosed) RunLogged(dependencies_.log, source, body);
+    if (stage_ == Stage::kClosed) return;
+    RunLogged(dependencies_.log, source, [&] { EndIfOutOfMemory(body); });
   }
+  // A session that gets no memory cannot know how far it came; it ends, and leaves what it had to the others. The
+  // exception goes on to who logs it.
+  template <class Body>
+  void EndIfOutOfMemory(Body body) {
+    try {
+      body();
+    } catch (const std::bad_alloc&) {
+      EndOutOfMemory();
+      throw;
+    }
+  }
+  void EndOutOfMemory();
+  void TakeSideEvent(SessionSide& side, SessionSide::Event event);
 
   SessionDependencies& dependencies_;
   std::string key_;
