@@ -39,7 +39,7 @@ class Shared:
 def ways(story, stops):
     """The story's points, each with what is set on the story before it is played."""
     if story is crash_stories.TornLine:
-        return [(point, {"part": part}) for point in kill_points(stops) if crash_stories.is_torn_point(point)
+        return [(point, {"part": part}) for point in kill_points(stops) if crash_stories.is_torn_stop(point.stop)
                 for part in TORN_PARTS]
     if story is crash_stories.RenewalMeanwhile:
         return [(Point(stop, "none"), {}) for stop in stops]
