@@ -13,6 +13,7 @@
 #include <variant>
 
 #include "platform/event_loop.h"
+#include "platform/native_file.h"
 
 namespace trabex {
 
@@ -34,6 +35,8 @@ class ControlCaller {
   virtual ChannelResult Receive(std::span<char> buffer, std::size_t& received) = 0;
   // `bytes` is not empty; `sent` is how many of them the system took.
   virtual ChannelResult Send(std::string_view bytes, std::size_t& sent) = 0;
+  // The file that came with what was received; none when there was none.
+  virtual NativeFile TakeFile() { return NativeFile(); }
 };
 
 // The instance's end.
@@ -55,6 +58,9 @@ std::unique_ptr<ControlChannel> OpenControlChannel(
 class ControlCall {
  public:
   virtual ~ControlCall() = default;
+  // Opens the file and sends it along with what is sent next, so that the instance can read what it could not open
+  // itself. What cannot be opened or sent so is left to the instance.
+  virtual void Attach(const std::string& path) { static_cast<void>(path); }
   // Sends all of it. kWouldBlock: the instance took nothing for too long.
   virtual ChannelResult Send(std::string_view bytes) = 0;
   // kWouldBlock: nothing came for too long.

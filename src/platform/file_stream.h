@@ -19,6 +19,8 @@ class InputFile {
  public:
   // Only regular files are opened (75): a FIFO or a device would hold up the caller.
   InputFile(const std::string& path, std::string source);
+  // One that is open already, at its beginning; likewise.
+  InputFile(NativeFile file, std::string source);
 
   // In bytes, at the time of opening.
   std::uint64_t Size() const { return size_; }

@@ -42,7 +42,7 @@ std::string AbsolutePath(const std::string& path);
 bool IsFolder(const std::string& path);
 
 // The time of the file's last change, for comparison with an earlier one (nanoseconds since an epoch of the
-// system's).
+// system's). With root's rights, as ReadWholeFile.
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source);
 
 // What differs when a file has been changed, replaced, or is reached by a link that was set anew.
@@ -90,8 +90,8 @@ class AppendFile {
 // The most that ReadWholeFile takes into memory: far more than any file that people write.
 inline constexpr std::uint64_t kMaxWholeFileBytes = std::uint64_t{256} * 1024 * 1024;
 
-// The whole file as bytes. Raises also 7 "Out of memory" for one that is larger than the limit or than the
-// memory there is.
+// The whole file as bytes, read with RootRights. Raises also 7 "Out of memory" for one that is larger than the limit or
+// than the memory there is.
 std::string ReadWholeFile(const std::string& path, const std::string& source);
 
 }  // namespace trabex

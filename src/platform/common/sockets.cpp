@@ -3,6 +3,7 @@
 
 #include "platform/common/socket_table.h"
 #include "platform/common/system_address.h"
+#include "platform/permissions.h"
 // Those of the system.
 #include "socket_calls.h"
 #include "sockets_impl.h"
@@ -10,6 +11,12 @@
 namespace trabex {
 
 using socket_error::kNotSocket;
+
+namespace {
+
+constexpr int kNotPermitted = 10013;
+
+}  // namespace
 
 Sockets::~Sockets() = default;
 
@@ -24,6 +31,9 @@ int Sockets::Bind(SocketHandle socket, const Endpoint& local) {
   if (entry == nullptr) return kNotSocket;
   if (!IsOfFamily(local, entry->family)) return socket_error::kAddressFamily;
   SystemAddress address(local);
+  const int error = Outcome(bind(entry->native, address.Get(), address.Size()));
+  if (error != kNotPermitted) return error;
+  const RootRights rights;  // for a low port while the program starts
   return Outcome(bind(entry->native, address.Get(), address.Size()));
 }
 

@@ -9,6 +9,7 @@
 #include "base/error.h"
 #include "platform/common/file_error_text.h"
 #include "platform/files.h"
+#include "platform/sandbox.h"
 
 namespace trabex {
 
@@ -56,6 +57,9 @@ void RaisePathError(int code, const std::string& path, const std::string& source
   if (code == ENOENT) {
     struct stat folder {};
     if (stat(FolderOf(path).c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode)) code = ENOTDIR;
+  }
+  if (code == EACCES && (SandboxForbidsReading(path) || SandboxForbidsWritingIn(FolderOf(path)))) {
+    throw Error(error_number::kPermissionDenied, source, kOutsideSandbox);
   }
   RaiseFileError(code, source);
 }

@@ -53,6 +53,14 @@ InputFile::InputFile(const std::string& path, std::string source) : source_(std:
   file_ = NativeFile(file.Release());
 }
 
+InputFile::InputFile(NativeFile file, std::string source)
+    : source_(std::move(source)), file_(std::move(file)) {
+  struct stat status {};
+  if (fstat(static_cast<int>(file_.Value()), &status) != 0) RaiseFileError(errno, source_);
+  if (!S_ISREG(status.st_mode)) RaiseFileError(ENXIO, source_);
+  size_ = static_cast<std::uint64_t>(status.st_size);
+}
+
 std::size_t InputFile::Read(char* buffer, std::size_t size) {
   for (;;) {
     const ssize_t got = read(static_cast<int>(file_.Value()), buffer, size);

@@ -15,6 +15,7 @@
 #include "platform/linux/descriptor.h"
 #include "platform/linux/files/file_error.h"
 #include "platform/linux/files/regular_file.h"
+#include "platform/permissions.h"
 
 namespace trabex {
 
@@ -72,6 +73,7 @@ bool IsFolder(const std::string& path) {
 }
 
 std::int64_t FileModificationStamp(const std::string& path, const std::string& source) {
+  const RootRights rights;
   struct stat status {};
   if (stat(path.c_str(), &status) != 0) RaisePathError(errno, path, source);
   return ModificationStamp(status);
@@ -120,6 +122,7 @@ std::size_t AppendFile::WriteSome(std::string_view text) {
 }
 
 std::string ReadWholeFile(const std::string& path, const std::string& source) {
+  const RootRights rights;
   const Descriptor file = OpenRegularFile(path, O_RDONLY);
   if (!file) RaisePathError(errno, path, source);
   struct stat status {};

@@ -1,12 +1,16 @@
 // The control channel is a stream socket in the abstract namespace, beside the datagram socket that is the lock.
 #include "platform/control_channel.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
+#include <cstring>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "base/error.h"
@@ -14,6 +18,7 @@
 #include "platform/fd_watcher.h"
 #include "platform/instance_lock.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/files/regular_file.h"
 #include "platform/linux/process/abstract_address.h"
 #include "platform/linux/process/unix_socket_table.h"
 
@@ -43,20 +48,67 @@ ChannelResult ResultOf(ssize_t count) {
   return waits ? ChannelResult::kWouldBlock : ChannelResult::kClosed;
 }
 
-// Descriptors that a peer attaches find no space here, so the system closes them.
-ChannelResult ReceiveFrom(int socket, std::span<char> buffer, std::size_t& received) {
+// A message with space for one descriptor.
+class Message {
+ public:
+  Message(char* bytes, std::size_t size) : part_{bytes, size} {
+    header_.msg_iov = &part_;
+    header_.msg_iovlen = 1;
+    header_.msg_control = space_.data();
+    header_.msg_controllen = space_.size();
+  }
+
+  msghdr& Header() { return header_; }
+  void Put(int descriptor) {
+    cmsghdr* const first = CMSG_FIRSTHDR(&header_);
+    first->cmsg_level = SOL_SOCKET;
+    first->cmsg_type = SCM_RIGHTS;
+    first->cmsg_len = CMSG_LEN(sizeof descriptor);
+    std::memcpy(CMSG_DATA(first), &descriptor, sizeof descriptor);
+  }
+  Descriptor Take() {
+    const cmsghdr* const first = CMSG_FIRSTHDR(&header_);
+    if (first == nullptr || first->cmsg_level != SOL_SOCKET || first->cmsg_type != SCM_RIGHTS ||
+        first->cmsg_len < CMSG_LEN(sizeof(int))) {
+      return Descriptor();
+    }
+    int descriptor = -1;
+    std::memcpy(&descriptor, CMSG_DATA(first), sizeof descriptor);
+    return Descriptor(descriptor);
+  }
+
+ private:
+  iovec part_;
+  msghdr header_{};
+  alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof(int))> space_{};
+};
+
+// More descriptors than one that a peer attaches find no space here, so the system closes them; so are those that nobody
+// takes.
+ChannelResult ReceiveFrom(int socket, std::span<char> buffer, std::size_t& received, Descriptor& attached) {
+  Message message(buffer.data(), buffer.size());
   ssize_t count = -1;
-  do count = recv(socket, buffer.data(), buffer.size(), 0);
+  do count = recvmsg(socket, &message.Header(), MSG_CMSG_CLOEXEC);
   while (count < 0 && errno == EINTR);
+  if (count >= 0) {
+    if (Descriptor one = message.Take()) attached = std::move(one);
+  }
   const ChannelResult result = ResultOf(count);
   received = result == ChannelResult::kDone ? static_cast<std::size_t>(count) : 0;
   return result;
 }
 
-ChannelResult SendTo(int socket, std::string_view bytes, std::size_t& sent) {
+// `attached` goes along with the first byte.
+ChannelResult SendTo(int socket, std::string_view bytes, std::size_t& sent, int attached = -1) {
+  std::string copy;
+  if (attached >= 0) copy = bytes;  // a message wants bytes that could be changed
+  Message message(copy.data(), copy.size());
+  if (attached >= 0) message.Put(attached);
   ssize_t count = -1;
-  do count = send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-  while (count < 0 && errno == EINTR);
+  do {
+    count = attached >= 0 ? sendmsg(socket, &message.Header(), MSG_NOSIGNAL)
+                          : send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  } while (count < 0 && errno == EINTR);
   const ChannelResult result = ResultOf(count);
   sent = result == ChannelResult::kDone ? static_cast<std::size_t>(count) : 0;
   return result;
@@ -72,11 +124,12 @@ class SocketCaller final : public ControlCaller {
     watch_.SetInterest(interest);
   }
   ChannelResult Receive(std::span<char> buffer, std::size_t& received) override {
-    return ReceiveFrom(socket_.Get(), buffer, received);
+    return ReceiveFrom(socket_.Get(), buffer, received, attached_);
   }
   ChannelResult Send(std::string_view bytes, std::size_t& sent) override {
     return SendTo(socket_.Get(), bytes, sent);
   }
+  NativeFile TakeFile() override { return NativeFile(attached_.Release()); }
 
  private:
   void OnReady() {
@@ -85,6 +138,7 @@ class SocketCaller final : public ControlCaller {
   }
 
   Descriptor socket_;
+  Descriptor attached_;
   std::function<void()> ready_;
   FdWatcher watch_;
 };
@@ -155,18 +209,22 @@ class SocketCall final : public ControlCall {
     ChannelResult result = ChannelResult::kDone;
     while (!bytes.empty() && result == ChannelResult::kDone) {
       std::size_t sent = 0;
-      result = SendTo(socket_.Get(), bytes, sent);
+      result = SendTo(socket_.Get(), bytes, sent, attached_.Get());
+      if (sent > 0) attached_.Close();
       bytes.remove_prefix(sent);
     }
     return result;
   }
   ChannelResult Receive(std::span<char> buffer, std::size_t& received) override {
-    return ReceiveFrom(socket_.Get(), buffer, received);
+    Descriptor ignored;
+    return ReceiveFrom(socket_.Get(), buffer, received, ignored);
   }
+  void Attach(const std::string& path) override { attached_ = OpenRegularFile(path, O_RDONLY); }
   std::intptr_t NativeHandle() const override { return socket_.Get(); }
 
  private:
   Descriptor socket_;
+  Descriptor attached_;  // what goes along with the next bytes
 };
 
 }  // namespace

@@ -38,6 +38,11 @@ InputFile::InputFile(const std::string& path, std::string source) : source_(std:
   size_ = SizeOf(file_, source_);
 }
 
+InputFile::InputFile(NativeFile file, std::string source)
+    : source_(std::move(source)), file_(std::move(file)) {
+  size_ = SizeOf(file_, source_);
+}
+
 std::size_t InputFile::Read(char* buffer, std::size_t size) {
   return ReadSome(file_, buffer, size, source_);
 }

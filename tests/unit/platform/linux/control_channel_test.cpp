@@ -12,11 +12,13 @@
 #include <vector>
 
 #include "platform/clock.h"
+#include "platform/file_stream.h"
 #include "platform/instance_lock.h"
 #include "platform/linux/descriptor.h"
 #include "platform/linux/process/abstract_address.h"
 #include "support/child_process.h"
 #include "support/loop_runner.h"
+#include "support/temp_folder.h"
 
 namespace trabex {
 namespace {
@@ -91,6 +93,34 @@ TEST_F(ControlChannelTest, CarriesBytesBothWays) {
   EXPECT_EQ(caller.Wait(), 0);
   EXPECT_TRUE(RunUntil(loop_, [&] { return ends_[0]; }));
   EXPECT_EQ(callers_[0]->Send("x", sent), ChannelResult::kClosed);
+}
+
+TEST_F(ControlChannelTest, AFileComesAlong) {
+  const std::string name = OwnName("file");
+  TempFolder folder;
+  WriteFile(folder / "records", "some text");
+  ASSERT_TRUE(Open(name));
+  for (const std::string file : {"records", "none"}) {
+    ChildProcess caller([&] {
+      const auto called = CallInstance(name, kPatience);
+      const auto& call = std::get<std::unique_ptr<ControlCall>>(called);
+      call->Attach(folder / file);
+      return call->Send("first") == ChannelResult::kDone && call->Send("second") == ChannelResult::kDone ? 0
+                                                                                                         : 1;
+    });
+    ASSERT_TRUE(RunUntil(loop_, [&] { return !heard_.empty() && heard_.back() == "firstsecond"; }));
+    EXPECT_EQ(caller.Wait(), 0);
+    NativeFile attached = callers_.back()->TakeFile();
+    EXPECT_FALSE(callers_.back()->TakeFile().IsOpen()) << "taken once";
+    EXPECT_EQ(attached.IsOpen(), file == "records");
+    if (attached.IsOpen()) {
+      InputFile input(std::move(attached), "test");
+      std::array<char, 100> buffer{};
+      EXPECT_EQ(input.Size(), 9U);
+      EXPECT_EQ(std::string(buffer.data(), input.Read(buffer.data(), buffer.size())), "some text");
+    }
+    heard_.back().clear();
+  }
 }
 
 TEST_F(ControlChannelTest, WhatWasSentArrivesThoughWeHungUp) {

@@ -2,13 +2,16 @@
 
 #include <gtest/gtest.h>
 
+#include <grp.h>
 #include <pwd.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
 #include <string>
 
+#include "platform/files.h"
 #include "support/child_process.h"
 #include "support/temp_folder.h"
 
@@ -63,6 +66,83 @@ TEST(Users, AreKnownByName) {
   EXPECT_EQ(BecomeUser("no such user"), BecomeUserResult::kUnknownUser);
   EXPECT_EQ(BecomeUser(""), BecomeUserResult::kUnknownUser);
   EXPECT_EQ(BecomeUser(getpwuid(geteuid())->pw_name), BecomeUserResult::kDone);
+}
+
+TEST(Users, AreKnownByNumber) {
+  EXPECT_EQ(BecomeUser(std::to_string(geteuid())), BecomeUserResult::kDone);
+  for (const char* const bad : {"4294967295", "4294967296", "-1", "1x", " 1", "0x1"}) {
+    EXPECT_EQ(BecomeUser(bad), BecomeUserResult::kUnknownUser) << bad;
+  }
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  ChildProcess child([] {
+    if (BecomeUser("71234") != BecomeUserResult::kDone) return 1;
+    if (geteuid() != 71234 || getegid() != 71234) return 2;
+    return getgroups(0, nullptr) == 0 ? 0 : 3;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+// The value of a line of /proc/self/status.
+std::string StatusOf(const std::string& name) {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name + ":\t")) return line.substr(name.size() + 2);
+  }
+  return "none";
+}
+
+TEST(Users, AreRootOnceMoreUntilItIsGivenUp) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  TempFolder folder;
+  WriteFile(folder / "key", "secret");
+  ASSERT_EQ(chmod((folder / "key").c_str(), 0600), 0);
+  ASSERT_EQ(chmod(folder.Path().c_str(), 0755), 0);
+  const uid_t user = getpwnam(kStranger)->pw_uid;
+  ChildProcess child([&] {
+    if (BecomeUserForNow(kStranger) != BecomeUserResult::kDone || geteuid() != user) return 1;
+    const auto readable = [&] {
+      return access((folder / "key").c_str(), R_OK) == 0 && std::ifstream(folder / "key");
+    };
+    if (std::ifstream(folder / "key")) return 2;
+    {
+      const RootRights rights;
+      const RootRights again;
+      if (geteuid() != 0 || !readable()) return 3;
+    }
+    if (geteuid() != user) return 4;
+    if (ReadWholeFile(folder / "key", "test") != "secret") return 5;
+    if (!GiveUpRoot()) return 6;
+    const RootRights none;
+    if (geteuid() != user || getuid() != user) return 7;
+    if (seteuid(0) == 0 || setuid(0) == 0 || setgid(0) == 0 || setgroups(0, nullptr) == 0) return 8;
+    if (std::ifstream(folder / "key")) return 9;
+    for (const char* const set : {"CapEff", "CapPrm", "CapInh", "CapAmb"}) {
+      if (StatusOf(set) != "0000000000000000") return 10;
+    }
+    if (StatusOf("NoNewPrivs") != "1" || prctl(PR_GET_DUMPABLE) != 0) return 11;
+    return 0;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(Users, KeepNoCapabilityThatTheProcessWasToKeep) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  ChildProcess child([] {
+    if (BecomeUserForNow(kStranger) != BecomeUserResult::kDone) return 1;
+    {
+      const RootRights rights;
+      if (prctl(PR_SET_KEEPCAPS, 1) != 0) return 2;
+    }
+    return GiveUpRoot() && StatusOf("CapPrm") == "0000000000000000" ? 0 : 3;
+  });
+  EXPECT_EQ(child.Wait(), 0);
+}
+
+TEST(Users, GiveUpNothingThatTheyDoNotHave) {
+  const uid_t before = geteuid();
+  EXPECT_TRUE(GiveUpRoot());
+  const RootRights none;
+  EXPECT_EQ(geteuid(), before);
 }
 
 }  // namespace
