@@ -4,7 +4,9 @@
 #include <cmath>
 #include <utility>
 
+#include "app/check_configuration.h"
 #include "app/frmMain.h"
+#include "app/loop_test.h"
 #include "app/program.h"
 #include "base/error.h"
 #include "base/text.h"
@@ -136,7 +138,7 @@ void AutoReload::AwaitQuiet(std::int64_t stamp) {
 void AutoReload::tmrAutoReloadDelay_Timer() {
   tmrAutoReloadDelay.Disable();
   std::optional<IniText> ini = TakeFile();
-  if (ini && !LooksUnfinished(*ini)) Reload(std::move(*ini));
+  if (ini && !LooksUnfinished(*ini) && MayListen(*ini)) Reload(std::move(*ini));
 }
 
 std::optional<IniText> AutoReload::TakeFile() {
@@ -166,6 +168,22 @@ bool AutoReload::LooksUnfinished(const IniText& ini) {
   tmrAutoReloadDelay.SetInterval(kBetweenLooks);
   tmrAutoReloadDelay.Enable();
   return true;
+}
+
+bool AutoReload::MayListen(const IniText& ini) {
+  // Root would be told of a bad address or one that is taken as ever: at the end of the reload.
+  if (!program_.user_given) return true;
+  const CheckedConfiguration checked = CheckConfiguration({.file = program_.ini_file.path,
+                                                           .early = program_.MakeEarlyKeyInputs(),
+                                                           .context = program_.MakeSettingContext()},
+                                                          DefaultConfiguration());
+  const auto failure = window_.WhyNotAllowed(checked.configuration);
+  if (!failure) return true;
+  if (std::exchange(refused_stamp_, ini.stamp) != ini.stamp) {
+    program_.log.LogProblem(ListenErrorText(failure->endpoint, failure->error));
+    program_.log.LogLine("Configuration not reloaded; the one in force stays.");
+  }
+  return false;
 }
 
 void AutoReload::Reload(IniText ini, TakenListFiles lists, std::function<void(bool made)> done) {

@@ -75,6 +75,8 @@ class AutoReload {
   std::optional<IniText> TakeFile();
   // Whether the file may not be complete yet; then it is checked again later.
   bool LooksUnfinished(const IniText& ini);
+  // Whether a program that is not root any more may listen as the file says; the log says why not, once for each date.
+  bool MayListen(const IniText& ini);
   bool ReadAgain(IniText ini, TakenListFiles lists);
   void ActOnAddresses(const Addresses& before);
   void Settled(bool succeeded);
@@ -90,6 +92,7 @@ class AutoReload {
   std::int64_t awaited_stamp_ = 0;                // of the file that the delay runs for
   std::optional<std::int64_t> reported_stamp_;    // of the file of which the log says why it was not taken
   std::optional<std::int64_t> unfinished_stamp_;  // of the file that is checked once more
+  std::optional<std::int64_t> refused_stamp_;     // of the file whose listeners are not permitted
   bool under_way_ = false;
   std::function<void(bool made)> done_;  // of the one that is under way
   Timer tmrAutoReload;

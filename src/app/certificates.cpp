@@ -8,6 +8,8 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "platform/files.h"
+#include "platform/permissions.h"
+#include "platform/sandbox.h"
 #include "tls/tls_context.h"
 #include "tls/tls_facts.h"
 
@@ -115,6 +117,7 @@ bool Certificates::Load() {
   const TLSSettings& tls = wanted_->tls;
   TlsLoadReport report;
   try {
+    const RootRights rights;  // a key is often for nobody else
     TlsContexts loaded;
     if (!tls.Certificate.empty()) {
       loaded.for_clients = TlsContext::ForServer(ServerOptions(tls), report, contexts_.for_clients.get());
@@ -148,7 +151,8 @@ void Certificates::LogFailure(const TlsLoadReport::Failure& failure) {
     }
     return "use Ciphers " + Quoted(wanted_->tls.Ciphers);
   };
-  log_.LogProblem("Unable to " + subject() + ". " + failure.reason + "." +
+  const std::string reason = SandboxForbidsReading(failure.file) ? kOutsideSandbox : failure.reason;
+  log_.LogProblem("Unable to " + subject() + ". " + reason + "." +
                   (failure.kept ? " The one in force stays." : ""));
 }
 

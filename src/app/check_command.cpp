@@ -9,9 +9,7 @@
 #include "app/exit_status.h"
 #include "app/finding.h"
 #include "app/program.h"
-#include "base/text.h"
 #include "config/configuration_dump.h"
-#include "platform/permissions.h"
 
 namespace trabex {
 
@@ -29,27 +27,9 @@ bool IsWritten(Program& program) {
   return false;
 }
 
-// The exit status when that was not possible.
-std::optional<int> BecomeUserOf(Program& program, const std::string& name) {
-  switch (BecomeUser(name)) {
-    case BecomeUserResult::kDone:
-      break;
-    case BecomeUserResult::kUnknownUser:
-      program.Tell("There is no user " + Quoted(name) + ".");
-      return exit_status::kBadCommandLine;
-    case BecomeUserResult::kNotPermitted:
-      program.Tell("Only root can check for another user.");
-      return exit_status::kFailed;
-  }
-  return std::nullopt;
-}
-
 }  // namespace
 
 int CheckOnRequest(Program& program, const CommandLine& line) {
-  if (line.user) {
-    if (const std::optional<int> status = BecomeUserOf(program, *line.user)) return *status;
-  }
   constexpr Milliseconds kMaxWait{1000};
   std::optional<CheckedConfiguration> checked;
   CheckSettings(program, FileAsGiven(program, line), program.configuration,

@@ -24,6 +24,7 @@
 #include "net/socket_errors.h"
 #include "platform/files.h"
 #include "platform/permissions.h"
+#include "platform/sandbox.h"
 
 namespace trabex {
 
@@ -390,11 +391,22 @@ class Rules {
 
   void CheckFolder(std::string_view section, std::string_view key, const std::string& folder,
                    std::string_view what) {
-    const FolderState state = StateOfFolder(folder);
-    if (state == FolderState::kUsable) return;
+    const auto trouble = [&]() -> std::string_view {
+      switch (StateOfFolder(folder)) {
+        case FolderState::kUsable:
+          break;
+        case FolderState::kMissing:
+          return "missing.";
+        case FolderState::kNotWritable:
+          return "not writable for this user.";
+        case FolderState::kOutside:
+          return "outside of those that Sandbox allows; it can be used from the next start on.";
+      }
+      return {};
+    }();
+    if (trouble.empty()) return;
     AtKey(Severity::kError, section, key,
-          "The folder of the " + std::string(what) + ", " + Quoted(folder) + ", is " +
-              (state == FolderState::kMissing ? "missing." : "not writable for this user."));
+          "The folder of the " + std::string(what) + ", " + Quoted(folder) + ", is " + std::string(trouble));
   }
 
   void CheckFolders() {
@@ -409,9 +421,11 @@ class Rules {
       CheckFolder(section_name::kCommon, "LogPath", folder, "log");
     }
     const std::string& json_log = configuration_.Service.JsonLog;
-    if (!json_log.empty() && json_log != kStandardOutput && !FindFileIdentity(NativePath(json_log))) {
+    if (!json_log.empty() && json_log != kStandardOutput) {
       const std::string folder = FolderOf(NativePath(json_log));
-      if (folder != log_folder) CheckFolder(section_name::kService, "JsonLog", folder, "log in JSON");
+      const bool is_there = FindFileIdentity(NativePath(json_log)) && !SandboxForbidsWritingIn(folder);
+      if (!is_there && folder != log_folder)
+        CheckFolder(section_name::kService, "JsonLog", folder, "log in JSON");
     }
     if (configuration_.GreyListing.Enabled) {
       CheckFolder(section_name::kGreyListing, "Database",

@@ -14,21 +14,27 @@ namespace {
 // Takes what the certificates say as errors of section TLS.
 class CertificateFindings final : public Log {
  public:
-  explicit CertificateFindings(CheckedConfiguration& checked) : checked_(checked) {}
+  CertificateFindings(CheckedConfiguration& checked, Finding::Severity severity)
+      : checked_(checked), severity_(severity) {}
   void LogLine(std::string_view /*message*/) override {}
 
  private:
   void TakeProblem(std::string_view message, std::string_view /*addition*/) override {
     checked_.findings.push_back({.file = checked_.server_finding.file,
+                                 .severity = severity_,
                                  .section = std::string(section_name::kTLS),
                                  .text = std::string(message)});
   }
 
   CheckedConfiguration& checked_;
+  Finding::Severity severity_;
 };
 
 void CheckCertificates(Program& program, CheckedConfiguration& checked) {
-  CertificateFindings log(checked);
+  // Keys that only root may read were read at the start; a reload that leaves section TLS as it is leaves them in force.
+  const bool stays =
+      program.user_given && program.window && checked.configuration.TLS == program.configuration.TLS;
+  CertificateFindings log(checked, stays ? Finding::Severity::kWarning : Finding::Severity::kError);
   TlsContexts contexts;
   Certificates(checked.configuration, log, program.dependencies.clock, program.loop, contexts).Follow();
 }

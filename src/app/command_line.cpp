@@ -176,7 +176,6 @@ class Parser {
   }
 
   void TakeUser(std::string_view token) {
-    check_option_ = token;
     const std::optional<std::string_view> name = Next();
     if (!name || name->empty()) return Refuse("Argument expected after", token);
     line_.user = *name;

@@ -32,14 +32,14 @@ struct CommandLine {
   bool minimized = false;
   bool hidden = false;
   bool exit_request = false;
+  std::optional<std::string> user;  // whose the process is to be: a name or a number
   // What a running instance is asked (control_requests.h): a name and its arguments, which are kept as typed.
   // Empty: nothing.
   std::vector<std::string> request;
   // What is done instead of a start (check_command.h): both are not possible, nor is a request beside one.
   bool check = false;
   bool dump = false;
-  std::optional<std::string> user;  // of `check`: for whom
-  bool offline = false;             // of `check`: no name is asked for
+  bool offline = false;  // of `check`: no name is asked for
   // What is to be explained instead of a start (explain_command.h), as typed; nothing: nothing is.
   std::optional<std::vector<std::string>> explain;
   bool live = false;  // of `explain`: greylisting is that of the running instance

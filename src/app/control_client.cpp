@@ -1,5 +1,6 @@
 #include "app/control_client.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <memory>
@@ -17,6 +18,7 @@
 #include "app/version.h"
 #include "console/viewer.h"
 #include "platform/control_channel.h"
+#include "platform/files.h"
 #include "platform/instance_lock.h"
 #include "platform/process.h"
 
@@ -78,6 +80,14 @@ struct Asked {
   std::string received = {};               // likewise, what has come of it
 };
 
+// The file that a request names for the instance to read: one to be imported.
+std::string FileOf(const std::vector<std::string>& request) {
+  if (request.size() < 3 || request[0] != "GREYLIST" || request[1] != "import") return {};
+  const auto file = std::find_if(request.begin() + 2, request.end(),
+                                 [](const std::string& argument) { return !argument.starts_with("--"); });
+  return file == request.end() ? std::string() : NativePath(*file);
+}
+
 Asked Ask(std::int32_t port, const std::vector<std::string>& request, std::ostream& out, std::ostream& err) {
   const std::optional<std::string> line = FormatRequest(request);
   if (!line) {
@@ -91,6 +101,7 @@ Asked Ask(std::int32_t port, const std::vector<std::string>& request, std::ostre
     return {.status = Complain(err, port, ComplaintAbout(*failure))};
   }
   auto call = std::move(std::get<std::unique_ptr<ControlCall>>(called));
+  if (const std::string file = FileOf(request); !file.empty()) call->Attach(file);
   if (call->Send(*line) == ChannelResult::kWouldBlock) return {.status = Complain(err, port, kSilent)};
   // One that has hung up may have said why.
   std::string error;

@@ -22,7 +22,7 @@ void ControlRequests::Add(std::string name, ControlHandler handler) {
   handlers_.insert_or_assign(std::move(name), std::move(handler));
 }
 
-ControlReply ControlRequests::Answer(const std::vector<std::string>& request) const {
+ControlReply ControlRequests::Answer(const std::vector<std::string>& request, NativeFile attached) const {
   const auto found = request.empty() ? handlers_.end() : handlers_.find(request.front());
   if (found == handlers_.end()) {
     return ControlAnswer{.status = exit_status::kFailed,
@@ -30,6 +30,9 @@ ControlReply ControlRequests::Answer(const std::vector<std::string>& request) co
                          .error = "This instance does not know the request \"" +
                                   (request.empty() ? std::string() : request.front()) + "\"."};
   }
+  attached_ = std::move(attached);
+  const std::unique_ptr<NativeFile, void (*)(NativeFile*)> not_taken(&attached_,
+                                                                     [](NativeFile* file) { file->Close(); });
   return found->second({request.begin() + 1, request.end()});
 }
 

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -58,9 +59,13 @@ class ControlRequests {
   // replaces the first.
   void Add(std::string name, ControlHandler handler);
   // The reply to a request, which is a name and its arguments. One that nobody has added fails.
-  ControlReply Answer(const std::vector<std::string>& request) const;
+  // `attached` is the file that came with it.
+  ControlReply Answer(const std::vector<std::string>& request, NativeFile attached = {}) const;
+  // For the handler that is being called: the file that came with the request, once; none when there was none.
+  NativeFile TakeAttached() const { return std::exchange(attached_, {}); }
 
  private:
+  mutable NativeFile attached_;
   std::map<std::string, ControlHandler, std::less<>> handlers_;
 };
 

@@ -114,7 +114,7 @@ class ControlServer::Caller final : public DeferredDeletable {
   void Answer(const std::vector<std::string>& request) {
     ControlReply reply;
     try {
-      reply = server_.requests_.Answer(request);
+      reply = server_.requests_.Answer(request, connection_->TakeFile());
     } catch (const std::exception& error) {
       reply = Failure(exit_status::kFailed, error.what());
     }

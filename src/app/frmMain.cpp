@@ -22,6 +22,8 @@ constexpr Milliseconds kStatusInterval{500};
 constexpr Milliseconds kSaveInterval{60000};
 // How long an iteration of the loop may wait during the start. The look-up is answered long before.
 constexpr Milliseconds kMaxWait{1000};
+// The system's number for a port that only root may bind.
+constexpr int kNotPermitted = 10013;
 // Two times that are an interval apart may differ by less than it when they are kept in days.
 constexpr double kRounding = 0.001 / kSecondsPerDay;
 
@@ -161,6 +163,11 @@ void frmMain::TestForLoop(std::function<void(bool passed)> done) {
                                                  });
 }
 
+std::optional<ListenFailure> frmMain::WhyNotAllowed(const Configuration& settings) const {
+  auto failure = listeners_.WhyNot(ListenEndpoints(settings));
+  return failure && failure->error.Number() == kNotPermitted ? failure : std::nullopt;
+}
+
 // A failure is logged.
 bool frmMain::PassesLoopTest(const AddressAnswer& server) {
   const auto why_not = WhyNoListening(program_.configuration, program_.sockets, server);
@@ -191,6 +198,10 @@ void frmMain::Reloaded(bool succeeded) {
   ++program_.counters.reloads[succeeded ? 0 : 1];
   program_.counters.last_reload_ok = succeeded;
   if (succeeded) status_.Follow();
+  if (succeeded && program_.sandbox_in_force.value_or(program_.configuration.Service.Sandbox) !=
+                       program_.configuration.Service.Sandbox) {
+    program_.log.LogLine("Sandbox takes effect at the next start.");
+  }
   WriteReload(program_.json_log, succeeded, TakeProblems());
 }
 

@@ -55,6 +55,8 @@ class frmMain final {
   // when a name has to be looked up first; then the listeners from before go on meanwhile. A second call
   // replaces the first.
   void StartListening(std::function<void(bool listening)> done);
+  // The first listener of `settings` that the system would not permit.
+  std::optional<ListenFailure> WhyNotAllowed(const Configuration& settings) const;
   // Only the test that the server is no listener of this program; `done` as above.
   void TestForLoop(std::function<void(bool passed)> done);
   // Logs the addresses in force and shows them in the status line.

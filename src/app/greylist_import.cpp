@@ -38,10 +38,15 @@ bool Equal(const cGreyListingData& a, const cGreyListingData& b) {
   return a.ExpireAt() == b.ExpireAt() && a.DelayedUntil() == b.DelayedUntil() && a.Count() == b.Count();
 }
 
+InputFile Open(NativeFile attached, const std::string& path) {
+  if (attached.IsOpen()) return InputFile(std::move(attached), kSource);
+  return InputFile(NativePath(path), kSource);
+}
+
 class Import {
  public:
   Import(const GreyListToolInputs& inputs, const std::string& path, bool replace)
-      : inputs_(inputs), replace_(replace), loads_(inputs.loads()), file_(NativePath(path), kSource) {}
+      : inputs_(inputs), replace_(replace), loads_(inputs.loads()), file_(Open(inputs.attached(), path)) {}
   // What was begun is completed, so that it is never a part of the file that is in force.
   ~Import() { Complete(); }
   Import(const Import&) = delete;

@@ -27,6 +27,8 @@ struct GreyListToolInputs {
   // the saves.
   std::function<bool(std::function<void()> complete)> hold_saves = [](const auto&) { return true; };
   std::function<void()> release_saves = [] {};
+  // The file to be imported, when who asks has opened it.
+  std::function<NativeFile()> attached = [] { return NativeFile(); };
 };
 
 // Answers

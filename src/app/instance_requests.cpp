@@ -126,7 +126,8 @@ ControlReply GreyList(Program& program, const std::vector<std::string>& argument
        .clock = program.dependencies.clock,
        .loads = [&greylisting] { return greylisting.Loads(); },
        .hold_saves = [&greylisting](auto complete) { return greylisting.HoldSaves(std::move(complete)); },
-       .release_saves = [&greylisting] { greylisting.ReleaseSaves(); }},
+       .release_saves = [&greylisting] { greylisting.ReleaseSaves(); },
+       .attached = [&program] { return program.requests.TakeAttached(); }},
       arguments);
 }
 

@@ -9,6 +9,7 @@
 #include "platform/clock.h"
 #include "platform/message.h"
 #include "platform/process.h"
+#include "platform/sandbox.h"
 
 int main(int argc, char** argv) {
   trabex::PrepareProcess(argc, argv);
@@ -17,10 +18,11 @@ int main(int argc, char** argv) {
     const std::vector<std::string> tokens = trabex::CommandLineTokens(argc, argv);
     const std::vector<std::string_view> arguments(tokens.begin(), tokens.end());
     const trabex::SystemClock clock;
-    return trabex::RunProgram(
-        arguments, {.clock = clock, .out = streams.Out(), .err = streams.Err(), .answered = [&streams] {
-                      streams.Show();
-                    }});
+    return trabex::RunProgram(arguments, {.clock = clock,
+                                          .out = streams.Out(),
+                                          .err = streams.Err(),
+                                          .answered = [&streams] { streams.Show(); },
+                                          .enclose = trabex::EncloseProcess});
   } catch (const std::exception& error) {
     // The system refused what nothing can be done without: memory, an event queue. Or the command line is no such.
     streams.Err() << trabex::kApplicationTitle << ": " << error.what() << '\n';

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -27,6 +28,7 @@
 #include "platform/files.h"
 #include "platform/instance_lock.h"
 #include "platform/message.h"
+#include "platform/sandbox.h"
 #include "platform/service_manager.h"
 #include "platform/sockets.h"
 #include "proxy/tls_contexts.h"
@@ -49,6 +51,8 @@ struct Dependencies {
   std::function<void(std::string_view text)> show = ShowMessage;
   // Called when a command line that is no start was answered in `out` and `err`.
   std::function<void()> answered = [] {};
+  // Closes the process in (sandbox.h). Empty: it stays as it is, as where a test goes on behind the program.
+  std::function<std::optional<std::string>(const SandboxPaths& paths)> enclose = {};
   std::string program_directory = ProgramDirectory();
   std::string program_name = ProgramName();  // without extension; begins the names of its files
   std::function<std::unique_ptr<NameLookup>(EventLoop&)> make_names = [](EventLoop& loop) {
@@ -98,6 +102,9 @@ struct Program final : LoadHost {
   InitializationFile ini_file;
   bool port_given = false;      // on the command line: the key is not read
   bool log_path_given = false;  // likewise
+  bool user_given = false;      // likewise: the ports and keys of the start were opened as root
+  // `Sandbox` as the start found it; nothing before.
+  std::optional<std::int32_t> sandbox_in_force;
   int exit_status = 0;
   // What is not as the initialization file wants it, since the start or reload began, whose end records it.
   std::vector<std::string> problems;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,11 +15,14 @@
 #include "app/explain_command.h"
 #include "app/frmMain.h"
 #include "app/greylist_file.h"
+#include "app/places_in_use.h"
 #include "app/printable.h"
 #include "app/version.h"
 #include "base/text.h"
 #include "config/ini_paths.h"
 #include "platform/files.h"
+#include "platform/permissions.h"
+#include "platform/sandbox.h"
 
 namespace trabex {
 
@@ -41,25 +45,31 @@ class StartUp {
   StartUp& operator=(const StartUp&) = delete;
 
   int Run() {
+    if (const std::optional<int> status = TakeUser()) return *status;
     if (line_.check) return CheckOnRequest(program_, line_);
     if (line_.dump) return DumpOnRequest(program_, line_);
     if (line_.explain) return ExplainOnRequest(program_, line_);
     if (program_.ReadEarlyKeys() == EarlyKeysResult::kFailed) return exit_status::kFailed;
     const std::int32_t port = program_.configuration.BindPort;
-    if (line_.exit_request) return AskForExit(port, program_.dependencies.err);
-    if (!line_.request.empty()) {
-      return Ask(port);
+    if (line_.exit_request || !line_.request.empty()) {
+      if (!LetGoOfRoot()) return exit_status::kFailed;
+      return line_.exit_request ? AskForExit(port, program_.dependencies.err) : Ask(port);
     }
     TellOtherPlace();
     if (!program_.LockInstance()) return exit_status::kFailed;
     if (LoadConfiguration(program_.MakeLoadDependencies(), program_.configuration) == LoadResult::kFailed) {
       return ConfigurationFailed();
     }
+    if (line_.user) TellWhatIsNotWritable();
+    if (!SandboxIsPossible()) return NotStarted();
     program_.window = std::make_unique<frmMain>(program_);
     // A window and the lines of a log have no place on one screen.
     const bool shown = !line_.hidden && program_.configuration.Service.JsonLog != kStandardOutput;
-    if (!program_.window->Form_Load(shown) && !program_.window->Unloaded()) return ListenerFailed();
+    if (!program_.window->Form_Load(shown) && !program_.window->Unloaded()) return EndAtOnce();
+    // The ports are bound and the keys are read; nothing of a client has been.
+    if (!LetGoOfRoot()) return EndAtOnce();
     if (shown) program_.window->Show(line_.minimized);
+    if (!Enclose(shown)) return EndAtOnce();
     program_.log.CollectOn(&program_.loop);
     program_.loop.Run();
     program_.log.CollectOn(nullptr);
@@ -83,6 +93,7 @@ class StartUp {
                                                      around.program_directory, around.program_name);
     program_.port_given = line_.port.has_value();
     if (line_.port) program_.configuration.BindPort = *line_.port;
+    program_.user_given = line_.user.has_value();
     program_.log_path_given = line_.log_path.has_value();
     if (line_.log_path) {
       program_.configuration.LogPath = *line_.log_path;
@@ -102,15 +113,94 @@ class StartUp {
 
   int ConfigurationFailed() {
     program_.log.LogProblem(TitleAndVersion() + " not started due to an error in initialization file.");
+    return NotStarted();
+  }
+
+  int NotStarted() {
     program_.log.Close();
     program_.control.Close();
     program_.instance_lock.reset();
     return exit_status::kFailed;
   }
 
-  int ListenerFailed() {
+  int EndAtOnce() {
     program_.window->Form_Unload();
     return exit_status::kFailed;
+  }
+
+  // Becomes the user who is named, a start and a request only for now: they need root for what only root may read, and
+  // a start for the ports below 1024. The exit status when that is not possible.
+  std::optional<int> TakeUser() {
+    if (!line_.user) return std::nullopt;
+    const bool for_good = line_.check || line_.dump || line_.explain;
+    switch (for_good ? BecomeUser(*line_.user) : BecomeUserForNow(*line_.user)) {
+      case BecomeUserResult::kDone:
+        return std::nullopt;
+      case BecomeUserResult::kUnknownUser:
+        program_.Tell("There is no user " + Quoted(*line_.user) + ".");
+        return exit_status::kBadCommandLine;
+      case BecomeUserResult::kNotHere:
+        program_.Tell(
+            "--user goes with --check only on this system; a service's user is set where services are.");
+        return exit_status::kBadCommandLine;
+      case BecomeUserResult::kNotPermitted:
+        break;
+    }
+    program_.Tell(line_.check ? "Only root can check for another user."
+                              : "Only root can become another user.");
+    return exit_status::kFailed;
+  }
+
+  // Whatever was possible until now as root is not from here on.
+  bool LetGoOfRoot() {
+    if (!line_.user || GiveUpRoot()) return true;
+    program_.log.LogProblem("The system does not let the process give up root.");
+    return false;
+  }
+
+  // With Sandbox=2 a system that cannot do all of it is no place to start, which is better known before there is a
+  // listener.
+  bool SandboxIsPossible() {
+    if (program_.configuration.Service.Sandbox != sandbox::kRequired || !program_.dependencies.enclose)
+      return true;
+    const std::optional<std::string> why_not = WhyNoSandbox();
+    if (why_not) TellNoSandbox(*why_not);
+    return !why_not;
+  }
+
+  void TellNoSandbox(const std::string& why_not) {
+    program_.log.LogProblem("Sandbox=2 is not possible: " + why_not + ".");
+  }
+
+  // Behind the window, which is drawn by a process of another program file. Nothing of a client has been read.
+  bool Enclose(bool shown) {
+    const std::int32_t level = program_.configuration.Service.Sandbox;
+    program_.sandbox_in_force = level;
+    const bool ends_already = program_.window->Unloaded();
+    if (level == sandbox::kNone || !program_.dependencies.enclose || ends_already) return true;
+    SandboxPaths paths = PlacesInUse(program_);
+    paths.has_children = shown;
+    const std::optional<std::string> why_not = program_.dependencies.enclose(paths);
+    if (level != sandbox::kRequired) return true;
+    if (why_not) {
+      TellNoSandbox(*why_not);
+    } else {
+      program_.log.LogLine("Sandbox in force.");
+    }
+    return !why_not;
+  }
+
+  // A start as root could write everywhere; what its user cannot is found out here rather than hours later.
+  void TellWhatIsNotWritable() {
+    for (const WrittenFolder& written : WrittenFolders(program_.configuration)) {
+      if (!written.in_use) continue;
+      // The log makes the last level of its folder.
+      std::string path = written.path;
+      if (StateOfFolder(path) == FolderState::kMissing && written.key == "LogPath") path = FolderOf(path);
+      if (StateOfFolder(path) != FolderState::kNotWritable) continue;
+      program_.log.LogProblem("User " + Quoted(*line_.user) + " may not write in the folder " + Quoted(path) +
+                              " (" + std::string(written.key) + ").");
+    }
   }
 
   Program& program_;

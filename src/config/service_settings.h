@@ -17,6 +17,13 @@ inline constexpr std::int32_t kNoName = 0;   // that the client has no name
 inline constexpr std::int32_t kUnknown = 1;  // that its name is not known
 }  // namespace dns_failure
 
+// Sandbox: whether the process gives up what it has no use for.
+namespace sandbox {
+inline constexpr std::int32_t kNone = 0;
+inline constexpr std::int32_t kAsFarAsPossible = 1;
+inline constexpr std::int32_t kRequired = 2;  // otherwise it does not start
+}  // namespace sandbox
+
 // JsonLog that stands for standard output.
 inline constexpr const char* kStandardOutput = "-";
 
@@ -29,6 +36,7 @@ struct ServiceSettings {
   Endpoint status_endpoint;             // what StatusHTTP is; port 0: none
   std::int32_t DnsFailure;              // dns_failure
   bool EnforceMaxSize;
+  std::int32_t Sandbox;  // sandbox
 
  private:
   ServiceSettings() = default;

@@ -169,6 +169,7 @@ constexpr auto kSettings = std::to_array<Setting>({
     Service(40, "StatusHTTP", kEndpoint, &S::StatusHTTP),
     Service(50, "DnsFailure", kInteger, &S::DnsFailure, "0", 0, 1),
     Service(60, "EnforceMaxSize", kBoolean, &S::EnforceMaxSize, "0", 0, 1),
+    Service(70, "Sandbox", kInteger, &S::Sandbox, "1", 0, 2),
 });
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "tls/tls_context.h"
 
+#include <openssl/conf.h>
 #include <openssl/err.h>
 #include <openssl/rand.h>
 #include <openssl/ssl.h>
@@ -318,6 +319,14 @@ std::shared_ptr<const TlsContext> TlsContext::ForClient(const TlsClientOptions& 
   ERR_clear_error();
   impl->contexts.push_back(std::move(context));
   return std::shared_ptr<const TlsContext>(new TlsContext(std::move(impl)));
+}
+
+std::vector<std::string> TlsSystemFiles() {
+  std::vector<std::string> files = {X509_get_default_cert_file(), X509_get_default_cert_dir()};
+  const std::unique_ptr<char, void (*)(char*)> configuration(CONF_get1_default_config_file(),
+                                                             [](char* path) { OPENSSL_free(path); });
+  if (configuration) files.emplace_back(configuration.get());
+  return files;
 }
 
 }  // namespace trabex

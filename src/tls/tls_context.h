@@ -46,4 +46,8 @@ class TlsContext {
   std::unique_ptr<Impl> impl_;
 };
 
+// What the library reads by itself, at any time: its configuration, and the system's authorities, which vouch for a
+// server where no others are set. Files and folders; some may not be there.
+std::vector<std::string> TlsSystemFiles();
+
 }  // namespace trabex

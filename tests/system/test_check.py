@@ -125,7 +125,7 @@ class Check(Scenario):
             self.assertEqual((done.returncode, done.stderr), (1, "Trabex: Standard output could not be written.\n"))
 
     def test_options_of_others(self):
-        for arguments in (("--user", "mail"), ("--offline",), ("--dump", "--offline"), ("--live",),
+        for arguments in (("--offline",), ("--dump", "--offline"), ("--live",),
                           ("--check", "--dump")):
             status, said, errors = run_trabex(*arguments)
             self.assertEqual((status, said), (2, ""), arguments)

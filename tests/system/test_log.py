@@ -161,7 +161,8 @@ class Moved(Scenario):
             self.assertEqual((old + file.read_bytes()).count(b"< NOOP " + text), 1, text)
 
     def test_folder_has_gone(self):
-        proxy = self.trabex(self.sample_server().port)
+        # A folder that was not there at the start is a stranger to the sandbox.
+        proxy = self.trabex(self.sample_server().port, sections={"Service": {"Sandbox": 0}})
         client = self.connect(proxy.address)
         client.read_reply()
         self.say(proxy, client, "one")

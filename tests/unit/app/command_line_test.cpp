@@ -231,6 +231,8 @@ TEST(CommandLine, ChecksAndDumpsInsteadOfAStart) {
   EXPECT_TRUE(check.check && check.offline && !check.dump);
   EXPECT_EQ(check.user, "mail");
   EXPECT_EQ(check.ini_file, "x.ini");
+  EXPECT_EQ(Parse({"/USER", "trabex"}).user, "trabex");
+  EXPECT_EQ(Parse({"-user", "1000", "/X"}).user, "1000");
   const CommandLine dump = Parse({"/DUMP"});
   EXPECT_TRUE(dump.dump && !dump.check && dump.request.empty());
   const CommandLine live = Parse({"--live", "/P", "2525", "--dump"});
@@ -247,7 +249,6 @@ TEST(CommandLine, ChecksAndDumpsInsteadOfAStart) {
       {{"--dump", "/X"}, "Only one request is possible: \"/X\"."},
       {{"--check", "/STATUS"}, "Only one request is possible: \"/STATUS\"."},
       {{"/SESSIONS", "--check"}, "Only one request is possible: \"--check\"."},
-      {{"--user", "mail"}, "Only with --check: \"--user\"."},
       {{"--dump", "--offline"}, "Only with --check: \"--offline\"."},
       {{"--live", "--check"}, "Only with --dump and --explain: \"--live\"."},
       {{"--check", "--user"}, "Argument expected after \"--user\"."},

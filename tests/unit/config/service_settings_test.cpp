@@ -14,20 +14,20 @@ TEST(ServiceSection, IsNotShownWhileEverySettingHasItsDefault) {
   const Lines without = DumpLines(LoadedText("[Common]\nTimeout=60\n", false).configuration);
   const LoadedText defaults(
       "[Common]\nTimeout=60\n[Service]\nServerTimeout=0\nJsonLog=\nJsonEvents=\nStatusHTTP=\nDnsFailure=0\n"
-      "EnforceMaxSize=0\n[ListFiles]\n",
+      "EnforceMaxSize=0\nSandbox=1\n[ListFiles]\n",
       false);
   ASSERT_TRUE(defaults.result);
   EXPECT_EQ(DumpLines(defaults.configuration), without);
 }
 
 TEST(ServiceSection, IsShownBehindAllOthers) {
-  const LoadedText loaded("[Service]\nEnforceMaxSize=1\nJsonLog=json\n", false);
+  const LoadedText loaded("[Service]\nSandbox=2\nEnforceMaxSize=1\nJsonLog=json\n", false);
   ASSERT_TRUE(loaded.result);
   const Lines lines = DumpLines(loaded.configuration);
-  ASSERT_GT(lines.size(), 6U);
-  EXPECT_EQ(Lines(lines.end() - 6, lines.end()),
+  ASSERT_GT(lines.size(), 7U);
+  EXPECT_EQ(Lines(lines.end() - 7, lines.end()),
             (Lines{"[RecipientReplacements.Remote]", ";" + std::string(74, '-'), "[Service]",
-                   WithPathsOfSystem("JsonLog = /opt/trabex/json"), "EnforceMaxSize = 1",
+                   WithPathsOfSystem("JsonLog = /opt/trabex/json"), "EnforceMaxSize = 1", "Sandbox = 2",
                    ";" + std::string(74, '=')}));
 }
 

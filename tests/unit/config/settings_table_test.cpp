@@ -123,6 +123,7 @@ const Row kServiceRows[] = {
     {"StatusHTTP", 't', ""},
     {"DnsFailure", 'i', "0", "0", "1"},
     {"EnforceMaxSize", 'b', "0", "0", "1"},
+    {"Sandbox", 'i', "1", "0", "2"},
 };
 
 struct PlacedRow {
