@@ -50,14 +50,13 @@ int EventLoop::Impl::Control(int operation, int descriptor, std::uint32_t events
   return epoll_ctl(epoll, operation, descriptor, &event) == 0 ? 0 : errno;
 }
 
-int EventLoop::Impl::EpollTimeout(Milliseconds wait) const {
+int EventLoop::Impl::EpollTimeout(Milliseconds wait, MonotonicTime now) const {
   if (work.Waiting()) return 0;
   std::optional<Milliseconds> limit;
   if (wait >= Milliseconds{0}) limit = wait;
   if (const auto deadline = timers.NextDeadline()) {
     // Rounded up: an iteration that wakes just before its timer would find nothing to do.
-    const auto until =
-        std::max(Milliseconds{0}, std::chrono::ceil<Milliseconds>(*deadline - clock.Monotonic()));
+    const auto until = std::max(Milliseconds{0}, std::chrono::ceil<Milliseconds>(*deadline - now));
     limit = limit ? std::min(*limit, until) : until;
   }
   if (!limit) return -1;
@@ -88,6 +87,26 @@ void EventLoop::Impl::EndCalls() {
   }
 }
 
+MonotonicTime EventLoop::Impl::Wait(Milliseconds wait) {
+  const auto ask = [this](int timeout) {
+    return epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), timeout);
+  };
+  MonotonicTime asked = clock.Monotonic();
+  int count = ask(EpollTimeout(wait, asked));
+  if (count == 0) {
+    asked = clock.Monotonic();
+    const auto deadline = timers.NextDeadline();
+    if (deadline && *deadline <= asked) count = ask(0);
+  }
+  event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  const bool got_all = count >= 0 && event_count_ < kMaxEventsPerIteration;
+  partial_iterations_ = got_all ? 0 : partial_iterations_ + 1;
+  if (got_all) return asked;
+  if (partial_iterations_ <= kMaxPartialIterations) return MonotonicTime::min();
+  partial_iterations_ = 0;
+  return asked;
+}
+
 bool EventLoop::Impl::Iterate(Milliseconds wait) {
   assert(!in_iteration && "the loop was run from inside one of its calls");
   if (in_iteration) return false;
@@ -96,13 +115,12 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
     if (source != nullptr) source->BeforeWait();
   }
   ++iteration;
-  const int count = epoll_wait(epoll, events_.data(), static_cast<int>(events_.size()), EpollTimeout(wait));
-  event_count_ = count > 0 ? static_cast<std::size_t>(count) : 0;
+  const MonotonicTime timers_until = Wait(wait);
   const bool observed = static_cast<bool>(turn_observer);
   const MonotonicTime began = observed ? clock.Monotonic() : MonotonicTime();
   std::size_t calls = work.CallPosts();
   calls += DispatchEvents();
-  calls += timers.CallDue(clock.Monotonic());
+  calls += timers.CallDue(timers_until);
   EndCalls();
   calls += work.EndIteration();
   EndCalls();

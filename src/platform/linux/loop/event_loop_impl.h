@@ -88,13 +88,18 @@ struct EventLoop::Impl {
   std::size_t EventCount() const { return event_count_; }
   // One iteration; `wait` negative: until something happens.
   bool Iterate(Milliseconds wait);
-  int EpollTimeout(Milliseconds wait) const;
+  int EpollTimeout(Milliseconds wait, MonotonicTime now) const;
+  // Waits for events, and takes them. Returns up to which deadline timers are to be called behind them: only those that
+  // were over before the system was asked for all that has happened. At the end of a standstill much has happened and
+  // many times are over; what has happened comes first, such as a reply before the time in which it had to come.
+  MonotonicTime Wait(Milliseconds wait);
   std::size_t DispatchEvents();
   void EndCalls();
-
-  // Bounds the events of one iteration, so that timers and posts are not held up. What is left stays in the
-  // kernel's list, and served descriptors join its end again.
+  // Bounds the events of one iteration, so that posts are not held up. What is left stays in the kernel's list, and
+  // served descriptors join its end again.
   static constexpr std::size_t kMaxEventsPerIteration = 256;
+  // So many iterations that did not get all events may pass before due timers are called.
+  static constexpr int kMaxPartialIterations = 128;
 
   const Clock& clock;
   int epoll = -1;
@@ -111,6 +116,7 @@ struct EventLoop::Impl {
   std::vector<EventSource*> sources_;
   std::array<epoll_event, kMaxEventsPerIteration> events_{};
   std::size_t event_count_ = 0;
+  int partial_iterations_ = 0;  // one after the other, up to this one
 };
 
 }  // namespace trabex
