@@ -6,6 +6,7 @@ function(install_compressed from to)
   file(MAKE_DIRECTORY ${folder})
   execute_process(COMMAND gzip -9 -n -c ${from} OUTPUT_FILE ${to} COMMAND_ERROR_IS_FATAL ANY)
   file(CHMOD ${to} PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+  set(compressed ${compressed} ${to} PARENT_SCOPE)
   message(STATUS "Installing: ${to}")
 endfunction()
 
@@ -26,3 +27,19 @@ file(WRITE ${changelog} "trabex (${PROJECT_VERSION}-1) unstable; urgency=medium\
   " -- the Trabex authors <trabex@example.org>  ${date}\n")
 install_compressed(${changelog} ${share}/doc/trabex/changelog.Debian.gz)
 file(REMOVE ${changelog})
+
+# The bill of materials, of all that was put in place so far: where dpkg can say which packages the libraries are of.
+find_program(dpkg_query dpkg-query)
+if(dpkg_query)
+  list(TRANSFORM CMAKE_INSTALL_MANIFEST_FILES PREPEND "$ENV{DESTDIR}" OUTPUT_VARIABLE placed)
+  set(root "$ENV{DESTDIR}")
+  if(NOT root)
+    set(root /)
+  endif()
+  set(sbom ${share}/doc/trabex/trabex.spdx.json)
+  execute_process(
+    COMMAND python3 ${CMAKE_CURRENT_LIST_DIR}/../scripts/make-sbom --version ${PROJECT_VERSION}
+            --program $ENV{DESTDIR}${CMAKE_INSTALL_PREFIX}/sbin/Trabex --root ${root} --output ${sbom} ${placed} ${compressed}
+    COMMAND_ERROR_IS_FATAL ANY)
+  message(STATUS "Installing: ${sbom}")
+endif()

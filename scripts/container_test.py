@@ -198,6 +198,8 @@ def try_mail(machine, checks, stage, container):
                  "it is process 1, of its user, without any capability", status)
     said = container.run(["touch", "/etc/trabex/x", "/tmp/x", "/var/log/trabex/x"])
     checks.check(said.stdout.count("Read-only file system") == 3, "its root is read-only", said.stdout)
+    bill = container.run(["test", "-s", "/usr/share/doc/trabex/trabex.spdx.json"])
+    checks.check(bill.returncode == 0, "the bill of materials is in it", bill.stdout)
     health = container.run(words(one(stage, "HEALTHCHECK")))
     checks.check(health.returncode == 0 and health.stdout.strip() == "0", "the health check is content", health.stdout)
     port = one(stage, "EXPOSE")

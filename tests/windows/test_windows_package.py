@@ -1,15 +1,20 @@
 #!/usr/bin/env python3
 """What ./package --windows makes: the zip and its content, and the installer, which installs, upgrades and uninstalls."""
 
+import json
 import os
 import re
 import shutil
 import subprocess
+import sys
 import zipfile
 from pathlib import Path
 
 from wine_system import BUILD, WineScenario, run_trabex, wait_until, windows_path  # noqa: I001
 from trabex_system import DOMAIN, LOOPBACK, REPO, Process, bound, free_port, ini_text, is_listening, main
+
+sys.path.append(str(REPO / "scripts"))
+import sbom_check  # noqa: E402
 
 STOPPED = b"Trabex 3.04.012 stopped.\r\n"
 FOLDER = Path(os.environ.get("WINEPREFIX", "")) / "drive_c" / "Trabex"
@@ -109,6 +114,9 @@ class Package(WineScenario):
                 for target in re.findall(rb'(?:href|src)="([^"#]+)', content):
                     if b"://" not in target:
                         self.assertIn(f"manual/{target.decode()}", files, name)
+        bill = json.loads(files["licences/trabex.spdx.json"])
+        self.assertEqual(sbom_check.problems(bill, {f"./{name}": content for name, content in files.items()},
+                                             ["c-ares", "openssl", "utf8proc", "gcc-mingw-w64-base", "mingw-w64-x86-64-dev"]), [])
         folder = self.place.new_folder("unpacked")
         (folder / "Trabex.exe").write_bytes(files["Trabex.exe"])
         (folder / "Trabex-sample.ini").write_bytes(files["Trabex-sample.ini"])
