@@ -49,10 +49,10 @@ void EndByRequestSignals() {
 }
 
 ViewerProcess::End ViewerProcess::Run() {
-  if (!Report({.kind = ViewerMessage::Kind::kSize, .size = drawer_.Size()}) || !DrawFrames()) return end_;
-  while (Wait()) {
-  }
-  return end_;
+  bool goes_on = Report({.kind = ViewerMessage::Kind::kSize, .size = drawer_.Size()}) && DrawFrames();
+  while (goes_on) goes_on = Wait();
+  // A program that closes the view for a "q" takes nothing more, and so a report may be what finds it gone.
+  return end_ == End::kProgram && latest_key_ == 'q' ? End::kUser : end_;
 }
 
 // Handles what comes next; returns whether to go on.
@@ -80,9 +80,8 @@ bool ViewerProcess::Wait() {
 bool ViewerProcess::TakeFrames() {
   std::array<char, std::size_t{16} * 1024> bytes;
   const ssize_t count = recv(socket_, bytes.data(), bytes.size(), MSG_DONTWAIT);
-  const End gone = latest_key_ == 'q' ? End::kUser : End::kProgram;
-  if (count == 0) return EndsBy(gone);
-  if (count < 0) return errno == EAGAIN || errno == EINTR || EndsBy(gone);
+  if (count == 0) return EndsBy(End::kProgram);
+  if (count < 0) return errno == EAGAIN || errno == EINTR || EndsBy(End::kProgram);
   frames_.Append({bytes.data(), static_cast<std::size_t>(count)});
   return DrawFrames();
 }
