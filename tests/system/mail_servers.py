@@ -77,10 +77,11 @@ class SampleServer:
 class SmtpSink:
     """Postfix's own sink: takes mail as fast as it comes and forgets it."""
 
-    def __init__(self, place, connections=4096):
+    def __init__(self, place, connections=4096, patience=100):
         self.port = free_port()
         self.address = (LOOPBACK, self.port)
-        command = ["smtp-sink", "-m", connections]
+        # Seconds after which it leaves a client that says nothing.
+        command = ["smtp-sink", "-m", connections, "-t", patience]
         if os.geteuid() == 0:
             command += ["-u", "nobody"]
         self.process = Process(place, "smtp-sink", [*command, endpoint(self.port), connections])
