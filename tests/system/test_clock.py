@@ -9,13 +9,13 @@ from pathlib import Path
 
 from messages import text_message
 from shifted_clock import ShiftedClock
-from trabex_system import DOMAIN, Scenario, main, polite_server, wait_until
+from trabex_system import DOMAIN, Scenario, in_family, main, polite_server, wait_until
 
 DAY = 86_400
 DELAY_MINUTES = 10
 # A new day's file begins with the first line behind a pause of 5 seconds.
 LOG_PAUSE = 6
-CLIENT = "127.0.0.5"
+CLIENT = in_family("127.0.0.5")
 
 
 class Jumps(Scenario):
