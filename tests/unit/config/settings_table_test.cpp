@@ -309,7 +309,7 @@ TEST(Settings, ReadListsInTheirForm) {
       ASSERT_EQ(loaded.log.Lines().size(), form.reports.size());
       EXPECT_EQ(loaded.log.Lines()[0], "Error parsing initialization file. Section: \"" +
                                            std::string(placed.section) + "\", Key name: \"" + placed.row.key +
-                                           "\", Error number: " + form.reports[0]);
+                                           "\", Error number: " + WithPathsOfSystem(form.reports[0]));
       // An empty value is an empty list, whatever the default.
       const LoadedText empty(FileWith(placed, ""), false);
       EXPECT_EQ(DumpedValue(empty.configuration, placed.section, placed.row.key), "");
