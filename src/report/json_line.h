@@ -21,8 +21,10 @@ class JsonLine {
   JsonLine(const JsonLine&) = delete;
   JsonLine& operator=(const JsonLine&) = delete;
 
-  // Begins an object; the one before has ended.
+  // Begins an object. Of one that an exception has kept from its end nothing stays here; what of it is in the text
+  // already, its owner takes back.
   void Begin() {
+    end_ = room_.data();
     Put('{');
     first_ = true;
   }

@@ -1,6 +1,7 @@
 #include "report/json_log.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "base/text.h"
@@ -35,6 +36,7 @@ bool JsonLog::Wants(std::string_view event) const {
 
 JsonLine& JsonLog::Begin(std::string_view event) {
   collected_.resize(begin_);  // as in Flush
+  if (std::exchange(line_has_begun_, true)) ++lost_lines_;
   line_.Begin();
   line_.Text("time", time_.Format(clock_.UnixMilliseconds()));
   line_.Text("event", event);
@@ -44,6 +46,7 @@ JsonLine& JsonLog::Begin(std::string_view event) {
 
 void JsonLog::End() {
   line_.End();
+  line_has_begun_ = false;
   if (collected_.size() > kMaxWaiting) {
     collected_.resize(begin_);
     ++lost_lines_;
@@ -64,7 +67,7 @@ void JsonLog::Reopen() {
   file_.Close();
 }
 
-void JsonLog::Flush() {
+void JsonLog::Flush() try {
   collected_.resize(begin_);  // a line that memory was not enough for has not ended
   if (collected_.empty()) return;
   const bool to_standard_output = configuration_.Service.JsonLog == kStandardOutput;
@@ -85,6 +88,8 @@ void JsonLog::Flush() {
   } else {
     failed_ = false;
   }
+} catch (const std::bad_alloc&) {
+  // What is still there waits for the next time.
 }
 
 bool JsonLog::EnsureOpen() {

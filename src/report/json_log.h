@@ -65,7 +65,8 @@ class JsonLog {
   JsonTime time_;
   Timer retry_;                // while standard output takes nothing
   bool flush_is_due_ = false;  // at the end of this iteration
-  bool failed_ = false;        // the latest write
+  bool line_has_begun_ = false;
+  bool failed_ = false;  // the latest write
   std::uint64_t lost_lines_ = 0;
 };
 

@@ -9,9 +9,15 @@ namespace {
 
 std::atomic<bool> counting = false;
 std::atomic<std::size_t> allocations = 0;
+std::atomic<bool> failing = false;
+std::atomic<std::size_t> left_to_failure = 0;
 
 void* Allocate(std::size_t size) noexcept {
   if (counting) ++allocations;
+  if (failing && left_to_failure-- == 0) {
+    failing = false;
+    return nullptr;
+  }
   return std::malloc(size == 0 ? 1 : size);
 }
 
@@ -28,6 +34,19 @@ CountedAllocations::~CountedAllocations() {
 
 std::size_t CountedAllocations::Count() const {
   return allocations;
+}
+
+FailedAllocation::FailedAllocation(std::size_t before) {
+  left_to_failure = before;
+  failing = true;
+}
+
+FailedAllocation::~FailedAllocation() {
+  failing = false;
+}
+
+bool FailedAllocation::HasFailed() const {
+  return !failing;
 }
 
 }  // namespace trabex

@@ -16,4 +16,16 @@ class CountedAllocations {
   std::size_t Count() const;
 };
 
+// Has one call of operator new find no memory while it exists: the one behind `before` others. One at a time.
+class FailedAllocation {
+ public:
+  explicit FailedAllocation(std::size_t before);
+  ~FailedAllocation();
+  FailedAllocation(const FailedAllocation&) = delete;
+  FailedAllocation& operator=(const FailedAllocation&) = delete;
+
+  // Whether there were so many calls.
+  bool HasFailed() const;
+};
+
 }  // namespace trabex
