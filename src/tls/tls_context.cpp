@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <new>
 #include <set>
 #include <string_view>
 #include <utility>
@@ -67,10 +68,14 @@ int ChooseCertificate(SSL* connection, int* /*alert*/, void* implementation) {
   const auto& context = *static_cast<const TlsContext::Impl*>(implementation);
   const char* const name = SSL_get_servername(connection, TLSEXT_NAMETYPE_host_name);
   if (name == nullptr) return SSL_TLSEXT_ERR_NOACK;
-  const auto found = context.names.Find(name);
-  if (!found) return SSL_TLSEXT_ERR_NOACK;
-  SSL_set_SSL_CTX(connection, context.contexts[*found].get());
-  return SSL_TLSEXT_ERR_OK;
+  try {
+    const auto found = context.names.Find(name);
+    if (!found) return SSL_TLSEXT_ERR_NOACK;
+    SSL_set_SSL_CTX(connection, context.contexts[*found].get());
+    return SSL_TLSEXT_ERR_OK;
+  } catch (const std::bad_alloc&) {
+    return SSL_TLSEXT_ERR_NOACK;  // nothing may be thrown through the library
+  }
 }
 
 // Goes on whatever is wrong with the peer's certificate; the result of the verification stays.

@@ -7,6 +7,7 @@
 
 #include <cassert>
 #include <chrono>
+#include <exception>
 #include <utility>
 
 #include "base/error.h"
@@ -27,11 +28,17 @@ struct TlsStream::Impl {
   static constexpr std::size_t kMaxUnsent = 256 * 1024;
   static constexpr std::size_t kSmall = 32;
 
+  // A call of ours into the library.
+  struct Loan {
+    TlsTransport& transport;
+    std::exception_ptr thrown{};  // by what the library called back
+  };
+
   OpenSslPtr<ssl_st> connection;
-  TlsTransport* transport = nullptr;  // during a call
-  std::size_t received = 0;           // in this call
-  bool would_block = false;           // the transport had no more, in this call
-  bool at_end = false;                // the transport's input has ended
+  Loan* loan = nullptr;      // during a call
+  std::size_t received = 0;  // in this call
+  bool would_block = false;  // the transport had no more, in this call
+  bool at_end = false;       // the transport's input has ended
   int receive_error = 0;
   int send_error = 0;
   bool collects = false;          // what the library sends waits in `unsent`
@@ -52,7 +59,7 @@ struct TlsStream::Impl {
       BIO_set_retry_read(bio);
       return 0;
     }
-    const int error = transport->Receive({space, size}, *count);
+    const int error = loan->transport.Receive({space, size}, *count);
     if (error == TlsTransport::kWouldBlock) {
       would_block = true;
       BIO_set_retry_read(bio);
@@ -78,12 +85,28 @@ struct TlsStream::Impl {
     return 1;
   }
 
+  // Calls `action`, which returns 1 for success. The library knows nothing of exceptions: one waits until its call
+  // returns, which fails.
+  template <class Action>
+  int Guarded(BIO* bio, std::size_t* count, const Action& action) noexcept {
+    if (!loan->thrown) {
+      try {
+        return action();
+      } catch (...) {
+        loan->thrown = std::current_exception();
+      }
+    }
+    *count = 0;
+    BIO_clear_retry_flags(bio);
+    return 0;
+  }
+
   // Hands `bytes` to the transport as far as it takes them; returns how many.
   std::size_t Give(std::string_view bytes) {
     std::size_t total = 0;
     while (total < bytes.size() && send_error == 0) {
       std::size_t sent = 0;
-      const int error = transport->Send(bytes.substr(total), sent);
+      const int error = loan->transport.Send(bytes.substr(total), sent);
       if (error == TlsTransport::kWouldBlock) break;
       send_error = error;
       total += sent;
@@ -123,10 +146,12 @@ BIO_METHOD* TransportMethod() {
     BIO_METHOD* const made = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "transport");
     if (made == nullptr) throw Error(error_number::kOutOfMemory, "TlsStream", TakeOpenSslError());
     BIO_meth_set_read_ex(made, [](BIO* bio, char* space, std::size_t size, std::size_t* count) {
-      return Impl::Of(bio).Receive(bio, space, size, count);
+      Impl& impl = Impl::Of(bio);
+      return impl.Guarded(bio, count, [&] { return impl.Receive(bio, space, size, count); });
     });
     BIO_meth_set_write_ex(made, [](BIO* bio, const char* bytes, std::size_t size, std::size_t* count) {
-      return Impl::Of(bio).Send(bio, bytes, size, count);
+      Impl& impl = Impl::Of(bio);
+      return impl.Guarded(bio, count, [&] { return impl.Send(bio, bytes, size, count); });
     });
     BIO_meth_set_ctrl(made, [](BIO* bio, int command, long, void*) -> long {
       if (command == BIO_CTRL_EOF) return Impl::Of(bio).at_end ? 1 : 0;
@@ -180,9 +205,9 @@ namespace {
 template <class Impl>
 class Call {
  public:
-  Call(Impl& impl, TlsTransport& transport) : impl_(impl) {
+  Call(Impl& impl, TlsTransport& transport) : impl_(impl), loan_{transport} {
     BIO_set_data(SSL_get_rbio(impl_.connection.get()), &impl_);
-    impl_.transport = &transport;
+    impl_.loan = &loan_;
     impl_.received = 0;
     impl_.would_block = false;
     // The queue is the thread's: what another connection left there would count as an error of this call. To
@@ -191,7 +216,7 @@ class Call {
   }
   ~Call() {
     BIO_set_data(SSL_get_rbio(impl_.connection.get()), nullptr);
-    impl_.transport = nullptr;
+    impl_.loan = nullptr;
     impl_.collects = false;
   }
   Call(const Call&) = delete;
@@ -199,6 +224,7 @@ class Call {
 
  private:
   Impl& impl_;
+  typename Impl::Loan loan_;
 };
 
 }  // namespace
@@ -231,8 +257,14 @@ TlsResult TlsStream::Fail(std::string reason) {
   return TlsResult::kFailed;
 }
 
-// After a call that returned `result`.
+// After a call that returned `result`. Raises what was thrown in it; the connection has failed then, since the library
+// does not know how far it came.
 TlsResult TlsStream::Outcome(int result) {
+  if (impl_->loan->thrown) {
+    ERR_clear_error();
+    Fail("out of memory");
+    std::rethrow_exception(impl_->loan->thrown);
+  }
   if (impl_->too_many_updates) return Fail("too many key updates");
   switch (SSL_get_error(impl_->connection.get(), result)) {
     case SSL_ERROR_NONE:
@@ -338,7 +370,7 @@ TlsResult TlsStream::Write(TlsTransport& transport, std::string_view bytes, std:
     const std::string_view rest = bytes.substr(written);
     impl_->collects = together;
     const int result = SSL_write_ex(impl_->connection.get(), rest.data(), rest.size(), &count);
-    if (std::exchange(together, false)) impl_->Flush();
+    if (std::exchange(together, false) && !impl_->loan->thrown) impl_->Flush();
     if (impl_->send_error != 0) return Unsent();
     if (const TlsResult outcome = Outcome(result); outcome != TlsResult::kDone) {
       return outcome == TlsResult::kFailed ? outcome : Fail("no record can be written");
