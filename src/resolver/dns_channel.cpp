@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <exception>
+#include <new>
 #include <utility>
 
 #include "base/error.h"
@@ -148,16 +150,21 @@ struct DnsChannel::Callbacks {
     DnsChannel& channel = query->channel;
     --channel.in_flight_;
     if (status == ARES_ECANCELLED || status == ARES_EDESTRUCTION) return;
-    DnsReply reply;
-    if (status != ARES_SUCCESS) {
-      reply.error = LookupError(status);
-      reply.timed_out = status == ARES_ETIMEOUT;
-    } else if (query->type == T_PTR) {
-      reply = ReadName(message, length, query->address);
-    } else {
-      reply = ReadAddresses(message, length, query->type == T_AAAA);
+    // Nothing may be thrown through c-ares. An answer that there is no memory for has not come.
+    try {
+      DnsReply reply;
+      if (status != ARES_SUCCESS) {
+        reply.error = LookupError(status);
+        reply.timed_out = status == ARES_ETIMEOUT;
+      } else if (query->type == T_PTR) {
+        reply = ReadName(message, length, query->address);
+      } else {
+        reply = ReadAddresses(message, length, query->type == T_AAAA);
+      }
+      channel.sink_.OnDnsReply(query->id, std::move(reply));
+    } catch (const std::bad_alloc&) {
+      return;
     }
-    channel.sink_.OnDnsReply(query->id, std::move(reply));
   }
 
   static void OnSocketState(void* argument, ares_socket_t socket, int readable, int writable) {
@@ -201,10 +208,11 @@ DnsChannel::~DnsChannel() {
 }
 
 DnsChannel::Query* DnsChannel::NewQuery(LookupId id, int type, const IPAddress& address) {
+  auto query = std::make_unique<Query>(Query{*this, id, type, address});
   --queries_left_;
   ++pending_;
   ++in_flight_;
-  return std::make_unique<Query>(Query{*this, id, type, address}).release();
+  return query.release();
 }
 
 void DnsChannel::AskAddresses(const std::string& name, bool search, AddressFamily family, LookupId id) {
@@ -215,8 +223,8 @@ void DnsChannel::AskAddresses(const std::string& name, bool search, AddressFamil
 }
 
 void DnsChannel::AskName(const IPAddress& address, LookupId id) {
-  ares_query(channel_, ReverseName(address).c_str(), C_IN, T_PTR, Callbacks::OnAnswer,
-             NewQuery(id, T_PTR, address));
+  const std::string name = ReverseName(address);
+  ares_query(channel_, name.c_str(), C_IN, T_PTR, Callbacks::OnAnswer, NewQuery(id, T_PTR, address));
 }
 
 void DnsChannel::HandleTimeouts() {
@@ -239,13 +247,13 @@ void DnsChannel::WatchSocket(std::intptr_t socket, FdReadiness interest) {
     watches_.erase(socket);
     return;
   }
-  const auto watch = watches_.try_emplace(
-      socket, loop_, socket, [this, socket](FdReadiness readiness) { OnReady(socket, readiness); });
   try {
+    const auto watch = watches_.try_emplace(
+        socket, loop_, socket, [this, socket](FdReadiness readiness) { OnReady(socket, readiness); });
     watch.first->second.SetInterest(interest);
-  } catch (const Error&) {
+  } catch (const std::exception&) {
     // Nothing may be thrown through c-ares. Answers on this socket are not seen, so their look-ups time out.
-    watches_.erase(watch.first);
+    watches_.erase(socket);
   }
 }
 

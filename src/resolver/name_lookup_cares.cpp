@@ -6,6 +6,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -76,39 +77,11 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
   }
 
   LookupId FindAddresses(std::string_view name, LookupFamily family, AddressReceiver receiver) {
-    const LookupId id = NewRequest(std::move(receiver));
-    const bool absolute = name.ends_with('.');
-    const std::string host(name.substr(0, name.size() - (absolute ? 1 : 0)));
-    if (const auto address = ParseIPAddress(name)) {
-      Finish(id, IsWanted(*address, family) ? DnsReply{0, {*address}, {}}
-                                            : DnsReply{socket_error::kNoData, {}, {}});
-    } else if (!IsHostName(host)) {
-      Finish(id, {socket_error::kHostNotFound, {}, {}});
-    } else if (auto known = ResolveLocally(host, family); !known.empty()) {
-      Finish(id, {0, std::move(known), {}});
-    } else {
-      // The domains of the system are searched for a plain name only: a stranger's "x.test" is never taken
-      // for "x.test.example.org", even if everything below that exists.
-      const bool search = !absolute && host.find('.') == std::string::npos;
-      const bool ipv6 = family == LookupFamily::kIPv6;
-      if (family == LookupFamily::kIPv4First) requests_.find(id)->second.ipv6_next = {host, search};
-      AskDns(id, [&](DnsChannel& channel) {
-        channel.AskAddresses(host, search, ipv6 ? AddressFamily::kIPv6 : AddressFamily::kIPv4, id);
-      });
-    }
-    return id;
+    return Begin(std::move(receiver), [&](LookupId id) { BeginAddresses(id, name, family); });
   }
 
   LookupId FindName(const IPAddress& address, bool confirm, NameReceiver receiver) {
-    const LookupId id = NewRequest(std::move(receiver));
-    if (confirm) requests_.find(id)->second.to_confirm = address;
-    const std::string& known = hosts_.Table(Now()).Name(address);
-    if (!known.empty()) {
-      Finish(id, {0, {}, known});
-    } else {
-      AskDns(id, [&](DnsChannel& channel) { channel.AskName(address, id); });
-    }
-    return id;
+    return Begin(std::move(receiver), [&](LookupId id) { BeginName(id, address, confirm); });
   }
 
   void Cancel(LookupId id) {
@@ -148,6 +121,51 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     };
     std::optional<IPv6Question> ipv6_next;  // to be asked should the name have no IPv4 address
   };
+
+  // A look-up that cannot begin has no number to cancel it by, so its receiver is dropped.
+  template <class BeginLookup>
+  LookupId Begin(std::variant<AddressReceiver, NameReceiver> receiver, BeginLookup begin) {
+    const LookupId id = NewRequest(std::move(receiver));
+    try {
+      begin(id);
+    } catch (...) {
+      Cancel(id);
+      throw;
+    }
+    return id;
+  }
+
+  void BeginAddresses(LookupId id, std::string_view name, LookupFamily family) {
+    const bool absolute = name.ends_with('.');
+    const std::string host(name.substr(0, name.size() - (absolute ? 1 : 0)));
+    if (const auto address = ParseIPAddress(name)) {
+      Finish(id, IsWanted(*address, family) ? DnsReply{0, {*address}, {}}
+                                            : DnsReply{socket_error::kNoData, {}, {}});
+    } else if (!IsHostName(host)) {
+      Finish(id, {socket_error::kHostNotFound, {}, {}});
+    } else if (auto known = ResolveLocally(host, family); !known.empty()) {
+      Finish(id, {0, std::move(known), {}});
+    } else {
+      // The domains of the system are searched for a plain name only: a stranger's "x.test" is never taken
+      // for "x.test.example.org", even if everything below that exists.
+      const bool search = !absolute && host.find('.') == std::string::npos;
+      const bool ipv6 = family == LookupFamily::kIPv6;
+      if (family == LookupFamily::kIPv4First) requests_.find(id)->second.ipv6_next = {host, search};
+      AskDns(id, [&](DnsChannel& channel) {
+        channel.AskAddresses(host, search, ipv6 ? AddressFamily::kIPv6 : AddressFamily::kIPv4, id);
+      });
+    }
+  }
+
+  void BeginName(LookupId id, const IPAddress& address, bool confirm) {
+    if (confirm) requests_.find(id)->second.to_confirm = address;
+    const std::string& known = hosts_.Table(Now()).Name(address);
+    if (!known.empty()) {
+      Finish(id, {0, {}, known});
+    } else {
+      AskDns(id, [&](DnsChannel& channel) { channel.AskName(address, id); });
+    }
+  }
 
   MonotonicTime Now() const { return loop_.GetClock().Monotonic(); }
 
@@ -194,11 +212,16 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
       return;
     }
     Request& request = requests_.find(id)->second;
-    request.channel = channel;
     AddDeadline({request.deadline, id});
     if (!tick_.Enabled()) tick_.Enable();
     if (!HasSocket()) for_socket_.Release();
-    ask(*channel);
+    request.channel = channel;
+    try {
+      ask(*channel);
+    } catch (const std::bad_alloc&) {
+      request.channel = nullptr;  // it was not asked
+      throw;
+    }
     KeepSocketReserve();
   }
 
@@ -218,32 +241,43 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;  // too late
     Request& request = found->second;
-    if (request.channel != nullptr) std::exchange(request.channel, nullptr)->Abandon();
-    request.reply = std::move(reply);
+    // Before anything else: without memory for it the request is as before, and its time will be over.
     loop_.Post([weak = weak_from_this(), id] {
       if (const auto self = weak.lock()) self->Answer(id);
     });
+    if (request.channel != nullptr) std::exchange(request.channel, nullptr)->Abandon();
+    request.reply = std::move(reply);
   }
 
   void Answer(LookupId id) {
     KeepSocketReserve();
     const auto found = requests_.find(id);
     if (found == requests_.end()) return;  // cancelled meanwhile
-    if (AskForIPv6(id, found->second) || AskForConfirmation(id, found->second)) return;
-    const Request request = std::move(found->second);
+    if (AsksFurther(id, found->second)) return;
+    Request request = std::move(found->second);
     requests_.erase(found);
     Give(request);
   }
 
-  static void Give(const Request& request) {
-    const DnsReply& reply = request.reply;
+  // Whoever waits gets an answer, also when there is no memory for the next question.
+  bool AsksFurther(LookupId id, Request& request) {
+    try {
+      return AskForIPv6(id, request) || AskForConfirmation(id, request);
+    } catch (const std::bad_alloc&) {
+      request.reply = {socket_error::kTryAgain, {}, {}};
+      return false;
+    }
+  }
+
+  static void Give(Request& request) {
+    DnsReply& reply = request.reply;
     if (const auto* const receiver = std::get_if<AddressReceiver>(&request.receiver)) {
-      (*receiver)({reply.error, reply.addresses, reply.timed_out});
+      (*receiver)({reply.error, std::move(reply.addresses), reply.timed_out});
       return;
     }
-    NameAnswer answer{reply.error, reply.name, false, reply.timed_out};
+    NameAnswer answer{reply.error, std::move(reply.name), false, reply.timed_out};
     if (!request.name.empty()) {
-      answer = {0, request.name, Holds(reply.addresses, *request.to_confirm)};
+      answer = {0, std::move(request.name), Holds(reply.addresses, *request.to_confirm)};
       answer.confirmation_failed = !answer.confirmed && IsTemporary(reply.error);
     }
     std::get<NameReceiver>(request.receiver)(answer);
@@ -295,11 +329,15 @@ class Lookups final : public DnsSink, public std::enable_shared_from_this<Lookup
     }
     while (!deadlines_.empty() && IsLate(deadlines_.front().time)) {
       const LookupId id = deadlines_.front().id;
-      deadlines_.pop_front();
       const auto found = requests_.find(id);
       if (found != requests_.end() && found->second.channel != nullptr) {
-        Finish(id, {socket_error::kTryAgain, {}, {}, true});
+        try {
+          Finish(id, {socket_error::kTryAgain, {}, {}, true});
+        } catch (const std::bad_alloc&) {
+          return;  // the next tick tries again
+        }
       }
+      deadlines_.pop_front();
     }
     for (const auto& channel : channels_) channel->DropAbandoned();
     const DnsChannel* const current = channels_.back().get();
