@@ -20,6 +20,7 @@
 #include "app/version.h"
 #include "base/text.h"
 #include "config/ini_paths.h"
+#include "greylist/database_file.h"
 #include "platform/files.h"
 #include "platform/permissions.h"
 #include "platform/sandbox.h"
@@ -172,12 +173,24 @@ class StartUp {
     program_.log.LogProblem("Sandbox=2 is not possible: " + why_not + ".");
   }
 
+  // Otherwise the first save makes it, but a process that is closed in makes no folders.
+  void MakeDatabaseFolderNow() {
+    const Configuration& configuration = program_.configuration;
+    if (!configuration.GreyListing.Enabled) return;
+    try {
+      MakeDatabaseFolder(configuration.GreyListing.Database);
+    } catch (const Error& error) {
+      program_.log.LogError(error);
+    }
+  }
+
   // Behind the window, which is drawn by a process of another program file. Nothing of a client has been read.
   bool Enclose(bool shown) {
     const std::int32_t level = program_.configuration.Service.Sandbox;
     program_.sandbox_in_force = level;
     const bool ends_already = program_.window->Unloaded();
     if (level == sandbox::kNone || !program_.dependencies.enclose || ends_already) return true;
+    MakeDatabaseFolderNow();
     SandboxPaths paths = PlacesInUse(program_);
     paths.has_children = shown;
     const std::optional<std::string> why_not = program_.dependencies.enclose(paths);

@@ -41,14 +41,18 @@ GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimit
   }
 }
 
-void ReplaceDatabaseFile(const std::string& path, const FileContent& content) {
+void MakeDatabaseFolder(const std::string& path) {
   const std::string place = NativePath(path);
   const std::size_t folder_end = place.find_last_of(kPathSeparator);
-  if (folder_end != std::string::npos && folder_end > 0) {
-    const std::string folder = place.substr(0, folder_end);
-    // Without it all records would go with the folder in a power failure.
-    if (CreateFolder(folder)) SyncFolder(folder);
-  }
+  if (folder_end == std::string::npos || folder_end == 0) return;
+  const std::string folder = place.substr(0, folder_end);
+  // Without it all records would go with the folder in a power failure.
+  if (CreateFolder(folder)) SyncFolder(folder);
+}
+
+void ReplaceDatabaseFile(const std::string& path, const FileContent& content) {
+  MakeDatabaseFolder(path);
+  const std::string place = NativePath(path);
   // It would be moved away as readily as a file.
   if (IsFolder(place)) {
     throw Error(error_number::kPathFileAccess, kSaveSource, "Path/File access error");

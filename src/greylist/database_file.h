@@ -22,6 +22,10 @@ std::string BackupPath(const std::string& path);
 // of platform/files.h.
 GreyListingDatabase LoadDatabaseFile(const std::string& path, const PendingLimits& limits = {});
 
+// Creates the last level of the folder of the file at `path` when it is missing, on the disk as well. One that cannot be
+// created is left to whoever writes the file. Raises the numbers of platform/files.h when it cannot be synced.
+void MakeDatabaseFolder(const std::string& path);
+
 // Hands the whole content of a file to `out`, piece by piece. What `out` raises passes through it.
 using FileContent = std::function<void(const BytesOut& out)>;
 

@@ -30,7 +30,7 @@ class Packages(Scenario):
         lines = [line for line in (REPO / "packages.txt").read_text(encoding="utf-8").splitlines()
                  if line and not line.startswith("#")]
         sections = [line for line in lines if line.startswith("[")]
-        names = ["run", "test", "package", "full", "package-test", "package-root", "fresh"]
+        names = ["run", "test", "package", "full", "memcheck", "package-test", "package-root", "fresh"]
         self.assertEqual(sections, [f"[{name}]" for name in names])
         self.assertEqual(packages_of(*names), [line for line in lines if line not in sections])
 

@@ -163,7 +163,8 @@ class Sandbox(Rights):
         self.assertEqual(self.send(proxy), "250")
 
     def test_records_are_saved_by_a_copy(self):
-        database = self.place.new_folder("records") / "grey.gldb"
+        # A folder that the program has to make itself.
+        database = self.place.new_folder("records") / "new" / "grey.gldb"
         proxy = self.start({"GreyListing": {"Enabled": 1, "Database": database}},
                            {"LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN})
         for number in range(3):
@@ -195,10 +196,13 @@ class Sandbox(Rights):
         proxy.wait_for_log("Log file reopened.")
         self.assertEqual(self.send(proxy), "250")
         wait_until(proxy.json_log.exists, "the new log in JSON")
+        client = self.connect(proxy.address)
+        client.read_reply()
         for request in (["/SESSIONS"], ["/STATUS"], ["/DUMP", "/LIVE"]):
             status, said, errors = self.ask(proxy, *request)
             self.assertEqual((status, errors), (0, ""), request)
             self.assertTrue(said, request)
+        client.close()
         self.assertEqual(self.ask(proxy, "/X"), (0, "", ""))
         self.assertEqual(proxy.process.wait(), 0)
 
