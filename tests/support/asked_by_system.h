@@ -13,10 +13,10 @@ int WaysToAskForEnd();
 // Asks for the end in one of these ways, counted from 0. `loop` is that of the program, which watches for requests already.
 void AskForEnd(EventLoop& loop, int way = 0);
 
-// Asks for the end of a program that is to be started as long as the object lives.
+// Asks for the end, in one of these ways, of a program that is to be started as long as the object lives.
 class EndFromTheStart {
  public:
-  EndFromTheStart();
+  explicit EndFromTheStart(int way = 0);
   // To be called with the program's loop before it runs.
   static void TellLoop(EventLoop& loop);
 

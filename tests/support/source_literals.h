@@ -104,9 +104,9 @@ inline std::vector<SourceLiteral> ReadSourceLiterals() {
   namespace fs = std::filesystem;
   std::vector<std::string> files;
   for (const auto& entry : fs::recursive_directory_iterator(TRABEX_SOURCE_DIR "/src")) {
-    const std::string extension = entry.path().extension();
+    const std::string extension = entry.path().extension().string();
     if (extension != ".cpp" && extension != ".h") continue;
-    files.push_back(entry.path().lexically_relative(TRABEX_SOURCE_DIR));
+    files.push_back(entry.path().lexically_relative(TRABEX_SOURCE_DIR).generic_string());
   }
   std::sort(files.begin(), files.end());
   std::vector<SourceLiteral> literals;

@@ -23,8 +23,8 @@ void AskForEnd(EventLoop& /*loop*/, int way) {
   raise(kEndingSignals[way]);
 }
 
-EndFromTheStart::EndFromTheStart()
-    : waiting_(std::make_shared<WaitingSignals>(std::initializer_list<int>{SIGTERM})) {}
+EndFromTheStart::EndFromTheStart(int way)
+    : waiting_(std::make_shared<WaitingSignals>(std::initializer_list<int>{kEndingSignals[way]})) {}
 
 // The signal waits for it.
 void EndFromTheStart::TellLoop(EventLoop& /*loop*/) {}

@@ -1,6 +1,7 @@
 #include "support/asked_by_system.h"
 
 #include <iterator>
+#include <optional>
 
 #include "platform/windows/loop/event_loop_impl.h"
 
@@ -14,7 +15,8 @@ constexpr struct {
   WPARAM w;
 } kEndingMessages[] = {{WM_ENDSESSION, TRUE}, {WM_CLOSE, 0}};
 
-int starts_to_end = 0;
+// Of the programs that are to be started.
+std::optional<int> way_from_the_start;
 
 }  // namespace
 
@@ -26,11 +28,12 @@ void AskForEnd(EventLoop& loop, int way) {
   PostMessageW(loop.GetImpl().Window(), kEndingMessages[way].message, kEndingMessages[way].w, 0);
 }
 
-EndFromTheStart::EndFromTheStart() : waiting_(&++starts_to_end, [](int* count) { --*count; }) {}
+EndFromTheStart::EndFromTheStart(int way)
+    : waiting_(&(way_from_the_start = way), [](std::optional<int>* kept) { kept->reset(); }) {}
 
 // The message waits in the queue until the loop runs.
 void EndFromTheStart::TellLoop(EventLoop& loop) {
-  if (starts_to_end > 0) AskForEnd(loop);
+  if (way_from_the_start) AskForEnd(loop, *way_from_the_start);
 }
 
 ReloadsOfTheSystem::ReloadsOfTheSystem() = default;

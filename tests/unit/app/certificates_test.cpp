@@ -56,6 +56,28 @@ class CertificatesTest : public testing::Test {
     clock_.Advance(span);
     RunUntilIdle(loop_);
   }
+  // Renews the certificate in use, file.pem, in each of these ways, which are called with the end of its validity. However
+  // it is done, it takes effect at the second look that sees it.
+  void ExpectRenewals(const std::vector<std::pair<const char*, std::function<void(sys_seconds)>>>& ways) {
+    EXPECT_EQ(Log().size(), 1U);
+    int renewals = 0;
+    for (const auto& [name, renew] : ways) {
+      SCOPED_TRACE(name);
+      const auto before = contexts_.for_clients;
+      PassMinute();
+      PassMinute();
+      EXPECT_EQ(contexts_.for_clients, before) << "no load without a change";
+      renew(kStart + days(90 + ++renewals));
+      PassMinute();
+      EXPECT_EQ(contexts_.for_clients, before);
+      EXPECT_THAT(Log(), IsEmpty());
+      PassMinute();
+      EXPECT_NE(contexts_.for_clients, before);
+      EXPECT_THAT(Log(), ElementsAre(MatchesRegex("Certificate \".*/file.pem\": a.test; valid until " +
+                                                  std::to_string(13 + renewals) + "/02/2027 16:54:24."),
+                                     kReloaded));
+    }
+  }
   TLSSettings& Tls() { return configuration_.TLS; }
   std::vector<std::string> Log() { return log_.Take(); }
   const TlsContext* ForClients() const { return contexts_.for_clients.get(); }
@@ -205,39 +227,29 @@ TEST_F(CertificatesTest, AuthoritiesThatCannotBeReadAreReported) {
                                  "\". No such file or directory. The one in force stays."));
 }
 
-// However it is done, it takes effect at the second look that sees it.
 TEST_F(CertificatesTest, RenewalsAreFound) {
-  const std::string link = folder_ / "link.pem";
+  const std::string file = WriteCertificate("file.pem", {"a.test"});
+  UseOne(file);
+  ExpectRenewals({{"rewritten", [&](sys_seconds until) { WriteCertificate("file.pem", {"a.test"}, until); }},
+                  {"renamed over", [&](sys_seconds until) {
+                     std::filesystem::rename(WriteCertificate("2.pem", {"a.test"}, until), file);
+                   }}});
+}
+
+TEST_F(CertificatesTest, RenewalsBehindALinkAreFound) {
+  const std::string link = folder_ / "file.pem";
   std::filesystem::create_symlink(WriteCertificate("1.pem", {"a.test"}), link);
   UseOne(link);
-  EXPECT_EQ(Log().size(), 1U);
-  int renewals = 0;
-  const auto renewed = [&] { return kStart + days(90 + ++renewals); };
-  const std::vector<std::pair<const char*, std::function<void()>>> ways = {
-      {"rewritten", [&] { WriteCertificate("1.pem", {"a.test"}, renewed()); }},
-      {"renamed over",
-       [&] { std::filesystem::rename(WriteCertificate("2.pem", {"a.test"}, renewed()), folder_ / "1.pem"); }},
-      {"another target", [&] {
-         const std::string target = WriteCertificate("3.pem", {"a.test"}, renewed());
-         std::filesystem::remove(link);
-         std::filesystem::create_symlink(target, link);
-       }}};
-  for (const auto& [name, renew] : ways) {
-    SCOPED_TRACE(name);
-    const auto before = contexts_.for_clients;
-    PassMinute();
-    PassMinute();
-    EXPECT_EQ(contexts_.for_clients, before) << "no load without a change";
-    renew();
-    PassMinute();
-    EXPECT_EQ(contexts_.for_clients, before);
-    EXPECT_THAT(Log(), IsEmpty());
-    PassMinute();
-    EXPECT_NE(contexts_.for_clients, before);
-    EXPECT_THAT(Log(), ElementsAre(MatchesRegex("Certificate \".*/link.pem\": a.test; valid until " +
-                                                std::to_string(13 + renewals) + "/02/2027 16:54:24."),
-                                   kReloaded));
-  }
+  ExpectRenewals({{"rewritten", [&](sys_seconds until) { WriteCertificate("1.pem", {"a.test"}, until); }},
+                  {"renamed over",
+                   [&](sys_seconds until) {
+                     std::filesystem::rename(WriteCertificate("2.pem", {"a.test"}, until), folder_ / "1.pem");
+                   }},
+                  {"another target", [&](sys_seconds until) {
+                     const std::string target = WriteCertificate("3.pem", {"a.test"}, until);
+                     std::filesystem::remove(link);
+                     std::filesystem::create_symlink(target, link);
+                   }}});
 }
 
 TEST_F(CertificatesTest, ARenewalThatIsUnderWayIsWaitedFor) {

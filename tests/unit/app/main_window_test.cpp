@@ -71,7 +71,7 @@ TEST_F(MainWindowTest, DumpIsWrittenBetweenTheTwo) {
   program_.log.Close();
   std::string text;
   for (const auto& entry : std::filesystem::directory_iterator(Settings().LogPath))
-    text = ReadFile(entry.path());
+    text = ReadFile(entry.path().string());
   const std::size_t started = text.find("Trabex 3.04.012 started.\r\n");
   const std::size_t dump = text.find("\r\n; Current configuration:\r\n");
   const std::size_t section = text.find("\r\n[Common]\r\nLog = 2\r\n");
@@ -86,7 +86,7 @@ TEST_F(MainWindowTest, NoDumpAtTheOtherLevels) {
   ASSERT_TRUE(Window().Form_Load());
   program_.log.Close();
   for (const auto& entry : std::filesystem::directory_iterator(Settings().LogPath)) {
-    EXPECT_EQ(ReadFile(entry.path()).find("[Common]"), std::string::npos);
+    EXPECT_EQ(ReadFile(entry.path().string()).find("[Common]"), std::string::npos);
   }
 }
 

@@ -57,7 +57,7 @@ TEST(Pages, NameSettingsAndKeysThatThereAre) {
       "([A-Z][A-Za-z]*[a-z][A-Z][A-Za-z]*|[A-Z]{2,}[a-z]\\w*|[A-Z]+\\.[A-Z][A-Za-z.]+)( = .*)?");
   int names = 0;
   for (const auto& entry : std::filesystem::directory_iterator(TRABEX_SOURCE_DIR "/docs")) {
-    const std::string file = entry.path().filename();
+    const std::string file = entry.path().filename().string();
     if (!file.ends_with(".md") || kPagesOfDevelopers.contains(file)) continue;
     const std::string page = SourceFile("docs/" + file);
     for (const std::string& text : NamesIn(page)) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <memory>
@@ -55,7 +56,7 @@ class AutoReloadTest : public ProgramTest {
       RunUntilIdle(program_->loop);
     }
   }
-  long Reloads() const { return std::count(log_.begin(), log_.end(), kReloaded); }
+  std::ptrdiff_t Reloads() const { return std::count(log_.begin(), log_.end(), kReloaded); }
   Configuration& Settings() { return program_->configuration; }
   frmMain& Window() { return *program_->window; }
 

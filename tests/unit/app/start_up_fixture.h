@@ -55,7 +55,7 @@ class StartUpTest : public testing::Test {
     std::string text;
     if (!std::filesystem::exists(folder_ / folder)) return text;
     for (const auto& entry : std::filesystem::directory_iterator(folder_ / folder))
-      text += ReadFile(entry.path());
+      text += ReadFile(entry.path().string());
     return text;
   }
   // The messages without their time stamps.

@@ -77,6 +77,23 @@ TEST_F(WindowsChangeWatchTest, EveryWayOfWritingSignals) {
   }
 }
 
+// By a second notification, for the folder where the file itself lies.
+TEST_F(WindowsChangeWatchTest, TheFolderOfALinksTargetIsWatchedToo) {
+  const std::string link = NativePath(folder_ / "etc/link.ini");
+  const std::string target = NativePath(folder_ / "other/target.ini");
+  WriteFile(target, "1");
+  // Wine says that it has made one.
+  CreateSymbolicLinkW(Wide(link).c_str(), Wide(target).c_str(), SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE);
+  if (GetFileAttributesW(Wide(link).c_str()) == INVALID_FILE_ATTRIBUTES) {
+    GTEST_SKIP() << "Wine makes no links to files";
+  }
+  watch_ = WatchFolderOf(link);
+  ASSERT_NE(watch_, nullptr);
+  EXPECT_FALSE(watch_->Signalled());
+  WriteFile(target, "2");
+  EXPECT_TRUE(BecomesSignalled(*watch_));
+}
+
 TEST_F(WindowsChangeWatchTest, NothingWithoutFolder) {
   EXPECT_EQ(WatchFolderOf(NativePath(folder_ / "missing/x.ini")), nullptr);
   EXPECT_EQ(WatchFolderOf(NativePath(Ini() + "/x.ini")), nullptr);

@@ -8,6 +8,7 @@
 #include "platform/windows/loop/event_loop_impl.h"
 #include "platform/windows/win.h"
 #include "support/loop_runner.h"
+#include "support/windows/denied_mutex.h"
 
 namespace trabex {
 namespace {
@@ -37,17 +38,9 @@ TEST(WindowsInstanceLock, OneThatMayNotBeOpenedIsHeld) {
   SystemClock clock;
   EventLoop loop(clock);
   const std::string name = OwnName("denied");
-  SECURITY_DESCRIPTOR nobody{};
-  InitializeSecurityDescriptor(&nobody, SECURITY_DESCRIPTOR_REVISION);
-  ACL empty{};
-  InitializeAcl(&empty, sizeof empty, ACL_REVISION);
-  SetSecurityDescriptorDacl(&nobody, TRUE, &empty, FALSE);
-  SECURITY_ATTRIBUTES attributes{sizeof attributes, &nobody, FALSE};
-  const HANDLE mutex = CreateMutexW(&attributes, FALSE, Wide(name).c_str());
-  ASSERT_NE(mutex, nullptr);
+  const DeniedMutex mutex(name);
   EXPECT_EQ(TryLockInstance(loop, name, [] {}), nullptr);
   EXPECT_TRUE(IsInstanceLocked(name));
-  CloseHandle(mutex);
 }
 
 TEST(WindowsInstanceLock, ExitRequestIsForTheName) {
