@@ -304,9 +304,9 @@ TEST_F(AutoReloadTest, TellsWhyItEndsTheProgram) {
 TEST_F(AutoReloadTest, TellsOnceMoreThatNothingIsLogged) {
   Start();
   EXPECT_EQ(err_.str(), "");
+  program_->log.Close();
   std::filesystem::remove_all(folder_ / "Log");
   WriteFile(folder_ / "Log", "no folder");
-  program_->log.Close();
   program_->log.LogLine("x");
   const std::string told = "Trabex: Unable to open log file ";
   EXPECT_TRUE(err_.str().starts_with(told)) << err_.str();

@@ -6,10 +6,12 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "made_certificate.h"
+#include "platform/files.h"
 #include "support/fake_clock.h"
 #include "support/loop_runner.h"
 #include "support/recorded_log.h"
@@ -31,6 +33,12 @@ using testing::StartsWith;
 
 // 15 November 2026, 16:54:24: where the clock of the tests begins.
 constexpr sys_seconds kStart{seconds(1794761664)};
+
+// With paths as the system writes them, which is how the log has them.
+class NativeFolder : public TempFolder {
+ public:
+  std::string operator/(std::string_view name) const { return NativePath(TempFolder::operator/(name)); }
+};
 
 class CertificatesTest : public testing::Test {
  protected:
@@ -73,7 +81,7 @@ class CertificatesTest : public testing::Test {
       EXPECT_THAT(Log(), IsEmpty());
       PassMinute();
       EXPECT_NE(contexts_.for_clients, before);
-      EXPECT_THAT(Log(), ElementsAre(MatchesRegex("Certificate \".*/file.pem\": a.test; valid until " +
+      EXPECT_THAT(Log(), ElementsAre(MatchesRegex("Certificate \".*file.pem\": a.test; valid until " +
                                                   std::to_string(13 + renewals) + "/02/2027 16:54:24."),
                                      kReloaded));
     }
@@ -88,7 +96,7 @@ class CertificatesTest : public testing::Test {
   static std::string Kept(const std::string& line) { return line + " The one in force stays."; }
   static constexpr const char* kReloaded = "Certificates reloaded.";
 
-  TempFolder folder_;
+  NativeFolder folder_;
   std::filesystem::file_time_type next_date_ = std::filesystem::file_time_type::clock::now();
   Configuration configuration_ = DefaultConfiguration();
   RecordedLog log_;

@@ -38,7 +38,10 @@ class ControlServerTest : public testing::Test {
         return ++next < count;
       });
     });
-    requests_.Add("LATER", [this](const std::vector<std::string>&) { return later_; });
+    requests_.Add("LATER", [this](const std::vector<std::string>&) {
+      ++later_asked_;
+      return later_;
+    });
     requests_.Add("RAISE", [](const std::vector<std::string>&) -> ControlReply {
       throw Error(53, "test", "File not found");
     });
@@ -66,6 +69,7 @@ class ControlServerTest : public testing::Test {
   ControlRequests requests_;
   ControlServer server_{loop_, requests_};
   std::shared_ptr<PendingAnswer> later_ = std::make_shared<PendingAnswer>();
+  int later_asked_ = 0;
   std::vector<int> slices_made_;
 };
 

@@ -71,7 +71,7 @@ TEST_F(ControlServerTest, OneThatDoesNotReadIsHungUpOn) {
   EXPECT_EQ(server_.CallerCount(), 1U);
   Pass(Milliseconds{200});
   EXPECT_EQ(server_.CallerCount(), 0U);
-  EXPECT_TRUE(caller.Ended());
+  EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
   EXPECT_LT(caller.Heard().size(), 5'000'000U);
 }
 
@@ -99,7 +99,8 @@ TEST_F(ControlServerTest, EightAtOnceAndTheOthersWait) {
   callers[3]->Send("ECHO\tx\n");
   EXPECT_TRUE(Runs([&] {
     bool all = true;
-    for (std::size_t i = 8; i < 20; ++i) all = all && callers[i]->Ended();
+    // Each is asked: one that was not let in says on Windows then what it has to say.
+    for (std::size_t i = 8; i < 20; ++i) all = callers[i]->Ended() && all;
     return all;
   })) << "one place is enough for all who have something to say";
   for (std::size_t i = 8; i < 20; ++i)
@@ -111,7 +112,8 @@ TEST_F(ControlServerTest, EightAtOnceAndTheOthersWait) {
 TEST_F(ControlServerTest, SlicesAreMadeOneInATurn) {
   ControlCallerPeer first(name_);
   ControlCallerPeer second(name_);
-  first.Send("SLICES\t30\n");
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 2; }));
+  first.Send("SLICES\t3000\n");
   second.Send("SLICES\t20\n");
   std::size_t made = 0;
   while (!first.Ended() || !second.Ended()) {
@@ -119,8 +121,11 @@ TEST_F(ControlServerTest, SlicesAreMadeOneInATurn) {
     ASSERT_LE(slices_made_.size(), made + 1);
     made = slices_made_.size();
   }
-  EXPECT_EQ(made, 50U);
-  EXPECT_LT(std::find(slices_made_.begin(), slices_made_.end(), 20) - slices_made_.begin(), 10) << "in turns";
+  EXPECT_EQ(made, 3020U);
+  // The second may be heard a little later.
+  const auto begin = std::find(slices_made_.begin(), slices_made_.end(), 20);
+  ASSERT_LT(begin - slices_made_.begin(), 2900);
+  EXPECT_EQ(std::count(begin, begin + 38, 20), 19) << "in turns";
   std::string text;
   AnswerReader reader({.text = [&](std::string_view part) { text += part; }, .error = {}});
   ASSERT_EQ(reader.Take(second.Heard()), AnswerReader::State::kComplete);
@@ -154,7 +159,7 @@ TEST_F(ControlServerTest, NoSliceIsMadeForOneThatDoesNotRead) {
 TEST_F(ControlServerTest, AnswerMayTakeItsTime) {
   ControlCallerPeer caller(name_);
   caller.Send("LATER\n");
-  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 1; }));
+  ASSERT_TRUE(Runs([&] { return later_asked_ == 1; }));
   Pass(10 * ControlServer::kMaxSilence);
   EXPECT_FALSE(caller.Ended());
   later_->Give({.status = 1, .text = "at last\n", .error = {}});
@@ -166,13 +171,12 @@ TEST_F(ControlServerTest, AnswerThatIsGivenAtTheEndStillArrives) {
   ControlCallerPeer caller(name_);
   caller.Send("LATER\n");
   ControlCallerPeer silent(name_);
-  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 2; }));
-  RunUntilIdle(loop_);
+  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 2 && later_asked_ == 1; }));
   later_->Give({.status = 1, .text = "bye\n", .error = {}});
   server_.Close();
+  EXPECT_TRUE(Runs([&] { return caller.Ended() && silent.Ended(); }));
   EXPECT_EQ(caller.Heard(), "T 4\nbye\nX 1\n");
-  EXPECT_TRUE(caller.Ended() && silent.Ended());
-  EXPECT_FALSE(ControlCallerPeer(name_).Connected());
+  EXPECT_TRUE(Runs([&] { return !ControlCallerPeer(name_).Connected(); }));
 }
 
 TEST_F(ControlServerTest, MayBeClosedByARequestItself) {
@@ -205,9 +209,8 @@ TEST_F(ControlServerTest, MayBeClosedByARequestItself) {
 TEST_F(ControlServerTest, NameMayChangeUnderAWaitingCaller) {
   ControlCallerPeer caller(name_);
   caller.Send("LATER\n");
-  ASSERT_TRUE(Runs([&] { return server_.CallerCount() == 1; }));
+  ASSERT_TRUE(Runs([&] { return later_asked_ == 1; }));
   ASSERT_TRUE(server_.Open(name_ + "1"));
-  EXPECT_FALSE(ControlCallerPeer(name_).Connected());
   ControlCallerPeer other(name_ + "1");
   other.Send("ECHO\n");
   EXPECT_TRUE(Runs([&] { return other.Ended(); }));
@@ -215,6 +218,7 @@ TEST_F(ControlServerTest, NameMayChangeUnderAWaitingCaller) {
   later_->Give({});
   EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
   EXPECT_EQ(caller.Heard(), "X 0\n");
+  EXPECT_TRUE(Runs([&] { return !ControlCallerPeer(name_).Connected(); }));
 }
 
 TEST_F(ControlServerTest, CallersOfTheStartWait) {
@@ -227,7 +231,11 @@ TEST_F(ControlServerTest, CallersOfTheStartWait) {
   early.Begin();
   EXPECT_TRUE(Runs([&] { return caller.Ended(); }));
   EXPECT_EQ(caller.Heard(), "X 3\n");
-  EXPECT_FALSE(early.Open(name_)) << "somebody else's";
+}
+
+TEST_F(ControlServerTest, NameOfAnotherIsNotTaken) {
+  ControlServer other(loop_, requests_);
+  EXPECT_FALSE(other.Open(name_));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "made_certificate.h"
+#include "platform/files.h"
 #include "reload_fixture.h"
 
 namespace trabex {
@@ -33,9 +34,9 @@ TEST_F(ReloadCertificatesTest, TheSettingsAreFollowed) {
   WriteCertificate("c.pem");
   WriteIni("[TLS]\nCertificate=c.pem\n");
   Pass(60);
-  EXPECT_THAT(log_,
-              ElementsAre(kReloaded, StartsWith("Certificate \"" + (folder_ / "c.pem") + "\": mx.test;"),
-                          StartsWith("Listen on: ")));
+  EXPECT_THAT(log_, ElementsAre(kReloaded,
+                                StartsWith("Certificate \"" + NativePath(folder_ / "c.pem") + "\": mx.test;"),
+                                StartsWith("Listen on: ")));
   const auto loaded = program_->tls.for_clients;
   EXPECT_NE(loaded, nullptr);
 
@@ -47,7 +48,8 @@ TEST_F(ReloadCertificatesTest, TheSettingsAreFollowed) {
 
   WriteIni("[TLS]\nCertificate=none.pem\n");
   Pass(60);
-  EXPECT_THAT(log_, Contains(StartsWith("Unable to load certificate \"" + (folder_ / "none.pem") + "\".")));
+  EXPECT_THAT(
+      log_, Contains(StartsWith("Unable to load certificate \"" + NativePath(folder_ / "none.pem") + "\".")));
   EXPECT_EQ(program_->tls.for_clients, nullptr);
   EXPECT_FALSE(Settings().TLS.Certificate.empty()) << "TLS is wanted all the same";
   EXPECT_FALSE(Window().Unloaded());

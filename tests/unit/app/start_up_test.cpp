@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/files.h"
 #include "platform/instance_lock.h"
 #include "start_up_fixture.h"
 #include "support/plain_socket.h"
@@ -140,10 +141,10 @@ TEST_F(StartUpTest, WhateverIsWrongIsTold) {
       {"IPBlackList=1.2.3\n", "Description: Invalid IP address: \"1.2.3\". The entry is left out."},
       {"SendersBlackList=[x\n", "in string: \"[x\". The entry is left out."},
       {"[TLS]\nMinVersion=2\n", "Description: Inadmissible string: \"2\". The default is taken: 1.2"},
-      {"[TLS]\nCertificate=/no/such.pem\n", "Unable to load certificate \"/no/such.pem\". "},
+      {"[TLS]\nCertificate=/no/such.pem\n", "such.pem\". No such file or directory."},
       {"[Service]\nStatusHTTP=x\n", "string: \"x\". The default is taken, which is empty."},
       {"[Service]\nJsonLog=/no/such/folder/log.json\n",
-       "JSON log \"/no/such/folder/log.json\" cannot be written. Lines are lost."},
+       "/no/such/folder/log.json\" cannot be written. Lines are lost."},
       {"[SenderReplacements.Local]\n[x=y\n", "Error reading initialization file "},
       {"[SenderReplacements.Local]\n*[=y\n", "Regular Expression in key name. The entry is left out."},
       {"[GreyListing]\nEnabled=1\nDatabase=/no/such/folder/db\n",
@@ -226,10 +227,9 @@ TEST_F(StartUpTest, MissingFileMeansTheDefaults) {
   EXPECT_EQ(Run({"/HI", "/P", port_text_}), 1);
   EXPECT_THAT(LogLines(), ElementsAre(HasSubstr("Error number: 53, Description: File not found"), kStarted,
                                       StartsWith("Error 10048 binding to 0.0.0.0:" + port_text_), kStopped));
-  EXPECT_THAT(err_.str(),
-              HasSubstr("reading initialization file \"" + folder_.Path() +
-                        "/Trabex.ini\". Error number: 53, Description: File not found. All settings "
-                        "have their defaults.\n"));
+  EXPECT_THAT(err_.str(), HasSubstr("reading initialization file \"" + NativePath(folder_ / "Trabex.ini") +
+                                    "\". Error number: 53, Description: File not found. All settings "
+                                    "have their defaults.\n"));
 }
 
 TEST_F(StartUpTest, FileOfTheCurrentDirectoryIsToldWhenItIsNotTheOneThatIsMeant) {
@@ -242,14 +242,14 @@ TEST_F(StartUpTest, FileOfTheCurrentDirectoryIsToldWhenItIsNotTheOneThatIsMeant)
   other.Listen();
   EXPECT_EQ(Run({"/HI", "/P", port_text_, "/I", "x.ini"}), 1);
   fs::current_path(before);
-  EXPECT_THAT(err_.str(), StartsWith("Trabex: The initialization file is \"" + folder_.Path() +
-                                     "/x.ini\"; the one in the current directory is \"./x.ini\".\n"));
+  EXPECT_THAT(err_.str(), StartsWith("Trabex: The initialization file is \"" + NativePath(folder_ / "x.ini") +
+                                     "\"; the one in the current directory is \"./x.ini\".\n"));
 }
 
 TEST_F(StartUpTest, LogThatCannotBeWrittenIsNoReasonNotToServe) {
   WriteIni("LogPath=" + (folder_ / "no/parent") + "\n");
   EXPECT_EQ(RunAndEnd({"/HI"}), 0);
-  EXPECT_EQ(err_.str(), "Trabex: Unable to open log file \"" + (folder_ / "no/parent") + "/Trabex-" +
+  EXPECT_EQ(err_.str(), "Trabex: Unable to open log file \"" + NativePath(folder_ / "no/parent/Trabex-") +
                             port_text_ + "-261115.log\". Path not found. Nothing is logged.\n");
 }
 

@@ -14,9 +14,10 @@ namespace trabex {
 namespace {
 
 // A file that another one is moved over is told as a change of names, as a removal is: the system does not tell them
-// apart.
+// apart. A date that was set by itself is told as a change of attributes by some systems of files.
 constexpr DWORD kChanges = FILE_NOTIFY_CHANGE_LAST_WRITE | FILE_NOTIFY_CHANGE_SIZE |
-                           FILE_NOTIFY_CHANGE_CREATION | FILE_NOTIFY_CHANGE_FILE_NAME;
+                           FILE_NOTIFY_CHANGE_ATTRIBUTES | FILE_NOTIFY_CHANGE_CREATION |
+                           FILE_NOTIFY_CHANGE_FILE_NAME;
 
 // One notification.
 class Notification {

@@ -25,5 +25,14 @@ TEST_F(ControlServerTest, OneThatEndsItsSideInALineIsHungUpOn) {
   EXPECT_EQ(server_.CallerCount(), 0U);
 }
 
+// A pipe of Windows has its name as long as one of its callers is there.
+TEST_F(ControlServerTest, OldNameIsGoneBesideAWaitingCaller) {
+  ControlCallerPeer caller(name_);
+  caller.Send("LATER\n");
+  ASSERT_TRUE(Runs([&] { return later_asked_ == 1; }));
+  ASSERT_TRUE(server_.Open(name_ + "1"));
+  EXPECT_FALSE(ControlCallerPeer(name_).Connected());
+}
+
 }  // namespace
 }  // namespace trabex
