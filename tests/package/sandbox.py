@@ -72,7 +72,9 @@ def prepare(unit, command):
 
 
 def names_of(group):
-    """The system calls of a group of systemd's, with those of the groups in it."""
+    """The system calls of a group of systemd's, with those of the groups in it; a call is named by itself."""
+    if not group.startswith("@"):
+        return {group}
     said = subprocess.run(["systemd-analyze", "syscall-filter", group], stdout=subprocess.PIPE, text=True, check=True)
     names = set()
     for line in said.stdout.splitlines()[1:]:

@@ -139,7 +139,8 @@ class ScriptedServers(ToServer):
             server = self.server_that_says(b"220 go on\r\n")
             proxy = self.front_of(server.port, how)
             client = self.connect(proxy.address)
-            wait_until(lambda: len(self.heard) >= 2, "STARTTLS")
+            # Sooner it would be something behind the reply.
+            proxy.wait_for_log("< 220 go on")
             server.connections[0].send(b"250 this is no handshake\r\n")
             self.assertEqual(client.read_line()[:3], "421")
             proxy.wait_for_log("Error 40030. TLS failed: ")
