@@ -7,7 +7,7 @@ A failure is never a way to plain text.
 import ssl
 
 from messages import text_message
-from trabex_system import (DOMAIN, LOOPBACK, Authority, Scenario, Smtp, in_family, main, polite_server, wait_until,
+from trabex_system import (DOMAIN, LOOPBACK, Authority, Scenario, Smtp, in_family, main, polite_server,
                            without_received)
 
 REMOTE = in_family("127.0.0.2")
