@@ -33,6 +33,7 @@ class SpareRecipients {
 
   // An empty one.
   std::unique_ptr<AcceptedRecipients> Take() {
+    spare_.reserve(kMaxSpare);  // so that GiveBack needs no memory
     if (spare_.empty()) return std::make_unique<AcceptedRecipients>();
     auto list = std::move(spare_.back());
     spare_.pop_back();

@@ -42,23 +42,6 @@ std::string_view NameToLookUp(std::string_view helo_domain) {
   return address.empty() ? helo_domain : address;
 }
 
-// A list of the settings with its name.
-struct NamedList {
-  std::string_view name;
-  const ExpressionList& list;
-};
-
-// A three-list test refuses a value that is neither in the white list nor in the allow list without being
-// black-listed. Returns the list that decided when it refuses.
-std::optional<DecidingList> RefusedByLists(std::string_view value, DecidingList::Value kind,
-                                           const ExpressionList& white, const NamedList& allow,
-                                           const NamedList& black, DecisionTrace* trace) {
-  if (MatchesList(value, white, trace)) return std::nullopt;
-  if (!MatchesList(value, allow.list, trace)) return DecidingList{.name = allow.name};
-  if (!MatchesList(value, black.list, trace)) return std::nullopt;
-  return DecidingList{.name = black.name, .list = &black.list, .value = kind};
-}
-
 using MaybeRefusal = std::optional<Refusal>;
 
 }  // namespace
@@ -145,7 +128,8 @@ class ClientCommandFilter::LineFilter {
       }
     }
     // Verbs are ASCII: some servers drop the eighth bit, or take more bytes for blanks.
-    if (holds_control || !IsAscii(verb_)) return Answer({kBadSyntax});
+    const bool is_disguised = command_->id == Command::kOther && BeginsWithCommand(verb_);
+    if (holds_control || !IsAscii(verb_) || is_disguised) return Answer({kBadSyntax});
     if (IsNotImplemented()) return Answer({kNotImplemented});
     if (state_.transaction == Transaction::kRefused) {
       return Answer({command_->id == Command::kQuit ? kQuitBadIP : kBadSequenceBadIP});
@@ -317,12 +301,7 @@ class ClientCommandFilter::LineFilter {
     if (max_transactions != 0 && requested_.TransactionCount > max_transactions) {
       return Answer({kMailTooManyTransactions});
     }
-    if (!address->empty()) {
-      const auto list = RefusedByLists(*address, Value::kSender, c.SendersWhiteList,
-                                       {"SendersAllowList", c.SendersAllowList},
-                                       {"SendersBlackList", c.SendersBlackList}, trace_);
-      if (list) return Answer({.kind = kMailBlackList, .list = *list});
-    }
+    if (const MaybeRefusal refusal = RefusedSender(c, *address, trace_)) return Answer(*refusal);
     if (const auto size = DeclaredSize(path.parameters); size && state_.offered.SizeLimit != 0) {
       requested_.DeclaredSize = *size;
       if (*size > state_.offered.SizeLimit) return Answer({kMailSize});
@@ -365,36 +344,7 @@ class ClientCommandFilter::LineFilter {
     if (max_recipients != 0 && requested_.RecipientCount > max_recipients) {
       return Refusal{kRcptTooManyRecipients};
     }
-    const std::string& recipient = requested_.Recipient;
-    const bool local_domain = MatchesList(AddressDomain(recipient), c.LocalDomains, trace_);
-    if (facts_.IsLocalClient()) {
-      if (!local_domain && MatchesList(requested_.Sender, c.RestrictedSenders, trace_)) {
-        return Refusal{
-            .kind = kRcptRestricted,
-            .list = {.name = "RestrictedSenders", .list = &c.RestrictedSenders, .value = Value::kSender}};
-      }
-      if (const auto list =
-              RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListLocal,
-                             {"RecipientsAllowListLocal", c.RecipientsAllowListLocal},
-                             {"RecipientsBlackListLocal", c.RecipientsBlackListLocal}, trace_)) {
-        return Refusal{.kind = kRcptBlackListLocal, .list = *list};
-      }
-      return std::nullopt;
-    }
-    if (!local_domain) return Refusal{.kind = kRcptRelaying, .list = {.name = "LocalDomains"}};
-    if (HasRouteInLocalPart(recipient)) return Refusal{kRcptRelaying};
-    if (const auto list =
-            RefusedByLists(recipient, Value::kRecipient, c.RecipientsWhiteListRemote,
-                           {"RecipientsAllowListRemote", c.RecipientsAllowListRemote},
-                           {"RecipientsBlackListRemote", c.RecipientsBlackListRemote}, trace_)) {
-      return Refusal{.kind = kRcptBlackListRemote, .list = *list};
-    }
-    if (MatchesList(recipient, c.PrivateRecipients, trace_)) {
-      return Refusal{
-          .kind = kRcptPrivate,
-          .list = {.name = "PrivateRecipients", .list = &c.PrivateRecipients, .value = Value::kRecipient}};
-    }
-    return std::nullopt;
+    return RefusedRecipient(c, facts_, requested_, trace_);
   }
 
   // Whether the recipient is refused for now.
@@ -451,7 +401,7 @@ class ClientCommandFilter::LineFilter {
       header = GenerateReceivedHeader(configuration_, clock_, facts_, requested_, state_.login).append(kCrLf);
     }
     const bool is_last = IsLastChunk(Rest());
-    Forward(Chunk(*decision_.octets_follow + header.size(), is_last));
+    Forward(verb_ + ChunkParameters(Rest(), *decision_.octets_follow + header.size(), is_last));
     decision_.forwarded->last_chunk = is_last;
     // The header is content, which the log does not show.
     if (!header.empty()) decision_.logged = decision_.text;
@@ -461,25 +411,8 @@ class ClientCommandFilter::LineFilter {
   void ProcessXexch50() {
     const auto octets = OctetCount(FirstParameter(Rest()));
     if (!octets) return Answer({kBadSequence, "BadSeq.Transaction"});
-    Forward(WithCount(*octets));
+    Forward(verb_ + WithOctetCount(Rest(), *octets));
     decision_.forwarded->octets = *octets;
-  }
-
-  // The line with its first parameter, an octet count, as `octets`: without zeros in front, which some servers
-  // take for the sign of an octal number.
-  std::string WithCount(std::uint64_t octets) const {
-    const std::string_view parameters = Rest().substr(1);
-    return verb_ + " " + std::to_string(octets) +
-           std::string(parameters.substr(FirstWord(parameters).size()));
-  }
-
-  // The BDAT line for so many octets. Beside LAST no other word is forwarded: with one, servers disagree whether
-  // the chunk is the last one.
-  std::string Chunk(std::uint64_t octets, bool is_last) const {
-    const std::string_view parameters = Rest().substr(1);
-    const std::string_view words = Trim(parameters.substr(FirstWord(parameters).size()));
-    if (!is_last || FirstWord(words).size() == words.size()) return WithCount(octets);
-    return verb_ + " " + std::to_string(octets) + " LAST";
   }
 
   // --- the decision

@@ -22,6 +22,7 @@
 #include "base/ip_address.h"
 #include "config/configuration.h"
 #include "match/decision_trace.h"
+#include "proxy/dialogue/address_policy.h"
 #include "proxy/dialogue/command_table.h"
 #include "proxy/dialogue/dialogue_events.h"
 #include "proxy/dialogue/dialogue_state.h"
@@ -35,13 +36,6 @@ namespace trabex {
 struct HostAddresses {
   bool found = false;
   std::span<const IPAddress> addresses;
-};
-
-// Why a line is refused.
-struct Refusal {
-  ReplyKind kind;
-  std::string_view key = FindPolicyReply(kind).key;  // of a member of a family its own
-  DecidingList list = {};
 };
 
 // What the dialogue is to do with a line, and what it is to remember.

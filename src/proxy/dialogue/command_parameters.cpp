@@ -37,6 +37,19 @@ bool IsLastChunk(std::string_view rest) {
   return behind == rest.size() || rest[behind] == ' ';
 }
 
+std::string WithOctetCount(std::string_view rest, std::uint64_t octets) {
+  const std::string_view parameters = rest.substr(1);
+  return " " + std::to_string(octets) + std::string(parameters.substr(FirstWord(parameters).size()));
+}
+
+std::string ChunkParameters(std::string_view rest, std::uint64_t octets, bool is_last) {
+  const std::string_view parameters = rest.substr(1);
+  const std::string_view words = Trim(parameters.substr(FirstWord(parameters).size()));
+  if (words.empty() || (is_last && FirstWord(words).size() == words.size()))
+    return WithOctetCount(rest, octets);
+  return " " + std::to_string(octets) + (is_last ? " LAST" : "");
+}
+
 bool AreKeywordParameters(std::string_view parameters) {
   while (!(parameters = Trim(parameters)).empty()) {
     const std::string_view word = FirstWord(parameters);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "base/numbers.h"
@@ -21,6 +22,14 @@ std::optional<std::uint64_t> OctetCount(std::string_view word);
 // Whether a BDAT line is marked as the last one (RFC 3030): its `rest` holds " LAST", in any case, and the
 // first of them is followed by nothing or a blank.
 bool IsLastChunk(std::string_view rest);
+
+// `rest`, of a line with an octet count as its first parameter, with `octets` in its place: without zeros in front,
+// which some servers take for the sign of an octal number.
+std::string WithOctetCount(std::string_view rest, std::uint64_t octets);
+
+// The `rest` of a BDAT line with `octets` in place of its count. No word but LAST is left: with another one,
+// servers disagree whether the chunk is the last one, and whether its octets are content at all.
+std::string ChunkParameters(std::string_view rest, std::uint64_t octets, bool is_last);
 
 // Whether `parameters`, which is what follows an address with the blank before it, is a list of words as RFC
 // 5321 section 4.1.2 has them: each a keyword (letters, digits, "-", a letter or digit first), alone or with

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "base/text.h"
+
 namespace trabex {
 
 namespace {
@@ -52,6 +54,13 @@ const CommandRow& FindCommand(std::string_view verb) {
   const auto* row = std::ranges::find(kCommands, verb, &CommandRow::verb);
   if (row != std::end(kCommands)) return *row;
   return verb.starts_with('X') ? kExtensionVerb : kUnknownVerb;
+}
+
+bool BeginsWithCommand(std::string_view verb) {
+  const auto* end =
+      std::ranges::find_if_not(verb, [](char c) { return IsDigit(c) || (c >= 'A' && c <= 'Z'); });
+  const auto size = static_cast<std::size_t>(end - verb.begin());
+  return size != verb.size() && FindCommand(verb.substr(0, size)).id != Command::kOther;
 }
 
 std::span<const CommandRow> AllCommands() {

@@ -55,6 +55,9 @@ struct CommandRow {
 // The row of `verb` (upper case). Verbs that begin with "X" and have no row of their own, and all others
 // without one, get a general row.
 const CommandRow& FindCommand(std::string_view verb);
+// Whether `verb` (upper case, without a row of its own) is that of a row with something behind it that is neither a
+// letter nor a digit, as "MAIL;": a server that reads no further would take it for the command of that row.
+bool BeginsWithCommand(std::string_view verb);
 // The rows of those that have one.
 std::span<const CommandRow> AllCommands();
 

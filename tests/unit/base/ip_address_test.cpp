@@ -241,7 +241,10 @@ TEST(IPv6Text, IsWrittenAsTheSystemDoes) {
     const std::string system = SystemWritesIPv6(bytes);
     // That has an IPv4 address also in the IPv4-compatible form, which RFC 5952 does not ask for.
     const bool compatible = system.find('.') != std::string_view::npos && !address.IsIPv4();
-    if (!compatible) {
+    // One that begins with zeros is no IPv4 address to every system.
+    const bool zeros =
+        address.IsIPv4() && bytes[12] == 0 && bytes[13] == 0 && system.find('.') == std::string_view::npos;
+    if (!compatible && !zeros) {
       ASSERT_EQ((address.IsIPv4() ? "::ffff:" : "") + written, system);
     }
     ASSERT_EQ(ParseIPAddress(system), address) << system;

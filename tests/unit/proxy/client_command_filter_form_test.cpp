@@ -46,6 +46,23 @@ TEST(ClientLine, IsBroughtIntoItsCanonicalForm) {
   }
 }
 
+// A server that reads a verb up to the first character that is no letter would take these for commands.
+TEST(ClientLine, WithAKnownVerbAndMoreGoesNowhere) {
+  for (const char* line : {"MAIL;FROM:<a@b>", "rcpt:<a@b>", "RCPT, TO:<a@b>", "bdat; 33 LAST",
+                           "BDAT-1 5 LAST", "DATA.", "StartTLS;", "TURN!", "XCLIENT=ADDR=192.0.2.1",
+                           "XEXCH50:5", "QUIT\"", "EHLO[a", "SEND<a@b>", "AUTH=PLAIN"}) {
+    TestDialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(line), kBadSyntax) << line;
+  }
+  for (const char* line :
+       {"MAILS;", "DATAX.", "X-LINK2STATE LAST", "FOO;", "X-MAIL", ";MAIL", "M;AIL", "XCLIENTS-"}) {
+    TestDialogue d;
+    d.Greet();
+    EXPECT_EQ(d.Says(line), std::string("-> ") + line);
+  }
+}
+
 TEST(ClientLine, WithAControlCharacterGoesNowhere) {
   for (int byte = 0; byte < 128; ++byte) {
     if (byte >= 32 && byte != 127) continue;

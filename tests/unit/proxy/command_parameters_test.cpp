@@ -31,6 +31,25 @@ TEST(CommandParameters, TheLastChunk) {
     EXPECT_FALSE(IsLastChunk(rest)) << rest;
 }
 
+TEST(CommandParameters, ChunksSayHowManyOctetsAndNothingElse) {
+  const struct {
+    const char* rest;
+    const char* said;
+  } rows[] = {
+      {" 5", " 7"},
+      {" 5 ", " 7 "},
+      {" 5 LAST", " 7 LAST"},
+      {" 005 last", " 7 last"},
+      {" 5 LAST x", " 7 LAST"},
+      {" 5 x last", " 7 LAST"},
+      {" 5 x", " 7"},
+      {" 5 LASTRCPT TO:<a@b>", " 7"},
+      {" 5 LASTX LAST", " 7"},
+  };
+  for (const auto& row : rows)
+    EXPECT_EQ(ChunkParameters(row.rest, 7, IsLastChunk(row.rest)), row.said) << row.rest;
+}
+
 TEST(CommandParameters, Keywords) {
   for (const char* parameters :
        {"", " ", " A", " SIZE=5", " SIZE=12abc", "  BODY=8BITMIME   X-Y=z  ", " AUTH=<>", " A= 8BITMIME",

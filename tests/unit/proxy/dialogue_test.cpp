@@ -325,16 +325,17 @@ class RandomSession {
 };
 
 TEST(Dialogue, BelievesWhatTheServerSaidAndNothingElse) {
-  int transactions = 0;
-  int contents = 0;
-  for (std::uint32_t seed = 0; seed < SeedCount(2000) && !HasFailure(); ++seed) {
+  const unsigned seeds = SeedCount(2000);
+  unsigned transactions = 0;
+  unsigned contents = 0;
+  for (unsigned seed = 0; seed < seeds && !HasFailure(); ++seed) {
     RandomSession session(seed);
     session.Run(150);
     transactions += session.ReachedTransaction();
     contents += session.ReachedContent();
   }
-  EXPECT_GT(transactions, 1000);
-  EXPECT_GT(contents, 500);
+  EXPECT_GT(transactions, seeds / 2);
+  EXPECT_GT(contents, seeds / 4);
 }
 
 // The client has not taken everything yet, so the session is still there.
