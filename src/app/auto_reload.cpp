@@ -38,6 +38,8 @@ IniText TakeUsableFile(const std::string& path) {
 AutoReload::AutoReload(Program& program, frmMain& window)
     : program_(program),
       window_(window),
+      check_probe_(program.loop, program.log),
+      reload_probe_(program),
       tmrAutoReload(program.loop, kPollInterval, [this] { tmrAutoReload_Timer(); }),
       tmrAutoReloadDelay(program.loop, kDelay, [this] { tmrAutoReloadDelay_Timer(); }) {}
 
@@ -76,10 +78,13 @@ void AutoReload::End() {
   list_watches_.clear();
   tmrAutoReload.Disable();
   tmrAutoReloadDelay.Disable();
+  check_probe_.Cancel();
+  reload_probe_.Cancel();
 }
 
 IniText AutoReload::TakeFileNow() {
   tmrAutoReloadDelay.Disable();
+  reload_probe_.Cancel();
   reported_stamp_.reset();
   return TakeUsableFile(program_.ini_file.path);
 }
@@ -91,16 +96,30 @@ void AutoReload::tmrAutoReload_Timer() {
     tmrAutoReload.Disable();
     return;
   }
-  // Every further change restarts the delay.
-  if (const std::optional<std::int64_t> stamp = ChangeCheck()) AwaitQuiet(*stamp);
+  if (check_probe_.Running() || !CheckIsDue()) return;
+  check_probe_.Read(FilesChecked(), [this] {
+    if (!watch_) return;
+    // Every further change restarts the delay.
+    if (const std::optional<std::int64_t> stamp = ChangeCheck()) AwaitQuiet(*stamp);
+  });
+}
+
+std::vector<std::string> AutoReload::FilesChecked() const {
+  std::vector<std::string> files = {NativePath(program_.ini_file.path)};
+  for (const ListFile& file : program_.configuration.ListFiles) files.push_back(NativePath(file.path));
+  return files;
+}
+
+bool AutoReload::CheckIsDue() {
+  // The first check asks in any case: the file may have changed while the program started.
+  if (last_date_check_ && !Signalled()) return false;
+  const DateTime now = program_.dependencies.clock.Now();
+  // In either direction, so that a clock that was set back does not put the check off.
+  return !last_date_check_ || std::abs(now - *last_date_check_) > kBetweenDateChecks;
 }
 
 std::optional<std::int64_t> AutoReload::ChangeCheck() {
-  // The first check asks in any case: the file may have changed while the program started.
-  if (last_date_check_ && !Signalled()) return std::nullopt;
   const DateTime now = program_.dependencies.clock.Now();
-  // In either direction, so that a clock that was set back does not put the check off.
-  if (last_date_check_ && std::abs(now - *last_date_check_) <= kBetweenDateChecks) return std::nullopt;
   // Armed before the date is read: what is written from here on is signalled anew.
   watch_->Rearm();
   for (const auto& watch : list_watches_) watch->Rearm();
@@ -137,6 +156,12 @@ void AutoReload::AwaitQuiet(std::int64_t stamp) {
 
 void AutoReload::tmrAutoReloadDelay_Timer() {
   tmrAutoReloadDelay.Disable();
+  // The one that is running reads it as it is now.
+  if (!reload_probe_.Running()) reload_probe_.Run([this] { ReloadIfUsable(); });
+}
+
+void AutoReload::ReloadIfUsable() {
+  if (under_way_) return AwaitQuiet(awaited_stamp_);
   std::optional<IniText> ini = TakeFile();
   if (ini && !LooksUnfinished(*ini) && MayListen(*ini)) Reload(std::move(*ini));
 }

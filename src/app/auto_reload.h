@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "app/disk_probe.h"
+#include "app/reload_probe.h"
 #include "base/date_time.h"
 #include "config/ini_reader.h"
 #include "config/list_files.h"
@@ -58,9 +60,13 @@ class AutoReload {
 
   void tmrAutoReload_Timer();
   void tmrAutoReloadDelay_Timer();
+  void ReloadIfUsable();
+  // Whether it is time to ask for the file's date: at most every 15 seconds.
+  bool CheckIsDue();
   // The file's date if that is another one than at the last successful read, and not the one that the delay
-  // runs for already. Asked at most every 15 seconds.
+  // runs for already.
   std::optional<std::int64_t> ChangeCheck();
+  std::vector<std::string> FilesChecked() const;
   // The date of the file and its lists' files; nothing when that of the file cannot be asked for. The number
   // means nothing else than that it is another one after a change.
   std::optional<std::int64_t> StampNow() const;
@@ -95,6 +101,8 @@ class AutoReload {
   std::optional<std::int64_t> refused_stamp_;     // of the file whose listeners are not permitted
   bool under_way_ = false;
   std::function<void(bool made)> done_;  // of the one that is under way
+  DiskProbe check_probe_;
+  ReloadProbe reload_probe_;
   Timer tmrAutoReload;
   Timer tmrAutoReloadDelay;
 };

@@ -15,6 +15,7 @@ class CertificateWatch {
  public:
   // Begins with `files` as they are now.
   void Begin(std::vector<std::string> files);
+  const std::vector<std::string>& Files() const { return files_; }
   bool HasFiles() const { return !files_.empty(); }
   // One look. True when a file is another than at the beginning, or than at the last look that was true, and
   // all of them are as they were at the look before this one. A file that is gone has changed.

@@ -60,7 +60,16 @@ TlsClientOptions ClientOptions(const TLSSettings& tls, const std::string& server
           .server_ca = NativePath(tls.ServerCA)};
 }
 
-// Every file that is read with these settings.
+bool IsSame(const TlsLoadReport::Certificate& a, const TlsLoadReport::Certificate& b) {
+  return a.files == b.files && a.names == b.names && a.valid_until == b.valid_until;
+}
+
+DateTime Universal(std::chrono::sys_seconds time) {
+  return FromUnix(time.time_since_epoch().count(), 0);
+}
+
+}  // namespace
+
 std::vector<std::string> FilesOf(const TLSSettings& tls) {
   std::vector<std::string> files;
   const auto add = [&](const std::string& file) {
@@ -75,22 +84,13 @@ std::vector<std::string> FilesOf(const TLSSettings& tls) {
   return files;
 }
 
-bool IsSame(const TlsLoadReport::Certificate& a, const TlsLoadReport::Certificate& b) {
-  return a.files == b.files && a.names == b.names && a.valid_until == b.valid_until;
-}
-
-DateTime Universal(std::chrono::sys_seconds time) {
-  return FromUnix(time.time_since_epoch().count(), 0);
-}
-
-}  // namespace
-
 Certificates::Certificates(const Configuration& configuration, Log& log, const Clock& clock, EventLoop& loop,
                            TlsContexts& contexts)
     : configuration_(configuration),
       log_(log),
       clock_(clock),
       contexts_(contexts),
+      probe_(loop, log),
       tmrLook(loop, kBetweenLooks, [this] { tmrLook_Timer(); }) {}
 
 void Certificates::Follow() {
@@ -109,8 +109,12 @@ void Certificates::Follow() {
 }
 
 void Certificates::tmrLook_Timer() {
-  if (watch_.Look() && Load()) log_.LogLine("Certificates reloaded.");
+  if (!probe_.Running()) probe_.Read(watch_.Files(), [this] { Look(); });
   LogThoseThatExpire();
+}
+
+void Certificates::Look() {
+  if (watch_.Look() && Load()) log_.LogLine("Certificates reloaded.");
 }
 
 bool Certificates::Load() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/certificate_watch.h"
+#include "app/disk_probe.h"
 #include "base/date_time.h"
 #include "base/log.h"
 #include "config/configuration.h"
@@ -17,6 +18,9 @@
 #include "tls/tls_options.h"
 
 namespace trabex {
+
+// Every file that is read with these settings, as a native path.
+std::vector<std::string> FilesOf(const TLSSettings& tls);
 
 // Fills the contexts of the sessions. Nothing here ends the program: what cannot be loaded is logged, and what
 // was in force for the same files stays.
@@ -50,6 +54,7 @@ class Certificates {
   };
 
   void tmrLook_Timer();
+  void Look();
   // False when something could not be loaded; the reason is logged.
   bool Load();
   void LogFailure(const TlsLoadReport::Failure& failure);
@@ -65,6 +70,7 @@ class Certificates {
   std::optional<Wanted> wanted_;  // as of the last load
   std::vector<Known> known_;
   CertificateWatch watch_;
+  DiskProbe probe_;
   Timer tmrLook;
 };
 

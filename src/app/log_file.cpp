@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "platform/disk.h"
 
 namespace trabex {
 
@@ -12,11 +13,22 @@ namespace {
 
 // More than this is not kept back until the end of the loop iteration.
 constexpr std::size_t kMaxCollectedBytes = std::size_t{64} * 1024;
+// How long the end of the program waits for a disk that may hang.
+constexpr Milliseconds kMaxEnding{5000};
+
+std::string LostLinesText(std::uint64_t lines) {
+  return "Lost lines: " + std::to_string(lines) + ".";
+}
 
 }  // namespace
 
 LogFile::LogFile(const Configuration& configuration, const Clock& clock, std::string program_name)
     : configuration_(configuration), clock_(clock), program_name_(std::move(program_name)) {}
+
+LogFile::~LogFile() {
+  Close();
+  FinishDetached();
+}
 
 void LogFile::LogLine(std::string_view message) try {
   if (observer_) observer_(message);
@@ -58,6 +70,8 @@ void LogFile::TakeProblem(std::string_view message, std::string_view addition) {
 
 void LogFile::Close() {
   Flush();
+  if (detached_) detached_->CloseFile();
+  detached_open_ = false;
   file_.Close();
   reserve_.Hold();
 }
@@ -66,27 +80,79 @@ void LogFile::CollectOn(EventLoop* loop) {
   Flush();
   flush_is_due_ = false;
   loop_ = loop;
+  if (loop != nullptr) {
+    Detach(*loop);
+  } else {
+    FinishDetached();
+  }
+}
+
+void LogFile::Detach(EventLoop& loop) {
+  if (!DiskThatMayHang(NativePath(configuration_.LogPath))) return;
+  file_.Close();
+  detached_.emplace(
+      loop, DetachedAppend::Kind{.make_folder = true, .line_end = kCrLf},
+      DetachedAppend::Events{.answered = [this](const DetachedAppend::Answer& answer) { TakeAnswer(answer); },
+                             .silent =
+                                 [this] {
+                                   if (tell_)
+                                     tell_("The disk of log folder " +
+                                           Quoted(NativePath(configuration_.LogPath)) + " does not answer.");
+                                 },
+                             .dropped =
+                                 [this](std::uint64_t lines) {
+                                   lost_lines_ += lines;
+                                   LogProblem("The disk of the log answers again. " + LostLinesText(lines));
+                                 }});
+}
+
+void LogFile::TakeAnswer(const DetachedAppend::Answer& answer) {
+  lost_lines_ += answer.lost_lines;
+  if (answer.why_not_opened.empty()) {
+    failure_told_ = false;
+  } else {
+    TellFailure(detached_path_, answer.why_not_opened);
+  }
+}
+
+void LogFile::FinishDetached() {
+  if (!detached_) return;
+  const std::uint64_t lost = detached_->Finish(kMaxEnding);
+  detached_.reset();
+  disk_hung_ = lost > 0;
+  lost_lines_ += lost;
+  if (disk_hung_ && tell_) tell_("The disk of the log does not answer. " + LostLinesText(lost));
 }
 
 bool LogFile::EnsureOpen(DateTime now) {
   if (file_.IsOpen()) return true;
-  std::string path = NativePath(configuration_.LogPath);
-  CreateFolder(path);
-  if (!path.ends_with(kPathSeparator)) path += kPathSeparator;
-  path += program_name_ + "-" + std::to_string(configuration_.BindPort) + "-" + FormatFileDate(now) + ".log";
+  if (detached_) {
+    if (!std::exchange(detached_open_, true)) detached_path_ = PathOf(now);
+    return true;
+  }
+  if (disk_hung_) return false;
+  CreateFolder(NativePath(configuration_.LogPath));
+  const std::string path = PathOf(now);
   reserve_.Release();
   if (file_.Open(path)) {
     failure_told_ = false;
     return true;
   }
   reserve_.Hold();
-  TellFailure(path);
+  TellFailure(path, file_.WhyNotOpened());
   return false;
 }
 
-void LogFile::TellFailure(const std::string& path) {
+std::string LogFile::PathOf(DateTime now) const {
+  std::string path = NativePath(configuration_.LogPath);
+  if (!path.ends_with(kPathSeparator)) path += kPathSeparator;
+  return path + program_name_ + "-" + std::to_string(configuration_.BindPort) + "-" + FormatFileDate(now) +
+         ".log";
+}
+
+void LogFile::TellFailure(const std::string& path, const std::string& why) {
   if (std::exchange(failure_told_, true) || !tell_) return;
-  tell_("Unable to open log file " + Quoted(path) + ". " + file_.WhyNotOpened() + ". Nothing is logged.");
+  tell_("Unable to open log file " + Quoted(path) + ". " + why + ". Nothing is logged.");
 }
 
 // The prefix of a message. A busy log writes many lines a second, so the text is made once for all of
@@ -131,6 +197,10 @@ std::size_t LogFile::WriteCollected() {
 
 void LogFile::Flush() {
   if (collected_.empty()) return;
+  if (detached_) {
+    detached_->Append(detached_path_, std::exchange(collected_, {}));
+    return;
+  }
   const std::string_view lost = std::string_view(collected_).substr(WriteCollected());
   lost_lines_ += static_cast<std::uint64_t>(std::count(lost.begin(), lost.end(), '\n'));
   collected_.clear();

@@ -5,7 +5,8 @@
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
 // Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
-// as soon as much has collected. A log that cannot be opened or written loses its lines, which are
+// as soon as much has collected. On a disk that may hang (platform/disk.h) another process writes them, from CollectOn
+// on: they get there some time later, and sessions never wait. A log that cannot be opened or written loses its lines, which are
 // counted: the mail goes on. Who runs the program is told that it cannot be opened, since the log itself cannot
 // say it.
 #pragma once
@@ -13,12 +14,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "base/log.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
+#include "platform/detached_append.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "platform/open_file_reserve.h"
@@ -32,7 +35,7 @@ class LogFile final : public Log {
   // Both outlive the log; `Log`, `LogPath` and `BindPort` are read at each use. `program_name` begins the
   // files' names.
   LogFile(const Configuration& configuration, const Clock& clock, std::string program_name = ProgramName());
-  ~LogFile() override { Close(); }
+  ~LogFile() override;
   LogFile(const LogFile&) = delete;
   LogFile& operator=(const LogFile&) = delete;
 
@@ -52,7 +55,8 @@ class LogFile final : public Log {
   void SetTell(std::function<void(std::string_view text)> tell) { tell_ = std::move(tell); }
   // A file that still cannot be opened is told once more.
   void TellFailureAgain() { failure_told_ = false; }
-  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once.
+  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once, but none to a disk
+  // that hangs, which is waited for some seconds before this returns.
   void CollectOn(EventLoop* loop);
   // Lines that could not be written.
   std::uint64_t LostLines() const { return lost_lines_; }
@@ -68,7 +72,11 @@ class LogFile final : public Log {
  private:
   void TakeProblem(std::string_view message, std::string_view addition) override;
   bool EnsureOpen(DateTime now);
-  void TellFailure(const std::string& path);
+  void TellFailure(const std::string& path, const std::string& why);
+  std::string PathOf(DateTime now) const;
+  void Detach(EventLoop& loop);
+  void FinishDetached();
+  void TakeAnswer(const DetachedAppend::Answer& answer);
   const std::string& Stamp(DateTime now);
   void Append(std::string_view stamp, std::string_view text);
   void RestartTimer();
@@ -79,7 +87,11 @@ class LogFile final : public Log {
   const Clock& clock_;
   std::string program_name_;
   AppendFile file_;
-  OpenFileReserve reserve_;  // held while the file is closed
+  std::optional<DetachedAppend> detached_;  // writes instead
+  std::string detached_path_;               // where, as of the latest line
+  bool detached_open_ = false;              // false: the next line settles the path anew
+  bool disk_hung_ = false;                  // at the end: nothing is written any more
+  OpenFileReserve reserve_;                 // held while the file is closed
   std::string collected_;
   bool flush_is_due_ = false;  // at the end of this iteration
   EventLoop* loop_ = nullptr;

@@ -1,6 +1,8 @@
 #include "app/places_in_use.h"
 
 #include "app/program.h"
+#include "base/error.h"
+#include "greylist/database_file.h"
 #include "platform/files.h"
 #include "tls/tls_context.h"
 
@@ -16,6 +18,16 @@ std::vector<WrittenFolder> WrittenFolders(const Configuration& configuration) {
     folders.push_back({"JsonLog", FolderOf(NativePath(json_log)), true});
   }
   return folders;
+}
+
+void MakeDatabaseFolderNow(Program& program) {
+  const GreyListingSettings& settings = program.configuration.GreyListing;
+  if (!settings.Enabled) return;
+  try {
+    MakeDatabaseFolder(settings.Database);
+  } catch (const Error& error) {
+    program.log.LogError(error);
+  }
 }
 
 SandboxPaths PlacesInUse(const Program& program) {
@@ -35,6 +47,7 @@ SandboxPaths PlacesInUse(const Program& program) {
   paths.read_places = TlsSystemFiles();
   for (const WrittenFolder& folder : WrittenFolders(configuration))
     paths.write_folders.push_back(folder.path);
+  paths.folders_are_replaced = configuration.Service.Sandbox != sandbox::kRequired;
   return paths;
 }
 

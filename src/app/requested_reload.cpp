@@ -17,7 +17,7 @@
 namespace trabex {
 
 RequestedReload::RequestedReload(Program& program, AutoReload& reload, Listeners& listeners)
-    : program_(program), reload_(reload), listeners_(listeners) {}
+    : program_(program), reload_(reload), listeners_(listeners), probe_(program) {}
 
 void RequestedReload::Request(Done done) {
   waiting_.push_back(std::move(done));
@@ -32,6 +32,10 @@ void RequestedReload::TakeWaiting() {
   waiting_.clear();
   outcome_ = {};
   if (program_.window) program_.window->ReloadBegins();
+  probe_.Run([this] { Begin(); });
+}
+
+void RequestedReload::Begin() {
   try {
     // The check reads it once more; this says what a reload says of a file that is none.
     static_cast<void>(reload_.TakeFileNow());
@@ -122,6 +126,7 @@ void RequestedReload::Answer(bool made) {
 
 void RequestedReload::End() {
   ended_ = true;
+  probe_.Cancel();
   const Outcome outcome{
       .made = false,
       .findings = {FormatFinding({.file = program_.ini_file.path, .text = "The program ends."})}};

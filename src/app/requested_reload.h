@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "app/check_configuration.h"
+#include "app/reload_probe.h"
 #include "config/configuration.h"
 #include "config/ini_reader.h"
 #include "config/list_files.h"
@@ -47,6 +48,7 @@ class RequestedReload {
   void End();
 
  private:
+  void Begin();
   void Checked(CheckedConfiguration checked);
   // What stands against the addresses of `settings`, but for a loop.
   std::optional<std::string> WhyNotAddresses(const Configuration& settings) const;
@@ -58,6 +60,7 @@ class RequestedReload {
   Program& program_;
   AutoReload& reload_;
   Listeners& listeners_;
+  ReloadProbe probe_;
   bool ended_ = false;
   std::vector<Done> waiting_;
   // The one that is under way, for all of `asked_`.

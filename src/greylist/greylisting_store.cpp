@@ -9,6 +9,8 @@
 #include "base/error.h"
 #include "base/text.h"
 #include "greylist/database_file.h"
+#include "platform/disk.h"
+#include "platform/files.h"
 
 namespace trabex {
 
@@ -16,6 +18,8 @@ namespace {
 
 // Records that a sweep checks in one loop iteration: well below a millisecond.
 constexpr std::size_t kSweptPerIteration = 2000;
+// How long a save in place may take on a disk that may hang.
+constexpr Milliseconds kMaxSaveTime{10000};
 
 std::string ErrorText(std::string_view action, int number, std::string_view description) {
   std::string text = "Unable to ";
@@ -119,6 +123,9 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   const DateTime now = clock_.UniversalNow();
   sweep_timer_.Disable();
   database_.RemoveExpired(now);
+  if (DiskThatMayHang(NativePath(Path()))) {
+    if (const auto result = SaveWithinBound(now)) return *result;
+  }
   try {
     const std::size_t left_out = SaveDatabaseFile(Path(), database_, now, max_payload_);
     database_.SetChanged(false);
@@ -128,12 +135,30 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   }
 }
 
+// Nothing when the system gives no process for it.
+std::optional<GreyListingSaveResult> GreyListingStore::SaveWithinBound(DateTime now) {
+  std::optional<GreyListingSaveResult> result;
+  const bool started = Start(now, [&](const TaskResult& said) { result = ResultOf(now, said); });
+  if (!started) return std::nullopt;
+  database_.SetChanged(false);
+  if (task_.WaitFor(kMaxSaveTime)) return result;
+  task_.Cancel();
+  return Failed(now, error_number::kDeviceIo, "The disk does not answer");
+}
+
+bool GreyListingStore::Start(DateTime now, std::function<void(const TaskResult&)> done) {
+  return task_.Start(
+      [&, now](const BytesOut& out) {
+        return std::to_string(WriteDatabase(database_, now, out, max_payload_));
+      },
+      ReplaceAndReport, Path(), std::move(done));
+}
+
 bool GreyListingStore::SaveInBackground(std::function<void(const GreyListingSaveResult&)> done) {
   if (!database_.Changed() || task_.Running()) return false;
   const DateTime now = clock_.UniversalNow();
-  const bool started = task_.Start(
-      [&](const BytesOut& out) { return std::to_string(WriteDatabase(database_, now, out, max_payload_)); },
-      ReplaceAndReport, Path(), [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
+  const bool started =
+      Start(now, [this, now, done](const TaskResult& result) { done(Conclude(now, result)); });
   if (!started) {
     done(SaveGreyListingDatabase());
     return true;
@@ -173,6 +198,10 @@ GreyListingSaveResult GreyListingStore::Failed(DateTime now, int number, std::st
 
 GreyListingSaveResult GreyListingStore::Conclude(DateTime now, const TaskResult& result) {
   BeginSweep(now);
+  return ResultOf(now, result);
+}
+
+GreyListingSaveResult GreyListingStore::ResultOf(DateTime now, const TaskResult& result) {
   if (!result.ended) return Failed(now, error_number::kDeviceIo, "The process that saves it was ended");
   const SaveReport report = SaveReport::Read(result.text);
   if (report.error != 0) return Failed(now, report.error, report.description);

@@ -17,7 +17,8 @@
 // hour at most. It takes some 30 million records to get there.
 //
 // At the program's end and before a reload the save has to be complete, so there it is made in place. A
-// background save under way is then given up, as it would only write older records to the same place first.
+// background save under way is then given up, as it would only write older records to the same place first. On a disk that
+// may hang (platform/disk.h) a process writes then too, and it has failed when that takes more than 10 seconds.
 #pragma once
 
 #include <cstddef>
@@ -90,6 +91,9 @@ class GreyListingStore {
   GreyListingSaveResult Saved(DateTime now, std::size_t left_out);
   GreyListingSaveResult Failed(DateTime now, int number, std::string_view description);
   void LogNotLoaded(const Error& error, const std::string& line);
+  std::optional<GreyListingSaveResult> SaveWithinBound(DateTime now);
+  bool Start(DateTime now, std::function<void(const TaskResult&)> done);
+  GreyListingSaveResult ResultOf(DateTime now, const TaskResult& result);
   GreyListingSaveResult Conclude(DateTime now, const TaskResult& result);
   void BeginSweep(DateTime now);
   void SweepSome();

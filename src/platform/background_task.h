@@ -56,8 +56,12 @@ class BackgroundTask {
   bool Running() const;
   // Returns when the task has ended, `done` included; at once when none is running.
   void Wait();
+  // The same, but returns after `bound` at the latest; whether none is running. On Windows, where no disk counts as one
+  // that hangs, as Wait.
+  bool WaitFor(Milliseconds bound);
   // Ends the task, wherever it is; it does nothing more when this returns, and `done` is not called. On Linux
-  // that takes no time; a thread ends at its next piece of content or when its work is done.
+  // that takes no time, or a second where a disk that hangs holds the task up: then it ends as soon as that answers. A
+  // thread ends at its next piece of content or when its work is done.
   void Cancel();
 
  private:

@@ -18,6 +18,11 @@ struct SandboxPaths {
   std::vector<std::string> read_places;
   // Folders in which, and below, files can be read, made, written, renamed and removed. No folders can be made.
   std::vector<std::string> write_folders;
+  // Whether others may replace these folders while the process runs. A rule is about a folder itself, not about its name,
+  // so this takes the right to write in the folder above as well, and to make folders there. It is given only where
+  // file permissions leave nothing to gain by it: not to root, and not where that folder holds what decides about the
+  // program or its user, and he may change it.
+  bool folders_are_replaced = false;
   // Whether processes that this one has started before have to be ended: then it can send signals as ever.
   bool has_children = false;
 };

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "platform/disk.h"
 #include "platform/standard_output.h"
 
 namespace trabex {
@@ -14,6 +15,8 @@ namespace {
 // More than this is not kept back until the end of the loop iteration.
 constexpr std::size_t kMaxCollected = std::size_t{64} * 1024;
 constexpr Milliseconds kRetryInterval{200};
+// How long the end of the program waits for a disk that may hang.
+constexpr Milliseconds kMaxEnding{5000};
 
 }  // namespace
 
@@ -26,6 +29,24 @@ JsonLog::JsonLog(const Configuration& configuration, const Clock& clock, EventLo
 
 JsonLog::~JsonLog() {
   Flush();
+  EndDetaching();
+}
+
+void JsonLog::BeginDetaching() {
+  Reopen();
+  may_detach_ = true;
+  path_.clear();
+}
+
+void JsonLog::EndDetaching() {
+  may_detach_ = is_detached_ = false;
+  path_.clear();
+  if (!detached_) return;
+  const std::uint64_t lost = detached_->Finish(kMaxEnding);
+  detached_.reset();
+  disk_hung_ = lost > 0;
+  lost_lines_ += lost;
+  if (disk_hung_) ReportFailure();
 }
 
 bool JsonLog::Wants(std::string_view event) const {
@@ -65,6 +86,7 @@ void JsonLog::End() {
 void JsonLog::Reopen() {
   Flush();
   file_.Close();
+  if (is_detached_) detached_->CloseFile();
 }
 
 void JsonLog::Flush() try {
@@ -85,7 +107,7 @@ void JsonLog::Flush() try {
     collected_.clear();
     begin_ = 0;
     ReportFailure();
-  } else {
+  } else if (!is_detached_) {
     failed_ = false;
   }
 } catch (const std::bad_alloc&) {
@@ -94,15 +116,50 @@ void JsonLog::Flush() try {
 
 bool JsonLog::EnsureOpen() {
   const std::string& path = configuration_.Service.JsonLog;
-  if (file_.IsOpen() && path == path_) return true;
+  if ((file_.IsOpen() || is_detached_) && path == path_) return true;
   file_.Close();
   path_ = path;
+  ChooseDetached();
+  if (is_detached_) return true;
+  if (disk_hung_) return false;
   return !path.empty() && file_.Open(NativePath(path), NewFileReaders::kGroup);
 }
 
-// Returns how much of what has collected is in the file.
+void JsonLog::ChooseDetached() {
+  is_detached_ = may_detach_ && !path_.empty() && DiskThatMayHang(NativePath(path_));
+  if (!is_detached_ || detached_) return;
+  detached_.emplace(loop_, DetachedAppend::Kind{.readers = NewFileReaders::kGroup, .line_end = "\n"},
+                    DetachedAppend::Events{
+                        .answered = [this](const DetachedAppend::Answer& answer) { TakeAnswer(answer); },
+                        .silent =
+                            [this] {
+                              log_.LogProblem("The disk of JSON log " +
+                                              Quoted(configuration_.Service.JsonLog) + " does not answer.");
+                            },
+                        .dropped =
+                            [this](std::uint64_t lines) {
+                              lost_lines_ += lines;
+                              log_.LogProblem("The disk of the JSON log answers again. Lost lines: " +
+                                              std::to_string(lines) + ".");
+                            }});
+}
+
+void JsonLog::TakeAnswer(const DetachedAppend::Answer& answer) {
+  lost_lines_ += answer.lost_lines;
+  if (answer.lost_lines > 0) {
+    ReportFailure();
+  } else {
+    failed_ = false;
+  }
+}
+
+// Returns how much of what has collected is in the file, or on its way there.
 std::size_t JsonLog::WriteToFile() {
   if (!EnsureOpen()) return 0;
+  if (is_detached_) {
+    detached_->Append(NativePath(path_), collected_);
+    return collected_.size();
+  }
   // A line that was cut off stays so, but it does not take the next one with it.
   if (file_.EndsInsideLine() && !file_.Write("\n")) return 0;
   return file_.WriteSome(collected_);

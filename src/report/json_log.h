@@ -2,17 +2,20 @@
 // names what it tells of by the same handles.
 //
 // Lines are collected and written at the end of the loop iteration, or as soon as much has collected. A line that cannot be written is counted and dropped: the mail goes on. To standard output nothing is written that
-// it does not take at once; what is left waits, up to a limit.
+// it does not take at once; what is left waits, up to a limit. On a disk that may hang (platform/disk.h) another process
+// writes, from BeginDetaching on.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "base/log.h"
 #include "config/configuration.h"
 #include "platform/clock.h"
+#include "platform/detached_append.h"
 #include "platform/event_loop.h"
 #include "platform/files.h"
 #include "report/json_line.h"
@@ -45,6 +48,10 @@ class JsonLog {
   void Reopen();
   // Writes what has collected.
   void Flush();
+  // From now on sessions may come, which must not wait for a disk.
+  void BeginDetaching();
+  // They have ended: waits some seconds for a disk that may hang. What comes later is lost if it does.
+  void EndDetaching();
   // Lines that were dropped.
   std::uint64_t LostLines() const { return lost_lines_; }
 
@@ -52,13 +59,19 @@ class JsonLog {
   bool EnsureOpen();
   std::size_t WriteToFile();
   void ReportFailure();
+  void ChooseDetached();
+  void TakeAnswer(const DetachedAppend::Answer& answer);
 
   const Configuration& configuration_;
   const Clock& clock_;
   EventLoop& loop_;
   Log& log_;
   AppendFile file_;
-  std::string path_;  // of the file that is open
+  std::string path_;  // of the file that is open, or was last
+  bool may_detach_ = false;
+  bool is_detached_ = false;                // another process writes to path_
+  bool disk_hung_ = false;                  // at the end: nothing is written to a file any more
+  std::optional<DetachedAppend> detached_;  // that process; stays for what waits
   std::string collected_;
   std::size_t begin_ = 0;  // of the latest line in it
   JsonLine line_{collected_};

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,14 +10,17 @@
 #include <array>
 #include <cassert>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "base/error.h"
 #include "platform/fd_watcher.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/process/forked_copy.h"
 #include "platform/linux/process/signals.h"
 
 namespace trabex {
@@ -30,19 +32,12 @@ constexpr std::size_t kMaxResultBytes = 4096;
 constexpr int kNiceness = 10;
 constexpr char kEndMark = '.';
 
-// Closes all descriptors but the standard ones and `kept`. The standard ones stay, so that no file of the
-// task gets the number of one and something written to it.
-void CloseOthers(int kept) {
-  const auto number = static_cast<unsigned>(kept);
-  if (number > 3) close_range(3, number - 1, 0);
-  close_range(number + 1, ~0U, 0);
-}
+// How long a cancelled task may take to end: no time, unless its disk hangs.
+constexpr Milliseconds kEnding{1000};
 
 [[noreturn]] void RunCopy(const TaskContent& content, TaskWork work, const std::string& argument,
                           pid_t program, int result) noexcept {
-  CloseOthers(result);
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != program) _exit(EXIT_FAILURE);          // it died before the line above
+  BeginForkedCopy(program, result);
   [[maybe_unused]] const int niceness = nice(kNiceness);  // the mail goes first
   try {
     std::string text = work(argument, content);
@@ -53,6 +48,24 @@ void CloseOthers(int kept) {
   }
   _exit(EXIT_FAILURE);
 }
+
+class Deadline {
+ public:
+  explicit Deadline(Milliseconds bound) : end_(std::chrono::steady_clock::now() + bound) {}
+
+  // Waits until `descriptor` can be read or has ended; false: the time was over before.
+  bool Await(int descriptor) const {
+    for (;;) {
+      const auto left = std::chrono::ceil<Milliseconds>(end_ - std::chrono::steady_clock::now());
+      if (left <= Milliseconds{0}) return false;
+      pollfd waiting{descriptor, POLLIN, 0};
+      if (poll(&waiting, 1, static_cast<int>(left.count())) > 0) return true;
+    }
+  }
+
+ private:
+  std::chrono::steady_clock::time_point end_;
+};
 
 }  // namespace
 
@@ -65,6 +78,7 @@ struct BackgroundTask::State {
   std::string text;    // what came out of it
   std::optional<FdWatcher> watch;
   std::function<void(const TaskResult&)> done;
+  std::vector<pid_t> left_behind;  // cancelled, but held up by their disk
 
   // The process is gone, or about to be.
   void Reap() {
@@ -91,6 +105,19 @@ struct BackgroundTask::State {
     }
   }
 
+  // The same, for the end alone.
+  bool HasEnded(const Deadline& deadline) const {
+    std::array<char, kMaxResultBytes> buffer;
+    while (deadline.Await(result.Get())) {
+      if (read(result.Get(), buffer.data(), buffer.size()) == 0) return true;
+    }
+    return false;
+  }
+
+  void ReapLeftBehind() {
+    std::erase_if(left_behind, [](pid_t one) { return waitpid(one, nullptr, WNOHANG) != 0; });
+  }
+
   // A task that ended wrote its text and the mark; one that died, nothing.
   void Finish() {
     Reap();
@@ -113,6 +140,7 @@ BackgroundTask::~BackgroundTask() {
 bool BackgroundTask::Start(const TaskContent& content, TaskWork work, const std::string& argument,
                            std::function<void(const TaskResult&)> done) {
   assert(!Running());
+  state_->ReapLeftBehind();
   std::array<int, 2> ends{};
   if (pipe2(ends.data(), O_CLOEXEC) != 0) return false;
   Descriptor reading(ends[0]);
@@ -156,11 +184,27 @@ void BackgroundTask::Wait() {
   }
 }
 
+bool BackgroundTask::WaitFor(Milliseconds bound) {
+  const Deadline deadline(bound);
+  const pid_t awaited = state_->process;
+  while (Running() && state_->process == awaited) {
+    if (!deadline.Await(state_->result.Get())) return false;
+    state_->Read();
+  }
+  return true;
+}
+
+// The signal takes effect when the system call that the task makes returns. A disk that hangs may keep it for ever; then
+// the process is left alone, since it does nothing more anyway.
 void BackgroundTask::Cancel() {
   if (!Running()) return;
-  kill(state_->process, SIGKILL);
-  state_->Reap();
-  state_->done = nullptr;
+  State& state = *state_;
+  kill(state.process, SIGKILL);
+  state.done = nullptr;
+  if (state.HasEnded(Deadline(kEnding))) return state.Reap();
+  state.watch.reset();
+  state.result.Close();
+  state.left_behind.push_back(std::exchange(state.process, -1));
 }
 
 }  // namespace trabex

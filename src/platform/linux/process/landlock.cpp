@@ -72,6 +72,10 @@ void LandlockRules::AllowWriting(const std::string& folder) {
   Allow(folder, kWriteAccess);
 }
 
+void LandlockRules::AllowMakingFolders(const std::string& folder) {
+  Allow(folder, kWriteAccess | LANDLOCK_ACCESS_FS_MAKE_DIR);
+}
+
 void LandlockRules::AllowUsing(const std::string& file) {
   Allow(file, kUseAccess);
 }

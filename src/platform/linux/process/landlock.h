@@ -29,6 +29,8 @@ class LandlockRules {
   // What is not there is passed over.
   void AllowReading(const std::string& path);
   void AllowWriting(const std::string& folder);
+  // The same, and to make folders.
+  void AllowMakingFolders(const std::string& folder);
   // A device or an open file of this process, reading and writing.
   void AllowUsing(const std::string& file);
   void AllowUsing(int descriptor);

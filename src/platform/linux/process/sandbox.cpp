@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <ctime>
 #include <string_view>
+#include <utility>
 
 #include "platform/files.h"
 #include "platform/linux/descriptor.h"
+#include "platform/linux/process/folder_beside.h"
 #include "platform/linux/process/landlock.h"
 #include "platform/linux/process/system_call_filter.h"
 
@@ -81,6 +83,22 @@ void AllowSystem(LandlockRules& rules) {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) rules.AllowUsing(stream);
 }
 
+// What the program reads and its user may be able to change, with the folders in which it could be replaced.
+std::vector<std::string> DecidingPlaces(const SandboxPaths& paths) {
+  std::vector<std::string> places = paths.read_files;
+  for (const std::string& file : paths.read_files) {
+    for (std::string& folder : FoldersOnTheWayTo(file)) places.push_back(std::move(folder));
+  }
+  return places;
+}
+
+void AllowReplacedFolders(LandlockRules& rules, const SandboxPaths& paths) {
+  const std::vector<std::string> deciding = DecidingPlaces(paths);
+  for (const std::string& folder : paths.write_folders) {
+    if (MayWriteBeside(folder, deciding, paths.write_folders)) rules.AllowMakingFolders(ParentOf(folder));
+  }
+}
+
 bool RestrictFiles(const SandboxPaths& paths) {
   const char* const manager = std::getenv("NOTIFY_SOCKET");
   LandlockRules rules(
@@ -90,6 +108,7 @@ bool RestrictFiles(const SandboxPaths& paths) {
   for (const std::string& file : paths.read_files) AllowFile(rules, file);
   for (const std::string& place : paths.read_places) rules.AllowReading(place);
   for (const std::string& folder : paths.write_folders) rules.AllowWriting(folder);
+  if (paths.folders_are_replaced) AllowReplacedFolders(rules, paths);
   return rules.Restrict();
 }
 

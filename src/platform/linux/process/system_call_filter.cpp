@@ -47,6 +47,14 @@ constexpr std::uint32_t kFrequent[] = {
 #endif
 };
 
+// scripts/compare-system-calls tells which of them nothing makes on a machine. Those are here for
+//   other processors and C libraries: the older or newer one of two calls (open, stat, statx, pipe, poll, select, renameat2,
+//   faccessat2, epoll_pwait2, clock_nanosleep, waitid), and the clocks, which elsewhere are calls;
+//   memory and threads of the libraries, as they grow or find out what there is: mremap, madvise, getrandom, sysinfo,
+//   sched_getaffinity, rseq, sigaltstack, uname;
+//   OpenSSL and c-ares: getuid and the like (whether the environment can be trusted), getpeername, sendmmsg, recvmmsg;
+//   the same by another call, on what is open already: readv, writev, sendmsg, pread64, fdatasync, dup, linkat;
+//   what only asks about this process, waits or ends it: getrusage, times, gettid, nanosleep, tgkill, restart_syscall.
 constexpr std::uint32_t kAllowed[] = {
     // Descriptors and the loop
     __NR_readv,

@@ -143,6 +143,11 @@ void BackgroundTask::Wait() {
   if (Running()) state_->Finish();
 }
 
+bool BackgroundTask::WaitFor(Milliseconds /*bound*/) {
+  Wait();
+  return true;
+}
+
 void BackgroundTask::Cancel() {
   if (!Running()) return;
   state_->job->cancelled = true;

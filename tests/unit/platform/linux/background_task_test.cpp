@@ -281,5 +281,23 @@ TEST_F(ForkedTaskTest, WithoutAProcessItDoesNotStart) {
   EXPECT_EQ(limited.Wait(), 0);
 }
 
+TEST_F(BackgroundTaskTest, WaitForHasABound) {
+  const SharedMemory shared;
+  ASSERT_TRUE(Start(
+      task_,
+      [&shared] {
+        shared->AwaitEnd();
+        return "ended";
+      },
+      Keep()));
+  EXPECT_FALSE(task_.WaitFor(Milliseconds{20}));
+  EXPECT_TRUE(task_.Running());
+  shared->may_end = true;
+  EXPECT_TRUE(task_.WaitFor(Milliseconds{60000}));
+  ASSERT_TRUE(result_);
+  EXPECT_EQ(result_->text, "ended");
+  EXPECT_TRUE(task_.WaitFor(Milliseconds{0}));
+}
+
 }  // namespace
 }  // namespace trabex
