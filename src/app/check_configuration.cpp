@@ -1,20 +1,17 @@
 #include "app/check_configuration.h"
 
-#include <algorithm>
 #include <array>
 #include <cmath>
-#include <map>
-#include <memory>
-#include <set>
 #include <string_view>
-#include <tuple>
 #include <unordered_set>
 #include <utility>
 
+#include "app/check_findings.h"
 #include "app/check_places.h"
 #include "app/check_response_keys.h"
 #include "app/listen_endpoints.h"
 #include "app/near_name.h"
+#include "app/open_relay.h"
 #include "base/date_time.h"
 #include "base/error.h"
 #include "base/text.h"
@@ -32,122 +29,10 @@ namespace {
 
 using Severity = Finding::Severity;
 
-bool Contains(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
-
-// The findings so far, with the pieces of text that they are about; the places are told at the end.
-class Findings final : public LoadObserver {
- public:
-  void Add(Severity severity, std::string_view section, std::string_view key, std::string_view where,
-           std::string text) {
-    raw_.push_back({severity, std::string(section), std::string(key), std::move(text), where});
-  }
-
-  void BadLine(std::string_view section, std::string_view key, std::string_view where,
-               const Error& error) override {
-    std::string text = error.Description();
-    if (section.empty() && where.starts_with('[') && where.ends_with(']')) {
-      const std::string_view name = where.substr(1, where.size() - 2);
-      const std::vector<std::string> names(kSectionNames.begin(), kSectionNames.end());
-      return Add(Severity::kError, name, {}, where, text + DidYouMean(name, names));
-    }
-    Add(Severity::kError, section, key, where, std::move(text));
-  }
-  void BadValue(std::string_view section, std::string_view key, std::string_view where, int /*number*/,
-                std::string_view description) override {
-    std::string text(description);
-    if (section == section_name::kListFiles) text += ListHint(key);
-    // A message may show a part of it only.
-    const bool shows_all = where.empty() || where == key || Contains(description, where);
-    if (!shows_all) text += " (in " + Quoted(where) + ")";
-    Add(Severity::kError, section, key, where, std::move(text));
-    bad_keys_.emplace(ToLower(section), ToLower(key));
-  }
-  void ListRead(std::string_view section, std::string_view key,
-                std::vector<std::string_view> places) override {
-    places_[{ToLower(section), ToLower(key)}] = std::move(places);
-  }
-
-  void ListFileRead(std::string_view name, std::shared_ptr<const std::string> text) override {
-    if (text != nullptr) list_files_.push_back({std::string(name), std::move(text)});
-  }
-
-  void AddListFiles(CheckPlaces& places) const {
-    std::size_t number = 1;
-    for (const ListFileText& file : list_files_) places.Add(number++, file.name, *file.text);
-  }
-  bool HasBadValue(std::string_view section, std::string_view key) const {
-    return bad_keys_.contains({ToLower(section), ToLower(key)});
-  }
-  // Where entry `index` of a list stands.
-  std::string_view EntryPlace(std::string_view section, std::string_view key, std::size_t index) const {
-    const auto places = places_.find({ToLower(section), ToLower(key)});
-    if (places == places_.end() || index >= places->second.size()) return {};
-    return places->second[index];
-  }
-
-  // Where the entries of all lists stand.
-  void NotePlaces(const CheckPlaces& places, SettingPlaces& noted) const {
-    for (const auto& [name, pieces] : places_) noted.NoteEntries(name.first, name.second, pieces, places);
-  }
-
-  // In the order of the files and their lines, those without a line last.
-  std::vector<Finding> Take(const CheckPlaces& places) const {
-    struct Placed {
-      CheckPlaces::Place place;
-      const Raw* raw;
-    };
-    std::vector<Placed> placed;
-    for (const Raw& raw : raw_) placed.push_back({places.PlaceOf(raw.where), &raw});
-    const auto order = [](const Placed& one) {
-      return std::tuple(one.place.line == 0, one.place.file, one.place.line);
-    };
-    std::stable_sort(placed.begin(), placed.end(),
-                     [&](const Placed& a, const Placed& b) { return order(a) < order(b); });
-    std::vector<Finding> findings;
-    for (const Placed& one : placed) {
-      findings.push_back({places.FileName(one.place.file), one.place.line, one.raw->severity,
-                          one.raw->section, one.raw->key, one.raw->text});
-    }
-    return findings;
-  }
-
- private:
-  struct Raw {
-    Severity severity;
-    std::string section;
-    std::string key;
-    std::string text;
-    std::string_view where;
-  };
-  using Name = std::pair<std::string, std::string>;  // section and key in lower case
-
-  struct ListFileText {
-    std::string name;
-    std::shared_ptr<const std::string> text;
-  };
-
-  // For a key of section ListFiles that names no list.
-  static std::string ListHint(std::string_view key) {
-    if (FindList(key) != nullptr) return {};
-    std::vector<std::string> names;
-    for (const Setting& setting : AllSettings()) {
-      if (MayHaveListFile(setting)) names.push_back(ListFileKey(setting));
-    }
-    return DidYouMean(key, names);
-  }
-
-  std::vector<Raw> raw_;
-  std::vector<ListFileText> list_files_;
-  std::set<Name> bad_keys_;
-  std::map<Name, std::vector<std::string_view>> places_;
-};
-
 // Takes what the readers say without a place.
 class PlacelessProblems final : public Log {
  public:
-  explicit PlacelessProblems(Findings& findings) : findings_(findings) {}
+  explicit PlacelessProblems(CheckFindings& findings) : findings_(findings) {}
   void LogLine(std::string_view /*message*/) override {}
 
  private:
@@ -157,7 +42,7 @@ class PlacelessProblems final : public Log {
     findings_.Add(Severity::kWarning, section_name::kCommon, "LocalHostName", {}, std::move(text));
   }
 
-  Findings& findings_;
+  CheckFindings& findings_;
 };
 
 // A white list and the black list of its kind.
@@ -186,36 +71,11 @@ std::string RangeText(const IPRange& range) {
   return FormatIPAddress(range.low) + "-" + FormatIPAddress(range.high);
 }
 
-// `ip` is not the last address of its family.
-IPAddress AddressAfter(const IPAddress& ip) {
-  if (ip.IsIPv4()) return IPAddress::IPv4(ip.Number() + 1);
-  IPAddress::IPv6Bytes bytes{};
-  std::copy(ip.Bytes().begin(), ip.Bytes().end(), bytes.begin());
-  for (auto byte = bytes.rbegin(); byte != bytes.rend() && ++*byte == 0; ++byte) {
-  }
-  return IPAddress::IPv6(bytes);
-}
-
-// Whether those of one family leave none of its addresses out.
-bool TogetherHoldAll(std::vector<IPRange> ranges, bool is_ipv6) {
-  std::erase_if(ranges, [&](const IPRange& range) { return range.low.IsIPv6() != is_ipv6; });
-  if (ranges.empty()) return false;
-  std::sort(ranges.begin(), ranges.end(), [](const IPRange& a, const IPRange& b) { return a.low < b.low; });
-  IPRange joined = ranges.front();
-  const IPAddress last = joined.low.PrefixEnd(0);
-  for (const IPRange& range : ranges) {
-    if (joined.high == last) break;
-    if (range.low > AddressAfter(joined.high)) return false;
-    joined.high = std::max(joined.high, range.high);
-  }
-  return mCommon::IsWholeFamily(joined);
-}
-
 // What the readers take as it is, held against what it is for.
 class Rules {
  public:
   Rules(const CheckInputs& inputs, const Configuration& configuration, const SectionStore& store,
-        Findings& findings)
+        CheckFindings& findings)
       : inputs_(inputs), configuration_(configuration), store_(store), findings_(findings) {}
 
   void Apply(bool with_surroundings) {
@@ -465,44 +325,10 @@ class Rules {
   const CheckInputs& inputs_;
   const Configuration& configuration_;
   const SectionStore& store_;
-  Findings& findings_;
+  CheckFindings& findings_;
 };
 
-// All texts of letters and dots of up to this size that are domains with a dot, and a long one.
-std::vector<std::string> SampleDomains() {
-  constexpr std::size_t kMaxSize = 8;
-  std::vector<std::string> domains = {"aaaaaaaaaaaaaaaaaaaa.aaaaaaaaaaaaaaa.aaaaaaa"};
-  for (std::size_t size = 3; size <= kMaxSize; ++size) {
-    for (unsigned dots = 1; dots < 1U << size; ++dots) {
-      std::string domain;
-      for (std::size_t at = 0; at < size; ++at) domain += (dots >> at & 1) != 0 ? '.' : 'a';
-      const bool is_domain = !domain.starts_with('.') && !domain.ends_with('.') && !Contains(domain, "..");
-      if (is_domain) domains.push_back(std::move(domain));
-    }
-  }
-  return domains;
-}
-
-bool MatchesEveryDomain(const std::string& pattern) {
-  constexpr std::string_view kNot = "[]";
-  if (pattern.starts_with(kNot) && pattern.size() > kNot.size()) {
-    // What matches no text with a dot leaves all of these to its opposite.
-    return pattern.find_first_of("*?.[", kNot.size()) == std::string::npos;
-  }
-  // Anything else stands for some letter.
-  if (pattern.find_first_not_of("*?.") != std::string::npos) return false;
-  static const std::vector<std::string> domains = SampleDomains();
-  return std::all_of(domains.begin(), domains.end(),
-                     [&](const std::string& domain) { return mText::LikeText(domain, pattern); });
-}
-
 }  // namespace
-
-bool MatchesEveryDomain(const ListEntry& entry) {
-  return !entry.patterns.empty() &&
-         std::all_of(entry.patterns.begin(), entry.patterns.end(),
-                     [](const std::string& pattern) { return MatchesEveryDomain(pattern); });
-}
 
 CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration initial) {
   const std::string& path = inputs.early.ini_path;
@@ -522,7 +348,7 @@ CheckedConfiguration CheckConfiguration(const CheckInputs& inputs, Configuration
 
 CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configuration initial) {
   CheckedConfiguration checked{.configuration = std::move(initial), .ini = std::move(ini), .was_read = true};
-  Findings findings;
+  CheckFindings findings;
   CheckPlaces places;
   PlacelessProblems log(findings);
   places.Add(0, inputs.file, checked.ini.text);

@@ -52,7 +52,4 @@ CheckedConfiguration CheckText(const CheckInputs& inputs, IniText ini, Configura
 void CheckServer(const AddressAnswer& answer, const std::vector<IPAddress>& own,
                  CheckedConfiguration& checked);
 
-// Whether mail to every domain is for an entry of LocalDomains: it matches any text with a dot in it.
-bool MatchesEveryDomain(const ListEntry& entry);
-
 }  // namespace trabex

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -34,8 +35,15 @@ cGreyListingData Better(const cGreyListingData& a, const cGreyListingData& b) {
   return better;
 }
 
+// Exported times are whole seconds, the nearest ones.
+bool SameSecond(DateTime a, DateTime b) {
+  constexpr double kHalfASecond = 0.501 / kSecondsPerDay;
+  return std::abs(a - b) < kHalfASecond;
+}
+
 bool Equal(const cGreyListingData& a, const cGreyListingData& b) {
-  return a.ExpireAt() == b.ExpireAt() && a.DelayedUntil() == b.DelayedUntil() && a.Count() == b.Count();
+  return SameSecond(a.ExpireAt(), b.ExpireAt()) && SameSecond(a.DelayedUntil(), b.DelayedUntil()) &&
+         a.Count() == b.Count();
 }
 
 InputFile Open(NativeFile attached, const std::string& path) {

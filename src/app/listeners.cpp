@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "platform/sockets.h"
+#include "platform/bind_errors.h"
 
 namespace trabex {
 
@@ -57,7 +57,7 @@ std::optional<ListenFailure> Listeners::WhyNot(const std::vector<ListenEndpoint>
       Bind(*tried.back(), endpoint);
       tried.back()->Listen();
     } catch (const Error& error) {
-      if (error.Number() != socket_error::kAddressInUse || !makes_room(endpoint)) {
+      if (!MayBeTaken(error.Number()) || !makes_room(endpoint)) {
         return ListenFailure{endpoint, error};
       }
     }

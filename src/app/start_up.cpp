@@ -20,7 +20,6 @@
 #include "app/version.h"
 #include "base/text.h"
 #include "config/ini_paths.h"
-#include "greylist/database_file.h"
 #include "platform/files.h"
 #include "platform/permissions.h"
 #include "platform/sandbox.h"
@@ -72,7 +71,9 @@ class StartUp {
     if (shown) program_.window->Show(line_.minimized);
     if (!Enclose(shown)) return EndAtOnce();
     program_.log.CollectOn(&program_.loop);
+    program_.json_log.BeginDetaching();
     program_.loop.Run();
+    program_.json_log.EndDetaching();
     program_.log.CollectOn(nullptr);
     return program_.exit_status;
   }
@@ -173,24 +174,13 @@ class StartUp {
     program_.log.LogProblem("Sandbox=2 is not possible: " + why_not + ".");
   }
 
-  // Otherwise the first save makes it, but a process that is closed in makes no folders.
-  void MakeDatabaseFolderNow() {
-    const Configuration& configuration = program_.configuration;
-    if (!configuration.GreyListing.Enabled) return;
-    try {
-      MakeDatabaseFolder(configuration.GreyListing.Database);
-    } catch (const Error& error) {
-      program_.log.LogError(error);
-    }
-  }
-
   // Behind the window, which is drawn by a process of another program file. Nothing of a client has been read.
   bool Enclose(bool shown) {
     const std::int32_t level = program_.configuration.Service.Sandbox;
     program_.sandbox_in_force = level;
     const bool ends_already = program_.window->Unloaded();
     if (level == sandbox::kNone || !program_.dependencies.enclose || ends_already) return true;
-    MakeDatabaseFolderNow();
+    MakeDatabaseFolderNow(program_);
     SandboxPaths paths = PlacesInUse(program_);
     paths.has_children = shown;
     const std::optional<std::string> why_not = program_.dependencies.enclose(paths);

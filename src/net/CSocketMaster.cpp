@@ -2,6 +2,7 @@
 // sending and receiving, socket_udp.cpp and socket_members.cpp what no session needs.
 #include "net/CSocketMaster.h"
 
+#include <new>
 #include <utility>
 
 #include "net/CSocketMaster_impl.h"
@@ -127,9 +128,14 @@ void CSocketMaster::LookUpRemoteHostName(std::function<void()> done, bool blnCon
 void CSocketMaster::OnPeerName(const PeerName& found) {
   ColdState& cold = GetColdState();
   cold.name_lookup = 0;
-  cold.remote_host_name = found.name;
   cold.remote_host_name_error = found.error;
   cold.remote_host_name_failed = found.failed;
+  try {
+    cold.remote_host_name = found.name;
+  } catch (const std::bad_alloc&) {
+    cold.remote_host_name_error = socket_error::kTryAgain;
+    cold.remote_host_name_failed = true;
+  }
   const auto done = std::exchange(cold.name_done, nullptr);
   Raise(done, "LookUpRemoteHostName");
 }
@@ -164,10 +170,10 @@ void CSocketMaster::CloseSck() {
   // may be an end to be said, even to a peer that has ended.
   const bool linger = established_ && before != SocketState::sckError && !Handshaking() &&
                       !(peer_ended && NothingUnsent() && !stream_);
+  if (linger) EmptyPipe();
   const trabex::SocketHandle socket = std::exchange(socket_, {});
   module_.pause_.Forget(socket);
   if (linger) {
-    EmptyPipe();
     module_.lingering_.Take(socket, std::move(stream_), std::move(send_), peer_ended);
   } else {
     module_.CloseSocket(socket);

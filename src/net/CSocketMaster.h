@@ -235,6 +235,10 @@ class CSocketMaster final : public SocketSink {
   void CancelLookups();
   void ForgetPeerName();
   void OnPeerName(const PeerName& found);
+  // Runs what the loop tells of. When there is no memory for it, the connection has failed, so that its owner does not
+  // wait for ever.
+  template <class Action>
+  void RunProgress(const Action& action);
   std::string GetLocalHostName();
   std::string GetLocalIP();
 

@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -34,6 +35,27 @@ struct CSocketMaster::StreamWork {
   std::shared_ptr<bool> follow_up;  // while a posted follow-up is under way
   std::unique_ptr<HandshakeQueue::Place> handshake;  // while one is
 };
+
+template <class Action>
+void CSocketMaster::RunProgress(const Action& action) {
+  RunLogged(module_.log_, "CSocketMaster.WndProc", [&] {
+    try {
+      action();
+    } catch (const std::bad_alloc&) {
+      // A listener goes on listening.
+      if (state_ != SocketState::sckResolvingHost && state_ != SocketState::sckHostResolved &&
+          state_ != SocketState::sckConnecting && state_ != SocketState::sckConnected) {
+        throw;
+      }
+      ReportError(socket_error::kNoBufferSpace, "CSocketMaster.WndProc");
+    } catch (const Error& error) {
+      // So says the TLS library that it has no memory.
+      if (!Handshaking()) throw;
+      module_.log_.LogError(error);
+      ReportError(tls_error::kFailed, "CSocketMaster.WndProc");
+    }
+  });
+}
 
 // Every event is a border: an error of the owner's handler is logged, and this object goes on.
 template <class Handler, class... Arguments>

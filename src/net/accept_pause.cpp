@@ -15,9 +15,9 @@ bool AcceptPause::IsExhaustion(int error) {
 }
 
 void AcceptPause::Pause(SocketHandle listener, SocketSink& sink, int error) {
-  sockets_.Watch(listener, nullptr);
-  paused_.push_back({listener, &sink});
   retry_.Enable();
+  paused_.push_back({listener, &sink});
+  sockets_.Watch(listener, nullptr);
   ++attempts_;
   if (std::exchange(exhausted_, true)) return;
   std::string line = "L: Error " + std::to_string(error) + ". ";
@@ -48,9 +48,15 @@ void AcceptPause::Resume() {
 void AcceptPause::WatchForEnd() {
   // A connection that waits is announced in the next loop iteration.
   EventLoop& loop = sockets_.Loop();
-  loop.Post([this, &loop, attempts = attempts_, alive = std::weak_ptr<bool>(alive_)] {
-    loop.OnIterationEnd([this, attempts, alive] {
-      if (!alive.expired() && attempts == attempts_ && paused_.empty()) exhausted_ = false;
+  // Without memory for it the period lasts until the next connection.
+  RunLogged(log_, "modSocketMaster.WatchForEnd", [&] {
+    loop.Post([this, &loop, attempts = attempts_, alive = std::weak_ptr<bool>(alive_)] {
+      if (alive.expired()) return;
+      RunLogged(log_, "modSocketMaster.WatchForEnd", [&] {
+        loop.OnIterationEnd([this, attempts, alive] {
+          if (!alive.expired() && attempts == attempts_ && paused_.empty()) exhausted_ = false;
+        });
+      });
     });
   });
 }

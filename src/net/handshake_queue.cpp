@@ -6,10 +6,18 @@
 
 namespace trabex {
 
+namespace {
+
+constexpr const char* kTurnSource = "HandshakeQueue.TakeTurn";
+
+}  // namespace
+
 HandshakeQueue::Place::Place(HandshakeQueue& queue, bool counts, std::function<void()> step,
                              std::function<void()> evict)
     : queue_(queue), step_(std::move(step)), evict_(std::move(evict)) {
   if (!counts) return;
+  // Before it is in the line, where nobody would take it out again.
+  if (queue_.max_ != 0 && queue_.unfinished_.size() >= queue_.max_) queue_.AskForTurn();
   counted_ = queue_.unfinished_.insert(queue_.unfinished_.end(), this);
   if (queue_.unfinished_.size() >= kStorm) queue_.storm_ = true;
   // More than one only when the most has fallen.
@@ -27,33 +35,32 @@ HandshakeQueue::Place::~Place() {
 
 void HandshakeQueue::Place::Ready() {
   if (ready_ || evicted_) return;
-  ready_ = queue_.ready_.insert(queue_.ready_.end(), this);
   queue_.AskForTurn();
+  ready_ = queue_.ready_.insert(queue_.ready_.end(), this);
 }
 
-// Its owner is notified in the next loop iteration: at the moment the owner of the new handshake is being
-// called.
+// Its owner is notified in the next loop iteration, for which its caller has asked: at the moment the owner of the new
+// handshake is being called.
 void HandshakeQueue::EvictOldest() {
   Place& oldest = *unfinished_.front();
-  unfinished_.pop_front();
-  oldest.counted_.reset();
+  evicted_.splice(evicted_.end(), unfinished_, unfinished_.begin());
+  oldest.evicted_ = *std::exchange(oldest.counted_, std::nullopt);
   if (oldest.ready_) ready_.erase(*std::exchange(oldest.ready_, std::nullopt));
-  oldest.evicted_ = evicted_.insert(evicted_.end(), &oldest);
-  AskForTurn();
 }
 
 // The memory itself is freed when the owners of the last ones have gone.
 void HandshakeQueue::NoteEnd() {
   if (!storm_ || !unfinished_.empty()) return;
   storm_ = false;
-  loop_.Post([&loop = loop_] { loop.Post(&ReturnFreedMemory); });
+  RunLogged(log_, kTurnSource, [this] { loop_.Post([&loop = loop_] { loop.Post(&ReturnFreedMemory); }); });
 }
 
 void HandshakeQueue::AskForTurn() {
-  if (std::exchange(turn_posted_, true)) return;
+  if (turn_posted_) return;
   loop_.Post([this, alive = std::weak_ptr<bool>(alive_)] {
-    if (!alive.expired()) TakeTurn();
+    if (!alive.expired()) RunLogged(log_, kTurnSource, [this] { TakeTurn(); });
   });
+  turn_posted_ = true;
 }
 
 void HandshakeQueue::TakeTurn() {
@@ -64,15 +71,17 @@ void HandshakeQueue::TakeTurn() {
     place.evicted_.reset();
     // What is called may destroy the place and what it calls with it.
     const auto evict = std::move(place.evict_);
-    RunLogged(log_, "HandshakeQueue.TakeTurn", evict);
+    RunLogged(log_, kTurnSource, evict);
   }
   const MonotonicTime begin = loop_.GetClock().Monotonic();
   while (!ready_.empty()) {
     Place& place = *ready_.front();
     ready_.pop_front();
     place.ready_.reset();
-    const auto step = place.step_;
-    RunLogged(log_, "HandshakeQueue.TakeTurn", step);
+    RunLogged(log_, kTurnSource, [&] {
+      const auto step = place.step_;
+      step();
+    });
     if (loop_.GetClock().Monotonic() - begin >= kTurn) break;
   }
   if (!ready_.empty()) AskForTurn();

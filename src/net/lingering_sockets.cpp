@@ -1,5 +1,6 @@
 #include "net/lingering_sockets.h"
 
+#include <new>
 #include <utility>
 
 namespace trabex {
@@ -25,15 +26,31 @@ LingeringSockets::~LingeringSockets() {
 
 void LingeringSockets::Take(SocketHandle socket, std::unique_ptr<Stream> stream, ByteQueue unsent,
                             bool peer_ended) {
-  sockets_.Watch(socket, this);
-  Holder& holder = holders_[socket.index];
-  holder = {socket, std::move(stream), std::move(unsent), false, peer_ended};
-  deadlines_.push_back({sockets_.Loop().GetClock().Monotonic() + kMaxDuration, socket});
-  if (!timer_.Enabled()) timer_.Enable();
+  try {
+    deadlines_.push_back({sockets_.Loop().GetClock().Monotonic() + kMaxDuration, socket});
+    if (!timer_.Enabled()) timer_.Enable();
+    Holder& holder = holders_[socket.index];
+    sockets_.Watch(socket, this);
+    holder = {socket, std::move(stream), std::move(unsent), false, peer_ended};
+  } catch (const std::bad_alloc&) {
+    // Nobody else has it.
+    sockets_.Close(socket);
+    return socket_closed_();
+  }
   // The previous owner may have had a notification and not acted on it; it is not delivered again. So both
   // directions are tried once.
-  const bool usable = Flush(holder) && (holder.peer_ended || Drop(holder));
-  Proceed(holder, usable);
+  Serve(socket, [this](Holder& holder) { return Flush(holder) && (holder.peer_ended || Drop(holder)); });
+}
+
+template <class Action>
+void LingeringSockets::Serve(SocketHandle socket, const Action& action) {
+  const auto found = holders_.find(socket.index);
+  if (found == holders_.end() || found->second.socket != socket) return;
+  try {
+    Proceed(found->second, action(found->second));
+  } catch (const std::bad_alloc&) {
+    Close(socket);
+  }
 }
 
 bool LingeringSockets::Flush(Holder& holder) {
@@ -81,14 +98,13 @@ void LingeringSockets::Proceed(Holder& holder, bool usable) {
 }
 
 void LingeringSockets::OnSocketEvent(SocketHandle socket, SocketEvent event, int error) {
-  const auto found = holders_.find(socket.index);
-  if (found == holders_.end() || found->second.socket != socket) return;
-  Holder& holder = found->second;
-  bool usable = error == 0;
-  if (usable && event == SocketEvent::kWrite) usable = Flush(holder);
-  if (usable && event == SocketEvent::kRead) usable = Drop(holder);
-  if (event == SocketEvent::kClose) holder.peer_ended = true;
-  Proceed(holder, usable);
+  Serve(socket, [&](Holder& holder) {
+    bool usable = error == 0;
+    if (usable && event == SocketEvent::kWrite) usable = Flush(holder);
+    if (usable && event == SocketEvent::kRead) usable = Drop(holder);
+    if (event == SocketEvent::kClose) holder.peer_ended = true;
+    return usable;
+  });
 }
 
 void LingeringSockets::Close(SocketHandle socket) {

@@ -55,6 +55,10 @@ class LingeringSockets final : public SocketSink {
     SocketHandle socket;
   };
 
+  // Calls `action`, which returns whether the connection is still of use, for its holder, if there is one still, and
+  // goes on. A connection for which there is no memory is closed.
+  template <class Action>
+  void Serve(SocketHandle socket, const Action& action);
   // Each returns false when the connection is of no use any more.
   bool Flush(Holder& holder);
   bool Drop(Holder& holder);

@@ -1,6 +1,7 @@
 #include "net/peer_name.h"
 
 #include <algorithm>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -11,12 +12,14 @@ namespace trabex {
 
 namespace {
 
-PeerName NameThatCounts(const NameAnswer& answer, bool counts) {
+PeerName NameThatCounts(const NameAnswer& answer, bool counts) try {
   if (answer.error != 0) return {{}, answer.error, IsTemporary(answer.error)};
   if (!counts || !IsPlainHostName(answer.name)) {
     return {{}, socket_error::kNoData, !counts && answer.confirmation_failed};
   }
   return {answer.name};
+} catch (const std::bad_alloc&) {
+  return {{}, socket_error::kTryAgain, true};
 }
 
 }  // namespace

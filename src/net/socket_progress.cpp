@@ -15,16 +15,23 @@ constexpr const char* kNotificationSource = "CSocketMaster.PostSocket";
 }  // namespace
 
 void CSocketMaster::LogHandlerError(const char* event) {
-  const std::string source = Events.Owner != nullptr ? std::string(Events.Owner) + "_" + event
-                                                     : std::string("CSocketMaster.") + event;
-  RunLogged(module_.log_, source, [] { throw; });
+  RunLogged(module_.log_, kProgressSource, [&] {
+    const std::string source = Events.Owner != nullptr ? std::string(Events.Owner) + "_" + event
+                                                       : std::string("CSocketMaster.") + event;
+    RunLogged(module_.log_, source, [] { throw; });
+  });
 }
 
 void CSocketMaster::ReportError(int number, const char* source) {
   if (Handshaking()) EndHandshake();
   state_ = SocketState::sckError;
-  std::string description = GetStream().ErrorText(number);
-  const std::string source_text(source);
+  std::string description;
+  std::string source_text;
+  // Without words it fails all the same.
+  RunLogged(module_.log_, kProgressSource, [&] {
+    description = GetStream().ErrorText(number);
+    source_text = source;
+  });
   bool cancel_display = true;
   Raise(Events.Error, "Error", number, description, source_text, cancel_display);
   if (!cancel_display) ShowMessage(source_text + ": " + description + "\n");
@@ -40,7 +47,7 @@ void CSocketMaster::ResolveIfHostname(const std::string& host) {
 void CSocketMaster::OnHostAnswer(const AddressAnswer& answer) {
   host_lookup_ = 0;
   if (state_ != SocketState::sckResolvingHost) return;
-  RunLogged(module_.log_, kProgressSource, [&] {
+  RunProgress([&] {
     if (answer.error != 0) return ConnectToIP({}, answer.error);
     state_ = SocketState::sckHostResolved;
     try {
@@ -73,7 +80,7 @@ void CSocketMaster::ConnectToIP(const IPAddress& address, int error) {
 
 void CSocketMaster::OnSocketEvent(trabex::SocketHandle socket, SocketEvent event, int error) {
   if (socket != socket_) return;
-  RunLogged(module_.log_, kProgressSource, [&] { OnNotification(event, error); });
+  RunProgress([&] { OnNotification(event, error); });
 }
 
 void CSocketMaster::OnNotification(SocketEvent event, int error) {
@@ -124,8 +131,8 @@ void CSocketMaster::OnAccept() {
   if (error == socket_error::kWouldBlock) return;  // it has gone again
   if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, *this, error);
   Check(error, kNotificationSource);
-  module_.pause_.Accepted();
   try {
+    module_.pause_.Accepted();
     module_.Keep(connection);
   } catch (...) {
     module_.CloseSocket(connection.socket);

@@ -36,7 +36,7 @@ void CSocketMaster::StartTls(TlsRole role, std::shared_ptr<const TlsContext> con
                                               std::move(early));
   if (error != 0) return ReportError(error, kSource);
   GetStreamWork().handshake = std::make_unique<HandshakeQueue::Place>(
-      module_.handshakes_, role == TlsRole::kServer, [this] { OnHandshakeStep(); },
+      module_.handshakes_, role == TlsRole::kServer, [this] { RunProgress([this] { OnHandshakeStep(); }); },
       [this] { ReportError(tls_error::kTooManyHandshakes, "CSocketMaster.StartTls"); });
   // Also to hear what has come already: it was announced before, perhaps, and is not again.
   ReadyForHandshake();
@@ -95,10 +95,11 @@ void CSocketMaster::FollowUp() {
   if (!stream_->HoldsInput() && !(stream_work_ && stream_work_->held_close)) return;
   StreamWork& work = GetStreamWork();
   if (work.follow_up) return;
-  work.follow_up = std::make_shared<bool>(true);
-  module_.sockets_.Loop().Post([this, posted = std::weak_ptr<bool>(work.follow_up)] {
+  auto follow_up = std::make_shared<bool>(true);
+  module_.sockets_.Loop().Post([this, posted = std::weak_ptr<bool>(follow_up)] {
     if (!posted.expired()) OnFollowUp();
   });
+  work.follow_up = std::move(follow_up);
 }
 
 void CSocketMaster::OnFollowUp() {

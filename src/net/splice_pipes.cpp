@@ -13,6 +13,7 @@ std::unique_ptr<SplicePipe> SplicePipes::Borrow() {
   } else if (refusals_left_ > 0) {
     --refusals_left_;
   } else {
+    kept_.reserve(kMaxKept);  // so that Return needs no memory
     pipe = SplicePipe::Open();
     if (!pipe) refusals_left_ = kRefusals;
   }

@@ -413,11 +413,13 @@ void cProxy::EndOutOfMemory() {
   if (stage_ == Stage::kClosed) return;
   try {
     EndsBy(SessionEnd::kRefused);
+    dependencies_.memory_reserve.reset();
     dialogue_.Say(ReplyKind::kServerError, *this);
   } catch (const std::exception&) {
     // Then the client sees the end alone.
   }
   Close();
+  dependencies_.memory_reserve.reset(new (std::nothrow) char[SessionDependencies::kMemoryReserve]);
 }
 
 void cProxy::Close() {

@@ -8,15 +8,10 @@
 namespace trabex {
 
 void cProxy::Init(std::int32_t requestID, bool tls) {
-  try {
-    Receiver.Socket().Accept(requestID);
-  } catch (const Error& error) {
-    // Without its client the session has no purpose.
-    dependencies_.log.LogError(error);
-    Close();
-    return;
-  }
+  RunLogged(dependencies_.log, "cProxy.Init", [&] { Receiver.Socket().Accept(requestID); });
   if (stage_ == Stage::kClosed) return;
+  // Without its client the session has no purpose.
+  if (!Receiver.IsConnected()) return Close();
   RunHandler("cProxy.Init", [&] {
     StartTime = LastActivity = state_began_ = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");

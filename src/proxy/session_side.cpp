@@ -134,22 +134,27 @@ void SessionSide::NoteFailure(int error, std::string_view description) {
   end_ = End::kFailed;
   if (!logs_failures_) return;
   if (only_looks_ && error == socket_error::kConnectionReset && socket_.BytesReceived() == 0) return;
-  owner_.OnSideFailure(*this, error, description);
-  if (error == tls_error::kTooManyHandshakes) {
-    return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
-  }
-  Log(log_level::kErrors, "Error " + std::to_string(error) + ". " + std::string(description));
+  // The end counts, whether or not there is memory to tell of it.
+  RunLogged(dependencies_.log, socket_.Events.Owner, [&] {
+    owner_.OnSideFailure(*this, error, description);
+    if (error == tls_error::kTooManyHandshakes) {
+      return Log(log_level::kErrors, "Too many TLS handshakes. Closing connection.");
+    }
+    Log(log_level::kErrors, "Error " + std::to_string(error) + ". " + std::string(description));
+  });
 }
 
 void SessionSide::Close() {
-  SendHeld();
+  RunLogged(dependencies_.log, socket_.Events.Owner, [this] { SendHeld(); });
   readable_ = false;
   end_.reset();
   if (socket_.State() == SocketState::sckClosed) return;
   if (WasConnected()) {
-    Log(log_level::kConnection,
-        "Disconnected. Bytes received/sent: " + std::to_string(socket_.BytesReceived()) + "/" +
-            std::to_string(socket_.BytesSent()));
+    RunLogged(dependencies_.log, socket_.Events.Owner, [this] {
+      Log(log_level::kConnection,
+          "Disconnected. Bytes received/sent: " + std::to_string(socket_.BytesReceived()) + "/" +
+              std::to_string(socket_.BytesSent()));
+    });
   }
   socket_.CloseSck();
 }

@@ -15,6 +15,14 @@ namespace trabex {
 // Posted actions, those of the iteration's end, and objects to be deleted then.
 class DeferredTasks {
  public:
+  DeferredTasks() {
+    to_delete_.reserve(kDeletedWithoutMemory);
+    deleting_.reserve(kDeletedWithoutMemory);
+  }
+
+  // So many objects in an iteration need no memory to be deleted.
+  static constexpr std::size_t kDeletedWithoutMemory = 64;
+
   void Post(std::function<void()> action) { posts_.push_back(std::move(action)); }
   void OnIterationEnd(std::function<void()> action) { iteration_end_.push_back(std::move(action)); }
   // Takes nothing when it raises std::bad_alloc.

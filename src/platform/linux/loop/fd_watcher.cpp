@@ -12,6 +12,7 @@ namespace trabex {
 std::uint32_t FdTable::Add(int descriptor, Ready ready) {
   if (free_.empty()) {
     slots_.emplace_back();
+    free_.reserve(slots_.capacity());  // so that Remove needs no memory
     free_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
   }
   const std::uint32_t index = free_.back();

@@ -5,13 +5,14 @@ namespace trabex {
 SendBatch::Slot SendBatch::Take(SocketHandle socket) {
   if (free_.empty()) {
     slots_.emplace_back();
+    free_.reserve(slots_.capacity());  // so that Release needs no memory
     free_.push_back(static_cast<Slot>(slots_.size()));
   }
   const Slot slot = free_.back();
+  due_.push_back(slot);
   free_.pop_back();
   At(slot).socket = socket;
   At(slot).state = State::kDue;
-  due_.push_back(slot);
   return slot;
 }
 

@@ -55,8 +55,13 @@ int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
 
 void Sockets::Impl::Rearm(SocketHandle socket, Entry& entry) {
   if (entry.rearm_due || !entry.registered) return;
-  entry.rearm_due = true;
-  to_rearm.push_back(socket);
+  try {
+    to_rearm.push_back(socket);
+    entry.rearm_due = true;
+  } catch (const std::bad_alloc&) {
+    // At once will do; it only costs more when it comes again in this iteration.
+    loop.Control(EPOLL_CTL_MOD, entry.native, kStreamEvents, Target(socket));
+  }
 }
 
 void Sockets::Impl::BeforeWait() {

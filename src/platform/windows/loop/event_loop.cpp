@@ -17,6 +17,9 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr Milliseconds kAskAnewInterval{1000};
+// A timer that is so late tells of a standstill. The messages of what happened in one may come some time behind it: they are
+// sent by a thread of the system's libraries.
+constexpr Milliseconds kStandstill{1000};
 // Of the window itself, so that it is none of a socket's numbers.
 constexpr UINT kWakeMessage = WM_USER + 1;
 constexpr wchar_t kWindowClass[] = L"TrabexLoop";
@@ -135,11 +138,29 @@ void EventLoop::Impl::AwaitMessages(std::optional<Milliseconds> limit) const {
 std::size_t EventLoop::Impl::DispatchMessages() {
   message_calls_ = 0;
   MSG message{};
-  for (int i = 0; i < kMaxMessagesPerIteration && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != 0;
-       ++i) {
+  int count = 0;
+  for (; count < kMaxMessagesPerIteration && PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE) != 0; ++count) {
     DispatchMessageW(&message);
   }
+  partial_iterations_ = count < kMaxMessagesPerIteration ? 0 : partial_iterations_ + 1;
   return message_calls_;
+}
+
+std::size_t EventLoop::Impl::CallDueAndTimers(MonotonicTime asked) {
+  const bool are_timers_next = partial_iterations_ == 0 || partial_iterations_ > kMaxPartialIterations;
+  const auto deadline = timers.NextDeadline();
+  if (are_timers_next && deadline && *deadline + kStandstill <= asked) {
+    for (EventSource* const source : sources_) {
+      if (source != nullptr) source->AskAll();
+    }
+  }
+  std::size_t calls = 0;
+  for (std::size_t i = 0; i < sources_.size(); ++i) {
+    if (sources_[i] != nullptr) calls += sources_[i]->CallDue();
+  }
+  if (!are_timers_next) return calls;
+  partial_iterations_ = 0;
+  return calls + timers.CallDue(asked);
 }
 
 void EventLoop::Impl::AskAnewIfDue() {
@@ -153,13 +174,11 @@ void EventLoop::Impl::AskAnewIfDue() {
 
 std::size_t EventLoop::Impl::WorkOnce() {
   ++iteration;
+  const MonotonicTime asked = clock.Monotonic();
   std::size_t calls = work.CallPosts();
   calls += thread_posts->CallAll();
   calls += DispatchMessages();
-  for (std::size_t i = 0; i < sources_.size(); ++i) {
-    if (sources_[i] != nullptr) calls += sources_[i]->CallDue();
-  }
-  calls += timers.CallDue(clock.Monotonic());
+  calls += CallDueAndTimers(asked);
   AskAnewIfDue();
   calls += work.EndIteration();
   std::erase(sources_, nullptr);
@@ -183,8 +202,9 @@ bool EventLoop::Impl::Iterate(Milliseconds wait) {
     if (calls > 0) break;
     if (!limit || IsAnyDue()) continue;
     const auto now = steady_clock::now();
-    if (now >= end) break;
-    left = std::chrono::ceil<Milliseconds>(end - now);
+    const bool messages_left = partial_iterations_ > 0;
+    if (now >= end && !messages_left) break;
+    left = messages_left ? Milliseconds{0} : std::chrono::ceil<Milliseconds>(end - now);
   }
   in_iteration = false;
   return calls > 0;

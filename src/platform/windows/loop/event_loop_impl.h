@@ -33,6 +33,8 @@ class EventSource {
   // Called about once a second. The system drops messages when too many wait, so what is silent is asked anew; what
   // that finds is due.
   virtual void AskAnew() = 0;
+  // Called behind a standstill: all that has happened by now is due when this returns.
+  virtual void AskAll() = 0;
 };
 
 // The sockets of all FdWatchers, which share one source.
@@ -59,6 +61,7 @@ class FdTable final : public EventSource {
   bool IsDue() const override { return !due_.empty(); }
   std::size_t CallDue() override;
   void AskAnew() override;
+  void AskAll() override { AskAnew(); }
 
  private:
   void MakeDue(std::uint32_t index);
@@ -100,6 +103,8 @@ struct EventLoop::Impl {
 
   // Bounds the messages of one iteration, so that timers and posts are not held up.
   static constexpr int kMaxMessagesPerIteration = 256;
+  // So many iterations that left messages waiting may pass before due timers are called.
+  static constexpr int kMaxPartialIterations = 128;
 
   const Clock& clock;
   TimerHeap timers;
@@ -122,7 +127,12 @@ struct EventLoop::Impl {
   void AwaitMessages(std::optional<Milliseconds> limit) const;
   // What follows the wait. Returns the number of calls.
   std::size_t WorkOnce();
+  // Takes the messages that wait, within the bound of an iteration. Returns the number of calls.
   std::size_t DispatchMessages();
+  // Calls the sources' CallDue and then, if it is their turn, the timers that were over at `asked`, which is before the
+  // messages were taken. At the end of a standstill much has happened and many times are over; what has happened comes
+  // first, such as a reply before the time in which it had to come.
+  std::size_t CallDueAndTimers(MonotonicTime asked);
   void AskAnewIfDue();
 
   HWND window_ = nullptr;
@@ -130,6 +140,7 @@ struct EventLoop::Impl {
   std::vector<EventSource*> sources_;
   std::map<UINT, MessageHandler> handlers_;
   std::size_t message_calls_ = 0;  // of the messages in this iteration
+  int partial_iterations_ = 0;     // that left messages waiting, one after the other, up to this one
   std::chrono::steady_clock::time_point asked_anew_;
 };
 

@@ -284,41 +284,50 @@ void Sockets::Impl::AskAnew() {
   if (asking_from == 0 && table.Size() > 1) asking_from = 1;
 }
 
+void Sockets::Impl::AskAll() {
+  for (std::size_t index = 1; index != 0;) index = AskFrom(index, true);
+}
+
 void Sockets::Impl::AskSome() {
-  for (int left = kMaxAskedInIteration; left > 0 && asking_from != 0;) {
-    ReadySockets asked;
-    std::array<std::size_t, ReadySockets::kMax> indices{};
-    std::size_t count = 0;
-    for (; asking_from < table.Size() && !asked.IsFull(); ++asking_from) {
-      Entry& entry = table.At(asking_from);
-      if (std::exchange(entry.heard, false) || table.IsFree(entry) || entry.number == 0 ||
-          entry.sink == nullptr || !IsWaiting(entry)) {
-        continue;
-      }
-      asked.Add(entry.native);
-      indices[count++] = asking_from;
-    }
-    if (asking_from >= table.Size()) asking_from = 0;
-    asked.Ask();
-    for (std::size_t i = 0; i < count; ++i) {
-      Entry& entry = table.At(indices[i]);
-      const bool readable = asked.IsReadable(entry.native);
-      const bool writable = asked.IsWritable(entry.native);
-      if (readable) {
-        entry.drained = false;
-        entry.ask_end = true;
-      }
-      if (writable) entry.writable = true;
-      if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.native)))
-        entry.connect_told = true;
-      const bool write = writable && entry.write_armed;
-      const bool connect = entry.role == Role::kConnecting && entry.connect_told;
-      if (readable || write || connect) {
-        MakeDue({static_cast<std::int32_t>(indices[i]), entry.generation}, entry);
-      }
-    }
-    left -= static_cast<int>(ReadySockets::kMax);
+  for (int left = kMaxAskedInIteration; left > 0 && asking_from != 0;
+       left -= static_cast<int>(ReadySockets::kMax)) {
+    asking_from = AskFrom(asking_from, false);
   }
+}
+
+std::size_t Sockets::Impl::AskFrom(std::size_t index, bool all) {
+  ReadySockets asked;
+  std::array<std::size_t, ReadySockets::kMax> indices{};
+  std::size_t count = 0;
+  for (; index < table.Size() && !asked.IsFull(); ++index) {
+    Entry& entry = table.At(index);
+    const bool heard = std::exchange(entry.heard, false);
+    if ((heard && !all) || table.IsFree(entry) || entry.number == 0 || entry.sink == nullptr ||
+        !IsWaiting(entry)) {
+      continue;
+    }
+    asked.Add(entry.native);
+    indices[count++] = index;
+  }
+  asked.Ask();
+  for (std::size_t i = 0; i < count; ++i) {
+    Entry& entry = table.At(indices[i]);
+    const bool readable = asked.IsReadable(entry.native);
+    const bool writable = asked.IsWritable(entry.native);
+    if (readable) {
+      entry.drained = false;
+      entry.ask_end = true;
+    }
+    if (writable) entry.writable = true;
+    if (entry.role == Role::kConnecting && (writable || asked.HasFailed(entry.native)))
+      entry.connect_told = true;
+    const bool write = writable && entry.write_armed;
+    const bool connect = entry.role == Role::kConnecting && entry.connect_told;
+    if (readable || write || connect) {
+      MakeDue({static_cast<std::int32_t>(indices[i]), entry.generation}, entry);
+    }
+  }
+  return index < table.Size() ? index : 0;
 }
 
 }  // namespace trabex

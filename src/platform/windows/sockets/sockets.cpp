@@ -98,6 +98,8 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   const SOCKET native = accept(entry->native, address.Get(), address.SizePlace());
   const int error = native == INVALID_SOCKET ? WSAGetLastError() : 0;
   entry->accept_armed = true;
+  // The caller has gone before it was let in; Wine then cannot tell who it was.
+  if (error == WSAECONNRESET || error == WSAECONNABORTED || error == WSAENOTCONN) return WSAEWOULDBLOCK;
   if (error != 0) return error;
   // It has all that the listener has: its messages would come under the listener's number. Ended they leave the
   // socket as it was, non-blocking.

@@ -82,6 +82,7 @@ struct Sockets::Impl final : EventSource {
   bool IsDue() const override { return !due.empty() || asking_from != 0; }
   std::size_t CallDue() override;
   void AskAnew() override;
+  void AskAll() override;
 
   EventLoop::Impl& loop;
   ConnectionTable connections;
@@ -100,8 +101,11 @@ struct Sockets::Impl final : EventSource {
   bool Notify(SocketHandle socket, SocketEvent event, int error) {
     return table.Notify(socket, event, error);
   }
-  // Asks some of the sockets that wait for something and were silent.
+  // Goes on asking, about a bounded number of sockets.
   void AskSome();
+  // Asks those that wait for something, as many as can be asked at a time, from the index on. Unless all are meant, those
+  // that a message told of are left out. Returns where to go on; 0: they were the last.
+  std::size_t AskFrom(std::size_t index, bool all);
   static bool IsWaiting(const Entry& entry);
 
   std::vector<SocketHandle> looked_at;
