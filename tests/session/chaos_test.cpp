@@ -308,6 +308,11 @@ class Chaos {
   SessionFixture fixture_;
 };
 
+// How often something is to have come in `seeds` sessions; with fewer of them it only has to come.
+std::ptrdiff_t Wanted(std::ptrdiff_t often, unsigned seeds) {
+  return SeedCount(seeds) < seeds ? 1 : often;
+}
+
 TEST(Chaos, LeavesNothingBehind) {
   std::ptrdiff_t contents = 0;
   for (unsigned seed = 0; seed < SeedCount(1000); ++seed) {
@@ -321,7 +326,7 @@ TEST(Chaos, LeavesNothingBehind) {
     contents += chaos.Contents();
     if (testing::Test::HasFailure()) return;
   }
-  EXPECT_GT(contents, 100);
+  EXPECT_GE(contents, Wanted(100, 1000));
 }
 
 TEST(Chaos, LeavesNothingBehindUnderTls) {
@@ -341,9 +346,9 @@ TEST(Chaos, LeavesNothingBehindUnderTls) {
     servers += chaos.Secured("S: ");
     if (testing::Test::HasFailure()) return;
   }
-  EXPECT_GT(contents, 10);
-  EXPECT_GT(clients, 80);
-  EXPECT_GT(servers, 40);
+  EXPECT_GE(contents, Wanted(10, 120));
+  EXPECT_GE(clients, Wanted(80, 120));
+  EXPECT_GE(servers, Wanted(40, 120));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "base/text.h"
 #include "match/ip_range.h"
 #include "script/escapes.h"
+#include "support/counted_allocations.h"
 #include "support/dialogue_player.h"
 #include "support/temp_folder.h"
 #include "support/test_certificates.h"
@@ -136,6 +137,11 @@ std::shared_ptr<const TlsContext> TestContext() {
 constexpr std::chrono::seconds kBound{10};
 
 }  // namespace
+
+void SessionFixture::SessionLog::LogLine(std::string_view message) {
+  const OwnAllocations own;
+  lines_.LogLine(message);
+}
 
 SessionFixture::SessionFixture(Delivery delivery, AddressFamily clients)
     : delivery_(delivery), clients_(clients) {

@@ -111,7 +111,16 @@ class SessionFixture {
   Delivery delivery_;
   AddressFamily clients_;
   Sockets sockets_{Loop};
-  RecordedLog log_;
+  // Its memory is the test's.
+  class SessionLog final : public Log {
+   public:
+    void LogLine(std::string_view message) override;
+    const std::vector<std::string>& Lines() const { return lines_.Lines(); }
+
+   private:
+    RecordedLog lines_;
+  };
+  SessionLog log_;
   modSocketMaster module_{sockets_, Names, log_};
   SessionCollection sessions_;
   std::unique_ptr<SessionDependencies> dependencies_;

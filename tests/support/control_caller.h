@@ -18,8 +18,10 @@ class ControlCallerPeer {
 
   // Whether there is somebody who may answer, be it after others.
   bool Connected() const;
-  // Sends what the system takes now. On Windows the rest is sent as it is taken.
+  // Sends what the system takes now. On Windows the rest is sent as it is taken, and nothing before there is a pipe.
   void Send(std::string_view bytes);
+  // Whether all of it was given to the system.
+  bool AllSent() const;
   // Ends the sending side only. Not on Windows, whose pipes have one end for both.
   void EndSending();
   // All that was said to it so far.

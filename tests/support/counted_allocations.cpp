@@ -9,15 +9,24 @@ namespace {
 
 std::atomic<bool> counting = false;
 std::atomic<std::size_t> allocations = 0;
-std::atomic<bool> failing = false;
 std::atomic<std::size_t> left_to_failure = 0;
+std::atomic<std::size_t> failures_left = 0;
+std::atomic<bool> has_failed = false;
+std::atomic<std::size_t> own = 0;
+
+bool Fails() noexcept {
+  if (failures_left == 0 || own != 0) return false;
+  if (left_to_failure != 0) {
+    --left_to_failure;
+    return false;
+  }
+  if (failures_left != FailedAllocation::kAll) --failures_left;
+  return has_failed = true;
+}
 
 void* Allocate(std::size_t size) noexcept {
   if (counting) ++allocations;
-  if (failing && left_to_failure-- == 0) {
-    failing = false;
-    return nullptr;
-  }
+  if (Fails()) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
 }
 
@@ -36,17 +45,26 @@ std::size_t CountedAllocations::Count() const {
   return allocations;
 }
 
-FailedAllocation::FailedAllocation(std::size_t before) {
+FailedAllocation::FailedAllocation(std::size_t before, std::size_t times) {
   left_to_failure = before;
-  failing = true;
+  has_failed = false;
+  failures_left = times;
 }
 
 FailedAllocation::~FailedAllocation() {
-  failing = false;
+  failures_left = 0;
 }
 
 bool FailedAllocation::HasFailed() const {
-  return !failing;
+  return has_failed;
+}
+
+OwnAllocations::OwnAllocations() {
+  ++own;
+}
+
+OwnAllocations::~OwnAllocations() {
+  --own;
 }
 
 }  // namespace trabex

@@ -16,16 +16,29 @@ class CountedAllocations {
   std::size_t Count() const;
 };
 
-// Has one call of operator new find no memory while it exists: the one behind `before` others. One at a time.
+// Has calls of operator new find no memory while it exists: the one behind `before` others, or with `times` so many one
+// after the other from there on. One at a time.
 class FailedAllocation {
  public:
-  explicit FailedAllocation(std::size_t before);
+  static constexpr std::size_t kAll = static_cast<std::size_t>(-1);
+
+  explicit FailedAllocation(std::size_t before, std::size_t times = 1);
   ~FailedAllocation();
   FailedAllocation(const FailedAllocation&) = delete;
   FailedAllocation& operator=(const FailedAllocation&) = delete;
 
   // Whether there were so many calls.
   bool HasFailed() const;
+};
+
+// While one exists, calls of operator new are the test's own: none fails, and none is counted among those before one
+// that does.
+class OwnAllocations {
+ public:
+  OwnAllocations();
+  ~OwnAllocations();
+  OwnAllocations(const OwnAllocations&) = delete;
+  OwnAllocations& operator=(const OwnAllocations&) = delete;
 };
 
 }  // namespace trabex

@@ -1,4 +1,4 @@
-// How often tests repeat themselves with random data.
+// How often tests repeat themselves with random data, and with much of one kind.
 #pragma once
 
 #include <algorithm>
@@ -6,11 +6,16 @@
 
 namespace trabex {
 
-// `usual` seeds, or as many times fewer as the environment says, where a run takes long (TRABEX_TEST_SEED_DIVISOR).
-inline unsigned SeedCount(unsigned usual) {
+// How many times less often than usual, where a run takes long: what the environment says (TRABEX_TEST_SEED_DIVISOR), or 1.
+inline unsigned SeedDivisor() {
   const char* const divisor = std::getenv("TRABEX_TEST_SEED_DIVISOR");
   const long by = divisor == nullptr ? 1 : std::strtol(divisor, nullptr, 10);
-  return std::max(1U, usual / static_cast<unsigned>(std::max(1L, by)));
+  return static_cast<unsigned>(std::max(1L, by));
+}
+
+// `usual` seeds, or as many times fewer.
+inline unsigned SeedCount(unsigned usual) {
+  return std::max(1U, usual / SeedDivisor());
 }
 
 }  // namespace trabex

@@ -10,7 +10,7 @@
 
 namespace trabex {
 
-// A file of the source tree. The test program's CMakeLists.txt defines TRABEX_SOURCE_DIR.
+// A file of the source tree. The test program's CMakeLists.txt tells its path (trabex_tell_source_folder).
 inline std::string SourceFile(const std::string& name) {
   return ReadFile(std::string(TRABEX_SOURCE_DIR "/") + name);
 }

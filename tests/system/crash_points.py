@@ -105,6 +105,7 @@ class TracedRun:
 
     def end_counting(self):
         self._tracer.send_signal(signal.SIGUSR2)
+        wait_until(lambda: self.said("not", "counting") or self.ended(), "the end of the counting")
 
     def go_on(self):
         """Lets go what was held."""

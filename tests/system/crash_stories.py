@@ -161,6 +161,11 @@ def json_line(key):
                        "delayed_until": "2026-01-01T00:00:00Z", "expires": "2099-01-01T00:00:00Z"}) + "\n"
 
 
+def counts(state):
+    """How many records a database and a backup have; None: no file."""
+    return [None if keys is None else len(keys) for keys in state]
+
+
 class DatabaseStory(Story):
     """Changes the database from OLD, with OLDER as the backup, to `after`."""
 
@@ -204,9 +209,9 @@ class DatabaseStory(Story):
         return tuple(read_keys(file) if file.exists() else None for file in (self.database, self.backup))
 
     def check(self, run):
-        found = self.found()
-        expect(found in self.expected_states(run),
-               f"database and backup have {[len(keys) if keys is not None else None for keys in found]} records")
+        found, expected = self.found(), self.expected_states(run)
+        expect(found in expected, f"database and backup have {counts(found)} records, not {list(map(counts, expected))}; "
+               f"the last calls: {', '.join(map(str, run.stops()[-6:]))}")
         self.check_logs()
         self.check_next_start(found[0] if found[0] is not None else found[1] or [])
 

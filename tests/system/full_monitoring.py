@@ -15,6 +15,7 @@ import shutil
 import socket
 import subprocess
 import threading
+import urllib.error
 import urllib.parse
 import urllib.request
 
@@ -58,10 +59,15 @@ class Monitored(Scenario):
 
 class Prometheus(Monitored):
     def query(self, expression):
-        """The result of a query, a list; an error fails."""
+        """The result of a query, a list, empty while Prometheus still starts; an error fails."""
         url = f"http://{endpoint(self.port)}/api/v1/query?{urllib.parse.urlencode({'query': expression})}"
-        with urllib.request.urlopen(url, timeout=bound(20)) as answer:
-            result = json.load(answer)
+        try:
+            with urllib.request.urlopen(url, timeout=bound(20)) as answer:
+                result = json.load(answer)
+        except urllib.error.HTTPError as error:
+            if error.code != 503:
+                raise
+            return []
         self.assertEqual(result["status"], "success", expression)
         return result["data"]["result"]
 

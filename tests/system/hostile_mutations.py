@@ -187,8 +187,8 @@ def make_plays(sessions, kind, numbers, seed):
 
 # --- What servers have got
 
-_PATH = re.compile(r"<(.*?)>|(\S+)")
-_SIMPLE = r'(?:[^\s"@%!\\<>()\[\]:;,]+|"[^"\\@%!<>]*")'
+_PATH = re.compile(r'<("[^"]*"[^>]*|.*?)>|(\S+)')
+_SIMPLE = r'(?:[^\s"@%!\\<>()\[\]:;,]+|"[^"\\@%!]*")'
 _LOCAL_RECIPIENT = re.compile(rf"(?!\"?black-){_SIMPLE}(?:@local\.test)?")
 _VERB = re.compile(r"(?i)(HELO|EHLO|MAIL FROM|RCPT TO|SEND FROM|SOML FROM|SAML FROM)[ \t]*:?[ \t]*(.*)")
 _HARMLESS = re.compile(r"(?:sasl_sender=|dsn-orcpt: |ignoring AUTH=|Received: from |message-id=|ORCPT=|ENVID=)\S*", re.IGNORECASE)
@@ -208,7 +208,7 @@ def is_forbidden(role, address):
         return not _LOCAL_RECIPIENT.fullmatch(address)
     if role == "name":
         return address.startswith("black-")
-    return bool(re.search(r"[@%!]black\.test\.?\W*\Z", address)) or address.startswith("black.test!")
+    return bool(re.search(r"[@%!]black\.test[\s\0.>\"]*\Z", address)) or (address.startswith("black.test!") and "@" not in address)
 
 
 def forbidden_command(line):
@@ -226,7 +226,7 @@ def forbidden_command(line):
 
 def record_findings(record):
     found = [violation for violation in record.violations() if not violation.startswith("an address")]
-    for kind, data in record.pieces:
+    for kind, data in record.pieces[:record.read]:
         if kind == "command":
             found += filter(None, map(forbidden_command, LINE_ENDS.split(data)))
     return found
@@ -238,20 +238,26 @@ _FIELDS = {
     "exim": re.compile(r"<= (?P<sender>\S+) .*? for (?P<recipients>.*)$"),
     "opensmtpd": re.compile(r"(?P<what>\bfrom|\bto)=<(?P<value>[^>]*)>"),
 }
+# Exim's own words for ETRN, whose argument is the name of a queue.
+_NO_ADDRESS = re.compile(r"\] ETRN |\] (?:Start|End) queue run: pid=|/exim4 -R | in VRFY command: ")
+_CALLS_ITSELF = re.compile(r" SMTP connection from \((.*)\) \[")
+_OF_SENDER = re.compile(r" sender rejected: | in MAIL command: ")
 _ROLES = {"from": "sender", "to": "recipient", "orig_to": "recipient", "helo": "name"}
 
 
 def line_findings(name, line):
     """What is wrong with a line of this server's log, in words."""
-    line = _HARMLESS.sub("", line)
     if "from=<settled" in line or "<settled@" in line:
         return []
     if quoted := _QUOTED.search(line):
         command = (quoted.group(1) or quoted.group(2) or "").encode("utf-8", errors="surrogateescape")
         wrong = forbidden_command(command) or [each for each in command_violations(command) if not each.startswith("an address")]
         return [str(wrong)] if wrong else []
+    line = _HARMLESS.sub("", line)
     found = []
     if name == "exim":
+        if named := _CALLS_ITSELF.search(line):
+            found.append(("name", named.group(1)))
         if message := _FIELDS[name].search(line):
             found += [("sender", message["sender"])] if message["sender"] != "<>" else []
             found += [("recipient", each) for each in message["recipients"].split()]
@@ -264,12 +270,22 @@ def line_findings(name, line):
         line = _FIELDS[name].sub("", line)
     if name == "exim" and found:
         line = ""
+    if _NO_ADDRESS.search(line):
+        return found_in(found)
+    if _OF_SENDER.search(line):
+        found += [("sender", token.rstrip(":.")) for token in _TOKEN.findall(line)]
+        line = ""
     # Where the server says something else of an address, the mark tells which one it is.
     for token in _TOKEN.findall(line):
         if _folded(token).startswith("black-") and not token.lower().endswith(("@black.test", "@local.test")) and "@" in token:
             continue
         found.append(("recipient", token.rstrip(":.")))
-    return [f"a {role} that is to be refused: {value!r}" for role, value in found if is_forbidden(role, value)]
+    return found_in(found)
+
+
+def found_in(addresses):
+    """What is wrong with these pairs of role and address, in words."""
+    return [f"a {role} that is to be refused: {value!r}" for role, value in addresses if is_forbidden(role, value)]
 
 
 class Round(TransportedSessions):

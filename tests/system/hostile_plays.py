@@ -88,6 +88,7 @@ class Play:
         self.delivery = delivery
         self.security = security
         self.client_port = None
+        self.unplayed = False  # whether it could not even begin
         self.heard_all = False  # whether this client waited for everything that it was to be told
         self._wire = wire
         self.complaints = []
@@ -112,7 +113,11 @@ class Play:
             elif self.security == STARTTLS:
                 await self._expect("", "220")
                 await self._expect("EHLO client-nnn.test", "250")
-                await self._expect("STARTTLS", "220")
+                got = await self._expect("STARTTLS", "220")
+                if not got.startswith("220"):
+                    # A server that is busy may not have greeted yet.
+                    self.unplayed = True
+                    return
                 await self._secure()
             await self._open()
             for number, step in enumerate(self.session.steps):
@@ -147,12 +152,13 @@ class Play:
             await self._expect(line, code)
 
     async def _expect(self, line, code):
-        """Sends the line, if there is one, and waits for a reply with the code."""
+        """Sends the line, if there is one, and waits for a reply with the code; returns what came."""
         if line:
             self._writer.write(self._numbered(_bytes(line) + b"\r\n"))
         got = await self._reply(bound(_PATIENT_SECONDS))
         if not got.startswith(code):
             self.complaints.append(f"waited for {code}, got {got!r}")
+        return got
 
     async def _take(self, number, step):
         if step["do"] == "send":

@@ -198,8 +198,7 @@ class TransportPlay(Play):
         if line:
             self._writer.write(self._numbered(line.encode("latin-1") + b"\r\n"))
         # A server whose replies are the play's affair may never give this one.
-        await self._reply(1 if self.session.replies else bound(_PATIENT_SECONDS))
-        return None
+        return await self._reply(1 if self.session.replies else bound(_PATIENT_SECONDS))
 
     async def _open(self):
         lines = self.session.opening[1 if self.security == STARTTLS else 0:]
@@ -222,6 +221,10 @@ class TransportPlay(Play):
 
     async def _say_starttls(self):
         self._writer.write(b"STARTTLS\r\n" + self._numbered(self.transport.behind.encode("latin-1")))
+        if any("STARTTLS" in step.get("bytes", "").upper() for step in self.session.steps):
+            # Which of the two a reply answers is not known, nor whether TLS has begun with the session's own.
+            await self._reply(self._patience)
+            return
         while not (reply := await self._reply(self._patience)).startswith("220 2.0.0 Ready to start TLS."):
             if not reply.endswith("\r\n"):
                 return

@@ -13,6 +13,7 @@ import time
 from pathlib import Path
 
 from addresses import FAMILY, LOOPBACK
+from listening_ports import listening_ports
 
 REPO = Path(__file__).resolve().parents[2]
 DOMAIN = "test.example"
@@ -27,6 +28,7 @@ class Options:
     build = REPO / "build" / "release"
     through = "trabex"
     keep = False
+    sandbox = None  # the value of Sandbox in files that name none
     # Every bound is multiplied by this: sanitizers and busy machines are slow.
     patience = 1.0
 
@@ -50,26 +52,32 @@ def wait_until(condition, what, seconds=20):
 _reserved_ports = []
 
 
-def free_port():
-    """A loopback port for a server of this process, below the range that the system gives out by itself.
+def reserve_port(port):
+    """Whether the loopback port is free; then no other test of this machine gets it while this process lives.
 
     The tests that run beside this one share the machine; a socket name taken for the life of the process keeps
     them from choosing the same port.
     """
+    reservation = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    probe = socket.socket(FAMILY)
+    try:
+        reservation.bind(f"\0port of a test {port}")
+        probe.bind((LOOPBACK, port))
+    except OSError:
+        reservation.close()
+        return False
+    finally:
+        probe.close()
+    _reserved_ports.append(reservation)
+    return True
+
+
+def free_port():
+    """A loopback port for a server of this process, below the range that the system gives out by itself."""
     while True:
         port = random.randrange(12000, 32000)
-        reservation = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        probe = socket.socket(FAMILY)
-        try:
-            reservation.bind(f"\0port of a test {port}")
-            probe.bind((LOOPBACK, port))
-        except OSError:
-            reservation.close()
-            continue
-        finally:
-            probe.close()
-        _reserved_ports.append(reservation)
-        return port
+        if reserve_port(port):
+            return port
 
 
 class SystemSocket:
@@ -96,7 +104,10 @@ def sockets_of_system():
 
 def is_listening(port):
     """Whether anybody listens on the port. Asks the system, since a connection would be a session."""
-    return any(row.local_port == port and row.state == SystemSocket.LISTEN for row in sockets_of_system())
+    ports = listening_ports()
+    if ports is None:
+        ports = {row.local_port for row in sockets_of_system() if row.state == SystemSocket.LISTEN}
+    return port in ports
 
 
 def connections_to(port):

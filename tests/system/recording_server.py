@@ -37,18 +37,20 @@ class Record:
     """What one connection brought, piece by piece: (kind, bytes), the kind being command, content, octets or secret, or broken
     where what came was no TLS.
 
-    `preface` are the lines with which the proxy itself has opened it, where the server expects some.
+    `preface` are the lines with which the proxy itself has opened it, where the server expects some; `read` is how many
+    pieces came before the server said that it closes, None where it never did. What comes later no server reads.
     """
 
     def __init__(self):
         self.pieces = []
         self.preface = []
+        self.read = None
         self.ended = False
 
     def violations(self):
         """What must not have come, in words."""
         found = []
-        for kind, data in self.pieces:
+        for kind, data in self.pieces[:self.read]:
             if kind == "command":
                 found += command_violations(data)
             elif kind == "content":
@@ -205,6 +207,8 @@ class _Dialogue:
             if len(segments) > 1:
                 await self._taken()
         lines = b"".join(segments).rstrip(b"\r\n").rsplit(b"\n", 1)
+        if lines[-1].startswith(b"421") and self._record.read is None:
+            self._record.read = len(self._record.pieces)
         return lines[-1][:3]
 
     async def _taken(self):

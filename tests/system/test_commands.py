@@ -123,26 +123,27 @@ class Counts(Scenario):
 
     def test_all_commands_count(self):
         good = ("5 passed, 0 failed", 0)
-        # (what ./test --full, --package and --fresh say, and their statuses; the last line, the status in all)
-        cases = [(("10 passed, 0 failed", 0), good, good, "20 passed, 0 failed", 0),
-                 (("10 passed, 0 failed, 2 skipped", 0), good, good, "20 passed, 0 failed", 0),
-                 (("9 passed, 1 failed", 1), good, good, "19 passed, 1 failed", 1),
-                 (good, ("8 passed, 2 failed", 1), good, "18 passed, 2 failed", 1),
-                 (good, good, ("3 passed, 2 failed", 1), "13 passed, 2 failed", 1),
-                 (("10 passed, 0 failed", 1), good, good, "20 passed, 1 failed", 1),
-                 (("no compiler", 1), good, good, "10 passed, 1 failed", 1),
-                 (good, ("not root", 1), ("not root", 1), "5 passed, 2 failed", 1)]
+        # (what ./test --full, --package, --fresh and --windows say, and their statuses; the last line, the status in all)
+        cases = [((("10 passed, 0 failed", 0), good, good, good), "25 passed, 0 failed", 0),
+                 ((("10 passed, 0 failed, 2 skipped", 0), good, good, good), "25 passed, 0 failed", 0),
+                 ((("9 passed, 1 failed", 1), good, good, good), "24 passed, 1 failed", 1),
+                 ((good, ("8 passed, 2 failed", 1), good, good), "23 passed, 2 failed", 1),
+                 ((good, good, ("3 passed, 2 failed", 1), good), "18 passed, 2 failed", 1),
+                 ((good, good, good, ("4 passed, 1 failed, 2 skipped", 1)), "19 passed, 1 failed", 1),
+                 ((("10 passed, 0 failed", 1), good, good, good), "25 passed, 1 failed", 1),
+                 ((("no compiler", 1), good, good, good), "15 passed, 1 failed", 1),
+                 ((good, ("not root", 1), ("not root", 1), ("not root", 1)), "5 passed, 3 failed", 1)]
         folder = self.place.new_folder("checkout")
         shutil.copytree(REPO / ".ci", folder / ".ci")
-        for full, package, fresh, last, status in cases:
-            with self.subTest(full=full, package=package, fresh=fresh):
+        for steps, last, status in cases:
+            with self.subTest(steps=steps):
                 test = folder / "test"
                 answers = "".join(f'--{name}) echo "{said}"; exit {its_status} ;;\n' for name, (said, its_status) in
-                                  (("full", full), ("package", package), ("fresh", fresh)))
+                                  zip(("full", "package", "fresh", "windows"), steps))
                 test.write_text(f'#!/bin/sh\ncase "$1" in\n{answers}esac\n', encoding="utf-8")
                 test.chmod(0o755)
                 self.assertEqual(run("bash", ".ci/run", cwd=folder),
-                                 (status, "".join(f"{said}\n" for said in (full[0], package[0], fresh[0], last))))
+                                 (status, "".join(f"{said}\n" for said in [said for said, _ in steps] + [last])))
 
 
 if __name__ == "__main__":

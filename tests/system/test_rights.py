@@ -1,18 +1,20 @@
 #!/usr/bin/env python3
 """A start as root that goes on as somebody else, and the sandbox: what they take away, and that nothing else is missing."""
 
+import contextlib
 import os
 import pwd
 import re
-import socket
 import subprocess
 from pathlib import Path
 
-from trabex_system import (DOMAIN, LOOPBACK, Authority, Scenario, bound, ini_text, keeps_freed_memory, main,
-                           run_trabex, trusting, wait_until)
+from processes import reserve_port
+from sandbox import why_no_sandbox
+from shifted_clock import ShiftedClock
+from trabex_system import (DOMAIN, LOOPBACK, Authority, Options, Scenario, bound, keeps_freed_memory, main, run_trabex,
+                           trusting, wait_until)
 
 USER = "nobody"
-REFUSED = "Trabex: Sandbox=2 is not possible: "
 OUTSIDE = "Outside of the folders that Sandbox allows"
 
 
@@ -25,14 +27,7 @@ def status_of(pid):
 def low_port():
     """A port that only root may listen on."""
     first_free = int(Path("/proc/sys/net/ipv4/ip_unprivileged_port_start").read_text(encoding="ascii"))
-    for port in range(min(first_free, 1024) - 1, 400, -1):
-        with socket.socket() as tried:
-            try:
-                tried.bind((LOOPBACK, port))
-                return port
-            except OSError:
-                continue
-    return None
+    return next(filter(reserve_port, range(min(first_free, 1024) - 1, 400, -1)), None)
 
 
 class Rights(Scenario):
@@ -84,16 +79,9 @@ class Sandbox(Rights):
     def start(self, sections=None, settings=None):
         """With Sandbox=2, which has to be possible unless the program itself says why it is not."""
         sections = {**(sections or {}), "Service": {"Sandbox": 2}}
-        proxy = self.trabex(self.server.port, settings, sections=sections, start=False)
-        # What ends by itself: the server is the listener.
-        loop = self.place.folder / "loop.ini"
-        loop.write_text(ini_text({**proxy.settings, "Log": 0, "ServerPort": proxy.port}, {"Service": {"Sandbox": 2}}))
-        status, _, errors = run_trabex("/I", loop, "/HI")
-        self.assertEqual(status, 1)
-        if errors.startswith(REFUSED):
-            self.skipTest(errors[len(REFUSED):].strip())
-        self.assertIn("Loop detected", errors)
-        return proxy.start()
+        if why_not := why_no_sandbox():
+            self.skipTest(why_not)
+        return self.trabex(self.server.port, settings, sections=sections)
 
     def test_what_it_is(self):
         proxy = self.start()
@@ -103,6 +91,8 @@ class Sandbox(Rights):
         self.assertEqual((status["NoNewPrivs"], status["Seccomp"]), (["1"], ["2"]))
 
     def test_none_and_the_default_are_silent(self):
+        if Options.sandbox is not None:
+            self.skipTest("--sandbox sets another default")
         ours = status_of("self")["Seccomp"]
         none = self.trabex(self.server.port, sections={"Service": {"Sandbox": 0}}, json_log=False)
         default = self.trabex(self.server.port)
@@ -241,15 +231,19 @@ class User(Rights):
         os.chown(folder, self.user.pw_uid, self.user.pw_gid)
         return folder
 
-    def start(self, settings=None, sections=None, user=USER):
+    def start(self, settings=None, sections=None, user=USER, wrapper=(), ini=None):
         settings = {"LogPath": self.folder_of_user("log"), **(settings or {})}
         proxy = self.trabex(self.server.port, settings, sections=sections, json_log=False, start=False,
                             arguments=["/HI", "--user", user])
         proxy.log_folder = Path(settings["LogPath"])
+        if ini:
+            proxy.ini.rename(ini)
+            proxy.ini = ini
         if "BindPort" in settings:
             proxy.port = settings["BindPort"]
             proxy.address = (LOOPBACK, proxy.port)
         proxy.ini.chmod(0o600)
+        proxy.wrapper = list(wrapper)
         return proxy.start()
 
     def assertIsUser(self, proxy, user, group):
@@ -306,6 +300,29 @@ class User(Rights):
         self.assertEqual({file.stat().st_uid for file in records.iterdir()}, {self.user.pw_uid})
         self.assertGreater(len(list(records.iterdir())), 0)
 
+    def test_an_automatic_reload_that_wants_a_low_port(self):
+        port = low_port()
+        if port is None:
+            self.skipTest("every port is free for everybody")
+        clock = ShiftedClock(self.place.folder)
+        proxy = self.start({"BindPort": port}, wrapper=clock.wrapper)
+        self.assertEqual(self.send(proxy), "250")
+        proxy.write_ini(BindIP=f"{LOOPBACK}, 127.0.0.2")
+        proxy.ini.chmod(0o644)
+
+        def is_told():
+            # A change counts when the file has stayed as it is for half a minute.
+            clock.move(wall=16, monotonic=16)
+            with contextlib.suppress(AssertionError):
+                wait_until(lambda: "binding to" in proxy.log(), "the reload", 1)
+                return True
+            return False
+
+        wait_until(is_told, "the automatic reload", 60)
+        proxy.wait_for_log(f"Error 10013 binding to 127.0.0.2:{port}.")
+        self.assertEqual(self.send(proxy), "250")
+        self.assertEqual(proxy.end(), 0)
+
     def test_by_number(self):
         named = self.start(user=str(self.user.pw_uid))
         self.assertIsUser(named, self.user.pw_uid, self.user.pw_gid)
@@ -327,6 +344,54 @@ class User(Rights):
             self.assertIn(f'Trabex: User "{USER}" may not write in the folder "{folder}" ({key}).\n',
                           proxy.process.stderr())
             self.assertEqual((folder.stat().st_uid, list(folder.iterdir())), (0, []), "nothing is changed for him")
+
+    def replace(self, folder):
+        """Another folder of this name, the user's too; returns where the one of before is."""
+        before = folder.with_name(f"{folder.name}.before")
+        folder.rename(before)
+        folder.mkdir()
+        os.chown(folder, self.user.pw_uid, self.user.pw_gid)
+        return before
+
+    def test_folders_that_are_replaced(self):
+        records = self.folder_of_user("records")
+        proxy = self.start({"LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN},
+                           {"GreyListing": {"Enabled": 1, "Database": records / "grey.gldb"}, "Service": {"Sandbox": 1}})
+        self.assertEqual(self.send(proxy, sender="s@elsewhere.example"), "451")
+        proxy.wait_for_log("Listen on")
+        old_log, old_records = self.replace(proxy.log_folder), self.replace(records)
+        self.assertEqual(self.ask(proxy, "/REOPENLOG")[0], 0)
+        proxy.wait_for_log("Log file reopened.")
+        self.assertEqual(self.send(proxy, sender="t@elsewhere.example"), "451")
+        proxy.wait_for_log("t@elsewhere.example")
+        before = self.saves(proxy)
+        self.assertEqual(self.reload(proxy)[0], 0)
+        wait_until(lambda: self.saves(proxy) > before, "a save")
+        self.assertTrue((records / "grey.gldb").exists())
+        self.assertEqual((len(list(old_log.iterdir())), list(old_records.iterdir())), (1, []))
+        self.assertEqual(proxy.process.stderr(), "")
+
+    def test_where_a_replaced_folder_stays_shut(self):
+        """All of it must be in force, or the folder above holds what decides, and the user may change that."""
+        if why_not := why_no_sandbox():
+            self.skipTest(why_not)
+        own = self.folder_of_user("own")
+        (own / "Log").mkdir()
+        os.chown(own / "Log", self.user.pw_uid, self.user.pw_gid)
+
+        def is_shut(proxy):
+            self.assertEqual(self.send(proxy), "250")
+            proxy.wait_for_log("Listen on")
+            self.replace(proxy.log_folder)
+            self.ask(proxy, "/REOPENLOG")
+            self.assertEqual(self.send(proxy), "250")
+            wait_until(lambda: f"{OUTSIDE}. Nothing is logged." in proxy.process.stderr(), "the error")
+            self.assertEqual(list(proxy.log_folder.iterdir()), [])
+
+        with self.subTest("Sandbox=2"):
+            is_shut(self.start(sections={"Service": {"Sandbox": 2}}))
+        with self.subTest("beside an initialization file that the user may replace"):
+            is_shut(self.start({"LogPath": own / "Log"}, {"Service": {"Sandbox": 1}}, ini=own / "Trabex.ini"))
 
     def test_who_cannot_be_become(self):
         proxy = self.trabex(self.server.port, start=False)

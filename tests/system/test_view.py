@@ -9,8 +9,9 @@ import signal
 import time
 from pathlib import Path
 
+from sandbox import why_no_sandbox
 from test_control import raw_call
-from test_window import HEADER, BareTerminal, Window, children
+from test_window import GONE, HEADER, BareTerminal, Window, children
 from trabex_system import LOOPBACK, Terminal, bound, main, program, run_trabex, wait_until
 
 WIDE_HEADER = re.compile("^" + re.escape(HEADER) + r" +State +HELO +Sender +Recipient$")
@@ -264,6 +265,33 @@ class KeysOfTheView(Views):
             client.close()
         self.wait_for_table(terminal, 7)
         terminal.wait_for(selected_is_shown, "the selection, which has moved up")
+
+
+class Enclosed(Views):
+    def test_both_kinds_of_views_in_the_sandbox(self):
+        if why_not := why_no_sandbox():
+            self.skipTest(why_not)
+        self.proxy.sections["Service"]["Sandbox"] = 2
+        self.proxy.write_ini()
+        own = self.open(columns=120, rows=24)
+        self.proxy.wait_for_log("Sandbox in force.")
+        client = self.transaction(helo="h0.example")
+        self.wait_for_table(own, 1)
+        attached = Terminal(self.place, [program("Trabex"), "/VIEW", "/P", str(self.proxy.port)], columns=120, rows=24)
+        self.wait_for_table(attached, 1)
+        for terminal in (own, attached):
+            terminal.keys("/", "q", "q")
+            terminal.wait_for_text("Filter: qq_")
+            terminal.keys("Escape")
+        self.end_message(client)
+        client.close()
+        for terminal in (own, attached):
+            terminal.wait_for(lambda lines: "messages 1" in "\n".join(lines), "the totals")
+            self.wait_for_table(terminal, 0)
+        attached.keys("q")
+        self.assertEqual(attached.wait(), 0)
+        self.assertServes()
+        self.assertNotIn(GONE, self.proxy.log())
 
 
 class Attached(Views):

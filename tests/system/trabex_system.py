@@ -12,6 +12,7 @@ Nothing sleeps for time: a case waits for an event (wait_until, or a read from a
     ./test_relay.py --through direct       without Trabex in between (or haproxy), to tell a mistake of the test
                                            from one of the program
     ./test_relay.py --ipv6                 on ::1 instead of 127.0.0.1
+    ./test_relay.py --sandbox 2            with this value of Sandbox in each file that names none
     ./test_relay.py --keep                 leaves the temporary folder of a case that fails
 """
 
@@ -92,7 +93,10 @@ class Trabex:
         """Writes the file anew with these settings changed, as an editor does: a new file renamed over it."""
         self.settings.update(changes)
         new = self.ini.with_suffix(".new")
-        new.write_text(ini_text(self.settings, self.sections), encoding="utf-8")
+        sections = dict(self.sections)
+        if Options.sandbox is not None:
+            sections["Service"] = {"Sandbox": Options.sandbox, **sections.get("Service", {})}
+        new.write_text(ini_text(self.settings, sections), encoding="utf-8")
         new.replace(self.ini)
 
     def command(self):
@@ -135,9 +139,11 @@ class Trabex:
         return b"".join(file.read_bytes() for file in files).decode("utf-8", errors="replace")
 
     def log_lines(self):
-        """The messages of the log without their time stamps."""
-        lines = self.log().split("\r\n")
-        return [_STAMP.sub("", line) for line in lines if line]
+        """The messages of the log without their time stamps, and without the one that --sandbox adds."""
+        lines = [_STAMP.sub("", line) for line in self.log().split("\r\n") if line]
+        if Options.sandbox is not None and "Sandbox" not in self.sections.get("Service", {}):
+            lines = [line for line in lines if line != "Sandbox in force."]
+        return lines
 
     def wait_for_log(self, text, times=1, seconds=20):
         """Waits until at least `times` log lines hold `text`."""
@@ -289,6 +295,7 @@ def add_options(parser):
     parser.add_argument("--through", choices=["trabex", "haproxy", "direct"], default=Options.through)
     parser.add_argument("--patience", type=float, default=Options.patience, help="factor for all bounds")
     parser.add_argument("--ipv6", action="store_true", help="on ::1; that takes root")
+    parser.add_argument("--sandbox", type=int, default=Options.sandbox, help="Sandbox in each file that names none")
     parser.add_argument("--keep", action="store_true", help="keep the folders of cases that fail")
 
 
@@ -297,6 +304,7 @@ def take_options(arguments):
     Options.through = arguments.through
     Options.patience = arguments.patience
     Options.keep = arguments.keep
+    Options.sandbox = arguments.sandbox
 
 
 def main():

@@ -14,6 +14,7 @@ struct ControlCallerPeer::Impl {
   Descriptor socket;
   bool connected = false;
   bool ended = false;
+  bool all_sent = true;
   std::string heard;
 };
 
@@ -31,7 +32,12 @@ bool ControlCallerPeer::Connected() const {
 }
 
 void ControlCallerPeer::Send(std::string_view bytes) {
-  static_cast<void>(send(impl_->socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+  const ssize_t sent = send(impl_->socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  if (sent != static_cast<ssize_t>(bytes.size())) impl_->all_sent = false;
+}
+
+bool ControlCallerPeer::AllSent() const {
+  return impl_->all_sent;
 }
 
 void ControlCallerPeer::EndSending() {

@@ -9,7 +9,8 @@
 //   --from TEXT   counts from the first call on one of whose paths ends in this
 //   --wait        counts from SIGUSR1 on; until then the program runs as fast as without us
 //   --at          kills VICTIMS ("program", "copies" or "all") by SIGKILL when process WHO comes to that stop; with
-//                 "none" that process stays there until SIGUSR1
+//                 "none" that process stays there until SIGUSR1. When none of them lives just then, it goes on as
+//                 without a point
 //   --without-links  the program finds itself on a file system without hard links
 //
 // SIGUSR2 ends the counting, SIGTERM kills everything. What the command prints goes to standard error; standard output
@@ -219,6 +220,7 @@ pid_t Start(const Options& options, int reading) {
   try {
     char byte = 0;
     if (read(reading, &byte, 1) != 1) _exit(127);
+    signal(SIGHUP, SIG_DFL);  // whoever runs the tests may ignore it, and the program asks
     if (options.without_links) RefuseLinks();
     if (dup2(STDERR_FILENO, STDOUT_FILENO) < 0) Fail("dup2");
     execvp(options.command.front(), options.command.data());
@@ -413,16 +415,34 @@ class Tracer {
     return traced.who == options_.who && traced.stops == options_.number;
   }
 
+  // Whether it dies at the point.
+  bool IsVictim(pid_t process) const {
+    switch (options_.victims) {
+      case Victims::kProgram:
+        return process == program_;
+      case Victims::kCopies:
+        return process != program_;
+      case Victims::kAll:
+        return true;
+      case Victims::kNone:
+        break;
+    }
+    return false;
+  }
+
   void ActAt(pid_t process, const Traced& traced) {
+    const bool is_held = options_.victims == Victims::kNone;
+    const auto is_victim = [this](const auto& each) { return IsVictim(each.first); };
+    if (!is_held && std::none_of(traced_.begin(), traced_.end(), is_victim)) return;
     // What lives on does so as fast as it can.
     stepping_ = false;
-    if (options_.victims == Victims::kNone) {
+    if (is_held) {
       held_ = process;
       std::printf("held %zu %zu\n", traced.who, traced.stops);
       return;
     }
     for (const auto& [each, other] : traced_) {
-      if (options_.victims == (each == program_ ? Victims::kCopies : Victims::kProgram)) continue;
+      if (!IsVictim(each)) continue;
       kill(each, SIGKILL);
       std::printf("killed %zu %zu\n", other.who, other.stops);
     }

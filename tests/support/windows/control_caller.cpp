@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <deque>
+#include <mutex>
 #include <stop_token>
 #include <thread>
 
@@ -30,6 +31,7 @@ struct ControlCallerPeer::Impl {
     if (connected && !is_open) {
       waiting = std::jthread([this](const std::stop_token& stop) {
         while (!stop.stop_requested() && !Open() && GetLastError() == ERROR_PIPE_BUSY) Sleep(kPause);
+        has_given_up = !is_open;
       });
     }
   }
@@ -48,11 +50,13 @@ struct ControlCallerPeer::Impl {
     const HANDLE opened = CreateFileW(pipe_name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr);
     if (opened == INVALID_HANDLE_VALUE) return false;
+    const std::lock_guard lock(mutex);
     pipe = NativeFile(reinterpret_cast<std::intptr_t>(opened));
     is_open = true;
+    SendUnsent();
     return true;
   }
-  // What was to be said before the pipe was there is said when it is.
+  // What was to be said before the pipe was there is said when it is. With the lock.
   void SendUnsent() {
     while (is_open && !unsent.empty()) {
       Piece& piece = sent.emplace_back(unsent.front());
@@ -63,18 +67,23 @@ struct ControlCallerPeer::Impl {
   }
   // How much there is; 0 with `ended` set when there will be nothing more.
   DWORD Available() {
-    SendUnsent();
     DWORD available = 0;
-    if (is_open && PeekNamedPipe(HandleOf(pipe), nullptr, 0, nullptr, &available, nullptr) == 0) ended = true;
+    if (has_given_up ||
+        (is_open && PeekNamedPipe(HandleOf(pipe), nullptr, 0, nullptr, &available, nullptr) == 0)) {
+      ended = true;
+    }
     return available;
   }
 
   const std::wstring pipe_name;
   bool connected = false;
   std::atomic<bool> is_open{false};
+  // There is no pipe any more for which it could wait.
+  std::atomic<bool> has_given_up{false};
   NativeFile pipe;  // of the waiting thread until it is open
-  std::deque<std::string> unsent;
-  std::deque<Piece> sent;
+  mutable std::mutex mutex;
+  std::deque<std::string> unsent;  // under the mutex
+  std::deque<Piece> sent;          // so too
   std::string heard;
   bool ended = false;
   std::jthread waiting;
@@ -89,8 +98,14 @@ bool ControlCallerPeer::Connected() const {
 }
 
 void ControlCallerPeer::Send(std::string_view bytes) {
+  const std::lock_guard lock(impl_->mutex);
   impl_->unsent.emplace_back(bytes);
   impl_->SendUnsent();
+}
+
+bool ControlCallerPeer::AllSent() const {
+  const std::lock_guard lock(impl_->mutex);
+  return impl_->unsent.empty();
 }
 
 const std::string& ControlCallerPeer::Heard() {
