@@ -90,6 +90,15 @@ function(trabex_test_headers)
     <span> <sstream> <string> <string_view> <thread> <unordered_map> <utility> <variant> <vector>)
 endfunction()
 
+# Tells these tests of TARGET the path of the source tree, as TRABEX_SOURCE_DIR. Only they are then compiled anew in
+# another folder, where ccache knows all others.
+function(trabex_tell_source_folder TARGET)
+  foreach(file IN LISTS ARGN)
+    set_property(SOURCE ${file} TARGET_DIRECTORY ${TARGET} APPEND PROPERTY
+      COMPILE_DEFINITIONS TRABEX_SOURCE_DIR="${CMAKE_SOURCE_DIR}")
+  endforeach()
+endfunction()
+
 # trabex_test(NAME base_text SOURCES unit/base/text_test.cpp LINKS base): one test program, known to ctest.
 function(trabex_test)
   cmake_parse_arguments(TEST "" "NAME;TIMEOUT" "SOURCES;LINKS" ${ARGN})

@@ -58,7 +58,9 @@ class Children:
             return child
 
     def run(self, command, seconds, cwd, environment=None):
-        """Returns the status, everything that was said, and whether it ended within its time; it is asked to end then."""
+        """Returns the status, everything that was said, and whether it ended within its time; its whole process group is
+        asked to end then.
+        """
         # No pipe: services of Wine that a program starts would hold it open when that has ended.
         with tempfile.TemporaryFile() as output:
             child = self._start(command, cwd, environment, output)
@@ -85,19 +87,42 @@ class Children:
             self._ending = True
             running = list(self._running)
         for child in running:
-            child.terminate()
+            ask_to_end(child)
         end = time.monotonic() + SECONDS_TO_END
         for child in running:
             end_session(child, max(0.0, end - time.monotonic()))
 
 
-def end_session(child, seconds):
-    """Asks the child to end, which may take so long, and kills what is left of its session then."""
-    child.terminate()
-    with contextlib.suppress(subprocess.TimeoutExpired):
-        child.wait(seconds)
+def ask_to_end(child):
+    """Asks the child's whole process group: a shell would end at once and leave what it has started, such as a build, which
+    has to end its compilers.
+    """
     with contextlib.suppress(ProcessLookupError):
-        os.killpg(child.pid, signal.SIGKILL)
+        os.killpg(child.pid, signal.SIGTERM)
+
+
+def processes_of_session(session):
+    """The numbers of the processes of a session that have not ended, whatever their process groups are."""
+    for entry in Path("/proc").iterdir():
+        # One that has gone is none of them.
+        with contextlib.suppress(OSError):
+            if entry.name.isdigit():
+                # Behind the name, which may hold anything.
+                state, _, _, its_session = (entry / "stat").read_text(errors="replace").rpartition(")")[2].split()[:4]
+                if int(its_session) == session and state not in "ZX":
+                    yield int(entry.name)
+
+
+def end_session(child, seconds):
+    """Asks the child and what it has started to end, which may take so long, and kills what is left of its session then."""
+    ask_to_end(child)
+    end = time.monotonic() + seconds
+    while time.monotonic() < end and any(processes_of_session(child.pid)):
+        child.poll()
+        time.sleep(0.05)
+    for number in list(processes_of_session(child.pid)):
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(number, signal.SIGKILL)
 
 
 @contextlib.contextmanager

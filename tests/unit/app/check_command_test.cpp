@@ -9,6 +9,7 @@
 
 #include "app/start_up.h"
 #include "base/text.h"
+#include "platform/files.h"
 #include "program_fixture.h"
 
 namespace trabex {
@@ -25,9 +26,10 @@ class CheckCommandTest : public ProgramTest {
     err_.str("");
     return RunProgram(arguments, MakeDependencies());
   }
+  std::string IniFile() const { return NativePath(folder_ / "Trabex.ini"); }
   void WriteIni(const std::string& lines) {
-    WriteFile(folder_ / "Trabex.ini", "[Common]\nBindPort=2525\nLocalDomains=example.org\nLogPath=" +
-                                          (folder_ / "Log") + "\n" + lines);
+    WriteFile(IniFile(), "[Common]\nBindPort=2525\nLocalDomains=example.org\nLogPath=" + (folder_ / "Log") +
+                             "\n" + lines);
   }
 };
 
@@ -46,8 +48,8 @@ TEST_F(CheckCommandTest, FailsForErrorsOnlyWhateverIgnoreIniErrorsSays) {
   for (const char* ignore : {"IgnoreIniErrors=0\n", "IgnoreIniErrors=1\n"}) {
     WriteIni(ignore + std::string("Timeout=x\n"));
     EXPECT_EQ(Run({"--check"}), 1);
-    EXPECT_EQ(out_.str(), folder_ /
-                              "Trabex.ini:6: error: [Common] Timeout: Value is not a number: \"x\".\n"
+    EXPECT_EQ(out_.str(), IniFile() +
+                              ":6: error: [Common] Timeout: Value is not a number: \"x\".\n"
                               "1 errors, 0 warnings\n");
     WriteIni(ignore + std::string("[Service]\nStatusHTTP=0.0.0.0:1\n"));
     EXPECT_EQ(Run({"--check"}), 0);
@@ -60,22 +62,23 @@ TEST_F(CheckCommandTest, NamesTheFileAsItWasGiven) {
   EXPECT_EQ(Run({"--check", "/I", "x.ini"}), 1);
   EXPECT_THAT(out_.str(), StartsWith("x.ini:1: error: Section name expected: \"Timeout=x\".\n"));
   EXPECT_EQ(Run({"--check", "/I", "y.ini"}), 1);
-  EXPECT_EQ(out_.str(), "y.ini: error: Error reading initialization file \"" + (folder_ / "y.ini") +
+  EXPECT_EQ(out_.str(), "y.ini: error: Error reading initialization file \"" + NativePath(folder_ / "y.ini") +
                             "\". Error number: 53, Description: File not found\n1 errors, 0 warnings\n");
 }
 
 TEST_F(CheckCommandTest, FindsCertificatesThatCannotBeLoaded) {
-  WriteIni("[TLS]\nCertificate=/no/such.pem\n");
+  const std::string file = NativePath(folder_ / "no/such.pem");
+  WriteIni("[TLS]\nCertificate=" + file + "\n");
   EXPECT_EQ(Run({"--check"}), 1);
-  EXPECT_THAT(out_.str(), StartsWith(folder_ / "Trabex.ini: error: [TLS]: Unable to load certificate "
-                                               "\"/no/such.pem\". "));
+  EXPECT_THAT(out_.str(),
+              StartsWith(IniFile() + ": error: [TLS]: Unable to load certificate \"" + file + "\". "));
 }
 
 TEST_F(CheckCommandTest, FindsALoop) {
   WriteIni("ServerIP=127.0.0.1\nServerPort=2525\n");
   EXPECT_EQ(Run({"--check", "--offline"}), 1);
-  EXPECT_EQ(out_.str(), folder_ /
-                            "Trabex.ini:5: error: [Common] ServerIP: Loop detected: Server IP address and "
+  EXPECT_EQ(out_.str(), IniFile() +
+                            ":5: error: [Common] ServerIP: Loop detected: Server IP address and "
                             "port point to listening address and port.\n1 errors, 0 warnings\n");
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "net/socket_errors.h"
+#include "platform/files.h"
 #include "support/temp_folder.h"
 
 namespace trabex {
@@ -246,26 +247,26 @@ TEST_F(CheckTest, FindsFoldersThatAreMissing) {
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n"), Lines{}) << "the log makes the last level";
   EXPECT_EQ(Found(start + (folder_ / "new/") + "\n"), Lines{});
   EXPECT_EQ(Found(start + (folder_ / "no/new") + "\n"),
-            (Lines{"4: error: [Common] LogPath: The folder of the log, \"" + (folder_ / "no") +
+            (Lines{"4: error: [Common] LogPath: The folder of the log, \"" + NativePath(folder_ / "no") +
                    "\", is missing."}));
   WriteFile(folder_ / "file", "");
   EXPECT_EQ(Found(start + (folder_ / "file") + "\n"),
-            (Lines{"4: error: [Common] LogPath: The folder of the log, \"" + (folder_ / "file") +
+            (Lines{"4: error: [Common] LogPath: The folder of the log, \"" + NativePath(folder_ / "file") +
                    "\", is missing."}));
   EXPECT_EQ(Found(start + (folder_ / "no/new") + "\nLog=0\n"), Lines{}) << "nothing is logged";
 
   const std::string grey = Base() + "[GreyListing]\nEnabled=1\nHostsBlackList=\n";
   EXPECT_EQ(Found(grey + "Database=" + (folder_ / "no/db") + "\n"),
-            (Lines{"8: error: [GreyListing] Database: The folder of the database, \"" + (folder_ / "no") +
-                   "\", is missing."}));
+            (Lines{"8: error: [GreyListing] Database: The folder of the database, \"" +
+                   NativePath(folder_ / "no") + "\", is missing."}));
   EXPECT_EQ(Found(grey), (Lines{" error: [GreyListing] Database: The folder of the database, \"" +
-                                (folder_ / "GreyListing") + "\", is missing."}));
+                                NativePath(folder_ / "GreyListing") + "\", is missing."}));
   EXPECT_EQ(Found(Base() + "[GreyListing]\nDatabase=/no/such/folder/db\n"), Lines{}) << "it is not used";
 
   const std::string json = "[Service]\nJsonLog=";
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "no/log.json") + "\n"),
-            (Lines{"6: error: [Service] JsonLog: The folder of the log in JSON, \"" + (folder_ / "no") +
-                   "\", is missing."}));
+            (Lines{"6: error: [Service] JsonLog: The folder of the log in JSON, \"" +
+                   NativePath(folder_ / "no") + "\", is missing."}));
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "new/log.json") + "\n"), Lines{})
       << "the log has made it by then";
   EXPECT_EQ(Found(start + (folder_ / "new") + "\n" + json + (folder_ / "log.json") + "\n"), Lines{});

@@ -56,6 +56,12 @@ class ControlServerTest : public testing::Test {
     EXPECT_TRUE(RunUntil(loop_, [&] { return caller.Ended(); })) << line;
     return caller.Heard();
   }
+  // What the callers have done so far has reached the server: what happens to pipes is told in its order, one after
+  // the other, and later than the loop has nothing to do.
+  void Settle() {
+    EXPECT_EQ(Answer("ECHO\tlast\n"), "T 6\n[last]X 3\n");
+    RunUntilIdle(loop_);
+  }
   bool Runs(const std::function<bool()>& predicate) { return RunUntil(loop_, predicate); }
   void Pass(Milliseconds span) {
     clock_.Advance(span);

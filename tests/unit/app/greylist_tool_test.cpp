@@ -210,6 +210,21 @@ TEST_F(GreyListToolTest, WhatIsExportedAndImportedElsewhereIsEqual) {
   EXPECT_THAT(holds_, ElementsAre(true, false, true, false, true, false, true, false));
 }
 
+// Exported times are whole seconds, those of records are not.
+TEST_F(GreyListToolTest, WhatIsExportedAndImportedAgainChangesNothing) {
+  constexpr double kDelayed = 46000;
+  constexpr double kExpires = 46001;
+  for (int number = 0; number < 10; ++number) {
+    const double part = number / 10.0 / kSecondsPerDay;
+    database_.Add({"192.0.9 a" + std::to_string(number) + "@x r@y", kExpires + part, kDelayed + part,
+                   number % 2 == 0 ? -1 : 2});
+  }
+  const std::string exported = Ask({"export"}).text;
+  for (const std::string mode : {"--merge", "--replace"}) {
+    EXPECT_EQ(Ask({"import", Path(exported), mode}).text, "10 read, 0 added, 0 changed, 0 deleted\n");
+  }
+}
+
 TEST_F(GreyListToolTest, MergeKeepsTheBetterOneOfEachKey) {
   const auto row = [](const std::string& accepted, int attempts, int delayed, int expires) {
     const auto time = [](int day) { return "\"2026-12-" + std::to_string(day) + "T00:00:00Z\""; };

@@ -143,7 +143,7 @@ TEST_F(LogFileTest, ExistingFileIsAppendedTo) {
 TEST_F(LogFileTest, LineThatWasCutOffTakesNoOtherWithIt) {
   fs::create_directory(configuration_.LogPath);
   const fs::path path = fs::path(configuration_.LogPath) / "Trabex-25-261115.log";
-  std::ofstream(path) << "whole\r\ncut o";
+  WriteFile(path.string(), "whole\r\ncut o");
   log_.LogLine("one");
   log_.Close();
   log_.LogLine("two");

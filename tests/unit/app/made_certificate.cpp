@@ -5,7 +5,9 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <chrono>
 #include <memory>
+#include <string>
 
 namespace trabex {
 
@@ -36,6 +38,17 @@ std::string KeyText(EVP_PKEY* key, const EVP_CIPHER* cipher, char* password) {
   return TextOf(bio.get());
 }
 
+// "YYYYMMDDhhmmssZ".
+std::string GeneralizedTime(std::chrono::sys_seconds time) {
+  const auto day = std::chrono::floor<std::chrono::days>(time);
+  const std::chrono::year_month_day date(day);
+  const std::chrono::hh_mm_ss of_day(time - day);
+  const auto two_digits = [](auto number) { return std::to_string(100 + number).substr(1); };
+  return std::to_string(static_cast<int>(date.year())) + two_digits(static_cast<unsigned>(date.month())) +
+         two_digits(static_cast<unsigned>(date.day())) + two_digits(of_day.hours().count()) +
+         two_digits(of_day.minutes().count()) + two_digits(of_day.seconds().count()) + "Z";
+}
+
 }  // namespace
 
 MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chrono::sys_seconds valid_until,
@@ -47,7 +60,8 @@ MadeCertificate MakeCertificate(const std::vector<std::string>& names, std::chro
   X509_set_version(c, X509_VERSION_3);
   ASN1_INTEGER_set(X509_get_serialNumber(c), ++serial);
   ASN1_TIME_set(X509_getm_notBefore(c), 0);
-  ASN1_TIME_set(X509_getm_notAfter(c), valid_until.time_since_epoch().count());
+  // As text: the C library of Windows has no years beyond 3000.
+  EXPECT_EQ(ASN1_TIME_set_string_X509(X509_getm_notAfter(c), GeneralizedTime(valid_until).c_str()), 1);
   X509_NAME* const subject = X509_get_subject_name(c);
   X509_NAME_add_entry_by_txt(subject, "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>(common_name.data()),

@@ -243,6 +243,7 @@ TEST_F(MainWindowTest, UnloadNotifiesEveryClientAndWaitsUntilItHasTheReply) {
   EXPECT_THAT(heard, StartsWith("421 "));
   EXPECT_EQ(log_.back(), "Trabex 3.04.012 stopped.");
   client.Close();
+  server.Close();  // to which there may be a connection by now
   program_.loop.Run();
 }
 

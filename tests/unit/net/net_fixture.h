@@ -23,6 +23,7 @@
 #include "support/plain_socket.h"
 #include "support/recorded_log.h"
 #include "support/system_socket.h"
+#include "support/told_by_system.h"
 
 namespace trabex {
 
@@ -245,6 +246,8 @@ class NetTest : public testing::Test {
     RunUntilIdle(loop);
     accepted->Take();
   }
+  // What a reset of the peer is notified as, where the system tells it.
+  static std::string ResetEvent() { return ResetsAreTold() ? "Error(10054)" : "CloseSck"; }
   // Waits until everything the peer sent lies in our receive buffer.
   void AllHere() {
     ASSERT_TRUE(RunUntil(loop, [&] { return peer->AllDelivered(); }));

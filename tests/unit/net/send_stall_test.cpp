@@ -78,6 +78,7 @@ TEST_F(SendStallTest, APeerThatDoesNotReadIsStuck) {
 
 // All that the peer reads at a time is far less than what makes the system take more.
 TEST_F(SendStallTest, APeerThatReadsALittleIsNot) {
+  if (!AcknowledgementsAreTold()) GTEST_SKIP() << "Wine does not tell what the other end has acknowledged";
   FillUp();
   const std::size_t pending = (*accepted)->PendingBytes();
   const std::int64_t begin = (*accepted)->SendProgressMade();

@@ -180,27 +180,6 @@ TEST_F(ConnectTest, ARefusalTheSystemReturnsAtOnceIsAnErrorEventOfConnectToIP) {
   EXPECT_EQ(socket.error_source, "CSocketMaster.ConnectToIP");
 }
 
-TEST_F(ConnectTest, AnAddressThatIsNotAvailableIsRaisedToTheCaller) {
-  // The same two endpoints can be connected once only.
-  TracedSocket second(module);
-  WithFreePort([&](int port) {
-    socket->SetLocalPort(port);
-    socket->Connect("127.0.0.1", server.port);
-    second->SetLocalPort(port);
-  });
-  ExpectEvents(socket, "Connect");
-  ExpectError([&] { second->Connect("127.0.0.1", server.port); }, 10049, "CSocketMaster.ConnectToIP",
-              "Cannot assign requested address.");
-  EXPECT_EQ(second.Take(), "");
-  EXPECT_EQ(second->State(), SocketState::sckConnecting);
-  second->CloseSck();
-  // After a look-up there is no caller, so the event reports it.
-  names.SetAddresses("server.test", {kLoopback});
-  second->Connect("server.test", server.port);
-  ASSERT_TRUE(RunUntil(loop, [&] { return second->State() == SocketState::sckError; }));
-  EXPECT_EQ(second.Take(), "Error(10049)");
-}
-
 TEST_F(ConnectTest, WithoutADescriptorTheErrorEventSaysSo) {
   // Before the limit: a sanitizer needs descriptors for its first look at an object.
   socket->Connect("unknown.test", server.port);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <memory>
 #include <string>
 #include <vector>
@@ -447,6 +448,36 @@ TEST_F(EventLoopTest, ALateEventDoesNotReachAWatchThatTookTheSamePlace) {
   loop.RunOnce(kNow);
   EXPECT_TRUE(swapped);
   EXPECT_EQ(trace, "");
+}
+
+// More than the system is asked about at a time.
+TEST_F(EventLoopTest, WhatHasHappenedComesBeforeTimersThatAreDue) {
+  constexpr std::size_t kReady = 600;
+  std::size_t calls = 0;
+  std::vector<SystemSocket> sockets;
+  std::vector<std::unique_ptr<FdWatcher>> watches;
+  for (std::size_t i = 0; i < kReady; ++i) {
+    SystemSocket& socket = sockets.emplace_back(Transport::kUdp);
+    ASSERT_TRUE(socket.Bind({kIPv4Loopback, 0}));
+    socket.SendTo("x", socket.Local());
+  }
+  for (SystemSocket& socket : sockets) {
+    watches.push_back(std::make_unique<FdWatcher>(loop, socket.Native(), [&](FdReadiness) {
+      ++calls;
+      std::array<char, 1> room{};
+      std::size_t received = 0;
+      Endpoint from;
+      EXPECT_TRUE(socket.ReceiveFrom(room, received, from));
+    }));
+    watches.back()->SetInterest({.readable = true});
+  }
+  std::size_t calls_before_tick = 0;
+  Timer timer(loop, std::chrono::seconds(1), [&] { calls_before_tick = calls; });
+  timer.Enable();
+  clock.Advance(std::chrono::minutes(1));
+  RunUntilIdle(loop);
+  EXPECT_EQ(calls, kReady);
+  EXPECT_EQ(calls_before_tick, kReady);
 }
 
 TEST_F(EventLoopTest, AnErrorThatLeavesAHandlerIsADefectThatAReleaseSurvives) {

@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/bind_errors.h"
 #include "platform/clock.h"
 #include "platform/sockets.h"
 #include "support/ip_address.h"
@@ -770,6 +771,25 @@ TEST(SocketsTest, OneEndpointHasOneListener) {
     Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, second));
     EXPECT_EQ(bench.sockets.BindExclusively(second, {address, bench.address.port}),
               socket_error::kAddressInUse);
+    EXPECT_TRUE(MayBeTaken(socket_error::kAddressInUse));
+  }
+}
+
+TEST(SocketsTest, AListenerOnAllAddressesHasEachOfThem) {
+  Bench bench;
+  SocketHandle all;
+  Bench::Must(bench.sockets.Close(bench.listener));
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, all));
+  Bench::Must(bench.sockets.BindExclusively(all, {kIPv4Any, bench.address.port}));
+  Bench::Must(bench.sockets.Listen(all, 0));
+  SocketHandle one;
+  Bench::Must(bench.sockets.Open(Transport::kTcp, AddressFamily::kIPv4, one));
+  const int error = bench.sockets.BindExclusively(one, bench.address);
+  EXPECT_TRUE(MayBeTaken(error)) << error;
+  Bench::Must(bench.sockets.Close(all));
+  EXPECT_EQ(bench.sockets.BindExclusively(one, bench.address), 0);
+  for (const int other : {0, socket_error::kAddressNotAvailable, socket_error::kTooManyOpenFiles}) {
+    EXPECT_FALSE(MayBeTaken(other)) << other;
   }
 }
 
