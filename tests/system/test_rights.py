@@ -8,6 +8,7 @@ import re
 import subprocess
 from pathlib import Path
 
+from addresses import endpoint
 from processes import reserve_port
 from sandbox import why_no_sandbox
 from shifted_clock import ShiftedClock
@@ -292,7 +293,7 @@ class User(Rights):
         other = next(one for one in range(port - 1, 400, -1) if one != port)
         status, errors = self.reload(proxy, BindPortTLS=other)
         self.assertEqual(status, 1)
-        self.assertIn(f"Error 10013 binding to {LOOPBACK}:{other}.", errors)
+        self.assertIn(f"Error 10013 binding to {endpoint(other)}.", errors)
         self.assertEqual(self.serial(proxy, authority), made.serial())
 
         self.assertEqual(run_trabex("/X", "/P", port, "--user", USER), (0, "", ""))
