@@ -14,7 +14,9 @@ struct TextRow {
 };
 
 // Otherwise the bytes between its parts would be shown too, which nobody has written.
-void PrintTo(const TextRow& row, std::ostream* out) { *out << row.number << ' ' << row.text; }
+void PrintTo(const TextRow& row, std::ostream* out) {
+  *out << row.number << ' ' << row.text;
+}
 
 class SocketErrorTextTest : public testing::TestWithParam<TextRow> {};
 
