@@ -118,6 +118,40 @@ TEST(Ehlo, SecondOneStartsAnew) {
     -> NOOP)");
 }
 
+// A client takes the reply that nobody asked for as that to its next command, which may be an EHLO.
+TEST(Ehlo, AReplyToItThatNobodyAskedForIsRewrittenToo) {
+  const auto settings = [](SessionFixture& fixture) {
+    fixture.Settings.MaxSize = 1000 * kFixedPointOne;
+    AddPattern(fixture.Settings.RemoveSMTPExtensionsLocal, "CHUNKING");
+  };
+  const std::string unasked = R"(
+    S+ 250-server again\r\n250-STARTTLS\r\n250-XCLIENT NAME ADDR\r\n250-PIPELINING\r\n250-CHUNKING\r\n250 SIZE 5000\r\n
+    <- 250-server again
+    <- 250 SIZE 1000
+)";
+  PlayEveryWay(settings, Greeting() + unasked + Ehlo({"8BITMIME", "SIZE 1000"}));
+  // In one packet with the one that was asked for.
+  PlayEveryWay(settings, Greeting() + R"(
+    C: EHLO client.test
+    -> EHLO client.test
+    S+ 250-server\r\n250 SIZE 700\r\n250-server again\r\n250-XCLIENT NAME\r\n250 SIZE 5000\r\n
+    <- 250-server
+    <- 250 SIZE 700
+    <- 250-server again
+    <- 250 SIZE 1000
+    # It changes nothing.
+    C: MAIL FROM:<a@b.test> SIZE=701
+    <- 552 5.3.4 Message size (701 bytes) exceeds fixed maximium message size (700 bytes).
+)");
+  PlayEveryWay(settings, Greeting() + Ehlo({"SIZE 1000"}) + MailAndRcpt() + unasked + "C: DATA\n-> DATA");
+}
+
+TEST(Ehlo, AReplyOfOneLineThatNobodyAskedForStaysAsItIs) {
+  PlayEveryWay(
+      [](SessionFixture& fixture) { AddPattern(fixture.Settings.AddSMTPExtensionsLocal, "XTRA"); },
+      Greeting() + "S: 250 hello\n<- 250 hello\nS: 251-two\nS: 251 XCLIENT\n<- 251-two\n<- 251 XCLIENT");
+}
+
 TEST(Helo, HeaderSaysSmtp) {
   PlayEveryWay([](SessionFixture& fixture) { fixture.Names.SetName(kIPv4Loopback, "client.example"); }, R"(
     S: 220 server ready

@@ -189,6 +189,16 @@ TEST(Relay, AnEhloReplyThatIsLongerThanAnyEndsTheSession) {
   EXPECT_EQ(fixture.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
 }
 
+// Its end may be extensions.
+TEST(Relay, AReplyThatIsLongerThanAnyAndNobodyAskedForEndsTheSession) {
+  std::string reply = LongReply("S:", 400);
+  reply = ReplaceAll(reply, "214", "250");
+  SessionFixture fixture;
+  const std::string failure = fixture.Play(Greeted() + reply);
+  fixture.Settle();
+  EXPECT_EQ(fixture.Play("<- 421 proxy.test is temporarily unavailable.\nclosed C"), "") << failure;
+}
+
 TEST(Relay, WhatFollowsTheContentWaitsForTheReply) {
   PlayEveryWay({}, InContent() + R"(
     C+ text\r\n.\r\nRSET\r\nMAIL FROM:<c@d.test>\r\n

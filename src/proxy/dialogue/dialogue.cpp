@@ -234,9 +234,9 @@ void Dialogue::OnServerBytes(std::string bytes, DialogueActions& actions) {
   if (preface_) return TakePrefaceBytes(actions);
   RelayReplies(actions);
   if (!assembler_.TooLong()) return;
-  // Relayed in parts, unchanged, unless it offers extensions; its last line decides what it means.
+  // Relayed in parts, unchanged, unless it may offer extensions; its last line decides what it means.
   const bool is_ehlo_reply = state_.phase == Phase::kReply && state_.forwarded.command == Command::kEhlo;
-  if (!is_ehlo_reply && RelayWholeLines(actions)) return;
+  if (!is_ehlo_reply && !IsUnasked(state_.phase) && RelayWholeLines(actions)) return;
   actions.Log(Side::kServer, log_level::kErrors, "Reply too long. Closing connection.");
   EndWithoutServer(actions);
 }

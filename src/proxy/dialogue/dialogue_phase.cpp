@@ -125,6 +125,32 @@ bool AwaitsServer(Phase phase) {
   return false;
 }
 
+bool IsUnasked(Phase phase) {
+  switch (phase) {
+    case kCommand:
+    case kStartTls:
+    case kAsking:
+    case kAnsweredOctets:
+    case kDiscard:
+      return true;
+    case kProxyHeader:
+    case kTls:
+    case kPreface:
+    case kServerGreeting:
+    case kReply:
+    case kAuthData:
+    case kDotContent:
+    case kChunk:
+    case kOctets:
+    case kContentReply:
+    case kTooLarge:
+    case kFarewell:
+    case kEnding:
+      break;
+  }
+  return false;
+}
+
 std::span<const PhaseTransition> PhaseTransitions() {
   return kPhaseTransitions;
 }

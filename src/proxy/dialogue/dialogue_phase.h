@@ -43,6 +43,10 @@ enum class ClientBytes {
 };
 ClientBytes ExpectedBytes(Phase phase);
 
+// Whether a reply that comes now is to nothing that the server was told. The client may take it for one to its next
+// command, or to that about which somebody else is being asked.
+bool IsUnasked(Phase phase);
+
 // Whether the server has to say something before the session goes on, or to close behind its farewell.
 bool AwaitsServer(Phase phase);
 
@@ -76,8 +80,8 @@ struct PhaseTransition {
   Phase to;
 };
 std::span<const PhaseTransition> PhaseTransitions();
-// The phase after `event`. Without a row the phase stays: an unsolicited reply (421) is relayed and changes
-// nothing.
+// The phase after `event`. Without a row the phase stays: an unsolicited reply (421) is relayed, without the extensions
+// that a reply to EHLO may not offer, and changes nothing.
 Phase NextPhase(Phase from, PhaseEvent event);
 
 // What the server has accepted.

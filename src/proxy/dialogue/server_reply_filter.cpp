@@ -29,6 +29,13 @@ bool CanBeReliedOn(std::string_view reply, Command command) {
   return command == Command::kEhlo ? CodeOf(LastLine(reply)) == CodeOf(reply) : HasOneCode(reply);
 }
 
+// Whether a client may take a reply that nobody asked for as that to its EHLO, and believe that the server offers what
+// stands in it.
+bool MayPassForEhloReply(std::string_view reply, Phase phase) {
+  return IsUnasked(phase) && LastLine(reply) != reply && CodeOf(reply) == "250" &&
+         CanBeReliedOn(reply, Command::kEhlo);
+}
+
 // `meant` is the code, "" when it does not count.
 PhaseEvent EventOf(std::string_view reply, std::string_view meant, const DialogueState& state) {
   const Command command = state.forwarded.command;
@@ -172,6 +179,9 @@ ReplyDecision ServerReplyFilter::ProcessOutgoingData(std::string_view reply,
     decision.transaction = NextTransaction(state.transaction, forwarded.command, forwarded.last_chunk, meant);
     if (meant == "250") FollowAccepted(text, configuration_, facts_, state, decision);
     refuses_message = forwarded.last_chunk && meant != "250";
+  } else if (MayPassForEhloReply(text, state.phase)) {
+    OfferedState unused;
+    decision.text = RewriteEhloReply(text, configuration_, facts_, unused);
   }
   if (decision.event == PhaseEvent::kContentWanted && state.requested.RecipientCount != 0 &&
       configuration_.AddReceived) {
