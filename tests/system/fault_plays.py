@@ -2,6 +2,9 @@
 
 Each play is one session. Its client has an address of its own, by which the server (told by a PROXY header), the log and
 the log in JSON know it. Beside the plays a plain session talks all the time.
+
+Each fault of SERVER_FAULTS and CLIENT_FAULTS is played in each of PHASES by each of TRANSPORTS, but for those that would be
+nothing: makes_sense_of_server and makes_sense_of_client say which, and why.
 """
 
 import asyncio
@@ -11,7 +14,7 @@ import ssl
 import struct
 
 from addresses import LOOPBACK
-from secured_stream import SecuredStream
+from secured_stream import SecuredStream, Wire
 
 UNAVAILABLE = "421 proxy.example is temporarily unavailable."
 # Of a reply without an end the client takes so much.
@@ -36,13 +39,16 @@ STEPS = {
     QUIT: ("QUIT\r\n", "221"),
 }
 SERVER_FAULTS = ("refuses", "hangs", "resets", "closes", "sends without end", "sends a line without end",
-                 "speaks unasked", "byte by byte")
+                 "speaks unasked", "offers unasked", "byte by byte")
 CLIENT_FAULTS = ("vanishes", "vanishes inside", "is silent", "byte by byte", "never reads", "half-closes")
+SLOW = "a byte a second"
 # Where TLS is spoken.
 PLAIN, WITH_CLIENT, WITH_SERVER = TRANSPORTS = ("plain", "TLS with the client", "TLS with the server")
 
 
 UNASKED = "250 nobody has asked"
+# What no client may be offered.
+OFFERED = "250-nobody has asked\n250-STARTTLS\n250-PIPELINING\n250 XCLIENT NAME ADDR"
 REFUSED = "554 5.7.1 refused by the test"
 _LONG = "a line of a long reply"
 # The server's replies.
@@ -74,25 +80,58 @@ def prefix(phase, transport):
 
 def table(transport):
     """(side, fault, phase) of all plays."""
-    own = {STARTTLS: None, HANDSHAKE: None, AFTER_TLS: WITH_CLIENT}
     for phase in PHASES:
-        if own.get(phase, transport) not in (transport, None) or (transport == PLAIN and phase in (STARTTLS, HANDSHAKE)):
-            continue
-        between_peers = phase in (PREFACE, STARTTLS, HANDSHAKE)
-        if phase == PREFACE or not between_peers or transport == WITH_SERVER:
-            for fault in SERVER_FAULTS:
-                if (phase, fault) not in {(CONTENT, "byte by byte"), (HANDSHAKE, "byte by byte")}:
-                    yield "server", fault, phase
-        if phase != PREFACE and (not between_peers or transport == WITH_CLIENT):
-            for fault in CLIENT_FAULTS:
-                if phase == GREETING and fault not in ("vanishes", "never reads", "half-closes"):
-                    continue
-                if (fault, phase) == ("is silent", EHLO) and transport == WITH_SERVER:
-                    continue
-                if fault == "never reads" and phase in (STARTTLS, HANDSHAKE, CONTENT):
-                    continue
-                if (phase, fault) != (HANDSHAKE, "byte by byte"):
-                    yield "client", fault, phase
+        for fault in SERVER_FAULTS:
+            if makes_sense_of_server(fault, phase, transport):
+                yield "server", fault, phase
+        for fault in CLIENT_FAULTS:
+            if makes_sense_of_client(fault, phase, transport):
+                yield "client", fault, phase
+
+
+def slow_table(transport):
+    """The same of those that take as many seconds as they send bytes."""
+    for phase in PHASES:
+        if makes_sense_of_client("byte by byte", phase, transport):
+            yield "client", SLOW, phase
+
+
+def is_between_peers(phase, transport):
+    """Whether Trabex and the server are at it, and the client has heard nothing yet."""
+    return phase == PREFACE or (transport == WITH_SERVER and phase in (STARTTLS, HANDSHAKE))
+
+
+def exists(phase, transport):
+    if phase in (STARTTLS, HANDSHAKE):
+        return transport != PLAIN
+    return phase != AFTER_TLS or transport == WITH_CLIENT
+
+
+def makes_sense_of_server(fault, phase, transport):
+    if transport == WITH_CLIENT and phase == STARTTLS:
+        return False  # Trabex answers at once, and does not ask the server
+    if transport == WITH_CLIENT and phase == HANDSHAKE:
+        return fault not in ("refuses", "hangs", "byte by byte")  # of a server that owes nothing
+    if fault == "offers unasked" and phase in (DATA, CONTENT, QUIT):
+        return False  # the session ends with it, and nothing is offered to anybody
+    return exists(phase, transport) and (phase, fault) != (CONTENT, "byte by byte")  # there is no reply to it
+
+
+def makes_sense_of_client(fault, phase, transport):
+    if is_between_peers(phase, transport):
+        return fault in ("vanishes", "half-closes")  # it has nothing to say, and gets nothing
+    if phase == GREETING:
+        return fault in ("vanishes", "never reads", "half-closes")  # it has nothing to say
+    if fault == "never reads" and phase in (STARTTLS, HANDSHAKE, CONTENT):
+        return False  # it gets nothing that could stay where it is
+    return exists(phase, transport)
+
+
+class _Bytes(Wire):
+    """Each byte of what is encrypted in a packet of its own."""
+
+    def segments(self, data):
+        return [bytes([byte]) for byte in data]
 
 
 class Peer:
@@ -103,8 +142,8 @@ class Peer:
         self._raw = writer
         self.heard = bytearray()
 
-    async def start_tls(self, context, server_side):
-        secured = SecuredStream(self.reader, self.writer, context, server_side)
+    async def start_tls(self, context, server_side, slowly=False):
+        secured = SecuredStream(self.reader, self.writer, context, server_side, _Bytes() if slowly else None)
         self.reader = self.writer = secured
         await secured.handshake()
 
@@ -112,11 +151,11 @@ class Peer:
         self.writer.write(data.encode("latin-1") if isinstance(data, str) else data)
         await self.writer.drain()
 
-    async def send_slowly(self, data):
-        """Each byte in a packet (and a record) of its own."""
-        for byte in data.encode("latin-1"):
+    async def send_slowly(self, data, pause=0):
+        """Each byte in a packet (and a record) of its own, with so many seconds behind it."""
+        for byte in data.encode("latin-1") if isinstance(data, str) else data:
             await self.send(bytes([byte]))
-            await asyncio.sleep(0)
+            await asyncio.sleep(pause)
 
     async def read_line(self):
         line = await self.reader.readuntil(b"\r\n")
@@ -174,6 +213,7 @@ class Play:
         self.server_ended = asyncio.Event()
         self.reached_server = asyncio.Event()  # the phase
         self.client_waits = asyncio.Event()
+        self.server_acted = asyncio.Event()  # in its fault
 
     async def run(self, proxy, context):
         """Plays the client's part. Raises AssertionError when something comes before the fault that should not."""
@@ -197,7 +237,7 @@ class Play:
 
     def before_client(self):
         """Whether the phase is one of Trabex and the server alone: the client has heard nothing yet."""
-        return self.phase in (GREETING, PREFACE) or (self.transport == WITH_SERVER and self.phase in (STARTTLS, HANDSHAKE))
+        return self.phase == GREETING or is_between_peers(self.phase, self.transport)
 
     async def _step(self, peer, phase):
         if phase == HANDSHAKE:
@@ -210,6 +250,8 @@ class Play:
                 raise AssertionError(f"{phase}: {reply!r}")
 
     async def _meet_server(self, peer):
+        if (self.transport, self.phase) == (WITH_CLIENT, HANDSHAKE):
+            return await self._meet_server_in_handshake(peer)
         if not self.before_client():
             await peer.send(STEPS[self.phase][0] + (STEPS[DOT][0] if (self.phase, self.fault) == (CONTENT, "hangs") else ""))
         if self.fault in ("sends without end", "sends a line without end"):
@@ -218,12 +260,30 @@ class Play:
             return peer.reset()
         self.client_waits.set()
         # Whatever comes: the client goes on to its last word, where that is still possible.
-        if (reply := await self._reply(peer)) and self.fault == "speaks unasked" and reply[:3] != "421":
+        if (reply := await self._reply(peer)) and self.fault in ("speaks unasked", "offers unasked") and reply[:3] != "421":
             reply = await self._reply(peer)
         if reply.startswith("354") and self.fault != "speaks unasked":
             await peer.send(STEPS[DOT][0])
             reply = await self._reply(peer)
         if reply and reply[:3] not in ("421", "221"):
+            await peer.send(STEPS[QUIT][0])
+        self.told += await peer.read_to_end()
+
+    async def _meet_server_in_handshake(self, peer):
+        """The server has its say while TLS with the client is due."""
+        self.client_waits.set()
+        await (self.server_ended if self.fault in ("closes", "resets") else self.server_acted).wait()
+        try:
+            await peer.start_tls(self._context, False)
+        except (AssertionError, ConnectionError):
+            if self.fault != "closes":
+                raise
+            return
+        if self.fault in ("sends without end", "sends a line without end"):
+            while len(self.told) < ENOUGH and (more := await peer.read_some()):
+                self.told += more
+            return peer.reset()
+        if self.fault in ("speaks unasked", "offers unasked") and await self._reply(peer):
             await peer.send(STEPS[QUIT][0])
         self.told += await peer.read_to_end()
 
@@ -237,11 +297,9 @@ class Play:
         return reply
 
     async def _misbehave(self, peer):
-        text = STEPS[self.phase][0] if self.phase != HANDSHAKE else ""
+        text = STEPS[self.phase][0] if self.phase in STEPS and not self.before_client() else ""
         if self.fault == "vanishes":
-            await peer.send(text)
-            if self.phase not in (GREETING, STARTTLS, HANDSHAKE):
-                await self.reached_server.wait()
+            await self._say(peer, text)
             peer.reset()
         elif self.fault == "vanishes inside":
             await peer.send(text[:len(text) // 2] or "\x16\x03\x01")
@@ -249,11 +307,16 @@ class Play:
         elif self.fault == "is silent":
             self.client_waits.set()
             self.told += await peer.read_to_end()
-        elif self.fault == "byte by byte":
-            await peer.send_slowly(text)
+        elif (self.fault, self.phase) == (SLOW, HANDSHAKE):
+            # As much as a handshake begins with.
+            with contextlib.suppress(ConnectionError):
+                await peer.send_slowly(b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + bytes(500), 1)
+        elif self.fault in ("byte by byte", SLOW):
+            await peer.send_slowly(text, 1 if self.fault == SLOW else 0)
             if self.phase == STARTTLS:
                 await self._step(peer, GREETING)
-                await peer.start_tls(self._context, False)
+            if self.phase in (STARTTLS, HANDSHAKE):
+                await peer.start_tls(self._context, False, slowly=self.phase == HANDSHAKE)
             elif self.phase == CONTENT:
                 await self._step(peer, DOT)
             elif await self._reply(peer) == "354 go on":
@@ -267,11 +330,15 @@ class Play:
             await self._nothing_moves()
             peer.reset()
         elif self.fault == "half-closes":
-            await peer.send(text)
-            if self.phase not in (GREETING, STARTTLS, HANDSHAKE):
-                await self.reached_server.wait()
+            await self._say(peer, text)
             peer.end_sending()
             self.told += await peer.read_to_end()
+
+    async def _say(self, peer, text):
+        """Says it, and waits for the server to know, where it has a part in the phase."""
+        await peer.send(text)
+        if is_between_peers(self.phase, self.transport) or self.phase not in (GREETING, STARTTLS, HANDSHAKE):
+            await self.reached_server.wait()
 
     async def _nothing_moves(self):
         """Until what the server sends stays where it is."""
@@ -338,7 +405,9 @@ class _ServerDialogue:
             await peer.read_line()
             await self._answer(STARTTLS)
             await self._answer(HANDSHAKE)
-            await peer.start_tls(self._tls, True)
+            slowly = self._play and (self._play.side, self._play.phase, self._play.fault) == ("server", HANDSHAKE, "byte by byte")
+            await peer.start_tls(self._tls, True, slowly)
+            await self._await_silence_behind(HANDSHAKE)
         play, ehlos = self._play, 0
         while True:
             line = await peer.read_line()
@@ -347,6 +416,9 @@ class _ServerDialogue:
                 ehlos += 1
                 secured = ehlos == 2 and play is not None and play.transport == WITH_CLIENT
                 await self._answer(AFTER_TLS if secured else EHLO)
+                if play and (play.transport, play.side, play.phase) == (WITH_CLIENT, "server", HANDSHAKE):
+                    await play.client_waits.wait()
+                    await self._answer(HANDSHAKE)
             elif verb == "DATA":
                 await self._answer(DATA)
                 if play and (play.side, play.phase) == ("server", DATA) and play.fault in ("refuses", "speaks unasked"):
@@ -375,25 +447,32 @@ class _ServerDialogue:
         if phase == play.phase:
             play.reached_server.set()
         if play.side == "server" and phase == play.phase:
-            await self._fault(reply)
+            await self._fault(phase, reply)
         elif phase == play.phase and play.fault == "never reads":
             await self._without_end(f"250-{_LONG}\r\n" * 1000)
         elif phase == play.phase and play.fault in ("vanishes", "half-closes"):
             await self._end()
         elif reply:
             await peer.send(reply + "\r\n")
-        if play.side == "client" and play.fault == "is silent" and phase == self._last_before():
-            await play.client_waits.wait()
-            if play.phase != HANDSHAKE:
-                await peer.send("421 you say nothing\r\n")
-                raise _Over
-            await self._end()
+        if phase != HANDSHAKE:
+            await self._await_silence_behind(phase)
+
+    async def _await_silence_behind(self, phase):
+        """Where the client says nothing from now on, the server has enough of it."""
+        play = self._play
+        if play is None or (play.side, play.fault) != ("client", "is silent") or phase != self._last_before():
+            return
+        await play.client_waits.wait()
+        if play.phase != HANDSHAKE:
+            await self._peer.send("421 you say nothing\r\n")
+            raise _Over
+        await self._end()
 
     def _last_before(self):
         """The last phase before that of the fault in which this server has a part."""
         last = [each for each in prefix(self._play.phase, self._play.transport)
                 if each not in (STARTTLS, HANDSHAKE, CONTENT)][-1]
-        return PREFACE if last == GREETING else last
+        return last if last != GREETING else HANDSHAKE if self._tls else PREFACE
 
     async def _end(self):
         await self._peer.read_to_end()
@@ -407,9 +486,11 @@ class _ServerDialogue:
             self._play.sent += len(data)
         await self._end()
 
-    async def _fault(self, reply):
+    async def _fault(self, phase, reply):
         peer, fault = self._peer, self._play.fault
         code = (reply or "250")[:3]
+        if phase == HANDSHAKE:
+            self._play.server_acted.set()
         if fault == "refuses":
             await peer.send(REFUSED + "\r\n")
         elif fault == "hangs":
@@ -424,10 +505,16 @@ class _ServerDialogue:
         elif fault == "sends a line without end":
             await self._without_end(f"{code} " + "x" * 30000)
         elif fault == "speaks unasked":
-            await peer.send(UNASKED + "\r\n")
+            unasked, answer = UNASKED + "\r\n", reply and reply + "\r\n"
+            if self._play.before_client():
+                # Alone it would be the answer.
+                return await peer.send(unasked + answer)
+            await peer.send(unasked)
             await self._play.client_waits.wait()
-            if reply:
-                await peer.send(reply + "\r\n")
+            await peer.send(answer)
+        elif fault == "offers unasked":
+            offered = OFFERED.replace("\n", "\r\n") + "\r\n"
+            await peer.send((reply and reply + "\r\n") + offered)
         elif fault == "byte by byte":
             if reply:
                 await peer.send_slowly(reply + "\r\n")
@@ -442,9 +529,11 @@ def expected(play):
     if play.side == "client":
         if play.fault == "is silent":
             return ("", "timeout") if play.phase == HANDSHAKE else ("421 you say nothing\r\n", "server")
-        if play.fault == "byte by byte":
-            return ("" if play.phase in (STARTTLS, CONTENT) else _offered(play, reply)) + bye, "quit"
-        if play.fault == "half-closes" and play.phase == STARTTLS:
+        if (play.fault, play.phase) == (SLOW, HANDSHAKE):
+            return "", "timeout"
+        if play.fault in ("byte by byte", SLOW):
+            return ("" if play.phase in (STARTTLS, HANDSHAKE, CONTENT) else _offered(play, reply)) + bye, "quit"
+        if (play.transport, play.fault, play.phase) == (WITH_CLIENT, "half-closes", STARTTLS):
             return "220 2.0.0 Ready to start TLS.\r\n", "client"
         # A reply as long as this is not waited for where Trabex has to see the whole.
         whole = play.fault == "never reads" and play.phase in (GREETING, EHLO, AFTER_TLS)
@@ -461,14 +550,20 @@ def expected(play):
         return "" if play.phase == QUIT else unavailable[0], "timeout"
     if play.fault == "closes":
         return "", "server"
-    if play.fault == "sends without end" and play.phase not in (EHLO, AFTER_TLS):
+    if play.fault == "sends without end" and play.phase not in (EHLO, AFTER_TLS, HANDSHAKE):
         return f"{(REPLIES.get(play.phase) or '250')[:3]}-{_LONG}\r\n" * 100, "client"
     if play.fault == "speaks unasked":
         if play.phase == CONTENT:
             return f"{UNASKED}\r\n", "server"
         if (play.transport, play.phase) == (WITH_CLIENT, EHLO):
-            return f"250-nobody has asked\r\n250 STARTTLS\r\n{reply}{bye}", quits
-        return f"{UNASKED}\r\n{reply}{bye}", quits
+            # One of them is taken for the reply to EHLO, and neither offers more than that may.
+            return f"250-nobody has asked\r\n250 STARTTLS\r\n{_offered(play, reply)}{bye}", quits
+        return f"{UNASKED}\r\n{'' if play.phase == HANDSHAKE else reply}{bye}", quits
+    if play.fault == "offers unasked":
+        answer = "" if play.phase == HANDSHAKE else _offered(play, reply)
+        in_clear = play.transport == WITH_CLIENT and play.phase == EHLO
+        offered = "250-nobody has asked\r\n250 STARTTLS\r\n" if in_clear else "250 nobody has asked\r\n"
+        return answer + offered + bye, "quit"
     if play.fault == "byte by byte":
         return _offered(play, reply) + ("250 taken\r\n" if play.phase == DATA else "") + bye, "quit"
     return unavailable
