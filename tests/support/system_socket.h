@@ -62,6 +62,9 @@ class SystemSocket {
   std::uint32_t SegmentsReceived() const;
   // Bytes that were sent and the other system has not acknowledged.
   std::size_t Undelivered() const;
+  // Says at once to the other system that what has come is here, which otherwise may wait for more to come. Not on
+  // Windows.
+  void AcknowledgeNow() const;
   Endpoint Local() const;
   Endpoint Remote() const;
 

@@ -45,6 +45,10 @@ class TestPeer {
   std::size_t Send(std::string_view bytes);
   // Bytes under TLS that the system has not taken yet.
   std::size_t Unsent() const { return wire_.size(); }
+  // Says at once to the other system that what was received is here.
+  void AcknowledgeNow() const {
+    if (Open()) socket_.AcknowledgeNow();
+  }
   // Keeps the system from holding ever more for this end as it reads; what it holds stays below 64 KB or so.
   void HoldLittle() { socket_.LimitReceiveBuffer(32768); }
   // Under TLS that is said there, too.

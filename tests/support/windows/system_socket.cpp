@@ -160,6 +160,8 @@ std::uint32_t SystemSocket::SegmentsReceived() const {
   throw std::runtime_error("the socket tells nothing of its connection");
 }
 
+void SystemSocket::AcknowledgeNow() const {}
+
 // What goes to this machine itself has arrived when it is sent.
 std::size_t SystemSocket::Undelivered() const {
   return 0;
