@@ -6,6 +6,7 @@
 #include <exception>
 #include <functional>
 #include <memory>
+#include <new>
 #include <optional>
 #include <ostream>
 #include <string>
@@ -329,6 +330,29 @@ TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFailsUnderTls) {
 
 TEST(SessionWithoutMemory, EndsAloneWhenThereIsNoneForAWhile) {
   EXPECT_EQ(PlayAll(Security::kPlain, FailedAllocation::kAll).waited, 0U);
+}
+
+// That it has no client has to be told, and there is no memory for that.
+TEST(SessionWithoutMemory, GoesWhenItsConnectionIsNotThere) {
+  for (std::size_t before = 0;; ++before) {
+    SCOPED_TRACE("allocation " + std::to_string(before));
+    SessionFixture fixture;
+    fixture.Start();
+    bool failed = false;
+    {
+      const FailedAllocation failure(before, FailedAllocation::kAll);
+      try {
+        fixture.BeginWithoutConnection();
+      } catch (const std::bad_alloc&) {
+        // Its own memory; whoever listens goes on.
+      }
+      failed = failure.HasFailed();
+    }
+    fixture.Settle();
+    ASSERT_EQ(fixture.Sessions().Count(), 1U) << "the fixture's own";
+    if (!failed) break;
+    ASSERT_LT(before, 100U);
+  }
 }
 
 // The connection ends for another reason, which has to be told, and there is no memory for that.

@@ -73,6 +73,8 @@ class SessionFixture {
   TestPeer& ClientPeer() { return client_; }
   TestPeer& ServerPeer() { return server_; }
   SessionCollection& Sessions() { return sessions_; }
+  // A session begins whose connection is not there.
+  void BeginWithoutConnection() { listener_->Events.ConnectionRequest(-1); }
   const std::vector<std::string>& LogLines() const { return log_.Lines(); }
   modSocketMaster& Sockets_() { return module_; }
   // Accepts the server's connection, unless it has been; false when none comes.
