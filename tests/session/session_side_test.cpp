@@ -13,9 +13,9 @@
 
 #include "config/configuration.h"
 #include "net/stream.h"
+#include "support/counted_allocations.h"
 #include "support/fake_clock.h"
 #include "support/fake_name_lookup.h"
-#include "support/recorded_log.h"
 #include "support/test_peer.h"
 
 namespace trabex {
@@ -48,9 +48,16 @@ class WatchedStream final : public Stream {
 
 using Given = std::vector<WatchedStream::Given>;
 
+// Takes all lines, with memory or without.
+class NoLog final : public Log {
+ public:
+  void LogLine(std::string_view) override {}
+};
+
 class SessionSideTest : public testing::Test, public SessionSide::Owner {
  protected:
   SessionSideTest() {
+    configuration_.LogLevelServer = 255;
     CSocketMaster listener(module_);
     listener.Events.ConnectionRequest = [this](std::int32_t request) { side->Socket().Accept(request); };
     listener.Bind(0, "127.0.0.1");
@@ -90,7 +97,7 @@ class SessionSideTest : public testing::Test, public SessionSide::Owner {
   EventLoop loop_{clock_};
   FakeNameLookup names_{loop_};
   Sockets sockets_{loop_};
-  RecordedLog log_;
+  NoLog log_;
   modSocketMaster module_{sockets_, names_, log_};
   SessionCollection sessions_;
   TlsContexts tls_;
@@ -195,6 +202,16 @@ TEST_F(SessionSideTest, WhatIsHeldLeavesBeforeTheEnd) {
   EXPECT_EQ(stream->taken, "header\r\n");
   EXPECT_FALSE(side->IsConnected());
   Pass(1000);
+}
+
+TEST_F(SessionSideTest, ItClosesWithoutMemoryToSendWhatIsHeldOrToTellOfIt) {
+  side->Send("header\r\n", true);
+  {
+    const FailedAllocation failure(0, FailedAllocation::kAll);
+    EXPECT_NO_THROW(side->Close());
+    EXPECT_TRUE(failure.HasFailed());
+  }
+  EXPECT_EQ(side->Socket().State(), SocketState::sckClosed);
 }
 
 }  // namespace
