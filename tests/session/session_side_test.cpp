@@ -56,8 +56,9 @@ class NoLog final : public Log {
 
 class SessionSideTest : public testing::Test, public SessionSide::Owner {
  protected:
-  SessionSideTest() {
-    configuration_.LogLevelServer = 255;
+  explicit SessionSideTest(SessionSide::Peer of = SessionSide::Peer::kServer)
+      : side(std::make_unique<SessionSide>(of, dependencies_, *this)) {
+    configuration_.LogLevelServer = configuration_.LogLevelRemote = 255;
     CSocketMaster listener(module_);
     listener.Events.ConnectionRequest = [this](std::int32_t request) { side->Socket().Accept(request); };
     listener.Bind(0, "127.0.0.1");
@@ -104,8 +105,7 @@ class SessionSideTest : public testing::Test, public SessionSide::Owner {
   SessionDependencies dependencies_{configuration_, log_, clock_, loop_, module_, names_, sessions_, tls_};
 
  protected:
-  std::unique_ptr<SessionSide> side =
-      std::make_unique<SessionSide>(SessionSide::Peer::kServer, dependencies_, *this);
+  std::unique_ptr<SessionSide> side;
   TestPeer peer;
   WatchedStream* stream = nullptr;
   int events = 0;
@@ -204,7 +204,12 @@ TEST_F(SessionSideTest, WhatIsHeldLeavesBeforeTheEnd) {
   Pass(1000);
 }
 
-TEST_F(SessionSideTest, ItClosesWithoutMemoryToSendWhatIsHeldOrToTellOfIt) {
+class ClientSideTest : public SessionSideTest {
+ protected:
+  ClientSideTest() : SessionSideTest(SessionSide::Peer::kClient) {}
+};
+
+TEST_F(ClientSideTest, ItClosesWithoutMemoryToSendWhatIsHeldOrToTellOfIt) {
   side->Send("header\r\n", true);
   {
     const FailedAllocation failure(0, FailedAllocation::kAll);
