@@ -3,7 +3,7 @@
 
 import re
 
-from trabex_system import REPO, Scenario, free_port, main, only_ipv4
+from trabex_system import REPO, Options, Scenario, free_port, main, only_ipv4
 
 SAMPLE = REPO / "sample" / "Trabex.ini"
 # What the sample sets for ./run, and what a test has to set for itself.
@@ -12,6 +12,11 @@ OWN = {"BindIP", "BindPort", "ServerIP", "ServerPort", "LogPath", "LocalHostName
 
 @only_ipv4("no client comes")
 class SampleIni(Scenario):
+    def setUp(self):
+        super().setUp()
+        if Options.sandbox is not None:
+            self.skipTest("the file says itself what Sandbox is")
+
     def dump(self, text):
         """The configuration that Trabex has in force with this file, as it writes it into its log."""
         proxy = self.trabex(free_port(), start=False, json_log=False)
