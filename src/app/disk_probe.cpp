@@ -20,7 +20,7 @@ std::string ReadAll(const std::string& files, const TaskContent& /*content*/) {
     const std::size_t end = files.find('\0', begin);
     try {
       const std::string file = files.substr(begin, end - begin);
-      // Its folder is what is looked at where it is none.
+      // To have asked is enough where it is a folder.
       if (!IsFolder(file)) static_cast<void>(ReadWholeFile(file, "mFiles.ReadWholeFile"));
     } catch (const std::exception&) {
       // That is an answer too.

@@ -51,21 +51,25 @@ void LogFile::LogError(int number, std::string_view description, std::string_vie
   ++lost_lines_;
 }
 
-void LogFile::WriteUnstamped(std::string_view line) {
+void LogFile::WriteUnstamped(std::string_view line) try {
   if (configuration_.Log == log_mode::kOff) return;
   if (EnsureOpen(clock_.Now())) {
     Append({}, line);
   } else {
     ++lost_lines_;
   }
+} catch (const std::bad_alloc&) {
+  ++lost_lines_;
 }
 
-void LogFile::TakeProblem(std::string_view message, std::string_view addition) {
+void LogFile::TakeProblem(std::string_view message, std::string_view addition) try {
   LogLine(message);
   if (!tell_) return;
   std::string text(message);
   if (!addition.empty()) text.append(text.ends_with('.') ? " " : ". ").append(addition);
   tell_(text);
+} catch (const std::bad_alloc&) {
+  // The log has the line, or has counted it.
 }
 
 void LogFile::Close() {
@@ -90,28 +94,27 @@ void LogFile::CollectOn(EventLoop* loop) {
 void LogFile::Detach(EventLoop& loop) {
   if (!DiskThatMayHang(NativePath(configuration_.LogPath))) return;
   file_.Close();
+  const auto tell_silence = [this] {
+    if (tell_)
+      tell_("The disk of log folder " + Quoted(NativePath(configuration_.LogPath)) + " does not answer.");
+  };
+  const auto take_dropped = [this](std::uint64_t lines) {
+    lost_lines_ += lines;
+    LogProblem("The disk of the log answers again. " + LostLinesText(lines));
+  };
   detached_.emplace(
       loop, DetachedAppend::Kind{.make_folder = true, .line_end = kCrLf},
       DetachedAppend::Events{.answered = [this](const DetachedAppend::Answer& answer) { TakeAnswer(answer); },
-                             .silent =
-                                 [this] {
-                                   if (tell_)
-                                     tell_("The disk of log folder " +
-                                           Quoted(NativePath(configuration_.LogPath)) + " does not answer.");
-                                 },
-                             .dropped =
-                                 [this](std::uint64_t lines) {
-                                   lost_lines_ += lines;
-                                   LogProblem("The disk of the log answers again. " + LostLinesText(lines));
-                                 }});
+                             .silent = tell_silence,
+                             .dropped = take_dropped});
 }
 
 void LogFile::TakeAnswer(const DetachedAppend::Answer& answer) {
   lost_lines_ += answer.lost_lines;
-  if (answer.why_not_opened.empty()) {
-    failure_told_ = false;
-  } else {
+  if (!answer.why_not_opened.empty()) {
     TellFailure(detached_path_, answer.why_not_opened);
+  } else if (answer.lost_lines == 0) {
+    failure_told_ = false;
   }
 }
 
@@ -121,14 +124,18 @@ void LogFile::FinishDetached() {
   detached_.reset();
   disk_hung_ = lost > 0;
   lost_lines_ += lost;
-  if (disk_hung_ && tell_) tell_("The disk of the log does not answer. " + LostLinesText(lost));
+  try {
+    if (disk_hung_ && tell_) tell_("The disk of the log does not answer. " + LostLinesText(lost));
+  } catch (const std::bad_alloc&) {
+    // The lines are counted.
+  }
 }
 
 bool LogFile::EnsureOpen(DateTime now) {
   if (file_.IsOpen()) return true;
   if (detached_) {
-    if (!std::exchange(detached_open_, true)) detached_path_ = PathOf(now);
-    return true;
+    if (!detached_open_) detached_path_ = PathOf(now);
+    return detached_open_ = true;
   }
   if (disk_hung_) return false;
   CreateFolder(NativePath(configuration_.LogPath));
@@ -151,8 +158,9 @@ std::string LogFile::PathOf(DateTime now) const {
 }
 
 void LogFile::TellFailure(const std::string& path, const std::string& why) {
-  if (std::exchange(failure_told_, true) || !tell_) return;
+  if (failure_told_ || !tell_) return;
   tell_("Unable to open log file " + Quoted(path) + ". " + why + ". Nothing is logged.");
+  failure_told_ = true;
 }
 
 // The prefix of a message. A busy log writes many lines a second, so the text is made once for all of
@@ -171,15 +179,19 @@ void LogFile::RestartTimer() {
 }
 
 void LogFile::Append(std::string_view stamp, std::string_view text) {
-  RestartTimer();
   const std::size_t begin = collected_.size();
   try {
+    RestartTimer();
     collected_.append(stamp).append(text).append(kCrLf);
+    if (loop_ != nullptr) FlushLater();
   } catch (const std::bad_alloc&) {
-    collected_.resize(begin);  // no half of a line
+    collected_.resize(begin);  // no half of a line, and none that counts as lost and is written later
     throw;
   }
-  if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) return Flush();
+  if (loop_ == nullptr || collected_.size() >= kMaxCollectedBytes) Flush();
+}
+
+void LogFile::FlushLater() {
   if (flush_is_due_) return;
   loop_->OnIterationEnd([this] {
     flush_is_due_ = false;
@@ -198,7 +210,8 @@ std::size_t LogFile::WriteCollected() {
 void LogFile::Flush() {
   if (collected_.empty()) return;
   if (detached_) {
-    detached_->Append(detached_path_, std::exchange(collected_, {}));
+    detached_->Append(detached_path_, collected_);
+    collected_.clear();
     return;
   }
   const std::string_view lost = std::string_view(collected_).substr(WriteCollected());

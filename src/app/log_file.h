@@ -5,10 +5,11 @@
 // of that day. A line is "dd/mm/yy hh:mm:ss <message>" and CR LF, local time.
 //
 // Lines are collected and written with one system call at the end of the loop iteration that wrote them, or
-// as soon as much has collected. On a disk that may hang (platform/disk.h) another process writes them, from CollectOn
-// on: they get there some time later, and sessions never wait. A log that cannot be opened or written loses its lines, which are
-// counted: the mail goes on. Who runs the program is told that it cannot be opened, since the log itself cannot
-// say it.
+// as soon as much has collected. On a disk that may hang (platform/disk.h) another process writes them, from
+// CollectOn on: they get there some time later, and sessions never wait. A log that cannot be opened or
+// written loses its lines, which are counted: the mail goes on. Who runs the program is told that it cannot be
+// opened, since the log itself cannot say it. No function raises an exception, memory that is out included, but
+// the constructor and CollectOn.
 #pragma once
 
 #include <cstddef>
@@ -55,8 +56,8 @@ class LogFile final : public Log {
   void SetTell(std::function<void(std::string_view text)> tell) { tell_ = std::move(tell); }
   // A file that still cannot be opened is told once more.
   void TellFailureAgain() { failure_told_ = false; }
-  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once, but none to a disk
-  // that hangs, which is waited for some seconds before this returns.
+  // From now on lines wait for the end of the iteration of `loop`; nullptr: each is written at once, but none
+  // to a disk that hangs, which is waited for some seconds before this returns.
   void CollectOn(EventLoop* loop);
   // Lines that could not be written.
   std::uint64_t LostLines() const { return lost_lines_; }
@@ -80,6 +81,7 @@ class LogFile final : public Log {
   const std::string& Stamp(DateTime now);
   void Append(std::string_view stamp, std::string_view text);
   void RestartTimer();
+  void FlushLater();
   void Flush();
   std::size_t WriteCollected();
 

@@ -15,10 +15,14 @@
 namespace trabex {
 
 // What waits for the disk is kept up to a limit; what comes then is dropped, newest first, so that a gap in the file has
-// one place. The order is kept. The process is a forked copy, made when the first lines come: it has nothing open of what
-// the program has, ignores all signals that can be ignored, dies with the program, and is made anew when somebody has
-// ended it, which costs the lines that it was writing. Lines get to the file in the order in which they came, but only
-// some time later.
+// one place. Lines get to the file in the order in which they came, but only some time later.
+//
+// The process is a forked copy, made when the first lines come. It has nothing open of what the program has, ignores all
+// signals that can be ignored, and is made anew when somebody has ended it, which costs the lines that it was writing. It
+// ends with the program, but writes first what it was given: at most one packet, some 64 KB of lines, since the next one
+// is given to it when that is written. As long as it lives, each page of memory that the program changes is there twice.
+//
+// Nothing here raises an exception but the constructor: lines for which there is no memory are lost and counted.
 //
 // On Windows no disk counts as one that may hang, so nothing uses this there; it loses all lines.
 class DetachedAppend {
@@ -36,9 +40,10 @@ class DetachedAppend {
     std::uint64_t lost_lines = 0;  // of those that were written now
     std::string why_not_opened;    // as AppendFile::WhyNotOpened
   };
-  // Called from the loop, from Append and from Finish; each may call Append.
+  // Called from the loop, from Append, from CloseFile and from Finish; each may call Append. One that raises
+  // std::bad_alloc has been called all the same.
   struct Events {
-    // Some lines are in the file, or not.
+    // Some lines are in the file, or not. Nobody is told of a file that was closed.
     std::function<void(const Answer&)> answered;
     // The disk has not answered for kSilence. Told once until it does.
     std::function<void()> silent;

@@ -46,7 +46,11 @@ void JsonLog::EndDetaching() {
   detached_.reset();
   disk_hung_ = lost > 0;
   lost_lines_ += lost;
-  if (disk_hung_) ReportFailure();
+  try {
+    if (disk_hung_) ReportFailure();
+  } catch (const std::bad_alloc&) {
+    // The lines are counted.
+  }
 }
 
 bool JsonLog::Wants(std::string_view event) const {
@@ -126,22 +130,25 @@ bool JsonLog::EnsureOpen() {
 }
 
 void JsonLog::ChooseDetached() {
-  is_detached_ = may_detach_ && !path_.empty() && DiskThatMayHang(NativePath(path_));
-  if (!is_detached_ || detached_) return;
-  detached_.emplace(loop_, DetachedAppend::Kind{.readers = NewFileReaders::kGroup, .line_end = "\n"},
-                    DetachedAppend::Events{
-                        .answered = [this](const DetachedAppend::Answer& answer) { TakeAnswer(answer); },
-                        .silent =
-                            [this] {
-                              log_.LogProblem("The disk of JSON log " +
-                                              Quoted(configuration_.Service.JsonLog) + " does not answer.");
-                            },
-                        .dropped =
-                            [this](std::uint64_t lines) {
-                              lost_lines_ += lines;
-                              log_.LogProblem("The disk of the JSON log answers again. Lost lines: " +
-                                              std::to_string(lines) + ".");
-                            }});
+  is_detached_ = false;
+  if (!may_detach_ || path_.empty() || !DiskThatMayHang(NativePath(path_))) return;
+  if (!detached_) Detach();
+  is_detached_ = true;
+}
+
+void JsonLog::Detach() {
+  const auto tell_silence = [this] {
+    log_.LogProblem("The disk of JSON log " + Quoted(configuration_.Service.JsonLog) + " does not answer.");
+  };
+  const auto take_dropped = [this](std::uint64_t lines) {
+    lost_lines_ += lines;
+    log_.LogProblem("The disk of the JSON log answers again. Lost lines: " + std::to_string(lines) + ".");
+  };
+  detached_.emplace(
+      loop_, DetachedAppend::Kind{.readers = NewFileReaders::kGroup, .line_end = "\n"},
+      DetachedAppend::Events{.answered = [this](const DetachedAppend::Answer& answer) { TakeAnswer(answer); },
+                             .silent = tell_silence,
+                             .dropped = take_dropped});
 }
 
 void JsonLog::TakeAnswer(const DetachedAppend::Answer& answer) {
@@ -166,9 +173,11 @@ std::size_t JsonLog::WriteToFile() {
 }
 
 void JsonLog::ReportFailure() {
-  if (std::exchange(failed_, true)) return;
-  log_.LogProblem("JSON log " + Quoted(configuration_.Service.JsonLog) +
-                  " cannot be written. Lines are lost.");
+  if (failed_) return;
+  const std::string text =
+      "JSON log " + Quoted(configuration_.Service.JsonLog) + " cannot be written. Lines are lost.";
+  failed_ = true;  // before the line, which may end up in this log
+  log_.LogProblem(text);
 }
 
 }  // namespace trabex

@@ -1,9 +1,10 @@
 // The log in JSON: one object on each line, for programs to read. It stands beside the log for people, and
 // names what it tells of by the same handles.
 //
-// Lines are collected and written at the end of the loop iteration, or as soon as much has collected. A line that cannot be written is counted and dropped: the mail goes on. To standard output nothing is written that
-// it does not take at once; what is left waits, up to a limit. On a disk that may hang (platform/disk.h) another process
-// writes, from BeginDetaching on.
+// Lines are collected and written at the end of the loop iteration, or as soon as much has collected. A line
+// that cannot be written is counted and dropped: the mail goes on. To standard output nothing is written that
+// it does not take at once; what is left waits, up to a limit. On a disk that may hang (platform/disk.h)
+// another process writes, from BeginDetaching on.
 #pragma once
 
 #include <cstddef>
@@ -60,6 +61,7 @@ class JsonLog {
   std::size_t WriteToFile();
   void ReportFailure();
   void ChooseDetached();
+  void Detach();
   void TakeAnswer(const DetachedAppend::Answer& answer);
 
   const Configuration& configuration_;

@@ -1,4 +1,5 @@
-// What the lists of the settings say of senders and recipients.
+// What the lists of the settings say of senders and recipients. Addresses are in their canonical form, without
+// brackets. A `trace` is told each list that is asked; nullptr: nobody is told.
 #pragma once
 
 #include <optional>
@@ -20,8 +21,6 @@ struct Refusal {
   std::string_view key = FindPolicyReply(kind).key;  // of a member of a family its own
   DecidingList list = {};
 };
-
-// Addresses are in their canonical form, without brackets. `trace`, unless it is nullptr, is told what is asked.
 
 // Whether the client may send from the address; the null sender always may.
 std::optional<Refusal> RefusedSender(const Configuration& configuration, const std::string& sender,

@@ -37,7 +37,8 @@ constexpr Milliseconds kEnding{1000};
 
 [[noreturn]] void RunCopy(const TaskContent& content, TaskWork work, const std::string& argument,
                           pid_t program, int result) noexcept {
-  BeginForkedCopy(program, result);
+  CloseAllButOne(result);
+  DieWith(program);
   [[maybe_unused]] const int niceness = nice(kNiceness);  // the mail goes first
   try {
     std::string text = work(argument, content);
@@ -105,7 +106,7 @@ struct BackgroundTask::State {
     }
   }
 
-  // The same, for the end alone.
+  // Drops what is still in the pipe; whether the pipe, and so the process, ends in time.
   bool HasEnded(const Deadline& deadline) const {
     std::array<char, kMaxResultBytes> buffer;
     while (deadline.Await(result.Get())) {
@@ -159,12 +160,13 @@ bool BackgroundTask::Start(const TaskContent& content, TaskWork work, const std:
   writing.Close();
   state_->process = process;
   state_->result = std::move(reading);
-  state_->text.clear();
   state_->done = std::move(done);
-  state_->watch.emplace(state_->loop, state_->result.Get(), [this](FdReadiness) { state_->Read(); });
   try {
+    state_->text.clear();
+    state_->text.reserve(kMaxResultBytes);  // so that Read needs no memory
+    state_->watch.emplace(state_->loop, state_->result.Get(), [this](FdReadiness) { state_->Read(); });
     state_->watch->SetInterest({.readable = true});
-  } catch (const Error&) {
+  } catch (const std::exception&) {
     Cancel();
     return false;
   }

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <exception>
+#include <new>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -51,21 +53,30 @@ class Writer {
       if (got < 0 && errno == EINTR) continue;
       if (got <= 0) _exit(EXIT_SUCCESS);  // the program has ended the channel, or itself
       Take({buffer.data(), static_cast<std::size_t>(got)});
-      if (send(channel_, answer_.data(), answer_.size(), MSG_NOSIGNAL) < 0) _exit(EXIT_SUCCESS);
+      // Also when nobody is there any more: what is still in the channel is written.
+      static_cast<void>(send(channel_, answer_.data(), answer_.size(), MSG_NOSIGNAL));
     }
   }
 
  private:
   void Take(std::string_view packet) {
     const std::size_t end = std::min(packet.find('\0'), packet.size());
-    const std::string path(packet.substr(0, end));
     const std::string_view lines = packet.substr(std::min(end + 1, packet.size()));
-    if (lines.empty() || path != path_) file_.Close();
-    path_ = path;
-    const std::uint64_t lost = lines.empty() ? 0 : CountLines(lines.substr(Write(lines)));
-    answer_.assign(reinterpret_cast<const char*>(&lost), sizeof lost);
-    if (!lines.empty() && !file_.IsOpen()) answer_.append(file_.WhyNotOpened(), 0, kMaxAnswer - sizeof lost);
+    SetAnswer(CountLines(lines));
+    try {
+      const std::string path(packet.substr(0, end));
+      if (lines.empty() || path != path_) file_.Close();
+      path_ = path;
+      if (lines.empty()) return;
+      SetAnswer(CountLines(lines.substr(Write(lines))));
+      if (!file_.IsOpen()) answer_.append(file_.WhyNotOpened(), 0, kMaxAnswer - answer_.size());
+    } catch (const std::bad_alloc&) {
+      // The answer says how many lines are lost by now.
+    }
   }
+
+  // Needs no memory.
+  void SetAnswer(std::uint64_t lost) { answer_.assign(reinterpret_cast<const char*>(&lost), sizeof lost); }
 
   std::size_t Write(std::string_view lines) {
     if (!file_.IsOpen()) {
@@ -84,6 +95,7 @@ class Writer {
   std::string answer_;
 };
 
+// Without lines: the file is to be closed.
 struct Packet {
   std::string bytes;
   std::uint64_t lines = 0;
@@ -91,11 +103,12 @@ struct Packet {
 
 }  // namespace
 
+// No function here raises anything: it is about a log, which often has the last word about a memory that is used up.
 struct DetachedAppend::State {
   State(EventLoop& the_loop, Kind the_kind, Events the_events)
       : loop(the_loop), kind(the_kind), events(std::move(the_events)), silence(the_loop, kSilence, [this] {
           silence.Disable();
-          events.silent();
+          Tell(events.silent);
         }) {}
 
   EventLoop& loop;
@@ -105,57 +118,115 @@ struct DetachedAppend::State {
   std::deque<Packet> waiting;
   std::size_t waiting_bytes = 0;
   std::uint64_t dropped = 0;
-  bool is_under_way = false;  // the first of the waiting ones
-  pid_t process = -1;         // -1: none
+  bool close_is_due = false;   // before the next lines
+  bool is_under_way = false;   // the first of the waiting ones
+  bool is_second_try = false;  // of the same: the process to which it was given first had ended before it took it
+  pid_t process = -1;          // -1: none
   Descriptor channel;
   std::optional<FdWatcher> watch;
   std::chrono::steady_clock::time_point sent_at;  // the one under way
   Timer silence;
 
+  // What there is no memory for is not told; each listener counts before it says something.
+  template <class Event, class... What>
+  static void Tell(const Event& event, const What&... what) {
+    try {
+      event(what...);
+    } catch (const std::bad_alloc&) {
+    }
+  }
+
+  void TellAnswer(std::uint64_t lost, std::string_view why_not_opened) {
+    Answer answer{.lost_lines = lost, .why_not_opened = {}};
+    try {
+      answer.why_not_opened = why_not_opened;
+    } catch (const std::bad_alloc&) {
+    }
+    Tell(events.answered, answer);
+  }
+
+  // Raises std::bad_alloc, as the two below: then nothing has changed.
+  void Push(Packet packet) {
+    const std::size_t size = packet.bytes.size();
+    waiting.push_back(std::move(packet));
+    waiting_bytes += size;
+  }
+
+  void PushClose() {
+    close_is_due = true;
+    if (waiting.empty() || waiting.back().lines > 0) Push({.bytes = path + '\0', .lines = 0});
+    close_is_due = false;
+  }
+
   void Add(std::string_view lines) {
+    const std::uint64_t count = CountLines(lines);
     // What is not on its way yet takes more of the same file.
     if (waiting.size() > (is_under_way ? 1U : 0U) && waiting.back().lines > 0 &&
         waiting.back().bytes.size() + lines.size() <= kMaxLines && waiting.back().bytes.starts_with(path) &&
         waiting.back().bytes[path.size()] == '\0') {
       waiting.back().bytes.append(lines);
+      waiting.back().lines += count;
+      waiting_bytes += lines.size();
     } else {
-      waiting.push_back({.bytes = path + '\0' + std::string(lines), .lines = 0});
+      std::string bytes;
+      bytes.reserve(path.size() + 1 + lines.size());
+      bytes.append(path).append(1, '\0').append(lines);
+      Push({.bytes = std::move(bytes), .lines = count});
     }
-    waiting.back().lines += CountLines(lines);
-    waiting_bytes += lines.size();
   }
 
-  void Take(std::string_view lines) {
-    while (!lines.empty()) {
-      std::size_t size = lines.size();
-      if (size > kMaxLines) {
-        const std::size_t end = lines.rfind('\n', kMaxLines - 1);
-        size = (end != std::string_view::npos ? end : lines.find('\n')) + 1;
+  // Returns what there was no memory for.
+  std::string_view Take(const std::string& the_path, std::string_view lines) {
+    try {
+      if (close_is_due) PushClose();
+      path = the_path;
+      while (!lines.empty()) {
+        std::size_t size = lines.size();
+        if (size > kMaxLines) {
+          const std::size_t end = lines.rfind('\n', kMaxLines - 1);
+          size = (end != std::string_view::npos ? end : lines.find('\n')) + 1;
+        }
+        Add(lines.substr(0, size));
+        lines.remove_prefix(size);
       }
-      Add(lines.substr(0, size));
-      lines.remove_prefix(size);
+    } catch (const std::bad_alloc&) {
     }
+    return lines;
   }
 
   // Sends the first packet that waits, unless one is under way.
   void Send() {
     while (!is_under_way && !waiting.empty()) {
       if (process < 0 && !Start()) {
-        Conclude({.lost_lines = waiting.front().lines, .why_not_opened = "No process for it"});
+        Conclude(waiting.front().lines, "No process for it");
         continue;
       }
       const std::string& bytes = waiting.front().bytes;
       if (bytes.size() > kMaxPacket) {
-        Conclude({.lost_lines = waiting.front().lines, .why_not_opened = {}});
+        Conclude(waiting.front().lines, {});
       } else if (send(channel.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) >= 0) {
         is_under_way = true;
         sent_at = std::chrono::steady_clock::now();
-        silence.Enable();
+        AwaitSilence();
       } else {
-        Reap();
-        Conclude({.lost_lines = waiting.front().lines, .why_not_opened = {}});
+        LoseUntaken();
       }
     }
+  }
+
+  void AwaitSilence() {
+    try {
+      silence.Enable();
+    } catch (const std::bad_alloc&) {
+      // Nobody is told of this one.
+    }
+  }
+
+  // The process has ended before it took the first packet: another one is given it, but no third one.
+  void LoseUntaken() {
+    Reap();
+    if (!std::exchange(is_second_try, true)) return;
+    Conclude(waiting.front().lines, {});
   }
 
   bool Start() {
@@ -165,25 +236,26 @@ struct DetachedAppend::State {
     Descriptor other(ends[1]);
     const int size = kMaxPacket;
     setsockopt(channel.Get(), SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    const pid_t program = getpid();
     {
       const BlockedSignals blocked(AllSignals());
       process = fork();
-      if (process == 0) Run(program, other.Get());
+      if (process == 0) Run(other.Get());
     }
     try {
       if (process < 0) throw Error(error_number::kDeviceIo, "DetachedAppend", "Device I/O error");
       watch.emplace(loop, channel.Get(), [this](FdReadiness) { Read(); });
       watch->SetInterest({.readable = true});
       return true;
-    } catch (const Error&) {
-      End();
+    } catch (const std::exception&) {
+      Reap();
       return false;
     }
   }
 
-  [[noreturn]] void Run(pid_t program, int other) const noexcept {
-    BeginForkedCopy(program, other);
+  // The program may be killed at any moment; its lines that are in the channel are written all the same, and then the
+  // channel ends.
+  [[noreturn]] void Run(int other) const noexcept {
+    CloseAllButOne(other);
     try {
       Writer(other, kind).Run();
     } catch (...) {
@@ -204,24 +276,26 @@ struct DetachedAppend::State {
   void Read() {
     std::array<char, kMaxAnswer> buffer;
     const ssize_t got = recv(channel.Get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
-    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    const int error = got < 0 ? errno : 0;
+    if (error == EINTR || error == EAGAIN) return;
     const bool was_under_way = std::exchange(is_under_way, false);
     silence.Disable();
-    Answer answer;
-    if (got >= static_cast<ssize_t>(sizeof answer.lost_lines)) {
-      std::memcpy(&answer.lost_lines, buffer.data(), sizeof answer.lost_lines);
-      answer.why_not_opened.assign(buffer.data() + sizeof answer.lost_lines,
-                                   static_cast<std::size_t>(got) - sizeof answer.lost_lines);
+    std::uint64_t lost = 0;
+    if (got >= static_cast<ssize_t>(sizeof lost)) {
+      std::memcpy(&lost, buffer.data(), sizeof lost);
+      const auto size = static_cast<std::size_t>(got) - sizeof lost;
+      if (was_under_way) Conclude(lost, {buffer.data() + sizeof lost, size});
+    } else if (error == ECONNRESET && was_under_way) {
+      LoseUntaken();  // the system says this when something in the channel was not read
     } else {
       // Somebody has ended it. What it was writing is not written again, since it may be there.
-      if (was_under_way) answer.lost_lines = waiting.front().lines;
       Reap();
+      if (was_under_way) Conclude(waiting.front().lines, {});
     }
-    if (was_under_way) Conclude(answer);
     Send();
   }
 
-  // The same of one that writes nothing: it ends now, if it has not.
+  // Ends the channel of a process that has nothing to write, and waits for its end.
   void Reap() {
     const pid_t ending = std::exchange(process, -1);
     End();
@@ -237,12 +311,14 @@ struct DetachedAppend::State {
     }
   }
 
-  void Conclude(const Answer& answer) {
-    const Packet& packet = waiting.front();
-    waiting_bytes -= packet.bytes.size() - packet.bytes.find('\0') - 1;
+  // Takes the first packet away and tells what became of it.
+  void Conclude(std::uint64_t lost, std::string_view why_not_opened) {
+    const bool has_lines = waiting.front().lines > 0;
+    waiting_bytes -= waiting.front().bytes.size();
     waiting.pop_front();
-    events.answered(answer);
-    if (dropped > 0 && waiting_bytes <= kMaxWaiting / 2) events.dropped(std::exchange(dropped, 0));
+    is_second_try = false;
+    if (has_lines) TellAnswer(lost, why_not_opened);
+    if (dropped > 0 && waiting_bytes <= kMaxWaiting / 2) Tell(events.dropped, std::exchange(dropped, 0));
   }
 };
 
@@ -260,22 +336,26 @@ void DetachedAppend::Append(const std::string& path, std::string_view lines) {
     state.dropped += CountLines(lines);
     return;
   }
-  state.path = path;
-  state.Take(lines);
+  const std::string_view untaken = state.Take(path, lines);
+  if (!untaken.empty()) state.TellAnswer(CountLines(untaken), {});
   state.Send();
 }
 
 void DetachedAppend::CloseFile() {
   State& state = *state_;
   if (state.process < 0 && state.waiting.empty()) return;
-  state.waiting.push_back({.bytes = state.path + '\0', .lines = 0});
+  try {
+    state.PushClose();
+  } catch (const std::bad_alloc&) {
+    // It stays due.
+  }
   state.Send();
 }
 
 std::uint64_t DetachedAppend::Finish(Milliseconds bound) {
   using std::chrono::steady_clock;
   State& state = *state_;
-  // What the disk was given before counts.
+  // A packet that the disk has had for some time already has only the rest of the bound.
   const auto end = (state.is_under_way ? state.sent_at : steady_clock::now()) + bound;
   while (state.is_under_way) {
     const auto left = std::chrono::ceil<Milliseconds>(end - steady_clock::now());

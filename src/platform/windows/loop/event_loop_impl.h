@@ -101,9 +101,11 @@ struct EventLoop::Impl {
   // One iteration; `wait` negative: until something happens. Returns whether anything was called.
   bool Iterate(Milliseconds wait);
 
-  // Bounds the messages of one iteration, so that timers and posts are not held up.
+  // An iteration takes no more messages than this, so that posts and timers get their turn under any load.
   static constexpr int kMaxMessagesPerIteration = 256;
-  // So many iterations that left messages waiting may pass before due timers are called.
+  // When more messages wait than an iteration takes, due timers wait too: a reply that is among the messages counts
+  // before the time-out that it was to come in. After so many such iterations one after the other they are called in
+  // any case.
   static constexpr int kMaxPartialIterations = 128;
 
   const Clock& clock;
