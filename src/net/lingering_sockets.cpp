@@ -34,8 +34,7 @@ void LingeringSockets::Take(SocketHandle socket, std::unique_ptr<Stream> stream,
     holder = {socket, std::move(stream), std::move(unsent), false, peer_ended};
   } catch (const std::bad_alloc&) {
     // Nobody else has it.
-    sockets_.Close(socket);
-    return socket_closed_();
+    return Close(socket);
   }
   // The previous owner may have had a notification and not acted on it; it is not delivered again. So both
   // directions are tried once.

@@ -62,15 +62,19 @@ LRESULT EventLoop::Impl::OnWindowMessage(UINT message, WPARAM w, LPARAM l) {
   if (const auto handler = handlers_.find(message); handler != handlers_.end()) {
     ++message_calls_;
     LRESULT result = 0;
-    const MessageHandler handle = handler->second;  // it may be replaced in the call
-    CallHandler([&] { result = handle(w, l); });
+    const auto handle = handler->second;  // it may be replaced in the call
+    CallHandler([&] { result = (*handle)(w, l); });
     return result;
   }
   if (const MessageTarget* const target = numbers_.Find(message, static_cast<SOCKET>(w))) {
     EventSource* const source = target->source;
-    if (source->OnMessage(target->index, target->generation, WSAGETSELECTEVENT(l), WSAGETSELECTERROR(l))) {
-      ++message_calls_;
-    }
+    bool called = false;
+    // The system's code is above, through which no exception may pass.
+    CallHandler([&] {
+      called =
+          source->OnMessage(target->index, target->generation, WSAGETSELECTEVENT(l), WSAGETSELECTERROR(l));
+    });
+    if (called) ++message_calls_;
     return 0;
   }
   // Otherwise the system would destroy the window.
@@ -80,7 +84,7 @@ LRESULT EventLoop::Impl::OnWindowMessage(UINT message, WPARAM w, LPARAM l) {
 
 void EventLoop::Impl::HandleMessage(UINT message, MessageHandler handler) {
   if (handler) {
-    handlers_[message] = std::move(handler);
+    handlers_.insert_or_assign(message, std::make_shared<const MessageHandler>(std::move(handler)));
   } else {
     handlers_.erase(message);
   }

@@ -24,7 +24,7 @@ namespace trabex {
 class EventSource {
  public:
   virtual ~EventSource() = default;
-  // `event` is one of the system's FD_ bits. Returns whether anybody was called.
+  // `event` is one of the system's FD_ bits. Returns whether anybody was called. Raises nothing.
   virtual bool OnMessage(std::uint32_t index, std::uint32_t generation, long event, int error) = 0;
   // Whether CallDue has something to look at, so that the loop must not wait.
   virtual bool IsDue() const = 0;
@@ -140,7 +140,7 @@ struct EventLoop::Impl {
   HWND window_ = nullptr;
   MessageNumbers numbers_;
   std::vector<EventSource*> sources_;
-  std::map<UINT, MessageHandler> handlers_;
+  std::map<UINT, std::shared_ptr<const MessageHandler>> handlers_;  // shared with the call that is under way
   std::size_t message_calls_ = 0;  // of the messages in this iteration
   int partial_iterations_ = 0;     // that left messages waiting, one after the other, up to this one
   std::chrono::steady_clock::time_point asked_anew_;

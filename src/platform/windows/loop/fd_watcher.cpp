@@ -18,7 +18,8 @@ constexpr long kEvents = FD_READ | FD_WRITE | FD_ACCEPT | FD_CONNECT | FD_CLOSE;
 std::uint32_t FdTable::Add(SOCKET socket, Ready ready) {
   if (free_.empty()) {
     slots_.emplace_back();
-    free_.reserve(slots_.capacity());  // so that Remove needs no memory
+    // So that Remove and MakeDue need no memory.
+    for (auto* const list : {&free_, &due_, &looked_at_}) list->reserve(slots_.capacity());
     free_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
   }
   const std::uint32_t index = free_.back();

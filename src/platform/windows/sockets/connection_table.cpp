@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <iterator>
+#include <new>
 
 #include "base/ip_address.h"
 
@@ -51,7 +52,11 @@ bool ConnectionTable::HasPeerEnded(const Endpoint& local, const Endpoint& remote
   constexpr int kIdleShare = 16;  // so many times as long as it takes it is not read again
   const auto now = std::chrono::steady_clock::now();
   if (!read_ || now - *read_ > age_limit_) {
-    Read();
+    try {
+      Read();
+    } catch (const std::bad_alloc&) {
+      has_ipv4_ = has_ipv6_ = false;
+    }
     read_ = now;
     age_limit_ = std::min<std::chrono::steady_clock::duration>(
         kMaxAge, (std::chrono::steady_clock::now() - now) * kIdleShare);

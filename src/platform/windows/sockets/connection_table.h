@@ -17,7 +17,7 @@ class ConnectionTable {
   static constexpr std::chrono::milliseconds kMaxAge{250};
 
   // Whether the peer has ended or broken the connection, by now or at most kMaxAge ago. False also when the system does
-  // not say.
+  // not say, and when there is no memory for what it says.
   bool HasPeerEnded(const Endpoint& local, const Endpoint& remote);
 
  private:

@@ -1,6 +1,7 @@
 // From the system's messages to the five notifications; the rules are in sockets_impl.h.
 #include <algorithm>
 #include <array>
+#include <new>
 #include <utility>
 
 #include "platform/common/system_address.h"
@@ -60,7 +61,11 @@ int Sockets::Impl::Register(SocketHandle socket, Entry& entry) {
 
 void Sockets::Impl::MakeDue(SocketHandle socket, Entry& entry) {
   if (entry.number == 0 || std::exchange(entry.due, true)) return;
-  due.push_back(socket);
+  try {
+    due.push_back(socket);
+  } catch (const std::bad_alloc&) {
+    has_unlisted_due = true;
+  }
 }
 
 void Sockets::Impl::NoteReceive(SocketHandle socket, Entry& entry, std::size_t count, std::size_t size,
@@ -161,6 +166,7 @@ bool Sockets::Impl::Look(SocketHandle socket) {
 
 std::size_t Sockets::Impl::CallDue() {
   std::size_t calls = 0;
+  const bool unlisted = std::exchange(has_unlisted_due, false);
   looked_at.swap(due);
   for (const SocketHandle socket : looked_at) {
     if (Entry* const entry = Find(socket)) entry->due = false;
@@ -169,7 +175,18 @@ std::size_t Sockets::Impl::CallDue() {
     if (Look(socket)) ++calls;
   }
   looked_at.clear();
+  if (unlisted) calls += LookAtUnlisted();
   if (asking_from != 0) AskSome();
+  return calls;
+}
+
+std::size_t Sockets::Impl::LookAtUnlisted() {
+  std::size_t calls = 0;
+  for (std::size_t index = 1; index < table.Size(); ++index) {
+    Entry& entry = table.At(index);
+    if (table.IsFree(entry) || !std::exchange(entry.due, false)) continue;
+    if (Look({static_cast<std::int32_t>(index), entry.generation})) ++calls;
+  }
   return calls;
 }
 

@@ -71,7 +71,7 @@ struct Sockets::Impl final : EventSource {
   void Remove(SocketHandle socket);
   // Has the system send messages of the socket. Returns 0 or an error number.
   int Register(SocketHandle socket, Entry& entry);
-  // The socket is looked at in the next iteration.
+  // The socket is looked at in the next iteration. Needs no memory.
   void MakeDue(SocketHandle socket, Entry& entry);
   // Records what a receive into a buffer of `size` bytes says about the socket: `count` bytes, or an error.
   void NoteReceive(SocketHandle socket, Entry& entry, std::size_t count, std::size_t size, int error);
@@ -79,7 +79,7 @@ struct Sockets::Impl final : EventSource {
   bool HasPeerEnded(Entry& entry);
 
   bool OnMessage(std::uint32_t index, std::uint32_t generation, long event, int error) override;
-  bool IsDue() const override { return !due.empty() || asking_from != 0; }
+  bool IsDue() const override { return !due.empty() || has_unlisted_due || asking_from != 0; }
   std::size_t CallDue() override;
   void AskAnew() override;
   void AskAll() override;
@@ -88,11 +88,14 @@ struct Sockets::Impl final : EventSource {
   ConnectionTable connections;
   SocketTable<Entry> table;
   std::vector<SocketHandle> due;
+  bool has_unlisted_due = false;  // some are due by their entries alone: there was no memory to list them
 
  private:
   // Notifies of what holds now. Each returns whether anybody was called. In each iteration a socket is looked at once:
   // one whose owner takes a little of much each time has a new message at once, and would keep the others waiting.
   bool Look(SocketHandle socket);
+  // Those that `due` has no place for. Returns the number of calls.
+  std::size_t LookAtUnlisted();
   bool LookAtListener(SocketHandle socket);
   bool LookAtDatagrams(SocketHandle socket);
   bool LookAtConnect(SocketHandle socket);
