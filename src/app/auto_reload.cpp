@@ -156,7 +156,8 @@ void AutoReload::AwaitQuiet(std::int64_t stamp) {
 
 void AutoReload::tmrAutoReloadDelay_Timer() {
   tmrAutoReloadDelay.Disable();
-  // The one that is running reads it as it is now.
+  // One that waits for what the file has named before is begun anew.
+  if (reload_probe_.AwaitsNamedFiles()) reload_probe_.Cancel();
   if (!reload_probe_.Running()) reload_probe_.Run([this] { ReloadIfUsable(); });
 }
 
@@ -200,7 +201,8 @@ bool AutoReload::MayListen(const IniText& ini) {
   if (!program_.user_given) return true;
   const CheckedConfiguration checked = CheckConfiguration({.file = program_.ini_file.path,
                                                            .early = program_.MakeEarlyKeyInputs(),
-                                                           .context = program_.MakeSettingContext()},
+                                                           .context = program_.MakeSettingContext(),
+                                                           .surroundings = false},
                                                           DefaultConfiguration());
   const auto failure = window_.WhyNotAllowed(checked.configuration);
   if (!failure) return true;
@@ -213,6 +215,7 @@ bool AutoReload::MayListen(const IniText& ini) {
 
 void AutoReload::Reload(IniText ini, TakenListFiles lists, std::function<void(bool made)> done) {
   done_ = std::move(done);
+  check_probe_.Cancel();  // the files may be others now
   window_.ReloadBegins();
   program_.log.TellFailureAgain();
   program_.problems.clear();

@@ -98,6 +98,7 @@ void Certificates::Follow() {
   Wanted wanted{tls, tls.ServerName.empty() ? configuration_.ServerIP : tls.ServerName};
   if (wanted_ == wanted) return;
   wanted_ = std::move(wanted);
+  probe_.Cancel();  // it may wait for files that are not in use any more
   // Before they are read, so that a change meanwhile is seen at the next look.
   watch_.Begin(FilesOf(tls));
   Load();

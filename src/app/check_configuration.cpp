@@ -1,5 +1,6 @@
 #include "app/check_configuration.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <string_view>
@@ -269,9 +270,21 @@ class Rules {
           "The folder of the " + std::string(what) + ", " + Quoted(folder) + ", is " + std::string(trouble));
   }
 
+  // Says of a folder whose disk does not answer that it does not.
+  bool Answers(std::string_view section, std::string_view key, const std::string& folder,
+               std::string_view what) {
+    const auto& unanswered = inputs_.unanswered;
+    if (std::find(unanswered.begin(), unanswered.end(), folder) == unanswered.end()) return true;
+    AtKey(Severity::kWarning, section, key,
+          "The disk with the folder of the " + std::string(what) + ", " + Quoted(folder) +
+              ", does not answer.");
+    return false;
+  }
+
   void CheckFolders() {
     std::string log_folder;
-    if (configuration_.Log != log_mode::kOff) {
+    if (configuration_.Log != log_mode::kOff &&
+        Answers(section_name::kCommon, "LogPath", NativePath(configuration_.LogPath), "log")) {
       std::string folder = NativePath(configuration_.LogPath);
       while (folder.size() > 1 && folder.ends_with(kPathSeparator)) folder.pop_back();
       log_folder = folder;
@@ -283,14 +296,20 @@ class Rules {
     const std::string& json_log = configuration_.Service.JsonLog;
     if (!json_log.empty() && json_log != kStandardOutput) {
       const std::string folder = FolderOf(NativePath(json_log));
-      const bool is_there = FindFileIdentity(NativePath(json_log)) && !SandboxForbidsWritingIn(folder);
-      if (!is_there && folder != log_folder)
-        CheckFolder(section_name::kService, "JsonLog", folder, "log in JSON");
+      if (Answers(section_name::kService, "JsonLog", folder, "log in JSON"))
+        CheckJsonLog(NativePath(json_log), folder, log_folder);
     }
-    if (configuration_.GreyListing.Enabled) {
-      CheckFolder(section_name::kGreyListing, "Database",
-                  FolderOf(NativePath(configuration_.GreyListing.Database)), "database");
+    const std::string database_folder = FolderOf(NativePath(configuration_.GreyListing.Database));
+    if (configuration_.GreyListing.Enabled &&
+        Answers(section_name::kGreyListing, "Database", database_folder, "database")) {
+      CheckFolder(section_name::kGreyListing, "Database", database_folder, "database");
     }
+  }
+
+  void CheckJsonLog(const std::string& file, const std::string& folder, const std::string& log_folder) {
+    const bool is_there = FindFileIdentity(file) && !SandboxForbidsWritingIn(folder);
+    if (!is_there && folder != log_folder)
+      CheckFolder(section_name::kService, "JsonLog", folder, "log in JSON");
   }
 
   void CheckStatusHTTP() {

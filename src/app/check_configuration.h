@@ -26,6 +26,8 @@ struct CheckInputs {
   SettingContext context;
   // Whether it is looked at the machine too: folders, and the right to listen on ports.
   bool surroundings = true;
+  // Folders, as native paths, whose disk is known not to answer: they are not looked at.
+  std::vector<std::string> unanswered = {};
   SettingPlaces* places = nullptr;  // gets where keys and entries stand
   std::function<bool(std::int32_t port)> may_listen_on = MayListenOn;
 };

@@ -43,9 +43,11 @@ void CheckCertificates(Program& program, CheckedConfiguration& checked) {
 
 void CheckSettings(Program& program, const std::string& file, Configuration initial, AskNames ask_names,
                    std::function<void(CheckedConfiguration checked)> done) {
-  CheckedConfiguration checked = CheckConfiguration(
-      {.file = file, .early = program.MakeEarlyKeyInputs(), .context = program.MakeSettingContext()},
-      std::move(initial));
+  CheckedConfiguration checked = CheckConfiguration({.file = file,
+                                                     .early = program.MakeEarlyKeyInputs(),
+                                                     .context = program.MakeSettingContext(),
+                                                     .unanswered = program.unanswered},
+                                                    std::move(initial));
   if (!checked.was_read) return done(std::move(checked));
   CheckCertificates(program, checked);
 

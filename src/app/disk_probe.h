@@ -15,7 +15,7 @@ namespace trabex {
 
 class DiskProbe {
  public:
-  // Then the log says which disk does not answer, and that it does again.
+  // How long a disk may take to answer before the log says that it does not.
   static constexpr Milliseconds kSilence{5000};
 
   // Both outlive the object.
@@ -24,9 +24,12 @@ class DiskProbe {
   DiskProbe& operator=(const DiskProbe&) = delete;
 
   // Calls `then` when each of `files`, native paths, was read once, or has turned out not to be readable: from the loop,
-  // or in this call where all are on disks that do not hang. What hangs from then on holds up the program. None may be
-  // running (asserted).
+  // or in this call where all are on disks that do not hang. A disk that does not answer is waited for, and the log says
+  // when it answers again. What hangs from then on holds up the program. None may be running (asserted).
   void Read(const std::vector<std::string>& files, std::function<void()> then);
+  // The same, but a disk is waited for no longer than kSilence. `then` is told which of `files` have not answered.
+  void ReadInTime(const std::vector<std::string>& files,
+                  std::function<void(std::vector<std::string> unanswered)> then);
   bool Running() const { return task_.Running(); }
   void Cancel();
 
@@ -34,15 +37,21 @@ class DiskProbe {
   // The files on one disk.
   struct Disk {
     std::string mount;
-    std::string files;  // with a zero behind each
+    std::vector<std::string> files;
   };
 
+  void Begin(const std::vector<std::string>& files, bool has_bound,
+             std::function<void(std::vector<std::string> unanswered)> then);
   void Next();
   void Answered();
+  void Silent();
+  void GiveUp();
 
   Log& log_;
   std::vector<Disk> disks_;  // the last one is being read
-  std::function<void()> then_;
+  std::vector<std::string> unanswered_;
+  std::function<void(std::vector<std::string> unanswered)> then_;
+  bool has_bound_ = false;
   bool is_silent_ = false;
   Timer silence_;
   BackgroundTask task_;

@@ -60,6 +60,13 @@ GreyListingSaveResult GreyListing::Save() {
   return result;
 }
 
+GreyListingSaveResult GreyListing::FailToSave() {
+  if (complete_) std::exchange(complete_, nullptr)();
+  const GreyListingSaveResult result = store_.FailToSave();
+  Observe(result);
+  return result;
+}
+
 bool GreyListing::SaveInBackground(std::function<void(DateTime time)> saved) {
   if (complete_) return false;
   const auto done = [this, saved = std::move(saved)](const GreyListingSaveResult& result) {

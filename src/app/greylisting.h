@@ -29,6 +29,8 @@ class GreyListingRecords {
   virtual void Clear() = 0;
   // Complete when it returns.
   virtual GreyListingSaveResult Save() = 0;
+  // As Save where the disk is known not to answer: it is not touched.
+  virtual GreyListingSaveResult FailToSave() = 0;
   // The loop goes on meanwhile; `saved` is called after a success, with the universal time of what was saved.
   // False when there is nothing to save.
   virtual bool SaveInBackground(std::function<void(DateTime time)> saved) = 0;
@@ -52,6 +54,7 @@ class GreyListing final : public GreylistCheck, public GreyListingRecords {
   void Load() override;
   void Clear() override;
   GreyListingSaveResult Save() override;
+  GreyListingSaveResult FailToSave() override;
   bool SaveInBackground(std::function<void(DateTime time)> saved) override;
   std::string Database() const override;
 

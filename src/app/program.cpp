@@ -1,5 +1,6 @@
 #include "app/program.h"
 
+#include <algorithm>
 #include <chrono>
 #include <string_view>
 #include <utility>
@@ -118,7 +119,11 @@ bool Program::SaveGreyListing() {
     greylisting_records->SaveInBackground(saved);
     return false;
   }
-  const GreyListingSaveResult result = greylisting_records->Save();
+  // Nobody waits for a disk that is known not to answer; the records stay in memory then.
+  const std::string before = NativePath(greylisting_records->Database());
+  const bool answers = std::find(unanswered.begin(), unanswered.end(), before) == unanswered.end();
+  const GreyListingSaveResult result =
+      answers ? greylisting_records->Save() : greylisting_records->FailToSave();
   if (result.kind == GreyListingSaveResult::Kind::kSaved) saved(result.time);
   return result.kind != GreyListingSaveResult::Kind::kFailed;
 }

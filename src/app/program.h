@@ -108,6 +108,8 @@ struct Program final : LoadHost {
   int exit_status = 0;
   // What is not as the initialization file wants it, since the start or reload began, whose end records it.
   std::vector<std::string> problems;
+  // Native paths of what the latest reload that began was to write in, and whose disk did not answer before it.
+  std::vector<std::string> unanswered;
   static constexpr std::size_t kMaxProblems = 1000;
 
   Counters counters;

@@ -50,20 +50,25 @@ Configuration SettingsOf(Program& program, IniText ini) {
   return settings;
 }
 
-std::vector<std::string> PlacesOf(Program& program) {
-  std::vector<std::string> places;
+struct Places {
+  std::vector<std::string> read;
+  std::vector<std::string> written;
+};
+
+Places PlacesOf(Program& program) {
+  Places places;
   try {
     const Configuration settings = SettingsOf(program, mCommon::TakeIniFile(program.ini_file.path));
-    for (const ListFile& file : settings.ListFiles) places.push_back(NativePath(file.path));
-    for (std::string& file : FilesOf(settings.TLS)) places.push_back(std::move(file));
-    for (const WrittenFolder& folder : WrittenFolders(settings)) places.push_back(folder.path);
+    for (const ListFile& file : settings.ListFiles) places.read.push_back(NativePath(file.path));
+    for (std::string& file : FilesOf(settings.TLS)) places.read.push_back(std::move(file));
+    for (const WrittenFolder& folder : WrittenFolders(settings)) places.written.push_back(folder.path);
     // A database that is moved is saved where it was and loaded where it is then.
     const std::string before = program.greylisting_records->Database();
     const GreyListingSettings& greylisting = settings.GreyListing;
     if (!before.empty() && !(greylisting.Enabled && greylisting.Database == before))
-      places.push_back(NativePath(before));
+      places.written.push_back(NativePath(before));
     if (greylisting.Enabled && greylisting.Database != before)
-      places.push_back(NativePath(greylisting.Database));
+      places.read.push_back(NativePath(greylisting.Database));
   } catch (const Error&) {
     // The reload says what is the matter.
   }
@@ -75,9 +80,21 @@ std::vector<std::string> PlacesOf(Program& program) {
 ReloadProbe::ReloadProbe(Program& program) : program_(program), probe_(program.loop, program.log) {}
 
 void ReloadProbe::Run(std::function<void()> then) {
+  program_.unanswered.clear();
   if (!AnyDiskMayHang()) return then();
-  probe_.Read({NativePath(program_.ini_file.path)},
-              [this, then = std::move(then)] { probe_.Read(PlacesOf(program_), then); });
+  file_has_answered_ = false;
+  probe_.Read({NativePath(program_.ini_file.path)}, [this, then = std::move(then)] { ReadPlaces(then); });
+}
+
+void ReloadProbe::ReadPlaces(std::function<void()> then) {
+  file_has_answered_ = true;
+  const Places places = PlacesOf(program_);
+  probe_.Read(places.read, [this, written = places.written, then = std::move(then)] {
+    probe_.ReadInTime(written, [this, then](std::vector<std::string> unanswered) {
+      program_.unanswered = std::move(unanswered);
+      then();
+    });
+  });
 }
 
 }  // namespace trabex

@@ -25,13 +25,16 @@ void RequestedReload::Request(Done done) {
 }
 
 void RequestedReload::TakeWaiting() {
-  if (ended_ || under_way_ || reload_.UnderWay() || waiting_.empty()) return;
-  under_way_ = true;
+  if (ended_ || reload_.UnderWay() || waiting_.empty()) return;
+  // One that waits for what the file has named is begun anew: the file may name another disk by now.
+  if (under_way_ && !probe_.AwaitsNamedFiles()) return;
+  probe_.Cancel();
+  const bool was_under_way = std::exchange(under_way_, true);
   asked_.insert(asked_.end(), std::make_move_iterator(waiting_.begin()),
                 std::make_move_iterator(waiting_.end()));
   waiting_.clear();
   outcome_ = {};
-  if (program_.window) program_.window->ReloadBegins();
+  if (program_.window && !was_under_way) program_.window->ReloadBegins();
   probe_.Run([this] { Begin(); });
 }
 

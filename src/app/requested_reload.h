@@ -39,7 +39,7 @@ class RequestedReload {
 
   // Reads the file now, whether it has changed or not, and whatever AutoReload says; who asks has finished
   // writing it. A reload that was due is made with it. While another one is under way this one waits for it, and
-  // those that wait are made as one. `done`, which may be empty, is told what came of it, in this call or from
+  // those that wait are made as one; one that waits for files on a disk that hangs is begun anew with it. `done`, which may be empty, is told what came of it, in this call or from
   // the loop; the log has it too.
   void Request(Done done);
   // To be called when a reload that was not asked for is over.

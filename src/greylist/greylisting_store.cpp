@@ -20,6 +20,7 @@ namespace {
 constexpr std::size_t kSweptPerIteration = 2000;
 // How long a save in place may take on a disk that may hang.
 constexpr Milliseconds kMaxSaveTime{10000};
+constexpr std::string_view kNoAnswer = "The disk does not answer";
 
 std::string ErrorText(std::string_view action, int number, std::string_view description) {
   std::string text = "Unable to ";
@@ -135,6 +136,11 @@ GreyListingSaveResult GreyListingStore::SaveGreyListingDatabase() {
   }
 }
 
+GreyListingSaveResult GreyListingStore::FailToSave() {
+  if (!task_.Running() && !database_.Changed()) return {};
+  return Failed(clock_.UniversalNow(), error_number::kDeviceIo, kNoAnswer);
+}
+
 // Nothing when the system gives no process for it.
 std::optional<GreyListingSaveResult> GreyListingStore::SaveWithinBound(DateTime now) {
   std::optional<GreyListingSaveResult> result;
@@ -143,7 +149,7 @@ std::optional<GreyListingSaveResult> GreyListingStore::SaveWithinBound(DateTime 
   database_.SetChanged(false);
   if (task_.WaitFor(kMaxSaveTime)) return result;
   task_.Cancel();
-  return Failed(now, error_number::kDeviceIo, "The disk does not answer");
+  return Failed(now, error_number::kDeviceIo, kNoAnswer);
 }
 
 bool GreyListingStore::Start(DateTime now, std::function<void(const TaskResult&)> done) {

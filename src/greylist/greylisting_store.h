@@ -71,6 +71,9 @@ class GreyListingStore {
   // the disk, or the reason is logged. A save in the background is given up; its `done` is not called.
   GreyListingSaveResult SaveGreyListingDatabase();
 
+  // What that comes to where the disk is known not to answer: nothing is tried, and a save in the background goes on.
+  GreyListingSaveResult FailToSave();
+
   // As SaveGreyListingDatabase, but the loop goes on meanwhile; expired records leave the memory in the
   // iterations after the save. `done` is called from the loop with kSaved or kFailed. When the system gives
   // no process for it, the save is made in place after all (better a held-up loop than lost records), and

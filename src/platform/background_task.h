@@ -63,6 +63,8 @@ class BackgroundTask {
   // that takes no time, or a second where a disk that hangs holds the task up: then it ends as soon as that answers. A
   // thread ends at its next piece of content or when its work is done.
   void Cancel();
+  // As Cancel, without waiting for anything: for work that only reads, and so may go on for as long as its disk hangs.
+  void Abandon();
 
  private:
   struct State;

@@ -109,6 +109,15 @@ class HangingDisk:
             node.data += data
             folder.names[last] = node.number
 
+    def take_away(self, name):
+        """A file or folder at the top, which is returned for bring_back."""
+        with self._lock:
+            return self._nodes[_ROOT].names.pop(name)
+
+    def bring_back(self, name, taken):
+        with self._lock:
+            self._nodes[_ROOT].names[name] = taken
+
     def get(self, name):
         """What a file holds; nothing when there is none."""
         with self._lock:

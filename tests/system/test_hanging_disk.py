@@ -9,7 +9,7 @@ import threading
 from concurrent.futures import ThreadPoolExecutor
 
 import own_mounts
-from hanging_disk import CREATE, FSYNC, OPEN, WRITE, HangingDisk
+from hanging_disk import CREATE, FSYNC, LOOKUP, OPEN, WRITE, HangingDisk
 from messages import text_message
 from trabex_system import (DOMAIN, LOOPBACK, Authority, Options, Scenario, bound, connect, in_family, main, run_trabex,
                            trusting, wait_until, without_received)
@@ -191,6 +191,48 @@ class HungDisk(OnHangingDisk):
         self.assertRegex(proxy.process.stderr(), r"The disk of the log does not answer\. Lost lines: \d+\.")
         self.nothing_was_lost()
 
+    def test_killed(self):
+        """What the log's process was given is written, though the program is killed before the disk answers."""
+        proxy = self.start_logging_there()
+        self.logs_have(self.sessions(proxy))
+        self.disk.hang(LOOKUP, OPEN, CREATE)
+        proxy.process.send_signal(signal.SIGUSR1)
+        self.disk.wait_until_somebody_waits()
+        proxy.process.send_signal(signal.SIGKILL)
+        self.assertEqual(proxy.process.wait(), -signal.SIGKILL)
+        self.disk.answer()
+        self.wait_for_line("Log file reopened.")
+        self.log_is_whole()
+
+    def test_folder_that_cannot_be_used(self):
+        """It is told once until it can be, however often the file is closed."""
+        proxy = self.start_logging_there()
+        self.logs_have(self.sessions(proxy))
+        told = "Unable to open log file "
+
+        def reopen_in_vain(lost):
+            proxy.process.send_signal(signal.SIGUSR1)
+            wait_until(lambda: self.lost_lines(proxy) == lost, f"{lost} lines to be lost")
+
+        folder = self.disk.take_away("Log")
+        self.disk.put("Log", b"")
+        for number in range(3):
+            reopen_in_vain(number + 1)
+        self.assertEqual(proxy.process.stderr().count(told), 1)
+        self.disk.bring_back("Log", folder)
+        proxy.process.send_signal(signal.SIGUSR1)
+        self.wait_for_line("Log file reopened.")
+        self.disk.take_away("Log")
+        self.disk.put("Log", b"")
+        for number in range(3):
+            reopen_in_vain(number + 4)
+        self.assertEqual(proxy.process.stderr().count(told), 2)
+
+    def lost_lines(self, proxy):
+        status, said, _ = run_trabex("--status", "log_lines_lost_total", "--port", proxy.port)
+        self.assertEqual(status, 0)
+        return sum(map(int, re.findall(r"(\d+)$", said, re.MULTILINE)))
+
     # What is read
 
     def test_reload(self):
@@ -238,6 +280,54 @@ class HungDisk(OnHangingDisk):
         proxy.process.send_signal(signal.SIGHUP)
         self.disk.wait_until_somebody_waits()
         self.assertEqual(proxy.end(), 0)
+        self.nothing_was_lost()
+
+    def test_leaving(self):
+        """A reload moves all away from a disk that is dead, but for the log, which only a start moves. The records stay in
+        memory until they can be saved where they belong."""
+        disk, local = self.disk.folder, self.place.new_folder("local")
+        for name, data in (("white.txt", b"10.1.1.1\n"), ("both.pem", self.certificate.both.read_bytes())):
+            self.disk.put(name, data)
+            (local / name).write_bytes(data)
+        self.disk.put("records/other", b"")
+        (local / "records").mkdir()
+
+        def sections(folder):
+            # A sandbox would leave no more than the places of the start.
+            return {"TLS": {"Certificate": folder / "both.pem"},
+                    "Service": {"JsonLog": folder / "trabex.json", "Sandbox": 0},
+                    "ListFiles": {"Common.IPWhiteList": folder / "white.txt"},
+                    "GreyListing": {"Enabled": 1, "Database": folder / "records" / "grey.gldb", "IPWhiteList": LOOPBACK}}
+
+        proxy = self.start({"LogPath": disk / "Log", "LocalIPs": "10.0.0.0/8", "LocalDomains": DOMAIN}, sections(disk),
+                           json_log=False)
+        self.logs_have(self.sessions(proxy))
+        self.delayed(proxy, "first")
+        self.disk.hang()
+        with ThreadPoolExecutor(1) as pool:
+            waiting = pool.submit(run_trabex, "--reload", "--port", proxy.port)
+            self.wait_for_word(proxy, "Files there are read when it does.")
+            self.sessions(proxy)
+            self.assertFalse(waiting.done())
+            proxy.sections = sections(local)
+            proxy.write_ini()
+            status, said, error = run_trabex("--reload", "--port", proxy.port)
+            self.assertEqual((status, waiting.result()[0]), (0, 0), error)
+        self.assertIn(f"The disk with the folder of the log, \"{disk / 'Log'}\", does not answer.", said + error)
+        self.wait_for_word(proxy, "What lies there is not looked at.")
+        self.wait_for_word(proxy, "Unable to save GreyListing database. Error 57. The disk does not answer.")
+        numbers = self.sessions(proxy)
+        wait_until(lambda: all(f'"from":"s{number}@'.encode() in (local / "trabex.json").read_bytes() for number in numbers),
+                   "the sessions in the log in JSON")
+        self.delayed(proxy, "second")
+        self.disk.answer()
+        self.wait_for_line(f"Certificate \"{local / 'both.pem'}\"")
+        self.assertEqual(run_trabex("--reload", "--port", proxy.port)[0], 0)
+        for recipient in b"first", b"second":
+            self.assertIn(recipient, self.disk.get("records/grey.gldb"))
+        self.delayed(proxy, "third")
+        self.assertEqual(proxy.end(), 0)
+        self.assertIn(b"third", (local / "records" / "grey.gldb").read_bytes())
         self.nothing_was_lost()
 
     # What is saved

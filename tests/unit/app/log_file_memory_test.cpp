@@ -49,7 +49,8 @@ class Logged {
     EXPECT_EQ(static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n')) + log_.LostLines(), 5U)
         << text;
     EXPECT_TRUE(text.ends_with(" last\r\n")) << text;
-    for (std::size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+    for (std::size_t begin = 0, end = 0; (end = text.find('\n', begin)) != std::string::npos;
+         begin = end + 1) {
       const std::string line = text.substr(begin, end - begin);
       EXPECT_TRUE(line.ends_with("x\r") || line.ends_with("last\r")) << line;
     }

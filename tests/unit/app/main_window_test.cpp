@@ -356,6 +356,7 @@ class GreyListingTimerTest : public MainWindowTest, private GreyListingRecords {
     return true;
   }
   std::string Database() const override { return kept_in_; }
+  GreyListingSaveResult FailToSave() override { return {}; }
   GreyListingSaveResult Save() override {
     saved_after_.push_back(log_.back());
     return {GreyListingSaveResult::Kind::kSaved, clock_.UniversalNow()};

@@ -15,7 +15,7 @@ namespace {
 // As many links as the system follows.
 constexpr int kMaxLinks = 40;
 
-// Those that are on a disk of this machine, or in its memory. Any other may hang.
+// As disk.h says.
 constexpr auto kLocal = std::to_array<std::string_view>(
     {"aufs",       "bcachefs",  "binfmt_misc", "bpf",       "btrfs",
      "cgroup",     "cgroup2",   "configfs",    "debugfs",   "devpts",
@@ -84,6 +84,7 @@ MountTable::MountTable(std::string_view text) {
     const bool is_local = std::find(kLocal.begin(), kLocal.end(), TakeWord(line)) != kLocal.end();
     may_hang_.insert_or_assign(std::move(place), !is_local);
   }
+  if (may_hang_.empty()) may_hang_.emplace("", true);
 }
 
 bool MountTable::AnyMayHang() const {

@@ -10,7 +10,8 @@ namespace trabex {
 
 class MountTable {
  public:
-  // `text` is in the form of /proc/self/mountinfo. What is no line of it is left out.
+  // `text` is in the form of /proc/self/mountinfo. What is no line of it is left out. Without any line, as where the
+  // table cannot be read, nothing is known, and everything may hang.
   explicit MountTable(std::string_view text);
 
   // As disk.h.

@@ -115,6 +115,12 @@ struct BackgroundTask::State {
     return false;
   }
 
+  void LeaveBehind() {
+    watch.reset();
+    result.Close();
+    left_behind.push_back(std::exchange(process, -1));
+  }
+
   void ReapLeftBehind() {
     std::erase_if(left_behind, [](pid_t one) { return waitpid(one, nullptr, WNOHANG) != 0; });
   }
@@ -204,9 +210,14 @@ void BackgroundTask::Cancel() {
   kill(state.process, SIGKILL);
   state.done = nullptr;
   if (state.HasEnded(Deadline(kEnding))) return state.Reap();
-  state.watch.reset();
-  state.result.Close();
-  state.left_behind.push_back(std::exchange(state.process, -1));
+  state.LeaveBehind();
+}
+
+void BackgroundTask::Abandon() {
+  if (!Running()) return;
+  kill(state_->process, SIGKILL);
+  state_->done = nullptr;
+  state_->LeaveBehind();
 }
 
 }  // namespace trabex

@@ -118,10 +118,11 @@ struct DetachedAppend::State {
   std::deque<Packet> waiting;
   std::size_t waiting_bytes = 0;
   std::uint64_t dropped = 0;
-  bool close_is_due = false;   // before the next lines
-  bool is_under_way = false;   // the first of the waiting ones
-  bool is_second_try = false;  // of the same: the process to which it was given first had ended before it took it
-  pid_t process = -1;          // -1: none
+  bool close_is_due = false;  // before the next lines
+  bool is_under_way = false;  // the first of the waiting ones
+  bool is_second_try =
+      false;           // of the same: the process to which it was given first had ended before it took it
+  pid_t process = -1;  // -1: none
   Descriptor channel;
   std::optional<FdWatcher> watch;
   std::chrono::steady_clock::time_point sent_at;  // the one under way

@@ -49,7 +49,7 @@ std::string ParentOf(const std::string& folder) {
   return RealPath(FolderOf(folder.substr(0, end + 1)));
 }
 
-bool MayWriteBeside(const std::string& folder, const std::vector<std::string>& deciding,
+bool MayWriteBeside(const std::string& folder, const DecidingPlaces& deciding,
                     const std::vector<std::string>& written) {
   const std::string parent = ParentOf(folder);
   if (geteuid() == 0 || parent.empty() || parent == "/") return false;
@@ -68,11 +68,17 @@ bool MayWriteBeside(const std::string& folder, const std::vector<std::string>& d
   std::vector<std::string> guarded = homes;
   guarded.push_back(RealPath("/proc/self/exe"));
   guarded.push_back(FolderOf(guarded.back()));
-  guarded.insert(guarded.end(), deciding.begin(), deciding.end());
-  return std::none_of(guarded.begin(), guarded.end(), [&](const std::string& each) {
-    const std::string place = RealPath(each);
-    return !place.empty() && LiesIn(place, parent) && !is_written(place) && MayChange(place);
-  });
+  guarded.insert(guarded.end(), deciding.places.begin(), deciding.places.end());
+  const auto lies_beside = [&](const std::string& place) {
+    return !place.empty() && LiesIn(place, parent) && !is_written(place);
+  };
+  const auto any_of = [&](const std::vector<std::string>& places, bool are_trees) {
+    return std::any_of(places.begin(), places.end(), [&](const std::string& each) {
+      const std::string place = RealPath(each);
+      return lies_beside(place) && (MayChange(place) || (are_trees && IsFolder(place)));
+    });
+  };
+  return !any_of(guarded, false) && !any_of(deciding.trees, true);
 }
 
 }  // namespace trabex

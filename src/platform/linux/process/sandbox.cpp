@@ -4,6 +4,7 @@
 #include <sys/prctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
@@ -68,11 +69,17 @@ void AllowFile(LandlockRules& rules, const std::string& path) {
   }
 }
 
-void AllowSystem(LandlockRules& rules) {
-  for (const char* const place : kSystemPlaces) rules.AllowReading(place);
+// Those that are the same everywhere, and those that the environment names.
+std::vector<std::string> SystemPlaces() {
+  std::vector<std::string> places(kSystemPlaces.begin(), kSystemPlaces.end());
   for (const char* const name : {"TERMINFO", "SSL_CERT_FILE", "SSL_CERT_DIR", "OPENSSL_CONF"}) {
-    if (const char* const place = std::getenv(name)) rules.AllowReading(place);
+    if (const char* const place = std::getenv(name)) places.emplace_back(place);
   }
+  return places;
+}
+
+void AllowSystem(LandlockRules& rules) {
+  for (const std::string& place : SystemPlaces()) rules.AllowReading(place);
   for (const char* const file : kReplacedFiles) {
     for (const std::string& folder : FoldersOnTheWayTo(file)) {
       // In /etc there are files that only root may read. Who is not root could not anyway.
@@ -83,17 +90,47 @@ void AllowSystem(LandlockRules& rules) {
   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) rules.AllowUsing(stream);
 }
 
-// What the program reads and its user may be able to change, with the folders in which it could be replaced.
-std::vector<std::string> DecidingPlaces(const SandboxPaths& paths) {
-  std::vector<std::string> places = paths.read_files;
-  for (const std::string& file : paths.read_files) {
-    for (std::string& folder : FoldersOnTheWayTo(file)) places.push_back(std::move(folder));
+// The folders that hold a link on the way to `path`, and the one that holds what is at its end: whoever may write in one
+// of them can put something else at the path.
+std::vector<std::string> FoldersThatDecide(const std::string& path) {
+  std::vector<std::string> folders;
+  std::string rest = AbsolutePath(path);
+  std::string way;  // as far as it has been followed, without links
+  for (int links = 0; links < kMaxLinks;) {
+    const std::size_t begin = rest.find_first_not_of(kPathSeparator);
+    if (begin == std::string::npos) break;
+    const std::size_t end = std::min(rest.find(kPathSeparator, begin), rest.size());
+    const std::string next = way + kPathSeparator + rest.substr(begin, end - begin);
+    rest.erase(0, end);
+    const std::string target = TargetOf(next);
+    if (!target.empty() || rest.find_first_not_of(kPathSeparator) == std::string::npos) {
+      folders.push_back(way.empty() ? std::string(1, kPathSeparator) : way);
+    }
+    if (target.empty()) {
+      way = next;
+    } else {
+      ++links;
+      rest = target + rest;
+      way.clear();
+    }
   }
-  return places;
+  return folders;
+}
+
+// All that the sandbox lets be read, apart from what belongs to the kernel.
+DecidingPlaces PlacesThatDecide(const SandboxPaths& paths) {
+  DecidingPlaces deciding{.places = paths.read_files, .trees = paths.read_places};
+  for (std::string& place : SystemPlaces()) deciding.trees.push_back(std::move(place));
+  std::vector<std::string> all = deciding.trees;
+  all.insert(all.end(), paths.read_files.begin(), paths.read_files.end());
+  for (const std::string& place : all) {
+    for (std::string& folder : FoldersThatDecide(place)) deciding.places.push_back(std::move(folder));
+  }
+  return deciding;
 }
 
 void AllowReplacedFolders(LandlockRules& rules, const SandboxPaths& paths) {
-  const std::vector<std::string> deciding = DecidingPlaces(paths);
+  const DecidingPlaces deciding = PlacesThatDecide(paths);
   for (const std::string& folder : paths.write_folders) {
     if (MayWriteBeside(folder, deciding, paths.write_folders)) rules.AllowMakingFolders(ParentOf(folder));
   }

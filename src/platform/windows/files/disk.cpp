@@ -10,4 +10,8 @@ std::optional<std::string> DiskThatMayHang(const std::string& /*path*/) {
   return std::nullopt;
 }
 
+std::vector<std::optional<std::string>> DisksThatMayHang(const std::vector<std::string>& paths) {
+  return std::vector<std::optional<std::string>>(paths.size());
+}
+
 }  // namespace trabex

@@ -156,4 +156,8 @@ void BackgroundTask::Cancel() {
   state_->done = nullptr;
 }
 
+void BackgroundTask::Abandon() {
+  Cancel();
+}
+
 }  // namespace trabex

@@ -44,7 +44,8 @@ char StateOf(pid_t process) {
 
 // Whether the only child has the file open.
 bool IsOpen(const std::string& path) {
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(Children().front()) + "/fd")) {
+  for (const auto& entry :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(Children().front()) + "/fd")) {
     std::error_code gone;
     if (std::filesystem::read_symlink(entry, gone) == path) return true;
   }
@@ -262,7 +263,8 @@ TEST_F(DetachedAppendTest, CountsWhatComesBetweenCloses) {
     append_.CloseFile();
   }
   Signal(SIGCONT);
-  ASSERT_TRUE(RunUntil(loop_, [&] { return dropped_ > 0; }, std::chrono::seconds(60)));
+  ASSERT_TRUE(RunUntil(
+      loop_, [&] { return dropped_ > 0; }, std::chrono::seconds(60)));
   EXPECT_EQ(append_.Finish(Milliseconds{60000}), 0U);
   const std::string text = TextOf(path);
   EXPECT_EQ(static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n')) + dropped_, kLines + 1);

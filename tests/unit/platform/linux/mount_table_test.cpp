@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/disk.h"
 #include "support/temp_folder.h"
@@ -74,12 +75,21 @@ TEST(MountTable, FindsTheFirstOnTheWay) {
 TEST(MountTable, CountsTheRoot) {
   const MountTable mounts(Line("/", "nfs") + Line("/tmp", "tmpfs"));
   EXPECT_EQ(mounts.ThatMayHang("/tmp/file"), "/");
-  EXPECT_FALSE(MountTable("").AnyMayHang());
+}
+
+TEST(MountTable, WithoutALineKnowsNothing) {
+  for (const char* const text : {"", "\n", "no line of the table\n"}) {
+    const MountTable mounts(text);
+    EXPECT_TRUE(mounts.AnyMayHang());
+    EXPECT_EQ(mounts.ThatMayHang("/tmp/file"), "/");
+  }
 }
 
 TEST(Disk, ThatOfTheSystemIsKnown) {
   // Whatever this machine has: the table can be read, and a kernel's own file system is no disk.
   EXPECT_EQ(DiskThatMayHang("/proc/self/status"), std::nullopt);
+  EXPECT_EQ(DisksThatMayHang({"/proc/self/status", "/proc/self/stat"}),
+            std::vector<std::optional<std::string>>(2));
 }
 
 }  // namespace

@@ -284,6 +284,60 @@ TEST_F(Sandbox, TellsWhatIsOutside) {
             0);
 }
 
+// A folder beside a folder for logs: whoever may make one there could change all that lies beside it and is his.
+TEST_F(Sandbox, FoldersAreMadeOnlyBesideWhatDecidesNothing) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to become somebody else";
+  constexpr uid_t kNobody = 65534;
+  const std::string top = folder_ / "top";
+  const std::string file = folder_ / "top/file";
+  const std::string tree = folder_ / "top/tree";
+  for (const std::string& folder : {top, top + "/Log", tree}) ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+  WriteFile(file, "x");
+  // The files at its end are root's, but the link is not.
+  ASSERT_EQ(symlink((folder_ / "read").c_str(), (folder_ / "top/link").c_str()), 0);
+  for (const std::string& place : {top, top + "/Log", file}) {
+    ASSERT_EQ(chown(place.c_str(), kNobody, kNobody), 0);
+  }
+  const struct {
+    const char* variable;  // nullptr: none
+    std::string value;
+    std::vector<std::string> read_files;
+    std::vector<std::string> read_places;
+    int code;  // of making a folder
+  } rows[] = {
+      {nullptr, "", {}, {}, 0},
+      {nullptr, "", {folder_ / "read/Trabex.ini"}, {folder_ / "other"}, 0},
+      {"OPENSSL_CONF", folder_ / "read/Trabex.ini", {}, {}, 0},
+      {"OPENSSL_CONF", file, {}, {}, EACCES},
+      {"OPENSSL_CONF", top + "/none", {}, {}, EACCES},  // it could be made
+      {"SSL_CERT_FILE", file, {}, {}, EACCES},
+      {"SSL_CERT_DIR", tree, {}, {}, EACCES},
+      {"TERMINFO", tree, {}, {}, EACCES},
+      {nullptr, "", {}, {file}, EACCES},
+      {nullptr, "", {}, {tree}, EACCES},
+      {nullptr, "", {top + "/link/Trabex.ini"}, {}, EACCES},
+      {"SSL_CERT_FILE", top + "/link/list.txt", {}, {}, EACCES},
+  };
+  for (const auto& row : rows) {
+    ChildProcess child([&] {
+      for (const char* const name : {"OPENSSL_CONF", "SSL_CERT_FILE", "SSL_CERT_DIR", "TERMINFO"})
+        unsetenv(name);
+      if (row.variable != nullptr) setenv(row.variable, row.value.c_str(), 1);
+      if (setgid(kNobody) != 0 || setuid(kNobody) != 0) return 255;
+      if (EncloseProcess({.read_files = row.read_files,
+                          .read_places = row.read_places,
+                          .write_folders = {top + "/Log"},
+                          .folders_are_replaced = true}))
+        return 254;
+      return CodeOf(mkdir((top + "/new").c_str(), 0700));
+    });
+    EXPECT_EQ(child.Wait(), row.code)
+        << (row.variable == nullptr ? "" : row.variable) << ' ' << row.value << ' '
+        << testing::PrintToString(row.read_files) << ' ' << testing::PrintToString(row.read_places);
+    rmdir((top + "/new").c_str());
+  }
+}
+
 // All of it, and for the processes that come from this one.
 TEST_F(Sandbox, HoldsForForkedProcesses) {
   EXPECT_EQ(InSandbox([&] {
