@@ -8,8 +8,10 @@ namespace trabex {
 
 // What the program reads, and what therefore decides what it does.
 struct DecidingPlaces {
-  std::vector<std::string> places;  // files, and folders in which one of them, or a link to one, could be replaced
-  std::vector<std::string> trees;   // files, and folders of which anything below may be read
+  // Files, and folders in which one of them, or a link to one, could be replaced.
+  std::vector<std::string> places;
+  // Files, and folders of which anything below may be read.
+  std::vector<std::string> trees;
 };
 
 // Whether this process may be let write in the parent of `folder`, with all that is below, so that another folder can

@@ -140,7 +140,8 @@ struct EventLoop::Impl {
   HWND window_ = nullptr;
   MessageNumbers numbers_;
   std::vector<EventSource*> sources_;
-  std::map<UINT, std::shared_ptr<const MessageHandler>> handlers_;  // shared with the call that is under way
+  // Each is shared with the call of it that is under way.
+  std::map<UINT, std::shared_ptr<const MessageHandler>> handlers_;
   std::size_t message_calls_ = 0;  // of the messages in this iteration
   int partial_iterations_ = 0;     // that left messages waiting, one after the other, up to this one
   std::chrono::steady_clock::time_point asked_anew_;
