@@ -253,11 +253,12 @@ def line_findings(name, line):
         command = (quoted.group(1) or quoted.group(2) or "").encode("utf-8", errors="surrogateescape")
         wrong = forbidden_command(command) or [each for each in command_violations(command) if not each.startswith("an address")]
         return [str(wrong)] if wrong else []
-    line = _HARMLESS.sub("", line)
     found = []
+    if name == "exim" and (named := _CALLS_ITSELF.search(line)):
+        # Whatever stands in the name, it is one.
+        found.append(("name", named.group(1)))
+    line = _HARMLESS.sub("", line)
     if name == "exim":
-        if named := _CALLS_ITSELF.search(line):
-            found.append(("name", named.group(1)))
         if message := _FIELDS[name].search(line):
             found += [("sender", message["sender"])] if message["sender"] != "<>" else []
             found += [("recipient", each) for each in message["recipients"].split()]
