@@ -43,6 +43,9 @@ struct DnsSettings {
 // channel cancels all of them once none is pending. A channel takes 1024 queries in its life, and the next
 // ones go to another channel, which has other ports, so that ports and ids stay unpredictable. (Newer
 // versions of c-ares can limit the queries of one port themselves; that of Debian 12, 1.18, cannot.)
+//
+// Answers that are too long for a packet come over TCP, all of a server's by one connection. One of them that never ends
+// holds up those behind it, until none is waited for and the sockets are closed, or the queries go to another channel.
 class DnsChannel {
  public:
   // Both references outlive the channel. Raises 57 "Device I/O error" when c-ares cannot start.
