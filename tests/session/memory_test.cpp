@@ -18,6 +18,8 @@
 #include "session/reported.h"
 #include "support/counted_allocations.h"
 #include "support/scripted_server.h"
+#include "support/test_certificates.h"
+#include "tls/tls_context.h"
 
 namespace trabex {
 namespace {
@@ -62,8 +64,14 @@ struct Course {
 // A program with an idle session, that of the fixture's client.
 class Program {
  public:
-  explicit Program(Security security) {
+  // `server_tls`: the server is spoken to under TLS, from its first byte on.
+  explicit Program(Security security, bool server_tls = false) : server_tls_(server_tls) {
     SessionFixture& fixture = test_.fixture;
+    if (server_tls) {
+      TlsLoadReport report;
+      fixture.Settings.TLS.Server = server_tls::kImplicit;
+      fixture.Tls.for_server = TlsContext::ForClient({}, report);
+    }
     if (security != Security::kPlain) fixture.OfferTls();
     starts_tls_ = security == Security::kStartTls;
     Configuration& settings = fixture.Settings;
@@ -183,6 +191,11 @@ class Program {
     ScriptedServer script;
   };
 
+  static const TestCertificate& ServerCertificate() {
+    static const TestCertificate certificate =
+        MakeTestCertificate({.common_name = "server.of.the.inside.test"});
+    return certificate;
+  }
   static Milliseconds LingeringTime() { return std::chrono::seconds(6); }
 
   bool Say(const Step& step, Course& course) {
@@ -221,10 +234,14 @@ class Program {
 
   void Serve() {
     TestPeer connected = test_.fixture.Server().Accept();
-    if (connected.Open()) servers_.emplace_back(new Served{std::move(connected), ScriptedServer()});
+    if (connected.Open()) {
+      if (server_tls_) connected.StartTls({.server = true, .certificate = ServerCertificate()});
+      servers_.emplace_back(new Served{std::move(connected), ScriptedServer()});
+    }
     for (const auto& server : servers_) {
       if (!server->peer.Open()) continue;
       server->peer.Poll();
+      if (server_tls_ && !server->peer.Secured()) continue;
       server->script.Take(std::exchange(server->peer.Received(), {}));
       for (std::string segment; !(segment = server->script.NextSegment()).empty();) {
         moved_ += segment.size();
@@ -270,6 +287,7 @@ class Program {
   Reported test_;
   std::unique_ptr<NameLookup> names_;
   bool starts_tls_ = false;
+  bool server_tls_;
   TestPeer client_;
   std::vector<std::unique_ptr<Served>> servers_;
   std::size_t moved_ = 0;
@@ -282,11 +300,11 @@ struct Outcomes {
 
 // One session for each allocation that there is, which is the first of so many that fail. Those behind it and beside it
 // have memory again.
-Outcomes PlayAll(Security security, std::size_t times) {
+Outcomes PlayAll(Security security, std::size_t times, bool server_tls = false) {
   Outcomes outcomes;
   for (std::size_t before = 0;; ++before) {
     SCOPED_TRACE("allocation " + std::to_string(before));
-    Program program(security);
+    Program program(security, server_tls);
     Course course;
     bool failed = false;
     {
@@ -326,6 +344,12 @@ TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFails) {
 
 TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFailsUnderTls) {
   EXPECT_GT(PlayAll(Security::kStartTls, 1).refused, 100U);
+}
+
+TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFailsWhenItsServerIsUnderTls) {
+  const Outcomes outcomes = PlayAll(Security::kPlain, 1, true);
+  EXPECT_GT(outcomes.refused, 100U);
+  EXPECT_EQ(outcomes.waited, 0U);
 }
 
 TEST(SessionWithoutMemory, EndsAloneWhenThereIsNoneForAWhile) {
