@@ -4,6 +4,7 @@
 import collections
 import os
 import resource
+import ssl
 
 from trabex_system import (Authority, HungUp, Options, Scenario, connections_to, in_family, keeps_freed_memory, main,
                            polite_server, trusting, wait_until)
@@ -64,14 +65,25 @@ class Memory(Exhausted):
         super().setUp()
         if Options.through == "trabex" and keeps_freed_memory():
             self.skipTest("what a sanitizer needs has no bound")
-        certificate = Authority(self.place).issue(["localhost"])
-        extensions = ("8BITMIME", "CHUNKING", "SIZE 100000000")
-        self.begin(self.scripted_server(polite_server(extensions, replies={"HELP": self.HELP})),
-                   {"ProxyProtocolFrom": self.BALANCER, "LocalDomains": "*"},
-                   sections={"TLS": {"Certificate": certificate.both}, "Service": {"JsonEvents": "session"}})
+        self.certificate = Authority(self.place).issue(["localhost"])
+        extensions, replies, tls = self.server()
+        polite = polite_server(("8BITMIME", "CHUNKING", "SIZE 100000000", *extensions), None, {"HELP": self.HELP, **replies})
+
+        def dialogue(connection):
+            try:
+                polite(connection)
+            except ssl.SSLError as error:
+                raise HungUp from error
+
+        self.begin(self.scripted_server(dialogue), {"ProxyProtocolFrom": self.BALANCER, "LocalDomains": "*"},
+                   sections={"TLS": {"Certificate": self.certificate.both, **tls}, "Service": {"JsonEvents": "session"}})
         self.kinds = {"plain": self.mail, "TLS": self.mail_under_tls, "header of a balancer": self.mail_behind_balancer,
                       "large chunks": self.large_chunks, "many recipients": self.many_recipients,
                       "long replies": self.long_replies}
+
+    def server(self):
+        """What it offers and replies beside what any does, and what is set for it in section TLS."""
+        return (), {}, {}
 
     # ---- each raises when it is not served as ever
 
@@ -191,6 +203,20 @@ class Memory(Exhausted):
         self.assertGoesOn()
         all_ends = collections.Counter(end for ends in outcomes.values() for end in ends)
         print("sessions without memory:", ", ".join(f"{count} {end}" for end, count in sorted(all_ends.items())))
+
+
+class MemoryWithServerUnderTls(Memory):
+    """The same where each session has TLS with the server, too, and ends with 421 when there is no memory for that."""
+
+    def server(self):
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.load_cert_chain(self.certificate.chain, self.certificate.key)
+
+        def start_tls(connection, _):
+            connection.send_line("220 go on")
+            connection.socket = context.wrap_socket(connection.socket, server_side=True)
+
+        return ("STARTTLS",), {"STARTTLS": start_tls}, {"Server": 2}
 
 
 class Refused(Exception):
