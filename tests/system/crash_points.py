@@ -37,10 +37,16 @@ class Point(NamedTuple):
     victims: str
 
     def __str__(self):
-        return f"{self.victims} at {self.stop}"
+        return f"{self.victims} at {self.stop} (--at {self.option()[1]})"
 
     def option(self):
         return ["--at", f"{self.stop.who}:{self.stop.number}:{self.victims}"]
+
+
+def point_of(option):
+    """The point of which this is the option WHO:NUMBER:VICTIMS; what is called there is not known."""
+    who, number, victims = option.split(":")
+    return Point(Stop(int(who), int(number), 0, "", "", "-", ()), victims)
 
 
 def kill_points(stops):

@@ -48,25 +48,21 @@ def ways(story, stops):
     return [(point, {}) for point in kill_points(stops)]
 
 
-class CrashScenario(Scenario):
-    """`self.play(stories, seconds)` kills them at as many of their points as fit into this time, or at all without it.
+class Player:
+    """Plays runs of stories, each in a folder of its own in the place, from up to `jobs` threads."""
 
-    Which ones they are a seed decides, which is printed; one of each story is played in any case.
-    """
-
-    def setUp(self):
-        super().setUp()
-        self._jobs = 2 * len(os.sched_getaffinity(0))
+    def __init__(self, place, jobs):
+        self._place = place
         self._ports = queue.Queue()
-        for _ in range(self._jobs):
+        for _ in range(jobs):
             self._ports.put(free_port())
-        self._shared = Shared(self.place)
+        self._shared = Shared(place)
         self._numbers = itertools.count()
 
     def play_once(self, story, point, more):
-        """(the run or None, what was wrong or None)"""
+        """(the run or None when the point did not come, what was wrong or None)"""
         port = self._ports.get()
-        folder = self.place.folder / f"run{next(self._numbers)}"
+        folder = self._place.folder / f"run{next(self._numbers)}"
         folder.mkdir()
         try:
             played = story(folder, port, self._shared)
@@ -84,12 +80,24 @@ class CrashScenario(Scenario):
         finally:
             self._ports.put(port)
 
+
+class CrashScenario(Scenario):
+    """`self.play(stories, seconds)` kills them at as many of their points as fit into this time, or at all without it.
+
+    Which ones they are a seed decides, which is printed; one of each story is played in any case.
+    """
+
+    def setUp(self):
+        super().setUp()
+        self._jobs = 2 * len(os.sched_getaffinity(0))
+        self._player = Player(self.place, self._jobs)
+
     def play_in_time(self, end, *way):
         """As play_once, until the point comes; nothing at all when it is too late."""
         if end is not None and time.monotonic() > end:
             return None
         for _ in range(TRIES):
-            run, failure = self.play_once(*way)
+            run, failure = self._player.play_once(*way)
             if run or failure:
                 break
         return run, failure
@@ -100,7 +108,7 @@ class CrashScenario(Scenario):
         choice = random.Random(seed)
         failures, played = [], []
         with ThreadPoolExecutor(self._jobs) as pool:
-            whole = list(pool.map(lambda story: self.play_once(story, None, {}), stories))
+            whole = list(pool.map(lambda story: self._player.play_once(story, None, {}), stories))
             failures += [failure for _, failure in whole if failure]
             all_ways = [(story, *way) for story, (run, _) in zip(stories, whole) if run for way in ways(story, run.stops())]
             choice.shuffle(all_ways)

@@ -115,8 +115,11 @@ class Story:
 
     # What stories do.
 
+    def listens(self):
+        return is_listening(self.port)
+
     def wait_listening(self, run):
-        run.wait_until(lambda: is_listening(self.port), "the start")
+        run.wait_until(self.listens, "the start")
         expect(not run.ended(), f"no start: {run.stderr()}")
 
     def ask(self, *arguments, **more):
@@ -140,7 +143,7 @@ class Story:
         with open(self.folder / "restart", "ab+") as said:
             child = subprocess.Popen(list(map(str, command)), stdin=subprocess.DEVNULL, stdout=said, stderr=said)
             try:
-                wait_until(lambda: is_listening(self.port) or child.poll() is not None, "the next start", 30)
+                wait_until(lambda: self.listens() or child.poll() is not None, "the next start", 30)
                 expect(child.poll() is None, f"the next start failed: {(self.folder / 'restart').read_text()}")
                 yield
                 child.send_signal(signal.SIGTERM)
@@ -389,7 +392,19 @@ class ImportIntoInstance(ImportStory):
         run.wait_until(lambda: answers, "the import")
         # Its words do not end before the program does, when that is killed.
         asking.join(bound(30))
+        expect(answers, "the import does not end")
+        self.answer = answers[0]
         run.signal_program(signal.SIGTERM)
+
+    def expected_states(self, run):
+        # An instance that was killed before anybody called it is none: then the import changes the file, as it says.
+        called = any(stop.is_call("accept4") for stop in run.stops())
+        if not called and self.answer.returncode == 0:
+            return [(self.after, OLD)]
+        if called or self.point is None:
+            answered = any(stop.call == "sendto" and stop.moment == "exit" for stop in run.stops())
+            expect(answered == (self.answer.returncode == 0), f"the import says {self.answer}")
+        return super().expected_states(run)
 
 
 class DeleteFromFile(DatabaseStory):
@@ -549,6 +564,9 @@ class CertificateStory(Story):
     def put(self, certificate):
         replace_file(self.chain, certificate.chain.read_bytes())
         replace_file(self.key, certificate.key.read_bytes())
+
+    def listens(self):
+        return super().listens() and is_listening(self.tls_port)
 
     def serial(self):
         """That of the certificate which a client sees, or None when there is no TLS."""
