@@ -70,7 +70,7 @@ class TracedRun:
                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=err, start_new_session=True, text=True)
         self._lines = []
         self._stops = []
-        self._pid_handle = None
+        self._pid = self._pid_handle = None
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
         wait_until(lambda: self.said("started") or self.ended(), "the command to start")
@@ -81,7 +81,8 @@ class TracedRun:
             if words[0] == "started":
                 # No other process is ever meant, even if the number is used again.
                 with contextlib.suppress(ProcessLookupError):
-                    self._pid_handle = os.pidfd_open(int(words[1]))
+                    self._pid = int(words[1])
+                    self._pid_handle = os.pidfd_open(self._pid)
             if words[0] == "stop":
                 self._stops.append(Stop(int(words[1]), int(words[2]), int(words[3]), *words[4:7], tuple(words[7:])))
             self._lines.append(words)
@@ -104,6 +105,12 @@ class TracedRun:
     def program_status(self):
         """Of the program itself; None while it runs."""
         return next((int(words[2]) for words in list(self._lines) if words[:2] == ["ended", "0"]), None)
+
+    def sleeps(self):
+        """Whether the program waits for something to happen."""
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError), open(f"/proc/{self._pid}/stat", encoding="utf-8") as file:
+            return file.read().rpartition(")")[2].split()[0] == "S"
+        return False
 
     def begin_counting(self):
         self._tracer.send_signal(signal.SIGUSR1)

@@ -24,7 +24,7 @@ _PROXY, _LOCAL_COMMAND = 0x21, 0x20
 # The ordinary dialogue before the trick may take its time on a busy machine.
 _PATIENT_SECONDS = 20
 _FAMILY = socket.AF_INET6 if IPV6 else socket.AF_INET
-_BEHIND = (b"", b"RSET\r\n", b"MAIL FROM:<black-nnn@black.test>\r\n",
+BEHIND = (b"", b"RSET\r\n", b"MAIL FROM:<black-nnn@black.test>\r\n",
            b"MAIL FROM:<good@local.test>\r\nRCPT TO:<evil-nnn@outside.test>\r\n", b"EHLO black-nnn.test\r\n",
            b"XCLIENT ADDR=" + FORGED.encode() + b"\r\n", b"\x16\x03\x01", b"\r", b"\0")
 
@@ -53,7 +53,7 @@ def values(random_source):
 GOOD_HEADERS = ("version 1", "version 2", "version 2 with values")
 # Behind the first header stands one that would make the client a local one.
 DOUBLED_HEADERS = ("1 and 1", "1 and 2", "2 and 1", "2 and 2")
-_HEADER_DELIVERIES = ("once", "cut", "bytes", "glued")
+HEADER_DELIVERIES = ("once", "cut", "bytes", "glued")
 
 
 def header_of(name, source):
@@ -258,7 +258,7 @@ def seed_of(*parts):
 
 
 def _header(source):
-    return {"header": source.choice(GOOD_HEADERS), "header_delivery": source.choice(_HEADER_DELIVERIES)}
+    return {"header": source.choice(GOOD_HEADERS), "header_delivery": source.choice(HEADER_DELIVERIES)}
 
 
 def can_go(kind, session):
@@ -274,7 +274,7 @@ def transport_of(kind, session, seed):
         if session.can_follow_starttls() and source.random() < 0.4:
             return Transport(kind, STARTTLS, **wire)
         place = source.randrange(len(session.steps))
-        return Transport(kind, place=place, behind=source.choice(_BEHIND).decode("latin-1"), **wire)
+        return Transport(kind, place=place, behind=source.choice(BEHIND).decode("latin-1"), **wire)
     if kind == "tls-port":
         return Transport(kind, TLS_PORT, **wire)
     if kind == "proxy":
