@@ -149,7 +149,8 @@ class Story:
                 expect(child.poll() is None, f"the next start failed: {(self.folder / 'restart').read_text()}")
                 yield
                 child.send_signal(signal.SIGTERM)
-                expect(child.wait(bound(30)) == 0, "the next run did not end in order")
+                status = child.wait(bound(30))
+                expect(status == 0, f"the next run ended with {status}: {(self.folder / 'restart').read_text()}; {self.log()[-400:]}")
             finally:
                 if child.poll() is None:
                     child.kill()

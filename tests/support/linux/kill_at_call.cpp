@@ -47,6 +47,7 @@
 #include <exception>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -362,7 +363,18 @@ class Tracer {
       if (options_.wait && stepping_ && !counting_) BeginCounting();
       return Continue(process, 0);
     }
-    Continue(process, status >> 16 != 0 ? 0 : signal);
+    const int event = status >> 16;
+    if (event == PTRACE_EVENT_FORK || event == PTRACE_EVENT_VFORK || event == PTRACE_EVENT_CLONE)
+      AddCopyOf(process);
+    Continue(process, event != 0 ? 0 : signal);
+  }
+
+  // The copy may be seen before its parent says that there is one, or later. From here on it dies with its parent.
+  void AddCopyOf(pid_t parent) {
+    unsigned long copy = 0;
+    if (ptrace(PTRACE_GETEVENTMSG, parent, nullptr, &copy) != 0) return;  // it was killed
+    const auto process = static_cast<pid_t>(copy);
+    if (!traced_.contains(process) && !ended_.contains(process)) Add(process);
   }
 
   void Ended(pid_t process, int status) {
@@ -371,6 +383,7 @@ class Tracer {
     std::printf("ended %zu %d\n", found->second.who,
                 WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status));
     traced_.erase(found);
+    ended_.insert(process);
   }
 
   void Continue(pid_t process, int signal) const {
@@ -451,6 +464,7 @@ class Tracer {
   Options options_;
   pid_t program_ = -1;
   std::map<pid_t, Traced> traced_;
+  std::set<pid_t> ended_;
   std::size_t processes_ = 0;
   bool stepping_ = false;
   bool counting_ = false;
