@@ -23,6 +23,9 @@ _SIGNATURE = b"\r\n\r\n\0\r\nQUIT\n"
 _PROXY, _LOCAL_COMMAND = 0x21, 0x20
 # The ordinary dialogue before the trick may take its time on a busy machine.
 _PATIENT_SECONDS = 20
+# Where STARTTLS stands in between, the replies of a whole session may be missing: after so many each is hardly waited for.
+_MOST_MISSING = 4
+_SHORT_SECONDS = 0.02
 _FAMILY = socket.AF_INET6 if IPV6 else socket.AF_INET
 BEHIND = (b"", b"RSET\r\n", b"MAIL FROM:<black-nnn@black.test>\r\n",
            b"MAIL FROM:<good@local.test>\r\nRCPT TO:<evil-nnn@outside.test>\r\n", b"EHLO black-nnn.test\r\n",
@@ -157,6 +160,7 @@ class TransportPlay(Play):
             self.source = BALANCER
         self._glued = b""
         self._strict = exactly
+        self._missing = 0
 
     def __str__(self):
         how = self.delivery if isinstance(self.delivery, str) else "step {} cut at {}".format(*self.delivery)
@@ -199,6 +203,16 @@ class TransportPlay(Play):
             self._writer.write(self._numbered(line.encode("latin-1") + b"\r\n"))
         # A server whose replies are the play's affair may never give this one.
         return await self._reply(1 if self.session.replies else bound(_PATIENT_SECONDS))
+
+    async def _reply(self, seconds):
+        reply = await super()._reply(seconds)
+        self._missing = 0 if reply.endswith("\r\n") else self._missing + 1
+        return reply
+
+    async def _wait(self, lines, seconds, exactly):
+        if self.transport.place is not None and self._missing >= _MOST_MISSING:
+            seconds = _SHORT_SECONDS
+        await super()._wait(lines, seconds, exactly)
 
     async def _open(self):
         lines = self.session.opening[1 if self.security == STARTTLS else 0:]

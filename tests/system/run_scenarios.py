@@ -22,6 +22,8 @@ from unpacked_servers import unpack_all
 
 FOLDER = Path(__file__).resolve().parent
 SCENARIO_SECONDS = 300
+# Those that only ./test --full plays.
+FULL_SCENARIO_SECONDS = 600
 
 
 def run_scenario(scenario, arguments):
@@ -34,7 +36,8 @@ def run_scenario(scenario, arguments):
     child = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                              text=True, errors="replace")
     try:
-        said, _ = child.communicate(timeout=SCENARIO_SECONDS * arguments.patience)
+        seconds = FULL_SCENARIO_SECONDS if scenario.startswith("full_") else SCENARIO_SECONDS
+        said, _ = child.communicate(timeout=seconds * arguments.patience)
     except subprocess.TimeoutExpired:
         # So it can put away what it has started.
         child.terminate()
