@@ -5,6 +5,7 @@ import os
 import signal
 import subprocess
 import threading
+from pathlib import Path
 from typing import NamedTuple
 
 from processes import bound, program, wait_until
@@ -108,9 +109,11 @@ class TracedRun:
 
     def sleeps(self):
         """Whether the program waits for something to happen."""
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError), open(f"/proc/{self._pid}/stat", encoding="utf-8") as file:
-            return file.read().rpartition(")")[2].split()[0] == "S"
-        return False
+        try:
+            stat = Path(f"/proc/{self._pid}/stat").read_text(encoding="utf-8")
+        except (FileNotFoundError, ProcessLookupError):
+            return False
+        return stat.rpartition(")")[2].split()[0] == "S"
 
     def begin_counting(self):
         self._tracer.send_signal(signal.SIGUSR1)

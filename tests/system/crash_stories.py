@@ -150,7 +150,8 @@ class Story:
                 yield
                 child.send_signal(signal.SIGTERM)
                 status = child.wait(bound(30))
-                expect(status == 0, f"the next run ended with {status}: {(self.folder / 'restart').read_text()}; {self.log()[-400:]}")
+                words = (self.folder / "restart").read_text()
+                expect(status == 0, f"the next run ended with {status}: {words}; {self.log()[-400:]}")
             finally:
                 if child.poll() is None:
                     child.kill()
