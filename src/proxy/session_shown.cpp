@@ -89,7 +89,7 @@ bool cProxy::InTransaction() const {
     default:
       break;
   }
-  return state.transaction == Transaction::kOpen || state.transaction == Transaction::kChunks;
+  return state.transaction >= Transaction::kOpen;
 }
 
 std::string_view cProxy::LastReply() const {

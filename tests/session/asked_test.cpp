@@ -150,7 +150,8 @@ TEST(Asked, RefusedRecipientsCount) {
     <- 452 4.5.3 Too many recipients.)");
 }
 
-// A chunk is under way when it is announced, whatever the server says to it: only BDAT, RSET and QUIT go on.
+// A chunk is under way when it is announced, whatever the server says to it. Behind one that it refused only RSET and
+// QUIT go on: Exim takes nothing else then, and would find a RSET in the octets of another chunk.
 TEST(Asked, AChunkThatTheServerRefusesIsUnderWay) {
   const std::string refused = InTransaction() + R"(
     C+ BDAT 3\r\nabc
@@ -170,10 +171,14 @@ TEST(Asked, AChunkThatTheServerRefusesIsUnderWay) {
     C: NOOP
     -> NOOP)");
   PlayEveryWay({}, refused + R"(
-    C: BDAT 0 LAST
-    -> abcBDAT 0 LAST
-    S: 503 no
-    <- 503 no
+    C+ BDAT 6 LAST\r\nRSET\r\n
+    <- 503 5.5.1 Bad sequence of commands.
+    C: MAIL FROM:<a@b.test>
+    <- 503 5.5.1 Bad sequence of commands.
+    C: RSET
+    -> abcRSET
+    S: 250 ok
+    <- 250 ok
     C: NOOP
     -> NOOP)");
 }

@@ -176,7 +176,8 @@ class ClientCommandFilter::LineFilter {
     if (state_.transaction == Transaction::kNoGreeting && !command.before_greeting) {
       return Refusal{kBadSequenceNoHelo};
     }
-    const bool chunks = state_.transaction == Transaction::kChunks;
+    const bool no_more_chunks = state_.transaction == Transaction::kRefusedChunks;
+    const bool chunks = state_.transaction == Transaction::kChunks || no_more_chunks;
     MaybeRefusal refusal;
     if (state_.transaction == Transaction::kOpen || chunks) {
       const bool extension_missing =
@@ -188,6 +189,7 @@ class ClientCommandFilter::LineFilter {
       refusal = {kBadSequence, "BadSeq.NoTransaction"};
     }
     if (chunks && !command.in_chunk_sequence) refusal = {kBadSequence, "BadSeq.BDAT"};
+    if (no_more_chunks && command.id == Command::kBdat) refusal = {kBadSequence, "BadSeq.BDAT"};
     return refusal;
   }
 

@@ -61,8 +61,9 @@ constexpr TransactionTransition kTransactionTransitions[] = {
     {Command::kSaml, false,      "250", Transaction::kOpen,    false},
     {Command::kRset, false,      "250", Transaction::kGreeted, false},
     {Command::kData, false,      "354", Transaction::kGreeted, false},
-    // Whatever it says: the server has the chunk or does not take the message any more, which only RSET ends.
-    {Command::kBdat, false,      "",    Transaction::kChunks,  false},
+    {Command::kBdat, false,      "250", Transaction::kChunks,  false},
+    // Whatever else it says: the server does not take the message any more, which only RSET ends.
+    {Command::kBdat, false,      "",    Transaction::kRefusedChunks, false},
     // Whatever it says: the server has taken the message or thrown it away.
     {Command::kBdat, true,       "",    Transaction::kGreeted, false},
 };

@@ -91,6 +91,9 @@ enum class Transaction : std::uint8_t {
   kGreeted,     // an EHLO or HELO
   kOpen,        // a MAIL
   kChunks,      // a transaction's content in chunks, of which the last has not come (RFC 3030)
+  // The same with a chunk that the server refused. Another one would be in vain, and there are servers that take
+  // nothing but RSET then and look for it in the octets of whatever comes.
+  kRefusedChunks,
 };
 
 // The reply to a command opens, ends or resets a transaction, never the command itself: what the session

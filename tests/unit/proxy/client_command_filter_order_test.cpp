@@ -77,6 +77,10 @@ TEST(CommandOrder, EveryCommandInEveryState) {
     EXPECT_EQ(Fate(Transaction::kGreeted, row.line, true), row.greeted) << row.line;
     EXPECT_EQ(Fate(Transaction::kOpen, row.line, true), row.transaction) << row.line;
     EXPECT_EQ(Fate(Transaction::kChunks, row.line, true), row.chunks) << row.line;
+    // Behind a refused one all the same but another one.
+    const bool chunk = std::string_view(row.line).starts_with("BDAT ");
+    EXPECT_EQ(Fate(Transaction::kRefusedChunks, row.line, true), chunk ? "BadSeq.BDAT" : row.chunks)
+        << row.line;
   }
 }
 

@@ -116,7 +116,7 @@ class TestDialogue final : private DialogueActions {
 
   bool Greeted() const { return state.transaction > Transaction::kNoGreeting; }
   bool TransactionOpen() const { return state.transaction >= Transaction::kOpen; }
-  bool InChunks() const { return state.transaction == Transaction::kChunks; }
+  bool InChunks() const { return state.transaction >= Transaction::kChunks; }
   bool TakesContent() const { return ExpectedBytes(state.phase) == ClientBytes::kContent; }
   bool Discards() const { return ExpectedBytes(state.phase) == ClientBytes::kDiscarded; }
 

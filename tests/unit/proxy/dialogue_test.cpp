@@ -17,14 +17,16 @@
 namespace trabex {
 namespace {
 
-// '0' nothing yet, 'G' greeted, 'T' in a transaction, 'C' between two chunks, 'M' in content after DATA, 'X'
-// in that after XEXCH50.
+// '0' nothing yet, 'G' greeted, 'T' in a transaction, 'C' between two chunks, 'R' behind a refused one, 'M' in
+// content after DATA, 'X' in that after XEXCH50.
 char StateOf(const DialogueState& state) {
   if (state.phase == Phase::kDotContent) return 'M';
   if (state.phase == Phase::kOctets) return 'X';
   switch (state.transaction) {
     case Transaction::kChunks:
       return 'C';
+    case Transaction::kRefusedChunks:
+      return 'R';
     case Transaction::kOpen:
       return 'T';
     case Transaction::kGreeted:
@@ -39,7 +41,8 @@ void BringTo(TestDialogue& d, char state) {
   d.state.transaction = state == '0'   ? Transaction::kNoGreeting
                         : state == 'G' ? Transaction::kGreeted
                         : state == 'T' ? Transaction::kOpen
-                                       : Transaction::kChunks;
+                        : state == 'C' ? Transaction::kChunks
+                                       : Transaction::kRefusedChunks;
   d.state.offered.Extensions.AddExtension("CHUNKING");
   d.state.offered.Extensions.AddExtension("XEXCH50");
 }
@@ -68,36 +71,38 @@ TEST(Dialogue, WhereEachCommandAndReplyLead) {
     const char* from_greeted;
     const char* from_transaction;
     const char* from_chunks;
+    const char* from_refused_chunks;
   } rows[] = {
       // Replies:       250 354 355 550
-      {"EHLO x", "G000", "GGGG", "GTTT", "-"},
-      {"HELO x", "G000", "GGGG", "GTTT", "-"},
-      {"MAIL FROM:<a@b>", "-", "TGTG", "-", "-"},
-      {"SEND FROM:<a@b>", "-", "TGGG", "-", "-"},
-      {"SOML FROM:<a@b>", "-", "TGGG", "-", "-"},
-      {"SAML FROM:<a@b>", "-", "TGGG", "-", "-"},
-      {"RCPT TO:<u@local.test>", "-", "-", "TTTT", "-"},
-      {"DATA", "-", "-", "TMTT", "-"},
-      {"BDAT 0", "-", "-", "CCCC", "CCCC"},
-      {"BDAT 0 LAST", "-", "-", "GGGG", "GGGG"},
-      {"XEXCH50 5 2", "-", "-", "TXTT", "-"},
-      {"RSET", "0000", "GGGG", "GTTT", "GCCC"},
-      {"QUIT", "0000", "GGGG", "TTTT", "CCCC"},
-      {"NOOP", "0000", "GGGG", "TTTT", "-"},
-      {"HELP", "0000", "GGGG", "TTTT", "-"},
-      {"VRFY x", "0000", "GGGG", "TTTT", "-"},
-      {"EXPN x", "0000", "GGGG", "TTTT", "-"},
-      {"X-ANY", "0000", "GGGG", "TTTT", "-"},
-      {"AUTH PLAIN", "-", "GGGG", "TTTT", "-"},
-      {"ETRN x", "-", "GGGG", "TTTT", "-"},
-      {"", "-", "GGGG", "TTTT", "-"},
-      {"STARTTLS", "-", "-", "-", "-"},
+      {"EHLO x", "G000", "GGGG", "GTTT", "-", "-"},
+      {"HELO x", "G000", "GGGG", "GTTT", "-", "-"},
+      {"MAIL FROM:<a@b>", "-", "TGTG", "-", "-", "-"},
+      {"SEND FROM:<a@b>", "-", "TGGG", "-", "-", "-"},
+      {"SOML FROM:<a@b>", "-", "TGGG", "-", "-", "-"},
+      {"SAML FROM:<a@b>", "-", "TGGG", "-", "-", "-"},
+      {"RCPT TO:<u@local.test>", "-", "-", "TTTT", "-", "-"},
+      {"DATA", "-", "-", "TMTT", "-", "-"},
+      {"BDAT 0", "-", "-", "CRRR", "CRRR", "-"},
+      {"BDAT 0 LAST", "-", "-", "GGGG", "GGGG", "-"},
+      {"XEXCH50 5 2", "-", "-", "TXTT", "-", "-"},
+      {"RSET", "0000", "GGGG", "GTTT", "GCCC", "GRRR"},
+      {"QUIT", "0000", "GGGG", "TTTT", "CCCC", "RRRR"},
+      {"NOOP", "0000", "GGGG", "TTTT", "-", "-"},
+      {"HELP", "0000", "GGGG", "TTTT", "-", "-"},
+      {"VRFY x", "0000", "GGGG", "TTTT", "-", "-"},
+      {"EXPN x", "0000", "GGGG", "TTTT", "-", "-"},
+      {"X-ANY", "0000", "GGGG", "TTTT", "-", "-"},
+      {"AUTH PLAIN", "-", "GGGG", "TTTT", "-", "-"},
+      {"ETRN x", "-", "GGGG", "TTTT", "-", "-"},
+      {"", "-", "GGGG", "TTTT", "-", "-"},
+      {"STARTTLS", "-", "-", "-", "-", "-"},
   };
   for (const auto& row : rows) {
     EXPECT_EQ(After('0', row.command), row.from_nothing) << row.command;
     EXPECT_EQ(After('G', row.command), row.from_greeted) << row.command;
     EXPECT_EQ(After('T', row.command), row.from_transaction) << row.command;
     EXPECT_EQ(After('C', row.command), row.from_chunks) << row.command;
+    EXPECT_EQ(After('R', row.command), row.from_refused_chunks) << row.command;
   }
 }
 
@@ -122,6 +127,7 @@ class Server {
     EXPECT_FALSE(open && opens) << Escape(command_line);
     EXPECT_TRUE(open || !Is({"RCPT", "DATA", "BDAT", "XEXCH50"})) << Escape(command_line);
     EXPECT_TRUE(!chunks || Is({"BDAT", "RSET", "QUIT"})) << Escape(command_line);
+    EXPECT_TRUE(!refused_chunk || Is({"RSET", "QUIT"})) << Escape(command_line);
     EXPECT_FALSE(Is({"STARTTLS", "TURN", "ATRN", "XCLIENT", "XFORWARD"})) << Escape(command_line);
     EXPECT_TRUE(offers_chunks || command_ != "BDAT") << Escape(command_line);
     answered_ = false;
@@ -132,6 +138,7 @@ class Server {
   void Says(const std::string& reply, bool lines_agree) {
     if (std::exchange(answered_, true)) return;
     if (Is({"BDAT"})) chunks = !last_chunk_;
+    if (Is({"BDAT"})) refused_chunk = !last_chunk_ && !(lines_agree && reply.starts_with("250"));
     if (Is({"BDAT"}) && last_chunk_) open = false;
     if (!lines_agree) return;
     const std::string code = reply.substr(0, 3);
@@ -141,13 +148,14 @@ class Server {
     }
     if (code == "250" && Is({"MAIL", "SEND", "SOML", "SAML"})) open = true;
     if (code == "355" && Is({"MAIL"})) open = true;
-    if (code == "250" && Is({"EHLO", "HELO", "RSET"})) open = chunks = false;
+    if (code == "250" && Is({"EHLO", "HELO", "RSET"})) open = chunks = refused_chunk = false;
     if (code == "354" && Is({"DATA"})) open = false;
   }
 
   bool greeted = false;
   bool open = false;
   bool chunks = false;
+  bool refused_chunk = false;
   bool offers_chunks = false;
 
  private:

@@ -458,7 +458,8 @@ TEST(ServerReply, WhateverItSaysToTheLastChunkTheTransactionIsOver) {
   }
 }
 
-// RFC 3030, 2: after any other chunk that failed it is the client who ends the transaction.
+// RFC 3030, 2: after any other chunk that failed it is the client who ends the transaction. Until then no octets go to a
+// server that might look for RSET in them.
 TEST(ServerReply, ARefusedChunkThatIsNotTheLastLeavesTheTransactionOpen) {
   for (const char* reply : {"452 later\r\n", "550 no\r\n", "250-ok\r\n550 no\r\n"}) {
     TestDialogue d;
@@ -472,6 +473,9 @@ TEST(ServerReply, ARefusedChunkThatIsNotTheLastLeavesTheTransactionOpen) {
     d.Run(R"(
       C: MAIL FROM:<t@sender.test>
       <- 503 5.5.1 Bad sequence of commands.
+      C: BDAT 5 LAST
+      <- 503 5.5.1 Bad sequence of commands.
+      C+ RSET\n
       C: RSET
       -> RSET
       S: 250 ok
