@@ -220,10 +220,10 @@ void frmMain::EnableGreyListingTimer() {
 }
 
 void frmMain::Listener_ConnectionRequest(std::int32_t requestID, bool tls) {
-  cProxy& session = sessions_.Add(std::make_unique<cProxy>(session_dependencies_));
-  program_.counters.sessions_peak =
-      std::max<std::uint64_t>(program_.counters.sessions_peak, sessions_.Count());
-  session.Init(requestID, tls);
+  // It may be over when Begin returns.
+  const std::uint64_t sessions = sessions_.Count() + 1;
+  cProxy::Begin(session_dependencies_, requestID, tls);
+  program_.counters.sessions_peak = std::max(program_.counters.sessions_peak, sessions);
 }
 
 void frmMain::Listener_Error(int number, const std::string& description) {

@@ -290,7 +290,14 @@ void CSocketMaster::Accept(std::int32_t requestID) {
   if (state_ != SocketState::sckClosed) RaiseInvalidState(kSource);
   const auto connection = module_.Claim(requestID);
   if (!connection) RaiseWrongProtocolOrState(kSource);
-  if (const int error = module_.sockets_.Watch(connection->socket, this); error != 0) {
+  int error = 0;
+  try {
+    error = module_.sockets_.Watch(connection->socket, this);
+  } catch (...) {
+    module_.CloseSocket(connection->socket);
+    throw;
+  }
+  if (error != 0) {
     module_.CloseSocket(connection->socket);
     RaiseSocketError(error, "modSocketMaster.RegisterSocket");
   }

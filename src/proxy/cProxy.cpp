@@ -419,7 +419,7 @@ void cProxy::EndOutOfMemory() {
     // Then the client sees the end alone.
   }
   Close();
-  dependencies_.memory_reserve.reset(new (std::nothrow) char[SessionDependencies::kMemoryReserve]);
+  dependencies_.RenewMemoryReserve();
 }
 
 void cProxy::Close() {

@@ -71,10 +71,13 @@ class cProxy final : public DeferredDeletable,
   cProxy(const cProxy&) = delete;
   cProxy& operator=(const cProxy&) = delete;
 
+  // Adds a session to the collection for the connection request of a listener, and initializes it. Where there is no
+  // memory for one it is made out of the reserve, and ends with 421. Raises std::bad_alloc where that does not suffice.
+  static void Begin(SessionDependencies& dependencies, std::int32_t requestID, bool tls);
   // Takes the connection request of the listener, which is one where TLS is spoken from the first byte on, or
   // not: admission, then the connection to the server. The session is in the collection before; it may have
-  // left it when this returns.
-  void Init(std::int32_t requestID, bool tls);
+  // left it when this returns. `without_memory`: there is only as much as its end takes.
+  void Init(std::int32_t requestID, bool tls, bool without_memory = false);
   // Ends the session when its client completed no line for longer than Timeout and the server is not yet
   // connected, when a send is stuck, or when a TLS handshake takes too long. Closes the connection of a
   // server that has closed. Timers of the session call it.

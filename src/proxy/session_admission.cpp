@@ -1,5 +1,8 @@
 // How a session begins: admission by the number of sessions, by address and by name, and the connection to
 // the server.
+#include <memory>
+#include <new>
+
 #include "base/error.h"
 #include "match/ip_range.h"
 #include "proxy/admission.h"
@@ -7,7 +10,29 @@
 
 namespace trabex {
 
-void cProxy::Init(std::int32_t requestID, bool tls) {
+void cProxy::Begin(SessionDependencies& dependencies, std::int32_t requestID, bool tls) {
+  dependencies.RenewMemoryReserve();
+  const auto add = [&]() -> cProxy& {
+    return dependencies.sessions.Add(std::make_unique<cProxy>(dependencies));
+  };
+  cProxy* session = nullptr;
+  bool without_memory = false;
+  try {
+    session = &add();
+  } catch (const std::bad_alloc&) {
+    without_memory = true;
+    dependencies.memory_reserve.reset();
+    try {
+      session = &add();
+    } catch (const std::bad_alloc&) {
+      dependencies.RenewMemoryReserve();
+      throw;
+    }
+  }
+  session->Init(requestID, tls, without_memory);
+}
+
+void cProxy::Init(std::int32_t requestID, bool tls, bool without_memory) {
   RunLogged(dependencies_.log, "cProxy.Init", [&] { Receiver.Socket().Accept(requestID); });
   if (stage_ == Stage::kClosed) return;
   // Without its client the session has no purpose.
@@ -16,6 +41,7 @@ void cProxy::Init(std::int32_t requestID, bool tls) {
     StartTime = LastActivity = state_began_ = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
     if (tls) dialogue_.ExpectTls();
+    if (without_memory) throw std::bad_alloc();
     const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
     if (max_connections != 0 && dependencies_.sessions.Count() > max_connections) {
       TellBegin();

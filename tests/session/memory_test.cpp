@@ -295,6 +295,7 @@ class Program {
 
 struct Outcomes {
   std::size_t refused = 0;  // with 421
+  std::size_t hung_up = 0;  // cut off without a word
   std::size_t waited = 0;   // for the time of a handshake to be over
 };
 
@@ -315,6 +316,7 @@ Outcomes PlayAll(Security security, std::size_t times, bool server_tls = false) 
     SCOPED_TRACE(course);
     EXPECT_NE(course.end, Course::End::kNonsense);
     if (course.end == Course::End::kRefused) ++outcomes.refused;
+    if (course.end == Course::End::kHungUp) ++outcomes.hung_up;
     if (course.end == Course::End::kSilence) {
       ++outcomes.waited;
       EXPECT_TRUE(program.EndsInTime());
@@ -339,6 +341,8 @@ Outcomes PlayAll(Security security, std::size_t times, bool server_tls = false) 
 TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFails) {
   const Outcomes outcomes = PlayAll(Security::kPlain, 1);
   EXPECT_GT(outcomes.refused, 100U);
+  // Those whose connection has no place among the others.
+  EXPECT_LE(outcomes.hung_up, 2U);
   EXPECT_EQ(outcomes.waited, 0U);
 }
 

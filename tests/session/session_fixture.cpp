@@ -184,7 +184,7 @@ const IPAddress& SessionFixture::Loopback() const {
 std::unique_ptr<CSocketMaster> SessionFixture::ListenOn(const std::string& address) {
   auto listener = std::make_unique<CSocketMaster>(module_);
   listener->Events.ConnectionRequest = [this](std::int32_t request) {
-    sessions_.Add(std::make_unique<cProxy>(*dependencies_)).Init(request, OnTlsPort);
+    cProxy::Begin(*dependencies_, request, OnTlsPort);
   };
   listener->Bind(0, address);
   listener->Listen();
