@@ -45,7 +45,8 @@ class Logged {
   // Each line is in the file, whole, or counted as lost, once.
   void Check() const {
     std::string text;
-    for (const auto& entry : fs::directory_iterator(configuration_.LogPath)) text += ReadFile(entry.path());
+    for (const auto& entry : fs::directory_iterator(configuration_.LogPath))
+      text += ReadFile(entry.path().string());
     EXPECT_EQ(static_cast<std::uint64_t>(std::count(text.begin(), text.end(), '\n')) + log_.LostLines(), 5U)
         << text;
     EXPECT_TRUE(text.ends_with(" last\r\n")) << text;
