@@ -10,6 +10,8 @@ from trabex_system import Authority, Scenario, bound, connections_to, keeps_free
 
 # Plays at a time: how fast this process is must not matter.
 AT_A_TIME = 50
+# A server that takes a byte a second takes as long as there are bytes.
+SECONDS_TO_END = 60
 
 
 class Run:
@@ -39,9 +41,9 @@ class Run:
         return held
 
     def nothing_stays(self):
-        wait_until(lambda: connections_to(self.proxy.port) == 0, "the clients' connections to end")
-        wait_until(lambda: connections_to(self.server.port) == 0, "the server's connections to end")
-        wait_until(lambda: self.tcp_sockets() == 1, "all sockets but the listener to be closed")
+        wait_until(lambda: connections_to(self.proxy.port) == 0, "the clients' connections to end", SECONDS_TO_END)
+        wait_until(lambda: connections_to(self.server.port) == 0, "the server's connections to end", SECONDS_TO_END)
+        wait_until(lambda: self.tcp_sockets() == 1, "all sockets but the listener to be closed", SECONDS_TO_END)
 
 
 class FaultScenario(Scenario):
