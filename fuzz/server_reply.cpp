@@ -81,6 +81,7 @@ class ServerSession final : private DialogueActions {
     const bool greeted = Greeted();
     const bool open = Open();
     const bool asked = state_.phase == Phase::kReply;
+    const bool unasked = IsUnasked(state_.phase);
     const std::string code = reply.substr(0, 3);
     const std::string verb = state_.forwarded.ForwardedVerb;
     const auto is = [&](std::initializer_list<std::string_view> verbs, std::string_view wanted) {
@@ -107,6 +108,9 @@ class ServerSession final : private DialogueActions {
     const auto lines = LinesOf(reply);
     if (is({"EHLO"}, "250") && lines.back().starts_with("250")) {
       Require(Greeted());
+      CheckEhloReply(to_client_);
+    } else if (unasked && code == "250" && lines.size() > 1 && lines.back().starts_with("250")) {
+      // The client may take it for the reply to its EHLO.
       CheckEhloReply(to_client_);
     } else {
       Require(to_client_ == reply);
