@@ -149,6 +149,9 @@ class CSocketMaster final : public SocketSink {
   // Accepts the bytes; they are sent as the peer takes them, SendComplete follows when all are. With
   // blnMoreFollows the system may wait a fifth of a second for what is sent next, to pack both together.
   void SendData(std::string_view Data, bool blnMoreFollows = false);
+  // Sends what the network takes at once, and no more, where nothing waits before it. For the last words of an owner
+  // that has no memory: this needs none, unless the connection is encrypted. Raises nothing.
+  void SayLast(std::string_view words);
   // If set, a failed send is reported only after what the peer had sent before was read: the send counts as
   // lost, and CloseSck or Error follows the last of the input. Not set at first: a failed send is an Error at
   // once. Only for an owner that goes on reading whatever becomes of its sends.

@@ -8,7 +8,9 @@
 namespace trabex {
 
 AcceptPause::AcceptPause(Sockets& sockets, Log& log)
-    : sockets_(sockets), log_(log), retry_(sockets.Loop(), kRetryInterval, [this] { Resume(); }) {}
+    : sockets_(sockets), log_(log), retry_(sockets.Loop(), kRetryInterval, [this] { Resume(); }) {
+  paused_.reserve(kListeners);
+}
 
 bool AcceptPause::IsExhaustion(int error) {
   return error == socket_error::kTooManyOpenFiles || error == socket_error::kNoBufferSpace;
@@ -20,9 +22,11 @@ void AcceptPause::Pause(SocketHandle listener, SocketSink& sink, int error) {
   sockets_.Watch(listener, nullptr);
   ++attempts_;
   if (std::exchange(exhausted_, true)) return;
-  std::string line = "L: Error " + std::to_string(error) + ". ";
-  line.append(SocketErrorText(error)).append(" Accepting pauses until a session ends.");
-  log_.LogLine(line);
+  RunLogged(log_, "modSocketMaster.Pause", [&] {
+    std::string line = "L: Error " + std::to_string(error) + ". ";
+    line.append(SocketErrorText(error)).append(" Accepting pauses until a session ends.");
+    log_.LogLine(line);
+  });
 }
 
 void AcceptPause::Forget(SocketHandle listener) {
@@ -41,7 +45,9 @@ void AcceptPause::SocketClosed() {
 
 void AcceptPause::Resume() {
   retry_.Disable();
-  for (const Listener& listener : std::exchange(paused_, {})) sockets_.Watch(listener.socket, listener.sink);
+  // Each is told of what waits later, in the loop.
+  for (const Listener& listener : paused_) sockets_.Watch(listener.socket, listener.sink);
+  paused_.clear();
   WatchForEnd();
 }
 

@@ -1,7 +1,8 @@
-// What happens when a connection waits and the process or the system has no descriptor for it: the listener
-// pauses, instead of failing again and again, and goes on when one may be had.
+// What happens when a connection waits and the process or the system has no descriptor or no memory for it: the
+// listener pauses, instead of failing again and again, and goes on when it may be had.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -14,7 +15,7 @@ namespace trabex {
 
 class AcceptPause {
  public:
-  // Descriptors may also be freed elsewhere (other processes, files), so it retries on a timer as well.
+  // Both may also be freed elsewhere (other processes, files), so it retries on a timer as well.
   static constexpr Milliseconds kRetryInterval{1000};
 
   // References outlive this object.
@@ -26,13 +27,13 @@ class AcceptPause {
   static bool IsExhaustion(int error);
 
   // Stops notifying `sink` of `listener`, which just failed to accept with `error`. Writes one line to the
-  // log for the whole period in which descriptors are short.
+  // log for the whole period in which they are short.
   void Pause(SocketHandle listener, SocketSink& sink, int error);
   // `listener` is closed.
   void Forget(SocketHandle listener);
   // A connection has been accepted.
   void Accepted();
-  // A descriptor has become free: goes on.
+  // A descriptor has become free, and some memory: goes on.
   void SocketClosed();
 
  private:
@@ -40,6 +41,9 @@ class AcceptPause {
     SocketHandle socket;
     SocketSink* sink;
   };
+
+  // So many can pause without memory.
+  static constexpr std::size_t kListeners = 64;
 
   void Resume();
   // Ends the period when a whole loop iteration passes without a connection that waits.

@@ -10,8 +10,8 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
-#include <unordered_map>
 #include <vector>
 
 #include "base/log.h"
@@ -74,8 +74,8 @@ class LingeringSockets final : public SocketSink {
   Stream& plain_;
   Log& log_;
   std::function<void()> socket_closed_;
-  std::unordered_map<std::int32_t, Holder> holders_;  // by index
-  std::deque<Deadline> deadlines_;                    // in order; some are of sockets already gone
+  std::map<std::int32_t, Holder> holders_;  // by index
+  std::deque<Deadline> deadlines_;          // in order; some are of sockets already gone
   Timer timer_;
   std::vector<std::function<void()>> waiting_;
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);

@@ -2,9 +2,16 @@
 
 #include <algorithm>
 #include <cassert>
+#include <cstddef>
 #include <utility>
 
 namespace trabex {
+
+namespace {
+
+constexpr std::size_t kUnclaimedWithoutMemory = 16;
+
+}  // namespace
 
 modSocketMaster::modSocketMaster(Sockets& sockets, NameLookup& names, Log& log)
     : sockets_(sockets),
@@ -13,7 +20,10 @@ modSocketMaster::modSocketMaster(Sockets& sockets, NameLookup& names, Log& log)
       plain_(sockets),
       pause_(sockets, log),
       lingering_(sockets, plain_, log, [this] { pause_.SocketClosed(); }),
-      handshakes_(sockets.Loop(), log) {}
+      handshakes_(sockets.Loop(), log) {
+  // More than one at a time waits only where an event accepts another one.
+  unclaimed_.reserve(kUnclaimedWithoutMemory);
+}
 
 modSocketMaster::~modSocketMaster() {
   assert(object_count_ == 0 && "a socket object outlives its module");
@@ -44,6 +54,21 @@ std::optional<modSocketMaster::Unclaimed> modSocketMaster::Claim(std::int32_t re
   const Unclaimed connection = *found;
   unclaimed_.erase(found);
   return connection;
+}
+
+std::optional<Endpoint> modSocketMaster::PeerOf(std::int32_t requestID) const {
+  for (const Unclaimed& kept : unclaimed_) {
+    if (kept.socket.index == requestID) return kept.peer;
+  }
+  return std::nullopt;
+}
+
+void modSocketMaster::Dismiss(std::int32_t requestID, std::string_view last_words) {
+  const auto connection = Claim(requestID);
+  if (!connection) return;
+  std::size_t sent = 0;
+  if (!last_words.empty()) sockets_.Send(connection->socket, last_words, sent);
+  lingering_.Take(connection->socket, nullptr, ByteQueue(), false);
 }
 
 void modSocketMaster::CloseSocket(SocketHandle socket) {

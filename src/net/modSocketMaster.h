@@ -7,9 +7,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "base/log.h"
+#include "base/memory_reserve.h"
 #include "net/accept_pause.h"
 #include "net/handshake_queue.h"
 #include "net/lingering_sockets.h"
@@ -42,6 +44,14 @@ class modSocketMaster {
   // at first: any number.
   void SetMaxHandshakes(std::size_t max) { handshakes_.SetMax(max); }
   std::size_t UnfinishedHandshakes() const { return handshakes_.Unfinished(); }
+
+  // For what has to be said where there is no memory. Each connection that is accepted finds it there, if it can be.
+  MemoryReserve& Reserve() { return reserve_; }
+
+  // The peer of a connection that waits for its owner; nothing when `requestID` names none.
+  std::optional<Endpoint> PeerOf(std::int32_t requestID) const;
+  // Ends such a connection, with `last_words` before. Needs no memory, and raises nothing.
+  void Dismiss(std::int32_t requestID, std::string_view last_words);
 
   // The service runs from the first socket object's creation to the last one's release; it is what they
   // share: one buffer to receive into.
@@ -77,6 +87,7 @@ class modSocketMaster {
   Sockets& sockets_;
   NameLookup& names_;
   Log& log_;
+  MemoryReserve reserve_;
   std::vector<Unclaimed> unclaimed_;
   PlainStream plain_;
   AcceptPause pause_;

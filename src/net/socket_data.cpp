@@ -26,6 +26,17 @@ void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   FinishFlush(sent, error);
 }
 
+void CSocketMaster::SayLast(std::string_view words) {
+  if (state_ != SocketState::sckConnected || write_failed_ || !NothingUnsent() || Handshaking()) return;
+  try {
+    std::size_t sent = 0;
+    GetStream().Write(socket_, words, sent, false);
+    bytes_sent_ += static_cast<std::int64_t>(sent);
+  } catch (const std::bad_alloc&) {
+    // Then the peer sees the end alone.
+  }
+}
+
 std::size_t CSocketMaster::SendChunk() {
   if (send_chunk_ == 0) {
     int bytes = 0;

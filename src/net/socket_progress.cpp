@@ -126,6 +126,7 @@ void CSocketMaster::OnClose(int error) {
 }
 
 void CSocketMaster::OnAccept() {
+  module_.reserve_.Renew();
   modSocketMaster::Unclaimed connection;
   const int error = module_.sockets_.Accept(socket_, connection.socket, &connection.peer);
   if (error == socket_error::kWouldBlock) return;  // it has gone again

@@ -81,7 +81,7 @@ class Timer {
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
-  // Begins a whole new interval, also when it was enabled already.
+  // Begins a whole new interval, also when it was enabled already. Needs no memory.
   void Enable();
   void Disable();
   bool Enabled() const;

@@ -89,7 +89,8 @@ class Sockets {
   // received data was left unread: then the system resets the connection (see net/ for the orderly way).
   int Close(SocketHandle socket);
   // Delivers notifications to `sink` from now on (nullptr: to none, until the next Watch; what was due then
-  // is delivered to the next sink, nothing is lost). An accepted socket begins unwatched.
+  // is delivered to the next sink, nothing is lost; of a connection that waits it is told in any case). An accepted
+  // socket begins unwatched.
   int Watch(SocketHandle socket, SocketSink* sink);
 
   // An address of another family than the socket's gives 10047, here and wherever an endpoint is given.
@@ -100,7 +101,7 @@ class Sockets {
   // `backlog` 0 asks for the platform's largest.
   int Listen(SocketHandle socket, int backlog);
   // The new socket is non-blocking, with TCP_NODELAY. `peer`, when wanted, is the caller's address, known
-  // also when the caller has gone already.
+  // also when the caller has gone already. 10055 where there is no memory for the socket: the caller waits on.
   int Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer = nullptr);
   // 10035 while it is under way (FD_CONNECT follows); TCP_NODELAY is set. 0 is also followed by FD_CONNECT.
   int Connect(SocketHandle socket, const Endpoint& remote);

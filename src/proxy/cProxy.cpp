@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/text.h"
+#include "proxy/last_words.h"
 
 namespace trabex {
 
@@ -413,13 +414,13 @@ void cProxy::EndOutOfMemory() {
   if (stage_ == Stage::kClosed) return;
   try {
     EndsBy(SessionEnd::kRefused);
-    dependencies_.memory_reserve.reset();
+    dependencies_.sockets.Reserve().Release();
     dialogue_.Say(ReplyKind::kServerError, *this);
   } catch (const std::exception&) {
-    // Then the client sees the end alone.
+    if (dialogue_.MaySpeak()) Receiver.SayLast(LastWords(dependencies_.configuration).Text());
   }
   Close();
-  dependencies_.RenewMemoryReserve();
+  dependencies_.sockets.Reserve().Renew();
 }
 
 void cProxy::Close() {

@@ -72,7 +72,8 @@ class cProxy final : public DeferredDeletable,
   cProxy& operator=(const cProxy&) = delete;
 
   // Adds a session to the collection for the connection request of a listener, and initializes it. Where there is no
-  // memory for one it is made out of the reserve, and ends with 421. Raises std::bad_alloc where that does not suffice.
+  // memory for one it is made out of the reserve, and ends with 421. Where that does not suffice the client is told the
+  // same without a session, and std::bad_alloc raised.
   static void Begin(SessionDependencies& dependencies, std::int32_t requestID, bool tls);
   // Takes the connection request of the listener, which is one where TLS is spoken from the first byte on, or
   // not: admission, then the connection to the server. The session is in the collection before; it may have
@@ -279,6 +280,7 @@ class cProxy final : public DeferredDeletable,
     }
   }
   void EndOutOfMemory();
+  static void Dismiss(SessionDependencies& dependencies, std::int32_t requestID, bool tls);
   void TakeSideEvent(SessionSide& side, SessionSide::Event event);
 
   SessionDependencies& dependencies_;

@@ -2,16 +2,17 @@
 // the server.
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include "base/error.h"
 #include "match/ip_range.h"
 #include "proxy/admission.h"
 #include "proxy/cProxy.h"
+#include "proxy/last_words.h"
 
 namespace trabex {
 
 void cProxy::Begin(SessionDependencies& dependencies, std::int32_t requestID, bool tls) {
-  dependencies.RenewMemoryReserve();
   const auto add = [&]() -> cProxy& {
     return dependencies.sessions.Add(std::make_unique<cProxy>(dependencies));
   };
@@ -21,15 +22,24 @@ void cProxy::Begin(SessionDependencies& dependencies, std::int32_t requestID, bo
     session = &add();
   } catch (const std::bad_alloc&) {
     without_memory = true;
-    dependencies.memory_reserve.reset();
+    dependencies.sockets.Reserve().Release();
     try {
       session = &add();
     } catch (const std::bad_alloc&) {
-      dependencies.RenewMemoryReserve();
+      Dismiss(dependencies, requestID, tls);
       throw;
     }
   }
   session->Init(requestID, tls, without_memory);
+}
+
+void cProxy::Dismiss(SessionDependencies& dependencies, std::int32_t requestID, bool tls) {
+  const Configuration& configuration = dependencies.configuration;
+  const auto peer = dependencies.sockets.PeerOf(requestID);
+  // To these nothing can be said yet.
+  const bool is_silent =
+      tls || !peer || mCommon::IPInRangeList(peer->address, configuration.ProxyProtocolFrom);
+  dependencies.sockets.Dismiss(requestID, is_silent ? std::string_view() : LastWords(configuration).Text());
 }
 
 void cProxy::Init(std::int32_t requestID, bool tls, bool without_memory) {

@@ -2,14 +2,13 @@
 #pragma once
 
 #include <cstddef>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_map>
-#include <vector>
 
-#include "base/text.h"
 #include "proxy/session_id.h"
 
 namespace trabex {
@@ -48,9 +47,10 @@ class SessionCollection {
 
   void DropEmptyPlaces();
 
-  std::vector<Place> places_;  // in the order of the ids
+  // Both grow by small pieces: where memory is short, one for thousands of sessions is not to be had.
+  std::deque<Place> places_;  // in the order of the ids
   SessionId next_id_ = FirstSessionId();
-  std::unordered_map<std::string, cProxy*, HashText, std::equal_to<>> by_key_;
+  std::map<std::string, cProxy*, std::less<>> by_key_;
 };
 
 }  // namespace trabex

@@ -1,8 +1,6 @@
 // What a session needs of the program.
 #pragma once
 
-#include <cstddef>
-#include <memory>
 #include <string>
 
 #include "base/log.h"
@@ -33,13 +31,6 @@ struct SessionDependencies {
   SessionObserver* observer = nullptr;   // nullptr: nobody counts or records what happens
   std::string log_line = {};             // the place where a session makes its line for the log
   SpareRecipients spare_recipients = {};
-  // Given back for what is said to a client whose session has got no memory.
-  static constexpr std::size_t kMemoryReserve = 8192;
-  std::unique_ptr<char[]> memory_reserve = std::make_unique<char[]>(kMemoryReserve);
-  // Raises nothing: where there is no memory for it, the next session to begin tries again.
-  void RenewMemoryReserve() {
-    if (!memory_reserve) memory_reserve.reset(new (std::nothrow) char[kMemoryReserve]);
-  }
   // A time not long ago, which costs sessions nothing to ask for: whoever runs them sets it twice a second.
   MonotonicTime moment = {};
 };

@@ -110,6 +110,11 @@ void SessionSide::SendHeld() {
   if (const auto held = std::exchange(held_, nullptr)) SendNow(held->bytes, false);
 }
 
+void SessionSide::SayLast(std::string_view words) {
+  RunLogged(dependencies_.log, socket_.Events.Owner, [this] { SendHeld(); });
+  if (!sending_) socket_.SayLast(words);
+}
+
 void SessionSide::SendNow(std::string_view bytes, bool more_follows) {
   if (!IsConnected()) return;
   const ClearAtEnd clear{in_send_};

@@ -63,6 +63,8 @@ class SessionSide {
 
   // Sends what is held.
   void SendHeld();
+  // What CSocketMaster::SayLast does, behind what is held.
+  void SayLast(std::string_view words);
   // Whether bytes wait to be sent; held ones do not count.
   bool Sending() const { return sending_; }
   // Sends nothing unless the peer is connected. With `more_follows` the bytes are held, to leave together

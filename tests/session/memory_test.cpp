@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/text.h"
+#include "net/accept_pause.h"
 #include "session/reported.h"
 #include "support/counted_allocations.h"
 #include "support/scripted_server.h"
@@ -103,6 +104,12 @@ class Program {
     client_ = TestPeer::Connect(test_.fixture.Port());
     if (test_.fixture.OnTlsPort) client_.StartTls({});
     Course course;
+    Settle();
+    // A connection that there was no memory for waits to be accepted.
+    if (client_.Received().empty() && !client_.AtEnd()) {
+      test_.fixture.Time.Advance(AcceptPause::kRetryInterval);
+      Settle();
+    }
     for (const Step& step : Steps()) {
       if (!Say(step, course) || (starts_tls_ && step.said.starts_with("EHLO") && !SecureByStartTls(course)))
         break;
@@ -122,6 +129,20 @@ class Program {
     }
     return course;
   }
+
+  // A client comes when there is no memory at all, and says nothing. What it hears until its connection ends.
+  std::string Meet() {
+    client_ = TestPeer::Connect(test_.fixture.Port());
+    {
+      const FailedAllocation failure(0, FailedAllocation::kAll);
+      Settle();
+      EXPECT_TRUE(failure.HasFailed());
+    }
+    EXPECT_TRUE(client_.AtEnd());
+    return std::exchange(client_.Received(), {});
+  }
+
+  Configuration& Settings() { return test_.fixture.Settings; }
 
   // The server refuses connections from now on; sessions that have one keep it.
   void CloseServer() { test_.fixture.Server().Close(); }
@@ -341,8 +362,7 @@ Outcomes PlayAll(Security security, std::size_t times, bool server_tls = false) 
 TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFails) {
   const Outcomes outcomes = PlayAll(Security::kPlain, 1);
   EXPECT_GT(outcomes.refused, 100U);
-  // Those whose connection has no place among the others.
-  EXPECT_LE(outcomes.hung_up, 2U);
+  EXPECT_EQ(outcomes.hung_up, 0U);
   EXPECT_EQ(outcomes.waited, 0U);
 }
 
@@ -357,7 +377,35 @@ TEST(SessionWithoutMemory, EndsAloneWhicheverAllocationFailsWhenItsServerIsUnder
 }
 
 TEST(SessionWithoutMemory, EndsAloneWhenThereIsNoneForAWhile) {
-  EXPECT_EQ(PlayAll(Security::kPlain, FailedAllocation::kAll).waited, 0U);
+  const Outcomes outcomes = PlayAll(Security::kPlain, FailedAllocation::kAll);
+  EXPECT_GT(outcomes.refused, 100U);
+  EXPECT_EQ(outcomes.hung_up, 0U);
+  EXPECT_EQ(outcomes.waited, 0U);
+}
+
+// Then there is not even a session.
+TEST(SessionWithoutMemory, IsRefusedByWordsThatCanBeRead) {
+  const struct {
+    const char* client;
+    Security security;
+    bool is_balancer;
+    std::string_view heard;
+  } kRows[] = {
+      {"a client", Security::kPlain, false, kUnavailable},
+      {"a client that will start TLS", Security::kStartTls, false, kUnavailable},
+      {"one that speaks TLS at once", Security::kTlsPort, false, ""},
+      {"a balancer, which has not said whose connection it is", Security::kPlain, true, ""},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.client);
+    Program program(row.security);
+    if (row.is_balancer) program.Settings().ProxyProtocolFrom = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
+    EXPECT_EQ(program.Meet(), row.heard);
+    EXPECT_EQ(program.Beside(), "250 ok\r\n");
+    program.ExpectNothingLeft();
+    program.Settings().ProxyProtocolFrom = IPRangeList();
+    EXPECT_EQ(program.Play().end, Course::End::kWhole);
+  }
 }
 
 // That it has no client has to be told, and there is no memory for that.

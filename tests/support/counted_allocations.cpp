@@ -9,6 +9,7 @@ namespace {
 
 std::atomic<bool> counting = false;
 std::atomic<std::size_t> allocations = 0;
+std::atomic<std::size_t> largest = 0;
 std::atomic<std::size_t> left_to_failure = 0;
 std::atomic<std::size_t> failures_left = 0;
 std::atomic<bool> has_failed = false;
@@ -25,7 +26,10 @@ bool Fails() noexcept {
 }
 
 void* Allocate(std::size_t size) noexcept {
-  if (counting) ++allocations;
+  if (counting) {
+    ++allocations;
+    if (size > largest) largest = size;
+  }
   if (Fails()) return nullptr;
   return std::malloc(size == 0 ? 1 : size);
 }
@@ -34,6 +38,7 @@ void* Allocate(std::size_t size) noexcept {
 
 CountedAllocations::CountedAllocations() {
   allocations = 0;
+  largest = 0;
   counting = true;
 }
 
@@ -43,6 +48,10 @@ CountedAllocations::~CountedAllocations() {
 
 std::size_t CountedAllocations::Count() const {
   return allocations;
+}
+
+std::size_t CountedAllocations::Largest() const {
+  return largest;
 }
 
 FailedAllocation::FailedAllocation(std::size_t before, std::size_t times) {

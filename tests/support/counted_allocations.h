@@ -5,7 +5,7 @@
 
 namespace trabex {
 
-// Counts the calls of operator new while it exists; one at a time.
+// Looks at the calls of operator new while it exists; one at a time.
 class CountedAllocations {
  public:
   CountedAllocations();
@@ -14,6 +14,8 @@ class CountedAllocations {
   CountedAllocations& operator=(const CountedAllocations&) = delete;
 
   std::size_t Count() const;
+  // In bytes.
+  std::size_t Largest() const;
 };
 
 // Has calls of operator new find no memory while it exists: the one behind `before` others, or with `times` so many one

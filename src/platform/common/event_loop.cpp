@@ -74,6 +74,7 @@ Timer::Timer(EventLoop& loop, Milliseconds interval, std::function<void()> tick)
     : state_(new State{loop.GetImpl(), {}}) {
   state_->entry.interval = Sane(interval);
   state_->entry.tick = std::move(tick);
+  state_->loop.timers.MakePlace();
 }
 
 Timer::~Timer() {

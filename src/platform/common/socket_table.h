@@ -4,8 +4,9 @@
 #include <cassert>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <limits>
-#include <vector>
+#include <new>
 
 #include "base/endpoint.h"
 #include "platform/common/call_handler.h"
@@ -25,26 +26,22 @@ class SocketTable {
   // The greatest index. It may be smaller where a system keeps it with other things.
   static constexpr std::size_t kMaxIndex = std::numeric_limits<std::int32_t>::max();
 
-  // nullptr for a stale handle. Valid until the next Add.
+  // nullptr for a stale handle. Valid until it is removed.
   Entry* Find(SocketHandle socket) {
-    if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= entries_.size()) return nullptr;
-    Entry& entry = entries_[static_cast<std::size_t>(socket.index)];
+    if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= places_.size()) return nullptr;
+    Entry& entry = At(static_cast<std::size_t>(socket.index));
     return !IsFree(entry) && entry.generation == socket.generation ? &entry : nullptr;
   }
 
   // Raises std::bad_alloc; the socket is still the caller's then.
   template <class Native, class Role>
   SocketHandle Add(Native native, AddressFamily family, Role role, std::size_t max_index = kMaxIndex) {
-    if (free_.empty()) {
-      assert(entries_.size() <= max_index);
-      static_cast<void>(max_index);
-      entries_.emplace_back();
-      free_.reserve(entries_.capacity());  // so that Remove needs no memory
-      free_.push_back(static_cast<std::uint32_t>(entries_.size() - 1));
-    }
-    const std::uint32_t index = free_.back();
-    free_.pop_back();
-    Entry& entry = entries_[index];
+    if (first_free_ == 0) Grow();
+    const std::uint32_t index = first_free_;
+    assert(index <= max_index);
+    static_cast<void>(max_index);
+    first_free_ = places_[index].next_free;
+    Entry& entry = At(index);
     const std::uint32_t generation = entry.generation;
     entry = Entry{};
     entry.generation = generation;
@@ -54,13 +51,23 @@ class SocketTable {
     return {static_cast<std::int32_t>(index), generation};
   }
 
-  // Its handle is stale from now on.
+  // Whether the next Add needs no memory; it sees to that, unless there is none.
+  bool MakeRoom() {
+    try {
+      if (first_free_ == 0) Grow();
+      return true;
+    } catch (const std::bad_alloc&) {
+      return false;
+    }
+  }
+
+  // Its handle is stale from now on. Needs no memory.
   void Remove(SocketHandle socket) {
-    Entry& entry = entries_[static_cast<std::size_t>(socket.index)];
+    Entry& entry = At(static_cast<std::size_t>(socket.index));
     entry.native = Entry{}.native;
     entry.sink = nullptr;
     ++entry.generation;
-    free_.push_back(static_cast<std::uint32_t>(socket.index));
+    AddToFree(static_cast<std::uint32_t>(socket.index));
   }
 
   // Calls the sink, if there is one still. Returns whether there is.
@@ -73,13 +80,28 @@ class SocketTable {
   }
 
   // --- for those who go through all; the first entry is none
-  std::size_t Size() const { return entries_.size(); }
-  Entry& At(std::size_t index) { return entries_[index]; }
+  std::size_t Size() const { return places_.size(); }
+  Entry& At(std::size_t index) { return places_[index].entry; }
   static bool IsFree(const Entry& entry) { return entry.native == Entry{}.native; }
 
  private:
-  std::vector<Entry> entries_{1};
-  std::vector<std::uint32_t> free_;
+  struct Place {
+    Entry entry;
+    std::uint32_t next_free = 0;  // 0: none
+  };
+
+  void Grow() {
+    places_.emplace_back();
+    AddToFree(static_cast<std::uint32_t>(places_.size() - 1));
+  }
+  void AddToFree(std::uint32_t index) {
+    places_[index].next_free = first_free_;
+    first_free_ = index;
+  }
+
+  // It grows by small pieces: where memory is short, one in which thousands of sockets have place is not to be had.
+  std::deque<Place> places_{1};
+  std::uint32_t first_free_ = 0;
 };
 
 }  // namespace trabex

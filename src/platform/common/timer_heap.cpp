@@ -40,6 +40,11 @@ void TimerHeap::MoveDown(std::size_t position) {
   Place(entry, position);
 }
 
+void TimerHeap::MakePlace() {
+  if (entries_ == heap_.capacity()) heap_.reserve(2 * entries_ + 16);
+  ++entries_;
+}
+
 void TimerHeap::Arm(TimerEntry& entry, MonotonicTime deadline) {
   Disarm(entry);
   entry.deadline = deadline;
@@ -88,6 +93,7 @@ std::size_t TimerHeap::CallDue(MonotonicTime now) {
 
 void TimerHeap::Forget(TimerEntry& entry) {
   Disarm(entry);
+  --entries_;
   if (called_ == &entry) called_ = nullptr;
 }
 

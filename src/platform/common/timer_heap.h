@@ -26,7 +26,9 @@ struct TimerEntry {
 // The armed timers, earliest first. Arming and disarming cost O(log n), finding the next one O(1).
 class TimerHeap {
  public:
-  // Arms `entry` (again) for `deadline`.
+  // Makes a place for one entry more, which is Forgotten at its end. Raises std::bad_alloc.
+  void MakePlace();
+  // Arms `entry` (again) for `deadline`; it has a place.
   void Arm(TimerEntry& entry, MonotonicTime deadline);
   // A disarmed entry may be disarmed again.
   void Disarm(TimerEntry& entry);
@@ -44,6 +46,7 @@ class TimerHeap {
   void MoveDown(std::size_t position);
 
   std::vector<TimerEntry*> heap_;
+  std::size_t entries_ = 0;  // armed or not
   std::uint64_t next_order_ = 0;
   TimerEntry* called_ = nullptr;  // the one whose tick runs, nullptr once that one is gone
 };

@@ -433,8 +433,13 @@ void Dialogue::TellOfOwn(ReplyKind kind, std::string_view reply, const DecidingL
                       .ends = ends});
 }
 
-void Dialogue::Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list) {
+bool Dialogue::MaySpeak() const {
   // A balancer that has not said whose connection it is gets no word.
+  return state_.phase != Phase::kProxyHeader && state_.phase != Phase::kTls &&
+         state_.phase != Phase::kStartTls && state_.phase != Phase::kEnding;
+}
+
+void Dialogue::Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list) {
   if (state_.phase == Phase::kProxyHeader) return Enter(PhaseEvent::kEnd);
   std::string reply = commands_.BuildReply(kind, state_);
   const bool readable = state_.phase != Phase::kTls && state_.phase != Phase::kStartTls;

@@ -128,6 +128,8 @@ class Dialogue {
   // replies that refuse no command, such as that of a service that stops. A client whose TLS does not stand
   // yet could not read it: the reply is logged, and the session ends.
   void Say(ReplyKind kind, DialogueActions& actions, const DecidingList& list = {});
+  // Whether the client could read a reply now.
+  bool MaySpeak() const;
 
  private:
   std::size_t TakeHeader(std::string_view bytes, DialogueActions& actions);

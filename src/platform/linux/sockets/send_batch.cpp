@@ -4,8 +4,9 @@ namespace trabex {
 
 SendBatch::Slot SendBatch::Take(SocketHandle socket) {
   if (free_.empty()) {
+    // So that Release needs no memory.
+    if (free_.capacity() <= slots_.size()) free_.reserve(2 * slots_.size() + kMaxDue);
     slots_.emplace_back();
-    free_.reserve(slots_.capacity());  // so that Release needs no memory
     free_.push_back(static_cast<Slot>(slots_.size()));
   }
   const Slot slot = free_.back();

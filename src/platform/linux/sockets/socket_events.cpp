@@ -129,12 +129,18 @@ bool Sockets::Impl::Collect(SocketHandle socket, Entry& entry, std::span<const c
     SendDue();
     return false;
   }
-  if (!waits) {
-    if (batch.IsFull()) SendDue();
-    entry.unsent = batch.Take(socket);
+  try {
+    if (!waits) {
+      if (batch.IsFull()) SendDue();
+      entry.unsent = batch.Take(socket);
+    }
+    batch.Append(entry.unsent, {data.data(), data.size()});
+    return true;
+  } catch (const std::bad_alloc&) {
+    // The kernel has room for what there is none for here.
+    if (entry.unsent != SendBatch::kNone) SendUnsent(socket, entry, true);
+    return false;
   }
-  batch.Append(entry.unsent, {data.data(), data.size()});
-  return true;
 }
 
 bool Sockets::Impl::SendUnsent(SocketHandle socket, Entry& entry, bool more_follows) {

@@ -79,6 +79,7 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
   entry->sink = sink;
   if (sink == nullptr) return 0;
   if (entry->role == Impl::Role::kListening) {
+    entry->accept_armed = true;
     impl_->ArmListener(socket, *entry);
   } else if (entry->pending_unwatched) {
     entry->pending_unwatched = false;
@@ -93,16 +94,22 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   Impl::Entry* const entry = impl_->Find(listener);
   if (entry == nullptr) return kNotSocket;
   SystemAddress address;
-  const int descriptor = Uninterrupted([&] {
-    return accept4(entry->native, address.Get(), address.SizePlace(), SOCK_NONBLOCK | SOCK_CLOEXEC);
-  });
-  const int error = Outcome(descriptor);
+  int descriptor = -1;
+  int error = socket_error::kNoBufferSpace;
+  if (impl_->table.MakeRoom()) {
+    descriptor = Uninterrupted([&] {
+      return accept4(entry->native, address.Get(), address.SizePlace(), SOCK_NONBLOCK | SOCK_CLOEXEC);
+    });
+    error = Outcome(descriptor);
+  }
   entry->accept_armed = true;
   entry->accepted = error == 0;
   if (entry->sink != nullptr) impl_->ArmListener(listener, *entry);
   if (error != 0) return error;
   accepted = impl_->Add(descriptor, entry->family, Impl::Role::kStream);
   impl_->Find(accepted)->write_armed = true;
+  // So that the next one finds its place, whatever becomes of the memory.
+  impl_->table.MakeRoom();
   if (peer != nullptr) *peer = address.ToEndpoint();
   return 0;
 }

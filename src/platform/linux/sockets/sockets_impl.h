@@ -66,7 +66,7 @@ struct Sockets::Impl final : EventSource {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // nullptr for a stale handle. Valid until the next Add.
+  // nullptr for a stale handle. Valid until it is removed.
   Entry* Find(SocketHandle socket) { return table.Find(socket); }
   SocketHandle Add(int descriptor, AddressFamily family, Role role) {
     try {

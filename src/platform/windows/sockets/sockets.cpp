@@ -87,6 +87,7 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
     if (const int error = impl_->Register(socket, *entry); error != 0) return error;
   }
   entry->drained = false;
+  entry->accept_armed = true;
   impl_->MakeDue(socket, *entry);
   return 0;
 }
@@ -94,6 +95,11 @@ int Sockets::Watch(SocketHandle socket, SocketSink* sink) {
 int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* peer) {
   Impl::Entry* const entry = impl_->Find(listener);
   if (entry == nullptr) return kNotSocket;
+  if (!impl_->table.MakeRoom()) {
+    entry->accept_armed = true;
+    impl_->MakeDue(listener, *entry);
+    return socket_error::kNoBufferSpace;
+  }
   SystemAddress address;
   const SOCKET native = accept(entry->native, address.Get(), address.SizePlace());
   const int error = native == INVALID_SOCKET ? WSAGetLastError() : 0;
@@ -111,6 +117,8 @@ int Sockets::Accept(SocketHandle listener, SocketHandle& accepted, Endpoint* pee
   LetSendsShowProgress(native);
   accepted = impl_->Add(native, entry->family, Impl::Role::kStream);
   impl_->Find(accepted)->write_armed = true;
+  // So that the next one finds its place, whatever becomes of the memory.
+  impl_->table.MakeRoom();
   if (peer != nullptr) *peer = address.ToEndpoint();
   return 0;
 }

@@ -58,7 +58,7 @@ struct Sockets::Impl final : EventSource {
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
 
-  // nullptr for a stale handle. Valid until the next Add.
+  // nullptr for a stale handle. Valid until it is removed.
   Entry* Find(SocketHandle socket) { return table.Find(socket); }
   SocketHandle Add(SOCKET native, AddressFamily family, Role role) {
     try {
