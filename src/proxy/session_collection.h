@@ -6,7 +6,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <string>
 #include <string_view>
 
 #include "proxy/session_id.h"
@@ -47,10 +46,11 @@ class SessionCollection {
 
   void DropEmptyPlaces();
 
-  // Both grow by small pieces: where memory is short, one for thousands of sessions is not to be had.
+  // Both grow by small pieces: where memory is short, one for thousands of sessions is not to be had. The keys are those
+  // that the sessions have.
   std::deque<Place> places_;  // in the order of the ids
   SessionId next_id_ = FirstSessionId();
-  std::map<std::string, cProxy*, std::less<>> by_key_;
+  std::map<std::string_view, cProxy*> by_key_;
 };
 
 }  // namespace trabex

@@ -28,7 +28,7 @@ class SocketTable {
 
   // nullptr for a stale handle. Valid until it is removed.
   Entry* Find(SocketHandle socket) {
-    if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= places_.size()) return nullptr;
+    if (socket.index <= 0 || static_cast<std::size_t>(socket.index) >= entries_.size()) return nullptr;
     Entry& entry = At(static_cast<std::size_t>(socket.index));
     return !IsFree(entry) && entry.generation == socket.generation ? &entry : nullptr;
   }
@@ -40,7 +40,7 @@ class SocketTable {
     const std::uint32_t index = first_free_;
     assert(index <= max_index);
     static_cast<void>(max_index);
-    first_free_ = places_[index].next_free;
+    first_free_ = next_free_[index];
     Entry& entry = At(index);
     const std::uint32_t generation = entry.generation;
     entry = Entry{};
@@ -80,27 +80,24 @@ class SocketTable {
   }
 
   // --- for those who go through all; the first entry is none
-  std::size_t Size() const { return places_.size(); }
-  Entry& At(std::size_t index) { return places_[index].entry; }
+  std::size_t Size() const { return entries_.size(); }
+  Entry& At(std::size_t index) { return entries_[index]; }
   static bool IsFree(const Entry& entry) { return entry.native == Entry{}.native; }
 
  private:
-  struct Place {
-    Entry entry;
-    std::uint32_t next_free = 0;  // 0: none
-  };
-
   void Grow() {
-    places_.emplace_back();
-    AddToFree(static_cast<std::uint32_t>(places_.size() - 1));
+    if (next_free_.size() == entries_.size()) next_free_.emplace_back();
+    entries_.emplace_back();
+    AddToFree(static_cast<std::uint32_t>(entries_.size() - 1));
   }
   void AddToFree(std::uint32_t index) {
-    places_[index].next_free = first_free_;
+    next_free_[index] = first_free_;
     first_free_ = index;
   }
 
   // It grows by small pieces: where memory is short, one in which thousands of sockets have place is not to be had.
-  std::deque<Place> places_{1};
+  std::deque<Entry> entries_{1};
+  std::deque<std::uint32_t> next_free_{0};  // of each entry that is free; 0: none
   std::uint32_t first_free_ = 0;
 };
 
