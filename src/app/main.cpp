@@ -10,8 +10,10 @@
 #include "platform/message.h"
 #include "platform/process.h"
 #include "platform/sandbox.h"
+#include "tls/tls_allocation.h"
 
 int main(int argc, char** argv) {
+  trabex::LetTlsUseReserve();
   trabex::PrepareProcess(argc, argv);
   trabex::CommandStreams streams;
   try {

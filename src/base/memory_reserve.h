@@ -1,29 +1,39 @@
-// Memory that is kept for what has to be done when there is none.
+// Memory that is kept for the time when there is none.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <new>
 
 namespace trabex {
 
-// Given back to the system's allocator, it is what the last words to a client are made of.
+// Two pieces. The headroom is given to whoever needs memory and finds none: it is small change for what is there
+// already, such as a line of a session. The rest is given back only for the last words to somebody for whom there is no
+// memory. While either is used up, nothing new should begin. One object at a time gives its headroom, the latest.
 class MemoryReserve {
  public:
-  static constexpr std::size_t kBytes = 16384;
+  static constexpr std::size_t kHeadroom = 65536;
+  static constexpr std::size_t kLastWords = 16384;
 
   // Raises std::bad_alloc.
-  MemoryReserve() : memory_(std::make_unique<char[]>(kBytes)) {}
+  MemoryReserve();
+  ~MemoryReserve();
+  MemoryReserve(const MemoryReserve&) = delete;
+  MemoryReserve& operator=(const MemoryReserve&) = delete;
 
-  void Release() { memory_.reset(); }
-  // Raises nothing; whether there is a reserve now.
-  bool Renew() {
-    if (!memory_) memory_.reset(new (std::nothrow) char[kBytes]);
-    return memory_ != nullptr;
-  }
+  // Gives all of it back.
+  void Release();
+  // Raises nothing: where there is no memory for a piece, that is not there.
+  void Renew();
+  bool IsThere() const { return last_words_ != nullptr && headroom_ != nullptr; }
 
  private:
-  std::unique_ptr<char[]> memory_;
+  static void GiveHeadroom();
+
+  std::unique_ptr<char[]> last_words_;
+  std::atomic<char*> headroom_ = nullptr;  // owned; memory may be out in any thread
+  std::new_handler handler_before_;
 };
 
 }  // namespace trabex

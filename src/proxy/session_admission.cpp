@@ -17,7 +17,8 @@ void cProxy::Begin(SessionDependencies& dependencies, std::int32_t requestID, bo
     return dependencies.sessions.Add(std::make_unique<cProxy>(dependencies));
   };
   cProxy* session = nullptr;
-  bool without_memory = false;
+  // What is left without the reserve is for the sessions that are there.
+  bool without_memory = !dependencies.sockets.Reserve().IsThere();
   try {
     session = &add();
   } catch (const std::bad_alloc&) {
@@ -51,13 +52,16 @@ void cProxy::Init(std::int32_t requestID, bool tls, bool without_memory) {
     StartTime = LastActivity = state_began_ = dependencies_.clock.Monotonic();
     Receiver.Log(log_level::kConnection, "Connection Request.");
     if (tls) dialogue_.ExpectTls();
-    if (without_memory) throw std::bad_alloc();
     const auto max_connections = static_cast<std::size_t>(dependencies_.configuration.MaxConnections);
-    if (max_connections != 0 && dependencies_.sessions.Count() > max_connections) {
+    if (!without_memory && max_connections != 0 && dependencies_.sessions.Count() > max_connections) {
       TellBegin();
       return Refuse(ReplyKind::kTooManyConnections);
     }
-    if (mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.ProxyProtocolFrom)) {
+    const bool is_balancer =
+        mCommon::IPInRangeList(ClientIP(), dependencies_.configuration.ProxyProtocolFrom);
+    if (is_balancer) dialogue_.ExpectHeader();
+    if (without_memory) throw std::bad_alloc();
+    if (is_balancer) {
       ExpectHeader(tls);
     } else {
       AdmitClient(tls);

@@ -15,7 +15,6 @@ void cProxy::ExpectHeader(bool tls) {
   opening_->end = dependencies_.clock.Monotonic() + timeout;
   // A balancer that only looks whether we are there may break the connection off.
   Receiver.LogFailures(false);
-  dialogue_.ExpectHeader();
 }
 
 void cProxy::TakeHeader() {

@@ -142,6 +142,16 @@ class Program {
     return std::exchange(client_.Received(), {});
   }
 
+  // The same when there is memory again for all but the reserve, which has been used up.
+  std::string MeetWithoutReserve() {
+    client_ = TestPeer::Connect(test_.fixture.Port());
+    test_.fixture.BeginsWithoutReserve = true;
+    Settle();
+    test_.fixture.BeginsWithoutReserve = false;
+    EXPECT_TRUE(client_.AtEnd());
+    return std::exchange(client_.Received(), {});
+  }
+
   Configuration& Settings() { return test_.fixture.Settings; }
 
   // The server refuses connections from now on; sessions that have one keep it.
@@ -383,7 +393,7 @@ TEST(SessionWithoutMemory, EndsAloneWhenThereIsNoneForAWhile) {
   EXPECT_EQ(outcomes.waited, 0U);
 }
 
-// Then there is not even a session.
+// There is not even a session, or one that is only told to go: what is left is for those that are there.
 TEST(SessionWithoutMemory, IsRefusedByWordsThatCanBeRead) {
   const struct {
     const char* client;
@@ -401,6 +411,8 @@ TEST(SessionWithoutMemory, IsRefusedByWordsThatCanBeRead) {
     Program program(row.security);
     if (row.is_balancer) program.Settings().ProxyProtocolFrom = IPRangeList({{kIPv4Loopback, kIPv4Loopback}});
     EXPECT_EQ(program.Meet(), row.heard);
+    EXPECT_EQ(program.Beside(), "250 ok\r\n");
+    EXPECT_EQ(program.MeetWithoutReserve(), row.heard);
     EXPECT_EQ(program.Beside(), "250 ok\r\n");
     program.ExpectNothingLeft();
     program.Settings().ProxyProtocolFrom = IPRangeList();

@@ -184,6 +184,7 @@ const IPAddress& SessionFixture::Loopback() const {
 std::unique_ptr<CSocketMaster> SessionFixture::ListenOn(const std::string& address) {
   auto listener = std::make_unique<CSocketMaster>(module_);
   listener->Events.ConnectionRequest = [this](std::int32_t request) {
+    if (BeginsWithoutReserve) module_.Reserve().Release();
     cProxy::Begin(*dependencies_, request, OnTlsPort);
   };
   listener->Bind(0, address);

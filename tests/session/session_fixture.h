@@ -47,8 +47,9 @@ class SessionFixture {
   GreylistCheck* Greylisting = nullptr;
   SessionObserver* Observer = nullptr;
   TlsContexts Tls;
-  bool OnTlsPort = false;       // whether TLS is spoken from the first byte on
-  bool HandshakeAtOnce = true;  // there: each client makes the handshake when it has connected
+  bool OnTlsPort = false;             // whether TLS is spoken from the first byte on
+  bool BeginsWithoutReserve = false;  // the memory of the reserve is gone, and not to be had again
+  bool HandshakeAtOnce = true;        // there: each client makes the handshake when it has connected
   Security ClientSecurity = Security::kPlain;
   // There is a certificate. AUTH is taken in the clear all the same.
   void OfferTls();
