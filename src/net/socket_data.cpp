@@ -1,5 +1,6 @@
 // Sending and receiving of a TCP socket object.
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "net/CSocketMaster_impl.h"
@@ -22,7 +23,13 @@ void CSocketMaster::SendData(std::string_view Data, bool blnMoreFollows) {
   // Sent from where it lies; only what the network does not take is kept.
   int error = 0;
   const std::size_t sent = SendPieces(Data, error, blnMoreFollows);
-  send_.Append(Data.substr(sent));
+  try {
+    send_.Append(Data.substr(sent));
+  } catch (const std::bad_alloc&) {
+    // The peer may have the beginning of what has no end now: nothing else may follow it.
+    write_failed_ = true;
+    throw;
+  }
   FinishFlush(sent, error);
 }
 

@@ -1,5 +1,8 @@
 // Sending, receiving, and how a connection's end is notified.
+#include <new>
+
 #include "net_fixture.h"
+#include "support/counted_allocations.h"
 
 namespace trabex {
 namespace {
@@ -142,6 +145,25 @@ TEST_F(SendTest, ASlowReaderGetsMegabytesInOrder) {
   RunUntilIdle(loop);
   EXPECT_EQ(Ours().PendingBytes(), 0U);
   EXPECT_TRUE(accepted->trace.ends_with(",0) SendComplete"));
+}
+
+// The network took the beginning, and there was no memory for the rest. What came behind it would be taken for that.
+TEST_F(SendTest, NothingFollowsWhatHasLostItsEnd) {
+  peer = std::make_unique<Peer>(loop);
+  peer->ReceiveLittle();
+  Connection();
+  const std::string all = Pattern(12 << 20);
+  {
+    const FailedAllocation failure(0, FailedAllocation::kAll);
+    EXPECT_THROW(Ours().SendData(all), std::bad_alloc);
+  }
+  Ours().SendData("421 the last words");
+  Ours().SayLast("421 the last words");
+  Ours().CloseSck();
+  const std::string got = peer->ReceiveToEnd();
+  EXPECT_GT(got.size(), 0U);
+  EXPECT_LT(got.size(), all.size());
+  EXPECT_TRUE(all.starts_with(got));
 }
 
 TEST_F(SendTest, TheNextSendMayBeginInsideSendComplete) {
