@@ -29,10 +29,7 @@ CSocketMaster::~CSocketMaster() {
   CancelLookups();
   module_.received_->Discard(receive_);
   ReturnPipe();
-  if (!socket_.IsNone()) {
-    module_.pause_.Forget(socket_);
-    module_.CloseSocket(socket_);
-  }
+  if (!socket_.IsNone()) module_.CloseSocket(socket_);
   module_.FinalizeProcesses();
 }
 
@@ -172,7 +169,6 @@ void CSocketMaster::CloseSck() {
                       !(peer_ended && NothingUnsent() && !stream_);
   if (linger) EmptyPipe();
   const trabex::SocketHandle socket = std::exchange(socket_, {});
-  module_.pause_.Forget(socket);
   if (linger) {
     module_.lingering_.Take(socket, std::move(stream_), std::move(send_), peer_ended);
   } else {
@@ -281,6 +277,7 @@ void CSocketMaster::Listen() {
   constexpr const char* kSource = "CSocketMaster.Listen";
   if (state_ != SocketState::sckClosed && state_ != SocketState::sckOpen) RaiseInvalidState(kSource);
   if (!BindInternal(std::nullopt, {})) return;
+  module_.pause_.Add(socket_, *this);
   Check(module_.sockets_.Listen(socket_, 0), kSource);
   state_ = SocketState::sckListening;
 }

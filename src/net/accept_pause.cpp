@@ -1,5 +1,7 @@
 #include "net/accept_pause.h"
 
+#include <algorithm>
+#include <cassert>
 #include <string>
 #include <utility>
 
@@ -8,17 +10,23 @@
 namespace trabex {
 
 AcceptPause::AcceptPause(Sockets& sockets, Log& log)
-    : sockets_(sockets), log_(log), retry_(sockets.Loop(), kRetryInterval, [this] { Resume(); }) {
-  paused_.reserve(kListeners);
-}
+    : sockets_(sockets), log_(log), retry_(sockets.Loop(), kRetryInterval, [this] { Resume(); }) {}
 
 bool AcceptPause::IsExhaustion(int error) {
   return error == socket_error::kTooManyOpenFiles || error == socket_error::kNoBufferSpace;
 }
 
-void AcceptPause::Pause(SocketHandle listener, SocketSink& sink, int error) {
+void AcceptPause::Add(SocketHandle listener, SocketSink& sink) {
+  Forget(listener);  // its first attempt to listen may have failed
+  listeners_.push_back({listener, &sink});
+}
+
+void AcceptPause::Pause(SocketHandle listener, int error) {
+  const auto found = std::find_if(listeners_.begin(), listeners_.end(),
+                                  [&](const Listener& known) { return known.socket == listener; });
+  assert(found != listeners_.end());
+  found->paused = true;
   retry_.Enable();
-  paused_.push_back({listener, &sink});
   sockets_.Watch(listener, nullptr);
   ++attempts_;
   if (std::exchange(exhausted_, true)) return;
@@ -29,8 +37,13 @@ void AcceptPause::Pause(SocketHandle listener, SocketSink& sink, int error) {
   });
 }
 
-void AcceptPause::Forget(SocketHandle listener) {
-  std::erase_if(paused_, [&](const Listener& paused) { return paused.socket == listener; });
+void AcceptPause::Forget(SocketHandle socket) {
+  std::erase_if(listeners_, [&](const Listener& known) { return known.socket == socket; });
+}
+
+bool AcceptPause::IsPausing() const {
+  return std::any_of(listeners_.begin(), listeners_.end(),
+                     [](const Listener& listener) { return listener.paused; });
 }
 
 void AcceptPause::Accepted() {
@@ -40,14 +53,15 @@ void AcceptPause::Accepted() {
 }
 
 void AcceptPause::SocketClosed() {
-  if (!paused_.empty()) Resume();
+  if (IsPausing()) Resume();
 }
 
 void AcceptPause::Resume() {
   retry_.Disable();
   // Each is told of what waits later, in the loop.
-  for (const Listener& listener : paused_) sockets_.Watch(listener.socket, listener.sink);
-  paused_.clear();
+  for (Listener& listener : listeners_) {
+    if (std::exchange(listener.paused, false)) sockets_.Watch(listener.socket, listener.sink);
+  }
   WatchForEnd();
 }
 
@@ -60,7 +74,7 @@ void AcceptPause::WatchForEnd() {
       if (alive.expired()) return;
       RunLogged(log_, "modSocketMaster.WatchForEnd", [&] {
         loop.OnIterationEnd([this, attempts, alive] {
-          if (!alive.expired() && attempts == attempts_ && paused_.empty()) exhausted_ = false;
+          if (!alive.expired() && attempts == attempts_ && !IsPausing()) exhausted_ = false;
         });
       });
     });

@@ -2,7 +2,6 @@
 // listener pauses, instead of failing again and again, and goes on when it may be had.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -26,11 +25,13 @@ class AcceptPause {
   // Whether `error` of an accept means this.
   static bool IsExhaustion(int error);
 
-  // Stops notifying `sink` of `listener`, which just failed to accept with `error`. Writes one line to the
-  // log for the whole period in which they are short.
-  void Pause(SocketHandle listener, SocketSink& sink, int error);
-  // `listener` is closed.
-  void Forget(SocketHandle listener);
+  // `listener`, whose connections `sink` is notified of, may pause from now on. Raises std::bad_alloc.
+  void Add(SocketHandle listener, SocketSink& sink);
+  // Stops notifying the sink of `listener`, which just failed to accept with `error`. Writes one line to the
+  // log for the whole period in which they are short. Needs no memory: otherwise the listener would fail on.
+  void Pause(SocketHandle listener, int error);
+  // `socket`, which may be a listener, is closed.
+  void Forget(SocketHandle socket);
   // A connection has been accepted.
   void Accepted();
   // A descriptor has become free, and some memory: goes on.
@@ -40,18 +41,17 @@ class AcceptPause {
   struct Listener {
     SocketHandle socket;
     SocketSink* sink;
+    bool paused = false;
   };
 
-  // So many can pause without memory.
-  static constexpr std::size_t kListeners = 64;
-
+  bool IsPausing() const;
   void Resume();
   // Ends the period when a whole loop iteration passes without a connection that waits.
   void WatchForEnd();
 
   Sockets& sockets_;
   Log& log_;
-  std::vector<Listener> paused_;
+  std::vector<Listener> listeners_;
   bool exhausted_ = false;      // from the first failure until no connection waits any more
   std::uint64_t attempts_ = 0;  // accepts, failed or not, while exhausted
   Timer retry_;

@@ -72,6 +72,7 @@ void modSocketMaster::Dismiss(std::int32_t requestID, std::string_view last_word
 }
 
 void modSocketMaster::CloseSocket(SocketHandle socket) {
+  pause_.Forget(socket);
   sockets_.Close(socket);
   pause_.SocketClosed();
 }

@@ -130,7 +130,7 @@ void CSocketMaster::OnAccept() {
   modSocketMaster::Unclaimed connection;
   const int error = module_.sockets_.Accept(socket_, connection.socket, &connection.peer);
   if (error == socket_error::kWouldBlock) return;  // it has gone again
-  if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, *this, error);
+  if (AcceptPause::IsExhaustion(error)) return module_.pause_.Pause(socket_, error);
   Check(error, kNotificationSource);
   try {
     module_.pause_.Accepted();

@@ -2,6 +2,7 @@
 #include <deque>
 
 #include "net_fixture.h"
+#include "support/counted_allocations.h"
 #include "support/open_file_limit.h"
 
 namespace trabex {
@@ -312,6 +313,38 @@ TEST_F(ExhaustionTest, ItTriesAgainByItselfWhenDescriptorsBecomeFreeElsewhere) {
   // Then it is over: nothing wakes the loop any more.
   clock.Advance(std::chrono::hours(1));
   EXPECT_FALSE(loop.RunOnce(Milliseconds{0}));
+}
+
+// A listener that cannot pause would fail again and again, for as long as there is no memory.
+TEST_F(ExhaustionTest, EachListenerPausesWithoutMemory) {
+  constexpr std::size_t kMore = 100;
+  std::vector<std::unique_ptr<TracedSocket>> more;
+  std::deque<Peer> callers;
+  std::size_t served = 0;
+  for (std::size_t i = 0; i < kMore; ++i) {
+    TracedSocket& another = *more.emplace_back(std::make_unique<TracedSocket>(module));
+    another->Bind(0, "127.0.0.1");
+    another->Listen();
+    another.On("ConnectionRequest", [&] { ++served; });
+    callers.emplace_back(loop);
+  }
+  NewClients(1);
+  Exhaust(0);
+  // The line of the period needs memory, and comes with the first that pauses.
+  ASSERT_TRUE(RunUntil(loop, [&] { return !log.Lines().empty(); }));
+  for (std::size_t i = 0; i < kMore; ++i) callers[i].Connect((*more[i])->LocalPort());
+  {
+    const FailedAllocation failure(0, FailedAllocation::kAll);
+    // Not until it is idle, for it might never be.
+    for (std::size_t i = 0; i < 2 * kMore; ++i) loop.RunOnce(Milliseconds{0});
+    ExpectSleep();
+  }
+  EXPECT_EQ(log.Lines(), std::vector<std::string>{kLine});
+  EXPECT_EQ(served, 0U);
+  Free();
+  clock.Advance(AcceptPause::kRetryInterval);
+  EXPECT_TRUE(RunUntil(loop, [&] { return served == kMore; }));
+  EXPECT_TRUE(Sessions(1));
 }
 
 TEST_F(ExhaustionTest, APausedListenerMayBeClosed) {
