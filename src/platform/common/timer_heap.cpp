@@ -31,8 +31,8 @@ void TimerHeap::MoveDown(std::size_t position) {
   TimerEntry* const entry = heap_[position];
   for (;;) {
     std::size_t child = 2 * position + 1;
-    if (child >= heap_.size()) break;
-    if (child + 1 < heap_.size() && Earlier(*heap_[child + 1], *heap_[child])) ++child;
+    if (child >= armed_) break;
+    if (child + 1 < armed_ && Earlier(*heap_[child + 1], *heap_[child])) ++child;
     if (!Earlier(*heap_[child], *entry)) break;
     Place(heap_[child], position);
     position = child;
@@ -41,24 +41,22 @@ void TimerHeap::MoveDown(std::size_t position) {
 }
 
 void TimerHeap::MakePlace() {
-  if (entries_ == heap_.capacity()) heap_.reserve(2 * entries_ + 16);
-  ++entries_;
+  heap_.push_back(nullptr);
 }
 
 void TimerHeap::Arm(TimerEntry& entry, MonotonicTime deadline) {
   Disarm(entry);
   entry.deadline = deadline;
   entry.order = next_order_++;
-  heap_.push_back(&entry);
-  MoveUp(heap_.size() - 1);
+  heap_[armed_] = &entry;
+  MoveUp(armed_++);
 }
 
 void TimerHeap::Disarm(TimerEntry& entry) {
   if (entry.position == TimerEntry::kNowhere) return;
   const std::size_t hole = entry.position;
   entry.position = TimerEntry::kNowhere;
-  TimerEntry* const last = heap_.back();
-  heap_.pop_back();
+  TimerEntry* const last = heap_[--armed_];
   if (last == &entry) return;
   Place(last, hole);
   MoveUp(hole);
@@ -66,7 +64,7 @@ void TimerHeap::Disarm(TimerEntry& entry) {
 }
 
 std::optional<MonotonicTime> TimerHeap::NextDeadline() const {
-  if (heap_.empty()) return std::nullopt;
+  if (armed_ == 0) return std::nullopt;
   return heap_.front()->deadline;
 }
 
@@ -75,7 +73,7 @@ std::size_t TimerHeap::CallDue(MonotonicTime now) {
   // every one that was due: reaching such a timer means that the due ones are done.
   const std::uint64_t first_new_order = next_order_;
   std::size_t calls = 0;
-  while (!heap_.empty() && heap_.front()->deadline <= now && heap_.front()->order < first_new_order) {
+  while (armed_ > 0 && heap_.front()->deadline <= now && heap_.front()->order < first_new_order) {
     TimerEntry& entry = *heap_.front();
     MonotonicTime next = entry.deadline + entry.interval;
     if (next <= now) next = now + entry.interval;  // missed ticks are not made up for
@@ -93,7 +91,7 @@ std::size_t TimerHeap::CallDue(MonotonicTime now) {
 
 void TimerHeap::Forget(TimerEntry& entry) {
   Disarm(entry);
-  --entries_;
+  heap_.pop_back();
   if (called_ == &entry) called_ = nullptr;
 }
 

@@ -3,10 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <optional>
-#include <vector>
 
 #include "platform/event_loop.h"
 
@@ -45,8 +45,10 @@ class TimerHeap {
   void MoveUp(std::size_t position);
   void MoveDown(std::size_t position);
 
-  std::vector<TimerEntry*> heap_;
-  std::size_t entries_ = 0;  // armed or not
+  // A place for each entry; the armed ones are in the first of them. It grows by small pieces: where memory is short, one
+  // for the timers of thousands of sessions is not to be had.
+  std::deque<TimerEntry*> heap_;
+  std::size_t armed_ = 0;
   std::uint64_t next_order_ = 0;
   TimerEntry* called_ = nullptr;  // the one whose tick runs, nullptr once that one is gone
 };

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstddef>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -137,6 +138,21 @@ TEST(LittleMemory, IsEnoughForOneSocketMore) {
   }
   EXPECT_GT(allocations.Count(), 0U);
   EXPECT_LE(allocations.Largest(), 65536U);
+}
+
+TEST(LittleMemory, IsEnoughForOneTimerMore) {
+  FakeClock clock;
+  EventLoop loop(clock);
+  std::deque<Timer> timers;
+  std::size_t ticks = 0;
+  const CountedAllocations allocations;
+  for (int i = 0; i < 20000; ++i)
+    timers.emplace_back(loop, Milliseconds{1 + i * 7919 % 1000}, [&] { ++ticks; }).Enable();
+  EXPECT_GT(allocations.Count(), 0U);
+  EXPECT_LE(allocations.Largest(), 65536U);
+  clock.Advance(Milliseconds{500});
+  loop.RunOnce(Milliseconds{0});
+  EXPECT_EQ(ticks, 10000U);
 }
 
 }  // namespace
