@@ -28,6 +28,7 @@ void cProxy::Begin(SessionDependencies& dependencies, std::int32_t requestID, bo
       session = &add();
     } catch (const std::bad_alloc&) {
       Dismiss(dependencies, requestID, tls);
+      dependencies.sockets.Reserve().Renew();
       throw;
     }
   }

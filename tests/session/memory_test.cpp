@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "base/text.h"
-#include "net/accept_pause.h"
 #include "session/reported.h"
 #include "support/counted_allocations.h"
 #include "support/scripted_server.h"
@@ -104,12 +103,6 @@ class Program {
     client_ = TestPeer::Connect(test_.fixture.Port());
     if (test_.fixture.OnTlsPort) client_.StartTls({});
     Course course;
-    Settle();
-    // A connection that there was no memory for waits to be accepted.
-    if (client_.Received().empty() && !client_.AtEnd()) {
-      test_.fixture.Time.Advance(AcceptPause::kRetryInterval);
-      Settle();
-    }
     for (const Step& step : Steps()) {
       if (!Say(step, course) || (starts_tls_ && step.said.starts_with("EHLO") && !SecureByStartTls(course)))
         break;
@@ -418,6 +411,17 @@ TEST(SessionWithoutMemory, IsRefusedByWordsThatCanBeRead) {
     program.Settings().ProxyProtocolFrom = IPRangeList();
     EXPECT_EQ(program.Play().end, Course::End::kWhole);
   }
+}
+
+// There was no memory for a session, not even out of the reserve, and then there is some again.
+TEST(SessionWithoutMemory, LeavesTheReserveToTheOthers) {
+  SessionFixture fixture;
+  fixture.Start();
+  {
+    const FailedAllocation failure(0, 2);
+    EXPECT_THROW(fixture.BeginWithoutConnection(), std::bad_alloc);
+  }
+  EXPECT_TRUE(fixture.Sockets_().Reserve().IsThere());
 }
 
 // That it has no client has to be told, and there is no memory for that.
