@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <new>
 #include <utility>
 
 #include "app/instance_requests.h"
@@ -118,6 +119,19 @@ void frmMain::Show(bool minimized) {
 void frmMain::Form_Unload() {
   if (unloaded_) return;
   unloaded_ = true;
+  // Nothing begins any more that it would have to be kept for.
+  program_.socket_module.Reserve().Release();
+  // Each step is made whatever becomes of the one before.
+  for (const auto step : {&frmMain::EndOwnWork, &frmMain::EndServing, &frmMain::KeepWhatIsToBeKept})
+    RunLogged(program_.log, "frmMain.Form_Unload", [this, step] { (this->*step)(); });
+  try {
+    program_.socket_module.WhenNoneLingers([&loop = program_.loop] { loop.Quit(); });
+  } catch (const std::bad_alloc&) {
+    program_.loop.Quit();
+  }
+}
+
+void frmMain::EndOwnWork() {
   program_.service_notices.Stopping();
   auto_reload_.End();
   requested_reload_.End();
@@ -128,10 +142,16 @@ void frmMain::Form_Unload() {
   view_.Hide();
   viewers_.Close();
   program_.TellWaiting();
+}
+
+void frmMain::EndServing() {
   // A listener itself may be the caller, so they stay until the window goes.
   program_.names->Cancel(std::exchange(server_lookup_, 0));
   listeners_.Close();
   sessions_.ForEach([](cProxy& session) { session.Shutdown(); });
+}
+
+void frmMain::KeepWhatIsToBeKept() {
   program_.control.Close();  // before the save: what is imported is completed
   // A reload may have switched greylisting off and not saved the records.
   if (program_.configuration.GreyListing.Enabled || !program_.greylisting_records->Database().empty()) {
@@ -143,7 +163,6 @@ void frmMain::Form_Unload() {
   program_.log.LogLine(TitleAndVersion() + " stopped.");
   program_.log.Close();
   program_.instance_lock.reset();
-  program_.socket_module.WhenNoneLingers([&loop = program_.loop] { loop.Quit(); });
 }
 
 void frmMain::StartListening(std::function<void(bool listening)> done) {

@@ -90,6 +90,10 @@ class frmMain final {
   void Reloaded(bool succeeded);
 
  private:
+  // The steps of Form_Unload.
+  void EndOwnWork();
+  void EndServing();
+  void KeepWhatIsToBeKept();
   bool WaitForListening();
   bool Listen();
   bool PassesLoopTest(const AddressAnswer& server);

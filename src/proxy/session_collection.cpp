@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "proxy/cProxy.h"
 
@@ -48,13 +46,16 @@ cProxy* SessionCollection::Find(std::string_view key) {
 std::unique_ptr<cProxy> SessionCollection::Remove(std::string_view key) {
   const auto found = by_key_.find(key);
   if (found == by_key_.end()) return nullptr;
-  const auto place =
-      std::lower_bound(places_.begin(), places_.end(), found->second->Id(),
-                       [](const Place& candidate, SessionId id) { return IsBefore(candidate.id, id); });
-  std::unique_ptr<cProxy> session = std::move(place->session);
+  std::unique_ptr<cProxy> session = std::move(From(found->second->Id())->session);
   by_key_.erase(found);
   while (!places_.empty() && !places_.back().session) places_.pop_back();
   return session;
+}
+
+std::deque<SessionCollection::Place>::iterator SessionCollection::From(SessionId id) {
+  return std::lower_bound(places_.begin(), places_.end(), id, [](const Place& candidate, SessionId wanted) {
+    return IsBefore(candidate.id, wanted);
+  });
 }
 
 void SessionCollection::DropEmptyPlaces() {
@@ -74,13 +75,14 @@ SessionId SessionCollection::IdAt(std::size_t index) {
 }
 
 void SessionCollection::ForEach(const std::function<void(cProxy&)>& action) {
-  std::vector<std::string> keys;
-  keys.reserve(Count());
-  for (const Place& place : places_) {
-    if (place.session) keys.push_back(place.session->Key());
-  }
-  for (const std::string& key : keys) {
-    if (cProxy* session = Find(key)) action(*session);
+  if (places_.empty()) return;
+  const SessionId end = places_.back().id + 1;
+  // Places go and come in an action, ids stay.
+  for (SessionId next = places_.front().id; IsBefore(next, end);) {
+    const auto place = From(next);
+    if (place == places_.end()) return;
+    next = place->id + 1;
+    if (place->session && IsBefore(place->id, end)) action(*place->session);
   }
 }
 

@@ -35,7 +35,8 @@ class SessionCollection {
   // first call after a session was removed takes a short step for each session.
   cProxy& At(std::size_t index);
   SessionId IdAt(std::size_t index);
-  // Calls `action` for every session; it may remove any session, those that come meanwhile are not visited.
+  // Calls `action` for every session; it may remove any session, those that come meanwhile are not visited. Needs no
+  // memory.
   void ForEach(const std::function<void(cProxy&)>& action);
 
  private:
@@ -44,6 +45,8 @@ class SessionCollection {
     std::unique_ptr<cProxy> session;  // none: it was removed, and the place is still to go
   };
 
+  // The place of the session with this id, or the first one behind.
+  std::deque<Place>::iterator From(SessionId id);
   void DropEmptyPlaces();
 
   // Both grow by small pieces: where memory is short, one for thousands of sessions is not to be had. The keys are those

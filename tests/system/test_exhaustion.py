@@ -220,6 +220,13 @@ class Memory(Exhausted):
         print("sessions without memory:", ", ".join(f"{count} {end}" for end, count in sorted(all_ends.items())))
 
 
+    def test_end_without_memory(self):
+        """Whoever is there is told so, and the program ends as ever."""
+        self.use_up()
+        self.assertEqual(self.proxy.end(), 0)
+        self.assertEqual(self.session.read_reply()[:3], "421")
+
+
 class MemoryWithServerUnderTls(Memory):
     """The same where each session has TLS with the server, too, and ends with 421 when there is no memory for that."""
 
