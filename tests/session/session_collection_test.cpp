@@ -30,7 +30,7 @@ class SessionCollectionTest : public testing::Test {
   std::string Add() { return sessions.Add(std::make_unique<cProxy>(dependencies)).Key(); }
 
   const Configuration settings = DefaultConfiguration();
-  const FakeClock time;
+  FakeClock time;
   EventLoop loop{time};
   FakeNameLookup names{loop};
   RecordedLog log;

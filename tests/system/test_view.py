@@ -79,8 +79,9 @@ class Pictures(Views):
         self.assertEqual(lines[4:23], [""] * 19)
 
     def test_200x50(self):
-        terminal, lines = self.story(columns=200, rows=50)
-        lines = lines[:50]
+        terminal, _ = self.story(columns=200, rows=50)
+        # The totals may be drawn up to half a second before the charts know of it.
+        lines = terminal.wait_for(lambda lines: [lines[38][71:], lines[43][71:]] == ["max 1", "max 1"], "the charts")[:50]
         self.assertRegex(lines[1], WIDE_HEADER)
         state, helo, sender, recipient = (lines[1].index(name) for name in ("State", "HELO", "Sender", "Recipient"))
         first, second = self.table(lines)
@@ -93,9 +94,11 @@ class Pictures(Views):
         # Both charts: five lines each, the last minute at the right end of 60.
         charts = lines[38:48]
         self.assertTrue(charts[0].startswith("Messages  ") and charts[5].startswith("Refusals  "))
-        self.assertEqual({line[69:70] for line in charts}, {"█"})
-        self.assertEqual((charts[0][71:], charts[4][71:]), ("max 1", "now 1"))
-        self.assertEqual((charts[5][71:], charts[9][71:]), ("max 1", "now 1"))
+        for chart in charts[:5], charts[5:]:
+            # It may have been in the minute before.
+            self.assertIn(chart[4][71:], ("now 1", "now 0"))
+            place = 69 if chart[4][71:] == "now 1" else 68
+            self.assertEqual({line[place:place + 1] for line in chart}, {"█"})
         self.assertEqual(lines[48].split(), ["60", "min", "ago", "45", "30", "15", "now"])
 
     def test_20x5(self):
